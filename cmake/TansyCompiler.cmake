@@ -1,0 +1,34 @@
+# What every target of the project is compiled with.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
+endif()
+
+find_program(TANSY_CCACHE ccache)
+if(TANSY_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${TANSY_CCACHE}")
+endif()
+
+if(MSVC)
+  add_compile_options(/W4 /WX /permissive- /utf-8 /Zc:__cplusplus)
+  add_compile_definitions(_WIN32_WINNT=0x0A00 NOMINMAX)
+else()
+  add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2
+                      -Wno-error=maybe-uninitialized -Werror)
+  # Source paths in log lines and debug information start at the project's folder, wherever it was built.
+  add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-fno-semantic-interposition)
+  endif()
+  add_link_options(-Wl,--as-needed)
+endif()
+
+if(TANSY_SANITIZE)
+  add_compile_options(-fsanitize=${TANSY_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${TANSY_SANITIZE})
+endif()

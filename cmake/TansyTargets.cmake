@@ -1,0 +1,36 @@
+# tansy_platform_library(<name> [PUBLIC <libraries>] [PRIVATE <libraries>])
+#
+# One folder is one library: its *.cpp plus those of posix/ or windows/. The libraries are shared ones, because the module
+# and its host live in one process and must meet the same log, the same message loops and the same listeners.
+function(tansy_platform_library name)
+  cmake_parse_arguments(ARG "" "" "PUBLIC;PRIVATE" ${ARGN})
+  if(WIN32)
+    set(system windows)
+  else()
+    set(system posix)
+  endif()
+  file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp" "${CMAKE_CURRENT_SOURCE_DIR}/${system}/*.cpp")
+  if(sources)
+    add_library(${name} SHARED ${sources})
+    set_target_properties(${name} PROPERTIES WINDOWS_EXPORT_ALL_SYMBOLS ON VERSION ${PROJECT_VERSION}
+                                             SOVERSION ${PROJECT_VERSION_MAJOR})
+    target_include_directories(${name} PUBLIC "$<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform>")
+    target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
+  else()
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE "$<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform>")
+    target_link_libraries(${name} INTERFACE ${ARG_PUBLIC})
+  endif()
+  add_library(Tansy::${name} ALIAS ${name})
+endfunction()
+
+# tansy_unit_test(<name> SOURCES <files> LINK <libraries>)
+#
+# A GoogleTest program; each of its cases becomes one ctest entry, found when ctest runs.
+function(tansy_unit_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests")
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS unit)
+endfunction()

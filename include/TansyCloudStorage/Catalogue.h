@@ -1,0 +1,51 @@
+// Catalogue records, and the bucket functions that a host may call directly once InitObjectServer has returned.
+// Threads: any. Errors: false, with the reason in the log; nothing throws.
+#ifndef TANSY_CLOUD_STORAGE_CATALOGUE_H
+#define TANSY_CLOUD_STORAGE_CATALOGUE_H
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "TansyCloudStorage/Export.h"
+
+namespace Tansy::CloudStorage {
+
+struct BucketInfo {
+  std::uint32_t id = 0;  // row id, given at creation
+  std::string guid;
+  std::string name;
+  std::string reserve;    // carried in memory, copied by ModifyBucket, never stored
+  std::uint32_t acl = 0;  // set to 0 at creation
+  std::string location;
+  std::uint32_t cycle = 0;  // retention cycle
+  std::uint32_t size = 0;
+  std::uint32_t flag = 0;  // must be 1 for AddBucket; never stored
+};
+
+struct ObjectInfo {
+  std::uint32_t id = 0;
+  std::string guid;
+  std::string name;  // object key, the ordering key inside its bucket
+  std::string bucket_name;
+  std::uint64_t size = 0;   // bytes; the database keeps the low 32 bits
+  std::string update_time;  // UTC
+  std::string url;          // location text left by the storage callbacks
+};
+
+// Adds a bucket; writes back `id` and `acl`. False at once unless `flag` is 1.
+TANSY_CLOUD_STORAGE_API bool AddBucket(BucketInfo& bucket);
+// Appends every bucket in name order to `buckets`, which is not cleared first.
+TANSY_CLOUD_STORAGE_API bool GetBucketList(std::vector<BucketInfo>& buckets);
+TANSY_CLOUD_STORAGE_API bool GetBucketByName(BucketInfo& bucket, const std::string& name);
+// Changes name, reserve, location, cycle and size of the bucket with this id. A renamed bucket is still found under its
+// old name until the next start.
+TANSY_CLOUD_STORAGE_API bool ModifyBucket(const BucketInfo& bucket);
+// Removes buckets and the catalogue rows of their objects; stored bytes stay.
+TANSY_CLOUD_STORAGE_API bool DeleteBucket(std::uint32_t id);
+TANSY_CLOUD_STORAGE_API bool DeleteBucket(const std::set<std::uint32_t>& ids);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_CLOUD_STORAGE_CATALOGUE_H

@@ -1,0 +1,54 @@
+// Entry points of the object server.
+//
+// Threads: InitObjectServer is called once by the host, before the others; all others may be called from any thread.
+// Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise.
+#ifndef TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
+#define TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "TansyCloudStorage/Export.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace KivPlatform {
+class IFactoryInterface;
+}
+
+namespace Tansy::CloudStorage {
+
+// Connects to the database (blocks and tries again every 5 s until it accepts), loads the catalogue and opens the
+// listeners; the second form opens HTTPS listeners too. Requests are served once InitPicServer has started the message
+// loop that both servers share. The factory's interfaces are kept for the life of the process. -1 when upload and
+// download port differ (the listeners are open all the same), else the HTTP library's error.
+TANSY_CLOUD_STORAGE_API int InitObjectServer(const StorageServerConfig& config,
+                                             const std::shared_ptr<KivPlatform::IFactoryInterface>& factory);
+TANSY_CLOUD_STORAGE_API int InitObjectServer(const StorageServerConfig_V1& config,
+                                             const std::shared_ptr<KivPlatform::IFactoryInterface>& factory);
+
+// Returns 0 and does nothing: the server lives as long as the process.
+TANSY_CLOUD_STORAGE_API int UninitObjectServer();
+
+// Stops or starts the listeners. 0 also when they are in that state already.
+TANSY_CLOUD_STORAGE_API int SetObjectServerEnable(bool enable);
+
+// The stored location text of an object by its path ("/bucket/key"), without the "pool_name:" prefix. False when the
+// path is no object path or the object does not exist.
+TANSY_CLOUD_STORAGE_API bool GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url);
+
+// Checks a download request that the host received itself, as the server would; on 0 `internal_url` is the location
+// text with its "pool_name:" prefix. Otherwise the error code of the object protocol (-1 to -20).
+TANSY_CLOUD_STORAGE_API int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method,
+                                                    std::string& query, std::map<std::string, std::string>& headers);
+
+// Address updates for both servers (picture server first); they count for the next request. Always 0.
+TANSY_CLOUD_STORAGE_API int UpdateLocalServerIp(const std::string& ip);
+TANSY_CLOUD_STORAGE_API int UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t picture_port,
+                                                std::uint32_t object_port);
+TANSY_CLOUD_STORAGE_API int UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_CLOUD_STORAGE_OBJECT_SERVER_H

@@ -1,0 +1,37 @@
+// Client of the picture protocol.
+#ifndef TANSY_CLOUD_STORAGE_PICTURE_CLIENT_H
+#define TANSY_CLOUD_STORAGE_PICTURE_CLIENT_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "TansyCloudStorage/Export.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::CloudStorage {
+
+// Uploads pictures to a picture server and reads them back. Threads: any number of threads may use one client. Errors:
+// false, with the reason in the log; nothing throws.
+class TANSY_CLOUD_STORAGE_API CPictureClient {
+ public:
+  explicit CPictureClient(const SStorageServerConfig& config);
+
+  // Checks the configuration.
+  bool Init();
+  bool Uninit();
+
+  // Uploads at most 33554432 bytes; `url` becomes the picture's address.
+  bool UploadPicture(std::string& url, const char* data, std::uint32_t size);
+  // `*data` is new[]-allocated; the caller frees it with delete[].
+  bool DownloadPicture(char** data, std::uint32_t& size, const std::string& url);
+  // Pictures are removed by the server's host: does nothing and returns true.
+  bool RemoveFileByUrl(const std::string& url);
+
+ private:
+  std::shared_ptr<SStorageServerConfig> ptr_conf_;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_CLOUD_STORAGE_PICTURE_CLIENT_H

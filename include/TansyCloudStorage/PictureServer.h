@@ -1,0 +1,24 @@
+// Entry points of the picture server, which also owns the message loop that both servers share.
+// Threads: any. Errors: nothing throws; 0 is success.
+#ifndef TANSY_CLOUD_STORAGE_PICTURE_SERVER_H
+#define TANSY_CLOUD_STORAGE_PICTURE_SERVER_H
+
+#include "TansyCloudStorage/Export.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::CloudStorage {
+
+// Starts the shared message loop, then the picture listeners; the second form opens HTTPS listeners too. -1 when upload
+// and download port differ (the listeners are open all the same), else the HTTP library's error.
+TANSY_CLOUD_STORAGE_API int InitPicServer(const StorageServerConfig& config);
+TANSY_CLOUD_STORAGE_API int InitPicServer(const StorageServerConfig_V1& config);
+
+// Stops the picture listeners and then the message loop: object requests are no longer served either.
+TANSY_CLOUD_STORAGE_API int UninitPicServer();
+
+// Stops or starts the picture listeners.
+TANSY_CLOUD_STORAGE_API int SetPicServerEnable(bool enable);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_CLOUD_STORAGE_PICTURE_SERVER_H

@@ -1,0 +1,45 @@
+#ifndef TANSY_PROTO_RAPID_JSON_PROTO_H
+#define TANSY_PROTO_RAPID_JSON_PROTO_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace TansyProto {
+
+// A JSON document read and written by slash paths: "/A/B" is member B of member A of the root object; "/List[1]/PoolID"
+// is member PoolID of the first element (counted from 1) of the array List. Writing creates what is missing, in the
+// order of the calls; an index may be at most one beyond what exists. Threads: one document belongs to one thread at a
+// time. Nothing throws.
+class CRapidJsonProto {
+ public:
+  CRapidJsonProto();
+  ~CRapidJsonProto();
+  CRapidJsonProto(CRapidJsonProto&&) noexcept;
+  CRapidJsonProto& operator=(CRapidJsonProto&&) noexcept;
+
+  // Replaces the document. False (and an empty document) when the text is not one JSON value in UTF-8 or nests deeper
+  // than 64 levels.
+  bool Parse(std::string_view text);
+
+  bool Has(const std::string& path) const;
+  // A string member as it is, a number or boolean as its text; `missing` otherwise.
+  std::string GetString(const std::string& path, const std::string& missing = {}) const;
+  std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
+
+  bool SetString(const std::string& path, const std::string& value);
+  bool SetInt(const std::string& path, std::int64_t value);
+  bool SetBool(const std::string& path, bool value);
+
+  // The document as compact text.
+  std::string Serialize() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyProto
+
+#endif  // TANSY_PROTO_RAPID_JSON_PROTO_H

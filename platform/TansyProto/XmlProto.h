@@ -1,0 +1,51 @@
+#ifndef TANSY_PROTO_XML_PROTO_H
+#define TANSY_PROTO_XML_PROTO_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace TansyProto {
+
+// An XML document read and written by element paths.
+//
+// A path is "/Root/Child/Part[3]/Size": names separated by slashes, an index in square brackets selecting the n-th
+// child of that name, counted from 1 (no index means the first). Writing creates what is missing, in the order of the
+// calls; an index may be at most one beyond what exists. Reading or writing the elements of a list one after another
+// costs constant time for each. Threads: one document belongs to one thread at a time. Nothing throws.
+class CXmlProto {
+ public:
+  CXmlProto();
+  ~CXmlProto();
+  CXmlProto(CXmlProto&&) noexcept;
+  CXmlProto& operator=(CXmlProto&&) noexcept;
+
+  // Replaces the document. False (and an empty document) when the text is not well-formed XML with one root element,
+  // holds a document type declaration, or nests deeper than 64 elements.
+  bool Parse(std::string_view text);
+
+  bool Has(const std::string& path) const;
+  // Text of the element, white space kept; `missing` when there is no such element.
+  std::string GetString(const std::string& path, const std::string& missing = {}) const;
+  // Decimal integer of the element; `missing` when the element is missing, empty or not a decimal integer of 64 bits.
+  std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
+
+  // False when the path is malformed, names a second root, or skips an index.
+  bool SetString(const std::string& path, const std::string& value);
+  bool SetInt(const std::string& path, std::int64_t value);
+  // Makes the element without text, so that an empty list is still there.
+  bool SetEmpty(const std::string& path);
+
+  // The document as text with an XML declaration (UTF-8), without indentation. False when the document is empty.
+  bool Serialize(std::string& text) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyProto
+
+#endif  // TANSY_PROTO_XML_PROTO_H

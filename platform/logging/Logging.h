@@ -1,0 +1,110 @@
+// The host's logging facility.
+//
+// A diagnostic is one call with a level, a module tag, a printf format, the caller's qualified function name, the
+// arguments, and the source file and line. TANSY_LOG supplies what only the call site knows. Formats start with "[%s]"
+// (function name) and end with "[%s(%d)]" (file and line); they stay whole and literal in the code, because people
+// search logs for them.
+//
+// Threads: every function here may be called from any thread at any time. Nothing throws.
+#ifndef TANSY_LOGGING_LOGGING_H
+#define TANSY_LOGGING_LOGGING_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace logging {
+
+enum Level : int {
+  kTrace = 2,     // every request, every URL sent, parsed parts
+  kNotable = 3,   // normal events worth keeping
+  kDatabase = 4,  // a statement, a connection or a sequence failed
+  kError = 5,     // a check, a start, a stop or a send failed
+};
+
+// One finished line as a sink receives it. The views live only as long as the call.
+struct Record {
+  int level = 0;
+  std::string_view module;    // tag of the library that speaks, such as "platform.LocalStorage"
+  std::string_view format;    // the literal format, for tests and for grouping
+  std::string_view text;      // the rendered line, without a line end
+  std::uint32_t repeats = 0;  // how many equal lines of this call site were held back before this one
+};
+
+// Where lines go. `Write` may be called by several threads at once and must not log.
+class ISink {
+ public:
+  virtual ~ISink() = default;
+  virtual void Write(const Record& record) = 0;
+  virtual void Flush() {}
+};
+
+// Replaces the sink; lines under way still reach the old one. An empty pointer discards lines. Until the first call
+// lines of level kError go to standard error.
+void SetSink(std::shared_ptr<ISink> sink);
+
+// The lowest level that is written; lines below cost one comparison. Default kNotable.
+void SetLowestLevel(int level);
+inline std::atomic<int>& LowestLevelStorage() {
+  extern std::atomic<int> g_lowest_level;
+  return g_lowest_level;
+}
+inline bool IsEnabled(int level) {
+  return level >= LowestLevelStorage().load(std::memory_order_relaxed);
+}
+
+// Equal lines of one call site within this many milliseconds are counted and summed up in one line; 0 (the default)
+// writes each of them.
+void SetRepeatWindow(std::uint32_t milliseconds);
+
+// Waits until everything written so far has left the process.
+void Flush();
+
+// Per call site, made by TANSY_LOG: what the repeat window needs to remember.
+struct CallSite {
+  std::atomic<std::uint64_t> last_hash{0};
+  std::atomic<std::int64_t> window_end_ms{0};
+  std::atomic<std::uint32_t> held_back{0};
+};
+
+// `function` is the qualified name; it and the file and line are also the first and last arguments of the format.
+void Write(CallSite& site, int level, const char* module, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 4, 5)))
+#endif
+    ;
+
+// Cuts "int Tansy::CloudStorage::CObjectServer::Init(const X&)" down to "Tansy::CloudStorage::CObjectServer::Init" when
+// the call site is compiled. `Length` includes the terminating NUL of the compiler's text.
+template <std::size_t Length>
+struct QualifiedName {
+  char text[Length]{};
+};
+template <std::size_t Length>
+consteval QualifiedName<Length> CutQualifiedName(const char (&pretty)[Length]);
+
+}  // namespace logging
+
+#include "logging/QualifiedName.inl"
+
+#if defined(_MSC_VER)
+#define TANSY_FUNCTION_TEXT __FUNCSIG__
+#else
+#define TANSY_FUNCTION_TEXT __PRETTY_FUNCTION__
+#endif
+
+// TANSY_LOG(level, module, "[%s]text %d[%s(%d)]", 5): function name, file and line are added around the arguments.
+#define TANSY_LOG(level, module, format, ...)                                                                  \
+  do {                                                                                                         \
+    if (::logging::IsEnabled(level)) {                                                                         \
+      static ::logging::CallSite tansy_call_site;                                                              \
+      static constexpr auto tansy_function = ::logging::CutQualifiedName(TANSY_FUNCTION_TEXT);                 \
+      ::logging::Write(tansy_call_site, level, module, format, tansy_function.text __VA_OPT__(, ) __VA_ARGS__, \
+                       __FILE__, __LINE__);                                                                    \
+    }                                                                                                          \
+  } while (false)
+
+#endif  // TANSY_LOGGING_LOGGING_H

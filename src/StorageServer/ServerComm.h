@@ -1,0 +1,35 @@
+// Text helpers of the two servers, also used by the clients: dates, query text, request signatures.
+// Threads: all may be called from any thread; nothing throws.
+#ifndef TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
+#define TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace Tansy::CloudStorage {
+
+// Scheme word of the Authorization header and of tokens.
+const std::string& AuthPrefix();
+
+// The current time as an HTTP date whose day is padded with a blank: "Tue,  3 Nov 2026 08:05:09 GMT". Empty when the
+// clock cannot be converted.
+std::string FormatHttpDate();
+
+// Percent-decoding of query text: "+" becomes a blank, "%XX" its byte, except that escaped letters and digits stay
+// escaped. False when `output_size` is less than `input_length`.
+bool UrlQueryDecode(char* output, std::int32_t output_size, const char* input, std::int32_t input_length);
+// The decoded text, or the text itself when it cannot be decoded.
+std::string DecodeHttpUrlQuery(const std::string& text);
+// Splits "a=1&b=2" into `values`; pieces without "=" are skipped, a later key overwrites an earlier one. Always 0.
+std::int32_t ParseHttpUrlQuery(std::map<std::string, std::string>& values, const std::string& query);
+
+// Base64 of the HMAC-SHA1 (RFC 2104) of `text` under `key`; empty when the library refuses.
+std::string SignHmacSha1(std::string_view text, std::string_view key);
+// True when `signature` is that of `text` under `sk`, byte for byte, compared in constant time.
+bool CheckHMACResult(const std::string& text, const std::string& sk, const std::string& signature);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
