@@ -8,7 +8,6 @@ find_package(SQLite3 REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(tomlplusplus REQUIRED)
-find_package(PostgreSQL REQUIRED)
 
 if(TANSY_BUILD_TESTS)
   find_package(GTest REQUIRED)
