@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs what is missing and builds.
+# usage: scripts/build.sh [PRESET [TARGET...]]      PRESET: release (default), debug, asan-ubsan, tsan
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+preset=${1:-release}
+shift $(($# > 0 ? 1 : 0))
+
+scripts/dependencies.sh
+cmake --preset "$preset" ${TANSY_CMAKE_ARGS:-} >/dev/null
+targets=()
+for target in "$@"; do
+  targets+=(--target "$target")
+done
+cmake --build --preset "$preset" "${targets[@]}"

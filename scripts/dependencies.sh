@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs what the build needs and this machine lacks, from Debian's packages. Says what it installs; installs nothing twice.
+# usage: scripts/dependencies.sh [--lint]
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build ccache pkg-config
+  libboost1.81-dev libssl-dev libpugixml-dev rapidjson-dev libsqlite3-dev
+  libspdlog-dev libcli11-dev libtomlplusplus-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  openssl curl
+)
+if [[ "${1:-}" == --lint ]]; then
+  packages+=(clang-format-14 clang-tidy-14)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  state=$(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null || true)
+  [[ "$state" == ii* ]] || missing+=("$package")
+done
+if ((${#missing[@]} == 0)); then
+  exit 0
+fi
+
+as_root=()
+if ((EUID != 0)); then
+  if ! command -v sudo >/dev/null; then
+    echo "dependencies: missing: ${missing[*]}; install them as root, or install sudo" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+
+echo "dependencies: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# Fails on an include line that points the wrong way, and on system conditionals where they do not belong.
+# usage: layers.sh SOURCE_FOLDER
+set -uo pipefail
+cd "$1" || exit 2
+
+failures=0
+complain() {
+  echo "layers: $1"
+  failures=$((failures + 1))
+}
+
+# What each folder may include of the project: words are the first component of a quoted include.
+declare -A allowed=(
+  [platform/logging]="logging"
+  [platform/OSAL]="OSAL"
+  [platform/TansyBase]="TansyBase OSAL logging"
+  [platform/KivPlatform]="KivPlatform"
+  [platform/TansyProto]="TansyProto logging"
+  [platform/TansyNet]="TansyNet TansyBase OSAL logging"
+  [platform/db_layer]="db_layer TansyBase OSAL logging"
+  [platform/sqlbuilder]="sqlbuilder db_layer"
+  [include]="TansyCloudStorage"
+  [src]="StorageServer StorageClient TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
+  [host]="host TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
+  [cli]="cli TansyCloudStorage TansyNet TansyBase TansyProto OSAL logging"
+)
+
+# Headers that cost seconds to compile; a header that others include must not bring them along.
+heavy='<(boost/(asio|beast)|spdlog|regex|iostream|rapidjson|pugixml|sqlite3|CLI|toml)'
+
+check_folder() {
+  local folder=$1 words=" ${allowed[$1]} " file include first
+  while IFS=: read -r file include; do
+    first=${include%%/*}
+    # A plain name is a file beside the one that includes it (src/ has two such files at its root).
+    if [[ "$first" == "$include" ]]; then
+      [[ -e "$(dirname "$file")/$include" || ("$folder" == src && -e "src/$include") ]] ||
+        complain "$file includes \"$include\", which is not beside it"
+    elif [[ "$words" != *" $first "* ]]; then
+      complain "$file includes \"$include\": $folder may not use $first"
+    fi
+  done < <(grep -rEo --include='*.h' --include='*.cpp' --include='*.inl' '^#include "[^"]+"' "$folder" |
+    sed -E 's/#include "([^"]+)"/\1/')
+}
+
+for folder in "${!allowed[@]}"; do
+  check_folder "$folder"
+done
+
+# The module knows the standard library, OpenSSL's HMAC and Boost.System, and nothing else of the outside.
+while IFS=: read -r file include; do
+  case "$include" in
+    openssl/hmac.h | openssl/evp.h | openssl/crypto.h | boost/system/*) ;;
+    */* | *.h) complain "$file includes <$include>: the module may not" ;;
+  esac
+done < <(grep -rEo --include='*.h' --include='*.cpp' '^#include <[^>]+>' src include | sed -E 's/#include <([^>]+)>/\1/')
+
+# Only posix/ and windows/ folders know the operating system; the two lines named here are about compilers.
+while IFS= read -r line; do
+  case "$line" in
+    include/TansyCloudStorage/Export.h:* | platform/logging/*) ;;
+    */posix/* | */windows/*) ;;
+    *) complain "system conditional outside posix/ and windows/: $line" ;;
+  esac
+done < <(grep -rnE --include='*.h' --include='*.cpp' --include='*.inl' \
+  '^[[:space:]]*#[[:space:]]*(el)?if.*(_WIN32|_WIN64|_MSC_VER|__linux__|__unix__|__APPLE__)' include src platform)
+
+# Heavy headers stay inside the folder whose sources need them.
+while IFS= read -r header; do
+  name=${header#platform/}
+  folder=$(dirname "$header")
+  users=$(grep -rlF --include='*.h' --include='*.cpp' "#include \"$name\"" include src platform host cli | grep -v "^$folder/")
+  [[ -z "$users" ]] || complain "$header brings in a heavy header and is included by: $users"
+done < <(grep -rlE --include='*.h' "^#include $heavy" platform src include)
+if grep -rnE --include='*.h' "^#include $heavy" include src; then
+  complain "the module's headers bring in the heavy headers above"
+fi
+
+((failures == 0)) || exit 1
+echo "layers: every include points the right way"
