@@ -1,0 +1,23 @@
+#ifndef TANSY_SRC_STORAGE_SERVER_SERVER_MSG_LOOP_H
+#define TANSY_SRC_STORAGE_SERVER_SERVER_MSG_LOOP_H
+
+#include "Singleton.h"
+#include "TansyBase/MessageLoop.h"
+
+namespace Tansy::CloudStorage {
+
+// The message loop on which both servers answer their requests. The picture server starts and stops it; what the object
+// server posts before that waits.
+class CServerMsgLoop : public TansyBase::CMessageLoopDyThreadPool {
+ public:
+  static CServerMsgLoop& Instance();
+
+ private:
+  friend class CSingleton<CServerMsgLoop>;
+  CServerMsgLoop() = default;
+  ~CServerMsgLoop() override = default;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_SERVER_MSG_LOOP_H
