@@ -14,9 +14,12 @@ struct ObjectImpl;
 
 // Uploads, downloads and removes objects of one server and pool. A thin handle: copies share configuration, time-outs
 // and last error. Threads: any number of threads may use one client. Errors: false, the reason in GetLastError and in
-// the log; nothing throws.
+// the log; no operation throws, and what a progress callback throws ends the operation that called it.
 //
-// URLs are object paths as the uploads return them: "/" + pool + "/" + key.
+// URLs are object paths as the uploads return them: "/" + pool + "/" + key. They are sent as they are, without
+// percent-encoding: keys hold no blanks, "/", "?" or "#".
+//
+// `data` of an upload points to `size` bytes that stay the caller's.
 class TANSY_CLOUD_STORAGE_API CObjectClient {
  public:
   explicit CObjectClient(const SStorageServerConfig& config);
@@ -29,7 +32,9 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   bool Uninit();
 
   // Uploads a file (path in UTF-8), in parallel parts from 10 MiB on. The path is opened for reading and writing, and a
-  // file that does not exist is made and uploaded empty. The progress callback sees rising values and one final 100.
+  // file that does not exist is made and uploaded empty. The key is a new GUID with the file's extension. Files of
+  // 4 GiB and more are refused, and so are files that become shorter meanwhile. The progress callback sees rising
+  // values and, once the file is open, one final 100, whatever the result; it is called on the calling thread.
   bool UploadFile(std::string& out_url, const std::string& path);
   // Uploads a buffer of at most 32 MiB.
   bool UploadFile(std::string& out_url, const char* data, unsigned int size);
@@ -44,7 +49,8 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   bool UploadFileByPiecesAndFileName(std::string& url, const char* data, unsigned int size, bool last, bool first);
 
   // Downloads into a local file (path in UTF-8); an existing file is overwritten from its start, not truncated. An
-  // empty object makes no file.
+  // empty object makes no file. A failure may leave the file partly written, and from 10 MiB on even open until the
+  // process ends, so that another attempt at the same path fails.
   bool DownloadFile(const std::string& url, const std::string& local_path);
   // Downloads into memory. `*data` is new[]-allocated, one byte longer than `size` and NUL-terminated; the caller frees
   // it with delete[].

@@ -1,0 +1,342 @@
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageClient/LocalFileRead.h"
+#include "StorageClient/ObjectClientGuard.h"
+#include "StorageClient/ObjectImpl.h"
+#include "StorageClient/ObjectMultipartUpload.h"
+#include "StorageClient/ObjectProtoClient.h"
+#include "StorageClient/PartUploadRegistry.h"
+#include "StorageServer/ServerComm.h"
+#include "TansyBase/FileUtil.h"
+#include "TansyBase/GuidUtil.h"
+#include "TansyBase/StringUtil.h"
+#include "TansyCloudStorage/ObjectClient.h"
+#include "TansyNet/HttpClient.h"
+#include "TansyProto/XmlProto.h"
+
+using TansyBase::CLocalFile;
+using TansyBase::StringUtil;
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+constexpr std::uint32_t kMultipartFrom = 10485760;
+constexpr std::int32_t kAllDone = 100;
+
+// Closes the file on every way out of an upload; a CLocalFile by itself stays open.
+class CFileCloser {
+ public:
+  explicit CFileCloser(CLocalFile& file) : file_(file) {}
+  ~CFileCloser() { file_.Close(); }
+  CFileCloser(const CFileCloser&) = delete;
+  CFileCloser& operator=(const CFileCloser&) = delete;
+
+ private:
+  CLocalFile& file_;
+};
+
+// The last dot of the file's own name and what follows it; empty without a dot.
+std::string GetFileExtension(const std::string& path) {
+  const std::size_t dot = path.rfind('.');
+  const std::size_t separator = path.find_last_of("/\\");
+  if (dot == std::string::npos || (separator != std::string::npos && dot < separator)) {
+    return {};
+  }
+  return path.substr(dot);
+}
+
+// One upload of one local file.
+struct SFileUpload {
+  std::shared_ptr<ObjectImpl> conf;
+  std::string path;
+  std::string local_path;  // for log lines
+  std::string key;
+  CLocalFile file;
+};
+
+bool GetSize(SFileUpload& upload, std::uint32_t& size) {
+  const std::uint32_t error = upload.file.GetSize(size);
+  if (error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]ftell file failed!file[%s],errno[%d][%s(%d)]", upload.local_path.c_str(), error);
+    upload.conf->last_error.Set(kLocalFile,
+                                StringUtil::str_fmt("ftell file[%s] failed[%d].", upload.path.c_str(), error));
+    return false;
+  }
+  return true;
+}
+
+bool UploadWhole(SFileUpload& upload, CObjectProtoClient& client, const std::string& node, std::uint32_t size) {
+  const auto buffer = std::make_unique_for_overwrite<char[]>(size + 1);
+  const std::uint32_t error = ReadExactly(upload.file, buffer.get(), size);
+  if (error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]read_elements != 1, error[%d][%s(%d)]", error);
+    upload.conf->last_error.Set(kLocalFile,
+                                StringUtil::str_fmt("fread file[%s] failed[%d].", upload.path.c_str(), error));
+    return false;
+  }
+  std::string url;
+  if (!client.UploadObject(url, node, upload.key, buffer.get(), size)) {
+    CLOUD_LOG(logging::kError, "[%s]upload file[%s] failed, get best node failed.[%s(%d)]", upload.local_path.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool UploadOpenFile(SFileUpload& upload) {
+  const CFileCloser closer(upload.file);
+  std::uint32_t size = 0;
+  if (!GetSize(upload, size)) {
+    return false;
+  }
+  const auto client = std::make_shared<CObjectProtoClient>();
+  std::string node;
+  if (!client->Init(upload.conf) || !client->GetBestNode(node, upload.key)) {
+    CLOUD_LOG(logging::kError, "[%s]upload file[%s] failed, get best node failed.[%s(%d)]", upload.local_path.c_str());
+    return false;
+  }
+  if (size < kMultipartFrom) {
+    return UploadWhole(upload, *client, node, size);
+  }
+  return CObjectMultipartUpload(upload.conf, client, upload.path, upload.local_path, upload.key, node)
+      .Run(upload.file, size);
+}
+
+bool UploadBuffer(const std::shared_ptr<ObjectImpl>& conf, std::string& out_url, const char* data, unsigned int size) {
+  CObjectProtoClient client;
+  const std::string key = TansyBase::GuidUtil::CreateGuid() + ".pfile";
+  std::string node;
+  if (!client.Init(conf) || !client.GetBestNode(node, key)) {
+    CLOUD_LOG(logging::kError, "[%s]upload file failed, object key[%s] get best node failed.[%s(%d)]", key.c_str());
+    return false;
+  }
+  if (!client.UploadObject(out_url, node, key, data, size)) {
+    CLOUD_LOG(logging::kError, "[%s]upload file failed, object key[%s] upload failed.[%s(%d)]", key.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace details
+
+CObjectClient::CObjectClient(const SStorageServerConfig& config) : ptr_conf_(std::make_shared<ObjectImpl>(config)) {}
+CObjectClient::CObjectClient(const CObjectClient& other) = default;
+CObjectClient& CObjectClient::operator=(const CObjectClient& other) = default;
+CObjectClient::~CObjectClient() = default;
+
+bool CObjectClient::Init() {
+  return RunGuarded([this] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]config ptr is null.[%s(%d)]");
+      return false;
+    }
+    const SStorageServerConfig& config = ptr_conf_->config;
+    if (config.sk.empty() || config.ak.empty() || config.ip.empty() || config.pool_name.empty()) {
+      CLOUD_LOG(logging::kError, "[%s]sk[%s] , ak[%s], ip[%s], pool name[%s] is invalid.[%s(%d)]", config.ak.c_str(),
+                config.sk.c_str(), config.ip.c_str(), config.pool_name.c_str());
+      ptr_conf_->last_error.Set(kBadArgument, "ak/sk empty or ip & pool name empty.");
+      return false;
+    }
+    if (config.upload_port == 0 || config.download_port == 0) {
+      CLOUD_LOG(logging::kError, "[%s]upload port[%d] , download port[%d] is invalid.[%s(%d)]", config.upload_port,
+                config.download_port);
+      ptr_conf_->last_error.Set(kBadArgument, "upload port or download port is 0.");
+      return false;
+    }
+    CPartUploadRegistry::Instance();
+    return true;
+  });
+}
+
+bool CObjectClient::Uninit() {
+  return RunGuarded([] {
+    CPartUploadRegistry::Instance();
+    return true;
+  });
+}
+
+bool CObjectClient::UploadFile(std::string& out_url, const std::string& path) {
+  return RunGuarded([&] {
+    if (path.empty()) {
+      CLOUD_LOG(logging::kError, "[%s]path is empty.[%s(%d)]");
+      ptr_conf_->last_error.Set(kBadArgument, "file path is empty.");
+      return false;
+    }
+    details::SFileUpload upload;
+    upload.conf = ptr_conf_;
+    upload.path = path;
+    upload.local_path = StringUtil::UTF8ToLocal(path);
+    const std::uint32_t error = upload.file.OpenAlways(path);
+    if (error != 0) {
+      CLOUD_LOG(logging::kError, "[%s]open file failed[%s], error[%d].[%s(%d)]", upload.local_path.c_str(), error);
+      ptr_conf_->last_error.Set(kLocalFile, StringUtil::str_fmt("open file[%s] failed[%d].", path.c_str(), error));
+      return false;
+    }
+    upload.key = TansyBase::GuidUtil::CreateGuid() + details::GetFileExtension(path);
+    const bool uploaded = details::UploadOpenFile(upload);
+    if (uploaded) {
+      out_url = ObjectPath(ptr_conf_->config, upload.key);
+    }
+    ReportProgress(ptr_conf_->config, details::kAllDone);
+    return uploaded;
+  });
+}
+
+bool CObjectClient::UploadFile(std::string& out_url, const char* data, unsigned int size) {
+  return RunGuarded([&] {
+    if (size > kMaxBufferUploadBytes) {
+      CLOUD_LOG(logging::kError, "[%s]upload file failed, size[%d] exceed.[%s(%d)]", size);
+      ptr_conf_->last_error.Set(kBadArgument, "file size exceed 32M.");
+      return false;
+    }
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]upload file failed, ptr_conf_ is null.[%s(%d)]");
+      return false;
+    }
+    return details::UploadBuffer(ptr_conf_, out_url, data, size);
+  });
+}
+
+bool CObjectClient::DownloadFile(const std::string& url, const std::string& local_path) {
+  return RunGuarded([&] {
+    CObjectProtoClient client;
+    if (!client.Init(ptr_conf_) || !client.DownloadObject(local_path, url)) {
+      CLOUD_LOG(logging::kError, "[%s]download file failed, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CObjectClient::DownloadFile(char** data, unsigned int& size, const std::string& url) {
+  return RunGuarded([&] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]download file failed, ptr_conf_ is null, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    CObjectProtoClient client;
+    if (!client.Init(ptr_conf_) || !client.DownloadObject(data, &size, "", url)) {
+      CLOUD_LOG(logging::kError, "[%s]download file failed, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CObjectClient::DownloadFile(char** data, unsigned int& size, std::string& range, const std::string& url) {
+  return RunGuarded([&] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]download file failed, ptr_conf_ is null, url[%s], range[%s].[%s(%d)]",
+                url.c_str(), range.c_str());
+      return false;
+    }
+    CObjectProtoClient client;
+    if (!client.Init(ptr_conf_) || !client.DownloadObject(data, &size, range, url)) {
+      CLOUD_LOG(logging::kError, "[%s]download file failed, url[%s], range[%s].[%s(%d)]", url.c_str(), range.c_str());
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CObjectClient::RemoveFileByUrl(const std::string& url) {
+  return RunGuarded([&] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]Remove file failed, ptr_conf_ is null, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    CObjectProtoClient client;
+    if (!client.Init(ptr_conf_) || !client.RemoveFile(url)) {
+      CLOUD_LOG(logging::kError, "[%s]Remove file failed, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CObjectClient::RemoveObjectFileByUrl(const std::string& url) {
+  return RunGuarded([&] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]Remove file failed, ptr_conf_ is null, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    CObjectProtoClient client;
+    if (!client.Init(ptr_conf_) || !client.RemoveObjectFile(url)) {
+      CLOUD_LOG(logging::kError, "[%s]Remove file failed, url[%s].[%s(%d)]", url.c_str());
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CObjectClient::GetStorageVersion(std::string& version, SStorageServerInfo server) {
+  return RunGuarded([&] {
+    SRequestParts parts;
+    parts.method = "GET";
+    parts.host = server.ip + ":" + std::to_string(server.port);
+    parts.url = "http://" + parts.host + "/?version";
+    parts.signed_resource = "?version";  // without the path, unlike every other request
+    parts.content_type = kXmlContentType;
+    const TansyNet::CHttpClientRequest request = CObjectProtoClient::MakeRequest(parts, server.ak, server.sk);
+    CLOUD_LOG(logging::kNotable, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
+
+    TansyNet::CHttpClientResponse rsp;
+    TansyNet::HttpClient::Error error;
+    if (!TansyNet::HttpClient().Send(request, &rsp, &error)) {
+      CLOUD_LOG(logging::kError, "[%s][Client]send get storage version failed, error[%d:%d][%s(%d)]", error.kind,
+                error.detail);
+      ptr_conf_->last_error.Set(
+          kNotSent, StringUtil::str_fmt("Send get storage version msg failed[%d:%d].", error.kind, error.detail));
+      return false;
+    }
+    if (rsp.status != kHttpOk) {
+      CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, error[%d:%s][%s(%d)]", rsp.status,
+                rsp.body.c_str());
+      ptr_conf_->last_error.Set(kUnexpectedAnswer,
+                                StringUtil::str_fmt("get storage version rsp status code[%d].", rsp.status));
+      return false;
+    }
+    TansyProto::CXmlProto xml;
+    if (!xml.Parse(rsp.body)) {
+      CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
+      ptr_conf_->last_error.Set(kUnexpectedAnswer,
+                                StringUtil::str_fmt("get storage version rsp msg invalid[%s].", rsp.body.c_str()));
+      return false;
+    }
+    version = xml.GetString("/CloudVersion/version");
+    CLOUD_LOG(logging::kNotable, "[%s][Client]get storage version success, version[%s][%s(%d)]", version.c_str());
+    return true;
+  });
+}
+
+void CObjectClient::GetLastError(int& code, std::string& message) {
+  int second = 0;
+  GetLastError(code, second, message);
+}
+
+void CObjectClient::GetLastError(int& code, int& second, std::string& message) {
+  RunGuarded([&] {
+    ptr_conf_->last_error.Get(code, second, message);
+    return true;
+  });
+}
+
+void CObjectClient::SetTimeoutConfig(unsigned int receive_ms, unsigned int send_ms) {
+  ptr_conf_->receive_timeout_ms = receive_ms;
+  ptr_conf_->send_timeout_ms = send_ms;
+}
+
+std::string CObjectClient::GetAuthString(const std::string& method, const std::string& content_md5,
+                                         const std::string& content_type, const std::string& date,
+                                         const std::string& extension_headers, const std::string& resource,
+                                         const std::string& sk) {
+  return SignHmacSha1(
+      method + "\n" + content_md5 + "\n" + content_type + "\n" + date + "\n" + extension_headers + "\n" + resource, sk);
+}
+
+}  // namespace Tansy::CloudStorage

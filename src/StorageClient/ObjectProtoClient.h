@@ -1,0 +1,124 @@
+// The requests of the object protocol, client side.
+#ifndef TANSY_SRC_STORAGE_CLIENT_OBJECT_PROTO_CLIENT_H
+#define TANSY_SRC_STORAGE_CLIENT_OBJECT_PROTO_CLIENT_H
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "StorageClient/ObjectImpl.h"
+#include "StorageClient/PartUploadRegistry.h"
+#include "TansyBase/FileUtil.h"
+#include "TansyBase/Noncopyable.h"
+#include "TansyNet/HttpClient.h"
+
+namespace Tansy::CloudStorage {
+
+inline constexpr std::int32_t kHttpOk = 200;
+inline constexpr char kXmlContentType[] = "application/xml; charset=utf-8";
+// The largest answer that is kept in memory: its size, with a NUL behind it, is one that 32 bits hold.
+inline constexpr std::uint64_t kMaxDownloadBytes = 0xFFFFFFFE;
+
+// What distinguishes one signed request from another.
+struct SRequestParts {
+  std::string method;
+  std::string url;              // absolute
+  std::string signed_resource;  // path and query as the server rebuilds them
+  std::string host;             // value of the Host header; empty: the request carries none
+  std::string content_type;
+  const char* body = nullptr;
+  std::uint64_t body_size = 0;
+  bool with_content_md5 = false;  // of the body
+};
+
+// One operation is one HTTP request; nothing is tried again here. Made for one operation of a client, or shared by the
+// parts of one upload. Only status 200 is success. Errors: false, a log line, and (where a request failed) the shared
+// last error.
+//
+// Threads: the requests keep no state and may run at once; a download keeps its state here, one at a time.
+class CObjectProtoClient : private TansyBase::CNoncopyable {
+ public:
+  // False when `conf` is empty; nothing else may then be called.
+  bool Init(const std::shared_ptr<ObjectImpl>& conf);
+
+  // `location` becomes the "host:port" that uploads of this key go to.
+  bool GetBestNode(std::string& location, const std::string& key);
+  // `out_url` becomes the object's path.
+  bool UploadObject(std::string& out_url, const std::string& node, const std::string& key, const char* data,
+                    unsigned int size);
+
+  bool CreatePartTask(std::string& upload_id, const std::string& key);
+  bool UploadPartObject(const std::string& key, const std::string& node, int part_number, const std::string& upload_id,
+                        const char* data, unsigned int size);
+  // `parts` in upload order.
+  bool FinishPartTask(const std::string& upload_id, const std::string& key, std::list<SPartInfo> parts);
+
+  // `url` is an object path. The second frees the stored bytes too.
+  bool RemoveFile(const std::string& url);
+  bool RemoveObjectFile(const std::string& url);
+
+  // A signed request to any base URL with the client's time-outs; true whatever the answer's status. `range` is what
+  // follows "bytes=", or empty. An answer with more than `max_answer_bytes` is an error.
+  bool SendObjectMsg(TansyNet::CHttpClientResponse& rsp, const std::string& base, const std::string& url,
+                     const std::string& method, const std::string& body, const std::string& range,
+                     std::uint64_t max_answer_bytes = kMaxDownloadBytes);
+
+  // Into memory: `*data` is new[]-allocated, `*size` + 1 bytes with a NUL at the end, and the caller's.
+  bool DownloadObject(char** data, unsigned int* size, const std::string& range, const std::string& url);
+  // Into a local file (path in UTF-8).
+  bool DownloadObject(const std::string& local_path, const std::string& url);
+  // One piece of the answer that is streamed into the local file.
+  void RecvMsgCallback(const TansyNet::CHttpClientResponse& rsp, const char* data, unsigned int len,
+                       TansyNet::HttpClient::Error error, bool last);
+
+  // The request with Date and Authorization, and Host, Content-MD5 and content type where asked for.
+  static TansyNet::CHttpClientRequest MakeRequest(const SRequestParts& parts, const std::string& ak,
+                                                  const std::string& sk);
+
+ private:
+  // The same under the configured keys; `base` + `resource` is the URL, `resource` is signed.
+  TansyNet::CHttpClientRequest SignRequest(SRequestParts parts, const std::string& base,
+                                           const std::string& resource) const;
+  bool Remove(const std::string& url, const std::string& resource);
+  // Last error 5 with `message`, or 7 when the server says that it is out of space.
+  void SetUploadError(const TansyNet::CHttpClientResponse& rsp, const std::string& message);
+
+  // The answer to a GET of `url`, or of what it redirects to: false unless its status is 200.
+  bool GetObjectBytes(TansyNet::CHttpClientResponse& rsp, const std::string& url, const std::string& range,
+                      std::uint64_t max_answer_bytes);
+  bool FollowRedirect(TansyNet::CHttpClientResponse& rsp, const std::string& range, std::uint64_t max_answer_bytes);
+  // Cuts an absolute URL after its host and port.
+  bool SplitLocation(const std::string& location, std::string& base, std::string& path);
+  void SetDownloadError(const TansyNet::CHttpClientResponse& rsp);
+
+  // 0 when the server does not say.
+  std::uint64_t GetObjectSize(const std::string& url);
+  bool DownloadByStream(const std::string& url);
+  bool SendStreamRequest(const std::string& base, const std::string& url);
+  bool RedirectStream(const std::string& url);
+  bool DownloadByRanges(const std::string& url);
+  bool AppendRange(const TansyNet::CHttpClientResponse& rsp, std::uint64_t expected_size);
+  bool CreateLocalFile();
+  bool WriteLocalFile(const char* data, std::uint32_t size);
+  void ReportDownloadProgress();
+
+  std::shared_ptr<ObjectImpl> conf_;
+  std::string upload_base_;
+  std::string download_base_;
+  std::string host_;
+
+  // State of a download into a file.
+  std::int32_t file_status_ = -1;  // HTTP status of the streamed answer, or why the local file could not be written
+  std::string redirect_location_;
+  TansyNet::HttpClient::Error stream_error_;
+  std::string local_path_;
+  std::uint64_t total_size_ = 0;
+  std::uint64_t written_size_ = 0;
+  std::int32_t reported_percent_ = 0;
+  TansyBase::CLocalFile file_;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_CLIENT_OBJECT_PROTO_CLIENT_H

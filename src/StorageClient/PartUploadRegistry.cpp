@@ -1,0 +1,121 @@
+#include "StorageClient/PartUploadRegistry.h"
+
+namespace Tansy::CloudStorage {
+
+bool CPartUploadRegistry::AddPart(const std::string& upload_id, const PartRecord& record) {
+  const std::lock_guard lock(part_mutex_);
+  PartRecord& stored = parts_[upload_id][record.part_number] = record;
+  stored.data = nullptr;
+  progress_.try_emplace(upload_id, SUploadProgress{record.total_parts, 0});
+  return true;
+}
+
+bool CPartUploadRegistry::FinishPart(const PartRecord& record) {
+  {
+    const std::lock_guard lock(part_mutex_);
+    const auto parts = parts_.find(record.upload_id);
+    const auto progress = progress_.find(record.upload_id);
+    if (parts == parts_.end() || progress == progress_.end()) {
+      return false;
+    }
+    const auto part = parts->second.find(record.part_number);
+    if (part == parts->second.end()) {
+      return false;
+    }
+    part->second = record;
+    part->second.data = nullptr;
+    ++progress->second.finished;
+  }
+  part_finished_.notify_all();
+  return true;
+}
+
+bool CPartUploadRegistry::QueryParts(const std::string& upload_id, std::int32_t& failed_status, std::int32_t& percent) {
+  const std::lock_guard lock(part_mutex_);
+  const auto parts = parts_.find(upload_id);
+  if (parts == parts_.end() || parts->second.empty()) {
+    return false;
+  }
+  bool finished = true;
+  for (const auto& [number, part] : parts->second) {
+    if (part.status != kPartUploaded) {
+      failed_status = part.status;
+      break;
+    }
+    if (!part.done) {
+      finished = false;
+      break;
+    }
+  }
+  if (finished) {
+    parts_.erase(parts);
+  }
+  const auto progress = progress_.find(upload_id);
+  if (progress != progress_.end() && progress->second.total > 0) {
+    percent = static_cast<std::int32_t>(std::int64_t{progress->second.finished} * 100 / progress->second.total);
+  }
+  return finished;
+}
+
+bool CPartUploadRegistry::HasParts(const std::string& upload_id) {
+  const std::lock_guard lock(part_mutex_);
+  return parts_.contains(upload_id);
+}
+
+std::int32_t CPartUploadRegistry::WaitForFinishedPart(const std::string& upload_id, std::int32_t seen,
+                                                      std::chrono::milliseconds timeout) {
+  std::unique_lock lock(part_mutex_);
+  const auto finished = [&] {
+    const auto progress = progress_.find(upload_id);
+    return progress == progress_.end() ? 0 : progress->second.finished;
+  };
+  part_finished_.wait_for(lock, timeout, [&] { return finished() != seen; });
+  return finished();
+}
+
+bool CPartUploadRegistry::FindTask(const std::string& key, std::int32_t& last_part_number, PieceTask& task) {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  if (found == pieces_.end()) {
+    return false;
+  }
+  task = found->second;
+  if (!task.pieces.empty()) {
+    last_part_number = task.pieces.rbegin()->first;
+  }
+  return true;
+}
+
+bool CPartUploadRegistry::AddTask(const PieceTask& task) {
+  const std::lock_guard lock(piece_mutex_);
+  return pieces_.try_emplace(task.key, task).second;
+}
+
+bool CPartUploadRegistry::AddPiece(const std::string& key, const SPieceEntry& piece) {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  if (found == pieces_.end()) {
+    return false;
+  }
+  found->second.pieces.insert_or_assign(piece.part_number, piece);
+  return true;
+}
+
+bool CPartUploadRegistry::GetAllPieces(const std::string& key, std::list<SPartInfo>& parts) {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  if (found == pieces_.end()) {
+    return false;
+  }
+  for (const auto& [number, piece] : found->second.pieces) {
+    parts.push_back({piece.part_number, piece.size, {}});
+  }
+  return true;
+}
+
+bool CPartUploadRegistry::RemoveTask(const std::string& key) {
+  const std::lock_guard lock(piece_mutex_);
+  return pieces_.erase(key) > 0;
+}
+
+}  // namespace Tansy::CloudStorage
