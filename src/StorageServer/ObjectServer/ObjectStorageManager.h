@@ -8,22 +8,13 @@
 #include <set>
 #include <string>
 
+#include "Singleton.h"
+#include "StorageServer/ObjectServer/CatalogueRecords.h"
+#include "StorageServer/ObjectServer/KeyLocks.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/Catalogue.h"
 
 namespace Tansy::CloudStorage {
-
-// One part of a multipart upload; the row of part 1 also stands for the task.
-struct ObjectTaskInfo {
-  std::uint32_t id = 0;
-  std::string task_id;
-  std::string object_name;
-  std::string bucket_name;
-  std::uint32_t size = 0;
-  std::uint32_t part_num = 0;
-  std::string update_time;
-  std::string url;
-};
 
 // What a task knows of its part size.
 struct PartSizeInfo {
@@ -35,21 +26,13 @@ struct PartSizeInfo {
   std::shared_ptr<std::mutex> file_mutex;  // shared by all writers of the task
 };
 
-struct ObjectNameLess {
-  bool operator()(const ObjectInfo& left, const ObjectInfo& right) const { return left.name < right.name; }
-};
-struct TaskPartLess {
-  bool operator()(const ObjectTaskInfo& left, const ObjectTaskInfo& right) const {
-    return left.task_id != right.task_id ? left.task_id < right.task_id : left.part_num < right.part_num;
-  }
-};
-using ObjectSet = std::set<ObjectInfo, ObjectNameLess>;
-using TaskPartSet = std::set<ObjectTaskInfo, TaskPartLess>;
-
 // The catalogue in memory: the authority for look-ups, written through to the database first.
 //
-// Four groups, each under its own mutex; no method holds two of them at once. Threads: any. Every failure is a log line
-// and a false or non-zero result; nothing throws.
+// Four groups, each under its own mutex; no method holds two of them at once. Around these stand the key locks: whoever
+// adds or removes a bucket or an object holds its name's lock from the first look-up to the last change, database
+// included, so that memory and database always agree on what came last. Order: bucket locks, object locks, one mutex.
+//
+// Threads: any. Every failure is a log line and a false or non-zero result.
 class CObjectStorageManager : private TansyBase::CNoncopyable {
  public:
   static CObjectStorageManager& Instance();
@@ -93,8 +76,16 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool RemovePartSizeInfo(const std::string& task_id);
 
  private:
+  friend class CSingleton<CObjectStorageManager>;
   CObjectStorageManager() = default;
   ~CObjectStorageManager() = default;
+
+  bool LoadBuckets();
+  bool LoadObjects();
+  bool LoadTasks();
+
+  CKeyLocks<8> bucket_locks_;
+  CKeyLocks<32> object_locks_;
 
   std::mutex bucket_mutex_;
   std::map<std::string, BucketInfo> buckets_;

@@ -1,0 +1,41 @@
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BASE_DB_CONN_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BASE_DB_CONN_H
+
+#include <memory>
+#include <string>
+
+#include "Singleton.h"
+#include "TansyBase/Noncopyable.h"
+
+namespace db_layer {
+class CConnect;
+struct DBParam;
+}  // namespace db_layer
+
+namespace Tansy::CloudStorage {
+
+// The module's way to the host's database library. Threads: any; the pool behind it is the only state. Every failure is
+// a log line and false or an empty pointer.
+class CBaseDBLayerConn : private TansyBase::CNoncopyable {
+ public:
+  static CBaseDBLayerConn& Instance();
+
+  // Names the database of the module, opens its pool. May be called again.
+  bool RegisterModule(const db_layer::DBParam& param);
+  // Hands changed parameters to the pool.
+  bool ResetParam(const db_layer::DBParam& param);
+
+  // A pooled connection, given back when the last copy of the pointer is gone. Empty on failure.
+  std::shared_ptr<db_layer::CConnect> ApplyConn();
+  // Runs one statement without rows on a connection of its own. True when it is committed.
+  bool Execute(const std::string& sql);
+
+ private:
+  friend class CSingleton<CBaseDBLayerConn>;
+  CBaseDBLayerConn() = default;
+  ~CBaseDBLayerConn() = default;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BASE_DB_CONN_H

@@ -1,0 +1,49 @@
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_CATALOGUE_RECORDS_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_CATALOGUE_RECORDS_H
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "TansyCloudStorage/Catalogue.h"
+
+namespace Tansy::CloudStorage {
+
+// One part of a multipart upload; the row of part 1 also stands for the task.
+struct ObjectTaskInfo {
+  std::uint32_t id = 0;
+  std::string task_id;
+  std::string object_name;
+  std::string bucket_name;
+  std::uint32_t size = 0;
+  std::uint32_t part_num = 0;
+  std::string update_time;
+  std::string url;
+};
+
+// Objects of a bucket are ordered by name alone, byte by byte. A look-up takes the name as it is, without making a
+// record of it.
+struct ObjectNameLess {
+  using is_transparent = void;
+  bool operator()(const ObjectInfo& left, const ObjectInfo& right) const { return left.name < right.name; }
+  bool operator()(const ObjectInfo& left, std::string_view right) const { return left.name < right; }
+  bool operator()(std::string_view left, const ObjectInfo& right) const { return left < right.name; }
+};
+
+// Parts of a task are ordered by number. The number alone finds one: all parts of a set belong to one task.
+struct TaskPartLess {
+  using is_transparent = void;
+  bool operator()(const ObjectTaskInfo& left, const ObjectTaskInfo& right) const {
+    return left.task_id != right.task_id ? left.task_id < right.task_id : left.part_num < right.part_num;
+  }
+  bool operator()(const ObjectTaskInfo& left, std::uint32_t right) const { return left.part_num < right; }
+  bool operator()(std::uint32_t left, const ObjectTaskInfo& right) const { return left < right.part_num; }
+};
+
+using ObjectSet = std::set<ObjectInfo, ObjectNameLess>;
+using TaskPartSet = std::set<ObjectTaskInfo, TaskPartLess>;
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_CATALOGUE_RECORDS_H

@@ -1,0 +1,253 @@
+#include "StorageServer/ObjectServer/ObjectServerSession.h"
+
+#include <memory>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/ObjectServer/BaseDBConn.h"
+#include "TansyBase/StringUtil.h"
+#include "TansyBase/TimeUtil.h"
+#include "db_layer/DbLayer.h"
+#include "sqlbuilder/SqlBuilder.h"
+
+namespace Tansy::CloudStorage {
+
+using TansyBase::StringUtil;
+
+namespace details {
+namespace {
+
+// The statements write every number as a signed 32-bit one; of a bigger number the low 32 bits remain.
+int ToInt(std::uint64_t value) {
+  return static_cast<int>(static_cast<std::uint32_t>(value));
+}
+
+// And read it back unsigned, so that sizes between 2 and 4 GiB come through.
+std::uint32_t ReadNumber(db_layer::CConnect& row, const char* column) {
+  return static_cast<std::uint32_t>(row.GetInt(std::string(column)));
+}
+
+std::string Protect(const std::string& text) {
+  return StringUtil::StringPreventSQLInjection(text);
+}
+
+std::string DoubleQuotes(const std::string& text) {
+  return StringUtil::StringReplace(text, "'", "''");
+}
+
+std::string NowText() {
+  return TansyBase::TimeUtil::TimeT2StrUTCTimeStamp(TansyBase::TimeUtil::Now());
+}
+
+bool Execute(const std::string& sql) {
+  return CBaseDBLayerConn::Instance().Execute(sql);
+}
+
+BucketInfo ReadBucket(db_layer::CConnect& row) {
+  BucketInfo bucket;
+  bucket.id = ReadNumber(row, "id");
+  bucket.guid = row.GetString("guid");
+  bucket.name = row.GetString("name");
+  bucket.acl = ReadNumber(row, "acl");
+  bucket.location = row.GetString("location");
+  bucket.cycle = ReadNumber(row, "cycle");
+  bucket.size = ReadNumber(row, "size");
+  return bucket;
+}
+
+ObjectInfo ReadObject(db_layer::CConnect& row) {
+  ObjectInfo object;
+  object.id = ReadNumber(row, "id");
+  object.guid = row.GetString("guid");
+  object.name = row.GetString("name");
+  object.bucket_name = row.GetString("bucket_name");
+  object.update_time = row.GetString("update_time");
+  object.url = row.GetString("url");
+  object.size = ReadNumber(row, "size");
+  return object;
+}
+
+ObjectTaskInfo ReadTask(db_layer::CConnect& row) {
+  ObjectTaskInfo task;
+  task.id = ReadNumber(row, "id");
+  task.task_id = row.GetString("task_id");
+  task.object_name = row.GetString("object_name");
+  task.bucket_name = row.GetString("bucket_name");
+  task.size = ReadNumber(row, "size");
+  task.part_num = ReadNumber(row, "part_num");
+  task.update_time = row.GetString("update_time");
+  task.url = row.GetString("url");
+  return task;
+}
+
+}  // namespace
+}  // namespace details
+
+// Runs a select and leaves the function with false when it cannot. A macro, because the line in the log names the
+// function that asked, twice.
+#define SELECT_OR_RETURN(connection, sql)                                                                            \
+  const std::shared_ptr<db_layer::CConnect> connection = CBaseDBLayerConn::Instance().ApplyConn();                   \
+  if (!(connection)) {                                                                                               \
+    return false;                                                                                                    \
+  }                                                                                                                  \
+  if (!(connection)->Query(sql)) {                                                                                   \
+    static constexpr auto name = logging::CutQualifiedName(TANSY_FUNCTION_TEXT);                                     \
+    std::string error;                                                                                               \
+    const int code = (connection)->GetLastError(error);                                                              \
+    CLOUD_LOG(logging::kError, "[%s]%s failed, errorcode:%d, errorinfo:%s[%s(%d)]", name.text, code, error.c_str()); \
+    return false;                                                                                                    \
+  }
+
+std::uint32_t CObjectServerSession::QueryNextID(const std::string& sequence, const std::string& table) {
+  const std::shared_ptr<db_layer::CConnect> connection = CBaseDBLayerConn::Instance().ApplyConn();
+  if (!connection) {
+    static constexpr auto name = logging::CutQualifiedName(TANSY_FUNCTION_TEXT);
+    CLOUD_LOG(logging::kError, "[%s]%s apply conn failed[%s(%d)]", name.text);
+    return kInvalidId;
+  }
+  sqlbuilder::SeqenceBuilder builder(connection);
+  if (!builder.NEXT_VAL(sqlbuilder::seq(sequence), sqlbuilder::tab(table)).Execute()) {
+    CLOUD_LOG(logging::kDatabase, "[%s]NEXT_VAL failedseq:%s  table_name:%s [%s(%d)]", sequence.c_str(), table.c_str());
+    return kInvalidId;
+  }
+  return connection->IsEnd() ? kInvalidId : static_cast<std::uint32_t>(connection->GetInt(0));
+}
+
+bool CObjectServerSession::CreateBucket(BucketInfo& bucket) {
+  const std::uint32_t id = QueryNextID("platform.local_bucket_id_seq", "platform.local_bucket");
+  if (id == kInvalidId) {
+    CLOUD_LOG(logging::kError, "[%s]CreateBucket failed, query next id failed[%s(%d)]");
+    return false;
+  }
+  bucket.id = id;
+  bucket.acl = 0;
+  return details::Execute(StringUtil::str_fmt(
+      "INSERT INTO platform.local_bucket (id, guid, name, acl, location, cycle, size, update_time) VALUES (%d, '%s', "
+      "'%s', %d, '%s', %d, %d, '%s') ",
+      details::ToInt(bucket.id), details::Protect(bucket.guid).c_str(), details::Protect(bucket.name).c_str(),
+      details::ToInt(bucket.acl), details::Protect(bucket.location).c_str(), details::ToInt(bucket.cycle),
+      details::ToInt(bucket.size), details::Protect(details::NowText()).c_str()));
+}
+
+bool CObjectServerSession::ModifyBucket(const BucketInfo& bucket) {
+  return details::Execute(StringUtil::str_fmt(
+      "UPDATE platform.local_bucket SET name='%s', location='%s', cycle=%d, size=%d, update_time='%s' where id=%d;",
+      details::Protect(bucket.name).c_str(), details::Protect(bucket.location).c_str(), details::ToInt(bucket.cycle),
+      details::ToInt(bucket.size), details::Protect(details::NowText()).c_str(), details::ToInt(bucket.id)));
+}
+
+bool CObjectServerSession::DeleteBucket(std::uint32_t id) {
+  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_bucket where id=%d;", details::ToInt(id)));
+}
+
+bool CObjectServerSession::DeleteBuckets(const std::set<std::uint32_t>& ids) {
+  if (ids.empty()) {
+    return true;
+  }
+  std::string list;
+  for (const std::uint32_t id : ids) {
+    list += list.empty() ? "" : ",";
+    list += std::to_string(id);
+  }
+  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_bucket WHERE id IN (%s);", list.c_str()));
+}
+
+bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& buckets) {
+  SELECT_OR_RETURN(rows, "SELECT * FROM platform.local_bucket where is_deleted = 0;")
+  for (; !rows->IsEnd(); rows->MoveNext()) {
+    BucketInfo bucket = details::ReadBucket(*rows);
+    CLOUD_LOG(logging::kNotable, "[%s]get exist bucket:[%s].[%s(%d)]", bucket.name.c_str());
+    std::string name = bucket.name;
+    buckets.emplace(std::move(name), std::move(bucket));
+  }
+  return true;
+}
+
+bool CObjectServerSession::CreateObject(ObjectInfo& object) {
+  const std::uint32_t id = QueryNextID("platform.local_object_id_seq", "platform.local_object");
+  if (id == kInvalidId) {
+    CLOUD_LOG(logging::kError, "[%s]CreateBucket failed, query next id failed[%s(%d)]");
+    return false;
+  }
+  object.id = id;
+  // Time and url are the server's own texts and go in as they are.
+  return details::Execute(StringUtil::str_fmt(
+      "INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) VALUES (%d, '%s', '%s', "
+      "'%s', %d, '%s', '%s') ",
+      details::ToInt(object.id), details::Protect(object.guid).c_str(), details::Protect(object.name).c_str(),
+      details::Protect(object.bucket_name).c_str(), details::ToInt(object.size), object.update_time.c_str(),
+      object.url.c_str()));
+}
+
+bool CObjectServerSession::UpdateObject(const ObjectInfo& object) {
+  return details::Execute(StringUtil::str_fmt(
+      "UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;", details::ToInt(object.size),
+      details::Protect(object.update_time).c_str(), details::Protect(object.url).c_str(), details::ToInt(object.id)));
+}
+
+bool CObjectServerSession::DeleteObjectByBucket(const std::string& bucket_name) {
+  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s';",
+                                              details::Protect(bucket_name).c_str()));
+}
+
+bool CObjectServerSession::DeleteObject(std::uint32_t id) {
+  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where id=%d", details::ToInt(id)));
+}
+
+bool CObjectServerSession::QueryObject(ObjectSet& objects, const std::string& bucket_name) {
+  SELECT_OR_RETURN(rows,
+                   StringUtil::str_fmt("SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='%s';",
+                                       details::DoubleQuotes(bucket_name).c_str()))
+  for (; !rows->IsEnd(); rows->MoveNext()) {
+    objects.insert(details::ReadObject(*rows));
+  }
+  return true;
+}
+
+bool CObjectServerSession::GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks) {
+  SELECT_OR_RETURN(rows, "SELECT * FROM platform.local_object_task where is_deleted = 0")
+  for (; !rows->IsEnd(); rows->MoveNext()) {
+    tasks.push_back(details::ReadTask(*rows));
+  }
+  return true;
+}
+
+bool CObjectServerSession::InsertObjectTask(ObjectTaskInfo& task) {
+  const std::uint32_t id = QueryNextID("platform.local_object_task_id_seq", "platform.local_object_task");
+  CLOUD_LOG(logging::kNotable, "[%s]InsertObjectTask, query next id[%d][%s(%d)]", details::ToInt(id));
+  if (id == kInvalidId) {
+    CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, query next id failed[%s(%d)]");
+    return false;
+  }
+  task.id = id;
+  return details::Execute(StringUtil::str_fmt(
+      "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, size, part_num, update_time, "
+      "url) "
+      "values (%d, '%s', '%s', '%s', %d, %d, '%s', '%s')",
+      details::ToInt(task.id), details::Protect(task.task_id).c_str(), details::Protect(task.object_name).c_str(),
+      details::Protect(task.bucket_name).c_str(), details::ToInt(task.size), details::ToInt(task.part_num),
+      details::Protect(task.update_time).c_str(), details::Protect(task.url).c_str()));
+}
+
+bool CObjectServerSession::UpdateObjectTask(const ObjectTaskInfo& task) {
+  return details::Execute(
+      StringUtil::str_fmt("UPDATE platform.local_object_task set size=%d, update_time='%s', url='%s' where id=%d",
+                          details::ToInt(task.size), details::Protect(task.update_time).c_str(),
+                          details::Protect(task.url).c_str(), details::ToInt(task.id)));
+}
+
+bool CObjectServerSession::DeleteObjectTask(const std::string& task_id) {
+  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object_task WHERE task_id = '%s' ",
+                                              details::Protect(task_id).c_str()));
+}
+
+bool CObjectServerSession::GetUrlByEncryptUrl(std::string& url, const std::string& encrypt_url) {
+  SELECT_OR_RETURN(rows, StringUtil::str_fmt("SELECT * FROM platform.picture_url_encrypt where encrypt_url='%s'",
+                                             details::DoubleQuotes(encrypt_url).c_str()))
+  for (; !rows->IsEnd(); rows->MoveNext()) {
+    url = rows->GetString("url");
+  }
+  return true;
+}
+
+}  // namespace Tansy::CloudStorage
