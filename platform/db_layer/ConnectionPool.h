@@ -1,0 +1,68 @@
+// The connections of one registered module.
+#ifndef TANSY_DB_LAYER_CONNECTION_POOL_H
+#define TANSY_DB_LAYER_CONNECTION_POOL_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "db_layer/DbLayer.h"
+
+namespace db_layer {
+
+// Any thread. Connections that are out when the pool is closed or gets new parameters are closed when they come back.
+class CConnectionPool {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kWait{30};        // for a connection, and for the last ones at closing
+  static constexpr std::chrono::seconds kKeepUnused{60};  // beyond min_connections
+
+  // A connection with what Return needs to know about it.
+  struct Lease {
+    std::unique_ptr<CConnect> connection;
+    std::uint64_t generation = 0;
+  };
+
+  CConnectionPool(const DBParam& param, std::shared_ptr<IDriver> driver);
+
+  // Opens connections until min_connections are there. False with the driver's words when one does not open.
+  bool Fill(std::string& error);
+  // An empty lease with `error` filled in on failure.
+  Lease Take(std::chrono::milliseconds wait, std::string& error);
+  void Return(Lease lease);
+  // Later connections are opened with these.
+  void Reset(const DBParam& param, std::shared_ptr<IDriver> driver);
+  // Nothing is handed out from here on. Waits for what is out, at most this long.
+  void Close(std::chrono::milliseconds wait);
+
+ private:
+  struct Idle {
+    std::unique_ptr<CConnect> connection;
+    Clock::time_point since;
+  };
+
+  std::unique_ptr<CConnect> TakeIdle();
+  Lease OpenOne(std::unique_lock<std::mutex>& lock, std::string& error);
+  std::deque<Idle> TakeUnused();
+  std::size_t CountWanted() const;
+  std::size_t CountAllowed() const;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  DBParam param_;
+  std::shared_ptr<IDriver> driver_;
+  std::uint64_t generation_ = 0;
+  bool closed_ = false;
+  std::size_t open_ = 0;   // idle, out, and being opened
+  std::deque<Idle> idle_;  // the longest unused first
+  std::uint64_t next_ticket_ = 0;
+  std::deque<std::uint64_t> queue_;  // tickets of those who wait, in the order they came
+};
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_CONNECTION_POOL_H

@@ -1,0 +1,51 @@
+// Puts writers of one database in line: whoever finds nobody at work does the work of all who wait.
+#ifndef TANSY_DB_LAYER_GROUP_COMMIT_H
+#define TANSY_DB_LAYER_GROUP_COMMIT_H
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "db_layer/RowBuffer.h"
+#include "db_layer/SqliteHandle.h"
+
+namespace db_layer {
+
+// One caller's statements: all of them take effect, or none. Lives on the caller's stack while it waits.
+struct SqlWrite {
+  const std::vector<std::string>* statements = nullptr;
+  CRowBuffer* rows = nullptr;  // of the last statement, or null
+  bool succeeded = false;
+  SqlError error;
+};
+
+class CGroupCommit {
+ public:
+  // Carries out a batch and fills in `succeeded` and `error` of each; called by one thread at a time, without a lock.
+  using Executor = std::function<void(const std::vector<SqlWrite*>& batch)>;
+
+  explicit CGroupCommit(Executor executor);
+
+  // Returns when the write was carried out. A caller alone starts at once; callers that come while a batch is under way
+  // make up the next one.
+  void Run(SqlWrite& write);
+
+ private:
+  struct Waiter {
+    SqlWrite* write = nullptr;
+    bool done = false;
+    bool leads = false;
+    std::condition_variable wake;
+  };
+
+  const Executor executor_;
+  std::mutex mutex_;
+  bool has_leader_ = false;
+  std::vector<Waiter*> waiting_;
+};
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_GROUP_COMMIT_H

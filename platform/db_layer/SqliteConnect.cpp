@@ -1,0 +1,90 @@
+#include "db_layer/SqliteConnect.h"
+
+#include <utility>
+
+namespace db_layer {
+
+CSqliteConnect::CSqliteConnect(std::shared_ptr<CSqliteDatabase> database) : database_(std::move(database)) {}
+
+bool CSqliteConnect::Open(SqlError& error) {
+  // Read first: a file that is replaced meanwhile is then noticed later rather than not at all.
+  generation_ = database_->Generation();
+  return database_->OpenReader(reader_, error);
+}
+
+bool CSqliteConnect::Execute(const std::string& sql) {
+  return ExecuteAll({sql});
+}
+
+bool CSqliteConnect::ExecuteAll(const std::vector<std::string>& statements) {
+  rows_.Clear();
+  return database_->Write(statements, nullptr, error_) || Failed();
+}
+
+bool CSqliteConnect::Query(const std::string& sql) {
+  rows_.Clear();
+  if (!EnsureReader()) {
+    return false;
+  }
+  bool writes = false;
+  if (reader_.RunIfReading(sql, rows_, writes, error_)) {
+    return true;
+  }
+  return (writes && database_->Write({sql}, &rows_, error_)) || Failed();
+}
+
+int CSqliteConnect::GetLastError(std::string& text) {
+  text = error_.text;
+  return error_.code;
+}
+
+void CSqliteConnect::MoveNext() {
+  rows_.MoveNext();
+}
+
+bool CSqliteConnect::IsEnd() {
+  return rows_.IsEnd();
+}
+
+std::string CSqliteConnect::GetString(const std::string& column) {
+  return rows_.GetString(column);
+}
+
+std::int32_t CSqliteConnect::GetInt(int index) {
+  return index < 0 ? 0 : rows_.GetInt(static_cast<std::size_t>(index));
+}
+
+std::int32_t CSqliteConnect::GetInt(const std::string& column) {
+  return rows_.GetInt(column);
+}
+
+bool CSqliteConnect::IsHealthy() {
+  return reader_.IsOpen();
+}
+
+// A holder that keeps its connection over a failure gets a working one once the cause is gone.
+bool CSqliteConnect::EnsureReader() {
+  const bool is_current = reader_.IsOpen() && generation_ == database_->Generation();
+  return is_current || Open(error_) || Failed();
+}
+
+bool CSqliteConnect::Failed() {
+  if (IsBroken(error_)) {
+    reader_.Close();
+  }
+  return false;
+}
+
+std::unique_ptr<CConnect> CSqliteDriver::Open(const DBParam& param, std::string& error) {
+  SqlError sql_error;
+  if (auto database = CSqliteDatabase::Acquire(param.database, sql_error)) {
+    auto connection = std::make_unique<CSqliteConnect>(std::move(database));
+    if (connection->Open(sql_error)) {
+      return connection;
+    }
+  }
+  error = "cannot open the database " + param.database + ": " + sql_error.text;
+  return nullptr;
+}
+
+}  // namespace db_layer

@@ -1,0 +1,54 @@
+// A pooled connection to a SQLite file: reads on a connection of its own, hands writes to the file's writer.
+#ifndef TANSY_DB_LAYER_SQLITE_CONNECT_H
+#define TANSY_DB_LAYER_SQLITE_CONNECT_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db_layer/DbLayer.h"
+#include "db_layer/RowBuffer.h"
+#include "db_layer/SqliteDatabase.h"
+#include "db_layer/SqliteHandle.h"
+
+namespace db_layer {
+
+class CSqliteConnect final : public CConnect {
+ public:
+  explicit CSqliteConnect(std::shared_ptr<CSqliteDatabase> database);
+
+  bool Open(SqlError& error);
+
+  bool Execute(const std::string& sql) override;
+  bool Query(const std::string& sql) override;
+  int GetLastError(std::string& text) override;
+  void MoveNext() override;
+  bool IsEnd() override;
+  std::string GetString(const std::string& column) override;
+  std::int32_t GetInt(int index) override;
+  std::int32_t GetInt(const std::string& column) override;
+  bool IsHealthy() override;
+  bool ExecuteAll(const std::vector<std::string>& statements) override;
+
+ private:
+  bool EnsureReader();
+  bool Failed();
+
+  // Declared first: the reader must be closed before the database may go.
+  std::shared_ptr<CSqliteDatabase> database_;
+  CSqliteHandle reader_;
+  int generation_ = 0;
+  CRowBuffer rows_;
+  SqlError error_;
+};
+
+// Opens CSqliteConnects.
+class CSqliteDriver final : public IDriver {
+ public:
+  std::unique_ptr<CConnect> Open(const DBParam& param, std::string& error) override;
+};
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_SQLITE_CONNECT_H

@@ -1,0 +1,109 @@
+#include "db_layer/SqliteDatabase.h"
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <utility>
+
+namespace db_layer {
+
+namespace details {
+namespace {
+
+std::atomic<bool> g_full_durability{true};
+std::atomic<int> g_busy_timeout_ms{5000};
+
+// Lives until the process ends: connections may be given back very late.
+struct Registry {
+  std::mutex mutex;
+  std::map<std::string, std::weak_ptr<CSqliteDatabase>> databases;
+};
+Registry& TheRegistry() {
+  static auto* registry = new Registry;
+  return *registry;
+}
+
+std::filesystem::path FromUtf8(const std::string& path) {
+  return std::filesystem::path(std::u8string(path.begin(), path.end()));
+}
+
+std::string ToUtf8(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return {text.begin(), text.end()};
+}
+
+// One name for one file, whatever folder the process goes to later. Empty when the path names no file.
+std::string FullPath(const std::string& path) {
+  if (path.empty() || path.find('\0') != std::string::npos) {
+    return {};
+  }
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(FromUtf8(path), error);
+  if (error) {
+    return {};
+  }
+  auto full = std::filesystem::weakly_canonical(absolute, error);
+  return ToUtf8(error ? absolute : full);
+}
+
+}  // namespace
+}  // namespace details
+
+void SetSqliteDefaultDurability(bool full_durability) {
+  details::g_full_durability = full_durability;
+}
+
+void SetSqliteDefaultBusyTimeout(int milliseconds) {
+  details::g_busy_timeout_ms = milliseconds;
+}
+
+std::shared_ptr<CSqliteDatabase> CSqliteDatabase::Acquire(const std::string& path, SqlError& error) {
+  const std::string full_path = details::FullPath(path);
+  if (full_path.empty()) {
+    error = {SQLITE_CANTOPEN, "the database has no usable path"};
+    return nullptr;
+  }
+  auto& registry = details::TheRegistry();
+  const std::lock_guard lock(registry.mutex);
+  std::erase_if(registry.databases, [](const auto& entry) { return entry.second.expired(); });
+  if (auto database = registry.databases[full_path].lock()) {
+    return database;
+  }
+  const SqliteOptions options{details::g_full_durability, details::g_busy_timeout_ms};
+  auto database = std::make_shared<CSqliteDatabase>(full_path, options);
+  if (!database->writer_.EnsureOpen(error)) {
+    return nullptr;
+  }
+  registry.databases[full_path] = database;
+  return database;
+}
+
+CSqliteDatabase::CSqliteDatabase(std::string path, const SqliteOptions& options)
+    : path_(std::move(path)),
+      options_(options),
+      sequences_(
+          [this](const std::string& sql, CRowBuffer& rows, SqlError& error) { return Write({sql}, &rows, error); }),
+      writer_sequences_(sequences_),
+      writer_(path_, options_, writer_sequences_),
+      group_commit_([this](const std::vector<SqlWrite*>& batch) { writer_.RunBatch(batch); }) {}
+
+bool CSqliteDatabase::Write(const std::vector<std::string>& statements, CRowBuffer* rows, SqlError& error) {
+  SqlWrite write;
+  write.statements = &statements;
+  write.rows = rows;
+  group_commit_.Run(write);
+  if (!write.succeeded) {
+    error = write.error;
+  }
+  return write.succeeded;
+}
+
+bool CSqliteDatabase::OpenReader(CSqliteHandle& reader, SqlError& error) {
+  return reader.Open(path_, options_, sequences_, error);
+}
+
+}  // namespace db_layer

@@ -1,0 +1,49 @@
+// What all connections of this process to one SQLite file share: its writer, the line in front of it, its sequences.
+#ifndef TANSY_DB_LAYER_SQLITE_DATABASE_H
+#define TANSY_DB_LAYER_SQLITE_DATABASE_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db_layer/GroupCommit.h"
+#include "db_layer/RowBuffer.h"
+#include "db_layer/SqliteHandle.h"
+#include "db_layer/SqliteSequences.h"
+#include "db_layer/SqliteWriter.h"
+
+namespace db_layer {
+
+// Any thread.
+class CSqliteDatabase {
+ public:
+  // The database of a path, opened (and the file made) when this process has not got it open. Null with `error` filled
+  // in when it does not open. Closed with its last owner.
+  static std::shared_ptr<CSqliteDatabase> Acquire(const std::string& path, SqlError& error);
+
+  CSqliteDatabase(std::string path, const SqliteOptions& options);
+
+  // Commits the statements as one, together with what other threads write at the same time. Rows are those of the last
+  // statement.
+  bool Write(const std::vector<std::string>& statements, CRowBuffer* rows, SqlError& error);
+  // Opens a connection for reading.
+  bool OpenReader(CSqliteHandle& reader, SqlError& error);
+  // Readers opened under another generation should be opened again.
+  int Generation() const { return writer_.Generation(); }
+
+ private:
+  const std::string path_;
+  const SqliteOptions options_;
+  CSqliteSequences sequences_;
+  CSqliteWriterSequences writer_sequences_;
+  CSqliteWriter writer_;
+  CGroupCommit group_commit_;
+};
+
+// Defaults for databases opened from now on.
+void SetSqliteDefaultDurability(bool full_durability);
+void SetSqliteDefaultBusyTimeout(int milliseconds);
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_SQLITE_DATABASE_H

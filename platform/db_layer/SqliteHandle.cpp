@@ -1,0 +1,303 @@
+#include "db_layer/SqliteHandle.h"
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+namespace db_layer {
+
+namespace details {
+namespace {
+
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+// Error texts quote what the statement held; log lines are single lines.
+std::string OneLine(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+      c = ' ';
+    }
+  }
+  return text;
+}
+
+bool SetError(SqlError& error, int code, const char* text) {
+  error.code = code;
+  error.text = OneLine(text);
+  return false;
+}
+
+// SQL: nextval(name). NULL gives NULL, as in other databases.
+void NextValueFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
+  const auto* name = reinterpret_cast<const char*>(sqlite3_value_text(arguments[0]));
+  if (name == nullptr) {
+    sqlite3_result_null(context);
+    return;
+  }
+  auto* source = static_cast<ISequenceSource*>(sqlite3_user_data(context));
+  std::int64_t value = 0;
+  SqlError error;
+  if (source->NextValue(name, value, error)) {
+    sqlite3_result_int64(context, value);
+    return;
+  }
+  sqlite3_result_error(context, error.text.c_str(), static_cast<int>(error.text.size()));
+  sqlite3_result_error_code(context, error.code);
+}
+
+std::string_view Text(const void* text, int size) {
+  return text == nullptr ? std::string_view()
+                         : std::string_view(static_cast<const char*>(text), static_cast<std::size_t>(size));
+}
+
+void AddColumns(sqlite3_stmt* statement, CRowBuffer& rows) {
+  const int count = sqlite3_column_count(statement);
+  for (int i = 0; i < count; ++i) {
+    const char* name = sqlite3_column_name(statement, i);
+    rows.AddColumn(name == nullptr ? "" : name);
+  }
+}
+
+// False when memory ran out while a value was turned into text.
+bool AddRow(sqlite3_stmt* statement, CRowBuffer& rows) {
+  const int count = sqlite3_column_count(statement);
+  for (int i = 0; i < count; ++i) {
+    const bool is_null = sqlite3_column_type(statement, i) == SQLITE_NULL;
+    const unsigned char* text = sqlite3_column_text(statement, i);
+    const int size = sqlite3_column_bytes(statement, i);
+    if (text == nullptr && !is_null && size > 0) {
+      return false;
+    }
+    rows.AddCell(Text(text, size));
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace details
+
+CSqliteHandle::~CSqliteHandle() {
+  Close();
+}
+
+void CSqliteHandle::Close() {
+  sqlite3_close_v2(db_);
+  db_ = nullptr;
+}
+
+bool CSqliteHandle::Open(const std::string& path, const SqliteOptions& options, ISequenceSource& sequences,
+                         SqlError& error) {
+  Close();
+  if (path.find('\0') != std::string::npos) {
+    return details::SetError(error, SQLITE_CANTOPEN, "the path holds a NUL byte");
+  }
+  // A connection has one thread at a time, so SQLite's own lock around each call would only cost.
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE |
+                         SQLITE_OPEN_EXRESCODE;
+  const bool opened = sqlite3_open_v2(":memory:", &db_, kFlags, nullptr) == SQLITE_OK;
+  if (!opened) {
+    Fail(error);
+    Close();
+    return false;
+  }
+  sqlite3_busy_timeout(db_, options.busy_timeout_ms);
+  sqlite3_set_authorizer(db_, &CSqliteHandle::Authorize, this);
+  sqlite3_create_function_v2(db_, "nextval", 1, SQLITE_UTF8, &sequences, &details::NextValueFunction, nullptr, nullptr,
+                             nullptr);
+  if (!Attach(path, error) || !Configure(options, error)) {
+    Close();
+    return false;
+  }
+  return true;
+}
+
+bool CSqliteHandle::Attach(const std::string& path, SqlError& error) {
+  const details::StatementPtr statement(Prepare("ATTACH DATABASE ?1 AS platform", error));
+  if (!statement) {
+    return false;
+  }
+  sqlite3_bind_text64(statement.get(), 1, path.data(), path.size(), SQLITE_STATIC, SQLITE_UTF8);
+  return Step(statement.get(), nullptr, error);
+}
+
+bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
+  sqlite3_db_config(db_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  // A name in double quotes is a name, as in other databases, and not a text when there is no such column.
+  sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+  sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
+  if (sqlite3_db_readonly(db_, "platform") == 1) {
+    return details::SetError(error, SQLITE_READONLY, "the database file cannot be written to");
+  }
+  // Write-ahead logging: readers see the last commit and neither wait for writers nor hold them up.
+  CRowBuffer mode;
+  if (!RunOwn("PRAGMA platform.journal_mode=WAL", &mode, error)) {
+    return false;
+  }
+  if (mode.GetString("journal_mode") != "wal") {
+    return details::SetError(error, SQLITE_ERROR, "the database cannot use a write-ahead log here");
+  }
+  const char* synchronous =
+      options.full_durability ? "PRAGMA platform.synchronous=FULL" : "PRAGMA platform.synchronous=NORMAL";
+  return RunOwn(synchronous, error) && RunOwn("PRAGMA temp_store=MEMORY", error) &&
+         // Gives the space of an unusually long log back.
+         RunOwn("PRAGMA platform.journal_size_limit=67108864", error) &&
+         // Reads the schema now: a file that is no database shows here.
+         RunOwn("SELECT count(*) FROM platform.sqlite_schema", error);
+}
+
+bool CSqliteHandle::Run(const std::string& sql, CRowBuffer* rows, SqlError& error) {
+  guarded_ = true;
+  const details::StatementPtr statement(Prepare(sql, error));
+  guarded_ = false;
+  return statement && Step(statement.get(), rows, error);
+}
+
+bool CSqliteHandle::RunIfReading(const std::string& sql, CRowBuffer& rows, bool& writes, SqlError& error) {
+  guarded_ = true;
+  const details::StatementPtr statement(Prepare(sql, error));
+  guarded_ = false;
+  writes = statement && sqlite3_stmt_readonly(statement.get()) == 0;
+  return statement && !writes && Step(statement.get(), &rows, error);
+}
+
+bool CSqliteHandle::RunOwn(const char* sql, SqlError& error) {
+  return RunOwn(sql, nullptr, error);
+}
+
+bool CSqliteHandle::RunOwn(const char* sql, CRowBuffer* rows, SqlError& error) {
+  const details::StatementPtr statement(Prepare(sql, error));
+  return statement && Step(statement.get(), rows, error);
+}
+
+bool CSqliteHandle::IsInTransaction() const {
+  return db_ != nullptr && sqlite3_get_autocommit(db_) == 0;
+}
+
+bool CSqliteHandle::HasMoved() const {
+  int moved = 0;
+  const int result = sqlite3_file_control(db_, "platform", SQLITE_FCNTL_HAS_MOVED, &moved);
+  return result == SQLITE_OK && moved != 0;
+}
+
+// Null with `error` filled in unless `sql` is exactly one statement that may run.
+sqlite3_stmt* CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
+  if (sql.find('\0') != std::string::npos) {
+    // SQLite would stop reading there and run what comes before.
+    details::SetError(error, SQLITE_MISUSE, "the statement holds a NUL byte");
+    return nullptr;
+  }
+  if (sql.size() >= static_cast<std::size_t>(sqlite3_limit(db_, SQLITE_LIMIT_SQL_LENGTH, -1))) {
+    details::SetError(error, SQLITE_TOOBIG, "the statement is too long");
+    return nullptr;
+  }
+  refusal_ = nullptr;
+  sqlite3_stmt* statement = nullptr;
+  const char* tail = nullptr;
+  // The length includes the terminating NUL: SQLite then need not copy the text.
+  if (sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size() + 1), &statement, &tail) != SQLITE_OK) {
+    Fail(error);
+    return nullptr;
+  }
+  details::StatementPtr owner(statement);
+  if (!owner) {
+    details::SetError(error, SQLITE_MISUSE, "the statement is empty");
+    return nullptr;
+  }
+  return IsLast(tail, error) ? owner.release() : nullptr;
+}
+
+// Nothing but blanks, semicolons and comments may follow a statement.
+bool CSqliteHandle::IsLast(const char* tail, SqlError& error) {
+  while (tail != nullptr && *tail != '\0') {
+    sqlite3_stmt* statement = nullptr;
+    const int result = sqlite3_prepare_v2(db_, tail, -1, &statement, &tail);
+    const details::StatementPtr owner(statement);
+    if (result != SQLITE_OK || owner) {
+      return details::SetError(error, SQLITE_MISUSE, "only one statement at a time");
+    }
+  }
+  return true;
+}
+
+bool CSqliteHandle::Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& error) {
+  try {
+    if (rows != nullptr) {
+      rows->Clear();
+      details::AddColumns(statement, *rows);
+    }
+    int result = SQLITE_ROW;
+    while ((result = sqlite3_step(statement)) == SQLITE_ROW) {
+      if (rows != nullptr && !details::AddRow(statement, *rows)) {
+        throw std::bad_alloc();
+      }
+    }
+    if (result == SQLITE_DONE) {
+      return true;
+    }
+    Fail(error);
+  } catch (const std::bad_alloc&) {
+    details::SetError(error, SQLITE_NOMEM, "out of memory");
+  }
+  if (rows != nullptr) {
+    rows->Clear();
+  }
+  return false;
+}
+
+bool CSqliteHandle::Fail(SqlError& error) {
+  if (db_ == nullptr) {
+    return details::SetError(error, SQLITE_NOMEM, "out of memory");
+  }
+  return details::SetError(error, sqlite3_extended_errcode(db_), refusal_ == nullptr ? sqlite3_errmsg(db_) : refusal_);
+}
+
+int CSqliteHandle::Authorize(void* handle, int action, const char*, const char*, const char* database, const char*) {
+  auto& self = *static_cast<CSqliteHandle*>(handle);
+  if (!self.guarded_) {
+    return SQLITE_OK;
+  }
+  switch (action) {
+    case SQLITE_TRANSACTION:
+    case SQLITE_SAVEPOINT:
+      // Statements of several callers share a transaction: none of them may end it.
+      self.refusal_ = "transactions are not the caller's to control";
+      return SQLITE_DENY;
+    case SQLITE_ATTACH:
+    case SQLITE_DETACH:
+      self.refusal_ = "databases are not the caller's to attach";
+      return SQLITE_DENY;
+    case SQLITE_INSERT:
+    case SQLITE_UPDATE:
+    case SQLITE_DELETE:
+      if (database != nullptr && std::strcmp(database, "main") == 0) {
+        // A table without its schema's name would be made in memory and be gone with the connection.
+        self.refusal_ = "only the schema platform can be written to";
+        return SQLITE_DENY;
+      }
+      return SQLITE_OK;
+    default:
+      return SQLITE_OK;
+  }
+}
+
+bool IsBroken(const SqlError& error) {
+  switch (error.code & 0xFF) {
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_CANTOPEN:
+    case SQLITE_IOERR:
+    case SQLITE_PROTOCOL:
+    case SQLITE_READONLY:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace db_layer

@@ -1,0 +1,81 @@
+// One open SQLite connection: an empty database in memory with the file attached as `platform`.
+#ifndef TANSY_DB_LAYER_SQLITE_HANDLE_H
+#define TANSY_DB_LAYER_SQLITE_HANDLE_H
+
+#include <cstdint>
+#include <string>
+
+#include "db_layer/RowBuffer.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace db_layer {
+
+// SQLite's extended result code and its text, one line. Code 0 is no error.
+struct SqlError {
+  int code = 0;
+  std::string text;
+};
+
+struct SqliteOptions {
+  bool full_durability = true;
+  int busy_timeout_ms = 5000;
+};
+
+// Where the SQL function nextval gets its values on one connection.
+class ISequenceSource {
+ public:
+  virtual ~ISequenceSource() = default;
+  virtual bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error) = 0;
+};
+
+// One thread at a time. Not movable: SQLite keeps its address.
+class CSqliteHandle {
+ public:
+  CSqliteHandle() = default;
+  ~CSqliteHandle();
+  CSqliteHandle(const CSqliteHandle&) = delete;
+  CSqliteHandle& operator=(const CSqliteHandle&) = delete;
+
+  // Opens or makes the file and sets the connection up. `sequences` must outlive the handle.
+  bool Open(const std::string& path, const SqliteOptions& options, ISequenceSource& sequences, SqlError& error);
+  void Close();
+  bool IsOpen() const { return db_ != nullptr; }
+
+  // Runs one statement of a caller and keeps its rows when `rows` is given. Refused: NUL bytes, a second statement,
+  // transaction control, attaching, writing anywhere but to `platform`.
+  bool Run(const std::string& sql, CRowBuffer* rows, SqlError& error);
+  // Like Run, for a statement that only reads. One that would write is not run: `writes` is then true and the result
+  // false, without an error.
+  bool RunIfReading(const std::string& sql, CRowBuffer& rows, bool& writes, SqlError& error);
+  // Runs a statement of this library's own, without those checks.
+  bool RunOwn(const char* sql, SqlError& error);
+  bool RunOwn(const char* sql, CRowBuffer* rows, SqlError& error);
+
+  bool IsInTransaction() const;
+  // The file is no longer the one behind its path: what is written would be lost.
+  bool HasMoved() const;
+
+ private:
+  static int Authorize(void* handle, int action, const char* first, const char* second, const char* database,
+                       const char* trigger);
+  bool Attach(const std::string& path, SqlError& error);
+  bool Configure(const SqliteOptions& options, SqlError& error);
+  sqlite3_stmt* Prepare(const std::string& sql, SqlError& error);
+  bool IsLast(const char* tail, SqlError& error);
+  bool Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& error);
+  bool Fail(SqlError& error);
+
+  sqlite3* db_ = nullptr;
+  bool guarded_ = false;           // while a caller's statement is being prepared
+  const char* refusal_ = nullptr;  // why Authorize said no
+};
+
+// The error leaves the connection in doubt (damaged file, failing disk, file gone), so that a new one is the better
+// choice.
+bool IsBroken(const SqlError& error);
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_SQLITE_HANDLE_H

@@ -1,0 +1,80 @@
+// Sequence values of one database file, reserved in blocks and given out from memory.
+#ifndef TANSY_DB_LAYER_SQLITE_SEQUENCES_H
+#define TANSY_DB_LAYER_SQLITE_SEQUENCES_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "db_layer/RowBuffer.h"
+#include "db_layer/SqliteHandle.h"
+#include "db_layer/SqliteWriter.h"
+
+namespace db_layer {
+
+// What reading connections call; any thread.
+class CSqliteSequences : public ISequenceSource {
+ public:
+  static constexpr std::int64_t kBlock = 64;
+
+  // Runs one statement, committed when it returns true, and keeps its rows.
+  using Commit = std::function<bool(const std::string& sql, CRowBuffer& rows, SqlError& error)>;
+
+  explicit CSqliteSequences(Commit commit);
+
+  // The next value; reserves a block first when none is left. Callers that come meanwhile wait for that block.
+  bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error) override;
+  // A value only if one is left in memory.
+  bool TakeReserved(const std::string& sequence, std::int64_t& value);
+  void Forget();
+
+  // The statement that reserves a block and returns its first value, and the reading of its row.
+  static std::string ReserveStatement(const std::string& sequence);
+  static bool ReadBlock(const CRowBuffer& rows, const std::string& sequence, std::int64_t& first, SqlError& error);
+
+ private:
+  struct Sequence {
+    std::int64_t next = 0;
+    std::int64_t end = 0;  // one beyond the last value that may be given
+    bool is_reserving = false;
+    std::uint64_t failures = 0;
+    SqlError last_failure;
+  };
+
+  bool Reserve(Sequence& sequence, const std::string& name, std::unique_lock<std::mutex>& lock, SqlError& error);
+
+  const Commit commit_;
+  std::mutex mutex_;
+  std::condition_variable reserved_;
+  std::uint64_t epoch_ = 0;  // counts Forget
+  std::map<std::string, Sequence> sequences_;
+};
+
+// What the writing connection calls. It holds the transaction that a reservation would have to wait for, so it makes
+// its own inside it. Such a block serves its statement only: if the statement is undone, so is the reservation, and
+// nobody else may have a value of it.
+class CSqliteWriterSequences : public IWriterSequences {
+ public:
+  explicit CSqliteWriterSequences(CSqliteSequences& shared);
+
+  bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error) override;
+  void UseTransactionOf(CSqliteHandle* handle) override;
+  void Forget() override;
+
+ private:
+  struct Block {
+    std::int64_t next = 0;
+    std::int64_t end = 0;
+  };
+
+  CSqliteSequences& shared_;
+  CSqliteHandle* handle_ = nullptr;
+  std::map<std::string, Block> blocks_;
+};
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_SQLITE_SEQUENCES_H

@@ -1,0 +1,177 @@
+#include "db_layer/SqliteWriter.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cctype>
+#include <string_view>
+#include <utility>
+
+#include "db_layer/FolderSync.h"
+
+namespace db_layer {
+
+namespace details {
+namespace {
+
+void FailAll(const std::vector<SqlWrite*>& writes, const SqlError& error) {
+  for (SqlWrite* write : writes) {
+    write->succeeded = false;
+    write->error = error;
+    if (write->rows != nullptr) {
+      write->rows->Clear();
+    }
+  }
+}
+
+// The text from its first character that is neither blank nor in a comment.
+std::string_view SkipBlanks(std::string_view sql) {
+  for (;;) {
+    const auto start = sql.find_first_not_of(" \t\r\n\f");
+    if (start == std::string_view::npos) {
+      return {};
+    }
+    sql.remove_prefix(start);
+    const char* end = sql.starts_with("--") ? "\n" : sql.starts_with("/*") ? "*/" : nullptr;
+    if (end == nullptr) {
+      return sql;
+    }
+    const auto found = sql.find(end, 2);
+    sql.remove_prefix(found == std::string_view::npos ? sql.size() : found + std::string_view(end).size());
+  }
+}
+
+bool StartsWithWord(std::string_view sql, std::string_view word) {
+  return sql.size() > word.size() && std::isalnum(static_cast<unsigned char>(sql[word.size()])) == 0 &&
+         std::equal(word.begin(), word.end(), sql.begin(), [](char expected, char found) {
+           return expected == std::toupper(static_cast<unsigned char>(found));
+         });
+}
+
+// SQLite refuses or ignores these inside a transaction.
+bool MustRunAlone(const SqlWrite& write) {
+  if (write.statements->size() != 1) {
+    return false;
+  }
+  const std::string_view sql = SkipBlanks(write.statements->front());
+  return StartsWithWord(sql, "VACUUM") || StartsWithWord(sql, "PRAGMA");
+}
+
+}  // namespace
+}  // namespace details
+
+CSqliteWriter::CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences)
+    : path_(std::move(path)), options_(options), sequences_(sequences) {}
+
+void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
+  SqlError error;
+  if (!EnsureOpen(error)) {
+    details::FailAll(batch, error);
+    return;
+  }
+  std::vector<SqlWrite*> together;
+  std::vector<SqlWrite*> alone;
+  for (SqlWrite* write : batch) {
+    (details::MustRunAlone(*write) ? alone : together).push_back(write);
+  }
+  // A full disk or a failing one can take the whole transaction with it. What it took runs again without the write that
+  // brought it down, so each round is shorter than the one before.
+  while (!together.empty() && !RunTransaction(together)) {
+  }
+  for (SqlWrite* write : alone) {
+    RunAlone(*write);
+  }
+  CloseIfBroken(batch);
+}
+
+bool CSqliteWriter::EnsureOpen(SqlError& error) {
+  if (handle_.IsOpen() && !handle_.HasMoved()) {
+    return true;
+  }
+  ++generation_;
+  sequences_.Forget();
+  if (!handle_.Open(path_, options_, sequences_, error)) {
+    return false;
+  }
+  // A new file whose entry is not in its folder after a power failure is as lost as one that was never written.
+  if (options_.full_durability && !SyncFolderOf(path_)) {
+    error = {SQLITE_IOERR_DIR_FSYNC, "the folder of the database cannot be made durable"};
+    handle_.Close();
+    return false;
+  }
+  return true;
+}
+
+// False when the transaction was lost on the way; `writes` is then what has to run again.
+bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
+  SqlError error;
+  if (!handle_.RunOwn("BEGIN IMMEDIATE", error)) {
+    details::FailAll(writes, error);
+    return true;
+  }
+  for (auto it = writes.begin(); it != writes.end(); ++it) {
+    (*it)->succeeded = RunInSavepoint(**it);
+    if (!handle_.IsInTransaction()) {
+      writes.erase(it);
+      return false;
+    }
+  }
+  std::erase_if(writes, [](const SqlWrite* write) { return !write->succeeded; });
+  if (handle_.RunOwn("COMMIT", error)) {
+    return true;
+  }
+  details::FailAll(writes, error);
+  SqlError ignored;
+  if (handle_.IsInTransaction()) {
+    handle_.RunOwn("ROLLBACK", ignored);
+  }
+  return true;
+}
+
+bool CSqliteWriter::RunInSavepoint(SqlWrite& write) {
+  if (!handle_.RunOwn("SAVEPOINT one_write", write.error)) {
+    return false;
+  }
+  const bool succeeded = RunStatements(write);
+  if (!handle_.IsInTransaction()) {
+    return false;
+  }
+  SqlError error;
+  const bool undone = succeeded || handle_.RunOwn("ROLLBACK TO one_write", error);
+  if (undone && handle_.RunOwn("RELEASE one_write", error)) {
+    return succeeded;
+  }
+  // What this write left behind cannot be told from the others' work any more.
+  if (succeeded) {
+    write.error = error;
+  }
+  handle_.RunOwn("ROLLBACK", error);
+  return false;
+}
+
+bool CSqliteWriter::RunStatements(SqlWrite& write) {
+  for (const std::string& sql : *write.statements) {
+    sequences_.UseTransactionOf(&handle_);
+    const bool succeeded = handle_.Run(sql, write.rows, write.error);
+    sequences_.UseTransactionOf(nullptr);
+    if (!succeeded) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void CSqliteWriter::RunAlone(SqlWrite& write) {
+  write.succeeded = handle_.Run(write.statements->front(), write.rows, write.error);
+}
+
+// A new connection starts without whatever state the failure left in this one.
+void CSqliteWriter::CloseIfBroken(const std::vector<SqlWrite*>& batch) {
+  const bool broken = std::any_of(batch.begin(), batch.end(),
+                                  [](const SqlWrite* write) { return !write->succeeded && IsBroken(write->error); });
+  if (broken) {
+    handle_.Close();
+  }
+}
+
+}  // namespace db_layer

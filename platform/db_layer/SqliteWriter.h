@@ -1,0 +1,52 @@
+// The one connection that changes a database file, and how a batch of writes is carried out on it.
+#ifndef TANSY_DB_LAYER_SQLITE_WRITER_H
+#define TANSY_DB_LAYER_SQLITE_WRITER_H
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "db_layer/GroupCommit.h"
+#include "db_layer/SqliteHandle.h"
+
+namespace db_layer {
+
+// What the writer tells the sequence source about the statements that it runs.
+class IWriterSequences : public ISequenceSource {
+ public:
+  // From here on values may be reserved on `handle`, inside its transaction; null when no statement runs.
+  virtual void UseTransactionOf(CSqliteHandle* handle) = 0;
+  // The file is opened (again): what was reserved may be of another file.
+  virtual void Forget() = 0;
+};
+
+// One thread at a time, except Generation.
+class CSqliteWriter {
+ public:
+  CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences);
+
+  // Opens the file when it is not open, or when the file behind the path is another one by now.
+  bool EnsureOpen(SqlError& error);
+  // Commits the batch in one transaction, a savepoint for each write: a refused write fails alone. When the commit
+  // fails, all fail and nothing is applied.
+  void RunBatch(const std::vector<SqlWrite*>& batch);
+  // Changes when the file is opened again: other connections should be too. Any thread.
+  int Generation() const { return generation_; }
+
+ private:
+  bool RunTransaction(std::vector<SqlWrite*>& writes);
+  bool RunInSavepoint(SqlWrite& write);
+  bool RunStatements(SqlWrite& write);
+  void RunAlone(SqlWrite& write);
+  void CloseIfBroken(const std::vector<SqlWrite*>& batch);
+
+  const std::string path_;
+  const SqliteOptions options_;
+  IWriterSequences& sequences_;
+  CSqliteHandle handle_;
+  std::atomic<int> generation_{0};
+};
+
+}  // namespace db_layer
+
+#endif  // TANSY_DB_LAYER_SQLITE_WRITER_H
