@@ -1,0 +1,83 @@
+#include "TansyNet/ClientConnectionResolver.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace TansyNet::details {
+
+namespace {
+
+constexpr int kMaxLookups = 16;
+
+struct Lookup {
+  std::mutex mutex;  // guards the members below
+  std::condition_variable finished;
+  bool done = false;
+  int result = 0;
+  std::vector<SocketAddress> addresses;
+};
+
+std::atomic<int>& RunningLookups() {
+  static std::atomic<int> running{0};
+  return running;
+}
+
+void RunLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) {
+  std::vector<SocketAddress> addresses;
+  const int result = ResolveAddresses(host, port, addresses);
+  --RunningLookups();
+  const std::lock_guard<std::mutex> lock(lookup->mutex);
+  lookup->result = result;
+  lookup->addresses = std::move(addresses);
+  lookup->done = true;
+  lookup->finished.notify_all();
+}
+
+bool StartLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) {
+  if (++RunningLookups() > kMaxLookups) {
+    --RunningLookups();
+    return false;
+  }
+  try {
+    std::thread(RunLookup, lookup, host, port).detach();
+  } catch (const std::system_error&) {
+    --RunningLookups();
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ResolveWithin(const std::string& host, std::uint16_t port, int timeout_ms, std::vector<SocketAddress>& addresses,
+                   HttpClient::Error& error) {
+  if (IsNumericAddress(host) || timeout_ms < 0) {
+    const int result = ResolveAddresses(host, port, addresses);
+    error = result == 0 ? HttpClient::Error{} : HttpClient::Error{HttpClient::kResolve, result};
+    return result == 0;
+  }
+  const auto lookup = std::make_shared<Lookup>();
+  if (!StartLookup(lookup, host, port)) {
+    error = {HttpClient::kResolve, static_cast<std::int32_t>(std::errc::resource_unavailable_try_again)};
+    return false;
+  }
+  std::unique_lock<std::mutex> lock(lookup->mutex);
+  if (!lookup->finished.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return lookup->done; })) {
+    error = {HttpClient::kTimeout, CClientSocket::TimedOut()};
+    return false;
+  }
+  if (lookup->result != 0) {
+    error = {HttpClient::kResolve, lookup->result};
+    return false;
+  }
+  addresses = std::move(lookup->addresses);
+  return true;
+}
+
+}  // namespace TansyNet::details

@@ -1,0 +1,74 @@
+#include "TansyNet/HttpClient.h"
+
+#include <new>
+#include <string>
+#include <system_error>
+
+#include "TansyNet/ClientTls.h"
+#include "TansyNet/ConnectionPool.h"
+#include "TansyNet/HeaderNames.h"
+#include "TansyNet/HttpClientExchange.h"
+#include "TansyNet/HttpClientSink.h"
+
+namespace TansyNet {
+
+namespace {
+
+HttpClient::Error OutOfMemory() {
+  return {HttpClient::kTooLarge, static_cast<std::int32_t>(std::errc::not_enough_memory)};
+}
+
+bool SendInMemory(const CHttpClientRequest& request, CHttpClientResponse& response, HttpClient::Error& error) {
+  details::CStringSink sink(response.body, request.max_body_bytes);
+  details::CExchange exchange(request, response, sink);
+  const bool complete = exchange.Run(error);
+  sink.Finish();
+  return complete;
+}
+
+}  // namespace
+
+std::string CHttpClientResponse::GetHeader(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (EqualNoCase(key, name)) {
+      return value;
+    }
+  }
+  return {};
+}
+
+bool HttpClient::Send(const CHttpClientRequest& request, CHttpClientResponse* response, Error* error) {
+  CHttpClientResponse own_response;
+  Error own_error;
+  CHttpClientResponse& answer = response != nullptr ? *response : own_response;
+  Error& failure = error != nullptr ? *error : own_error;
+  answer = {};
+  failure = {};
+  try {
+    return SendInMemory(request, answer, failure);
+  } catch (const std::bad_alloc&) {
+    failure = OutOfMemory();
+  }
+  return false;
+}
+
+bool HttpClient::SendForBigRsp(const CHttpClientRequest& request, const BigCallback& callback) {
+  CHttpClientResponse response;
+  details::CPieceSink sink(response, callback);
+  details::CExchange exchange(request, response, sink);
+  Error error;
+  const bool complete = exchange.Run(error);
+  sink.Finish(error);
+  return complete;
+}
+
+void HttpClient::SetTlsTrust(const TlsTrust& trust) {
+  details::SetClientTrust(trust);
+  details::CConnectionPool::Instance().Clear();
+}
+
+void HttpClient::CloseIdleConnections() {
+  details::CConnectionPool::Instance().Clear();
+}
+
+}  // namespace TansyNet

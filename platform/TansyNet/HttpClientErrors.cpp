@@ -1,0 +1,63 @@
+#include <openssl/err.h>
+#include <openssl/x509_vfy.h>
+
+#include <boost/beast/http/error.hpp>
+#include <string>
+#include <system_error>
+
+#include "TansyNet/ClientConnectionSocket.h"
+#include "TansyNet/HttpClient.h"
+
+namespace TansyNet {
+
+namespace {
+
+// Reasons of the TLS library start here; smaller numbers are results of the certificate's verification.
+constexpr std::int32_t kFirstTlsReason = 100;
+
+std::string SystemText(std::int32_t number) {
+  return std::system_category().message(number);
+}
+
+std::string TlsText(std::int32_t number) {
+  if (number < kFirstTlsReason) {
+    return std::string("certificate not trusted: ") + X509_verify_cert_error_string(number);
+  }
+  const char* const reason = ERR_reason_error_string(ERR_PACK(ERR_LIB_SSL, 0, number));
+  return "TLS failed: " + (reason != nullptr ? std::string(reason) : "reason " + std::to_string(number));
+}
+
+std::string AnswerText(std::int32_t number) {
+  return boost::beast::error_code(static_cast<boost::beast::http::error>(number)).message();
+}
+
+}  // namespace
+
+std::string HttpClient::ErrorText(const Error& error) {
+  switch (error.kind) {
+    case kNone:
+      return "success";
+    case kBadUrl:
+      return "the address or a header is not usable";
+    case kResolve:
+      return "the server's name was not found: " + details::ResolveErrorText(error.detail);
+    case kConnect:
+      return "no connection: " + SystemText(error.detail);
+    case kTls:
+      return TlsText(error.detail);
+    case kSend:
+      return "sending failed: " + SystemText(error.detail);
+    case kReceive:
+      return "receiving failed: " + SystemText(error.detail);
+    case kTimeout:
+      return "the server took too long";
+    case kBadAnswer:
+      return "the answer is not valid: " + AnswerText(error.detail);
+    case kTooLarge:
+      return "the answer is too large";
+    default:
+      return "unknown error " + std::to_string(error.kind);
+  }
+}
+
+}  // namespace TansyNet

@@ -1,0 +1,122 @@
+#include "TansyNet/HttpClientExchange.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "TansyNet/ConnectionPool.h"
+#include "TansyNet/HttpClientHead.h"
+
+namespace TansyNet::details {
+
+namespace {
+
+std::string_view Rest(std::string_view text, std::uint64_t done) {
+  return text.substr(static_cast<std::size_t>(std::min<std::uint64_t>(done, text.size())));
+}
+
+}  // namespace
+
+bool CExchange::Run(HttpClient::Error& error) {
+  URL url;
+  if (!URL::Parse(request_.url, url) || !BuildRequestHead(request_, url, head_)) {
+    error = {HttpClient::kBadUrl, static_cast<std::int32_t>(std::errc::invalid_argument)};
+    return false;
+  }
+  const std::string key = CConnectionPool::Key(url);
+  auto connection = CConnectionPool::Instance().Take(key);
+  const bool kept = connection != nullptr;
+  bool complete = kept && RunOn(*connection, error);
+  // A server may close a kept connection at the very moment in which it is used again; nothing of the request has then
+  // been answered, and a fresh connection shows what the server really has to say.
+  if (!kept || (!complete && closed_by_peer_ && !answer_started_)) {
+    connection = CClientConnection::Open(url, request_.connect_timeout_ms, error);
+    complete = connection != nullptr && RunOn(*connection, error);
+  }
+  if (complete && reusable_) {
+    CConnectionPool::Instance().Give(key, std::move(connection));
+  }
+  return complete;
+}
+
+bool CExchange::RunOn(CClientConnection& connection, HttpClient::Error& error) {
+  CAnswerReader reader(connection, request_.method == "HEAD", WaitTime(request_.receive_timeout_ms));
+  error = {};
+  closed_by_peer_ = false;
+  const SendState sent = SendRequest(connection, reader, error);
+  const HttpClient::Error send_error = error;
+  bool complete = false;
+  if (sent == SendState::kAnswered) {
+    complete = reader.ReadBody(response_, sink_, error);
+  } else if (send_error.kind == HttpClient::kNone || send_error.kind == HttpClient::kSend) {
+    // A server that refuses a request may answer, stop reading and close: what it said is worth more than the failure
+    // to send the rest.
+    complete = ReadFinalHead(reader, error) && reader.ReadBody(response_, sink_, error);
+  }
+  answer_started_ = reader.Started();
+  if (!complete && !answer_started_) {
+    if (send_error.kind != HttpClient::kNone) {
+      error = send_error;
+    }
+    closed_by_peer_ = error.kind != HttpClient::kTimeout && CClientSocket::IsClosedByPeer(error.detail);
+  }
+  reusable_ = complete && sent == SendState::kSent && reader.KeepsConnection();
+  return complete;
+}
+
+bool CExchange::ReadFinalHead(CAnswerReader& reader, HttpClient::Error& error) {
+  do {
+    if (!reader.ReadHead(response_, error)) {
+      return false;
+    }
+  } while (reader.IsInterim());
+  return true;
+}
+
+CExchange::SendState CExchange::SendRequest(CClientConnection& connection, CAnswerReader& reader,
+                                            HttpClient::Error& error) {
+  const int timeout_ms = WaitTime(request_.send_timeout_ms);
+  const std::string_view body(request_.body, static_cast<std::size_t>(request_.body_size));
+  const std::uint64_t total = head_.size() + body.size();
+  std::uint64_t done = 0;
+  while (done < total) {
+    const std::string_view head = Rest(head_, done);
+    const IoResult result = connection.TryWrite(head, Rest(body, done - (head_.size() - head.size())));
+    if (result.status == IoResult::Status::kDone) {
+      done += result.bytes;
+      continue;
+    }
+    if (result.status != IoResult::Status::kAgain) {
+      error = {HttpClient::kSend, result.error};
+      return SendState::kFailed;
+    }
+    if (!connection.Wait(true, true, timeout_ms)) {
+      error = {HttpClient::kTimeout, CClientSocket::TimedOut()};
+      return SendState::kFailed;
+    }
+    const SendState early = ReadEarlyAnswer(connection, reader, error);
+    if (early != SendState::kSent) {
+      return early;
+    }
+  }
+  return SendState::kSent;
+}
+
+// kSent means that nothing has come that would be a reason to stop sending.
+CExchange::SendState CExchange::ReadEarlyAnswer(CClientConnection& connection, CAnswerReader& reader,
+                                                HttpClient::Error& error) {
+  const IoResult result = connection.TryFill();
+  if (result.status == IoResult::Status::kAgain) {
+    return SendState::kSent;
+  }
+  if (result.status != IoResult::Status::kDone) {
+    error = {HttpClient::kSend,
+             result.status == IoResult::Status::kEnd ? CClientSocket::ConnectionReset() : result.error};
+    return SendState::kFailed;
+  }
+  if (!reader.ReadHead(response_, error)) {
+    return SendState::kFailed;
+  }
+  return reader.IsInterim() ? SendState::kSent : SendState::kAnswered;
+}
+
+}  // namespace TansyNet::details

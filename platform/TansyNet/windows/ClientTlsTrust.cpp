@@ -1,0 +1,34 @@
+// winsock2.h has to come before anything that includes windows.h, and wincrypt.h before OpenSSL's headers.
+#include <wincrypt.h>
+#include <windows.h>
+#include <winsock2.h>
+
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include "TansyNet/ClientTls.h"
+
+#pragma comment(lib, "crypt32.lib")
+
+namespace TansyNet::details {
+
+bool AddSystemTrust(ssl_ctx_st* context) {
+  const HCERTSTORE system = ::CertOpenSystemStoreW(0, L"ROOT");
+  if (system == nullptr) {
+    return false;
+  }
+  X509_STORE* const store = SSL_CTX_get_cert_store(context);
+  for (PCCERT_CONTEXT entry = ::CertEnumCertificatesInStore(system, nullptr); entry != nullptr;
+       entry = ::CertEnumCertificatesInStore(system, entry)) {
+    const unsigned char* encoded = entry->pbCertEncoded;
+    X509* const certificate = d2i_X509(nullptr, &encoded, static_cast<long>(entry->cbCertEncoded));
+    if (certificate != nullptr) {
+      X509_STORE_add_cert(store, certificate);
+      X509_free(certificate);
+    }
+  }
+  ::CertCloseStore(system, 0);
+  return true;
+}
+
+}  // namespace TansyNet::details
