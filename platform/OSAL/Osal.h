@@ -34,8 +34,7 @@ struct OSAL_AdapterInfo {
 };
 
 // The machine's adapters that are up, one entry an adapter, in the system's order. Returns 0, or the system's error
-// code
-// (`*adapters` is then null). The caller gives the list back with OSAL_FreeAdapterInfo.
+// code (`*adapters` is then null). The caller gives the list back with OSAL_FreeAdapterInfo.
 int OSAL_GetAdapterInfo(OSAL_AdapterInfo** adapters);
 void OSAL_FreeAdapterInfo(OSAL_AdapterInfo* adapters);
 
@@ -51,12 +50,12 @@ int OSAL_InetNtop(int family, const void* address, char* buffer, std::size_t buf
 // Suspends the calling thread for at least this many milliseconds.
 void OSAL_Sleep(std::uint32_t milliseconds);
 
-// Reads a decimal integer as strtol does (leading blanks and a sign allowed, the rest ignored). Text without a number
-// reads as 0; values that 32 bits cannot hold saturate.
+// Reads a decimal integer as strtol does (leading blanks and a sign allowed, the rest ignored). Text without a number,
+// or a null pointer, reads as 0; values that 32 bits cannot hold saturate.
 std::int32_t OSAL_StrToi32(const char* text);
 
-// Fills `count` bytes of a buffer of `size` bytes; a count beyond the size fills the buffer and returns -1, else 0.
-// Never optimised away.
+// Fills `count` bytes of a buffer of `size` bytes; a count beyond the size fills the buffer and returns -1, a null
+// buffer too, else 0. Never optimised away.
 int OSAL_Memset_s(void* buffer, std::size_t size, int value, std::size_t count);
 
 #endif  // TANSY_OSAL_OSAL_H

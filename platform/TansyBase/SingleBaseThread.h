@@ -9,16 +9,19 @@
 namespace TansyBase {
 
 // A thread of its own that calls OnTimer at once and then once a period.
-// Threads: Start and Stop may be called from any thread; OnTimer runs on the own thread only. A derived class calls
-// Stop in its destructor, before its members go.
+// Threads: every member may be called from any thread; OnTimer runs on the own thread only. A derived class calls Stop
+// in its destructor, before its members go. An exception that leaves OnTimer is logged, and the next call comes as
+// usual.
 class CSingleBaseThread : private CNoncopyable {
  public:
   CSingleBaseThread();
   virtual ~CSingleBaseThread();
 
-  // False when it runs already or the period is 0.
+  // False when it runs already, the period is 0, or OnTimer itself calls. The period counts from the end of one call to
+  // the beginning of the next.
   bool Start(std::uint32_t period_ms);
-  // Wakes the thread, waits for a running OnTimer and ends. Stopping a stopped thread does nothing.
+  // Wakes the thread, waits for a running OnTimer and ends. Stopping a stopped thread does nothing. Called by OnTimer
+  // itself it makes that call the last one and returns at once.
   void Stop();
   // Makes the next call come now instead of at the end of the period.
   void Wake();
@@ -27,6 +30,8 @@ class CSingleBaseThread : private CNoncopyable {
   virtual void OnTimer() = 0;
 
  private:
+  void Run(std::uint32_t period_ms);
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -10,11 +10,12 @@
 #define TANSY_LOGGING_LOGGING_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <string>
 #include <string_view>
+
+#include "logging/QualifiedName.h"
 
 namespace logging {
 
@@ -25,6 +26,10 @@ enum Level : int {
   kError = 5,     // a check, a start, a stop or a send failed
 };
 
+// A rendered line longer than this is cut, at a character's border, and ends with kCutMark.
+inline constexpr std::size_t kMaxTextBytes = 8192;
+inline constexpr std::string_view kCutMark = "...";
+
 // One finished line as a sink receives it. The views live only as long as the call.
 struct Record {
   int level = 0;
@@ -32,6 +37,7 @@ struct Record {
   std::string_view format;    // the literal format, for tests and for grouping
   std::string_view text;      // the rendered line, without a line end
   std::uint32_t repeats = 0;  // how many equal lines of this call site were held back before this one
+  bool cut = false;           // the line was longer than kMaxTextBytes
 };
 
 // Where lines go. `Write` may be called by several threads at once and must not log.
@@ -42,25 +48,20 @@ class ISink {
   virtual void Flush() {}
 };
 
-// Replaces the sink; lines under way still reach the old one. An empty pointer discards lines. Until the first call
-// lines of level kError go to standard error.
-void SetSink(std::shared_ptr<ISink> sink);
+// Replaces the sink and returns the one before; lines under way still reach the old one. An empty pointer discards
+// lines. Until the first call lines of level kError go to standard error. The last sink is never destroyed: a program
+// whose sink writes in the background calls Flush, or SetSink with an empty pointer, before it ends.
+std::shared_ptr<ISink> SetSink(std::shared_ptr<ISink> sink);
 
-// The lowest level that is written; lines below cost one comparison. Default kNotable.
-void SetLowestLevel(int level);
-inline std::atomic<int>& LowestLevelStorage() {
-  extern std::atomic<int> g_lowest_level;
-  return g_lowest_level;
-}
-inline bool IsEnabled(int level) {
-  return level >= LowestLevelStorage().load(std::memory_order_relaxed);
-}
+// The lowest level that is written; lines below cost one comparison. Default kNotable. Returns the level before.
+int SetLowestLevel(int level);
 
-// Equal lines of one call site within this many milliseconds are counted and summed up in one line; 0 (the default)
-// writes each of them.
+// Equal lines of one call site within this many milliseconds after the first are counted and summed up in one line; 0
+// (the default) writes each of them. The sum travels as `repeats` of the next equal line, or, when none comes, of a
+// copy of the line that is written as soon as anything is written after the window's end, or by Flush.
 void SetRepeatWindow(std::uint32_t milliseconds);
 
-// Waits until everything written so far has left the process.
+// Writes the sums that are due or not, and waits until everything written so far has left the process.
 void Flush();
 
 // Per call site, made by TANSY_LOG: what the repeat window needs to remember.
@@ -77,18 +78,22 @@ void Write(CallSite& site, int level, const char* module, const char* format, ..
 #endif
     ;
 
-// Cuts "int Tansy::CloudStorage::CObjectServer::Init(const X&)" down to "Tansy::CloudStorage::CObjectServer::Init" when
-// the call site is compiled. `Length` includes the terminating NUL of the compiler's text.
-template <std::size_t Length>
-struct QualifiedName {
-  char text[Length]{};
-};
-template <std::size_t Length>
-consteval QualifiedName<Length> CutQualifiedName(const char (&pretty)[Length]);
+// Data that inline code reads across the border of this library wants to be marked as imported on Windows.
+#if defined(_WIN32) && !defined(logging_EXPORTS)
+#define TANSY_LOGGING_DATA __declspec(dllimport)
+#else
+#define TANSY_LOGGING_DATA
+#endif
+
+namespace details {
+extern TANSY_LOGGING_DATA std::atomic<int> lowest_level;
+}  // namespace details
+
+inline bool IsEnabled(int level) {
+  return level >= details::lowest_level.load(std::memory_order_relaxed);
+}
 
 }  // namespace logging
-
-#include "logging/QualifiedName.inl"
 
 #if defined(_MSC_VER)
 #define TANSY_FUNCTION_TEXT __FUNCSIG__

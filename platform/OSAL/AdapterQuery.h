@@ -1,0 +1,14 @@
+// The part of the adapter list that differs between operating systems. Internal to OSAL.
+#ifndef TANSY_OSAL_ADAPTER_QUERY_H
+#define TANSY_OSAL_ADAPTER_QUERY_H
+
+#include "OSAL/Osal.h"
+
+namespace osal_internal {
+
+// As OSAL_GetAdapterInfo.
+int QueryAdapters(OSAL_AdapterInfo** adapters);
+
+}  // namespace osal_internal
+
+#endif  // TANSY_OSAL_ADAPTER_QUERY_H

@@ -1,0 +1,16 @@
+// Conversions that take the operating system's tables. Internal to the base library.
+#ifndef TANSY_BASE_CODE_PAGE_H
+#define TANSY_BASE_CODE_PAGE_H
+
+#include <string>
+#include <string_view>
+
+namespace TansyBase::CodePage {
+
+// As StringUtil::UTF8ToLocal and StringUtil::UTF8ToGBK.
+std::string Utf8ToLocal(std::string_view utf8);
+std::string Utf8ToGbk(std::string_view utf8);
+
+}  // namespace TansyBase::CodePage
+
+#endif  // TANSY_BASE_CODE_PAGE_H

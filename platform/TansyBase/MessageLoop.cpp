@@ -1,0 +1,237 @@
+#include "TansyBase/MessageLoop.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <list>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "logging/Logging.h"
+
+namespace TansyBase {
+namespace {
+
+using TaskPointer = std::unique_ptr<CTask>;
+using TaskQueue = std::deque<TaskPointer>;
+
+void RunTask(CTask& task) {
+  try {
+    task.Exec();
+  } catch (const std::exception& exception) {
+    TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]task threw %s[%s(%d)]", exception.what());
+  } catch (...) {
+    TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]task threw[%s(%d)]");
+  }
+}
+
+void JoinAll(std::list<std::thread>& threads) {
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+}  // namespace
+
+struct CMessageLoopDyThreadPool::Impl {
+  enum class State { kNew, kRunning, kStopped };
+
+  std::mutex lifecycle;  // held by Start and Stop from beginning to end; never taken by a thread of the loop
+
+  // Tasks waiting plus tasks running, readable without the lock: servers ask at each request.
+  std::atomic<std::size_t> work_count{0};
+
+  mutable std::mutex mutex;
+  std::condition_variable work;
+  // All that follows is under mutex.
+  State state = State::kNew;
+  std::chrono::seconds idle_time{0};
+  std::size_t min_threads = 0;
+  std::size_t max_threads = 0;
+  TaskQueue queue;
+  std::size_t sleepers = 0;             // threads that wait for work
+  std::size_t signals = 0;              // sleepers that have been woken and have not taken their task yet
+  std::list<std::thread> threads;       // those that run
+  std::list<std::thread> left_threads;  // those that left for want of work, to be joined
+
+  static thread_local const Impl* of_this_thread;
+
+  bool AddThread();
+  bool WantsMoreThreads() const;
+  void RunThread(std::list<std::thread>::iterator self);
+  bool Sleep(std::unique_lock<std::mutex>& lock);
+  void Drop(TaskQueue& tasks);
+  std::list<std::thread> TakeAllThreads();
+};
+
+thread_local const CMessageLoopDyThreadPool::Impl* CMessageLoopDyThreadPool::Impl::of_this_thread = nullptr;
+
+// Tasks wait for which neither a sleeping thread has been woken nor another thread may be expected soon.
+bool CMessageLoopDyThreadPool::Impl::WantsMoreThreads() const {
+  return queue.size() > sleepers && threads.size() < max_threads;
+}
+
+bool CMessageLoopDyThreadPool::Impl::AddThread() {
+  const auto self = threads.emplace(threads.end());
+  try {
+    // The new thread's first step is to take the mutex, so it finds its own entry finished.
+    *self = std::thread(&Impl::RunThread, this, self);
+    return true;
+  } catch (const std::system_error& error) {
+    threads.erase(self);
+    TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]no thread to be had: %s[%s(%d)]", error.what());
+    return false;
+  }
+}
+
+void CMessageLoopDyThreadPool::Impl::RunThread(std::list<std::thread>::iterator self) {
+  of_this_thread = this;
+  std::unique_lock lock(mutex);
+  for (;;) {
+    if (!queue.empty()) {
+      TaskPointer task = std::move(queue.front());
+      queue.pop_front();
+      lock.unlock();
+      RunTask(*task);
+      task.reset();
+      work_count.fetch_sub(1, std::memory_order_relaxed);
+      lock.lock();
+    } else if (state == State::kStopped) {
+      return;
+    } else if (!Sleep(lock)) {
+      left_threads.splice(left_threads.end(), threads, self);
+      return;
+    }
+  }
+}
+
+// Waits until woken, perhaps for nothing; false when the thread is to leave because there has been no work for a while.
+// Each return takes one signal back, also when another thread was quicker to the task: a signal left behind would keep
+// the next poster from waking anybody.
+bool CMessageLoopDyThreadPool::Impl::Sleep(std::unique_lock<std::mutex>& lock) {
+  bool timed_out = false;
+  ++sleepers;
+  if (threads.size() > min_threads) {
+    timed_out = work.wait_for(lock, idle_time) == std::cv_status::timeout;
+  } else {
+    work.wait(lock);
+  }
+  --sleepers;
+  signals -= signals > 0 ? 1 : 0;
+  return !timed_out || !queue.empty() || state == State::kStopped || threads.size() <= min_threads;
+}
+
+void CMessageLoopDyThreadPool::Impl::Drop(TaskQueue& tasks) {
+  const std::size_t count = tasks.size();
+  tasks.clear();
+  work_count.fetch_sub(count, std::memory_order_relaxed);
+}
+
+std::list<std::thread> CMessageLoopDyThreadPool::Impl::TakeAllThreads() {
+  std::list<std::thread> all;
+  all.splice(all.end(), threads);
+  all.splice(all.end(), left_threads);
+  return all;
+}
+
+CMessageLoopDyThreadPool::CMessageLoopDyThreadPool() : impl_(std::make_unique<Impl>()) {}
+
+CMessageLoopDyThreadPool::~CMessageLoopDyThreadPool() {
+  Stop(false);
+  impl_->Drop(impl_->queue);  // of a loop that was never started
+}
+
+bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_seconds) {
+  if (min_threads < 1 || max_threads < min_threads || idle_seconds < 0 || Impl::of_this_thread == impl_.get()) {
+    return false;
+  }
+  const std::lock_guard lifecycle(impl_->lifecycle);
+  std::unique_lock lock(impl_->mutex);
+  if (impl_->state == Impl::State::kRunning) {
+    return false;
+  }
+  if (impl_->state == Impl::State::kStopped) {  // threads of a run that one of its own tasks stopped
+    std::list<std::thread> ended = impl_->TakeAllThreads();
+    lock.unlock();
+    JoinAll(ended);
+    lock.lock();
+  }
+  impl_->idle_time = std::chrono::seconds(idle_seconds);
+  impl_->min_threads = static_cast<std::size_t>(min_threads);
+  impl_->max_threads = static_cast<std::size_t>(max_threads);
+  impl_->state = Impl::State::kRunning;
+  while (impl_->threads.size() < impl_->min_threads && impl_->AddThread()) {
+  }
+  if (impl_->threads.empty()) {
+    impl_->state = Impl::State::kNew;
+    return false;
+  }
+  return true;
+}
+
+bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
+  TaskPointer owned(task);
+  if (task == nullptr) {
+    return false;
+  }
+  bool wake = false;
+  std::list<std::thread> ended;
+  {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->state == Impl::State::kStopped) {
+      return false;  // `owned` outlives the lock: a task's destructor may call this loop
+    }
+    impl_->queue.push_back(std::move(owned));
+    impl_->work_count.fetch_add(1, std::memory_order_relaxed);
+    if (impl_->state == Impl::State::kRunning) {
+      wake = impl_->sleepers > impl_->signals;
+      impl_->signals += wake ? 1 : 0;
+      if (impl_->WantsMoreThreads()) {
+        impl_->AddThread();
+        ended.swap(impl_->left_threads);  // those of the last rush
+      }
+    }
+  }
+  if (wake) {
+    impl_->work.notify_one();
+  }
+  JoinAll(ended);
+  return true;
+}
+
+std::size_t CMessageLoopDyThreadPool::GetWorkTaskCount() const {
+  return impl_->work_count.load(std::memory_order_relaxed);
+}
+
+void CMessageLoopDyThreadPool::Stop(bool run_waiting) {
+  const bool own_task = Impl::of_this_thread == impl_.get();
+  std::unique_lock lifecycle(impl_->lifecycle, std::defer_lock);
+  if (!own_task) {
+    lifecycle.lock();
+  }
+  TaskQueue dropped;
+  std::unique_lock lock(impl_->mutex);
+  if (impl_->state == Impl::State::kNew) {
+    return;
+  }
+  impl_->state = Impl::State::kStopped;
+  if (!run_waiting) {
+    dropped.swap(impl_->queue);
+  }
+  lock.unlock();
+  impl_->work.notify_all();
+  impl_->Drop(dropped);
+  if (own_task) {
+    return;
+  }
+  lock.lock();
+  std::list<std::thread> ended = impl_->TakeAllThreads();
+  lock.unlock();
+  JoinAll(ended);
+}
+
+}  // namespace TansyBase

@@ -1,0 +1,117 @@
+#include "TansyBase/SingleBaseThread.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "logging/Logging.h"
+
+namespace TansyBase {
+
+struct CSingleBaseThread::Impl {
+  std::mutex lifecycle;  // held by Start and Stop from beginning to end; never taken by the own thread
+  std::thread thread;    // under lifecycle
+
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::thread::id own_id;  // under mutex, like what follows
+  bool stopping = true;    // the thread is to end, or there is none
+  bool woken = false;      // the next call is due now
+
+  bool IsOwnThread() {
+    const std::lock_guard lock(mutex);
+    return own_id == std::this_thread::get_id();
+  }
+
+  void RequestStop() {
+    {
+      const std::lock_guard lock(mutex);
+      stopping = true;
+    }
+    wake.notify_all();
+  }
+
+  // Waits until the next call is due; false when the thread is to end.
+  bool WaitForNextCall(std::chrono::milliseconds period) {
+    std::unique_lock lock(mutex);
+    wake.wait_for(lock, period, [this] { return stopping || woken; });
+    woken = false;
+    return !stopping;
+  }
+};
+
+CSingleBaseThread::CSingleBaseThread() : impl_(std::make_unique<Impl>()) {}
+
+CSingleBaseThread::~CSingleBaseThread() {
+  Stop();
+}
+
+void CSingleBaseThread::Run(std::uint32_t period_ms) {
+  {
+    const std::lock_guard lock(impl_->mutex);
+    impl_->own_id = std::this_thread::get_id();
+  }
+  do {
+    try {
+      OnTimer();
+    } catch (const std::exception& exception) {
+      TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]OnTimer threw %s[%s(%d)]", exception.what());
+    } catch (...) {
+      TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]OnTimer threw[%s(%d)]");
+    }
+  } while (impl_->WaitForNextCall(std::chrono::milliseconds(period_ms)));
+}
+
+bool CSingleBaseThread::Start(std::uint32_t period_ms) {
+  if (period_ms == 0 || impl_->IsOwnThread()) {
+    return false;
+  }
+  const std::lock_guard lifecycle(impl_->lifecycle);
+  {
+    const std::lock_guard lock(impl_->mutex);
+    if (!impl_->stopping) {
+      return false;
+    }
+  }
+  if (impl_->thread.joinable()) {  // the last run was ended by its own OnTimer
+    impl_->thread.join();
+  }
+  const std::lock_guard lock(impl_->mutex);
+  impl_->woken = false;
+  try {
+    impl_->thread = std::thread(&CSingleBaseThread::Run, this, period_ms);
+  } catch (const std::system_error& error) {
+    TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]no thread to be had: %s[%s(%d)]", error.what());
+    return false;
+  }
+  impl_->stopping = false;
+  return true;
+}
+
+void CSingleBaseThread::Stop() {
+  impl_->RequestStop();
+  if (impl_->IsOwnThread()) {
+    return;
+  }
+  const std::lock_guard lifecycle(impl_->lifecycle);
+  impl_->RequestStop();  // once more: a Start may have come in between
+  if (impl_->thread.joinable()) {
+    impl_->thread.join();
+  }
+  const std::lock_guard lock(impl_->mutex);
+  impl_->own_id = {};
+}
+
+void CSingleBaseThread::Wake() {
+  {
+    const std::lock_guard lock(impl_->mutex);
+    impl_->woken = true;
+  }
+  impl_->wake.notify_all();
+}
+
+}  // namespace TansyBase

@@ -1,0 +1,78 @@
+#include "TansyBase/StringUtil.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "TansyBase/CodePage.h"
+#include "TansyBase/Utf8.h"
+
+namespace TansyBase {
+
+std::string StringUtil::str_fmt(const char* format, ...) {
+  char buffer[512];
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
+  va_end(arguments);
+  std::string text;
+  if (length >= 0 && static_cast<std::size_t>(length) < sizeof buffer) {
+    text.assign(buffer, static_cast<std::size_t>(length));
+  } else if (length >= 0) {
+    text.resize(static_cast<std::size_t>(length));
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
+  }
+  va_end(again);
+  return text;
+}
+
+std::string StringUtil::StringReplace(std::string_view text, std::string_view from, std::string_view to) {
+  std::string out;
+  std::size_t copied = 0;
+  if (!from.empty()) {
+    for (std::size_t at = text.find(from); at != std::string_view::npos; at = text.find(from, copied)) {
+      out.append(text, copied, at - copied).append(to);
+      copied = at + from.size();
+    }
+  }
+  return out.append(text, copied);
+}
+
+std::string StringUtil::StringPreventSQLInjection(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    if (c == '\'') {
+      out += "''";
+    } else if (c != '\0') {
+      out += c;
+    }
+  }
+  return out;
+}
+
+std::string StringUtil::UTF8ToLocal(std::string_view utf8) {
+  return CodePage::Utf8ToLocal(utf8);
+}
+
+std::string StringUtil::UTF8ToGBK(std::string_view utf8) {
+  return CodePage::Utf8ToGbk(utf8);
+}
+
+std::wstring StringUtil::UTF8ToWide(std::string_view utf8) {
+  std::wstring wide;
+  wide.reserve(utf8.size());
+  while (!utf8.empty()) {
+    const char32_t point = TakeUtf8(utf8);
+    if (sizeof(wchar_t) == 2 && point > 0xFFFF) {
+      wide += static_cast<wchar_t>(0xD800 + ((point - 0x10000) >> 10));
+      wide += static_cast<wchar_t>(0xDC00 + ((point - 0x10000) & 0x3FF));
+    } else {
+      wide += static_cast<wchar_t>(point);
+    }
+  }
+  return wide;
+}
+
+}  // namespace TansyBase

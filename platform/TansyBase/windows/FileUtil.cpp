@@ -1,0 +1,42 @@
+#include "TansyBase/FileUtil.h"
+
+#include <direct.h>
+#include <windows.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "TansyBase/StringUtil.h"
+
+namespace TansyBase {
+namespace {
+
+std::string ToUtf8(const std::wstring& wide) {
+  const int length = static_cast<int>(wide.size());
+  const int size = WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, nullptr, 0, nullptr, nullptr);
+  std::string utf8(static_cast<std::size_t>(size), '\0');
+  WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(), size, nullptr, nullptr);
+  return utf8;
+}
+
+}  // namespace
+
+std::string FileUtil::GetCurExeDirUtf8() {
+  std::wstring path(32768, L'\0');  // the longest path that the system knows
+  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+  return ToUtf8(path.substr(0, path.find_last_of(L'\\') + 1));
+}
+
+bool FileUtil::Exists(const std::string& path) {
+  return GetFileAttributesW(StringUtil::UTF8ToWide(path).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+int FileUtil::MakeDirectory(const std::string& path) {
+  return _wmkdir(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
+}
+
+int FileUtil::RemoveFile(const std::string& path) {
+  return _wunlink(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace TansyBase

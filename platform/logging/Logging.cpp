@@ -1,0 +1,148 @@
+#include "logging/Logging.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include "logging/RepeatFilter.h"
+#include "logging/Text.h"
+
+namespace logging {
+namespace details {
+
+constinit TANSY_LOGGING_DATA std::atomic<int> lowest_level{kNotable};
+
+namespace {
+
+// Until the host has set its sink up, errors are not lost.
+class CStandardErrorSink : public ISink {
+ public:
+  void Write(const Record& record) override {
+    if (record.level >= kError) {
+      std::fprintf(stderr, "%.*s\n", static_cast<int>(record.text.size()), record.text.data());
+    }
+  }
+  void Flush() override { std::fflush(stderr); }
+};
+
+// What the process's log consists of. Never destroyed: threads may log while the process ends.
+struct Log {
+  std::mutex mutex;
+  std::shared_ptr<ISink> sink = std::make_shared<CStandardErrorSink>();  // under mutex
+  CRepeatFilter repeats;
+};
+
+Log& TheLog() {
+  static Log* const log = new Log;
+  return *log;
+}
+
+std::shared_ptr<ISink> CurrentSink() {
+  Log& log = TheLog();
+  const std::lock_guard lock(log.mutex);
+  return log.sink;
+}
+
+std::int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+void WriteHeld(ISink& sink, const HeldLine& line) {
+  if (line.site == nullptr || line.repeats == 0) {
+    return;
+  }
+  sink.Write(Record{line.level, line.module, line.format, line.text, line.repeats, line.cut});
+}
+
+void WriteThroughFilter(ISink& sink, CallSite& site, Record& record) {
+  CRepeatFilter& repeats = TheLog().repeats;
+  const std::int64_t now_ms = NowMs();
+  HeldLine before;
+  const bool admitted = repeats.Admit(site, record, now_ms, before);
+  for (const HeldLine& line : repeats.TakeDue(now_ms)) {
+    WriteHeld(sink, line);
+  }
+  if (admitted) {
+    WriteHeld(sink, before);
+    sink.Write(record);
+  }
+}
+
+// The line in `buffer`, of which `needed` bytes would have been written had there been room.
+std::string_view CutText(char (&buffer)[kMaxTextBytes + 1], std::size_t needed, bool& cut) {
+  cut = needed > kMaxTextBytes;
+  if (!cut) {
+    return {buffer, needed};
+  }
+  const std::string_view kept = CutAtCharacter({buffer, kMaxTextBytes}, kMaxTextBytes - kCutMark.size());
+  std::copy(kCutMark.begin(), kCutMark.end(), buffer + kept.size());
+  return {buffer, kept.size() + kCutMark.size()};
+}
+
+}  // namespace
+}  // namespace details
+
+std::shared_ptr<ISink> SetSink(std::shared_ptr<ISink> sink) {
+  Flush();
+  details::Log& log = details::TheLog();
+  const std::lock_guard lock(log.mutex);
+  return std::exchange(log.sink, std::move(sink));
+}
+
+int SetLowestLevel(int level) {
+  return details::lowest_level.exchange(level, std::memory_order_relaxed);
+}
+
+void SetRepeatWindow(std::uint32_t milliseconds) {
+  details::TheLog().repeats.SetWindow(milliseconds);
+}
+
+void Flush() {
+  const std::shared_ptr<ISink> sink = details::CurrentSink();
+  try {
+    const auto held = details::TheLog().repeats.TakeAll();
+    if (sink == nullptr) {
+      return;
+    }
+    for (const details::HeldLine& line : held) {
+      details::WriteHeld(*sink, line);
+    }
+    sink->Flush();
+  } catch (...) {
+    // A log that cannot be written must not take the program down.
+  }
+}
+
+void Write(CallSite& site, int level, const char* module, const char* format, ...) {
+  const std::shared_ptr<ISink> sink = details::CurrentSink();
+  if (sink == nullptr) {
+    return;
+  }
+  char buffer[kMaxTextBytes + 1];
+  va_list arguments;
+  va_start(arguments, format);
+  const int needed = std::vsnprintf(buffer, sizeof buffer, format, arguments);
+  va_end(arguments);
+
+  Record record;
+  record.level = level;
+  record.module = module;
+  record.format = format;
+  // Arguments that cannot be rendered leave at least the format, which says where and what.
+  record.text = needed < 0 ? record.format : details::CutText(buffer, static_cast<std::size_t>(needed), record.cut);
+  try {
+    if (details::TheLog().repeats.IsOn()) {
+      details::WriteThroughFilter(*sink, site, record);
+    } else {
+      sink->Write(record);
+    }
+  } catch (...) {
+    // As in Flush.
+  }
+}
+
+}  // namespace logging

@@ -1,0 +1,60 @@
+// Holds equal lines of one call site back for a while. Internal to the logging library.
+#ifndef TANSY_LOGGING_REPEAT_FILTER_H
+#define TANSY_LOGGING_REPEAT_FILTER_H
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "logging/Logging.h"
+
+namespace logging::details {
+
+// A line that stands for those that were held back.
+struct HeldLine {
+  CallSite* site = nullptr;
+  int level = 0;
+  std::string module;
+  std::string_view format;  // a literal: it outlives the process's lines
+  std::string text;
+  bool cut = false;
+  std::int64_t due_ms = 0;
+  std::uint32_t repeats = 0;
+};
+
+// The flood that the window is for, one line over and over, costs two atomic reads and one addition a line and touches
+// no lock; the lock is taken when a call site's line changes or its window ends. Counts are exact as long as a call
+// site's lines are equal; when they change at the very moment, a held-back line may be counted with its successor.
+//
+// Threads: any. Nothing is written while the lock is held.
+class CRepeatFilter {
+ public:
+  void SetWindow(std::uint32_t milliseconds) { window_ms_.store(milliseconds, std::memory_order_relaxed); }
+  bool IsOn() const { return window_ms_.load(std::memory_order_relaxed) != 0; }
+
+  // Decides about one line. False: it is held back. True: it is to be written, after `before` (when that has a site),
+  // and `record.repeats` is set.
+  bool Admit(CallSite& site, Record& record, std::int64_t now_ms, HeldLine& before);
+
+  // Takes out the lines whose window ended before `now_ms`.
+  std::vector<HeldLine> TakeDue(std::int64_t now_ms);
+  std::vector<HeldLine> TakeAll();
+
+ private:
+  bool IsRepeat(const CallSite& site, std::uint64_t hash, std::int64_t now_ms) const;
+  void Hold(CallSite& site, const Record& record);
+  HeldLine TakeOf(CallSite& site);
+  void SetNextDue();
+
+  std::atomic<std::uint32_t> window_ms_{0};
+  std::atomic<std::int64_t> next_due_ms_{INT64_MAX};
+  std::mutex mutex_;
+  std::vector<HeldLine> held_;  // under mutex_; at most one entry a call site
+};
+
+}  // namespace logging::details
+
+#endif  // TANSY_LOGGING_REPEAT_FILTER_H

@@ -1,0 +1,58 @@
+// The log of a stand-alone host: a file or standard error, written by a thread of its own.
+#ifndef TANSY_LOGGING_STANDARD_SINK_H
+#define TANSY_LOGGING_STANDARD_SINK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "logging/Logging.h"
+
+namespace logging {
+
+struct StandardSinkOptions {
+  std::string file_path;           // UTF-8; lines are appended; empty: standard error
+  std::size_t queue_lines = 4096;  // lines that may wait for the writing thread (1 to 1,000,000)
+};
+
+// Lines look like "2026-11-03 08:05:09.123Z error platform.LocalStorage [Tansy::...]text[file(5)]", times in UTC.
+//
+// A caller never waits for the disk: when the queue is full its oldest line is dropped, and the next line written is
+// preceded by one that says how many were. What clients put into a line cannot forge another one: control characters
+// and bytes that are no UTF-8 are written escaped. Registered secrets are masked in whatever is written.
+//
+// Threads: any thread may call any member. The destructor writes what waits and ends the thread.
+class CStandardSink : public ISink {
+ public:
+  // Null when the file cannot be opened or the options make no sense; `error` then says why, in one line.
+  static std::shared_ptr<CStandardSink> Create(const StandardSinkOptions& options, std::string& error);
+
+  ~CStandardSink() override;
+  CStandardSink(const CStandardSink&) = delete;
+  CStandardSink& operator=(const CStandardSink&) = delete;
+
+  void Write(const Record& record) override;
+  // Waits until the lines written so far are with the operating system, at most some seconds.
+  void Flush() override;
+
+  // Masks every occurrence of this text from now on, also in lines that still wait. An empty text is ignored.
+  void AddSecret(std::string_view secret);
+
+  // Opens the file anew under its name, after a log rotation has moved it away. False, and the old file in use, when
+  // that fails. True for standard error.
+  bool Reopen(std::string& error);
+
+  // Lines dropped since the start because the queue was full or the file could not be written.
+  std::uint64_t DroppedLines() const;
+
+ private:
+  struct Impl;
+  explicit CStandardSink(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace logging
+
+#endif  // TANSY_LOGGING_STANDARD_SINK_H
