@@ -37,8 +37,8 @@ class CLocalFile {
   std::uint32_t OpenAlways(const std::string& utf8_path);
   bool IsOpen() const { return handle_ != kInvalid; }
 
-  // Low 32 bits of the size. 0, or the error code.
-  std::uint32_t GetSize(std::uint32_t& low_size) const;
+  // Low 32 bits of the size and, where asked for, the high ones. 0, or the error code.
+  std::uint32_t GetSize(std::uint32_t& low_size, std::uint32_t* high_size = nullptr) const;
   // Reads at the current position; `done` may be short at the end of the file. 0, or the error code.
   std::uint32_t Read(void* buffer, std::uint32_t size, std::uint32_t& done);
   // Writes at the current position. 0, or the error code; `done` says how much was written either way.

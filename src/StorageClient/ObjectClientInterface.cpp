@@ -60,7 +60,12 @@ struct SFileUpload {
 };
 
 bool GetSize(SFileUpload& upload, std::uint32_t& size) {
-  const std::uint32_t error = upload.file.GetSize(size);
+  std::uint32_t high_size = 0;
+  std::uint32_t error = upload.file.GetSize(size, &high_size);
+  if (error == 0 && high_size != 0) {
+    // The low 32 bits alone would store the beginning of the file as if it were all of it.
+    error = kErrorFileTooLarge;
+  }
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]ftell file failed!file[%s],errno[%d][%s(%d)]", upload.local_path.c_str(), error);
     upload.conf->last_error.Set(kLocalFile,

@@ -145,12 +145,15 @@ std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   return kNone;
 }
 
-std::uint32_t CLocalFile::GetSize(std::uint32_t& low_size) const {
+std::uint32_t CLocalFile::GetSize(std::uint32_t& low_size, std::uint32_t* high_size) const {
   struct stat status {};
   if (!IsOpen() || fstat(Descriptor(handle_), &status) != 0) {
     return IsOpen() ? FromErrno(errno) : kInvalidHandle;
   }
   low_size = static_cast<std::uint32_t>(status.st_size & 0xFFFFFFFF);
+  if (high_size != nullptr) {
+    *high_size = static_cast<std::uint32_t>(status.st_size >> 32);
+  }
   return kNone;
 }
 

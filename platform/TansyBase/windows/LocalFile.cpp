@@ -27,12 +27,15 @@ std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   return 0;
 }
 
-std::uint32_t CLocalFile::GetSize(std::uint32_t& low_size) const {
+std::uint32_t CLocalFile::GetSize(std::uint32_t& low_size, std::uint32_t* high_size) const {
   LARGE_INTEGER size{};
   if (!GetFileSizeEx(Handle(handle_), &size)) {
     return GetLastError();
   }
   low_size = size.LowPart;
+  if (high_size != nullptr) {
+    *high_size = static_cast<std::uint32_t>(size.HighPart);
+  }
   return 0;
 }
 
