@@ -1,0 +1,42 @@
+// The paths that both kinds of document are read and written by: "/Root/Child/Part[3]/Size".
+#ifndef TANSY_PROTO_DOCUMENT_PATH_H
+#define TANSY_PROTO_DOCUMENT_PATH_H
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+namespace TansyProto {
+
+// Levels that a document may have, parsed or written. What works on a document level by level stays far from the end of
+// the smallest thread's stack.
+inline constexpr std::size_t kMaxDepth = 64;
+// Bytes and values that a parsed document may have. A value costs up to 128 bytes in memory and as few as two in the
+// text, so the text's size alone bounds nothing.
+inline constexpr std::size_t kMaxDocumentBytes = 64 * 1024 * 1024;
+inline constexpr std::size_t kMaxDocumentValues = 1'000'000;
+
+struct PathStep {
+  std::string_view name;
+  std::size_t index = 0;  // 0 when the path has none
+};
+
+// The steps of a path; they point into its text.
+class CDocumentPath {
+ public:
+  // Not valid: no leading slash, an empty name, anything in brackets but a decimal number from 1, more than kMaxDepth
+  // steps.
+  explicit CDocumentPath(std::string_view path);
+
+  bool IsValid() const { return count_ > 0; }
+  const PathStep* begin() const { return steps_.data(); }
+  const PathStep* end() const { return steps_.data() + count_; }
+
+ private:
+  std::array<PathStep, kMaxDepth> steps_;
+  std::size_t count_ = 0;
+};
+
+}  // namespace TansyProto
+
+#endif  // TANSY_PROTO_DOCUMENT_PATH_H

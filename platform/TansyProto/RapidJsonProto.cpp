@@ -1,0 +1,246 @@
+#include "TansyProto/RapidJsonProto.h"
+
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "TansyProto/DocumentPath.h"
+#include "TansyProto/TextRules.h"
+
+namespace TansyProto {
+
+namespace details {
+namespace {
+
+// Depth and number of values as the brackets and commas outside strings tell them. Text that is no JSON may pass; the
+// parser refuses it then, within these limits.
+bool IsWithinLimits(std::string_view text) {
+  if (text.size() > kMaxDocumentBytes || text.find('\0') != std::string_view::npos) {
+    return false;  // the parser takes a NUL byte for the end
+  }
+  std::size_t depth = 0;
+  std::size_t values = 0;
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"') {
+      in_string = !in_string;
+    } else if (in_string) {
+      i += c == '\\' ? 1 : 0;
+    } else if (c == '[' || c == '{') {
+      ++values;
+      ++depth;
+    } else if (c == ']' || c == '}') {
+      depth -= depth > 0 ? 1 : 0;
+    } else if (c == ',') {
+      ++values;
+    }
+    if (depth > kMaxDepth || values > kMaxDocumentValues) {
+      return false;
+    }
+  }
+  return true;
+}
+
+using Value = rapidjson::Value;
+
+// What a step stands for below an object; null when it is not there.
+const Value* FindStep(const Value& parent, const PathStep& step) {
+  if (!parent.IsObject()) {
+    return nullptr;
+  }
+  const Value name(rapidjson::StringRef(step.name.data(), static_cast<rapidjson::SizeType>(step.name.size())));
+  const auto member = parent.FindMember(name);
+  if (member == parent.MemberEnd()) {
+    return nullptr;
+  }
+  if (step.index == 0) {
+    return &member->value;
+  }
+  const bool is_there = member->value.IsArray() && step.index <= member->value.Size();
+  return is_there ? &member->value[static_cast<rapidjson::SizeType>(step.index - 1)] : nullptr;
+}
+
+std::string ToText(const Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  return {buffer.GetString(), buffer.GetSize()};
+}
+
+// A document that was moved from is an empty one again.
+template <typename Impl>
+Impl& Ensure(std::unique_ptr<Impl>& impl) {
+  if (!impl) {
+    impl = std::make_unique<Impl>();
+  }
+  return *impl;
+}
+
+bool IsUtf8(std::string_view text) {
+  return MakeCarriable(text, false) == text;
+}
+
+}  // namespace
+}  // namespace details
+
+struct CRapidJsonProto::Impl {
+  Impl() { document.SetObject(); }
+
+  const rapidjson::Value* Find(const std::string& path) const;
+  // The place of a value that is not an array or object, made when missing; null when the path does not allow it.
+  rapidjson::Value* Make(const std::string& path);
+  rapidjson::Value* Append(rapidjson::Value& parent, const PathStep& step);
+  static bool MayMake(const rapidjson::Value& parent, const PathStep& step);
+
+  rapidjson::Document document;
+};
+
+const rapidjson::Value* CRapidJsonProto::Impl::Find(const std::string& path) const {
+  const CDocumentPath steps(path);
+  const rapidjson::Value* value = steps.IsValid() ? &document : nullptr;
+  for (const PathStep& step : steps) {
+    value = value == nullptr ? nullptr : details::FindStep(*value, step);
+  }
+  return value;
+}
+
+// Checks the whole path before it makes anything, so that a refused path leaves the document as it was.
+rapidjson::Value* CRapidJsonProto::Impl::Make(const std::string& path) {
+  const CDocumentPath steps(path);
+  if (!steps.IsValid() || !details::IsUtf8(path)) {
+    return nullptr;
+  }
+  rapidjson::Value* value = &document;
+  const PathStep* step = steps.begin();
+  for (; step != steps.end(); ++step) {
+    const rapidjson::Value* next = details::FindStep(*value, *step);
+    if (next == nullptr) {
+      break;
+    }
+    value = const_cast<rapidjson::Value*>(next);
+  }
+  if (step == steps.end()) {
+    return value->IsObject() || value->IsArray() ? nullptr : value;
+  }
+  const bool rest_is_first = std::all_of(step + 1, steps.end(), [](const PathStep& later) { return later.index <= 1; });
+  if (!MayMake(*value, *step) || !rest_is_first) {
+    return nullptr;
+  }
+  for (; step != steps.end(); ++step) {
+    value = Append(*value, *step);
+  }
+  return value;
+}
+
+bool CRapidJsonProto::Impl::MayMake(const rapidjson::Value& parent, const PathStep& step) {
+  if (!parent.IsObject()) {
+    return false;
+  }
+  const rapidjson::Value* list = details::FindStep(parent, {step.name, 0});
+  if (list == nullptr) {
+    return step.index <= 1;
+  }
+  return list->IsArray() && step.index == list->Size() + 1;
+}
+
+// A new value for a step that is missing; `parent` becomes an object when it was only just made.
+rapidjson::Value* CRapidJsonProto::Impl::Append(rapidjson::Value& parent, const PathStep& step) {
+  auto& allocator = document.GetAllocator();
+  if (parent.IsNull()) {
+    parent.SetObject();
+  }
+  rapidjson::Value* member = const_cast<rapidjson::Value*>(details::FindStep(parent, {step.name, 0}));
+  if (member == nullptr) {
+    rapidjson::Value name(step.name.data(), static_cast<rapidjson::SizeType>(step.name.size()), allocator);
+    parent.AddMember(name, rapidjson::Value(), allocator);
+    member = &(parent.MemberEnd() - 1)->value;
+  }
+  if (step.index == 0) {
+    return member;
+  }
+  if (!member->IsArray()) {
+    member->SetArray();
+  }
+  member->PushBack(rapidjson::Value(), allocator);
+  return &(*member)[member->Size() - 1];
+}
+
+CRapidJsonProto::CRapidJsonProto() : impl_(std::make_unique<Impl>()) {}
+CRapidJsonProto::~CRapidJsonProto() = default;
+CRapidJsonProto::CRapidJsonProto(CRapidJsonProto&&) noexcept = default;
+CRapidJsonProto& CRapidJsonProto::operator=(CRapidJsonProto&&) noexcept = default;
+
+bool CRapidJsonProto::Parse(std::string_view text) {
+  impl_ = std::make_unique<Impl>();
+  if (!details::IsWithinLimits(text)) {
+    return false;
+  }
+  constexpr unsigned kOptions = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
+  impl_->document.Parse<kOptions>(text.data(), text.size());
+  if (!impl_->document.HasParseError()) {
+    return true;
+  }
+  impl_ = std::make_unique<Impl>();
+  return false;
+}
+
+bool CRapidJsonProto::Has(const std::string& path) const {
+  return impl_ && impl_->Find(path) != nullptr;
+}
+
+std::string CRapidJsonProto::GetString(const std::string& path, const std::string& missing) const {
+  const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
+  if (value == nullptr || value->IsNull() || value->IsObject() || value->IsArray()) {
+    return missing;
+  }
+  return value->IsString() ? std::string(value->GetString(), value->GetStringLength()) : details::ToText(*value);
+}
+
+std::int64_t CRapidJsonProto::GetInt(const std::string& path, std::int64_t missing) const {
+  const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
+  if (value == nullptr) {
+    return missing;
+  }
+  if (value->IsInt64()) {
+    return value->GetInt64();
+  }
+  std::int64_t parsed = 0;
+  const bool is_integer = value->IsString() && ParseInteger({value->GetString(), value->GetStringLength()}, parsed);
+  return is_integer ? parsed : missing;
+}
+
+bool CRapidJsonProto::SetString(const std::string& path, const std::string& text) {
+  rapidjson::Value* value = details::Ensure(impl_).Make(path);
+  if (value != nullptr) {
+    const std::string carriable = MakeCarriable(text, false);
+    const auto size = static_cast<rapidjson::SizeType>(carriable.size());
+    value->SetString(carriable.data(), size, impl_->document.GetAllocator());
+  }
+  return value != nullptr;
+}
+
+bool CRapidJsonProto::SetInt(const std::string& path, std::int64_t number) {
+  rapidjson::Value* value = details::Ensure(impl_).Make(path);
+  if (value != nullptr) {
+    value->SetInt64(number);
+  }
+  return value != nullptr;
+}
+
+bool CRapidJsonProto::SetBool(const std::string& path, bool flag) {
+  rapidjson::Value* value = details::Ensure(impl_).Make(path);
+  if (value != nullptr) {
+    value->SetBool(flag);
+  }
+  return value != nullptr;
+}
+
+std::string CRapidJsonProto::Serialize() const {
+  return impl_ ? details::ToText(impl_->document) : "{}";
+}
+
+}  // namespace TansyProto
