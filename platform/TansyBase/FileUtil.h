@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace TansyBase {
@@ -20,6 +21,8 @@ class FileUtil {
   static int MakeDirectory(const std::string& path);
   // Removes one file. 0, or errno (a missing file is an error).
   static int RemoveFile(const std::string& path);
+  // As fopen, but no child process gets the file. Null, and errno set, on failure; otherwise for the caller to fclose.
+  static std::FILE* OpenFile(const std::string& path, const char* mode);
 };
 
 // A local file with the meaning of the Windows file functions: opened without sharing, so that a second open of the

@@ -32,4 +32,12 @@ int FileUtil::RemoveFile(const std::string& path) {
   return unlink(NativePath(path).c_str()) == 0 ? 0 : errno;
 }
 
+std::FILE* FileUtil::OpenFile(const std::string& path, const char* mode) {
+  if (!IsPlainPath(path)) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  return std::fopen(NativePath(path).c_str(), (std::string(mode) + "e").c_str());
+}
+
 }  // namespace TansyBase

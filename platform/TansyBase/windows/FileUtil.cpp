@@ -39,4 +39,8 @@ int FileUtil::RemoveFile(const std::string& path) {
   return _wunlink(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
 }
 
+std::FILE* FileUtil::OpenFile(const std::string& path, const char* mode) {
+  return _wfopen(StringUtil::UTF8ToWide(path).c_str(), StringUtil::UTF8ToWide(std::string(mode) + "N").c_str());
+}
+
 }  // namespace TansyBase
