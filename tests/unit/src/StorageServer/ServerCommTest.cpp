@@ -13,25 +13,19 @@
 #include <thread>
 #include <vector>
 
-#include "TansyBase/TimeUtil.h"
+#include "fakes/ManualClock.h"
 
 namespace Tansy::CloudStorage {
 namespace {
 
-std::time_t g_now = 0;
-
-// The clock that the tests move.
 class HttpDate : public testing::Test {
  protected:
-  HttpDate() {
-    TansyBase::TimeUtil::SetClock([] { return g_now; });
-  }
-  ~HttpDate() override { TansyBase::TimeUtil::SetClock(nullptr); }
-
-  static std::string At(std::time_t time) {
-    g_now = time;
+  std::string At(std::time_t time) {
+    clock_.Set(time);
     return FormatHttpDate();
   }
+
+  Tests::CManualClock clock_;
 };
 
 TEST_F(HttpDate, PadsTheDayWithABlankAndTheTimeWithZeros) {

@@ -1,0 +1,97 @@
+#include "StorageServer/ObjectServer/KeyLocks.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstddef>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Tansy::CloudStorage {
+namespace {
+
+constexpr int kThreads = 4;
+constexpr int kRounds = 2000;
+
+template <class Work>
+void InThreads(Work work) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([work, i] { work(i); });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// Which mutex stands for a name.
+template <std::size_t Stripes>
+const std::mutex* StripeOf(CKeyLocks<Stripes>& locks, const std::string& group, const std::string& name) {
+  return locks.Lock(group, name).mutex();
+}
+
+TEST(KeyLocks, PutsWorkOnOneNameInLine) {
+  CKeyLocks<8> locks;
+  int count = 0;  // guarded by the name's lock alone
+  InThreads([&](int) {
+    for (int round = 0; round < kRounds; ++round) {
+      const auto guard = locks.Lock("bucket", "key");
+      ++count;
+    }
+  });
+  EXPECT_EQ(count, kThreads * kRounds);
+}
+
+TEST(KeyLocks, HasOneMutexANameAndUsesAllOfThem) {
+  CKeyLocks<32> locks;
+  std::set<const std::mutex*> by_name;
+  std::set<const std::mutex*> by_group;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string text = std::to_string(i);
+    EXPECT_EQ(StripeOf(locks, "bucket", text), StripeOf(locks, "bucket", text));
+    by_name.insert(StripeOf(locks, "bucket", text));
+    by_group.insert(StripeOf(locks, text, "key"));
+  }
+  EXPECT_EQ(by_name.size(), 32U);
+  EXPECT_EQ(by_group.size(), 32U);
+}
+
+TEST(KeyLocks, HoldsEveryNameAtOnce) {
+  CKeyLocks<8> locks;
+  std::array<int, kThreads> counts{};  // each guarded by the lock of its thread's name
+  int rounds_of_all = 0;               // guarded by all of them
+  InThreads([&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      if (round % 10 == 0) {
+        const auto guard = locks.LockAll();
+        ++rounds_of_all;
+        for (int& count : counts) {
+          ++count;
+        }
+      } else {
+        const auto guard = locks.Lock("bucket", std::to_string(thread));
+        ++counts[static_cast<std::size_t>(thread)];
+      }
+    }
+  });
+  EXPECT_EQ(rounds_of_all, kThreads * kRounds / 10);
+  for (const int count : counts) {
+    EXPECT_EQ(count, kThreads * kRounds / 10 + kRounds * 9 / 10);
+  }
+}
+
+TEST(KeyLocks, IsFreeAgainAfterwards) {
+  CKeyLocks<4> locks;
+  { const auto guard = locks.LockAll(); }
+  { const auto guard = locks.Lock("", "key"); }
+  const auto guard = locks.LockAll();
+  for (const auto& one : guard) {
+    EXPECT_TRUE(one.owns_lock());
+  }
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage
