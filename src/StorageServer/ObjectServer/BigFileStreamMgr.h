@@ -1,0 +1,89 @@
+// Uploads that arrive in pieces: how far each has come, and the storing of their pieces.
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "Singleton.h"
+#include "TansyBase/Noncopyable.h"
+#include "TansyCloudStorage/Catalogue.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::CloudStorage::details {
+
+// How a stream ended before all of its bytes were there.
+enum class StreamEnd {
+  kNone,      // it did not, as far as is known
+  kFailed,    // a piece could not be stored; the request is still to be answered
+  kAnswered,  // the request has its answer; further pieces mean nothing
+};
+
+// One record for each streamed upload, from its first piece until its handler has seen all bytes. In a record `size` is
+// the number of bytes stored so far and `url` what the storage callback left last.
+//
+// Session ids are the HTTP library's request handles. Threads: any. Pieces are stored one at a time, over all streams;
+// while one is being stored the other members do not wait for it.
+class CBigFileStreamMgr : private TansyBase::CNoncopyable {
+ public:
+  static CBigFileStreamMgr& Instance();
+
+  // Always true.
+  bool SetSaveCallback(StreamSaveCallback callback);
+  // False when the id has a record already.
+  bool RegisterStream(std::uint32_t session_id);
+  bool IsStreamAbsent(std::uint32_t session_id) const;
+  // Copies the record; false when there is none.
+  bool GetStreamInfo(ObjectInfo& info, std::uint32_t session_id) const;
+  bool RemoveStream(std::uint32_t session_id);
+  // Appends a piece. False when there is no record or the storage refuses.
+  bool UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size, const std::string& bucket_name);
+
+  // Waits until the stream holds another number of bytes than `seen_size` or has no record. False after `timeout`.
+  bool WaitForChange(std::uint32_t session_id, std::uint64_t seen_size, std::chrono::milliseconds timeout) const;
+
+  // Removes the record and remembers why, so that a piece that comes later is not taken for the first of a new upload.
+  void EndStream(std::uint32_t session_id, StreamEnd end);
+  StreamEnd EndOf(std::uint32_t session_id) const;
+  // From now on the record belongs to the handler, which alone removes it.
+  void NoteLastPiece(std::uint32_t session_id);
+
+ private:
+  friend class CSingleton<CBigFileStreamMgr>;
+  CBigFileStreamMgr() = default;
+  ~CBigFileStreamMgr() = default;
+
+  struct Stream {
+    ObjectInfo info;
+    bool last_piece_came = false;
+    std::time_t last_change = 0;
+  };
+
+  // Both with mutex_ held.
+  void RememberEnd(std::uint32_t session_id, StreamEnd end);
+  void RemoveAbandoned(std::time_t now);
+
+  // Held while a piece is being stored; taken before mutex_.
+  std::mutex store_mutex_;
+
+  mutable std::mutex mutex_;  // guards everything below
+  mutable std::condition_variable changed_;
+  StreamSaveCallback save_callback_ = nullptr;
+  std::map<std::uint32_t, Stream> streams_;
+  std::time_t last_sweep_ = 0;
+  // The streams that ended last, oldest first, and how.
+  std::deque<std::uint32_t> ended_order_;
+  std::unordered_map<std::uint32_t, StreamEnd> ended_;
+};
+
+}  // namespace Tansy::CloudStorage::details
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H

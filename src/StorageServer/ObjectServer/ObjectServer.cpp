@@ -1,0 +1,226 @@
+// Lifecycle: start, listeners, address updates.
+#include "StorageServer/ObjectServer/ObjectServer.h"
+
+#include <utility>
+
+#include "OSAL/Osal.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
+#include "TansyBase/FileUtil.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+constexpr std::uint32_t kCleanPeriodMs = 3600000;
+constexpr const char* kAnyIpv4 = "0.0.0.0";
+constexpr const char* kAnyIpv6 = "::";
+// The default certificate, below the executable's folder.
+constexpr const char* kCertificate = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
+constexpr int kMaxAdapters = 17;
+constexpr std::size_t kAddressTextBytes = 130;
+
+TansyNet::HttpsServer DefaultCertificate() {
+  TansyNet::HttpsServer tls;
+  tls.certificate_path = TansyBase::FileUtil::GetCurExeDirUtf8() + kCertificate;
+  tls.private_key_path = tls.certificate_path;
+  return tls;
+}
+
+void AddAddresses(AdapterAddresses& addresses, const OSAL_AdapterInfo& adapter, const Caller& caller) {
+  for (const OSAL_Ipv4Address* address = adapter.ipv4; address != nullptr; address = address->next) {
+    addresses.ipv4.insert(address->text);
+  }
+  for (const OSAL_Ipv6Address* address = adapter.ipv6; address != nullptr; address = address->next) {
+    char text[kAddressTextBytes] = {};
+    if (OSAL_InetNtop(OSAL_AF_INET6, address->bytes, text, sizeof(text)) == 0) {
+      CLOUD_LOG_FOR(caller, logging::kError, "[%s]OSAL_InetNtop error![%s(%d)]");
+      continue;
+    }
+    addresses.ipv6.insert(text);
+  }
+}
+
+// A stopped listener is forgotten, so that a stop that failed half-way can be tried again.
+int StopListener(std::int32_t& handle) {
+  const int error = TansyNet::CHttpServer::StopServer(handle);
+  if (error == 0) {
+    handle = 0;
+  }
+  return error;
+}
+
+}  // namespace
+}  // namespace details
+
+CObjectServer& CObjectServer::Instance() {
+  return CSingleton<CObjectServer>::Instance();
+}
+
+int CObjectServer::Init(const StorageServerConfig& config) {
+  CObjectStorageManager::Instance().Init();
+  conf_.Update([&config](Config& copy) { static_cast<StorageServerConfig&>(copy) = config; });
+  const ConfigPointer current = conf_.Load();
+
+  if (const int error = StartHttp(http_handle_, details::kAnyIpv4, *current); error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]StartHttpServer error, revalue = %d[%s(%d)]", error);
+    return error;
+  }
+  if (const int error = StartHttp(http_v6_handle_, details::kAnyIpv6, *current); error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]StartHttpServer v6 error, revalue = %d[%s(%d)]", error);
+    return error;
+  }
+  if (config.download_port != config.upload_port) {
+    CLOUD_LOG(logging::kError, "[%s]unsupport different download port[%d] and upload port[%d][%s(%d)]",
+              config.download_port, config.upload_port);
+    return -1;
+  }
+  CCleanExpiredTaskThread::Instance().Start(details::kCleanPeriodMs);
+  details::CBigFileStreamMgr::Instance().SetSaveCallback(config.stream_save);
+  return 0;
+}
+
+int CObjectServer::Init(const StorageServerConfig_V1& config) {
+  if (const int error = Init(static_cast<const StorageServerConfig&>(config)); error != 0) {
+    return error;
+  }
+  conf_.Update([&config](Config& copy) {
+    copy.https_port = config.https_port;
+    copy.https_download_port = config.https_download_port;
+    copy.https_wan_port = config.https_wan_port;
+    copy.https_wan_download_port = config.https_wan_download_port;
+  });
+  return StartHttpsListeners(*conf_.Load(), OBJECT_SERVER_CALLER);
+}
+
+int CObjectServer::SetObjectServerEnable(bool enable) {
+  const std::lock_guard<std::mutex> lock(enable_mutex_);
+  if (enable && started_) {
+    CLOUD_LOG(logging::kNotable, "[%s]SetPicServerEnable, already started.[%s(%d)]");
+    return 0;
+  }
+  if (!enable && !started_) {
+    CLOUD_LOG(logging::kNotable, "[%s]SetPicServerEnable, already stoped.[%s(%d)]");
+    return 0;
+  }
+  const details::Caller caller = OBJECT_SERVER_CALLER;
+  if (const int error = enable ? StartListeners(*conf_.Load(), caller) : StopListeners(caller); error != 0) {
+    return error;
+  }
+  started_ = enable;
+  return 0;
+}
+
+int CObjectServer::StartListeners(const Config& config, const details::Caller& caller) {
+  if (const int error = StartHttp(http_handle_, details::kAnyIpv4, config); error != 0) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StartHttpServer error, revalue = %d[%s(%d)]",
+                  error);
+    return error;
+  }
+  if (const int error = StartHttp(http_v6_handle_, details::kAnyIpv6, config); error != 0) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StartHttpServer v6 error, revalue = %d[%s(%d)]",
+                  error);
+    return error;
+  }
+  return StartHttpsListeners(config, caller);
+}
+
+int CObjectServer::StartHttpsListeners(const Config& config, const details::Caller& caller) {
+  if (const int error = StartHttps(https_handle_, details::kAnyIpv4, config); error != 0) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]StartHttpsServer error, revalue = %d[%s(%d)]", error);
+    return error;
+  }
+  if (const int error = StartHttps(https_v6_handle_, details::kAnyIpv6, config); error != 0) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]StartHttpsServer v6 error, revalue = %d[%s(%d)]", error);
+    return error;
+  }
+  return 0;
+}
+
+int CObjectServer::StopListeners(const details::Caller& caller) {
+  const std::pair<std::int32_t*, std::int32_t*> schemes[] = {{&http_handle_, &http_v6_handle_},
+                                                             {&https_handle_, &https_v6_handle_}};
+  for (const auto& [v4, v6] : schemes) {
+    if (const int error = details::StopListener(*v4); error != 0) {
+      CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StopServer error, revalue = %d[%s(%d)]",
+                    error);
+      return error;
+    }
+    if (const int error = details::StopListener(*v6); error != 0) {
+      CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StopServer v6 error, revalue = %d[%s(%d)]",
+                    error);
+      return error;
+    }
+  }
+  return 0;
+}
+
+int CObjectServer::StartHttp(std::int32_t& handle, const char* address, const Config& config) {
+  if (handle != 0) {
+    return 0;
+  }
+  return TansyNet::CHttpServer::StartHttpServer(handle, address, static_cast<std::uint16_t>(config.download_port),
+                                                &CObjectServer::RecvMsgCallBack, true);
+}
+
+int CObjectServer::StartHttps(std::int32_t& handle, const char* address, const Config& config) {
+  if (handle != 0) {
+    return 0;
+  }
+  return TansyNet::CHttpServer::StartHttpsServer(handle, address,
+                                                 static_cast<std::uint16_t>(config.https_download_port),
+                                                 details::DefaultCertificate(), &CObjectServer::RecvMsgCallBack);
+}
+
+void CObjectServer::UpdateLocalServerIp(const std::string& ip) {
+  conf_.Update([&ip](Config& config) { config.ip = ip; });
+}
+
+void CObjectServer::UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port) {
+  conf_.Update([&](Config& config) {
+    config.wan_enable = enable;
+    config.wan_ip = wan_ip;
+    config.wan_port = port;
+    config.wan_download_port = port;
+  });
+}
+
+void CObjectServer::UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields) {
+  conf_.Update([&fields](Config& config) {
+    for (const auto& [field, value] : fields) {
+      if (field == WAN_ENABLE) {
+        config.wan_enable = value == "true";
+      } else if (field == WAN_IP) {
+        config.wan_ip = value;
+      } else if (field == WAN_OBJECT_PORT) {
+        config.wan_port = static_cast<std::uint32_t>(OSAL_StrToi32(value.c_str()));
+        config.wan_download_port = config.wan_port;
+      } else if (field == WAN_OBJECT_HTTPS_PORT) {
+        config.https_wan_port = static_cast<std::uint32_t>(OSAL_StrToi32(value.c_str()));
+        config.https_wan_download_port = config.https_wan_port;
+      }
+    }
+  });
+}
+
+bool CObjectServer::GetAdapterInfo(AdapterAddresses& addresses) {
+  OSAL_AdapterInfo* adapters = nullptr;
+  if (const int error = OSAL_GetAdapterInfo(&adapters); error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]OSAL_GetAdapterInfo failed. Error code[%d].[%s(%d)]", error);
+    return false;
+  }
+  int count = 0;
+  for (const OSAL_AdapterInfo* adapter = adapters; adapter != nullptr && count < details::kMaxAdapters;
+       adapter = adapter->next, ++count) {
+    if (adapter->type == OSAL_IF_TYPE_SOFTWARE_LOOPBACK || adapter->type == OSAL_IF_TYPE_TUNNEL) {
+      CLOUD_LOG(logging::kNotable, "[%s]adapter type[%d] is not support[%s(%d)]", adapter->type);
+      continue;
+    }
+    details::AddAddresses(addresses, *adapter, OBJECT_SERVER_CALLER);
+  }
+  OSAL_FreeAdapterInfo(adapters);
+  return true;
+}
+
+}  // namespace Tansy::CloudStorage

@@ -1,0 +1,185 @@
+// The object storage server: listeners, request intake, routing, and one handler for each request of the protocol.
+//
+// The bodies stand in files named after their theme: ObjectServer.cpp (lifecycle), ObjectServerDispatch.cpp (intake and
+// routing), ObjectServerAuth.cpp, ObjectServerWrite.cpp, ObjectServerMultipart.cpp, ObjectServerRead.cpp,
+// ObjectServerBuckets.cpp; the error table is ObjectServerErrors.h.
+//
+// Threads: Init is called once by the host before anything else; every other member may be called from any thread.
+// Handlers run in parallel on the threads of the message loop that both servers share. Errors: nothing throws; the
+// protocol's error codes are those of ObjectServerErrors.h.
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "Singleton.h"
+#include "StorageServer/ConfigSnapshot.h"
+#include "StorageServer/ObjectServer/ObjectServerErrors.h"
+#include "StorageServer/ObjectServer/ObjectServerLog.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "TansyBase/Noncopyable.h"
+#include "TansyCloudStorage/Catalogue.h"
+#include "TansyCloudStorage/StorageConfig.h"
+#include "TansyNet/HttpServer.h"
+
+namespace Tansy::CloudStorage {
+
+// A byte range of an object; `end` is exclusive, 0 means to the end of the object.
+struct ByteRange {
+  std::uint32_t begin = 0;
+  std::uint32_t end = 0;
+};
+
+// Address texts of the machine's adapters, loopback and tunnels left out.
+struct AdapterAddresses {
+  std::set<std::string> ipv4;
+  std::set<std::string> ipv6;
+};
+
+class CObjectServer : private TansyBase::CNoncopyable {
+ public:
+  static CObjectServer& Instance();
+
+  // Loads the catalogue and opens the listeners; the second form opens HTTPS listeners too. 0, the HTTP library's error
+  // (what is open stays open), or -1 when upload and download port differ (both HTTP listeners are open all the same).
+  int Init(const StorageServerConfig& config);
+  int Init(const StorageServerConfig_V1& config);
+  // Stops or starts the listeners; calls are put in line. 0, or the first error of the HTTP library; the same call can
+  // then be tried again and goes on where it failed.
+  int SetObjectServerEnable(bool enable);
+
+  // Address updates. The next request sees them; those under way keep what they started with.
+  void UpdateLocalServerIp(const std::string& ip);
+  void UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port);
+  void UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields);
+
+  // Look-ups for a host that serves downloads itself; see TansyCloudStorage/ObjectServer.h.
+  bool GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url);
+  int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method, std::string& query,
+                              std::map<std::string, std::string>& headers);
+
+  // Receives every request and every piece of a streamed body on the HTTP library's threads; queues it or refuses it.
+  static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  // Routes a request to its handler, which answers it. The result is that of the sending.
+  int HandleObjectMsg(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
+  // Answers with the error body of `code`.
+  int AnswerError(std::int32_t session_id, int code);
+
+  // "/bucket/key", "/bucket" or "/" into its two parts, not percent-decoded. False when the path has another shape.
+  static bool ParseUrl(std::string& bucket, std::string& key, const std::string& path);
+  // 0, or the error code of a range that makes no sense.
+  static int ParseRangeHeader(const TansyNet::HttpServerRecv& request, ByteRange& range);
+  // 0 when the request is signed, by a token in the query or else by its Authorization header; -1 otherwise.
+  int CheckAuth(const TansyNet::HttpServerRecv& request) const;
+  // 0 when the query holds a valid token, -1 otherwise.
+  int CheckUrlAuth(const TansyNet::HttpServerRecv& request) const;
+  // The machine's own addresses. False when the system does not tell.
+  static bool GetAdapterInfo(AdapterAddresses& addresses);
+
+ private:
+  friend class CSingleton<CObjectServer>;
+  using HttpServerRecv = TansyNet::HttpServerRecv;
+  using HttpResponse = TansyNet::HttpResponse;
+  using Config = StorageServerConfig_V1;
+  using ConfigPointer = CConfigSnapshot<Config>::Pointer;
+  struct Route;
+  struct Routes;
+
+  // What the opening checks of a handler look at and how they word their log lines, in the order of the checks.
+  enum class Opening {
+    kStore,   // path, bucket, key length, signature
+    kPart,    // path, bucket, signature
+    kRead,    // the same
+    kRemove,  // the same
+  };
+  struct Target {
+    std::string bucket;
+    std::string key;
+  };
+
+  CObjectServer() = default;
+  ~CObjectServer() = default;
+
+  // Lifecycle.
+  static int StartHttp(std::int32_t& handle, const char* address, const Config& config);
+  static int StartHttps(std::int32_t& handle, const char* address, const Config& config);
+  int StartListeners(const Config& config, const details::Caller& caller);
+  int StartHttpsListeners(const Config& config, const details::Caller& caller);
+  int StopListeners(const details::Caller& caller);
+
+  // Intake and answers.
+  void TakeMsg(std::int32_t handle, HttpServerRecv& msg);
+  bool TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg);
+  bool TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);
+  static const Route* FindRoute(const HttpServerRecv& msg, const Target& target);
+  int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const char* data, std::size_t size);
+  int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const std::string& body);
+  int AnswerXml(std::int32_t session_id, const std::string& body);
+
+  // The bytes of this delivery; they live as long as the request.
+  static std::string_view BodyOf(const HttpServerRecv& request) {
+    return request.body ? std::string_view(*request.body) : std::string_view("");
+  }
+
+  // Checks that several handlers begin with. 0, or the error code to answer; failures are logged for `caller`.
+  int OpenRequest(Target& target, const HttpServerRecv& request, const Config& config, Opening opening,
+                  const details::Caller& caller);
+  int OpenObject(Target& target, ObjectInfo& object, const HttpServerRecv& request, const Config& config,
+                 Opening opening, const details::Caller& caller);
+  static int CheckAuth(const HttpServerRecv& request, const Config& config);
+  static int CheckUrlAuth(const HttpServerRecv& request, const Config& config);
+
+  // Handlers, in the order of the routing table. Each answers its request and returns the result of the sending.
+  int HandleGetOneObiectMetadata(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleCreateBucket(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleGetBucketProperty(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleListBuckets(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleGetBestNode(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleUploadObject(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleMultiUploadTaskCreate(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleUploadPartObject(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleFinishMutiUploadTask(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleGetAllObjectTask(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleDownloadObject(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleRemoveObjectFile(std::int32_t session_id, const HttpServerRecv& request);
+  int HandleRemoveObject(std::int32_t session_id, const HttpServerRecv& request);
+
+  // Parts of HandleUploadObject. 0, or the error code to answer; `object` gets its url and size.
+  static int ReceiveStream(ObjectInfo& object, std::int32_t session_id, const HttpServerRecv& request,
+                           const details::Caller& caller);
+  static int StoreWhole(ObjectInfo& object, const HttpServerRecv& request, const Config& config,
+                        const details::Caller& caller);
+
+  // Parts of HandleDownloadObject.
+  int SendWholeOrRange(std::int32_t session_id, const Target& target, const ObjectInfo& object, const ByteRange& range,
+                       const Config& config);
+  int StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range, std::uint32_t length);
+  // Runs on a thread of its own. False when the answer could not be sent to its end.
+  bool HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,
+                         const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length);
+
+  CConfigSnapshot<Config> conf_;
+
+  // Guarded by enable_mutex_ after Init.
+  std::int32_t http_handle_ = 0;
+  std::int32_t http_v6_handle_ = 0;
+  std::int32_t https_handle_ = 0;
+  std::int32_t https_v6_handle_ = 0;
+  bool started_ = true;  // the listeners should be open
+  std::mutex enable_mutex_;
+
+  // Puts two sendings of one part in line from its first check to its record, striped by task and part number. Taken
+  // before the task's own mutex and before the catalogue's.
+  std::array<std::mutex, 64> part_mutexes_;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_H

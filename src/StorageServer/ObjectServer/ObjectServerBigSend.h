@@ -1,0 +1,43 @@
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_BIG_SEND_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_BIG_SEND_H
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+
+#include "Singleton.h"
+#include "TansyBase/Noncopyable.h"
+
+namespace Tansy::CloudStorage::details {
+
+// Threads for big downloads, one for each. A download costs its thread and one chunk for as long as its client takes,
+// so there is a bound: downloads beyond it wait for a thread that gets free, and beyond a second bound they are
+// refused. Threads are detached, made when needed, and end when nothing waits. Threads: any.
+class CBigFileSendThreads : private TansyBase::CNoncopyable {
+ public:
+  static constexpr std::size_t kMaxThreads = 128;   // 1.25 GiB of chunks at the worst
+  static constexpr std::size_t kMaxWaiting = 1024;  // what the unanswered-request time-out lets through anyway
+
+  static CBigFileSendThreads& Instance();
+
+  // Runs `send` on a thread of its own, now or as soon as one is free. False when it will never run.
+  bool Run(std::function<void()> send);
+
+ private:
+  friend class CSingleton<CBigFileSendThreads>;
+  CBigFileSendThreads() = default;
+  ~CBigFileSendThreads() = default;
+
+  void Loop(std::function<void()> send);
+  // Takes the next waiting download, or counts the asking thread out. False when it is to end.
+  bool Next(std::function<void()>& send);
+
+  std::mutex mutex_;  // guards the two below
+  std::size_t threads_ = 0;
+  std::deque<std::function<void()>> waiting_;
+};
+
+}  // namespace Tansy::CloudStorage::details
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_BIG_SEND_H

@@ -1,0 +1,223 @@
+// Buckets, and the address that a client should use for its transfers.
+#include "OSAL/Osal.h"
+#include "StorageServer/ObjectServer/ObjectServer.h"
+#include "TansyBase/GuidUtil.h"
+#include "TansyProto/XmlProto.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+using TansyProto::CXmlProto;
+
+constexpr const char* kOwner = "admin";
+constexpr const char* kDefaultLocation = "local";
+
+std::string WithoutSlash(const std::string& path) {
+  return path.substr(1);
+}
+
+bool ParseAddBucketMsg(BucketInfo& bucket, const std::string& body, const Caller& caller) {
+  CXmlProto xml;
+  if (!xml.Parse(body)) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]parse add bucket msg error[%s][%s(%d)]", body.c_str());
+    return false;
+  }
+  bucket.acl = 0;  // whatever "/CreateBucketConfiguration/Acl" says
+  bucket.location = xml.GetString("/CreateBucketConfiguration/LocationConstraint", kDefaultLocation);
+  bucket.cycle = static_cast<std::uint32_t>(xml.GetInt("/CreateBucketConfiguration/Cycle"));
+  bucket.size = static_cast<std::uint32_t>(xml.GetInt("/CreateBucketConfiguration/Size"));
+  return true;
+}
+
+// Elements stand in this order. The creation date has always been the name; clients do not get to see the time.
+bool BuildBucketRsp(std::string& text, const BucketInfo& bucket) {
+  CXmlProto xml;
+  return xml.SetString("/Bucket/Owner", kOwner) && xml.SetString("/Bucket/Name", bucket.name) &&
+         xml.SetString("/Bucket/CreateDate", bucket.name) && xml.SetString("/Bucket/Location", bucket.location) &&
+         xml.SetInt("/Bucket/Acl", bucket.acl) && xml.SetInt("/Bucket/VersionPolicy", 0) &&
+         xml.SetInt("/Bucket/LifeCycle", -1) && xml.Serialize(text);
+}
+
+bool AddBucketToList(CXmlProto& xml, const std::string& path, const BucketInfo& bucket) {
+  return xml.SetString(path + "/Name", bucket.name) && xml.SetString(path + "/CreateDate", bucket.name) &&
+         xml.SetString(path + "/Location", bucket.location) && xml.SetInt(path + "/Acl", bucket.acl) &&
+         xml.SetInt(path + "/VersionPolicy", 0) && xml.SetInt(path + "/LifeCycle", -1) &&
+         xml.SetInt(path + "/Size", bucket.size) && xml.SetInt(path + "/FreeSize", bucket.size);
+}
+
+bool BuildBucketListRsp(std::string& text, const std::map<std::string, BucketInfo>& buckets) {
+  CXmlProto xml;
+  if (!xml.SetInt("/ListAllMyBucketsResult/TotalNum", static_cast<std::int64_t>(buckets.size())) ||
+      !xml.SetString("/ListAllMyBucketsResult/Owner", kOwner) || !xml.SetEmpty("/ListAllMyBucketsResult/Buckets")) {
+    return false;
+  }
+  int i = 0;
+  for (const auto& [name, bucket] : buckets) {
+    if (!AddBucketToList(xml, "/ListAllMyBucketsResult/Buckets/Bucket[" + std::to_string(++i) + "]", bucket)) {
+      return false;
+    }
+  }
+  return xml.Serialize(text);
+}
+
+bool BuildBestNodeRsp(std::string& text, const std::string& host, std::uint32_t port) {
+  CXmlProto xml;
+  return xml.SetString("/BestNodeInfo/Location", host + ":" + std::to_string(port)) && xml.Serialize(text);
+}
+
+// Where a client says it reached the server.
+struct HostField {
+  std::string value;      // the Host header
+  std::string host;       // its host, without the brackets of an IPv6 address
+  std::string port_text;  // what follows the header's first colon, else the ServerPort header
+  std::int32_t port = 0;
+};
+
+std::string HeaderText(const TansyNet::Headers& headers, const std::string& name) {
+  const auto header = headers.find(name);
+  return header != headers.end() ? header->second : std::string();
+}
+
+// False when the request does not say.
+bool ReadHostField(HostField& field, const TansyNet::Headers& headers) {
+  field.value = HeaderText(headers, "Host");
+  if (field.value.empty()) {
+    return false;
+  }
+  const std::size_t colon = field.value.find(':');
+  field.host = field.value.substr(0, colon);
+  field.port_text = colon != std::string::npos ? field.value.substr(colon + 1) : HeaderText(headers, "ServerPort");
+  if (colon == std::string::npos && field.port_text.empty()) {
+    return false;
+  }
+  const std::size_t open = field.value.find('[');
+  const std::size_t close = field.value.find(']');
+  if (open != std::string::npos && close != std::string::npos && close > open) {
+    field.host = field.value.substr(open + 1, close - open - 1);
+  }
+  field.port = OSAL_StrToi32(field.port_text.c_str());
+  return !field.host.empty();
+}
+
+struct Node {
+  std::string host;
+  std::uint32_t port = 0;
+};
+
+// The first of two ports that the client's port is equal to; 0 when it is neither. A port of 0 is one that is not
+// configured and matches nothing.
+std::uint32_t MatchPort(std::int32_t port, std::uint32_t http_port, std::uint32_t https_port) {
+  const auto wanted = static_cast<std::uint32_t>(port);
+  return port > 0 && (wanted == http_port || wanted == https_port) ? wanted : 0;
+}
+
+bool IsOwnAddress(const std::string& host) {
+  AdapterAddresses addresses;
+  CObjectServer::GetAdapterInfo(addresses);
+  return addresses.ipv4.contains(host) || addresses.ipv6.contains(host);
+}
+
+// False when the client asks at a port that the server does not serve there.
+bool ChooseNode(Node& node, const HostField& field, const StorageServerConfig_V1& config) {
+  if (field.host == "127.0.0.1" || field.host == config.ip) {
+    node.host = field.host;
+    node.port = MatchPort(field.port, config.upload_port, config.https_port);
+  } else if (config.wan_enable) {
+    node.host = config.wan_ip;
+    node.port = MatchPort(field.port, config.wan_port, config.https_wan_port);
+  } else {
+    node.host = IsOwnAddress(field.host) ? field.host : config.ip;
+    node.port = MatchPort(field.port, config.upload_port, config.https_port);
+  }
+  return node.port != 0;
+}
+
+}  // namespace
+}  // namespace details
+
+int CObjectServer::HandleCreateBucket(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  auto& manager = CObjectStorageManager::Instance();
+  if (const int error = CheckAuth(request, *config); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  BucketInfo bucket;
+  bucket.name = details::WithoutSlash(request.url);
+  if (manager.IsBucketExist(bucket.name)) {
+    CLOUD_LOG(logging::kError, "[%s]bucket already exist[%s].[%s(%d)]", bucket.name.c_str());
+    return AnswerError(session_id, kBucketAlreadyExists);
+  }
+  const std::string body(BodyOf(request));
+  if (!details::ParseAddBucketMsg(bucket, body, OBJECT_SERVER_CALLER)) {
+    CLOUD_LOG(logging::kError, "[%s]invalid xml content[%s].[%s(%d)]", body.c_str());
+    return AnswerError(session_id, kInvalidXmlContent);
+  }
+  bucket.guid = TansyBase::GuidUtil::CreateGuid();
+  if (!manager.AddBucket(bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]add bucket failed.[%s(%d)]");
+    return AnswerError(session_id, kServerInternalError);
+  }
+  return AnswerXml(session_id, {});
+}
+
+int CObjectServer::HandleGetBucketProperty(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  if (const int error = CheckAuth(request, *config); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  BucketInfo bucket;
+  if (!CObjectStorageManager::Instance().GetBucketByName(bucket, details::WithoutSlash(request.url))) {
+    return AnswerError(session_id, kNoSuchBucket);
+  }
+  std::string body;
+  if (!details::BuildBucketRsp(body, bucket)) {
+    return AnswerError(session_id, kServerInternalError);
+  }
+  return AnswerXml(session_id, body);
+}
+
+int CObjectServer::HandleListBuckets(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  if (const int error = CheckAuth(request, *config); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  std::map<std::string, BucketInfo> buckets;
+  CObjectStorageManager::Instance().GetBucketList(buckets);
+  std::string body;
+  if (!details::BuildBucketListRsp(body, buckets)) {
+    return AnswerError(session_id, kServerInternalError);
+  }
+  return AnswerXml(session_id, body);
+}
+
+int CObjectServer::HandleGetBestNode(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  if (const int error = OpenRequest(target, request, *config, Opening::kRemove, OBJECT_SERVER_CALLER); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  details::HostField field;
+  if (!details::ReadHostField(field, request.headers)) {
+    CLOUD_LOG(logging::kError, "[%s]no host.[%s(%d)]");
+    return AnswerError(session_id, kInvalidHttpContent);
+  }
+  details::Node node;
+  if (!details::ChooseNode(node, field, *config)) {
+    CLOUD_LOG(logging::kError, "[%s]HandleGetBestNode, host field[%s] invalid.[%s(%d)]", field.value.c_str());
+    return AnswerError(session_id, kInvalidHttpContent);
+  }
+  std::string body;
+  if (!details::BuildBestNodeRsp(body, node.host, node.port)) {
+    return AnswerError(session_id, kServerInternalError);
+  }
+  CLOUD_LOG(logging::kTrace,
+            "[%s]HandleGetBestNode, host field[%s] host[%s] server_ip[%s]ip[%s] wan_ip[%s] upload_port[%d] "
+            "wan_port[%d] https_port[%d] https_wan_port[%d]invalid.[%s(%d)]",
+            field.value.c_str(), field.host.c_str(), field.port_text.c_str(), config->ip.c_str(),
+            config->wan_ip.c_str(), config->upload_port, config->wan_port, config->https_port, config->https_wan_port);
+  return AnswerXml(session_id, body);
+}
+
+}  // namespace Tansy::CloudStorage

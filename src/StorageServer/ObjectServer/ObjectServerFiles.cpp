@@ -1,0 +1,74 @@
+#include "StorageServer/ObjectServer/ObjectServerFiles.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include "ModuleLog.h"
+#include "TansyBase/FileUtil.h"
+
+namespace Tansy::CloudStorage::details {
+
+namespace {
+
+using TansyBase::FileUtil;
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
+
+// 0 also when somebody else made the folder meanwhile.
+int MakeFolder(const std::string& path) {
+  if (FileUtil::Exists(path)) {
+    return 0;
+  }
+  const int error = FileUtil::MakeDirectory(path);
+  return error == EEXIST ? 0 : error;
+}
+
+}  // namespace
+
+bool CreateFloder(const std::string& path) {
+  for (std::size_t i = path.find_first_of("/\\"); i != std::string::npos; i = path.find_first_of("/\\", i + 1)) {
+    const std::string prefix = path.substr(0, i);
+    if (const int error = MakeFolder(prefix); error != 0) {
+      CLOUD_LOG(logging::kError, "[%s]CreateFloder failed[%s], full path[%s], index[%d], error[%d].[%s(%d)]",
+                prefix.c_str(), path.c_str(), static_cast<int>(i), error);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool SaveFile(const std::string& path, const char* data, std::size_t length, const char* mode) {
+  if (!CreateFloder(path)) {
+    return false;
+  }
+  FilePointer file(FileUtil::OpenFile(path, mode));
+  if (!file) {
+    CLOUD_LOG(logging::kError, "[%s]create file failed[%s], error[%d].[%s(%d)]", path.c_str(), errno);
+    return false;
+  }
+  // A full disk may show only when the buffered rest is written, at the closing.
+  const bool written = std::fwrite(data, 1, length, file.get()) == length;
+  if (std::fclose(file.release()) != 0 || !written) {
+    CLOUD_LOG(logging::kError, "[%s]write file failed[%s], error[%d].[%s(%d)]", path.c_str(), errno);
+    return false;
+  }
+  return true;
+}
+
+std::unique_ptr<char[]> ReadFile(const std::string& path, std::size_t length) {
+  const FilePointer file(FileUtil::OpenFile(path, "rb"));
+  if (!file || length == 0) {
+    return nullptr;
+  }
+  auto data = std::make_unique_for_overwrite<char[]>(length + 1);
+  if (std::fread(data.get(), 1, length, file.get()) != length) {
+    return nullptr;
+  }
+  data[length] = '\0';
+  return data;
+}
+
+}  // namespace Tansy::CloudStorage::details

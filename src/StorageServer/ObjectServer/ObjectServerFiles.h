@@ -1,0 +1,25 @@
+// Local files of the object server: the first parts of multipart uploads.
+//
+// Paths are UTF-8; "/" and "\\" both separate. Threads: any, for different files. Failures are logged.
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_FILES_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_FILES_H
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace Tansy::CloudStorage::details {
+
+// Makes every folder of the path that is missing; what follows the last separator is a file and not made. An absolute
+// POSIX path fails: its first prefix is empty.
+bool CreateFloder(const std::string& path);
+
+// Writes a file, making its folders first. `mode` as fopen takes it.
+bool SaveFile(const std::string& path, const char* data, std::size_t length, const char* mode);
+
+// The first `length` bytes of a file followed by a NUL; null when `length` is 0 or the file is shorter.
+std::unique_ptr<char[]> ReadFile(const std::string& path, std::size_t length);
+
+}  // namespace Tansy::CloudStorage::details
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_FILES_H

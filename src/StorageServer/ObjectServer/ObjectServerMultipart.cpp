@@ -1,0 +1,488 @@
+// Multipart uploads: opening a task, receiving and listing its parts, completing it.
+#include <charconv>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <unordered_set>
+#include <utility>
+
+#include "StorageServer/ObjectServer/ObjectServer.h"
+#include "StorageServer/ObjectServer/ObjectServerFiles.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ServerComm.h"
+#include "TansyBase/FileUtil.h"
+#include "TansyBase/GuidUtil.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyProto/XmlProto.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+using TansyProto::CXmlProto;
+using Query = std::map<std::string, std::string>;
+
+constexpr std::string_view kProbe = "test";
+constexpr std::uint32_t kTaskPart = 1;  // the part whose row stands for the task
+constexpr int kTaskIllegal = 1;         // CheckTaskInfoExist: the task is missing or another object's
+
+std::string NowText() {
+  return TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
+}
+
+// Upload ids become file names; what does not look like an id is no id.
+bool IsUploadId(const std::string& text) {
+  constexpr std::string_view kLetters = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-{}";
+  return !text.empty() && text.find_first_not_of(kLetters) == std::string::npos;
+}
+
+// The upload id of a query, empty when it has none.
+std::string UploadIdOf(const Query& query) {
+  const auto id = query.find("upload_id");
+  return id != query.end() && IsUploadId(id->second) ? id->second : std::string();
+}
+
+// The number at the beginning of a text, as a text stream reads it; 0 when there is none or 32 bits cannot hold it.
+std::int32_t ParsePartNumber(const std::string& text) {
+  const std::size_t begin = text.find_first_not_of(" \t\n\v\f\r");
+  if (begin == std::string::npos) {
+    return 0;
+  }
+  const char* first = text.data() + begin;
+  const char* const last = text.data() + text.size();
+  if (*first == '+' && last - first > 1 && first[1] != '-') {
+    ++first;
+  }
+  std::int32_t number = 0;
+  std::from_chars(first, last, number);
+  return number;
+}
+
+std::string FirstPartPath(const std::string& upload_id, std::uint32_t number) {
+  return TansyBase::FileUtil::GetCurExeDirUtf8() + "localstoragetmp" + "\\" + upload_id + "_" + std::to_string(number);
+}
+
+// Where a part of the object begins; false when 32 bits cannot hold the offset.
+bool PartOffset(std::uint32_t& offset, std::uint32_t number, std::uint32_t part_size) {
+  const std::uint64_t position = (std::uint64_t{number} - 1) * part_size;
+  offset = static_cast<std::uint32_t>(position);
+  return position <= std::numeric_limits<std::uint32_t>::max();
+}
+
+// One part on its way into the object. Steps return 0 or the error code to answer; failures are logged for `caller`.
+class CPartUpload {
+ public:
+  CPartUpload(std::string bucket, std::string key, std::string_view body, const Caller& caller)
+      : caller_(caller), body_(body) {
+    row_.bucket_name = std::move(bucket);
+    row_.object_name = std::move(key);
+    row_.size = static_cast<std::uint32_t>(body.size());
+  }
+
+  int ReadQuery(const std::string& query_text);
+  std::size_t Hash() const { return std::hash<std::string>()(row_.task_id) + row_.part_num; }
+  int Store(const StorageServerConfig& config);
+
+ private:
+  int CheckTask();
+  int KeepInFile();
+  int WriteThrough(const StorageServerConfig& config, std::uint32_t part_size);
+  int RefreshFile();
+  int SaveToFile();
+  int Record(bool kept_in_file);
+  bool TaskIsThere();
+  int Illegal() const {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]task info illegal.[%s(%d)]");
+    return kInvalidHttpContent;
+  }
+
+  CObjectStorageManager& manager_ = CObjectStorageManager::Instance();
+  const Caller caller_;
+  const std::string_view body_;
+  ObjectTaskInfo row_;   // of this part, as it will be recorded
+  ObjectTaskInfo task_;  // row of the task
+};
+
+int CPartUpload::ReadQuery(const std::string& query_text) {
+  Query query;
+  ParseHttpUrlQuery(query, query_text);
+  row_.task_id = UploadIdOf(query);
+  const std::string& number_text = query["part_number"];
+  if (row_.task_id.empty() || number_text.empty()) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]query invalid[%s].[%s(%d)]", query_text.c_str());
+    return kInvalidHttpContent;
+  }
+  const std::int32_t number = ParsePartNumber(number_text);
+  if (number < 1) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]query invalid[%s], part num invalid.[%s(%d)]", query_text.c_str());
+    return kInvalidHttpContent;
+  }
+  row_.part_num = static_cast<std::uint32_t>(number);
+  if (body_.empty()) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]recv data empty.[%s(%d)]");
+    return kInvalidHttpContent;
+  }
+  return 0;
+}
+
+bool CPartUpload::TaskIsThere() {
+  return manager_.GetTaskInfo(row_.task_id, kTaskPart, task_);
+}
+
+int CPartUpload::Store(const StorageServerConfig& config) {
+  if (const int error = CheckTask(); error != 0) {
+    return error;
+  }
+  row_.url = task_.url;
+  std::uint32_t part_size = 0;
+  const bool keep = manager_.CheckPartSize(row_.task_id, row_.part_num, row_.size, part_size);
+  if (const int error = keep ? KeepInFile() : WriteThrough(config, part_size); error != 0) {
+    return error;
+  }
+  return Record(keep);
+}
+
+// A part of no task, or of another object's, is refused before it leaves a part size or a file behind. A task that
+// nobody ever heard of is answered as one whose part cannot be recorded.
+int CPartUpload::CheckTask() {
+  if (TaskIsThere()) {
+    const bool own = task_.bucket_name == row_.bucket_name && task_.object_name == row_.object_name;
+    return own ? 0 : Illegal();
+  }
+  PartSizeInfo first;
+  if (manager_.GetFirstPartInfo(row_.task_id, first)) {
+    return Illegal();
+  }
+  CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save record failed.[%s(%d)]");
+  return kServerInternalError;
+}
+
+int CPartUpload::KeepInFile() {
+  std::shared_ptr<std::mutex> task_mutex;
+  if (!manager_.GetPartFileMutex(row_.task_id, task_mutex) || !task_mutex) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add first part failed.[%s(%d)]");
+    return kServerInternalError;
+  }
+  const std::lock_guard<std::mutex> lock(*task_mutex);
+  if (!TaskIsThere()) {  // completed while this part waited
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add first part failed.[%s(%d)]");
+    return kServerInternalError;
+  }
+  return SaveToFile();
+}
+
+int CPartUpload::SaveToFile() {
+  PartSizeInfo first;
+  first.first_part_num = row_.part_num;
+  first.first_part_size = row_.size;
+  first.first_part_path = FirstPartPath(row_.task_id, row_.part_num);
+  if (!SaveFile(first.first_part_path, body_.data(), body_.size(), "wb")) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed, file_name[%s].[%s(%d)]",
+                  first.first_part_path.c_str());
+    return kServerInternalError;
+  }
+  if (!manager_.SetFirstPartInfo(row_.task_id, first)) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add first part failed.[%s(%d)]");
+    return kServerInternalError;
+  }
+  return 0;
+}
+
+int CPartUpload::WriteThrough(const StorageServerConfig& config, std::uint32_t part_size) {
+  std::uint32_t offset = 0;
+  if (!PartOffset(offset, row_.part_num, part_size)) {
+    return Illegal();
+  }
+  std::shared_ptr<std::mutex> task_mutex;
+  if (manager_.CheckTaskInfoExist(row_) == kTaskIllegal || !manager_.GetPartFileMutex(row_.task_id, task_mutex) ||
+      !task_mutex) {
+    return Illegal();
+  }
+  const std::lock_guard<std::mutex> lock(*task_mutex);
+  if (!TaskIsThere()) {  // completed while this part waited; the object is not to be touched any more
+    return Illegal();
+  }
+  std::string location = LocationText(row_.bucket_name, task_.url);
+  const int result = StreamSave(config.stream_save, body_, offset, location);
+  if (result != kStorageOk) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed[%d].[%s(%d)]", result);
+    return WriteError(result);
+  }
+  row_.url = std::move(location);
+  return RefreshFile();
+}
+
+// The first part sent again after the part size became known: its file follows, because the completion copies the file
+// into the object and would bring the old bytes back.
+int CPartUpload::RefreshFile() {
+  PartSizeInfo first;
+  if (!manager_.GetFirstPartInfo(row_.task_id, first) || first.first_part_num != row_.part_num) {
+    return 0;
+  }
+  return SaveToFile();
+}
+
+int CPartUpload::Record(bool kept_in_file) {
+  row_.update_time = NowText();
+  if (manager_.InsertObjectTask(row_)) {
+    return 0;
+  }
+  CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save record failed.[%s(%d)]");
+  if (kept_in_file && !TaskIsThere()) {  // swept away meanwhile
+    TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
+    manager_.RemovePartSizeInfo(row_.task_id);
+  }
+  return kServerInternalError;
+}
+
+// A task on its way to becoming an object. Steps return 0 or the error code to answer; failures are logged for
+// `caller`.
+class CCompletion {
+ public:
+  CCompletion(std::string bucket, std::string key, const Caller& caller) : caller_(caller) {
+    object_.bucket_name = std::move(bucket);
+    object_.name = std::move(key);
+  }
+
+  int ReadQuery(const std::string& query_text);
+  int CheckParts(std::string_view body);
+  int Complete(const StorageServerConfig& config);
+
+ private:
+  bool PartIsThere(std::int64_t number, std::int64_t size);
+  int WriteFirstPart(const PartSizeInfo& first, const StorageServerConfig& config);
+
+  CObjectStorageManager& manager_ = CObjectStorageManager::Instance();
+  const Caller caller_;
+  std::string upload_id_;
+  ObjectInfo object_;
+  std::unordered_set<std::int64_t> seen_;  // part numbers of the request
+};
+
+int CCompletion::ReadQuery(const std::string& query_text) {
+  Query query;
+  ParseHttpUrlQuery(query, query_text);
+  upload_id_ = UploadIdOf(query);
+  if (upload_id_.empty()) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]query invalid[%s].[%s(%d)]", query_text.c_str());
+    return kInvalidHttpContent;
+  }
+  return 0;
+}
+
+// Every part that the client counts must be recorded with the size that it names. The first one that is not ends the
+// check, so a total number out of thin air costs nothing.
+int CCompletion::CheckParts(std::string_view body) {
+  if (body.empty()) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]recv data is null.[%s(%d)]");
+    return kInvalidXmlContent;
+  }
+  CXmlProto xml;
+  if (!xml.Parse(body)) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]invalid xml[%s].[%s(%d)]", std::string(body).c_str());
+    return kInvalidXmlContent;
+  }
+  const std::int64_t total = xml.GetInt("/CompleteMultipartUpload/TotalPartNum");
+  if (total < 1) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]invalid total num[%s].[%s(%d)]",
+                  xml.GetString("/CompleteMultipartUpload/TotalPartNum").c_str());
+    return kInvalidXmlContent;
+  }
+  for (std::int64_t i = 1; i <= total; ++i) {
+    const std::string part = "/CompleteMultipartUpload/Part[" + std::to_string(i) + "]";
+    const std::int64_t number = xml.GetInt(part + "/PartNumber");
+    const std::int64_t size = xml.GetInt(part + "/PartSize");
+    if (!PartIsThere(number, size)) {
+      CLOUD_LOG_FOR(caller_, logging::kError, "[%s]invalid part: task_id[%s], num[%d], size[%d].[%s(%d)]",
+                    upload_id_.c_str(), static_cast<int>(number), static_cast<int>(size));
+      return kInvalidXmlContent;
+    }
+    object_.size += static_cast<std::uint64_t>(size);
+  }
+  return 0;
+}
+
+bool CCompletion::PartIsThere(std::int64_t number, std::int64_t size) {
+  ObjectTaskInfo row;
+  row.bucket_name = object_.bucket_name;
+  row.object_name = object_.name;
+  row.task_id = upload_id_;
+  row.part_num = static_cast<std::uint32_t>(number);
+  row.size = static_cast<std::uint32_t>(size);
+  const bool recorded = manager_.CheckTaskInfoExist(row) == 0;
+  // Numbers that 32 bits cut to those of a part do not name it, and a part counts once.
+  return recorded && number == row.part_num && size == row.size && seen_.insert(number).second;
+}
+
+int CCompletion::Complete(const StorageServerConfig& config) {
+  PartSizeInfo first;
+  std::unique_lock<std::mutex> lock;
+  bool known = manager_.GetFirstPartInfo(upload_id_, first);
+  if (known && first.file_mutex) {
+    // Parts that are sent meanwhile wait, and find the task gone. The same goes for a second completion.
+    const std::shared_ptr<std::mutex> task_mutex = first.file_mutex;
+    lock = std::unique_lock<std::mutex>(*task_mutex);
+    known = manager_.GetFirstPartInfo(upload_id_, first);
+    first.file_mutex = task_mutex;
+  }
+  if (!known) {
+    // Answered as if it had succeeded: clients of a server that was restarted in between rely on getting on.
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]GetFirstPartInfo failed, task id:%s.[%s(%d)]", upload_id_.c_str());
+    return 0;
+  }
+  if (const int error = WriteFirstPart(first, config); error != 0) {
+    return error;
+  }
+  TansyBase::FileUtil::RemoveFile(first.first_part_path);
+  object_.update_time = NowText();
+  if (!manager_.AddObject(object_)) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add object failed[%d].[%s(%d)]", kServerInternalError);
+    return kServerInternalError;
+  }
+  manager_.RemoveObjectTask(upload_id_);
+  manager_.RemovePartSizeInfo(upload_id_);
+  return 0;
+}
+
+int CCompletion::WriteFirstPart(const PartSizeInfo& first, const StorageServerConfig& config) {
+  const std::unique_ptr<char[]> data = ReadFile(first.first_part_path, first.first_part_size);
+  if (!data) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]read first file failed[%s].[%s(%d)]", first.first_part_path.c_str());
+    return kServerInternalError;
+  }
+  std::uint32_t offset = 0;
+  if (!PartOffset(offset, first.first_part_num, first.part_size)) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]invalid part: task_id[%s], num[%d], size[%d].[%s(%d)]",
+                  upload_id_.c_str(), first.first_part_num, first.first_part_size);
+    return kInvalidHttpContent;
+  }
+  ObjectTaskInfo task;
+  manager_.GetTaskInfo(upload_id_, kTaskPart, task);
+  object_.url = LocationText(object_.bucket_name, task.url);
+  const int result = StreamSave(config.stream_save, {data.get(), first.first_part_size}, offset, object_.url);
+  if (result != kStorageOk) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed[%d].[%s(%d)]", result);
+    return WriteError(result);
+  }
+  return 0;
+}
+
+bool BuildPartsRsp(std::string& text, const std::string& upload_id, const TaskPartSet& parts) {
+  CXmlProto xml;
+  xml.SetString("/ListPartsResult/Bucket", parts.begin()->bucket_name);
+  xml.SetString("/ListPartsResult/Key", parts.begin()->object_name);
+  xml.SetString("/ListPartsResult/UploadId", upload_id);
+  xml.SetInt("/ListPartsResult/TotalNum", static_cast<std::int64_t>(parts.size()));
+  int i = 0;
+  for (const ObjectTaskInfo& row : parts) {
+    const std::string part = "/ListPartsResult/Part[" + std::to_string(++i) + "]";
+    xml.SetInt(part + "/PartNumber", row.part_num);
+    xml.SetInt(part + "/PartSize", row.size);
+    xml.SetString(part + "/ETag", TansyBase::GuidUtil::CreateGuid());
+  }
+  return xml.Serialize(text);
+}
+
+}  // namespace
+}  // namespace details
+
+int CObjectServer::HandleMultiUploadTaskCreate(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  if (const int error = OpenRequest(target, request, *config, Opening::kStore, OBJECT_SERVER_CALLER); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  // The probe makes the storage say where the object will be; the part at offset 0 later writes over it.
+  std::string location = details::LocationText(target.bucket);
+  const int result = details::StreamSave(config->stream_save, details::kProbe, 0, location);
+  if (result != details::kStorageOk) {
+    CLOUD_LOG(logging::kError, "[%s]save file failed[%d].[%s(%d)]", result);
+    return AnswerError(session_id, details::WriteError(result));
+  }
+  ObjectTaskInfo task;
+  task.task_id = TansyBase::GuidUtil::CreateGuid();
+  task.bucket_name = target.bucket;
+  task.object_name = target.key;
+  task.part_num = details::kTaskPart;
+  task.update_time = details::NowText();
+  task.url = location;
+  if (!CObjectStorageManager::Instance().AddObjectTask(task)) {
+    CLOUD_LOG(logging::kError, "[%s]create task failed.[%s(%d)]");
+    return AnswerError(session_id, kServerInternalError);
+  }
+  details::CXmlProto xml;
+  xml.SetString("/InitiateMultipartUploadResult/Bucket", target.bucket);
+  xml.SetString("/InitiateMultipartUploadResult/Key", target.key);
+  xml.SetString("/InitiateMultipartUploadResult/UploadId", task.task_id);
+  std::string body;
+  return xml.Serialize(body) ? AnswerXml(session_id, body) : AnswerError(session_id, kServerInternalError);
+}
+
+int CObjectServer::HandleUploadPartObject(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  const details::Caller caller = OBJECT_SERVER_CALLER;
+  Target target;
+  if (const int error = OpenRequest(target, request, *config, Opening::kPart, caller); error != 0) {
+    if (error == kAccessDenied) {
+      CLOUD_LOG(logging::kError, "[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]", target.bucket.c_str());
+    }
+    return AnswerError(session_id, error);
+  }
+  details::CPartUpload part(target.bucket, target.key, BodyOf(request), caller);
+  if (const int error = part.ReadQuery(request.query); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  std::unique_lock<std::mutex> lock(part_mutexes_[part.Hash() % part_mutexes_.size()]);
+  const int error = part.Store(*config);
+  lock.unlock();
+  return error == 0 ? AnswerXml(session_id, {}) : AnswerError(session_id, error);
+}
+
+int CObjectServer::HandleGetAllObjectTask(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  if (const int error = OpenRequest(target, request, *config, Opening::kPart, OBJECT_SERVER_CALLER); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  details::Query query;
+  ParseHttpUrlQuery(query, request.query);
+  const std::string upload_id = details::UploadIdOf(query);
+  if (upload_id.empty()) {
+    CLOUD_LOG(logging::kError, "[%s]query invalid[%s].[%s(%d)]", request.query.c_str());
+    return AnswerError(session_id, kInvalidHttpContent);
+  }
+  TaskPartSet parts;
+  if (!CObjectStorageManager::Instance().GetAllTask(upload_id, parts)) {
+    CLOUD_LOG(logging::kError, "[%s]invalid task id[%s].[%s(%d)]", upload_id.c_str());
+    return AnswerError(session_id, kInvalidHttpContent);
+  }
+  std::string body;
+  if (!details::BuildPartsRsp(body, upload_id, parts)) {
+    return AnswerError(session_id, kServerInternalError);
+  }
+  return AnswerXml(session_id, body);
+}
+
+int CObjectServer::HandleFinishMutiUploadTask(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  const details::Caller caller = OBJECT_SERVER_CALLER;
+  Target target;
+  if (const int error = OpenRequest(target, request, *config, Opening::kPart, caller); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  details::CCompletion completion(target.bucket, target.key, caller);
+  if (const int error = completion.ReadQuery(request.query); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  if (const int error = completion.CheckParts(BodyOf(request)); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  if (const int error = completion.Complete(*config); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  return AnswerXml(session_id, {});
+}
+
+}  // namespace Tansy::CloudStorage

@@ -1,0 +1,251 @@
+// Reading and removing objects, and the two look-ups for hosts that serve downloads themselves.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+#include "StorageServer/ObjectServer/ObjectServer.h"
+#include "StorageServer/ObjectServer/ObjectServerBigSend.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+// Longer answers are sent in chunks of this size on a thread of their own.
+constexpr std::uint32_t kChunkBytes = 0xA00000;
+// In the url of an object whose bytes the picture service keeps.
+constexpr std::string_view kPictureMark = "/pic?";
+
+bool IsPicture(const ObjectInfo& object) {
+  return object.url.find(kPictureMark) != std::string::npos;
+}
+
+// What strtoul in automatic base makes of the text where unsigned long has 32 bits: too much saturates, a minus sign
+// wraps round.
+std::uint32_t ToUnsigned32(const std::string& text) {
+  constexpr std::uint32_t kMax = std::numeric_limits<std::uint32_t>::max();
+  const std::size_t first = text.find_first_not_of(" \t\n\v\f\r");
+  const bool negative = first != std::string::npos && text[first] == '-';
+  errno = 0;
+  const unsigned long long value = std::strtoull(text.c_str(), nullptr, 0);
+  const unsigned long long magnitude = negative ? 0 - value : value;
+  if (errno == ERANGE || magnitude > kMax) {
+    return kMax;
+  }
+  return static_cast<std::uint32_t>(value);
+}
+
+// The exclusive end of a range in an object of this size. Sizes are counted in 32 bits here, as in the catalogue.
+std::uint32_t EndOf(const ByteRange& range, const ObjectInfo& object) {
+  return range.end != 0 ? range.end : static_cast<std::uint32_t>(object.size);
+}
+
+void SetBigFileRspHeaders(TansyNet::HttpResponse& response, const char* content_type, const ByteRange& range,
+                          std::uint64_t object_size) {
+  SetRspHeaders(response, content_type);
+  const std::uint64_t end = range.end != 0 ? range.end : object_size;
+  response.headers["Content-Range"] =
+      "bytes " + std::to_string(range.begin) + "-" + std::to_string(end) + "/" + std::to_string(object_size);
+}
+
+// Bytes that the picture service keeps are read whole by their url, or in part by what follows its first path.
+int ReadPicture(HostBuffer& buffer, const StorageServerConfig& config, const ObjectInfo& object,
+                const std::string& bucket, const ByteRange& range, std::uint32_t length) {
+  if (range.begin == 0 && length == object.size) {
+    return ReadObject(config, buffer, length, LocationText(bucket, object.url));
+  }
+  const std::string location = LocationText(bucket, std::string_view(object.url).substr(kPictureMark.size()));
+  return ReadRange(config, buffer, length, range.begin, location);
+}
+
+}  // namespace
+}  // namespace details
+
+int CObjectServer::ParseRangeHeader(const HttpServerRecv& request, ByteRange& range) {
+  range = ByteRange{};
+  const auto header = request.headers.find("Range");
+  if (header == request.headers.end()) {
+    return 0;
+  }
+  const std::string& value = header->second;
+  const std::size_t equals = value.find('=');
+  if (equals == std::string::npos) {
+    return kInvalidHttpContent;
+  }
+  const std::size_t dash = value.find('-', equals + 1);
+  if (dash == std::string::npos || dash == equals + 1) {
+    return kInvalidHttpContent;
+  }
+  range.begin = details::ToUnsigned32(value.substr(equals + 1, dash - equals - 1));
+  range.end = details::ToUnsigned32(value.substr(dash + 1));
+  const bool backwards = range.end != 0 && range.end <= range.begin;
+  return backwards ? kInvalidHttpContent : 0;
+}
+
+int CObjectServer::HandleGetOneObiectMetadata(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  ObjectInfo object;
+  if (const int error = OpenObject(target, object, request, *config, Opening::kRead, OBJECT_SERVER_CALLER);
+      error != 0) {
+    return AnswerError(session_id, error);
+  }
+  HttpResponse response;
+  response.headers["Object-Size"] = std::to_string(object.size);
+  SetRspHeaders(response, kXmlContentType);
+  return SendObjectMsgRsp(session_id, response, std::string());
+}
+
+int CObjectServer::HandleDownloadObject(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  ObjectInfo object;
+  if (const int error = OpenObject(target, object, request, *config, Opening::kRead, OBJECT_SERVER_CALLER);
+      error != 0) {
+    return AnswerError(session_id, error);
+  }
+  ByteRange range;
+  if (const int error = ParseRangeHeader(request, range); error != 0) {
+    return AnswerError(session_id, error);
+  }
+  if (range.begin >= object.size) {
+    CLOUD_LOG(logging::kError, "[%s]download failed[%s], range_begin_value is greater than file size[%s(%d)]",
+              target.key.c_str());
+    return AnswerError(session_id, kInvalidHttpContent);
+  }
+  const bool picture = details::IsPicture(object);
+  const std::uint32_t length = details::EndOf(range, object) - range.begin;
+  if (!picture && length > details::kChunkBytes) {
+    return StartBigFileSend(session_id, object, range, length);
+  }
+  details::HostBuffer buffer;
+  const int result = picture ? details::ReadPicture(buffer, *config, object, target.bucket, range, length)
+                             : details::ReadRange(*config, buffer, length, range.begin,
+                                                  details::LocationText(target.bucket, object.url));
+  if (result != details::kStorageOk) {
+    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", target.key.c_str());
+    return AnswerError(session_id, kServerInternalError);
+  }
+  if (!buffer.data) {
+    return -1;  // not answered at all; the client runs into its time-out
+  }
+  HttpResponse response;
+  SetRspHeaders(response, kBytesContentType);
+  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", target.bucket.c_str(), target.key.c_str());
+  return SendObjectMsgRsp(session_id, response, buffer.data.get(), buffer.size);
+}
+
+int CObjectServer::StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range,
+                                    std::uint32_t length) {
+  const std::uint32_t chunk_count = length / details::kChunkBytes + (length % details::kChunkBytes != 0 ? 1 : 0);
+  const bool started = details::CBigFileSendThreads::Instance().Run(
+      [=, this] { HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length); });
+  return started ? 0 : AnswerError(session_id, kServerInternalError);
+}
+
+bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,
+                                      const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length) {
+  const ConfigPointer config = conf_.Load();
+  HttpResponse response;
+  details::SetBigFileRspHeaders(response, kBytesContentType, range, object.size);
+  const std::string location = details::LocationText(object.bucket_name, object.url);
+  for (std::uint32_t i = 0; i < chunk_count; ++i) {
+    const std::uint32_t done = i * chunk_size;
+    const std::uint32_t wanted = std::min(chunk_size, total_length - done);
+    details::HostBuffer chunk;
+    const int result = details::ReadRange(*config, chunk, wanted, range.begin + done, location);
+    if (result != details::kStorageOk || !chunk.data || chunk.size < wanted) {
+      // Fewer bytes than announced would leave the client waiting for the rest. Once the head is out, this second
+      // answer makes the HTTP library close the connection, so that the client can tell.
+      CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", object.name.c_str());
+      return AnswerError(session_id, kServerInternalError) == 0;
+    }
+    const int error =
+        TansyNet::CHttpServer::HttpServerSyncSendBigRsp(session_id, response, wanted, chunk.data.get(), total_length);
+    if (error != 0) {
+      CLOUD_LOG(logging::kError, "[%s]HttpServerSynSend error, revalue = %d, handle = %d[%s(%d)]", error, session_id);
+      return false;
+    }
+  }
+  return true;
+}
+
+int CObjectServer::HandleRemoveObject(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  ObjectInfo object;
+  if (const int error = OpenObject(target, object, request, *config, Opening::kRemove, OBJECT_SERVER_CALLER);
+      error != 0) {
+    return AnswerError(session_id, error);
+  }
+  if (!CObjectStorageManager::Instance().RemoveObject(target.key, target.bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", target.key.c_str());
+    return AnswerError(session_id, kNoSuchKey);
+  }
+  return AnswerXml(session_id, {});
+}
+
+int CObjectServer::HandleRemoveObjectFile(std::int32_t session_id, const HttpServerRecv& request) {
+  const ConfigPointer config = conf_.Load();
+  auto& manager = CObjectStorageManager::Instance();
+  Target target;
+  ObjectInfo object;
+  if (const int error = OpenObject(target, object, request, *config, Opening::kRemove, OBJECT_SERVER_CALLER);
+      error != 0) {
+    return AnswerError(session_id, error);
+  }
+  std::string location;
+  if (manager.GetObjectFile(location, target.key, target.bucket)) {
+    if (const int error = details::RemoveStored(*config, location); error != 0) {
+      CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", target.key.c_str());
+      return AnswerError(session_id, error);
+    }
+  }
+  if (!manager.RemoveObject(target.key, target.bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", target.key.c_str());
+    return AnswerError(session_id, kNoSuchKey);
+  }
+  return AnswerXml(session_id, {});
+}
+
+bool CObjectServer::GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url) {
+  Target target;
+  if (!ParseUrl(target.bucket, target.key, object_url)) {
+    CLOUD_LOG(logging::kError, "[%s]GetInternalURLByObjectUrl, parse url[%s] error[%s(%d)]", object_url.c_str());
+    return false;
+  }
+  ObjectInfo object;
+  if (!CObjectStorageManager::Instance().GetObjectByName(object, target.key, target.bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]GetInternalURLByObjectUrl, bucket[%s] or object[%s] not exist.[%s(%d)]",
+              target.bucket.c_str(), target.key.c_str());
+    return false;
+  }
+  internal_url = object.url;
+  return true;
+}
+
+int CObjectServer::CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method,
+                                           std::string& query, std::map<std::string, std::string>& headers) {
+  HttpServerRecv request;
+  request.url = url;
+  request.method = method;
+  request.query = query;
+  request.headers = headers;
+  const ConfigPointer config = conf_.Load();
+  Target target;
+  ObjectInfo object;
+  if (const int error = OpenObject(target, object, request, *config, Opening::kRead, OBJECT_SERVER_CALLER);
+      error != 0) {
+    return error;
+  }
+  if (details::IsPicture(object)) {
+    return kUrlNotSupport;
+  }
+  internal_url = details::LocationText(target.bucket, object.url);
+  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", target.bucket.c_str(), target.key.c_str());
+  return 0;
+}
+
+}  // namespace Tansy::CloudStorage

@@ -1,0 +1,44 @@
+// Calls of the host's storage callbacks: location texts, ownership of the host's buffers, callbacks that are missing.
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::CloudStorage::details {
+
+// Results of a storage callback that are not errors of the protocol.
+inline constexpr int kStorageOk = 0;
+inline constexpr int kStorageFull = 3;
+
+// A buffer that a read callback allocated with malloc.
+struct FreeDeleter {
+  void operator()(char* data) const { std::free(data); }
+};
+struct HostBuffer {
+  std::unique_ptr<char, FreeDeleter> data;
+  std::uint32_t size = 0;  // bytes that the host delivered
+};
+
+// The text by which the host finds bytes: "pool_name:" + bucket + ";" + what it left when it stored them.
+std::string LocationText(std::string_view bucket, std::string_view url = {});
+
+// Each calls the callback of its name; a host that did not supply it gets kServerInternalError as the result.
+int SaveObject(const StorageServerConfig& config, std::string& location, std::string_view data);
+int StreamSave(StreamSaveCallback callback, std::string_view data, std::uint32_t offset, std::string& location);
+int ReadObject(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, const std::string& location);
+int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
+              const std::string& location);
+int RemoveStored(const StorageServerConfig& config, const std::string& location);
+
+// The protocol's error for a write callback that failed.
+int WriteError(int storage_result);
+
+}  // namespace Tansy::CloudStorage::details
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H

@@ -1,0 +1,57 @@
+#include "StorageServer/ObjectServer/ObjectServerTasks.h"
+
+#include <exception>
+#include <utility>
+
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/ObjectServer.h"
+
+namespace Tansy::CloudStorage {
+
+CObjectMsgTask::CObjectMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg)
+    : msg_(std::move(msg)), server_handle_(server_handle) {}
+
+void CObjectMsgTask::Exec() {
+  CObjectServer& server = CObjectServer::Instance();
+  try {
+    server.HandleObjectMsg(server_handle_, msg_);
+  } catch (const std::exception& error) {
+    // Out of memory, most likely. The client is told instead of being left to its time-out.
+    CLOUD_LOG(logging::kError, "[%s]handle object msg failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
+    server.AnswerError(server_handle_, kServerInternalError);
+  }
+}
+
+CObjectStreamTask::CObjectStreamTask(std::int32_t server_handle, const TansyNet::HttpServerRecv& msg)
+    : server_handle_(server_handle), url_(msg.url), token_(msg.token) {
+  if (msg.body_size > 0) {
+    data_ = msg.body;
+    size_ = msg.body_size;
+  }
+}
+
+void CObjectStreamTask::Exec() {
+  CLOUD_LOG(logging::kTrace, "[%s]handle object stream task[%s], size[%d].[%s(%d)]", url_.c_str(), size_);
+  if (size_ == 0) {
+    return;
+  }
+  std::string bucket;
+  std::string key;
+  if (!CObjectServer::ParseUrl(bucket, key, url_)) {
+    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask invalid url[%s].[%s(%d)]", url_.c_str());
+    return;
+  }
+  if (!CObjectStorageManager::Instance().IsBucketExist(bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]", bucket.c_str());
+    return;
+  }
+  const auto session_id = static_cast<std::uint32_t>(server_handle_);
+  auto& streams = details::CBigFileStreamMgr::Instance();
+  if (!streams.UploadStream(session_id, data_->data(), size_, bucket)) {
+    streams.EndStream(session_id, details::StreamEnd::kFailed);
+    CLOUD_LOG(logging::kError, "[%s]UploadStream failed[%d], bucket_name[%s], url[%s], size[%d].[%s(%d)]", session_id,
+              bucket.c_str(), url_.c_str(), size_);
+  }
+}
+
+}  // namespace Tansy::CloudStorage
