@@ -194,12 +194,12 @@ void Module_Unregister(const std::string& module) {
   }
 }
 
-void SetSqliteFullDurability(bool full) {
-  SetSqliteDefaultDurability(full);
+bool SetSqliteFullDurability(bool full) {
+  return SetSqliteDefaultDurability(full);
 }
 
-void SetSqliteBusyTimeout(int milliseconds) {
-  SetSqliteDefaultBusyTimeout(milliseconds);
+int SetSqliteBusyTimeout(int milliseconds) {
+  return SetSqliteDefaultBusyTimeout(milliseconds);
 }
 
 }  // namespace db_layer

@@ -104,11 +104,11 @@ bool DBLayer_ResetParam(const DBParam& param);
 void Module_Unregister(const std::string& module);
 
 // How SQLite commits: true (the default) waits for stable storage, false leaves it with the operating system. Read when
-// a database is opened.
-void SetSqliteFullDurability(bool full);
-// How long a statement waits while another process holds SQLite's file locked. Default 5000 ms. Read when a database is
-// opened.
-void SetSqliteBusyTimeout(int milliseconds);
+// a file is opened that this process has not got open. Returns what was set before.
+bool SetSqliteFullDurability(bool full);
+// How long a statement waits while another process holds SQLite's file locked. Default 5000 ms. Read at the same time.
+// Returns what was set before.
+int SetSqliteBusyTimeout(int milliseconds);
 
 }  // namespace db_layer
 

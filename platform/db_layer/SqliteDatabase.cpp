@@ -53,12 +53,12 @@ std::string FullPath(const std::string& path) {
 }  // namespace
 }  // namespace details
 
-void SetSqliteDefaultDurability(bool full_durability) {
-  details::g_full_durability = full_durability;
+bool SetSqliteDefaultDurability(bool full_durability) {
+  return details::g_full_durability.exchange(full_durability);
 }
 
-void SetSqliteDefaultBusyTimeout(int milliseconds) {
-  details::g_busy_timeout_ms = milliseconds;
+int SetSqliteDefaultBusyTimeout(int milliseconds) {
+  return details::g_busy_timeout_ms.exchange(milliseconds);
 }
 
 std::shared_ptr<CSqliteDatabase> CSqliteDatabase::Acquire(const std::string& path, SqlError& error) {

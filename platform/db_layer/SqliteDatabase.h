@@ -40,9 +40,9 @@ class CSqliteDatabase {
   CGroupCommit group_commit_;
 };
 
-// Defaults for databases opened from now on.
-void SetSqliteDefaultDurability(bool full_durability);
-void SetSqliteDefaultBusyTimeout(int milliseconds);
+// Defaults for databases opened from now on. Both return what was set before.
+bool SetSqliteDefaultDurability(bool full_durability);
+int SetSqliteDefaultBusyTimeout(int milliseconds);
 
 }  // namespace db_layer
 

@@ -1,0 +1,282 @@
+// A database that fails on command and remembers every statement: SQLite in a temporary file, with the module's tables.
+//
+//   CFailingDatabase database;                                    // is now what db_layer opens for SQLite
+//   db_layer::Module_Register(database.Param(), "platform");
+//   database.FailStatement(2);                                    // the next but one
+//   ...
+//   EXPECT_EQ(database.Statements()[0], "INSERT INTO ...");
+//
+// Any thread. One at a time in a process: it stands in for the driver of all SQLite databases.
+#ifndef TANSY_TESTS_FAKES_FAILING_DATABASE_H
+#define TANSY_TESTS_FAKES_FAILING_DATABASE_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "db_layer/DbLayer.h"
+
+namespace Tansy::Tests {
+
+// What goes wrong, and what was asked. Shared with the connections, which may outlive the database.
+class CDatabaseScript {
+ public:
+  static constexpr int kInjectedCode = 4711;
+  static constexpr const char* kInjectedText = "injected failure";
+
+  // Remembers the statement. True when it is to fail.
+  bool Record(const std::string& sql) {
+    std::function<void(const std::string&)> hook;
+    bool fails = false;
+    {
+      const std::lock_guard lock(mutex_);
+      statements_.push_back(sql);
+      hook = hook_;
+      fails = std::any_of(failing_texts_.begin(), failing_texts_.end(),
+                          [&sql](const std::string& text) { return sql.find(text) != std::string::npos; });
+      if (statements_until_failure_ > 0 && --statements_until_failure_ == 0) {
+        fails = true;
+      }
+    }
+    if (hook) {
+      hook(sql);
+    }
+    return fails;
+  }
+
+  void FailStatement(int number) {
+    const std::lock_guard lock(mutex_);
+    statements_until_failure_ = number;
+  }
+  void FailStatementsWith(std::string text) {
+    const std::lock_guard lock(mutex_);
+    failing_texts_.push_back(std::move(text));
+  }
+  void SetHook(std::function<void(const std::string&)> hook) {
+    const std::lock_guard lock(mutex_);
+    hook_ = std::move(hook);
+  }
+  void Heal() {
+    const std::lock_guard lock(mutex_);
+    statements_until_failure_ = 0;
+    failing_texts_.clear();
+    connections_fail = false;
+  }
+  std::vector<std::string> Statements() const {
+    const std::lock_guard lock(mutex_);
+    return statements_;
+  }
+  void ForgetStatements() {
+    const std::lock_guard lock(mutex_);
+    statements_.clear();
+  }
+
+  std::atomic<bool> connections_fail{false};
+  std::atomic<int> connections_opened{0};
+  std::atomic<int> broken_before{0};  // connections with a number up to this one are broken
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> statements_;
+  std::vector<std::string> failing_texts_;
+  int statements_until_failure_ = 0;
+  std::function<void(const std::string&)> hook_;
+};
+
+class CFailingConnect : public db_layer::CConnect {
+ public:
+  CFailingConnect(std::unique_ptr<db_layer::CConnect> connection, std::shared_ptr<CDatabaseScript> script, int number)
+      : connection_(std::move(connection)), script_(std::move(script)), number_(number) {}
+
+  bool Execute(const std::string& sql) override { return !Fails(sql) && connection_->Execute(sql); }
+  bool Query(const std::string& sql) override {
+    is_failed_query_ = Fails(sql);
+    return !is_failed_query_ && connection_->Query(sql);
+  }
+  bool ExecuteAll(const std::vector<std::string>& statements) override {
+    const bool fails =
+        std::any_of(statements.begin(), statements.end(), [this](const std::string& sql) { return Fails(sql); });
+    return !fails && connection_->ExecuteAll(statements);
+  }
+  int GetLastError(std::string& text) override {
+    if (!is_injected_) {
+      return connection_->GetLastError(text);
+    }
+    text = CDatabaseScript::kInjectedText;
+    return CDatabaseScript::kInjectedCode;
+  }
+  void MoveNext() override { connection_->MoveNext(); }
+  bool IsEnd() override { return is_failed_query_ || connection_->IsEnd(); }
+  std::string GetString(const std::string& column) override {
+    return is_failed_query_ ? std::string() : connection_->GetString(column);
+  }
+  std::int32_t GetInt(int index) override { return is_failed_query_ ? 0 : connection_->GetInt(index); }
+  std::int32_t GetInt(const std::string& column) override { return is_failed_query_ ? 0 : connection_->GetInt(column); }
+  bool IsHealthy() override { return number_ > script_->broken_before && connection_->IsHealthy(); }
+
+ private:
+  bool Fails(const std::string& sql) {
+    is_injected_ = script_->Record(sql);
+    return is_injected_;
+  }
+
+  std::unique_ptr<db_layer::CConnect> connection_;
+  std::shared_ptr<CDatabaseScript> script_;
+  const int number_;
+  bool is_injected_ = false;
+  bool is_failed_query_ = false;
+};
+
+class CFailingDriver : public db_layer::IDriver {
+ public:
+  explicit CFailingDriver(std::shared_ptr<CDatabaseScript> script) : script_(std::move(script)) {}
+
+  std::unique_ptr<db_layer::CConnect> Open(const db_layer::DBParam& param, std::string& error) override {
+    if (script_->connections_fail) {
+      error = CDatabaseScript::kInjectedText;
+      return nullptr;
+    }
+    auto connection = db_layer::BuiltInDriver(db_layer::kSqlite)->Open(param, error);
+    if (!connection) {
+      return nullptr;
+    }
+    return std::make_unique<CFailingConnect>(std::move(connection), script_, ++script_->connections_opened);
+  }
+
+ private:
+  std::shared_ptr<CDatabaseScript> script_;
+};
+
+class CFailingDatabase {
+ public:
+  CFailingDatabase() : folder_(MakeFolder()) {
+    // Nothing here has to survive a power failure.
+    const bool full = db_layer::SetSqliteFullDurability(false);
+    std::string error;
+    direct_ = db_layer::BuiltInDriver(db_layer::kSqlite)->Open(Param(), error);
+    db_layer::SetSqliteFullDurability(full);
+    EXPECT_NE(direct_, nullptr) << error;
+    if (direct_) {
+      const bool made = direct_->ExecuteAll(Schema());
+      direct_->GetLastError(error);
+      EXPECT_TRUE(made) << error;
+    }
+    db_layer::SetDriver(db_layer::kSqlite, std::make_shared<CFailingDriver>(script_));
+  }
+
+  // Modules registered with it have to be unregistered before.
+  ~CFailingDatabase() {
+    db_layer::SetDriver(db_layer::kSqlite, nullptr);
+    direct_.reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  CFailingDatabase(const CFailingDatabase&) = delete;
+  CFailingDatabase& operator=(const CFailingDatabase&) = delete;
+
+  // What to register.
+  db_layer::DBParam Param() const {
+    db_layer::DBParam param;
+    param.type = db_layer::kSqlite;
+    param.database = (folder_ / "platform.db").string();
+    param.min_connections = 1;
+    return param;
+  }
+
+  // The statement of this number fails, counted from 1 from now on; the ones after it work again.
+  void FailStatement(int number) { script_->FailStatement(number); }
+  // Every statement that contains this text fails until Heal.
+  void FailStatementsWith(std::string text) { script_->FailStatementsWith(std::move(text)); }
+  // No new connection opens until Heal. Those in the pool still work: see BreakConnections.
+  void FailConnections() { script_->connections_fail = true; }
+  // All connections that are open now are broken; the pool replaces them when it next looks.
+  void BreakConnections() { script_->broken_before = script_->connections_opened.load(); }
+  // Ends every failure.
+  void Heal() { script_->Heal(); }
+
+  // Called before each statement, on the thread that runs it: to hold one up, or to change something in between.
+  void SetHook(std::function<void(const std::string&)> hook) { script_->SetHook(std::move(hook)); }
+
+  // Every statement that was asked for, those made to fail included, in order.
+  std::vector<std::string> Statements() const { return script_->Statements(); }
+  std::size_t CountStatements(const std::string& text) const {
+    const auto statements = Statements();
+    return static_cast<std::size_t>(
+        std::count_if(statements.begin(), statements.end(),
+                      [&text](const std::string& statement) { return statement.find(text) != std::string::npos; }));
+  }
+  void ForgetStatements() { script_->ForgetStatements(); }
+  int CountConnections() const { return script_->connections_opened; }
+
+  // Past the script: changes the database, or reads one column of all rows of a query.
+  bool Run(const std::string& sql) {
+    const std::lock_guard lock(direct_mutex_);
+    return direct_->Execute(sql);
+  }
+  std::vector<std::string> Column(const std::string& sql, const std::string& column) {
+    const std::lock_guard lock(direct_mutex_);
+    std::vector<std::string> values;
+    if (!direct_->Query(sql)) {
+      std::string error;
+      direct_->GetLastError(error);
+      ADD_FAILURE() << sql << ": " << error;
+    }
+    for (; !direct_->IsEnd(); direct_->MoveNext()) {
+      values.push_back(direct_->GetString(column));
+    }
+    return values;
+  }
+
+  static std::vector<std::string> Schema() {
+    return {
+        "CREATE TABLE platform.sequences (name TEXT NOT NULL PRIMARY KEY, "
+        "next_value INTEGER NOT NULL CHECK (next_value >= 1))",
+        "INSERT INTO platform.sequences (name, next_value) VALUES ('platform.local_bucket_id_seq', 1), "
+        "('platform.local_object_id_seq', 1), ('platform.local_object_task_id_seq', 1)",
+        "CREATE TABLE platform.local_bucket (id INTEGER NOT NULL PRIMARY KEY, guid TEXT NOT NULL, name TEXT NOT NULL, "
+        "acl INTEGER NOT NULL, location TEXT NOT NULL, cycle INTEGER NOT NULL, size INTEGER NOT NULL, "
+        "update_time TEXT NOT NULL, is_deleted INTEGER NOT NULL DEFAULT 0)",
+        "CREATE TABLE platform.local_object (id INTEGER NOT NULL PRIMARY KEY, guid TEXT NOT NULL, name TEXT NOT NULL, "
+        "bucket_name TEXT NOT NULL, size INTEGER NOT NULL, update_time TEXT NOT NULL, url TEXT NOT NULL, "
+        "is_deleted INTEGER NOT NULL DEFAULT 0)",
+        "CREATE INDEX platform.local_object_bucket ON local_object (bucket_name)",
+        "CREATE TABLE platform.local_object_task (id INTEGER NOT NULL PRIMARY KEY, task_id TEXT NOT NULL, "
+        "object_name TEXT NOT NULL, bucket_name TEXT NOT NULL, size INTEGER NOT NULL, part_num INTEGER NOT NULL, "
+        "update_time TEXT NOT NULL, url TEXT NOT NULL, is_deleted INTEGER NOT NULL DEFAULT 0)",
+        "CREATE INDEX platform.local_object_task_task ON local_object_task (task_id)",
+        "CREATE TABLE platform.picture_url_encrypt (encrypt_url TEXT NOT NULL PRIMARY KEY, url TEXT NOT NULL)",
+    };
+  }
+
+ private:
+  static std::filesystem::path MakeFolder() {
+    std::random_device random;
+    for (;;) {
+      auto folder = std::filesystem::temp_directory_path() / ("tansy-database-" + std::to_string(random()));
+      if (std::filesystem::create_directory(folder)) {
+        return folder;
+      }
+    }
+  }
+
+  const std::filesystem::path folder_;
+  const std::shared_ptr<CDatabaseScript> script_ = std::make_shared<CDatabaseScript>();
+  std::mutex direct_mutex_;
+  std::unique_ptr<db_layer::CConnect> direct_;
+};
+
+}  // namespace Tansy::Tests
+
+#endif  // TANSY_TESTS_FAKES_FAILING_DATABASE_H
