@@ -36,7 +36,7 @@ struct ScriptedRequest {
   std::string target;   // path and query
   std::string head;     // as it came, empty line included
   HeaderLines headers;  // in their order, spelled as they came
-  std::string body;
+  std::string body = {};
   bool complete = false;    // the whole body came
   std::string server_name;  // that the client asked for in its TLS handshake
 
@@ -49,9 +49,9 @@ struct ScriptedAnswer {
   static constexpr std::size_t kNever = static_cast<std::size_t>(-1);
 
   int status = 200;
-  HeaderLines headers;  // "Content-Length" is added unless it, or "Transfer-Encoding", is among them
-  std::string body;
-  std::string raw;  // when not empty, these bytes are the whole answer
+  HeaderLines headers = {};  // "Content-Length" is added unless it, or "Transfer-Encoding", is among them
+  std::string body = {};
+  std::string raw = {};  // when not empty, these bytes are the whole answer
 
   int delay_ms = 0;                // before the first byte
   std::size_t piece = 0;           // when not 0: the answer goes out in pieces of this size ...
@@ -70,7 +70,7 @@ struct ScriptedServerOptions {
   std::uint16_t port = 0;             // 0: a free one
   // Of an https server; empty: a self-signed one for localhost, 127.0.0.1 and ::1. Certificates of signers may follow
   // the server's own.
-  TestCertificate certificate;
+  TestCertificate certificate = {};
   bool tls_1_2_only = false;
   int receive_buffer = 0;  // bytes, before the system's rounding; 0: the system's choice
 };
