@@ -2,7 +2,7 @@
 include(CMakePackageConfigHelpers)
 
 set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/TansyCloudStorage")
-set(platform_libraries logging OSAL TansyBase KivPlatform TansyProto TansyNet db_layer sqlbuilder)
+set(platform_libraries logging OSAL HostSystem TansyBase KivPlatform TansyProto TansyNet db_layer sqlbuilder)
 
 set_target_properties(TansyCloudStorage PROPERTIES EXPORT_NAME CloudStorage)
 install(TARGETS TansyCloudStorage ${platform_libraries} EXPORT TansyCloudStorageTargets

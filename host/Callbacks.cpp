@@ -1,0 +1,149 @@
+#include "Callbacks.h"
+
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "HostLog.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+// Results as the server understands them.
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kNoSpace = 3;
+constexpr int kServerInternalError = -16;  // a removal's failure is the answer's error code
+
+constexpr int kPictureFlag = 0;
+
+std::atomic<IObjectStore*> g_store{nullptr};
+
+IObjectStore& Store() {
+  return *g_store.load(std::memory_order_acquire);
+}
+
+int WriteResult(EStoreResult result) {
+  if (result == EStoreResult::kDone) {
+    return kDone;
+  }
+  return result == EStoreResult::kNoSpace ? kNoSpace : kFailed;
+}
+
+// Nothing may be thrown into the server: what is, is logged and becomes `failure`.
+template <typename Action>
+int Guarded(int failure, Action action) {
+  try {
+    return action();
+  } catch (const std::exception& error) {
+    HOST_LOG(logging::kError, "[%s]storage callback failed: %s.[%s(%d)]", error.what());
+    return failure;
+  }
+}
+
+int InvalidLocation(const std::string& location, int failure) {
+  HOST_LOG(logging::kError, "[%s]location %s is none of this host's.[%s(%d)]", location.c_str());
+  return failure;
+}
+
+int HandOver(EStoreResult result, ReadBuffer& buffer, char*& data, std::uint32_t& size) {
+  if (result != EStoreResult::kDone) {
+    return kFailed;
+  }
+  size = buffer.size;
+  data = buffer.data.release();
+  return kDone;
+}
+
+int SaveObject(std::string& location, const char* data, std::uint32_t size, int flag) {
+  return Guarded(kFailed, [&] {
+    const EContent content = flag == kPictureFlag ? EContent::kPicture : EContent::kObject;
+    StoredName name;
+    const EStoreResult result = Store().SaveWhole(content, data, size, name);
+    if (result == EStoreResult::kDone) {
+      location = content == EContent::kPicture ? PictureUrl(name) : LocationText(name);
+    }
+    return WriteResult(result);
+  });
+}
+
+// A picture's request path holds what its caller put there, ";" included; an object's location never begins so.
+bool ParseReadLocation(const std::string& location, StoredName& name) {
+  const bool is_request = location.rfind("/pic?", 0) == 0;
+  const std::string_view text = is_request ? std::string_view(location) : OwnText(location);
+  if (ParseLocationText(text, name)) {
+    return true;
+  }
+  // The address of a picture leads to pictures only: an object is not read under another protocol's rules.
+  return ParseOwnText(text, name) && Store().IsPicture(name);
+}
+
+int ReadObject(char*& data, std::uint32_t& size, const std::string& location, int /*flag*/) {
+  return Guarded(kFailed, [&] {
+    StoredName name;
+    if (!ParseReadLocation(location, name)) {
+      return InvalidLocation(location, kFailed);
+    }
+    ReadBuffer buffer;
+    return HandOver(Store().ReadWhole(name, buffer), buffer, data, size);
+  });
+}
+
+int StreamSave(const char* data, std::uint32_t size, std::uint32_t offset, std::string& location) {
+  return Guarded(kFailed, [&] {
+    StoredName name;
+    const std::string_view text = OwnText(location);
+    if (!text.empty() && !ParseLocationText(text, name)) {
+      return InvalidLocation(location, kFailed);
+    }
+    const EStoreResult result = Store().SaveAt(name, offset, data, size);
+    if (result == EStoreResult::kDone) {
+      location = LocationText(name);
+    }
+    return WriteResult(result);
+  });
+}
+
+int ReadRange(char*& data, std::uint32_t& size, std::uint32_t offset, const std::string& location) {
+  return Guarded(kFailed, [&] {
+    StoredName name;
+    if (!ParseReadLocation(location, name)) {
+      return InvalidLocation(location, kFailed);
+    }
+    ReadBuffer buffer;
+    return HandOver(Store().ReadRange(name, offset, size, buffer), buffer, data, size);
+  });
+}
+
+int RemoveObject(const std::string& location) {
+  return Guarded(kServerInternalError, [&] {
+    StoredName name;
+    if (!ParseStoragePath(location, name)) {
+      return InvalidLocation(location, kServerInternalError);
+    }
+    return Store().Remove(name) == EStoreResult::kDone ? kDone : kServerInternalError;
+  });
+}
+
+}  // namespace
+}  // namespace details
+
+void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config) {
+  static std::mutex mutex;
+  static auto& kept = *new std::vector<std::shared_ptr<IObjectStore>>();
+  {
+    const std::lock_guard lock(mutex);
+    details::g_store.store(store.get(), std::memory_order_release);
+    kept.push_back(std::move(store));
+  }
+  config.save_object = &details::SaveObject;
+  config.read_object = &details::ReadObject;
+  config.stream_save = &details::StreamSave;
+  config.read_range = &details::ReadRange;
+  config.remove_object = &details::RemoveObject;
+}
+
+}  // namespace Tansy::Host

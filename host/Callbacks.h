@@ -1,0 +1,17 @@
+#ifndef TANSY_HOST_CALLBACKS_H
+#define TANSY_HOST_CALLBACKS_H
+
+#include <memory>
+
+#include "ObjectStore.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::Host {
+
+// Puts the five storage callbacks into a server's configuration: plain functions over the store, which is kept for the
+// life of the process, because a callback may be running on any thread until then. A second call replaces the store.
+void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config);
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_CALLBACKS_H

@@ -1,0 +1,24 @@
+// The certificate of the HTTPS listeners: a pair PATH.crt and PATH.key beside each other, or one PEM file PATH that
+// holds both.
+#ifndef TANSY_HOST_CERTIFICATE_H
+#define TANSY_HOST_CERTIFICATE_H
+
+#include <string>
+#include <vector>
+
+namespace Tansy::Host {
+
+// Where the servers look for it, below the data folder.
+inline constexpr const char* kCertificatePath = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
+
+// Makes a self-signed pair when there is neither a certificate nor a PEM file yet: P-256, ten years, for `localhost`,
+// the loopback addresses and `names` (host names or addresses). A key that is there already is used. True when one was
+// made. Throws CStartFailure with kExitFailed.
+bool MakeCertificateIfMissing(const std::string& path, const std::vector<std::string>& names);
+
+// Why the pair cannot be used, in one line: missing, broken, or not belonging together. Empty when it can.
+std::string CheckCertificate(const std::string& path);
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_CERTIFICATE_H

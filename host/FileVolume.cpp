@@ -1,0 +1,99 @@
+#include "FileVolume.h"
+
+#include <openssl/rand.h>
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr unsigned int kFilesInFolder = 1000;
+constexpr unsigned int kFolderCount = 0x10000;
+constexpr std::size_t kIdBytes = 16;
+
+std::string ToHex(const unsigned char* bytes, std::size_t count) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  text.reserve(count * 2);
+  for (std::size_t i = 0; i < count; ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 15];
+  }
+  return text;
+}
+
+unsigned int RandomFolder() {
+  unsigned char bytes[2] = {};
+  RAND_bytes(bytes, sizeof bytes);  // any number will do
+  return bytes[0] * 256U + bytes[1];
+}
+
+std::string FolderDigits(unsigned int number) {
+  const unsigned char bytes[2] = {static_cast<unsigned char>(number >> 8), static_cast<unsigned char>(number & 255)};
+  return ToHex(bytes, sizeof bytes);
+}
+
+// Makes a folder unless it is there, and syncs its parent either way: it may have been made by a process that ended
+// before it came to that.
+int MakeFolder(HostSystem::IFolder& parent, const std::string& name, std::unique_ptr<HostSystem::IFolder>& folder) {
+  const int error = parent.MakeFolder(name);
+  if (error != 0 && error != EEXIST) {
+    return error;
+  }
+  if (const int sync_error = parent.Sync()) {
+    return sync_error;
+  }
+  return parent.OpenFolder(name, folder);
+}
+
+}  // namespace
+}  // namespace details
+
+CFileVolume::CFileVolume(HostSystem::IFolder& root, std::string key)
+    : root_(root), key_(std::move(key)), folder_number_(details::RandomFolder()) {}
+
+int CFileVolume::NewPlace(Place& place) {
+  unsigned char id[details::kIdBytes];
+  if (RAND_bytes(id, sizeof id) != 1) {
+    return EIO;
+  }
+  place.name.id = details::ToHex(id, sizeof id);
+  place.name.volume = key_;
+
+  const std::lock_guard lock(mutex_);
+  if (folder_ == nullptr || files_in_folder_ >= details::kFilesInFolder) {
+    if (const int error = OpenCurrentFolder()) {
+      return error;
+    }
+  }
+  ++files_in_folder_;
+  place.name.folder = details::FolderDigits(folder_number_);
+  place.folder = folder_;
+  return 0;
+}
+
+int CFileVolume::OpenCurrentFolder() {
+  const unsigned int number = folder_ == nullptr ? folder_number_ : (folder_number_ + 1) % details::kFolderCount;
+  const std::string digits = details::FolderDigits(number);
+  std::unique_ptr<HostSystem::IFolder> volume;
+  std::unique_ptr<HostSystem::IFolder> upper;
+  std::unique_ptr<HostSystem::IFolder> lower;
+  int error = details::MakeFolder(root_, key_, volume);
+  if (error == 0) {
+    error = details::MakeFolder(*volume, digits.substr(0, 2), upper);
+  }
+  if (error == 0) {
+    error = details::MakeFolder(*upper, digits.substr(2), lower);
+  }
+  if (error == 0) {
+    folder_ = std::move(lower);
+    folder_number_ = number;
+    files_in_folder_ = 0;
+  }
+  return error;
+}
+
+}  // namespace Tansy::Host

@@ -1,0 +1,12 @@
+#ifndef TANSY_HOST_HOST_H
+#define TANSY_HOST_HOST_H
+
+namespace Tansy::Host {
+
+// tansyd from its arguments to its exit code: starts both servers, prints the ready line, serves until a stop signal
+// comes, and stops. Failures on the way up become one line on standard error.
+int Run(int argc, const char* const* argv);
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_HOST_H

@@ -1,0 +1,197 @@
+#include "Options.h"
+
+#include <openssl/asn1.h>
+#include <openssl/x509v3.h>
+
+#include <charconv>
+#include <utility>
+
+#include "StartFailure.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr std::size_t kLongestShownValue = 80;
+
+// A value as a message may show it: short, and without anything that could break the line.
+std::string Shown(const std::string& text) {
+  std::string shown;
+  for (const char c : text.substr(0, kLongestShownValue)) {
+    shown += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
+  }
+  return "\"" + shown + (text.size() > kLongestShownValue ? "...\"" : "\"");
+}
+
+bool ParseNumber(const std::string& text, unsigned long lowest, unsigned long highest, unsigned long& number) {
+  const char* end = text.data() + text.size();
+  const auto [position, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc{} && position == end && number >= lowest && number <= highest;
+}
+
+template <std::uint16_t HostOptions::*Member, int Lowest>
+std::string ApplyPort(HostOptions& options, const std::string& text) {
+  unsigned long number = 0;
+  if (!ParseNumber(text, Lowest, 65535, number)) {
+    return Lowest == 0 ? "give a port from 1 to 65535, or 0 for none" : "give a port from 1 to 65535";
+  }
+  options.*Member = static_cast<std::uint16_t>(number);
+  return "";
+}
+
+template <std::string HostOptions::*Member>
+std::string ApplyIp(HostOptions& options, const std::string& text) {
+  ASN1_OCTET_STRING* address = a2i_IPADDRESS(text.c_str());
+  if (address == nullptr) {
+    return "give an IPv4 or IPv6 address";
+  }
+  ASN1_OCTET_STRING_free(address);
+  options.*Member = text;
+  return "";
+}
+
+template <std::string HostOptions::*Member>
+std::string ApplyPath(HostOptions& options, const std::string& text) {
+  if (text.empty() || text.find('\0') != std::string::npos) {
+    return "give a path";
+  }
+  options.*Member = text;
+  return "";
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Failures of this kind end in kExitUsage whatever the source, and their value is not shown: it may hold a password.
+constexpr const char* kNotAvailable = "not available in this version yet; ";
+
+std::string ApplyDatabase(HostOptions& options, const std::string& text) {
+  if (StartsWith(text, "postgresql:") || StartsWith(text, "postgres:")) {
+    return std::string("PostgreSQL is ") + kNotAvailable + "give sqlite:FILE";
+  }
+  if (!StartsWith(text, "sqlite:") || UrlPath(text).empty()) {
+    return "give sqlite:FILE";
+  }
+  options.database = text;
+  return "";
+}
+
+std::string ApplyStorage(HostOptions& options, const std::string& text) {
+  if (StartsWith(text, "rados:")) {
+    return std::string("RADOS is ") + kNotAvailable + "give file:DIR";
+  }
+  if (!StartsWith(text, "file:") || UrlPath(text).empty()) {
+    return "give file:DIR";
+  }
+  options.storage = text;
+  return "";
+}
+
+std::string ApplyDurability(HostOptions& options, const std::string& text) {
+  if (text != "full" && text != "fast") {
+    return "give full or fast";
+  }
+  options.full_durability = text == "full";
+  return "";
+}
+
+std::string ApplyLogLevel(HostOptions& options, const std::string& text) {
+  unsigned long number = 0;
+  if (!ParseNumber(text, 2, 5, number)) {
+    return "give a level from 2 (everything) to 5 (errors only)";
+  }
+  options.log_level = static_cast<int>(number);
+  return "";
+}
+
+const OptionRow* FindRow(const std::string& name) {
+  for (const OptionRow& row : OptionTable()) {
+    if (name == row.name) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+}  // namespace details
+
+const std::vector<OptionRow>& OptionTable() {
+  using details::ApplyIp;
+  using details::ApplyPath;
+  using details::ApplyPort;
+  static const std::vector<OptionRow> rows = {
+      {"data", "DIR", "folder that holds everything tansyd keeps; made when missing [./tansy-data]",
+       ApplyPath<&HostOptions::data>},
+      {"config", "FILE", "settings file with the same names as these options [tansyd.toml in the data folder]",
+       ApplyPath<&HostOptions::config>},
+      {"object-port", "N", "HTTP port of the object protocol [9700]", ApplyPort<&HostOptions::object_port, 1>},
+      {"object-https-port", "N", "HTTPS port of the object protocol, 0 for none [9743]",
+       ApplyPort<&HostOptions::object_https_port, 0>},
+      {"picture-port", "N", "HTTP port of the picture protocol [9701]", ApplyPort<&HostOptions::picture_port, 1>},
+      {"picture-https-port", "N", "HTTPS port of the picture protocol, 0 for none [9744]",
+       ApplyPort<&HostOptions::picture_https_port, 0>},
+      {"local-ip", "IP", "address that best-node answers name [first adapter's, else 127.0.0.1]",
+       ApplyIp<&HostOptions::local_ip>},
+      {"wan-ip", "IP", "address that best-node answers name to clients from outside [none]",
+       ApplyIp<&HostOptions::wan_ip>},
+      {"wan-object-port", "N", "port of the object protocol at the WAN address [0]",
+       ApplyPort<&HostOptions::wan_object_port, 0>},
+      {"wan-picture-port", "N", "port of the picture protocol at the WAN address [0]",
+       ApplyPort<&HostOptions::wan_picture_port, 0>},
+      {"wan-object-https-port", "N", "HTTPS port of the object protocol at the WAN address [0]",
+       ApplyPort<&HostOptions::wan_object_https_port, 0>},
+      {"wan-picture-https-port", "N", "HTTPS port of the picture protocol at the WAN address [0]",
+       ApplyPort<&HostOptions::wan_picture_https_port, 0>},
+      {"database", "URL", "catalogue: sqlite:FILE, in the data folder [sqlite:catalogue.db]", details::ApplyDatabase},
+      {"storage", "URL", "stored bytes: file:DIR, in the data folder [file:objects]", details::ApplyStorage},
+      {"durability", "full|fast", "full: 200 to a write means it is on stable storage [full]",
+       details::ApplyDurability},
+      {"log-level", "N", "lowest level written, 2 (everything) to 5 (errors only) [3]", details::ApplyLogLevel},
+      {"log-file", "FILE", "where the log goes [standard error]", ApplyPath<&HostOptions::log_file>},
+  };
+  return rows;
+}
+
+void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::string& source, const std::string& prefix,
+                  int exit_code) {
+  for (const auto& [name, text] : texts) {
+    const OptionRow* row = details::FindRow(name);
+    if (row == nullptr) {
+      throw CStartFailure(exit_code, source + "unknown option " + prefix + name);
+    }
+    const std::string advice = row->apply(options, text);
+    if (advice.empty()) {
+      continue;
+    }
+    if (advice.find(details::kNotAvailable) != std::string::npos) {
+      throw CStartFailure(kExitUsage, source + prefix + name + ": " + advice);
+    }
+    // A URL may hold a password.
+    const bool is_url = name == "database" || name == "storage";
+    throw CStartFailure(
+        exit_code, source + prefix + name + (is_url ? "" : " " + details::Shown(text)) + " is not valid: " + advice);
+  }
+}
+
+void CheckPorts(const HostOptions& options) {
+  const std::pair<const char*, std::uint16_t> ports[] = {{"object-port", options.object_port},
+                                                         {"object-https-port", options.object_https_port},
+                                                         {"picture-port", options.picture_port},
+                                                         {"picture-https-port", options.picture_https_port}};
+  for (const auto& [name, port] : ports) {
+    for (const auto& [other_name, other_port] : ports) {
+      if (name != other_name && port != 0 && port == other_port) {
+        throw CStartFailure(kExitUsage, std::string(name) + " and " + other_name + " are both " + std::to_string(port) +
+                                            ": give each a port of its own");
+      }
+    }
+  }
+}
+
+std::string UrlPath(const std::string& url) {
+  return url.substr(url.find(':') + 1);
+}
+
+}  // namespace Tansy::Host

@@ -1,0 +1,61 @@
+// What tansyd can be told, on the command line and in its settings file, by the same names.
+#ifndef TANSY_HOST_OPTIONS_H
+#define TANSY_HOST_OPTIONS_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Tansy::Host {
+
+struct HostOptions {
+  std::string data = "./tansy-data";
+  std::string config;  // empty: tansyd.toml in the data folder
+  std::uint16_t object_port = 9700;
+  std::uint16_t object_https_port = 9743;  // 0: no HTTPS
+  std::uint16_t picture_port = 9701;
+  std::uint16_t picture_https_port = 9744;  // 0: no HTTPS
+  std::string local_ip;                     // empty: the first adapter's address
+  std::string wan_ip;                       // empty: no WAN answers
+  std::uint16_t wan_object_port = 0;
+  std::uint16_t wan_picture_port = 0;
+  std::uint16_t wan_object_https_port = 0;
+  std::uint16_t wan_picture_https_port = 0;
+  std::string database = "sqlite:catalogue.db";
+  std::string storage = "file:objects";
+  bool full_durability = true;
+  int log_level = 3;
+  std::string log_file;  // empty: standard error
+
+  bool HasHttps() const { return object_https_port != 0 || picture_https_port != 0; }
+};
+
+// Option names without dashes, to the texts given for them.
+using OptionTexts = std::map<std::string, std::string>;
+
+struct OptionRow {
+  const char* name;
+  const char* value_name;
+  const char* help;
+  // Takes a text over, or returns what would be right ("give ...").
+  std::string (*apply)(HostOptions& options, const std::string& text);
+};
+
+// All options that take a value, in the order in which the help lists them.
+const std::vector<OptionRow>& OptionTable();
+
+// Applies each text. `source` names where they come from in the failure's line, and `prefix` stands before the name
+// ("--"). Throws CStartFailure with `exit_code`; with kExitUsage for what is not available whatever the source.
+void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::string& source, const std::string& prefix,
+                  int exit_code);
+
+// What single options cannot know: two listeners on one port. Throws CStartFailure.
+void CheckPorts(const HostOptions& options);
+
+// The part of a URL after "sqlite:" or "file:".
+std::string UrlPath(const std::string& url);
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_OPTIONS_H

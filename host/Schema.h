@@ -1,0 +1,33 @@
+// The catalogue's schema: numbered SQL scripts that are applied once each, in order.
+#ifndef TANSY_HOST_SCHEMA_H
+#define TANSY_HOST_SCHEMA_H
+
+#include <string>
+#include <vector>
+
+namespace Tansy::Host {
+
+struct SchemaScript {
+  int version;
+  const char* name;
+  const char* sql;
+};
+
+// The scripts of host/schema/sqlite, in order; a source made when the program is built.
+const std::vector<SchemaScript>& SqliteSchemaScripts();
+
+// One row of platform.picture_url_encrypt.
+struct VolumeRow {
+  std::string key;     // first four characters of location texts
+  std::string prefix;  // what stands in their place in storage paths
+};
+
+// Makes the SQLite file or brings it up to date, each script in a transaction of its own, and writes the rows of the
+// volumes. Throws CStartFailure with kExitFailed, the file then being as it was after the last whole script: it cannot
+// be opened, it is no catalogue, or a newer tansyd has made it.
+void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript>& scripts,
+                         const std::vector<VolumeRow>& volumes);
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_SCHEMA_H

@@ -1,0 +1,277 @@
+#include "Server.h"
+
+#include <cerrno>
+#include <iostream>
+#include <utility>
+#include <vector>
+
+#include "Addresses.h"
+#include "Callbacks.h"
+#include "Catalogue.h"
+#include "Certificate.h"
+#include "Check.h"
+#include "Factory.h"
+#include "FileStore.h"
+#include "FirstParts.h"
+#include "HostLog.h"
+#include "HostSystem/Files.h"
+#include "HostSystem/Process.h"
+#include "Schema.h"
+#include "StartFailure.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/ObjectServer.h"
+#include "TansyCloudStorage/PictureServer.h"
+#include "TansyNet/HttpServer.h"
+#include "db_layer/DbLayer.h"
+#include "logging/StandardSink.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr const char* kModule = "platform";
+constexpr const char* kSettingsFile = "tansyd.toml";
+constexpr std::uint32_t kRepeatWindowMs = 1000;
+constexpr std::uint32_t kDrainMs = 20000;
+constexpr std::uint32_t kHousekeepingPeriodMs = 60000;
+
+std::string FolderOf(const std::string& path) {
+  return path.substr(0, path.find_last_of('/') + 1);
+}
+
+bool IsAbsolute(const std::string& path) {
+  return HostSystem::AbsolutePath(path) == path;
+}
+
+void StopServing(std::uint32_t drain_ms) {
+  CloudStorage::SetObjectServerEnable(false);
+  CloudStorage::SetPicServerEnable(false);
+  if (!TansyNet::CHttpServer::Shutdown(drain_ms)) {
+    HOST_LOG(logging::kNotable, "[%s]requests were cut off after %u ms.[%s(%d)]", drain_ms);
+  }
+  // Only now: it ends the threads that serve both protocols.
+  CloudStorage::UninitPicServer();
+}
+
+[[noreturn]] void FailStart(const std::string& what) {
+  const std::string reason = TansyNet::CHttpServer::LastError();
+  StopServing(0);
+  throw CStartFailure(kExitFailed, what + " cannot be opened: " + (reason.empty() ? "see the log" : reason));
+}
+
+std::string ListenerText(const HostOptions& options, std::uint16_t port, std::uint16_t https_port) {
+  const std::string host = UrlHost(options.local_ip);
+  std::string text = "http://" + host + ":" + std::to_string(port);
+  if (https_port != 0) {
+    text += " https://" + host + ":" + std::to_string(https_port);
+  }
+  return text;
+}
+
+}  // namespace
+}  // namespace details
+
+CServer::CServer(const CommandLine& command_line) {
+  // Wrong options end the start before anything is made or touched.
+  HostOptions scratch;
+  ApplyOptions(scratch, command_line.texts, "", "--", kExitUsage);
+  std::string config_path;
+  if (!scratch.config.empty()) {
+    config_path = HostSystem::AbsolutePath(scratch.config);
+    if (!ReadSettings(config_path, true, settings_)) {
+      throw CStartFailure(kExitFailed, "settings file " + config_path + " does not exist");
+    }
+  }
+  std::string data = scratch.data;
+  const auto data_setting = settings_.texts.find("data");
+  if (data_setting != settings_.texts.end() && command_line.texts.count("data") == 0) {
+    const bool is_absolute = details::IsAbsolute(data_setting->second);
+    data = (is_absolute ? "" : details::FolderOf(config_path)) + data_setting->second;
+  }
+  // Relative to where the program was started, which is not known any more once it is in its data folder.
+  const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
+
+  data_folder_ = std::make_unique<CDataFolder>(data, !command_line.check);
+  ReadOptions(command_line, config_path);
+  if (!log_file.empty()) {
+    options_.log_file = log_file;
+  }
+  OpenLog();
+  OpenDatabase(command_line.check);
+  OpenStore();
+}
+
+CServer::~CServer() {
+  housekeeping_.reset();
+  db_layer::Module_Unregister(details::kModule);
+}
+
+void CServer::ReadOptions(const CommandLine& command_line, const std::string& config_path) {
+  settings_path_ = config_path;
+  if (config_path.empty()) {
+    settings_path_ = data_folder_->GetPath() + "/" + details::kSettingsFile;
+    ReadSettings(settings_path_, false, settings_);
+  }
+  ApplyOptions(options_, settings_.texts, "settings file " + settings_path_ + ": ", "", kExitFailed);
+  ApplyOptions(options_, command_line.texts, "", "--", kExitUsage);
+  CheckPorts(options_);
+  if (options_.local_ip.empty()) {
+    options_.local_ip = DefaultLocalIp();
+  }
+}
+
+void CServer::OpenLog() {
+  std::string error;
+  logging::StandardSinkOptions sink_options;
+  sink_options.file_path = options_.log_file;
+  log_ = logging::CStandardSink::Create(sink_options, error);
+  if (log_ == nullptr) {
+    throw CStartFailure(kExitFailed, "log file " + options_.log_file + " cannot be opened: " + error);
+  }
+  logging::SetLowestLevel(options_.log_level);
+  logging::SetRepeatWindow(details::kRepeatWindowMs);
+  logging::SetSink(log_);
+}
+
+void CServer::OpenDatabase(bool must_exist) {
+  database_file_ = UrlPath(options_.database);
+  if (must_exist && HostSystem::GetPathKind(database_file_) == HostSystem::EPathKind::kMissing) {
+    throw CStartFailure(kExitFailed, "database " + database_file_ + " does not exist");
+  }
+  PrepareSqliteSchema(database_file_, SqliteSchemaScripts(), FileStoreVolumes());
+  db_layer::SetSqliteFullDurability(options_.full_durability);
+  db_layer::DBParam param;
+  param.type = db_layer::kSqlite;
+  param.database = database_file_;
+  if (!db_layer::Module_Register(param, details::kModule)) {
+    throw CStartFailure(kExitFailed, "database " + database_file_ +
+                                         " cannot be opened: " + db_layer::LastRegisterError(details::kModule));
+  }
+}
+
+void CServer::OpenStore() {
+  const std::string path = UrlPath(options_.storage);
+  bool has_objects = false;
+  if (HostSystem::GetPathKind(path) == HostSystem::EPathKind::kMissing && HasObjects(has_objects) && has_objects) {
+    // A disk that is not mounted must not be taken for an empty store.
+    throw CStartFailure(kExitFailed, "storage folder " + path + " is missing, but the catalogue holds objects");
+  }
+  store_ = OpenFileStore(path, options_.full_durability);
+  const int error = store_lock_.Take(path + "/tansyd.lock");
+  if (error != 0) {
+    throw CStartFailure(kExitFailed, "storage folder " + path +
+                                         (error == EBUSY ? std::string(" is in use by another tansyd")
+                                                         : " cannot be written: " + HostSystem::ErrorText(error)));
+  }
+}
+
+int CServer::Check(bool repair) {
+  return RunCheck(*store_, repair, std::cout);
+}
+
+void CServer::Start() {
+  bool created = false;
+  const CredentialPair credentials = ObtainCredentials(settings_, settings_path_, created);
+  log_->AddSecret(credentials.access_key);
+  log_->AddSecret(credentials.secret_key);
+  if (created) {
+    HOST_LOG(logging::kNotable, "[%s]made new credentials, see %s.[%s(%d)]", settings_path_.c_str());
+  } else if (!settings_.secret_key.empty() && HostSystem::IsReadableByOthers(settings_path_)) {
+    HOST_LOG(logging::kError, "[%s]%s holds the secret key and can be read by others.[%s(%d)]", settings_path_.c_str());
+  }
+  // The server forgets which file holds a task's first part when it ends; files of tasks that have ended too are of no
+  // use to anybody.
+  VisitDeadFirstParts(TansyBase::TimeUtil::Now(), true, [](const DeadFirstPart& part) {
+    HOST_LOG(logging::kNotable, "[%s]removing first part %s, its task is gone.[%s(%d)]", part.name.c_str());
+  });
+  if (options_.HasHttps()) {
+    PrepareCertificate();
+  }
+
+  CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
+  StartObjectServer(config);
+  StartPictureServer(config);
+  housekeeping_ = std::make_unique<CHousekeeping>(store_);
+  housekeeping_->Start(details::kHousekeepingPeriodMs);
+}
+
+void CServer::PrepareCertificate() const {
+  std::vector<std::string> names = AdapterAddresses();
+  names.push_back(options_.local_ip);
+  names.push_back(options_.wan_ip);
+  names.push_back(HostSystem::HostName());
+  if (MakeCertificateIfMissing(kCertificatePath, names)) {
+    HOST_LOG(logging::kNotable, "[%s]made a self-signed certificate, %s.crt.[%s(%d)]", kCertificatePath);
+  }
+  const std::string error = CheckCertificate(kCertificatePath);
+  if (!error.empty()) {
+    throw CStartFailure(kExitFailed, error);
+  }
+}
+
+CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& credentials) const {
+  CloudStorage::StorageServerConfig_V1 config;
+  config.ip = options_.local_ip;
+  config.wan_enable = !options_.wan_ip.empty();
+  config.wan_ip = options_.wan_ip;
+  config.ak = credentials.access_key;
+  config.sk = credentials.secret_key;
+  RegisterCallbacks(store_, config);
+  return config;
+}
+
+void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const {
+  config.upload_port = config.download_port = options_.object_port;
+  config.wan_port = config.wan_download_port = options_.wan_object_port;
+  config.https_port = config.https_download_port = options_.object_https_port;
+  config.https_wan_port = config.https_wan_download_port = options_.wan_object_https_port;
+  const auto factory = MakeFactory(database_file_);
+  const CloudStorage::StorageServerConfig& plain = config;
+  const int result = options_.object_https_port == 0 ? CloudStorage::InitObjectServer(plain, factory)
+                                                     : CloudStorage::InitObjectServer(config, factory);
+  if (result != 0) {
+    details::FailStart("object listener");
+  }
+}
+
+void CServer::StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const {
+  config.upload_port = config.download_port = options_.picture_port;
+  config.wan_port = config.wan_download_port = options_.wan_picture_port;
+  config.https_port = config.https_download_port = options_.picture_https_port;
+  config.https_wan_port = config.https_wan_download_port = options_.wan_picture_https_port;
+  const CloudStorage::StorageServerConfig& plain = config;
+  const int result =
+      options_.picture_https_port == 0 ? CloudStorage::InitPicServer(plain) : CloudStorage::InitPicServer(config);
+  if (result != 0) {
+    details::FailStart("picture listener");
+  }
+}
+
+std::string CServer::ReadyLine() const {
+  return "tansyd ready: objects " + details::ListenerText(options_, options_.object_port, options_.object_https_port) +
+         ", pictures " + details::ListenerText(options_, options_.picture_port, options_.picture_https_port) +
+         ", data " + data_folder_->GetPath();
+}
+
+void CServer::Reload() {
+  std::string error;
+  if (!log_->Reopen(error)) {
+    HOST_LOG(logging::kError, "[%s]the log file cannot be opened again: %s.[%s(%d)]", error.c_str());
+  }
+  if (options_.HasHttps() && TansyNet::CHttpServer::ReloadCertificates() != 0) {
+    HOST_LOG(logging::kError, "[%s]the certificate was not replaced: %s.[%s(%d)]",
+             TansyNet::CHttpServer::LastError().c_str());
+    return;
+  }
+  HOST_LOG(logging::kNotable, "[%s]log file and certificates read again.[%s(%d)]");
+}
+
+void CServer::Stop() {
+  HOST_LOG(logging::kNotable, "[%s]stopping.[%s(%d)]");
+  housekeeping_.reset();
+  details::StopServing(details::kDrainMs);
+  db_layer::Module_Unregister(details::kModule);
+  HOST_LOG(logging::kNotable, "[%s]stopped.[%s(%d)]");
+}
+
+}  // namespace Tansy::Host

@@ -1,0 +1,68 @@
+#ifndef TANSY_HOST_SERVER_H
+#define TANSY_HOST_SERVER_H
+
+#include <memory>
+#include <string>
+
+#include "CommandLine.h"
+#include "Credentials.h"
+#include "DataFolder.h"
+#include "HostSystem/LockFile.h"
+#include "Housekeeping.h"
+#include "ObjectStore.h"
+#include "Options.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace logging {
+class CStandardSink;
+}
+
+namespace Tansy::Host {
+
+// A data folder with everything that lives on it. One thread uses it, the one that made it.
+//
+// The constructor takes the folder, reads the settings, opens log and database and brings the schema up to date: what
+// the module would try again for ever is found here. All of it throws CStartFailure.
+class CServer {
+ public:
+  explicit CServer(const CommandLine& command_line);
+  ~CServer();
+  CServer(const CServer&) = delete;
+  CServer& operator=(const CServer&) = delete;
+
+  // Opens all listeners. What was opened before a failure is closed again.
+  void Start();
+  // "tansyd ready: ..." with addresses and ports, without secrets.
+  std::string ReadyLine() const;
+  // Opens the log file anew and reads the certificates again; a failure is logged and leaves things as they are.
+  void Reload();
+  // Closes the listeners, lets running requests finish for a while, then closes the database.
+  void Stop();
+
+  // Instead of Start: compares catalogue and stored bytes on standard output. Returns the exit code.
+  int Check(bool repair);
+
+ private:
+  void ReadOptions(const CommandLine& command_line, const std::string& config_path);
+  void OpenLog();
+  void OpenDatabase(bool must_exist);
+  void OpenStore();
+  void PrepareCertificate() const;
+  CloudStorage::StorageServerConfig_V1 MakeConfig(const CredentialPair& credentials) const;
+  void StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const;
+  void StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const;
+
+  HostOptions options_;
+  std::string settings_path_;
+  Settings settings_;
+  std::unique_ptr<CDataFolder> data_folder_;
+  HostSystem::CLockFile store_lock_;
+  std::shared_ptr<logging::CStandardSink> log_;
+  std::string database_file_;
+  std::shared_ptr<IObjectStore> store_;
+  std::unique_ptr<CHousekeeping> housekeeping_;
+};
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_SERVER_H

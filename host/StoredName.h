@@ -1,0 +1,54 @@
+// How stored bytes are called, and the texts that the name travels in.
+//
+// A name is a volume, a folder and an id. The catalogue keeps it as "fs01" + "ab-cd-" + 32 hexadecimal digits + ".d":
+// four characters that platform.picture_url_encrypt resolves, and a rest whose "-" stand for the separators of a
+// storage path. A picture's address is "/pic?id=" + the same text.
+//
+// Everything read from outside is checked character by character, so that no text can name anything but stored bytes.
+#ifndef TANSY_HOST_STORED_NAME_H
+#define TANSY_HOST_STORED_NAME_H
+
+#include <string>
+#include <string_view>
+
+namespace Tansy::Host {
+
+struct StoredName {
+  std::string volume;  // four lower-case letters and digits
+  std::string folder;  // four lower-case hexadecimal digits: two levels of two
+  std::string id;      // 32 lower-case hexadecimal digits
+
+  bool operator==(const StoredName&) const = default;
+};
+
+// "fs01ab-cd-0123456789abcdef0123456789abcdef.d"
+std::string LocationText(const StoredName& name);
+bool ParseLocationText(std::string_view text, StoredName& name);
+
+// "/pic?id=pc01ab-cd-0123456789abcdef0123456789abcdef.d"
+std::string PictureUrl(const StoredName& name);
+// Reads the query of such an address, with or without parameters after the id.
+bool ParsePictureQuery(std::string_view query, StoredName& name);
+
+// The storage path that removals are given: volume, folders and file with "\\" (or "/") between them.
+std::string StoragePathPrefix(const std::string& volume);
+bool ParseStoragePath(std::string_view path, StoredName& name);
+
+// "fs01/ab/cd/0123456789abcdef0123456789abcdef.d", relative to the store's folder.
+std::string FolderPath(const StoredName& name);
+std::string FileName(const StoredName& name);
+std::string FilePath(const StoredName& name);
+
+// What stands behind "pool_name:" + bucket + ";" in the location that the server hands over; all of it when there is no
+// such beginning.
+std::string_view OwnText(std::string_view location);
+
+// The own text in any of the forms that reads and writes are given: location text, picture address, or the query of
+// one.
+bool ParseOwnText(std::string_view text, StoredName& name);
+
+bool IsHex(std::string_view text, std::size_t length);
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_STORED_NAME_H

@@ -1,0 +1,16 @@
+#include <cstdlib>
+
+#include "Host.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+int main(int argc, char** argv) {
+  const int exit_code = Tansy::Host::Run(argc, argv);
+#if defined(__SANITIZE_ADDRESS__)
+  __lsan_do_leak_check();
+#endif
+  // Threads of the module may still be at work (it never ends them): the objects they use must not be destroyed.
+  std::_Exit(exit_code);
+}

@@ -1,0 +1,30 @@
+#ifndef TANSY_HOST_SYSTEM_LOCK_FILE_H
+#define TANSY_HOST_SYSTEM_LOCK_FILE_H
+
+#include <cstdint>
+#include <string>
+
+namespace HostSystem {
+
+// A file whose lock says that a process is at work. The system lets go of the lock when the process ends, however it
+// ends; the file stays. One thread.
+class CLockFile {
+ public:
+  CLockFile() = default;
+  ~CLockFile();
+  CLockFile(const CLockFile&) = delete;
+  CLockFile& operator=(const CLockFile&) = delete;
+
+  // Makes the file when it is missing, takes its lock without waiting and writes this process's id into it. 0, EBUSY
+  // when another holds it, or another errno value.
+  int Take(const std::string& path);
+  bool IsTaken() const { return handle_ != kNone; }
+
+ private:
+  static constexpr std::intptr_t kNone = -1;
+  std::intptr_t handle_ = kNone;
+};
+
+}  // namespace HostSystem
+
+#endif  // TANSY_HOST_SYSTEM_LOCK_FILE_H

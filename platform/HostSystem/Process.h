@@ -1,0 +1,32 @@
+// What a stand-alone program asks of the operating system about itself.
+#ifndef TANSY_HOST_SYSTEM_PROCESS_H
+#define TANSY_HOST_SYSTEM_PROCESS_H
+
+#include <string>
+
+namespace HostSystem {
+
+enum class ESignal {
+  kStop,    // terminate or interrupt
+  kReload,  // read again what may have been replaced (never on Windows)
+};
+
+// Takes charge of the stop and reload signals and has broken pipes ignored. Called once, before any other thread is
+// made: threads inherit it.
+void TakeSignals();
+// Waits for the next of them. One thread.
+ESignal WaitForSignal();
+
+// Files and folders made from now on are for their owner only.
+void MakeFilesPrivate();
+
+// Lets the process open as many files and connections as the system allows it to.
+void RaiseOpenFileLimit();
+
+std::string HostName();
+// An environment variable, or "" when there is none.
+std::string Environment(const char* name);
+
+}  // namespace HostSystem
+
+#endif  // TANSY_HOST_SYSTEM_PROCESS_H

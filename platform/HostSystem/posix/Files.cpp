@@ -1,0 +1,354 @@
+#include "HostSystem/Files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+#include "OpenBeneath.h"
+
+namespace HostSystem {
+namespace details {
+namespace {
+
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kFolderMode = 0700;
+
+class CFile final : public IFile {
+ public:
+  explicit CFile(int descriptor) : descriptor_(descriptor) {}
+  ~CFile() override { ::close(descriptor_); }
+
+  int WriteAt(const char* data, std::size_t size, std::uint64_t offset) override {
+    while (size > 0) {
+      const ssize_t done = ::pwrite(descriptor_, data, size, static_cast<off_t>(offset));
+      if (done < 0) {
+        if (errno == EINTR) {
+          continue;
+        }
+        return errno;
+      }
+      data += done;
+      size -= static_cast<std::size_t>(done);
+      offset += static_cast<std::uint64_t>(done);
+    }
+    return 0;
+  }
+
+  int ReadAt(char* data, std::size_t size, std::uint64_t offset, std::size_t& done) override {
+    done = 0;
+    while (done < size) {
+      const ssize_t got = ::pread(descriptor_, data + done, size - done, static_cast<off_t>(offset + done));
+      if (got < 0) {
+        if (errno == EINTR) {
+          continue;
+        }
+        return errno;
+      }
+      if (got == 0) {
+        break;
+      }
+      done += static_cast<std::size_t>(got);
+    }
+    return 0;
+  }
+
+  int GetSize(std::uint64_t& size) override {
+    struct stat info = {};
+    if (::fstat(descriptor_, &info) != 0) {
+      return errno;
+    }
+    size = static_cast<std::uint64_t>(info.st_size);
+    return 0;
+  }
+
+  void StartWriteOut(std::uint64_t offset, std::uint64_t size) override {
+#if defined(__linux__)
+    ::sync_file_range(descriptor_, static_cast<off_t>(offset), static_cast<off_t>(size), SYNC_FILE_RANGE_WRITE);
+#else
+    static_cast<void>(offset);
+    static_cast<void>(size);
+#endif
+  }
+
+  int Sync() override {
+    return ::fdatasync(descriptor_) == 0 ? 0 : errno;
+  }
+
+ private:
+  int descriptor_;
+};
+
+FolderEntry MakeEntry(int folder, const char* name) {
+  FolderEntry entry;
+  entry.name = name;
+  struct stat info = {};
+  if (::fstatat(folder, name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
+    entry.is_folder = S_ISDIR(info.st_mode);
+    entry.is_file = S_ISREG(info.st_mode);
+    entry.size = static_cast<std::uint64_t>(info.st_size);
+    entry.modified = info.st_mtime;
+  }
+  return entry;
+}
+
+class CFolder final : public IFolder {
+ public:
+  explicit CFolder(int descriptor) : descriptor_(descriptor) {}
+  ~CFolder() override { ::close(descriptor_); }
+
+  int Create(const std::string& name, std::unique_ptr<IFile>& file) override {
+    return OpenFile(name, O_RDWR | O_CREAT | O_EXCL, file);
+  }
+  int OpenForReading(const std::string& name, std::unique_ptr<IFile>& file) override {
+    return OpenFile(name, O_RDONLY, file);
+  }
+  int OpenForWriting(const std::string& name, std::unique_ptr<IFile>& file) override {
+    return OpenFile(name, O_RDWR, file);
+  }
+
+  int OpenFolder(const std::string& name, std::unique_ptr<IFolder>& folder) override {
+    int descriptor = -1;
+    const int error = OpenBeneath(descriptor_, name, O_RDONLY | O_DIRECTORY, 0, descriptor);
+    if (error == 0) {
+      folder = std::make_unique<CFolder>(descriptor);
+    }
+    return error;
+  }
+
+  int MakeFolder(const std::string& name) override {
+    return InParent(name, [](int parent, const char* last) { return ::mkdirat(parent, last, kFolderMode); });
+  }
+
+  int Rename(const std::string& from, const std::string& to) override {
+    if (!IsPlainName(from) || !IsPlainName(to)) {
+      return EINVAL;
+    }
+    return ::renameat(descriptor_, from.c_str(), descriptor_, to.c_str()) == 0 ? 0 : errno;
+  }
+
+  int Remove(const std::string& name) override {
+    return InParent(name, [](int parent, const char* last) { return ::unlinkat(parent, last, 0); });
+  }
+  int RemoveFolder(const std::string& name) override {
+    return InParent(name, [](int parent, const char* last) { return ::unlinkat(parent, last, AT_REMOVEDIR); });
+  }
+
+  int List(std::vector<FolderEntry>& entries) override {
+    const int copy = ::openat(descriptor_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (copy < 0) {
+      return errno;
+    }
+    DIR* stream = ::fdopendir(copy);
+    if (stream == nullptr) {
+      const int error = errno;
+      ::close(copy);
+      return error;
+    }
+    errno = 0;
+    while (const dirent* item = ::readdir(stream)) {
+      if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+        entries.push_back(MakeEntry(descriptor_, item->d_name));
+      }
+      errno = 0;
+    }
+    const int error = errno;
+    ::closedir(stream);
+    return error;
+  }
+
+  int Sync() override { return ::fsync(descriptor_) == 0 ? 0 : errno; }
+
+ private:
+  int OpenFile(const std::string& name, int flags, std::unique_ptr<IFile>& file) const {
+    int descriptor = -1;
+    const int error = OpenBeneath(descriptor_, name, flags, kFileMode, descriptor);
+    if (error == 0) {
+      file = std::make_unique<CFile>(descriptor);
+    }
+    return error;
+  }
+
+  // Runs `action` (folder descriptor, last part of the name) where the last part of `name` lives.
+  template <typename Action>
+  int InParent(const std::string& name, Action action) const {
+    const std::size_t slash = name.rfind('/');
+    if (slash == std::string::npos) {
+      return IsPlainName(name) ? (action(descriptor_, name.c_str()) == 0 ? 0 : errno) : EINVAL;
+    }
+    const std::string last = name.substr(slash + 1);
+    if (!IsPlainName(last)) {
+      return EINVAL;
+    }
+    int parent = -1;
+    if (const int error = OpenBeneath(descriptor_, name.substr(0, slash), O_RDONLY | O_DIRECTORY, 0, parent)) {
+      return error;
+    }
+    const int result = action(parent, last.c_str()) == 0 ? 0 : errno;
+    ::close(parent);
+    return result;
+  }
+
+  int descriptor_;
+};
+
+std::string ParentOf(const std::string& path) {
+  const std::size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) {
+    return ".";
+  }
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+int SyncFolderAt(const std::string& path) {
+  int error = 0;
+  const std::unique_ptr<IFolder> folder = HostSystem::OpenFolder(path, error);
+  return folder == nullptr ? error : folder->Sync();
+}
+
+int MakeOneFolder(const std::string& path) {
+  if (::mkdir(path.c_str(), kFolderMode) != 0) {
+    const int error = errno;
+    // Any folder that stands there will do, also one that another process has just made.
+    return error == EEXIST && GetPathKind(path) == EPathKind::kFolder ? 0 : error;
+  }
+  return SyncFolderAt(ParentOf(path));
+}
+
+// The file behind a path that may be a link; the path itself when nothing is there yet.
+std::string ResolveLinks(const std::string& path) {
+  char* resolved = ::realpath(path.c_str(), nullptr);
+  if (resolved == nullptr) {
+    return path;
+  }
+  std::string result = resolved;
+  std::free(resolved);
+  return result;
+}
+
+}  // namespace
+}  // namespace details
+
+std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) {
+    error = errno;
+    return nullptr;
+  }
+  error = 0;
+  return std::make_unique<details::CFolder>(descriptor);
+}
+
+int MakeFolders(const std::string& path) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    const std::string prefix = path.substr(0, slash);
+    if (GetPathKind(prefix) == EPathKind::kMissing) {
+      if (const int error = details::MakeOneFolder(prefix)) {
+        return error;
+      }
+    }
+  }
+  return details::MakeOneFolder(path);
+}
+
+int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor < 0) {
+    return errno;
+  }
+  details::CFile file(descriptor);
+  std::string buffer(limit + 1, '\0');
+  std::size_t done = 0;
+  if (const int error = file.ReadAt(buffer.data(), buffer.size(), 0, done)) {
+    return error;
+  }
+  if (done > limit) {
+    return EFBIG;
+  }
+  buffer.resize(done);
+  content = std::move(buffer);
+  return 0;
+}
+
+int ReplaceFile(const std::string& path, const std::string& content) {
+  const std::string target = details::ResolveLinks(path);
+  const std::string folder_path = details::ParentOf(target);
+  const std::string name = target.substr(target.find_last_of('/') + 1);
+  int error = 0;
+  const std::unique_ptr<IFolder> folder = OpenFolder(folder_path, error);
+  if (folder == nullptr) {
+    return error;
+  }
+  const std::string temporary = name + ".new";
+  folder->Remove(temporary);  // left over by a crash
+  std::unique_ptr<IFile> file;
+  error = folder->Create(temporary, file);
+  if (error != 0) {
+    return error;
+  }
+  error = file->WriteAt(content.data(), content.size(), 0);
+  if (error == 0) {
+    error = file->Sync();
+  }
+  file.reset();
+  if (error == 0) {
+    error = folder->Rename(temporary, name);
+  }
+  if (error != 0) {
+    folder->Remove(temporary);
+    return error;
+  }
+  return folder->Sync();
+}
+
+EPathKind GetPathKind(const std::string& path) {
+  struct stat info = {};
+  if (::stat(path.c_str(), &info) != 0) {
+    return errno == ENOENT || errno == ENOTDIR ? EPathKind::kMissing : EPathKind::kOther;
+  }
+  if (S_ISDIR(info.st_mode)) {
+    return EPathKind::kFolder;
+  }
+  return S_ISREG(info.st_mode) ? EPathKind::kFile : EPathKind::kOther;
+}
+
+bool IsReadableByOthers(const std::string& path) {
+  struct stat info = {};
+  return ::stat(path.c_str(), &info) == 0 && (info.st_mode & (S_IRGRP | S_IROTH)) != 0;
+}
+
+std::string AbsolutePath(const std::string& path) {
+  if (!path.empty() && path.front() == '/') {
+    return path;
+  }
+  char* current = ::getcwd(nullptr, 0);
+  if (current == nullptr) {
+    return path;
+  }
+  std::string result = current;
+  std::free(current);
+  if (result.back() != '/') {
+    result += '/';
+  }
+  return result + path;
+}
+
+int ChangeFolder(const std::string& path) {
+  return ::chdir(path.c_str()) == 0 ? 0 : errno;
+}
+
+std::string ErrorText(int error) {
+  return std::generic_category().message(error);
+}
+
+bool IsNoSpace(int error) {
+  return error == ENOSPC || error == EDQUOT;
+}
+
+}  // namespace HostSystem

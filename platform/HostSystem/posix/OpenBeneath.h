@@ -1,0 +1,17 @@
+#ifndef TANSY_HOST_SYSTEM_POSIX_OPEN_BENEATH_H
+#define TANSY_HOST_SYSTEM_POSIX_OPEN_BENEATH_H
+
+#include <string>
+
+namespace HostSystem::details {
+
+// One part of a name: not empty, not "." or "..", no separator, no NUL.
+bool IsPlainName(const std::string& name);
+
+// Opens `name` below the folder `folder` without following any link. 0, or errno: EINVAL for names that are not plain
+// parts joined with "/", ELOOP or ENOTDIR where a link stands in the way.
+int OpenBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor);
+
+}  // namespace HostSystem::details
+
+#endif  // TANSY_HOST_SYSTEM_POSIX_OPEN_BENEATH_H
