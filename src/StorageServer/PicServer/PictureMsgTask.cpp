@@ -1,0 +1,26 @@
+#include "StorageServer/PicServer/PictureMsgTask.h"
+
+#include <exception>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/PicServer/PictureServer.h"
+#include "StorageServer/PicServer/PictureServerErrors.h"
+
+namespace Tansy::CloudStorage {
+
+CPictureMsgTask::CPictureMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg)
+    : msg_(std::move(msg)), server_handle_(server_handle) {}
+
+void CPictureMsgTask::Exec() {
+  CPictureServer& server = CPictureServer::Instance();
+  try {
+    server.HandlePicMsg(server_handle_, msg_);
+  } catch (const std::exception& error) {
+    // Out of memory, most likely. The client is told instead of being left to its time-out.
+    CLOUD_LOG(logging::kError, "[%s]handle picture msg failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
+    server.AnswerError(server_handle_, kPicServerInternal);
+  }
+}
+
+}  // namespace Tansy::CloudStorage

@@ -1,0 +1,92 @@
+// Intake and routing: what happens to a request between the HTTP library and its handler, and the way back.
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/PicServer/PictureMsgTask.h"
+#include "StorageServer/PicServer/PictureServer.h"
+#include "StorageServer/PicServer/PictureServerErrors.h"
+#include "StorageServer/ServerMsgLoop.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+// The loop's tasks, waiting and running, from which on a request is refused.
+constexpr std::size_t kMaxWorkTasks = 20001;
+
+}  // namespace
+}  // namespace details
+
+// One row of the routing table; both texts must be the request's, letter by letter.
+struct CPictureServer::Route {
+  std::string_view method;
+  std::string_view path;
+  int (CPictureServer::*handler)(std::int32_t handle, const HttpServerRecv& request);
+};
+
+// The routing table: the first row that fits has the request.
+struct CPictureServer::Routes {
+  using Server = CPictureServer;
+
+  static constexpr std::array kTable = {
+      Route{"GET", "/Quorvane/BestNode", &Server::HandleGetBestNode},
+      Route{"GET", "/pic", &Server::HandleDownloadPicture},
+      Route{"POST", "/Quorvane/Picture/Write", &Server::HandleUploadPicture},
+      Route{"GET", "/Quorvane/PoolList", &Server::HandleGetPoolList},
+      Route{"GET", "/Quorvane/Version", &Server::HandleGetVersion},
+  };
+};
+
+void CPictureServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
+  CLOUD_LOG(logging::kTrace, "[%s]Server Callback, server_handle = %d, url = %s, ip = %s[%s(%d)]", handle,
+            msg.url.c_str(), msg.ip.c_str());
+  try {
+    if (CServerMsgLoop::Instance().GetWorkTaskCount() < details::kMaxWorkTasks) {
+      CServerMsgLoop::Instance().PostTask(new CPictureMsgTask(handle, std::move(msg)));
+      return;
+    }
+    CLOUD_LOG(logging::kError, "[%s]RecvMsgCallBack, msg loop exceed.[%s(%d)]");
+    Instance().AnswerError(handle, kPicServerInternal);
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]take msg failed[%s], server_handle = %d[%s(%d)]", error.what(), handle);
+    Instance().AnswerError(handle, kPicServerInternal);
+  }
+}
+
+int CPictureServer::HandlePicMsg(std::int32_t handle, const HttpServerRecv& msg) {
+  const auto route = std::find_if(Routes::kTable.begin(), Routes::kTable.end(),
+                                  [&msg](const Route& row) { return row.method == msg.method && row.path == msg.url; });
+  if (route == Routes::kTable.end()) {
+    return AnswerError(handle, kPicHttpProtocol);
+  }
+  return (this->*route->handler)(handle, msg);
+}
+
+int CPictureServer::SendPicMsgRsp(std::int32_t handle, const HttpResponse& response, std::string_view body) {
+  const int error =
+      TansyNet::CHttpServer::HttpServerSyncSend(handle, response, static_cast<std::uint32_t>(body.size()), body.data());
+  if (error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]HttpServerSynSend error, revalue = %d, handle = %d[%s(%d)]", error, handle);
+  }
+  return error;
+}
+
+int CPictureServer::AnswerJson(std::int32_t handle, const std::string& body) {
+  HttpResponse response;
+  SetPicRspHeaders(response, kJsonContentType);
+  return SendPicMsgRsp(handle, response, body);
+}
+
+int CPictureServer::AnswerError(std::int32_t handle, int code) {
+  HttpResponse response;
+  std::string body;
+  BuildPicErrorRsp(response, body, code);
+  return SendPicMsgRsp(handle, response, body);
+}
+
+}  // namespace Tansy::CloudStorage

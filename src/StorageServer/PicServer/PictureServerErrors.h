@@ -1,0 +1,46 @@
+// The errors of the picture protocol and the answer that each of them becomes.
+#ifndef TANSY_SRC_STORAGE_SERVER_PIC_SERVER_PICTURE_SERVER_ERRORS_H
+#define TANSY_SRC_STORAGE_SERVER_PIC_SERVER_PICTURE_SERVER_ERRORS_H
+
+#include <string>
+
+namespace TansyNet {
+struct HttpResponse;
+}
+
+namespace Tansy::CloudStorage {
+
+// All codes of the protocol; clients know them by number. Those that this server gives have a remark.
+enum PictureError : int {
+  kPicHttpProtocol = -50001,     // no such route, no usable Host header, a form without its picture
+  kPicStorageResource = -50002,  // a storage callback failed
+  kPicBadParameter = -50003,     // the Host header names a port that is not the server's
+  kPicServerInternal = -50004,   // no callback configured, too many requests waiting
+  kPicTooManyClients = -50007,
+  kPicNoRight = -58001,
+  kPicAccessDenied = -58002,  // signature missing, malformed or wrong
+  kPicAccount = -58003,       // another access key than the server's
+  kPicToken = -58005,
+  kPicTimeSkewed = -58006,
+  kPicNodeExpired = -58007,
+  kPicSizeMismatch = -58008,
+  kPicSegmentQuery = -58009,
+  kPicNoFreeSpace = -58010,
+  kPicNoSuchPoolName = -58011,
+  kPicClusterFull = -58100,
+  kPicNoSuchPool = -58102,
+};
+
+// Content type of every JSON answer, errors included, although the messages of errors are GBK.
+inline constexpr const char* kJsonContentType = "text/json; charset=utf-8";
+
+// Gives an answer its content type and its date.
+void SetPicRspHeaders(TansyNet::HttpResponse& response, const char* content_type);
+
+// Makes `response` and `body` the answer for an error. A code without a row in the table leaves the status as it is and
+// has no message.
+void BuildPicErrorRsp(TansyNet::HttpResponse& response, std::string& body, int code);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_PIC_SERVER_PICTURE_SERVER_ERRORS_H

@@ -1,0 +1,105 @@
+// Pictures in and out, through the host's callbacks.
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+
+#include "ModuleLog.h"
+#include "OSAL/Osal.h"
+#include "StorageServer/PicServer/PictureServer.h"
+#include "StorageServer/PicServer/PictureServerErrors.h"
+#include "TansyProto/RapidJsonProto.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+constexpr int kPictureFlag = 0;  // tells the callbacks apart from objects
+constexpr const char* kPictureContentType = "image/jpeg";
+
+// What an upload's form says; the views live as long as the request.
+struct PictureForm {
+  std::int32_t length = 0;
+  std::string_view picture;
+};
+
+PictureForm ReadForm(const TansyNet::HttpServerRecv& request) {
+  PictureForm form;
+  for (const TansyNet::FormPart& part : request.form_parts) {
+    if (part.name == "PictureLength") {
+      form.length = OSAL_StrToi32(std::string(part.data).c_str());
+    } else if (part.name == "Picture") {
+      form.picture = part.data;
+    }
+  }
+  return form;
+}
+
+bool IsWhole(const PictureForm& form) {
+  return form.length > 0 && form.picture.size() == static_cast<std::size_t>(form.length);
+}
+
+struct FreeBuffer {
+  void operator()(char* data) const { std::free(data); }
+};
+using HostBuffer = std::unique_ptr<char, FreeBuffer>;
+
+}  // namespace
+}  // namespace details
+
+int CPictureServer::HandleUploadPicture(std::int32_t handle, const HttpServerRecv& request) {
+  const auto config = conf_.Load();
+  if (const int error = CheckAuth(request, *config); error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]HandleUploadPicture, check auth failed[%s(%d)]");
+    return AnswerError(handle, error);
+  }
+  const details::PictureForm form = details::ReadForm(request);
+  if (!details::IsWhole(form)) {
+    CLOUD_LOG(logging::kError,
+              "[%s]HandleUploadPicture, parse picture failed, picture empty. pic_length=%d, pic.size=%d[%s(%d)]",
+              form.length, static_cast<int>(form.picture.size()));
+    return AnswerError(handle, kPicHttpProtocol);
+  }
+  if (config->save_object == nullptr) {
+    CLOUD_LOG(logging::kError, "[%s]HandleUploadPicture, upload func null.[%s(%d)]");
+    return AnswerError(handle, kPicServerInternal);
+  }
+  std::string url;
+  const auto size = static_cast<std::uint32_t>(form.picture.size());
+  if (const int result = config->save_object(url, form.picture.data(), size, details::kPictureFlag); result != 0) {
+    CLOUD_LOG(logging::kError, "[%s]HandleUploadPicture, upload failed[%d].[%s(%d)]", result);
+    return AnswerError(handle, kPicStorageResource);
+  }
+  TansyProto::CRapidJsonProto json;
+  json.SetString("/PictureUrl", url);
+  return AnswerJson(handle, json.Serialize());
+}
+
+int CPictureServer::HandleDownloadPicture(std::int32_t handle, const HttpServerRecv& request) {
+  const auto config = conf_.Load();
+  if (CheckAuth(request, *config) != 0) {
+    CLOUD_LOG(logging::kError, "[%s]HandleDownloadPicture, check auth failed[%s(%d)]");
+    if (const int error = CheckUrlAuth(request, *config); error != 0) {
+      CLOUD_LOG(logging::kError, "[%s]HandleDownloadPicture, check url auth failed[%s(%d)]");
+      return AnswerError(handle, error);
+    }
+  }
+  if (config->read_object == nullptr) {
+    CLOUD_LOG(logging::kError, "[%s]HandleDownloadPicture, download func null.[%s(%d)]");
+    return AnswerError(handle, kPicServerInternal);
+  }
+  char* data = nullptr;
+  std::uint32_t size = 0;
+  const int result = config->read_object(data, size, request.url + "?" + request.query, details::kPictureFlag);
+  const details::HostBuffer buffer(data);
+  if (result != 0) {
+    CLOUD_LOG(logging::kError, "[%s]HandleDownloadPicture, download failed[%d].[%s(%d)]", result);
+    return AnswerError(handle, kPicStorageResource);
+  }
+  HttpResponse response;
+  SetPicRspHeaders(response, details::kPictureContentType);
+  // Without a buffer there are no bytes, whatever the size says.
+  return SendPicMsgRsp(handle, response, buffer ? std::string_view(buffer.get(), size) : std::string_view(""));
+}
+
+}  // namespace Tansy::CloudStorage
