@@ -1,0 +1,83 @@
+#include "TansyNet/HttpServer.h"
+
+#include "TansyNet/HttpServerRuntime.h"
+#include "TansyNet/ServerConnection.h"
+#include "logging/Logging.h"
+
+namespace TansyNet {
+namespace details {
+namespace {
+
+int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
+          CHttpServer::RecvCallback callback, bool reuse_address) {
+  CServerRuntime::SetLastError({});
+  handle = 0;
+  if (port == 0) {
+    return 0;
+  }
+  return CServerRuntime::Instance().StartListener(handle, address, port, tls, callback, reuse_address);
+}
+
+int Report(int result, std::int32_t handle) {
+  if (result != 0) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]answer dropped, revalue = %d, handle = %d[%s(%d)]", result, handle);
+  }
+  return result;
+}
+
+}  // namespace
+}  // namespace details
+
+int CHttpServer::StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
+                                 RecvCallback callback, bool reuse_address) {
+  return details::Start(handle, address, port, nullptr, callback, reuse_address);
+}
+
+int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
+                                  const HttpsServer& tls, RecvCallback callback) {
+  return details::Start(handle, address, port, &tls, callback, true);
+}
+
+int CHttpServer::StopServer(std::int32_t handle) {
+  return handle == 0 ? 0 : CServerRuntime::Instance().StopListener(handle);
+}
+
+int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
+                                    const char* data) {
+  const auto connection = CServerRuntime::Instance().Handles().Find(handle);
+  const int result =
+      connection == nullptr ? kNetUnknownHandle : connection->Answer(handle, response, std::string_view(data, size));
+  return details::Report(result, handle);
+}
+
+int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
+                                          const char* data, std::uint64_t total_size) {
+  const auto connection = CServerRuntime::Instance().Handles().Find(handle);
+  const int result = connection == nullptr
+                         ? kNetUnknownHandle
+                         : connection->AnswerInChunks(handle, response, std::string_view(data, size), total_size);
+  return details::Report(result, handle);
+}
+
+void CHttpServer::SetLimits(const HttpServerLimits& limits) {
+  CServerRuntime::Instance().SetLimits(limits);
+}
+
+std::string CHttpServer::LastError() {
+  return CServerRuntime::LastError();
+}
+
+int CHttpServer::ReloadCertificates() {
+  CServerRuntime::SetLastError({});
+  return CServerRuntime::Instance().ReloadCertificates();
+}
+
+std::size_t CHttpServer::OpenRequestCount() {
+  return CServerRuntime::Instance().Handles().Size();
+}
+
+bool CHttpServer::Shutdown(std::uint32_t drain_ms) {
+  return CServerRuntime::Instance().Shutdown(drain_ms);
+}
+
+}  // namespace TansyNet

@@ -1,0 +1,54 @@
+// One I/O thread with its event loop, the connections that live on it, and the clock that watches over them.
+#ifndef TANSY_NET_HTTP_SERVER_WORKER_H
+#define TANSY_NET_HTTP_SERVER_WORKER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace TansyNet {
+
+class CServerConnection;
+
+// Milliseconds of a clock that never goes back.
+std::int64_t SteadyMilliseconds();
+
+class CServerWorker {
+ public:
+  static constexpr std::size_t kScratchBytes = 64 * 1024;
+
+  // What ContextOf (HttpServerAsio.h) gives to those who know Asio.
+  struct Impl;
+
+  CServerWorker();
+  ~CServerWorker();
+  CServerWorker(const CServerWorker&) = delete;
+  CServerWorker& operator=(const CServerWorker&) = delete;
+
+  void Start();
+  // Closes the worker's connections and ends its thread. Later posts are dropped.
+  void Stop();
+
+  // Any thread. Runs `task` on the worker's thread; false when the worker has stopped.
+  bool Post(std::function<void()> task);
+  // How often deadlines are looked at.
+  void SetTick(std::uint32_t milliseconds);
+  // Calls `visit` for each connection on the worker's thread.
+  void ForEachConnection(std::function<void(CServerConnection&)> visit);
+
+  // The worker's thread only. The worker keeps a connection alive from Adopt to Forget.
+  void Adopt(std::shared_ptr<CServerConnection> connection);
+  void Forget(CServerConnection* connection);
+  // Room for the bytes of one read, shared by all connections of the worker: a connection that waits keeps no buffer.
+  char* Scratch();
+
+  Impl& Details() { return *impl_; }
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_HTTP_SERVER_WORKER_H

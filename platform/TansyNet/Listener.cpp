@@ -1,0 +1,194 @@
+#include "TansyNet/Listener.h"
+
+#include <boost/asio/error.hpp>
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <utility>
+
+#include "TansyNet/HttpServerAsio.h"
+#include "TansyNet/HttpServerRuntime.h"
+#include "TansyNet/ServerConnection.h"
+#include "logging/Logging.h"
+
+namespace TansyNet {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+struct CListener::Impl {
+  explicit Impl(asio::io_context& context) : acceptor(context), accepted(context), pause(context) {}
+
+  tcp::acceptor acceptor;
+  std::shared_ptr<CServerWorker> target;  // of the connection that is being accepted
+  tcp::socket accepted;
+  asio::steady_timer pause;
+};
+
+namespace details {
+namespace {
+
+// After a failed accept, which mostly means that the process has no file descriptors left.
+constexpr std::chrono::milliseconds kPause{100};
+
+int NetErrorOf(const error_code& error) {
+  if (error == asio::error::address_in_use) {
+    return kNetAddressInUse;
+  }
+  if (error == asio::error::access_denied) {
+    return kNetPermission;
+  }
+  if (error == boost::system::errc::address_not_available) {
+    return kNetAddressInvalid;
+  }
+  return kNetListenFailed;
+}
+
+error_code Bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, bool reuse_address) {
+  error_code error;
+  acceptor.open(endpoint.protocol(), error);
+#ifndef _WIN32
+  // There this option would let two listeners share a port; lingering connections do not block one anyway.
+  if (!error && reuse_address) {
+    acceptor.set_option(asio::socket_base::reuse_address(true), error);
+  }
+#endif
+  if (!error && endpoint.address().is_v6()) {
+    acceptor.set_option(asio::ip::v6_only(true), error);
+  }
+  if (!error) {
+    acceptor.bind(endpoint, error);
+  }
+  if (!error) {
+    acceptor.listen(asio::socket_base::max_listen_connections, error);
+  }
+  return error;
+}
+
+}  // namespace
+}  // namespace details
+
+CListener::CListener(std::shared_ptr<CServerWorker> worker, CHttpServer::RecvCallback callback)
+    : worker_(std::move(worker)), callback_(callback), impl_(std::make_unique<Impl>(ContextOf(*worker_))) {}
+
+CListener::~CListener() = default;
+
+int CListener::LoadCertificate(const HttpsServer& tls, std::string& error) {
+  TlsContextPtr context = LoadTlsContext(tls, error);
+  if (context == nullptr) {
+    return kNetCertificate;
+  }
+  const std::scoped_lock lock(tls_mutex_);
+  tls_settings_ = tls;
+  tls_ = std::move(context);
+  return 0;
+}
+
+int CListener::ReloadCertificate(std::string& error) {
+  HttpsServer settings;
+  {
+    const std::scoped_lock lock(tls_mutex_);
+    if (tls_ == nullptr) {
+      return 0;
+    }
+    settings = tls_settings_;
+  }
+  return LoadCertificate(settings, error);
+}
+
+TlsContextPtr CListener::TlsContext() const {
+  const std::scoped_lock lock(tls_mutex_);
+  return tls_;
+}
+
+int CListener::Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error) {
+  error_code problem;
+  const auto ip = asio::ip::make_address(address, problem);
+  const std::string where = address + " port " + std::to_string(port);
+  if (problem) {
+    error = "listen: no address: " + where;
+    return kNetAddressInvalid;
+  }
+  {
+    const std::scoped_lock lock(mutex_);
+    problem = details::Bind(impl_->acceptor, tcp::endpoint(ip, port), reuse_address);
+  }
+  if (problem) {
+    error = "listen: " + where + ": " + problem.message();
+    return details::NetErrorOf(problem);
+  }
+  Accept();
+  return 0;
+}
+
+void CListener::Close() {
+  const std::scoped_lock lock(mutex_);
+  closed_.store(true, std::memory_order_release);
+  error_code ignored;
+  impl_->acceptor.close(ignored);
+  impl_->pause.cancel();
+}
+
+// Connections are dealt out in turn; each is accepted straight onto the event loop of the worker that will serve it.
+void CListener::Accept() {
+  const std::scoped_lock lock(mutex_);
+  if (IsClosed()) {
+    return;
+  }
+  impl_->target = CServerRuntime::Instance().NextWorker();
+  if (impl_->target == nullptr) {
+    return;
+  }
+  impl_->accepted = tcp::socket(ContextOf(*impl_->target));
+  impl_->acceptor.async_accept(impl_->accepted, [self = shared_from_this()](const error_code& problem) {
+    if (problem != asio::error::operation_aborted) {
+      self->OnAccepted(static_cast<bool>(problem));
+    }
+  });
+}
+
+void CListener::OnAccepted(bool failed) {
+  if (failed) {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]accept failed[%s(%d)]");
+    PauseAfterFailure();
+    return;
+  }
+  TakeConnection();
+  Accept();
+}
+
+void CListener::PauseAfterFailure() {
+  const std::scoped_lock lock(mutex_);
+  impl_->pause.expires_after(details::kPause);
+  impl_->pause.async_wait([self = shared_from_this()](const error_code& problem) {
+    if (!problem) {
+      self->Accept();
+    }
+  });
+}
+
+void CListener::TakeConnection() {
+  CServerRuntime& runtime = CServerRuntime::Instance();
+  const std::shared_ptr<CServerWorker> target = impl_->target;
+  tcp::socket accepted = std::move(impl_->accepted);
+  if (IsClosed()) {
+    return;
+  }
+  if (!runtime.AdmitConnection()) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]too many connections[%s(%d)]");
+    return;
+  }
+  std::unique_ptr<CServerSocket> socket = MakeServerSocket(std::move(accepted));
+  if (socket == nullptr) {
+    runtime.ConnectionClosed();
+    return;
+  }
+  const auto connection = std::make_shared<CServerConnection>(target, shared_from_this(), std::move(socket),
+                                                              TlsContext(), runtime.Limits());
+  target->Post([connection] { connection->Start(); });
+}
+
+}  // namespace TansyNet

@@ -1,0 +1,60 @@
+// One listening socket.
+#ifndef TANSY_NET_LISTENER_H
+#define TANSY_NET_LISTENER_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "TansyNet/HttpServer.h"
+#include "TansyNet/HttpServerWorker.h"
+#include "TansyNet/ServerTlsContext.h"
+
+namespace TansyNet {
+
+class CListener : public std::enable_shared_from_this<CListener> {
+ public:
+  CListener(std::shared_ptr<CServerWorker> worker, CHttpServer::RecvCallback callback);
+  ~CListener();
+  CListener(const CListener&) = delete;
+  CListener& operator=(const CListener&) = delete;
+
+  // Reads the certificate of an HTTPS listener, also again while it runs. 0 or kNetCertificate with `error` set.
+  int LoadCertificate(const HttpsServer& tls, std::string& error);
+  int ReloadCertificate(std::string& error);
+
+  // Binds and begins to accept. 0 or a NetError with `error` set.
+  int Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error);
+  // The port is free when this returns. Connections live on until their requests are answered.
+  void Close();
+  bool IsClosed() const { return closed_.load(std::memory_order_acquire); }
+
+  CHttpServer::RecvCallback Callback() const { return callback_; }
+
+ private:
+  struct Impl;
+
+  void Accept();
+  void OnAccepted(bool failed);
+  void PauseAfterFailure();
+  void TakeConnection();
+  TlsContextPtr TlsContext() const;
+
+  const std::shared_ptr<CServerWorker> worker_;
+  const CHttpServer::RecvCallback callback_;
+  std::atomic<bool> closed_{false};
+
+  mutable std::mutex tls_mutex_;
+  HttpsServer tls_settings_;  // guarded by tls_mutex_
+  TlsContextPtr tls_;         // guarded by tls_mutex_; null for plain HTTP
+
+  // The acceptor is used by its worker and closed by whoever stops the listener.
+  std::mutex mutex_;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_LISTENER_H

@@ -1,0 +1,179 @@
+// One client's connection: reads requests, delivers them, sends the answers.
+#ifndef TANSY_NET_SERVER_CONNECTION_H
+#define TANSY_NET_SERVER_CONNECTION_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "TansyNet/HttpServer.h"
+#include "TansyNet/HttpServerParser.h"
+#include "TansyNet/HttpServerWorker.h"
+#include "TansyNet/Listener.h"
+#include "TansyNet/ServerConnectionBody.h"
+#include "TansyNet/ServerConnectionSocket.h"
+#include "TansyNet/ServerConnectionTransport.h"
+#include "TansyNet/ServerTlsContext.h"
+
+namespace TansyNet {
+
+// A connection serves one request at a time. Reading happens on its worker's thread; answers are written by whoever
+// answers, and finished by the worker when the socket is full. The lock guards the whole state; it is never held while
+// a callback runs or a thread waits for the client.
+//
+// While a request is being handled nothing is read beyond it: the connection only watches for the client's end.
+class CServerConnection final : public ISocketEvents, public std::enable_shared_from_this<CServerConnection> {
+ public:
+  CServerConnection(std::shared_ptr<CServerWorker> worker, std::shared_ptr<CListener> listener,
+                    std::unique_ptr<CServerSocket> socket, const TlsContextPtr& tls, const HttpServerLimits& limits);
+  ~CServerConnection() override;
+  CServerConnection(const CServerConnection&) = delete;
+  CServerConnection& operator=(const CServerConnection&) = delete;
+
+  // Worker's thread.
+  void Start();
+  void OnReadable() override;
+  void OnWritable() override;
+  bool IsPastDeadline(std::int64_t now) const { return now >= deadline_.load(std::memory_order_relaxed); }
+  void OnDeadline();
+
+  // Any thread.
+  const CListener& Listener() const { return *listener_; }
+  // Closes at once.
+  void Abort();
+  // Closes as soon as no request is under way.
+  void CloseWhenIdle();
+
+  // The answers of CHttpServer, with its results.
+  int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body);
+  int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
+                     std::uint64_t total_size);
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+
+  enum class Phase {
+    kHandshake,
+    kIdle,           // between two requests
+    kHead,           // a request has begun
+    kBody,           // a body of known length, delivered whole
+    kChunks,         // a chunked body, delivered whole
+    kUpload,         // a body delivered in pieces
+    kHandling,       // all is delivered, the answer is awaited
+    kSending,        // the worker sends what is left of an answer
+    kSendingChunks,  // AnswerInChunks has begun
+    kDraining,       // answered for the last time; what still comes is thrown away
+    kClosed,
+  };
+  enum class Next { kGoOn, kWait };
+
+  // A body on its way to its receiver, piece by piece.
+  struct Upload {
+    std::uint64_t left = 0;  // bytes of the body that belong to later pieces than the one being filled
+    CBodyBuffer filling;
+    std::shared_ptr<CPieceStore> store = std::make_shared<CPieceStore>();
+    std::shared_ptr<const std::string> ready;  // full, waits for the token of the piece before it
+    bool token_out = false;
+  };
+  struct PieceToken;
+
+  static bool IsBusy(Phase phase);
+  void SetPhase(Phase phase);
+  void SetDeadline(std::int64_t milliseconds);
+
+  // ServerConnection.cpp
+  void Advance(Lock& lock);
+  Next Step(Lock& lock);
+  Next StepHandshake();
+  Next StepSending();
+  Next StepWhileHandled();
+  Next StepDrain();
+  void WaitFor(IoStatus status);
+  void WatchReadable();
+  void WatchWritable();
+  void ContinueLater();
+  void Close();
+
+  // ServerConnectionRequest.cpp
+  Next StepHead(Lock& lock);
+  Next StepBody(Lock& lock);
+  Next StepChunks(Lock& lock);
+  Next BeginBody(std::string_view input, Lock& lock);
+  Next BeginChunks(std::string_view input);
+  Next Deliver(Lock& lock);
+  void EnterHandling();
+  void SendContinue();
+  IoStatus ReadInput(std::string_view& input);
+  IoStatus ReadInto(CBodyBuffer& body);
+  std::string_view Input() const { return std::string_view(input_).substr(input_begin_); }
+  bool HasInput() const { return input_waiting_ || input_begin_ < input_.size(); }
+  void KeepInput(std::string_view input);
+  void TakeRequest(RequestHead& head);
+  void Call(std::int32_t handle, HttpServerRecv& message);
+
+  // ServerConnectionUpload.cpp
+  Next BeginUpload(std::uint64_t length, std::string_view input);
+  Next StepUpload();
+  void StartPiece();
+  void DeliverPiece();
+  void RunPiece(std::int32_t handle, HttpServerRecv& message);
+  void OnTokenGone(std::int32_t handle);
+  bool UploadIsRead() const;
+
+  // ServerConnectionAnswer.cpp
+  Next Refuse(int status);
+  bool CheckHandle(std::int32_t handle) const { return handle_ == handle && handle != 0; }
+  std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
+  void ForgetRequest();
+  int Send(std::string_view head, std::string_view body, std::int32_t timeout_ms);
+  IoStatus Write(std::string_view& first, std::string_view& second, std::size_t most);
+  int WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms, Lock& lock);
+  void FinishAnswer();
+  void StartDraining();
+
+  // Constant.
+  const std::shared_ptr<CServerWorker> worker_;
+  const std::shared_ptr<CListener> listener_;
+  const HttpServerLimits limits_;
+
+  std::atomic<std::int64_t> deadline_;
+
+  mutable std::mutex mutex_;
+  // All below is guarded by mutex_.
+  CServerTransport transport_;
+  Phase phase_;
+  bool read_watched_ = false;
+  bool write_watched_ = false;
+  bool advancing_ = false;      // the worker is inside Advance, perhaps in a callback without the lock
+  bool input_waiting_ = false;  // the socket has bytes that nobody watches for
+  bool peer_done_ = false;      // the client sends no more
+
+  std::string input_;  // read, but not taken yet, from input_begin_ on; no memory while there is nothing
+  std::size_t input_begin_ = 0;
+  bool input_is_short_ = false;  // what is in input_ was looked at and is not enough
+  CRequestParser parser_;
+  CBodyBuffer body_;
+  std::string chunked_body_;
+  std::unique_ptr<Upload> upload_;
+  HttpServerRecv request_;
+
+  std::int32_t handle_ = 0;  // of the request that waits for its answer
+  bool keep_alive_ = true;
+  bool http11_ = true;
+  bool is_head_ = false;
+
+  std::string output_;  // what the socket did not take of an answer
+  std::size_t output_sent_ = 0;
+  std::int32_t send_timeout_ms_ = 0;
+  std::uint64_t chunks_left_ = 0;
+  bool chunk_under_way_ = false;
+  std::uint64_t drain_left_ = 0;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_CONNECTION_H
