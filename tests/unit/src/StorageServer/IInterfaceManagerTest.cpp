@@ -51,7 +51,7 @@ TEST(IInterfaceManager, LogsAMissingFactoryAndKeepsWhatItHas) {
   EXPECT_EQ(log->Count("[%s]i_factory_interface id nullptr[%s(%d)]", logging::kError), 1U);
   EXPECT_EQ(log->Lines().at(0).module, "platform.LocalStorage");
   EXPECT_TRUE(log->Lines().at(0).text.starts_with(
-      "[Tansy::CloudStorage::CIInterfaceManager::Init]i_factory_interface id nullptr[src/StorageServer/"))
+      "[Tansy::CloudStorage::CIInterfaceManager::Init]i_factory_interface id nullptr["))
       << log->Lines().at(0).text;
   EXPECT_EQ(manager.GetDatabaseParam(), factory->database_param);
 }
