@@ -167,8 +167,10 @@ bool CClientTls::ReportHandshakeFailure(HttpClient::Error& error) const {
     error = {HttpClient::kTls, static_cast<std::int32_t>(verified)};
   } else if (write_error_ != 0 || read_error_ != 0) {
     error = {HttpClient::kConnect, write_error_ != 0 ? write_error_ : read_error_};
+  } else if (reason == 0 || reason == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+    error = {HttpClient::kConnect, CClientSocket::ConnectionReset()};
   } else {
-    error = {HttpClient::kTls, reason != 0 ? reason : SSL_R_UNEXPECTED_EOF_WHILE_READING};
+    error = {HttpClient::kTls, reason};
   }
   ERR_clear_error();
   return false;

@@ -176,8 +176,10 @@ void ScriptedServer::Impl::PrepareTls() {
       SSL_CTX_use_PrivateKey_file(context_, key_file.path().c_str(), SSL_FILETYPE_PEM) != 1) {
     throw std::runtime_error("the scripted server's certificate is not usable");
   }
-  if (options_.tls_1_2_only) {
-    SSL_CTX_set_max_proto_version(context_, TLS1_2_VERSION);
+  SSL_CTX_set_max_proto_version(context_, options_.newest_tls);
+  if (options_.newest_tls != 0 && options_.newest_tls < TLS1_2_VERSION) {
+    // Nobody speaks these any more unless made to.
+    SSL_CTX_set_cipher_list(context_, "ALL:@SECLEVEL=0");
   }
 }
 
@@ -270,6 +272,9 @@ bool ScriptedServer::Impl::ServeOne(Stream& stream, int number, std::string& inp
   request.server_name = stream.ServerName();
   input.erase(0, end + 4);
   std::optional<ScriptedAnswer> answer = FindRule(request);
+  if (answer && !answer->on_head.empty() && !stream.Write(answer->on_head.data(), answer->on_head.size())) {
+    return false;
+  }
   if (answer && answer->before_body) {
     Record(request);
     answer->close = true;

@@ -53,6 +53,7 @@ struct ScriptedAnswer {
   std::string body = {};
   std::string raw = {};  // when not empty, these bytes are the whole answer
 
+  std::string on_head = {};        // sent at once when the head is there, before the body is read
   int delay_ms = 0;                // before the first byte
   std::size_t piece = 0;           // when not 0: the answer goes out in pieces of this size ...
   int piece_delay_ms = 0;          // ... with this pause between them
@@ -71,7 +72,7 @@ struct ScriptedServerOptions {
   // Of an https server; empty: a self-signed one for localhost, 127.0.0.1 and ::1. Certificates of signers may follow
   // the server's own.
   TestCertificate certificate = {};
-  bool tls_1_2_only = false;
+  int newest_tls = 0;      // such as TLS1_2_VERSION; 0: the newest there is
   int receive_buffer = 0;  // bytes, before the system's rounding; 0: the system's choice
 };
 
