@@ -1,0 +1,349 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CatalogueFixture.h"
+
+namespace Tansy::CloudStorage {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class ObjectStorageManagerBuckets : public CatalogueFixture {
+ protected:
+  static BucketInfo Named(const std::string& name) {
+    BucketInfo bucket;
+    bucket.guid = "guid";
+    bucket.name = name;
+    bucket.reserve = "reserve";
+    bucket.acl = 3;
+    bucket.location = "loc";
+    bucket.cycle = 4;
+    bucket.size = 5;
+    bucket.flag = 6;
+    return bucket;
+  }
+
+  Texts Rows(const std::string& column) { return database_.Column("SELECT * FROM platform.local_bucket", column); }
+};
+
+TEST_F(ObjectStorageManagerBuckets, AddsABucket) {
+  BucketInfo bucket = Named("added");
+  EXPECT_FALSE(manager_.IsBucketExist("added"));
+  ASSERT_TRUE(manager_.AddBucket(bucket));
+  EXPECT_NE(bucket.id, 0U);
+  EXPECT_EQ(bucket.acl, 0U);
+  EXPECT_TRUE(manager_.IsBucketExist("added"));
+  EXPECT_FALSE(manager_.IsBucketExist("Added")) << "names are compared byte by byte";
+  BucketInfo found;
+  ASSERT_TRUE(manager_.GetBucketByName(found, "added"));
+  EXPECT_EQ(found.id, bucket.id);
+  EXPECT_EQ(found.guid, "guid");
+  EXPECT_EQ(found.name, "added");
+  EXPECT_EQ(found.reserve, "reserve");
+  EXPECT_EQ(found.acl, 0U);
+  EXPECT_EQ(found.location, "loc");
+  EXPECT_EQ(found.cycle, 4U);
+  EXPECT_EQ(found.size, 5U);
+  EXPECT_EQ(found.flag, 6U);
+  EXPECT_EQ(Rows("name"), Texts{"added"});
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+}
+
+TEST_F(ObjectStorageManagerBuckets, RefusesANameThatExistsBeforeAnyStatement) {
+  MakeBucket("twin");
+  BucketInfo again = Named("twin");
+  EXPECT_FALSE(manager_.AddBucket(again));
+  EXPECT_EQ(database_.Statements(), Texts{});
+  ExpectLine(5, "CObjectStorageManager::AddBucket", "[%s]Add bucket[%s] failed, bucket already exist.[%s(%d)]",
+             "Add bucket[twin] failed, bucket already exist.");
+}
+
+TEST_F(ObjectStorageManagerBuckets, AddsNothingThatTheDatabaseRefuses) {
+  for (const char* refused : {"INSERT", "nextval"}) {
+    StartOver();
+    database_.FailStatementsWith(refused);
+    BucketInfo bucket = Named("refused");
+    EXPECT_FALSE(manager_.AddBucket(bucket));
+    ExpectLine(5, "CObjectStorageManager::AddBucket", "[%s]Add bucket[%s] failed, db operation failed.[%s(%d)]",
+               "Add bucket[refused] failed, db operation failed.");
+    EXPECT_FALSE(manager_.IsBucketExist("refused"));
+    database_.Heal();
+  }
+}
+
+TEST_F(ObjectStorageManagerBuckets, SayNothingOfAMissingBucket) {
+  BucketInfo bucket = Named("untouched");
+  EXPECT_FALSE(manager_.GetBucketByName(bucket, "missing"));
+  EXPECT_EQ(bucket.name, "untouched");
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+}
+
+TEST_F(ObjectStorageManagerBuckets, ListsAll) {
+  MakeBucket("b");
+  MakeBucket("a");
+  std::map<std::string, BucketInfo> buckets;
+  buckets["stale"] = Named("stale");
+  EXPECT_TRUE(manager_.GetBucketList(buckets));
+  ASSERT_EQ(buckets.size(), 2U);
+  EXPECT_EQ(buckets.begin()->first, "a");
+  EXPECT_EQ(buckets.at("b").name, "b");
+}
+
+TEST_F(ObjectStorageManagerBuckets, ModifiesWhatMayChange) {
+  BucketInfo bucket = Named("modified");
+  ASSERT_TRUE(manager_.AddBucket(bucket));
+  StartOver();
+  BucketInfo change;
+  change.id = bucket.id;
+  change.guid = "new guid";
+  change.name = "modified";
+  change.reserve = "new reserve";
+  change.acl = 9;
+  change.location = "new loc";
+  change.cycle = 40;
+  change.size = 50;
+  change.flag = 60;
+  ASSERT_TRUE(manager_.ModifyBucket(change));
+  BucketInfo found;
+  ASSERT_TRUE(manager_.GetBucketByName(found, "modified"));
+  EXPECT_EQ(found.guid, "guid");
+  EXPECT_EQ(found.reserve, "new reserve");
+  EXPECT_EQ(found.acl, 0U);
+  EXPECT_EQ(found.location, "new loc");
+  EXPECT_EQ(found.cycle, 40U);
+  EXPECT_EQ(found.size, 50U);
+  EXPECT_EQ(found.flag, 6U);
+  EXPECT_EQ(Rows("location"), Texts{"new loc"});
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+}
+
+TEST_F(ObjectStorageManagerBuckets, KeepTheirOldNameAfterARename) {
+  BucketInfo bucket = MakeBucket("before");
+  bucket.name = "after";
+  ASSERT_TRUE(manager_.ModifyBucket(bucket));
+  BucketInfo found;
+  EXPECT_FALSE(manager_.GetBucketByName(found, "after"));
+  EXPECT_FALSE(manager_.IsBucketExist("after"));
+  ASSERT_TRUE(manager_.GetBucketByName(found, "before"));
+  EXPECT_EQ(found.name, "after");
+  EXPECT_EQ(Rows("name"), Texts{"after"});
+}
+
+TEST_F(ObjectStorageManagerBuckets, ModifiesNothingThatTheDatabaseRefuses) {
+  BucketInfo bucket = MakeBucket("modified");
+  database_.FailStatementsWith("UPDATE");
+  bucket.location = "new loc";
+  EXPECT_FALSE(manager_.ModifyBucket(bucket));
+  ExpectLine(5, "CObjectStorageManager::ModifyBucket", "[%s]Modify bucket[%s] failed, db operation failed.[%s(%d)]",
+             "Modify bucket[modified] failed, db operation failed.");
+  BucketInfo found;
+  ASSERT_TRUE(manager_.GetBucketByName(found, "modified"));
+  EXPECT_EQ(found.location, "");
+}
+
+TEST_F(ObjectStorageManagerBuckets, ModifiesTheRowOfABucketThatIsNotInMemory) {
+  ASSERT_TRUE(
+      database_.Run("INSERT INTO platform.local_bucket (id, guid, name, acl, location, cycle, size, "
+                    "update_time) VALUES (900, 'g', 'only in the database', 0, '', 0, 0, '')"));
+  BucketInfo bucket = Named("new name");
+  bucket.id = 900;
+  EXPECT_FALSE(manager_.ModifyBucket(bucket));
+  ExpectLine(5, "CObjectStorageManager::ModifyBucket", "[%s]Modify bucket[%s] failed, bucket not exist.[%s(%d)]",
+             "Modify bucket[new name] failed, bucket not exist.");
+  EXPECT_EQ(Rows("name"), Texts{"new name"});
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesABucketWithItsObjects) {
+  const BucketInfo bucket = MakeBucket("removed");
+  MakeBucket("stays");
+  MakeObject("removed", "key");
+  MakeObject("stays", "key");
+  ASSERT_TRUE(manager_.RemoveBucket(bucket.id));
+  EXPECT_EQ(database_.Statements(),
+            (Texts{"DELETE FROM platform.local_bucket where id=" + std::to_string(bucket.id) + ";",
+                   "DELETE FROM platform.local_object where bucket_name='removed';"}));
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+  EXPECT_FALSE(manager_.IsBucketExist("removed"));
+  ObjectInfo object;
+  EXPECT_TRUE(manager_.GetObjectByName(object, "key", "stays"));
+  MakeBucket("removed");
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "removed")) << "a new bucket is empty";
+  EXPECT_EQ(database_.Column("SELECT * FROM platform.local_object", "bucket_name"), Texts{"stays"});
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemoveTheObjectsOfARenamedBucketAndOfNoOther) {
+  BucketInfo renamed = MakeBucket("first");
+  MakeBucket("second");
+  MakeObject("first", "key");
+  MakeObject("second", "key");
+  renamed.name = "second";
+  ASSERT_TRUE(manager_.ModifyBucket(renamed));
+  ASSERT_TRUE(manager_.RemoveBucket(renamed.id));
+  EXPECT_FALSE(manager_.IsBucketExist("first"));
+  ObjectInfo object;
+  EXPECT_TRUE(manager_.GetObjectByName(object, "key", "second"));
+  EXPECT_EQ(database_.Column("SELECT * FROM platform.local_object", "bucket_name"), Texts{"second"});
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesNothingThatTheDatabaseRefuses) {
+  const BucketInfo bucket = MakeBucket("kept");
+  MakeObject("kept", "key");
+  database_.FailStatementsWith("local_bucket");
+  EXPECT_FALSE(manager_.RemoveBucket(bucket.id));
+  ExpectLine(5, "CObjectStorageManager::RemoveBucket", "[%s]remove bucket[%d] failed, db operation failed.[%s(%d)]",
+             "remove bucket[" + std::to_string(bucket.id) + "] failed, db operation failed.");
+  EXPECT_TRUE(manager_.IsBucketExist("kept"));
+  ObjectInfo object;
+  EXPECT_TRUE(manager_.GetObjectByName(object, "key", "kept"));
+  EXPECT_EQ(database_.CountStatements("local_object"), 0U);
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesABucketWhoseObjectsStay) {
+  const BucketInfo bucket = MakeBucket("half removed");
+  MakeObject("half removed", "key");
+  database_.FailStatementsWith("local_object");
+  EXPECT_TRUE(manager_.RemoveBucket(bucket.id));
+  ExpectLine(4, "CObjectStorageManager::RemoveBucket", "[%s]remove bucket[%d], remove object failed.[%s(%d)]",
+             "remove bucket[" + std::to_string(bucket.id) + "], remove object failed.");
+  ExpectLine(3, "CObjectStorageManager::RemoveObjectByBucket",
+             "[%s]remove object by bucket[%s], db operate failed.[%s(%d)]",
+             "remove object by bucket[half removed], db operate failed.");
+  EXPECT_FALSE(manager_.IsBucketExist("half removed"));
+  database_.Heal();
+  const BucketInfo again = MakeBucket("half removed");
+  ObjectInfo object;
+  EXPECT_TRUE(manager_.GetObjectByName(object, "key", "half removed")) << "memory and database still agree";
+  EXPECT_TRUE(manager_.RemoveBucket(again.id));
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesARowThatIsNotInMemory) {
+  EXPECT_TRUE(manager_.RemoveBucket(4711));
+  EXPECT_EQ(database_.Statements(), Texts{"DELETE FROM platform.local_bucket where id=4711;"});
+  ExpectLine(3, "CObjectStorageManager::RemoveObjectByBucket",
+             "[%s]remove object by bucket, bucket[%s] not exist.[%s(%d)]",
+             "remove object by bucket, bucket[4711] not exist.");
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesASet) {
+  const BucketInfo first = MakeBucket("set-1");
+  const BucketInfo second = MakeBucket("set-2");
+  MakeBucket("set-3");
+  MakeObject("set-2", "key");
+  ASSERT_TRUE(manager_.RemoveBucket({second.id, first.id}));
+  EXPECT_EQ(database_.Statements(), (Texts{"DELETE FROM platform.local_bucket WHERE id IN (" +
+                                               std::to_string(first.id) + "," + std::to_string(second.id) + ");",
+                                           "DELETE FROM platform.local_object where bucket_name='set-1';",
+                                           "DELETE FROM platform.local_object where bucket_name='set-2';"}));
+  EXPECT_FALSE(manager_.IsBucketExist("set-1"));
+  EXPECT_FALSE(manager_.IsBucketExist("set-2"));
+  EXPECT_TRUE(manager_.IsBucketExist("set-3"));
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesAnEmptySetWithoutStatement) {
+  EXPECT_TRUE(manager_.RemoveBucket(std::set<std::uint32_t>{}));
+  EXPECT_EQ(database_.Statements(), Texts{});
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesNoSetThatTheDatabaseRefuses) {
+  const BucketInfo bucket = MakeBucket("kept");
+  database_.FailStatement(1);
+  EXPECT_FALSE(manager_.RemoveBucket({bucket.id, 4711}));
+  ExpectLine(5, "CObjectStorageManager::RemoveBucket", "[%s]remove buckets failed, db operation failed.[%s(%d)]",
+             "remove buckets failed, db operation failed.");
+  EXPECT_TRUE(manager_.IsBucketExist("kept"));
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesASetWhoseObjectsStay) {
+  const BucketInfo bucket = MakeBucket("half removed set");
+  database_.FailStatementsWith("local_object");
+  EXPECT_TRUE(manager_.RemoveBucket({bucket.id}));
+  ExpectLine(4, "CObjectStorageManager::RemoveBucket", "[%s]remove bucket[%d], remove object failed.[%s(%d)]",
+             "remove bucket[" + std::to_string(bucket.id) + "], remove object failed.");
+  EXPECT_FALSE(manager_.IsBucketExist("half removed set"));
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesTheObjectsOfNoBucket) {
+  EXPECT_TRUE(manager_.RemoveObjectByBucket(0xFFFFFFFF));
+  EXPECT_EQ(database_.Statements(), Texts{});
+  ExpectLine(3, "CObjectStorageManager::RemoveObjectByBucket",
+             "[%s]remove object by bucket, bucket[%s] not exist.[%s(%d)]",
+             "remove object by bucket, bucket[4294967295] not exist.");
+}
+
+TEST_F(ObjectStorageManagerBuckets, RemovesTheObjectsAlone) {
+  const BucketInfo bucket = MakeBucket("emptied");
+  MakeObject("emptied", "key");
+  EXPECT_TRUE(manager_.RemoveObjectByBucket(bucket.id));
+  EXPECT_EQ(database_.Statements(), Texts{"DELETE FROM platform.local_object where bucket_name='emptied';"});
+  EXPECT_TRUE(manager_.IsBucketExist("emptied"));
+  ObjectInfo object;
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "emptied"));
+}
+
+TEST_F(ObjectStorageManagerBuckets, AreMadeOnceByManyThreads) {
+  std::atomic<int> made{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 10; ++round) {
+        BucketInfo bucket = Named("parallel-" + std::to_string(round));
+        made += manager_.AddBucket(bucket) ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(made, 10);
+  EXPECT_EQ(Rows("name").size(), 10U);
+}
+
+// Changes and removals of one bucket from many threads: what is left in memory is what is left in the database.
+TEST_F(ObjectStorageManagerBuckets, AgreeWithTheDatabaseAfterAScramble) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 6; ++i) {
+    threads.emplace_back([this, i] {
+      for (int round = 0; round < 20; ++round) {
+        const std::string name = "scramble-" + std::to_string(round % 3);
+        BucketInfo bucket = Named(name);
+        manager_.AddBucket(bucket);
+        if (manager_.GetBucketByName(bucket, name)) {
+          bucket.location = "by " + std::to_string(i) + " in " + std::to_string(round);
+          manager_.ModifyBucket(bucket);
+          if ((round + i) % 5 == 0) {
+            manager_.RemoveBucket(bucket.id);
+          }
+        }
+        std::map<std::string, BucketInfo> all;
+        manager_.GetBucketList(all);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::map<std::string, BucketInfo> buckets;
+  manager_.GetBucketList(buckets);
+  std::map<std::string, std::string> in_memory;
+  for (const auto& [name, bucket] : buckets) {
+    in_memory[name] = bucket.location + " #" + std::to_string(bucket.id);
+  }
+  std::map<std::string, std::string> in_database;
+  const Texts names = Rows("name");
+  const Texts locations = Rows("location");
+  const Texts ids = Rows("id");
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    in_database[names[i]] = locations[i] + " #" + ids[i];
+  }
+  EXPECT_EQ(in_memory, in_database);
+  EXPECT_EQ(names.size(), in_database.size()) << "a name twice";
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage

@@ -1,0 +1,398 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CatalogueFixture.h"
+
+namespace Tansy::CloudStorage {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class ObjectStorageManagerObjects : public CatalogueFixture {
+ protected:
+  Texts Rows(const std::string& column) { return database_.Column("SELECT * FROM platform.local_object", column); }
+
+  ObjectInfo Find(const std::string& bucket_name, const std::string& name) {
+    ObjectInfo object;
+    EXPECT_TRUE(manager_.GetObjectByName(object, name, bucket_name)) << name;
+    return object;
+  }
+};
+
+TEST_F(ObjectStorageManagerObjects, AddsTheFirstObjectOfABucket) {
+  MakeBucket("bucket");
+  ObjectInfo object = Object("bucket", "key");
+  ASSERT_TRUE(manager_.AddObject(object));
+  EXPECT_NE(object.id, 0U);
+  const ObjectInfo found = Find("bucket", "key");
+  EXPECT_EQ(found.id, object.id);
+  EXPECT_EQ(found.guid, "guid-of-key");
+  EXPECT_EQ(found.name, "key");
+  EXPECT_EQ(found.bucket_name, "bucket");
+  EXPECT_EQ(found.size, 1000U);
+  EXPECT_EQ(found.update_time, "2026-11-03 08:00:00");
+  EXPECT_EQ(found.url, "fs01ab-cd-key.d");
+  EXPECT_EQ(Rows("name"), Texts{"key"});
+  // The look-up of a new name leaves its line.
+  ExpectLine(5, "CObjectStorageManager::GetObjectByName", "[%s]get Object[%s] failed, object not exist.[%s(%d)]",
+             "get Object[key] failed, object not exist.");
+  EXPECT_EQ(CountLines(logging::kTrace), 1U);
+}
+
+TEST_F(ObjectStorageManagerObjects, AddsFurtherObjects) {
+  MakeBucket("bucket");
+  MakeObject("bucket", "a");
+  ObjectInfo object = Object("bucket", "b");
+  ASSERT_TRUE(manager_.AddObject(object));
+  ExpectLine(5, "CObjectStorageManager::GetObjectByName", "[%s]get Object[%s] failed, object not exist.[%s(%d)]",
+             "get Object[b] failed, object not exist.");
+  EXPECT_NE(Find("bucket", "a").id, Find("bucket", "b").id);
+}
+
+TEST_F(ObjectStorageManagerObjects, KeepsSizesOf64BitsInMemory) {
+  MakeBucket("bucket");
+  ObjectInfo object = Object("bucket", "big");
+  object.size = 0x100000007;
+  ASSERT_TRUE(manager_.AddObject(object));
+  EXPECT_EQ(Find("bucket", "big").size, 0x100000007U);
+  EXPECT_EQ(Rows("size"), Texts{"7"});
+}
+
+TEST_F(ObjectStorageManagerObjects, AddsNothingToAMissingBucket) {
+  ObjectInfo object = Object("missing", "key");
+  EXPECT_FALSE(manager_.AddObject(object));
+  ExpectLine(5, "CObjectStorageManager::AddObject", "[%s]Add Object[%s] failed, bucket[%s] not exist.[%s(%d)]",
+             "Add Object[key] failed, bucket[missing] not exist.");
+  EXPECT_EQ(CountLines(logging::kTrace), 1U);
+  EXPECT_EQ(database_.Statements(), Texts{});
+}
+
+TEST_F(ObjectStorageManagerObjects, AddsNothingThatTheDatabaseRefuses) {
+  MakeBucket("bucket");
+  for (const char* refused : {"nextval", "INSERT"}) {
+    StartOver();
+    database_.FailStatementsWith(refused);
+    ObjectInfo object = Object("bucket", "key");
+    EXPECT_FALSE(manager_.AddObject(object));
+    ExpectLine(5, "CObjectStorageManager::AddObject", "[%s]Add object[%s] failed, db operation failed.[%s(%d)]",
+               "Add object[key] failed, db operation failed.");
+    EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+    database_.Heal();
+  }
+}
+
+TEST_F(ObjectStorageManagerObjects, UpdatesAnObjectThatIsAddedAgain) {
+  MakeBucket("bucket");
+  const ObjectInfo first = MakeObject("bucket", "key");
+  MakeObject("bucket", "after");
+  ObjectInfo second = Object("bucket", "key");
+  second.id = 4711;
+  second.guid = "new guid";
+  second.size = 2000;
+  second.update_time = "2026-11-03 09:00:00";
+  second.url = "fs01new.d";
+  ASSERT_TRUE(manager_.AddObject(second));
+  EXPECT_EQ(second.id, first.id);
+  EXPECT_EQ(database_.Statements(),
+            Texts{"UPDATE platform.local_object set size=2000, update_time='2026-11-03 09:00:00', url='fs01new.d' "
+                  "where id=" +
+                  std::to_string(first.id) + " ;"});
+  const ObjectInfo found = Find("bucket", "key");
+  EXPECT_EQ(found.id, first.id);
+  EXPECT_EQ(found.guid, "new guid");
+  EXPECT_EQ(found.size, 2000U);
+  EXPECT_EQ(found.url, "fs01new.d");
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+  EXPECT_EQ(Rows("name").size(), 2U);
+  Find("bucket", "after");
+}
+
+TEST_F(ObjectStorageManagerObjects, UpdatesNothingThatIsMissing) {
+  ObjectInfo object = Object("missing", "key");
+  EXPECT_FALSE(manager_.UpdateObject(object));
+  ExpectLine(5, "CObjectStorageManager::UpdateObject", "[%s]update Object[%s] failed, bucket[%s] not exist.[%s(%d)]",
+             "update Object[key] failed, bucket[missing] not exist.");
+  MakeBucket("bucket");
+  MakeObject("bucket", "other");
+  object = Object("bucket", "key");
+  EXPECT_FALSE(manager_.UpdateObject(object));
+  ExpectLine(5, "CObjectStorageManager::UpdateObject", "[%s]update Object[%s] failed, object not exist.[%s(%d)]",
+             "update Object[key] failed, object not exist.");
+  EXPECT_EQ(database_.Statements(), Texts{});
+}
+
+TEST_F(ObjectStorageManagerObjects, UpdatesNothingThatTheDatabaseRefuses) {
+  MakeBucket("bucket");
+  MakeObject("bucket", "key");
+  database_.FailStatementsWith("UPDATE");
+  ObjectInfo object = Object("bucket", "key");
+  object.url = "new";
+  EXPECT_FALSE(manager_.AddObject(object));
+  ExpectLine(5, "CObjectStorageManager::UpdateObject", "[%s]update Object[%s] failed, db operate failed.[%s(%d)]",
+             "update Object[key] failed, db operate failed.");
+  EXPECT_EQ(Find("bucket", "key").url, "fs01ab-cd-key.d");
+}
+
+TEST_F(ObjectStorageManagerObjects, LogsWhatALookUpMisses) {
+  ObjectInfo object = Object("x", "untouched");
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "missing"));
+  ExpectLine(5, "CObjectStorageManager::GetObjectByName", "[%s]get Object[%s] failed, bucket[%s] not exist.[%s(%d)]",
+             "get Object[key] failed, bucket[missing] not exist.");
+  MakeBucket("bucket");
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket")) << "a bucket without a set";
+  ExpectLine(5, "CObjectStorageManager::GetObjectByName", "[%s]get Object[%s] failed, object not exist.[%s(%d)]",
+             "get Object[key] failed, object not exist.");
+  MakeObject("bucket", "other");
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket")) << "a set without the name";
+  ExpectLine(5, "CObjectStorageManager::GetObjectByName", "[%s]get Object[%s] failed, object not exist.[%s(%d)]",
+             "get Object[key] failed, object not exist.");
+  EXPECT_EQ(object.name, "untouched");
+}
+
+TEST_F(ObjectStorageManagerObjects, CompareNamesByteByByte) {
+  MakeBucket("bucket");
+  const Texts names = {"a", "A", "a ", "a/b", "\xE4\xBD\xA0", std::string("a\0b", 3), std::string(128, 'k')};
+  for (const std::string& name : names) {
+    MakeObject("bucket", name);
+  }
+  for (const std::string& name : names) {
+    EXPECT_EQ(Find("bucket", name).name, name);
+  }
+}
+
+TEST_F(ObjectStorageManagerObjects, RemovesAnObject) {
+  MakeBucket("bucket");
+  const ObjectInfo object = MakeObject("bucket", "key");
+  MakeObject("bucket", "other");
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  EXPECT_EQ(database_.Statements(), Texts{"DELETE FROM platform.local_object where id=" + std::to_string(object.id)});
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+  ObjectInfo found;
+  EXPECT_FALSE(manager_.GetObjectByName(found, "key", "bucket"));
+  Find("bucket", "other");
+}
+
+TEST_F(ObjectStorageManagerObjects, CountAMissingObjectAsRemoved) {
+  MakeBucket("bucket");
+  EXPECT_TRUE(manager_.RemoveObject("key", "missing"));
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  MakeObject("bucket", "other");
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  EXPECT_EQ(database_.Statements(), Texts{});
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+}
+
+TEST_F(ObjectStorageManagerObjects, ForgetAnObjectWhoseRowStays) {
+  MakeBucket("bucket");
+  MakeObject("bucket", "key");
+  database_.FailStatementsWith("DELETE");
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  ExpectLine(5, "CObjectStorageManager::RemoveObject", "[%s]remove object[%s] failed, db operation failed.[%s(%d)]",
+             "remove object[key] failed, db operation failed.");
+  ObjectInfo object;
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+  EXPECT_EQ(Rows("name"), Texts{"key"});
+}
+
+class ObjectFile : public ObjectStorageManagerObjects {
+ protected:
+  ObjectFile() {
+    MakeBucket("bucket");
+    EXPECT_TRUE(
+        database_.Run("INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES ('fs01', "
+                      "'./vol-1\\'), ('none', '')"));
+  }
+
+  // The path of an object with this url; "-" when there is none.
+  std::string PathOf(const std::string& url) {
+    ObjectInfo object = Object("bucket", "key");
+    object.url = url;
+    EXPECT_TRUE(manager_.AddObject(object));
+    StartOver();
+    std::string path = "untouched";
+    if (!manager_.GetObjectFile(path, "key", "bucket")) {
+      EXPECT_EQ(path, "untouched");
+      return "-";
+    }
+    return path;
+  }
+};
+
+TEST_F(ObjectFile, IsTheVolumesPathAndTheRestWithSeparators) {
+  EXPECT_EQ(PathOf("fs01ab-cd-0123.d"), "./vol-1\\ab\\cd\\0123.d");
+  EXPECT_EQ(database_.Statements(), Texts{"SELECT * FROM platform.picture_url_encrypt where encrypt_url='fs01'"});
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+}
+
+TEST_F(ObjectFile, NeedsAUrlThatEndsInD) {
+  EXPECT_EQ(PathOf("fs01ab-cd-0123.D"), "-");
+  EXPECT_EQ(PathOf("fs01ab-cd-0123"), "-");
+  EXPECT_EQ(PathOf("fs01ab.d "), "-");
+  EXPECT_EQ(PathOf("d"), "-");
+  EXPECT_EQ(PathOf(""), "-");
+  EXPECT_EQ(database_.Statements(), Texts{});
+}
+
+TEST_F(ObjectFile, NeedsAKeyThatIsKnown) {
+  EXPECT_EQ(PathOf("fs02ab.d"), "-");
+  EXPECT_EQ(PathOf("noneab.d"), "-");
+  database_.FailStatementsWith("picture_url_encrypt");
+  EXPECT_EQ(PathOf("fs01ab.d"), "-");
+}
+
+TEST_F(ObjectFile, TakesUrlsShorterThanAKey) {
+  EXPECT_EQ(PathOf(".d"), "-");
+  EXPECT_EQ(PathOf("a.d"), "-");
+  ASSERT_TRUE(database_.Run("INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES ('ab.d', 'whole')"));
+  EXPECT_EQ(PathOf("ab.d"), "whole");
+}
+
+TEST_F(ObjectFile, LogsABucketWithoutObjectsOnly) {
+  std::string path = "untouched";
+  EXPECT_FALSE(manager_.GetObjectFile(path, "key", "bucket"));
+  ExpectLine(5, "CObjectStorageManager::GetObjectFile", "[%s]Object not exist.object_name %s,bucket_name %s[%s(%d)]",
+             "Object not exist.object_name key,bucket_name bucket");
+  MakeObject("bucket", "other");
+  EXPECT_FALSE(manager_.GetObjectFile(path, "key", "bucket"));
+  EXPECT_EQ(CountLines(logging::kTrace), 0U);
+  EXPECT_EQ(path, "untouched");
+}
+
+// Memory and database hold the same objects, each once, with the same contents.
+class ObjectStorageManagerParallel : public ObjectStorageManagerObjects {
+ protected:
+  void ExpectAgreement(const std::string& bucket_name, const Texts& names) {
+    const std::string where = "SELECT * FROM platform.local_object WHERE bucket_name='" + bucket_name + "'";
+    const Texts row_names = database_.Column(where, "name");
+    const Texts row_ids = database_.Column(where, "id");
+    const Texts row_urls = database_.Column(where, "url");
+    std::map<std::string, std::string> in_database;
+    for (std::size_t i = 0; i < row_names.size(); ++i) {
+      in_database[row_names[i]] = row_ids[i] + " " + row_urls[i];
+    }
+    EXPECT_EQ(in_database.size(), row_names.size()) << "a name twice";
+    std::map<std::string, std::string> in_memory;
+    for (const std::string& name : names) {
+      if (ObjectInfo object; manager_.GetObjectByName(object, name, bucket_name)) {
+        in_memory[name] = std::to_string(object.id) + " " + object.url;
+      }
+    }
+    EXPECT_EQ(in_memory, in_database);
+  }
+
+  template <class Work>
+  static void InThreads(int count, Work work) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([work, i] { work(i); });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  }
+};
+
+TEST_F(ObjectStorageManagerParallel, UploadsOfOneNewNameMakeOneRow) {
+  MakeBucket("bucket");
+  Texts names;
+  for (int round = 0; round < 10; ++round) {
+    names.push_back("key-" + std::to_string(round));
+  }
+  std::atomic<int> failures{0};
+  InThreads(8, [&](int i) {
+    for (const std::string& name : names) {
+      ObjectInfo object = Object("bucket", name);
+      object.url = "by-" + std::to_string(i);
+      failures += manager_.AddObject(object) ? 0 : 1;
+    }
+  });
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(database_.CountStatements("INSERT"), names.size());
+  ExpectAgreement("bucket", names);
+}
+
+TEST_F(ObjectStorageManagerParallel, UploadsRemovalsAndReadsAgreeAtTheEnd) {
+  MakeBucket("bucket");
+  const Texts names = {"a", "b", "c", "d"};
+  std::atomic<int> failures{0};
+  InThreads(6, [&](int i) {
+    for (int round = 0; round < 40; ++round) {
+      const std::string& name = names[static_cast<std::size_t>(round + i) % names.size()];
+      ObjectInfo object = Object("bucket", name);
+      object.url = "by " + std::to_string(i) + " in " + std::to_string(round);
+      if ((round * 7 + i) % 3 == 0) {
+        failures += manager_.RemoveObject(name, "bucket") ? 0 : 1;
+      } else {
+        failures += manager_.AddObject(object) ? 0 : 1;
+      }
+      manager_.GetObjectByName(object, name, "bucket");
+      std::string path;
+      manager_.GetObjectFile(path, name, "bucket");
+    }
+  });
+  EXPECT_EQ(failures, 0) << "an upload fails because of a removal beside it";
+  ExpectAgreement("bucket", names);
+}
+
+TEST_F(ObjectStorageManagerParallel, UploadsIntoABucketThatGoesAndComesBack) {
+  const Texts names = {"a", "b", "c", "d"};
+  std::atomic<bool> done{false};
+  std::thread comes_and_goes([&] {
+    for (int round = 0; round < 15; ++round) {
+      BucketInfo bucket;
+      bucket.name = "bucket";
+      manager_.AddBucket(bucket);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      if (round < 14) {
+        manager_.RemoveBucket(bucket.id);
+      }
+    }
+    done = true;
+  });
+  InThreads(4, [&](int i) {
+    for (int round = 0; !done; ++round) {
+      ObjectInfo object = Object("bucket", names[static_cast<std::size_t>(i)]);
+      object.url = std::to_string(round);
+      manager_.AddObject(object);
+    }
+  });
+  comes_and_goes.join();
+  ASSERT_TRUE(manager_.IsBucketExist("bucket"));
+  ExpectAgreement("bucket", names);
+}
+
+// The statement of one name does not hold up another one: only the look-ups wait for the mutex of the objects.
+TEST_F(ObjectStorageManagerParallel, ASlowInsertHoldsUpNoReader) {
+  MakeBucket("bucket");
+  MakeObject("bucket", "read");
+  std::atomic<bool> inserting{false};
+  std::atomic<bool> read{false};
+  database_.SetHook([&](const std::string& sql) {
+    if (sql.starts_with("INSERT")) {
+      inserting = true;
+      for (int i = 0; i < 5000 && !read; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    }
+  });
+  std::thread writer([&] {
+    ObjectInfo object = Object("bucket", "written");
+    EXPECT_TRUE(manager_.AddObject(object));
+  });
+  while (!inserting) {
+    std::this_thread::yield();
+  }
+  Find("bucket", "read");
+  EXPECT_TRUE(manager_.RemoveObject("no such object", "bucket"));
+  read = true;
+  writer.join();
+  Find("bucket", "written");
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage
