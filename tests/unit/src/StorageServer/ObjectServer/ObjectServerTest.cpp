@@ -1,0 +1,292 @@
+#include "StorageServer/ObjectServer/ObjectServer.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "OSAL/Osal.h"
+#include "ObjectServerFixture.h"
+
+namespace Tansy::Tests {
+namespace {
+
+using CloudStorage::AdapterAddresses;
+using CloudStorage::StorageServerConfig;
+using CloudStorage::StorageServerConfig_V1;
+using ::testing::ElementsAre;
+
+class CObjectServerLifecycleTest : public CObjectServerTest {
+ protected:
+  CObjectServerLifecycleTest() { Forget(); }
+
+  // Listeners that are not open, and a server that takes them to be, as after its construction.
+  void Forget() {
+    EXPECT_EQ(server_.SetObjectServerEnable(false), 0);
+    http_.OpenNothing(true);
+    EXPECT_EQ(server_.SetObjectServerEnable(true), 0);
+    http_.Reset();
+    log_->Clear();
+  }
+  static StorageServerConfig PlainConfig() { return Config(); }
+};
+
+TEST_F(CObjectServerLifecycleTest, PlainInitOpensHttpOnBothFamilies) {
+  EXPECT_EQ(server_.Init(PlainConfig()), 0);
+
+  const auto listeners = http_.Listeners();
+  ASSERT_EQ(listeners.size(), 2u);
+  EXPECT_EQ(listeners[0].address, "0.0.0.0");
+  EXPECT_EQ(listeners[1].address, "::");
+  for (const auto& listener : listeners) {
+    EXPECT_FALSE(listener.https);
+    EXPECT_EQ(listener.port, 9700);
+    EXPECT_TRUE(listener.reuse_address);
+    EXPECT_EQ(listener.callback, &CloudStorage::CObjectServer::RecvMsgCallBack);
+  }
+}
+
+TEST_F(CObjectServerLifecycleTest, ThePortIsReadAsSixteenBits) {
+  StorageServerConfig config = PlainConfig();
+  config.upload_port = config.download_port = 65536 + 9700;
+  EXPECT_EQ(server_.Init(config), 0);
+  EXPECT_THAT(http_.Calls(), ElementsAre("start 0.0.0.0:9700", "start [::]:9700"));
+}
+
+TEST_F(CObjectServerLifecycleTest, InitV1OpensHttpsWithTheDefaultCertificate) {
+  EXPECT_EQ(server_.Init(Config()), 0);
+
+  EXPECT_THAT(http_.Calls(), ElementsAre("start 0.0.0.0:9700", "start [::]:9700", "start https 0.0.0.0:9743",
+                                         "start https [::]:9743"));
+  const TansyNet::HttpsServer tls = http_.Listeners()[2].tls;
+  EXPECT_FALSE(tls.request_client_certificate || tls.require_client_certificate || tls.legacy_protocols);
+  EXPECT_EQ(tls.certificate_path, "./META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server");
+  EXPECT_EQ(tls.private_key_path, tls.certificate_path);
+  EXPECT_EQ(tls.trust_path, "");
+}
+
+TEST_F(CObjectServerLifecycleTest, FailedStartsEndInitAndLeaveOpenWhatIsOpen) {
+  struct Case {
+    int start;
+    const char* format;
+  };
+  const Case cases[] = {{1, "[%s]StartHttpServer error, revalue = %d[%s(%d)]"},
+                        {2, "[%s]StartHttpServer v6 error, revalue = %d[%s(%d)]"},
+                        {3, "[%s]StartHttpsServer error, revalue = %d[%s(%d)]"},
+                        {4, "[%s]StartHttpsServer v6 error, revalue = %d[%s(%d)]"}};
+  for (const Case& c : cases) {
+    http_.FailStart(c.start, 1001);
+    EXPECT_EQ(server_.Init(Config()), 1001) << c.start;
+    EXPECT_EQ(log_->Count(c.format, logging::kError), 1u) << c.format;
+    EXPECT_EQ(http_.Calls().size(), static_cast<std::size_t>(c.start));
+    EXPECT_EQ(http_.Listeners().size(), static_cast<std::size_t>(c.start - 1));
+    Forget();
+  }
+}
+
+TEST_F(CObjectServerLifecycleTest, DifferentPortsAreRefusedAfterBothListenersAreOpen) {
+  StorageServerConfig_V1 config = Config();
+  config.upload_port = 8080;
+  config.download_port = 8081;
+  EXPECT_EQ(server_.Init(config), -1);
+  EXPECT_THAT(http_.Calls(), ElementsAre("start 0.0.0.0:8081", "start [::]:8081"));
+  EXPECT_TRUE(http_.Listeners()[0].open && http_.Listeners()[1].open);
+  const auto lines = log_->Find("[%s]unsupport different download port[%d] and upload port[%d][%s(%d)]");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, logging::kError);
+  EXPECT_NE(lines[0].text.find("download port[8081] and upload port[8080]"), std::string::npos) << lines[0].text;
+}
+
+TEST_F(CObjectServerLifecycleTest, EnableRightAfterInitSaysAlreadyStarted) {
+  server_.Init(PlainConfig());
+  EXPECT_EQ(server_.SetObjectServerEnable(true), 0);
+  EXPECT_EQ(log_->Count("[%s]SetPicServerEnable, already started.[%s(%d)]", logging::kNotable), 1u);
+  EXPECT_EQ(http_.Calls().size(), 2u);
+}
+
+TEST_F(CObjectServerLifecycleTest, DisableStopsInOrderAndTwiceSaysAlreadyStopped) {
+  server_.Init(Config());
+  const auto listeners = http_.Listeners();
+  EXPECT_EQ(server_.SetObjectServerEnable(false), 0);
+  const auto calls = http_.Calls();
+  ASSERT_EQ(calls.size(), 8u);
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(calls[4 + i], "stop " + std::to_string(listeners[i].handle));
+  }
+  EXPECT_EQ(log_->Count("[%s]SetPicServerEnable, already stoped.[%s(%d)]"), 0u);
+
+  EXPECT_EQ(server_.SetObjectServerEnable(false), 0);
+  EXPECT_EQ(log_->Count("[%s]SetPicServerEnable, already stoped.[%s(%d)]", logging::kNotable), 1u);
+  EXPECT_EQ(http_.Calls().size(), 8u);
+}
+
+TEST_F(CObjectServerLifecycleTest, EnableStartsAllFourWhicheverInitWasUsed) {
+  server_.Init(PlainConfig());
+  server_.SetObjectServerEnable(false);
+  EXPECT_EQ(server_.SetObjectServerEnable(true), 0);
+  const auto calls = http_.Calls();
+  ASSERT_EQ(calls.size(), 10u);
+  EXPECT_EQ(calls[6], "start 0.0.0.0:9700");
+  EXPECT_EQ(calls[7], "start [::]:9700");
+  EXPECT_EQ(calls[8].substr(0, 20), "start https 0.0.0.0:");
+  EXPECT_EQ(calls[9].substr(0, 17), "start https [::]:");
+}
+
+TEST_F(CObjectServerLifecycleTest, AFailedStopIsReportedAndCanBeTriedAgain) {
+  for (int stop = 1; stop <= 4; ++stop) {
+    server_.Init(Config());
+    http_.FailStop(stop, 1007);
+    EXPECT_EQ(server_.SetObjectServerEnable(false), 1007);
+    const char* const format = stop % 2 == 1 ? "[%s]SetObjectServerEnable, StopServer error, revalue = %d[%s(%d)]"
+                                             : "[%s]SetObjectServerEnable, StopServer v6 error, revalue = %d[%s(%d)]";
+    EXPECT_EQ(log_->Count(format, logging::kError), 1u) << stop;
+    // Still started; the second try stops the rest.
+    EXPECT_EQ(server_.SetObjectServerEnable(false), 0);
+    for (const FakeListener& listener : http_.Listeners()) {
+      EXPECT_FALSE(listener.open);
+    }
+    Forget();
+  }
+}
+
+TEST_F(CObjectServerLifecycleTest, AFailedEnableIsReportedAndCanBeTriedAgain) {
+  const char* const formats[] = {"[%s]SetObjectServerEnable, StartHttpServer error, revalue = %d[%s(%d)]",
+                                 "[%s]SetObjectServerEnable, StartHttpServer v6 error, revalue = %d[%s(%d)]",
+                                 "[%s]StartHttpsServer error, revalue = %d[%s(%d)]",
+                                 "[%s]StartHttpsServer v6 error, revalue = %d[%s(%d)]"};
+  for (int start = 1; start <= 4; ++start) {
+    server_.Init(Config());
+    server_.SetObjectServerEnable(false);
+    http_.FailStart(start, 1005);
+    EXPECT_EQ(server_.SetObjectServerEnable(true), 1005);
+    const auto lines = log_->Find(formats[start - 1]);
+    ASSERT_EQ(lines.size(), 1u) << start;
+    EXPECT_EQ(lines[0].text.rfind("[Tansy::CloudStorage::CObjectServer::SetObjectServerEnable]", 0), 0u)
+        << lines[0].text;
+    // Not started; the second try opens what is missing and nothing twice.
+    EXPECT_EQ(server_.SetObjectServerEnable(true), 0);
+    std::size_t open = 0;
+    for (const FakeListener& listener : http_.Listeners()) {
+      open += listener.open ? 1 : 0;
+    }
+    EXPECT_EQ(open, 4u) << start;
+    EXPECT_EQ(http_.Calls().size(), 4u + 4u + 4u + 1u) << start;
+    Forget();
+  }
+}
+
+TEST_F(CObjectServerLifecycleTest, EnableCallsArePutInLine) {
+  server_.Init(Config());
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([this, i] {
+      for (int round = 0; round < 50; ++round) {
+        EXPECT_EQ(server_.SetObjectServerEnable((round + i) % 2 == 0), 0);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  server_.SetObjectServerEnable(true);
+  std::size_t open = 0;
+  for (const FakeListener& listener : http_.Listeners()) {
+    open += listener.open ? 1 : 0;
+  }
+  EXPECT_EQ(open, 4u);
+}
+
+// Adapters as a test wants them.
+OSAL_AdapterInfo* MakeAdapter(std::uint32_t type, const char* ipv4, const char* ipv6, OSAL_AdapterInfo* next) {
+  auto* adapter = new OSAL_AdapterInfo;
+  adapter->type = type;
+  adapter->next = next;
+  if (ipv4 != nullptr) {
+    adapter->ipv4 = new OSAL_Ipv4Address;
+    std::strncpy(adapter->ipv4->text, ipv4, sizeof(adapter->ipv4->text) - 1);
+  }
+  if (ipv6 != nullptr) {
+    adapter->ipv6 = new OSAL_Ipv6Address;
+    inet_pton(AF_INET6, ipv6, adapter->ipv6->bytes);
+  }
+  return adapter;
+}
+
+struct AdapterGuard {
+  explicit AdapterGuard(OSAL_AdapterSource source) { OSAL_SetAdapterSource(source); }
+  ~AdapterGuard() { OSAL_SetAdapterSource(nullptr); }
+};
+
+TEST_F(CObjectServerLifecycleTest, AdapterAddressesLeaveOutLoopbackAndTunnels) {
+  const AdapterGuard guard([](OSAL_AdapterInfo** adapters) {
+    *adapters =
+        MakeAdapter(24, "127.0.0.1", "::1",
+                    MakeAdapter(6, "10.0.0.8", "fe80::8",
+                                MakeAdapter(131, "10.9.9.9", nullptr, MakeAdapter(71, "10.0.0.9", nullptr, nullptr))));
+    return 0;
+  });
+  AdapterAddresses addresses;
+  EXPECT_TRUE(CloudStorage::CObjectServer::GetAdapterInfo(addresses));
+  EXPECT_THAT(addresses.ipv4, ElementsAre("10.0.0.8", "10.0.0.9"));
+  EXPECT_THAT(addresses.ipv6, ElementsAre("fe80::8"));
+  EXPECT_EQ(log_->Count("[%s]adapter type[%d] is not support[%s(%d)]", logging::kNotable), 2u);
+}
+
+TEST_F(CObjectServerLifecycleTest, AtMostSeventeenAdaptersAreLookedAt) {
+  const AdapterGuard guard([](OSAL_AdapterInfo** adapters) {
+    *adapters = nullptr;
+    for (int i = 18; i >= 1; --i) {
+      *adapters = MakeAdapter(6, ("10.0.0." + std::to_string(i)).c_str(), nullptr, *adapters);
+    }
+    return 0;
+  });
+  AdapterAddresses addresses;
+  EXPECT_TRUE(CloudStorage::CObjectServer::GetAdapterInfo(addresses));
+  EXPECT_EQ(addresses.ipv4.size(), 17u);
+  EXPECT_TRUE(addresses.ipv4.contains("10.0.0.17"));
+  EXPECT_FALSE(addresses.ipv4.contains("10.0.0.18"));
+}
+
+TEST_F(CObjectServerLifecycleTest, AdaptersThatTheSystemDoesNotTell) {
+  const AdapterGuard guard([](OSAL_AdapterInfo** adapters) {
+    *adapters = nullptr;
+    return 111;
+  });
+  AdapterAddresses addresses;
+  EXPECT_FALSE(CloudStorage::CObjectServer::GetAdapterInfo(addresses));
+  EXPECT_NE(log_->Text("[%s]OSAL_GetAdapterInfo failed. Error code[%d].[%s(%d)]").find("code[111]"), std::string::npos);
+}
+
+TEST_F(CObjectServerLifecycleTest, UpdatesWhileRequestsReadTheFields) {
+  const std::string bucket = NewBucket();
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> updaters;
+  updaters.emplace_back([&] {
+    for (int i = 0; !stop; ++i) {
+      server_.UpdateLocalServerIp("10.0.0." + std::to_string(i % 250));
+    }
+  });
+  updaters.emplace_back([&] {
+    for (int i = 0; !stop; ++i) {
+      server_.UpdateWanServerInfo(i % 2 == 0, "198.51.100." + std::to_string(i % 250), 19700);
+    }
+  });
+  updaters.emplace_back([&] {
+    while (!stop) {
+      server_.UpdateWanServerInfoV1({{CloudStorage::WAN_OBJECT_HTTPS_PORT, "19743"}});
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    const FakeAnswer answer = Get("/" + bucket + "/k", "bestnode", {{"Host", "127.0.0.1:9700"}});
+    EXPECT_TRUE(IsXml(answer, Xml("<BestNodeInfo><Location>127.0.0.1:9700</Location></BestNodeInfo>")));
+  }
+  stop = true;
+  for (std::thread& thread : updaters) {
+    thread.join();
+  }
+}
+
+}  // namespace
+}  // namespace Tansy::Tests
