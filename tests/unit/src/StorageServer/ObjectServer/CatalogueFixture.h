@@ -5,11 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
@@ -127,6 +132,28 @@ class CatalogueFixture : public testing::Test {
     EXPECT_TRUE(manager_.AddObjectTask(task));
     StartOver();
     return task;
+  }
+
+  // Runs `beside` on a thread of its own while the first statement with this text is under way in `work`: the statement
+  // waits until `beside` is done, or, when `beside` itself waits for `work`, a while.
+  template <class Work, class Beside>
+  void RunBeside(const std::string& statement, Work work, Beside beside) {
+    std::atomic<bool> started{false};
+    std::promise<void> done;
+    std::thread other;
+    database_.SetHook([&](const std::string& sql) {
+      if (sql.find(statement) != std::string::npos && !started.exchange(true)) {
+        other = std::thread([&] {
+          beside();
+          done.set_value();
+        });
+        done.get_future().wait_for(std::chrono::milliseconds(200));
+      }
+    });
+    work();
+    ASSERT_TRUE(started) << "no statement with " << statement;
+    other.join();
+    database_.SetHook(nullptr);
   }
 
   // Forgets log and statements so far.

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -13,6 +15,7 @@ namespace Tansy::CloudStorage {
 namespace {
 
 using Texts = std::vector<std::string>;
+using Ids = std::set<std::uint32_t>;
 
 class ObjectStorageManagerBuckets : public CatalogueFixture {
  protected:
@@ -235,7 +238,7 @@ TEST_F(ObjectStorageManagerBuckets, RemovesASet) {
   const BucketInfo second = MakeBucket("set-2");
   MakeBucket("set-3");
   MakeObject("set-2", "key");
-  ASSERT_TRUE(manager_.RemoveBucket({second.id, first.id}));
+  ASSERT_TRUE(manager_.RemoveBucket(Ids{second.id, first.id}));
   EXPECT_EQ(database_.Statements(), (Texts{"DELETE FROM platform.local_bucket WHERE id IN (" +
                                                std::to_string(first.id) + "," + std::to_string(second.id) + ");",
                                            "DELETE FROM platform.local_object where bucket_name='set-1';",
@@ -246,14 +249,14 @@ TEST_F(ObjectStorageManagerBuckets, RemovesASet) {
 }
 
 TEST_F(ObjectStorageManagerBuckets, RemovesAnEmptySetWithoutStatement) {
-  EXPECT_TRUE(manager_.RemoveBucket(std::set<std::uint32_t>{}));
+  EXPECT_TRUE(manager_.RemoveBucket(Ids{}));
   EXPECT_EQ(database_.Statements(), Texts{});
 }
 
 TEST_F(ObjectStorageManagerBuckets, RemovesNoSetThatTheDatabaseRefuses) {
   const BucketInfo bucket = MakeBucket("kept");
   database_.FailStatement(1);
-  EXPECT_FALSE(manager_.RemoveBucket({bucket.id, 4711}));
+  EXPECT_FALSE(manager_.RemoveBucket(Ids{bucket.id, 4711}));
   ExpectLine(5, "CObjectStorageManager::RemoveBucket", "[%s]remove buckets failed, db operation failed.[%s(%d)]",
              "remove buckets failed, db operation failed.");
   EXPECT_TRUE(manager_.IsBucketExist("kept"));
@@ -262,7 +265,7 @@ TEST_F(ObjectStorageManagerBuckets, RemovesNoSetThatTheDatabaseRefuses) {
 TEST_F(ObjectStorageManagerBuckets, RemovesASetWhoseObjectsStay) {
   const BucketInfo bucket = MakeBucket("half removed set");
   database_.FailStatementsWith("local_object");
-  EXPECT_TRUE(manager_.RemoveBucket({bucket.id}));
+  EXPECT_TRUE(manager_.RemoveBucket(Ids{bucket.id}));
   ExpectLine(4, "CObjectStorageManager::RemoveBucket", "[%s]remove bucket[%d], remove object failed.[%s(%d)]",
              "remove bucket[" + std::to_string(bucket.id) + "], remove object failed.");
   EXPECT_FALSE(manager_.IsBucketExist("half removed set"));
@@ -302,6 +305,38 @@ TEST_F(ObjectStorageManagerBuckets, AreMadeOnceByManyThreads) {
   }
   EXPECT_EQ(made, 10);
   EXPECT_EQ(Rows("name").size(), 10U);
+}
+
+TEST_F(ObjectStorageManagerBuckets, CanBeMadeAnewBesideTheirRemoval) {
+  for (const bool as_set : {false, true}) {
+    const BucketInfo bucket = MakeBucket("made anew");
+    BucketInfo again = Named("made anew");
+    RunBeside(
+        "DELETE FROM platform.local_object",
+        [&] { EXPECT_TRUE(as_set ? manager_.RemoveBucket(Ids{bucket.id}) : manager_.RemoveBucket(bucket.id)); },
+        [&] { EXPECT_TRUE(manager_.AddBucket(again)); });
+    BucketInfo found;
+    ASSERT_TRUE(manager_.GetBucketByName(found, "made anew"));
+    EXPECT_EQ(found.id, again.id);
+    EXPECT_EQ(Rows("id"), Texts{std::to_string(again.id)});
+    EXPECT_TRUE(manager_.RemoveBucket(again.id));
+  }
+}
+
+TEST_F(ObjectStorageManagerBuckets, CanBeChangedBesideTheirMaking) {
+  BucketInfo bucket = Named("made");
+  RunBeside(
+      "INSERT", [&] { EXPECT_TRUE(manager_.AddBucket(bucket)); },
+      [&] {
+        BucketInfo change = Named("made");
+        change.id = bucket.id;
+        change.location = "changed";
+        EXPECT_TRUE(manager_.ModifyBucket(change));
+      });
+  BucketInfo found;
+  ASSERT_TRUE(manager_.GetBucketByName(found, "made"));
+  EXPECT_EQ(found.location, "changed");
+  EXPECT_EQ(Rows("location"), Texts{"changed"});
 }
 
 // Changes and removals of one bucket from many threads: what is left in memory is what is left in the database.

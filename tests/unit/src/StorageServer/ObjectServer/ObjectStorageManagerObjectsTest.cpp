@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <map>
 #include <string>
 #include <thread>
@@ -364,6 +366,39 @@ TEST_F(ObjectStorageManagerParallel, UploadsIntoABucketThatGoesAndComesBack) {
   comes_and_goes.join();
   ASSERT_TRUE(manager_.IsBucketExist("bucket"));
   ExpectAgreement("bucket", names);
+}
+
+TEST_F(ObjectStorageManagerParallel, ARemovalBesideAnUploadComesAfterIt) {
+  MakeBucket("bucket");
+  ObjectInfo object = Object("bucket", "key");
+  RunBeside(
+      "INSERT", [&] { EXPECT_TRUE(manager_.AddObject(object)); },
+      [&] { EXPECT_TRUE(manager_.RemoveObject("key", "bucket")); });
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+  EXPECT_EQ(Rows("name"), Texts{});
+}
+
+TEST_F(ObjectStorageManagerParallel, TheRemovalOfABucketComesAfterAnUploadUnderWay) {
+  const BucketInfo bucket = MakeBucket("bucket");
+  ObjectInfo object = Object("bucket", "key");
+  RunBeside(
+      "INSERT", [&] { EXPECT_TRUE(manager_.AddObject(object)); },
+      [&] { EXPECT_TRUE(manager_.RemoveBucket(bucket.id)); });
+  EXPECT_EQ(Rows("name"), Texts{});
+  MakeBucket("bucket");
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+}
+
+TEST_F(ObjectStorageManagerParallel, ASecondUploadOfANewNameBesideTheFirstUpdatesIt) {
+  MakeBucket("bucket");
+  ObjectInfo first = Object("bucket", "key");
+  ObjectInfo second = Object("bucket", "key");
+  second.url = "second";
+  RunBeside(
+      "INSERT", [&] { EXPECT_TRUE(manager_.AddObject(first)); }, [&] { EXPECT_TRUE(manager_.AddObject(second)); });
+  EXPECT_EQ(second.id, first.id);
+  EXPECT_EQ(Rows("url"), Texts{"second"});
+  EXPECT_EQ(Find("bucket", "key").url, "second");
 }
 
 // The statement of one name does not hold up another one: only the look-ups wait for the mutex of the objects.
