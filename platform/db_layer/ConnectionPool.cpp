@@ -121,6 +121,11 @@ std::deque<CConnectionPool::Idle> CConnectionPool::TakeUnused() {
   return unused;
 }
 
+std::size_t CConnectionPool::CountWaiting() const {
+  const std::lock_guard lock(mutex_);
+  return queue_.size();
+}
+
 void CConnectionPool::Reset(const DBParam& param, std::shared_ptr<IDriver> driver) {
   std::deque<Idle> old;
   {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -34,6 +35,8 @@ class CConnectionPool {
   // An empty lease with `error` filled in on failure.
   Lease Take(std::chrono::milliseconds wait, std::string& error);
   void Return(Lease lease);
+  // Callers that Take holds at the moment.
+  std::size_t CountWaiting() const;
   // Later connections are opened with these.
   void Reset(const DBParam& param, std::shared_ptr<IDriver> driver);
   // Nothing is handed out from here on. Waits for what is out, at most this long.
@@ -51,7 +54,7 @@ class CConnectionPool {
   std::size_t CountWanted() const;
   std::size_t CountAllowed() const;
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable changed_;
   DBParam param_;
   std::shared_ptr<IDriver> driver_;

@@ -44,4 +44,9 @@ void CGroupCommit::Run(SqlWrite& write) {
   waiting_.front()->wake.notify_one();
 }
 
+std::size_t CGroupCommit::CountWaiting() const {
+  const std::lock_guard lock(mutex_);
+  return waiting_.size();
+}
+
 }  // namespace db_layer

@@ -3,6 +3,7 @@
 #define TANSY_DB_LAYER_GROUP_COMMIT_H
 
 #include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -31,6 +32,8 @@ class CGroupCommit {
   // Returns when the write was carried out. A caller alone starts at once; callers that come while a batch is under way
   // make up the next one.
   void Run(SqlWrite& write);
+  // Callers that the next batch will serve.
+  std::size_t CountWaiting() const;
 
  private:
   struct Waiter {
@@ -41,7 +44,7 @@ class CGroupCommit {
   };
 
   const Executor executor_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   bool has_leader_ = false;
   std::vector<Waiter*> waiting_;
 };

@@ -8,8 +8,15 @@ CSqliteConnect::CSqliteConnect(std::shared_ptr<CSqliteDatabase> database) : data
 
 bool CSqliteConnect::Open(SqlError& error) {
   // Read first: a file that is replaced meanwhile is then noticed later rather than not at all.
-  generation_ = database_->Generation();
-  return database_->OpenReader(reader_, error);
+  const int generation = database_->Generation();
+  auto reader = std::make_unique<CSqliteHandle>();
+  if (!database_->OpenReader(*reader, error)) {
+    return false;
+  }
+  reader_ = std::move(reader);
+  generation_ = generation;
+  is_broken_ = false;
+  return true;
 }
 
 bool CSqliteConnect::Execute(const std::string& sql) {
@@ -18,7 +25,7 @@ bool CSqliteConnect::Execute(const std::string& sql) {
 
 bool CSqliteConnect::ExecuteAll(const std::vector<std::string>& statements) {
   rows_.Clear();
-  return database_->Write(statements, nullptr, error_) || Failed();
+  return database_->Write(statements, nullptr, error_);
 }
 
 bool CSqliteConnect::Query(const std::string& sql) {
@@ -27,10 +34,19 @@ bool CSqliteConnect::Query(const std::string& sql) {
     return false;
   }
   bool writes = false;
-  if (reader_.RunIfReading(sql, rows_, writes, error_)) {
-    return true;
-  }
-  return (writes && database_->Write({sql}, &rows_, error_)) || Failed();
+  return Read(sql, writes) || (writes && database_->Write({sql}, &rows_, error_));
+}
+
+// A connection that met a failure gets a new reader, so that it works again once the cause is gone.
+bool CSqliteConnect::EnsureReader() {
+  const bool is_current = !is_broken_ && generation_ == database_->Generation();
+  return is_current || Open(error_);
+}
+
+bool CSqliteConnect::Read(const std::string& sql, bool& writes) {
+  const bool succeeded = reader_->RunIfReading(sql, rows_, writes, error_);
+  is_broken_ = !succeeded && !writes && IsBroken(error_);
+  return succeeded;
 }
 
 int CSqliteConnect::GetLastError(std::string& text) {
@@ -58,21 +74,9 @@ std::int32_t CSqliteConnect::GetInt(const std::string& column) {
   return rows_.GetInt(column);
 }
 
+// Never broken for good: see EnsureReader.
 bool CSqliteConnect::IsHealthy() {
-  return reader_.IsOpen();
-}
-
-// A holder that keeps its connection over a failure gets a working one once the cause is gone.
-bool CSqliteConnect::EnsureReader() {
-  const bool is_current = reader_.IsOpen() && generation_ == database_->Generation();
-  return is_current || Open(error_) || Failed();
-}
-
-bool CSqliteConnect::Failed() {
-  if (IsBroken(error_)) {
-    reader_.Close();
-  }
-  return false;
+  return true;
 }
 
 std::unique_ptr<CConnect> CSqliteDriver::Open(const DBParam& param, std::string& error) {

@@ -18,6 +18,7 @@ class CSqliteConnect final : public CConnect {
  public:
   explicit CSqliteConnect(std::shared_ptr<CSqliteDatabase> database);
 
+  // Opens the reader, again if need be.
   bool Open(SqlError& error);
 
   bool Execute(const std::string& sql) override;
@@ -33,12 +34,13 @@ class CSqliteConnect final : public CConnect {
 
  private:
   bool EnsureReader();
-  bool Failed();
+  bool Read(const std::string& sql, bool& writes);
 
   // Declared first: the reader must be closed before the database may go.
   std::shared_ptr<CSqliteDatabase> database_;
-  CSqliteHandle reader_;
+  std::unique_ptr<CSqliteHandle> reader_;
   int generation_ = 0;
+  bool is_broken_ = false;
   CRowBuffer rows_;
   SqlError error_;
 };

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <system_error>
 
 namespace db_layer {
 
@@ -31,6 +32,14 @@ bool SetError(SqlError& error, int code, const char* text) {
   error.code = code;
   error.text = OneLine(text);
   return false;
+}
+
+// SQLite says no more than that it is unable to open; the system knows why.
+void AddSystemReason(sqlite3* db, SqlError& error) {
+  const int reason = sqlite3_system_errno(db);
+  if ((error.code & 0xFF) == SQLITE_CANTOPEN && reason != 0) {
+    error.text += " (" + std::system_category().message(reason) + ")";
+  }
 }
 
 // SQL: nextval(name). NULL gives NULL, as in other databases.
@@ -111,6 +120,7 @@ bool CSqliteHandle::Open(const std::string& path, const SqliteOptions& options, 
   sqlite3_create_function_v2(db_, "nextval", 1, SQLITE_UTF8, &sequences, &details::NextValueFunction, nullptr, nullptr,
                              nullptr);
   if (!Attach(path, error) || !Configure(options, error)) {
+    details::AddSystemReason(db_, error);
     Close();
     return false;
   }
@@ -134,17 +144,17 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
   if (sqlite3_db_readonly(db_, "platform") == 1) {
     return details::SetError(error, SQLITE_READONLY, "the database file cannot be written to");
   }
+  const char* synchronous =
+      options.full_durability ? "PRAGMA platform.synchronous=FULL" : "PRAGMA platform.synchronous=NORMAL";
   // Write-ahead logging: readers see the last commit and neither wait for writers nor hold them up.
   CRowBuffer mode;
-  if (!RunOwn("PRAGMA platform.journal_mode=WAL", &mode, error)) {
+  if (!RunOwn(synchronous, error) || !RunOwn("PRAGMA platform.journal_mode=WAL", &mode, error)) {
     return false;
   }
   if (mode.GetString("journal_mode") != "wal") {
     return details::SetError(error, SQLITE_ERROR, "the database cannot use a write-ahead log here");
   }
-  const char* synchronous =
-      options.full_durability ? "PRAGMA platform.synchronous=FULL" : "PRAGMA platform.synchronous=NORMAL";
-  return RunOwn(synchronous, error) && RunOwn("PRAGMA temp_store=MEMORY", error) &&
+  return RunOwn("PRAGMA temp_store=MEMORY", error) &&
          // Gives the space of an unusually long log back.
          RunOwn("PRAGMA platform.journal_size_limit=67108864", error) &&
          // Reads the schema now: a file that is no database shows here.

@@ -81,78 +81,93 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   for (SqlWrite* write : alone) {
     RunAlone(*write);
   }
-  CloseIfBroken(batch);
+  is_in_doubt_ = std::any_of(batch.begin(), batch.end(),
+                             [](const SqlWrite* write) { return !write->succeeded && IsBroken(write->error); });
 }
 
 bool CSqliteWriter::EnsureOpen(SqlError& error) {
-  if (handle_.IsOpen() && !handle_.HasMoved()) {
-    return true;
-  }
-  ++generation_;
-  sequences_.Forget();
-  if (!handle_.Open(path_, options_, sequences_, error)) {
+  const bool works = handle_ && !handle_->HasMoved() && (!is_in_doubt_ || Recovers());
+  return works || Reopen(error);
+}
+
+// Copies the log into the database and empties it. Besides showing that the file works again this removes what a failed
+// commit left behind in the log.
+bool CSqliteWriter::Recovers() {
+  SqlError error;
+  is_in_doubt_ = !handle_->RunOwn("PRAGMA platform.wal_checkpoint(TRUNCATE)", error);
+  return !is_in_doubt_;
+}
+
+// The old connection goes after the new one is there. If all were closed in between, the next one would read the log as
+// after a crash, and take a commit that failed while it was made durable for one that succeeded.
+bool CSqliteWriter::Reopen(SqlError& error) {
+  auto handle = std::make_unique<CSqliteHandle>();
+  if (!handle->Open(path_, options_, sequences_, error)) {
     return false;
   }
   // A new file whose entry is not in its folder after a power failure is as lost as one that was never written.
   if (options_.full_durability && !SyncFolderOf(path_)) {
     error = {SQLITE_IOERR_DIR_FSYNC, "the folder of the database cannot be made durable"};
-    handle_.Close();
     return false;
   }
+  handle_ = std::move(handle);
+  is_in_doubt_ = false;
+  ++generation_;
+  sequences_.Forget();
   return true;
 }
 
 // False when the transaction was lost on the way; `writes` is then what has to run again.
 bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
   SqlError error;
-  if (!handle_.RunOwn("BEGIN IMMEDIATE", error)) {
+  if (!handle_->RunOwn("BEGIN IMMEDIATE", error)) {
     details::FailAll(writes, error);
     return true;
   }
   for (auto it = writes.begin(); it != writes.end(); ++it) {
     (*it)->succeeded = RunInSavepoint(**it);
-    if (!handle_.IsInTransaction()) {
+    if (!handle_->IsInTransaction()) {
       writes.erase(it);
       return false;
     }
   }
   std::erase_if(writes, [](const SqlWrite* write) { return !write->succeeded; });
-  if (handle_.RunOwn("COMMIT", error)) {
+  if (handle_->RunOwn("COMMIT", error)) {
     return true;
   }
   details::FailAll(writes, error);
   SqlError ignored;
-  if (handle_.IsInTransaction()) {
-    handle_.RunOwn("ROLLBACK", ignored);
+  if (handle_->IsInTransaction()) {
+    handle_->RunOwn("ROLLBACK", ignored);
   }
   return true;
 }
 
 bool CSqliteWriter::RunInSavepoint(SqlWrite& write) {
-  if (!handle_.RunOwn("SAVEPOINT one_write", write.error)) {
+  if (!handle_->RunOwn("SAVEPOINT one_write", write.error)) {
     return false;
   }
   const bool succeeded = RunStatements(write);
-  if (!handle_.IsInTransaction()) {
+  if (!handle_->IsInTransaction()) {
     return false;
   }
   SqlError error;
-  const bool undone = succeeded || handle_.RunOwn("ROLLBACK TO one_write", error);
-  if (undone && handle_.RunOwn("RELEASE one_write", error)) {
+  const bool undone = succeeded || handle_->RunOwn("ROLLBACK TO one_write", error);
+  if (undone && handle_->RunOwn("RELEASE one_write", error)) {
     return succeeded;
   }
   // What this write left behind cannot be told from the others' work any more.
   if (succeeded) {
     write.error = error;
   }
-  handle_.RunOwn("ROLLBACK", error);
+  handle_->RunOwn("ROLLBACK", error);
   return false;
 }
 
 bool CSqliteWriter::RunStatements(SqlWrite& write) {
   for (const std::string& sql : *write.statements) {
-    sequences_.UseTransactionOf(&handle_);
-    const bool succeeded = handle_.Run(sql, write.rows, write.error);
+    sequences_.UseTransactionOf(handle_.get());
+    const bool succeeded = handle_->Run(sql, write.rows, write.error);
     sequences_.UseTransactionOf(nullptr);
     if (!succeeded) {
       return false;
@@ -162,16 +177,7 @@ bool CSqliteWriter::RunStatements(SqlWrite& write) {
 }
 
 void CSqliteWriter::RunAlone(SqlWrite& write) {
-  write.succeeded = handle_.Run(write.statements->front(), write.rows, write.error);
-}
-
-// A new connection starts without whatever state the failure left in this one.
-void CSqliteWriter::CloseIfBroken(const std::vector<SqlWrite*>& batch) {
-  const bool broken = std::any_of(batch.begin(), batch.end(),
-                                  [](const SqlWrite* write) { return !write->succeeded && IsBroken(write->error); });
-  if (broken) {
-    handle_.Close();
-  }
+  write.succeeded = handle_->Run(write.statements->front(), write.rows, write.error);
 }
 
 }  // namespace db_layer

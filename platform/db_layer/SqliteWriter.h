@@ -3,6 +3,7 @@
 #define TANSY_DB_LAYER_SQLITE_WRITER_H
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,8 @@ class CSqliteWriter {
  public:
   CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences);
 
-  // Opens the file when it is not open, or when the file behind the path is another one by now.
+  // Opens the file when it is not open, when the file behind the path is another one by now, or when the connection
+  // does not recover from a failure.
   bool EnsureOpen(SqlError& error);
   // Commits the batch in one transaction, a savepoint for each write: a refused write fails alone. When the commit
   // fails, all fail and nothing is applied.
@@ -38,12 +40,14 @@ class CSqliteWriter {
   bool RunInSavepoint(SqlWrite& write);
   bool RunStatements(SqlWrite& write);
   void RunAlone(SqlWrite& write);
-  void CloseIfBroken(const std::vector<SqlWrite*>& batch);
+  bool Recovers();
+  bool Reopen(SqlError& error);
 
   const std::string path_;
   const SqliteOptions options_;
   IWriterSequences& sequences_;
-  CSqliteHandle handle_;
+  std::unique_ptr<CSqliteHandle> handle_;
+  bool is_in_doubt_ = false;  // the last batch met a failure that may be the connection's
   std::atomic<int> generation_{0};
 };
 

@@ -1,0 +1,125 @@
+#include "db_layer/GroupCommit.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstddef>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace db_layer {
+namespace {
+
+void SucceedAll(const std::vector<SqlWrite*>& batch) {
+  for (SqlWrite* write : batch) {
+    write->succeeded = true;
+  }
+}
+
+TEST(GroupCommitTest, CallerAloneRunsAtOnceOnItsOwnThread) {
+  std::thread::id runner;
+  std::size_t size = 0;
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    runner = std::this_thread::get_id();
+    size = batch.size();
+    SucceedAll(batch);
+  });
+  SqlWrite write;
+  group.Run(write);
+  EXPECT_TRUE(write.succeeded);
+  EXPECT_EQ(runner, std::this_thread::get_id());
+  EXPECT_EQ(size, 1U);
+}
+
+TEST(GroupCommitTest, WhoComesDuringABatchMakesUpTheNext) {
+  constexpr std::size_t kLate = 7;
+  std::promise<void> first_runs;
+  std::promise<void> go_on;
+  std::vector<std::size_t> sizes;
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    if (sizes.empty()) {
+      first_runs.set_value();
+      go_on.get_future().wait();
+    }
+    sizes.push_back(batch.size());
+    SucceedAll(batch);
+  });
+
+  std::vector<SqlWrite> writes(1 + kLate);
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] { group.Run(writes[0]); });
+  first_runs.get_future().wait();
+  for (std::size_t i = 1; i <= kLate; ++i) {
+    threads.emplace_back([&, i] { group.Run(writes[i]); });
+  }
+  while (group.CountWaiting() < kLate) {
+    std::this_thread::yield();
+  }
+  go_on.set_value();
+  for (auto& thread : threads) {
+    thread.join();
+  }
+
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{1, kLate}));
+  for (const auto& write : writes) {
+    EXPECT_TRUE(write.succeeded);
+  }
+}
+
+TEST(GroupCommitTest, EachCallerGetsItsOwnOutcome) {
+  CGroupCommit group([](const std::vector<SqlWrite*>& batch) {
+    for (SqlWrite* write : batch) {
+      write->error = {static_cast<int>(write->statements->size()), write->statements->front()};
+    }
+  });
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int round = 0; round < 500; ++round) {
+        const std::string text = std::to_string(thread) + "." + std::to_string(round);
+        const std::vector<std::string> statements(static_cast<std::size_t>(1 + thread), text);
+        SqlWrite write;
+        write.statements = &statements;
+        group.Run(write);
+        wrong += write.error.text == text && write.error.code == 1 + thread ? 0 : 1;
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(GroupCommitTest, OneBatchAtATime) {
+  std::atomic<int> running{0};
+  std::atomic<int> overlaps{0};
+  std::atomic<std::size_t> total{0};
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    overlaps += ++running > 1 ? 1 : 0;
+    total += batch.size();
+    SucceedAll(batch);
+    --running;
+  });
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 1000; ++round) {
+        SqlWrite write;
+        group.Run(write);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(overlaps, 0);
+  EXPECT_EQ(total, 8000U);
+}
+
+}  // namespace
+}  // namespace db_layer
