@@ -64,6 +64,7 @@ int CFileVolume::NewPlace(Place& place) {
   place.name.volume = key_;
 
   const std::lock_guard lock(mutex_);
+  place.name.folder = details::FolderDigits(folder_number_);  // whole also when what follows fails
   if (folder_ == nullptr || files_in_folder_ >= details::kFilesInFolder) {
     if (const int error = OpenCurrentFolder()) {
       return error;

@@ -62,7 +62,9 @@ int Run(int argc, const char* const* argv) {
   } catch (const std::exception& error) {
     details::Complain(error.what());
   }
-  logging::SetSink(nullptr);  // writes what waits
+  // The program ends without destroying anything, so what waits is written here.
+  std::cout.flush();
+  logging::SetSink(nullptr);
   return exit_code;
 }
 

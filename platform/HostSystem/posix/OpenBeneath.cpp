@@ -30,31 +30,6 @@ bool IsPlainPath(const std::string& name) {
   }
 }
 
-// The portable way: one open a folder.
-int WalkBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor) {
-  int current = folder;
-  int error = 0;
-  std::size_t begin = 0;
-  while (error == 0) {
-    const std::size_t slash = name.find('/', begin);
-    const bool last = slash == std::string::npos;
-    const std::string part = name.substr(begin, last ? std::string::npos : slash - begin);
-    const int part_flags = last ? flags : O_RDONLY | O_DIRECTORY;
-    const int next = ::openat(current, part.c_str(), part_flags | O_NOFOLLOW | O_CLOEXEC, mode);
-    error = next < 0 ? errno : 0;
-    if (current != folder) {
-      ::close(current);
-    }
-    current = next;
-    if (last) {
-      break;
-    }
-    begin = slash + 1;
-  }
-  descriptor = current;
-  return error;
-}
-
 #if defined(__linux__)
 // One system call for the whole name, on kernels that have it and where no sandbox forbids it.
 std::atomic<bool> g_has_openat2{true};
@@ -93,6 +68,30 @@ bool TryOpenAt2(int folder, const std::string& name, int flags, unsigned int mod
 bool IsPlainName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
+}
+
+int WalkBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor) {
+  int current = folder;
+  int error = 0;
+  std::size_t begin = 0;
+  while (error == 0) {
+    const std::size_t slash = name.find('/', begin);
+    const bool last = slash == std::string::npos;
+    const std::string part = name.substr(begin, last ? std::string::npos : slash - begin);
+    const int part_flags = last ? flags : O_RDONLY | O_DIRECTORY;
+    const int next = ::openat(current, part.c_str(), part_flags | O_NOFOLLOW | O_CLOEXEC, mode);
+    error = next < 0 ? errno : 0;
+    if (current != folder) {
+      ::close(current);
+    }
+    current = next;
+    if (last) {
+      break;
+    }
+    begin = slash + 1;
+  }
+  descriptor = current;
+  return error;
 }
 
 int OpenBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor) {

@@ -1,0 +1,209 @@
+#include "Schema.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "StartFailure.h"
+#include "fakes/TempFolder.h"
+
+namespace Tansy::Host {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A second opinion on the file, without the code under test.
+class CDatabase {
+ public:
+  explicit CDatabase(const std::string& file) {
+    EXPECT_EQ(sqlite3_open(":memory:", &database_), SQLITE_OK);
+    Run("ATTACH DATABASE '" + file + "' AS platform");
+  }
+  ~CDatabase() { sqlite3_close(database_); }
+
+  void Run(const std::string& sql) {
+    char* error = nullptr;
+    EXPECT_EQ(sqlite3_exec(database_, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << sql << ": " << error;
+    sqlite3_free(error);
+  }
+  // All values of all rows, joined with "|".
+  std::vector<std::string> Rows(const std::string& sql) {
+    std::vector<std::string> rows;
+    const auto add = [](void* list, int count, char** values, char**) {
+      std::string row;
+      for (int i = 0; i < count; ++i) {
+        row += (i == 0 ? "" : "|") + std::string(values[i] == nullptr ? "NULL" : values[i]);
+      }
+      static_cast<std::vector<std::string>*>(list)->push_back(row);
+      return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(database_, sql.c_str(), add, &rows, nullptr), SQLITE_OK) << sql;
+    return rows;
+  }
+
+ private:
+  sqlite3* database_ = nullptr;
+};
+
+class SchemaTest : public testing::Test {
+ protected:
+  std::string FailureOf(const std::vector<SchemaScript>& scripts) {
+    try {
+      PrepareSqliteSchema(file_, scripts, {});
+    } catch (const CStartFailure& failure) {
+      EXPECT_EQ(failure.GetExitCode(), kExitFailed);
+      return failure.what();
+    }
+    return "";
+  }
+
+  fakes::CTempFolder temp_;
+  std::string file_ = temp_.Path("catalogue.db");
+};
+
+TEST_F(SchemaTest, AFreshFileGetsEverythingAndASecondStartChangesNothing) {
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {{"fs01", "fs01\\"}});
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {{"fs01", "fs01\\"}});
+  CDatabase database(file_);
+  EXPECT_EQ(database.Rows("SELECT version FROM platform.schema_version").size(), SqliteSchemaScripts().size());
+  EXPECT_THAT(database.Rows("SELECT * FROM platform.picture_url_encrypt"), ElementsAre("fs01|fs01\\"));
+  EXPECT_EQ(database.Rows("SELECT * FROM platform.sequences").size(), 3U);
+  database.Run(
+      "INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) "
+      "VALUES (1, '', 'o', 'b', -1, 't', 'u')");
+  EXPECT_THAT(database.Rows("SELECT is_deleted, size FROM platform.local_object"), ElementsAre("0|-1"));
+}
+
+TEST_F(SchemaTest, ScriptsAreNumberedFromOneWithoutGaps) {
+  int expected = 1;
+  for (const SchemaScript& script : SqliteSchemaScripts()) {
+    EXPECT_EQ(script.version, expected++) << script.name;
+  }
+}
+
+TEST_F(SchemaTest, OnlyNewScriptsRun) {
+  const SchemaScript first = {1, "one", "CREATE TABLE platform.a (x);"};
+  const SchemaScript second = {2, "two", "CREATE TABLE platform.b (x); INSERT INTO platform.b VALUES (1);"};
+  PrepareSqliteSchema(file_, {first}, {});
+  CDatabase(file_).Run("INSERT INTO platform.a VALUES (7)");
+  PrepareSqliteSchema(file_, {first, second}, {});
+  PrepareSqliteSchema(file_, {first, second}, {});
+  CDatabase database(file_);
+  EXPECT_THAT(database.Rows("SELECT x FROM platform.a"), ElementsAre("7"));
+  EXPECT_THAT(database.Rows("SELECT x FROM platform.b"), ElementsAre("1"));
+  EXPECT_THAT(database.Rows("SELECT version, name FROM platform.schema_version"), ElementsAre("1|one", "2|two"));
+}
+
+TEST_F(SchemaTest, AScriptThatFailsLeavesTheVersionBeforeIt) {
+  const SchemaScript first = {1, "one", "CREATE TABLE platform.a (x);"};
+  const SchemaScript broken = {2, "two", "CREATE TABLE platform.b (x); CREATE TABLE platform.a (x);"};
+  EXPECT_THAT(FailureOf({first, broken}), HasSubstr("two failed"));
+  CDatabase database(file_);
+  EXPECT_THAT(database.Rows("SELECT version FROM platform.schema_version"), ElementsAre("1"));
+  EXPECT_THAT(database.Rows("SELECT name FROM platform.sqlite_master WHERE name = 'b'"), ElementsAre());
+}
+
+TEST_F(SchemaTest, ANewerVersionIsRefusedAndNotTouched) {
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {});
+  CDatabase(file_).Run("INSERT INTO platform.schema_version VALUES (4711, 'later', '')");
+  const std::string before = temp_.Read("catalogue.db");
+  EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("4711"));
+  EXPECT_EQ(temp_.Read("catalogue.db"), before);
+}
+
+TEST_F(SchemaTest, WhatIsNoCatalogueIsLeftAlone) {
+  temp_.Write("catalogue.db", "this is no database, just some text that is long enough to look at");
+  EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("cannot be"));
+  EXPECT_THAT(temp_.Read("catalogue.db"), testing::StartsWith("this is no database"));
+}
+
+TEST_F(SchemaTest, SomebodyElsesTablesAreLeftAlone) {
+  CDatabase(file_).Run("CREATE TABLE platform.local_object (mine); INSERT INTO platform.local_object VALUES (1)");
+  EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("already exists"));
+  CDatabase database(file_);
+  EXPECT_THAT(database.Rows("SELECT * FROM platform.local_object"), ElementsAre("1"));
+  EXPECT_THAT(database.Rows("SELECT name FROM platform.sqlite_master WHERE name = 'local_bucket'"), ElementsAre());
+}
+
+TEST_F(SchemaTest, AMissingFolderIsAFailure) {
+  file_ = temp_.Path("none/catalogue.db");
+  EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("cannot be"));
+}
+
+TEST_F(SchemaTest, AVolumeThatMovedGetsItsNewPrefix) {
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {{"fs01", "old"}});
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {{"fs01", "new"}, {"fs02", "x"}});
+  EXPECT_THAT(CDatabase(file_).Rows("SELECT * FROM platform.picture_url_encrypt ORDER BY 1"),
+              ElementsAre("fs01|new", "fs02|x"));
+}
+
+class ReleaseTriggerTest : public SchemaTest {
+ protected:
+  void SetUp() override { PrepareSqliteSchema(file_, SqliteSchemaScripts(), {}); }
+  std::vector<std::string> Released() {
+    return database_.Rows("SELECT url, bucket_name, object_name FROM platform.released_bytes ORDER BY id");
+  }
+  void InsertObject(int id, const std::string& name, const std::string& url) {
+    database_.Run("INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) VALUES (" +
+                  std::to_string(id) + ", '', '" + name + "', 'b', 1, 't', '" + url + "')");
+  }
+  void InsertPart(int id, int part, const std::string& url) {
+    database_.Run(
+        "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, size, part_num, update_time, "
+        "url) values (" +
+        std::to_string(id) + ", 'task', 'o', 'b', 1, " + std::to_string(part) + ", 't', '" + url + "')");
+  }
+
+  CDatabase database_{(PrepareSqliteSchema(file_, SqliteSchemaScripts(), {}), file_)};
+};
+
+TEST_F(ReleaseTriggerTest, OverwritingReleasesTheOldBytes) {
+  InsertObject(1, "o", "u1");
+  database_.Run("UPDATE platform.local_object set size=2, update_time='t2', url='u2' where id=1 ;");
+  EXPECT_THAT(Released(), ElementsAre("u1|b|o"));
+  database_.Run("UPDATE platform.local_object set size=3, update_time='t3', url='u2' where id=1 ;");
+  EXPECT_EQ(Released().size(), 1U) << "the same bytes under a new size are still in use";
+}
+
+TEST_F(ReleaseTriggerTest, RemovingAnObjectReleasesNothing) {
+  InsertObject(1, "o", "u1");
+  database_.Run("DELETE FROM platform.local_object where id=1");
+  EXPECT_THAT(Released(), ElementsAre());
+}
+
+TEST_F(ReleaseTriggerTest, AStaleRowOfTheSameNameGivesWay) {
+  InsertObject(1, "o", "u1");
+  InsertObject(2, "o", "u2");
+  EXPECT_THAT(database_.Rows("SELECT id, url FROM platform.local_object"), ElementsAre("2|u2"));
+  EXPECT_THAT(Released(), ElementsAre("u1|b|o"));
+  InsertObject(3, "other", "u3");
+  EXPECT_EQ(database_.Rows("SELECT id FROM platform.local_object").size(), 2U);
+}
+
+TEST_F(ReleaseTriggerTest, ARowHiddenByHandStays) {
+  InsertObject(1, "o", "u1");
+  database_.Run("UPDATE platform.local_object SET is_deleted = 1");
+  InsertObject(2, "o", "u2");
+  EXPECT_EQ(database_.Rows("SELECT id FROM platform.local_object").size(), 2U);
+  EXPECT_THAT(Released(), ElementsAre());
+}
+
+TEST_F(ReleaseTriggerTest, ATaskThatBecameAnObjectReleasesNothing) {
+  InsertPart(1, 1, "u");
+  InsertPart(2, 2, "u");
+  InsertObject(1, "o", "u");
+  database_.Run("DELETE FROM platform.local_object_task WHERE task_id = 'task' ");
+  EXPECT_THAT(Released(), ElementsAre());
+}
+
+TEST_F(ReleaseTriggerTest, ATaskThatExpiredReleasesItsBytesOnce) {
+  InsertObject(1, "o", "other bytes under the same name");
+  InsertPart(1, 1, "u");
+  InsertPart(2, 2, "u");
+  database_.Run("DELETE FROM platform.local_object_task WHERE task_id = 'task' ");
+  EXPECT_THAT(Released(), ElementsAre("u|b|o"));
+}
+
+}  // namespace
+}  // namespace Tansy::Host
