@@ -1,0 +1,316 @@
+#include "TansyBase/MessageLoop.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <latch>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "fakes/CapturingLogSink.h"
+#include "fakes/HeldLoop.h"
+
+namespace TansyBase {
+namespace {
+
+using namespace std::chrono_literals;
+using Tansy::Tests::CHeldLoop;
+using Tansy::Tests::CLogCapture;
+using Tansy::Tests::Post;
+
+// Tells when it is run and when it is deleted.
+class CCountedTask : public CTask {
+ public:
+  CCountedTask(std::atomic<int>& runs, std::atomic<int>& deletions) : runs_(runs), deletions_(deletions) {}
+  ~CCountedTask() override { ++deletions_; }
+  void Exec() override { ++runs_; }
+
+ private:
+  std::atomic<int>& runs_;
+  std::atomic<int>& deletions_;
+};
+
+class MessageLoop : public ::testing::Test {
+ protected:
+  bool PostCounted() { return loop_.PostTask(new CCountedTask(runs_, deletions_)); }
+
+  std::atomic<int> runs_{0};
+  std::atomic<int> deletions_{0};
+  CMessageLoopDyThreadPool loop_;  // last: its threads use what stands above
+};
+
+// Waits until `condition` holds, for a generous while.
+template <typename Condition>
+bool Eventually(const Condition& condition) {
+  for (int i = 0; i < 5000 && !condition(); ++i) {
+    std::this_thread::sleep_for(1ms);
+  }
+  return condition();
+}
+
+TEST_F(MessageLoop, RefusesNumbersThatMakeNoSense) {
+  EXPECT_FALSE(loop_.Start(0, 1, 1));
+  EXPECT_FALSE(loop_.Start(-1, 1, 1));
+  EXPECT_FALSE(loop_.Start(2, 1, 1));
+  EXPECT_FALSE(loop_.Start(1, 1, -1));
+  EXPECT_TRUE(loop_.Start(1, 1, 0));
+}
+
+TEST_F(MessageLoop, StartsOnce) {
+  EXPECT_TRUE(loop_.Start(1, 1, 5));
+  EXPECT_FALSE(loop_.Start(1, 1, 5));
+}
+
+TEST_F(MessageLoop, RunsAndDeletesEveryTask) {
+  ASSERT_TRUE(loop_.Start(4, 4, 5));
+  for (int i = 0; i < 1000; ++i) {
+    EXPECT_TRUE(PostCounted());
+  }
+  EXPECT_TRUE(Eventually([&] { return deletions_ == 1000; }));
+  EXPECT_EQ(runs_, 1000);
+  EXPECT_TRUE(Eventually([&] { return loop_.GetWorkTaskCount() == 0; }));
+}
+
+TEST_F(MessageLoop, TasksPostedBeforeTheStartWait) {
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(PostCounted());
+  }
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 10u);
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(runs_, 0);
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  EXPECT_TRUE(Eventually([&] { return runs_ == 10; }));
+}
+
+TEST_F(MessageLoop, ALoopThatWasNeverStartedDeletesItsTasksAtItsEnd) {
+  {
+    CMessageLoopDyThreadPool loop;
+    loop.PostTask(new CCountedTask(runs_, deletions_));
+    loop.Stop(true);
+    EXPECT_EQ(deletions_, 0);
+  }
+  EXPECT_EQ(deletions_, 1);
+  EXPECT_EQ(runs_, 0);
+}
+
+TEST_F(MessageLoop, TasksStartInTheOrderInWhichTheyWerePosted) {
+  std::vector<int> order;
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  for (int i = 0; i < 200; ++i) {
+    Post(loop_, [&order, i] { order.push_back(i); });
+  }
+  loop_.Stop(true);
+  ASSERT_EQ(order.size(), 200u);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST_F(MessageLoop, CountsWaitingAndRunningTasks) {
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  CHeldLoop held(loop_, 2);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 2u);
+  for (int i = 0; i < 5; ++i) {
+    PostCounted();
+  }
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 7u);
+  held.Release();
+  EXPECT_TRUE(Eventually([&] { return loop_.GetWorkTaskCount() == 0; }));
+  EXPECT_EQ(runs_, 5);
+}
+
+TEST_F(MessageLoop, AllThreadsWorkAtOnce) {
+  ASSERT_TRUE(loop_.Start(4, 4, 5));
+  std::latch together(5);
+  for (int i = 0; i < 4; ++i) {
+    Post(loop_, [&together] { together.arrive_and_wait(); });
+  }
+  together.arrive_and_wait();  // hangs unless four tasks run at the same time
+}
+
+TEST_F(MessageLoop, GrowsToItsMaximumAndNoFurther) {
+  ASSERT_TRUE(loop_.Start(1, 3, 5));
+  CHeldLoop held(loop_, 3);
+  std::atomic<bool> fourth{false};
+  Post(loop_, [&fourth] { fourth = true; });
+  std::this_thread::sleep_for(30ms);
+  EXPECT_FALSE(fourth);
+  held.Release();
+  EXPECT_TRUE(Eventually([&] { return fourth.load(); }));
+}
+
+TEST_F(MessageLoop, ExtraThreadsLeaveAndComeBack) {
+  ASSERT_TRUE(loop_.Start(1, 4, 0));
+  for (int round = 0; round < 20; ++round) {
+    CHeldLoop held(loop_, 4);
+    held.Release();
+    std::this_thread::sleep_for(2ms);  // no idle time: the three extra threads leave
+  }
+  std::mutex mutex;
+  std::set<std::thread::id> ids;
+  for (int i = 0; i < 50; ++i) {
+    Tansy::Tests::WaitForTurn(loop_);
+    Post(loop_, [&] {
+      const std::lock_guard lock(mutex);
+      ids.insert(std::this_thread::get_id());
+    });
+  }
+  loop_.Stop(true);
+  EXPECT_GE(ids.size(), 1u);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+// A wake-up meant for a sleeping thread is not lost when a busy one takes the task first: the sleeper still hears of
+// the next task while the busy one is held.
+TEST_F(MessageLoop, NoWakeUpIsLostToAThreadThatWasQuicker) {
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  for (int round = 0; round < 300; ++round) {
+    for (int i = 0; i < 3; ++i) {
+      PostCounted();
+    }
+    CHeldLoop held(loop_, 1);
+    std::promise<void> ran;
+    Post(loop_, [&ran] { ran.set_value(); });
+    ASSERT_EQ(ran.get_future().wait_for(10s), std::future_status::ready) << round;
+  }
+}
+
+TEST_F(MessageLoop, ManyPostersLoseNothing) {
+  ASSERT_TRUE(loop_.Start(1, 4, 0));
+  std::vector<std::thread> posters;
+  for (int i = 0; i < 4; ++i) {
+    posters.emplace_back([&] {
+      for (int n = 0; n < 2000; ++n) {
+        PostCounted();
+      }
+    });
+  }
+  for (auto& poster : posters) {
+    poster.join();
+  }
+  EXPECT_TRUE(Eventually([&] { return deletions_ == 8000; }));
+  EXPECT_EQ(runs_, 8000);
+}
+
+TEST_F(MessageLoop, StopDropsWhatWaitsAndWaitsForWhatRuns) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  std::latch started(1);
+  std::atomic<bool> finished{false};
+  Post(loop_, [&] {
+    started.count_down();
+    std::this_thread::sleep_for(50ms);
+    finished = true;
+  });
+  PostCounted();
+  started.wait();
+  loop_.Stop(false);
+  EXPECT_TRUE(finished);
+  EXPECT_EQ(runs_, 0);
+  EXPECT_EQ(deletions_, 1);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+TEST_F(MessageLoop, StopMayRunWhatWaitsFirst) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  for (int i = 0; i < 100; ++i) {
+    PostCounted();
+  }
+  loop_.Stop(true);
+  EXPECT_EQ(runs_, 100);
+  EXPECT_EQ(deletions_, 100);
+}
+
+TEST_F(MessageLoop, TasksPostedAfterTheStopAreDeletedAtOnce) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  loop_.Stop(false);
+  EXPECT_FALSE(PostCounted());
+  EXPECT_EQ(deletions_, 1);
+  EXPECT_EQ(runs_, 0);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+TEST_F(MessageLoop, StartAfterStopStartsOver) {
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(loop_.Start(2, 3, 1));
+    EXPECT_TRUE(PostCounted());
+    loop_.Stop(true);
+  }
+  EXPECT_EQ(runs_, 3);
+}
+
+TEST_F(MessageLoop, RefusesANullTask) {
+  EXPECT_FALSE(loop_.PostTask(nullptr));
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+TEST_F(MessageLoop, ATaskMayStopItsOwnLoop) {
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  std::promise<void> stopped;
+  Post(loop_, [&] {
+    loop_.Stop(false);
+    EXPECT_FALSE(loop_.Start(1, 1, 1));
+    stopped.set_value();
+  });
+  stopped.get_future().wait();
+  EXPECT_FALSE(PostCounted());
+  EXPECT_TRUE(loop_.Start(1, 1, 5));  // waits for that task
+  EXPECT_TRUE(PostCounted());
+  loop_.Stop(true);
+  EXPECT_EQ(runs_, 1);
+}
+
+TEST_F(MessageLoop, TwoTasksMayStopTheLoopAtOnce) {
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  std::latch both(2);
+  for (int i = 0; i < 2; ++i) {
+    Post(loop_, [&] {
+      both.arrive_and_wait();
+      loop_.Stop(true);
+    });
+  }
+  both.wait();
+  loop_.Stop(false);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+TEST_F(MessageLoop, ATaskMayPostAnother) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  Post(loop_, [this] { PostCounted(); });
+  EXPECT_TRUE(Eventually([&] { return runs_ == 1; }));
+}
+
+TEST_F(MessageLoop, WhatATaskThrowsIsLoggedAndTheLoopGoesOn) {
+  CLogCapture log;
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  Post(loop_, [] { throw std::runtime_error("boom"); });
+  Post(loop_, [] { throw 5; });
+  PostCounted();
+  loop_.Stop(true);
+  EXPECT_EQ(runs_, 1);
+  EXPECT_EQ(log->Count("[%s]task threw %s[%s(%d)]", logging::kError), 1u);
+  EXPECT_NE(log->Text("[%s]task threw %s[%s(%d)]").find("boom"), std::string::npos);
+  EXPECT_EQ(log->Count("[%s]task threw[%s(%d)]", logging::kError), 1u);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+TEST_F(MessageLoop, StopFromManyThreadsAtOnce) {
+  ASSERT_TRUE(loop_.Start(4, 4, 5));
+  for (int i = 0; i < 100; ++i) {
+    PostCounted();
+  }
+  std::vector<std::thread> stoppers;
+  for (int i = 0; i < 4; ++i) {
+    stoppers.emplace_back([this] { loop_.Stop(true); });
+  }
+  for (auto& stopper : stoppers) {
+    stopper.join();
+  }
+  EXPECT_EQ(runs_, 100);
+}
+
+}  // namespace
+}  // namespace TansyBase

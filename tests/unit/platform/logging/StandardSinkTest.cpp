@@ -1,0 +1,302 @@
+#include "logging/StandardSink.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fakes/CapturingLogSink.h"
+
+namespace logging {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+
+class StandardSink : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = std::filesystem::path(::testing::TempDir()) /
+              ("sink-" + std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id())) + "-" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::remove_all(folder_);
+    std::filesystem::create_directories(folder_);
+    path_ = (folder_ / "tansy.log").string();
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  std::shared_ptr<CStandardSink> Make(std::size_t queue_lines = 4096) {
+    std::string error;
+    auto sink = CStandardSink::Create({path_, queue_lines}, error);
+    EXPECT_NE(sink, nullptr) << error;
+    return sink;
+  }
+
+  static Record Line(std::string_view text, int level = kError) {
+    Record record;
+    record.level = level;
+    record.module = "platform.Test";
+    record.text = text;
+    return record;
+  }
+
+  static std::string Contents(const std::string& path) {
+    std::ostringstream all;
+    all << std::ifstream(path, std::ios::binary).rdbuf();
+    return all.str();
+  }
+  std::string Contents() const { return Contents(path_); }
+
+  static std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+      lines.push_back(line);
+    }
+    return lines;
+  }
+
+  std::filesystem::path folder_;
+  std::string path_;
+};
+
+TEST_F(StandardSink, WritesTimeLevelModuleAndText) {
+  const auto sink = Make();
+  sink->Write(Line("[F]text[file(1)]"));
+  sink->Flush();
+  EXPECT_THAT(Contents(), MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z error "
+                                       "platform\\.Test \\[F\\]text\\[file\\(1\\)\\]\n"));
+}
+
+TEST_F(StandardSink, TheTimeIsUtc) {
+  const auto sink = Make();
+  const std::time_t before = std::time(nullptr);
+  sink->Write(Line("now"));
+  sink->Flush();
+  const std::time_t after = std::time(nullptr);
+  char first[32];
+  char last[32];
+  std::strftime(first, sizeof first, "%Y-%m-%d %H:%M:%S", std::gmtime(&before));
+  std::strftime(last, sizeof last, "%Y-%m-%d %H:%M:%S", std::gmtime(&after));
+  const std::string written = Contents().substr(0, 19);
+  EXPECT_GE(written, first);
+  EXPECT_LE(written, last);
+}
+
+TEST_F(StandardSink, NamesTheLevels) {
+  const auto sink = Make();
+  for (const int level : {1, int{kTrace}, int{kNotable}, int{kDatabase}, int{kError}, 6}) {
+    sink->Write(Line("x", level));
+  }
+  sink->Flush();
+  const auto lines = Lines(Contents());
+  ASSERT_EQ(lines.size(), 6u);
+  const std::vector<std::string> names = {"debug", "trace", "notable", "database", "error", "error"};
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_THAT(lines[i], HasSubstr("Z " + names[i] + " platform.Test x"));
+  }
+}
+
+TEST_F(StandardSink, NoTextForgesALine) {
+  const auto sink = Make();
+  sink->Write(Line("url=/a\r\n2026-11-03 08:05:09.123Z error platform.Test forged\x1b[31m"));
+  sink->Flush();
+  const auto lines = Lines(Contents());
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_THAT(lines[0], HasSubstr("url=/a\\r\\n2026"));
+  EXPECT_THAT(lines[0], HasSubstr("forged\\x1b[31m"));
+}
+
+TEST_F(StandardSink, TellsRepeats) {
+  const auto sink = Make();
+  Record record = Line("again");
+  record.repeats = 7;
+  sink->Write(record);
+  sink->Flush();
+  EXPECT_THAT(Contents(), HasSubstr("error platform.Test (repeated 7 times) again\n"));
+}
+
+TEST_F(StandardSink, MasksEverySecretEverywhere) {
+  const auto sink = Make();
+  sink->AddSecret("S3cretKey");
+  sink->AddSecret("other");
+  sink->AddSecret("");
+  sink->Write(Line("server_sk=S3cretKey S3cretKeyS3cretKey another"));
+  sink->Flush();
+  EXPECT_THAT(Contents(), HasSubstr("server_sk=*** ****** an***\n"));
+  EXPECT_THAT(Contents(), Not(HasSubstr("S3cret")));
+}
+
+TEST_F(StandardSink, MasksASecretThatHoldsControlCharacters) {
+  const auto sink = Make();
+  sink->AddSecret("line\nend");
+  sink->Write(Line("sk=line\nend."));
+  sink->Flush();
+  EXPECT_THAT(Contents(), HasSubstr("sk=***.\n"));
+}
+
+TEST_F(StandardSink, MasksTheBeginningOfASecretThatACutLeftOver) {
+  const auto sink = Make();
+  sink->AddSecret("S3cretKey");
+  const auto before = SetSink(sink);
+  static CallSite site;
+  // Whatever length a client gives its part of the line, no piece of the secret shows.
+  for (std::size_t length = kMaxTextBytes - 20; length < kMaxTextBytes; ++length) {
+    logging::Write(site, kError, "m", "%s|S3cretKey and more of the text that is cut away",
+                   std::string(length, 'x').c_str());
+  }
+  SetSink(before);
+  sink->Flush();
+  const auto lines = Lines(Contents());
+  ASSERT_EQ(lines.size(), 20u);
+  for (const auto& line : lines) {
+    EXPECT_EQ(line.find("|S"), std::string::npos);
+    EXPECT_TRUE(line.ends_with("..."));
+  }
+}
+
+TEST_F(StandardSink, AppendsToWhatIsThere) {
+  std::ofstream(path_) << "old\n";
+  Make()->Write(Line("new"));
+  EXPECT_THAT(Contents(), MatchesRegex("old\n.*new\n"));
+}
+
+TEST_F(StandardSink, ItsEndWritesWhatWaits) {
+  {
+    const auto sink = Make();
+    for (int i = 0; i < 1000; ++i) {
+      sink->Write(Line("line " + std::to_string(i)));
+    }
+  }
+  const auto lines = Lines(Contents());
+  ASSERT_EQ(lines.size(), 1000u);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_TRUE(lines[i].ends_with(" line " + std::to_string(i)));
+  }
+}
+
+TEST_F(StandardSink, ReopenFollowsARotation) {
+  const auto sink = Make();
+  sink->Write(Line("before"));
+  sink->Flush();
+  const std::string moved = (folder_ / "tansy.log.1").string();
+  std::filesystem::rename(path_, moved);
+  sink->Write(Line("between"));
+  sink->Flush();
+  std::string error;
+  ASSERT_TRUE(sink->Reopen(error)) << error;
+  sink->Write(Line("after"));
+  sink->Flush();
+  EXPECT_THAT(Contents(moved), HasSubstr("before\n"));
+  EXPECT_THAT(Contents(moved), HasSubstr("between\n"));
+  EXPECT_THAT(Contents(), HasSubstr("after\n"));
+  EXPECT_EQ(Lines(Contents()).size(), 1u);
+}
+
+TEST_F(StandardSink, AReopenThatFailsKeepsTheOldFile) {
+  const auto sink = Make();
+  std::filesystem::rename(path_, folder_ / "moved");
+  std::filesystem::create_directory(path_);
+  std::string error;
+  EXPECT_FALSE(sink->Reopen(error));
+  EXPECT_THAT(error, HasSubstr("cannot open the log file"));
+  sink->Write(Line("still"));
+  sink->Flush();
+  EXPECT_THAT(Contents((folder_ / "moved").string()), HasSubstr("still\n"));
+}
+
+TEST_F(StandardSink, CreateFailsWithAReason) {
+  std::string error;
+  EXPECT_EQ(CStandardSink::Create({(folder_ / "missing" / "x.log").string(), 10}, error), nullptr);
+  EXPECT_THAT(error, HasSubstr("cannot open the log file"));
+  EXPECT_THAT(error, HasSubstr("No such file or directory"));
+  EXPECT_EQ(CStandardSink::Create({path_, 0}, error), nullptr);
+  EXPECT_EQ(error, "the log queue must hold 1 to 1000000 lines");
+  EXPECT_EQ(CStandardSink::Create({path_, 1000001}, error), nullptr);
+}
+
+TEST_F(StandardSink, AFullQueueDropsCountsAndTells) {
+  const auto sink = Make(4);
+  constexpr std::size_t kLines = 20000;
+  for (std::size_t i = 0; i < kLines; ++i) {
+    sink->Write(Line(std::to_string(i)));
+  }
+  sink->Flush();
+  ASSERT_GT(sink->DroppedLines(), 0u) << "the machine writes faster than it queues: nothing to see";
+  sink->Write(Line("end"));
+  sink->Flush();
+  std::size_t told = 0;
+  std::size_t written = 0;
+  for (const auto& line : Lines(Contents())) {
+    const std::size_t at = line.find("error platform.logging ");
+    if (at != std::string::npos && line.ends_with(" lines were lost")) {
+      told += std::stoul(line.substr(at + 23));
+    } else {
+      ++written;
+    }
+  }
+  EXPECT_EQ(told, sink->DroppedLines());
+  EXPECT_EQ(written + told, kLines + 1);
+}
+
+#ifdef __linux__
+TEST_F(StandardSink, AFullDiskLosesLinesAndNothingElse) {
+  std::string error;
+  const auto sink = CStandardSink::Create({"/dev/full", 16}, error);
+  ASSERT_NE(sink, nullptr) << error;
+  sink->Write(Line("one"));
+  sink->Flush();
+  sink->Write(Line("two"));
+  sink->Flush();
+  EXPECT_GE(sink->DroppedLines(), 2u);
+}
+#endif
+
+TEST_F(StandardSink, ManyThreadsWriteWholeLines) {
+  const auto sink = Make(100000);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&sink, i] {
+      for (int n = 0; n < 500; ++n) {
+        sink->Write(Line("thread " + std::to_string(i) + " line " + std::to_string(n) + " " + std::string(400, 'x')));
+      }
+    });
+  }
+  sink->AddSecret("unused");
+  std::string error;
+  EXPECT_TRUE(sink->Reopen(error));
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  sink->Flush();
+  const auto lines = Lines(Contents());
+  EXPECT_EQ(lines.size(), 2000u);
+  EXPECT_TRUE(std::all_of(lines.begin(), lines.end(),
+                          [](const std::string& line) { return line.ends_with(std::string(400, 'x')); }));
+}
+
+TEST(StandardSinkDeathTest, WithoutAFileLinesGoToStandardError) {
+  EXPECT_EXIT(
+      {
+        std::string error;
+        const auto sink = CStandardSink::Create({}, error);
+        Record record;
+        record.level = kNotable;
+        record.module = "platform.Test";
+        record.text = "to standard error";
+        sink->Write(record);
+        sink->Flush();
+        std::_Exit(sink->Reopen(error) ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "Z notable platform.Test to standard error\n");
+}
+
+}  // namespace
+}  // namespace logging
