@@ -264,8 +264,8 @@ TEST_F(RepeatedLines, DifferentLinesOfOneSiteAreAllWritten) {
 TEST_F(RepeatedLines, EqualLinesOfTwoSitesAreBothWritten) {
   CLogCapture log;
   logging::SetRepeatWindow(600000);
-  static logging::CallSite first;
-  static logging::CallSite second;
+  logging::CallSite first;
+  logging::CallSite second;
   logging::Write(first, logging::kError, "m", "%s", "text");
   logging::Write(second, logging::kError, "m", "%s", "text");
   EXPECT_EQ(log->Lines().size(), 2u);
