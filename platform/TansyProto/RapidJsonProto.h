@@ -10,8 +10,9 @@ namespace TansyProto {
 
 // A JSON document read and written by slash paths: "/A/B" is member B of member A of the root object; "/List[1]/PoolID"
 // is member PoolID of the first element (counted from 1) of the array List. Writing creates what is missing, in the
-// order of the calls; an index may be at most one beyond what exists. Threads: one document belongs to one thread at a
-// time. Nothing throws.
+// order of the calls; an index may be at most one beyond what exists. A path has at most 64 steps. Threads: one
+// document belongs to one thread at a time. Nothing throws. A new document, one that was moved from and one whose
+// parsing failed are an empty object.
 class CRapidJsonProto {
  public:
   CRapidJsonProto();
@@ -19,15 +20,18 @@ class CRapidJsonProto {
   CRapidJsonProto(CRapidJsonProto&&) noexcept;
   CRapidJsonProto& operator=(CRapidJsonProto&&) noexcept;
 
-  // Replaces the document. False (and an empty document) when the text is not one JSON value in UTF-8 or nests deeper
-  // than 64 levels.
+  // Replaces the document. False (and an empty document) when the text is not one JSON value in UTF-8, nests deeper
+  // than 64 levels, is longer than 64 MiB, holds more than a million values, or a number beyond what a double holds.
   bool Parse(std::string_view text);
 
   bool Has(const std::string& path) const;
   // A string member as it is, a number or boolean as its text; `missing` otherwise.
   std::string GetString(const std::string& path, const std::string& missing = {}) const;
+  // An integer member, or a string member that is a decimal integer; `missing` otherwise.
   std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
 
+  // False, with the document as it was, when the path is malformed, skips an index, leads through a value that is no
+  // object, or ends at an object or array. Bytes that are not UTF-8 are each written as U+FFFD.
   bool SetString(const std::string& path, const std::string& value);
   bool SetInt(const std::string& path, std::int64_t value);
   bool SetBool(const std::string& path, bool value);

@@ -60,7 +60,7 @@ void AppendStartTag(std::string& text, const pugi::xml_node& element) {
     AppendEscaped(text, attribute.value(), true);
     text += '"';
   }
-  text += element.first_child() ? ">" : "/>";
+  text += '>';
 }
 
 // Depth is at most kMaxDepth: parsed and written documents are both held to it.
@@ -70,11 +70,14 @@ void AppendNode(std::string& text, const pugi::xml_node& node) {
     return;
   }
   AppendStartTag(text, node);
-  if (!node.first_child()) {
-    return;
-  }
+  const std::size_t start = text.size();
   for (const auto& child : node.children()) {
     AppendNode(text, child);
+  }
+  if (text.size() == start) {
+    text.back() = '/';
+    text += '>';
+    return;
   }
   text += "</";
   text += node.name();
@@ -210,8 +213,7 @@ bool CXmlProto::Parse(std::string_view text) {
     return false;
   }
   constexpr unsigned int kOptions =
-      pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol | pugi::parse_wconv_attribute |
-      pugi::parse_ws_pcdata_single;  // blanks are kept where they are all of an element's text
+      pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol | pugi::parse_wconv_attribute | pugi::parse_ws_pcdata;
   if (impl_->document.load_buffer(text.data(), text.size(), kOptions, pugi::encoding_utf8)) {
     return true;
   }

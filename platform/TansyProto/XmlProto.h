@@ -13,8 +13,9 @@ namespace TansyProto {
 //
 // A path is "/Root/Child/Part[3]/Size": names separated by slashes, an index in square brackets selecting the n-th
 // child of that name, counted from 1 (no index means the first). Writing creates what is missing, in the order of the
-// calls; an index may be at most one beyond what exists. Reading or writing the elements of a list one after another
-// costs constant time for each. Threads: one document belongs to one thread at a time. Nothing throws.
+// calls; an index may be at most one beyond what exists. Reading or writing the elements of a list, in whatever order,
+// costs constant time for each. A path has at most 64 steps. Threads: one document belongs to one thread at a time.
+// Nothing throws. A document that was moved from is an empty one.
 class CXmlProto {
  public:
   CXmlProto();
@@ -22,17 +23,21 @@ class CXmlProto {
   CXmlProto(CXmlProto&&) noexcept;
   CXmlProto& operator=(CXmlProto&&) noexcept;
 
-  // Replaces the document. False (and an empty document) when the text is not well-formed XML with one root element,
-  // holds a document type declaration, or nests deeper than 64 elements.
+  // Replaces the document. False (and an empty document) when the text is not well-formed XML in UTF-8 with one root
+  // element, holds a document type declaration, nests deeper than 64 elements, is longer than 64 MiB or holds more than
+  // a million elements and attributes. An encoding that the text claims is ignored.
   bool Parse(std::string_view text);
 
   bool Has(const std::string& path) const;
-  // Text of the element, white space kept; `missing` when there is no such element.
+  // Text of the element (without that of elements in it), white space kept; `missing` when there is no such element.
   std::string GetString(const std::string& path, const std::string& missing = {}) const;
   // Decimal integer of the element; `missing` when the element is missing, empty or not a decimal integer of 64 bits.
+  // Blanks around it do not matter.
   std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
 
-  // False when the path is malformed, names a second root, or skips an index.
+  // False, with the document as it was, when the path is malformed, names a second root, or skips an index. Characters
+  // that XML cannot carry (most control characters) and bytes that are not UTF-8 are each written as U+FFFD, so that
+  // the document stays well-formed whatever a client named its object.
   bool SetString(const std::string& path, const std::string& value);
   bool SetInt(const std::string& path, std::int64_t value);
   // Makes the element without text, so that an empty list is still there.
