@@ -17,13 +17,17 @@ class TANSY_CLOUD_STORAGE_API CPictureClient {
  public:
   explicit CPictureClient(const SStorageServerConfig& config);
 
-  // Checks the configuration.
+  // Checks the configuration: keys, address, pool name and both ports must be there.
   bool Init();
+  // Does nothing and returns true.
   bool Uninit();
 
-  // Uploads at most 33554432 bytes; `url` becomes the picture's address.
+  // Uploads at most 33554432 bytes; `url` becomes the picture's address. The upload goes to the gateway that the server
+  // at `ip` and `upload_port` names.
   bool UploadPicture(std::string& url, const char* data, std::uint32_t size);
-  // `*data` is new[]-allocated; the caller frees it with delete[].
+  // Fetches a picture by its address: a path is asked of the server at `ip` and `download_port`, a whole URL where it
+  // points; one redirect is followed on the same server. `*data` is new[]-allocated; the caller frees it with delete[].
+  // Both outputs are set on success only.
   bool DownloadPicture(char** data, std::uint32_t& size, const std::string& url);
   // Pictures are removed by the server's host: does nothing and returns true.
   bool RemoveFileByUrl(const std::string& url);

@@ -1,0 +1,61 @@
+// The requests of the picture protocol, client side.
+#ifndef TANSY_SRC_STORAGE_CLIENT_PICTURE_PROTO_CLIENT_H
+#define TANSY_SRC_STORAGE_CLIENT_PICTURE_PROTO_CLIENT_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "TansyBase/Noncopyable.h"
+#include "TansyCloudStorage/StorageConfig.h"
+#include "TansyNet/HttpClient.h"
+
+namespace Tansy::CloudStorage {
+
+// What distinguishes one signed request of the picture protocol from another.
+struct SPictureRequest {
+  std::string method = "GET";
+  std::string base;         // scheme, host and port
+  std::string resource;     // path and query
+  std::string host;         // value of the Host header; empty: that of `base`
+  std::string form_type;    // content type as it is sent, of a form
+  std::string signed_type;  // content type as it is signed
+  std::string body;
+  std::uint64_t max_answer_bytes = 0;
+};
+
+// One operation is one HTTP request, or two when a download is redirected; nothing is tried again. Made for one call of
+// a client: it keeps the serial id that ties a best-node request to its upload. Only status 200 is success. Errors:
+// false and a log line. Threads: one at a time.
+class CPicProtoClient : private TansyBase::CNoncopyable {
+ public:
+  // `conf` is not empty.
+  explicit CPicProtoClient(std::shared_ptr<const SStorageServerConfig> conf);
+
+  // Asks the server that the configuration names which gateway takes the upload.
+  bool GetBestNode(std::string& address, std::string& port, std::string& token);
+  // Scheme, host and port of that gateway.
+  std::string GatewayLocation(const std::string& address, const std::string& port) const;
+  // Uploads to the gateway with the token it gave; `url` becomes the picture's address.
+  bool UploadPic(std::string& url, const std::string& location, const std::string& token, const char* data,
+                 std::uint32_t size);
+  // `url` is a path, asked of the configured server, or an absolute URL. `*data` is new[]-allocated and the caller's.
+  bool DownloadPic(char** data, std::uint32_t& size, const std::string& url);
+
+  // Signs and sends; true whatever the answer's status.
+  bool SendObjectMsg(TansyNet::CHttpClientResponse& rsp, TansyNet::HttpClient::Error& error,
+                     const SPictureRequest& parts);
+
+ private:
+  bool FollowRedirect(TansyNet::CHttpClientResponse& rsp, const SPictureRequest& first);
+  std::string UploadBody(const std::string& token, const char* data, std::uint32_t size) const;
+
+  const std::shared_ptr<const SStorageServerConfig> conf_;
+  const std::string upload_host_;  // address and port
+  const std::string download_host_;
+  std::string serial_id_;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_CLIENT_PICTURE_PROTO_CLIENT_H
