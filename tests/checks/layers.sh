@@ -20,9 +20,10 @@ declare -A allowed=(
   [platform/TansyNet]="TansyNet TansyBase OSAL logging"
   [platform/db_layer]="db_layer TansyBase OSAL logging"
   [platform/sqlbuilder]="sqlbuilder db_layer"
+  [platform/HostSystem]="HostSystem TansyBase OSAL logging"
   [include]="TansyCloudStorage"
   [src]="StorageServer StorageClient TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
-  [host]="host TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
+  [host]="host HostSystem TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
   [cli]="cli TansyCloudStorage TansyNet TansyBase TansyProto OSAL logging"
 )
 
