@@ -83,6 +83,22 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // The machine's own addresses. False when the system does not tell.
   static bool GetAdapterInfo(AdapterAddresses& addresses);
 
+  // Handlers, in the order of the routing table. Each looks at the whole request again, answers it (except where its
+  // body says otherwise) and returns the result of the sending.
+  int HandleGetOneObiectMetadata(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleCreateBucket(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleGetBucketProperty(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleListBuckets(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleGetBestNode(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleUploadObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleMultiUploadTaskCreate(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleUploadPartObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleFinishMutiUploadTask(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleGetAllObjectTask(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleDownloadObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleRemoveObjectFile(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+  int HandleRemoveObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
+
  private:
   friend class CSingleton<CObjectServer>;
   using HttpServerRecv = TansyNet::HttpServerRecv;
@@ -135,21 +151,6 @@ class CObjectServer : private TansyBase::CNoncopyable {
                  Opening opening, const details::Caller& caller);
   static int CheckAuth(const HttpServerRecv& request, const Config& config);
   static int CheckUrlAuth(const HttpServerRecv& request, const Config& config);
-
-  // Handlers, in the order of the routing table. Each answers its request and returns the result of the sending.
-  int HandleGetOneObiectMetadata(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleCreateBucket(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleGetBucketProperty(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleListBuckets(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleGetBestNode(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleUploadObject(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleMultiUploadTaskCreate(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleUploadPartObject(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleFinishMutiUploadTask(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleGetAllObjectTask(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleDownloadObject(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleRemoveObjectFile(std::int32_t session_id, const HttpServerRecv& request);
-  int HandleRemoveObject(std::int32_t session_id, const HttpServerRecv& request);
 
   // Parts of HandleUploadObject. 0, or the error code to answer; `object` gets its url and size.
   static int ReceiveStream(ObjectInfo& object, std::int32_t session_id, const HttpServerRecv& request,

@@ -31,6 +31,12 @@ bool ParseAddBucketMsg(BucketInfo& bucket, const std::string& body, const Caller
   return true;
 }
 
+// A bucket without a size of its own has the size -1, kept in 32 bits.
+std::int64_t SizeOf(const BucketInfo& bucket) {
+  constexpr std::uint32_t kNone = 0xFFFFFFFF;
+  return bucket.size == kNone ? -1 : std::int64_t{bucket.size};
+}
+
 // Elements stand in this order. The creation date has always been the name; clients do not get to see the time.
 bool BuildBucketRsp(std::string& text, const BucketInfo& bucket) {
   CXmlProto xml;
@@ -44,7 +50,7 @@ bool AddBucketToList(CXmlProto& xml, const std::string& path, const BucketInfo& 
   return xml.SetString(path + "/Name", bucket.name) && xml.SetString(path + "/CreateDate", bucket.name) &&
          xml.SetString(path + "/Location", bucket.location) && xml.SetInt(path + "/Acl", bucket.acl) &&
          xml.SetInt(path + "/VersionPolicy", 0) && xml.SetInt(path + "/LifeCycle", -1) &&
-         xml.SetInt(path + "/Size", bucket.size) && xml.SetInt(path + "/FreeSize", bucket.size);
+         xml.SetInt(path + "/Size", SizeOf(bucket)) && xml.SetInt(path + "/FreeSize", SizeOf(bucket));
 }
 
 bool BuildBucketListRsp(std::string& text, const std::map<std::string, BucketInfo>& buckets) {

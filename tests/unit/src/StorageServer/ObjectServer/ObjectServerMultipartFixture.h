@@ -1,0 +1,109 @@
+// What the tests of multipart uploads share: a folder for first parts, tasks and their parts.
+#ifndef TANSY_TESTS_UNIT_OBJECT_SERVER_MULTIPART_FIXTURE_H
+#define TANSY_TESTS_UNIT_OBJECT_SERVER_MULTIPART_FIXTURE_H
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ObjectServerFixture.h"
+
+namespace Tansy::Tests {
+
+// Runs in a folder of its own, below which the first parts are kept.
+class CObjectServerMultipartFixture : public CObjectServerTest {
+ protected:
+  CObjectServerMultipartFixture() : before_(std::filesystem::current_path()) {
+    std::string name = (std::filesystem::temp_directory_path() / "tansy-parts-XXXXXX").string();
+    folder_ = ::mkdtemp(name.data());
+    std::filesystem::current_path(folder_);
+  }
+  ~CObjectServerMultipartFixture() override {
+    std::filesystem::current_path(before_);
+    std::filesystem::remove_all(folder_);
+  }
+
+  std::string Path(const std::string& key) const { return "/" + bucket_ + "/" + key; }
+
+  // Opens a task and returns its upload id.
+  std::string NewTask(const std::string& key) {
+    const FakeAnswer answer = Post(Path(key), "uploads");
+    EXPECT_EQ(answer.response.status, 200) << answer.body;
+    return Between(answer.body, "<UploadId>", "</UploadId>");
+  }
+  FakeAnswer SendPart(const std::string& key, const std::string& upload_id, const std::string& number,
+                      const std::string& body) {
+    return Post(Path(key), "upload_id=" + upload_id + "&part_number=" + number, body);
+  }
+  FakeAnswer SendPart(const std::string& key, const std::string& upload_id, int number, const std::string& body) {
+    return SendPart(key, upload_id, std::to_string(number), body);
+  }
+  FakeAnswer List(const std::string& key, const std::string& upload_id) {
+    return Get(Path(key), "upload_id=" + upload_id);
+  }
+  FakeAnswer Complete(const std::string& key, const std::string& upload_id,
+                      const std::vector<std::pair<int, std::size_t>>& parts) {
+    return Post(Path(key), "upload_id=" + upload_id, Completion(parts));
+  }
+
+  static std::string Completion(const std::vector<std::pair<int, std::size_t>>& parts) {
+    std::string body = "<CompleteMultipartUpload><TotalPartNum>" + std::to_string(parts.size()) + "</TotalPartNum>";
+    for (const auto& [number, size] : parts) {
+      body += PartXml(std::to_string(number), std::to_string(size));
+    }
+    return body + "</CompleteMultipartUpload>";
+  }
+  static std::string PartXml(const std::string& number, const std::string& size) {
+    return "<Part><PartNumber>" + number + "</PartNumber><PartSize>" + size + "</PartSize></Part>";
+  }
+
+  // The stored bytes of a completed object, as far as its size says.
+  std::string Object(const std::string& key) {
+    CloudStorage::ObjectInfo object;
+    EXPECT_TRUE(catalogue_.GetObjectByName(object, key, bucket_)) << key;
+    const std::string bytes = storage_.Bytes(object.url);
+    EXPECT_LE(object.size, bytes.size());
+    return bytes.substr(0, static_cast<std::size_t>(object.size));
+  }
+  bool HasObject(const std::string& key) {
+    CloudStorage::ObjectInfo object;
+    return catalogue_.GetObjectByName(object, key, bucket_);
+  }
+
+  static std::filesystem::path FirstPartFile(const std::string& upload_id, int number) {
+    return "localstoragetmp/" + upload_id + "_" + std::to_string(number);
+  }
+  static std::size_t FirstPartFiles() {
+    std::error_code error;
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(".", error)) {
+      count += entry.is_regular_file() ? 1 : 0;
+    }
+    return count;
+  }
+  static std::string Content(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+  static std::string Between(const std::string& text, const std::string& begin, const std::string& end,
+                             std::size_t from = 0) {
+    const std::size_t first = text.find(begin, from);
+    if (first == std::string::npos) {
+      return {};
+    }
+    return text.substr(first + begin.size(), text.find(end, first) - first - begin.size());
+  }
+
+  const std::string bucket_ = NewBucket();
+  const std::filesystem::path before_;
+  std::filesystem::path folder_;
+};
+
+}  // namespace Tansy::Tests
+
+#endif  // TANSY_TESTS_UNIT_OBJECT_SERVER_MULTIPART_FIXTURE_H

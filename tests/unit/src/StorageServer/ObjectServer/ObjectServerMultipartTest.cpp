@@ -1,0 +1,527 @@
+// Multipart uploads, request by request.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <thread>
+
+#include "ObjectServerMultipartFixture.h"
+#include "TansyBase/TimeUtil.h"
+#include "fakes/ManualClock.h"
+
+namespace Tansy::Tests {
+namespace {
+
+using CloudStorage::ObjectInfo;
+using CloudStorage::ObjectTaskInfo;
+using CloudStorage::PartSizeInfo;
+using CloudStorage::TaskPartSet;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+namespace fs = std::filesystem;
+
+constexpr const char* kQueryInvalid = "[%s]query invalid[%s].[%s(%d)]";
+constexpr const char* kNumberInvalid = "[%s]query invalid[%s], part num invalid.[%s(%d)]";
+constexpr const char* kSaveFailed = "[%s]save file failed[%d].[%s(%d)]";
+constexpr const char* kFileFailed = "[%s]save file failed, file_name[%s].[%s(%d)]";
+constexpr const char* kRecordFailed = "[%s]save record failed.[%s(%d)]";
+constexpr const char* kIllegal = "[%s]task info illegal.[%s(%d)]";
+constexpr const char* kInvalidPart = "[%s]invalid part: task_id[%s], num[%d], size[%d].[%s(%d)]";
+constexpr const char* kNoFirstPart = "[%s]GetFirstPartInfo failed, task id:%s.[%s(%d)]";
+
+class CObjectServerMultipartTest : public CObjectServerMultipartFixture {
+ protected:
+  // Nothing of the task has changed: its parts, its first part.
+  struct TaskState {
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> parts;
+    std::uint32_t first_part = 0;
+    std::uint32_t part_size = 0;
+    bool operator==(const TaskState&) const = default;
+  };
+  TaskState StateOf(const std::string& upload_id) {
+    TaskState state;
+    TaskPartSet rows;
+    catalogue_.GetAllTask(upload_id, rows);
+    for (const ObjectTaskInfo& row : rows) {
+      state.parts.emplace_back(row.part_num, row.size);
+    }
+    PartSizeInfo first;
+    if (catalogue_.GetFirstPartInfo(upload_id, first)) {
+      state.first_part = first.first_part_num;
+      state.part_size = first.part_size;
+    }
+    return state;
+  }
+};
+
+TEST_F(CObjectServerMultipartTest, ATaskIsOpened) {
+  const CManualClock clock;
+  const FakeAnswer answer = Post(Path("k"), "uploads");
+  const std::string upload_id = Between(answer.body, "<UploadId>", "</UploadId>");
+  EXPECT_EQ(upload_id.size(), 36u);
+  EXPECT_TRUE(
+      IsXml(answer, Xml("<InitiateMultipartUploadResult><Bucket>" + bucket_ + "</Bucket><Key>k</Key><UploadId>" +
+                        upload_id + "</UploadId></InitiateMultipartUploadResult>")));
+  const auto calls = storage_.Calls("stream");
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].location, "pool_name:" + bucket_ + ";");
+  EXPECT_EQ(calls[0].data, "test");
+  EXPECT_EQ(calls[0].offset, 0u);
+  ObjectTaskInfo task;
+  ASSERT_TRUE(catalogue_.GetTaskInfo(upload_id, 1, task));
+  EXPECT_EQ(task.size, 0u);
+  EXPECT_EQ(task.update_time, "2026-11-03 08:05:09");
+  EXPECT_EQ(storage_.Bytes(task.url), "test");
+  EXPECT_NE(NewTask("k"), upload_id);
+}
+
+TEST_F(CObjectServerMultipartTest, ATaskIsRefused) {
+  const std::string long_key(129, 'k');
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", "/none/" + long_key, "uploads", "", {}})), 404, "NoSuchBucket"));
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path(long_key), "uploads", "", {}})), 400, "KeyTooLong"));
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path("k"), "uploads", "", {}})), 403, "AccessDenied"));
+  EXPECT_TRUE(storage_.Calls("stream").empty());
+  EXPECT_EQ(Post(Path(std::string(128, 'k')), "uploads").response.status, 200);
+
+  storage_.SetResult("stream", 3);
+  EXPECT_TRUE(IsError(Post(Path("k"), "uploads"), 500, "NotEnoughSpace"));
+  storage_.SetResult("stream", 2);
+  EXPECT_TRUE(IsError(Post(Path("k"), "uploads"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kSaveFailed, logging::kError), 2u);
+  storage_.SetResult("stream", 0);
+  Database().FailStatementsWith("INSERT INTO platform.local_object_task");
+  EXPECT_TRUE(IsError(Post(Path("k"), "uploads"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count("[%s]create task failed.[%s(%d)]", logging::kError), 1u);
+}
+
+TEST_F(CObjectServerMultipartTest, PartsTwoOneThree) {
+  constexpr std::size_t kPart = 5 << 20;
+  const std::string one = Pattern(kPart, 1);
+  const std::string two = Pattern(kPart, 2);
+  const std::string three = Pattern(2 << 20, 3);
+  const std::string upload_id = NewTask("k");
+
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, two), ""));
+  EXPECT_TRUE(Content(FirstPartFile(upload_id, 2)) == two);
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, one), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 3, three), ""));
+  auto calls = storage_.Calls("stream");
+  ASSERT_EQ(calls.size(), 3u);  // the probe, part 1, part 3
+  EXPECT_EQ(calls[1].offset, 0u);
+  EXPECT_EQ(calls[2].offset, 2 * kPart);
+  EXPECT_THAT(calls[2].location, StartsWith("pool_name:" + bucket_ + ";fs01obj-"));
+
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, kPart}, {2, kPart}, {3, 2 << 20}}), ""));
+  calls = storage_.Calls("stream");
+  ASSERT_EQ(calls.size(), 4u);
+  EXPECT_EQ(calls[3].offset, kPart);
+  EXPECT_TRUE(Object("k") == one + two + three);
+  EXPECT_EQ(FirstPartFiles(), 0u);
+  EXPECT_EQ(StateOf(upload_id), TaskState{});
+}
+
+TEST_F(CObjectServerMultipartTest, ASinglePartIsWrittenAtTheBeginning) {
+  for (const int number : {1, 7}) {
+    const std::string key = "k" + std::to_string(number);
+    const std::string upload_id = NewTask(key);
+    EXPECT_TRUE(IsXml(SendPart(key, upload_id, number, "only part"), ""));
+    EXPECT_EQ(Content(FirstPartFile(upload_id, number)), "only part");
+    EXPECT_EQ(storage_.Calls("stream").back().data, "test");
+    // Part 1 stands for the task, so the task without it still lists it.
+    EXPECT_TRUE(IsXml(Complete(key, upload_id, {{number, 9}}), ""));
+    EXPECT_EQ(storage_.Calls("stream").back().offset, 0u);
+    EXPECT_EQ(Object(key), "only part");
+  }
+}
+
+TEST_F(CObjectServerMultipartTest, TheTasksRowsTellItsParts) {
+  const CManualClock clock;
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 3, "ccc");
+  SendPart("k", upload_id, 1, "aaa");
+  SendPart("k", upload_id, 2, "bbb");
+  const FakeAnswer answer = List("k", upload_id);
+  std::vector<std::string> tags;
+  std::string body = "<ListPartsResult><Bucket>" + bucket_ + "</Bucket><Key>k</Key><UploadId>" + upload_id +
+                     "</UploadId><TotalNum>3</TotalNum>";
+  std::size_t from = 0;
+  for (int number = 1; number <= 3; ++number) {
+    tags.push_back(Between(answer.body, "<ETag>", "</ETag>", from));
+    EXPECT_EQ(tags.back().size(), 36u);
+    from = answer.body.find("</ETag>", from) + 1;
+    body += "<Part><PartNumber>" + std::to_string(number) + "</PartNumber><PartSize>3</PartSize><ETag>" + tags.back() +
+            "</ETag></Part>";
+  }
+  EXPECT_TRUE(IsXml(answer, Xml(body + "</ListPartsResult>")));
+  EXPECT_NE(tags[0], tags[1]);
+
+  const FakeAnswer again = List("k", upload_id);
+  EXPECT_NE(Between(again.body, "<ETag>", "</ETag>"), tags[0]);
+  ObjectTaskInfo row;
+  ASSERT_TRUE(catalogue_.GetTaskInfo(upload_id, 2, row));
+  EXPECT_EQ(row.update_time, "2026-11-03 08:05:09");
+  EXPECT_EQ(row.object_name, "k");
+  EXPECT_EQ(row.bucket_name, bucket_);
+}
+
+TEST_F(CObjectServerMultipartTest, PartNumbersThatAreNone) {
+  const std::string upload_id = NewTask("k");
+  const TaskState before = StateOf(upload_id);
+  for (const char* number : {"0", "-1", "x", "-", "%2B-3", "99999999999", "2147483648", "4294967297", ".5", "+"}) {
+    log_->Clear();
+    EXPECT_TRUE(IsError(SendPart("k", upload_id, std::string(number), "bytes"), 400, "InvalidHttpContent")) << number;
+    EXPECT_EQ(log_->Count(kNumberInvalid, logging::kError), 1u) << number;
+    EXPECT_EQ(StateOf(upload_id), before) << number;
+  }
+  log_->Clear();
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, std::string(), "bytes"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 1u);
+}
+
+TEST_F(CObjectServerMultipartTest, PartNumbersAsATextStreamReadsThem) {
+  const std::string upload_id = NewTask("k");
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, "2abc", "bb"), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, "+1", "aa"), ""));  // a plus sign is a blank in a query
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, "%2B3", "cc"), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, "004", "d"), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}, {3, 2}, {4, 1}}), ""));
+  EXPECT_EQ(Object("k"), "aabbccd");
+}
+
+TEST_F(CObjectServerMultipartTest, PartsThatAreRefused) {
+  const std::string upload_id = NewTask("k");
+  const TaskState before = StateOf(upload_id);
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 1, ""), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count("[%s]recv data empty.[%s(%d)]", logging::kError), 1u);
+
+  const std::string query = "upload_id=" + upload_id + "&part_number=1";
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", "/none/k", query, "x", {}})), 404, "NoSuchBucket"));
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path("k"), query, "x", {}})), 403, "AccessDenied"));
+  EXPECT_THAT(log_->Text("[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]"),
+              HasSubstr("HandleUploadPartObject]CheckAuth fail, bucket_name[" + bucket_ + "]."));
+  EXPECT_TRUE(IsError(Post(Path("k"), "upload_id=&part_number=1", "x"), 400, "InvalidHttpContent"));
+  EXPECT_TRUE(IsError(Post(Path("k"), "upload_id=" + upload_id + "&part_num=1", "x"), 400, "InvalidHttpContent"));
+  EXPECT_TRUE(IsError(Post(Path("k"), "xupload_id=" + upload_id + "&part_number=1", "x"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 3u);
+  // The key's length is looked at when the task is opened, not here: no such task is the answer.
+  EXPECT_TRUE(IsError(SendPart(std::string(129, 'k'), upload_id, 1, "x"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(StateOf(upload_id), before);
+  EXPECT_EQ(FirstPartFiles(), 0u);
+}
+
+TEST_F(CObjectServerMultipartTest, UploadIdsThatAreNoNames) {
+  for (const char* id :
+       {"../../x", "..", "a/b", "a%2Fb", "%2e%2e%2fx", "a\\b", "a%5Cb", "a.b", "a%20b", "a:b", "a_b", "\xc3\xa4"}) {
+    EXPECT_TRUE(IsError(SendPart("k", id, 1, "x"), 400, "InvalidHttpContent")) << id;
+    EXPECT_TRUE(IsError(List("k", id), 400, "InvalidHttpContent")) << id;
+    EXPECT_TRUE(IsError(Complete("k", id, {{1, 1}}), 400, "InvalidHttpContent")) << id;
+  }
+  // All of them count as missing.
+  EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 3u * 12u);
+  EXPECT_EQ(FirstPartFiles(), 0u);
+  EXPECT_FALSE(fs::exists("localstoragetmp"));
+}
+
+TEST_F(CObjectServerMultipartTest, APartOfAnUnknownTaskLeavesNothingBehind) {
+  const std::string unknown = "01234567-89ab-4def-8123-456789abcdef";
+  for (int number = 1; number <= 3; ++number) {
+    EXPECT_TRUE(IsError(SendPart("k", unknown, number, "x"), 500, "ServerInternalError"));
+  }
+  EXPECT_EQ(log_->Count(kRecordFailed, logging::kError), 3u);
+  EXPECT_EQ(StateOf(unknown), TaskState{});
+  EXPECT_EQ(FirstPartFiles(), 0u);
+  EXPECT_TRUE(IsError(SendPart("k", "{" + unknown + "}", 1, "x"), 500, "ServerInternalError"));
+  EXPECT_TRUE(IsError(SendPart("k", std::string(5000, 'a'), 1, "x"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kFileFailed), 0u);
+}
+
+TEST_F(CObjectServerMultipartTest, APartOfAnotherObjectsTaskIsRefused) {
+  const std::string other_bucket = NewBucket();
+  const std::string upload_id = NewTask("k");
+  const TaskState fresh = StateOf(upload_id);
+  EXPECT_TRUE(IsError(SendPart("other", upload_id, 1, "x"), 400, "InvalidHttpContent"));
+  EXPECT_TRUE(IsError(Post("/" + other_bucket + "/k", "upload_id=" + upload_id + "&part_number=2", "x"), 400,
+                      "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kIllegal, logging::kError), 2u);
+  EXPECT_EQ(StateOf(upload_id), fresh);
+  EXPECT_EQ(FirstPartFiles(), 0u);
+
+  SendPart("k", upload_id, 1, "aa");
+  SendPart("k", upload_id, 2, "bb");
+  const TaskState before = StateOf(upload_id);
+  EXPECT_TRUE(IsError(SendPart("other", upload_id, 1, "x"), 400, "InvalidHttpContent"));
+  EXPECT_TRUE(IsError(Complete("other", upload_id, {{1, 2}, {2, 2}}), 400, "InvalidXmlContent"));
+  EXPECT_EQ(StateOf(upload_id), before);
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}}), ""));
+  EXPECT_EQ(Object("k"), "aabb");
+}
+
+TEST_F(CObjectServerMultipartTest, APartOfATaskThatWasSweptAway) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aa");
+  ASSERT_TRUE(catalogue_.RemoveObjectTask(upload_id));
+  log_->Clear();
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kIllegal, logging::kError), 1u);
+}
+
+TEST_F(CObjectServerMultipartTest, OffsetsThatThirtyTwoBitsCannotHold) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, Pattern(1 << 16));
+  SendPart("k", upload_id, 2, Pattern(1 << 16));
+  const std::size_t writes = storage_.Calls("stream").size();
+  // Part 65537 would begin at exactly 4 GiB.
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 65537, "x"), 400, "InvalidHttpContent"));
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 2147483647, "x"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(storage_.Calls("stream").size(), writes);
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{65537, 1}}), 400, "InvalidXmlContent"));
+}
+
+TEST_F(CObjectServerMultipartTest, TheLastOffsetThatThirtyTwoBitsHold) {
+  storage_.SetHook([](const CFakeStorage::Call&) {});
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, Pattern(1 << 16));
+  SendPart("k", upload_id, 2, Pattern(1 << 16));
+  storage_.SetResult("stream", 3);  // the place is found; nothing is to be stored there
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 65536, "x"), 500, "NotEnoughSpace"));
+  EXPECT_EQ(storage_.Calls("stream").back().offset, 65535u * 65536u);
+}
+
+TEST_F(CObjectServerMultipartTest, AFirstPartWhoseOffsetTurnsOutTooBig) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 65537, "x");
+  SendPart("k", upload_id, 1, Pattern(1 << 16));
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 1 << 16}, {65537, 1}}), 400, "InvalidHttpContent"));
+  EXPECT_FALSE(HasObject("k"));
+}
+
+TEST_F(CObjectServerMultipartTest, StorageResultsOfAPart) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aa");
+  storage_.SetResult("stream", 3);
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 500, "NotEnoughSpace"));
+  storage_.SetResult("stream", 9);
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kSaveFailed, logging::kError), 2u);
+  EXPECT_EQ(StateOf(upload_id).parts.size(), 1u);
+  storage_.SetResult("stream", 0);
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "bb"), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}}), ""));
+  EXPECT_EQ(Object("k"), "aabb");
+}
+
+TEST_F(CObjectServerMultipartTest, APartThatCannotBeRecorded) {
+  const std::string upload_id = NewTask("k");
+  Database().FailStatementsWith("platform.local_object_task");
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 1, "aa"), 500, "ServerInternalError"));
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kRecordFailed, logging::kError), 2u);
+  Database().Heal();
+  // The task is there, so its first part stays and may be sent again.
+  EXPECT_TRUE(fs::exists(FirstPartFile(upload_id, 1)));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "BB"), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AA"), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}}), ""));
+  EXPECT_EQ(Object("k"), "AABB");
+}
+
+TEST_F(CObjectServerMultipartTest, AFirstPartThatCannotBeKept) {
+  const std::string upload_id = NewTask("k");
+  std::ofstream("localstoragetmp") << "in the way of the folder";
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 1, "aa"), 500, "ServerInternalError"));
+  EXPECT_THAT(log_->Text(kFileFailed),
+              HasSubstr("save file failed, file_name[./localstoragetmp\\" + upload_id + "_1]."));
+  fs::remove("localstoragetmp");
+  // The other parts decide the part size; the first one then reaches both places.
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "bb"), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AA"), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}}), ""));
+  EXPECT_EQ(Object("k"), "AAbb");
+}
+
+TEST_F(CObjectServerMultipartTest, AFirstPartIsSentAgainBeforeThePartSizeIsKnown) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "a longer try");
+  SendPart("k", upload_id, 1, "aaa");
+  EXPECT_EQ(Content(FirstPartFile(upload_id, 1)), "aaa");
+  SendPart("k", upload_id, 2, "b");
+  EXPECT_EQ(storage_.Calls("stream").back().offset, 3u);
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 3}, {2, 1}}), ""));
+  EXPECT_EQ(Object("k"), "aaab");
+}
+
+TEST_F(CObjectServerMultipartTest, AFirstPartIsSentAgainAfterwards) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 2, "old");
+  SendPart("k", upload_id, 1, "aaa");
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "NEW"), ""));
+  EXPECT_EQ(storage_.Calls("stream").back().offset, 3u);
+  EXPECT_EQ(Content(FirstPartFile(upload_id, 2)), "NEW");
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 3}, {2, 3}}), ""));
+  EXPECT_EQ(Object("k"), "aaaNEW");
+}
+
+TEST_F(CObjectServerMultipartTest, APartIsSentAgain) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aa");
+  SendPart("k", upload_id, 3, "old");
+  SendPart("k", upload_id, 2, "bb");
+  SendPart("k", upload_id, 3, "N");
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 2}, {2, 2}, {3, 3}}), 400, "InvalidXmlContent"));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}, {3, 1}}), ""));
+  EXPECT_EQ(Object("k"), "aabbN");
+}
+
+TEST_F(CObjectServerMultipartTest, ListingsThatAreRefused) {
+  EXPECT_TRUE(IsError(List("k", "unknown"), 400, "InvalidHttpContent"));
+  EXPECT_THAT(log_->Text("[%s]invalid task id[%s].[%s(%d)]"), HasSubstr("invalid task id[unknown]."));
+  EXPECT_TRUE(IsError(List("k", ""), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 1u);
+  EXPECT_TRUE(IsError(SendMessage(Message({"GET", "/none/k", "upload_id=1", "", {}})), 404, "NoSuchBucket"));
+  EXPECT_TRUE(IsError(SendMessage(Message({"GET", Path("k"), "upload_id=1", "", {}})), 403, "AccessDenied"));
+}
+
+TEST_F(CObjectServerMultipartTest, CompletionsThatAreRefused) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aa");
+  SendPart("k", upload_id, 2, "b");
+  const TaskState before = StateOf(upload_id);
+  const auto part = [](const char* number, const char* size) { return PartXml(number, size); };
+  const auto refused = [&](const std::string& body) {
+    const auto result = IsError(Post(Path("k"), "upload_id=" + upload_id, body), 400, "InvalidXmlContent");
+    EXPECT_EQ(StateOf(upload_id), before);
+    EXPECT_FALSE(HasObject("k"));
+    return result;
+  };
+  const auto total = [](const std::string& number, const std::string& parts) {
+    return "<CompleteMultipartUpload><TotalPartNum>" + number + "</TotalPartNum>" + parts +
+           "</CompleteMultipartUpload>";
+  };
+  const std::string good = part("1", "2") + part("2", "1");
+
+  EXPECT_TRUE(refused(""));
+  EXPECT_EQ(log_->Count("[%s]recv data is null.[%s(%d)]", logging::kError), 1u);
+  EXPECT_TRUE(refused("no xml"));
+  EXPECT_THAT(log_->Text("[%s]invalid xml[%s].[%s(%d)]"), HasSubstr("invalid xml[no xml]."));
+  std::string deep;
+  for (int i = 0; i < 1000000; ++i) {
+    deep += "<a>";
+  }
+  EXPECT_TRUE(refused(deep));
+
+  for (const char* number : {"0", "-1", "", "x", "99999999999999999999", "1.5"}) {
+    EXPECT_TRUE(refused(total(number, good))) << number;
+  }
+  EXPECT_TRUE(refused("<CompleteMultipartUpload>" + good + "</CompleteMultipartUpload>"));
+  EXPECT_EQ(log_->Count("[%s]invalid total num[%s].[%s(%d)]", logging::kError), 7u);
+  EXPECT_TRUE(refused("<Other><TotalPartNum>2</TotalPartNum>" + good + "</Other>"));
+
+  log_->Clear();
+  for (const std::string& parts :
+       {part("1", "2"), part("1", "2") + part("2", "2"), part("1", "2") + part("3", "1"),
+        part("1", "2") + part("1", "2"), part("1", "2") + part("", "1"), part("1", "2") + part("2", ""),
+        part("1", "2") + part("4294967298", "1"), part("1", "2") + part("2", "4294967297"),
+        part("1", "2") + part("-1", "-1"), part("1", "2") + std::string("<Part/>"), part("x", "2") + part("2", "1")}) {
+    EXPECT_TRUE(refused(total("2", parts))) << parts;
+  }
+  EXPECT_EQ(log_->Count(kInvalidPart, logging::kError), 11u);
+  EXPECT_THAT(log_->Find(kInvalidPart)[1].text,
+              HasSubstr("invalid part: task_id[" + upload_id + "], num[2], size[2]."));
+  EXPECT_TRUE(refused(total("4294967295", good)));
+  EXPECT_TRUE(refused(total("9223372036854775807", good)));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 1}}), ""));
+}
+
+TEST_F(CObjectServerMultipartTest, CompletionsWithoutTask) {
+  EXPECT_TRUE(IsError(Complete("k", "unknown", {{1, 1}}), 400, "InvalidXmlContent"));
+  EXPECT_TRUE(IsError(Post(Path("k"), "upload_id=", "x"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 1u);
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", "/none/k", "upload_id=1", "x", {}})), 404, "NoSuchBucket"));
+  EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path("k"), "upload_id=1", "x", {}})), 403, "AccessDenied"));
+}
+
+TEST_F(CObjectServerMultipartTest, ACompletionWithoutFirstPartIsAnsweredAsIfItHadSucceeded) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aa");
+  catalogue_.RemovePartSizeInfo(upload_id);  // as after a restart
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}}), ""));
+  EXPECT_THAT(log_->Text(kNoFirstPart), HasSubstr("GetFirstPartInfo failed, task id:" + upload_id + "."));
+  EXPECT_FALSE(HasObject("k"));
+  EXPECT_EQ(StateOf(upload_id).parts.size(), 1u);
+}
+
+TEST_F(CObjectServerMultipartTest, AFirstPartFileThatIsGoneOrCut) {
+  constexpr const char* kReadFailed = "[%s]read first file failed[%s].[%s(%d)]";
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  fs::resize_file(FirstPartFile(upload_id, 1), 3);
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
+  fs::resize_file(FirstPartFile(upload_id, 1), 0);
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
+  fs::remove(FirstPartFile(upload_id, 1));
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kReadFailed, logging::kError), 3u);
+  EXPECT_THAT(log_->Text(kReadFailed), HasSubstr("read first file failed[./localstoragetmp\\" + upload_id + "_1]."));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AAAA"), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
+  EXPECT_EQ(Object("k"), "AAAA");
+}
+
+TEST_F(CObjectServerMultipartTest, ACompletionThatTheStorageRefuses) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  const TaskState before = StateOf(upload_id);
+  storage_.SetResult("stream", 3);
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "NotEnoughSpace"));
+  storage_.SetResult("stream", 4);
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kSaveFailed, logging::kError), 2u);
+  EXPECT_EQ(StateOf(upload_id), before);
+  storage_.SetResult("stream", 0);
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
+  EXPECT_EQ(Object("k"), "aaaa");
+}
+
+TEST_F(CObjectServerMultipartTest, ACompletionThatTheCatalogueRefuses) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  Database().FailStatementsWith("INSERT INTO platform.local_object ");
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
+  Database().Heal();
+  EXPECT_EQ(log_->Count("[%s]add object failed[%d].[%s(%d)]", logging::kError), 1u);
+  EXPECT_FALSE(HasObject("k"));
+  // The first part is with the storage and its file gone: it has to be sent again.
+  EXPECT_FALSE(fs::exists(FirstPartFile(upload_id, 1)));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "aaaa"), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
+  EXPECT_EQ(Object("k"), "aaaa");
+}
+
+TEST_F(CObjectServerMultipartTest, PartsBeyondTheWholeBodyLimit) {
+  const std::string one = Pattern(12 << 20, 1);
+  const std::string two = Pattern(11 << 20, 2);
+  const std::string upload_id = NewTask("k");
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, two), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, one), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, one.size()}, {2, two.size()}}), ""));
+  EXPECT_TRUE(Object("k") == one + two);
+}
+
+TEST_F(CObjectServerMultipartTest, HandlersLookAtThePathThemselves) {
+  constexpr const char* kInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
+  const auto post = Signed({"POST", "/b/a/b", "uploads", "x", {}});
+  using Handler = int (CloudStorage::CObjectServer::*)(std::int32_t, const TansyNet::HttpServerRecv&);
+  for (const Handler handler :
+       {&CloudStorage::CObjectServer::HandleMultiUploadTaskCreate, &CloudStorage::CObjectServer::HandleUploadPartObject,
+        &CloudStorage::CObjectServer::HandleGetAllObjectTask, &CloudStorage::CObjectServer::HandleFinishMutiUploadTask,
+        &CloudStorage::CObjectServer::HandleUploadObject}) {
+    log_->Clear();
+    const std::int32_t handle = http_.NewHandle();
+    EXPECT_EQ((server_.*handler)(handle, post), 0);
+    EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
+    EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
+    EXPECT_THAT(log_->Text(kInvalidUrl), HasSubstr("]invalid url[/b/a/b].["));
+  }
+}
+
+}  // namespace
+}  // namespace Tansy::Tests

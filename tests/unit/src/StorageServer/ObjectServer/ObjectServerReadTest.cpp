@@ -1,0 +1,504 @@
+// Reading and removing objects, and the look-ups for hosts.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "ObjectServerFixture.h"
+#include "StorageServer/ObjectServer/ObjectServerBigSend.h"
+#include "fakes/ManualClock.h"
+
+namespace Tansy::Tests {
+namespace {
+
+using CloudStorage::ByteRange;
+using CloudStorage::CObjectServer;
+using CloudStorage::ObjectInfo;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr std::uint32_t kMiB = 1 << 20;
+constexpr std::uint32_t kChunk = 10485760;
+constexpr const char* kBytesType = "application/octet-stream; charset=utf-8";
+constexpr const char* kInvalidUrl = "[%s]invalid url[%s][%s(%d)]";
+constexpr const char* kNoBucket = "[%s]bucket name not exist[%s][%s(%d)]";
+constexpr const char* kNoObject = "[%s]object name not exist[%s][%s(%d)]";
+constexpr const char* kFailed = "[%s]download failed[%s][%s(%d)]";
+constexpr const char* kBeyond = "[%s]download failed[%s], range_begin_value is greater than file size[%s(%d)]";
+constexpr const char* kSuccess = "[%s]download file[%s:%s] success.[%s(%d)]";
+constexpr const char* kSendFailed = "[%s]HttpServerSynSend error, revalue = %d, handle = %d[%s(%d)]";
+constexpr const char* kRemoveInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
+constexpr const char* kRemoveNoBucket = "[%s]bucket not exist[%s].[%s(%d)]";
+
+class CObjectServerReadTest : public CObjectServerTest {
+ protected:
+  std::string Path(const std::string& key) const { return "/" + bucket_ + "/" + key; }
+  FakeAnswer GetRange(const std::string& key, const std::string& range) {
+    return Get(Path(key), "", {{"Range", range}});
+  }
+  static ::testing::AssertionResult IsBytes(const FakeAnswer& answer, const std::string& bytes) {
+    if (!answer.IsWhole() || answer.attempts != 1 || answer.response.status != 200 ||
+        answer.response.content_type != kBytesType || !answer.response.headers.contains("Date")) {
+      return ::testing::AssertionFailure() << answer.attempts << " answers, " << answer.response.status << " "
+                                           << answer.response.content_type << ", " << answer.body.size() << " bytes";
+    }
+    return answer.body == bytes ? ::testing::AssertionSuccess()
+                                : ::testing::AssertionFailure() << "other bytes: " << answer.body.substr(0, 100);
+  }
+  // An object whose bytes the picture service keeps.
+  void NewPicture(const std::string& key, const std::string& url, const std::string& bytes) {
+    ObjectInfo object;
+    object.bucket_name = bucket_;
+    object.name = key;
+    object.size = bytes.size();
+    object.url = url;
+    ASSERT_TRUE(catalogue_.AddObject(object));
+    storage_.Put(url, bytes);
+    storage_.Put(url.substr(5), bytes);
+    log_->Clear();
+  }
+  bool IsThere(const std::string& key) {
+    ObjectInfo object;
+    return catalogue_.GetObjectByName(object, key, bucket_);
+  }
+
+  const std::string bucket_ = NewBucket();
+};
+
+TEST_F(CObjectServerReadTest, AWholeObject) {
+  const std::string bytes = Pattern(1000);
+  const std::string location = NewObject(bucket_, "k", bytes);
+  const FakeAnswer answer = Get(Path("k"));
+  EXPECT_TRUE(IsBytes(answer, bytes));
+  EXPECT_FALSE(answer.response.headers.contains("Content-Range"));
+  const auto calls = storage_.Calls("range");
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].location, "pool_name:" + bucket_ + ";" + location);
+  EXPECT_EQ(calls[0].size, 1000u);
+  EXPECT_EQ(calls[0].offset, 0u);
+  EXPECT_EQ(log_->Count(kSuccess, logging::kNotable), 1u);
+  EXPECT_THAT(log_->Text(kSuccess), StartsWith("[Tansy::CloudStorage::CObjectServer::HandleDownloadObject]download "
+                                               "file[" +
+                                               bucket_ + ":k] success.["));
+}
+
+TEST_F(CObjectServerReadTest, Ranges) {
+  const std::string bytes = Pattern(1000);
+  NewObject(bucket_, "k", bytes);
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=10-20"), bytes.substr(10, 10)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=0-0"), bytes));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=10-"), bytes.substr(10)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "anything=999-1000"), bytes.substr(999)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "=1-2"), bytes.substr(1, 1)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=0x10-0x20"), bytes.substr(16, 16)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=010-16"), bytes.substr(8, 8)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=x-5"), bytes.substr(0, 5)));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=1-2,5-9"), bytes.substr(1, 1)));
+  EXPECT_FALSE(GetRange("k", "bytes=10-20").response.headers.contains("Content-Range"));
+}
+
+TEST_F(CObjectServerReadTest, AnEndBeyondTheObjectIsTheStoragesBusiness) {
+  const std::string bytes = Pattern(1000);
+  NewObject(bucket_, "k", bytes);
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=990-2000"), bytes.substr(990)));
+  EXPECT_EQ(storage_.Calls("range").back().size, 1010u);
+}
+
+TEST_F(CObjectServerReadTest, RangesThatMakeNoSense) {
+  NewObject(bucket_, "k", Pattern(1000));
+  for (const char* range : {"", "bytes", "bytes 0-1", "bytes=", "bytes=5", "bytes=-100", "bytes=-", "bytes=20-10",
+                            "bytes=10-10", "bytes=99999999999-5", "bytes=99999999999-99999999999"}) {
+    EXPECT_TRUE(IsError(GetRange("k", range), 400, "InvalidHttpContent")) << range;
+  }
+  EXPECT_EQ(log_->Count(kBeyond), 0u);
+  for (const char* range : {"bytes=1000-", "bytes=1000-1001", "bytes=4294967295-", "bytes=99999999999999999999-"}) {
+    EXPECT_TRUE(IsError(GetRange("k", range), 400, "InvalidHttpContent")) << range;
+  }
+  EXPECT_EQ(log_->Count(kBeyond, logging::kError), 4u);
+  EXPECT_THAT(log_->Text(kBeyond), HasSubstr("download failed[k], range_begin_value"));
+  EXPECT_TRUE(storage_.Calls("range").empty());
+}
+
+TEST_F(CObjectServerReadTest, RangeNumbersHaveThirtyTwoBits) {
+  struct Case {
+    const char* value;
+    std::uint32_t begin;
+    std::uint32_t end;
+  };
+  const Case cases[] = {{"bytes=0-4294967295", 0, 4294967295U},
+                        {"bytes=0-4294967296", 0, 4294967295U},
+                        {"bytes=0-18446744073709551616", 0, 4294967295U},
+                        {"bytes=0-99999999999999999999999999", 0, 4294967295U},
+                        {"bytes=5--1", 5, 4294967295U},
+                        {"bytes=5--5", 5, 4294967291U},
+                        {"bytes=5--4294967295", 0, 1},
+                        {"bytes=5--99999999999999999999999", 5, 4294967295U},
+                        {"bytes=5--4294967296", 5, 4294967295U}};
+  for (const Case& c : cases) {
+    TansyNet::HttpServerRecv msg;
+    msg.headers["Range"] = c.value;
+    ByteRange range;
+    if (c.begin == 0 && c.end == 1) {  // wraps round to 1, which lies before the begin
+      EXPECT_EQ(CObjectServer::ParseRangeHeader(msg, range), -18) << c.value;
+      continue;
+    }
+    EXPECT_EQ(CObjectServer::ParseRangeHeader(msg, range), 0) << c.value;
+    EXPECT_EQ(range.begin, c.begin) << c.value;
+    EXPECT_EQ(range.end, c.end) << c.value;
+  }
+  TansyNet::HttpServerRecv none;
+  ByteRange range{3, 4};
+  EXPECT_EQ(CObjectServer::ParseRangeHeader(none, range), 0);
+  EXPECT_EQ(range.begin, 0u);
+  EXPECT_EQ(range.end, 0u);
+}
+
+TEST_F(CObjectServerReadTest, AnEmptyObjectHasNoFirstByte) {
+  NewObject(bucket_, "k", "");
+  EXPECT_TRUE(IsError(Get(Path("k")), 400, "InvalidHttpContent"));
+}
+
+TEST_F(CObjectServerReadTest, AShorterDeliveryShortensTheBody) {
+  const std::string bytes = Pattern(1000);
+  NewObject(bucket_, "k", bytes);
+  storage_.ShortenReads(100);
+  EXPECT_TRUE(IsBytes(Get(Path("k")), bytes.substr(0, 900)));
+  storage_.ShortenReads(1000);
+  EXPECT_TRUE(IsBytes(Get(Path("k")), ""));
+}
+
+TEST_F(CObjectServerReadTest, AStorageThatFails) {
+  NewObject(bucket_, "k", Pattern(1000));
+  storage_.SetResult("range", 1);
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kFailed, logging::kError), 1u);
+}
+
+TEST_F(CObjectServerReadTest, ASuccessWithoutBufferIsNotAnswered) {
+  NewObject(bucket_, "k", Pattern(1000));
+  storage_.DeliverNoBuffer(true);
+  const std::int32_t handle = http_.NewHandle();
+  EXPECT_EQ(server_.HandleDownloadObject(handle, Signed({"GET", Path("k"), "", "", {}})), -1);
+  EXPECT_FALSE(http_.IsAnswered(handle));
+}
+
+TEST_F(CObjectServerReadTest, ChecksInTheirOrder) {
+  NewObject(bucket_, "k", "bytes");
+  for (const char* query : {"", "metadata"}) {
+    log_->Clear();
+    EXPECT_TRUE(IsError(SendMessage(Message({"GET", "/none/none", query, "", {}})), 404, "NoSuchBucket"));
+    EXPECT_EQ(log_->Count(kNoBucket, logging::kError), 1u);
+    EXPECT_TRUE(IsError(SendMessage(Message({"GET", Path("none"), query, "", {}})), 403, "AccessDenied"));
+    EXPECT_TRUE(IsError(Get(Path("none"), query, {{"Range", "nonsense"}}), 404, "NoSuchKey"));
+    EXPECT_EQ(log_->Count(kNoObject, logging::kError), 1u);
+    EXPECT_THAT(log_->Text(kNoObject), HasSubstr("object name not exist[none]["));
+  }
+  for (const char* query : {"", "deletefile"}) {
+    log_->Clear();
+    EXPECT_TRUE(IsError(SendMessage(Message({"DELETE", "/none/none", query, "", {}})), 404, "NoSuchBucket"));
+    EXPECT_EQ(log_->Count(kRemoveNoBucket, logging::kError), 1u);
+    EXPECT_TRUE(IsError(SendMessage(Message({"DELETE", Path("none"), query, "", {}})), 403, "AccessDenied"));
+    EXPECT_TRUE(IsError(Delete(Path("none"), query), 404, "NoSuchKey"));
+    EXPECT_EQ(log_->Count(kNoObject, logging::kError), 1u);
+  }
+}
+
+TEST_F(CObjectServerReadTest, HandlersLookAtThePathThemselves) {
+  using Handler = int (CObjectServer::*)(std::int32_t, const TansyNet::HttpServerRecv&);
+  struct Case {
+    Handler handler;
+    const char* format;
+  };
+  const Case cases[] = {{&CObjectServer::HandleDownloadObject, kInvalidUrl},
+                        {&CObjectServer::HandleGetOneObiectMetadata, kInvalidUrl},
+                        {&CObjectServer::HandleRemoveObject, kRemoveInvalidUrl},
+                        {&CObjectServer::HandleRemoveObjectFile, kRemoveInvalidUrl}};
+  for (const Case& c : cases) {
+    log_->Clear();
+    const std::int32_t handle = http_.NewHandle();
+    EXPECT_EQ((server_.*c.handler)(handle, Signed({"GET", "/b/a/b", "", "", {}})), 0);
+    EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
+    EXPECT_EQ(log_->Count(c.format, logging::kError), 1u);
+  }
+}
+
+TEST_F(CObjectServerReadTest, Metadata) {
+  NewObject(bucket_, "k", Pattern(12345));
+  const FakeAnswer answer = Get(Path("k"), "metadata");
+  EXPECT_TRUE(IsXml(answer, ""));
+  EXPECT_EQ(answer.response.headers.at("Object-Size"), "12345");
+  EXPECT_TRUE(storage_.Calls("range").empty());
+  EXPECT_TRUE(IsError(Get(Path("none"), "metadata"), 404, "NoSuchKey"));
+}
+
+TEST_F(CObjectServerReadTest, PicturesAreReadWholeByTheirUrl) {
+  const std::string bytes = Pattern(1000);
+  NewPicture("p", "/pic?name=1", bytes);
+  EXPECT_TRUE(IsBytes(Get(Path("p")), bytes));
+  const auto calls = storage_.Calls("read");
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].location, "pool_name:" + bucket_ + ";/pic?name=1");
+  EXPECT_EQ(calls[0].size, 1000u);
+  EXPECT_EQ(calls[0].flag, 1);
+  EXPECT_TRUE(IsBytes(GetRange("p", "bytes=0-1000"), bytes));
+  EXPECT_EQ(storage_.Calls("read").size(), 2u);
+}
+
+TEST_F(CObjectServerReadTest, PartsOfPicturesAreReadByTheRestOfTheirUrl) {
+  const std::string bytes = Pattern(1000);
+  NewPicture("p", "/pic?name=1", bytes);
+  EXPECT_TRUE(IsBytes(GetRange("p", "bytes=1-5"), bytes.substr(1, 4)));
+  EXPECT_TRUE(IsBytes(GetRange("p", "bytes=0-999"), bytes.substr(0, 999)));
+  const auto calls = storage_.Calls("range");
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].location, "pool_name:" + bucket_ + ";name=1");
+  EXPECT_TRUE(storage_.Calls("read").empty());
+  storage_.SetResult("range", 1);
+  storage_.SetResult("read", 1);
+  EXPECT_TRUE(IsError(Get(Path("p")), 500, "ServerInternalError"));
+  EXPECT_TRUE(IsError(GetRange("p", "bytes=1-5"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kFailed, logging::kError), 2u);
+}
+
+TEST_F(CObjectServerReadTest, BigPicturesAreSentWholeToo) {
+  const std::string bytes = Pattern(kChunk + 1);
+  NewPicture("p", "x/pic?name=1", bytes);
+  const FakeAnswer answer = Get(Path("p"));
+  EXPECT_TRUE(IsBytes(answer, bytes));
+  EXPECT_TRUE(answer.chunks.empty());
+}
+
+TEST_F(CObjectServerReadTest, TenMiBAreSentInOnePiece) {
+  const std::string bytes = Pattern(kChunk);
+  NewObject(bucket_, "k", bytes);
+  const FakeAnswer answer = Get(Path("k"));
+  EXPECT_TRUE(IsBytes(answer, bytes));
+  EXPECT_TRUE(answer.chunks.empty());
+}
+
+TEST_F(CObjectServerReadTest, TwentyFiveMiBAreSentInThreeChunks) {
+  const std::string bytes = Pattern(25 * kMiB);
+  const std::string location = NewObject(bucket_, "k", bytes);
+  const FakeAnswer answer = Get(Path("k"));
+  EXPECT_TRUE(IsBytes(answer, bytes));
+  EXPECT_THAT(answer.chunks, ElementsAre(kChunk, kChunk, 5 * kMiB));
+  EXPECT_EQ(answer.response.headers.at("Content-Range"), "bytes 0-26214400/26214400");
+  const auto calls = storage_.Calls("range");
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[2].offset, 2 * kChunk);
+  EXPECT_EQ(calls[2].location, "pool_name:" + bucket_ + ";" + location);
+  EXPECT_EQ(log_->Count(kSuccess), 0u);
+}
+
+TEST_F(CObjectServerReadTest, BigRanges) {
+  const std::string bytes = Pattern(25 * kMiB);
+  NewObject(bucket_, "k", bytes);
+  FakeAnswer answer = GetRange("k", "bytes=5-");
+  EXPECT_TRUE(IsBytes(answer, bytes.substr(5)));
+  EXPECT_EQ(answer.response.headers.at("Content-Range"), "bytes 5-26214400/26214400");
+  answer = GetRange("k", "bytes=100-10485861");
+  EXPECT_TRUE(IsBytes(answer, bytes.substr(100, kChunk + 1)));
+  EXPECT_THAT(answer.chunks, ElementsAre(kChunk, 1u));
+  EXPECT_EQ(answer.response.headers.at("Content-Range"), "bytes 100-10485861/26214400");
+  answer = GetRange("k", "bytes=100-10485860");
+  EXPECT_TRUE(IsBytes(answer, bytes.substr(100, kChunk)));
+  EXPECT_TRUE(answer.chunks.empty());
+}
+
+TEST_F(CObjectServerReadTest, ABigReadThatFailsAtOnceIsAnError) {
+  NewObject(bucket_, "k", Pattern(25 * kMiB));
+  storage_.SetResult("range", 1);
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+  EXPECT_THAT(log_->Text(kFailed), HasSubstr("HandleBigFileSend]download failed[k]["));
+}
+
+TEST_F(CObjectServerReadTest, ABigReadThatFailsInTheMiddleEndsTheConnection) {
+  NewObject(bucket_, "k", Pattern(25 * kMiB));
+  std::atomic<int> reads{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++reads == 2) {
+      storage_.SetResult("range", 1);
+    }
+  });
+  const FakeAnswer answer = Get(Path("k"));
+  EXPECT_TRUE(answer.cut);
+  EXPECT_THAT(answer.chunks, ElementsAre(kChunk));
+  EXPECT_EQ(answer.body.size(), kChunk);
+}
+
+TEST_F(CObjectServerReadTest, AShortChunkIsAFailedRead) {
+  const std::string bytes = Pattern(25 * kMiB);
+  NewObject(bucket_, "k", bytes);
+  storage_.Put("fs01" + bucket_ + "-k.d", bytes.substr(0, 25 * kMiB - 1));
+  const FakeAnswer answer = Get(Path("k"));
+  EXPECT_TRUE(answer.cut);
+  EXPECT_THAT(answer.chunks, ElementsAre(kChunk, kChunk));
+  EXPECT_EQ(log_->Count(kFailed, logging::kError), 1u);
+}
+
+TEST_F(CObjectServerReadTest, ABigReadWithoutBufferIsAFailedRead) {
+  NewObject(bucket_, "k", Pattern(25 * kMiB));
+  storage_.DeliverNoBuffer(true);
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+}
+
+TEST_F(CObjectServerReadTest, AClientThatGoesAwayEndsTheSending) {
+  NewObject(bucket_, "k", Pattern(25 * kMiB));
+  http_.FailSends(1007, 1);
+  const std::int32_t handle = http_.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", Path("k"), "", "", {}}));
+  for (int i = 0; i < 1000 && log_->Count(kSendFailed) == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_THAT(
+      log_->Text(kSendFailed),
+      HasSubstr("HandleBigFileSend]HttpServerSynSend error, revalue = 1007, handle = " + std::to_string(handle) + "["));
+  EXPECT_THAT(http_.AnswerOf(handle).chunks, ElementsAre(kChunk));
+  EXPECT_EQ(storage_.Calls("range").size(), 2u);
+}
+
+TEST_F(CObjectServerReadTest, ManyBigDownloadsAtOnce) {
+  const std::string bytes = Pattern(11 * kMiB);
+  NewObject(bucket_, "k", bytes);
+  std::vector<std::int32_t> handles;
+  for (int i = 0; i < 12; ++i) {
+    handles.push_back(http_.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", Path("k"), "", "", {}})));
+  }
+  for (const std::int32_t handle : handles) {
+    EXPECT_TRUE(IsBytes(http_.WaitForAnswer(handle, 60000), bytes));
+  }
+}
+
+TEST_F(CObjectServerReadTest, DownloadsBeyondTheThreadsWait) {
+  using CloudStorage::details::CBigFileSendThreads;
+  CBigFileSendThreads& threads = CBigFileSendThreads::Instance();
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  std::atomic<std::size_t> running{0};
+  std::atomic<std::size_t> done{0};
+  const auto job = [&, released] {
+    ++running;
+    released.wait();
+    ++done;
+  };
+  constexpr std::size_t kAll = CBigFileSendThreads::kMaxThreads + CBigFileSendThreads::kMaxWaiting;
+  for (std::size_t i = 0; i < kAll; ++i) {
+    ASSERT_TRUE(threads.Run(job)) << i;
+  }
+  EXPECT_FALSE(threads.Run(job));
+  // The next download is refused in the protocol's words.
+  NewObject(bucket_, "k", Pattern(11 * kMiB));
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+  for (int i = 0; i < 1000 && running < CBigFileSendThreads::kMaxThreads; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(running, CBigFileSendThreads::kMaxThreads);
+  release.set_value();
+  for (int i = 0; i < 1000 && done < kAll; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(done, kAll);
+  EXPECT_TRUE(Get(Path("k")).IsWhole());
+}
+
+TEST_F(CObjectServerReadTest, SizesOfFourGiBAndMoreCountModuloFourGiB) {
+  NewObject(bucket_, "k", Pattern(1000));
+  ObjectInfo object;
+  ASSERT_TRUE(catalogue_.GetObjectByName(object, "k", bucket_));
+  object.size = (std::uint64_t{1} << 32) + 500;
+  ASSERT_TRUE(catalogue_.AddObject(object));
+  EXPECT_EQ(Get(Path("k")).body.size(), 500u);
+  EXPECT_EQ(Get(Path("k"), "metadata").response.headers.at("Object-Size"), "4294967796");
+}
+
+TEST_F(CObjectServerReadTest, RemovingLeavesTheBytes) {
+  const std::string location = NewObject(bucket_, "k", "bytes");
+  EXPECT_TRUE(IsXml(Delete(Path("k")), ""));
+  EXPECT_FALSE(IsThere("k"));
+  EXPECT_EQ(storage_.Bytes(location), "bytes");
+  EXPECT_TRUE(storage_.Calls("remove").empty());
+}
+
+TEST_F(CObjectServerReadTest, RemovingTheFileHandsItsResolvedPathOver) {
+  NewObject(bucket_, "k", "bytes");
+  EXPECT_TRUE(IsXml(Delete(Path("k"), "deletefile"), ""));
+  EXPECT_FALSE(IsThere("k"));
+  const auto calls = storage_.Calls("remove");
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].location, "disk\\" + bucket_ + "\\k.d");
+}
+
+TEST_F(CObjectServerReadTest, RemovingAFileThatCannotBeFoundRemovesTheObject) {
+  ObjectInfo object;
+  object.bucket_name = bucket_;
+  object.name = "k";
+  object.size = 5;
+  object.url = "no-such-form";
+  ASSERT_TRUE(catalogue_.AddObject(object));
+  EXPECT_TRUE(IsXml(Delete(Path("k"), "deletefile"), ""));
+  EXPECT_FALSE(IsThere("k"));
+  EXPECT_TRUE(storage_.Calls("remove").empty());
+}
+
+TEST_F(CObjectServerReadTest, AFileThatCannotBeRemovedKeepsTheObject) {
+  NewObject(bucket_, "k", "bytes");
+  storage_.SetResult("remove", -13);
+  EXPECT_TRUE(IsError(Delete(Path("k"), "deletefile"), 404, "NoSuchKey"));
+  EXPECT_TRUE(IsThere("k"));
+  EXPECT_EQ(log_->Count(kFailed, logging::kError), 1u);
+  // A result that is no error of the protocol is answered with its empty texts.
+  storage_.SetResult("remove", 5);
+  const FakeAnswer answer = Delete(Path("k"), "deletefile");
+  EXPECT_EQ(answer.response.status, 200);
+  EXPECT_THAT(answer.body, HasSubstr("<Error>"));
+  EXPECT_TRUE(IsThere("k"));
+}
+
+TEST_F(CObjectServerReadTest, InternalUrls) {
+  const std::string location = NewObject(bucket_, "k", "bytes");
+  std::string url = "old";
+  EXPECT_TRUE(server_.GetInternalURLByObjectUrl(url, Path("k")));
+  EXPECT_EQ(url, location);
+  url = "old";
+  EXPECT_FALSE(server_.GetInternalURLByObjectUrl(url, "k"));
+  EXPECT_THAT(log_->Text("[%s]GetInternalURLByObjectUrl, parse url[%s] error[%s(%d)]"),
+              HasSubstr("parse url[k] error["));
+  EXPECT_FALSE(server_.GetInternalURLByObjectUrl(url, Path("none")));
+  EXPECT_FALSE(server_.GetInternalURLByObjectUrl(url, "/none/none"));
+  EXPECT_EQ(url, "old");
+  EXPECT_THAT(log_->Text("[%s]GetInternalURLByObjectUrl, bucket[%s] or object[%s] not exist.[%s(%d)]"),
+              HasSubstr("bucket[none] or object[none] not exist."));
+}
+
+TEST_F(CObjectServerReadTest, RequestsThatTheHostReceived) {
+  const std::string location = NewObject(bucket_, "k", "bytes");
+  const auto check = [this](std::string path, bool sign, std::string& internal_url) {
+    std::string method = "GET";
+    std::string query;
+    const TansyNet::HttpServerRecv msg =
+        sign ? Signed({method, path, query, "", {}}) : Message({method, path, query, "", {}});
+    std::map<std::string, std::string> headers = msg.headers;
+    return server_.CheckObjectRequestValid(internal_url, path, method, query, headers);
+  };
+  std::string url = "old";
+  EXPECT_EQ(check("k", true, url), -18);
+  EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
+  EXPECT_EQ(check("/none/k", true, url), -12);
+  EXPECT_EQ(log_->Count(kNoBucket, logging::kError), 1u);
+  EXPECT_EQ(check(Path("k"), false, url), -1);
+  EXPECT_EQ(check(Path("none"), true, url), -13);
+  EXPECT_EQ(log_->Count(kNoObject, logging::kError), 1u);
+  NewPicture("p", "/pic?name=1", "bytes");
+  EXPECT_EQ(check(Path("p"), true, url), -19);
+  EXPECT_EQ(url, "old");
+  EXPECT_EQ(log_->Count(kSuccess), 0u);
+
+  EXPECT_EQ(check(Path("k"), true, url), 0);
+  EXPECT_EQ(url, "pool_name:" + bucket_ + ";" + location);
+  EXPECT_EQ(log_->Count(kSuccess, logging::kNotable), 1u);
+}
+
+}  // namespace
+}  // namespace Tansy::Tests

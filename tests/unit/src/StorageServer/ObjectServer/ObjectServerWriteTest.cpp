@@ -1,0 +1,441 @@
+// Storing objects: bodies that arrive whole and bodies that stream in.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "ObjectServerFixture.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/ObjectServerTasks.h"
+#include "StorageServer/ServerMsgLoop.h"
+#include "TansyBase/TimeUtil.h"
+#include "fakes/HeldLoop.h"
+#include "fakes/ManualClock.h"
+
+namespace Tansy::Tests {
+namespace {
+
+using CloudStorage::CObjectServer;
+using CloudStorage::CServerMsgLoop;
+using CloudStorage::ObjectInfo;
+using CloudStorage::details::CBigFileStreamMgr;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr std::size_t kMiB = 1 << 20;
+constexpr std::size_t kWholeLimit = 10485760;
+constexpr const char* kInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
+constexpr const char* kNoBucket = "[%s]bucket name not exist[%s].[%s(%d)]";
+constexpr const char* kKeyTooLong = "[%s]object key is too long, objectkey[%s].[%s(%d)]";
+constexpr const char* kFinished = "[%s]recv object finished, session id[%d], size[%d:%d], url[%s].[%s(%d)]";
+constexpr const char* kNoStream = "[%s]get stream info failed[%d].[%s(%d)]";
+constexpr const char* kGaveUp = "[%s]recv msg failed[%d:%d], session id:%d.[%s(%d)]";
+constexpr const char* kPiece = "[%s]handle object stream task[%s], size[%d].[%s(%d)]";
+constexpr const char* kPieceNoBucket = "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]";
+constexpr const char* kPieceFailed = "[%s]UploadStream failed[%d], bucket_name[%s], url[%s], size[%d].[%s(%d)]";
+constexpr const char* kSaveFailed = "[%s]save file failed[%d].[%s(%d)]";
+
+class CObjectServerWriteTest : public CObjectServerTest {
+ protected:
+  std::string Path(const std::string& key) const { return "/" + bucket_ + "/" + key; }
+  bool IsStored(const std::string& key, ObjectInfo& object) { return catalogue_.GetObjectByName(object, key, bucket_); }
+
+  // Streams a body as the HTTP library does and waits for the answer.
+  FakeAnswer Stream(TansyNet::HttpServerRecv msg, const std::string& body, const std::vector<std::size_t>& pieces) {
+    handle_ = http_.NewHandle();
+    delivered_ = http_.Stream(handle_, &CObjectServer::RecvMsgCallBack, std::move(msg), body, pieces);
+    return http_.WaitForAnswer(handle_);
+  }
+  FakeAnswer StreamSigned(const std::string& key, const std::string& body, const std::vector<std::size_t>& pieces) {
+    return Stream(Signed({"PUT", Path(key), "", "", {}}), body, pieces);
+  }
+  bool HasNoStream() const { return streams_.IsStreamAbsent(static_cast<std::uint32_t>(handle_)); }
+
+  const std::string bucket_ = NewBucket();
+  CBigFileStreamMgr& streams_ = CBigFileStreamMgr::Instance();
+  std::int32_t handle_ = 0;
+  std::size_t delivered_ = 0;
+};
+
+TEST_F(CObjectServerWriteTest, ASmallBodyIsStoredWhole) {
+  const CManualClock clock;
+  const std::string body = Pattern(1000);
+  EXPECT_TRUE(IsXml(Put(Path("k"), body), ""));
+
+  const auto calls = storage_.Calls("save");
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].location, "pool_name:" + bucket_ + ";");
+  EXPECT_EQ(calls[0].size, 1000u);
+  EXPECT_EQ(calls[0].flag, 1);
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_EQ(object.size, 1000u);
+  EXPECT_EQ(object.update_time, "2026-11-03 08:05:09");
+  EXPECT_EQ(storage_.Bytes(object.url), body);
+  EXPECT_EQ(object.url.find("pool_name"), std::string::npos);
+}
+
+TEST_F(CObjectServerWriteTest, AnEmptyBodyIsAnEmptyObject) {
+  EXPECT_TRUE(IsXml(Put(Path("k"), ""), ""));
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_EQ(object.size, 0u);
+}
+
+TEST_F(CObjectServerWriteTest, ChecksInTheirOrder) {
+  const std::string long_key(129, 'k');
+  // Nothing is right: the bucket is looked at first, then the key, then the signature.
+  EXPECT_TRUE(IsError(SendMessage(Message({"PUT", "/none/" + long_key, "", "x", {}})), 404, "NoSuchBucket"));
+  EXPECT_EQ(log_->Count(kNoBucket, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kNoBucket),
+              StartsWith("[Tansy::CloudStorage::CObjectServer::HandleUploadObject]bucket name not exist[none].["));
+  EXPECT_TRUE(IsError(SendMessage(Message({"PUT", Path(long_key), "", "x", {}})), 400, "KeyTooLong"));
+  EXPECT_EQ(log_->Count(kKeyTooLong, logging::kError), 1u);
+  EXPECT_TRUE(IsError(SendMessage(Message({"PUT", Path("k"), "", "x", {}})), 403, "AccessDenied"));
+  EXPECT_TRUE(storage_.Calls("save").empty());
+}
+
+TEST_F(CObjectServerWriteTest, TheLongestKey) {
+  EXPECT_TRUE(IsXml(Put(Path(std::string(128, 'k')), "x"), ""));
+  EXPECT_TRUE(IsError(Put(Path(std::string(129, 'k')), "x"), 400, "KeyTooLong"));
+}
+
+TEST_F(CObjectServerWriteTest, StorageResults) {
+  storage_.SetResult("save", 3);
+  EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "NotEnoughSpace"));
+  storage_.SetResult("save", 1);
+  EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "ServerInternalError"));
+  storage_.SetResult("save", -1);
+  EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count("[%s]upload failed[%s].[%s(%d)]", logging::kError), 3u);
+  ObjectInfo object;
+  EXPECT_FALSE(IsStored("k", object));
+}
+
+TEST_F(CObjectServerWriteTest, ACatalogueThatRefuses) {
+  Database().FailStatementsWith("INSERT INTO platform.local_object");
+  EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "ServerInternalError"));
+  Database().Heal();
+  ObjectInfo object;
+  EXPECT_FALSE(IsStored("k", object));
+}
+
+TEST_F(CObjectServerWriteTest, AStorageWithoutCallbacksIsAnError) {
+  CloudStorage::StorageServerConfig_V1 config = Config();
+  config.save_object = nullptr;
+  config.stream_save = nullptr;
+  server_.Init(config);
+  EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "ServerInternalError"));
+  EXPECT_TRUE(IsError(StreamSigned("k", Pattern(11 * kMiB), {kWholeLimit}), 500, "ServerInternalError"));
+  EXPECT_TRUE(IsError(Post(Path("k"), "uploads"), 500, "ServerInternalError"));
+}
+
+TEST_F(CObjectServerWriteTest, TheLargestWholeBody) {
+  EXPECT_TRUE(IsXml(Put(Path("k"), Pattern(kWholeLimit)), ""));
+  EXPECT_EQ(storage_.Calls("save").size(), 1u);
+  EXPECT_TRUE(storage_.Calls("stream").empty());
+}
+
+TEST_F(CObjectServerWriteTest, OneByteMoreStreams) {
+  const std::string body = Pattern(kWholeLimit + 1);
+  EXPECT_TRUE(IsXml(StreamSigned("k", body, {kWholeLimit}), ""));
+
+  const auto calls = storage_.Calls("stream");
+  ASSERT_EQ(calls.size(), 2u);
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_EQ(calls[0].location, "pool_name:" + bucket_ + ";");
+  EXPECT_EQ(calls[0].offset, 0u);
+  EXPECT_EQ(calls[1].location, "pool_name:" + bucket_ + ";" + object.url);
+  EXPECT_EQ(calls[1].offset, kWholeLimit);
+  EXPECT_EQ(calls[1].size, 1u);
+  EXPECT_EQ(object.size, body.size());
+  EXPECT_EQ(storage_.Bytes(object.url), body);
+  EXPECT_TRUE(storage_.Calls("save").empty());
+  EXPECT_TRUE(HasNoStream());
+
+  EXPECT_EQ(log_->Count(kPiece, logging::kTrace), 2u);
+  EXPECT_THAT(log_->Text(kFinished),
+              HasSubstr("session id[" + std::to_string(handle_) + "], size[10485761:10485761], url[" + object.url));
+  EXPECT_EQ(log_->Count(kFinished, logging::kTrace), 1u);
+}
+
+TEST_F(CObjectServerWriteTest, PiecesOfAnySizeComeInOrder) {
+  const std::string body = Pattern(11 * kMiB, 7);
+  std::mt19937 random(20261103);
+  std::vector<std::size_t> pieces;
+  for (std::size_t sum = 0; sum < body.size(); sum += pieces.back()) {
+    pieces.push_back(1 + random() % (kMiB / 2));
+  }
+  EXPECT_TRUE(IsXml(StreamSigned("k", body, pieces), ""));
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_TRUE(storage_.Bytes(object.url) == body);
+}
+
+TEST_F(CObjectServerWriteTest, AnEmptyLastPieceStoresNothingMore) {
+  const std::string body = Pattern(11 * kMiB);
+  handle_ = http_.NewHandle();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = static_cast<std::uint32_t>(body.size());
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, body, false);
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "", true);
+  EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle_), ""));
+  EXPECT_EQ(storage_.Calls("stream").size(), 1u);
+}
+
+TEST_F(CObjectServerWriteTest, ManyUploadsAtOnce) {
+  constexpr int kUploads = 12;
+  std::vector<std::string> bodies(kUploads);
+  std::vector<std::thread> clients;
+  for (int i = 0; i < kUploads; ++i) {
+    clients.emplace_back([this, i, &body = bodies[static_cast<std::size_t>(i)]] {
+      body = Pattern(kWholeLimit + 1 + static_cast<std::size_t>(i), static_cast<std::uint32_t>(i) + 1);
+      std::mt19937 random(static_cast<unsigned>(i));
+      std::vector<std::size_t> pieces;
+      for (int piece = 0; piece < 30; ++piece) {
+        pieces.push_back(1 + random() % kMiB);
+      }
+      const std::int32_t handle = http_.NewHandle();
+      http_.Stream(handle, &CObjectServer::RecvMsgCallBack, Signed({"PUT", Path("k" + std::to_string(i)), "", "", {}}),
+                   body, pieces);
+      EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle), ""));
+    });
+  }
+  for (std::thread& client : clients) {
+    client.join();
+  }
+  for (int i = 0; i < kUploads; ++i) {
+    ObjectInfo object;
+    ASSERT_TRUE(IsStored("k" + std::to_string(i), object));
+    EXPECT_TRUE(storage_.Bytes(object.url) == bodies[static_cast<std::size_t>(i)]) << i;
+  }
+}
+
+TEST_F(CObjectServerWriteTest, PiecesAreStoredOneAtATimeAndNobodyElseWaits) {
+  std::atomic<int> inside{0};
+  std::atomic<int> most{0};
+  storage_.SetHook([&](const CFakeStorage::Call& call) {
+    if (call.kind == "stream") {
+      const int now = ++inside;
+      most = std::max(most.load(), now);
+      // The receiving threads get on while a piece is being stored.
+      EXPECT_TRUE(streams_.IsStreamAbsent(0xFFFFFFFF));
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      --inside;
+    }
+  });
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 4; ++i) {
+    clients.emplace_back([this, i] {
+      const std::int32_t handle = http_.NewHandle();
+      http_.Stream(handle, &CObjectServer::RecvMsgCallBack, Signed({"PUT", Path("k" + std::to_string(i)), "", "", {}}),
+                   Pattern(11 * kMiB), std::vector<std::size_t>(10, kMiB));
+      EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle), ""));
+    });
+  }
+  for (std::thread& client : clients) {
+    client.join();
+  }
+  EXPECT_EQ(most, 1);
+}
+
+TEST_F(CObjectServerWriteTest, TheNextPieceWaitsUntilTheLastIsStored) {
+  std::atomic<bool> stored{false};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    stored = true;
+  });
+  handle_ = http_.NewHandle();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = 11 * kMiB;
+  // Returns when the piece's token is gone.
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "piece", false);
+  EXPECT_TRUE(stored);
+}
+
+TEST_F(CObjectServerWriteTest, UploadsAreRefusedAtTheirFirstPiece) {
+  const std::string body = Pattern(11 * kMiB);
+  const std::string long_key(129, 'k');
+  const auto first_of_many = std::vector<std::size_t>(11, kMiB);
+
+  EXPECT_TRUE(
+      IsError(Stream(Message({"PUT", "/none/" + long_key, "", "", {}}), body, first_of_many), 404, "NoSuchBucket"));
+  EXPECT_EQ(delivered_, 1u);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_EQ(log_->Count(kNoBucket, logging::kError), 1u);
+  EXPECT_TRUE(IsError(Stream(Message({"PUT", Path(long_key), "", "", {}}), body, first_of_many), 400, "KeyTooLong"));
+  EXPECT_EQ(delivered_, 1u);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_TRUE(IsError(Stream(Message({"PUT", Path("k"), "", "", {}}), body, first_of_many), 403, "AccessDenied"));
+  EXPECT_EQ(delivered_, 1u);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_TRUE(storage_.Calls("stream").empty());
+}
+
+TEST_F(CObjectServerWriteTest, BodiesThatNoUploadTakesAreAnsweredByTheirHandlers) {
+  const std::string body = Pattern(11 * kMiB);
+  const auto pieces = std::vector<std::size_t>(11, kMiB);
+  // A bucket's body arrives empty, which is no XML.
+  EXPECT_TRUE(
+      IsError(Stream(Signed({"PUT", "/too-big-a-bucket", "", "", {}}), body, pieces), 400, "InvalidXmlContent"));
+  EXPECT_EQ(delivered_, 1u);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_TRUE(IsError(Stream(Signed({"PUT", "/" + bucket_, "", "", {}}), body, pieces), 409, "BucketAlreadyExists"));
+  EXPECT_TRUE(IsError(Stream(Message({"PUT", "/too-big-a-bucket", "", "", {}}), body, pieces), 403, "AccessDenied"));
+  EXPECT_TRUE(IsError(Stream(Signed({"PUT", Path("k"), "x=1", "", {}}), body, pieces), 400, "URLNotSupport"));
+  EXPECT_TRUE(IsError(Stream(Signed({"PUT", Path("a/b"), "", "", {}}), body, pieces), 400, "URLNotSupport"));
+  EXPECT_EQ(delivered_, 1u);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_TRUE(storage_.Calls("stream").empty());
+}
+
+TEST_F(CObjectServerWriteTest, ALatePieceOfARefusedUploadIsDropped) {
+  TansyNet::HttpServerRecv msg = Message({"PUT", Path("k"), "", "", {}});
+  msg.content_length = 11 * kMiB;
+  handle_ = http_.NewHandle();
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "first", false);
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "late", false);
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "last", true);
+  EXPECT_EQ(http_.AnswerOf(handle_).attempts, 1);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_EQ(CServerMsgLoop::Instance().GetWorkTaskCount(), 0u);
+}
+
+TEST_F(CObjectServerWriteTest, APieceThatCannotBeStoredIsAnsweredAtTheNext) {
+  storage_.SetResult("stream", 3);
+  const FakeAnswer answer = StreamSigned("k", Pattern(11 * kMiB), std::vector<std::size_t>(11, kMiB));
+  EXPECT_TRUE(IsError(answer, 500, "ServerInternalError"));
+  EXPECT_EQ(delivered_, 2u);
+  EXPECT_EQ(storage_.Calls("stream").size(), 1u);
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_EQ(log_->Count(kSaveFailed, logging::kError), 1u);
+  EXPECT_EQ(log_->Count(kNoStream, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kPieceFailed), HasSubstr("UploadStream failed[" + std::to_string(handle_) + "], bucket_name[" +
+                                                  bucket_ + "], url[" + Path("k") + "], size[1048576]."));
+  // The library would send no more; if it did, nothing would come of it.
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = 11 * kMiB;
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "late", true);
+  EXPECT_EQ(http_.AnswerOf(handle_).attempts, 1);
+}
+
+TEST_F(CObjectServerWriteTest, ALastPieceThatCannotBeStored) {
+  std::atomic<int> calls{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++calls == 2) {
+      storage_.SetResult("stream", 1);
+    }
+  });
+  EXPECT_TRUE(IsError(StreamSigned("k", Pattern(11 * kMiB), {kWholeLimit}), 500, "ServerInternalError"));
+  EXPECT_EQ(delivered_, 2u);
+  EXPECT_TRUE(HasNoStream());
+  ObjectInfo object;
+  EXPECT_FALSE(IsStored("k", object));
+}
+
+TEST_F(CObjectServerWriteTest, ABucketThatVanishesInTheMiddle) {
+  std::atomic<int> calls{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++calls == 2) {
+      CloudStorage::BucketInfo bucket;
+      ASSERT_TRUE(catalogue_.GetBucketByName(bucket, bucket_));
+      ASSERT_TRUE(catalogue_.RemoveBucket(bucket.id));
+    }
+  });
+  EXPECT_TRUE(IsError(StreamSigned("k", Pattern(11 * kMiB), std::vector<std::size_t>(11, kMiB)), 404, "NoSuchBucket"));
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(log_->Count(kPieceNoBucket, logging::kError), 9u);
+  EXPECT_TRUE(HasNoStream());
+}
+
+TEST_F(CObjectServerWriteTest, BytesThatNeverComeAreGivenUp) {
+  // Twenty MiB declared, ten delivered: a hundred rounds are the limit, one more is waited. Rounds take 200 ms.
+  handle_ = http_.NewHandle();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = 20 * kMiB;
+  const auto begin = std::chrono::steady_clock::now();
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(kWholeLimit), true);
+  EXPECT_TRUE(IsError(http_.WaitForAnswer(handle_, 40000), 500, "ServerInternalError"));
+  const auto waited = std::chrono::steady_clock::now() - begin;
+  EXPECT_GE(waited, std::chrono::milliseconds(101 * 200));
+  EXPECT_LT(waited, std::chrono::milliseconds(101 * 200 + 4000));
+  EXPECT_THAT(log_->Text(kGaveUp), HasSubstr("recv msg failed[101:100], session id:" + std::to_string(handle_) + "."));
+  // The record stays, and the bytes count for whoever asks with the same id.
+  ObjectInfo stream;
+  ASSERT_TRUE(streams_.GetStreamInfo(stream, static_cast<std::uint32_t>(handle_)));
+  EXPECT_EQ(stream.size, kWholeLimit);
+  streams_.RemoveStream(static_cast<std::uint32_t>(handle_));
+}
+
+TEST_F(CObjectServerWriteTest, AStoredPieceCutsTheRoundShort) {
+  // The handler waits for a last piece that takes 50 ms: it answers right after, not at the end of its round.
+  std::atomic<int> calls{0};
+  std::chrono::steady_clock::time_point stored;
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++calls == 2) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      stored = std::chrono::steady_clock::now();
+    }
+  });
+  EXPECT_TRUE(IsXml(StreamSigned("k", Pattern(11 * kMiB), {kWholeLimit}), ""));
+  EXPECT_LT(std::chrono::steady_clock::now() - stored, std::chrono::milliseconds(120));
+}
+
+TEST_F(CObjectServerWriteTest, AWholeBodyThatDeclaresMoreHasNoStream) {
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "x", {}});
+  msg.content_length = kWholeLimit + 1;
+  EXPECT_TRUE(IsError(SendMessage(msg), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kNoStream, logging::kError), 1u);
+}
+
+TEST_F(CObjectServerWriteTest, PathsOfAnotherShape) {
+  // Routing lets none through; handler and stream task look all the same.
+  EXPECT_TRUE(IsError(Put("/bucket/a/b", "x"), 400, "URLNotSupport"));
+  EXPECT_EQ(log_->Count(kInvalidUrl), 0u);
+  const std::int32_t handle = http_.NewHandle();
+  EXPECT_EQ(server_.HandleUploadObject(handle, Signed({"PUT", "/bucket/a/b", "", "x", {}})), 0);
+  EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
+
+  CloudStorage::CObjectStreamTask(handle, Message({"PUT", "/bucket/a/b", "", "x", {}})).Exec();
+  EXPECT_THAT(log_->Text("[%s]CObjectStreamTask invalid url[%s].[%s(%d)]"),
+              HasSubstr("CObjectStreamTask::Exec]CObjectStreamTask invalid url[/bucket/a/b].["));
+  EXPECT_TRUE(storage_.Calls("stream").empty());
+}
+
+TEST_F(CObjectServerWriteTest, AnEmptyKeyIsNoMistakeOfTheHandler) {
+  const std::int32_t handle = http_.NewHandle();
+  EXPECT_EQ(server_.HandleUploadObject(handle, Signed({"PUT", Path(""), "", "x", {}})), 0);
+  EXPECT_TRUE(IsXml(http_.AnswerOf(handle), ""));
+}
+
+TEST_F(CObjectServerWriteTest, AStreamTaskHoldsItsToken) {
+  TansyNet::HttpServerRecv msg = Message({"PUT", Path("k"), "", "x", {}});
+  auto token = std::make_shared<const int>(0);
+  const std::weak_ptr<const int> watched = token;
+  msg.token = std::move(token);
+  auto task = std::make_unique<CloudStorage::CObjectStreamTask>(http_.NewHandle(), msg);
+  msg.token.reset();
+  EXPECT_FALSE(watched.expired());
+  EXPECT_EQ(msg.body.use_count(), 2);  // shared, not copied
+  task.reset();
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(msg.body.use_count(), 1);
+}
+
+TEST_F(CObjectServerWriteTest, AKeyIsReplaced) {
+  EXPECT_TRUE(IsXml(Put(Path("k"), "old"), ""));
+  EXPECT_TRUE(IsXml(Put(Path("k"), "newer"), ""));
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_EQ(object.size, 5u);
+  EXPECT_EQ(storage_.Bytes(object.url), "newer");
+}
+
+}  // namespace
+}  // namespace Tansy::Tests
