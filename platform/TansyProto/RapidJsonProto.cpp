@@ -5,6 +5,9 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
 #include <utility>
 
 #include "TansyProto/DocumentPath.h"
@@ -14,6 +17,23 @@ namespace TansyProto {
 
 namespace details {
 namespace {
+
+// Stands on the backslash of an escape, and on the last character of it afterwards. False for the second half of a
+// surrogate pair without its first: the parser would make bytes of it that are not UTF-8.
+bool SkipEscape(std::string_view text, std::size_t& at) {
+  constexpr std::size_t kEscape = 6;  // "\uD83D"
+  unsigned unit = 0;
+  const std::string_view digits = text.substr(at).starts_with("\\u") ? text.substr(at + 2, 4) : std::string_view();
+  const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), unit, 16);
+  if (digits.size() < 4 || parsed.ptr != digits.data() + 4) {
+    ++at;
+    return true;
+  }
+  const bool is_first_half = unit >= 0xD800 && unit <= 0xDBFF;
+  // That a second half follows is the parser's to check.
+  at += (is_first_half ? 2 * kEscape : kEscape) - 1;
+  return unit < 0xDC00 || unit > 0xDFFF;
+}
 
 // Depth and number of values as the brackets and commas outside strings tell them. Text that is no JSON may pass; the
 // parser refuses it then, within these limits.
@@ -29,7 +49,9 @@ bool IsWithinLimits(std::string_view text) {
     if (c == '"') {
       in_string = !in_string;
     } else if (in_string) {
-      i += c == '\\' ? 1 : 0;
+      if (c == '\\' && !SkipEscape(text, i)) {
+        return false;
+      }
     } else if (c == '[' || c == '{') {
       ++values;
       ++depth;
@@ -62,6 +84,18 @@ const Value* FindStep(const Value& parent, const PathStep& step) {
   }
   const bool is_there = member->value.IsArray() && step.index <= member->value.Size();
   return is_there ? &member->value[static_cast<rapidjson::SizeType>(step.index - 1)] : nullptr;
+}
+
+// The parser makes infinities of numbers that are too big, and the writer stops at one. Depth is at most kMaxDepth.
+bool IsFinite(const Value& value) {
+  if (value.IsArray()) {
+    return std::all_of(value.Begin(), value.End(), IsFinite);
+  }
+  if (value.IsObject()) {
+    return std::all_of(value.MemberBegin(), value.MemberEnd(),
+                       [](const auto& member) { return IsFinite(member.value); });
+  }
+  return !value.IsDouble() || std::isfinite(value.GetDouble());
 }
 
 std::string ToText(const Value& value) {
@@ -179,9 +213,10 @@ bool CRapidJsonProto::Parse(std::string_view text) {
   if (!details::IsWithinLimits(text)) {
     return false;
   }
-  constexpr unsigned kOptions = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
+  constexpr unsigned kOptions =
+      rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
   impl_->document.Parse<kOptions>(text.data(), text.size());
-  if (!impl_->document.HasParseError()) {
+  if (!impl_->document.HasParseError() && details::IsFinite(impl_->document)) {
     return true;
   }
   impl_ = std::make_unique<Impl>();

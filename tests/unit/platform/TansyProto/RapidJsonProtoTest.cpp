@@ -114,10 +114,12 @@ TEST_P(RefusedJsonTest, LeavesAnEmptyDocument) {
 INSTANTIATE_TEST_SUITE_P(Texts, RefusedJsonTest,
                          testing::Values(""sv, " "sv, "{"sv, "}"sv, "{}{}"sv, "{} x"sv, "[1,]"sv, "{\"a\"}"sv,
                                          "{\"a\":}"sv, "{a:1}"sv, "{'a':1}"sv, "{\"a\":1,}"sv, "// c\n{}"sv, "nul"sv,
-                                         "NaN"sv, "Infinity"sv, "01"sv, "+1"sv, ".5"sv, "1."sv, "\"\n\""sv, "\"\\x\""sv,
-                                         "\"\\u12\""sv, "\"\\ud800\""sv, "\"\xFF\""sv, "\"\xC0\x80\""sv,
-                                         "\"\xED\xA0\x80\""sv, "{}\0"sv, "{}\0x"sv, "\0{}"sv, "{\"a\":1\0}"sv,
-                                         "\"a\0b\""sv, "<a/>"sv, "\xFF\xFE{\0}\0"sv));
+                                         "NaN"sv, "Infinity"sv, "01"sv, "+1"sv, ".5"sv, "1."sv, "1e999"sv,
+                                         "[{\"a\":-2.51e308}]"sv, "\"\n\""sv, "\"\\x\""sv, "\"\\u12\""sv,
+                                         "\"\\ud800\""sv, "\"\\ud800\\ud800\""sv, "\"\\ud800x\\udc00\""sv,
+                                         "\"\\udc00\""sv, "\"\\ud83d\\ude00\\ude00\""sv, "{\"\\udfff\":1}"sv,
+                                         "\"\xFF\""sv, "\"\xC0\x80\""sv, "\"\xED\xA0\x80\""sv, "{}\0"sv, "{}\0x"sv,
+                                         "\0{}"sv, "{\"a\":1\0}"sv, "\"a\0b\""sv, "<a/>"sv, "\xFF\xFE{\0}\0"sv));
 
 TEST(RapidJsonProtoTest, TextIsEscapedAndComesBack) {
   std::string all;
@@ -130,6 +132,21 @@ TEST(RapidJsonProtoTest, TextIsEscapedAndComesBack) {
   CRapidJsonProto again;
   ASSERT_TRUE(again.Parse(document.Serialize()));
   EXPECT_EQ(again.GetString("/A"), all);
+}
+
+TEST(RapidJsonProtoTest, SurrogatePairsAreOneCharacter) {
+  CRapidJsonProto document;
+  ASSERT_TRUE(document.Parse(R"({"A":"\ud83d\uDE00\\ude00\u005c","B":"x"})"));
+  EXPECT_EQ(document.GetString("/A"), "\xF0\x9F\x98\x80\\ude00\\");
+  EXPECT_EQ(document.GetString("/B"), "x");
+}
+
+TEST(RapidJsonProtoTest, FractionsComeBackAsTheyWere) {
+  CRapidJsonProto document;
+  ASSERT_TRUE(document.Parse("[0.1,-2.5e-300,1.7976931348623157e308,92233720368547758088888.5]"));
+  CRapidJsonProto again;
+  ASSERT_TRUE(again.Parse(document.Serialize()));
+  EXPECT_EQ(again.Serialize(), document.Serialize());
 }
 
 TEST(RapidJsonProtoTest, BytesThatAreNoTextAreReplaced) {
