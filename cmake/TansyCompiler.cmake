@@ -19,11 +19,11 @@ if(MSVC)
   add_compile_definitions(_WIN32_WINNT=0x0A00 NOMINMAX)
 else()
   add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2
-                      -Wno-error=maybe-uninitialized -Werror)
+                      -Werror)
   # Source paths in log lines and debug information start at the project's folder, wherever it was built.
   add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    add_compile_options(-fno-semantic-interposition)
+    add_compile_options(-fno-semantic-interposition -Wno-error=maybe-uninitialized)
   endif()
   add_link_options(-Wl,--as-needed)
 endif()
