@@ -15,6 +15,10 @@ int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, 
   if (port == 0) {
     return 0;
   }
+  if (callback == nullptr) {
+    CServerRuntime::SetLastError("listen: no callback");
+    return kNetListenFailed;
+  }
   return CServerRuntime::Instance().StartListener(handle, address, port, tls, callback, reuse_address);
 }
 

@@ -49,7 +49,7 @@ struct HttpServerRecv {
   Headers headers;
   std::vector<FormPart> form_parts;  // of a whole multipart/form-data body, in its order
   // One piece at a time: the next piece of this request is delivered when the last copy of this token is gone. Whoever
-  // keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token.
+  // keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token. Null for whole requests.
   std::shared_ptr<const void> token;
 };
 
@@ -105,7 +105,8 @@ enum NetError : int {
 class CHttpServer {
  public:
   // `handle` names the request; it is never reused while the process lives. `msg` may be moved from. Called on a thread
-  // of the library, deliveries of one request one after another.
+  // of the library, deliveries of one request one after another. Whole requests arrive on the threads that serve all
+  // other clients too, so the callback hands them on and returns; pieces arrive on threads of their own and may wait.
   using RecvCallback = void (*)(std::int32_t handle, HttpServerRecv& msg);
 
   // Listens on `address` ("0.0.0.0", "::" or any local one; IPv6 listeners are v6-only so that both families share a
@@ -137,8 +138,8 @@ class CHttpServer {
   static int ReloadCertificates();
   // Requests delivered and not answered yet.
   static std::size_t OpenRequestCount();
-  // Waits until no request is open, at most this long, then closes every connection and ends the library's threads.
-  // True when nothing had to be cut off. Starting a listener afterwards works.
+  // Stops all listeners, waits until no request is open, at most this long, then closes every connection and ends the
+  // library's threads. True when nothing had to be cut off. Starting a listener afterwards works. Not from a callback.
   static bool Shutdown(std::uint32_t drain_ms);
 };
 

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "TansyNet/HttpServerWorker.h"
+
 namespace TansyNet {
 
 CDeliveryPool::~CDeliveryPool() {
@@ -41,6 +43,7 @@ void CDeliveryPool::Post(std::function<void()> task) {
 }
 
 void CDeliveryPool::Run() {
+  CServerWorker::MarkLibraryThread();
   std::unique_lock lock(mutex_);
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });

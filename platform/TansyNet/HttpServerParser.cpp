@@ -63,6 +63,9 @@ bool NamesOtherVersion(std::string_view input) {
     return false;
   }
   const std::string_view end = line.substr(line.size() - kPattern.size());
+  if (end.ends_with("1.0") || end.ends_with("1.1")) {
+    return false;
+  }
   return end.substr(0, 6) == " HTTP/" && AllDigits(end.substr(6, 1)) && end[7] == '.' && AllDigits(end.substr(8));
 }
 
@@ -246,7 +249,8 @@ CRequestParser::Progress CRequestParser::ParseHead(std::string_view& input) {
   if (error == http::error::bad_version && details::NamesOtherVersion(offered)) {
     return impl.Fail(details::kVersionNotSupported);
   }
-  if (error == http::error::bad_content_length && details::IsHugeLength(input)) {
+  if (error == http::error::bad_content_length && Head().framing == BodyFraming::kNone &&
+      details::IsHugeLength(input)) {
     return impl.Fail(details::kTooLarge);
   }
   return error ? impl.Fail(impl.parser->failure) : Progress::kDone;

@@ -55,7 +55,19 @@ void CServerRuntime::EnsureRunning() {
     worker->Start();
     workers_.push_back(std::move(worker));
   }
-  delivery_.Start(details::kDeliveryThreads);
+  delivery_ = std::make_shared<CDeliveryPool>();
+  delivery_->Start(details::kDeliveryThreads);
+}
+
+void CServerRuntime::Deliver(std::function<void()> task) {
+  std::shared_ptr<CDeliveryPool> delivery;
+  {
+    const std::scoped_lock lock(mutex_);
+    delivery = delivery_;
+  }
+  if (delivery != nullptr) {
+    delivery->Post(std::move(task));
+  }
 }
 
 std::shared_ptr<CServerWorker> CServerRuntime::NextWorker() {
@@ -88,7 +100,6 @@ int CServerRuntime::StartListener(std::int32_t& handle, const std::string& addre
 }
 
 int CServerRuntime::StopListener(std::int32_t handle) {
-  const std::scoped_lock control(control_mutex_);
   std::shared_ptr<CListener> listener;
   std::vector<std::shared_ptr<CServerWorker>> workers;
   {
@@ -160,7 +171,7 @@ void CServerRuntime::ConnectionIdle() {
   }
 }
 
-bool CServerRuntime::Shutdown(std::uint32_t drain_ms) {
+void CServerRuntime::StopAllListeners() {
   std::vector<std::int32_t> handles;
   {
     const std::scoped_lock lock(mutex_);
@@ -171,27 +182,37 @@ bool CServerRuntime::Shutdown(std::uint32_t drain_ms) {
   for (const std::int32_t handle : handles) {
     StopListener(handle);
   }
-  const std::scoped_lock control(control_mutex_);
-  bool idle = false;
-  {
-    std::unique_lock lock(idle_mutex_);
-    idle = idle_.wait_for(lock, std::chrono::milliseconds(drain_ms),
-                          [this] { return busy_.load(std::memory_order_acquire) == 0; });
-  }
-  StopThreads();
-  return idle;
 }
 
-void CServerRuntime::StopThreads() {
+bool CServerRuntime::WaitUntilIdle(std::uint32_t milliseconds) {
+  std::unique_lock lock(idle_mutex_);
+  return idle_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                        [this] { return busy_.load(std::memory_order_acquire) == 0; });
+}
+
+bool CServerRuntime::Shutdown(std::uint32_t drain_ms) {
+  if (CServerWorker::IsLibraryThread()) {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]shutdown from within a callback[%s(%d)]");
+    return false;
+  }
+  StopAllListeners();
+  const bool idle = WaitUntilIdle(drain_ms);
   std::vector<std::shared_ptr<CServerWorker>> workers;
+  std::shared_ptr<CDeliveryPool> delivery;
   {
+    const std::scoped_lock control(control_mutex_);
+    StopAllListeners();
     const std::scoped_lock lock(mutex_);
     workers.swap(workers_);
+    delivery.swap(delivery_);
   }
   for (const auto& worker : workers) {
     worker->Stop();
   }
-  delivery_.Stop();
+  if (delivery != nullptr) {
+    delivery->Stop();
+  }
+  return idle;
 }
 
 }  // namespace TansyNet

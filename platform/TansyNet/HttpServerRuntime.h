@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -38,7 +39,8 @@ class CServerRuntime {
   HttpServerLimits Limits() const;
 
   CHandleTable& Handles() { return handles_; }
-  CDeliveryPool& Delivery() { return delivery_; }
+  // Runs a callback that may take long; see CDeliveryPool. Dropped when nothing runs.
+  void Deliver(std::function<void()> task);
 
   // Counts a new connection; false when there are enough.
   bool AdmitConnection();
@@ -57,20 +59,21 @@ class CServerRuntime {
   CServerRuntime() = default;
 
   void EnsureRunning();
-  void StopThreads();
+  void StopAllListeners();
+  bool WaitUntilIdle(std::uint32_t milliseconds);
 
-  // One start, stop or shutdown at a time; never held while a callback runs on this thread.
+  // One start or stop at a time. Never held while threads are joined: their callbacks may start and stop listeners.
   std::mutex control_mutex_;
 
   mutable std::mutex mutex_;
   HttpServerLimits limits_;                                       // guarded by mutex_
   std::vector<std::shared_ptr<CServerWorker>> workers_;           // guarded by mutex_
   std::map<std::int32_t, std::shared_ptr<CListener>> listeners_;  // guarded by mutex_
+  std::shared_ptr<CDeliveryPool> delivery_;                       // guarded by mutex_
   std::int32_t last_listener_ = 0;                                // guarded by mutex_
   std::size_t next_worker_ = 0;                                   // guarded by mutex_
 
   CHandleTable handles_;
-  CDeliveryPool delivery_;
   std::atomic<std::uint32_t> connections_{0};
   std::atomic<std::uint32_t> max_connections_{HttpServerLimits{}.connections};
 

@@ -6,6 +6,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -14,10 +15,19 @@
 
 #include "TansyNet/HttpServerAsio.h"
 #include "TansyNet/ServerConnection.h"
+#include "logging/Logging.h"
 
 namespace TansyNet {
 
 namespace asio = boost::asio;
+
+namespace details {
+namespace {
+
+thread_local bool t_library_thread = false;
+
+}  // namespace
+}  // namespace details
 
 struct CServerWorker::Impl {
   // One thread runs the loop; everybody else only posts.
@@ -36,9 +46,23 @@ struct CServerWorker::Impl {
   bool closing = false;
   std::unique_ptr<char[]> scratch{new char[kScratchBytes]};
 
+  void Run();
   void Tick();
   void CheckDeadlines();
 };
+
+// Out of memory ends the step of one connection, which then runs into its deadline, but not the thread.
+void CServerWorker::Impl::Run() {
+  MarkLibraryThread();
+  for (;;) {
+    try {
+      context.run();
+      return;
+    } catch (const std::exception& problem) {
+      TANSY_LOG(logging::kError, "TansyNet", "[%s]step failed, %s[%s(%d)]", problem.what());
+    }
+  }
+}
 
 void CServerWorker::Impl::Tick() {
   // An idle worker sleeps: the clock runs only while there is a connection to watch.
@@ -83,8 +107,16 @@ CServerWorker::CServerWorker() : impl_(std::make_unique<Impl>()) {}
 
 CServerWorker::~CServerWorker() = default;
 
+bool CServerWorker::IsLibraryThread() {
+  return details::t_library_thread;
+}
+
+void CServerWorker::MarkLibraryThread() {
+  details::t_library_thread = true;
+}
+
 void CServerWorker::Start() {
-  impl_->thread = std::thread([this] { impl_->context.run(); });
+  impl_->thread = std::thread([this] { impl_->Run(); });
 }
 
 void CServerWorker::Stop() {

@@ -26,6 +26,10 @@ class CServerWorker {
   CServerWorker(const CServerWorker&) = delete;
   CServerWorker& operator=(const CServerWorker&) = delete;
 
+  // Whether the calling thread belongs to the library, which must not wait for its own end.
+  static bool IsLibraryThread();
+  static void MarkLibraryThread();
+
   void Start();
   // Closes the worker's connections and ends its thread. Later posts are dropped.
   void Stop();

@@ -144,24 +144,32 @@ void CListener::Accept() {
   }
   impl_->accepted = tcp::socket(ContextOf(*impl_->target));
   impl_->acceptor.async_accept(impl_->accepted, [self = shared_from_this()](const error_code& problem) {
-    if (problem != asio::error::operation_aborted) {
-      self->OnAccepted(static_cast<bool>(problem));
+    if (problem == asio::error::operation_aborted) {
+      return;
     }
+    if (problem) {
+      self->NoteTrouble("accept: " + problem.message());
+      self->PauseAfterFailure();
+      return;
+    }
+    self->TakeConnection();
+    self->Accept();
   });
 }
 
-void CListener::OnAccepted(bool failed) {
-  if (failed) {
-    TANSY_LOG(logging::kError, "TansyNet", "[%s]accept failed[%s(%d)]");
-    PauseAfterFailure();
-    return;
+// One line when it begins: what keeps clients out tends to do so many times a second.
+void CListener::NoteTrouble(const std::string& what) {
+  if (trouble_ != what) {
+    trouble_ = what;
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]clients are turned away, %s[%s(%d)]", what.c_str());
   }
-  TakeConnection();
-  Accept();
 }
 
 void CListener::PauseAfterFailure() {
   const std::scoped_lock lock(mutex_);
+  if (IsClosed()) {
+    return;
+  }
   impl_->pause.expires_after(details::kPause);
   impl_->pause.async_wait([self = shared_from_this()](const error_code& problem) {
     if (!problem) {
@@ -178,9 +186,10 @@ void CListener::TakeConnection() {
     return;
   }
   if (!runtime.AdmitConnection()) {
-    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]too many connections[%s(%d)]");
+    NoteTrouble("too many connections");
     return;
   }
+  trouble_.clear();
   std::unique_ptr<CServerSocket> socket = MakeServerSocket(std::move(accepted));
   if (socket == nullptr) {
     runtime.ConnectionClosed();

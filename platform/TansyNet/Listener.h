@@ -37,7 +37,7 @@ class CListener : public std::enable_shared_from_this<CListener> {
   struct Impl;
 
   void Accept();
-  void OnAccepted(bool failed);
+  void NoteTrouble(const std::string& what);
   void PauseAfterFailure();
   void TakeConnection();
   TlsContextPtr TlsContext() const;
@@ -45,6 +45,7 @@ class CListener : public std::enable_shared_from_this<CListener> {
   const std::shared_ptr<CServerWorker> worker_;
   const CHttpServer::RecvCallback callback_;
   std::atomic<bool> closed_{false};
+  std::string trouble_;  // what keeps new clients out at present; the worker's own
 
   mutable std::mutex tls_mutex_;
   HttpsServer tls_settings_;  // guarded by tls_mutex_

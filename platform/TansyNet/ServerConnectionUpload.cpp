@@ -93,7 +93,7 @@ void CServerConnection::DeliverPiece() {
     StartPiece();
     SetDeadline(limits_.body_timeout_ms);
   }
-  runtime.Delivery().Post([self = shared_from_this(), handle = handle_, message = std::move(message)] {
+  runtime.Deliver([self = shared_from_this(), handle = handle_, message = std::move(message)] {
     self->RunPiece(handle, *message);
   });
 }

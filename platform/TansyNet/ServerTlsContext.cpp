@@ -19,7 +19,7 @@ struct CertificatePair {
 
 bool FileExists(const std::string& path) {
   std::error_code ignored;
-  return std::filesystem::is_regular_file(std::filesystem::u8path(path), ignored);
+  return std::filesystem::is_regular_file(reinterpret_cast<const char8_t*>(path.c_str()), ignored);
 }
 
 // One path for both names a pair beside each other or, without such a pair, a file that holds both.
