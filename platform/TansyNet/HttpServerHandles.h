@@ -18,6 +18,8 @@ class CServerConnection;
 // after those the count begins anew, leaving out what is still open. 0 is never a handle.
 class CHandleTable {
  public:
+  explicit CHandleTable(std::uint32_t first = 1) : next_(first) {}
+
   std::int32_t Add(const std::shared_ptr<CServerConnection>& connection);
   // Null when the request is not open.
   std::shared_ptr<CServerConnection> Find(std::int32_t handle) const;
@@ -36,7 +38,7 @@ class CHandleTable {
 
   // Neighbouring handles lie in different shards, so that threads rarely meet at one lock.
   std::array<Shard, kShards> shards_;
-  std::atomic<std::uint32_t> next_{1};
+  std::atomic<std::uint32_t> next_;
   std::atomic<std::size_t> size_{0};
 };
 

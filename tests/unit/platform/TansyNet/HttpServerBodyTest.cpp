@@ -1,0 +1,86 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "TansyNet/ServerConnectionBody.h"
+
+namespace {
+
+using TansyNet::CBodyBuffer;
+using TansyNet::CPieceStore;
+
+TEST(BodyBuffer, CollectsExactlyItsLength) {
+  CBodyBuffer body;
+  body.Start(5);
+  std::string_view input = "abc";
+  body.Consume(input);
+  EXPECT_TRUE(input.empty());
+  EXPECT_FALSE(body.IsComplete());
+  input = "defg";
+  body.Consume(input);
+  EXPECT_EQ(input, "fg");
+  EXPECT_TRUE(body.IsComplete());
+  EXPECT_TRUE(body.Space().empty());
+  EXPECT_EQ(body.Take(), "abcde");
+  EXPECT_TRUE(body.IsComplete()) << "it is empty again";
+}
+
+TEST(BodyBuffer, CostsNothingBeforeBytesCome) {
+  CBodyBuffer body;
+  body.Start(10485760);
+  EXPECT_EQ(body.Used(), 0U);
+  EXPECT_LE(body.Space().size(), 4096U);
+}
+
+TEST(BodyBuffer, GrowsWithWhatCame) {
+  constexpr std::size_t kLength = 10485760;
+  CBodyBuffer body;
+  body.Start(kLength);
+  std::size_t steps = 0;
+  while (!body.IsComplete()) {
+    const auto space = body.Space();
+    ASSERT_FALSE(space.empty());
+    EXPECT_LE(space.size(), std::max<std::size_t>(4096, body.Used()));
+    std::fill(space.begin(), space.end(), static_cast<char>('a' + steps % 26));
+    body.Commit(space.size());
+    ++steps;
+  }
+  EXPECT_LT(steps, 200U);
+  EXPECT_EQ(body.Take().size(), kLength);
+}
+
+TEST(BodyBuffer, ReusesMemory) {
+  CBodyBuffer body;
+  std::string storage(100, 'x');
+  const char* const memory = storage.data();
+  body.Start(50, std::move(storage));
+  EXPECT_EQ(body.Space().size(), 50U);
+  EXPECT_EQ(body.Space().data(), memory);
+  body.Commit(20);
+  EXPECT_EQ(body.Take(), std::string(20, 'x'));
+}
+
+TEST(PieceStore, GetsMemoryBackWithTheLastOwner) {
+  const auto store = std::make_shared<CPieceStore>();
+  EXPECT_EQ(store->TakeSpare(), "");
+  auto piece = store->Share(std::string(1000, 'p'));
+  auto copy = piece;
+  const char* const memory = piece->data();
+  piece.reset();
+  EXPECT_EQ(store->TakeSpare(), "");
+  copy.reset();
+  const std::string spare = store->TakeSpare();
+  EXPECT_EQ(spare.data(), memory);
+  EXPECT_EQ(store->TakeSpare(), "");
+}
+
+TEST(PieceStore, MayDieBeforeItsPieces) {
+  auto store = std::make_shared<CPieceStore>();
+  const auto piece = store->Share("piece");
+  store.reset();
+  EXPECT_EQ(*piece, "piece");
+}
+
+}  // namespace

@@ -1,0 +1,240 @@
+// What happens to clients that are too slow, too many, or silent.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "RawClient.h"
+#include "ServerFixture.h"
+#include "TansyNet/HttpServer.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using Tansy::Tests::AnswerText;
+using Tansy::Tests::CRawClient;
+using Tansy::Tests::Delivery;
+using Tansy::Tests::Eventually;
+using Tansy::Tests::RawReply;
+using Tansy::Tests::ServerFixture;
+using TansyNet::CHttpServer;
+using TansyNet::HttpServerLimits;
+using TansyNet::HttpServerRecv;
+
+constexpr std::uint32_t kShortMs = 150;
+constexpr std::size_t kMebibyte = 1024 * 1024;
+
+class HttpServerLimit : public ServerFixture {
+ protected:
+  void StartWith(const HttpServerLimits& limits, Handler handler = {}) {
+    CHttpServer::SetLimits(limits);
+    Start(std::move(handler));
+    begin_ = steady_clock::now();
+  }
+
+  void ExpectAtLeastTheLimit() const { EXPECT_GE(steady_clock::now() - begin_, milliseconds(kShortMs - 20)); }
+
+  void ExpectTimeout(CRawClient& client) {
+    EXPECT_EQ(client.ReadReply().status, 408);
+    ExpectAtLeastTheLimit();
+    EXPECT_TRUE(client.WaitForEnd());
+  }
+
+  steady_clock::time_point begin_;
+};
+
+TEST_F(HttpServerLimit, DefaultsAreThoseOfTheRecord) {
+  const HttpServerLimits limits;
+  EXPECT_EQ(limits.header_bytes, 65536U);
+  EXPECT_EQ(limits.header_timeout_ms, 10000U);
+  EXPECT_EQ(limits.idle_timeout_ms, 60000U);
+  EXPECT_EQ(limits.body_timeout_ms, 30000U);
+  EXPECT_EQ(limits.unanswered_timeout_ms, 120000U);
+  EXPECT_EQ(limits.connections, 10000U);
+  EXPECT_EQ(limits.whole_body_bytes, 67108864U);
+}
+
+TEST_F(HttpServerLimit, HeaderBytes) {
+  StartWith({.header_bytes = 1000});
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\nA: " + std::string(1000, 'x') + "\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().status, 431);
+  EXPECT_TRUE(client.WaitForEnd());
+  EXPECT_FALSE(HasDelivery());
+}
+
+TEST_F(HttpServerLimit, HeaderTimeIsNotProlongedByProgress) {
+  StartWith({.header_timeout_ms = kShortMs});
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n");
+  std::jthread drip([&](const std::stop_token& stop) {
+    while (!stop.stop_requested() && client.TrySend("A: b\r\n")) {
+      std::this_thread::sleep_for(milliseconds(20));
+    }
+  });
+  EXPECT_EQ(client.ReadReply().status, 408);
+  ExpectAtLeastTheLimit();
+  EXPECT_LT(steady_clock::now() - begin_, milliseconds(20 * kShortMs));
+}
+
+TEST_F(HttpServerLimit, HeaderTimeBeginsWithTheFirstByte) {
+  StartWith({.header_timeout_ms = kShortMs}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
+  CRawClient client(Port());
+  std::this_thread::sleep_for(milliseconds(2 * kShortMs));
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "ok");
+  std::this_thread::sleep_for(milliseconds(2 * kShortMs));
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "ok");
+}
+
+TEST_F(HttpServerLimit, IdleTimeClosesWithoutAWord) {
+  StartWith({.idle_timeout_ms = kShortMs}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
+  CRawClient fresh(Port());
+  CRawClient used(Port());
+  used.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(used.ReadReply().body, "ok");
+  EXPECT_TRUE(fresh.WaitForEnd());
+  EXPECT_TRUE(used.WaitForEnd());
+  ExpectAtLeastTheLimit();
+}
+
+TEST_F(HttpServerLimit, BodyTimeEndsAWholeBody) {
+  StartWith({.body_timeout_ms = kShortMs});
+  CRawClient client(Port());
+  client.Send("POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc");
+  ExpectTimeout(client);
+  EXPECT_FALSE(HasDelivery());
+}
+
+TEST_F(HttpServerLimit, BodyTimeEndsABodyInChunks) {
+  StartWith({.body_timeout_ms = kShortMs});
+  CRawClient client(Port());
+  client.Send("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nabc");
+  ExpectTimeout(client);
+}
+
+TEST_F(HttpServerLimit, BodyTimeEndsAnUpload) {
+  StartWith({.body_timeout_ms = kShortMs});
+  CRawClient client(Port());
+  client.Send("PUT / HTTP/1.1\r\nContent-Length: 20000000\r\n\r\n" + std::string(5 * kMebibyte, 'x'));
+  const Delivery first = Take();
+  EXPECT_EQ(client.ReadReply().status, 408);
+  EXPECT_TRUE(client.WaitForEnd());
+  EXPECT_EQ(AnswerText(first.handle, "late"), TansyNet::kNetUnknownHandle);
+}
+
+TEST_F(HttpServerLimit, BodyTimeIsProlongedByProgress) {
+  StartWith({.body_timeout_ms = 2 * kShortMs},
+            [](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, *message.body); });
+  CRawClient client(Port());
+  client.Send("POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\n");
+  for (int count = 0; count < 10; ++count) {
+    std::this_thread::sleep_for(milliseconds(kShortMs / 3));
+    client.Send("x");
+  }
+  EXPECT_EQ(client.ReadReply().body, "xxxxxxxxxx");
+}
+
+TEST_F(HttpServerLimit, TheServersOwnSlownessIsNotTheClientsBodyTime) {
+  StartWith({.body_timeout_ms = kShortMs});
+  const std::string body(14 * kMebibyte, 'x');
+  CRawClient client(Port());
+  std::jthread sender(
+      [&] { client.TrySend("PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body); });
+  for (bool last = false; !last;) {
+    const Delivery piece = Take();
+    std::this_thread::sleep_for(milliseconds(2 * kShortMs));
+    last = piece.message.error_code == TansyNet::kLastBodyPiece;
+    if (last) {
+      AnswerText(piece.handle, "stored");
+    }
+  }
+  EXPECT_EQ(client.ReadReply().body, "stored");
+}
+
+TEST_F(HttpServerLimit, UnansweredTimeClosesWithoutAWord) {
+  StartWith({.unanswered_timeout_ms = kShortMs});
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  const Delivery delivery = Take();
+  EXPECT_TRUE(client.WaitForEnd());
+  ExpectAtLeastTheLimit();
+  EXPECT_EQ(AnswerText(delivery.handle, "late"), TansyNet::kNetUnknownHandle);
+  EXPECT_EQ(CHttpServer::OpenRequestCount(), 0U);
+}
+
+TEST_F(HttpServerLimit, UnansweredTimeEndsAnUploadWhosePieceIsKept) {
+  StartWith({.unanswered_timeout_ms = kShortMs});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient client(Port());
+  std::jthread sender(
+      [&] { client.TrySend("PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body); });
+  const Delivery first = Take();
+  EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; }));
+  ExpectAtLeastTheLimit();
+}
+
+TEST_F(HttpServerLimit, UnansweredTimeBeginsAnewWithEachChunkOfAnAnswer) {
+  StartWith({.unanswered_timeout_ms = 2 * kShortMs});
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::int32_t handle = Take().handle;
+  for (int count = 0; count < 5; ++count) {
+    std::this_thread::sleep_for(milliseconds(kShortMs / 2));
+    EXPECT_EQ(CHttpServer::HttpServerSyncSendBigRsp(handle, {}, 1, "x", 6), 0);
+  }
+  EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; }));
+  EXPECT_EQ(CHttpServer::HttpServerSyncSendBigRsp(handle, {}, 1, "x", 6), TansyNet::kNetUnknownHandle);
+  EXPECT_THROW(client.ReadReply(), std::runtime_error) << "five of six bytes came";
+}
+
+TEST_F(HttpServerLimit, ConnectionsBeyondTheNumberAreClosedAtOnce) {
+  StartWith({.connections = 3}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
+  std::vector<std::unique_ptr<CRawClient>> clients;
+  for (int count = 0; count < 3; ++count) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->Send("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(clients.back()->ReadReply().body, "ok");
+  }
+  CRawClient surplus(Port());
+  EXPECT_TRUE(surplus.WaitForEnd());
+  clients.pop_back();
+  EXPECT_TRUE(Eventually([&] {
+    CRawClient next(Port());
+    return next.TrySend("GET / HTTP/1.1\r\n\r\n") && !next.WaitForEnd();
+  })) << "a place became free";
+}
+
+TEST_F(HttpServerLimit, CountForConnectionsThatComeLater) {
+  StartWith({.idle_timeout_ms = 60000});
+  CRawClient before(Port());
+  before.Send("GET / HTTP/1.1\r\n\r\n");
+  AnswerText(Take().handle, "ok");
+  EXPECT_EQ(before.ReadReply().body, "ok");
+  CHttpServer::SetLimits({.idle_timeout_ms = kShortMs});
+  CRawClient after(Port());
+  EXPECT_TRUE(after.WaitForEnd());
+  EXPECT_TRUE(before.IsSilent(10));
+}
+
+TEST_F(HttpServerLimit, ManySilentConnectionsCostLittle) {
+  StartWith({}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
+  std::vector<std::unique_ptr<CRawClient>> silent;
+  for (int count = 0; count < 300; ++count) {
+    silent.push_back(std::make_unique<CRawClient>(Port()));
+    silent.back()->Send(count % 2 == 0 ? "GET / HT" : "PUT / HTTP/1.1\r\nContent-Length: 10485760\r\n\r\n");
+  }
+  CRawClient client(Port());
+  for (int count = 0; count < 20; ++count) {
+    client.Send("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.ReadReply().body, "ok");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,261 @@
+// Starting and stopping.
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "RawClient.h"
+#include "ServerFixture.h"
+#include "TansyNet/HttpServer.h"
+
+namespace {
+
+using Tansy::Tests::AnswerText;
+using Tansy::Tests::CRawClient;
+using Tansy::Tests::Delivery;
+using Tansy::Tests::Eventually;
+using Tansy::Tests::FreePort;
+using Tansy::Tests::ServerFixture;
+using TansyNet::CHttpServer;
+using TansyNet::HttpServerRecv;
+
+class HttpServerListener : public ServerFixture {
+ protected:
+  static bool CanConnect(std::uint16_t port, bool ipv6 = false) {
+    try {
+      const CRawClient client(port, {.ipv6 = ipv6, .receive_buffer = 0});
+      return true;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  }
+};
+
+TEST_F(HttpServerListener, OnPortZeroIsNone) {
+  std::int32_t handle = 77;
+  EXPECT_EQ(CHttpServer::StartHttpServer(handle, "0.0.0.0", 0, OnRequest, true), 0);
+  EXPECT_EQ(handle, 0);
+  EXPECT_EQ(CHttpServer::StartHttpsServer(handle, "::", 0, {}, OnRequest), 0);
+  EXPECT_EQ(handle, 0);
+  EXPECT_EQ(CHttpServer::StopServer(0), 0);
+  EXPECT_EQ(CHttpServer::StopServer(0), 0);
+}
+
+TEST_F(HttpServerListener, OfBothFamiliesShareAPort) {
+  SetHandler([](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, message.ip); });
+  const std::uint16_t port = FreePort();
+  std::int32_t four = 0;
+  std::int32_t six = 0;
+  ASSERT_EQ(CHttpServer::StartHttpServer(four, "0.0.0.0", port, OnRequest, true), 0);
+  ASSERT_EQ(CHttpServer::StartHttpServer(six, "::", port, OnRequest, true), 0) << CHttpServer::LastError();
+  EXPECT_NE(four, six);
+  CRawClient client4(port);
+  client4.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client4.ReadReply().body, "127.0.0.1");
+  CRawClient client6(port, {.ipv6 = true, .receive_buffer = 0});
+  client6.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client6.ReadReply().body, "::1");
+  EXPECT_EQ(CHttpServer::StopServer(six), 0);
+  EXPECT_TRUE(CanConnect(port));
+  EXPECT_FALSE(CanConnect(port, true));
+}
+
+TEST_F(HttpServerListener, OnATakenPortSaysSo) {
+  Start();
+  std::int32_t handle = 5;
+  EXPECT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.1", Port(), OnRequest, true), TansyNet::kNetAddressInUse);
+  EXPECT_EQ(handle, 0);
+  EXPECT_NE(CHttpServer::LastError().find(std::to_string(Port())), std::string::npos) << CHttpServer::LastError();
+  EXPECT_EQ(CHttpServer::LastError().find('\n'), std::string::npos);
+}
+
+TEST_F(HttpServerListener, OnAnImpossibleAddressSaysSo) {
+  std::int32_t handle = 0;
+  for (const char* address : {"", "localhost", "256.1.1.1", "203.0.113.7"}) {
+    EXPECT_EQ(CHttpServer::StartHttpServer(handle, address, FreePort(), OnRequest, true), TansyNet::kNetAddressInvalid)
+        << address;
+    EXPECT_NE(CHttpServer::LastError(), "") << address;
+  }
+}
+
+TEST_F(HttpServerListener, WithoutACallbackIsRefused) {
+  std::int32_t handle = 0;
+  EXPECT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.1", FreePort(), nullptr, true), TansyNet::kNetListenFailed);
+}
+
+TEST_F(HttpServerListener, ForgetsTheLastErrorWithTheNextStart) {
+  std::int32_t handle = 0;
+  EXPECT_NE(CHttpServer::StartHttpServer(handle, "", FreePort(), OnRequest, true), 0);
+  Start();
+  EXPECT_EQ(CHttpServer::LastError(), "");
+}
+
+TEST_F(HttpServerListener, StartsAgainOnItsPortAtOnce) {
+  Start([](std::int32_t handle, HttpServerRecv& /*message*/) { AnswerText(handle, "ok"); });
+  std::int32_t handle = ListenerHandle();
+  for (int round = 0; round < 20; ++round) {
+    CRawClient client(Port());
+    client.Send("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.ReadReply().body, "ok") << round;
+    EXPECT_EQ(CHttpServer::StopServer(handle), 0);
+    EXPECT_EQ(CHttpServer::StopServer(handle), TansyNet::kNetUnknownHandle);
+    ASSERT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.1", Port(), OnRequest, true), 0)
+        << CHttpServer::LastError();
+  }
+}
+
+TEST_F(HttpServerListener, StoppedClosesIdleConnections) {
+  Start([](std::int32_t handle, HttpServerRecv& /*message*/) { AnswerText(handle, "ok"); });
+  CRawClient fresh(Port());
+  CRawClient used(Port());
+  used.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(used.ReadReply().body, "ok");
+  EXPECT_EQ(CHttpServer::StopServer(ListenerHandle()), 0);
+  EXPECT_TRUE(fresh.WaitForEnd());
+  EXPECT_TRUE(used.WaitForEnd());
+  EXPECT_FALSE(CanConnect(Port()));
+}
+
+TEST_F(HttpServerListener, StoppedLetsRequestsUnderWayBeAnswered) {
+  Start();
+  CRawClient waiting(Port());
+  waiting.Send("GET / HTTP/1.1\r\n\r\n");
+  const Delivery delivery = Take();
+  CRawClient sending(Port());
+  sending.Send("POST / HTTP/1.1\r\nContent-Length: 4\r\n\r\nab");
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(CHttpServer::StopServer(ListenerHandle()), 0);
+  EXPECT_EQ(AnswerText(delivery.handle, "late"), 0);
+  const auto reply = waiting.ReadReply();
+  EXPECT_EQ(reply.body, "late");
+  EXPECT_EQ(reply.Header("connection"), "close");
+  EXPECT_TRUE(waiting.WaitForEnd());
+  sending.Send("cd");
+  const Delivery second = Take();
+  EXPECT_EQ(second.Body(), "abcd");
+  EXPECT_EQ(AnswerText(second.handle, "too"), 0);
+  EXPECT_EQ(sending.ReadReply().body, "too");
+  EXPECT_TRUE(sending.WaitForEnd());
+}
+
+TEST_F(HttpServerListener, StoppedDoesNotStopOthers) {
+  Start([](std::int32_t handle, HttpServerRecv& /*message*/) { AnswerText(handle, "ok"); });
+  std::int32_t other = 0;
+  const std::uint16_t port = FreePort();
+  ASSERT_EQ(CHttpServer::StartHttpServer(other, "127.0.0.1", port, OnRequest, true), 0);
+  CRawClient client(port);
+  EXPECT_EQ(CHttpServer::StopServer(ListenerHandle()), 0);
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "ok");
+}
+
+TEST_F(HttpServerListener, MayBeStoppedAndStartedFromACallback) {
+  Start([this](std::int32_t handle, HttpServerRecv& /*message*/) {
+    std::int32_t other = 0;
+    int result = CHttpServer::StartHttpServer(other, "127.0.0.1", FreePort(), OnRequest, true);
+    result += CHttpServer::StopServer(other);
+    result += CHttpServer::StopServer(ListenerHandle());
+    AnswerText(handle, std::to_string(result));
+    EXPECT_FALSE(CHttpServer::Shutdown(0)) << "a thread cannot wait for its own end";
+  });
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "0");
+}
+
+TEST_F(HttpServerListener, ShutdownWaitsForOpenRequests) {
+  Start();
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  const Delivery delivery = Take();
+  std::jthread answerer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    AnswerText(delivery.handle, "in time");
+  });
+  EXPECT_TRUE(CHttpServer::Shutdown(10000));
+  EXPECT_EQ(client.ReadReply().body, "in time");
+  EXPECT_TRUE(client.WaitForEnd());
+}
+
+TEST_F(HttpServerListener, ShutdownWaitsForAnswersThatAreNotTakenYet) {
+  Start();
+  CRawClient client(Port(), {.ipv6 = false, .receive_buffer = 4096});
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::string body(10 * 1024 * 1024, 'x');
+  AnswerText(Take().handle, body);
+  EXPECT_EQ(CHttpServer::OpenRequestCount(), 0U);
+  std::jthread reader([&] { EXPECT_EQ(client.ReadReply().body.size(), body.size()); });
+  EXPECT_TRUE(CHttpServer::Shutdown(10000));
+}
+
+TEST_F(HttpServerListener, ShutdownDoesNotWaitLongerThanTold) {
+  Start();
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  const Delivery delivery = Take();
+  CRawClient partial(Port());
+  partial.Send("GET / HT");
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(CHttpServer::Shutdown(50));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+  EXPECT_TRUE(client.WaitForEnd());
+  EXPECT_TRUE(partial.WaitForEnd());
+  EXPECT_EQ(AnswerText(delivery.handle, "late"), TansyNet::kNetUnknownHandle);
+  EXPECT_EQ(CHttpServer::OpenRequestCount(), 0U);
+}
+
+TEST_F(HttpServerListener, StartsAfterAShutdown) {
+  for (int round = 0; round < 5; ++round) {
+    Start([](std::int32_t handle, HttpServerRecv& /*message*/) { AnswerText(handle, "ok"); });
+    CRawClient client(Port());
+    client.Send("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.ReadReply().body, "ok");
+    EXPECT_TRUE(CHttpServer::Shutdown(1000));
+    EXPECT_TRUE(CHttpServer::Shutdown(1000)) << "nothing runs any more";
+  }
+}
+
+TEST_F(HttpServerListener, SurvivesStopsAndStartsUnderLoad) {
+  std::atomic<bool> stop{false};
+  Start([](std::int32_t handle, HttpServerRecv& /*message*/) { AnswerText(handle, "ok"); });
+  std::atomic<int> answered{0};
+  std::vector<std::jthread> clients;
+  for (int index = 0; index < 4; ++index) {
+    clients.emplace_back([&] {
+      while (!stop) {
+        try {
+          CRawClient client(Port());
+          for (int count = 0; count < 5; ++count) {
+            client.Send("GET / HTTP/1.1\r\n\r\n");
+            answered += client.ReadReply().body == "ok" ? 1 : 0;
+          }
+        } catch (const std::runtime_error&) {
+          std::this_thread::yield();  // stopped in the middle
+        }
+      }
+    });
+  }
+  std::int32_t handle = ListenerHandle();
+  for (int round = 0; round < 20; ++round) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(CHttpServer::StopServer(handle), 0);
+    if (round % 5 == 4) {
+      EXPECT_TRUE(CHttpServer::Shutdown(10000));
+    }
+    ASSERT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.1", Port(), OnRequest, true), 0)
+        << CHttpServer::LastError();
+  }
+  const int before = answered;
+  EXPECT_TRUE(Eventually([&] { return answered > before; }));
+  stop = true;
+}
+
+}  // namespace
