@@ -1,0 +1,339 @@
+#include "HostSystem/Files.h"
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <system_error>
+
+#include "WindowsError.h"
+
+namespace HostSystem {
+namespace details {
+namespace {
+
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr std::size_t kLargestTransfer = 1 << 30;  // lengths of the system's calls have 32 bits
+
+OVERLAPPED At(std::uint64_t offset) {
+  OVERLAPPED position = {};
+  position.Offset = static_cast<DWORD>(offset);
+  position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  return position;
+}
+
+class CFile final : public IFile {
+ public:
+  explicit CFile(HANDLE handle) : handle_(handle) {}
+  ~CFile() override { ::CloseHandle(handle_); }
+
+  int WriteAt(const char* data, std::size_t size, std::uint64_t offset) override {
+    while (size > 0) {
+      OVERLAPPED position = At(offset);
+      DWORD done = 0;
+      if (!::WriteFile(handle_, data, static_cast<DWORD>(std::min(size, kLargestTransfer)), &done, &position)) {
+        return LastErrno();
+      }
+      data += done;
+      size -= done;
+      offset += done;
+    }
+    return 0;
+  }
+
+  int ReadAt(char* data, std::size_t size, std::uint64_t offset, std::size_t& done) override {
+    done = 0;
+    while (done < size) {
+      OVERLAPPED position = At(offset + done);
+      DWORD got = 0;
+      if (!::ReadFile(handle_, data + done, static_cast<DWORD>(std::min(size - done, kLargestTransfer)), &got,
+                      &position)) {
+        return ::GetLastError() == ERROR_HANDLE_EOF ? 0 : LastErrno();
+      }
+      if (got == 0) {
+        break;
+      }
+      done += got;
+    }
+    return 0;
+  }
+
+  int GetSize(std::uint64_t& size) override {
+    LARGE_INTEGER value = {};
+    if (!::GetFileSizeEx(handle_, &value)) {
+      return LastErrno();
+    }
+    size = static_cast<std::uint64_t>(value.QuadPart);
+    return 0;
+  }
+
+  void StartWriteOut(std::uint64_t /*offset*/, std::uint64_t /*size*/) override {}
+  int Sync() override { return ::FlushFileBuffers(handle_) ? 0 : LastErrno(); }
+
+ private:
+  HANDLE handle_;
+};
+
+bool IsPlainName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string("/\\:*?\"<>|\0", 10)) == std::string::npos;
+}
+
+bool IsPlainPath(const std::string& name) {
+  std::size_t begin = 0;
+  while (true) {
+    const std::size_t slash = name.find('/', begin);
+    if (!IsPlainName(name.substr(begin, slash == std::string::npos ? slash : slash - begin))) {
+      return false;
+    }
+    if (slash == std::string::npos) {
+      return true;
+    }
+    begin = slash + 1;
+  }
+}
+
+std::filesystem::path FromUtf8(const std::string& path) {
+  return std::filesystem::path(std::u8string(path.begin(), path.end()));
+}
+
+std::string ToUtf8(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return {text.begin(), text.end()};
+}
+
+// The handle keeps the folder from being renamed or removed; names are joined to the path that it was opened by.
+class CFolder final : public IFolder {
+ public:
+  CFolder(HANDLE handle, std::filesystem::path path) : handle_(handle), path_(std::move(path)) {}
+  ~CFolder() override { ::CloseHandle(handle_); }
+
+  int Create(const std::string& name, std::unique_ptr<IFile>& file) override {
+    return OpenFile(name, GENERIC_READ | GENERIC_WRITE, CREATE_NEW, file);
+  }
+  int OpenForReading(const std::string& name, std::unique_ptr<IFile>& file) override {
+    return OpenFile(name, GENERIC_READ, OPEN_EXISTING, file);
+  }
+  int OpenForWriting(const std::string& name, std::unique_ptr<IFile>& file) override {
+    return OpenFile(name, GENERIC_READ | GENERIC_WRITE, OPEN_EXISTING, file);
+  }
+
+  int OpenFolder(const std::string& name, std::unique_ptr<IFolder>& folder) override {
+    if (const int error = CheckWay(name)) {
+      return error;
+    }
+    int error = 0;
+    folder = HostSystem::OpenFolder(ToUtf8(path_ / FromUtf8(name)), error);
+    return error;
+  }
+
+  int MakeFolder(const std::string& name) override {
+    const int error = CheckWay(name);
+    return error != 0 ? error : Result(::CreateDirectoryW((path_ / FromUtf8(name)).c_str(), nullptr));
+  }
+  int Rename(const std::string& from, const std::string& to) override {
+    if (!IsPlainName(from) || !IsPlainName(to)) {
+      return EINVAL;
+    }
+    return Result(::MoveFileExW((path_ / FromUtf8(from)).c_str(), (path_ / FromUtf8(to)).c_str(),
+                                MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
+  }
+  int Remove(const std::string& name) override {
+    const int error = CheckWay(name);
+    return error != 0 ? error : Result(::DeleteFileW((path_ / FromUtf8(name)).c_str()));
+  }
+  int RemoveFolder(const std::string& name) override {
+    const int error = CheckWay(name);
+    return error != 0 ? error : Result(::RemoveDirectoryW((path_ / FromUtf8(name)).c_str()));
+  }
+
+  int List(std::vector<FolderEntry>& entries) override {
+    WIN32_FIND_DATAW data = {};
+    const HANDLE search = ::FindFirstFileW((path_ / L"*").c_str(), &data);
+    if (search == INVALID_HANDLE_VALUE) {
+      return LastErrno();
+    }
+    do {
+      const std::wstring name = data.cFileName;
+      if (name != L"." && name != L"..") {
+        entries.push_back(MakeEntry(ToUtf8(name), data));
+      }
+    } while (::FindNextFileW(search, &data));
+    const DWORD error = ::GetLastError();
+    ::FindClose(search);
+    return error == ERROR_NO_MORE_FILES ? 0 : ToErrno(error);
+  }
+
+  // The file system's journal keeps names in order with the flushes of their files.
+  int Sync() override { return 0; }
+
+ private:
+  static int Result(BOOL done) { return done ? 0 : LastErrno(); }
+
+  static FolderEntry MakeEntry(std::string name, const WIN32_FIND_DATAW& data) {
+    const bool is_link = (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    const bool is_folder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    const std::uint64_t ticks =
+        (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) | data.ftLastWriteTime.dwLowDateTime;
+    FolderEntry entry;
+    entry.name = std::move(name);
+    entry.is_folder = is_folder && !is_link;
+    entry.is_file = !is_folder && !is_link;
+    entry.size = (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
+    entry.modified = static_cast<std::int64_t>(ticks / 10000000) - 11644473600;  // counted from 1601
+    return entry;
+  }
+
+  // EINVAL for names that are not plain parts, ELOOP when a folder on the way is a link.
+  int CheckWay(const std::string& name) const {
+    if (!IsPlainPath(name)) {
+      return EINVAL;
+    }
+    for (std::size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1)) {
+      const DWORD attributes = ::GetFileAttributesW((path_ / FromUtf8(name.substr(0, slash))).c_str());
+      if (attributes == INVALID_FILE_ATTRIBUTES) {
+        return LastErrno();
+      }
+      if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        return ELOOP;
+      }
+    }
+    return 0;
+  }
+
+  int OpenFile(const std::string& name, DWORD access, DWORD disposition, std::unique_ptr<IFile>& file) const {
+    if (const int error = CheckWay(name)) {
+      return error;
+    }
+    const HANDLE handle = ::CreateFileW((path_ / FromUtf8(name)).c_str(), access, kShareAll, nullptr, disposition,
+                                        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
+      return LastErrno();
+    }
+    BY_HANDLE_FILE_INFORMATION info = {};
+    if (!::GetFileInformationByHandle(handle, &info) || (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+      ::CloseHandle(handle);
+      return ELOOP;
+    }
+    file = std::make_unique<CFile>(handle);
+    return 0;
+  }
+
+  HANDLE handle_;
+  std::filesystem::path path_;
+};
+
+}  // namespace
+}  // namespace details
+
+std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
+  const std::filesystem::path full = std::filesystem::absolute(details::FromUtf8(path));
+  const HANDLE handle = ::CreateFileW(full.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    error = LastErrno();
+    return nullptr;
+  }
+  error = 0;
+  return std::make_unique<details::CFolder>(handle, full);
+}
+
+int MakeFolders(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(details::FromUtf8(path), error);
+  if (error) {
+    return ToErrno(static_cast<unsigned long>(error.value()));
+  }
+  return GetPathKind(path) == EPathKind::kFolder ? 0 : EEXIST;
+}
+
+int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
+  const HANDLE handle = ::CreateFileW(details::FromUtf8(path).c_str(), GENERIC_READ, details::kShareAll, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return LastErrno();
+  }
+  details::CFile file(handle);
+  std::string buffer(limit + 1, '\0');
+  std::size_t done = 0;
+  if (const int error = file.ReadAt(buffer.data(), buffer.size(), 0, done)) {
+    return error;
+  }
+  if (done > limit) {
+    return EFBIG;
+  }
+  buffer.resize(done);
+  content = std::move(buffer);
+  return 0;
+}
+
+int ReplaceFile(const std::string& path, const std::string& content) {
+  std::error_code ignored;
+  std::filesystem::path target = std::filesystem::weakly_canonical(details::FromUtf8(path), ignored);
+  int error = 0;
+  const std::unique_ptr<IFolder> folder = OpenFolder(details::ToUtf8(target.parent_path()), error);
+  if (folder == nullptr) {
+    return error;
+  }
+  const std::string name = details::ToUtf8(target.filename());
+  const std::string temporary = name + ".new";
+  folder->Remove(temporary);  // left over by a crash
+  std::unique_ptr<IFile> file;
+  error = folder->Create(temporary, file);
+  if (error != 0) {
+    return error;
+  }
+  error = file->WriteAt(content.data(), content.size(), 0);
+  if (error == 0) {
+    error = file->Sync();
+  }
+  file.reset();
+  if (error == 0) {
+    error = folder->Rename(temporary, name);
+  }
+  if (error != 0) {
+    folder->Remove(temporary);
+  }
+  return error;
+}
+
+EPathKind GetPathKind(const std::string& path) {
+  std::error_code error;
+  switch (std::filesystem::status(details::FromUtf8(path), error).type()) {
+    case std::filesystem::file_type::not_found:
+      return EPathKind::kMissing;
+    case std::filesystem::file_type::regular:
+      return EPathKind::kFile;
+    case std::filesystem::file_type::directory:
+      return EPathKind::kFolder;
+    default:
+      return EPathKind::kOther;
+  }
+}
+
+bool IsReadableByOthers(const std::string& /*path*/) {
+  return false;
+}
+
+std::string AbsolutePath(const std::string& path) {
+  const std::filesystem::path given = details::FromUtf8(path);
+  return given.is_absolute() ? path : details::ToUtf8(std::filesystem::absolute(given));
+}
+
+int ChangeFolder(const std::string& path) {
+  return ::SetCurrentDirectoryW(details::FromUtf8(path).c_str()) ? 0 : LastErrno();
+}
+
+std::string ErrorText(int error) {
+  return std::generic_category().message(error);
+}
+
+bool IsNoSpace(int error) {
+  return error == ENOSPC;
+}
+
+}  // namespace HostSystem

@@ -1,0 +1,36 @@
+#include "HostSystem/LockFile.h"
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+
+#include "WindowsError.h"
+
+namespace HostSystem {
+
+CLockFile::~CLockFile() {
+  if (IsTaken()) {
+    ::CloseHandle(reinterpret_cast<HANDLE>(handle_));
+  }
+}
+
+int CLockFile::Take(const std::string& path) {
+  // Others may read the file, but nobody else may open it for writing: that is the lock.
+  const std::filesystem::path file(std::u8string(path.begin(), path.end()));
+  const HANDLE handle =
+      ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return LastErrno();
+  }
+  handle_ = reinterpret_cast<std::intptr_t>(handle);
+  const std::string id = std::to_string(::GetCurrentProcessId()) + "\r\n";
+  DWORD written = 0;
+  ::SetEndOfFile(handle);
+  ::WriteFile(handle, id.data(), static_cast<DWORD>(id.size()), &written, nullptr);
+  return 0;
+}
+
+}  // namespace HostSystem

@@ -1,0 +1,49 @@
+#include "HostSystem/Process.h"
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+
+#include <cstdlib>
+
+namespace HostSystem {
+namespace details {
+namespace {
+
+HANDLE g_stop_event = nullptr;
+
+BOOL WINAPI OnConsoleEvent(DWORD /*event*/) {
+  ::SetEvent(g_stop_event);
+  return TRUE;
+}
+
+}  // namespace
+}  // namespace details
+
+void TakeSignals() {
+  details::g_stop_event = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  ::SetConsoleCtrlHandler(&details::OnConsoleEvent, TRUE);
+}
+
+ESignal WaitForSignal() {
+  ::WaitForSingleObject(details::g_stop_event, INFINITE);
+  return ESignal::kStop;
+}
+
+// Files inherit who may read them from the folder that they are made in.
+void MakeFilesPrivate() {}
+
+void RaiseOpenFileLimit() {}
+
+std::string HostName() {
+  char name[256] = {};
+  DWORD size = sizeof name;
+  return ::GetComputerNameExA(ComputerNameDnsHostname, name, &size) ? name : "";
+}
+
+std::string Environment(const char* name) {
+  char value[32768];
+  const DWORD size = ::GetEnvironmentVariableA(name, value, sizeof value);
+  return size > 0 && size < sizeof value ? std::string(value, size) : "";
+}
+
+}  // namespace HostSystem

@@ -1,0 +1,13 @@
+#ifndef TANSY_HOST_SYSTEM_WINDOWS_WINDOWS_ERROR_H
+#define TANSY_HOST_SYSTEM_WINDOWS_WINDOWS_ERROR_H
+
+namespace HostSystem {
+
+// The errno value nearest to a code of the system.
+int ToErrno(unsigned long code);
+// That of the calling thread's last failure.
+int LastErrno();
+
+}  // namespace HostSystem
+
+#endif  // TANSY_HOST_SYSTEM_WINDOWS_WINDOWS_ERROR_H

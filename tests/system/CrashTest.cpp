@@ -1,0 +1,164 @@
+// kill -9 at any instant: what was acknowledged is there and whole, what was not is either there and whole or not
+// there.
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "support/TansydTest.h"
+
+namespace system_tests {
+namespace {
+
+using testing::AnyOf;
+using testing::HasSubstr;
+
+class CrashTest : public TansydTest {
+ protected:
+  // What the server has promised, and what may or may not have happened. Versions of a key are told by their bytes.
+  struct Expected {
+    std::string acknowledged;  // empty: never
+    std::string attempted;     // what was under way when the server died; empty: nothing
+    bool removing = false;
+  };
+
+  static std::string BytesOf(const std::string& key, int version, std::size_t size) {
+    return key + "#" + std::to_string(version) + "#" +
+           RandomBytes(size, std::hash<std::string>{}(key) + static_cast<std::size_t>(version));
+  }
+
+  // Writes, overwrites and removes objects of its own until the server stops answering.
+  void RunClient(int number, int round, std::atomic<bool>& stop) {
+    std::mt19937 random(static_cast<unsigned>(number * 1000 + round));
+    while (!stop) {
+      const std::string key = "c" + std::to_string(number) + "-" + std::to_string(random() % 8);
+      Expected state;
+      {
+        const std::lock_guard lock(mutex_);
+        state = expected_[key];
+      }
+      const bool remove = !state.acknowledged.empty() && random() % 5 == 0;
+      const std::size_t size = random() % 12 == 0 ? 11 * 1024 * 1024 : 10 + random() % 60000;
+      state.removing = remove;
+      state.attempted = remove ? "" : BytesOf(key, ++version_, size);
+      Note(key, state);
+      const Reply reply =
+          remove ? Send("DELETE", "/b/" + key + "?deletefile") : Send("PUT", "/b/" + key, state.attempted);
+      if (reply.status != 200) {
+        continue;
+      }
+      state.acknowledged = remove ? "" : state.attempted;
+      state.attempted.clear();
+      state.removing = false;
+      Note(key, state);
+      ++acknowledged_count_;
+    }
+  }
+  void Note(const std::string& key, const Expected& state) {
+    const std::lock_guard lock(mutex_);
+    expected_[key] = state;
+  }
+
+  // Looks at every key after a restart and takes over what turned out to be true.
+  void Verify() {
+    for (auto& [key, state] : expected_) {
+      const Reply reply = Send("GET", "/b/" + key);
+      const bool is_missing = Outcome(reply) == "404 NoSuchKey";
+      const bool is_acknowledged = reply.status == 200 && reply.body == state.acknowledged;
+      const bool is_attempted = reply.status == 200 && !state.attempted.empty() && reply.body == state.attempted;
+      // A removal frees the bytes before it takes the row away.
+      const bool is_half_removed = state.removing && Outcome(reply) == "500 ServerInternalError";
+      const bool may_be_missing = state.acknowledged.empty() || state.removing;
+      EXPECT_TRUE(is_acknowledged || is_attempted || is_half_removed || (is_missing && may_be_missing))
+          << key << ": " << Outcome(reply) << ", " << reply.body.size() << " bytes; acknowledged "
+          << state.acknowledged.size() << ", attempted " << state.attempted.size();
+      if (is_half_removed) {
+        EXPECT_EQ(Outcome(Send("DELETE", "/b/" + key + "?deletefile")), "200") << "it can be removed again";
+        state.acknowledged.clear();
+      } else {
+        state.acknowledged = reply.status == 200 ? reply.body : "";
+      }
+      state.attempted.clear();
+      state.removing = false;
+    }
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, Expected> expected_;
+  std::atomic<int> version_{0};
+  std::atomic<int> acknowledged_count_{0};
+};
+
+TEST_F(CrashTest, AcknowledgedObjectsSurviveKillUnderLoad) {
+  ASSERT_TRUE(server_.Start());
+  MakeBucket("b");
+  for (int round = 0; round < 5; ++round) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 6; ++i) {
+      clients.emplace_back([this, i, round, &stop] { RunClient(i, round, stop); });
+    }
+    // Not always at the same place, and not before something was done.
+    const int goal = acknowledged_count_ + 20 + round * 7;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (acknowledged_count_ < goal && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_GE(acknowledged_count_, goal);
+    server_.Kill();
+    stop = true;
+    for (std::thread& client : clients) {
+      client.join();
+    }
+    ASSERT_TRUE(server_.Start());
+    Verify();
+  }
+  ASSERT_TRUE(server_.Stop());
+
+  Launch check;
+  check.with_ports = false;
+  check.arguments = {"--check", "--repair"};
+  const Ended repaired = server_.RunToEnd(check);
+  EXPECT_EQ(repaired.code, 0) << repaired.out;
+  EXPECT_THAT(repaired.out, HasSubstr(" 0 damaged"));
+  ASSERT_TRUE(server_.Start());
+  Verify();
+  for (const auto& [key, state] : expected_) {
+    EXPECT_EQ(Send("GET", "/b/" + key).status, state.acknowledged.empty() ? 404 : 200) << key;
+  }
+}
+
+TEST_F(CrashTest, AStreamedUploadThatIsCutShortIsInvisibleAndItsBytesAreFound) {
+  ASSERT_TRUE(server_.Start());
+  MakeBucket("b");
+  const auto upload = CConnection::Open(server_.GetObjectPort());
+  ASSERT_NE(upload, nullptr);
+  const Request request = Signed({"PUT", "/b/cut", {{"Content-Length", "40000000"}}, ""});
+  ASSERT_TRUE(upload->Send(Serialize(request, server_.GetObjectPort())));
+  ASSERT_TRUE(upload->Send(std::string(25000000, 'x')));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  server_.Kill();
+  ASSERT_TRUE(server_.Start());
+  EXPECT_EQ(Outcome(Send("GET", "/b/cut")), "404 NoSuchKey");
+  ASSERT_TRUE(server_.Stop());
+  Launch check;
+  check.with_ports = false;
+  check.arguments = {"--check"};
+  const Ended checked = server_.RunToEnd(check);
+  EXPECT_EQ(checked.code, 3);
+  EXPECT_THAT(checked.out, AllOf(HasSubstr("orphan fs01/"), HasSubstr(" 1 orphans ("), HasSubstr(" 0 damaged")));
+}
+
+TEST_F(CrashTest, BucketsSurviveToo) {
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(server_.Start());
+    MakeBucket("b" + std::to_string(i));
+    server_.Kill();
+  }
+  ASSERT_TRUE(server_.Start());
+  EXPECT_THAT(Get("/"), HasSubstr("<TotalNum>5</TotalNum>"));
+}
+
+}  // namespace
+}  // namespace system_tests
