@@ -116,16 +116,18 @@ bool CObjectMultipartUpload::WaitForAllParts() {
   CPartUploadRegistry& registry = CPartUploadRegistry::Instance();
   std::int32_t failed_status = kPartUploaded;
   std::int32_t percent = 0;
-  while (!registry.QueryParts(upload_id_, failed_status, percent)) {
-    // A server that gives one upload id to two uploads at once makes one of them take the other's parts away. Nothing
-    // would ever end the wait then.
-    if (!registry.HasParts(upload_id_)) {
+  for (;;) {
+    const bool all_sent = pool_.GetWorkTaskCount() == 0;  // looked at before the parts, which are then all done
+    if (registry.QueryParts(upload_id_, failed_status, percent)) {
+      return failed_status == kPartUploaded;
+    }
+    // A server that gives one upload id to two uploads at once mixes their parts up; nothing would ever end this wait.
+    if (all_sent) {
       return false;
     }
     ReportPercent(percent);
     seen_finished_ = registry.WaitForFinishedPart(upload_id_, seen_finished_, details::kFinishRound);
   }
-  return failed_status == kPartUploaded;
 }
 
 void CObjectMultipartUpload::ReportPercent(std::int32_t percent) {

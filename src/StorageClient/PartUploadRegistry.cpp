@@ -57,11 +57,6 @@ bool CPartUploadRegistry::QueryParts(const std::string& upload_id, std::int32_t&
   return finished;
 }
 
-bool CPartUploadRegistry::HasParts(const std::string& upload_id) {
-  const std::lock_guard lock(part_mutex_);
-  return parts_.contains(upload_id);
-}
-
 std::int32_t CPartUploadRegistry::WaitForFinishedPart(const std::string& upload_id, std::int32_t seen,
                                                       std::chrono::milliseconds timeout) {
   std::unique_lock lock(part_mutex_);

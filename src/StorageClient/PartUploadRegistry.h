@@ -67,8 +67,6 @@ class CPartUploadRegistry : private TansyBase::CNoncopyable {
   // the first that is not; `failed_status` is then that part's status, and the parts are forgotten. False when it goes
   // on or is unknown. `percent` is set for any upload that has parts.
   bool QueryParts(const std::string& upload_id, std::int32_t& failed_status, std::int32_t& percent);
-  // Whether QueryParts can still become true for this upload.
-  bool HasParts(const std::string& upload_id);
   // Waits until the number of finished parts differs from `seen` or the time is over, and returns the number.
   std::int32_t WaitForFinishedPart(const std::string& upload_id, std::int32_t seen, std::chrono::milliseconds timeout);
 

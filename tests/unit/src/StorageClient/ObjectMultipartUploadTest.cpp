@@ -1,0 +1,296 @@
+#include "StorageClient/ObjectMultipartUpload.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MultipartServer.h"
+#include "ObjectClientFixture.h"
+
+namespace Tansy::CloudStorage {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using Tests::ScriptedAnswer;
+using Tests::ScriptedRequest;
+
+constexpr std::uint32_t kPartBytes = 2097152;
+constexpr char kPartFailed[] = "[%s]upload file[%s] failed, object key[%s] failed.[%s(%d)]";
+
+class ObjectMultipartUploadTest : public ObjectClientFixture {
+ protected:
+  ObjectMultipartUploadTest() {
+    server_.Handle([this](const ScriptedRequest& request) { return multipart_.Answer(request, server_.Address()); });
+  }
+
+  // The requests but those for parts, whose order nobody knows.
+  std::vector<std::string> Sequence() const {
+    std::vector<std::string> sequence;
+    for (const ScriptedRequest& request : server_.Requests()) {
+      const std::string what = request.method + " " + request.target.substr(request.target.find('?') + 1);
+      if (what.find("part_number") == std::string::npos) {
+        sequence.push_back(multipart_.WithPlainIds(what));
+      }
+    }
+    return sequence;
+  }
+
+  std::vector<ScriptedRequest> PartRequests(int number) const {
+    std::vector<ScriptedRequest> requests = server_.Requests();
+    std::erase_if(requests, [&](const ScriptedRequest& request) {
+      return !request.target.ends_with("&part_number=" + std::to_string(number));
+    });
+    return requests;
+  }
+
+  CMultipartServer multipart_;
+  CObjectClient client_{Config()};
+};
+
+TEST_F(ObjectMultipartUploadTest, SendsTenMebibytesInFiveParts) {
+  const std::string content = TestBytes(10485760);
+  std::string url;
+  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
+  EXPECT_THAT(Sequence(), testing::ElementsAre("GET bestnode", "POST uploads", "POST upload_id=task-1"));
+  const std::vector<ScriptedRequest> requests = server_.Requests();
+  ASSERT_EQ(requests.size(), 8u);
+  EXPECT_EQ(requests[0].target, url + "?bestnode");
+  ExpectRequest(requests[1], {.method = "POST", .target = url + "?uploads", .host = server_.Address()});
+  for (int number = 1; number <= 5; ++number) {
+    const std::vector<ScriptedRequest> parts = PartRequests(number);
+    ASSERT_EQ(parts.size(), 1u);
+    ExpectRequest(parts[0],
+                  {.method = "POST",
+                   .target = url + "?upload_id=" + multipart_.TaskId(1) + "&part_number=" + std::to_string(number),
+                   .host = server_.Address(),
+                   .content_type = kBinaryType,
+                   .body = content.substr((static_cast<std::size_t>(number) - 1) * kPartBytes, kPartBytes),
+                   .content_md5 = true});
+  }
+  std::string body =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?><CompleteMultipartUpload><TotalPartNum>5</TotalPartNum>";
+  for (int number = 1; number <= 5; ++number) {
+    body += "<Part><PartNumber>" + std::to_string(number) + "</PartNumber><PartSize>2097152</PartSize><ETag/></Part>";
+  }
+  body += "</CompleteMultipartUpload>";
+  ExpectRequest(requests[7], {.method = "POST",
+                              .target = url + "?upload_id=" + multipart_.TaskId(1),
+                              .host = server_.Address(),
+                              .body = body,
+                              .content_md5 = true});
+  EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
+}
+
+TEST_F(ObjectMultipartUploadTest, EndsWithAPartOfTheRest) {
+  const std::string content = TestBytes(10485761);
+  std::string url;
+  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
+  EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
+  ASSERT_EQ(PartRequests(6).size(), 1u);
+  EXPECT_EQ(PartRequests(6)[0].body, content.substr(10485760));
+  EXPECT_THAT(server_.Requests().back().body,
+              HasSubstr("<Part><PartNumber>6</PartNumber><PartSize>1</PartSize><ETag/></Part></Complete"));
+}
+
+TEST_F(ObjectMultipartUploadTest, SendsPartsToTheBestNodeAndTheRestToTheConfiguredServer) {
+  Tests::ScriptedServer node;
+  node.Handle([&](const ScriptedRequest& request) { return multipart_.Answer(request, node.Address()); });
+  server_.Handle([&](const ScriptedRequest& request) { return multipart_.Answer(request, node.Address()); });
+  std::string url;
+  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
+  EXPECT_EQ(server_.Requests().size(), 3u);
+  ASSERT_EQ(node.Requests().size(), 5u);
+  for (const ScriptedRequest& request : node.Requests()) {
+    EXPECT_EQ(request.Header("Host"), server_.Address());
+  }
+}
+
+TEST_F(ObjectMultipartUploadTest, ReportsRisingValuesBelowAHundredAndThenAHundred) {
+  multipart_.SetDelay(2);
+  std::string url;
+  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'))));
+  const std::vector<int> progress = Progress();
+  ASSERT_GE(progress.size(), 2u);
+  EXPECT_EQ(progress.back(), 100);
+  EXPECT_EQ(std::count(progress.begin(), progress.end(), 100), 1);
+  EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+  EXPECT_EQ(std::adjacent_find(progress.begin(), progress.end()), progress.end()) << "the same value twice";
+}
+
+TEST_F(ObjectMultipartUploadTest, TriesAPartThreeTimes) {
+  std::atomic<int> failures{2};
+  multipart_.SetPartHook([&](int number) -> ScriptedAnswer {
+    return number == 2 && failures-- > 0 ? ErrorAnswer(500, "ServerInternalError") : ScriptedAnswer{};
+  });
+  const std::string content = TestBytes(10485760);
+  std::string url;
+  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
+  EXPECT_EQ(PartRequests(2).size(), 3u);
+  EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
+  // The failures on the way stay the last error of a client that has succeeded in the end.
+  EXPECT_EQ(ErrorOf(client_), (LastError{5, 0, "UploadPartObject rsp status code[500]."}));
+}
+
+TEST_F(ObjectMultipartUploadTest, FailsWithAPartThatFailsThreeTimes) {
+  multipart_.SetPartHook(
+      [](int number) -> ScriptedAnswer { return number == 4 ? ErrorAnswer(500, "NotEnoughSpace") : ScriptedAnswer{}; });
+  const std::string path = folder_.MakeFile("file.bin", std::string(10485760, 'x'));
+  std::string url = "before";
+  EXPECT_FALSE(client_.UploadFile(url, path));
+  EXPECT_EQ(url, "before");
+  EXPECT_EQ(PartRequests(4).size(), 3u);
+  EXPECT_EQ(log_->Count(kPartFailed, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kPartFailed), HasSubstr("upload file[" + path + "] failed, object key["));
+  EXPECT_EQ(ErrorOf(client_), (LastError{7, 0, "upload object rsp status code[500]."}));
+  EXPECT_THAT(Sequence(), testing::ElementsAre("GET bestnode", "POST uploads")) << "nothing is completed";
+  EXPECT_EQ(Progress().back(), 100);
+}
+
+TEST_F(ObjectMultipartUploadTest, StopsReadingWhenAPartHasFailed) {
+  multipart_.SetPartHook([](int) { return ErrorAnswer(403, "AccessDenied"); });
+  const std::string path = folder_.MakeFile("file.bin", "");
+  std::filesystem::resize_file(path, 100 * kPartBytes);
+  std::string url;
+  EXPECT_FALSE(client_.UploadFile(url, path));
+  // At most the parts in the pool when the first failed, three attempts each.
+  EXPECT_LT(server_.Requests().size(), 50u);
+  EXPECT_EQ(log_->Count(kPartFailed, logging::kError), 1u);
+  EXPECT_EQ(ErrorOf(client_), (LastError{5, 0, "UploadPartObject rsp status code[403]."}));
+}
+
+TEST_F(ObjectMultipartUploadTest, HoldsFewPartsInMemory) {
+  std::atomic<int> under_way{0};
+  std::atomic<int> most{0};
+  multipart_.SetPartHook([&](int) {
+    const int now = ++under_way;
+    int before = most.load();
+    while (before < now && !most.compare_exchange_weak(before, now)) {
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    --under_way;
+    return ScriptedAnswer{};
+  });
+  std::string url;
+  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(12 * kPartBytes, 'x'))));
+  EXPECT_LE(most.load(), 4) << "four threads send";
+}
+
+TEST_F(ObjectMultipartUploadTest, FailsWithoutATask) {
+  server_.Handle([this](const ScriptedRequest& request) {
+    return request.target.ends_with("?bestnode") ? BestNodeAnswer(server_.Address())
+                                                 : ErrorAnswer(500, "NotEnoughSpace");
+  });
+  const std::string path = folder_.MakeFile("file.bin", std::string(10485760, 'x'));
+  std::string url;
+  EXPECT_FALSE(client_.UploadFile(url, path));
+  const std::string line = "[%s]upload file[%s] failed, create part task failed.[%s(%d)]";
+  EXPECT_EQ(log_->Count(line, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(line), HasSubstr("upload file[" + path + "] failed"));
+  EXPECT_EQ(ErrorOf(client_), (LastError{7, 0, "upload object rsp status code[500]."}));
+  EXPECT_THAT(Progress(), testing::ElementsAre(100));
+}
+
+TEST_F(ObjectMultipartUploadTest, FailsWithoutCompletion) {
+  multipart_.SetFinishAnswer(ErrorAnswer(400, "InvalidXmlContent"));
+  std::string url = "before";
+  EXPECT_FALSE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
+  EXPECT_EQ(url, "before");
+  const std::string line = "[%s]upload file[%s] failed, object key[%s], upload part[%d] failed.[%s(%d)]";
+  EXPECT_EQ(log_->Count(line, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(line), HasSubstr("upload part[6] failed.")) << "the number after the last part's";
+  EXPECT_EQ(ErrorOf(client_), (LastError{5, 0, "FinishPartTask rsp status code[400]."}));
+  EXPECT_EQ(Progress().back(), 100);
+}
+
+TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
+  const std::string path = folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'));
+  multipart_.SetPartHook([&](int) {
+    std::filesystem::resize_file(path, 10 * kPartBytes + 5);
+    return ScriptedAnswer{};
+  });
+  std::string url;
+  EXPECT_FALSE(client_.UploadFile(url, path));
+  EXPECT_EQ(log_->Count("[%s]read_elements != 1, error[%d][%s(%d)]", logging::kError), 1u);
+  EXPECT_EQ(ErrorOf(client_), (LastError{3, 0, "fread file[" + path + "] failed[38]."}));
+  EXPECT_THAT(Sequence(), testing::ElementsAre("GET bestnode", "POST uploads"));
+}
+
+TEST_F(ObjectMultipartUploadTest, DoesNotWaitForTheEndOfARound) {
+  // Five parts that take no time: with whole rounds of 500 ms this could never be done in less.
+  const std::string path = folder_.MakeFile("file.bin", std::string(10485760, 'x'));
+  auto best = std::chrono::steady_clock::duration::max();
+  for (int i = 0; i < 5; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    std::string url;
+    EXPECT_TRUE(client_.UploadFile(url, path));
+    best = std::min(best, std::chrono::steady_clock::now() - begin);
+  }
+  EXPECT_LT(best, std::chrono::milliseconds(450));
+}
+
+TEST_F(ObjectMultipartUploadTest, KeepsManyUploadsApart) {
+  constexpr int kUploads = 6;
+  std::vector<std::string> contents;
+  std::vector<std::thread> threads;
+  std::vector<int> results(kUploads);
+  for (int i = 0; i < kUploads; ++i) {
+    contents.push_back(TestBytes(10485760 + static_cast<std::size_t>(i) * 100000, static_cast<unsigned>(i)));
+    folder_.MakeFile(std::to_string(i), contents.back());
+  }
+  for (int i = 0; i < kUploads; ++i) {
+    threads.emplace_back([&, i] {
+      CObjectClient client(Config());
+      std::string url;
+      results[static_cast<std::size_t>(i)] = client.UploadFile(url, folder_.Path(std::to_string(i))) ? 1 : 0;
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(std::count(results.begin(), results.end(), 1), kUploads);
+  std::vector<std::string> stored;
+  for (int i = 1; i <= kUploads; ++i) {
+    stored.push_back(multipart_.Content(multipart_.TaskId(i)));
+  }
+  std::sort(stored.begin(), stored.end());
+  std::sort(contents.begin(), contents.end());
+  EXPECT_TRUE(stored == contents) << "an object differs from its file";
+}
+
+TEST_F(ObjectMultipartUploadTest, EndsWhenAServerGivesOneIdToTwoUploads) {
+  // What becomes of the objects is the server's doing; here it matters that both calls come back.
+  multipart_.UseOneTaskId(TansyBase::GuidUtil::CreateGuid());
+  multipart_.SetDelay(5);
+  const std::string first = folder_.MakeFile("first", std::string(6 * kPartBytes, 'x'));
+  const std::string second = folder_.MakeFile("second", std::string(9 * kPartBytes, 'x'));
+  for (int round = 0; round < 3; ++round) {
+    std::thread thread([&] {
+      std::string url;
+      CObjectClient(Config()).UploadFile(url, first);
+    });
+    std::string url;
+    client_.UploadFile(url, second);
+    thread.join();
+  }
+  multipart_.UseOneTaskId("");
+  const std::string content = TestBytes(10485760);
+  std::string url;
+  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content))) << "the client is as good as before";
+  EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage
