@@ -66,8 +66,8 @@ struct StorageServerConfig_V1 : StorageServerConfig {
   std::uint32_t https_wan_download_port = 0;
 };
 
-// Key of the map that UpdateWanServerInfoV1 takes; the value is always a text.
-enum WanServerInfoFieldType {
+// Key of the map that UpdateWanServerInfoV1 takes; the value is always a text. Other keys are ignored.
+enum WanServerInfoFieldType : int {
   WAN_ENABLE = 0,            // "true" switches WAN answers on, anything else off
   WAN_IP = 1,                // both servers
   WAN_PIC_PORT = 2,          // picture server only

@@ -12,15 +12,17 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
 
 #include "TansyBase/Encrypt.h"
+#include "TansyBase/StringUtil.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
+
+using TansyBase::StringUtil;
 
 namespace details {
 namespace {
@@ -130,14 +132,12 @@ std::string FormatHttpDate() {
   if (weekday >= details::kWeekdays.size() || month >= details::kMonths.size()) {
     return {};
   }
-  char year_and_time[30];
-  std::snprintf(year_and_time, sizeof year_and_time, "%d %02d:%02d:%02d GMT", static_cast<int>(date.year()),
-                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                static_cast<int>(time.seconds().count()));
-  char text[64];
-  std::snprintf(text, sizeof text, "%s, %2d %s %s", details::kWeekdays[weekday],
-                static_cast<int>(static_cast<unsigned int>(date.day())), details::kMonths[month], year_and_time);
-  return text;
+  const std::string year_and_time = StringUtil::str_fmt(
+      "%d %02d:%02d:%02d GMT", static_cast<int>(date.year()), static_cast<int>(time.hours().count()),
+      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
+  return StringUtil::str_fmt("%s, %2d %s %s", details::kWeekdays[weekday],
+                             static_cast<int>(static_cast<unsigned int>(date.day())), details::kMonths[month],
+                             year_and_time.c_str());
 }
 
 bool UrlQueryDecode(char* output, std::int32_t output_size, const char* input, std::int32_t input_length) {

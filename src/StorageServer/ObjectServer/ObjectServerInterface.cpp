@@ -72,7 +72,7 @@ bool InitDBModule() {
               param.port);
     // For whoever starts the host by hand and wonders why it does not come up.
     std::puts("Init DB Conn Fail...");
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
     OSAL_Sleep(kDatabaseRetryMs);
   }
   if (const auto manager = CIInterfaceManager::Instance().GetConfigManager()) {
