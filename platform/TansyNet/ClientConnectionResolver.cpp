@@ -13,41 +13,44 @@ namespace TansyNet::details {
 
 namespace {
 
-constexpr int kMaxLookups = 16;
+constexpr int kMaxAbandoned = 16;
 
 struct Lookup {
   std::mutex mutex;  // guards the members below
   std::condition_variable finished;
   bool done = false;
+  bool abandoned = false;  // nobody waits any more
   int result = 0;
   std::vector<SocketAddress> addresses;
 };
 
-std::atomic<int>& RunningLookups() {
-  static std::atomic<int> running{0};
-  return running;
+// Look-ups that go on although nobody waits for them.
+std::atomic<int>& AbandonedLookups() {
+  static std::atomic<int> count{0};
+  return count;
 }
 
 void RunLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) {
   std::vector<SocketAddress> addresses;
   const int result = ResolveAddresses(host, port, addresses);
-  --RunningLookups();
   const std::lock_guard<std::mutex> lock(lookup->mutex);
   lookup->result = result;
   lookup->addresses = std::move(addresses);
   lookup->done = true;
+  if (lookup->abandoned) {
+    --AbandonedLookups();
+  }
   lookup->finished.notify_all();
 }
 
+// Threads that hang in a resolver which does not answer must not pile up.
 bool StartLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) {
-  if (++RunningLookups() > kMaxLookups) {
-    --RunningLookups();
+  if (AbandonedLookups() >= kMaxAbandoned) {
     return false;
   }
   try {
     std::thread(RunLookup, lookup, host, port).detach();
   } catch (const std::system_error&) {
-    --RunningLookups();
     return false;
   }
   return true;
@@ -69,6 +72,8 @@ bool ResolveWithin(const std::string& host, std::uint16_t port, int timeout_ms, 
   }
   std::unique_lock<std::mutex> lock(lookup->mutex);
   if (!lookup->finished.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return lookup->done; })) {
+    lookup->abandoned = true;
+    ++AbandonedLookups();
     error = {HttpClient::kTimeout, CClientSocket::TimedOut()};
     return false;
   }

@@ -26,7 +26,9 @@ std::span<char> CStringSink::Window() {
       size = std::min(size, declared_);
     }
     // One byte more than allowed, because only a byte too many shows that a body is too large.
-    size = std::max<std::uint64_t>(std::min(size, max_bytes_ + 1), filled_ + 1);
+    if (size > max_bytes_) {
+      size = max_bytes_ + 1;
+    }
     body_.resize(size);
   }
   return {body_.data() + filled_, body_.size() - filled_};

@@ -1,6 +1,8 @@
 // What the client makes of answers, whole and broken ones.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -235,6 +237,17 @@ TEST_F(HttpClientAnswerTest, ABodyBeyondTheLimitIsTooLarge) {
   const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
   EXPECT_TRUE(GetRaw(chunked + "3\r\nhel\r\n2\r\nlo\r\n0\r\n\r\n").sent);
   EXPECT_EQ(GetRaw(chunked + "3\r\nhel\r\n3\r\nlo!\r\n0\r\n\r\n").error.kind, HttpClient::kTooLarge);
+}
+
+TEST_F(HttpClientAnswerTest, TheLimitsOfALimit) {
+  max_body_bytes_ = 0;
+  EXPECT_TRUE(GetRaw("HTTP/1.0 200 OK\r\n\r\n").sent);
+  EXPECT_EQ(GetRaw("HTTP/1.0 200 OK\r\n\r\nx").error.kind, HttpClient::kTooLarge);
+  max_body_bytes_ = std::numeric_limits<std::uint64_t>::max();
+  const std::string body(300000, 'x');
+  EXPECT_EQ(GetRaw("HTTP/1.0 200 OK\r\n\r\n" + body).response.body, body);
+  EXPECT_EQ(GetRaw("HTTP/1.1 200 OK\r\nContent-Length: 18446744073709551615\r\n\r\n" + body).error.kind,
+            HttpClient::kBadAnswer);
 }
 
 TEST_F(HttpClientAnswerTest, ClosingInsteadOfAnsweringIsAReceiveError) {

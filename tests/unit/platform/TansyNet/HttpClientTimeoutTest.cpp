@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -147,6 +148,26 @@ TEST_F(HttpClientTimeoutTest, ANameIsLookedUp) {
   EXPECT_TRUE(Send(request)) << "without a limit too";
 }
 
+TEST_F(HttpClientTimeoutTest, ManyThreadsMayLookNamesUpAtOnce) {
+  ScriptedServer server;
+  server.Answer("GET /", {.body = "here"});
+  std::vector<std::thread> threads;
+  std::atomic<int> failed{0};
+  for (int i = 0; i < 40; ++i) {
+    threads.emplace_back([&] {
+      CHttpClientRequest request;
+      request.url = "http://localhost:" + std::to_string(server.Port()) + "/";
+      if (!HttpClient().Send(request, nullptr, nullptr)) {
+        ++failed;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(failed, 0);
+}
+
 TEST_F(HttpClientTimeoutTest, SendingWithoutProgressEnds) {
   const CIdleListener listener(8);
   const std::string body(32 * 1024 * 1024, 'b');
@@ -162,7 +183,7 @@ TEST_F(HttpClientTimeoutTest, SendingWithoutProgressEnds) {
 
 TEST_F(HttpClientTimeoutTest, SendingSlowlyDoesNotEnd) {
   CIdleListener listener(8);
-  const std::string body(16 * 1024 * 1024, 'b');
+  const std::string body(24 * 1024 * 1024, 'b');
   std::thread reader([&] {
     const int handle = listener.Accept();
     std::vector<char> bytes(256 * 1024);
@@ -184,9 +205,9 @@ TEST_F(HttpClientTimeoutTest, SendingSlowlyDoesNotEnd) {
   request.method = "PUT";
   request.body = body.data();
   request.body_size = body.size();
-  request.send_timeout_ms = 400;
+  request.send_timeout_ms = 800;
   EXPECT_TRUE(Send(request)) << HttpClient::ErrorText(error_);
-  EXPECT_GT(took_ms_, 400) << "the server was too fast for this to show anything";
+  EXPECT_GT(took_ms_, 800) << "the server was too fast for this to show anything";
   reader.join();
 }
 
@@ -231,12 +252,12 @@ TEST_F(HttpClientTimeoutTest, AStallAnywhereInAnAnswerEnds) {
 
 TEST_F(HttpClientTimeoutTest, ASlowAnswerThatKeepsComingDoesNotEnd) {
   ScriptedServer server;
-  server.Answer("GET /", {.body = std::string(100, 'x'), .piece = 15, .piece_delay_ms = 80});
+  server.Answer("GET /", {.body = std::string(100, 'x'), .piece = 12, .piece_delay_ms = 100});
   CHttpClientRequest request;
   request.url = server.Url("/");
-  request.receive_timeout_ms = 300;
+  request.receive_timeout_ms = 600;
   EXPECT_TRUE(Send(request)) << HttpClient::ErrorText(error_);
-  EXPECT_GT(took_ms_, 300);
+  EXPECT_GT(took_ms_, 600);
   EXPECT_EQ(response_.body.size(), 100U);
 }
 
