@@ -28,13 +28,21 @@ using TansyNet::HttpServerRecv;
 
 constexpr std::string_view kGet = "GET / HTTP/1.1\r\n\r\n";
 
+// Repeats with a period that no buffer size shares, so that bytes at the wrong place show.
 std::string Pattern(std::size_t size) {
-  std::string text(size, ' ');
+  constexpr std::size_t kPeriod = 65537;
+  std::string block(kPeriod, ' ');
   std::uint32_t state = 1;
-  for (char& c : text) {
+  for (char& c : block) {
     state = state * 1664525U + 1013904223U;
     c = static_cast<char>(state >> 24);
   }
+  std::string text;
+  text.reserve(size + kPeriod);
+  while (text.size() < size) {
+    text += block;
+  }
+  text.resize(size);
   return text;
 }
 
