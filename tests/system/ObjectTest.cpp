@@ -179,6 +179,24 @@ TEST_F(ObjectTest, ManyClientsAtOnceGetTheirOwnBytes) {
   EXPECT_EQ(Query(server_.Data("catalogue.db"), "SELECT COUNT(*) FROM local_object"), std::vector<std::string>{"48"});
 }
 
+TEST_F(ObjectTest, HundredsOfConnectionsAtOnceAreServed) {
+  Put("/b/o", "bytes");
+  std::vector<std::unique_ptr<CConnection>> connections;
+  for (int i = 0; i < 400; ++i) {
+    connections.push_back(CConnection::Open(server_.GetObjectPort()));
+    ASSERT_NE(connections.back(), nullptr) << i;
+  }
+  const std::string request = Serialize(Signed({"GET", "/b/o", {}, ""}), server_.GetObjectPort());
+  for (int round = 0; round < 3; ++round) {
+    for (const auto& connection : connections) {
+      ASSERT_TRUE(connection->Send(request));
+    }
+    for (const auto& connection : connections) {
+      ASSERT_EQ(connection->Receive().body, "bytes");
+    }
+  }
+}
+
 // Whoever wins: memory and database agree, and the object is one of those that were sent.
 TEST_F(ObjectTest, ManyWritersOfOneKeyLeaveOneWholeObject) {
   std::vector<std::thread> clients;
@@ -212,7 +230,11 @@ TEST_F(ObjectTest, AFullDiskIsToldAndTheNextRequestServed) {
     GTEST_SKIP() << "no file system of its own can be mounted here";
   }
   const auto send = [&small](const std::string& method, const std::string& target, const std::string& body) {
-    return Outcome(Call(small.GetObjectPort(), Signed({method, target, {}, body})));
+    const Reply reply = Call(small.GetObjectPort(), Signed({method, target, {}, body}));
+    if (reply.status == 500) {
+      EXPECT_EQ(reply.body, ErrorXml(XmlValue(reply.body, "Code")));
+    }
+    return Outcome(reply);
   };
   EXPECT_EQ(send("PUT", "/b", "<CreateBucketConfiguration/>"), "200");
   EXPECT_EQ(send("PUT", "/b/fits", std::string(1000000, 'x')), "200");

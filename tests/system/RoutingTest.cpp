@@ -193,5 +193,36 @@ TEST_F(RoutingTest, BestNodeAnswersWithTheAddressThatTheClientUsed) {
   EXPECT_EQ(Outcome(ask("127.0.0.1")), "400 InvalidHttpContent");
 }
 
+class WanTest : public TansydTest {};
+
+TEST_F(WanTest, ClientsFromOutsideAreSentToTheWanAddress) {
+  Launch launch;
+  launch.with_https = true;
+  launch.arguments = {"--wan-ip",
+                      "203.0.113.7",
+                      "--wan-object-port",
+                      "8080",
+                      "--wan-picture-port",
+                      "8081",
+                      "--wan-object-https-port",
+                      "8443",
+                      "--wan-picture-https-port",
+                      "8444"};
+  ASSERT_TRUE(server_.Start(launch));
+  MakeBucket("b");
+  const auto ask = [this](const std::string& host) { return Send("GET", "/b/o?bestnode", "", {{"Host", host}}); };
+  EXPECT_EQ(XmlValue(ask("cloud.example:8080").body, "Location"), "203.0.113.7:8080");
+  EXPECT_EQ(XmlValue(ask("203.0.113.7:8443").body, "Location"), "203.0.113.7:8443");
+  EXPECT_EQ(Outcome(ask("cloud.example:8081")), "400 InvalidHttpContent") << "the picture protocol's port";
+  const std::string local = "127.0.0.1:" + std::to_string(server_.GetObjectHttpsPort());
+  EXPECT_EQ(XmlValue(ask(local).body, "Location"), local);
+
+  const auto ask_pictures = [this](const std::string& host) {
+    return Call(server_.GetPicturePort(), Signed({"GET", "/Quorvane/BestNode", {{"Host", host}}, ""})).body;
+  };
+  EXPECT_THAT(ask_pictures("cloud.example:8444"), testing::AllOf(HasSubstr("203.0.113.7"), HasSubstr("8444")));
+  EXPECT_THAT(ask_pictures("cloud.example:8080"), HasSubstr("-50003"));
+}
+
 }  // namespace
 }  // namespace system_tests
