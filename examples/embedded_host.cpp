@@ -1,0 +1,136 @@
+// A program with an object store of its own: it keeps bytes in memory and the catalogue in catalogue.db of the folder
+// that it is started in. usage: embedded_host PORT PICTURE_PORT ACCESS_KEY SECRET_KEY; ends when its standard input
+// does.
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "KivPlatform/FactoryInterface.h"
+#include "TansyCloudStorage/CloudStorage.h"
+
+namespace cloud = Tansy::CloudStorage;
+
+namespace {
+
+// The store: text after "pool_name:bucket;" to bytes. New objects get a number for a name.
+std::mutex g_mutex;
+std::map<std::string, std::string> g_store;
+
+std::string& Slot(std::string& location) {
+  std::string name = location.substr(location.find(';') + 1);
+  if (name.empty()) {
+    static int next = 0;
+    name = "memory-" + std::to_string(++next);
+  }
+  location = name;  // what the catalogue keeps, and hands back with the next call
+  return g_store[name];
+}
+
+int Read(char*& data, std::uint32_t& size, std::uint32_t offset, const std::string& location) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  const auto found = g_store.find(location.substr(location.find(';') + 1));
+  if (found == g_store.end() || offset > found->second.size()) {
+    return 1;
+  }
+  size = static_cast<std::uint32_t>(std::min<std::size_t>(size, found->second.size() - offset));
+  data = static_cast<char*>(std::malloc(size + 1));  // the server frees it
+  std::memcpy(data, found->second.data() + offset, size);
+  return 0;
+}
+
+int SaveObject(std::string& location, const char* data, std::uint32_t size, int) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  Slot(location).assign(data, size);
+  return 0;
+}
+
+int ReadObject(char*& data, std::uint32_t& size, const std::string& location, int) {
+  return Read(data, size, 0, location);
+}
+
+int StreamSave(const char* data, std::uint32_t size, std::uint32_t offset, std::string& location) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  std::string& bytes = Slot(location);
+  bytes.resize(std::max<std::size_t>(bytes.size(), std::size_t{offset} + size));
+  bytes.replace(offset, size, data, size);
+  return 0;
+}
+
+int RemoveObject(const std::string& location) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  g_store.erase(location);
+  return 0;
+}
+
+// Where the database is. A real host would let its users say so.
+struct Host : KivPlatform::IFactoryInterface,
+              KivPlatform::IDatabaseParam,
+              KivPlatform::ILocalConfig,
+              std::enable_shared_from_this<Host> {
+  std::shared_ptr<KivPlatform::IDatabaseParam> GetDatabaseParam() override { return shared_from_this(); }
+  std::shared_ptr<KivPlatform::IConfigManager> GetConfigManager() override { return nullptr; }
+  std::shared_ptr<KivPlatform::ILocalConfig> GetLocalConfig() override { return shared_from_this(); }
+  int GetDatabaseType() override { return KivPlatform::kDatabaseSqlite; }
+  std::string GetDatabaseHost() override { return {}; }
+  int GetDatabasePort() override { return 0; }
+  std::string GetDatabaseUser() override { return {}; }
+  std::string GetDatabasePassword() override { return {}; }
+  std::string GetDatabaseName() override { return "catalogue.db"; }
+};
+
+// The tables that the module expects, from the installed script.
+bool MakeSchema() {
+  std::ifstream file(SCHEMA_FILE);
+  const std::string script{std::istreambuf_iterator<char>(file), {}};
+  sqlite3* database = nullptr;
+  const bool made =
+      sqlite3_open(":memory:", &database) == SQLITE_OK &&
+      sqlite3_exec(database, "ATTACH 'catalogue.db' AS platform", nullptr, nullptr, nullptr) == SQLITE_OK &&
+      sqlite3_exec(database, script.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+  sqlite3_close(database);
+  return made && !script.empty();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 5 || !MakeSchema()) {
+    std::cerr << "usage: embedded_host PORT PICTURE_PORT ACCESS_KEY SECRET_KEY, in a folder without catalogue.db\n";
+    return 2;
+  }
+  cloud::StorageServerConfig objects;
+  objects.upload_port = objects.download_port = static_cast<std::uint32_t>(std::atoi(argv[1]));
+  objects.ip = "127.0.0.1";
+  objects.ak = argv[3];
+  objects.sk = argv[4];
+  objects.save_object = SaveObject;
+  objects.read_object = ReadObject;
+  objects.stream_save = StreamSave;
+  objects.read_range = Read;
+  objects.remove_object = RemoveObject;
+  cloud::StorageServerConfig pictures = objects;
+  pictures.upload_port = pictures.download_port = static_cast<std::uint32_t>(std::atoi(argv[2]));
+
+  cloud::BucketInfo bucket;
+  bucket.name = "memory";
+  bucket.flag = 1;
+  if (cloud::InitObjectServer(objects, std::make_shared<Host>()) != 0 || cloud::InitPicServer(pictures) != 0 ||
+      !cloud::AddBucket(bucket)) {
+    std::cerr << "embedded_host: did not start\n";
+    return 1;
+  }
+  std::cout << "ready" << std::endl;
+  std::cin.ignore(std::numeric_limits<std::streamsize>::max());
+  cloud::UninitPicServer();
+  return 0;
+}
