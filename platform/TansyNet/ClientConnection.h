@@ -17,7 +17,7 @@ namespace TansyNet::details {
 class CClientTls;
 
 // Head of an answer, in bytes; also the size of a connection's input buffer.
-inline constexpr std::size_t kMaxHeadBytes = 64 * 1024;
+inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
 
 // A time-out in the form that waits take; 0 means without limit.
 int WaitTime(std::uint32_t timeout_ms);

@@ -81,7 +81,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // What one record of the protocol holds.
-constexpr std::size_t kRecordBytes = 16 * 1024;
+constexpr std::size_t kRecordBytes = std::size_t{16} * 1024;
 
 // What the library's macro does, whose cast this project's warnings refuse.
 bool AnnounceName(SSL* ssl, std::string host) {

@@ -13,7 +13,7 @@ namespace {
 
 // A session is a few KiB; a process that talks to more servers than this makes full handshakes with some of them.
 constexpr std::size_t kMaxSessions = 256;
-constexpr std::size_t kReadAheadBytes = 64 * 1024;
+constexpr std::size_t kReadAheadBytes = std::size_t{64} * 1024;
 
 struct SharedContext {
   std::mutex mutex;  // guards the members below
@@ -23,7 +23,7 @@ struct SharedContext {
 };
 
 SharedContext& Shared() {
-  static SharedContext* const shared = new SharedContext;  // used by threads that may outlive static objects
+  static auto* const shared = new SharedContext;  // used by threads that may outlive static objects
   return *shared;
 }
 

@@ -9,7 +9,7 @@
 namespace TansyNet::details {
 
 CConnectionPool& CConnectionPool::Instance() {
-  static CConnectionPool* const pool = new CConnectionPool;  // used by threads that may outlive static objects
+  static auto* const pool = new CConnectionPool;  // used by threads that may outlive static objects
   return *pool;
 }
 

@@ -7,8 +7,8 @@ namespace TansyNet::details {
 namespace {
 
 // Room that a declared length may claim before any byte of the body is there.
-constexpr std::uint64_t kTrustedBytes = 1024 * 1024;
-constexpr std::uint64_t kFirstWindow = 16 * 1024;
+constexpr std::uint64_t kTrustedBytes = std::uint64_t{1024} * 1024;
+constexpr std::uint64_t kFirstWindow = std::uint64_t{16} * 1024;
 
 }  // namespace
 

@@ -50,7 +50,7 @@ class CStringSink : public IBodySink {
 // be named the last.
 class CPieceSink : public IBodySink {
  public:
-  static constexpr std::size_t kPieceBytes = 256 * 1024;
+  static constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
 
   CPieceSink(CHttpClientResponse& response, const HttpClient::BigCallback& callback)
       : response_(response), callback_(callback) {}

@@ -36,7 +36,7 @@ constexpr std::uint32_t kSendTimeoutMs = 15000;
 constexpr std::uint32_t kReceiveTimeoutMs = 30000;
 
 // JSON answers are a few hundred bytes; a server that sends much more is broken or hostile.
-constexpr std::uint64_t kMaxJsonBytes = 1024 * 1024;
+constexpr std::uint64_t kMaxJsonBytes = std::uint64_t{1024} * 1024;
 constexpr std::uint64_t kMaxPictureBytes = std::numeric_limits<std::uint32_t>::max();
 // A log line keeps the start of an answer that was not expected; all of it could be a picture.
 constexpr std::size_t kMaxLoggedBytes = 4096;

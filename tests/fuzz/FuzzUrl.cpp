@@ -1,3 +1,4 @@
+// links: TansyNet
 // Addresses as users, configurations and redirecting servers give them.
 #include <algorithm>
 #include <cstddef>

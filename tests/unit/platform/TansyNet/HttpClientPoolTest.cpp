@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "TansyNet/ConnectionPool.h"
@@ -120,7 +121,16 @@ TEST_F(HttpClientPoolTest, BytesThatNobodyAskedForEndAKeptConnection) {
                           .piece = answer.size(),
                           .piece_delay_ms = 50});
   EXPECT_TRUE(Got(server.Url("/")));
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  // Taking a connection is what looks at it; once the bytes are there, none is left to take.
+  URL url;
+  ASSERT_TRUE(URL::Parse(server.Url("/"), url));
+  const std::string key = CConnectionPool::Key(url);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  while (auto connection = CConnectionPool::Instance().Take(key)) {
+    ASSERT_LT(std::chrono::steady_clock::now(), until);
+    CConnectionPool::Instance().Give(key, std::move(connection));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
   EXPECT_TRUE(Got(server.Url("/")));
   EXPECT_EQ(response_.body, "x");
   EXPECT_EQ(server.ConnectionCount(), 2);
