@@ -31,7 +31,7 @@ class FileUtil {
 class CLocalFile {
  public:
   CLocalFile() = default;
-  ~CLocalFile();  // leaves the file open: owners that want it closed call Close
+  ~CLocalFile() = default;  // leaves the file open: owners that want it closed call Close
   CLocalFile(const CLocalFile&) = delete;
   CLocalFile& operator=(const CLocalFile&) = delete;
 

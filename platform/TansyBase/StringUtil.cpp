@@ -21,7 +21,7 @@ std::string StringUtil::str_fmt(const char* format, ...) {
     text.assign(buffer, static_cast<std::size_t>(length));
   } else if (length >= 0) {
     text.resize(static_cast<std::size_t>(length));
-    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    static_cast<void>(std::vsnprintf(text.data(), text.size() + 1, format, again));
   }
   va_end(again);
   return text;

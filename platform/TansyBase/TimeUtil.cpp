@@ -58,9 +58,9 @@ std::string TimeUtil::TimeT2StrUTCDatetime(std::time_t time) {
   const std::chrono::year_month_day date(day);
   const auto second = static_cast<int>((moment - day).count());
   char text[32];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), second / 3600, second / 60 % 60,
-                second % 60);
+  static_cast<void>(std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d", static_cast<int>(date.year()),
+                                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), second / 3600,
+                                  second / 60 % 60, second % 60));
   return text;
 }
 
@@ -90,7 +90,7 @@ std::time_t TimeUtil::StrUTCDatetime2TimeT(const std::string& text) {
     return -1;
   }
   const std::time_t days = std::chrono::sys_days(date).time_since_epoch().count();
-  return days * kSecondsPerDay + *hour * 3600 + *minute * 60 + *second;
+  return days * kSecondsPerDay + std::time_t{*hour} * 3600 + std::time_t{*minute} * 60 + *second;
 }
 
 }  // namespace TansyBase

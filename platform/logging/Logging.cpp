@@ -22,10 +22,11 @@ class CStandardErrorSink : public ISink {
  public:
   void Write(const Record& record) override {
     if (record.level >= kError) {
-      std::fprintf(stderr, "%.*s\n", static_cast<int>(record.text.size()), record.text.data());
+      // A standard error that cannot be written leaves nowhere to say so.
+      static_cast<void>(std::fprintf(stderr, "%.*s\n", static_cast<int>(record.text.size()), record.text.data()));
     }
   }
-  void Flush() override { std::fflush(stderr); }
+  void Flush() override { static_cast<void>(std::fflush(stderr)); }
 };
 
 // What the process's log consists of. Never destroyed: threads may log while the process ends.

@@ -93,10 +93,8 @@ constexpr NameRange FindName(std::string_view text) {
     }
     if (c == '(' && (text.substr(i, 2) == "(*" || text.substr(i, 2) == "(&")) {
       range.begin = ++i;  // a function that returns a pointer to a function: "void (* Name(int))(char)"
-    } else if (c == '(' && !IsForeignGroup(text, i)) {
-      break;
-    } else if (c == '[') {
-      break;  // an ABI tag or the list of template arguments
+    } else if ((c == '(' && !IsForeignGroup(text, i)) || c == '[') {
+      break;  // the parameter list, an ABI tag, or the list of template arguments
     } else if (c == '(' || c == '<' || c == '{') {
       i = AfterGroup(text, i);
     } else {

@@ -80,6 +80,7 @@ class CConfigSnapshot {
   static constexpr std::uint64_t kAddressMask = kOneReader - 1;
 
   static std::uint64_t Pack(Node* node) { return reinterpret_cast<std::uint64_t>(node); }
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the word is where the pointer lives
   static Node* NodeOf(std::uint64_t word) { return reinterpret_cast<Node*>(word & kAddressMask); }
 
   Node* Enter() const { return NodeOf(word_.fetch_add(kOneReader, std::memory_order_acq_rel)); }
@@ -100,7 +101,7 @@ class CConfigSnapshot {
     std::uint64_t word = word_.load(std::memory_order_relaxed);
     while (NodeOf(word) == current) {
       if (word_.compare_exchange_weak(word, Pack(fresh.get()), std::memory_order_acq_rel, std::memory_order_relaxed)) {
-        fresh.release();
+        static_cast<void>(fresh.release());  // the word owns it now
         Retire(word);
         return true;
       }

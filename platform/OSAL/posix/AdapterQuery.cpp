@@ -37,7 +37,7 @@ OSAL_AdapterInfo& FindOrAppend(List& list, const char* name) {
     last = adapter;
   }
   auto* fresh = new OSAL_AdapterInfo;
-  std::snprintf(fresh->name, sizeof fresh->name, "%s", name);
+  static_cast<void>(std::snprintf(fresh->name, sizeof fresh->name, "%s", name));
   if (last == nullptr) {
     list.reset(fresh);
   } else {

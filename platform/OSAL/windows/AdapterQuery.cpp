@@ -81,7 +81,7 @@ int QueryAdapters(OSAL_AdapterInfo** adapters) {
         last->next = fresh;
       }
       last = fresh;
-      std::snprintf(fresh->name, sizeof fresh->name, "%s", entry->AdapterName);
+      static_cast<void>(std::snprintf(fresh->name, sizeof fresh->name, "%s", entry->AdapterName));
       fresh->type = entry->IfType;
       AddAddresses(*fresh, entry->FirstUnicastAddress);
     }

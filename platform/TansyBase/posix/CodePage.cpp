@@ -3,6 +3,7 @@
 #include <iconv.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include "TansyBase/Utf8.h"
 
@@ -36,7 +37,7 @@ class CGbkConverter {
   }
 
  private:
-  bool IsOpen() const { return descriptor_ != reinterpret_cast<iconv_t>(-1); }
+  bool IsOpen() const { return reinterpret_cast<std::intptr_t>(descriptor_) != -1; }
 
   iconv_t descriptor_;
 };

@@ -80,7 +80,7 @@ int Descriptor(std::intptr_t handle) {
 class COpenFiles {
  public:
   static COpenFiles& Instance() {
-    static COpenFiles* const files = new COpenFiles;  // never destroyed: files may outlive the end of main
+    static auto* const files = new COpenFiles;  // never destroyed: files may outlive the end of main
     return *files;
   }
 
@@ -119,8 +119,6 @@ FileError Claim(int descriptor) {
 }
 
 }  // namespace
-
-CLocalFile::~CLocalFile() = default;
 
 std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   Close();

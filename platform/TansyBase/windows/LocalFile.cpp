@@ -14,8 +14,6 @@ HANDLE Handle(std::intptr_t handle) {
 
 // INVALID_HANDLE_VALUE is -1, as kInvalid is, so calls on a file that is not open fail by themselves.
 
-CLocalFile::~CLocalFile() = default;
-
 std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   Close();
   const HANDLE handle = CreateFileW(StringUtil::UTF8ToWide(utf8_path).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,

@@ -56,7 +56,7 @@ void BuildPicErrorRsp(TansyNet::HttpResponse& response, std::string& body, int c
     message = TansyBase::StringUtil::UTF8ToGBK(row->message);
   }
   // Written as text: a JSON document would take the GBK bytes for broken UTF-8.
-  body = "{\"ErrorCode\": " + std::to_string(code) + ", \"Message\": \"" + message + "\"}";
+  body = R"({"ErrorCode": )" + std::to_string(code) + R"(, "Message": ")" + message + R"("})";
   SetPicRspHeaders(response, kJsonContentType);
 }
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #ifndef _WIN32
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -93,6 +95,20 @@ TEST_F(FileUtilTest, BackslashesAreSeparators) {
   Put(Path("sub/file"), "x");
   EXPECT_TRUE(FileUtil::Exists(backslashed + "\\file"));
   EXPECT_EQ(FileUtil::RemoveFile(backslashed + "\\file"), 0);
+}
+
+TEST_F(FileUtilTest, OpensFilesThatNoChildInherits) {
+  std::FILE* file = FileUtil::OpenFile(folder_.string() + "\\new", "wb");
+  ASSERT_NE(file, nullptr);
+  EXPECT_NE(fcntl(fileno(file), F_GETFD) & FD_CLOEXEC, 0);
+  std::fclose(file);
+  EXPECT_TRUE(FileUtil::Exists(Path("new")));
+  errno = 0;
+  EXPECT_EQ(FileUtil::OpenFile(Path("missing"), "rb"), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_EQ(FileUtil::OpenFile(Path("new") + std::string("\0x", 2), "rb"), nullptr);
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(FileUtilTest, AnEmbeddedNulNamesNoFile) {
@@ -299,6 +315,10 @@ TEST_F(LocalFileTest, TheSizeOfAHugeFileIsItsLow32Bits) {
   std::uint32_t size = 0;
   EXPECT_EQ(file.GetSize(size), 0u);
   EXPECT_EQ(size, 5u);
+  std::uint32_t high = 0;
+  EXPECT_EQ(file.GetSize(size, &high), 0u);
+  EXPECT_EQ(size, 5u);
+  EXPECT_EQ(high, 1u);
   file.Close();
 }
 
