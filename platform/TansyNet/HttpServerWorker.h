@@ -16,7 +16,7 @@ std::int64_t SteadyMilliseconds();
 
 class CServerWorker {
  public:
-  static constexpr std::size_t kScratchBytes = 64 * 1024;
+  static constexpr std::size_t kScratchBytes = std::size_t{64} * 1024;
 
   // What ContextOf (HttpServerAsio.h) gives to those who know Asio.
   struct Impl;

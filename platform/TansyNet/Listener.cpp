@@ -10,6 +10,7 @@
 
 #include "TansyNet/HttpServerAsio.h"
 #include "TansyNet/HttpServerRuntime.h"
+#include "TansyNet/ListenerOptions.h"
 #include "TansyNet/ServerConnection.h"
 #include "logging/Logging.h"
 
@@ -50,12 +51,9 @@ int NetErrorOf(const error_code& error) {
 error_code Bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, bool reuse_address) {
   error_code error;
   acceptor.open(endpoint.protocol(), error);
-#ifndef _WIN32
-  // There this option would let two listeners share a port; lingering connections do not block one anyway.
-  if (!error && reuse_address) {
+  if (!error && reuse_address && LingeringConnectionsBlockPorts()) {
     acceptor.set_option(asio::socket_base::reuse_address(true), error);
   }
-#endif
   if (!error && endpoint.address().is_v6()) {
     acceptor.set_option(asio::ip::v6_only(true), error);
   }

@@ -72,7 +72,7 @@ std::string_view FindParameter(std::string_view text, std::string_view name) {
 std::string_view BoundaryOf(std::string_view content_type) {
   constexpr std::string_view kFormType = "multipart/form-data";
   // RFC 2046 allows 70; senders that exceed it are understood up to a length no sender needs.
-  constexpr std::size_t kLongest = 10 * 1024;
+  constexpr std::size_t kLongest = std::size_t{10} * 1024;
   const std::size_t type_end = std::min(content_type.find(';'), content_type.size());
   if (!EqualNoCase(Trim(content_type.substr(0, type_end)), kFormType) || type_end == content_type.size()) {
     return {};

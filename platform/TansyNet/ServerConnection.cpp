@@ -60,7 +60,7 @@ void CServerConnection::Start() {
   if (phase_ == Phase::kClosed) {
     return;
   }
-  if (!transport_.IsUsable()) {
+  if (!transport_.IsUsable() || listener_->IsClosed()) {
     Close();
     return;
   }

@@ -12,12 +12,12 @@ namespace details {
 namespace {
 
 // How much is written before others may have the lock or the worker.
-constexpr std::size_t kBytesPerTurn = 1024 * 1024;
+constexpr std::size_t kBytesPerTurn = std::size_t{1024} * 1024;
 constexpr std::int32_t kDefaultSendTimeoutMs = 20000;
 // After the last answer: how much, and how long, a client may go on sending before it reads. Closing at once would
 // reset the connection and take the answer from a client that has not read it yet; reading for ever would let anybody
 // send.
-constexpr std::uint64_t kDrainBytes = 64 * 1024 * 1024;
+constexpr std::uint64_t kDrainBytes = std::uint64_t{64} * 1024 * 1024;
 constexpr std::int64_t kDrainMs = 10000;
 
 std::int32_t TimeoutOf(const HttpResponse& response) {

@@ -9,8 +9,8 @@ namespace {
 
 // Room is made in steps as large as what came so far, but not larger than the processor's cache likes: growing a string
 // clears the new bytes.
-constexpr std::size_t kSmallestStep = 4 * 1024;
-constexpr std::size_t kLargestStep = 128 * 1024;
+constexpr std::size_t kSmallestStep = std::size_t{4} * 1024;
+constexpr std::size_t kLargestStep = std::size_t{128} * 1024;
 // Memory is asked for by this factor, so that hardly a byte is copied twice while the string moves.
 constexpr std::size_t kGrowth = 8;
 

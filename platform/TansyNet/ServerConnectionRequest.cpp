@@ -202,6 +202,8 @@ IoStatus CServerConnection::ReadInput(std::string_view& input) {
   if (Input().empty()) {
     input = fresh;
   } else {
+    input_.erase(0, input_begin_);
+    input_begin_ = 0;
     input_.append(fresh);
     input = Input();
   }

@@ -11,7 +11,7 @@ namespace {
 
 // Of an upload under way there are at most: the piece that is being stored, its receiver's copy, and the piece read
 // ahead. With this size that is half of what an upload may cost, and storages that keep 4 MiB blocks write whole ones.
-constexpr std::size_t kPieceBytes = 4 * 1024 * 1024;
+constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
 static_assert(kPieceBytes <= kWholeBodyLimit);
 
 }  // namespace

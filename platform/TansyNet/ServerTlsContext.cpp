@@ -103,7 +103,7 @@ bool SetClientChecks(SSL_CTX* context, const HttpsServer& tls, std::string& erro
 
 TlsContextPtr LoadTlsContext(const HttpsServer& tls, std::string& error) {
   ERR_clear_error();
-  const TlsContextPtr context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+  TlsContextPtr context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
   if (context == nullptr) {
     error = "certificate: no TLS available: " + details::OpenSslReason();
     return nullptr;

@@ -1,0 +1,9 @@
+#include "TansyNet/ListenerOptions.h"
+
+namespace TansyNet {
+
+bool LingeringConnectionsBlockPorts() {
+  return true;
+}
+
+}  // namespace TansyNet
