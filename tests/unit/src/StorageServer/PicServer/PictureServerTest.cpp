@@ -54,7 +54,7 @@ TEST_F(PictureServerLifecycle, AnHttpsPortOfZeroOpensNothingAndSucceeds) {
   StorageServerConfig_V1 config = MakeConfig();
   config.https_download_port = 0;
   EXPECT_EQ(InitPicServer(config), 0);
-  EXPECT_EQ(Http().Listeners().size(), 2u);
+  EXPECT_EQ(Http().Calls(), (Calls{"start 0.0.0.0:9700", "start [::]:9700"}));
   EXPECT_EQ(SetPicServerEnable(false), 0);
   EXPECT_EQ(SetPicServerEnable(true), 0);
   EXPECT_EQ(Http().Listeners().size(), 4u);
@@ -195,6 +195,21 @@ TEST_F(PictureServerLifecycle, UninitStopsTheListenersAndTheSharedLoop) {
   // A request that slipped in is dropped, not answered.
   const auto handle = Http().Deliver(&CPictureServer::RecvMsgCallBack, Signed(Request("GET", kVersionPath)));
   EXPECT_FALSE(Http().WaitForAnswer(handle, 50).IsThere());
+}
+
+TEST_F(PictureServerLifecycle, UninitDropsWhatWaitsAndLetsFinishWhatRuns) {
+  StartServer();
+  auto& loop = CServerMsgLoop::Instance();
+  Tests::CHeldLoop held(loop, 4);
+  const auto waiting = Http().Deliver(&CPictureServer::RecvMsgCallBack, Signed(Request("GET", kVersionPath)));
+  std::thread uninit([] { UninitPicServer(); });
+  while (Tests::Post(loop, [] {})) {
+    std::this_thread::yield();
+  }
+  held.Release();
+  uninit.join();
+  EXPECT_FALSE(Http().IsAnswered(waiting));
+  EXPECT_EQ(loop.GetWorkTaskCount(), 0u);
 }
 
 TEST_F(PictureServerLifecycle, UninitReturnsTheResultOfTheStopAndStopsTheLoopAllTheSame) {
