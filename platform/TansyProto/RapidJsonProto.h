@@ -25,7 +25,8 @@ class CRapidJsonProto {
   bool Parse(std::string_view text);
 
   bool Has(const std::string& path) const;
-  // A string member as it is, a number or boolean as its text; `missing` otherwise.
+  // A string member as it is, a number or boolean as its text (integers of 64 bits to the last digit, fractions
+  // nearly); `missing` otherwise.
   std::string GetString(const std::string& path, const std::string& missing = {}) const;
   // An integer member, or a string member that is a decimal integer; `missing` otherwise.
   std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;

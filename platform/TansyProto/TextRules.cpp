@@ -1,5 +1,6 @@
 #include "TansyProto/TextRules.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstddef>
@@ -44,6 +45,14 @@ bool Decode(std::string_view text, const Utf8Form& form, char32_t& character) {
   return value >= form.least && IsCharacter(value);
 }
 
+// Most text is nothing else, and gets by with one comparison a byte.
+std::size_t CountPlain(std::string_view text) {
+  const auto is_plain = [](char c) {
+    return static_cast<unsigned char>(c) >= 0x20 && static_cast<unsigned char>(c) < 0x80;
+  };
+  return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
+}
+
 }  // namespace
 }  // namespace details
 
@@ -68,7 +77,7 @@ bool IsXmlCharacter(char32_t character) {
 
 bool IsXmlText(std::string_view text) {
   char32_t character = 0;
-  while (!text.empty()) {
+  for (text.remove_prefix(details::CountPlain(text)); !text.empty(); text.remove_prefix(details::CountPlain(text))) {
     if (!TakeUtf8(text, character) || !IsXmlCharacter(character)) {
       return false;
     }
@@ -80,7 +89,13 @@ std::string MakeCarriable(std::string_view text, bool for_xml) {
   std::string carriable;
   carriable.reserve(text.size());
   char32_t character = 0;
-  while (!text.empty()) {
+  for (;;) {
+    const std::size_t plain = details::CountPlain(text);
+    carriable.append(text.substr(0, plain));
+    text.remove_prefix(plain);
+    if (text.empty()) {
+      return carriable;
+    }
     const char* start = text.data();
     if (TakeUtf8(text, character) && (!for_xml || IsXmlCharacter(character))) {
       carriable.append(start, text.data());
@@ -88,7 +103,6 @@ std::string MakeCarriable(std::string_view text, bool for_xml) {
       carriable.append("\xEF\xBF\xBD");
     }
   }
-  return carriable;
 }
 
 bool ParseInteger(std::string_view text, std::int64_t& value) {
