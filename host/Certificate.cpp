@@ -19,7 +19,7 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr std::size_t kLargestPemFile = 1024 * 1024;
+constexpr std::size_t kLargestPemFile = std::size_t{1024} * 1024;
 constexpr long kTenYearsInDays = 3653;
 constexpr long kSecondsOfADay = 86400;
 constexpr const char* kCommonName = "tansyd";
@@ -76,7 +76,7 @@ bool Exists(const std::string& path) {
 std::string ContentOf(BIO* memory) {
   char* data = nullptr;
   const long size = BIO_get_mem_data(memory, &data);
-  return std::string(data, static_cast<std::size_t>(size));
+  return {data, static_cast<std::size_t>(size)};
 }
 
 bool IsAddress(const std::string& name) {

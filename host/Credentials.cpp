@@ -14,7 +14,7 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr std::size_t kLargestSettingsFile = 1024 * 1024;
+constexpr std::size_t kLargestSettingsFile = std::size_t{1024} * 1024;
 constexpr std::size_t kAccessKeyLength = 20;
 constexpr std::size_t kSecretKeyLength = 40;
 
@@ -53,7 +53,7 @@ void CheckPair(const CredentialPair& pair, int exit_code, const std::string& acc
 }
 
 CredentialPair CreatePair(const std::string& settings_path) {
-  const CredentialPair pair = {RandomText(kAccessKeyLength), RandomText(kSecretKeyLength)};
+  CredentialPair pair = {RandomText(kAccessKeyLength), RandomText(kSecretKeyLength)};
   std::string content;
   int error = HostSystem::ReadWholeFile(settings_path, kLargestSettingsFile, content);
   if (error == ENOENT) {

@@ -14,7 +14,7 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr std::size_t kLargestSettingsFile = 1024 * 1024;
+constexpr std::size_t kLargestSettingsFile = std::size_t{1024} * 1024;
 constexpr std::string_view kCredentials = "credentials";
 constexpr std::string_view kAccessKey = "access_key";
 constexpr std::string_view kSecretKey = "secret_key";

@@ -180,9 +180,10 @@ TEST_F(MultipartTest, BadPartsLeaveTheTaskUnharmed) {
   EXPECT_EQ(SendPart("other", task, 2, "x"), "400 InvalidHttpContent") << "another object's task";
   ASSERT_EQ(SendPart("o", task, 2, parts[1]), "200");
   const std::string total = "<CompleteMultipartUpload><TotalPartNum>";
-  for (const std::string body : {"", "x", "<x/>", (total + "0</TotalPartNum></CompleteMultipartUpload>").c_str(),
-                                 (total + "3</TotalPartNum></CompleteMultipartUpload>").c_str(),
-                                 (total + "4294967295</TotalPartNum></CompleteMultipartUpload>").c_str()}) {
+  const std::string end = "</TotalPartNum></CompleteMultipartUpload>";
+  const std::vector<std::string> bodies = {
+      "", "x", "<x/>", total + "0" + end, total + "3" + end, total + "4294967295" + end};
+  for (const std::string& body : bodies) {
     EXPECT_EQ(Outcome(Send("POST", "/b/o?upload_id=" + task, body)), "400 InvalidXmlContent") << body;
   }
   EXPECT_EQ(Complete("o", task, {parts[0], "wrong size"}), "400 InvalidXmlContent");
