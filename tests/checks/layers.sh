@@ -24,7 +24,7 @@ declare -A allowed=(
   [include]="TansyCloudStorage"
   [src]="StorageServer StorageClient TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
   [host]="host HostSystem TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
-  [cli]="cli TansyCloudStorage TansyNet TansyBase TansyProto OSAL logging"
+  [cli]="cli HostSystem TansyCloudStorage TansyNet TansyBase TansyProto OSAL logging"
 )
 
 # Headers that cost seconds to compile; a header that others include must not bring them along.
@@ -34,9 +34,9 @@ check_folder() {
   local folder=$1 words=" ${allowed[$1]} " file include first
   while IFS=: read -r file include; do
     first=${include%%/*}
-    # A plain name is a file beside the one that includes it (src/ has two such files at its root).
+    # A plain name is a file beside the one that includes it, or at the root of src/ or cli/.
     if [[ "$first" == "$include" ]]; then
-      [[ -e "$(dirname "$file")/$include" || ("$folder" == src && -e "src/$include") ]] ||
+      [[ -e "$(dirname "$file")/$include" || ("$folder" =~ ^(src|cli)$ && -e "$folder/$include") ]] ||
         complain "$file includes \"$include\", which is not beside it"
     elif [[ "$words" != *" $first "* ]]; then
       complain "$file includes \"$include\": $folder may not use $first"

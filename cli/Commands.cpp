@@ -1,0 +1,27 @@
+#include "Commands.h"
+
+namespace Tansy::Cli {
+
+const std::vector<CommandSpec>& AllCommands() {
+  static const std::vector<CommandSpec> commands = {
+      MakeBucketCommand(), BucketsCommand(), BucketCommand(),   PutCommand(),        GetCommand(),
+      CatCommand(),        StatCommand(),    RemoveCommand(),   SignCommand(),       BestNodeCommand(),
+      PartsCommand(),      VersionCommand(), DoctorCommand(),   CompletionCommand(), PicPutCommand(),
+      PicGetCommand(),     PicLinkCommand(), PicPoolsCommand(), PicVersionCommand()};
+  return commands;
+}
+
+const std::vector<OptionSpec>& GlobalOptions() {
+  static const std::vector<OptionSpec> options = {
+      {"--server", "URL", "server to talk to, http://HOST:PORT, https://HOST:PORT or a name from the configuration"},
+      {"--pool", "BUCKET", "bucket that uploads go to"},
+      {"--data", "DIR", "data folder of a tansyd on this machine, whose address and keys are used"},
+      {"--ca", "FILE", "PEM file with the certificates to trust over HTTPS, instead of the system's"},
+      {"--insecure", nullptr, "trust any certificate over HTTPS"},
+      {"--json", nullptr, "one JSON document a line on standard output"},
+      {"--quiet", nullptr, "no progress and no texts that are only for people"},
+  };
+  return options;
+}
+
+}  // namespace Tansy::Cli

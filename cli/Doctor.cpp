@@ -1,0 +1,246 @@
+#include "Doctor.h"
+
+#include <openssl/asn1.h>
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "BucketList.h"
+#include "HostSystem/Files.h"
+#include "Output.h"
+#include "ServerLink.h"
+#include "TansyBase/TimeUtil.h"
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+constexpr std::time_t kLargestSkew = 300;
+constexpr std::time_t kSecondsADay = 86400;
+constexpr std::time_t kDaysToRenew = 30;
+constexpr std::uint64_t kLittleSpace = std::uint64_t{1} << 30;
+constexpr std::size_t kLargestCertificate = 1024 * 1024;
+// Where a tansyd keeps the certificate of its HTTPS listeners, below its data folder.
+constexpr char kCertificatePath[] = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server.crt";
+
+// One examination; `findings` grows in the order of the checks.
+class CExamination {
+ public:
+  explicit CExamination(const Settings& settings) : settings_(settings) {}
+
+  std::vector<Finding> Run() {
+    Add(EFinding::kOk, "settings", settings_.source);
+    CheckSettingsFile();
+    if (CheckAddress()) {
+      CheckKeys();
+      CheckClock();
+      CheckBucket();
+    }
+    CheckPicturePort();
+    CheckCertificate();
+    CheckSpace();
+    return findings_;
+  }
+
+ private:
+  void Add(EFinding state, const std::string& subject, const std::string& text, const std::string& advice = "") {
+    findings_.push_back({state, subject, text, advice, state == EFinding::kFailure ? kExitFailed : kExitDone});
+  }
+
+  void Add(const std::string& subject, const CFailure& failure) {
+    findings_.push_back({EFinding::kFailure, subject, failure.what(), failure.GetAdvice(), failure.GetExitCode()});
+  }
+
+  void CheckSettingsFile() {
+    const std::string path = settings_.data_folder + "/tansyd.toml";
+    if (!settings_.data_folder.empty() && HostSystem::IsReadableByOthers(path)) {
+      Add(EFinding::kWarning, "settings", path + " holds the secret key and can be read by others",
+          "take their permission away: chmod 600 " + path);
+    }
+  }
+
+  bool CheckAddress() {
+    try {
+      answer_ = CServerLink(settings_).Exchange("GET", "/");
+      Add(EFinding::kOk, "address", settings_.object_server.Url() + " answers");
+      return true;
+    } catch (const CFailure& failure) {
+      Add("address", failure);
+      return false;
+    }
+  }
+
+  void CheckKeys() {
+    if (answer_.status == 200) {
+      Add(EFinding::kOk, "keys", "the server accepts them");
+    } else if (answer_.status == 403) {
+      findings_.push_back(
+          {EFinding::kFailure, "keys", "the server denies access with access key " + Printable(settings_.access_key),
+           "compare access and secret key with [credentials] in the server's tansyd.toml", kExitDenied});
+    } else {
+      Add("keys", FailureOfAnswer(answer_.status, answer_.body, settings_.object_server.Url()));
+    }
+  }
+
+  void CheckClock() {
+    const std::time_t server = ParseHttpDate(answer_.GetHeader("Date"));
+    if (server < 0) {
+      Add(EFinding::kWarning, "clock", "the server does not tell its time");
+      return;
+    }
+    const std::time_t skew = TansyBase::TimeUtil::Now() - server;
+    const std::string text = FormatDuration(static_cast<double>(std::llabs(skew))) +
+                             (skew < 0 ? " behind the server's" : " ahead of the server's");
+    if (std::llabs(skew) > kLargestSkew) {
+      Add(EFinding::kWarning, "clock", "this clock is " + text, "set both clocks from a time server");
+    } else {
+      Add(EFinding::kOk, "clock", "agrees with the server's");
+    }
+  }
+
+  void CheckBucket() {
+    if (answer_.status != 200) {
+      return;
+    }
+    try {
+      const std::vector<BucketRow> buckets = ListBuckets(CServerLink(settings_));
+      if (settings_.pool.empty()) {
+        const std::string count = std::to_string(buckets.size());
+        Add(buckets.empty() ? EFinding::kWarning : EFinding::kOk, "bucket",
+            buckets.empty() ? "there is none yet" : count + (buckets.size() == 1 ? " bucket" : " buckets"),
+            buckets.empty() ? "make one: tansy mb BUCKET" : "");
+        return;
+      }
+      for (const BucketRow& bucket : buckets) {
+        if (bucket.name == settings_.pool) {
+          Add(EFinding::kOk, "bucket", Printable(settings_.pool) + " is there");
+          return;
+        }
+      }
+      findings_.push_back({EFinding::kFailure, "bucket", "there is no bucket " + Printable(settings_.pool),
+                           "make it: tansy mb " + Printable(settings_.pool), kExitNotFound});
+    } catch (const CFailure& failure) {
+      Add("bucket", failure);
+    }
+  }
+
+  void CheckPicturePort() {
+    try {
+      const auto answer = CServerLink(settings_, settings_.picture_server).Exchange("GET", "/Quorvane/Version");
+      const bool fine = answer.status == 200;
+      Add(fine ? EFinding::kOk : EFinding::kWarning, "pictures",
+          settings_.picture_server.Url() + (fine ? " answers" : " answered " + std::to_string(answer.status)),
+          fine ? "" : "'tansy pic' needs it; nothing else does");
+    } catch (const CFailure& failure) {
+      Add(EFinding::kWarning, "pictures", failure.what(), "'tansy pic' needs it; nothing else does");
+    }
+  }
+
+  void CheckCertificate() {
+    if (settings_.object_server.is_https && settings_.insecure) {
+      Add(EFinding::kWarning, "certificate", "any certificate is trusted", "trust the server's own with --ca FILE");
+    }
+    if (settings_.data_folder.empty()) {
+      return;
+    }
+    const std::string path = settings_.data_folder + "/" + kCertificatePath;
+    const std::time_t end = CertificateEnd(path);
+    const std::time_t left = end - TansyBase::TimeUtil::Now();
+    if (end < 0) {
+      Add(EFinding::kWarning, "certificate", "there is none at " + path, "tansyd makes one when HTTPS is on");
+    } else if (left < 0) {
+      Add(EFinding::kFailure, "certificate", path + " has expired", "remove it with its key and start tansyd again");
+    } else if (left < kDaysToRenew * kSecondsADay) {
+      Add(EFinding::kWarning, "certificate", path + " ends in " + std::to_string(left / kSecondsADay) + " days",
+          "replace it");
+    } else {
+      Add(EFinding::kOk, "certificate", "good for " + std::to_string(left / kSecondsADay) + " days");
+    }
+  }
+
+  void CheckSpace() {
+    CheckSpaceAt(".", "this folder");
+    if (!settings_.data_folder.empty()) {
+      CheckSpaceAt(settings_.data_folder, "the data folder");
+    }
+  }
+
+  void CheckSpaceAt(const std::string& folder, const std::string& name) {
+    std::error_code error;
+    const std::filesystem::space_info space =
+        std::filesystem::space(std::filesystem::path(std::u8string(folder.begin(), folder.end())), error);
+    if (error) {
+      Add(EFinding::kWarning, "space", name + ": " + error.message());
+      return;
+    }
+    const bool little = space.available < kLittleSpace;
+    Add(little ? EFinding::kWarning : EFinding::kOk, "space", FormatBytes(space.available) + " free in " + name,
+        little ? "make room before large transfers" : "");
+  }
+
+  const Settings& settings_;
+  TansyNet::CHttpClientResponse answer_;
+  std::vector<Finding> findings_;
+};
+
+struct FreeX509 {
+  void operator()(X509* certificate) const { X509_free(certificate); }
+};
+struct FreeBio {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+
+}  // namespace
+}  // namespace details
+
+std::vector<Finding> Examine(const Settings& settings) {
+  return details::CExamination(settings).Run();
+}
+
+std::time_t ParseHttpDate(const std::string& text) {
+  static constexpr char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  char month[4] = {};
+  int day = 0;
+  int year = 0;
+  int hour = 0;
+  int minute = 0;
+  int second = 0;
+  if (std::sscanf(text.c_str(), "%*3[A-Za-z], %d %3[A-Za-z] %d %d:%d:%d GMT", &day, month, &year, &hour, &minute,
+                  &second) != 6) {
+    return -1;
+  }
+  const char* const found = std::strstr(kMonths, month);
+  if (found == nullptr || (found - kMonths) % 3 != 0 || std::strlen(month) != 3 || year < 1970 || year > 9999) {
+    return -1;
+  }
+  char datetime[80];
+  std::snprintf(datetime, sizeof(datetime), "%04d-%02d-%02d %02d:%02d:%02d", year,
+                static_cast<int>((found - kMonths) / 3 + 1), day, hour, minute, second);
+  return TansyBase::TimeUtil::StrUTCDatetime2TimeT(datetime);
+}
+
+std::time_t CertificateEnd(const std::string& path) {
+  std::string content;
+  if (HostSystem::ReadWholeFile(path, details::kLargestCertificate, content) != 0) {
+    return -1;
+  }
+  const std::unique_ptr<BIO, details::FreeBio> bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
+  const std::unique_ptr<X509, details::FreeX509> certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  int days = 0;
+  int seconds = 0;
+  // From now to the certificate's end.
+  if (certificate == nullptr || ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1) {
+    return -1;
+  }
+  return std::time(nullptr) + days * details::kSecondsADay + seconds;
+}
+
+}  // namespace Tansy::Cli

@@ -1,0 +1,24 @@
+#include "Interrupt.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "Failure.h"
+#include "HostSystem/Process.h"
+#include "PartialFile.h"
+
+namespace Tansy::Cli {
+
+void EndCleanlyOnInterrupt() {
+  HostSystem::TakeSignals();
+  std::thread([] {
+    HostSystem::WaitForSignal();
+    CPartialFile::RemoveAll();
+    std::fputs("\ntansy: interrupted\n", stderr);
+    // Other threads are in the middle of transfers; nothing of the process is worth waiting for.
+    std::_Exit(kExitInterrupted);
+  }).detach();
+}
+
+}  // namespace Tansy::Cli

@@ -1,0 +1,101 @@
+#include "Parallel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "Output.h"
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+constexpr std::size_t kWorkers = 4;
+
+struct Result {
+  bool done = false;
+  std::string text;
+  std::optional<CFailure> failure;
+};
+
+Result Try(const std::function<std::string(const std::string&)>& work, const std::string& thing) {
+  Result result;
+  result.done = true;
+  try {
+    result.text = work(thing);
+  } catch (const CFailure& failure) {
+    result.failure = failure;
+  } catch (const std::exception& exception) {
+    result.failure = CFailure(kExitFailed, Printable(thing) + ": " + exception.what(), "");
+  }
+  return result;
+}
+
+// Prints what is done and has no unfinished result before it.
+class CPrinter {
+ public:
+  explicit CPrinter(std::size_t count) : results_(count) {}
+
+  void Take(std::size_t index, Result result) {
+    const std::lock_guard lock(mutex_);
+    results_[index] = std::move(result);
+    for (; printed_ < results_.size() && results_[printed_].done; ++printed_) {
+      Print(results_[printed_]);
+    }
+  }
+
+  int ExitCode() const { return exit_code_; }
+
+ private:
+  void Print(const Result& result) {
+    if (result.failure) {
+      Fail(*result.failure);
+    } else if (!result.text.empty()) {
+      try {
+        PrintLine(result.text);
+      } catch (const CFailure& failure) {
+        Fail(failure);
+      }
+    }
+  }
+
+  void Fail(const CFailure& failure) {
+    PrintFailure(failure);
+    exit_code_ = exit_code_ == kExitDone ? failure.GetExitCode() : exit_code_;
+  }
+
+  std::mutex mutex_;  // guards what follows
+  std::vector<Result> results_;
+  std::size_t printed_ = 0;
+  int exit_code_ = kExitDone;
+};
+
+}  // namespace
+}  // namespace details
+
+int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work) {
+  details::CPrinter printer(things.size());
+  std::atomic<std::size_t> next{0};
+  std::vector<std::thread> workers;
+  for (std::size_t i = 0; i < std::min(details::kWorkers, things.size()); ++i) {
+    workers.emplace_back([&] {
+      for (std::size_t index = next++; index < things.size(); index = next++) {
+        printer.Take(index, details::Try(work, things[index]));
+      }
+    });
+  }
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+  return printer.ExitCode();
+}
+
+void PrintFailure(const CFailure& failure) {
+  const std::string& advice = failure.GetAdvice();
+  PrintNote(std::string("tansy: ") + failure.what() + (advice.empty() ? "" : "\n  " + advice));
+}
+
+}  // namespace Tansy::Cli

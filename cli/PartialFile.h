@@ -1,0 +1,33 @@
+#ifndef TANSY_CLI_PARTIAL_FILE_H
+#define TANSY_CLI_PARTIAL_FILE_H
+
+#include <string>
+
+namespace Tansy::Cli {
+
+// A file that is written beside its target and takes the target's place when it is complete, so that nobody ever finds
+// half a file under the right name. What is not committed is removed, by the destructor or when the program is
+// interrupted. One thread.
+class CPartialFile {
+ public:
+  // Makes an empty file in the target's folder. A link at the target is followed. Throws CFailure.
+  explicit CPartialFile(const std::string& target);
+  ~CPartialFile();
+  CPartialFile(const CPartialFile&) = delete;
+  CPartialFile& operator=(const CPartialFile&) = delete;
+
+  const std::string& Path() const { return path_; }
+  // Throws CFailure.
+  void Commit();
+
+  // Removes what is being written; for the end of the process, from any thread. No file is committed afterwards.
+  static void RemoveAll();
+
+ private:
+  std::string target_;
+  std::string path_;
+};
+
+}  // namespace Tansy::Cli
+
+#endif  // TANSY_CLI_PARTIAL_FILE_H

@@ -1,0 +1,71 @@
+#ifndef TANSY_CLI_PROGRESS_H
+#define TANSY_CLI_PROGRESS_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Settings.h"
+
+namespace Tansy::Cli {
+
+// How far several transfers have come together.
+struct ProgressState {
+  std::string what;       // "put"
+  std::string name;       // of the only file, else empty
+  std::size_t files = 0;  // of several
+  std::size_t done = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t total = 0;  // 0: nobody knows
+  double seconds = 0;
+};
+
+// One line of at most `width` columns: name or count, bar, percentage, rate, time left.
+std::string RenderProgress(const ProgressState& state, std::size_t width);
+
+// Keeps a line on the terminal up to date while transfers run; does nothing where nobody would see it, and with
+// --quiet and --json. Any thread.
+class CProgress {
+ public:
+  CProgress(const Globals& globals, const std::string& what);
+  ~CProgress();  // takes the line away
+  CProgress(const CProgress&) = delete;
+  CProgress& operator=(const CProgress&) = delete;
+
+  // Announces a transfer and returns its number. `total` is 0 when nobody knows.
+  std::size_t Add(const std::string& name, std::uint64_t total);
+  void Update(std::size_t number, std::uint64_t bytes);
+  void UpdatePercent(std::size_t number, int percent);
+  void Finish(std::size_t number);
+
+ private:
+  struct Transfer {
+    std::string name;
+    std::uint64_t bytes = 0;
+    std::uint64_t total = 0;
+    bool finished = false;
+  };
+
+  void Draw();
+  ProgressState State() const;
+
+  const bool visible_;
+  const std::string what_;
+  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+
+  mutable std::mutex mutex_;  // guards what follows
+  std::condition_variable stopped_;
+  bool stop_ = false;
+  std::vector<Transfer> transfers_;
+
+  std::thread thread_;
+};
+
+}  // namespace Tansy::Cli
+
+#endif  // TANSY_CLI_PROGRESS_H

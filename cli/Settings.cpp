@@ -1,0 +1,274 @@
+#include "Settings.h"
+
+#include <toml++/toml.h>
+
+#include <cerrno>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "Failure.h"
+#include "HostSystem/Files.h"
+#include "HostSystem/Process.h"
+#include "TansyNet/HttpClient.h"
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+constexpr std::size_t kLargestFile = 1024 * 1024;
+constexpr std::uint16_t kObjectPort = 9700;
+constexpr std::uint16_t kPicturePort = 9701;
+constexpr char kDefaultDataFolder[] = "tansy-data";
+constexpr char kSettingsFile[] = "tansyd.toml";
+
+[[noreturn]] void Fail(const std::string& path, const std::string& what, const std::string& advice) {
+  throw CFailure(kExitFailed, path + ": " + what, advice);
+}
+
+// Nothing when there is no such file.
+std::optional<toml::table> ReadToml(const std::string& path) {
+  std::string content;
+  const int error = HostSystem::ReadWholeFile(path, kLargestFile, content);
+  if (error == ENOENT || error == ENOTDIR) {
+    return std::nullopt;
+  }
+  if (error != 0) {
+    Fail(path, "cannot be read: " + HostSystem::ErrorText(error), "check its permissions");
+  }
+  try {
+    return toml::parse(content);
+  } catch (const toml::parse_error& parse_error) {
+    // The parser's own words may quote the line, and the line may hold a secret.
+    Fail(path, "line " + std::to_string(parse_error.source().begin.line) + " is not valid TOML", "mend that line");
+  }
+}
+
+std::string TextOf(const toml::table& table, std::string_view key) {
+  return table[key].value_or(std::string());
+}
+
+std::uint16_t PortOf(const toml::table& table, std::string_view key, std::uint16_t missing) {
+  const std::int64_t port = table[key].value_or(std::int64_t{missing});
+  return port >= 0 && port <= 65535 ? static_cast<std::uint16_t>(port) : missing;
+}
+
+// What one place says about a server. Empty fields are left to the next place.
+struct Source {
+  std::string name;  // for people
+  std::string server_url;
+  std::string picture_url;
+  std::string access_key;
+  std::string secret_key;
+  std::string pool;
+  std::string ca;
+  bool insecure = false;
+  std::string data_folder;
+};
+
+// The settings that a tansyd keeps in its data folder.
+Source ReadDataFolder(const std::string& folder) {
+  const std::string path = folder + "/" + kSettingsFile;
+  const std::optional<toml::table> table = ReadToml(path);
+  if (!table) {
+    Fail(folder, "there is no " + std::string(kSettingsFile) + " in it",
+         "start tansyd with this data folder once, or name another one with --data");
+  }
+  Source source;
+  source.name = "data folder " + folder;
+  source.data_folder = folder;
+  source.server_url = "http://127.0.0.1:" + std::to_string(PortOf(*table, "object-port", kObjectPort));
+  source.picture_url = "http://127.0.0.1:" + std::to_string(PortOf(*table, "picture-port", kPicturePort));
+  if (const toml::table* credentials = (*table)["credentials"].as_table()) {
+    source.access_key = TextOf(*credentials, "access_key");
+    source.secret_key = TextOf(*credentials, "secret_key");
+  }
+  return source;
+}
+
+std::string ConfigPath(const EnvironmentReader& environment) {
+  const std::string config_home = environment("XDG_CONFIG_HOME");
+  if (!config_home.empty()) {
+    return config_home + "/tansy/config.toml";
+  }
+  const std::string home = environment("HOME");
+  return (home.empty() ? environment("USERPROFILE") : home) + "/.config/tansy/config.toml";
+}
+
+Source SourceOf(const toml::table& server, const std::string& name, const std::string& path) {
+  Source source;
+  source.name = "server " + name + " of " + path;
+  source.server_url = TextOf(server, "url");
+  source.picture_url = TextOf(server, "picture_url");
+  source.access_key = TextOf(server, "access_key");
+  source.secret_key = TextOf(server, "secret_key");
+  source.pool = TextOf(server, "pool");
+  source.ca = TextOf(server, "ca");
+  source.insecure = server["insecure"].value_or(false);
+  if (source.server_url.empty()) {
+    Fail(path, "server " + name + " has no url", "add url = \"http://HOST:PORT\" to [servers." + name + "]");
+  }
+  return source;
+}
+
+// A named server of the configuration file: the one called `name`, the one with that address, or, without a name, its
+// default. Nothing when there is none.
+std::optional<Source> ReadConfig(const std::string& path, const std::string& name) {
+  const std::optional<toml::table> config = ReadToml(path);
+  if (!config) {
+    return std::nullopt;
+  }
+  const toml::table* servers = (*config)["servers"].as_table();
+  const std::string wanted = name.empty() ? TextOf(*config, "default") : name;
+  if (servers == nullptr || wanted.empty()) {
+    return std::nullopt;
+  }
+  if (const toml::table* server = (*servers)[wanted].as_table()) {
+    return SourceOf(*server, wanted, path);
+  }
+  for (const auto& [key, value] : *servers) {
+    const toml::table* server = value.as_table();
+    if (server != nullptr && TextOf(*server, "url") == wanted) {
+      return SourceOf(*server, std::string(key.str()), path);
+    }
+  }
+  if (name.empty()) {
+    Fail(path, "default names the server " + wanted + ", which is not there", "add [servers." + wanted + "]");
+  }
+  return std::nullopt;
+}
+
+// Takes what is still missing from `source`.
+void Complete(Source& settings, const Source& source) {
+  const auto take = [](std::string& to, const std::string& from) {
+    if (to.empty()) {
+      to = from;
+    }
+  };
+  // Both addresses come from one place: two servers of different places would be strangers to each other.
+  if (settings.server_url.empty()) {
+    settings.name = source.name;
+    settings.data_folder = source.data_folder;
+    settings.picture_url = source.picture_url;
+  }
+  take(settings.server_url, source.server_url);
+  if (settings.access_key.empty() && settings.secret_key.empty()) {
+    settings.access_key = source.access_key;
+    settings.secret_key = source.secret_key;
+  }
+  take(settings.pool, source.pool);
+  take(settings.ca, source.ca);
+  settings.insecure = settings.insecure || source.insecure;
+}
+
+bool IsUrl(const std::string& text) {
+  return text.find("://") != std::string::npos;
+}
+
+Source FromOptionsAndEnvironment(const Globals& globals, const EnvironmentReader& environment, std::string& name) {
+  Source settings;
+  const std::string server = globals.server.empty() ? environment("TANSY_SERVER") : globals.server;
+  (IsUrl(server) ? settings.server_url : name) = server;
+  settings.name = globals.server.empty() ? "TANSY_SERVER" : "--server";
+  settings.pool = globals.pool.empty() ? environment("TANSY_POOL") : globals.pool;
+  settings.ca = globals.ca.empty() ? environment("TANSY_CA") : globals.ca;
+  settings.insecure = globals.insecure;
+  settings.access_key = environment("TANSY_ACCESS_KEY");
+  settings.secret_key = environment("TANSY_SECRET_KEY");
+  if (settings.access_key.empty() != settings.secret_key.empty()) {
+    throw CFailure(kExitUsage, "only one of TANSY_ACCESS_KEY and TANSY_SECRET_KEY is set", "set both, or neither");
+  }
+  return settings;
+}
+
+ServerAddress AddressOf(const std::string& url, const std::string& source) {
+  ServerAddress address;
+  if (!ParseServerUrl(url, address)) {
+    throw CFailure(kExitUsage, source + ": \"" + url + "\" is no server address", "give http://HOST:PORT");
+  }
+  return address;
+}
+
+Settings ToSettings(const Source& source) {
+  Settings settings;
+  settings.object_server = AddressOf(source.server_url, source.name);
+  if (source.picture_url.empty()) {
+    // tansyd opens its picture port right after the object port.
+    settings.picture_server = settings.object_server;
+    ++settings.picture_server.port;
+  } else {
+    settings.picture_server = AddressOf(source.picture_url, source.name);
+  }
+  settings.access_key = source.access_key;
+  settings.secret_key = source.secret_key;
+  settings.pool = source.pool;
+  settings.ca = source.ca;
+  settings.insecure = source.insecure;
+  settings.data_folder = source.data_folder;
+  settings.source = source.name;
+  return settings;
+}
+
+}  // namespace
+}  // namespace details
+
+std::string ServerAddress::HostText() const {
+  return host.find(':') == std::string::npos ? host : "[" + host + "]";
+}
+
+std::string ServerAddress::HostAndPort() const {
+  return HostText() + ":" + std::to_string(port);
+}
+
+std::string ServerAddress::Url() const {
+  return (is_https ? "https://" : "http://") + HostAndPort();
+}
+
+bool ParseServerUrl(const std::string& text, ServerAddress& address) {
+  TansyNet::URL url;
+  if (!TansyNet::URL::Parse(text, url) || url.target != "/") {
+    return false;
+  }
+  address.is_https = url.scheme == "https";
+  address.host = url.host;
+  address.port = url.port;
+  return true;
+}
+
+Settings FindSettings(const Globals& globals, const EnvironmentReader& environment) {
+  std::string name;
+  details::Source settings = details::FromOptionsAndEnvironment(globals, environment, name);
+  const std::string data = globals.data.empty() ? environment("TANSY_DATA") : globals.data;
+  if (!data.empty()) {
+    details::Complete(settings, details::ReadDataFolder(data));
+  }
+  const std::string config_path = details::ConfigPath(environment);
+  const std::string wanted = name.empty() ? settings.server_url : name;
+  if (const auto source = details::ReadConfig(config_path, data.empty() ? wanted : name)) {
+    details::Complete(settings, *source);
+  } else if (!name.empty()) {
+    throw CFailure(kExitUsage, "there is no server named \"" + name + "\"",
+                   "give http://HOST:PORT, or add [servers." + name + "] to " + config_path);
+  }
+  const bool complete = !settings.server_url.empty() && !settings.access_key.empty();
+  if (!complete && HostSystem::GetPathKind(details::kDefaultDataFolder) == HostSystem::EPathKind::kFolder) {
+    details::Complete(settings, details::ReadDataFolder(details::kDefaultDataFolder));
+  }
+  if (settings.server_url.empty()) {
+    throw CFailure(kExitUsage, "no server is known",
+                   "give --server http://HOST:PORT, or --data DIR of a tansyd on this machine");
+  }
+  if (settings.access_key.empty() || settings.secret_key.empty()) {
+    throw CFailure(kExitUsage, "no keys are known for " + settings.server_url,
+                   "set TANSY_ACCESS_KEY and TANSY_SECRET_KEY, or add the server to " + config_path);
+  }
+  return details::ToSettings(settings);
+}
+
+Settings UseSettings(const Globals& globals) {
+  Settings settings = FindSettings(globals, HostSystem::Environment);
+  TansyNet::HttpClient::SetTlsTrust({settings.ca, settings.insecure});
+  return settings;
+}
+
+}  // namespace Tansy::Cli

@@ -1,0 +1,69 @@
+// Which server to talk to and with which keys.
+//
+// Looked for in this order, each value where it is first found:
+//   1. options of the command line,
+//   2. environment variables: TANSY_SERVER, TANSY_POOL, TANSY_DATA, TANSY_CA, TANSY_ACCESS_KEY with TANSY_SECRET_KEY,
+//   3. the data folder of a tansyd on this machine, when --data or TANSY_DATA names it,
+//   4. a named server of ~/.config/tansy/config.toml: the one that --server names, else its "default",
+//   5. the data folder ./tansy-data, when it is there.
+#ifndef TANSY_CLI_SETTINGS_H
+#define TANSY_CLI_SETTINGS_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace Tansy::Cli {
+
+// Options that every command takes.
+struct Globals {
+  std::string server;
+  std::string pool;
+  std::string data;
+  std::string ca;
+  bool insecure = false;
+  bool json = false;
+  bool quiet = false;
+};
+
+// Where a server listens.
+struct ServerAddress {
+  bool is_https = false;
+  std::string host;  // without brackets
+  std::uint16_t port = 0;
+
+  // "127.0.0.1", "[::1]"
+  std::string HostText() const;
+  // "127.0.0.1:9700"
+  std::string HostAndPort() const;
+  // "http://127.0.0.1:9700"
+  std::string Url() const;
+};
+
+struct Settings {
+  ServerAddress object_server;
+  ServerAddress picture_server;
+  std::string access_key;
+  std::string secret_key;
+  std::string pool;  // empty when nobody named one
+  std::string ca;
+  bool insecure = false;
+  std::string data_folder;  // of a tansyd on this machine; empty when the settings come from elsewhere
+  std::string source;       // where the server comes from, for people
+};
+
+// Reads one environment variable; "" when there is none.
+using EnvironmentReader = std::function<std::string(const char* name)>;
+
+// Finds out all of it; nothing is sent. Throws CFailure with kExitUsage when there is no server or there are no keys,
+// and with kExitFailed for files that cannot be read or make no sense.
+Settings FindSettings(const Globals& globals, const EnvironmentReader& environment);
+// With the process's own environment; makes the certificates to trust known to the HTTP library.
+Settings UseSettings(const Globals& globals);
+
+// "http://HOST[:PORT]" or "https://HOST[:PORT]", nothing behind it but a "/". False when it is something else.
+bool ParseServerUrl(const std::string& text, ServerAddress& address);
+
+}  // namespace Tansy::Cli
+
+#endif  // TANSY_CLI_SETTINGS_H
