@@ -5,6 +5,8 @@
 #include <netinet/tcp.h>
 #include <openssl/x509.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,6 +56,15 @@ int Connect(std::uint16_t port, const RawClientOptions& options) {
   const int one = 1;
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
   return socket;
+}
+
+// The TLS library writes without MSG_NOSIGNAL. Only this thread is shielded: a server that raises the signal must not
+// get away with it.
+void HoldBackSigpipe() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 std::string Lower(std::string text) {
@@ -201,6 +212,7 @@ void CRawClient::Reset() {
 
 CRawTlsClient::CRawTlsClient(std::uint16_t port, int version, SSL_SESSION* session)
     : CRawClient(port), context_(SSL_CTX_new(TLS_client_method())) {
+  HoldBackSigpipe();
   if (version != 0) {
     SSL_CTX_set_min_proto_version(context_, version);
     SSL_CTX_set_max_proto_version(context_, version);

@@ -68,7 +68,7 @@ class CRawClient {
 };
 
 // The same over TLS, without checking the server's certificate.
-class CRawTlsClient final : public CRawClient {
+class CRawTlsClient : public CRawClient {
  public:
   // `version` of 0 takes the newest; otherwise such as TLS1_2_VERSION. `session` is offered for resumption.
   explicit CRawTlsClient(std::uint16_t port, int version = 0, SSL_SESSION* session = nullptr);
