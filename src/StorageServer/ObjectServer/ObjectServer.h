@@ -131,6 +131,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   int StopListeners(const details::Caller& caller);
 
   // Intake and answers.
+  static bool EndRefusedStream(std::int32_t handle);
   void TakeMsg(std::int32_t handle, HttpServerRecv& msg);
   bool TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg);
   bool TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);

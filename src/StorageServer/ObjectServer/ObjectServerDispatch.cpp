@@ -119,9 +119,8 @@ void CObjectServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
       server.TakeMsg(handle, msg);
       return;
     }
-    if (msg.error_code != TansyNet::kWholeRequest) {
-      details::CBigFileStreamMgr::Instance().EndStream(static_cast<std::uint32_t>(handle),
-                                                       details::StreamEnd::kAnswered);
+    if (msg.error_code != TansyNet::kWholeRequest && !EndRefusedStream(handle)) {
+      return;
     }
     server.AnswerError(handle, kServerInternalError);
     CLOUD_LOG(logging::kError, "[%s]message loop exceed[%d], server_handle = %d, url = %s, ip = %s[%s(%d)]",
@@ -131,6 +130,17 @@ void CObjectServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
               msg.url.c_str());
     server.AnswerError(handle, kServerInternalError);
   }
+}
+
+// Leaves nothing of an upload behind whose piece is refused. False when the request has its answer already.
+bool CObjectServer::EndRefusedStream(std::int32_t handle) {
+  auto& streams = details::CBigFileStreamMgr::Instance();
+  const auto session_id = static_cast<std::uint32_t>(handle);
+  if (streams.EndOf(session_id) == details::StreamEnd::kAnswered) {
+    return false;
+  }
+  streams.EndStream(session_id, details::StreamEnd::kAnswered);
+  return true;
 }
 
 void CObjectServer::TakeMsg(std::int32_t handle, HttpServerRecv& msg) {

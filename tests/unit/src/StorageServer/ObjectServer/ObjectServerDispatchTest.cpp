@@ -194,6 +194,9 @@ TEST_F(CObjectServerDispatchTest, AFullLoopEndsARunningUpload) {
     http_.DeliverPiece(handle, &CObjectServer::RecvMsgCallBack, msg, "second piece", false);
     EXPECT_TRUE(IsError(http_.AnswerOf(handle), 500, "ServerInternalError"));
     EXPECT_TRUE(streams.IsStreamAbsent(static_cast<std::uint32_t>(handle)));
+    // A late piece is answered no second time while the loop is still full.
+    http_.DeliverPiece(handle, &CObjectServer::RecvMsgCallBack, msg, "late piece", false);
+    EXPECT_EQ(http_.AnswerOf(handle).attempts, 1);
   }
   // A late piece makes no new stream and no second answer.
   http_.DeliverPiece(handle, &CObjectServer::RecvMsgCallBack, msg, "third piece", true);

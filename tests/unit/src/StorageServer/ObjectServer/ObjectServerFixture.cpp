@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "StorageServer/ServerComm.h"
@@ -205,6 +207,10 @@ int CFakeStorage::Remove(const std::string& location) {
 
 CObjectServerTest::CObjectServerTest() {
   TheWorld();
+  // What the test before left in the loop would count for this one.
+  while (CServerMsgLoop::Instance().GetWorkTaskCount() != 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   storage_.Reset();
   // Listeners that are not open, and a server that takes them to be.
   server_.SetObjectServerEnable(false);
