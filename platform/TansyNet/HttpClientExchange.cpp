@@ -28,7 +28,7 @@ bool CExchange::Run(HttpClient::Error& error) {
   bool complete = kept && RunOn(*connection, error);
   // A server may close a kept connection at the very moment in which it is used again; nothing of the request has then
   // been answered, and a fresh connection shows what the server really has to say.
-  if (!kept || (!complete && closed_by_peer_ && !answer_started_)) {
+  if (!kept || (!complete && closed_unanswered_)) {
     connection = CClientConnection::Open(url, request_.connect_timeout_ms, error);
     complete = connection != nullptr && RunOn(*connection, error);
   }
@@ -41,7 +41,7 @@ bool CExchange::Run(HttpClient::Error& error) {
 bool CExchange::RunOn(CClientConnection& connection, HttpClient::Error& error) {
   CAnswerReader reader(connection, request_.method == "HEAD", WaitTime(request_.receive_timeout_ms));
   error = {};
-  closed_by_peer_ = false;
+  closed_unanswered_ = false;
   const SendState sent = SendRequest(connection, reader, error);
   const HttpClient::Error send_error = error;
   bool complete = false;
@@ -52,12 +52,11 @@ bool CExchange::RunOn(CClientConnection& connection, HttpClient::Error& error) {
     // to send the rest.
     complete = ReadFinalHead(reader, error) && reader.ReadBody(response_, sink_, error);
   }
-  answer_started_ = reader.Started();
-  if (!complete && !answer_started_) {
+  if (!complete && !reader.Started()) {
     if (send_error.kind != HttpClient::kNone) {
       error = send_error;
     }
-    closed_by_peer_ = error.kind != HttpClient::kTimeout && CClientSocket::IsClosedByPeer(error.detail);
+    closed_unanswered_ = error.kind != HttpClient::kTimeout && CClientSocket::IsClosedByPeer(error.detail);
   }
   reusable_ = complete && sent == SendState::kSent && reader.KeepsConnection();
   return complete;

@@ -35,9 +35,9 @@ class CExchange {
   CHttpClientResponse& response_;
   IBodySink& sink_;
   std::string head_;
-  bool answer_started_ = false;  // of the attempt that ran last
-  bool closed_by_peer_ = false;  // how that attempt failed
-  bool reusable_ = false;        // what its connection is good for
+  // Of the attempt that ran last: the peer closed before any byte of an answer; the connection may serve again.
+  bool closed_unanswered_ = false;
+  bool reusable_ = false;
 };
 
 }  // namespace TansyNet::details

@@ -138,7 +138,9 @@ TEST_F(HttpClientAnswerTest, GivesUpOnInterimAnswersWithoutAnEnd) {
 }
 
 TEST_F(HttpClientAnswerTest, SwitchingProtocolsWasNotAskedFor) {
-  EXPECT_EQ(GetRaw("HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\n").error.kind, HttpClient::kBadAnswer);
+  const Outcome got =
+      GetRaw("HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(got.error.kind, HttpClient::kBadAnswer);
 }
 
 TEST_F(HttpClientAnswerTest, GarbageIsABadAnswer) {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "TansyNet/ConnectionPool.h"
 #include "TansyNet/HttpClient.h"
 #include "fakes/ScriptedServer.h"
 
@@ -255,6 +256,7 @@ TEST_P(HttpClientBigTest, ARefusalByAServerThatStopsReadingIsTheAnswer) {
   ASSERT_TRUE(HttpClient().Send(request, &response, &error)) << HttpClient::ErrorText(error);
   EXPECT_EQ(response.status, 403);
   EXPECT_EQ(response.body, "no");
+  EXPECT_EQ(details::CConnectionPool::Instance().IdleCount(), 0U) << "half a request is still in it";
 }
 
 TEST_P(HttpClientBigTest, AnInterimAnswerDoesNotStopTheBody) {

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "TansyNet/ClientTls.h"
 #include "TansyNet/ConnectionPool.h"
 #include "TansyNet/HttpClient.h"
 #include "fakes/ScriptedServer.h"
@@ -109,6 +110,7 @@ TEST_F(HttpClientPoolTest, AConnectionWithMoreThanItsAnswerIsNotKept) {
                                  "Content-Length: 6\r\n\r\nforged"});
   EXPECT_TRUE(Got(server.Url("/")));
   EXPECT_EQ(response_.body, "x");
+  EXPECT_EQ(CConnectionPool::Instance().IdleCount(), 0U);
   EXPECT_TRUE(Got(server.Url("/")));
   EXPECT_EQ(response_.body, "x");
   EXPECT_EQ(server.ConnectionCount(), 2);
@@ -299,6 +301,21 @@ TEST_F(HttpClientPoolTest, TheConnectionUsedLastIsUsedFirst) {
   pool.Give("key", std::move(first));
   pool.Give("key", std::move(second));
   EXPECT_EQ(pool.Take("key").get(), last);
+}
+
+// Also when it comes back to the pool just while the settings change, after the pool was emptied for that.
+TEST_F(HttpClientPoolTest, AConnectionOfOtherTrustSettingsIsNotTaken) {
+  ScriptedServer server;
+  URL url;
+  ASSERT_TRUE(URL::Parse(server.Url("/"), url));
+  HttpClient::Error error;
+  CConnectionPool& pool = CConnectionPool::Instance();
+  auto late = CClientConnection::Open(url, 1000, error);
+  pool.Give("key", CClientConnection::Open(url, 1000, error));
+  details::SetClientTrust({});
+  EXPECT_EQ(pool.Take("key"), nullptr);
+  pool.Give("key", std::move(late));
+  EXPECT_EQ(pool.IdleCount(), 0U);
 }
 
 TEST_F(HttpClientPoolTest, EightThreadsShareThePool) {
