@@ -1,5 +1,6 @@
 #include "PartialFile.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <mutex>

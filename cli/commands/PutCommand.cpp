@@ -6,7 +6,6 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "ModuleClient.h"
-#include "ObjectUrl.h"
 #include "Output.h"
 #include "Parallel.h"
 #include "Progress.h"
@@ -20,6 +19,7 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
+constexpr std::size_t kLongestName = 128;
 constexpr std::uint64_t kLargestPiece = std::uint64_t{32} << 20;  // what servers take in one request
 
 std::uint64_t ParsePieces(const std::string& text) {
@@ -137,6 +137,20 @@ class CPut {
   CProgress progress_;
 };
 
+void CheckName(const std::string& name) {
+  const bool plain = std::all_of(name.begin(), name.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte > 0x20 && byte != 0x7f && byte != '/' && byte != '?' && byte != '#';
+  });
+  if (name.empty() || !plain) {
+    throw CFailure(kExitUsage, "\"" + Printable(name) + "\" cannot be the name of an object",
+                   "names hold no blanks, \"/\", \"?\" and \"#\"");
+  }
+  if (name.size() > kLongestName) {
+    throw CFailure(kExitUsage, "the name has " + std::to_string(name.size()) + " bytes", "names have at most 128");
+  }
+}
+
 void CheckOptions(const CommandCall& call) {
   const std::vector<std::string>& files = call.Arguments("FILE");
   const auto inputs = std::count(files.begin(), files.end(), "-");
@@ -150,12 +164,7 @@ void CheckOptions(const CommandCall& call) {
     ParsePieces(call.Option("--pieces"));
   }
   if (call.Has("--name")) {
-    Settings scratch;
-    scratch.pool = "bucket";
-    if (call.Option("--name").find('/') != std::string::npos) {
-      throw CFailure(kExitUsage, "the name of an object holds no \"/\"", "choose another with --name");
-    }
-    ParseObjectUrl(call.Option("--name"), scratch);
+    CheckName(call.Option("--name"));
   }
 }
 
