@@ -24,7 +24,6 @@ using Tansy::Tests::RawReply;
 using Tansy::Tests::ServerFixture;
 using TansyNet::CHttpServer;
 using TansyNet::HttpResponse;
-using TansyNet::HttpServerRecv;
 
 constexpr std::string_view kGet = "GET / HTTP/1.1\r\n\r\n";
 
@@ -136,15 +135,11 @@ TEST_F(HttpServerAnswer, ComesFromManyThreadsToManyClients) {
   for (int index = 0; index < 4; ++index) {
     workers.emplace_back([&] {
       while (!stop) {
-        if (!HasDelivery()) {
-          std::this_thread::sleep_for(std::chrono::microseconds(100));
-          continue;
-        }
-        try {
-          const Delivery delivery = Take();
+        Delivery delivery;
+        if (TryTake(delivery)) {
           AnswerText(delivery.handle, delivery.message.url);
-        } catch (const std::runtime_error&) {
-          return;  // another worker took it, and no more came
+        } else {
+          std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
       }
     });
@@ -165,7 +160,6 @@ TEST_F(HttpServerAnswer, ComesFromManyThreadsToManyClients) {
     thread.join();
   }
   stop = true;
-  SetHandler([](std::int32_t /*handle*/, HttpServerRecv& /*message*/) {});
   for (std::thread& thread : workers) {
     thread.join();
   }

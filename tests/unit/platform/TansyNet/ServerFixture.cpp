@@ -133,6 +133,17 @@ Delivery ServerFixture::Take() {
   return delivery;
 }
 
+bool ServerFixture::TryTake(Delivery& delivery) {
+  Shared& state = State();
+  const std::scoped_lock lock(state.mutex);
+  if (state.deliveries.empty()) {
+    return false;
+  }
+  delivery = std::move(state.deliveries.front());
+  state.deliveries.pop_front();
+  return true;
+}
+
 bool ServerFixture::HasDelivery() const {
   const std::scoped_lock lock(State().mutex);
   return !State().deliveries.empty();

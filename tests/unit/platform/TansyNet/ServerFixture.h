@@ -53,6 +53,8 @@ class ServerFixture : public ::testing::Test {
 
   // The next delivery that came without a handler; throws after some time without one.
   Delivery Take();
+  // The same without waiting; false when there is none.
+  bool TryTake(Delivery& delivery);
   bool HasDelivery() const;
 
   // The callback that feeds the handler and Take.
