@@ -25,9 +25,11 @@ bool partials_removed = false;        // the process is about to end
   const bool denied = error == std::errc::permission_denied || error == std::errc::operation_not_permitted ||
                       error == std::errc::read_only_file_system;
   const bool full = error == std::errc::no_space_on_device;
-  throw CFailure(denied ? kExitDenied
-                 : full ? kExitNoSpace
-                        : kExitFailed,
+  const bool missing = error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
+  throw CFailure(denied    ? kExitDenied
+                 : full    ? kExitNoSpace
+                 : missing ? kExitNotFound
+                           : kExitFailed,
                  Printable(path) + ": " + error.message(),
                  denied ? "check its permissions"
                  : full ? "make room, or choose another folder"
