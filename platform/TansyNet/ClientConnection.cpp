@@ -42,6 +42,24 @@ int WaitTime(std::uint32_t timeout_ms) {
   return static_cast<int>(std::min<std::uint32_t>(timeout_ms, std::numeric_limits<int>::max()));
 }
 
+int ConnectToAny(CClientSocket& socket, const std::vector<SocketAddress>& addresses, int timeout_ms) {
+  const CTimeLeft left(timeout_ms);
+  int failure = CClientSocket::TimedOut();
+  for (std::size_t i = 0; i < addresses.size(); ++i) {
+    const int rest = left.Get();
+    if (rest == 0) {
+      return CClientSocket::TimedOut();
+    }
+    // A silent address must not use up the time of those after it.
+    const int share = rest < 0 ? rest : std::max(1, rest / static_cast<int>(addresses.size() - i));
+    failure = socket.Connect(addresses[i], share);
+    if (failure == 0) {
+      break;
+    }
+  }
+  return failure;
+}
+
 CClientConnection::CClientConnection() : trust_generation_(ClientTrustGeneration()), buffer_(kMaxHeadBytes) {}
 
 CClientConnection::~CClientConnection() {
@@ -72,21 +90,11 @@ bool CClientConnection::Connect(const URL& url, int timeout_ms, HttpClient::Erro
   if (!ResolveWithin(url.host, url.port, timeout_ms, addresses, error)) {
     return false;
   }
-  int failure = CClientSocket::TimedOut();
-  for (std::size_t i = 0; i < addresses.size(); ++i) {
-    const int rest = left.Get();
-    if (rest == 0) {
-      break;
-    }
-    // A silent address must not use up the time of those after it.
-    const int share = rest < 0 ? rest : std::max(1, rest / static_cast<int>(addresses.size() - i));
-    failure = socket_.Connect(addresses[i], share);
-    if (failure == 0) {
-      return true;
-    }
+  const int failure = ConnectToAny(socket_, addresses, left.Get());
+  if (failure != 0) {
+    error = {failure == CClientSocket::TimedOut() ? HttpClient::kTimeout : HttpClient::kConnect, failure};
   }
-  error = {failure == CClientSocket::TimedOut() ? HttpClient::kTimeout : HttpClient::kConnect, failure};
-  return false;
+  return failure == 0;
 }
 
 IoResult CClientConnection::TryRead(char* data, std::size_t size) {

@@ -22,6 +22,10 @@ inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
 // A time-out in the form that waits take; 0 means without limit.
 int WaitTime(std::uint32_t timeout_ms);
 
+// Connects to the first of the addresses that answers; 0 or the last one's error number. Each of them gets its share of
+// the time (negative: no limit).
+int ConnectToAny(CClientSocket& socket, const std::vector<SocketAddress>& addresses, int timeout_ms);
+
 // One thread at a time.
 class CClientConnection {
  public:

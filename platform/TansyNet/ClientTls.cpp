@@ -43,8 +43,8 @@ struct TlsTransport {
     if (result.status == IoResult::Status::kFailed) {
       owner.write_error_ = result.error;
     }
-    // A failure is reported as "later" too: after a real one the library would refuse to read, and the answer of a
-    // server that refused the rest of a body could not be read any more.
+    // A failure is reported as "later" too: after a real one the library promises nothing about reading, and the answer
+    // of a server that refused the rest of a body must still be read.
     BIO_set_retry_write(bio);
     return 0;
   }

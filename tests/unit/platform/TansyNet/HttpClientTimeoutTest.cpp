@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "TansyNet/ClientConnection.h"
+#include "TansyNet/ClientConnectionSocket.h"
 #include "TansyNet/HttpClient.h"
 #include "fakes/ScriptedServer.h"
 
@@ -25,16 +27,14 @@ using Clock = std::chrono::steady_clock;
 // A port that nobody serves: connections are taken by the system up to `backlog` and never by us.
 class CIdleListener {
  public:
-  explicit CIdleListener(int backlog) : handle_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    void* const plain = &address;
-    EXPECT_EQ(::bind(handle_, static_cast<sockaddr*>(plain), size), 0);
+  explicit CIdleListener(int backlog, int family = AF_INET, std::uint16_t port = 0)
+      : handle_(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    SetPort(family, port);
+    socklen_t size = sizeof address_;
+    EXPECT_EQ(::bind(handle_, Plain(), size), 0);
     EXPECT_EQ(::listen(handle_, backlog), 0);
-    EXPECT_EQ(::getsockname(handle_, static_cast<sockaddr*>(plain), &size), 0);
-    port_ = ntohs(address.sin_port);
+    EXPECT_EQ(::getsockname(handle_, Plain(), &size), 0);
+    port_ = ntohs(address_.v4.sin_port);
   }
   ~CIdleListener() {
     for (const int filler : fillers_) {
@@ -48,13 +48,8 @@ class CIdleListener {
   // Uses the backlog up, so that further connections hang.
   void Fill(int count) {
     for (int i = 0; i < count; ++i) {
-      const int filler = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      address.sin_port = htons(port_);
-      const void* const plain = &address;
-      ::connect(filler, static_cast<const sockaddr*>(plain), sizeof address);
+      const int filler = ::socket(address_.v4.sin_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      ::connect(filler, Plain(), sizeof address_);
       fillers_.push_back(filler);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -64,6 +59,25 @@ class CIdleListener {
   std::string Url(const std::string& scheme) const { return scheme + "://127.0.0.1:" + std::to_string(port_) + "/"; }
 
  private:
+  void SetPort(int family, std::uint16_t port) {
+    if (family == AF_INET6) {
+      address_.v6.sin6_family = AF_INET6;
+      address_.v6.sin6_addr = in6addr_loopback;
+      address_.v6.sin6_port = htons(port);
+    } else {
+      address_.v4.sin_family = AF_INET;
+      address_.v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      address_.v4.sin_port = htons(port);
+    }
+  }
+  sockaddr* Plain() { return &address_.plain; }
+
+  // Family and port lie at the same place in both.
+  union {
+    sockaddr plain;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  } address_{};
   const int handle_;
   std::uint16_t port_ = 0;
   std::vector<int> fillers_;
@@ -146,6 +160,38 @@ TEST_F(HttpClientTimeoutTest, ANameIsLookedUp) {
   request.connect_timeout_ms = 0;
   HttpClient::CloseIdleConnections();
   EXPECT_TRUE(Send(request)) << "without a limit too";
+}
+
+// A name may have several addresses, and not all of them need answer.
+TEST_F(HttpClientTimeoutTest, ASilentAddressLeavesTimeForTheNext) {
+  const ScriptedServer server;
+  CIdleListener silent(0, AF_INET6, server.Port());
+  silent.Fill(8);
+  std::vector<details::SocketAddress> addresses;
+  std::vector<details::SocketAddress> second;
+  ASSERT_EQ(details::ResolveAddresses("::1", server.Port(), addresses), 0);
+  ASSERT_EQ(details::ResolveAddresses("127.0.0.1", server.Port(), second), 0);
+  const details::SocketAddress silent_address = addresses.front();
+  addresses.push_back(second.front());
+
+  details::CClientSocket socket;
+  EXPECT_EQ(details::ConnectToAny(socket, addresses, 1000), 0);
+  addresses.back() = silent_address;
+  EXPECT_EQ(details::ConnectToAny(socket, addresses, 200), details::CClientSocket::TimedOut());
+  EXPECT_NE(details::ConnectToAny(socket, {}, 200), 0);
+}
+
+TEST_F(HttpClientTimeoutTest, ARefusingAddressIsFollowedByTheNextAtOnce) {
+  const ScriptedServer server;
+  std::vector<details::SocketAddress> addresses;
+  std::vector<details::SocketAddress> second;
+  ASSERT_EQ(details::ResolveAddresses("::1", server.Port(), addresses), 0);  // the server is not there
+  ASSERT_EQ(details::ResolveAddresses("127.0.0.1", server.Port(), second), 0);
+  addresses.push_back(second.front());
+  details::CClientSocket socket;
+  EXPECT_EQ(details::ConnectToAny(socket, addresses, -1), 0);
+  addresses.pop_back();
+  EXPECT_EQ(details::ConnectToAny(socket, addresses, -1), ECONNREFUSED);
 }
 
 TEST_F(HttpClientTimeoutTest, ManyThreadsMayLookNamesUpAtOnce) {
