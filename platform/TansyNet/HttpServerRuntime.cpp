@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "TansyNet/HttpServerMemory.h"
 #include "TansyNet/Listener.h"
 #include "TansyNet/ServerConnection.h"
 #include "logging/Logging.h"
@@ -146,6 +147,7 @@ void CServerRuntime::SetLimits(const HttpServerLimits& limits) {
   const std::scoped_lock lock(mutex_);
   limits_ = limits;
   max_connections_.store(limits.connections, std::memory_order_relaxed);
+  CMemoryBudget::Process().SetLimit(limits.body_memory_bytes);
   for (const auto& worker : workers_) {
     worker->SetTick(details::TickFor(limits));
   }

@@ -65,8 +65,9 @@ void CServerWorker::Impl::Run() {
 }
 
 void CServerWorker::Impl::Tick() {
-  // An idle worker sleeps: the clock runs only while there is a connection to watch.
-  ticking = !connections.empty();
+  // An idle worker sleeps: the clock runs only while there is a connection to watch. A tick that was due when the
+  // worker was stopped must not start the next one, or the loop would never end.
+  ticking = !closing && !connections.empty();
   if (!ticking) {
     return;
   }

@@ -157,7 +157,7 @@ class CServerConnection final : public ISocketEvents, public std::enable_shared_
   bool input_is_short_ = false;  // what is in input_ was looked at and is not enough
   CRequestParser parser_;
   CBodyBuffer body_;
-  std::string chunked_body_;
+  CountedBytes chunked_body_;
   std::unique_ptr<Upload> upload_;
   HttpServerRecv request_;
 

@@ -17,25 +17,31 @@ constexpr std::size_t kGrowth = 8;
 }  // namespace
 }  // namespace details
 
-void CBodyBuffer::Start(std::size_t length, std::string storage) {
-  bytes_ = std::move(storage);
+std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes) {
+  const auto holder = std::make_shared<const CountedBytes>(std::move(bytes));
+  return {holder, &holder->bytes};
+}
+
+void CBodyBuffer::Start(std::size_t length, CountedBytes storage) {
+  memory_ = std::move(storage);
   used_ = 0;
   length_ = length;
-  if (bytes_.size() > length) {
-    bytes_.resize(length);
+  if (memory_.bytes.size() > length) {
+    memory_.bytes.resize(length);
   }
 }
 
 std::span<char> CBodyBuffer::Space() {
-  if (used_ == bytes_.size() && used_ < length_) {
+  std::string& bytes = memory_.bytes;
+  if (used_ == bytes.size() && used_ < length_) {
     const std::size_t step = std::clamp(used_, details::kSmallestStep, details::kLargestStep);
     const std::size_t wanted = std::min(length_, used_ + step);
-    if (wanted > bytes_.capacity()) {
-      bytes_.reserve(std::min(length_, std::max(wanted, used_ * details::kGrowth)));
+    if (wanted > bytes.capacity()) {
+      bytes.reserve(std::min(length_, std::max(wanted, used_ * details::kGrowth)));
     }
-    bytes_.resize(wanted);
+    bytes.resize(wanted);
   }
-  return {bytes_.data() + used_, bytes_.size() - used_};
+  return {bytes.data() + used_, bytes.size() - used_};
 }
 
 void CBodyBuffer::Consume(std::string_view& input) {
@@ -48,26 +54,26 @@ void CBodyBuffer::Consume(std::string_view& input) {
   }
 }
 
-std::string CBodyBuffer::Take() {
-  bytes_.resize(used_);
+CountedBytes CBodyBuffer::Take() {
+  memory_.bytes.resize(used_);
   used_ = 0;
   length_ = 0;
-  return std::move(bytes_);
+  return std::exchange(memory_, {});
 }
 
-std::shared_ptr<const std::string> CPieceStore::Share(std::string piece) {
-  auto give_back = [store = weak_from_this()](std::string* text) {
+std::shared_ptr<const std::string> CPieceStore::Share(CountedBytes piece) {
+  auto give_back = [store = weak_from_this()](CountedBytes* bytes) {
     if (const auto target = store.lock()) {
       const std::scoped_lock lock(target->mutex_);
-      target->spare_.swap(*text);
+      std::swap(target->spare_, *bytes);
     }
-    delete text;
+    delete bytes;
   };
-  auto* const text = new std::string(std::move(piece));
-  return {text, std::move(give_back)};
+  const std::shared_ptr<CountedBytes> holder(new CountedBytes(std::move(piece)), std::move(give_back));
+  return {holder, &holder->bytes};
 }
 
-std::string CPieceStore::TakeSpare() {
+CountedBytes CPieceStore::TakeSpare() {
   const std::scoped_lock lock(mutex_);
   return std::exchange(spare_, {});
 }

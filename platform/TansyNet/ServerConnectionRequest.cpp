@@ -12,6 +12,7 @@ namespace {
 
 constexpr int kLengthRequired = 411;
 constexpr int kTooLarge = 413;
+constexpr int kUnavailable = 503;
 constexpr std::string_view kUploadMethod = "PUT";
 constexpr std::string_view kFormMethod = "POST";
 
@@ -60,6 +61,9 @@ CServerConnection::Next CServerConnection::BeginBody(std::string_view input, Loc
   body_.Start(head.content_length);
   body_.Consume(input);
   KeepInput(input);
+  if (!body_.ClaimMemory()) {
+    return Refuse(details::kUnavailable);
+  }
   if (body_.IsComplete()) {
     return Deliver(lock);
   }
@@ -95,6 +99,9 @@ CServerConnection::Next CServerConnection::StepBody(Lock& lock) {
     WaitFor(status);
     return Next::kWait;
   }
+  if (!body_.ClaimMemory()) {
+    return Refuse(details::kUnavailable);
+  }
   SetDeadline(limits_.body_timeout_ms);
   return body_.IsComplete() ? Deliver(lock) : Next::kGoOn;
 }
@@ -109,9 +116,13 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
   // An upload whose length is not known beforehand cannot be delivered in pieces.
   const bool is_upload = request_.method == details::kUploadMethod;
   const std::uint64_t limit = is_upload ? kWholeBodyLimit : limits_.whole_body_bytes;
-  const std::size_t before = chunked_body_.size();
-  const CRequestParser::Progress progress = parser_.ParseChunks(input, chunked_body_, limit);
-  if (chunked_body_.size() > before) {
+  std::string& bytes = chunked_body_.bytes;
+  const std::size_t before = bytes.size();
+  const CRequestParser::Progress progress = parser_.ParseChunks(input, bytes, limit);
+  if (!chunked_body_.share.Resize(bytes.size())) {
+    return Refuse(details::kUnavailable);
+  }
+  if (bytes.size() > before) {
     SetDeadline(limits_.body_timeout_ms);
   }
   switch (progress) {
@@ -126,15 +137,15 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
       break;
   }
   KeepInput(input);
-  request_.content_length = static_cast<std::uint32_t>(chunked_body_.size());
+  request_.content_length = static_cast<std::uint32_t>(bytes.size());
   return Deliver(lock);
 }
 
 CServerConnection::Next CServerConnection::Deliver(Lock& lock) {
-  std::string body = chunked_body_.empty() ? body_.Take() : std::exchange(chunked_body_, {});
-  if (!body.empty()) {
-    request_.body_size = static_cast<std::uint32_t>(body.size());
-    request_.body = std::make_shared<const std::string>(std::move(body));
+  CountedBytes body = chunked_body_.bytes.empty() ? body_.Take() : std::exchange(chunked_body_, {});
+  if (!body.bytes.empty()) {
+    request_.body_size = static_cast<std::uint32_t>(body.bytes.size());
+    request_.body = ShareBytes(std::move(body));
   }
   HttpServerRecv message = std::exchange(request_, {});
   handle_ = CServerRuntime::Instance().Handles().Add(shared_from_this());

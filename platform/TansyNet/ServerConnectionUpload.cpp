@@ -12,6 +12,7 @@ namespace {
 // Of an upload under way there are at most: the piece that is being stored, its receiver's copy, and the piece read
 // ahead. With this size that is half of what an upload may cost, and storages that keep 4 MiB blocks write whole ones.
 constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
+constexpr int kUnavailable = 503;
 static_assert(kPieceBytes <= kWholeBodyLimit);
 
 }  // namespace
@@ -61,6 +62,9 @@ CServerConnection::Next CServerConnection::StepUpload() {
   if (status != IoStatus::kDone) {
     WaitFor(status);
     return Next::kWait;
+  }
+  if (!upload_->filling.ClaimMemory()) {
+    return Refuse(details::kUnavailable);
   }
   SetDeadline(limits_.body_timeout_ms);
   if (upload_->filling.IsComplete()) {

@@ -3,12 +3,18 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "TansyNet/HttpServer.h"
+#include "TansyNet/HttpServerMemory.h"
 #include "TansyNet/ServerConnectionBody.h"
 
 namespace {
 
 using TansyNet::CBodyBuffer;
+using TansyNet::CMemoryBudget;
+using TansyNet::CMemoryShare;
+using TansyNet::CountedBytes;
 using TansyNet::CPieceStore;
 
 TEST(BodyBuffer, CollectsExactlyItsLength) {
@@ -23,7 +29,7 @@ TEST(BodyBuffer, CollectsExactlyItsLength) {
   EXPECT_EQ(input, "fg");
   EXPECT_TRUE(body.IsComplete());
   EXPECT_TRUE(body.Space().empty());
-  EXPECT_EQ(body.Take(), "abcde");
+  EXPECT_EQ(body.Take().bytes, "abcde");
   EXPECT_TRUE(body.IsComplete()) << "it is empty again";
 }
 
@@ -48,39 +54,85 @@ TEST(BodyBuffer, GrowsWithWhatCame) {
     ++steps;
   }
   EXPECT_LT(steps, 200U);
-  EXPECT_EQ(body.Take().size(), kLength);
+  EXPECT_EQ(body.Take().bytes.size(), kLength);
 }
 
 TEST(BodyBuffer, ReusesMemory) {
   CBodyBuffer body;
-  std::string storage(100, 'x');
-  const char* const memory = storage.data();
+  CountedBytes storage{.bytes = std::string(100, 'x'), .share = {}};
+  const char* const memory = storage.bytes.data();
   body.Start(50, std::move(storage));
   EXPECT_EQ(body.Space().size(), 50U);
   EXPECT_EQ(body.Space().data(), memory);
   body.Commit(20);
-  EXPECT_EQ(body.Take(), std::string(20, 'x'));
+  EXPECT_EQ(body.Take().bytes, std::string(20, 'x'));
 }
 
 TEST(PieceStore, GetsMemoryBackWithTheLastOwner) {
   const auto store = std::make_shared<CPieceStore>();
-  EXPECT_EQ(store->TakeSpare(), "");
-  auto piece = store->Share(std::string(1000, 'p'));
+  EXPECT_EQ(store->TakeSpare().bytes, "");
+  auto piece = store->Share({.bytes = std::string(1000, 'p'), .share = {}});
   auto copy = piece;
   const char* const memory = piece->data();
   piece.reset();
-  EXPECT_EQ(store->TakeSpare(), "");
+  EXPECT_EQ(store->TakeSpare().bytes, "");
   copy.reset();
-  const std::string spare = store->TakeSpare();
-  EXPECT_EQ(spare.data(), memory);
-  EXPECT_EQ(store->TakeSpare(), "");
+  const CountedBytes spare = store->TakeSpare();
+  EXPECT_EQ(spare.bytes.data(), memory);
+  EXPECT_EQ(store->TakeSpare().bytes, "");
 }
 
 TEST(PieceStore, MayDieBeforeItsPieces) {
   auto store = std::make_shared<CPieceStore>();
-  const auto piece = store->Share("piece");
+  const auto piece = store->Share({.bytes = "piece", .share = {}});
   store.reset();
   EXPECT_EQ(*piece, "piece");
+}
+
+// Sets the process's limit and puts the usual one back.
+class MemoryBudget : public testing::Test {
+ protected:
+  MemoryBudget() { CMemoryBudget::Process().SetLimit(1000); }
+  ~MemoryBudget() override { CMemoryBudget::Process().SetLimit(TansyNet::HttpServerLimits{}.body_memory_bytes); }
+};
+
+TEST_F(MemoryBudget, IsSharedByAll) {
+  CMemoryShare first;
+  CMemoryShare second;
+  EXPECT_TRUE(first.Resize(600));
+  EXPECT_FALSE(second.Resize(401));
+  EXPECT_TRUE(second.Resize(400));
+  EXPECT_EQ(CMemoryBudget::Process().Used(), 1000U);
+  EXPECT_TRUE(first.Resize(100));
+  EXPECT_EQ(CMemoryBudget::Process().Used(), 500U);
+  EXPECT_FALSE(second.Resize(1001));
+  EXPECT_EQ(CMemoryBudget::Process().Used(), 500U);
+}
+
+TEST_F(MemoryBudget, GetsSharesBack) {
+  {
+    CMemoryShare first;
+    EXPECT_TRUE(first.Resize(300));
+    CMemoryShare moved = std::move(first);
+    CMemoryShare other;
+    EXPECT_TRUE(other.Resize(200));
+    other = std::move(moved);
+    EXPECT_EQ(CMemoryBudget::Process().Used(), 500U);
+  }
+  EXPECT_EQ(CMemoryBudget::Process().Used(), 0U);
+}
+
+TEST_F(MemoryBudget, CountsABodyUntilItsLastOwnerIsGone) {
+  CBodyBuffer body;
+  body.Start(300);
+  const std::string text(300, 'x');
+  std::string_view input = text;
+  body.Consume(input);
+  EXPECT_TRUE(body.ClaimMemory());
+  auto shared = TansyNet::ShareBytes(body.Take());
+  const auto copy = shared;
+  shared.reset();
+  EXPECT_EQ(CMemoryBudget::Process().Used(), 300U);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "TansyNet/HttpServerMemory.h"
 
 namespace {
 
@@ -57,6 +58,7 @@ TEST_F(HttpServerLimit, DefaultsAreThoseOfTheRecord) {
   EXPECT_EQ(limits.unanswered_timeout_ms, 120000U);
   EXPECT_EQ(limits.connections, 10000U);
   EXPECT_EQ(limits.whole_body_bytes, 67108864U);
+  EXPECT_EQ(limits.body_memory_bytes, 2147483648U);
 }
 
 TEST_F(HttpServerLimit, HeaderBytes) {
@@ -221,6 +223,45 @@ TEST_F(HttpServerLimit, CountForConnectionsThatComeLater) {
   CRawClient after(Port());
   EXPECT_TRUE(after.WaitForEnd());
   EXPECT_TRUE(before.IsSilent(10));
+}
+
+TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
+  StartWith({.body_memory_bytes = 3 * kMebibyte});
+  const std::string body(2 * kMebibyte, 'x');
+  const std::string request = "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  CRawClient first(Port());
+  first.Send(request);
+  Delivery kept = Take();
+  CRawClient second(Port());
+  second.TrySend(request);
+  EXPECT_EQ(second.ReadReply().status, 503);
+  EXPECT_TRUE(second.WaitForEnd());
+  CRawClient chunked(Port());
+  chunked.TrySend("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n200000\r\n" + body + "\r\n");
+  EXPECT_EQ(chunked.ReadReply().status, 503);
+  CRawClient small(Port());
+  small.Send("POST / HTTP/1.1\r\nContent-Length: 2\r\n\r\nok");
+  AnswerText(Take().handle, "fine");
+  EXPECT_EQ(small.ReadReply().body, "fine");
+  // The memory is the message's, answered or not, and free again with its last copy.
+  AnswerText(kept.handle, "done");
+  EXPECT_EQ(first.ReadReply().body, "done");
+  EXPECT_EQ(TansyNet::CMemoryBudget::Process().Used(), body.size());
+  kept = {};
+  EXPECT_EQ(TansyNet::CMemoryBudget::Process().Used(), 0U);
+  first.Send(request);
+  AnswerText(Take().handle, "again");
+  EXPECT_EQ(first.ReadReply().body, "again");
+}
+
+TEST_F(HttpServerLimit, BodyMemoryCountsUploadsToo) {
+  StartWith({.body_memory_bytes = 6 * kMebibyte});
+  CRawClient client(Port());
+  client.Send("PUT / HTTP/1.1\r\nContent-Length: 12582912\r\n\r\n" + std::string(5 * kMebibyte, 'x'));
+  const Delivery first = Take();
+  client.TrySend(std::string(3 * kMebibyte, 'x'));
+  EXPECT_EQ(client.ReadReply().status, 503);
+  EXPECT_EQ(AnswerText(first.handle, "late"), TansyNet::kNetUnknownHandle);
 }
 
 TEST_F(HttpServerLimit, ManySilentConnectionsCostLittle) {
