@@ -2,6 +2,7 @@
 #ifndef TANSY_TESTS_FAKES_HELD_LOOP_H
 #define TANSY_TESTS_FAKES_HELD_LOOP_H
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <future>
@@ -27,13 +28,14 @@ inline bool Post(TansyBase::CMessageLoopDyThreadPool& loop, std::function<void()
   return loop.PostTask(new CFunctionTask(std::move(function)));
 }
 
-// Waits until everything that was posted before has been started by a loop of one thread, or, with several threads,
-// until this very task ran. The loop must be running.
-inline void WaitForTurn(TansyBase::CMessageLoopDyThreadPool& loop) {
-  std::promise<void> ran;
-  if (Post(loop, [&ran] { ran.set_value(); })) {
-    ran.get_future().wait();
-  }
+// Waits until a task that is posted now has been run; with a loop of one thread everything posted before has then run
+// too. False when that takes longer than `limit` or the loop is stopped.
+inline bool WaitForTurn(TansyBase::CMessageLoopDyThreadPool& loop,
+                        std::chrono::milliseconds limit = std::chrono::seconds(60)) {
+  // Shared with the task, which may still be about to leave it when the wait is over.
+  const auto ran = std::make_shared<std::promise<void>>();
+  std::future<void> turn = ran->get_future();
+  return Post(loop, [ran] { ran->set_value(); }) && turn.wait_for(limit) == std::future_status::ready;
 }
 
 // Holds `threads` threads of a running loop from its construction, which waits until they are held, to Release or its
