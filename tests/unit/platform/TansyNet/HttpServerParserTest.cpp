@@ -109,8 +109,24 @@ struct BadHead {
   int status;
 };
 
+// The test's name: the text in characters that every tool can show.
 void PrintTo(const BadHead& bad, std::ostream* out) {
-  *out << bad.text;
+  for (const char c : std::string_view(bad.text)) {
+    const bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    switch (c) {
+      case '\r':
+        *out << "-R";
+        break;
+      case '\n':
+        *out << "-N";
+        break;
+      case '\t':
+        *out << "-T";
+        break;
+      default:
+        *out << (plain ? c : '_');
+    }
+  }
 }
 
 class HttpServerParserBadHead : public testing::TestWithParam<BadHead> {};
