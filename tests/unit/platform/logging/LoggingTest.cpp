@@ -237,6 +237,19 @@ TEST_F(RepeatedLines, WithinTheWindowAreHeldBackAndSummedUpByFlush) {
   EXPECT_EQ(log->Lines().size(), 2u);
 }
 
+TEST_F(RepeatedLines, ASinkThatIsReplacedGetsItsSumsFirst) {
+  CLogCapture log;
+  logging::SetRepeatWindow(600000);
+  speaker_.Say("leaving", 8);
+  speaker_.Say("leaving", 8);
+  {
+    const CLogCapture other;
+    EXPECT_TRUE(other->Lines().empty());
+  }
+  ASSERT_EQ(log->Lines().size(), 2u);
+  EXPECT_EQ(log->Lines()[1].repeats, 1u);
+}
+
 TEST_F(RepeatedLines, AChangedLineIsWrittenAfterTheSumOfTheOneBefore) {
   CLogCapture log;
   logging::SetRepeatWindow(600000);
