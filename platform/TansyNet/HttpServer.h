@@ -113,8 +113,8 @@ class CHttpServer {
   using RecvCallback = void (*)(std::int32_t handle, HttpServerRecv& msg);
 
   // Listens on `address` ("0.0.0.0", "::" or any local one; IPv6 listeners are v6-only so that both families share a
-  // port). Port 0 opens nothing and succeeds with handle 0. `reuse_address` allows a port whose last connections still
-  // linger.
+  // port). Port 0 opens nothing and succeeds with handle 0, and so does "::" on a machine without IPv6. `reuse_address`
+  // allows a port whose last connections still linger.
   static int StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
                              RecvCallback callback, bool reuse_address);
   static int StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,

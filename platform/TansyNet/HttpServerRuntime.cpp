@@ -89,6 +89,10 @@ int CServerRuntime::StartListener(std::int32_t& handle, const std::string& addre
   if (result == 0) {
     result = listener->Open(address, port, reuse_address, error);
   }
+  if (result == CListener::kNoIpv6) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]no IPv6 here, %s[%s(%d)]", error.c_str());
+    return 0;
+  }
   if (result != 0) {
     TANSY_LOG(logging::kError, "TansyNet", "[%s]start failed, revalue = %d, %s[%s(%d)]", result, error.c_str());
     SetLastError(std::move(error));

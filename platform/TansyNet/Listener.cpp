@@ -42,7 +42,7 @@ int NetErrorOf(const error_code& error) {
   if (error == asio::error::access_denied) {
     return kNetPermission;
   }
-  if (error == boost::system::errc::address_not_available) {
+  if (error == boost::system::errc::address_not_available || error == asio::error::address_family_not_supported) {
     return kNetAddressInvalid;
   }
   return kNetListenFailed;
@@ -116,7 +116,8 @@ int CListener::Open(const std::string& address, std::uint16_t port, bool reuse_a
   }
   if (problem) {
     error = "listen: " + where + ": " + problem.message();
-    return details::NetErrorOf(problem);
+    const bool no_ipv6 = problem == asio::error::address_family_not_supported && ip == asio::ip::address_v6::any();
+    return no_ipv6 ? kNoIpv6 : details::NetErrorOf(problem);
   }
   Accept();
   return 0;

@@ -25,7 +25,10 @@ class CListener : public std::enable_shared_from_this<CListener> {
   int LoadCertificate(const HttpsServer& tls, std::string& error);
   int ReloadCertificate(std::string& error);
 
-  // Binds and begins to accept. 0 or a NetError with `error` set.
+  // Result of Open for "::" on a machine that has no IPv6: there is no address to listen on, and no client to miss.
+  static constexpr int kNoIpv6 = -1;
+
+  // Binds and begins to accept. 0, kNoIpv6, or a NetError; with `error` set unless it is 0.
   int Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error);
   // The port is free when this returns. Connections live on until their requests are answered.
   void Close();

@@ -36,6 +36,10 @@ bool CServerConnection::IsBusy(Phase phase) {
   return phase >= Phase::kBody && phase <= Phase::kSendingChunks;
 }
 
+bool CServerConnection::IsReading(Phase phase) {
+  return phase >= Phase::kHead && phase <= Phase::kUpload;
+}
+
 void CServerConnection::SetPhase(Phase phase) {
   const bool was_busy = IsBusy(phase_);
   phase_ = phase;
@@ -185,8 +189,20 @@ void CServerConnection::WaitFor(IoStatus status) {
       WatchWritable();
       break;
     default:
+      NoteBrokenOff();
       Close();
       break;
+  }
+}
+
+// Clients that leave between two requests, or after their last answer, do what they may.
+void CServerConnection::NoteBrokenOff() {
+  const char* const ip = transport_.Socket().PeerAddress().c_str();
+  if (phase_ == Phase::kHandshake) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]TLS handshake failed, ip = %s[%s(%d)]", ip);
+  } else if (IsReading(phase_)) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request broken off, handle = %d, ip = %s, url = %s[%s(%d)]", handle_,
+              ip, request_.url.c_str());
   }
 }
 
@@ -217,13 +233,14 @@ void CServerConnection::OnDeadline() {
   if (!IsPastDeadline(SteadyMilliseconds())) {
     return;
   }
-  const bool still_reading = phase_ == Phase::kHead || phase_ == Phase::kBody || phase_ == Phase::kChunks ||
-                             (phase_ == Phase::kUpload && upload_->ready == nullptr);
-  if (still_reading) {
+  const bool waits_for_storage = phase_ == Phase::kUpload && upload_->ready != nullptr;
+  if (IsReading(phase_) && !waits_for_storage) {
     Refuse(kRequestTimeout);
     return;
   }
-  if (IsBusy(phase_)) {
+  if (phase_ == Phase::kHandshake) {
+    NoteBrokenOff();
+  } else if (IsBusy(phase_)) {
     TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request timed out, handle = %d, ip = %s, phase = %d[%s(%d)]", handle_,
               transport_.Socket().PeerAddress().c_str(), static_cast<int>(phase_));
   }
@@ -254,7 +271,6 @@ void CServerConnection::Close() {
   KeepInput({});
   body_ = {};
   chunked_body_ = {};
-  request_ = {};
   output_ = {};
   worker_->Post([self = shared_from_this()] { self->worker_->Forget(self.get()); });
 }

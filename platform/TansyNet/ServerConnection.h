@@ -82,6 +82,7 @@ class CServerConnection final : public ISocketEvents, public std::enable_shared_
   struct PieceToken;
 
   static bool IsBusy(Phase phase);
+  static bool IsReading(Phase phase);
   void SetPhase(Phase phase);
   void SetDeadline(std::int64_t milliseconds);
 
@@ -93,6 +94,7 @@ class CServerConnection final : public ISocketEvents, public std::enable_shared_
   Next StepWhileHandled();
   Next StepDrain();
   void WaitFor(IoStatus status);
+  void NoteBrokenOff();
   void WatchReadable();
   void WatchWritable();
   void ContinueLater();
@@ -159,7 +161,7 @@ class CServerConnection final : public ISocketEvents, public std::enable_shared_
   CBodyBuffer body_;
   CountedBytes chunked_body_;
   std::unique_ptr<Upload> upload_;
-  HttpServerRecv request_;
+  HttpServerRecv request_;  // that is being read; empty before its head is known and after its answer
 
   std::int32_t handle_ = 0;  // of the request that waits for its answer
   bool keep_alive_ = true;

@@ -99,6 +99,7 @@ std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint6
 
 void CServerConnection::ForgetRequest() {
   upload_.reset();
+  request_ = {};
   if (handle_ != 0) {
     CServerRuntime::Instance().Handles().Remove(handle_);
     handle_ = 0;
@@ -107,6 +108,8 @@ void CServerConnection::ForgetRequest() {
 
 // An answer of the library's own, after which the connection ends.
 CServerConnection::Next CServerConnection::Refuse(int status) {
+  TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request refused, status = %d, handle = %d, ip = %s, url = %s[%s(%d)]",
+            status, handle_, transport_.Socket().PeerAddress().c_str(), request_.url.c_str());
   const std::string body = ReasonOf(status);
   keep_alive_ = false;
   const std::string head = TakeHead(LibraryAnswer(status), body.size());

@@ -1,4 +1,5 @@
 // Starting and stopping.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
@@ -6,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -15,6 +17,23 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "fakes/CapturingLogSink.h"
+
+namespace {
+
+std::atomic<bool> g_has_ipv6{true};
+
+}  // namespace
+
+// Used instead of the system's by this program: a machine can be without IPv6 here.
+int socket(int domain, int type, int protocol) noexcept {
+  static const auto system_socket = reinterpret_cast<int (*)(int, int, int)>(dlsym(RTLD_NEXT, "socket"));
+  if (domain == AF_INET6 && !g_has_ipv6) {
+    errno = EAFNOSUPPORT;
+    return -1;
+  }
+  return system_socket(domain, type, protocol);
+}
 
 namespace {
 
@@ -84,6 +103,29 @@ TEST_F(HttpServerListener, OnAnImpossibleAddressSaysSo) {
         << address;
     EXPECT_NE(CHttpServer::LastError(), "") << address;
   }
+}
+
+TEST_F(HttpServerListener, OnAllAddressesOfAMachineWithoutIpv6IsNone) {
+  SetHandler([](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, message.ip); });
+  const Tansy::Tests::CLogCapture log;
+  const std::uint16_t port = FreePort();
+  std::int32_t four = 0;
+  std::int32_t six = 77;
+  g_has_ipv6 = false;
+  EXPECT_EQ(CHttpServer::StartHttpServer(four, "0.0.0.0", port, OnRequest, true), 0);
+  EXPECT_EQ(CHttpServer::StartHttpServer(six, "::", port, OnRequest, true), 0);
+  EXPECT_EQ(six, 0);
+  EXPECT_EQ(CHttpServer::LastError(), "");
+  EXPECT_EQ(log->Count("[%s]no IPv6 here, %s[%s(%d)]", logging::kNotable), 1U);
+  // Whoever names one address wants that one.
+  EXPECT_EQ(CHttpServer::StartHttpServer(six, "::1", port, OnRequest, true), TansyNet::kNetAddressInvalid);
+  EXPECT_NE(CHttpServer::LastError().find("::1 port " + std::to_string(port)), std::string::npos)
+      << CHttpServer::LastError();
+  g_has_ipv6 = true;
+  CRawClient client(port);
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "127.0.0.1");
+  EXPECT_EQ(CHttpServer::StopServer(six), 0);
 }
 
 TEST_F(HttpServerListener, WithoutACallbackIsRefused) {
