@@ -36,6 +36,7 @@ void CFakeHttpServer::Reset() {
   stops_until_failure_ = 0;
   open_nothing_ = false;
   send_error_ = 0;
+  take_chunk_ = nullptr;
   answers_.clear();
 }
 
@@ -70,6 +71,11 @@ void CFakeHttpServer::FailSends(int error, int after) {
   const std::lock_guard lock(mutex_);
   send_error_ = error;
   sends_before_error_ = after;
+}
+
+void CFakeHttpServer::TakeChunks(std::function<void(std::string_view)> take) {
+  const std::lock_guard lock(mutex_);
+  take_chunk_ = std::move(take);
 }
 
 std::int32_t CFakeHttpServer::NewHandle() {
@@ -185,11 +191,12 @@ int CFakeHttpServer::Send(std::int32_t handle, const TansyNet::HttpResponse& res
   ++answer.attempts;
   changed_.notify_all();
   if (answer.attempts > 1) {
-    answer.cut = !answer.chunks.empty() && answer.body.size() < answer.total_size;
+    answer.cut = !answer.chunks.empty() && answer.body_size < answer.total_size;
     return answer.cut ? TansyNet::kNetAlreadyAnswered : TansyNet::kNetUnknownHandle;
   }
   answer.response = response;
   answer.total_size = data.size();
+  answer.body_size = data.size();
   answer.body = data;
   return SendResult();
 }
@@ -207,7 +214,12 @@ int CFakeHttpServer::SendChunk(std::int32_t handle, const TansyNet::HttpResponse
     answer.total_size = total_size;
   }
   answer.chunks.push_back(static_cast<std::uint32_t>(data.size()));
-  answer.body.append(data);
+  answer.body_size += data.size();
+  if (take_chunk_) {
+    take_chunk_(data);
+  } else {
+    answer.body.append(data);
+  }
   changed_.notify_all();
   return 0;
 }

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -39,6 +40,7 @@ struct FakeListener {
 struct FakeAnswer {
   TansyNet::HttpResponse response;
   std::string body;
+  std::uint64_t body_size = 0;        // of all bytes sent, also those that the test took itself
   std::uint64_t total_size = 0;       // as announced in the head
   std::vector<std::uint32_t> chunks;  // sizes of the chunks of a big answer
   int attempts = 0;                   // answers given to this request; one is right
@@ -46,7 +48,7 @@ struct FakeAnswer {
 
   // False when nothing was answered (in time).
   bool IsThere() const { return attempts > 0; }
-  bool IsWhole() const { return IsThere() && !cut && body.size() == total_size; }
+  bool IsWhole() const { return IsThere() && !cut && body_size == total_size; }
 };
 
 // Any thread.
@@ -68,6 +70,9 @@ class CFakeHttpServer {
 
   // Sends fail with `error` (0: they work again) after this many more have succeeded.
   void FailSends(int error, int after = 0);
+
+  // The chunks of big answers go to `take` instead of into the answers' bodies. Null: they are kept again.
+  void TakeChunks(std::function<void(std::string_view chunk)> take);
 
   std::int32_t NewHandle();
   // Hands a whole request to `callback` and returns its handle.
@@ -113,6 +118,7 @@ class CFakeHttpServer {
   bool open_nothing_ = false;
   int send_error_ = 0;
   int sends_before_error_ = 0;
+  std::function<void(std::string_view)> take_chunk_;
   std::map<std::int32_t, FakeAnswer> answers_;
 };
 

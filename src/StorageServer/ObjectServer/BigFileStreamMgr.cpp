@@ -20,6 +20,28 @@ constexpr std::size_t kRememberedEnds = 16384;
 
 }  // namespace
 
+// Counts a piece as under way, from before it waits for its turn until its outcome is known.
+class CBigFileStreamMgr::CPieceUnderWay {
+ public:
+  CPieceUnderWay(CBigFileStreamMgr& streams, std::uint32_t session_id) : streams_(streams), session_id_(session_id) {
+    Count(1);
+  }
+  ~CPieceUnderWay() { Count(-1); }
+  CPieceUnderWay(const CPieceUnderWay&) = delete;
+  CPieceUnderWay& operator=(const CPieceUnderWay&) = delete;
+
+ private:
+  void Count(int change) {
+    const std::lock_guard<std::mutex> lock(streams_.mutex_);
+    if (const auto stream = streams_.streams_.find(session_id_); stream != streams_.streams_.end()) {
+      stream->second.pieces_under_way += change;
+    }
+  }
+
+  CBigFileStreamMgr& streams_;
+  const std::uint32_t session_id_;
+};
+
 CBigFileStreamMgr& CBigFileStreamMgr::Instance() {
   return CSingleton<CBigFileStreamMgr>::Instance();
 }
@@ -63,6 +85,7 @@ bool CBigFileStreamMgr::RemoveStream(std::uint32_t session_id) {
 
 bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size,
                                      const std::string& bucket_name) {
+  const CPieceUnderWay under_way(*this, session_id);
   const std::lock_guard<std::mutex> store_lock(store_mutex_);
   std::unique_lock<std::mutex> lock(mutex_);
   auto stream = streams_.find(session_id);
@@ -97,10 +120,17 @@ bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data,
 bool CBigFileStreamMgr::WaitForChange(std::uint32_t session_id, std::uint64_t seen_size,
                                       std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] {
-    const auto stream = streams_.find(session_id);
+  auto stream = streams_.end();
+  const auto has_changed = [&] {
+    stream = streams_.find(session_id);
     return stream == streams_.end() || stream->second.info.size != seen_size;
-  });
+  };
+  while (!changed_.wait_for(lock, timeout, has_changed)) {
+    if (stream->second.pieces_under_way == 0) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void CBigFileStreamMgr::EndStream(std::uint32_t session_id, StreamEnd end) {

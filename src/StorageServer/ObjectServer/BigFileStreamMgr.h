@@ -47,7 +47,8 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
   // Appends a piece. False when there is no record or the storage refuses.
   bool UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size, const std::string& bucket_name);
 
-  // Waits until the stream holds another number of bytes than `seen_size` or has no record. False after `timeout`.
+  // Waits until the stream holds another number of bytes than `seen_size` or has no record. False after `timeout`, but
+  // not while one of its pieces is with the storage or in line for it: those bytes are here, however long it takes.
   bool WaitForChange(std::uint32_t session_id, std::uint64_t seen_size, std::chrono::milliseconds timeout) const;
 
   // Removes the record and remembers why, so that a piece that comes later is not taken for the first of a new upload.
@@ -61,8 +62,10 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
   CBigFileStreamMgr() = default;
   ~CBigFileStreamMgr() = default;
 
+  class CPieceUnderWay;
   struct Stream {
     ObjectInfo info;
+    int pieces_under_way = 0;  // calls of UploadStream
     bool last_piece_came = false;
     std::time_t last_change = 0;
   };

@@ -51,8 +51,10 @@ bool SaveFile(const std::string& path, const char* data, std::size_t length, con
   }
   // A full disk may show only when the buffered rest is written, at the closing.
   const bool written = std::fwrite(data, 1, length, file.get()) == length;
+  const int write_error = errno;
   if (std::fclose(file.release()) != 0 || !written) {
-    CLOUD_LOG(logging::kError, "[%s]write file failed[%s], error[%d].[%s(%d)]", path.c_str(), errno);
+    const int error = written ? errno : write_error;
+    CLOUD_LOG(logging::kError, "[%s]write file failed[%s], error[%d].[%s(%d)]", path.c_str(), error);
     return false;
   }
   return true;

@@ -30,7 +30,21 @@ CObjectStreamTask::CObjectStreamTask(std::int32_t server_handle, const TansyNet:
   }
 }
 
+CObjectStreamTask::~CObjectStreamTask() {
+  if (executed_) {
+    return;
+  }
+  auto& streams = details::CBigFileStreamMgr::Instance();
+  const auto session_id = static_cast<std::uint32_t>(server_handle_);
+  try {
+    streams.EndStream(session_id, details::StreamEnd::kFailed);
+  } catch (const std::exception&) {
+    streams.RemoveStream(session_id);  // needs no memory
+  }
+}
+
 void CObjectStreamTask::Exec() {
+  executed_ = true;
   CLOUD_LOG(logging::kTrace, "[%s]handle object stream task[%s], size[%d].[%s(%d)]", url_.c_str(), size_);
   if (size_ == 0) {
     return;
@@ -41,12 +55,15 @@ void CObjectStreamTask::Exec() {
     CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask invalid url[%s].[%s(%d)]", url_.c_str());
     return;
   }
-  if (!CObjectStorageManager::Instance().IsBucketExist(bucket)) {
-    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]", bucket.c_str());
-    return;
-  }
   const auto session_id = static_cast<std::uint32_t>(server_handle_);
   auto& streams = details::CBigFileStreamMgr::Instance();
+  if (!CObjectStorageManager::Instance().IsBucketExist(bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]", bucket.c_str());
+    // A bucket of that name may come back before the last piece: the pieces after the gap must not be stored in its
+    // place, nor a handler wait for bytes that were dropped.
+    streams.EndStream(session_id, details::StreamEnd::kFailed);
+    return;
+  }
   if (!streams.UploadStream(session_id, data_->data(), size_, bucket)) {
     streams.EndStream(session_id, details::StreamEnd::kFailed);
     CLOUD_LOG(logging::kError, "[%s]UploadStream failed[%d], bucket_name[%s], url[%s], size[%d].[%s(%d)]", session_id,

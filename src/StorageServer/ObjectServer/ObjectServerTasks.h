@@ -27,6 +27,8 @@ class CObjectMsgTask : public TansyBase::CTask {
 class CObjectStreamTask : public TansyBase::CTask {
  public:
   CObjectStreamTask(std::int32_t server_handle, const TansyNet::HttpServerRecv& msg);
+  // A piece that was dropped unstored, by a loop that stops, ends its stream too.
+  ~CObjectStreamTask() override;
   void Exec() override;
 
  private:
@@ -34,6 +36,7 @@ class CObjectStreamTask : public TansyBase::CTask {
   std::uint32_t size_ = 0;
   std::int32_t server_handle_;
   std::string url_;
+  bool executed_ = false;
   // Held until the piece is stored: the HTTP library delivers the next piece only then.
   std::shared_ptr<const void> token_;
 };

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -94,6 +95,59 @@ TEST_F(CObjectServerStreamMgrTest, WaitingEndsWithTheChange) {
   auto gone = std::async(std::launch::async, [this] { return streams_.WaitForChange(id_, 3, milliseconds(10000)); });
   streams_.EndStream(id_, StreamEnd::kFailed);
   EXPECT_TRUE(gone.get());
+}
+
+TEST_F(CObjectServerStreamMgrTest, NoRoundEndsWhileAPieceIsWithTheStorage) {
+  ASSERT_TRUE(streams_.RegisterStream(id_));
+  std::promise<void> entered;
+  std::promise<void> release;
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    entered.set_value();
+    release.get_future().wait();
+  });
+  auto stored = std::async(std::launch::async, [this] { return streams_.UploadStream(id_, "abc", 3, "b"); });
+  entered.get_future().wait();
+  auto waited = std::async(std::launch::async, [this] { return streams_.WaitForChange(id_, 0, milliseconds(1)); });
+  EXPECT_EQ(waited.wait_for(milliseconds(100)), std::future_status::timeout);
+  release.set_value();
+  EXPECT_TRUE(waited.get());
+  EXPECT_TRUE(stored.get());
+  storage_.SetHook(nullptr);
+  EXPECT_FALSE(streams_.WaitForChange(id_, 3, milliseconds(1)));
+}
+
+TEST_F(CObjectServerStreamMgrTest, APieceInLineBehindOthersCountsAsUnderWay) {
+  const auto other = static_cast<std::uint32_t>(http_.NewHandle());
+  ASSERT_TRUE(streams_.RegisterStream(id_));
+  ASSERT_TRUE(streams_.RegisterStream(other));
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::atomic<int> calls{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++calls == 1) {
+      entered.set_value();
+      release.get_future().wait();
+    }
+  });
+  auto first = std::async(std::launch::async, [&] { return streams_.UploadStream(other, "abc", 3, "b"); });
+  entered.get_future().wait();
+  EXPECT_FALSE(streams_.WaitForChange(id_, 0, milliseconds(1)));  // nothing of it has come
+  std::atomic<bool> asked{false};
+  auto second = std::async(std::launch::async, [&] {
+    asked = true;
+    return streams_.UploadStream(id_, "de", 2, "b");
+  });
+  while (!asked) {
+    std::this_thread::yield();
+  }
+  std::this_thread::sleep_for(milliseconds(50));
+  auto waited = std::async(std::launch::async, [this] { return streams_.WaitForChange(id_, 0, milliseconds(1)); });
+  EXPECT_EQ(waited.wait_for(milliseconds(100)), std::future_status::timeout);
+  release.set_value();
+  EXPECT_TRUE(waited.get());
+  EXPECT_TRUE(first.get());
+  EXPECT_TRUE(second.get());
+  streams_.RemoveStream(other);
 }
 
 TEST_F(CObjectServerStreamMgrTest, TheWayAStreamEndedIsRemembered) {

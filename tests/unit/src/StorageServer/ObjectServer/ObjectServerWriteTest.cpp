@@ -32,6 +32,7 @@ constexpr std::size_t kWholeLimit = 10485760;
 constexpr const char* kInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
 constexpr const char* kNoBucket = "[%s]bucket name not exist[%s].[%s(%d)]";
 constexpr const char* kKeyTooLong = "[%s]object key is too long, objectkey[%s].[%s(%d)]";
+constexpr const char* kUploadFailed = "[%s]upload failed[%s].[%s(%d)]";
 constexpr const char* kFinished = "[%s]recv object finished, session id[%d], size[%d:%d], url[%s].[%s(%d)]";
 constexpr const char* kNoStream = "[%s]get stream info failed[%d].[%s(%d)]";
 constexpr const char* kGaveUp = "[%s]recv msg failed[%d:%d], session id:%d.[%s(%d)]";
@@ -96,6 +97,7 @@ TEST_F(CObjectServerWriteTest, ChecksInTheirOrder) {
               StartsWith("[Tansy::CloudStorage::CObjectServer::HandleUploadObject]bucket name not exist[none].["));
   EXPECT_TRUE(IsError(SendMessage(Message({"PUT", Path(long_key), "", "x", {}})), 400, "KeyTooLong"));
   EXPECT_EQ(log_->Count(kKeyTooLong, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kKeyTooLong), HasSubstr("object key is too long, objectkey[" + long_key + "].["));
   EXPECT_TRUE(IsError(SendMessage(Message({"PUT", Path("k"), "", "x", {}})), 403, "AccessDenied"));
   EXPECT_TRUE(storage_.Calls("save").empty());
 }
@@ -112,7 +114,8 @@ TEST_F(CObjectServerWriteTest, StorageResults) {
   EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "ServerInternalError"));
   storage_.SetResult("save", -1);
   EXPECT_TRUE(IsError(Put(Path("k"), "x"), 500, "ServerInternalError"));
-  EXPECT_EQ(log_->Count("[%s]upload failed[%s].[%s(%d)]", logging::kError), 3u);
+  EXPECT_EQ(log_->Count(kUploadFailed, logging::kError), 3u);
+  EXPECT_THAT(log_->Text(kUploadFailed), HasSubstr("HandleUploadObject]upload failed[k].["));
   ObjectInfo object;
   EXPECT_FALSE(IsStored("k", object));
 }
@@ -350,8 +353,51 @@ TEST_F(CObjectServerWriteTest, ABucketThatVanishesInTheMiddle) {
   });
   EXPECT_TRUE(IsError(StreamSigned("k", Pattern(11 * kMiB), std::vector<std::size_t>(11, kMiB)), 404, "NoSuchBucket"));
   EXPECT_EQ(calls, 2);
-  EXPECT_EQ(log_->Count(kPieceNoBucket, logging::kError), 9u);
+  EXPECT_THAT(log_->Text(kPieceNoBucket),
+              HasSubstr("CObjectStreamTask::Exec]CObjectStreamTask bucket name not exist[" + bucket_ + "].["));
+  EXPECT_EQ(log_->Count(kPieceNoBucket, logging::kError), 1u);
+  EXPECT_EQ(delivered_, 4u) << "the piece after the one without a bucket is the last";
   EXPECT_TRUE(HasNoStream());
+}
+
+TEST_F(CObjectServerWriteTest, ABucketThatComesBackInTheMiddleDoesNotCloseTheGap) {
+  handle_ = http_.NewHandle();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = 11 * kMiB;
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(kMiB), false);
+  CloudStorage::BucketInfo bucket;
+  ASSERT_TRUE(catalogue_.GetBucketByName(bucket, bucket_));
+  ASSERT_TRUE(catalogue_.RemoveBucket(bucket.id));
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(kMiB), false);
+  ASSERT_TRUE(catalogue_.AddBucket(bucket));
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(9 * kMiB), true);
+  // At once: there is nothing to wait for.
+  EXPECT_TRUE(IsError(http_.WaitForAnswer(handle_, 5000), 500, "ServerInternalError"));
+  EXPECT_EQ(storage_.Calls("stream").size(), 1u);
+  ObjectInfo object;
+  EXPECT_FALSE(IsStored("k", object));
+}
+
+TEST_F(CObjectServerWriteTest, WhatWasGivenUpCountsForALaterRequestOfTheSameHandle) {
+  handle_ = http_.NewHandle();
+  const auto stream_id = static_cast<std::uint32_t>(handle_);
+  ASSERT_TRUE(streams_.RegisterStream(stream_id));
+  ASSERT_TRUE(streams_.UploadStream(stream_id, "left", 4, bucket_));
+  ObjectInfo left;
+  ASSERT_TRUE(streams_.GetStreamInfo(left, stream_id));
+
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = kWholeLimit + 1;
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(kWholeLimit - 3), true);
+  EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle_), ""));
+  const auto calls = storage_.Calls("stream");
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[1].offset, 4u);
+  EXPECT_EQ(calls[1].location, "pool_name:" + bucket_ + ";" + left.url);
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_EQ(object.size, kWholeLimit + 1);
+  EXPECT_EQ(storage_.Bytes(object.url), "left" + Pattern(kWholeLimit - 3));
 }
 
 TEST_F(CObjectServerWriteTest, BytesThatNeverComeAreGivenUp) {
@@ -365,6 +411,7 @@ TEST_F(CObjectServerWriteTest, BytesThatNeverComeAreGivenUp) {
   const auto waited = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(waited, std::chrono::milliseconds(101 * 200));
   EXPECT_LT(waited, std::chrono::milliseconds(101 * 200 + 4000));
+  EXPECT_EQ(log_->Count(kGaveUp, logging::kError), 1u);
   EXPECT_THAT(log_->Text(kGaveUp), HasSubstr("recv msg failed[101:100], session id:" + std::to_string(handle_) + "."));
   // The record stays, and the bytes count for whoever asks with the same id.
   ObjectInfo stream;
@@ -402,8 +449,11 @@ TEST_F(CObjectServerWriteTest, AStoredPieceCutsTheRoundShort) {
 TEST_F(CObjectServerWriteTest, AWholeBodyThatDeclaresMoreHasNoStream) {
   TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "x", {}});
   msg.content_length = kWholeLimit + 1;
-  EXPECT_TRUE(IsError(SendMessage(msg), 500, "ServerInternalError"));
+  handle_ = http_.Deliver(&CObjectServer::RecvMsgCallBack, msg);
+  EXPECT_TRUE(IsError(http_.WaitForAnswer(handle_), 500, "ServerInternalError"));
   EXPECT_EQ(log_->Count(kNoStream, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kNoStream),
+              HasSubstr("HandleUploadObject]get stream info failed[" + std::to_string(handle_) + "].["));
 }
 
 TEST_F(CObjectServerWriteTest, PathsOfAnotherShape) {
@@ -414,10 +464,12 @@ TEST_F(CObjectServerWriteTest, PathsOfAnotherShape) {
   EXPECT_EQ(server_.HandleUploadObject(handle, Signed({"PUT", "/bucket/a/b", "", "x", {}})), 0);
   EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
   EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kInvalidUrl), HasSubstr("HandleUploadObject]invalid url[/bucket/a/b].["));
 
   CloudStorage::CObjectStreamTask(handle, Message({"PUT", "/bucket/a/b", "", "x", {}})).Exec();
   EXPECT_THAT(log_->Text("[%s]CObjectStreamTask invalid url[%s].[%s(%d)]"),
               HasSubstr("CObjectStreamTask::Exec]CObjectStreamTask invalid url[/bucket/a/b].["));
+  EXPECT_EQ(log_->Count("[%s]CObjectStreamTask invalid url[%s].[%s(%d)]", logging::kError), 1u);
   EXPECT_TRUE(storage_.Calls("stream").empty());
 }
 
