@@ -2,6 +2,7 @@
 #include <string_view>
 
 #include "StorageServer/ObjectServer/ObjectServer.h"
+#include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/Encrypt.h"
 
@@ -10,86 +11,37 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-using TansyNet::Headers;
-using TansyNet::HttpServerRecv;
-
-constexpr std::string_view kExtensionHeader = "x-qvs";
 constexpr std::string_view kTokenParameter = "&token=";
 
-const std::string& HeaderOrEmpty(const Headers& headers, const std::string& name) {
-  static const std::string empty;
-  const auto header = headers.find(name);
-  return header != headers.end() ? header->second : empty;
-}
-
-// "quorvane ak:signature" taken apart.
-struct Authorization {
-  std::string ak;
-  std::string signature;
-};
-
-bool ParseAuthorization(Authorization& authorization, const std::string& value, const Caller& caller) {
-  const std::size_t colon = value.find(':');
-  if (colon == std::string::npos) {
-    CLOUD_LOG_FOR(caller, logging::kError, "[%s]http header Authorization invalid 1! Authorization=%s[%s(%d)]",
-                  value.c_str());
-    return false;
+bool TakeAuthorization(Authorization& authorization, const std::string& value, const Caller& caller) {
+  switch (ParseAuthorization(authorization, value)) {
+    case AuthorizationForm::kNoColon:
+      CLOUD_LOG_FOR(caller, logging::kError, "[%s]http header Authorization invalid 1! Authorization=%s[%s(%d)]",
+                    value.c_str());
+      return false;
+    case AuthorizationForm::kNoScheme:
+      CLOUD_LOG_FOR(caller, logging::kError,
+                    "[%s]http header Authorization invalid 2! Authorization=%s gauth_prefix=%s[%s(%d)]", value.c_str(),
+                    AuthPrefix().c_str());
+      return false;
+    case AuthorizationForm::kValid:
+      break;
   }
-  const std::string& prefix = AuthPrefix();
-  const std::size_t word = value.find(prefix);
-  const std::size_t blank = word + prefix.size();
-  if (word == std::string::npos || blank >= value.size() || value[blank] != ' ' || colon < blank) {
-    CLOUD_LOG_FOR(caller, logging::kError,
-                  "[%s]http header Authorization invalid 2! Authorization=%s gauth_prefix=%s[%s(%d)]", value.c_str(),
-                  prefix.c_str());
-    return false;
-  }
-  authorization.ak = value.substr(blank + 1, colon - blank - 1);
-  authorization.signature = value.substr(colon + 1);
   return true;
 }
 
-// The lines of the extension headers in the order of their names; one empty line when there are none.
-void AppendExtensionHeaders(std::string& text, const Headers& headers) {
-  bool found = false;
-  for (const auto& [name, value] : headers) {
-    if (name.find(kExtensionHeader) != std::string::npos) {
-      text.append(value).append("\n");
-      found = true;
-    }
-  }
-  if (!found) {
-    text.append("\n");
-  }
-}
-
-std::string HeaderSignText(const HttpServerRecv& request) {
-  const Headers& headers = request.headers;
-  const bool standard_md5 = headers.contains("Content-MD5");
-  std::string text = request.method;
-  text.append("\n").append(HeaderOrEmpty(headers, standard_md5 ? "Content-MD5" : "Content-Md5"));
-  text.append("\n").append(HeaderOrEmpty(headers, "Content-Type"));
-  text.append("\n").append(HeaderOrEmpty(headers, "Date"));
-  text.append("\n");
-  AppendExtensionHeaders(text, headers);
-  text.append(request.url);
-  if (!request.query.empty()) {
-    text.append("?").append(request.query);
-  }
-  return text;
-}
-
-// A token is the Base64 of an Authorization value. Anything else is taken for the signature itself and does not match.
-std::string TokenSignature(const std::string& token) {
+// A token is the Base64 of an Authorization value. False for anything else, a bare signature too.
+bool TakeTokenSignature(std::string& signature, const std::string& token) {
   std::string decoded;
   if (!TansyBase::Encrypt::Base64Decode(token, decoded)) {
-    return token;
+    return false;
   }
   const std::size_t colon = decoded.find(':');
   if (colon == std::string::npos || decoded.find(AuthPrefix()) == std::string::npos) {
-    return token;
+    return false;
   }
-  return decoded.substr(colon + 1);
+  signature = decoded.substr(colon + 1);
+  return true;
 }
 
 }  // namespace
@@ -112,8 +64,8 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
     CLOUD_LOG(logging::kError, "[%s]http header without Authorization![%s(%d)]");
     return kAccessDenied;
   }
-  details::Authorization authorization;
-  if (!details::ParseAuthorization(authorization, header->second, OBJECT_SERVER_CALLER)) {
+  Authorization authorization;
+  if (!details::TakeAuthorization(authorization, header->second, OBJECT_SERVER_CALLER)) {
     return kAccessDenied;
   }
   if (authorization.ak != config.ak) {
@@ -121,7 +73,8 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
               authorization.ak.c_str());
     return kAccessDenied;
   }
-  const std::string sign_text = details::HeaderSignText(request);
+  const std::string sign_text = BuildSignText(request, HeaderOrEmpty(request.headers, "Content-Type"),
+                                              HeaderOrEmpty(request.headers, "Date"), request.query);
   if (!CheckHMACResult(sign_text, config.sk, authorization.signature)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               header->second.c_str(), sign_text.c_str(), config.sk.c_str());
@@ -146,7 +99,8 @@ int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& con
   }
   std::string sign_text = request.method + "\n\n\n\n\n" + request.url + "?";
   sign_text.append(request.query, 0, token_begin);
-  if (!CheckHMACResult(sign_text, config.sk, details::TokenSignature(token->second))) {
+  std::string signature;
+  if (!details::TakeTokenSignature(signature, token->second) || !CheckHMACResult(sign_text, config.sk, signature)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               token->second.c_str(), sign_text.c_str(), config.sk.c_str());
     return kAccessDenied;

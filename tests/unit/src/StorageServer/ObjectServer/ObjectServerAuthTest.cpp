@@ -129,6 +129,7 @@ TEST_F(CObjectServerAuthTest, TheSchemeWordMayStandAnywhere) {
 
 TEST_F(CObjectServerAuthTest, WrongKeysAndSignatures) {
   EXPECT_EQ(server_.CheckAuth(Request("quorvane other:" + Hmac("GET\n\n\n\n\n/b/k"))), -1);
+  EXPECT_EQ(log_->Count(kWrongAk, logging::kError), 1u);
   EXPECT_THAT(log_->Text(kWrongAk), HasSubstr("server=access-key, recv=other["));
   EXPECT_EQ(server_.CheckAuth(Request("quorvane  access-key:" + Hmac("GET\n\n\n\n\n/b/k"))), -1);
   EXPECT_THAT(log_->Text(kWrongAk), HasSubstr("server=access-key, recv= access-key["));
@@ -157,12 +158,42 @@ TEST_F(CObjectServerAuthTest, ATokenThatComesFirstIsRefused) {
   EXPECT_EQ(log_->Count(kTokenNotBehind, logging::kError), 1u);
 }
 
-TEST_F(CObjectServerAuthTest, ATokenWithoutTheSchemeWordIsTakenForTheSignature) {
+TEST_F(CObjectServerAuthTest, ATokenWithoutTheSchemeWordIsRefused) {
   const std::string signature = Hmac("GET\n\n\n\n\n/b/k?a=1");
   const std::string token = Escaped(Token("access-key:" + signature));
   EXPECT_EQ(server_.CheckAuth(TokenRequest("a=1&token=" + token)), -1);
   EXPECT_EQ(log_->Count(kWrongSignature, logging::kError), 1u);
+  const std::string value = Token("access-key:" + signature);
+  EXPECT_THAT(
+      log_->Text(kWrongSignature),
+      HasSubstr("CObjectServer::CheckUrlAuth]CheckHMACResult failed! Authorization=" + value + " sign_str=GET"));
+  EXPECT_THAT(log_->Text(kWrongSignature), HasSubstr("/b/k?a=1 server_sk=secret-key["));
   EXPECT_EQ(log_->Count(kNoHeader, logging::kError), 1u);
+  EXPECT_EQ(log_->Lines().back().format, kNoHeader) << "the header is looked at last";
+}
+
+TEST_F(CObjectServerAuthTest, AGoodTokenIsEnoughWhateverTheHeaderSays) {
+  const std::string token = Escaped(Token("quorvane access-key:" + Hmac("GET\n\n\n\n\n/b/k?a=1")));
+  TansyNet::HttpServerRecv msg = TokenRequest("a=1&token=" + token);
+  msg.headers["Authorization"] = "nonsense";
+  EXPECT_EQ(server_.CheckAuth(msg), 0);
+  EXPECT_EQ(log_->Lines().size(), 0u);
+}
+
+TEST_F(CObjectServerAuthTest, ATokenIsNeverTheBareSignature) {
+  const std::string signature = Hmac("GET\n\n\n\n\n/b/k?a=1");
+  for (const std::string& token : {signature, "!" + signature, Token(signature), Token("quorvane " + signature)}) {
+    log_->Clear();
+    EXPECT_EQ(server_.CheckUrlAuth(TokenRequest("a=1&token=" + Escaped(token))), -1) << token;
+    EXPECT_THAT(log_->Text(kWrongSignature), HasSubstr("Authorization=" + token + " sign_str=GET"));
+  }
+}
+
+TEST_F(CObjectServerAuthTest, TheDateIsNotComparedWithTheClock) {
+  for (const char* date : {"Thu,  1 Jan 1970 00:00:00 GMT", "Fri, 31 Dec 2199 23:59:59 GMT", "never"}) {
+    const std::string text = std::string("GET\n\n\n") + date + "\n\n/b/k";
+    EXPECT_EQ(server_.CheckAuth(Request("quorvane access-key:" + Hmac(text), {{"Date", date}})), 0) << date;
+  }
 }
 
 TEST_F(CObjectServerAuthTest, AWrongTokenDoesNotHurtAGoodHeader) {
