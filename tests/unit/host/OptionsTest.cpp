@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <iterator>
+
 #include "CommandLine.h"
 #include "StartFailure.h"
 
@@ -36,6 +38,36 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
   EXPECT_EQ(options.storage, "file:objects");
   EXPECT_TRUE(options.full_durability);
   EXPECT_EQ(options.log_level, 3);
+  EXPECT_EQ(options.config, "");
+  EXPECT_EQ(options.local_ip, "");
+  EXPECT_EQ(options.wan_ip, "");
+  EXPECT_EQ(options.wan_object_port, 0);
+  EXPECT_EQ(options.wan_picture_port, 0);
+  EXPECT_EQ(options.wan_object_https_port, 0);
+  EXPECT_EQ(options.wan_picture_https_port, 0);
+  EXPECT_EQ(options.log_file, "");
+  const std::pair<const char*, const char*> shown[] = {{"data", "./tansy-data"},
+                                                       {"config", "tansyd.toml in the data folder"},
+                                                       {"object-port", "9700"},
+                                                       {"object-https-port", "9743"},
+                                                       {"picture-port", "9701"},
+                                                       {"picture-https-port", "9744"},
+                                                       {"local-ip", "else 127.0.0.1"},
+                                                       {"wan-ip", "none"},
+                                                       {"wan-object-port", "0"},
+                                                       {"wan-picture-port", "0"},
+                                                       {"wan-object-https-port", "0"},
+                                                       {"wan-picture-https-port", "0"},
+                                                       {"database", "sqlite:catalogue.db"},
+                                                       {"storage", "file:objects"},
+                                                       {"durability", "full"},
+                                                       {"log-level", "3"},
+                                                       {"log-file", "standard error"}};
+  ASSERT_EQ(OptionTable().size(), std::size(shown));
+  for (std::size_t i = 0; i < std::size(shown); ++i) {
+    EXPECT_STREQ(OptionTable()[i].name, shown[i].first);
+    EXPECT_THAT(OptionTable()[i].help, testing::EndsWith(std::string(shown[i].second) + "]"));
+  }
 }
 
 TEST(OptionsTest, PortsAreWholeNumbersInTheirRange) {

@@ -66,12 +66,16 @@ TEST_F(CObjectServerBucketsTest, ChecksInTheirOrder) {
   EXPECT_TRUE(IsError(SendMessage(Message({"PUT", "/" + bucket, "", "no xml", {}})), 403, "AccessDenied"));
   EXPECT_TRUE(IsError(Put("/" + bucket, "no xml"), 409, "BucketAlreadyExists"));
   EXPECT_THAT(log_->Text(kExists), HasSubstr("HandleCreateBucket]bucket already exist[" + bucket + "]."));
+  EXPECT_EQ(log_->Count(kExists, logging::kError), 1u);
   EXPECT_EQ(log_->Count(kParseFailed), 0u);
 
   EXPECT_TRUE(IsError(Put("/fresh", "no xml"), 400, "InvalidXmlContent"));
   EXPECT_THAT(log_->Text(kParseFailed), HasSubstr("parse add bucket msg error[no xml]["));
   EXPECT_THAT(log_->Text(kInvalidXml), HasSubstr("invalid xml content[no xml]."));
+  EXPECT_EQ(log_->Count(kParseFailed, logging::kError), 1u);
+  EXPECT_EQ(log_->Count(kInvalidXml, logging::kError), 1u);
   EXPECT_TRUE(IsError(Put("/fresh", ""), 400, "InvalidXmlContent"));
+  EXPECT_EQ(log_->Count(kInvalidXml, logging::kError), 2u);
   Database().FailStatementsWith("INSERT INTO platform.local_bucket");
   EXPECT_TRUE(IsError(Put("/fresh", "<CreateBucketConfiguration/>"), 500, "ServerInternalError"));
   EXPECT_EQ(log_->Count(kAddFailed, logging::kError), 1u);

@@ -7,6 +7,7 @@
 
 #include "ObjectServerFixture.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/ObjectServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
 #include "fakes/HeldLoop.h"
 
@@ -202,6 +203,22 @@ TEST_F(CObjectServerDispatchTest, AFullLoopEndsARunningUpload) {
   http_.DeliverPiece(handle, &CObjectServer::RecvMsgCallBack, msg, "third piece", true);
   EXPECT_TRUE(streams.IsStreamAbsent(static_cast<std::uint32_t>(handle)));
   EXPECT_EQ(http_.AnswerOf(handle).attempts, 1);
+}
+
+// A loop that stops drops what waits in it. A handler must not go on waiting for a piece that went this way.
+TEST_F(CObjectServerDispatchTest, ADroppedPieceEndsItsUpload) {
+  const std::string bucket = NewBucket();
+  auto& streams = CloudStorage::details::CBigFileStreamMgr::Instance();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", "/" + bucket + "/k", "", "piece", {}});
+  msg.content_length = 100 << 20;
+  const std::int32_t handle = http_.NewHandle();
+  const auto id = static_cast<std::uint32_t>(handle);
+  ASSERT_TRUE(streams.RegisterStream(id));
+  http_.DeliverAs(handle, &CObjectServer::RecvMsgCallBack, msg);
+  EXPECT_FALSE(http_.WaitForAnswer(handle, 50).IsThere()) << "waits for its bytes, for more than a minute";
+  { const CloudStorage::CObjectStreamTask dropped(handle, msg); }
+  EXPECT_TRUE(IsError(http_.WaitForAnswer(handle), 500, "ServerInternalError"));
+  EXPECT_EQ(streams.EndOf(id), CloudStorage::details::StreamEnd::kFailed);
 }
 
 TEST_F(CObjectServerDispatchTest, AnAnswerThatCannotBeSentIsLogged) {

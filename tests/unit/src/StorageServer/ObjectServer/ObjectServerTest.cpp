@@ -9,6 +9,27 @@
 
 #include "OSAL/Osal.h"
 #include "ObjectServerFixture.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
+
+namespace {
+
+// What the address formatting was asked for; an address that ends in this byte has no text.
+constexpr unsigned char kNoText = 99;
+std::atomic<int> g_family{0};
+std::atomic<std::size_t> g_buffer_size{0};
+
+}  // namespace
+
+// Used instead of the library's by this program.
+int OSAL_InetNtop(int family, const void* address, char* buffer, std::size_t buffer_size) {
+  g_family = family;
+  g_buffer_size = buffer_size;
+  if (static_cast<const unsigned char*>(address)[15] == kNoText) {
+    return 0;
+  }
+  return inet_ntop(AF_INET6, address, buffer, static_cast<socklen_t>(buffer_size)) != nullptr ? 1 : 0;
+}
 
 namespace Tansy::Tests {
 namespace {
@@ -97,6 +118,41 @@ TEST_F(CObjectServerLifecycleTest, DifferentPortsAreRefusedAfterBothListenersAre
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].level, logging::kError);
   EXPECT_NE(lines[0].text.find("download port[8081] and upload port[8080]"), std::string::npos) << lines[0].text;
+}
+
+TEST_F(CObjectServerLifecycleTest, ACatalogueThatDoesNotLoadDoesNotKeepTheServerFromStarting) {
+  Database().FailStatementsWith("local_bucket");
+  EXPECT_EQ(server_.Init(PlainConfig()), 0);
+  Database().Heal();
+  EXPECT_GE(log_->Count("[%s]Init failed, query bucket failed.[%s(%d)]", logging::kError), 1u);
+  EXPECT_THAT(http_.Calls(), ElementsAre("start 0.0.0.0:9700", "start [::]:9700"));
+}
+
+std::atomic<int> g_streamed{0};
+int CountStreamed(const char*, std::uint32_t, std::uint32_t, std::string& location) {
+  ++g_streamed;
+  location = "somewhere";
+  return 0;
+}
+
+TEST_F(CObjectServerLifecycleTest, TheLastStepsAreTheCleanerAndTheStreamCallback) {
+  auto& streams = CloudStorage::details::CBigFileStreamMgr::Instance();
+  const auto id = static_cast<std::uint32_t>(http_.NewHandle());
+  ASSERT_TRUE(streams.RegisterStream(id));
+  StorageServerConfig config = PlainConfig();
+  config.stream_save = &CountStreamed;
+  // A start that fails does not get that far.
+  config.upload_port = 1;
+  EXPECT_EQ(server_.Init(config), -1);
+  EXPECT_TRUE(streams.UploadStream(id, "x", 1, "b"));
+  EXPECT_EQ(g_streamed, 0);
+  config.upload_port = config.download_port;
+  EXPECT_EQ(server_.Init(config), 0);
+  EXPECT_TRUE(streams.UploadStream(id, "x", 1, "b"));
+  EXPECT_EQ(g_streamed, 1);
+  EXPECT_FALSE(CloudStorage::CCleanExpiredTaskThread::Instance().Start(3600000)) << "it runs";
+  streams.RemoveStream(id);
+  server_.Init(Config());  // the storage of the other tests
 }
 
 TEST_F(CObjectServerLifecycleTest, EnableRightAfterInitSaysAlreadyStarted) {
@@ -232,6 +288,21 @@ TEST_F(CObjectServerLifecycleTest, AdapterAddressesLeaveOutLoopbackAndTunnels) {
   EXPECT_THAT(addresses.ipv4, ElementsAre("10.0.0.8", "10.0.0.9"));
   EXPECT_THAT(addresses.ipv6, ElementsAre("fe80::8"));
   EXPECT_EQ(log_->Count("[%s]adapter type[%d] is not support[%s(%d)]", logging::kNotable), 2u);
+  EXPECT_NE(log_->Lines().front().text.find("]adapter type[24] is not support["), std::string::npos);
+  EXPECT_EQ(g_family, 23);
+  EXPECT_EQ(g_buffer_size, 130u);
+}
+
+TEST_F(CObjectServerLifecycleTest, AnAddressWithoutATextIsLeftOut) {
+  const AdapterGuard guard([](OSAL_AdapterInfo** adapters) {
+    *adapters = MakeAdapter(6, nullptr, "fe80::63", MakeAdapter(6, "10.0.0.9", "fe80::9", nullptr));  // 0x63 is kNoText
+    return 0;
+  });
+  AdapterAddresses addresses;
+  EXPECT_TRUE(CloudStorage::CObjectServer::GetAdapterInfo(addresses));
+  EXPECT_THAT(addresses.ipv4, ElementsAre("10.0.0.9"));
+  EXPECT_THAT(addresses.ipv6, ElementsAre("fe80::9"));
+  EXPECT_EQ(log_->Count("[%s]OSAL_InetNtop error![%s(%d)]", logging::kError), 1u);
 }
 
 TEST_F(CObjectServerLifecycleTest, AtMostSeventeenAdaptersAreLookedAt) {
@@ -256,7 +327,9 @@ TEST_F(CObjectServerLifecycleTest, AdaptersThatTheSystemDoesNotTell) {
   });
   AdapterAddresses addresses;
   EXPECT_FALSE(CloudStorage::CObjectServer::GetAdapterInfo(addresses));
-  EXPECT_NE(log_->Text("[%s]OSAL_GetAdapterInfo failed. Error code[%d].[%s(%d)]").find("code[111]"), std::string::npos);
+  constexpr const char* kFailed = "[%s]OSAL_GetAdapterInfo failed. Error code[%d].[%s(%d)]";
+  EXPECT_NE(log_->Text(kFailed).find("code[111]"), std::string::npos);
+  EXPECT_EQ(log_->Count(kFailed, logging::kError), 1u);
 }
 
 TEST_F(CObjectServerLifecycleTest, UpdatesWhileRequestsReadTheFields) {
