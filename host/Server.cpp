@@ -32,7 +32,9 @@ namespace {
 constexpr const char* kModule = "platform";
 constexpr const char* kSettingsFile = "tansyd.toml";
 constexpr std::uint32_t kRepeatWindowMs = 1000;
-constexpr std::uint32_t kDrainMs = 20000;
+// For requests that are under way when the stop signal comes. Whoever sent it waits for as long as one client stalls,
+// and service managers kill after some ten seconds.
+constexpr std::uint32_t kDrainMs = 5000;
 constexpr std::uint32_t kHousekeepingPeriodMs = 60000;
 
 std::string FolderOf(const std::string& path) {

@@ -36,6 +36,14 @@ class BadInputTest : public TansydTest {
     }
     return connection->IsClosedByServer(milliseconds(1)) ? 0 : -1;
   }
+  // Log lines are written a moment later than the answer.
+  void ExpectLogged(const std::string& words) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (server_.GetLog().find(words) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+    EXPECT_THAT(server_.GetLog(), testing::HasSubstr(words));
+  }
   std::string SignedBytes(const Request& request) { return Serialize(Signed(request), server_.GetObjectPort()); }
 };
 
@@ -66,6 +74,7 @@ TEST_F(BadInputTest, WhatIsNoRequestGetsA4xxOrAClosedConnection) {
     EXPECT_TRUE(reply.status == 0 || reply.status / 100 == 4 || reply.status == 505) << row << " " << reply.status;
     EXPECT_TRUE(connection->IsClosedByServer(seconds(30))) << row;
   }
+  ExpectLogged("request refused, status = 400, handle = 0, ip = 127.0.0.1");
 }
 
 TEST_F(BadInputTest, HeadersThatAreTooLargeAreRefused) {
@@ -77,6 +86,7 @@ TEST_F(BadInputTest, HeadersThatAreTooLargeAreRefused) {
     many += "X-" + std::to_string(i) + ": y\r\n";
   }
   EXPECT_THAT(StatusOf(many + "\r\n"), AnyOf(431, 400));
+  ExpectLogged("request refused, status = 431");
 }
 
 TEST_F(BadInputTest, DeclaredLengthsBeyond32BitsAreRefusedBeforeTheBody) {
@@ -86,6 +96,20 @@ TEST_F(BadInputTest, DeclaredLengthsBeyond32BitsAreRefusedBeforeTheBody) {
         << length;
   }
   EXPECT_EQ(StatusOf("PUT /b/x HTTP/1.1\r\nHost: a\r\nContent-Length: 4294967296\r\n\r\n"), 413);
+  ExpectLogged("request refused, status = 413");
+}
+
+TEST_F(BadInputTest, BodiesShorterThanDeclaredStoreNothing) {
+  for (const char* length : {"100", "20000000"}) {
+    const auto connection = CConnection::Open(server_.GetObjectPort());
+    ASSERT_NE(connection, nullptr);
+    connection->Send(SignedBytes({"PUT", "/b/short", {{"Content-Length", length}}, ""}) + "only this");
+    connection->FinishSending();
+    EXPECT_EQ(connection->Receive(seconds(30)).status, 0);
+    EXPECT_TRUE(connection->IsClosedByServer(seconds(30)));
+  }
+  EXPECT_EQ(Outcome(Send("GET", "/b/short")), "404 NoSuchKey");
+  ExpectLogged("request broken off, handle = 0, ip = 127.0.0.1, url = /b/short");
 }
 
 TEST_F(BadInputTest, WholeBodiesHaveACap) {
@@ -96,10 +120,24 @@ TEST_F(BadInputTest, WrongMethodsAndRoutes) {
   for (const char* method : {"OPTIONS", "TRACE", "PATCH", "PROPFIND", "BREW", "get"}) {
     EXPECT_THAT(StatusOf(SignedBytes({method, "/b/o", {}, ""})), AnyOf(400, 405, 501)) << method;
   }
-  for (const char* target : {"//", "/b//o", "/b/o/", "/b/../o", "/b/o?%", "/b/o?%zz=%", "/b/o?=&=&&&", "/b/o?a=%00"}) {
-    const int status = StatusOf(SignedBytes({"GET", target, {}, ""}));
-    EXPECT_THAT(status, AnyOf(200, 400, 403, 404)) << target;
+  for (const char* target : {"//", "/b//o", "/b/o/", "/b/../o", "/b", "/b?bestnode", "/b?%"}) {
+    EXPECT_EQ(Outcome(Send("GET", target)), "400 URLNotSupport") << target;
   }
+  ExpectLogged("<Code>URLNotSupport</Code>");
+}
+
+TEST_F(BadInputTest, EscapesThatAreNone) {
+  // A path is never decoded: these are keys and buckets like any other, and nobody has made them.
+  for (const char* target : {"/b/%", "/b/%4", "/b/%zz", "/b/%00", "/b/%2F", "/b/o%", "/b/%%%"}) {
+    EXPECT_EQ(Outcome(Send("GET", target)), "404 NoSuchKey") << target;
+  }
+  EXPECT_EQ(Outcome(Send("GET", "/%zz/o")), "404 NoSuchBucket");
+  ExpectLogged("bucket name not exist[%zz]");
+  for (const char* target :
+       {"/b/o?%", "/b/o?%zz=%", "/b/o?=&=&&&", "/b/o?a=%00", "/b/o?%4", "/b/o?a=%&b=%1", "/b/o?%FF=%fe"}) {
+    EXPECT_EQ(Get(target), "0123456789") << target;
+  }
+  EXPECT_EQ(Outcome(Send("POST", "/b/o?upload_id=%zz&part_number=%", "x")), "400 InvalidHttpContent");
 }
 
 TEST_F(BadInputTest, AuthorizationValuesOfEveryBrokenShape) {

@@ -56,9 +56,13 @@ TEST_F(TlsTest, PlainHttpOnATlsPortAndSilenceAreClosed) {
   const auto silent = CConnection::Open(server_.GetObjectHttpsPort());
   ASSERT_NE(plain, nullptr);
   plain->Send("GET / HTTP/1.1\r\nHost: a\r\n\r\n");
+  EXPECT_EQ(plain->Receive(std::chrono::seconds(30)).status, 400);
   EXPECT_TRUE(plain->IsClosedByServer(std::chrono::seconds(30)));
   EXPECT_EQ(Outcome(Send("GET", "/", "", {}, Tls())), "200");
   EXPECT_TRUE(silent->IsClosedByServer(std::chrono::seconds(40)));
+  EXPECT_TRUE(server_.Stop());
+  EXPECT_THAT(server_.GetLog(), testing::HasSubstr("request refused, status = 400, handle = 0, ip = 127.0.0.1"));
+  EXPECT_THAT(server_.GetLog(), testing::HasSubstr("TLS handshake failed, ip = 127.0.0.1"));
 }
 
 TEST_F(TlsTest, AReplacedCertificateIsTakenUpWithoutDroppingConnections) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <random>
 #include <stdexcept>
 
@@ -48,12 +49,12 @@ bool IsFree(std::uint16_t port) {
     return false;
   }
   const int ipv6 = Bind(AF_INET6, port);
+  const bool has_ipv6 = ipv6 >= 0 || errno != EAFNOSUPPORT;
   ::close(ipv4);
-  if (ipv6 < 0) {
-    return false;
+  if (ipv6 >= 0) {
+    ::close(ipv6);
   }
-  ::close(ipv6);
-  return true;
+  return ipv6 >= 0 || !has_ipv6;
 }
 
 }  // namespace

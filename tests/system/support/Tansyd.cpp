@@ -2,14 +2,20 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +33,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kSmallDiskMissing = 97;  // exit code of a child that could not get one
+constexpr int kFilterMissing = 96;
 constexpr int kStartTries = 5;
 
 std::string ReadFile(const std::string& path) {
@@ -57,6 +64,21 @@ bool MountSmallDisk(const std::string& path, std::uint64_t bytes) {
   const std::string options = "size=" + std::to_string(bytes);
   return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          ::mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()) == 0;
+}
+
+// Lets every socket of that family fail in this process and its children, as the kernel does that does not know it.
+bool ForbidIpv6() {
+  sock_filter steps[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_INET6, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program = {.len = std::size(steps), .filter = steps};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
 }
 
 std::vector<std::string> EnvironmentOf(const Launch& launch) {
@@ -120,7 +142,7 @@ std::string CTansyd::GetErrors() const {
 }
 
 std::vector<std::string> CTansyd::Arguments(const Launch& launch) const {
-  std::vector<std::string> arguments = {TANSYD_PATH};
+  std::vector<std::string> arguments = {launch.program.empty() ? TANSYD_PATH : launch.program};
   if (launch.with_data) {
     arguments.insert(arguments.end(), {"--data", Data(), "--log-file", folder_ + "/" + name_ + ".log"});
   }
@@ -159,6 +181,9 @@ void CTansyd::Spawn(const Launch& launch) {
     ::dup2(error_file, STDERR_FILENO);
     if (!launch.small_disk.empty() && !MountSmallDisk(small_disk, launch.small_disk_bytes)) {
       ::_exit(kSmallDiskMissing);
+    }
+    if (launch.without_ipv6 && !ForbidIpv6()) {
+      ::_exit(kFilterMissing);
     }
     if (::chdir(start_folder.c_str()) == 0) {
       ::execve(argument_pointers[0], argument_pointers.data(), variable_pointers.data());
@@ -216,7 +241,7 @@ bool CTansyd::Start(const Launch& launch) {
     }
     const Ended ended = pid_ > 0 ? WaitForEnd(std::chrono::seconds(0)) : Ended{};
     const std::string errors = GetErrors().substr(errors_before);
-    if (is_small_disk_missing_) {
+    if (is_small_disk_missing_ || is_filter_missing_) {
       return false;
     }
     if (launch.with_ports && errors.find("in use") != std::string::npos && errors.find("port") != std::string::npos) {
@@ -260,6 +285,7 @@ Ended CTansyd::WaitForEnd(std::chrono::seconds patience) {
       ended = EndedOf(status);
       ended.out = out_;
       is_small_disk_missing_ = ended.code == kSmallDiskMissing;
+      is_filter_missing_ = ended.code == kFilterMissing;
       return ended;
     }
     ReadOutput(std::chrono::milliseconds(10));

@@ -28,9 +28,11 @@ struct Launch {
   bool with_https = false;
   bool with_keys = true;  // in the environment
   std::map<std::string, std::string> environment;
+  std::string program;     // empty: tansyd
   std::string folder;      // that it is started in; empty: the data folder's parent
   std::string small_disk;  // below the data folder: a file system of its own, in memory
   std::uint64_t small_disk_bytes = 0;
+  bool without_ipv6 = false;  // as on a machine whose kernel has none
 };
 
 struct Ended {
@@ -64,6 +66,8 @@ class CTansyd {
 
   // The small disk of a Launch cannot be had on this machine.
   bool IsSmallDiskMissing() const { return is_small_disk_missing_; }
+  // Nor can a kernel be made to look as if it had no IPv6.
+  bool IsFilterMissing() const { return is_filter_missing_; }
 
   const std::string& GetReadyLine() const { return ready_line_; }
   std::string GetLog() const;     // of all runs, as far as written
@@ -92,6 +96,7 @@ class CTansyd {
   std::string out_;
   std::string ready_line_;
   bool is_small_disk_missing_ = false;
+  bool is_filter_missing_ = false;
 };
 
 // A script of the project's scripts folder.
