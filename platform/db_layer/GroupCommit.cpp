@@ -1,5 +1,8 @@
 #include "db_layer/GroupCommit.h"
 
+#include <sqlite3.h>
+
+#include <new>
 #include <utility>
 
 namespace db_layer {
@@ -22,13 +25,7 @@ void CGroupCommit::Run(SqlWrite& write) {
   std::vector<Waiter*> group;
   group.swap(waiting_);
   lock.unlock();
-  std::vector<SqlWrite*> batch;
-  batch.reserve(group.size());
-  for (const Waiter* waiter : group) {
-    batch.push_back(waiter->write);
-  }
-  executor_(batch);
-
+  Execute(group);
   lock.lock();
   for (Waiter* waiter : group) {
     // Under the lock: a waiter that sees `done` ends its life on its own stack.
@@ -42,6 +39,24 @@ void CGroupCommit::Run(SqlWrite& write) {
   // The leader's own caller has waited long enough; the next batch is the first waiter's.
   waiting_.front()->leads = true;
   waiting_.front()->wake.notify_one();
+}
+
+// Memory that runs out half-way must not leave the others waiting for ever for a leader that is gone.
+void CGroupCommit::Execute(const std::vector<Waiter*>& group) {
+  try {
+    std::vector<SqlWrite*> batch;
+    batch.reserve(group.size());
+    for (const Waiter* waiter : group) {
+      batch.push_back(waiter->write);
+    }
+    executor_(batch);
+  } catch (const std::bad_alloc&) {
+    for (const Waiter* waiter : group) {
+      waiter->write->succeeded = false;
+      waiter->write->error.code = SQLITE_NOMEM;
+      waiter->write->error.text = "out of memory";
+    }
+  }
 }
 
 std::size_t CGroupCommit::CountWaiting() const {

@@ -25,6 +25,7 @@ struct SqlWrite {
 class CGroupCommit {
  public:
   // Carries out a batch and fills in `succeeded` and `error` of each; called by one thread at a time, without a lock.
+  // Throws nothing but std::bad_alloc, with which the whole batch has failed.
   using Executor = std::function<void(const std::vector<SqlWrite*>& batch)>;
 
   explicit CGroupCommit(Executor executor);
@@ -42,6 +43,8 @@ class CGroupCommit {
     bool leads = false;
     std::condition_variable wake;
   };
+
+  void Execute(const std::vector<Waiter*>& group);
 
   const Executor executor_;
   mutable std::mutex mutex_;

@@ -120,6 +120,10 @@ bool CSqliteWriter::Reopen(SqlError& error) {
 // False when the transaction was lost on the way; `writes` is then what has to run again.
 bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
   SqlError error;
+  if (handle_->IsInTransaction()) {
+    // Left behind when memory ran out in the middle of a batch; that batch has failed.
+    handle_->RunOwn("ROLLBACK", error);
+  }
   if (!handle_->RunOwn("BEGIN IMMEDIATE", error)) {
     details::FailAll(writes, error);
     return true;

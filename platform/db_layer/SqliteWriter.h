@@ -30,7 +30,7 @@ class CSqliteWriter {
   // does not recover from a failure.
   bool EnsureOpen(SqlError& error);
   // Commits the batch in one transaction, a savepoint for each write: a refused write fails alone. When the commit
-  // fails, all fail and nothing is applied.
+  // fails, all fail and nothing is applied. The same goes for std::bad_alloc, the only thing that is thrown.
   void RunBatch(const std::vector<SqlWrite*>& batch);
   // Changes when the file is opened again: other connections should be too. Any thread.
   int Generation() const { return generation_; }

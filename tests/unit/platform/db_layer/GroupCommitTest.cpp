@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <future>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -93,6 +94,47 @@ TEST(GroupCommitTest, EachCallerGetsItsOwnOutcome) {
     thread.join();
   }
   EXPECT_EQ(wrong, 0);
+}
+
+// Whoever waits is told, and the next to come is served.
+TEST(GroupCommitTest, MemoryThatRunsOutFailsTheBatchAndHoldsNobodyUp) {
+  constexpr std::size_t kLate = 3;
+  std::promise<void> first_runs;
+  std::promise<void> go_on;
+  int batches = 0;
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    if (++batches == 1) {
+      first_runs.set_value();
+      go_on.get_future().wait();
+    }
+    SucceedAll(batch);
+    if (batches <= 2) {
+      throw std::bad_alloc();
+    }
+  });
+  std::vector<SqlWrite> writes(1 + kLate);
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] { group.Run(writes[0]); });
+  first_runs.get_future().wait();
+  for (std::size_t i = 1; i <= kLate; ++i) {
+    threads.emplace_back([&, i] { group.Run(writes[i]); });
+  }
+  while (group.CountWaiting() < kLate) {
+    std::this_thread::yield();
+  }
+  go_on.set_value();
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(batches, 2);
+  for (const auto& write : writes) {
+    EXPECT_FALSE(write.succeeded);
+    EXPECT_EQ(write.error.code, 7) << "SQLITE_NOMEM";
+    EXPECT_EQ(write.error.text, "out of memory");
+  }
+  SqlWrite next;
+  group.Run(next);
+  EXPECT_TRUE(next.succeeded);
 }
 
 TEST(GroupCommitTest, OneBatchAtATime) {

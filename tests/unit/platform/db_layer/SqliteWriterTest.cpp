@@ -1,0 +1,52 @@
+#include "db_layer/SqliteWriter.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "SqliteFixture.h"
+
+namespace db_layer {
+namespace {
+
+// Runs out of memory in the middle of a transaction, when it is told to.
+class CExhaustedSequences : public IWriterSequences {
+ public:
+  bool NextValue(const std::string&, std::int64_t&, SqlError&) override { return false; }
+  void UseTransactionOf(CSqliteHandle* handle) override {
+    if (handle != nullptr && until_exhausted_ > 0 && --until_exhausted_ == 0) {
+      throw std::bad_alloc();
+    }
+  }
+  void Forget() override {}
+
+  int until_exhausted_ = 0;
+};
+
+using SqliteWriterTest = CSqliteFixture;
+
+TEST_F(SqliteWriterTest, ABatchThatMemoryEndsIsUndoneByTheNext) {
+  MakeSchema();
+  CExhaustedSequences sequences;
+  CSqliteWriter writer(path_, SqliteOptions{}, sequences);
+  const auto insert = [](int id) {
+    return std::vector<std::string>{"INSERT INTO platform.item (id, name) VALUES (" + std::to_string(id) + ", 'n')"};
+  };
+  const std::vector<std::vector<std::string>> statements = {insert(1), insert(2), insert(3)};
+  std::vector<SqlWrite> writes(3);
+  for (std::size_t i = 0; i < writes.size(); ++i) {
+    writes[i].statements = &statements[i];
+  }
+  sequences.until_exhausted_ = 2;
+  EXPECT_THROW(writer.RunBatch({&writes[0], &writes[1]}), std::bad_alloc);
+  EXPECT_EQ(Count(*connection_, "platform.item"), 0);
+  writer.RunBatch({&writes[2]});
+  EXPECT_TRUE(writes[2].succeeded) << writes[2].error.text;
+  EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item", "id"), "3");
+}
+
+}  // namespace
+}  // namespace db_layer
