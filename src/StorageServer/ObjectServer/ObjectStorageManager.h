@@ -1,6 +1,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_STORAGE_MANAGER_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_STORAGE_MANAGER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -83,6 +84,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool LoadBuckets();
   bool LoadObjects();
   bool LoadTasks();
+  void DropPartSizesOfEndedTasks();
 
   CKeyLocks<8> bucket_locks_;
   CKeyLocks<32> object_locks_;
@@ -96,8 +98,10 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   std::mutex task_mutex_;
   std::map<std::string, TaskPartSet> tasks_;
 
+  static constexpr std::size_t kPartSizesToSpare = 1024;
   std::mutex part_size_mutex_;
   std::map<std::string, PartSizeInfo> part_sizes_;
+  std::size_t drop_part_sizes_at_ = kPartSizesToSpare;  // so many of them are looked through for ended tasks
 };
 
 }  // namespace Tansy::CloudStorage

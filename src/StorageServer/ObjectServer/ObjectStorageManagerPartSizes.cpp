@@ -1,5 +1,7 @@
 // What the catalogue knows of the part sizes of multipart uploads; in memory only.
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 
@@ -63,6 +65,31 @@ bool CObjectStorageManager::GetFirstPartInfo(const std::string& task_id, PartSiz
 bool CObjectStorageManager::RemovePartSizeInfo(const std::string& task_id) {
   const std::lock_guard<std::mutex> lock(part_size_mutex_);
   return part_sizes_.erase(task_id) != 0;
+}
+
+// The sweep takes tasks away and leaves their part sizes, so that a late part is still told from one of a task that
+// nobody ever heard of. They must not pile up for ever: whenever there are twice as many as were needed, and some to
+// spare, those without a task go. An upload id is never used again, so what is found without a task stays without one.
+void CObjectStorageManager::DropPartSizesOfEndedTasks() {
+  std::vector<std::string> ids;
+  {
+    const std::lock_guard<std::mutex> lock(part_size_mutex_);
+    if (part_sizes_.size() < drop_part_sizes_at_) {
+      return;
+    }
+    for (const auto& [task_id, info] : part_sizes_) {
+      ids.push_back(task_id);
+    }
+  }
+  {
+    const std::lock_guard<std::mutex> lock(task_mutex_);
+    std::erase_if(ids, [this](const std::string& task_id) { return tasks_.contains(task_id); });
+  }
+  const std::lock_guard<std::mutex> lock(part_size_mutex_);
+  for (const std::string& task_id : ids) {
+    part_sizes_.erase(task_id);
+  }
+  drop_part_sizes_at_ = 2 * part_sizes_.size() + kPartSizesToSpare;
 }
 
 }  // namespace Tansy::CloudStorage

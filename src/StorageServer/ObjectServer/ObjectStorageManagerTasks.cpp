@@ -25,12 +25,15 @@ bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
     CLOUD_LOG(logging::kError, "[%s]AddObjectTask failed, db operate failed.[%s(%d)]");
     return false;
   }
-  const std::lock_guard<std::mutex> lock(task_mutex_);
-  if (tasks_.contains(task.task_id)) {
-    CLOUD_LOG(logging::kError, "[%s]AddObjectTask failed, task[%s] already exist.[%s(%d)]", task.task_id.c_str());
-    return false;
+  {
+    const std::lock_guard<std::mutex> lock(task_mutex_);
+    if (tasks_.contains(task.task_id)) {
+      CLOUD_LOG(logging::kError, "[%s]AddObjectTask failed, task[%s] already exist.[%s(%d)]", task.task_id.c_str());
+      return false;
+    }
+    tasks_.emplace(task.task_id, TaskPartSet{task});
   }
-  tasks_.emplace(task.task_id, TaskPartSet{task});
+  DropPartSizesOfEndedTasks();
   return true;
 }
 

@@ -231,6 +231,32 @@ TEST_F(ObjectStorageManagerTasks, TellTheTimeOfTheLowestPart) {
                        {"kept", "as it was"}, {"task-1", "2026-11-03 08:00:03"}, {"task-2", "as it was"}}));
 }
 
+// Tasks that are swept away leave their part sizes behind, and may be a hundred thousand in a year.
+TEST_F(ObjectStorageManagerTasks, ForgetThePartSizesOfTasksThatEndedLongAgo) {
+  constexpr int kTasks = 5000;
+  const auto first_part = [this](const std::string& task_id) {
+    std::uint32_t part_size = 0;
+    EXPECT_TRUE(manager_.CheckPartSize(task_id, 1, 100, part_size));
+  };
+  MakeTask("living");
+  first_part("living");
+  PartSizeInfo info;
+  for (int i = 0; i < kTasks; ++i) {
+    const std::string task_id = "ended-" + std::to_string(i);
+    MakeTask(task_id);
+    first_part(task_id);
+    ASSERT_TRUE(manager_.RemoveObjectTask(task_id));
+    ASSERT_TRUE(manager_.GetFirstPartInfo(task_id, info)) << "a late part finds it for a while";
+  }
+  int left = 0;
+  for (int i = 0; i < kTasks; ++i) {
+    left += manager_.RemovePartSizeInfo("ended-" + std::to_string(i)) ? 1 : 0;
+  }
+  EXPECT_GT(left, 0);
+  EXPECT_LE(left, 1100);
+  EXPECT_TRUE(manager_.RemovePartSizeInfo("living"));
+}
+
 TEST_F(ObjectStorageManagerTasks, TakePartsFromManyThreadsAtOnce) {
   MakeTask("task");
   std::atomic<int> failures{0};
