@@ -1,83 +1,59 @@
 // Multipart uploads against a real server, restarts and crashes in the middle included.
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <functional>
+#include <numeric>
 #include <random>
 #include <thread>
 
-#include "support/TansydTest.h"
+#include "support/MultipartFixture.h"
 
 namespace system_tests {
 namespace {
 
-using testing::HasSubstr;
-
-class MultipartTest : public TansydTest {
+class MultipartTest : public MultipartFixture {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server_.Start());
     MakeBucket("b");
   }
-  std::string Begin(const std::string& key) {
-    const Reply reply = Send("POST", "/b/" + key + "?uploads");
-    EXPECT_EQ(Outcome(reply), "200");
-    return XmlValue(reply.body, "UploadId");
-  }
-  std::string SendPart(const std::string& key, const std::string& task, int number, const std::string& bytes) {
-    return Outcome(Send("POST", "/b/" + key + "?upload_id=" + task + "&part_number=" + std::to_string(number), bytes));
-  }
-  static std::string Completion(const std::vector<std::string>& parts) {
-    std::string xml = "<CompleteMultipartUpload><TotalPartNum>" + std::to_string(parts.size()) + "</TotalPartNum>";
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-      xml += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><PartSize>" +
-             std::to_string(parts[i].size()) + "</PartSize></Part>";
-    }
-    return xml + "</CompleteMultipartUpload>";
-  }
-  std::string Complete(const std::string& key, const std::string& task, const std::vector<std::string>& parts) {
-    return Outcome(Send("POST", "/b/" + key + "?upload_id=" + task, Completion(parts)));
-  }
-  static std::vector<std::string> Parts(std::size_t count, std::size_t size, std::size_t last, std::uint64_t seed) {
-    std::vector<std::string> parts;
-    for (std::size_t i = 0; i < count; ++i) {
-      parts.push_back(RandomBytes(i + 1 == count ? last : size, seed * 100 + i));
-    }
-    return parts;
-  }
-  static std::string Joined(const std::vector<std::string>& parts) {
-    std::string whole;
-    for (const std::string& part : parts) {
-      whole += part;
-    }
-    return whole;
-  }
-  std::size_t FirstPartFiles() {
-    const std::filesystem::path folder = server_.Data("localstoragetmp");
-    return std::filesystem::exists(folder)
-               ? static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}))
-               : 0;
-  }
+  // Shows what a failure comes from.
+  static unsigned NewSeed() { return std::random_device()(); }
 };
 
+// The parts of `model` in random order, some of them several times and the last time with the bytes of the model.
+void SendAtRandom(std::vector<std::string>& model, std::mt19937& random,
+                  const std::function<void(std::size_t, const std::string&)>& send) {
+  std::vector<std::size_t> order(model.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::shuffle(order.begin(), order.end(), random);
+  for (const std::size_t index : order) {
+    send(index, model[index]);
+    while (random() % 3 == 0) {
+      const std::size_t again = random() % model.size();
+      model[again] = RandomBytes(model[again].size(), random());
+      send(again, model[again]);
+    }
+  }
+}
+
 TEST_F(MultipartTest, PartsInAnyOrderBecomeOneObject) {
-  for (std::uint64_t seed = 1; seed <= 8; ++seed) {
-    std::mt19937_64 random(seed);
+  const unsigned first_seed = NewSeed();
+  for (unsigned seed = first_seed; seed != first_seed + 8; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
     const std::size_t size = 1000 + random() % 200000;
-    const std::vector<std::string> parts = Parts(2 + random() % 6, size, 1 + random() % size, seed);
-    std::vector<std::size_t> order(parts.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::shuffle(order.begin(), order.end(), random);
-    // The lower-numbered of the first two parts must not be the short last one: there is no other way to learn the
-    // size.
+    std::vector<std::string> model = Parts(2 + random() % 6, size, 1 + random() % size, seed);
     const std::string key = "o" + std::to_string(seed);
     const std::string task = Begin(key);
-    for (const std::size_t index : order) {
-      ASSERT_EQ(SendPart(key, task, static_cast<int>(index) + 1, parts[index]), "200") << "seed " << seed;
-    }
+    SendAtRandom(model, random, [&](std::size_t index, const std::string& bytes) {
+      ASSERT_EQ(SendPart(key, task, static_cast<int>(index) + 1, bytes), "200");
+    });
     EXPECT_EQ(FirstPartFiles(), 1U);
-    const std::string listing = Get("/b/" + key + "?upload_id=" + task);
-    EXPECT_EQ(XmlValue(listing, "TotalNum"), std::to_string(parts.size()));
-    ASSERT_EQ(Complete(key, task, parts), "200") << "seed " << seed;
-    EXPECT_EQ(Get("/b/" + key) == Joined(parts), true) << "seed " << seed;
+    EXPECT_EQ(XmlValue(List(key, task), "TotalNum"), std::to_string(model.size()));
+    ASSERT_EQ(Complete(key, task, model), "200");
+    EXPECT_EQ(Get("/b/" + key) == Joined(model), true);
     EXPECT_EQ(FirstPartFiles(), 0U);
   }
 }
@@ -110,6 +86,22 @@ TEST_F(MultipartTest, PartsBeyondTenMebibytesArriveWhole) {
   EXPECT_EQ(Get("/b/o") == Joined(parts), true);
 }
 
+TEST_F(MultipartTest, APartMayBeAsLongAsAWholeBodyAndNoLonger) {
+  constexpr std::size_t kMost = 64 << 20;
+  const std::vector<std::string> parts = Parts(2, kMost, 1, 9);
+  const std::string task = Begin("o");
+  ASSERT_EQ(SendPart("o", task, 2, parts[1]), "200");
+  const auto connection = CConnection::Open(server_.GetObjectPort());
+  ASSERT_NE(connection, nullptr);
+  const Request longer = Signed(
+      {"POST", "/b/o?upload_id=" + task + "&part_number=1", {{"Content-Length", std::to_string(kMost + 1)}}, ""});
+  ASSERT_TRUE(connection->Send(Serialize(longer, server_.GetObjectPort())));
+  EXPECT_EQ(connection->Receive().status, 413);
+  ASSERT_EQ(SendPart("o", task, 1, parts[0]), "200");
+  ASSERT_EQ(Complete("o", task, parts), "200");
+  EXPECT_EQ(Get("/b/o") == Joined(parts), true);
+}
+
 TEST_F(MultipartTest, TasksAreListedAfterARestartAndOtherObjectsAreUntouched) {
   Put("/b/other", "other");
   const std::vector<std::string> parts = Parts(3, 5000, 100, 7);
@@ -130,6 +122,82 @@ TEST_F(MultipartTest, TasksAreListedAfterARestartAndOtherObjectsAreUntouched) {
   }
   ASSERT_EQ(Complete("o", second, parts), "200");
   EXPECT_EQ(Get("/b/o") == Joined(parts), true);
+}
+
+// The next four are what the protocol's page tells client authors about restarts.
+class MultipartRestartTest : public MultipartTest {
+ protected:
+  void SetUp() override {
+    MultipartTest::SetUp();
+    Put("/b/other", "other");
+    task_ = Begin("o");
+    ASSERT_TRUE(SendParts("o", task_, parts_));
+    server_.Kill();
+    ASSERT_TRUE(server_.Start());
+  }
+  void TearDown() override { EXPECT_EQ(Get("/b/other"), "other"); }
+
+  const std::vector<std::string> parts_ = Parts(3, 5000, 100, 11);
+  std::string task_;
+};
+
+TEST_F(MultipartRestartTest, ACompletionMakesNoObjectAndKeepsTheTask) {
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(Complete("o", task_, parts_), "200");
+    EXPECT_EQ(Outcome(Send("GET", "/b/o")), "404 NoSuchKey");
+    EXPECT_EQ(Outcome(Send("GET", "/b/o?metadata")), "404 NoSuchKey");
+    EXPECT_EQ(XmlValue(List("o", task_), "TotalNum"), "3");
+  }
+}
+
+TEST_F(MultipartRestartTest, ALonePartIsTakenForTheOnlyOne) {
+  ASSERT_EQ(SendPart("o", task_, 3, parts_[2]), "200");
+  EXPECT_EQ(Complete("o", task_, parts_), "200");
+  // It lies at the beginning, where the first part never came to, and the size is that of all parts.
+  const std::string gap(parts_[0].size() - parts_[2].size(), '\0');
+  EXPECT_EQ(Get("/b/o") == parts_[2] + gap + parts_[1] + parts_[2], true);
+}
+
+TEST_F(MultipartRestartTest, ThePartThatCameFirstAndOneMoreMakeItWhole) {
+  ASSERT_EQ(SendPart("o", task_, 2, parts_[1]), "200");
+  ASSERT_EQ(SendPart("o", task_, 1, parts_[0]), "200");
+  EXPECT_EQ(Complete("o", task_, parts_), "200");
+  EXPECT_EQ(Get("/b/o") == Joined(parts_), true);
+}
+
+TEST_F(MultipartRestartTest, AllPartsAgainMakeItWholeInAnyOrder) {
+  const unsigned seed = NewSeed();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  std::vector<std::string> model = parts_;
+  SendAtRandom(model, random, [&](std::size_t index, const std::string& bytes) {
+    ASSERT_EQ(SendPart("o", task_, static_cast<int>(index) + 1, bytes), "200");
+  });
+  EXPECT_EQ(Complete("o", task_, model), "200");
+  EXPECT_EQ(Get("/b/o") == Joined(model), true);
+}
+
+TEST_F(MultipartTest, ATaskOfMoreThanThreeDaysIsSweptAtStart) {
+  const std::string task = Begin("o");
+  ASSERT_EQ(SendPart("o", task, 1, "part"), "200");
+  const std::string fresh = Begin("fresh");
+  ASSERT_TRUE(server_.Stop());
+  const std::string database = server_.Data("catalogue.db");
+  Query(database,
+        "UPDATE local_object_task SET update_time = datetime('now', '-259300 seconds') WHERE task_id = '" + task + "'");
+  ASSERT_TRUE(server_.Start());
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (Send("GET", "/b/o?upload_id=" + task).status == 200 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_EQ(Outcome(Send("GET", "/b/o?upload_id=" + task)), "400 InvalidHttpContent");
+  EXPECT_EQ(XmlValue(List("fresh", fresh), "TotalNum"), "1");
+  EXPECT_EQ(Query(database, "SELECT DISTINCT task_id FROM local_object_task"), std::vector<std::string>{fresh});
+  // Its bytes wait to be freed; its first part's file goes with the next start.
+  EXPECT_EQ(Query(database, "SELECT COUNT(*) FROM released_bytes"), std::vector<std::string>{"1"});
+  ASSERT_TRUE(server_.Stop());
+  ASSERT_TRUE(server_.Start());
+  EXPECT_EQ(FirstPartFiles(), 0U);
 }
 
 TEST_F(MultipartTest, FirstPartFilesOfTasksThatAreGoneAreRemovedAtStart) {
@@ -188,6 +256,45 @@ TEST_F(MultipartTest, BadPartsLeaveTheTaskUnharmed) {
   }
   EXPECT_EQ(Complete("o", task, {parts[0], "wrong size"}), "400 InvalidXmlContent");
   ASSERT_EQ(Complete("o", task, parts), "200");
+  EXPECT_EQ(Get("/b/o") == Joined(parts), true);
+}
+
+TEST_F(MultipartTest, HugeCompletionsCostLittleAndHarmNothing) {
+  const std::vector<std::string> parts = Parts(2, 3000, 200, 10);
+  const std::string task = Begin("o");
+  ASSERT_TRUE(SendParts("o", task, parts));
+  const std::string target = "/b/o?upload_id=" + task;
+  const std::string good = Completion(parts);
+  const std::string named = good.substr(good.find("<Part>"), good.rfind("</Part>") + 7 - good.find("<Part>"));
+  const auto body = [](const std::string& total, const std::string& rest) {
+    return "<CompleteMultipartUpload><TotalPartNum>" + total + "</TotalPartNum>" + rest + "</CompleteMultipartUpload>";
+  };
+  const auto times = [](int count, const std::string& text) {
+    std::string all;
+    all.reserve(text.size() * static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+      all += text;
+    }
+    return all;
+  };
+  // The number alone buys neither memory nor time.
+  const std::uint64_t before = server_.GetMemory();
+  const auto begin = std::chrono::steady_clock::now();
+  for (const char* total : {"4294967295", "4294967297", "2147483648", "9223372036854775807"}) {
+    EXPECT_EQ(Outcome(Send("POST", target, body(total, named))), "400 InvalidXmlContent") << total;
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+  EXPECT_LT(server_.GetMemory(), before + (64 << 20));
+
+  // A million elements: beyond the limit, none of the parts, one part again and again.
+  EXPECT_EQ(Outcome(Send("POST", target, body("1000000", times(1000001, "<Part/>")))), "400 InvalidXmlContent");
+  EXPECT_EQ(Outcome(Send("POST", target, body("900000", times(900000, "<Part/>")))), "400 InvalidXmlContent");
+  const std::string first = "<Part><PartNumber>1</PartNumber><PartSize>3000</PartSize></Part>";
+  EXPECT_EQ(Outcome(Send("POST", target, body("300000", times(300000, first)))), "400 InvalidXmlContent");
+  EXPECT_EQ(Outcome(Send("POST", target, times(500000, "<TotalPartNum>") + "2")), "400 InvalidXmlContent");
+  EXPECT_EQ(XmlValue(List("o", task), "TotalNum"), "2");
+  // What stands behind the parts that are counted is not looked at.
+  EXPECT_EQ(Outcome(Send("POST", target, body("2", named + times(300000, "<Part/><x/>")))), "200");
   EXPECT_EQ(Get("/b/o") == Joined(parts), true);
 }
 

@@ -24,7 +24,9 @@ struct Example {
 
 std::string ReadPage() {
   std::ifstream file(std::string(TANSY_DOCS) + "/protocol.md", std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::string page{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  // What follows is another server's, and another test's.
+  return page.substr(0, page.find("\n# The picture protocol\n"));
 }
 
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
@@ -52,9 +54,13 @@ std::vector<Example> ReadExamples(const std::string& page) {
       example.request = BlockAt(page, at + 1);
     } else if (fence == "```http-answer") {
       example.answer = BlockAt(page, at + 1);
+      EXPECT_FALSE(example.request.empty()) << "an answer to nothing:\n" << example.answer;
       examples.push_back(std::exchange(example, {}));
+    } else {
+      EXPECT_EQ(fence, "```") << "a block that nobody runs";
     }
   }
+  EXPECT_TRUE(example.request.empty()) << "a request without an answer:\n" << example.request;
   return examples;
 }
 
@@ -112,6 +118,7 @@ class ProtocolPageTest : public TansydTest {
   }
 
   Message RequestHere(const Example& example) const;
+  static void CheckToken(const Example& example);
   void CheckAnswer(const Example& example, const Reply& reply);
 
   std::string upload_id_;
@@ -133,6 +140,18 @@ Message ProtocolPageTest::RequestHere(const Example& example) const {
     }
   }
   return request;
+}
+
+// A link's token holds the signature of the text shown with it.
+void ProtocolPageTest::CheckToken(const Example& example) {
+  const std::string mark = "&token=";
+  const std::size_t begin = example.request.find(mark);
+  ASSERT_NE(begin, std::string::npos) << "neither a header nor a token";
+  const std::size_t end = example.request.find(' ', begin);
+  std::string token = example.request.substr(begin + mark.size(), end - begin - mark.size());
+  token = ReplaceAll(std::move(token), "%2B", "+");
+  const std::string signature = Signature(example.string_to_sign, kPageKeys.secret_key);
+  EXPECT_EQ(token, Base64("quorvane " + kPageKeys.access_key + ":" + signature));
 }
 
 void ProtocolPageTest::CheckAnswer(const Example& example, const Reply& reply) {
@@ -164,6 +183,10 @@ TEST_F(ProtocolPageTest, EveryExampleIsTrue) {
 
   for (const Example& example : examples) {
     SCOPED_TRACE(example.request);
+    EXPECT_FALSE(example.string_to_sign.empty());
+    if (example.request.find("\nAuthorization: ") == std::string::npos) {
+      CheckToken(example);
+    }
     const auto connection = CConnection::Open(server_.GetObjectPort());
     ASSERT_TRUE(connection);
     ASSERT_TRUE(connection->Send(Wire(RequestHere(example))));

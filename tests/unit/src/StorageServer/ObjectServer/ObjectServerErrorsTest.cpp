@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <string>
+#include <vector>
+
 #include "TansyNet/HttpServer.h"
 #include "fakes/ManualClock.h"
 
@@ -52,6 +56,28 @@ TEST_P(CObjectErrorRow, HasItsStatusAndBody) {
 
 INSTANTIATE_TEST_SUITE_P(Table, CObjectErrorRow, ::testing::ValuesIn(kCases),
                          [](const auto& row) { return std::string(row.param.name); });
+
+// The protocol's page shows the same table, row for row.
+TEST(CObjectErrors, ThePageShowsThemAll) {
+  std::ifstream page(std::string(TANSY_DOCS) + "/protocol.md");
+  std::vector<std::string> shown;
+  bool in_table = false;
+  for (std::string line; std::getline(page, line);) {
+    if (line.starts_with("| Code | status | Message |")) {
+      in_table = true;
+      std::getline(page, line);  // the line below the heads
+    } else if (in_table && line.starts_with("| ")) {
+      shown.push_back(line);
+    } else {
+      in_table = false;
+    }
+  }
+  std::vector<std::string> expected;
+  for (const ErrorCase& row : kCases) {
+    expected.push_back(std::string("| ") + row.name + " | " + std::to_string(row.status) + " | " + row.message + " |");
+  }
+  EXPECT_EQ(shown, expected);
+}
 
 TEST(CObjectErrors, CodesWithoutARowAreEmptySuccesses) {
   for (const int code : {-5, -6, -8, -21, -1000, 0, 1, 3}) {

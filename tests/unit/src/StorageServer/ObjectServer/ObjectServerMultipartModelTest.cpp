@@ -2,6 +2,8 @@
 // and from many.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <numeric>
 #include <random>
 #include <thread>
@@ -154,6 +156,75 @@ TEST_F(CObjectServerMultipartModelTest, CompletionsAndPartsAtTheSameTime) {
     SendPart(key, upload_id, 2, "late");
     EXPECT_EQ(Object(key), object);
   }
+}
+
+// What comes while a completion writes the first part waits for its end and then finds the task gone.
+class CObjectServerMultipartBesideTest : public CObjectServerMultipartFixture {
+ protected:
+  // Completes, and starts `beside` in the middle; gives the answer to `beside`.
+  FakeAnswer BesideCompletion(const std::string& key, const std::string& upload_id,
+                              const std::vector<std::pair<int, std::size_t>>& parts,
+                              const std::function<FakeAnswer()>& beside) {
+    FakeAnswer answer;
+    std::thread other;
+    std::atomic<bool> done{false};
+    storage_.SetHook([&](const CFakeStorage::Call& call) {
+      if (call.kind == "stream" && !other.joinable()) {
+        other = std::thread([&] {
+          answer = beside();
+          done = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_FALSE(done) << "nothing waits for the completion";
+      }
+    });
+    EXPECT_TRUE(IsXml(Complete(key, upload_id, parts), ""));
+    EXPECT_TRUE(other.joinable());
+    other.join();
+    storage_.SetHook(nullptr);
+    return answer;
+  }
+};
+
+TEST_F(CObjectServerMultipartBesideTest, APartIsRefused) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  SendPart("k", upload_id, 2, "bb");
+  for (const int number : {1, 2}) {
+    const std::string key = "k" + std::to_string(number);
+    const std::string id = NewTask(key);
+    SendPart(key, id, 1, "aaaa");
+    SendPart(key, id, 2, "bb");
+    const FakeAnswer answer =
+        BesideCompletion(key, id, {{1, 4}, {2, 2}}, [&] { return SendPart(key, id, number, "LATE"); });
+    EXPECT_TRUE(IsError(answer, 400, "InvalidHttpContent")) << number;
+    EXPECT_EQ(Object(key), "aaaabb") << number;
+    EXPECT_FALSE(std::filesystem::exists(FirstPartFile(id, 1)));
+  }
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}, {2, 2}}), "")) << "another task is not touched";
+}
+
+TEST_F(CObjectServerMultipartBesideTest, AnOnlyPartIsRefusedAndLeavesNoFile) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  const FakeAnswer answer =
+      BesideCompletion("k", upload_id, {{1, 4}}, [&] { return SendPart("k", upload_id, 1, "LATE"); });
+  EXPECT_TRUE(IsError(answer, 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count("[%s]add first part failed.[%s(%d)]", logging::kError), 1u);
+  EXPECT_EQ(Object("k"), "aaaa");
+  EXPECT_EQ(FirstPartFiles(), 0u);
+}
+
+TEST_F(CObjectServerMultipartBesideTest, ASecondCompletionSucceedsWithoutDoingAnything) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  const std::size_t writes = storage_.Calls("stream").size();
+  const FakeAnswer answer = BesideCompletion("k", upload_id, {{1, 4}}, [&] {
+    return Complete("k", upload_id, {{1, 4}});
+  });
+  EXPECT_TRUE(IsXml(answer, ""));
+  EXPECT_EQ(storage_.Calls("stream").size(), writes + 1);
+  EXPECT_EQ(Object("k"), "aaaa");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "ObjectServerMultipartFixture.h"
+#include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
 #include "TansyBase/TimeUtil.h"
 #include "fakes/ManualClock.h"
 
@@ -262,6 +263,28 @@ TEST_F(CObjectServerMultipartTest, APartOfATaskThatWasSweptAway) {
   log_->Clear();
   EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 400, "InvalidHttpContent"));
   EXPECT_EQ(log_->Count(kIllegal, logging::kError), 1u);
+}
+
+// The sweep takes rows away and nothing else: files and bytes are the host's to look after.
+TEST_F(CObjectServerMultipartTest, TheSweepLeavesFilesAndBytes) {
+  CManualClock clock;
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aa");
+  SendPart("k", upload_id, 2, "b");
+  ObjectTaskInfo task;
+  ASSERT_TRUE(catalogue_.GetTaskInfo(upload_id, 1, task));
+  clock.Advance(259201);
+  CloudStorage::CCleanExpiredTaskThread().OnTimer();
+  EXPECT_FALSE(catalogue_.GetTaskInfo(upload_id, 1, task));
+  EXPECT_EQ(Content(FirstPartFile(upload_id, 1)), "aa");
+  EXPECT_EQ(storage_.Bytes(task.url), "tebt") << "the probe, and part 2 at its place";
+  EXPECT_TRUE(storage_.Calls("remove").empty());
+  PartSizeInfo first;
+  EXPECT_TRUE(catalogue_.GetFirstPartInfo(upload_id, first));
+  log_->Clear();
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 3, "cc"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count(kIllegal, logging::kError), 1u);
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 2}, {2, 1}}), 400, "InvalidXmlContent"));
 }
 
 TEST_F(CObjectServerMultipartTest, OffsetsThatThirtyTwoBitsCannotHold) {

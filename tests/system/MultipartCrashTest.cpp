@@ -1,0 +1,161 @@
+// kill -9 in front of every single change that a completion makes to a file, one after another: the bytes of the first
+// part, their way to the disk, the file of the first part, the object's row, the task's rows.
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "support/MultipartFixture.h"
+
+namespace system_tests {
+namespace {
+
+using testing::HasSubstr;
+
+// More than a completion has. Without a last one the search would go on for ever.
+constexpr int kMostSteps = 60;
+
+class MultipartCrashTest : public MultipartFixture, public testing::WithParamInterface<const char*> {
+ protected:
+  // What a key holds, before and after.
+  struct Target {
+    std::string key;
+    std::string before;  // empty: there is no such object
+    std::string task;
+    std::vector<std::string> parts;
+  };
+
+  void SetUp() override {
+    launch_.program = TANSYD_THAT_DIES;
+    launch_.arguments = {"--durability", GetParam()};
+    launch_.environment = {{"DIE_WHEN", WhenPath()}};
+    ASSERT_TRUE(server_.Start(launch_));
+    MakeBucket("b");
+    Put("/b/whole", whole_);
+    Upload("parted", parted_);
+  }
+  std::string WhenPath() const { return temp_.GetPath() + "/when"; }
+  // The server ends in front of the change of this number, counted from now on.
+  void LetDieAt(int step) { std::ofstream(WhenPath()) << step; }
+
+  // A task with all its parts, over an object that is there already or not.
+  Target MakeTarget(int step, bool is_there) {
+    Target target;
+    target.key = (is_there ? "old-" : "new-") + std::to_string(step);
+    target.parts = Parts(3, 5000, 700, static_cast<std::uint64_t>(step) * 2 + (is_there ? 1 : 0));
+    if (is_there) {
+      target.before = "what " + target.key + " was before";
+      Put("/b/" + target.key, target.before);
+    }
+    target.task = Begin(target.key);
+    EXPECT_TRUE(SendParts(target.key, target.task, target.parts));
+    return target;
+  }
+
+  // True when the completion went through without the server's end. Such a server is not to be asked anything more: it
+  // goes on counting.
+  bool CompletesAt(const Target& target, int step) {
+    LetDieAt(step);
+    const std::string outcome = Complete(target.key, target.task, target.parts);
+    std::filesystem::remove(WhenPath());
+    EXPECT_TRUE(outcome == "200" || outcome == "0") << outcome;
+    // Answered, the object is there for good, even if the server ends right behind the answer.
+    acknowledged_ = outcome == "200";
+    return acknowledged_ && server_.IsRunning();
+  }
+
+  // After the restart: the old object or the new one, never a mixture.
+  void ExpectOneOrTheOther(const Target& target) {
+    const Reply reply = Send("GET", "/b/" + target.key);
+    const bool is_new = reply.status == 200 && reply.body == Joined(target.parts);
+    const bool is_old =
+        target.before.empty() ? Outcome(reply) == "404 NoSuchKey" : reply.status == 200 && reply.body == target.before;
+    EXPECT_TRUE(is_new || is_old) << target.key << ": " << Outcome(reply) << ", " << reply.body.size() << " bytes";
+    EXPECT_TRUE(is_new || !acknowledged_) << target.key;
+    ++(is_new ? seen_new_ : seen_old_);
+    ExpectTask(target, is_new);
+    const Reply again = Send("GET", "/b/" + target.key);
+    EXPECT_EQ(again.status, reply.status);
+    EXPECT_EQ(again.body == reply.body, true) << target.key;
+  }
+  // No part's row is lost before the object is there, and a client that completes once more changes nothing.
+  void ExpectTask(const Target& target, bool is_new) {
+    const Reply listing = Send("GET", "/b/" + target.key + "?upload_id=" + target.task);
+    const bool is_listed = listing.status == 200;
+    EXPECT_TRUE(is_listed || is_new) << Outcome(listing);
+    if (is_listed) {
+      EXPECT_EQ(XmlValue(listing.body, "TotalNum"), "3");
+    }
+    EXPECT_EQ(Complete(target.key, target.task, target.parts), is_listed ? "200" : "400 InvalidXmlContent");
+  }
+  void ExpectOthersUntouched() {
+    EXPECT_EQ(Get("/b/whole"), whole_);
+    EXPECT_EQ(Get("/b/parted") == Joined(parted_), true);
+    for (const Target& done : done_) {
+      EXPECT_EQ(Get("/b/" + done.key) == Joined(done.parts), true) << done.key;
+    }
+  }
+
+  // Ends the server in front of each change in turn; gives the number of them.
+  int DieEverywhere(bool is_there) {
+    for (int step = 1; step <= kMostSteps && !HasFailure(); ++step) {
+      SCOPED_TRACE("in front of change " + std::to_string(step));
+      Target target = MakeTarget(step, is_there);
+      const bool done = CompletesAt(target, step);
+      if (done) {
+        server_.Kill();
+      } else {
+        EXPECT_EQ(server_.WaitForEnd().code, 128 + SIGKILL);
+      }
+      EXPECT_TRUE(server_.Start(launch_));
+      if (!done) {
+        ExpectOneOrTheOther(target);
+        Upload(target.key, target.parts);  // beginning again works
+      }
+      done_.push_back(std::move(target));
+      ExpectOthersUntouched();
+      if (done) {
+        return step - 1;
+      }
+    }
+    ADD_FAILURE() << "no completion goes through";
+    return kMostSteps;
+  }
+
+  Launch launch_;
+  const std::string whole_ = RandomBytes(20000, 1);
+  const std::vector<std::string> parted_ = Parts(3, 8000, 300, 2);
+  std::vector<Target> done_;
+  bool acknowledged_ = false;
+  int seen_old_ = 0;
+  int seen_new_ = 0;
+};
+
+TEST_P(MultipartCrashTest, EveryChangeOfACompletionMayBeTheLast) {
+  for (const bool is_there : {false, true}) {
+    SCOPED_TRACE(is_there ? "over an object" : "of a new object");
+    seen_old_ = 0;
+    seen_new_ = 0;
+    // The bytes, the first part's file, the object's row, the task's rows, each at least once.
+    EXPECT_GE(DieEverywhere(is_there), 4);
+    EXPECT_GT(seen_old_, 0) << "no end before the object";
+    EXPECT_GT(seen_new_, 0) << "no end behind the object";
+  }
+  ASSERT_TRUE(server_.Stop());
+  Launch check;
+  check.with_ports = false;
+  check.arguments = {"--check", "--repair"};
+  const Ended checked = server_.RunToEnd(check);
+  EXPECT_EQ(checked.code, 0) << checked.out;
+  EXPECT_THAT(checked.out, HasSubstr(" 0 damaged"));
+  ASSERT_TRUE(server_.Start(launch_));
+  ExpectOthersUntouched();
+}
+
+INSTANTIATE_TEST_SUITE_P(Durability, MultipartCrashTest, testing::Values("full", "fast"),
+                         [](const auto& item) { return std::string(item.param); });
+
+}  // namespace
+}  // namespace system_tests
