@@ -16,6 +16,8 @@ namespace {
 
 constexpr int kPictureFlag = 0;  // tells the callbacks apart from objects
 constexpr const char* kPictureContentType = "image/jpeg";
+// More digits than any length has: a field of megabytes is not copied to be found out as no number.
+constexpr std::size_t kMaxLengthDigits = 64;
 
 // What an upload's form says; the views live as long as the request.
 struct PictureForm {
@@ -27,7 +29,7 @@ PictureForm ReadForm(const TansyNet::HttpServerRecv& request) {
   PictureForm form;
   for (const TansyNet::FormPart& part : request.form_parts) {
     if (part.name == "PictureLength") {
-      form.length = OSAL_StrToi32(std::string(part.data).c_str());
+      form.length = OSAL_StrToi32(std::string(part.data.substr(0, kMaxLengthDigits)).c_str());
     } else if (part.name == "Picture") {
       form.picture = part.data;
     }

@@ -74,7 +74,9 @@ TEST_F(PictureServerPictures, ALengthThatIsNotThePicturesIsRefused) {
   ExpectEmptyForm(Upload("abc", "-3"), -3, 3);
   ExpectEmptyForm(Upload("abc", "many"), 0, 3);
   ExpectEmptyForm(Upload("abc", ""), 0, 3);
-  ExpectEmptyForm(Upload("abc", "4294967299"), 2147483647, 3);  // 3 beyond 32 bits
+  ExpectEmptyForm(Upload("abc", "4294967299"), 2147483647, 3);       // 3 beyond 32 bits
+  ExpectEmptyForm(Upload("abc", std::string(64, '0') + "3"), 0, 3);  // longer than any number is
+  EXPECT_EQ(Ask(Upload("abc", std::string(63, '0') + "3")).response.status, 200);
 }
 
 TEST_F(PictureServerPictures, AMissingPartIsRefused) {

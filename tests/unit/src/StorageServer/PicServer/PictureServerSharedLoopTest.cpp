@@ -1,0 +1,58 @@
+// The message loop belongs to the picture server, and the object server lives on it.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "PictureServerFixture.h"
+#include "StorageServer/ObjectServer/ObjectServer.h"
+#include "TansyCloudStorage/PictureServer.h"
+
+namespace Tansy::CloudStorage {
+namespace {
+
+constexpr int kSilenceMs = 50;
+
+class PictureServerSharedLoop : public PictureServerTest {
+ protected:
+  // An object request that needs no catalogue: its path is none.
+  static std::int32_t DeliverObjectRequest() {
+    return Http().Deliver(&CObjectServer::RecvMsgCallBack, Request("GET", "/bucket/key/more"));
+  }
+  static bool IsObjectRequestServed(int patience_ms = 10000) {
+    const auto answer = Http().WaitForAnswer(DeliverObjectRequest(), patience_ms);
+    return answer.response.status == 400 && answer.body.find("URLNotSupport") != std::string::npos;
+  }
+};
+
+TEST_F(PictureServerSharedLoop, InitServesObjectRequestsAndUninitEndsThat) {
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(StartServer(), 0);
+    EXPECT_TRUE(IsObjectRequestServed());
+    ASSERT_EQ(UninitPicServer(), 0);
+    EXPECT_FALSE(IsObjectRequestServed(kSilenceMs)) << "neither answered nor refused";
+  }
+}
+
+TEST_F(PictureServerSharedLoop, AnInitThatFailsServesObjectRequestsAllTheSame) {
+  Http().FailStart(1, 1001);
+  ASSERT_EQ(StartServer(), 1001);
+  EXPECT_TRUE(IsObjectRequestServed());
+}
+
+// Only the end of the picture server stops the loop.
+TEST_F(PictureServerSharedLoop, DisablingThePictureServerLeavesObjectRequestsAlone) {
+  StartServer();
+  ASSERT_EQ(SetPicServerEnable(false), 0);
+  EXPECT_TRUE(IsObjectRequestServed());
+}
+
+TEST_F(PictureServerSharedLoop, AnUninitWhoseListenersDoNotStopEndsObjectRequestsToo) {
+  StartServer();
+  Http().FailStop(1, 2001);
+  ASSERT_EQ(UninitPicServer(), 2001);
+  EXPECT_FALSE(IsObjectRequestServed(kSilenceMs));
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage
