@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the build needs and this machine lacks, from Debian's packages. Says what it installs; installs nothing twice.
-# usage: scripts/dependencies.sh [--lint]
+# usage: scripts/dependencies.sh [--lint|--windows]
 set -euo pipefail
 
 packages=(
@@ -12,6 +12,8 @@ packages=(
 )
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
+elif [[ "${1:-}" == --windows ]]; then
+  packages+=(g++-mingw-w64-x86-64-posix)
 fi
 
 missing=()

@@ -6,6 +6,11 @@
 #include <cerrno>
 
 namespace HostSystem {
+namespace {
+
+constexpr unsigned long kDiskQuotaExceeded = 1295;  // a code that not all of the system's headers name
+
+}  // namespace
 
 int ToErrno(unsigned long code) {
   switch (code) {
@@ -24,7 +29,7 @@ int ToErrno(unsigned long code) {
       return EBUSY;
     case ERROR_DISK_FULL:
     case ERROR_HANDLE_DISK_FULL:
-    case ERROR_DISK_QUOTA_EXCEEDED:
+    case kDiskQuotaExceeded:
       return ENOSPC;
     case ERROR_DIRECTORY:
       return ENOTDIR;

@@ -1,7 +1,8 @@
-// clang-format off: winsock2.h must come before the headers that would bring its predecessor in.
-#include <iphlpapi.h>
+// winsock2.h must come before the headers that would bring its predecessor in.
+// clang-format off
 #include <winsock2.h>
 #include <ws2tcpip.h>
+#include <iphlpapi.h>
 // clang-format on
 
 #include <cstdio>

@@ -1,7 +1,9 @@
-// winsock2.h has to come before anything that includes windows.h, and wincrypt.h before OpenSSL's headers.
-#include <wincrypt.h>
-#include <windows.h>
+// winsock2.h has to come before windows.h, that before wincrypt.h, and all before OpenSSL's headers.
+// clang-format off
 #include <winsock2.h>
+#include <windows.h>
+#include <wincrypt.h>
+// clang-format on
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
