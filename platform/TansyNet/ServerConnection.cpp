@@ -229,8 +229,8 @@ void CServerConnection::ContinueLater() {
 
 void CServerConnection::OnDeadline() {
   constexpr int kRequestTimeout = 408;
-  const Lock lock(mutex_);
-  if (!IsPastDeadline(SteadyMilliseconds())) {
+  Lock lock(mutex_);
+  if (!IsPastDeadline(SteadyMilliseconds()) || SendAgain(lock)) {
     return;
   }
   const bool waits_for_storage = phase_ == Phase::kUpload && upload_->ready != nullptr;

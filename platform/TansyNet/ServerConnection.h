@@ -134,6 +134,7 @@ class CServerConnection final : public ISocketEvents, public std::enable_shared_
   int Send(std::string_view head, std::string_view body, std::int32_t timeout_ms);
   IoStatus Write(std::string_view& first, std::string_view& second, std::size_t most);
   int WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms, Lock& lock);
+  bool SendAgain(Lock& lock);
   void FinishAnswer();
   void StartDraining();
 
@@ -171,6 +172,7 @@ class CServerConnection final : public ISocketEvents, public std::enable_shared_
   std::string output_;  // what the socket did not take of an answer
   std::size_t output_sent_ = 0;
   std::int32_t send_timeout_ms_ = 0;
+  std::int64_t send_progress_ = 0;  // when the socket last took some of output_
   std::uint64_t chunks_left_ = 0;
   bool chunk_under_way_ = false;
   std::uint64_t drain_left_ = 0;

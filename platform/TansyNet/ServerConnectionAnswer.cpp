@@ -20,6 +20,12 @@ constexpr std::int32_t kDefaultSendTimeoutMs = 20000;
 constexpr std::uint64_t kDrainBytes = std::uint64_t{64} * 1024 * 1024;
 constexpr std::int64_t kDrainMs = 10000;
 
+// A socket says that it takes bytes only once a good part of its buffer is free, which may be megabytes; it takes them
+// long before. So what a slow client has made room for shows only in an attempt, and attempts are made this often.
+int LookAgainMs(std::int32_t timeout_ms) {
+  return std::clamp(timeout_ms / 4, 1, 1000);
+}
+
 std::int32_t TimeoutOf(const HttpResponse& response) {
   return response.send_timeout_ms > 0 ? response.send_timeout_ms : kDefaultSendTimeoutMs;
 }
@@ -136,8 +142,9 @@ int CServerConnection::Send(std::string_view head, std::string_view body, std::i
   output_.append(head).append(body);
   output_sent_ = 0;
   send_timeout_ms_ = timeout_ms;
+  send_progress_ = SteadyMilliseconds();
   SetPhase(Phase::kSending);
-  SetDeadline(timeout_ms);
+  SetDeadline(details::LookAgainMs(timeout_ms));
   WatchWritable();
   return 0;
 }
@@ -149,7 +156,8 @@ CServerConnection::Next CServerConnection::StepSending() {
   const std::size_t sent = output_.size() - rest.size();
   if (sent > output_sent_) {
     output_sent_ = sent;
-    SetDeadline(send_timeout_ms_);
+    send_progress_ = SteadyMilliseconds();
+    SetDeadline(details::LookAgainMs(send_timeout_ms_));
   }
   if (status == IoStatus::kDone && rest.empty()) {
     FinishAnswer();
@@ -165,6 +173,16 @@ CServerConnection::Next CServerConnection::StepSending() {
   }
   Close();
   return Next::kWait;
+}
+
+// The deadline of a sending came. True when it is only time for another attempt.
+bool CServerConnection::SendAgain(Lock& lock) {
+  if (phase_ != Phase::kSending || SteadyMilliseconds() - send_progress_ >= send_timeout_ms_) {
+    return false;
+  }
+  SetDeadline(details::LookAgainMs(send_timeout_ms_));
+  Advance(lock);
+  return true;
 }
 
 // Writes until all is written, `most` bytes are, or the socket takes no more. The views lose what was written.
@@ -206,10 +224,10 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
       return kNetSendTimeout;
     }
     const std::intptr_t socket = transport_.Socket().NativeHandle();
-    const auto wait_ms = static_cast<int>(last_progress + timeout_ms - now);
+    const auto left_ms = static_cast<int>(last_progress + timeout_ms - now);
     lock.unlock();
     if (status == IoStatus::kWantWrite) {
-      WaitWritable(socket, wait_ms);
+      WaitWritable(socket, std::min(left_ms, details::LookAgainMs(timeout_ms)));
     }
     lock.lock();
   }

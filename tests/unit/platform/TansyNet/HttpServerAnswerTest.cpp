@@ -126,6 +126,38 @@ TEST_F(HttpServerAnswer, ThatIsNotTakenEndsTheConnection) {
   EXPECT_THROW(client->ReadReply(), std::runtime_error);
 }
 
+// Its socket counts as writable only once megabytes are free, which takes it longer than the time-out.
+TEST_F(HttpServerAnswer, GoesOnWhileAClientTakesItSlowly) {
+  TansyNet::HttpServerLimits limits;
+  limits.idle_timeout_ms = 100;  // makes the library look often
+  CHttpServer::SetLimits(limits);
+  Start();
+  const std::string body = Pattern(std::size_t{6} * 1024 * 1024);
+  for (const bool in_chunks : {false, true}) {
+    std::int32_t handle = 0;
+    const auto client = Ask(handle, 65536);
+    HttpResponse response;
+    response.send_timeout_ms = 400;
+    const std::jthread sender([&] {
+      const int result = in_chunks ? SendChunk(handle, body, body.size(), response.send_timeout_ms)
+                                   : CHttpServer::HttpServerSyncSend(
+                                         handle, response, static_cast<std::uint32_t>(body.size()), body.data());
+      EXPECT_EQ(result, 0);
+    });
+    std::string head;
+    while (!head.ends_with("\r\n\r\n")) {
+      head += client->ReadBytes(1);
+    }
+    std::string taken;
+    for (int round = 0; round < 30; ++round) {
+      taken += client->ReadBytes(30000);
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    taken += client->ReadBytes(body.size() - taken.size());
+    EXPECT_TRUE(taken == body) << in_chunks;
+  }
+}
+
 TEST_F(HttpServerAnswer, ComesFromManyThreadsToManyClients) {
   Start();
   constexpr int kClients = 32;
@@ -229,6 +261,17 @@ TEST_F(HttpServerAnswer, InChunksWaitsForTheClientButNotForEver) {
   const auto waited = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(waited, std::chrono::milliseconds(200));
   EXPECT_EQ(SendChunk(handle, chunk, 2 * chunk.size(), 200), TansyNet::kNetUnknownHandle);
+}
+
+// What the socket's buffer takes in a late attempt is no sign of life.
+TEST_F(HttpServerAnswer, InChunksWaitsForAStalledClientOnlyOnce) {
+  Start();
+  std::int32_t handle = 0;
+  const auto client = Ask(handle, 4096);
+  const std::string chunk(10 * 1024 * 1024, 'x');
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(SendChunk(handle, chunk, chunk.size(), 1500), TansyNet::kNetSendTimeout);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2900));
 }
 
 TEST_F(HttpServerAnswer, InChunksNoticesThatTheClientIsGone) {
