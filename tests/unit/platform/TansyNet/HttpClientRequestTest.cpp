@@ -4,6 +4,7 @@
 #include <string>
 
 #include "TansyNet/HttpClient.h"
+#include "fakes/Ipv6Loopback.h"
 #include "fakes/ScriptedServer.h"
 
 namespace TansyNet {
@@ -70,6 +71,9 @@ TEST_F(HttpClientRequestTest, LeavesTheHostOutWhenAsked) {
 }
 
 TEST_F(HttpClientRequestTest, BracketsAnIpv6Host) {
+  if (!Tansy::Tests::HasIpv6Loopback()) {
+    GTEST_SKIP() << Tansy::Tests::kNoIpv6Loopback;
+  }
   ScriptedServer server({.address = "::1"});
   server.Answer("GET /", {.status = 200});
   CHttpClientRequest request;

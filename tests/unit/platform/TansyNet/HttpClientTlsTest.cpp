@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "TansyNet/HttpClient.h"
+#include "fakes/Ipv6Loopback.h"
 #include "fakes/ScriptedServer.h"
 #include "fakes/TestCertificate.h"
 
@@ -62,6 +63,9 @@ TEST_F(HttpClientTlsTest, ATrustedServerIsTalkedTo) {
 }
 
 TEST_F(HttpClientTlsTest, ATrustedServerIsTalkedToOverIpv6) {
+  if (!Tansy::Tests::HasIpv6Loopback()) {
+    GTEST_SKIP() << Tansy::Tests::kNoIpv6Loopback;
+  }
   ScriptedServer server({.https = true, .address = "::1"});
   server.Answer("GET /", {.body = "secret"});
   Trust(server.CertificateFile());

@@ -18,6 +18,7 @@
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
 #include "fakes/CapturingLogSink.h"
+#include "fakes/Ipv6Loopback.h"
 
 namespace {
 
@@ -69,6 +70,9 @@ TEST_F(HttpServerListener, OnPortZeroIsNone) {
 }
 
 TEST_F(HttpServerListener, OfBothFamiliesShareAPort) {
+  if (!Tansy::Tests::HasIpv6Loopback()) {
+    GTEST_SKIP() << Tansy::Tests::kNoIpv6Loopback;
+  }
   SetHandler([](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, message.ip); });
   const std::uint16_t port = FreePort();
   std::int32_t four = 0;

@@ -91,7 +91,7 @@ TEST_F(HttpServerLog, NamesBodiesThatAreShorterThanDeclared) {
   }
   CRawClient client(Port());
   client.Send("GET /b/k HTT");
-  client.Reset();
+  client.ShutdownSend();
   ExpectLine(kBrokenOff, "ip = 127.0.0.1, url = [");
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "PictureClientFixture.h"
+#include "fakes/Ipv6Loopback.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -436,10 +437,13 @@ TEST_F(CPicProtoClientHttpsTest, OnlyALocationWithTheConfiguredSchemeCounts) {
 
 class CPicProtoClientIpv6Test : public CPicProtoClientTest {
  protected:
-  CPicProtoClientIpv6Test() : CPicProtoClientTest(false, "::1") {}
+  CPicProtoClientIpv6Test() : CPicProtoClientTest(false, Tests::HasIpv6Loopback() ? "::1" : "127.0.0.1") {}
 };
 
 TEST_F(CPicProtoClientIpv6Test, PicturesGoUpAndComeDown) {
+  if (!Tests::HasIpv6Loopback()) {
+    GTEST_SKIP() << Tests::kNoIpv6Loopback;
+  }
   ScriptUpload();
   server_.Answer("GET /pic?id=1", {.body = "jpeg"});
   ASSERT_TRUE(CPictureClient(config_).UploadPicture(url_, "P", 1));

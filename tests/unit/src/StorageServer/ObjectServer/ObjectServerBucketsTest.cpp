@@ -150,6 +150,7 @@ class CObjectServerBestNodeTest : public CObjectServerTest {
 TEST_F(CObjectServerBestNodeTest, ChecksInTheirOrder) {
   EXPECT_TRUE(IsError(SendMessage(Message({"GET", "/none/k", "bestnode", "", {}})), 404, "NoSuchBucket"));
   EXPECT_THAT(log_->Text("[%s]bucket not exist[%s].[%s(%d)]"), HasSubstr("HandleGetBestNode]bucket not exist[none]."));
+  EXPECT_EQ(log_->Count("[%s]bucket not exist[%s].[%s(%d)]", logging::kError), 1u);
   EXPECT_TRUE(IsError(SendMessage(Message({"GET", "/" + bucket_ + "/k", "bestnode", "", {}})), 403, "AccessDenied"));
   EXPECT_TRUE(IsError(Ask({}), 400, "InvalidHttpContent"));
   EXPECT_EQ(log_->Count(kNoHost, logging::kError), 1u);
