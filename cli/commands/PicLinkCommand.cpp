@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <ctime>
 
 #include "Commands.h"
@@ -14,7 +15,9 @@ namespace {
 
 int RunPicLink(const CommandCall& call) {
   Settings settings = UseSettings(call.globals);
-  const std::string target = ParsePictureUrl(call.Argument("URL"), settings);
+  std::string target = ParsePictureUrl(call.Argument("URL"), settings);
+  // A link that carries a signature already gets a new one: the picture's address ends before the first.
+  target.resize(std::min(target.size(), target.find("&AccessKeyId=")));
   if (target.find('?') == std::string::npos) {
     throw CFailure(kExitUsage, "\"" + Printable(target) + "\" is no picture URL", "give /pic?... in quotes");
   }

@@ -10,6 +10,9 @@ namespace {
 
 int RunPicVersion(const CommandCall& call) {
   const auto json = RequestPictureInfo(UseSettings(call.globals), "/Quorvane/Version", "version");
+  if (!json.Has("/MajorVersion")) {
+    throw CFailure(kExitFailed, "version: there is none in the answer", "is this a picture server?");
+  }
   const std::string version = json.GetString("/MajorVersion") + "." + json.GetString("/MinorVersion") + "." +
                               json.GetString("/RevisionVersion");
   PrintLine(call.globals.json ? CJsonLine().Add("version", version).Text() : Printable(version));
