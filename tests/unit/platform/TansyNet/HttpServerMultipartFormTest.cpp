@@ -160,6 +160,23 @@ TEST(MultipartForm, ReturnsNoMorePartsThanAskedFor) {
   EXPECT_EQ(parts.size(), 3U);
 }
 
+TEST(MultipartForm, AFormInAFormIsData) {
+  const std::string inner = "--YY\r\nContent-Disposition: form-data; name=\"n\"\r\n\r\nx\r\n--YY--\r\n";
+  const auto parts = Parse("--XX\r\nContent-Disposition: form-data; name=\"outer\"\r\nContent-Type: multipart/mixed; " +
+                           ("boundary=YY\r\n\r\n" + inner) + "\r\n--XX--");
+  ASSERT_EQ(parts.size(), 1U);
+  EXPECT_EQ(parts[0].name, "outer");
+  EXPECT_EQ(parts[0].data, inner);
+}
+
+TEST(MultipartForm, RepeatedNamesAreAllReturned) {
+  const std::string part = "--XX\r\nContent-Disposition: form-data; name=n\r\n\r\n";
+  const auto parts = Parse(part + "1\r\n" + part + "2\r\n" + part + "3\r\n--XX--");
+  ASSERT_EQ(parts.size(), 3U);
+  EXPECT_EQ(parts[0].data, "1");
+  EXPECT_EQ(parts[2].data, "3");
+}
+
 TEST(MultipartForm, EmptyFormsHaveNoParts) {
   EXPECT_TRUE(Parse("--XX--").empty());
   EXPECT_TRUE(Parse("--XX--\r\n").empty());
