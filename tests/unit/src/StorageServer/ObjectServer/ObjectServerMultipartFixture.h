@@ -75,6 +75,28 @@ class CObjectServerMultipartFixture : public CObjectServerTest {
     return catalogue_.GetObjectByName(object, key, bucket_);
   }
 
+  // Nothing of the task has changed: its parts, its first part.
+  struct TaskState {
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> parts;
+    std::uint32_t first_part = 0;
+    std::uint32_t part_size = 0;
+    bool operator==(const TaskState&) const = default;
+  };
+  TaskState StateOf(const std::string& upload_id) {
+    TaskState state;
+    CloudStorage::TaskPartSet rows;
+    catalogue_.GetAllTask(upload_id, rows);
+    for (const CloudStorage::ObjectTaskInfo& row : rows) {
+      state.parts.emplace_back(row.part_num, row.size);
+    }
+    CloudStorage::PartSizeInfo first;
+    if (catalogue_.GetFirstPartInfo(upload_id, first)) {
+      state.first_part = first.first_part_num;
+      state.part_size = first.part_size;
+    }
+    return state;
+  }
+
   static std::filesystem::path FirstPartFile(const std::string& upload_id, int number) {
     return "localstoragetmp/" + upload_id + "_" + std::to_string(number);
   }

@@ -1,21 +1,15 @@
 // Multipart uploads, request by request.
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <thread>
-
 #include "ObjectServerMultipartFixture.h"
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
-#include "TansyBase/TimeUtil.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
 namespace {
 
-using CloudStorage::ObjectInfo;
 using CloudStorage::ObjectTaskInfo;
 using CloudStorage::PartSizeInfo;
-using CloudStorage::TaskPartSet;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 namespace fs = std::filesystem;
@@ -26,33 +20,8 @@ constexpr const char* kSaveFailed = "[%s]save file failed[%d].[%s(%d)]";
 constexpr const char* kFileFailed = "[%s]save file failed, file_name[%s].[%s(%d)]";
 constexpr const char* kRecordFailed = "[%s]save record failed.[%s(%d)]";
 constexpr const char* kIllegal = "[%s]task info illegal.[%s(%d)]";
-constexpr const char* kInvalidPart = "[%s]invalid part: task_id[%s], num[%d], size[%d].[%s(%d)]";
-constexpr const char* kNoFirstPart = "[%s]GetFirstPartInfo failed, task id:%s.[%s(%d)]";
 
-class CObjectServerMultipartTest : public CObjectServerMultipartFixture {
- protected:
-  // Nothing of the task has changed: its parts, its first part.
-  struct TaskState {
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> parts;
-    std::uint32_t first_part = 0;
-    std::uint32_t part_size = 0;
-    bool operator==(const TaskState&) const = default;
-  };
-  TaskState StateOf(const std::string& upload_id) {
-    TaskState state;
-    TaskPartSet rows;
-    catalogue_.GetAllTask(upload_id, rows);
-    for (const ObjectTaskInfo& row : rows) {
-      state.parts.emplace_back(row.part_num, row.size);
-    }
-    PartSizeInfo first;
-    if (catalogue_.GetFirstPartInfo(upload_id, first)) {
-      state.first_part = first.first_part_num;
-      state.part_size = first.part_size;
-    }
-    return state;
-  }
-};
+using CObjectServerMultipartTest = CObjectServerMultipartFixture;
 
 TEST_F(CObjectServerMultipartTest, ATaskIsOpened) {
   const CManualClock clock;
@@ -197,6 +166,7 @@ TEST_F(CObjectServerMultipartTest, PartsThatAreRefused) {
   const std::string query = "upload_id=" + upload_id + "&part_number=1";
   EXPECT_TRUE(IsError(SendMessage(Message({"POST", "/none/k", query, "x", {}})), 404, "NoSuchBucket"));
   EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path("k"), query, "x", {}})), 403, "AccessDenied"));
+  EXPECT_EQ(log_->Count("[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]", logging::kError), 1u);
   EXPECT_THAT(log_->Text("[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]"),
               HasSubstr("HandleUploadPartObject]CheckAuth fail, bucket_name[" + bucket_ + "]."));
   EXPECT_TRUE(IsError(Post(Path("k"), "upload_id=&part_number=1", "x"), 400, "InvalidHttpContent"));
@@ -351,6 +321,7 @@ TEST_F(CObjectServerMultipartTest, AFirstPartThatCannotBeKept) {
   const std::string upload_id = NewTask("k");
   std::ofstream("localstoragetmp") << "in the way of the folder";
   EXPECT_TRUE(IsError(SendPart("k", upload_id, 1, "aa"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kFileFailed, logging::kError), 1u);
   EXPECT_THAT(log_->Text(kFileFailed),
               HasSubstr("save file failed, file_name[./localstoragetmp\\" + upload_id + "_1]."));
   fs::remove("localstoragetmp");
@@ -396,127 +367,12 @@ TEST_F(CObjectServerMultipartTest, APartIsSentAgain) {
 
 TEST_F(CObjectServerMultipartTest, ListingsThatAreRefused) {
   EXPECT_TRUE(IsError(List("k", "unknown"), 400, "InvalidHttpContent"));
+  EXPECT_EQ(log_->Count("[%s]invalid task id[%s].[%s(%d)]", logging::kError), 1u);
   EXPECT_THAT(log_->Text("[%s]invalid task id[%s].[%s(%d)]"), HasSubstr("invalid task id[unknown]."));
   EXPECT_TRUE(IsError(List("k", ""), 400, "InvalidHttpContent"));
   EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 1u);
   EXPECT_TRUE(IsError(SendMessage(Message({"GET", "/none/k", "upload_id=1", "", {}})), 404, "NoSuchBucket"));
   EXPECT_TRUE(IsError(SendMessage(Message({"GET", Path("k"), "upload_id=1", "", {}})), 403, "AccessDenied"));
-}
-
-TEST_F(CObjectServerMultipartTest, CompletionsThatAreRefused) {
-  const std::string upload_id = NewTask("k");
-  SendPart("k", upload_id, 1, "aa");
-  SendPart("k", upload_id, 2, "b");
-  const TaskState before = StateOf(upload_id);
-  const auto part = [](const char* number, const char* size) { return PartXml(number, size); };
-  const auto refused = [&](const std::string& body) {
-    const auto result = IsError(Post(Path("k"), "upload_id=" + upload_id, body), 400, "InvalidXmlContent");
-    EXPECT_EQ(StateOf(upload_id), before);
-    EXPECT_FALSE(HasObject("k"));
-    return result;
-  };
-  const auto total = [](const std::string& number, const std::string& parts) {
-    return "<CompleteMultipartUpload><TotalPartNum>" + number + "</TotalPartNum>" + parts +
-           "</CompleteMultipartUpload>";
-  };
-  const std::string good = part("1", "2") + part("2", "1");
-
-  EXPECT_TRUE(refused(""));
-  EXPECT_EQ(log_->Count("[%s]recv data is null.[%s(%d)]", logging::kError), 1u);
-  EXPECT_TRUE(refused("no xml"));
-  EXPECT_THAT(log_->Text("[%s]invalid xml[%s].[%s(%d)]"), HasSubstr("invalid xml[no xml]."));
-  std::string deep;
-  for (int i = 0; i < 1000000; ++i) {
-    deep += "<a>";
-  }
-  EXPECT_TRUE(refused(deep));
-
-  for (const char* number : {"0", "-1", "", "x", "99999999999999999999", "1.5"}) {
-    EXPECT_TRUE(refused(total(number, good))) << number;
-  }
-  EXPECT_TRUE(refused("<CompleteMultipartUpload>" + good + "</CompleteMultipartUpload>"));
-  EXPECT_EQ(log_->Count("[%s]invalid total num[%s].[%s(%d)]", logging::kError), 7u);
-  EXPECT_TRUE(refused("<Other><TotalPartNum>2</TotalPartNum>" + good + "</Other>"));
-
-  log_->Clear();
-  for (const std::string& parts :
-       {part("1", "2"), part("1", "2") + part("2", "2"), part("1", "2") + part("3", "1"),
-        part("1", "2") + part("1", "2"), part("1", "2") + part("", "1"), part("1", "2") + part("2", ""),
-        part("1", "2") + part("4294967298", "1"), part("1", "2") + part("2", "4294967297"),
-        part("1", "2") + part("-1", "-1"), part("1", "2") + std::string("<Part/>"), part("x", "2") + part("2", "1")}) {
-    EXPECT_TRUE(refused(total("2", parts))) << parts;
-  }
-  EXPECT_EQ(log_->Count(kInvalidPart, logging::kError), 11u);
-  EXPECT_THAT(log_->Find(kInvalidPart)[1].text,
-              HasSubstr("invalid part: task_id[" + upload_id + "], num[2], size[2]."));
-  EXPECT_TRUE(refused(total("4294967295", good)));
-  EXPECT_TRUE(refused(total("9223372036854775807", good)));
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 1}}), ""));
-}
-
-TEST_F(CObjectServerMultipartTest, CompletionsWithoutTask) {
-  EXPECT_TRUE(IsError(Complete("k", "unknown", {{1, 1}}), 400, "InvalidXmlContent"));
-  EXPECT_TRUE(IsError(Post(Path("k"), "upload_id=", "x"), 400, "InvalidHttpContent"));
-  EXPECT_EQ(log_->Count(kQueryInvalid, logging::kError), 1u);
-  EXPECT_TRUE(IsError(SendMessage(Message({"POST", "/none/k", "upload_id=1", "x", {}})), 404, "NoSuchBucket"));
-  EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path("k"), "upload_id=1", "x", {}})), 403, "AccessDenied"));
-}
-
-TEST_F(CObjectServerMultipartTest, ACompletionWithoutFirstPartIsAnsweredAsIfItHadSucceeded) {
-  const std::string upload_id = NewTask("k");
-  SendPart("k", upload_id, 1, "aa");
-  catalogue_.RemovePartSizeInfo(upload_id);  // as after a restart
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}}), ""));
-  EXPECT_THAT(log_->Text(kNoFirstPart), HasSubstr("GetFirstPartInfo failed, task id:" + upload_id + "."));
-  EXPECT_FALSE(HasObject("k"));
-  EXPECT_EQ(StateOf(upload_id).parts.size(), 1u);
-}
-
-TEST_F(CObjectServerMultipartTest, AFirstPartFileThatIsGoneOrCut) {
-  constexpr const char* kReadFailed = "[%s]read first file failed[%s].[%s(%d)]";
-  const std::string upload_id = NewTask("k");
-  SendPart("k", upload_id, 1, "aaaa");
-  fs::resize_file(FirstPartFile(upload_id, 1), 3);
-  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
-  fs::resize_file(FirstPartFile(upload_id, 1), 0);
-  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
-  fs::remove(FirstPartFile(upload_id, 1));
-  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
-  EXPECT_EQ(log_->Count(kReadFailed, logging::kError), 3u);
-  EXPECT_THAT(log_->Text(kReadFailed), HasSubstr("read first file failed[./localstoragetmp\\" + upload_id + "_1]."));
-  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AAAA"), ""));
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
-  EXPECT_EQ(Object("k"), "AAAA");
-}
-
-TEST_F(CObjectServerMultipartTest, ACompletionThatTheStorageRefuses) {
-  const std::string upload_id = NewTask("k");
-  SendPart("k", upload_id, 1, "aaaa");
-  const TaskState before = StateOf(upload_id);
-  storage_.SetResult("stream", 3);
-  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "NotEnoughSpace"));
-  storage_.SetResult("stream", 4);
-  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
-  EXPECT_EQ(log_->Count(kSaveFailed, logging::kError), 2u);
-  EXPECT_EQ(StateOf(upload_id), before);
-  storage_.SetResult("stream", 0);
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
-  EXPECT_EQ(Object("k"), "aaaa");
-}
-
-TEST_F(CObjectServerMultipartTest, ACompletionThatTheCatalogueRefuses) {
-  const std::string upload_id = NewTask("k");
-  SendPart("k", upload_id, 1, "aaaa");
-  Database().FailStatementsWith("INSERT INTO platform.local_object ");
-  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 500, "ServerInternalError"));
-  Database().Heal();
-  EXPECT_EQ(log_->Count("[%s]add object failed[%d].[%s(%d)]", logging::kError), 1u);
-  EXPECT_FALSE(HasObject("k"));
-  // The first part is with the storage and its file gone: it has to be sent again.
-  EXPECT_FALSE(fs::exists(FirstPartFile(upload_id, 1)));
-  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "aaaa"), ""));
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
-  EXPECT_EQ(Object("k"), "aaaa");
 }
 
 TEST_F(CObjectServerMultipartTest, PartsBeyondTheWholeBodyLimit) {
@@ -544,6 +400,27 @@ TEST_F(CObjectServerMultipartTest, HandlersLookAtThePathThemselves) {
     EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
     EXPECT_THAT(log_->Text(kInvalidUrl), HasSubstr("]invalid url[/b/a/b].["));
   }
+}
+
+TEST_F(CObjectServerMultipartTest, MissingBucketsAndLongKeysAreLoggedForTheHandlerThatMetThem) {
+  constexpr const char* kNoBucket = "[%s]bucket name not exist[%s].[%s(%d)]";
+  const std::pair<const char*, FakeRequest> requests[] = {
+      {"HandleMultiUploadTaskCreate", {"POST", "/none/k", "uploads", "", {}}},
+      {"HandleUploadPartObject", {"POST", "/none/k", "upload_id=1&part_number=1", "x", {}}},
+      {"HandleGetAllObjectTask", {"GET", "/none/k", "upload_id=1", "", {}}},
+      {"HandleFinishMutiUploadTask", {"POST", "/none/k", "upload_id=1", "x", {}}}};
+  for (const auto& [handler, request] : requests) {
+    log_->Clear();
+    EXPECT_TRUE(IsError(Send(request), 404, "NoSuchBucket"));
+    EXPECT_EQ(log_->Count(kNoBucket, logging::kError), 1u) << handler;
+    EXPECT_THAT(log_->Text(kNoBucket), HasSubstr(std::string(handler) + "]bucket name not exist[none].["));
+  }
+  constexpr const char* kTooLong = "[%s]object key is too long, objectkey[%s].[%s(%d)]";
+  const std::string long_key(129, 'k');
+  EXPECT_TRUE(IsError(Post(Path(long_key), "uploads"), 400, "KeyTooLong"));
+  EXPECT_EQ(log_->Count(kTooLong, logging::kError), 1u);
+  EXPECT_THAT(log_->Text(kTooLong),
+              HasSubstr("HandleMultiUploadTaskCreate]object key is too long, objectkey[" + long_key + "].["));
 }
 
 }  // namespace

@@ -13,6 +13,15 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
+// Reaches the catalogue's tasks past its calls: an explicit instantiation may name a private member.
+using TaskMap = std::map<std::string, TaskPartSet>;
+template <TaskMap CObjectStorageManager::*Member>
+struct TaskAccess {
+  friend TaskMap& TasksOf(CObjectStorageManager& manager) { return manager.*Member; }
+};
+TaskMap& TasksOf(CObjectStorageManager& manager);
+template struct TaskAccess<&CObjectStorageManager::tasks_>;
+
 class ObjectStorageManagerTasks : public CatalogueFixture {
  protected:
   Texts Rows(const std::string& column) {
@@ -195,6 +204,29 @@ TEST_F(ObjectStorageManagerTasks, CheckLooksAtTheLowestPartsNames) {
   ASSERT_TRUE(manager_.InsertObjectTask(lower));
   EXPECT_EQ(manager_.CheckTaskInfoExist(lower), 0);
   EXPECT_EQ(manager_.CheckTaskInfoExist(Part("task", 5)), 1);
+}
+
+// No call of the catalogue leaves a task without a part; should there be one all the same, it is told from a missing
+// one.
+TEST_F(ObjectStorageManagerTasks, TellATaskWithoutPartsFromAMissingOne) {
+  TasksOf(manager_)["empty"];
+  TaskPartSet parts;
+  EXPECT_FALSE(manager_.GetAllTask("empty", parts));
+  ExpectLine(5, "CObjectStorageManager::GetAllTask", "[%s]GetTaskInfo failed, task[%s] list empty.[%s(%d)]",
+             "GetTaskInfo failed, task[empty] list empty.");
+  log_->Clear();
+  ObjectTaskInfo part;
+  EXPECT_FALSE(manager_.GetTaskInfo("empty", 1, part));
+  ExpectLine(5, "CObjectStorageManager::GetTaskInfo", "[%s]GetTaskInfo failed, task[%s] list empty.[%s(%d)]",
+             "GetTaskInfo failed, task[empty] list empty.");
+  EXPECT_EQ(manager_.CheckTaskInfoExist(Part("empty", 1)), 1);
+  ExpectLine(5, "CObjectStorageManager::CheckTaskInfoExist",
+             "[%s]CheckTaskInfoExist failed, task[%s] list empty.[%s(%d)]",
+             "CheckTaskInfoExist failed, task[empty] list empty.");
+  std::map<std::string, std::string> times;
+  EXPECT_TRUE(manager_.GetTaskUpdateTime(times));
+  EXPECT_TRUE(times.empty());
+  EXPECT_TRUE(manager_.RemoveObjectTask("empty"));
 }
 
 TEST_F(ObjectStorageManagerTasks, RemovesATask) {
