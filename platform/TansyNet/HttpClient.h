@@ -37,9 +37,10 @@ struct CHttpClientRequest {
   std::uint64_t body_size = 0;
   bool send_host = true;
   // Time-outs; 0 waits without limit.
-  std::uint32_t connect_timeout_ms = 5000;                // look-up, connection and TLS handshake together
-  std::uint32_t send_timeout_ms = 15000;                  // without progress
-  std::uint32_t receive_timeout_ms = 15000;               // until the first byte of the answer, then without progress
+  std::uint32_t connect_timeout_ms = 5000;  // look-up, connection and TLS handshake together
+  std::uint32_t send_timeout_ms = 15000;    // without progress
+  // Until the first byte of the answer, then for the rest of its head, then without progress.
+  std::uint32_t receive_timeout_ms = 15000;
   std::uint64_t max_body_bytes = std::uint64_t{4} << 30;  // of an answer that Send keeps in memory
 };
 

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
+#include <chrono>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -18,11 +20,18 @@ using boost::beast::string_view;
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 // A server that has this many interim answers to give will never come to the point.
 constexpr int kMaxInterimHeads = 16;
 
 HttpClient::Error BadAnswer(http::error reason) {
   return {HttpClient::kBadAnswer, static_cast<std::int32_t>(reason)};
+}
+
+int TimeLeft(Clock::time_point until) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+  return static_cast<int>(std::max<std::int64_t>(left, 0));
 }
 
 HttpClient::Error TooLarge() {
@@ -129,14 +138,19 @@ bool CAnswerReader::ReadHead(CHttpClientResponse& response, HttpClient::Error& e
   parser_->eager(false);  // stop behind the head, whatever of the body has come with it
   std::size_t head_bytes = 0;
   bool more = connection_.Buffered().empty();
+  // A head is small: the rest of one that has begun has the time-out for all of it, however steadily it drips.
+  std::optional<Clock::time_point> until;
   while (!parser_->is_header_done()) {
     if (more) {
-      const IoResult result = connection_.Fill(timeout_ms_);
+      const IoResult result = connection_.Fill(until ? TimeLeft(*until) : timeout_ms_);
       if (result.status != IoResult::Status::kDone || result.bytes == 0) {
         return Report(result, error);
       }
     }
     started_ = true;
+    if (!until && timeout_ms_ >= 0) {
+      until = Clock::now() + std::chrono::milliseconds(timeout_ms_);
+    }
     std::size_t used = 0;
     if (!ParseBuffered(error, used)) {
       return false;
