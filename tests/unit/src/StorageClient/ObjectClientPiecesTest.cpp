@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +25,28 @@ using Tests::ScriptedRequest;
 constexpr char kGuid[] = "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}";
 constexpr char kPieceFailed[] = "[%s]upload piece failed, url[%s] partnum[%d], dst location[%s].[%s(%d)]";
 constexpr char kKeyTrace[] = "[%s][%s].[%s(%d)]";
+
+// Forgets an upload between the recording of its last piece and the list of all of them, where the key is traced for
+// the second time.
+class CForgettingSink : public logging::ISink {
+ public:
+  explicit CForgettingSink(const std::string& key) : key_(key) {}
+
+  void Write(const logging::Record& record) override {
+    if (record.format == kKeyTrace && ++traces_ == 2) {
+      CPartUploadRegistry::Instance().RemoveTask(key_);
+    }
+    formats_.emplace_back(record.format);
+  }
+  std::size_t Count(const std::string& format) const {
+    return static_cast<std::size_t>(std::count(formats_.begin(), formats_.end(), format));
+  }
+
+ private:
+  const std::string key_;
+  int traces_ = 0;
+  std::vector<std::string> formats_;
+};
 
 class ObjectClientPiecesTest : public ObjectClientFixture {
  protected:
@@ -323,6 +346,17 @@ TEST_F(ObjectClientPiecesTest, SaysThatAnUploadWasForgottenMeanwhile) {
   });
   EXPECT_FALSE(SendNamed(url, "two", true, false));
   EXPECT_EQ(log_->Count("[%s]upload piece failed, add piece failed, url[%s].[%s(%d)]", logging::kError), 1u);
+}
+
+TEST_F(ObjectClientPiecesTest, SaysThatThePiecesWereForgottenMeanwhile) {
+  std::string url = name_;
+  EXPECT_TRUE(SendNamed(url, "one", false, true));
+  const auto forgetting = std::make_shared<CForgettingSink>(name_);
+  const std::shared_ptr<logging::ISink> before = logging::SetSink(forgetting);
+  EXPECT_FALSE(SendNamed(url, "two", true, false));
+  logging::SetSink(before);
+  EXPECT_EQ(forgetting->Count("[%s]upload piece failed, get all pieces failed, url[%s].[%s(%d)]"), 1u);
+  EXPECT_FALSE(server_.Requests().back().target.ends_with("upload_id=" + multipart_.TaskId(1))) << "not completed";
 }
 
 TEST_F(ObjectClientPiecesTest, FailsWithoutItsState) {

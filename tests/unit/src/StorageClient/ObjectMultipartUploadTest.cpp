@@ -18,6 +18,7 @@
 
 #include "MultipartServer.h"
 #include "ObjectClientFixture.h"
+#include "TansyBase/GuidUtil.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -128,6 +129,20 @@ TEST_F(ObjectMultipartUploadTest, ReportsRisingValuesBelowAHundredAndThenAHundre
   EXPECT_EQ(std::count(progress.begin(), progress.end(), 100), 1);
   EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
   EXPECT_EQ(std::adjacent_find(progress.begin(), progress.end()), progress.end()) << "the same value twice";
+}
+
+TEST_F(ObjectMultipartUploadTest, ReportsAHundredOnTheWayAsNinetyNine) {
+  // What is counted for an upload id stays: under an id that was used before, all parts seem to be there at once.
+  multipart_.UseOneTaskId(TansyBase::GuidUtil::CreateGuid());
+  multipart_.SetDelay(20);
+  const std::string path = folder_.MakeFile("file.bin", std::string(8 * kPartBytes, 'x'));
+  std::string url;
+  ASSERT_TRUE(client_.UploadFile(url, path));
+  const std::size_t first = Progress().size();
+  ASSERT_TRUE(client_.UploadFile(url, path));
+  const std::vector<int> all = Progress();
+  EXPECT_THAT(std::vector<int>(all.begin() + static_cast<std::ptrdiff_t>(first), all.end()),
+              testing::ElementsAre(99, 100));
 }
 
 TEST_F(ObjectMultipartUploadTest, TriesAPartThreeTimes) {
