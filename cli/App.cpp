@@ -16,13 +16,13 @@ namespace Tansy::Cli {
 
 int Run(int argc, const char* const* argv) {
   try {
+    HostSystem::MakeStreamsBinary();
     const ParsedCommandLine line = ParseCommandLine(argc, argv);
     if (!line.print_only.empty()) {
       PrintBytes(line.print_only.data(), line.print_only.size());
       return kExitDone;
     }
     EndCleanlyOnInterrupt();
-    HostSystem::MakeStreamsBinary();
     KeepModuleLog();
     const CommandCall call{line.globals, line.arguments, line.options};
     return line.command->run(call);

@@ -9,6 +9,7 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "HelpText.h"
+#include "Output.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -113,6 +114,50 @@ std::string HelpFor(const CLI::App& program, const std::list<Slots>& commands) {
   return groups.empty() ? ProgramHelp() : GroupHelp(groups.front()->get_name());
 }
 
+bool IsOption(const std::string& word) {
+  return word.size() > 1 && word.front() == '-';
+}
+
+// What is wrong with the words of a command line. The parser looks at what is missing first; people would rather hear
+// of the word that nobody understood, because it is most often the reason.
+CFailure WrongUse(const CLI::App& program, const CLI::ParseError& error) {
+  const CLI::App* app = &program;
+  std::string named = "tansy";
+  while (!app->get_subcommands().empty()) {
+    app = app->get_subcommands().front();
+    named += " " + app->get_name();
+  }
+  const bool is_command = app->get_subcommands({}).empty();
+  std::vector<std::string> unknown = program.remaining(true);
+  unknown.erase(std::find(unknown.begin(), unknown.end(), "--"), unknown.end());
+  const std::string how = "'" + named + " --help' " + (is_command ? "says how it is used" : "lists the commands");
+  if (!is_command && !unknown.empty() && !IsOption(unknown.front())) {
+    return {kExitUsage, "there is no command \"" + Printable(unknown.front()) + "\"", how};
+  }
+  const auto option = std::find_if(unknown.begin(), unknown.end(), IsOption);
+  if (option != unknown.end()) {
+    return {kExitUsage, "there is no option " + Printable(*option),
+            how + (is_command ? "; names with a leading dash follow --" : "")};
+  }
+  if (!unknown.empty()) {
+    return {kExitUsage, "one argument too many: \"" + Printable(unknown.front()) + "\"", how};
+  }
+  if (!is_command && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+    return {kExitUsage, "no command is given", how};
+  }
+  return {kExitUsage, OneLine(error.what()), how};
+}
+
+// "tansy help put" asks for what "tansy put --help" prints.
+std::vector<const char*> WithHelpAsOption(int argc, const char* const* argv) {
+  std::vector<const char*> words(argv, argv + argc);
+  if (words.size() > 1 && std::string(words[1]) == "help") {
+    words.erase(words.begin() + 1);
+    words.push_back("--help");
+  }
+  return words;
+}
+
 }  // namespace
 }  // namespace details
 
@@ -135,7 +180,8 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   }
 
   try {
-    program.parse(argc, argv);
+    const std::vector<const char*> words = details::WithHelpAsOption(argc, argv);
+    program.parse(static_cast<int>(words.size()), words.data());
   } catch (const CLI::CallForHelp&) {
     line.print_only = details::HelpFor(program, commands);
     return line;
@@ -143,7 +189,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
     line.print_only = std::string(version.what()) + "\n";
     return line;
   } catch (const CLI::ParseError& error) {
-    throw CFailure(kExitUsage, details::OneLine(error.what()), "tansy --help lists commands and options");
+    throw details::WrongUse(program, error);
   }
   line.globals = details::ToGlobals(global_options);
   for (const details::Slots& slots : commands) {

@@ -120,7 +120,7 @@ std::string CompletionFunction() {
             Joined(Names(GlobalOptions())) +
             " --help\" files=\"\"\n"
             "  case \"$previous\" in\n"
-            "    --ca|--data) COMPREPLY=($(compgen -f -- \"$word\")); return ;;\n"
+            "    --ca|--data) local IFS=$'\\n'; COMPREPLY=($(compgen -f -- \"$word\")); return ;;\n"
             "    " +
             valued +
             ") return ;;\n"
@@ -141,7 +141,9 @@ std::string CompletionFunction() {
   return script +
          "  esac\n"
          "  COMPREPLY=($(compgen -W \"$words\" -- \"$word\"))\n"
-         "  [[ -n \"$files\" && \"$word\" != -* ]] && COMPREPLY=($(compgen -f -- \"$word\"))\n"
+         "  [[ -z \"$files\" || \"$word\" == -* ]] && return 0\n"
+         "  local IFS=$'\\n'\n"  // names with blanks are one word each
+         "  COMPREPLY=($(compgen -f -- \"$word\"))\n"
          "  return 0\n"
          "}\n";
 }

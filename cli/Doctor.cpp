@@ -60,8 +60,8 @@ class CExamination {
   }
 
   void CheckSettingsFile() {
-    const std::string path = settings_.data_folder + "/tansyd.toml";
-    if (!settings_.data_folder.empty() && HostSystem::IsReadableByOthers(path)) {
+    const std::string& path = settings_.keys_file;
+    if (!path.empty() && HostSystem::IsReadableByOthers(path)) {
       Add(EFinding::kWarning, "settings", path + " holds the secret key and can be read by others",
           "take their permission away: chmod 600 " + path);
     }
@@ -73,9 +73,18 @@ class CExamination {
       Add(EFinding::kOk, "address", settings_.object_server.Url() + " answers");
       return true;
     } catch (const CFailure& failure) {
-      Add("address", failure);
+      const std::string& advice = failure.GetAdvice();
+      findings_.push_back({EFinding::kFailure, "address", failure.what(),
+                           advice == kAdviceUnreachable ? AdviceUnreachable() : advice, failure.GetExitCode()});
       return false;
     }
+  }
+
+  std::string AdviceUnreachable() const {
+    return settings_.data_folder.empty()
+               ? "is the server running there, and are host and port right?"
+               : "is tansyd running with this folder? Ports that its command line gave are not in tansyd.toml; name "
+                 "the server with --server http://127.0.0.1:PORT then";
   }
 
   void CheckKeys() {

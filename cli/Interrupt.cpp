@@ -12,8 +12,11 @@ namespace Tansy::Cli {
 
 void EndCleanlyOnInterrupt() {
   HostSystem::TakeSignals();
-  std::thread([] {
-    HostSystem::WaitForSignal();
+  const bool hangup_ignored = HostSystem::IsHangupIgnored();
+  std::thread([hangup_ignored] {
+    // Started to outlive its terminal: a hang-up is then no reason to end.
+    while (HostSystem::WaitForSignal() == HostSystem::ESignal::kReload && hangup_ignored) {
+    }
     CPartialFile::RemoveAll();
     std::fputs("\ntansy: interrupted\n", stderr);
     // Other threads are in the middle of transfers; nothing of the process is worth waiting for.

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 
 #include "Failure.h"
+#include "HostSystem/Files.h"
 #include "TansyBase/StringUtil.h"
 
 using TansyBase::StringUtil;
@@ -15,11 +15,22 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-std::mutex output_mutex;  // one line at a time
+std::mutex output_mutex;      // one line at a time; guards what follows
+bool progress_shown = false;  // the terminal's last line is one of progress
+
+void HideProgress() {
+  if (progress_shown) {
+    std::fputs("\r\x1b[K", stderr);
+    std::fflush(stderr);
+    progress_shown = false;
+  }
+}
 
 void Write(std::FILE* stream, const char* data, std::size_t size) {
   if (std::fwrite(data, 1, size, stream) != size || std::fflush(stream) != 0) {
-    throw CFailure(kExitFailed, std::string("standard output: ") + std::strerror(errno), "");
+    const int error = errno;
+    throw CFailure(HostSystem::IsNoSpace(error) ? kExitNoSpace : kExitFailed,
+                   "standard output: " + HostSystem::ErrorText(error), "");
   }
 }
 
@@ -102,6 +113,7 @@ void PrintLine(const std::string& line) {
 
 void PrintBytes(const char* data, std::size_t size) {
   const std::lock_guard lock(details::output_mutex);
+  details::HideProgress();
   details::Write(stdout, data, size);
 }
 
@@ -127,7 +139,18 @@ void PrintTable(const std::vector<std::vector<std::string>>& rows) {
 
 void PrintNote(const std::string& line) {
   const std::lock_guard lock(details::output_mutex);
+  details::HideProgress();
   std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void ShowProgress(const std::string& line) {
+  const std::lock_guard lock(details::output_mutex);
+  details::HideProgress();
+  if (!line.empty()) {
+    std::fputs(line.c_str(), stderr);
+    std::fflush(stderr);
+    details::progress_shown = true;
+  }
 }
 
 std::string FormatBytes(std::uint64_t bytes) {

@@ -39,6 +39,9 @@ void PrintTable(const std::vector<std::vector<std::string>>& rows);
 
 // A line that is only for people, on standard error.
 void PrintNote(const std::string& line);
+// Puts a line of progress in the place of the last one, without ending it; "" takes it away. Whatever else is printed
+// takes it away too, so that it never mixes with results.
+void ShowProgress(const std::string& line);
 
 // "512 B", "1.5 KiB", "3.2 GiB"
 std::string FormatBytes(std::uint64_t bytes);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <system_error>
@@ -17,14 +18,22 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-std::mutex partial_mutex;             // guards what follows, and every removal and renaming
-std::set<std::string> partial_paths;  // files that are being written
-bool partials_removed = false;        // the process is about to end
+struct Partials {
+  std::mutex mutex;             // guards what follows, and every removal and renaming
+  std::set<std::string> paths;  // files that are being written
+  bool removed = false;         // the process is about to end
+};
+
+// Never destroyed: an interruption may come while the process ends.
+Partials& AllPartials() {
+  static auto* const partials = new Partials;
+  return *partials;
+}
 
 [[noreturn]] void Fail(const std::string& path, const std::error_code& error) {
   const bool denied = error == std::errc::permission_denied || error == std::errc::operation_not_permitted ||
                       error == std::errc::read_only_file_system;
-  const bool full = error == std::errc::no_space_on_device;
+  const bool full = HostSystem::IsNoSpace(error.default_error_condition().value());
   const bool missing = error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
   throw CFailure(denied    ? kExitDenied
                  : full    ? kExitNoSpace
@@ -43,6 +52,29 @@ std::filesystem::path Utf8Path(const std::string& path) {
 std::string Utf8Text(const std::filesystem::path& path) {
   const std::u8string text = path.u8string();
   return {text.begin(), text.end()};
+}
+
+// Returns when the file is on stable storage: a new name before that could be there after a power cut, and the bytes
+// not. A folder that may not be listed cannot be opened and goes without.
+void SyncFile(const std::string& path, const std::string& target) {
+  const std::filesystem::path parent = Utf8Path(path).parent_path();
+  int error = 0;
+  const auto folder = HostSystem::OpenFolder(parent.empty() ? "." : Utf8Text(parent), error);
+  std::unique_ptr<HostSystem::IFile> file;
+  if (folder != nullptr && folder->OpenForWriting(Utf8Text(Utf8Path(path).filename()), file) == 0) {
+    error = file->Sync();
+    if (error != 0) {
+      Fail(target, std::error_code(error, std::generic_category()));
+    }
+  }
+}
+
+void SyncFolderOf(const std::string& path) {
+  const std::filesystem::path parent = Utf8Path(path).parent_path();
+  int error = 0;
+  if (const auto folder = HostSystem::OpenFolder(parent.empty() ? "." : Utf8Text(parent), error)) {
+    folder->Sync();  // the file is complete under its name either way
+  }
 }
 
 // A new empty file; "x" refuses to open what another program has put there.
@@ -68,43 +100,51 @@ CPartialFile::CPartialFile(const std::string& target) : target_(target) {
   }
   const std::string name = ".tansy-" + TansyBase::GuidUtil::CreateGuid() + ".part";
   path_ = details::Utf8Text(details::Utf8Path(target_).replace_filename(name));
-  const std::lock_guard lock(details::partial_mutex);
-  if (details::partials_removed) {
+  details::Partials& partials = details::AllPartials();
+  const std::lock_guard lock(partials.mutex);
+  if (partials.removed) {
     throw CFailure(kExitInterrupted, "interrupted", "");
   }
   details::MakeEmpty(path_, target);
-  details::partial_paths.insert(path_);
+  partials.paths.insert(path_);
 }
 
 CPartialFile::~CPartialFile() {
-  const std::lock_guard lock(details::partial_mutex);
-  if (details::partial_paths.erase(path_) > 0) {
+  details::Partials& partials = details::AllPartials();
+  const std::lock_guard lock(partials.mutex);
+  if (partials.paths.erase(path_) > 0) {
     std::error_code ignored;
     std::filesystem::remove(details::Utf8Path(path_), ignored);
   }
 }
 
 void CPartialFile::Commit() {
-  const std::lock_guard lock(details::partial_mutex);
-  if (details::partials_removed) {
-    throw CFailure(kExitInterrupted, "interrupted", "");
+  details::SyncFile(path_, target_);  // before the lock: an interruption need not wait for it
+  details::Partials& partials = details::AllPartials();
+  {
+    const std::lock_guard lock(partials.mutex);
+    if (partials.removed) {
+      throw CFailure(kExitInterrupted, "interrupted", "");
+    }
+    std::error_code error;
+    std::filesystem::rename(details::Utf8Path(path_), details::Utf8Path(target_), error);
+    if (error) {
+      details::Fail(target_, error);
+    }
+    partials.paths.erase(path_);
   }
-  std::error_code error;
-  std::filesystem::rename(details::Utf8Path(path_), details::Utf8Path(target_), error);
-  if (error) {
-    details::Fail(target_, error);
-  }
-  details::partial_paths.erase(path_);
+  details::SyncFolderOf(target_);
 }
 
 void CPartialFile::RemoveAll() {
-  const std::lock_guard lock(details::partial_mutex);
-  details::partials_removed = true;
-  for (const std::string& path : details::partial_paths) {
+  details::Partials& partials = details::AllPartials();
+  const std::lock_guard lock(partials.mutex);
+  partials.removed = true;
+  for (const std::string& path : partials.paths) {
     std::error_code ignored;
     std::filesystem::remove(details::Utf8Path(path), ignored);
   }
-  details::partial_paths.clear();
+  partials.paths.clear();
 }
 
 }  // namespace Tansy::Cli

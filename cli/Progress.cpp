@@ -1,7 +1,6 @@
 #include "Progress.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "HostSystem/Terminal.h"
 #include "Output.h"
@@ -78,7 +77,7 @@ CProgress::~CProgress() {
   }
   stopped_.notify_all();
   thread_.join();
-  std::fputs("\r\x1b[K", stderr);
+  ShowProgress("");
 }
 
 std::size_t CProgress::Add(const std::string& name, std::uint64_t total) {
@@ -128,9 +127,7 @@ void CProgress::Draw() {
     if (!transfers_.empty()) {
       // One column stays free: a full line would make the terminal scroll.
       const auto width = static_cast<std::size_t>(std::max(HostSystem::TerminalWidth() - 1, 1));
-      const std::string line = RenderProgress(State(), width);
-      std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
-      std::fflush(stderr);
+      ShowProgress(RenderProgress(State(), width));
     }
   }
 }

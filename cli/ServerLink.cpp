@@ -13,6 +13,8 @@ namespace details {
 namespace {
 
 constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{64} << 20;
+// Smaller numbers of a failed TLS handshake say what is wrong with the certificate.
+constexpr int kFirstTlsReason = 100;
 
 struct ErrorRow {
   const char* code;
@@ -91,7 +93,9 @@ CFailure FailureOfAnswer(int status, const std::string& body, const std::string&
                                                              : kExitFailed;
   return {exit_code,
           server + " answered " + std::to_string(status) + (code.empty() ? "" : " " + Printable(code.substr(0, 100))),
-          status >= 500 ? "look into the server's log" : ""};
+          status >= 500                   ? "look into the server's log"
+          : code.empty() && status == 400 ? "is this an object server, and HTTP or HTTPS as it should be?"
+                                          : ""};
 }
 
 CFailure FailureOfExchange(const TansyNet::HttpClient::Error& error, const std::string& server) {
@@ -102,8 +106,11 @@ CFailure FailureOfExchange(const TansyNet::HttpClient::Error& error, const std::
       return {kExitUsage, what, "names hold no blanks and no control characters"};
     case HttpClient::kResolve:
     case HttpClient::kConnect:
-      return {kExitUnreachable, what, "is the server running, and is the address right? 'tansy doctor' looks closer"};
+      return {kExitUnreachable, what, kAdviceUnreachable};
     case HttpClient::kTls:
+      if (error.detail >= details::kFirstTlsReason) {
+        return {kExitUnreachable, what, "does the server speak HTTPS, and can the file of --ca be read?"};
+      }
       return {kExitUnreachable, what, "trust its certificate with --ca FILE, or any with --insecure"};
     case HttpClient::kBadAnswer:
       return {kExitUnreachable, what, "is this an object server, and HTTP or HTTPS as it should be?"};

@@ -33,6 +33,10 @@ class CServerLink {
   const std::string secret_key_;
 };
 
+// Advice after a connection that failed.
+inline constexpr char kAdviceUnreachable[] =
+    "is the server running, and is the address right? 'tansy doctor' looks closer";
+
 // What an answer that is no success means: the error of the object protocol in its body, else its status.
 CFailure FailureOfAnswer(int status, const std::string& body, const std::string& server);
 // What a request without an answer means.

@@ -64,6 +64,7 @@ struct Source {
   std::string ca;
   bool insecure = false;
   std::string data_folder;
+  std::string keys_file;
 };
 
 // The settings that a tansyd keeps in its data folder.
@@ -82,6 +83,7 @@ Source ReadDataFolder(const std::string& folder) {
   if (const toml::table* credentials = (*table)["credentials"].as_table()) {
     source.access_key = TextOf(*credentials, "access_key");
     source.secret_key = TextOf(*credentials, "secret_key");
+    source.keys_file = path;
   }
   return source;
 }
@@ -102,6 +104,7 @@ Source SourceOf(const toml::table& server, const std::string& name, const std::s
   source.picture_url = TextOf(server, "picture_url");
   source.access_key = TextOf(server, "access_key");
   source.secret_key = TextOf(server, "secret_key");
+  source.keys_file = path;
   source.pool = TextOf(server, "pool");
   source.ca = TextOf(server, "ca");
   source.insecure = server["insecure"].value_or(false);
@@ -155,6 +158,7 @@ void Complete(Source& settings, const Source& source) {
   if (settings.access_key.empty() && settings.secret_key.empty()) {
     settings.access_key = source.access_key;
     settings.secret_key = source.secret_key;
+    settings.keys_file = source.keys_file;
   }
   take(settings.pool, source.pool);
   take(settings.ca, source.ca);
@@ -205,6 +209,7 @@ Settings ToSettings(const Source& source) {
   settings.ca = source.ca;
   settings.insecure = source.insecure;
   settings.data_folder = source.data_folder;
+  settings.keys_file = source.keys_file;
   settings.source = source.name;
   return settings;
 }

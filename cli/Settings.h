@@ -49,6 +49,7 @@ struct Settings {
   std::string ca;
   bool insecure = false;
   std::string data_folder;  // of a tansyd on this machine; empty when the settings come from elsewhere
+  std::string keys_file;    // that the keys were read from; empty when they come from the environment
   std::string source;       // where the server comes from, for people
 };
 

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <vector>
 
 #include "Failure.h"
+#include "HostSystem/Files.h"
 #include "ModuleClient.h"
 #include "Output.h"
 #include "ServerLink.h"
@@ -18,21 +18,22 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-constexpr std::uint64_t kFetchBytes = std::uint64_t{8} << 20;
+constexpr std::uint64_t kFetchBytes = std::uint64_t{2} << 20;
 // The protocol counts an object's bytes in 32 bits.
 constexpr std::uint64_t kLargestObject = 0xFFFFFFFF;
 
 CFailure FileFailure(const std::string& path, int error) {
-  const std::error_code code(error, std::generic_category());
-  const bool denied = error == EACCES || error == EPERM;
-  const bool missing = error == ENOENT || error == ENOTDIR;
-  return {denied    ? kExitDenied
-          : missing ? kExitNotFound
-                    : kExitFailed,
-          Printable(path) + ": " + code.message(),
-          denied    ? "check its permissions"
-          : missing ? "check the path"
-                    : ""};
+  const std::string what = Printable(path) + ": " + HostSystem::ErrorText(error);
+  if (error == EACCES || error == EPERM || error == EROFS) {
+    return {kExitDenied, what, "check its permissions"};
+  }
+  if (error == ENOENT || error == ENOTDIR) {
+    return {kExitNotFound, what, "check the path"};
+  }
+  if (HostSystem::IsNoSpace(error)) {
+    return {kExitNoSpace, what, "make room, or choose another folder"};
+  }
+  return {kExitFailed, what, ""};
 }
 
 bool ParseNumber(const std::string& text, std::uint64_t& number) {
@@ -45,7 +46,7 @@ bool ParseNumber(const std::string& text, std::uint64_t& number) {
 std::size_t ReadPiece(std::FILE* file, char* data, std::size_t size) {
   const std::size_t done = std::fread(data, 1, size, file);
   if (done < size && std::ferror(file) != 0) {
-    throw CFailure(kExitFailed, std::string("reading failed: ") + std::strerror(errno), "");
+    throw CFailure(kExitFailed, "reading failed: " + HostSystem::ErrorText(errno), "");
   }
   return done;
 }
@@ -68,7 +69,7 @@ bool NextPiece(std::FILE* file, const PieceUpload& upload, std::uint64_t sent, s
   const int next = piece.size() < size ? EOF : std::fgetc(file);
   if (next == EOF) {
     if (std::ferror(file) != 0) {
-      throw CFailure(kExitFailed, std::string("reading failed: ") + std::strerror(errno), "");
+      throw CFailure(kExitFailed, "reading failed: " + HostSystem::ErrorText(errno), "");
     }
     return true;
   }
@@ -108,6 +109,22 @@ StdioFile OpenForReading(const std::string& path) {
     throw details::FileFailure(path, errno);
   }
   return file;
+}
+
+StdioFile OpenForWriting(const std::string& path) {
+  StdioFile file(TansyBase::FileUtil::OpenFile(path, "wb"));
+  if (file == nullptr) {
+    throw details::FileFailure(path, errno);
+  }
+  // Pieces are large; a buffer between would only delay the news that the disk is full.
+  std::setvbuf(file.get(), nullptr, _IONBF, 0);
+  return file;
+}
+
+void WriteTo(std::FILE* file, const std::string& path, const char* data, std::size_t size) {
+  if (std::fwrite(data, 1, size, file) != size) {
+    throw details::FileFailure(path, errno);
+  }
 }
 
 std::uint64_t ObjectSize(const Settings& settings, const ObjectUrl& url) {

@@ -23,6 +23,10 @@ using StdioFile = std::unique_ptr<std::FILE, CloseStdioFile>;
 std::uint64_t LocalFileSize(const std::string& path);
 // Throws CFailure.
 StdioFile OpenForReading(const std::string& path);
+// Makes the file, or empties it. Throws CFailure.
+StdioFile OpenForWriting(const std::string& path);
+// Writes all of it; `path` is for the message. Throws CFailure, with kExitNoSpace when the disk is full.
+void WriteTo(std::FILE* file, const std::string& path, const char* data, std::size_t size);
 
 // Size of a stored object. Throws CFailure about `url`.
 std::uint64_t ObjectSize(const Settings& settings, const ObjectUrl& url);

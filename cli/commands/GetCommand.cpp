@@ -1,17 +1,12 @@
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <functional>
 
 #include "Commands.h"
 #include "Failure.h"
-#include "ModuleClient.h"
 #include "ObjectUrl.h"
 #include "Output.h"
 #include "PartialFile.h"
 #include "Progress.h"
 #include "Settings.h"
-#include "TansyBase/FileUtil.h"
 #include "Transfer.h"
 
 namespace Tansy::Cli {
@@ -59,14 +54,10 @@ class CGet {
     const std::string target = TargetOf(file, url_.key);
     const std::uint64_t size = ObjectSize(settings_, url_);
     if (IsSpecialFile(target)) {
-      FetchInto(target, range, size);
+      FetchInto(target, target, range, size);
     } else {
       CPartialFile partial(target);
-      if (call_.Has("--range")) {
-        FetchInto(partial.Path(), range, size);
-      } else {
-        Download(partial.Path(), size);
-      }
+      FetchInto(partial.Path(), target, range, size);
       partial.Commit();
     }
     Report(target);
@@ -74,35 +65,14 @@ class CGet {
   }
 
  private:
-  void Download(const std::string& path, std::uint64_t size) {
-    CProgress progress(call_.globals, "get");
-    const std::size_t number = progress.Add(url_.key, size);
-    CloudStorage::CObjectClient client =
-        MakeObjectClient(settings_, url_.bucket, [&](int percent) { progress.UpdatePercent(number, percent); });
-    if (!client.DownloadFile(url_.Path(), path)) {
-      throw FailureOfClient(client, settings_.object_server.Url()).About(Printable(url_.Path()));
-    }
-    if (LocalFileSize(path) != size) {
-      throw CFailure(kExitFailed, Printable(url_.Path()) + ": changed while it was read", "try again");
-    }
-  }
-
-  void FetchInto(const std::string& path, ByteRange range, std::uint64_t size) {
+  // `target` is what failures are about.
+  void FetchInto(const std::string& path, const std::string& target, ByteRange range, std::uint64_t size) {
     CProgress progress(call_.globals, "get");
     const std::uint64_t end = range.end == 0 || range.end > size ? size : range.end;
     const std::size_t number = progress.Add(url_.key, end > range.begin ? end - range.begin : 0);
-    const StdioFile file(TansyBase::FileUtil::OpenFile(path, "wb"));
-    const auto check = [&](bool written) {
-      if (!written) {
-        throw CFailure(errno == ENOSPC ? kExitNoSpace : kExitFailed, Printable(path) + ": " + std::strerror(errno), "");
-      }
-    };
-    check(file != nullptr);
-    FetchPieces(
-        settings_, url_, range, size,
-        [&](const char* data, std::size_t count) { check(std::fwrite(data, 1, count, file.get()) == count); },
-        [&](std::uint64_t bytes) { progress.Update(number, bytes); });
-    check(std::fflush(file.get()) == 0);
+    const StdioFile file = OpenForWriting(path);
+    const auto write = [&](const char* data, std::size_t count) { WriteTo(file.get(), target, data, count); };
+    FetchPieces(settings_, url_, range, size, write, [&](std::uint64_t bytes) { progress.Update(number, bytes); });
   }
 
   void Report(const std::string& target) const {

@@ -17,8 +17,13 @@ int RunParts(const CommandCall& call) {
   if (upload_id.empty() || upload_id.find_first_of("&# ?") != std::string::npos) {
     throw CFailure(kExitUsage, "\"" + Printable(upload_id) + "\" is no upload id", "the server's log names them");
   }
-  const TansyNet::CHttpClientResponse answer =
-      CServerLink(settings).Request("GET", url.Path() + "?upload_id=" + upload_id, "upload " + Printable(upload_id));
+  const CServerLink server(settings);
+  const TansyNet::CHttpClientResponse answer = server.Exchange("GET", url.Path() + "?upload_id=" + upload_id);
+  if (answer.status != 200) {
+    const CFailure failure = FailureOfAnswer(answer.status, answer.body, server.Address().Url());
+    throw CFailure(failure.GetExitCode(), "upload " + Printable(upload_id) + ": " + failure.what(),
+                   answer.status == 400 ? "is it this object's, and still unfinished?" : failure.GetAdvice());
+  }
   TansyProto::CXmlProto xml;
   if (!xml.Parse(answer.body) || !xml.Has("/ListPartsResult")) {
     throw CFailure(kExitFailed, "upload " + Printable(upload_id) + ": the answer is no list of parts", "");

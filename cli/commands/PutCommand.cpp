@@ -2,6 +2,7 @@
 #include <charconv>
 #include <chrono>
 #include <memory>
+#include <vector>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -83,7 +84,8 @@ class CPut {
     const std::size_t number = progress_.Add(file, size);
     const std::string extension = Extension(file);
     std::string url;
-    if (call_.Has("--name") || call_.Has("--pieces") || !IsPlainExtension(extension) || !IsWritable(file)) {
+    if (call_.Has("--name") || call_.Has("--pieces") || !IsPlainExtension(extension) || !IsWritable(file) ||
+        IsNamedTwice(file)) {
       url = PutInPieces(file, number, size);
     } else {
       CloudStorage::CObjectClient client = MakeObjectClient(
@@ -94,6 +96,12 @@ class CPut {
     }
     progress_.Finish(number);
     return url;
+  }
+
+  // The module opens a file for itself alone; the second opening of it by this very command would fail.
+  bool IsNamedTwice(const std::string& file) const {
+    const std::vector<std::string>& files = call_.Arguments("FILE");
+    return std::count(files.begin(), files.end(), file) > 1;
   }
 
   std::string PutInPieces(const std::string& file, std::size_t number, std::uint64_t& size) {

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "Commands.h"
 #include "Failure.h"
 #include "ObjectUrl.h"
@@ -14,6 +16,13 @@ int RunSign(const CommandCall& call) {
   const ObjectUrl url = ParseObjectUrl(call.Argument("URL"), settings);
   const std::string link =
       settings.object_server.Url() + SignedObjectTarget(url.Path(), settings.access_key, settings.secret_key);
+  // Keys are looked up as they arrive; a link that arrives rewritten names another object.
+  const bool rewritten =
+      std::any_of(link.begin(), link.end(), [](char c) { return static_cast<unsigned char>(c) > 0x7e; });
+  if (rewritten && !call.globals.quiet) {
+    PrintNote(
+        "note: browsers rewrite the letters of this name that are not ASCII, and the server then refuses the link");
+  }
   PrintLine(call.globals.json ? CJsonLine().Add("url", url.Path()).Add("link", link).Text() : link);
   return kExitDone;
 }

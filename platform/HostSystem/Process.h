@@ -17,6 +17,9 @@ void TakeSignals();
 // Waits for the next of them. One thread.
 ESignal WaitForSignal();
 
+// True when whoever started the process wants it to outlive its terminal (nohup).
+bool IsHangupIgnored();
+
 // Files and folders made from now on are for their owner only.
 void MakeFilesPrivate();
 

@@ -13,7 +13,8 @@ bool IsTerminal(EStream stream);
 // Columns of the terminal behind standard error; 80 when nobody knows.
 int TerminalWidth();
 
-// Standard input and output carry bytes as they are. Called before the first of them passes.
+// Standard input and output carry bytes as they are, and streams that were closed stay unusable. Called before the
+// first of them passes and before anything else is opened.
 void MakeStreamsBinary();
 
 }  // namespace HostSystem

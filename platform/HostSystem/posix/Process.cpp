@@ -41,6 +41,11 @@ ESignal WaitForSignal() {
   }
 }
 
+bool IsHangupIgnored() {
+  struct sigaction action = {};
+  return ::sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 void MakeFilesPrivate() {
   ::umask(0077);
 }

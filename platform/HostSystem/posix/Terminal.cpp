@@ -1,7 +1,12 @@
 #include "HostSystem/Terminal.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <initializer_list>
+#include <initializer_list>
 
 namespace HostSystem {
 namespace details {
@@ -33,6 +38,15 @@ int TerminalWidth() {
   return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : details::kUsualWidth;
 }
 
-void MakeStreamsBinary() {}
+void MakeStreamsBinary() {
+  // A stream that the caller has closed is filled with one on which every use fails: the next file or connection would
+  // otherwise take its number, and what is meant for the stream would end up there.
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF &&
+        ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) {
+      return;  // not even that can be opened, and then nothing else can
+    }
+  }
+}
 
 }  // namespace HostSystem

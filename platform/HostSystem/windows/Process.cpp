@@ -29,6 +29,10 @@ ESignal WaitForSignal() {
   return ESignal::kStop;
 }
 
+bool IsHangupIgnored() {
+  return false;
+}
+
 // Files inherit who may read them from the folder that they are made in.
 void MakeFilesPrivate() {}
 

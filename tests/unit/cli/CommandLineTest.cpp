@@ -81,6 +81,40 @@ TEST(CommandLineTest, RefusesWrongUse) {
   }
 }
 
+// What a person is told about a wrong line: "what; advice".
+std::string WrongUseOf(const std::vector<const char*>& words) {
+  try {
+    Parse(words);
+  } catch (const CFailure& failure) {
+    return std::string(failure.what()) + "; " + failure.GetAdvice();
+  }
+  return "";
+}
+
+TEST(CommandLineTest, NamesTheWordThatIsWrong) {
+  EXPECT_EQ(WrongUseOf({}), "no command is given; 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"ls"}), "there is no command \"ls\"; 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"ls", "--long"}), "there is no command \"ls\"; 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"pic", "ls"}), "there is no command \"ls\"; 'tansy pic --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"pic"}), "no command is given; 'tansy pic --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"--nonsense"}), "there is no option --nonsense; 'tansy --help' lists the commands");
+  EXPECT_EQ(
+      WrongUseOf({"put", "--nonsense"}),
+      "there is no option --nonsense; 'tansy put --help' says how it is used; names with a leading dash follow --")
+      << "not that a file is missing";
+  EXPECT_EQ(WrongUseOf({"put", "-odd.jpg"}),
+            "there is no option -odd.jpg; 'tansy put --help' says how it is used; names with a leading dash follow --");
+  EXPECT_EQ(WrongUseOf({"put"}), "FILE is required; 'tansy put --help' says how it is used");
+  EXPECT_EQ(WrongUseOf({"buckets", "photos"}),
+            "one argument too many: \"photos\"; 'tansy buckets --help' says how it is used");
+}
+
+TEST(CommandLineTest, TakesTheWordHelpForTheOption) {
+  EXPECT_EQ(Parse({"help"}).print_only, ProgramHelp());
+  EXPECT_EQ(Parse({"help", "put"}).print_only, Parse({"put", "--help"}).print_only);
+  EXPECT_EQ(Parse({"help", "pic"}).print_only, Parse({"pic", "--help"}).print_only);
+}
+
 TEST(CommandLineTest, PrintsHelpAndVersion) {
   EXPECT_EQ(Parse({"--help"}).print_only, ProgramHelp());
   EXPECT_EQ(Parse({"-h"}).print_only, ProgramHelp());

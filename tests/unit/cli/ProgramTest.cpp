@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -232,7 +233,7 @@ TEST_F(ProgramTest, LeavesNothingWhenInterrupted) {
   // INT after the first bytes have come.
   const std::string script = folder_.MakeFile(
       "run.sh",
-      "\"$@\" & p=$!\nfor i in $(seq 300); do [ -n \"$(find . -name '*.part' -size +0)\" ] && break; sleep 0.1; "
+      "\"$@\" & p=$!\nfor i in $(seq 300); do [ -n \"$(find . -name '*.part')\" ] && break; sleep 0.1; "
       "done\nfind . -name '*.part' | wc -l\nkill -INT $p\nwait $p\n");
   const std::string command = "cd " + folder_.Path() + " && TANSY_SERVER=http://" + address_ +
                               " TANSY_ACCESS_KEY=ak TANSY_SECRET_KEY=sk bash -m run.sh " TANSY_PATH
@@ -338,7 +339,88 @@ TEST_F(ProgramTest, ExaminesTheServer) {
 
 TEST_F(ProgramTest, ReportsAStandardOutputThatTakesNothing) {
   objects_.Put("/photos/a", "12345");
-  EXPECT_EQ(Run("cat /photos/a > /dev/full").code, 1);
+  const Ended ended = Run("cat /photos/a > /dev/full");
+  EXPECT_EQ(ended.code, 5);
+  EXPECT_EQ(ended.err, "tansy: standard output: No space left on device\n");
+  EXPECT_EQ(Run("cat /photos/a >&-").code, 1) << "a closed one";
+  EXPECT_EQ(Run("put - <&-").code, 1);
+  EXPECT_EQ(Run("--version >&-").code, 1);
+}
+
+TEST_F(ProgramTest, PutsOneFileTwice) {
+  folder_.MakeFile("a.txt", "content");
+  const Ended ended = Run("put a.txt a.txt");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(std::count(ended.out.begin(), ended.out.end(), '\n'), 2);
+}
+
+TEST_F(ProgramTest, SaysThatALinkWillBeRewritten) {
+  EXPECT_EQ(Run("sign /photos/cat.jpg").err, "");
+  const Ended ended =
+      Run("sign /photos/gr\xc3\xb6\xc3\x9f"
+          "e.jpg");
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_THAT(ended.out, HasSubstr("/photos/gr\xc3\xb6\xc3\x9f"
+                                   "e.jpg?link=1&token="));
+  EXPECT_THAT(ended.err, HasSubstr("browsers rewrite"));
+  EXPECT_EQ(Run("--quiet sign /photos/gr\xc3\xb6\xc3\x9f"
+                "e.jpg")
+                .err,
+            "");
+}
+
+TEST_F(ProgramTest, SaysThatAnUploadIsNotThere) {
+  server_.Answer("GET /photos/a?upload_id=gone",
+                 {.status = 400, .body = "<Error><Code>InvalidHttpContent</Code></Error>"});
+  const Ended ended = Run("parts /photos/a gone");
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_THAT(ended.err, HasSubstr("tansy: upload gone: "));
+  EXPECT_THAT(ended.err, HasSubstr("is it this object's, and still unfinished?"));
+}
+
+// A server that is wrong in every way there is. No command may crash, hang, claim success, or leave a file behind.
+TEST_F(ProgramTest, SurvivesServersThatAreWrong) {
+  folder_.MakeFile("a.txt", "content");
+  std::string endless = "HTTP/1.1 200 OK\r\n";
+  for (int i = 0; i < 300; ++i) {
+    endless += "X-More: " + std::string(1000, 'x') + "\r\n";
+  }
+  const ScriptedAnswer answers[] = {
+      {.headers = {{"Content-Length", "1000000"}}, .body = "short", .close = true},
+      {.raw = "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n", .close = true},
+      {.raw = "HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\nhello", .close = true},
+      {.raw = endless},
+      {.headers = {{"Content-Length", "1000000"}}, .body = std::string(300000, 'x'), .reset = true},
+      {.raw = "HTTP/1.1 200 OK\r\nConte", .reset = true},
+      {.cut_after = 0},
+      {.raw = "220 mail.example ESMTP\r\n", .close = true},
+      {.status = 302, .headers = {{"Location", "http://" + server_.Address() + "/"}}},
+  };
+  for (const ScriptedAnswer& answer : answers) {
+    SCOPED_TRACE(answer.raw.substr(0, 60) + std::to_string(answer.status));
+    server_.ClearScript();
+    // The size is told, so that the download itself meets the bad answer.
+    server_.Answer("GET /photos/a?metadata", {.headers = {{"Object-Size", "1000000"}}});
+    server_.Handle([&](const ScriptedRequest&) { return answer; });
+    const bool is_answer = answer.status == 302 || answer.raw.find("9223372036854775807") != std::string::npos;
+    const int expected = is_answer ? 1 : 6;
+    for (const char* command :
+         {"buckets", "--pool p put a.txt", "get /photos/a", "cat /photos/a", "stat /photos/b", "rm /photos/a"}) {
+      const Ended ended = Run(command);
+      EXPECT_EQ(ended.code, expected) << command << ": " << ended.err;
+      EXPECT_EQ(ended.err.find("tansy: "), 0u) << command << ": " << ended.err;
+    }
+    EXPECT_EQ(folder_.Count(), 1u) << "the file that was put, and nothing else";
+  }
+}
+
+TEST_F(ProgramTest, NoticesThatAnObjectBecomesShorterWhileItIsRead) {
+  server_.Answer("GET /photos/a?metadata", {.headers = {{"Object-Size", "1000"}}});
+  server_.Answer("GET /photos/a", {.body = "only this"});
+  const Ended ended = Run("get /photos/a");
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_THAT(ended.err, HasSubstr("/photos/a: changed while it was read"));
+  EXPECT_EQ(folder_.Count(), 0u);
 }
 
 }  // namespace

@@ -72,6 +72,7 @@ TEST_F(SettingsTest, UsesTheDataFolderThatLiesHere) {
   EXPECT_EQ(settings.secret_key, "data-sk");
   EXPECT_EQ(settings.pool, "");
   EXPECT_EQ(settings.data_folder, "tansy-data");
+  EXPECT_EQ(settings.keys_file, "tansy-data/tansyd.toml");
 }
 
 TEST_F(SettingsTest, TakesThePortsOfADataFolder) {
