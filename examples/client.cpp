@@ -17,7 +17,6 @@ int main(int argc, char** argv) {
   config.ak = argv[3];
   config.sk = argv[4];
   Tansy::CloudStorage::CObjectClient client(config);
-
   std::string url;
   if (!client.Init() || !client.UploadFile(url, argv[5]) || !client.DownloadFile(url, argv[6]) ||
       !client.RemoveObjectFileByUrl(url)) {
@@ -28,5 +27,4 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::cout << url << "\n";
-  return 0;
 }

@@ -1,6 +1,5 @@
-// A program with an object store of its own: it keeps bytes in memory and the catalogue in catalogue.db of the folder
-// that it is started in. usage: embedded_host PORT PICTURE_PORT ACCESS_KEY SECRET_KEY; ends when its standard input
-// does.
+// A program with an object store of its own: bytes in memory, the catalogue in catalogue.db of the folder it starts in.
+// usage: embedded_host PORT PICTURE_PORT ACCESS_KEY SECRET_KEY; ends when its standard input does.
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -19,25 +18,36 @@
 #include "TansyCloudStorage/CloudStorage.h"
 
 namespace cloud = Tansy::CloudStorage;
+using Lock = std::lock_guard<std::mutex>;
 
 namespace {
 
-// The store: text after "pool_name:bucket;" to bytes. New objects get a number for a name.
-std::mutex g_mutex;
-std::map<std::string, std::string> g_store;
+std::mutex g_mutex;                          // the server calls from several threads
+std::map<std::string, std::string> g_store;  // what a write leaves behind "pool_name:bucket;", to bytes
 
 std::string& Slot(std::string& location) {
-  std::string name = location.substr(location.find(';') + 1);
-  if (name.empty()) {
-    static int next = 0;
-    name = "memory-" + std::to_string(++next);
-  }
-  location = name;  // what the catalogue keeps, and hands back with the next call
-  return g_store[name];
+  static int next = 0;
+  const std::string name = location.substr(location.find(';') + 1);
+  location = name.empty() ? "memory-" + std::to_string(++next) : name;  // the catalogue keeps it for later calls
+  return g_store[location];
 }
 
-int Read(char*& data, std::uint32_t& size, std::uint32_t offset, const std::string& location) {
-  const std::lock_guard<std::mutex> lock(g_mutex);
+int SaveObject(std::string& location, const char* data, std::uint32_t size, int) {
+  const Lock lock(g_mutex);
+  Slot(location).assign(data, size);
+  return 0;
+}
+
+int StreamSave(const char* data, std::uint32_t size, std::uint32_t offset, std::string& location) {
+  const Lock lock(g_mutex);
+  std::string& bytes = Slot(location);
+  bytes.resize(std::max<std::size_t>(bytes.size(), std::size_t{offset} + size));
+  bytes.replace(offset, size, data, size);
+  return 0;
+}
+
+int ReadRange(char*& data, std::uint32_t& size, std::uint32_t offset, const std::string& location) {
+  const Lock lock(g_mutex);
   const auto found = g_store.find(location.substr(location.find(';') + 1));
   if (found == g_store.end() || offset > found->second.size()) {
     return 1;
@@ -48,31 +58,17 @@ int Read(char*& data, std::uint32_t& size, std::uint32_t offset, const std::stri
   return 0;
 }
 
-int SaveObject(std::string& location, const char* data, std::uint32_t size, int) {
-  const std::lock_guard<std::mutex> lock(g_mutex);
-  Slot(location).assign(data, size);
-  return 0;
-}
-
 int ReadObject(char*& data, std::uint32_t& size, const std::string& location, int) {
-  return Read(data, size, 0, location);
-}
-
-int StreamSave(const char* data, std::uint32_t size, std::uint32_t offset, std::string& location) {
-  const std::lock_guard<std::mutex> lock(g_mutex);
-  std::string& bytes = Slot(location);
-  bytes.resize(std::max<std::size_t>(bytes.size(), std::size_t{offset} + size));
-  bytes.replace(offset, size, data, size);
-  return 0;
+  return ReadRange(data, size, 0, location);
 }
 
 int RemoveObject(const std::string& location) {
-  const std::lock_guard<std::mutex> lock(g_mutex);
+  const Lock lock(g_mutex);
   g_store.erase(location);
   return 0;
 }
 
-// Where the database is. A real host would let its users say so.
+// Says where the catalogue's database is.
 struct Host : KivPlatform::IFactoryInterface,
               KivPlatform::IDatabaseParam,
               KivPlatform::ILocalConfig,
@@ -88,17 +84,16 @@ struct Host : KivPlatform::IFactoryInterface,
   std::string GetDatabaseName() override { return "catalogue.db"; }
 };
 
-// The tables that the module expects, from the installed script.
+// Makes the tables from the script that is installed with the module.
 bool MakeSchema() {
   std::ifstream file(SCHEMA_FILE);
-  const std::string script{std::istreambuf_iterator<char>(file), {}};
+  const std::string script =
+      "ATTACH 'catalogue.db' AS platform;" + std::string(std::istreambuf_iterator<char>(file), {});
   sqlite3* database = nullptr;
-  const bool made =
-      sqlite3_open(":memory:", &database) == SQLITE_OK &&
-      sqlite3_exec(database, "ATTACH 'catalogue.db' AS platform", nullptr, nullptr, nullptr) == SQLITE_OK &&
-      sqlite3_exec(database, script.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+  const bool made = file.is_open() && sqlite3_open(":memory:", &database) == SQLITE_OK &&
+                    sqlite3_exec(database, script.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
   sqlite3_close(database);
-  return made && !script.empty();
+  return made;
 }
 
 }  // namespace
@@ -116,18 +111,16 @@ int main(int argc, char** argv) {
   objects.save_object = SaveObject;
   objects.read_object = ReadObject;
   objects.stream_save = StreamSave;
-  objects.read_range = Read;
+  objects.read_range = ReadRange;
   objects.remove_object = RemoveObject;
   cloud::StorageServerConfig pictures = objects;
   pictures.upload_port = pictures.download_port = static_cast<std::uint32_t>(std::atoi(argv[2]));
-
   cloud::BucketInfo bucket;
   bucket.name = "memory";
   bucket.flag = 1;
   if (cloud::InitObjectServer(objects, std::make_shared<Host>()) != 0 || cloud::InitPicServer(pictures) != 0 ||
       !cloud::AddBucket(bucket)) {
-    std::cerr << "embedded_host: did not start\n";
-    return 1;
+    return 1;  // the module's log has said why
   }
   std::cout << "ready" << std::endl;
   std::cin.ignore(std::numeric_limits<std::streamsize>::max());

@@ -41,6 +41,14 @@ for size in 1000 12000000; do # one request, and parallel parts
   cmp "$work/file" "$work/copy$size"
 done
 
+# The installed command line speaks to it too.
+export TANSY_SERVER=http://127.0.0.1:$port TANSY_ACCESS_KEY=example-key TANSY_SECRET_KEY=example-secret
+tansy=$work/installed/bin/tansy
+url=$("$tansy" put "$work/file")
+"$tansy" cat "$url" | cmp - "$work/file"
+"$tansy" rm --bytes "$url" >/dev/null
+[[ -s "$(find "$work/installed" -name tansy.1)" ]] || { echo "the manual page is not installed"; exit 1; }
+
 exec {HOST[1]}>&-
 wait "$host_pid"
 host_pid=
