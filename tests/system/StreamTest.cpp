@@ -1,6 +1,8 @@
 // Bodies of more than 10 MiB: uploads in pieces, downloads in chunks.
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "support/TansydTest.h"
@@ -31,10 +33,13 @@ class StreamTest : public TansydTest {
     }
     return bytes;
   }
+  std::unique_ptr<CConnection> Open() {
+    return CConnection::Open(options_.tls ? server_.GetObjectHttpsPort() : server_.GetObjectPort(), options_);
+  }
   // A connection with the head of an upload sent.
   std::unique_ptr<CConnection> BeginUpload(const std::string& target, std::size_t length, const Keys& keys = {},
                                            const HeaderList& more = {}) {
-    auto connection = CConnection::Open(server_.GetObjectPort());
+    auto connection = Open();
     Request request{"PUT", target, more, ""};
     request.headers.emplace_back("Content-Length", std::to_string(length));
     if (connection != nullptr) {
@@ -42,7 +47,58 @@ class StreamTest : public TansydTest {
     }
     return connection;
   }
+  // A download of which nothing is read.
+  std::unique_ptr<CConnection> BeginDownload(const std::string& target, const HeaderList& headers = {}) {
+    auto connection = Open();
+    if (connection != nullptr) {
+      connection->Send(Serialize(Signed({"GET", target, headers, ""}), server_.GetObjectPort()));
+    }
+    return connection;
+  }
+  // A signed upload whose body comes in chunks of these sizes, over and over.
+  Reply SendChunked(const std::string& target, const std::string& bytes, const std::vector<std::size_t>& sizes) {
+    const auto upload = Open();
+    const Request request = Signed({"PUT", target, {{"Transfer-Encoding", "chunked"}}, ""});
+    std::string text = Serialize(request, server_.GetObjectPort());
+    std::size_t turn = 0;
+    for (std::size_t at = 0; at < bytes.size(); at += sizes[turn++ % sizes.size()]) {
+      const std::string piece = bytes.substr(at, sizes[turn % sizes.size()]);
+      char head[32];
+      std::snprintf(head, sizeof head, "%zx\r\n", piece.size());
+      text += head + piece + "\r\n";
+    }
+    upload->Send(text + "0\r\n\r\n");
+    return upload->Receive();
+  }
+  int Threads() const {
+    std::ifstream status("/proc/" + std::to_string(server_.GetPid()) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("Threads:", 0) == 0) {
+        return std::stoi(line.substr(8));
+      }
+    }
+    return 0;
+  }
+  // Waits until the server has at most so many threads.
+  bool WaitForThreads(int most, seconds patience) const {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (Threads() > most && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return Threads() <= most;
+  }
+
+  ConnectOptions options_;
 };
+
+// What must be the same with and without encryption.
+class StreamSchemeTest : public StreamTest, public testing::WithParamInterface<const char*> {
+ protected:
+  StreamSchemeTest() { options_.tls = std::string(GetParam()) == "https"; }
+};
+
+INSTANTIATE_TEST_SUITE_P(Schemes, StreamSchemeTest, testing::Values("http", "https"),
+                         [](const auto& item) { return std::string(item.param); });
 
 TEST_F(StreamTest, ManyUploadsAtOnceArriveWholeOverBothSchemes) {
   std::vector<std::thread> clients;
@@ -64,7 +120,7 @@ TEST_F(StreamTest, ManyUploadsAtOnceArriveWholeOverBothSchemes) {
   }
 }
 
-TEST_F(StreamTest, ASlowBodyInOddPiecesArrivesWhole) {
+TEST_P(StreamSchemeTest, ASlowBodyInOddPiecesArrivesWhole) {
   const std::string bytes = RandomBytes(10 * kMiB + 12345, 5);
   const auto upload = BeginUpload("/b/slow", bytes.size());
   std::size_t sent = 0;
@@ -90,7 +146,7 @@ TEST_F(StreamTest, OneConnectionStreamsAgainAndAgain) {
   }
 }
 
-TEST_F(StreamTest, ExpectContinueIsAnsweredBeforeTheBody) {
+TEST_P(StreamSchemeTest, ExpectContinueIsAnsweredBeforeTheBody) {
   for (const std::size_t size : {std::size_t{1000}, 11 * kMiB}) {
     const std::string bytes = RandomBytes(size, 9);
     const auto upload = BeginUpload("/b/expect", size, {}, {{"Expect", "100-continue"}});
@@ -101,28 +157,35 @@ TEST_F(StreamTest, ExpectContinueIsAnsweredBeforeTheBody) {
   }
 }
 
-TEST_F(StreamTest, ChunkedBodiesAreStoredWholeOrRefused) {
-  const std::string bytes = RandomBytes(12 * kMiB, 11);
-  const auto upload = CConnection::Open(server_.GetObjectPort());
-  const Request request = Signed({"PUT", "/b/chunked", {{"Transfer-Encoding", "chunked"}}, ""});
-  std::string text = Serialize(request, server_.GetObjectPort());
-  for (std::size_t at = 0; at < bytes.size(); at += 1000000) {
-    const std::string piece = bytes.substr(at, 1000000);
-    char head[32];
-    std::snprintf(head, sizeof head, "%zx\r\n", piece.size());
-    text += head + piece + "\r\n";
+// A client that waits for a refusal need not send its body at all.
+TEST_P(StreamSchemeTest, ExpectContinueOfARefusedUploadIsAnsweredAfterItsFirstPieceAtTheLatest) {
+  Keys wrong;
+  wrong.secret_key = "wrong";
+  const auto upload = BeginUpload("/b/expect", 100 * kMiB, wrong, {{"Expect", "100-continue"}});
+  Reply reply = upload->Receive(seconds(30), false, true);
+  if (reply.status == 100) {
+    upload->Send(std::string(11 * kMiB, 'x'));
+    reply = upload->Receive(seconds(30));
   }
-  upload->Send(text + "0\r\n\r\n");
-  const Reply reply = upload->Receive();
-  EXPECT_THAT(reply.status, AnyOf(200, 411));
-  if (reply.status == 200) {
-    EXPECT_EQ(Get("/b/chunked") == bytes, true);
-  } else {
-    EXPECT_EQ(Outcome(Send("GET", "/b/chunked")), "404 NoSuchKey");
-  }
+  EXPECT_EQ(Outcome(reply), "403 AccessDenied");
+  EXPECT_EQ(StoredBytes(), 0U);
 }
 
-TEST_F(StreamTest, RefusedUploadsStoreNothing) {
+TEST_P(StreamSchemeTest, ChunkedBodiesUpToTheWholeLimitAreStored) {
+  const std::string bytes = RandomBytes(10 * kMiB, 11);
+  EXPECT_EQ(Outcome(SendChunked("/b/chunked", bytes, {1, 1000000, 17, 65536})), "200");
+  EXPECT_EQ(Get("/b/chunked") == bytes, true);
+  EXPECT_EQ(Outcome(SendChunked("/b/chunked", "", {1})), "200");
+  EXPECT_EQ(Send("GET", "/b/chunked?metadata").Header("Object-Size"), "0");
+}
+
+TEST_P(StreamSchemeTest, LongerChunkedBodiesAreRefusedForWantOfALength) {
+  EXPECT_EQ(SendChunked("/b/chunked", RandomBytes(10 * kMiB + 1, 11), {1000000}).status, 411);
+  EXPECT_EQ(Outcome(Send("GET", "/b/chunked")), "404 NoSuchKey");
+  EXPECT_EQ(StoredBytes(), 0U);
+}
+
+TEST_P(StreamSchemeTest, RefusedUploadsStoreNothing) {
   Keys wrong;
   wrong.secret_key = "wrong";
   const std::vector<std::pair<std::string, std::string>> rows = {{"/none/o", "404 NoSuchBucket"},
@@ -142,10 +205,12 @@ TEST_F(StreamTest, RefusedUploadsStoreNothing) {
   EXPECT_EQ(Outcome(Send("GET", "/b/o")), "404 NoSuchKey");
 }
 
-TEST_F(StreamTest, AnUploadThatBreaksOffLeavesNothingVisibleAndNothingStuck) {
-  for (int i = 0; i < 6; ++i) {
+TEST_P(StreamSchemeTest, AnUploadThatBreaksOffLeavesNothingVisibleAndNothingStuck) {
+  Put("/b/warm-up", std::string(11 * kMiB, 'x'));
+  const int threads = Threads();
+  for (int i = 0; i < 12; ++i) {
     const auto upload = BeginUpload("/b/broken", 60 * kMiB);
-    upload->Send(std::string((5 + static_cast<std::size_t>(i) * 9) * kMiB, 'x'));
+    upload->Send(std::string((1 + static_cast<std::size_t>(i) * 5) * kMiB, 'x'));
     if (i % 2 == 0) {
       upload->Reset();
     }
@@ -154,6 +219,11 @@ TEST_F(StreamTest, AnUploadThatBreaksOffLeavesNothingVisibleAndNothingStuck) {
   const std::string bytes = RandomBytes(13 * kMiB, 1);
   Put("/b/broken", bytes);
   EXPECT_EQ(Get("/b/broken") == bytes, true);
+  EXPECT_TRUE(WaitForThreads(threads, seconds(30)));
+  // No request is left open that the stop would wait for.
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_TRUE(server_.Stop());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, seconds(10));
 }
 
 TEST_F(StreamTest, OverwritingWhileReadingGivesOneOrTheOther) {
@@ -174,21 +244,34 @@ TEST_F(StreamTest, OverwritingWhileReadingGivesOneOrTheOther) {
   writer.join();
 }
 
-TEST_F(StreamTest, AReaderThatStallsHoldsUpNobody) {
+// A stalled reader of a big answer costs a thread and a chunk until the sending times out, after 20 s; one of a small
+// answer costs its bytes; none costs a worker, of which there are four.
+TEST_P(StreamSchemeTest, AReaderThatStallsCostsAThreadAndAChunkForAWhileAndNeverAWorker) {
+  constexpr int kReaders = 8;
   Put("/b/o", RandomBytes(40 * kMiB, 2));
-  ConnectOptions small;
-  small.receive_buffer = 16 * 1024;
+  EXPECT_EQ(Get("/b/o").size(), 40 * kMiB);
+  const int threads = Threads();
+  const std::uint64_t memory = server_.GetMemory();
+  options_.receive_buffer = 16 * 1024;
+  const auto begin = std::chrono::steady_clock::now();
   std::vector<std::unique_ptr<CConnection>> readers;
-  for (int i = 0; i < 8; ++i) {
-    readers.push_back(CConnection::Open(server_.GetObjectPort(), small));
-    readers.back()->Send(Serialize(Signed({"GET", "/b/o", {}, ""}), server_.GetObjectPort()));
-    readers.push_back(CConnection::Open(server_.GetObjectPort(), small));
-    readers.back()->Send(
-        Serialize(Signed({"GET", "/b/o", {{"Range", "bytes=0-9000000"}}, ""}), server_.GetObjectPort()));
+  std::vector<std::unique_ptr<CConnection>> small_readers;
+  for (int i = 0; i < kReaders; ++i) {
+    readers.push_back(BeginDownload("/b/o"));
+    small_readers.push_back(BeginDownload("/b/o", {{"Range", "bytes=0-9000000"}}));
   }
   for (int i = 0; i < 20; ++i) {
+    const auto sent = std::chrono::steady_clock::now();
     Put("/b/small", "small");
     EXPECT_EQ(Get("/b/small"), "small");
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, seconds(10));
+  }
+  EXPECT_LE(Threads(), threads + kReaders);
+  EXPECT_LE(server_.GetMemory(), memory + kReaders * (10 + 10 + 2) * kMiB);
+  EXPECT_TRUE(WaitForThreads(threads, seconds(35)));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, seconds(15)) << "a reader that is only slow has its time";
+  for (const auto& reader : readers) {
+    EXPECT_FALSE(reader->Receive().is_whole);
   }
 }
 
