@@ -355,7 +355,8 @@ TEST_F(CommandLineTransferTest, ShowsProgressOnATerminalOnly) {
   MakeHole("large", 12 * kMiB);
   Write("small", "x");
   for (const char* option : {"", "--quiet", "--json"}) {
-    std::vector<std::string> arguments = {"put", "large", "small", "missing"};
+    // The bucket is named, so that the first thing to wait for the stopped server is an upload.
+    std::vector<std::string> arguments = {"--pool", "photos", "put", "large", "small", "missing"};
     if (*option != '\0') {
       arguments.insert(arguments.begin(), option);
     }
