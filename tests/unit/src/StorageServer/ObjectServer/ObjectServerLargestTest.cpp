@@ -3,6 +3,7 @@
 // up from its offset.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -37,7 +38,7 @@ int CheckPiece(const char* data, std::uint32_t size, std::uint32_t offset, std::
 int MakeChunk(char*& data, std::uint32_t& size, std::uint32_t offset, const std::string& /*location*/) {
   data = static_cast<char*>(std::calloc(size, 1));
   const std::uint64_t marker = offset;
-  std::memcpy(data, &marker, sizeof marker);
+  std::memcpy(data, &marker, std::min<std::size_t>(size, sizeof marker));
   return 0;
 }
 
@@ -70,9 +71,8 @@ class CObjectServerLargestTest : public CObjectServerTest {
     next_ = begin;
     misplaced_chunks_ = 0;
     http_.TakeChunks([this](std::string_view chunk) {
-      std::uint64_t marker = 0;
-      std::memcpy(&marker, chunk.data(), sizeof marker);
-      misplaced_chunks_ += marker != next_ ? 1 : 0;
+      const std::size_t marker_size = std::min(chunk.size(), sizeof next_);
+      misplaced_chunks_ += std::memcmp(chunk.data(), &next_, marker_size) != 0 ? 1 : 0;
       next_ += chunk.size();
     });
   }
