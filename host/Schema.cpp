@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <memory>
 #include <string>
 
 #include "StartFailure.h"
@@ -16,22 +17,22 @@ constexpr int kBusyTimeoutMs = 5000;
 class CSchemaConnection {
  public:
   explicit CSchemaConnection(const std::string& file) : file_(file) {
-    if (sqlite3_open(":memory:", &database_) != SQLITE_OK) {
+    sqlite3* opened = nullptr;
+    const int result = sqlite3_open(":memory:", &opened);
+    database_.reset(opened);  // there is one to close even where it could not be opened
+    if (result != SQLITE_OK) {
       Fail("cannot be opened");
     }
-    sqlite3_busy_timeout(database_, kBusyTimeoutMs);
+    sqlite3_busy_timeout(database_.get(), kBusyTimeoutMs);
     Run("ATTACH DATABASE ?1 AS platform", {file});
     // Reads the header: a file that is no database is found here.
     QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master");
   }
-  ~CSchemaConnection() { sqlite3_close(database_); }
-  CSchemaConnection(const CSchemaConnection&) = delete;
-  CSchemaConnection& operator=(const CSchemaConnection&) = delete;
 
   void RunScript(const std::string& sql, const std::string& name) {
-    if (sqlite3_exec(database_, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-      const std::string reason = sqlite3_errmsg(database_);
-      sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+      const std::string reason = sqlite3_errmsg(database_.get());
+      sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
       throw CStartFailure(kExitFailed, "database " + file_ + ": " + name + " failed: " + reason);
     }
   }
@@ -59,7 +60,7 @@ class CSchemaConnection {
  private:
   sqlite3_stmt* Prepare(const std::string& sql, const std::vector<std::string>& values) {
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(database_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+    if (sqlite3_prepare_v2(database_.get(), sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
       Fail("cannot be used");
     }
     for (std::size_t i = 0; i < values.size(); ++i) {
@@ -69,11 +70,15 @@ class CSchemaConnection {
   }
 
   [[noreturn]] void Fail(const std::string& what) {
-    throw CStartFailure(kExitFailed, "database " + file_ + " " + what + ": " + sqlite3_errmsg(database_));
+    throw CStartFailure(kExitFailed, "database " + file_ + " " + what + ": " + sqlite3_errmsg(database_.get()));
   }
 
+  struct CloseDatabase {
+    void operator()(sqlite3* database) const { sqlite3_close(database); }
+  };
+
   std::string file_;
-  sqlite3* database_ = nullptr;
+  std::unique_ptr<sqlite3, CloseDatabase> database_;
 };
 
 constexpr const char* kVersionTable =

@@ -12,6 +12,7 @@ using TansyNet::ParseMultipartForm;
 
 constexpr const char* kType = "multipart/form-data; boundary=XX";
 
+// The parts are views into `body`.
 std::vector<FormPart> Parse(std::string_view body, std::string_view type = kType) {
   std::vector<FormPart> parts;
   EXPECT_TRUE(ParseMultipartForm(type, body, parts));
@@ -162,8 +163,9 @@ TEST(MultipartForm, ReturnsNoMorePartsThanAskedFor) {
 
 TEST(MultipartForm, AFormInAFormIsData) {
   const std::string inner = "--YY\r\nContent-Disposition: form-data; name=\"n\"\r\n\r\nx\r\n--YY--\r\n";
-  const auto parts = Parse("--XX\r\nContent-Disposition: form-data; name=\"outer\"\r\nContent-Type: multipart/mixed; " +
-                           ("boundary=YY\r\n\r\n" + inner) + "\r\n--XX--");
+  const std::string body = "--XX\r\nContent-Disposition: form-data; name=\"outer\"\r\n" +
+                           ("Content-Type: multipart/mixed; boundary=YY\r\n\r\n" + inner) + "\r\n--XX--";
+  const auto parts = Parse(body);
   ASSERT_EQ(parts.size(), 1U);
   EXPECT_EQ(parts[0].name, "outer");
   EXPECT_EQ(parts[0].data, inner);
@@ -171,7 +173,8 @@ TEST(MultipartForm, AFormInAFormIsData) {
 
 TEST(MultipartForm, RepeatedNamesAreAllReturned) {
   const std::string part = "--XX\r\nContent-Disposition: form-data; name=n\r\n\r\n";
-  const auto parts = Parse(part + "1\r\n" + part + "2\r\n" + part + "3\r\n--XX--");
+  const std::string body = part + "1\r\n" + part + "2\r\n" + part + "3\r\n--XX--";
+  const auto parts = Parse(body);
   ASSERT_EQ(parts.size(), 3U);
   EXPECT_EQ(parts[0].data, "1");
   EXPECT_EQ(parts[2].data, "3");
