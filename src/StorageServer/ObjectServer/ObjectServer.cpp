@@ -4,9 +4,10 @@
 #include <utility>
 
 #include "OSAL/Osal.h"
+#include "StorageServer/AddressUpdates.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
-#include "TansyBase/FileUtil.h"
+#include "StorageServer/ServerListeners.h"
 
 namespace Tansy::CloudStorage {
 
@@ -14,19 +15,8 @@ namespace details {
 namespace {
 
 constexpr std::uint32_t kCleanPeriodMs = 3600000;
-constexpr const char* kAnyIpv4 = "0.0.0.0";
-constexpr const char* kAnyIpv6 = "::";
-// The default certificate, below the executable's folder.
-constexpr const char* kCertificate = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
 constexpr int kMaxAdapters = 17;
 constexpr std::size_t kAddressTextBytes = 130;
-
-TansyNet::HttpsServer DefaultCertificate() {
-  TansyNet::HttpsServer tls;
-  tls.certificate_path = TansyBase::FileUtil::GetCurExeDirUtf8() + kCertificate;
-  tls.private_key_path = tls.certificate_path;
-  return tls;
-}
 
 void AddAddresses(AdapterAddresses& addresses, const OSAL_AdapterInfo& adapter, const Caller& caller) {
   for (const OSAL_Ipv4Address* address = adapter.ipv4; address != nullptr; address = address->next) {
@@ -40,15 +30,6 @@ void AddAddresses(AdapterAddresses& addresses, const OSAL_AdapterInfo& adapter, 
     }
     addresses.ipv6.insert(text);
   }
-}
-
-// A stopped listener is forgotten, so that a stop that failed half-way can be tried again.
-int StopListener(std::int32_t& handle) {
-  const int error = TansyNet::CHttpServer::StopServer(handle);
-  if (error == 0) {
-    handle = 0;
-  }
-  return error;
 }
 
 }  // namespace
@@ -157,20 +138,11 @@ int CObjectServer::StopListeners(const details::Caller& caller) {
 }
 
 int CObjectServer::StartHttp(std::int32_t& handle, const char* address, const Config& config) {
-  if (handle != 0) {
-    return 0;
-  }
-  return TansyNet::CHttpServer::StartHttpServer(handle, address, static_cast<std::uint16_t>(config.download_port),
-                                                &CObjectServer::RecvMsgCallBack, true);
+  return details::StartListener(handle, address, config.download_port, &RecvMsgCallBack);
 }
 
 int CObjectServer::StartHttps(std::int32_t& handle, const char* address, const Config& config) {
-  if (handle != 0) {
-    return 0;
-  }
-  return TansyNet::CHttpServer::StartHttpsServer(handle, address,
-                                                 static_cast<std::uint16_t>(config.https_download_port),
-                                                 details::DefaultCertificate(), &CObjectServer::RecvMsgCallBack);
+  return details::StartTlsListener(handle, address, config.https_download_port, &RecvMsgCallBack);
 }
 
 void CObjectServer::UpdateLocalServerIp(const std::string& ip) {
@@ -178,29 +150,12 @@ void CObjectServer::UpdateLocalServerIp(const std::string& ip) {
 }
 
 void CObjectServer::UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port) {
-  conf_.Update([&](Config& config) {
-    config.wan_enable = enable;
-    config.wan_ip = wan_ip;
-    config.wan_port = port;
-    config.wan_download_port = port;
-  });
+  conf_.Update([&](Config& config) { details::SetWanAddress(config, enable, wan_ip, port); });
 }
 
 void CObjectServer::UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields) {
   conf_.Update([&fields](Config& config) {
-    for (const auto& [field, value] : fields) {
-      if (field == WAN_ENABLE) {
-        config.wan_enable = value == "true";
-      } else if (field == WAN_IP) {
-        config.wan_ip = value;
-      } else if (field == WAN_OBJECT_PORT) {
-        config.wan_port = static_cast<std::uint32_t>(OSAL_StrToi32(value.c_str()));
-        config.wan_download_port = config.wan_port;
-      } else if (field == WAN_OBJECT_HTTPS_PORT) {
-        config.https_wan_port = static_cast<std::uint32_t>(OSAL_StrToi32(value.c_str()));
-        config.https_wan_download_port = config.https_wan_port;
-      }
-    }
+    details::SetWanFields(config, fields, {WAN_OBJECT_PORT, WAN_OBJECT_HTTPS_PORT});
   });
 }
 

@@ -2,59 +2,10 @@
 #include "StorageServer/PicServer/PictureServer.h"
 
 #include "ModuleLog.h"
-#include "OSAL/Osal.h"
-#include "TansyBase/FileUtil.h"
+#include "StorageServer/AddressUpdates.h"
+#include "StorageServer/ServerListeners.h"
 
 namespace Tansy::CloudStorage {
-
-namespace details {
-namespace {
-
-constexpr const char* kAnyIpv4 = "0.0.0.0";
-constexpr const char* kAnyIpv6 = "::";
-// The default certificate, below the executable's folder.
-constexpr const char* kCertificate = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
-
-TansyNet::HttpsServer DefaultCertificate() {
-  TansyNet::HttpsServer tls;
-  tls.certificate_path = TansyBase::FileUtil::GetCurExeDirUtf8() + kCertificate;
-  tls.private_key_path = tls.certificate_path;
-  return tls;
-}
-
-// A listener that is open already stays as it is, so that a start that failed half-way can be tried again.
-int StartListener(std::int32_t& handle, const char* address, std::uint32_t port) {
-  if (handle != 0) {
-    return 0;
-  }
-  return TansyNet::CHttpServer::StartHttpServer(handle, address, static_cast<std::uint16_t>(port),
-                                                &CPictureServer::RecvMsgCallBack, true);
-}
-
-// A port of 0 means that the host wants no HTTPS.
-int StartTlsListener(std::int32_t& handle, const char* address, std::uint32_t port) {
-  if (handle != 0 || port == 0) {
-    return 0;
-  }
-  return TansyNet::CHttpServer::StartHttpsServer(handle, address, static_cast<std::uint16_t>(port),
-                                                 DefaultCertificate(), &CPictureServer::RecvMsgCallBack);
-}
-
-// A stopped listener is forgotten, so that a stop that failed half-way can be tried again.
-int StopListener(std::int32_t& handle) {
-  const int error = TansyNet::CHttpServer::StopServer(handle);
-  if (error == 0) {
-    handle = 0;
-  }
-  return error;
-}
-
-std::uint32_t PortOf(const std::string& text) {
-  return static_cast<std::uint32_t>(OSAL_StrToi32(text.c_str()));
-}
-
-}  // namespace
-}  // namespace details
 
 CPictureServer& CPictureServer::Instance() {
   return CSingleton<CPictureServer>::Instance();
@@ -133,18 +84,24 @@ int CPictureServer::SetPicServerEnable(bool enable) {
 }
 
 CPictureServer::ListenerResult CPictureServer::StartHttp(const Config& config) {
-  if (const int error = details::StartListener(http_handle_, details::kAnyIpv4, config.download_port); error != 0) {
+  using details::StartListener;
+  if (const int error = StartListener(http_handle_, details::kAnyIpv4, config.download_port, &RecvMsgCallBack);
+      error != 0) {
     return {error, false};
   }
-  return {details::StartListener(http_v6_handle_, details::kAnyIpv6, config.download_port), true};
+  return {StartListener(http_v6_handle_, details::kAnyIpv6, config.download_port, &RecvMsgCallBack), true};
 }
 
 CPictureServer::ListenerResult CPictureServer::StartHttps(const Config& config) {
+  using details::StartTlsListener;
   const std::uint32_t port = config.https_download_port;
-  if (const int error = details::StartTlsListener(https_handle_, details::kAnyIpv4, port); error != 0) {
+  if (port == 0) {
+    return {0, false};  // the host wants no HTTPS
+  }
+  if (const int error = StartTlsListener(https_handle_, details::kAnyIpv4, port, &RecvMsgCallBack); error != 0) {
     return {error, false};
   }
-  return {details::StartTlsListener(https_v6_handle_, details::kAnyIpv6, port), true};
+  return {StartTlsListener(https_v6_handle_, details::kAnyIpv6, port, &RecvMsgCallBack), true};
 }
 
 CPictureServer::ListenerResult CPictureServer::StopListeners() {
@@ -167,29 +124,12 @@ void CPictureServer::UpdateLocalServerIp(const std::string& ip) {
 }
 
 void CPictureServer::UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port) {
-  conf_.Update([&](Config& config) {
-    config.wan_enable = enable;
-    config.wan_ip = wan_ip;
-    config.wan_port = port;
-    config.wan_download_port = port;
-  });
+  conf_.Update([&](Config& config) { details::SetWanAddress(config, enable, wan_ip, port); });
 }
 
 void CPictureServer::UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields) {
   conf_.Update([&fields](Config& config) {
-    for (const auto& [field, value] : fields) {
-      if (field == WAN_ENABLE) {
-        config.wan_enable = value == "true";
-      } else if (field == WAN_IP) {
-        config.wan_ip = value;
-      } else if (field == WAN_PIC_PORT) {
-        config.wan_port = details::PortOf(value);
-        config.wan_download_port = config.wan_port;
-      } else if (field == WAN_PIC_HTTPS_PORT) {
-        config.https_wan_port = details::PortOf(value);
-        config.https_wan_download_port = config.https_wan_port;
-      }
-    }
+    details::SetWanFields(config, fields, {WAN_PIC_PORT, WAN_PIC_HTTPS_PORT});
   });
 }
 

@@ -1,0 +1,28 @@
+// The address changes that a host tells both servers, applied to a server's record.
+#ifndef TANSY_SRC_STORAGE_SERVER_ADDRESS_UPDATES_H
+#define TANSY_SRC_STORAGE_SERVER_ADDRESS_UPDATES_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::CloudStorage::details {
+
+// Which two fields of an update carry a server's own WAN ports; the other server's pass it by.
+struct WanPortFields {
+  WanServerInfoFieldType http;
+  WanServerInfoFieldType https;
+};
+
+// `port` becomes the port of uploads and of downloads.
+void SetWanAddress(StorageServerConfig& config, bool enable, const std::string& wan_ip, std::uint32_t port);
+// Fields that are not there stay as they are; fields of no meaning to the server change nothing. A port that is not a
+// number becomes 0.
+void SetWanFields(StorageServerConfig_V1& config, const std::map<WanServerInfoFieldType, std::string>& fields,
+                  WanPortFields ports);
+
+}  // namespace Tansy::CloudStorage::details
+
+#endif  // TANSY_SRC_STORAGE_SERVER_ADDRESS_UPDATES_H
