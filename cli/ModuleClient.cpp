@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "ClientRecord.h"
 #include "Output.h"
 #include "ServerLink.h"
 
@@ -67,14 +68,7 @@ CFailure FailureOfStatus(int status, const std::string& server) {
 
 CloudStorage::CObjectClient MakeObjectClient(const Settings& settings, const std::string& bucket,
                                              const std::function<void(int percent)>& progress) {
-  CloudStorage::SStorageServerConfig config;
-  config.is_https = settings.object_server.is_https;
-  config.ip = settings.object_server.HostText();
-  config.upload_port = settings.object_server.port;
-  config.download_port = settings.object_server.port;
-  config.pool_name = bucket;
-  config.ak = settings.access_key;
-  config.sk = settings.secret_key;
+  CloudStorage::SStorageServerConfig config = MakeClientRecord(settings, settings.object_server, bucket);
   if (progress) {
     config.callback = [progress](CloudStorage::UploadProgress now) { progress(now.percent); };
   }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "ClientRecord.h"
 #include "ModuleLogSink.h"
 #include "Output.h"
 #include "ServerLink.h"
@@ -23,15 +24,7 @@ CFailure FailureOfStatus(int status, const std::string& server) {
 }  // namespace details
 
 CloudStorage::CPictureClient MakePictureClient(const Settings& settings, const std::string& pool) {
-  CloudStorage::SStorageServerConfig config;
-  config.is_https = settings.picture_server.is_https;
-  config.ip = settings.picture_server.HostText();
-  config.upload_port = settings.picture_server.port;
-  config.download_port = settings.picture_server.port;
-  config.pool_name = pool;
-  config.ak = settings.access_key;
-  config.sk = settings.secret_key;
-  return CloudStorage::CPictureClient(config);
+  return CloudStorage::CPictureClient(MakeClientRecord(settings, settings.picture_server, pool));
 }
 
 CFailure FailureOfPictureClient(const std::string& server) {
