@@ -1,8 +1,5 @@
-// Whether this machine lets anybody talk over "::1". Containers often do not.
-//
-//   if (!HasIpv6Loopback()) {
-//     GTEST_SKIP() << kNoIpv6Loopback;
-//   }
+// Whether this machine lets anybody talk over "::1". Containers often do not; a test that needs it is skipped there,
+// with kNoIpv6Loopback as its word.
 #ifndef TANSY_TESTS_FAKES_IPV6_LOOPBACK_H
 #define TANSY_TESTS_FAKES_IPV6_LOOPBACK_H
 

@@ -12,11 +12,11 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
+#include <set>
 #include <thread>
 
-extern char** environ;
+#include "support/ProgramTexts.h"
 
 namespace system_tests {
 namespace {
@@ -24,14 +24,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 std::vector<std::string> EnvironmentOf(const Invocation& invocation) {
-  std::vector<std::string> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    const std::string name(*variable, std::strcspn(*variable, "="));
-    if (name.rfind("TANSY_", 0) != 0 && name != "HOME" && name != "XDG_CONFIG_HOME" &&
-        invocation.environment.count(name) == 0) {
-      variables.emplace_back(*variable);
-    }
+  std::set<std::string> own = {"HOME", "XDG_CONFIG_HOME"};
+  for (const auto& [name, value] : invocation.environment) {
+    own.insert(name);
   }
+  std::vector<std::string> variables = EnvironmentWithout(own);
   if (invocation.environment.count("HOME") == 0) {
     variables.push_back("HOME=" + invocation.folder);
   }
@@ -39,15 +36,6 @@ std::vector<std::string> EnvironmentOf(const Invocation& invocation) {
     variables.push_back(name + "=" + value);
   }
   return variables;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) {
-    pointers.push_back(text.data());
-  }
-  pointers.push_back(nullptr);
-  return pointers;
 }
 
 int NamelessFile() {

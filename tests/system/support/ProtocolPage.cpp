@@ -108,6 +108,23 @@ std::regex Pattern(const std::string& text) {
   return std::regex(pattern);
 }
 
+void ExpectSameHead(const PageMessage& expected, const Reply& reply, bool length_may_differ) {
+  EXPECT_EQ(expected.first_line.substr(9, 3), std::to_string(reply.status));
+  EXPECT_TRUE(reply.is_whole);
+  EXPECT_EQ(reply.headers.size(), expected.headers.size());
+  for (const auto& [name, value] : expected.headers) {
+    EXPECT_TRUE((length_may_differ && name == "Content-Length") || std::regex_match(reply.Header(name), Pattern(value)))
+        << name << ": " << reply.Header(name) << " instead of " << value;
+  }
+}
+
+Launch LaunchWithPageKeys() {
+  Launch launch;
+  launch.with_keys = false;
+  launch.environment = {{"TANSY_ACCESS_KEY", kPageKeys.access_key}, {"TANSY_SECRET_KEY", kPageKeys.secret_key}};
+  return launch;
+}
+
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
   for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/Http.h"
+#include "support/Tansyd.h"
 
 namespace system_tests {
 
@@ -41,6 +42,13 @@ std::string Wire(const PageMessage& message);
 
 // What the page writes, as a pattern: "{date}", "{guid}" and "{number}" stand for any of these.
 std::regex Pattern(const std::string& text);
+
+// Whether status and headers are those of `expected`. The page may show another "Content-Length" where
+// `length_may_differ`: when what stands in this run's body for a text of the page is not as long as that.
+void ExpectSameHead(const PageMessage& expected, const Reply& reply, bool length_may_differ);
+
+// A tansyd with the page's keys.
+Launch LaunchWithPageKeys();
 
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to);
 

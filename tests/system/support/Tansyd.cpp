@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -24,8 +23,7 @@
 #include <thread>
 
 #include "support/Ports.h"
-
-extern char** environ;
+#include "support/ProgramTexts.h"
 
 namespace system_tests {
 namespace {
@@ -82,12 +80,7 @@ bool ForbidIpv6() {
 }
 
 std::vector<std::string> EnvironmentOf(const Launch& launch) {
-  std::vector<std::string> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    if (std::strncmp(*variable, "TANSY_", 6) != 0) {
-      variables.emplace_back(*variable);
-    }
-  }
+  std::vector<std::string> variables = EnvironmentWithout({});
   if (launch.with_keys) {
     const Keys keys;
     variables.push_back("TANSY_ACCESS_KEY=" + keys.access_key);
@@ -97,15 +90,6 @@ std::vector<std::string> EnvironmentOf(const Launch& launch) {
     variables.push_back(name + "=" + value);
   }
   return variables;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) {
-    pointers.push_back(text.data());
-  }
-  pointers.push_back(nullptr);
-  return pointers;
 }
 
 Ended EndedOf(int status) {

@@ -20,6 +20,40 @@ void SucceedAll(const std::vector<SqlWrite*>& batch) {
   }
 }
 
+// Makes two batches of some writes: the first write alone, and the others, which come while it runs.
+class CTwoBatches {
+ public:
+  // To be called by each batch; the first one waits here until the others have come.
+  void HoldFirst() {
+    if (!held_) {
+      held_ = true;
+      first_runs_.set_value();
+      go_on_.get_future().wait();
+    }
+  }
+
+  void Run(CGroupCommit& group, std::vector<SqlWrite>& writes) {
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] { group.Run(writes[0]); });
+    first_runs_.get_future().wait();
+    for (std::size_t i = 1; i < writes.size(); ++i) {
+      threads.emplace_back([&, i] { group.Run(writes[i]); });
+    }
+    while (group.CountWaiting() < writes.size() - 1) {
+      std::this_thread::yield();
+    }
+    go_on_.set_value();
+    for (auto& thread : threads) {
+      thread.join();
+    }
+  }
+
+ private:
+  bool held_ = false;
+  std::promise<void> first_runs_;
+  std::promise<void> go_on_;
+};
+
 TEST(GroupCommitTest, CallerAloneRunsAtOnceOnItsOwnThread) {
   std::thread::id runner;
   std::size_t size = 0;
@@ -36,35 +70,18 @@ TEST(GroupCommitTest, CallerAloneRunsAtOnceOnItsOwnThread) {
 }
 
 TEST(GroupCommitTest, WhoComesDuringABatchMakesUpTheNext) {
-  constexpr std::size_t kLate = 7;
-  std::promise<void> first_runs;
-  std::promise<void> go_on;
+  CTwoBatches two;
   std::vector<std::size_t> sizes;
   CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
-    if (sizes.empty()) {
-      first_runs.set_value();
-      go_on.get_future().wait();
-    }
+    two.HoldFirst();
     sizes.push_back(batch.size());
     SucceedAll(batch);
   });
 
-  std::vector<SqlWrite> writes(1 + kLate);
-  std::vector<std::thread> threads;
-  threads.emplace_back([&] { group.Run(writes[0]); });
-  first_runs.get_future().wait();
-  for (std::size_t i = 1; i <= kLate; ++i) {
-    threads.emplace_back([&, i] { group.Run(writes[i]); });
-  }
-  while (group.CountWaiting() < kLate) {
-    std::this_thread::yield();
-  }
-  go_on.set_value();
-  for (auto& thread : threads) {
-    thread.join();
-  }
+  std::vector<SqlWrite> writes(8);
+  two.Run(group, writes);
 
-  EXPECT_EQ(sizes, (std::vector<std::size_t>{1, kLate}));
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 7}));
   for (const auto& write : writes) {
     EXPECT_TRUE(write.succeeded);
   }
@@ -98,34 +115,19 @@ TEST(GroupCommitTest, EachCallerGetsItsOwnOutcome) {
 
 // Whoever waits is told, and the next to come is served.
 TEST(GroupCommitTest, MemoryThatRunsOutFailsTheBatchAndHoldsNobodyUp) {
-  constexpr std::size_t kLate = 3;
-  std::promise<void> first_runs;
-  std::promise<void> go_on;
+  CTwoBatches two;
   int batches = 0;
   CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
-    if (++batches == 1) {
-      first_runs.set_value();
-      go_on.get_future().wait();
-    }
+    two.HoldFirst();
     SucceedAll(batch);
-    if (batches <= 2) {
+    if (++batches <= 2) {
       throw std::bad_alloc();
     }
   });
-  std::vector<SqlWrite> writes(1 + kLate);
-  std::vector<std::thread> threads;
-  threads.emplace_back([&] { group.Run(writes[0]); });
-  first_runs.get_future().wait();
-  for (std::size_t i = 1; i <= kLate; ++i) {
-    threads.emplace_back([&, i] { group.Run(writes[i]); });
-  }
-  while (group.CountWaiting() < kLate) {
-    std::this_thread::yield();
-  }
-  go_on.set_value();
-  for (auto& thread : threads) {
-    thread.join();
-  }
+
+  std::vector<SqlWrite> writes(4);
+  two.Run(group, writes);
+
   EXPECT_EQ(batches, 2);
   for (const auto& write : writes) {
     EXPECT_FALSE(write.succeeded);
