@@ -17,6 +17,8 @@ endforeach()
 
 install(DIRECTORY include/TansyCloudStorage DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(FILES platform/KivPlatform/FactoryInterface.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KivPlatform)
+install(FILES platform/logging/Logging.h platform/logging/QualifiedName.h platform/logging/StandardSink.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/logging)
 install(DIRECTORY host/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/TansyCloudStorage OPTIONAL)
 
 install(EXPORT TansyCloudStorageTargets NAMESPACE Tansy:: DESTINATION ${package_folder})

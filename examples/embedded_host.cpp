@@ -16,6 +16,7 @@
 
 #include "KivPlatform/FactoryInterface.h"
 #include "TansyCloudStorage/CloudStorage.h"
+#include "logging/StandardSink.h"
 
 namespace cloud = Tansy::CloudStorage;
 using Lock = std::lock_guard<std::mutex>;
@@ -96,12 +97,30 @@ bool MakeSchema() {
   return made;
 }
 
+// The module's errors go to standard error, without the keys: lines about refused signatures hold them.
+bool StartLog(const char* access_key, const char* secret_key) {
+  std::string error;
+  const auto sink = logging::CStandardSink::Create({}, error);
+  if (!sink) {
+    std::cerr << error << "\n";
+    return false;
+  }
+  sink->AddSecret(access_key);
+  sink->AddSecret(secret_key);
+  logging::SetSink(sink);
+  logging::SetLowestLevel(logging::kError);
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 5 || !MakeSchema()) {
     std::cerr << "usage: embedded_host PORT PICTURE_PORT ACCESS_KEY SECRET_KEY, in a folder without catalogue.db\n";
     return 2;
+  }
+  if (!StartLog(argv[3], argv[4])) {
+    return 1;
   }
   cloud::StorageServerConfig objects;
   objects.upload_port = objects.download_port = static_cast<std::uint32_t>(std::atoi(argv[1]));
@@ -125,5 +144,6 @@ int main(int argc, char** argv) {
   std::cout << "ready" << std::endl;
   std::cin.ignore(std::numeric_limits<std::streamsize>::max());
   cloud::UninitPicServer();
+  logging::SetSink(nullptr);
   return 0;
 }
