@@ -401,7 +401,7 @@ TEST_F(ProgramTest, SurvivesServersThatAreWrong) {
     server_.ClearScript();
     // The size is told, so that the download itself meets the bad answer.
     server_.Answer("GET /photos/a?metadata", {.headers = {{"Object-Size", "1000000"}}});
-    server_.Handle([&](const ScriptedRequest&) { return answer; });
+    server_.Handle([answer](const ScriptedRequest&) { return answer; });
     const bool is_answer = answer.status == 302 || answer.raw.find("9223372036854775807") != std::string::npos;
     const int expected = is_answer ? 1 : 6;
     for (const char* command :
