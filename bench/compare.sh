@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Measures tansyd beside nginx (its DAV module) in one run: the same load tool, cores and sizes, one server at a time, on
 # loopback. Prints requests a second and their ratio. nginx does not wait for the disk, so writes are measured twice for
-# tansyd: with --durability fast (the like-for-like row) and full (what users get unless they say otherwise).
+# tansyd: with --durability fast (the like-for-like row) and full (what users get unless they say otherwise). Everything is
+# stored below TMPDIR; in memory (TMPDIR=/dev/shm) the disk's moods are left out.
 # usage: bench/compare.sh [SECONDS_A_MEASUREMENT]       default 5
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -45,7 +46,7 @@ start_tansyd() { # DURABILITY
     --picture-https-port 0 --durability "$1" --log-level 5 --log-file "$work/tansyd.log" >"$work/ready" &
   pids+=($!)
   for _ in $(seq 100); do
-    grep -q '^tansyd ready' "$work/ready" && break
+    grep -qs '^tansyd ready' "$work/ready" && break
     sleep 0.1
   done
   TANSY_SERVER=http://127.0.0.1:$object_port scripts/signed-curl.sh PUT /bench -sS --fail \

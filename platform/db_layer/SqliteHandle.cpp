@@ -2,21 +2,19 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace db_layer {
 
 namespace details {
 namespace {
-
-struct FinalizeStatement {
-  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
 // Error texts quote what the statement held; log lines are single lines.
 std::string OneLine(std::string text) {
@@ -60,6 +58,38 @@ void NextValueFunction(sqlite3_context* context, int, sqlite3_value** arguments)
   sqlite3_result_error_code(context, error.code);
 }
 
+// Up as long as it lives.
+class CRaisedFlag {
+ public:
+  explicit CRaisedFlag(bool& flag) : flag_(flag) { flag_ = true; }
+  ~CRaisedFlag() { flag_ = false; }
+  CRaisedFlag(const CRaisedFlag&) = delete;
+  CRaisedFlag& operator=(const CRaisedFlag&) = delete;
+
+ private:
+  bool& flag_;
+};
+
+bool BindAll(sqlite3_stmt* statement, const std::vector<SqlValue>& values) {
+  int result = SQLITE_OK;
+  for (std::size_t i = 0; i < values.size() && result == SQLITE_OK; ++i) {
+    const int index = static_cast<int>(i) + 1;
+    const SqlValue& value = values[i];
+    result = value.is_text ? sqlite3_bind_text64(statement, index, value.text.data(), value.text.size(), SQLITE_STATIC,
+                                                 SQLITE_UTF8)
+                           : sqlite3_bind_int64(statement, index, value.number);
+  }
+  return result == SQLITE_OK;
+}
+
+// Statements that come again. Not PRAGMAs: some of them do their work while they are prepared.
+bool IsWorthKeeping(std::string_view sql) {
+  constexpr std::array<std::string_view, 9> kBeginnings = {"SELECT", "INSERT",    "UPDATE",  "DELETE",  "BEGIN",
+                                                           "COMMIT", "SAVEPOINT", "RELEASE", "ROLLBACK"};
+  return std::any_of(kBeginnings.begin(), kBeginnings.end(),
+                     [sql](std::string_view beginning) { return sql.starts_with(beginning); });
+}
+
 std::string_view Text(const void* text, int size) {
   return text == nullptr ? std::string_view()
                          : std::string_view(static_cast<const char*>(text), static_cast<std::size_t>(size));
@@ -96,6 +126,8 @@ CSqliteHandle::~CSqliteHandle() {
 }
 
 void CSqliteHandle::Close() {
+  own_statements_.Clear();
+  callers_statements_.Clear();
   sqlite3_close_v2(db_);
   db_ = nullptr;
 }
@@ -128,7 +160,7 @@ bool CSqliteHandle::Open(const std::string& path, const SqliteOptions& options, 
 }
 
 bool CSqliteHandle::Attach(const std::string& path, SqlError& error) {
-  const details::StatementPtr statement(Prepare("ATTACH DATABASE ?1 AS platform", error));
+  const StatementPtr statement = Prepare("ATTACH DATABASE ?1 AS platform", error);
   if (!statement) {
     return false;
   }
@@ -162,18 +194,47 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
 }
 
 bool CSqliteHandle::Run(const std::string& sql, CRowBuffer* rows, SqlError& error) {
-  guarded_ = true;
-  const details::StatementPtr statement(Prepare(sql, error));
-  guarded_ = false;
+  if (!IsAcceptable(sql, error)) {
+    return false;
+  }
+  SqlTemplate shape;
+  bool has_run = false;
+  if (rows == nullptr && MakeTemplate(sql, shape)) {
+    const bool succeeded = RunTemplate(shape, error, has_run);
+    if (has_run) {
+      return succeeded;
+    }
+  }
+  StatementPtr statement;
+  {
+    const details::CRaisedFlag guard(guarded_);
+    statement = Prepare(sql, error);
+  }
   return statement && Step(statement.get(), rows, error);
 }
 
+// A template that cannot be prepared has not run: the error is then to be that of the statement as it stands.
+bool CSqliteHandle::RunTemplate(const SqlTemplate& shape, SqlError& error, bool& has_run) {
+  CSqliteStatements::CLoan loan = BorrowGuarded(shape.text, error);
+  has_run = loan && details::BindAll(loan.Get(), shape.values);
+  return has_run && RunBorrowed(loan, nullptr, error);
+}
+
 bool CSqliteHandle::RunIfReading(const std::string& sql, CRowBuffer& rows, bool& writes, SqlError& error) {
-  guarded_ = true;
-  const details::StatementPtr statement(Prepare(sql, error));
-  guarded_ = false;
-  writes = statement && sqlite3_stmt_readonly(statement.get()) == 0;
-  return statement && !writes && Step(statement.get(), &rows, error);
+  writes = false;
+  if (!IsAcceptable(sql, error)) {
+    return false;
+  }
+  try {
+    CSqliteStatements::CLoan loan = BorrowGuarded(sql, error);
+    writes = loan && sqlite3_stmt_readonly(loan.Get()) == 0;
+    if (writes) {
+      loan.Drop();
+    }
+    return loan && RunBorrowed(loan, &rows, error);
+  } catch (const std::bad_alloc&) {
+    return details::SetError(error, SQLITE_NOMEM, "out of memory");
+  }
 }
 
 bool CSqliteHandle::RunOwn(const char* sql, SqlError& error) {
@@ -181,8 +242,33 @@ bool CSqliteHandle::RunOwn(const char* sql, SqlError& error) {
 }
 
 bool CSqliteHandle::RunOwn(const char* sql, CRowBuffer* rows, SqlError& error) {
-  const details::StatementPtr statement(Prepare(sql, error));
-  return statement && Step(statement.get(), rows, error);
+  CSqliteStatements::CLoan loan = Borrow(own_statements_, sql, error);
+  return loan && RunBorrowed(loan, rows, error);
+}
+
+CSqliteStatements::CLoan CSqliteHandle::BorrowGuarded(const std::string& sql, SqlError& error) {
+  const details::CRaisedFlag guard(guarded_);
+  return Borrow(callers_statements_, sql, error);
+}
+
+// Kept for the next time, or else prepared; an empty loan with `error` filled in when that fails.
+CSqliteStatements::CLoan CSqliteHandle::Borrow(CSqliteStatements& statements, const std::string& sql, SqlError& error) {
+  refusal_ = nullptr;
+  CSqliteStatements::CLoan loan = statements.Borrow(sql);
+  if (!loan) {
+    if (StatementPtr fresh = Prepare(sql, error); fresh) {
+      loan.Fill(sql, std::move(fresh));
+    }
+  }
+  return loan;
+}
+
+bool CSqliteHandle::RunBorrowed(CSqliteStatements::CLoan& loan, CRowBuffer* rows, SqlError& error) {
+  const bool succeeded = Step(loan.Get(), rows, error);
+  if (!succeeded || !details::IsWorthKeeping(sqlite3_sql(loan.Get()))) {
+    loan.Drop();
+  }
+  return succeeded;
 }
 
 bool CSqliteHandle::IsInTransaction() const {
@@ -195,17 +281,19 @@ bool CSqliteHandle::HasMoved() const {
   return result == SQLITE_OK && moved != 0;
 }
 
-// Null with `error` filled in unless `sql` is exactly one statement that may run.
-sqlite3_stmt* CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
+bool CSqliteHandle::IsAcceptable(const std::string& sql, SqlError& error) {
   if (sql.find('\0') != std::string::npos) {
     // SQLite would stop reading there and run what comes before.
-    details::SetError(error, SQLITE_MISUSE, "the statement holds a NUL byte");
-    return nullptr;
+    return details::SetError(error, SQLITE_MISUSE, "the statement holds a NUL byte");
   }
   if (sql.size() >= static_cast<std::size_t>(sqlite3_limit(db_, SQLITE_LIMIT_SQL_LENGTH, -1))) {
-    details::SetError(error, SQLITE_TOOBIG, "the statement is too long");
-    return nullptr;
+    return details::SetError(error, SQLITE_TOOBIG, "the statement is too long");
   }
+  return true;
+}
+
+// Null with `error` filled in unless `sql` is exactly one statement that may run.
+StatementPtr CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
   refusal_ = nullptr;
   sqlite3_stmt* statement = nullptr;
   const char* tail = nullptr;
@@ -214,12 +302,12 @@ sqlite3_stmt* CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
     Fail(error);
     return nullptr;
   }
-  details::StatementPtr owner(statement);
+  StatementPtr owner(statement);
   if (!owner) {
     details::SetError(error, SQLITE_MISUSE, "the statement is empty");
     return nullptr;
   }
-  return IsLast(tail, error) ? owner.release() : nullptr;
+  return IsLast(tail, error) ? std::move(owner) : nullptr;
 }
 
 // Nothing but blanks, semicolons and comments may follow a statement.
@@ -227,7 +315,7 @@ bool CSqliteHandle::IsLast(const char* tail, SqlError& error) {
   while (tail != nullptr && *tail != '\0') {
     sqlite3_stmt* statement = nullptr;
     const int result = sqlite3_prepare_v2(db_, tail, -1, &statement, &tail);
-    const details::StatementPtr owner(statement);
+    const StatementPtr owner(statement);
     if (result != SQLITE_OK || owner) {
       return details::SetError(error, SQLITE_MISUSE, "only one statement at a time");
     }
@@ -237,12 +325,13 @@ bool CSqliteHandle::IsLast(const char* tail, SqlError& error) {
 
 bool CSqliteHandle::Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& error) {
   try {
+    int result = sqlite3_step(statement);
     if (rows != nullptr) {
+      // Not before: a statement that was kept learns of a changed schema in its first step.
       rows->Clear();
       details::AddColumns(statement, *rows);
     }
-    int result = SQLITE_ROW;
-    while ((result = sqlite3_step(statement)) == SQLITE_ROW) {
+    for (; result == SQLITE_ROW; result = sqlite3_step(statement)) {
       if (rows != nullptr && !details::AddRow(statement, *rows)) {
         throw std::bad_alloc();
       }

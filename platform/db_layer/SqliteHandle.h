@@ -6,9 +6,10 @@
 #include <string>
 
 #include "db_layer/RowBuffer.h"
+#include "db_layer/SqlTemplate.h"
+#include "db_layer/SqliteStatements.h"
 
 struct sqlite3;
-struct sqlite3_stmt;
 
 namespace db_layer {
 
@@ -62,12 +63,20 @@ class CSqliteHandle {
                        const char* trigger);
   bool Attach(const std::string& path, SqlError& error);
   bool Configure(const SqliteOptions& options, SqlError& error);
-  sqlite3_stmt* Prepare(const std::string& sql, SqlError& error);
+  bool IsAcceptable(const std::string& sql, SqlError& error);
+  StatementPtr Prepare(const std::string& sql, SqlError& error);
+  CSqliteStatements::CLoan Borrow(CSqliteStatements& statements, const std::string& sql, SqlError& error);
+  CSqliteStatements::CLoan BorrowGuarded(const std::string& sql, SqlError& error);
+  bool RunTemplate(const SqlTemplate& shape, SqlError& error, bool& has_run);
+  bool RunBorrowed(CSqliteStatements::CLoan& loan, CRowBuffer* rows, SqlError& error);
   bool IsLast(const char* tail, SqlError& error);
   bool Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& error);
   bool Fail(SqlError& error);
 
   sqlite3* db_ = nullptr;
+  // Apart, because a caller must not get at what was prepared without its checks.
+  CSqliteStatements own_statements_;
+  CSqliteStatements callers_statements_;
   bool guarded_ = false;           // while a caller's statement is being prepared
   const char* refusal_ = nullptr;  // why Authorize said no
 };

@@ -61,6 +61,55 @@ TEST_F(SqliteConnectTest, TextsComeBackAsTheyWere) {
   EXPECT_EQ(connection_->GetString("name"), text);
 }
 
+// Statements are prepared once for all that differ in their values only; nobody may notice.
+TEST_F(SqliteConnectTest, EachStatementHasItsOwnValues) {
+  for (const char* values : {"(1, 'one')", "(-2, '')", "(3, 'it''s')", "(4, NULL)", "(5, 5)", "(6, '6')"}) {
+    ASSERT_TRUE(connection_->Execute(std::string("INSERT INTO platform.item (id, name) VALUES ") + values));
+  }
+  ASSERT_TRUE(connection_->Execute("UPDATE platform.item SET name='zwei' WHERE id=-2"));
+  ASSERT_TRUE(connection_->Execute("UPDATE platform.item SET name='drei' WHERE id=3"));
+  ASSERT_TRUE(connection_->Execute("DELETE FROM platform.item WHERE id=1"));
+  ASSERT_TRUE(connection_->Execute("DELETE FROM platform.item WHERE id=99"));
+  const std::string all = "SELECT id, name, typeof(name) AS type FROM platform.item ORDER BY id";
+  EXPECT_EQ(Column(*connection_, all, "id"), "-2,3,4,5,6");
+  EXPECT_EQ(Column(*connection_, all, "name"), "zwei,drei,,5,6");
+  EXPECT_EQ(Column(*connection_, all, "type"), "text,text,null,text,text");
+}
+
+TEST_F(SqliteConnectTest, KeptStatementsFollowTheSchema) {
+  ASSERT_TRUE(Insert(1));
+  EXPECT_EQ(Column(*connection_, "SELECT * FROM platform.item", "id"), "1");
+  ASSERT_TRUE(connection_->Execute("ALTER TABLE platform.item ADD COLUMN extra TEXT DEFAULT 'more'"));
+  ASSERT_TRUE(Insert(2));
+  EXPECT_EQ(Column(*connection_, "SELECT * FROM platform.item", "extra"), "more,more");
+  ASSERT_TRUE(connection_->Execute("DROP TABLE platform.item"));
+  EXPECT_FALSE(Insert(3));
+  EXPECT_EQ(ErrorOf(*connection_), "no such table: platform.item");
+  EXPECT_FALSE(connection_->Query("SELECT * FROM platform.item"));
+  ASSERT_TRUE(connection_->Execute("CREATE TABLE platform.item (id TEXT, name TEXT)"));
+  ASSERT_TRUE(Insert(3));
+  EXPECT_EQ(Column(*connection_, "SELECT * FROM platform.item", "id"), "3");
+}
+
+TEST_F(SqliteConnectTest, AFailedStatementDoesNotSpoilTheNextOfItsKind) {
+  ASSERT_TRUE(Insert(1));
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_FALSE(Insert(1));
+    EXPECT_EQ(ErrorOf(*connection_), "UNIQUE constraint failed: item.id");
+    EXPECT_TRUE(Insert(2 + round));
+  }
+  EXPECT_EQ(Count(*connection_, "platform.item"), 4);
+}
+
+TEST_F(SqliteConnectTest, ErrorsQuoteTheStatementAsItWas) {
+  EXPECT_FALSE(connection_->Execute("INSERT INTO platform.item (id, name) VALUES (1, 'a') 'b'"));
+  EXPECT_EQ(ErrorOf(*connection_), "near \"'b'\": syntax error");
+  EXPECT_FALSE(connection_->Execute("INSERT INTO platform.item (id) VALUES (1, 'a')"));
+  EXPECT_EQ(ErrorOf(*connection_), "2 values for 1 columns");
+  EXPECT_FALSE(connection_->Execute("DELETE FROM platform.item WHERE id=1; DELETE FROM platform.item WHERE id=2"));
+  EXPECT_EQ(ErrorOf(*connection_), "only one statement at a time");
+}
+
 TEST_F(SqliteConnectTest, ExecuteEndsTheRowsOfTheQueryBefore) {
   ASSERT_TRUE(Insert(1));
   ASSERT_TRUE(connection_->Query("SELECT * FROM platform.item"));
