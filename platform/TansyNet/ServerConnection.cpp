@@ -199,7 +199,8 @@ void CServerConnection::WaitFor(IoStatus status) {
 void CServerConnection::NoteBrokenOff() {
   const char* const ip = transport_.Socket().PeerAddress().c_str();
   if (phase_ == Phase::kHandshake) {
-    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]TLS handshake failed, ip = %s[%s(%d)]", ip);
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]TLS handshake failed[%s], ip = %s[%s(%d)]",
+              transport_.HandshakeFailure(), ip);
   } else if (IsReading(phase_)) {
     TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request broken off, handle = %d, ip = %s, url = %s[%s(%d)]", handle_,
               ip, request_.url.c_str());

@@ -24,6 +24,7 @@ class CServerTransport {
   bool IsEncrypted() const { return encrypted_; }
 
   IoResult Handshake() { return tls_->Handshake(); }
+  const char* HandshakeFailure() const { return tls_->FailureText(); }
   // After a failed handshake with a client that speaks plain HTTP: what follows is in the clear. False for all others.
   bool FallBackToPlain();
 

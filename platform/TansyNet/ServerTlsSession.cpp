@@ -153,6 +153,11 @@ void CTlsSession::SendCloseNotify() {
   ERR_clear_error();
 }
 
+const char* CTlsSession::FailureText() const {
+  const char* const reason = ERR_reason_error_string(failure_);
+  return reason == nullptr ? "the client was silent or left" : reason;
+}
+
 IoStatus CTlsSession::StatusOf(int result) {
   switch (SSL_get_error(impl_->ssl.get(), result)) {
     case SSL_ERROR_WANT_READ:
@@ -162,7 +167,8 @@ IoStatus CTlsSession::StatusOf(int result) {
     case SSL_ERROR_ZERO_RETURN:
       return IoStatus::kEnd;
     default:
-      peer_speaks_http_ = ERR_GET_REASON(ERR_peek_error()) == SSL_R_HTTP_REQUEST;
+      failure_ = ERR_peek_error();
+      peer_speaks_http_ = ERR_GET_REASON(failure_) == SSL_R_HTTP_REQUEST;
       ERR_clear_error();
       return IoStatus::kFailed;
   }

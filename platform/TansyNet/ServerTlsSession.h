@@ -23,6 +23,8 @@ class CTlsSession {
   // kDone when the handshake is complete. Failed handshakes of clients that speak plain HTTP are told apart.
   IoResult Handshake();
   bool PeerSpeaksHttp() const { return peer_speaks_http_; }
+  // Why the last call failed, in the TLS library's words; for logs.
+  const char* FailureText() const;
 
   IoResult Read(char* data, std::size_t size);
   // What was not written must be offered again, unchanged and with nothing less behind it, in the next call.
@@ -41,6 +43,7 @@ class CTlsSession {
 
   std::unique_ptr<Impl> impl_;
   bool peer_speaks_http_ = false;
+  unsigned long failure_ = 0;  // the TLS library's code; 0 when the connection was at fault, not what came over it
 };
 
 }  // namespace TansyNet
