@@ -21,6 +21,7 @@ constexpr std::uint16_t kObjectPort = 9700;
 constexpr std::uint16_t kPicturePort = 9701;
 constexpr char kDefaultDataFolder[] = "tansy-data";
 constexpr char kSettingsFile[] = "tansyd.toml";
+constexpr char kListeningFile[] = "listening.toml";
 
 [[noreturn]] void Fail(const std::string& path, const std::string& what, const std::string& advice) {
   throw CFailure(kExitFailed, path + ": " + what, advice);
@@ -67,20 +68,23 @@ struct Source {
   std::string keys_file;
 };
 
-// The settings that a tansyd keeps in its data folder.
+// What a tansyd keeps in its data folder: the ports at which it can be found while it runs, else those of its settings;
+// and its keys.
 Source ReadDataFolder(const std::string& folder) {
   const std::string path = folder + "/" + kSettingsFile;
-  const std::optional<toml::table> table = ReadToml(path);
-  if (!table) {
+  const std::optional<toml::table> settings = ReadToml(path);
+  const std::optional<toml::table> listening = ReadToml(folder + "/" + kListeningFile);
+  if (!settings && !listening) {
     Fail(folder, "there is no " + std::string(kSettingsFile) + " in it",
          "start tansyd with this data folder once, or name another one with --data");
   }
   Source source;
   source.name = "data folder " + folder;
   source.data_folder = folder;
-  source.server_url = "http://127.0.0.1:" + std::to_string(PortOf(*table, "object-port", kObjectPort));
-  source.picture_url = "http://127.0.0.1:" + std::to_string(PortOf(*table, "picture-port", kPicturePort));
-  if (const toml::table* credentials = (*table)["credentials"].as_table()) {
+  const toml::table& ports = listening ? *listening : *settings;
+  source.server_url = "http://127.0.0.1:" + std::to_string(PortOf(ports, "object-port", kObjectPort));
+  source.picture_url = "http://127.0.0.1:" + std::to_string(PortOf(ports, "picture-port", kPicturePort));
+  if (const toml::table* credentials = settings ? (*settings)["credentials"].as_table() : nullptr) {
     source.access_key = TextOf(*credentials, "access_key");
     source.secret_key = TextOf(*credentials, "secret_key");
     source.keys_file = path;

@@ -16,6 +16,7 @@
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "HostSystem/Process.h"
+#include "ListeningFile.h"
 #include "Schema.h"
 #include "StartFailure.h"
 #include "TansyBase/TimeUtil.h"
@@ -193,6 +194,7 @@ void CServer::Start() {
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   StartObjectServer(config);
   StartPictureServer(config);
+  WriteListeningFile(options_);
   housekeeping_ = std::make_unique<CHousekeeping>(store_);
   housekeeping_->Start(details::kHousekeepingPeriodMs);
 }
@@ -270,6 +272,7 @@ void CServer::Reload() {
 
 void CServer::Stop() {
   HOST_LOG(logging::kNotable, "[%s]stopping.[%s(%d)]");
+  RemoveListeningFile();
   housekeeping_.reset();
   details::StopServing(details::kDrainMs);
   db_layer::Module_Unregister(details::kModule);

@@ -4,11 +4,11 @@
 # usage: scripts/signed-curl.sh [--data DIR] [--content-md5 FILE] METHOD PATH [curl options]
 #
 #   PATH            as in "/photos/cat.jpg?metadata"; percent-escape what needs it
-#   --data DIR      data folder of the tansyd, for its credentials (else $TANSY_DATA, else ./tansy-data)
+#   --data DIR      data folder of the tansyd, for its credentials and port (else $TANSY_DATA, else ./tansy-data)
 #   --content-md5 F adds the Content-MD5 header that clients of the protocol send, for the body in file F
 #
 # Credentials come from $TANSY_ACCESS_KEY and $TANSY_SECRET_KEY, else from DIR/tansyd.toml. The server is $TANSY_SERVER,
-# else http://127.0.0.1:9700. Headers given with curl's -H (Content-Type, Content-MD5, x-qvs-...) are signed as they are.
+# else the tansyd that runs on DIR, else http://127.0.0.1:9700. Headers given with curl's -H (Content-Type, Content-MD5, x-qvs-...) are signed as they are.
 #
 # examples:
 #   scripts/signed-curl.sh PUT /photos -d '<CreateBucketConfiguration/>'
@@ -109,6 +109,15 @@ if [[ -z $access_key || -z $secret_key ]]; then
   [[ -n $access_key && -n $secret_key ]] || fail "$data/tansyd.toml holds no [credentials]"
 fi
 
+server=${TANSY_SERVER:-}
+if [[ -z $server ]]; then
+  port=9700
+  if [[ -r $data/listening.toml ]]; then
+    port=$(sed -n 's/^object-port = \([0-9]\{1,5\}\)$/\1/p' "$data/listening.toml")
+  fi
+  server=http://127.0.0.1:${port:-9700}
+fi
+
 # What of the headers takes part in the signature.
 content_md5=''
 content_type=''
@@ -159,4 +168,4 @@ if [[ $method == HEAD ]]; then
   method_options=(-I)
 fi
 exec curl --silent --show-error --globoff --path-as-is "${method_options[@]}" \
-  -H @<(printf '%s\n' "${headers[@]}") "$@" "${TANSY_SERVER:-http://127.0.0.1:9700}$path"
+  -H @<(printf '%s\n' "${headers[@]}") "$@" "$server$path"

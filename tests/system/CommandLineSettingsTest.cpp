@@ -74,6 +74,25 @@ TEST_F(CommandLineZeroTest, TakesAnotherDataFolderByNameOrEnvironment) {
       "one with --data\n");
 }
 
+// Ports that were given on the server's own command line are found too, and a crash leaves nothing wrong behind.
+TEST_F(CommandLineZeroTest, FindsTheServerWhereverItGotItsPortsFrom) {
+  CTansyd other(temp_.Path("work"), "other-data");
+  launch_.with_keys = false;
+  ASSERT_TRUE(other.Start(launch_));
+  const Invocation buckets = Plain({"--data", WorkPath("other-data"), "buckets"});
+  EXPECT_EQ(RunProgram(buckets).code, 0);
+  EXPECT_EQ(RunProgram(Plain({"--data", WorkPath("other-data"), "pic", "version"})).code, 0);
+  EXPECT_TRUE(std::filesystem::exists(WorkPath("other-data/listening.toml")));
+  other.Kill();
+  EXPECT_EQ(RunProgram(buckets).code, 6);
+  CTansyd again(temp_.Path("work"), "other-data");
+  ASSERT_TRUE(again.Start(launch_));
+  ASSERT_NE(again.GetObjectPort(), other.GetObjectPort());
+  EXPECT_EQ(RunProgram(buckets).code, 0);
+  ASSERT_TRUE(again.Stop());
+  EXPECT_FALSE(std::filesystem::exists(WorkPath("other-data/listening.toml")));
+}
+
 TEST_F(CommandLineZeroTest, SaysWhyADataFoldersServerDoesNotAnswer) {
   ASSERT_TRUE(own_.Stop());
   const Ended ended = RunProgram(Plain({"doctor"}));

@@ -71,7 +71,8 @@ TEST_F(TlsTest, PlainHttpOnATlsPortAndSilenceAreClosed) {
   EXPECT_TRUE(silent->IsClosedByServer(std::chrono::seconds(40)));
   EXPECT_TRUE(server_.Stop());
   EXPECT_THAT(server_.GetLog(), testing::HasSubstr("request refused, status = 400, handle = 0, ip = 127.0.0.1"));
-  EXPECT_THAT(server_.GetLog(), testing::HasSubstr("TLS handshake failed[the client was silent or left], ip = 127.0.0.1"));
+  EXPECT_THAT(server_.GetLog(),
+              testing::HasSubstr("TLS handshake failed[the client was silent or left], ip = 127.0.0.1"));
 }
 
 TEST_F(TlsTest, AReplacedCertificateIsTakenUpWithoutDroppingConnections) {

@@ -83,6 +83,27 @@ TEST_F(SettingsTest, TakesThePortsOfADataFolder) {
   EXPECT_EQ(settings.picture_server.Url(), "http://127.0.0.1:4321");
 }
 
+TEST_F(SettingsTest, TakesThePortsThatARunningServerTells) {
+  MakeDataFolder("other", "object-port = 1234\npicture-port = 4321\n");
+  folder_.MakeFile("other/listening.toml", "object-port = 5678\nobject-https-port = 0\npicture-port = 8765\n");
+  globals_.data = folder_.Path("other");
+  const Settings settings = Find();
+  EXPECT_EQ(settings.object_server.Url(), "http://127.0.0.1:5678");
+  EXPECT_EQ(settings.picture_server.Url(), "http://127.0.0.1:8765");
+  EXPECT_EQ(settings.access_key, "data-ak");
+}
+
+// A server whose keys are in its environment need not have a settings file.
+TEST_F(SettingsTest, TakesKeysFromElsewhereWhenADataFolderHasOnlyPorts) {
+  folder_.MakeFile("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");
+  globals_.data = folder_.Path("other");
+  ExpectFailure(kExitUsage, "no keys are known for http://127.0.0.1:5678");
+  environment_ = {{"TANSY_ACCESS_KEY", "env-ak"}, {"TANSY_SECRET_KEY", "env-sk"}};
+  const Settings settings = Find();
+  EXPECT_EQ(settings.object_server.Url(), "http://127.0.0.1:5678");
+  EXPECT_EQ(settings.secret_key, "env-sk");
+}
+
 TEST_F(SettingsTest, TakesTheDataFolderOfTheEnvironmentBeforeTheConfiguration) {
   MakeConfig(kHome);
   MakeDataFolder("other");

@@ -1,0 +1,49 @@
+#include "ListeningFile.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "fakes/TempFolder.h"
+
+namespace Tansy::Host {
+namespace {
+
+class ListeningFileTest : public testing::Test {
+ protected:
+  ListeningFileTest() { std::filesystem::current_path(temp_.GetPath()); }
+  ~ListeningFileTest() override { std::filesystem::current_path(started_in_); }
+
+  const std::filesystem::path started_in_ = std::filesystem::current_path();
+  fakes::CTempFolder temp_;
+};
+
+TEST_F(ListeningFileTest, HoldsThePorts) {
+  temp_.Write("listening.toml", "object-port = 1\n# left by a crash\n");
+  HostOptions options;
+  options.object_port = 1234;
+  options.object_https_port = 0;
+  options.picture_port = 65535;
+  options.picture_https_port = 4321;
+  WriteListeningFile(options);
+  const std::string text = temp_.Read("listening.toml");
+  EXPECT_EQ(text.substr(text.find('\n') + 1),
+            "object-port = 1234\nobject-https-port = 0\npicture-port = 65535\npicture-https-port = 4321\n");
+  EXPECT_EQ(text.front(), '#');
+}
+
+TEST_F(ListeningFileTest, IsRemovedOnceOrNeverWasThere) {
+  WriteListeningFile(HostOptions());
+  RemoveListeningFile();
+  EXPECT_FALSE(temp_.Exists("listening.toml"));
+  RemoveListeningFile();
+}
+
+TEST_F(ListeningFileTest, AFailureIsNoReasonToStop) {
+  std::filesystem::create_directory("listening.toml");
+  WriteListeningFile(HostOptions());
+  EXPECT_TRUE(std::filesystem::is_directory("listening.toml"));
+}
+
+}  // namespace
+}  // namespace Tansy::Host
