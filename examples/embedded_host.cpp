@@ -143,6 +143,7 @@ int main(int argc, char** argv) {
   }
   std::cout << "ready" << std::endl;
   std::cin.ignore(std::numeric_limits<std::streamsize>::max());
+  cloud::SetObjectServerEnable(false);
   cloud::UninitPicServer();
   logging::SetSink(nullptr);
   return 0;

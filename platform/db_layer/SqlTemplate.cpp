@@ -62,7 +62,7 @@ class CTemplateScanner {
     }
     if (std::string_view("(),.=;").find(c) != std::string_view::npos) {
       value_may_follow_ = c == '(' || c == ',' || c == '=';
-      return TakeCharacter();
+      return !IsAtBeginning() && TakeCharacter();
     }
     if (c == '\'') {
       return TakeText();
@@ -77,14 +77,19 @@ class CTemplateScanner {
 
   bool TakeWord() {
     const std::string_view word = sql_.substr(at_, WordLength());
-    const bool is_first = result_.text.find_first_not_of(" \t\r\n") == std::string::npos;
-    if (word.empty() || (is_first ? !IsOneOf(word, kWrites) : IsOneOf(word, kMoreThanValues))) {
+    if (word.empty() || (IsAtBeginning() ? !IsOneOf(word, kWrites) : !MayStandInside(word))) {
       return false;
     }
+    is_insert_ = is_insert_ || (IsAtBeginning() && IsWord(word, "INSERT"));
     result_.text += word;
     at_ += word.size();
     value_may_follow_ = false;
     return true;
+  }
+
+  // Rows of VALUES that are a table of their own have columns whose type may depend on what stands there.
+  bool MayStandInside(std::string_view word) const {
+    return !IsOneOf(word, kMoreThanValues) && (!IsWord(word, "VALUES") || (is_insert_ && LastMark() != '('));
   }
 
   bool TakeNumber() {
@@ -130,6 +135,14 @@ class CTemplateScanner {
     return true;
   }
 
+  bool IsAtBeginning() const { return LastMark() == '\0'; }
+
+  // The last character taken that is no blank; NUL before there is one.
+  char LastMark() const {
+    const std::size_t last = result_.text.find_last_not_of(" \t\r\n");
+    return last == std::string::npos ? '\0' : result_.text[last];
+  }
+
   std::size_t WordLength() const {
     const auto begin = sql_.begin() + static_cast<std::ptrdiff_t>(at_);
     return static_cast<std::size_t>(std::find_if_not(begin, sql_.end(), IsWordCharacter) - begin);
@@ -138,6 +151,7 @@ class CTemplateScanner {
   const std::string_view sql_;
   SqlTemplate& result_;
   std::size_t at_ = 0;
+  bool is_insert_ = false;
   bool value_may_follow_ = false;  // only punctuation and blanks since "(", "," or "="
 };
 

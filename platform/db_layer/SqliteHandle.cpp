@@ -48,30 +48,37 @@ void NextValueFunction(sqlite3_context* context, int, sqlite3_value** arguments)
     return;
   }
   auto* source = static_cast<ISequenceSource*>(sqlite3_user_data(context));
-  std::int64_t value = 0;
-  SqlError error;
-  if (source->NextValue(name, value, error)) {
-    sqlite3_result_int64(context, value);
-    return;
+  try {
+    std::int64_t value = 0;
+    SqlError error;
+    if (source->NextValue(name, value, error)) {
+      sqlite3_result_int64(context, value);
+      return;
+    }
+    sqlite3_result_error(context, error.text.c_str(), static_cast<int>(error.text.size()));
+    sqlite3_result_error_code(context, error.code);
+  } catch (const std::bad_alloc&) {
+    // SQLite is not made for exceptions that pass through it.
+    sqlite3_result_error_nomem(context);
   }
-  sqlite3_result_error(context, error.text.c_str(), static_cast<int>(error.text.size()));
-  sqlite3_result_error_code(context, error.code);
 }
 
 // Up as long as it lives.
 class CRaisedFlag {
  public:
-  explicit CRaisedFlag(bool& flag) : flag_(flag) { flag_ = true; }
-  ~CRaisedFlag() { flag_ = false; }
+  explicit CRaisedFlag(bool& flag) : flag_(flag), before_(std::exchange(flag, true)) {}
+  ~CRaisedFlag() { flag_ = before_; }
   CRaisedFlag(const CRaisedFlag&) = delete;
   CRaisedFlag& operator=(const CRaisedFlag&) = delete;
 
  private:
   bool& flag_;
+  const bool before_;
 };
 
 bool BindAll(sqlite3_stmt* statement, const std::vector<SqlValue>& values) {
-  int result = SQLITE_OK;
+  int result =
+      static_cast<std::size_t>(sqlite3_bind_parameter_count(statement)) == values.size() ? SQLITE_OK : SQLITE_RANGE;
   for (std::size_t i = 0; i < values.size() && result == SQLITE_OK; ++i) {
     const int index = static_cast<int>(i) + 1;
     const SqlValue& value = values[i];
@@ -82,11 +89,14 @@ bool BindAll(sqlite3_stmt* statement, const std::vector<SqlValue>& values) {
   return result == SQLITE_OK;
 }
 
-// Statements that come again. Not PRAGMAs: some of them do their work while they are prepared.
+// Statements that come again. Not PRAGMAs: some of them do their work while they are prepared. Not long ones: lists of
+// values are different each time.
 bool IsWorthKeeping(std::string_view sql) {
+  constexpr std::size_t kMaxBytes = 4096;
   constexpr std::array<std::string_view, 9> kBeginnings = {"SELECT", "INSERT",    "UPDATE",  "DELETE",  "BEGIN",
                                                            "COMMIT", "SAVEPOINT", "RELEASE", "ROLLBACK"};
-  return std::any_of(kBeginnings.begin(), kBeginnings.end(),
+  return sql.size() <= kMaxBytes &&
+         std::any_of(kBeginnings.begin(), kBeginnings.end(),
                      [sql](std::string_view beginning) { return sql.starts_with(beginning); });
 }
 
@@ -128,6 +138,7 @@ CSqliteHandle::~CSqliteHandle() {
 void CSqliteHandle::Close() {
   own_statements_.Clear();
   callers_statements_.Clear();
+  refusal_ = nullptr;
   sqlite3_close_v2(db_);
   db_ = nullptr;
 }
@@ -215,7 +226,9 @@ bool CSqliteHandle::Run(const std::string& sql, CRowBuffer* rows, SqlError& erro
 
 // A template that cannot be prepared has not run: the error is then to be that of the statement as it stands.
 bool CSqliteHandle::RunTemplate(const SqlTemplate& shape, SqlError& error, bool& has_run) {
-  CSqliteStatements::CLoan loan = BorrowGuarded(shape.text, error);
+  const details::CRaisedFlag guard(guarded_);
+  SqlError ignored;
+  CSqliteStatements::CLoan loan = Borrow(callers_statements_, shape.text, ignored);
   has_run = loan && details::BindAll(loan.Get(), shape.values);
   return has_run && RunBorrowed(loan, nullptr, error);
 }
@@ -225,8 +238,9 @@ bool CSqliteHandle::RunIfReading(const std::string& sql, CRowBuffer& rows, bool&
   if (!IsAcceptable(sql, error)) {
     return false;
   }
+  const details::CRaisedFlag guard(guarded_);
   try {
-    CSqliteStatements::CLoan loan = BorrowGuarded(sql, error);
+    CSqliteStatements::CLoan loan = Borrow(callers_statements_, sql, error);
     writes = loan && sqlite3_stmt_readonly(loan.Get()) == 0;
     if (writes) {
       loan.Drop();
@@ -244,11 +258,6 @@ bool CSqliteHandle::RunOwn(const char* sql, SqlError& error) {
 bool CSqliteHandle::RunOwn(const char* sql, CRowBuffer* rows, SqlError& error) {
   CSqliteStatements::CLoan loan = Borrow(own_statements_, sql, error);
   return loan && RunBorrowed(loan, rows, error);
-}
-
-CSqliteStatements::CLoan CSqliteHandle::BorrowGuarded(const std::string& sql, SqlError& error) {
-  const details::CRaisedFlag guard(guarded_);
-  return Borrow(callers_statements_, sql, error);
 }
 
 // Kept for the next time, or else prepared; an empty loan with `error` filled in when that fails.

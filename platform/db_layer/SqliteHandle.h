@@ -66,7 +66,6 @@ class CSqliteHandle {
   bool IsAcceptable(const std::string& sql, SqlError& error);
   StatementPtr Prepare(const std::string& sql, SqlError& error);
   CSqliteStatements::CLoan Borrow(CSqliteStatements& statements, const std::string& sql, SqlError& error);
-  CSqliteStatements::CLoan BorrowGuarded(const std::string& sql, SqlError& error);
   bool RunTemplate(const SqlTemplate& shape, SqlError& error, bool& has_run);
   bool RunBorrowed(CSqliteStatements::CLoan& loan, CRowBuffer* rows, SqlError& error);
   bool IsLast(const char* tail, SqlError& error);
@@ -77,7 +76,7 @@ class CSqliteHandle {
   // Apart, because a caller must not get at what was prepared without its checks.
   CSqliteStatements own_statements_;
   CSqliteStatements callers_statements_;
-  bool guarded_ = false;           // while a caller's statement is being prepared
+  bool guarded_ = false;           // while a caller's statement is prepared, or run when it may be prepared anew
   const char* refusal_ = nullptr;  // why Authorize said no
 };
 

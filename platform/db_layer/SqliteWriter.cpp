@@ -14,6 +14,20 @@ namespace db_layer {
 namespace details {
 namespace {
 
+// Lets sequences reserve values in the transaction of one statement, however that ends.
+class CTransactionUse {
+ public:
+  CTransactionUse(IWriterSequences& sequences, CSqliteHandle* handle) : sequences_(sequences) {
+    sequences_.UseTransactionOf(handle);
+  }
+  ~CTransactionUse() { sequences_.UseTransactionOf(nullptr); }
+  CTransactionUse(const CTransactionUse&) = delete;
+  CTransactionUse& operator=(const CTransactionUse&) = delete;
+
+ private:
+  IWriterSequences& sequences_;
+};
+
 void FailAll(const std::vector<SqlWrite*>& writes, const SqlError& error) {
   for (SqlWrite* write : writes) {
     write->succeeded = false;
@@ -170,10 +184,8 @@ bool CSqliteWriter::RunInSavepoint(SqlWrite& write) {
 
 bool CSqliteWriter::RunStatements(SqlWrite& write) {
   for (const std::string& sql : *write.statements) {
-    sequences_.UseTransactionOf(handle_.get());
-    const bool succeeded = handle_->Run(sql, write.rows, write.error);
-    sequences_.UseTransactionOf(nullptr);
-    if (!succeeded) {
+    const details::CTransactionUse use(sequences_, handle_.get());
+    if (!handle_->Run(sql, write.rows, write.error)) {
       return false;
     }
   }

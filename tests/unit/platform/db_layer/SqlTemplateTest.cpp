@@ -72,6 +72,9 @@ TEST(SqlTemplateTest, OtherStatementsStayAsTheyAre) {
            "REPLACE INTO t VALUES (1)",
            "EXPLAIN DELETE FROM t WHERE a=1",
            "INSERTS INTO t VALUES (1)",
+           // An empty statement, and another one behind it.
+           ";ALTER TABLE t ADD COLUMN y AS (5)",
+           " ; DELETE FROM t WHERE a=1",
            // Nothing to take out.
            "DELETE FROM t",
            "INSERT INTO t DEFAULT VALUES",
@@ -89,6 +92,9 @@ TEST(SqlTemplateTest, WhatMayBeMoreThanAValueStaysAsItIs) {
            "DELETE FROM t WHERE a=1 ORDER BY b, 2",
            "DELETE FROM t WHERE a=1 GROUP BY b, 2",
            "DELETE FROM t WHERE a=1 LIMIT 5",
+           "UPDATE t SET a=1 FROM (VALUES (5), ('b')) AS v WHERE v.column1=5",
+           "DELETE FROM t WHERE a IN (VALUES (1))",
+           "INSERT INTO t VALUES ((VALUES (1)))",
        }) {
     EXPECT_EQ(Taken(sql), "-") << sql;
   }

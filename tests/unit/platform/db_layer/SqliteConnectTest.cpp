@@ -91,6 +91,25 @@ TEST_F(SqliteConnectTest, KeptStatementsFollowTheSchema) {
   EXPECT_EQ(Column(*connection_, "SELECT * FROM platform.item", "id"), "3");
 }
 
+TEST_F(SqliteConnectTest, RefusalsDoNotOutliveTheirStatement) {
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(Insert(round));
+    EXPECT_FALSE(connection_->Execute("ATTACH DATABASE ':memory:' AS other"));
+    EXPECT_EQ(ErrorOf(*connection_), "databases are not the caller's to attach");
+    EXPECT_FALSE(connection_->Execute("COMMIT"));
+    EXPECT_EQ(ErrorOf(*connection_), "transactions are not the caller's to control");
+    EXPECT_FALSE(Insert(round));
+    EXPECT_EQ(ErrorOf(*connection_), "UNIQUE constraint failed: item.id");
+  }
+  ASSERT_TRUE(connection_->Execute("VACUUM platform")) << ErrorOf(*connection_);
+}
+
+TEST_F(SqliteConnectTest, AnEmptyStatementInFrontChangesNothing) {
+  ASSERT_TRUE(connection_->Execute(";ALTER TABLE platform.item ADD COLUMN five AS (5)")) << ErrorOf(*connection_);
+  ASSERT_TRUE(Insert(1));
+  EXPECT_EQ(Column(*connection_, "SELECT five FROM platform.item", "five"), "5");
+}
+
 TEST_F(SqliteConnectTest, AFailedStatementDoesNotSpoilTheNextOfItsKind) {
   ASSERT_TRUE(Insert(1));
   for (int round = 0; round < 3; ++round) {
