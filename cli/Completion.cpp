@@ -19,6 +19,7 @@ std::string Joined(const std::vector<std::string>& words) {
 
 std::vector<std::string> Names(const std::vector<OptionSpec>& options) {
   std::vector<std::string> names;
+  names.reserve(options.size());
   for (const OptionSpec& option : options) {
     names.emplace_back(option.name);
   }

@@ -27,7 +27,7 @@ constexpr std::time_t kLargestSkew = 300;
 constexpr std::time_t kSecondsADay = 86400;
 constexpr std::time_t kDaysToRenew = 30;
 constexpr std::uint64_t kLittleSpace = std::uint64_t{1} << 30;
-constexpr std::size_t kLargestCertificate = 1024 * 1024;
+constexpr std::size_t kLargestCertificate = std::size_t{1} << 20;
 // Where a tansyd keeps the certificate of its HTTPS listeners, below its data folder.
 constexpr char kCertificatePath[] = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server.crt";
 

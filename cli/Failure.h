@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace Tansy::Cli {
 
@@ -23,8 +24,8 @@ enum EExitCode : int {
 class CFailure : public std::runtime_error {
  public:
   // `advice` may be empty.
-  CFailure(EExitCode exit_code, const std::string& what_happened, const std::string& advice)
-      : std::runtime_error(what_happened), exit_code_(exit_code), advice_(advice) {}
+  CFailure(EExitCode exit_code, const std::string& what_happened, std::string advice)
+      : std::runtime_error(what_happened), exit_code_(exit_code), advice_(std::move(advice)) {}
 
   EExitCode GetExitCode() const { return exit_code_; }
   const std::string& GetAdvice() const { return advice_; }

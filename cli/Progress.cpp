@@ -17,7 +17,7 @@ constexpr std::size_t kLongestName = 30;
 
 // The end of a long name says more than its start.
 std::string Shortened(const std::string& name) {
-  const std::string printable = Printable(name);
+  std::string printable = Printable(name);
   if (printable.size() <= kLongestName) {
     return printable;
   }

@@ -16,7 +16,7 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-constexpr std::size_t kLargestFile = 1024 * 1024;
+constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 constexpr std::uint16_t kObjectPort = 9700;
 constexpr std::uint16_t kPicturePort = 9701;
 constexpr char kDefaultDataFolder[] = "tansy-data";

@@ -20,4 +20,6 @@ if (($# > 0)); then
 else
   mapfile -t files < <(git ls-files 'platform/*.cpp' 'src/*.cpp' 'host/*.cpp' 'cli/*.cpp' ':!platform/*/windows/*')
 fi
-printf '%s\0' "${files[@]}" | xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p build --quiet
+# The build's warnings are the other compiler's; clang does not know all of their names.
+printf '%s\0' "${files[@]}" |
+  xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p build --quiet --extra-arg=-Wno-unknown-warning-option

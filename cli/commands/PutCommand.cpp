@@ -128,7 +128,7 @@ class CPut {
     const std::size_t number = progress_.Add("standard input", 0);
     PieceUpload upload;
     upload.key = call_.Option("--name");
-    const std::string url = Send(stdin, upload, number, size);
+    std::string url = Send(stdin, upload, number, size);
     progress_.Finish(number);
     return url;
   }

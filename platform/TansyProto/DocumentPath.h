@@ -13,7 +13,7 @@ namespace TansyProto {
 inline constexpr std::size_t kMaxDepth = 64;
 // Bytes and values that a parsed document may have. A value costs up to 128 bytes in memory and as few as two in the
 // text, so the text's size alone bounds nothing.
-inline constexpr std::size_t kMaxDocumentBytes = 64 * 1024 * 1024;
+inline constexpr std::size_t kMaxDocumentBytes = std::size_t{64} << 20;
 inline constexpr std::size_t kMaxDocumentValues = 1'000'000;
 
 struct PathStep {

@@ -21,8 +21,8 @@ std::string CleanError(std::string text, const std::string& password) {
 }  // namespace
 }  // namespace details
 
-CConnectionPool::CConnectionPool(const DBParam& param, std::shared_ptr<IDriver> driver)
-    : param_(param), driver_(std::move(driver)) {}
+CConnectionPool::CConnectionPool(DBParam param, std::shared_ptr<IDriver> driver)
+    : param_(std::move(param)), driver_(std::move(driver)) {}
 
 bool CConnectionPool::Fill(std::string& error) {
   std::unique_lock lock(mutex_);

@@ -28,7 +28,7 @@ class CConnectionPool {
     std::uint64_t generation = 0;
   };
 
-  CConnectionPool(const DBParam& param, std::shared_ptr<IDriver> driver);
+  CConnectionPool(DBParam param, std::shared_ptr<IDriver> driver);
 
   // Opens connections until min_connections are there. False with the driver's words when one does not open.
   bool Fill(std::string& error);

@@ -41,7 +41,7 @@ class CSqliteStatements {
 class CSqliteStatements::CLoan {
  public:
   explicit CLoan(CSqliteStatements& owner) : owner_(owner) {}
-  CLoan(CLoan&& other) : owner_(other.owner_) { entry_.splice(entry_.begin(), other.entry_); }
+  CLoan(CLoan&& other) noexcept : owner_(other.owner_) { entry_.splice(entry_.begin(), other.entry_); }
   ~CLoan();
   CLoan(const CLoan&) = delete;
   CLoan& operator=(const CLoan&) = delete;

@@ -23,7 +23,7 @@ constexpr std::int32_t kStatusServerError = 500;
 constexpr std::uint32_t kFinishTimeoutMs = 60000;  // the server assembles the object before it answers
 // Answers that are read as a whole here are a few hundred bytes of XML. A server that sends much more is broken or
 // hostile, and its answer must not fill the memory.
-constexpr std::uint64_t kMaxAnswerBytes = 1024 * 1024;
+constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{1} << 20;
 
 constexpr char kBinaryContentType[] = "binary/octet-stream";
 
@@ -242,7 +242,7 @@ bool CObjectProtoClient::UploadPartObject(const std::string& key, const std::str
 }
 
 bool CObjectProtoClient::FinishPartTask(const std::string& upload_id, const std::string& key,
-                                        std::list<SPartInfo> parts) {
+                                        const std::list<SPartInfo>& parts) {
   const char* const bucket = conf_->config.pool_name.c_str();
   const std::string body = details::CompletionBody(parts);
   SRequestParts request_parts;

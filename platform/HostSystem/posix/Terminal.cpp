@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <initializer_list>
-#include <initializer_list>
 
 namespace HostSystem {
 namespace details {
