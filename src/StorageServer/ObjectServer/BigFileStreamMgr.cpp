@@ -13,7 +13,7 @@ namespace {
 // A client that goes away in the middle of its upload leaves its record behind, because nobody tells. Past this many
 // records those that have not grown for so long are dropped.
 constexpr std::size_t kManyStreams = 1024;
-constexpr std::time_t kAbandonedSeconds = 6 * 3600;
+constexpr std::time_t kAbandonedSeconds = std::time_t{6} * 3600;
 constexpr std::time_t kSweepSeconds = 60;
 // More than there are connections, so that the end of every stream that may still send is remembered.
 constexpr std::size_t kRememberedEnds = 16384;
