@@ -207,7 +207,7 @@ void ScriptedServer::Impl::Listen() {
     ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &options_.receive_buffer, sizeof options_.receive_buffer);
   }
   auto* const address = static_cast<sockaddr*>(plain);
-  if (::bind(listener_, address, size) != 0 || ::listen(listener_, 128) != 0 ||
+  if (::bind(listener_, address, size) != 0 || ::listen(listener_, SOMAXCONN) != 0 ||
       ::getsockname(listener_, address, &size) != 0) {
     throw std::runtime_error("the scripted server cannot listen on " + options_.address);
   }

@@ -278,11 +278,15 @@ TEST_F(HttpClientPoolTest, TheNumberOfKeptConnectionsIsBounded) {
   CConnectionPool& pool = CConnectionPool::Instance();
   HttpClient::Error error;
   for (std::size_t i = 0; i < CConnectionPool::kMaxIdlePerServer + 3; ++i) {
-    pool.Give("one", CClientConnection::Open(url, 1000, error));
+    auto connection = CClientConnection::Open(url, 10000, error);
+    ASSERT_TRUE(connection) << error.detail;
+    pool.Give("one", std::move(connection));
   }
   EXPECT_EQ(pool.IdleCount(), CConnectionPool::kMaxIdlePerServer);
   for (std::size_t i = 0; i < CConnectionPool::kMaxIdle; ++i) {
-    pool.Give("other " + std::to_string(i), CClientConnection::Open(url, 1000, error));
+    auto connection = CClientConnection::Open(url, 10000, error);
+    ASSERT_TRUE(connection) << error.detail;
+    pool.Give("other " + std::to_string(i), std::move(connection));
   }
   EXPECT_EQ(pool.IdleCount(), CConnectionPool::kMaxIdle);
   EXPECT_EQ(pool.Take("one"), nullptr) << "the oldest ones went first";
@@ -295,8 +299,9 @@ TEST_F(HttpClientPoolTest, TheConnectionUsedLastIsUsedFirst) {
   ASSERT_TRUE(URL::Parse(server.Url("/"), url));
   HttpClient::Error error;
   CConnectionPool& pool = CConnectionPool::Instance();
-  auto first = CClientConnection::Open(url, 1000, error);
-  auto second = CClientConnection::Open(url, 1000, error);
+  auto first = CClientConnection::Open(url, 10000, error);
+  auto second = CClientConnection::Open(url, 10000, error);
+  ASSERT_TRUE(first && second) << error.detail;
   const auto* const last = second.get();
   pool.Give("key", std::move(first));
   pool.Give("key", std::move(second));
@@ -310,8 +315,10 @@ TEST_F(HttpClientPoolTest, AConnectionOfOtherTrustSettingsIsNotTaken) {
   ASSERT_TRUE(URL::Parse(server.Url("/"), url));
   HttpClient::Error error;
   CConnectionPool& pool = CConnectionPool::Instance();
-  auto late = CClientConnection::Open(url, 1000, error);
-  pool.Give("key", CClientConnection::Open(url, 1000, error));
+  auto late = CClientConnection::Open(url, 10000, error);
+  auto early = CClientConnection::Open(url, 10000, error);
+  ASSERT_TRUE(late && early) << error.detail;
+  pool.Give("key", std::move(early));
   details::SetClientTrust({});
   EXPECT_EQ(pool.Take("key"), nullptr);
   pool.Give("key", std::move(late));
