@@ -81,10 +81,8 @@ class CExamination {
   }
 
   std::string AdviceUnreachable() const {
-    return settings_.data_folder.empty()
-               ? "is the server running there, and are host and port right?"
-               : "is tansyd running with this folder? Ports that its command line gave are not in tansyd.toml; name "
-                 "the server with --server http://127.0.0.1:PORT then";
+    return settings_.data_folder.empty() ? "is the server running there, and are host and port right?"
+                                         : "is tansyd running with this folder?";
   }
 
   void CheckKeys() {

@@ -8,7 +8,7 @@ packages=(
   libboost1.81-dev libssl-dev libpugixml-dev rapidjson-dev libsqlite3-dev
   libspdlog-dev libcli11-dev libtomlplusplus-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  openssl curl
+  openssl curl groff-base
 )
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)

@@ -8,7 +8,8 @@
 #   --content-md5 F adds the Content-MD5 header that clients of the protocol send, for the body in file F
 #
 # Credentials come from $TANSY_ACCESS_KEY and $TANSY_SECRET_KEY, else from DIR/tansyd.toml. The server is $TANSY_SERVER,
-# else the tansyd that runs on DIR, else http://127.0.0.1:9700. Headers given with curl's -H (Content-Type, Content-MD5, x-qvs-...) are signed as they are.
+# else the tansyd that runs on DIR, else http://127.0.0.1:9700. Headers given with curl's -H (Content-Type, Content-MD5,
+# x-qvs-...) are signed as they are.
 #
 # examples:
 #   scripts/signed-curl.sh PUT /photos -d '<CreateBucketConfiguration/>'

@@ -242,7 +242,8 @@ bool CObjectProtoClient::UploadPartObject(const std::string& key, const std::str
 }
 
 bool CObjectProtoClient::FinishPartTask(const std::string& upload_id, const std::string& key,
-                                        const std::list<SPartInfo>& parts) {
+                                        // NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
+                                        std::list<SPartInfo> parts) {
   const char* const bucket = conf_->config.pool_name.c_str();
   const std::string body = details::CompletionBody(parts);
   SRequestParts request_parts;

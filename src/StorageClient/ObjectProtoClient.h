@@ -52,7 +52,7 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
   bool UploadPartObject(const std::string& key, const std::string& node, int part_number, const std::string& upload_id,
                         const char* data, unsigned int size);
   // `parts` in upload order.
-  bool FinishPartTask(const std::string& upload_id, const std::string& key, const std::list<SPartInfo>& parts);
+  bool FinishPartTask(const std::string& upload_id, const std::string& key, std::list<SPartInfo> parts);
 
   // `url` is an object path. The second frees the stored bytes too.
   bool RemoveFile(const std::string& url);
