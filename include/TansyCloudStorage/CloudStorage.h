@@ -3,6 +3,7 @@
 #define TANSY_CLOUD_STORAGE_CLOUD_STORAGE_H
 
 #include "TansyCloudStorage/Catalogue.h"
+#include "TansyCloudStorage/ClientFailure.h"
 #include "TansyCloudStorage/ObjectClient.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureClient.h"

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "TansyCloudStorage/ClientFailure.h"
 #include "TansyCloudStorage/Export.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
@@ -65,11 +66,12 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   // Asks the version of any server, over plain HTTP.
   bool GetStorageVersion(std::string& version, SStorageServerInfo server);
 
-  // The last failure of this client and its copies; successes do not clear it. Codes: 2 bad argument or configuration,
-  // 3 local file, 4 not sent or no answer, 5 unexpected answer, 6 unusable redirect, 7 no space, 8 no such bucket, 9 no
-  // such key. `second` is a status or a file error of a download into a file.
+  // The last failure of this client and its copies; successes do not clear it. `code` is a value of ClientError,
+  // `second` a status or a file error of a download into a file.
   void GetLastError(int& code, std::string& message);
   void GetLastError(int& code, int& second, std::string& message);
+  // The same failure with all that is known of it.
+  SClientFailure GetLastFailure() const noexcept;
 
   // Time-outs of downloads in milliseconds, 15000 each at first.
   void SetTimeoutConfig(unsigned int receive_ms, unsigned int send_ms);

@@ -6,13 +6,17 @@
 #include <memory>
 #include <string>
 
+#include "TansyCloudStorage/ClientFailure.h"
 #include "TansyCloudStorage/Export.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
 namespace Tansy::CloudStorage {
 
-// Uploads pictures to a picture server and reads them back. Threads: any number of threads may use one client. Errors:
-// false, with the reason in the log; nothing throws.
+struct PictureImpl;
+
+// Uploads pictures to a picture server and reads them back. A thin handle: copies share configuration and last failure.
+// Threads: any number of threads may use one client. Errors: false, the reason in GetLastFailure and in the log;
+// nothing throws.
 class TANSY_CLOUD_STORAGE_API CPictureClient {
  public:
   explicit CPictureClient(const SStorageServerConfig& config);
@@ -32,8 +36,11 @@ class TANSY_CLOUD_STORAGE_API CPictureClient {
   // Pictures are removed by the server's host: does nothing and returns true.
   bool RemoveFileByUrl(const std::string& url);
 
+  // The last failure of this client and its copies; successes do not clear it.
+  SClientFailure GetLastFailure() const noexcept;
+
  private:
-  std::shared_ptr<SStorageServerConfig> ptr_conf_;
+  std::shared_ptr<PictureImpl> ptr_conf_;
 };
 
 }  // namespace Tansy::CloudStorage

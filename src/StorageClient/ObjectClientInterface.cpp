@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "ModuleLog.h"
+#include "StorageClient/ClientState.h"
 #include "StorageClient/LocalFileRead.h"
-#include "StorageClient/ObjectClientGuard.h"
 #include "StorageClient/ObjectImpl.h"
 #include "StorageClient/ObjectMultipartUpload.h"
 #include "StorageClient/ObjectProtoClient.h"
@@ -68,7 +68,7 @@ bool GetSize(SFileUpload& upload, std::uint32_t& size) {
   }
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]ftell file failed!file[%s],errno[%d][%s(%d)]", upload.local_path.c_str(), error);
-    upload.conf->last_error.Set(kLocalFile,
+    upload.conf->last_error.Set(ClientError::kLocalFile,
                                 StringUtil::str_fmt("ftell file[%s] failed[%d].", upload.path.c_str(), error));
     return false;
   }
@@ -80,7 +80,7 @@ bool UploadWhole(SFileUpload& upload, CObjectProtoClient& client, const std::str
   const std::uint32_t error = ReadExactly(upload.file, buffer.get(), size);
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]read_elements != 1, error[%d][%s(%d)]", error);
-    upload.conf->last_error.Set(kLocalFile,
+    upload.conf->last_error.Set(ClientError::kLocalFile,
                                 StringUtil::str_fmt("fread file[%s] failed[%d].", upload.path.c_str(), error));
     return false;
   }
@@ -129,7 +129,7 @@ bool UploadBuffer(const std::shared_ptr<ObjectImpl>& conf, std::string& out_url,
 }  // namespace
 }  // namespace details
 
-CObjectClient::CObjectClient(const SStorageServerConfig& config) : ptr_conf_(std::make_shared<ObjectImpl>(config)) {}
+CObjectClient::CObjectClient(const SStorageServerConfig& config) : ptr_conf_(MakeClientState<ObjectImpl>(config)) {}
 CObjectClient::CObjectClient(const CObjectClient& other) = default;
 CObjectClient& CObjectClient::operator=(const CObjectClient& other) = default;
 CObjectClient::~CObjectClient() = default;
@@ -144,13 +144,13 @@ bool CObjectClient::Init() {
     if (config.sk.empty() || config.ak.empty() || config.ip.empty() || config.pool_name.empty()) {
       CLOUD_LOG(logging::kError, "[%s]sk[%s] , ak[%s], ip[%s], pool name[%s] is invalid.[%s(%d)]", config.ak.c_str(),
                 config.sk.c_str(), config.ip.c_str(), config.pool_name.c_str());
-      ptr_conf_->last_error.Set(kBadArgument, "ak/sk empty or ip & pool name empty.");
+      ptr_conf_->last_error.Set(ClientError::kBadArgument, "ak/sk empty or ip & pool name empty.");
       return false;
     }
     if (config.upload_port == 0 || config.download_port == 0) {
       CLOUD_LOG(logging::kError, "[%s]upload port[%d] , download port[%d] is invalid.[%s(%d)]", config.upload_port,
                 config.download_port);
-      ptr_conf_->last_error.Set(kBadArgument, "upload port or download port is 0.");
+      ptr_conf_->last_error.Set(ClientError::kBadArgument, "upload port or download port is 0.");
       return false;
     }
     CPartUploadRegistry::Instance();
@@ -169,7 +169,7 @@ bool CObjectClient::UploadFile(std::string& out_url, const std::string& path) {
   return RunGuarded([&] {
     if (path.empty()) {
       CLOUD_LOG(logging::kError, "[%s]path is empty.[%s(%d)]");
-      ptr_conf_->last_error.Set(kBadArgument, "file path is empty.");
+      ptr_conf_->last_error.Set(ClientError::kBadArgument, "file path is empty.");
       return false;
     }
     details::SFileUpload upload;
@@ -179,7 +179,8 @@ bool CObjectClient::UploadFile(std::string& out_url, const std::string& path) {
     const std::uint32_t error = upload.file.OpenAlways(path);
     if (error != 0) {
       CLOUD_LOG(logging::kError, "[%s]open file failed[%s], error[%d].[%s(%d)]", upload.local_path.c_str(), error);
-      ptr_conf_->last_error.Set(kLocalFile, StringUtil::str_fmt("open file[%s] failed[%d].", path.c_str(), error));
+      ptr_conf_->last_error.Set(ClientError::kLocalFile,
+                                StringUtil::str_fmt("open file[%s] failed[%d].", path.c_str(), error));
       return false;
     }
     upload.key = TansyBase::GuidUtil::CreateGuid() + details::GetFileExtension(path);
@@ -196,7 +197,7 @@ bool CObjectClient::UploadFile(std::string& out_url, const char* data, unsigned 
   return RunGuarded([&] {
     if (size > kMaxBufferUploadBytes) {
       CLOUD_LOG(logging::kError, "[%s]upload file failed, size[%d] exceed.[%s(%d)]", size);
-      ptr_conf_->last_error.Set(kBadArgument, "file size exceed 32M.");
+      ptr_conf_->last_error.Set(ClientError::kBadArgument, "file size exceed 32M.");
       return false;
     }
     if (!ptr_conf_) {
@@ -296,20 +297,21 @@ bool CObjectClient::GetStorageVersion(std::string& version, SStorageServerInfo s
       CLOUD_LOG(logging::kError, "[%s][Client]send get storage version failed, error[%d:%d][%s(%d)]", error.kind,
                 error.detail);
       ptr_conf_->last_error.Set(
-          kNotSent, StringUtil::str_fmt("Send get storage version msg failed[%d:%d].", error.kind, error.detail));
+          ClientError::kNotSent,
+          StringUtil::str_fmt("Send get storage version msg failed[%d:%d].", error.kind, error.detail));
       return false;
     }
     if (rsp.status != kHttpOk) {
       CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, error[%d:%s][%s(%d)]", rsp.status,
                 rsp.body.c_str());
-      ptr_conf_->last_error.Set(kUnexpectedAnswer,
+      ptr_conf_->last_error.Set(ClientError::kUnexpectedAnswer,
                                 StringUtil::str_fmt("get storage version rsp status code[%d].", rsp.status));
       return false;
     }
     TansyProto::CXmlProto xml;
     if (!xml.Parse(rsp.body)) {
       CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
-      ptr_conf_->last_error.Set(kUnexpectedAnswer,
+      ptr_conf_->last_error.Set(ClientError::kUnexpectedAnswer,
                                 StringUtil::str_fmt("get storage version rsp msg invalid[%s].", rsp.body.c_str()));
       return false;
     }
@@ -329,6 +331,10 @@ void CObjectClient::GetLastError(int& code, int& second, std::string& message) {
     ptr_conf_->last_error.Get(code, second, message);
     return true;
   });
+}
+
+SClientFailure CObjectClient::GetLastFailure() const noexcept {
+  return LastFailureOf(ptr_conf_);
 }
 
 void CObjectClient::SetTimeoutConfig(unsigned int receive_ms, unsigned int send_ms) {

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "ModuleLog.h"
-#include "StorageClient/ObjectClientGuard.h"
+#include "StorageClient/ClientState.h"
 #include "StorageClient/ObjectImpl.h"
 #include "StorageClient/ObjectProtoClient.h"
 #include "StorageClient/PartUploadRegistry.h"
@@ -85,7 +85,7 @@ bool CPieceUpload::SendWhole(const std::shared_ptr<ObjectImpl>& conf, std::strin
                              unsigned int size) {
   if (size > kMaxBufferUploadBytes) {
     PIECE_LOG(logging::kError, "[%s]upload file failed, size[%d] exceed.[%s(%d)]", size);
-    conf->last_error.Set(kBadArgument, "file size exceed 32M.");
+    conf->last_error.Set(ClientError::kBadArgument, "file size exceed 32M.");
     return false;
   }
   if (!conf) {

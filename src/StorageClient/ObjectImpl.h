@@ -4,55 +4,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
+#include "StorageClient/LastError.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
 namespace Tansy::CloudStorage {
-
-// Codes of the object client's last error.
-enum ObjectClientError : std::int32_t {
-  kBadArgument = 2,
-  kLocalFile = 3,
-  kNotSent = 4,
-  kUnexpectedAnswer = 5,
-  kBadRedirect = 6,
-  kNoSpace = 7,
-  kNoSuchBucket = 8,
-  kNoSuchKey = 9,
-};
-
-// The most recent failure. Successes do not clear it. Any thread.
-class SLastError {
- public:
-  // Leaves the second code as it was.
-  void Set(std::int32_t code, const std::string& message) {
-    const std::lock_guard lock(mutex_);
-    code_ = code;
-    message_ = message;
-  }
-
-  void Set(std::int32_t code, std::int32_t second, const std::string& message) {
-    const std::lock_guard lock(mutex_);
-    code_ = code;
-    message_ = message;
-    second_ = second;
-  }
-
-  void Get(std::int32_t& code, std::int32_t& second, std::string& message) const {
-    const std::lock_guard lock(mutex_);
-    code = code_;
-    second = second_;
-    message = message_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::int32_t code_ = 0;
-  std::string message_;
-  std::int32_t second_ = 0;
-};
 
 // The largest object that is uploaded from memory in one request.
 inline constexpr std::uint32_t kMaxBufferUploadBytes = 33554432;

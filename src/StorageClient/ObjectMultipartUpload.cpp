@@ -91,7 +91,8 @@ bool CObjectMultipartUpload::ReadPart(TansyBase::CLocalFile& file, char* buffer,
   const std::uint32_t error = ReadExactly(file, buffer, size);
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]read_elements != 1, error[%d][%s(%d)]", error);
-    conf_->last_error.Set(kLocalFile, StringUtil::str_fmt("fread file[%s] failed[%d].", path_.c_str(), error));
+    conf_->last_error.Set(ClientError::kLocalFile,
+                          StringUtil::str_fmt("fread file[%s] failed[%d].", path_.c_str(), error));
     return false;
   }
   return true;

@@ -110,19 +110,20 @@ bool CObjectProtoClient::GetBestNode(std::string& location, const std::string& k
   HttpClient::Error error;
   if (!HttpClient().Send(request, &rsp, &error)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send get best node failed, error[%d:%d][%s(%d)]", error.kind, error.detail);
-    conf_->last_error.Set(kNotSent,
+    conf_->last_error.Set(ClientError::kNotSent,
                           StringUtil::str_fmt("Send get best node msg failed[%d:%d].", error.kind, error.detail));
     return false;
   }
   if (rsp.status != kHttpOk) {
     CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, error[%d:%s][%s(%d)]", rsp.status, rsp.body.c_str());
-    conf_->last_error.Set(kUnexpectedAnswer, StringUtil::str_fmt("get best node rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
+                          StringUtil::str_fmt("get best node rsp status code[%d].", rsp.status));
     return false;
   }
   TansyProto::CXmlProto xml;
   if (!xml.Parse(rsp.body)) {
     CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
-    conf_->last_error.Set(kUnexpectedAnswer,
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
                           StringUtil::str_fmt("get best node rsp msg invalid[%s].", rsp.body.c_str()));
     return false;
   }
@@ -132,9 +133,9 @@ bool CObjectProtoClient::GetBestNode(std::string& location, const std::string& k
 }
 
 void CObjectProtoClient::SetUploadError(const CHttpClientResponse& rsp, const std::string& message) {
-  conf_->last_error.Set(kUnexpectedAnswer, message);
+  conf_->last_error.Set(ClientError::kUnexpectedAnswer, message);
   if (rsp.status == details::kStatusServerError && rsp.body.find("NotEnoughSpace") != std::string::npos) {
-    conf_->last_error.Set(kNoSpace, StringUtil::str_fmt("upload object rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(ClientError::kNoSpace, StringUtil::str_fmt("upload object rsp status code[%d].", rsp.status));
   }
 }
 
@@ -155,7 +156,7 @@ bool CObjectProtoClient::UploadObject(std::string& out_url, const std::string& n
   HttpClient::Error error;
   if (!HttpClient().Send(request, &rsp, &error)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send upload object failed, error[%d:%d][%s(%d)]", error.kind, error.detail);
-    conf_->last_error.Set(kNotSent,
+    conf_->last_error.Set(ClientError::kNotSent,
                           StringUtil::str_fmt("Send upload object msg failed[%d:%d].", error.kind, error.detail));
     return false;
   }
@@ -183,7 +184,7 @@ bool CObjectProtoClient::CreatePartTask(std::string& upload_id, const std::strin
   if (!HttpClient().Send(request, &rsp, &error)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send create part task failed, bucket[%s], object[%s], error[%d:%d][%s(%d)]",
               bucket, key.c_str(), error.kind, error.detail);
-    conf_->last_error.Set(kNotSent,
+    conf_->last_error.Set(ClientError::kNotSent,
                           StringUtil::str_fmt("Send CreatePartTask msg failed[%d:%d].", error.kind, error.detail));
     return false;
   }
@@ -196,7 +197,7 @@ bool CObjectProtoClient::CreatePartTask(std::string& upload_id, const std::strin
   TansyProto::CXmlProto xml;
   if (!xml.Parse(rsp.body)) {
     CLOUD_LOG(logging::kError, "[%s][Client]create part task failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
-    conf_->last_error.Set(kUnexpectedAnswer,
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
                           StringUtil::str_fmt("CreatePartTask rsp msg invalid[%s].", rsp.body.c_str()));
     return false;
   }
@@ -227,7 +228,7 @@ bool CObjectProtoClient::UploadPartObject(const std::string& key, const std::str
     CLOUD_LOG(logging::kError,
               "[%s][Client]send upload part object[bucket:%s object:%s][taskid:%s:%d] failed, error[%d:%d][%s(%d)]",
               bucket, key.c_str(), upload_id.c_str(), part_number, error.kind, error.detail);
-    conf_->last_error.Set(kNotSent,
+    conf_->last_error.Set(ClientError::kNotSent,
                           StringUtil::str_fmt("Send UploadPartObject msg failed[%d:%d].", error.kind, error.detail));
     return false;
   }
@@ -263,7 +264,7 @@ bool CObjectProtoClient::FinishPartTask(const std::string& upload_id, const std:
     CLOUD_LOG(logging::kError,
               "[%s][Client]send finish part task[bucket:%s object:%s][taskid:%s] failed, error[%d:%d][%s(%d)]", bucket,
               key.c_str(), upload_id.c_str(), error.kind, error.detail);
-    conf_->last_error.Set(kNotSent,
+    conf_->last_error.Set(ClientError::kNotSent,
                           StringUtil::str_fmt("Send FinishPartTask msg failed[%d:%d].", error.kind, error.detail));
     return false;
   }
@@ -297,12 +298,14 @@ bool CObjectProtoClient::Remove(const std::string& url, const std::string& resou
   if (!HttpClient().Send(request, &rsp, &error)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send remove object[%s] failed, error[%d:%d][%s(%d)]", url.c_str(),
               error.kind, error.detail);
-    conf_->last_error.Set(kNotSent, StringUtil::str_fmt("send remove object failed[%d:%d].", error.kind, error.detail));
+    conf_->last_error.Set(ClientError::kNotSent,
+                          StringUtil::str_fmt("send remove object failed[%d:%d].", error.kind, error.detail));
     return false;
   }
   if (rsp.status != kHttpOk) {
     CLOUD_LOG(logging::kError, "[%s][Client]remove object failed, error[%d:%s][%s(%d)]", rsp.status, rsp.body.c_str());
-    conf_->last_error.Set(kUnexpectedAnswer, StringUtil::str_fmt("remove object rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
+                          StringUtil::str_fmt("remove object rsp status code[%d].", rsp.status));
     return false;
   }
   CLOUD_LOG(logging::kNotable, "[%s][Client]remove object success, url[%s][%s(%d)]", url.c_str());
@@ -332,7 +335,8 @@ bool CObjectProtoClient::SendObjectMsg(CHttpClientResponse& rsp, const std::stri
   if (!HttpClient().Send(request, &rsp, &error)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send object msg failed, url:%s%s, error[%d:%d][%s(%d)]", base.c_str(),
               url.c_str(), error.kind, error.detail);
-    conf_->last_error.Set(kNotSent, StringUtil::str_fmt("SendObjectMsg msg failed[%d:%d].", error.kind, error.detail));
+    conf_->last_error.Set(ClientError::kNotSent,
+                          StringUtil::str_fmt("SendObjectMsg msg failed[%d:%d].", error.kind, error.detail));
     return false;
   }
   return true;

@@ -63,8 +63,9 @@ bool CObjectProtoClient::DownloadObject(char** data, unsigned int* size, const s
   char* const buffer = new (std::nothrow) char[length + 1];
   if (buffer == nullptr) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s[%s(%d)]", url.c_str());
-    conf_->last_error.Set(kNotSent, StringUtil::str_fmt("SendObjectMsg msg failed[%d:%d].", HttpClient::kTooLarge,
-                                                        details::kErrorNotEnoughMemory));
+    conf_->last_error.Set(
+        ClientError::kNotSent,
+        StringUtil::str_fmt("SendObjectMsg msg failed[%d:%d].", HttpClient::kTooLarge, details::kErrorNotEnoughMemory));
     return false;
   }
   std::memcpy(buffer, rsp.body.data(), length);
@@ -97,11 +98,12 @@ bool CObjectProtoClient::GetObjectBytes(CHttpClientResponse& rsp, const std::str
 
 void CObjectProtoClient::SetDownloadError(const CHttpClientResponse& rsp) {
   if (rsp.body.find("NoSuchBucket") != std::string::npos) {
-    conf_->last_error.Set(kNoSuchBucket, "NoSuchBucket");
+    conf_->last_error.Set(ClientError::kNoSuchBucket, "NoSuchBucket");
   } else if (rsp.body.find("NoSuchKey") != std::string::npos) {
-    conf_->last_error.Set(kNoSuchKey, "NoSuchKey");
+    conf_->last_error.Set(ClientError::kNoSuchKey, "NoSuchKey");
   } else {
-    conf_->last_error.Set(kUnexpectedAnswer, StringUtil::str_fmt("DownloadObject rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
+                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", rsp.status));
   }
 }
 
@@ -123,7 +125,8 @@ bool CObjectProtoClient::FollowRedirect(CHttpClientResponse& rsp, const std::str
               "[%s][Client]send download object failed, redirect url:%s, status code:%d, body:%s[%s(%d)]",
               (base + path).c_str(), rsp.status, rsp.body.c_str());
     // The message names the status that was wanted; the one that came is in the line above.
-    conf_->last_error.Set(kUnexpectedAnswer, StringUtil::str_fmt("DownloadObject rsp status code[%d].", kHttpOk));
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
+                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", kHttpOk));
     return false;
   }
   return true;
@@ -136,7 +139,7 @@ bool CObjectProtoClient::SplitLocation(const std::string& location, std::string&
   if (slash == std::string::npos) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, invalid new Location:%s[%s(%d)]",
               location.c_str());
-    conf_->last_error.Set(kBadRedirect, StringUtil::str_fmt("redirect url error[%s].", location.c_str()));
+    conf_->last_error.Set(ClientError::kBadRedirect, StringUtil::str_fmt("redirect url error[%s].", location.c_str()));
     return false;
   }
   base = location.substr(0, slash);
@@ -186,7 +189,7 @@ bool CObjectProtoClient::DownloadByStream(const std::string& url) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s, error[%d,%d][%s(%d)]", url.c_str(),
               stream_error_.kind, stream_error_.detail);
     conf_->last_error.Set(
-        kNotSent, stream_error_.detail,
+        ClientError::kNotSent, stream_error_.detail,
         StringUtil::str_fmt("Send download big object msg failed[%d:%d].", stream_error_.kind, stream_error_.detail));
     file_.Close();
     return false;
@@ -201,10 +204,10 @@ bool CObjectProtoClient::DownloadByStream(const std::string& url) {
             file_status_);
   const std::string message = StringUtil::str_fmt("DownloadBigObject rsp status code[%d].", file_status_);
   if (file_status_ < 0) {
-    conf_->last_error.Set(kLocalFile, file_status_, message);
+    conf_->last_error.Set(ClientError::kLocalFile, file_status_, message);
   }
   // Replaces the one above in every case: callers see 5, and what happened in the second code.
-  conf_->last_error.Set(kUnexpectedAnswer, file_status_, message);
+  conf_->last_error.Set(ClientError::kUnexpectedAnswer, file_status_, message);
   file_.Close();
   return false;
 }
@@ -221,7 +224,7 @@ bool CObjectProtoClient::RedirectStream(const std::string& url) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, redirect url:%s[%s(%d)]",
               (base + url).c_str());
     conf_->last_error.Set(
-        kNotSent, stream_error_.detail,
+        ClientError::kNotSent, stream_error_.detail,
         StringUtil::str_fmt("Send download big object msg failed[%d:%d].", stream_error_.kind, stream_error_.detail));
     file_.Close();
     return false;
@@ -229,7 +232,7 @@ bool CObjectProtoClient::RedirectStream(const std::string& url) {
   if (file_status_ != kHttpOk) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, redirect url:%s, status code:%d[%s(%d)]",
               (base + url).c_str(), file_status_);
-    conf_->last_error.Set(kUnexpectedAnswer, file_status_,
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer, file_status_,
                           StringUtil::str_fmt("DownloadBigObject rsp status code[%d].", file_status_));
     file_.Close();
     return false;
@@ -346,7 +349,8 @@ bool CObjectProtoClient::AppendRange(const CHttpClientResponse& rsp, std::uint64
   if (length != expected_size) {
     // Everything behind a range of another length would stand at the wrong place of a file that looks whole.
     file_.Close();
-    conf_->last_error.Set(kUnexpectedAnswer, StringUtil::str_fmt("DownloadObject rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
+                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", rsp.status));
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, range of %llu bytes instead of %llu[%s(%d)]",
               static_cast<unsigned long long>(length), static_cast<unsigned long long>(expected_size));
     return false;

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "ModuleLog.h"
+#include "StorageClient/ClientState.h"
+#include "StorageClient/PictureImpl.h"
 #include "StorageClient/PictureProtoClient.h"
 #include "TansyCloudStorage/PictureClient.h"
 
@@ -14,18 +16,21 @@ namespace {
 
 constexpr std::uint32_t kMaxPictureSize = 33554432;
 
+std::shared_ptr<const SStorageServerConfig> ConfigOf(const std::shared_ptr<PictureImpl>& impl) {
+  return {impl, &impl->config};
+}
+
 }  // namespace
 }  // namespace details
 
-CPictureClient::CPictureClient(const SStorageServerConfig& config)
-    : ptr_conf_(std::make_shared<SStorageServerConfig>(config)) {}
+CPictureClient::CPictureClient(const SStorageServerConfig& config) : ptr_conf_(MakeClientState<PictureImpl>(config)) {}
 
 bool CPictureClient::Init() {
   if (!ptr_conf_) {
     CLOUD_LOG(logging::kError, "[%s]config ptr is null.[%s(%d)]");
     return false;
   }
-  const SStorageServerConfig& config = *ptr_conf_;
+  const SStorageServerConfig& config = ptr_conf_->config;
   if (config.sk.empty() || config.ak.empty() || config.ip.empty() || config.pool_name.empty()) {
     CLOUD_LOG(logging::kError, "[%s]sk[%s] , ak[%s], ip[%s], pool name[%s] is invalid.[%s(%d)]", config.ak.c_str(),
               config.sk.c_str(), config.ip.c_str(), config.pool_name.c_str());
@@ -57,7 +62,7 @@ bool CPictureClient::UploadPicture(std::string& url, const char* data, std::uint
     return false;
   }
   try {
-    CPicProtoClient client(ptr_conf_);
+    CPicProtoClient client(details::ConfigOf(ptr_conf_));
     std::string address;
     std::string port;
     std::string token;
@@ -84,7 +89,7 @@ bool CPictureClient::DownloadPicture(char** data, std::uint32_t& size, const std
   }
   bool done = false;
   try {
-    done = data != nullptr && CPicProtoClient(ptr_conf_).DownloadPic(data, size, url);
+    done = data != nullptr && CPicProtoClient(details::ConfigOf(ptr_conf_)).DownloadPic(data, size, url);
   } catch (const std::exception& exception) {
     CLOUD_LOG(logging::kError, "[%s][PicClient]operation failed, exception[%s][%s(%d)]", exception.what());
   }
@@ -96,6 +101,10 @@ bool CPictureClient::DownloadPicture(char** data, std::uint32_t& size, const std
 
 bool CPictureClient::RemoveFileByUrl(const std::string&) {
   return true;
+}
+
+SClientFailure CPictureClient::GetLastFailure() const noexcept {
+  return LastFailureOf(ptr_conf_);
 }
 
 }  // namespace Tansy::CloudStorage

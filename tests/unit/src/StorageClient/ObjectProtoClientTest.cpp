@@ -163,13 +163,13 @@ TEST_F(ObjectProtoClientTest, RecognisesAServerWithoutSpace) {
 
   // The other requests use the same words.
   server_.Answer("POST /pool/key*", ErrorAnswer(500, "NotEnoughSpace"));
-  impl_->last_error.Set(0, "");
+  impl_->last_error.Set(ClientError::kNone, "");
   EXPECT_FALSE(client_->CreatePartTask(upload_id, "key"));
   EXPECT_EQ(Error(), (LastError{7, 0, "upload object rsp status code[500]."}));
-  impl_->last_error.Set(0, "");
+  impl_->last_error.Set(ClientError::kNone, "");
   EXPECT_FALSE(client_->UploadPartObject("key", server_.Address(), 1, "id", "x", 1));
   EXPECT_EQ(Error(), (LastError{7, 0, "upload object rsp status code[500]."}));
-  impl_->last_error.Set(0, "");
+  impl_->last_error.Set(ClientError::kNone, "");
   EXPECT_FALSE(client_->FinishPartTask("id", "key", {}));
   EXPECT_EQ(Error(), (LastError{7, 0, "upload object rsp status code[500]."}));
 }
