@@ -50,6 +50,10 @@ int OSAL_InetNtop(int family, const void* address, char* buffer, std::size_t buf
 // Suspends the calling thread for at least this many milliseconds.
 void OSAL_Sleep(std::uint32_t milliseconds);
 
+// Names the calling thread for people who look at it in a debugger or in `top -H`. At most 15 characters: a longer name
+// is cut. A system that refuses the name changes nothing else.
+void OSAL_SetThreadName(const char* name);
+
 // Reads a decimal integer as strtol does (leading blanks and a sign allowed, the rest ignored). Text without a number,
 // or a null pointer, reads as 0; values that 32 bits cannot hold saturate.
 std::int32_t OSAL_StrToi32(const char* text);

@@ -12,7 +12,7 @@ complain() {
 
 # What each folder may include of the project: words are the first component of a quoted include.
 declare -A allowed=(
-  [platform/logging]="logging"
+  [platform/logging]="logging OSAL"
   [platform/OSAL]="OSAL"
   [platform/TansyBase]="TansyBase OSAL logging"
   [platform/KivPlatform]="KivPlatform"

@@ -1,0 +1,118 @@
+#include "fakes/FailingAllocation.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+// Allocations left until the one that fails; 0 or less: none does.
+thread_local long of_this_thread = 0;
+thread_local bool is_unharmed = false;
+std::atomic<long> of_all_threads{0};
+
+bool MustFail() {
+  const bool mine = of_this_thread > 0 && --of_this_thread == 0;
+  const bool anyones =
+      !is_unharmed && of_all_threads.load(std::memory_order_relaxed) > 0 && of_all_threads.fetch_sub(1) == 1;
+  return mine || anyones;
+}
+
+void* Allocate(std::size_t size, std::size_t alignment) {
+  if (MustFail()) {
+    return nullptr;
+  }
+  const std::size_t needed = size == 0 ? 1 : size;
+  return alignment <= alignof(std::max_align_t)
+             ? std::malloc(needed)
+             : std::aligned_alloc(alignment, (needed + alignment - 1) / alignment * alignment);
+}
+
+void* AllocateOrThrow(std::size_t size, std::size_t alignment) {
+  if (void* memory = Allocate(size, alignment)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+
+constexpr std::size_t kUsual = alignof(std::max_align_t);
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return AllocateOrThrow(size, kUsual);
+}
+void* operator new[](std::size_t size) {
+  return AllocateOrThrow(size, kUsual);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return AllocateOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+  return AllocateOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return Allocate(size, kUsual);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return Allocate(size, kUsual);
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}
+
+namespace Tansy::Tests {
+
+CFailingAllocation::CFailingAllocation(std::size_t number) {
+  of_this_thread = static_cast<long>(number);
+}
+
+CFailingAllocation::~CFailingAllocation() {
+  of_this_thread = 0;
+}
+
+bool CFailingAllocation::HasFailed() const {
+  return of_this_thread == 0;
+}
+
+CFailingAllocationAnywhere::CFailingAllocationAnywhere(std::size_t number) {
+  of_all_threads = static_cast<long>(number);
+}
+
+CFailingAllocationAnywhere::~CFailingAllocationAnywhere() {
+  of_all_threads = 0;
+}
+
+bool CFailingAllocationAnywhere::HasFailed() const {
+  return of_all_threads.load() <= 0;
+}
+
+CUnharmedThread::CUnharmedThread() {
+  is_unharmed = true;
+}
+
+CUnharmedThread::~CUnharmedThread() {
+  is_unharmed = false;
+}
+
+}  // namespace Tansy::Tests

@@ -1,0 +1,66 @@
+// Allocations that fail on demand. A test program that compiles FailingAllocation.cpp gets its operator new, which all
+// libraries of the process use.
+#ifndef TANSY_TESTS_FAKES_FAILING_ALLOCATION_H
+#define TANSY_TESTS_FAKES_FAILING_ALLOCATION_H
+
+#include <atomic>
+#include <cstddef>
+
+namespace Tansy::Tests {
+
+// While it lives, one allocation of the calling thread fails with std::bad_alloc: the one with this number, counted
+// from
+// 1. Those before and after it succeed. One per thread at a time.
+class CFailingAllocation {
+ public:
+  explicit CFailingAllocation(std::size_t number);
+  ~CFailingAllocation();
+  CFailingAllocation(const CFailingAllocation&) = delete;
+  CFailingAllocation& operator=(const CFailingAllocation&) = delete;
+
+  // False: fewer allocations were made than that.
+  bool HasFailed() const;
+};
+
+// The same for the allocations of all threads together, except those that hold a CUnharmedThread. One at a time.
+class CFailingAllocationAnywhere {
+ public:
+  explicit CFailingAllocationAnywhere(std::size_t number);
+  ~CFailingAllocationAnywhere();
+  CFailingAllocationAnywhere(const CFailingAllocationAnywhere&) = delete;
+  CFailingAllocationAnywhere& operator=(const CFailingAllocationAnywhere&) = delete;
+
+  bool HasFailed() const;
+};
+
+// The calling thread's allocations neither count nor fail while it lives.
+class CUnharmedThread {
+ public:
+  CUnharmedThread();
+  ~CUnharmedThread();
+  CUnharmedThread(const CUnharmedThread&) = delete;
+  CUnharmedThread& operator=(const CUnharmedThread&) = delete;
+};
+
+// Runs `action` with its first allocation failing, then with its second, until it makes fewer. Calls `check` after each
+// of these runs, without failures.
+template <typename Action, typename Check>
+void FailEachAllocation(Action action, Check check) {
+  constexpr std::size_t kNeverSoMany = 100000;
+  for (std::size_t number = 1; number < kNeverSoMany; ++number) {
+    bool has_failed = false;
+    {
+      const CFailingAllocation failing(number);
+      action();
+      has_failed = failing.HasFailed();
+    }
+    check(number, has_failed);
+    if (!has_failed) {
+      return;
+    }
+  }
+}
+
+}  // namespace Tansy::Tests
+
+#endif  // TANSY_TESTS_FAKES_FAILING_ALLOCATION_H
