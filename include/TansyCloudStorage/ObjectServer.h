@@ -43,6 +43,17 @@ TANSY_CLOUD_STORAGE_API bool GetInternalURLByObjectUrl(std::string& internal_url
 TANSY_CLOUD_STORAGE_API int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method,
                                                     std::string& query, std::map<std::string, std::string>& headers);
 
+// Frames every download that is sent in chunks with two callbacks, so that the host can keep the bytes of an object
+// readable until the last chunk is out, whatever replaces or removes the object meanwhile. Counts for downloads that
+// begin afterwards; a download that has begun ends with the end callback of its beginning. Null for both: no frames
+// (the default). See ReadBeginCallback. Always 0.
+TANSY_CLOUD_STORAGE_API int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end);
+
+// From now on both servers refuse a request whose Authorization header is right but whose Date header is missing, is no
+// HTTP date, or differs from the clock by more than so many minutes; 0 (the default) compares nothing. Signatures in a
+// query (tokens, signed picture addresses) carry no date and are exempt. Always 0.
+TANSY_CLOUD_STORAGE_API int SetSignatureDateWindow(std::uint32_t minutes);
+
 // Address updates for both servers (picture server first); they count for the next request. Always 0.
 TANSY_CLOUD_STORAGE_API int UpdateLocalServerIp(const std::string& ip);
 TANSY_CLOUD_STORAGE_API int UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t picture_port,

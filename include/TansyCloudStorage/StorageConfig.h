@@ -38,6 +38,15 @@ using ReadRangeCallback = int (*)(char*& data, std::uint32_t& size, std::uint32_
 // on success; any other value becomes the error code of the answer (-1 to -20 of the object protocol).
 using RemoveObjectCallback = int (*)(const std::string& location);
 
+// A download that is sent in chunks begins: from now on until the matching end, ReadRangeCallback is called with this
+// location text. Called before the first read, on the thread that opened the request. Returns 0 when the bytes will
+// stay readable until the end; anything else when they are gone already, and then no end follows. Threads: any; the
+// same location may have several downloads at once, each with a begin and an end of its own. May not throw.
+using ReadBeginCallback = int (*)(const std::string& location);
+
+// A download that began with this location text has read its last byte, or was broken off. May not throw.
+using ReadEndCallback = void (*)(const std::string& location);
+
 // Configuration of a server; copied by the server, so the host may free it after the call.
 struct StorageServerConfig {
   bool flag_first = false;  // carried with the record; the servers do not read it

@@ -12,6 +12,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -31,9 +32,13 @@ constexpr std::array<const char*, 7> kWeekdays = {"Sun", "Mon", "Tue", "Wed", "T
 constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
+constexpr std::size_t kMaxDateBytes = 40;
+
 // Years that the calendar arithmetic below holds, as days since 1970.
 constexpr std::chrono::sys_days kFirstDay = std::chrono::year::min() / std::chrono::January / 1;
 constexpr std::chrono::sys_days kLastDay = std::chrono::year::max() / std::chrono::December / 31;
+
+constexpr std::string_view kHexDigits = "0123456789abcdef";
 
 // Independent of the locale, unlike isalnum: what an escape means must not depend on where the host runs.
 bool IsLetterOrDigit(unsigned char c) {
@@ -140,6 +145,38 @@ std::string FormatHttpDate() {
                              year_and_time.c_str());
 }
 
+std::time_t ParseHttpDate(std::string_view text) {
+  // "Tue, 03 Nov 2026 08:05:09 GMT", the day of the month in up to two places.
+  const std::string date(text.substr(0, details::kMaxDateBytes));
+  char weekday[4] = {};
+  char month_name[4] = {};
+  unsigned int day = 0;
+  int year = 0;
+  unsigned int hour = 0;
+  unsigned int minute = 0;
+  unsigned int second = 0;
+  int length = 0;
+  if (text.size() > details::kMaxDateBytes ||
+      std::sscanf(date.c_str(), "%3[A-Za-z],%2u %3[A-Za-z] %4d %2u:%2u:%2u GMT%n", weekday, &day, month_name, &year,
+                  &hour, &minute, &second, &length) != 7 ||
+      static_cast<std::size_t>(length) != text.size()) {
+    return -1;
+  }
+  const auto month = std::find_if(details::kMonths.begin(), details::kMonths.end(),
+                                  [&](const char* name) { return std::strcmp(name, month_name) == 0; });
+  const auto month_number = static_cast<unsigned int>(month - details::kMonths.begin()) + 1;
+  const std::chrono::year_month_day ymd{std::chrono::year{year}, std::chrono::month{month_number},
+                                        std::chrono::day{day}};
+  // 60 is a leap second.
+  if (!ymd.ok() || hour > 23 || minute > 59 || second > 60) {
+    return -1;
+  }
+  const auto time = std::chrono::sys_days(ymd) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
+                    std::chrono::seconds(second);
+  const std::int64_t seconds = time.time_since_epoch().count();
+  return seconds >= 0 ? static_cast<std::time_t>(seconds) : -1;
+}
+
 bool UrlQueryDecode(char* output, std::int32_t output_size, const char* input, std::int32_t input_length) {
   if (output == nullptr || input == nullptr || input_length < 0 || output_size < input_length) {
     return false;
@@ -194,6 +231,21 @@ std::string SignHmacSha1(std::string_view text, std::string_view key) {
     return {};
   }
   return TansyBase::Encrypt::Base64Encode(digest, length);
+}
+
+std::string Fingerprint(std::string_view text) {
+  constexpr std::size_t kBytes = 16;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  if (EVP_Digest(text.data(), text.size(), digest, nullptr, EVP_sha256(), nullptr) != 1) {
+    return {};
+  }
+  std::string hex;
+  hex.reserve(2 * kBytes);
+  for (std::size_t i = 0; i < kBytes; ++i) {
+    hex += details::kHexDigits[digest[i] >> 4];
+    hex += details::kHexDigits[digest[i] & 15U];
+  }
+  return hex;
 }
 
 bool CheckHMACResult(const std::string& text, const std::string& sk, const std::string& signature) {

@@ -12,7 +12,9 @@
 #include "StorageServer/ObjectServer/BaseDBConn.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
+#include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/PicServer/PictureServer.h"
+#include "StorageServer/SignatureDate.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "db_layer/DbLayer.h"
 
@@ -115,6 +117,18 @@ int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::st
   return AtBoundary("CheckObjectRequestValid", int{kServerInternalError}, [&] {
     return CObjectServer::Instance().CheckObjectRequestValid(internal_url, url, method, query, headers);
   });
+}
+
+int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
+  return AtBoundary("SetReadLeaseCallbacks", details::kInitFailed, [&] {
+    details::SetReadLeaseCallbacks(begin, end);
+    return 0;
+  });
+}
+
+int SetSignatureDateWindow(std::uint32_t minutes) {
+  SetDateWindow(minutes);
+  return 0;
 }
 
 int UpdateLocalServerIp(const std::string& ip) {

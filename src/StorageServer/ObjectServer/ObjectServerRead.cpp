@@ -3,10 +3,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <memory>
 
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ObjectServer/ReadLease.h"
+#include "StorageServer/ServerComm.h"
 
 namespace Tansy::CloudStorage {
 
@@ -40,6 +43,12 @@ std::uint32_t ToUnsigned32(const std::string& text) {
 // The exclusive end of a range in an object of this size. Sizes are counted in 32 bits here, as in the catalogue.
 std::uint32_t EndOf(const ByteRange& range, const ObjectInfo& object) {
   return range.end != 0 ? range.end : static_cast<std::uint32_t>(object.size);
+}
+
+// The version of an object: changes whenever other bytes are stored under its name. The url names the bytes, and is the
+// host's secret.
+std::string EntityTag(const ObjectInfo& object) {
+  return '"' + Fingerprint(object.url + "\n" + std::to_string(object.size) + "\n" + object.update_time) + '"';
 }
 
 void SetBigFileRspHeaders(TansyNet::HttpResponse& response, const char* content_type, const ByteRange& range,
@@ -94,6 +103,7 @@ int CObjectServer::HandleGetOneObiectMetadata(std::int32_t session_id, const Htt
   }
   HttpResponse response;
   response.headers["Object-Size"] = std::to_string(object.size);
+  response.headers["ETag"] = details::EntityTag(object);
   SetRspHeaders(response, kXmlContentType);
   return SendObjectMsgRsp(session_id, response, std::string());
 }
@@ -133,6 +143,7 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const HttpServe
   }
   HttpResponse response;
   SetRspHeaders(response, kBytesContentType);
+  response.headers["ETag"] = details::EntityTag(object);
   CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", target.bucket.c_str(), target.key.c_str());
   return SendObjectMsgRsp(session_id, response, buffer.data.get(), buffer.size);
 }
@@ -140,8 +151,15 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const HttpServe
 int CObjectServer::StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range,
                                     std::uint32_t length) {
   const std::uint32_t chunk_count = length / details::kChunkBytes + (length % details::kChunkBytes != 0 ? 1 : 0);
-  const bool started = details::CBigFileSendThreads::Instance().Run(
-      [=, this] { HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length); });
+  const auto lease = std::make_shared<const details::CReadLease>(details::LocationText(object.bucket_name, object.url));
+  if (!lease->IsHeld()) {
+    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", object.name.c_str());
+    return AnswerError(session_id, kServerInternalError);
+  }
+  const bool started = details::CBigFileSendThreads::Instance().Run([=, this] {
+    HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length);
+    static_cast<void>(lease);  // held until here
+  });
   return started ? 0 : AnswerError(session_id, kServerInternalError);
 }
 
@@ -150,6 +168,7 @@ bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t c
   const ConfigPointer config = conf_.Load();
   HttpResponse response;
   details::SetBigFileRspHeaders(response, kBytesContentType, range, object.size);
+  response.headers["ETag"] = details::EntityTag(object);
   const std::string location = details::LocationText(object.bucket_name, object.url);
   for (std::uint32_t i = 0; i < chunk_count; ++i) {
     const std::uint32_t done = i * chunk_size;

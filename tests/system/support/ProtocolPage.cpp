@@ -104,6 +104,7 @@ std::regex Pattern(const std::string& text) {
   std::string pattern = std::regex_replace(text, special, R"(\$&)");
   pattern = ReplaceAll(pattern, R"(\{date\})", R"([A-Z][a-z]{2}, [ 123]\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT)");
   pattern = ReplaceAll(pattern, R"(\{guid\})", R"([0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12})");
+  pattern = ReplaceAll(pattern, R"(\{tag\})", R"([0-9a-f]{32})");
   pattern = ReplaceAll(pattern, R"(\{number\})", R"(\d+)");
   return std::regex(pattern);
 }

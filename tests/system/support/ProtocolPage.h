@@ -40,7 +40,7 @@ PageMessage ParseMessage(const std::string& text);
 // As bytes for a connection.
 std::string Wire(const PageMessage& message);
 
-// What the page writes, as a pattern: "{date}", "{guid}" and "{number}" stand for any of these.
+// What the page writes, as a pattern: "{date}", "{guid}", "{tag}" and "{number}" stand for any of these.
 std::regex Pattern(const std::string& text);
 
 // Whether status and headers are those of `expected`. The page may show another "Content-Length" where

@@ -74,6 +74,37 @@ TEST_F(HttpDate, IsEmptyForATimeThatNoCalendarHolds) {
   EXPECT_EQ(At(std::numeric_limits<std::time_t>::min()), "");
 }
 
+TEST_F(HttpDate, ReadsWhatItWrites) {
+  for (const std::time_t time : {std::time_t{0}, std::time_t{951782400}, std::time_t{1793693109},
+                                 std::time_t{4107542399}, std::time_t{253402300799}}) {
+    EXPECT_EQ(ParseHttpDate(At(time)), time) << At(time);
+  }
+}
+
+TEST(ParseHttpDate, TakesEveryFormOfTheDay) {
+  for (const char* text :
+       {"Tue,  3 Nov 2026 08:05:09 GMT", "Tue, 03 Nov 2026 08:05:09 GMT", "Tue, 3 Nov 2026 08:05:09 GMT"}) {
+    EXPECT_EQ(ParseHttpDate(text), 1793693109) << text;
+  }
+}
+
+TEST(ParseHttpDate, RefusesEverythingElse) {
+  for (const char* text :
+       {"", "now", "Tue, 03 Nov 2026", "Tue, 03 Nov 2026 08:05:09", "Tue, 03 Nov 2026 08:05:09 CET",
+        "Tue, 03 Nov 2026 08:05:09 GMT ", "Tue, 31 Feb 2026 08:05:09 GMT", "Tue, 03 Abc 2026 08:05:09 GMT",
+        "Tue, 03 Nov 2026 24:05:09 GMT", "Tue, 03 Nov 2026 08:60:09 GMT", "Tue, 03 Nov 2026 08:05:61 GMT",
+        "Tue, 00 Nov 2026 08:05:09 GMT", "2026-11-03 08:05:09", "Wed, 31 Dec 1969 23:59:59 GMT",
+        "Tue, 03 Nov 2026 08:05:09 GMT and a text that goes on for longer than any date does"}) {
+    EXPECT_EQ(ParseHttpDate(text), -1) << text;
+  }
+}
+
+TEST(Fingerprint, TellsTextsApartAndNothingElse) {
+  EXPECT_EQ(Fingerprint("").size(), 32u);
+  EXPECT_EQ(Fingerprint("abc"), "ba7816bf8f01cfea414140de5dae2223");  // printf abc | sha256sum | cut -c 1-32
+  EXPECT_NE(Fingerprint("abd"), Fingerprint("abc"));
+}
+
 struct Decoding {
   const char* name;
   std::string text;

@@ -3,11 +3,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <set>
 #include <thread>
+#include <vector>
 
 #include "ObjectServerFixture.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
+#include "TansyCloudStorage/ObjectServer.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
@@ -232,6 +237,94 @@ TEST_F(CObjectServerReadTest, Metadata) {
   EXPECT_EQ(answer.response.headers.at("Object-Size"), "12345");
   EXPECT_TRUE(storage_.Calls("range").empty());
   EXPECT_TRUE(IsError(Get(Path("none"), "metadata"), 404, "NoSuchKey"));
+}
+
+TEST_F(CObjectServerReadTest, TheTagNamesTheVersion) {
+  NewObject(bucket_, "k", Pattern(kChunk + 1));
+  const std::string tag = Get(Path("k"), "metadata").response.headers.at("ETag");
+  EXPECT_THAT(tag, ::testing::MatchesRegex("\"[0-9a-f]{32}\""));
+  EXPECT_EQ(Get(Path("k")).response.headers.at("ETag"), tag) << "of an answer in chunks";
+  EXPECT_EQ(GetRange("k", "bytes=5-10").response.headers.at("ETag"), tag);
+
+  const auto changed_tag = [&](auto change) {
+    ObjectInfo object;
+    EXPECT_TRUE(catalogue_.GetObjectByName(object, "k", bucket_));
+    change(object);
+    EXPECT_TRUE(catalogue_.AddObject(object));
+    return Get(Path("k"), "metadata").response.headers.at("ETag");
+  };
+  const std::string other_place = changed_tag([](ObjectInfo& o) { o.url = "fs01elsewhere.d"; });
+  const std::string other_size = changed_tag([](ObjectInfo& o) { o.size -= 1; });
+  const std::string other_time = changed_tag([](ObjectInfo& o) { o.update_time = "2026-11-03 08:05:10"; });
+  EXPECT_EQ((std::set<std::string>{tag, other_place, other_size, other_time}.size()), 4u);
+}
+
+// The leases that the server takes, in the order of the calls.
+class CLeases {
+ public:
+  CLeases() {
+    calls_.clear();
+    refused_ = false;
+    CloudStorage::SetReadLeaseCallbacks(&Begin, &End);
+  }
+  ~CLeases() { CloudStorage::SetReadLeaseCallbacks(nullptr, nullptr); }
+  CLeases(const CLeases&) = delete;
+  CLeases& operator=(const CLeases&) = delete;
+
+  static void Refuse(bool refused) { refused_ = refused; }
+  static void Note(const std::string& call) {
+    const std::lock_guard lock(mutex_);
+    calls_.push_back(call);
+    changed_.notify_all();
+  }
+  // The calls, once there are so many of them.
+  static std::vector<std::string> Wait(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(60), [count] { return calls_.size() >= count; });
+    return calls_;
+  }
+
+ private:
+  static int Begin(const std::string& location) {
+    Note("begin " + location);
+    return refused_ ? 1 : 0;
+  }
+  static void End(const std::string& location) { Note("end " + location); }
+
+  static inline std::mutex mutex_;
+  static inline std::condition_variable changed_;
+  static inline std::vector<std::string> calls_;
+  static inline std::atomic<bool> refused_{false};
+};
+
+TEST_F(CObjectServerReadTest, ADownloadInChunksHoldsALease) {
+  const CLeases leases;
+  const std::string location = "pool_name:" + bucket_ + ";" + NewObject(bucket_, "k", Pattern(2 * kChunk));
+  NewObject(bucket_, "small", Pattern(1000));
+  storage_.SetHook([](const CFakeStorage::Call& call) { CLeases::Note(call.kind + " " + call.location); });
+  EXPECT_TRUE(Get(Path("k")).IsWhole());
+  EXPECT_THAT(CLeases::Wait(4),
+              ElementsAre("begin " + location, "range " + location, "range " + location, "end " + location));
+  storage_.SetHook(nullptr);
+  EXPECT_TRUE(Get(Path("small")).IsWhole());
+  EXPECT_EQ(CLeases::Wait(0).size(), 4u) << "one read needs no lease";
+}
+
+TEST_F(CObjectServerReadTest, ABrokenOffDownloadGivesItsLeaseBack) {
+  const CLeases leases;
+  const std::string location = "pool_name:" + bucket_ + ";" + NewObject(bucket_, "k", Pattern(2 * kChunk));
+  storage_.SetResult("range", 1);
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+  EXPECT_THAT(CLeases::Wait(2), ElementsAre("begin " + location, "end " + location));
+}
+
+TEST_F(CObjectServerReadTest, ALeaseThatTheHostRefusesHasNoEnd) {
+  const CLeases leases;
+  const std::string location = "pool_name:" + bucket_ + ";" + NewObject(bucket_, "k", Pattern(2 * kChunk));
+  CLeases::Refuse(true);
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+  EXPECT_THAT(CLeases::Wait(1), ElementsAre("begin " + location));
+  EXPECT_TRUE(storage_.Calls("range").empty());
 }
 
 TEST_F(CObjectServerReadTest, PicturesAreReadWholeByTheirUrl) {
