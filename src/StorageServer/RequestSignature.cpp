@@ -34,6 +34,15 @@ const std::string& HeaderOrEmpty(const TansyNet::Headers& headers, const std::st
   return header != headers.end() ? header->second : empty;
 }
 
+std::string_view QueryOf(const TansyNet::HttpServerRecv& request) {
+  const std::string_view query = request.query;
+  const std::size_t token = query.find(kTokenParameter);
+  if (token == std::string_view::npos) {
+    return query;
+  }
+  return query.substr(0, query.find('&', token + kTokenParameter.size()));
+}
+
 AuthorizationForm ParseAuthorization(Authorization& authorization, std::string_view value) {
   const std::size_t colon = value.find(':');
   if (colon == std::string_view::npos) {
@@ -68,6 +77,10 @@ std::string BuildSignText(const TansyNet::HttpServerRecv& request, std::string_v
     text.append("?").append(query);
   }
   return text;
+}
+
+bool IsSignedWith(const StorageServerConfig& config, const std::string& sign_text, const std::string& signature) {
+  return !config.ak.empty() && !config.sk.empty() && CheckHMACResult(sign_text, config.sk, signature);
 }
 
 }  // namespace Tansy::CloudStorage

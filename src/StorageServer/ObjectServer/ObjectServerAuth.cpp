@@ -4,14 +4,13 @@
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerComm.h"
+#include "StorageServer/SignatureDate.h"
 #include "TansyBase/Encrypt.h"
 
 namespace Tansy::CloudStorage {
 
 namespace details {
 namespace {
-
-constexpr std::string_view kTokenParameter = "&token=";
 
 bool TakeAuthorization(Authorization& authorization, const std::string& value, const Caller& caller) {
   switch (ParseAuthorization(authorization, value)) {
@@ -75,9 +74,14 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
   }
   const std::string sign_text = BuildSignText(request, HeaderOrEmpty(request.headers, "Content-Type"),
                                               HeaderOrEmpty(request.headers, "Date"), request.query);
-  if (!CheckHMACResult(sign_text, config.sk, authorization.signature)) {
+  if (!IsSignedWith(config, sign_text, authorization.signature)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               header->second.c_str(), sign_text.c_str(), config.sk.c_str());
+    return kAccessDenied;
+  }
+  if (const std::string& date = HeaderOrEmpty(request.headers, "Date"); !IsDateInWindow(date)) {
+    CLOUD_LOG(logging::kError, "[%s]http header Date refused! Date=%s window=%d minutes[%s(%d)]", date.c_str(),
+              DateWindow());
     return kAccessDenied;
   }
   return 0;
@@ -85,14 +89,14 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
 
 int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& config) {
   std::map<std::string, std::string> parameters;
-  ParseHttpUrlQuery(parameters, request.query);
+  ParseHttpUrlQuery(parameters, std::string(QueryOf(request)));
   const auto token = parameters.find("token");
   if (token == parameters.end()) {
     CLOUD_LOG(logging::kError, "[%s]query not found token![%s(%d)]");
     return kAccessDenied;
   }
   // The token signs the query in front of it. One that comes first has nothing in front of it and is refused.
-  const std::size_t token_begin = request.query.find(details::kTokenParameter);
+  const std::size_t token_begin = request.query.find(kTokenParameter);
   if (token_begin == std::string::npos) {
     CLOUD_LOG(logging::kError, "[%s]http_query not found token![%s(%d)]");
     return kAccessDenied;
@@ -100,9 +104,13 @@ int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& con
   std::string sign_text = request.method + "\n\n\n\n\n" + request.url + "?";
   sign_text.append(request.query, 0, token_begin);
   std::string signature;
-  if (!details::TakeTokenSignature(signature, token->second) || !CheckHMACResult(sign_text, config.sk, signature)) {
+  if (!details::TakeTokenSignature(signature, token->second) || !IsSignedWith(config, sign_text, signature)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               token->second.c_str(), sign_text.c_str(), config.sk.c_str());
+    return kAccessDenied;
+  }
+  if (const auto expires = parameters.find("expires"); expires != parameters.end() && !IsNotExpired(expires->second)) {
+    CLOUD_LOG(logging::kError, "[%s]token expired[%s].[%s(%d)]", expires->second.c_str());
     return kAccessDenied;
   }
   return 0;

@@ -7,6 +7,7 @@
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerTasks.h"
+#include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {
@@ -40,18 +41,18 @@ struct CObjectServer::Route {
   int (CObjectServer::*handler)(std::int32_t session_id, const HttpServerRecv& request) = nullptr;
 
   bool Fits(const HttpServerRecv& msg, const Target& target) const {
-    return msg.method == method && FitsQuery(msg.query) && (path.empty() || msg.url == path) &&
+    return msg.method == method && FitsQuery(QueryOf(msg)) && (path.empty() || msg.url == path) &&
            details::Matches(bucket, target.bucket) && details::Matches(key, target.key);
   }
 
-  bool FitsQuery(const std::string& text) const {
+  bool FitsQuery(std::string_view text) const {
     switch (query) {
       case details::Match::kEmpty:
         return text.empty();
       case details::Match::kEquals:
         return text == query_text;
       case details::Match::kContains:
-        return text.find(query_text) != std::string::npos && text.find(also_in_query) != std::string::npos;
+        return text.find(query_text) != text.npos && text.find(also_in_query) != text.npos;
       case details::Match::kAny:
         break;
     }

@@ -10,6 +10,7 @@
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerFiles.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
@@ -431,7 +432,7 @@ int CObjectServer::HandleUploadPartObject(std::int32_t session_id, const HttpSer
     return AnswerError(session_id, error);
   }
   details::CPartUpload part(target.bucket, target.key, BodyOf(request), caller);
-  if (const int error = part.ReadQuery(request.query); error != 0) {
+  if (const int error = part.ReadQuery(std::string(QueryOf(request))); error != 0) {
     return AnswerError(session_id, error);
   }
   std::unique_lock<std::mutex> lock(part_mutexes_[part.Hash() % part_mutexes_.size()]);
@@ -447,7 +448,7 @@ int CObjectServer::HandleGetAllObjectTask(std::int32_t session_id, const HttpSer
     return AnswerError(session_id, error);
   }
   details::Query query;
-  ParseHttpUrlQuery(query, request.query);
+  ParseHttpUrlQuery(query, std::string(QueryOf(request)));
   const std::string upload_id = details::UploadIdOf(query);
   if (upload_id.empty()) {
     CLOUD_LOG(logging::kError, "[%s]query invalid[%s].[%s(%d)]", request.query.c_str());
@@ -473,7 +474,7 @@ int CObjectServer::HandleFinishMutiUploadTask(std::int32_t session_id, const Htt
     return AnswerError(session_id, error);
   }
   details::CCompletion completion(target.bucket, target.key, caller);
-  if (const int error = completion.ReadQuery(request.query); error != 0) {
+  if (const int error = completion.ReadQuery(std::string(QueryOf(request))); error != 0) {
     return AnswerError(session_id, error);
   }
   if (const int error = completion.CheckParts(BodyOf(request)); error != 0) {

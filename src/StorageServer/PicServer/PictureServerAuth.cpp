@@ -6,6 +6,7 @@
 #include "StorageServer/PicServer/PictureServerErrors.h"
 #include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerComm.h"
+#include "StorageServer/SignatureDate.h"
 
 namespace Tansy::CloudStorage {
 
@@ -60,9 +61,14 @@ int CPictureServer::CheckAuth(const HttpServerRecv& request, const Config& confi
   }
   const std::string sign_text = BuildSignText(request, details::SignedContentType(request),
                                               HeaderOrEmpty(request.headers, "Date"), request.query);
-  if (!CheckHMACResult(sign_text, config.sk, authorization.signature)) {
+  if (!IsSignedWith(config, sign_text, authorization.signature)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               value.c_str(), sign_text.c_str(), config.sk.c_str());
+    return kPicAccessDenied;
+  }
+  if (const std::string& date = HeaderOrEmpty(request.headers, "Date"); !IsDateInWindow(date)) {
+    CLOUD_LOG(logging::kError, "[%s]http header Date refused! Date=%s window=%d minutes[%s(%d)]", date.c_str(),
+              DateWindow());
     return kPicAccessDenied;
   }
   return 0;
@@ -99,7 +105,7 @@ int CPictureServer::CheckUrlAuth(const HttpServerRecv& request, const Config& co
   const std::string sign_text =
       BuildSignText(request, details::SignedContentType(request), details::ValueOrEmpty(parameters, "Expires"),
                     std::string_view(request.query).substr(0, signed_length));
-  if (!CheckHMACResult(sign_text, config.sk, signature->second)) {
+  if (!IsSignedWith(config, sign_text, signature->second)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               signature->second.c_str(), sign_text.c_str(), config.sk.c_str());
     return kPicAccessDenied;

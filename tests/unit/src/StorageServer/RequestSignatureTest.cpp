@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -20,6 +21,17 @@ TEST(HeaderOrEmpty, FindsANameAsItIsSpelled) {
   EXPECT_EQ(HeaderOrEmpty(headers, "Empty"), "");
   EXPECT_EQ(HeaderOrEmpty(headers, "date"), "");
   EXPECT_EQ(HeaderOrEmpty({}, "Date"), "");
+}
+
+TEST(QueryOf, EndsWithTheToken) {
+  auto request = Request();
+  for (const auto& [query, part] :
+       {std::pair("", ""), std::pair("a=1&b=2", "a=1&b=2"), std::pair("token=T&a=1", "token=T&a=1"),
+        std::pair("a=1&token=T", "a=1&token=T"), std::pair("a=1&token=T&a=2&b=3", "a=1&token=T"),
+        std::pair("a=1&token=&a=2", "a=1&token="), std::pair("a=1&token=T&token=U", "a=1&token=T")}) {
+    request.query = query;
+    EXPECT_EQ(QueryOf(request), part) << query;
+  }
 }
 
 TEST(ParseAuthorization, TakesAccessKeyAndSignatureApart) {

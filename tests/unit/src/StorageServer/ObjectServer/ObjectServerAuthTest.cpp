@@ -4,8 +4,14 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
+#include <utility>
+
 #include "ObjectServerFixture.h"
+#include "StorageServer/ServerComm.h"
 #include "TansyBase/Encrypt.h"
+#include "TansyCloudStorage/ObjectServer.h"
+#include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
 namespace {
@@ -194,6 +200,99 @@ TEST_F(CObjectServerAuthTest, TheDateIsNotComparedWithTheClock) {
     const std::string text = std::string("GET\n\n\n") + date + "\n\n/b/k";
     EXPECT_EQ(server_.CheckAuth(Request("quorvane access-key:" + Hmac(text), {{"Date", date}})), 0) << date;
   }
+}
+
+// A server's record with other keys, as long as it lives.
+class CObjectServerKeysTest : public CObjectServerAuthTest {
+ protected:
+  void UseKeys(const std::string& ak, const std::string& sk) {
+    auto config = Config();
+    config.ak = ak;
+    config.sk = sk;
+    EXPECT_EQ(server_.Init(config), 0);
+  }
+};
+
+TEST_F(CObjectServerKeysTest, AnEmptyKeyIsNoKey) {
+  const std::string text = "GET\n\n\n\n\n/b/k";
+  const std::string under_none = CloudStorage::SignHmacSha1(text, "");
+  const std::string token_under_none = CloudStorage::SignHmacSha1(text + "?a=1", "");
+  for (const auto& [ak, sk] : {std::pair("", ""), std::pair("access-key", ""), std::pair("", "secret-key")}) {
+    UseKeys(ak, sk);
+    const std::string scheme = std::string("quorvane ") + ak + ":";
+    EXPECT_EQ(server_.CheckAuth(Request(scheme + under_none)), -1) << ak << "/" << sk;
+    EXPECT_EQ(server_.CheckAuth(Request(scheme + Hmac(text))), -1) << ak << "/" << sk;
+    EXPECT_EQ(server_.CheckAuth(TokenRequest("a=1&token=" + Escaped(Token(scheme + token_under_none)))), -1);
+    EXPECT_EQ(server_.CheckAuth(TokenRequest("a=1&token=" + Escaped(Token(scheme + Hmac(text + "?a=1"))))), -1);
+  }
+}
+
+// A window for dates, and a clock that stands at the date of every signed request here.
+class CObjectServerDateTest : public CObjectServerAuthTest {
+ protected:
+  CObjectServerDateTest() { EXPECT_EQ(CloudStorage::SetSignatureDateWindow(15), 0); }
+  ~CObjectServerDateTest() override { CloudStorage::SetSignatureDateWindow(0); }
+
+  int CheckDate(const std::string& date) {
+    return server_.CheckAuth(Request("quorvane access-key:" + Hmac("GET\n\n\n" + date + "\n\n/b/k"), {{"Date", date}}));
+  }
+
+  CManualClock clock_;
+};
+
+TEST_F(CObjectServerDateTest, ADateInsideTheWindowPasses) {
+  constexpr const char* kDate = "Tue,  3 Nov 2026 08:05:09 GMT";
+  for (const std::time_t seconds : {0, 900, -900}) {
+    clock_.Set(CManualClock::kDefaultTime + seconds);
+    EXPECT_EQ(CheckDate(kDate), 0) << seconds;
+  }
+  clock_.Set(CManualClock::kDefaultTime);
+  EXPECT_EQ(CheckDate("Tue, 03 Nov 2026 08:05:09 GMT"), 0);
+}
+
+TEST_F(CObjectServerDateTest, AnyOtherDateIsRefused) {
+  for (const std::time_t seconds : {901, -901, 86400 * 365}) {
+    clock_.Set(CManualClock::kDefaultTime + seconds);
+    EXPECT_EQ(CheckDate("Tue,  3 Nov 2026 08:05:09 GMT"), -1) << seconds;
+  }
+  clock_.Set(CManualClock::kDefaultTime);
+  for (const char* date : {"", "now", "2026-11-03 08:05:09"}) {
+    EXPECT_EQ(CheckDate(date), -1) << date;
+  }
+  EXPECT_EQ(server_.CheckAuth(Request("quorvane access-key:" + Hmac("GET\n\n\n\n\n/b/k"))), -1) << "no date at all";
+  EXPECT_EQ(log_->Count("[%s]http header Date refused! Date=%s window=%d minutes[%s(%d)]", logging::kError), 7u);
+}
+
+TEST_F(CObjectServerDateTest, ATokenNeedsNoDate) {
+  const std::string token = Escaped(Token("quorvane anybody:" + Hmac("GET\n\n\n\n\n/b/k?a=1")));
+  EXPECT_EQ(server_.CheckAuth(TokenRequest("a=1&token=" + token)), 0);
+}
+
+TEST_F(CObjectServerAuthTest, ALinkIsGoodUntilTheMomentThatItNames) {
+  CManualClock clock;
+  const std::string last = std::to_string(CManualClock::kDefaultTime);
+  const std::string token = Escaped(Token("quorvane anybody:" + Hmac("GET\n\n\n\n\n/b/k?expires=" + last)));
+  const auto request = TokenRequest("expires=" + last + "&token=" + token);
+  EXPECT_EQ(server_.CheckAuth(request), 0);
+  clock.Advance(1);
+  EXPECT_EQ(server_.CheckAuth(request), -1);
+  EXPECT_EQ(log_->Count("[%s]token expired[%s].[%s(%d)]", logging::kError), 1u);
+  // Behind the token nothing counts, least of all another end.
+  EXPECT_EQ(server_.CheckAuth(TokenRequest("expires=" + last + "&token=" + token + "&expires=99999999999")), -1);
+}
+
+TEST_F(CObjectServerAuthTest, AnEndThatIsNoNumberIsPast) {
+  for (const std::string end : {"", "x", "-1", "99999999999x", " 99999999999", "99999999999999999999999"}) {
+    const std::string query = "expires=" + end;
+    const std::string token = Escaped(Token("quorvane anybody:" + Hmac("GET\n\n\n\n\n/b/k?" + query)));
+    EXPECT_EQ(server_.CheckAuth(TokenRequest(query + "&token=" + token)), -1) << end;
+  }
+}
+
+TEST_F(CObjectServerAuthTest, ASecondTokenBehindTheFirstSaysNothing) {
+  const std::string token = Escaped(Token("quorvane anybody:" + Hmac("GET\n\n\n\n\n/b/k?a=1")));
+  EXPECT_EQ(server_.CheckAuth(TokenRequest("a=1&token=" + token + "&token=nonsense")), 0);
+  EXPECT_EQ(server_.CheckAuth(TokenRequest("a=1&token=nonsense&token=" + token)), -1);
 }
 
 TEST_F(CObjectServerAuthTest, AWrongTokenDoesNotHurtAGoodHeader) {
