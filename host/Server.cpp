@@ -20,6 +20,7 @@
 #include "Schema.h"
 #include "StartFailure.h"
 #include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
 #include "TansyNet/HttpServer.h"
@@ -235,6 +236,11 @@ void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) con
                                                      : CloudStorage::InitObjectServer(config, factory);
   if (result != 0) {
     details::FailStart("object listener");
+  }
+  if (!CloudStorage::IsCatalogueLoaded()) {
+    // Objects that could not be read would look as if they did not exist.
+    details::StopServing(0);
+    throw CStartFailure(kExitFailed, "the catalogue in database " + database_file_ + " cannot be read: see the log");
   }
 }
 

@@ -289,6 +289,15 @@ TEST_F(StartStopTest, ANewerSchemaIsRefusedAndKept) {
   EXPECT_EQ(Outcome(Send("GET", "/b?property")), "200");
 }
 
+TEST_F(StartStopTest, ACatalogueThatCannotBeReadIsNotTakenForAnEmptyOne) {
+  ASSERT_TRUE(server_.Start());
+  ASSERT_TRUE(server_.Stop());
+  Query(server_.Data("catalogue.db"), "ALTER TABLE local_object_task RENAME TO moved_away");
+  ExpectFailure({}, 1, "catalogue in database");
+  Query(server_.Data("catalogue.db"), "ALTER TABLE moved_away RENAME TO local_object_task");
+  EXPECT_TRUE(server_.Start());
+}
+
 TEST_F(StartStopTest, AStoreThatIsNotMountedIsNotTakenForAnEmptyOne) {
   ASSERT_TRUE(server_.Start());
   MakeBucket("b");

@@ -44,6 +44,10 @@ bool ModifyBucket(const BucketInfo& bucket) {
   return AtBoundary("ModifyBucket", false, [&] { return CObjectStorageManager::Instance().ModifyBucket(bucket); });
 }
 
+bool IsCatalogueLoaded() {
+  return CObjectStorageManager::Instance().IsLoaded();
+}
+
 bool DeleteBucket(std::uint32_t id) {
   return AtBoundary("DeleteBucket", false, [&] { return CObjectStorageManager::Instance().RemoveBucket(id); });
 }

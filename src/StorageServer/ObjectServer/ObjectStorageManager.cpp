@@ -13,6 +13,11 @@ CObjectStorageManager& CObjectStorageManager::Instance() {
 }
 
 bool CObjectStorageManager::Init() {
+  loaded_ = Load();
+  return loaded_;
+}
+
+bool CObjectStorageManager::Load() {
   if (!LoadBuckets()) {
     CLOUD_LOG(logging::kError, "[%s]Init failed, query bucket failed.[%s(%d)]");
     return false;

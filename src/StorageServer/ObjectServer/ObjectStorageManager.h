@@ -1,6 +1,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_STORAGE_MANAGER_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_STORAGE_MANAGER_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -40,6 +41,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
 
   // Loads everything from the database. A failure leaves what was loaded so far.
   bool Init();
+  // Whether the last Init loaded everything.
+  bool IsLoaded() const { return loaded_; }
 
   bool IsBucketExist(const std::string& name);
   bool AddBucket(BucketInfo& bucket);
@@ -81,10 +84,13 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   CObjectStorageManager() = default;
   ~CObjectStorageManager() = default;
 
+  bool Load();
   bool LoadBuckets();
   bool LoadObjects();
   bool LoadTasks();
   void DropPartSizesOfEndedTasks();
+
+  std::atomic<bool> loaded_{false};
 
   CKeyLocks<8> bucket_locks_;
   CKeyLocks<32> object_locks_;

@@ -35,6 +35,20 @@ TEST_F(CatalogueInterface, AddsABucketWithItsFlagOnly) {
   EXPECT_FALSE(AddBucket(bucket)) << "it exists";
 }
 
+TEST_F(CatalogueInterface, SaysWhetherEverythingWasLoaded) {
+  EXPECT_TRUE(manager_.Init());
+  EXPECT_TRUE(IsCatalogueLoaded());
+  BucketInfo bucket = MakeBucket("bucket");
+  for (const char* table : {"local_bucket ", "local_object ", "local_object_task "}) {
+    database_.FailStatementsWith(std::string("platform.") + table);
+    EXPECT_FALSE(manager_.Init());
+    EXPECT_FALSE(IsCatalogueLoaded()) << table;
+    database_.Heal();
+    EXPECT_TRUE(manager_.Init());
+    EXPECT_TRUE(IsCatalogueLoaded()) << table;
+  }
+}
+
 TEST_F(CatalogueInterface, AppendsTheBucketsInTheOrderOfTheirNames) {
   MakeBucket("b");
   MakeBucket("c");
