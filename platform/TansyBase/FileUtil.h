@@ -21,6 +21,12 @@ class FileUtil {
   static int MakeDirectory(const std::string& path);
   // Removes one file. 0, or errno (a missing file is an error).
   static int RemoveFile(const std::string& path);
+  // Puts one file in the place of another, of the same folder or a missing one. After a crash the place holds the old
+  // file or the new one, never a mixture, and after 0 was returned the new one. What `from` holds must have been
+  // flushed before. 0, or errno; `from` then still exists.
+  static int MoveOver(const std::string& from, const std::string& to);
+  // Waits until everything that was written to the file is on stable storage. 0, or errno.
+  static int Flush(std::FILE* file);
   // As fopen, but no child process gets the file. Null, and errno set, on failure; otherwise for the caller to fclose.
   static std::FILE* OpenFile(const std::string& path, const char* mode);
 };

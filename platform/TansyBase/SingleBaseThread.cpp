@@ -106,6 +106,11 @@ void CSingleBaseThread::Stop() {
   impl_->own_id = {};
 }
 
+bool CSingleBaseThread::IsStopping() const {
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->stopping && impl_->own_id == std::this_thread::get_id();
+}
+
 void CSingleBaseThread::Wake() {
   {
     const std::lock_guard lock(impl_->mutex);

@@ -28,6 +28,9 @@ class CSingleBaseThread : private CNoncopyable {
 
  protected:
   virtual void OnTimer() = 0;
+  // For OnTimer, while it has much to do: true once Stop was called, which waits for its end. Always false when OnTimer
+  // is called by another thread than the own one.
+  bool IsStopping() const;
 
  private:
   void Run(std::uint32_t period_ms);

@@ -10,6 +10,7 @@ namespace TansyBase {
 namespace {
 
 std::atomic<TimeUtil::ClockFunction> replaced_clock{nullptr};
+std::atomic<TimeUtil::UptimeFunction> replaced_uptime{nullptr};
 
 constexpr std::time_t kSecondsPerDay = 86400;
 // 0000-01-01 to 9999-12-31: years that four digits can hold.
@@ -42,6 +43,16 @@ bool HasSeparators(std::string_view text) {
 std::time_t TimeUtil::Now() {
   const ClockFunction clock = replaced_clock.load();
   return clock != nullptr ? clock() : std::time(nullptr);
+}
+
+std::int64_t TimeUtil::Uptime() {
+  const UptimeFunction clock = replaced_uptime.load();
+  const auto since_zero = std::chrono::steady_clock::now().time_since_epoch();
+  return clock != nullptr ? clock() : std::chrono::duration_cast<std::chrono::seconds>(since_zero).count();
+}
+
+void TimeUtil::SetUptimeClock(UptimeFunction clock) {
+  replaced_uptime.store(clock);
 }
 
 void TimeUtil::SetClock(ClockFunction clock) {

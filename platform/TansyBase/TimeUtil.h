@@ -1,6 +1,7 @@
 #ifndef TANSY_BASE_TIME_UTIL_H
 #define TANSY_BASE_TIME_UTIL_H
 
+#include <cstdint>
 #include <ctime>
 #include <string>
 
@@ -12,9 +13,16 @@ class TimeUtil {
   // The current time in seconds since 1970, from the clock below.
   static std::time_t Now();
 
+  // Seconds of a clock that nobody sets: it measures how long something has taken, whatever becomes of the time of day.
+  // Its zero means nothing.
+  static std::int64_t Uptime();
+
   // Replaces the clock that Now reads (tests); null restores the system's.
   using ClockFunction = std::time_t (*)();
   static void SetClock(ClockFunction clock);
+  // The same for the clock that Uptime reads.
+  using UptimeFunction = std::int64_t (*)();
+  static void SetUptimeClock(UptimeFunction clock);
 
   // "2026-11-03 08:05:09".
   static std::string TimeT2StrUTCDatetime(std::time_t time);

@@ -1,5 +1,6 @@
 #include "TansyBase/FileUtil.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,30 @@
 #include "TansyBase/posix/NativePath.h"
 
 namespace TansyBase {
+namespace {
+
+int Sync(int descriptor) {
+  while (fsync(descriptor) != 0) {
+    if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+int SyncFolderOf(const std::string& native_path) {
+  const auto slash = native_path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : native_path.substr(0, slash + 1);
+  const int descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) {
+    return errno;
+  }
+  const int error = Sync(descriptor);
+  close(descriptor);
+  return error == EINVAL ? 0 : error;  // a file system that cannot sync folders has no more to give
+}
+
+}  // namespace
 
 std::string FileUtil::GetCurExeDirUtf8() {
   return "./";
@@ -30,6 +55,18 @@ int FileUtil::RemoveFile(const std::string& path) {
     return ENOENT;
   }
   return unlink(NativePath(path).c_str()) == 0 ? 0 : errno;
+}
+
+int FileUtil::MoveOver(const std::string& from, const std::string& to) {
+  if (!IsPlainPath(from) || !IsPlainPath(to)) {
+    return ENOENT;
+  }
+  const std::string native_to = NativePath(to);
+  return std::rename(NativePath(from).c_str(), native_to.c_str()) == 0 ? SyncFolderOf(native_to) : errno;
+}
+
+int FileUtil::Flush(std::FILE* file) {
+  return std::fflush(file) == 0 ? Sync(fileno(file)) : errno;
 }
 
 std::FILE* FileUtil::OpenFile(const std::string& path, const char* mode) {

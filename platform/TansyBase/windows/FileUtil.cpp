@@ -1,6 +1,7 @@
 #include "TansyBase/FileUtil.h"
 
 #include <direct.h>
+#include <io.h>
 #include <windows.h>
 
 #include <cerrno>
@@ -37,6 +38,27 @@ int FileUtil::MakeDirectory(const std::string& path) {
 
 int FileUtil::RemoveFile(const std::string& path) {
   return _wunlink(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
+}
+
+int FileUtil::MoveOver(const std::string& from, const std::string& to) {
+  const BOOL moved = MoveFileExW(StringUtil::UTF8ToWide(from).c_str(), StringUtil::UTF8ToWide(to).c_str(),
+                                 MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+  if (moved) {
+    return 0;
+  }
+  switch (GetLastError()) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+      return ENOENT;
+    case ERROR_DISK_FULL:
+      return ENOSPC;
+    default:
+      return EACCES;
+  }
+}
+
+int FileUtil::Flush(std::FILE* file) {
+  return std::fflush(file) == 0 && _commit(_fileno(file)) == 0 ? 0 : errno;
 }
 
 std::FILE* FileUtil::OpenFile(const std::string& path, const char* mode) {

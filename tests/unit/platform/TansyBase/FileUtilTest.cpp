@@ -88,6 +88,38 @@ TEST_F(FileUtilTest, RemovesAFileAndNoFolder) {
   EXPECT_TRUE(FileUtil::Exists(Path("folder")));
 }
 
+TEST_F(FileUtilTest, PutsAFileInThePlaceOfAnother) {
+  Put(Path("new"), "new bytes");
+  EXPECT_EQ(FileUtil::MoveOver(Path("new"), Path("place")), 0);
+  EXPECT_EQ(Get(Path("place")), "new bytes");
+  EXPECT_FALSE(FileUtil::Exists(Path("new")));
+  Put(Path("newer"), "newer");
+  EXPECT_EQ(FileUtil::MoveOver(Path("newer"), Path("place")), 0);
+  EXPECT_EQ(Get(Path("place")), "newer");
+
+  EXPECT_EQ(FileUtil::MoveOver(Path("missing"), Path("place")), ENOENT);
+  std::filesystem::create_directories(Path("folder") + "/sub");
+  EXPECT_NE(FileUtil::MoveOver(Path("place"), Path("folder")), 0);
+  EXPECT_EQ(Get(Path("place")), "newer");
+}
+
+TEST_F(FileUtilTest, AFlushWritesWhatWasBuffered) {
+  std::FILE* file = FileUtil::OpenFile(Path("file"), "wb");
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(std::fwrite("bytes", 1, 5, file), 5U);
+  EXPECT_EQ(FileUtil::Flush(file), 0);
+  EXPECT_EQ(Get(Path("file")), "bytes");
+  EXPECT_EQ(std::fclose(file), 0);
+#ifndef _WIN32
+  file = FileUtil::OpenFile("/dev/full", "wb");
+  if (file != nullptr) {
+    EXPECT_EQ(std::fwrite("bytes", 1, 5, file), 5U);
+    EXPECT_EQ(FileUtil::Flush(file), ENOSPC);
+    std::fclose(file);
+  }
+#endif
+}
+
 TEST_F(FileUtilTest, BackslashesAreSeparators) {
   const std::string backslashed = folder_.string() + "\\sub";
   EXPECT_EQ(FileUtil::MakeDirectory(backslashed), 0);

@@ -105,6 +105,32 @@ TEST(SingleBaseThread, StopEndsTheLongestPeriodAtOnceAndWaitsForARunningCall) {
   EXPECT_EQ(counter.Calls(), calls);
 }
 
+TEST(SingleBaseThread, ALongCallLearnsThatItIsToStop) {
+  class CLongCall : public CSingleBaseThread {
+   public:
+    ~CLongCall() override { Stop(); }
+    void OnTimer() override {
+      saw_stop_at_first = IsStopping();
+      started = true;
+      while (!IsStopping()) {
+        std::this_thread::yield();
+      }
+    }
+    bool SeenFromOutside() const { return IsStopping(); }
+    std::atomic<bool> started{false};
+    std::atomic<bool> saw_stop_at_first{true};
+  };
+  CLongCall call;
+  EXPECT_FALSE(call.SeenFromOutside());
+  ASSERT_TRUE(call.Start(kLong));
+  while (!call.started) {
+    std::this_thread::yield();
+  }
+  call.Stop();
+  EXPECT_FALSE(call.saw_stop_at_first);
+  EXPECT_FALSE(call.SeenFromOutside());
+}
+
 TEST(SingleBaseThread, StoppingAStoppedThreadDoesNothing) {
   CCounter counter;
   counter.Stop();

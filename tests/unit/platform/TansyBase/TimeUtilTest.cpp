@@ -82,6 +82,22 @@ TEST(TimeUtil, RefusesOtherTexts) {
   }
 }
 
+TEST(TimeUtil, SettingTheTimeOfDayDoesNotMoveTheUptime) {
+  const std::int64_t before = TimeUtil::Uptime();
+  {
+    CManualClock clock;
+    const std::int64_t zero = TimeUtil::Uptime();
+    clock.Set(CManualClock::kDefaultTime + 1000000);
+    EXPECT_EQ(TimeUtil::Uptime(), zero);
+    clock.Advance(61);
+    EXPECT_EQ(TimeUtil::Uptime(), zero + 61);
+    EXPECT_EQ(TimeUtil::Now(), CManualClock::kDefaultTime + 1000061);
+  }
+  const std::int64_t after = TimeUtil::Uptime();
+  EXPECT_GE(after, before);
+  EXPECT_LE(after, before + 600);
+}
+
 TEST(TimeUtil, NowIsTheSystemsTimeUnlessReplaced) {
   const std::time_t before = std::time(nullptr);
   const std::time_t now = TimeUtil::Now();
