@@ -34,9 +34,9 @@ struct ObjectInfo {
   std::string url;          // location text left by the storage callbacks
 };
 
-// Whether the last InitObjectServer read the whole catalogue from the database. InitObjectServer itself succeeds all the
-// same and serves what it could read: a host asks here before it announces itself, because a client would otherwise take
-// objects that could not be read for objects that do not exist. False before the first InitObjectServer.
+// Whether the last InitObjectServer read the whole catalogue from the database. InitObjectServer itself succeeds all
+// the same and serves what it could read: a host asks here before it announces itself, because a client would otherwise
+// take objects that could not be read for objects that do not exist. False before the first InitObjectServer.
 TANSY_CLOUD_STORAGE_API bool IsCatalogueLoaded();
 // Adds a bucket; writes back `id` and `acl`. False at once unless `flag` is 1.
 TANSY_CLOUD_STORAGE_API bool AddBucket(BucketInfo& bucket);
