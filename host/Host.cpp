@@ -1,6 +1,6 @@
 #include "Host.h"
 
-#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -10,7 +10,9 @@
 #include "CommandLine.h"
 #include "HostLog.h"
 #include "HostSystem/Process.h"
+#include "ListeningFile.h"
 #include "Server.h"
+#include "SignalThread.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -27,14 +29,34 @@ void Complain(const std::string& line) {
   std::cerr << shown << std::endl;
 }
 
+// Ends the process from the signal thread. Nothing is destroyed: other threads are at work.
+[[noreturn]] void EndNow(CSignalThread::EEnd why, bool is_check) {
+  int exit_code = kExitFailed;
+  if (why == CSignalThread::EEnd::kStillStarting) {
+    Complain(is_check ? "stopped before the check was over" : "stopped before it was ready");
+    exit_code = is_check ? kExitFailed : kExitDone;
+  } else {
+    const char* cause = why == CSignalThread::EEnd::kSecondSignal ? "a second signal came" : "stopping took too long";
+    HOST_LOG(logging::kError, "[%s]%s, what still ran was cut off.[%s(%d)]", cause);
+    Complain(std::string(cause) + ", what still ran was cut off");
+    RemoveListeningFile();
+  }
+  std::cout.flush();
+  logging::SetSink(nullptr);
+  std::_Exit(exit_code);
+}
+
 int Serve(const CommandLine& command_line) {
+  CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
+                        [&](CSignalThread::EEnd why) { EndNow(why, command_line.check); }, {});
   CServer server(command_line);
   if (command_line.check) {
     return server.Check(command_line.repair);
   }
   server.Start();
+  signals.SetServing();
   std::cout << server.ReadyLine() << std::endl;
-  while (HostSystem::WaitForSignal() == HostSystem::ESignal::kReload) {
+  while (signals.Wait() == HostSystem::ESignal::kReload) {
     server.Reload();
   }
   server.Stop();

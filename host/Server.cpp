@@ -47,9 +47,13 @@ bool IsAbsolute(const std::string& path) {
   return HostSystem::AbsolutePath(path) == path;
 }
 
-void StopServing(std::uint32_t drain_ms) {
+void CloseListeners() {
   CloudStorage::SetObjectServerEnable(false);
   CloudStorage::SetPicServerEnable(false);
+}
+
+void StopServing(std::uint32_t drain_ms) {
+  CloseListeners();
   if (!TansyNet::CHttpServer::Shutdown(drain_ms)) {
     HOST_LOG(logging::kNotable, "[%s]requests were cut off after %u ms.[%s(%d)]", drain_ms);
   }
@@ -278,9 +282,11 @@ void CServer::Reload() {
 
 void CServer::Stop() {
   HOST_LOG(logging::kNotable, "[%s]stopping.[%s(%d)]");
+  details::CloseListeners();
   RemoveListeningFile();
-  housekeeping_.reset();
   details::StopServing(details::kDrainMs);
+  // Last, because it may be busy for a while: by now no client waits for anything.
+  housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);
   HOST_LOG(logging::kNotable, "[%s]stopped.[%s(%d)]");
 }

@@ -2,6 +2,9 @@
 #ifndef TANSY_HOST_SYSTEM_PROCESS_H
 #define TANSY_HOST_SYSTEM_PROCESS_H
 
+#include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace HostSystem {
@@ -16,6 +19,8 @@ enum class ESignal {
 void TakeSignals();
 // Waits for the next of them. One thread.
 ESignal WaitForSignal();
+// The same, for so long at most; empty when none came.
+std::optional<ESignal> WaitForSignal(std::chrono::milliseconds patience);
 
 // True when whoever started the process wants it to outlive its terminal (nohup).
 bool IsHangupIgnored();
@@ -23,12 +28,15 @@ bool IsHangupIgnored();
 // Files and folders made from now on are for their owner only.
 void MakeFilesPrivate();
 
-// Lets the process open as many files and connections as the system allows it to.
-void RaiseOpenFileLimit();
+// Lets the process open as many files and connections as the system allows it to. Returns how many that are; the
+// largest number when there is no limit, or when the system does not say.
+std::uint64_t RaiseOpenFileLimit();
 
 std::string HostName();
 // An environment variable, or "" when there is none.
 std::string Environment(const char* name);
+// True when there is such a variable, also an empty one.
+bool HasEnvironment(const char* name);
 
 }  // namespace HostSystem
 

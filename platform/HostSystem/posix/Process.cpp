@@ -6,6 +6,8 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
+#include <limits>
 
 namespace HostSystem {
 namespace details {
@@ -18,6 +20,10 @@ sigset_t WatchedSignals() {
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGHUP);
   return set;
+}
+
+ESignal Meaning(int signal) {
+  return signal == SIGHUP ? ESignal::kReload : ESignal::kStop;
 }
 
 }  // namespace
@@ -36,9 +42,20 @@ ESignal WaitForSignal() {
   while (true) {
     int received = 0;
     if (::sigwait(&set, &received) == 0) {
-      return received == SIGHUP ? ESignal::kReload : ESignal::kStop;
+      return details::Meaning(received);
     }
   }
+}
+
+std::optional<ESignal> WaitForSignal(std::chrono::milliseconds patience) {
+  const sigset_t set = details::WatchedSignals();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
+  const std::chrono::nanoseconds rest = patience - seconds;
+  timespec limit = {};
+  limit.tv_sec = static_cast<std::time_t>(seconds.count());
+  limit.tv_nsec = static_cast<long>(rest.count());
+  const int received = ::sigtimedwait(&set, nullptr, &limit);
+  return received > 0 ? std::optional(details::Meaning(received)) : std::nullopt;
 }
 
 bool IsHangupIgnored() {
@@ -50,12 +67,17 @@ void MakeFilesPrivate() {
   ::umask(0077);
 }
 
-void RaiseOpenFileLimit() {
+std::uint64_t RaiseOpenFileLimit() {
   rlimit limit = {};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return std::numeric_limits<std::uint64_t>::max();
   }
+  rlimit raised = limit;
+  raised.rlim_cur = limit.rlim_max;
+  if (limit.rlim_cur < limit.rlim_max && ::setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+    limit = raised;
+  }
+  return limit.rlim_cur == RLIM_INFINITY ? std::numeric_limits<std::uint64_t>::max() : limit.rlim_cur;
 }
 
 std::string HostName() {
@@ -66,6 +88,10 @@ std::string HostName() {
 std::string Environment(const char* name) {
   const char* value = std::getenv(name);
   return value == nullptr ? "" : value;
+}
+
+bool HasEnvironment(const char* name) {
+  return std::getenv(name) != nullptr;
 }
 
 }  // namespace HostSystem

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <limits>
 
 namespace HostSystem {
 namespace details {
@@ -29,6 +30,11 @@ ESignal WaitForSignal() {
   return ESignal::kStop;
 }
 
+std::optional<ESignal> WaitForSignal(std::chrono::milliseconds patience) {
+  const DWORD result = ::WaitForSingleObject(details::g_stop_event, static_cast<DWORD>(patience.count()));
+  return result == WAIT_OBJECT_0 ? std::optional(ESignal::kStop) : std::nullopt;
+}
+
 bool IsHangupIgnored() {
   return false;
 }
@@ -36,7 +42,9 @@ bool IsHangupIgnored() {
 // Files inherit who may read them from the folder that they are made in.
 void MakeFilesPrivate() {}
 
-void RaiseOpenFileLimit() {}
+std::uint64_t RaiseOpenFileLimit() {
+  return std::numeric_limits<std::uint64_t>::max();
+}
 
 std::string HostName() {
   char name[256] = {};
@@ -48,6 +56,11 @@ std::string Environment(const char* name) {
   char value[32768];
   const DWORD size = ::GetEnvironmentVariableA(name, value, sizeof value);
   return size > 0 && size < sizeof value ? std::string(value, size) : "";
+}
+
+bool HasEnvironment(const char* name) {
+  ::SetLastError(ERROR_SUCCESS);
+  return ::GetEnvironmentVariableA(name, nullptr, 0) != 0 || ::GetLastError() != ERROR_ENVVAR_NOT_FOUND;
 }
 
 }  // namespace HostSystem

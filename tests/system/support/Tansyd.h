@@ -55,6 +55,8 @@ class CTansyd {
   bool Start(const Launch& launch = {});
   // Starts and waits for its end, for runs that are meant to fail or to be short.
   Ended RunToEnd(const Launch& launch);
+  // Starts and waits for nothing, for runs that are meant to be disturbed before they are ready.
+  void Begin(const Launch& launch) { Spawn(launch); }
 
   // Stop signal, then the end, which must be exit code 0 within `patience`.
   bool Stop(int signal = 15, std::chrono::seconds patience = kPatience);

@@ -1,0 +1,83 @@
+#ifndef TANSY_HOST_SIGNAL_THREAD_H
+#define TANSY_HOST_SIGNAL_THREAD_H
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <thread>
+
+#include "HostSystem/Process.h"
+
+namespace Tansy::Host {
+
+// A thread of its own that receives the process's signals from the beginning to the end.
+//
+// The first stop signal asks the rest of the program to end. From then on there is a limit: whatever a start waits for
+// (a database, a slow disk) and whatever a stop waits for (a request, housekeeping), the process ends when the limit is
+// over, or at once at a second stop signal. That is safe at any time, as a crash is: what was acknowledged is on the
+// disk. Reload signals are kept until Wait fetches them.
+//
+// Threads: any thread may call any member but Wait, which is for one thread.
+class CSignalThread {
+ public:
+  // Why the process is ended without waiting any longer.
+  enum class EEnd {
+    kStillStarting,  // a stop signal came before it served
+    kSecondSignal,   // somebody does not want to wait
+    kOverdue,        // a stop went on for longer than its limit
+  };
+
+  // The next signal, or nothing when none came in that time.
+  using Source = std::function<std::optional<HostSystem::ESignal>(std::chrono::milliseconds)>;
+  // Ends the process. Called on the signal thread, at most once.
+  using EndNow = std::function<void(EEnd why)>;
+
+  // How long a stop may take, counted from the first stop signal.
+  struct Limits {
+    std::chrono::milliseconds starting{2000};
+    std::chrono::milliseconds serving{8000};
+  };
+
+  CSignalThread(Source source, EndNow end_now, const Limits& limits);
+  // Ends the thread, within a tenth of a second.
+  ~CSignalThread();
+  CSignalThread(const CSignalThread&) = delete;
+  CSignalThread& operator=(const CSignalThread&) = delete;
+
+  // Says that the start is over: from now on the longer limit counts.
+  void SetServing();
+  // For loops that can take long.
+  std::stop_token StopToken() const { return stop_.get_token(); }
+  // Waits for what to do next. After a stop signal it says kStop each time.
+  HostSystem::ESignal Wait();
+
+ private:
+  void Run();
+  // False when the process has been told to end.
+  bool Handle(std::optional<HostSystem::ESignal> signal);
+  void BeginStop();
+  // Why the stop that has been asked for must end now; empty when it may go on.
+  std::optional<EEnd> ReasonToEnd(bool is_second_signal);
+
+  const Source source_;
+  const EndNow end_now_;
+  const Limits limits_;
+  std::stop_source stop_;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool serving_ = false;                             // guarded by mutex_, like what follows
+  bool reload_ = false;                              // not fetched yet
+  bool stop_wanted_ = false;                         // a stop signal has come
+  bool finished_ = false;                            // the thread is to end
+  std::chrono::steady_clock::time_point stop_time_;  // of the first stop signal
+
+  std::thread thread_;  // last: it uses all of the above
+};
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_SIGNAL_THREAD_H
