@@ -3,21 +3,24 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <exception>
 #include <list>
 #include <mutex>
-#include <system_error>
+#include <new>
+#include <string>
 #include <thread>
 #include <utility>
 
+#include "OSAL/Osal.h"
 #include "logging/Logging.h"
 
 namespace TansyBase {
 namespace {
 
 using TaskPointer = std::unique_ptr<CTask>;
-using TaskQueue = std::deque<TaskPointer>;
+// A list, because a new entry can be allocated before the lock is taken, and because an empty one allocates nothing:
+// stopping a loop must work without memory too.
+using TaskQueue = std::list<TaskPointer>;
 
 void RunTask(CTask& task) {
   try {
@@ -27,6 +30,18 @@ void RunTask(CTask& task) {
   } catch (...) {
     TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]task threw[%s(%d)]");
   }
+}
+
+// One element, allocated before it is spliced in. Empty when there is no memory for it.
+template <typename Value>
+std::list<Value> ListOfOne(Value value) noexcept {
+  std::list<Value> list;
+  try {
+    list.push_back(std::move(value));
+  } catch (const std::bad_alloc&) {
+    TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]out of memory[%s(%d)]");
+  }
+  return list;
 }
 
 void JoinAll(std::list<std::thread>& threads) {
@@ -58,9 +73,13 @@ struct CMessageLoopDyThreadPool::Impl {
   std::list<std::thread> threads;       // those that run
   std::list<std::thread> left_threads;  // those that left for want of work, to be joined
 
+  const std::string thread_name;
+
+  explicit Impl(const char* name) : thread_name(name) {}
+
   static thread_local const Impl* of_this_thread;
 
-  bool AddThread();
+  bool AddThread() noexcept;
   bool WantsMoreThreads() const;
   void RunThread(std::list<std::thread>::iterator self);
   bool Sleep(std::unique_lock<std::mutex>& lock);
@@ -75,21 +94,26 @@ bool CMessageLoopDyThreadPool::Impl::WantsMoreThreads() const {
   return queue.size() > sleepers && threads.size() < max_threads;
 }
 
-bool CMessageLoopDyThreadPool::Impl::AddThread() {
-  const auto self = threads.emplace(threads.end());
+// A thread that cannot be had now is tried again by the next task that waits.
+bool CMessageLoopDyThreadPool::Impl::AddThread() noexcept {
+  std::list<std::thread> fresh = ListOfOne(std::thread());
+  if (fresh.empty()) {
+    return false;
+  }
   try {
-    // The new thread's first step is to take the mutex, so it finds its own entry finished.
-    *self = std::thread(&Impl::RunThread, this, self);
-    return true;
-  } catch (const std::system_error& error) {
-    threads.erase(self);
+    // The new thread's first step is to take the mutex, so it finds its own entry finished and in its place.
+    fresh.front() = std::thread(&Impl::RunThread, this, fresh.begin());
+  } catch (const std::exception& error) {
     TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]no thread to be had: %s[%s(%d)]", error.what());
     return false;
   }
+  threads.splice(threads.end(), fresh);
+  return true;
 }
 
 void CMessageLoopDyThreadPool::Impl::RunThread(std::list<std::thread>::iterator self) {
   of_this_thread = this;
+  OSAL_SetThreadName(thread_name.c_str());
   std::unique_lock lock(mutex);
   for (;;) {
     if (!queue.empty()) {
@@ -138,7 +162,8 @@ std::list<std::thread> CMessageLoopDyThreadPool::Impl::TakeAllThreads() {
   return all;
 }
 
-CMessageLoopDyThreadPool::CMessageLoopDyThreadPool() : impl_(std::make_unique<Impl>()) {}
+CMessageLoopDyThreadPool::CMessageLoopDyThreadPool(const char* thread_name)
+    : impl_(std::make_unique<Impl>(thread_name)) {}
 
 CMessageLoopDyThreadPool::~CMessageLoopDyThreadPool() {
   Stop(false);
@@ -173,9 +198,13 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
   return true;
 }
 
-bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
-  TaskPointer owned(task);
+bool CMessageLoopDyThreadPool::PostTask(CTask* task) noexcept {
   if (task == nullptr) {
+    return false;
+  }
+  // A task that is not queued is deleted after the lock is released: its destructor may call this loop.
+  TaskQueue posted = ListOfOne(TaskPointer(task));
+  if (posted.empty()) {
     return false;
   }
   bool wake = false;
@@ -183,9 +212,9 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   {
     const std::lock_guard lock(impl_->mutex);
     if (impl_->state == Impl::State::kStopped) {
-      return false;  // `owned` outlives the lock: a task's destructor may call this loop
+      return false;
     }
-    impl_->queue.push_back(std::move(owned));
+    impl_->queue.splice(impl_->queue.end(), posted);
     impl_->work_count.fetch_add(1, std::memory_order_relaxed);
     if (impl_->state == Impl::State::kRunning) {
       wake = impl_->sleepers > impl_->signals;

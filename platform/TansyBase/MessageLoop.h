@@ -24,15 +24,18 @@ class CTask {
 // task.
 class CMessageLoopDyThreadPool : private CNoncopyable {
  public:
-  CMessageLoopDyThreadPool();
+  // The name that the loop's threads show in a debugger; at most 15 characters of it count.
+  explicit CMessageLoopDyThreadPool(const char* thread_name = "tansy-task");
   virtual ~CMessageLoopDyThreadPool();  // as Stop(false)
 
   // `min_threads` stay for good; more are added up to `max_threads` while tasks wait, and leave after `idle_seconds`
-  // without work. False when the numbers make no sense (min < 1, max < min, idle < 0) or the loop runs already.
+  // without work. False when the numbers make no sense (min < 1, max < min, idle < 0), the loop runs already, or not
+  // one thread is to be had. A loop that got fewer threads than it asked for runs, and asks again as tasks come.
   bool Start(int min_threads, int max_threads, int idle_seconds);
 
-  // Takes ownership, whatever the result. False when the loop was stopped (the task is deleted) or `task` is null.
-  bool PostTask(CTask* task);
+  // Takes ownership, whatever the result. False when the loop was stopped or memory has run out (the task is deleted
+  // without having been run), or when `task` is null.
+  bool PostTask(CTask* task) noexcept;
 
   // Tasks waiting plus tasks running.
   std::size_t GetWorkTaskCount() const;

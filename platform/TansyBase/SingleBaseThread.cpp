@@ -4,10 +4,11 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
-#include <system_error>
+#include <string>
 #include <thread>
 #include <utility>
 
+#include "OSAL/Osal.h"
 #include "logging/Logging.h"
 
 namespace TansyBase {
@@ -21,6 +22,10 @@ struct CSingleBaseThread::Impl {
   std::thread::id own_id;  // under mutex, like what follows
   bool stopping = true;    // the thread is to end, or there is none
   bool woken = false;      // the next call is due now
+
+  const std::string thread_name;
+
+  explicit Impl(const char* name) : thread_name(name) {}
 
   bool IsOwnThread() {
     const std::lock_guard lock(mutex);
@@ -44,13 +49,14 @@ struct CSingleBaseThread::Impl {
   }
 };
 
-CSingleBaseThread::CSingleBaseThread() : impl_(std::make_unique<Impl>()) {}
+CSingleBaseThread::CSingleBaseThread(const char* thread_name) : impl_(std::make_unique<Impl>(thread_name)) {}
 
 CSingleBaseThread::~CSingleBaseThread() {
   Stop();
 }
 
 void CSingleBaseThread::Run(std::uint32_t period_ms) {
+  OSAL_SetThreadName(impl_->thread_name.c_str());
   {
     const std::lock_guard lock(impl_->mutex);
     impl_->own_id = std::this_thread::get_id();
@@ -84,7 +90,7 @@ bool CSingleBaseThread::Start(std::uint32_t period_ms) {
   impl_->woken = false;
   try {
     impl_->thread = std::thread(&CSingleBaseThread::Run, this, period_ms);
-  } catch (const std::system_error& error) {
+  } catch (const std::exception& error) {
     TANSY_LOG(logging::kError, "platform.TansyBase", "[%s]no thread to be had: %s[%s(%d)]", error.what());
     return false;
   }

@@ -14,11 +14,12 @@ namespace TansyBase {
 // usual.
 class CSingleBaseThread : private CNoncopyable {
  public:
-  CSingleBaseThread();
+  // The name that the thread shows in a debugger; at most 15 characters of it count.
+  explicit CSingleBaseThread(const char* thread_name = "tansy-timer");
   virtual ~CSingleBaseThread();
 
-  // False when it runs already, the period is 0, or OnTimer itself calls. The period counts from the end of one call to
-  // the beginning of the next.
+  // False when it runs already, the period is 0, no thread is to be had, or OnTimer itself calls. The period counts
+  // from the end of one call to the beginning of the next.
   bool Start(std::uint32_t period_ms);
   // Wakes the thread, waits for a running OnTimer and ends. Stopping a stopped thread does nothing. Called by OnTimer
   // itself it makes that call the last one and returns at once.

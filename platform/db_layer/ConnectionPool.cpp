@@ -1,6 +1,7 @@
 #include "db_layer/ConnectionPool.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace db_layer {
@@ -73,52 +74,72 @@ std::unique_ptr<CConnect> CConnectionPool::TakeIdle() {
 
 // Opens without the lock: a database that is slow to answer must not hold up those who give connections back.
 CConnectionPool::Lease CConnectionPool::OpenOne(std::unique_lock<std::mutex>& lock, std::string& error) {
-  ++open_;
   const DBParam param = param_;
   const auto driver = driver_;
-  Lease lease;
-  lease.generation = generation_;
+  const std::uint64_t generation = generation_;
+  idle_.reserve(open_ + 1);
+  ++open_;
   lock.unlock();
-  lease.connection = driver->Open(param, error);
+  Lease lease = Open(param, *driver, generation, error);
   lock.lock();
   if (!lease.connection) {
-    error = details::CleanError(std::move(error), param.password);
     --open_;
     changed_.notify_all();
   }
   return lease;
 }
 
-void CConnectionPool::Return(Lease lease) {
+CConnectionPool::Lease CConnectionPool::Open(const DBParam& param, IDriver& driver, std::uint64_t generation,
+                                             std::string& error) noexcept {
+  Lease lease;
+  lease.generation = generation;
+  try {
+    lease.connection = driver.Open(param, error);
+    if (!lease.connection) {
+      error = details::CleanError(std::move(error), param.password);
+    }
+  } catch (const std::exception&) {
+    error = "out of memory";
+  }
+  return lease;
+}
+
+void CConnectionPool::Return(Lease lease) noexcept {
   const bool is_healthy = lease.connection->IsHealthy();
-  std::deque<Idle> unused;
   {
     const std::lock_guard lock(mutex_);
     if (is_healthy && !closed_ && lease.generation == generation_) {
       idle_.push_back({std::move(lease.connection), Clock::now()});
-      unused = TakeUnused();
       changed_.notify_all();
     }
   }
-  const std::size_t closing = unused.size() + (lease.connection ? 1 : 0);
-  // Closed before it is counted as gone: who waits for the last one finds the database closed.
-  lease.connection.reset();
-  unused.clear();
-  if (closing > 0) {
-    const std::lock_guard lock(mutex_);
-    open_ -= closing;
-    changed_.notify_all();
+  CloseOne(std::move(lease.connection));
+  while (auto unused = TakeUnused()) {
+    CloseOne(std::move(unused));
   }
 }
 
-std::deque<CConnectionPool::Idle> CConnectionPool::TakeUnused() {
-  std::deque<Idle> unused;
-  const auto limit = Clock::now() - kKeepUnused;
-  while (open_ > unused.size() + CountWanted() && !idle_.empty() && idle_.front().since < limit) {
-    unused.push_back(std::move(idle_.front()));
-    idle_.pop_front();
+// Null closes nothing. A connection is closed before it is counted as gone: who waits for the last one finds the
+// database closed.
+void CConnectionPool::CloseOne(std::unique_ptr<CConnect> connection) noexcept {
+  if (!connection) {
+    return;
   }
-  return unused;
+  connection.reset();
+  const std::lock_guard lock(mutex_);
+  --open_;
+  changed_.notify_all();
+}
+
+std::unique_ptr<CConnect> CConnectionPool::TakeUnused() noexcept {
+  const std::lock_guard lock(mutex_);
+  const auto limit = Clock::now() - kKeepUnused;
+  if (open_ <= CountWanted() || idle_.empty() || idle_.front().since >= limit) {
+    return nullptr;
+  }
+  auto connection = std::move(idle_.front().connection);
+  idle_.erase(idle_.begin());
+  return connection;
 }
 
 std::size_t CConnectionPool::CountWaiting() const {
@@ -127,10 +148,11 @@ std::size_t CConnectionPool::CountWaiting() const {
 }
 
 void CConnectionPool::Reset(const DBParam& param, std::shared_ptr<IDriver> driver) {
-  std::deque<Idle> old;
+  std::vector<Idle> old;
+  DBParam fresh = param;
   {
     const std::lock_guard lock(mutex_);
-    param_ = param;
+    std::swap(param_, fresh);
     driver_ = std::move(driver);
     ++generation_;
     old.swap(idle_);
@@ -139,8 +161,8 @@ void CConnectionPool::Reset(const DBParam& param, std::shared_ptr<IDriver> drive
   }
 }
 
-void CConnectionPool::Close(std::chrono::milliseconds wait) {
-  std::deque<Idle> idle;
+void CConnectionPool::Close(std::chrono::milliseconds wait) noexcept {
+  std::vector<Idle> idle;
   std::unique_lock lock(mutex_);
   closed_ = true;
   idle.swap(idle_);

@@ -10,8 +10,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
-#include "db_layer/DbLayer.h"
+#include "db_layer/Connect.h"
 
 namespace db_layer {
 
@@ -32,15 +33,15 @@ class CConnectionPool {
 
   // Opens connections until min_connections are there. False with the driver's words when one does not open.
   bool Fill(std::string& error);
-  // An empty lease with `error` filled in on failure.
+  // An empty lease with `error` filled in on failure. Throws std::bad_alloc, and has then taken nothing.
   Lease Take(std::chrono::milliseconds wait, std::string& error);
-  void Return(Lease lease);
+  void Return(Lease lease) noexcept;
   // Callers that Take holds at the moment.
   std::size_t CountWaiting() const;
   // Later connections are opened with these.
   void Reset(const DBParam& param, std::shared_ptr<IDriver> driver);
   // Nothing is handed out from here on. Waits for what is out, at most this long.
-  void Close(std::chrono::milliseconds wait);
+  void Close(std::chrono::milliseconds wait) noexcept;
 
  private:
   struct Idle {
@@ -50,7 +51,9 @@ class CConnectionPool {
 
   std::unique_ptr<CConnect> TakeIdle();
   Lease OpenOne(std::unique_lock<std::mutex>& lock, std::string& error);
-  std::deque<Idle> TakeUnused();
+  Lease Open(const DBParam& param, IDriver& driver, std::uint64_t generation, std::string& error) noexcept;
+  std::unique_ptr<CConnect> TakeUnused() noexcept;
+  void CloseOne(std::unique_ptr<CConnect> connection) noexcept;
   std::size_t CountWanted() const;
   std::size_t CountAllowed() const;
 
@@ -60,8 +63,9 @@ class CConnectionPool {
   std::shared_ptr<IDriver> driver_;
   std::uint64_t generation_ = 0;
   bool closed_ = false;
-  std::size_t open_ = 0;   // idle, out, and being opened
-  std::deque<Idle> idle_;  // the longest unused first
+  std::size_t open_ = 0;  // idle, out, and being opened
+  // The longest unused first. Has room for all that are open, so that giving one back needs no memory.
+  std::vector<Idle> idle_;
   std::uint64_t next_ticket_ = 0;
   std::deque<std::uint64_t> queue_;  // tickets of those who wait, in the order they came
 };

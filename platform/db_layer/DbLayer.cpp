@@ -1,7 +1,9 @@
 #include "db_layer/DbLayer.h"
 
+#include <exception>
 #include <map>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 #include <utility>
 
@@ -32,17 +34,37 @@ struct Module {
   std::string last_error;
 };
 
-struct Loan {
-  std::shared_ptr<CConnectionPool> pool;
-  CConnectionPool::Lease lease;
+// A connection that is out. It goes back to its pool wherever its loan ends, also on the way of an exception: a pool
+// whose connections got lost one by one would in the end have none.
+class CLoan {
+ public:
+  CLoan(std::shared_ptr<CConnectionPool> pool, CConnectionPool::Lease lease)
+      : pool_(std::move(pool)), lease_(std::move(lease)) {}
+  CLoan(CLoan&&) noexcept = default;
+  ~CLoan() {
+    if (lease_.connection) {
+      pool_->Return(std::move(lease_));
+    }
+  }
+  CLoan(const CLoan&) = delete;
+  CLoan& operator=(const CLoan&) = delete;
+  CLoan& operator=(CLoan&&) = delete;
+
+  CConnect* Connection() const { return lease_.connection.get(); }
+
+ private:
+  std::shared_ptr<CConnectionPool> pool_;
+  CConnectionPool::Lease lease_;
 };
+
+constexpr const char* kOutOfMemory = "out of memory";
 
 // Lives until the process ends: threads that end late may still give connections back.
 struct State {
   std::mutex mutex;
   std::map<int, std::shared_ptr<IDriver>> drivers;
   std::map<std::string, Module> modules;
-  std::unordered_map<CConnect*, Loan> loans;
+  std::unordered_map<CConnect*, CLoan> loans;
 };
 State& TheState() {
   static auto* state = new State;
@@ -61,10 +83,14 @@ std::shared_ptr<IDriver> DriverOf(int type) {
   return BuiltInDriver(type);
 }
 
-void SetLastError(const std::string& module, std::string text) {
+void SetLastError(const std::string& module, const std::string& text) noexcept {
   State& state = TheState();
   const std::lock_guard lock(state.mutex);
-  state.modules[module].last_error = std::move(text);
+  try {
+    state.modules[module].last_error = text;
+  } catch (const std::bad_alloc&) {
+    return;  // the reason of a failure is lost; the failure itself is reported by whoever calls
+  }
 }
 
 std::shared_ptr<CConnectionPool> PoolOf(const std::string& module) {
@@ -97,18 +123,21 @@ std::shared_ptr<IDriver> BuiltInDriver(int type) {
   return std::make_shared<details::CMissingDriver>("unknown type of database: " + std::to_string(type));
 }
 
-bool Module_Register(const DBParam& param, const std::string& module) {
-  auto pool = std::make_shared<CConnectionPool>(param, details::DriverOf(param.type));
+namespace details {
+namespace {
+
+bool Register(const DBParam& param, const std::string& module) {
+  auto pool = std::make_shared<CConnectionPool>(param, DriverOf(param.type));
   std::string error;
   if (!pool->Fill(error)) {
     pool->Close(std::chrono::milliseconds(0));
-    details::SetLastError(module, error);
+    SetLastError(module, error);
     return false;
   }
-  details::State& state = details::TheState();
+  State& state = TheState();
   {
     const std::lock_guard lock(state.mutex);
-    details::Module& entry = state.modules[module];
+    Module& entry = state.modules[module];
     entry.last_error.clear();
     entry.pool.swap(pool);
   }
@@ -118,65 +147,98 @@ bool Module_Register(const DBParam& param, const std::string& module) {
   return true;
 }
 
-std::string LastRegisterError(const std::string& module) {
-  details::State& state = details::TheState();
-  const std::lock_guard lock(state.mutex);
-  const auto found = state.modules.find(module);
-  return found == state.modules.end() ? std::string() : found->second.last_error;
-}
-
-CConnect* DBLayer_ApplyConn(const std::string& module) {
-  const auto pool = details::PoolOf(module);
+CConnect* Apply(const std::string& module) {
+  const auto pool = PoolOf(module);
   if (!pool) {
-    details::SetLastError(module, "the module is not registered");
+    SetLastError(module, "the module is not registered");
     return nullptr;
   }
   std::string error;
-  auto lease = pool->Take(CConnectionPool::kWait, error);
-  CConnect* connection = lease.connection.get();
-  details::State& state = details::TheState();
-  const std::lock_guard lock(state.mutex);
-  state.modules[module].last_error = error;
+  CLoan loan(pool, pool->Take(CConnectionPool::kWait, error));
+  SetLastError(module, error);
+  CConnect* connection = loan.Connection();
   if (connection != nullptr) {
-    state.loans.emplace(connection, details::Loan{pool, std::move(lease)});
+    State& state = TheState();
+    const std::lock_guard lock(state.mutex);
+    state.loans.emplace(connection, std::move(loan));
   }
   return connection;
 }
 
+bool ResetPool(CConnectionPool& pool, const DBParam& param, const std::string& module) noexcept {
+  try {
+    std::string error;
+    pool.Reset(param, DriverOf(param.type));
+    const bool filled = pool.Fill(error);
+    SetLastError(module, error);
+    return filled;
+  } catch (const std::exception&) {
+    SetLastError(module, kOutOfMemory);
+    return false;
+  }
+}
+
+std::map<std::string, std::shared_ptr<CConnectionPool>> AllPools() {
+  State& state = TheState();
+  std::map<std::string, std::shared_ptr<CConnectionPool>> pools;
+  const std::lock_guard lock(state.mutex);
+  for (const auto& [name, module] : state.modules) {
+    if (module.pool) {
+      pools.emplace(name, module.pool);
+    }
+  }
+  return pools;
+}
+
+}  // namespace
+}  // namespace details
+
+bool Module_Register(const DBParam& param, const std::string& module) {
+  try {
+    return details::Register(param, module);
+  } catch (const std::exception&) {
+    details::SetLastError(module, details::kOutOfMemory);
+    return false;
+  }
+}
+
+std::string LastRegisterError(const std::string& module) {
+  details::State& state = details::TheState();
+  const std::lock_guard lock(state.mutex);
+  const auto found = state.modules.find(module);
+  try {
+    return found == state.modules.end() ? std::string() : found->second.last_error;
+  } catch (const std::bad_alloc&) {
+    return details::kOutOfMemory;  // short enough for every string to hold it without memory of its own
+  }
+}
+
+CConnect* DBLayer_ApplyConn(const std::string& module) {
+  try {
+    return details::Apply(module);
+  } catch (const std::exception&) {
+    details::SetLastError(module, details::kOutOfMemory);
+    return nullptr;
+  }
+}
+
 void DBLayer_FreeConn(CConnect* connection) {
   details::State& state = details::TheState();
-  details::Loan loan;
-  {
-    const std::lock_guard lock(state.mutex);
-    auto found = state.loans.extract(connection);
-    if (found.empty()) {
-      return;
-    }
-    loan = std::move(found.mapped());
-  }
-  loan.pool->Return(std::move(loan.lease));
+  decltype(state.loans)::node_type loan;  // ends after the lock
+  const std::lock_guard lock(state.mutex);
+  loan = state.loans.extract(connection);
 }
 
 bool DBLayer_ResetParam(const DBParam& param) {
-  details::State& state = details::TheState();
-  std::map<std::string, std::shared_ptr<CConnectionPool>> pools;
-  {
-    const std::lock_guard lock(state.mutex);
-    for (const auto& [name, module] : state.modules) {
-      if (module.pool) {
-        pools.emplace(name, module.pool);
-      }
+  try {
+    bool accepted = true;
+    for (const auto& [name, pool] : details::AllPools()) {
+      accepted = details::ResetPool(*pool, param, name) && accepted;
     }
+    return accepted;
+  } catch (const std::exception&) {
+    return false;
   }
-  bool accepted = true;
-  for (const auto& [name, pool] : pools) {
-    std::string error;
-    pool->Reset(param, details::DriverOf(param.type));
-    const bool filled = pool->Fill(error);
-    details::SetLastError(name, error);
-    accepted = accepted && filled;
-  }
-  return accepted;
 }
 
 void Module_Unregister(const std::string& module) {

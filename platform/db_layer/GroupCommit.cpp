@@ -1,11 +1,17 @@
 #include "db_layer/GroupCommit.h"
 
-#include <sqlite3.h>
-
-#include <new>
+#include <exception>
 #include <utility>
 
 namespace db_layer {
+
+void SqlWrite::FailForMemory() noexcept {
+  succeeded = false;
+  SetOutOfMemory(error);
+  if (rows != nullptr) {
+    rows->Clear();
+  }
+}
 
 CGroupCommit::CGroupCommit(Executor executor) : executor_(std::move(executor)) {}
 
@@ -41,8 +47,8 @@ void CGroupCommit::Run(SqlWrite& write) {
   waiting_.front()->wake.notify_one();
 }
 
-// Memory that runs out half-way must not leave the others waiting for ever for a leader that is gone.
-void CGroupCommit::Execute(const std::vector<Waiter*>& group) {
+// An exception that left here would leave the others waiting for ever for a leader that is gone.
+void CGroupCommit::Execute(const std::vector<Waiter*>& group) noexcept {
   try {
     std::vector<SqlWrite*> batch;
     batch.reserve(group.size());
@@ -50,11 +56,9 @@ void CGroupCommit::Execute(const std::vector<Waiter*>& group) {
       batch.push_back(waiter->write);
     }
     executor_(batch);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     for (const Waiter* waiter : group) {
-      waiter->write->succeeded = false;
-      waiter->write->error.code = SQLITE_NOMEM;
-      waiter->write->error.text = "out of memory";
+      waiter->write->FailForMemory();
     }
   }
 }

@@ -20,18 +20,20 @@ struct SqlWrite {
   CRowBuffer* rows = nullptr;  // of the last statement, or null
   bool succeeded = false;
   SqlError error;
+
+  void FailForMemory() noexcept;
 };
 
 class CGroupCommit {
  public:
   // Carries out a batch and fills in `succeeded` and `error` of each; called by one thread at a time, without a lock.
-  // Throws nothing but std::bad_alloc, with which the whole batch has failed.
+  // An exception means that the whole batch has failed and nothing of it was committed.
   using Executor = std::function<void(const std::vector<SqlWrite*>& batch)>;
 
   explicit CGroupCommit(Executor executor);
 
-  // Returns when the write was carried out. A caller alone starts at once; callers that come while a batch is under way
-  // make up the next one.
+  // Returns when the write was carried out, or throws std::bad_alloc before it was put in line. A caller alone starts
+  // at once; callers that come while a batch is under way make up the next one.
   void Run(SqlWrite& write);
   // Callers that the next batch will serve.
   std::size_t CountWaiting() const;
@@ -44,7 +46,7 @@ class CGroupCommit {
     std::condition_variable wake;
   };
 
-  void Execute(const std::vector<Waiter*>& group);
+  void Execute(const std::vector<Waiter*>& group) noexcept;
 
   const Executor executor_;
   mutable std::mutex mutex_;

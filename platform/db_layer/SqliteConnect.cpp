@@ -1,5 +1,7 @@
 #include "db_layer/SqliteConnect.h"
 
+#include <exception>
+#include <new>
 #include <utility>
 
 namespace db_layer {
@@ -19,22 +21,31 @@ bool CSqliteConnect::Open(SqlError& error) {
   return true;
 }
 
+template <typename Action>
+bool CSqliteConnect::WithoutExceptions(Action action) noexcept {
+  rows_.Clear();
+  try {
+    return action();
+  } catch (const std::exception&) {
+    rows_.Clear();
+    SetOutOfMemory(error_);
+    return false;
+  }
+}
+
 bool CSqliteConnect::Execute(const std::string& sql) {
-  return ExecuteAll({sql});
+  return WithoutExceptions([&] { return database_->Write({sql}, nullptr, error_); });
 }
 
 bool CSqliteConnect::ExecuteAll(const std::vector<std::string>& statements) {
-  rows_.Clear();
-  return database_->Write(statements, nullptr, error_);
+  return WithoutExceptions([&] { return database_->Write(statements, nullptr, error_); });
 }
 
 bool CSqliteConnect::Query(const std::string& sql) {
-  rows_.Clear();
-  if (!EnsureReader()) {
-    return false;
-  }
-  bool writes = false;
-  return Read(sql, writes) || (writes && database_->Write({sql}, &rows_, error_));
+  return WithoutExceptions([&] {
+    bool writes = false;
+    return EnsureReader() && (Read(sql, writes) || (writes && database_->Write({sql}, &rows_, error_)));
+  });
 }
 
 // A connection that met a failure gets a new reader, so that it works again once the cause is gone.
@@ -50,7 +61,11 @@ bool CSqliteConnect::Read(const std::string& sql, bool& writes) {
 }
 
 int CSqliteConnect::GetLastError(std::string& text) {
-  text = error_.text;
+  try {
+    text = error_.text;
+  } catch (const std::bad_alloc&) {
+    text.clear();
+  }
   return error_.code;
 }
 

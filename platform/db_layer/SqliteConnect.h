@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "db_layer/DbLayer.h"
+#include "db_layer/Connect.h"
 #include "db_layer/RowBuffer.h"
 #include "db_layer/SqliteDatabase.h"
 #include "db_layer/SqliteHandle.h"
@@ -33,6 +33,9 @@ class CSqliteConnect final : public CConnect {
   bool ExecuteAll(const std::vector<std::string>& statements) override;
 
  private:
+  // Clears the rows and runs `action`; an exception is the error "out of memory".
+  template <typename Action>
+  bool WithoutExceptions(Action action) noexcept;
   bool EnsureReader();
   bool Read(const std::string& sql, bool& writes);
 

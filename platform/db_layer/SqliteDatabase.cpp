@@ -97,7 +97,7 @@ bool CSqliteDatabase::Write(const std::vector<std::string>& statements, CRowBuff
   write.rows = rows;
   group_commit_.Run(write);
   if (!write.succeeded) {
-    error = write.error;
+    error = std::move(write.error);
   }
   return write.succeeded;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -57,13 +58,13 @@ void NextValueFunction(sqlite3_context* context, int, sqlite3_value** arguments)
     }
     sqlite3_result_error(context, error.text.c_str(), static_cast<int>(error.text.size()));
     sqlite3_result_error_code(context, error.code);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     // SQLite is not made for exceptions that pass through it.
     sqlite3_result_error_nomem(context);
   }
 }
 
-// Up as long as it lives.
+// Raises a flag while it lives.
 class CRaisedFlag {
  public:
   explicit CRaisedFlag(bool& flag) : flag_(flag), before_(std::exchange(flag, true)) {}
@@ -130,6 +131,11 @@ bool AddRow(sqlite3_stmt* statement, CRowBuffer& rows) {
 
 }  // namespace
 }  // namespace details
+
+void SetOutOfMemory(SqlError& error) noexcept {
+  error.code = SQLITE_NOMEM;
+  error.text = "out of memory";  // short enough for every string to hold it without memory of its own
+}
 
 CSqliteHandle::~CSqliteHandle() {
   Close();
@@ -247,7 +253,8 @@ bool CSqliteHandle::RunIfReading(const std::string& sql, CRowBuffer& rows, bool&
     }
     return loan && RunBorrowed(loan, &rows, error);
   } catch (const std::bad_alloc&) {
-    return details::SetError(error, SQLITE_NOMEM, "out of memory");
+    SetOutOfMemory(error);
+    return false;
   }
 }
 
@@ -350,7 +357,7 @@ bool CSqliteHandle::Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& er
     }
     Fail(error);
   } catch (const std::bad_alloc&) {
-    details::SetError(error, SQLITE_NOMEM, "out of memory");
+    SetOutOfMemory(error);
   }
   if (rows != nullptr) {
     rows->Clear();
@@ -360,7 +367,8 @@ bool CSqliteHandle::Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& er
 
 bool CSqliteHandle::Fail(SqlError& error) {
   if (db_ == nullptr) {
-    return details::SetError(error, SQLITE_NOMEM, "out of memory");
+    SetOutOfMemory(error);
+    return false;
   }
   return details::SetError(error, sqlite3_extended_errcode(db_), refusal_ == nullptr ? sqlite3_errmsg(db_) : refusal_);
 }

@@ -19,6 +19,9 @@ struct SqlError {
   std::string text;
 };
 
+// Allocates nothing.
+void SetOutOfMemory(SqlError& error) noexcept;
+
 struct SqliteOptions {
   bool full_durability = true;
   int busy_timeout_ms = 5000;

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <charconv>
+#include <exception>
 #include <limits>
 #include <utility>
 
@@ -39,11 +40,12 @@ bool CSqliteSequences::Reserve(Sequence& entry, const std::string& name, std::un
   entry.is_reserving = true;
   const std::uint64_t epoch = epoch_;
   lock.unlock();
-  CRowBuffer rows;
   std::int64_t first = 0;
-  const bool succeeded = commit_(ReserveStatement(name), rows, error) && ReadBlock(rows, name, first, error);
+  const bool succeeded = CommitBlock(name, first, error);
   lock.lock();
+  // First of all: whatever fails below, those who wait must find an answer.
   entry.is_reserving = false;
+  reserved_.notify_all();
   if (!succeeded) {
     ++entry.failures;
     entry.last_failure = error;
@@ -51,8 +53,17 @@ bool CSqliteSequences::Reserve(Sequence& entry, const std::string& name, std::un
     entry.next = first;
     entry.end = first + kBlock;
   }
-  reserved_.notify_all();
   return succeeded;
+}
+
+bool CSqliteSequences::CommitBlock(const std::string& name, std::int64_t& first, SqlError& error) noexcept {
+  try {
+    CRowBuffer rows;
+    return commit_(ReserveStatement(name), rows, error) && ReadBlock(rows, name, first, error);
+  } catch (const std::exception&) {
+    SetOutOfMemory(error);
+    return false;
+  }
 }
 
 bool CSqliteSequences::TakeReserved(const std::string& sequence, std::int64_t& value) {

@@ -44,6 +44,7 @@ class CSqliteSequences : public ISequenceSource {
     SqlError last_failure;
   };
 
+  bool CommitBlock(const std::string& name, std::int64_t& first, SqlError& error) noexcept;
   bool Reserve(Sequence& sequence, const std::string& name, std::unique_lock<std::mutex>& lock, SqlError& error);
 
   const Commit commit_;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <exception>
 #include <string_view>
 #include <utility>
 
@@ -88,15 +89,40 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   for (SqlWrite* write : batch) {
     (details::MustRunAlone(*write) ? alone : together).push_back(write);
   }
-  // A full disk or a failing one can take the whole transaction with it. What it took runs again without the write that
-  // brought it down, so each round is shorter than the one before.
-  while (!together.empty() && !RunTransaction(together)) {
-  }
+  // From here on nothing may be thrown: what has been committed must not be reported as failed.
+  RunTogether(together);
   for (SqlWrite* write : alone) {
     RunAlone(*write);
   }
   is_in_doubt_ = std::any_of(batch.begin(), batch.end(),
                              [](const SqlWrite* write) { return !write->succeeded && IsBroken(write->error); });
+}
+
+void CSqliteWriter::RunTogether(std::vector<SqlWrite*>& writes) noexcept {
+  try {
+    // A full disk or a failing one can take the whole transaction with it. What it took runs again without the write
+    // that brought it down, so each round is shorter than the one before.
+    while (!writes.empty() && !RunTransaction(writes)) {
+    }
+  } catch (const std::exception&) {
+    // Never after a commit: nothing allocates between the commit and the end of RunTransaction.
+    for (SqlWrite* write : writes) {
+      write->FailForMemory();
+    }
+    RollBack();
+  }
+}
+
+// Without memory it may fail too; the next transaction then begins with it.
+void CSqliteWriter::RollBack() noexcept {
+  try {
+    SqlError ignored;
+    if (handle_->IsInTransaction()) {
+      handle_->RunOwn("ROLLBACK", ignored);
+    }
+  } catch (const std::exception&) {
+    return;
+  }
 }
 
 bool CSqliteWriter::EnsureOpen(SqlError& error) {
@@ -134,10 +160,8 @@ bool CSqliteWriter::Reopen(SqlError& error) {
 // False when the transaction was lost on the way; `writes` is then what has to run again.
 bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
   SqlError error;
-  if (handle_->IsInTransaction()) {
-    // Left behind when memory ran out in the middle of a batch; that batch has failed.
-    handle_->RunOwn("ROLLBACK", error);
-  }
+  // There is one when memory ran out in the middle of a batch and again at its end; that batch has failed.
+  RollBack();
   if (!handle_->RunOwn("BEGIN IMMEDIATE", error)) {
     details::FailAll(writes, error);
     return true;
@@ -153,11 +177,8 @@ bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
   if (handle_->RunOwn("COMMIT", error)) {
     return true;
   }
+  RollBack();
   details::FailAll(writes, error);
-  SqlError ignored;
-  if (handle_->IsInTransaction()) {
-    handle_->RunOwn("ROLLBACK", ignored);
-  }
   return true;
 }
 
@@ -182,18 +203,28 @@ bool CSqliteWriter::RunInSavepoint(SqlWrite& write) {
   return false;
 }
 
-bool CSqliteWriter::RunStatements(SqlWrite& write) {
-  for (const std::string& sql : *write.statements) {
-    const details::CTransactionUse use(sequences_, handle_.get());
-    if (!handle_->Run(sql, write.rows, write.error)) {
-      return false;
+bool CSqliteWriter::RunStatements(SqlWrite& write) noexcept {
+  try {
+    for (const std::string& sql : *write.statements) {
+      const details::CTransactionUse use(sequences_, handle_.get());
+      if (!handle_->Run(sql, write.rows, write.error)) {
+        return false;
+      }
     }
+    return true;
+  } catch (const std::exception&) {
+    // One write's lack of memory is not the others' failure.
+    write.FailForMemory();
+    return false;
   }
-  return true;
 }
 
-void CSqliteWriter::RunAlone(SqlWrite& write) {
-  write.succeeded = handle_->Run(write.statements->front(), write.rows, write.error);
+void CSqliteWriter::RunAlone(SqlWrite& write) noexcept {
+  try {
+    write.succeeded = handle_->Run(write.statements->front(), write.rows, write.error);
+  } catch (const std::exception&) {
+    write.FailForMemory();
+  }
 }
 
 }  // namespace db_layer

@@ -30,16 +30,18 @@ class CSqliteWriter {
   // does not recover from a failure.
   bool EnsureOpen(SqlError& error);
   // Commits the batch in one transaction, a savepoint for each write: a refused write fails alone. When the commit
-  // fails, all fail and nothing is applied. The same goes for std::bad_alloc, the only thing that is thrown.
+  // fails, all fail and nothing is applied. An exception (std::bad_alloc) leaves nothing applied either.
   void RunBatch(const std::vector<SqlWrite*>& batch);
   // Changes when the file is opened again: other connections should be too. Any thread.
   int Generation() const { return generation_; }
 
  private:
+  void RunTogether(std::vector<SqlWrite*>& writes) noexcept;
   bool RunTransaction(std::vector<SqlWrite*>& writes);
   bool RunInSavepoint(SqlWrite& write);
-  bool RunStatements(SqlWrite& write);
-  void RunAlone(SqlWrite& write);
+  bool RunStatements(SqlWrite& write) noexcept;
+  void RunAlone(SqlWrite& write) noexcept;
+  void RollBack() noexcept;
   bool Recovers();
   bool Reopen(SqlError& error);
 

@@ -1,5 +1,7 @@
 #include "fakes/FailingAllocation.h"
 
+#include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -7,10 +9,12 @@ namespace {
 
 // Allocations left until the one that fails; 0 or less: none does.
 thread_local long of_this_thread = 0;
+thread_local int count_of_this_thread = 0;
 thread_local bool is_unharmed = false;
 std::atomic<long> of_all_threads{0};
 
 bool MustFail() {
+  ++count_of_this_thread;
   const bool mine = of_this_thread > 0 && --of_this_thread == 0;
   const bool anyones =
       !is_unharmed && of_all_threads.load(std::memory_order_relaxed) > 0 && of_all_threads.fetch_sub(1) == 1;
@@ -105,6 +109,12 @@ CFailingAllocationAnywhere::~CFailingAllocationAnywhere() {
 
 bool CFailingAllocationAnywhere::HasFailed() const {
   return of_all_threads.load() <= 0;
+}
+
+CAllocationCounter::CAllocationCounter() : before_(count_of_this_thread) {}
+
+int CAllocationCounter::Count() const {
+  return count_of_this_thread - before_;
 }
 
 CUnharmedThread::CUnharmedThread() {

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <mutex>
+#include <new>
 #include <set>
 #include <utility>
 
@@ -100,7 +101,7 @@ class COpenFiles {
 };
 
 // Claims the open file for this opening alone.
-FileError Claim(int descriptor) {
+FileError Claim(int descriptor) noexcept try {
   struct stat status {};
   if (fstat(descriptor, &status) != 0) {
     return FromErrno(errno);
@@ -116,6 +117,8 @@ FileError Claim(int descriptor) {
     return kSharingViolation;
   }
   return kNone;
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
 }
 
 }  // namespace

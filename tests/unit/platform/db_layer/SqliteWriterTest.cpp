@@ -28,7 +28,7 @@ class CExhaustedSequences : public IWriterSequences {
 
 using SqliteWriterTest = CSqliteFixture;
 
-TEST_F(SqliteWriterTest, ABatchThatMemoryEndsIsUndoneByTheNext) {
+TEST_F(SqliteWriterTest, AWriteThatRunsOutOfMemoryFailsAlone) {
   MakeSchema();
   CExhaustedSequences sequences;
   CSqliteWriter writer(path_, SqliteOptions{}, sequences);
@@ -41,11 +41,12 @@ TEST_F(SqliteWriterTest, ABatchThatMemoryEndsIsUndoneByTheNext) {
     writes[i].statements = &statements[i];
   }
   sequences.until_exhausted_ = 2;
-  EXPECT_THROW(writer.RunBatch({&writes[0], &writes[1]}), std::bad_alloc);
-  EXPECT_EQ(Count(*connection_, "platform.item"), 0);
-  writer.RunBatch({&writes[2]});
+  writer.RunBatch({&writes[0], &writes[1], &writes[2]});
+  EXPECT_TRUE(writes[0].succeeded) << writes[0].error.text;
+  EXPECT_FALSE(writes[1].succeeded);
+  EXPECT_EQ(writes[1].error.text, "out of memory");
   EXPECT_TRUE(writes[2].succeeded) << writes[2].error.text;
-  EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item", "id"), "3");
+  EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item", "id"), "1,3");
 }
 
 }  // namespace

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "AllocationCounter.h"
 #include "fakes/CapturingLogSink.h"
+#include "fakes/FailingAllocation.h"
 
 namespace Tansy::Tests {
 
