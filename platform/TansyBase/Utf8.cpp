@@ -55,4 +55,19 @@ char32_t TakeUtf8(std::string_view& text) {
   return point;
 }
 
+std::wstring Utf8ToWide(std::string_view utf8) {
+  std::wstring wide;
+  wide.reserve(utf8.size());
+  while (!utf8.empty()) {
+    const char32_t point = TakeUtf8(utf8);
+    if (sizeof(wchar_t) == 2 && point > 0xFFFF) {
+      wide += static_cast<wchar_t>(0xD800 + ((point - 0x10000) >> 10));
+      wide += static_cast<wchar_t>(0xDC00 + ((point - 0x10000) & 0x3FF));
+    } else {
+      wide += static_cast<wchar_t>(point);
+    }
+  }
+  return wide;
+}
+
 }  // namespace TansyBase

@@ -2,6 +2,7 @@
 #ifndef TANSY_BASE_UTF8_H
 #define TANSY_BASE_UTF8_H
 
+#include <string>
 #include <string_view>
 
 namespace TansyBase {
@@ -12,6 +13,9 @@ inline constexpr char32_t kReplacementCharacter = 0xFFFD;
 // and surrogates too) are removed as far as they could have been the beginning of a character, at least one, and count
 // as one U+FFFD.
 char32_t TakeUtf8(std::string_view& text);
+
+// As StringUtil::UTF8ToWide.
+std::wstring Utf8ToWide(std::string_view utf8);
 
 }  // namespace TansyBase
 

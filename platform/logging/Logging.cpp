@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "logging/RepeatFilter.h"
@@ -29,15 +30,19 @@ class CStandardErrorSink : public ISink {
   void Flush() override { static_cast<void>(std::fflush(stderr)); }
 };
 
-// What the process's log consists of. Never destroyed: threads may log while the process ends.
+// What the process's log consists of.
 struct Log {
+  CStandardErrorSink standard_error;
   std::mutex mutex;
-  std::shared_ptr<ISink> sink = std::make_shared<CStandardErrorSink>();  // under mutex
+  std::shared_ptr<ISink> sink{std::shared_ptr<ISink>(), &standard_error};  // under mutex; this one owns nothing
   CRepeatFilter repeats;
 };
 
+// Never destroyed, because threads may log while the process ends, and never allocated, because what is logged may be
+// that memory has run out.
 Log& TheLog() {
-  static Log* const log = new Log;
+  alignas(Log) static unsigned char memory[sizeof(Log)];
+  static Log* const log = new (memory) Log;
   return *log;
 }
 

@@ -10,12 +10,11 @@
 #define TANSY_LOGGING_LOGGING_H
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string_view>
 
 #include "logging/QualifiedName.h"
+#include "logging/Record.h"
 
 namespace logging {
 
@@ -24,20 +23,6 @@ enum Level : int {
   kNotable = 3,   // normal events worth keeping
   kDatabase = 4,  // a statement, a connection or a sequence failed
   kError = 5,     // a check, a start, a stop or a send failed
-};
-
-// A rendered line longer than this is cut, at a character's border, and ends with kCutMark.
-inline constexpr std::size_t kMaxTextBytes = 8192;
-inline constexpr std::string_view kCutMark = "...";
-
-// One finished line as a sink receives it. The views live only as long as the call.
-struct Record {
-  int level = 0;
-  std::string_view module;    // tag of the library that speaks, such as "platform.LocalStorage"
-  std::string_view format;    // the literal format, for tests and for grouping
-  std::string_view text;      // the rendered line, without a line end
-  std::uint32_t repeats = 0;  // how many equal lines of this call site were held back before this one
-  bool cut = false;           // the line was longer than kMaxTextBytes
 };
 
 // Where lines go. `Write` may be called by several threads at once and must not log.
@@ -63,13 +48,6 @@ void SetRepeatWindow(std::uint32_t milliseconds);
 
 // Writes the sums that are due or not, and waits until everything written so far has left the process.
 void Flush();
-
-// Per call site, made by TANSY_LOG: what the repeat window needs to remember.
-struct CallSite {
-  std::atomic<std::uint64_t> last_hash{0};
-  std::atomic<std::int64_t> window_end_ms{0};
-  std::atomic<std::uint32_t> held_back{0};
-};
 
 // `function` is the qualified name; it and the file and line are also the first and last arguments of the format.
 void Write(CallSite& site, int level, const char* module, const char* format, ...)

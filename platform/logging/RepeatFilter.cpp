@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <new>
 #include <utility>
 
 namespace logging::details {
@@ -38,7 +39,7 @@ bool CRepeatFilter::Admit(CallSite& site, Record& record, std::int64_t now_ms, H
   return true;
 }
 
-void CRepeatFilter::Hold(CallSite& site, const Record& record) {
+void CRepeatFilter::Hold(CallSite& site, const Record& record) try {
   HeldLine line;
   line.site = &site;
   line.level = record.level;
@@ -49,6 +50,9 @@ void CRepeatFilter::Hold(CallSite& site, const Record& record) {
   line.due_ms = site.window_end_ms.load(std::memory_order_relaxed);
   held_.push_back(std::move(line));
   SetNextDue();
+} catch (const std::bad_alloc&) {
+  // Nothing would ever sum these lines up; the next equal one begins a new count.
+  site.held_back.store(0, std::memory_order_release);
 }
 
 HeldLine CRepeatFilter::TakeOf(CallSite& site) {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "logging/Logging.h"
+#include "logging/Record.h"
 
 namespace logging::details {
 
@@ -25,9 +25,9 @@ struct HeldLine {
   std::uint32_t repeats = 0;
 };
 
-// The flood that the window is for, one line over and over, costs two atomic reads and one addition a line and touches
-// no lock; the lock is taken when a call site's line changes or its window ends. Counts are exact as long as a call
-// site's lines are equal; when they change at the very moment, a held-back line may be counted with its successor.
+// The flood that the window is for, one line over and over, costs two atomic reads and one addition per line and
+// touches no lock; the lock is taken when a call site's line changes or its window ends. Counts are exact as long as a
+// call site's lines are equal; when they change at the very moment, a held-back line may be counted with its successor.
 //
 // Threads: any. Nothing is written while the lock is held.
 class CRepeatFilter {
@@ -52,7 +52,7 @@ class CRepeatFilter {
   std::atomic<std::uint32_t> window_ms_{0};
   std::atomic<std::int64_t> next_due_ms_{INT64_MAX};
   std::mutex mutex_;
-  std::vector<HeldLine> held_;  // under mutex_; at most one entry a call site
+  std::vector<HeldLine> held_;  // under mutex_; at most one entry per call site
 };
 
 }  // namespace logging::details

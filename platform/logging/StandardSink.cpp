@@ -12,13 +12,13 @@
 #include <condition_variable>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "OSAL/Osal.h"
+#include "logging/LogFile.h"
 #include "logging/Text.h"
 
 namespace logging {
@@ -61,14 +61,13 @@ class COutput {
     if (path_.empty()) {
       return true;
     }
-    std::ofstream fresh;
-    fresh.rdbuf()->pubsetbuf(nullptr, 0);  // a line is one write, so that a crash loses no finished line
     errno = 0;
-    fresh.open(std::filesystem::path(std::u8string(path_.begin(), path_.end())), std::ios::app | std::ios::binary);
+    FilePointer fresh(details::OpenForAppending(path_));
     if (!fresh) {
       error = "cannot open the log file " + path_ + ": " + std::generic_category().message(errno);
       return false;
     }
+    std::setvbuf(fresh.get(), nullptr, _IONBF, 0);  // a line is one write, so that a crash loses no finished line
     file_ = std::move(fresh);
     torn_ = false;
     return true;
@@ -80,16 +79,21 @@ class COutput {
       return std::fwrite(line.data(), 1, line.size(), stderr) == line.size() && std::fflush(stderr) == 0;
     }
     if (torn_) {
-      file_.put('\n');
+      std::fputc('\n', file_.get());
     }
-    torn_ = !file_.write(line.data(), static_cast<std::streamsize>(line.size()));
-    file_.clear();
+    torn_ = std::fwrite(line.data(), 1, line.size(), file_.get()) != line.size();
+    std::clearerr(file_.get());
     return !torn_;
   }
 
  private:
+  struct CloseFile {
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+  };
+  using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
+
   const std::string path_;
-  std::ofstream file_;
+  FilePointer file_;
   bool torn_ = false;
 };
 
@@ -131,9 +135,13 @@ class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
-    TellLosses(message.time);
-    const std::string_view payload(message.payload.data(), message.payload.size());
-    WriteLine(message.time, Masked(payload));
+    try {
+      TellLosses(message.time);
+      const std::string_view payload(message.payload.data(), message.payload.size());
+      WriteLine(message.time, Masked(payload));
+    } catch (const std::exception&) {
+      ++unwritten_;  // out of memory: this line is lost, and told as lost by the next one
+    }
     ++taken_;
     line_taken_.notify_all();
   }
@@ -200,7 +208,8 @@ std::shared_ptr<CStandardSink> CStandardSink::Create(const StandardSinkOptions& 
     if (!impl->lines->Open(error)) {
       return nullptr;
     }
-    impl->queue = std::make_shared<spdlog::details::thread_pool>(options.queue_lines, 1);
+    impl->queue =
+        std::make_shared<spdlog::details::thread_pool>(options.queue_lines, 1, [] { OSAL_SetThreadName("tansy-log"); });
     impl->lines->Watch(impl->queue.get());
     impl->logger = std::make_shared<spdlog::async_logger>("tansy", impl->lines, impl->queue,
                                                           spdlog::async_overflow_policy::overrun_oldest);
@@ -223,8 +232,12 @@ void CStandardSink::Write(const Record& record) {
     Append(payload, "(repeated " + std::to_string(record.repeats) + " times) ");
   }
   Append(payload, record.text);
+  const spdlog::string_view_t text(payload.data(), payload.size());
+  const spdlog::details::log_msg message(spdlog::source_loc{}, impl_->logger->name(), SpdlogLevel(record.level), text);
+  // Counted once it is in the queue: Flush must not wait for a line that memory had no room for.
+  impl_->queue->post_log(std::shared_ptr<spdlog::async_logger>(impl_->logger), message,
+                         spdlog::async_overflow_policy::overrun_oldest);
   ++impl_->posted;
-  impl_->logger->log(SpdlogLevel(record.level), spdlog::string_view_t(payload.data(), payload.size()));
 }
 
 void CStandardSink::Flush() {

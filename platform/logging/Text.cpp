@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "logging/Logging.h"
+#include "logging/Record.h"
 
 namespace logging::details {
 namespace {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <system_error>
 
 #include "OpenBeneath.h"
@@ -85,6 +86,24 @@ class CFile final : public IFile {
   int descriptor_;
 };
 
+// The object that closes the descriptor from here on; without memory for it the descriptor is closed at once.
+template <typename Owner>
+std::unique_ptr<Owner> Own(int descriptor) {
+  try {
+    return std::make_unique<Owner>(descriptor);
+  } catch (const std::bad_alloc&) {
+    ::close(descriptor);
+    throw;
+  }
+}
+
+struct CloseStream {
+  void operator()(DIR* stream) const { ::closedir(stream); }
+};
+struct FreeText {
+  void operator()(char* text) const { std::free(text); }
+};
+
 FolderEntry MakeEntry(int folder, const char* name) {
   FolderEntry entry;
   entry.name = name;
@@ -117,7 +136,7 @@ class CFolder final : public IFolder {
     int descriptor = -1;
     const int error = OpenBeneath(descriptor_, name, O_RDONLY | O_DIRECTORY, 0, descriptor);
     if (error == 0) {
-      folder = std::make_unique<CFolder>(descriptor);
+      folder = Own<CFolder>(descriptor);
     }
     return error;
   }
@@ -145,22 +164,20 @@ class CFolder final : public IFolder {
     if (copy < 0) {
       return errno;
     }
-    DIR* stream = ::fdopendir(copy);
+    const std::unique_ptr<DIR, CloseStream> stream(::fdopendir(copy));
     if (stream == nullptr) {
       const int error = errno;
       ::close(copy);
       return error;
     }
     errno = 0;
-    while (const dirent* item = ::readdir(stream)) {
+    while (const dirent* item = ::readdir(stream.get())) {
       if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
         entries.push_back(MakeEntry(descriptor_, item->d_name));
       }
       errno = 0;
     }
-    const int error = errno;
-    ::closedir(stream);
-    return error;
+    return errno;
   }
 
   int Sync() override { return ::fsync(descriptor_) == 0 ? 0 : errno; }
@@ -170,7 +187,7 @@ class CFolder final : public IFolder {
     int descriptor = -1;
     const int error = OpenBeneath(descriptor_, name, flags, kFileMode, descriptor);
     if (error == 0) {
-      file = std::make_unique<CFile>(descriptor);
+      file = Own<CFile>(descriptor);
     }
     return error;
   }
@@ -223,13 +240,8 @@ int MakeOneFolder(const std::string& path) {
 
 // The file behind a path that may be a link; the path itself when nothing is there yet.
 std::string ResolveLinks(const std::string& path) {
-  char* resolved = ::realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) {
-    return path;
-  }
-  std::string result = resolved;
-  std::free(resolved);
-  return result;
+  const std::unique_ptr<char, FreeText> resolved(::realpath(path.c_str(), nullptr));
+  return resolved == nullptr ? path : std::string(resolved.get());
 }
 
 }  // namespace
@@ -242,7 +254,7 @@ std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
     return nullptr;
   }
   error = 0;
-  return std::make_unique<details::CFolder>(descriptor);
+  return details::Own<details::CFolder>(descriptor);
 }
 
 int MakeFolders(const std::string& path) {
@@ -327,12 +339,11 @@ std::string AbsolutePath(const std::string& path) {
   if (!path.empty() && path.front() == '/') {
     return path;
   }
-  char* current = ::getcwd(nullptr, 0);
+  const std::unique_ptr<char, details::FreeText> current(::getcwd(nullptr, 0));
   if (current == nullptr) {
     return path;
   }
-  std::string result = current;
-  std::free(current);
+  std::string result = current.get();
   if (result.back() != '/') {
     result += '/';
   }

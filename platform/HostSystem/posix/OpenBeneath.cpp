@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -71,15 +72,17 @@ bool IsPlainName(const std::string& name) {
 }
 
 int WalkBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor) {
+  // Each part ends with a NUL in its place, so that nothing is allocated while a folder on the way is open.
+  std::string parts = name;
+  std::replace(parts.begin(), parts.end(), '/', '\0');
   int current = folder;
   int error = 0;
   std::size_t begin = 0;
   while (error == 0) {
     const std::size_t slash = name.find('/', begin);
     const bool last = slash == std::string::npos;
-    const std::string part = name.substr(begin, last ? std::string::npos : slash - begin);
     const int part_flags = last ? flags : O_RDONLY | O_DIRECTORY;
-    const int next = ::openat(current, part.c_str(), part_flags | O_NOFOLLOW | O_CLOEXEC, mode);
+    const int next = ::openat(current, parts.c_str() + begin, part_flags | O_NOFOLLOW | O_CLOEXEC, mode);
     error = next < 0 ? errno : 0;
     if (current != folder) {
       ::close(current);

@@ -12,7 +12,8 @@ bool IsPlainName(const std::string& name);
 // parts joined with "/", ELOOP or ENOTDIR where a link stands in the way.
 int OpenBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor);
 
-// The same by one open a folder, for systems that cannot do it in one call. `name` must be plain parts.
+// Does the same with one call per folder on the way, for systems that have no single call for it. `name` must consist
+// of plain parts.
 int WalkBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor);
 
 }  // namespace HostSystem::details

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
+#include <new>
 #include <system_error>
 
 #include "WindowsError.h"
@@ -104,6 +105,17 @@ std::filesystem::path FromUtf8(const std::string& path) {
 std::string ToUtf8(const std::filesystem::path& path) {
   const std::u8string text = path.u8string();
   return {text.begin(), text.end()};
+}
+
+// The object that closes the handle from here on; without memory for it the handle is closed at once.
+template <typename Owner, typename... Arguments>
+std::unique_ptr<Owner> Own(HANDLE handle, Arguments&&... arguments) {
+  try {
+    return std::make_unique<Owner>(handle, std::forward<Arguments>(arguments)...);
+  } catch (const std::bad_alloc&) {
+    ::CloseHandle(handle);
+    throw;
+  }
 }
 
 // The handle keeps the folder from being renamed or removed; names are joined to the path that it was opened by.
@@ -219,7 +231,7 @@ class CFolder final : public IFolder {
       ::CloseHandle(handle);
       return ELOOP;
     }
-    file = std::make_unique<CFile>(handle);
+    file = Own<CFile>(handle);
     return 0;
   }
 
@@ -239,7 +251,7 @@ std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
     return nullptr;
   }
   error = 0;
-  return std::make_unique<details::CFolder>(handle, full);
+  return details::Own<details::CFolder>(handle, full);
 }
 
 int MakeFolders(const std::string& path) {

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "TansyBase/StringUtil.h"
+#include "TansyBase/Utf8.h"
 
 namespace TansyBase::CodePage {
 namespace {
@@ -10,7 +10,7 @@ namespace {
 constexpr UINT kGbkCodePage = 936;
 
 std::string FromUtf8(std::string_view utf8, UINT code_page) {
-  const std::wstring wide = StringUtil::UTF8ToWide(utf8);
+  const std::wstring wide = Utf8ToWide(utf8);
   const int length = static_cast<int>(wide.size());
   // UTF-8 as the target takes neither a substitute character nor flags.
   const bool to_utf8 = code_page == CP_UTF8 || (code_page == CP_ACP && GetACP() == CP_UTF8);

@@ -1,5 +1,6 @@
 #include "logging/StandardSink.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -198,6 +199,21 @@ TEST_F(StandardSink, ReopenFollowsARotation) {
   EXPECT_THAT(Contents(moved), HasSubstr("between\n"));
   EXPECT_THAT(Contents(), HasSubstr("after\n"));
   EXPECT_EQ(Lines(Contents()).size(), 1u);
+}
+
+TEST_F(StandardSink, ChildProcessesDoNotGetTheFile) {
+  const auto sink = Make();
+  ASSERT_NE(sink, nullptr);
+  int found = 0;
+  for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
+    if (!error && target == std::filesystem::canonical(path_)) {
+      ++found;
+      EXPECT_EQ(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    }
+  }
+  EXPECT_EQ(found, 1);
 }
 
 TEST_F(StandardSink, AReopenThatFailsKeepsTheOldFile) {
