@@ -1,15 +1,17 @@
 # tansy_platform_library(<name> [PUBLIC <libraries>] [PRIVATE <libraries>])
 #
-# One folder is one library: its *.cpp plus those of posix/ or windows/. The libraries are shared ones, because the module
-# and its host live in one process and must meet the same log, the same message loops and the same listeners.
+# One folder is one library: its *.cpp and those of the folders in it, without the posix/ or windows/ folders of the other
+# system. The libraries are shared ones, because the module and its host live in one process and must meet the same log,
+# the same message loops and the same listeners.
 function(tansy_platform_library name)
   cmake_parse_arguments(ARG "" "" "PUBLIC;PRIVATE" ${ARGN})
   if(WIN32)
-    set(system windows)
+    set(other_system posix)
   else()
-    set(system posix)
+    set(other_system windows)
   endif()
-  file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp" "${CMAKE_CURRENT_SOURCE_DIR}/${system}/*.cpp")
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
+  list(FILTER sources EXCLUDE REGEX "/${other_system}/[^/]*$")
   if(sources)
     add_library(${name} SHARED ${sources})
     set_target_properties(${name} PROPERTIES WINDOWS_EXPORT_ALL_SYMBOLS ON VERSION ${PROJECT_VERSION}

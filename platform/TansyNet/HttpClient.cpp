@@ -4,11 +4,10 @@
 #include <string>
 #include <system_error>
 
-#include "TansyNet/ClientTls.h"
-#include "TansyNet/ConnectionPool.h"
-#include "TansyNet/HeaderNames.h"
-#include "TansyNet/HttpClientExchange.h"
-#include "TansyNet/HttpClientSink.h"
+#include "TansyNet/client/BodySink.h"
+#include "TansyNet/client/ClientTlsContext.h"
+#include "TansyNet/client/ConnectionPool.h"
+#include "TansyNet/client/Exchange.h"
 
 namespace TansyNet {
 
@@ -27,15 +26,6 @@ bool SendInMemory(const CHttpClientRequest& request, CHttpClientResponse& respon
 }
 
 }  // namespace
-
-std::string CHttpClientResponse::GetHeader(const std::string& name) const {
-  for (const auto& [key, value] : headers) {
-    if (EqualNoCase(key, name)) {
-      return value;
-    }
-  }
-  return {};
-}
 
 bool HttpClient::Send(const CHttpClientRequest& request, CHttpClientResponse* response, Error* error) {
   CHttpClientResponse own_response;
@@ -60,6 +50,10 @@ bool HttpClient::SendForBigRsp(const CHttpClientRequest& request, const BigCallb
   const bool complete = exchange.Run(error);
   sink.Finish(error);
   return complete;
+}
+
+std::string HttpClient::ErrorText(const Error& error) {
+  return ClientErrorText(error);
 }
 
 void HttpClient::SetTlsTrust(const TlsTrust& trust) {

@@ -1,25 +1,36 @@
 #include "TansyNet/HttpServer.h"
 
-#include "TansyNet/HttpServerRuntime.h"
-#include "TansyNet/ServerConnection.h"
+#include "TansyNet/server/ListenerTable.h"
+#include "TansyNet/server/ServerRuntime.h"
 #include "logging/Logging.h"
 
 namespace TansyNet {
 namespace details {
 namespace {
 
+// Made at the first use and never destroyed: handlers may hold handles and tokens until the process ends.
+struct Process {
+  CServerRuntime runtime;
+  CListenerTable listeners{runtime};
+};
+
+Process& TheProcess() {
+  static auto* const process = new Process();
+  return *process;
+}
+
 int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
-          CHttpServer::RecvCallback callback, bool reuse_address) {
-  CServerRuntime::SetLastError({});
+          RecvCallback callback, bool reuse_address) {
+  CListenerTable::SetLastError({});
   handle = 0;
   if (port == 0) {
     return 0;
   }
   if (callback == nullptr) {
-    CServerRuntime::SetLastError("listen: no callback");
+    CListenerTable::SetLastError("listen: no callback");
     return kNetListenFailed;
   }
-  return CServerRuntime::Instance().StartListener(handle, address, port, tls, callback, reuse_address);
+  return TheProcess().listeners.Start(handle, address, port, tls, callback, reuse_address);
 }
 
 int Report(int result, std::int32_t handle) {
@@ -43,12 +54,12 @@ int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& addre
 }
 
 int CHttpServer::StopServer(std::int32_t handle) {
-  return handle == 0 ? 0 : CServerRuntime::Instance().StopListener(handle);
+  return handle == 0 ? 0 : details::TheProcess().listeners.Stop(handle);
 }
 
 int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                     const char* data) {
-  const auto connection = CServerRuntime::Instance().Handles().Find(handle);
+  const auto connection = details::TheProcess().runtime.Handles().Find(handle);
   const int result =
       connection == nullptr ? kNetUnknownHandle : connection->Answer(handle, response, std::string_view(data, size));
   return details::Report(result, handle);
@@ -56,7 +67,7 @@ int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& res
 
 int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                           const char* data, std::uint64_t total_size) {
-  const auto connection = CServerRuntime::Instance().Handles().Find(handle);
+  const auto connection = details::TheProcess().runtime.Handles().Find(handle);
   const int result = connection == nullptr
                          ? kNetUnknownHandle
                          : connection->AnswerInChunks(handle, response, std::string_view(data, size), total_size);
@@ -64,24 +75,24 @@ int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpRespons
 }
 
 void CHttpServer::SetLimits(const HttpServerLimits& limits) {
-  CServerRuntime::Instance().SetLimits(limits);
+  details::TheProcess().runtime.SetLimits(limits);
 }
 
 std::string CHttpServer::LastError() {
-  return CServerRuntime::LastError();
+  return CListenerTable::LastError();
 }
 
 int CHttpServer::ReloadCertificates() {
-  CServerRuntime::SetLastError({});
-  return CServerRuntime::Instance().ReloadCertificates();
+  CListenerTable::SetLastError({});
+  return details::TheProcess().listeners.ReloadCertificates();
 }
 
 std::size_t CHttpServer::OpenRequestCount() {
-  return CServerRuntime::Instance().Handles().Size();
+  return details::TheProcess().runtime.Handles().Size();
 }
 
 bool CHttpServer::Shutdown(std::uint32_t drain_ms) {
-  return CServerRuntime::Instance().Shutdown(drain_ms);
+  return details::TheProcess().listeners.Shutdown(drain_ms);
 }
 
 }  // namespace TansyNet

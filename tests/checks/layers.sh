@@ -27,8 +27,22 @@ declare -A allowed=(
   [cli]="cli HostSystem TansyCloudStorage TansyNet TansyBase TansyProto OSAL logging"
 )
 
+# Rooms within a library: what the files of each may include of their own library.
+declare -A rooms=(
+  [platform/TansyNet/server]="TansyNet/(server/|wire/|transport/|MemoryAccount\.h)"
+  [platform/TansyNet/client]="TansyNet/(client/|wire/|transport/)"
+  [platform/TansyNet/wire]="TansyNet/wire/"
+  [platform/TansyNet/transport]="TansyNet/transport/"
+)
+
 # Headers that cost seconds to compile; a header that others include must not bring them along.
 heavy='<(boost/(asio|beast)|spdlog|regex|iostream|rapidjson|pugixml|sqlite3|CLI|toml)'
+
+# Lines "FILE:INCLUDED" for the quoted includes of everything below the folders.
+includes_of() {
+  grep -rEo --include='*.h' --include='*.cpp' --include='*.inl' '^#include "[^"]+"' "$@" |
+    sed -E 's/#include "([^"]+)"/\1/'
+}
 
 check_folder() {
   local folder=$1 words=" ${allowed[$1]} " file include first
@@ -41,12 +55,24 @@ check_folder() {
     elif [[ "$words" != *" $first "* ]]; then
       complain "$file includes \"$include\": $folder may not use $first"
     fi
-  done < <(grep -rEo --include='*.h' --include='*.cpp' --include='*.inl' '^#include "[^"]+"' "$folder" |
-    sed -E 's/#include "([^"]+)"/\1/')
+  done < <(includes_of "$folder")
 }
 
 for folder in "${!allowed[@]}"; do
   check_folder "$folder"
+done
+
+for room in "${!rooms[@]}"; do
+  library=${room#platform/}
+  library=${library%%/*}
+  while IFS=: read -r file include; do
+    [[ ! "$include" =~ ^"$library"/ || "$include" =~ ^${rooms[$room]} ]] ||
+      complain "$file includes \"$include\": $room may not"
+  done < <(includes_of "$room")
+  # The rooms are the library's own: others know its front doors only.
+  while IFS=: read -r file include; do
+    [[ ! "$include" =~ ^"${room#platform/}"/ ]] || complain "$file includes \"$include\", which is internal to $library"
+  done < <(includes_of include src host cli)
 done
 
 # The module knows the standard library, OpenSSL's HMAC and Boost.System, and nothing else of the outside.

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "TansyNet/HttpServerParser.h"
+#include "TansyNet/wire/RequestParser.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "TansyNet/ClientConnection.h"
-#include "TansyNet/ConnectionPool.h"
 #include "TansyNet/HttpClient.h"
+#include "TansyNet/client/ClientConnection.h"
+#include "TansyNet/client/ConnectionPool.h"
 #include "fakes/ScriptedServer.h"
 
 namespace TansyNet {
@@ -315,18 +315,18 @@ TEST_P(HttpClientBigTest, APeerThatIsGoneRaisesNoSignal) {
   g_signals = 0;
   auto* const before = std::signal(SIGPIPE, [](int) { g_signals = 1; });
   // The first bytes are still taken by the system; what comes back then makes every later write a broken pipe.
-  details::IoResult result;
+  IoResult result;
   for (int i = 0; i < 100; ++i) {
     result = connection->TryWrite("more", {});
-    if (result.status == details::IoResult::Status::kFailed) {
+    if (result.status == IoStatus::kFailed) {
       break;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   result = connection->TryWrite("more", {});
   std::signal(SIGPIPE, before);
-  EXPECT_EQ(result.status, details::IoResult::Status::kFailed);
-  EXPECT_TRUE(details::CClientSocket::IsClosedByPeer(result.error));
+  EXPECT_EQ(result.status, IoStatus::kFailed);
+  EXPECT_TRUE(details::IsClosedByPeer(result.error));
   EXPECT_EQ(g_signals, 0);
 }
 

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "TansyNet/ClientConnection.h"
-#include "TansyNet/ClientConnectionSocket.h"
 #include "TansyNet/HttpClient.h"
+#include "TansyNet/client/ClientConnection.h"
+#include "TansyNet/client/ClientSocket.h"
 #include "fakes/Ipv6Loopback.h"
 #include "fakes/ScriptedServer.h"
 
@@ -181,7 +181,7 @@ TEST_F(HttpClientTimeoutTest, ASilentAddressLeavesTimeForTheNext) {
   details::CClientSocket socket;
   EXPECT_EQ(details::ConnectToAny(socket, addresses, 1000), 0);
   addresses.back() = silent_address;
-  EXPECT_EQ(details::ConnectToAny(socket, addresses, 200), details::CClientSocket::TimedOut());
+  EXPECT_EQ(details::ConnectToAny(socket, addresses, 200), details::TimedOutError());
   EXPECT_NE(details::ConnectToAny(socket, {}, 200), 0);
 }
 

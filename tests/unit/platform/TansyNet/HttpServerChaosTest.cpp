@@ -19,7 +19,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
-#include "TansyNet/HttpServerMemory.h"
+#include "TansyNet/MemoryAccount.h"
 #include "fakes/TestCertificate.h"
 
 namespace {
@@ -172,7 +172,7 @@ class HttpServerChaos : public ServerFixture {
     CRawClient client(port);
     client.Send("GET / HTTP/1.1\r\n\r\n");
     EXPECT_EQ(client.ReadReply().body, "small");
-    EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryBudget::Process().Used() == 0; }));
+    EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
   }
 
   static TansyNet::HttpServerLimits ShortLimits() {

@@ -11,7 +11,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
-#include "TansyNet/HttpServerMemory.h"
+#include "TansyNet/MemoryAccount.h"
 
 namespace {
 
@@ -248,9 +248,9 @@ TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
   // The memory is the message's, answered or not, and free again with its last copy.
   AnswerText(kept.handle, "done");
   EXPECT_EQ(first.ReadReply().body, "done");
-  EXPECT_EQ(TansyNet::CMemoryBudget::Process().Used(), body.size());
+  EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), body.size());
   kept = {};
-  EXPECT_EQ(TansyNet::CMemoryBudget::Process().Used(), 0U);
+  EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 0U);
   first.Send(request);
   AnswerText(Take().handle, "again");
   EXPECT_EQ(first.ReadReply().body, "again");

@@ -1,0 +1,35 @@
+// Why an exchange failed.
+#ifndef TANSY_NET_CLIENT_CLIENT_ERROR_H
+#define TANSY_NET_CLIENT_CLIENT_ERROR_H
+
+#include <cstdint>
+#include <string>
+
+namespace TansyNet {
+
+// `kind` is one of the values below; `detail` is the number that the system, its resolver, the TLS library or the
+// parser has for what went wrong, never 0 after a failure. {0, 0} is success.
+struct ClientError {
+  enum Kind : std::int32_t {
+    kNone = 0,
+    kBadUrl = 1,  // or a method or header that would break out of its line
+    kResolve = 2,
+    kConnect = 3,  // refused, unreachable, or cut during the TLS handshake
+    kTls = 4,      // below 100: why the certificate is not trusted
+    kSend = 5,     // cut while the request was sent, and no answer came
+    kReceive = 6,  // closed before the answer's first byte, or cut within the answer
+    kTimeout = 7,
+    kBadAnswer = 8,  // not HTTP, header beyond 64 KiB, a length that is not true, an answer that ends too early
+    kTooLarge = 9,   // more than max_body_bytes, or than memory holds
+  };
+
+  std::int32_t kind = kNone;
+  std::int32_t detail = 0;
+};
+
+// One line for people.
+std::string ClientErrorText(const ClientError& error);
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_CLIENT_CLIENT_ERROR_H

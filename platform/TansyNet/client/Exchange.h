@@ -1,0 +1,46 @@
+// One request and its answer.
+#ifndef TANSY_NET_CLIENT_EXCHANGE_H
+#define TANSY_NET_CLIENT_EXCHANGE_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "TansyNet/client/AnswerReader.h"
+#include "TansyNet/client/BodySink.h"
+#include "TansyNet/client/ClientConnection.h"
+#include "TansyNet/client/ClientError.h"
+#include "TansyNet/wire/ClientMessages.h"
+
+namespace TansyNet::details {
+
+// One thread; one object an exchange. All arguments must outlive it.
+class CExchange {
+ public:
+  CExchange(const CHttpClientRequest& request, CHttpClientResponse& response, IBodySink& sink)
+      : request_(request), response_(response), sink_(sink) {}
+
+  // True when a whole answer came.
+  bool Run(ClientError& error);
+
+ private:
+  enum class SendState { kSent, kAnswered, kFailed };
+
+  bool RunOn(CClientConnection& connection, ClientError& error);
+  // Sends the request; stops early when the final head of an answer arrives first.
+  SendState SendRequest(CClientConnection& connection, CAnswerReader& reader, ClientError& error);
+  SendState ReadEarlyAnswer(CClientConnection& connection, CAnswerReader& reader, ClientError& error);
+  bool ReadFinalHead(CAnswerReader& reader, ClientError& error);
+
+  const CHttpClientRequest& request_;
+  CHttpClientResponse& response_;
+  IBodySink& sink_;
+  std::string head_;
+  // Of the attempt that ran last: the peer closed before any byte of an answer; the connection may serve again.
+  bool closed_unanswered_ = false;
+  bool reusable_ = false;
+};
+
+}  // namespace TansyNet::details
+
+#endif  // TANSY_NET_CLIENT_EXCHANGE_H

@@ -1,9 +1,0 @@
-#include "TansyNet/ListenerOptions.h"
-
-namespace TansyNet {
-
-bool LingeringConnectionsBlockPorts() {
-  return true;
-}
-
-}  // namespace TansyNet

@@ -1,0 +1,81 @@
+#include "TansyNet/server/BodyBuffer.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace TansyNet {
+namespace details {
+namespace {
+
+// Room is made in steps as large as what came so far, but not larger than the processor's cache likes: growing a string
+// clears the new bytes.
+constexpr std::size_t kSmallestStep = std::size_t{4} * 1024;
+constexpr std::size_t kLargestStep = std::size_t{128} * 1024;
+// Memory is asked for by this factor, so that hardly a byte is copied twice while the string moves.
+constexpr std::size_t kGrowth = 8;
+
+}  // namespace
+}  // namespace details
+
+std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes) {
+  const auto holder = std::make_shared<const CountedBytes>(std::move(bytes));
+  return {holder, &holder->bytes};
+}
+
+void CBodyBuffer::Start(std::size_t length, CountedBytes storage) {
+  memory_ = std::move(storage);
+  used_ = 0;
+  length_ = length;
+  if (memory_.bytes.size() > length) {
+    memory_.bytes.resize(length);
+  }
+}
+
+std::span<char> CBodyBuffer::Space() {
+  std::string& bytes = memory_.bytes;
+  if (used_ == bytes.size() && used_ < length_) {
+    const std::size_t step = std::clamp(used_, details::kSmallestStep, details::kLargestStep);
+    const std::size_t wanted = std::min(length_, used_ + step);
+    if (wanted > bytes.capacity()) {
+      bytes.reserve(std::min(length_, std::max(wanted, used_ * details::kGrowth)));
+    }
+    bytes.resize(wanted);
+  }
+  return {bytes.data() + used_, bytes.size() - used_};
+}
+
+void CBodyBuffer::Consume(std::string_view& input) {
+  while (!input.empty() && !IsComplete()) {
+    const std::span<char> space = Space();
+    const std::size_t taken = std::min(space.size(), input.size());
+    std::copy_n(input.data(), taken, space.data());
+    Commit(taken);
+    input.remove_prefix(taken);
+  }
+}
+
+CountedBytes CBodyBuffer::Take() {
+  memory_.bytes.resize(used_);
+  used_ = 0;
+  length_ = 0;
+  return std::exchange(memory_, {});
+}
+
+std::shared_ptr<const std::string> CPieceStore::Share(CountedBytes piece) {
+  auto give_back = [store = weak_from_this()](CountedBytes* bytes) {
+    if (const auto target = store.lock()) {
+      const std::scoped_lock lock(target->mutex_);
+      std::swap(target->spare_, *bytes);
+    }
+    delete bytes;
+  };
+  const std::shared_ptr<CountedBytes> holder(new CountedBytes(std::move(piece)), std::move(give_back));
+  return {holder, &holder->bytes};
+}
+
+CountedBytes CPieceStore::TakeSpare() {
+  const std::scoped_lock lock(mutex_);
+  return std::exchange(spare_, {});
+}
+
+}  // namespace TansyNet

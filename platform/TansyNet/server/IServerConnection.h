@@ -1,0 +1,36 @@
+// A connection as those see it who look after many of them.
+#ifndef TANSY_NET_SERVER_I_SERVER_CONNECTION_H
+#define TANSY_NET_SERVER_I_SERVER_CONNECTION_H
+
+#include <cstdint>
+#include <string_view>
+
+#include "TansyNet/server/Endpoint.h"
+#include "TansyNet/wire/ServerMessages.h"
+
+namespace TansyNet {
+
+class IServerConnection {
+ public:
+  virtual ~IServerConnection() = default;
+
+  // The thread of the connection's worker.
+  virtual bool IsPastDeadline(std::int64_t now) const = 0;
+  virtual void OnDeadline() = 0;
+
+  // Any thread.
+  virtual const Endpoint& Origin() const = 0;
+  // Closes at once.
+  virtual void Abort() = 0;
+  // Closes as soon as no request is under way.
+  virtual void CloseWhenIdle() = 0;
+
+  // The answers of CHttpServer, with its results. Any thread.
+  virtual int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) = 0;
+  virtual int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
+                             std::uint64_t total_size) = 0;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_I_SERVER_CONNECTION_H

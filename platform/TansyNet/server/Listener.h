@@ -1,0 +1,65 @@
+// One listening socket.
+#ifndef TANSY_NET_SERVER_LISTENER_H
+#define TANSY_NET_SERVER_LISTENER_H
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "TansyNet/server/Endpoint.h"
+#include "TansyNet/server/IServerConnection.h"
+#include "TansyNet/server/ServerRuntime.h"
+#include "TansyNet/server/ServerSettings.h"
+#include "TansyNet/server/ServerTlsContext.h"
+#include "TansyNet/server/ServerWorker.h"
+
+namespace TansyNet {
+
+class CListener : public std::enable_shared_from_this<CListener> {
+ public:
+  CListener(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker, RecvCallback callback);
+  ~CListener();
+  CListener(const CListener&) = delete;
+  CListener& operator=(const CListener&) = delete;
+
+  // Reads the certificate of an HTTPS listener, also again while it runs. 0 or kNetCertificate with `error` set.
+  int LoadCertificate(const HttpsServer& tls, std::string& error);
+  int ReloadCertificate(std::string& error);
+
+  // Result of Open for "::" on a machine that has no IPv6: there is no address to listen on, and no client to miss.
+  static constexpr int kNoIpv6 = -1;
+
+  // Binds and begins to accept. 0, kNoIpv6, or a NetError; with `error` set unless it is 0.
+  int Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error);
+  // The port is free when this returns. Connections live on until their requests are answered.
+  void Close();
+  bool IsOriginOf(const IServerConnection& connection) const { return &connection.Origin() == endpoint_.get(); }
+
+ private:
+  struct Impl;
+
+  bool IsClosed() const { return endpoint_->closed.load(std::memory_order_acquire); }
+  void Accept();
+  void NoteTrouble(const std::string& what);
+  void PauseAfterFailure();
+  void TakeConnection();
+  TlsContextPtr TlsContext() const;
+
+  CServerRuntime& runtime_;
+  const std::shared_ptr<CServerWorker> worker_;
+  const std::shared_ptr<Endpoint> endpoint_;
+  std::string trouble_;  // what keeps new clients out at present; the worker's own
+
+  mutable std::mutex tls_mutex_;
+  HttpsServer tls_settings_;  // guarded by tls_mutex_
+  TlsContextPtr tls_;         // guarded by tls_mutex_; null for plain HTTP
+
+  // The acceptor is used by its worker and closed by whoever stops the listener.
+  std::mutex mutex_;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_LISTENER_H

@@ -1,0 +1,279 @@
+#include "TansyNet/server/ServerConnection.h"
+
+#include <limits>
+#include <utility>
+
+#include "logging/Logging.h"
+
+namespace TansyNet {
+namespace details {
+namespace {
+
+constexpr std::int64_t kNoDeadline = std::numeric_limits<std::int64_t>::max();
+// After so many steps another connection of the same worker has its turn.
+constexpr int kStepsPerTurn = 16;
+
+}  // namespace
+}  // namespace details
+
+CServerConnection::CServerConnection(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker,
+                                     std::shared_ptr<const Endpoint> origin, std::unique_ptr<CServerSocket> socket,
+                                     const TlsContextPtr& tls, const HttpServerLimits& limits)
+    : runtime_(runtime),
+      worker_(std::move(worker)),
+      origin_(std::move(origin)),
+      limits_(limits),
+      deadline_(details::kNoDeadline),
+      transport_(std::move(socket), tls),
+      phase_(transport_.IsEncrypted() ? Phase::kHandshake : Phase::kIdle),
+      parser_(limits.header_bytes) {}
+
+CServerConnection::~CServerConnection() {
+  runtime_.ConnectionClosed();
+}
+
+bool CServerConnection::IsBusy(Phase phase) {
+  return phase >= Phase::kBody && phase <= Phase::kSendingChunks;
+}
+
+bool CServerConnection::IsReading(Phase phase) {
+  return phase >= Phase::kHead && phase <= Phase::kUpload;
+}
+
+void CServerConnection::SetPhase(Phase phase) {
+  const bool was_busy = IsBusy(phase_);
+  phase_ = phase;
+  if (was_busy == IsBusy(phase)) {
+    return;
+  }
+  if (was_busy) {
+    runtime_.ConnectionIdle();
+  } else {
+    runtime_.ConnectionBusy();
+  }
+}
+
+void CServerConnection::SetDeadline(std::int64_t milliseconds) {
+  const bool never = milliseconds == details::kNoDeadline;
+  deadline_.store(never ? milliseconds : SteadyMilliseconds() + milliseconds, std::memory_order_relaxed);
+}
+
+void CServerConnection::Start() {
+  worker_->Adopt(shared_from_this());
+  Lock lock(mutex_);
+  if (phase_ == Phase::kClosed) {
+    return;
+  }
+  if (!transport_.IsUsable() || origin_->closed.load(std::memory_order_acquire)) {
+    Close();
+    return;
+  }
+  SetDeadline(phase_ == Phase::kHandshake ? limits_.header_timeout_ms : limits_.idle_timeout_ms);
+  Advance(lock);
+}
+
+void CServerConnection::OnReadable() {
+  Lock lock(mutex_);
+  read_watched_ = false;
+  Advance(lock);
+}
+
+void CServerConnection::OnWritable() {
+  Lock lock(mutex_);
+  write_watched_ = false;
+  Advance(lock);
+}
+
+void CServerConnection::Advance(Lock& lock) {
+  if (advancing_) {
+    return;
+  }
+  advancing_ = true;
+  int steps = details::kStepsPerTurn;
+  while (Step(lock) == Next::kGoOn) {
+    if (--steps == 0) {
+      advancing_ = false;
+      ContinueLater();
+      return;
+    }
+  }
+  advancing_ = false;
+}
+
+CServerConnection::Next CServerConnection::Step(Lock& lock) {
+  switch (phase_) {
+    case Phase::kHandshake:
+      return StepHandshake();
+    case Phase::kIdle:
+    case Phase::kHead:
+      return StepHead(lock);
+    case Phase::kBody:
+      return StepBody(lock);
+    case Phase::kChunks:
+      return StepChunks(lock);
+    case Phase::kUpload:
+      return StepUpload();
+    case Phase::kSending:
+      return StepSending();
+    case Phase::kHandling:
+    case Phase::kSendingChunks:
+      return StepWhileHandled();
+    case Phase::kDraining:
+      return StepDrain();
+    case Phase::kClosed:
+      break;
+  }
+  return Next::kWait;
+}
+
+CServerConnection::Next CServerConnection::StepHandshake() {
+  const IoResult result = transport_.Handshake();
+  if (result.status == IoStatus::kDone) {
+    SetPhase(Phase::kIdle);
+    SetDeadline(limits_.idle_timeout_ms);
+    return Next::kGoOn;
+  }
+  if (result.status == IoStatus::kFailed && transport_.FallBackToPlain()) {
+    constexpr int kBadRequest = 400;
+    return Refuse(kBadRequest);
+  }
+  WaitFor(result.status);
+  return Next::kWait;
+}
+
+// Bytes of a next request are left in the socket; what matters is whether the client is still there. A client that has
+// only closed its own direction gets its answer.
+CServerConnection::Next CServerConnection::StepWhileHandled() {
+  if (read_watched_ || input_waiting_ || peer_done_) {
+    return Next::kWait;
+  }
+  switch (transport_.Socket().Peek().status) {
+    case IoStatus::kDone:
+      input_waiting_ = true;
+      break;
+    case IoStatus::kEnd:
+      peer_done_ = true;
+      break;
+    case IoStatus::kFailed:
+      Close();
+      break;
+    default:
+      WatchReadable();
+      break;
+  }
+  return Next::kWait;
+}
+
+CServerConnection::Next CServerConnection::StepDrain() {
+  // Encrypted bytes are thrown away like others: nobody reads them any more.
+  const IoResult result = transport_.Socket().Read(worker_->Scratch(), CServerWorker::kScratchBytes);
+  if (result.status != IoStatus::kDone) {
+    WaitFor(result.status);
+    return Next::kWait;
+  }
+  if (result.bytes >= drain_left_) {
+    Close();
+    return Next::kWait;
+  }
+  drain_left_ -= result.bytes;
+  return Next::kGoOn;
+}
+
+// What to do after an operation that did not succeed.
+void CServerConnection::WaitFor(IoStatus status) {
+  switch (status) {
+    case IoStatus::kWantRead:
+      WatchReadable();
+      break;
+    case IoStatus::kWantWrite:
+      WatchWritable();
+      break;
+    default:
+      NoteBrokenOff();
+      Close();
+      break;
+  }
+}
+
+// Clients that leave between two requests, or after their last answer, do what they may.
+void CServerConnection::NoteBrokenOff() {
+  const char* const ip = transport_.Socket().PeerAddress().c_str();
+  if (phase_ == Phase::kHandshake) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]TLS handshake failed[%s], ip = %s[%s(%d)]",
+              transport_.HandshakeFailure(), ip);
+  } else if (IsReading(phase_)) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request broken off, handle = %d, ip = %s, url = %s[%s(%d)]", handle_,
+              ip, request_.url.c_str());
+  }
+}
+
+void CServerConnection::WatchReadable() {
+  if (!read_watched_) {
+    read_watched_ = true;
+    transport_.Socket().WatchReadable(shared_from_this());
+  }
+}
+
+void CServerConnection::WatchWritable() {
+  if (!write_watched_) {
+    write_watched_ = true;
+    transport_.Socket().WatchWritable(shared_from_this());
+  }
+}
+
+void CServerConnection::ContinueLater() {
+  worker_->Post([self = shared_from_this()] {
+    Lock lock(self->mutex_);
+    self->Advance(lock);
+  });
+}
+
+void CServerConnection::OnDeadline() {
+  constexpr int kRequestTimeout = 408;
+  Lock lock(mutex_);
+  if (!IsPastDeadline(SteadyMilliseconds()) || SendAgain(lock)) {
+    return;
+  }
+  const bool waits_for_storage = phase_ == Phase::kUpload && upload_->ready != nullptr;
+  if (IsReading(phase_) && !waits_for_storage) {
+    Refuse(kRequestTimeout);
+    return;
+  }
+  if (phase_ == Phase::kHandshake) {
+    NoteBrokenOff();
+  } else if (IsBusy(phase_)) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request timed out, handle = %d, ip = %s, phase = %d[%s(%d)]", handle_,
+              transport_.Socket().PeerAddress().c_str(), static_cast<int>(phase_));
+  }
+  Close();
+}
+
+void CServerConnection::Abort() {
+  const Lock lock(mutex_);
+  Close();
+}
+
+void CServerConnection::CloseWhenIdle() {
+  const Lock lock(mutex_);
+  keep_alive_ = false;
+  if (phase_ == Phase::kHandshake || phase_ == Phase::kIdle) {
+    Close();
+  }
+}
+
+void CServerConnection::Close() {
+  if (phase_ == Phase::kClosed) {
+    return;
+  }
+  ForgetRequest();
+  SetPhase(Phase::kClosed);
+  SetDeadline(details::kNoDeadline);
+  transport_.Socket().Stop();
+  KeepInput({});
+  body_ = {};
+  chunked_body_ = {};
+  output_ = {};
+  worker_->Post([self = shared_from_this()] { self->worker_->Forget(self.get()); });
+}
+
+}  // namespace TansyNet

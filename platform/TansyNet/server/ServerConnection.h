@@ -1,0 +1,186 @@
+// One client's connection: reads requests, delivers them, sends the answers.
+#ifndef TANSY_NET_SERVER_SERVER_CONNECTION_H
+#define TANSY_NET_SERVER_SERVER_CONNECTION_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "TansyNet/server/BodyBuffer.h"
+#include "TansyNet/server/Endpoint.h"
+#include "TansyNet/server/IServerConnection.h"
+#include "TansyNet/server/ServerRuntime.h"
+#include "TansyNet/server/ServerSettings.h"
+#include "TansyNet/server/ServerSocket.h"
+#include "TansyNet/server/ServerTlsContext.h"
+#include "TansyNet/server/ServerTransport.h"
+#include "TansyNet/server/ServerWorker.h"
+#include "TansyNet/wire/RequestParser.h"
+
+namespace TansyNet {
+
+// A connection serves one request at a time. Reading happens on its worker's thread; answers are written by whoever
+// answers, and finished by the worker when the socket is full. The lock guards the whole state; it is never held while
+// a callback runs or a thread waits for the client.
+//
+// While a request is being handled nothing is read beyond it: the connection only watches for the client's end.
+class CServerConnection final : public IServerConnection,
+                                public ISocketEvents,
+                                public std::enable_shared_from_this<CServerConnection> {
+ public:
+  // `tls` is null for plain HTTP.
+  CServerConnection(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker,
+                    std::shared_ptr<const Endpoint> origin, std::unique_ptr<CServerSocket> socket,
+                    const TlsContextPtr& tls, const HttpServerLimits& limits);
+  ~CServerConnection() override;
+  CServerConnection(const CServerConnection&) = delete;
+  CServerConnection& operator=(const CServerConnection&) = delete;
+
+  // Worker's thread.
+  void Start();
+  void OnReadable() override;
+  void OnWritable() override;
+  bool IsPastDeadline(std::int64_t now) const override { return now >= deadline_.load(std::memory_order_relaxed); }
+  void OnDeadline() override;
+
+  // Any thread.
+  const Endpoint& Origin() const override { return *origin_; }
+  void Abort() override;
+  void CloseWhenIdle() override;
+  int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) override;
+  int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
+                     std::uint64_t total_size) override;
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+
+  enum class Phase {
+    kHandshake,
+    kIdle,           // between two requests
+    kHead,           // a request has begun
+    kBody,           // a body of known length, delivered whole
+    kChunks,         // a chunked body, delivered whole
+    kUpload,         // a body delivered in pieces
+    kHandling,       // all is delivered, the answer is awaited
+    kSending,        // the worker sends what is left of an answer
+    kSendingChunks,  // AnswerInChunks has begun
+    kDraining,       // answered for the last time; what still comes is thrown away
+    kClosed,
+  };
+  enum class Next { kGoOn, kWait };
+
+  // A body on its way to its receiver, piece by piece.
+  struct Upload {
+    std::uint64_t left = 0;  // bytes of the body that belong to later pieces than the one being filled
+    CBodyBuffer filling;
+    std::shared_ptr<CPieceStore> store = std::make_shared<CPieceStore>();
+    std::shared_ptr<const std::string> ready;  // full, waits for the token of the piece before it
+    bool token_out = false;
+  };
+  struct PieceToken;
+
+  static bool IsBusy(Phase phase);
+  static bool IsReading(Phase phase);
+  void SetPhase(Phase phase);
+  void SetDeadline(std::int64_t milliseconds);
+
+  // ServerConnection.cpp
+  void Advance(Lock& lock);
+  Next Step(Lock& lock);
+  Next StepHandshake();
+  Next StepSending();
+  Next StepWhileHandled();
+  Next StepDrain();
+  void WaitFor(IoStatus status);
+  void NoteBrokenOff();
+  void WatchReadable();
+  void WatchWritable();
+  void ContinueLater();
+  void Close();
+
+  // ServerConnectionRequest.cpp
+  Next StepHead(Lock& lock);
+  Next StepBody(Lock& lock);
+  Next StepChunks(Lock& lock);
+  Next BeginBody(std::string_view input, Lock& lock);
+  Next BeginChunks(std::string_view input);
+  Next Deliver(Lock& lock);
+  void EnterHandling();
+  void SendContinue();
+  IoStatus ReadInput(std::string_view& input);
+  IoStatus ReadInto(CBodyBuffer& body);
+  std::string_view Input() const { return std::string_view(input_).substr(input_begin_); }
+  bool HasInput() const { return input_waiting_ || input_begin_ < input_.size(); }
+  void KeepInput(std::string_view input);
+  void TakeRequest(RequestHead& head);
+  void Call(std::int32_t handle, HttpServerRecv& message);
+
+  // ServerConnectionUpload.cpp
+  Next BeginUpload(std::uint64_t length, std::string_view input);
+  Next StepUpload();
+  void StartPiece();
+  void DeliverPiece();
+  void RunPiece(std::int32_t handle, HttpServerRecv& message);
+  void OnTokenGone(std::int32_t handle);
+  bool UploadIsRead() const;
+
+  // ServerConnectionAnswer.cpp
+  Next Refuse(int status);
+  bool CheckHandle(std::int32_t handle) const { return handle_ == handle && handle != 0; }
+  std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
+  void ForgetRequest();
+  int Send(std::string_view head, std::string_view body, std::int32_t timeout_ms);
+  IoStatus Write(std::string_view& first, std::string_view& second, std::size_t most);
+  int WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms, Lock& lock);
+  bool SendAgain(Lock& lock);
+  void FinishAnswer();
+  void StartDraining();
+
+  // Constant.
+  CServerRuntime& runtime_;
+  const std::shared_ptr<CServerWorker> worker_;
+  const std::shared_ptr<const Endpoint> origin_;
+  const HttpServerLimits limits_;
+
+  std::atomic<std::int64_t> deadline_;
+
+  mutable std::mutex mutex_;
+  // All below is guarded by mutex_.
+  CServerTransport transport_;
+  Phase phase_;
+  bool read_watched_ = false;
+  bool write_watched_ = false;
+  bool advancing_ = false;      // the worker is inside Advance, perhaps in a callback without the lock
+  bool input_waiting_ = false;  // the socket has bytes that nobody watches for
+  bool peer_done_ = false;      // the client sends no more
+
+  std::string input_;  // read, but not taken yet, from input_begin_ on; no memory while there is nothing
+  std::size_t input_begin_ = 0;
+  bool input_is_short_ = false;  // what is in input_ was looked at and is not enough
+  CRequestParser parser_;
+  CBodyBuffer body_;
+  CountedBytes chunked_body_;
+  std::unique_ptr<Upload> upload_;
+  HttpServerRecv request_;  // that is being read; empty before its head is known and after its answer
+
+  std::int32_t handle_ = 0;  // of the request that waits for its answer
+  bool keep_alive_ = true;
+  bool http11_ = true;
+  bool is_head_ = false;
+
+  std::string output_;  // what the socket did not take of an answer
+  std::size_t output_sent_ = 0;
+  std::int32_t send_timeout_ms_ = 0;
+  std::int64_t send_progress_ = 0;  // when the socket last took some of output_
+  std::uint64_t chunks_left_ = 0;
+  bool chunk_under_way_ = false;
+  std::uint64_t drain_left_ = 0;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_SERVER_CONNECTION_H

@@ -1,0 +1,270 @@
+// Sending answers, and how a connection ends after the last one.
+#include <algorithm>
+#include <utility>
+
+#include "TansyNet/server/ServerConnection.h"
+#include "TansyNet/wire/ResponseHead.h"
+#include "logging/Logging.h"
+
+namespace TansyNet {
+namespace details {
+namespace {
+
+// How much is written before others may have the lock or the worker.
+constexpr std::size_t kBytesPerTurn = std::size_t{1024} * 1024;
+constexpr std::int32_t kDefaultSendTimeoutMs = 20000;
+// After the last answer: how much, and how long, a client may go on sending before it reads. Closing at once would
+// reset the connection and take the answer from a client that has not read it yet; reading for ever would let anybody
+// send.
+constexpr std::uint64_t kDrainBytes = std::uint64_t{64} * 1024 * 1024;
+constexpr std::int64_t kDrainMs = 10000;
+
+// A socket says that it takes bytes only once a good part of its buffer is free, which may be megabytes; it takes them
+// long before. So what a slow client has made room for shows only in an attempt, and attempts are made this often.
+int LookAgainMs(std::int32_t timeout_ms) {
+  return std::clamp(timeout_ms / 4, 1, 1000);
+}
+
+std::int32_t TimeoutOf(const HttpResponse& response) {
+  return response.send_timeout_ms > 0 ? response.send_timeout_ms : kDefaultSendTimeoutMs;
+}
+
+void Advance(std::string_view& first, std::string_view& second, std::size_t bytes) {
+  const std::size_t of_first = std::min(first.size(), bytes);
+  first.remove_prefix(of_first);
+  second.remove_prefix(bytes - of_first);
+}
+
+}  // namespace
+}  // namespace details
+
+int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) {
+  const Lock lock(mutex_);
+  if (!CheckHandle(handle)) {
+    return kNetUnknownHandle;
+  }
+  if (phase_ == Phase::kSendingChunks) {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]second answer, handle = %d[%s(%d)]", handle);
+    Close();
+    return kNetAlreadyAnswered;
+  }
+  const std::string head = TakeHead(response, body.size());
+  const bool has_body = !is_head_ && StatusAllowsBody(response.status);
+  ForgetRequest();
+  return Send(head, has_body ? body : std::string_view(), details::TimeoutOf(response));
+}
+
+int CServerConnection::AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
+                                      std::uint64_t total_size) {
+  Lock lock(mutex_);
+  if (!CheckHandle(handle)) {
+    return kNetUnknownHandle;
+  }
+  std::string head;
+  if (phase_ != Phase::kSendingChunks) {
+    head = TakeHead(response, total_size);
+    upload_.reset();
+    SetPhase(Phase::kSendingChunks);
+    chunks_left_ = total_size;
+  }
+  if (chunk_under_way_ || chunk.size() > chunks_left_) {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]chunk out of turn, handle = %d, size[%zu][%s(%d)]", handle,
+              chunk.size());
+    const bool in_turn = !chunk_under_way_;
+    Close();
+    return in_turn ? kNetSendFailed : kNetAlreadyAnswered;
+  }
+  chunk_under_way_ = true;
+  const bool has_body = !is_head_ && StatusAllowsBody(response.status);
+  const int result = WriteBlocking(head, has_body ? chunk : std::string_view(), details::TimeoutOf(response), lock);
+  chunk_under_way_ = false;
+  if (result != 0) {
+    Close();
+    return result;
+  }
+  chunks_left_ -= chunk.size();
+  SetDeadline(limits_.unanswered_timeout_ms);
+  if (chunks_left_ == 0) {
+    ForgetRequest();
+    FinishAnswer();
+  }
+  return 0;
+}
+
+// The head of the answer; decides whether the connection goes on after it.
+std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint64_t content_length) {
+  // What is left of a body cannot be told from a next request, and reading it all would let the client decide how long.
+  const bool body_is_read = phase_ != Phase::kUpload || UploadIsRead();
+  keep_alive_ =
+      keep_alive_ && body_is_read && !AsksToClose(response) && !origin_->closed.load(std::memory_order_acquire);
+  if (!keep_alive_) {
+    return BuildResponseHead(response, content_length, Persistence::kClose);
+  }
+  return BuildResponseHead(response, content_length, http11_ ? Persistence::kDefault : Persistence::kKeepAlive);
+}
+
+void CServerConnection::ForgetRequest() {
+  upload_.reset();
+  request_ = {};
+  if (handle_ != 0) {
+    runtime_.Handles().Remove(handle_);
+    handle_ = 0;
+  }
+}
+
+// An answer of the library's own, after which the connection ends.
+CServerConnection::Next CServerConnection::Refuse(int status) {
+  TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request refused, status = %d, handle = %d, ip = %s, url = %s[%s(%d)]",
+            status, handle_, transport_.Socket().PeerAddress().c_str(), request_.url.c_str());
+  const std::string body = ReasonOf(status);
+  keep_alive_ = false;
+  const std::string head = TakeHead(LibraryAnswer(status), body.size());
+  ForgetRequest();
+  KeepInput({});
+  body_ = {};
+  chunked_body_ = {};
+  Send(head, is_head_ ? std::string_view() : body, details::kDefaultSendTimeoutMs);
+  return Next::kWait;
+}
+
+// Writes what the socket takes; the worker's thread does the rest.
+int CServerConnection::Send(std::string_view head, std::string_view body, std::int32_t timeout_ms) {
+  const IoStatus status = Write(head, body, head.size() + body.size());
+  if (status == IoStatus::kDone) {
+    FinishAnswer();
+    return 0;
+  }
+  if (status != IoStatus::kWantWrite) {
+    Close();
+    return kNetSendFailed;
+  }
+  output_.reserve(head.size() + body.size());
+  output_.append(head).append(body);
+  output_sent_ = 0;
+  send_timeout_ms_ = timeout_ms;
+  send_progress_ = SteadyMilliseconds();
+  SetPhase(Phase::kSending);
+  SetDeadline(details::LookAgainMs(timeout_ms));
+  WatchWritable();
+  return 0;
+}
+
+CServerConnection::Next CServerConnection::StepSending() {
+  std::string_view rest = std::string_view(output_).substr(output_sent_);
+  std::string_view nothing;
+  const IoStatus status = Write(rest, nothing, details::kBytesPerTurn);
+  const std::size_t sent = output_.size() - rest.size();
+  if (sent > output_sent_) {
+    output_sent_ = sent;
+    send_progress_ = SteadyMilliseconds();
+    SetDeadline(details::LookAgainMs(send_timeout_ms_));
+  }
+  if (status == IoStatus::kDone && rest.empty()) {
+    FinishAnswer();
+    return phase_ == Phase::kIdle && HasInput() ? Next::kGoOn : Next::kWait;
+  }
+  if (status == IoStatus::kDone) {
+    return Next::kGoOn;
+  }
+  if (status == IoStatus::kWantWrite) {
+    WatchWritable();
+    // A client that is gone is noticed even while nothing can be written.
+    return StepWhileHandled();
+  }
+  Close();
+  return Next::kWait;
+}
+
+// The deadline of a sending came. True when it is only time for another attempt.
+bool CServerConnection::SendAgain(Lock& lock) {
+  if (phase_ != Phase::kSending || SteadyMilliseconds() - send_progress_ >= send_timeout_ms_) {
+    return false;
+  }
+  SetDeadline(details::LookAgainMs(send_timeout_ms_));
+  Advance(lock);
+  return true;
+}
+
+// Writes until all is written, `most` bytes are, or the socket takes no more. The views lose what was written.
+IoStatus CServerConnection::Write(std::string_view& first, std::string_view& second, std::size_t most) {
+  std::size_t written = 0;
+  while (!first.empty() || !second.empty()) {
+    if (written >= most) {
+      return IoStatus::kDone;
+    }
+    const IoResult result = first.empty() ? transport_.Write(second) : transport_.Write(first, second);
+    if (result.status != IoStatus::kDone) {
+      return result.status;
+    }
+    written += result.bytes;
+    details::Advance(first, second, result.bytes);
+  }
+  return IoStatus::kDone;
+}
+
+int CServerConnection::WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms,
+                                     Lock& lock) {
+  // This thread keeps the time itself; the worker's clock has a second look should it fail to.
+  SetDeadline(std::int64_t{2} * timeout_ms);
+  std::int64_t last_progress = SteadyMilliseconds();
+  while (!first.empty() || !second.empty()) {
+    if (phase_ == Phase::kClosed) {
+      return kNetSendFailed;
+    }
+    const std::size_t before = first.size() + second.size();
+    const IoStatus status = Write(first, second, details::kBytesPerTurn);
+    if (status != IoStatus::kDone && status != IoStatus::kWantWrite) {
+      return kNetSendFailed;
+    }
+    const std::int64_t now = SteadyMilliseconds();
+    if (first.size() + second.size() < before) {
+      last_progress = now;
+      SetDeadline(std::int64_t{2} * timeout_ms);
+    } else if (now - last_progress >= timeout_ms) {
+      return kNetSendTimeout;
+    }
+    const details::SocketHandle socket = transport_.Socket().NativeHandle();
+    const auto left_ms = static_cast<int>(last_progress + timeout_ms - now);
+    lock.unlock();
+    if (status == IoStatus::kWantWrite) {
+      details::WaitForSocket(socket, false, true, std::min(left_ms, details::LookAgainMs(timeout_ms)));
+    }
+    lock.lock();
+  }
+  return phase_ == Phase::kClosed ? kNetSendFailed : 0;
+}
+
+// All of an answer is with the operating system.
+void CServerConnection::FinishAnswer() {
+  output_ = std::string();
+  if (!keep_alive_) {
+    StartDraining();
+    return;
+  }
+  if (peer_done_) {
+    Close();
+    return;
+  }
+  SetPhase(Phase::kIdle);
+  SetDeadline(limits_.idle_timeout_ms);
+  parser_.Reset();
+  // Inside Advance the loop looks for itself, also when another thread gets here while a callback runs.
+  if (HasInput() && !advancing_) {
+    ContinueLater();
+  }
+}
+
+void CServerConnection::StartDraining() {
+  KeepInput({});
+  transport_.ShutdownSend();
+  if (peer_done_) {
+    Close();
+    return;
+  }
+  SetPhase(Phase::kDraining);
+  SetDeadline(details::kDrainMs);
+  drain_left_ = details::kDrainBytes;
+  WatchReadable();
+}
+
+}  // namespace TansyNet

@@ -1,0 +1,132 @@
+// Bodies that are delivered in pieces, one piece at a time.
+#include <algorithm>
+#include <utility>
+
+#include "TansyNet/server/ServerConnection.h"
+
+namespace TansyNet {
+namespace details {
+namespace {
+
+// Of an upload under way there are at most: the piece that is being stored, its receiver's copy, and the piece read
+// ahead. With this size that is half of what an upload may cost, and storages that keep 4 MiB blocks write whole ones.
+constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
+constexpr int kUnavailable = 503;
+static_assert(kPieceBytes <= kWholeBodyLimit);
+
+}  // namespace
+}  // namespace details
+
+struct CServerConnection::PieceToken {
+  PieceToken(std::weak_ptr<CServerConnection> owner, std::int32_t request)
+      : connection(std::move(owner)), handle(request) {}
+  PieceToken(const PieceToken&) = delete;
+  PieceToken& operator=(const PieceToken&) = delete;
+  ~PieceToken() {
+    if (const auto target = connection.lock()) {
+      target->OnTokenGone(handle);
+    }
+  }
+
+  const std::weak_ptr<CServerConnection> connection;
+  const std::int32_t handle;
+};
+
+CServerConnection::Next CServerConnection::BeginUpload(std::uint64_t length, std::string_view input) {
+  request_.content_length = static_cast<std::uint32_t>(length);
+  upload_ = std::make_unique<Upload>();
+  upload_->left = length;
+  StartPiece();
+  upload_->filling.Consume(input);
+  KeepInput(input);
+  SetPhase(Phase::kUpload);
+  SetDeadline(limits_.body_timeout_ms);
+  if (upload_->filling.Used() == 0) {
+    SendContinue();
+  }
+  return Next::kGoOn;
+}
+
+void CServerConnection::StartPiece() {
+  const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(upload_->left, details::kPieceBytes));
+  upload_->left -= size;
+  upload_->filling.Start(size, upload_->store->TakeSpare());
+}
+
+CServerConnection::Next CServerConnection::StepUpload() {
+  if (upload_->ready != nullptr) {
+    return Next::kWait;  // OnTokenGone goes on
+  }
+  const IoStatus status = ReadInto(upload_->filling);
+  if (status != IoStatus::kDone) {
+    WaitFor(status);
+    return Next::kWait;
+  }
+  if (!upload_->filling.ClaimMemory()) {
+    return Refuse(details::kUnavailable);
+  }
+  SetDeadline(limits_.body_timeout_ms);
+  if (upload_->filling.IsComplete()) {
+    upload_->ready = upload_->store->Share(upload_->filling.Take());
+    SetDeadline(limits_.unanswered_timeout_ms);
+    DeliverPiece();
+  }
+  return Next::kGoOn;
+}
+
+void CServerConnection::DeliverPiece() {
+  if (upload_->ready == nullptr || upload_->token_out) {
+    return;
+  }
+  if (handle_ == 0) {
+    handle_ = runtime_.Handles().Add(shared_from_this());
+  }
+  const bool is_last = upload_->left == 0;
+  auto message = std::make_shared<HttpServerRecv>(request_);
+  message->error_code = is_last ? kLastBodyPiece : kBodyPiece;
+  message->body = std::exchange(upload_->ready, nullptr);
+  message->body_size = static_cast<std::uint32_t>(message->body->size());
+  message->token = std::make_shared<PieceToken>(weak_from_this(), handle_);
+  upload_->token_out = true;
+  if (is_last) {
+    upload_.reset();
+    EnterHandling();
+  } else {
+    StartPiece();
+    SetDeadline(limits_.body_timeout_ms);
+  }
+  runtime_.Deliver([self = shared_from_this(), handle = handle_, message = std::move(message)] {
+    self->RunPiece(handle, *message);
+  });
+}
+
+// On a thread of the delivery pool.
+void CServerConnection::RunPiece(std::int32_t handle, HttpServerRecv& message) {
+  {
+    const Lock lock(mutex_);
+    if (!CheckHandle(handle)) {
+      return;  // answered, or the client is gone
+    }
+  }
+  // The receiver may have handed on and finished the piece before it returns; the next one still waits for the return.
+  const std::shared_ptr<const void> token = message.token;
+  Call(handle, message);
+}
+
+void CServerConnection::OnTokenGone(std::int32_t handle) {
+  worker_->Post([self = shared_from_this(), handle] {
+    Lock lock(self->mutex_);
+    if (self->phase_ != Phase::kUpload || !self->CheckHandle(handle)) {
+      return;
+    }
+    self->upload_->token_out = false;
+    self->DeliverPiece();
+    self->Advance(lock);
+  });
+}
+
+bool CServerConnection::UploadIsRead() const {
+  return upload_ == nullptr || (upload_->left == 0 && upload_->ready != nullptr);
+}
+
+}  // namespace TansyNet

@@ -1,0 +1,125 @@
+#include "TansyNet/server/ServerRuntime.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "TansyNet/MemoryAccount.h"
+
+namespace TansyNet {
+namespace details {
+namespace {
+
+constexpr unsigned kDeliveryThreads = 4;
+
+// Deadlines are looked at often enough for the shortest of them to be kept roughly, and seldom enough not to matter.
+std::uint32_t TickFor(const HttpServerLimits& limits) {
+  constexpr std::uint32_t kLooksPerLimit = 8;
+  constexpr std::uint32_t kShortest = 10;
+  constexpr std::uint32_t kLongest = 500;
+  const std::uint32_t limit = std::min(
+      {limits.header_timeout_ms, limits.idle_timeout_ms, limits.body_timeout_ms, limits.unanswered_timeout_ms});
+  return std::clamp(limit / kLooksPerLimit, kShortest, kLongest);
+}
+
+}  // namespace
+}  // namespace details
+
+void ServerThreads::Stop() {
+  for (const auto& worker : workers) {
+    worker->Stop();
+  }
+  if (delivery != nullptr) {
+    delivery->Stop();
+  }
+}
+
+void CServerRuntime::EnsureRunning() {
+  const std::scoped_lock lock(mutex_);
+  if (!threads_.workers.empty()) {
+    return;
+  }
+  const unsigned count = std::max(1U, std::thread::hardware_concurrency());
+  for (unsigned index = 0; index < count; ++index) {
+    auto worker = std::make_shared<CServerWorker>();
+    worker->SetTick(details::TickFor(limits_));
+    worker->Start();
+    threads_.workers.push_back(std::move(worker));
+  }
+  threads_.delivery = std::make_shared<CDeliveryPool>();
+  threads_.delivery->Start(details::kDeliveryThreads);
+}
+
+void CServerRuntime::Deliver(std::function<void()> task) {
+  std::shared_ptr<CDeliveryPool> delivery;
+  {
+    const std::scoped_lock lock(mutex_);
+    delivery = threads_.delivery;
+  }
+  if (delivery != nullptr) {
+    delivery->Post(std::move(task));
+  }
+}
+
+std::shared_ptr<CServerWorker> CServerRuntime::NextWorker() {
+  const std::scoped_lock lock(mutex_);
+  if (threads_.workers.empty()) {
+    return nullptr;
+  }
+  return threads_.workers[next_worker_++ % threads_.workers.size()];
+}
+
+void CServerRuntime::SetLimits(const HttpServerLimits& limits) {
+  const std::scoped_lock lock(mutex_);
+  limits_ = limits;
+  max_connections_.store(limits.connections, std::memory_order_relaxed);
+  CMemoryAccount::Process().SetLimit(limits.body_memory_bytes);
+  for (const auto& worker : threads_.workers) {
+    worker->SetTick(details::TickFor(limits));
+  }
+}
+
+HttpServerLimits CServerRuntime::Limits() const {
+  const std::scoped_lock lock(mutex_);
+  return limits_;
+}
+
+bool CServerRuntime::AdmitConnection() {
+  if (connections_.fetch_add(1, std::memory_order_relaxed) < max_connections_.load(std::memory_order_relaxed)) {
+    return true;
+  }
+  ConnectionClosed();
+  return false;
+}
+
+void CServerRuntime::ConnectionIdle() {
+  if (busy_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    const std::scoped_lock lock(idle_mutex_);
+    idle_.notify_all();
+  }
+}
+
+bool CServerRuntime::WaitUntilIdle(std::uint32_t milliseconds) {
+  std::unique_lock lock(idle_mutex_);
+  return idle_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                        [this] { return busy_.load(std::memory_order_acquire) == 0; });
+}
+
+void CServerRuntime::ForEachConnection(const std::function<void(IServerConnection&)>& visit) {
+  std::vector<std::shared_ptr<CServerWorker>> workers;
+  {
+    const std::scoped_lock lock(mutex_);
+    workers = threads_.workers;
+  }
+  for (const auto& worker : workers) {
+    worker->ForEachConnection(visit);
+  }
+}
+
+ServerThreads CServerRuntime::TakeThreads() {
+  const std::scoped_lock lock(mutex_);
+  return std::exchange(threads_, {});
+}
+
+}  // namespace TansyNet

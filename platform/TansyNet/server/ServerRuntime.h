@@ -1,0 +1,80 @@
+// What all connections of the process share: threads, handles, limits and counts.
+#ifndef TANSY_NET_SERVER_SERVER_RUNTIME_H
+#define TANSY_NET_SERVER_SERVER_RUNTIME_H
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "TansyNet/server/DeliveryPool.h"
+#include "TansyNet/server/HandleTable.h"
+#include "TansyNet/server/ServerSettings.h"
+#include "TansyNet/server/ServerWorker.h"
+
+namespace TansyNet {
+
+// The threads of a server.
+struct ServerThreads {
+  std::vector<std::shared_ptr<CServerWorker>> workers;
+  std::shared_ptr<CDeliveryPool> delivery;
+
+  // Closes every connection and ends the threads. Not from one of them.
+  void Stop();
+};
+
+// Outlives its listeners and connections. Any thread.
+class CServerRuntime {
+ public:
+  CServerRuntime() = default;
+  CServerRuntime(const CServerRuntime&) = delete;
+  CServerRuntime& operator=(const CServerRuntime&) = delete;
+
+  // Starts the threads unless they run.
+  void EnsureRunning();
+  // The runtime has no threads afterwards; EnsureRunning starts new ones.
+  ServerThreads TakeThreads();
+
+  void SetLimits(const HttpServerLimits& limits);
+  HttpServerLimits Limits() const;
+
+  CHandleTable& Handles() { return handles_; }
+  // Runs a callback that may take long; see CDeliveryPool. Dropped when nothing runs.
+  void Deliver(std::function<void()> task);
+
+  // Counts a new connection; false when there are enough.
+  bool AdmitConnection();
+  void ConnectionClosed() { connections_.fetch_sub(1, std::memory_order_relaxed); }
+  // Connections with a request between its header and the last byte of its answer.
+  void ConnectionBusy() { busy_.fetch_add(1, std::memory_order_relaxed); }
+  void ConnectionIdle();
+  // False when there are still some after so many milliseconds.
+  bool WaitUntilIdle(std::uint32_t milliseconds);
+
+  // Where the next connection lives; null when nothing runs.
+  std::shared_ptr<CServerWorker> NextWorker();
+  // Calls `visit` for each connection on the thread that it lives on, some time from now.
+  void ForEachConnection(const std::function<void(IServerConnection&)>& visit);
+
+ private:
+  mutable std::mutex mutex_;
+  HttpServerLimits limits_;      // guarded by mutex_
+  ServerThreads threads_;        // guarded by mutex_
+  std::size_t next_worker_ = 0;  // guarded by mutex_
+
+  CHandleTable handles_;
+  std::atomic<std::uint32_t> connections_{0};
+  std::atomic<std::uint32_t> max_connections_{HttpServerLimits{}.connections};
+
+  std::atomic<std::int64_t> busy_{0};
+  std::mutex idle_mutex_;
+  std::condition_variable idle_;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_SERVER_RUNTIME_H

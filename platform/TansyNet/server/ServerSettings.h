@@ -1,0 +1,56 @@
+// What a host sets for its listeners, and the results that it gets.
+#ifndef TANSY_NET_SERVER_SERVER_SETTINGS_H
+#define TANSY_NET_SERVER_SERVER_SETTINGS_H
+
+#include <cstdint>
+#include <string>
+
+#include "TansyNet/wire/ServerMessages.h"
+
+namespace TansyNet {
+
+// Takes a request; see CHttpServer::RecvCallback.
+using RecvCallback = void (*)(std::int32_t handle, HttpServerRecv& msg);
+
+// Certificate of an HTTPS listener. A path given as both certificate and key names a pair beside each other (path +
+// ".crt" and path + ".key") or, when there is no such pair, one PEM file that holds both. All flags are false for a
+// server that asks its clients for no certificate.
+struct HttpsServer {
+  bool request_client_certificate = false;
+  bool require_client_certificate = false;
+  bool legacy_protocols = false;  // reserved: TLS 1.2 and 1.3 are spoken whatever it says
+  std::string certificate_path;
+  std::string private_key_path;
+  std::string trust_path;  // PEM file of the authorities that sign client certificates
+};
+
+// What a client may do. Breaking a limit gets the right 4xx where an answer is still possible, and a closed connection.
+struct HttpServerLimits {
+  std::uint32_t header_bytes = 64 * 1024;
+  std::uint32_t header_timeout_ms = 10000;  // from the first byte of a request to the end of its header; TLS handshakes
+  std::uint32_t idle_timeout_ms = 60000;    // between two requests of a connection
+  std::uint32_t body_timeout_ms = 30000;    // without any progress of the body
+  std::uint32_t unanswered_timeout_ms = 120000;  // from the delivery of a whole request to its answer
+  std::uint32_t connections = 10000;
+  std::uint32_t whole_body_bytes = 64 * 1024 * 1024;  // bodies of methods other than PUT; more is answered 413
+  // Bodies of all requests together, from their first byte until the last copy of their message is gone; a client whose
+  // body finds no room is answered 503.
+  std::uint64_t body_memory_bytes = std::uint64_t{2} << 30;
+};
+
+// Results other than 0 (success).
+enum NetError : int {
+  kNetAddressInUse = 1001,
+  kNetAddressInvalid = 1002,
+  kNetListenFailed = 1003,
+  kNetUnknownHandle = 1004,    // no such listener; or the request is answered, timed out, or its client is gone
+  kNetCertificate = 1005,      // certificate or key missing, broken, or not belonging together; LastError says which
+  kNetAlreadyAnswered = 1006,  // the head of another answer is out; the connection is closed
+  kNetSendFailed = 1007,
+  kNetSendTimeout = 1008,
+  kNetPermission = 1009,
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_SERVER_SETTINGS_H

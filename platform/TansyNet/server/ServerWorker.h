@@ -1,0 +1,62 @@
+// One I/O thread with its event loop, the connections that live on it, and the clock that watches over them.
+#ifndef TANSY_NET_SERVER_SERVER_WORKER_H
+#define TANSY_NET_SERVER_SERVER_WORKER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "TansyNet/server/IServerConnection.h"
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace TansyNet {
+
+// Milliseconds of a clock that never goes back.
+std::int64_t SteadyMilliseconds();
+
+class CServerWorker {
+ public:
+  static constexpr std::size_t kScratchBytes = std::size_t{64} * 1024;
+
+  CServerWorker();
+  ~CServerWorker();
+  CServerWorker(const CServerWorker&) = delete;
+  CServerWorker& operator=(const CServerWorker&) = delete;
+
+  // Whether the calling thread belongs to the library, which must not wait for its own end.
+  static bool IsLibraryThread();
+  static void MarkLibraryThread();
+
+  void Start();
+  // Closes the worker's connections and ends its thread. Later posts are dropped.
+  void Stop();
+
+  // Any thread. Runs `task` on the worker's thread; false when the worker has stopped.
+  bool Post(std::function<void()> task);
+  // How often deadlines are looked at.
+  void SetTick(std::uint32_t milliseconds);
+  // Calls `visit` for each connection on the worker's thread.
+  void ForEachConnection(std::function<void(IServerConnection&)> visit);
+
+  // The worker's thread only. The worker keeps a connection alive from Adopt to Forget.
+  void Adopt(std::shared_ptr<IServerConnection> connection);
+  void Forget(IServerConnection* connection);
+  // Room for the bytes of one read, shared by all connections of the worker: a connection that waits keeps no buffer.
+  char* Scratch();
+
+  // The worker's event loop, for those who know Asio. Sockets made on it are watched by the worker's thread.
+  boost::asio::io_context& Loop();
+
+ private:
+  struct Impl;
+
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_SERVER_SERVER_WORKER_H

@@ -1,0 +1,9 @@
+#include "TansyNet/server/ListenerOptions.h"
+
+namespace TansyNet {
+
+bool LingeringConnectionsBlockPorts() {
+  return true;
+}
+
+}  // namespace TansyNet

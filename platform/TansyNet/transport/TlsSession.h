@@ -1,0 +1,68 @@
+// TLS over one socket, for both sides of the library.
+#ifndef TANSY_NET_TRANSPORT_TLS_SESSION_H
+#define TANSY_NET_TRANSPORT_TLS_SESSION_H
+
+#include <openssl/types.h>
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+#include "TansyNet/transport/Socket.h"
+
+namespace TansyNet {
+
+// Turns the calls of a plain socket into those of an encrypted one. Never blocks. Threads: as ISocket.
+class CTlsSession {
+ public:
+  enum class Side { kServer, kClient };
+
+  // `socket` outlives the session. Null when the TLS library is out of memory.
+  static std::unique_ptr<CTlsSession> Create(SSL_CTX* context, ISocket& socket, Side side);
+  ~CTlsSession();
+  CTlsSession(const CTlsSession&) = delete;
+  CTlsSession& operator=(const CTlsSession&) = delete;
+
+  // The library's own object, for what only one side sets or asks.
+  SSL* Native() const { return ssl_; }
+
+  // kDone when the handshake is complete.
+  IoResult Handshake();
+  // After a failed call: the peer speaks plain HTTP.
+  bool PeerSpeaksHttp() const;
+  // After a failed call: the reason number of the TLS library, 0 when the connection was at fault and not what came
+  // over it. `SocketError` is then the system's number, or 0 when the peer just left.
+  int FailureReason() const;
+  int SocketError() const { return write_error_ != 0 ? write_error_ : read_error_; }
+  // The same in words, for logs.
+  const char* FailureText() const;
+
+  IoResult Read(char* data, std::size_t size);
+  // What was not written must be offered again first, unchanged, in the next call. The end of `first` and the start of
+  // `second` share a record, so that a small message is one packet.
+  IoResult Write(std::string_view first, std::string_view second);
+  // Bytes that the socket no longer has, but no Read has returned yet.
+  bool HasBuffered() const;
+  // True while an answer of the protocol itself waits to be written.
+  bool WantsToWrite() const { return wants_to_write_; }
+  // Tells the peer that nothing follows, if the handshake is complete and the socket takes it.
+  void SendCloseNotify();
+
+ private:
+  struct SocketBio;
+
+  CTlsSession(SSL* ssl, ISocket& socket) : ssl_(ssl), socket_(socket) {}
+  IoResult WriteOne(std::string_view data);
+  IoResult Outcome(int result, std::size_t bytes);
+
+  SSL* const ssl_;
+  ISocket& socket_;
+  int write_error_ = 0;  // of the socket; what the peer sent before it went can still be read
+  int read_error_ = 0;
+  bool wants_to_write_ = false;
+  unsigned long failure_ = 0;  // the TLS library's code
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_TRANSPORT_TLS_SESSION_H

@@ -1,0 +1,18 @@
+// What a request looks like on the wire before its body.
+#ifndef TANSY_NET_WIRE_REQUEST_HEAD_H
+#define TANSY_NET_WIRE_REQUEST_HEAD_H
+
+#include <string>
+
+#include "TansyNet/wire/ClientMessages.h"
+#include "TansyNet/wire/Url.h"
+
+namespace TansyNet::details {
+
+// Request line, "Host", the given headers, content type and length, and the empty line. False when something in the
+// request would break out of its line.
+bool BuildRequestHead(const CHttpClientRequest& request, const URL& url, std::string& head);
+
+}  // namespace TansyNet::details
+
+#endif  // TANSY_NET_WIRE_REQUEST_HEAD_H

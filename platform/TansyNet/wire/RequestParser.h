@@ -1,0 +1,64 @@
+// Reads request heads and chunked bodies from pieces of any size.
+#ifndef TANSY_NET_WIRE_REQUEST_PARSER_H
+#define TANSY_NET_WIRE_REQUEST_PARSER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "TansyNet/wire/Headers.h"
+
+namespace TansyNet {
+
+// How a request's body is delimited.
+enum class BodyFraming { kNone, kLength, kChunked };
+
+struct RequestHead {
+  std::string method;
+  std::string path;
+  std::string query;
+  Headers headers;
+  BodyFraming framing = BodyFraming::kNone;
+  std::uint64_t content_length = 0;
+  bool http11 = true;
+  bool keep_alive = true;
+  bool expects_continue = false;
+};
+
+// Built on Beast's incremental parser, which takes the text apart; what decides where a body ends is checked again
+// here, more strictly, because a difference of opinion with a proxy in front about that is how requests are smuggled
+// past it.
+class CRequestParser {
+ public:
+  enum class Progress { kNeedMore, kDone, kFailed };
+
+  explicit CRequestParser(std::uint32_t header_bytes);
+  ~CRequestParser();
+  CRequestParser(const CRequestParser&) = delete;
+  CRequestParser& operator=(const CRequestParser&) = delete;
+
+  // Forgets everything; the next bytes begin a request.
+  void Reset();
+
+  // Takes bytes of the head from the front of `input`. What it leaves there must be there again, followed by more, in
+  // the next call; after kDone it is what follows the head.
+  Progress ParseHead(std::string_view& input);
+  RequestHead& Head();
+
+  // The same for a chunked body, whose bytes are appended to `body`. More than `limit` bytes give kFailed with status
+  // 413. Trailers are dropped.
+  Progress ParseChunks(std::string_view& input, std::string& body, std::uint64_t limit);
+
+  // The status that answers a failure.
+  int FailureStatus() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_WIRE_REQUEST_PARSER_H

@@ -1,0 +1,54 @@
+// What a server is given for each request, and what it answers with.
+#ifndef TANSY_NET_WIRE_SERVER_MESSAGES_H
+#define TANSY_NET_WIRE_SERVER_MESSAGES_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "TansyNet/wire/Headers.h"
+#include "TansyNet/wire/MultipartForm.h"
+
+namespace TansyNet {
+
+// Delivery states of a request.
+inline constexpr std::int32_t kWholeRequest = 0;
+inline constexpr std::int32_t kBodyPiece = -1;      // more pieces follow
+inline constexpr std::int32_t kLastBodyPiece = -2;  // the last piece
+
+// A PUT body up to this size is delivered whole, a larger one in pieces of at most this size.
+inline constexpr std::uint32_t kWholeBodyLimit = 10485760;
+
+// A delivered request, or one piece of it. Copying it copies pointers, never bytes.
+struct HttpServerRecv {
+  std::int32_t error_code = kWholeRequest;
+  std::string method;
+  std::string url;                          // path, as sent, without the query
+  std::string query;                        // as sent, without the "?"
+  std::string ip;                           // peer address
+  std::shared_ptr<const std::string> body;  // bytes of this delivery, immutable; null when there are none
+  std::uint32_t body_size = 0;              // bytes of this delivery
+  std::uint32_t content_length = 0;         // declared length of the whole body
+  Headers headers;
+  std::vector<FormPart> form_parts;  // of a whole multipart/form-data body, in its order
+  // One piece at a time: the next piece of this request is delivered when the last copy of this token is gone. Whoever
+  // keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token. Null for whole requests.
+  std::shared_ptr<const void> token;
+};
+
+// An answer without its body.
+struct HttpResponse {
+  std::int32_t status = 200;
+  std::int32_t send_timeout_ms = 20000;  // a client that takes nothing for this long is disconnected
+  std::int32_t close_connection = 0;     // not 0: the connection is closed after the answer
+  std::string content_type = "application/xml; charset=\"UTF-8\"";
+  std::string content_encoding;
+  std::string location;
+  std::string cache_control = "no-cache";
+  Headers headers;  // sent as they are, after those above
+};
+
+}  // namespace TansyNet
+
+#endif  // TANSY_NET_WIRE_SERVER_MESSAGES_H

@@ -1,0 +1,138 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "TansyNet/HttpServer.h"
+#include "TansyNet/MemoryAccount.h"
+#include "TansyNet/server/BodyBuffer.h"
+
+namespace {
+
+using TansyNet::CBodyBuffer;
+using TansyNet::CMemoryAccount;
+using TansyNet::CMemoryShare;
+using TansyNet::CountedBytes;
+using TansyNet::CPieceStore;
+
+TEST(BodyBuffer, CollectsExactlyItsLength) {
+  CBodyBuffer body;
+  body.Start(5);
+  std::string_view input = "abc";
+  body.Consume(input);
+  EXPECT_TRUE(input.empty());
+  EXPECT_FALSE(body.IsComplete());
+  input = "defg";
+  body.Consume(input);
+  EXPECT_EQ(input, "fg");
+  EXPECT_TRUE(body.IsComplete());
+  EXPECT_TRUE(body.Space().empty());
+  EXPECT_EQ(body.Take().bytes, "abcde");
+  EXPECT_TRUE(body.IsComplete()) << "it is empty again";
+}
+
+TEST(BodyBuffer, CostsNothingBeforeBytesCome) {
+  CBodyBuffer body;
+  body.Start(10485760);
+  EXPECT_EQ(body.Used(), 0U);
+  EXPECT_LE(body.Space().size(), 4096U);
+}
+
+TEST(BodyBuffer, GrowsWithWhatCame) {
+  constexpr std::size_t kLength = 10485760;
+  CBodyBuffer body;
+  body.Start(kLength);
+  std::size_t steps = 0;
+  while (!body.IsComplete()) {
+    const auto space = body.Space();
+    ASSERT_FALSE(space.empty());
+    EXPECT_LE(space.size(), std::max<std::size_t>(4096, body.Used()));
+    std::fill(space.begin(), space.end(), static_cast<char>('a' + steps % 26));
+    body.Commit(space.size());
+    ++steps;
+  }
+  EXPECT_LT(steps, 200U);
+  EXPECT_EQ(body.Take().bytes.size(), kLength);
+}
+
+TEST(BodyBuffer, ReusesMemory) {
+  CBodyBuffer body;
+  CountedBytes storage{.bytes = std::string(100, 'x'), .share = {}};
+  const char* const memory = storage.bytes.data();
+  body.Start(50, std::move(storage));
+  EXPECT_EQ(body.Space().size(), 50U);
+  EXPECT_EQ(body.Space().data(), memory);
+  body.Commit(20);
+  EXPECT_EQ(body.Take().bytes, std::string(20, 'x'));
+}
+
+TEST(PieceStore, GetsMemoryBackWithTheLastOwner) {
+  const auto store = std::make_shared<CPieceStore>();
+  EXPECT_EQ(store->TakeSpare().bytes, "");
+  auto piece = store->Share({.bytes = std::string(1000, 'p'), .share = {}});
+  auto copy = piece;
+  const char* const memory = piece->data();
+  piece.reset();
+  EXPECT_EQ(store->TakeSpare().bytes, "");
+  copy.reset();
+  const CountedBytes spare = store->TakeSpare();
+  EXPECT_EQ(spare.bytes.data(), memory);
+  EXPECT_EQ(store->TakeSpare().bytes, "");
+}
+
+TEST(PieceStore, MayDieBeforeItsPieces) {
+  auto store = std::make_shared<CPieceStore>();
+  const auto piece = store->Share({.bytes = "piece", .share = {}});
+  store.reset();
+  EXPECT_EQ(*piece, "piece");
+}
+
+// Sets the process's limit and puts the usual one back.
+class MemoryBudget : public testing::Test {
+ protected:
+  MemoryBudget() { CMemoryAccount::Process().SetLimit(1000); }
+  ~MemoryBudget() override { CMemoryAccount::Process().SetLimit(TansyNet::HttpServerLimits{}.body_memory_bytes); }
+};
+
+TEST_F(MemoryBudget, IsSharedByAll) {
+  CMemoryShare first;
+  CMemoryShare second;
+  EXPECT_TRUE(first.Resize(600));
+  EXPECT_FALSE(second.Resize(401));
+  EXPECT_TRUE(second.Resize(400));
+  EXPECT_EQ(CMemoryAccount::Process().Used(), 1000U);
+  EXPECT_TRUE(first.Resize(100));
+  EXPECT_EQ(CMemoryAccount::Process().Used(), 500U);
+  EXPECT_FALSE(second.Resize(1001));
+  EXPECT_EQ(CMemoryAccount::Process().Used(), 500U);
+}
+
+TEST_F(MemoryBudget, GetsSharesBack) {
+  {
+    CMemoryShare first;
+    EXPECT_TRUE(first.Resize(300));
+    CMemoryShare moved = std::move(first);
+    CMemoryShare other;
+    EXPECT_TRUE(other.Resize(200));
+    other = std::move(moved);
+    EXPECT_EQ(CMemoryAccount::Process().Used(), 500U);
+  }
+  EXPECT_EQ(CMemoryAccount::Process().Used(), 0U);
+}
+
+TEST_F(MemoryBudget, CountsABodyUntilItsLastOwnerIsGone) {
+  CBodyBuffer body;
+  body.Start(300);
+  const std::string text(300, 'x');
+  std::string_view input = text;
+  body.Consume(input);
+  EXPECT_TRUE(body.ClaimMemory());
+  auto shared = TansyNet::ShareBytes(body.Take());
+  const auto copy = shared;
+  shared.reset();
+  EXPECT_EQ(CMemoryAccount::Process().Used(), 300U);
+}
+
+}  // namespace
