@@ -7,4 +7,33 @@
 // name the place that it is called from.
 #define CLOUD_LOG(level, format, ...) TANSY_LOG(level, "platform.LocalStorage", format __VA_OPT__(, ) __VA_ARGS__)
 
+namespace Tansy::CloudStorage::details {
+
+// In whose name a helper writes its log lines: those of a function that several others share name the one that was
+// called from outside, because that is the name that people search for. All of it lives as long as the process.
+struct Caller {
+  const char* function;
+  const char* file;
+  int line;
+};
+
+}  // namespace Tansy::CloudStorage::details
+
+// The function and line that it stands in, as a Caller. A macro for the same reason.
+#define CLOUD_LOG_CALLER                                                           \
+  ([]() -> ::Tansy::CloudStorage::details::Caller {                                \
+    static constexpr auto name = ::logging::CutQualifiedName(TANSY_FUNCTION_TEXT); \
+    return {name.text, __FILE__, __LINE__};                                        \
+  }())
+
+// CLOUD_LOG in the name of a Caller.
+#define CLOUD_LOG_FOR(caller, level, format, ...)                                                                  \
+  do {                                                                                                             \
+    if (::logging::IsEnabled(level)) {                                                                             \
+      static ::logging::CallSite site;                                                                             \
+      ::logging::Write(site, level, "platform.LocalStorage", format, (caller).function __VA_OPT__(, ) __VA_ARGS__, \
+                       (caller).file, (caller).line);                                                              \
+    }                                                                                                              \
+  } while (false)
+
 #endif  // TANSY_SRC_MODULE_LOG_H

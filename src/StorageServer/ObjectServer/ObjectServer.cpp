@@ -72,7 +72,7 @@ int CObjectServer::Init(const StorageServerConfig_V1& config) {
     copy.https_wan_port = config.https_wan_port;
     copy.https_wan_download_port = config.https_wan_download_port;
   });
-  return StartHttpsListeners(*conf_.Load(), OBJECT_SERVER_CALLER);
+  return StartHttpsListeners(*conf_.Load(), CLOUD_LOG_CALLER);
 }
 
 int CObjectServer::SetObjectServerEnable(bool enable) {
@@ -85,7 +85,7 @@ int CObjectServer::SetObjectServerEnable(bool enable) {
     CLOUD_LOG(logging::kNotable, "[%s]SetPicServerEnable, already stoped.[%s(%d)]");
     return 0;
   }
-  const details::Caller caller = OBJECT_SERVER_CALLER;
+  const details::Caller caller = CLOUD_LOG_CALLER;
   if (const int error = enable ? StartListeners(*conf_.Load(), caller) : StopListeners(caller); error != 0) {
     return error;
   }
@@ -172,7 +172,7 @@ bool CObjectServer::GetAdapterInfo(AdapterAddresses& addresses) {
       CLOUD_LOG(logging::kNotable, "[%s]adapter type[%d] is not support[%s(%d)]", adapter->type);
       continue;
     }
-    details::AddAddresses(addresses, *adapter, OBJECT_SERVER_CALLER);
+    details::AddAddresses(addresses, *adapter, CLOUD_LOG_CALLER);
   }
   OSAL_FreeAdapterInfo(adapters);
   return true;

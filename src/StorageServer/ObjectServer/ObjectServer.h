@@ -17,12 +17,11 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <string_view>
 
 #include "Singleton.h"
 #include "StorageServer/ConfigSnapshot.h"
+#include "StorageServer/ObjectServer/ObjectRequest.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
-#include "StorageServer/ObjectServer/ObjectServerLog.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/Catalogue.h"
@@ -83,22 +82,6 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // The machine's own addresses. False when the system does not tell.
   static bool GetAdapterInfo(AdapterAddresses& addresses);
 
-  // Handlers, in the order of the routing table. Each looks at the whole request again, answers it (except where its
-  // body says otherwise) and returns the result of the sending.
-  int HandleGetOneObiectMetadata(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleCreateBucket(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleGetBucketProperty(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleListBuckets(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleGetBestNode(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleUploadObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleMultiUploadTaskCreate(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleUploadPartObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleFinishMutiUploadTask(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleGetAllObjectTask(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleDownloadObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleRemoveObjectFile(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-  int HandleRemoveObject(std::int32_t session_id, const TansyNet::HttpServerRecv& request);
-
  private:
   friend class CSingleton<CObjectServer>;
   using HttpServerRecv = TansyNet::HttpServerRecv;
@@ -108,17 +91,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   struct Route;
   struct Routes;
 
-  // What the opening checks of a handler look at and how they word their log lines, in the order of the checks.
-  enum class Opening {
-    kStore,   // path, bucket, key length, signature
-    kPart,    // path, bucket, signature
-    kRead,    // the same
-    kRemove,  // the same
-  };
-  struct Target {
-    std::string bucket;
-    std::string key;
-  };
+  struct Opening;
 
   CObjectServer() = default;
   ~CObjectServer() = default;
@@ -133,35 +106,48 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // Intake and answers.
   static bool EndRefusedStream(std::int32_t handle);
   void TakeMsg(std::int32_t handle, HttpServerRecv& msg);
-  bool TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg);
-  bool TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);
-  static const Route* FindRoute(const HttpServerRecv& msg, const Target& target);
+  // What is to be done about a request once one of its pieces has been taken.
+  enum class Next { kNothing, kHandle };
+  Next TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg);
+  Next TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);
+  static Next StorePiece(std::int32_t handle, HttpServerRecv& msg);
+  static void DropBody(HttpServerRecv& msg);
+  static const Route* FindRoute(const ObjectRequest& request);
   int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const char* data, std::size_t size);
   int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const std::string& body);
+  int AnswerUnsupported(std::int32_t handle, int level, const details::Caller& caller);
   int AnswerXml(std::int32_t session_id, const std::string& body);
 
-  // The bytes of this delivery; they live as long as the request.
-  static std::string_view BodyOf(const HttpServerRecv& request) {
-    return request.body ? std::string_view(*request.body) : std::string_view("");
-  }
-
-  // Checks that several handlers begin with. 0, or the error code to answer; failures are logged for `caller`.
-  int OpenRequest(Target& target, const HttpServerRecv& request, const Config& config, Opening opening,
-                  const details::Caller& caller);
-  int OpenObject(Target& target, ObjectInfo& object, const HttpServerRecv& request, const Config& config,
-                 Opening opening, const details::Caller& caller);
+  // Makes the checks of an opening, in its order, on a request whose path has been taken apart. 0, or the error code to
+  // answer; failures are logged for `request.caller`.
+  static int Open(ObjectRequest& request, const Opening& opening);
+  static int Open(ObjectRequest& request, const Route& route);
+  // Makes those of a download.
+  static int OpenToRead(ObjectRequest& request);
   static int CheckAuth(const HttpServerRecv& request, const Config& config);
   static int CheckUrlAuth(const HttpServerRecv& request, const Config& config);
 
+  // Handlers, in the order of the routing table. Each gets a request that has passed the opening of its route, answers
+  // it (except where its body says otherwise) and returns the result of the sending.
+  int HandleGetOneObiectMetadata(std::int32_t session_id, const ObjectRequest& request);
+  int HandleCreateBucket(std::int32_t session_id, const ObjectRequest& request);
+  int HandleGetBucketProperty(std::int32_t session_id, const ObjectRequest& request);
+  int HandleListBuckets(std::int32_t session_id, const ObjectRequest& request);
+  int HandleGetBestNode(std::int32_t session_id, const ObjectRequest& request);
+  int HandleUploadObject(std::int32_t session_id, const ObjectRequest& request);
+  int HandleMultiUploadTaskCreate(std::int32_t session_id, const ObjectRequest& request);
+  int HandleUploadPartObject(std::int32_t session_id, const ObjectRequest& request);
+  int HandleFinishMutiUploadTask(std::int32_t session_id, const ObjectRequest& request);
+  int HandleGetAllObjectTask(std::int32_t session_id, const ObjectRequest& request);
+  int HandleDownloadObject(std::int32_t session_id, const ObjectRequest& request);
+  int HandleRemoveObjectFile(std::int32_t session_id, const ObjectRequest& request);
+  int HandleRemoveObject(std::int32_t session_id, const ObjectRequest& request);
+
   // Parts of HandleUploadObject. 0, or the error code to answer; `object` gets its url and size.
-  static int ReceiveStream(ObjectInfo& object, std::int32_t session_id, const HttpServerRecv& request,
-                           const details::Caller& caller);
-  static int StoreWhole(ObjectInfo& object, const HttpServerRecv& request, const Config& config,
-                        const details::Caller& caller);
+  static int ReceiveStream(ObjectInfo& object, std::int32_t session_id, const ObjectRequest& request);
+  static int StoreWhole(ObjectInfo& object, const ObjectRequest& request);
 
   // Parts of HandleDownloadObject.
-  int SendWholeOrRange(std::int32_t session_id, const Target& target, const ObjectInfo& object, const ByteRange& range,
-                       const Config& config);
   int StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range, std::uint32_t length);
   // Runs on a thread of its own. False when the answer could not be sent to its end.
   bool HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,

@@ -64,7 +64,7 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
     return kAccessDenied;
   }
   Authorization authorization;
-  if (!details::TakeAuthorization(authorization, header->second, OBJECT_SERVER_CALLER)) {
+  if (!details::TakeAuthorization(authorization, header->second, CLOUD_LOG_CALLER)) {
     return kAccessDenied;
   }
   if (authorization.ak != config.ak) {

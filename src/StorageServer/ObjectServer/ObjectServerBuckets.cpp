@@ -143,20 +143,16 @@ bool ChooseNode(Node& node, const HostField& field, const StorageServerConfig_V1
 }  // namespace
 }  // namespace details
 
-int CObjectServer::HandleCreateBucket(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
+int CObjectServer::HandleCreateBucket(std::int32_t session_id, const ObjectRequest& request) {
   auto& manager = CObjectStorageManager::Instance();
-  if (const int error = CheckAuth(request, *config); error != 0) {
-    return AnswerError(session_id, error);
-  }
   BucketInfo bucket;
-  bucket.name = details::WithoutSlash(request.url);
+  bucket.name = details::WithoutSlash(request.msg.url);
   if (manager.IsBucketExist(bucket.name)) {
     CLOUD_LOG(logging::kError, "[%s]bucket already exist[%s].[%s(%d)]", bucket.name.c_str());
     return AnswerError(session_id, kBucketAlreadyExists);
   }
-  const std::string body(BodyOf(request));
-  if (!details::ParseAddBucketMsg(bucket, body, OBJECT_SERVER_CALLER)) {
+  const std::string body(request.Body());
+  if (!details::ParseAddBucketMsg(bucket, body, request.caller)) {
     CLOUD_LOG(logging::kError, "[%s]invalid xml content[%s].[%s(%d)]", body.c_str());
     return AnswerError(session_id, kInvalidXmlContent);
   }
@@ -168,13 +164,9 @@ int CObjectServer::HandleCreateBucket(std::int32_t session_id, const HttpServerR
   return AnswerXml(session_id, {});
 }
 
-int CObjectServer::HandleGetBucketProperty(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  if (const int error = CheckAuth(request, *config); error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleGetBucketProperty(std::int32_t session_id, const ObjectRequest& request) {
   BucketInfo bucket;
-  if (!CObjectStorageManager::Instance().GetBucketByName(bucket, details::WithoutSlash(request.url))) {
+  if (!CObjectStorageManager::Instance().GetBucketByName(bucket, details::WithoutSlash(request.msg.url))) {
     return AnswerError(session_id, kNoSuchBucket);
   }
   std::string body;
@@ -184,11 +176,7 @@ int CObjectServer::HandleGetBucketProperty(std::int32_t session_id, const HttpSe
   return AnswerXml(session_id, body);
 }
 
-int CObjectServer::HandleListBuckets(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  if (const int error = CheckAuth(request, *config); error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleListBuckets(std::int32_t session_id, const ObjectRequest& /*request*/) {
   std::map<std::string, BucketInfo> buckets;
   CObjectStorageManager::Instance().GetBucketList(buckets);
   std::string body;
@@ -198,19 +186,14 @@ int CObjectServer::HandleListBuckets(std::int32_t session_id, const HttpServerRe
   return AnswerXml(session_id, body);
 }
 
-int CObjectServer::HandleGetBestNode(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  Target target;
-  if (const int error = OpenRequest(target, request, *config, Opening::kRemove, OBJECT_SERVER_CALLER); error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleGetBestNode(std::int32_t session_id, const ObjectRequest& request) {
   details::HostField field;
-  if (!details::ReadHostField(field, request.headers)) {
+  if (!details::ReadHostField(field, request.msg.headers)) {
     CLOUD_LOG(logging::kError, "[%s]no host.[%s(%d)]");
     return AnswerError(session_id, kInvalidHttpContent);
   }
   details::Node node;
-  if (!details::ChooseNode(node, field, *config)) {
+  if (!details::ChooseNode(node, field, request.config)) {
     CLOUD_LOG(logging::kError, "[%s]HandleGetBestNode, host field[%s] invalid.[%s(%d)]", field.value.c_str());
     return AnswerError(session_id, kInvalidHttpContent);
   }
@@ -218,11 +201,12 @@ int CObjectServer::HandleGetBestNode(std::int32_t session_id, const HttpServerRe
   if (!details::BuildBestNodeRsp(body, node.host, node.port)) {
     return AnswerError(session_id, kServerInternalError);
   }
+  const StorageServerConfig_V1& config = request.config;
   CLOUD_LOG(logging::kTrace,
             "[%s]HandleGetBestNode, host field[%s] host[%s] server_ip[%s]ip[%s] wan_ip[%s] upload_port[%d] "
             "wan_port[%d] https_port[%d] https_wan_port[%d]invalid.[%s(%d)]",
-            field.value.c_str(), field.host.c_str(), field.port_text.c_str(), config->ip.c_str(),
-            config->wan_ip.c_str(), config->upload_port, config->wan_port, config->https_port, config->https_wan_port);
+            field.value.c_str(), field.host.c_str(), field.port_text.c_str(), config.ip.c_str(), config.wan_ip.c_str(),
+            config.upload_port, config.wan_port, config.https_port, config.https_wan_port);
   return AnswerXml(session_id, body);
 }
 

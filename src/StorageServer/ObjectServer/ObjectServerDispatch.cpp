@@ -7,7 +7,6 @@
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerTasks.h"
-#include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {
@@ -22,6 +21,19 @@ constexpr std::size_t kMaxKeyBytes = 128;
 enum class Match { kAny, kEmpty, kEquals, kContains };
 enum class Part { kAny, kSet, kEmpty };
 
+// Whether the bucket must exist, and in which of three wordings its absence is logged.
+enum class BucketCheck { kNone, kName, kNameWithDot, kWithDot };
+
+void LogNoBucket(BucketCheck check, const std::string& bucket, const Caller& caller) {
+  if (check == BucketCheck::kName) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]bucket name not exist[%s][%s(%d)]", bucket.c_str());
+  } else if (check == BucketCheck::kNameWithDot) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]bucket name not exist[%s].[%s(%d)]", bucket.c_str());
+  } else {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]bucket not exist[%s].[%s(%d)]", bucket.c_str());
+  }
+}
+
 bool Matches(Part part, const std::string& text) {
   return part == Part::kAny || text.empty() == (part == Part::kEmpty);
 }
@@ -29,8 +41,38 @@ bool Matches(Part part, const std::string& text) {
 }  // namespace
 }  // namespace details
 
+// What must be true of a request before its handler gets it, checked in the order of the fields; that it is signed is
+// checked for every route, in front of the object.
+struct CObjectServer::Opening {
+  details::BucketCheck bucket = details::BucketCheck::kNone;
+  bool short_key = false;      // the key has at most kMaxKeyBytes
+  bool logs_unsigned = false;  // a request that is not signed is logged once more, with its bucket
+  bool object = false;         // the object exists
+
+  static const Opening kSigned;
+  static const Opening kStore;
+  static const Opening kPart;
+  static const Opening kTask;
+  static const Opening kBestNode;
+  static const Opening kRead;
+  static const Opening kRemove;
+};
+
+constexpr CObjectServer::Opening CObjectServer::Opening::kSigned{};
+constexpr CObjectServer::Opening CObjectServer::Opening::kStore{.bucket = details::BucketCheck::kNameWithDot,
+                                                                .short_key = true};
+constexpr CObjectServer::Opening CObjectServer::Opening::kPart{.bucket = details::BucketCheck::kNameWithDot,
+                                                               .logs_unsigned = true};
+constexpr CObjectServer::Opening CObjectServer::Opening::kTask{.bucket = details::BucketCheck::kNameWithDot};
+constexpr CObjectServer::Opening CObjectServer::Opening::kBestNode{.bucket = details::BucketCheck::kWithDot};
+constexpr CObjectServer::Opening CObjectServer::Opening::kRead{.bucket = details::BucketCheck::kName, .object = true};
+constexpr CObjectServer::Opening CObjectServer::Opening::kRemove{.bucket = details::BucketCheck::kWithDot,
+                                                                 .object = true};
+
 // One row of the routing table; it fits when all of its conditions hold.
 struct CObjectServer::Route {
+  using Handler = int (CObjectServer::*)(std::int32_t session_id, const ObjectRequest& request);
+
   details::Match query = details::Match::kAny;
   std::string_view query_text;
   std::string_view also_in_query;  // a second text that the query must contain
@@ -38,11 +80,13 @@ struct CObjectServer::Route {
   std::string_view path;  // the whole path, where that is a condition
   details::Part bucket = details::Part::kAny;
   details::Part key = details::Part::kAny;
-  int (CObjectServer::*handler)(std::int32_t session_id, const HttpServerRecv& request) = nullptr;
+  const Opening& opening;
+  Handler handler;
+  details::Caller caller;  // the handler, in the log lines of its opening
 
-  bool Fits(const HttpServerRecv& msg, const Target& target) const {
-    return msg.method == method && FitsQuery(QueryOf(msg)) && (path.empty() || msg.url == path) &&
-           details::Matches(bucket, target.bucket) && details::Matches(key, target.key);
+  bool Fits(const ObjectRequest& request) const {
+    return request.msg.method == method && FitsQuery(request.query) && (path.empty() || request.msg.url == path) &&
+           details::Matches(bucket, request.bucket) && details::Matches(key, request.key);
   }
 
   bool FitsQuery(std::string_view text) const {
@@ -60,34 +104,53 @@ struct CObjectServer::Route {
   }
 };
 
+// A handler and its name; a macro, because only one can make both of one word.
+#define OBJECT_HANDLER(name)                                         \
+  &CObjectServer::name, {                                            \
+    "Tansy::CloudStorage::CObjectServer::" #name, __FILE__, __LINE__ \
+  }
+
 // The routing table: the first row that fits has the request.
 struct CObjectServer::Routes {
-  using Server = CObjectServer;
   using Match = details::Match;
   using Part = details::Part;
 
-  // query, its text, a second text, method, path, bucket, key, handler
+  // query, its text, a second text, method, path, bucket, key, opening, handler
   static constexpr std::array kTable = {
-      Route{Match::kEquals, "metadata", "", "GET", "", Part::kSet, Part::kSet, &Server::HandleGetOneObiectMetadata},
-      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kEmpty, &Server::HandleCreateBucket},
-      Route{Match::kEquals, "property", "", "GET", "", Part::kSet, Part::kAny, &Server::HandleGetBucketProperty},
-      Route{Match::kEmpty, "", "", "GET", "/", Part::kAny, Part::kAny, &Server::HandleListBuckets},
-      Route{Match::kEquals, "bestnode", "", "GET", "", Part::kSet, Part::kSet, &Server::HandleGetBestNode},
-      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kSet, &Server::HandleUploadObject},
-      Route{Match::kEquals, "uploads", "", "POST", "", Part::kSet, Part::kSet, &Server::HandleMultiUploadTaskCreate},
-      Route{Match::kContains, "upload_id", "part_num", "POST", "", Part::kSet, Part::kSet,
-            &Server::HandleUploadPartObject},
-      Route{Match::kContains, "upload_id", "", "POST", "", Part::kSet, Part::kSet, &Server::HandleFinishMutiUploadTask},
-      Route{Match::kContains, "upload_id", "", "GET", "", Part::kSet, Part::kSet, &Server::HandleGetAllObjectTask},
-      Route{Match::kAny, "", "", "GET", "", Part::kSet, Part::kSet, &Server::HandleDownloadObject},
-      Route{Match::kEquals, "deletefile", "", "DELETE", "", Part::kSet, Part::kSet, &Server::HandleRemoveObjectFile},
-      Route{Match::kAny, "", "", "DELETE", "", Part::kSet, Part::kSet, &Server::HandleRemoveObject},
+      Route{Match::kEquals, "metadata", "", "GET", "", Part::kSet, Part::kSet, Opening::kRead,
+            OBJECT_HANDLER(HandleGetOneObiectMetadata)},
+      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kEmpty, Opening::kSigned,
+            OBJECT_HANDLER(HandleCreateBucket)},
+      Route{Match::kEquals, "property", "", "GET", "", Part::kSet, Part::kAny, Opening::kSigned,
+            OBJECT_HANDLER(HandleGetBucketProperty)},
+      Route{Match::kEmpty, "", "", "GET", "/", Part::kAny, Part::kAny, Opening::kSigned,
+            OBJECT_HANDLER(HandleListBuckets)},
+      Route{Match::kEquals, "bestnode", "", "GET", "", Part::kSet, Part::kSet, Opening::kBestNode,
+            OBJECT_HANDLER(HandleGetBestNode)},
+      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kSet, Opening::kStore,
+            OBJECT_HANDLER(HandleUploadObject)},
+      Route{Match::kEquals, "uploads", "", "POST", "", Part::kSet, Part::kSet, Opening::kStore,
+            OBJECT_HANDLER(HandleMultiUploadTaskCreate)},
+      Route{Match::kContains, "upload_id", "part_num", "POST", "", Part::kSet, Part::kSet, Opening::kPart,
+            OBJECT_HANDLER(HandleUploadPartObject)},
+      Route{Match::kContains, "upload_id", "", "POST", "", Part::kSet, Part::kSet, Opening::kTask,
+            OBJECT_HANDLER(HandleFinishMutiUploadTask)},
+      Route{Match::kContains, "upload_id", "", "GET", "", Part::kSet, Part::kSet, Opening::kTask,
+            OBJECT_HANDLER(HandleGetAllObjectTask)},
+      Route{Match::kAny, "", "", "GET", "", Part::kSet, Part::kSet, Opening::kRead,
+            OBJECT_HANDLER(HandleDownloadObject)},
+      Route{Match::kEquals, "deletefile", "", "DELETE", "", Part::kSet, Part::kSet, Opening::kRemove,
+            OBJECT_HANDLER(HandleRemoveObjectFile)},
+      Route{Match::kAny, "", "", "DELETE", "", Part::kSet, Part::kSet, Opening::kRemove,
+            OBJECT_HANDLER(HandleRemoveObject)},
   };
 };
 
-const CObjectServer::Route* CObjectServer::FindRoute(const HttpServerRecv& msg, const Target& target) {
+#undef OBJECT_HANDLER
+
+const CObjectServer::Route* CObjectServer::FindRoute(const ObjectRequest& request) {
   for (const Route& route : Routes::kTable) {
-    if (route.Fits(msg, target)) {
+    if (route.Fits(request)) {
       return &route;
     }
   }
@@ -146,116 +209,123 @@ bool CObjectServer::EndRefusedStream(std::int32_t handle) {
 
 void CObjectServer::TakeMsg(std::int32_t handle, HttpServerRecv& msg) {
   const bool is_piece = msg.error_code == TansyNet::kBodyPiece || msg.error_code == TansyNet::kLastBodyPiece;
-  if (is_piece && !TakeBodyPiece(handle, msg)) {
+  if (is_piece && TakeBodyPiece(handle, msg) == Next::kNothing) {
     return;
   }
   CServerMsgLoop::Instance().PostTask(new CObjectMsgTask(handle, std::move(msg)));
 }
 
-// True when the request is to be handled now: after its last piece, or because its further pieces would be in vain.
-bool CObjectServer::TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg) {
+CObjectServer::Next CObjectServer::TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg) {
   auto& streams = details::CBigFileStreamMgr::Instance();
   const auto session_id = static_cast<std::uint32_t>(handle);
   const details::StreamEnd end = streams.EndOf(session_id);
   if (end == details::StreamEnd::kAnswered) {
-    return false;
+    return Next::kNothing;
   }
-  const bool last = msg.error_code == TansyNet::kLastBodyPiece;
   if (end == details::StreamEnd::kFailed) {
     // The handler finds no record of the stream and says so to the client.
     streams.EndStream(session_id, details::StreamEnd::kAnswered);
     msg.body.reset();
-    return true;
+    return Next::kHandle;
   }
-  if (streams.IsStreamAbsent(session_id) && !TakeFirstPiece(handle, msg)) {
+  return streams.IsStreamAbsent(session_id) ? TakeFirstPiece(handle, msg) : StorePiece(handle, msg);
+}
+
+// An upload that its handler would refuse in the end is refused here, before a byte of it is stored: otherwise anybody
+// without a key could fill the disk. A body that belongs to no upload is dropped, and its request handled without it.
+CObjectServer::Next CObjectServer::TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg) {
+  auto& streams = details::CBigFileStreamMgr::Instance();
+  const auto session_id = static_cast<std::uint32_t>(handle);
+  const ConfigPointer config = conf_.Load();
+  ObjectRequest request(msg, *config);
+  const Route* route = ParseUrl(request.bucket, request.key, msg.url) ? FindRoute(request) : nullptr;
+  if (route == nullptr || route->handler != &CObjectServer::HandleUploadObject) {
     streams.EndStream(session_id, details::StreamEnd::kAnswered);
-    return msg.error_code == TansyNet::kWholeRequest;
+    DropBody(msg);
+    return Next::kHandle;
   }
+  if (const int error = Open(request, *route); error != 0) {
+    streams.EndStream(session_id, details::StreamEnd::kAnswered);
+    AnswerError(handle, error);
+    return Next::kNothing;
+  }
+  streams.RegisterStream(session_id);
+  return StorePiece(handle, msg);
+}
+
+CObjectServer::Next CObjectServer::StorePiece(std::int32_t handle, HttpServerRecv& msg) {
+  const bool last = msg.error_code == TansyNet::kLastBodyPiece;
   if (last) {
-    streams.NoteLastPiece(session_id);
+    details::CBigFileStreamMgr::Instance().NoteLastPiece(static_cast<std::uint32_t>(handle));
   }
   CServerMsgLoop::Instance().PostTask(new CObjectStreamTask(handle, msg));
   msg.body.reset();  // with the stream task; the handler only waits for it
-  return last;
+  return last ? Next::kHandle : Next::kNothing;
 }
 
-// Registers a streamed upload; false when it is not to be stored. An upload that its handler would refuse in the end is
-// refused here, before a byte of it is stored: otherwise anybody without a key could fill the disk. A body that belongs
-// to no upload is dropped, and the message becomes an ordinary one whose handler answers it.
-bool CObjectServer::TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg) {
-  Target target;
-  const Route* route = ParseUrl(target.bucket, target.key, msg.url) ? FindRoute(msg, target) : nullptr;
-  if (route == nullptr || route->handler != &CObjectServer::HandleUploadObject) {
-    msg.error_code = TansyNet::kWholeRequest;
-    msg.body.reset();
-    msg.body_size = 0;
-    return false;
-  }
-  if (const int error = OpenRequest(target, msg, *conf_.Load(), Opening::kStore, OBJECT_SERVER_CALLER); error != 0) {
-    AnswerError(handle, error);
-    return false;
-  }
-  details::CBigFileStreamMgr::Instance().RegisterStream(static_cast<std::uint32_t>(handle));
-  return true;
+void CObjectServer::DropBody(HttpServerRecv& msg) {
+  msg.error_code = TansyNet::kWholeRequest;
+  msg.body.reset();
+  msg.body_size = 0;
 }
 
 int CObjectServer::HandleObjectMsg(std::int32_t handle, const HttpServerRecv& msg) {
-  Target target;
-  if (!ParseUrl(target.bucket, target.key, msg.url)) {
-    HttpResponse response;
-    std::string str_resp;
-    BuildErrorRsp(response, str_resp, kUrlNotSupport);
-    CLOUD_LOG(logging::kError, "[%s]HandleObjectMsg str_resp[%s].[%s(%d)]", str_resp.c_str());
-    return SendObjectMsgRsp(handle, response, str_resp);
+  const ConfigPointer config = conf_.Load();
+  ObjectRequest request(msg, *config);
+  if (!ParseUrl(request.bucket, request.key, msg.url)) {
+    return AnswerUnsupported(handle, logging::kError, CLOUD_LOG_CALLER);
   }
   CLOUD_LOG(logging::kTrace, "[%s]ParseUrl bucket_name[%s], object_name[%s], http_url[%s].[%s(%d)]",
-            target.bucket.c_str(), target.key.c_str(), msg.url.c_str());
-  if (const Route* route = FindRoute(msg, target); route != nullptr) {
-    return (this->*route->handler)(handle, msg);
+            request.bucket.c_str(), request.key.c_str(), msg.url.c_str());
+  const Route* route = FindRoute(request);
+  if (route == nullptr) {
+    return AnswerUnsupported(handle, logging::kTrace, CLOUD_LOG_CALLER);
   }
+  if (const int error = Open(request, *route); error != 0) {
+    // Of a streamed upload that is refused in the end, nobody will ask for what came in before.
+    details::CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));
+    return AnswerError(handle, error);
+  }
+  return (this->*route->handler)(handle, request);
+}
+
+int CObjectServer::AnswerUnsupported(std::int32_t handle, int level, const details::Caller& caller) {
   HttpResponse response;
   std::string str_resp;
   BuildErrorRsp(response, str_resp, kUrlNotSupport);
-  CLOUD_LOG(logging::kTrace, "[%s]HandleObjectMsg str_resp[%s].[%s(%d)]", str_resp.c_str());
+  CLOUD_LOG_FOR(caller, level, "[%s]HandleObjectMsg str_resp[%s].[%s(%d)]", str_resp.c_str());
   return SendObjectMsgRsp(handle, response, str_resp);
 }
 
-int CObjectServer::OpenRequest(Target& target, const HttpServerRecv& request, const Config& config, Opening opening,
-                               const details::Caller& caller) {
-  const bool remove = opening == Opening::kRemove;
-  const bool read = opening == Opening::kRead;
-  if (!ParseUrl(target.bucket, target.key, request.url)) {
-    if (read) {
-      CLOUD_LOG_FOR(caller, logging::kError, "[%s]invalid url[%s][%s(%d)]", request.url.c_str());
-    } else {
-      CLOUD_LOG_FOR(caller, logging::kError, "[%s]invalid url[%s].[%s(%d)]", request.url.c_str());
-    }
-    return kInvalidHttpContent;
-  }
-  if (!CObjectStorageManager::Instance().IsBucketExist(target.bucket)) {
-    if (read) {
-      CLOUD_LOG_FOR(caller, logging::kError, "[%s]bucket name not exist[%s][%s(%d)]", target.bucket.c_str());
-    } else if (remove) {
-      CLOUD_LOG_FOR(caller, logging::kError, "[%s]bucket not exist[%s].[%s(%d)]", target.bucket.c_str());
-    } else {
-      CLOUD_LOG_FOR(caller, logging::kError, "[%s]bucket name not exist[%s].[%s(%d)]", target.bucket.c_str());
-    }
-    return kNoSuchBucket;
-  }
-  if (opening == Opening::kStore && target.key.size() > details::kMaxKeyBytes) {
-    CLOUD_LOG_FOR(caller, logging::kError, "[%s]object key is too long, objectkey[%s].[%s(%d)]", target.key.c_str());
-    return kKeyTooLong;
-  }
-  return CheckAuth(request, config);
+int CObjectServer::Open(ObjectRequest& request, const Route& route) {
+  request.caller = route.caller;
+  return Open(request, route.opening);
 }
 
-int CObjectServer::OpenObject(Target& target, ObjectInfo& object, const HttpServerRecv& request, const Config& config,
-                              Opening opening, const details::Caller& caller) {
-  if (const int error = OpenRequest(target, request, config, opening, caller); error != 0) {
+int CObjectServer::OpenToRead(ObjectRequest& request) {
+  return Open(request, Opening::kRead);
+}
+
+int CObjectServer::Open(ObjectRequest& request, const Opening& opening) {
+  auto& catalogue = CObjectStorageManager::Instance();
+  if (opening.bucket != details::BucketCheck::kNone && !catalogue.IsBucketExist(request.bucket)) {
+    details::LogNoBucket(opening.bucket, request.bucket, request.caller);
+    return kNoSuchBucket;
+  }
+  if (opening.short_key && request.key.size() > details::kMaxKeyBytes) {
+    CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]object key is too long, objectkey[%s].[%s(%d)]",
+                  request.key.c_str());
+    return kKeyTooLong;
+  }
+  if (const int error = CheckAuth(request.msg, request.config); error != 0) {
+    if (opening.logs_unsigned) {
+      CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]",
+                    request.bucket.c_str());
+    }
     return error;
   }
-  if (!CObjectStorageManager::Instance().GetObjectByName(object, target.key, target.bucket)) {
-    CLOUD_LOG_FOR(caller, logging::kError, "[%s]object name not exist[%s][%s(%d)]", target.key.c_str());
+  if (opening.object && !catalogue.GetObjectByName(request.object, request.key, request.bucket)) {
+    CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
     return kNoSuchKey;
   }
   return 0;

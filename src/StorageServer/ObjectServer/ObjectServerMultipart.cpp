@@ -10,7 +10,6 @@
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerFiles.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
-#include "StorageServer/RequestSignature.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
@@ -389,23 +388,18 @@ bool BuildPartsRsp(std::string& text, const std::string& upload_id, const TaskPa
 }  // namespace
 }  // namespace details
 
-int CObjectServer::HandleMultiUploadTaskCreate(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  Target target;
-  if (const int error = OpenRequest(target, request, *config, Opening::kStore, OBJECT_SERVER_CALLER); error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleMultiUploadTaskCreate(std::int32_t session_id, const ObjectRequest& request) {
   // The probe makes the storage say where the object will be; the part at offset 0 later writes over it.
-  std::string location = details::LocationText(target.bucket);
-  const int result = details::StreamSave(config->stream_save, details::kProbe, 0, location);
+  std::string location = details::LocationText(request.bucket);
+  const int result = details::StreamSave(request.config.stream_save, details::kProbe, 0, location);
   if (result != details::kStorageOk) {
     CLOUD_LOG(logging::kError, "[%s]save file failed[%d].[%s(%d)]", result);
     return AnswerError(session_id, details::WriteError(result));
   }
   ObjectTaskInfo task;
   task.task_id = TansyBase::GuidUtil::CreateGuid();
-  task.bucket_name = target.bucket;
-  task.object_name = target.key;
+  task.bucket_name = request.bucket;
+  task.object_name = request.key;
   task.part_num = details::kTaskPart;
   task.update_time = details::NowText();
   task.url = location;
@@ -414,44 +408,30 @@ int CObjectServer::HandleMultiUploadTaskCreate(std::int32_t session_id, const Ht
     return AnswerError(session_id, kServerInternalError);
   }
   details::CXmlProto xml;
-  xml.SetString("/InitiateMultipartUploadResult/Bucket", target.bucket);
-  xml.SetString("/InitiateMultipartUploadResult/Key", target.key);
+  xml.SetString("/InitiateMultipartUploadResult/Bucket", request.bucket);
+  xml.SetString("/InitiateMultipartUploadResult/Key", request.key);
   xml.SetString("/InitiateMultipartUploadResult/UploadId", task.task_id);
   std::string body;
   return xml.Serialize(body) ? AnswerXml(session_id, body) : AnswerError(session_id, kServerInternalError);
 }
 
-int CObjectServer::HandleUploadPartObject(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  const details::Caller caller = OBJECT_SERVER_CALLER;
-  Target target;
-  if (const int error = OpenRequest(target, request, *config, Opening::kPart, caller); error != 0) {
-    if (error == kAccessDenied) {
-      CLOUD_LOG(logging::kError, "[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]", target.bucket.c_str());
-    }
-    return AnswerError(session_id, error);
-  }
-  details::CPartUpload part(target.bucket, target.key, BodyOf(request), caller);
-  if (const int error = part.ReadQuery(std::string(QueryOf(request))); error != 0) {
+int CObjectServer::HandleUploadPartObject(std::int32_t session_id, const ObjectRequest& request) {
+  details::CPartUpload part(request.bucket, request.key, request.Body(), request.caller);
+  if (const int error = part.ReadQuery(request.query); error != 0) {
     return AnswerError(session_id, error);
   }
   std::unique_lock<std::mutex> lock(part_mutexes_[part.Hash() % part_mutexes_.size()]);
-  const int error = part.Store(*config);
+  const int error = part.Store(request.config);
   lock.unlock();
   return error == 0 ? AnswerXml(session_id, {}) : AnswerError(session_id, error);
 }
 
-int CObjectServer::HandleGetAllObjectTask(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  Target target;
-  if (const int error = OpenRequest(target, request, *config, Opening::kPart, OBJECT_SERVER_CALLER); error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleGetAllObjectTask(std::int32_t session_id, const ObjectRequest& request) {
   details::Query query;
-  ParseHttpUrlQuery(query, std::string(QueryOf(request)));
+  ParseHttpUrlQuery(query, request.query);
   const std::string upload_id = details::UploadIdOf(query);
   if (upload_id.empty()) {
-    CLOUD_LOG(logging::kError, "[%s]query invalid[%s].[%s(%d)]", request.query.c_str());
+    CLOUD_LOG(logging::kError, "[%s]query invalid[%s].[%s(%d)]", request.msg.query.c_str());
     return AnswerError(session_id, kInvalidHttpContent);
   }
   TaskPartSet parts;
@@ -466,21 +446,15 @@ int CObjectServer::HandleGetAllObjectTask(std::int32_t session_id, const HttpSer
   return AnswerXml(session_id, body);
 }
 
-int CObjectServer::HandleFinishMutiUploadTask(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  const details::Caller caller = OBJECT_SERVER_CALLER;
-  Target target;
-  if (const int error = OpenRequest(target, request, *config, Opening::kPart, caller); error != 0) {
+int CObjectServer::HandleFinishMutiUploadTask(std::int32_t session_id, const ObjectRequest& request) {
+  details::CCompletion completion(request.bucket, request.key, request.caller);
+  if (const int error = completion.ReadQuery(request.query); error != 0) {
     return AnswerError(session_id, error);
   }
-  details::CCompletion completion(target.bucket, target.key, caller);
-  if (const int error = completion.ReadQuery(std::string(QueryOf(request))); error != 0) {
+  if (const int error = completion.CheckParts(request.Body()); error != 0) {
     return AnswerError(session_id, error);
   }
-  if (const int error = completion.CheckParts(BodyOf(request)); error != 0) {
-    return AnswerError(session_id, error);
-  }
-  if (const int error = completion.Complete(*config); error != 0) {
+  if (const int error = completion.Complete(request.config); error != 0) {
     return AnswerError(session_id, error);
   }
   return AnswerXml(session_id, {});

@@ -60,13 +60,13 @@ void SetBigFileRspHeaders(TansyNet::HttpResponse& response, const char* content_
 }
 
 // Bytes that the picture service keeps are read whole by their url, or in part by what follows its first path.
-int ReadPicture(HostBuffer& buffer, const StorageServerConfig& config, const ObjectInfo& object,
-                const std::string& bucket, const ByteRange& range, std::uint32_t length) {
-  if (range.begin == 0 && length == object.size) {
-    return ReadObject(config, buffer, length, LocationText(bucket, object.url));
+int ReadPicture(HostBuffer& buffer, const ObjectRequest& request, const ByteRange& range, std::uint32_t length) {
+  const std::string& url = request.object.url;
+  if (range.begin == 0 && length == request.object.size) {
+    return ReadObject(request.config, buffer, length, LocationText(request.bucket, url));
   }
-  const std::string location = LocationText(bucket, std::string_view(object.url).substr(kPictureMark.size()));
-  return ReadRange(config, buffer, length, range.begin, location);
+  const std::string location = LocationText(request.bucket, std::string_view(url).substr(kPictureMark.size()));
+  return ReadRange(request.config, buffer, length, range.begin, location);
 }
 
 }  // namespace
@@ -93,36 +93,23 @@ int CObjectServer::ParseRangeHeader(const HttpServerRecv& request, ByteRange& ra
   return backwards ? kInvalidHttpContent : 0;
 }
 
-int CObjectServer::HandleGetOneObiectMetadata(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  Target target;
-  ObjectInfo object;
-  if (const int error = OpenObject(target, object, request, *config, Opening::kRead, OBJECT_SERVER_CALLER);
-      error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleGetOneObiectMetadata(std::int32_t session_id, const ObjectRequest& request) {
   HttpResponse response;
-  response.headers["Object-Size"] = std::to_string(object.size);
-  response.headers["ETag"] = details::EntityTag(object);
+  response.headers["Object-Size"] = std::to_string(request.object.size);
+  response.headers["ETag"] = details::EntityTag(request.object);
   SetRspHeaders(response, kXmlContentType);
   return SendObjectMsgRsp(session_id, response, std::string());
 }
 
-int CObjectServer::HandleDownloadObject(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  Target target;
-  ObjectInfo object;
-  if (const int error = OpenObject(target, object, request, *config, Opening::kRead, OBJECT_SERVER_CALLER);
-      error != 0) {
-    return AnswerError(session_id, error);
-  }
+int CObjectServer::HandleDownloadObject(std::int32_t session_id, const ObjectRequest& request) {
+  const ObjectInfo& object = request.object;
   ByteRange range;
-  if (const int error = ParseRangeHeader(request, range); error != 0) {
+  if (const int error = ParseRangeHeader(request.msg, range); error != 0) {
     return AnswerError(session_id, error);
   }
   if (range.begin >= object.size) {
     CLOUD_LOG(logging::kError, "[%s]download failed[%s], range_begin_value is greater than file size[%s(%d)]",
-              target.key.c_str());
+              request.key.c_str());
     return AnswerError(session_id, kInvalidHttpContent);
   }
   const bool picture = details::IsPicture(object);
@@ -131,11 +118,11 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const HttpServe
     return StartBigFileSend(session_id, object, range, length);
   }
   details::HostBuffer buffer;
-  const int result = picture ? details::ReadPicture(buffer, *config, object, target.bucket, range, length)
-                             : details::ReadRange(*config, buffer, length, range.begin,
-                                                  details::LocationText(target.bucket, object.url));
+  const int result = picture ? details::ReadPicture(buffer, request, range, length)
+                             : details::ReadRange(request.config, buffer, length, range.begin,
+                                                  details::LocationText(request.bucket, object.url));
   if (result != details::kStorageOk) {
-    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", target.key.c_str());
+    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
     return AnswerError(session_id, kServerInternalError);
   }
   if (!buffer.data) {
@@ -144,7 +131,8 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const HttpServe
   HttpResponse response;
   SetRspHeaders(response, kBytesContentType);
   response.headers["ETag"] = details::EntityTag(object);
-  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", target.bucket.c_str(), target.key.c_str());
+  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", request.bucket.c_str(),
+            request.key.c_str());
   return SendObjectMsgRsp(session_id, response, buffer.data.get(), buffer.size);
 }
 
@@ -191,54 +179,41 @@ bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t c
   return true;
 }
 
-int CObjectServer::HandleRemoveObject(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
-  Target target;
-  ObjectInfo object;
-  if (const int error = OpenObject(target, object, request, *config, Opening::kRemove, OBJECT_SERVER_CALLER);
-      error != 0) {
-    return AnswerError(session_id, error);
-  }
-  if (!CObjectStorageManager::Instance().RemoveObject(target.key, target.bucket)) {
-    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", target.key.c_str());
+int CObjectServer::HandleRemoveObject(std::int32_t session_id, const ObjectRequest& request) {
+  if (!CObjectStorageManager::Instance().RemoveObject(request.key, request.bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
     return AnswerError(session_id, kNoSuchKey);
   }
   return AnswerXml(session_id, {});
 }
 
-int CObjectServer::HandleRemoveObjectFile(std::int32_t session_id, const HttpServerRecv& request) {
-  const ConfigPointer config = conf_.Load();
+int CObjectServer::HandleRemoveObjectFile(std::int32_t session_id, const ObjectRequest& request) {
   auto& manager = CObjectStorageManager::Instance();
-  Target target;
-  ObjectInfo object;
-  if (const int error = OpenObject(target, object, request, *config, Opening::kRemove, OBJECT_SERVER_CALLER);
-      error != 0) {
-    return AnswerError(session_id, error);
-  }
   std::string location;
-  if (manager.GetObjectFile(location, target.key, target.bucket)) {
-    if (const int error = details::RemoveStored(*config, location); error != 0) {
-      CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", target.key.c_str());
+  if (manager.GetObjectFile(location, request.key, request.bucket)) {
+    if (const int error = details::RemoveStored(request.config, location); error != 0) {
+      CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
       return AnswerError(session_id, error);
     }
   }
-  if (!manager.RemoveObject(target.key, target.bucket)) {
-    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", target.key.c_str());
+  if (!manager.RemoveObject(request.key, request.bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
     return AnswerError(session_id, kNoSuchKey);
   }
   return AnswerXml(session_id, {});
 }
 
 bool CObjectServer::GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url) {
-  Target target;
-  if (!ParseUrl(target.bucket, target.key, object_url)) {
+  std::string bucket;
+  std::string key;
+  if (!ParseUrl(bucket, key, object_url)) {
     CLOUD_LOG(logging::kError, "[%s]GetInternalURLByObjectUrl, parse url[%s] error[%s(%d)]", object_url.c_str());
     return false;
   }
   ObjectInfo object;
-  if (!CObjectStorageManager::Instance().GetObjectByName(object, target.key, target.bucket)) {
+  if (!CObjectStorageManager::Instance().GetObjectByName(object, key, bucket)) {
     CLOUD_LOG(logging::kError, "[%s]GetInternalURLByObjectUrl, bucket[%s] or object[%s] not exist.[%s(%d)]",
-              target.bucket.c_str(), target.key.c_str());
+              bucket.c_str(), key.c_str());
     return false;
   }
   internal_url = object.url;
@@ -247,23 +222,27 @@ bool CObjectServer::GetInternalURLByObjectUrl(std::string& internal_url, const s
 
 int CObjectServer::CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method,
                                            std::string& query, std::map<std::string, std::string>& headers) {
-  HttpServerRecv request;
-  request.url = url;
-  request.method = method;
-  request.query = query;
-  request.headers = headers;
+  HttpServerRecv msg;
+  msg.url = url;
+  msg.method = method;
+  msg.query = query;
+  msg.headers = headers;
   const ConfigPointer config = conf_.Load();
-  Target target;
-  ObjectInfo object;
-  if (const int error = OpenObject(target, object, request, *config, Opening::kRead, OBJECT_SERVER_CALLER);
-      error != 0) {
+  ObjectRequest request(msg, *config);
+  request.caller = CLOUD_LOG_CALLER;
+  if (!ParseUrl(request.bucket, request.key, url)) {
+    CLOUD_LOG(logging::kError, "[%s]invalid url[%s][%s(%d)]", url.c_str());
+    return kInvalidHttpContent;
+  }
+  if (const int error = OpenToRead(request); error != 0) {
     return error;
   }
-  if (details::IsPicture(object)) {
+  if (details::IsPicture(request.object)) {
     return kUrlNotSupport;
   }
-  internal_url = details::LocationText(target.bucket, object.url);
-  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", target.bucket.c_str(), target.key.c_str());
+  internal_url = details::LocationText(request.bucket, request.object.url);
+  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", request.bucket.c_str(),
+            request.key.c_str());
   return 0;
 }
 

@@ -154,10 +154,6 @@ TEST_F(CObjectServerBestNodeTest, ChecksInTheirOrder) {
   EXPECT_TRUE(IsError(SendMessage(Message({"GET", "/" + bucket_ + "/k", "bestnode", "", {}})), 403, "AccessDenied"));
   EXPECT_TRUE(IsError(Ask({}), 400, "InvalidHttpContent"));
   EXPECT_EQ(log_->Count(kNoHost, logging::kError), 1u);
-  const std::int32_t handle = http_.NewHandle();
-  EXPECT_EQ(server_.HandleGetBestNode(handle, Signed({"GET", "/b/a/b", "bestnode", "", {}})), 0);
-  EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
-  EXPECT_EQ(log_->Count("[%s]invalid url[%s].[%s(%d)]", logging::kError), 1u);
 }
 
 TEST_F(CObjectServerBestNodeTest, HostsThatAreMissing) {

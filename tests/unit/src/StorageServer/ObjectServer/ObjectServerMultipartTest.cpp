@@ -385,23 +385,6 @@ TEST_F(CObjectServerMultipartTest, PartsBeyondTheWholeBodyLimit) {
   EXPECT_TRUE(Object("k") == one + two);
 }
 
-TEST_F(CObjectServerMultipartTest, HandlersLookAtThePathThemselves) {
-  constexpr const char* kInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
-  const auto post = Signed({"POST", "/b/a/b", "uploads", "x", {}});
-  using Handler = int (CloudStorage::CObjectServer::*)(std::int32_t, const TansyNet::HttpServerRecv&);
-  for (const Handler handler :
-       {&CloudStorage::CObjectServer::HandleMultiUploadTaskCreate, &CloudStorage::CObjectServer::HandleUploadPartObject,
-        &CloudStorage::CObjectServer::HandleGetAllObjectTask, &CloudStorage::CObjectServer::HandleFinishMutiUploadTask,
-        &CloudStorage::CObjectServer::HandleUploadObject}) {
-    log_->Clear();
-    const std::int32_t handle = http_.NewHandle();
-    EXPECT_EQ((server_.*handler)(handle, post), 0);
-    EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
-    EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
-    EXPECT_THAT(log_->Text(kInvalidUrl), HasSubstr("]invalid url[/b/a/b].["));
-  }
-}
-
 TEST_F(CObjectServerMultipartTest, MissingBucketsAndLongKeysAreLoggedForTheHandlerThatMetThem) {
   constexpr const char* kNoBucket = "[%s]bucket name not exist[%s].[%s(%d)]";
   const std::pair<const char*, FakeRequest> requests[] = {

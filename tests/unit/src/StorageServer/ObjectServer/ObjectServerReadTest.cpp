@@ -35,7 +35,6 @@ constexpr const char* kFailed = "[%s]download failed[%s][%s(%d)]";
 constexpr const char* kBeyond = "[%s]download failed[%s], range_begin_value is greater than file size[%s(%d)]";
 constexpr const char* kSuccess = "[%s]download file[%s:%s] success.[%s(%d)]";
 constexpr const char* kSendFailed = "[%s]HttpServerSynSend error, revalue = %d, handle = %d[%s(%d)]";
-constexpr const char* kRemoveInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
 constexpr const char* kRemoveNoBucket = "[%s]bucket not exist[%s].[%s(%d)]";
 
 class CObjectServerReadTest : public CObjectServerTest {
@@ -186,7 +185,7 @@ TEST_F(CObjectServerReadTest, ASuccessWithoutBufferIsNotAnswered) {
   NewObject(bucket_, "k", Pattern(1000));
   storage_.DeliverNoBuffer(true);
   const std::int32_t handle = http_.NewHandle();
-  EXPECT_EQ(server_.HandleDownloadObject(handle, Signed({"GET", Path("k"), "", "", {}})), -1);
+  EXPECT_EQ(server_.HandleObjectMsg(handle, Signed({"GET", Path("k"), "", "", {}})), -1);
   EXPECT_FALSE(http_.IsAnswered(handle));
 }
 
@@ -208,25 +207,6 @@ TEST_F(CObjectServerReadTest, ChecksInTheirOrder) {
     EXPECT_TRUE(IsError(SendMessage(Message({"DELETE", Path("none"), query, "", {}})), 403, "AccessDenied"));
     EXPECT_TRUE(IsError(Delete(Path("none"), query), 404, "NoSuchKey"));
     EXPECT_EQ(log_->Count(kNoObject, logging::kError), 1u);
-  }
-}
-
-TEST_F(CObjectServerReadTest, HandlersLookAtThePathThemselves) {
-  using Handler = int (CObjectServer::*)(std::int32_t, const TansyNet::HttpServerRecv&);
-  struct Case {
-    Handler handler;
-    const char* format;
-  };
-  const Case cases[] = {{&CObjectServer::HandleDownloadObject, kInvalidUrl},
-                        {&CObjectServer::HandleGetOneObiectMetadata, kInvalidUrl},
-                        {&CObjectServer::HandleRemoveObject, kRemoveInvalidUrl},
-                        {&CObjectServer::HandleRemoveObjectFile, kRemoveInvalidUrl}};
-  for (const Case& c : cases) {
-    log_->Clear();
-    const std::int32_t handle = http_.NewHandle();
-    EXPECT_EQ((server_.*c.handler)(handle, Signed({"GET", "/b/a/b", "", "", {}})), 0);
-    EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
-    EXPECT_EQ(log_->Count(c.format, logging::kError), 1u);
   }
 }
 

@@ -29,7 +29,6 @@ using ::testing::StartsWith;
 
 constexpr std::size_t kMiB = 1 << 20;
 constexpr std::size_t kWholeLimit = 10485760;
-constexpr const char* kInvalidUrl = "[%s]invalid url[%s].[%s(%d)]";
 constexpr const char* kNoBucket = "[%s]bucket name not exist[%s].[%s(%d)]";
 constexpr const char* kKeyTooLong = "[%s]object key is too long, objectkey[%s].[%s(%d)]";
 constexpr const char* kUploadFailed = "[%s]upload failed[%s].[%s(%d)]";
@@ -457,26 +456,14 @@ TEST_F(CObjectServerWriteTest, AWholeBodyThatDeclaresMoreHasNoStream) {
 }
 
 TEST_F(CObjectServerWriteTest, PathsOfAnotherShape) {
-  // Routing lets none through; handler and stream task look all the same.
+  // Routing lets none through; the stream task looks all the same.
   EXPECT_TRUE(IsError(Put("/bucket/a/b", "x"), 400, "URLNotSupport"));
-  EXPECT_EQ(log_->Count(kInvalidUrl), 0u);
-  const std::int32_t handle = http_.NewHandle();
-  EXPECT_EQ(server_.HandleUploadObject(handle, Signed({"PUT", "/bucket/a/b", "", "x", {}})), 0);
-  EXPECT_TRUE(IsError(http_.AnswerOf(handle), 400, "InvalidHttpContent"));
-  EXPECT_EQ(log_->Count(kInvalidUrl, logging::kError), 1u);
-  EXPECT_THAT(log_->Text(kInvalidUrl), HasSubstr("HandleUploadObject]invalid url[/bucket/a/b].["));
 
-  CloudStorage::CObjectStreamTask(handle, Message({"PUT", "/bucket/a/b", "", "x", {}})).Exec();
+  CloudStorage::CObjectStreamTask(http_.NewHandle(), Message({"PUT", "/bucket/a/b", "", "x", {}})).Exec();
   EXPECT_THAT(log_->Text("[%s]CObjectStreamTask invalid url[%s].[%s(%d)]"),
               HasSubstr("CObjectStreamTask::Exec]CObjectStreamTask invalid url[/bucket/a/b].["));
   EXPECT_EQ(log_->Count("[%s]CObjectStreamTask invalid url[%s].[%s(%d)]", logging::kError), 1u);
   EXPECT_TRUE(storage_.Calls("stream").empty());
-}
-
-TEST_F(CObjectServerWriteTest, AnEmptyKeyIsNoMistakeOfTheHandler) {
-  const std::int32_t handle = http_.NewHandle();
-  EXPECT_EQ(server_.HandleUploadObject(handle, Signed({"PUT", Path(""), "", "x", {}})), 0);
-  EXPECT_TRUE(IsXml(http_.AnswerOf(handle), ""));
 }
 
 TEST_F(CObjectServerWriteTest, AStreamTaskHoldsItsToken) {
