@@ -19,7 +19,8 @@ install(DIRECTORY include/TansyCloudStorage DESTINATION ${CMAKE_INSTALL_INCLUDED
 install(FILES platform/KivPlatform/FactoryInterface.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KivPlatform)
 # Its headers, which are installed, need it.
 target_compile_features(logging PUBLIC cxx_std_20)
-install(FILES platform/logging/Logging.h platform/logging/QualifiedName.h platform/logging/StandardSink.h
+install(FILES platform/logging/Logging.h platform/logging/QualifiedName.h platform/logging/Record.h
+              platform/logging/StandardSink.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/logging)
 install(DIRECTORY host/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/TansyCloudStorage OPTIONAL)
 
