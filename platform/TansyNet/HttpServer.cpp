@@ -74,6 +74,10 @@ int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpRespons
   return details::Report(result, handle);
 }
 
+bool CHttpServer::IsRequestOpen(std::int32_t handle) {
+  return details::TheProcess().runtime.Handles().Find(handle) != nullptr;
+}
+
 void CHttpServer::SetLimits(const HttpServerLimits& limits) {
   details::TheProcess().runtime.SetLimits(limits);
 }

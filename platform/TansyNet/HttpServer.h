@@ -44,6 +44,9 @@ class CHttpServer {
   static int HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                       const char* data, std::uint64_t total_size);
 
+  // Whether a request waits for its answer and its client is still there, as far as the operating system has said.
+  static bool IsRequestOpen(std::int32_t handle);
+
   // For the host, not for handlers. Limits count for connections accepted afterwards.
   static void SetLimits(const HttpServerLimits& limits);
   // Why the last start in this thread failed, one line.

@@ -1,48 +1,151 @@
 #include "TansyNet/MemoryAccount.h"
 
+#include <algorithm>
+#include <chrono>
+#include <numeric>
 #include <utility>
 
 namespace TansyNet {
+namespace details {
+namespace {
+
+// The largest body that is received whole; one of them fits whatever the ceiling, if that allows it at all.
+constexpr std::uint64_t kLargestBody = std::uint64_t{64} << 20;
+
+}  // namespace
+}  // namespace details
 
 CMemoryAccount& CMemoryAccount::Process() {
-  static auto* const budget = [] {
-    auto* const made = new CMemoryAccount();
-    made->SetLimit(kDefaultLimit);
-    return made;
-  }();
-  return *budget;
+  static auto* const account = new CMemoryAccount();
+  return *account;
 }
 
-bool CMemoryAccount::TryTake(std::size_t bytes) {
-  const std::uint64_t before = used_.fetch_add(bytes, std::memory_order_relaxed);
-  if (before + bytes <= limit_.load(std::memory_order_relaxed)) {
-    return true;
+void CMemoryAccount::SetLimit(std::uint64_t bytes) {
+  const Lock lock(mutex_);
+  limit_ = bytes;
+  given_back_.notify_all();
+}
+
+std::uint64_t CMemoryAccount::Limit() const {
+  const Lock lock(mutex_);
+  return limit_;
+}
+
+std::uint64_t CMemoryAccount::Used() const {
+  const Lock lock(mutex_);
+  return Total();
+}
+
+std::uint64_t CMemoryAccount::Used(MemoryUse use) const {
+  const Lock lock(mutex_);
+  return UsedFor(use);
+}
+
+bool CMemoryAccount::CanEverTake(MemoryUse use, std::uint64_t bytes) const {
+  const Lock lock(mutex_);
+  return bytes <= PartOf(use);
+}
+
+bool CMemoryAccount::IsShort(MemoryUse use) const {
+  const Lock lock(mutex_);
+  return waiting_ > 0 || UsedFor(use) > PartOf(use) / 2 || Total() > limit_ / 4 * 3;
+}
+
+std::uint64_t CMemoryAccount::Total() const {
+  return std::accumulate(used_.begin(), used_.end(), std::uint64_t{0});
+}
+
+std::uint64_t CMemoryAccount::PartOf(MemoryUse use) const {
+  switch (use) {
+    case MemoryUse::kArriving:
+      return std::max(limit_ / 8, std::min(limit_ / 2, details::kLargestBody));
+    case MemoryUse::kAnswers:
+      return limit_ / 2;
+    case MemoryUse::kWork:
+      break;
   }
-  GiveBack(bytes);
-  return false;
+  return limit_;
 }
 
-CMemoryShare::CMemoryShare(CMemoryShare&& other) noexcept : bytes_(std::exchange(other.bytes_, 0)) {}
+bool CMemoryAccount::HasRoom(MemoryUse use, std::uint64_t bytes) const {
+  return UsedFor(use) + bytes <= PartOf(use) && Total() + bytes <= limit_;
+}
+
+bool CMemoryAccount::TryTake(MemoryUse use, std::uint64_t bytes) {
+  const Lock lock(mutex_);
+  if (!HasRoom(use, bytes)) {
+    return false;
+  }
+  UsedFor(use) += bytes;
+  return true;
+}
+
+bool CMemoryAccount::TakeWithin(MemoryUse use, std::uint64_t bytes, std::uint32_t milliseconds) {
+  Lock lock(mutex_);
+  ++waiting_;
+  const bool has_room = given_back_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                                             [this, use, bytes] { return HasRoom(use, bytes); });
+  --waiting_;
+  if (has_room) {
+    UsedFor(use) += bytes;
+  }
+  return has_room;
+}
+
+void CMemoryAccount::GiveBack(MemoryUse use, std::uint64_t bytes) {
+  const Lock lock(mutex_);
+  UsedFor(use) -= bytes;
+  if (waiting_ > 0) {
+    given_back_.notify_all();
+  }
+}
+
+void CMemoryAccount::Move(MemoryUse from, MemoryUse to, std::uint64_t bytes) {
+  const Lock lock(mutex_);
+  UsedFor(from) -= bytes;
+  UsedFor(to) += bytes;
+  if (waiting_ > 0) {
+    given_back_.notify_all();
+  }
+}
+
+CMemoryShare::CMemoryShare(CMemoryShare&& other) noexcept : use_(other.use_), bytes_(std::exchange(other.bytes_, 0)) {}
 
 CMemoryShare& CMemoryShare::operator=(CMemoryShare&& other) noexcept {
+  std::swap(use_, other.use_);
   std::swap(bytes_, other.bytes_);
   return *this;
 }
 
 CMemoryShare::~CMemoryShare() {
-  CMemoryAccount::Process().GiveBack(bytes_);
+  Resize(0);
 }
 
-bool CMemoryShare::Resize(std::size_t bytes) {
-  CMemoryAccount& budget = CMemoryAccount::Process();
-  if (bytes > bytes_ && !budget.TryTake(bytes - bytes_)) {
+bool CMemoryShare::Resize(std::uint64_t bytes) {
+  CMemoryAccount& account = CMemoryAccount::Process();
+  if (bytes > bytes_ && !account.TryTake(use_, bytes - bytes_)) {
     return false;
   }
   if (bytes < bytes_) {
-    budget.GiveBack(bytes_ - bytes);
+    account.GiveBack(use_, bytes_ - bytes);
   }
   bytes_ = bytes;
   return true;
+}
+
+bool CMemoryShare::ResizeWithin(std::uint64_t bytes, std::uint32_t milliseconds) {
+  if (Resize(bytes)) {
+    return true;
+  }
+  if (!CMemoryAccount::Process().TakeWithin(use_, bytes - bytes_, milliseconds)) {
+    return false;
+  }
+  bytes_ = bytes;
+  return true;
+}
+
+void CMemoryShare::ChangeUse(MemoryUse use) {
+  CMemoryAccount::Process().Move(std::exchange(use_, use), use, bytes_);
 }
 
 }  // namespace TansyNet

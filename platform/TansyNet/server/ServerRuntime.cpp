@@ -74,7 +74,7 @@ void CServerRuntime::SetLimits(const HttpServerLimits& limits) {
   const std::scoped_lock lock(mutex_);
   limits_ = limits;
   max_connections_.store(limits.connections, std::memory_order_relaxed);
-  CMemoryAccount::Process().SetLimit(limits.body_memory_bytes);
+  CMemoryAccount::Process().SetLimit(limits.memory_bytes);
   for (const auto& worker : threads_.workers) {
     worker->SetTick(details::TickFor(limits));
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "TansyNet/MemoryAccount.h"
 #include "TansyNet/wire/ServerMessages.h"
 
 namespace TansyNet {
@@ -33,9 +34,9 @@ struct HttpServerLimits {
   std::uint32_t unanswered_timeout_ms = 120000;  // from the delivery of a whole request to its answer
   std::uint32_t connections = 10000;
   std::uint32_t whole_body_bytes = 64 * 1024 * 1024;  // bodies of methods other than PUT; more is answered 413
-  // Bodies of all requests together, from their first byte until the last copy of their message is gone; a client whose
-  // body finds no room is answered 503.
-  std::uint64_t body_memory_bytes = std::uint64_t{2} << 30;
+  // The ceiling of MemoryAccount.h, for this process as a whole. A client whose body or answer finds no room is
+  // answered 503.
+  std::uint64_t memory_bytes = CMemoryAccount::kDefaultLimit;
 };
 
 // Results other than 0 (success).

@@ -60,7 +60,7 @@ TEST_F(HttpServerLimit, DefaultsAreThoseOfTheRecord) {
   EXPECT_EQ(limits.unanswered_timeout_ms, 120000U);
   EXPECT_EQ(limits.connections, 10000U);
   EXPECT_EQ(limits.whole_body_bytes, 67108864U);
-  EXPECT_EQ(limits.body_memory_bytes, 2147483648U);
+  EXPECT_EQ(limits.memory_bytes, 1073741824U);
 }
 
 TEST_F(HttpServerLimit, HeaderBytes) {
@@ -228,7 +228,7 @@ TEST_F(HttpServerLimit, CountForConnectionsThatComeLater) {
 }
 
 TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
-  StartWith({.body_memory_bytes = 3 * kMebibyte});
+  StartWith({.memory_bytes = 3 * kMebibyte});
   const std::string body(2 * kMebibyte, 'x');
   const std::string request = "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
   CRawClient first(Port());
@@ -257,7 +257,7 @@ TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
 }
 
 TEST_F(HttpServerLimit, BodyMemoryCountsUploadsToo) {
-  StartWith({.body_memory_bytes = 6 * kMebibyte});
+  StartWith({.memory_bytes = 6 * kMebibyte});
   CRawClient client(Port());
   client.Send("PUT / HTTP/1.1\r\nContent-Length: 12582912\r\n\r\n" + std::string(5 * kMebibyte, 'x'));
   const Delivery first = Take();

@@ -372,4 +372,21 @@ TEST_F(HttpServerRequest, WhoseCallbackThrowsEndsTheConnectionOnly) {
   EXPECT_EQ(CHttpServer::OpenRequestCount(), 0U);
 }
 
+TEST_F(HttpServerRequest, IsOpenUntilItsAnswerOrItsClientsEnd) {
+  Start();
+  CRawClient answered(Port());
+  answered.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::int32_t first = Take().handle;
+  EXPECT_TRUE(CHttpServer::IsRequestOpen(first));
+  AnswerText(first, "ok");
+  EXPECT_FALSE(CHttpServer::IsRequestOpen(first));
+  CRawClient gone(Port());
+  gone.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::int32_t second = Take().handle;
+  EXPECT_TRUE(CHttpServer::IsRequestOpen(second));
+  gone.Reset();
+  EXPECT_TRUE(Eventually([&] { return !CHttpServer::IsRequestOpen(second); }));
+  EXPECT_FALSE(CHttpServer::IsRequestOpen(0));
+}
+
 }  // namespace

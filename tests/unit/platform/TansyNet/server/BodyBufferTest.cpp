@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
-#include "TansyNet/HttpServer.h"
 #include "TansyNet/MemoryAccount.h"
 #include "TansyNet/server/BodyBuffer.h"
 
@@ -13,7 +12,6 @@ namespace {
 
 using TansyNet::CBodyBuffer;
 using TansyNet::CMemoryAccount;
-using TansyNet::CMemoryShare;
 using TansyNet::CountedBytes;
 using TansyNet::CPieceStore;
 
@@ -89,40 +87,7 @@ TEST(PieceStore, MayDieBeforeItsPieces) {
   EXPECT_EQ(*piece, "piece");
 }
 
-// Sets the process's limit and puts the usual one back.
-class MemoryBudget : public testing::Test {
- protected:
-  MemoryBudget() { CMemoryAccount::Process().SetLimit(1000); }
-  ~MemoryBudget() override { CMemoryAccount::Process().SetLimit(TansyNet::HttpServerLimits{}.body_memory_bytes); }
-};
-
-TEST_F(MemoryBudget, IsSharedByAll) {
-  CMemoryShare first;
-  CMemoryShare second;
-  EXPECT_TRUE(first.Resize(600));
-  EXPECT_FALSE(second.Resize(401));
-  EXPECT_TRUE(second.Resize(400));
-  EXPECT_EQ(CMemoryAccount::Process().Used(), 1000U);
-  EXPECT_TRUE(first.Resize(100));
-  EXPECT_EQ(CMemoryAccount::Process().Used(), 500U);
-  EXPECT_FALSE(second.Resize(1001));
-  EXPECT_EQ(CMemoryAccount::Process().Used(), 500U);
-}
-
-TEST_F(MemoryBudget, GetsSharesBack) {
-  {
-    CMemoryShare first;
-    EXPECT_TRUE(first.Resize(300));
-    CMemoryShare moved = std::move(first);
-    CMemoryShare other;
-    EXPECT_TRUE(other.Resize(200));
-    other = std::move(moved);
-    EXPECT_EQ(CMemoryAccount::Process().Used(), 500U);
-  }
-  EXPECT_EQ(CMemoryAccount::Process().Used(), 0U);
-}
-
-TEST_F(MemoryBudget, CountsABodyUntilItsLastOwnerIsGone) {
+TEST(BodyBuffer, CountsABodyUntilItsLastOwnerIsGone) {
   CBodyBuffer body;
   body.Start(300);
   const std::string text(300, 'x');
