@@ -22,8 +22,9 @@ class HttpClient {
   using enum ClientError::Kind;
 
   // One exchange. True when a whole answer came, whatever its status; an answer that comes before the whole request is
-  // sent (a refusal) ends the sending. Interim answers (1xx) are skipped. A kept connection that turns out to be closed
-  // before any byte of the answer came is replaced by a fresh one once. `response` and `error` may be null.
+  // sent (a refusal) ends the sending. Interim answers (1xx) are skipped. A GET or HEAD whose kept connection turns out
+  // to be closed before any byte of the answer came is sent once more, on a fresh connection. Every other request is
+  // sent once: after such a failure nobody knows whether it was carried out. `response` and `error` may be null.
   bool Send(const CHttpClientRequest& request, CHttpClientResponse* response, Error* error);
 
   // The same, but the answer's body is handed out in pieces (256 KiB each but the last) on the calling thread. `last`

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <utility>
 
 #include "TansyNet/client/ClientTls.h"
@@ -21,8 +22,8 @@ std::string CConnectionPool::Key(const URL& url) {
   return key + " " + std::to_string(url.port);
 }
 
-std::unique_ptr<CClientConnection> CConnectionPool::Take(const std::string& key) {
-  while (auto connection = TakeAny(key)) {
+std::unique_ptr<CClientConnection> CConnectionPool::Take(const std::string& key, std::chrono::milliseconds idle) {
+  while (auto connection = TakeAny(key, idle)) {
     if (connection->IsAlive()) {
       return connection;
     }
@@ -30,11 +31,13 @@ std::unique_ptr<CClientConnection> CConnectionPool::Take(const std::string& key)
   return nullptr;
 }
 
-std::unique_ptr<CClientConnection> CConnectionPool::TakeAny(const std::string& key) {
+std::unique_ptr<CClientConnection> CConnectionPool::TakeAny(const std::string& key, std::chrono::milliseconds idle) {
   std::vector<Idle> removed;  // closed after the lock is released
   const std::lock_guard<std::mutex> lock(mutex_);
   RemoveStale(idle_, removed);
-  const auto found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const Idle& entry) { return entry.key == key; });
+  const auto latest = Clock::now() - idle;
+  const auto found = std::find_if(idle_.rbegin(), idle_.rend(),
+                                  [&](const Idle& entry) { return entry.key == key && entry.since <= latest; });
   if (found == idle_.rend()) {
     return nullptr;
   }
@@ -43,10 +46,19 @@ std::unique_ptr<CClientConnection> CConnectionPool::TakeAny(const std::string& k
   return connection;
 }
 
-void CConnectionPool::Give(const std::string& key, std::unique_ptr<CClientConnection> connection) {
+void CConnectionPool::Give(const std::string& key, std::unique_ptr<CClientConnection> connection) noexcept {
   if (connection->trust_generation() != ClientTrustGeneration()) {
     return;
   }
+  try {
+    Keep(key, std::move(connection));
+  } catch (const std::bad_alloc&) {
+    // The exchange that used the connection is complete all the same.
+    return;
+  }
+}
+
+void CConnectionPool::Keep(const std::string& key, std::unique_ptr<CClientConnection> connection) {
   std::vector<Idle> removed;
   const std::lock_guard<std::mutex> lock(mutex_);
   RemoveStale(idle_, removed);
@@ -65,6 +77,7 @@ void CConnectionPool::Give(const std::string& key, std::unique_ptr<CClientConnec
 }
 
 void CConnectionPool::RemoveStale(std::vector<Idle>& idle, std::vector<Idle>& removed) {
+  removed.reserve(idle.size() + 1);  // nothing below may fail between taking an entry out and having it removed
   const auto now = Clock::now();
   const std::uint64_t generation = ClientTrustGeneration();
   const auto is_stale = [&](const Idle& entry) {

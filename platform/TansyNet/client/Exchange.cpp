@@ -1,6 +1,7 @@
 #include "TansyNet/client/Exchange.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "TansyNet/client/ConnectionPool.h"
@@ -9,6 +10,8 @@
 namespace TansyNet::details {
 
 namespace {
+
+constexpr std::chrono::milliseconds kAnyAge{0};
 
 std::string_view Rest(std::string_view text, std::uint64_t done) {
   return text.substr(static_cast<std::size_t>(std::min<std::uint64_t>(done, text.size())));
@@ -23,12 +26,12 @@ bool CExchange::Run(ClientError& error) {
     return false;
   }
   const std::string key = CConnectionPool::Key(url);
-  auto connection = CConnectionPool::Instance().Take(key);
+  auto connection = CConnectionPool::Instance().Take(key, HasEffects() ? CConnectionPool::kSettled : kAnyAge);
   const bool kept = connection != nullptr;
   bool complete = kept && RunOn(*connection, error);
-  // A server may close a kept connection at the very moment in which it is used again; nothing of the request has then
-  // been answered, and a fresh connection shows what the server really has to say.
-  if (!kept || (!complete && closed_unanswered_)) {
+  // A server may close a kept connection at the very moment in which it is used again. Nothing of the request has then
+  // been answered, but it may have been carried out: only one without effects is sent again.
+  if (!kept || (!complete && closed_unanswered_ && !HasEffects())) {
     connection = CClientConnection::Open(url, request_.connect_timeout_ms, error);
     complete = connection != nullptr && RunOn(*connection, error);
   }
@@ -36,6 +39,12 @@ bool CExchange::Run(ClientError& error) {
     CConnectionPool::Instance().Give(key, std::move(connection));
   }
   return complete;
+}
+
+// A PUT counts too, although it may be repeated as far as HTTP goes: a part that arrives a second time may arrive after
+// the upload was completed, and an object after somebody else replaced it.
+bool CExchange::HasEffects() const {
+  return request_.method != "GET" && request_.method != "HEAD";
 }
 
 bool CExchange::RunOn(CClientConnection& connection, ClientError& error) {

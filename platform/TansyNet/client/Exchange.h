@@ -14,7 +14,7 @@
 
 namespace TansyNet::details {
 
-// One thread; one object an exchange. All arguments must outlive it.
+// One thread; one object per exchange. All arguments must outlive it.
 class CExchange {
  public:
   CExchange(const CHttpClientRequest& request, CHttpClientResponse& response, IBodySink& sink)
@@ -26,6 +26,7 @@ class CExchange {
  private:
   enum class SendState { kSent, kAnswered, kFailed };
 
+  bool HasEffects() const;
   bool RunOn(CClientConnection& connection, ClientError& error);
   // Sends the request; stops early when the final head of an answer arrives first.
   SendState SendRequest(CClientConnection& connection, CAnswerReader& reader, ClientError& error);

@@ -3,11 +3,14 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include "OSAL/Osal.h"
 
 namespace TansyNet::details {
 
@@ -30,9 +33,19 @@ std::atomic<int>& AbandonedLookups() {
   return count;
 }
 
-void RunLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) {
+// Memory that runs out on a thread of its own is a look-up that failed, not the end of the process.
+int Resolve(const std::string& host, std::uint16_t port, std::vector<SocketAddress>& addresses) noexcept {
+  try {
+    return ResolveAddresses(host, port, addresses);
+  } catch (const std::exception&) {
+    return static_cast<int>(std::errc::not_enough_memory);
+  }
+}
+
+void RunLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) noexcept {
+  OSAL_SetThreadName("tansy-resolve");
   std::vector<SocketAddress> addresses;
-  const int result = ResolveAddresses(host, port, addresses);
+  const int result = Resolve(host, port, addresses);
   const std::lock_guard<std::mutex> lock(lookup->mutex);
   lookup->result = result;
   lookup->addresses = std::move(addresses);
@@ -50,7 +63,7 @@ bool StartLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host,
   }
   try {
     std::thread(RunLookup, lookup, host, port).detach();
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     return false;
   }
   return true;

@@ -105,6 +105,7 @@ TEST_P(HttpClientBigTest, BodiesOfAwkwardSizesArriveWhole) {
       const std::string body = Pattern(size);
       CHttpClientRequest request = Request("/echo");
       SetBody(request, body);
+      request.method = "GET";  // takes a kept connection at once: what one body left behind would spoil the next
       CHttpClientResponse response;
       ASSERT_TRUE(HttpClient().Send(request, &response, nullptr));
       EXPECT_TRUE(response.body == body) << size;
