@@ -11,6 +11,7 @@
 #include "TansyNet/server/AcceptedSocket.h"
 #include "TansyNet/server/ListenerOptions.h"
 #include "TansyNet/server/ServerConnection.h"
+#include "TansyNet/transport/SystemSockets.h"
 #include "logging/Logging.h"
 
 namespace TansyNet {
@@ -50,6 +51,9 @@ int NetErrorOf(const error_code& error) {
 error_code Bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, bool reuse_address) {
   error_code error;
   acceptor.open(endpoint.protocol(), error);
+  if (!error) {
+    KeepFromChildren(static_cast<SocketHandle>(acceptor.native_handle()));
+  }
   if (!error && reuse_address && LingeringConnectionsBlockPorts()) {
     acceptor.set_option(asio::socket_base::reuse_address(true), error);
   }
@@ -182,6 +186,7 @@ void CListener::PauseAfterFailure() {
 void CListener::TakeConnection() {
   const std::shared_ptr<CServerWorker> target = impl_->target;
   tcp::socket accepted = std::move(impl_->accepted);
+  details::KeepFromChildren(static_cast<details::SocketHandle>(accepted.native_handle()));
   if (IsClosed()) {
     return;
   }

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "TansyNet/server/TicketKeys.h"
+
 namespace TansyNet {
 namespace details {
 namespace {
@@ -109,6 +111,10 @@ TlsContextPtr LoadTlsContext(const HttpsServer& tls, std::string& error) {
     return nullptr;
   }
   details::SetRules(context.get());
+  if (!CTicketKeys::Use(context.get())) {
+    error = "certificate: no session tickets: " + details::OpenSslReason();
+    return nullptr;
+  }
   if (!details::LoadPair(context.get(), details::FindPair(tls), error) ||
       !details::SetClientChecks(context.get(), tls, error)) {
     return nullptr;

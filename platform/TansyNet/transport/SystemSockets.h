@@ -36,6 +36,8 @@ inline constexpr SocketHandle kNoSocket = -1;
 // processes. kNoSocket on failure, with the system's number in `error`.
 SocketHandle OpenSocket(const SocketAddress& address, int& error);
 void CloseSocket(SocketHandle socket);
+// Keeps a socket that somebody else opened from child processes.
+void KeepFromChildren(SocketHandle socket);
 // 0 when the connection is there at once; ConnectGoesOn tells the number that means "later" from failures.
 int StartConnect(SocketHandle socket, const SocketAddress& address);
 bool ConnectGoesOn(int error);

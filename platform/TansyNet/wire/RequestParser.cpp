@@ -29,6 +29,9 @@ constexpr int kHeaderTooLarge = 431;
 constexpr int kNotImplemented = 501;
 constexpr int kVersionNotSupported = 505;
 
+// Each field costs several times its bytes once it is in a map.
+constexpr int kMaxFields = 100;
+
 std::string_view View(BeastView text) {
   return {text.data(), text.size()};
 }
@@ -91,6 +94,11 @@ void SplitTarget(std::string_view target, RequestHead& head) {
   }
 }
 
+// A field that goes on in the next line. Proxies differ about what such a field says.
+bool HasFoldedLine(std::string_view header) {
+  return header.find("\r\n ") != std::string_view::npos || header.find("\r\n\t") != std::string_view::npos;
+}
+
 class CBeastParser final : public http::basic_parser<true> {
  public:
   explicit CBeastParser(std::uint32_t header_bytes) {
@@ -122,8 +130,13 @@ class CBeastParser final : public http::basic_parser<true> {
     if (header_complete_) {
       return;  // a trailer must not change what the header said
     }
+    if (++fields_ > kMaxFields) {
+      return Refuse(kHeaderTooLarge, error);
+    }
     const std::string_view value = View(beast_value);
-    if (field == http::field::content_length) {
+    if (field == http::field::host) {
+      TakeHost(error);
+    } else if (field == http::field::content_length) {
       TakeLength(value, error);
     } else if (field == http::field::transfer_encoding) {
       TakeEncoding(value, error);
@@ -131,6 +144,13 @@ class CBeastParser final : public http::basic_parser<true> {
       TakeExpectation(value, error);
     }
     head.headers.try_emplace(std::string(StandardHeaderName(View(beast_name))), value);
+  }
+
+  void TakeHost(BeastError& error) {
+    // Of two hosts a proxy may have used the other one.
+    if (std::exchange(has_host_, true)) {
+      Refuse(kBadRequest, error);
+    }
   }
 
   void TakeLength(std::string_view value, BeastError& error) {
@@ -187,6 +207,8 @@ class CBeastParser final : public http::basic_parser<true> {
   void on_finish_impl(BeastError& /*error*/) override {}
 
   bool header_complete_ = false;
+  bool has_host_ = false;
+  int fields_ = 0;
 };
 
 }  // namespace
@@ -237,6 +259,9 @@ CRequestParser::Progress CRequestParser::ParseHead(std::string_view& input) {
   const std::string_view offered = input;
   const std::size_t used = impl.parser->put(boost::asio::buffer(input.data(), input.size()), error);
   input.remove_prefix(used);
+  if (details::HasFoldedLine(offered.substr(0, used))) {
+    return impl.Fail(details::kBadRequest);
+  }
   // Lines that came one by one are counted here: the parser's own limit is for what it sees at once.
   impl.header_used += used;
   if (error == http::error::need_more || (!error && !impl.parser->is_header_done())) {

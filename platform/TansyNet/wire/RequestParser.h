@@ -43,7 +43,8 @@ class CRequestParser {
   void Reset();
 
   // Takes bytes of the head from the front of `input`. What it leaves there must be there again, followed by more, in
-  // the next call; after kDone it is what follows the head.
+  // the next call; after kDone it is what follows the head. More than 100 fields give kFailed with status 431; two Host
+  // fields, or a field that goes on in a second line, give 400.
   Progress ParseHead(std::string_view& input);
   RequestHead& Head();
 

@@ -83,6 +83,10 @@ void CloseSocket(SocketHandle socket) {
   ::close(static_cast<int>(socket));
 }
 
+void KeepFromChildren(SocketHandle socket) {
+  ::fcntl(static_cast<int>(socket), F_SETFD, FD_CLOEXEC);
+}
+
 int StartConnect(SocketHandle socket, const SocketAddress& address) {
   sockaddr_storage storage{};
   std::memcpy(&storage, address.bytes.data(), static_cast<std::size_t>(address.size));

@@ -88,6 +88,10 @@ void CloseSocket(SocketHandle socket) {
   ::closesocket(static_cast<SOCKET>(socket));
 }
 
+void KeepFromChildren(SocketHandle socket) {
+  ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
+}
+
 int StartConnect(SocketHandle socket, const SocketAddress& address) {
   sockaddr_storage storage{};
   std::memcpy(&storage, address.bytes.data(), static_cast<std::size_t>(address.size));

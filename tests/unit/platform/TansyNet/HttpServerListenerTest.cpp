@@ -1,5 +1,6 @@
 // Starting and stopping.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
@@ -89,6 +90,23 @@ TEST_F(HttpServerListener, OfBothFamiliesShareAPort) {
   EXPECT_EQ(CHttpServer::StopServer(six), 0);
   EXPECT_TRUE(CanConnect(port));
   EXPECT_FALSE(CanConnect(port, true));
+}
+
+TEST_F(HttpServerListener, ChildProcessesGetNoSockets) {
+  Start([](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, message.ip); });
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "127.0.0.1");
+  int found = 0;
+  for (int descriptor = 3; descriptor < 4096; ++descriptor) {
+    sockaddr_in own{};
+    socklen_t size = sizeof own;
+    if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size) == 0 && ntohs(own.sin_port) == Port()) {
+      ++found;
+      EXPECT_EQ(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << descriptor;
+    }
+  }
+  EXPECT_EQ(found, 2) << "the listening socket and the accepted one";
 }
 
 TEST_F(HttpServerListener, OnATakenPortSaysSo) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -325,6 +327,52 @@ TEST_F(HttpServerParserChunks, AreRefusedWhenMalformed) {
 TEST_F(HttpServerParserChunks, HaveLimitedExtensionsAndTrailers) {
   EXPECT_EQ(Feed("1;" + std::string(2 * kHeaderBytes, 'e')), Progress::kFailed);
   EXPECT_EQ(parser_.FailureStatus(), 431);
+}
+
+std::string WithFields(int count) {
+  std::string text = "GET / HTTP/1.1\r\n";
+  for (int i = 0; i < count; ++i) {
+    text += "f" + std::to_string(i) + ":\r\n";
+  }
+  return text + "\r\n";
+}
+
+TEST(HttpServerParser, AHundredFieldsAreTheLimit) {
+  EXPECT_EQ(Parse(WithFields(100)).headers.size(), 100U);
+  EXPECT_EQ(FailureOf(WithFields(101)), 431);
+}
+
+TEST(HttpServerParser, TheSameFieldAgainCountsToo) {
+  std::string text = "GET / HTTP/1.1\r\n";
+  for (int i = 0; i < 101; ++i) {
+    text += "a: b\r\n";
+  }
+  EXPECT_EQ(FailureOf(text + "\r\n"), 431);
+}
+
+TEST(HttpServerParser, TwoHostsAreRefused) {
+  EXPECT_EQ(FailureOf("GET / HTTP/1.1\r\nHost: a\r\nhost: a\r\n\r\n"), 400);
+  EXPECT_EQ(FailureOf("GET / HTTP/1.1\r\nHost: a\r\nX-Host: b\r\n\r\n"), 0);
+}
+
+TEST(HttpServerParser, AFoldedLineIsRefusedHoweverItComes) {
+  for (const std::string fold : {"\r\n b", "\r\n\tb"}) {
+    const std::string text = "GET / HTTP/1.1\r\nHost: h\r\na: a" + fold + "\r\nc: d\r\n\r\n";
+    EXPECT_EQ(FailureOf(text), 400);
+    for (std::size_t split = 1; split < text.size(); ++split) {
+      CRequestParser parser(kHeaderBytes);
+      std::string rest;
+      EXPECT_EQ(Feed(parser, text, split, rest), Progress::kFailed) << split;
+      EXPECT_EQ(parser.FailureStatus(), 400) << split;
+    }
+  }
+}
+
+TEST(HttpServerParser, ABodyMayLookLikeAFoldedLine) {
+  CRequestParser parser(kHeaderBytes);
+  std::string rest;
+  EXPECT_EQ(Feed(parser, "PUT / HTTP/1.1\r\nContent-Length: 4\r\n\r\n \r\n ", 5, rest), Progress::kDone);
+  EXPECT_EQ(rest, " \r\n ");
 }
 
 }  // namespace
