@@ -1,5 +1,6 @@
 #include "TansyNet/HttpServer.h"
 
+#include "TansyNet/server/ListenAddresses.h"
 #include "TansyNet/server/ListenerTable.h"
 #include "TansyNet/server/ServerRuntime.h"
 #include "logging/Logging.h"
@@ -12,11 +13,21 @@ namespace {
 struct Process {
   CServerRuntime runtime;
   CListenerTable listeners{runtime};
+  CListenAddresses addresses;
 };
 
 Process& TheProcess() {
   static auto* const process = new Process();
   return *process;
+}
+
+int Stop(std::int32_t handle) {
+  int result = 0;
+  for (const std::int32_t each : TheProcess().addresses.Part(handle)) {
+    const int stopped = TheProcess().listeners.Stop(each);
+    result = result == 0 ? stopped : result;
+  }
+  return result;
 }
 
 int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
@@ -30,7 +41,22 @@ int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, 
     CListenerTable::SetLastError("listen: no callback");
     return kNetListenFailed;
   }
-  return TheProcess().listeners.Start(handle, address, port, tls, callback, reuse_address);
+  std::vector<std::int32_t> handles;
+  for (const std::string& each : TheProcess().addresses.Of(address)) {
+    std::int32_t own = 0;
+    const int result = TheProcess().listeners.Start(own, each, port, tls, callback, reuse_address);
+    if (result != 0) {
+      for (const std::int32_t opened : handles) {
+        TheProcess().listeners.Stop(opened);
+      }
+      return result;
+    }
+    if (own != 0) {
+      handles.push_back(own);
+    }
+  }
+  handle = TheProcess().addresses.Join(handles);
+  return 0;
 }
 
 int Report(int result, std::int32_t handle) {
@@ -54,7 +80,7 @@ int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& addre
 }
 
 int CHttpServer::StopServer(std::int32_t handle) {
-  return handle == 0 ? 0 : details::TheProcess().listeners.Stop(handle);
+  return handle == 0 ? 0 : details::Stop(handle);
 }
 
 int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
@@ -76,6 +102,10 @@ int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpRespons
 
 bool CHttpServer::IsRequestOpen(std::int32_t handle) {
   return details::TheProcess().runtime.Handles().Find(handle) != nullptr;
+}
+
+void CHttpServer::SetListenAddresses(const std::vector<std::string>& addresses) {
+  details::TheProcess().addresses.Set(addresses);
 }
 
 void CHttpServer::SetLimits(const HttpServerLimits& limits) {

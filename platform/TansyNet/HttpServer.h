@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "TansyNet/server/ServerSettings.h"
 #include "TansyNet/wire/Headers.h"
@@ -47,6 +48,9 @@ class CHttpServer {
   // Whether a request waits for its answer and its client is still there, as far as the operating system has said.
   static bool IsRequestOpen(std::int32_t handle);
 
+  // For the host: what "0.0.0.0" and "::" stand for in the starts that follow, each for the addresses of its family. A
+  // family without any opens nothing and succeeds with handle 0. Empty (the default): all addresses of the machine.
+  static void SetListenAddresses(const std::vector<std::string>& addresses);
   // For the host, not for handlers. Limits count for connections accepted afterwards.
   static void SetLimits(const HttpServerLimits& limits);
   // Why the last start in this thread failed, one line.

@@ -109,6 +109,54 @@ TEST_F(HttpServerListener, ChildProcessesGetNoSockets) {
   EXPECT_EQ(found, 2) << "the listening socket and the accepted one";
 }
 
+// The addresses of a host that does not listen on all.
+class CListenOn {
+ public:
+  explicit CListenOn(const std::vector<std::string>& addresses) { CHttpServer::SetListenAddresses(addresses); }
+  ~CListenOn() { CHttpServer::SetListenAddresses({}); }
+  CListenOn(const CListenOn&) = delete;
+  CListenOn& operator=(const CListenOn&) = delete;
+};
+
+TEST_F(HttpServerListener, OnAllAddressesIsOnThoseOfTheHost) {
+  const CListenOn listen_on({"127.0.0.2", "127.0.0.3"});
+  const std::uint16_t port = FreePort();
+  std::int32_t four = 0;
+  std::int32_t six = 77;
+  ASSERT_EQ(CHttpServer::StartHttpServer(four, "0.0.0.0", port, OnRequest, true), 0) << CHttpServer::LastError();
+  ASSERT_EQ(CHttpServer::StartHttpServer(six, "::", port, OnRequest, true), 0);
+  EXPECT_NE(four, 0);
+  EXPECT_EQ(six, 0) << "nothing of that family";
+  EXPECT_FALSE(CanConnect(port)) << "127.0.0.1 is not among them";
+  EXPECT_FALSE(CanConnect(port, true));
+  std::int32_t other = 0;
+  for (const char* taken : {"127.0.0.2", "127.0.0.3"}) {
+    EXPECT_EQ(CHttpServer::StartHttpServer(other, taken, port, OnRequest, true), TansyNet::kNetAddressInUse) << taken;
+  }
+  EXPECT_EQ(CHttpServer::StartHttpServer(other, "127.0.0.1", port, OnRequest, true), 0)
+      << "a named address is that one";
+  EXPECT_TRUE(CanConnect(port));
+  EXPECT_EQ(CHttpServer::StopServer(other), 0);
+  EXPECT_EQ(CHttpServer::StopServer(four), 0);
+  for (const char* freed : {"127.0.0.2", "127.0.0.3"}) {
+    EXPECT_EQ(CHttpServer::StartHttpServer(other, freed, port, OnRequest, true), 0) << freed << " is free again";
+    EXPECT_EQ(CHttpServer::StopServer(other), 0);
+  }
+  EXPECT_EQ(CHttpServer::StopServer(four), TansyNet::kNetUnknownHandle);
+}
+
+TEST_F(HttpServerListener, OnSeveralAddressesIsOnAllOrNone) {
+  const CListenOn listen_on({"127.0.0.2", "127.0.0.3"});
+  const std::uint16_t port = FreePort();
+  std::int32_t taken = 0;
+  ASSERT_EQ(CHttpServer::StartHttpServer(taken, "127.0.0.3", port, OnRequest, true), 0);
+  std::int32_t handle = 77;
+  EXPECT_EQ(CHttpServer::StartHttpServer(handle, "0.0.0.0", port, OnRequest, true), TansyNet::kNetAddressInUse);
+  EXPECT_EQ(handle, 0);
+  EXPECT_NE(CHttpServer::LastError().find("127.0.0.3"), std::string::npos) << CHttpServer::LastError();
+  EXPECT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.2", port, OnRequest, true), 0) << "closed again";
+}
+
 TEST_F(HttpServerListener, OnATakenPortSaysSo) {
   Start();
   std::int32_t handle = 5;
