@@ -1,5 +1,8 @@
 #include "Addresses.h"
 
+#include <algorithm>
+
+#include "IpAddress.h"
 #include "OSAL/Osal.h"
 
 namespace Tansy::Host {
@@ -12,15 +15,51 @@ bool IsUsable(const OSAL_AdapterInfo& adapter) {
   return adapter.type != OSAL_IF_TYPE_SOFTWARE_LOOPBACK && adapter.type != OSAL_IF_TYPE_TUNNEL;
 }
 
+constexpr const char* kAnyIpv4 = "0.0.0.0";
+constexpr const char* kAnyIpv6 = "::";
+
+// Each address that is listened on, the adapters' instead of "any".
+std::vector<IpAddress> Expand(const std::vector<std::string>& listen, const std::vector<std::string>& adapters) {
+  std::vector<IpAddress> addresses;
+  for (const std::string& text : listen) {
+    const std::optional<IpAddress> wanted = ParseIpAddress(text);
+    if (wanted.has_value() && !wanted->is_any) {
+      addresses.push_back(*wanted);
+    }
+    for (const std::string& own : adapters) {
+      const std::optional<IpAddress> address = ParseIpAddress(own);
+      // An IPv6 address of one network needs to be told the adapter, which a URL cannot do.
+      const bool is_reachable = address.has_value() && !(address->is_ipv6 && address->is_link_local);
+      if (is_reachable && wanted.has_value() && wanted->is_any && address->is_ipv6 == wanted->is_ipv6) {
+        addresses.push_back(*address);
+      }
+    }
+  }
+  return addresses;
+}
+
+// The lower, the more clients can use it.
+int Rank(const IpAddress& address) {
+  const int family = address.is_ipv6 ? 1 : 0;
+  if (address.is_loopback) {
+    return 4 + family;
+  }
+  return address.is_link_local ? 2 + family : family;
+}
+
+bool ListensOn(const std::vector<std::string>& listen, const std::string& address) {
+  return std::find(listen.begin(), listen.end(), address) != listen.end();
+}
+
 }  // namespace
 }  // namespace details
 
-std::vector<std::string> AdapterAddresses() {
+std::optional<std::vector<std::string>> AdapterAddresses() {
   std::vector<std::string> ipv4;
   std::vector<std::string> ipv6;
   OSAL_AdapterInfo* adapters = nullptr;
   if (OSAL_GetAdapterInfo(&adapters) != 0) {
-    return {};
+    return std::nullopt;
   }
   for (const OSAL_AdapterInfo* adapter = adapters; adapter != nullptr; adapter = adapter->next) {
     if (!details::IsUsable(*adapter)) {
@@ -41,9 +80,23 @@ std::vector<std::string> AdapterAddresses() {
   return ipv4;
 }
 
-std::string DefaultLocalIp() {
-  const std::vector<std::string> addresses = AdapterAddresses();
-  return addresses.empty() ? "127.0.0.1" : addresses.front();
+std::string ChooseLocalIp(const std::vector<std::string>& listen, const std::vector<std::string>& adapters) {
+  if (listen.empty()) {
+    return ChooseLocalIp({details::kAnyIpv4, details::kAnyIpv6}, adapters);
+  }
+  const std::vector<IpAddress> addresses = details::Expand(listen, adapters);
+  const auto best = std::min_element(addresses.begin(), addresses.end(), [](const IpAddress& a, const IpAddress& b) {
+    return details::Rank(a) < details::Rank(b);
+  });
+  return best == addresses.end() ? LoopbackAddress(listen) : best->text;
+}
+
+std::string LoopbackAddress(const std::vector<std::string>& listen) {
+  using details::ListensOn;
+  if (listen.empty() || ListensOn(listen, details::kAnyIpv4) || ListensOn(listen, "127.0.0.1")) {
+    return "127.0.0.1";
+  }
+  return ListensOn(listen, details::kAnyIpv6) || ListensOn(listen, "::1") ? "::1" : listen.front();
 }
 
 std::string UrlHost(const std::string& ip) {

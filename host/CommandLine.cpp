@@ -33,6 +33,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
     const OptionRow& row = OptionTable()[i];
     CLI::Option* option = app.add_option(std::string("--") + row.name, values[i], row.help);
     option->type_name(row.value_name);
+    if (row.is_list) {
+      option->join(',');
+    }
     options.emplace_back(option, row.name);
   }
   CLI::Option* check =

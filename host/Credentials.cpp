@@ -38,17 +38,18 @@ std::string RandomText(std::size_t length) {
 }
 
 bool IsPrintable(const std::string& text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7f; });
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7f; });
 }
 
-// What would break the Authorization header is refused here, where somebody can still mend it.
+// Keys that anybody can guess, and what would break the Authorization header, are refused here, where somebody can
+// still mend it.
 void CheckPair(const CredentialPair& pair, int exit_code, const std::string& access_name,
                const std::string& secret_name) {
   if (!IsPrintable(pair.access_key) || pair.access_key.find(':') != std::string::npos) {
-    throw CStartFailure(exit_code, access_name + " must be printable ASCII without blanks and colons");
+    throw CStartFailure(exit_code, access_name + " must be printable ASCII without blanks and colons, and not empty");
   }
   if (!IsPrintable(pair.secret_key)) {
-    throw CStartFailure(exit_code, secret_name + " must be printable ASCII without blanks");
+    throw CStartFailure(exit_code, secret_name + " must be printable ASCII without blanks, and not empty");
   }
 }
 
@@ -83,10 +84,11 @@ CredentialPair CreatePair(const std::string& settings_path) {
 CredentialPair ObtainCredentials(const Settings& settings, const std::string& settings_path, bool& created) {
   created = false;
   CredentialPair pair = {HostSystem::Environment("TANSY_ACCESS_KEY"), HostSystem::Environment("TANSY_SECRET_KEY")};
-  if (pair.access_key.empty() != pair.secret_key.empty()) {
+  const bool has_access_key = HostSystem::HasEnvironment("TANSY_ACCESS_KEY");
+  if (has_access_key != HostSystem::HasEnvironment("TANSY_SECRET_KEY")) {
     throw CStartFailure(kExitUsage, "set both TANSY_ACCESS_KEY and TANSY_SECRET_KEY, or neither");
   }
-  if (!pair.access_key.empty()) {
+  if (has_access_key) {
     details::CheckPair(pair, kExitUsage, "TANSY_ACCESS_KEY", "TANSY_SECRET_KEY");
     return pair;
   }

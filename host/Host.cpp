@@ -1,5 +1,6 @@
 #include "Host.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -46,10 +47,24 @@ void Complain(const std::string& line) {
   std::_Exit(exit_code);
 }
 
+// So many connections the server takes when it is let; the files of requests come on top.
+constexpr std::uint64_t kEnoughOpenFiles = 12000;
+
+void NoteOpenFileLimit(std::uint64_t limit) {
+  if (limit < kEnoughOpenFiles) {
+    HOST_LOG(logging::kNotable,
+             "[%s]no more than %llu files and connections can be open at once: raise the hard limit (ulimit -n) to "
+             "serve more clients.[%s(%d)]",
+             static_cast<unsigned long long>(limit));
+  }
+}
+
 int Serve(const CommandLine& command_line) {
   CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
                         [&](CSignalThread::EEnd why) { EndNow(why, command_line.check); }, {});
+  const std::uint64_t open_files = HostSystem::RaiseOpenFileLimit();
   CServer server(command_line);
+  NoteOpenFileLimit(open_files);
   if (command_line.check) {
     return server.Check(command_line.repair);
   }
@@ -76,7 +91,6 @@ int Run(int argc, const char* const* argv) {
     }
     HostSystem::TakeSignals();
     HostSystem::MakeFilesPrivate();
-    HostSystem::RaiseOpenFileLimit();
     exit_code = details::Serve(command_line);
   } catch (const CStartFailure& failure) {
     details::Complain(failure.what());

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <string>
 
+#include "Addresses.h"
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "TansyBase/FileUtil.h"
@@ -27,8 +28,11 @@ std::string Line(const char* name, std::uint16_t port) {
 }  // namespace details
 
 void WriteListeningFile(const HostOptions& options) {
+  // Only where it is not the address that everybody would try.
+  const std::string address = LoopbackAddress(options.listen);
+  const std::string address_line = address == "127.0.0.1" ? "" : "address = \"" + address + "\"\n";
   const std::string content =
-      "# Where the tansyd of this folder listens. Written when it starts, removed when it stops.\n" +
+      "# Where the tansyd of this folder listens. Written when it starts, removed when it stops.\n" + address_line +
       details::Line("object-port", options.object_port) +
       details::Line("object-https-port", options.object_https_port) +
       details::Line("picture-port", options.picture_port) +

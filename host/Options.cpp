@@ -1,11 +1,11 @@
 #include "Options.h"
 
-#include <openssl/asn1.h>
-#include <openssl/x509v3.h>
-
+#include <algorithm>
 #include <charconv>
+#include <optional>
 #include <utility>
 
+#include "IpAddress.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -41,12 +41,33 @@ std::string ApplyPort(HostOptions& options, const std::string& text) {
 
 template <std::string HostOptions::*Member>
 std::string ApplyIp(HostOptions& options, const std::string& text) {
-  ASN1_OCTET_STRING* address = a2i_IPADDRESS(text.c_str());
-  if (address == nullptr) {
+  const std::optional<IpAddress> address = ParseIpAddress(text);
+  if (!address.has_value()) {
     return "give an IPv4 or IPv6 address";
   }
-  ASN1_OCTET_STRING_free(address);
-  options.*Member = text;
+  if (address->is_any) {
+    return "give an address that clients can connect to";
+  }
+  options.*Member = address->text;
+  return "";
+}
+
+std::string ApplyListen(HostOptions& options, const std::string& text) {
+  std::vector<std::string> addresses;
+  std::size_t begin = 0;
+  while (begin <= text.size()) {
+    const std::size_t end = std::min(text.find(',', begin), text.size());
+    const std::optional<IpAddress> address = ParseIpAddress(text.substr(begin, end - begin));
+    if (!address.has_value()) {
+      return "give IPv4 or IPv6 addresses";
+    }
+    if (std::find(addresses.begin(), addresses.end(), address->text) != addresses.end()) {
+      return "give each address once";
+    }
+    addresses.push_back(address->text);
+    begin = end + 1;
+  }
+  options.listen = std::move(addresses);
   return "";
 }
 
@@ -105,6 +126,16 @@ std::string ApplyLogLevel(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyRequireDate(HostOptions& options, const std::string& text) {
+  constexpr unsigned long kWeek = 7UL * 24 * 60;
+  unsigned long number = 0;
+  if (!ParseNumber(text, 0, kWeek, number)) {
+    return "give minutes from 1 to 10080, or 0 for no check";
+  }
+  options.require_date_minutes = static_cast<std::uint32_t>(number);
+  return "";
+}
+
 const OptionRow* FindRow(const std::string& name) {
   for (const OptionRow& row : OptionTable()) {
     if (name == row.name) {
@@ -132,7 +163,9 @@ const std::vector<OptionRow>& OptionTable() {
       {"picture-port", "N", "HTTP port of the picture protocol [9701]", ApplyPort<&HostOptions::picture_port, 1>},
       {"picture-https-port", "N", "HTTPS port of the picture protocol, 0 for none [9744]",
        ApplyPort<&HostOptions::picture_https_port, 0>},
-      {"local-ip", "IP", "address that best-node answers name [first adapter's, else 127.0.0.1]",
+      {"listen", "IP", "address to listen on, several times if need be [all of this machine]", details::ApplyListen,
+       true},
+      {"local-ip", "IP", "address that best-node answers name [that of this machine, else 127.0.0.1]",
        ApplyIp<&HostOptions::local_ip>},
       {"wan-ip", "IP", "address that best-node answers name to clients from outside [none]",
        ApplyIp<&HostOptions::wan_ip>},
@@ -148,6 +181,9 @@ const std::vector<OptionRow>& OptionTable() {
       {"storage", "URL", "stored bytes: file:DIR, in the data folder [file:objects]", details::ApplyStorage},
       {"durability", "full|fast", "full: 200 to a write means it is on stable storage [full]",
        details::ApplyDurability},
+      {"require-date", "MINUTES",
+       "refuse signatures whose Date is missing or further off than this; 0: do not look [0]",
+       details::ApplyRequireDate},
       {"log-level", "N", "lowest level written, 2 (everything) to 5 (errors only) [3]", details::ApplyLogLevel},
       {"log-file", "FILE", "where the log goes [standard error]", ApplyPath<&HostOptions::log_file>},
   };
@@ -187,6 +223,10 @@ void CheckPorts(const HostOptions& options) {
                                             ": give each a port of its own");
       }
     }
+  }
+  if (!options.wan_ip.empty() && !options.HasWanObjects() && !options.HasWanPictures()) {
+    throw CStartFailure(kExitUsage,
+                        "wan-ip is of no use without a port: give wan-object-port, wan-picture-port or the like too");
   }
 }
 

@@ -16,7 +16,8 @@ struct HostOptions {
   std::uint16_t object_https_port = 9743;  // 0: no HTTPS
   std::uint16_t picture_port = 9701;
   std::uint16_t picture_https_port = 9744;  // 0: no HTTPS
-  std::string local_ip;                     // empty: the first adapter's address
+  std::vector<std::string> listen;          // addresses of all listeners; empty: all of the machine's
+  std::string local_ip;                     // empty: an address of the machine, looked at again while running
   std::string wan_ip;                       // empty: no WAN answers
   std::uint16_t wan_object_port = 0;
   std::uint16_t wan_picture_port = 0;
@@ -25,10 +26,13 @@ struct HostOptions {
   std::string database = "sqlite:catalogue.db";
   std::string storage = "file:objects";
   bool full_durability = true;
+  std::uint32_t require_date_minutes = 0;  // 0: signatures count whatever their date
   int log_level = 3;
   std::string log_file;  // empty: standard error
 
   bool HasHttps() const { return object_https_port != 0 || picture_https_port != 0; }
+  bool HasWanObjects() const { return !wan_ip.empty() && (wan_object_port != 0 || wan_object_https_port != 0); }
+  bool HasWanPictures() const { return !wan_ip.empty() && (wan_picture_port != 0 || wan_picture_https_port != 0); }
 };
 
 // Option names without dashes, to the texts given for them.
@@ -40,6 +44,8 @@ struct OptionRow {
   const char* help;
   // Takes a text over, or returns what would be right ("give ...").
   std::string (*apply)(HostOptions& options, const std::string& text);
+  // May be given several times: `apply` then gets all texts at once, with commas between them.
+  bool is_list = false;
 };
 
 // All options that take a value, in the order in which the help lists them.
@@ -50,7 +56,8 @@ const std::vector<OptionRow>& OptionTable();
 void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::string& source, const std::string& prefix,
                   int exit_code);
 
-// What single options cannot know: two listeners on one port. Throws CStartFailure.
+// What single options cannot know: two listeners on one port, or a WAN address without any port, under which no server
+// could be found. Throws CStartFailure.
 void CheckPorts(const HostOptions& options);
 
 // The part of a URL after "sqlite:" or "file:".

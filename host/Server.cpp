@@ -38,6 +38,7 @@ constexpr std::uint32_t kRepeatWindowMs = 1000;
 // and service managers kill after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
 constexpr std::uint32_t kHousekeepingPeriodMs = 60000;
+constexpr std::uint32_t kAddressPeriodMs = 5000;
 
 std::string FolderOf(const std::string& path) {
   return path.substr(0, path.find_last_of('/') + 1);
@@ -52,8 +53,7 @@ void CloseListeners() {
   CloudStorage::SetPicServerEnable(false);
 }
 
-void StopServing(std::uint32_t drain_ms) {
-  CloseListeners();
+void FinishRequests(std::uint32_t drain_ms) {
   if (!TansyNet::CHttpServer::Shutdown(drain_ms)) {
     HOST_LOG(logging::kNotable, "[%s]requests were cut off after %u ms.[%s(%d)]", drain_ms);
   }
@@ -61,9 +61,15 @@ void StopServing(std::uint32_t drain_ms) {
   CloudStorage::UninitPicServer();
 }
 
+// What a start has opened when it fails.
+void CloseAgain() {
+  CloseListeners();
+  FinishRequests(0);
+}
+
 [[noreturn]] void FailStart(const std::string& what) {
   const std::string reason = TansyNet::CHttpServer::LastError();
-  StopServing(0);
+  CloseAgain();
   throw CStartFailure(kExitFailed, what + " cannot be opened: " + (reason.empty() ? "see the log" : reason));
 }
 
@@ -110,6 +116,7 @@ CServer::CServer(const CommandLine& command_line) {
 }
 
 CServer::~CServer() {
+  address_watch_.reset();
   housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);
 }
@@ -123,8 +130,9 @@ void CServer::ReadOptions(const CommandLine& command_line, const std::string& co
   ApplyOptions(options_, settings_.texts, "settings file " + settings_path_ + ": ", "", kExitFailed);
   ApplyOptions(options_, command_line.texts, "", "--", kExitUsage);
   CheckPorts(options_);
-  if (options_.local_ip.empty()) {
-    options_.local_ip = DefaultLocalIp();
+  follows_adapters_ = options_.local_ip.empty();
+  if (follows_adapters_) {
+    options_.local_ip = ChooseLocalIp(options_.listen, AdapterAddresses().value_or(std::vector<std::string>{}));
   }
 }
 
@@ -180,7 +188,7 @@ int CServer::Check(bool repair) {
 void CServer::Start() {
   bool created = false;
   const CredentialPair credentials = ObtainCredentials(settings_, settings_path_, created);
-  log_->AddSecret(credentials.access_key);
+  // The access key stays readable: whoever looks into the log has to see whose signature is refused.
   log_->AddSecret(credentials.secret_key);
   if (created) {
     HOST_LOG(logging::kNotable, "[%s]made new credentials, see %s.[%s(%d)]", settings_path_.c_str());
@@ -196,16 +204,27 @@ void CServer::Start() {
     PrepareCertificate();
   }
 
+  TansyNet::CHttpServer::SetListenAddresses(options_.listen);
+  CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   StartObjectServer(config);
   StartPictureServer(config);
   WriteListeningFile(options_);
   housekeeping_ = std::make_unique<CHousekeeping>(store_);
   housekeeping_->Start(details::kHousekeepingPeriodMs);
+  WatchAddresses();
+}
+
+void CServer::WatchAddresses() {
+  if (follows_adapters_) {
+    address_watch_ = std::make_unique<CAddressWatch>(
+        options_.listen, options_.local_ip, [](const std::string& ip) { CloudStorage::UpdateLocalServerIp(ip); });
+    address_watch_->Start(details::kAddressPeriodMs);
+  }
 }
 
 void CServer::PrepareCertificate() const {
-  std::vector<std::string> names = AdapterAddresses();
+  std::vector<std::string> names = AdapterAddresses().value_or(std::vector<std::string>{});
   names.push_back(options_.local_ip);
   names.push_back(options_.wan_ip);
   names.push_back(HostSystem::HostName());
@@ -221,7 +240,6 @@ void CServer::PrepareCertificate() const {
 CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& credentials) const {
   CloudStorage::StorageServerConfig_V1 config;
   config.ip = options_.local_ip;
-  config.wan_enable = !options_.wan_ip.empty();
   config.wan_ip = options_.wan_ip;
   config.ak = credentials.access_key;
   config.sk = credentials.secret_key;
@@ -230,6 +248,7 @@ CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& c
 }
 
 void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const {
+  config.wan_enable = options_.HasWanObjects();
   config.upload_port = config.download_port = options_.object_port;
   config.wan_port = config.wan_download_port = options_.wan_object_port;
   config.https_port = config.https_download_port = options_.object_https_port;
@@ -243,12 +262,13 @@ void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) con
   }
   if (!CloudStorage::IsCatalogueLoaded()) {
     // Objects that could not be read would look as if they did not exist.
-    details::StopServing(0);
+    details::CloseAgain();
     throw CStartFailure(kExitFailed, "the catalogue in database " + database_file_ + " cannot be read: see the log");
   }
 }
 
 void CServer::StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const {
+  config.wan_enable = options_.HasWanPictures();
   config.upload_port = config.download_port = options_.picture_port;
   config.wan_port = config.wan_download_port = options_.wan_picture_port;
   config.https_port = config.https_download_port = options_.picture_https_port;
@@ -284,7 +304,8 @@ void CServer::Stop() {
   HOST_LOG(logging::kNotable, "[%s]stopping.[%s(%d)]");
   details::CloseListeners();
   RemoveListeningFile();
-  details::StopServing(details::kDrainMs);
+  address_watch_.reset();
+  details::FinishRequests(details::kDrainMs);
   // Last, because it may be busy for a while: by now no client waits for anything.
   housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "AddressWatch.h"
 #include "CommandLine.h"
 #include "Credentials.h"
 #include "DataFolder.h"
@@ -51,6 +52,7 @@ class CServer {
   CloudStorage::StorageServerConfig_V1 MakeConfig(const CredentialPair& credentials) const;
   void StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const;
   void StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const;
+  void WatchAddresses();
 
   HostOptions options_;
   std::string settings_path_;
@@ -61,6 +63,8 @@ class CServer {
   std::string database_file_;
   std::shared_ptr<IObjectStore> store_;
   std::unique_ptr<CHousekeeping> housekeeping_;
+  bool follows_adapters_ = false;  // nobody has said which address best-node answers name
+  std::unique_ptr<CAddressWatch> address_watch_;
 };
 
 }  // namespace Tansy::Host

@@ -32,9 +32,11 @@ toml::table ParseToml(const std::string& content, const std::string& path) {
   }
 }
 
-bool IsOption(std::string_view name) {
-  return name != "config" && std::any_of(OptionTable().begin(), OptionTable().end(),
-                                         [name](const OptionRow& row) { return name == row.name; });
+// Null for what no settings file can hold.
+const OptionRow* FindOption(std::string_view name) {
+  const auto row = std::find_if(OptionTable().begin(), OptionTable().end(),
+                                [name](const OptionRow& option) { return name == option.name; });
+  return name == "config" || row == OptionTable().end() ? nullptr : &*row;
 }
 
 std::string TextValue(const toml::node& node, const std::string& path, const std::string& key) {
@@ -45,6 +47,19 @@ std::string TextValue(const toml::node& node, const std::string& path, const std
     return std::to_string(number->get());
   }
   Fail(path, key + " must be a text or a whole number");
+}
+
+// The texts of an array with commas between them, as on the command line; a single text counts as one of one.
+std::string ListValue(const toml::node& node, const std::string& path, const std::string& key) {
+  const toml::array* array = node.as_array();
+  if (array == nullptr) {
+    return TextValue(node, path, key);
+  }
+  std::string joined;
+  for (const toml::node& item : *array) {
+    joined += (joined.empty() ? "" : ",") + TextValue(item, path, key);
+  }
+  return joined;
 }
 
 void ReadCredentials(const toml::node& node, const std::string& path, Settings& settings,
@@ -113,12 +128,16 @@ Settings ParseSettings(const std::string& content, const std::string& path, bool
     const std::string name(key.str());
     if (name == details::kCredentials) {
       details::ReadCredentials(value, path, settings, unknown);
-    } else if (!details::IsOption(name)) {
+      continue;
+    }
+    const OptionRow* option = details::FindOption(name);
+    if (option == nullptr) {
       unknown.push_back(name);
     } else if (name == "data" && !may_name_data) {
       details::Fail(path, "data cannot be set in a file that lies in the data folder");
     } else {
-      settings.texts[name] = details::TextValue(value, path, name);
+      settings.texts[name] =
+          option->is_list ? details::ListValue(value, path, name) : details::TextValue(value, path, name);
     }
   }
   if (!unknown.empty()) {

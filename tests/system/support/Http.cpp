@@ -1,5 +1,6 @@
 #include "support/Http.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
@@ -56,7 +57,7 @@ int ConnectSocket(std::uint16_t port, const ConnectOptions& options) {
   sockaddr_in ipv4 = {};
   ipv4.sin_family = AF_INET;
   ipv4.sin_port = htons(port);
-  ipv4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ipv4.sin_addr.s_addr = options.address.empty() ? htonl(INADDR_LOOPBACK) : ::inet_addr(options.address.c_str());
   sockaddr_in6 ipv6 = {};
   ipv6.sin6_family = AF_INET6;
   ipv6.sin6_port = htons(port);

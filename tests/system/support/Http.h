@@ -48,6 +48,7 @@ Request Signed(Request request, const Keys& keys = {});
 struct ConnectOptions {
   bool tls = false;
   bool ipv6 = false;
+  std::string address;     // IPv4, of this machine; empty: 127.0.0.1, or ::1 with ipv6
   int newest_tls = 0;      // TLS1_2_VERSION and the like; 0: any
   std::string trust;       // PEM file: the server's certificate must be good for "localhost"
   int receive_buffer = 0;  // bytes; 0: the system's choice

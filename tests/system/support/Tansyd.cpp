@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -134,7 +135,10 @@ std::vector<std::string> CTansyd::Arguments(const Launch& launch) const {
     arguments.insert(arguments.end(),
                      {"--object-port", std::to_string(ports_[0]), "--picture-port", std::to_string(ports_[1]),
                       "--object-https-port", std::to_string(launch.with_https ? ports_[2] : 0), "--picture-https-port",
-                      std::to_string(launch.with_https ? ports_[3] : 0), "--local-ip", "127.0.0.1"});
+                      std::to_string(launch.with_https ? ports_[3] : 0)});
+  }
+  if (launch.with_ports && launch.with_local_ip) {
+    arguments.insert(arguments.end(), {"--local-ip", "127.0.0.1"});
   }
   arguments.insert(arguments.end(), launch.arguments.begin(), launch.arguments.end());
   return arguments;
@@ -165,6 +169,10 @@ void CTansyd::Spawn(const Launch& launch) {
     ::dup2(error_file, STDERR_FILENO);
     if (!launch.small_disk.empty() && !MountSmallDisk(small_disk, launch.small_disk_bytes)) {
       ::_exit(kSmallDiskMissing);
+    }
+    if (launch.open_files > 0) {
+      const rlimit limit = {launch.open_files, launch.open_files};
+      ::setrlimit(RLIMIT_NOFILE, &limit);
     }
     if (launch.without_ipv6 && !ForbidIpv6()) {
       ::_exit(kFilterMissing);

@@ -32,7 +32,9 @@ struct Launch {
   std::string folder;      // that it is started in; empty: the data folder's parent
   std::string small_disk;  // below the data folder: a file system of its own, in memory
   std::uint64_t small_disk_bytes = 0;
-  bool without_ipv6 = false;  // as on a machine whose kernel has none
+  bool without_ipv6 = false;     // as on a machine whose kernel has none
+  bool with_local_ip = true;     // best-node answers name 127.0.0.1
+  std::uint64_t open_files = 0;  // hard limit of open files and connections; 0: that of the tests
 };
 
 struct Ended {

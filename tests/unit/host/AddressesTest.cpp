@@ -14,6 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Optional;
 
 OSAL_AdapterInfo* Adapter(std::uint32_t type, const char* ipv4, unsigned char ipv6_end, OSAL_AdapterInfo* next) {
   auto* adapter = new OSAL_AdapterInfo;
@@ -45,26 +46,55 @@ TEST_F(AddressesTest, AreThoseOfRealAdaptersOldFamilyFirst) {
                 Adapter(OSAL_IF_TYPE_ETHERNET, nullptr, 7, Adapter(OSAL_IF_TYPE_ETHERNET, "192.0.2.8", 8, nullptr))));
     return 0;
   });
-  EXPECT_THAT(AdapterAddresses(), ElementsAre("192.0.2.8", "2001::7", "2001::8"));
-  EXPECT_EQ(DefaultLocalIp(), "192.0.2.8");
+  EXPECT_THAT(AdapterAddresses(), Optional(ElementsAre("192.0.2.8", "2001::7", "2001::8")));
 }
 
-TEST_F(AddressesTest, AreLoopbackWhereThereAreNone) {
+TEST_F(AddressesTest, AreNoneOnAMachineWithLoopbackOnly) {
   OSAL_SetAdapterSource([](OSAL_AdapterInfo** adapters) {
     *adapters = Adapter(OSAL_IF_TYPE_SOFTWARE_LOOPBACK, "127.0.0.1", 1, nullptr);
     return 0;
   });
-  EXPECT_THAT(AdapterAddresses(), IsEmpty());
-  EXPECT_EQ(DefaultLocalIp(), "127.0.0.1");
+  EXPECT_THAT(AdapterAddresses(), Optional(IsEmpty()));
 }
 
-TEST_F(AddressesTest, AreLoopbackWhenTheSystemDoesNotTell) {
+TEST_F(AddressesTest, AreUnknownWhenTheSystemDoesNotTell) {
   OSAL_SetAdapterSource([](OSAL_AdapterInfo** adapters) {
     *adapters = nullptr;
     return 111;
   });
-  EXPECT_THAT(AdapterAddresses(), IsEmpty());
-  EXPECT_EQ(DefaultLocalIp(), "127.0.0.1");
+  EXPECT_EQ(AdapterAddresses(), std::nullopt);
+}
+
+TEST(LocalIpTest, IsTheOneThatMostClientsCanUse) {
+  const auto choose = [](const std::vector<std::string>& adapters) { return ChooseLocalIp({}, adapters); };
+  EXPECT_EQ(choose({}), "127.0.0.1");
+  EXPECT_EQ(choose({"192.0.2.8", "192.0.2.9"}), "192.0.2.8") << "the system's order";
+  EXPECT_EQ(choose({"2001::7", "192.0.2.8"}), "192.0.2.8");
+  EXPECT_EQ(choose({"169.254.1.1", "2001::7"}), "2001::7");
+  EXPECT_EQ(choose({"169.254.1.1", "192.0.2.8"}), "192.0.2.8");
+  EXPECT_EQ(choose({"169.254.1.1"}), "169.254.1.1");
+  EXPECT_EQ(choose({"fe80::1"}), "127.0.0.1") << "needs to be told the adapter";
+}
+
+TEST(LocalIpTest, IsOneThatIsListenedOn) {
+  const std::vector<std::string> adapters = {"192.0.2.8", "2001::7"};
+  EXPECT_EQ(ChooseLocalIp({"192.0.2.9"}, adapters), "192.0.2.9");
+  EXPECT_EQ(ChooseLocalIp({"127.0.0.1", "192.0.2.9"}, adapters), "192.0.2.9");
+  EXPECT_EQ(ChooseLocalIp({"127.0.0.1"}, adapters), "127.0.0.1");
+  EXPECT_EQ(ChooseLocalIp({"::1"}, adapters), "::1");
+  EXPECT_EQ(ChooseLocalIp({"::"}, adapters), "2001::7");
+  EXPECT_EQ(ChooseLocalIp({"::"}, {"192.0.2.8"}), "::1");
+  EXPECT_EQ(ChooseLocalIp({"::", "0.0.0.0"}, adapters), "192.0.2.8");
+  EXPECT_EQ(ChooseLocalIp({"::1", "0.0.0.0"}, {}), "::1");
+}
+
+TEST(LoopbackAddressTest, IsOneThatIsListenedOn) {
+  EXPECT_EQ(LoopbackAddress({}), "127.0.0.1");
+  EXPECT_EQ(LoopbackAddress({"192.0.2.8", "0.0.0.0"}), "127.0.0.1");
+  EXPECT_EQ(LoopbackAddress({"::1", "127.0.0.1"}), "127.0.0.1");
+  EXPECT_EQ(LoopbackAddress({"192.0.2.8", "::"}), "::1");
+  EXPECT_EQ(LoopbackAddress({"192.0.2.8", "::1"}), "::1");
+  EXPECT_EQ(LoopbackAddress({"192.0.2.8"}), "192.0.2.8");
 }
 
 TEST_F(AddressesTest, StandInBracketsInAUrlWhenTheyNeedThem) {

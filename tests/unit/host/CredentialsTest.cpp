@@ -99,6 +99,31 @@ TEST_F(CredentialsTest, HalfAnEnvironmentIsAMistake) {
   }
 }
 
+TEST_F(CredentialsTest, EmptyKeysAreAMistakeEverywhere) {
+  const std::pair<const char*, const char*> pairs[] = {{"", ""}, {"ea", ""}, {"", "es"}};
+  for (const auto& [access_key, secret_key] : pairs) {
+    ::setenv("TANSY_ACCESS_KEY", access_key, 1);
+    ::setenv("TANSY_SECRET_KEY", secret_key, 1);
+    Settings settings;
+    settings.access_key = "sa";
+    settings.secret_key = "ss";
+    try {
+      ObtainCredentials(settings, path_, created_);
+      ADD_FAILURE() << "\"" << access_key << "\" and \"" << secret_key << "\" are taken";
+    } catch (const CStartFailure& failure) {
+      EXPECT_EQ(failure.GetExitCode(), kExitUsage);
+      EXPECT_THAT(failure.what(), testing::HasSubstr("not empty"));
+    }
+    ClearEnvironment();
+    settings.access_key = access_key;
+    settings.secret_key = secret_key;
+    if (access_key[0] != '\0') {  // without an access key there is no pair, and a new one is made
+      EXPECT_THROW(ObtainCredentials(settings, path_, created_), CStartFailure);
+    }
+  }
+  EXPECT_FALSE(temp_.Exists("tansyd.toml")) << "nothing is made in their place";
+}
+
 TEST_F(CredentialsTest, KeysThatWouldBreakTheHeaderAreRefused) {
   for (const std::string access_key : {"a:b", "a b", "a\tb", "k\xc3\xa9y"}) {
     Settings settings;

@@ -32,6 +32,16 @@ TEST_F(ListeningFileTest, HoldsThePorts) {
   EXPECT_EQ(text.front(), '#');
 }
 
+TEST_F(ListeningFileTest, NamesTheAddressWhereItIsNotTheUsualOne) {
+  HostOptions options;
+  options.listen = {"192.0.2.8"};
+  WriteListeningFile(options);
+  EXPECT_NE(temp_.Read("listening.toml").find("\naddress = \"192.0.2.8\"\n"), std::string::npos);
+  options.listen = {"192.0.2.8", "127.0.0.1"};
+  WriteListeningFile(options);
+  EXPECT_EQ(temp_.Read("listening.toml").find("address"), std::string::npos);
+}
+
 TEST_F(ListeningFileTest, IsRemovedOnceOrNeverWasThere) {
   WriteListeningFile(HostOptions());
   RemoveListeningFile();

@@ -41,6 +41,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
   EXPECT_EQ(options.config, "");
   EXPECT_EQ(options.local_ip, "");
   EXPECT_EQ(options.wan_ip, "");
+  EXPECT_TRUE(options.listen.empty());
+  EXPECT_EQ(options.require_date_minutes, 0U);
   EXPECT_EQ(options.wan_object_port, 0);
   EXPECT_EQ(options.wan_picture_port, 0);
   EXPECT_EQ(options.wan_object_https_port, 0);
@@ -52,6 +54,7 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"object-https-port", "9743"},
                                                        {"picture-port", "9701"},
                                                        {"picture-https-port", "9744"},
+                                                       {"listen", "all of this machine"},
                                                        {"local-ip", "else 127.0.0.1"},
                                                        {"wan-ip", "none"},
                                                        {"wan-object-port", "0"},
@@ -61,6 +64,7 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"database", "sqlite:catalogue.db"},
                                                        {"storage", "file:objects"},
                                                        {"durability", "full"},
+                                                       {"require-date", "0"},
                                                        {"log-level", "3"},
                                                        {"log-file", "standard error"}};
   ASSERT_EQ(OptionTable().size(), std::size(shown));
@@ -90,8 +94,38 @@ TEST(OptionsTest, AddressesAreAddresses) {
   EXPECT_EQ(Apply("wan-ip", "2001:db8::1", options).first, 0);
   EXPECT_EQ(options.local_ip, "10.1.2.3");
   EXPECT_EQ(options.wan_ip, "2001:db8::1");
-  for (const char* text : {"", "localhost", "1.2.3", "1.2.3.256", "1.2.3.4:80", "::1::"}) {
-    EXPECT_EQ(Apply("local-ip", text).first, kExitUsage) << text;
+  for (const char* name : {"local-ip", "wan-ip"}) {
+    for (const char* text :
+         {"", "localhost", "1.2.3", "1.2.3.256", "1.2.3.4:80", "::1::", "192.168.1.5 ", "1.2.3.4\n"}) {
+      EXPECT_EQ(Apply(name, text).first, kExitUsage) << text;
+    }
+    EXPECT_THAT(Apply(name, "0.0.0.0").second, HasSubstr("that clients can connect to"));
+    EXPECT_THAT(Apply(name, "::").second, HasSubstr("that clients can connect to"));
+  }
+}
+
+TEST(OptionsTest, ListensOnOneAddressOrSeveral) {
+  HostOptions options;
+  EXPECT_EQ(Apply("listen", "127.0.0.1", options).first, 0);
+  EXPECT_EQ(options.listen, std::vector<std::string>{"127.0.0.1"});
+  EXPECT_EQ(Apply("listen", "0.0.0.0,::1,2001:DB8:0::1", options).first, 0);
+  EXPECT_EQ(options.listen, (std::vector<std::string>{"0.0.0.0", "::1", "2001:db8::1"}));
+  for (const char* text :
+       {"", ",", "127.0.0.1,", ",127.0.0.1", "127.0.0.1, ::1", "localhost", "127.0.0.1:80", "[::1]"}) {
+    EXPECT_THAT(Apply("listen", text).second, HasSubstr("give IPv4 or IPv6 addresses")) << text;
+  }
+  EXPECT_THAT(Apply("listen", "::1,127.0.0.1,0:0:0:0:0:0:0:1").second, HasSubstr("give each address once"));
+}
+
+TEST(OptionsTest, TheDateWindowIsWholeMinutes) {
+  HostOptions options;
+  EXPECT_EQ(Apply("require-date", "15", options).first, 0);
+  EXPECT_EQ(options.require_date_minutes, 15U);
+  EXPECT_EQ(Apply("require-date", "0", options).first, 0);
+  EXPECT_EQ(options.require_date_minutes, 0U);
+  EXPECT_EQ(Apply("require-date", "10080").first, 0);
+  for (const char* text : {"", "-1", "10081", "15m", "1.5"}) {
+    EXPECT_EQ(Apply("require-date", text).first, kExitUsage) << text;
   }
 }
 
@@ -148,6 +182,30 @@ TEST(OptionsTest, TwoListenersCannotShareAPort) {
   EXPECT_THROW(CheckPorts(options), CStartFailure);
 }
 
+TEST(OptionsTest, AWanAddressNeedsAPort) {
+  HostOptions options;
+  options.wan_ip = "192.0.2.1";
+  EXPECT_THROW(CheckPorts(options), CStartFailure);
+  EXPECT_FALSE(options.HasWanObjects());
+  EXPECT_FALSE(options.HasWanPictures());
+  for (const auto port : {&HostOptions::wan_object_port, &HostOptions::wan_object_https_port}) {
+    HostOptions with_port = options;
+    with_port.*port = 80;
+    EXPECT_NO_THROW(CheckPorts(with_port));
+    EXPECT_TRUE(with_port.HasWanObjects());
+    EXPECT_FALSE(with_port.HasWanPictures()) << "pictures are not served there";
+  }
+  for (const auto port : {&HostOptions::wan_picture_port, &HostOptions::wan_picture_https_port}) {
+    HostOptions with_port = options;
+    with_port.*port = 80;
+    EXPECT_NO_THROW(CheckPorts(with_port));
+    EXPECT_FALSE(with_port.HasWanObjects());
+    EXPECT_TRUE(with_port.HasWanPictures());
+    with_port.wan_ip.clear();
+    EXPECT_FALSE(with_port.HasWanPictures());
+  }
+}
+
 CommandLine Parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "tansyd");
   return ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
@@ -159,6 +217,11 @@ TEST(CommandLineTest, TakesEveryOptionOfTheTable) {
     EXPECT_EQ(Parse({argument.c_str(), "7"}).texts.at(row.name), "7");
     EXPECT_EQ(Parse({(argument + "=7").c_str()}).texts.at(row.name), "7");
   }
+}
+
+TEST(CommandLineTest, AListMayBeGivenBitByBit) {
+  EXPECT_EQ(Parse({"--listen", "127.0.0.1", "--listen", "::1"}).texts.at("listen"), "127.0.0.1,::1");
+  EXPECT_EQ(Parse({"--listen=127.0.0.1,::1"}).texts.at("listen"), "127.0.0.1,::1");
 }
 
 TEST(CommandLineTest, NothingGivenIsNothingSaid) {

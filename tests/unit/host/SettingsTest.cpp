@@ -28,6 +28,13 @@ TEST(SettingsTest, NumbersAndTextsBecomeTexts) {
   EXPECT_EQ(settings.access_key, "");
 }
 
+TEST(SettingsTest, AListIsAnArrayOrOneText) {
+  EXPECT_EQ(ParseSettings("listen = ['127.0.0.1', '::1']", "s", false).texts.at("listen"), "127.0.0.1,::1");
+  EXPECT_EQ(ParseSettings("listen = '::1'", "s", false).texts.at("listen"), "::1");
+  EXPECT_THAT(FailureOf("listen = [['::1']]"), HasSubstr("listen must be a text"));
+  EXPECT_THAT(FailureOf("log-file = ['a', 'b']"), HasSubstr("log-file must be a text"));
+}
+
 TEST(SettingsTest, CredentialsAreReadFromTheirTable) {
   const Settings settings = ParseSettings("[credentials]\naccess_key = 'a'\nsecret_key = 'b'\n", "s", false);
   EXPECT_EQ(settings.access_key, "a");
