@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "HostLog.h"
+#include "TansyCloudStorage/ObjectServer.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -71,9 +72,12 @@ int SaveObject(std::string& location, const char* data, std::uint32_t size, int 
 }
 
 // A picture's request path holds what its caller put there, ";" included; an object's location never begins so.
+bool IsPictureRequest(const std::string& location) {
+  return location.rfind("/pic?", 0) == 0;
+}
+
 bool ParseReadLocation(const std::string& location, StoredName& name) {
-  const bool is_request = location.rfind("/pic?", 0) == 0;
-  const std::string_view text = is_request ? std::string_view(location) : OwnText(location);
+  const std::string_view text = IsPictureRequest(location) ? std::string_view(location) : OwnText(location);
   if (ParseLocationText(text, name)) {
     return true;
   }
@@ -118,10 +122,31 @@ int ReadRange(char*& data, std::uint32_t& size, std::uint32_t offset, const std:
   });
 }
 
+int BeginRead(const std::string& location) {
+  return Guarded(kFailed, [&] {
+    StoredName name;
+    if (!ParseReadLocation(location, name)) {
+      return InvalidLocation(location, kFailed);
+    }
+    return Store().BeginRead(name) == EStoreResult::kDone ? kDone : kFailed;
+  });
+}
+
+void EndRead(const std::string& location) {
+  Guarded(kFailed, [&] {
+    StoredName name;
+    if (ParseReadLocation(location, name)) {
+      Store().EndRead(name);
+    }
+    return kDone;
+  });
+}
+
 int RemoveObject(const std::string& location) {
   return Guarded(kServerInternalError, [&] {
     StoredName name;
-    if (!ParseStoragePath(location, name)) {
+    // A picture is removed when its address could not be given away; the text is that address.
+    if (!ParseStoragePath(location, name) && !(IsPictureRequest(location) && ParseReadLocation(location, name))) {
       return InvalidLocation(location, kServerInternalError);
     }
     return Store().Remove(name) == EStoreResult::kDone ? kDone : kServerInternalError;
@@ -144,6 +169,7 @@ void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::Storag
   config.stream_save = &details::StreamSave;
   config.read_range = &details::ReadRange;
   config.remove_object = &details::RemoveObject;
+  CloudStorage::SetReadLeaseCallbacks(&details::BeginRead, &details::EndRead);
 }
 
 }  // namespace Tansy::Host

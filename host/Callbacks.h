@@ -8,8 +8,9 @@
 
 namespace Tansy::Host {
 
-// Puts the five storage callbacks into a server's configuration: plain functions over the store, which is kept for the
-// life of the process, because a callback may be running on any thread until then. A second call replaces the store.
+// Puts the five storage callbacks into a server's configuration, and has the module frame its long downloads, so that
+// the store keeps their files open. The callbacks are plain functions over the store, which is kept for the life of the
+// process, because a callback may be running on any thread until then. A second call replaces the store.
 void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config);
 
 }  // namespace Tansy::Host

@@ -1,5 +1,7 @@
 #include "Catalogue.h"
 
+#include <cstdlib>
+#include <functional>
 #include <memory>
 
 #include "HostLog.h"
@@ -64,57 +66,55 @@ std::string List(const std::vector<std::string>& ids) {
   return list;
 }
 
-bool HasRow(const std::string& sql, bool& has_row) {
-  has_row = false;
-  return Query(sql, [&has_row](db_layer::CConnect&) { has_row = true; });
+// The same for texts.
+std::string TextList(const std::vector<std::string>& texts) {
+  std::string list;
+  for (const std::string& text : texts) {
+    list += (list.empty() ? "" : ",") + Quoted(text);
+  }
+  return list;
+}
+
+bool Collect(const std::string& table, const std::string& condition, std::set<std::string>& urls) {
+  return Query("SELECT url FROM platform." + table + " WHERE " + condition,
+               [&urls](db_layer::CConnect& row) { urls.insert(row.GetString("url")); });
+}
+
+// Runs a statement over at most `limit` rows that fulfil a condition. Asks first, so that an idle server writes
+// nothing.
+bool InSteps(const std::string& table, const std::string& key, const std::string& condition, int limit, bool& left,
+             const std::function<std::string(const std::string& rows)>& statement) {
+  const std::string some = "SELECT " + key + " FROM platform." + table + " WHERE " + condition + " LIMIT ";
+  int count = 0;
+  if (!Query(some + std::to_string(limit + 1), [&count](db_layer::CConnect&) { ++count; })) {
+    return false;
+  }
+  left = count > limit;
+  return count == 0 || Execute(statement(" WHERE " + key + " IN (" + some + std::to_string(limit) + ")"));
 }
 
 }  // namespace
 }  // namespace details
-
-bool VisitCatalogue(const std::function<void(const CatalogueRow&)>& visitor) {
-  const auto visit = [&visitor](db_layer::CConnect& row, bool is_task, const char* object_column) {
-    CatalogueRow entry;
-    entry.is_task = is_task;
-    entry.bucket = row.GetString("bucket_name");
-    entry.object = row.GetString(object_column);
-    entry.url = row.GetString("url");
-    entry.size = static_cast<std::uint32_t>(row.GetInt("size"));
-    visitor(entry);
-  };
-  return details::Query("SELECT bucket_name, name, url, size FROM platform.local_object",
-                        [&](db_layer::CConnect& row) { visit(row, false, "name"); }) &&
-         details::Query("SELECT bucket_name, object_name, url, size FROM platform.local_object_task",
-                        [&](db_layer::CConnect& row) { visit(row, true, "object_name"); });
-}
 
 bool GetTaskIds(std::set<std::string>& ids) {
   return details::Query("SELECT DISTINCT task_id FROM platform.local_object_task",
                         [&ids](db_layer::CConnect& row) { ids.insert(row.GetString("task_id")); });
 }
 
-bool GetReleased(std::time_t time, int limit, std::vector<ReleasedBytes>& released) {
-  const std::string sql =
-      "SELECT id, url, bucket_name, object_name FROM platform.released_bytes WHERE released_at <= " +
-      std::to_string(time) + " ORDER BY released_at, id LIMIT " + std::to_string(limit);
-  return details::Query(sql, [&released](db_layer::CConnect& row) {
-    released.push_back(
-        {row.GetString("id"), row.GetString("url"), row.GetString("bucket_name"), row.GetString("object_name")});
+bool StampReleased(std::int64_t now, int limit, bool& left) {
+  return details::InSteps("released_bytes", "id", "released_at = -1", limit, left, [now](const std::string& rows) {
+    return "UPDATE platform.released_bytes SET released_at = " + std::to_string(now) + rows;
   });
 }
 
-bool GetReference(const ReleasedBytes& bytes, EReference& reference) {
-  const std::string key =
-      " WHERE bucket_name = " + details::Quoted(bytes.bucket) + " AND url = " + details::Quoted(bytes.url) + " AND ";
-  const std::string object = details::Quoted(bytes.object);
-  bool is_object = false;
-  bool is_task = false;
-  if (!details::HasRow("SELECT id FROM platform.local_object" + key + "name = " + object, is_object) ||
-      !details::HasRow("SELECT id FROM platform.local_object_task" + key + "object_name = " + object, is_task)) {
-    return false;
-  }
-  reference = is_task ? EReference::kTask : is_object ? EReference::kObject : EReference::kNone;
-  return true;
+bool GetReleased(EReleased kind, std::int64_t time, int limit, std::vector<ReleasedBytes>& released) {
+  const std::string sql =
+      "SELECT id, url FROM platform.released_bytes WHERE kind = " + std::to_string(static_cast<int>(kind)) +
+      " AND released_at >= 0 AND released_at <= " + std::to_string(time) + " ORDER BY released_at, id LIMIT " +
+      std::to_string(limit);
+  return details::Query(sql, [&released](db_layer::CConnect& row) {
+    released.push_back({row.GetString("id"), row.GetString("url")});
+  });
 }
 
 bool ForgetReleased(const std::vector<std::string>& ids) {
@@ -122,17 +122,59 @@ bool ForgetReleased(const std::vector<std::string>& ids) {
          details::Execute("DELETE FROM platform.released_bytes WHERE id IN (" + details::List(ids) + ")");
 }
 
-bool PostponeReleased(const std::vector<std::string>& ids, std::time_t time) {
-  return ids.empty() || details::Execute("UPDATE platform.released_bytes SET released_at = " + std::to_string(time) +
+bool PostponeReleased(const std::vector<std::string>& ids, std::int64_t now) {
+  return ids.empty() || details::Execute("UPDATE platform.released_bytes SET released_at = " + std::to_string(now) +
                                          " WHERE id IN (" + details::List(ids) + ")");
 }
 
-bool ForgetAllReleased() {
-  return details::Execute("DELETE FROM platform.released_bytes");
+bool KeepReleased(const std::vector<std::string>& ids) {
+  return ids.empty() || details::Execute("UPDATE platform.released_bytes SET kind = " +
+                                         std::to_string(static_cast<int>(EReleased::kKept)) + " WHERE id IN (" +
+                                         details::List(ids) + ")");
 }
 
-bool HasObjects(bool& has_objects) {
-  return details::HasRow("SELECT id FROM platform.local_object LIMIT 1", has_objects);
+bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named) {
+  if (urls.empty()) {
+    return true;
+  }
+  const std::string condition = "url IN (" + details::TextList(urls) + ")";
+  return details::Collect("local_object", condition, named) &&
+         details::Collect("local_object_task", condition, named) &&
+         (released_too == EReleasedToo::kNo || details::Collect("released_bytes", condition, named));
+}
+
+bool GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up) {
+  if (urls.empty()) {
+    return true;
+  }
+  std::string rows;
+  for (const std::string& url : urls) {
+    rows += (rows.empty() ? "(" : ",(") + details::Quoted(url) + ")";
+  }
+  // One statement looks and writes, so that no row can come in between.
+  return details::Execute("INSERT INTO platform.freed_bytes (url, freed_at) SELECT column1, " + std::to_string(now) +
+                          " FROM (VALUES " + rows +
+                          ") WHERE column1 NOT IN (SELECT url FROM platform.freed_bytes)"
+                          " AND NOT EXISTS (SELECT 1 FROM platform.local_object WHERE url = column1)"
+                          " AND NOT EXISTS (SELECT 1 FROM platform.local_object_task WHERE url = column1)") &&
+         details::Collect("freed_bytes", "url IN (" + details::TextList(urls) + ")", given_up);
+}
+
+bool ForgetGivenUp(std::int64_t time, int limit, bool& left) {
+  const std::string due = "freed_at <= " + std::to_string(time);
+  return details::InSteps("freed_bytes", "url", due, limit, left,
+                          [](const std::string& rows) { return "DELETE FROM platform.freed_bytes" + rows; });
+}
+
+bool GetRunningSeconds(std::int64_t& seconds) {
+  return details::Query(
+      "SELECT value FROM platform.host_values WHERE name = 'running_seconds'",
+      [&seconds](db_layer::CConnect& row) { seconds = std::strtoll(row.GetString("value").c_str(), nullptr, 10); });
+}
+
+bool SetRunningSeconds(std::int64_t seconds) {
+  return details::Execute("UPDATE platform.host_values SET value = '" + std::to_string(seconds) +
+                          "' WHERE name = 'running_seconds'");
 }
 
 }  // namespace Tansy::Host

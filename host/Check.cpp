@@ -2,27 +2,35 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
 
-#include "Catalogue.h"
+#include "CatalogueFile.h"
 #include "FirstParts.h"
 #include "StartFailure.h"
-#include "TansyBase/TimeUtil.h"
 
 namespace Tansy::Host {
 namespace details {
 namespace {
 
-// A stored name in the room that millions of them leave: volume, folder and id without their separators.
+constexpr std::uint64_t kRepairableShare = 10;  // one part in so many may be freed without force
+constexpr std::size_t kFreedAtOnce = 100;
+
+// A stored name without its separators, so that millions of them need little memory: volume, folder and id.
 using PackedName = std::array<char, 40>;
+using PackedNames = std::vector<PackedName>;  // sorted
 
 PackedName Pack(const StoredName& name) {
   const std::string text = name.volume + name.folder + name.id;
   PackedName packed{};
   std::copy_n(text.begin(), std::min(text.size(), packed.size()), packed.begin());
   return packed;
+}
+
+bool Holds(const PackedNames& names, const StoredName& name) {
+  return std::binary_search(names.begin(), names.end(), Pack(name));
 }
 
 // A name that a client chose, fit for a line of its own.
@@ -34,96 +42,196 @@ std::string Printable(const std::string& text) {
   return printable;
 }
 
+struct Damage {
+  CatalogueRow row;
+  bool is_missing = false;  // else too short
+};
+
 class CCheck {
  public:
-  CCheck(IObjectStore& store, bool repair, std::ostream& out) : store_(store), repair_(repair), out_(out) {}
+  CCheck(IObjectStore& store, const std::string& database, const CheckOptions& options, std::ostream& out)
+      : store_(store), database_(database), options_(options), out_(out) {}
 
   int Run() {
-    complete_ = VisitCatalogue([this](const CatalogueRow& row) { LookAt(row); });
-    if (!complete_) {
-      // Without every row anything stored might look like an orphan.
-      out_ << "check: the catalogue cannot be read\n";
-      return kExitFailed;
-    }
-    std::sort(referred_.begin(), referred_.end());
-    complete_ = store_.ForEach([this](const StoredEntry& entry) { LookAt(entry); });
-    complete_ = VisitDeadFirstParts(TansyBase::TimeUtil::Now(), repair_,
-                                    [this](const DeadFirstPart& part) {
-                                      out_ << "first-part " << Printable(part.name) << ' ' << part.size << '\n';
-                                      ++orphans_;
-                                      orphan_bytes_ += part.size;
-                                      freed_ += repair_ ? 1 : 0;
-                                    }) &&
-                complete_;
-    if (repair_ && complete_) {
-      // What was waiting to be freed is free now.
-      complete_ = ForgetAllReleased();
+    complete_ = NoteUnfinished();
+    referred_ = ReadCatalogue([this](const CatalogueRow& row, const StoredName* name) { LookAt(row, name); });
+    complete_ = LookAtFiles() && complete_;
+    complete_ =
+        FindDeadFirstParts([this](std::set<std::string>& ids) { return ReadTasks(ids); }, first_parts_) && complete_;
+    complete_ = NoteUnfinished() && complete_;
+    LookAgain();
+    Report();
+    if (options_.repair && MayRepair()) {
+      Repair();
     }
     return SumUp();
   }
 
  private:
-  void LookAt(const CatalogueRow& row) {
-    ++rows_;
-    StoredName name;
-    std::uint64_t size = 0;
-    const bool is_known = ParseOwnText(row.url, name);
-    if (is_known) {
-      referred_.push_back(Pack(name));
-    }
-    const EStoreResult result = is_known ? store_.GetSize(name, size) : EStoreResult::kInvalid;
-    if (result == EStoreResult::kDone && (row.is_task || size >= row.size)) {
-      return;
-    }
-    ++damaged_;
-    out_ << (result == EStoreResult::kDone ? "short /" : "missing /") << Printable(row.bucket) << '/'
-         << Printable(row.object) << ' ' << Printable(row.url) << '\n';
+  // All rows, and the names in them.
+  PackedNames ReadCatalogue(const std::function<void(const CatalogueRow& row, const StoredName* name)>& visitor) {
+    PackedNames names;
+    CCatalogueFile(database_).VisitRows([&names, &visitor](const CatalogueRow& row) {
+      StoredName name;
+      const bool is_known = ParseOwnText(row.url, name);
+      if (is_known) {
+        names.push_back(Pack(name));
+      }
+      visitor(row, is_known ? &name : nullptr);
+    });
+    std::sort(names.begin(), names.end());
+    return names;
   }
 
-  void LookAt(const StoredEntry& entry) {
-    ++files_;
-    const bool is_orphan =
-        entry.is_temporary || (entry.content == EContent::kObject &&
-                               !std::binary_search(referred_.begin(), referred_.end(), Pack(entry.name)));
-    if (!is_orphan) {
-      return;
+  bool ReadTasks(std::set<std::string>& ids) {
+    ids = CCatalogueFile(database_).TaskIds();
+    return true;
+  }
+
+  bool NoteUnfinished() {
+    std::vector<StoredName> names;
+    if (options_.unfinished && !options_.unfinished(names)) {
+      return false;
     }
-    ++orphans_;
-    orphan_bytes_ += entry.size;
-    out_ << "orphan " << entry.path << ' ' << entry.size << '\n';
-    if (repair_) {
-      freed_ += store_.RemovePath(entry.path) == EStoreResult::kDone ? 1 : 0;
+    std::transform(names.begin(), names.end(), std::back_inserter(unfinished_), &Pack);
+    std::sort(unfinished_.begin(), unfinished_.end());
+    return true;
+  }
+
+  void LookAt(const CatalogueRow& row, const StoredName* name) {
+    ++rows_;
+    std::uint64_t size = 0;
+    const EStoreResult result = name != nullptr ? store_.GetSize(*name, size) : EStoreResult::kInvalid;
+    if (result != EStoreResult::kDone || (!row.is_task && size < row.size)) {
+      damaged_.push_back({row, result != EStoreResult::kDone});
+    }
+  }
+
+  bool LookAtFiles() {
+    const auto look = [this](const StoredEntry& entry) {
+      ++files_;
+      bytes_ += entry.size;
+      if (entry.is_temporary || (entry.content == EContent::kObject && !Holds(referred_, entry.name))) {
+        orphans_.push_back(entry);
+      }
+      return !IsStopping();
+    };
+    return store_.ForEach(EContent::kObject, look) && store_.ForEach(EContent::kPicture, look) && !IsStopping();
+  }
+
+  // A server that runs has gone on meanwhile: what it has finished since, or is still at, is no finding.
+  void LookAgain() {
+    std::vector<std::string> urls;
+    const PackedNames referred =
+        ReadCatalogue([&urls](const CatalogueRow& row, const StoredName*) { urls.push_back(row.url); });
+    std::sort(urls.begin(), urls.end());
+    std::erase_if(damaged_, [this, &urls](const Damage& damage) {
+      return !std::binary_search(urls.begin(), urls.end(), damage.row.url) || IsWhole(damage.row);
+    });
+    std::erase_if(orphans_, [this, &referred](const StoredEntry& entry) {
+      return Holds(unfinished_, entry.name) || store_.IsNew(entry.name) ||
+             (!entry.is_temporary && Holds(referred, entry.name));
+    });
+  }
+
+  bool IsWhole(const CatalogueRow& row) {
+    StoredName name;
+    std::uint64_t size = 0;
+    return ParseOwnText(row.url, name) && store_.GetSize(name, size) == EStoreResult::kDone &&
+           (row.is_task || size >= row.size);
+  }
+
+  void Report() {
+    for (const Damage& damage : damaged_) {
+      out_ << (damage.is_missing ? "missing /" : "short /") << Printable(damage.row.bucket) << '/'
+           << Printable(damage.row.object) << ' ' << Printable(damage.row.url) << '\n';
+    }
+    for (const StoredEntry& entry : orphans_) {
+      out_ << "orphan " << entry.path << ' ' << entry.size << '\n';
+      orphan_bytes_ += entry.size;
+    }
+    for (const DeadFirstPart& part : first_parts_) {
+      out_ << "first-part " << Printable(part.name) << ' ' << part.size << '\n';
+      orphan_bytes_ += part.size;
+      bytes_ += part.size;
+    }
+  }
+
+  bool MayRepair() {
+    if (options_.force || OrphanCount() == 0) {
+      return true;
+    }
+    if (rows_ == 0) {
+      out_ << "check: nothing is freed: the catalogue is empty, so it may be the wrong one; --force frees all the "
+              "same\n";
+      return false;
+    }
+    if (orphan_bytes_ > bytes_ / kRepairableShare) {
+      out_ << "check: nothing is freed: that would be " << orphan_bytes_ << " of " << bytes_
+           << " bytes, more than a tenth, so the catalogue may be the wrong one; --force frees all the same\n";
+      return false;
+    }
+    return true;
+  }
+
+  void Repair() {
+    for (std::size_t begin = 0; begin < orphans_.size() && !IsStopping(); begin += kFreedAtOnce) {
+      const std::size_t end = std::min(orphans_.size(), begin + kFreedAtOnce);
+      std::vector<std::string> urls;
+      for (std::size_t i = begin; i < end; ++i) {
+        urls.push_back(LocationText(orphans_[i].name));
+      }
+      std::set<std::string> given_up(urls.begin(), urls.end());
+      if (options_.give_up) {
+        given_up.clear();
+        complete_ = options_.give_up(urls, given_up) && complete_;
+      }
+      for (std::size_t i = begin; i < end; ++i) {
+        if (given_up.count(urls[i - begin]) > 0 && store_.RemovePath(orphans_[i].path) == EStoreResult::kDone) {
+          ++freed_;
+        }
+      }
+    }
+    for (const DeadFirstPart& part : first_parts_) {
+      freed_ += RemoveFirstPart(part.name) ? 1 : 0;
     }
   }
 
   int SumUp() {
-    out_ << "check: " << rows_ << " rows, " << files_ << " stored files, " << orphans_ << " orphans (" << orphan_bytes_
-         << " bytes), " << freed_ << " freed, " << damaged_ << " damaged"
+    out_ << "check: " << rows_ << " rows, " << files_ << " stored files, " << OrphanCount() << " orphans ("
+         << orphan_bytes_ << " bytes), " << freed_ << " freed, " << damaged_.size() << " damaged"
          << (complete_ ? "" : "; not everything could be read, see the log") << '\n';
     if (!complete_) {
       return kExitFailed;
     }
-    return damaged_ == 0 && freed_ == orphans_ ? kExitDone : kExitFindings;
+    return damaged_.empty() && freed_ == OrphanCount() ? kExitDone : kExitFindings;
   }
 
+  std::size_t OrphanCount() const { return orphans_.size() + first_parts_.size(); }
+  bool IsStopping() const { return options_.is_stopping && options_.is_stopping(); }
+
   IObjectStore& store_;
-  const bool repair_;
+  const std::string& database_;
+  const CheckOptions& options_;
   std::ostream& out_;
-  std::vector<PackedName> referred_;
+  PackedNames referred_;
+  PackedNames unfinished_;
+  std::vector<StoredEntry> orphans_;
+  std::vector<DeadFirstPart> first_parts_;
+  std::vector<Damage> damaged_;
   bool complete_ = false;
   std::uint64_t rows_ = 0;
   std::uint64_t files_ = 0;
-  std::uint64_t orphans_ = 0;
+  std::uint64_t bytes_ = 0;  // of all files
   std::uint64_t orphan_bytes_ = 0;
-  std::uint64_t freed_ = 0;
-  std::uint64_t damaged_ = 0;  // missing or short
+  std::size_t freed_ = 0;
 };
 
 }  // namespace
 }  // namespace details
 
-int RunCheck(IObjectStore& store, bool repair, std::ostream& out) {
-  return details::CCheck(store, repair, out).Run();
+int RunCheck(IObjectStore& store, const std::string& database, const CheckOptions& options, std::ostream& out) {
+  return details::CCheck(store, database, options, out).Run();
 }
 
 }  // namespace Tansy::Host

@@ -1,13 +1,28 @@
 #ifndef TANSY_HOST_CHECK_H
 #define TANSY_HOST_CHECK_H
 
+#include <functional>
 #include <iosfwd>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "ObjectStore.h"
 
 namespace Tansy::Host {
 
-// Compares catalogue and stored bytes of a server that does not run, and writes what differs to `out`, one finding a
+struct CheckOptions {
+  bool repair = false;
+  bool force = false;  // repairs also what looks like the wrong catalogue
+  // The names that a running server is writing or whose row it is about to write; null when none runs. Asked before and
+  // after the look at the files.
+  std::function<bool(std::vector<StoredName>& names)> unfinished;
+  // Makes sure that no row can name these bytes before they are freed; null when no server runs.
+  std::function<bool(const std::vector<std::string>& urls, std::set<std::string>& given_up)> give_up;
+  std::function<bool()> is_stopping;  // null: never
+};
+
+// Compares catalogue and stored bytes, also of a server that runs, and writes what differs to `out`, one finding per
 // line, then one line that sums up:
 //
 //   orphan PATH SIZE            stored bytes that nothing refers to; freed by `repair`
@@ -15,9 +30,12 @@ namespace Tansy::Host {
 //   missing /BUCKET/OBJECT URL  a row whose bytes are not there
 //   short /BUCKET/OBJECT URL    a row whose bytes are fewer than it says
 //
+// Nothing is freed before everything has been looked at, and nothing at all without `force` when the catalogue is empty
+// or more than a tenth of all stored bytes would go: then it is more likely the wrong catalogue.
+//
 // Returns an exit code: kExitDone when all is well or has been mended, kExitFindings when something is left,
-// kExitFailed when it could not look everywhere.
-int RunCheck(IObjectStore& store, bool repair, std::ostream& out);
+// kExitFailed when it could not look everywhere. Throws CStartFailure when the catalogue cannot be read.
+int RunCheck(IObjectStore& store, const std::string& database, const CheckOptions& options, std::ostream& out);
 
 }  // namespace Tansy::Host
 

@@ -40,7 +40,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   }
   CLI::Option* check =
       app.add_flag("--check", line.check, "compare catalogue and stored bytes, list what differs, end");
-  app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
+  CLI::Option* repair =
+      app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
+  app.add_flag("--force", line.force, "with --repair: also if that is more than a tenth of all bytes")->needs(repair);
 
   try {
     app.parse(argc, argv);

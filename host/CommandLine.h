@@ -11,6 +11,7 @@ struct CommandLine {
   OptionTexts texts;       // as given; no value has been looked at
   bool check = false;      // compare catalogue and stored bytes, then end
   bool repair = false;     // and free what nothing refers to
+  bool force = false;      // even if that is much
   std::string print_only;  // help or version text: print it and end
 };
 

@@ -6,30 +6,49 @@
 #include "StartFailure.h"
 
 namespace Tansy::Host {
+namespace details {
+namespace {
 
-CDataFolder::CDataFolder(const std::string& path, bool make) : path_(HostSystem::AbsolutePath(path)) {
+constexpr const char* kLockFile = "/tansyd.lock";
+
+}  // namespace
+}  // namespace details
+
+CDataFolder::CDataFolder(const std::string& path, EUse use) : path_(HostSystem::AbsolutePath(path)) {
   while (path_.size() > 1 && path_.back() == '/') {
     path_.pop_back();
   }
-  const auto fail = [this](const std::string& what) {
-    throw CStartFailure(kExitFailed, "data folder " + path_ + " " + what);
-  };
-  if (!make && HostSystem::GetPathKind(path_) == HostSystem::EPathKind::kMissing) {
-    fail("does not exist");
+  if (use == EUse::kLook) {
+    if (HostSystem::GetPathKind(path_) == HostSystem::EPathKind::kMissing) {
+      Fail("does not exist");
+    }
+  } else {
+    if (const int error = HostSystem::MakeFolders(path_)) {
+      Fail("cannot be made: " + HostSystem::ErrorText(error));
+    }
+    Lock();
   }
-  if (const int error = HostSystem::MakeFolders(path_)) {
-    fail("cannot be made: " + HostSystem::ErrorText(error));
+  if (const int error = HostSystem::ChangeFolder(path_)) {
+    Fail("cannot be entered: " + HostSystem::ErrorText(error));
   }
-  const int error = lock_.Take(path_ + "/tansyd.lock");
+}
+
+void CDataFolder::Lock() {
+  const int error = lock_.Take(path_ + details::kLockFile);
   if (error == EBUSY) {
-    fail("is in use by another tansyd");
+    Fail("is in use by another tansyd");
   }
   if (error != 0) {
-    fail("cannot be written: " + HostSystem::ErrorText(error));
+    Fail("cannot be written: " + HostSystem::ErrorText(error));
   }
-  if (const int change_error = HostSystem::ChangeFolder(path_)) {
-    fail("cannot be entered: " + HostSystem::ErrorText(change_error));
-  }
+}
+
+bool CDataFolder::IsInUse() const {
+  return !lock_.IsTaken() && HostSystem::CLockFile::IsTakenByAnybody(path_ + details::kLockFile);
+}
+
+void CDataFolder::Fail(const std::string& what) const {
+  throw CStartFailure(kExitFailed, "data folder " + path_ + " " + what);
 }
 
 }  // namespace Tansy::Host

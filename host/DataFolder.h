@@ -7,17 +7,28 @@
 
 namespace Tansy::Host {
 
-// The folder that holds everything, taken for this process: made when missing, locked, and made the current folder, so
-// that relative paths lead into it from then on.
+// The folder that holds everything. It is made the current folder, so that relative paths lead into it from then on.
 class CDataFolder {
  public:
+  enum class EUse {
+    kServe,  // made when it is missing, and locked for this process
+    kLook,   // nothing is made or locked
+  };
+
   // Throws CStartFailure with kExitFailed: the folder cannot be made or used, another tansyd has it, or it is missing
-  // and `make` is false.
-  CDataFolder(const std::string& path, bool make);
+  // and nothing may be made.
+  CDataFolder(const std::string& path, EUse use);
+
+  // Locks a folder that was only to be looked at. Throws like the constructor.
+  void Lock();
+  // Whether another process has it locked.
+  bool IsInUse() const;
 
   const std::string& GetPath() const { return path_; }  // absolute
 
  private:
+  [[noreturn]] void Fail(const std::string& what) const;
+
   std::string path_;
   HostSystem::CLockFile lock_;
 };

@@ -17,7 +17,7 @@ constexpr const char* kObjectVolume = "fs01";
 constexpr const char* kPictureVolume = "pc01";
 constexpr const char* kTemporaryEnd = ".tmp";
 
-// Of a large write the disk gets to work on each slice while the next is copied.
+// A large write goes in slices: the disk writes one while the next is copied to the system.
 constexpr std::uint32_t kWriteOutSlice = 1024 * 1024;
 
 EStoreResult ToResult(int error) {
@@ -60,13 +60,46 @@ CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_dura
     : root_(std::move(root)),
       full_durability_(full_durability),
       objects_(*root_, details::kObjectVolume),
-      pictures_(*root_, details::kPictureVolume) {}
+      pictures_(*root_, details::kPictureVolume),
+      new_(*root_) {}
 
 EStoreResult CFileStore::SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) {
+  return SaveNew(content, 0, data, size, name);
+}
+
+EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) {
+  if (name.id.empty()) {
+    return SaveNew(EContent::kObject, offset, data, size, name);
+  }
+  if (!IsMine(name)) {
+    return EStoreResult::kInvalid;
+  }
+  new_.BeginWrite(name);
+  std::unique_ptr<HostSystem::IFile> file;
+  int error = root_->OpenForWriting(FilePath(name), file);
+  if (error == 0) {
+    error = WriteDurably(*file, offset, data, size);
+  }
+  new_.EndWrite(name, error == 0);
+  return error == 0 ? EStoreResult::kDone : details::Failed("writing to", FilePath(name), error);
+}
+
+EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const char* data, std::uint32_t size,
+                                 StoredName& name) {
+  const bool is_picture = content == EContent::kPicture;
   CFileVolume::Place place;
   int error = VolumeOf(content).NewPlace(place);
   if (error == 0) {
-    error = WriteNew(place, content == EContent::kPicture, 0, data, size);
+    error = new_.Add(place.name);
+  }
+  if (error == 0) {
+    bool left_behind = false;
+    error = WriteNew(place, is_picture, offset, data, size, left_behind);
+    new_.EndWrite(place.name, error == 0);
+    // A picture that is stored is complete: no row will ever name it.
+    if (error == 0 ? is_picture : !left_behind) {
+      new_.Forget(place.name);
+    }
   }
   if (error != 0) {
     return details::Failed("writing", FilePath(place.name), error);
@@ -75,32 +108,8 @@ EStoreResult CFileStore::SaveWhole(EContent content, const char* data, std::uint
   return EStoreResult::kDone;
 }
 
-EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) {
-  if (name.id.empty()) {
-    CFileVolume::Place place;
-    int error = objects_.NewPlace(place);
-    if (error == 0) {
-      error = WriteNew(place, false, offset, data, size);
-    }
-    if (error != 0) {
-      return details::Failed("writing", FilePath(place.name), error);
-    }
-    name = place.name;
-    return EStoreResult::kDone;
-  }
-  if (!IsMine(name)) {
-    return EStoreResult::kInvalid;
-  }
-  std::unique_ptr<HostSystem::IFile> file;
-  int error = root_->OpenForWriting(FilePath(name), file);
-  if (error == 0) {
-    error = WriteDurably(*file, offset, data, size);
-  }
-  return error == 0 ? EStoreResult::kDone : details::Failed("writing to", FilePath(name), error);
-}
-
 int CFileStore::WriteNew(CFileVolume::Place& place, bool under_temporary_name, std::uint64_t offset, const char* data,
-                         std::uint32_t size) {
+                         std::uint32_t size, bool& left_behind) {
   const std::string final_name = FileName(place.name);
   const std::string first_name = under_temporary_name ? place.name.id + details::kTemporaryEnd : final_name;
   std::unique_ptr<HostSystem::IFile> file;
@@ -119,7 +128,8 @@ int CFileStore::WriteNew(CFileVolume::Place& place, bool under_temporary_name, s
     error = place.folder->Sync();
   }
   if (error != 0) {
-    place.folder->Remove(renamed ? final_name : first_name);
+    const int remove_error = place.folder->Remove(renamed ? final_name : first_name);
+    left_behind = remove_error != 0 && remove_error != ENOENT;
   }
   return error;
 }
@@ -145,9 +155,9 @@ EStoreResult CFileStore::ReadWhole(const StoredName& name, ReadBuffer& buffer) {
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
   }
-  std::unique_ptr<HostSystem::IFile> file;
+  std::shared_ptr<HostSystem::IFile> file;
   std::uint64_t size = 0;
-  int error = root_->OpenForReading(FilePath(name), file);
+  int error = OpenForReading(name, file);
   if (error == 0) {
     error = file->GetSize(size);
   }
@@ -165,16 +175,46 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
   }
-  std::unique_ptr<HostSystem::IFile> file;
-  int error = root_->OpenForReading(FilePath(name), file);
+  std::shared_ptr<HostSystem::IFile> file;
+  int error = OpenForReading(name, file);
   if (error == 0) {
     error = details::ReadInto(*file, offset, size, buffer);
   }
   return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
 }
 
+EStoreResult CFileStore::BeginRead(const StoredName& name) {
+  if (!IsMine(name)) {
+    return EStoreResult::kInvalid;
+  }
+  std::shared_ptr<HostSystem::IFile> file;
+  if (const int error = OpenForReading(name, file)) {
+    return details::Failed("opening", FilePath(name), error);
+  }
+  held_.Begin(name, std::move(file));
+  return EStoreResult::kDone;
+}
+
+int CFileStore::OpenForReading(const StoredName& name, std::shared_ptr<HostSystem::IFile>& file) {
+  file = held_.Find(name);
+  if (file != nullptr) {
+    return 0;
+  }
+  std::unique_ptr<HostSystem::IFile> opened;
+  const int error = root_->OpenForReading(FilePath(name), opened);
+  file = std::move(opened);
+  return error;
+}
+
 EStoreResult CFileStore::Remove(const StoredName& name) {
-  return IsMine(name) ? RemovePath(FilePath(name)) : EStoreResult::kInvalid;
+  if (!IsMine(name)) {
+    return EStoreResult::kInvalid;
+  }
+  const EStoreResult result = RemovePath(FilePath(name));
+  if (result == EStoreResult::kDone) {
+    new_.Forget(name);
+  }
+  return result;
 }
 
 EStoreResult CFileStore::RemovePath(const std::string& path) {
@@ -202,30 +242,48 @@ bool CFileStore::IsMine(const StoredName& name) const {
   return name.volume == objects_.GetKey() || name.volume == pictures_.GetKey();
 }
 
-bool CFileStore::ForEach(const std::function<void(const StoredEntry&)>& visitor) {
-  const bool objects_done = WalkVolume(*root_, objects_.GetKey(), EContent::kObject, visitor);
-  const bool pictures_done = WalkVolume(*root_, pictures_.GetKey(), EContent::kPicture, visitor);
-  return objects_done && pictures_done;
+bool CFileStore::ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) {
+  return WalkVolume(*root_, VolumeOf(content).GetKey(), content, visitor);
+}
+
+void CFileStore::ForgetNew(const std::vector<StoredName>& names) {
+  for (const StoredName& name : names) {
+    new_.Forget(name);
+  }
+}
+
+EStoreResult CFileStore::FreeNew(const StoredName& name) {
+  // Only the temporary file of a picture: a crash may have come after its address was given away.
+  const EStoreResult result =
+      RemovePath(IsPicture(name) ? FolderPath(name) + "/" + name.id + details::kTemporaryEnd : FilePath(name));
+  if (result == EStoreResult::kDone) {
+    new_.Forget(name);
+  }
+  return result;
 }
 
 std::vector<VolumeRow> FileStoreVolumes() {
   return {{details::kObjectVolume, StoragePathPrefix(details::kObjectVolume)}};
 }
 
-std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability) {
-  const auto fail = [&path](const std::string& what, int error) {
-    throw CStartFailure(kExitFailed,
-                        "storage folder " + path + " cannot be " + what + ": " + HostSystem::ErrorText(error));
+std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability, EStoreUse use) {
+  const auto expect = [&path](int error, const char* what) {
+    if (error != 0) {
+      throw CStartFailure(kExitFailed,
+                          "storage folder " + path + " cannot be " + what + ": " + HostSystem::ErrorText(error));
+    }
   };
-  int error = HostSystem::MakeFolders(path);
-  if (error != 0) {
-    fail("made", error);
+  if (use == EStoreUse::kServe) {
+    expect(HostSystem::MakeFolders(path), "made");
   }
+  int error = 0;
   std::unique_ptr<HostSystem::IFolder> root = HostSystem::OpenFolder(path, error);
-  if (root == nullptr) {
-    fail("opened", error);
+  expect(root == nullptr ? error : 0, "opened");
+  auto store = std::make_unique<CFileStore>(std::move(root), full_durability);
+  if (use == EStoreUse::kServe) {
+    expect(store->LoadNew(), "read");
   }
-  return std::make_unique<CFileStore>(std::move(root), full_durability);
+  return store;
 }
 
 }  // namespace Tansy::Host

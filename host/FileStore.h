@@ -6,13 +6,15 @@
 #include <vector>
 
 #include "FileVolume.h"
+#include "HeldFiles.h"
 #include "HostSystem/Files.h"
+#include "NewBytesLog.h"
 #include "ObjectStore.h"
 #include "Schema.h"
 
 namespace Tansy::Host {
 
-// Stored bytes as files: one file a name, below a folder for each volume ("fs01" objects, "pc01" pictures).
+// Stored bytes as files: one file per name, below a folder for each volume ("fs01" objects, "pc01" pictures).
 //
 // Full durability: a write returns when its bytes, the file's size and its name are on stable storage. An object is
 // written under its final name at once, because nothing refers to it before the catalogue row is written; a picture is
@@ -27,30 +29,51 @@ class CFileStore final : public IObjectStore {
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
   EStoreResult Remove(const StoredName& name) override;
+  EStoreResult BeginRead(const StoredName& name) override;
+  void EndRead(const StoredName& name) override { held_.End(name); }
   bool IsPicture(const StoredName& name) const override { return name.volume == pictures_.GetKey(); }
-  bool ForEach(const std::function<void(const StoredEntry&)>& visitor) override;
+  bool ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) override;
   EStoreResult RemovePath(const std::string& path) override;
   EStoreResult GetSize(const StoredName& name, std::uint64_t& size) override;
+  std::vector<NewBytes> GetNew(std::int64_t seconds) const override { return new_.GetUntouched(seconds); }
+  bool IsNew(const StoredName& name) const override { return new_.Contains(name); }
+  void TouchNew(const std::vector<StoredName>& names) override { new_.Touch(names); }
+  void ForgetNew(const std::vector<StoredName>& names) override;
+  EStoreResult FreeNew(const StoredName& name) override;
+  void CompactNew() override { new_.TurnPage(); }
+
+  // Takes over what earlier runs left unfinished. 0, or errno.
+  int LoadNew() { return new_.Load(); }
 
  private:
   bool IsMine(const StoredName& name) const;
   CFileVolume& VolumeOf(EContent content) { return content == EContent::kObject ? objects_ : pictures_; }
+  EStoreResult SaveNew(EContent content, std::uint64_t offset, const char* data, std::uint32_t size, StoredName& name);
   int WriteNew(CFileVolume::Place& place, bool under_temporary_name, std::uint64_t offset, const char* data,
-               std::uint32_t size);
+               std::uint32_t size, bool& left_behind);
+  int OpenForReading(const StoredName& name, std::shared_ptr<HostSystem::IFile>& file);
   int WriteDurably(HostSystem::IFile& file, std::uint64_t offset, const char* data, std::uint32_t size);
 
   std::unique_ptr<HostSystem::IFolder> root_;
   const bool full_durability_;
   CFileVolume objects_;
   CFileVolume pictures_;
+  CNewBytesLog new_;
+  CHeldFiles held_;
 };
 
 // What the catalogue needs to know to turn location texts into storage paths. Pictures have no row: they are removed by
 // nobody but their host.
 std::vector<VolumeRow> FileStoreVolumes();
 
-// Opens the store's folder, making it when missing. Throws CStartFailure with kExitFailed.
-std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability);
+enum class EStoreUse {
+  kServe,  // the folder is made when it is missing, and what earlier runs left unfinished is taken over
+  kLook,   // nothing is changed by opening it
+};
+
+// Opens the store's folder. Throws CStartFailure with kExitFailed.
+std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability,
+                                            EStoreUse use = EStoreUse::kServe);
 
 }  // namespace Tansy::Host
 

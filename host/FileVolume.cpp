@@ -3,7 +3,6 @@
 #include <openssl/rand.h>
 
 #include <cerrno>
-#include <string_view>
 #include <utility>
 
 namespace Tansy::Host {
@@ -14,17 +13,6 @@ constexpr unsigned int kFilesInFolder = 1000;
 constexpr unsigned int kFolderCount = 0x10000;
 constexpr std::size_t kIdBytes = 16;
 
-std::string ToHex(const unsigned char* bytes, std::size_t count) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  text.reserve(count * 2);
-  for (std::size_t i = 0; i < count; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  return text;
-}
-
 unsigned int RandomFolder() {
   unsigned char bytes[2] = {};
   RAND_bytes(bytes, sizeof bytes);  // any number will do
@@ -33,7 +21,7 @@ unsigned int RandomFolder() {
 
 std::string FolderDigits(unsigned int number) {
   const unsigned char bytes[2] = {static_cast<unsigned char>(number >> 8), static_cast<unsigned char>(number & 255)};
-  return ToHex(bytes, sizeof bytes);
+  return HexText(bytes, sizeof bytes);
 }
 
 // Makes a folder unless it is there, and syncs its parent either way: it may have been made by a process that ended
@@ -60,7 +48,7 @@ int CFileVolume::NewPlace(Place& place) {
   if (RAND_bytes(id, sizeof id) != 1) {
     return EIO;
   }
-  place.name.id = details::ToHex(id, sizeof id);
+  place.name.id = HexText(id, sizeof id);
   place.name.volume = key_;
 
   const std::lock_guard lock(mutex_);

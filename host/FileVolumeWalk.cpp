@@ -15,7 +15,7 @@ constexpr std::size_t kIdLength = 32;
 class CWalk {
  public:
   CWalk(HostSystem::IFolder& root, std::string volume, EContent content,
-        const std::function<void(const StoredEntry&)>& visitor)
+        const std::function<bool(const StoredEntry&)>& visitor)
       : root_(root), volume_(std::move(volume)), content_(content), visitor_(visitor) {}
 
   bool Run() {
@@ -24,8 +24,8 @@ class CWalk {
         continue;
       }
       for (const HostSystem::FolderEntry& lower : List(volume_ + "/" + upper.name, false)) {
-        if (IsFolder(lower)) {
-          ShowFiles(upper.name, lower.name);
+        if (IsFolder(lower) && !ShowFiles(upper.name, lower.name)) {
+          return complete_;
         }
       }
     }
@@ -53,7 +53,8 @@ class CWalk {
     return entries;
   }
 
-  void ShowFiles(const std::string& upper, const std::string& lower) {
+  // False when the visitor has seen enough.
+  bool ShowFiles(const std::string& upper, const std::string& lower) {
     const std::string path = volume_ + "/" + upper + "/" + lower;
     for (const HostSystem::FolderEntry& file : List(path, false)) {
       const std::string end = file.name.size() > kIdLength ? file.name.substr(kIdLength) : "";
@@ -66,14 +67,17 @@ class CWalk {
       entry.size = file.size;
       entry.content = content_;
       entry.is_temporary = end == ".tmp";
-      visitor_(entry);
+      if (!visitor_(entry)) {
+        return false;
+      }
     }
+    return true;
   }
 
   HostSystem::IFolder& root_;
   const std::string volume_;
   const EContent content_;
-  const std::function<void(const StoredEntry&)>& visitor_;
+  const std::function<bool(const StoredEntry&)>& visitor_;
   bool complete_ = true;
 };
 
@@ -81,7 +85,7 @@ class CWalk {
 }  // namespace details
 
 bool WalkVolume(HostSystem::IFolder& root, const std::string& volume, EContent content,
-                const std::function<void(const StoredEntry&)>& visitor) {
+                const std::function<bool(const StoredEntry&)>& visitor) {
   return details::CWalk(root, volume, content, visitor).Run();
 }
 

@@ -9,11 +9,11 @@
 
 namespace Tansy::Host {
 
-// Shows every file below a volume's two levels of folders to `visitor`, which may remove it; whatever is not called as
-// this store calls its files is left out. A volume that is not there yet has no files. False when a folder cannot be
-// read; the others are walked all the same.
+// Shows every file below a volume's two levels of folders to `visitor`, which may remove it, until that returns false.
+// Whatever is not called as this store calls its files is left out. A volume that is not there yet has no files. False
+// when a folder cannot be read; the others are walked all the same.
 bool WalkVolume(HostSystem::IFolder& root, const std::string& volume, EContent content,
-                const std::function<void(const StoredEntry&)>& visitor);
+                const std::function<bool(const StoredEntry&)>& visitor);
 
 }  // namespace Tansy::Host
 

@@ -1,10 +1,8 @@
 #include "FirstParts.h"
 
+#include <cerrno>
 #include <memory>
-#include <set>
-#include <vector>
 
-#include "Catalogue.h"
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 
@@ -30,7 +28,8 @@ bool Report(const std::string& what, int error) {
 }  // namespace
 }  // namespace details
 
-bool VisitDeadFirstParts(std::time_t time, bool remove, const std::function<void(const DeadFirstPart&)>& visitor) {
+bool FindDeadFirstParts(const std::function<bool(std::set<std::string>& ids)>& get_tasks,
+                        std::vector<DeadFirstPart>& dead) {
   if (HostSystem::GetPathKind(kFirstPartFolder) == HostSystem::EPathKind::kMissing) {
     return true;
   }
@@ -43,23 +42,30 @@ bool VisitDeadFirstParts(std::time_t time, bool remove, const std::function<void
   if (error != 0) {
     return details::Report(std::string("listing ") + kFirstPartFolder, error);
   }
-  // Asked after the folder: a task is there before its first file is.
   std::set<std::string> tasks;
-  if (!GetTaskIds(tasks)) {
-    return false;
+  if (entries.empty() || !get_tasks(tasks)) {
+    return entries.empty();
   }
-  bool complete = true;
   for (const HostSystem::FolderEntry& entry : entries) {
     const std::string task = details::TaskIdOf(entry.name);
-    if (!entry.is_file || task.empty() || entry.modified > time || tasks.count(task) > 0) {
-      continue;
-    }
-    visitor({entry.name, entry.size});
-    if (const int remove_error = remove ? folder->Remove(entry.name) : 0) {
-      complete = details::Report("removing first part " + entry.name, remove_error);
+    if (entry.is_file && !task.empty() && tasks.count(task) == 0) {
+      dead.push_back({entry.name, entry.size});
     }
   }
-  return complete;
+  return true;
+}
+
+bool RemoveFirstPart(const std::string& name) {
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> folder = HostSystem::OpenFolder(kFirstPartFolder, error);
+  if (error == 0) {
+    error = folder->Remove(name);
+  }
+  if (error != 0 && error != ENOENT) {
+    return details::Report("removing first part " + name, error);
+  }
+  HOST_LOG(logging::kNotable, "[%s]removed first part %s, its task is gone.[%s(%d)]", name.c_str());
+  return true;
 }
 
 }  // namespace Tansy::Host

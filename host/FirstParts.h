@@ -2,9 +2,10 @@
 #define TANSY_HOST_FIRST_PARTS_H
 
 #include <cstdint>
-#include <ctime>
 #include <functional>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace Tansy::Host {
 
@@ -16,10 +17,13 @@ struct DeadFirstPart {
   std::uint64_t size = 0;
 };
 
-// Shows the first-part files whose upload task no catalogue row knows any more and which were last written at `time` or
-// before; with `remove` they are removed as well. Files that are not called as such files are stay untouched. False
-// when the folder or the catalogue cannot be read, or a file not be removed.
-bool VisitDeadFirstParts(std::time_t time, bool remove, const std::function<void(const DeadFirstPart&)>& visitor);
+// Finds the first-part files whose upload task is none of those that `get_tasks` gives; it is asked after the folder,
+// because a task is there before its first file is. Files that are not called as such files are stay unseen. False when
+// the folder cannot be read or `get_tasks` fails.
+bool FindDeadFirstParts(const std::function<bool(std::set<std::string>& ids)>& get_tasks,
+                        std::vector<DeadFirstPart>& dead);
+// False when the file cannot be removed. Either way the log tells.
+bool RemoveFirstPart(const std::string& name);
 
 }  // namespace Tansy::Host
 

@@ -66,7 +66,7 @@ int Serve(const CommandLine& command_line) {
   CServer server(command_line);
   NoteOpenFileLimit(open_files);
   if (command_line.check) {
-    return server.Check(command_line.repair);
+    return server.Check(command_line);
   }
   server.Start();
   signals.SetServing();

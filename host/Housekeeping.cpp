@@ -1,7 +1,8 @@
 #include "Housekeeping.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
-#include <vector>
 
 #include "Catalogue.h"
 #include "FirstParts.h"
@@ -12,72 +13,217 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr int kReleasedAtOnce = 100;
+constexpr int kAtOnce = 100;
+// Stored bytes get their row within moments; to look for it earlier is in vain.
+constexpr std::int64_t kRowSeconds = 2;
+constexpr std::int64_t kFirstPartSeconds = 60;
+constexpr std::int64_t kSaveClockSeconds = 3600;
+// Longer than any request may take after its bytes were given up.
+constexpr std::int64_t kGivenUpSeconds = 6 * 3600;
 
-struct Sorted {
-  std::vector<std::string> done;       // freed, or in use again: not to be looked at any more
-  std::vector<std::string> postponed;  // to be looked at later
-  std::size_t freed = 0;
-  bool failed = false;
-};
-
-void FreeOne(IObjectStore& store, const ReleasedBytes& bytes, Sorted& sorted) {
-  StoredName name;
-  EReference reference = EReference::kNone;
-  if (!ParseLocationText(bytes.url, name)) {
-    sorted.done.push_back(bytes.id);  // a picture's address, or nothing of this store's
-  } else if (!GetReference(bytes, reference)) {
-    sorted.failed = true;
-  } else if (reference == EReference::kTask) {
-    sorted.postponed.push_back(bytes.id);  // the task can still become an object with these very bytes
-  } else if (reference == EReference::kObject) {
-    sorted.done.push_back(bytes.id);
-  } else if (store.Remove(name) == EStoreResult::kDone) {
-    sorted.done.push_back(bytes.id);
-    ++sorted.freed;
-  } else {
-    sorted.postponed.push_back(bytes.id);
+std::vector<std::string> Urls(const std::vector<NewBytes>& batch) {
+  std::vector<std::string> urls;
+  for (const NewBytes& bytes : batch) {
+    urls.push_back(LocationText(bytes.name));
   }
+  return urls;
 }
 
 }  // namespace
 }  // namespace details
 
-std::size_t FreeReleasedBytes(IObjectStore& store, std::time_t time) {
-  std::size_t freed = 0;
-  while (true) {
-    std::vector<ReleasedBytes> released;
-    if (!GetReleased(time, details::kReleasedAtOnce, released)) {
-      return freed;
-    }
-    details::Sorted sorted;
-    for (const ReleasedBytes& bytes : released) {
-      details::FreeOne(store, bytes, sorted);
-    }
-    freed += sorted.freed;
-    const bool noted = ForgetReleased(sorted.done) && PostponeReleased(sorted.postponed, TansyBase::TimeUtil::Now());
-    // Trouble with the database, or nothing left but what has to wait: the next run goes on.
-    if (!noted || sorted.failed || sorted.done.empty()) {
-      return freed;
-    }
-  }
-}
-
-CHousekeeping::CHousekeeping(std::shared_ptr<IObjectStore> store) : store_(std::move(store)) {}
+CHousekeeping::CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules,
+                             UploadsUnderWay uploads, std::function<bool()> is_stopping)
+    : store_(std::move(store)), rules_(rules), uploads_(std::move(uploads)), is_stopping_(std::move(is_stopping)) {}
 
 CHousekeeping::~CHousekeeping() {
-  Stop();
+  if (clock_is_known_) {
+    SaveClock();
+  }
 }
 
-void CHousekeeping::OnTimer() {
-  const std::time_t time = TansyBase::TimeUtil::Now() - kReleaseGraceSeconds;
-  const std::size_t freed = FreeReleasedBytes(*store_, time);
-  if (freed > 0) {
-    HOST_LOG(logging::kNotable, "[%s]freed the bytes of %zu overwritten or abandoned uploads.[%s(%d)]", freed);
+void CHousekeeping::Run() {
+  if (!FindClock()) {
+    return;
   }
-  VisitDeadFirstParts(time, true, [](const DeadFirstPart& part) {
-    HOST_LOG(logging::kNotable, "[%s]removing first part %s, its task is gone.[%s(%d)]", part.name.c_str());
-  });
+  freed_ = 0;
+  LookAtNew();
+  LookAtReleased();
+  LookAtFirstParts();
+  bool left = true;
+  while (left && !is_stopping_() && ForgetGivenUp(Now() - details::kGivenUpSeconds, details::kAtOnce, left)) {
+  }
+  if (Now() - clock_saved_ >= details::kSaveClockSeconds) {
+    SaveClock();
+  }
+  if (freed_ > 0) {
+    HOST_LOG(logging::kNotable, "[%s]freed the bytes of %zu uploads that nothing refers to.[%s(%d)]", freed_);
+  }
+}
+
+bool CHousekeeping::FindClock() {
+  if (!clock_is_known_ && GetRunningSeconds(clock_saved_)) {
+    clock_base_ = clock_saved_ - TansyBase::TimeUtil::Uptime();
+    clock_is_known_ = true;
+  }
+  return clock_is_known_;
+}
+
+std::int64_t CHousekeeping::Now() const {
+  return clock_base_ + TansyBase::TimeUtil::Uptime();
+}
+
+void CHousekeeping::SaveClock() {
+  // After a failure it is behind, and what waits for its time waits longer.
+  const std::int64_t now = Now();
+  if (SetRunningSeconds(now)) {
+    clock_saved_ = now;
+  }
+}
+
+void CHousekeeping::LookAtNew() {
+  std::vector<std::string> locations;
+  uploads_(locations);
+  std::vector<StoredName> running;
+  for (const std::string& location : locations) {
+    StoredName name;
+    if (ParseLocationText(OwnText(location), name)) {
+      running.push_back(name);
+    }
+  }
+  store_->TouchNew(running);
+
+  const std::vector<NewBytes> all = store_->GetNew(details::kRowSeconds);
+  for (std::size_t begin = 0; begin < all.size() && !is_stopping_(); begin += details::kAtOnce) {
+    const auto first = all.begin() + static_cast<std::ptrdiff_t>(begin);
+    const auto last = all.begin() + static_cast<std::ptrdiff_t>(std::min(all.size(), begin + details::kAtOnce));
+    if (!LookAtNew({first, last})) {
+      return;
+    }
+  }
+  store_->CompactNew();
+}
+
+bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
+  std::set<std::string> named;
+  if (!FindNamed(details::Urls(batch), EReleasedToo::kYes, named)) {
+    return false;
+  }
+  std::vector<StoredName> forgotten;
+  std::vector<NewBytes> due;
+  for (const NewBytes& bytes : batch) {
+    if (named.count(LocationText(bytes.name)) > 0) {
+      forgotten.push_back(bytes.name);
+    } else if (bytes.failed || bytes.untouched_seconds >= rules_.keep_failed_seconds) {
+      due.push_back(bytes);
+    }
+  }
+  store_->ForgetNew(forgotten);
+  std::set<std::string> given_up;
+  if (!GiveUp(details::Urls(due), given_up)) {
+    return false;
+  }
+  for (const NewBytes& bytes : due) {
+    if (given_up.count(LocationText(bytes.name)) > 0 && store_->FreeNew(bytes.name) == EStoreResult::kDone) {
+      ++freed_;
+    }
+  }
+  return true;
+}
+
+// Urls that no row names, and that from now on none can name.
+bool CHousekeeping::GiveUp(const std::vector<std::string>& urls, std::set<std::string>& given_up) const {
+  if (GiveUpUnnamed(urls, Now(), given_up)) {
+    return true;
+  }
+  // On a full disk the catalogue takes no note, and no row either: to look has to do, so that the disk gets room again.
+  std::set<std::string> named;
+  if (!FindNamed(urls, EReleasedToo::kNo, named)) {
+    return false;
+  }
+  std::copy_if(urls.begin(), urls.end(), std::inserter(given_up, given_up.end()),
+               [&named](const std::string& url) { return named.count(url) == 0; });
+  return true;
+}
+
+void CHousekeeping::LookAtReleased() {
+  bool left = true;
+  while (left && !is_stopping_() && StampReleased(Now(), details::kAtOnce, left)) {
+  }
+  LookAtRemoved();
+  FreeReleased(EReleased::kLeft, Now() - rules_.keep_failed_seconds);
+  FreeReleased(EReleased::kKept, Now() - rules_.keep_removed_seconds);
+}
+
+// A removal that freed the bytes itself leaves nothing to wait for.
+void CHousekeeping::LookAtRemoved() {
+  std::vector<ReleasedBytes> batch;
+  while (!is_stopping_() && GetReleased(EReleased::kRemovedNow, Now(), details::kAtOnce, batch) && !batch.empty()) {
+    std::vector<std::string> kept;
+    std::vector<std::string> gone;
+    for (const ReleasedBytes& bytes : batch) {
+      StoredName name;
+      std::uint64_t size = 0;
+      const bool is_gone = !ParseLocationText(bytes.url, name) || store_->GetSize(name, size) == EStoreResult::kMissing;
+      (is_gone ? gone : kept).push_back(bytes.id);
+    }
+    if (!KeepReleased(kept) || !ForgetReleased(gone)) {
+      return;
+    }
+    batch.clear();
+  }
+}
+
+void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
+  std::vector<ReleasedBytes> batch;
+  while (!is_stopping_() && GetReleased(kind, time, details::kAtOnce, batch) && !batch.empty()) {
+    std::vector<std::string> urls;
+    std::transform(batch.begin(), batch.end(), std::back_inserter(urls), [](const auto& bytes) { return bytes.url; });
+    std::set<std::string> named;
+    if (!FindNamed(urls, EReleasedToo::kNo, named)) {
+      return;
+    }
+    std::vector<std::string> done;
+    std::vector<std::string> postponed;
+    for (const ReleasedBytes& bytes : batch) {
+      StoredName name;
+      // Bytes that a task or an object names after all are released again when it lets go of them.
+      if (named.count(bytes.url) > 0 || !ParseLocationText(bytes.url, name) || store_->IsPicture(name)) {
+        done.push_back(bytes.id);
+      } else if (store_->Remove(name) == EStoreResult::kDone) {
+        done.push_back(bytes.id);
+        ++freed_;
+      } else {
+        postponed.push_back(bytes.id);
+      }
+    }
+    // Trouble with the database, or nothing left but what has to wait: the next round goes on.
+    if (!ForgetReleased(done) || !PostponeReleased(postponed, Now()) || done.empty()) {
+      return;
+    }
+    batch.clear();
+  }
+}
+
+void CHousekeeping::LookAtFirstParts() {
+  if (first_parts_seen_ != 0 && Now() - first_parts_seen_ < details::kFirstPartSeconds) {
+    return;
+  }
+  first_parts_seen_ = Now();
+  std::vector<DeadFirstPart> dead;
+  if (!FindDeadFirstParts(&GetTaskIds, dead)) {
+    return;
+  }
+  std::set<std::string> seen;
+  for (const DeadFirstPart& part : dead) {
+    // Two looks in a row: whoever was writing it when its task ended is through then.
+    if (dead_first_parts_.count(part.name) == 0) {
+      seen.insert(part.name);
+    } else {
+      RemoveFirstPart(part.name);
+    }
+  }
+  dead_first_parts_ = std::move(seen);
 }
 
 }  // namespace Tansy::Host

@@ -1,33 +1,68 @@
 #ifndef TANSY_HOST_HOUSEKEEPING_H
 #define TANSY_HOST_HOUSEKEEPING_H
 
+#include <cstddef>
 #include <cstdint>
-#include <ctime>
+#include <functional>
 #include <memory>
+#include <set>
+#include <string>
+#include <vector>
 
+#include "Catalogue.h"
 #include "ObjectStore.h"
-#include "TansyBase/SingleBaseThread.h"
 
 namespace Tansy::Host {
 
-// Bytes that lost their row stay this long: a download that began before goes on reading them.
-inline constexpr std::time_t kReleaseGraceSeconds = 3600;
+struct HousekeepingRules {
+  // The bytes of uploads that failed, broke off or were overwritten. A read that began before goes on for so long.
+  std::int64_t keep_failed_seconds = 300;
+  // The bytes of objects that were removed without their bytes.
+  std::int64_t keep_removed_seconds = std::int64_t{7} * 24 * 3600;
+};
 
-// Frees the stored bytes of overwritten objects and of upload tasks that ended without becoming one, as far as they
-// were released at `time` or before and no row refers to them after all. Returns how many files were freed.
-std::size_t FreeReleasedBytes(IObjectStore& store, std::time_t time);
-
-// Does that once a minute on a thread of its own, and looks for dead first-part files with it.
-class CHousekeeping final : public TansyBase::CSingleBaseThread {
+// Gives back stored bytes that nothing needs any more. All times are measured with clocks that nobody can set, and
+// count only while a server runs.
+//
+// One thread uses it. Errors are logged; what could not be done is tried again in the next round.
+class CHousekeeping {
  public:
-  explicit CHousekeeping(std::shared_ptr<IObjectStore> store);
-  ~CHousekeeping() override;
+  // The location texts of the streamed uploads that are still running.
+  using UploadsUnderWay = std::function<void(std::vector<std::string>& locations)>;
 
- protected:
-  void OnTimer() override;
+  CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules, UploadsUnderWay uploads,
+                std::function<bool()> is_stopping);
+  // Notes how long the server has run, as far as it can.
+  ~CHousekeeping();
+  CHousekeeping(const CHousekeeping&) = delete;
+  CHousekeeping& operator=(const CHousekeeping&) = delete;
+
+  // One round, to be called every few seconds. Ends early, within a batch, when `is_stopping` says so.
+  void Run();
 
  private:
-  std::shared_ptr<IObjectStore> store_;
+  bool FindClock();
+  std::int64_t Now() const;
+  void SaveClock();
+  void LookAtNew();
+  bool LookAtNew(const std::vector<NewBytes>& batch);
+  bool GiveUp(const std::vector<std::string>& urls, std::set<std::string>& given_up) const;
+  void LookAtReleased();
+  void LookAtRemoved();
+  void FreeReleased(EReleased kind, std::int64_t time);
+  void LookAtFirstParts();
+
+  const std::shared_ptr<IObjectStore> store_;
+  const HousekeepingRules rules_;
+  const UploadsUnderWay uploads_;
+  const std::function<bool()> is_stopping_;
+
+  std::int64_t clock_base_ = -1;  // running seconds less uptime; -1: not known yet
+  bool clock_is_known_ = false;
+  std::int64_t clock_saved_ = 0;            // running seconds
+  std::int64_t first_parts_seen_ = 0;       // running seconds
+  std::set<std::string> dead_first_parts_;  // as of the last look
+  std::size_t freed_ = 0;                   // in this round
 };
 
 }  // namespace Tansy::Host

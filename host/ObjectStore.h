@@ -47,6 +47,13 @@ struct StoredEntry {
   bool is_temporary = false;  // a write that never finished: nothing can refer to it
 };
 
+// Bytes that were stored lately, as far as housekeeping is interested in them.
+struct NewBytes {
+  StoredName name;
+  std::int64_t untouched_seconds = 0;
+  bool failed = false;  // its last write failed, or the process that wrote it is gone
+};
+
 // Threads: every member may be called from any thread, also for the same name. A write that overlaps a read gives each
 // byte as it was before or after. Errors: results; nothing throws but for want of memory.
 class IObjectStore {
@@ -64,13 +71,33 @@ class IObjectStore {
                                  ReadBuffer& buffer) = 0;
   virtual EStoreResult Remove(const StoredName& name) = 0;
 
+  // From the begin to the end of a read, ranges of these bytes can be read whatever removes them meanwhile. kDone
+  // counts one reader of the name; each is to be ended. Anything else counts none.
+  virtual EStoreResult BeginRead(const StoredName& name) = 0;
+  virtual void EndRead(const StoredName& name) = 0;
+
   // Whether the name is a picture's.
   virtual bool IsPicture(const StoredName& name) const = 0;
-  // Every stored file, in no order; the visitor may remove what it is shown. False when a folder cannot be read.
-  virtual bool ForEach(const std::function<void(const StoredEntry&)>& visitor) = 0;
+  // Stored files of one kind, in no order, until the visitor returns false; it may remove what it is shown. False when
+  // a folder cannot be read.
+  virtual bool ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) = 0;
   // Removes a stored file by the path that ForEach gave.
   virtual EStoreResult RemovePath(const std::string& path) = 0;
   virtual EStoreResult GetSize(const StoredName& name, std::uint64_t& size) = 0;
+
+  // What was stored and nobody has told yet that a row names it: from its first byte until ForgetNew, over restarts.
+  // GetNew gives what nobody is writing and was written last at least `seconds` ago, and what is known to have failed.
+  // Pictures are never among it once they are stored.
+  virtual std::vector<NewBytes> GetNew(std::int64_t seconds) const = 0;
+  virtual bool IsNew(const StoredName& name) const = 0;
+  // Counts as a write of these names: their upload is still running.
+  virtual void TouchNew(const std::vector<StoredName>& names) = 0;
+  // Names that a row names now.
+  virtual void ForgetNew(const std::vector<StoredName>& names) = 0;
+  // Frees the bytes of a name that GetNew gave, and forgets it.
+  virtual EStoreResult FreeNew(const StoredName& name) = 0;
+  // Lets go of what is written down about forgotten names; to be called from time to time.
+  virtual void CompactNew() = 0;
 };
 
 }  // namespace Tansy::Host

@@ -117,6 +117,24 @@ std::string ApplyDurability(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyKeepRemoved(HostOptions& options, const std::string& text) {
+  unsigned long number = 0;
+  if (!ParseNumber(text, 0, 36500, number)) {
+    return "give a number of days from 0 to 36500";
+  }
+  options.keep_removed_days = static_cast<std::int64_t>(number);
+  return "";
+}
+
+std::string ApplyKeepFailed(HostOptions& options, const std::string& text) {
+  unsigned long number = 0;
+  if (!ParseNumber(text, 1, 86400, number)) {
+    return "give a number of seconds from 1 to 86400";
+  }
+  options.keep_failed_seconds = static_cast<std::int64_t>(number);
+  return "";
+}
+
 std::string ApplyLogLevel(HostOptions& options, const std::string& text) {
   unsigned long number = 0;
   if (!ParseNumber(text, 2, 5, number)) {
@@ -184,6 +202,11 @@ const std::vector<OptionRow>& OptionTable() {
       {"require-date", "MINUTES",
        "refuse signatures whose Date is missing or further off than this; 0: do not look [0]",
        details::ApplyRequireDate},
+      {"keep-removed", "DAYS", "how long the bytes of objects that were removed by a plain DELETE are kept [7]",
+       details::ApplyKeepRemoved},
+      {"keep-failed", "SECONDS",
+       "how long the bytes of uploads that failed, broke off or were overwritten are kept [300]",
+       details::ApplyKeepFailed},
       {"log-level", "N", "lowest level written, 2 (everything) to 5 (errors only) [3]", details::ApplyLogLevel},
       {"log-file", "FILE", "where the log goes [standard error]", ApplyPath<&HostOptions::log_file>},
   };

@@ -1,103 +1,55 @@
 #include "Schema.h"
 
-#include <sqlite3.h>
-
-#include <memory>
 #include <string>
 
+#include "SqliteFile.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr int kBusyTimeoutMs = 5000;
-
-// A connection that meets the catalogue as every other does: attached as `platform`.
-class CSchemaConnection {
- public:
-  explicit CSchemaConnection(const std::string& file) : file_(file) {
-    sqlite3* opened = nullptr;
-    const int result = sqlite3_open(":memory:", &opened);
-    database_.reset(opened);  // there is one to close even where it could not be opened
-    if (result != SQLITE_OK) {
-      Fail("cannot be opened");
-    }
-    sqlite3_busy_timeout(database_.get(), kBusyTimeoutMs);
-    Run("ATTACH DATABASE ?1 AS platform", {file});
-    // Reads the header: a file that is no database is found here.
-    QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master");
-  }
-
-  void RunScript(const std::string& sql, const std::string& name) {
-    if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-      const std::string reason = sqlite3_errmsg(database_.get());
-      sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-      throw CStartFailure(kExitFailed, "database " + file_ + ": " + name + " failed: " + reason);
-    }
-  }
-
-  void Run(const std::string& sql, const std::vector<std::string>& values) {
-    sqlite3_stmt* statement = Prepare(sql, values);
-    const int result = sqlite3_step(statement);
-    sqlite3_finalize(statement);
-    if (result != SQLITE_DONE && result != SQLITE_ROW) {
-      Fail("cannot be used");
-    }
-  }
-
-  long long QueryNumber(const std::string& sql) {
-    sqlite3_stmt* statement = Prepare(sql, {});
-    const int result = sqlite3_step(statement);
-    const long long number = result == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : 0;
-    sqlite3_finalize(statement);
-    if (result != SQLITE_ROW && result != SQLITE_DONE) {
-      Fail("cannot be read");
-    }
-    return number;
-  }
-
- private:
-  sqlite3_stmt* Prepare(const std::string& sql, const std::vector<std::string>& values) {
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(database_.get(), sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-      Fail("cannot be used");
-    }
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      sqlite3_bind_text(statement, static_cast<int>(i) + 1, values[i].c_str(), -1, SQLITE_TRANSIENT);
-    }
-    return statement;
-  }
-
-  [[noreturn]] void Fail(const std::string& what) {
-    throw CStartFailure(kExitFailed, "database " + file_ + " " + what + ": " + sqlite3_errmsg(database_.get()));
-  }
-
-  struct CloseDatabase {
-    void operator()(sqlite3* database) const { sqlite3_close(database); }
-  };
-
-  std::string file_;
-  std::unique_ptr<sqlite3, CloseDatabase> database_;
-};
-
 constexpr const char* kVersionTable =
     "CREATE TABLE IF NOT EXISTS platform.schema_version "
     "(version INTEGER PRIMARY KEY, name TEXT NOT NULL, applied_at TEXT NOT NULL)";
 
-// 0 for a file that no tansyd has touched yet.
-long long CurrentVersion(CSchemaConnection& connection) {
-  if (connection.QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master WHERE name = 'schema_version'") == 0) {
-    return 0;
-  }
-  return connection.QueryNumber("SELECT COALESCE(MAX(version), 0) FROM platform.schema_version");
+[[noreturn]] void Refuse(const std::string& file, const std::string& what) {
+  throw CStartFailure(kExitFailed, "database " + file + " " + what);
 }
 
-void Apply(CSchemaConnection& connection, const SchemaScript& script) {
-  connection.RunScript(std::string("BEGIN IMMEDIATE; ") + kVersionTable + ";\n" + script.sql +
-                           "\nINSERT INTO platform.schema_version VALUES (" + std::to_string(script.version) + ", '" +
-                           script.name + "', datetime('now')); COMMIT;",
-                       script.name);
+// Whether the file's table of versions is this program's: other programs call theirs the same.
+bool HasOwnVersions(CSqliteFile& database, const std::vector<SchemaScript>& scripts) {
+  if (database.QueryNumber("SELECT COUNT(*) FROM pragma_table_info('schema_version', 'platform') "
+                           "WHERE name IN ('version', 'name', 'applied_at')") != 3) {
+    return false;
+  }
+  const std::string first = database.QueryText("SELECT name FROM platform.schema_version WHERE version = 1");
+  return !scripts.empty() && first == scripts.front().name;
+}
+
+// 0 for a file that holds nothing yet.
+long long CurrentVersion(CSqliteFile& database, const std::vector<SchemaScript>& scripts) {
+  if (database.QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master") == 0) {
+    return 0;
+  }
+  if (!HasOwnVersions(database, scripts)) {
+    Refuse(database.GetPath(), "is another program's: it holds tables, but no catalogue of tansyd");
+  }
+  return database.QueryNumber("SELECT COALESCE(MAX(version), 0) FROM platform.schema_version");
+}
+
+// All scripts that are missing, in one transaction: an upgrade is done or it has not begun.
+void Apply(CSqliteFile& database, const std::vector<SchemaScript>& scripts, long long current) {
+  std::string sql = std::string("BEGIN IMMEDIATE; ") + kVersionTable + ";\n";
+  std::string names;
+  for (const SchemaScript& script : scripts) {
+    if (script.version > current) {
+      sql += std::string(script.sql) + "\nINSERT INTO platform.schema_version VALUES (" +
+             std::to_string(script.version) + ", '" + script.name + "', datetime('now'));\n";
+      names += (names.empty() ? "" : ", ") + std::string(script.name);
+    }
+  }
+  database.RunScript(sql + "COMMIT;", names);
 }
 
 }  // namespace
@@ -105,23 +57,30 @@ void Apply(CSchemaConnection& connection, const SchemaScript& script) {
 
 void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript>& scripts,
                          const std::vector<VolumeRow>& volumes) {
-  details::CSchemaConnection connection(file);
-  const long long current = details::CurrentVersion(connection);
+  CSqliteFile database(file, CSqliteFile::EAccess::kChange);
   const long long newest = scripts.empty() ? 0 : scripts.back().version;
+  const long long current = details::CurrentVersion(database, scripts);
   if (current > newest) {
-    throw CStartFailure(kExitFailed, "database " + file + " has schema version " + std::to_string(current) +
-                                         ", made by a newer tansyd; this one knows " + std::to_string(newest));
+    details::Refuse(file, "has schema version " + std::to_string(current) +
+                              ", made by a newer tansyd; this one knows " + std::to_string(newest));
   }
-  for (const SchemaScript& script : scripts) {
-    if (script.version > current) {
-      details::Apply(connection, script);
-    }
+  if (current < newest) {
+    details::Apply(database, scripts, current);
   }
   for (const VolumeRow& row : volumes) {
-    connection.Run(
+    database.Run(
         "INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES (?1, ?2) "
         "ON CONFLICT (encrypt_url) DO UPDATE SET url = excluded.url WHERE url <> excluded.url",
         {row.key, row.prefix});
+  }
+}
+
+void ExpectSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& scripts) {
+  const long long current = details::CurrentVersion(database, scripts);
+  const long long newest = scripts.back().version;
+  if (current != newest) {
+    details::Refuse(database.GetPath(), "has schema version " + std::to_string(current) +
+                                            "; start tansyd once, which makes it " + std::to_string(newest));
   }
 }
 

@@ -7,6 +7,8 @@
 
 namespace Tansy::Host {
 
+class CSqliteFile;
+
 struct SchemaScript {
   int version;
   const char* name;
@@ -22,11 +24,14 @@ struct VolumeRow {
   std::string prefix;  // what stands in their place in storage paths
 };
 
-// Makes the SQLite file or brings it up to date, each script in a transaction of its own, and writes the rows of the
-// volumes. Throws CStartFailure with kExitFailed, the file then being as it was after the last whole script: it cannot
-// be opened, it is no catalogue, or a newer tansyd has made it.
+// Makes the SQLite file or brings it up to date, with all that is missing in one transaction, and writes the rows of
+// the volumes. Throws CStartFailure with kExitFailed, the file then being as it was: it cannot be opened, it is no
+// catalogue but another program's, or a newer tansyd has made it.
 void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript>& scripts,
                          const std::vector<VolumeRow>& volumes);
+
+// Changes nothing. Throws CStartFailure with kExitFailed unless the file is a catalogue of the newest version.
+void ExpectSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& scripts);
 
 }  // namespace Tansy::Host
 

@@ -9,7 +9,7 @@
 #include "Callbacks.h"
 #include "Catalogue.h"
 #include "Certificate.h"
-#include "Check.h"
+#include "CheckCommand.h"
 #include "Factory.h"
 #include "FileStore.h"
 #include "FirstParts.h"
@@ -17,9 +17,10 @@
 #include "HostSystem/Files.h"
 #include "HostSystem/Process.h"
 #include "ListeningFile.h"
+#include "Locks.h"
 #include "Schema.h"
 #include "StartFailure.h"
-#include "TansyBase/TimeUtil.h"
+#include "StoreIdentity.h"
 #include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
@@ -37,7 +38,6 @@ constexpr std::uint32_t kRepeatWindowMs = 1000;
 // For requests that are under way when the stop signal comes. Whoever sent it waits for as long as one client stalls,
 // and service managers kill after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
-constexpr std::uint32_t kHousekeepingPeriodMs = 60000;
 constexpr std::uint32_t kAddressPeriodMs = 5000;
 
 std::string FolderOf(const std::string& path) {
@@ -51,6 +51,15 @@ bool IsAbsolute(const std::string& path) {
 void CloseListeners() {
   CloudStorage::SetObjectServerEnable(false);
   CloudStorage::SetPicServerEnable(false);
+}
+
+// Of tasks that have ended. No writer of an earlier run is left.
+void RemoveDeadFirstParts() {
+  std::vector<DeadFirstPart> dead;
+  FindDeadFirstParts(&GetTaskIds, dead);
+  for (const DeadFirstPart& part : dead) {
+    RemoveFirstPart(part.name);
+  }
 }
 
 void FinishRequests(std::uint32_t drain_ms) {
@@ -105,13 +114,19 @@ CServer::CServer(const CommandLine& command_line) {
   // Relative to where the program was started, which is not known any more once it is in its data folder.
   const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
 
-  data_folder_ = std::make_unique<CDataFolder>(data, !command_line.check);
+  using EUse = CDataFolder::EUse;
+  data_folder_ = std::make_unique<CDataFolder>(data, command_line.check ? EUse::kLook : EUse::kServe);
   ReadOptions(command_line, config_path);
   if (!log_file.empty()) {
     options_.log_file = log_file;
   }
+  if (command_line.check) {
+    options_.log_file.clear();  // that one is the running server's
+    OpenLog();
+    return;
+  }
   OpenLog();
-  OpenDatabase(command_line.check);
+  OpenDatabase();
   OpenStore();
 }
 
@@ -149,11 +164,9 @@ void CServer::OpenLog() {
   logging::SetSink(log_);
 }
 
-void CServer::OpenDatabase(bool must_exist) {
+void CServer::OpenDatabase() {
   database_file_ = UrlPath(options_.database);
-  if (must_exist && HostSystem::GetPathKind(database_file_) == HostSystem::EPathKind::kMissing) {
-    throw CStartFailure(kExitFailed, "database " + database_file_ + " does not exist");
-  }
+  LockDatabase(database_file_, database_lock_);
   PrepareSqliteSchema(database_file_, SqliteSchemaScripts(), FileStoreVolumes());
   db_layer::SetSqliteFullDurability(options_.full_durability);
   db_layer::DBParam param;
@@ -167,22 +180,14 @@ void CServer::OpenDatabase(bool must_exist) {
 
 void CServer::OpenStore() {
   const std::string path = UrlPath(options_.storage);
-  bool has_objects = false;
-  if (HostSystem::GetPathKind(path) == HostSystem::EPathKind::kMissing && HasObjects(has_objects) && has_objects) {
-    // A disk that is not mounted must not be taken for an empty store.
-    throw CStartFailure(kExitFailed, "storage folder " + path + " is missing, but the catalogue holds objects");
-  }
+  ExpectStorageFree(path);
+  MatchStoreIdentity(database_file_, path, EIdentity::kAdopt);
+  LockStorage(path, storage_lock_);
   store_ = OpenFileStore(path, options_.full_durability);
-  const int error = store_lock_.Take(path + "/tansyd.lock");
-  if (error != 0) {
-    throw CStartFailure(kExitFailed, "storage folder " + path +
-                                         (error == EBUSY ? std::string(" is in use by another tansyd")
-                                                         : " cannot be written: " + HostSystem::ErrorText(error)));
-  }
 }
 
-int CServer::Check(bool repair) {
-  return RunCheck(*store_, repair, std::cout);
+int CServer::Check(const CommandLine& command_line) {
+  return RunCheckCommand(command_line, options_, *data_folder_, std::cout);
 }
 
 void CServer::Start() {
@@ -195,11 +200,7 @@ void CServer::Start() {
   } else if (!settings_.secret_key.empty() && HostSystem::IsReadableByOthers(settings_path_)) {
     HOST_LOG(logging::kError, "[%s]%s holds the secret key and can be read by others.[%s(%d)]", settings_path_.c_str());
   }
-  // The server forgets which file holds a task's first part when it ends; files of tasks that have ended too are of no
-  // use to anybody.
-  VisitDeadFirstParts(TansyBase::TimeUtil::Now(), true, [](const DeadFirstPart& part) {
-    HOST_LOG(logging::kNotable, "[%s]removing first part %s, its task is gone.[%s(%d)]", part.name.c_str());
-  });
+  details::RemoveDeadFirstParts();
   if (options_.HasHttps()) {
     PrepareCertificate();
   }
@@ -210,8 +211,9 @@ void CServer::Start() {
   StartObjectServer(config);
   StartPictureServer(config);
   WriteListeningFile(options_);
-  housekeeping_ = std::make_unique<CHousekeeping>(store_);
-  housekeeping_->Start(details::kHousekeepingPeriodMs);
+  const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
+  housekeeping_ = std::make_unique<CHousekeepingThread>(store_, database_file_, rules);
+  housekeeping_->Begin();
   WatchAddresses();
 }
 

@@ -9,7 +9,7 @@
 #include "Credentials.h"
 #include "DataFolder.h"
 #include "HostSystem/LockFile.h"
-#include "Housekeeping.h"
+#include "HousekeepingThread.h"
 #include "ObjectStore.h"
 #include "Options.h"
 #include "TansyCloudStorage/StorageConfig.h"
@@ -22,8 +22,9 @@ namespace Tansy::Host {
 
 // A data folder with everything that lives on it. One thread uses it, the one that made it.
 //
-// The constructor takes the folder, reads the settings, opens log and database and brings the schema up to date: what
-// the module would try again for ever is found here. All of it throws CStartFailure.
+// The constructor takes the folder, reads the settings, opens log, database and storage and brings the schema up to
+// date: what the module would try again for ever is found here. For a check it only reads the settings. All of it
+// throws CStartFailure.
 class CServer {
  public:
   explicit CServer(const CommandLine& command_line);
@@ -41,12 +42,12 @@ class CServer {
   void Stop();
 
   // Instead of Start: compares catalogue and stored bytes on standard output. Returns the exit code.
-  int Check(bool repair);
+  int Check(const CommandLine& command_line);
 
  private:
   void ReadOptions(const CommandLine& command_line, const std::string& config_path);
   void OpenLog();
-  void OpenDatabase(bool must_exist);
+  void OpenDatabase();
   void OpenStore();
   void PrepareCertificate() const;
   CloudStorage::StorageServerConfig_V1 MakeConfig(const CredentialPair& credentials) const;
@@ -58,13 +59,14 @@ class CServer {
   std::string settings_path_;
   Settings settings_;
   std::unique_ptr<CDataFolder> data_folder_;
-  HostSystem::CLockFile store_lock_;
+  HostSystem::CLockFile database_lock_;
+  HostSystem::CLockFile storage_lock_;
   std::shared_ptr<logging::CStandardSink> log_;
   std::string database_file_;
   std::shared_ptr<IObjectStore> store_;
-  std::unique_ptr<CHousekeeping> housekeeping_;
   bool follows_adapters_ = false;  // nobody has said which address best-node answers name
   std::unique_ptr<CAddressWatch> address_watch_;
+  std::unique_ptr<CHousekeepingThread> housekeeping_;
 };
 
 }  // namespace Tansy::Host

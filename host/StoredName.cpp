@@ -25,6 +25,17 @@ bool IsHex(std::string_view text, std::size_t length) {
          std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
+std::string HexText(const unsigned char* bytes, std::size_t count) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  text.reserve(count * 2);
+  for (std::size_t i = 0; i < count; ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 15];
+  }
+  return text;
+}
+
 std::string LocationText(const StoredName& name) {
   return name.volume + name.folder.substr(0, 2) + "-" + name.folder.substr(2) + "-" + name.id + ".d";
 }

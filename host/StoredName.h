@@ -8,6 +8,7 @@
 #ifndef TANSY_HOST_STORED_NAME_H
 #define TANSY_HOST_STORED_NAME_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -47,6 +48,8 @@ std::string_view OwnText(std::string_view location);
 // one.
 bool ParseOwnText(std::string_view text, StoredName& name);
 
+// Bytes as lower-case hexadecimal digits, and whether a text is `length` of them.
+std::string HexText(const unsigned char* bytes, std::size_t count);
 bool IsHex(std::string_view text, std::size_t length);
 
 }  // namespace Tansy::Host

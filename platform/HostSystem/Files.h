@@ -3,8 +3,8 @@
 // storage.
 //
 // Names are relative, "/" between the folders, without "." and ".." (refused as invalid). Results are 0 or an errno
-// value, on every system. Threads: any number may use one folder; a file belongs to one thread at a time. Nothing
-// throws, except for want of memory.
+// value, on every system. Threads: any number may use one folder, and any number may read one file at once; otherwise a
+// file belongs to one thread at a time. Nothing throws, except for want of memory.
 #ifndef TANSY_HOST_SYSTEM_FILES_H
 #define TANSY_HOST_SYSTEM_FILES_H
 

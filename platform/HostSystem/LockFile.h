@@ -19,6 +19,8 @@ class CLockFile {
   // when another holds it, or another errno value.
   int Take(const std::string& path);
   bool IsTaken() const { return handle_ != kNone; }
+  // Whether any process holds the lock of this file, without changing anything. False for a file that is missing.
+  static bool IsTakenByAnybody(const std::string& path);
 
  private:
   static constexpr std::intptr_t kNone = -1;

@@ -146,7 +146,7 @@ TEST_P(MultipartCrashTest, EveryChangeOfACompletionMayBeTheLast) {
   ASSERT_TRUE(server_.Stop());
   Launch check;
   check.with_ports = false;
-  check.arguments = {"--check", "--repair"};
+  check.arguments = {"--check", "--repair", "--force"};
   const Ended checked = server_.RunToEnd(check);
   EXPECT_EQ(checked.code, 0) << checked.out;
   EXPECT_THAT(checked.out, HasSubstr(" 0 damaged"));

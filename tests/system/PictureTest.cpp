@@ -107,7 +107,7 @@ TEST_F(PictureTest, AKillUnderLoadLosesNoAcknowledgedPicture) {
     }
   }
   server_.Stop();
-  EXPECT_EQ(Check({"--repair"}).code, 0);
+  EXPECT_EQ(Check({"--repair", "--force"}).code, 0);
   const Ended clean = Check();
   EXPECT_EQ(clean.code, 0) << clean.out;
   EXPECT_THAT(clean.out, HasSubstr(" 0 orphans (0 bytes), 0 freed, 0 damaged"));
@@ -115,6 +115,7 @@ TEST_F(PictureTest, AKillUnderLoadLosesNoAcknowledgedPicture) {
 
 TEST_F(PictureTest, AFullDiskIsAFailureOfTheStorageAndLeavesNothing) {
   server_.Stop();
+  std::filesystem::remove_all(server_.Data());  // its pictures would be missed on the small disk
   Launch launch;
   launch.small_disk = "objects";
   launch.small_disk_bytes = 2 * 1024 * 1024;
@@ -191,7 +192,7 @@ TEST_F(PictureTest, AddressesOfNoPictureAreErrors) {
 TEST_F(PictureTest, PicturesAreNoOrphans) {
   const std::string address = Store("12345");
   server_.Stop();
-  const Ended ended = Check({"--repair"});
+  const Ended ended = Check({"--repair", "--force"});
   EXPECT_EQ(ended.code, 0);
   EXPECT_THAT(ended.out, HasSubstr("1 stored files, 0 orphans"));
   ASSERT_TRUE(server_.Start());
@@ -207,7 +208,7 @@ TEST_F(PictureTest, WhatAnUploadThatBrokeOffLeftIsFreed) {
   const Ended found = Check();
   EXPECT_EQ(found.code, 3);
   EXPECT_THAT(found.out, HasSubstr("orphan pc01/"));
-  EXPECT_EQ(Check({"--repair"}).code, 0);
+  EXPECT_EQ(Check({"--repair", "--force"}).code, 0);
   EXPECT_FALSE(std::filesystem::exists(torn));
   EXPECT_TRUE(std::filesystem::exists(FileOf(address)));
 }
@@ -221,11 +222,11 @@ TEST_F(PictureTest, ARemovedPictureIsMissedOnlyWhereAnObjectCarriesIt) {
   EXPECT_EQ(PictureOutcome(SendPicture("GET", alone)), "500 -50002");
   server_.Stop();
   EXPECT_EQ(Check().code, 3) << "the bytes that the object had before are an orphan";
-  const Ended repaired = Check({"--repair"});
+  const Ended repaired = Check({"--repair", "--force"});
   EXPECT_EQ(repaired.code, 0) << repaired.out;
   EXPECT_THAT(repaired.out, Not(HasSubstr("pc01")));
   ASSERT_TRUE(std::filesystem::remove(FileOf(carried)));
-  const Ended damaged = Check({"--repair"});
+  const Ended damaged = Check({"--repair", "--force"});
   EXPECT_EQ(damaged.code, 3);
   EXPECT_THAT(damaged.out, HasSubstr("missing /b/o " + carried));
   EXPECT_THAT(damaged.out, HasSubstr(" 1 damaged"));

@@ -34,4 +34,14 @@ int CLockFile::Take(const std::string& path) {
   return 0;
 }
 
+bool CLockFile::IsTakenByAnybody(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (descriptor < 0) {
+    return false;
+  }
+  const bool is_taken = ::flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(descriptor);
+  return is_taken;
+}
+
 }  // namespace HostSystem

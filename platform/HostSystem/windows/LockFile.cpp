@@ -33,4 +33,15 @@ int CLockFile::Take(const std::string& path) {
   return 0;
 }
 
+bool CLockFile::IsTakenByAnybody(const std::string& path) {
+  const std::filesystem::path file(std::u8string(path.begin(), path.end()));
+  const HANDLE handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return ::GetLastError() == ERROR_SHARING_VIOLATION;
+  }
+  ::CloseHandle(handle);
+  return false;
+}
+
 }  // namespace HostSystem

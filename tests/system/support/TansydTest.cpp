@@ -1,6 +1,7 @@
 #include "support/TansydTest.h"
 
 #include <sqlite3.h>
+#include <filesystem>
 
 #include <cstring>
 #include <random>
@@ -52,6 +53,16 @@ std::string RandomBytes(std::size_t size, std::uint64_t seed) {
   }
   bytes.resize(size);
   return bytes;
+}
+
+std::size_t CountFiles(const std::string& folder) {
+  std::error_code error;  // files come and go meanwhile
+  std::size_t count = 0;
+  for (auto item = std::filesystem::recursive_directory_iterator(folder, error);
+       !error && item != std::filesystem::recursive_directory_iterator(); item.increment(error)) {
+    count += item->is_regular_file(error) ? 1 : 0;
+  }
+  return count;
 }
 
 std::string XmlValue(const std::string& xml, const std::string& name) {

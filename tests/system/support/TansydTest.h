@@ -41,6 +41,9 @@ std::string Outcome(const Reply& reply);
 // Bytes that differ with the seed and do not repeat within any length that matters.
 std::string RandomBytes(std::size_t size, std::uint64_t seed);
 
+// Regular files below a folder, at any depth; 0 for one that is missing.
+std::size_t CountFiles(const std::string& folder);
+
 // The value between <name> and </name>, the first one.
 std::string XmlValue(const std::string& xml, const std::string& name);
 

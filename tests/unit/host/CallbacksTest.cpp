@@ -24,9 +24,17 @@ class CScriptedStore final : public IObjectStore {
   EStoreResult ReadRange(const StoredName&, std::uint64_t, std::uint32_t, ReadBuffer&) override { return Result(); }
   EStoreResult Remove(const StoredName&) override { return Result(); }
   bool IsPicture(const StoredName& name) const override { return name.volume == "pc01"; }
-  bool ForEach(const std::function<void(const StoredEntry&)>&) override { return true; }
+  EStoreResult BeginRead(const StoredName&) override { return Result(); }
+  void EndRead(const StoredName&) override { Result(); }
+  bool ForEach(EContent, const std::function<bool(const StoredEntry&)>&) override { return true; }
   EStoreResult RemovePath(const std::string&) override { return Result(); }
   EStoreResult GetSize(const StoredName&, std::uint64_t&) override { return Result(); }
+  std::vector<NewBytes> GetNew(std::int64_t) const override { return {}; }
+  bool IsNew(const StoredName&) const override { return false; }
+  void TouchNew(const std::vector<StoredName>&) override {}
+  void ForgetNew(const std::vector<StoredName>&) override {}
+  EStoreResult FreeNew(const StoredName&) override { return Result(); }
+  void CompactNew() override {}
 
  private:
   EStoreResult Answer(StoredName& name) {
@@ -113,6 +121,18 @@ TEST_F(CallbacksTest, APictureIsFoundByItsAddressInEveryForm) {
   EXPECT_EQ(Read(url + "&Expires=1&AccessKeyId=k&Signature=a;b%3D", 0), "jpeg");
   EXPECT_EQ(Read("pool_name:b;" + url, 1), "jpeg") << "an object record that carries it";
   EXPECT_EQ(ReadRange("pool_name:b;" + url.substr(5), 1, 2), "pe");
+}
+
+TEST_F(CallbacksTest, APictureIsRemovedByItsAddressAndAnObjectIsNot) {
+  UseFiles();
+  std::string url;
+  ASSERT_EQ(config_.save_object(url, "jpeg", 4, 0), 0);
+  std::string location = "pool_name:b;";
+  ASSERT_EQ(config_.save_object(location, "private", 7, 1), 0);
+  EXPECT_EQ(config_.remove_object(url), 0);
+  EXPECT_EQ(Read(url, 0), "<failed>");
+  EXPECT_EQ(config_.remove_object("/pic?id=" + location), -16);
+  EXPECT_EQ(Read("pool_name:b;" + location, 1), "private");
 }
 
 TEST_F(CallbacksTest, APictureAddressNeverLeadsToAnObject) {

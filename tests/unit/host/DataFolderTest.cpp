@@ -13,11 +13,13 @@ namespace {
 
 class DataFolderTest : public testing::Test {
  protected:
+  using EUse = CDataFolder::EUse;
+
   void TearDown() override { std::filesystem::current_path(started_in_); }
 
-  std::string FailureOf(const std::string& path, bool make) {
+  std::string FailureOf(const std::string& path, EUse use) {
     try {
-      CDataFolder folder(path, make);
+      CDataFolder folder(path, use);
     } catch (const CStartFailure& failure) {
       EXPECT_EQ(failure.GetExitCode(), kExitFailed);
       return failure.what();
@@ -30,28 +32,44 @@ class DataFolderTest : public testing::Test {
 };
 
 TEST_F(DataFolderTest, IsMadeAndEntered) {
-  const CDataFolder folder(temp_.Path("a/b") + "/", true);
+  const CDataFolder folder(temp_.Path("a/b") + "/", EUse::kServe);
   EXPECT_EQ(folder.GetPath(), temp_.Path("a/b"));
   EXPECT_EQ(std::filesystem::current_path(), std::filesystem::canonical(temp_.Path("a/b")));
 }
 
 TEST_F(DataFolderTest, BelongsToOneAtATime) {
   {
-    const CDataFolder folder(temp_.Path("a"), true);
-    EXPECT_THAT(FailureOf(temp_.Path("a"), true), testing::HasSubstr("in use by another tansyd"));
+    const CDataFolder folder(temp_.Path("a"), EUse::kServe);
+    EXPECT_THAT(FailureOf(temp_.Path("a"), EUse::kServe), testing::HasSubstr("in use by another tansyd"));
   }
-  EXPECT_EQ(FailureOf(temp_.Path("a"), true), "");
+  EXPECT_EQ(FailureOf(temp_.Path("a"), EUse::kServe), "");
+}
+
+TEST_F(DataFolderTest, IsLookedAtWithoutATrace) {
+  std::filesystem::create_directory(temp_.Path("a"));
+  CDataFolder looked_at(temp_.Path("a"), EUse::kLook);
+  EXPECT_TRUE(std::filesystem::is_empty(temp_.Path("a")));
+  EXPECT_FALSE(looked_at.IsInUse());
+  {
+    const CDataFolder served(temp_.Path("a"), EUse::kServe);
+    EXPECT_TRUE(looked_at.IsInUse());
+    EXPECT_THROW(looked_at.Lock(), CStartFailure);
+  }
+  EXPECT_FALSE(looked_at.IsInUse());
+  looked_at.Lock();
+  EXPECT_FALSE(looked_at.IsInUse()) << "by another";
+  EXPECT_THAT(FailureOf(temp_.Path("a"), EUse::kServe), testing::HasSubstr("in use by another tansyd"));
 }
 
 TEST_F(DataFolderTest, IsNotMadeForACheck) {
-  EXPECT_THAT(FailureOf(temp_.Path("a"), false), testing::HasSubstr("does not exist"));
+  EXPECT_THAT(FailureOf(temp_.Path("a"), EUse::kLook), testing::HasSubstr("does not exist"));
   EXPECT_FALSE(temp_.Exists("a"));
 }
 
 TEST_F(DataFolderTest, WhatCannotBeMadeIsSaid) {
   temp_.Write("file", "");
-  EXPECT_THAT(FailureOf(temp_.Path("file"), true), testing::HasSubstr("cannot be made"));
-  EXPECT_THAT(FailureOf(temp_.Path("file/below"), true), testing::HasSubstr("cannot be made"));
+  EXPECT_THAT(FailureOf(temp_.Path("file"), EUse::kServe), testing::HasSubstr("cannot be made"));
+  EXPECT_THAT(FailureOf(temp_.Path("file/below"), EUse::kServe), testing::HasSubstr("cannot be made"));
 }
 
 }  // namespace

@@ -25,7 +25,9 @@ std::string ReadAll(IObjectStore& store, const StoredName& name) {
 
 std::size_t CountFiles(IObjectStore& store) {
   std::size_t count = 0;
-  EXPECT_TRUE(store.ForEach([&count](const StoredEntry&) { ++count; }));
+  for (const EContent content : {EContent::kObject, EContent::kPicture}) {
+    EXPECT_TRUE(store.ForEach(content, [&count](const StoredEntry&) { return ++count > 0; }));
+  }
   return count;
 }
 
@@ -150,7 +152,12 @@ TEST_P(FileStoreTest, TheWalkShowsFilesAndLeavesStrangersOut) {
   temp_.Write("objects/fs01/notes/bb/" + std::string(32, '0') + ".d", "mine");
   temp_.Write("objects/pc01/aa/bb/" + std::string(32, 'a') + ".tmp", "torn");
   std::map<std::string, StoredEntry> entries;
-  ASSERT_TRUE(store_->ForEach([&entries](const StoredEntry& entry) { entries[entry.path] = entry; }));
+  for (const EContent content : {EContent::kObject, EContent::kPicture}) {
+    ASSERT_TRUE(store_->ForEach(content, [&entries](const StoredEntry& entry) {
+      entries[entry.path] = entry;
+      return true;
+    }));
+  }
   ASSERT_EQ(entries.size(), 3U);
   EXPECT_EQ(entries.at(FilePath(object)).size, 5U);
   EXPECT_EQ(entries.at(FilePath(object)).name, object);
@@ -210,6 +217,32 @@ TEST_P(FileStoreTest, FoldersTakeAThousandFilesEach) {
     break;  // every save of full durability costs a flush; the rule is the same
   }
   EXPECT_EQ(folders.size(), GetParam() ? 1U : 3U);
+}
+
+TEST_P(FileStoreTest, AReaderReadsToTheLastByteWhateverIsRemoved) {
+  StoredName name;
+  ASSERT_EQ(Save("0123456789", name), EStoreResult::kDone);
+  ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
+  ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
+  ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
+  EXPECT_FALSE(std::filesystem::exists(temp_.Path("objects/" + FilePath(name))));
+  ReadBuffer buffer;
+  for (int readers = 2; readers > 0; --readers) {
+    ASSERT_EQ(store_->ReadRange(name, 5, 5, buffer), EStoreResult::kDone) << readers;
+    EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "56789");
+    store_->EndRead(name);
+  }
+  EXPECT_EQ(store_->ReadRange(name, 5, 5, buffer), EStoreResult::kMissing) << "the last reader has let go of it";
+  EXPECT_EQ(store_->BeginRead(name), EStoreResult::kMissing);
+}
+
+TEST_P(FileStoreTest, TheWalkEndsWhenTheVisitorHasSeenEnough) {
+  StoredName name;
+  ASSERT_EQ(Save("1", name), EStoreResult::kDone);
+  ASSERT_EQ(Save("2", name), EStoreResult::kDone);
+  int seen = 0;
+  EXPECT_TRUE(store_->ForEach(EContent::kObject, [&seen](const StoredEntry&) { return ++seen < 1; }));
+  EXPECT_EQ(seen, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(FullAndFast, FileStoreTest, testing::Bool(),
@@ -295,11 +328,12 @@ TEST_F(PowerCutTest, ATornPictureNeverLooksLikeAWholeOne) {
     plan_->operations = 0;
     plan_->fail_at = fail_at;
     store_->SaveWhole(EContent::kPicture, "whole", 5, name);
-    store_->ForEach([this](const StoredEntry& entry) {
+    store_->ForEach(EContent::kPicture, [this](const StoredEntry& entry) {
       if (!entry.is_temporary) {
         const std::string bytes = ReadAll(*store_, entry.name);
         EXPECT_TRUE(bytes == "x" || bytes == "whole") << bytes;
       }
+      return true;
     });
   }
 }

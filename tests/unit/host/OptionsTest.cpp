@@ -37,6 +37,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
   EXPECT_EQ(options.database, "sqlite:catalogue.db");
   EXPECT_EQ(options.storage, "file:objects");
   EXPECT_TRUE(options.full_durability);
+  EXPECT_EQ(options.keep_removed_days, 7);
+  EXPECT_EQ(options.keep_failed_seconds, 300);
   EXPECT_EQ(options.log_level, 3);
   EXPECT_EQ(options.config, "");
   EXPECT_EQ(options.local_ip, "");
@@ -65,6 +67,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"storage", "file:objects"},
                                                        {"durability", "full"},
                                                        {"require-date", "0"},
+                                                       {"keep-removed", "7"},
+                                                       {"keep-failed", "300"},
                                                        {"log-level", "3"},
                                                        {"log-file", "standard error"}};
   ASSERT_EQ(OptionTable().size(), std::size(shown));
@@ -72,6 +76,19 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
     EXPECT_STREQ(OptionTable()[i].name, shown[i].first);
     EXPECT_THAT(OptionTable()[i].help, testing::EndsWith(std::string(shown[i].second) + "]"));
   }
+}
+
+TEST(OptionsTest, KeepingTimesAreWholeNumbersInTheirRange) {
+  HostOptions options;
+  EXPECT_EQ(Apply("keep-removed", "0", options).first, 0);
+  EXPECT_EQ(options.keep_removed_days, 0);
+  EXPECT_EQ(Apply("keep-failed", "1", options).first, 0);
+  EXPECT_EQ(options.keep_failed_seconds, 1);
+  for (const char* text : {"-1", "", "7d", "1.5", "99999999999999999999"}) {
+    EXPECT_NE(Apply("keep-removed", text, options).first, 0) << text;
+    EXPECT_NE(Apply("keep-failed", text, options).first, 0) << text;
+  }
+  EXPECT_NE(Apply("keep-failed", "0", options).first, 0) << "a request needs time to write its row";
 }
 
 TEST(OptionsTest, PortsAreWholeNumbersInTheirRange) {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <filesystem>
+
 #include "StartFailure.h"
 #include "fakes/TempFolder.h"
 
@@ -26,6 +28,11 @@ class CDatabase {
     char* error = nullptr;
     EXPECT_EQ(sqlite3_exec(database_, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << sql << ": " << error;
     sqlite3_free(error);
+  }
+  // What is wrong with a statement; "" when nothing is.
+  std::string FailureOf(const std::string& sql) {
+    return sqlite3_exec(database_, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK ? ""
+                                                                                        : sqlite3_errmsg(database_);
   }
   // All values of all rows, joined with "|".
   std::vector<std::string> Rows(const std::string& sql) {
@@ -95,13 +102,50 @@ TEST_F(SchemaTest, OnlyNewScriptsRun) {
   EXPECT_THAT(database.Rows("SELECT version, name FROM platform.schema_version"), ElementsAre("1|one", "2|two"));
 }
 
-TEST_F(SchemaTest, AScriptThatFailsLeavesTheVersionBeforeIt) {
+TEST_F(SchemaTest, AnUpgradeIsDoneWhollyOrNotAtAll) {
   const SchemaScript first = {1, "one", "CREATE TABLE platform.a (x);"};
-  const SchemaScript broken = {2, "two", "CREATE TABLE platform.b (x); CREATE TABLE platform.a (x);"};
-  EXPECT_THAT(FailureOf({first, broken}), HasSubstr("two failed"));
+  const SchemaScript second = {2, "two", "CREATE TABLE platform.b (x);"};
+  const SchemaScript broken = {3, "three", "CREATE TABLE platform.a (x);"};
+  PrepareSqliteSchema(file_, {first}, {});
+  EXPECT_THAT(FailureOf({first, second, broken}), HasSubstr("two, three failed"));
   CDatabase database(file_);
   EXPECT_THAT(database.Rows("SELECT version FROM platform.schema_version"), ElementsAre("1"));
   EXPECT_THAT(database.Rows("SELECT name FROM platform.sqlite_master WHERE name = 'b'"), ElementsAre());
+}
+
+// A catalogue of the first version, with one of everything in it.
+TEST_F(SchemaTest, ACatalogueOfTheFirstVersionKeepsItsRows) {
+  PrepareSqliteSchema(file_, {SqliteSchemaScripts().front()}, {{"fs01", "fs01\\"}});
+  CDatabase database(file_);
+  database.Run(
+      "INSERT INTO platform.local_object (id, name, bucket_name, url) VALUES (1, 'o', 'b', 'u1');"
+      "UPDATE platform.local_object SET url = 'u2';"
+      "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, part_num, url) "
+      "VALUES (1, 't', 'p', 'b', 1, 'u3')");
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {{"fs01", "fs01\\"}});
+  EXPECT_THAT(database.Rows("SELECT name, url FROM platform.local_object"), ElementsAre("o|u2"));
+  EXPECT_THAT(database.Rows("SELECT object_name, url FROM platform.local_object_task"), ElementsAre("p|u3"));
+  EXPECT_THAT(database.Rows("SELECT url, released_at, kind FROM platform.released_bytes"), ElementsAre("u1|-1|0"))
+      << "its age counts from now on, whatever the clock said when it was released";
+  database.Run("DELETE FROM platform.local_object; DELETE FROM platform.local_object_task");
+  EXPECT_THAT(database.Rows("SELECT url, kind FROM platform.released_bytes ORDER BY id"),
+              ElementsAre("u1|0", "u2|2", "u3|0"));
+}
+
+TEST_F(SchemaTest, AnotherProgramsDatabaseIsLeftAlone) {
+  const char* const others[] = {
+      "CREATE TABLE platform.songs (title)",
+      "CREATE TABLE platform.schema_version (version INTEGER)",
+      "CREATE TABLE platform.schema_version (version INTEGER, name TEXT, applied_at TEXT);"
+      "INSERT INTO platform.schema_version VALUES (1, 'songs.sql', '')",
+  };
+  for (const char* sql : others) {
+    std::filesystem::remove(file_);
+    CDatabase(file_).Run(sql);
+    const std::string before = temp_.Read("catalogue.db");
+    EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("another program's")) << sql;
+    EXPECT_EQ(temp_.Read("catalogue.db"), before) << sql;
+  }
 }
 
 TEST_F(SchemaTest, ANewerVersionIsRefusedAndNotTouched) {
@@ -120,7 +164,7 @@ TEST_F(SchemaTest, WhatIsNoCatalogueIsLeftAlone) {
 
 TEST_F(SchemaTest, SomebodyElsesTablesAreLeftAlone) {
   CDatabase(file_).Run("CREATE TABLE platform.local_object (mine); INSERT INTO platform.local_object VALUES (1)");
-  EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("already exists"));
+  EXPECT_THAT(FailureOf(SqliteSchemaScripts()), HasSubstr("another program's"));
   CDatabase database(file_);
   EXPECT_THAT(database.Rows("SELECT * FROM platform.local_object"), ElementsAre("1"));
   EXPECT_THAT(database.Rows("SELECT name FROM platform.sqlite_master WHERE name = 'local_bucket'"), ElementsAre());
@@ -166,9 +210,23 @@ TEST_F(ReleaseTriggerTest, OverwritingReleasesTheOldBytes) {
   EXPECT_EQ(Released().size(), 1U) << "the same bytes under a new size are still in use";
 }
 
-TEST_F(ReleaseTriggerTest, RemovingAnObjectReleasesNothing) {
+TEST_F(ReleaseTriggerTest, RemovingAnObjectReleasesItsBytesAsRemoved) {
   InsertObject(1, "o", "u1");
   database_.Run("DELETE FROM platform.local_object where id=1");
+  EXPECT_THAT(database_.Rows("SELECT url, kind FROM platform.released_bytes"), ElementsAre("u1|2"));
+}
+
+TEST_F(ReleaseTriggerTest, NoRowNamesBytesThatWereGivenUp) {
+  InsertObject(1, "o", "u1");
+  database_.Run("INSERT INTO platform.freed_bytes VALUES ('gone', 0)");
+  for (const char* sql :
+       {"INSERT INTO platform.local_object (id, name, bucket_name, url) VALUES (2, 'p', 'b', 'gone')",
+        "UPDATE platform.local_object SET url = 'gone' WHERE id = 1",
+        "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, part_num, url) "
+        "VALUES (1, 't', 'p', 'b', 1, 'gone')"}) {
+    EXPECT_THAT(database_.FailureOf(sql), HasSubstr("were freed")) << sql;
+  }
+  EXPECT_THAT(database_.Rows("SELECT name, url FROM platform.local_object"), ElementsAre("o|u1"));
   EXPECT_THAT(Released(), ElementsAre());
 }
 

@@ -1,0 +1,38 @@
+// What the catalogue's file says at one instant, for those who only look: the check, beside a running server too.
+#ifndef TANSY_HOST_CATALOGUE_FILE_H
+#define TANSY_HOST_CATALOGUE_FILE_H
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
+
+#include "SqliteFile.h"
+
+namespace Tansy::Host {
+
+// A row that refers to stored bytes.
+struct CatalogueRow {
+  bool is_task = false;  // a part of an upload, not an object
+  std::string bucket;
+  std::string object;
+  std::string url;
+  std::uint32_t size = 0;  // low 32 bits
+};
+
+// One thread. Every member throws CStartFailure with kExitFailed when the file cannot be read.
+class CCatalogueFile {
+ public:
+  // All answers are as of now, whatever a server writes meanwhile. The file must have the newest schema.
+  explicit CCatalogueFile(const std::string& file);
+
+  void VisitRows(const std::function<void(const CatalogueRow&)>& visitor);
+  std::set<std::string> TaskIds();
+
+ private:
+  CSqliteFile database_;
+};
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_CATALOGUE_FILE_H

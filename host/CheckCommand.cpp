@@ -1,0 +1,61 @@
+#include "CheckCommand.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CatalogueFile.h"
+#include "Check.h"
+#include "CheckRequest.h"
+#include "FileStore.h"
+#include "HostSystem/Files.h"
+#include "Locks.h"
+#include "NewBytesLog.h"
+#include "StartFailure.h"
+#include "StoreIdentity.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+bool ReadUnfinished(const std::string& storage, std::vector<StoredName>& names) {
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> folder = HostSystem::OpenFolder(storage, error);
+  return folder != nullptr && CNewBytesLog::Read(*folder, names) == 0;
+}
+
+}  // namespace
+}  // namespace details
+
+int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFolder& folder, std::ostream& out) {
+  const std::string database = UrlPath(options.database);
+  const std::string storage = UrlPath(options.storage);
+  CheckOptions check;
+  check.repair = line.repair;
+  check.force = line.force;
+  if (line.repair && folder.IsInUse()) {
+    return AskForCheck(
+        check, [&folder] { return folder.IsInUse(); }, out);
+  }
+  if (HostSystem::GetPathKind(database) == HostSystem::EPathKind::kMissing) {
+    throw CStartFailure(kExitFailed, "database " + database + " does not exist");
+  }
+  HostSystem::CLockFile database_lock;
+  HostSystem::CLockFile storage_lock;
+  if (line.repair) {
+    folder.Lock();
+    LockDatabase(database, database_lock);
+    ExpectStorageFree(storage);
+  } else if (folder.IsInUse() || IsStorageInUse(storage)) {
+    check.unfinished = [&storage](std::vector<StoredName>& names) { return details::ReadUnfinished(storage, names); };
+  }
+  CCatalogueFile(database).TaskIds();  // a file that is no catalogue is found here
+  MatchStoreIdentity(database, storage, EIdentity::kLook);
+  if (line.repair) {
+    LockStorage(storage, storage_lock);  // not before it is known to be the right one
+  }
+  const std::unique_ptr<IObjectStore> store = OpenFileStore(storage, false, EStoreUse::kLook);
+  return RunCheck(*store, database, check, out);
+}
+
+}  // namespace Tansy::Host

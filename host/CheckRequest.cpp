@@ -1,0 +1,118 @@
+#include "CheckRequest.h"
+
+#include <openssl/rand.h>
+
+#include <cerrno>
+#include <chrono>
+#include <ostream>
+#include <sstream>
+#include <thread>
+
+#include "Catalogue.h"
+#include "HostLog.h"
+#include "HostSystem/Files.h"
+#include "StartFailure.h"
+#include "StoredName.h"
+#include "TansyBase/FileUtil.h"
+#include "TansyBase/TimeUtil.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr const char* kRequestFile = "check.request";
+constexpr const char* kAnswerFile = "check.answer";
+constexpr std::chrono::milliseconds kLookAgain{100};
+constexpr std::size_t kMostRequest = 1000;
+constexpr std::size_t kMostAnswer = std::size_t{1} << 30;
+constexpr const char* kForce = "force";
+
+// Tells an answer from one to an earlier command.
+std::string NewMark() {
+  unsigned char bytes[16] = {};
+  RAND_bytes(bytes, sizeof bytes);  // any number will do
+  return HexText(bytes, sizeof bytes);
+}
+
+bool Frees(const std::vector<std::string>& urls, std::set<std::string>& given_up) {
+  std::int64_t now = 0;
+  return GetRunningSeconds(now) && GiveUpUnnamed(urls, now, given_up);
+}
+
+// First line: the mark and the exit code; then what the check wrote.
+bool ParseAnswer(const std::string& text, const std::string& mark, int& exit_code, std::string& output) {
+  std::istringstream stream(text);
+  std::string answered;
+  if (!(stream >> answered >> exit_code) || answered != mark) {
+    return false;
+  }
+  const std::size_t end = text.find('\n');
+  output = end == std::string::npos ? "" : text.substr(end + 1);
+  return end != std::string::npos;
+}
+
+}  // namespace
+}  // namespace details
+
+int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_running, std::ostream& out) {
+  const auto fail = [](const std::string& what) { throw CStartFailure(kExitFailed, what); };
+  if (HostSystem::GetPathKind(details::kRequestFile) != HostSystem::EPathKind::kMissing) {
+    fail("the running tansyd is at another check; try again when that has ended");
+  }
+  const std::string mark = details::NewMark();
+  const std::string request = mark + " " + (options.force ? details::kForce : "-") + "\n";
+  if (const int error = HostSystem::ReplaceFile(details::kRequestFile, request)) {
+    fail(std::string(details::kRequestFile) + " cannot be written: " + HostSystem::ErrorText(error));
+  }
+  int exit_code = kExitFailed;
+  std::string text;
+  std::string output;
+  while (HostSystem::ReadWholeFile(details::kAnswerFile, details::kMostAnswer, text) != 0 ||
+         !details::ParseAnswer(text, mark, exit_code, output)) {
+    if (!is_running()) {
+      TansyBase::FileUtil::RemoveFile(details::kRequestFile);
+      fail("the running tansyd ended before it had answered");
+    }
+    std::this_thread::sleep_for(details::kLookAgain);
+  }
+  TansyBase::FileUtil::RemoveFile(details::kAnswerFile);
+  out << output;
+  return exit_code;
+}
+
+void AnswerCheckRequest(IObjectStore& store, const std::string& database, const std::function<bool()>& is_stopping) {
+  std::string request;
+  if (HostSystem::GetPathKind(details::kRequestFile) == HostSystem::EPathKind::kMissing ||
+      HostSystem::ReadWholeFile(details::kRequestFile, details::kMostRequest, request) != 0) {
+    return;
+  }
+  std::istringstream words(request);
+  std::string mark;
+  std::string force;
+  words >> mark >> force;
+  CheckOptions options;
+  options.repair = true;
+  options.force = force == details::kForce;
+  options.give_up = &details::Frees;
+  options.is_stopping = is_stopping;
+  std::ostringstream out;
+  int exit_code = kExitFailed;
+  try {
+    exit_code = RunCheck(store, database, options, out);
+  } catch (const std::exception& error) {
+    out << "check: " << error.what() << '\n';
+  }
+  const std::string answer = mark + " " + std::to_string(exit_code) + "\n" + out.str();
+  TansyBase::FileUtil::RemoveFile(details::kRequestFile);
+  if (const int error = HostSystem::ReplaceFile(details::kAnswerFile, answer)) {
+    HOST_LOG(logging::kError, "[%s]%s cannot be written: %s.[%s(%d)]", details::kAnswerFile,
+             HostSystem::ErrorText(error).c_str());
+  }
+}
+
+void ForgetCheckRequests() {
+  TansyBase::FileUtil::RemoveFile(details::kRequestFile);
+  TansyBase::FileUtil::RemoveFile(details::kAnswerFile);
+}
+
+}  // namespace Tansy::Host

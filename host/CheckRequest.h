@@ -1,0 +1,26 @@
+// A repair beside a running server is done by that server, which knows what is being written. The command asks for it
+// with a file in the data folder, which is the current folder of both, and gets the answer as another one.
+#ifndef TANSY_HOST_CHECK_REQUEST_H
+#define TANSY_HOST_CHECK_REQUEST_H
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+
+#include "Check.h"
+
+namespace Tansy::Host {
+
+// The command's side: asks, waits for the answer, writes it to `out` and returns its exit code. `is_running` says
+// whether there is still a server to wait for. Throws CStartFailure with kExitFailed: nobody answers, or another check
+// is under way.
+int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_running, std::ostream& out);
+
+// The server's side: does what is asked for, if anything is. Failures are answered as well.
+void AnswerCheckRequest(IObjectStore& store, const std::string& database, const std::function<bool()>& is_stopping);
+// Removes requests and answers that nobody waits for any more.
+void ForgetCheckRequests();
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_CHECK_REQUEST_H

@@ -1,0 +1,48 @@
+#include "HousekeepingThread.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "CheckRequest.h"
+#include "TansyBase/TimeUtil.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr std::uint32_t kLookForChecksMs = 1000;
+constexpr std::int64_t kLongestPeriodSeconds = 10;
+
+void UploadsUnderWay(std::vector<std::string>& /*locations*/) {}
+
+}  // namespace
+}  // namespace details
+
+CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, std::string database,
+                                         const HousekeepingRules& rules)
+    : store_(store),
+      database_(std::move(database)),
+      period_seconds_(std::clamp<std::int64_t>(rules.keep_failed_seconds / 2, 1, details::kLongestPeriodSeconds)),
+      housekeeping_(std::move(store), rules, &details::UploadsUnderWay, [this] { return IsStopping(); }) {}
+
+CHousekeepingThread::~CHousekeepingThread() {
+  Stop();
+  ForgetCheckRequests();
+}
+
+void CHousekeepingThread::Begin() {
+  ForgetCheckRequests();
+  Start(details::kLookForChecksMs);
+}
+
+void CHousekeepingThread::OnTimer() {
+  AnswerCheckRequest(*store_, database_, [this] { return IsStopping(); });
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
+  if (!has_run_ || now - last_round_ >= period_seconds_) {
+    has_run_ = true;
+    last_round_ = now;
+    housekeeping_.Run();
+  }
+}
+
+}  // namespace Tansy::Host

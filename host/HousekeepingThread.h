@@ -1,0 +1,36 @@
+#ifndef TANSY_HOST_HOUSEKEEPING_THREAD_H
+#define TANSY_HOST_HOUSEKEEPING_THREAD_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Housekeeping.h"
+#include "TansyBase/SingleBaseThread.h"
+
+namespace Tansy::Host {
+
+// Housekeeping beside a running server, on a thread of its own; between its rounds the thread answers checks. Stop ends
+// it within a batch, whatever it is doing.
+class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
+ public:
+  CHousekeepingThread(std::shared_ptr<IObjectStore> store, std::string database, const HousekeepingRules& rules);
+  ~CHousekeepingThread() override;
+
+  void Begin();
+
+ protected:
+  void OnTimer() override;
+
+ private:
+  const std::shared_ptr<IObjectStore> store_;
+  const std::string database_;
+  const std::int64_t period_seconds_;
+  CHousekeeping housekeeping_;
+  std::int64_t last_round_ = 0;  // uptime
+  bool has_run_ = false;
+};
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_HOUSEKEEPING_THREAD_H

@@ -1,0 +1,127 @@
+#include "SqliteFile.h"
+
+#include <sqlite3.h>
+
+#include <string_view>
+
+#include "HostSystem/Files.h"
+#include "StartFailure.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr int kBusyTimeoutMs = 5000;
+
+// A path as a "file:" address, which may carry parameters.
+std::string Address(const std::string& path) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string address = "file:";
+  for (const char c : path) {
+    if (c == '?' || c == '#' || c == '%') {
+      const auto code = static_cast<unsigned char>(c);
+      address += '%';
+      address += kDigits[code >> 4];
+      address += kDigits[code & 15];
+    } else {
+      address += c;
+    }
+  }
+  return address;
+}
+
+std::string AddressFor(const std::string& path, CSqliteFile::EAccess access) {
+  if (access == CSqliteFile::EAccess::kChange) {
+    return Address(path);
+  }
+  // Without a log beside it the file is at rest; SQLite is told so, because it would make such a log even for a reader.
+  const bool at_rest = HostSystem::GetPathKind(path + "-wal") == HostSystem::EPathKind::kMissing;
+  return Address(path) + (at_rest ? "?mode=ro&immutable=1" : "?mode=ro");
+}
+
+}  // namespace
+}  // namespace details
+
+std::string CSqliteFile::CRow::Text(int column) const {
+  const unsigned char* text = sqlite3_column_text(statement_, column);
+  return text == nullptr ? "" : reinterpret_cast<const char*>(text);
+}
+
+long long CSqliteFile::CRow::Number(int column) const {
+  return sqlite3_column_int64(statement_, column);
+}
+
+void CSqliteFile::CloseDatabase::operator()(sqlite3* database) const {
+  sqlite3_close(database);
+}
+
+CSqliteFile::CSqliteFile(const std::string& file, EAccess access) : file_(file) {
+  sqlite3* opened = nullptr;
+  const int result =
+      sqlite3_open_v2(":memory:", &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
+  database_.reset(opened);  // there is one to close even where it could not be opened
+  if (result != SQLITE_OK) {
+    Fail("cannot be opened");
+  }
+  sqlite3_busy_timeout(database_.get(), details::kBusyTimeoutMs);
+  Run("ATTACH DATABASE ?1 AS platform", {details::AddressFor(file, access)});
+  // Reads the header: a file that is no database is found here.
+  QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master");
+}
+
+void CSqliteFile::RunScript(const std::string& sql, const std::string& name) {
+  if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+    const std::string reason = sqlite3_errmsg(database_.get());
+    sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    throw CStartFailure(kExitFailed, "database " + file_ + ": " + name + " failed: " + reason);
+  }
+}
+
+void CSqliteFile::Run(const std::string& sql, const std::vector<std::string>& values) {
+  const Statement statement = Prepare(sql, values);
+  const int result = sqlite3_step(statement.get());
+  if (result != SQLITE_DONE && result != SQLITE_ROW) {
+    Fail("cannot be used");
+  }
+}
+
+void CSqliteFile::Query(const std::string& sql, const std::function<void(const CRow&)>& visitor) {
+  const Statement statement = Prepare(sql, {});
+  int result = SQLITE_ROW;
+  while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
+    visitor(CRow(statement.get()));
+  }
+  if (result != SQLITE_DONE) {
+    Fail("cannot be read");
+  }
+}
+
+long long CSqliteFile::QueryNumber(const std::string& sql) {
+  long long number = 0;
+  Query(sql, [&number](const CRow& row) { number = row.Number(0); });
+  return number;
+}
+
+std::string CSqliteFile::QueryText(const std::string& sql) {
+  std::string text;
+  Query(sql, [&text](const CRow& row) { text = row.Text(0); });
+  return text;
+}
+
+CSqliteFile::Statement CSqliteFile::Prepare(const std::string& sql, const std::vector<std::string>& values) {
+  sqlite3_stmt* prepared = nullptr;
+  if (sqlite3_prepare_v2(database_.get(), sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) {
+    Fail("cannot be used");
+  }
+  Statement statement(prepared, [](sqlite3_stmt* ended) { sqlite3_finalize(ended); });
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    sqlite3_bind_text(prepared, static_cast<int>(i) + 1, values[i].c_str(), -1, SQLITE_TRANSIENT);
+  }
+  return statement;
+}
+
+void CSqliteFile::Fail(const std::string& what) {
+  throw CStartFailure(kExitFailed, "database " + file_ + " " + what + ": " + sqlite3_errmsg(database_.get()));
+}
+
+}  // namespace Tansy::Host

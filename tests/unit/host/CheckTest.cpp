@@ -1,0 +1,174 @@
+#include "Check.h"
+
+#include <sstream>
+
+#include "CatalogueFixture.h"
+#include "StartFailure.h"
+
+namespace Tansy::Host {
+namespace {
+
+using testing::HasSubstr;
+
+class CheckTest : public CatalogueFixture {
+ protected:
+  // The store as a check opens it: without the memory of what a server is just writing.
+  int Check(bool repair, bool force = false) {
+    CheckOptions options;
+    options.repair = repair;
+    options.force = force;
+    return Check(options);
+  }
+  int Check(const CheckOptions& options) {
+    const auto store = OpenFileStore("objects", false, EStoreUse::kLook);
+    std::ostringstream out;
+    const int exit_code = RunCheck(*store, "catalogue.db", options, out);
+    output_ = out.str();
+    return exit_code;
+  }
+  // So many bytes that a few orphans beside them are less than a tenth.
+  void AddBigObject() { AddObject(1, "big", Store(std::string(1000, 'b')), 1000); }
+
+  std::string output_;
+};
+
+TEST_F(CheckTest, AWholeStoreHasNoFindings) {
+  AddObject(1, "o", Store("12345"), 5);
+  AddPart(1, "task", "p", Store("test"));
+  AddObject(2, "with-picture", PictureUrl(StorePicture("jpeg")), 4);
+  EXPECT_EQ(Check(false), kExitDone);
+  EXPECT_EQ(output_, "check: 3 rows, 3 stored files, 0 orphans (0 bytes), 0 freed, 0 damaged\n");
+}
+
+TEST_F(CheckTest, OrphansAreListedAndFreedOnlyByRepair) {
+  AddBigObject();
+  const std::string orphan = Store("orphan");
+  temp_.Write("objects/pc01/aa/bb/" + std::string(32, 'a') + ".tmp", "torn");
+  temp_.Write("localstoragetmp/dead_1", "part");
+  EXPECT_EQ(Check(false), kExitFindings);
+  EXPECT_THAT(output_, HasSubstr("orphan " + FilePath(NameOf(orphan)) + " 6\n"));
+  EXPECT_THAT(output_, HasSubstr("orphan pc01/aa/bb/" + std::string(32, 'a') + ".tmp 4\n"));
+  EXPECT_THAT(output_, HasSubstr("first-part dead_1 4\n"));
+  EXPECT_THAT(output_, HasSubstr("3 orphans (14 bytes), 0 freed"));
+  EXPECT_TRUE(IsStored(orphan));
+
+  EXPECT_EQ(Check(true), kExitDone);
+  EXPECT_THAT(output_, HasSubstr("3 orphans (14 bytes), 3 freed"));
+  EXPECT_FALSE(IsStored(orphan));
+  EXPECT_FALSE(temp_.Exists("localstoragetmp/dead_1"));
+  EXPECT_EQ(Check(false), kExitDone);
+}
+
+TEST_F(CheckTest, RepairOfMoreThanATenthNeedsForce) {
+  AddObject(1, "o", Store(std::string(89, 'k')), 89);
+  const std::string orphan = Store(std::string(11, 'o'));
+  EXPECT_EQ(Check(true), kExitFindings);
+  EXPECT_THAT(output_, HasSubstr("11 of 100 bytes, more than a tenth"));
+  EXPECT_THAT(output_, HasSubstr("1 orphans (11 bytes), 0 freed"));
+  EXPECT_TRUE(IsStored(orphan));
+  EXPECT_EQ(Check(true, true), kExitDone);
+  EXPECT_FALSE(IsStored(orphan));
+}
+
+TEST_F(CheckTest, RepairOfATenthNeedsNone) {
+  AddObject(1, "o", Store(std::string(90, 'k')), 90);
+  const std::string orphan = Store(std::string(10, 'o'));
+  EXPECT_EQ(Check(true), kExitDone) << output_;
+  EXPECT_FALSE(IsStored(orphan));
+}
+
+TEST_F(CheckTest, RepairByAnEmptyCatalogueNeedsForce) {
+  StorePicture(std::string(1000, 'p'));  // so that the orphan alone would be little
+  const std::string orphan = Store("orphan");
+  EXPECT_EQ(Check(true), kExitFindings);
+  EXPECT_THAT(output_, HasSubstr("the catalogue is empty"));
+  EXPECT_TRUE(IsStored(orphan));
+  EXPECT_EQ(Check(true, true), kExitDone);
+  EXPECT_FALSE(IsStored(orphan));
+}
+
+TEST_F(CheckTest, APictureWithoutARowIsNoOrphan) {
+  const StoredName picture = StorePicture("jpeg");
+  EXPECT_EQ(Check(true, true), kExitDone);
+  EXPECT_TRUE(IsStored(picture));
+}
+
+TEST_F(CheckTest, RowsWithoutTheirBytesAreDamaged) {
+  const std::string gone = Store("x");
+  AddObject(1, "gone", gone);
+  AddObject(2, "cut", Store("12345"), 6);
+  AddObject(3, "strange\nname", "elsewhere");
+  ASSERT_EQ(store_->Remove(NameOf(gone)), EStoreResult::kDone);
+  EXPECT_EQ(Check(true), kExitFindings) << "nothing can mend that";
+  EXPECT_THAT(output_, HasSubstr("missing /b'ucket/gone " + gone + "\n"));
+  EXPECT_THAT(output_, HasSubstr("short /b'ucket/cut "));
+  EXPECT_THAT(output_, HasSubstr("missing /b'ucket/strange?name elsewhere\n"));
+  EXPECT_THAT(output_, HasSubstr("3 damaged"));
+}
+
+TEST_F(CheckTest, SizesBeyondTwoGibibytesAreUnderstood) {
+  StoredName name;
+  ASSERT_EQ(store_->SaveAt(name, 0xFFFFFFFEULL, "x", 1), EStoreResult::kDone);
+  AddObject(1, "big", LocationText(name), -1);  // 4 GiB - 1 as the catalogue keeps it
+  EXPECT_EQ(Check(false), kExitDone) << output_;
+}
+
+TEST_F(CheckTest, WithoutTheCatalogueNothingIsAnOrphan) {
+  const std::string url = Store("x");
+  Run("DROP TABLE platform.local_object_task");
+  EXPECT_THROW(Check(true, true), CStartFailure);
+  EXPECT_TRUE(IsStored(url));
+}
+
+TEST_F(CheckTest, ARunningServersUnfinishedUploadsAreNoOrphans) {
+  AddBigObject();
+  const std::string before = Store("written before the check");
+  const std::string meanwhile = Store("begun during the check");
+  int asked = 0;
+  CheckOptions options;
+  options.unfinished = [&](std::vector<StoredName>& names) {
+    names.push_back(NameOf(++asked == 1 ? before : meanwhile));
+    return true;
+  };
+  EXPECT_EQ(Check(options), kExitDone) << output_;
+  EXPECT_EQ(asked, 2);
+  EXPECT_EQ(Check(false), kExitFindings) << "they are when no server is at work";
+}
+
+TEST_F(CheckTest, WhatARunningServerDoesMeanwhileIsNoFinding) {
+  AddBigObject();
+  const std::string removed = Store("removed");
+  AddObject(2, "removed", removed, 7);
+  const std::string added = Store("added");
+  bool done = false;
+  CheckOptions options;
+  options.unfinished = [&](std::vector<StoredName>&) {
+    // The second question comes after the look at rows and files.
+    if (std::exchange(done, true)) {
+      Run("DELETE FROM platform.local_object WHERE id = 2");
+      AddObject(3, "added", added, 5);
+    } else {
+      store_->Remove(NameOf(removed));
+    }
+    return true;
+  };
+  EXPECT_EQ(Check(options), kExitDone) << output_;
+}
+
+TEST_F(CheckTest, ARepairBesideAServerFreesOnlyWhatNoRowCanNameAnyMore) {
+  AddBigObject();
+  const std::string orphan = Store("orphan");
+  const std::string late = Store("late");
+  CheckOptions options;
+  options.repair = true;
+  options.give_up = [&](const std::vector<std::string>& urls, std::set<std::string>& given_up) {
+    AddObject(2, "late", late, 4);  // a row that was written at the last moment
+    return GiveUpUnnamed(urls, 0, given_up);
+  };
+  EXPECT_EQ(Check(options), kExitFindings);
+  EXPECT_FALSE(IsStored(orphan));
+  EXPECT_TRUE(IsStored(late));
+}
+
+}  // namespace
+}  // namespace Tansy::Host
