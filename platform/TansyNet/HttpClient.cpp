@@ -3,6 +3,7 @@
 #include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "TansyNet/client/BodySink.h"
 #include "TansyNet/client/ClientTlsContext.h"
@@ -17,10 +18,30 @@ HttpClient::Error OutOfMemory() {
   return {HttpClient::kTooLarge, static_cast<std::int32_t>(std::errc::not_enough_memory)};
 }
 
+// Null while nobody wants to know.
+HttpClient::Observer& TheObserver() {
+  static HttpClient::Observer observer;
+  return observer;
+}
+
+// Runs an exchange and tells the observer about it.
+bool RunObserved(details::CExchange& exchange, const CHttpClientRequest& request, const CHttpClientResponse& response,
+                 HttpClient::Error& error) {
+  const HttpClient::Observer& observer = TheObserver();
+  if (observer) {
+    observer(request, nullptr, {});
+  }
+  const bool complete = exchange.Run(error);
+  if (observer) {
+    observer(request, &response, error);
+  }
+  return complete;
+}
+
 bool SendInMemory(const CHttpClientRequest& request, CHttpClientResponse& response, HttpClient::Error& error) {
   details::CStringSink sink(response.body, request.max_body_bytes);
   details::CExchange exchange(request, response, sink);
-  const bool complete = exchange.Run(error);
+  const bool complete = RunObserved(exchange, request, response, error);
   sink.Finish();
   return complete;
 }
@@ -47,7 +68,7 @@ bool HttpClient::SendForBigRsp(const CHttpClientRequest& request, const BigCallb
   details::CPieceSink sink(response, callback);
   details::CExchange exchange(request, response, sink);
   Error error;
-  const bool complete = exchange.Run(error);
+  const bool complete = RunObserved(exchange, request, response, error);
   sink.Finish(error);
   return complete;
 }
@@ -59,6 +80,10 @@ std::string HttpClient::ErrorText(const Error& error) {
 void HttpClient::SetTlsTrust(const TlsTrust& trust) {
   details::SetClientTrust(trust);
   details::CConnectionPool::Instance().Clear();
+}
+
+void HttpClient::SetObserver(Observer observer) {
+  TheObserver() = std::move(observer);
 }
 
 void HttpClient::CloseIdleConnections() {

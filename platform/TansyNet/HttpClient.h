@@ -38,6 +38,12 @@ class HttpClient {
 
   // For programs, not for libraries in between. Connections kept under other trust settings are not used again.
   static void SetTlsTrust(const TlsTrust& trust);
+  // Is told of every exchange of this process: before it is sent, with `answer` null, and when it is over, with the
+  // head of the answer (status 0 when none came) and the error. Called on the thread that sends; must not throw. For
+  // programs; set once, before anything is sent. Null takes it away.
+  using Observer =
+      std::function<void(const CHttpClientRequest& request, const CHttpClientResponse* answer, const Error& error)>;
+  static void SetObserver(Observer observer);
   // Kept connections otherwise stay open until somebody sends something after their 4 seconds are over.
   static void CloseIdleConnections();
 };
