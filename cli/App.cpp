@@ -8,11 +8,22 @@
 #include "Failure.h"
 #include "HostSystem/Terminal.h"
 #include "Interrupt.h"
-#include "ModuleLogSink.h"
 #include "Output.h"
 #include "Parallel.h"
+#include "Trace.h"
+#include "logging/Logging.h"
 
 namespace Tansy::Cli {
+namespace details {
+namespace {
+
+class CNoSink : public logging::ISink {
+ public:
+  void Write(const logging::Record& /*record*/) override {}
+};
+
+}  // namespace
+}  // namespace details
 
 int Run(int argc, const char* const* argv) {
   try {
@@ -23,7 +34,11 @@ int Run(int argc, const char* const* argv) {
       return kExitDone;
     }
     EndCleanlyOnInterrupt();
-    KeepModuleLog();
+    // The module's log is for hosts; people get this program's own words.
+    logging::SetSink(std::make_shared<details::CNoSink>());
+    if (line.globals.verbose) {
+      ShowRequests();
+    }
     const CommandCall call{line.globals, line.arguments, line.options};
     return line.command->run(call);
   } catch (const CFailure& failure) {

@@ -8,6 +8,7 @@
 namespace Tansy::Cli {
 
 class CServerLink;
+struct Settings;
 
 struct BucketRow {
   std::string name;
@@ -17,6 +18,10 @@ struct BucketRow {
 
 // All buckets by name. Throws CFailure.
 std::vector<BucketRow> ListBuckets(const CServerLink& server);
+
+// The bucket that uploads go to: the one that the settings name, else the only one that the server has. Throws CFailure
+// when there are none or several.
+std::string ChooseBucket(const Settings& settings);
 
 }  // namespace Tansy::Cli
 

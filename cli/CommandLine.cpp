@@ -10,6 +10,7 @@
 #include "Failure.h"
 #include "HelpText.h"
 #include "Output.h"
+#include "Suggestion.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -85,16 +86,36 @@ Globals ToGlobals(const std::list<std::pair<CLI::Option*, std::string>>& options
       globals.json = given;
     } else if (name == "--quiet") {
       globals.quiet = given;
+    } else if (name == "--verbose") {
+      globals.verbose = given;
     }
   }
   return globals;
+}
+
+// Words behind "--" are no options, whatever they begin with. The parser would take them for the program's when a
+// command has had an argument before; so they are marked instead, and what marks them is taken off afterwards.
+constexpr char kPlainWord[] = "\x01plain:";
+
+std::string WithoutMark(const std::string& word) {
+  return word.starts_with(kPlainWord) ? word.substr(sizeof(kPlainWord) - 1) : word;
+}
+
+void MarkPlainWords(std::vector<std::string>& words) {
+  const auto end_of_options = std::find(words.begin(), words.end(), "--");
+  if (end_of_options != words.end()) {
+    for (auto word = words.erase(end_of_options); word != words.end(); ++word) {
+      word->insert(0, kPlainWord);
+    }
+  }
 }
 
 void TakeCommand(const Slots& slots, ParsedCommandLine& line) {
   line.command = slots.command;
   auto argument = slots.arguments.begin();
   for (const ArgumentSpec& spec : slots.command->arguments) {
-    line.arguments[spec.name] = *argument++;
+    std::vector<std::string>& values = line.arguments[spec.name] = *argument++;
+    std::transform(values.begin(), values.end(), values.begin(), WithoutMark);
   }
   for (const auto& [option, value] : slots.options) {
     if (option->count() > 0) {
@@ -118,6 +139,33 @@ bool IsOption(const std::string& word) {
   return word.size() > 1 && word.front() == '-';
 }
 
+// "did you mean ...? " when a word looks like one of those that are known here.
+std::string DidYouMean(const std::string& typed, const std::vector<std::string>& words) {
+  const std::string word = Suggest(typed, words);
+  return word.empty() ? "" : "did you mean " + word + "? ";
+}
+
+std::vector<std::string> CommandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands({})) {
+    names.push_back(command->get_name());
+  }
+  return names;
+}
+
+// Of the program, and of the command or group that was named.
+std::vector<std::string> OptionNames(const CLI::App& program, const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* owner : {&program, &app}) {
+    for (const CLI::Option* option : owner->get_options()) {
+      if (const std::string name = option->get_name(); IsOption(name)) {
+        names.push_back(name);
+      }
+    }
+  }
+  return names;
+}
+
 // What is wrong with the words of a command line. The parser looks at what is missing first; people would rather hear
 // of the word that nobody understood, because it is most often the reason.
 CFailure WrongUse(const CLI::App& program, const CLI::ParseError& error) {
@@ -128,19 +176,20 @@ CFailure WrongUse(const CLI::App& program, const CLI::ParseError& error) {
     named += " " + app->get_name();
   }
   const bool is_command = app->get_subcommands({}).empty();
-  std::vector<std::string> unknown = program.remaining(true);
-  unknown.erase(std::find(unknown.begin(), unknown.end(), "--"), unknown.end());
+  const std::vector<std::string> unknown = program.remaining(true);
   const std::string how = "'" + named + " --help' " + (is_command ? "says how it is used" : "lists the commands");
   if (!is_command && !unknown.empty() && !IsOption(unknown.front())) {
-    return {kExitUsage, "there is no command \"" + Printable(unknown.front()) + "\"", how};
+    return {kExitUsage, "there is no command \"" + Printable(WithoutMark(unknown.front())) + "\"",
+            DidYouMean(unknown.front(), CommandNames(*app)) + how};
   }
   const auto option = std::find_if(unknown.begin(), unknown.end(), IsOption);
   if (option != unknown.end()) {
     return {kExitUsage, "there is no option " + Printable(*option),
-            how + (is_command ? "; names with a leading dash follow --" : "")};
+            DidYouMean(option->substr(0, option->find('=')), OptionNames(program, *app)) + how +
+                (is_command ? "; names with a leading dash follow --" : "")};
   }
   if (!unknown.empty()) {
-    return {kExitUsage, "one argument too many: \"" + Printable(unknown.front()) + "\"", how};
+    return {kExitUsage, "one argument too many: \"" + Printable(WithoutMark(unknown.front())) + "\"", how};
   }
   if (!is_command && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
     return {kExitUsage, "no command is given", how};
@@ -149,11 +198,11 @@ CFailure WrongUse(const CLI::App& program, const CLI::ParseError& error) {
 }
 
 // "tansy help put" asks for what "tansy put --help" prints.
-std::vector<const char*> WithHelpAsOption(int argc, const char* const* argv) {
-  std::vector<const char*> words(argv, argv + argc);
-  if (words.size() > 1 && std::string(words[1]) == "help") {
+std::vector<std::string> WithHelpAsOption(int argc, const char* const* argv) {
+  std::vector<std::string> words(argv, argv + argc);
+  if (words.size() > 1 && words[1] == "help") {
     words.erase(words.begin() + 1);
-    words.push_back("--help");
+    words.emplace_back("--help");
   }
   return words;
 }
@@ -180,8 +229,13 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   }
 
   try {
-    const std::vector<const char*> words = details::WithHelpAsOption(argc, argv);
-    program.parse(static_cast<int>(words.size()), words.data());
+    std::vector<std::string> words = details::WithHelpAsOption(argc, argv);
+    details::MarkPlainWords(words);
+    std::vector<const char*> pointers;
+    for (const std::string& word : words) {
+      pointers.push_back(word.c_str());
+    }
+    program.parse(static_cast<int>(pointers.size()), pointers.data());
   } catch (const CLI::CallForHelp&) {
     line.print_only = details::HelpFor(program, commands);
     return line;

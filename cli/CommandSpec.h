@@ -20,6 +20,7 @@ struct ArgumentSpec {
   bool many = false;  // only the last argument of a command may be
   EComplete complete = EComplete::kNothing;
   std::vector<std::string> choices = {};  // the only values allowed, when there are any
+  const char* behind = "";                // what the usage line shows behind it: " [FILE]"
 };
 
 struct OptionSpec {

@@ -20,6 +20,7 @@ const std::vector<OptionSpec>& GlobalOptions() {
       {"--insecure", nullptr, "trust any certificate over HTTPS"},
       {"--json", nullptr, "one JSON document a line on standard output"},
       {"--quiet", nullptr, "no progress and no texts that are only for people"},
+      {"--verbose", nullptr, "show each request and its answer on standard error, signatures masked"},
   };
   return options;
 }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <system_error>
 
+#include "BestNode.h"
 #include "BucketList.h"
 #include "HostSystem/Files.h"
 #include "Output.h"
@@ -43,6 +44,7 @@ class CExamination {
       CheckKeys();
       CheckClock();
       CheckBucket();
+      CheckBestNode();
     }
     CheckPicturePort();
     CheckCertificate();
@@ -69,7 +71,7 @@ class CExamination {
 
   bool CheckAddress() {
     try {
-      answer_ = CServerLink(settings_).Exchange("GET", "/");
+      answer_ = CServerLink(settings_).Exchange({});
       Add(EFinding::kOk, "address", settings_.object_server.Url() + " answers");
       return true;
     } catch (const CFailure& failure) {
@@ -93,7 +95,7 @@ class CExamination {
           {EFinding::kFailure, "keys", "the server denies access with access key " + Printable(settings_.access_key),
            "compare access and secret key with [credentials] in the server's tansyd.toml", kExitDenied});
     } else {
-      Add("keys", FailureOfAnswer(answer_.status, answer_.body, settings_.object_server.Url()));
+      Add("keys", CServerLink(settings_).FailureOf({answer_, {}}));
     }
   }
 
@@ -119,6 +121,7 @@ class CExamination {
     }
     try {
       const std::vector<BucketRow> buckets = ListBuckets(CServerLink(settings_));
+      bucket_ = buckets.empty() ? "" : buckets.front().name;
       if (settings_.pool.empty()) {
         const std::string count = std::to_string(buckets.size());
         Add(buckets.empty() ? EFinding::kWarning : EFinding::kOk, "bucket",
@@ -128,6 +131,7 @@ class CExamination {
       }
       for (const BucketRow& bucket : buckets) {
         if (bucket.name == settings_.pool) {
+          bucket_ = bucket.name;
           Add(EFinding::kOk, "bucket", Printable(settings_.pool) + " is there");
           return;
         }
@@ -139,9 +143,28 @@ class CExamination {
     }
   }
 
+  // Uploads go to an address that the server names, which may be one that cannot be reached from here.
+  void CheckBestNode() {
+    if (bucket_.empty()) {
+      return;
+    }
+    ServerAddress node;
+    try {
+      node = BestNodeAddress(settings_, bucket_);
+      CServerLink(settings_, node).Exchange({});
+      Add(EFinding::kOk, "uploads", "go to " + node.Url() + ", which answers");
+    } catch (const CFailure& failure) {
+      findings_.push_back({EFinding::kFailure, "uploads", failure.what(),
+                           node.port == 0 ? failure.GetAdvice()
+                                          : "the server sends uploads from here to " + node.HostAndPort() +
+                                                "; look at --local-ip and --wan-ip of its tansyd",
+                           failure.GetExitCode()});
+    }
+  }
+
   void CheckPicturePort() {
     try {
-      const auto answer = CServerLink(settings_, settings_.picture_server).Exchange("GET", "/Quorvane/Version");
+      const auto answer = CServerLink(settings_, settings_.picture_server).Exchange({.resource = "/Quorvane/Version"});
       const bool fine = answer.status == 200;
       Add(fine ? EFinding::kOk : EFinding::kWarning, "pictures",
           settings_.picture_server.Url() + (fine ? " answers" : " answered " + std::to_string(answer.status)),
@@ -195,6 +218,7 @@ class CExamination {
 
   const Settings& settings_;
   TansyNet::CHttpClientResponse answer_;
+  std::string bucket_;  // one that is there, for questions that need one
   std::vector<Finding> findings_;
 };
 

@@ -21,7 +21,8 @@ struct Finding {
   EExitCode exit_code = kExitDone;  // of a failure
 };
 
-// Address, ports, keys, clock, bucket, certificate, space. Never throws CFailure: what goes wrong is a finding.
+// Address, ports, keys, clock, bucket, address of uploads, certificate, space. Never throws CFailure: what goes wrong
+// is a finding.
 std::vector<Finding> Examine(const Settings& settings);
 
 // The time of a Date header; -1 when it is none.

@@ -23,14 +23,17 @@ enum EExitCode : int {
 // caught where the line for standard error is written.
 class CFailure : public std::runtime_error {
  public:
-  // `advice` may be empty.
+  // `advice` may be empty. Without words nothing is printed: there is nobody to read them.
   CFailure(EExitCode exit_code, const std::string& what_happened, std::string advice)
       : std::runtime_error(what_happened), exit_code_(exit_code), advice_(std::move(advice)) {}
 
   EExitCode GetExitCode() const { return exit_code_; }
   const std::string& GetAdvice() const { return advice_; }
   // The same about something in particular: "photo.jpg: ...".
-  CFailure About(const std::string& subject) const { return {exit_code_, subject + ": " + what(), advice_}; }
+  CFailure About(const std::string& subject) const {
+    return IsSilent() ? *this : CFailure(exit_code_, subject + ": " + what(), advice_);
+  }
+  bool IsSilent() const { return *what() == '\0'; }
 
  private:
   EExitCode exit_code_;

@@ -14,6 +14,9 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 
 constexpr char kSummary[] = "keeps files on an object server and brings them back";
 
+// Options that make the line of a usage longer are listed below it only.
+constexpr std::size_t kLongestUsage = 72;
+
 struct TextRow {
   const char* name;
   const char* text;
@@ -39,9 +42,9 @@ constexpr TextRow kExitCodes[] = {
 };
 
 constexpr char kSettings[] =
-    "Server and keys come from the options, else from the environment, else from the data folder that --data names, "
-    "else from ~/.config/tansy/config.toml, else from the data folder ./tansy-data. The configuration file names "
-    "servers:";
+    "Server and keys come from the options, also from the data folder that --data names and the server that --server "
+    "names, else from the environment, else from ~/.config/tansy/config.toml, else from the data folder ./tansy-data. "
+    "The configuration file names servers:";
 
 constexpr char kConfigExample[] =
     "default = \"home\"\n\n"
@@ -101,7 +104,7 @@ std::string Placeholder(const ArgumentSpec& argument) {
     name = (i == 0 ? "" : name + "|") + argument.choices[i];
   }
   name += argument.many ? "..." : "";
-  return argument.required ? name : "[" + name + "]";
+  return (argument.required ? name : "[" + name + "]") + argument.behind;
 }
 
 std::string OptionText(const OptionSpec& option) {
@@ -181,14 +184,17 @@ std::string RoffCommand(const CommandSpec& command) {
 }  // namespace details
 
 std::string UsageLine(const CommandSpec& command) {
-  std::string line = "tansy " + command.FullName();
+  const std::string name = "tansy " + command.FullName();
+  std::string options;
   for (const OptionSpec& option : command.options) {
-    line += " [" + details::OptionText(option) + "]";
+    options += " [" + details::OptionText(option) + "]";
   }
+  std::string arguments;
   for (const ArgumentSpec& argument : command.arguments) {
-    line += " " + details::Placeholder(argument);
+    arguments += " " + details::Placeholder(argument);
   }
-  return line;
+  const bool fits = name.size() + options.size() + arguments.size() <= details::kLongestUsage;
+  return name + (fits ? options : " [options]") + arguments;
 }
 
 std::string ProgramHelp() {

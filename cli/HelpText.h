@@ -1,4 +1,4 @@
-// Help in its different clothes, all made from the command table.
+// Help texts in their several forms, all made from the command table.
 #ifndef TANSY_CLI_HELP_TEXT_H
 #define TANSY_CLI_HELP_TEXT_H
 

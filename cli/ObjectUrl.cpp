@@ -1,8 +1,9 @@
 #include "ObjectUrl.h"
 
+#include <algorithm>
+
 #include "Failure.h"
 #include "Output.h"
-#include "TansyNet/HttpClient.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -21,11 +22,10 @@ bool IsPlain(const std::string& path) {
 }  // namespace
 }  // namespace details
 
-ObjectUrl ParseObjectUrl(const std::string& text, Settings& settings) {
-  std::string path = text;
-  if (TansyNet::URL url; TansyNet::URL::Parse(text, url)) {
-    settings.object_server = {url.scheme == "https", url.host, url.port};
-    path = url.target.substr(0, url.target.find('?'));
+ObjectUrl ParseObjectUrl(const std::string& text, const Settings& settings) {
+  std::string path = TargetOnServer(text, settings.object_server, "name it with --server");
+  if (path.size() < text.size()) {
+    path.resize(std::min(path.size(), path.find('?')));
   }
   if (path.starts_with("/")) {
     path.erase(0, 1);

@@ -17,9 +17,9 @@ struct ObjectUrl {
 };
 
 // Reads "/bucket/key", "bucket/key", "http://HOST:PORT/bucket/key" (whatever query it has is left out), or a key alone
-// when the settings name a bucket. A whole address becomes the object server of `settings`. Throws CFailure with
-// kExitUsage.
-ObjectUrl ParseObjectUrl(const std::string& text, Settings& settings);
+// when the settings name a bucket. Throws CFailure with kExitUsage, also for the address of another server than that of
+// the settings: requests carry signatures, and those are good for whoever gets them.
+ObjectUrl ParseObjectUrl(const std::string& text, const Settings& settings);
 
 }  // namespace Tansy::Cli
 

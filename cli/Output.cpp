@@ -29,6 +29,10 @@ void HideProgress() {
 void Write(std::FILE* stream, const char* data, std::size_t size) {
   if (std::fwrite(data, 1, size, stream) != size || std::fflush(stream) != 0) {
     const int error = errno;
+    if (error == EPIPE) {
+      // The reader has what it wants, as `head` does; that is nothing to complain of.
+      throw CFailure(kExitFailed, "", "");
+    }
     throw CFailure(HostSystem::IsNoSpace(error) ? kExitNoSpace : kExitFailed,
                    "standard output: " + HostSystem::ErrorText(error), "");
   }

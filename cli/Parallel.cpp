@@ -94,6 +94,9 @@ int ForEach(const std::vector<std::string>& things, const std::function<std::str
 }
 
 void PrintFailure(const CFailure& failure) {
+  if (failure.IsSilent()) {
+    return;
+  }
   const std::string& advice = failure.GetAdvice();
   PrintNote(std::string("tansy: ") + failure.what() + (advice.empty() ? "" : "\n  " + advice));
 }

@@ -10,7 +10,7 @@
 
 #include "Failure.h"
 #include "HostSystem/Files.h"
-#include "Output.h"
+#include "LocalFile.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
 
@@ -31,37 +31,16 @@ Partials& AllPartials() {
 }
 
 [[noreturn]] void Fail(const std::string& path, const std::error_code& error) {
-  const bool denied = error == std::errc::permission_denied || error == std::errc::operation_not_permitted ||
-                      error == std::errc::read_only_file_system;
-  const bool full = HostSystem::IsNoSpace(error.default_error_condition().value());
-  const bool missing = error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
-  throw CFailure(denied    ? kExitDenied
-                 : full    ? kExitNoSpace
-                 : missing ? kExitNotFound
-                           : kExitFailed,
-                 Printable(path) + ": " + error.message(),
-                 denied ? "check its permissions"
-                 : full ? "make room, or choose another folder"
-                        : "check the path");
-}
-
-std::filesystem::path Utf8Path(const std::string& path) {
-  return std::filesystem::path(std::u8string(path.begin(), path.end()));
-}
-
-std::string Utf8Text(const std::filesystem::path& path) {
-  const std::u8string text = path.u8string();
-  return {text.begin(), text.end()};
+  throw FailureOfFile(path, error.default_error_condition().value());
 }
 
 // Returns when the file is on stable storage: a new name before that could be there after a power cut, and the bytes
 // not. A folder that may not be listed cannot be opened and goes without.
 void SyncFile(const std::string& path, const std::string& target) {
-  const std::filesystem::path parent = Utf8Path(path).parent_path();
   int error = 0;
-  const auto folder = HostSystem::OpenFolder(parent.empty() ? "." : Utf8Text(parent), error);
+  const auto folder = HostSystem::OpenFolder(FolderOf(path), error);
   std::unique_ptr<HostSystem::IFile> file;
-  if (folder != nullptr && folder->OpenForWriting(Utf8Text(Utf8Path(path).filename()), file) == 0) {
+  if (folder != nullptr && folder->OpenForWriting(Utf8Path(NativePath(path).filename()), file) == 0) {
     error = file->Sync();
     if (error != 0) {
       Fail(target, std::error_code(error, std::generic_category()));
@@ -70,9 +49,8 @@ void SyncFile(const std::string& path, const std::string& target) {
 }
 
 void SyncFolderOf(const std::string& path) {
-  const std::filesystem::path parent = Utf8Path(path).parent_path();
   int error = 0;
-  if (const auto folder = HostSystem::OpenFolder(parent.empty() ? "." : Utf8Text(parent), error)) {
+  if (const auto folder = HostSystem::OpenFolder(FolderOf(path), error)) {
     folder->Sync();  // the file is complete under its name either way
   }
 }
@@ -89,17 +67,9 @@ void MakeEmpty(const std::string& path, const std::string& target) {
 }  // namespace
 }  // namespace details
 
-CPartialFile::CPartialFile(const std::string& target) : target_(target) {
-  std::error_code error;
-  if (std::filesystem::is_symlink(details::Utf8Path(target), error)) {
-    const std::filesystem::path real = std::filesystem::weakly_canonical(details::Utf8Path(target), error);
-    if (error) {
-      details::Fail(target, error);
-    }
-    target_ = details::Utf8Text(real);
-  }
+CPartialFile::CPartialFile(const std::string& target) : target_(FollowLink(target)) {
   const std::string name = ".tansy-" + TansyBase::GuidUtil::CreateGuid() + ".part";
-  path_ = details::Utf8Text(details::Utf8Path(target_).replace_filename(name));
+  path_ = Utf8Path(NativePath(target_).replace_filename(name));
   details::Partials& partials = details::AllPartials();
   const std::lock_guard lock(partials.mutex);
   if (partials.removed) {
@@ -114,7 +84,7 @@ CPartialFile::~CPartialFile() {
   const std::lock_guard lock(partials.mutex);
   if (partials.paths.erase(path_) > 0) {
     std::error_code ignored;
-    std::filesystem::remove(details::Utf8Path(path_), ignored);
+    std::filesystem::remove(NativePath(path_), ignored);
   }
 }
 
@@ -127,7 +97,7 @@ void CPartialFile::Commit() {
       throw CFailure(kExitInterrupted, "interrupted", "");
     }
     std::error_code error;
-    std::filesystem::rename(details::Utf8Path(path_), details::Utf8Path(target_), error);
+    std::filesystem::rename(NativePath(path_), NativePath(target_), error);
     if (error) {
       details::Fail(target_, error);
     }
@@ -142,7 +112,7 @@ void CPartialFile::RemoveAll() {
   partials.removed = true;
   for (const std::string& path : partials.paths) {
     std::error_code ignored;
-    std::filesystem::remove(details::Utf8Path(path), ignored);
+    std::filesystem::remove(NativePath(path), ignored);
   }
   partials.paths.clear();
 }

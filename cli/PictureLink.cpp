@@ -1,23 +1,28 @@
 #include "PictureLink.h"
 
-#include <cstdio>
-
 #include "ClientRecord.h"
-#include "ModuleLogSink.h"
 #include "Output.h"
 #include "ServerLink.h"
-#include "TansyNet/HttpClient.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
-CFailure FailureOfStatus(int status, const std::string& server) {
+constexpr std::size_t kLongestCode = 100;
+
+// `code` is the picture protocol's number for the error, or empty.
+CFailure FailureOfStatus(int status, const std::string& code, const std::string& server) {
+  const std::string known = code.empty() ? "" : ": " + Printable(code.substr(0, kLongestCode));
   if (status == 401 || status == 403) {
-    return {kExitDenied, "the server denies access (" + server + ")", "check the keys with 'tansy doctor'"};
+    return {kExitDenied, "the server denies access (" + server + known + ")", "check the keys with 'tansy doctor'"};
   }
-  return {status == 404 ? kExitNotFound : kExitFailed, server + " answered " + std::to_string(status),
+  return {status == 404 ? kExitNotFound : kExitFailed, server + " answered " + std::to_string(status) + known,
           status >= 500 ? "is the address right? The server's log says more" : ""};
+}
+
+std::string ErrorCode(const std::string& body) {
+  TansyProto::CRapidJsonProto json;
+  return json.Parse(body) && json.Has("/ErrorCode") ? std::to_string(json.GetInt("/ErrorCode")) : "";
 }
 
 }  // namespace
@@ -27,37 +32,29 @@ CloudStorage::CPictureClient MakePictureClient(const Settings& settings, const s
   return CloudStorage::CPictureClient(MakeClientRecord(settings, settings.picture_server, pool));
 }
 
-CFailure FailureOfPictureClient(const std::string& server) {
-  // The picture client tells its reasons to the log only: "... error[3:111]", "... error[403:{...}]" or
-  // "... status code:404, ...".
-  const std::string line = TakeModuleError();
-  int first = 0;
-  int second = 0;
-  if (const std::size_t at = line.find("error["); at != std::string::npos) {
-    const int numbers = std::sscanf(line.c_str() + at, "error[%d:%d]", &first, &second);
-    if (first >= 100) {
-      return details::FailureOfStatus(first, server);
-    }
-    if (numbers == 2) {
-      return FailureOfExchange({first, second}, server);
-    }
+CFailure FailureOfPictureClient(const CloudStorage::CPictureClient& client, const ServerAddress& server) {
+  const CloudStorage::SClientFailure failure = client.GetLastFailure();
+  const std::string address =
+      failure.address.empty() ? server.Url() : (server.is_https ? "https://" : "http://") + failure.address;
+  if (failure.transport_error != 0) {
+    return FailureOfExchange({failure.transport_error, failure.system_error}, address);
   }
-  if (const std::size_t at = line.find("status code:"); at != std::string::npos) {
-    std::sscanf(line.c_str() + at, "status code:%d", &first);
-    return details::FailureOfStatus(first, server);
+  if (failure.http_status != 0 && failure.http_status != 200) {
+    return details::FailureOfStatus(failure.http_status, failure.error_code, address);
   }
-  if (line.find("exceed") != std::string::npos) {
-    return {kExitUsage, "the picture is too large", "pictures have at most 32 MiB"};
-  }
-  return {kExitUnreachable, server + ": no usable answer", "'tansy doctor' looks closer"};
+  const bool is_argument = failure.code == CloudStorage::ClientError::kBadArgument;
+  return {is_argument ? kExitUsage : kExitFailed,
+          address + ": " + (failure.text.empty() ? "no usable answer" : Printable(failure.text)),
+          "'tansy doctor' looks closer"};
 }
 
 TansyProto::CRapidJsonProto RequestPictureInfo(const Settings& settings, const std::string& target,
                                                const std::string& subject) {
   const CServerLink server(settings, settings.picture_server);
-  const TansyNet::CHttpClientResponse answer = server.Exchange("GET", target);
+  const TansyNet::CHttpClientResponse answer = server.Exchange({.resource = target});
   if (answer.status != 200) {
-    throw details::FailureOfStatus(answer.status, server.Address().Url()).About(subject);
+    throw details::FailureOfStatus(answer.status, details::ErrorCode(answer.body), server.Address().Url())
+        .About(subject);
   }
   TansyProto::CRapidJsonProto json;
   if (!json.Parse(answer.body)) {
@@ -66,12 +63,9 @@ TansyProto::CRapidJsonProto RequestPictureInfo(const Settings& settings, const s
   return json;
 }
 
-std::string ParsePictureUrl(const std::string& text, Settings& settings) {
-  std::string target = text;
-  if (TansyNet::URL url; TansyNet::URL::Parse(text, url)) {
-    settings.picture_server = {url.scheme == "https", url.host, url.port};
-    target = url.target;
-  }
+std::string ParsePictureUrl(const std::string& text, const Settings& settings) {
+  const std::string target =
+      TargetOnServer(text, settings.picture_server, "set it as the picture_url of a server in the configuration");
   bool plain = true;
   for (const char c : target) {
     plain = plain && static_cast<unsigned char>(c) > 0x20 && c != 0x7f && c != '#';

@@ -13,16 +13,16 @@ namespace Tansy::Cli {
 
 CloudStorage::CPictureClient MakePictureClient(const Settings& settings, const std::string& pool);
 
-// What a call into the picture client that has just failed on this thread means.
-CFailure FailureOfPictureClient(const std::string& server);
+// What the client's last failure means. `server` is the one that the client was made for.
+CFailure FailureOfPictureClient(const CloudStorage::CPictureClient& client, const ServerAddress& server);
 
 // The answer's document to a signed GET of the picture server. Throws CFailure about `subject`.
 TansyProto::CRapidJsonProto RequestPictureInfo(const Settings& settings, const std::string& target,
                                                const std::string& subject);
 
-// Reads "/pic?...", or a whole address, which becomes the picture server of `settings`; returns path and query. Throws
-// CFailure with kExitUsage.
-std::string ParsePictureUrl(const std::string& text, Settings& settings);
+// Reads "/pic?...", or a whole address of the picture server of `settings`; returns path and query. Throws CFailure
+// with kExitUsage, also for the address of another server: requests carry signatures.
+std::string ParsePictureUrl(const std::string& text, const Settings& settings);
 
 }  // namespace Tansy::Cli
 

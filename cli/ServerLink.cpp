@@ -1,9 +1,7 @@
 #include "ServerLink.h"
 
 #include <utility>
-#include <vector>
 
-#include "BucketList.h"
 #include "Output.h"
 #include "Signer.h"
 #include "TansyProto/XmlProto.h"
@@ -13,6 +11,7 @@ namespace details {
 namespace {
 
 constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{64} << 20;
+constexpr std::size_t kMaxErrorBytes = std::size_t{64} << 10;
 // Smaller numbers of a failed TLS handshake say what is wrong with the certificate.
 constexpr int kFirstTlsReason = 100;
 
@@ -44,48 +43,91 @@ constexpr ErrorRow kErrors[] = {
 CServerLink::CServerLink(const Settings& settings, const ServerAddress& address)
     : address_(address), access_key_(settings.access_key), secret_key_(settings.secret_key) {}
 
-TansyNet::CHttpClientResponse CServerLink::Exchange(const std::string& method, const std::string& resource,
-                                                    const std::string& body, const std::string& content_type) const {
-  TansyNet::CHttpClientRequest request;
-  request.method = method;
-  request.url = address_.Url() + resource;
-  request.content_type = content_type;
-  request.body = body.empty() ? nullptr : body.data();
-  request.body_size = body.size();
-  request.max_body_bytes = details::kMaxAnswerBytes;
+TansyNet::CHttpClientRequest CServerLink::Signed(const LinkRequest& request) const {
+  TansyNet::CHttpClientRequest outgoing;
+  outgoing.method = request.method;
+  outgoing.url = address_.Url() + request.resource;
+  outgoing.content_type = request.content_type;
+  outgoing.body = request.body.empty() ? nullptr : request.body.data();
+  outgoing.body_size = request.body.size();
+  outgoing.max_body_bytes = details::kMaxAnswerBytes;
+  outgoing.send_timeout_ms = request.patience_ms;
+  outgoing.receive_timeout_ms = request.patience_ms;
   const std::string date = HttpDate();
-  request.headers["Host"] = address_.HostAndPort();
-  request.headers["Date"] = date;
-  request.headers["Authorization"] = AuthorizationValue(method, content_type, date, resource, access_key_, secret_key_);
-
-  TansyNet::CHttpClientResponse response;
-  TansyNet::HttpClient::Error error;
-  if (!TansyNet::HttpClient().Send(request, &response, &error)) {
-    throw FailureOfExchange(error, address_.Url());
+  outgoing.headers["Host"] = address_.HostAndPort();
+  outgoing.headers["Date"] = date;
+  outgoing.headers["Authorization"] =
+      AuthorizationValue(request.method, request.content_type, date, request.resource, access_key_, secret_key_);
+  if (!request.range.empty()) {
+    outgoing.headers["Range"] = "bytes=" + request.range;
   }
-  return response;
+  return outgoing;
 }
 
-TansyNet::CHttpClientResponse CServerLink::Request(const std::string& method, const std::string& resource,
-                                                   const std::string& subject, const std::string& body,
-                                                   const std::string& content_type) const {
-  try {
-    TansyNet::CHttpClientResponse response = Exchange(method, resource, body, content_type);
-    if (response.status != 200) {
-      throw FailureOfAnswer(response.status, response.body, address_.Url());
+LinkOutcome CServerLink::Try(const LinkRequest& request) const {
+  LinkOutcome outcome;
+  TansyNet::HttpClient().Send(Signed(request), &outcome.answer, &outcome.error);
+  return outcome;
+}
+
+LinkOutcome CServerLink::Stream(const LinkRequest& request,
+                                const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
+                                const std::function<void(const char* data, std::size_t size)>& take) const {
+  LinkOutcome outcome;
+  bool begun = false;
+  const auto piece = [&](const TansyNet::CHttpClientResponse& answer, const char* data, unsigned int size,
+                         TansyNet::HttpClient::Error error, bool /*last*/) {
+    outcome.error = error;
+    if (answer.status != 0 && !begun) {
+      begun = true;
+      outcome.answer = answer;
+      if (answer.status == 200) {
+        head(answer);
+      }
     }
-    return response;
-  } catch (const CFailure& failure) {
-    throw failure.About(subject);
-  }
+    if (size == 0) {
+      return;
+    }
+    if (answer.status == 200) {
+      take(data, size);
+    } else if (outcome.answer.body.size() < details::kMaxErrorBytes) {
+      outcome.answer.body.append(data, size);
+    }
+  };
+  TansyNet::HttpClient().SendForBigRsp(Signed(request), piece);
+  return outcome;
 }
 
-CFailure FailureOfAnswer(int status, const std::string& body, const std::string& server) {
+CFailure CServerLink::FailureOf(const LinkOutcome& outcome) const {
+  return outcome.IsAnswered() ? FailureOfAnswer(outcome.answer.status, outcome.ErrorCode(), address_.Url())
+                              : FailureOfExchange(outcome.error, address_.Url());
+}
+
+TansyNet::CHttpClientResponse CServerLink::Exchange(const LinkRequest& request) const {
+  LinkOutcome outcome = Try(request);
+  if (!outcome.IsAnswered()) {
+    throw FailureOf(outcome);
+  }
+  return std::move(outcome.answer);
+}
+
+TansyNet::CHttpClientResponse CServerLink::Request(const LinkRequest& request, const std::string& subject) const {
+  LinkOutcome outcome = Try(request);
+  if (!outcome.IsDone()) {
+    throw FailureOf(outcome).About(subject);
+  }
+  return std::move(outcome.answer);
+}
+
+std::string LinkOutcome::ErrorCode() const {
   TansyProto::CXmlProto xml;
-  const std::string code = xml.Parse(body) ? xml.GetString("/Error/Code") : "";
+  return xml.Parse(answer.body) ? xml.GetString("/Error/Code") : "";
+}
+
+CFailure FailureOfAnswer(int status, const std::string& code, const std::string& server) {
   for (const details::ErrorRow& row : details::kErrors) {
     if (code == row.code) {
-      return {row.exit_code, std::string(row.what) + " (" + server + ")", row.advice};
+      return {row.exit_code, std::string(row.what) + " (" + server + ": " + code + ")", row.advice};
     }
   }
   const EExitCode exit_code = status == 403 || status == 401 ? kExitDenied
@@ -119,25 +161,6 @@ CFailure FailureOfExchange(const TansyNet::HttpClient::Error& error, const std::
     default:
       return {kExitUnreachable, what, "try again; 'tansy doctor' looks closer"};
   }
-}
-
-std::string ChooseBucket(const Settings& settings) {
-  if (!settings.pool.empty()) {
-    return settings.pool;
-  }
-  const std::vector<BucketRow> buckets = ListBuckets(CServerLink(settings));
-  if (buckets.empty()) {
-    throw CFailure(kExitUsage, "there is no bucket yet", "make one: tansy mb BUCKET");
-  }
-  if (buckets.size() > 1) {
-    std::string names;
-    for (std::size_t i = 0; i < buckets.size() && i < 5; ++i) {
-      names += (names.empty() ? "" : ", ") + Printable(buckets[i].name);
-    }
-    throw CFailure(kExitUsage, "which bucket? There are " + std::to_string(buckets.size()),
-                   "name one with --pool or TANSY_POOL: " + names + (buckets.size() > 5 ? ", ..." : ""));
-  }
-  return buckets.front().name;
 }
 
 }  // namespace Tansy::Cli

@@ -68,8 +68,13 @@ struct Source {
   std::string keys_file;
 };
 
-// What a tansyd keeps in its data folder: the ports at which it can be found while it runs, else those of its settings;
-// and its keys.
+// "http://HOST:PORT"; without a host this machine's.
+std::string UrlOf(const std::string& host, std::uint16_t port) {
+  return ServerAddress{false, host.empty() ? "127.0.0.1" : host, port}.Url();
+}
+
+// What a tansyd keeps in its data folder: the address and ports at which it can be found while it runs, else those of
+// its settings; and its keys.
 Source ReadDataFolder(const std::string& folder) {
   const std::string path = folder + "/" + kSettingsFile;
   const std::optional<toml::table> settings = ReadToml(path);
@@ -82,8 +87,9 @@ Source ReadDataFolder(const std::string& folder) {
   source.name = "data folder " + folder;
   source.data_folder = folder;
   const toml::table& ports = listening ? *listening : *settings;
-  source.server_url = "http://127.0.0.1:" + std::to_string(PortOf(ports, "object-port", kObjectPort));
-  source.picture_url = "http://127.0.0.1:" + std::to_string(PortOf(ports, "picture-port", kPicturePort));
+  const std::string host = listening ? TextOf(*listening, "address") : "";
+  source.server_url = UrlOf(host, PortOf(ports, "object-port", kObjectPort));
+  source.picture_url = UrlOf(host, PortOf(ports, "picture-port", kPicturePort));
   if (const toml::table* credentials = settings ? (*settings)["credentials"].as_table() : nullptr) {
     source.access_key = TextOf(*credentials, "access_key");
     source.secret_key = TextOf(*credentials, "secret_key");
@@ -173,20 +179,40 @@ bool IsUrl(const std::string& text) {
   return text.find("://") != std::string::npos;
 }
 
-Source FromOptionsAndEnvironment(const Globals& globals, const EnvironmentReader& environment, std::string& name) {
-  Source settings;
-  const std::string server = globals.server.empty() ? environment("TANSY_SERVER") : globals.server;
-  (IsUrl(server) ? settings.server_url : name) = server;
-  settings.name = globals.server.empty() ? "TANSY_SERVER" : "--server";
-  settings.pool = globals.pool.empty() ? environment("TANSY_POOL") : globals.pool;
-  settings.ca = globals.ca.empty() ? environment("TANSY_CA") : globals.ca;
-  settings.insecure = globals.insecure;
-  settings.access_key = environment("TANSY_ACCESS_KEY");
-  settings.secret_key = environment("TANSY_SECRET_KEY");
-  if (settings.access_key.empty() != settings.secret_key.empty()) {
+// What one level of the command line or the environment says itself. A server that is named, not given by its address,
+// goes to `name`.
+Source Said(const std::string& server, const std::string& pool, const std::string& ca, const std::string& who,
+            std::string& name) {
+  Source source;
+  (IsUrl(server) ? source.server_url : name) = server;
+  source.name = who;
+  source.pool = pool;
+  source.ca = ca;
+  return source;
+}
+
+Source SaidByEnvironment(const EnvironmentReader& environment, std::string& name) {
+  Source source =
+      Said(environment("TANSY_SERVER"), environment("TANSY_POOL"), environment("TANSY_CA"), "TANSY_SERVER", name);
+  source.access_key = environment("TANSY_ACCESS_KEY");
+  source.secret_key = environment("TANSY_SECRET_KEY");
+  if (source.access_key.empty() != source.secret_key.empty()) {
     throw CFailure(kExitUsage, "only one of TANSY_ACCESS_KEY and TANSY_SECRET_KEY is set", "set both, or neither");
   }
-  return settings;
+  return source;
+}
+
+// The server of the configuration with this name, when there is a name.
+void CompleteByName(Source& settings, const std::string& config_path, const std::string& name) {
+  if (name.empty()) {
+    return;
+  }
+  const std::optional<Source> source = ReadConfig(config_path, name);
+  if (!source) {
+    throw CFailure(kExitUsage, "there is no server named \"" + name + "\"",
+                   "give http://HOST:PORT, or add [servers." + name + "] to " + config_path);
+  }
+  Complete(settings, *source);
 }
 
 ServerAddress AddressOf(const std::string& url, const std::string& source) {
@@ -244,20 +270,44 @@ bool ParseServerUrl(const std::string& text, ServerAddress& address) {
   return true;
 }
 
+std::string TargetOnServer(const std::string& text, const ServerAddress& server, const std::string& how) {
+  TansyNet::URL url;
+  if (!TansyNet::URL::Parse(text, url)) {
+    return text;
+  }
+  const ServerAddress named{url.scheme == "https", url.host, url.port};
+  if (named != server) {
+    throw CFailure(kExitUsage, named.Url() + " is not the server that is set, " + server.Url(),
+                   "nothing was sent there; to trust it with a signature, " + how);
+  }
+  return url.target;
+}
+
 Settings FindSettings(const Globals& globals, const EnvironmentReader& environment) {
+  const std::string config_path = details::ConfigPath(environment);
   std::string name;
-  details::Source settings = details::FromOptionsAndEnvironment(globals, environment, name);
-  const std::string data = globals.data.empty() ? environment("TANSY_DATA") : globals.data;
-  if (!data.empty()) {
+  details::Source settings = details::Said(globals.server, globals.pool, globals.ca, "--server", name);
+  settings.insecure = globals.insecure;
+  details::CompleteByName(settings, config_path, name);
+  if (!globals.data.empty()) {
+    details::Complete(settings, details::ReadDataFolder(globals.data));
+  }
+
+  // A server that was named by hand is not mixed with another one of the environment.
+  name.clear();
+  details::Complete(settings, details::SaidByEnvironment(environment, name));
+  const std::string data = environment("TANSY_DATA");
+  if (globals.data.empty() && !data.empty()) {
     details::Complete(settings, details::ReadDataFolder(data));
   }
-  const std::string config_path = details::ConfigPath(environment);
-  const std::string wanted = name.empty() ? settings.server_url : name;
-  if (const auto source = details::ReadConfig(config_path, data.empty() ? wanted : name)) {
-    details::Complete(settings, *source);
-  } else if (!name.empty()) {
-    throw CFailure(kExitUsage, "there is no server named \"" + name + "\"",
-                   "give http://HOST:PORT, or add [servers." + name + "] to " + config_path);
+  if (settings.server_url.empty()) {
+    details::CompleteByName(settings, config_path, name);
+  }
+  const bool has_data = !globals.data.empty() || !data.empty();
+  if (!has_data || settings.server_url.empty()) {
+    if (const auto source = details::ReadConfig(config_path, settings.server_url)) {
+      details::Complete(settings, *source);
+    }
   }
   const bool complete = !settings.server_url.empty() && !settings.access_key.empty();
   if (!complete && HostSystem::GetPathKind(details::kDefaultDataFolder) == HostSystem::EPathKind::kFolder) {

@@ -1,11 +1,12 @@
 // Which server to talk to and with which keys.
 //
 // Looked for in this order, each value where it is first found:
-//   1. options of the command line,
-//   2. environment variables: TANSY_SERVER, TANSY_POOL, TANSY_DATA, TANSY_CA, TANSY_ACCESS_KEY with TANSY_SECRET_KEY,
-//   3. the data folder of a tansyd on this machine, when --data or TANSY_DATA names it,
-//   4. a named server of ~/.config/tansy/config.toml: the one that --server names, else its "default",
-//   5. the data folder ./tansy-data, when it is there.
+//   1. options of the command line: what they say themselves, then what ~/.config/tansy/config.toml says of the server
+//      that --server names, then what is in the data folder that --data names,
+//   2. environment variables: TANSY_SERVER, TANSY_POOL, TANSY_CA, TANSY_ACCESS_KEY with TANSY_SECRET_KEY, then the data
+//      folder that TANSY_DATA names, then the server of the configuration that TANSY_SERVER names,
+//   3. the configuration's table for the address that was found, or without one its "default",
+//   4. the data folder ./tansy-data, when it is there.
 #ifndef TANSY_CLI_SETTINGS_H
 #define TANSY_CLI_SETTINGS_H
 
@@ -24,6 +25,7 @@ struct Globals {
   bool insecure = false;
   bool json = false;
   bool quiet = false;
+  bool verbose = false;
 };
 
 // Where a server listens.
@@ -38,6 +40,8 @@ struct ServerAddress {
   std::string HostAndPort() const;
   // "http://127.0.0.1:9700"
   std::string Url() const;
+
+  bool operator==(const ServerAddress&) const = default;
 };
 
 struct Settings {
@@ -64,6 +68,10 @@ Settings UseSettings(const Globals& globals);
 
 // "http://HOST[:PORT]" or "https://HOST[:PORT]", nothing behind it but a "/". False when it is something else.
 bool ParseServerUrl(const std::string& text, ServerAddress& address);
+
+// Path and query of a whole address, which must be one of `server`; any other text as it is. Throws CFailure with
+// kExitUsage; `how` is the advice how to set another server.
+std::string TargetOnServer(const std::string& text, const ServerAddress& server, const std::string& how);
 
 }  // namespace Tansy::Cli
 

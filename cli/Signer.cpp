@@ -62,9 +62,10 @@ std::string AuthorizationValue(const std::string& method, const std::string& con
          Sign(method + "\n\n" + content_type + "\n" + date + "\n\n" + resource, secret_key);
 }
 
-std::string SignedObjectTarget(const std::string& path, const std::string& access_key, const std::string& secret_key) {
+std::string SignedObjectTarget(const std::string& path, std::int64_t expires, const std::string& access_key,
+                               const std::string& secret_key) {
   // Servers look for the token behind another parameter only.
-  const std::string target = path + "?link=1";
+  const std::string target = path + (expires == 0 ? "?link=1" : "?expires=" + std::to_string(expires));
   const std::string signature = Sign("GET\n\n\n\n\n" + target, secret_key);
   const std::string token = TansyBase::Encrypt::Base64Encode(details::kScheme + access_key + ":" + signature);
   return target + "&token=" + PercentEncode(token);

@@ -3,6 +3,7 @@
 #ifndef TANSY_CLI_SIGNER_H
 #define TANSY_CLI_SIGNER_H
 
+#include <cstdint>
 #include <string>
 
 namespace Tansy::Cli {
@@ -18,8 +19,10 @@ std::string AuthorizationValue(const std::string& method, const std::string& con
                                const std::string& resource, const std::string& access_key,
                                const std::string& secret_key);
 
-// A target for GET that needs no header: `path` with a query that carries the signature.
-std::string SignedObjectTarget(const std::string& path, const std::string& access_key, const std::string& secret_key);
+// A target for GET that needs no header: `path` with a query that carries the signature. `expires` is the time in
+// seconds since 1970 from which on servers refuse it; 0 means never.
+std::string SignedObjectTarget(const std::string& path, std::int64_t expires, const std::string& access_key,
+                               const std::string& secret_key);
 // The same for a picture's address ("/pic?id=..."). `expires` is signed and not looked at by servers.
 std::string SignedPictureTarget(const std::string& target, const std::string& expires, const std::string& access_key,
                                 const std::string& secret_key);

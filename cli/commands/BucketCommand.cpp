@@ -13,7 +13,7 @@ int RunBucket(const CommandCall& call) {
   const std::string bucket = call.Argument("BUCKET");
   const Settings settings = UseSettings(call.globals);
   const TansyNet::CHttpClientResponse answer =
-      CServerLink(settings).Request("GET", "/" + bucket + "?property", "bucket " + Printable(bucket));
+      CServerLink(settings).Request({.resource = "/" + bucket + "?property"}, "bucket " + Printable(bucket));
   TansyProto::CXmlProto xml;
   if (!xml.Parse(answer.body) || !xml.Has("/Bucket/Name")) {
     throw CFailure(kExitFailed, "bucket " + Printable(bucket) + ": the answer is no description of a bucket",

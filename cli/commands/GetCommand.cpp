@@ -1,27 +1,38 @@
+#include <algorithm>
 #include <filesystem>
+#include <vector>
 
 #include "Commands.h"
+#include "Download.h"
 #include "Failure.h"
+#include "KeptDownload.h"
+#include "LocalFile.h"
 #include "ObjectUrl.h"
+#include "ObjectVersion.h"
 #include "Output.h"
+#include "Parallel.h"
 #include "PartialFile.h"
 #include "Progress.h"
 #include "Settings.h"
-#include "Transfer.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
-std::filesystem::path Native(const std::string& path) {
-  return std::filesystem::path(std::u8string(path.begin(), path.end()));
+bool IsFolder(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::is_directory(NativePath(path), ignored);
 }
 
-// Where the object goes: the file that was named, or one of the object's own name in the folder that was named, or
-// here.
-std::string TargetOf(const std::string& file, const std::string& key) {
+bool IsSpecialFile(const std::string& path) {
   std::error_code ignored;
-  const bool is_folder = !file.empty() && std::filesystem::is_directory(Native(file), ignored);
+  const std::filesystem::file_status status = std::filesystem::status(NativePath(path), ignored);
+  return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+}
+
+// Where an object goes: the file that was named, or one of the object's own name in the folder that was named, or here.
+std::string TargetOf(const std::string& file, const std::string& key) {
+  const bool is_folder = !file.empty() && IsFolder(file);
   if (!file.empty() && !is_folder) {
     return file;
   }
@@ -32,68 +43,141 @@ std::string TargetOf(const std::string& file, const std::string& key) {
   return is_folder ? file + "/" + key : key;
 }
 
-bool IsSpecialFile(const std::string& path) {
-  std::error_code ignored;
-  const std::filesystem::file_status status = std::filesystem::status(Native(path), ignored);
-  return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+// What the words of a command line mean: URLs, and behind them perhaps where the objects go.
+struct Words {
+  std::vector<std::string> urls;
+  std::string file;         // "": here
+  bool is_guessed = false;  // the last word was taken for a URL because it cannot be a local file
+};
+
+// The last of several words is a local name unless it can be none: a whole address, or a path in a folder that is not
+// there, where nothing could be written.
+Words ReadWords(std::vector<std::string> words) {
+  if (words.size() == 1) {
+    return {std::move(words), "", false};
+  }
+  const std::string& last = words.back();
+  const bool is_address = last.find("://") != std::string::npos;
+  const bool may_be_url = last.starts_with("/") && !IsFolder(last) && !IsFolder(FolderOf(last));
+  if (is_address || may_be_url) {
+    return {std::move(words), "", !is_address};
+  }
+  Words read{std::move(words), "", false};
+  read.file = read.urls.back();
+  read.urls.pop_back();
+  if (read.urls.size() > 1 && !IsFolder(read.file)) {
+    throw CFailure(kExitUsage, Printable(read.file) + ": is no folder",
+                   "several objects go into a folder: name one, or . for this one");
+  }
+  return read;
 }
 
 // One use of the command.
 class CGet {
  public:
-  explicit CGet(const CommandCall& call)
-      : call_(call), settings_(UseSettings(call.globals)), url_(ParseObjectUrl(call.Argument("URL"), settings_)) {}
+  CGet(const CommandCall& call, Words words)
+      : call_(call),
+        words_(std::move(words)),
+        settings_(UseSettings(call.globals)),
+        asked_(call.Has("--range") ? ParseByteRange(call.Option("--range")) : ByteRange{}),
+        progress_(call.globals, "get") {}
 
   int Run() {
-    const ByteRange range = call_.Has("--range") ? ParseByteRange(call_.Option("--range")) : ByteRange{};
-    const std::string file = call_.Argument("FILE");
-    if (file == "-") {
-      FetchPieces(settings_, url_, range, ObjectSize(settings_, url_), PrintBytes, [](std::uint64_t) {});
-      return kExitDone;
-    }
-    const std::string target = TargetOf(file, url_.key);
-    const std::uint64_t size = ObjectSize(settings_, url_);
-    if (IsSpecialFile(target)) {
-      FetchInto(target, target, range, size);
-    } else {
-      CPartialFile partial(target);
-      FetchInto(partial.Path(), target, range, size);
-      partial.Commit();
-    }
-    Report(target);
-    return kExitDone;
+    CheckWords();
+    return ForEach(words_.urls, [this](const std::string& text) { return Get(ParseObjectUrl(text, settings_)); });
   }
 
  private:
-  // `target` is what failures are about.
-  void FetchInto(const std::string& path, const std::string& target, ByteRange range, std::uint64_t size) {
-    CProgress progress(call_.globals, "get");
-    const std::uint64_t end = range.end == 0 || range.end > size ? size : range.end;
-    const std::size_t number = progress.Add(url_.key, end > range.begin ? end - range.begin : 0);
-    const StdioFile file = OpenForWriting(path);
-    const auto write = [&](const char* data, std::size_t count) { WriteTo(file.get(), target, data, count); };
-    FetchPieces(settings_, url_, range, size, write, [&](std::uint64_t bytes) { progress.Update(number, bytes); });
-  }
-
-  void Report(const std::string& target) const {
-    if (call_.globals.json) {
-      std::error_code ignored;
-      const std::uintmax_t size = std::filesystem::file_size(Native(target), ignored);
-      CJsonLine line;
-      line.Add("url", url_.Path()).Add("file", target);
-      PrintLine(line.Add("size", ignored ? std::uint64_t{0} : std::uint64_t{size}).Text());
-    } else if (!call_.globals.quiet) {
-      PrintLine(Printable(target));
+  void CheckWords() const {
+    std::vector<std::string> targets;
+    for (const std::string& text : words_.urls) {
+      const ObjectUrl url = ParseObjectUrl(text, settings_);
+      if (words_.file != "-") {
+        targets.push_back(TargetOf(words_.file, url.key));
+        if (std::count(targets.begin(), targets.end(), targets.back()) > 1) {
+          throw CFailure(kExitUsage, "two objects would go to " + Printable(targets.back()), "get them one by one");
+        }
+      }
+    }
+    if (words_.urls.size() > 1 && call_.Has("--range")) {
+      throw CFailure(kExitUsage, "--range goes with one object", "get them one by one");
+    }
+    if (words_.is_guessed) {
+      // Nothing is written when the last word was a mistyped folder after all.
+      AskVersion(settings_, ParseObjectUrl(words_.urls.back(), settings_));
     }
   }
 
+  // Returns the line to print.
+  std::string Get(const ObjectUrl& url) {
+    const ObjectVersion version = AskVersion(settings_, url);
+    const ByteRange range = Within(asked_, version.size, url);
+    if (words_.file == "-") {
+      Fetch(settings_, url, range, version, PrintBytes);
+      return "";
+    }
+    const std::string target = TargetOf(words_.file, url.key);
+    const std::size_t number = progress_.Add(url.key, range.end - range.begin);
+    if (call_.Has("--resume")) {
+      GetKept(url, range, version, target, number);
+    } else if (IsSpecialFile(target)) {
+      GetInto(target, target, url, range, version, number);
+    } else {
+      CPartialFile partial(target);
+      GetInto(partial.Path(), target, url, range, version, number);
+      partial.Commit();
+    }
+    progress_.Finish(number);
+    return Report(url, target, range.end - range.begin);
+  }
+
+  // `target` is what failures are about.
+  void GetInto(const std::string& path, const std::string& target, const ObjectUrl& url, ByteRange range,
+               const ObjectVersion& version, std::size_t number) {
+    const StdioFile file = OpenForWriting(path);
+    std::uint64_t bytes = 0;
+    Fetch(settings_, url, range, version, [&](const char* data, std::size_t size) {
+      WriteTo(file.get(), target, data, size);
+      progress_.Update(number, bytes += size);
+    });
+  }
+
+  void GetKept(const ObjectUrl& url, ByteRange range, const ObjectVersion& version, const std::string& target,
+               std::size_t number) {
+    if (IsSpecialFile(target)) {
+      throw CFailure(kExitUsage, Printable(target) + ": is no regular file", "--resume needs one");
+    }
+    CKeptDownload kept(target);
+    std::string note;
+    std::uint64_t bytes = kept.Begin({settings_.object_server.Url() + url.Path(),
+                                      std::to_string(range.begin) + "-" + std::to_string(range.end), version},
+                                     note);
+    if (!note.empty() && !call_.globals.quiet) {
+      PrintNote("note: " + Printable(target) + ": " + note);
+    }
+    Fetch(settings_, url, {range.begin + bytes, range.end}, version, [&](const char* data, std::size_t size) {
+      kept.Write(data, size);
+      progress_.Update(number, bytes += size);
+    });
+    kept.Commit();
+  }
+
+  std::string Report(const ObjectUrl& url, const std::string& target, std::uint64_t size) const {
+    if (call_.globals.json) {
+      return CJsonLine().Add("url", url.Path()).Add("file", target).Add("size", size).Text();
+    }
+    return call_.globals.quiet ? "" : Printable(target);
+  }
+
   const CommandCall& call_;
-  Settings settings_;
-  const ObjectUrl url_;
+  const Words words_;
+  const Settings settings_;
+  const ByteRange asked_;
+  CProgress progress_;
 };
 
 int RunGet(const CommandCall& call) {
-  return CGet(call).Run();
+  return CGet(call, ReadWords(call.Arguments("URL"))).Run();
 }
 
 }  // namespace
@@ -102,18 +186,25 @@ int RunGet(const CommandCall& call) {
 CommandSpec GetCommand() {
   return {"",
           "get",
-          "download an object",
-          "Downloads an object and prints the name of the local file. The bytes go into a file beside it, which takes "
-          "the name when it is complete: what is there under the name is always whole, and an interrupted download "
-          "leaves nothing behind. The file \"-\" is standard output.",
-          {{.name = "URL", .help = "the object"},
-           {.name = "FILE",
-            .help = "local file or folder, or - for standard output [the object's name, here]",
-            .required = false,
-            .complete = EComplete::kFiles}},
-          {{"--range", "A-B", "only the bytes from A up to, not including, B; A- means to the end"}},
+          "download objects",
+          "Downloads objects and prints the names of the local files. The bytes go into a file beside it, which takes "
+          "the name when it is complete: what is there under the name is always whole and of one version, and an "
+          "interrupted download leaves nothing behind. With --resume it leaves what has come in a hidden file, and "
+          "the same command goes on from there, unless the object has changed. Behind the URLs comes a file or "
+          "folder; several objects go into a folder, without one into the current folder. The file \"-\" is standard "
+          "output.",
+          {{.name = "URL",
+            .help = "the objects, and behind them a local file or folder, or - for standard output [the object's name, "
+                    "here]",
+            .many = true,
+            .complete = EComplete::kFiles,
+            .behind = " [FILE]"}},
+          {{"--range", "A-B", "only the bytes from A up to, not including, B; A- means to the end"},
+           {"--resume", nullptr, "go on with a download that was broken off, and keep what comes now"}},
           {{"tansy get /photos/cat.jpg", "download to cat.jpg"},
            {"tansy get /photos/cat.jpg ~/pictures", "download into a folder"},
+           {"tansy get /photos/cat.jpg /photos/dog.jpg ~/pictures", "download two"},
+           {"tansy get --resume /films/holiday.mp4", "download it in as many goes as it takes"},
            {"tansy get /backups/home.tgz - | tar xz", "hand it to another program"},
            {"tansy get /films/holiday.mp4 start.bin --range 0-1048576", "the first mebibyte"}},
           details::RunGet};

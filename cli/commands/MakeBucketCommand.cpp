@@ -20,12 +20,17 @@ int RunMakeBucket(const CommandCall& call) {
   std::string body;
   xml.Serialize(body);
   const Settings settings = UseSettings(call.globals);
-  CServerLink(settings).Request("PUT", "/" + bucket, "bucket " + Printable(bucket), body,
-                                "application/xml; charset=utf-8");
+  const CServerLink server(settings);
+  const LinkOutcome outcome = server.Try(
+      {.method = "PUT", .resource = "/" + bucket, .body = body, .content_type = "application/xml; charset=utf-8"});
+  const bool was_there = call.Has("--exist-ok") && outcome.ErrorCode() == "BucketAlreadyExists";
+  if (!outcome.IsDone() && !was_there) {
+    throw server.FailureOf(outcome).About("bucket " + Printable(bucket));
+  }
   if (call.globals.json) {
     PrintLine(CJsonLine().Add("name", bucket).Text());
   } else if (!call.globals.quiet) {
-    PrintLine("made " + Printable(bucket));
+    PrintLine(Printable(bucket).insert(0, was_there ? "there is already " : "made "));
   }
   return kExitDone;
 }
@@ -39,8 +44,8 @@ CommandSpec MakeBucketCommand() {
           "make a bucket",
           "Makes a bucket, a place for objects.",
           {{.name = "BUCKET", .help = "name of the new bucket"}},
-          {},
-          {{"tansy mb photos", "make the bucket photos"}},
+          {{"--exist-ok", nullptr, "a bucket that is there already is no failure"}},
+          {{"tansy mb photos", "make the bucket photos"}, {"tansy mb --exist-ok photos", "make it unless it is there"}},
           details::RunMakeBucket};
 }
 

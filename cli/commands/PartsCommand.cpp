@@ -11,21 +11,21 @@ namespace details {
 namespace {
 
 int RunParts(const CommandCall& call) {
-  Settings settings = UseSettings(call.globals);
+  const Settings settings = UseSettings(call.globals);
   const ObjectUrl url = ParseObjectUrl(call.Argument("URL"), settings);
   const std::string upload_id = call.Argument("UPLOAD-ID");
   if (upload_id.empty() || upload_id.find_first_of("&# ?") != std::string::npos) {
     throw CFailure(kExitUsage, "\"" + Printable(upload_id) + "\" is no upload id", "the server's log names them");
   }
   const CServerLink server(settings);
-  const TansyNet::CHttpClientResponse answer = server.Exchange("GET", url.Path() + "?upload_id=" + upload_id);
-  if (answer.status != 200) {
-    const CFailure failure = FailureOfAnswer(answer.status, answer.body, server.Address().Url());
-    throw CFailure(failure.GetExitCode(), "upload " + Printable(upload_id) + ": " + failure.what(),
-                   answer.status == 400 ? "is it this object's, and still unfinished?" : failure.GetAdvice());
+  const LinkOutcome outcome = server.Try({.resource = url.Path() + "?upload_id=" + upload_id});
+  if (!outcome.IsDone()) {
+    const CFailure failure = server.FailureOf(outcome).About("upload " + Printable(upload_id));
+    throw CFailure(failure.GetExitCode(), failure.what(),
+                   outcome.answer.status == 400 ? "is it this object's, and still unfinished?" : failure.GetAdvice());
   }
   TansyProto::CXmlProto xml;
-  if (!xml.Parse(answer.body) || !xml.Has("/ListPartsResult")) {
+  if (!xml.Parse(outcome.answer.body) || !xml.Has("/ListPartsResult")) {
     throw CFailure(kExitFailed, "upload " + Printable(upload_id) + ": the answer is no list of parts", "");
   }
   std::vector<std::vector<std::string>> rows;

@@ -1,37 +1,25 @@
-#include <cerrno>
-#include <cstring>
 #include <memory>
 
 #include "Commands.h"
 #include "Failure.h"
-#include "ModuleLogSink.h"
+#include "LocalFile.h"
 #include "Output.h"
 #include "PartialFile.h"
 #include "PictureLink.h"
 #include "Settings.h"
-#include "TansyBase/FileUtil.h"
-#include "Transfer.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
-void WriteWhole(const std::string& path, const char* data, std::size_t size) {
-  const StdioFile file(TansyBase::FileUtil::OpenFile(path, "wb"));
-  if (file == nullptr || std::fwrite(data, 1, size, file.get()) != size || std::fflush(file.get()) != 0) {
-    throw CFailure(errno == ENOSPC ? kExitNoSpace : kExitFailed, Printable(path) + ": " + std::strerror(errno), "");
-  }
-}
-
 int RunPicGet(const CommandCall& call) {
-  Settings settings = UseSettings(call.globals);
+  const Settings settings = UseSettings(call.globals);
   const std::string target = ParsePictureUrl(call.Argument("URL"), settings);
   CloudStorage::CPictureClient client = MakePictureClient(settings, "1");
-  TakeModuleError();
   char* data = nullptr;
   std::uint32_t size = 0;
   if (!client.DownloadPicture(&data, size, target)) {
-    throw FailureOfPictureClient(settings.picture_server.Url()).About(Printable(target));
+    throw FailureOfPictureClient(client, settings.picture_server).About(Printable(target));
   }
   const std::unique_ptr<char[]> owner(data);
   const std::string file = call.Argument("FILE").empty() ? "picture.jpg" : call.Argument("FILE");
@@ -40,7 +28,7 @@ int RunPicGet(const CommandCall& call) {
     return kExitDone;
   }
   CPartialFile partial(file);
-  WriteWhole(partial.Path(), data, size);
+  WriteTo(OpenForWriting(partial.Path()).get(), file, data, size);
   partial.Commit();
   if (call.globals.json) {
     PrintLine(CJsonLine().Add("url", target).Add("file", file).Add("size", std::uint64_t{size}).Text());

@@ -14,7 +14,7 @@ namespace details {
 namespace {
 
 int RunPicLink(const CommandCall& call) {
-  Settings settings = UseSettings(call.globals);
+  const Settings settings = UseSettings(call.globals);
   std::string target = ParsePictureUrl(call.Argument("URL"), settings);
   // A link that carries a signature already gets a new one: the picture's address ends before the first.
   target.resize(std::min(target.size(), target.find("&AccessKeyId=")));

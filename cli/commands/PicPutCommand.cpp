@@ -3,12 +3,11 @@
 
 #include "Commands.h"
 #include "Failure.h"
-#include "ModuleLogSink.h"
+#include "LocalFile.h"
 #include "Output.h"
 #include "Parallel.h"
 #include "PictureLink.h"
 #include "Settings.h"
-#include "Transfer.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -30,10 +29,9 @@ std::string PutPicture(const CommandCall& call, const Settings& settings, const 
   }
   // A picture server knows pools by their ids and takes any.
   CloudStorage::CPictureClient client = MakePictureClient(settings, settings.pool.empty() ? "1" : settings.pool);
-  TakeModuleError();
   std::string url;
   if (!client.UploadPicture(url, picture.data(), static_cast<std::uint32_t>(size))) {
-    throw FailureOfPictureClient(settings.picture_server.Url()).About(Printable(file));
+    throw FailureOfPictureClient(client, settings.picture_server).About(Printable(file));
   }
   if (call.globals.json) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();

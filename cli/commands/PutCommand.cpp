@@ -1,26 +1,28 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
+#include "BucketList.h"
 #include "Commands.h"
 #include "Failure.h"
-#include "ModuleClient.h"
+#include "LocalFile.h"
+#include "ObjectUrl.h"
 #include "Output.h"
 #include "Parallel.h"
 #include "Progress.h"
-#include "ServerLink.h"
 #include "Settings.h"
-#include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
-#include "Transfer.h"
+#include "Upload.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
 constexpr std::size_t kLongestName = 128;
+constexpr std::size_t kLongestExtension = 64;                     // a new name is 36 bytes and the extension
 constexpr std::uint64_t kLargestPiece = std::uint64_t{32} << 20;  // what servers take in one request
 
 std::uint64_t ParsePieces(const std::string& text) {
@@ -33,117 +35,21 @@ std::uint64_t ParsePieces(const std::string& text) {
   return pieces;
 }
 
-std::string Extension(const std::string& path) {
-  const std::string name = path.substr(path.find_last_of("/\\") + 1);
-  const std::size_t dot = name.rfind('.');
-  return dot == std::string::npos ? "" : name.substr(dot);
+std::string BaseName(const std::string& path) {
+  return path.substr(path.find_last_of("/\\") + 1);
 }
 
-bool IsPlainExtension(const std::string& extension) {
-  return std::all_of(extension.begin(), extension.end(), [](char c) {
+// ".jpg"; empty when there is none that can be part of a URL.
+std::string Extension(const std::string& path) {
+  const std::string name = BaseName(path);
+  const std::size_t dot = name.rfind('.');
+  const std::string extension = dot == std::string::npos ? "" : name.substr(dot);
+  const bool is_plain = std::all_of(extension.begin(), extension.end(), [](char c) {
     const auto byte = static_cast<unsigned char>(c);
     return byte > 0x20 && byte != 0x7f && byte != '?' && byte != '#' && byte != '%' && byte != '&';
   });
+  return is_plain && extension.size() <= kLongestExtension ? extension : "";
 }
-
-// The module opens files for writing too, so that nobody changes them meanwhile.
-bool IsWritable(const std::string& path) {
-  return StdioFile(TansyBase::FileUtil::OpenFile(path, "r+b")) != nullptr;
-}
-
-// One use of the command.
-class CPut {
- public:
-  explicit CPut(const CommandCall& call)
-      : call_(call),
-        settings_(UseSettings(call.globals)),
-        bucket_(ChooseBucket(settings_)),
-        progress_(call.globals, "put") {}
-
-  std::string Put(const std::string& file) {
-    const auto begin = std::chrono::steady_clock::now();
-    std::uint64_t size = 0;
-    std::string url;
-    try {
-      url = file == "-" ? PutInput(size) : PutFile(file, size);
-    } catch (const CFailure& failure) {
-      // Failures to find or open the file name it already.
-      const std::string name = file == "-" ? "standard input" : Printable(file);
-      throw std::string(failure.what()).starts_with(name + ":") ? failure : failure.About(name);
-    }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    if (call_.globals.json) {
-      return CJsonLine().Add("file", file).Add("url", url).Add("size", size).AddSeconds("seconds", seconds).Text();
-    }
-    return url;
-  }
-
- private:
-  std::string PutFile(const std::string& file, std::uint64_t& size) {
-    size = LocalFileSize(file);
-    const std::size_t number = progress_.Add(file, size);
-    const std::string extension = Extension(file);
-    std::string url;
-    if (call_.Has("--name") || call_.Has("--pieces") || !IsPlainExtension(extension) || !IsWritable(file) ||
-        IsNamedTwice(file)) {
-      url = PutInPieces(file, number, size);
-    } else {
-      CloudStorage::CObjectClient client = MakeObjectClient(
-          settings_, bucket_, [this, number](int percent) { progress_.UpdatePercent(number, percent); });
-      if (!client.UploadFile(url, file)) {
-        throw FailureOfClient(client, settings_.object_server.Url());
-      }
-    }
-    progress_.Finish(number);
-    return url;
-  }
-
-  // The module opens a file for itself alone; the second opening of it by this very command would fail.
-  bool IsNamedTwice(const std::string& file) const {
-    const std::vector<std::string>& files = call_.Arguments("FILE");
-    return std::count(files.begin(), files.end(), file) > 1;
-  }
-
-  std::string PutInPieces(const std::string& file, std::size_t number, std::uint64_t& size) {
-    const StdioFile input = OpenForReading(file);
-    PieceUpload upload;
-    upload.bounded = true;
-    upload.expected = size;
-    const std::string extension = Extension(file);
-    upload.key = call_.Has("--name")
-                     ? call_.Option("--name")
-                     : TansyBase::GuidUtil::CreateGuid() + (IsPlainExtension(extension) ? extension : "");
-    if (call_.Has("--pieces")) {
-      const std::uint64_t pieces = ParsePieces(call_.Option("--pieces"));
-      upload.piece_size = std::max<std::uint64_t>((size + pieces - 1) / pieces, 1);
-      if (upload.piece_size > kLargestPiece) {
-        throw CFailure(kExitUsage, "pieces of " + FormatBytes(upload.piece_size) + " are too large",
-                       "give --pieces " + std::to_string((size + kLargestPiece - 1) / kLargestPiece) + " or more");
-      }
-    }
-    return Send(input.get(), upload, number, size);
-  }
-
-  std::string PutInput(std::uint64_t& size) {
-    const std::size_t number = progress_.Add("standard input", 0);
-    PieceUpload upload;
-    upload.key = call_.Option("--name");
-    std::string url = Send(stdin, upload, number, size);
-    progress_.Finish(number);
-    return url;
-  }
-
-  std::string Send(std::FILE* input, const PieceUpload& upload, std::size_t number, std::uint64_t& size) {
-    CloudStorage::CObjectClient client = MakeObjectClient(settings_, bucket_);
-    return SendPieces(settings_, client, input, upload, size,
-                      [this, number](std::uint64_t bytes) { progress_.Update(number, bytes); });
-  }
-
-  const CommandCall& call_;
-  const Settings settings_;
-  const std::string bucket_;
-  CProgress progress_;
-};
 
 void CheckName(const std::string& name) {
   const bool plain = std::all_of(name.begin(), name.end(), [](char c) {
@@ -159,14 +65,41 @@ void CheckName(const std::string& name) {
   }
 }
 
-void CheckOptions(const CommandCall& call) {
-  const std::vector<std::string>& files = call.Arguments("FILE");
+// What the words of a command line mean: files, and behind a single one perhaps the object that it becomes.
+struct Words {
+  std::vector<std::string> files;
+  std::string url;  // empty: none was given
+};
+
+// The second of two words is an object when it can be no local file: a whole address, or a path in a folder that is not
+// there.
+Words ReadWords(std::vector<std::string> words) {
+  if (words.size() == 2) {
+    const std::string& last = words.back();
+    std::error_code ignored;
+    const bool may_be_url = last.starts_with("/") && !std::filesystem::exists(NativePath(FolderOf(last)), ignored);
+    if (may_be_url || last.find("://") != std::string::npos) {
+      return {{words.front()}, last};
+    }
+  }
+  return {std::move(words), ""};
+}
+
+void CheckOptions(const CommandCall& call, const Words& words) {
+  const std::vector<std::string>& files = words.files;
   const auto inputs = std::count(files.begin(), files.end(), "-");
+  if (call.Has("--name") + call.Has("--keep-name") + !words.url.empty() > 1) {
+    throw CFailure(kExitUsage, "the name is given twice", "give one of --name, --keep-name and /BUCKET/KEY");
+  }
   if (call.Has("--name") && files.size() > 1) {
-    throw CFailure(kExitUsage, "--name names one object, but there are several files", "put them one after another");
+    throw CFailure(kExitUsage, "--name names one object, but there are several files",
+                   "put them one after another, or with --keep-name");
   }
   if (inputs > 1 || (inputs == 1 && call.Has("--pieces"))) {
     throw CFailure(kExitUsage, "standard input can be put once, in pieces of its own size", "leave the rest out");
+  }
+  if (inputs > 0 && call.Has("--keep-name")) {
+    throw CFailure(kExitUsage, "standard input has no name to keep", "give one with --name");
   }
   if (call.Has("--pieces")) {
     ParsePieces(call.Option("--pieces"));
@@ -176,10 +109,111 @@ void CheckOptions(const CommandCall& call) {
   }
 }
 
+void CheckKeptNames(const std::vector<std::string>& files) {
+  std::vector<std::string> names;
+  for (const std::string& file : files) {
+    const std::string name = BaseName(file);
+    CheckName(name);
+    if (std::count(names.begin(), names.end(), name) > 0) {
+      throw CFailure(kExitUsage, "two files would become the object " + Printable(name), "put them one by one");
+    }
+    names.push_back(name);
+  }
+}
+
+// One use of the command.
+class CPut {
+ public:
+  CPut(const CommandCall& call, Words words)
+      : call_(call), words_(std::move(words)), settings_(UseSettings(call.globals)), progress_(call.globals, "put") {
+    CheckOptions(call, words_);
+    if (!words_.url.empty()) {
+      named_ = ParseObjectUrl(words_.url, settings_);
+      CheckName(named_.key);
+    } else {
+      if (call.Has("--keep-name")) {
+        CheckKeptNames(words_.files);
+      }
+      named_ = {ChooseBucket(settings_), call.Option("--name")};
+    }
+  }
+
+  int Run() {
+    return ForEach(words_.files, [this](const std::string& file) { return Put(file); });
+  }
+
+ private:
+  // Returns the line to print.
+  std::string Put(const std::string& file) {
+    const auto begin = std::chrono::steady_clock::now();
+    const bool is_input = file == "-";
+    UploadJob job = JobOf(file);
+    std::uint64_t size = 0;
+    try {
+      size = is_input ? Send(stdin, job, progress_.Add("standard input", 0)) : SendFile(file, job);
+    } catch (const CFailure& failure) {
+      // Failures to find or open the file name it already.
+      const std::string name = is_input ? "standard input" : Printable(file);
+      throw std::string(failure.what()).starts_with(name + ":") ? failure : failure.About(name);
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const std::string url = job.url.Path();
+    return call_.globals.json
+               ? CJsonLine().Add("file", file).Add("url", url).Add("size", size).AddSeconds("seconds", seconds).Text()
+               : url;
+  }
+
+  UploadJob JobOf(const std::string& file) const {
+    UploadJob job;
+    job.url = named_;
+    job.may_replace = call_.Has("--keep-name") || !named_.key.empty();
+    if (call_.Has("--keep-name")) {
+      job.url.key = BaseName(file);
+    } else if (named_.key.empty()) {
+      job.url.key = TansyBase::GuidUtil::CreateGuid() + (file == "-" ? ".pfile" : Extension(file));
+    }
+    // Several files share the connections that one alone would have.
+    job.senders = words_.files.size() > 1 ? 2 : 4;
+    job.verify = call_.Has("--verify");
+    return job;
+  }
+
+  std::uint64_t SendFile(const std::string& file, UploadJob& job) {
+    const std::uint64_t size = LocalFileSize(file);
+    if (call_.Has("--pieces")) {
+      const std::uint64_t pieces = ParsePieces(call_.Option("--pieces"));
+      job.part_size = std::max<std::uint64_t>((size + pieces - 1) / pieces, 1);
+      if (job.part_size > kLargestPiece) {
+        throw CFailure(kExitUsage, "pieces of " + FormatBytes(job.part_size) + " are too large",
+                       "give --pieces " + std::to_string((size + kLargestPiece - 1) / kLargestPiece) + " or more");
+      }
+    }
+    job.expected = size;
+    const StdioFile input = OpenForReading(file);
+    return Send(input.get(), job, progress_.Add(file, size));
+  }
+
+  std::uint64_t Send(std::FILE* input, const UploadJob& job, std::size_t number) {
+    const UploadListener listener{[this, number](std::uint64_t bytes) { progress_.Update(number, bytes); },
+                                  [this](const std::string& line) {
+                                    if (!call_.globals.quiet) {
+                                      PrintNote(line);
+                                    }
+                                  }};
+    const std::uint64_t size = Upload(settings_, input, job, listener);
+    progress_.Finish(number);
+    return size;
+  }
+
+  const CommandCall& call_;
+  const Words words_;
+  const Settings settings_;
+  ObjectUrl named_;  // with an empty key: each object gets a name of its own
+  CProgress progress_;
+};
+
 int RunPut(const CommandCall& call) {
-  CheckOptions(call);
-  CPut put(call);
-  return ForEach(call.Arguments("FILE"), [&](const std::string& file) { return put.Put(file); });
+  return CPut(call, ReadWords(call.Arguments("FILE"))).Run();
 }
 
 }  // namespace
@@ -190,15 +224,24 @@ CommandSpec PutCommand() {
       "",
       "put",
       "upload files",
-      "Uploads files and prints the URL of each, in the order of the files. An object gets a new name with the "
-      "file's extension unless --name gives one. Several files, and the parts of large ones, go in parallel. The "
-      "file \"-\" is standard input. Without --pool the server's only bucket is used.",
-      {{.name = "FILE", .help = "local file, or - for standard input", .many = true, .complete = EComplete::kFiles}},
-      {{"--name", "KEY", "name of the object, at most 128 bytes; an object of that name is replaced"},
-       {"--pieces", "N", "send the file in N pieces, one after another"}},
+      "Uploads files and prints the URL of each, in the order of the files. An object gets a new name with the file's "
+      "extension unless --name, --keep-name or a URL behind the file says otherwise; an object that has the name "
+      "already is replaced in one step. Several files, and the parts of large ones, go in parallel. Afterwards the "
+      "server is asked for the object's size. Requests are repeated while the server is started again. The file "
+      "\"-\" is standard input. Without --pool the server's only bucket is used.",
+      {{.name = "FILE",
+        .help = "local files, or - for standard input; behind a single one the object that it becomes",
+        .many = true,
+        .complete = EComplete::kFiles,
+        .behind = " [/BUCKET/KEY]"}},
+      {{"--name", "KEY", "name of the object, at most 128 bytes"},
+       {"--keep-name", nullptr, "name each object as its file is named"},
+       {"--pieces", "N", "send the file in N parts of one size, the last one perhaps smaller"},
+       {"--verify", nullptr, "read each object back and compare it with what was sent"}},
       {{"tansy --pool photos put cat.jpg dog.jpg", "upload two files and print their URLs"},
-       {"tansy put cat.jpg --name cat.jpg", "choose the name"},
-       {"tar cz ~ | tansy --pool backups put - --name home.tgz", "upload what another program writes"}},
+       {"tansy put cat.jpg /photos/cat.jpg", "choose bucket and name"},
+       {"tansy put --keep-name *.jpg", "upload files under their own names"},
+       {"tar cz ~ | tansy --pool backups put - --name home.tgz --verify", "upload what another program writes"}},
       details::RunPut};
 }
 

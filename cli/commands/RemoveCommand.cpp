@@ -1,21 +1,19 @@
 #include "Commands.h"
 #include "Failure.h"
-#include "ModuleClient.h"
 #include "ObjectUrl.h"
 #include "Output.h"
 #include "Parallel.h"
+#include "ServerLink.h"
 #include "Settings.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
-std::string Remove(const CommandCall& call, Settings settings, const std::string& text) {
+std::string Remove(const CommandCall& call, const Settings& settings, const std::string& text) {
   const ObjectUrl url = ParseObjectUrl(text, settings);
-  CloudStorage::CObjectClient client = MakeObjectClient(settings, url.bucket);
-  if (!(call.Has("--bytes") ? client.RemoveObjectFileByUrl(url.Path()) : client.RemoveFileByUrl(url.Path()))) {
-    throw FailureOfClient(client, settings.object_server.Url()).About(Printable(url.Path()));
-  }
+  CServerLink(settings).Request(
+      {.method = "DELETE", .resource = url.Path() + (call.Has("--bytes") ? "?deletefile" : "")}, Printable(url.Path()));
   if (call.globals.json) {
     return CJsonLine().Add("url", url.Path()).Add("removed", true).Text();
   }
@@ -24,6 +22,9 @@ std::string Remove(const CommandCall& call, Settings settings, const std::string
 
 int RunRemove(const CommandCall& call) {
   const Settings settings = UseSettings(call.globals);
+  for (const std::string& text : call.Arguments("URL")) {
+    ParseObjectUrl(text, settings);  // a word that is none is found before anything is removed
+  }
   return ForEach(call.Arguments("URL"), [&](const std::string& text) { return Remove(call, settings, text); });
 }
 

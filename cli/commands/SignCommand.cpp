@@ -1,4 +1,7 @@
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <utility>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -6,16 +9,43 @@
 #include "Output.h"
 #include "Settings.h"
 #include "Signer.h"
+#include "TansyBase/TimeUtil.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
+constexpr std::int64_t kLongestValidity = std::int64_t{100} * 366 * 86400;
+
+// Seconds of "90s", "15m", "2h", "7d" or "4w". Throws CFailure with kExitUsage.
+std::int64_t ParseDuration(const std::string& text) {
+  static constexpr std::pair<char, std::int64_t> kUnits[] = {
+      {'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
+  std::int64_t number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [position, error] = std::from_chars(text.data(), end, number);
+  for (const auto& [unit, seconds] : kUnits) {
+    if (error == std::errc{} && end - position == 1 && *position == unit && number > 0 &&
+        number <= kLongestValidity / seconds) {
+      return number * seconds;
+    }
+  }
+  throw CFailure(kExitUsage, "--expires \"" + Printable(text) + "\" is no duration",
+                 "give a number with s, m, h, d or w, such as 90s, 15m, 2h, 7d or 4w");
+}
+
 int RunSign(const CommandCall& call) {
-  Settings settings = UseSettings(call.globals);
+  const std::int64_t expires =
+      call.Has("--expires") ? TansyBase::TimeUtil::Now() + ParseDuration(call.Option("--expires")) : 0;
+  const Settings settings = UseSettings(call.globals);
   const ObjectUrl url = ParseObjectUrl(call.Argument("URL"), settings);
   const std::string link =
-      settings.object_server.Url() + SignedObjectTarget(url.Path(), settings.access_key, settings.secret_key);
+      settings.object_server.Url() + SignedObjectTarget(url.Path(), expires, settings.access_key, settings.secret_key);
+  if (!call.globals.quiet && !call.globals.json) {
+    PrintNote(expires == 0
+                  ? "note: this link does not end while the server keeps its keys; --expires 7d makes one that does"
+                  : "note: this link ends " + TansyBase::TimeUtil::TimeT2StrUTCDatetime(expires) + " UTC");
+  }
   // Keys are looked up as they arrive; a link that arrives rewritten names another object.
   const bool rewritten =
       std::any_of(link.begin(), link.end(), [](char c) { return static_cast<unsigned char>(c) > 0x7e; });
@@ -23,7 +53,8 @@ int RunSign(const CommandCall& call) {
     PrintNote(
         "note: browsers rewrite the letters of this name that are not ASCII, and the server then refuses the link");
   }
-  PrintLine(call.globals.json ? CJsonLine().Add("url", url.Path()).Add("link", link).Text() : link);
+  PrintLine(call.globals.json ? CJsonLine().Add("url", url.Path()).Add("link", link).Add("expires", expires).Text()
+                              : link);
   return kExitDone;
 }
 
@@ -31,16 +62,19 @@ int RunSign(const CommandCall& call) {
 }  // namespace details
 
 CommandSpec SignCommand() {
-  return {"",
-          "sign",
-          "make a link that anybody can open",
-          "Prints a link to an object that carries its own signature: a browser or curl opens it without keys. It is "
-          "good for reading this object, and for as long as the server keeps its keys. Nothing is sent.",
-          {{.name = "URL", .help = "the object"}},
-          {},
-          {{"tansy sign /photos/cat.jpg", "a link to share"},
-           {"curl -o cat.jpg \"$(tansy sign /photos/cat.jpg)\"", "fetch it with another program"}},
-          details::RunSign};
+  return {
+      "",
+      "sign",
+      "make a link that anybody can open",
+      "Prints a link to an object that carries its own signature: a browser or curl opens it without keys. It is "
+      "good for reading this object. With --expires it ends after that time; without, it is good for as long as the "
+      "server keeps its keys. Nothing is sent.",
+      {{.name = "URL", .help = "the object"}},
+      {{"--expires", "DURATION", "let the link end after a time such as 90s, 15m, 2h, 7d or 4w"}},
+      {{"tansy sign --expires 7d /photos/cat.jpg", "a link to share for a week"},
+       {"tansy sign /photos/cat.jpg", "one that does not end"},
+       {"curl -o cat.jpg \"$(tansy sign /photos/cat.jpg)\"", "fetch it with another program"}},
+      details::RunSign};
 }
 
 }  // namespace Tansy::Cli

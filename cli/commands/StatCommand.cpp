@@ -1,18 +1,18 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "ObjectUrl.h"
+#include "ObjectVersion.h"
 #include "Output.h"
 #include "Settings.h"
-#include "Transfer.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
 int RunStat(const CommandCall& call) {
-  Settings settings = UseSettings(call.globals);
+  const Settings settings = UseSettings(call.globals);
   const ObjectUrl url = ParseObjectUrl(call.Argument("URL"), settings);
-  const std::uint64_t size = ObjectSize(settings, url);
+  const std::uint64_t size = AskVersion(settings, url).size;
   if (call.globals.json) {
     PrintLine(CJsonLine().Add("url", url.Path()).Add("size", size).Text());
   } else {

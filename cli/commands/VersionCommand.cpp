@@ -1,8 +1,9 @@
+#include "ClientRecord.h"
 #include "Commands.h"
 #include "Failure.h"
-#include "ModuleClient.h"
 #include "Output.h"
 #include "Settings.h"
+#include "TansyCloudStorage/ObjectClient.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -15,7 +16,7 @@ std::string ServerVersion(const CommandCall& call) {
     if (settings.object_server.is_https) {
       return "";  // the question is asked over plain HTTP only
     }
-    CloudStorage::CObjectClient client = MakeObjectClient(settings, settings.pool);
+    CloudStorage::CObjectClient client(MakeClientRecord(settings, settings.object_server, settings.pool));
     std::string version;
     client.GetStorageVersion(version, {settings.object_server.HostText(), settings.object_server.port,
                                        settings.access_key, settings.secret_key});

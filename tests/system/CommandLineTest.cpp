@@ -31,10 +31,13 @@ TEST_F(CommandLineTest, MakesListsAndDescribesBuckets) {
 }
 
 TEST_F(CommandLineTest, SaysWhatIsWrongWithABucket) {
-  EXPECT_EQ(Failure(Run({"mb", "photos"})), "1 tansy: bucket photos: the bucket exists already (" + Url() + ")\n");
-  EXPECT_EQ(Failure(Run({"bucket", "films"})), "3 tansy: bucket films: there is no such bucket (" + Url() +
-                                                   ")\n  'tansy buckets' lists those there are, 'tansy mb BUCKET' "
-                                                   "makes one\n");
+  EXPECT_EQ(Failure(Run({"mb", "photos"})),
+            "1 tansy: bucket photos: the bucket exists already (" + Url() + ": BucketAlreadyExists)\n");
+  EXPECT_EQ(Do({"mb", "--exist-ok", "photos"}), "there is already photos\n");
+  EXPECT_EQ(Failure(Run({"bucket", "films"})),
+            "3 tansy: bucket films: there is no such bucket (" + Url() +
+                ": NoSuchBucket)\n  'tansy buckets' lists those there are, 'tansy mb BUCKET' "
+                "makes one\n");
   for (const char* name : {"two words", "a/b", "a?b", "a#b", ""}) {
     EXPECT_THAT(Failure(Run({"mb", name})), StartsWith("2 tansy: ")) << name;
   }
@@ -53,8 +56,8 @@ TEST_F(CommandLineTest, PutsGetsAndRemovesAFile) {
   EXPECT_EQ(Do({"cat", url}), content);
   EXPECT_EQ(Do({"get", url, "-"}), content);
   EXPECT_EQ(Do({"rm", url}), "removed " + url + "\n");
-  EXPECT_EQ(Failure(Run({"get", url})),
-            "3 tansy: " + url + ": there is no such object (" + Url() + ")\n  check the URL; 'tansy put' printed it\n");
+  EXPECT_EQ(Failure(Run({"get", url})), "3 tansy: " + url + ": there is no such object (" + Url() +
+                                            ": NoSuchKey)\n  check the URL; 'tansy put' printed it\n");
   EXPECT_THAT(Files(), ElementsAre("cat.jpg", "copy.jpg"));
 }
 
@@ -62,7 +65,7 @@ TEST_F(CommandLineTest, TakesUrlsInEveryFormThatItPrints) {
   Write("a.txt", "content");
   EXPECT_EQ(Do({"put", "a.txt", "--name", "key"}), "/photos/key\n");
   for (const std::string& form : {std::string("/photos/key"), std::string("photos/key"), Url() + "/photos/key",
-                                  Line(Do({"sign", "/photos/key"}))}) {
+                                  Line(Do({"--quiet", "sign", "/photos/key"}))}) {
     EXPECT_EQ(Do({"cat", form}), "content") << form;
   }
   EXPECT_EQ(Do({"--pool", "photos", "cat", "key"}), "content");
@@ -88,25 +91,47 @@ TEST_F(CommandLineTest, GoesOnWithTheOtherObjectsWhenOneIsNotThere) {
   const Ended ended = Run({"rm", "/photos/one", "/photos/missing", "/photos/two"});
   EXPECT_EQ(ended.code, 3);
   EXPECT_EQ(ended.out, "removed /photos/one\nremoved /photos/two\n");
-  EXPECT_THAT(ended.err, StartsWith("tansy: /photos/missing: there is no such bucket or object"));
+  EXPECT_THAT(ended.err, StartsWith("tansy: /photos/missing: there is no such object (" + Url() + ": NoSuchKey)"));
 }
 
 TEST_F(CommandLineTest, SignsALinkThatAnybodyCanOpen) {
   Write("a.txt", "content");
   Do({"put", "a.txt", "--name", "cat.jpg"});
-  const std::string link = Line(Do({"sign", "/photos/cat.jpg"}));
+  const Ended signed_link = Run({"sign", "/photos/cat.jpg"});
+  EXPECT_THAT(Failure(signed_link), StartsWith("0 note: this link does not end"));
+  const std::string link = Line(signed_link.out);
   ASSERT_THAT(link, StartsWith(Url() + "/photos/cat.jpg?"));
   const std::string target = link.substr(Url().size());
   const Reply reply = SendPlain("GET", target);
   EXPECT_EQ(reply.status, 200);
   EXPECT_EQ(reply.body, "content");
-  EXPECT_EQ(Do({"--json", "sign", "/photos/cat.jpg"}), "{\"url\": \"/photos/cat.jpg\", \"link\": \"" + link + "\"}\n");
+  EXPECT_EQ(Do({"--json", "sign", "/photos/cat.jpg"}),
+            "{\"url\": \"/photos/cat.jpg\", \"link\": \"" + link + "\", \"expires\": 0}\n");
   // It is good for this object alone, and for reading it.
   std::string other = target;
   other.replace(other.find("cat.jpg"), 7, "dog.jpg");
   EXPECT_EQ(Outcome(SendPlain("GET", other)), "403 AccessDenied");
   EXPECT_EQ(Outcome(SendPlain("DELETE", target)), "403 AccessDenied");
   EXPECT_EQ(Get("/photos/cat.jpg"), "content");
+}
+
+TEST_F(CommandLineTest, SignsALinkThatEnds) {
+  Write("a.txt", "content");
+  Do({"put", "a.txt", "--name", "cat.jpg"});
+  const auto target = [this](const std::string& duration) {
+    return Line(Do({"--quiet", "sign", "--expires", duration, "/photos/cat.jpg"})).substr(Url().size());
+  };
+  const std::string long_link = target("1h");
+  EXPECT_EQ(SendPlain("GET", long_link).body, "content");
+  // Its end cannot be moved or taken away, also not behind the signature.
+  const std::size_t digits = long_link.find("expires=") + 8;
+  std::string moved = long_link;
+  moved[digits] = '9';
+  EXPECT_EQ(Outcome(SendPlain("GET", moved)), "403 AccessDenied");
+  const std::string short_link = target("1s");
+  EXPECT_TRUE(WaitUntil([&] { return Outcome(SendPlain("GET", short_link)) == "403 AccessDenied"; }));
+  EXPECT_EQ(Outcome(SendPlain("GET", short_link + "&expires=9999999999")), "403 AccessDenied");
+  EXPECT_EQ(SendPlain("GET", long_link).status, 200);
 }
 
 TEST_F(CommandLineTest, AsksForTheBestNode) {
@@ -168,8 +193,8 @@ TEST_F(CommandLineTest, EndsWithTheCodeOfWhatHappened) {
   Invocation denied = Tansy({"put", "a.txt"});
   denied.environment["TANSY_SECRET_KEY"] = "wrong";
   denied.environment["TANSY_POOL"] = "photos";
-  EXPECT_EQ(Failure(RunProgram(denied)),
-            "4 tansy: a.txt: the server denies access (" + Url() + ")\n  check the keys with 'tansy doctor'\n");
+  EXPECT_EQ(Failure(RunProgram(denied)), "4 tansy: a.txt: the server denies access (" + Url() +
+                                             ": AccessDenied)\n  check the keys with 'tansy doctor'\n");
   for (const char* command : {"get", "cat", "stat", "rm"}) {
     denied.arguments = {command, "/photos/key"};
     EXPECT_EQ(RunProgram(denied).code, 4) << command;
@@ -192,7 +217,7 @@ TEST_F(CommandLineTest, EndsWithTheCodeOfWhatHappened) {
 TEST_F(CommandLineTest, ExaminesTheServer) {
   const Ended fine = Run({"doctor"});
   EXPECT_EQ(fine.code, 0) << fine.out;
-  for (const char* subject : {"settings", "address", "keys", "clock", "bucket", "space"}) {
+  for (const char* subject : {"settings", "address", "keys", "clock", "bucket", "uploads", "space"}) {
     EXPECT_THAT(fine.out, testing::ContainsRegex("ok +" + std::string(subject) + " ")) << subject;
   }
   for (const std::string& line : Lines(Do({"doctor", "--json"}))) {

@@ -261,7 +261,8 @@ class CommandLineFullServerTest : public CommandLineTransferTest {
 TEST_F(CommandLineFullServerTest, SaysThatTheServerIsFull) {
   Write("whole", RandomBytes(9 * kMiB, 7));
   Write("parts", RandomBytes(12 * kMiB, 8));
-  const std::string words = "the server has no space left (" + Url() + ")\n  remove objects with 'tansy rm --bytes'\n";
+  const std::string words =
+      "the server has no space left (" + Url() + ": NotEnoughSpace)\n  remove objects with 'tansy rm --bytes'\n";
   EXPECT_EQ(Failure(Run({"put", "whole"})), "5 tansy: whole: " + words);
   EXPECT_EQ(Failure(Run({"put", "parts"})), "5 tansy: parts: " + words);
   EXPECT_EQ(Failure(Run({"put", "whole", "--name", "key", "--pieces", "5"})), "5 tansy: whole: " + words);
@@ -335,6 +336,7 @@ TEST_F(CommandLineTransferTest, EndsWhenNobodyReadsItsOutput) {
   const Ended ended = RunProgram(shell);
   EXPECT_EQ(ended.code, 0);
   EXPECT_THAT(ended.out, MatchesRegex(" *10\n"));
+  EXPECT_EQ(ended.err, "") << "that is nothing to complain of";
 }
 
 TEST_F(CommandLineTransferTest, ASecondUploadWaitsForNobody) {

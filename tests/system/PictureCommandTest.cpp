@@ -130,11 +130,21 @@ TEST_F(PictureCommandTest, GetNamesItsFileItself) {
   EXPECT_EQ(Pic({"get", address, "-"}).out, "jpeg");
   EXPECT_EQ(Pic({"--quiet", "get", address, "b.jpg"}).out, "");
   EXPECT_EQ(temp_.Read("b.jpg"), "jpeg");
-  // A whole address is asked where it points.
-  const std::string whole = "http://127.0.0.1:" + std::to_string(server_.GetPicturePort()) + address;
+}
+
+TEST_F(PictureCommandTest, AWholeAddressMustBeOneOfTheServerThatIsSet) {
+  temp_.Write("a.jpg", "jpeg");
+  const std::string whole = "http://127.0.0.1:" + std::to_string(server_.GetPicturePort()) + Line({"put", "a.jpg"});
+  EXPECT_EQ(Line({"get", whole, "b.jpg"}), "b.jpg");
+  EXPECT_EQ(temp_.Read("b.jpg"), "jpeg");
+  const std::string log = server_.GetLog();
   UseServer("http", 1, 1, Keys().secret_key);
-  EXPECT_EQ(Line({"get", whole, "c.jpg"}), "c.jpg");
-  EXPECT_EQ(temp_.Read("c.jpg"), "jpeg");
+  for (const char* command : {"get", "link"}) {
+    const Ended ended = Pic({command, whole});
+    EXPECT_EQ(ended.code, 2) << command;
+    EXPECT_THAT(ended.err, HasSubstr("is not the server that is set, http://127.0.0.1:1\n"));
+  }
+  EXPECT_EQ(server_.GetLog(), log) << "it has got no request, and so no signature";
 }
 
 TEST_F(PictureCommandTest, AFailedGetLeavesNothingAndTouchesNothing) {

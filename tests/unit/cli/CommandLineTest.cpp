@@ -39,15 +39,20 @@ TEST(CommandLineTest, ReadsACommandWithArgumentsAndOptions) {
 }
 
 TEST(CommandLineTest, ReadsOptionalArguments) {
-  EXPECT_THAT(Parse({"get", "/b/k"}).arguments.at("FILE"), ElementsAre());
-  EXPECT_THAT(Parse({"get", "/b/k", "file"}).arguments.at("FILE"), ElementsAre("file"));
-  EXPECT_THAT(Parse({"get", "/b/k", "-"}).arguments.at("FILE"), ElementsAre("-"));
+  EXPECT_THAT(Parse({"pic", "get", "/pic?1"}).arguments.at("FILE"), ElementsAre());
+  EXPECT_THAT(Parse({"pic", "get", "/pic?1", "file"}).arguments.at("FILE"), ElementsAre("file"));
+  EXPECT_THAT(Parse({"pic", "get", "/pic?1", "-"}).arguments.at("FILE"), ElementsAre("-"));
+  EXPECT_THAT(Parse({"get", "/b/k", "/b/l", "folder"}).arguments.at("URL"), ElementsAre("/b/k", "/b/l", "folder"));
   EXPECT_THAT(Parse({"get", "/b/k", "--range", "1-2"}).arguments.at("URL"), ElementsAre("/b/k"));
 }
 
 TEST(CommandLineTest, TakesNamesWithLeadingDashes) {
   EXPECT_THAT(Parse({"put", "--", "-rf", "--json"}).arguments.at("FILE"), ElementsAre("-rf", "--json"));
   EXPECT_THAT(Parse({"put", "-"}).arguments.at("FILE"), ElementsAre("-"));
+  EXPECT_THAT(Parse({"get", "/b/k", "--", "-odd"}).arguments.at("URL"), ElementsAre("/b/k", "-odd"));
+  EXPECT_THAT(Parse({"put", "a", "b", "--name", "k", "--", "-c", "--"}).arguments.at("FILE"),
+              ElementsAre("a", "b", "-c", "--"));
+  EXPECT_THAT(Parse({"pic", "get", "/pic?1", "--", "-odd"}).arguments.at("FILE"), ElementsAre("-odd"));
 }
 
 TEST(CommandLineTest, ReadsCommandsOfAGroup) {
@@ -61,7 +66,7 @@ TEST(CommandLineTest, RefusesWrongUse) {
                                                        {"nothing"},
                                                        {"put"},
                                                        {"get"},
-                                                       {"get", "a", "b", "c"},
+                                                       {"pic", "get", "a", "b", "c"},
                                                        {"mb", "a", "b"},
                                                        {"buckets", "a"},
                                                        {"put", "a", "--nonsense"},
@@ -107,6 +112,21 @@ TEST(CommandLineTest, NamesTheWordThatIsWrong) {
   EXPECT_EQ(WrongUseOf({"put"}), "FILE is required; 'tansy put --help' says how it is used");
   EXPECT_EQ(WrongUseOf({"buckets", "photos"}),
             "one argument too many: \"photos\"; 'tansy buckets --help' says how it is used");
+  EXPECT_EQ(WrongUseOf({"buckets", "--", "-photos"}),
+            "one argument too many: \"-photos\"; 'tansy buckets --help' says how it is used");
+}
+
+TEST(CommandLineTest, SaysWhatWasProbablyMeant) {
+  EXPECT_EQ(WrongUseOf({"putt"}), "there is no command \"putt\"; did you mean put? 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"sing", "/b/k"}),
+            "there is no command \"sing\"; did you mean sign? 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"pic", "polls"}),
+            "there is no command \"polls\"; did you mean pools? 'tansy pic --help' lists the commands");
+  EXPECT_THAT(WrongUseOf({"put", "a", "--nmae", "k"}), HasSubstr("there is no option --nmae; did you mean --name? "));
+  EXPECT_THAT(WrongUseOf({"put", "a", "--nmae=k"}), HasSubstr("did you mean --name? "));
+  EXPECT_THAT(WrongUseOf({"buckets", "--jsno"}), HasSubstr("did you mean --json? ")) << "options of the program too";
+  EXPECT_THAT(WrongUseOf({"buckets", "--name"}), testing::Not(HasSubstr("did you mean")))
+      << "another command's option is none of this one's";
 }
 
 TEST(CommandLineTest, TakesTheWordHelpForTheOption) {

@@ -4,9 +4,9 @@
 
 #include <string>
 
+#include "Download.h"
 #include "Failure.h"
 #include "PictureLink.h"
-#include "Transfer.h"
 
 namespace Tansy::Cli {
 namespace {
@@ -17,9 +17,7 @@ TEST(ObjectUrlTest, ReadsWhatPeopleGive) {
   EXPECT_EQ(ParseObjectUrl("/photos/cat.jpg", settings).Path(), "/photos/cat.jpg");
   EXPECT_EQ(ParseObjectUrl("photos/cat.jpg", settings).Path(), "/photos/cat.jpg");
   EXPECT_EQ(ParseObjectUrl("/photos/\xc3\xa4%20b", settings).key, "\xc3\xa4%20b") << "nothing is decoded";
-  EXPECT_EQ(settings.object_server.Url(), "http://127.0.0.1:9700");
-  EXPECT_EQ(ParseObjectUrl("https://host:99/photos/cat.jpg?link=1&token=x", settings).Path(), "/photos/cat.jpg");
-  EXPECT_EQ(settings.object_server.Url(), "https://host:99");
+  EXPECT_EQ(ParseObjectUrl("http://127.0.0.1:9700/photos/cat.jpg?link=1&token=x", settings).Path(), "/photos/cat.jpg");
   settings.pool = "pool";
   EXPECT_EQ(ParseObjectUrl("cat.jpg", settings).Path(), "/pool/cat.jpg");
 }
@@ -32,11 +30,29 @@ TEST(ObjectUrlTest, RefusesWhatIsNoObject) {
   }
 }
 
+// A signature for another server would be good at home, for whoever runs that server.
+TEST(ObjectUrlTest, RefusesTheAddressOfAnotherServer) {
+  Settings settings;
+  settings.object_server = {false, "home", 9700};
+  settings.picture_server = {false, "home", 9701};
+  for (const char* server : {"http://other:9700", "http://home:9701", "https://home:9700", "http://home.other:9700"}) {
+    try {
+      ParseObjectUrl(std::string(server) + "/photos/cat.jpg", settings);
+      ADD_FAILURE() << server;
+    } catch (const CFailure& failure) {
+      EXPECT_EQ(failure.GetExitCode(), kExitUsage);
+      EXPECT_EQ(failure.what(), std::string(server) + " is not the server that is set, http://home:9700");
+    }
+  }
+  EXPECT_THROW(ParsePictureUrl("http://other:9701/pic?id=1", settings), CFailure);
+  EXPECT_THROW(ParsePictureUrl("http://home:9700/pic?id=1", settings), CFailure);
+}
+
 TEST(ObjectUrlTest, ReadsPictureAddresses) {
   Settings settings;
+  settings.picture_server = {false, "host", 99};
   EXPECT_EQ(ParsePictureUrl("/pic?id=1", settings), "/pic?id=1");
   EXPECT_EQ(ParsePictureUrl("http://host:99/pic?id=1&x=2", settings), "/pic?id=1&x=2");
-  EXPECT_EQ(settings.picture_server.Url(), "http://host:99");
   for (const char* text : {"", "pic?id=1", "/pic?id=a b", "/pic#x", "/pic\n"}) {
     EXPECT_THROW(ParsePictureUrl(text, settings), CFailure) << text;
   }

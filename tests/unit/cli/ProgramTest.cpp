@@ -4,11 +4,17 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "TestFolder.h"
 #include "fakes/ScriptedServer.h"
@@ -44,18 +50,16 @@ class CFakeObjectServer {
       return Xml("<BestNodeInfo><Location>" + address + "</Location></BestNodeInfo>");
     }
     if (query == "uploads") {
-      objects_[path].clear();
+      parts_[path].clear();
       return Xml("<InitiateMultipartUploadResult><UploadId>id-of" + path.substr(path.rfind('/') + 1) +
                  "</UploadId></InitiateMultipartUploadResult>");
     }
     if (request.method == "PUT") {
-      objects_[path] = request.body;
+      Store(path, request.body);
       return {};
     }
     if (request.method == "POST") {
-      // Parts of these tests come one after another.
-      objects_[path] += query.find("part_number") == std::string::npos ? "" : request.body;
-      return {};
+      return TakePost(path, query, request.body);
     }
     const auto object = objects_.find(path);
     if (object == objects_.end()) {
@@ -65,10 +69,11 @@ class CFakeObjectServer {
       objects_.erase(object);
       return {};
     }
+    const std::string tag = "\"v" + std::to_string(versions_[path]) + "\"";
     if (query == "metadata") {
-      return {.headers = {{"Object-Size", std::to_string(object->second.size())}}};
+      return {.headers = {{"Object-Size", std::to_string(object->second.size())}, {"ETag", tag}}};
     }
-    return {.body = Range(object->second, request.Header("Range"))};
+    return {.headers = {{"ETag", tag}}, .body = Range(object->second, request.Header("Range"))};
   }
 
   std::string Object(const std::string& path) {
@@ -79,10 +84,34 @@ class CFakeObjectServer {
 
   void Put(const std::string& path, const std::string& content) {
     const std::lock_guard lock(mutex_);
-    objects_[path] = content;
+    Store(path, content);
   }
 
  private:
+  void Store(const std::string& path, const std::string& content) {
+    objects_[path] = content;
+    ++versions_[path];
+  }
+
+  // A part, or the completion of an upload that is still there.
+  ScriptedAnswer TakePost(const std::string& path, const std::string& query, const std::string& body) {
+    const std::size_t number = query.find("part_number=");
+    if (number != std::string::npos) {
+      parts_[path][std::stoi(query.substr(number + 12))] = body;
+      return {};
+    }
+    if (parts_[path].empty()) {
+      return {.status = 400, .body = "<Error><Code>InvalidXmlContent</Code></Error>"};
+    }
+    std::string content;
+    for (const auto& [index, part] : parts_[path]) {
+      content += part;
+    }
+    parts_.erase(path);
+    Store(path, content);
+    return {};
+  }
+
   static ScriptedAnswer Xml(const std::string& body) { return {.body = body}; }
 
   static std::string Range(const std::string& content, const std::string& header) {
@@ -94,12 +123,43 @@ class CFakeObjectServer {
 
   std::mutex mutex_;
   std::map<std::string, std::string> objects_;
+  std::map<std::string, int> versions_;
+  std::map<std::string, std::map<int, std::string>> parts_;  // of unfinished uploads
 };
 
 class ProgramTest : public testing::Test {
  protected:
   ProgramTest() {
-    server_.Handle([this](const ScriptedRequest& request) { return objects_.Answer(request, server_.Address()); });
+    server_.Handle([this](const ScriptedRequest& request) { return Answer(request); });
+  }
+
+  // Spoils one answer to the next request that begins with `rule`, "GET /photos/a". `spoil` gets the right answer;
+  // what it stands for has happened.
+  void Spoil(const std::string& rule, const std::function<ScriptedAnswer(ScriptedAnswer)>& spoil) {
+    const std::lock_guard lock(mutex_);
+    spoils_.emplace_back(rule, spoil);
+  }
+
+  // How many requests begin with `rule`.
+  std::size_t Count(const std::string& rule) const {
+    const std::vector<ScriptedRequest> requests = server_.Requests();
+    return static_cast<std::size_t>(std::count_if(requests.begin(), requests.end(), [&](const auto& request) {
+      return (request.method + " " + request.target).starts_with(rule);
+    }));
+  }
+
+  ScriptedAnswer Answer(const ScriptedRequest& request) {
+    const ScriptedAnswer answer = objects_.Answer(request, server_.Address());
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find_if(spoils_.begin(), spoils_.end(), [&](const auto& spoil) {
+      return (request.method + " " + request.target).starts_with(spoil.first);
+    });
+    if (found == spoils_.end()) {
+      return answer;
+    }
+    const auto spoil = found->second;
+    spoils_.erase(found);
+    return spoil(answer);
   }
 
   // Runs "tansy " + `arguments` through a shell, in the test's folder.
@@ -107,7 +167,7 @@ class ProgramTest : public testing::Test {
     const std::string command =
         "cd " + folder_.Path() + " && " + before + " env -u TANSY_POOL -u TANSY_DATA HOME=" + folder_.Path() +
         " XDG_CONFIG_HOME= TANSY_SERVER=http://" + address_ +
-        " TANSY_ACCESS_KEY=ak TANSY_SECRET_KEY=sk " TANSY_PATH " " + arguments + " 2>" + folder_.Path("stderr");
+        " TANSY_ACCESS_KEY=ak TANSY_SECRET_KEY=sk " TANSY_PATH " 2>" + folder_.Path("stderr") + " " + arguments;
     Ended ended;
     std::FILE* pipe = popen(command.c_str(), "r");
     char buffer[65536];
@@ -120,6 +180,9 @@ class ProgramTest : public testing::Test {
     std::filesystem::remove(folder_.Path("stderr"));
     return ended;
   }
+
+  std::mutex mutex_;  // guards what follows
+  std::vector<std::pair<std::string, std::function<ScriptedAnswer(ScriptedAnswer)>>> spoils_;
 
   CFakeObjectServer objects_;
   Tests::ScriptedServer server_;
@@ -201,6 +264,7 @@ TEST_F(ProgramTest, GetsAnObject) {
   EXPECT_TRUE(ended.out == content);
   ended = Run("cat photos/film");
   EXPECT_TRUE(ended.out == content);
+  EXPECT_EQ(Count("GET /photos/film"), 6u) << "each asks for the version, and for all bytes in one request";
   ended = Run("get /photos/film part --range 12582910-12582920");
   EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("part")), content.substr(12582910, 10));
   EXPECT_EQ(Run("get /photos/film - --range 12582917-").out, "end");
@@ -220,9 +284,12 @@ TEST_F(ProgramTest, GetsAnEmptyObject) {
 TEST_F(ProgramTest, LeavesNothingOfADownloadThatFails) {
   objects_.Put("/photos/film", std::string(700000, 'x'));
   folder_.MakeFile("film", "old");
+  // A server that does not tell versions apart is not asked for the rest.
+  server_.Answer("GET /photos/film?metadata", {.headers = {{"Object-Size", "700000"}}});
   server_.Answer("GET /photos/film", {.body = std::string(700000, 'x'), .cut_after = 400000});
   const Ended ended = Run("get /photos/film");
   EXPECT_EQ(ended.code, 6) << ended.err;
+  EXPECT_EQ(server_.Requests().size(), 2u);
   EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("film")), "old");
   EXPECT_EQ(folder_.Count(), 1u);
 }
@@ -355,7 +422,7 @@ TEST_F(ProgramTest, PutsOneFileTwice) {
 }
 
 TEST_F(ProgramTest, SaysThatALinkWillBeRewritten) {
-  EXPECT_EQ(Run("sign /photos/cat.jpg").err, "");
+  EXPECT_THAT(Run("sign /photos/cat.jpg").err, testing::Not(HasSubstr("browsers")));
   const Ended ended =
       Run("sign /photos/gr\xc3\xb6\xc3\x9f"
           "e.jpg");
@@ -421,6 +488,373 @@ TEST_F(ProgramTest, NoticesThatAnObjectBecomesShorterWhileItIsRead) {
   EXPECT_EQ(ended.code, 1);
   EXPECT_THAT(ended.err, HasSubstr("/photos/a: changed while it was read"));
   EXPECT_EQ(folder_.Count(), 0u);
+}
+
+// ---- one version, or none
+
+constexpr auto kCutLate = [](ScriptedAnswer answer) {
+  answer.cut_after = 400000;
+  return answer;
+};
+constexpr auto kLost = [](ScriptedAnswer) { return ScriptedAnswer{.cut_after = 0, .reset = true}; };
+constexpr auto kDenied = [](ScriptedAnswer) {
+  return ScriptedAnswer{.status = 403, .body = "<Error><Code>AccessDenied</Code></Error>"};
+};
+
+std::string Pattern(std::size_t size, unsigned seed) {
+  std::string content(size, '\0');
+  for (char& c : content) {
+    seed = seed * 1664525 + 1013904223;
+    c = static_cast<char>(seed >> 24);
+  }
+  return content;
+}
+
+TEST_F(ProgramTest, GoesOnWhereTheConnectionBroke) {
+  const std::string content = Pattern(700000, 1);
+  objects_.Put("/photos/film", content);
+  for (const char* command : {"get /photos/film -", "cat /photos/film", "get /photos/film copy"}) {
+    server_.ClearRequests();
+    Spoil("GET /photos/film", [](ScriptedAnswer answer) { return answer; });  // the question for the version
+    Spoil("GET /photos/film", kCutLate);
+    const Ended ended = Run(command);
+    EXPECT_EQ(ended.code, 0) << ended.err;
+    EXPECT_TRUE((ended.out == "copy\n" ? Tests::CTestFolder::Content(folder_.Path("copy")) : ended.out) == content);
+    EXPECT_EQ(Count("GET /photos/film"), 3u);
+    EXPECT_THAT(server_.Requests().back().Header("Range"), MatchesRegex("bytes=[1-9][0-9]*-700000")) << "only the rest";
+  }
+}
+
+TEST_F(ProgramTest, RefusesTheRestOfAnotherVersion) {
+  const std::string before = Pattern(700000, 1);
+  for (const char* command : {"get /photos/film", "cat /photos/film", "get /photos/film -"}) {
+    objects_.Put("/photos/film", before);
+    folder_.MakeFile("film", "old");
+    Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
+    Spoil("GET /photos/film", [this](ScriptedAnswer answer) {
+      objects_.Put("/photos/film", Pattern(700000, 2));  // of the same size
+      return kCutLate(std::move(answer));
+    });
+    const Ended ended = Run(command);
+    EXPECT_EQ(ended.code, 1) << command;
+    EXPECT_THAT(ended.err, HasSubstr("/photos/film: changed while it was read"));
+    EXPECT_TRUE(before.starts_with(ended.out)) << "nothing of the new version";
+    EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("film")), "old");
+    EXPECT_EQ(folder_.Count(), 1u);
+  }
+}
+
+TEST_F(ProgramTest, ResumesADownload) {
+  const std::string content = Pattern(900000, 1);
+  objects_.Put("/photos/film", content);
+  Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
+  Spoil("GET /photos/film", kCutLate);
+  Spoil("GET /photos/film", kDenied);
+  Ended ended = Run("get --resume /photos/film");
+  EXPECT_EQ(ended.code, 4) << ended.err;
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path("film")));
+  server_.ClearRequests();
+  ended = Run("get --resume /photos/film");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.err, "");
+  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("film")) == content);
+  EXPECT_THAT(server_.Requests().back().Header("Range"), MatchesRegex("bytes=[1-9][0-9]*-900000"));
+  EXPECT_EQ(folder_.Count(), 1u) << "what was hidden is gone";
+}
+
+TEST_F(ProgramTest, StartsOverWhenAResumedObjectHasChanged) {
+  const std::string now = Pattern(900000, 2);
+  const auto break_off = [this](const std::string& command) {
+    objects_.Put("/photos/film", Pattern(900000, 1));
+    Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
+    Spoil("GET /photos/film", kCutLate);
+    Spoil("GET /photos/film", kDenied);
+    EXPECT_EQ(Run(command).code, 4);
+  };
+  break_off("get --resume /photos/film");
+  objects_.Put("/photos/film", now);
+  Ended ended = Run("get --resume /photos/film");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.err, "note: film: the object has changed since; the download starts over\n");
+  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("film")) == now);
+
+  break_off("get --resume /photos/film target");
+  objects_.Put("/photos/other", now);
+  ended = Run("get --resume /photos/other target");
+  EXPECT_EQ(ended.err, "note: target: the bytes that are there belong to another download; it starts over\n");
+  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("target")) == now);
+
+  break_off("get --resume /photos/film short");
+  std::filesystem::resize_file(folder_.Path(".tansy-short.part"), 1000);
+  ended = Run("get --resume /photos/film short");
+  EXPECT_EQ(ended.err, "note: short: the bytes that were kept are not as they were; the download starts over\n");
+  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("short")) == Pattern(900000, 1));
+}
+
+// ---- uploads on a bad connection
+
+class UploadTest : public ProgramTest {
+ protected:
+  static constexpr std::size_t kSize = 20 * 1048576 + 5;  // three parts
+
+  UploadTest() { folder_.MakeFile("film", content_); }
+
+  const std::string content_ = Pattern(kSize, 3);
+  std::atomic<int> completions_{0};
+};
+
+TEST_F(UploadTest, SendsALargeFileInEqualParts) {
+  const Ended ended = Run("put film --name key");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_TRUE(objects_.Object("/photos/key") == content_);
+  std::map<std::string, std::size_t> sizes;
+  for (const ScriptedRequest& request : server_.Requests()) {
+    if (const std::size_t at = request.target.find("part_number="); at != std::string::npos) {
+      sizes[request.target.substr(at + 12)] = request.body.size();
+    }
+  }
+  EXPECT_EQ(sizes, (std::map<std::string, std::size_t>{{"1", 8388608}, {"2", 8388608}, {"3", kSize - 16777216}}));
+}
+
+TEST_F(UploadTest, SendsAPartAgainUnderItsNumber) {
+  Spoil("POST /photos/key?upload_id=id-ofkey&part_number=2", kLost);
+  Spoil("POST /photos/key?upload_id=id-ofkey&part_number=3",
+        [](ScriptedAnswer) { return ScriptedAnswer{.status = 503, .close = true}; });
+  for (const char* command : {"put film --name key", "put - --name key < film"}) {
+    server_.ClearRequests();
+    const Ended ended = Run(command);
+    EXPECT_EQ(ended.code, 0) << ended.err;
+    EXPECT_TRUE(objects_.Object("/photos/key") == content_);
+    EXPECT_EQ(Count("POST /photos/key?uploads"), 1u);
+  }
+}
+
+TEST_F(UploadTest, SendsAWholeObjectAgain) {
+  folder_.MakeFile("small", "content");
+  Spoil("PUT /photos/key", kLost);
+  EXPECT_EQ(Run("put small --name key").code, 0);
+  EXPECT_EQ(objects_.Object("/photos/key"), "content");
+  EXPECT_EQ(Count("PUT /photos/key"), 2u);
+}
+
+TEST_F(UploadTest, KnowsThatACompletionWhoseAnswerIsLostWasDone) {
+  objects_.Put("/photos/key", std::string(kSize, 'o'));  // of the same size
+  Spoil("POST /photos/key?upload_id=id-ofkey&part_number", [](ScriptedAnswer answer) { return answer; });
+  Spoil("POST /photos/key?upload_id=id-ofkey&part_number", [](ScriptedAnswer answer) { return answer; });
+  Spoil("POST /photos/key?upload_id=id-ofkey&part_number", [](ScriptedAnswer answer) { return answer; });
+  Spoil("POST /photos/key?upload_id=id-ofkey", kLost);
+  const Ended ended = Run("put film --name key");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_TRUE(objects_.Object("/photos/key") == content_);
+  EXPECT_EQ(Count("POST /photos/key?uploads"), 1u);
+}
+
+TEST_F(UploadTest, DoesNotTakeAnOldObjectForTheNewOne) {
+  objects_.Put("/photos/key", std::string(kSize, 'o'));
+  // Every completion is lost on its way, and then the upload is gone.
+  server_.Handle([this](const ScriptedRequest& request) {
+    if (request.method == "POST" && request.target.ends_with("?upload_id=id-ofkey")) {
+      return ++completions_ % 2 == 1
+                 ? ScriptedAnswer{.cut_after = 0, .reset = true}
+                 : ScriptedAnswer{.status = 400, .body = "<Error><Code>InvalidXmlContent</Code></Error>"};
+    }
+    return Answer(request);
+  });
+  EXPECT_EQ(Run("put - --name key < film").code, 1);
+}
+
+TEST_F(UploadTest, StartsOverWhenTheServerHasLostTheUpload) {
+  const auto refuse = [](ScriptedAnswer) {
+    return ScriptedAnswer{.status = 400, .body = "<Error><Code>InvalidHttpContent</Code></Error>"};
+  };
+  Spoil("POST /photos/key?upload_id=id-ofkey&part_number=3", refuse);
+  Ended ended = Run("put film --name key");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_THAT(ended.err, MatchesRegex("note: the upload was lost \\(http://.* answered 400 InvalidHttpContent\\); it "
+                                      "starts over\n"));
+  EXPECT_TRUE(objects_.Object("/photos/key") == content_);
+  Spoil("POST /photos/stream?upload_id=id-ofstream&part_number=3", refuse);
+  ended = Run("put - --name stream < film");
+  EXPECT_EQ(ended.code, 1) << "what has been read cannot be read again";
+  EXPECT_EQ(objects_.Object("/photos/stream"), "(none)");
+}
+
+TEST_F(UploadTest, BelievesInAnObjectOfTheRightSizeOnly) {
+  Spoil("GET /photos/key?metadata", [](ScriptedAnswer answer) { return answer; });  // what was there before
+  Spoil("GET /photos/key?metadata", [](ScriptedAnswer) {
+    return ScriptedAnswer{.headers = {{"Object-Size", "8388608"}, {"ETag", "\"x\""}}};
+  });
+  Ended ended = Run("put film --name key");
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_EQ(ended.out, "");
+  EXPECT_THAT(ended.err, HasSubstr("tansy: film: /photos/key has 8388608 bytes, but 20971525 were sent\n"));
+  Spoil("GET /photos/key?metadata",
+        [](ScriptedAnswer) { return ScriptedAnswer{.status = 404, .body = "<Error><Code>NoSuchKey</Code></Error>"}; });
+  Spoil("GET /photos/key?metadata",
+        [](ScriptedAnswer) { return ScriptedAnswer{.status = 404, .body = "<Error><Code>NoSuchKey</Code></Error>"}; });
+  EXPECT_EQ(Run("put film --name key").code, 3);
+}
+
+TEST_F(UploadTest, ReadsTheObjectBackOnRequest) {
+  EXPECT_EQ(Run("put film --name key --verify").code, 0);
+  folder_.MakeFile("small", "content");
+  for (const char* command : {"put small --name small --verify", "put - --name small --verify < small"}) {
+    EXPECT_EQ(Run(command).code, 0);
+    Spoil("GET /photos/small?metadata", [](ScriptedAnswer answer) { return answer; });
+    Spoil("GET /photos/small", [](ScriptedAnswer answer) {
+      answer.body[3] ^= 1;
+      return answer;
+    });
+    const Ended ended = Run(command);
+    EXPECT_EQ(ended.code, 1) << command;
+    EXPECT_THAT(ended.err, HasSubstr("/photos/small is not what was sent"));
+  }
+}
+
+TEST_F(UploadTest, NamesTheAddressThatFailedAndTheServersWord) {
+  Tests::ScriptedServer node;
+  node.Handle([](const ScriptedRequest&) {
+    return ScriptedAnswer{.status = 403, .body = "<Error><Code>AccessDenied</Code></Error>"};
+  });
+  server_.Answer("GET /photos/any?bestnode",
+                 {.body = "<BestNodeInfo><Location>" + node.Address() + "</Location></BestNodeInfo>"});
+  EXPECT_THAT(Run("put film").err,
+              HasSubstr("tansy: film: the server denies access (http://" + node.Address() + ": AccessDenied)\n"));
+  server_.ClearScript();
+  server_.Handle([this](const ScriptedRequest& request) { return Answer(request); });
+  server_.Answer("GET /photos/any?bestnode", {.body = "<BestNodeInfo><Location>a b</Location></BestNodeInfo>"});
+  EXPECT_THAT(Run("put film").err, HasSubstr("names \"a b\" as the best node"));
+}
+
+// ---- names
+
+TEST_F(ProgramTest, PutsUnderTheNamesOfTheFiles) {
+  folder_.MakeFile("folder/a.txt", "a");
+  folder_.MakeFile("b.txt", "b");
+  EXPECT_EQ(Run("put --keep-name folder/a.txt b.txt").out, "/photos/a.txt\n/photos/b.txt\n");
+  EXPECT_EQ(objects_.Object("/photos/a.txt"), "a");
+  folder_.MakeFile("a.txt", "other");
+  EXPECT_THAT(Run("put --keep-name folder/a.txt a.txt").err, HasSubstr("two files would become the object a.txt"));
+  folder_.MakeFile("two words", "x");
+  EXPECT_EQ(Run("put --keep-name 'two words'").code, 2);
+  EXPECT_EQ(Run("put --keep-name -", "printf x |").code, 2);
+  EXPECT_EQ(Run("put --keep-name --name key b.txt").code, 2);
+}
+
+TEST_F(ProgramTest, PutsUnderAUrl) {
+  folder_.MakeFile("a.txt", "a");
+  EXPECT_EQ(Run("put a.txt /films/key").out, "/films/key\n");
+  EXPECT_EQ(objects_.Object("/films/key"), "a");
+  EXPECT_EQ(Run("put a.txt http://" + address_ + "/films/other").out, "/films/other\n");
+  EXPECT_EQ(Run("put - /films/stream", "printf hello |").out, "/films/stream\n");
+  EXPECT_EQ(objects_.Object("/films/stream"), "hello");
+  server_.ClearRequests();
+  EXPECT_EQ(Run("put a.txt /films/a/b").code, 2);
+  EXPECT_EQ(Run("put a.txt /films/key --name key").code, 2);
+  EXPECT_EQ(server_.Requests().size(), 0u);
+  // Where a file could be, a file is meant.
+  EXPECT_EQ(Run("put a.txt " + folder_.Path("missing")).code, 3);
+  folder_.MakeFile("b.txt", "b");
+  EXPECT_EQ(Run("put --keep-name a.txt " + folder_.Path("b.txt")).out, "/photos/a.txt\n/photos/b.txt\n");
+}
+
+TEST_F(ProgramTest, GetsSeveralObjects) {
+  objects_.Put("/photos/a", "1");
+  objects_.Put("/photos/b", "2");
+  std::filesystem::create_directories(folder_.Path("folder"));
+  EXPECT_EQ(Run("get /photos/a /photos/b folder").out, "folder/a\nfolder/b\n");
+  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("folder/b")), "2");
+  EXPECT_EQ(Run("get /photos/a /photos/b").out, "a\nb\n");
+  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("b")), "2");
+  const Ended ended = Run("get /photos/a /photos/missing /photos/b folder");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "folder/a\nfolder/b\n") << "the others are done";
+  EXPECT_EQ(Run("get /photos/a photos/b file").code, 2) << "that is no folder";
+  EXPECT_EQ(Run("get /photos/a /films/a folder").code, 2) << "two objects, one file";
+  EXPECT_EQ(Run("get /photos/a /photos/b folder --range 0-1").code, 2);
+}
+
+TEST_F(ProgramTest, WritesNothingWhenAFolderIsMistyped) {
+  objects_.Put("/photos/a", "1");
+  folder_.MakeFile("a", "mine");
+  EXPECT_EQ(Run("get /photos/a /fodler/x").code, 3);
+  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("a")), "mine");
+}
+
+TEST_F(ProgramTest, TakesABucketThatIsThereForMade) {
+  server_.Answer("PUT /photos", {.status = 409, .body = "<Error><Code>BucketAlreadyExists</Code></Error>"});
+  EXPECT_EQ(Run("mb photos").code, 1);
+  const Ended ended = Run("mb --exist-ok photos");
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(ended.out, "there is already photos\n");
+  server_.Answer("PUT /films", {.status = 403, .body = "<Error><Code>AccessDenied</Code></Error>"});
+  EXPECT_EQ(Run("mb --exist-ok films").code, 4);
+}
+
+// ---- who gets signatures
+
+TEST_F(ProgramTest, SendsNothingToAnotherServer) {
+  Tests::ScriptedServer other;
+  const std::string url = "http://" + other.Address();
+  folder_.MakeFile("a.txt", "a");
+  for (const std::string& command :
+       {"rm " + url + "/photos/a", "get " + url + "/photos/a", "cat " + url + "/photos/a", "stat " + url + "/photos/a",
+        "sign " + url + "/photos/a", "put a.txt " + url + "/photos/a", "parts " + url + "/photos/a id",
+        "pic get '" + url + "/pic?id=1'", "pic link '" + url + "/pic?id=1'", "rm /photos/x " + url + "/photos/a"}) {
+    const Ended ended = Run(command);
+    EXPECT_EQ(ended.code, 2) << command;
+    EXPECT_THAT(ended.err, HasSubstr(url + " is not the server that is set, http://127.0.0.1:")) << command;
+    EXPECT_EQ(ended.out, "");
+  }
+  EXPECT_EQ(other.ConnectionCount(), 0);
+  EXPECT_EQ(server_.ConnectionCount(), 0) << "nor is half of a command done";
+}
+
+TEST_F(ProgramTest, ShowsRequestsWithoutWhatIsSecret) {
+  folder_.MakeFile("a.txt", "a");
+  const Ended ended = Run("--verbose put a.txt --name key");
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(ended.out, "/photos/key\n");
+  EXPECT_THAT(ended.err, HasSubstr("> PUT http://" + server_.Address() + "/photos/key\n"));
+  EXPECT_THAT(ended.err, HasSubstr("> Authorization: quorvane ak:***\n"));
+  EXPECT_THAT(ended.err, HasSubstr("< 200 to PUT http://" + server_.Address() + "/photos/key\n"));
+  for (const ScriptedRequest& request : server_.Requests()) {
+    const std::string value = request.Header("Authorization");
+    EXPECT_THAT(ended.err, testing::Not(HasSubstr(value.substr(value.rfind(':') + 1))));
+  }
+  address_ = "127.0.0.1:1";
+  EXPECT_THAT(Run("--verbose buckets").err, HasSubstr("< GET http://127.0.0.1:1/\n< no connection"));
+}
+
+TEST_F(ProgramTest, ExaminesWhereUploadsGo) {
+  EXPECT_THAT(Run("doctor").out, HasSubstr("go to http://" + server_.Address() + ", which answers"));
+  server_.Answer("GET /photos/any?bestnode", {.body = "<BestNodeInfo><Location>127.0.0.1:1</Location></BestNodeInfo>"});
+  const Ended ended = Run("doctor");
+  EXPECT_EQ(ended.code, 6);
+  EXPECT_THAT(ended.out, testing::ContainsRegex("failed +uploads +http://127.0.0.1:1: no connection"));
+  EXPECT_THAT(ended.out, HasSubstr("look at --local-ip and --wan-ip"));
+}
+
+TEST_F(ProgramTest, SaysWhenALinkEnds) {
+  EXPECT_THAT(Run("sign /photos/a").err, HasSubstr("note: this link does not end"));
+  const Ended ended = Run("sign --expires 2h /photos/a");
+  EXPECT_THAT(ended.err, MatchesRegex("note: this link ends [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8} UTC\n"));
+  const std::int64_t expires = std::stoll(ended.out.substr(ended.out.find("?expires=") + 9));
+  EXPECT_NEAR(static_cast<double>(expires), static_cast<double>(std::time(nullptr)) + 7200, 60);
+  EXPECT_THAT(Run("--json sign --expires 90s /photos/a").out, MatchesRegex(".*, \"expires\": [0-9]{10}\\}\n"));
+  EXPECT_EQ(Run("--quiet sign /photos/a").err, "");
+  for (const char* duration : {"", "7", "d", "0d", "-1d", "1.5h", "7 d", "7days", "99999999999w"}) {
+    EXPECT_EQ(Run("sign --expires='" + std::string(duration) + "' /photos/a").code, 2) << duration;
+  }
+}
+
+TEST_F(ProgramTest, SaysNothingWhenItsReaderHasEnough) {
+  objects_.Put("/photos/a", std::string(3000000, 'x'));
+  for (const char* command : {"cat /photos/a", "get /photos/a -"}) {
+    const Ended ended = Run(std::string(command) + " | head -c 1");
+    EXPECT_EQ(ended.out, "x");
+    EXPECT_EQ(ended.err, "") << command;
+  }
 }
 
 }  // namespace

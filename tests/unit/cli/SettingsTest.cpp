@@ -167,7 +167,44 @@ TEST_F(SettingsTest, PutsOptionsBeforeTheEnvironmentAndThatBeforeFiles) {
   EXPECT_EQ(settings.object_server.Url(), "https://work.example:443");
   EXPECT_EQ(settings.pool, "option-pool");
   EXPECT_EQ(settings.ca, "/option.pem");
+  EXPECT_EQ(settings.access_key, "work-ak") << "the server that was named has keys of its own";
+  globals_.server = "http://option.example:2";
+  settings = Find();
+  EXPECT_EQ(settings.object_server.Url(), "http://option.example:2");
   EXPECT_EQ(settings.access_key, "env-ak");
+}
+
+TEST_F(SettingsTest, PutsADataFolderThatIsNamedByHandBeforeTheEnvironment) {
+  MakeConfig(kHome);
+  MakeDataFolder("other", "object-port = 1234\n");
+  environment_["TANSY_SERVER"] = "http://env.example:1";
+  environment_["TANSY_ACCESS_KEY"] = "env-ak";
+  environment_["TANSY_SECRET_KEY"] = "env-sk";
+  environment_["TANSY_DATA"] = folder_.Path("missing");
+  globals_.data = folder_.Path("other");
+  const Settings settings = Find();
+  EXPECT_EQ(settings.object_server.Url(), "http://127.0.0.1:1234");
+  EXPECT_EQ(settings.access_key, "data-ak");
+  EXPECT_EQ(settings.source, "data folder " + folder_.Path("other"));
+  environment_["TANSY_SERVER"] = "nonsense";
+  EXPECT_EQ(Find().access_key, "data-ak") << "a server that nobody asks for need not be there";
+}
+
+TEST_F(SettingsTest, DoesNotSendOneServersKeysToAnother) {
+  MakeConfig(kHome);
+  folder_.MakeFile("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");
+  globals_.data = folder_.Path("other");
+  ExpectFailure(kExitUsage, "no keys are known for http://127.0.0.1:5678");
+}
+
+TEST_F(SettingsTest, TakesTheAddressThatARunningServerTells) {
+  MakeDataFolder("other");
+  folder_.MakeFile("other/listening.toml",
+                   "address = \"fd00::5\"\nobject-port = 5678\npicture-port = 8765\nsomething-new = true\n");
+  globals_.data = folder_.Path("other");
+  const Settings settings = Find();
+  EXPECT_EQ(settings.object_server.Url(), "http://[fd00::5]:5678");
+  EXPECT_EQ(settings.picture_server.Url(), "http://[fd00::5]:8765");
 }
 
 TEST_F(SettingsTest, DoesNotMixServersOfDifferentPlaces) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Doctor.h"
+#include "TansyBase/Encrypt.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::Cli {
@@ -53,7 +54,7 @@ TEST(SignerTest, SignsARequest) {
 }
 
 TEST(SignerTest, WrapsASignatureIntoALink) {
-  const std::string target = SignedObjectTarget("/b/k", "ak", "sk");
+  const std::string target = SignedObjectTarget("/b/k", 0, "ak", "sk");
   const std::string head = "/b/k?link=1&token=";
   ASSERT_EQ(target.substr(0, head.size()), head);
   const std::string text = "quorvane ak:" + Reference("GET\n\n\n\n\n/b/k?link=1", "sk");
@@ -62,6 +63,20 @@ TEST(SignerTest, WrapsASignatureIntoALink) {
                                                         reinterpret_cast<const unsigned char*>(text.data()),
                                                         static_cast<int>(text.size()))));
   EXPECT_EQ(target.substr(head.size()), PercentEncode(token));
+}
+
+// The end of a link is part of what is signed: nobody can move it.
+TEST(SignerTest, SignsTheEndOfALink) {
+  const std::string target = SignedObjectTarget("/b/k", 1793693109, "ak", "sk");
+  const std::string head = "/b/k?expires=1793693109&token=";
+  ASSERT_EQ(target.substr(0, head.size()), head);
+  std::string token;
+  std::string encoded = target.substr(head.size());
+  for (std::size_t at = 0; (at = encoded.find("%3D")) != std::string::npos;) {
+    encoded.replace(at, 3, "=");
+  }
+  ASSERT_TRUE(TansyBase::Encrypt::Base64Decode(encoded, token)) << encoded;
+  EXPECT_EQ(token, "quorvane ak:" + Reference("GET\n\n\n\n\n/b/k?expires=1793693109", "sk"));
 }
 
 TEST(SignerTest, PutsASignatureBehindAPicturesAddress) {

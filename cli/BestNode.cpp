@@ -1,0 +1,36 @@
+#include "BestNode.h"
+
+#include "Failure.h"
+#include "Output.h"
+#include "ServerLink.h"
+#include "TansyProto/XmlProto.h"
+
+namespace Tansy::Cli {
+
+std::string AskBestNode(const Settings& settings, const std::string& bucket) {
+  // The answer does not depend on the key, but the request needs one.
+  const CServerLink link(settings);
+  const LinkOutcome outcome = link.Try({.resource = "/" + bucket + "/any?bestnode"});
+  if (!outcome.IsDone()) {
+    throw link.FailureOf(outcome);
+  }
+  TansyProto::CXmlProto xml;
+  if (!xml.Parse(outcome.answer.body) || !xml.Has("/BestNodeInfo/Location")) {
+    throw CFailure(kExitFailed, link.Address().Url() + " answered something that names no best node",
+                   "is this an object server?");
+  }
+  return xml.GetString("/BestNodeInfo/Location");
+}
+
+ServerAddress BestNodeAddress(const Settings& settings, const std::string& bucket) {
+  const std::string location = AskBestNode(settings, bucket);
+  ServerAddress address;
+  if (!ParseServerUrl((settings.object_server.is_https ? "https://" : "http://") + location, address)) {
+    throw CFailure(kExitFailed,
+                   settings.object_server.Url() + " names \"" + Printable(location) + "\" as the best node",
+                   "that is no address; look into the server's settings");
+  }
+  return address;
+}
+
+}  // namespace Tansy::Cli

@@ -1,0 +1,32 @@
+#ifndef TANSY_CLI_OBJECT_VERSION_H
+#define TANSY_CLI_OBJECT_VERSION_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "ObjectUrl.h"
+#include "ServerLink.h"
+#include "Settings.h"
+
+namespace Tansy::Cli {
+
+// What tells one content of an object from the next.
+struct ObjectVersion {
+  std::uint64_t size = 0;
+  std::string tag;  // the server's ETag; empty when the server gives none
+
+  bool operator==(const ObjectVersion&) const = default;
+};
+
+// Whether to ask again when the connection breaks: much patience is for the middle of a transfer.
+enum class EPatience { kNone, kMuch };
+
+// The object as it is now. Throws CFailure about `url`.
+ObjectVersion AskVersion(const Settings& settings, const ObjectUrl& url, EPatience patience = EPatience::kNone);
+// The same, or nothing when there is no such object.
+std::optional<ObjectVersion> FindVersion(const Settings& settings, const ObjectUrl& url, EPatience patience);
+
+}  // namespace Tansy::Cli
+
+#endif  // TANSY_CLI_OBJECT_VERSION_H

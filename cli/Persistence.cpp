@@ -1,0 +1,61 @@
+#include "Persistence.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <thread>
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+constexpr std::chrono::seconds kLongestOutage{30};
+constexpr std::chrono::milliseconds kFirstPause{200};
+constexpr std::chrono::milliseconds kLongestPause{2000};
+constexpr std::chrono::milliseconds kSlice{50};  // of a pause, after which somebody may have stopped it
+constexpr int kMostRefusals = 3;
+
+// The connection broke, also in the middle of an answer, or there was none: the server may be back soon.
+bool IsOutage(const LinkOutcome& outcome) {
+  using TansyNet::HttpClient;
+  const std::int32_t kind = outcome.error.kind;
+  return kind == HttpClient::kConnect || kind == HttpClient::kSend || kind == HttpClient::kReceive ||
+         kind == HttpClient::kTimeout || (kind == HttpClient::kBadAnswer && outcome.answer.status != 0);
+}
+
+// The server could not do it now. A full disk is not emptied by asking again.
+bool IsPassing(const LinkOutcome& outcome) {
+  const int status = outcome.answer.status;
+  return status == 408 || (status >= 500 && outcome.ErrorCode() != "NotEnoughSpace");
+}
+
+}  // namespace
+}  // namespace details
+
+bool CPersistence::GoesOn(const LinkOutcome& outcome) {
+  if (outcome.IsAnswered() ? !details::IsPassing(outcome) || ++refusals_ >= details::kMostRefusals
+                           : !details::IsOutage(outcome)) {
+    return false;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  first_failure_ = first_failure_.value_or(now);
+  return now - *first_failure_ < details::kLongestOutage && Pause();
+}
+
+void CPersistence::Forget() {
+  first_failure_.reset();
+  pause_ = std::chrono::milliseconds{0};
+  refusals_ = 0;
+}
+
+bool CPersistence::Pause() {
+  pause_ = std::clamp(pause_ * 2, details::kFirstPause, details::kLongestPause);
+  for (auto waited = std::chrono::milliseconds{0}; waited < pause_; waited += details::kSlice) {
+    if (stop_ != nullptr && *stop_) {
+      return false;
+    }
+    std::this_thread::sleep_for(details::kSlice);
+  }
+  return true;
+}
+
+}  // namespace Tansy::Cli
