@@ -18,7 +18,7 @@ const std::vector<OptionSpec>& GlobalOptions() {
       {"--data", "DIR", "data folder of a tansyd on this machine, whose address and keys are used"},
       {"--ca", "FILE", "PEM file with the certificates to trust over HTTPS, instead of the system's"},
       {"--insecure", nullptr, "trust any certificate over HTTPS"},
-      {"--json", nullptr, "one JSON document a line on standard output"},
+      {"--json", nullptr, "one JSON document per line on standard output"},
       {"--quiet", nullptr, "no progress and no texts that are only for people"},
       {"--verbose", nullptr, "show each request and its answer on standard error, signatures masked"},
   };

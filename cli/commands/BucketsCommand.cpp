@@ -31,7 +31,7 @@ CommandSpec BucketsCommand() {
   return {"",
           "buckets",
           "list the buckets",
-          "Lists all buckets, one a line: name, location and the size that was set when it was made (- for none).",
+          "Lists all buckets, one per line: name, location and the size that was set when it was made (- for none).",
           {},
           {},
           {{"tansy buckets", "list them"},
