@@ -5,19 +5,20 @@
 
 #include "Addresses.h"
 #include "HostLog.h"
-#include "OSAL/Osal.h"
 
 namespace Tansy::Host {
 
 CAddressWatch::CAddressWatch(std::vector<std::string> listen, std::string current, Update update)
-    : listen_(std::move(listen)), current_(std::move(current)), update_(std::move(update)) {}
+    : CSingleBaseThread("tansyd-address"),
+      listen_(std::move(listen)),
+      current_(std::move(current)),
+      update_(std::move(update)) {}
 
 CAddressWatch::~CAddressWatch() {
   Stop();
 }
 
 void CAddressWatch::OnTimer() {
-  OSAL_SetThreadName("tansyd-address");
   const std::optional<std::vector<std::string>> adapters = AdapterAddresses();
   const std::string ip = adapters.has_value() ? ChooseLocalIp(listen_, *adapters) : current_;
   if (ip == current_) {

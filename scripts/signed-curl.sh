@@ -113,10 +113,14 @@ fi
 server=${TANSY_SERVER:-}
 if [[ -z $server ]]; then
   port=9700
+  host=127.0.0.1
   if [[ -r $data/listening.toml ]]; then
+    address=$(sed -n 's/^address = "\([0-9A-Fa-f.:]*\)"$/\1/p' "$data/listening.toml")
+    [[ $address == *:* ]] && address="[$address]"
+    host=${address:-$host}
     port=$(sed -n 's/^object-port = \([0-9]\{1,5\}\)$/\1/p' "$data/listening.toml")
   fi
-  server=http://127.0.0.1:${port:-9700}
+  server=http://$host:${port:-9700}
 fi
 
 # What of the headers takes part in the signature.

@@ -64,6 +64,16 @@ TEST_F(SignedCurlTest, FindsTheServerThatRunsOnTheDataFolder) {
   EXPECT_THAT(Run("GET /"), testing::HasSubstr("ListAllMyBucketsResult"));
 }
 
+TEST_F(SignedCurlTest, FindsAServerThatListensElsewhere) {
+  ASSERT_TRUE(server_.Stop());
+  Launch launch;
+  launch.with_keys = false;
+  launch.arguments = {"--listen", "127.0.0.2"};
+  ASSERT_TRUE(server_.Start(launch));
+  names_server_ = false;
+  EXPECT_THAT(Run("GET /"), testing::HasSubstr("ListAllMyBucketsResult"));
+}
+
 TEST_F(SignedCurlTest, SaysWhatIsMissing) {
   int exit_code = 0;
   Run("GET", &exit_code);

@@ -8,6 +8,7 @@
 
 #include "fakes/Ipv6Loopback.h"
 #include "support/Ports.h"
+#include "support/Program.h"
 #include "support/TansydTest.h"
 
 namespace system_tests {
@@ -338,15 +339,44 @@ TEST_F(StartStopTest, HangUpOpensTheLogAnew) {
 }
 
 TEST_F(StartStopTest, FilesAreForTheirOwnerOnly) {
-  ASSERT_TRUE(server_.Start());
-  MakeBucket("b");
-  Put("/b/o", "bytes");
+  const mode_t before = ::umask(0);  // whoever starts tansyd may have any
+  Launch launch;
+  launch.with_https = true;
+  launch.with_keys = false;
+  const bool started = server_.Start(launch);
+  ::umask(before);
+  ASSERT_TRUE(started);
+  std::ifstream file(server_.Data("tansyd.toml"));
+  EXPECT_TRUE(file.good()) << "new credentials are among the files";
+  EXPECT_EQ(ModeOf(server_.Data()) & 0077, 0U);
+  EXPECT_EQ(ModeOf(temp_.Path("data.log")) & 0077, 0U);
+  int keys = 0;
+  int databases = 0;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data())) {
     EXPECT_EQ(ModeOf(entry.path().string()) & 0077, 0U) << entry.path();
+    keys += entry.path().extension() == ".key" ? 1 : 0;
+    databases += entry.path().extension() == ".db" ? 1 : 0;
   }
+  EXPECT_EQ(keys, 1);
+  EXPECT_EQ(databases, 1);
 }
 
-// Running requests finish, new ones are not taken, and the bound holds.
+TEST_F(StartStopTest, StoredBytesAreForTheirOwnerOnly) {
+  const mode_t before = ::umask(0);
+  const bool started = server_.Start();
+  ::umask(before);
+  ASSERT_TRUE(started);
+  MakeBucket("b");
+  Put("/b/o", "bytes");
+  int files = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects"))) {
+    EXPECT_EQ(ModeOf(entry.path().string()) & 0077, 0U) << entry.path();
+    files += entry.path().extension() == ".d" ? 1 : 0;
+  }
+  EXPECT_EQ(files, 1);
+}
+
+// Running requests finish, and new ones are not taken meanwhile.
 TEST_F(StartStopTest, StoppingLetsRunningRequestsFinish) {
   ASSERT_TRUE(server_.Start());
   MakeBucket("b");
@@ -360,7 +390,8 @@ TEST_F(StartStopTest, StoppingLetsRunningRequestsFinish) {
   const std::string first = reader->ReceiveBytes(100000);
   EXPECT_THAT(first, StartsWith("HTTP/1.1 200"));
   server_.Signal(SIGTERM);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  ASSERT_TRUE(WaitUntil([this] { return CConnection::Open(server_.GetObjectPort()) == nullptr; }))
+      << "new clients are turned away";
   EXPECT_TRUE(server_.IsRunning());
   std::string rest = first;
   while (true) {

@@ -66,8 +66,11 @@ TEST_F(CertificateTest, MakesAPairThatIsGood) {
 TEST_F(CertificateTest, WhatIsThereIsUsedAsItIs) {
   MakeCertificateIfMissing(path_, {});
   const std::string certificate = temp_.Read("META_INFO/DefaultCert/A-server.crt");
-  EXPECT_FALSE(MakeCertificateIfMissing(path_, {}));
+  const std::string key = temp_.Read("META_INFO/DefaultCert/A-server.key");
+  EXPECT_FALSE(MakeCertificateIfMissing(path_, {"another-name"}));
   EXPECT_EQ(temp_.Read("META_INFO/DefaultCert/A-server.crt"), certificate);
+  EXPECT_EQ(temp_.Read("META_INFO/DefaultCert/A-server.key"), key);
+  EXPECT_EQ(CheckCertificate(path_), "");
 }
 
 TEST_F(CertificateTest, OneFileWithBothWillDo) {

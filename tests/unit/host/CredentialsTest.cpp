@@ -125,12 +125,25 @@ TEST_F(CredentialsTest, EmptyKeysAreAMistakeEverywhere) {
 }
 
 TEST_F(CredentialsTest, KeysThatWouldBreakTheHeaderAreRefused) {
-  for (const std::string access_key : {"a:b", "a b", "a\tb", "k\xc3\xa9y"}) {
+  const auto refusal = [this](const std::string& access_key, const std::string& secret_key) -> std::string {
     Settings settings;
     settings.access_key = access_key;
-    settings.secret_key = "s";
-    EXPECT_THROW(ObtainCredentials(settings, path_, created_), CStartFailure) << access_key;
+    settings.secret_key = secret_key;
+    try {
+      ObtainCredentials(settings, path_, created_);
+    } catch (const CStartFailure& failure) {
+      EXPECT_EQ(failure.GetExitCode(), kExitFailed);
+      return failure.what();
+    }
+    return "";
+  };
+  for (const std::string key : {"a b", "a\tb", "a\r\nb", "k\xc3\xa9y", "a\x7f"}) {
+    EXPECT_THAT(refusal(key, "s"), testing::HasSubstr("access_key must be")) << key;
+    EXPECT_THAT(refusal("a", key), testing::HasSubstr("secret_key must be")) << key;
+    EXPECT_THAT(refusal("a", key), testing::Not(testing::HasSubstr(key))) << "a secret is not shown";
   }
+  EXPECT_THAT(refusal("a:b", "s"), testing::HasSubstr("access_key must be"));
+  EXPECT_EQ(refusal("a", "s:s"), "") << "a colon hurts in the access key only";
 }
 
 TEST_F(CredentialsTest, AFolderThatCannotBeWrittenIsAFailure) {

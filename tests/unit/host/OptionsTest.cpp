@@ -190,13 +190,30 @@ TEST(OptionsTest, ShownValuesAreShortAndOnOneLine) {
   EXPECT_LT(line.size(), 200U);
 }
 
-TEST(OptionsTest, TwoListenersCannotShareAPort) {
-  HostOptions options;
-  EXPECT_NO_THROW(CheckPorts(options));
-  options.object_https_port = options.picture_https_port = 0;
-  EXPECT_NO_THROW(CheckPorts(options));
-  options.picture_port = options.object_port;
-  EXPECT_THROW(CheckPorts(options), CStartFailure);
+TEST(OptionsTest, NoTwoListenersCanShareAPort) {
+  using Port = std::uint16_t HostOptions::*;
+  const std::pair<const char*, Port> listeners[] = {{"object-port", &HostOptions::object_port},
+                                                    {"object-https-port", &HostOptions::object_https_port},
+                                                    {"picture-port", &HostOptions::picture_port},
+                                                    {"picture-https-port", &HostOptions::picture_https_port}};
+  EXPECT_NO_THROW(CheckPorts(HostOptions()));
+  for (std::size_t i = 0; i < std::size(listeners); ++i) {
+    for (std::size_t j = i + 1; j < std::size(listeners); ++j) {
+      HostOptions options;
+      options.*listeners[i].second = options.*listeners[j].second = 4711;
+      try {
+        CheckPorts(options);
+        ADD_FAILURE() << listeners[i].first << " and " << listeners[j].first;
+      } catch (const CStartFailure& failure) {
+        EXPECT_EQ(failure.GetExitCode(), kExitUsage);
+        EXPECT_EQ(failure.what(), std::string(listeners[i].first) + " and " + listeners[j].first +
+                                      " are both 4711: give each a port of its own");
+      }
+    }
+  }
+  HostOptions without_https;
+  without_https.object_https_port = without_https.picture_https_port = 0;
+  EXPECT_NO_THROW(CheckPorts(without_https)) << "0 is no port";
 }
 
 TEST(OptionsTest, AWanAddressNeedsAPort) {
