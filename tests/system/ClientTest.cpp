@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -164,6 +165,91 @@ TEST_P(ClientTest, UploadsPieceByPiece) {
   }
 }
 
+// The server stores a part at its number times the size of the first one, so that pieces of other sizes would end up in
+// the wrong place, over each other.
+TEST_P(ClientTest, UploadsPiecesOfAllSizes) {
+  constexpr std::size_t kFirst = 100000;
+  const std::string content = RandomBytes(12 * kFirst, 7);
+  const std::size_t sizes[] = {kFirst, kFirst, 1, kFirst + 1, 0, 5 * kFirst + 77, 3, kFirst - 1, kFirst / 2};
+  std::string by_url;
+  std::string alone;
+  std::string named = "sizes.log";
+  std::size_t sent = 0;
+  for (std::size_t i = 0; i < std::size(sizes); ++i) {
+    const char* const piece = content.data() + sent;
+    const auto size = static_cast<unsigned>(sizes[i]);
+    const bool last = i + 1 == std::size(sizes);
+    ASSERT_TRUE(client_->UploadFileByPieces(by_url, piece, size, last)) << i << Error().message;
+    ASSERT_TRUE(client_->UploadFileByPiecesAloneStorage(alone, piece, size, last)) << i << Error().message;
+    ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(named, piece, size, last, i == 0)) << i << Error().message;
+    sent += sizes[i];
+  }
+  for (const std::string& url : {by_url, alone, named}) {
+    EXPECT_TRUE(Get(url) == content.substr(0, sent)) << url;
+  }
+}
+
+TEST_P(ClientTest, RefusesSmallPiecesThatDoNotFit) {
+  std::string url = "small.log";
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "first ", 6, false, true));
+  EXPECT_FALSE(client_->UploadFileByPiecesAndFileName(url, "second ", 7, false, false));
+  EXPECT_EQ(client_->GetLastFailure().code, Tansy::CloudStorage::ClientError::kBadPiece);
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "second", 6, false, false));
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "", 0, true, false)) << Error().message;
+  EXPECT_EQ(Get(url), "first second");
+}
+
+TEST_P(ClientTest, SendsALastPieceAgainThatTheServerRefused) {
+  std::string url = "again.log";
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "one-", 4, false, true));
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "two-", 4, false, false));
+  // Nobody takes the last piece while the server is away.
+  ASSERT_TRUE(server_.Stop());
+  EXPECT_FALSE(client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false));
+  Launch launch;
+  launch.with_https = GetParam();
+  ASSERT_TRUE(server_.Start(launch));
+  const bool done = client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false);
+  // Right or refused: the server may have forgotten the upload, which it then says.
+  EXPECT_EQ(Get(url) == "one-two-end", done) << Error().message;
+}
+
+TEST_P(ClientTest, KeepsPiecesOfEqualNamesInTwoPoolsApart) {
+  MakeBucket("other");
+  SStorageServerConfig config = Config();
+  config.pool_name = "other";
+  CObjectClient other(config);
+  std::string url = "same.log";
+  std::string other_url = url;
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "one ", 4, false, true));
+  ASSERT_TRUE(other.UploadFileByPiecesAndFileName(other_url, "eins ", 5, false, true));
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "two", 3, true, false)) << Error().message;
+  ASSERT_TRUE(other.UploadFileByPiecesAndFileName(other_url, "zwei", 4, true, false));
+  EXPECT_EQ(Get(url), "one two");
+  EXPECT_EQ(Get(other_url), "eins zwei");
+}
+
+TEST_P(ClientTest, NeverMixesTwoVersionsInOneFile) {
+  const std::string before = RandomBytes(20 * kMiB, 8);
+  const std::string after = RandomBytes(20 * kMiB, 9);
+  std::string url = "replaced";
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, before.data(), 20 * kMiB, true, true));
+  SStorageServerConfig config = Config();
+  bool replaced = false;
+  config.callback = [&](UploadProgress progress) {
+    if (progress.percent >= 40 && !std::exchange(replaced, true)) {
+      std::string same = "replaced";
+      EXPECT_TRUE(client_->UploadFileByPiecesAndFileName(same, after.data(), 20 * kMiB, true, true));
+    }
+  };
+  CObjectClient reader(config);
+  EXPECT_FALSE(reader.DownloadFile(url, temp_.Path("mixed")));
+  EXPECT_TRUE(replaced);
+  EXPECT_EQ(reader.GetLastFailure().code, Tansy::CloudStorage::ClientError::kObjectChanged);
+  EXPECT_TRUE(reader.DownloadFile(url, temp_.Path("mixed"))) << reader.GetLastFailure().text;
+  EXPECT_TRUE(temp_.Read("mixed") == after);
+}
+
 TEST_P(ClientTest, UploadsObjectsOfOnePiece) {
   std::string by_url;
   std::string alone;
@@ -232,6 +318,8 @@ TEST_P(ClientTest, SaysWhatTheServerRefuses) {
   EXPECT_FALSE(client_->DownloadFile("/pool/missing", temp_.Path("copy")));
   EXPECT_EQ(Error().message, "DownloadBigObject rsp status code[404].");
   EXPECT_EQ(Error().second, 404);
+  EXPECT_EQ(client_->GetLastFailure().error_code, "NoSuchKey");
+  EXPECT_EQ(client_->GetLastFailure().request, "GET /pool/missing");
   EXPECT_FALSE(temp_.Exists("copy"));
   config = Config();
   config.sk = "wrong";
