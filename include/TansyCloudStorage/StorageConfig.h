@@ -93,13 +93,14 @@ struct UploadProgress {
   std::uint64_t user_data = 0;       // as in the configuration
 };
 
-// Configuration of a client; copied by the client.
+// Configuration of a client; copied by the client, so the host may free it after the constructor. An exception that
+// `callback` throws ends the transfer, which then fails with ClientError::kHostCallback.
 struct SStorageServerConfig {
   bool is_https = false;  // URLs are built as "https://" + ip + ":" + port instead of "http://"
   std::uint32_t upload_port = 0;
   std::uint32_t download_port = 0;
   std::string pool_name;  // bucket of the objects that the client makes
-  std::string ip;         // server address or name
+  std::string ip;         // server address or name; an IPv6 address with or without brackets
   std::string ak;
   std::string sk;
   std::function<void(UploadProgress)> callback;  // may be empty; called on the thread that runs the transfer

@@ -10,50 +10,65 @@
 
 namespace Tansy::CloudStorage {
 
+// What GetLastError says of a failure.
+struct SLastErrorTexts {
+  ClientError code = ClientError::kNone;
+  std::int32_t second = 0;
+  std::string message;
+};
+
 // The most recent failure. Successes do not clear it. Any thread.
 class SLastError {
  public:
-  void Set(ClientError code, const std::string& message) { Set(Make(code, message)); }
-  void Set(ClientError code, std::int32_t second, const std::string& message) { Set(Make(code, message), second); }
+  void Set(ClientError code, const std::string& message) {
+    SClientFailure failure;
+    failure.code = code;
+    failure.text = message;
+    Set(std::move(failure));
+  }
 
   // Leaves the second code as it was.
   void Set(SClientFailure failure) {
     const std::lock_guard lock(mutex_);
+    texts_ = {failure.code, texts_.second, failure.text};
     failure_ = std::move(failure);
-    code_ = failure_.code;
-    message_ = failure_.text;
   }
 
   void Set(SClientFailure failure, std::int32_t second) {
-    Set(std::move(failure));
     const std::lock_guard lock(mutex_);
-    second_ = second;
+    texts_ = {failure.code, second, failure.text};
+    failure_ = std::move(failure);
   }
 
-  void Get(std::int32_t& code, std::int32_t& second, std::string& message) const {
+  // For a failure of which GetLastError says something else, because its codes and texts are fixed.
+  void Set(SClientFailure failure, SLastErrorTexts texts) {
     const std::lock_guard lock(mutex_);
-    message = message_;
-    code = static_cast<std::int32_t>(code_);
-    second = second_;
+    texts_ = std::move(texts);
+    failure_ = std::move(failure);
   }
 
-  SClientFailure Get() const {
+  // Needs no memory.
+  void SetOutOfResources() noexcept {
+    const std::lock_guard lock(mutex_);
+    texts_.code = ClientError::kOutOfResources;
+    texts_.message.clear();
+    failure_ = {};
+    failure_.code = ClientError::kOutOfResources;
+  }
+
+  SLastErrorTexts GetTexts() const {
+    const std::lock_guard lock(mutex_);
+    return texts_;
+  }
+
+  SClientFailure GetFailure() const {
     const std::lock_guard lock(mutex_);
     return failure_;
   }
 
  private:
-  static SClientFailure Make(ClientError code, const std::string& message) {
-    SClientFailure failure;
-    failure.code = code;
-    failure.text = message;
-    return failure;
-  }
-
   mutable std::mutex mutex_;
-  ClientError code_ = ClientError::kNone;
-  std::string message_;
-  std::int32_t second_ = 0;
+  SLastErrorTexts texts_;
   SClientFailure failure_;
 };
 

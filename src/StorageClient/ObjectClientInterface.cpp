@@ -4,17 +4,19 @@
 
 #include "ModuleLog.h"
 #include "StorageClient/ClientState.h"
-#include "StorageClient/LocalFileRead.h"
+#include "StorageClient/HostProgress.h"
+#include "StorageClient/HttpExchange.h"
+#include "StorageClient/LocalFileErrors.h"
 #include "StorageClient/ObjectImpl.h"
 #include "StorageClient/ObjectMultipartUpload.h"
 #include "StorageClient/ObjectProtoClient.h"
 #include "StorageClient/PartUploadRegistry.h"
+#include "StorageClient/ServerAddress.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyCloudStorage/ObjectClient.h"
-#include "TansyNet/HttpClient.h"
 #include "TansyProto/XmlProto.h"
 
 using TansyBase::CLocalFile;
@@ -68,8 +70,7 @@ bool GetSize(SFileUpload& upload, std::uint32_t& size) {
   }
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]ftell file failed!file[%s],errno[%d][%s(%d)]", upload.local_path.c_str(), error);
-    upload.conf->last_error.Set(ClientError::kLocalFile,
-                                StringUtil::str_fmt("ftell file[%s] failed[%d].", upload.path.c_str(), error));
+    upload.conf->last_error.Set(FailureOfFile("ftell", upload.path, error));
     return false;
   }
   return true;
@@ -80,8 +81,7 @@ bool UploadWhole(SFileUpload& upload, CObjectProtoClient& client, const std::str
   const std::uint32_t error = ReadExactly(upload.file, buffer.get(), size);
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]read_elements != 1, error[%d][%s(%d)]", error);
-    upload.conf->last_error.Set(ClientError::kLocalFile,
-                                StringUtil::str_fmt("fread file[%s] failed[%d].", upload.path.c_str(), error));
+    upload.conf->last_error.Set(FailureOfFile("fread", upload.path, error));
     return false;
   }
   std::string url;
@@ -135,7 +135,7 @@ CObjectClient& CObjectClient::operator=(const CObjectClient& other) = default;
 CObjectClient::~CObjectClient() = default;
 
 bool CObjectClient::Init() {
-  return RunGuarded([this] {
+  return RunGuarded(ptr_conf_, [this] {
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]config ptr is null.[%s(%d)]");
       return false;
@@ -159,14 +159,18 @@ bool CObjectClient::Init() {
 }
 
 bool CObjectClient::Uninit() {
-  return RunGuarded([] {
+  return RunGuarded(ptr_conf_, [] {
     CPartUploadRegistry::Instance();
     return true;
   });
 }
 
 bool CObjectClient::UploadFile(std::string& out_url, const std::string& path) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]upload file failed, ptr_conf_ is null.[%s(%d)]");
+      return false;
+    }
     if (path.empty()) {
       CLOUD_LOG(logging::kError, "[%s]path is empty.[%s(%d)]");
       ptr_conf_->last_error.Set(ClientError::kBadArgument, "file path is empty.");
@@ -179,8 +183,7 @@ bool CObjectClient::UploadFile(std::string& out_url, const std::string& path) {
     const std::uint32_t error = upload.file.OpenAlways(path);
     if (error != 0) {
       CLOUD_LOG(logging::kError, "[%s]open file failed[%s], error[%d].[%s(%d)]", upload.local_path.c_str(), error);
-      ptr_conf_->last_error.Set(ClientError::kLocalFile,
-                                StringUtil::str_fmt("open file[%s] failed[%d].", path.c_str(), error));
+      ptr_conf_->last_error.Set(FailureOfFile("open", path, error));
       return false;
     }
     upload.key = TansyBase::GuidUtil::CreateGuid() + details::GetFileExtension(path);
@@ -194,14 +197,21 @@ bool CObjectClient::UploadFile(std::string& out_url, const std::string& path) {
 }
 
 bool CObjectClient::UploadFile(std::string& out_url, const char* data, unsigned int size) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
     if (size > kMaxBufferUploadBytes) {
       CLOUD_LOG(logging::kError, "[%s]upload file failed, size[%d] exceed.[%s(%d)]", size);
-      ptr_conf_->last_error.Set(ClientError::kBadArgument, "file size exceed 32M.");
+      if (ptr_conf_) {
+        ptr_conf_->last_error.Set(ClientError::kBadArgument, "file size exceed 32M.");
+      }
       return false;
     }
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]upload file failed, ptr_conf_ is null.[%s(%d)]");
+      return false;
+    }
+    if (data == nullptr && size > 0) {
+      CLOUD_LOG(logging::kError, "[%s]upload file failed, no data.[%s(%d)]");
+      ptr_conf_->last_error.Set(ClientError::kBadArgument, "no data.");
       return false;
     }
     return details::UploadBuffer(ptr_conf_, out_url, data, size);
@@ -209,7 +219,7 @@ bool CObjectClient::UploadFile(std::string& out_url, const char* data, unsigned 
 }
 
 bool CObjectClient::DownloadFile(const std::string& url, const std::string& local_path) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
     CObjectProtoClient client;
     if (!client.Init(ptr_conf_) || !client.DownloadObject(local_path, url)) {
       CLOUD_LOG(logging::kError, "[%s]download file failed, url[%s].[%s(%d)]", url.c_str());
@@ -220,7 +230,7 @@ bool CObjectClient::DownloadFile(const std::string& url, const std::string& loca
 }
 
 bool CObjectClient::DownloadFile(char** data, unsigned int& size, const std::string& url) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]download file failed, ptr_conf_ is null, url[%s].[%s(%d)]", url.c_str());
       return false;
@@ -235,7 +245,7 @@ bool CObjectClient::DownloadFile(char** data, unsigned int& size, const std::str
 }
 
 bool CObjectClient::DownloadFile(char** data, unsigned int& size, std::string& range, const std::string& url) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]download file failed, ptr_conf_ is null, url[%s], range[%s].[%s(%d)]",
                 url.c_str(), range.c_str());
@@ -251,7 +261,7 @@ bool CObjectClient::DownloadFile(char** data, unsigned int& size, std::string& r
 }
 
 bool CObjectClient::RemoveFileByUrl(const std::string& url) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]Remove file failed, ptr_conf_ is null, url[%s].[%s(%d)]", url.c_str());
       return false;
@@ -266,7 +276,7 @@ bool CObjectClient::RemoveFileByUrl(const std::string& url) {
 }
 
 bool CObjectClient::RemoveObjectFileByUrl(const std::string& url) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]Remove file failed, ptr_conf_ is null, url[%s].[%s(%d)]", url.c_str());
       return false;
@@ -280,39 +290,38 @@ bool CObjectClient::RemoveObjectFileByUrl(const std::string& url) {
   });
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): part of the interface
 bool CObjectClient::GetStorageVersion(std::string& version, SStorageServerInfo server) {
-  return RunGuarded([&] {
+  return RunGuarded(ptr_conf_, [&] {
+    if (!ptr_conf_) {
+      CLOUD_LOG(logging::kError, "[%s]config ptr is null.[%s(%d)]");
+      return false;
+    }
     SRequestParts parts;
     parts.method = "GET";
-    parts.host = server.ip + ":" + std::to_string(server.port);
+    parts.host = HostAndPort(server.ip, std::to_string(server.port));
     parts.url = "http://" + parts.host + "/?version";
     parts.signed_resource = "?version";  // without the path, unlike every other request
     parts.content_type = kXmlContentType;
-    const TansyNet::CHttpClientRequest request = CObjectProtoClient::MakeRequest(parts, server.ak, server.sk);
-    CLOUD_LOG(logging::kNotable, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-    TansyNet::CHttpClientResponse rsp;
-    TansyNet::HttpClient::Error error;
-    if (!TansyNet::HttpClient().Send(request, &rsp, &error)) {
-      CLOUD_LOG(logging::kError, "[%s][Client]send get storage version failed, error[%d:%d][%s(%d)]", error.kind,
-                error.detail);
-      ptr_conf_->last_error.Set(
-          ClientError::kNotSent,
-          StringUtil::str_fmt("Send get storage version msg failed[%d:%d].", error.kind, error.detail));
+    SHttpExchange exchange{CObjectProtoClient::MakeRequest(parts, server.ak, server.sk)};
+    CLOUD_LOG(logging::kNotable, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+    if (!exchange.Send()) {
+      CLOUD_LOG(logging::kError, "[%s][Client]send get storage version failed, error[%d:%d][%s(%d)]",
+                exchange.error.kind, exchange.error.detail);
+      ptr_conf_->last_error.Set(FailureOfSend(exchange, "Send get storage version msg failed"));
       return false;
     }
-    if (rsp.status != kHttpOk) {
-      CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, error[%d:%s][%s(%d)]", rsp.status,
-                rsp.body.c_str());
-      ptr_conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                                StringUtil::str_fmt("get storage version rsp status code[%d].", rsp.status));
+    if (exchange.rsp.status != kHttpOk) {
+      CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+                exchange.rsp.body.c_str());
+      ptr_conf_->last_error.Set(FailureOfStatus(exchange, "get storage version rsp status code"));
       return false;
     }
     TansyProto::CXmlProto xml;
-    if (!xml.Parse(rsp.body)) {
-      CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
-      ptr_conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                                StringUtil::str_fmt("get storage version rsp msg invalid[%s].", rsp.body.c_str()));
+    if (!xml.Parse(exchange.rsp.body)) {
+      CLOUD_LOG(logging::kError, "[%s][Client]get storage version failed, invalid xml[%s][%s(%d)]",
+                exchange.rsp.body.c_str());
+      ptr_conf_->last_error.Set(FailureOfBody(exchange, "get storage version rsp msg invalid"));
       return false;
     }
     version = xml.GetString("/CloudVersion/version");
@@ -327,8 +336,15 @@ void CObjectClient::GetLastError(int& code, std::string& message) {
 }
 
 void CObjectClient::GetLastError(int& code, int& second, std::string& message) {
-  RunGuarded([&] {
-    ptr_conf_->last_error.Get(code, second, message);
+  code = static_cast<int>(ClientError::kOutOfResources);
+  if (!ptr_conf_) {
+    return;
+  }
+  RunGuarded(static_cast<SLastError*>(nullptr), [&] {
+    SLastErrorTexts texts = ptr_conf_->last_error.GetTexts();
+    code = static_cast<int>(texts.code);
+    second = texts.second;
+    message = std::move(texts.message);
     return true;
   });
 }
@@ -338,8 +354,10 @@ SClientFailure CObjectClient::GetLastFailure() const noexcept {
 }
 
 void CObjectClient::SetTimeoutConfig(unsigned int receive_ms, unsigned int send_ms) {
-  ptr_conf_->receive_timeout_ms = receive_ms;
-  ptr_conf_->send_timeout_ms = send_ms;
+  if (ptr_conf_) {
+    ptr_conf_->receive_timeout_ms = receive_ms;
+    ptr_conf_->send_timeout_ms = send_ms;
+  }
 }
 
 std::string CObjectClient::GetAuthString(const std::string& method, const std::string& content_md5,

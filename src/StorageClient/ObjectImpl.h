@@ -29,16 +29,6 @@ inline std::string ObjectPath(const SStorageServerConfig& config, const std::str
   return "/" + config.pool_name + "/" + key;
 }
 
-// Tells the caller's callback, if there is one, how far a transfer has come.
-inline void ReportProgress(const SStorageServerConfig& config, std::int32_t percent) {
-  if (config.callback) {
-    UploadProgress progress;
-    progress.percent = percent;
-    progress.user_data = config.user_data;
-    config.callback(progress);
-  }
-}
-
 }  // namespace Tansy::CloudStorage
 
 #endif  // TANSY_SRC_STORAGE_CLIENT_OBJECT_IMPL_H

@@ -5,7 +5,8 @@
 #include <utility>
 
 #include "ModuleLog.h"
-#include "StorageClient/LocalFileRead.h"
+#include "StorageClient/HostProgress.h"
+#include "StorageClient/LocalFileErrors.h"
 #include "StorageClient/ObjectProtoClient.h"
 #include "StorageClient/PartUploadTask.h"
 #include "TansyBase/StringUtil.h"
@@ -42,6 +43,7 @@ bool CObjectMultipartUpload::Run(TansyBase::CLocalFile& file, std::uint32_t size
   if (!pool_.Start(details::kThreads, details::kThreads, details::kIdleSeconds)) {
     CLOUD_LOG(logging::kError, "[%s]upload file[%s] failed, object key[%s] failed.[%s(%d)]", local_path_.c_str(),
               key_.c_str());
+    conf_->last_error.Set(ClientError::kOutOfResources, "no threads to send parts with.");
     return false;
   }
   const bool sent = SendParts(file, size);
@@ -91,8 +93,7 @@ bool CObjectMultipartUpload::ReadPart(TansyBase::CLocalFile& file, char* buffer,
   const std::uint32_t error = ReadExactly(file, buffer, size);
   if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]read_elements != 1, error[%d][%s(%d)]", error);
-    conf_->last_error.Set(ClientError::kLocalFile,
-                          StringUtil::str_fmt("fread file[%s] failed[%d].", path_.c_str(), error));
+    conf_->last_error.Set(FailureOfFile("fread", path_, error));
     return false;
   }
   return true;
@@ -124,6 +125,8 @@ bool CObjectMultipartUpload::WaitForAllParts() {
     }
     // A server that gives one upload id to two uploads at once mixes their parts up; nothing would ever end this wait.
     if (all_sent) {
+      conf_->last_error.Set(ClientError::kUnexpectedAnswer,
+                            StringUtil::str_fmt("upload id[%s] is in use twice.", upload_id_.c_str()));
       return false;
     }
     ReportPercent(percent);

@@ -6,10 +6,10 @@
 #include <memory>
 #include <string>
 
-#include "StorageClient/MultiUploadMsgLoop.h"
 #include "StorageClient/ObjectImpl.h"
 #include "StorageClient/PartUploadRegistry.h"
 #include "TansyBase/FileUtil.h"
+#include "TansyBase/MessageLoop.h"
 #include "TansyBase/Noncopyable.h"
 
 namespace Tansy::CloudStorage {
@@ -46,7 +46,7 @@ class CObjectMultipartUpload : private TansyBase::CNoncopyable {
   const std::string node_;
 
   std::string upload_id_;
-  CMultiUploadMsgLoop pool_;
+  TansyBase::CMessageLoopDyThreadPool pool_;  // made for this upload and gone with it
   std::list<SPartInfo> parts_;
   std::int32_t seen_finished_ = 0;  // parts known to be finished when the last wait ended
   std::int32_t reported_percent_ = 0;

@@ -1,9 +1,11 @@
 #include "StorageClient/ObjectProtoClient.h"
 
+#include <cstdlib>
 #include <utility>
 
 #include "ModuleLog.h"
 #include "StorageClient/ContentMd5.h"
+#include "StorageClient/ServerAddress.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyCloudStorage/ObjectClient.h"
@@ -12,7 +14,6 @@
 using TansyBase::StringUtil;
 using TansyNet::CHttpClientRequest;
 using TansyNet::CHttpClientResponse;
-using TansyNet::HttpClient;
 
 namespace Tansy::CloudStorage {
 
@@ -25,11 +26,10 @@ constexpr std::uint32_t kFinishTimeoutMs = 60000;  // the server assembles the o
 // hostile, and its answer must not fill the memory.
 constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{1} << 20;
 
-constexpr char kBinaryContentType[] = "binary/octet-stream";
+// Asking for the size of a completed object has no effects, so that a lost answer is worth another try.
+constexpr int kConfirmAttempts = 3;
 
-const char* Scheme(const SStorageServerConfig& config) {
-  return config.is_https ? "https://" : "http://";
-}
+constexpr char kBinaryContentType[] = "binary/octet-stream";
 
 std::string CompletionBody(const std::list<SPartInfo>& parts) {
   TansyProto::CXmlProto xml;
@@ -56,9 +56,9 @@ bool CObjectProtoClient::Init(const std::shared_ptr<ObjectImpl>& conf) {
   }
   conf_ = conf;
   const SStorageServerConfig& config = conf->config;
-  host_ = config.ip + ":" + std::to_string(config.upload_port);
-  upload_base_ = details::Scheme(config) + host_;
-  download_base_ = details::Scheme(config) + config.ip + ":" + std::to_string(config.download_port);
+  host_ = HostAndPort(config.ip, std::to_string(config.upload_port));
+  upload_base_ = Scheme(config) + host_;
+  download_base_ = Scheme(config) + HostAndPort(config.ip, std::to_string(config.download_port));
   return true;
 }
 
@@ -90,6 +90,13 @@ CHttpClientRequest CObjectProtoClient::MakeRequest(const SRequestParts& parts, c
   return request;
 }
 
+// The number at the start of a header's value; 0 when there is none or it is negative.
+std::uint64_t CObjectProtoClient::HeaderNumber(const CHttpClientResponse& rsp, const std::string& name) {
+  const std::string value = rsp.GetHeader(name);
+  const long long number = std::strtoll(value.c_str(), nullptr, 10);
+  return number > 0 ? static_cast<std::uint64_t>(number) : 0;
+}
+
 CHttpClientRequest CObjectProtoClient::SignRequest(SRequestParts parts, const std::string& base,
                                                    const std::string& resource) const {
   parts.url = base + resource;
@@ -97,34 +104,33 @@ CHttpClientRequest CObjectProtoClient::SignRequest(SRequestParts parts, const st
   return MakeRequest(parts, conf_->config.ak, conf_->config.sk);
 }
 
+std::string CObjectProtoClient::NodeBase(const std::string& node) const {
+  return Scheme(conf_->config) + NodeAddress(node);
+}
+
 bool CObjectProtoClient::GetBestNode(std::string& location, const std::string& key) {
   SRequestParts parts;
   parts.method = "GET";
   parts.host = host_;
   parts.content_type = kXmlContentType;
-  const CHttpClientRequest request =
-      SignRequest(std::move(parts), upload_base_, ObjectPath(conf_->config, key) + "?bestnode");
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
-    CLOUD_LOG(logging::kError, "[%s][Client]send get best node failed, error[%d:%d][%s(%d)]", error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("Send get best node msg failed[%d:%d].", error.kind, error.detail));
+  SHttpExchange exchange{SignRequest(std::move(parts), upload_base_, ObjectPath(conf_->config, key) + "?bestnode")};
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
+    CLOUD_LOG(logging::kError, "[%s][Client]send get best node failed, error[%d:%d][%s(%d)]", exchange.error.kind,
+              exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "Send get best node msg failed"));
     return false;
   }
-  if (rsp.status != kHttpOk) {
-    CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, error[%d:%s][%s(%d)]", rsp.status, rsp.body.c_str());
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("get best node rsp status code[%d].", rsp.status));
+  if (exchange.rsp.status != kHttpOk) {
+    CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+              exchange.rsp.body.c_str());
+    conf_->last_error.Set(FailureOfStatus(exchange, "get best node rsp status code"));
     return false;
   }
   TansyProto::CXmlProto xml;
-  if (!xml.Parse(rsp.body)) {
-    CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("get best node rsp msg invalid[%s].", rsp.body.c_str()));
+  if (!xml.Parse(exchange.rsp.body)) {
+    CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, invalid xml[%s][%s(%d)]", exchange.rsp.body.c_str());
+    conf_->last_error.Set(FailureOfBody(exchange, "get best node rsp msg invalid"));
     return false;
   }
   location = xml.GetString("/BestNodeInfo/Location");
@@ -132,11 +138,16 @@ bool CObjectProtoClient::GetBestNode(std::string& location, const std::string& k
   return true;
 }
 
-void CObjectProtoClient::SetUploadError(const CHttpClientResponse& rsp, const std::string& message) {
-  conf_->last_error.Set(ClientError::kUnexpectedAnswer, message);
-  if (rsp.status == details::kStatusServerError && rsp.body.find("NotEnoughSpace") != std::string::npos) {
-    conf_->last_error.Set(ClientError::kNoSpace, StringUtil::str_fmt("upload object rsp status code[%d].", rsp.status));
+void CObjectProtoClient::SetUploadError(const SHttpExchange& exchange, const char* what) {
+  if (exchange.rsp.status == details::kStatusServerError &&
+      exchange.rsp.body.find("NotEnoughSpace") != std::string::npos) {
+    // The same words, whichever request it was.
+    conf_->last_error.Set(
+        FailureOfAnswer(exchange, ClientError::kNoSpace,
+                        StringUtil::str_fmt("upload object rsp status code[%d].", exchange.rsp.status)));
+    return;
   }
+  conf_->last_error.Set(FailureOfStatus(exchange, what));
 }
 
 bool CObjectProtoClient::UploadObject(std::string& out_url, const std::string& node, const std::string& key,
@@ -149,23 +160,21 @@ bool CObjectProtoClient::UploadObject(std::string& out_url, const std::string& n
   parts.body = data;
   parts.body_size = size;
   parts.with_content_md5 = true;
-  const CHttpClientRequest request = SignRequest(std::move(parts), details::Scheme(conf_->config) + node, path);
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
-    CLOUD_LOG(logging::kError, "[%s][Client]send upload object failed, error[%d:%d][%s(%d)]", error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("Send upload object msg failed[%d:%d].", error.kind, error.detail));
+  SHttpExchange exchange{SignRequest(std::move(parts), NodeBase(node), path)};
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
+    CLOUD_LOG(logging::kError, "[%s][Client]send upload object failed, error[%d:%d][%s(%d)]", exchange.error.kind,
+              exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "Send upload object msg failed"));
     return false;
   }
-  if (rsp.status != kHttpOk) {
-    CLOUD_LOG(logging::kError, "[%s][Client]upload object failed, error[%d:%s][%s(%d)]", rsp.status, rsp.body.c_str());
-    SetUploadError(rsp, StringUtil::str_fmt("upload object rsp status code[%d].", rsp.status));
+  if (exchange.rsp.status != kHttpOk) {
+    CLOUD_LOG(logging::kError, "[%s][Client]upload object failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+              exchange.rsp.body.c_str());
+    SetUploadError(exchange, "upload object rsp status code");
     return false;
   }
-  CLOUD_LOG(logging::kNotable, "[%s][Client]upload object success, url[%s][%s(%d)]", request.url.c_str());
+  CLOUD_LOG(logging::kNotable, "[%s][Client]upload object success, url[%s][%s(%d)]", exchange.request.url.c_str());
   out_url = path;
   return true;
 }
@@ -175,30 +184,25 @@ bool CObjectProtoClient::CreatePartTask(std::string& upload_id, const std::strin
   SRequestParts parts;
   parts.method = "POST";
   parts.host = host_;
-  const CHttpClientRequest request =
-      SignRequest(std::move(parts), upload_base_, ObjectPath(conf_->config, key) + "?uploads");
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
+  SHttpExchange exchange{SignRequest(std::move(parts), upload_base_, ObjectPath(conf_->config, key) + "?uploads")};
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
     CLOUD_LOG(logging::kError, "[%s][Client]send create part task failed, bucket[%s], object[%s], error[%d:%d][%s(%d)]",
-              bucket, key.c_str(), error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("Send CreatePartTask msg failed[%d:%d].", error.kind, error.detail));
+              bucket, key.c_str(), exchange.error.kind, exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "Send CreatePartTask msg failed"));
     return false;
   }
-  if (rsp.status != kHttpOk) {
+  if (exchange.rsp.status != kHttpOk) {
     CLOUD_LOG(logging::kError, "[%s][Client]create part task failed, bucket[%s], object[%s], error[%d:%s][%s(%d)]",
-              bucket, key.c_str(), rsp.status, rsp.body.c_str());
-    SetUploadError(rsp, StringUtil::str_fmt("CreatePartTask rsp status code[%d].", rsp.status));
+              bucket, key.c_str(), exchange.rsp.status, exchange.rsp.body.c_str());
+    SetUploadError(exchange, "CreatePartTask rsp status code");
     return false;
   }
   TansyProto::CXmlProto xml;
-  if (!xml.Parse(rsp.body)) {
-    CLOUD_LOG(logging::kError, "[%s][Client]create part task failed, invalid xml[%s][%s(%d)]", rsp.body.c_str());
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("CreatePartTask rsp msg invalid[%s].", rsp.body.c_str()));
+  if (!xml.Parse(exchange.rsp.body)) {
+    CLOUD_LOG(logging::kError, "[%s][Client]create part task failed, invalid xml[%s][%s(%d)]",
+              exchange.rsp.body.c_str());
+    conf_->last_error.Set(FailureOfBody(exchange, "CreatePartTask rsp msg invalid"));
     return false;
   }
   upload_id = xml.GetString("/InitiateMultipartUploadResult/UploadId");
@@ -218,25 +222,20 @@ bool CObjectProtoClient::UploadPartObject(const std::string& key, const std::str
   parts.body_size = size;
   parts.with_content_md5 = true;
   const std::string query = "?upload_id=" + upload_id + "&part_number=" + std::to_string(part_number);
-  const CHttpClientRequest request =
-      SignRequest(std::move(parts), details::Scheme(conf_->config) + node, ObjectPath(conf_->config, key) + query);
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
+  SHttpExchange exchange{SignRequest(std::move(parts), NodeBase(node), ObjectPath(conf_->config, key) + query)};
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
     CLOUD_LOG(logging::kError,
               "[%s][Client]send upload part object[bucket:%s object:%s][taskid:%s:%d] failed, error[%d:%d][%s(%d)]",
-              bucket, key.c_str(), upload_id.c_str(), part_number, error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("Send UploadPartObject msg failed[%d:%d].", error.kind, error.detail));
+              bucket, key.c_str(), upload_id.c_str(), part_number, exchange.error.kind, exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "Send UploadPartObject msg failed"));
     return false;
   }
-  if (rsp.status != kHttpOk) {
+  if (exchange.rsp.status != kHttpOk) {
     CLOUD_LOG(logging::kError,
               "[%s][Client]upload part object[bucket:%s object:%s][taskid:%s:%d] failed, error[%d:%s][%s(%d)]", bucket,
-              key.c_str(), upload_id.c_str(), part_number, rsp.status, rsp.body.c_str());
-    SetUploadError(rsp, StringUtil::str_fmt("UploadPartObject rsp status code[%d].", rsp.status));
+              key.c_str(), upload_id.c_str(), part_number, exchange.rsp.status, exchange.rsp.body.c_str());
+    SetUploadError(exchange, "UploadPartObject rsp status code");
     return false;
   }
   return true;
@@ -253,29 +252,101 @@ bool CObjectProtoClient::FinishPartTask(const std::string& upload_id, const std:
   request_parts.body = body.data();
   request_parts.body_size = body.size();
   request_parts.with_content_md5 = true;
-  CHttpClientRequest request =
-      SignRequest(std::move(request_parts), upload_base_, ObjectPath(conf_->config, key) + "?upload_id=" + upload_id);
-  request.receive_timeout_ms = details::kFinishTimeoutMs;
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
+  SHttpExchange exchange{
+      SignRequest(std::move(request_parts), upload_base_, ObjectPath(conf_->config, key) + "?upload_id=" + upload_id)};
+  exchange.request.receive_timeout_ms = details::kFinishTimeoutMs;
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
     CLOUD_LOG(logging::kError,
               "[%s][Client]send finish part task[bucket:%s object:%s][taskid:%s] failed, error[%d:%d][%s(%d)]", bucket,
-              key.c_str(), upload_id.c_str(), error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("Send FinishPartTask msg failed[%d:%d].", error.kind, error.detail));
+              key.c_str(), upload_id.c_str(), exchange.error.kind, exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "Send FinishPartTask msg failed"));
     return false;
   }
-  if (rsp.status != kHttpOk) {
+  if (exchange.rsp.status != kHttpOk) {
     CLOUD_LOG(logging::kError,
               "[%s][Client]finish part task[bucket:%s object:%s][taskid:%s] failed, error[%d:%s][%s(%d)]", bucket,
-              key.c_str(), upload_id.c_str(), rsp.status, rsp.body.c_str());
-    SetUploadError(rsp, StringUtil::str_fmt("FinishPartTask rsp status code[%d].", rsp.status));
+              key.c_str(), upload_id.c_str(), exchange.rsp.status, exchange.rsp.body.c_str());
+    SetUploadError(exchange, "FinishPartTask rsp status code");
+    return false;
+  }
+  return ConfirmSize(exchange, key, parts);
+}
+
+bool CObjectProtoClient::ConfirmSize(const SHttpExchange& completion, const std::string& key,
+                                     const std::list<SPartInfo>& parts) {
+  std::uint64_t expected_size = 0;
+  for (const SPartInfo& part : parts) {
+    expected_size += part.part_size;
+  }
+  SObjectVersion version;
+  if (!ConfirmVersion(version, upload_base_, ObjectPath(conf_->config, key))) {
+    return false;
+  }
+  if (version.size != expected_size) {
+    const auto actual = static_cast<unsigned long long>(version.size);
+    const auto expected = static_cast<unsigned long long>(expected_size);
+    CLOUD_LOG(logging::kError, "[%s][Client]object[%s] has [%llu] bytes after its completion instead of [%llu][%s(%d)]",
+              key.c_str(), actual, expected);
+    conf_->last_error.Set(
+        FailureOfAnswer(completion, ClientError::kWrongContent,
+                        StringUtil::str_fmt("object size[%llu] instead of [%llu].", actual, expected)));
     return false;
   }
   return true;
+}
+
+bool CObjectProtoClient::ConfirmVersion(SObjectVersion& version, const std::string& base, const std::string& url) {
+  SClientFailure failure;
+  for (int attempt = 1; !GetObjectSize(version, failure, base, url); ++attempt) {
+    if (attempt == details::kConfirmAttempts) {
+      conf_->last_error.Set(std::move(failure));
+      return false;
+    }
+  }
+  return true;
+}
+
+bool CObjectProtoClient::GetObjectSize(SObjectVersion& version, SClientFailure& failure, const std::string& base,
+                                       const std::string& url) {
+  SRequestParts parts;
+  parts.method = "GET";
+  parts.host = host_;
+  parts.content_type = kXmlContentType;
+  SHttpExchange exchange{SignRequest(std::move(parts), base, url + "?metadata")};
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
+    CLOUD_LOG(logging::kError, "[%s][Client]send get metadata failed, error[%d:%d][%s(%d)]", exchange.error.kind,
+              exchange.error.detail);
+    failure = FailureOfSend(exchange, "Send get metadata msg failed");
+    return false;
+  }
+  if (exchange.rsp.status != kHttpOk) {
+    CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+              exchange.rsp.body.c_str());
+    failure = FailureOfAnswer(exchange, ClientError::kUnexpectedAnswer,
+                              StringUtil::str_fmt("get metadata rsp status code[%d].", exchange.rsp.status));
+    return false;
+  }
+  version.size = HeaderNumber(exchange.rsp, "Object-Size");
+  version.etag = exchange.rsp.GetHeader("ETag");
+  return true;
+}
+
+bool CObjectProtoClient::CheckPath(const std::string& url) {
+  if (url.starts_with('/')) {
+    return true;
+  }
+  SClientFailure failure;
+  const bool absolute = url.find("://") != std::string::npos;
+  const bool foreign = absolute && !IsConfiguredServer(conf_->config, url);
+  failure.code = foreign ? ClientError::kForeignAddress : ClientError::kBadArgument;
+  failure.text =
+      StringUtil::str_fmt(foreign ? "url[%s] names another server." : "url[%s] is no object path.", url.c_str());
+  failure.address = absolute ? AddressOfUrl(url) : std::string();
+  CLOUD_LOG(logging::kError, "[%s][Client]%s[%s(%d)]", failure.text.c_str());
+  conf_->last_error.Set(std::move(failure));
+  return false;
 }
 
 bool CObjectProtoClient::RemoveFile(const std::string& url) {
@@ -287,25 +358,24 @@ bool CObjectProtoClient::RemoveObjectFile(const std::string& url) {
 }
 
 bool CObjectProtoClient::Remove(const std::string& url, const std::string& resource) {
+  if (!CheckPath(url)) {
+    return false;
+  }
   SRequestParts parts;  // without a Host header
   parts.method = "DELETE";
   parts.content_type = kXmlContentType;
-  const CHttpClientRequest request = SignRequest(std::move(parts), upload_base_, resource);
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
+  SHttpExchange exchange{SignRequest(std::move(parts), upload_base_, resource)};
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
     CLOUD_LOG(logging::kError, "[%s][Client]send remove object[%s] failed, error[%d:%d][%s(%d)]", url.c_str(),
-              error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("send remove object failed[%d:%d].", error.kind, error.detail));
+              exchange.error.kind, exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "send remove object failed"));
     return false;
   }
-  if (rsp.status != kHttpOk) {
-    CLOUD_LOG(logging::kError, "[%s][Client]remove object failed, error[%d:%s][%s(%d)]", rsp.status, rsp.body.c_str());
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("remove object rsp status code[%d].", rsp.status));
+  if (exchange.rsp.status != kHttpOk) {
+    CLOUD_LOG(logging::kError, "[%s][Client]remove object failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+              exchange.rsp.body.c_str());
+    conf_->last_error.Set(FailureOfStatus(exchange, "remove object rsp status code"));
     return false;
   }
   CLOUD_LOG(logging::kNotable, "[%s][Client]remove object success, url[%s][%s(%d)]", url.c_str());
@@ -313,6 +383,14 @@ bool CObjectProtoClient::Remove(const std::string& url, const std::string& resou
 }
 
 bool CObjectProtoClient::SendObjectMsg(CHttpClientResponse& rsp, const std::string& base, const std::string& url,
+                                       const std::string& method, const std::string& body, const std::string& range) {
+  SHttpExchange exchange;
+  const bool sent = SendObjectMsg(exchange, base, url, method, body, range, kMaxDownloadBytes);
+  rsp = std::move(exchange.rsp);
+  return sent;
+}
+
+bool CObjectProtoClient::SendObjectMsg(SHttpExchange& exchange, const std::string& base, const std::string& url,
                                        const std::string& method, const std::string& body, const std::string& range,
                                        std::uint64_t max_answer_bytes) {
   SRequestParts parts;
@@ -320,23 +398,20 @@ bool CObjectProtoClient::SendObjectMsg(CHttpClientResponse& rsp, const std::stri
   parts.host = host_;
   parts.body = body.empty() ? nullptr : body.data();
   parts.body_size = body.size();
-  CHttpClientRequest request = SignRequest(std::move(parts), base, url);
-  request.receive_timeout_ms = conf_->receive_timeout_ms;
-  request.send_timeout_ms = conf_->send_timeout_ms;
-  request.max_body_bytes = max_answer_bytes;
+  exchange = {SignRequest(std::move(parts), base, url)};
+  exchange.request.receive_timeout_ms = conf_->receive_timeout_ms;
+  exchange.request.send_timeout_ms = conf_->send_timeout_ms;
+  exchange.request.max_body_bytes = max_answer_bytes;
   if (!range.empty()) {
-    request.headers["Range"] = "bytes=" + range;
+    exchange.request.headers["Range"] = "bytes=" + range;
     CLOUD_LOG(logging::kTrace, "[%s][Client]send object msg, url:%s%s, range[%s][%s(%d)]", base.c_str(), url.c_str(),
               range.c_str());
   }
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", exchange.request.url.c_str());
+  if (!exchange.Send()) {
     CLOUD_LOG(logging::kError, "[%s][Client]send object msg failed, url:%s%s, error[%d:%d][%s(%d)]", base.c_str(),
-              url.c_str(), error.kind, error.detail);
-    conf_->last_error.Set(ClientError::kNotSent,
-                          StringUtil::str_fmt("SendObjectMsg msg failed[%d:%d].", error.kind, error.detail));
+              url.c_str(), exchange.error.kind, exchange.error.detail);
+    conf_->last_error.Set(FailureOfSend(exchange, "SendObjectMsg msg failed"));
     return false;
   }
   return true;

@@ -2,11 +2,13 @@
 #ifndef TANSY_SRC_STORAGE_CLIENT_OBJECT_PROTO_CLIENT_H
 #define TANSY_SRC_STORAGE_CLIENT_OBJECT_PROTO_CLIENT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
 #include <string>
 
+#include "StorageClient/HttpExchange.h"
 #include "StorageClient/ObjectImpl.h"
 #include "StorageClient/PartUploadRegistry.h"
 #include "TansyBase/FileUtil.h"
@@ -32,15 +34,22 @@ struct SRequestParts {
   bool with_content_md5 = false;  // of the body
 };
 
-// One operation is one HTTP request; nothing is tried again here. Made for one operation of a client, or shared by the
-// parts of one upload. Only status 200 is success. Errors: false, a log line, and (where a request failed) the shared
-// last error.
+// What a server says of a stored object.
+struct SObjectVersion {
+  std::uint64_t size = 0;  // 0 when it does not say
+  std::string etag;        // changes whenever the object is replaced; empty when it does not say
+};
+
+// One operation is one HTTP request, except that a completion asks for the object's size afterwards; no request with
+// effects is tried again here. Made for one operation of a client, or shared by the parts of one upload. Only status
+// 200 is success. Errors: false, a log line and the shared last error.
 //
 // Threads: the requests keep no state and may run at once; a download keeps its state here, one at a time.
 class CObjectProtoClient : private TansyBase::CNoncopyable {
  public:
   // False when `conf` is empty; nothing else may then be called.
   bool Init(const std::shared_ptr<ObjectImpl>& conf);
+  SLastError& LastError() const { return conf_->last_error; }
 
   // `location` becomes the "host:port" that uploads of this key go to.
   bool GetBestNode(std::string& location, const std::string& key);
@@ -51,7 +60,7 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
   bool CreatePartTask(std::string& upload_id, const std::string& key);
   bool UploadPartObject(const std::string& key, const std::string& node, int part_number, const std::string& upload_id,
                         const char* data, unsigned int size);
-  // `parts` in upload order.
+  // `parts` in upload order. True only when the server then holds an object of the size of all parts together.
   bool FinishPartTask(const std::string& upload_id, const std::string& key, std::list<SPartInfo> parts);
 
   // `url` is an object path. The second frees the stored bytes too.
@@ -59,10 +68,9 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
   bool RemoveObjectFile(const std::string& url);
 
   // A signed request to any base URL with the client's time-outs; true whatever the answer's status. `range` is what
-  // follows "bytes=", or empty. An answer with more than `max_answer_bytes` is an error.
+  // follows "bytes=", or empty.
   bool SendObjectMsg(TansyNet::CHttpClientResponse& rsp, const std::string& base, const std::string& url,
-                     const std::string& method, const std::string& body, const std::string& range,
-                     std::uint64_t max_answer_bytes = kMaxDownloadBytes);
+                     const std::string& method, const std::string& body, const std::string& range);
 
   // Into memory: `*data` is new[]-allocated, `*size` + 1 bytes with a NUL at the end, and the caller's.
   bool DownloadObject(char** data, unsigned int* size, const std::string& range, const std::string& url);
@@ -80,27 +88,53 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
   // The same under the configured keys; `base` + `resource` is the URL, `resource` is signed.
   TansyNet::CHttpClientRequest SignRequest(SRequestParts parts, const std::string& base,
                                            const std::string& resource) const;
+  // The number at the start of a header's value; 0 when there is none or it is negative.
+  static std::uint64_t HeaderNumber(const TansyNet::CHttpClientResponse& rsp, const std::string& name);
+  // Scheme and address of a node that a best-node answer names. Signed requests go there because the configured server,
+  // which knows the secret key itself, says so.
+  std::string NodeBase(const std::string& node) const;
+  // False, with the last error, unless `url` is a path: anything else could change the server that a request goes to.
+  bool CheckPath(const std::string& url);
   bool Remove(const std::string& url, const std::string& resource);
-  // Last error 5 with `message`, or 7 when the server says that it is out of space.
-  void SetUploadError(const TansyNet::CHttpClientResponse& rsp, const std::string& message);
+  // An answer with more than `max_answer_bytes` is an error.
+  bool SendObjectMsg(SHttpExchange& exchange, const std::string& base, const std::string& url,
+                     const std::string& method, const std::string& body, const std::string& range,
+                     std::uint64_t max_answer_bytes);
+
+  // The last error of an answer with another status, or that the server is out of space.
+  void SetUploadError(const SHttpExchange& exchange, const char* what);
+  void SetDownloadError(const SHttpExchange& exchange);
+
+  // False when the server does not say what it holds; `failure` then says why, and the last error stays as it is.
+  bool GetObjectSize(SObjectVersion& version, SClientFailure& failure, const std::string& base, const std::string& url);
+  // The same, tried again a few times; sets the last error.
+  bool ConfirmVersion(SObjectVersion& version, const std::string& base, const std::string& url);
+  // Whether a completed upload has the size of its parts.
+  bool ConfirmSize(const SHttpExchange& completion, const std::string& key, const std::list<SPartInfo>& parts);
 
   // The answer to a GET of `url`, or of what it redirects to: false unless its status is 200.
-  bool GetObjectBytes(TansyNet::CHttpClientResponse& rsp, const std::string& url, const std::string& range,
+  bool GetObjectBytes(SHttpExchange& exchange, const std::string& url, const std::string& range,
                       std::uint64_t max_answer_bytes);
-  bool FollowRedirect(TansyNet::CHttpClientResponse& rsp, const std::string& range, std::uint64_t max_answer_bytes);
-  // Cuts an absolute URL after its host and port.
-  bool SplitLocation(const std::string& location, std::string& base, std::string& path);
-  void SetDownloadError(const TansyNet::CHttpClientResponse& rsp);
+  bool FollowRedirect(SHttpExchange& exchange, const std::string& range, std::uint64_t max_answer_bytes);
+  // Cuts an absolute URL after its host and port. `exchange` is the one that was redirected there.
+  bool SplitLocation(const SHttpExchange& exchange, const std::string& location, std::string& base, std::string& path);
 
-  // 0 when the server does not say.
-  std::uint64_t GetObjectSize(const std::string& url);
+  bool DownloadIntoFile(const std::string& url);
   bool DownloadByStream(const std::string& url);
   bool SendStreamRequest(const std::string& base, const std::string& url);
   bool RedirectStream(const std::string& url);
-  bool DownloadByRanges(const std::string& url);
-  bool AppendRange(const TansyNet::CHttpClientResponse& rsp, std::uint64_t expected_size);
+  void SetStreamNotSent();
+  // The status of a streamed answer, or what is wrong with the local file.
+  void SetStreamStatus();
+  bool DownloadByRanges(const std::string& url, const SObjectVersion& version);
+  // Close the file and set the last error when the object was replaced meanwhile.
+  bool CheckTag(const SHttpExchange& exchange, const std::string& etag);
+  bool CheckSizeAgain(const std::string& url);
+  bool AppendRange(const SHttpExchange& exchange, std::uint64_t expected_size);
+  void KeepErrorBody(const char* data, std::size_t size);
   bool CreateLocalFile();
   bool WriteLocalFile(const char* data, std::uint32_t size);
+  void SetFileFailure(std::int32_t status, const char* operation, std::uint32_t error);
   void ReportDownloadProgress();
 
   std::shared_ptr<ObjectImpl> conf_;
@@ -110,8 +144,9 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
 
   // State of a download into a file.
   std::int32_t file_status_ = -1;  // HTTP status of the streamed answer, or why the local file could not be written
+  SClientFailure file_failure_;    // why, in the second case
+  SHttpExchange stream_;  // the request of a streamed download, with the answer's head and an error body's start
   std::string redirect_location_;
-  TansyNet::HttpClient::Error stream_error_;
   std::string local_path_;
   std::uint64_t total_size_ = 0;
   std::uint64_t written_size_ = 0;

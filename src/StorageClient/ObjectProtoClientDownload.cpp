@@ -1,15 +1,17 @@
 #include <algorithm>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
 #include <new>
 #include <utility>
 
 #include "ModuleLog.h"
+#include "StorageClient/HostProgress.h"
+#include "StorageClient/LocalFileErrors.h"
 #include "StorageClient/ObjectProtoClient.h"
+#include "StorageClient/ServerAddress.h"
 #include "TansyBase/StringUtil.h"
 
 using TansyBase::StringUtil;
-using TansyNet::CHttpClientRequest;
 using TansyNet::CHttpClientResponse;
 using TansyNet::HttpClient;
 
@@ -30,15 +32,11 @@ constexpr std::int32_t kSystemErrorBase = 1000000;
 
 constexpr std::int32_t kErrorNotEnoughMemory = 8;
 
+// What is kept of an error's body for its name.
+constexpr std::size_t kMaxErrorBodyBytes = 4096;
+
 bool IsRedirect(std::int32_t status) {
   return status == 301 || status == 302;
-}
-
-// The number at the start of a header's value; 0 when there is none or it is negative.
-std::uint64_t HeaderNumber(const CHttpClientResponse& rsp, const std::string& name) {
-  const std::string value = rsp.GetHeader(name);
-  const long long number = std::strtoll(value.c_str(), nullptr, 10);
-  return number > 0 ? static_cast<std::uint64_t>(number) : 0;
 }
 
 // What may be read of a body: never more than was received, whatever length was announced.
@@ -55,91 +53,93 @@ bool Failed(const HttpClient::Error& error) {
 
 bool CObjectProtoClient::DownloadObject(char** data, unsigned int* size, const std::string& range,
                                         const std::string& url) {
-  CHttpClientResponse rsp;
-  if (!GetObjectBytes(rsp, url, range, kMaxDownloadBytes)) {
+  if (data == nullptr || size == nullptr) {
+    CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s[%s(%d)]", url.c_str());
+    conf_->last_error.Set(ClientError::kBadArgument, "no place for the object.");
     return false;
   }
-  const std::uint64_t length = details::BodyLength(rsp);
+  SHttpExchange exchange;
+  if (!CheckPath(url) || !GetObjectBytes(exchange, url, range, kMaxDownloadBytes)) {
+    return false;
+  }
+  const std::uint64_t length = details::BodyLength(exchange.rsp);
   char* const buffer = new (std::nothrow) char[length + 1];
   if (buffer == nullptr) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s[%s(%d)]", url.c_str());
-    conf_->last_error.Set(
-        ClientError::kNotSent,
-        StringUtil::str_fmt("SendObjectMsg msg failed[%d:%d].", HttpClient::kTooLarge, details::kErrorNotEnoughMemory));
+    exchange.error = {HttpClient::kTooLarge, details::kErrorNotEnoughMemory};
+    conf_->last_error.Set(FailureOfSend(exchange, "SendObjectMsg msg failed"));
     return false;
   }
-  std::memcpy(buffer, rsp.body.data(), length);
+  std::memcpy(buffer, exchange.rsp.body.data(), length);
   buffer[length] = '\0';
   *data = buffer;
   *size = static_cast<unsigned int>(length);
   return true;
 }
 
-bool CObjectProtoClient::GetObjectBytes(CHttpClientResponse& rsp, const std::string& url, const std::string& range,
+bool CObjectProtoClient::GetObjectBytes(SHttpExchange& exchange, const std::string& url, const std::string& range,
                                         std::uint64_t max_answer_bytes) {
-  if (!SendObjectMsg(rsp, download_base_, url, "GET", "", range, max_answer_bytes)) {
+  if (!SendObjectMsg(exchange, download_base_, url, "GET", "", range, max_answer_bytes)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s[%s(%d)]", url.c_str());
-    if (file_.IsOpen()) {
-      file_.Close();
-    }
+    file_.Close();
     return false;
   }
-  if (details::IsRedirect(rsp.status)) {
-    return FollowRedirect(rsp, range, max_answer_bytes);
+  if (details::IsRedirect(exchange.rsp.status)) {
+    return FollowRedirect(exchange, range, max_answer_bytes);
   }
-  if (rsp.status != kHttpOk) {
-    SetDownloadError(rsp);
+  if (exchange.rsp.status != kHttpOk) {
+    SetDownloadError(exchange);
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s, status code:%d, body:%s[%s(%d)]",
-              download_base_.c_str(), rsp.status, rsp.body.c_str());
+              download_base_.c_str(), exchange.rsp.status, exchange.rsp.body.c_str());
     return false;
   }
   return true;
 }
 
-void CObjectProtoClient::SetDownloadError(const CHttpClientResponse& rsp) {
-  if (rsp.body.find("NoSuchBucket") != std::string::npos) {
-    conf_->last_error.Set(ClientError::kNoSuchBucket, "NoSuchBucket");
-  } else if (rsp.body.find("NoSuchKey") != std::string::npos) {
-    conf_->last_error.Set(ClientError::kNoSuchKey, "NoSuchKey");
+void CObjectProtoClient::SetDownloadError(const SHttpExchange& exchange) {
+  if (exchange.rsp.body.find("NoSuchBucket") != std::string::npos) {
+    conf_->last_error.Set(FailureOfAnswer(exchange, ClientError::kNoSuchBucket, "NoSuchBucket"));
+  } else if (exchange.rsp.body.find("NoSuchKey") != std::string::npos) {
+    conf_->last_error.Set(FailureOfAnswer(exchange, ClientError::kNoSuchKey, "NoSuchKey"));
   } else {
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(FailureOfStatus(exchange, "DownloadObject rsp status code"));
   }
 }
 
-bool CObjectProtoClient::FollowRedirect(CHttpClientResponse& rsp, const std::string& range,
+bool CObjectProtoClient::FollowRedirect(SHttpExchange& exchange, const std::string& range,
                                         std::uint64_t max_answer_bytes) {
   std::string base;
   std::string path;
-  if (!SplitLocation(rsp.GetHeader("Location"), base, path)) {
+  if (!SplitLocation(exchange, exchange.rsp.GetHeader("Location"), base, path)) {
     return false;
   }
-  rsp = {};
-  if (!SendObjectMsg(rsp, base, path, "GET", "", range, max_answer_bytes)) {
+  if (!SendObjectMsg(exchange, base, path, "GET", "", range, max_answer_bytes)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, redirect url:%s[%s(%d)]",
               (base + path).c_str());
     return false;
   }
-  if (rsp.status != kHttpOk) {
+  if (exchange.rsp.status != kHttpOk) {
     CLOUD_LOG(logging::kError,
               "[%s][Client]send download object failed, redirect url:%s, status code:%d, body:%s[%s(%d)]",
-              (base + path).c_str(), rsp.status, rsp.body.c_str());
-    // The message names the status that was wanted; the one that came is in the line above.
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", kHttpOk));
+              (base + path).c_str(), exchange.rsp.status, exchange.rsp.body.c_str());
+    // The message names the status that was wanted; the one that came is in the line above and in the record.
+    conf_->last_error.Set(FailureOfAnswer(exchange, ClientError::kUnexpectedAnswer,
+                                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", kHttpOk)));
     return false;
   }
   return true;
 }
 
-bool CObjectProtoClient::SplitLocation(const std::string& location, std::string& base, std::string& path) {
-  const std::string scheme = conf_->config.is_https ? "https://" : "http://";
+bool CObjectProtoClient::SplitLocation(const SHttpExchange& exchange, const std::string& location, std::string& base,
+                                       std::string& path) {
+  const std::string scheme = Scheme(conf_->config);
   const std::size_t start = location.find(scheme);
   const std::size_t slash = start == std::string::npos ? start : location.find('/', start + scheme.size());
   if (slash == std::string::npos) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, invalid new Location:%s[%s(%d)]",
               location.c_str());
-    conf_->last_error.Set(ClientError::kBadRedirect, StringUtil::str_fmt("redirect url error[%s].", location.c_str()));
+    conf_->last_error.Set(FailureOfAnswer(exchange, ClientError::kBadRedirect,
+                                          StringUtil::str_fmt("redirect url error[%s].", location.c_str())));
     return false;
   }
   base = location.substr(0, slash);
@@ -150,47 +150,39 @@ bool CObjectProtoClient::SplitLocation(const std::string& location, std::string&
 bool CObjectProtoClient::DownloadObject(const std::string& local_path, const std::string& url) {
   if (local_path.empty()) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s,file part empty.[%s(%d)]", url.c_str());
+    conf_->last_error.Set(ClientError::kBadArgument, "file path is empty.");
+    return false;
+  }
+  if (!CheckPath(url)) {
     return false;
   }
   local_path_ = local_path;
-  total_size_ = GetObjectSize(url);
-  const bool downloaded = total_size_ < details::kRangedDownloadFrom ? DownloadByStream(url) : DownloadByRanges(url);
-  if (!downloaded) {
-    return false;
+  try {
+    if (!DownloadIntoFile(url)) {
+      return false;
+    }
+  } catch (...) {
+    // A progress function that throws ends the download; the file is free for another attempt.
+    file_.Close();
+    throw;
   }
   file_.Close();
   CLOUD_LOG(logging::kNotable, "[%s][Client]download object[%s] success[%s(%d)]", url.c_str());
   return true;
 }
 
-std::uint64_t CObjectProtoClient::GetObjectSize(const std::string& url) {
-  SRequestParts parts;
-  parts.method = "GET";
-  parts.host = host_;
-  parts.content_type = kXmlContentType;
-  const CHttpClientRequest request = SignRequest(std::move(parts), download_base_, url + "?metadata");
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
-
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!HttpClient().Send(request, &rsp, &error)) {
-    CLOUD_LOG(logging::kError, "[%s][Client]send get metadata failed, error[%d:%d][%s(%d)]", error.kind, error.detail);
-    return 0;
-  }
-  if (rsp.status != kHttpOk) {
-    CLOUD_LOG(logging::kError, "[%s][Client]get best node failed, error[%d:%s][%s(%d)]", rsp.status, rsp.body.c_str());
-    return 0;
-  }
-  return details::HeaderNumber(rsp, "Object-Size");
+bool CObjectProtoClient::DownloadIntoFile(const std::string& url) {
+  SObjectVersion version;
+  SClientFailure not_told;  // a server that does not say the size is asked for the object all the same
+  GetObjectSize(version, not_told, download_base_, url);
+  return version.size < details::kRangedDownloadFrom ? DownloadByStream(url) : DownloadByRanges(url, version);
 }
 
 bool CObjectProtoClient::DownloadByStream(const std::string& url) {
   if (!SendStreamRequest(download_base_, url)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s, error[%d,%d][%s(%d)]", url.c_str(),
-              stream_error_.kind, stream_error_.detail);
-    conf_->last_error.Set(
-        ClientError::kNotSent, stream_error_.detail,
-        StringUtil::str_fmt("Send download big object msg failed[%d:%d].", stream_error_.kind, stream_error_.detail));
+              stream_.error.kind, stream_.error.detail);
+    SetStreamNotSent();
     file_.Close();
     return false;
   }
@@ -202,12 +194,7 @@ bool CObjectProtoClient::DownloadByStream(const std::string& url) {
   }
   CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, url:%s, error[%d][%s(%d)]", url.c_str(),
             file_status_);
-  const std::string message = StringUtil::str_fmt("DownloadBigObject rsp status code[%d].", file_status_);
-  if (file_status_ < 0) {
-    conf_->last_error.Set(ClientError::kLocalFile, file_status_, message);
-  }
-  // Replaces the one above in every case: callers see 5, and what happened in the second code.
-  conf_->last_error.Set(ClientError::kUnexpectedAnswer, file_status_, message);
+  SetStreamStatus();
   file_.Close();
   return false;
 }
@@ -215,7 +202,7 @@ bool CObjectProtoClient::DownloadByStream(const std::string& url) {
 bool CObjectProtoClient::RedirectStream(const std::string& url) {
   std::string base;
   std::string path;
-  if (!SplitLocation(redirect_location_, base, path)) {
+  if (!SplitLocation(stream_, redirect_location_, base, path)) {
     file_.Close();
     return false;
   }
@@ -223,45 +210,60 @@ bool CObjectProtoClient::RedirectStream(const std::string& url) {
   if (!SendStreamRequest(base, url)) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, redirect url:%s[%s(%d)]",
               (base + url).c_str());
-    conf_->last_error.Set(
-        ClientError::kNotSent, stream_error_.detail,
-        StringUtil::str_fmt("Send download big object msg failed[%d:%d].", stream_error_.kind, stream_error_.detail));
+    SetStreamNotSent();
     file_.Close();
     return false;
   }
   if (file_status_ != kHttpOk) {
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, redirect url:%s, status code:%d[%s(%d)]",
               (base + url).c_str(), file_status_);
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer, file_status_,
-                          StringUtil::str_fmt("DownloadBigObject rsp status code[%d].", file_status_));
+    SetStreamStatus();
     file_.Close();
     return false;
   }
   return true;
 }
 
+void CObjectProtoClient::SetStreamNotSent() {
+  conf_->last_error.Set(FailureOfSend(stream_, "Send download big object msg failed"), stream_.error.detail);
+}
+
+void CObjectProtoClient::SetStreamStatus() {
+  // Whatever happened, GetLastError says 5 and has the status field as its second code.
+  SLastErrorTexts texts;
+  texts.code = ClientError::kUnexpectedAnswer;
+  texts.second = file_status_;
+  texts.message = StringUtil::str_fmt("DownloadBigObject rsp status code[%d].", file_status_);
+  if (file_failure_.code != ClientError::kNone) {
+    conf_->last_error.Set(file_failure_, std::move(texts));
+  } else {
+    conf_->last_error.Set(FailureOfAnswer(stream_, texts.code, texts.message), texts.second);
+  }
+}
+
 bool CObjectProtoClient::SendStreamRequest(const std::string& base, const std::string& url) {
   SRequestParts parts;
   parts.method = "GET";
   parts.host = host_;
-  CHttpClientRequest request = SignRequest(std::move(parts), base, url);
-  request.receive_timeout_ms = conf_->receive_timeout_ms;
-  request.send_timeout_ms = conf_->send_timeout_ms;
-  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", request.url.c_str());
+  stream_ = {SignRequest(std::move(parts), base, url)};
+  stream_.request.receive_timeout_ms = conf_->receive_timeout_ms;
+  stream_.request.send_timeout_ms = conf_->send_timeout_ms;
+  CLOUD_LOG(logging::kTrace, "[%s][Client]send url[%s][%s(%d)]", stream_.request.url.c_str());
   const bool sent = HttpClient().SendForBigRsp(
-      request, [this](const CHttpClientResponse& rsp, const char* data, unsigned int size, HttpClient::Error error,
-                      bool last) { RecvMsgCallback(rsp, data, size, error, last); });
-  return sent && !details::Failed(stream_error_);
+      stream_.request, [this](const CHttpClientResponse& rsp, const char* data, unsigned int size,
+                              HttpClient::Error error, bool last) { RecvMsgCallback(rsp, data, size, error, last); });
+  return sent && !details::Failed(stream_.error);
 }
 
 void CObjectProtoClient::RecvMsgCallback(const CHttpClientResponse& rsp, const char* data, unsigned int len,
                                          HttpClient::Error error, bool last) {
   if (file_status_ == details::kNoAnswerYet) {
     file_status_ = rsp.status;
-    total_size_ = details::HeaderNumber(rsp, "Content-Length");
+    stream_.rsp.status = rsp.status;
+    total_size_ = HeaderNumber(rsp, "Content-Length");
   }
   if (details::Failed(error)) {
-    stream_error_ = error;
+    stream_.error = error;
     return;
   }
   // A file error stands here too: the first one counts, and what still arrives after it is dropped.
@@ -269,6 +271,7 @@ void CObjectProtoClient::RecvMsgCallback(const CHttpClientResponse& rsp, const c
     if (details::IsRedirect(file_status_)) {
       redirect_location_ = rsp.GetHeader("Location");
     }
+    KeepErrorBody(data, len);
     return;
   }
   if (data != nullptr && len > 0) {
@@ -284,12 +287,19 @@ void CObjectProtoClient::RecvMsgCallback(const CHttpClientResponse& rsp, const c
   }
 }
 
+void CObjectProtoClient::KeepErrorBody(const char* data, std::size_t size) {
+  std::string& body = stream_.rsp.body;
+  if (data != nullptr && body.size() < details::kMaxErrorBodyBytes) {
+    body.append(data, std::min(size, details::kMaxErrorBodyBytes - body.size()));
+  }
+}
+
 bool CObjectProtoClient::CreateLocalFile() {
   const std::uint32_t error = file_.OpenAlways(local_path_);
   if (error != 0) {
-    file_status_ = details::kSystemErrorBase + static_cast<std::int32_t>(error);
     CLOUD_LOG(logging::kError, "[%s][Client]recv file, open file failed:%s,%s, error[%d][%s(%d)]", local_path_.c_str(),
               StringUtil::UTF8ToLocal(local_path_).c_str(), error);
+    SetFileFailure(details::kSystemErrorBase + static_cast<std::int32_t>(error), "open", error);
     return false;
   }
   return true;
@@ -297,21 +307,26 @@ bool CObjectProtoClient::CreateLocalFile() {
 
 bool CObjectProtoClient::WriteLocalFile(const char* data, std::uint32_t size) {
   if (!file_.IsOpen()) {
-    file_status_ = details::kFileNotOpen;
     CLOUD_LOG(logging::kError, "[%s][Client]recv file, open file failed:%s[%s(%d)]", local_path_.c_str());
+    SetFileFailure(details::kFileNotOpen, "write", kErrorInvalidHandle);
     return false;
   }
   std::uint32_t done = 0;
   const std::uint32_t error = file_.Write(data, size, done);
   if (error != 0 || done < size) {
     file_.Close();
-    file_status_ = details::kWriteFailed;
     CLOUD_LOG(logging::kError, "[%s][Client]recv file, write failed:%s, error:%d[%s(%d)]", local_path_.c_str(), error);
+    SetFileFailure(details::kWriteFailed, "write", error != 0 ? error : kErrorDiskFull);
     return false;
   }
   written_size_ += size;
   ReportDownloadProgress();
   return true;
+}
+
+void CObjectProtoClient::SetFileFailure(std::int32_t status, const char* operation, std::uint32_t error) {
+  file_status_ = status;
+  file_failure_ = FailureOfFile(operation, local_path_, error);
 }
 
 void CObjectProtoClient::ReportDownloadProgress() {
@@ -325,37 +340,77 @@ void CObjectProtoClient::ReportDownloadProgress() {
   }
 }
 
-bool CObjectProtoClient::DownloadByRanges(const std::string& url) {
+bool CObjectProtoClient::DownloadByRanges(const std::string& url, const SObjectVersion& version) {
+  total_size_ = version.size;
   if (!CreateLocalFile()) {
+    conf_->last_error.Set(file_failure_, file_status_);
     return false;
   }
-  const std::uint64_t chunks = total_size_ / details::kRangeBytes + (total_size_ % details::kRangeBytes != 0 ? 1 : 0);
-  for (std::uint64_t i = 0; i < chunks; ++i) {
-    const std::uint64_t start = i * details::kRangeBytes;
+  std::string etag = version.etag;
+  for (std::uint64_t start = 0; start < total_size_; start += details::kRangeBytes) {
     const std::uint64_t end = std::min(start + details::kRangeBytes, total_size_);
-    CHttpClientResponse rsp;
+    const std::string range = std::to_string(start) + "-" + std::to_string(end);
+    SHttpExchange exchange;
     // An answer with a bad status or redirect leaves the file open, as does the end of this object: an attempt that
     // follows finds it held.
-    if (!GetObjectBytes(rsp, url, std::to_string(start) + "-" + std::to_string(end), details::kMaxRangeAnswerBytes) ||
-        !AppendRange(rsp, end - start)) {
+    if (!GetObjectBytes(exchange, url, range, details::kMaxRangeAnswerBytes)) {
       return false;
     }
+    if (start == 0 && etag.empty()) {
+      etag = exchange.rsp.GetHeader("ETag");
+    }
+    if (!CheckTag(exchange, etag) || !AppendRange(exchange, end - start)) {
+      return false;
+    }
+  }
+  return !etag.empty() || CheckSizeAgain(url);
+}
+
+bool CObjectProtoClient::CheckTag(const SHttpExchange& exchange, const std::string& etag) {
+  const std::string now = exchange.rsp.GetHeader("ETag");
+  if (now == etag) {
+    return true;
+  }
+  file_.Close();
+  CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, object changed, tag[%s] instead of [%s][%s(%d)]",
+            now.c_str(), etag.c_str());
+  conf_->last_error.Set(FailureOfAnswer(exchange, ClientError::kObjectChanged, "object changed while it was read."));
+  return false;
+}
+
+// All that can be said of a server without tags.
+bool CObjectProtoClient::CheckSizeAgain(const std::string& url) {
+  SObjectVersion version;
+  if (!ConfirmVersion(version, download_base_, url)) {
+    file_.Close();
+    return false;
+  }
+  if (version.size != total_size_) {
+    file_.Close();
+    CLOUD_LOG(logging::kError,
+              "[%s][Client]send download object failed, object changed, [%llu] bytes instead of [%llu][%s(%d)]",
+              static_cast<unsigned long long>(version.size), static_cast<unsigned long long>(total_size_));
+    conf_->last_error.Set(ClientError::kObjectChanged, "object changed while it was read.");
+    return false;
   }
   return true;
 }
 
-bool CObjectProtoClient::AppendRange(const CHttpClientResponse& rsp, std::uint64_t expected_size) {
-  const std::uint64_t length = details::BodyLength(rsp);
+bool CObjectProtoClient::AppendRange(const SHttpExchange& exchange, std::uint64_t expected_size) {
+  const std::uint64_t length = details::BodyLength(exchange.rsp);
   if (length != expected_size) {
     // Everything behind a range of another length would stand at the wrong place of a file that looks whole.
     file_.Close();
-    conf_->last_error.Set(ClientError::kUnexpectedAnswer,
-                          StringUtil::str_fmt("DownloadObject rsp status code[%d].", rsp.status));
+    conf_->last_error.Set(FailureOfStatus(exchange, "DownloadObject rsp status code"));
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, range of %llu bytes instead of %llu[%s(%d)]",
               static_cast<unsigned long long>(length), static_cast<unsigned long long>(expected_size));
     return false;
   }
-  return WriteLocalFile(rsp.body.data(), static_cast<std::uint32_t>(length));
+  if (!WriteLocalFile(exchange.rsp.body.data(), static_cast<std::uint32_t>(length))) {
+    conf_->last_error.Set(file_failure_, file_status_);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace Tansy::CloudStorage

@@ -1,5 +1,7 @@
 #include "StorageClient/PartUploadRegistry.h"
 
+#include <utility>
+
 namespace Tansy::CloudStorage {
 
 bool CPartUploadRegistry::AddPart(const std::string& upload_id, const PartRecord& record) {
@@ -111,6 +113,39 @@ bool CPartUploadRegistry::GetAllPieces(const std::string& key, std::list<SPartIn
 bool CPartUploadRegistry::RemoveTask(const std::string& key) {
   const std::lock_guard lock(piece_mutex_);
   return pieces_.erase(key) > 0;
+}
+
+bool CPartUploadRegistry::BeginPiece(const std::string& key) {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  return found != pieces_.end() && !std::exchange(found->second.in_use, true);
+}
+
+bool CPartUploadRegistry::EndPiece(const std::string& key) noexcept {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  return found != pieces_.end() && std::exchange(found->second.in_use, false);
+}
+
+bool CPartUploadRegistry::SetTail(const std::string& key, std::shared_ptr<const std::string> tail) noexcept {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  if (found == pieces_.end()) {
+    return false;
+  }
+  found->second.tail = std::move(tail);
+  return true;
+}
+
+bool CPartUploadRegistry::RemovePiecesFrom(const std::string& key, std::int32_t part_number) noexcept {
+  const std::lock_guard lock(piece_mutex_);
+  const auto found = pieces_.find(key);
+  if (found == pieces_.end()) {
+    return false;
+  }
+  std::map<std::int32_t, SPieceEntry>& pieces = found->second.pieces;
+  pieces.erase(pieces.lower_bound(part_number), pieces.end());
+  return true;
 }
 
 }  // namespace Tansy::CloudStorage

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -47,8 +48,11 @@ struct SPieceEntry {
 struct PieceTask {
   std::string upload_id;
   std::string best_node;
-  std::string key;
+  std::string key;                             // URL of the object: equal names in two pools or servers stay apart
   std::map<std::int32_t, SPieceEntry> pieces;  // by part number
+  // Bytes that the caller has handed over and that wait for more of them; null when there are none.
+  std::shared_ptr<const std::string> tail = nullptr;
+  bool in_use = false;  // a piece is on its way
 };
 
 // One for the process, never destroyed. Its two halves have nothing in common but the place; each has a mutex of its
@@ -70,8 +74,8 @@ class CPartUploadRegistry : private TansyBase::CNoncopyable {
   // Waits until the number of finished parts differs from `seen` or the time is over, and returns the number.
   std::int32_t WaitForFinishedPart(const std::string& upload_id, std::int32_t seen, std::chrono::milliseconds timeout);
 
-  // Piecewise half: uploads over several calls, by object key. All are false when the key is unknown, AddTask when it
-  // is known.
+  // Piecewise half: uploads over several calls, by PieceTask::key. All are false when the key is unknown, AddTask when
+  // it is known.
 
   // `last_part_number` becomes the highest number, and stays as it is when there is no piece yet.
   bool FindTask(const std::string& key, std::int32_t& last_part_number, PieceTask& task);
@@ -80,6 +84,12 @@ class CPartUploadRegistry : private TansyBase::CNoncopyable {
   // Appends the pieces in the order of their numbers, with empty ETags.
   bool GetAllPieces(const std::string& key, std::list<SPartInfo>& parts);
   bool RemoveTask(const std::string& key);
+  // Between the two the upload belongs to one caller: BeginPiece is false while a piece is on its way.
+  bool BeginPiece(const std::string& key);
+  bool EndPiece(const std::string& key) noexcept;
+  bool SetTail(const std::string& key, std::shared_ptr<const std::string> tail) noexcept;
+  // Forgets the pieces from this number on.
+  bool RemovePiecesFrom(const std::string& key, std::int32_t part_number) noexcept;
 
  private:
   friend class CSingleton<CPartUploadRegistry>;

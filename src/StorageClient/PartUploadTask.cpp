@@ -1,8 +1,8 @@
 #include "StorageClient/PartUploadTask.h"
 
-#include <exception>
 #include <utility>
 
+#include "StorageClient/ClientState.h"
 #include "StorageClient/ObjectProtoClient.h"
 
 namespace Tansy::CloudStorage {
@@ -21,13 +21,8 @@ CPartUploadTask::CPartUploadTask(const PartRecord& record, std::unique_ptr<char[
     : record_(record), buffer_(std::move(buffer)), client_(client), key_(key), node_(node) {}
 
 void CPartUploadTask::Exec() {
-  bool uploaded = false;
-  try {
-    uploaded = Upload();
-  } catch (const std::exception&) {
-    // Memory ran out. The thread that waits for this part must hear of it all the same.
-    uploaded = false;
-  }
+  // The thread that waits for this part must hear of it whatever happens.
+  const bool uploaded = RunGuarded(&client_->LastError(), [this] { return Upload(); });
   record_.status = uploaded ? kPartUploaded : kPartFailed;
   record_.done = true;
   CPartUploadRegistry::Instance().FinishPart(record_);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ModuleLog.h"
+#include "StorageClient/ServerAddress.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/GuidUtil.h"
 #include "TansyBase/StringUtil.h"
@@ -14,8 +15,6 @@
 
 using TansyBase::StringUtil;
 using TansyNet::CHttpClientRequest;
-using TansyNet::CHttpClientResponse;
-using TansyNet::HttpClient;
 
 namespace Tansy::CloudStorage {
 
@@ -40,16 +39,6 @@ constexpr std::uint64_t kMaxJsonBytes = std::uint64_t{1024} * 1024;
 constexpr std::uint64_t kMaxPictureBytes = std::numeric_limits<std::uint32_t>::max();
 // A log line keeps the start of an answer that was not expected; all of it could be a picture.
 constexpr std::size_t kMaxLoggedBytes = 4096;
-
-const char* Scheme(const SStorageServerConfig& config) {
-  return config.is_https ? "https://" : "http://";
-}
-
-// "address:port", an IPv6 address in brackets.
-std::string HostAndPort(const std::string& address, const std::string& port) {
-  const bool bare_ipv6 = address.find(':') != std::string::npos && address.front() != '[';
-  return (bare_ipv6 ? "[" + address + "]" : address) + ":" + port;
-}
 
 std::string Logged(const std::string& body) {
   return body.substr(0, kMaxLoggedBytes);
@@ -91,11 +80,12 @@ std::string PathOfLocation(const std::string& location, const std::string& schem
 
 CPicProtoClient::CPicProtoClient(std::shared_ptr<const SStorageServerConfig> conf)
     : conf_(std::move(conf)),
-      upload_host_(details::HostAndPort(conf_->ip, std::to_string(conf_->upload_port))),
-      download_host_(details::HostAndPort(conf_->ip, std::to_string(conf_->download_port))) {}
+      upload_host_(HostAndPort(conf_->ip, std::to_string(conf_->upload_port))),
+      download_host_(HostAndPort(conf_->ip, std::to_string(conf_->download_port))) {}
 
-bool CPicProtoClient::SendObjectMsg(CHttpClientResponse& rsp, HttpClient::Error& error, const SPictureRequest& parts) {
-  CHttpClientRequest request;
+bool CPicProtoClient::SendObjectMsg(SHttpExchange& exchange, const SPictureRequest& parts) {
+  exchange = {};
+  CHttpClientRequest& request = exchange.request;
   request.method = parts.method;
   request.url = parts.base + parts.resource;
   request.content_type = parts.form_type;
@@ -113,34 +103,36 @@ bool CPicProtoClient::SendObjectMsg(CHttpClientResponse& rsp, HttpClient::Error&
   request.headers["Authorization"] =
       AuthPrefix() + " " + conf_->ak + ":" + details::SignRequest(parts, date, conf_->sk);
   CLOUD_LOG(logging::kTrace, "[%s][PicClient]send url[%s][%s(%d)]", request.url.c_str());
-  return HttpClient().Send(request, &rsp, &error);
+  return exchange.Send();
 }
 
 bool CPicProtoClient::GetBestNode(std::string& address, std::string& port, std::string& token) {
   serial_id_ = TansyBase::GuidUtil::CreateGuid();
   SPictureRequest parts;
-  parts.base = details::Scheme(*conf_) + upload_host_;
+  parts.base = Scheme(*conf_) + upload_host_;
   parts.resource = StringUtil::str_fmt("/Quorvane/BestNode?SerialID=%s&PoolID=%s&Replication=0", serial_id_.c_str(),
                                        conf_->pool_name.c_str());
   parts.host = upload_host_;
   parts.max_answer_bytes = details::kMaxJsonBytes;
 
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!SendObjectMsg(rsp, error, parts)) {
-    CLOUD_LOG(logging::kError, "[%s][PicClient]send get best node failed, error[%d:%d][%s(%d)]", error.kind,
-              error.detail);
+  SHttpExchange exchange;
+  if (!SendObjectMsg(exchange, parts)) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]send get best node failed, error[%d:%d][%s(%d)]", exchange.error.kind,
+              exchange.error.detail);
+    failure_ = FailureOfSend(exchange, "Send get best node msg failed");
     return false;
   }
-  if (rsp.status != details::kStatusOk) {
-    CLOUD_LOG(logging::kError, "[%s][PicClient]get best node failed, error[%d:%s][%s(%d)]", rsp.status,
-              details::Logged(rsp.body).c_str());
+  if (exchange.rsp.status != details::kStatusOk) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]get best node failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+              details::Logged(exchange.rsp.body).c_str());
+    failure_ = FailureOfStatus(exchange, "get best node rsp status code");
     return false;
   }
   TansyProto::CRapidJsonProto json;
-  if (!json.Parse(rsp.body)) {
+  if (!json.Parse(exchange.rsp.body)) {
     CLOUD_LOG(logging::kError, "[%s][PicClient]get best node failed, invalid xml[%s][%s(%d)]",
-              details::Logged(rsp.body).c_str());
+              details::Logged(exchange.rsp.body).c_str());
+    failure_ = FailureOfAnswer(exchange, ClientError::kUnexpectedAnswer, "get best node rsp msg is no JSON.");
     return false;
   }
   address = json.GetString("/GatewayIP");
@@ -152,7 +144,7 @@ bool CPicProtoClient::GetBestNode(std::string& address, std::string& port, std::
 }
 
 std::string CPicProtoClient::GatewayLocation(const std::string& address, const std::string& port) const {
-  return details::Scheme(*conf_) + details::HostAndPort(address, port);
+  return Scheme(*conf_) + HostAndPort(address, port);
 }
 
 std::string CPicProtoClient::UploadBody(const std::string& token, const char* data, std::uint32_t size) const {
@@ -183,22 +175,24 @@ bool CPicProtoClient::UploadPic(std::string& url, const std::string& location, c
   parts.body = UploadBody(token, data, size);
   parts.max_answer_bytes = details::kMaxJsonBytes;
 
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  if (!SendObjectMsg(rsp, error, parts)) {
-    CLOUD_LOG(logging::kError, "[%s][PicClient]send upload picture failed, error[%d:%d][%s(%d)]", error.kind,
-              error.detail);
+  SHttpExchange exchange;
+  if (!SendObjectMsg(exchange, parts)) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]send upload picture failed, error[%d:%d][%s(%d)]", exchange.error.kind,
+              exchange.error.detail);
+    failure_ = FailureOfSend(exchange, "Send upload picture msg failed");
     return false;
   }
-  if (rsp.status != details::kStatusOk) {
-    CLOUD_LOG(logging::kError, "[%s][PicClient]upload picture failed, error[%d:%s][%s(%d)]", rsp.status,
-              details::Logged(rsp.body).c_str());
+  if (exchange.rsp.status != details::kStatusOk) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]upload picture failed, error[%d:%s][%s(%d)]", exchange.rsp.status,
+              details::Logged(exchange.rsp.body).c_str());
+    failure_ = FailureOfStatus(exchange, "upload picture rsp status code");
     return false;
   }
   TansyProto::CRapidJsonProto json;
-  if (!json.Parse(rsp.body) || !json.Has("/PictureUrl")) {
+  if (!json.Parse(exchange.rsp.body) || !json.Has("/PictureUrl")) {
     CLOUD_LOG(logging::kError, "[%s][PicClient]get best node failed, invalid xml[%s][%s(%d)]",
-              details::Logged(rsp.body).c_str());
+              details::Logged(exchange.rsp.body).c_str());
+    failure_ = FailureOfAnswer(exchange, ClientError::kUnexpectedAnswer, "upload picture rsp msg names no picture.");
     return false;
   }
   url = json.GetString("/PictureUrl");
@@ -206,64 +200,88 @@ bool CPicProtoClient::UploadPic(std::string& url, const std::string& location, c
   return true;
 }
 
-bool CPicProtoClient::DownloadPic(char** data, std::uint32_t& size, const std::string& url) {
-  SPictureRequest parts;
-  parts.max_answer_bytes = details::kMaxPictureBytes;
+bool CPicProtoClient::LocatePicture(SPictureRequest& parts, const std::string& url) {
   TansyNet::URL address;
-  if (TansyNet::URL::Parse(url, address)) {
-    parts.base = address.scheme + "://" + details::HostAndPort(address.host, std::to_string(address.port));
+  const bool absolute = TansyNet::URL::Parse(url, address);
+  // A signature is good for the configured server, so no other one gets to see it.
+  if (absolute && !IsConfiguredServer(*conf_, url)) {
+    failure_.code = ClientError::kForeignAddress;
+    failure_.text = StringUtil::str_fmt("url[%s] names another server.", url.c_str());
+    failure_.address = AddressOfUrl(url);
+    return false;
+  }
+  if (absolute) {
+    parts.base = address.scheme + "://" + HostAndPort(address.host, std::to_string(address.port));
     parts.resource = address.target;
-  } else {
-    // Pictures are addressed by paths of the server that stores them.
-    parts.base = details::Scheme(*conf_) + download_host_;
-    parts.resource = url;
-    parts.host = download_host_;
+    return true;
   }
-  CHttpClientResponse rsp;
-  HttpClient::Error error;
-  // A text that is no path must not become a part of the server's address.
-  const bool has_path = parts.resource.starts_with('/');
-  if (!has_path || !SendObjectMsg(rsp, error, parts)) {
-    CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, url:%s[%s(%d)]", url.c_str());
+  // Pictures are addressed by paths of the server that stores them. A text that is no path must not become a part of
+  // the server's address.
+  if (!url.starts_with('/')) {
+    failure_.code = ClientError::kBadArgument;
+    failure_.text = StringUtil::str_fmt("url[%s] is no address of a picture.", url.c_str());
     return false;
   }
-  if (details::IsRedirect(rsp.status)) {
-    if (!FollowRedirect(rsp, parts)) {
-      return false;
-    }
-  } else if (rsp.status != details::kStatusOk) {
-    CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, url:%s, status code:%d, body:%s[%s(%d)]",
-              url.c_str(), rsp.status, details::Logged(rsp.body).c_str());
-    return false;
-  }
-  auto picture = std::make_unique_for_overwrite<char[]>(rsp.body.size());
-  std::copy(rsp.body.begin(), rsp.body.end(), picture.get());
-  *data = picture.release();
-  size = static_cast<std::uint32_t>(rsp.body.size());
+  parts.base = Scheme(*conf_) + download_host_;
+  parts.resource = url;
+  parts.host = download_host_;
   return true;
 }
 
-// Asks the same server for the path that its answer names; `rsp` becomes the second answer.
-bool CPicProtoClient::FollowRedirect(CHttpClientResponse& rsp, const SPictureRequest& first) {
-  const std::string location = rsp.GetHeader("Location");
+bool CPicProtoClient::DownloadPic(char** data, std::uint32_t& size, const std::string& url) {
+  SPictureRequest parts;
+  parts.max_answer_bytes = details::kMaxPictureBytes;
+  if (!LocatePicture(parts, url)) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, url:%s[%s(%d)]", url.c_str());
+    return false;
+  }
+  SHttpExchange exchange;
+  if (!SendObjectMsg(exchange, parts)) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, url:%s[%s(%d)]", url.c_str());
+    failure_ = FailureOfSend(exchange, "Send download picture msg failed");
+    return false;
+  }
+  if (details::IsRedirect(exchange.rsp.status)) {
+    if (!FollowRedirect(exchange, parts)) {
+      return false;
+    }
+  } else if (exchange.rsp.status != details::kStatusOk) {
+    CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, url:%s, status code:%d, body:%s[%s(%d)]",
+              url.c_str(), exchange.rsp.status, details::Logged(exchange.rsp.body).c_str());
+    failure_ = FailureOfStatus(exchange, "download picture rsp status code");
+    return false;
+  }
+  auto picture = std::make_unique_for_overwrite<char[]>(exchange.rsp.body.size());
+  std::copy(exchange.rsp.body.begin(), exchange.rsp.body.end(), picture.get());
+  *data = picture.release();
+  size = static_cast<std::uint32_t>(exchange.rsp.body.size());
+  return true;
+}
+
+// Asks the same server for the path that its answer names; `exchange` becomes the second one.
+bool CPicProtoClient::FollowRedirect(SHttpExchange& exchange, const SPictureRequest& first) {
+  const std::string location = exchange.rsp.GetHeader("Location");
   SPictureRequest second = first;
-  second.resource = details::PathOfLocation(location, details::Scheme(*conf_));
+  second.resource = details::PathOfLocation(location, Scheme(*conf_));
   if (second.resource.empty()) {
     CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, invalid new Location:%s[%s(%d)]",
               location.c_str());
+    failure_ = FailureOfAnswer(exchange, ClientError::kBadRedirect,
+                               StringUtil::str_fmt("redirect url error[%s].", location.c_str()));
     return false;
   }
   const std::string redirect_url = second.base + second.resource;
-  HttpClient::Error error;
-  if (!SendObjectMsg(rsp, error, second)) {
+  if (!SendObjectMsg(exchange, second)) {
     CLOUD_LOG(logging::kError, "[%s][PicClient]send download picture failed, redirect url:%s[%s(%d)]",
               redirect_url.c_str());
+    failure_ = FailureOfSend(exchange, "Send download picture msg failed");
     return false;
   }
-  if (rsp.status != details::kStatusOk) {
+  if (exchange.rsp.status != details::kStatusOk) {
     CLOUD_LOG(logging::kError,
               "[%s][PicClient]send download picture failed, redirect url:%s, status code:%d, body:%s[%s(%d)]",
-              redirect_url.c_str(), rsp.status, details::Logged(rsp.body).c_str());
+              redirect_url.c_str(), exchange.rsp.status, details::Logged(exchange.rsp.body).c_str());
+    failure_ = FailureOfStatus(exchange, "download picture rsp status code");
     return false;
   }
   return true;

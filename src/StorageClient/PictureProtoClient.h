@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
+#include "StorageClient/HttpExchange.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/StorageConfig.h"
-#include "TansyNet/HttpClient.h"
 
 namespace Tansy::CloudStorage {
 
@@ -26,7 +26,7 @@ struct SPictureRequest {
 
 // One operation is one HTTP request, or two when a download is redirected; nothing is tried again. Made for one call of
 // a client: it keeps the serial id that ties a best-node request to its upload. Only status 200 is success. Errors:
-// false and a log line. Threads: one at a time.
+// false, a log line and Failure(). Threads: one at a time.
 class CPicProtoClient : private TansyBase::CNoncopyable {
  public:
   // `conf` is not empty.
@@ -39,21 +39,27 @@ class CPicProtoClient : private TansyBase::CNoncopyable {
   // Uploads to the gateway with the token it gave; `url` becomes the picture's address.
   bool UploadPic(std::string& url, const std::string& location, const std::string& token, const char* data,
                  std::uint32_t size);
-  // `url` is a path, asked of the configured server, or an absolute URL. `*data` is new[]-allocated and the caller's.
+  // `url` is a path, or an absolute URL of the configured server; any other is refused before anything is sent. `*data`
+  // is new[]-allocated and the caller's.
   bool DownloadPic(char** data, std::uint32_t& size, const std::string& url);
 
   // Signs and sends; true whatever the answer's status.
-  bool SendObjectMsg(TansyNet::CHttpClientResponse& rsp, TansyNet::HttpClient::Error& error,
-                     const SPictureRequest& parts);
+  bool SendObjectMsg(SHttpExchange& exchange, const SPictureRequest& parts);
+
+  // Why the operation that returned false did so.
+  const SClientFailure& Failure() const { return failure_; }
 
  private:
-  bool FollowRedirect(TansyNet::CHttpClientResponse& rsp, const SPictureRequest& first);
+  // Where a picture is asked for. False when that is no server that the client may sign for.
+  bool LocatePicture(SPictureRequest& parts, const std::string& url);
+  bool FollowRedirect(SHttpExchange& exchange, const SPictureRequest& first);
   std::string UploadBody(const std::string& token, const char* data, std::uint32_t size) const;
 
   const std::shared_ptr<const SStorageServerConfig> conf_;
   const std::string upload_host_;  // address and port
   const std::string download_host_;
   std::string serial_id_;
+  SClientFailure failure_;
 };
 
 }  // namespace Tansy::CloudStorage

@@ -4,12 +4,15 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 
+#include "MultipartServer.h"
 #include "ObjectClientFixture.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyNet/HttpClient.h"
+#include "fakes/Ipv6Loopback.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -353,6 +356,8 @@ TEST_F(ObjectClientInterfaceTest, KeepsWhatACallbackThrows) {
   std::string url;
   EXPECT_FALSE(client.UploadFile(url, path));
   EXPECT_THAT(log_->Text("[%s][Client]operation failed, exception[%s][%s(%d)]"), HasSubstr("[from the callback]"));
+  EXPECT_EQ(ErrorOf(client), (LastError{10, 0, "progress function failed[from the callback]."}));
+  EXPECT_EQ(client.GetLastFailure().code, ClientError::kHostCallback);
   TansyBase::CLocalFile file;
   EXPECT_EQ(file.OpenAlways(path), 0u) << "the file is closed all the same";
   file.Close();
@@ -361,6 +366,35 @@ TEST_F(ObjectClientInterfaceTest, KeepsWhatACallbackThrows) {
   CObjectClient other(config);
   EXPECT_FALSE(other.UploadFile(url, path));
   EXPECT_EQ(log_->Count("[%s][Client]operation failed, exception of unknown type[%s(%d)]"), 1u);
+  EXPECT_EQ(ErrorOf(other), (LastError{10, 0, "progress function failed[exception of unknown type]."}));
+}
+
+TEST_F(ObjectClientInterfaceTest, FailsWhenItsConfigurationCannotBeCopied) {
+  struct SThrowing {
+    SThrowing() = default;
+    SThrowing(const SThrowing& other) : copies(other.copies) {
+      if (++*copies > 1) {
+        throw std::bad_alloc();
+      }
+    }
+    SThrowing& operator=(const SThrowing&) = delete;
+    void operator()(UploadProgress) const {}
+    std::shared_ptr<int> copies = std::make_shared<int>(0);
+  };
+  SStorageServerConfig config = Config();
+  config.callback = SThrowing();
+  CObjectClient client(config);
+  std::string url = "before";
+  EXPECT_FALSE(client.Init());
+  EXPECT_FALSE(client.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_FALSE(client.UploadFile(url, "x", 1));
+  EXPECT_FALSE(client.UploadFileByPieces(url, "x", 1, false));
+  EXPECT_FALSE(client.GetStorageVersion(url, {"127.0.0.1", server_.Port(), "a", "s"}));
+  client.SetTimeoutConfig(1, 1);
+  EXPECT_EQ(ErrorOf(client).code, 11);
+  EXPECT_EQ(client.GetLastFailure().code, ClientError::kOutOfResources);
+  EXPECT_EQ(url, "before");
+  EXPECT_TRUE(server_.Requests().empty());
 }
 
 // ---- uploading buffers
@@ -609,6 +643,64 @@ TEST_F(ObjectClientHttpsTest, DoesNotTalkToAServerThatItDoesNotTrust) {
   EXPECT_FALSE(client.RemoveFileByUrl("/pool/key"));
   EXPECT_THAT(ErrorOf(client).message, StartsWith("send remove object failed[4:"));
   EXPECT_TRUE(server_.Requests().empty());
+}
+
+// ---- IPv6
+
+class ObjectClientIpv6Test : public ObjectClientFixture {
+ protected:
+  ObjectClientIpv6Test()
+      : ObjectClientFixture({.https = false, .address = Tests::HasIpv6Loopback() ? "::1" : "127.0.0.1"}) {
+    server_.Handle([this](const ScriptedRequest& request) { return multipart_.Answer(request, node_); });
+  }
+  void SetUp() override {
+    if (!Tests::HasIpv6Loopback()) {
+      GTEST_SKIP() << Tests::kNoIpv6Loopback;
+    }
+  }
+
+  // An upload in every way and a download.
+  void ExpectAllToWork(const std::string& ip) {
+    SStorageServerConfig config = Config();
+    config.ip = ip;
+    CObjectClient client(config);
+    std::string url;
+    EXPECT_TRUE(client.UploadFile(url, "bytes", 5)) << ErrorOf(client);
+    std::string piece;
+    EXPECT_TRUE(client.UploadFileByPieces(piece, "one", 3, false)) << ErrorOf(client);
+    EXPECT_TRUE(client.UploadFileByPieces(piece, "two", 3, true)) << ErrorOf(client);
+    EXPECT_EQ(multipart_.Object(piece), "onetwo");
+    char* data = nullptr;
+    unsigned int size = 0;
+    EXPECT_TRUE(client.DownloadFile(&data, size, url)) << ErrorOf(client);
+    delete[] data;
+    EXPECT_TRUE(client.DownloadFile(url, folder_.Path("file"))) << ErrorOf(client);
+    for (const ScriptedRequest& request : server_.Requests()) {
+      EXPECT_EQ(request.Header("Host"), "[::1]:" + std::to_string(server_.Port())) << request.target;
+    }
+  }
+
+  CMultipartServer multipart_;
+  std::string node_ = server_.Address();
+};
+
+TEST_F(ObjectClientIpv6Test, TalksToAnAddressWithAndWithoutBrackets) {
+  ExpectAllToWork("::1");
+  ExpectAllToWork("[::1]");
+}
+
+TEST_F(ObjectClientIpv6Test, TalksToANodeWithoutBrackets) {
+  node_ = "::1:" + std::to_string(server_.Port());
+  ExpectAllToWork("::1");
+}
+
+TEST_F(ObjectClientIpv6Test, NamesTheAddressThatFailed) {
+  SStorageServerConfig config = Config();
+  config.ip = "::1";
+  config.upload_port = 1;
+  CObjectClient client(config);
+  EXPECT_FALSE(client.RemoveFileByUrl("/pool/key"));
+  EXPECT_EQ(client.GetLastFailure().address, "[::1]:1");
 }
 
 }  // namespace

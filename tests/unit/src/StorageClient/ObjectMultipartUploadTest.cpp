@@ -12,12 +12,14 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "MultipartServer.h"
 #include "ObjectClientFixture.h"
+#include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
 
 namespace Tansy::CloudStorage {
@@ -65,9 +67,10 @@ TEST_F(ObjectMultipartUploadTest, SendsTenMebibytesInFiveParts) {
   const std::string content = TestBytes(10485760);
   std::string url;
   ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
-  EXPECT_THAT(Sequence(), testing::ElementsAre("GET bestnode", "POST uploads", "POST upload_id=task-1"));
+  EXPECT_THAT(Sequence(),
+              testing::ElementsAre("GET bestnode", "POST uploads", "POST upload_id=task-1", "GET metadata"));
   const std::vector<ScriptedRequest> requests = server_.Requests();
-  ASSERT_EQ(requests.size(), 8u);
+  ASSERT_EQ(requests.size(), 9u);
   EXPECT_EQ(requests[0].target, url + "?bestnode");
   ExpectRequest(requests[1], {.method = "POST", .target = url + "?uploads", .host = server_.Address()});
   for (int number = 1; number <= 5; ++number) {
@@ -102,7 +105,7 @@ TEST_F(ObjectMultipartUploadTest, EndsWithAPartOfTheRest) {
   EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
   ASSERT_EQ(PartRequests(6).size(), 1u);
   EXPECT_EQ(PartRequests(6)[0].body, content.substr(10485760));
-  EXPECT_THAT(server_.Requests().back().body,
+  EXPECT_THAT(server_.Requests().rbegin()[1].body,
               HasSubstr("<Part><PartNumber>6</PartNumber><PartSize>1</PartSize><ETag/></Part></Complete"));
 }
 
@@ -112,7 +115,7 @@ TEST_F(ObjectMultipartUploadTest, SendsPartsToTheBestNodeAndTheRestToTheConfigur
   server_.Handle([&](const ScriptedRequest& request) { return multipart_.Answer(request, node.Address()); });
   std::string url;
   ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
-  EXPECT_EQ(server_.Requests().size(), 3u);
+  EXPECT_EQ(server_.Requests().size(), 4u);
   ASSERT_EQ(node.Requests().size(), 5u);
   for (const ScriptedRequest& request : node.Requests()) {
     EXPECT_EQ(request.Header("Host"), server_.Address());
@@ -230,6 +233,32 @@ TEST_F(ObjectMultipartUploadTest, FailsWithoutCompletion) {
   EXPECT_EQ(Progress().back(), 100);
 }
 
+TEST_F(ObjectMultipartUploadTest, BelievesACompletionOnlyWhenTheObjectHasItsSize) {
+  multipart_.SetMetadataAnswer({.headers = {{"Object-Size", "10485759"}}});
+  std::string url = "before";
+  EXPECT_FALSE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
+  EXPECT_EQ(url, "before");
+  EXPECT_EQ(ErrorOf(client_), (LastError{14, 0, "object size[10485759] instead of [10485760]."}));
+}
+
+TEST_F(ObjectMultipartUploadTest, SaysThatTheProgressFunctionThrew) {
+  SStorageServerConfig config = Config();
+  config.callback = [](UploadProgress progress) {
+    if (progress.percent < 100) {
+      throw std::runtime_error("from the callback");
+    }
+  };
+  CObjectClient client(config);
+  const std::string path = folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'));
+  std::string url = "before";
+  EXPECT_FALSE(client.UploadFile(url, path));
+  EXPECT_EQ(url, "before");
+  EXPECT_EQ(ErrorOf(client), (LastError{10, 0, "progress function failed[from the callback]."}));
+  TansyBase::CLocalFile file;
+  EXPECT_EQ(file.OpenAlways(path), 0u) << "the file is closed all the same";
+  file.Close();
+}
+
 TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
   const std::string path = folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'));
   multipart_.SetPartHook([&](int) {
@@ -240,6 +269,7 @@ TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
   EXPECT_FALSE(client_.UploadFile(url, path));
   EXPECT_EQ(log_->Count("[%s]read_elements != 1, error[%d][%s(%d)]", logging::kError), 1u);
   EXPECT_EQ(ErrorOf(client_), (LastError{3, 0, "fread file[" + path + "] failed[38]."}));
+  EXPECT_EQ(client_.GetLastFailure().system_error, 38);
   EXPECT_THAT(Sequence(), testing::ElementsAre("GET bestnode", "POST uploads"));
 }
 

@@ -2,13 +2,17 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ObjectClientFixture.h"
+#include "StorageClient/HostProgress.h"
 #include "StorageClient/ObjectProtoClient.h"
 #include "TansyBase/FileUtil.h"
 
@@ -86,9 +90,12 @@ class ObjectProtoClientDownloadTest : public ObjectClientFixture {
 
   LastError Error() const {
     LastError error;
-    impl_->last_error.Get(error.code, error.second, error.message);
+    const SLastErrorTexts texts = impl_->last_error.GetTexts();
+    error = {static_cast<int>(texts.code), texts.second, texts.message};
     return error;
   }
+
+  SClientFailure Failure() const { return impl_->last_error.GetFailure(); }
 
   bool DownloadToMemory(std::string& content, const std::string& range = "") {
     char* data = nullptr;
@@ -165,6 +172,13 @@ TEST_F(ObjectProtoClientDownloadTest, FetchesARange) {
   ExpectRequest(
       server_.Requests().at(0),
       {.method = "GET", .target = "/pool/key", .host = server_.Address(), .more_headers = {{"Range", "bytes=10-20"}}});
+}
+
+TEST_F(ObjectProtoClientDownloadTest, NeedsAPlaceForTheObject) {
+  unsigned int size = 0;
+  EXPECT_FALSE(client_->DownloadObject(nullptr, &size, "", "/pool/key"));
+  EXPECT_EQ(Error(), (LastError{2, 0, "no place for the object."}));
+  EXPECT_TRUE(server_.Requests().empty());
 }
 
 TEST_F(ObjectProtoClientDownloadTest, FetchesAnEmptyObject) {
@@ -303,6 +317,7 @@ TEST_F(ObjectProtoClientDownloadTest, SaysThatTheRedirectedServerDoesNotAnswer) 
 
 TEST_F(ObjectProtoClientDownloadTest, NeedsAPath) {
   EXPECT_FALSE(client_->DownloadObject("", "/pool/key"));
+  EXPECT_EQ(Error(), (LastError{2, 0, "file path is empty."}));
   EXPECT_EQ(log_->Count("[%s][Client]send download object failed, url:%s,file part empty.[%s(%d)]", logging::kError),
             1u);
   EXPECT_TRUE(server_.Requests().empty());
@@ -396,6 +411,11 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsAStatusAsSecondCode) {
   const std::string line = "[%s][Client]send download object failed, url:%s, error[%d][%s(%d)]";
   EXPECT_EQ(log_->Count(line, logging::kError), 1u);
   EXPECT_THAT(log_->Text(line), HasSubstr("url:/pool/key, error[404]"));
+  EXPECT_EQ(Failure().code, ClientError::kUnexpectedAnswer);
+  EXPECT_EQ(Failure().http_status, 404);
+  EXPECT_EQ(Failure().error_code, "NoSuchKey");
+  EXPECT_EQ(Failure().request, "GET /pool/key");
+  EXPECT_EQ(Failure().address, server_.Address());
   EXPECT_FALSE(std::filesystem::exists(folder_.Path("file")));
 }
 
@@ -446,6 +466,9 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsAFileThatIsHeldOpen) {
   server_.Answer("GET /pool/key", {.body = "abc"});
   EXPECT_FALSE(DownloadToFile());
   EXPECT_EQ(Error(), (LastError{5, 1000032, "DownloadBigObject rsp status code[1000032]."}));
+  EXPECT_EQ(Failure().code, ClientError::kLocalFile) << "the record says what it was";
+  EXPECT_EQ(Failure().text, "open file[" + folder_.Path("file") + "] failed[32].");
+  EXPECT_EQ(Failure().system_error, 32);
   holder.Close();
 }
 
@@ -457,6 +480,8 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsADiskThatIsFull) {
     EXPECT_FALSE(DownloadToFile());
   }
   EXPECT_EQ(Error(), (LastError{5, -1002, "DownloadBigObject rsp status code[-1002]."}));
+  EXPECT_EQ(Failure().code, ClientError::kLocalFile);
+  EXPECT_EQ(Failure().text, "write file[" + folder_.Path("file") + "] failed[223].");
   EXPECT_EQ(log_->Count(kWriteFailed, logging::kError), 1u) << "what comes after it is dropped";
   EXPECT_TRUE(IsFree("file"));
 }
@@ -516,6 +541,53 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsARedirectToNobody) {
   EXPECT_EQ(log_->Count(kRedirectSendFailed, logging::kError), 1u);
 }
 
+TEST_F(ObjectProtoClientDownloadTest, WritesNothingAfterTheFirstErrorOfTheFile) {
+  // The first of three pieces finds no room. Written from the second on, the file would begin in the middle.
+  AnswerMetadata(700000);
+  server_.Answer("GET /pool/key", {.body = TestBytes(700000)});
+  {
+    const CFullDisk full(100);
+    EXPECT_FALSE(DownloadToFile());
+  }
+  EXPECT_EQ(Error(), (LastError{5, -1002, "DownloadBigObject rsp status code[-1002]."}));
+  EXPECT_EQ(log_->Count(kWriteFailed, logging::kError), 1u);
+  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), TestBytes(100));
+}
+
+TEST_F(ObjectProtoClientDownloadTest, FollowsNoOtherRedirect) {
+  for (const int status : {300, 303, 304, 305, 307, 308, 309}) {
+    ScriptedServer target;
+    Use(Config());
+    server_.ClearScript();
+    server_.Answer("GET /pool/key", {.status = status, .headers = {{"Location", target.Url("/pool/key")}}});
+    std::string got;
+    EXPECT_FALSE(DownloadToMemory(got)) << status;
+    const std::string code = std::to_string(status);
+    EXPECT_EQ(Error(), (LastError{5, 0, "DownloadObject rsp status code[" + code + "]."}));
+    AnswerMetadata(3);
+    EXPECT_FALSE(DownloadToFile()) << status;
+    EXPECT_EQ(Error(), (LastError{5, status, "DownloadBigObject rsp status code[" + code + "]."}));
+    Renew();
+    server_.ClearScript();
+    AnswerMetadata(10 * kMiB);
+    server_.Answer("GET /pool/key", {.status = status, .headers = {{"Location", target.Url("/pool/key")}}});
+    EXPECT_FALSE(DownloadToFile("ranges" + code)) << status;
+    EXPECT_TRUE(target.Requests().empty()) << status;
+  }
+}
+
+TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheProgressFunctionThrows) {
+  SStorageServerConfig config = Config();
+  config.callback = [](UploadProgress) { throw std::runtime_error("from the callback"); };
+  for (const std::uint32_t size : {700000u, 10 * kMiB}) {
+    Use(config);
+    server_.ClearScript();
+    server_.Handle(ServeObject(std::make_shared<const std::string>(TestBytes(size))));
+    EXPECT_THROW(DownloadToFile(), SHostCallbackError);
+    EXPECT_TRUE(IsFree("file")) << size;
+  }
+}
+
 // ---- into a file, in ranges
 
 TEST_F(ObjectProtoClientDownloadTest, FetchesTenMebibytesInRanges) {
@@ -569,11 +641,14 @@ TEST_F(ObjectProtoClientDownloadTest, FollowsARedirectForEachRange) {
                                            .more_headers = {{"Range", "bytes=9437184-10485760"}}});
 }
 
-TEST_F(ObjectProtoClientDownloadTest, StoresNoErrorWhenTheFileForRangesCannotBeMade) {
+TEST_F(ObjectProtoClientDownloadTest, SaysThatTheFileForRangesCannotBeMade) {
   AnswerMetadata(10 * kMiB);
   EXPECT_FALSE(DownloadToFile("no-such-folder/file"));
   EXPECT_EQ(log_->Count(kOpenFailed, logging::kError), 1u);
-  EXPECT_EQ(Error(), (LastError{0, 0, ""}));
+  const std::string path = folder_.Path("no-such-folder/file");
+  EXPECT_EQ(Error(), (LastError{3, 1000003, "open file[" + path + "] failed[3]."}));
+  EXPECT_EQ(Failure().code, ClientError::kLocalFile);
+  EXPECT_EQ(Failure().system_error, 3);
   EXPECT_EQ(server_.Requests().size(), 1u);
 }
 
@@ -630,8 +705,104 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheDiskIsFull) {
     EXPECT_FALSE(DownloadToFile());
   }
   EXPECT_EQ(log_->Count(kWriteFailed, logging::kError), 1u);
-  EXPECT_EQ(Error(), (LastError{0, 0, ""})) << "ranges store no error of the local file";
+  EXPECT_EQ(Error(), (LastError{3, -1002, "write file[" + folder_.Path("file") + "] failed[223]."}));
+  EXPECT_EQ(Failure().system_error, 223) << "of a limit; a full disk has 112";
   EXPECT_TRUE(IsFree("file"));
+}
+
+// An object that is replaced by one of equal size after so many ranges.
+class CReplacedObject {
+ public:
+  CReplacedObject(std::string first_tag, std::string second_tag, int ranges_before)
+      : first_tag_(std::move(first_tag)), second_tag_(std::move(second_tag)), ranges_before_(ranges_before) {}
+
+  ScriptedAnswer operator()(const ScriptedRequest& request) {
+    const bool metadata = request.target.ends_with("?metadata");
+    const bool replaced = !metadata && (*ranges_)++ >= ranges_before_;
+    ScriptedAnswer answer;
+    if (metadata) {
+      answer.headers.emplace_back("Object-Size", std::to_string(10 * kMiB));
+    } else {
+      answer.body.assign(kMiB, replaced ? 'n' : 'o');
+    }
+    const std::string& tag = replaced ? second_tag_ : first_tag_;
+    if (!tag.empty() && !(metadata && no_tag_in_metadata_)) {
+      answer.headers.emplace_back("ETag", tag);
+    }
+    return answer;
+  }
+
+  CReplacedObject& WithoutTagInMetadata() {
+    no_tag_in_metadata_ = true;
+    return *this;
+  }
+
+ private:
+  const std::string first_tag_;
+  const std::string second_tag_;
+  const int ranges_before_;
+  const std::shared_ptr<std::atomic<int>> ranges_ = std::make_shared<std::atomic<int>>(0);  // the server copies
+  bool no_tag_in_metadata_ = false;
+};
+
+TEST_F(ObjectProtoClientDownloadTest, DoesNotMixTwoVersions) {
+  server_.Handle(CReplacedObject("\"old\"", "\"new\"", 3));
+  EXPECT_FALSE(DownloadToFile());
+  EXPECT_EQ(Error(), (LastError{13, 0, "object changed while it was read."}));
+  EXPECT_EQ(Failure().request, "GET /pool/key");
+  EXPECT_EQ(server_.Requests().size(), 5u) << "no range after the change";
+  EXPECT_EQ(std::filesystem::file_size(folder_.Path("file")), 3 * kMiB);
+  EXPECT_TRUE(IsFree("file"));
+
+  // Between the question for the size and the first range.
+  Renew();
+  server_.Handle(CReplacedObject("\"old\"", "\"new\"", 0));
+  EXPECT_FALSE(DownloadToFile("first"));
+  EXPECT_EQ(Error().code, 13);
+
+  // Ranges without the tag that the server gave before: nobody knows what they are of.
+  Renew();
+  server_.Handle(CReplacedObject("\"old\"", "", 3));
+  EXPECT_FALSE(DownloadToFile("untagged"));
+  EXPECT_EQ(Error().code, 13);
+
+  // A server that names no tag together with the size is held to that of its first range.
+  Renew();
+  server_.Handle(CReplacedObject("\"old\"", "\"new\"", 3).WithoutTagInMetadata());
+  EXPECT_FALSE(DownloadToFile("late"));
+  EXPECT_EQ(Error().code, 13);
+}
+
+TEST_F(ObjectProtoClientDownloadTest, TakesRangesOfOneVersion) {
+  server_.Handle(CReplacedObject("\"old\"", "", 10));
+  EXPECT_TRUE(DownloadToFile());
+  EXPECT_EQ(server_.Requests().size(), 11u);
+  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), std::string(10 * kMiB, 'o'));
+  Renew();
+  server_.ClearRequests();
+  server_.Handle(CReplacedObject("\"old\"", "", 10).WithoutTagInMetadata());
+  EXPECT_TRUE(DownloadToFile("late"));
+  EXPECT_EQ(server_.Requests().size(), 11u);
+}
+
+TEST_F(ObjectProtoClientDownloadTest, ComparesTheSizesOfAServerWithoutTags) {
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", std::to_string(10 * kMiB)}}});
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", std::to_string(10 * kMiB + 1)}}});
+  server_.Answer("GET /pool/key", {.body = std::string(kMiB, 'x')});
+  EXPECT_FALSE(DownloadToFile());
+  EXPECT_EQ(Error(), (LastError{13, 0, "object changed while it was read."}));
+  EXPECT_TRUE(IsFree("file"));
+
+  // The object is gone at the end.
+  Renew();
+  server_.ClearScript();
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", std::to_string(10 * kMiB)}}});
+  server_.Answer("GET /pool/key?metadata", ErrorAnswer(404, "NoSuchKey"));
+  server_.Answer("GET /pool/key", {.body = std::string(kMiB, 'x')});
+  EXPECT_FALSE(DownloadToFile("gone"));
+  EXPECT_EQ(Error(), (LastError{5, 0, "get metadata rsp status code[404]."}));
+  EXPECT_EQ(Failure().error_code, "NoSuchKey");
+  EXPECT_TRUE(IsFree("gone"));
 }
 
 TEST_F(ObjectProtoClientDownloadTest, RefusesARangeOfAnotherLength) {

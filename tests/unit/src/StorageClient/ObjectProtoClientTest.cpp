@@ -39,7 +39,8 @@ class ObjectProtoClientTest : public ObjectClientFixture {
 
   LastError Error() const {
     LastError error;
-    impl_->last_error.Get(error.code, error.second, error.message);
+    const SLastErrorTexts texts = impl_->last_error.GetTexts();
+    error = {static_cast<int>(texts.code), texts.second, texts.message};
     return error;
   }
 
@@ -250,6 +251,7 @@ TEST_F(ObjectProtoClientTest, FailsToUploadAPart) {
 
 TEST_F(ObjectProtoClientTest, CompletesAPartTask) {
   server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", "4297064447"}}});
   EXPECT_TRUE(client_->FinishPartTask("id-1", "key", {{1, 2097152, ""}, {2, 4294967295u, "tag"}}));
   const Tests::ScriptedRequest request = server_.Requests().at(0);
   EXPECT_EQ(request.body,
@@ -263,22 +265,120 @@ TEST_F(ObjectProtoClientTest, CompletesAPartTask) {
                           .host = server_.Address(),
                           .body = request.body,
                           .content_md5 = true});
-  EXPECT_THAT(log_->Text(kSendUrl), StartsWith("[Tansy::CloudStorage::CObjectProtoClient::FinishPartTask]"));
+  ExpectRequest(server_.Requests().at(1),
+                {.method = "GET", .target = "/pool/key?metadata", .host = server_.Address(), .content_type = kXmlType});
+  EXPECT_EQ(server_.Requests().size(), 2u);
 }
 
 TEST_F(ObjectProtoClientTest, CompletesAPartTaskWithoutParts) {
   server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", "0"}}});
   EXPECT_TRUE(client_->FinishPartTask("id-1", "key", {}));
   EXPECT_EQ(server_.Requests().at(0).body,
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
             "<CompleteMultipartUpload><TotalPartNum>0</TotalPartNum></CompleteMultipartUpload>");
 }
 
-TEST_F(ObjectProtoClientTest, WaitsLongerForACompletion) {
-  // Longer than any other request would wait: the server assembles the object first.
-  server_.Answer("POST /pool/key?upload_id=id-1", {.delay_ms = 16000});
-  impl_->receive_timeout_ms = 50;
-  EXPECT_TRUE(client_->FinishPartTask("id-1", "key", {}));
+TEST_F(ObjectProtoClientTest, DoesNotBelieveACompletionOfAnotherSize) {
+  server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", "9"}}});
+  EXPECT_FALSE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}, {2, 5, ""}}));
+  EXPECT_EQ(Error(), (LastError{14, 0, "object size[9] instead of [10]."}));
+  const SClientFailure failure = impl_->last_error.GetFailure();
+  EXPECT_EQ(failure.request, "POST /pool/key?upload_id=id-1");
+  EXPECT_EQ(failure.http_status, 200);
+  EXPECT_EQ(log_->Count("[%s][Client]object[%s] has [%llu] bytes after its completion instead of [%llu][%s(%d)]",
+                        logging::kError),
+            1u);
+}
+
+TEST_F(ObjectProtoClientTest, AsksForTheSizeOfACompletedObjectThreeTimes) {
+  server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", {.cut_after = 0});
+  server_.Answer("GET /pool/key?metadata", ErrorAnswer(503, "ServiceUnavailable"));
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", "5"}}});
+  EXPECT_TRUE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}}));
+  EXPECT_EQ(Error(), (LastError{0, 0, ""}));
+
+  server_.ClearScript();
+  server_.ClearRequests();
+  server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", ErrorAnswer(404, "NoSuchKey"));
+  EXPECT_FALSE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}}));
+  EXPECT_EQ(Error(), (LastError{5, 0, "get metadata rsp status code[404]."}));
+  EXPECT_EQ(server_.Requests().size(), 4u);
+}
+
+// ---- what is known of a failure
+
+TEST_F(ObjectProtoClientTest, RecordsWhichRequestWasRefused) {
+  server_.Answer("POST /pool/key?upload_id=id-1&part_number=3", ErrorAnswer(403, "AccessDenied"));
+  EXPECT_FALSE(client_->UploadPartObject("key", server_.Address(), 3, "id-1", "part", 4));
+  const SClientFailure failure = impl_->last_error.GetFailure();
+  EXPECT_EQ(failure.code, ClientError::kUnexpectedAnswer);
+  EXPECT_EQ(failure.text, "UploadPartObject rsp status code[403].");
+  EXPECT_EQ(failure.http_status, 403);
+  EXPECT_EQ(failure.error_code, "AccessDenied");
+  EXPECT_EQ(failure.request, "POST /pool/key?upload_id=id-1&part_number=3");
+  EXPECT_EQ(failure.address, server_.Address());
+  EXPECT_EQ(failure.transport_error, 0);
+  EXPECT_EQ(failure.system_error, 0);
+}
+
+TEST_F(ObjectProtoClientTest, RecordsWhichRequestWasNotAnswered) {
+  UseDeadServer();
+  std::string location;
+  EXPECT_FALSE(client_->GetBestNode(location, "key"));
+  const SClientFailure failure = impl_->last_error.GetFailure();
+  EXPECT_EQ(failure.code, ClientError::kNotSent);
+  EXPECT_EQ(failure.http_status, 0);
+  EXPECT_EQ(failure.error_code, "");
+  EXPECT_EQ(failure.request, "GET /pool/key?bestnode");
+  EXPECT_EQ(failure.address, "127.0.0.1:1");
+  EXPECT_EQ(failure.transport_error, TansyNet::HttpClient::kConnect);
+  EXPECT_EQ(failure.text, "Send get best node msg failed[3:" + std::to_string(failure.system_error) + "].");
+}
+
+TEST_F(ObjectProtoClientTest, TakesNoErrorNameFromWhatIsNone) {
+  for (const char* body : {"", "<Code>", "<Code></Code>", "plain text", "<html><body>Code</body></html>"}) {
+    server_.ClearScript();
+    server_.Answer("DELETE /pool/key", {.status = 500, .body = body});
+    EXPECT_FALSE(client_->RemoveFile("/pool/key"));
+    EXPECT_EQ(impl_->last_error.GetFailure().error_code, "") << body;
+  }
+  server_.ClearScript();
+  server_.Answer("DELETE /pool/key", {.status = 500, .body = "<Code>" + std::string(65, 'x') + "</Code>"});
+  EXPECT_FALSE(client_->RemoveFile("/pool/key"));
+  EXPECT_EQ(impl_->last_error.GetFailure().error_code, "") << "longer than any name";
+}
+
+// ---- which servers get to see a signature
+
+TEST_F(ObjectProtoClientTest, SendsNothingForAWholeUrl) {
+  const Tests::ScriptedServer other;
+  const std::string foreign = other.Url("/pool/key");
+  const std::string own = server_.Url("/pool/key");
+  char* data = nullptr;
+  unsigned int size = 0;
+  for (const std::string& url : {foreign, own, std::string("pool/key"), std::string("@" + other.Address() + "/x"),
+                                 std::string("0/pool/key"), std::string()}) {
+    const int code = url == foreign ? 12 : 2;
+    const auto expect_refusal = [&](bool done) {
+      EXPECT_FALSE(done) << url;
+      EXPECT_EQ(Error().code, code) << url;
+      impl_->last_error.Set(ClientError::kNone, "");
+    };
+    expect_refusal(client_->RemoveFile(url));
+    expect_refusal(client_->RemoveObjectFile(url));
+    expect_refusal(client_->DownloadObject(&data, &size, "", url));
+    expect_refusal(client_->DownloadObject(&data, &size, "0-1", url));
+    expect_refusal(client_->DownloadObject(folder_.Path("file"), url));
+  }
+  EXPECT_FALSE(client_->RemoveFile(foreign));
+  EXPECT_EQ(Error(), (LastError{12, 0, "url[" + foreign + "] names another server."}));
+  EXPECT_EQ(impl_->last_error.GetFailure().address, other.Address());
+  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_TRUE(other.Requests().empty());
 }
 
 TEST_F(ObjectProtoClientTest, FailsToCompleteAPartTask) {

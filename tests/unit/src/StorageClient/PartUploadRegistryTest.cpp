@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <list>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -150,6 +151,17 @@ TEST_F(PartUploadRegistryTest, GivesUpWaitingAfterTheRound) {
   EXPECT_GE(steady_clock::now() - begin, milliseconds(30));
 }
 
+TEST_F(PartUploadRegistryTest, GivesAPiecewiseUploadToOneCallerAtATime) {
+  EXPECT_FALSE(registry_.BeginPiece(id_)) << "unknown";
+  EXPECT_FALSE(registry_.EndPiece(id_));
+  EXPECT_TRUE(registry_.AddTask({id_, "node:1", id_, {}}));
+  EXPECT_TRUE(registry_.BeginPiece(id_));
+  EXPECT_FALSE(registry_.BeginPiece(id_));
+  EXPECT_TRUE(registry_.EndPiece(id_));
+  EXPECT_TRUE(registry_.BeginPiece(id_));
+  EXPECT_TRUE(registry_.RemoveTask(id_));
+}
+
 TEST_F(PartUploadRegistryTest, KeepsPiecewiseUploadsByKey) {
   const std::string key = id_ + ".pfile";
   std::int32_t last = 0;
@@ -182,8 +194,18 @@ TEST_F(PartUploadRegistryTest, KeepsPiecewiseUploadsByKey) {
   EXPECT_EQ(parts.back().part_number, 2);
   EXPECT_EQ(parts.back().part_size, 20u);
 
+  EXPECT_TRUE(registry_.RemovePiecesFrom(key, 2));
+  EXPECT_TRUE(registry_.FindTask(key, last, task));
+  EXPECT_EQ(last, 1);
+
+  EXPECT_TRUE(registry_.SetTail(key, std::make_shared<const std::string>("tail")));
+  EXPECT_TRUE(registry_.FindTask(key, last, task));
+  EXPECT_EQ(*task.tail, "tail");
+
   EXPECT_TRUE(registry_.RemoveTask(key));
   EXPECT_FALSE(registry_.RemoveTask(key));
+  EXPECT_FALSE(registry_.RemovePiecesFrom(key, 1));
+  EXPECT_FALSE(registry_.SetTail(key, nullptr));
   EXPECT_FALSE(registry_.FindTask(key, last, task));
 }
 

@@ -220,6 +220,63 @@ TEST_F(CPictureClientTest, ADownloadWithoutConfigurationSaysSo) {
   EXPECT_TRUE(Contains(log_->Text(kNullDownload), "]download pic failed, ptr_conf_ is null, url[/pic?id=1].["));
 }
 
+TEST_F(CPictureClientTest, TheLastFailureNamesTheRequest) {
+  CPictureClient client(config_);
+  EXPECT_EQ(client.GetLastFailure().code, ClientError::kNone);
+  std::string url;
+  char* data = nullptr;
+  std::uint32_t size = 0;
+  server_.Answer("GET /Quorvane/BestNode*", {.status = 403, .body = R"({"ErrorCode": -58002, "Message": "no"})"});
+  EXPECT_FALSE(client.UploadPicture(url, "x", 1));
+  SClientFailure failure = client.GetLastFailure();
+  EXPECT_EQ(failure.code, ClientError::kUnexpectedAnswer);
+  EXPECT_EQ(failure.text, "get best node rsp status code[403].");
+  EXPECT_EQ(failure.http_status, 403);
+  EXPECT_EQ(failure.error_code, "-58002");
+  EXPECT_TRUE(failure.request.starts_with("GET /Quorvane/BestNode?SerialID=")) << failure.request;
+  EXPECT_EQ(failure.address, server_.Address());
+
+  server_.ClearScript();
+  server_.Answer("GET /Quorvane/BestNode*", BestNodeAnswer("127.0.0.1", "1"));
+  EXPECT_FALSE(client.UploadPicture(url, "x", 1));
+  failure = client.GetLastFailure();
+  EXPECT_EQ(failure.code, ClientError::kNotSent);
+  EXPECT_EQ(failure.transport_error, TansyNet::HttpClient::kConnect);
+  EXPECT_EQ(failure.request, "POST /Quorvane/Picture/Write");
+  EXPECT_EQ(failure.address, "127.0.0.1:1") << "that of the gateway";
+
+  server_.Answer("GET /pic?id=1", {.status = 404, .body = "none"});
+  EXPECT_FALSE(client.DownloadPicture(&data, size, "/pic?id=1"));
+  failure = client.GetLastFailure();
+  EXPECT_EQ(failure.http_status, 404);
+  EXPECT_EQ(failure.request, "GET /pic?id=1");
+
+  ScriptUpload();
+  server_.Answer("GET /pic?id=2", {.body = "jpeg"});
+  ASSERT_TRUE(client.DownloadPicture(&data, size, "/pic?id=2"));
+  delete[] data;
+  EXPECT_EQ(client.GetLastFailure().http_status, 404) << "a success does not clear it";
+}
+
+TEST_F(CPictureClientTest, EveryRefusalLeavesALastFailure) {
+  CPictureClient client(config_);
+  std::string url;
+  std::uint32_t size = 0;
+  EXPECT_FALSE(client.UploadPicture(url, nullptr, 1));
+  EXPECT_EQ(client.GetLastFailure().text, "no data.");
+  EXPECT_FALSE(client.DownloadPicture(nullptr, size, "/pic?id=1"));
+  EXPECT_EQ(client.GetLastFailure().text, "no place for the picture.");
+  EXPECT_FALSE(client.UploadPicture(url, "x", 33554433));
+  EXPECT_EQ(client.GetLastFailure().text, "picture size exceed 32M.");
+  EXPECT_EQ(client.GetLastFailure().code, ClientError::kBadArgument);
+  config_.ak.clear();
+  CPictureClient bad(config_);
+  EXPECT_FALSE(bad.Init());
+  EXPECT_EQ(bad.GetLastFailure().code, ClientError::kBadArgument);
+  EXPECT_EQ(Emptied().GetLastFailure().code, ClientError::kOutOfResources);
+  EXPECT_EQ(server_.ConnectionCount(), 0);
+}
+
 TEST_F(CPictureClientTest, OneClientServesManyThreads) {
   ScriptUpload();
   server_.Answer("GET /pic?id=1", {.body = "jpeg"});

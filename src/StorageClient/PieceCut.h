@@ -1,0 +1,30 @@
+#ifndef TANSY_SRC_STORAGE_CLIENT_PIECE_CUT_H
+#define TANSY_SRC_STORAGE_CLIENT_PIECE_CUT_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tansy::CloudStorage {
+
+// Parts that the client cuts on its own are never smaller, the last one of an object excepted: an upload of a few bytes
+// a part would need more requests than anybody wants to send.
+inline constexpr std::uint32_t kMinCutPartBytes = 65536;
+
+// What one piece of a piecewise upload turns into.
+struct SPieceCut {
+  std::vector<std::string_view> parts;  // in upload order; they point into the piece and into `joined`
+  std::string joined;                   // the bytes kept from earlier pieces and the first ones of this piece
+  std::string tail;                     // bytes that wait for the next piece
+};
+
+// The server stores part n at (n - 1) times the size of part 1, so every part but the last has that size. A piece that
+// fits goes out as it is: one of `part_size` bytes, or a smaller last one. Any other is cut, and what is left over is
+// kept and gathered with the pieces that follow. `tail` is what earlier pieces left. False when the piece has to be cut
+// and the parts would be smaller than kMinCutPartBytes.
+bool CutPiece(SPieceCut& cut, const std::string& tail, std::string_view piece, std::uint32_t part_size, bool last);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_CLIENT_PIECE_CUT_H
