@@ -1,42 +1,17 @@
-// The HMAC functions are deprecated since OpenSSL 3.0 and stay there; this asks for the interface of 1.1.1 without the
-// warnings.
-#define OPENSSL_API_COMPAT 0x10101000L
-
 #include "StorageServer/ServerComm.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include <algorithm>
-#include <array>
-#include <chrono>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <limits>
-#include <memory>
-
-#include "TansyBase/Encrypt.h"
-#include "TansyBase/StringUtil.h"
-#include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
 
-using TansyBase::StringUtil;
-
 namespace details {
 namespace {
-
-constexpr std::array<const char*, 7> kWeekdays = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                 "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
-constexpr std::size_t kMaxDateBytes = 40;
-
-// Years that the calendar arithmetic below holds, as days since 1970.
-constexpr std::chrono::sys_days kFirstDay = std::chrono::year::min() / std::chrono::January / 1;
-constexpr std::chrono::sys_days kLastDay = std::chrono::year::max() / std::chrono::December / 31;
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
@@ -73,109 +48,8 @@ int EscapedByte(const char* text, std::int32_t remaining) {
   return IsLetterOrDigit(static_cast<unsigned char>(value)) ? -1 : value;
 }
 
-// A digest of its own for each thread. Setting up a context looks the algorithm up by name and hashes the key, which
-// costs more than the signature of a request itself; a server has one key, so both are done once and kept.
-class HmacSha1 {
- public:
-  // Writes the digest and its length. False when the library refuses.
-  bool Sign(std::string_view text, std::string_view key, unsigned char* digest, unsigned int& length) {
-    if (!Restart(key)) {
-      return false;
-    }
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-    return HMAC_Update(context_.get(), bytes, text.size()) == 1 && HMAC_Final(context_.get(), digest, &length) == 1;
-  }
-
- private:
-  struct Free {
-    void operator()(HMAC_CTX* context) const { HMAC_CTX_free(context); }
-  };
-
-  bool Restart(std::string_view key) {
-    if (has_key_ && key == key_) {
-      return HMAC_Init_ex(context_.get(), nullptr, 0, nullptr, nullptr) == 1;
-    }
-    has_key_ = false;
-    if (key.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-      return false;
-    }
-    if (!context_) {
-      context_.reset(HMAC_CTX_new());
-    }
-    key_ = key;
-    // c_str() is never null, and a null key would mean "the one before".
-    has_key_ =
-        context_ && HMAC_Init_ex(context_.get(), key_.c_str(), static_cast<int>(key_.size()), EVP_sha1(), nullptr) == 1;
-    return has_key_;
-  }
-
-  std::unique_ptr<HMAC_CTX, Free> context_;
-  std::string key_;
-  bool has_key_ = false;
-};
-
 }  // namespace
 }  // namespace details
-
-const std::string& AuthPrefix() {
-  // Not destroyed at the end of the process: requests may still be on their way then.
-  static const std::string& prefix = *new std::string("quorvane");
-  return prefix;
-}
-
-std::string FormatHttpDate() {
-  using std::chrono::sys_seconds;
-  const sys_seconds now{std::chrono::seconds(TansyBase::TimeUtil::Now())};
-  if (now < details::kFirstDay || now >= details::kLastDay + std::chrono::days(1)) {
-    return {};
-  }
-  const auto day = std::chrono::floor<std::chrono::days>(now);
-  const std::chrono::year_month_day date(day);
-  const std::chrono::hh_mm_ss<std::chrono::seconds> time(now - day);
-  const unsigned int weekday = std::chrono::weekday(day).c_encoding();
-  const unsigned int month = static_cast<unsigned int>(date.month()) - 1;
-  if (weekday >= details::kWeekdays.size() || month >= details::kMonths.size()) {
-    return {};
-  }
-  const std::string year_and_time = StringUtil::str_fmt(
-      "%d %02d:%02d:%02d GMT", static_cast<int>(date.year()), static_cast<int>(time.hours().count()),
-      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
-  return StringUtil::str_fmt("%s, %2d %s %s", details::kWeekdays[weekday],
-                             static_cast<int>(static_cast<unsigned int>(date.day())), details::kMonths[month],
-                             year_and_time.c_str());
-}
-
-std::time_t ParseHttpDate(std::string_view text) {
-  // "Tue, 03 Nov 2026 08:05:09 GMT", the day of the month in up to two places.
-  const std::string date(text.substr(0, details::kMaxDateBytes));
-  char weekday[4] = {};
-  char month_name[4] = {};
-  unsigned int day = 0;
-  int year = 0;
-  unsigned int hour = 0;
-  unsigned int minute = 0;
-  unsigned int second = 0;
-  int length = 0;
-  if (text.size() > details::kMaxDateBytes ||
-      std::sscanf(date.c_str(), "%3[A-Za-z],%2u %3[A-Za-z] %4d %2u:%2u:%2u GMT%n", weekday, &day, month_name, &year,
-                  &hour, &minute, &second, &length) != 7 ||
-      static_cast<std::size_t>(length) != text.size()) {
-    return -1;
-  }
-  const auto month = std::find_if(details::kMonths.begin(), details::kMonths.end(),
-                                  [&](const char* name) { return std::strcmp(name, month_name) == 0; });
-  const auto month_number = static_cast<unsigned int>(month - details::kMonths.begin()) + 1;
-  const std::chrono::year_month_day ymd{std::chrono::year{year}, std::chrono::month{month_number},
-                                        std::chrono::day{day}};
-  // 60 is a leap second.
-  if (!ymd.ok() || hour > 23 || minute > 59 || second > 60) {
-    return -1;
-  }
-  const auto time = std::chrono::sys_days(ymd) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
-                    std::chrono::seconds(second);
-  const std::int64_t seconds = time.time_since_epoch().count();
-  return seconds >= 0 ? static_cast<std::time_t>(seconds) : -1;
-}
 
 bool UrlQueryDecode(char* output, std::int32_t output_size, const char* input, std::int32_t input_length) {
   if (output == nullptr || input == nullptr || input_length < 0 || output_size < input_length) {
@@ -221,16 +95,6 @@ std::int32_t ParseHttpUrlQuery(std::map<std::string, std::string>& values, const
     }
   }
   return 0;
-}
-
-std::string SignHmacSha1(std::string_view text, std::string_view key) {
-  thread_local details::HmacSha1 hmac;
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (!hmac.Sign(text, key, digest, length)) {
-    return {};
-  }
-  return TansyBase::Encrypt::Base64Encode(digest, length);
 }
 
 std::string Fingerprint(std::string_view text) {

@@ -1,25 +1,18 @@
-// Text helpers of the two servers, also used by the clients: dates, query text, request signatures.
+// Text helpers of the two servers: query text and the check of signatures. What the clients need too is in Common/, and
+// comes along.
 // Threads: all may be called from any thread; nothing throws.
 #ifndef TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
 #define TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
 
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <string>
 #include <string_view>
 
+#include "Common/HttpDate.h"
+#include "Common/Signature.h"
+
 namespace Tansy::CloudStorage {
-
-// Scheme word of the Authorization header and of tokens.
-const std::string& AuthPrefix();
-
-// The current time as an HTTP date whose day is padded with a blank: "Tue,  3 Nov 2026 08:05:09 GMT". Empty when the
-// clock cannot be converted.
-std::string FormatHttpDate();
-// Reads an HTTP date, its day padded with a blank, with a zero or not at all. -1 for any other text and for days before
-// 1970.
-std::time_t ParseHttpDate(std::string_view text);
 
 // Percent-decoding of query text: "+" becomes a blank, "%XX" its byte, except that escaped letters and digits stay
 // escaped. False when `output_size` is less than `input_length`.
@@ -29,8 +22,6 @@ std::string DecodeHttpUrlQuery(const std::string& text);
 // Splits "a=1&b=2" into `values`; pieces without "=" are skipped, a later key overwrites an earlier one. Always 0.
 std::int32_t ParseHttpUrlQuery(std::map<std::string, std::string>& values, const std::string& query);
 
-// Base64 of the HMAC-SHA1 (RFC 2104) of `text` under `key`; empty when the library refuses.
-std::string SignHmacSha1(std::string_view text, std::string_view key);
 // A short text that differs for different texts: hexadecimal digits that do not tell what they were made of. Empty when
 // the library refuses.
 std::string Fingerprint(std::string_view text);

@@ -22,7 +22,7 @@ declare -A allowed=(
   [platform/sqlbuilder]="sqlbuilder db_layer"
   [platform/HostSystem]="HostSystem"
   [include]="TansyCloudStorage"
-  [src]="StorageServer StorageClient TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
+  [src]="StorageServer StorageClient Common TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
   [host]="host HostSystem TansyCloudStorage KivPlatform TansyNet TansyBase TansyProto db_layer sqlbuilder OSAL logging"
   [cli]="cli HostSystem TansyCloudStorage TansyNet TansyBase TansyProto OSAL logging"
 )
@@ -33,6 +33,13 @@ declare -A rooms=(
   [platform/TansyNet/client]="TansyNet/(client/|wire/|transport/)"
   [platform/TansyNet/wire]="TansyNet/wire/"
   [platform/TansyNet/transport]="TansyNet/transport/"
+)
+
+# Parts of the module that stay strangers to one another: what the files of each may not include.
+declare -A strangers=(
+  [src/Common]="Storage(Server|Client)/"
+  [src/StorageClient]="StorageServer/"
+  [src/StorageServer]="StorageClient/"
 )
 
 # Headers that cost seconds to compile; a header that others include must not bring them along.
@@ -73,6 +80,12 @@ for room in "${!rooms[@]}"; do
   while IFS=: read -r file include; do
     [[ ! "$include" =~ ^"${room#platform/}"/ ]] || complain "$file includes \"$include\", which is internal to $library"
   done < <(includes_of include src host cli)
+done
+
+for part in "${!strangers[@]}"; do
+  while IFS=: read -r file include; do
+    [[ ! "$include" =~ ^${strangers[$part]} ]] || complain "$file includes \"$include\": $part may not"
+  done < <(includes_of "$part")
 done
 
 # The module knows the standard library, OpenSSL's HMAC and Boost.System, and nothing else of the outside.

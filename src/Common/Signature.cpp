@@ -1,0 +1,81 @@
+// The HMAC functions are deprecated since OpenSSL 3.0 and stay there; this asks for the interface of 1.1.1 without the
+// warnings.
+#define OPENSSL_API_COMPAT 0x10101000L
+
+#include "Common/Signature.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <cstddef>
+#include <limits>
+#include <memory>
+
+#include "TansyBase/Encrypt.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+// A digest of its own for each thread. Setting up a context looks the algorithm up by name and hashes the key, which
+// costs more than the signature of a request itself; a server has one key, so both are done once and kept.
+class HmacSha1 {
+ public:
+  // Writes the digest and its length. False when the library refuses.
+  bool Sign(std::string_view text, std::string_view key, unsigned char* digest, unsigned int& length) {
+    if (!Restart(key)) {
+      return false;
+    }
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    return HMAC_Update(context_.get(), bytes, text.size()) == 1 && HMAC_Final(context_.get(), digest, &length) == 1;
+  }
+
+ private:
+  struct Free {
+    void operator()(HMAC_CTX* context) const { HMAC_CTX_free(context); }
+  };
+
+  bool Restart(std::string_view key) {
+    if (has_key_ && key == key_) {
+      return HMAC_Init_ex(context_.get(), nullptr, 0, nullptr, nullptr) == 1;
+    }
+    has_key_ = false;
+    if (key.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+      return false;
+    }
+    if (!context_) {
+      context_.reset(HMAC_CTX_new());
+    }
+    key_ = key;
+    // c_str() is never null, and a null key would mean "the one before".
+    has_key_ =
+        context_ && HMAC_Init_ex(context_.get(), key_.c_str(), static_cast<int>(key_.size()), EVP_sha1(), nullptr) == 1;
+    return has_key_;
+  }
+
+  std::unique_ptr<HMAC_CTX, Free> context_;
+  std::string key_;
+  bool has_key_ = false;
+};
+
+}  // namespace
+}  // namespace details
+
+const std::string& AuthPrefix() {
+  // Not destroyed at the end of the process: requests may still be on their way then.
+  static const std::string& prefix = *new std::string("quorvane");
+  return prefix;
+}
+
+std::string SignHmacSha1(std::string_view text, std::string_view key) {
+  thread_local details::HmacSha1 hmac;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (!hmac.Sign(text, key, digest, length)) {
+    return {};
+  }
+  return TansyBase::Encrypt::Base64Encode(digest, length);
+}
+
+}  // namespace Tansy::CloudStorage
