@@ -20,10 +20,8 @@ int main(int argc, char** argv) {
   std::string url;
   if (!client.Init() || !client.UploadFile(url, argv[5]) || !client.DownloadFile(url, argv[6]) ||
       !client.RemoveObjectFileByUrl(url)) {
-    int code = 0;
-    std::string message;
-    client.GetLastError(code, message);
-    std::cerr << "client: error " << code << ": " << message << "\n";
+    const Tansy::CloudStorage::SClientFailure failure = client.GetLastFailure();
+    std::cerr << "client: " << failure.text << " (" << failure.request << " at " << failure.address << ")\n";
     return 1;
   }
   std::cout << url << "\n";

@@ -61,6 +61,7 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   //
   // Pieces of one object come one at a time and in order; a second one meanwhile is refused (kBadPiece). What is known
   // of unfinished uploads is kept until they are completed or the process ends; servers forget them after three days.
+  bool UploadFileByPieces(std::string& url, const char* data, unsigned int size, bool last);
   // The same; an object of one piece is stored as a multipart object too.
   bool UploadFileByPiecesAloneStorage(std::string& url, const char* data, unsigned int size, bool last);
   // The same with a name chosen by the caller: `url` is the object key when `first` is true. While an upload under a

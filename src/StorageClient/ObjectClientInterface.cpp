@@ -2,6 +2,7 @@
 #include <string>
 #include <utility>
 
+#include "Common/Signature.h"
 #include "ModuleLog.h"
 #include "StorageClient/ClientState.h"
 #include "StorageClient/HostProgress.h"
@@ -12,7 +13,6 @@
 #include "StorageClient/ObjectProtoClient.h"
 #include "StorageClient/PartUploadRegistry.h"
 #include "StorageClient/ServerAddress.h"
-#include "StorageServer/ServerComm.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
 #include "TansyBase/StringUtil.h"

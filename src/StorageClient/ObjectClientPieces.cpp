@@ -24,9 +24,9 @@ bool CheckData(ObjectImpl& conf, const char* data, unsigned int size) {
 }
 
 // One piece whose first one is told by an empty `url`.
-bool SendByUrl(const char* function, const std::shared_ptr<ObjectImpl>& conf, std::string& url, const char* data,
+bool SendByUrl(const Caller& caller, const std::shared_ptr<ObjectImpl>& conf, std::string& url, const char* data,
                unsigned int size, bool last) {
-  CPieceUpload piece(function);
+  CPieceUpload piece(caller);
   if (!piece.Init(conf) || !CheckData(*conf, data, size)) {
     return false;
   }
@@ -43,21 +43,21 @@ bool SendByUrl(const char* function, const std::shared_ptr<ObjectImpl>& conf, st
 }  // namespace details
 
 bool CObjectClient::UploadFileByPieces(std::string& url, const char* data, unsigned int size, bool last) {
-  static constexpr auto function = logging::CutQualifiedName(TANSY_FUNCTION_TEXT);
+  const details::Caller caller = CLOUD_LOG_CALLER;
   if (url.empty() && last) {
     return UploadFile(url, data, size);
   }
-  return RunGuarded(ptr_conf_, [&] { return details::SendByUrl(function.text, ptr_conf_, url, data, size, last); });
+  return RunGuarded(ptr_conf_, [&] { return details::SendByUrl(caller, ptr_conf_, url, data, size, last); });
 }
 
 bool CObjectClient::UploadFileByPiecesAloneStorage(std::string& url, const char* data, unsigned int size, bool last) {
-  static constexpr auto function = logging::CutQualifiedName(TANSY_FUNCTION_TEXT);
-  return RunGuarded(ptr_conf_, [&] { return details::SendByUrl(function.text, ptr_conf_, url, data, size, last); });
+  const details::Caller caller = CLOUD_LOG_CALLER;
+  return RunGuarded(ptr_conf_, [&] { return details::SendByUrl(caller, ptr_conf_, url, data, size, last); });
 }
 
 bool CObjectClient::UploadFileByPiecesAndFileName(std::string& url, const char* data, unsigned int size, bool last,
                                                   bool first) {
-  static constexpr auto function = logging::CutQualifiedName(TANSY_FUNCTION_TEXT);
+  const details::Caller caller = CLOUD_LOG_CALLER;
   return RunGuarded(ptr_conf_, [&] {
     if (!ptr_conf_) {
       CLOUD_LOG(logging::kError, "[%s]upload file failed, ptr_conf_ is null.[%s(%d)]");
@@ -71,7 +71,7 @@ bool CObjectClient::UploadFileByPiecesAndFileName(std::string& url, const char* 
     if (!details::CheckData(*ptr_conf_, data, size)) {
       return false;
     }
-    CPieceUpload piece(function.text);
+    CPieceUpload piece(caller);
     piece.Init(ptr_conf_);
     piece.TraceRecordedKey();
     if (first) {

@@ -3,10 +3,11 @@
 #include <cstdlib>
 #include <utility>
 
+#include "Common/HttpDate.h"
+#include "Common/Signature.h"
 #include "ModuleLog.h"
 #include "StorageClient/ContentMd5.h"
 #include "StorageClient/ServerAddress.h"
-#include "StorageServer/ServerComm.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyCloudStorage/ObjectClient.h"
 #include "TansyProto/XmlProto.h"

@@ -5,9 +5,10 @@
 #include <memory>
 #include <utility>
 
+#include "Common/HttpDate.h"
+#include "Common/Signature.h"
 #include "ModuleLog.h"
 #include "StorageClient/ServerAddress.h"
-#include "StorageServer/ServerComm.h"
 #include "TansyBase/GuidUtil.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyBase/TimeUtil.h"

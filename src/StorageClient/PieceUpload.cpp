@@ -7,16 +7,6 @@
 #include "StorageClient/ServerAddress.h"
 #include "TansyBase/GuidUtil.h"
 
-// A diagnostic under the name of the exported function that the piece is sent for.
-#define PIECE_LOG(level, format, ...)                                                                         \
-  do {                                                                                                        \
-    if (logging::IsEnabled(level)) {                                                                          \
-      static logging::CallSite call_site;                                                                     \
-      logging::Write(call_site, level, "platform.LocalStorage", format, function_ __VA_OPT__(, ) __VA_ARGS__, \
-                     __FILE__, __LINE__);                                                                     \
-    }                                                                                                         \
-  } while (false)
-
 namespace Tansy::CloudStorage {
 
 namespace details {
@@ -62,7 +52,7 @@ void CPieceUpload::SetKey(const std::string& key) {
 bool CPieceUpload::SetKeyOfUrl(const std::string& url) {
   const std::size_t slash = url.rfind('/');
   if (slash == std::string::npos) {
-    PIECE_LOG(logging::kError, "[%s]upload piece failed, invalid url[%s].[%s(%d)]", url.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, invalid url[%s].[%s(%d)]", url.c_str());
     conf_->last_error.Set(ClientError::kBadArgument, "url[" + url + "] holds no object key.");
     return false;
   }
@@ -84,11 +74,13 @@ bool CPieceUpload::Send(std::string& url, std::string_view piece, bool first, bo
 bool CPieceUpload::SendWhole(std::string& url, std::string_view object) {
   std::string node;
   if (!client_.GetBestNode(node, key_)) {
-    PIECE_LOG(logging::kError, "[%s]upload file failed, object key[%s] get best node failed.[%s(%d)]", key_.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload file failed, object key[%s] get best node failed.[%s(%d)]",
+                  key_.c_str());
     return false;
   }
   if (!client_.UploadObject(url, node, key_, object.data(), static_cast<unsigned int>(object.size()))) {
-    PIECE_LOG(logging::kError, "[%s]upload file failed, object key[%s] upload failed.[%s(%d)]", key_.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload file failed, object key[%s] upload failed.[%s(%d)]",
+                  key_.c_str());
     return false;
   }
   return true;
@@ -160,11 +152,11 @@ bool CPieceUpload::SendLater(std::string_view piece, bool last) {
 
 bool CPieceUpload::BeginTask() {
   if (!client_.GetBestNode(task_.best_node, key_)) {
-    PIECE_LOG(logging::kError, "[%s]upload first piece failed, get best node failed.[%s(%d)]");
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload first piece failed, get best node failed.[%s(%d)]");
     return false;
   }
   if (!client_.CreatePartTask(task_.upload_id, key_)) {
-    PIECE_LOG(logging::kError, "[%s]upload first piece failed, create part task failed.[%s(%d)]");
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload first piece failed, create part task failed.[%s(%d)]");
     return false;
   }
   return true;
@@ -174,7 +166,8 @@ bool CPieceUpload::FindTask() {
   const std::string key = task_.key;
   std::int32_t last_number = 0;
   if (!registry_.FindTask(key, last_number, task_)) {
-    PIECE_LOG(logging::kError, "[%s]upload piece failed, find task failed, url[%s].[%s(%d)]", key_.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, find task failed, url[%s].[%s(%d)]",
+                  key_.c_str());
     SetBadPiece("no upload of object[" + key_ + "] is known.");
     return false;
   }
@@ -188,7 +181,8 @@ bool CPieceUpload::Cut(SPieceCut& cut, std::string_view piece, bool last) {
     return true;
   }
   const std::string sizes = std::to_string(piece.size()) + "] bytes after a first one of [" + std::to_string(part_size);
-  PIECE_LOG(logging::kError, "[%s]upload piece failed, url[%s], piece of [%s].[%s(%d)]", key_.c_str(), sizes.c_str());
+  CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, url[%s], piece of [%s].[%s(%d)]", key_.c_str(),
+                sizes.c_str());
   SetBadPiece("piece of [" + sizes + "]: pieces of other sizes need a first one of at least 65536 bytes.");
   return false;
 }
@@ -196,8 +190,8 @@ bool CPieceUpload::Cut(SPieceCut& cut, std::string_view piece, bool last) {
 bool CPieceUpload::SendPart(std::int32_t number, std::string_view part) {
   if (!client_.UploadPartObject(key_, task_.best_node, number, task_.upload_id, part.data(),
                                 static_cast<unsigned int>(part.size()))) {
-    PIECE_LOG(logging::kError, "[%s]upload piece failed, url[%s] partnum[%d], dst location[%s].[%s(%d)]", key_.c_str(),
-              number, task_.best_node.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, url[%s] partnum[%d], dst location[%s].[%s(%d)]",
+                  key_.c_str(), number, task_.best_node.c_str());
     return false;
   }
   return true;
@@ -212,13 +206,14 @@ bool CPieceUpload::AddTask() {
 }
 
 void CPieceUpload::SetNotAdded() {
-  PIECE_LOG(logging::kError, "[%s]upload piece failed, add task failed, url[%s].[%s(%d)]", key_.c_str());
+  CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, add task failed, url[%s].[%s(%d)]", key_.c_str());
   SetBadPiece("another upload of object[" + key_ + "] is not finished.");
 }
 
 bool CPieceUpload::AddPiece(std::int32_t number, std::string_view part) {
   if (!registry_.AddPiece(task_.key, {number, static_cast<std::uint32_t>(part.size())})) {
-    PIECE_LOG(logging::kError, "[%s]upload piece failed, add piece failed, url[%s].[%s(%d)]", key_.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, add piece failed, url[%s].[%s(%d)]",
+                  key_.c_str());
     SetBadPiece("the upload of object[" + key_ + "] has ended meanwhile.");
     return false;
   }
@@ -237,20 +232,21 @@ bool CPieceUpload::RecordParts(const SPieceCut& cut) {
 
 void CPieceUpload::TraceKey() const {
   if (trace_recorded_key_) {
-    PIECE_LOG(logging::kTrace, "[%s][%s].[%s(%d)]", key_.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kTrace, "[%s][%s].[%s(%d)]", key_.c_str());
   }
 }
 
 bool CPieceUpload::FinishTask() {
   std::list<SPartInfo> parts;
   if (!registry_.GetAllPieces(task_.key, parts)) {
-    PIECE_LOG(logging::kError, "[%s]upload piece failed, get all pieces failed, url[%s].[%s(%d)]", key_.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, get all pieces failed, url[%s].[%s(%d)]",
+                  key_.c_str());
     SetBadPiece("the upload of object[" + key_ + "] has ended meanwhile.");
     return false;
   }
   if (!client_.FinishPartTask(task_.upload_id, key_, parts)) {
-    PIECE_LOG(logging::kError, "[%s]upload piece failed, url[%s], task id[%s].[%s(%d)]", key_.c_str(),
-              task_.upload_id.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]upload piece failed, url[%s], task id[%s].[%s(%d)]", key_.c_str(),
+                  task_.upload_id.c_str());
     return false;
   }
   registry_.RemoveTask(task_.key);

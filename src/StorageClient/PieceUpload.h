@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "ModuleLog.h"
 #include "StorageClient/ObjectImpl.h"
 #include "StorageClient/ObjectProtoClient.h"
 #include "StorageClient/PartUploadRegistry.h"
@@ -21,8 +22,8 @@ namespace Tansy::CloudStorage {
 // the piece again, a last one included.
 class CPieceUpload : private TansyBase::CNoncopyable {
  public:
-  // `function` is the exported function that log lines name.
-  explicit CPieceUpload(const char* function) : function_(function) {}
+  // `caller` is the exported function that log lines name.
+  explicit CPieceUpload(const details::Caller& caller) : caller_(caller) {}
 
   // False when `conf` is empty; nothing else may then be called.
   bool Init(const std::shared_ptr<ObjectImpl>& conf);
@@ -58,7 +59,7 @@ class CPieceUpload : private TansyBase::CNoncopyable {
   void SetBadPiece(const std::string& text);
 
   CPartUploadRegistry& registry_ = CPartUploadRegistry::Instance();
-  const char* const function_;
+  const details::Caller caller_;
   std::shared_ptr<ObjectImpl> conf_;
   CObjectProtoClient client_;
   bool trace_recorded_key_ = false;
