@@ -537,7 +537,14 @@ TEST_F(ObjectClientInterfaceTest, FailsWithoutItsState) {
   EXPECT_EQ(log_->Count("[%s]Remove file failed, ptr_conf_ is null, url[%s].[%s(%d)]", logging::kError), 2u);
   EXPECT_FALSE(client.DownloadFile("/pool/key", folder_.Path("file")));
   EXPECT_EQ(log_->Count("[%s]Init failed, server_config is nullptr.[%s(%d)]", logging::kError), 1u);
+  EXPECT_FALSE(client.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_FALSE(client.UploadFile(url, std::string(33554433, 'x').data(), 33554433));
+  EXPECT_FALSE(client.GetStorageVersion(url, {"127.0.0.1", server_.Port(), "a", "s"}));
+  client.SetTimeoutConfig(1, 1);
+  EXPECT_EQ(ErrorOf(client), (LastError{11, 0, ""}));
+  EXPECT_EQ(client.GetLastFailure().code, ClientError::kOutOfResources);
   EXPECT_TRUE(client.Uninit());
+  EXPECT_TRUE(server_.Requests().empty());
 }
 
 // ---- version

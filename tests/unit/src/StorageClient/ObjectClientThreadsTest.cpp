@@ -39,22 +39,28 @@ TEST_F(ObjectClientThreadsTest, ServesEightThreadsAtOnce) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
-      const std::string own = folder_.MakeFile("file" + std::to_string(i), std::string(1000, 'y'));
+      const std::string own_content = TestBytes(1000, static_cast<unsigned>(i));
+      const std::string own = folder_.MakeFile("file" + std::to_string(i), own_content);
       for (int round = 0; round < kRounds; ++round) {
         CObjectClient copy(client_);
         std::string url;
         expect(copy.Init());
-        expect(client_.UploadFile(url, own));
+        expect(client_.UploadFile(url, own) && multipart_.Object(url) == own_content);
         url.clear();
-        expect(copy.UploadFile(url, "buffer", 6));
+        const std::string buffer = own_content.substr(0, 100 + static_cast<std::size_t>(round));
+        expect(copy.UploadFile(url, buffer.data(), static_cast<unsigned>(buffer.size())) &&
+               multipart_.Object(url) == buffer);
         url.clear();
-        expect(client_.UploadFileByPieces(url, "one", 3, false) && client_.UploadFileByPieces(url, "two", 3, true));
+        expect(client_.UploadFileByPieces(url, own_content.data(), 500, false) &&
+               client_.UploadFileByPieces(url, own_content.data() + 500, 500, true) &&
+               multipart_.Object(url) == own_content);
         char* data = nullptr;
         unsigned int size = 0;
         expect(client_.DownloadFile(&data, size, "/pool/stored"));
         const std::unique_ptr<char[]> owner(data);
         expect(std::string(data, size) == "content");
-        expect(client_.DownloadFile("/pool/stored", folder_.Path("got" + std::to_string(i))));
+        const std::string got = folder_.Path("got" + std::to_string(i));
+        expect(client_.DownloadFile("/pool/stored", got) && CTestFolder::Content(got) == "content");
         expect(client_.RemoveFileByUrl("/pool/key"));
         expect(!client_.RemoveFileByUrl("/pool/missing"));
         const LastError error = ErrorOf(copy);
@@ -63,7 +69,7 @@ TEST_F(ObjectClientThreadsTest, ServesEightThreadsAtOnce) {
         std::string version;
         expect(client_.GetStorageVersion(version, {"127.0.0.1", server_.Port(), "a", "s"}) && version == "1");
         if (i == 0 && round == 0) {
-          expect(client_.UploadFile(url, large));
+          expect(client_.UploadFile(url, large) && multipart_.Object(url) == std::string(10485760, 'x'));
         }
       }
     });
