@@ -5,6 +5,7 @@
 #include "Common/Signature.h"
 #include "ModuleLog.h"
 #include "StorageClient/ClientState.h"
+#include "StorageClient/ConfigCheck.h"
 #include "StorageClient/HostProgress.h"
 #include "StorageClient/HttpExchange.h"
 #include "StorageClient/LocalFileErrors.h"
@@ -140,17 +141,7 @@ bool CObjectClient::Init() {
       CLOUD_LOG(logging::kError, "[%s]config ptr is null.[%s(%d)]");
       return false;
     }
-    const SStorageServerConfig& config = ptr_conf_->config;
-    if (config.sk.empty() || config.ak.empty() || config.ip.empty() || config.pool_name.empty()) {
-      CLOUD_LOG(logging::kError, "[%s]sk[%s] , ak[%s], ip[%s], pool name[%s] is invalid.[%s(%d)]", config.ak.c_str(),
-                config.sk.c_str(), config.ip.c_str(), config.pool_name.c_str());
-      ptr_conf_->last_error.Set(ClientError::kBadArgument, "ak/sk empty or ip & pool name empty.");
-      return false;
-    }
-    if (config.upload_port == 0 || config.download_port == 0) {
-      CLOUD_LOG(logging::kError, "[%s]upload port[%d] , download port[%d] is invalid.[%s(%d)]", config.upload_port,
-                config.download_port);
-      ptr_conf_->last_error.Set(ClientError::kBadArgument, "upload port or download port is 0.");
+    if (!CheckConfig(CLOUD_LOG_CALLER, ptr_conf_->config, ptr_conf_->last_error)) {
       return false;
     }
     CPartUploadRegistry::Instance();

@@ -199,21 +199,6 @@ TEST_P(ClientTest, RefusesSmallPiecesThatDoNotFit) {
   EXPECT_EQ(Get(url), "first second");
 }
 
-TEST_P(ClientTest, SendsALastPieceAgainThatTheServerRefused) {
-  std::string url = "again.log";
-  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "one-", 4, false, true));
-  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "two-", 4, false, false));
-  // Nobody takes the last piece while the server is away.
-  ASSERT_TRUE(server_.Stop());
-  EXPECT_FALSE(client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false));
-  Launch launch;
-  launch.with_https = GetParam();
-  ASSERT_TRUE(server_.Start(launch));
-  const bool done = client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false);
-  // Right or refused: the server may have forgotten the upload, which it then says.
-  EXPECT_EQ(Get(url) == "one-two-end", done) << Error().message;
-}
-
 TEST_P(ClientTest, KeepsPiecesOfEqualNamesInTwoPoolsApart) {
   MakeBucket("other");
   SStorageServerConfig config = Config();
@@ -344,8 +329,9 @@ TEST_P(ClientTest, GoesOnAfterTheServerWasAway) {
   Launch launch;
   launch.with_https = GetParam();
   ASSERT_TRUE(server_.Start(launch));
-  client_ = std::make_unique<CObjectClient>(Config());
-  EXPECT_EQ(Download(url), "bytes");
+  EXPECT_EQ(Download(url), "bytes") << "the same client, whose kept connections are gone";
+  EXPECT_TRUE(client_->UploadFile(url, "more", 4)) << Error().message;
+  EXPECT_EQ(Download(url), "more");
 }
 
 TEST_P(ClientTest, ServesEightThreadsAtOnce) {
