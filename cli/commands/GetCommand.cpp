@@ -187,12 +187,11 @@ CommandSpec GetCommand() {
   return {"",
           "get",
           "download objects",
-          "Downloads objects and prints the names of the local files. The bytes go into a file beside it, which takes "
-          "the name when it is complete: what is there under the name is always whole and of one version, and an "
-          "interrupted download leaves nothing behind. With --resume it leaves what has come in a hidden file, and "
-          "the same command goes on from there, unless the object has changed. Behind the URLs comes a file or "
-          "folder; several objects go into a folder, without one into the current folder. The file \"-\" is standard "
-          "output.",
+          "Downloads objects and prints the names of the local files. The bytes go into a hidden file, which takes the "
+          "right name when it is complete: what has that name is always whole and of one version, and an interrupted "
+          "download leaves nothing behind. With --resume it leaves the hidden file, and the same command goes on from "
+          "there; when the object has changed meanwhile, it starts over. Behind the URLs comes a file or folder; "
+          "several objects go into a folder, without one into the current folder. The file \"-\" is standard output.",
           {{.name = "URL",
             .help = "the objects, and behind them a local file or folder, or - for standard output [the object's name, "
                     "here]",
