@@ -25,6 +25,13 @@ class CommandLineTransferTest : public CommandLineFixture {
     std::filesystem::resize_file(WorkPath(name), size);
   }
 
+  // Of unfinished uploads, as far as the server has them.
+  int StoredParts() const {
+    const std::vector<std::string> rows =
+        Query(server_.Data("catalogue.db"), "select count(*) from local_object_task where size > 0 and is_deleted = 0");
+    return rows.size() == 1 ? std::stoi(rows.front()) : -1;
+  }
+
   bool IsPartialOnDisk() const {
     const std::vector<std::string> files = Files();
     return std::any_of(files.begin(), files.end(), [this](const std::string& name) {
@@ -308,8 +315,8 @@ TEST_F(CommandLineTransferTest, LeavesNothingOfADownloadThatIsInterrupted) {
 
 TEST_F(CommandLineTransferTest, LeavesNoObjectOfAnUploadThatIsInterrupted) {
   CProgram program(Tansy({"put", "-", "--name", "stream"}));
-  EXPECT_TRUE(program.Feed(std::string(9 * kMiB, 'x')));  // one piece is sent, the next is not complete
-  EXPECT_TRUE(WaitUntil([&] { return program.CountOpen("socket:") > 0; }));
+  EXPECT_TRUE(program.Feed(std::string(9 * kMiB, 'x')));  // one part can be sent, the next is not complete
+  EXPECT_TRUE(WaitUntil([&] { return StoredParts() == 1; })) << "the server has bytes of it";
   program.Signal(SIGTERM);
   EXPECT_EQ(program.WaitForEnd().code, 130);
   EXPECT_EQ(Run({"stat", "/photos/stream"}).code, 3);
@@ -317,14 +324,17 @@ TEST_F(CommandLineTransferTest, LeavesNoObjectOfAnUploadThatIsInterrupted) {
 }
 
 TEST_F(CommandLineTransferTest, OutlivesItsTerminalWhenItShould) {
-  Invocation invocation = Tansy({"put", "-", "--name", "stream"});
   for (const bool ignored : {true, false}) {
+    const std::string name = ignored ? "outlives" : "ends";
+    const std::string content = RandomBytes(9 * kMiB, 10);
+    Invocation invocation = Tansy({"put", "-", "--name", name});
     invocation.ignore_hangup = ignored;
     CProgram program(invocation);
-    EXPECT_TRUE(program.Feed(std::string(9 * kMiB, 'x')));
-    EXPECT_TRUE(WaitUntil([&] { return program.CountOpen("socket:") > 0; }));
+    EXPECT_TRUE(program.Feed(content));
+    EXPECT_TRUE(WaitUntil([&] { return StoredParts() == 1; })) << "it is in the middle of its work";
     program.Signal(SIGHUP);
     EXPECT_EQ(program.WaitForEnd().code, ignored ? 0 : 130);
+    EXPECT_EQ(Run({"cat", "/photos/" + name}).out == content, ignored) << "done to the end, or not at all";
   }
 }
 
@@ -343,8 +353,11 @@ TEST_F(CommandLineTransferTest, ASecondUploadWaitsForNobody) {
   // The same name from two programs at once: either is the object in the end, and whole.
   Write("a", std::string(9 * kMiB, 'a'));
   Write("b", std::string(9 * kMiB, 'b'));
-  CProgram first(Tansy({"put", "a", "--name", "key"}));
-  CProgram second(Tansy({"put", "b", "--name", "key"}));
+  server_.Signal(SIGSTOP);  // until both have begun
+  CProgram first(Tansy({"--pool", "photos", "put", "a", "--name", "key"}));
+  CProgram second(Tansy({"--pool", "photos", "put", "b", "--name", "key"}));
+  EXPECT_TRUE(WaitUntil([&] { return first.CountOpen("socket:") > 0 && second.CountOpen("socket:") > 0; }));
+  server_.Signal(SIGCONT);
   EXPECT_EQ(Failure(first.WaitForEnd()), "0 ");
   EXPECT_EQ(Failure(second.WaitForEnd()), "0 ");
   const std::string content = Do({"cat", "/photos/key"});
