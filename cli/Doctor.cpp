@@ -18,6 +18,7 @@
 #include "HostSystem/Files.h"
 #include "Output.h"
 #include "ServerLink.h"
+#include "TansyBase/HttpDate.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::Cli {
@@ -100,7 +101,7 @@ class CExamination {
   }
 
   void CheckClock() {
-    const std::time_t server = ParseHttpDate(answer_.GetHeader("Date"));
+    const std::time_t server = TansyBase::HttpDate::Parse(answer_.GetHeader("Date"));
     if (server < 0) {
       Add(EFinding::kWarning, "clock", "the server does not tell its time");
       return;
@@ -234,28 +235,6 @@ struct FreeBio {
 
 std::vector<Finding> Examine(const Settings& settings) {
   return details::CExamination(settings).Run();
-}
-
-std::time_t ParseHttpDate(const std::string& text) {
-  static constexpr char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
-  char month[4] = {};
-  int day = 0;
-  int year = 0;
-  int hour = 0;
-  int minute = 0;
-  int second = 0;
-  if (std::sscanf(text.c_str(), "%*3[A-Za-z], %d %3[A-Za-z] %d %d:%d:%d GMT", &day, month, &year, &hour, &minute,
-                  &second) != 6) {
-    return -1;
-  }
-  const char* const found = std::strstr(kMonths, month);
-  if (found == nullptr || (found - kMonths) % 3 != 0 || std::strlen(month) != 3 || year < 1970 || year > 9999) {
-    return -1;
-  }
-  char datetime[80];
-  std::snprintf(datetime, sizeof(datetime), "%04d-%02d-%02d %02d:%02d:%02d", year,
-                static_cast<int>((found - kMonths) / 3 + 1), day, hour, minute, second);
-  return TansyBase::TimeUtil::StrUTCDatetime2TimeT(datetime);
 }
 
 std::time_t CertificateEnd(const std::string& path) {

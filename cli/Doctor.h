@@ -25,9 +25,6 @@ struct Finding {
 // is a finding.
 std::vector<Finding> Examine(const Settings& settings);
 
-// The time of a Date header; -1 when it is none.
-std::time_t ParseHttpDate(const std::string& text);
-
 // When the first certificate of a PEM file ends, -1 when there is none to read.
 std::time_t CertificateEnd(const std::string& path);
 

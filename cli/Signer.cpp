@@ -3,10 +3,8 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include <array>
-#include <cstdio>
-
 #include "TansyBase/Encrypt.h"
+#include "TansyBase/HttpDate.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyBase/TimeUtil.h"
 
@@ -16,33 +14,11 @@ namespace {
 
 constexpr char kScheme[] = "quorvane ";
 
-// Days and months in the protocol's own spelling, whatever the locale says.
-constexpr std::array<const char*, 7> kDays{"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr std::array<const char*, 12> kMonths{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
-// 0 is a Sunday; 1970-01-01 was a Thursday.
-std::size_t DayOfWeek(std::time_t time) {
-  return static_cast<std::size_t>((time / 86400 + 4) % 7);
-}
-
 }  // namespace
 }  // namespace details
 
 std::string HttpDate() {
-  const std::time_t now = TansyBase::TimeUtil::Now();
-  int year = 0;
-  int month = 0;
-  int day = 0;
-  char time[9] = {};
-  // "2026-11-03 08:05:09"
-  if (std::sscanf(TansyBase::TimeUtil::TimeT2StrUTCDatetime(now).c_str(), "%d-%d-%d %8s", &year, &month, &day, time) !=
-          4 ||
-      month < 1 || month > 12) {
-    return "";
-  }
-  return TansyBase::StringUtil::str_fmt("%s, %2d %s %d %s GMT", details::kDays[details::DayOfWeek(now)], day,
-                                        details::kMonths[static_cast<std::size_t>(month) - 1], year, time);
+  return TansyBase::HttpDate::Format(TansyBase::TimeUtil::Now(), ' ');
 }
 
 std::string Sign(const std::string& text, const std::string& secret_key) {

@@ -4,13 +4,12 @@
 #include <array>
 #include <boost/beast/http/status.hpp>
 #include <charconv>
-#include <chrono>
 #include <cstddef>
-#include <cstdio>
 #include <ctime>
 #include <iterator>
 #include <string_view>
 
+#include "TansyBase/HttpDate.h"
 #include "TansyNet/wire/HeaderNames.h"
 
 namespace TansyNet {
@@ -53,31 +52,15 @@ bool IsFraming(std::string_view name) {
          EqualNoCase(name, "Connection") || EqualNoCase(name, "Keep-Alive");
 }
 
-// "Sun, 06 Nov 1994 08:49:37 GMT", made once a second for each thread.
+// Made once a second for each thread.
 std::string_view DateText() {
-  using std::chrono::system_clock;
   thread_local std::time_t second = -1;
   thread_local std::string text;
-  const std::time_t now = system_clock::to_time_t(system_clock::now());
-  if (now == second) {
-    return text;
+  const std::time_t now = std::time(nullptr);
+  if (now != second) {
+    text = TansyBase::HttpDate::Format(now, '0');
+    second = now;
   }
-  constexpr std::array kDays = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-  constexpr std::array kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  using std::chrono::days;
-  using std::chrono::floor;
-  const auto instant = system_clock::from_time_t(now);
-  const auto day = floor<days>(instant);
-  const std::chrono::year_month_day date{day};
-  const std::chrono::hh_mm_ss time{floor<std::chrono::seconds>(instant - day)};
-  std::array<char, 64> line{};
-  const int length = std::snprintf(line.data(), line.size(), "%s, %02u %s %04d %02d:%02d:%02d GMT",
-                                   kDays.at(std::chrono::weekday{day}.c_encoding()), static_cast<unsigned>(date.day()),
-                                   kMonths.at(static_cast<unsigned>(date.month()) - 1), static_cast<int>(date.year()),
-                                   static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                                   static_cast<int>(time.seconds().count()));
-  text.assign(line.data(), static_cast<std::size_t>(length));
-  second = now;
   return text;
 }
 

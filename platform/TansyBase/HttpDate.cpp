@@ -1,0 +1,89 @@
+#include "TansyBase/HttpDate.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "TansyBase/StringUtil.h"
+
+namespace TansyBase {
+namespace {
+
+constexpr std::array<const char*, 7> kWeekdays = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                 "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr std::size_t kMaxDateBytes = 40;
+
+// Years that the calendar arithmetic below holds, as days since 1970.
+constexpr std::chrono::sys_days kFirstDay = std::chrono::year::min() / std::chrono::January / 1;
+constexpr std::chrono::sys_days kLastDay = std::chrono::year::max() / std::chrono::December / 31;
+
+// The fields of a date as they were written.
+struct Fields {
+  int year = 0;
+  char month[4] = {};
+  unsigned int day = 0;
+  unsigned int hour = 0;
+  unsigned int minute = 0;
+  unsigned int second = 0;
+};
+
+bool Split(std::string_view text, Fields& fields) {
+  if (text.size() > kMaxDateBytes) {
+    return false;
+  }
+  const std::string date(text);
+  char weekday[4] = {};
+  int length = 0;
+  const int found = std::sscanf(date.c_str(), "%3[A-Za-z],%2u %3[A-Za-z] %4d %2u:%2u:%2u GMT%n", weekday, &fields.day,
+                                fields.month, &fields.year, &fields.hour, &fields.minute, &fields.second, &length);
+  return found == 7 && static_cast<std::size_t>(length) == text.size();
+}
+
+unsigned int MonthNumber(const char* name) {
+  const auto* const found =
+      std::find_if(kMonths.begin(), kMonths.end(), [name](const char* month) { return std::strcmp(month, name) == 0; });
+  return static_cast<unsigned int>(found - kMonths.begin()) + 1;
+}
+
+}  // namespace
+
+std::string HttpDate::Format(std::time_t time, char padding) {
+  const std::chrono::sys_seconds instant{std::chrono::seconds(time)};
+  if (instant < kFirstDay || instant >= kLastDay + std::chrono::days(1)) {
+    return {};
+  }
+  const auto day = std::chrono::floor<std::chrono::days>(instant);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss<std::chrono::seconds> clock(instant - day);
+  const unsigned int day_of_month = static_cast<unsigned int>(date.day());
+  const std::string number =
+      (day_of_month < 10 ? std::string(1, padding) : std::string()) + std::to_string(day_of_month);
+  return StringUtil::str_fmt("%s, %s %s %04d %02d:%02d:%02d GMT", kWeekdays.at(std::chrono::weekday(day).c_encoding()),
+                             number.c_str(), kMonths.at(static_cast<unsigned int>(date.month()) - 1),
+                             static_cast<int>(date.year()), static_cast<int>(clock.hours().count()),
+                             static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
+}
+
+std::time_t HttpDate::Parse(std::string_view text) {
+  Fields fields;
+  if (!Split(text, fields)) {
+    return -1;
+  }
+  const std::chrono::year_month_day date{std::chrono::year{fields.year}, std::chrono::month{MonthNumber(fields.month)},
+                                         std::chrono::day{fields.day}};
+  // 60 is a leap second.
+  if (!date.ok() || fields.hour > 23 || fields.minute > 59 || fields.second > 60) {
+    return -1;
+  }
+  const auto time = std::chrono::sys_days(date) + std::chrono::hours(fields.hour) +
+                    std::chrono::minutes(fields.minute) + std::chrono::seconds(fields.second);
+  const std::int64_t seconds = time.time_since_epoch().count();
+  return seconds >= 0 ? static_cast<std::time_t>(seconds) : -1;
+}
+
+}  // namespace TansyBase
