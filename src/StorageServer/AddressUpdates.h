@@ -10,7 +10,7 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Which two fields of an update carry a server's own WAN ports; the other server's pass it by.
+// The two fields of an update that carry the WAN ports of one server. Those of the other server do not concern it.
 struct WanPortFields {
   WanServerInfoFieldType http;
   WanServerInfoFieldType https;
