@@ -1,5 +1,6 @@
 // Buckets, and the address that a client should use for its transfers.
 #include "OSAL/Osal.h"
+#include "StorageServer/HostField.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "TansyBase/GuidUtil.h"
 #include "TansyProto/XmlProto.h"
@@ -70,41 +71,25 @@ bool BuildBucketListRsp(std::string& text, const std::map<std::string, BucketInf
 
 bool BuildBestNodeRsp(std::string& text, const std::string& host, std::uint32_t port) {
   CXmlProto xml;
-  return xml.SetString("/BestNodeInfo/Location", host + ":" + std::to_string(port)) && xml.Serialize(text);
+  return xml.SetString("/BestNodeInfo/Location", InBrackets(host) + ":" + std::to_string(port)) && xml.Serialize(text);
 }
 
 // Where a client says it reached the server.
-struct HostField {
+struct Asked {
   std::string value;      // the Host header
   std::string host;       // its host, without the brackets of an IPv6 address
-  std::string port_text;  // what follows the header's first colon, else the ServerPort header
+  std::string port_text;  // its port, else the ServerPort header
   std::int32_t port = 0;
 };
 
-std::string HeaderText(const TansyNet::Headers& headers, const std::string& name) {
-  const auto header = headers.find(name);
-  return header != headers.end() ? header->second : std::string();
-}
-
 // False when the request does not say.
-bool ReadHostField(HostField& field, const TansyNet::Headers& headers) {
-  field.value = HeaderText(headers, "Host");
-  if (field.value.empty()) {
-    return false;
-  }
-  const std::size_t colon = field.value.find(':');
-  field.host = field.value.substr(0, colon);
-  field.port_text = colon != std::string::npos ? field.value.substr(colon + 1) : HeaderText(headers, "ServerPort");
-  if (colon == std::string::npos && field.port_text.empty()) {
-    return false;
-  }
-  const std::size_t open = field.value.find('[');
-  const std::size_t close = field.value.find(']');
-  if (open != std::string::npos && close != std::string::npos && close > open) {
-    field.host = field.value.substr(open + 1, close - open - 1);
-  }
-  field.port = OSAL_StrToi32(field.port_text.c_str());
-  return !field.host.empty();
+bool ReadHostField(Asked& asked, const TansyNet::Headers& headers) {
+  asked.value = HeaderOrEmpty(headers, "Host");
+  const HostField field = ParseHostField(asked.value);
+  asked.host = field.host;
+  asked.port_text = field.port_text ? *field.port_text : HeaderOrEmpty(headers, "ServerPort");
+  asked.port = OSAL_StrToi32(asked.port_text.c_str());
+  return !asked.host.empty() && (field.port_text || !asked.port_text.empty());
 }
 
 struct Node {
@@ -126,8 +111,8 @@ bool IsOwnAddress(const std::string& host) {
 }
 
 // False when the client asks at a port that the server does not serve there.
-bool ChooseNode(Node& node, const HostField& field, const StorageServerConfig_V1& config) {
-  if (field.host == "127.0.0.1" || field.host == config.ip) {
+bool ChooseNode(Node& node, const Asked& field, const StorageServerConfig_V1& config) {
+  if (IsLoopback(field.host) || field.host == config.ip) {
     node.host = field.host;
     node.port = MatchPort(field.port, config.upload_port, config.https_port);
   } else if (config.wan_enable) {
@@ -187,7 +172,7 @@ int CObjectServer::HandleListBuckets(std::int32_t session_id, const ObjectReques
 }
 
 int CObjectServer::HandleGetBestNode(std::int32_t session_id, const ObjectRequest& request) {
-  details::HostField field;
+  details::Asked field;
   if (!details::ReadHostField(field, request.msg.headers)) {
     CLOUD_LOG(logging::kError, "[%s]no host.[%s(%d)]");
     return AnswerError(session_id, kInvalidHttpContent);

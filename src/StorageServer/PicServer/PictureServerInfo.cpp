@@ -4,6 +4,7 @@
 
 #include "ModuleLog.h"
 #include "OSAL/Osal.h"
+#include "StorageServer/HostField.h"
 #include "StorageServer/PicServer/PictureServer.h"
 #include "StorageServer/PicServer/PictureServerErrors.h"
 #include "StorageServer/RequestSignature.h"
@@ -15,32 +16,22 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-constexpr std::string_view kLoopback = "127.0.0.1";
-
 // Where a client reached the server, and where it is told to go.
 struct Gateway {
   std::string ip;
   std::uint32_t port = 0;
 };
 
-// The address in front of the first colon, without brackets.
-std::string AddressOf(const std::string& host, std::size_t colon) {
-  const std::string text = host.substr(0, colon);
-  const std::size_t open = text.find('[');
-  const std::size_t close = open != std::string::npos ? text.find(']', open) : std::string::npos;
-  return close != std::string::npos ? text.substr(open + 1, close - open - 1) : text;
-}
-
 // The answer for a client that asked at `asked`; the port of the result is 0 when no port of the server's fits. A
 // client that came from outside is told the address for those outside, one on the machine itself stays there.
 Gateway ChooseGateway(const Gateway& asked, const StorageServerConfig_V1& config) {
-  const bool from_outside = asked.ip != kLoopback && asked.ip != config.ip && config.wan_enable;
+  const bool from_outside = !IsLoopback(asked.ip) && asked.ip != config.ip && config.wan_enable;
   const std::uint32_t port = from_outside ? config.wan_port : config.upload_port;
   const std::uint32_t https_port = from_outside ? config.https_wan_port : config.https_port;
   if (asked.port == 0 || (asked.port != port && asked.port != https_port)) {
     return {};
   }
-  if (asked.ip == kLoopback) {
+  if (IsLoopback(asked.ip)) {
     return asked;
   }
   return {from_outside ? config.wan_ip : config.ip, asked.port};
@@ -82,22 +73,21 @@ int CPictureServer::HandleGetBestNode(std::int32_t handle, const HttpServerRecv&
     CLOUD_LOG(logging::kError, "[%s]HandleGetBestNode, host field not exist.[%s(%d)]");
     return AnswerError(handle, kPicHttpProtocol);
   }
-  const std::size_t colon = host.find(':');
-  if (colon == std::string::npos) {
+  const details::HostField field = details::ParseHostField(host);
+  if (!field.port_text) {
     CLOUD_LOG(logging::kError, "[%s]HandleGetBestNode, host field[%s] invalid.[%s(%d)]", host.c_str());
     return AnswerError(handle, kPicHttpProtocol);
   }
-  const std::string port_text = host.substr(colon + 1);
-  const details::Gateway asked{details::AddressOf(host, colon),
-                               static_cast<std::uint32_t>(OSAL_StrToi32(port_text.c_str()))};
+  const details::Gateway asked{field.host, static_cast<std::uint32_t>(OSAL_StrToi32(field.port_text->c_str()))};
   const details::Gateway gateway = details::ChooseGateway(asked, *config);
   if (gateway.port == 0) {
     CLOUD_LOG(logging::kError, "[%s]HandleGetBestNode, host field[%s] port[%s] invalid.[%s(%d)]", asked.ip.c_str(),
-              port_text.c_str());
+              field.port_text->c_str());
     return AnswerError(handle, kPicBadParameter);
   }
   TansyProto::CRapidJsonProto json;
-  json.SetString("/GatewayIP", gateway.ip);
+  // Clients put the address in front of ":" and the port.
+  json.SetString("/GatewayIP", details::InBrackets(gateway.ip));
   json.SetString("/GatewayPort", std::to_string(gateway.port));
   json.SetString("/Token", TansyBase::GuidUtil::CreateGuid());
   return AnswerJson(handle, json.Serialize());

@@ -5,6 +5,7 @@
 
 #include "OSAL/Osal.h"
 #include "ObjectServerFixture.h"
+#include "TansyCloudStorage/ObjectServer.h"
 
 namespace Tansy::Tests {
 namespace {
@@ -156,6 +157,20 @@ TEST_F(CObjectServerBestNodeTest, ChecksInTheirOrder) {
   EXPECT_EQ(log_->Count(kNoHost, logging::kError), 1u);
 }
 
+TEST_F(CObjectServerBestNodeTest, Ipv6AddressesComeBackInBrackets) {
+  const auto location = [](const std::string& text) {
+    return Xml("<BestNodeInfo><Location>" + text + "</Location></BestNodeInfo>");
+  };
+  EXPECT_TRUE(IsXml(Ask({{"Host", "[::1]:9700"}}), location("[::1]:9700")));
+  EXPECT_TRUE(IsXml(Ask({{"Host", "[::1]:9743"}}), location("[::1]:9743")));
+  EXPECT_TRUE(IsXml(Ask({{"Host", "[::1]"}, {"ServerPort", "9700"}}), location("[::1]:9700")));
+  EXPECT_TRUE(IsError(Ask({{"Host", "[::1]:9701"}}), 400, "InvalidHttpContent"));
+  CloudStorage::UpdateLocalServerIp("2001:db8::5");
+  EXPECT_TRUE(IsXml(Ask({{"Host", "[2001:db8::5]:9700"}}), location("[2001:db8::5]:9700")));
+  CloudStorage::UpdateWanServerInfo(true, "2001:db8::7", 0, 19700);
+  EXPECT_TRUE(IsXml(Ask({{"Host", "[2001:db8::99]:19700"}}), location("[2001:db8::7]:19700")));
+}
+
 TEST_F(CObjectServerBestNodeTest, HostsThatAreMissing) {
   EXPECT_TRUE(IsError(Ask({{"Host", ""}}), 400, "InvalidHttpContent"));
   EXPECT_TRUE(IsError(Ask({{"Host", ":9700"}}), 400, "InvalidHttpContent"));
@@ -208,8 +223,9 @@ TEST_F(CObjectServerBestNodeTest, OtherAddresses) {
 }
 
 TEST_F(CObjectServerBestNodeTest, HostsInBrackets) {
-  // The port text is what follows the first colon, which lies inside the brackets of an IPv6 address.
-  EXPECT_TRUE(IsInvalid("[::9]:9700"));
+  // The port of an IPv6 address is what follows its brackets. (These belong to an adapter.)
+  EXPECT_TRUE(Answers("[::9]:9700", "[::9]:9700"));
+  EXPECT_TRUE(IsInvalid("[::9]:9701"));
   const FakeAnswer answer = Ask({{"Host", "[10.0.0.8]:9700"}});
   EXPECT_TRUE(IsXml(answer, Xml("<BestNodeInfo><Location>10.0.0.8:9700</Location></BestNodeInfo>")));
   EXPECT_TRUE(Answers("]10.0.0.8[:9700", "10.0.0.5:9700"));

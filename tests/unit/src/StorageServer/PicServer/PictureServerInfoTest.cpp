@@ -117,9 +117,11 @@ TEST_F(PictureServerInfo, BracketsAreTakenOffWhatStandsBeforeTheFirstColon) {
   EXPECT_EQ(Node("[127.0.0.1]:9743"), "127.0.0.1 9743");
   EXPECT_EQ(Node("x[192.168.1.10]y:9700"), "192.168.1.10 9700");
   EXPECT_EQ(Node("]192.168.1.10[:19700"), "203.0.113.5 19700");
-  // An IPv6 address is cut at its own first colon, and no number stands behind that.
-  EXPECT_EQ(Node("[::1]:9700"), "-50003");
+  // The port of an IPv6 address is what follows its brackets, and a client needs them to ask there.
+  EXPECT_EQ(Node("[::1]:9700"), "[::1] 9700");
+  EXPECT_EQ(Node("[fe80::1]:19700"), "203.0.113.5 19700");
   EXPECT_EQ(Node("[fe80::1]:9700"), "-50003");
+  EXPECT_EQ(Node("[::1]"), "-50001");
 }
 
 TEST_F(PictureServerInfo, ThePortIsReadAsADecimalNumber) {
