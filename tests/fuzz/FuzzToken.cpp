@@ -17,6 +17,8 @@ namespace {
 using Tansy::CloudStorage::CObjectServer;
 using Tansy::CloudStorage::SignHmacSha1;
 
+constexpr const char* kSecret = "secret of the fuzzer";
+
 void Require(bool condition) {
   if (!condition) {
     std::abort();
@@ -34,26 +36,35 @@ std::vector<std::string> Split(const std::string& text, std::size_t count) {
   return parts;
 }
 
-// Whatever else is in the request, the right header opens it and no other does. The server was given no keys.
+// Gives the server its keys; it opens no port and finds no catalogue.
+bool InitServer() {
+  Tansy::CloudStorage::StorageServerConfig config;
+  config.ak = "fuzz";
+  config.sk = kSecret;
+  return CObjectServer::Instance().Init(config) == 0;
+}
+
+// Whatever else is in the request, the right header opens it and no other does.
 void CheckRightHeader(TansyNet::HttpServerRecv request, const std::string& extension) {
   const std::string resource = request.url + (request.query.empty() ? "" : "?" + request.query);
-  const std::string signature = SignHmacSha1("GET\n\n\n\n" + extension + "\n" + resource, "");
-  request.headers["Authorization"] = "quorvane :" + signature;
+  const std::string signature = SignHmacSha1("GET\n\n\n\n" + extension + "\n" + resource, kSecret);
+  request.headers["Authorization"] = "quorvane fuzz:" + signature;
   Require(CObjectServer::Instance().CheckAuth(request) == 0);
   request.headers["Authorization"] = "quorvane x:" + signature;
   Require(CObjectServer::Instance().CheckAuth(request) == -1);
-  request.headers["Authorization"] = "quorvane :" + signature + "=";
+  request.headers["Authorization"] = "quorvane fuzz:" + signature + "=";
   Require(CObjectServer::Instance().CheckAuth(request) == -1);
 }
 
-// The right token does too, behind any query that holds no other.
+// The right token does too, behind any query that holds no other and does not end it.
 void CheckRightToken(TansyNet::HttpServerRecv request) {
-  if (request.query.empty() || request.query.find("token") != std::string::npos) {
+  if (request.query.empty() || request.query.find("token") != std::string::npos ||
+      request.query.find("expires") != std::string::npos) {
     return;
   }
-  const std::string signature = SignHmacSha1("GET\n\n\n\n\n" + request.url + "?" + request.query, "");
+  const std::string signature = SignHmacSha1("GET\n\n\n\n\n" + request.url + "?" + request.query, kSecret);
   std::string token;
-  for (const char c : TansyBase::Encrypt::Base64Encode("quorvane :" + signature)) {
+  for (const char c : TansyBase::Encrypt::Base64Encode("quorvane fuzz:" + signature)) {
     token += c == '+' ? "%2B" : std::string(1, c);
   }
   request.query += "&token=" + token;
@@ -66,6 +77,8 @@ void CheckRightToken(TansyNet::HttpServerRecv request) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   logging::SetSink(nullptr);
+  static const bool has_keys = InitServer();
+  Require(has_keys);
   const std::vector<std::string> parts = Split(std::string(data, data + size), 4);
   TansyNet::HttpServerRecv request;
   request.method = "GET";
