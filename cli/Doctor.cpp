@@ -20,6 +20,7 @@
 #include "ServerLink.h"
 #include "TansyBase/HttpDate.h"
 #include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/StorageConfig.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -30,8 +31,6 @@ constexpr std::time_t kSecondsADay = 86400;
 constexpr std::time_t kDaysToRenew = 30;
 constexpr std::uint64_t kLittleSpace = std::uint64_t{1} << 30;
 constexpr std::size_t kLargestCertificate = std::size_t{1} << 20;
-// Where a tansyd keeps the certificate of its HTTPS listeners, below its data folder.
-constexpr char kCertificatePath[] = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server.crt";
 
 // One examination; `findings` grows in the order of the checks.
 class CExamination {
@@ -182,7 +181,7 @@ class CExamination {
     if (settings_.data_folder.empty()) {
       return;
     }
-    const std::string path = settings_.data_folder + "/" + kCertificatePath;
+    const std::string path = settings_.data_folder + "/" + CloudStorage::kDefaultCertificatePath + ".crt";
     const std::time_t end = CertificateEnd(path);
     const std::time_t left = end - TansyBase::TimeUtil::Now();
     if (end < 0) {

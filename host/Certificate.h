@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "TansyCloudStorage/StorageConfig.h"
+
 namespace Tansy::Host {
 
 // Where the servers look for it, below the data folder.
-inline constexpr const char* kCertificatePath = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
+inline constexpr const char* kCertificatePath = CloudStorage::kDefaultCertificatePath;
 
 // Makes a self-signed pair when there is neither a certificate nor a PEM file yet: P-256, ten years, for `localhost`,
 // the loopback addresses and `names` (host names or addresses). A key that is there already is used. True when one was

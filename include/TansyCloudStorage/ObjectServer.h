@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "TansyCloudStorage/Export.h"
 #include "TansyCloudStorage/StorageConfig.h"
@@ -48,6 +49,12 @@ TANSY_CLOUD_STORAGE_API int CheckObjectRequestValid(std::string& internal_url, s
 // begin afterwards; a download that has begun ends with the end callback of its beginning. Null for both: no frames
 // (the default). See ReadBeginCallback. Always 0.
 TANSY_CLOUD_STORAGE_API int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end);
+
+// Appends to `locations` what StreamSaveCallback left for each upload under way that may still become an object: its
+// client is still there, or all of it has come and only the row is missing. A host that looks for stored bytes without
+// a row leaves these alone. An upload whose client went away in the middle is forgotten by this call; its bytes are the
+// host's to free. Uploads in parts have rows of their own and are not named here. False when memory ran out.
+TANSY_CLOUD_STORAGE_API bool GetUploadsUnderWay(std::vector<std::string>& locations);
 
 // From now on both servers refuse a request whose Authorization header is right but whose Date header is missing, is no
 // HTTP date, or differs from the clock by more than so many minutes; 0 (the default) compares nothing. Signatures in a

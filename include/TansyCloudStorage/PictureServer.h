@@ -13,7 +13,9 @@ namespace Tansy::CloudStorage {
 TANSY_CLOUD_STORAGE_API int InitPicServer(const StorageServerConfig& config);
 TANSY_CLOUD_STORAGE_API int InitPicServer(const StorageServerConfig_V1& config);
 
-// Stops the picture listeners and then the message loop: object requests are no longer served either.
+// Stops the picture listeners and then the message loop: object requests are no longer served either. What waits is
+// answered with an error. When the object server is disabled too (SetObjectServerEnable(false) before this call), its
+// downloads are broken off, and no storage callback is called any more once this function has returned.
 TANSY_CLOUD_STORAGE_API int UninitPicServer();
 
 // Stops or starts the picture listeners.

@@ -14,8 +14,9 @@ namespace Tansy::CloudStorage {
 // stored the object, empty for a new one. A write callback leaves in the same argument the text under which the bytes
 // can be found again; that text (at most 1024 bytes, no single quotes) is what the catalogue keeps. Threads: all five
 // may be called from several threads at once, for different objects and for the same one. Ownership: `data` of a write
-// belongs to the caller and lives as long as the call. Read callbacks allocate `data` with malloc; the server frees it.
-// No callback may throw.
+// belongs to the caller and lives as long as the call. A read callback that succeeds hands over `data`, allocated with
+// malloc, and the server frees it; a read callback that fails keeps whatever it has allocated, and the server does not
+// look at `data`. No callback may throw.
 
 // Stores a whole object, or a whole picture when `flag` is 0 (location then starts empty and must become a "/pic?..."
 // path). Returns 0, 3 when there is no space left, anything else on failure.
@@ -34,8 +35,9 @@ using StreamSaveCallback = int (*)(const char* data, std::uint32_t size, std::ui
 // Returns 0 on success.
 using ReadRangeCallback = int (*)(char*& data, std::uint32_t& size, std::uint32_t offset, const std::string& location);
 
-// Removes stored bytes. `location` is the resolved storage path (see CObjectStorageManager::GetObjectFile). Returns 0
-// on success; any other value becomes the error code of the answer (-1 to -20 of the object protocol).
+// Removes stored bytes. `location` is the storage path that the text of an object stands for (docs/embedding.md says
+// for which texts there is one), or, for a picture whose upload could not be answered, the text that SaveObjectCallback
+// left. Returns 0 on success; any other value becomes the error code of the answer (-1 to -20 of the object protocol).
 using RemoveObjectCallback = int (*)(const std::string& location);
 
 // A download that is sent in chunks begins: from now on until the matching end, ReadRangeCallback is called with this
@@ -46,6 +48,10 @@ using ReadBeginCallback = int (*)(const std::string& location);
 
 // A download that began with this location text has read its last byte, or was broken off. May not throw.
 using ReadEndCallback = void (*)(const std::string& location);
+
+// The certificate of the HTTPS listeners, below the executable's folder: one PEM file of this name with certificate and
+// key, or ".crt" and ".key" behind it.
+inline constexpr const char* kDefaultCertificatePath = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
 
 // Configuration of a server; copied by the server, so the host may free it after the call.
 struct StorageServerConfig {

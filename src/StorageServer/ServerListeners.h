@@ -11,15 +11,22 @@ namespace Tansy::CloudStorage::details {
 inline constexpr const char* kAnyIpv4 = "0.0.0.0";
 inline constexpr const char* kAnyIpv6 = "::";
 
-// A listener that is open already (its handle is not 0) stays as it is, so that a start that failed half-way can be
-// tried again. Ports are read as 16 bits.
-int StartListener(std::int32_t& handle, const char* address, std::uint32_t port,
+// One listener of a server. Of each address a server has at most one with TLS and one without.
+struct Listener {
+  std::int32_t handle = 0;  // 0: not open
+  std::uint16_t port = 0;
+};
+
+// Opens a listener. One that is open at this port already stays as it is, so that a start that failed half-way can be
+// tried again; one at another port is stopped once the new one is open, and stays when it cannot be opened. Ports are
+// read as 16 bits.
+int StartListener(Listener& listener, const char* address, std::uint32_t port,
                   TansyNet::CHttpServer::RecvCallback callback);
 // The same with TLS and the default certificate, which lies below the executable's folder.
-int StartTlsListener(std::int32_t& handle, const char* address, std::uint32_t port,
+int StartTlsListener(Listener& listener, const char* address, std::uint32_t port,
                      TansyNet::CHttpServer::RecvCallback callback);
-// A stopped listener is forgotten (its handle becomes 0), so that a stop that failed half-way can be tried again.
-int StopListener(std::int32_t& handle);
+// A stopped listener is forgotten, so that a stop that failed half-way can be tried again.
+int StopListener(Listener& listener);
 
 }  // namespace Tansy::CloudStorage::details
 

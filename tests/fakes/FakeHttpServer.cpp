@@ -45,6 +45,11 @@ std::vector<FakeListener> CFakeHttpServer::Listeners() const {
   return listeners_;
 }
 
+void CFakeHttpServer::ForgetCalls() {
+  const std::lock_guard lock(mutex_);
+  calls_.clear();
+}
+
 std::vector<std::string> CFakeHttpServer::Calls() const {
   const std::lock_guard lock(mutex_);
   return calls_;

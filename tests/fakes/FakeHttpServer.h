@@ -62,6 +62,7 @@ class CFakeHttpServer {
   // Listeners. Calls are written down as "start 0.0.0.0:9700", "start https [::]:9743", "stop 3".
   std::vector<FakeListener> Listeners() const;
   std::vector<std::string> Calls() const;
+  void ForgetCalls();
   // The start (stop) of this number, counted from 1 from now on, fails with `error`.
   void FailStart(int number, int error);
   void FailStop(int number, int error);

@@ -22,6 +22,10 @@ bool CBaseDBLayerConn::RegisterModule(const db_layer::DBParam& param) {
   return db_layer::Module_Register(param, details::kDatabaseModule);
 }
 
+std::string CBaseDBLayerConn::LastError() const {
+  return db_layer::LastRegisterError(details::kDatabaseModule);
+}
+
 bool CBaseDBLayerConn::ResetParam(const db_layer::DBParam& param) {
   return db_layer::DBLayer_ResetParam(param);
 }

@@ -22,6 +22,8 @@ class CBaseDBLayerConn : private TansyBase::CNoncopyable {
 
   // Names the database of the module, opens its pool. May be called again.
   bool RegisterModule(const db_layer::DBParam& param);
+  // Why the last try to reach the database failed; empty when it did not.
+  std::string LastError() const;
   // Hands changed parameters to the pool.
   bool ResetParam(const db_layer::DBParam& param);
 

@@ -15,8 +15,6 @@ namespace {
 constexpr std::size_t kManyStreams = 1024;
 constexpr std::time_t kAbandonedSeconds = std::time_t{6} * 3600;
 constexpr std::time_t kSweepSeconds = 60;
-// More than there are connections, so that the end of every stream that may still send is remembered.
-constexpr std::size_t kRememberedEnds = 16384;
 
 }  // namespace
 
@@ -33,8 +31,8 @@ class CBigFileStreamMgr::CPieceUnderWay {
  private:
   void Count(int change) {
     const std::lock_guard<std::mutex> lock(streams_.mutex_);
-    if (const auto stream = streams_.streams_.find(session_id_); stream != streams_.streams_.end()) {
-      stream->second.pieces_under_way += change;
+    if (Stream* const stream = streams_.Find(session_id_)) {
+      stream->pieces_under_way += change;
     }
   }
 
@@ -52,52 +50,78 @@ bool CBigFileStreamMgr::SetSaveCallback(StreamSaveCallback callback) {
   return true;
 }
 
+CBigFileStreamMgr::Stream* CBigFileStreamMgr::Find(std::uint32_t session_id) {
+  const auto stream = streams_.find(session_id);
+  return stream != streams_.end() && stream->second.end == StreamEnd::kNone ? &stream->second : nullptr;
+}
+
+const CBigFileStreamMgr::Stream* CBigFileStreamMgr::Find(std::uint32_t session_id) const {
+  const auto stream = streams_.find(session_id);
+  return stream != streams_.end() && stream->second.end == StreamEnd::kNone ? &stream->second : nullptr;
+}
+
 bool CBigFileStreamMgr::RegisterStream(std::uint32_t session_id) {
   const std::time_t now = TansyBase::TimeUtil::Now();
   const std::lock_guard<std::mutex> lock(mutex_);
   RemoveAbandoned(now);
-  Stream stream;
-  stream.last_change = now;
-  return streams_.try_emplace(session_id, std::move(stream)).second;
+  Stream fresh;
+  fresh.last_change = now;
+  fresh.store_mutex = std::make_shared<std::mutex>();
+  const bool is_new = streams_.try_emplace(session_id, std::move(fresh)).second;
+  live_ += is_new ? 1 : 0;
+  return is_new;
 }
 
 bool CBigFileStreamMgr::IsStreamAbsent(std::uint32_t session_id) const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return !streams_.contains(session_id);
+  return Find(session_id) == nullptr;
 }
 
 bool CBigFileStreamMgr::GetStreamInfo(ObjectInfo& info, std::uint32_t session_id) const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto stream = streams_.find(session_id);
-  if (stream == streams_.end()) {
+  const Stream* const stream = Find(session_id);
+  if (stream == nullptr) {
     return false;
   }
-  info = stream->second.info;
+  info = stream->info;
   return true;
 }
 
 bool CBigFileStreamMgr::RemoveStream(std::uint32_t session_id) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const bool removed = streams_.erase(session_id) > 0;
+  if (Find(session_id) == nullptr) {
+    return false;
+  }
+  streams_.erase(session_id);
+  --live_;
   changed_.notify_all();
-  return removed;
+  return true;
 }
 
 bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size,
                                      const std::string& bucket_name) {
   const CPieceUnderWay under_way(*this, session_id);
-  const std::lock_guard<std::mutex> store_lock(store_mutex_);
   std::unique_lock<std::mutex> lock(mutex_);
-  auto stream = streams_.find(session_id);
-  if (stream == streams_.end()) {
+  Stream* stream = Find(session_id);
+  if (stream == nullptr) {
     CLOUD_LOG(logging::kError, "[%s]get object failed, session id[%d].[%s(%d)]", session_id);
     return false;
   }
-  std::string location = LocationText(bucket_name, stream->second.info.url);
-  const auto offset = static_cast<std::uint32_t>(stream->second.info.size);
+  const std::shared_ptr<std::mutex> store_mutex = stream->store_mutex;
+  lock.unlock();
+
+  const std::lock_guard<std::mutex> turn(*store_mutex);
+  lock.lock();
+  stream = Find(session_id);
+  if (stream == nullptr) {
+    CLOUD_LOG(logging::kError, "[%s]get object failed, session id[%d].[%s(%d)]", session_id);
+    return false;
+  }
+  std::string location = LocationText(bucket_name, stream->info.url);
+  const auto offset = static_cast<std::uint32_t>(stream->info.size);
   const StreamSaveCallback callback = save_callback_;
 
-  // The storage may take its time; receiving threads and waiting handlers must not wait with it.
+  // The storage may take its time; receiving threads, waiting handlers and other uploads must not wait with it.
   lock.unlock();
   const int result = StreamSave(callback, {data, size}, offset, location);
   if (result != kStorageOk) {
@@ -105,14 +129,14 @@ bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data,
     return false;
   }
   lock.lock();
-  stream = streams_.find(session_id);
-  if (stream == streams_.end()) {
+  stream = Find(session_id);
+  if (stream == nullptr) {
     CLOUD_LOG(logging::kError, "[%s]get object failed, session id[%d].[%s(%d)]", session_id);
     return false;
   }
-  stream->second.info.size += size;
-  stream->second.info.url = std::move(location);
-  stream->second.last_change = TansyBase::TimeUtil::Now();
+  stream->info.size += size;
+  stream->info.url = std::move(location);
+  stream->last_change = TansyBase::TimeUtil::Now();
   changed_.notify_all();
   return true;
 }
@@ -120,13 +144,13 @@ bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data,
 bool CBigFileStreamMgr::WaitForChange(std::uint32_t session_id, std::uint64_t seen_size,
                                       std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  auto stream = streams_.end();
+  const Stream* stream = nullptr;
   const auto has_changed = [&] {
-    stream = streams_.find(session_id);
-    return stream == streams_.end() || stream->second.info.size != seen_size;
+    stream = Find(session_id);
+    return stream == nullptr || stream->info.size != seen_size;
   };
   while (!changed_.wait_for(lock, timeout, has_changed)) {
-    if (stream->second.pieces_under_way == 0) {
+    if (stream->pieces_under_way == 0) {
       return false;
     }
   }
@@ -135,46 +159,80 @@ bool CBigFileStreamMgr::WaitForChange(std::uint32_t session_id, std::uint64_t se
 
 void CBigFileStreamMgr::EndStream(std::uint32_t session_id, StreamEnd end) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  streams_.erase(session_id);
-  RememberEnd(session_id, end);
-  changed_.notify_all();
+  const auto [stream, is_new] = streams_.try_emplace(session_id);
+  live_ += is_new ? 1 : 0;
+  End(session_id, stream->second, end);
 }
 
 StreamEnd CBigFileStreamMgr::EndOf(std::uint32_t session_id) const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto end = ended_.find(session_id);
-  return end != ended_.end() ? end->second : StreamEnd::kNone;
+  const auto stream = streams_.find(session_id);
+  return stream != streams_.end() ? stream->second.end : StreamEnd::kNone;
 }
 
 void CBigFileStreamMgr::NoteLastPiece(std::uint32_t session_id) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (const auto stream = streams_.find(session_id); stream != streams_.end()) {
-    stream->second.last_piece_came = true;
+  if (Stream* const stream = Find(session_id)) {
+    stream->last_piece_came = true;
   }
 }
 
-void CBigFileStreamMgr::RememberEnd(std::uint32_t session_id, StreamEnd end) {
-  if (ended_.insert_or_assign(session_id, end).second) {
-    ended_order_.push_back(session_id);
+std::vector<std::string> CBigFileStreamMgr::LocationsUnderWay(
+    const std::function<bool(std::uint32_t session_id)>& is_open) {
+  const auto may_go_on = [](const Stream& stream) { return stream.last_piece_came || stream.pieces_under_way > 0; };
+  std::vector<std::uint32_t> in_doubt;
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (const auto& [session_id, stream] : streams_) {
+    if (stream.end == StreamEnd::kNone && !may_go_on(stream)) {
+      in_doubt.push_back(session_id);
+    }
   }
-  if (ended_order_.size() > kRememberedEnds) {
-    ended_.erase(ended_order_.front());
-    ended_order_.pop_front();
+  // The HTTP library is asked without the lock: what it holds while it answers is its own business.
+  lock.unlock();
+  std::erase_if(in_doubt, is_open);
+  lock.lock();
+  for (const std::uint32_t session_id : in_doubt) {
+    if (Stream* const stream = Find(session_id); stream != nullptr && !may_go_on(*stream)) {
+      End(session_id, *stream, StreamEnd::kFailed);
+    }
   }
+  std::vector<std::string> locations;
+  for (const auto& [session_id, stream] : streams_) {
+    if (stream.end == StreamEnd::kNone && !stream.info.url.empty()) {
+      locations.push_back(stream.info.url);
+    }
+  }
+  return locations;
+}
+
+void CBigFileStreamMgr::End(std::uint32_t session_id, Stream& stream, StreamEnd end) {
+  if (stream.end == StreamEnd::kNone) {
+    --live_;
+    if (const auto oldest = streams_.find(ended_[next_ended_]);
+        oldest != streams_.end() && oldest->second.end != StreamEnd::kNone) {
+      streams_.erase(oldest);
+    }
+    ended_[next_ended_] = session_id;
+    next_ended_ = (next_ended_ + 1) % ended_.size();
+  }
+  stream = Stream{};  // what it held is of no use any more
+  stream.end = end;
+  changed_.notify_all();
 }
 
 void CBigFileStreamMgr::RemoveAbandoned(std::time_t now) {
-  if (streams_.size() < kManyStreams || now - last_sweep_ < kSweepSeconds) {
+  if (live_ < kManyStreams || now - last_sweep_ < kSweepSeconds) {
     return;
   }
   last_sweep_ = now;
-  for (auto stream = streams_.begin(); stream != streams_.end();) {
-    if (!stream->second.last_piece_came && now - stream->second.last_change > kAbandonedSeconds) {
-      RememberEnd(stream->first, StreamEnd::kFailed);
-      stream = streams_.erase(stream);
-    } else {
-      ++stream;
+  std::vector<std::uint32_t> abandoned;
+  for (const auto& [session_id, stream] : streams_) {
+    if (stream.end == StreamEnd::kNone && !stream.last_piece_came && now - stream.last_change > kAbandonedSeconds) {
+      abandoned.push_back(session_id);
     }
+  }
+  for (const std::uint32_t session_id : abandoned) {
+    End(session_id, *Find(session_id), StreamEnd::kFailed);
   }
 }
 

@@ -2,16 +2,18 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <deque>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "Singleton.h"
 #include "TansyBase/Noncopyable.h"
@@ -27,11 +29,11 @@ enum class StreamEnd {
   kAnswered,  // the request has its answer; further pieces mean nothing
 };
 
-// One record for each streamed upload, from its first piece until its handler has seen all bytes. In a record `size` is
-// the number of bytes stored so far and `url` what the storage callback left last.
+// One record for each streamed upload, from its first piece until its handler has written its row. In a record `size`
+// is the number of bytes stored so far and `url` what the storage callback left last.
 //
-// Session ids are the HTTP library's request handles. Threads: any. Pieces are stored one at a time, over all streams;
-// while one is being stored the other members do not wait for it.
+// Session ids are the HTTP library's request handles. Threads: any. The pieces of one stream are stored one after
+// another, those of different streams side by side; no other member waits for the storage.
 class CBigFileStreamMgr : private TansyBase::CNoncopyable {
  public:
   static CBigFileStreamMgr& Instance();
@@ -51,11 +53,17 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
   // not while one of its pieces is with the storage or in line for it: those bytes are here, however long it takes.
   bool WaitForChange(std::uint32_t session_id, std::uint64_t seen_size, std::chrono::milliseconds timeout) const;
 
-  // Removes the record and remembers why, so that a piece that comes later is not taken for the first of a new upload.
+  // Ends the stream and remembers why, so that a piece that comes later is not taken for the first of a new upload.
+  // Needs no memory when there is a record.
   void EndStream(std::uint32_t session_id, StreamEnd end);
   StreamEnd EndOf(std::uint32_t session_id) const;
   // From now on the record belongs to the handler, which alone removes it.
   void NoteLastPiece(std::uint32_t session_id);
+
+  // What the storage callback left for each upload that may still become an object: its request is open, or its last
+  // piece has come, or one of its pieces is with the storage. Uploads of which none is true, because their client is
+  // gone, are ended.
+  std::vector<std::string> LocationsUnderWay(const std::function<bool(std::uint32_t session_id)>& is_open);
 
  private:
   friend class CSingleton<CBigFileStreamMgr>;
@@ -68,23 +76,29 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
     int pieces_under_way = 0;  // calls of UploadStream
     bool last_piece_came = false;
     std::time_t last_change = 0;
+    StreamEnd end = StreamEnd::kNone;  // of an ended stream nothing but this counts
+    // Held while a piece of this stream is being stored; taken before mutex_.
+    std::shared_ptr<std::mutex> store_mutex;
   };
+  using Streams = std::map<std::uint32_t, Stream>;
+  // More than there are connections, so that the end of every stream that may still send is remembered.
+  static constexpr std::size_t kRememberedEnds = 16384;
 
-  // Both with mutex_ held.
-  void RememberEnd(std::uint32_t session_id, StreamEnd end);
+  // All with mutex_ held. Finds a stream that has not ended; null when there is none.
+  Stream* Find(std::uint32_t session_id);
+  const Stream* Find(std::uint32_t session_id) const;
+  void End(std::uint32_t session_id, Stream& stream, StreamEnd end);
   void RemoveAbandoned(std::time_t now);
-
-  // Held while a piece is being stored; taken before mutex_.
-  std::mutex store_mutex_;
 
   mutable std::mutex mutex_;  // guards everything below
   mutable std::condition_variable changed_;
   StreamSaveCallback save_callback_ = nullptr;
-  std::map<std::uint32_t, Stream> streams_;
+  Streams streams_;
+  std::size_t live_ = 0;  // streams that have not ended
   std::time_t last_sweep_ = 0;
-  // The streams that ended last, oldest first, and how.
-  std::deque<std::uint32_t> ended_order_;
-  std::unordered_map<std::uint32_t, StreamEnd> ended_;
+  // The streams that ended last; the next one to end takes the place of the oldest, which is then forgotten.
+  std::array<std::uint32_t, kRememberedEnds> ended_{};
+  std::size_t next_ended_ = 0;
 };
 
 }  // namespace Tansy::CloudStorage::details

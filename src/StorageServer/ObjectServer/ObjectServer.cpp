@@ -7,6 +7,7 @@
 #include "StorageServer/AddressUpdates.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
+#include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/ServerListeners.h"
 
 namespace Tansy::CloudStorage {
@@ -44,11 +45,11 @@ int CObjectServer::Init(const StorageServerConfig& config) {
   conf_.Update([&config](Config& copy) { static_cast<StorageServerConfig&>(copy) = config; });
   const ConfigPointer current = conf_.Load();
 
-  if (const int error = StartHttp(http_handle_, details::kAnyIpv4, *current); error != 0) {
+  if (const int error = StartHttp(http_listener_, details::kAnyIpv4, *current); error != 0) {
     CLOUD_LOG(logging::kError, "[%s]StartHttpServer error, revalue = %d[%s(%d)]", error);
     return error;
   }
-  if (const int error = StartHttp(http_v6_handle_, details::kAnyIpv6, *current); error != 0) {
+  if (const int error = StartHttp(http_v6_listener_, details::kAnyIpv6, *current); error != 0) {
     CLOUD_LOG(logging::kError, "[%s]StartHttpServer v6 error, revalue = %d[%s(%d)]", error);
     return error;
   }
@@ -93,13 +94,20 @@ int CObjectServer::SetObjectServerEnable(bool enable) {
   return 0;
 }
 
+void CObjectServer::EndDownloadsIfDisabled() {
+  const std::lock_guard<std::mutex> lock(enable_mutex_);
+  if (!started_) {
+    details::CReadLease::EndAll();
+  }
+}
+
 int CObjectServer::StartListeners(const Config& config, const details::Caller& caller) {
-  if (const int error = StartHttp(http_handle_, details::kAnyIpv4, config); error != 0) {
+  if (const int error = StartHttp(http_listener_, details::kAnyIpv4, config); error != 0) {
     CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StartHttpServer error, revalue = %d[%s(%d)]",
                   error);
     return error;
   }
-  if (const int error = StartHttp(http_v6_handle_, details::kAnyIpv6, config); error != 0) {
+  if (const int error = StartHttp(http_v6_listener_, details::kAnyIpv6, config); error != 0) {
     CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StartHttpServer v6 error, revalue = %d[%s(%d)]",
                   error);
     return error;
@@ -108,11 +116,11 @@ int CObjectServer::StartListeners(const Config& config, const details::Caller& c
 }
 
 int CObjectServer::StartHttpsListeners(const Config& config, const details::Caller& caller) {
-  if (const int error = StartHttps(https_handle_, details::kAnyIpv4, config); error != 0) {
+  if (const int error = StartHttps(https_listener_, details::kAnyIpv4, config); error != 0) {
     CLOUD_LOG_FOR(caller, logging::kError, "[%s]StartHttpsServer error, revalue = %d[%s(%d)]", error);
     return error;
   }
-  if (const int error = StartHttps(https_v6_handle_, details::kAnyIpv6, config); error != 0) {
+  if (const int error = StartHttps(https_v6_listener_, details::kAnyIpv6, config); error != 0) {
     CLOUD_LOG_FOR(caller, logging::kError, "[%s]StartHttpsServer v6 error, revalue = %d[%s(%d)]", error);
     return error;
   }
@@ -120,8 +128,8 @@ int CObjectServer::StartHttpsListeners(const Config& config, const details::Call
 }
 
 int CObjectServer::StopListeners(const details::Caller& caller) {
-  const std::pair<std::int32_t*, std::int32_t*> schemes[] = {{&http_handle_, &http_v6_handle_},
-                                                             {&https_handle_, &https_v6_handle_}};
+  const std::pair<details::Listener*, details::Listener*> schemes[] = {{&http_listener_, &http_v6_listener_},
+                                                                       {&https_listener_, &https_v6_listener_}};
   for (const auto& [v4, v6] : schemes) {
     if (const int error = details::StopListener(*v4); error != 0) {
       CLOUD_LOG_FOR(caller, logging::kError, "[%s]SetObjectServerEnable, StopServer error, revalue = %d[%s(%d)]",
@@ -137,12 +145,12 @@ int CObjectServer::StopListeners(const details::Caller& caller) {
   return 0;
 }
 
-int CObjectServer::StartHttp(std::int32_t& handle, const char* address, const Config& config) {
-  return details::StartListener(handle, address, config.download_port, &RecvMsgCallBack);
+int CObjectServer::StartHttp(details::Listener& listener, const char* address, const Config& config) {
+  return details::StartListener(listener, address, config.download_port, &RecvMsgCallBack);
 }
 
-int CObjectServer::StartHttps(std::int32_t& handle, const char* address, const Config& config) {
-  return details::StartTlsListener(handle, address, config.https_download_port, &RecvMsgCallBack);
+int CObjectServer::StartHttps(details::Listener& listener, const char* address, const Config& config) {
+  return details::StartTlsListener(listener, address, config.https_download_port, &RecvMsgCallBack);
 }
 
 void CObjectServer::UpdateLocalServerIp(const std::string& ip) {

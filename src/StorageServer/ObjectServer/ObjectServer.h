@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -23,12 +24,17 @@
 #include "StorageServer/ObjectServer/ObjectRequest.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ServerListeners.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/StorageConfig.h"
 #include "TansyNet/HttpServer.h"
 
 namespace Tansy::CloudStorage {
+
+namespace details {
+class CReadLease;
+}
 
 // A byte range of an object; `end` is exclusive, 0 means to the end of the object.
 struct ByteRange {
@@ -53,6 +59,9 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // Stops or starts the listeners; calls are put in line. 0, or the first error of the HTTP library; the same call can
   // then be tried again and goes on where it failed.
   int SetObjectServerEnable(bool enable);
+  // Breaks off the downloads that go on on threads of their own when the listeners are stopped, and waits until they
+  // have left the host's callbacks. Does nothing while the listeners should be open.
+  void EndDownloadsIfDisabled();
 
   // Address updates. The next request sees them; those under way keep what they started with.
   void UpdateLocalServerIp(const std::string& ip);
@@ -97,8 +106,8 @@ class CObjectServer : private TansyBase::CNoncopyable {
   ~CObjectServer() = default;
 
   // Lifecycle.
-  static int StartHttp(std::int32_t& handle, const char* address, const Config& config);
-  static int StartHttps(std::int32_t& handle, const char* address, const Config& config);
+  static int StartHttp(details::Listener& listener, const char* address, const Config& config);
+  static int StartHttps(details::Listener& listener, const char* address, const Config& config);
   int StartListeners(const Config& config, const details::Caller& caller);
   int StartHttpsListeners(const Config& config, const details::Caller& caller);
   int StopListeners(const details::Caller& caller);
@@ -110,7 +119,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   enum class Next { kNothing, kHandle };
   Next TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg);
   Next TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);
-  static Next StorePiece(std::int32_t handle, HttpServerRecv& msg);
+  static void StorePiece(std::int32_t handle, HttpServerRecv& msg);
   static void DropBody(HttpServerRecv& msg);
   static const Route* FindRoute(const ObjectRequest& request);
   int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const char* data, std::size_t size);
@@ -148,18 +157,22 @@ class CObjectServer : private TansyBase::CNoncopyable {
   static int StoreWhole(ObjectInfo& object, const ObjectRequest& request);
 
   // Parts of HandleDownloadObject.
-  int StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range, std::uint32_t length);
+  std::optional<int> SendObject(std::int32_t session_id, const ObjectRequest& request, const ObjectInfo& object,
+                                ByteRange range);
+  std::optional<int> StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range,
+                                      std::uint32_t length);
   // Runs on a thread of its own. False when the answer could not be sent to its end.
   bool HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,
-                         const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length);
+                         const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length,
+                         details::CReadLease& lease);
 
   CConfigSnapshot<Config> conf_;
 
   // Guarded by enable_mutex_ after Init.
-  std::int32_t http_handle_ = 0;
-  std::int32_t http_v6_handle_ = 0;
-  std::int32_t https_handle_ = 0;
-  std::int32_t https_v6_handle_ = 0;
+  details::Listener http_listener_;
+  details::Listener http_v6_listener_;
+  details::Listener https_listener_;
+  details::Listener https_v6_listener_;
   bool started_ = true;  // the listeners should be open
   std::mutex enable_mutex_;
 

@@ -11,12 +11,12 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Threads for big downloads, one for each. A download costs its thread and one chunk for as long as its client takes,
-// so there is a bound: downloads beyond it wait for a thread that gets free, and beyond a second bound they are
-// refused. Threads are detached, made when needed, and end when nothing waits. Threads: any.
+// Threads for big downloads, one per download. A download costs its thread for as long as its client takes, so there is
+// a bound: downloads beyond it wait for a thread that gets free, and beyond a second bound they are refused. Threads
+// are detached, made when needed, and end when nothing waits. Threads: any.
 class CBigFileSendThreads : private TansyBase::CNoncopyable {
  public:
-  static constexpr std::size_t kMaxThreads = 128;   // 1.25 GiB of chunks at the worst
+  static constexpr std::size_t kMaxThreads = 128;
   static constexpr std::size_t kMaxWaiting = 1024;  // what the unanswered-request time-out lets through anyway
 
   static CBigFileSendThreads& Instance();

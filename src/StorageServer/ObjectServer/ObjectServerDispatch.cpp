@@ -1,12 +1,14 @@
 // Intake and routing: what happens to a request between the HTTP library and its handler, and the way back.
 #include <array>
 #include <exception>
+#include <memory>
 #include <string_view>
 #include <utility>
 
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerTasks.h"
+#include "StorageServer/ObjectServer/StreamPieceQueue.h"
 #include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {
@@ -14,8 +16,6 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// The loop's tasks, waiting and running, from which on a request is refused.
-constexpr std::size_t kMaxWorkTasks = 20001;
 constexpr std::size_t kMaxKeyBytes = 128;
 
 enum class Match { kAny, kEmpty, kEquals, kContains };
@@ -179,7 +179,7 @@ void CObjectServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
   CObjectServer& server = Instance();
   try {
     const std::size_t tasks = CServerMsgLoop::Instance().GetWorkTaskCount();
-    if (tasks < details::kMaxWorkTasks) {
+    if (tasks < CServerMsgLoop::kMaxWorkTasks) {
       server.TakeMsg(handle, msg);
       return;
     }
@@ -228,7 +228,11 @@ CObjectServer::Next CObjectServer::TakeBodyPiece(std::int32_t handle, HttpServer
     msg.body.reset();
     return Next::kHandle;
   }
-  return streams.IsStreamAbsent(session_id) ? TakeFirstPiece(handle, msg) : StorePiece(handle, msg);
+  if (streams.IsStreamAbsent(session_id)) {
+    return TakeFirstPiece(handle, msg);
+  }
+  StorePiece(handle, msg);
+  return Next::kNothing;
 }
 
 // An upload that its handler would refuse in the end is refused here, before a byte of it is stored: otherwise anybody
@@ -250,17 +254,19 @@ CObjectServer::Next CObjectServer::TakeFirstPiece(std::int32_t handle, HttpServe
     return Next::kNothing;
   }
   streams.RegisterStream(session_id);
-  return StorePiece(handle, msg);
+  StorePiece(handle, msg);
+  return Next::kNothing;
 }
 
-CObjectServer::Next CObjectServer::StorePiece(std::int32_t handle, HttpServerRecv& msg) {
-  const bool last = msg.error_code == TansyNet::kLastBodyPiece;
-  if (last) {
+// The handler of the upload follows its last piece: it would only wait for it, and keep a thread from others.
+void CObjectServer::StorePiece(std::int32_t handle, HttpServerRecv& msg) {
+  auto piece = std::make_unique<CObjectStreamTask>(handle, msg);
+  if (msg.error_code == TansyNet::kLastBodyPiece) {
     details::CBigFileStreamMgr::Instance().NoteLastPiece(static_cast<std::uint32_t>(handle));
+    msg.body.reset();  // with the stream task
+    piece->HandleAfterwards(std::make_unique<CObjectMsgTask>(handle, std::move(msg)));
   }
-  CServerMsgLoop::Instance().PostTask(new CObjectStreamTask(handle, msg));
-  msg.body.reset();  // with the stream task; the handler only waits for it
-  return last ? Next::kHandle : Next::kNothing;
+  details::CStreamPieceQueue::Instance().Post(std::move(piece));
 }
 
 void CObjectServer::DropBody(HttpServerRecv& msg) {

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Boundary.h"
 #include "KivPlatform/FactoryInterface.h"
@@ -10,12 +12,12 @@
 #include "OSAL/Osal.h"
 #include "StorageServer/IInterfaceManager.h"
 #include "StorageServer/ObjectServer/BaseDBConn.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
-#include "StorageServer/PicServer/PictureServer.h"
-#include "StorageServer/SignatureDate.h"
 #include "TansyCloudStorage/ObjectServer.h"
+#include "TansyNet/HttpServer.h"
 #include "db_layer/DbLayer.h"
 
 namespace Tansy::CloudStorage {
@@ -32,27 +34,40 @@ constexpr int kMaxConnections = 16;
 
 constexpr int kInitFailed = -1;
 
-// The host's database settings as they are now. Without an interface to ask, those of a default record.
-db_layer::DBParam ReadDatabaseParam() {
-  db_layer::DBParam param;
-  const std::shared_ptr<KivPlatform::IDatabaseParam> provider = CIInterfaceManager::Instance().GetDatabaseParam();
-  if (const auto config = provider ? provider->GetLocalConfig() : nullptr) {
-    param.type = config->GetDatabaseType();
-    param.host = config->GetDatabaseHost();
-    param.port = config->GetDatabasePort();
-    param.user = config->GetDatabaseUser();
-    param.password = config->GetDatabasePassword();
-    param.database = config->GetDatabaseName();
-  }
+void SetBounds(db_layer::DBParam& param) {
   param.min_connections = kMinConnections;
   param.max_connections = kMaxConnections;
-  return param;
+}
+
+// Reads the host's database settings as they are now. False, with `param` unchanged, when the host has none to tell.
+bool ReadDatabaseParam(db_layer::DBParam& param) {
+  const std::shared_ptr<KivPlatform::IDatabaseParam> provider = CIInterfaceManager::Instance().GetDatabaseParam();
+  const auto config = provider ? provider->GetLocalConfig() : nullptr;
+  if (!config) {
+    return false;
+  }
+  db_layer::DBParam fresh;
+  fresh.type = config->GetDatabaseType();
+  fresh.host = config->GetDatabaseHost();
+  fresh.port = config->GetDatabasePort();
+  fresh.user = config->GetDatabaseUser();
+  fresh.password = config->GetDatabasePassword();
+  fresh.database = config->GetDatabaseName();
+  SetBounds(fresh);
+  param = fresh;
+  return true;
 }
 
 void OnConfigChanged(const std::string& config_name) {
-  if (config_name == kConfigName) {
-    CBaseDBLayerConn::Instance().ResetParam(ReadDatabaseParam());
+  if (config_name != kConfigName) {
+    return;
   }
+  db_layer::DBParam param;
+  if (!ReadDatabaseParam(param)) {
+    CLOUD_LOG(logging::kError, "[%s]no database settings to be had, the old ones stay.[%s(%d)]");
+    return;
+  }
+  CBaseDBLayerConn::Instance().ResetParam(param);
 }
 
 template <class Config>
@@ -68,14 +83,21 @@ int InitServer(const Config& config, const std::shared_ptr<KivPlatform::IFactory
 }  // namespace details
 
 bool InitDBModule() {
-  const db_layer::DBParam param = details::ReadDatabaseParam();
+  // Read anew for each try: whoever sees why it fails may correct them meanwhile. A host without settings gets those of
+  // a default record.
+  db_layer::DBParam param;
+  details::SetBounds(param);
+  details::ReadDatabaseParam(param);
   while (!CBaseDBLayerConn::Instance().RegisterModule(param)) {
     CLOUD_LOG(logging::kError, "[%s]LocalStorage Init DB Connect... username:%s, port:%d[%s(%d)]", param.user.c_str(),
               param.port);
     // For whoever starts the host by hand and wonders why it does not come up.
     std::puts("Init DB Conn Fail...");
     static_cast<void>(std::fflush(stdout));
+    CLOUD_LOG(logging::kError, "[%s]database not reached: %s[%s(%d)]",
+              CBaseDBLayerConn::Instance().LastError().c_str());
     OSAL_Sleep(kDatabaseRetryMs);
+    details::ReadDatabaseParam(param);
   }
   if (const auto manager = CIInterfaceManager::Instance().GetConfigManager()) {
     manager->RegisterConfigListener(details::kConfigOwner, details::kConfigName, [](const std::string& config_name) {
@@ -119,38 +141,21 @@ int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::st
   });
 }
 
+bool GetUploadsUnderWay(std::vector<std::string>& locations) {
+  return AtBoundary("GetUploadsUnderWay", false, [&] {
+    const auto is_open = [](std::uint32_t session_id) {
+      return TansyNet::CHttpServer::IsRequestOpen(static_cast<std::int32_t>(session_id));
+    };
+    for (std::string& location : details::CBigFileStreamMgr::Instance().LocationsUnderWay(is_open)) {
+      locations.push_back(std::move(location));
+    }
+    return true;
+  });
+}
+
 int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
   return AtBoundary("SetReadLeaseCallbacks", details::kInitFailed, [&] {
-    details::SetReadLeaseCallbacks(begin, end);
-    return 0;
-  });
-}
-
-int SetSignatureDateWindow(std::uint32_t minutes) {
-  SetDateWindow(minutes);
-  return 0;
-}
-
-int UpdateLocalServerIp(const std::string& ip) {
-  return AtBoundary("UpdateLocalServerIp", 0, [&] {
-    CPictureServer::Instance().UpdateLocalServerIp(ip);
-    CObjectServer::Instance().UpdateLocalServerIp(ip);
-    return 0;
-  });
-}
-
-int UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t picture_port, std::uint32_t object_port) {
-  return AtBoundary("UpdateWanServerInfo", 0, [&] {
-    CPictureServer::Instance().UpdateWanServerInfo(enable, wan_ip, picture_port);
-    CObjectServer::Instance().UpdateWanServerInfo(enable, wan_ip, object_port);
-    return 0;
-  });
-}
-
-int UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields) {
-  return AtBoundary("UpdateWanServerInfoV1", 0, [&] {
-    CPictureServer::Instance().UpdateWanServerInfoV1(fields);
-    CObjectServer::Instance().UpdateWanServerInfoV1(fields);
+    details::CReadLease::SetCallbacks(begin, end);
     return 0;
   });
 }

@@ -4,12 +4,14 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <optional>
 
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/ServerComm.h"
+#include "TansyNet/MemoryAccount.h"
 
 namespace Tansy::CloudStorage {
 
@@ -18,15 +20,19 @@ namespace {
 
 // Longer answers are sent in chunks of this size on a thread of their own.
 constexpr std::uint32_t kChunkBytes = 0xA00000;
+// How long a chunk waits for room in memory, as long as one waits for its client.
+constexpr std::uint32_t kMemoryPatienceMs = 20000;
 // In the url of an object whose bytes the picture service keeps.
 constexpr std::string_view kPictureMark = "/pic?";
+// Offsets of reads have 32 bits. A part of a larger object could be taken for another one.
+constexpr std::uint64_t kMaxReadableBytes = std::numeric_limits<std::uint32_t>::max();
 
 bool IsPicture(const ObjectInfo& object) {
   return object.url.find(kPictureMark) != std::string::npos;
 }
 
-// What strtoul in automatic base makes of the text where unsigned long has 32 bits: too much saturates, a minus sign
-// wraps round.
+// Reads a number as strtoul in automatic base does where unsigned long has 32 bits: what is too much becomes the
+// largest number, and a minus sign counts back from 2^32.
 std::uint32_t ToUnsigned32(const std::string& text) {
   constexpr std::uint32_t kMax = std::numeric_limits<std::uint32_t>::max();
   const std::size_t first = text.find_first_not_of(" \t\n\v\f\r");
@@ -38,11 +44,6 @@ std::uint32_t ToUnsigned32(const std::string& text) {
     return kMax;
   }
   return static_cast<std::uint32_t>(value);
-}
-
-// The exclusive end of a range in an object of this size. Sizes are counted in 32 bits here, as in the catalogue.
-std::uint32_t EndOf(const ByteRange& range, const ObjectInfo& object) {
-  return range.end != 0 ? range.end : static_cast<std::uint32_t>(object.size);
 }
 
 // The version of an object: changes whenever other bytes are stored under its name. The url names the bytes, and is the
@@ -60,13 +61,25 @@ void SetBigFileRspHeaders(TansyNet::HttpResponse& response, const char* content_
 }
 
 // Bytes that the picture service keeps are read whole by their url, or in part by what follows its first path.
-int ReadPicture(HostBuffer& buffer, const ObjectRequest& request, const ByteRange& range, std::uint32_t length) {
-  const std::string& url = request.object.url;
-  if (range.begin == 0 && length == request.object.size) {
+int ReadPicture(HostBuffer& buffer, const ObjectRequest& request, const ObjectInfo& object, const ByteRange& range,
+                std::uint32_t length) {
+  const std::string& url = object.url;
+  if (range.begin == 0 && length == object.size) {
     return ReadObject(request.config, buffer, length, LocationText(request.bucket, url));
   }
   const std::string location = LocationText(request.bucket, std::string_view(url).substr(kPictureMark.size()));
   return ReadRange(request.config, buffer, length, range.begin, location);
+}
+
+// True when the catalogue holds other bytes by now under the object's name; the record is then the new one.
+bool IsReplaced(ObjectInfo& object) {
+  ObjectInfo current;
+  if (!CObjectStorageManager::Instance().GetObjectByName(current, object.name, object.bucket_name) ||
+      current.url == object.url) {
+    return false;
+  }
+  object = current;
+  return true;
 }
 
 }  // namespace
@@ -102,28 +115,47 @@ int CObjectServer::HandleGetOneObiectMetadata(std::int32_t session_id, const Obj
 }
 
 int CObjectServer::HandleDownloadObject(std::int32_t session_id, const ObjectRequest& request) {
-  const ObjectInfo& object = request.object;
   ByteRange range;
   if (const int error = ParseRangeHeader(request.msg, range); error != 0) {
     return AnswerError(session_id, error);
   }
+  // An object that is replaced after it was looked up may have lost its bytes; its successor's are sent then.
+  ObjectInfo object = request.object;
+  do {
+    if (const std::optional<int> sent = SendObject(session_id, request, object, range)) {
+      return *sent;
+    }
+  } while (details::IsReplaced(object));
+  CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
+  return AnswerError(session_id, kServerInternalError);
+}
+
+// Nothing when the first byte could not be read; the request is then still to be answered.
+std::optional<int> CObjectServer::SendObject(std::int32_t session_id, const ObjectRequest& request,
+                                             const ObjectInfo& object, ByteRange range) {
   if (range.begin >= object.size) {
-    CLOUD_LOG(logging::kError, "[%s]download failed[%s], range_begin_value is greater than file size[%s(%d)]",
-              request.key.c_str());
+    CLOUD_LOG_FOR(request.caller, logging::kError,
+                  "[%s]download failed[%s], range_begin_value is greater than file size[%s(%d)]", request.key.c_str());
     return AnswerError(session_id, kInvalidHttpContent);
   }
+  if (object.size > details::kMaxReadableBytes) {
+    CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]download failed[%s], file size is beyond 32 bits[%s(%d)]",
+                  request.key.c_str());
+    return AnswerError(session_id, kServerInternalError);
+  }
+  const auto size = static_cast<std::uint32_t>(object.size);
+  range.end = range.end != 0 ? std::min(range.end, size) : size;
+  const std::uint32_t length = range.end - range.begin;
   const bool picture = details::IsPicture(object);
-  const std::uint32_t length = details::EndOf(range, object) - range.begin;
   if (!picture && length > details::kChunkBytes) {
     return StartBigFileSend(session_id, object, range, length);
   }
   details::HostBuffer buffer;
-  const int result = picture ? details::ReadPicture(buffer, request, range, length)
+  const int result = picture ? details::ReadPicture(buffer, request, object, range, length)
                              : details::ReadRange(request.config, buffer, length, range.begin,
                                                   details::LocationText(request.bucket, object.url));
   if (result != details::kStorageOk) {
-    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
-    return AnswerError(session_id, kServerInternalError);
+    return std::nullopt;
   }
   if (!buffer.data) {
     return -1;  // not answered at all; the client runs into its time-out
@@ -131,39 +163,39 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const ObjectReq
   HttpResponse response;
   SetRspHeaders(response, kBytesContentType);
   response.headers["ETag"] = details::EntityTag(object);
-  CLOUD_LOG(logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", request.bucket.c_str(),
-            request.key.c_str());
+  CLOUD_LOG_FOR(request.caller, logging::kNotable, "[%s]download file[%s:%s] success.[%s(%d)]", request.bucket.c_str(),
+                request.key.c_str());
   return SendObjectMsgRsp(session_id, response, buffer.data.get(), buffer.size);
 }
 
-int CObjectServer::StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range,
-                                    std::uint32_t length) {
-  const std::uint32_t chunk_count = length / details::kChunkBytes + (length % details::kChunkBytes != 0 ? 1 : 0);
-  const auto lease = std::make_shared<const details::CReadLease>(details::LocationText(object.bucket_name, object.url));
-  if (!lease->IsHeld()) {
-    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", object.name.c_str());
-    return AnswerError(session_id, kServerInternalError);
+std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, const ObjectInfo& object,
+                                                   const ByteRange& range, std::uint32_t length) {
+  const std::shared_ptr<details::CReadLease> lease =
+      details::CReadLease::Begin(details::LocationText(object.bucket_name, object.url));
+  if (!lease) {
+    return std::nullopt;
   }
-  const bool started = details::CBigFileSendThreads::Instance().Run([=, this] {
-    HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length);
-    static_cast<void>(lease);  // held until here
-  });
+  const std::uint32_t chunk_count = length / details::kChunkBytes + (length % details::kChunkBytes != 0 ? 1 : 0);
+  const bool started = details::CBigFileSendThreads::Instance().Run(
+      [=, this] { HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length, *lease); });
   return started ? 0 : AnswerError(session_id, kServerInternalError);
 }
 
 bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,
-                                      const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length) {
+                                      const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length,
+                                      details::CReadLease& lease) {
   const ConfigPointer config = conf_.Load();
   HttpResponse response;
   details::SetBigFileRspHeaders(response, kBytesContentType, range, object.size);
   response.headers["ETag"] = details::EntityTag(object);
-  const std::string location = details::LocationText(object.bucket_name, object.url);
   for (std::uint32_t i = 0; i < chunk_count; ++i) {
     const std::uint32_t done = i * chunk_size;
     const std::uint32_t wanted = std::min(chunk_size, total_length - done);
+    TansyNet::CMemoryShare memory;
     details::HostBuffer chunk;
-    const int result = details::ReadRange(*config, chunk, wanted, range.begin + done, location);
-    if (result != details::kStorageOk || !chunk.data || chunk.size < wanted) {
+    const bool read = memory.ResizeWithin(wanted, details::kMemoryPatienceMs) &&
+                      lease.Read(*config, chunk, wanted, range.begin + done) == details::kStorageOk;
+    if (!read || !chunk.data || chunk.size < wanted) {
       // Fewer bytes than announced would leave the client waiting for the rest. Once the head is out, this second
       // answer makes the HTTP library close the connection, so that the client can tell.
       CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", object.name.c_str());

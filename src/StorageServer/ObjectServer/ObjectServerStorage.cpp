@@ -9,15 +9,6 @@ namespace {
 // Tells the host that a whole object is meant, not a picture.
 constexpr int kObjectFlag = 1;
 
-// Only a successful read hands its buffer over; what a failed one leaves in `data` is not to be touched.
-int TakeBuffer(HostBuffer& buffer, int result, char* data, std::uint32_t size) {
-  if (result == kStorageOk) {
-    buffer.data.reset(data);
-    buffer.size = size;
-  }
-  return result;
-}
-
 }  // namespace
 
 std::string LocationText(std::string_view bucket, std::string_view url) {
@@ -48,7 +39,8 @@ int ReadObject(const StorageServerConfig& config, HostBuffer& buffer, std::uint3
   }
   char* data = nullptr;
   const int result = config.read_object(data, size, location, kObjectFlag);
-  return TakeBuffer(buffer, result, data, size);
+  buffer.Take(result, data, size);
+  return result;
 }
 
 int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
@@ -58,7 +50,8 @@ int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32
   }
   char* data = nullptr;
   const int result = config.read_range(data, size, offset, location);
-  return TakeBuffer(buffer, result, data, size);
+  buffer.Take(result, data, size);
+  return result;
 }
 
 int RemoveStored(const StorageServerConfig& config, const std::string& location) {

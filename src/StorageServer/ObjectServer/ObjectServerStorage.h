@@ -1,13 +1,12 @@
-// Calls of the host's storage callbacks: location texts, ownership of the host's buffers, callbacks that are missing.
+// Calls of the host's storage callbacks: location texts, results, callbacks that are missing.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 
+#include "StorageServer/HostBuffer.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
 namespace Tansy::CloudStorage::details {
@@ -15,15 +14,6 @@ namespace Tansy::CloudStorage::details {
 // Results of a storage callback that are not errors of the protocol.
 inline constexpr int kStorageOk = 0;
 inline constexpr int kStorageFull = 3;
-
-// A buffer that a read callback allocated with malloc.
-struct FreeDeleter {
-  void operator()(char* data) const { std::free(data); }
-};
-struct HostBuffer {
-  std::unique_ptr<char, FreeDeleter> data;
-  std::uint32_t size = 0;  // bytes that the host delivered
-};
 
 // The text by which the host finds bytes: "pool_name:" + bucket + ";" + what it left when it stored them.
 std::string LocationText(std::string_view bucket, std::string_view url = {});

@@ -5,13 +5,36 @@
 
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
+#include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+// Tells a client that nothing will come of its request. Out of memory, its connection's time-out has to tell it.
+void AnswerDropped(std::int32_t handle) noexcept {
+  try {
+    CObjectServer::Instance().AnswerError(handle, kServerInternalError);
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", error.what(), handle);
+  }
+}
+
+}  // namespace
+}  // namespace details
 
 CObjectMsgTask::CObjectMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg)
     : msg_(std::move(msg)), server_handle_(server_handle) {}
 
+CObjectMsgTask::~CObjectMsgTask() {
+  if (!executed_) {
+    details::AnswerDropped(server_handle_);
+  }
+}
+
 void CObjectMsgTask::Exec() {
+  executed_ = true;
   CObjectServer& server = CObjectServer::Instance();
   try {
     server.HandleObjectMsg(server_handle_, msg_);
@@ -31,34 +54,53 @@ CObjectStreamTask::CObjectStreamTask(std::int32_t server_handle, const TansyNet:
 }
 
 CObjectStreamTask::~CObjectStreamTask() {
-  if (executed_) {
-    return;
+  if (!executed_) {
+    EndUpload();
   }
+}
+
+// Of the last piece the request itself, which goes with it, says so to the client.
+void CObjectStreamTask::EndUpload() {
   auto& streams = details::CBigFileStreamMgr::Instance();
   const auto session_id = static_cast<std::uint32_t>(server_handle_);
   try {
-    streams.EndStream(session_id, details::StreamEnd::kFailed);
+    streams.EndStream(session_id, details::StreamEnd::kAnswered);
   } catch (const std::exception&) {
     streams.RemoveStream(session_id);  // needs no memory
+  }
+  if (!request_) {
+    details::AnswerDropped(server_handle_);
   }
 }
 
 void CObjectStreamTask::Exec() {
   executed_ = true;
   CLOUD_LOG(logging::kTrace, "[%s]handle object stream task[%s], size[%d].[%s(%d)]", url_.c_str(), size_);
+  try {
+    Store(CLOUD_LOG_CALLER);
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask failed[%s], url[%s].[%s(%d)]", error.what(), url_.c_str());
+    EndUpload();
+  }
+  if (request_) {
+    CServerMsgLoop::Instance().PostTask(request_.release());
+  }
+}
+
+void CObjectStreamTask::Store(const details::Caller& caller) {
   if (size_ == 0) {
     return;
   }
   std::string bucket;
   std::string key;
   if (!CObjectServer::ParseUrl(bucket, key, url_)) {
-    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask invalid url[%s].[%s(%d)]", url_.c_str());
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]CObjectStreamTask invalid url[%s].[%s(%d)]", url_.c_str());
     return;
   }
   const auto session_id = static_cast<std::uint32_t>(server_handle_);
   auto& streams = details::CBigFileStreamMgr::Instance();
   if (!CObjectStorageManager::Instance().IsBucketExist(bucket)) {
-    CLOUD_LOG(logging::kError, "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]", bucket.c_str());
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]", bucket.c_str());
     // A bucket of that name may come back before the last piece: the pieces after the gap must not be stored in its
     // place, nor a handler wait for bytes that were dropped.
     streams.EndStream(session_id, details::StreamEnd::kFailed);
@@ -66,8 +108,8 @@ void CObjectStreamTask::Exec() {
   }
   if (!streams.UploadStream(session_id, data_->data(), size_, bucket)) {
     streams.EndStream(session_id, details::StreamEnd::kFailed);
-    CLOUD_LOG(logging::kError, "[%s]UploadStream failed[%d], bucket_name[%s], url[%s], size[%d].[%s(%d)]", session_id,
-              bucket.c_str(), url_.c_str(), size_);
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]UploadStream failed[%d], bucket_name[%s], url[%s], size[%d].[%s(%d)]",
+                  session_id, bucket.c_str(), url_.c_str(), size_);
   }
 }
 

@@ -17,6 +17,16 @@ constexpr std::uint32_t kWholeBodyBytes = 0xA00000;
 constexpr std::int32_t kRoundsPerMiB = 5;
 constexpr std::chrono::milliseconds kRound{200};
 
+// Removes an upload's record, if it has one, at the end of a block.
+class CStreamRemoval : private TansyBase::CNoncopyable {
+ public:
+  explicit CStreamRemoval(std::int32_t session_id) : stream_id_(static_cast<std::uint32_t>(session_id)) {}
+  ~CStreamRemoval() { CBigFileStreamMgr::Instance().RemoveStream(stream_id_); }
+
+ private:
+  const std::uint32_t stream_id_;
+};
+
 }  // namespace
 }  // namespace details
 
@@ -29,6 +39,8 @@ int CObjectServer::HandleUploadObject(std::int32_t session_id, const ObjectReque
       error != 0) {
     return AnswerError(session_id, error);
   }
+  // Until the row is there, the record is what says that the bytes belong to somebody.
+  const details::CStreamRemoval removal(session_id);
   object.update_time = TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
   if (!CObjectStorageManager::Instance().AddObject(object)) {
     return AnswerError(session_id, kServerInternalError);
@@ -51,7 +63,6 @@ int CObjectServer::ReceiveStream(ObjectInfo& object, std::int32_t session_id, co
     if (stream.size >= total) {
       object.size = total;
       object.url = stream.url;
-      streams.RemoveStream(stream_id);
       CLOUD_LOG_FOR(request.caller, logging::kTrace,
                     "[%s]recv object finished, session id[%d], size[%d:%d], url[%s].[%s(%d)]", session_id, total,
                     static_cast<std::uint32_t>(stream.size), object.url.c_str());

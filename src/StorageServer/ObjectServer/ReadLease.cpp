@@ -1,62 +1,97 @@
 #include "StorageServer/ObjectServer/ReadLease.h"
 
-#include <mutex>
+#include <list>
 #include <utility>
+#include <vector>
 
 #include "Singleton.h"
+#include "StorageServer/ObjectServer/ObjectServerErrors.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
 
 namespace Tansy::CloudStorage::details {
 
-namespace {
-
-struct LeaseCallbacks {
-  ReadBeginCallback begin = nullptr;
-  ReadEndCallback end = nullptr;
-};
-
-// The two callbacks belong together, so they are changed and read together.
-class CLeaseCallbacks : private TansyBase::CNoncopyable {
+// The host's two callbacks, which are changed and read together, and the leases there are.
+class CReadLease::CRegistry : private TansyBase::CNoncopyable {
  public:
-  static CLeaseCallbacks& Instance() { return CSingleton<CLeaseCallbacks>::Instance(); }
+  static CRegistry& Instance() { return CSingleton<CRegistry>::Instance(); }
 
-  void Set(LeaseCallbacks callbacks) {
+  void SetCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    callbacks_ = callbacks;
+    begin_ = begin;
+    end_ = end;
   }
-  LeaseCallbacks Get() const {
+  std::pair<ReadBeginCallback, ReadEndCallback> Callbacks() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return callbacks_;
+    return {begin_, end_};
+  }
+  void Add(const std::shared_ptr<CReadLease>& lease) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    leases_.remove_if([](const std::weak_ptr<CReadLease>& other) { return other.expired(); });
+    leases_.push_back(lease);
+  }
+  std::vector<std::shared_ptr<CReadLease>> Leases() const {
+    std::vector<std::shared_ptr<CReadLease>> leases;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::weak_ptr<CReadLease>& lease : leases_) {
+      leases.push_back(lease.lock());
+    }
+    return leases;
   }
 
  private:
-  friend class CSingleton<CLeaseCallbacks>;
-  CLeaseCallbacks() = default;
-  ~CLeaseCallbacks() = default;
+  friend class CSingleton<CRegistry>;
+  CRegistry() = default;
+  ~CRegistry() = default;
 
-  mutable std::mutex mutex_;  // guards callbacks_
-  LeaseCallbacks callbacks_;
+  mutable std::mutex mutex_;  // guards everything below
+  ReadBeginCallback begin_ = nullptr;
+  ReadEndCallback end_ = nullptr;
+  std::list<std::weak_ptr<CReadLease>> leases_;
 };
 
-}  // namespace
-
-void SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
-  CLeaseCallbacks::Instance().Set({begin, end});
+void CReadLease::SetCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
+  CRegistry::Instance().SetCallbacks(begin, end);
 }
 
-CReadLease::CReadLease(std::string location) : location_(std::move(location)) {
-  const LeaseCallbacks callbacks = CLeaseCallbacks::Instance().Get();
-  if (callbacks.begin == nullptr) {
-    return;
+std::shared_ptr<CReadLease> CReadLease::Begin(const std::string& location) {
+  CRegistry& registry = CRegistry::Instance();
+  const auto [begin, end] = registry.Callbacks();
+  // Made first: what the host has begun must find its end, also when there is no memory left for the registry.
+  std::shared_ptr<CReadLease> lease(new CReadLease(location));
+  if (begin != nullptr) {
+    if (begin(location) != 0) {
+      return nullptr;
+    }
+    lease->end_ = end;
   }
-  held_ = callbacks.begin(location_) == 0;
-  if (held_) {
-    end_ = callbacks.end;
-  }
+  registry.Add(lease);
+  return lease;
 }
+
+CReadLease::CReadLease(std::string location) : location_(std::move(location)) {}
 
 CReadLease::~CReadLease() {
-  if (end_ != nullptr) {
+  End();
+}
+
+int CReadLease::Read(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ended_ ? kServerInternalError : ReadRange(config, buffer, size, offset, location_);
+}
+
+void CReadLease::End() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!ended_ && end_ != nullptr) {
     end_(location_);
+  }
+  ended_ = true;
+}
+
+void CReadLease::EndAll() {
+  for (const std::shared_ptr<CReadLease>& lease : CRegistry::Instance().Leases()) {
+    if (lease) {
+      lease->End();
+    }
   }
 }
 

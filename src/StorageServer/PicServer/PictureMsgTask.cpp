@@ -12,7 +12,19 @@ namespace Tansy::CloudStorage {
 CPictureMsgTask::CPictureMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg)
     : msg_(std::move(msg)), server_handle_(server_handle) {}
 
+CPictureMsgTask::~CPictureMsgTask() {
+  if (executed_) {
+    return;
+  }
+  try {
+    CPictureServer::Instance().AnswerError(server_handle_, kPicServerInternal);
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", error.what(), server_handle_);
+  }
+}
+
 void CPictureMsgTask::Exec() {
+  executed_ = true;
   CPictureServer& server = CPictureServer::Instance();
   try {
     server.HandlePicMsg(server_handle_, msg_);

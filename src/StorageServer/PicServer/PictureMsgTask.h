@@ -12,11 +12,14 @@ namespace Tansy::CloudStorage {
 class CPictureMsgTask : public TansyBase::CTask {
  public:
   CPictureMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg);
+  // A request that is dropped, because the loop has stopped, is answered here.
+  ~CPictureMsgTask() override;
   void Exec() override;
 
  private:
   TansyNet::HttpServerRecv msg_;
   std::int32_t server_handle_;
+  bool executed_ = false;
 };
 
 }  // namespace Tansy::CloudStorage

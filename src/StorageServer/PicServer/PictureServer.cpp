@@ -85,11 +85,11 @@ int CPictureServer::SetPicServerEnable(bool enable) {
 
 CPictureServer::ListenerResult CPictureServer::StartHttp(const Config& config) {
   using details::StartListener;
-  if (const int error = StartListener(http_handle_, details::kAnyIpv4, config.download_port, &RecvMsgCallBack);
+  if (const int error = StartListener(http_listener_, details::kAnyIpv4, config.download_port, &RecvMsgCallBack);
       error != 0) {
     return {error, false};
   }
-  return {StartListener(http_v6_handle_, details::kAnyIpv6, config.download_port, &RecvMsgCallBack), true};
+  return {StartListener(http_v6_listener_, details::kAnyIpv6, config.download_port, &RecvMsgCallBack), true};
 }
 
 CPictureServer::ListenerResult CPictureServer::StartHttps(const Config& config) {
@@ -98,25 +98,25 @@ CPictureServer::ListenerResult CPictureServer::StartHttps(const Config& config) 
   if (port == 0) {
     return {0, false};  // the host wants no HTTPS
   }
-  if (const int error = StartTlsListener(https_handle_, details::kAnyIpv4, port, &RecvMsgCallBack); error != 0) {
+  if (const int error = StartTlsListener(https_listener_, details::kAnyIpv4, port, &RecvMsgCallBack); error != 0) {
     return {error, false};
   }
-  return {StartTlsListener(https_v6_handle_, details::kAnyIpv6, port, &RecvMsgCallBack), true};
+  return {StartTlsListener(https_v6_listener_, details::kAnyIpv6, port, &RecvMsgCallBack), true};
 }
 
 CPictureServer::ListenerResult CPictureServer::StopListeners() {
-  if (const int error = details::StopListener(http_handle_); error != 0) {
+  if (const int error = details::StopListener(http_listener_); error != 0) {
     return {error, false};
   }
-  if (const int error = details::StopListener(http_v6_handle_); error != 0) {
+  if (const int error = details::StopListener(http_v6_listener_); error != 0) {
     return {error, true};
   }
-  if (https_handle_ != 0) {
-    if (const int error = details::StopListener(https_handle_); error != 0) {
+  if (https_listener_.handle != 0) {
+    if (const int error = details::StopListener(https_listener_); error != 0) {
       return {error, false};
     }
   }
-  return {https_v6_handle_ != 0 ? details::StopListener(https_v6_handle_) : 0, true};
+  return {https_v6_listener_.handle != 0 ? details::StopListener(https_v6_listener_) : 0, true};
 }
 
 void CPictureServer::UpdateLocalServerIp(const std::string& ip) {

@@ -17,6 +17,7 @@
 
 #include "Singleton.h"
 #include "StorageServer/ConfigSnapshot.h"
+#include "StorageServer/ServerListeners.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/StorageConfig.h"
 #include "TansyNet/HttpServer.h"
@@ -90,10 +91,10 @@ class CPictureServer : private TansyBase::CNoncopyable {
 
   std::mutex mutex_;
   // All that follows is under mutex_.
-  std::int32_t http_handle_ = 0;
-  std::int32_t http_v6_handle_ = 0;
-  std::int32_t https_handle_ = 0;
-  std::int32_t https_v6_handle_ = 0;
+  details::Listener http_listener_;
+  details::Listener http_v6_listener_;
+  details::Listener https_listener_;
+  details::Listener https_v6_listener_;
   bool started_ = true;  // the listeners should be open
 };
 

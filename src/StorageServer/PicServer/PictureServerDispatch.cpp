@@ -13,15 +13,6 @@
 
 namespace Tansy::CloudStorage {
 
-namespace details {
-namespace {
-
-// The loop's tasks, waiting and running, from which on a request is refused.
-constexpr std::size_t kMaxWorkTasks = 20001;
-
-}  // namespace
-}  // namespace details
-
 // One row of the routing table; both texts must be the request's, letter by letter.
 struct CPictureServer::Route {
   std::string_view method;
@@ -46,7 +37,7 @@ void CPictureServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
   CLOUD_LOG(logging::kTrace, "[%s]Server Callback, server_handle = %d, url = %s, ip = %s[%s(%d)]", handle,
             msg.url.c_str(), msg.ip.c_str());
   try {
-    if (CServerMsgLoop::Instance().GetWorkTaskCount() < details::kMaxWorkTasks) {
+    if (CServerMsgLoop::Instance().GetWorkTaskCount() < CServerMsgLoop::kMaxWorkTasks) {
       CServerMsgLoop::Instance().PostTask(new CPictureMsgTask(handle, std::move(msg)));
       return;
     }

@@ -10,15 +10,12 @@ namespace details {
 namespace {
 
 constexpr int kFailed = -1;
-// The loop's threads: at least, at most, and the seconds after which one too many leaves.
-constexpr int kMinThreads = 4;
-constexpr int kMaxThreads = 4;
-constexpr int kIdleSeconds = 5;
 
 template <class Config>
 int InitServer(const Config& config) {
   return AtBoundary("InitPicServer", kFailed, [&config] {
-    if (!CServerMsgLoop::Instance().Start(kMinThreads, kMaxThreads, kIdleSeconds)) {
+    if (!CServerMsgLoop::Instance().Start(CServerMsgLoop::kThreads, CServerMsgLoop::kThreads,
+                                          CServerMsgLoop::kIdleSeconds)) {
       CLOUD_LOG(logging::kNotable, "[%s]message loop not started, it runs already.[%s(%d)]");
     }
     return CPictureServer::Instance().Init(config);
@@ -34,14 +31,6 @@ int InitPicServer(const StorageServerConfig& config) {
 
 int InitPicServer(const StorageServerConfig_V1& config) {
   return details::InitServer(config);
-}
-
-int UninitPicServer() {
-  return AtBoundary("UninitPicServer", details::kFailed, [] {
-    const int result = CPictureServer::Instance().SetPicServerEnable(false);
-    CServerMsgLoop::Instance().Stop(false);
-    return result;
-  });
 }
 
 int SetPicServerEnable(bool enable) {

@@ -1,10 +1,9 @@
 // Pictures in and out, through the host's callbacks.
-#include <cstdlib>
-#include <memory>
 #include <string_view>
 
 #include "ModuleLog.h"
 #include "OSAL/Osal.h"
+#include "StorageServer/HostBuffer.h"
 #include "StorageServer/PicServer/PictureServer.h"
 #include "StorageServer/PicServer/PictureServerErrors.h"
 #include "TansyProto/RapidJsonProto.h"
@@ -41,10 +40,25 @@ bool IsWhole(const PictureForm& form) {
   return form.length > 0 && form.picture.size() == static_cast<std::size_t>(form.length);
 }
 
-struct FreeBuffer {
-  void operator()(char* data) const { std::free(data); }
+// Removes a stored picture again that nobody will ever ask for, because its address reached nobody.
+class CUnlessAnswered : private TansyBase::CNoncopyable {
+ public:
+  CUnlessAnswered(const StorageServerConfig& config, const std::string& url) : config_(config), url_(url) {}
+  ~CUnlessAnswered() {
+    if (answered_ || config_.remove_object == nullptr) {
+      return;
+    }
+    const int result = config_.remove_object(url_);
+    CLOUD_LOG(logging::kError, "[%s]picture without answer removed[%s], result[%d].[%s(%d)]", url_.c_str(), result);
+  }
+
+  void SetAnswered() { answered_ = true; }
+
+ private:
+  const StorageServerConfig& config_;
+  const std::string& url_;
+  bool answered_ = false;
 };
-using HostBuffer = std::unique_ptr<char, FreeBuffer>;
 
 }  // namespace
 }  // namespace details
@@ -72,9 +86,14 @@ int CPictureServer::HandleUploadPicture(std::int32_t handle, const HttpServerRec
     CLOUD_LOG(logging::kError, "[%s]HandleUploadPicture, upload failed[%d].[%s(%d)]", result);
     return AnswerError(handle, kPicStorageResource);
   }
+  details::CUnlessAnswered stored(*config, url);
   TansyProto::CRapidJsonProto json;
   json.SetString("/PictureUrl", url);
-  return AnswerJson(handle, json.Serialize());
+  const int sent = AnswerJson(handle, json.Serialize());
+  if (sent == 0) {
+    stored.SetAnswered();
+  }
+  return sent;
 }
 
 int CPictureServer::HandleDownloadPicture(std::int32_t handle, const HttpServerRecv& request) {
@@ -93,7 +112,8 @@ int CPictureServer::HandleDownloadPicture(std::int32_t handle, const HttpServerR
   char* data = nullptr;
   std::uint32_t size = 0;
   const int result = config->read_object(data, size, request.url + "?" + request.query, details::kPictureFlag);
-  const details::HostBuffer buffer(data);
+  details::HostBuffer buffer;
+  buffer.Take(result, data, size);
   if (result != 0) {
     CLOUD_LOG(logging::kError, "[%s]HandleDownloadPicture, download failed[%d].[%s(%d)]", result);
     return AnswerError(handle, kPicStorageResource);
@@ -101,7 +121,8 @@ int CPictureServer::HandleDownloadPicture(std::int32_t handle, const HttpServerR
   HttpResponse response;
   SetPicRspHeaders(response, details::kPictureContentType);
   // Without a buffer there are no bytes, whatever the size says.
-  return SendPicMsgRsp(handle, response, buffer ? std::string_view(buffer.get(), size) : std::string_view(""));
+  return SendPicMsgRsp(handle, response,
+                       buffer.data ? std::string_view(buffer.data.get(), buffer.size) : std::string_view(""));
 }
 
 }  // namespace Tansy::CloudStorage

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ObjectServerFixture.h"
@@ -205,20 +206,56 @@ TEST_F(CObjectServerDispatchTest, AFullLoopEndsARunningUpload) {
   EXPECT_EQ(http_.AnswerOf(handle).attempts, 1);
 }
 
-// A loop that stops drops what waits in it. A handler must not go on waiting for a piece that went this way.
-TEST_F(CObjectServerDispatchTest, ADroppedPieceEndsItsUpload) {
+// Stops the loop for as long as it lives.
+class CStoppedLoop {
+ public:
+  CStoppedLoop() { CServerMsgLoop::Instance().Stop(false); }
+  ~CStoppedLoop() {
+    EXPECT_TRUE(CServerMsgLoop::Instance().Start(CServerMsgLoop::kThreads, CServerMsgLoop::kThreads, 5));
+  }
+};
+
+TEST_F(CObjectServerDispatchTest, AStoppedLoopAnswersWhatItDrops) {
   const std::string bucket = NewBucket();
-  auto& streams = CloudStorage::details::CBigFileStreamMgr::Instance();
-  TansyNet::HttpServerRecv msg = Signed({"PUT", "/" + bucket + "/k", "", "piece", {}});
-  msg.content_length = 100 << 20;
+  TansyNet::HttpServerRecv msg = Signed({"PUT", "/" + bucket + "/k", "", "", {}});
+  msg.content_length = 20 << 20;
+  const std::int32_t request = http_.NewHandle();
+  const std::int32_t upload = http_.NewHandle();
+  const std::int32_t whole_upload = http_.NewHandle();
+  auto held = std::make_unique<CHeldLoop>(CServerMsgLoop::Instance(), CServerMsgLoop::kThreads);
+  // These wait behind the held threads when the loop is stopped.
+  http_.DeliverAs(request, &CObjectServer::RecvMsgCallBack, Signed({"GET", "/b/o", "", "", {}}));
+  http_.DeliverPiece(upload, &CObjectServer::RecvMsgCallBack, msg, "piece", false, false);
+  http_.DeliverPiece(whole_upload, &CObjectServer::RecvMsgCallBack, msg, "last piece", true, false);
+  std::thread release([&] {
+    while (!http_.IsAnswered(request)) {
+      std::this_thread::yield();
+    }
+    held->Release();
+  });
+  const CStoppedLoop stopped;
+  release.join();
+  for (const std::int32_t handle : {request, upload, whole_upload}) {
+    EXPECT_TRUE(IsError(http_.WaitForAnswer(handle), 500, "ServerInternalError")) << handle;
+  }
+  EXPECT_EQ(CloudStorage::details::CBigFileStreamMgr::Instance().EndOf(static_cast<std::uint32_t>(upload)),
+            CloudStorage::details::StreamEnd::kAnswered);
+  // And what comes while it is stopped.
+  const std::int32_t late = http_.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", "/b/o", "", "", {}}));
+  EXPECT_TRUE(IsError(http_.AnswerOf(late), 500, "ServerInternalError"));
+  const std::int32_t late_upload = http_.NewHandle();
+  http_.DeliverPiece(late_upload, &CObjectServer::RecvMsgCallBack, msg, "piece", false);
+  EXPECT_TRUE(IsError(http_.AnswerOf(late_upload), 500, "ServerInternalError"));
+}
+
+TEST_F(CObjectServerDispatchTest, AStartedAgainLoopStoresPiecesAgain) {
+  { const CStoppedLoop stopped; }
+  const std::string bucket = NewBucket();
+  const std::string body = Pattern(11 << 20);
   const std::int32_t handle = http_.NewHandle();
-  const auto id = static_cast<std::uint32_t>(handle);
-  ASSERT_TRUE(streams.RegisterStream(id));
-  http_.DeliverAs(handle, &CObjectServer::RecvMsgCallBack, msg);
-  EXPECT_FALSE(http_.WaitForAnswer(handle, 50).IsThere()) << "waits for its bytes, for more than a minute";
-  { const CloudStorage::CObjectStreamTask dropped(handle, msg); }
-  EXPECT_TRUE(IsError(http_.WaitForAnswer(handle), 500, "ServerInternalError"));
-  EXPECT_EQ(streams.EndOf(id), CloudStorage::details::StreamEnd::kFailed);
+  http_.Stream(handle, &CObjectServer::RecvMsgCallBack, Signed({"PUT", "/" + bucket + "/k", "", "", {}}), body,
+               {4 << 20, 4 << 20});
+  EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle), ""));
 }
 
 TEST_F(CObjectServerDispatchTest, AnAnswerThatCannotBeSentIsLogged) {

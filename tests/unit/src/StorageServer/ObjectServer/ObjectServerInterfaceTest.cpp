@@ -291,6 +291,38 @@ TEST_F(ObjectServerInterface, InitTriesTheDatabaseUntilItAccepts) {
   EXPECT_EQ(host_->registrations.size(), 1U);
 }
 
+TEST_F(ObjectServerInterface, WaitingForTheDatabaseSaysWhyAndTakesCorrectedSettings) {
+  ASSERT_TRUE(CIInterfaceManager::Instance().Init(host_));
+  int tries = 0;
+  g_sleep = [&](std::uint32_t) {
+    host_->config = std::make_shared<CLocalConfig>();
+    host_->config->host = "right.example";
+    host_->config->user = "corrected " + std::to_string(++tries);
+  };
+  driver_->FailOpens(2);
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(InitDBModule());
+  testing::internal::GetCapturedStdout();
+  constexpr const char* kReason = "[%s]database not reached: %s[%s(%d)]";
+  EXPECT_EQ(log_->Count(kReason, 5), 2U);
+  EXPECT_NE(log_->Text(kReason).find("not now"), std::string::npos) << log_->Text(kReason);
+  EXPECT_EQ(driver_->LastParam().host, "right.example");
+  EXPECT_EQ(driver_->LastParam().user, "corrected 2");
+  EXPECT_EQ(driver_->LastParam().max_connections, 16);
+}
+
+TEST_F(ObjectServerInterface, AHostThatHasNoSettingsAnyMoreKeepsTheOldOnes) {
+  ASSERT_TRUE(CIInterfaceManager::Instance().Init(host_));
+  ASSERT_TRUE(InitDBModule());
+  const std::size_t opened = driver_->Params().size();
+  host_->config = nullptr;
+  host_->listener("Config_LocalConfigManager");
+  EXPECT_EQ(log_->Count("[%s]no database settings to be had, the old ones stay.[%s(%d)]", 5), 1U);
+  EXPECT_NE(CBaseDBLayerConn::Instance().ApplyConn(), nullptr);
+  EXPECT_EQ(driver_->Params().size(), opened) << "the pool goes on as it was";
+  EXPECT_EQ(driver_->LastParam().user, "quirin");
+}
+
 TEST_F(ObjectServerInterface, AChangedConfigurationReachesTheDatabase) {
   ASSERT_TRUE(CIInterfaceManager::Instance().Init(host_));
   ASSERT_TRUE(InitDBModule());

@@ -12,7 +12,9 @@
 
 #include "ObjectServerFixture.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
+#include "StorageServer/ServerMsgLoop.h"
 #include "TansyCloudStorage/ObjectServer.h"
+#include "TansyCloudStorage/PictureServer.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
@@ -104,11 +106,63 @@ TEST_F(CObjectServerReadTest, Ranges) {
   EXPECT_FALSE(GetRange("k", "bytes=10-20").response.headers.contains("Content-Range"));
 }
 
-TEST_F(CObjectServerReadTest, AnEndBeyondTheObjectIsTheStoragesBusiness) {
+TEST_F(CObjectServerReadTest, AnEndBeyondTheObjectIsItsEnd) {
   const std::string bytes = Pattern(1000);
   NewObject(bucket_, "k", bytes);
   EXPECT_TRUE(IsBytes(GetRange("k", "bytes=990-2000"), bytes.substr(990)));
-  EXPECT_EQ(storage_.Calls("range").back().size, 1010u);
+  EXPECT_EQ(storage_.Calls("range").back().size, 10u);
+  for (const char* range : {"bytes=0-1001", "bytes=0-10485760", "bytes=0-10485761", "bytes=0-4294967295"}) {
+    const FakeAnswer answer = GetRange("k", range);
+    EXPECT_TRUE(IsBytes(answer, bytes)) << range;
+    EXPECT_TRUE(answer.chunks.empty()) << range;
+  }
+  const std::string big = Pattern(15 * kMiB);
+  NewObject(bucket_, "big", big);
+  const FakeAnswer answer = GetRange("big", "bytes=0-4294967295");
+  EXPECT_TRUE(IsBytes(answer, big));
+  EXPECT_EQ(answer.total_size, 15 * kMiB);
+  EXPECT_EQ(answer.response.headers.at("Content-Range"), "bytes 0-15728640/15728640");
+}
+
+TEST_F(CObjectServerReadTest, AnObjectBeyondThirtyTwoBitsIsNotServedInPart) {
+  ObjectInfo object;
+  object.bucket_name = bucket_;
+  object.name = "k";
+  object.url = "fs01huge.d";
+  storage_.Put(object.url, Pattern(1000));
+  for (const std::uint64_t size : {std::uint64_t{1} << 32, (std::uint64_t{1} << 32) + 20 * kMiB}) {
+    object.size = size;
+    ASSERT_TRUE(catalogue_.AddObject(object));
+    EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError")) << size;
+    EXPECT_TRUE(IsError(GetRange("k", "bytes=0-10"), 500, "ServerInternalError")) << size;
+    EXPECT_TRUE(IsError(GetRange("k", "bytes=4284481536-"), 500, "ServerInternalError")) << size;
+    EXPECT_EQ(Get(Path("k"), "metadata").response.headers.at("Object-Size"), std::to_string(size));
+  }
+  EXPECT_TRUE(storage_.Calls("range").empty());
+  object.size = (std::uint64_t{1} << 32) - 1;
+  ASSERT_TRUE(catalogue_.AddObject(object));
+  EXPECT_TRUE(IsBytes(GetRange("k", "bytes=0-10"), Pattern(1000).substr(0, 10)))
+      << "the largest object that has offsets";
+}
+
+// Puts other bytes in the place of an object, and makes the first read after that fail, as a host does whose old bytes
+// are gone.
+TEST_F(CObjectServerReadTest, AnObjectThatIsReplacedMeanwhileIsReadFromItsNewPlace) {
+  NewObject(bucket_, "k", Pattern(1000, 1));
+  std::atomic<int> reads{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    const bool first = ++reads == 1;
+    if (first) {
+      ObjectInfo object;
+      EXPECT_TRUE(catalogue_.GetObjectByName(object, "k", bucket_));
+      object.url = "fs01successor.d";
+      storage_.Put(object.url, Pattern(1000, 2));
+      EXPECT_TRUE(catalogue_.AddObject(object));
+    }
+    storage_.SetResult("range", first ? 1 : 0);
+  });
+  EXPECT_TRUE(IsBytes(Get(Path("k")), Pattern(1000, 2)));
+  EXPECT_EQ(reads, 2);
 }
 
 TEST_F(CObjectServerReadTest, RangesThatMakeNoSense) {
@@ -298,6 +352,37 @@ TEST_F(CObjectServerReadTest, ABrokenOffDownloadGivesItsLeaseBack) {
   EXPECT_THAT(CLeases::Wait(2), ElementsAre("begin " + location, "end " + location));
 }
 
+// A host frees its storage once the servers are down; a download that goes on must not come back to it.
+TEST_F(CObjectServerReadTest, NoCallbackIsCalledOnceTheServersAreDown) {
+  const CLeases leases;
+  NewObject(bucket_, "k", Pattern(3 * kChunk));
+  std::promise<void> reading;
+  std::promise<void> go_on;
+  std::atomic<int> reads{0};
+  storage_.SetHook([&](const CFakeStorage::Call& call) {
+    CLeases::Note(call.kind + " " + call.location);
+    if (++reads == 2) {
+      reading.set_value();
+      go_on.get_future().wait();
+    }
+  });
+  const std::int32_t handle = http_.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", Path("k"), "", "", {}}));
+  reading.get_future().wait();
+  ASSERT_EQ(CloudStorage::SetObjectServerEnable(false), 0);
+  auto uninit = std::async(std::launch::async, [] { return CloudStorage::UninitPicServer(); });
+  EXPECT_EQ(uninit.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout) << "a callback is running";
+  go_on.set_value();
+  ASSERT_EQ(uninit.get(), 0);
+  const std::vector<std::string> calls = CLeases::Wait(4);
+  EXPECT_THAT(calls.back(), StartsWith("end "));
+  http_.WaitForAnswer(handle);
+  EXPECT_EQ(CLeases::Wait(0), calls);
+
+  storage_.SetHook(nullptr);
+  EXPECT_TRUE(CloudStorage::CServerMsgLoop::Instance().Start(4, 4, 5));
+  EXPECT_EQ(CloudStorage::SetObjectServerEnable(true), 0);
+}
+
 TEST_F(CObjectServerReadTest, ALeaseThatTheHostRefusesHasNoEnd) {
   const CLeases leases;
   const std::string location = "pool_name:" + bucket_ + ";" + NewObject(bucket_, "k", Pattern(2 * kChunk));
@@ -474,16 +559,6 @@ TEST_F(CObjectServerReadTest, DownloadsBeyondTheThreadsWait) {
   }
   EXPECT_EQ(done, kAll);
   EXPECT_TRUE(Get(Path("k")).IsWhole());
-}
-
-TEST_F(CObjectServerReadTest, SizesOfFourGiBAndMoreCountModuloFourGiB) {
-  NewObject(bucket_, "k", Pattern(1000));
-  ObjectInfo object;
-  ASSERT_TRUE(catalogue_.GetObjectByName(object, "k", bucket_));
-  object.size = (std::uint64_t{1} << 32) + 500;
-  ASSERT_TRUE(catalogue_.AddObject(object));
-  EXPECT_EQ(Get(Path("k")).body.size(), 500u);
-  EXPECT_EQ(Get(Path("k"), "metadata").response.headers.at("Object-Size"), "4294967796");
 }
 
 TEST_F(CObjectServerReadTest, RemovingLeavesTheBytes) {

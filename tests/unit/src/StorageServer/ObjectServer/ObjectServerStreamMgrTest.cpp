@@ -3,7 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <latch>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "ObjectServerFixture.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
@@ -116,10 +119,8 @@ TEST_F(CObjectServerStreamMgrTest, NoRoundEndsWhileAPieceIsWithTheStorage) {
   EXPECT_FALSE(streams_.WaitForChange(id_, 3, milliseconds(1)));
 }
 
-TEST_F(CObjectServerStreamMgrTest, APieceInLineBehindOthersCountsAsUnderWay) {
-  const auto other = static_cast<std::uint32_t>(http_.NewHandle());
+TEST_F(CObjectServerStreamMgrTest, PiecesOfOneStreamAreStoredOneAfterAnother) {
   ASSERT_TRUE(streams_.RegisterStream(id_));
-  ASSERT_TRUE(streams_.RegisterStream(other));
   std::promise<void> entered;
   std::promise<void> release;
   std::atomic<int> calls{0};
@@ -129,9 +130,8 @@ TEST_F(CObjectServerStreamMgrTest, APieceInLineBehindOthersCountsAsUnderWay) {
       release.get_future().wait();
     }
   });
-  auto first = std::async(std::launch::async, [&] { return streams_.UploadStream(other, "abc", 3, "b"); });
+  auto first = std::async(std::launch::async, [&] { return streams_.UploadStream(id_, "abc", 3, "b"); });
   entered.get_future().wait();
-  EXPECT_FALSE(streams_.WaitForChange(id_, 0, milliseconds(1)));  // nothing of it has come
   std::atomic<bool> asked{false};
   auto second = std::async(std::launch::async, [&] {
     asked = true;
@@ -140,14 +140,56 @@ TEST_F(CObjectServerStreamMgrTest, APieceInLineBehindOthersCountsAsUnderWay) {
   while (!asked) {
     std::this_thread::yield();
   }
-  std::this_thread::sleep_for(milliseconds(50));
-  auto waited = std::async(std::launch::async, [this] { return streams_.WaitForChange(id_, 0, milliseconds(1)); });
-  EXPECT_EQ(waited.wait_for(milliseconds(100)), std::future_status::timeout);
   release.set_value();
-  EXPECT_TRUE(waited.get());
   EXPECT_TRUE(first.get());
   EXPECT_TRUE(second.get());
+  ObjectInfo info;
+  ASSERT_TRUE(streams_.GetStreamInfo(info, id_));
+  EXPECT_EQ(storage_.Bytes(info.url), "abcde");
+}
+
+// Each call of the storage waits for the other one to come in: one at a time would never end.
+TEST_F(CObjectServerStreamMgrTest, DifferentStreamsAreStoredSideBySide) {
+  const auto other = static_cast<std::uint32_t>(http_.NewHandle());
+  ASSERT_TRUE(streams_.RegisterStream(id_));
+  ASSERT_TRUE(streams_.RegisterStream(other));
+  std::latch both(2);
+  storage_.SetHook([&](const CFakeStorage::Call&) { both.arrive_and_wait(); });
+  auto first = std::async(std::launch::async, [&] { return streams_.UploadStream(id_, "abc", 3, "b"); });
+  EXPECT_TRUE(streams_.UploadStream(other, "de", 2, "b"));
+  EXPECT_TRUE(first.get());
   streams_.RemoveStream(other);
+}
+
+TEST_F(CObjectServerStreamMgrTest, UploadsUnderWayAreThoseThatMayStillBecomeObjects) {
+  using Locations = std::vector<std::string>;
+  const auto open = [this](std::uint32_t session_id) { return session_id == id_; };
+  const auto closed = [](std::uint32_t) { return false; };
+  ASSERT_TRUE(streams_.RegisterStream(id_));
+  EXPECT_EQ(streams_.LocationsUnderWay(open), Locations()) << "it has no bytes yet";
+  ASSERT_TRUE(streams_.UploadStream(id_, "abc", 3, "b"));
+  ObjectInfo info;
+  ASSERT_TRUE(streams_.GetStreamInfo(info, id_));
+  EXPECT_EQ(streams_.LocationsUnderWay(open), Locations{info.url});
+
+  // Its client is gone, but a piece of it is just being stored.
+  storage_.SetHook(
+      [&](const CFakeStorage::Call&) { EXPECT_EQ(streams_.LocationsUnderWay(closed), Locations{info.url}); });
+  ASSERT_TRUE(streams_.UploadStream(id_, "de", 2, "b"));
+  storage_.SetHook(nullptr);
+  // All of it is here; only the row is missing.
+  const auto whole = static_cast<std::uint32_t>(http_.NewHandle());
+  ASSERT_TRUE(streams_.RegisterStream(whole));
+  streams_.NoteLastPiece(whole);
+  ASSERT_TRUE(streams_.UploadStream(whole, "abc", 3, "b"));
+  ObjectInfo whole_info;
+  ASSERT_TRUE(streams_.GetStreamInfo(whole_info, whole));
+
+  EXPECT_EQ(streams_.LocationsUnderWay(closed), Locations{whole_info.url});
+  EXPECT_TRUE(streams_.IsStreamAbsent(id_));
+  EXPECT_EQ(streams_.EndOf(id_), StreamEnd::kFailed) << "a late piece is not taken for a first one";
+  EXPECT_FALSE(streams_.UploadStream(id_, "fg", 2, "b")) << "what is freed is not written to again";
+  streams_.RemoveStream(whole);
 }
 
 TEST_F(CObjectServerStreamMgrTest, TheWayAStreamEndedIsRemembered) {

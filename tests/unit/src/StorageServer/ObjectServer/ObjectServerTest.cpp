@@ -88,6 +88,37 @@ TEST_F(CObjectServerLifecycleTest, InitV1OpensHttpsWithTheDefaultCertificate) {
   EXPECT_EQ(tls.trust_path, "");
 }
 
+TEST_F(CObjectServerLifecycleTest, InitWithOtherPortsOpensThose) {
+  ASSERT_EQ(server_.Init(Config()), 0);
+  const auto before = http_.Listeners();
+  ASSERT_EQ(before.size(), 4u);
+  StorageServerConfig_V1 config = Config();
+  config.upload_port = config.download_port = 9800;
+  config.https_port = config.https_download_port = 9843;
+  http_.ForgetCalls();
+  EXPECT_EQ(server_.Init(config), 0);
+  const auto stop = [&before](std::size_t i) { return "stop " + std::to_string(before[i].handle); };
+  EXPECT_THAT(http_.Calls(), ElementsAre("start 0.0.0.0:9800", stop(0), "start [::]:9800", stop(1),
+                                         "start https 0.0.0.0:9843", stop(2), "start https [::]:9843", stop(3)));
+  // The same once more changes nothing.
+  http_.ForgetCalls();
+  EXPECT_EQ(server_.Init(config), 0);
+  EXPECT_THAT(http_.Calls(), ElementsAre());
+}
+
+TEST_F(CObjectServerLifecycleTest, APortThatCannotBeOpenedIsAnErrorAndLeavesTheOldOneOpen) {
+  ASSERT_EQ(server_.Init(PlainConfig()), 0);
+  StorageServerConfig config = PlainConfig();
+  config.upload_port = config.download_port = 9800;
+  http_.ForgetCalls();
+  http_.FailStart(1, 1001);
+  EXPECT_EQ(server_.Init(config), 1001);
+  EXPECT_THAT(http_.Calls(), ElementsAre("start 0.0.0.0:9800"));
+  EXPECT_TRUE(http_.Listeners()[0].open && http_.Listeners()[1].open);
+  EXPECT_EQ(server_.Init(config), 0) << "the next try goes on";
+  EXPECT_EQ(http_.Listeners().back().port, 9800);
+}
+
 TEST_F(CObjectServerLifecycleTest, FailedStartsEndInitAndLeaveOpenWhatIsOpen) {
   struct Case {
     int start;

@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <new>
 #include <random>
 #include <thread>
 #include <vector>
@@ -219,32 +222,190 @@ TEST_F(CObjectServerWriteTest, ManyUploadsAtOnce) {
   }
 }
 
-TEST_F(CObjectServerWriteTest, PiecesAreStoredOneAtATimeAndNobodyElseWaits) {
-  std::atomic<int> inside{0};
-  std::atomic<int> most{0};
-  storage_.SetHook([&](const CFakeStorage::Call& call) {
+// A storage that lets nobody go on before it is told to, and counts who is in it.
+class CGate {
+ public:
+  // For the storage's calls of streams.
+  void Pass() {
+    std::unique_lock lock(mutex_);
+    ++inside_;
+    ++entered_;
+    most_ = std::max(most_, inside_);
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return open_ || passes_ > 0; });
+    passes_ -= open_ ? 0 : 1;
+    --inside_;
+    changed_.notify_all();
+  }
+  // Waits until so many calls have come in altogether; false when they do not come.
+  bool WaitForEntered(int count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return entered_ >= count; });
+  }
+  void LetOnePass() {
+    const std::lock_guard lock(mutex_);
+    ++passes_;
+    changed_.notify_all();
+  }
+  void Open() {
+    const std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  int Inside() const {
+    const std::lock_guard lock(mutex_);
+    return inside_;
+  }
+  int Most() const {
+    const std::lock_guard lock(mutex_);
+    return most_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  int inside_ = 0;
+  int entered_ = 0;
+  int most_ = 0;
+  int passes_ = 0;
+  bool open_ = false;
+};
+
+// Twelve uploads whose first pieces are with a storage that takes them as slowly as the gate has it.
+class CObjectServerSlowStorageTest : public CObjectServerWriteTest {
+ protected:
+  static constexpr int kUploads = 12;
+  static constexpr int kAtATime = CServerMsgLoop::kThreads / 2;
+
+  CObjectServerSlowStorageTest() {
+    storage_.SetHook([this](const CFakeStorage::Call& call) {
+      if (call.kind == "stream") {
+        gate_.Pass();
+      }
+    });
+    for (int i = 0; i < kUploads; ++i) {
+      handles_.push_back(http_.NewHandle());
+      clients_.emplace_back([this, i] {
+        http_.Stream(handles_[static_cast<std::size_t>(i)], &CObjectServer::RecvMsgCallBack,
+                     Signed({"PUT", Path("k" + std::to_string(i)), "", "", {}}), BodyOf(i),
+                     std::vector<std::size_t>(2, 4 * kMiB));
+      });
+    }
+  }
+  ~CObjectServerSlowStorageTest() override {
+    gate_.Open();
+    for (std::thread& client : clients_) {
+      client.join();
+    }
+    for (const std::int32_t handle : handles_) {
+      EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle, 60000), ""));
+    }
+    storage_.SetHook(nullptr);
+  }
+  static std::string BodyOf(int upload) { return Pattern(11 * kMiB, static_cast<std::uint32_t>(upload) + 1); }
+
+  CGate gate_;
+  std::vector<std::int32_t> handles_;
+  std::vector<std::thread> clients_;
+};
+
+TEST_F(CObjectServerSlowStorageTest, HalfOfTheThreadsWaitForItAndTheOthersServe) {
+  ASSERT_TRUE(gate_.WaitForEntered(kAtATime)) << "different uploads are stored side by side";
+  // All of it while no piece gets on: every answer comes past the waiting ones.
+  NewObject(bucket_, "small", "x");
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(Get(Path("small")).body, "x");
+    EXPECT_TRUE(IsXml(Put(Path("other"), "y"), ""));
+  }
+  EXPECT_EQ(gate_.Inside(), kAtATime);
+  EXPECT_EQ(gate_.Most(), kAtATime);
+}
+
+TEST_F(CObjectServerSlowStorageTest, LastPiecesLeaveTheOtherThreadsAloneToo) {
+  // Two of three pieces of each upload are in; what is left are last pieces, whose handlers follow them.
+  for (int i = 0; i < 2 * kUploads; ++i) {
+    ASSERT_TRUE(gate_.WaitForEntered(i + 1));
+    gate_.LetOnePass();
+  }
+  ASSERT_TRUE(gate_.WaitForEntered(2 * kUploads + kAtATime));
+  EXPECT_TRUE(IsXml(Put(Path("other"), "y"), ""));
+  EXPECT_EQ(Get(Path("other")).body, "y");
+  EXPECT_EQ(gate_.Most(), kAtATime);
+}
+
+TEST_F(CObjectServerSlowStorageTest, EachUploadKeepsItsOrder) {
+  gate_.Open();
+  for (int i = 0; i < kUploads; ++i) {
+    EXPECT_TRUE(IsXml(http_.WaitForAnswer(handles_[static_cast<std::size_t>(i)], 60000), ""));
+    ObjectInfo object;
+    ASSERT_TRUE(IsStored("k" + std::to_string(i), object));
+    EXPECT_TRUE(storage_.Bytes(object.url) == BodyOf(i)) << i;
+  }
+}
+
+// The library sends a piece when the one before is stored. Should it not, they are stored in their order all the same.
+TEST_F(CObjectServerWriteTest, PiecesThatDoNotWaitForEachOtherKeepTheirOrder) {
+  const std::string body = Pattern(12 * kMiB);
+  CGate gate;
+  storage_.SetHook([&](const CFakeStorage::Call&) { gate.Pass(); });
+  handle_ = http_.NewHandle();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = static_cast<std::uint32_t>(body.size());
+  for (std::size_t i = 0; i < 12; ++i) {
+    http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, body.substr(i * kMiB, kMiB), i == 11, false);
+  }
+  ASSERT_TRUE(gate.WaitForEntered(1));
+  gate.Open();
+  EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle_), ""));
+  EXPECT_EQ(gate.Most(), 1) << "one piece of an upload at a time";
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_TRUE(storage_.Bytes(object.url) == body);
+}
+
+TEST_F(CObjectServerWriteTest, APieceThatRunsOutOfMemoryEndsItsUploadAtOnce) {
+  storage_.SetHook([](const CFakeStorage::Call& call) {
     if (call.kind == "stream") {
-      const int now = ++inside;
-      most = std::max(most.load(), now);
-      // The receiving threads get on while a piece is being stored.
-      EXPECT_TRUE(streams_.IsStreamAbsent(0xFFFFFFFF));
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      --inside;
+      throw std::bad_alloc();
     }
   });
-  std::vector<std::thread> clients;
-  for (int i = 0; i < 4; ++i) {
-    clients.emplace_back([this, i] {
-      const std::int32_t handle = http_.NewHandle();
-      http_.Stream(handle, &CObjectServer::RecvMsgCallBack, Signed({"PUT", Path("k" + std::to_string(i)), "", "", {}}),
-                   Pattern(11 * kMiB), std::vector<std::size_t>(10, kMiB));
-      EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle), ""));
-    });
-  }
-  for (std::thread& client : clients) {
-    client.join();
-  }
-  EXPECT_EQ(most, 1);
+  handle_ = http_.NewHandle();
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  msg.content_length = 60 * kMiB;
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(kMiB), false);
+  EXPECT_TRUE(IsError(http_.WaitForAnswer(handle_), 500, "ServerInternalError")) << "no other piece is waited for";
+  EXPECT_TRUE(HasNoStream());
+  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "late", true);
+  EXPECT_EQ(http_.AnswerOf(handle_).attempts, 1);
+  EXPECT_EQ(CServerMsgLoop::Instance().GetWorkTaskCount(), 0u) << "nobody waits for the rest";
+}
+
+TEST_F(CObjectServerWriteTest, ALastPieceThatRunsOutOfMemoryIsAnsweredOnce) {
+  std::atomic<int> calls{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++calls == 2) {
+      throw std::bad_alloc();
+    }
+  });
+  EXPECT_TRUE(IsError(StreamSigned("k", Pattern(60 * kMiB), {kWholeLimit}), 500, "ServerInternalError"));
+  EXPECT_TRUE(HasNoStream());
+  EXPECT_EQ(http_.AnswerOf(handle_).attempts, 1);
+}
+
+// Until the row is there, nothing but the record says that the bytes belong to somebody.
+TEST_F(CObjectServerWriteTest, AnUploadIsUnderWayUntilItsRowIsWritten) {
+  std::vector<std::string> under_way;
+  Database().SetHook([&](const std::string& sql) {
+    if (sql.find("INSERT INTO platform.local_object ") != std::string::npos) {
+      under_way = streams_.LocationsUnderWay([](std::uint32_t) { return false; });
+    }
+  });
+  EXPECT_TRUE(IsXml(StreamSigned("k", Pattern(kWholeLimit + 1), {kWholeLimit}), ""));
+  Database().SetHook(nullptr);
+  ObjectInfo object;
+  ASSERT_TRUE(IsStored("k", object));
+  EXPECT_THAT(under_way, ::testing::ElementsAre(object.url));
+  EXPECT_TRUE(HasNoStream());
 }
 
 TEST_F(CObjectServerWriteTest, TheNextPieceWaitsUntilTheLastIsStored) {

@@ -62,6 +62,10 @@ StorageServerConfig_V1 PictureServerTest::MakeConfig() {
     }
     return store.read_result;
   };
+  config.remove_object = [](const std::string& location) {
+    store.removed.push_back(location);
+    return 0;
+  };
   return config;
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "TansyCloudStorage/StorageConfig.h"
 #include "TansyNet/HttpServer.h"
@@ -33,6 +34,8 @@ struct FakePictureStore {
   int read_result = 0;
   bool deliver_null = false;
   std::string picture;
+
+  std::vector<std::string> removed;
 };
 
 class PictureServerTest : public ::testing::Test {

@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "PictureServerFixture.h"
+#include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -127,6 +129,21 @@ TEST_F(PictureServerPictures, AFailingUploadCallbackIsToldToTheClient) {
   }
 }
 
+// Nobody ever asks for a picture whose address reached nobody.
+TEST_F(PictureServerPictures, APictureWhoseAnswerCannotBeSentIsRemovedAgain) {
+  store.url = "/pic?id=pc01-lost";
+  Http().FailSends(1004);
+  EXPECT_EQ(Ask(Upload("abc", "3")).attempts, 1);
+  while (CServerMsgLoop::Instance().GetWorkTaskCount() != 0) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(store.saves, 1);
+  EXPECT_EQ(store.removed, std::vector<std::string>{"/pic?id=pc01-lost"});
+  Http().FailSends(0);
+  EXPECT_EQ(Ask(Upload("abc", "3")).response.status, 200);
+  EXPECT_EQ(store.removed.size(), 1u) << "one whose answer was sent stays";
+}
+
 TEST_F(PictureServerPictures, ADownloadAnswersWithTheHostsBytes) {
   store.picture = Bytes();
   const auto answer = Ask(Signed(Request("GET", "/pic", "id=7&x=%20+")));
@@ -165,9 +182,15 @@ TEST_F(PictureServerPictures, WithoutADownloadCallbackThereIsNothingToRead) {
             "CPictureServer::HandleDownloadPicture");
 }
 
-TEST_F(PictureServerPictures, AFailingDownloadCallbackIsToldAndItsBufferFreed) {
-  store.read_result = 4;
-  store.picture = "partial";
+// What a failed read leaves behind is the host's: this one has freed its buffer already.
+TEST_F(PictureServerPictures, AFailingDownloadCallbackIsToldAndKeepsItsBuffer) {
+  StorageServerConfig_V1 config = MakeConfig();
+  config.read_object = [](char*& data, std::uint32_t&, const std::string&, int) {
+    static char not_from_malloc = 'x';
+    data = &not_from_malloc;
+    return 4;
+  };
+  StartServer(config);
   ExpectError(Ask(Signed(Request("GET", "/pic", "id=7"))), -50002, 500);
   const std::string format = "[%s]HandleDownloadPicture, download failed[%d].[%s(%d)]";
   ExpectLog(format, logging::kError, "CPictureServer::HandleDownloadPicture");

@@ -192,12 +192,12 @@ TEST_F(PictureServerLifecycle, UninitStopsTheListenersAndTheSharedLoop) {
     EXPECT_FALSE(listener.open);
   }
   EXPECT_FALSE(Tests::Post(CServerMsgLoop::Instance(), [] {}));
-  // A request that slipped in is dropped, not answered.
+  // A request that slipped in is told so at once.
   const auto handle = Http().Deliver(&CPictureServer::RecvMsgCallBack, Signed(Request("GET", kVersionPath)));
-  EXPECT_FALSE(Http().WaitForAnswer(handle, 50).IsThere());
+  ExpectError(Http().AnswerOf(handle), -50004, 500);
 }
 
-TEST_F(PictureServerLifecycle, UninitDropsWhatWaitsAndLetsFinishWhatRuns) {
+TEST_F(PictureServerLifecycle, UninitAnswersWhatWaitsAndLetsFinishWhatRuns) {
   StartServer();
   auto& loop = CServerMsgLoop::Instance();
   Tests::CHeldLoop held(loop, 4);
@@ -208,7 +208,7 @@ TEST_F(PictureServerLifecycle, UninitDropsWhatWaitsAndLetsFinishWhatRuns) {
   }
   held.Release();
   uninit.join();
-  EXPECT_FALSE(Http().IsAnswered(waiting));
+  ExpectError(Http().AnswerOf(waiting), -50004, 500);
   EXPECT_EQ(loop.GetWorkTaskCount(), 0u);
 }
 

@@ -1,0 +1,53 @@
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_STREAM_PIECE_QUEUE_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_STREAM_PIECE_QUEUE_H
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <mutex>
+
+#include "Singleton.h"
+#include "StorageServer/ObjectServer/ObjectServerTasks.h"
+#include "StorageServer/ServerMsgLoop.h"
+#include "TansyBase/Noncopyable.h"
+
+namespace Tansy::CloudStorage::details {
+
+// The way of the pieces of streamed uploads to the message loop. A piece takes a thread of the loop for as long as the
+// storage takes, so only half of the threads work on pieces at a time; the other half is left to requests that are
+// done quickly. Pieces wait here and not on a thread, each upload's in the order in which they came, and an upload that
+// is waiting for the storage holds up no other.
+//
+// Threads: any. A piece that the stopped loop will never run is destroyed, which tells its client.
+class CStreamPieceQueue : private TansyBase::CNoncopyable {
+ public:
+  static constexpr std::size_t kMaxRunning = CServerMsgLoop::kThreads / 2;
+
+  static CStreamPieceQueue& Instance();
+
+  void Post(std::unique_ptr<CObjectStreamTask> piece);
+
+ private:
+  friend class CSingleton<CStreamPieceQueue>;
+  class CRunner;
+  using Pieces = std::list<std::unique_ptr<CObjectStreamTask>>;
+
+  CStreamPieceQueue() = default;
+  ~CStreamPieceQueue() = default;
+
+  // Asks the loop for one more turn, which has been counted already.
+  void PostRunner();
+  void RunOne();
+  void EndRunner(bool has_run);
+  // The first piece whose upload has none with the storage. With mutex_ held.
+  Pieces::iterator FindRunnable();
+
+  std::mutex mutex_;  // guards everything below
+  Pieces waiting_;
+  Pieces running_;
+  std::size_t runners_ = 0;  // tasks of the loop, waiting and running
+};
+
+}  // namespace Tansy::CloudStorage::details
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_STREAM_PIECE_QUEUE_H
