@@ -71,7 +71,10 @@ class CCheck {
   // All rows, and the names in them.
   PackedNames ReadCatalogue(const std::function<void(const CatalogueRow& row, const StoredName* name)>& visitor) {
     PackedNames names;
-    CCatalogueFile(database_).VisitRows([&names, &visitor](const CatalogueRow& row) {
+    CCatalogueFile(database_).VisitRows([this, &names, &visitor](const CatalogueRow& row) {
+      if (IsStopping()) {
+        throw CStartFailure(kExitFailed, "the server is stopping");
+      }
       StoredName name;
       const bool is_known = ParseOwnText(row.url, name);
       if (is_known) {

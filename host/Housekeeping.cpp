@@ -18,7 +18,9 @@ constexpr int kAtOnce = 100;
 constexpr std::int64_t kRowSeconds = 2;
 constexpr std::int64_t kFirstPartSeconds = 60;
 constexpr std::int64_t kSaveClockSeconds = 3600;
-// Longer than any request may take after its bytes were given up.
+// From the last byte of an upload to its row, waiting for the database and all.
+constexpr std::int64_t kLongestRequestSeconds = 300;
+// So long it is remembered which bytes were given up, to be far on the safe side of that.
 constexpr std::int64_t kGivenUpSeconds = 6 * 3600;
 
 std::vector<std::string> Urls(const std::vector<NewBytes>& batch) {
@@ -120,7 +122,7 @@ bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
   }
   store_->ForgetNew(forgotten);
   std::set<std::string> given_up;
-  if (!GiveUp(details::Urls(due), given_up)) {
+  if (!GiveUp(due, given_up)) {
     return false;
   }
   for (const NewBytes& bytes : due) {
@@ -131,12 +133,18 @@ bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
   return true;
 }
 
-// Urls that no row names, and that from now on none can name.
-bool CHousekeeping::GiveUp(const std::vector<std::string>& urls, std::set<std::string>& given_up) const {
-  if (GiveUpUnnamed(urls, Now(), given_up)) {
+// Gives the urls that no row names, and that from now on none can name.
+bool CHousekeeping::GiveUp(const std::vector<NewBytes>& due, std::set<std::string>& given_up) const {
+  if (GiveUpUnnamed(details::Urls(due), Now(), given_up)) {
     return true;
   }
-  // On a full disk the catalogue takes no note, and no row either: to look has to do, so that the disk gets room again.
+  // On a full disk the catalogue takes no note, and no row either. So that the disk gets room again, a look has to do
+  // where no request can be left that would still write a row.
+  std::vector<NewBytes> sure;
+  std::copy_if(due.begin(), due.end(), std::back_inserter(sure), [](const NewBytes& bytes) {
+    return bytes.failed || bytes.untouched_seconds >= details::kLongestRequestSeconds;
+  });
+  const std::vector<std::string> urls = details::Urls(sure);
   std::set<std::string> named;
   if (!FindNamed(urls, EReleasedToo::kNo, named)) {
     return false;

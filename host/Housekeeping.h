@@ -46,7 +46,7 @@ class CHousekeeping {
   void SaveClock();
   void LookAtNew();
   bool LookAtNew(const std::vector<NewBytes>& batch);
-  bool GiveUp(const std::vector<std::string>& urls, std::set<std::string>& given_up) const;
+  bool GiveUp(const std::vector<NewBytes>& due, std::set<std::string>& given_up) const;
   void LookAtReleased();
   void LookAtRemoved();
   void FreeReleased(EReleased kind, std::int64_t time);

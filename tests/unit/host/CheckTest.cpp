@@ -155,6 +155,16 @@ TEST_F(CheckTest, WhatARunningServerDoesMeanwhileIsNoFinding) {
   EXPECT_EQ(Check(options), kExitDone) << output_;
 }
 
+TEST_F(CheckTest, AStopEndsItBeforeAnythingIsFreed) {
+  AddBigObject();
+  const std::string orphan = Store("orphan");
+  CheckOptions options;
+  options.repair = true;
+  options.is_stopping = [] { return true; };
+  EXPECT_THROW(Check(options), CStartFailure);
+  EXPECT_TRUE(IsStored(orphan));
+}
+
 TEST_F(CheckTest, ARepairBesideAServerFreesOnlyWhatNoRowCanNameAnyMore) {
   AddBigObject();
   const std::string orphan = Store("orphan");

@@ -248,6 +248,27 @@ TEST_F(HousekeepingTest, ACatalogueWithoutRoomStillLetsTheDiskGetRoom) {
   EXPECT_TRUE(IsStored(named));
 }
 
+TEST_F(HousekeepingTest, AnUploadWhoseLaterPieceFailsGivesItsSpaceBackAtOnce) {
+  StoredName name;
+  ASSERT_EQ(store_->SaveAt(name, 0, "first piece", 11), EStoreResult::kDone);
+  StoredName task;
+  ASSERT_EQ(store_->SaveAt(task, 0, "test", 4), EStoreResult::kDone);
+  AddPart(1, "task", "o", LocationText(task));
+  // Nobody may write to these files any more: the next pieces fail.
+  for (const StoredName& stored : {name, task}) {
+    const std::string path = temp_.Path("objects/" + FilePath(stored));
+    std::filesystem::rename(path, path + ".away");
+    std::filesystem::create_directory(path);
+    StoredName again = stored;
+    ASSERT_NE(store_->SaveAt(again, 11, "second piece", 12), EStoreResult::kDone);
+    std::filesystem::remove(path);
+    std::filesystem::rename(path + ".away", path);
+  }
+  Round();
+  EXPECT_FALSE(IsStored(name));
+  EXPECT_TRUE(IsStored(task)) << "a part can be sent again";
+}
+
 TEST_F(HousekeepingTest, WhatWasGivenUpIsForgottenOneDay) {
   Store("no row");
   Round(kGrace);
