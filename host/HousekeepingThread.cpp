@@ -20,7 +20,8 @@ void UploadsUnderWay(std::vector<std::string>& /*locations*/) {}
 
 CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, std::string database,
                                          const HousekeepingRules& rules)
-    : store_(store),
+    : CSingleBaseThread("tansyd-house"),
+      store_(store),
       database_(std::move(database)),
       period_seconds_(std::clamp<std::int64_t>(rules.keep_failed_seconds / 2, 1, details::kLongestPeriodSeconds)),
       housekeeping_(std::move(store), rules, &details::UploadsUnderWay, [this] { return IsStopping(); }) {}

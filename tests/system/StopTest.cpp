@@ -65,15 +65,17 @@ TEST_F(StopTest, HousekeepingKeepsNobody) {
   Query(server_.Data("catalogue.db"),
         "WITH RECURSIVE number(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < 300000) "
         "INSERT INTO released_bytes (url, bucket_name, object_name, released_at) "
-        "SELECT printf('fs01ab-cd-%032x.d', n), 'b', 'gone', 1000 FROM number");
+        "SELECT printf('fs01ab-cd-%032x.d', n), 'b', 'gone', 0 FROM number");
   const std::string rows = "SELECT COUNT(*) FROM released_bytes";
-  ASSERT_TRUE(server_.Start());
+  Launch launch;
+  launch.arguments = {"--keep-failed", "1"};
+  ASSERT_TRUE(server_.Start(launch));
   ASSERT_TRUE(WaitUntil([&] {
     return Query(server_.Data("catalogue.db"), rows) != std::vector<std::string>{"300000"};
   })) << "it is at work";
   server_.Signal(SIGTERM);
   EXPECT_TRUE(WaitUntil([this] { return !IsListening(); }));
-  EXPECT_TRUE(server_.WaitForEnd(std::chrono::seconds(30)).exited);
+  EXPECT_EQ(server_.WaitForEnd().code, 0) << "it ended by itself, with nothing cut off";
   EXPECT_NE(Query(server_.Data("catalogue.db"), rows), std::vector<std::string>{"0"}) << "it was not waited for";
 }
 
@@ -109,18 +111,19 @@ TEST_F(StopTest, AStartThatWaitsForItsDatabaseCanBeStopped) {
 }
 
 TEST_F(StopTest, ACheckCanBeInterruptedAndDoesNotPassForDone) {
-  StartOnce();
-  std::filesystem::remove(temp_.Path("data.log"));
-  const CCatalogueLock lock(server_.Data("catalogue.db"));
+  ASSERT_TRUE(server_.Start());
+  server_.Signal(SIGSTOP);  // so that the check waits for its answer
+  CTansyd checker(temp_.GetPath(), "checker");
   Launch check;
-  check.arguments = {"--check"};
-  check.with_ports = false;
-  server_.Begin(check);
-  ASSERT_TRUE(WaitUntil([this] { return std::filesystem::exists(temp_.Path("data.log")); }));
-  server_.Signal(SIGINT);
-  const Ended ended = server_.WaitForEnd();
-  EXPECT_EQ(ended.code, 1);
-  EXPECT_THAT(server_.GetErrors(), HasSubstr("tansyd: stopped before the check was over"));
+  check.arguments = {"--data", server_.Data(), "--check", "--repair"};
+  check.with_data = check.with_ports = false;
+  checker.Begin(check);
+  EXPECT_TRUE(WaitUntil([this] { return std::filesystem::exists(server_.Data("check.request")); }));
+  checker.Signal(SIGINT);
+  EXPECT_EQ(checker.WaitForEnd().code, 1);
+  EXPECT_THAT(checker.GetErrors(), HasSubstr("tansyd: stopped before the check was over"));
+  server_.Signal(SIGCONT);
+  EXPECT_TRUE(server_.Stop());
 }
 
 }  // namespace
