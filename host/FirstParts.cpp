@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <string_view>
 
 #include "HostLog.h"
 #include "HostSystem/Files.h"
@@ -10,8 +11,13 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-// The upload id in "<id>_<part number>"; empty for other names.
-std::string TaskIdOf(const std::string& name) {
+// The upload id in "<id>_<part number>", or in the same with ".new" behind it: a file that was being written. Empty for
+// other names.
+std::string TaskIdOf(std::string name) {
+  constexpr std::string_view kUnfinished = ".new";
+  if (name.ends_with(kUnfinished)) {
+    name.resize(name.size() - kUnfinished.size());
+  }
   const std::size_t mark = name.rfind('_');
   if (mark == std::string::npos || mark + 1 == name.size() ||
       name.find_first_not_of("0123456789", mark + 1) != std::string::npos) {

@@ -43,8 +43,9 @@ TANSY_CLOUD_STORAGE_API bool AddBucket(BucketInfo& bucket);
 // Appends every bucket in name order to `buckets`, which is not cleared first.
 TANSY_CLOUD_STORAGE_API bool GetBucketList(std::vector<BucketInfo>& buckets);
 TANSY_CLOUD_STORAGE_API bool GetBucketByName(BucketInfo& bucket, const std::string& name);
-// Changes name, reserve, location, cycle and size of the bucket with this id. A renamed bucket is still found under its
-// old name until the next start.
+// Changes name, reserve, location, cycle and size of the bucket with this id. A renamed bucket takes its objects and
+// upload tasks along; until the next start it is still found under its old name, by requests too. False, and nothing
+// changed, when another bucket has the new name or had it until the last renaming.
 TANSY_CLOUD_STORAGE_API bool ModifyBucket(const BucketInfo& bucket);
 // Removes buckets and the catalogue rows of their objects; stored bytes stay.
 TANSY_CLOUD_STORAGE_API bool DeleteBucket(std::uint32_t id);

@@ -40,16 +40,28 @@ std::shared_ptr<db_layer::CConnect> CBaseDBLayerConn::ApplyConn() {
 }
 
 bool CBaseDBLayerConn::Execute(const std::string& sql) {
+  return Execute(std::vector<std::string>{sql});
+}
+
+bool CBaseDBLayerConn::Execute(const std::vector<std::string>& statements) {
+  const auto text = [&statements] {
+    std::string all;
+    for (const std::string& sql : statements) {
+      all += (all.empty() ? "" : "; ") + sql;
+    }
+    return all;
+  };
   const std::shared_ptr<db_layer::CConnect> connection = ApplyConn();
   if (!connection) {
-    CLOUD_LOG(logging::kDatabase, "[%s]apply conn failed, sql = %s[%s(%d)]", sql.c_str());
+    CLOUD_LOG(logging::kDatabase, "[%s]apply conn failed, sql = %s[%s(%d)]", text().c_str());
     return false;
   }
-  if (!connection->Execute(sql)) {
+  const bool one = statements.size() == 1;
+  if (!(one ? connection->Execute(statements.front()) : connection->ExecuteAll(statements))) {
     std::string error;
     const int code = connection->GetLastError(error);
     CLOUD_LOG(logging::kDatabase, "[%s]Execute failed, errorcode:%d, errorinfo:%s, sql:%s[%s(%d)]", code, error.c_str(),
-              sql.c_str());
+              text().c_str());
     return false;
   }
   return true;

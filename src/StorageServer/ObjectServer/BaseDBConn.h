@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Singleton.h"
 #include "TansyBase/Noncopyable.h"
@@ -31,6 +32,8 @@ class CBaseDBLayerConn : private TansyBase::CNoncopyable {
   std::shared_ptr<db_layer::CConnect> ApplyConn();
   // Runs one statement without rows on a connection of its own. True when it is committed.
   bool Execute(const std::string& sql);
+  // Runs statements without rows in one transaction: all of them are committed, or none.
+  bool Execute(const std::vector<std::string>& statements);
 
  private:
   friend class CSingleton<CBaseDBLayerConn>;

@@ -2,6 +2,8 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_CATALOGUE_RECORDS_H
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -20,6 +22,17 @@ struct ObjectTaskInfo {
   std::uint32_t part_num = 0;
   std::string update_time;
   std::string url;
+};
+
+// What is known of the part size of a multipart upload.
+struct PartSizeInfo {
+  std::uint32_t first_part_num = 0;  // number of the first part that arrived; 0 while none did
+  std::uint32_t first_part_size = 0;
+  std::uint32_t part_size = 0;             // of every part but the last; 0 while not settled
+  std::string first_part_path;             // file that holds the first part
+  std::string reserve;                     // carried, not used by the catalogue
+  std::shared_ptr<std::mutex> file_mutex;  // shared by all writers of the task
+  bool is_lost = false;                    // parts arrived before a restart, and the first one cannot be found again
 };
 
 // Objects of a bucket are ordered by name alone, byte by byte. A look-up takes the name as it is, without making a

@@ -1,10 +1,12 @@
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
 
+#include <cstdint>
 #include <ctime>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 
-#include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "TansyBase/TimeUtil.h"
 
@@ -15,23 +17,29 @@ namespace {
 
 constexpr std::time_t kSecondsPerHour = 3600;
 constexpr std::time_t kHoursPerDay = 24;
-constexpr std::time_t kExpirySeconds = 259200;  // three days
+constexpr std::int64_t kExpirySeconds = 259200;  // three days
 
 std::time_t UtcHour(std::time_t time) {
   return time / kSecondsPerHour % kHoursPerDay;
 }
 
-bool IsExpired(const std::string& task_id, const std::string& update_time, std::time_t now) {
-  if (update_time.empty()) {
-    return false;
+bool IsExpired(const std::string& task_id) {
+  std::int64_t age = 0;
+  return CObjectStorageManager::Instance().GetTaskAge(task_id, age) && age > kExpirySeconds;
+}
+
+// A task that somebody works on at this moment is not abandoned, however old: a part or a completion finds it to its
+// end.
+void SweepTask(const std::string& task_id) {
+  auto& manager = CObjectStorageManager::Instance();
+  std::shared_ptr<std::mutex> task_mutex;
+  if (!IsExpired(task_id) || !manager.GetPartFileMutex(task_id, task_mutex)) {
+    return;
   }
-  const std::time_t updated = TansyBase::TimeUtil::StrUTCDatetime2TimeT(update_time);
-  if (updated < 0) {
-    // An unreadable time says nothing about the task's age; nobody's upload is to be lost over it.
-    CLOUD_LOG(logging::kError, "[%s]task[%s] update time[%s] invalid.[%s(%d)]", task_id.c_str(), update_time.c_str());
-    return false;
+  const std::unique_lock<std::mutex> lock(*task_mutex, std::try_to_lock);
+  if (lock && IsExpired(task_id)) {
+    manager.RemoveObjectTask(task_id);
   }
-  return now - updated > kExpirySeconds;
 }
 
 }  // namespace
@@ -46,18 +54,17 @@ CCleanExpiredTaskThread::~CCleanExpiredTaskThread() {
 }
 
 void CCleanExpiredTaskThread::OnTimer() {
-  const std::time_t now = TansyBase::TimeUtil::Now();
-  if (has_run_ && details::UtcHour(now) != 0) {
+  if (has_run_ && details::UtcHour(TansyBase::TimeUtil::Now()) != 0) {
     return;
   }
   has_run_ = true;
-  auto& manager = CObjectStorageManager::Instance();
   std::map<std::string, std::string> times;
-  manager.GetTaskUpdateTime(times);
+  CObjectStorageManager::Instance().GetTaskUpdateTime(times);
   for (const auto& [task_id, update_time] : times) {
-    if (details::IsExpired(task_id, update_time, now)) {
-      manager.RemoveObjectTask(task_id);
+    if (IsStopping()) {
+      return;
     }
+    details::SweepTask(task_id);
   }
 }
 

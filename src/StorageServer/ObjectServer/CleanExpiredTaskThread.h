@@ -6,8 +6,9 @@
 
 namespace Tansy::CloudStorage {
 
-// Forgets multipart upload tasks that nobody has written to for three days: once at its start, then once a day, in the
-// hour after midnight (UTC), given that it is started with a period of an hour. Stored bytes and temporary files stay.
+// Forgets multipart upload tasks whose lowest-numbered part was last written more than three days ago: once at its
+// start, then once a day, in the hour after midnight (UTC), given that it is started with a period of an hour. Stored
+// bytes and temporary files stay. A time of day that is set, in either direction, makes no task older or younger.
 class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
  public:
   static CCleanExpiredTaskThread& Instance();

@@ -175,10 +175,6 @@ class CObjectServer : private TansyBase::CNoncopyable {
   details::Listener https_v6_listener_;
   bool started_ = true;  // the listeners should be open
   std::mutex enable_mutex_;
-
-  // Puts two sendings of one part in line from its first check to its record, striped by task and part number. Taken
-  // before the task's own mutex and before the catalogue's.
-  std::array<std::mutex, 64> part_mutexes_;
 };
 
 }  // namespace Tansy::CloudStorage

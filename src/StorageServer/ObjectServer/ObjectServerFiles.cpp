@@ -49,12 +49,27 @@ bool SaveFile(const std::string& path, const char* data, std::size_t length, con
     CLOUD_LOG(logging::kError, "[%s]create file failed[%s], error[%d].[%s(%d)]", path.c_str(), errno);
     return false;
   }
-  // A full disk may show only when the buffered rest is written, at the closing.
-  const bool written = std::fwrite(data, 1, length, file.get()) == length;
-  const int write_error = errno;
-  if (std::fclose(file.release()) != 0 || !written) {
-    const int error = written ? errno : write_error;
+  // A full disk may show only when the buffered rest is written.
+  int error = std::fwrite(data, 1, length, file.get()) == length ? FileUtil::Flush(file.get()) : errno;
+  if (std::fclose(file.release()) != 0 && error == 0) {
+    error = errno;
+  }
+  if (error != 0) {
     CLOUD_LOG(logging::kError, "[%s]write file failed[%s], error[%d].[%s(%d)]", path.c_str(), error);
+    return false;
+  }
+  return true;
+}
+
+bool ReplaceFile(const std::string& path, const char* data, std::size_t length) {
+  const std::string fresh = path + ".new";
+  if (!SaveFile(fresh, data, length, "wb")) {
+    FileUtil::RemoveFile(fresh);
+    return false;
+  }
+  if (const int error = FileUtil::MoveOver(fresh, path); error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]write file failed[%s], error[%d].[%s(%d)]", path.c_str(), error);
+    FileUtil::RemoveFile(fresh);
     return false;
   }
   return true;

@@ -14,8 +14,12 @@ namespace Tansy::CloudStorage::details {
 // POSIX path fails: its first prefix is empty.
 bool CreateFloder(const std::string& path);
 
-// Writes a file, making its folders first. `mode` as fopen takes it.
+// Writes a file, making its folders first. `mode` as fopen takes it. True when the bytes are on stable storage.
 bool SaveFile(const std::string& path, const char* data, std::size_t length, const char* mode);
+
+// Writes a file in the place of what was there: after a crash the old file is there or the new one, whole. On failure
+// the old one stays.
+bool ReplaceFile(const std::string& path, const char* data, std::size_t length);
 
 // The first `length` bytes of a file followed by a NUL; null when `length` is 0 or the file is shorter.
 std::unique_ptr<char[]> ReadFile(const std::string& path, std::size_t length);

@@ -1,12 +1,12 @@
 // Multipart uploads: opening a task, receiving and listing its parts, completing it.
 #include <charconv>
 #include <cstdio>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <unordered_set>
 #include <utility>
 
+#include "StorageServer/ObjectServer/FirstPartFile.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerFiles.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
@@ -26,7 +26,6 @@ using Query = std::map<std::string, std::string>;
 
 constexpr std::string_view kProbe = "test";
 constexpr std::uint32_t kTaskPart = 1;  // the part whose row stands for the task
-constexpr int kTaskIllegal = 1;         // CheckTaskInfoExist: the task is missing or another object's
 
 std::string NowText() {
   return TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
@@ -60,15 +59,14 @@ std::int32_t ParsePartNumber(const std::string& text) {
   return number;
 }
 
-std::string FirstPartPath(const std::string& upload_id, std::uint32_t number) {
-  return TansyBase::FileUtil::GetCurExeDirUtf8() + "localstoragetmp" + "\\" + upload_id + "_" + std::to_string(number);
-}
+// An object has at most as many bytes as 32 bits can count.
+constexpr std::uint64_t kMostObjectBytes = std::numeric_limits<std::uint32_t>::max();
 
-// Where a part of the object begins; false when 32 bits cannot hold the offset.
-bool PartOffset(std::uint32_t& offset, std::uint32_t number, std::uint32_t part_size) {
+// Where a part of the object begins; false when it would end beyond the biggest object.
+bool PartOffset(std::uint32_t& offset, std::uint32_t number, std::uint32_t part_size, std::uint32_t size) {
   const std::uint64_t position = (std::uint64_t{number} - 1) * part_size;
   offset = static_cast<std::uint32_t>(position);
-  return position <= std::numeric_limits<std::uint32_t>::max();
+  return position + size <= kMostObjectBytes;
 }
 
 // One part on its way into the object. Steps return 0 or the error code to answer; failures are logged for `caller`.
@@ -82,16 +80,16 @@ class CPartUpload {
   }
 
   int ReadQuery(const std::string& query_text);
-  std::size_t Hash() const { return std::hash<std::string>()(row_.task_id) + row_.part_num; }
   int Store(const StorageServerConfig& config);
 
  private:
   int CheckTask();
-  int KeepInFile();
+  int CheckState();
   int WriteThrough(const StorageServerConfig& config, std::uint32_t part_size);
-  int RefreshFile();
+  int FollowInFile();
   int SaveToFile();
-  int Record(bool kept_in_file);
+  int Record();
+  void Forget();
   bool TaskIsThere();
   int Illegal() const {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]task info illegal.[%s(%d)]");
@@ -103,6 +101,7 @@ class CPartUpload {
   const std::string_view body_;
   ObjectTaskInfo row_;   // of this part, as it will be recorded
   ObjectTaskInfo task_;  // row of the task
+  PartSizeInfo first_;   // what was known of the part size before this part
 };
 
 int CPartUpload::ReadQuery(const std::string& query_text) {
@@ -135,13 +134,26 @@ int CPartUpload::Store(const StorageServerConfig& config) {
   if (const int error = CheckTask(); error != 0) {
     return error;
   }
+  std::shared_ptr<std::mutex> task_mutex;
+  if (!manager_.GetPartFileMutex(row_.task_id, task_mutex)) {
+    return Illegal();
+  }
+  // From here to the record no other part of the task comes in between, nor its completion, nor the sweep.
+  const std::lock_guard<std::mutex> lock(*task_mutex);
+  if (const int error = CheckState(); error != 0) {
+    return error;
+  }
   row_.url = task_.url;
   std::uint32_t part_size = 0;
   const bool keep = manager_.CheckPartSize(row_.task_id, row_.part_num, row_.size, part_size);
-  if (const int error = keep ? KeepInFile() : WriteThrough(config, part_size); error != 0) {
-    return error;
+  int error = keep ? SaveToFile() : WriteThrough(config, part_size);
+  if (error == 0) {
+    error = Record();
   }
-  return Record(keep);
+  if (error != 0 && first_.first_part_num == 0) {
+    Forget();
+  }
+  return error;
 }
 
 // A part of no task, or of another object's, is refused before it leaves a part size or a file behind. A task that
@@ -159,18 +171,13 @@ int CPartUpload::CheckTask() {
   return kServerInternalError;
 }
 
-int CPartUpload::KeepInFile() {
-  std::shared_ptr<std::mutex> task_mutex;
-  if (!manager_.GetPartFileMutex(row_.task_id, task_mutex) || !task_mutex) {
-    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add first part failed.[%s(%d)]");
-    return kServerInternalError;
+// The task may have ended while this part waited: the object that it became is not to be touched any more.
+int CPartUpload::CheckState() {
+  if (!TaskIsThere() || manager_.IsStoredAt(row_.object_name, row_.bucket_name, task_.url)) {
+    return Illegal();
   }
-  const std::lock_guard<std::mutex> lock(*task_mutex);
-  if (!TaskIsThere()) {  // completed while this part waited
-    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add first part failed.[%s(%d)]");
-    return kServerInternalError;
-  }
-  return SaveToFile();
+  manager_.GetFirstPartInfo(row_.task_id, first_);
+  return first_.is_lost ? Illegal() : 0;
 }
 
 int CPartUpload::SaveToFile() {
@@ -178,7 +185,7 @@ int CPartUpload::SaveToFile() {
   first.first_part_num = row_.part_num;
   first.first_part_size = row_.size;
   first.first_part_path = FirstPartPath(row_.task_id, row_.part_num);
-  if (!SaveFile(first.first_part_path, body_.data(), body_.size(), "wb")) {
+  if (!ReplaceFile(first.first_part_path, body_.data(), body_.size())) {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed, file_name[%s].[%s(%d)]",
                   first.first_part_path.c_str());
     return kServerInternalError;
@@ -192,16 +199,7 @@ int CPartUpload::SaveToFile() {
 
 int CPartUpload::WriteThrough(const StorageServerConfig& config, std::uint32_t part_size) {
   std::uint32_t offset = 0;
-  if (!PartOffset(offset, row_.part_num, part_size)) {
-    return Illegal();
-  }
-  std::shared_ptr<std::mutex> task_mutex;
-  if (manager_.CheckTaskInfoExist(row_) == kTaskIllegal || !manager_.GetPartFileMutex(row_.task_id, task_mutex) ||
-      !task_mutex) {
-    return Illegal();
-  }
-  const std::lock_guard<std::mutex> lock(*task_mutex);
-  if (!TaskIsThere()) {  // completed while this part waited; the object is not to be touched any more
+  if (!PartOffset(offset, row_.part_num, part_size, row_.size)) {
     return Illegal();
   }
   std::string location = LocationText(row_.bucket_name, task_.url);
@@ -211,30 +209,33 @@ int CPartUpload::WriteThrough(const StorageServerConfig& config, std::uint32_t p
     return WriteError(result);
   }
   row_.url = std::move(location);
-  return RefreshFile();
+  return FollowInFile();
 }
 
 // The first part sent again after the part size became known: its file follows, because the completion copies the file
-// into the object and would bring the old bytes back.
-int CPartUpload::RefreshFile() {
-  PartSizeInfo first;
-  if (!manager_.GetFirstPartInfo(row_.task_id, first) || first.first_part_num != row_.part_num) {
-    return 0;
+// into the object and would bring the old bytes back. Another part has no file: one that a crash left behind would be
+// taken for the first part's after the next start.
+int CPartUpload::FollowInFile() {
+  if (first_.first_part_num == row_.part_num) {
+    return SaveToFile();
   }
-  return SaveToFile();
+  TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
+  return 0;
 }
 
-int CPartUpload::Record(bool kept_in_file) {
+int CPartUpload::Record() {
   row_.update_time = NowText();
-  if (manager_.InsertObjectTask(row_)) {
-    return 0;
+  if (!manager_.InsertObjectTask(row_)) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save record failed.[%s(%d)]");
+    return kServerInternalError;
   }
-  CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save record failed.[%s(%d)]");
-  if (kept_in_file && !TaskIsThere()) {  // swept away meanwhile
-    TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
-    manager_.RemovePartSizeInfo(row_.task_id);
-  }
-  return kServerInternalError;
+  return 0;
+}
+
+// A first part that was refused leaves nothing: the next part that comes is the first one.
+void CPartUpload::Forget() {
+  TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
+  manager_.ForgetFirstPart(row_.task_id);
 }
 
 // A task on its way to becoming an object. Steps return 0 or the error code to answer; failures are logged for
@@ -247,16 +248,21 @@ class CCompletion {
   }
 
   int ReadQuery(const std::string& query_text);
-  int CheckParts(std::string_view body);
-  int Complete(const StorageServerConfig& config);
+  // Makes the object of the parts that the request's body names.
+  int Complete(std::string_view body, const StorageServerConfig& config);
 
  private:
+  int CheckParts(std::string_view body);
+  int CheckState();
   bool PartIsThere(std::int64_t number, std::int64_t size);
-  int WriteFirstPart(const PartSizeInfo& first, const StorageServerConfig& config);
+  std::unique_ptr<char[]> ReadFirstPart();
+  int WriteFirstPart(const StorageServerConfig& config);
 
   CObjectStorageManager& manager_ = CObjectStorageManager::Instance();
   const Caller caller_;
   std::string upload_id_;
+  ObjectTaskInfo task_;  // row of the task
+  PartSizeInfo first_;
   ObjectInfo object_;
   std::unordered_set<std::int64_t> seen_;  // part numbers of the request
 };
@@ -294,12 +300,13 @@ int CCompletion::CheckParts(std::string_view body) {
     const std::string part = "/CompleteMultipartUpload/Part[" + std::to_string(i) + "]";
     const std::int64_t number = xml.GetInt(part + "/PartNumber");
     const std::int64_t size = xml.GetInt(part + "/PartSize");
-    if (!PartIsThere(number, size)) {
+    const bool is_there = PartIsThere(number, size);
+    object_.size += is_there ? static_cast<std::uint64_t>(size) : 0;
+    if (!is_there || object_.size > kMostObjectBytes) {
       CLOUD_LOG_FOR(caller_, logging::kError, "[%s]invalid part: task_id[%s], num[%d], size[%d].[%s(%d)]",
                     upload_id_.c_str(), static_cast<int>(number), static_cast<int>(size));
       return kInvalidXmlContent;
     }
-    object_.size += static_cast<std::uint64_t>(size);
   }
   return 0;
 }
@@ -316,52 +323,72 @@ bool CCompletion::PartIsThere(std::int64_t number, std::int64_t size) {
   return recorded && number == row.part_num && size == row.size && seen_.insert(number).second;
 }
 
-int CCompletion::Complete(const StorageServerConfig& config) {
-  PartSizeInfo first;
+int CCompletion::Complete(std::string_view body, const StorageServerConfig& config) {
+  // Parts that are sent meanwhile wait, and find the task gone; so does a second completion. The parts are looked at
+  // under the mutex: those that this completion waited for may have changed them, and the sweep may have taken the task
+  // away.
+  std::shared_ptr<std::mutex> task_mutex;
   std::unique_lock<std::mutex> lock;
-  bool known = manager_.GetFirstPartInfo(upload_id_, first);
-  if (known && first.file_mutex) {
-    // Parts that are sent meanwhile wait, and find the task gone. The same goes for a second completion.
-    const std::shared_ptr<std::mutex> task_mutex = first.file_mutex;
+  if (manager_.GetPartFileMutex(upload_id_, task_mutex)) {
     lock = std::unique_lock<std::mutex>(*task_mutex);
-    known = manager_.GetFirstPartInfo(upload_id_, first);
-    first.file_mutex = task_mutex;
   }
-  if (!known) {
-    // Answered as if it had succeeded: clients of a server that was restarted in between rely on getting on.
-    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]GetFirstPartInfo failed, task id:%s.[%s(%d)]", upload_id_.c_str());
-    return 0;
-  }
-  if (const int error = WriteFirstPart(first, config); error != 0) {
+  if (const int error = CheckParts(body); error != 0) {
     return error;
   }
-  TansyBase::FileUtil::RemoveFile(first.first_part_path);
+  if (const int error = CheckState(); error != 0) {
+    return error;
+  }
+  if (const int error = WriteFirstPart(config); error != 0) {
+    return error;
+  }
   object_.update_time = NowText();
-  if (!manager_.AddObject(object_)) {
+  if (!manager_.AddObject(object_, upload_id_)) {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add object failed[%d].[%s(%d)]", kServerInternalError);
     return kServerInternalError;
   }
-  manager_.RemoveObjectTask(upload_id_);
+  // Only now: until the object is there, the first part may be needed for another try, or after a restart.
+  TansyBase::FileUtil::RemoveFile(first_.first_part_path);
   manager_.RemovePartSizeInfo(upload_id_);
   return 0;
 }
 
-int CCompletion::WriteFirstPart(const PartSizeInfo& first, const StorageServerConfig& config) {
-  const std::unique_ptr<char[]> data = ReadFile(first.first_part_path, first.first_part_size);
+int CCompletion::CheckState() {
+  if (!manager_.GetTaskInfo(upload_id_, kTaskPart, task_) ||
+      manager_.IsStoredAt(object_.name, object_.bucket_name, task_.url)) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]task info illegal.[%s(%d)]");
+    return kInvalidXmlContent;
+  }
+  if (!manager_.GetFirstPartInfo(upload_id_, first_) || first_.is_lost) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]GetFirstPartInfo failed, task id:%s.[%s(%d)]", upload_id_.c_str());
+    return kServerInternalError;
+  }
+  return 0;
+}
+
+// The bytes of the first part; null when the file is not what the part's row says.
+std::unique_ptr<char[]> CCompletion::ReadFirstPart() {
+  ObjectTaskInfo row;
+  std::uint64_t size = 0;
+  const bool is_whole = manager_.GetTaskInfo(upload_id_, first_.first_part_num, row) &&
+                        FirstPartSize(first_.first_part_path, size) && size == row.size &&
+                        size == first_.first_part_size;
+  return is_whole ? ReadFile(first_.first_part_path, first_.first_part_size) : nullptr;
+}
+
+int CCompletion::WriteFirstPart(const StorageServerConfig& config) {
+  const std::unique_ptr<char[]> data = ReadFirstPart();
   if (!data) {
-    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]read first file failed[%s].[%s(%d)]", first.first_part_path.c_str());
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]read first file failed[%s].[%s(%d)]", first_.first_part_path.c_str());
     return kServerInternalError;
   }
   std::uint32_t offset = 0;
-  if (!PartOffset(offset, first.first_part_num, first.part_size)) {
+  if (!PartOffset(offset, first_.first_part_num, first_.part_size, first_.first_part_size)) {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]invalid part: task_id[%s], num[%d], size[%d].[%s(%d)]",
-                  upload_id_.c_str(), first.first_part_num, first.first_part_size);
+                  upload_id_.c_str(), first_.first_part_num, first_.first_part_size);
     return kInvalidHttpContent;
   }
-  ObjectTaskInfo task;
-  manager_.GetTaskInfo(upload_id_, kTaskPart, task);
-  object_.url = LocationText(object_.bucket_name, task.url);
-  const int result = StreamSave(config.stream_save, {data.get(), first.first_part_size}, offset, object_.url);
+  object_.url = LocationText(object_.bucket_name, task_.url);
+  const int result = StreamSave(config.stream_save, {data.get(), first_.first_part_size}, offset, object_.url);
   if (result != kStorageOk) {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed[%d].[%s(%d)]", result);
     return WriteError(result);
@@ -420,9 +447,7 @@ int CObjectServer::HandleUploadPartObject(std::int32_t session_id, const ObjectR
   if (const int error = part.ReadQuery(request.query); error != 0) {
     return AnswerError(session_id, error);
   }
-  std::unique_lock<std::mutex> lock(part_mutexes_[part.Hash() % part_mutexes_.size()]);
   const int error = part.Store(request.config);
-  lock.unlock();
   return error == 0 ? AnswerXml(session_id, {}) : AnswerError(session_id, error);
 }
 
@@ -451,10 +476,7 @@ int CObjectServer::HandleFinishMutiUploadTask(std::int32_t session_id, const Obj
   if (const int error = completion.ReadQuery(request.query); error != 0) {
     return AnswerError(session_id, error);
   }
-  if (const int error = completion.CheckParts(request.Body()); error != 0) {
-    return AnswerError(session_id, error);
-  }
-  if (const int error = completion.Complete(request.config); error != 0) {
+  if (const int error = completion.Complete(request.Body(), request.config); error != 0) {
     return AnswerError(session_id, error);
   }
   return AnswerXml(session_id, {});

@@ -214,25 +214,26 @@ bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t c
 int CObjectServer::HandleRemoveObject(std::int32_t session_id, const ObjectRequest& request) {
   if (!CObjectStorageManager::Instance().RemoveObject(request.key, request.bucket)) {
     CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
-    return AnswerError(session_id, kNoSuchKey);
+    return AnswerError(session_id, kServerInternalError);
   }
   return AnswerXml(session_id, {});
 }
 
 int CObjectServer::HandleRemoveObjectFile(std::int32_t session_id, const ObjectRequest& request) {
-  auto& manager = CObjectStorageManager::Instance();
-  std::string location;
-  if (manager.GetObjectFile(location, request.key, request.bucket)) {
-    if (const int error = details::RemoveStored(request.config, location); error != 0) {
-      CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
-      return AnswerError(session_id, error);
-    }
+  int file_error = 0;
+  const auto remove_file = [&](const std::string& location) {
+    file_error = details::RemoveStored(request.config, location);
+    return file_error == 0;
+  };
+  if (CObjectStorageManager::Instance().RemoveObject(request.key, request.bucket, remove_file)) {
+    return AnswerXml(session_id, {});
   }
-  if (!manager.RemoveObject(request.key, request.bucket)) {
-    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
-    return AnswerError(session_id, kNoSuchKey);
+  if (file_error != 0) {
+    CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
+    return AnswerError(session_id, file_error);
   }
-  return AnswerXml(session_id, {});
+  CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
+  return AnswerError(session_id, kServerInternalError);
 }
 
 bool CObjectServer::GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url) {

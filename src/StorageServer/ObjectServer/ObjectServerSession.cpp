@@ -43,6 +43,24 @@ bool Execute(const std::string& sql) {
   return CBaseDBLayerConn::Instance().Execute(sql);
 }
 
+std::string DeleteTaskText(const std::string& task_id) {
+  return StringUtil::str_fmt("DELETE FROM platform.local_object_task WHERE task_id = '%s' ", Protect(task_id).c_str());
+}
+
+// Changes an object; an upload task that became this object goes with it.
+bool ExecuteAndEndTask(const std::string& sql, const std::string& ended_task) {
+  std::vector<std::string> statements{sql};
+  if (!ended_task.empty()) {
+    statements.push_back(DeleteTaskText(ended_task));
+  }
+  return CBaseDBLayerConn::Instance().Execute(statements);
+}
+
+std::string RenameText(const char* table, const std::string& old_name, const std::string& new_name) {
+  return StringUtil::str_fmt("UPDATE platform.%s SET bucket_name='%s' where bucket_name='%s';", table,
+                             Protect(new_name).c_str(), Protect(old_name).c_str());
+}
+
 BucketInfo ReadBucket(db_layer::CConnect& row) {
   BucketInfo bucket;
   bucket.id = ReadNumber(row, "id");
@@ -129,11 +147,16 @@ bool CObjectServerSession::CreateBucket(BucketInfo& bucket) {
       details::ToInt(bucket.size), details::Protect(details::NowText()).c_str()));
 }
 
-bool CObjectServerSession::ModifyBucket(const BucketInfo& bucket) {
-  return details::Execute(StringUtil::str_fmt(
+bool CObjectServerSession::ModifyBucket(const BucketInfo& bucket, const std::string& old_name) {
+  std::vector<std::string> statements{StringUtil::str_fmt(
       "UPDATE platform.local_bucket SET name='%s', location='%s', cycle=%d, size=%d, update_time='%s' where id=%d;",
       details::Protect(bucket.name).c_str(), details::Protect(bucket.location).c_str(), details::ToInt(bucket.cycle),
-      details::ToInt(bucket.size), details::Protect(details::NowText()).c_str(), details::ToInt(bucket.id)));
+      details::ToInt(bucket.size), details::Protect(details::NowText()).c_str(), details::ToInt(bucket.id))};
+  if (!old_name.empty() && old_name != bucket.name) {
+    statements.push_back(details::RenameText("local_object", old_name, bucket.name));
+    statements.push_back(details::RenameText("local_object_task", old_name, bucket.name));
+  }
+  return CBaseDBLayerConn::Instance().Execute(statements);
 }
 
 bool CObjectServerSession::DeleteBucket(std::uint32_t id) {
@@ -147,7 +170,7 @@ bool CObjectServerSession::DeleteBuckets(const std::set<std::uint32_t>& ids) {
   std::string list;
   for (const std::uint32_t id : ids) {
     list += list.empty() ? "" : ",";
-    list += std::to_string(id);
+    list += std::to_string(details::ToInt(id));
   }
   return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_bucket WHERE id IN (%s);", list.c_str()));
 }
@@ -163,7 +186,7 @@ bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& bucket
   return true;
 }
 
-bool CObjectServerSession::CreateObject(ObjectInfo& object) {
+bool CObjectServerSession::CreateObject(ObjectInfo& object, const std::string& ended_task) {
   const std::uint32_t id = QueryNextID("platform.local_object_id_seq", "platform.local_object");
   if (id == kInvalidId) {
     CLOUD_LOG(logging::kError, "[%s]CreateBucket failed, query next id failed[%s(%d)]");
@@ -171,18 +194,22 @@ bool CObjectServerSession::CreateObject(ObjectInfo& object) {
   }
   object.id = id;
   // Time and url are the server's own texts and go in as they are.
-  return details::Execute(StringUtil::str_fmt(
-      "INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) VALUES (%d, '%s', '%s', "
-      "'%s', %d, '%s', '%s') ",
-      details::ToInt(object.id), details::Protect(object.guid).c_str(), details::Protect(object.name).c_str(),
-      details::Protect(object.bucket_name).c_str(), details::ToInt(object.size), object.update_time.c_str(),
-      object.url.c_str()));
+  return details::ExecuteAndEndTask(
+      StringUtil::str_fmt("INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) "
+                          "VALUES (%d, '%s', '%s', "
+                          "'%s', %d, '%s', '%s') ",
+                          details::ToInt(object.id), details::Protect(object.guid).c_str(),
+                          details::Protect(object.name).c_str(), details::Protect(object.bucket_name).c_str(),
+                          details::ToInt(object.size), object.update_time.c_str(), object.url.c_str()),
+      ended_task);
 }
 
-bool CObjectServerSession::UpdateObject(const ObjectInfo& object) {
-  return details::Execute(StringUtil::str_fmt(
-      "UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;", details::ToInt(object.size),
-      details::Protect(object.update_time).c_str(), details::Protect(object.url).c_str(), details::ToInt(object.id)));
+bool CObjectServerSession::UpdateObject(const ObjectInfo& object, const std::string& ended_task) {
+  return details::ExecuteAndEndTask(
+      StringUtil::str_fmt("UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;",
+                          details::ToInt(object.size), details::Protect(object.update_time).c_str(),
+                          details::Protect(object.url).c_str(), details::ToInt(object.id)),
+      ended_task);
 }
 
 bool CObjectServerSession::DeleteObjectByBucket(const std::string& bucket_name) {
@@ -237,8 +264,7 @@ bool CObjectServerSession::UpdateObjectTask(const ObjectTaskInfo& task) {
 }
 
 bool CObjectServerSession::DeleteObjectTask(const std::string& task_id) {
-  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object_task WHERE task_id = '%s' ",
-                                              details::Protect(task_id).c_str()));
+  return details::Execute(details::DeleteTaskText(task_id));
 }
 
 bool CObjectServerSession::GetUrlByEncryptUrl(std::string& url, const std::string& encrypt_url) {

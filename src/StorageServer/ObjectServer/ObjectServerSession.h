@@ -14,7 +14,7 @@ namespace Tansy::CloudStorage {
 // Every SQL statement of the module, and how rows become records.
 //
 // Threads: any; each call takes a pooled connection of its own. Errors: false (kInvalidId for ids), with the reason in
-// the log. There are no transactions: a failed statement leaves the database as it was.
+// the log. What one call changes is one transaction: when it fails, the database is as it was.
 //
 // Numbers are written through 32 bits. Sizes come back unsigned, so an object of less than 4 GiB keeps its size over a
 // restart; of a bigger one the low 32 bits remain.
@@ -27,14 +27,17 @@ class CObjectServerSession {
 
   // The inserts fill in the record's id; a new bucket's acl becomes 0.
   static bool CreateBucket(BucketInfo& bucket);
-  static bool ModifyBucket(const BucketInfo& bucket);
+  // A bucket that gets another name takes the rows of its objects and upload tasks along. `old_name` is the name that
+  // they have so far; empty for a bucket of which only the own row is to change.
+  static bool ModifyBucket(const BucketInfo& bucket, const std::string& old_name = {});
   static bool DeleteBucket(std::uint32_t id);
   static bool DeleteBuckets(const std::set<std::uint32_t>& ids);
   // Adds every bucket to `buckets`, by name.
   static bool QueryBucket(std::map<std::string, BucketInfo>& buckets);
 
-  static bool CreateObject(ObjectInfo& object);
-  static bool UpdateObject(const ObjectInfo& object);
+  // Where `ended_task` names an upload task, its rows go in the same step: the object is what became of it.
+  static bool CreateObject(ObjectInfo& object, const std::string& ended_task = {});
+  static bool UpdateObject(const ObjectInfo& object, const std::string& ended_task = {});
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
   static bool QueryObject(ObjectSet& objects, const std::string& bucket_name);

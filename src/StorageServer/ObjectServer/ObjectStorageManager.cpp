@@ -1,10 +1,12 @@
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
+#include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
 
@@ -13,11 +15,7 @@ CObjectStorageManager& CObjectStorageManager::Instance() {
 }
 
 bool CObjectStorageManager::Init() {
-  loaded_ = Load();
-  return loaded_;
-}
-
-bool CObjectStorageManager::Load() {
+  loaded_ = false;
   if (!LoadBuckets()) {
     CLOUD_LOG(logging::kError, "[%s]Init failed, query bucket failed.[%s(%d)]");
     return false;
@@ -30,6 +28,8 @@ bool CObjectStorageManager::Load() {
     CLOUD_LOG(logging::kError, "[%s]Init failed, query object task failed.[%s(%d)]");
     return false;
   }
+  RecoverPartSizes();
+  loaded_ = true;
   return true;
 }
 
@@ -68,7 +68,27 @@ bool CObjectStorageManager::LoadTasks() {
     TaskPartSet& parts = tasks_[row.task_id];
     parts.insert(std::move(row));
   }
+  LoadAges();
   return true;
+}
+
+// The time of day counts once, here: from now on a clock that is set moves no task's age.
+void CObjectStorageManager::LoadAges() {
+  const std::time_t now = TansyBase::TimeUtil::Now();
+  const std::int64_t uptime = TansyBase::TimeUtil::Uptime();
+  for (const auto& [task_id, parts] : tasks_) {
+    const std::string& written = parts.begin()->update_time;
+    if (written.empty() || task_births_.contains(task_id)) {
+      continue;
+    }
+    const std::time_t time = TansyBase::TimeUtil::StrUTCDatetime2TimeT(written);
+    if (time < 0) {
+      // An unreadable time says nothing about the task's age; nobody's upload is to be lost over it.
+      CLOUD_LOG(logging::kError, "[%s]task[%s] update time[%s] invalid.[%s(%d)]", task_id.c_str(), written.c_str());
+      continue;
+    }
+    task_births_.emplace(task_id, uptime - std::max<std::int64_t>(now - time, 0));
+  }
 }
 
 }  // namespace Tansy::CloudStorage

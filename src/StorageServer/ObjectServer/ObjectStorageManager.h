@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,21 +19,15 @@
 
 namespace Tansy::CloudStorage {
 
-// What a task knows of its part size.
-struct PartSizeInfo {
-  std::uint32_t first_part_num = 0;  // number of the first part that arrived
-  std::uint32_t first_part_size = 0;
-  std::uint32_t part_size = 0;             // of every part but the last; 0 while not settled
-  std::string first_part_path;             // file that holds the first part
-  std::string reserve;                     // carried, not used by the catalogue
-  std::shared_ptr<std::mutex> file_mutex;  // shared by all writers of the task
-};
-
 // The catalogue in memory: the authority for look-ups, written through to the database first.
 //
-// Four groups, each under its own mutex; no method holds two of them at once. Around these stand the key locks: whoever
-// adds or removes a bucket or an object holds its name's lock from the first look-up to the last change, database
-// included, so that memory and database always agree on what came last. Order: bucket locks, object locks, one mutex.
+// Four groups, each under its own mutex; no method holds two of them at once. Around these stand one mutex for
+// changes of buckets, and a lock per key for changes of objects: whoever adds or removes something holds it from the
+// first look-up to the last change, database included, so that memory and database always agree on what came last.
+// Order: the mutex of a task, the one for changes of buckets, the locks of keys, one of the four.
+//
+// A bucket that was given another name goes by its old one until the next start: requests, objects in memory and this
+// class's arguments use the old name. The database knows it by the new name from then on.
 //
 // Threads: any. Every failure is a log line and a false or non-zero result.
 class CObjectStorageManager : private TansyBase::CNoncopyable {
@@ -46,6 +41,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
 
   bool IsBucketExist(const std::string& name);
   bool AddBucket(BucketInfo& bucket);
+  // False also when the new name is another bucket's: their objects could not be told apart any more.
   bool ModifyBucket(const BucketInfo& bucket);
   bool RemoveBucket(std::uint32_t id);
   bool RemoveBucket(const std::set<std::uint32_t>& ids);
@@ -55,10 +51,20 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool RemoveObjectByBucket(std::uint32_t bucket_id);
   // Adds an object or updates the one of that name. Parallel calls for one name are put in line, so that memory and
   // database agree on which came last.
-  bool AddObject(ObjectInfo& object);
-  bool UpdateObject(ObjectInfo& object);
+  // Where `ended_task` names the upload task that became this object, the task ends in the same step; the caller holds
+  // the task's mutex.
+  bool AddObject(ObjectInfo& object, const std::string& ended_task = {});
+  bool UpdateObject(ObjectInfo& object, const std::string& ended_task = {});
   bool GetObjectByName(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
-  bool RemoveObject(const std::string& object_name, const std::string& bucket_name);
+  // Whether the object exists and its bytes are those at `url`.
+  bool IsStoredAt(const std::string& object_name, const std::string& bucket_name, const std::string& url);
+  // Frees the stored bytes at a path; false when they are still there.
+  using RemoveFile = std::function<bool(const std::string& path)>;
+  // True when the object is gone, also when it was not there. False, and nothing changed, when the database refuses.
+  // With `remove_file` the object's stored bytes go too, in one step with the row: an upload of that name comes wholly
+  // before or wholly after it. It is called at most once, with what GetObjectFile gives, and must not call the
+  // catalogue; when it refuses, the object stays and the result is false.
+  bool RemoveObject(const std::string& object_name, const std::string& bucket_name, const RemoveFile& remove_file = {});
   // The storage path behind an object's location text, for removal.
   bool GetObjectFile(std::string& path, const std::string& object_name, const std::string& bucket_name);
 
@@ -71,12 +77,20 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool RemoveObjectTask(const std::string& task_id);
   // Task id to update time of its lowest-numbered part.
   bool GetTaskUpdateTime(std::map<std::string, std::string>& times);
+  // How many seconds ago the lowest-numbered part of a task was written. Measured with a clock that nobody sets; for
+  // what was written before this start, from the age that it had then. False when nobody knows.
+  bool GetTaskAge(const std::string& task_id, std::int64_t& seconds);
 
   // True when this part is the task's first and must be kept in a file; otherwise `part_size` is the agreed size.
   bool CheckPartSize(const std::string& task_id, std::uint32_t part_num, std::uint32_t size, std::uint32_t& part_size);
   bool SetFirstPartInfo(const std::string& task_id, const PartSizeInfo& info);
+  // The mutex of a task. Whoever stores a part of it, completes it or sweeps it away holds it, and looks for the task
+  // only then. False when there is no such task.
   bool GetPartFileMutex(const std::string& task_id, std::shared_ptr<std::mutex>& file_mutex);
+  // False while no part of the task has arrived.
   bool GetFirstPartInfo(const std::string& task_id, PartSizeInfo& info);
+  // As if no part had arrived.
+  void ForgetFirstPart(const std::string& task_id);
   bool RemovePartSizeInfo(const std::string& task_id);
 
  private:
@@ -84,15 +98,27 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   CObjectStorageManager() = default;
   ~CObjectStorageManager() = default;
 
-  bool Load();
   bool LoadBuckets();
   bool LoadObjects();
   bool LoadTasks();
+  void LoadAges();
+  void RecoverPartSizes();
   void DropPartSizesOfEndedTasks();
+  bool IsNameTaken(const std::string& name);
+  bool IsNameTakenByAnother(const BucketInfo& bucket);
+  std::string RowName(const std::string& bucket_name);
+  bool FindObject(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
+  void ForgetObject(const std::string& object_name, const std::string& bucket_name);
+  bool PutRowBack(const ObjectInfo& object);
+  void EndTask(const std::string& task_id);
+  std::string RowNameById(std::uint32_t bucket_id);
+
+  using AllObjectsGuard = CKeyLocks<32>::AllGuard;
+  bool RemoveObjectByBucket(std::uint32_t bucket_id, const AllObjectsGuard& held);
 
   std::atomic<bool> loaded_{false};
 
-  CKeyLocks<8> bucket_locks_;
+  std::mutex bucket_changes_;  // held by whoever adds, changes or removes a bucket, database included
   CKeyLocks<32> object_locks_;
 
   std::mutex bucket_mutex_;
@@ -103,6 +129,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
 
   std::mutex task_mutex_;
   std::map<std::string, TaskPartSet> tasks_;
+  std::map<std::string, std::int64_t> task_births_;  // what TimeUtil::Uptime gave, or would have given, at the write
 
   static constexpr std::size_t kPartSizesToSpare = 1024;
   std::mutex part_size_mutex_;

@@ -24,9 +24,36 @@ bool CObjectStorageManager::IsBucketExist(const std::string& name) {
   return buckets_.contains(name);
 }
 
+// A name is taken by the bucket that goes by it, and by the one that will after the next start.
+bool CObjectStorageManager::IsNameTaken(const std::string& name) {
+  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  return buckets_.contains(name) || std::any_of(buckets_.begin(), buckets_.end(),
+                                                [&name](const auto& entry) { return entry.second.name == name; });
+}
+
+bool CObjectStorageManager::IsNameTakenByAnother(const BucketInfo& bucket) {
+  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  return std::any_of(buckets_.begin(), buckets_.end(), [&bucket](const auto& entry) {
+    return entry.second.id != bucket.id && (entry.first == bucket.name || entry.second.name == bucket.name);
+  });
+}
+
+// What the rows of a bucket's objects and tasks call it.
+std::string CObjectStorageManager::RowName(const std::string& bucket_name) {
+  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const auto found = buckets_.find(bucket_name);
+  return found != buckets_.end() ? found->second.name : bucket_name;
+}
+
+std::string CObjectStorageManager::RowNameById(std::uint32_t bucket_id) {
+  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const auto found = details::FindBucketById(buckets_, bucket_id);
+  return found != buckets_.end() ? found->second.name : std::string();
+}
+
 bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
-  const auto name_lock = bucket_locks_.Lock({}, bucket.name);
-  if (IsBucketExist(bucket.name)) {
+  const std::lock_guard<std::mutex> change(bucket_changes_);
+  if (IsNameTaken(bucket.name)) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
@@ -40,8 +67,14 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
 }
 
 bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
-  const auto all_names_lock = bucket_locks_.LockAll();
-  if (!CObjectServerSession::ModifyBucket(bucket)) {
+  const std::lock_guard<std::mutex> change(bucket_changes_);
+  // What is added to the bucket meanwhile is added before, and renamed with the rest, or after, under the new name.
+  const auto all_objects_lock = object_locks_.LockAll();
+  if (IsNameTakenByAnother(bucket)) {
+    CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
+    return false;
+  }
+  if (!CObjectServerSession::ModifyBucket(bucket, RowNameById(bucket.id))) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
   }
@@ -51,7 +84,7 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket not exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
-  // The key stays: objects are filed under it, so a renamed bucket goes by its old name until the next start.
+  // The key stays: a renamed bucket goes by its old name until the next start.
   BucketInfo& stored = found->second;
   stored.name = bucket.name;
   stored.reserve = bucket.reserve;
@@ -62,12 +95,15 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
 }
 
 bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
-  const auto all_names_lock = bucket_locks_.LockAll();
+  const std::lock_guard<std::mutex> change(bucket_changes_);
+  // Until the bucket is gone from memory too: an upload comes before all of this, and its object goes, or finds no
+  // bucket.
+  const auto all_objects_lock = object_locks_.LockAll();
   if (!CObjectServerSession::DeleteBucket(id)) {
     CLOUD_LOG(logging::kError, "[%s]remove bucket[%d] failed, db operation failed.[%s(%d)]", static_cast<int>(id));
     return false;
   }
-  if (!RemoveObjectByBucket(id)) {
+  if (!RemoveObjectByBucket(id, all_objects_lock)) {
     CLOUD_LOG(logging::kDatabase, "[%s]remove bucket[%d], remove object failed.[%s(%d)]", static_cast<int>(id));
   }
   const std::lock_guard<std::mutex> lock(bucket_mutex_);
@@ -78,13 +114,16 @@ bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
 }
 
 bool CObjectStorageManager::RemoveBucket(const std::set<std::uint32_t>& ids) {
-  const auto all_names_lock = bucket_locks_.LockAll();
+  const std::lock_guard<std::mutex> change(bucket_changes_);
+  // Until the bucket is gone from memory too: an upload comes before all of this, and its object goes, or finds no
+  // bucket.
+  const auto all_objects_lock = object_locks_.LockAll();
   if (!CObjectServerSession::DeleteBuckets(ids)) {
     CLOUD_LOG(logging::kError, "[%s]remove buckets failed, db operation failed.[%s(%d)]");
     return false;
   }
   for (const std::uint32_t id : ids) {
-    if (!RemoveObjectByBucket(id)) {
+    if (!RemoveObjectByBucket(id, all_objects_lock)) {
       CLOUD_LOG(logging::kDatabase, "[%s]remove bucket[%d], remove object failed.[%s(%d)]", static_cast<int>(id));
     }
   }
@@ -111,8 +150,12 @@ bool CObjectStorageManager::GetBucketList(std::map<std::string, BucketInfo>& buc
 
 bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id) {
   // An upload into the bucket comes wholly before this or wholly after it.
-  const auto all_objects_lock = object_locks_.LockAll();
+  return RemoveObjectByBucket(bucket_id, object_locks_.LockAll());
+}
+
+bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id, const AllObjectsGuard& /*held*/) {
   std::string name;
+  std::string row_name;
   {
     const std::lock_guard<std::mutex> lock(bucket_mutex_);
     const auto found = details::FindBucketById(buckets_, bucket_id);
@@ -121,10 +164,10 @@ bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id) {
                 std::to_string(bucket_id).c_str());
       return true;
     }
-    // The name that the objects are filed under. After a rename the record's own name may be another bucket's.
     name = found->first;
+    row_name = found->second.name;
   }
-  if (!CObjectServerSession::DeleteObjectByBucket(name)) {
+  if (!CObjectServerSession::DeleteObjectByBucket(row_name)) {
     CLOUD_LOG(logging::kNotable, "[%s]remove object by bucket[%s], db operate failed.[%s(%d)]", name.c_str());
     return false;
   }

@@ -35,7 +35,7 @@ bool ResolveFilePath(std::string& path, const std::string& url) {
 }  // namespace
 }  // namespace details
 
-bool CObjectStorageManager::AddObject(ObjectInfo& object) {
+bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& ended_task) {
   const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
   if (!IsBucketExist(object.bucket_name)) {
     CLOUD_LOG(logging::kError, "[%s]Add Object[%s] failed, bucket[%s] not exist.[%s(%d)]", object.name.c_str(),
@@ -44,18 +44,25 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object) {
   }
   ObjectInfo stored;
   if (GetObjectByName(stored, object.name, object.bucket_name)) {
-    return UpdateObject(object);
+    if (!UpdateObject(object, ended_task)) {
+      return false;
+    }
+  } else {
+    ObjectInfo row = object;
+    row.bucket_name = RowName(object.bucket_name);
+    if (!CObjectServerSession::CreateObject(row, ended_task)) {
+      CLOUD_LOG(logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
+      return false;
+    }
+    object.id = row.id;
+    const std::lock_guard<std::mutex> lock(object_mutex_);
+    objects_[object.bucket_name].insert(object);
   }
-  if (!CObjectServerSession::CreateObject(object)) {
-    CLOUD_LOG(logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
-    return false;
-  }
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  objects_[object.bucket_name].insert(object);
+  EndTask(ended_task);
   return true;
 }
 
-bool CObjectStorageManager::UpdateObject(ObjectInfo& object) {
+bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task) {
   const std::lock_guard<std::mutex> lock(object_mutex_);
   const auto bucket = objects_.find(object.bucket_name);
   if (bucket == objects_.end()) {
@@ -71,7 +78,7 @@ bool CObjectStorageManager::UpdateObject(ObjectInfo& object) {
   }
   object.id = found->id;
   ObjectInfo replacement = object;
-  if (!CObjectServerSession::UpdateObject(object)) {
+  if (!CObjectServerSession::UpdateObject(object, ended_task)) {
     CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, db operate failed.[%s(%d)]", object.name.c_str());
     return false;
   }
@@ -105,22 +112,77 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
   return true;
 }
 
-bool CObjectStorageManager::RemoveObject(const std::string& object_name, const std::string& bucket_name) {
-  // Not between the look-up and the update of an upload of the same name, which would then fail for no good reason.
-  const auto name_lock = object_locks_.Lock(bucket_name, object_name);
+bool CObjectStorageManager::FindObject(ObjectInfo& object, const std::string& object_name,
+                                       const std::string& bucket_name) {
   const std::lock_guard<std::mutex> lock(object_mutex_);
   const auto bucket = objects_.find(bucket_name);
   if (bucket == objects_.end()) {
-    return true;
+    return false;
   }
   const auto found = bucket->second.find(std::string_view(object_name));
-  if (found != bucket->second.end()) {
-    if (!CObjectServerSession::DeleteObject(found->id)) {
-      CLOUD_LOG(logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]", object_name.c_str());
-    }
+  if (found == bucket->second.end()) {
+    return false;
+  }
+  object = *found;
+  return true;
+}
+
+bool CObjectStorageManager::IsStoredAt(const std::string& object_name, const std::string& bucket_name,
+                                       const std::string& url) {
+  ObjectInfo object;
+  return FindObject(object, object_name, bucket_name) && object.url == url;
+}
+
+bool CObjectStorageManager::RemoveObject(const std::string& object_name, const std::string& bucket_name,
+                                         const RemoveFile& remove_file) {
+  // Not between the look-up and the update of an upload of the same name, which would then fail for no good reason, and
+  // whose bytes would stay behind.
+  const auto name_lock = object_locks_.Lock(bucket_name, object_name);
+  std::string path;
+  const bool has_file = remove_file && GetObjectFile(path, object_name, bucket_name);
+  ObjectInfo object;
+  if (!FindObject(object, object_name, bucket_name)) {
+    return true;
+  }
+  // The row first: bytes without a row can be found and freed, but a row without bytes is an object that cannot be
+  // read.
+  if (!CObjectServerSession::DeleteObject(object.id)) {
+    CLOUD_LOG(logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]", object_name.c_str());
+    return false;
+  }
+  const bool removed = !has_file || remove_file(path);
+  if (removed || !PutRowBack(object)) {
+    ForgetObject(object_name, bucket_name);
+  }
+  return removed;
+}
+
+// Undoes the removal of a row; the new one has an id of its own. False when the database refuses: the object is gone
+// then, and its bytes are some that no row names.
+bool CObjectStorageManager::PutRowBack(const ObjectInfo& object) {
+  ObjectInfo row = object;
+  row.bucket_name = RowName(object.bucket_name);
+  if (!CObjectServerSession::CreateObject(row)) {
+    CLOUD_LOG(logging::kError, "[%s]put back object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
+    return false;
+  }
+  const std::lock_guard<std::mutex> lock(object_mutex_);
+  ObjectSet& objects = objects_[object.bucket_name];
+  auto node = objects.extract(objects.find(std::string_view(object.name)));
+  node.value().id = row.id;
+  objects.insert(std::move(node));
+  return true;
+}
+
+void CObjectStorageManager::ForgetObject(const std::string& object_name, const std::string& bucket_name) {
+  const std::lock_guard<std::mutex> lock(object_mutex_);
+  const auto bucket = objects_.find(bucket_name);
+  if (bucket == objects_.end()) {
+    return;
+  }
+  if (const auto found = bucket->second.find(std::string_view(object_name)); found != bucket->second.end()) {
     bucket->second.erase(found);
   }
-  return true;
 }
 
 bool CObjectStorageManager::GetObjectFile(std::string& path, const std::string& object_name,

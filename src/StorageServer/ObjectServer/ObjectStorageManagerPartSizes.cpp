@@ -1,25 +1,115 @@
-// What the catalogue knows of the part sizes of multipart uploads; in memory only.
+// What the catalogue knows of the part sizes of multipart uploads. It is kept in memory only; after a restart the rows
+// of the parts and the file of the first one tell it again.
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "ModuleLog.h"
+#include "StorageServer/ObjectServer/FirstPartFile.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 
 namespace Tansy::CloudStorage {
 
+namespace details {
+namespace {
+
+using Arrived = std::vector<const ObjectTaskInfo*>;
+
+// The parts that arrived, in the order of their numbers. The row that stands for the task has size 0 until its part
+// comes.
+Arrived ArrivedParts(const TaskPartSet& rows) {
+  Arrived parts;
+  for (const ObjectTaskInfo& row : rows) {
+    if (row.size > 0) {
+      parts.push_back(&row);
+    }
+  }
+  return parts;
+}
+
+// The part that was the first to arrive: the one whose file is there, with its size. Null when it cannot be told.
+const ObjectTaskInfo* FindFirstPart(const Arrived& parts) {
+  const ObjectTaskInfo* first = nullptr;
+  for (const ObjectTaskInfo* part : parts) {
+    std::uint64_t size = 0;
+    if (!FirstPartSize(FirstPartPath(part->task_id, part->part_num), size)) {
+      continue;
+    }
+    if (first != nullptr || size != part->size) {
+      return nullptr;
+    }
+    first = part;
+  }
+  return first;
+}
+
+// All parts but the highest-numbered have the part size. False when they differ.
+bool FindPartSize(std::uint32_t& part_size, const Arrived& parts) {
+  part_size = parts.size() > 1 ? parts.front()->size : 0;
+  return std::all_of(parts.begin(), parts.end() - 1,
+                     [part_size](const ObjectTaskInfo* part) { return part->size == part_size; });
+}
+
+// What was known before the restart; nothing when no part had arrived.
+PartSizeInfo Recover(const TaskPartSet& rows) {
+  PartSizeInfo info;
+  const Arrived parts = ArrivedParts(rows);
+  if (parts.empty()) {
+    return info;
+  }
+  const ObjectTaskInfo* first = FindFirstPart(parts);
+  info.is_lost = first == nullptr || !FindPartSize(info.part_size, parts);
+  if (first != nullptr) {
+    info.first_part_num = first->part_num;
+    info.first_part_size = first->size;
+    info.first_part_path = FirstPartPath(first->task_id, first->part_num);
+  }
+  return info;
+}
+
+bool HasFirstPart(const PartSizeInfo& info) {
+  return info.first_part_num != 0 || info.is_lost;
+}
+
+}  // namespace
+}  // namespace details
+
+// An upload that a restart interrupted goes on as if nothing had happened, or is refused from here on: a part that was
+// acknowledged and cannot be found is not to become a hole in an object.
+void CObjectStorageManager::RecoverPartSizes() {
+  std::map<std::string, TaskPartSet> tasks;
+  {
+    const std::lock_guard<std::mutex> lock(task_mutex_);
+    tasks = tasks_;
+  }
+  for (const auto& [task_id, rows] : tasks) {
+    PartSizeInfo info = details::Recover(rows);
+    if (!details::HasFirstPart(info)) {
+      continue;
+    }
+    if (info.is_lost) {
+      CLOUD_LOG(logging::kError, "[%s]task[%s] cannot go on, its first part is not there or not whole.[%s(%d)]",
+                task_id.c_str());
+    }
+    info.file_mutex = std::make_shared<std::mutex>();
+    const std::lock_guard<std::mutex> lock(part_size_mutex_);
+    part_sizes_.try_emplace(task_id, std::move(info));
+  }
+}
+
 bool CObjectStorageManager::CheckPartSize(const std::string& task_id, std::uint32_t part_num, std::uint32_t size,
                                           std::uint32_t& part_size) {
   const std::lock_guard<std::mutex> lock(part_size_mutex_);
-  const auto found = part_sizes_.find(task_id);
-  if (found == part_sizes_.end()) {
-    PartSizeInfo info;
+  PartSizeInfo& info = part_sizes_[task_id];
+  if (!info.file_mutex) {
+    info.file_mutex = std::make_shared<std::mutex>();
+  }
+  if (!details::HasFirstPart(info)) {
     info.first_part_num = part_num;
     info.first_part_size = size;
-    info.file_mutex = std::make_shared<std::mutex>();
-    part_sizes_.emplace(task_id, std::move(info));
     return true;
   }
-  PartSizeInfo& info = found->second;
   if (info.part_size == 0) {
     if (info.first_part_num == part_num) {
       return true;
@@ -43,23 +133,40 @@ bool CObjectStorageManager::SetFirstPartInfo(const std::string& task_id, const P
 }
 
 bool CObjectStorageManager::GetPartFileMutex(const std::string& task_id, std::shared_ptr<std::mutex>& file_mutex) {
+  bool is_task = false;
+  {
+    const std::lock_guard<std::mutex> lock(task_mutex_);
+    is_task = tasks_.contains(task_id);
+  }
   const std::lock_guard<std::mutex> lock(part_size_mutex_);
-  const auto found = part_sizes_.find(task_id);
-  if (found == part_sizes_.end()) {
+  if (!is_task && !part_sizes_.contains(task_id)) {
     return false;
   }
-  file_mutex = found->second.file_mutex;
+  PartSizeInfo& info = part_sizes_[task_id];
+  if (!info.file_mutex) {
+    info.file_mutex = std::make_shared<std::mutex>();
+  }
+  file_mutex = info.file_mutex;
   return true;
 }
 
 bool CObjectStorageManager::GetFirstPartInfo(const std::string& task_id, PartSizeInfo& info) {
   const std::lock_guard<std::mutex> lock(part_size_mutex_);
   const auto found = part_sizes_.find(task_id);
-  if (found == part_sizes_.end()) {
+  if (found == part_sizes_.end() || !details::HasFirstPart(found->second)) {
     return false;
   }
   info = found->second;
   return true;
+}
+
+void CObjectStorageManager::ForgetFirstPart(const std::string& task_id) {
+  const std::lock_guard<std::mutex> lock(part_size_mutex_);
+  if (const auto found = part_sizes_.find(task_id); found != part_sizes_.end()) {
+    PartSizeInfo nothing;
+    nothing.file_mutex = found->second.file_mutex;
+    found->second = std::move(nothing);
+  }
 }
 
 bool CObjectStorageManager::RemovePartSizeInfo(const std::string& task_id) {

@@ -5,6 +5,7 @@
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
 
@@ -21,9 +22,16 @@ constexpr int kOtherSize = 3;
 }  // namespace details
 
 bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
-  if (!CObjectServerSession::InsertObjectTask(task)) {
-    CLOUD_LOG(logging::kError, "[%s]AddObjectTask failed, db operate failed.[%s(%d)]");
-    return false;
+  {
+    // The bucket's name stays what it is until the row is written.
+    const auto name_lock = object_locks_.Lock(task.bucket_name, task.object_name);
+    ObjectTaskInfo row = task;
+    row.bucket_name = RowName(task.bucket_name);
+    if (!CObjectServerSession::InsertObjectTask(row)) {
+      CLOUD_LOG(logging::kError, "[%s]AddObjectTask failed, db operate failed.[%s(%d)]");
+      return false;
+    }
+    task.id = row.id;
   }
   {
     const std::lock_guard<std::mutex> lock(task_mutex_);
@@ -32,12 +40,15 @@ bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
       return false;
     }
     tasks_.emplace(task.task_id, TaskPartSet{task});
+    task_births_[task.task_id] = TansyBase::TimeUtil::Uptime();
   }
   DropPartSizesOfEndedTasks();
   return true;
 }
 
 bool CObjectStorageManager::InsertObjectTask(ObjectTaskInfo& task) {
+  const auto name_lock = object_locks_.Lock(task.bucket_name, task.object_name);
+  const std::string row_name = RowName(task.bucket_name);
   const std::lock_guard<std::mutex> lock(task_mutex_);
   const auto entry = tasks_.find(task.task_id);
   if (entry == tasks_.end()) {
@@ -46,12 +57,18 @@ bool CObjectStorageManager::InsertObjectTask(ObjectTaskInfo& task) {
   }
   TaskPartSet& parts = entry->second;
   const auto found = parts.find(task.part_num);
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
   if (found == parts.end()) {
-    if (!CObjectServerSession::InsertObjectTask(task)) {
+    ObjectTaskInfo row = task;
+    row.bucket_name = row_name;
+    if (!CObjectServerSession::InsertObjectTask(row)) {
       CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, insert db operate failed.[%s(%d)]");
       return false;
     }
-    parts.insert(task);
+    task.id = row.id;
+    if (parts.insert(task).first == parts.begin()) {
+      task_births_[task.task_id] = now;
+    }
     return true;
   }
   task.id = found->id;
@@ -59,6 +76,9 @@ bool CObjectStorageManager::InsertObjectTask(ObjectTaskInfo& task) {
   if (!CObjectServerSession::UpdateObjectTask(task)) {
     CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, update db operate failed.[%s(%d)]");
     return false;
+  }
+  if (found == parts.begin()) {
+    task_births_[task.task_id] = now;
   }
   const auto next = std::next(found);
   auto node = parts.extract(found);
@@ -141,6 +161,24 @@ bool CObjectStorageManager::RemoveObjectTask(const std::string& task_id) {
     return false;
   }
   tasks_.erase(entry);
+  task_births_.erase(task_id);
+  return true;
+}
+
+// Forgets a task whose rows are gone; an empty id is no task.
+void CObjectStorageManager::EndTask(const std::string& task_id) {
+  const std::lock_guard<std::mutex> lock(task_mutex_);
+  tasks_.erase(task_id);
+  task_births_.erase(task_id);
+}
+
+bool CObjectStorageManager::GetTaskAge(const std::string& task_id, std::int64_t& seconds) {
+  const std::lock_guard<std::mutex> lock(task_mutex_);
+  const auto birth = task_births_.find(task_id);
+  if (birth == task_births_.end()) {
+    return false;
+  }
+  seconds = TansyBase::TimeUtil::Uptime() - birth->second;
   return true;
 }
 

@@ -59,6 +59,23 @@ TEST_F(BaseDBConn, LogsAStatementThatIsRefused) {
              "id=1");
 }
 
+TEST_F(BaseDBConn, RunsSeveralStatementsTogetherOrNotAtAll) {
+  const auto insert = [](const std::string& key) {
+    return "INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES ('" + key + "', 'x')";
+  };
+  const auto keys = [this] { return database_.Column("SELECT * FROM platform.picture_url_encrypt", "encrypt_url"); };
+  const std::vector<std::string> two = {insert("a"), insert("b")};
+  EXPECT_TRUE(connections_.Execute(two));
+  EXPECT_EQ(keys(), (std::vector<std::string>{"a", "b"}));
+  const std::vector<std::string> twice = {insert("c"), insert("a")};
+  EXPECT_FALSE(connections_.Execute(twice));
+  EXPECT_EQ(keys(), (std::vector<std::string>{"a", "b"}));
+  ASSERT_EQ(log_->Count("[%s]Execute failed, errorcode:%d, errorinfo:%s, sql:%s[%s(%d)]"), 1U);
+  EXPECT_NE(log_->Text("[%s]Execute failed, errorcode:%d, errorinfo:%s, sql:%s[%s(%d)]")
+                .find("sql:" + twice[0] + "; " + twice[1]),
+            std::string::npos);
+}
+
 TEST_F(BaseDBConn, RegistersUnderThePlatformsName) {
   db_layer::Module_Unregister("platform");
   EXPECT_EQ(connections_.ApplyConn(), nullptr);

@@ -1,8 +1,13 @@
 // The sweep of expired multipart tasks.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <memory>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "ObjectServerFixture.h"
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
@@ -21,16 +26,18 @@ constexpr std::time_t kThreeDays = 259200;
 
 class CObjectServerCleanTest : public CObjectServerTest {
  protected:
+  // A task from before the start of the server, as far as the catalogue knows.
   std::string NewTask(const std::string& update_time) {
     static int next = 1;
-    ObjectTaskInfo task;
-    task.task_id = "clean-" + std::to_string(next++);
-    task.bucket_name = "b";
-    task.object_name = "k";
-    task.part_num = 1;
-    task.update_time = update_time;
-    EXPECT_TRUE(catalogue_.AddObjectTask(task));
-    return task.task_id;
+    const std::string number = std::to_string(next++);
+    const std::string task_id = "clean-" + number;
+    EXPECT_TRUE(Database().Run(
+        "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, size, part_num, update_time, "
+        "url) VALUES (" +
+        std::to_string(1000000 + std::stoi(number)) + ", '" + task_id + "', 'k', 'b', 0, 1, '" + update_time +
+        "', 'url')"));
+    EXPECT_TRUE(catalogue_.Init());
+    return task_id;
   }
   std::string TaskOfAge(std::time_t age) { return NewTask(TimeUtil::TimeT2StrUTCDatetime(clock_.Now() - age)); }
   bool IsThere(const std::string& task_id) {
@@ -69,6 +76,115 @@ TEST_F(CObjectServerCleanTest, TheLowestPartTellsTheAge) {
   CCleanExpiredTaskThread cleaner;
   cleaner.OnTimer();
   EXPECT_FALSE(IsThere(task_id));
+}
+
+class CObjectServerCleanClockTest : public CObjectServerCleanTest {
+ protected:
+  // A task that is opened now.
+  std::string OpenTask() {
+    static int next = 1;
+    ObjectTaskInfo task;
+    task.task_id = "clean-open-" + std::to_string(next++);
+    task.bucket_name = "b";
+    task.object_name = "k";
+    task.part_num = 1;
+    task.update_time = TimeUtil::TimeT2StrUTCDatetime(clock_.Now());
+    EXPECT_TRUE(catalogue_.AddObjectTask(task));
+    return task.task_id;
+  }
+  static void Sweep() { CCleanExpiredTaskThread().OnTimer(); }
+};
+
+TEST_F(CObjectServerCleanClockTest, ATimeOfDayThatIsSetFreesNothingEarly) {
+  const std::string loaded = TaskOfAge(kThreeDays - 3600);
+  const std::string opened = OpenTask();
+  clock_.Advance(60);
+  for (const std::time_t step : {3600L, 86400L, 10 * kThreeDays, -10 * kThreeDays}) {
+    clock_.Set(clock_.Now() + step);
+    Sweep();
+    EXPECT_TRUE(IsThere(loaded)) << step;
+    EXPECT_TRUE(IsThere(opened)) << step;
+  }
+}
+
+TEST_F(CObjectServerCleanClockTest, ATimeOfDayThatIsSetKeepsNothingForEver) {
+  clock_.Set(kNoon + 100 * kThreeDays);
+  const std::string from_the_future = OpenTask();
+  clock_.Set(kNoon);
+  const std::string loaded_from_the_future = TaskOfAge(-100 * kThreeDays);
+  clock_.Advance(kThreeDays);
+  Sweep();
+  EXPECT_TRUE(IsThere(from_the_future));
+  EXPECT_TRUE(IsThere(loaded_from_the_future));
+  clock_.Advance(1);
+  Sweep();
+  EXPECT_FALSE(IsThere(from_the_future));
+  EXPECT_FALSE(IsThere(loaded_from_the_future));
+}
+
+TEST_F(CObjectServerCleanClockTest, TheAgeOfALoadedTaskGoesOnFromWhatItWas) {
+  const std::string task_id = TaskOfAge(kThreeDays - 100);
+  clock_.Advance(100);
+  Sweep();
+  EXPECT_TRUE(IsThere(task_id));
+  clock_.Advance(1);
+  Sweep();
+  EXPECT_FALSE(IsThere(task_id));
+}
+
+TEST_F(CObjectServerCleanClockTest, PartOneSentAgainMakesATaskYoung) {
+  const std::string task_id = OpenTask();
+  clock_.Advance(kThreeDays + 1);
+  ObjectTaskInfo part;
+  ASSERT_TRUE(catalogue_.GetTaskInfo(task_id, 1, part));
+  ASSERT_TRUE(catalogue_.InsertObjectTask(part));
+  Sweep();
+  EXPECT_TRUE(IsThere(task_id));
+}
+
+// A part or a completion that is under way finds its task to the end.
+TEST_F(CObjectServerCleanClockTest, ATaskThatIsWorkedOnIsLeftAlone) {
+  const std::string task_id = TaskOfAge(kThreeDays + 1);
+  std::shared_ptr<std::mutex> task_mutex;
+  ASSERT_TRUE(catalogue_.GetPartFileMutex(task_id, task_mutex));
+  {
+    const std::lock_guard<std::mutex> working(*task_mutex);
+    std::thread(&CObjectServerCleanClockTest::Sweep).join();
+    EXPECT_TRUE(IsThere(task_id));
+  }
+  Sweep();
+  EXPECT_FALSE(IsThere(task_id));
+}
+
+TEST_F(CObjectServerCleanTest, AStopEndsTheSweepBetweenTwoTasks) {
+  std::vector<std::string> old;
+  for (int i = 0; i < 20; ++i) {
+    old.push_back(TaskOfAge(kThreeDays + 1));
+  }
+  class CCleaner : public CCleanExpiredTaskThread {
+   public:
+    using CCleanExpiredTaskThread::IsStopping;
+  };
+  CCleaner cleaner;
+  std::thread stopper;
+  std::atomic<bool> swept{false};
+  Database().SetHook([&](const std::string& sql) {
+    if (sql.find("DELETE FROM platform.local_object_task") != std::string::npos && !swept) {
+      stopper = std::thread([&cleaner] { cleaner.Stop(); });
+      while (!cleaner.IsStopping()) {  // asked on the cleaner's own thread
+        std::this_thread::yield();
+      }
+      swept = true;
+    }
+  });
+  EXPECT_TRUE(cleaner.Start(3600000));
+  while (!swept) {
+    std::this_thread::yield();
+  }
+  cleaner.Stop();
+  Database().SetHook(nullptr);
+  stopper.join();
+  EXPECT_GE(std::count_if(old.begin(), old.end(), [this](const std::string& task) { return IsThere(task); }), 19);
 }
 
 TEST_F(CObjectServerCleanTest, TimesThatAreMissingOrUnreadableCountAsFresh) {

@@ -76,11 +76,9 @@ TEST_F(CObjectServerMultipartEndTest, CompletionsWithoutTask) {
   EXPECT_TRUE(IsError(SendMessage(Message({"POST", Path("k"), "upload_id=1", "x", {}})), 403, "AccessDenied"));
 }
 
-TEST_F(CObjectServerMultipartEndTest, ACompletionWithoutFirstPartIsAnsweredAsIfItHadSucceeded) {
+TEST_F(CObjectServerMultipartEndTest, ACompletionBeforeAnyPartIsAnError) {
   const std::string upload_id = NewTask("k");
-  SendPart("k", upload_id, 1, "aa");
-  catalogue_.RemovePartSizeInfo(upload_id);  // as after a restart
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}}), ""));
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 0}}), 500, "ServerInternalError"));
   EXPECT_EQ(log_->Count(kNoFirstPart, logging::kError), 1u);
   EXPECT_THAT(log_->Text(kNoFirstPart), HasSubstr("GetFirstPartInfo failed, task id:" + upload_id + "."));
   EXPECT_FALSE(HasObject("k"));
@@ -127,11 +125,83 @@ TEST_F(CObjectServerMultipartEndTest, ACompletionThatTheCatalogueRefuses) {
   Database().Heal();
   EXPECT_EQ(log_->Count("[%s]add object failed[%d].[%s(%d)]", logging::kError), 1u);
   EXPECT_FALSE(HasObject("k"));
-  // The first part is with the storage and its file gone: it has to be sent again.
-  EXPECT_FALSE(fs::exists(FirstPartFile(upload_id, 1)));
-  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "aaaa"), ""));
-  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), "")) << "another try needs nothing to be sent again";
   EXPECT_EQ(Object("k"), "aaaa");
+  EXPECT_EQ(FirstPartFiles(), 0u);
+}
+
+// Object and task change together: there is no state in which the object is there and a part can still be written into
+// it.
+TEST_F(CObjectServerMultipartEndTest, ATaskThatCannotBeEndedMakesNoObject) {
+  for (const bool replaces : {false, true}) {
+    const std::string key = replaces ? "replaced" : "new";
+    if (replaces) {
+      NewObject(bucket_, key, "before");
+    }
+    const std::string upload_id = NewTask(key);
+    SendPart(key, upload_id, 1, "aaaa");
+    SendPart(key, upload_id, 2, "bbbb");
+    const TaskState before = StateOf(upload_id);
+    Database().FailStatementsWith("DELETE FROM platform.local_object_task");
+    EXPECT_TRUE(IsError(Complete(key, upload_id, {{1, 4}, {2, 4}}), 500, "ServerInternalError"));
+    Database().Heal();
+    EXPECT_EQ(StateOf(upload_id), before);
+    EXPECT_EQ(HasObject(key), replaces);
+    EXPECT_EQ(
+        Database().Column(
+            "SELECT * FROM platform.local_object WHERE bucket_name='" + bucket_ + "' AND name='" + key + "'", "size"),
+        replaces ? std::vector<std::string>{"6"} : std::vector<std::string>{});
+    if (replaces) {
+      EXPECT_EQ(Object(key), "before");
+    }
+    EXPECT_TRUE(IsXml(SendPart(key, upload_id, 2, "BBBB"), "")) << "the task goes on";
+    EXPECT_TRUE(IsXml(Complete(key, upload_id, {{1, 4}, {2, 4}}), ""));
+    EXPECT_EQ(Object(key), "aaaaBBBB");
+    EXPECT_TRUE(
+        Database().Column("SELECT * FROM platform.local_object_task WHERE task_id='" + upload_id + "'", "id").empty());
+  }
+}
+
+// As a server of an older version left it when it was killed between the object and the end of the task.
+TEST_F(CObjectServerMultipartEndTest, ATaskWhoseBytesAreAnObjectsIsOver) {
+  const std::string upload_id = NewTask("k");
+  CloudStorage::ObjectTaskInfo task;
+  ASSERT_TRUE(catalogue_.GetTaskInfo(upload_id, 1, task));
+  SendPart("k", upload_id, 1, "aaaa");
+  SendPart("k", upload_id, 2, "bbbb");
+  ASSERT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}, {2, 4}}), ""));
+  task.size = 4;
+  ASSERT_TRUE(catalogue_.AddObjectTask(task));
+  for (int number = 1; number <= 3; ++number) {
+    EXPECT_TRUE(IsError(SendPart("k", upload_id, number, "LATE"), 400, "InvalidHttpContent")) << number;
+  }
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}}), 400, "InvalidXmlContent"));
+  EXPECT_EQ(Object("k"), "aaaabbbb");
+  EXPECT_EQ(FirstPartFiles(), 0u);
+}
+
+TEST_F(CObjectServerMultipartEndTest, SumsThatThirtyTwoBitsCannotHold) {
+  NewObject(bucket_, "k", "before");
+  const std::string upload_id = NewTask("k");
+  const auto record = [&](std::uint32_t number, std::uint32_t size) {
+    CloudStorage::ObjectTaskInfo row;
+    row.task_id = upload_id;
+    row.bucket_name = bucket_;
+    row.object_name = "k";
+    row.part_num = number;
+    row.size = size;
+    ASSERT_TRUE(catalogue_.InsertObjectTask(row));
+  };
+  SendPart("k", upload_id, 1, "aaaa");
+  record(2, 0x80000000);
+  record(3, 0x7FFFFFFC);
+  const std::size_t writes = storage_.Calls("stream").size();
+  EXPECT_TRUE(IsError(Complete("k", upload_id, {{1, 4}, {2, 0x80000000}, {3, 0x7FFFFFFC}}), 400, "InvalidXmlContent"));
+  EXPECT_EQ(log_->Count(kInvalidPart, logging::kError), 1u);
+  EXPECT_EQ(storage_.Calls("stream").size(), writes);
+  EXPECT_EQ(Object("k"), "before");
+  record(3, 0x7FFFFFFB);
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}, {2, 0x80000000}, {3, 0x7FFFFFFB}}), "")) << "4 GiB less a byte";
 }
 
 }  // namespace

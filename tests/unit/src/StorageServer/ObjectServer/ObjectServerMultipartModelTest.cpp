@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "ObjectServerMultipartFixture.h"
+#include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
+#include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
 namespace {
@@ -209,22 +211,84 @@ TEST_F(CObjectServerMultipartBesideTest, AnOnlyPartIsRefusedAndLeavesNoFile) {
   SendPart("k", upload_id, 1, "aaaa");
   const FakeAnswer answer =
       BesideCompletion("k", upload_id, {{1, 4}}, [&] { return SendPart("k", upload_id, 1, "LATE"); });
-  EXPECT_TRUE(IsError(answer, 500, "ServerInternalError"));
-  EXPECT_EQ(log_->Count("[%s]add first part failed.[%s(%d)]", logging::kError), 1u);
+  EXPECT_TRUE(IsError(answer, 400, "InvalidHttpContent"));
   EXPECT_EQ(Object("k"), "aaaa");
   EXPECT_EQ(FirstPartFiles(), 0u);
 }
 
-TEST_F(CObjectServerMultipartBesideTest, ASecondCompletionSucceedsWithoutDoingAnything) {
+TEST_F(CObjectServerMultipartBesideTest, ASecondCompletionFindsNoTask) {
   const std::string upload_id = NewTask("k");
   SendPart("k", upload_id, 1, "aaaa");
   const std::size_t writes = storage_.Calls("stream").size();
   const FakeAnswer answer = BesideCompletion("k", upload_id, {{1, 4}}, [&] {
     return Complete("k", upload_id, {{1, 4}});
   });
-  EXPECT_TRUE(IsXml(answer, ""));
+  EXPECT_TRUE(IsError(answer, 400, "InvalidXmlContent"));
   EXPECT_EQ(storage_.Calls("stream").size(), writes + 1);
   EXPECT_EQ(Object("k"), "aaaa");
+}
+
+TEST_F(CObjectServerMultipartBesideTest, TheSweepLeavesATaskThatIsBeingCompleted) {
+  CManualClock clock;
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  clock.Advance(259201);
+  int sweeps = 0;
+  storage_.SetHook([&](const CFakeStorage::Call& call) {
+    if (call.kind == "stream") {
+      CloudStorage::ObjectTaskInfo task;
+      std::thread([] { CloudStorage::CCleanExpiredTaskThread().OnTimer(); }).join();
+      EXPECT_TRUE(catalogue_.GetTaskInfo(upload_id, 1, task));
+      ++sweeps;
+    }
+  });
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}}), ""));
+  EXPECT_EQ(sweeps, 1);
+  EXPECT_EQ(Object("k"), "aaaa");
+}
+
+// A completion waits for a slow part, and the task goes before its turn comes. It must not make an object of bytes that
+// are being freed.
+TEST_F(CObjectServerMultipartBesideTest, ACompletionThatWaitedFindsItsTaskSweptAway) {
+  NewObject(bucket_, "k", "before");
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  SendPart("k", upload_id, 2, "bbbb");
+  FakeAnswer answer;
+  std::thread completion;
+  storage_.SetHook([&](const CFakeStorage::Call& call) {
+    if (call.data == "slow" && !completion.joinable()) {
+      completion = std::thread([&] { answer = Complete("k", upload_id, {{1, 4}, {2, 4}}); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until it waits
+      EXPECT_TRUE(catalogue_.RemoveObjectTask(upload_id));
+    }
+  });
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 3, "slow"), 500, "ServerInternalError"));
+  ASSERT_TRUE(completion.joinable());
+  completion.join();
+  EXPECT_TRUE(IsError(answer, 400, "InvalidXmlContent"));
+  EXPECT_EQ(Object("k"), "before");
+}
+
+// The same for a part that comes with another length: the object has the size of what it is made of.
+TEST_F(CObjectServerMultipartBesideTest, ACompletionCountsWhatThePartsItWaitedForBecame) {
+  const std::string upload_id = NewTask("k");
+  SendPart("k", upload_id, 1, "aaaa");
+  SendPart("k", upload_id, 2, "bbbb");
+  FakeAnswer answer;
+  std::thread completion;
+  storage_.SetHook([&](const CFakeStorage::Call& call) {
+    if (call.data == "B" && !completion.joinable()) {
+      completion = std::thread([&] { answer = Complete("k", upload_id, {{1, 4}, {2, 4}}); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until it waits
+    }
+  });
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "B"), ""));
+  completion.join();
+  EXPECT_TRUE(IsError(answer, 400, "InvalidXmlContent"));
+  EXPECT_FALSE(HasObject("k"));
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 4}, {2, 1}}), ""));
+  EXPECT_EQ(Object("k"), "aaaaB");
 }
 
 }  // namespace

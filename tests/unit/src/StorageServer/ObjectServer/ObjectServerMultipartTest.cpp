@@ -269,13 +269,16 @@ TEST_F(CObjectServerMultipartTest, OffsetsThatThirtyTwoBitsCannotHold) {
   EXPECT_TRUE(IsError(Complete("k", upload_id, {{65537, 1}}), 400, "InvalidXmlContent"));
 }
 
-TEST_F(CObjectServerMultipartTest, TheLastOffsetThatThirtyTwoBitsHold) {
-  storage_.SetHook([](const CFakeStorage::Call&) {});
+TEST_F(CObjectServerMultipartTest, TheLastPlaceThatThirtyTwoBitsHold) {
   const std::string upload_id = NewTask("k");
   SendPart("k", upload_id, 1, Pattern(1 << 16));
   SendPart("k", upload_id, 2, Pattern(1 << 16));
+  const std::size_t writes = storage_.Calls("stream").size();
+  // Its end would be at exactly 4 GiB.
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 65536, Pattern(1 << 16)), 400, "InvalidHttpContent"));
+  EXPECT_EQ(storage_.Calls("stream").size(), writes);
   storage_.SetResult("stream", 3);  // the place is found; nothing is to be stored there
-  EXPECT_TRUE(IsError(SendPart("k", upload_id, 65536, "x"), 500, "NotEnoughSpace"));
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 65536, Pattern((1 << 16) - 1)), 500, "NotEnoughSpace"));
   EXPECT_EQ(storage_.Calls("stream").back().offset, 65535u * 65536u);
 }
 
@@ -309,8 +312,9 @@ TEST_F(CObjectServerMultipartTest, APartThatCannotBeRecorded) {
   EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 500, "ServerInternalError"));
   EXPECT_EQ(log_->Count(kRecordFailed, logging::kError), 2u);
   Database().Heal();
-  // The task is there, so its first part stays and may be sent again.
-  EXPECT_TRUE(fs::exists(FirstPartFile(upload_id, 1)));
+  // Nothing of a part that was refused stays: whichever comes next is the first one.
+  EXPECT_EQ(FirstPartFiles(), 0u);
+  EXPECT_EQ(StateOf(upload_id).first_part, 0u);
   EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "BB"), ""));
   EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AA"), ""));
   EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}}), ""));

@@ -569,6 +569,44 @@ TEST_F(CObjectServerReadTest, RemovingLeavesTheBytes) {
   EXPECT_TRUE(storage_.Calls("remove").empty());
 }
 
+TEST_F(CObjectServerReadTest, ARemovalThatTheDatabaseRefusesIsAnErrorAndChangesNothing) {
+  const std::string location = NewObject(bucket_, "k", "bytes");
+  Database().FailStatementsWith("DELETE FROM platform.local_object");
+  for (const char* query : {"", "deletefile"}) {
+    log_->Clear();
+    EXPECT_TRUE(IsError(Delete(Path("k"), query), 500, "ServerInternalError")) << query;
+    EXPECT_EQ(log_->Count("[%s]remove object[%s] failed, db operation failed.[%s(%d)]", logging::kError), 1u);
+    EXPECT_EQ(log_->Count("[%s]object name not exist[%s][%s(%d)]", logging::kError), 1u);
+    EXPECT_EQ(Get(Path("k")).body, "bytes");
+  }
+  EXPECT_TRUE(storage_.Calls("remove").empty());
+  Database().Heal();
+  EXPECT_TRUE(IsXml(Delete(Path("k"), "deletefile"), ""));
+  EXPECT_TRUE(IsError(Get(Path("k")), 404, "NoSuchKey"));
+  EXPECT_EQ(storage_.Calls("remove").size(), 1u);
+}
+
+// The new object is neither removed in the old one's place nor left without a name for its bytes.
+TEST_F(CObjectServerReadTest, AnUploadBesideARemovalOfTheFileComesAfterIt) {
+  NewObject(bucket_, "k", "old bytes");
+  std::thread other;
+  std::atomic<bool> done{false};
+  storage_.SetHook([&](const CFakeStorage::Call& call) {
+    if (call.kind == "remove") {
+      other = std::thread([&] {
+        EXPECT_TRUE(IsXml(Put(Path("k"), "new bytes"), ""));
+        done = true;
+      });
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      EXPECT_FALSE(done) << "the upload does not wait for the removal";
+    }
+  });
+  EXPECT_TRUE(IsXml(Delete(Path("k"), "deletefile"), ""));
+  ASSERT_TRUE(other.joinable());
+  other.join();
+  EXPECT_EQ(Get(Path("k")).body, "new bytes");
+}
+
 TEST_F(CObjectServerReadTest, RemovingTheFileHandsItsResolvedPathOver) {
   NewObject(bucket_, "k", "bytes");
   EXPECT_TRUE(IsXml(Delete(Path("k"), "deletefile"), ""));
@@ -602,6 +640,9 @@ TEST_F(CObjectServerReadTest, AFileThatCannotBeRemovedKeepsTheObject) {
   EXPECT_EQ(answer.response.status, 200);
   EXPECT_THAT(answer.body, HasSubstr("<Error>"));
   EXPECT_TRUE(IsThere("k"));
+  EXPECT_EQ(Get(Path("k")).body, "bytes");
+  EXPECT_EQ(Database().Column("SELECT * FROM platform.local_object WHERE bucket_name='" + bucket_ + "'", "name").size(),
+            1u);
 }
 
 TEST_F(CObjectServerReadTest, InternalUrls) {

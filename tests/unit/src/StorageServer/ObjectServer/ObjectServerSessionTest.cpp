@@ -176,6 +176,20 @@ TEST_F(ObjectServerSession, DeletesASetOfBuckets) {
   EXPECT_FALSE(CObjectServerSession::DeleteBuckets({10, 2, 33}));
 }
 
+// The row of a bucket is found under the number that its insert wrote, one by one and as a set.
+TEST_F(ObjectServerSession, DeletesASetOfBucketsWithIdsBeyondASignedNumber) {
+  ASSERT_TRUE(
+      database_.Run("UPDATE platform.sequences SET next_value=2147483648 WHERE name='platform.local_bucket_id_seq'"));
+  BucketInfo bucket = QuotedBucket();
+  BucketInfo other = QuotedBucket();
+  ASSERT_TRUE(CObjectServerSession::CreateBucket(bucket));
+  ASSERT_TRUE(CObjectServerSession::CreateBucket(other));
+  ASSERT_EQ(bucket.id, 0x80000000U);
+  EXPECT_EQ(database_.Column("SELECT id FROM platform.local_bucket", "id").size(), 2U);
+  EXPECT_TRUE(CObjectServerSession::DeleteBuckets({bucket.id, other.id}));
+  EXPECT_EQ(database_.Column("SELECT id FROM platform.local_bucket", "id"), Texts{});
+}
+
 TEST_F(ObjectServerSession, DeletesNothingForAnEmptySet) {
   LoseConnections();
   EXPECT_TRUE(CObjectServerSession::DeleteBuckets({}));

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "CatalogueFixture.h"
+#include "StorageServer/ObjectServer/ObjectServerSession.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -185,13 +186,87 @@ TEST_F(ObjectStorageManagerBuckets, RemoveTheObjectsOfARenamedBucketAndOfNoOther
   MakeBucket("second");
   MakeObject("first", "key");
   MakeObject("second", "key");
-  renamed.name = "second";
+  renamed.name = "third";
   ASSERT_TRUE(manager_.ModifyBucket(renamed));
   ASSERT_TRUE(manager_.RemoveBucket(renamed.id));
   EXPECT_FALSE(manager_.IsBucketExist("first"));
   ObjectInfo object;
   EXPECT_TRUE(manager_.GetObjectByName(object, "key", "second"));
   EXPECT_EQ(database_.Column("SELECT * FROM platform.local_object", "bucket_name"), Texts{"second"});
+}
+
+// What the next start will find: rows under the new name, those that were added after the renaming included.
+TEST_F(ObjectStorageManagerBuckets, TakeTheirObjectsAndTasksAlongWhenTheyAreRenamed) {
+  BucketInfo bucket = MakeBucket("old");
+  MakeBucket("other");
+  MakeObject("old", "before");
+  MakeObject("other", "key");
+  ObjectTaskInfo task = Part("renamed-task", 1);
+  task.bucket_name = "old";
+  ASSERT_TRUE(manager_.AddObjectTask(task));
+  bucket.name = "new";
+  ASSERT_TRUE(manager_.ModifyBucket(bucket));
+
+  ObjectInfo object;
+  EXPECT_TRUE(manager_.GetObjectByName(object, "before", "old")) << "the old name is good until the next start";
+  object = Object("old", "after");
+  EXPECT_TRUE(manager_.AddObject(object));
+  ObjectTaskInfo part = Part("renamed-task", 2);
+  part.bucket_name = "old";
+  EXPECT_TRUE(manager_.InsertObjectTask(part));
+  EXPECT_EQ(manager_.CheckTaskInfoExist(part), 0);
+  ObjectTaskInfo late = Part("late-task", 1);
+  late.bucket_name = "old";
+  EXPECT_TRUE(manager_.AddObjectTask(late));
+
+  const std::string objects = "SELECT * FROM platform.local_object WHERE bucket_name='new' ORDER BY name";
+  EXPECT_EQ(database_.Column(objects, "name"), (Texts{"after", "before"}));
+  const std::string tasks = "SELECT * FROM platform.local_object_task ORDER BY id";
+  EXPECT_EQ(database_.Column(tasks, "bucket_name"), (Texts{"new", "new", "new"}));
+  ObjectSet loaded;
+  EXPECT_TRUE(CObjectServerSession::QueryObject(loaded, "new"));
+  EXPECT_EQ(loaded.size(), 2U);
+}
+
+TEST_F(ObjectStorageManagerBuckets, AreNotRenamedByHalves) {
+  for (const char* refused :
+       {"UPDATE platform.local_bucket", "UPDATE platform.local_object ", "UPDATE platform.local_object_task"}) {
+    BucketInfo bucket = MakeBucket("whole");
+    MakeObject("whole", "key");
+    database_.FailStatementsWith(refused);
+    bucket.name = "renamed";
+    EXPECT_FALSE(manager_.ModifyBucket(bucket)) << refused;
+    database_.Heal();
+    EXPECT_EQ(Rows("name"), Texts{"whole"});
+    EXPECT_EQ(database_.Column("SELECT * FROM platform.local_object", "bucket_name"), Texts{"whole"});
+    BucketInfo found;
+    EXPECT_TRUE(manager_.GetBucketByName(found, "whole"));
+    EXPECT_EQ(found.name, "whole");
+    EXPECT_TRUE(manager_.RemoveBucket(bucket.id));
+  }
+}
+
+// Two buckets of one name could not be told apart at the next start.
+TEST_F(ObjectStorageManagerBuckets, AreNotGivenANameThatIsTaken) {
+  BucketInfo first = MakeBucket("first");
+  BucketInfo second = MakeBucket("second");
+  first.name = "second";
+  EXPECT_FALSE(manager_.ModifyBucket(first));
+  ExpectLine(5, "CObjectStorageManager::ModifyBucket", "[%s]Modify bucket[%s] failed, bucket already exist.[%s(%d)]",
+             "Modify bucket[second] failed, bucket already exist.");
+  EXPECT_EQ(database_.Statements(), Texts{});
+
+  first.name = "third";
+  ASSERT_TRUE(manager_.ModifyBucket(first));
+  second.name = "third";
+  EXPECT_FALSE(manager_.ModifyBucket(second)) << "taken from the next start on";
+  second.name = "first";
+  EXPECT_FALSE(manager_.ModifyBucket(second)) << "taken until the next start";
+  BucketInfo third = Named("third");
+  EXPECT_FALSE(manager_.AddBucket(third));
+  first.name = "first";
+  EXPECT_TRUE(manager_.ModifyBucket(first)) << "back to its own name";
+  EXPECT_TRUE(manager_.AddBucket(third));
 }
 
 TEST_F(ObjectStorageManagerBuckets, RemovesNothingThatTheDatabaseRefuses) {

@@ -3,7 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -189,16 +191,18 @@ TEST_F(ObjectStorageManagerObjects, CountAMissingObjectAsRemoved) {
   EXPECT_EQ(CountLines(logging::kTrace), 0U);
 }
 
-TEST_F(ObjectStorageManagerObjects, ForgetAnObjectWhoseRowStays) {
+TEST_F(ObjectStorageManagerObjects, KeepAnObjectWhoseRowStays) {
   MakeBucket("bucket");
-  MakeObject("bucket", "key");
+  const ObjectInfo object = MakeObject("bucket", "key");
   database_.FailStatementsWith("DELETE");
-  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  EXPECT_FALSE(manager_.RemoveObject("key", "bucket"));
   ExpectLine(5, "CObjectStorageManager::RemoveObject", "[%s]remove object[%s] failed, db operation failed.[%s(%d)]",
              "remove object[key] failed, db operation failed.");
-  ObjectInfo object;
-  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+  EXPECT_EQ(Find("bucket", "key").url, object.url);
   EXPECT_EQ(Rows("name"), Texts{"key"});
+  database_.Heal();
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  EXPECT_EQ(Rows("name"), Texts{});
 }
 
 class ObjectFile : public ObjectStorageManagerObjects {
@@ -263,6 +267,52 @@ TEST_F(ObjectFile, LogsABucketWithoutObjectsOnly) {
   EXPECT_FALSE(manager_.GetObjectFile(path, "key", "bucket"));
   EXPECT_EQ(CountLines(logging::kTrace), 0U);
   EXPECT_EQ(path, "untouched");
+}
+
+TEST_F(ObjectFile, GoesWithTheRow) {
+  MakeObject("bucket", "key");
+  Texts paths;
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket", [&](const std::string& path) {
+    paths.push_back(path);
+    EXPECT_EQ(Rows("name"), Texts{}) << "bytes without a row are better than a row without bytes";
+    return true;
+  }));
+  EXPECT_EQ(paths, Texts{"./vol-1\\ab\\cd\\key.d"});
+  ObjectInfo object;
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+}
+
+TEST_F(ObjectFile, ThatStaysKeepsItsRow) {
+  const ObjectInfo object = MakeObject("bucket", "key");
+  EXPECT_FALSE(manager_.RemoveObject("key", "bucket", [](const std::string&) { return false; }));
+  EXPECT_EQ(Find("bucket", "key").url, object.url);
+  EXPECT_EQ(Rows("url"), Texts{object.url});
+  EXPECT_EQ(Rows("id"), Texts{std::to_string(Find("bucket", "key").id)});
+  EXPECT_TRUE(manager_.RemoveObject("key", "bucket"));
+  EXPECT_EQ(Rows("url"), Texts{});
+}
+
+TEST_F(ObjectFile, IsNotTouchedWhenTheRowStays) {
+  MakeObject("bucket", "key");
+  database_.FailStatementsWith("DELETE");
+  EXPECT_FALSE(manager_.RemoveObject("key", "bucket", [](const std::string&) {
+    ADD_FAILURE() << "bytes of a row that stays";
+    return true;
+  }));
+  Find("bucket", "key");
+}
+
+TEST_F(ObjectFile, WhoseRowCannotBePutBackIsNoObjectAnyMore) {
+  MakeObject("bucket", "key");
+  EXPECT_FALSE(manager_.RemoveObject("key", "bucket", [this](const std::string&) {
+    database_.FailStatementsWith("INSERT");
+    return false;
+  }));
+  ExpectLine(5, "CObjectStorageManager::PutRowBack", "[%s]put back object[%s] failed, db operation failed.[%s(%d)]",
+             "put back object[key] failed, db operation failed.");
+  ObjectInfo object;
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket")) << "memory and database still agree";
+  EXPECT_EQ(Rows("url"), Texts{});
 }
 
 // Memory and database hold the same objects, each once, with the same contents.
@@ -387,6 +437,75 @@ TEST_F(ObjectStorageManagerParallel, TheRemovalOfABucketComesAfterAnUploadUnderW
   EXPECT_EQ(Rows("name"), Texts{});
   MakeBucket("bucket");
   EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+}
+
+TEST_F(ObjectStorageManagerParallel, AnUploadBesideTheRemovalOfItsBucketFindsNoBucket) {
+  for (const bool as_set : {false, true}) {
+    const BucketInfo bucket = MakeBucket("bucket");
+    ObjectInfo object = Object("bucket", "key");
+    RunBeside(
+        "DELETE FROM platform.local_bucket",
+        [&] {
+          EXPECT_TRUE(as_set ? manager_.RemoveBucket(std::set<std::uint32_t>{bucket.id})
+                             : manager_.RemoveBucket(bucket.id));
+        },
+        [&] { EXPECT_FALSE(manager_.AddObject(object)); });
+    EXPECT_EQ(Rows("name"), Texts{});
+  }
+}
+
+TEST_F(ObjectStorageManagerParallel, AnUploadBesideTheRenamingOfItsBucketGoesAlong) {
+  BucketInfo bucket = MakeBucket("bucket");
+  ObjectInfo object = Object("bucket", "key");
+  bucket.name = "renamed";
+  RunBeside(
+      "UPDATE platform.local_bucket", [&] { EXPECT_TRUE(manager_.ModifyBucket(bucket)); },
+      [&] { EXPECT_TRUE(manager_.AddObject(object)); });
+  EXPECT_EQ(Rows("bucket_name"), Texts{"renamed"});
+}
+
+// Uploads into a bucket and its removal at once, again and again: whoever comes last, memory and database agree.
+TEST_F(ObjectStorageManagerParallel, UploadsAndTheRemovalOfTheirBucketAtOnce) {
+  for (int round = 0; round < 60; ++round) {
+    const BucketInfo bucket = MakeBucket("bucket");
+    InThreads(4, [&](int i) {
+      ObjectInfo object = Object("bucket", std::to_string(i));
+      if (i == 0) {
+        EXPECT_TRUE(manager_.RemoveBucket(bucket.id));
+      } else {
+        manager_.AddObject(object);
+      }
+    });
+    ASSERT_EQ(Rows("name"), Texts{}) << "rows of a bucket that is gone";
+    const BucketInfo again = MakeBucket("bucket");
+    ObjectInfo object;
+    for (const char* name : {"1", "2", "3"}) {
+      ASSERT_FALSE(manager_.GetObjectByName(object, name, "bucket"));
+    }
+    ASSERT_TRUE(manager_.RemoveBucket(again.id));
+  }
+}
+
+TEST_F(ObjectStorageManagerParallel, AnUploadBesideARemovalWithItsFileKeepsItsBytes) {
+  MakeBucket("bucket");
+  ASSERT_TRUE(
+      database_.Run("INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES ('fs01', './vol-1\\')"));
+  MakeObject("bucket", "key");
+  ObjectInfo fresh = Object("bucket", "key");
+  fresh.url = "fs01ab-cd-fresh.d";
+  Texts paths;
+  RunBeside(
+      "DELETE FROM platform.local_object",
+      [&] {
+        EXPECT_TRUE(manager_.RemoveObject("key", "bucket", [&paths](const std::string& path) {
+          paths.push_back(path);
+          return true;
+        }));
+      },
+      [&] { EXPECT_TRUE(manager_.AddObject(fresh)); });
+  EXPECT_EQ(paths, Texts{"./vol-1\\ab\\cd\\key.d"});
+  EXPECT_EQ(Find("bucket", "key").url, fresh.url);
+  EXPECT_EQ(Rows("url"), Texts{fresh.url});
 }
 
 TEST_F(ObjectStorageManagerParallel, ASecondUploadOfANewNameBesideTheFirstUpdatesIt) {
