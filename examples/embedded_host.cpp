@@ -97,15 +97,14 @@ bool MakeSchema() {
   return made;
 }
 
-// The module's errors go to standard error, without the keys: lines about refused signatures hold them.
-bool StartLog(const char* access_key, const char* secret_key) {
+// The module's errors go to standard error, without the secret key: lines about refused signatures hold it.
+bool StartLog(const char* secret_key) {
   std::string error;
   const auto sink = logging::CStandardSink::Create({}, error);
   if (!sink) {
     std::cerr << error << "\n";
     return false;
   }
-  sink->AddSecret(access_key);
   sink->AddSecret(secret_key);
   logging::SetSink(sink);
   logging::SetLowestLevel(logging::kError);
@@ -119,7 +118,7 @@ int main(int argc, char** argv) {
     std::cerr << "usage: embedded_host PORT PICTURE_PORT ACCESS_KEY SECRET_KEY, in a folder without catalogue.db\n";
     return 2;
   }
-  if (!StartLog(argv[3], argv[4])) {
+  if (!StartLog(argv[4])) {
     return 1;
   }
   cloud::StorageServerConfig objects;

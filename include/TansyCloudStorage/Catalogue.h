@@ -1,5 +1,6 @@
 // Catalogue records, and the bucket functions that a host may call directly once InitObjectServer has returned.
-// Threads: any. Errors: false, with the reason in the log; nothing throws.
+// Threads: any, also while requests run. Ownership: records are copied in both directions.
+// Errors: false, with the reason in the log; nothing throws.
 #ifndef TANSY_CLOUD_STORAGE_CATALOGUE_H
 #define TANSY_CLOUD_STORAGE_CATALOGUE_H
 
@@ -19,9 +20,9 @@ struct BucketInfo {
   std::string reserve;    // carried in memory, copied by ModifyBucket, never stored
   std::uint32_t acl = 0;  // set to 0 at creation
   std::string location;
-  std::uint32_t cycle = 0;  // retention cycle
-  std::uint32_t size = 0;
-  std::uint32_t flag = 0;  // must be 1 for AddBucket; never stored
+  std::uint32_t cycle = 0;  // retention cycle, kept and not enforced
+  std::uint32_t size = 0;   // kept as the caller gave it, in whatever unit, and not enforced
+  std::uint32_t flag = 0;   // must be 1 for AddBucket; never stored
 };
 
 struct ObjectInfo {
@@ -38,6 +39,7 @@ struct ObjectInfo {
 // the same and serves what it could read: a host asks here before it announces itself, because a client would otherwise
 // take objects that could not be read for objects that do not exist. False before the first InitObjectServer.
 TANSY_CLOUD_STORAGE_API bool IsCatalogueLoaded();
+
 // Adds a bucket; writes back `id` and `acl`. False at once unless `flag` is 1.
 TANSY_CLOUD_STORAGE_API bool AddBucket(BucketInfo& bucket);
 // Appends every bucket in name order to `buckets`, which is not cleared first.

@@ -1,7 +1,9 @@
 // Entry points of the object server.
 //
-// Threads: InitObjectServer is called once by the host, before the others; all others may be called from any thread.
-// Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise.
+// Threads: InitObjectServer is called once by the host, on any thread, before the others; only SetReadLeaseCallbacks
+// and SetSignatureDateWindow may come before it. All others may be called from any thread, also while requests run.
+// Ownership: whatever is passed in is copied, but for the factory, which is kept for the life of the process.
+// Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise; the log says why.
 #ifndef TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
 #define TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
 
@@ -20,10 +22,11 @@ class IFactoryInterface;
 
 namespace Tansy::CloudStorage {
 
-// Connects to the database (blocks and tries again every 5 s until it accepts), loads the catalogue and opens the
-// listeners; the second form opens HTTPS listeners too. Requests are served once InitPicServer has started the message
-// loop that both servers share. The factory's interfaces are kept for the life of the process. -1 when upload and
-// download port differ (the listeners are open all the same), else the HTTP library's error.
+// Connects to the database, loads the catalogue and opens the listeners; the second form opens HTTPS listeners too.
+// Blocks until the database accepts: it tries again every 5 s, logs the reason each time and asks the factory for the
+// parameters anew. Requests are served once InitPicServer has started the message loop that both servers share. 0 also
+// when the catalogue could not be read (ask IsCatalogueLoaded); -1 when upload and download port differ (the listeners
+// are open all the same); else the HTTP library's error, with the listeners open that had been opened before.
 TANSY_CLOUD_STORAGE_API int InitObjectServer(const StorageServerConfig& config,
                                              const std::shared_ptr<KivPlatform::IFactoryInterface>& factory);
 TANSY_CLOUD_STORAGE_API int InitObjectServer(const StorageServerConfig_V1& config,
@@ -39,8 +42,9 @@ TANSY_CLOUD_STORAGE_API int SetObjectServerEnable(bool enable);
 // path is no object path or the object does not exist.
 TANSY_CLOUD_STORAGE_API bool GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url);
 
-// Checks a download request that the host received itself, as the server would; on 0 `internal_url` is the location
-// text with its "pool_name:" prefix. Otherwise the error code of the object protocol (-1 to -20).
+// Checks a download request that the host received itself, as the server would: `url` is the path as it was sent,
+// `query` what followed its "?". None of the four is changed. On 0 `internal_url` is the location text with its
+// "pool_name:" prefix. Otherwise the error code of the object protocol (-1 to -20), and `internal_url` stays.
 TANSY_CLOUD_STORAGE_API int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method,
                                                     std::string& query, std::map<std::string, std::string>& headers);
 
@@ -61,7 +65,8 @@ TANSY_CLOUD_STORAGE_API bool GetUploadsUnderWay(std::vector<std::string>& locati
 // query (tokens, signed picture addresses) carry no date and are exempt. Always 0.
 TANSY_CLOUD_STORAGE_API int SetSignatureDateWindow(std::uint32_t minutes);
 
-// Address updates for both servers (picture server first); they count for the next request. Always 0.
+// Address updates for both servers (picture server first); they count for the next request. Addresses are texts without
+// brackets, ports are decimal texts in the last form (0 when they are no numbers). Always 0.
 TANSY_CLOUD_STORAGE_API int UpdateLocalServerIp(const std::string& ip);
 TANSY_CLOUD_STORAGE_API int UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t picture_port,
                                                 std::uint32_t object_port);

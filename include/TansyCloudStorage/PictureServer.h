@@ -1,5 +1,8 @@
 // Entry points of the picture server, which also owns the message loop that both servers share.
-// Threads: any. Errors: nothing throws; 0 is success.
+//
+// Threads: any; UninitPicServer not from a storage callback, because it waits for those that run.
+// Ownership: the configuration is copied.
+// Errors: nothing throws; 0 is success, anything else a failure, and the log says why.
 #ifndef TANSY_CLOUD_STORAGE_PICTURE_SERVER_H
 #define TANSY_CLOUD_STORAGE_PICTURE_SERVER_H
 
@@ -18,7 +21,7 @@ TANSY_CLOUD_STORAGE_API int InitPicServer(const StorageServerConfig_V1& config);
 // downloads are broken off, and no storage callback is called any more once this function has returned.
 TANSY_CLOUD_STORAGE_API int UninitPicServer();
 
-// Stops or starts the picture listeners.
+// Stops or starts the picture listeners. 0 also when they are in that state already, else the HTTP library's error.
 TANSY_CLOUD_STORAGE_API int SetPicServerEnable(bool enable);
 
 }  // namespace Tansy::CloudStorage

@@ -1,6 +1,8 @@
 // What a host hands to the module at start: where its database is, and how to hear of configuration changes.
+//
 // Ownership: the module keeps the shared pointers for the life of the process. Threads: the module may call any method
-// from any of its threads.
+// from any of its threads. Errors: an exception that leaves a method fails the module's function that called it,
+// and is logged.
 #ifndef TANSY_KIV_PLATFORM_FACTORY_INTERFACE_H
 #define TANSY_KIV_PLATFORM_FACTORY_INTERFACE_H
 
@@ -14,7 +16,8 @@ namespace KivPlatform {
 inline constexpr int kDatabaseSqlite = 0;      // GetDatabaseName is the path of the file
 inline constexpr int kDatabasePostgresql = 1;  // the other getters say where and who
 
-// The host's local configuration: the database settings, read anew at each call.
+// The host's local configuration: the database settings. The module reads all of them when it connects, again before
+// each new try, and when it is told of a change of "Config_LocalConfigManager"; texts are UTF-8.
 class ILocalConfig {
  public:
   virtual ~ILocalConfig() = default;
@@ -35,8 +38,9 @@ class IDatabaseParam {
 class IConfigManager {
  public:
   virtual ~IConfigManager() = default;
-  // `listener` is called with the name of a configuration that changed.
+  // `listener` is called with the name of a configuration that changed, on any thread, for the life of the process.
   using Listener = std::function<void(const std::string& config_name)>;
+  // The module registers one listener, with the owner "CloudStorage". True when it will be called.
   virtual bool RegisterConfigListener(const std::string& owner, const std::string& config_name, Listener listener) = 0;
 };
 
