@@ -18,7 +18,8 @@ int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_run
 
 // The server's side: does what is asked for, if anything is. Failures are answered as well.
 void AnswerCheckRequest(IObjectStore& store, const std::string& database, const std::function<bool()>& is_stopping);
-// Removes requests and answers that nobody waits for any more.
+// Removes what an earlier run has left: to be called as soon as the data folder is locked, and at the end. A command
+// that still waits notices that the server is gone.
 void ForgetCheckRequests();
 
 }  // namespace Tansy::Host

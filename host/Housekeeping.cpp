@@ -21,13 +21,12 @@ constexpr std::int64_t kSaveClockSeconds = 3600;
 // From the last byte of an upload to its row, waiting for the database and all.
 constexpr std::int64_t kLongestRequestSeconds = 300;
 // So long it is remembered which bytes were given up, to be far on the safe side of that.
-constexpr std::int64_t kGivenUpSeconds = 6 * 3600;
+constexpr std::int64_t kGivenUpSeconds = std::int64_t{6} * 3600;
 
 std::vector<std::string> Urls(const std::vector<NewBytes>& batch) {
   std::vector<std::string> urls;
-  for (const NewBytes& bytes : batch) {
-    urls.push_back(LocationText(bytes.name));
-  }
+  std::transform(batch.begin(), batch.end(), std::back_inserter(urls),
+                 [](const NewBytes& bytes) { return LocationText(bytes.name); });
   return urls;
 }
 
@@ -85,7 +84,9 @@ void CHousekeeping::SaveClock() {
 
 void CHousekeeping::LookAtNew() {
   std::vector<std::string> locations;
-  uploads_(locations);
+  if (!uploads_(locations)) {
+    return;
+  }
   std::vector<StoredName> running;
   for (const std::string& location : locations) {
     StoredName name;

@@ -27,8 +27,8 @@ struct HousekeepingRules {
 // One thread uses it. Errors are logged; what could not be done is tried again in the next round.
 class CHousekeeping {
  public:
-  // The location texts of the streamed uploads that are still running.
-  using UploadsUnderWay = std::function<void(std::vector<std::string>& locations)>;
+  // The location texts of the streamed uploads that are still running. False when they cannot be told.
+  using UploadsUnderWay = std::function<bool(std::vector<std::string>& locations)>;
 
   CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules, UploadsUnderWay uploads,
                 std::function<bool()> is_stopping);

@@ -5,6 +5,7 @@
 
 #include "CheckRequest.h"
 #include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/ObjectServer.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -12,8 +13,6 @@ namespace {
 
 constexpr std::uint32_t kLookForChecksMs = 1000;
 constexpr std::int64_t kLongestPeriodSeconds = 10;
-
-void UploadsUnderWay(std::vector<std::string>& /*locations*/) {}
 
 }  // namespace
 }  // namespace details
@@ -24,7 +23,7 @@ CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, st
       store_(store),
       database_(std::move(database)),
       period_seconds_(std::clamp<std::int64_t>(rules.keep_failed_seconds / 2, 1, details::kLongestPeriodSeconds)),
-      housekeeping_(std::move(store), rules, &details::UploadsUnderWay, [this] { return IsStopping(); }) {}
+      housekeeping_(std::move(store), rules, &CloudStorage::GetUploadsUnderWay, [this] { return IsStopping(); }) {}
 
 CHousekeepingThread::~CHousekeepingThread() {
   Stop();
@@ -32,7 +31,6 @@ CHousekeepingThread::~CHousekeepingThread() {
 }
 
 void CHousekeepingThread::Begin() {
-  ForgetCheckRequests();
   Start(details::kLookForChecksMs);
 }
 

@@ -14,7 +14,7 @@ namespace details {
 namespace {
 
 constexpr std::string_view kPagePrefix = "new.";
-constexpr std::size_t kReadAtOnce = 1024 * 1024;
+constexpr std::size_t kReadAtOnce = std::size_t{1024} * 1024;
 
 std::string PageName(std::uint64_t number) {
   return std::string(kPagePrefix) + std::to_string(number);

@@ -10,6 +10,7 @@
 #include "Catalogue.h"
 #include "Certificate.h"
 #include "CheckCommand.h"
+#include "CheckRequest.h"
 #include "Factory.h"
 #include "FileStore.h"
 #include "FirstParts.h"
@@ -125,6 +126,7 @@ CServer::CServer(const CommandLine& command_line) {
     OpenLog();
     return;
   }
+  ForgetCheckRequests();
   OpenLog();
   OpenDatabase();
   OpenStore();

@@ -53,6 +53,23 @@ TEST_F(SpaceTest, UploadsThatBreakOffLeaveNothing) {
   EXPECT_EQ(Get("/b/kept"), "kept");
 }
 
+TEST_F(SpaceTest, AnUploadThatIsSlowKeepsWhatItHasSent) {
+  ASSERT_TRUE(server_.Start(Quick()));
+  MakeBucket("b");
+  const auto slow = BeginPut("/b/slow", 12000000, 9000000);
+  ASSERT_TRUE(WaitUntil([this] { return StoredFiles() == 1; }));
+  // One that began later breaks off and is given back: so the slow one has waited longer than it may.
+  for (int i = 0; i < 2; ++i) {
+    const auto upload = BeginPut("/b/cut", 12000000, 9000000);
+    ASSERT_TRUE(WaitUntil([this] { return StoredFiles() == 2; }));
+    upload->Reset();
+    ASSERT_TRUE(WaitUntil([this] { return StoredFiles() == 1; }));
+  }
+  EXPECT_TRUE(slow->Send(std::string(3000000, 'x')));
+  EXPECT_EQ(Outcome(slow->Receive()), "200");
+  EXPECT_EQ(Get("/b/slow") == std::string(12000000, 'x'), true);
+}
+
 TEST_F(SpaceTest, OverwrittenAndRemovedBytesAreGivenBack) {
   ASSERT_TRUE(server_.Start(Quick({"--keep-removed", "0"})));
   MakeBucket("b");

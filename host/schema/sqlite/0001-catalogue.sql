@@ -41,7 +41,7 @@ CREATE TABLE platform.local_object_task (
 );
 CREATE INDEX platform.local_object_task_id ON local_object_task (task_id);
 
--- What the first four characters of a location text stand for. Written by the host, one row a volume.
+-- What the first four characters of a location text stand for. Written by the host, one row per volume.
 CREATE TABLE platform.picture_url_encrypt (
   encrypt_url TEXT PRIMARY KEY,
   url TEXT NOT NULL

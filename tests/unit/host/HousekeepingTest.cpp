@@ -25,7 +25,11 @@ class HousekeepingTest : public CatalogueFixture {
     store_ = OpenFileStore("objects", false);
     housekeeping_ = std::make_unique<CHousekeeping>(
         std::shared_ptr<IObjectStore>(std::shared_ptr<void>(), store_.get()), HousekeepingRules(),
-        [this](std::vector<std::string>& locations) { locations = running_; }, [this] { return stopping_; });
+        [this](std::vector<std::string>& locations) {
+          locations = running_;
+          return running_is_known_;
+        },
+        [this] { return stopping_; });
   }
   void Round(std::int64_t seconds_later = 0) {
     clock_.Advance(seconds_later);
@@ -39,6 +43,7 @@ class HousekeepingTest : public CatalogueFixture {
   Tests::CManualClock clock_;
   std::unique_ptr<CHousekeeping> housekeeping_;
   std::vector<std::string> running_;
+  bool running_is_known_ = true;
   bool stopping_ = false;
 };
 
@@ -210,6 +215,16 @@ TEST_F(HousekeepingTest, ARunningUploadKeepsItsBytesHoweverSlowItIs) {
   Round(1);
   Round(kGrace);
   EXPECT_TRUE(IsStored(url));
+}
+
+TEST_F(HousekeepingTest, AsLongAsItIsNotKnownWhatIsRunningNothingIsGivenUp) {
+  const std::string url = Store("piece 1");
+  running_is_known_ = false;
+  Round(kGrace);
+  EXPECT_TRUE(IsStored(url));
+  running_is_known_ = true;
+  Round();
+  EXPECT_FALSE(IsStored(url));
 }
 
 TEST_F(HousekeepingTest, WhatACrashLeftIsFreedAtTheNextStart) {
