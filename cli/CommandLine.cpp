@@ -232,6 +232,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
     std::vector<std::string> words = details::WithHelpAsOption(argc, argv);
     details::MarkPlainWords(words);
     std::vector<const char*> pointers;
+    pointers.reserve(words.size());
     for (const std::string& word : words) {
       pointers.push_back(word.c_str());
     }
