@@ -83,6 +83,36 @@ TEST_F(CommandLineDamageTest, NeverMixesTwoVersionsOfAnObject) {
   }
 }
 
+TEST_F(CommandLineDamageTest, PutsStandardInputWhileTheServerIsStartedAgain) {
+  const std::string content = RandomBytes(44 * kMiB + 7, 3);
+  CProgram program(Tansy({"put", "-", "--name", "stream"}));
+  ASSERT_TRUE(program.Feed(std::string_view(content).substr(0, 20 * kMiB)));
+  // Two parts of 8 MiB are on their way; the server has them when it says so.
+  EXPECT_TRUE(WaitUntil([&] {
+    return Query(server_.Data("catalogue.db"),
+                 "select count(*) from local_object_task where size > 0 and is_deleted = 0") ==
+           std::vector<std::string>{"2"};
+  }));
+  ASSERT_TRUE(server_.Stop());
+  ASSERT_TRUE(server_.Start(launch_));
+  ASSERT_TRUE(program.Feed(std::string_view(content).substr(20 * kMiB)));
+  const Ended ended = program.WaitForEnd();
+  EXPECT_EQ(Failure(ended), "0 ");
+  EXPECT_TRUE(Do({"cat", "/photos/stream"}) == content);
+}
+
+TEST_F(CommandLineDamageTest, PutsAFileWhileTheServerIsKilledAndStartedAgain) {
+  const std::string content = RandomBytes(96 * kMiB, 4);
+  Write("film", content);
+  CProgram program(Tansy({"put", "film", "--name", "film", "--verify"}));
+  EXPECT_TRUE(WaitUntil([&] { return program.CountOpen("socket:") >= 3 || !program.IsRunning(); }));
+  server_.Kill();
+  ASSERT_TRUE(server_.Start(launch_));
+  const Ended ended = program.WaitForEnd();
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_TRUE(Do({"cat", "/photos/film"}) == content);
+}
+
 TEST_F(CommandLineDamageTest, ResumesADownloadThatWasKilled) {
   const std::string content = RandomBytes(120 * kMiB, 5);
   Write("film", content);
