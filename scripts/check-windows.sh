@@ -20,7 +20,7 @@ ln -s "/usr/include/$(gcc -print-multiarch)/openssl/"* "$headers/openssl/"
 # Formats are checked by the native build; here they would be held against a C library that does not know all of them.
 compile=(
   x86_64-w64-mingw32-g++-posix -std=c++20 -fsyntax-only -Wall -Wextra -Werror -Wno-unknown-pragmas -Wno-format -Wno-format-extra-args
-  -D_WIN32_WINNT=0x0A00 -DNOMINMAX -DTANSY_VERSION='"0"' -DSCHEMA_FILE='""' -Dlogging_EXPORTS
+  -D_WIN32_WINNT=0x0A00 -DNOMINMAX -DTANSY_VERSION='"0"' -DSCHEMA_FILE='""' -Dlogging_EXPORTS -DTANSY_CLOUD_STORAGE_BUILD
   -DBOOST_ASIO_SEPARATE_COMPILATION -DBOOST_BEAST_SEPARATE_COMPILATION
   -Iplatform -Iinclude -Isrc -Ihost -Icli
   -isystem "$headers"
