@@ -14,6 +14,7 @@
 
 #include "TansyCloudStorage/ObjectClient.h"
 #include "TansyNet/HttpClient.h"
+#include "fakes/Ipv6Loopback.h"
 #include "support/TansydTest.h"
 
 namespace system_tests {
@@ -365,6 +366,28 @@ INSTANTIATE_TEST_SUITE_P(Transports, ClientTest, testing::Bool(),
 
 // What the switch for self-signed servers is there for.
 class ClientTrustTest : public TansydTest {};
+
+TEST_F(ClientTrustTest, TalksToAServerByItsIpv6Address) {
+  if (!Tansy::Tests::HasIpv6Loopback()) {
+    GTEST_SKIP() << Tansy::Tests::kNoIpv6Loopback;
+  }
+  ASSERT_TRUE(server_.Start());
+  MakeBucket("pool");
+  const Keys keys;
+  SStorageServerConfig config;
+  config.ip = "::1";
+  config.upload_port = config.download_port = server_.GetObjectPort();
+  config.pool_name = "pool";
+  config.ak = keys.access_key;
+  config.sk = keys.secret_key;
+  CObjectClient client(config);
+  std::string url;
+  ASSERT_TRUE(client.UploadFile(url, "bytes", 5)) << client.GetLastFailure().text;
+  EXPECT_EQ(Get(url), "bytes");
+  EXPECT_TRUE(client.DownloadFile(url, temp_.Path("copy"))) << client.GetLastFailure().text;
+  EXPECT_EQ(temp_.Read("copy"), "bytes");
+  EXPECT_TRUE(client.RemoveFileByUrl(url)) << client.GetLastFailure().text;
+}
 
 TEST_F(ClientTrustTest, TalksToAServerThatNobodyVouchesForOnlyWhenTold) {
   Launch launch;
