@@ -1,5 +1,8 @@
 #include "TansyNet/HttpServer.h"
 
+#include <new>
+#include <string_view>
+
 #include "TansyNet/server/ListenAddresses.h"
 #include "TansyNet/server/ListenerTable.h"
 #include "TansyNet/server/ServerRuntime.h"
@@ -59,6 +62,21 @@ int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, 
   return 0;
 }
 
+// A failed allocation in the middle of an answer leaves nothing that could be gone on with.
+template <typename Send>
+int SendGuarded(std::int32_t handle, Send send) {
+  const auto connection = TheProcess().runtime.Handles().Find(handle);
+  if (connection == nullptr) {
+    return kNetUnknownHandle;
+  }
+  try {
+    return send(*connection);
+  } catch (const std::bad_alloc&) {
+    connection->Abort();
+    return kNetSendFailed;
+  }
+}
+
 int Report(int result, std::int32_t handle) {
   if (result != 0) {
     TANSY_LOG(logging::kNotable, "TansyNet", "[%s]answer dropped, revalue = %d, handle = %d[%s(%d)]", result, handle);
@@ -85,18 +103,17 @@ int CHttpServer::StopServer(std::int32_t handle) {
 
 int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                     const char* data) {
-  const auto connection = details::TheProcess().runtime.Handles().Find(handle);
-  const int result =
-      connection == nullptr ? kNetUnknownHandle : connection->Answer(handle, response, std::string_view(data, size));
+  const int result = details::SendGuarded(handle, [&](IServerConnection& connection) {
+    return connection.Answer(handle, response, std::string_view(data, size));
+  });
   return details::Report(result, handle);
 }
 
 int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                           const char* data, std::uint64_t total_size) {
-  const auto connection = details::TheProcess().runtime.Handles().Find(handle);
-  const int result = connection == nullptr
-                         ? kNetUnknownHandle
-                         : connection->AnswerInChunks(handle, response, std::string_view(data, size), total_size);
+  const int result = details::SendGuarded(handle, [&](IServerConnection& connection) {
+    return connection.AnswerInChunks(handle, response, std::string_view(data, size), total_size);
+  });
   return details::Report(result, handle);
 }
 

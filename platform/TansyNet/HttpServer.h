@@ -37,7 +37,9 @@ class CHttpServer {
   static int StopServer(std::int32_t handle);
 
   // Answers a request. Writes from the calling thread; what the socket does not take at once is copied and finished by
-  // the library's threads, so the call never waits for a client. Each request is answered exactly once.
+  // the library's threads, so the call never waits for a client. The copies count in MemoryAccount.h: when there is no
+  // room for the rest of a large answer, the client gets 503 instead and the result is kNetNoMemory. Each request is
+  // answered exactly once.
   static int HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                 const char* data);
   // One chunk of an answer of `total_size` bytes; the first call sends the head too. Waits until the chunk is with the

@@ -46,6 +46,16 @@ bool CMemoryAccount::CanEverTake(MemoryUse use, std::uint64_t bytes) const {
   return bytes <= PartOf(use);
 }
 
+void CMemoryAccount::BeginWait() {
+  const Lock lock(mutex_);
+  ++waiting_;
+}
+
+void CMemoryAccount::EndWait() {
+  const Lock lock(mutex_);
+  --waiting_;
+}
+
 bool CMemoryAccount::IsShort(MemoryUse use) const {
   const Lock lock(mutex_);
   return waiting_ > 0 || UsedFor(use) > PartOf(use) / 2 || Total() > limit_ / 4 * 3;

@@ -44,6 +44,9 @@ class CMemoryAccount {
   std::uint64_t Used(MemoryUse use) const;
   // Whether so much could be had at all, if nobody else had anything.
   bool CanEverTake(MemoryUse use, std::uint64_t bytes) const;
+  // Somebody waits for room without a thread of his own, from now until EndWait.
+  void BeginWait();
+  void EndWait();
   // Whether those who hold room without moving on are to lose it: somebody waits, or more than half of
   // the part, or three quarters of the ceiling, are taken.
   bool IsShort(MemoryUse use) const;
@@ -70,6 +73,15 @@ class CMemoryAccount {
   std::uint64_t limit_ = kDefaultLimit;
   std::array<std::uint64_t, 3> used_{};
   unsigned waiting_ = 0;
+};
+
+// Says that its owner waits for room, which makes memory short for all who hold some.
+class CMemoryWait {
+ public:
+  CMemoryWait() { CMemoryAccount::Process().BeginWait(); }
+  ~CMemoryWait() { CMemoryAccount::Process().EndWait(); }
+  CMemoryWait(const CMemoryWait&) = delete;
+  CMemoryWait& operator=(const CMemoryWait&) = delete;
 };
 
 // Somebody's room in the process's account, given back with the object. One thread at a time.

@@ -13,22 +13,35 @@ constexpr std::size_t kSmallestStep = std::size_t{4} * 1024;
 constexpr std::size_t kLargestStep = std::size_t{128} * 1024;
 // Memory is asked for by this factor, so that hardly a byte is copied twice while the string moves.
 constexpr std::size_t kGrowth = 8;
+// So many bytes show that the rest will come too.
+constexpr std::size_t kProof = std::size_t{64} * 1024;
 
 }  // namespace
 }  // namespace details
+
+std::size_t MemoryOf(const std::string& bytes) {
+  static const std::size_t own_room = std::string().capacity();
+  return bytes.capacity() > own_room ? bytes.capacity() : 0;
+}
 
 std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes) {
   const auto holder = std::make_shared<const CountedBytes>(std::move(bytes));
   return {holder, &holder->bytes};
 }
 
-void CBodyBuffer::Start(std::size_t length, CountedBytes storage) {
+void CBodyBuffer::Start(std::size_t length, MemoryUse use, CountedBytes storage) {
   memory_ = std::move(storage);
+  memory_.share.ChangeUse(use);
   used_ = 0;
   length_ = length;
   if (memory_.bytes.size() > length) {
     memory_.bytes.resize(length);
   }
+}
+
+std::size_t CBodyBuffer::Demand() const {
+  const std::size_t taken = MemoryOf(memory_.bytes);
+  return used_ < details::kProof ? taken : std::max(taken, length_);
 }
 
 std::span<char> CBodyBuffer::Space() {

@@ -19,6 +19,9 @@ struct CountedBytes {
   CMemoryShare share;
 };
 
+// What a string takes beyond itself.
+std::size_t MemoryOf(const std::string& bytes);
+
 // For delivery: the share is given back with the last owner.
 std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes);
 
@@ -27,7 +30,7 @@ std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes);
 class CBodyBuffer {
  public:
   // Continues in `storage`, whose bytes are of no interest but whose memory is.
-  void Start(std::size_t length, CountedBytes storage = {});
+  void Start(std::size_t length, MemoryUse use, CountedBytes storage = {});
   bool IsComplete() const { return used_ == length_; }
   std::size_t Used() const { return used_; }
   // Where the next bytes belong: at least one byte long unless the body is complete.
@@ -35,8 +38,11 @@ class CBodyBuffer {
   void Commit(std::size_t bytes) { used_ += bytes; }
   // Copies what it needs from the front of `input` and removes it there.
   void Consume(std::string_view& input);
-  // Claims what the bytes so far take; false when all bodies together would take too much.
-  bool ClaimMemory() { return memory_.share.Resize(memory_.bytes.size()); }
+  // What is to be claimed before more bytes are taken: at first what they have come to, then, when a body has shown
+  // that it really comes, all that it will be. So a body that has its room never waits for more of it.
+  std::size_t Demand() const;
+  // False when there is no room for so much.
+  bool ClaimMemory() { return memory_.share.Resize(Demand()); }
   // The bytes; the buffer is empty afterwards.
   CountedBytes Take();
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "OSAL/Osal.h"
 #include "TansyNet/server/ServerWorker.h"
 
 namespace TansyNet {
@@ -44,6 +45,7 @@ void CDeliveryPool::Post(std::function<void()> task) {
 
 void CDeliveryPool::Run() {
   CServerWorker::MarkLibraryThread();
+  OSAL_SetThreadName("tansy-pieces");
   std::unique_lock lock(mutex_);
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });

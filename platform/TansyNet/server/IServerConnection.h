@@ -3,6 +3,7 @@
 #define TANSY_NET_SERVER_I_SERVER_CONNECTION_H
 
 #include <cstdint>
+#include <limits>
 #include <string_view>
 
 #include "TansyNet/server/Endpoint.h"
@@ -18,7 +19,11 @@ class IServerConnection {
   virtual bool IsPastDeadline(std::int64_t now) const = 0;
   virtual void OnDeadline() = 0;
 
-  // Any thread.
+  // Any thread. When it began to wait for a request, in SteadyMilliseconds; kNotIdle while it has one.
+  static constexpr std::int64_t kNotIdle = std::numeric_limits<std::int64_t>::max();
+  virtual std::int64_t IdleSince() const = 0;
+  // False when a request has come in the meantime.
+  virtual bool CloseIfIdle() = 0;
   virtual const Endpoint& Origin() const = 0;
   // Closes at once.
   virtual void Abort() = 0;

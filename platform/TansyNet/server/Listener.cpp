@@ -125,11 +125,17 @@ int CListener::Open(const std::string& address, std::uint16_t port, bool reuse_a
     const bool no_ipv6 = problem == asio::error::address_family_not_supported && ip == asio::ip::address_v6::any();
     return no_ipv6 ? kNoIpv6 : details::NetErrorOf(problem);
   }
+  worker_->SetRevival(this, [self = weak_from_this()] {
+    if (const auto listener = self.lock()) {
+      listener->AcceptAnew();
+    }
+  });
   Accept();
   return 0;
 }
 
 void CListener::Close() {
+  worker_->RemoveRevival(this);
   const std::scoped_lock lock(mutex_);
   endpoint_->closed.store(true, std::memory_order_release);
   error_code ignored;
@@ -148,18 +154,44 @@ void CListener::Accept() {
     return;
   }
   impl_->accepted = tcp::socket(impl_->target->Loop());
-  impl_->acceptor.async_accept(impl_->accepted, [self = shared_from_this()](const error_code& problem) {
-    if (problem == asio::error::operation_aborted) {
-      return;
+  impl_->acceptor.async_accept(impl_->accepted, [self = shared_from_this(), turn = ++turn_](const error_code& problem) {
+    if (problem != asio::error::operation_aborted) {
+      self->OnAccepted(problem, turn);
     }
-    if (problem) {
-      self->NoteTrouble("accept: " + problem.message());
-      self->PauseAfterFailure();
-      return;
-    }
-    self->TakeConnection();
-    self->Accept();
   });
+}
+
+void CListener::OnAccepted(const error_code& problem, std::uint64_t turn) {
+  if (problem) {
+    NoteTrouble("accept: " + problem.message());
+    if (problem == asio::error::no_descriptors) {
+      runtime_.CloseLongestIdle();
+    }
+    PauseAfterFailure();
+    return;
+  }
+  TakeConnection();
+  if (IsTurn(turn)) {
+    Accept();
+  }
+}
+
+// After a step that failed for want of memory, which may have been the one that accepts: the event loop may have lost
+// it without a word to us.
+void CListener::AcceptAnew() {
+  {
+    const std::scoped_lock lock(mutex_);
+    ++turn_;
+    error_code ignored;
+    impl_->acceptor.cancel(ignored);
+    impl_->pause.cancel();
+  }
+  PauseAfterFailure();
+}
+
+bool CListener::IsTurn(std::uint64_t turn) {
+  const std::scoped_lock lock(mutex_);
+  return turn == turn_;
 }
 
 // One line when it begins: what keeps clients out tends to do so many times a second.
@@ -176,8 +208,8 @@ void CListener::PauseAfterFailure() {
     return;
   }
   impl_->pause.expires_after(details::kPause);
-  impl_->pause.async_wait([self = shared_from_this()](const error_code& problem) {
-    if (!problem) {
+  impl_->pause.async_wait([self = shared_from_this(), turn = ++turn_](const error_code& problem) {
+    if (!problem && self->IsTurn(turn)) {
       self->Accept();
     }
   });
@@ -190,18 +222,18 @@ void CListener::TakeConnection() {
   if (IsClosed()) {
     return;
   }
-  if (!runtime_.AdmitConnection()) {
+  CConnectionPlace place = runtime_.AdmitConnection();
+  if (!place.IsTaken()) {
     NoteTrouble("too many connections");
     return;
   }
   trouble_.clear();
   std::unique_ptr<CServerSocket> socket = CServerSocket::Create({std::move(accepted)});
   if (socket == nullptr) {
-    runtime_.ConnectionClosed();
     return;
   }
-  const auto connection = std::make_shared<CServerConnection>(runtime_, target, endpoint_, std::move(socket),
-                                                              TlsContext(), runtime_.Limits());
+  const auto connection = std::make_shared<CServerConnection>(runtime_, std::move(place), target, endpoint_,
+                                                              std::move(socket), TlsContext(), runtime_.Limits());
   target->Post([connection] { connection->Start(); });
 }
 

@@ -14,6 +14,10 @@
 #include "TansyNet/server/ServerTlsContext.h"
 #include "TansyNet/server/ServerWorker.h"
 
+namespace boost::system {
+class error_code;
+}
+
 namespace TansyNet {
 
 class CListener : public std::enable_shared_from_this<CListener> {
@@ -41,6 +45,9 @@ class CListener : public std::enable_shared_from_this<CListener> {
 
   bool IsClosed() const { return endpoint_->closed.load(std::memory_order_acquire); }
   void Accept();
+  void OnAccepted(const boost::system::error_code& problem, std::uint64_t turn);
+  void AcceptAnew();
+  bool IsTurn(std::uint64_t turn);
   void NoteTrouble(const std::string& what);
   void PauseAfterFailure();
   void TakeConnection();
@@ -57,6 +64,7 @@ class CListener : public std::enable_shared_from_this<CListener> {
 
   // The acceptor is used by its worker and closed by whoever stops the listener.
   std::mutex mutex_;
+  std::uint64_t turn_ = 0;  // guarded by mutex_; tells the accept that counts from one that was given up
   std::unique_ptr<Impl> impl_;
 };
 

@@ -1,5 +1,6 @@
 #include "TansyNet/server/ServerConnection.h"
 
+#include <exception>
 #include <limits>
 #include <utility>
 
@@ -16,21 +17,23 @@ constexpr int kStepsPerTurn = 16;
 }  // namespace
 }  // namespace details
 
-CServerConnection::CServerConnection(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker,
-                                     std::shared_ptr<const Endpoint> origin, std::unique_ptr<CServerSocket> socket,
-                                     const TlsContextPtr& tls, const HttpServerLimits& limits)
+CServerConnection::CServerConnection(CServerRuntime& runtime, CConnectionPlace place,
+                                     std::shared_ptr<CServerWorker> worker, std::shared_ptr<const Endpoint> origin,
+                                     std::unique_ptr<CServerSocket> socket, const TlsContextPtr& tls,
+                                     const HttpServerLimits& limits)
     : runtime_(runtime),
+      place_(std::move(place)),
       worker_(std::move(worker)),
       origin_(std::move(origin)),
       limits_(limits),
       deadline_(details::kNoDeadline),
+      idle_since_(kNotIdle),
       transport_(std::move(socket), tls),
       phase_(transport_.IsEncrypted() ? Phase::kHandshake : Phase::kIdle),
-      parser_(limits.header_bytes) {}
+      parser_(limits.header_bytes),
+      rate_(limits.least_bytes_per_second, limits.least_rate_window_ms) {}
 
-CServerConnection::~CServerConnection() {
-  runtime_.ConnectionClosed();
-}
+CServerConnection::~CServerConnection() = default;
 
 bool CServerConnection::IsBusy(Phase phase) {
   return phase >= Phase::kBody && phase <= Phase::kSendingChunks;
@@ -43,6 +46,7 @@ bool CServerConnection::IsReading(Phase phase) {
 void CServerConnection::SetPhase(Phase phase) {
   const bool was_busy = IsBusy(phase_);
   phase_ = phase;
+  idle_since_.store(phase == Phase::kIdle ? SteadyMilliseconds() : kNotIdle, std::memory_order_relaxed);
   if (was_busy == IsBusy(phase)) {
     return;
   }
@@ -59,7 +63,12 @@ void CServerConnection::SetDeadline(std::int64_t milliseconds) {
 }
 
 void CServerConnection::Start() {
-  worker_->Adopt(shared_from_this());
+  try {
+    worker_->Adopt(shared_from_this());
+  } catch (const std::exception&) {
+    Abort();  // whether or not the worker has it: nobody would watch over it
+    throw;
+  }
   Lock lock(mutex_);
   if (phase_ == Phase::kClosed) {
     return;
@@ -68,6 +77,7 @@ void CServerConnection::Start() {
     Close();
     return;
   }
+  SetPhase(phase_);
   SetDeadline(phase_ == Phase::kHandshake ? limits_.header_timeout_ms : limits_.idle_timeout_ms);
   Advance(lock);
 }
@@ -89,13 +99,21 @@ void CServerConnection::Advance(Lock& lock) {
     return;
   }
   advancing_ = true;
-  int steps = details::kStepsPerTurn;
-  while (Step(lock) == Next::kGoOn) {
-    if (--steps == 0) {
-      advancing_ = false;
-      ContinueLater();
-      return;
+  try {
+    int steps = details::kStepsPerTurn;
+    while (Step(lock) == Next::kGoOn) {
+      if (--steps == 0) {
+        ContinueLater();
+        break;
+      }
     }
+  } catch (const std::exception& problem) {
+    // A step that was not finished cannot be gone on with; other connections can.
+    if (!lock.owns_lock()) {
+      lock.lock();
+    }
+    NoteFailure(problem);
+    Close();
   }
   advancing_ = false;
 }
@@ -231,12 +249,32 @@ void CServerConnection::ContinueLater() {
 void CServerConnection::OnDeadline() {
   constexpr int kRequestTimeout = 408;
   Lock lock(mutex_);
-  if (!IsPastDeadline(SteadyMilliseconds()) || SendAgain(lock)) {
+  const std::int64_t now = SteadyMilliseconds();
+  if (!IsPastDeadline(now) || SendAgain(lock)) {
+    return;
+  }
+  if (phase_ == Phase::kClosed) {
+    SetDeadline(details::kNoDeadline);
+    worker_->Forget(this);
+    return;
+  }
+  if (const std::int32_t handle = lost_token_.exchange(0); handle != 0) {
+    TakeTokenBack(handle, lock);
+    return;
+  }
+  if (memory_wait_) {
+    Advance(lock);
     return;
   }
   const bool waits_for_storage = phase_ == Phase::kUpload && upload_->ready != nullptr;
   if (IsReading(phase_) && !waits_for_storage) {
-    Refuse(kRequestTimeout);
+    if (!BodyMayGoOn(now)) {
+      Refuse(kRequestTimeout);
+    }
+    return;
+  }
+  if (phase_ == Phase::kIdle) {
+    CloseGently();
     return;
   }
   if (phase_ == Phase::kHandshake) {
@@ -255,10 +293,44 @@ void CServerConnection::Abort() {
 
 void CServerConnection::CloseWhenIdle() {
   const Lock lock(mutex_);
-  keep_alive_ = false;
-  if (phase_ == Phase::kHandshake || phase_ == Phase::kIdle) {
+  is_ending_ = true;
+  if (phase_ == Phase::kHandshake) {
     Close();
   }
+  EndIfIdle();
+}
+
+bool CServerConnection::CloseIfIdle() {
+  const Lock lock(mutex_);
+  if (phase_ != Phase::kIdle || HasInput()) {
+    return false;
+  }
+  CloseGently();
+  return true;
+}
+
+// What a client has sent already is answered first.
+void CServerConnection::EndIfIdle() {
+  if (!is_ending_ || phase_ != Phase::kIdle) {
+    return;
+  }
+  if (!HasMoreInput()) {
+    CloseGently();
+    return;
+  }
+  SetDeadline(limits_.header_timeout_ms);
+  if (!advancing_) {
+    ContinueLater();
+  }
+}
+
+bool CServerConnection::HasMoreInput() {
+  return !Input().empty() || transport_.HasBuffered() || transport_.Socket().Peek().status == IoStatus::kDone;
+}
+
+void CServerConnection::CloseGently() {
+  transport_.ShutdownSend();
+  Close();
 }
 
 void CServerConnection::Close() {
@@ -273,7 +345,20 @@ void CServerConnection::Close() {
   body_ = {};
   chunked_body_ = {};
   output_ = {};
-  worker_->Post([self = shared_from_this()] { self->worker_->Forget(self.get()); });
+  output_share_.Resize(0);
+  try {
+    worker_->Post([self = shared_from_this()] { self->worker_->Forget(self.get()); });
+  } catch (const std::exception&) {
+    SetDeadlineAt(0);  // the worker's clock finds it
+  }
+}
+
+void CServerConnection::NoteFailure(const std::exception& problem) noexcept {
+  try {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]step failed, handle = %d, %s[%s(%d)]", handle_, problem.what());
+  } catch (const std::exception&) {
+    // Nothing is left to say it with.
+  }
 }
 
 }  // namespace TansyNet

@@ -5,14 +5,18 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "TansyNet/MemoryAccount.h"
 #include "TansyNet/server/BodyBuffer.h"
 #include "TansyNet/server/Endpoint.h"
 #include "TansyNet/server/IServerConnection.h"
+#include "TansyNet/server/LeastRate.h"
 #include "TansyNet/server/ServerRuntime.h"
 #include "TansyNet/server/ServerSettings.h"
 #include "TansyNet/server/ServerSocket.h"
@@ -33,7 +37,7 @@ class CServerConnection final : public IServerConnection,
                                 public std::enable_shared_from_this<CServerConnection> {
  public:
   // `tls` is null for plain HTTP.
-  CServerConnection(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker,
+  CServerConnection(CServerRuntime& runtime, CConnectionPlace place, std::shared_ptr<CServerWorker> worker,
                     std::shared_ptr<const Endpoint> origin, std::unique_ptr<CServerSocket> socket,
                     const TlsContextPtr& tls, const HttpServerLimits& limits);
   ~CServerConnection() override;
@@ -48,6 +52,8 @@ class CServerConnection final : public IServerConnection,
   void OnDeadline() override;
 
   // Any thread.
+  std::int64_t IdleSince() const override { return idle_since_.load(std::memory_order_relaxed); }
+  bool CloseIfIdle() override;
   const Endpoint& Origin() const override { return *origin_; }
   void Abort() override;
   void CloseWhenIdle() override;
@@ -80,6 +86,7 @@ class CServerConnection final : public IServerConnection,
     std::shared_ptr<CPieceStore> store = std::make_shared<CPieceStore>();
     std::shared_ptr<const std::string> ready;  // full, waits for the token of the piece before it
     bool token_out = false;
+    bool is_checked = false;  // a handler has seen the first piece
   };
   struct PieceToken;
 
@@ -87,6 +94,7 @@ class CServerConnection final : public IServerConnection,
   static bool IsReading(Phase phase);
   void SetPhase(Phase phase);
   void SetDeadline(std::int64_t milliseconds);
+  void SetDeadlineAt(std::int64_t time) { deadline_.store(time, std::memory_order_relaxed); }
 
   // ServerConnection.cpp
   void Advance(Lock& lock);
@@ -97,13 +105,27 @@ class CServerConnection final : public IServerConnection,
   Next StepDrain();
   void WaitFor(IoStatus status);
   void NoteBrokenOff();
+  void NoteFailure(const std::exception& problem) noexcept;
   void WatchReadable();
   void WatchWritable();
   void ContinueLater();
+  // Tells the client first, which matters over TLS.
+  void CloseGently();
   void Close();
+  void EndIfIdle();
+  bool HasMoreInput();
+  // Whether nobody will wake the connection when it has something to read.
+  bool IsUnwatched() const { return HasInput() || !read_watched_; }
 
   // ServerConnectionRequest.cpp
   Next StepHead(Lock& lock);
+  // Room for a body: its bytes stay with the client until others have given some back.
+  Next AwaitMemory(MemoryUse use, std::size_t demand);
+  void MemoryCame();
+  // The times within which a body has to come.
+  void BeginBodyTime(std::uint64_t length);
+  void NoteBodyProgress(std::size_t bytes);
+  bool BodyMayGoOn(std::int64_t now);
   Next StepBody(Lock& lock);
   Next StepChunks(Lock& lock);
   Next BeginBody(std::string_view input, Lock& lock);
@@ -123,9 +145,11 @@ class CServerConnection final : public IServerConnection,
   Next BeginUpload(std::uint64_t length, std::string_view input);
   Next StepUpload();
   void StartPiece();
+  MemoryUse PieceUse() const;
   void DeliverPiece();
   void RunPiece(std::int32_t handle, HttpServerRecv& message);
-  void OnTokenGone(std::int32_t handle);
+  void OnTokenGone(std::int32_t handle) noexcept;
+  void TakeTokenBack(std::int32_t handle, Lock& lock);
   bool UploadIsRead() const;
 
   // ServerConnectionAnswer.cpp
@@ -142,11 +166,14 @@ class CServerConnection final : public IServerConnection,
 
   // Constant.
   CServerRuntime& runtime_;
+  const CConnectionPlace place_;
   const std::shared_ptr<CServerWorker> worker_;
   const std::shared_ptr<const Endpoint> origin_;
   const HttpServerLimits limits_;
 
   std::atomic<std::int64_t> deadline_;
+  std::atomic<std::int64_t> idle_since_;
+  std::atomic<std::int32_t> lost_token_{0};  // a request whose token is gone, when there was no memory to say so
 
   mutable std::mutex mutex_;
   // All below is guarded by mutex_.
@@ -167,13 +194,21 @@ class CServerConnection final : public IServerConnection,
   std::unique_ptr<Upload> upload_;
   HttpServerRecv request_;  // that is being read; empty before its head is known and after its answer
 
+  std::int64_t body_due_ = 0;  // when the next bytes of the body must have come
+  std::int64_t body_end_ = 0;  // when all of a body that nobody has checked must have come
+  std::optional<CMemoryWait> memory_wait_;
+  std::int64_t memory_due_ = 0;  // when a body that waits for room is refused
+  CLeastRate rate_;              // of the body or the answer that is under way
+
   std::int32_t handle_ = 0;  // of the request that waits for its answer
   bool keep_alive_ = true;
+  bool is_ending_ = false;  // closes when no request is under way or has come
   bool http11_ = true;
   bool is_head_ = false;
 
   std::string output_;  // what the socket did not take of an answer
   std::size_t output_sent_ = 0;
+  CMemoryShare output_share_{MemoryUse::kAnswers};
   std::int32_t send_timeout_ms_ = 0;
   std::int64_t send_progress_ = 0;  // when the socket last took some of output_
   std::uint64_t chunks_left_ = 0;

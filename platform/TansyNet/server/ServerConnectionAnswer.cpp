@@ -13,6 +13,9 @@ namespace {
 // How much is written before others may have the lock or the worker.
 constexpr std::size_t kBytesPerTurn = std::size_t{1024} * 1024;
 constexpr std::int32_t kDefaultSendTimeoutMs = 20000;
+// Sockets take answers of this size at once, unless their client does not read at all.
+constexpr std::size_t kSmallAnswer = std::size_t{64} * 1024;
+constexpr int kUnavailable = 503;
 // After the last answer: how much, and how long, a client may go on sending before it reads. Closing at once would
 // reset the connection and take the answer from a client that has not read it yet; reading for ever would let anybody
 // send.
@@ -48,8 +51,12 @@ int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response,
     Close();
     return kNetAlreadyAnswered;
   }
-  const std::string head = TakeHead(response, body.size());
   const bool has_body = !is_head_ && StatusAllowsBody(response.status);
+  if (has_body && body.size() > details::kSmallAnswer && !output_share_.Resize(body.size())) {
+    Refuse(details::kUnavailable);
+    return kNetNoMemory;
+  }
+  const std::string head = TakeHead(response, body.size());
   ForgetRequest();
   return Send(head, has_body ? body : std::string_view(), details::TimeoutOf(response));
 }
@@ -95,8 +102,8 @@ int CServerConnection::AnswerInChunks(std::int32_t handle, const HttpResponse& r
 std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint64_t content_length) {
   // What is left of a body cannot be told from a next request, and reading it all would let the client decide how long.
   const bool body_is_read = phase_ != Phase::kUpload || UploadIsRead();
-  keep_alive_ =
-      keep_alive_ && body_is_read && !AsksToClose(response) && !origin_->closed.load(std::memory_order_acquire);
+  is_ending_ = is_ending_ || origin_->closed.load(std::memory_order_acquire);
+  keep_alive_ = keep_alive_ && body_is_read && !AsksToClose(response) && (!is_ending_ || HasMoreInput());
   if (!keep_alive_) {
     return BuildResponseHead(response, content_length, Persistence::kClose);
   }
@@ -105,6 +112,7 @@ std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint6
 
 void CServerConnection::ForgetRequest() {
   upload_.reset();
+  memory_wait_.reset();
   request_ = {};
   if (handle_ != 0) {
     runtime_.Handles().Remove(handle_);
@@ -138,11 +146,17 @@ int CServerConnection::Send(std::string_view head, std::string_view body, std::i
     Close();
     return kNetSendFailed;
   }
-  output_.reserve(head.size() + body.size());
+  const std::size_t rest = head.size() + body.size();
+  if (!output_share_.Resize(rest)) {
+    Close();
+    return kNetSendFailed;
+  }
+  output_.reserve(rest);
   output_.append(head).append(body);
   output_sent_ = 0;
   send_timeout_ms_ = timeout_ms;
   send_progress_ = SteadyMilliseconds();
+  rate_.Begin(send_progress_);
   SetPhase(Phase::kSending);
   SetDeadline(details::LookAgainMs(timeout_ms));
   WatchWritable();
@@ -155,13 +169,14 @@ CServerConnection::Next CServerConnection::StepSending() {
   const IoStatus status = Write(rest, nothing, details::kBytesPerTurn);
   const std::size_t sent = output_.size() - rest.size();
   if (sent > output_sent_) {
+    rate_.Moved(sent - output_sent_);
     output_sent_ = sent;
     send_progress_ = SteadyMilliseconds();
     SetDeadline(details::LookAgainMs(send_timeout_ms_));
   }
   if (status == IoStatus::kDone && rest.empty()) {
     FinishAnswer();
-    return phase_ == Phase::kIdle && HasInput() ? Next::kGoOn : Next::kWait;
+    return phase_ == Phase::kIdle && IsUnwatched() ? Next::kGoOn : Next::kWait;
   }
   if (status == IoStatus::kDone) {
     return Next::kGoOn;
@@ -177,7 +192,12 @@ CServerConnection::Next CServerConnection::StepSending() {
 
 // The deadline of a sending came. True when it is only time for another attempt.
 bool CServerConnection::SendAgain(Lock& lock) {
-  if (phase_ != Phase::kSending || SteadyMilliseconds() - send_progress_ >= send_timeout_ms_) {
+  const std::int64_t now = SteadyMilliseconds();
+  if (phase_ != Phase::kSending || now - send_progress_ >= send_timeout_ms_) {
+    return false;
+  }
+  // Whoever reads too little keeps room that others need; a byte now and then does not count as reading.
+  if (rate_.FellBelow(now) && CMemoryAccount::Process().IsShort(MemoryUse::kAnswers)) {
     return false;
   }
   SetDeadline(details::LookAgainMs(send_timeout_ms_));
@@ -207,6 +227,7 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
   // This thread keeps the time itself; the worker's clock has a second look should it fail to.
   SetDeadline(std::int64_t{2} * timeout_ms);
   std::int64_t last_progress = SteadyMilliseconds();
+  rate_.Begin(last_progress);
   while (!first.empty() || !second.empty()) {
     if (phase_ == Phase::kClosed) {
       return kNetSendFailed;
@@ -217,6 +238,10 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
       return kNetSendFailed;
     }
     const std::int64_t now = SteadyMilliseconds();
+    rate_.Moved(before - first.size() - second.size());
+    if (rate_.FellBelow(now) && CMemoryAccount::Process().IsShort(MemoryUse::kWork)) {
+      return kNetSendTimeout;
+    }
     if (first.size() + second.size() < before) {
       last_progress = now;
       SetDeadline(std::int64_t{2} * timeout_ms);
@@ -237,6 +262,7 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
 // All of an answer is with the operating system.
 void CServerConnection::FinishAnswer() {
   output_ = std::string();
+  output_share_.Resize(0);
   if (!keep_alive_) {
     StartDraining();
     return;
@@ -248,10 +274,12 @@ void CServerConnection::FinishAnswer() {
   SetPhase(Phase::kIdle);
   SetDeadline(limits_.idle_timeout_ms);
   parser_.Reset();
-  // Inside Advance the loop looks for itself, also when another thread gets here while a callback runs.
-  if (HasInput() && !advancing_) {
+  // Inside Advance the loop looks for itself, also when another thread gets here while a callback runs. An answer that
+  // came while its upload waited for storage finds the socket unwatched.
+  if (IsUnwatched() && !advancing_) {
     ContinueLater();
   }
+  EndIfIdle();
 }
 
 void CServerConnection::StartDraining() {

@@ -1,4 +1,5 @@
 // Reading requests and delivering those that are delivered whole.
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -13,7 +14,6 @@ constexpr int kLengthRequired = 411;
 constexpr int kTooLarge = 413;
 constexpr int kUnavailable = 503;
 constexpr std::string_view kUploadMethod = "PUT";
-constexpr std::string_view kFormMethod = "POST";
 
 }  // namespace
 }  // namespace details
@@ -57,25 +57,23 @@ CServerConnection::Next CServerConnection::BeginBody(std::string_view input, Loc
     return BeginUpload(head.content_length, input);
   }
   request_.content_length = static_cast<std::uint32_t>(head.content_length);
-  body_.Start(head.content_length);
+  body_.Start(head.content_length, MemoryUse::kArriving);
   body_.Consume(input);
   KeepInput(input);
-  if (!body_.ClaimMemory()) {
-    return Refuse(details::kUnavailable);
-  }
-  if (body_.IsComplete()) {
+  if (body_.IsComplete() && body_.ClaimMemory()) {
     return Deliver(lock);
   }
   SetPhase(Phase::kBody);
-  SetDeadline(limits_.body_timeout_ms);
+  BeginBodyTime(head.content_length);
   SendContinue();
   return Next::kGoOn;
 }
 
 CServerConnection::Next CServerConnection::BeginChunks(std::string_view input) {
   KeepInput(input);
+  chunked_body_.share.ChangeUse(MemoryUse::kArriving);
   SetPhase(Phase::kChunks);
-  SetDeadline(limits_.body_timeout_ms);
+  BeginBodyTime(0);
   SendContinue();
   return Next::kGoOn;
 }
@@ -93,16 +91,70 @@ void CServerConnection::TakeRequest(RequestHead& head) {
 }
 
 CServerConnection::Next CServerConnection::StepBody(Lock& lock) {
+  if (!body_.ClaimMemory()) {
+    return AwaitMemory(MemoryUse::kArriving, body_.Demand());
+  }
+  MemoryCame();
+  if (body_.IsComplete()) {
+    return Deliver(lock);
+  }
+  const std::size_t before = body_.Used();
   const IoStatus status = ReadInto(body_);
   if (status != IoStatus::kDone) {
     WaitFor(status);
     return Next::kWait;
   }
-  if (!body_.ClaimMemory()) {
+  NoteBodyProgress(body_.Used() - before);
+  return Next::kGoOn;
+}
+
+CServerConnection::Next CServerConnection::AwaitMemory(MemoryUse use, std::size_t demand) {
+  constexpr std::int64_t kLookAgainMs = 20;
+  const std::int64_t now = SteadyMilliseconds();
+  if (!memory_wait_) {
+    memory_wait_.emplace();
+    memory_due_ = now + limits_.body_timeout_ms;
+  }
+  if (now >= memory_due_ || !CMemoryAccount::Process().CanEverTake(use, demand)) {
     return Refuse(details::kUnavailable);
   }
-  SetDeadline(limits_.body_timeout_ms);
-  return body_.IsComplete() ? Deliver(lock) : Next::kGoOn;
+  SetDeadlineAt(now + kLookAgainMs);
+  return Next::kWait;
+}
+
+void CServerConnection::MemoryCame() {
+  if (memory_wait_) {
+    memory_wait_.reset();
+    rate_.Begin(SteadyMilliseconds());
+    NoteBodyProgress(0);
+  }
+}
+
+void CServerConnection::BeginBodyTime(std::uint64_t length) {
+  const std::int64_t now = SteadyMilliseconds();
+  const std::uint64_t rate = std::max<std::uint64_t>(limits_.least_bytes_per_second, 1);
+  body_end_ = now + limits_.unchecked_body_timeout_ms + static_cast<std::int64_t>(length * 1000 / rate);
+  rate_.Begin(now);
+  NoteBodyProgress(0);
+}
+
+void CServerConnection::NoteBodyProgress(std::size_t bytes) {
+  rate_.Moved(bytes);
+  body_due_ = std::min(SteadyMilliseconds() + limits_.body_timeout_ms, body_end_);
+  SetDeadlineAt(std::min(body_due_, rate_.WindowEnd()));
+}
+
+// The deadline of a body came. True when it was only the end of a window in which enough was sent, or in which nobody
+// needed the room.
+bool CServerConnection::BodyMayGoOn(std::int64_t now) {
+  if (phase_ == Phase::kHead || now >= body_due_) {
+    return false;
+  }
+  if (rate_.FellBelow(now) && CMemoryAccount::Process().IsShort(MemoryUse::kArriving)) {
+    return false;
+  }
+  SetDeadlineAt(std::min(body_due_, rate_.WindowEnd()));
+  return true;
 }
 
 CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
@@ -118,11 +170,13 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
   std::string& bytes = chunked_body_.bytes;
   const std::size_t before = bytes.size();
   const CRequestParser::Progress progress = parser_.ParseChunks(input, bytes, limit);
-  if (!chunked_body_.share.Resize(bytes.size())) {
+  // How much it will be is not known, so it cannot wait for all of its room at once; waiting for more and more of it,
+  // some would wait for each other.
+  if (!chunked_body_.share.Resize(MemoryOf(bytes))) {
     return Refuse(details::kUnavailable);
   }
   if (bytes.size() > before) {
-    SetDeadline(limits_.body_timeout_ms);
+    NoteBodyProgress(bytes.size() - before);
   }
   switch (progress) {
     case CRequestParser::Progress::kNeedMore:
@@ -142,6 +196,7 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
 
 CServerConnection::Next CServerConnection::Deliver(Lock& lock) {
   CountedBytes body = chunked_body_.bytes.empty() ? body_.Take() : std::exchange(chunked_body_, {});
+  body.share.ChangeUse(MemoryUse::kWork);
   if (!body.bytes.empty()) {
     request_.body_size = static_cast<std::uint32_t>(body.bytes.size());
     request_.body = ShareBytes(std::move(body));
@@ -151,14 +206,10 @@ CServerConnection::Next CServerConnection::Deliver(Lock& lock) {
   EnterHandling();
   const std::int32_t handle = handle_;
   lock.unlock();
-  const auto type = message.headers.find("Content-Type");
-  if (message.body != nullptr && message.method == details::kFormMethod && type != message.headers.end()) {
-    ParseMultipartForm(type->second, *message.body, message.form_parts);
-  }
   Call(handle, message);
   lock.lock();
   // The answer may be out already; then the next request's bytes, if there are any, have their turn.
-  return phase_ == Phase::kIdle && HasInput() ? Next::kGoOn : Next::kWait;
+  return phase_ == Phase::kIdle && IsUnwatched() ? Next::kGoOn : Next::kWait;
 }
 
 void CServerConnection::Call(std::int32_t handle, HttpServerRecv& message) {

@@ -1,5 +1,7 @@
 // Bodies that are delivered in pieces, one piece at a time.
 #include <algorithm>
+#include <exception>
+#include <limits>
 #include <utility>
 
 #include "TansyNet/server/ServerConnection.h"
@@ -11,7 +13,6 @@ namespace {
 // Of an upload under way there are at most: the piece that is being stored, its receiver's copy, and the piece read
 // ahead. With this size that is half of what an upload may cost, and storages that keep 4 MiB blocks write whole ones.
 constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
-constexpr int kUnavailable = 503;
 static_assert(kPieceBytes <= kWholeBodyLimit);
 
 }  // namespace
@@ -40,7 +41,7 @@ CServerConnection::Next CServerConnection::BeginUpload(std::uint64_t length, std
   upload_->filling.Consume(input);
   KeepInput(input);
   SetPhase(Phase::kUpload);
-  SetDeadline(limits_.body_timeout_ms);
+  BeginBodyTime(details::kPieceBytes);
   if (upload_->filling.Used() == 0) {
     SendContinue();
   }
@@ -50,24 +51,39 @@ CServerConnection::Next CServerConnection::BeginUpload(std::uint64_t length, std
 void CServerConnection::StartPiece() {
   const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(upload_->left, details::kPieceBytes));
   upload_->left -= size;
-  upload_->filling.Start(size, upload_->store->TakeSpare());
+  upload_->filling.Start(size, PieceUse(), upload_->store->TakeSpare());
+}
+
+MemoryUse CServerConnection::PieceUse() const {
+  return upload_->is_checked ? MemoryUse::kWork : MemoryUse::kArriving;
 }
 
 CServerConnection::Next CServerConnection::StepUpload() {
-  if (upload_->ready != nullptr) {
+  if (upload_->ready != nullptr && upload_->token_out) {
     return Next::kWait;  // OnTokenGone goes on
   }
-  const IoStatus status = ReadInto(upload_->filling);
+  if (upload_->ready != nullptr) {
+    DeliverPiece();
+    return Next::kGoOn;
+  }
+  CBodyBuffer& filling = upload_->filling;
+  if (!filling.ClaimMemory()) {
+    return AwaitMemory(PieceUse(), filling.Demand());
+  }
+  MemoryCame();
+  const std::size_t before = filling.Used();
+  const IoStatus status = ReadInto(filling);
   if (status != IoStatus::kDone) {
     WaitFor(status);
     return Next::kWait;
   }
-  if (!upload_->filling.ClaimMemory()) {
-    return Refuse(details::kUnavailable);
-  }
-  SetDeadline(limits_.body_timeout_ms);
-  if (upload_->filling.IsComplete()) {
-    upload_->ready = upload_->store->Share(upload_->filling.Take());
+  NoteBodyProgress(filling.Used() - before);
+  if (filling.IsComplete()) {
+    CountedBytes piece = filling.Take();
+    piece.share.ChangeUse(MemoryUse::kWork);
+    upload_->ready = upload_->store->Share(std::move(piece));
+    upload_->is_checked = true;
+    body_end_ = std::numeric_limits<std::int64_t>::max();
     SetDeadline(limits_.unanswered_timeout_ms);
     DeliverPiece();
   }
@@ -93,7 +109,8 @@ void CServerConnection::DeliverPiece() {
     EnterHandling();
   } else {
     StartPiece();
-    SetDeadline(limits_.body_timeout_ms);
+    rate_.Begin(SteadyMilliseconds());
+    NoteBodyProgress(0);
   }
   runtime_.Deliver([self = shared_from_this(), handle = handle_, message = std::move(message)] {
     self->RunPiece(handle, *message);
@@ -113,16 +130,25 @@ void CServerConnection::RunPiece(std::int32_t handle, HttpServerRecv& message) {
   Call(handle, message);
 }
 
-void CServerConnection::OnTokenGone(std::int32_t handle) {
-  worker_->Post([self = shared_from_this(), handle] {
-    Lock lock(self->mutex_);
-    if (self->phase_ != Phase::kUpload || !self->CheckHandle(handle)) {
-      return;
-    }
-    self->upload_->token_out = false;
-    self->DeliverPiece();
-    self->Advance(lock);
-  });
+// Called by a destructor: without memory for a message to the worker, its clock has to find out.
+void CServerConnection::OnTokenGone(std::int32_t handle) noexcept {
+  try {
+    worker_->Post([self = shared_from_this(), handle] {
+      Lock lock(self->mutex_);
+      self->TakeTokenBack(handle, lock);
+    });
+  } catch (const std::exception&) {
+    lost_token_.store(handle);
+    SetDeadlineAt(0);
+  }
+}
+
+void CServerConnection::TakeTokenBack(std::int32_t handle, Lock& lock) {
+  if (phase_ != Phase::kUpload || !CheckHandle(handle)) {
+    return;
+  }
+  upload_->token_out = false;
+  Advance(lock);
 }
 
 bool CServerConnection::UploadIsRead() const {

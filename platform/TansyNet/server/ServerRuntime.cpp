@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <thread>
 #include <utility>
 
 #include "TansyNet/MemoryAccount.h"
+#include "TansyNet/transport/SystemSockets.h"
 
 namespace TansyNet {
 namespace details {
@@ -13,14 +15,35 @@ namespace {
 
 constexpr unsigned kDeliveryThreads = 4;
 
+// A quarter of what the process may open is left for files and for connections to others.
+std::uint32_t MostConnections() {
+  const std::uint32_t most = MostOpenSockets();
+  return most - most / 4;
+}
+
 // Deadlines are looked at often enough for the shortest of them to be kept roughly, and seldom enough not to matter.
 std::uint32_t TickFor(const HttpServerLimits& limits) {
   constexpr std::uint32_t kLooksPerLimit = 8;
   constexpr std::uint32_t kShortest = 10;
   constexpr std::uint32_t kLongest = 500;
-  const std::uint32_t limit = std::min(
-      {limits.header_timeout_ms, limits.idle_timeout_ms, limits.body_timeout_ms, limits.unanswered_timeout_ms});
+  const std::uint32_t limit =
+      std::min({limits.header_timeout_ms, limits.idle_timeout_ms, limits.body_timeout_ms,
+                limits.unchecked_body_timeout_ms, limits.unanswered_timeout_ms, limits.least_rate_window_ms});
   return std::clamp(limit / kLooksPerLimit, kShortest, kLongest);
+}
+
+// Threads that run already when a later one cannot be had are left in `threads`.
+void StartThreads(ServerThreads& threads, std::uint32_t tick_ms) {
+  const unsigned count = std::max(1U, std::thread::hardware_concurrency());
+  threads.workers.reserve(count);
+  for (unsigned index = 0; index < count; ++index) {
+    auto worker = std::make_shared<CServerWorker>();
+    worker->SetTick(tick_ms);
+    worker->Start();
+    threads.workers.push_back(std::move(worker));
+  }
+  threads.delivery = std::make_shared<CDeliveryPool>();
+  threads.delivery->Start(kDeliveryThreads);
 }
 
 }  // namespace
@@ -40,15 +63,15 @@ void CServerRuntime::EnsureRunning() {
   if (!threads_.workers.empty()) {
     return;
   }
-  const unsigned count = std::max(1U, std::thread::hardware_concurrency());
-  for (unsigned index = 0; index < count; ++index) {
-    auto worker = std::make_shared<CServerWorker>();
-    worker->SetTick(details::TickFor(limits_));
-    worker->Start();
-    threads_.workers.push_back(std::move(worker));
+  max_connections_.store(std::min(limits_.connections, details::MostConnections()), std::memory_order_relaxed);
+  ServerThreads threads;
+  try {
+    details::StartThreads(threads, details::TickFor(limits_));
+  } catch (const std::exception&) {
+    threads.Stop();
+    throw;
   }
-  threads_.delivery = std::make_shared<CDeliveryPool>();
-  threads_.delivery->Start(details::kDeliveryThreads);
+  threads_ = std::move(threads);
 }
 
 void CServerRuntime::Deliver(std::function<void()> task) {
@@ -73,7 +96,7 @@ std::shared_ptr<CServerWorker> CServerRuntime::NextWorker() {
 void CServerRuntime::SetLimits(const HttpServerLimits& limits) {
   const std::scoped_lock lock(mutex_);
   limits_ = limits;
-  max_connections_.store(limits.connections, std::memory_order_relaxed);
+  max_connections_.store(std::min(limits.connections, details::MostConnections()), std::memory_order_relaxed);
   CMemoryAccount::Process().SetLimit(limits.memory_bytes);
   for (const auto& worker : threads_.workers) {
     worker->SetTick(details::TickFor(limits));
@@ -85,12 +108,28 @@ HttpServerLimits CServerRuntime::Limits() const {
   return limits_;
 }
 
-bool CServerRuntime::AdmitConnection() {
+CConnectionPlace CServerRuntime::AdmitConnection() {
+  CConnectionPlace place(connections_);
   if (connections_.fetch_add(1, std::memory_order_relaxed) < max_connections_.load(std::memory_order_relaxed)) {
-    return true;
+    return place;
   }
-  ConnectionClosed();
-  return false;
+  return CloseLongestIdle() ? std::move(place) : CConnectionPlace();
+}
+
+bool CServerRuntime::CloseLongestIdle() {
+  std::vector<std::shared_ptr<CServerWorker>> workers;
+  {
+    const std::scoped_lock lock(mutex_);
+    workers = threads_.workers;
+  }
+  std::shared_ptr<IServerConnection> longest;
+  for (const auto& worker : workers) {
+    auto candidate = worker->LongestIdle();
+    if (candidate != nullptr && (longest == nullptr || candidate->IdleSince() < longest->IdleSince())) {
+      longest = std::move(candidate);
+    }
+  }
+  return longest != nullptr && longest->CloseIfIdle();
 }
 
 void CServerRuntime::ConnectionIdle() {

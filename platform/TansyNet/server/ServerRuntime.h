@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "TansyNet/server/DeliveryPool.h"
@@ -25,6 +26,25 @@ struct ServerThreads {
 
   // Closes every connection and ends the threads. Not from one of them.
   void Stop();
+};
+
+// A counted connection; the count goes down with the object.
+class CConnectionPlace {
+ public:
+  CConnectionPlace() = default;
+  explicit CConnectionPlace(std::atomic<std::uint32_t>& count) : count_(&count) {}
+  CConnectionPlace(CConnectionPlace&& other) noexcept : count_(std::exchange(other.count_, nullptr)) {}
+  CConnectionPlace& operator=(CConnectionPlace&&) = delete;
+  ~CConnectionPlace() {
+    if (count_ != nullptr) {
+      count_->fetch_sub(1, std::memory_order_relaxed);
+    }
+  }
+
+  bool IsTaken() const { return count_ != nullptr; }
+
+ private:
+  std::atomic<std::uint32_t>* count_ = nullptr;
 };
 
 // Outlives its listeners and connections. Any thread.
@@ -46,9 +66,11 @@ class CServerRuntime {
   // Runs a callback that may take long; see CDeliveryPool. Dropped when nothing runs.
   void Deliver(std::function<void()> task);
 
-  // Counts a new connection; false when there are enough.
-  bool AdmitConnection();
-  void ConnectionClosed() { connections_.fetch_sub(1, std::memory_order_relaxed); }
+  // Counts a new connection. When there are enough, the one that has been idle longest makes room; none is taken when
+  // all have something to do.
+  CConnectionPlace AdmitConnection();
+  // False when none is idle.
+  bool CloseLongestIdle();
   // Connections with a request between its header and the last byte of its answer.
   void ConnectionBusy() { busy_.fetch_add(1, std::memory_order_relaxed); }
   void ConnectionIdle();

@@ -31,9 +31,15 @@ struct HttpServerLimits {
   std::uint32_t header_timeout_ms = 10000;  // from the first byte of a request to the end of its header; TLS handshakes
   std::uint32_t idle_timeout_ms = 60000;    // between two requests of a connection
   std::uint32_t body_timeout_ms = 30000;    // without any progress of the body
+  // The same for the whole of a body that nobody has checked yet, in addition to the time that its length takes at the
+  // least rate.
+  std::uint32_t unchecked_body_timeout_ms = 60000;
   std::uint32_t unanswered_timeout_ms = 120000;  // from the delivery of a whole request to its answer
   std::uint32_t connections = 10000;
   std::uint32_t whole_body_bytes = 64 * 1024 * 1024;  // bodies of methods other than PUT; more is answered 413
+  // While memory is short, a client that sends or reads less than this rate, over a whole window, is disconnected.
+  std::uint32_t least_bytes_per_second = 32 * 1024;
+  std::uint32_t least_rate_window_ms = 4000;
   // The ceiling of MemoryAccount.h, for this process as a whole. A client whose body or answer finds no room is
   // answered 503.
   std::uint64_t memory_bytes = CMemoryAccount::kDefaultLimit;
@@ -50,6 +56,7 @@ enum NetError : int {
   kNetSendFailed = 1007,
   kNetSendTimeout = 1008,
   kNetPermission = 1009,
+  kNetNoMemory = 1010,  // no room for what the socket does not take at once; the client got 503
 };
 
 }  // namespace TansyNet

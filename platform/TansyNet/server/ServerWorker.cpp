@@ -7,12 +7,14 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <exception>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "OSAL/Osal.h"
 #include "logging/Logging.h"
 
 namespace TansyNet {
@@ -23,6 +25,14 @@ namespace details {
 namespace {
 
 thread_local bool t_library_thread = false;
+
+void NoteFailure(const std::exception& problem) noexcept {
+  try {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]step failed, %s[%s(%d)]", problem.what());
+  } catch (const std::exception&) {
+    // Nothing is left to say it with.
+  }
+}
 
 }  // namespace
 }  // namespace details
@@ -36,46 +46,73 @@ struct CServerWorker::Impl {
   std::thread thread;
 
   std::mutex mutex;
-  bool stopped = false;  // guarded by mutex
+  bool stopped = false;                                   // guarded by mutex
+  std::map<const void*, std::function<void()>> revivals;  // guarded by mutex
+
+  // Changed by the thread alone, under the mutex; so the thread itself reads without it.
+  std::unordered_map<IServerConnection*, std::shared_ptr<IServerConnection>> connections;
 
   // The thread's own.
-  std::unordered_map<IServerConnection*, std::shared_ptr<IServerConnection>> connections;
-  bool ticking = false;
+  bool ticking = false;  // the timer is set
   bool closing = false;
   std::unique_ptr<char[]> scratch{new char[kScratchBytes]};
 
   void Run();
+  void Revive();
   void Tick();
   void CheckDeadlines();
 };
 
-// Out of memory ends the step of one connection, which then runs into its deadline, but not the thread.
+// Out of memory ends the step of one connection, but not the thread. What such a step would have set going, the clock
+// and the listeners, is set going afterwards.
 void CServerWorker::Impl::Run() {
   MarkLibraryThread();
+  OSAL_SetThreadName("tansy-io");
+  bool has_failed = false;
   for (;;) {
     try {
+      if (has_failed) {
+        Revive();
+        has_failed = false;
+      }
       context.run();
       return;
     } catch (const std::exception& problem) {
-      TANSY_LOG(logging::kError, "TansyNet", "[%s]step failed, %s[%s(%d)]", problem.what());
+      has_failed = true;
+      details::NoteFailure(problem);
     }
+  }
+}
+
+void CServerWorker::Impl::Revive() {
+  if (!ticking) {
+    Tick();
+  }
+  std::map<const void*, std::function<void()>> all;
+  {
+    const std::scoped_lock lock(mutex);
+    all = revivals;
+  }
+  for (const auto& [owner, revive] : all) {
+    revive();
   }
 }
 
 void CServerWorker::Impl::Tick() {
   // An idle worker sleeps: the clock runs only while there is a connection to watch. A tick that was due when the
   // worker was stopped must not start the next one, or the loop would never end.
-  ticking = !closing && !connections.empty();
-  if (!ticking) {
+  if (closing || connections.empty()) {
     return;
   }
   timer.expires_after(std::chrono::milliseconds(tick_ms.load(std::memory_order_relaxed)));
   timer.async_wait([this](const boost::system::error_code& error) {
+    ticking = false;
     if (!error) {
+      Tick();  // first, so that the clock goes on whatever happens to one connection
       CheckDeadlines();
-      Tick();
     }
   });
+  ticking = true;
 }
 
 void CServerWorker::Impl::CheckDeadlines() {
@@ -129,6 +166,8 @@ void CServerWorker::Stop() {
   // Without the guard the loop ends by itself when the last watch has been told of its connection's end.
   impl_->work.reset();
   impl_->thread.join();
+  const std::scoped_lock lock(impl_->mutex);
+  impl_->revivals.clear();
   impl_->connections.clear();
 }
 
@@ -161,14 +200,44 @@ void CServerWorker::Adopt(std::shared_ptr<IServerConnection> connection) {
     return;
   }
   IServerConnection* const key = connection.get();
-  impl_->connections.emplace(key, std::move(connection));
+  {
+    const std::scoped_lock lock(impl_->mutex);
+    impl_->connections.emplace(key, std::move(connection));
+  }
   if (!impl_->ticking) {
     impl_->Tick();
   }
 }
 
 void CServerWorker::Forget(IServerConnection* connection) {
-  impl_->connections.erase(connection);
+  std::shared_ptr<IServerConnection> last;  // let go of after the lock
+  const std::scoped_lock lock(impl_->mutex);
+  const auto found = impl_->connections.find(connection);
+  if (found != impl_->connections.end()) {
+    last = std::move(found->second);
+    impl_->connections.erase(found);
+  }
+}
+
+std::shared_ptr<IServerConnection> CServerWorker::LongestIdle() const {
+  const std::scoped_lock lock(impl_->mutex);
+  std::shared_ptr<IServerConnection> longest;
+  for (const auto& [key, connection] : impl_->connections) {
+    if (connection->IdleSince() < (longest == nullptr ? IServerConnection::kNotIdle : longest->IdleSince())) {
+      longest = connection;
+    }
+  }
+  return longest;
+}
+
+void CServerWorker::SetRevival(const void* owner, std::function<void()> revive) {
+  const std::scoped_lock lock(impl_->mutex);
+  impl_->revivals.insert_or_assign(owner, std::move(revive));
+}
+
+void CServerWorker::RemoveRevival(const void* owner) {
+  const std::scoped_lock lock(impl_->mutex);
+  impl_->revivals.erase(owner);
 }
 
 asio::io_context& CServerWorker::Loop() {

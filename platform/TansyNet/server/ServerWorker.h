@@ -42,6 +42,12 @@ class CServerWorker {
   // Calls `visit` for each connection on the worker's thread.
   void ForEachConnection(std::function<void(IServerConnection&)> visit);
 
+  // The connection that has been idle longest; null when none is. Any thread.
+  std::shared_ptr<IServerConnection> LongestIdle() const;
+  // Calls `revive` on the worker's thread after a step of it has failed for want of memory, until the worker stops.
+  void SetRevival(const void* owner, std::function<void()> revive);
+  void RemoveRevival(const void* owner);
+
   // The worker's thread only. The worker keeps a connection alive from Adopt to Forget.
   void Adopt(std::shared_ptr<IServerConnection> connection);
   void Forget(IServerConnection* connection);

@@ -52,6 +52,9 @@ IoResult SendBytes(SocketHandle socket, std::string_view first, std::string_view
 // first. A negative time waits without limit. Any thread, also while another one uses the socket.
 bool WaitForSocket(SocketHandle socket, bool for_read, bool for_write, int timeout_ms);
 
+// How many sockets and files the process may have open together.
+std::uint32_t MostOpenSockets();
+
 // The system's numbers for "took too long" and "cut by the peer".
 int TimedOutError();
 int ConnectionResetError();

@@ -31,10 +31,13 @@ struct HttpServerRecv {
   std::uint32_t body_size = 0;              // bytes of this delivery
   std::uint32_t content_length = 0;         // declared length of the whole body
   Headers headers;
-  std::vector<FormPart> form_parts;  // of a whole multipart/form-data body, in its order
   // One piece at a time: the next piece of this request is delivered when the last copy of this token is gone. Whoever
   // keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token. Null for whole requests.
   std::shared_ptr<const void> token;
+
+  // The fields of a whole multipart/form-data body, in its order; they live as long as the body. Takes the body apart
+  // at each call, which for a large one costs time: not before it is known who sent it.
+  std::vector<FormPart> FormParts() const;
 };
 
 // An answer without its body.

@@ -26,7 +26,7 @@ struct PictureForm {
 
 PictureForm ReadForm(const TansyNet::HttpServerRecv& request) {
   PictureForm form;
-  for (const TansyNet::FormPart& part : request.form_parts) {
+  for (const TansyNet::FormPart& part : request.FormParts()) {
     if (part.name == "PictureLength") {
       form.length = OSAL_StrToi32(std::string(part.data.substr(0, kMaxLengthDigits)).c_str());
     } else if (part.name == "Picture") {

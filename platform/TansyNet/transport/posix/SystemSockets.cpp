@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits>
 
 namespace TansyNet::details {
 
@@ -147,6 +149,12 @@ bool WaitForSocket(SocketHandle socket, bool for_read, bool for_write, int timeo
       left = static_cast<int>(rest);
     }
   }
+}
+
+std::uint32_t MostOpenSockets() {
+  rlimit limit{};
+  constexpr rlim_t kMost = std::numeric_limits<std::uint32_t>::max();
+  return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<std::uint32_t>(std::min(limit.rlim_cur, kMost)) : kMost;
 }
 
 int TimedOutError() {

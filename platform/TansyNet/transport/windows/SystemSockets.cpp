@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #pragma comment(lib, "ws2_32.lib")
 
@@ -135,6 +136,11 @@ bool WaitForSocket(SocketHandle socket, bool for_read, bool for_write, int timeo
   entry.fd = static_cast<SOCKET>(socket);
   entry.events = static_cast<SHORT>((for_read ? POLLRDNORM : 0) | (for_write ? POLLWRNORM : 0));
   return ::WSAPoll(&entry, 1, timeout_ms) != 0;
+}
+
+// Sockets are limited by memory alone.
+std::uint32_t MostOpenSockets() {
+  return std::numeric_limits<std::uint32_t>::max();
 }
 
 int TimedOutError() {

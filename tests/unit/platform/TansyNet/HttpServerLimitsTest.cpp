@@ -198,21 +198,42 @@ TEST_F(HttpServerLimit, UnansweredTimeBeginsAnewWithEachChunkOfAnAnswer) {
   EXPECT_THROW(client.ReadReply(), std::runtime_error) << "twelve of thirteen bytes came";
 }
 
-TEST_F(HttpServerLimit, ConnectionsBeyondTheNumberAreClosedAtOnce) {
+TEST_F(HttpServerLimit, ConnectionsBeyondTheNumberAreClosedWhenAllAreBusy) {
+  StartWith({.connections = 3});
+  std::vector<std::unique_ptr<CRawClient>> clients;
+  std::vector<Delivery> requests;
+  for (int count = 0; count < 3; ++count) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->Send("GET / HTTP/1.1\r\n\r\n");
+    requests.push_back(Take());
+  }
+  CRawClient surplus(Port());
+  EXPECT_TRUE(surplus.WaitForEnd());
+  SetHandler([](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
+  clients.back()->Reset();
+  EXPECT_TRUE(Eventually([&] {
+    CRawClient next(Port());
+    return next.TrySend("GET / HTTP/1.1\r\n\r\n") && !next.WaitForEnd();
+  })) << "a place became free";
+}
+
+TEST_F(HttpServerLimit, AConnectionBeyondTheNumberTakesThePlaceOfTheLongestIdle) {
   StartWith({.connections = 3}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
   std::vector<std::unique_ptr<CRawClient>> clients;
   for (int count = 0; count < 3; ++count) {
     clients.push_back(std::make_unique<CRawClient>(Port()));
     clients.back()->Send("GET / HTTP/1.1\r\n\r\n");
     EXPECT_EQ(clients.back()->ReadReply().body, "ok");
+    std::this_thread::sleep_for(milliseconds(5));  // times are told apart by milliseconds
   }
+  clients[0]->Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(clients[0]->ReadReply().body, "ok");
   CRawClient surplus(Port());
-  EXPECT_TRUE(surplus.WaitForEnd());
-  clients.pop_back();
-  EXPECT_TRUE(Eventually([&] {
-    CRawClient next(Port());
-    return next.TrySend("GET / HTTP/1.1\r\n\r\n") && !next.WaitForEnd();
-  })) << "a place became free";
+  surplus.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(surplus.ReadReply().body, "ok");
+  EXPECT_TRUE(clients[1]->WaitForEnd()) << "it had waited longest";
+  EXPECT_TRUE(clients[0]->IsSilent(10));
+  EXPECT_TRUE(clients[2]->IsSilent(10));
 }
 
 TEST_F(HttpServerLimit, CountForConnectionsThatComeLater) {
@@ -228,16 +249,19 @@ TEST_F(HttpServerLimit, CountForConnectionsThatComeLater) {
 }
 
 TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
-  StartWith({.memory_bytes = 3 * kMebibyte});
+  StartWith({.body_timeout_ms = kShortMs, .memory_bytes = 5 * kMebibyte});
   const std::string body(2 * kMebibyte, 'x');
   const std::string request = "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
   CRawClient first(Port());
   first.Send(request);
   Delivery kept = Take();
   CRawClient second(Port());
-  second.TrySend(request);
-  EXPECT_EQ(second.ReadReply().status, 503);
-  EXPECT_TRUE(second.WaitForEnd());
+  second.Send(request);
+  Delivery also_kept = Take();
+  CRawClient third(Port());
+  third.TrySend(request);
+  EXPECT_EQ(third.ReadReply().status, 503) << "it waited, and no room came";
+  EXPECT_TRUE(third.WaitForEnd());
   CRawClient chunked(Port());
   chunked.TrySend("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n200000\r\n" + body + "\r\n");
   EXPECT_EQ(chunked.ReadReply().status, 503);
@@ -248,22 +272,129 @@ TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
   // The memory is the message's, answered or not, and free again with its last copy.
   AnswerText(kept.handle, "done");
   EXPECT_EQ(first.ReadReply().body, "done");
-  EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), body.size());
+  EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 2 * body.size());
   kept = {};
+  also_kept = {};
   EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 0U);
   first.Send(request);
   AnswerText(Take().handle, "again");
   EXPECT_EQ(first.ReadReply().body, "again");
 }
 
-TEST_F(HttpServerLimit, BodyMemoryCountsUploadsToo) {
-  StartWith({.memory_bytes = 6 * kMebibyte});
+TEST_F(HttpServerLimit, ABodyWaitsForTheRoomOfOthers) {
+  StartWith({.memory_bytes = 5 * kMebibyte});
+  const std::string body(2 * kMebibyte, 'x');
+  const std::string request = "PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  CRawClient first(Port());
+  first.Send(request);
+  Delivery kept = Take();
+  CRawClient second(Port());
+  second.Send(request);
+  Delivery also_kept = Take();
+  CRawClient third(Port());
+  std::jthread sender([&] { third.TrySend(request); });
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().IsShort(TansyNet::MemoryUse::kAnswers); }));
+  EXPECT_FALSE(HasDelivery());
+  kept = {};
+  const Delivery last = Take();
+  EXPECT_EQ(last.message.body_size, body.size());
+  AnswerText(last.handle, "there");
+  EXPECT_EQ(third.ReadReply().body, "there");
+}
+
+// What they hold back would otherwise be everybody's room for as long as they like.
+TEST_F(HttpServerLimit, BodiesThatStandStillMakeRoomForThoseThatCome) {
+  StartWith({.least_rate_window_ms = 200, .memory_bytes = 4 * kMebibyte});
+  const std::string body(2 * kMebibyte, 'x');
+  const std::string request = "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  CRawClient slow(Port());
+  slow.Send(std::string_view(request).substr(0, request.size() - 1));
+  EXPECT_TRUE(Eventually([&] { return TansyNet::CMemoryAccount::Process().Used() >= body.size(); }));
   CRawClient client(Port());
-  client.Send("PUT / HTTP/1.1\r\nContent-Length: 12582912\r\n\r\n" + std::string(5 * kMebibyte, 'x'));
-  const Delivery first = Take();
-  client.TrySend(std::string(3 * kMebibyte, 'x'));
+  std::jthread sender([&] { client.TrySend(request); });
+  AnswerText(Take().handle, "there");
+  EXPECT_EQ(client.ReadReply().body, "there");
+  EXPECT_EQ(slow.ReadReply().status, 408);
+}
+
+TEST_F(HttpServerLimit, ABodyThatNobodyCheckedHasATimeInAll) {
+  StartWith({.body_timeout_ms = 60000, .unchecked_body_timeout_ms = kShortMs, .least_bytes_per_second = 1000000});
+  CRawClient client(Port());
+  client.Send("POST / HTTP/1.1\r\nContent-Length: 1000\r\n\r\n");
+  std::jthread dripping([&](const std::stop_token& stop) {
+    while (!stop.stop_requested() && client.TrySend("x")) {
+      std::this_thread::sleep_for(milliseconds(kShortMs / 10));
+    }
+  });
+  EXPECT_EQ(client.ReadReply().status, 408);
+  ExpectAtLeastTheLimit();
+}
+
+TEST_F(HttpServerLimit, BodyMemoryCountsUploadsToo) {
+  StartWith({.body_timeout_ms = kShortMs, .memory_bytes = 8 * kMebibyte});
+  CRawClient upload(Port());
+  std::jthread sender(
+      [&] { upload.TrySend("PUT / HTTP/1.1\r\nContent-Length: 12582912\r\n\r\n" + std::string(12 * kMebibyte, 'x')); });
+  Delivery first = Take();
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 8 * kMebibyte; }))
+      << "a piece is kept, and one is read ahead";
+  CRawClient client(Port());
+  client.TrySend("POST / HTTP/1.1\r\nContent-Length: 2097152\r\n\r\n" + std::string(2 * kMebibyte, 'x'));
   EXPECT_EQ(client.ReadReply().status, 503);
-  EXPECT_EQ(AnswerText(first.handle, "late"), TansyNet::kNetUnknownHandle);
+  AnswerText(first.handle, "enough");
+  first = {};
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
+}
+
+TEST_F(HttpServerLimit, WhatSocketsDoNotTakeOfAnswersIsCounted) {
+  StartWith({.memory_bytes = 40 * kMebibyte});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient reader(Port(), {.receive_buffer = 65536});
+  reader.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), 0);
+  const std::uint64_t used = TansyNet::CMemoryAccount::Process().Used(TansyNet::MemoryUse::kAnswers);
+  EXPECT_GT(used, kMebibyte);
+  EXPECT_LE(used, body.size() + 1024);
+  CRawClient refused(Port());
+  refused.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), TansyNet::kNetNoMemory);
+  EXPECT_EQ(refused.ReadReply().status, 503);
+  CRawClient small(Port());
+  small.Send("GET / HTTP/1.1\r\n\r\n");
+  AnswerText(Take().handle, "fine");
+  EXPECT_EQ(small.ReadReply().body, "fine");
+  EXPECT_TRUE(reader.ReadReply().body == body) << "whoever reads is not cut";
+  EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 0U);
+}
+
+// A byte now and then keeps no room that others need.
+TEST_F(HttpServerLimit, ReadersThatDripAreCutWhileMemoryIsShort) {
+  StartWith({.least_rate_window_ms = 400, .memory_bytes = 40 * kMebibyte});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient reader(Port(), {.receive_buffer = 65536});
+  reader.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), 0);
+  std::jthread dripping([&](const std::stop_token& stop) {
+    try {
+      while (!stop.stop_requested()) {
+        reader.ReadBytes(1);
+        std::this_thread::sleep_for(milliseconds(20));
+      }
+    } catch (const std::runtime_error&) {
+      // cut
+    }
+  });
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
+}
+
+TEST_F(HttpServerLimit, ReadersThatDripAreServedWhileMemoryIsNotShort) {
+  StartWith({.least_rate_window_ms = 50, .memory_bytes = 400 * kMebibyte});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient reader(Port(), {.receive_buffer = 65536});
+  reader.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), 0);
+  std::this_thread::sleep_for(milliseconds(300));  // several windows
+  EXPECT_EQ(reader.ReadReply().body.size(), body.size());
 }
 
 TEST_F(HttpServerLimit, ManySilentConnectionsCostLittle) {

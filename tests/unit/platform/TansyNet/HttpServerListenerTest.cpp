@@ -258,6 +258,23 @@ TEST_F(HttpServerListener, StoppedLetsRequestsUnderWayBeAnswered) {
   EXPECT_TRUE(sending.WaitForEnd());
 }
 
+TEST_F(HttpServerListener, StoppedAnswersWhatIsAlreadySent) {
+  Start();
+  CRawClient client(Port());
+  client.Send("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n");
+  const Delivery first = Take();
+  EXPECT_EQ(CHttpServer::StopServer(ListenerHandle()), 0);
+  AnswerText(first.handle, "one");
+  const Delivery second = Take();
+  EXPECT_EQ(second.message.url, "/2");
+  AnswerText(second.handle, "two");
+  EXPECT_EQ(client.ReadReply().body, "one");
+  const auto last = client.ReadReply();
+  EXPECT_EQ(last.body, "two");
+  EXPECT_EQ(last.Header("connection"), "close");
+  EXPECT_TRUE(client.WaitForEnd());
+}
+
 TEST_F(HttpServerListener, StoppedDoesNotStopOthers) {
   Start([](std::int32_t handle, HttpServerRecv& /*message*/) { AnswerText(handle, "ok"); });
   std::int32_t other = 0;

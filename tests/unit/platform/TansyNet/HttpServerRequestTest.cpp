@@ -348,13 +348,14 @@ TEST_F(HttpServerRequest, WithAFormIsTakenApart) {
   client.Send("POST /w HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=B\r\nContent-Length: " +
               std::to_string(form.size()) + "\r\n\r\n" + form);
   const Delivery delivery = Take();
-  ASSERT_EQ(delivery.message.form_parts.size(), 2U);
-  EXPECT_EQ(delivery.message.form_parts[0].name, "PictureLength");
-  EXPECT_EQ(delivery.message.form_parts[1].data, "abc");
+  const auto parts = delivery.message.FormParts();
+  ASSERT_EQ(parts.size(), 2U);
+  EXPECT_EQ(parts[0].name, "PictureLength");
+  EXPECT_EQ(parts[1].data, "abc");
   // A copy shares the bytes that the parts view.
   const HttpServerRecv copy = delivery.message;
   EXPECT_EQ(copy.body.get(), delivery.message.body.get());
-  EXPECT_EQ(copy.form_parts[1].data.data(), delivery.message.form_parts[1].data.data());
+  EXPECT_EQ(copy.FormParts()[1].data.data(), parts[1].data.data());
   AnswerText(delivery.handle, "");
 }
 

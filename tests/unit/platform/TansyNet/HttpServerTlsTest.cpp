@@ -299,4 +299,22 @@ TEST_F(HttpServerTls, ForgetsRequestsWhoseClientVanishes) {
   EXPECT_EQ(AnswerText(delivery.handle, "late"), TansyNet::kNetUnknownHandle);
 }
 
+TEST_F(HttpServerTls, EndsIdleConnectionsWithAGoodbye) {
+  CHttpServer::SetLimits({.idle_timeout_ms = 100});
+  StartTls(settings_, EchoHandler);
+  CRawTlsClient client(Port());
+  EXPECT_TRUE(client.WaitForEnd());
+  EXPECT_TRUE(client.HasSaidGoodbye());
+}
+
+TEST_F(HttpServerTls, StoppedSaysGoodbyeToIdleConnections) {
+  StartTls(settings_, EchoHandler);
+  CRawTlsClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  client.ReadReply();
+  EXPECT_EQ(CHttpServer::StopServer(ListenerHandle()), 0);
+  EXPECT_TRUE(client.WaitForEnd());
+  EXPECT_TRUE(client.HasSaidGoodbye());
+}
+
 }  // namespace

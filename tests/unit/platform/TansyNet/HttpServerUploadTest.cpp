@@ -274,6 +274,31 @@ TEST_F(HttpServerUpload, AnsweredWhileAPieceIsKeptDeliversNoMore) {
   EXPECT_FALSE(HasDelivery());
 }
 
+// The socket of an upload that waits for storage is not watched; its answer has to set that right.
+TEST_F(HttpServerUpload, AnsweredWhileItsLastPieceWaitsLeavesAConnectionThatListens) {
+  Start();
+  const std::string body(12 * kMebibyte, 'x');
+  for (bool is_kept = false; !is_kept;) {
+    CRawClient client(Port());
+    client.Send(PutHead(body.size()) + body.substr(0, 4 * kMebibyte));
+    Delivery first = Take();
+    client.Send(std::string_view(body).substr(4 * kMebibyte, 4 * kMebibyte));
+    const std::int32_t handle = first.handle;
+    first = {};
+    const Delivery second = Take();
+    client.Send(std::string_view(body).substr(8 * kMebibyte));
+    AnswerText(handle, "failed");
+    const auto reply = client.ReadReply();
+    EXPECT_EQ(reply.body, "failed");
+    is_kept = reply.Header("connection") != "close";  // else the last piece was not read yet
+    if (is_kept) {
+      client.Send("GET / HTTP/1.1\r\n\r\n");
+      AnswerText(Take().handle, "heard");
+      EXPECT_EQ(client.ReadReply().body, "heard");
+    }
+  }
+}
+
 TEST_F(HttpServerUpload, IsToldToContinue) {
   Start();
   CRawClient client(Port());

@@ -255,6 +255,10 @@ bool CRawTlsClient::IsResumed() const {
   return SSL_session_reused(ssl_) == 1;
 }
 
+bool CRawTlsClient::HasSaidGoodbye() const {
+  return (SSL_get_shutdown(ssl_) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
 std::string CRawTlsClient::CipherName() const {
   return SSL_get_cipher_name(ssl_);
 }

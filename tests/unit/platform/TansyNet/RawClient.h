@@ -76,6 +76,8 @@ class CRawTlsClient : public CRawClient {
 
   void Send(std::string_view bytes) override;
   bool IsResumed() const;
+  // Whether the server has said that nothing more comes.
+  bool HasSaidGoodbye() const;
   std::string CipherName() const;
   std::string ProtocolName() const;
   // DER of the server's certificate.

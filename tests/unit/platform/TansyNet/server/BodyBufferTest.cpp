@@ -14,10 +14,11 @@ using TansyNet::CBodyBuffer;
 using TansyNet::CMemoryAccount;
 using TansyNet::CountedBytes;
 using TansyNet::CPieceStore;
+using TansyNet::MemoryUse;
 
 TEST(BodyBuffer, CollectsExactlyItsLength) {
   CBodyBuffer body;
-  body.Start(5);
+  body.Start(5, MemoryUse::kWork);
   std::string_view input = "abc";
   body.Consume(input);
   EXPECT_TRUE(input.empty());
@@ -33,7 +34,7 @@ TEST(BodyBuffer, CollectsExactlyItsLength) {
 
 TEST(BodyBuffer, CostsNothingBeforeBytesCome) {
   CBodyBuffer body;
-  body.Start(10485760);
+  body.Start(10485760, MemoryUse::kWork);
   EXPECT_EQ(body.Used(), 0U);
   EXPECT_LE(body.Space().size(), 4096U);
 }
@@ -41,7 +42,7 @@ TEST(BodyBuffer, CostsNothingBeforeBytesCome) {
 TEST(BodyBuffer, GrowsWithWhatCame) {
   constexpr std::size_t kLength = 10485760;
   CBodyBuffer body;
-  body.Start(kLength);
+  body.Start(kLength, MemoryUse::kWork);
   std::size_t steps = 0;
   while (!body.IsComplete()) {
     const auto space = body.Space();
@@ -59,7 +60,7 @@ TEST(BodyBuffer, ReusesMemory) {
   CBodyBuffer body;
   CountedBytes storage{.bytes = std::string(100, 'x'), .share = {}};
   const char* const memory = storage.bytes.data();
-  body.Start(50, std::move(storage));
+  body.Start(50, MemoryUse::kWork, std::move(storage));
   EXPECT_EQ(body.Space().size(), 50U);
   EXPECT_EQ(body.Space().data(), memory);
   body.Commit(20);
@@ -89,7 +90,7 @@ TEST(PieceStore, MayDieBeforeItsPieces) {
 
 TEST(BodyBuffer, CountsABodyUntilItsLastOwnerIsGone) {
   CBodyBuffer body;
-  body.Start(300);
+  body.Start(300, MemoryUse::kWork);
   const std::string text(300, 'x');
   std::string_view input = text;
   body.Consume(input);

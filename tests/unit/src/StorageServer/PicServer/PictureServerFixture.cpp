@@ -99,18 +99,27 @@ TansyNet::HttpServerRecv PictureServerTest::Signed(TansyNet::HttpServerRecv requ
   return request;
 }
 
-TansyNet::HttpServerRecv PictureServerTest::Upload(std::string_view picture, const std::string& length) {
+std::vector<TansyNet::FormPart> PictureServerTest::FormOf(std::string_view picture, std::string_view length) {
+  return {{"SerialID", "", "", "ignored"}, {"PictureLength", "", "", length}, {"Picture", "", "image/jpeg", picture}};
+}
+
+TansyNet::HttpServerRecv PictureServerTest::Upload(const std::vector<TansyNet::FormPart>& parts) {
+  const std::string boundary = "------7e02362550dc4";
   TansyNet::HttpServerRecv request = Request("POST", kWritePath);
-  request.headers["Content-Type"] = "multipart/form-data; boundary=------7e02362550dc4";
-  // As the library does: the parts point into the body, whatever the form around them looked like.
-  auto body = std::make_shared<std::string>(length + std::string(picture));
-  const std::string_view bytes = *body;
-  request.form_parts = {{"SerialID", "", "", "ignored"},
-                        {"PictureLength", "", "", bytes.substr(0, length.size())},
-                        {"Picture", "", "image/jpeg", bytes.substr(length.size())}};
+  request.headers["Content-Type"] = "multipart/form-data; boundary=" + boundary;
+  auto body = std::make_shared<std::string>();
+  for (const TansyNet::FormPart& part : parts) {
+    *body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + std::string(part.name) + "\"\r\n\r\n";
+    body->append(part.data).append("\r\n");
+  }
+  *body += "--" + boundary + "--\r\n";
   request.body_size = request.content_length = static_cast<std::uint32_t>(body->size());
   request.body = body;
   return Signed(request);
+}
+
+TansyNet::HttpServerRecv PictureServerTest::Upload(std::string_view picture, const std::string& length) {
+  return Upload(FormOf(picture, length));
 }
 
 Tests::FakeAnswer PictureServerTest::Ask(const TansyNet::HttpServerRecv& request) {

@@ -60,6 +60,9 @@ class PictureServerTest : public ::testing::Test {
   // "quorvane access:" and the signature of `text`.
   static std::string AuthorizationFor(const std::string& text);
   // An upload form around `picture`, signed.
+  // The fields of a good upload; they view the arguments.
+  static std::vector<TansyNet::FormPart> FormOf(std::string_view picture, std::string_view length);
+  static TansyNet::HttpServerRecv Upload(const std::vector<TansyNet::FormPart>& parts);
   static TansyNet::HttpServerRecv Upload(std::string_view picture, const std::string& length);
 
   Tests::FakeAnswer Ask(const TansyNet::HttpServerRecv& request);

@@ -53,19 +53,19 @@ TEST_F(PictureServerPictures, APictureOfOneByteIsEnough) {
 }
 
 TEST_F(PictureServerPictures, OtherPartsAndTheOrderOfPartsDoNotMatter) {
-  auto request = Upload("abc", "3");
-  std::swap(request.form_parts[0], request.form_parts[2]);
-  request.form_parts.push_back({"Token", "", "", "t"});
-  request.form_parts.push_back({"", "", "", ""});
-  EXPECT_EQ(Ask(request).response.status, 200);
+  auto parts = FormOf("abc", "3");
+  std::swap(parts[0], parts[2]);
+  parts.push_back({"Token", "", "", "t"});
+  parts.push_back({"", "", "", ""});
+  EXPECT_EQ(Ask(Upload(parts)).response.status, 200);
   EXPECT_EQ(store.saved_bytes, "abc");
 }
 
 TEST_F(PictureServerPictures, OfRepeatedPartsTheLastCounts) {
-  auto request = Upload("abc", "3");
-  request.form_parts.push_back({"Picture", "", "", "later"});
-  request.form_parts.push_back({"PictureLength", "", "", "5"});
-  EXPECT_EQ(Ask(request).response.status, 200);
+  auto parts = FormOf("abc", "3");
+  parts.push_back({"Picture", "", "", "later"});
+  parts.push_back({"PictureLength", "", "", "5"});
+  EXPECT_EQ(Ask(Upload(parts)).response.status, 200);
   EXPECT_EQ(store.saved_bytes, "later");
 }
 
@@ -84,18 +84,16 @@ TEST_F(PictureServerPictures, ALengthThatIsNotThePicturesIsRefused) {
 TEST_F(PictureServerPictures, AMissingPartIsRefused) {
   ExpectEmptyForm(Upload("", "0"), 0, 0);
   ExpectEmptyForm(Upload("", "3"), 3, 0);
-  auto no_picture = Upload("abc", "3");
-  no_picture.form_parts.pop_back();
-  ExpectEmptyForm(no_picture, 3, 0);
-  auto no_length = Upload("abc", "3");
-  no_length.form_parts.erase(no_length.form_parts.begin() + 1);
-  ExpectEmptyForm(no_length, 0, 3);
-  auto nothing = Upload("abc", "3");
-  nothing.form_parts.clear();
-  ExpectEmptyForm(nothing, 0, 0);
-  auto other_case = Upload("abc", "3");
-  other_case.form_parts[2].name = "picture";
-  ExpectEmptyForm(other_case, 3, 0);
+  auto no_picture = FormOf("abc", "3");
+  no_picture.pop_back();
+  ExpectEmptyForm(Upload(no_picture), 3, 0);
+  auto no_length = FormOf("abc", "3");
+  no_length.erase(no_length.begin() + 1);
+  ExpectEmptyForm(Upload(no_length), 0, 3);
+  ExpectEmptyForm(Upload(std::vector<TansyNet::FormPart>()), 0, 0);
+  auto other_case = FormOf("abc", "3");
+  other_case[2].name = "picture";
+  ExpectEmptyForm(Upload(other_case), 3, 0);
 }
 
 TEST_F(PictureServerPictures, AnUnsignedUploadIsRefusedBeforeItsFormIsLookedAt) {

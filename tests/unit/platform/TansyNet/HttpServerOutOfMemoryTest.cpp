@@ -1,0 +1,91 @@
+// One failed allocation ends at most the connection that it was for.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "RawClient.h"
+#include "ServerFixture.h"
+#include "TansyNet/HttpServer.h"
+#include "fakes/FailingAllocation.h"
+
+namespace {
+
+using Tansy::Tests::AnswerText;
+using Tansy::Tests::CFailingAllocationAnywhere;
+using Tansy::Tests::CRawClient;
+using Tansy::Tests::CUnharmedThread;
+using Tansy::Tests::Eventually;
+using Tansy::Tests::ServerFixture;
+using TansyNet::CHttpServer;
+using TansyNet::HttpServerRecv;
+
+constexpr std::uint32_t kShortMs = 200;
+
+class HttpServerOutOfMemory : public ServerFixture {
+ protected:
+  HttpServerOutOfMemory() {
+    CHttpServer::SetLimits({.header_timeout_ms = kShortMs,
+                            .idle_timeout_ms = 60000,
+                            .body_timeout_ms = kShortMs,
+                            .unanswered_timeout_ms = kShortMs});
+    Start([](std::int32_t handle, HttpServerRecv& message) {
+      const CUnharmedThread callback;  // what handlers do about it is theirs to test
+      if (message.error_code != TansyNet::kBodyPiece) {
+        AnswerText(handle, "ok");
+      }
+    });
+  }
+
+  // Lets each allocation that the server makes for the request fail once. A client may be cut, or hear nothing before
+  // its time is over; the next one is served.
+  void FailEachAllocationFor(const std::string& request) {
+    const CUnharmedThread mine;
+    bool has_failed = true;
+    for (std::size_t number = 1; has_failed; ++number) {
+      has_failed = FailAllocationFor(request, number);
+      CRawClient next(Port());
+      next.Send("GET / HTTP/1.1\r\n\r\n");
+      ASSERT_EQ(next.ReadReply().body, "ok") << "after allocation " << number;
+    }
+    EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; })) << "handles are given back";
+  }
+
+ private:
+  // False when the server makes fewer allocations.
+  bool FailAllocationFor(const std::string& request, std::size_t number) {
+    const CFailingAllocationAnywhere failing(number);
+    try {
+      CRawClient client(Port());
+      client.TrySend(request);
+      client.ReadReply();
+    } catch (const std::runtime_error&) {
+      // cut, or silent
+    }
+    return failing.HasFailed();
+  }
+};
+
+TEST_F(HttpServerOutOfMemory, EndsNoServiceOfSmallRequests) {
+  FailEachAllocationFor("GET /a?b HTTP/1.1\r\nHost: h\r\nx-long: " + std::string(100, 'x') + "\r\n\r\n");
+}
+
+TEST_F(HttpServerOutOfMemory, EndsNoServiceOfBodies) {
+  FailEachAllocationFor("POST / HTTP/1.1\r\nContent-Length: 200000\r\n\r\n" + std::string(200000, 'x'));
+}
+
+TEST_F(HttpServerOutOfMemory, EndsNoServiceOfChunkedBodies) {
+  FailEachAllocationFor("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n186a0\r\n" + std::string(100000, 'x') +
+                        "\r\n0\r\n\r\n");
+}
+
+TEST_F(HttpServerOutOfMemory, EndsNoServiceOfUploads) {
+  constexpr std::size_t kSize = TansyNet::kWholeBodyLimit + 1;
+  FailEachAllocationFor("PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(kSize) + "\r\n\r\n" +
+                        std::string(kSize, 'x'));
+}
+
+}  // namespace
