@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -176,8 +177,16 @@ std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, cons
     return std::nullopt;
   }
   const std::uint32_t chunk_count = length / details::kChunkBytes + (length % details::kChunkBytes != 0 ? 1 : 0);
-  const bool started = details::CBigFileSendThreads::Instance().Run(
-      [=, this] { HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length, *lease); });
+  const bool started = details::CBigFileSendThreads::Instance().Run([=, this] {
+    try {
+      HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length, *lease);
+    } catch (const std::exception& error) {
+      // Out of memory, most likely. The client is told, or, once the head is out, its connection is closed.
+      CLOUD_LOG(logging::kError, "[%s]big file send failed[%s], object[%s].[%s(%d)]", error.what(),
+                object.name.c_str());
+      AnswerError(session_id, kServerInternalError);
+    }
+  });
   return started ? 0 : AnswerError(session_id, kServerInternalError);
 }
 

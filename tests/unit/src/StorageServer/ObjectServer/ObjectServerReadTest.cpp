@@ -5,7 +5,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <future>
+#include <latch>
 #include <mutex>
+#include <new>
 #include <set>
 #include <thread>
 #include <vector>
@@ -473,6 +475,22 @@ TEST_F(CObjectServerReadTest, ABigReadThatFailsAtOnceIsAnError) {
   EXPECT_THAT(log_->Text(kFailed), HasSubstr("HandleBigFileSend]download failed[k]["));
 }
 
+TEST_F(CObjectServerReadTest, ABigReadThatRunsOutOfMemoryIsAnswered) {
+  NewObject(bucket_, "k", Pattern(25 * kMiB));
+  std::atomic<int> reads{0};
+  std::atomic<int> fatal{1};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (++reads == fatal) {
+      throw std::bad_alloc();
+    }
+  });
+  EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
+  reads = 0;
+  fatal = 2;
+  EXPECT_TRUE(Get(Path("k")).cut) << "the head is out";
+  storage_.SetHook(nullptr);
+}
+
 TEST_F(CObjectServerReadTest, ABigReadThatFailsInTheMiddleEndsTheConnection) {
   NewObject(bucket_, "k", Pattern(25 * kMiB));
   std::atomic<int> reads{0};
@@ -520,8 +538,17 @@ TEST_F(CObjectServerReadTest, AClientThatGoesAwayEndsTheSending) {
 TEST_F(CObjectServerReadTest, ManyBigDownloadsAtOnce) {
   const std::string bytes = Pattern(11 * kMiB);
   NewObject(bucket_, "k", bytes);
+  constexpr int kDownloads = 12;  // more than the loop has threads
+  // The first read of each waits for the first reads of all others.
+  std::latch all(kDownloads);
+  std::atomic<int> reads{0};
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    if (reads++ < kDownloads) {
+      all.arrive_and_wait();
+    }
+  });
   std::vector<std::int32_t> handles;
-  for (int i = 0; i < 12; ++i) {
+  for (int i = 0; i < kDownloads; ++i) {
     handles.push_back(http_.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", Path("k"), "", "", {}})));
   }
   for (const std::int32_t handle : handles) {

@@ -409,17 +409,24 @@ TEST_F(CObjectServerWriteTest, AnUploadIsUnderWayUntilItsRowIsWritten) {
 }
 
 TEST_F(CObjectServerWriteTest, TheNextPieceWaitsUntilTheLastIsStored) {
-  std::atomic<bool> stored{false};
-  storage_.SetHook([&](const CFakeStorage::Call&) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    stored = true;
-  });
+  CGate gate;
+  storage_.SetHook([&](const CFakeStorage::Call&) { gate.Pass(); });
   handle_ = http_.NewHandle();
-  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+  TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "piece", {}});
   msg.content_length = 11 * kMiB;
-  // Returns when the piece's token is gone.
-  http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, "piece", false);
-  EXPECT_TRUE(stored);
+  msg.error_code = TansyNet::kBodyPiece;
+  auto token = std::make_shared<const int>(0);
+  const std::weak_ptr<const int> watched = token;
+  msg.token = std::move(token);
+  CObjectServer::RecvMsgCallBack(handle_, msg);
+  msg = {};
+  ASSERT_TRUE(gate.WaitForEntered(1));
+  EXPECT_FALSE(watched.expired()) << "the piece is with the storage";
+  gate.Open();
+  while (CServerMsgLoop::Instance().GetWorkTaskCount() != 0) {
+    std::this_thread::yield();
+  }
+  EXPECT_TRUE(watched.expired()) << "stored: the next one may come";
 }
 
 TEST_F(CObjectServerWriteTest, UploadsAreRefusedAtTheirFirstPiece) {
@@ -578,32 +585,6 @@ TEST_F(CObjectServerWriteTest, BytesThatNeverComeAreGivenUp) {
   ASSERT_TRUE(streams_.GetStreamInfo(stream, static_cast<std::uint32_t>(handle_)));
   EXPECT_EQ(stream.size, kWholeLimit);
   streams_.RemoveStream(static_cast<std::uint32_t>(handle_));
-}
-
-// A storage that takes 50 ms for a last piece of one byte and nothing for the others.
-std::atomic<std::chrono::steady_clock::time_point> last_byte_stored;
-int StoreLastByteSlowly(const char*, std::uint32_t size, std::uint32_t, std::string& location) {
-  location = "somewhere";
-  if (size == 1) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    last_byte_stored = std::chrono::steady_clock::now();
-  }
-  return 0;
-}
-
-TEST_F(CObjectServerWriteTest, AStoredPieceCutsTheRoundShort) {
-  CloudStorage::StorageServerConfig_V1 config = Config();
-  config.stream_save = &StoreLastByteSlowly;
-  ASSERT_EQ(server_.Init(config), 0);
-  // Would the handler sleep its round of 200 ms to the end, the answer could not come in less than 150 ms after the
-  // last byte. On a busy machine it may come late now and then, so the quickest of a few counts.
-  const std::string body(kWholeLimit + 1, 'x');
-  auto quickest = std::chrono::steady_clock::duration::max();
-  for (int i = 0; i < 10 && quickest > std::chrono::milliseconds(100); ++i) {
-    EXPECT_TRUE(IsXml(StreamSigned("k", body, {kWholeLimit}), ""));
-    quickest = std::min(quickest, std::chrono::steady_clock::now() - last_byte_stored.load());
-  }
-  EXPECT_LT(quickest, std::chrono::milliseconds(100));
 }
 
 TEST_F(CObjectServerWriteTest, AWholeBodyThatDeclaresMoreHasNoStream) {

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PictureServerFixture.h"
 #include "StorageServer/ServerComm.h"
+#include "TansyCloudStorage/ObjectServer.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -57,6 +59,34 @@ class PictureServerAuth : public PictureServerTest {
     EXPECT_NE(log_->Text(format).find(part), std::string::npos) << log_->Text(format);
   }
 };
+
+TEST_F(PictureServerAuth, AnEmptyKeyIsNoKey) {
+  const std::string text = "GET\n\n\n" + std::string(kDateValue) + "\n\n" + kVersionPath;
+  for (const auto& [ak, sk] : {std::pair("", ""), std::pair("access", ""), std::pair("", "secret")}) {
+    StorageServerConfig_V1 config = MakeConfig();
+    config.ak = ak;
+    config.sk = sk;
+    StartServer(config);
+    ExpectError(AskWith(std::string("quorvane ") + ak + ":" + SignHmacSha1(text, sk)), -58002, 403);
+    const std::string signature = SignHmacSha1("GET\n\n\n5\n\n/pic?id=7", sk);
+    ExpectError(AskQuery(std::string("id=7&AccessKeyId=") + ak + "&Expires=5&Signature=" + Escaped(signature)), -58002,
+                403);
+  }
+}
+
+TEST_F(PictureServerAuth, AHeaderOutsideTheWindowOfDatesIsRefusedAndALinkIsNot) {
+  const std::string text = "GET\n\n\n" + std::string(kDateValue) + "\n\n" + kVersionPath;
+  const std::string authorization = "quorvane access:" + SignHmacSha1(text, "secret");
+  ASSERT_EQ(SetSignatureDateWindow(15), 0);
+  EXPECT_EQ(AskWith(authorization).response.status, 200);
+  clock_.Advance(15 * 60 + 1);
+  EXPECT_EQ(AskWith(authorization).response.status, 403);
+  ExpectLog("[%s]http header Date refused! Date=%s window=%d minutes[%s(%d)]", logging::kError,
+            "CPictureServer::CheckAuth");
+  EXPECT_EQ(AskQuery(SignedQuery("id=7")).body, "bytes");
+  ASSERT_EQ(SetSignatureDateWindow(0), 0);
+  EXPECT_EQ(AskWith(authorization).response.status, 200);
+}
 
 // Signatures computed elsewhere.
 TEST_F(PictureServerAuth, KnownHeaderSignatures) {
