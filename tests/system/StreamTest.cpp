@@ -287,6 +287,34 @@ TEST_P(StreamSchemeTest, AReaderThatStallsCostsAThreadAndAChunkForAWhileAndNever
   }
 }
 
+TEST_F(StreamTest, ARangeEndsWithItsObject) {
+  const std::string small = RandomBytes(1000, 3);
+  Put("/b/small", small);
+  for (const char* range : {"bytes=0-1001", "bytes=0-10485760", "bytes=0-10485761", "bytes=0-4294967295"}) {
+    const Reply reply = Send("GET", "/b/small", "", {{"Range", range}});
+    EXPECT_EQ(reply.status, 200) << range;
+    EXPECT_EQ(reply.body == small, true) << range;
+  }
+  const std::string big = RandomBytes(15 * kMiB, 4);
+  Put("/b/big", big);
+  const Reply reply = Send("GET", "/b/big", "", {{"Range", "bytes=5-4294967295"}});
+  EXPECT_TRUE(reply.is_whole);
+  EXPECT_EQ(reply.Header("Content-Length"), std::to_string(big.size() - 5));
+  EXPECT_EQ(reply.Header("Content-Range"), "bytes 5-15728640/15728640");
+  EXPECT_EQ(reply.body == big.substr(5), true);
+}
+
+TEST_F(StreamTest, TheTagStaysOverARestartAndChangesWithTheBytes) {
+  Put("/b/o", "first");
+  const std::string tag = Send("GET", "/b/o?metadata").Header("ETag");
+  EXPECT_EQ(tag.size(), 34U) << tag;
+  ASSERT_TRUE(server_.Stop());
+  ASSERT_TRUE(server_.Start());
+  EXPECT_EQ(Send("GET", "/b/o").Header("ETag"), tag);
+  Put("/b/o", "other");
+  EXPECT_NE(Send("GET", "/b/o").Header("ETag"), tag);
+}
+
 TEST_F(StreamTest, BytesThatEndTooSoonCloseTheConnection) {
   Put("/b/o", RandomBytes(25 * kMiB, 2));
   for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
