@@ -1,6 +1,9 @@
 #include "StorageClient/Base64Buffer.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <string>
+
+#include "TansyBase/Encrypt.h"
 
 namespace Tansy::CloudStorage {
 
@@ -8,15 +11,6 @@ namespace details {
 namespace {
 
 constexpr std::int32_t kOutputTooSmall = -2;
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-// Four characters of the 24 bits; `bytes` of the three were there, the rest is padding.
-void EncodeGroup(std::uint32_t bits, std::size_t bytes, char* output) {
-  output[0] = kAlphabet[bits >> 18 & 0x3f];
-  output[1] = kAlphabet[bits >> 12 & 0x3f];
-  output[2] = bytes > 1 ? kAlphabet[bits >> 6 & 0x3f] : '=';
-  output[3] = bytes > 2 ? kAlphabet[bits & 0x3f] : '=';
-}
 
 }  // namespace
 }  // namespace details
@@ -29,18 +23,8 @@ std::int32_t Base64EncodeBuffer(const void* input, std::uint32_t input_length, c
   if (needed > output_size) {
     return details::kOutputTooSmall;
   }
-  const auto* bytes = static_cast<const std::uint8_t*>(input);
-  while (input_length >= 3) {
-    details::EncodeGroup(std::uint32_t{bytes[0]} << 16 | std::uint32_t{bytes[1]} << 8 | bytes[2], 3, output);
-    bytes += 3;
-    output += 4;
-    input_length -= 3;
-  }
-  if (input_length == 2) {
-    details::EncodeGroup(std::uint32_t{bytes[0]} << 16 | std::uint32_t{bytes[1]} << 8, 2, output);
-  } else if (input_length == 1) {
-    details::EncodeGroup(std::uint32_t{bytes[0]} << 16, 1, output);
-  }
+  const std::string text = TansyBase::Encrypt::Base64Encode(input, input_length);
+  std::copy(text.begin(), text.end(), output);
   return 0;
 }
 
