@@ -200,6 +200,21 @@ TEST_P(ClientTest, RefusesSmallPiecesThatDoNotFit) {
   EXPECT_EQ(Get(url), "first second");
 }
 
+TEST_P(ClientTest, SendsALastPieceAgainWhenTheServerIsBack) {
+  std::string url = "again.log";
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "one-", 4, false, true));
+  ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "two-", 4, false, false));
+  // Nobody takes the last piece while the server is away.
+  ASSERT_TRUE(server_.Stop());
+  EXPECT_FALSE(client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false));
+  EXPECT_EQ(client_->GetLastFailure().code, Tansy::CloudStorage::ClientError::kNotSent);
+  Launch launch;
+  launch.with_https = GetParam();
+  ASSERT_TRUE(server_.Start(launch));
+  EXPECT_TRUE(client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false)) << Error().message;
+  EXPECT_EQ(Get(url), "one-two-end");
+}
+
 TEST_P(ClientTest, KeepsPiecesOfEqualNamesInTwoPoolsApart) {
   MakeBucket("other");
   SStorageServerConfig config = Config();
