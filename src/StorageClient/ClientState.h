@@ -64,7 +64,7 @@ std::shared_ptr<State> MakeClientState(const SStorageServerConfig& config) noexc
   return state;
 }
 
-// The last failure; that memory ran out when the state itself is missing or its texts cannot be copied.
+// The last failure. It is kOutOfResources when the state itself is missing or its texts cannot be copied.
 template <class State>
 SClientFailure LastFailureOf(const std::shared_ptr<State>& state) noexcept {
   SClientFailure failure;

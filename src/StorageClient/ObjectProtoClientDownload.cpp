@@ -351,8 +351,8 @@ bool CObjectProtoClient::DownloadByRanges(const std::string& url, const SObjectV
     const std::uint64_t end = std::min(start + details::kRangeBytes, total_size_);
     const std::string range = std::to_string(start) + "-" + std::to_string(end);
     SHttpExchange exchange;
-    // An answer with a bad status or redirect leaves the file open, as does the end of this object: an attempt that
-    // follows finds it held.
+    // A range with a bad status or redirect leaves the file open, and the destructor leaves it open too: the next
+    // attempt finds it in use. Callers are told so, and it stays like that.
     if (!GetObjectBytes(exchange, url, range, details::kMaxRangeAnswerBytes)) {
       return false;
     }
@@ -378,7 +378,7 @@ bool CObjectProtoClient::CheckTag(const SHttpExchange& exchange, const std::stri
   return false;
 }
 
-// All that can be said of a server without tags.
+// A server without tags is only asked for the size again.
 bool CObjectProtoClient::CheckSizeAgain(const std::string& url) {
   SObjectVersion version;
   if (!ConfirmVersion(version, download_base_, url)) {

@@ -55,8 +55,8 @@ struct PieceTask {
   bool in_use = false;  // a piece is on its way
 };
 
-// One for the process, never destroyed. Its two halves have nothing in common but the place; each has a mutex of its
-// own, which every operation holds for its whole duration. Any thread.
+// There is one registry per process, and it is never destroyed. Its two halves share nothing; each has its own mutex,
+// which every operation holds for its whole duration. Any thread may call it.
 class CPartUploadRegistry : private TansyBase::CNoncopyable {
  public:
   static CPartUploadRegistry& Instance() { return CSingleton<CPartUploadRegistry>::Instance(); }

@@ -8,8 +8,8 @@
 
 namespace Tansy::CloudStorage {
 
-// Parts that the client cuts on its own are never smaller, the last one of an object excepted: an upload of a few bytes
-// a part would need more requests than anybody wants to send.
+// The client cuts no parts that are smaller than this, except for the last one of an object: an upload would need too
+// many requests.
 inline constexpr std::uint32_t kMinCutPartBytes = 65536;
 
 // What one piece of a piecewise upload turns into.

@@ -89,7 +89,7 @@ bool CPieceUpload::SendWhole(std::string& url, std::string_view object) {
 bool CPieceUpload::SendFirst(std::string_view piece, bool last) {
   std::int32_t last_number = 0;
   PieceTask other;
-  // Looked at before anything is sent, and once more when the task is added.
+  // This is checked before anything is sent, and once more when the task is added.
   if (registry_.FindTask(task_.key, last_number, other)) {
     SetNotAdded();
     return false;
@@ -97,7 +97,7 @@ bool CPieceUpload::SendFirst(std::string_view piece, bool last) {
   if (!BeginTask() || !SendPart(first_number_, piece) || !AddTask()) {
     return false;
   }
-  // The caller never learns the key of an upload whose first piece failed.
+  // After a first piece that failed the caller begins again with a first piece.
   details::CRollback forget([this] { registry_.RemoveTask(task_.key); });
   if (!AddPiece(first_number_, piece)) {
     return false;
@@ -126,7 +126,7 @@ bool CPieceUpload::SendLater(std::string_view piece, bool last) {
   }
   std::int32_t number = first_number_;
   for (const std::string_view part : cut.parts) {
-    // Nothing is recorded of a piece that fails here: sent again, its parts get the same numbers.
+    // Nothing is recorded of a piece that fails here. When it is sent again its parts get the same numbers.
     if (!SendPart(number++, part)) {
       return false;
     }
@@ -141,7 +141,7 @@ bool CPieceUpload::SendLater(std::string_view piece, bool last) {
     if (!FinishTask()) {
       return false;
     }
-    // The entry is gone; one of this name that is there now belongs to another upload.
+    // The entry is gone. If there is one of this name now, it belongs to another upload.
     end_piece.Dismiss();
   } else {
     registry_.SetTail(task_.key, std::move(tail));

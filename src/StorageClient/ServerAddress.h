@@ -13,7 +13,7 @@ const char* Scheme(const SStorageServerConfig& config);
 // "address:port" as URLs and Host headers write it: an IPv6 address goes into brackets, unless it has them.
 std::string HostAndPort(const std::string& address, const std::string& port);
 
-// The same of a text that holds both. Servers may name an IPv6 node without brackets: its port follows the last colon.
+// The same for a text that holds both. Servers may name an IPv6 node without brackets: its port follows the last colon.
 std::string NodeAddress(const std::string& node);
 
 // What stands between the scheme and the path of an absolute URL.
