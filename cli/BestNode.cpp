@@ -7,10 +7,10 @@
 
 namespace Tansy::Cli {
 
-std::string AskBestNode(const Settings& settings, const std::string& bucket) {
+std::string AskBestNode(const Settings& settings, const std::string& bucket, EPatience patience) {
   // The answer does not depend on the key, but the request needs one.
   const CServerLink link(settings);
-  const LinkOutcome outcome = link.Try({.resource = "/" + bucket + "/any?bestnode"});
+  const LinkOutcome outcome = TryPatiently(link, {.resource = "/" + bucket + "/any?bestnode"}, patience);
   if (!outcome.IsDone()) {
     throw link.FailureOf(outcome);
   }
@@ -22,8 +22,8 @@ std::string AskBestNode(const Settings& settings, const std::string& bucket) {
   return xml.GetString("/BestNodeInfo/Location");
 }
 
-ServerAddress BestNodeAddress(const Settings& settings, const std::string& bucket) {
-  const std::string location = AskBestNode(settings, bucket);
+ServerAddress BestNodeAddress(const Settings& settings, const std::string& bucket, EPatience patience) {
+  const std::string location = AskBestNode(settings, bucket, patience);
   ServerAddress address;
   if (!ParseServerUrl((settings.object_server.is_https ? "https://" : "http://") + location, address)) {
     throw CFailure(kExitFailed,

@@ -4,7 +4,7 @@
 
 #include "Failure.h"
 #include "Output.h"
-#include "Persistence.h"
+#include "ServerLink.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -23,13 +23,7 @@ ObjectVersion VersionOf(const TansyNet::CHttpClientResponse& answer, const std::
 }
 
 LinkOutcome Ask(const CServerLink& link, const ObjectUrl& url, EPatience patience) {
-  const LinkRequest request{.resource = url.Path() + "?metadata"};
-  CPersistence persistence;
-  LinkOutcome outcome = link.Try(request);
-  while (!outcome.IsDone() && patience == EPatience::kMuch && persistence.GoesOn(outcome)) {
-    outcome = link.Try(request);
-  }
-  return outcome;
+  return TryPatiently(link, {.resource = url.Path() + "?metadata"}, patience);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "ObjectUrl.h"
-#include "ServerLink.h"
+#include "Persistence.h"
 #include "Settings.h"
 
 namespace Tansy::Cli {
@@ -18,9 +18,6 @@ struct ObjectVersion {
 
   bool operator==(const ObjectVersion&) const = default;
 };
-
-// Whether to ask again when the connection breaks: much patience is for the middle of a transfer.
-enum class EPatience { kNone, kMuch };
 
 // The object as it is now. Throws CFailure about `url`.
 ObjectVersion AskVersion(const Settings& settings, const ObjectUrl& url, EPatience patience = EPatience::kNone);

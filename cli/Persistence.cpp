@@ -22,19 +22,28 @@ bool IsOutage(const LinkOutcome& outcome) {
          kind == HttpClient::kTimeout || (kind == HttpClient::kBadAnswer && outcome.answer.status != 0);
 }
 
+// The server has more to do than it can: that passes.
+bool IsBusy(const LinkOutcome& outcome) {
+  return outcome.answer.status == 408 || outcome.answer.status == 503;
+}
+
 // The server could not do it now. A full disk is not emptied by asking again.
 bool IsPassing(const LinkOutcome& outcome) {
-  const int status = outcome.answer.status;
-  return status == 408 || (status >= 500 && outcome.ErrorCode() != "NotEnoughSpace");
+  return outcome.answer.status >= 500 && outcome.ErrorCode() != "NotEnoughSpace";
 }
 
 }  // namespace
 }  // namespace details
 
 bool CPersistence::GoesOn(const LinkOutcome& outcome) {
-  if (outcome.IsAnswered() ? !details::IsPassing(outcome) || ++refusals_ >= details::kMostRefusals
-                           : !details::IsOutage(outcome)) {
-    return false;
+  if (!outcome.IsAnswered()) {
+    if (!details::IsOutage(outcome)) {
+      return false;
+    }
+  } else if (!details::IsBusy(outcome)) {
+    if (!details::IsPassing(outcome) || ++refusals_ >= details::kMostRefusals) {
+      return false;
+    }
   }
   const auto now = std::chrono::steady_clock::now();
   first_failure_ = first_failure_.value_or(now);
@@ -45,6 +54,16 @@ void CPersistence::Forget() {
   first_failure_.reset();
   pause_ = std::chrono::milliseconds{0};
   refusals_ = 0;
+}
+
+LinkOutcome TryPatiently(const CServerLink& link, const LinkRequest& request, EPatience patience,
+                         const std::atomic<bool>* stop) {
+  CPersistence persistence(stop);
+  LinkOutcome outcome = link.Try(request);
+  while (!outcome.IsDone() && patience == EPatience::kMuch && persistence.GoesOn(outcome)) {
+    outcome = link.Try(request);
+  }
+  return outcome;
 }
 
 bool CPersistence::Pause() {

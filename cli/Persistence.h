@@ -30,6 +30,13 @@ class CPersistence {
   int refusals_ = 0;
 };
 
+// Whether a request is repeated: not the first one of a command, whose address may be wrong, but those in its middle.
+enum class EPatience { kNone, kMuch };
+
+// Sends a request that may be repeated without harm, as often as patience allows. `stop` may be null.
+LinkOutcome TryPatiently(const CServerLink& link, const LinkRequest& request, EPatience patience = EPatience::kMuch,
+                         const std::atomic<bool>* stop = nullptr);
+
 }  // namespace Tansy::Cli
 
 #endif  // TANSY_CLI_PERSISTENCE_H

@@ -108,12 +108,7 @@ class CAttempt {
 
   // A task that was opened and never used holds no bytes, and the server sweeps it away: opening it is repeated too.
   void OpenTask() {
-    CPersistence persistence;
-    const LinkRequest request{.method = "POST", .resource = job_.url.Path() + "?uploads"};
-    LinkOutcome outcome = server_.Try(request);
-    while (!outcome.IsDone() && persistence.GoesOn(outcome)) {
-      outcome = server_.Try(request);
-    }
+    const LinkOutcome outcome = TryPatiently(server_, {.method = "POST", .resource = job_.url.Path() + "?uploads"});
     if (!outcome.IsDone()) {
       throw server_.FailureOf(outcome);
     }
@@ -216,14 +211,9 @@ class CAttempt {
     return now && now->size == reader_.Size() && (!before || now->tag != before->tag);
   }
 
-  // Sends to the node, again and again while that may help.
-  LinkOutcome Persist(const LinkRequest& request) {
-    CPersistence persistence(&stop_);
-    LinkOutcome outcome = node_.Try(request);
-    while (!outcome.IsDone() && persistence.GoesOn(outcome)) {
-      outcome = node_.Try(request);
-    }
-    return outcome;
+  // Sends to the node, again and again while that may help and no other sender has failed.
+  LinkOutcome Persist(const LinkRequest& request) const {
+    return TryPatiently(node_, request, EPatience::kMuch, &stop_);
   }
 
   void Advance(std::size_t size) {
@@ -261,7 +251,7 @@ void Verify(const Settings& settings, const ObjectUrl& url, const ObjectVersion&
 }  // namespace details
 
 std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, const UploadListener& listener) {
-  const ServerAddress node = BestNodeAddress(settings, job.url.bucket);
+  const ServerAddress node = BestNodeAddress(settings, job.url.bucket, job.patience);
   for (bool again = false;; again = true) {
     CPieceReader reader(file, job.part_size, job.expected);
     try {

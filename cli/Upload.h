@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ObjectUrl.h"
+#include "Persistence.h"
 #include "Settings.h"
 
 namespace Tansy::Cli {
@@ -22,6 +23,7 @@ struct UploadJob {
   std::uint64_t part_size = std::uint64_t{8} << 20;  // of all parts but the last; what is not larger is sent whole
   std::size_t senders = 4;                           // parts under way at a time
   bool verify = false;                               // read the object back and compare
+  EPatience patience = EPatience::kNone;             // for the first request: much when the server has answered before
 };
 
 // Who wants to know how it goes; called from any thread, one call at a time.

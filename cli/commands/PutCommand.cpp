@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <optional>
@@ -135,6 +136,7 @@ class CPut {
         CheckKeptNames(words_.files);
       }
       named_ = {ChooseBucket(settings_), call.Option("--name")};
+      is_reached_ = settings_.pool.empty();  // the server was asked for its buckets
     }
   }
 
@@ -175,6 +177,7 @@ class CPut {
     // Several files share the connections that one alone would have.
     job.senders = words_.files.size() > 1 ? 2 : 4;
     job.verify = call_.Has("--verify");
+    job.patience = is_reached_ ? EPatience::kMuch : EPatience::kNone;
     return job;
   }
 
@@ -202,6 +205,7 @@ class CPut {
                                   }};
     const std::uint64_t size = Upload(settings_, input, job, listener);
     progress_.Finish(number);
+    is_reached_ = true;
     return size;
   }
 
@@ -210,6 +214,7 @@ class CPut {
   const Settings settings_;
   ObjectUrl named_;  // with an empty key: each object gets a name of its own
   CProgress progress_;
+  std::atomic<bool> is_reached_{false};  // the server has answered: its address is right
 };
 
 int RunPut(const CommandCall& call) {

@@ -32,15 +32,17 @@ int RunRemove(const CommandCall& call) {
 }  // namespace details
 
 CommandSpec RemoveCommand() {
-  return {"",
-          "rm",
-          "remove objects",
-          "Removes objects. Their bytes stay with the server until it tidies up; --bytes frees them at once.",
-          {{.name = "URL", .help = "an object", .many = true}},
-          {{"--bytes", nullptr, "free the stored bytes too"}},
-          {{"tansy rm /photos/cat.jpg", "remove one object"},
-           {"tansy rm --bytes /photos/a.jpg /photos/b.jpg", "remove two and free what they occupied"}},
-          details::RunRemove};
+  return {
+      "",
+      "rm",
+      "remove objects",
+      "Removes objects. Their bytes stay on the server's disk for as long as its option --keep-removed says, a week "
+      "when nobody says otherwise; --bytes frees them at once.",
+      {{.name = "URL", .help = "an object", .many = true}},
+      {{"--bytes", nullptr, "free the stored bytes too"}},
+      {{"tansy rm /photos/cat.jpg", "remove one object"},
+       {"tansy rm --bytes /photos/a.jpg /photos/b.jpg", "remove two and free what they occupied"}},
+      details::RunRemove};
 }
 
 }  // namespace Tansy::Cli

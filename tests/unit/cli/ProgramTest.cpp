@@ -629,6 +629,26 @@ TEST_F(UploadTest, SendsAPartAgainUnderItsNumber) {
   }
 }
 
+TEST_F(UploadTest, WaitsForAServerThatHasTooMuchToDo) {
+  for (int i = 0; i < 4; ++i) {  // more often than any other refusal is taken
+    Spoil("POST /photos/key?upload_id=id-ofkey&part_number=2",
+          [](ScriptedAnswer) { return ScriptedAnswer{.status = 503, .close = true}; });
+  }
+  const Ended ended = Run("put film --name key");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.err, "");
+  EXPECT_TRUE(objects_.Object("/photos/key") == content_);
+}
+
+TEST_F(UploadTest, AsksAgainForTheBestNodeOfAServerThatHasAnswered) {
+  folder_.MakeFile("small", "content");
+  Spoil("GET /photos/any?bestnode", kLost);
+  EXPECT_EQ(Run("put small --name key").code, 0);
+  EXPECT_EQ(objects_.Object("/photos/key"), "content");
+  Spoil("GET /photos/any?bestnode", kLost);
+  EXPECT_EQ(Run("--pool photos put small --name key").code, 6) << "its address may be wrong";
+}
+
 TEST_F(UploadTest, SendsAWholeObjectAgain) {
   folder_.MakeFile("small", "content");
   Spoil("PUT /photos/key", kLost);
