@@ -170,10 +170,25 @@ std::vector<NewBytes> CNewBytesLog::GetUntouched(std::int64_t seconds) const {
 }
 
 void CNewBytesLog::TurnPage() {
-  const std::lock_guard lock(mutex_);
-  if (file_ != nullptr && file_size_ > 0) {
-    file_.reset();  // the next note begins the next page
+  std::unique_ptr<HostSystem::IFile> written;
+  {
+    const std::lock_guard lock(mutex_);
+    if (file_ != nullptr && file_size_ > 0) {
+      written = std::move(file_);  // the next note begins the next page
+    }
+    RemoveEmptyPages();
+    if (pages_.empty() || pages_.rbegin()->second.names == 0) {
+      written.reset();
+    }
   }
+  // What is still on the page may stay there for hours: from now on a power failure does not lose it either. Outside
+  // the lock, because uploads wait for that. A failure is no reason to stop: the notes are there for the next start.
+  if (written != nullptr && written->Sync() == 0) {
+    root_.Sync();
+  }
+}
+
+void CNewBytesLog::RemoveEmptyPages() {
   for (auto page = pages_.begin(); page != pages_.end();) {
     const bool is_current = file_ != nullptr && std::next(page) == pages_.end();
     if (page->second.names > 0 || is_current) {

@@ -20,8 +20,8 @@ namespace Tansy::Host {
 //
 // A name is noted here, and in a file of the store's folder, before its first byte is written. It is forgotten when a
 // row is seen that names it, or when its bytes are gone. So what a crash leaves is known at the next start without a
-// look at every file. The notes are not flushed to the disk: a power failure may lose the youngest of them, and the
-// check finds what they stood for.
+// look at every file. A note reaches the disk for certain when its page is turned: a power failure may lose the
+// youngest ones, and the check finds what they stood for.
 //
 // The notes are files "new.1", "new.2" and so on, one line per name, which only grow. From time to time the next one is
 // begun, and one whose names are all forgotten is removed. Threads: any.
@@ -45,7 +45,8 @@ class CNewBytesLog {
   // Names that nobody is writing and whose last write was at least `seconds` ago or failed.
   std::vector<NewBytes> GetUntouched(std::int64_t seconds) const;
 
-  // Begins the next file unless the current one is empty, and removes those that are not needed any more.
+  // Begins the next file unless the current one is empty, flushes what stays on the current one, and removes those that
+  // are not needed any more.
   void TurnPage();
 
   // The names in the notes of a store that another process has open.
@@ -64,6 +65,7 @@ class CNewBytesLog {
   };
 
   int OpenPage();
+  void RemoveEmptyPages();
 
   HostSystem::IFolder& root_;
   mutable std::mutex mutex_;                     // guards what follows

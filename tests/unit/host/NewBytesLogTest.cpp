@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "fakes/ManualClock.h"
+#include "fakes/PowerCutFolder.h"
 #include "fakes/TempFolder.h"
 
 namespace Tansy::Host {
@@ -116,6 +117,21 @@ TEST_F(NewBytesLogTest, PagesGoWhenAllTheirNamesAreForgotten) {
   Store('e');
   Restart();
   EXPECT_EQ(Untouched(0), "e");
+}
+
+TEST(NewBytesLogPowerTest, ATurnedPageSurvivesAPowerCut) {
+  const auto node = std::make_shared<fakes::PowerCutNode>();
+  node->is_folder = true;
+  fakes::CPowerCutFolder root(node, std::make_shared<fakes::PowerCutPlan>());
+  CNewBytesLog log(root);
+  ASSERT_EQ(log.Add(Name('a')), 0);
+  log.TurnPage();
+  ASSERT_EQ(log.Add(Name('b')), 0);
+  node->Cut();
+  CNewBytesLog next(root);
+  ASSERT_EQ(next.Load(), 0);
+  EXPECT_TRUE(next.Contains(Name('a')));
+  EXPECT_FALSE(next.Contains(Name('b'))) << "too young to have been flushed";
 }
 
 TEST_F(NewBytesLogTest, TornLinesAndStrangersNameNothing) {
