@@ -7,6 +7,7 @@
 
 #include "IpAddress.h"
 #include "StartFailure.h"
+#include "TansyNet/MemoryAccount.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -144,6 +145,17 @@ std::string ApplyLogLevel(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyMemoryLimit(HostOptions& options, const std::string& text) {
+  constexpr unsigned long kLeast = TansyNet::CMemoryAccount::kSmallestLimit >> 20;
+  constexpr unsigned long kMost = 1024UL * 1024;
+  unsigned long number = 0;
+  if (!ParseNumber(text, kLeast, kMost, number)) {
+    return "give a number of MiB from 256 to 1048576";
+  }
+  options.memory_limit_mib = static_cast<std::uint32_t>(number);
+  return "";
+}
+
 std::string ApplyRequireDate(HostOptions& options, const std::string& text) {
   constexpr unsigned long kWeek = 7UL * 24 * 60;
   unsigned long number = 0;
@@ -199,6 +211,8 @@ const std::vector<OptionRow>& OptionTable() {
       {"storage", "URL", "stored bytes: file:DIR, in the data folder [file:objects]", details::ApplyStorage},
       {"durability", "full|fast", "full: 200 to a write means it is on stable storage [full]",
        details::ApplyDurability},
+      {"memory-limit", "MIB", "memory that bodies and answers of all clients may take together [1024]",
+       details::ApplyMemoryLimit},
       {"require-date", "MINUTES",
        "refuse signatures whose Date is missing or further off than this; 0: do not look [0]",
        details::ApplyRequireDate},

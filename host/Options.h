@@ -26,6 +26,7 @@ struct HostOptions {
   std::string database = "sqlite:catalogue.db";
   std::string storage = "file:objects";
   bool full_durability = true;
+  std::uint32_t memory_limit_mib = 1024;   // what requests and answers may take together
   std::uint32_t require_date_minutes = 0;  // 0: signatures count whatever their date
   std::int64_t keep_removed_days = 7;      // the bytes of removed objects
   std::int64_t keep_failed_seconds = 300;  // the bytes of failed, broken-off and overwritten uploads

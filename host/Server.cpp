@@ -208,6 +208,9 @@ void CServer::Start() {
   }
 
   TansyNet::CHttpServer::SetListenAddresses(options_.listen);
+  TansyNet::HttpServerLimits limits;
+  limits.memory_bytes = std::uint64_t{options_.memory_limit_mib} << 20;
+  TansyNet::CHttpServer::SetLimits(limits);
   CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   StartObjectServer(config);

@@ -66,6 +66,7 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"database", "sqlite:catalogue.db"},
                                                        {"storage", "file:objects"},
                                                        {"durability", "full"},
+                                                       {"memory-limit", "1024"},
                                                        {"require-date", "0"},
                                                        {"keep-removed", "7"},
                                                        {"keep-failed", "300"},
@@ -132,6 +133,17 @@ TEST(OptionsTest, ListensOnOneAddressOrSeveral) {
     EXPECT_THAT(Apply("listen", text).second, HasSubstr("give IPv4 or IPv6 addresses")) << text;
   }
   EXPECT_THAT(Apply("listen", "::1,127.0.0.1,0:0:0:0:0:0:0:1").second, HasSubstr("give each address once"));
+}
+
+TEST(OptionsTest, TheMemoryLimitHoldsAtLeastAWholeBodyAndAnAnswer) {
+  HostOptions options;
+  EXPECT_EQ(options.memory_limit_mib, 1024U);
+  EXPECT_EQ(Apply("memory-limit", "256", options).first, 0);
+  EXPECT_EQ(options.memory_limit_mib, 256U);
+  EXPECT_EQ(Apply("memory-limit", "1048576").first, 0);
+  for (const char* text : {"", "255", "1048577", "1G", "-1"}) {
+    EXPECT_EQ(Apply("memory-limit", text).first, kExitUsage) << text;
+  }
 }
 
 TEST(OptionsTest, TheDateWindowIsWholeMinutes) {
