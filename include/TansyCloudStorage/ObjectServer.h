@@ -26,7 +26,8 @@ namespace Tansy::CloudStorage {
 // Blocks until the database accepts: it tries again every 5 s, logs the reason each time and asks the factory for the
 // parameters anew. Requests are served once InitPicServer has started the message loop that both servers share. 0 also
 // when the catalogue could not be read (ask IsCatalogueLoaded); -1 when upload and download port differ (the listeners
-// are open all the same); else the HTTP library's error, with the listeners open that had been opened before.
+// are open all the same); else the HTTP library's error, with the listeners open that had been opened before. Called
+// again with other ports it opens those and closes the old ones, which stay when the new ones cannot be opened.
 TANSY_CLOUD_STORAGE_API int InitObjectServer(const StorageServerConfig& config,
                                              const std::shared_ptr<KivPlatform::IFactoryInterface>& factory);
 TANSY_CLOUD_STORAGE_API int InitObjectServer(const StorageServerConfig_V1& config,

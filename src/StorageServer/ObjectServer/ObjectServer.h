@@ -4,7 +4,8 @@
 // routing), ObjectServerAuth.cpp, ObjectServerWrite.cpp, ObjectServerMultipart.cpp, ObjectServerRead.cpp,
 // ObjectServerBuckets.cpp; the error table is ObjectServerErrors.h.
 //
-// Threads: Init is called once by the host before anything else; every other member may be called from any thread.
+// Threads: Init is called by the host before anything else, and from one thread at a time when it is called again with
+// other settings; every other member may be called from any thread.
 // Handlers run in parallel on the threads of the message loop that both servers share. Errors: nothing throws; the
 // protocol's error codes are those of ObjectServerErrors.h.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_H
