@@ -8,7 +8,7 @@
 
 namespace TansyBase {
 
-// A thread of its own that calls OnTimer at once and then once a period.
+// A thread of its own that calls OnTimer at once and then once per period.
 // Threads: every member may be called from any thread; OnTimer runs on the own thread only. A derived class calls Stop
 // in its destructor, before its members go. An exception that leaves OnTimer is logged, and the next call comes as
 // usual.

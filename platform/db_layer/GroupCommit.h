@@ -1,4 +1,4 @@
-// Puts writers of one database in line: whoever finds nobody at work does the work of all who wait.
+// Puts the writers of one database in line. One of them at a time is the leader and writes for all who wait.
 #ifndef TANSY_DB_LAYER_GROUP_COMMIT_H
 #define TANSY_DB_LAYER_GROUP_COMMIT_H
 

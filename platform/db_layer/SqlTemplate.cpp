@@ -10,9 +10,10 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Lists of any length would make templates of any length, none of which comes twice.
+// A statement with a longer list of values stays as it is: lists of that length differ from call to call, so that the
+// template of one would not serve another.
 constexpr std::size_t kMaxValues = 64;
-constexpr std::size_t kMaxDigits = 18;  // what 64 bits hold, whatever the digits are
+constexpr std::size_t kMaxDigits = 18;  // every number of so many digits fits in 64 bits
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';

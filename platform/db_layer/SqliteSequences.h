@@ -56,7 +56,7 @@ class CSqliteSequences : public ISequenceSource {
 
 // What the writing connection calls. It holds the transaction that a reservation would have to wait for, so it makes
 // its own inside it. Such a block serves its statement only: if the statement is undone, so is the reservation, and
-// nobody else may have a value of it.
+// a value that another statement had taken from the block would be given twice.
 class CSqliteWriterSequences : public IWriterSequences {
  public:
   explicit CSqliteWriterSequences(CSqliteSequences& shared);

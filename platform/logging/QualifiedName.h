@@ -1,7 +1,7 @@
 // Cuts the compiler's description of a function down to its qualified name, while the call site is compiled:
 // "int Tansy::CloudStorage::CObjectServer::Init(const X&)" becomes "Tansy::CloudStorage::CObjectServer::Init".
 //
-// The same function gets the same name from every compiler as far as that can be had: unnamed namespaces and calling
+// The same function gets the same name from every compiler as far as possible: unnamed namespaces and calling
 // conventions are left out, a lambda goes by the name of the function that it stands in, template arguments of a
 // function are left out, those of its class are kept.
 #ifndef TANSY_LOGGING_QUALIFIED_NAME_H

@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A server that has this many interim answers to give will never come to the point.
+// A server that sends more interim answers than this is taken for one that never sends the final answer.
 constexpr int kMaxInterimHeads = 16;
 
 ClientError BadAnswer(http::error reason) {

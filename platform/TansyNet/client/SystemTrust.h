@@ -6,7 +6,7 @@
 
 namespace TansyNet::details {
 
-// False when they cannot be had.
+// False when the system does not give them.
 bool AddSystemTrust(SSL_CTX* context);
 
 }  // namespace TansyNet::details

@@ -101,7 +101,7 @@ bool CTicketKeys::Renew(Clock::time_point now) {
       RAND_priv_bytes(fresh.digest.data(), static_cast<int>(fresh.digest.size())) != 1) {
     return false;
   }
-  // A key that nobody has used for so long that its own time is over too is not kept.
+  // A key whose second twelve hours are over as well is not kept.
   previous_ = current_ && now - made_ < 2 * kLife ? current_ : std::nullopt;
   current_ = fresh;
   made_ = now;

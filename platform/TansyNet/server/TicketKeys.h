@@ -28,7 +28,7 @@ class CTicketKeys {
     bool is_current = false;
   };
 
-  // The key for new tickets; nothing when no random bytes are to be had.
+  // The key for new tickets; nothing when the system gives no random bytes.
   std::optional<Key> Current(Clock::time_point now);
   // The key that a ticket names; nothing when it is unknown or too old.
   std::optional<Found> Find(const unsigned char* name, Clock::time_point now);
