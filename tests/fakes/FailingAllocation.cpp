@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -117,12 +118,10 @@ int CAllocationCounter::Count() const {
   return count_of_this_thread - before_;
 }
 
-CUnharmedThread::CUnharmedThread() {
-  is_unharmed = true;
-}
+CUnharmedThread::CUnharmedThread() : before_(std::exchange(is_unharmed, true)) {}
 
 CUnharmedThread::~CUnharmedThread() {
-  is_unharmed = false;
+  is_unharmed = before_;
 }
 
 }  // namespace Tansy::Tests

@@ -33,13 +33,16 @@ class CFailingAllocationAnywhere {
   bool HasFailed() const;
 };
 
-// The calling thread's allocations neither count nor fail while it lives.
+// The calling thread's allocations neither count nor fail anywhere while it lives. May stand inside another one.
 class CUnharmedThread {
  public:
   CUnharmedThread();
   ~CUnharmedThread();
   CUnharmedThread(const CUnharmedThread&) = delete;
   CUnharmedThread& operator=(const CUnharmedThread&) = delete;
+
+ private:
+  const bool before_;
 };
 
 // Counts the allocations of the calling thread while it lives.
