@@ -20,7 +20,7 @@ class CServerMsgLoop : public TansyBase::CMessageLoopDyThreadPool {
 
  private:
   friend class CSingleton<CServerMsgLoop>;
-  CServerMsgLoop() = default;
+  CServerMsgLoop() : CMessageLoopDyThreadPool("tansy-worker") {}
   ~CServerMsgLoop() override = default;
 };
 

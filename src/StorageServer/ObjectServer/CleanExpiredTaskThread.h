@@ -13,7 +13,7 @@ class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
  public:
   static CCleanExpiredTaskThread& Instance();
 
-  CCleanExpiredTaskThread() = default;
+  CCleanExpiredTaskThread() : CSingleBaseThread("tansy-sweep") {}
   ~CCleanExpiredTaskThread() override;
 
   // One call of the thread. Not for more than one thread at a time.

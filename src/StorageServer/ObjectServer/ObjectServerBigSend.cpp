@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ModuleLog.h"
+#include "OSAL/Osal.h"
 
 namespace Tansy::CloudStorage::details {
 
@@ -35,6 +36,7 @@ bool CBigFileSendThreads::Run(std::function<void()> send) {
 }
 
 void CBigFileSendThreads::Loop(std::function<void()> send) {
+  OSAL_SetThreadName("tansy-download");
   do {
     try {
       send();
