@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "IpAddress.h"
@@ -118,31 +119,24 @@ std::string ApplyDurability(HostOptions& options, const std::string& text) {
   return "";
 }
 
-std::string ApplyKeepRemoved(HostOptions& options, const std::string& text) {
+template <auto Member>
+std::string ApplyNumber(HostOptions& options, const std::string& text, unsigned long lowest, unsigned long highest,
+                        const char* advice) {
   unsigned long number = 0;
-  if (!ParseNumber(text, 0, 36500, number)) {
-    return "give a number of days from 0 to 36500";
+  if (!ParseNumber(text, lowest, highest, number)) {
+    return advice;
   }
-  options.keep_removed_days = static_cast<std::int64_t>(number);
+  options.*Member = static_cast<std::decay_t<decltype(options.*Member)>>(number);
   return "";
+}
+
+std::string ApplyKeepRemoved(HostOptions& options, const std::string& text) {
+  return ApplyNumber<&HostOptions::keep_removed_days>(options, text, 0, 36500, "give a number of days from 0 to 36500");
 }
 
 std::string ApplyKeepFailed(HostOptions& options, const std::string& text) {
-  unsigned long number = 0;
-  if (!ParseNumber(text, 1, 86400, number)) {
-    return "give a number of seconds from 1 to 86400";
-  }
-  options.keep_failed_seconds = static_cast<std::int64_t>(number);
-  return "";
-}
-
-std::string ApplyLogLevel(HostOptions& options, const std::string& text) {
-  unsigned long number = 0;
-  if (!ParseNumber(text, 2, 5, number)) {
-    return "give a level from 2 (everything) to 5 (errors only)";
-  }
-  options.log_level = static_cast<int>(number);
-  return "";
+  return ApplyNumber<&HostOptions::keep_failed_seconds>(options, text, 1, 86400,
+                                                        "give a number of seconds from 1 to 86400");
 }
 
 std::string ApplyMemoryLimit(HostOptions& options, const std::string& text) {
@@ -157,13 +151,13 @@ std::string ApplyMemoryLimit(HostOptions& options, const std::string& text) {
 }
 
 std::string ApplyRequireDate(HostOptions& options, const std::string& text) {
-  constexpr unsigned long kWeek = 7UL * 24 * 60;
-  unsigned long number = 0;
-  if (!ParseNumber(text, 0, kWeek, number)) {
-    return "give minutes from 1 to 10080, or 0 for no check";
-  }
-  options.require_date_minutes = static_cast<std::uint32_t>(number);
-  return "";
+  return ApplyNumber<&HostOptions::require_date_minutes>(options, text, 0, 10080,
+                                                         "give minutes from 1 to 10080 (a week), or 0 for no check");
+}
+
+std::string ApplyLogLevel(HostOptions& options, const std::string& text) {
+  return ApplyNumber<&HostOptions::log_level>(options, text, 2, 5,
+                                              "give a level from 2 (everything) to 5 (errors only)");
 }
 
 const OptionRow* FindRow(const std::string& name) {

@@ -16,17 +16,15 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "db_layer/DbLayer.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::Tests {
 
@@ -161,7 +159,7 @@ class CFailingDriver : public db_layer::IDriver {
 
 class CFailingDatabase {
  public:
-  CFailingDatabase() : folder_(MakeFolder()) {
+  CFailingDatabase() {
     // Nothing here has to survive a power failure.
     const bool full = db_layer::SetSqliteFullDurability(false);
     std::string error;
@@ -180,8 +178,6 @@ class CFailingDatabase {
   ~CFailingDatabase() {
     db_layer::SetDriver(db_layer::kSqlite, nullptr);
     direct_.reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
   }
   CFailingDatabase(const CFailingDatabase&) = delete;
   CFailingDatabase& operator=(const CFailingDatabase&) = delete;
@@ -190,7 +186,7 @@ class CFailingDatabase {
   db_layer::DBParam Param() const {
     db_layer::DBParam param;
     param.type = db_layer::kSqlite;
-    param.database = (folder_ / "platform.db").string();
+    param.database = folder_.Path("platform.db");
     param.min_connections = 1;
     return param;
   }
@@ -261,17 +257,7 @@ class CFailingDatabase {
   }
 
  private:
-  static std::filesystem::path MakeFolder() {
-    std::random_device random;
-    for (;;) {
-      auto folder = std::filesystem::temp_directory_path() / ("tansy-database-" + std::to_string(random()));
-      if (std::filesystem::create_directory(folder)) {
-        return folder;
-      }
-    }
-  }
-
-  const std::filesystem::path folder_;
+  const fakes::CTempFolder folder_;
   const std::shared_ptr<CDatabaseScript> script_ = std::make_shared<CDatabaseScript>();
   std::mutex direct_mutex_;
   std::unique_ptr<db_layer::CConnect> direct_;

@@ -66,11 +66,6 @@ class ClientTest : public TansydTest, public testing::WithParamInterface<bool> {
     return config;
   }
 
-  std::string MakeFile(const std::string& name, const std::string& content) const {
-    temp_.Write(name, content);
-    return temp_.Path(name);
-  }
-
   // The progress since the last call.
   std::vector<int> TakeProgress() {
     const std::lock_guard lock(mutex_);
@@ -104,7 +99,7 @@ TEST_P(ClientTest, UploadsInOnePieceAndDownloads) {
   const std::string content = RandomBytes(10 * kMiB - 1, 1);
   std::string url;
   ASSERT_TRUE(client_->Init());
-  ASSERT_TRUE(client_->UploadFile(url, MakeFile("film.mp4", content))) << Error().message;
+  ASSERT_TRUE(client_->UploadFile(url, temp_.Write("film.mp4", content))) << Error().message;
   EXPECT_TRUE(url.starts_with("/pool/") && url.ends_with(".mp4")) << url;
   EXPECT_EQ(TakeProgress(), std::vector<int>{100});
   EXPECT_TRUE(Get(url) == content) << "as another client sees it";
@@ -118,7 +113,7 @@ TEST_P(ClientTest, UploadsInParallelPartsAndDownloadsInRanges) {
   for (const std::size_t size : {10 * kMiB, 10 * kMiB + 1, 25 * kMiB + 12345}) {
     const std::string content = RandomBytes(size, size);
     std::string url;
-    ASSERT_TRUE(client_->UploadFile(url, MakeFile("file.bin", content))) << Error().message;
+    ASSERT_TRUE(client_->UploadFile(url, temp_.Write("file.bin", content))) << Error().message;
     const std::vector<int> progress = TakeProgress();
     EXPECT_EQ(progress.back(), 100);
     EXPECT_EQ(std::adjacent_find(progress.begin(), progress.end(), std::greater_equal<>()), progress.end())
@@ -270,7 +265,7 @@ TEST_P(ClientTest, UploadsObjectsOfOnePiece) {
 TEST_P(ClientTest, DownloadsRanges) {
   const std::string content = RandomBytes(12 * kMiB, 4);
   std::string url;
-  ASSERT_TRUE(client_->UploadFile(url, MakeFile("file", content))) << Error().message;
+  ASSERT_TRUE(client_->UploadFile(url, temp_.Write("file", content))) << Error().message;
   // The end is not included, which is what makes the ranges of a download fit together.
   EXPECT_EQ(Download(url, "0-1024"), content.substr(0, 1024));
   EXPECT_EQ(Download(url, "1048576-1048577"), content.substr(1048576, 1));
@@ -355,7 +350,7 @@ TEST_P(ClientTest, ServesEightThreadsAtOnce) {
   std::vector<std::thread> threads;
   std::atomic<int> failures{0};
   for (int i = 0; i < 8; ++i) {
-    const std::string path = MakeFile("large" + std::to_string(i), large);
+    const std::string path = temp_.Write("large" + std::to_string(i), large);
     threads.emplace_back([&, i, path] {
       CObjectClient copy(*client_);
       std::string url;

@@ -3,9 +3,6 @@
 #include <sqlite3.h>
 #include <filesystem>
 
-#include <cstring>
-#include <random>
-
 namespace system_tests {
 
 Reply TansydTest::Send(const std::string& method, const std::string& target, const std::string& body,
@@ -42,17 +39,6 @@ std::string ErrorXml(const std::string& word) {
 std::string Outcome(const Reply& reply) {
   const std::string word = reply.status == 200 ? "" : XmlValue(reply.body, "Code");
   return std::to_string(reply.status) + (word.empty() ? "" : " " + word);
-}
-
-std::string RandomBytes(std::size_t size, std::uint64_t seed) {
-  std::mt19937_64 generator(seed);
-  std::string bytes(size + sizeof(std::uint64_t), '\0');
-  for (std::size_t i = 0; i < size; i += sizeof(std::uint64_t)) {
-    const std::uint64_t number = generator();
-    std::memcpy(bytes.data() + i, &number, sizeof number);
-  }
-  bytes.resize(size);
-  return bytes;
 }
 
 std::size_t CountFiles(const std::string& folder) {

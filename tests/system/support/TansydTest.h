@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "fakes/RandomBytes.h"
 #include "fakes/TempFolder.h"
 #include "support/Http.h"
 #include "support/Tansyd.h"
@@ -38,8 +39,7 @@ std::string ErrorXml(const std::string& word);
 // Status and error word, for one comparison: "403 AccessDenied"; "200" for success.
 std::string Outcome(const Reply& reply);
 
-// Bytes that differ with the seed and do not repeat within any length that matters.
-std::string RandomBytes(std::size_t size, std::uint64_t seed);
+using fakes::RandomBytes;
 
 // Regular files below a folder, at any depth; 0 for one that is missing.
 std::size_t CountFiles(const std::string& folder);

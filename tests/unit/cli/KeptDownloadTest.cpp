@@ -7,7 +7,7 @@
 #include <string>
 
 #include "Failure.h"
-#include "TestFolder.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::Cli {
 namespace {
@@ -24,7 +24,7 @@ class KeptDownloadTest : public testing::Test {
     return there;
   }
 
-  Tests::CTestFolder folder_;
+  fakes::CTempFolder folder_;
   const DownloadIdentity identity_{"http://h:1/b/k", "0-10", {10, "\"v1\""}};
   std::string note_;
 };
@@ -37,7 +37,7 @@ TEST_F(KeptDownloadTest, GoesOnInSeveralRuns) {
   kept.Write("6789", 4);
   kept.Commit();
   EXPECT_EQ(note_, "");
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("target")), "0123456789");
+  EXPECT_EQ(folder_.Read("target"), "0123456789");
   EXPECT_EQ(folder_.Count(), 1u);
 }
 
@@ -51,7 +51,7 @@ TEST_F(KeptDownloadTest, StartsOverForAnythingElse) {
     note_.clear();
     EXPECT_EQ(Add(other, "x"), 0u);
     EXPECT_THAT(note_, HasSubstr("starts over"));
-    EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path(".tansy-target.part")), "x") << "nothing of the other is left";
+    EXPECT_EQ(folder_.Read(".tansy-target.part"), "x") << "nothing of the other is left";
   }
 }
 
@@ -65,10 +65,10 @@ TEST_F(KeptDownloadTest, DoesNotTrustAServerThatTellsNoVersions) {
 TEST_F(KeptDownloadTest, TakesNoMoreThanThePinPromises) {
   Add(identity_, "0123");
   // Bytes that came after the last save, of a program that was killed.
-  folder_.MakeFile(".tansy-target.part", "0123gar");
+  folder_.Write(".tansy-target.part", "0123gar");
   EXPECT_EQ(Add(identity_, "45"), 4u);
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path(".tansy-target.part")).substr(0, 6), "012345");
-  folder_.MakeFile(".tansy-target.pin", "bytes 5\n");
+  EXPECT_EQ(folder_.Read(".tansy-target.part").substr(0, 6), "012345");
+  folder_.Write(".tansy-target.pin", "bytes 5\n");
   EXPECT_EQ(Add(identity_, "0"), 0u) << "a pin that says nothing";
 }
 

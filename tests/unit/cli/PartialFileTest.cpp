@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Failure.h"
-#include "TestFolder.h"
+#include "fakes/TempFolder.h"
 
 namespace {
 
@@ -56,7 +56,7 @@ class PartialFileTest : public testing::Test {
     }
   }
 
-  Tests::CTestFolder folder_;
+  fakes::CTempFolder folder_;
 };
 
 TEST_F(PartialFileTest, AppearsWhenItIsComplete) {
@@ -64,23 +64,23 @@ TEST_F(PartialFileTest, AppearsWhenItIsComplete) {
   Write(file, "whole");
   EXPECT_FALSE(std::filesystem::exists(folder_.Path("target")));
   file.Commit();
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("target")), "whole");
+  EXPECT_EQ(folder_.Read("target"), "whole");
   EXPECT_EQ(folder_.Count(), 1u);
 }
 
 TEST_F(PartialFileTest, LeavesTheOldFileUntilThen) {
-  folder_.MakeFile("target", "old and longer");
+  folder_.Write("target", "old and longer");
   {
     CPartialFile file(folder_.Path("target"));
     Write(file, "new");
-    EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("target")), "old and longer");
+    EXPECT_EQ(folder_.Read("target"), "old and longer");
   }
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("target")), "old and longer");
+  EXPECT_EQ(folder_.Read("target"), "old and longer");
   EXPECT_EQ(folder_.Count(), 1u) << "nothing is left of it";
   CPartialFile file(folder_.Path("target"));
   Write(file, "new");
   file.Commit();
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("target")), "new");
+  EXPECT_EQ(folder_.Read("target"), "new");
 }
 
 TEST_F(PartialFileTest, IsOnTheDiskBeforeItAppears) {
@@ -92,13 +92,13 @@ TEST_F(PartialFileTest, IsOnTheDiskBeforeItAppears) {
 }
 
 TEST_F(PartialFileTest, FollowsALink) {
-  folder_.MakeFile("real/file", "old");
+  folder_.Write("real/file", "old");
   std::filesystem::create_symlink(folder_.Path("real/file"), folder_.Path("link"));
   CPartialFile file(folder_.Path("link"));
   Write(file, "new");
   file.Commit();
   EXPECT_TRUE(std::filesystem::is_symlink(folder_.Path("link")));
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("real/file")), "new");
+  EXPECT_EQ(folder_.Read("real/file"), "new");
 }
 
 TEST_F(PartialFileTest, TakesTheLongestNames) {
@@ -111,13 +111,13 @@ TEST_F(PartialFileTest, TakesTheLongestNames) {
 
 TEST_F(PartialFileTest, SaysWhereItCannotBe) {
   EXPECT_EQ(ExitCodeOf(folder_.Path("no-such-folder/file")), kExitNotFound);
-  folder_.MakeFile("file", "");
+  folder_.Write("file", "");
   EXPECT_EQ(ExitCodeOf(folder_.Path("file/below")), kExitNotFound);
 }
 
 // Ends the writing for the whole process, so it happens in one of its own.
 TEST(PartialFileDeathTest, RemovesWhatIsHalfWritten) {
-  Tests::CTestFolder folder;
+  fakes::CTempFolder folder;
   EXPECT_EXIT(
       {
         CPartialFile file(folder.Path("target"));

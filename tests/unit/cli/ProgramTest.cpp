@@ -16,8 +16,9 @@
 #include <utility>
 #include <vector>
 
-#include "TestFolder.h"
+#include "fakes/RandomBytes.h"
 #include "fakes/ScriptedServer.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::Cli {
 namespace {
@@ -165,7 +166,7 @@ class ProgramTest : public testing::Test {
   // Runs "tansy " + `arguments` through a shell, in the test's folder.
   Ended Run(const std::string& arguments, const std::string& before = "") {
     const std::string command =
-        "cd " + folder_.Path() + " && " + before + " env -u TANSY_POOL -u TANSY_DATA HOME=" + folder_.Path() +
+        "cd " + folder_.GetPath() + " && " + before + " env -u TANSY_POOL -u TANSY_DATA HOME=" + folder_.GetPath() +
         " XDG_CONFIG_HOME= TANSY_SERVER=http://" + address_ +
         " TANSY_ACCESS_KEY=ak TANSY_SECRET_KEY=sk " TANSY_PATH " 2>" + folder_.Path("stderr") + " " + arguments;
     Ended ended;
@@ -176,7 +177,7 @@ class ProgramTest : public testing::Test {
     }
     const int status = pclose(pipe);
     ended.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    ended.err = Tests::CTestFolder::Content(folder_.Path("stderr"));
+    ended.err = folder_.Read("stderr");
     std::filesystem::remove(folder_.Path("stderr"));
     return ended;
   }
@@ -186,16 +187,16 @@ class ProgramTest : public testing::Test {
 
   CFakeObjectServer objects_;
   Tests::ScriptedServer server_;
-  Tests::CTestFolder folder_;
+  fakes::CTempFolder folder_;
   std::string address_ = server_.Address();
 };
 
 constexpr char kKey[] = "[0-9a-f-]{36}";
 
 TEST_F(ProgramTest, PutsFilesAndPrintsTheirUrlsInOrder) {
-  folder_.MakeFile("a.txt", "first");
-  folder_.MakeFile("two words.jpg", "second");
-  folder_.MakeFile("odd.ex t", "third");
+  folder_.Write("a.txt", "first");
+  folder_.Write("two words.jpg", "second");
+  folder_.Write("odd.ex t", "third");
   const Ended ended = Run("put a.txt 'two words.jpg' 'odd.ex t'");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(ended.err, "") << "no progress where nobody sees it";
@@ -205,7 +206,7 @@ TEST_F(ProgramTest, PutsFilesAndPrintsTheirUrlsInOrder) {
 }
 
 TEST_F(ProgramTest, PutsUnderANameAndTellsItToPrograms) {
-  folder_.MakeFile("a.txt", "content");
+  folder_.Write("a.txt", "content");
   const Ended ended = Run("--json --pool other put a.txt --name key");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_THAT(ended.out, MatchesRegex("\\{\"file\": \"a\\.txt\", \"url\": \"/other/key\", \"size\": 7, "
@@ -214,7 +215,7 @@ TEST_F(ProgramTest, PutsUnderANameAndTellsItToPrograms) {
 }
 
 TEST_F(ProgramTest, PutsInPieces) {
-  folder_.MakeFile("a.txt", "0123456789");
+  folder_.Write("a.txt", "0123456789");
   EXPECT_EQ(Run("put a.txt --name key --pieces 3").code, 0);
   EXPECT_EQ(objects_.Object("/photos/key"), "0123456789");
   int parts = 0;
@@ -237,14 +238,14 @@ TEST_F(ProgramTest, PutsStandardInput) {
 }
 
 TEST_F(ProgramTest, PutsFilesThatCannotBeWritten) {
-  std::filesystem::permissions(folder_.MakeFile("a.txt", "content"), std::filesystem::perms::owner_read);
+  std::filesystem::permissions(folder_.Write("a.txt", "content"), std::filesystem::perms::owner_read);
   const Ended ended = Run("put a.txt");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(objects_.Object(ended.out.substr(0, ended.out.size() - 1)), "content");
 }
 
 TEST_F(ProgramTest, GoesOnWhenOneOfSeveralFilesFails) {
-  folder_.MakeFile("a.txt", "a");
+  folder_.Write("a.txt", "a");
   const Ended ended = Run("put missing.txt a.txt");
   EXPECT_EQ(ended.code, 3);
   EXPECT_THAT(ended.out, testing::EndsWith(".txt\n"));
@@ -258,7 +259,7 @@ TEST_F(ProgramTest, GetsAnObject) {
   Ended ended = Run("get /photos/film");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(ended.out, "film\n");
-  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("film")) == content);
+  EXPECT_TRUE(folder_.Read("film") == content);
   EXPECT_EQ(folder_.Count(), 1u);
   ended = Run("get /photos/film -");
   EXPECT_TRUE(ended.out == content);
@@ -266,7 +267,7 @@ TEST_F(ProgramTest, GetsAnObject) {
   EXPECT_TRUE(ended.out == content);
   EXPECT_EQ(Count("GET /photos/film"), 6u) << "each asks for the version, and for all bytes in one request";
   ended = Run("get /photos/film part --range 12582910-12582920");
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("part")), content.substr(12582910, 10));
+  EXPECT_EQ(folder_.Read("part"), content.substr(12582910, 10));
   EXPECT_EQ(Run("get /photos/film - --range 12582917-").out, "end");
   ended = Run("get /photos/film - --range 99999999-");
   EXPECT_EQ(ended.code, 2);
@@ -275,22 +276,22 @@ TEST_F(ProgramTest, GetsAnObject) {
 
 TEST_F(ProgramTest, GetsAnEmptyObject) {
   objects_.Put("/photos/empty", "");
-  folder_.MakeFile("empty", "old content");
+  folder_.Write("empty", "old content");
   EXPECT_EQ(Run("get /photos/empty").code, 0);
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("empty")), "");
+  EXPECT_EQ(folder_.Read("empty"), "");
   EXPECT_EQ(Run("cat /photos/empty").out, "");
 }
 
 TEST_F(ProgramTest, LeavesNothingOfADownloadThatFails) {
   objects_.Put("/photos/film", std::string(700000, 'x'));
-  folder_.MakeFile("film", "old");
+  folder_.Write("film", "old");
   // A server that does not tell versions apart is not asked for the rest.
   server_.Answer("GET /photos/film?metadata", {.headers = {{"Object-Size", "700000"}}});
   server_.Answer("GET /photos/film", {.body = std::string(700000, 'x'), .cut_after = 400000});
   const Ended ended = Run("get /photos/film");
   EXPECT_EQ(ended.code, 6) << ended.err;
   EXPECT_EQ(server_.Requests().size(), 2u);
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("film")), "old");
+  EXPECT_EQ(folder_.Read("film"), "old");
   EXPECT_EQ(folder_.Count(), 1u);
 }
 
@@ -298,11 +299,11 @@ TEST_F(ProgramTest, LeavesNothingWhenInterrupted) {
   objects_.Put("/photos/film", std::string(700000, 'x'));
   server_.Answer("GET /photos/film", {.body = std::string(700000, 'x'), .piece = 10000, .piece_delay_ms = 200});
   // INT after the first bytes have come.
-  const std::string script = folder_.MakeFile(
-      "run.sh",
-      "\"$@\" & p=$!\nfor i in $(seq 300); do [ -n \"$(find . -name '*.part')\" ] && break; sleep 0.1; "
-      "done\nfind . -name '*.part' | wc -l\nkill -INT $p\nwait $p\n");
-  const std::string command = "cd " + folder_.Path() + " && TANSY_SERVER=http://" + address_ +
+  const std::string script =
+      folder_.Write("run.sh",
+                    "\"$@\" & p=$!\nfor i in $(seq 300); do [ -n \"$(find . -name '*.part')\" ] && break; sleep 0.1; "
+                    "done\nfind . -name '*.part' | wc -l\nkill -INT $p\nwait $p\n");
+  const std::string command = "cd " + folder_.GetPath() + " && TANSY_SERVER=http://" + address_ +
                               " TANSY_ACCESS_KEY=ak TANSY_SECRET_KEY=sk bash -m run.sh " TANSY_PATH
                               " get /photos/film 2>/dev/null";
   std::FILE* pipe = popen(command.c_str(), "r");
@@ -338,7 +339,7 @@ TEST_F(ProgramTest, ListsBuckets) {
 }
 
 TEST_F(ProgramTest, EndsWithTheCodeOfWhatHappened) {
-  folder_.MakeFile("a.txt", "a");
+  folder_.Write("a.txt", "a");
   const auto answer = [this](int status, const std::string& code) {
     server_.ClearScript();
     server_.Handle([=](const ScriptedRequest&) {
@@ -415,7 +416,7 @@ TEST_F(ProgramTest, ReportsAStandardOutputThatTakesNothing) {
 }
 
 TEST_F(ProgramTest, PutsOneFileTwice) {
-  folder_.MakeFile("a.txt", "content");
+  folder_.Write("a.txt", "content");
   const Ended ended = Run("put a.txt a.txt");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(std::count(ended.out.begin(), ended.out.end(), '\n'), 2);
@@ -447,7 +448,7 @@ TEST_F(ProgramTest, SaysThatAnUploadIsNotThere) {
 
 // A server that is wrong in every way there is. No command may crash, hang, claim success, or leave a file behind.
 TEST_F(ProgramTest, SurvivesServersThatAreWrong) {
-  folder_.MakeFile("a.txt", "content");
+  folder_.Write("a.txt", "content");
   std::string endless = "HTTP/1.1 200 OK\r\n";
   for (int i = 0; i < 300; ++i) {
     endless += "X-More: " + std::string(1000, 'x') + "\r\n";
@@ -501,17 +502,8 @@ constexpr auto kDenied = [](ScriptedAnswer) {
   return ScriptedAnswer{.status = 403, .body = "<Error><Code>AccessDenied</Code></Error>"};
 };
 
-std::string Pattern(std::size_t size, unsigned seed) {
-  std::string content(size, '\0');
-  for (char& c : content) {
-    seed = seed * 1664525 + 1013904223;
-    c = static_cast<char>(seed >> 24);
-  }
-  return content;
-}
-
 TEST_F(ProgramTest, GoesOnWhereTheConnectionBroke) {
-  const std::string content = Pattern(700000, 1);
+  const std::string content = fakes::RandomBytes(700000, 1);
   objects_.Put("/photos/film", content);
   for (const char* command : {"get /photos/film -", "cat /photos/film", "get /photos/film copy"}) {
     server_.ClearRequests();
@@ -519,33 +511,33 @@ TEST_F(ProgramTest, GoesOnWhereTheConnectionBroke) {
     Spoil("GET /photos/film", kCutLate);
     const Ended ended = Run(command);
     EXPECT_EQ(ended.code, 0) << ended.err;
-    EXPECT_TRUE((ended.out == "copy\n" ? Tests::CTestFolder::Content(folder_.Path("copy")) : ended.out) == content);
+    EXPECT_TRUE((ended.out == "copy\n" ? folder_.Read("copy") : ended.out) == content);
     EXPECT_EQ(Count("GET /photos/film"), 3u);
     EXPECT_THAT(server_.Requests().back().Header("Range"), MatchesRegex("bytes=[1-9][0-9]*-700000")) << "only the rest";
   }
 }
 
 TEST_F(ProgramTest, RefusesTheRestOfAnotherVersion) {
-  const std::string before = Pattern(700000, 1);
+  const std::string before = fakes::RandomBytes(700000, 1);
   for (const char* command : {"get /photos/film", "cat /photos/film", "get /photos/film -"}) {
     objects_.Put("/photos/film", before);
-    folder_.MakeFile("film", "old");
+    folder_.Write("film", "old");
     Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
     Spoil("GET /photos/film", [this](ScriptedAnswer answer) {
-      objects_.Put("/photos/film", Pattern(700000, 2));  // of the same size
+      objects_.Put("/photos/film", fakes::RandomBytes(700000, 2));  // of the same size
       return kCutLate(std::move(answer));
     });
     const Ended ended = Run(command);
     EXPECT_EQ(ended.code, 1) << command;
     EXPECT_THAT(ended.err, HasSubstr("/photos/film: changed while it was read"));
     EXPECT_TRUE(before.starts_with(ended.out)) << "nothing of the new version";
-    EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("film")), "old");
+    EXPECT_EQ(folder_.Read("film"), "old");
     EXPECT_EQ(folder_.Count(), 1u);
   }
 }
 
 TEST_F(ProgramTest, ResumesADownload) {
-  const std::string content = Pattern(900000, 1);
+  const std::string content = fakes::RandomBytes(900000, 1);
   objects_.Put("/photos/film", content);
   Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
   Spoil("GET /photos/film", kCutLate);
@@ -557,15 +549,15 @@ TEST_F(ProgramTest, ResumesADownload) {
   ended = Run("get --resume /photos/film");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(ended.err, "");
-  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("film")) == content);
+  EXPECT_TRUE(folder_.Read("film") == content);
   EXPECT_THAT(server_.Requests().back().Header("Range"), MatchesRegex("bytes=[1-9][0-9]*-900000"));
   EXPECT_EQ(folder_.Count(), 1u) << "what was hidden is gone";
 }
 
 TEST_F(ProgramTest, StartsOverWhenAResumedObjectHasChanged) {
-  const std::string now = Pattern(900000, 2);
+  const std::string now = fakes::RandomBytes(900000, 2);
   const auto break_off = [this](const std::string& command) {
-    objects_.Put("/photos/film", Pattern(900000, 1));
+    objects_.Put("/photos/film", fakes::RandomBytes(900000, 1));
     Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
     Spoil("GET /photos/film", kCutLate);
     Spoil("GET /photos/film", kDenied);
@@ -576,19 +568,19 @@ TEST_F(ProgramTest, StartsOverWhenAResumedObjectHasChanged) {
   Ended ended = Run("get --resume /photos/film");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(ended.err, "note: film: the object has changed since; the download starts over\n");
-  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("film")) == now);
+  EXPECT_TRUE(folder_.Read("film") == now);
 
   break_off("get --resume /photos/film target");
   objects_.Put("/photos/other", now);
   ended = Run("get --resume /photos/other target");
   EXPECT_EQ(ended.err, "note: target: the bytes that are there belong to another download; it starts over\n");
-  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("target")) == now);
+  EXPECT_TRUE(folder_.Read("target") == now);
 
   break_off("get --resume /photos/film short");
   std::filesystem::resize_file(folder_.Path(".tansy-short.part"), 1000);
   ended = Run("get --resume /photos/film short");
   EXPECT_EQ(ended.err, "note: short: the bytes that were kept are not as they were; the download starts over\n");
-  EXPECT_TRUE(Tests::CTestFolder::Content(folder_.Path("short")) == Pattern(900000, 1));
+  EXPECT_TRUE(folder_.Read("short") == fakes::RandomBytes(900000, 1));
 }
 
 // ---- uploads on a bad connection
@@ -597,9 +589,9 @@ class UploadTest : public ProgramTest {
  protected:
   static constexpr std::size_t kSize = 20 * 1048576 + 5;  // three parts
 
-  UploadTest() { folder_.MakeFile("film", content_); }
+  UploadTest() { folder_.Write("film", content_); }
 
-  const std::string content_ = Pattern(kSize, 3);
+  const std::string content_ = fakes::RandomBytes(kSize, 3);
   std::atomic<int> completions_{0};
 };
 
@@ -641,7 +633,7 @@ TEST_F(UploadTest, WaitsForAServerThatHasTooMuchToDo) {
 }
 
 TEST_F(UploadTest, AsksAgainForTheBestNodeOfAServerThatHasAnswered) {
-  folder_.MakeFile("small", "content");
+  folder_.Write("small", "content");
   Spoil("GET /photos/any?bestnode", kLost);
   EXPECT_EQ(Run("put small --name key").code, 0);
   EXPECT_EQ(objects_.Object("/photos/key"), "content");
@@ -650,7 +642,7 @@ TEST_F(UploadTest, AsksAgainForTheBestNodeOfAServerThatHasAnswered) {
 }
 
 TEST_F(UploadTest, SendsAWholeObjectAgain) {
-  folder_.MakeFile("small", "content");
+  folder_.Write("small", "content");
   Spoil("PUT /photos/key", kLost);
   EXPECT_EQ(Run("put small --name key").code, 0);
   EXPECT_EQ(objects_.Object("/photos/key"), "content");
@@ -717,7 +709,7 @@ TEST_F(UploadTest, BelievesInAnObjectOfTheRightSizeOnly) {
 
 TEST_F(UploadTest, ReadsTheObjectBackOnRequest) {
   EXPECT_EQ(Run("put film --name key --verify").code, 0);
-  folder_.MakeFile("small", "content");
+  folder_.Write("small", "content");
   for (const char* command : {"put small --name small --verify", "put - --name small --verify < small"}) {
     EXPECT_EQ(Run(command).code, 0);
     Spoil("GET /photos/small?metadata", [](ScriptedAnswer answer) { return answer; });
@@ -749,20 +741,20 @@ TEST_F(UploadTest, NamesTheAddressThatFailedAndTheServersWord) {
 // ---- names
 
 TEST_F(ProgramTest, PutsUnderTheNamesOfTheFiles) {
-  folder_.MakeFile("folder/a.txt", "a");
-  folder_.MakeFile("b.txt", "b");
+  folder_.Write("folder/a.txt", "a");
+  folder_.Write("b.txt", "b");
   EXPECT_EQ(Run("put --keep-name folder/a.txt b.txt").out, "/photos/a.txt\n/photos/b.txt\n");
   EXPECT_EQ(objects_.Object("/photos/a.txt"), "a");
-  folder_.MakeFile("a.txt", "other");
+  folder_.Write("a.txt", "other");
   EXPECT_THAT(Run("put --keep-name folder/a.txt a.txt").err, HasSubstr("two files would become the object a.txt"));
-  folder_.MakeFile("two words", "x");
+  folder_.Write("two words", "x");
   EXPECT_EQ(Run("put --keep-name 'two words'").code, 2);
   EXPECT_EQ(Run("put --keep-name -", "printf x |").code, 2);
   EXPECT_EQ(Run("put --keep-name --name key b.txt").code, 2);
 }
 
 TEST_F(ProgramTest, PutsUnderAUrl) {
-  folder_.MakeFile("a.txt", "a");
+  folder_.Write("a.txt", "a");
   EXPECT_EQ(Run("put a.txt /films/key").out, "/films/key\n");
   EXPECT_EQ(objects_.Object("/films/key"), "a");
   EXPECT_EQ(Run("put a.txt http://" + address_ + "/films/other").out, "/films/other\n");
@@ -774,7 +766,7 @@ TEST_F(ProgramTest, PutsUnderAUrl) {
   EXPECT_EQ(server_.Requests().size(), 0u);
   // Where a file could be, a file is meant.
   EXPECT_EQ(Run("put a.txt " + folder_.Path("missing")).code, 3);
-  folder_.MakeFile("b.txt", "b");
+  folder_.Write("b.txt", "b");
   EXPECT_EQ(Run("put --keep-name a.txt " + folder_.Path("b.txt")).out, "/photos/a.txt\n/photos/b.txt\n");
 }
 
@@ -783,9 +775,9 @@ TEST_F(ProgramTest, GetsSeveralObjects) {
   objects_.Put("/photos/b", "2");
   std::filesystem::create_directories(folder_.Path("folder"));
   EXPECT_EQ(Run("get /photos/a /photos/b folder").out, "folder/a\nfolder/b\n");
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("folder/b")), "2");
+  EXPECT_EQ(folder_.Read("folder/b"), "2");
   EXPECT_EQ(Run("get /photos/a /photos/b").out, "a\nb\n");
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("b")), "2");
+  EXPECT_EQ(folder_.Read("b"), "2");
   const Ended ended = Run("get /photos/a /photos/missing /photos/b folder");
   EXPECT_EQ(ended.code, 3);
   EXPECT_EQ(ended.out, "folder/a\nfolder/b\n") << "the others are done";
@@ -796,9 +788,9 @@ TEST_F(ProgramTest, GetsSeveralObjects) {
 
 TEST_F(ProgramTest, WritesNothingWhenAFolderIsMistyped) {
   objects_.Put("/photos/a", "1");
-  folder_.MakeFile("a", "mine");
+  folder_.Write("a", "mine");
   EXPECT_EQ(Run("get /photos/a /fodler/x").code, 3);
-  EXPECT_EQ(Tests::CTestFolder::Content(folder_.Path("a")), "mine");
+  EXPECT_EQ(folder_.Read("a"), "mine");
 }
 
 TEST_F(ProgramTest, TakesABucketThatIsThereForMade) {
@@ -816,7 +808,7 @@ TEST_F(ProgramTest, TakesABucketThatIsThereForMade) {
 TEST_F(ProgramTest, SendsNothingToAnotherServer) {
   Tests::ScriptedServer other;
   const std::string url = "http://" + other.Address();
-  folder_.MakeFile("a.txt", "a");
+  folder_.Write("a.txt", "a");
   for (const std::string& command :
        {"rm " + url + "/photos/a", "get " + url + "/photos/a", "cat " + url + "/photos/a", "stat " + url + "/photos/a",
         "sign " + url + "/photos/a", "put a.txt " + url + "/photos/a", "parts " + url + "/photos/a id",
@@ -831,7 +823,7 @@ TEST_F(ProgramTest, SendsNothingToAnotherServer) {
 }
 
 TEST_F(ProgramTest, ShowsRequestsWithoutWhatIsSecret) {
-  folder_.MakeFile("a.txt", "a");
+  folder_.Write("a.txt", "a");
   const Ended ended = Run("--verbose put a.txt --name key");
   EXPECT_EQ(ended.code, 0);
   EXPECT_EQ(ended.out, "/photos/key\n");

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Failure.h"
-#include "TestFolder.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::Cli {
 namespace {
@@ -19,7 +19,7 @@ class SettingsTest : public testing::Test {
  protected:
   SettingsTest() {
     environment_["XDG_CONFIG_HOME"] = folder_.Path("config");
-    std::filesystem::current_path(folder_.Path());
+    std::filesystem::current_path(folder_.GetPath());
   }
   ~SettingsTest() override { std::filesystem::current_path(before_); }
 
@@ -42,13 +42,13 @@ class SettingsTest : public testing::Test {
   }
 
   void MakeDataFolder(const std::string& name, const std::string& more = "") {
-    folder_.MakeFile(name + "/tansyd.toml",
-                     more + "\n[credentials]\naccess_key = \"data-ak\"\nsecret_key = \"data-sk\"\n");
+    folder_.Write(name + "/tansyd.toml",
+                  more + "\n[credentials]\naccess_key = \"data-ak\"\nsecret_key = \"data-sk\"\n");
   }
-  void MakeConfig(const std::string& content) { folder_.MakeFile("config/tansy/config.toml", content); }
+  void MakeConfig(const std::string& content) { folder_.Write("config/tansy/config.toml", content); }
 
   const std::filesystem::path before_ = std::filesystem::current_path();
-  Tests::CTestFolder folder_;
+  fakes::CTempFolder folder_;
   Globals globals_;
   std::map<std::string, std::string> environment_;
 };
@@ -85,7 +85,7 @@ TEST_F(SettingsTest, TakesThePortsOfADataFolder) {
 
 TEST_F(SettingsTest, TakesThePortsThatARunningServerTells) {
   MakeDataFolder("other", "object-port = 1234\npicture-port = 4321\n");
-  folder_.MakeFile("other/listening.toml", "object-port = 5678\nobject-https-port = 0\npicture-port = 8765\n");
+  folder_.Write("other/listening.toml", "object-port = 5678\nobject-https-port = 0\npicture-port = 8765\n");
   globals_.data = folder_.Path("other");
   const Settings settings = Find();
   EXPECT_EQ(settings.object_server.Url(), "http://127.0.0.1:5678");
@@ -95,7 +95,7 @@ TEST_F(SettingsTest, TakesThePortsThatARunningServerTells) {
 
 // A server whose keys are in its environment need not have a settings file.
 TEST_F(SettingsTest, TakesKeysFromElsewhereWhenADataFolderHasOnlyPorts) {
-  folder_.MakeFile("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");
+  folder_.Write("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");
   globals_.data = folder_.Path("other");
   ExpectFailure(kExitUsage, "no keys are known for http://127.0.0.1:5678");
   environment_ = {{"TANSY_ACCESS_KEY", "env-ak"}, {"TANSY_SECRET_KEY", "env-sk"}};
@@ -192,15 +192,15 @@ TEST_F(SettingsTest, PutsADataFolderThatIsNamedByHandBeforeTheEnvironment) {
 
 TEST_F(SettingsTest, DoesNotSendOneServersKeysToAnother) {
   MakeConfig(kHome);
-  folder_.MakeFile("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");
+  folder_.Write("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");
   globals_.data = folder_.Path("other");
   ExpectFailure(kExitUsage, "no keys are known for http://127.0.0.1:5678");
 }
 
 TEST_F(SettingsTest, TakesTheAddressThatARunningServerTells) {
   MakeDataFolder("other");
-  folder_.MakeFile("other/listening.toml",
-                   "address = \"fd00::5\"\nobject-port = 5678\npicture-port = 8765\nsomething-new = true\n");
+  folder_.Write("other/listening.toml",
+                "address = \"fd00::5\"\nobject-port = 5678\npicture-port = 8765\nsomething-new = true\n");
   globals_.data = folder_.Path("other");
   const Settings settings = Find();
   EXPECT_EQ(settings.object_server.Url(), "http://[fd00::5]:5678");

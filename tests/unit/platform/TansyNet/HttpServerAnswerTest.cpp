@@ -13,6 +13,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "fakes/RandomBytes.h"
 
 namespace {
 
@@ -26,24 +27,6 @@ using TansyNet::CHttpServer;
 using TansyNet::HttpResponse;
 
 constexpr std::string_view kGet = "GET / HTTP/1.1\r\n\r\n";
-
-// Repeats with a period that no buffer size shares, so that bytes at the wrong place show.
-std::string Pattern(std::size_t size) {
-  constexpr std::size_t kPeriod = 65537;
-  std::string block(kPeriod, ' ');
-  std::uint32_t state = 1;
-  for (char& c : block) {
-    state = state * 1664525U + 1013904223U;
-    c = static_cast<char>(state >> 24);
-  }
-  std::string text;
-  text.reserve(size + kPeriod);
-  while (text.size() < size) {
-    text += block;
-  }
-  text.resize(size);
-  return text;
-}
 
 int SendChunk(std::int32_t handle, std::string_view chunk, std::uint64_t total, int timeout_ms = 20000) {
   HttpResponse response;
@@ -99,7 +82,7 @@ TEST_F(HttpServerAnswer, DoesNotWaitForAClientThatDoesNotRead) {
   Start();
   std::int32_t handle = 0;
   const auto client = Ask(handle, 4096);
-  const std::string body = Pattern(10 * 1024 * 1024);
+  const std::string body = fakes::RandomBytes(10 * 1024 * 1024);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(AnswerText(handle, body), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
@@ -132,7 +115,7 @@ TEST_F(HttpServerAnswer, GoesOnWhileAClientTakesItSlowly) {
   limits.idle_timeout_ms = 100;  // makes the library look often
   CHttpServer::SetLimits(limits);
   Start();
-  const std::string body = Pattern(std::size_t{6} * 1024 * 1024);
+  const std::string body = fakes::RandomBytes(std::size_t{6} * 1024 * 1024);
   for (const bool in_chunks : {false, true}) {
     std::int32_t handle = 0;
     const auto client = Ask(handle, 65536);
@@ -202,7 +185,7 @@ TEST_F(HttpServerAnswer, InChunksIsOneBody) {
   Start();
   std::int32_t handle = 0;
   const auto client = Ask(handle);
-  const std::string body = Pattern(25 * 1024 * 1024);
+  const std::string body = fakes::RandomBytes(25 * 1024 * 1024);
   std::jthread reader([&] {
     const RawReply reply = client->ReadReply();
     EXPECT_EQ(reply.Header("content-length"), std::to_string(body.size()));

@@ -11,6 +11,7 @@
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
 #include "fakes/CapturingLogSink.h"
+#include "fakes/TempFolder.h"
 #include "fakes/TestCertificate.h"
 
 namespace {
@@ -112,16 +113,15 @@ TEST_F(HttpServerLog, HasNothingToSayAboutProperClients) {
 }
 
 TEST_F(HttpServerLog, NamesHandshakesThatComeToNothing) {
-  std::string folder = (std::filesystem::temp_directory_path() / "tansy-log-XXXXXX").string();
-  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  auto folder = std::make_unique<fakes::CTempFolder>();
   const auto certificate = MakeTestCertificate();
-  std::ofstream(folder + "/pair.crt") << certificate.certificate_pem;
-  std::ofstream(folder + "/pair.key") << certificate.key_pem;
+  folder->Write("pair.crt", certificate.certificate_pem);
+  folder->Write("pair.key", certificate.key_pem);
   TansyNet::HttpsServer tls;
-  tls.certificate_path = tls.private_key_path = folder + "/pair";
+  tls.certificate_path = tls.private_key_path = folder->Path("pair");
   CHttpServer::SetLimits({.header_timeout_ms = 200});
   StartTls(tls);
-  std::filesystem::remove_all(folder);
+  folder.reset();
 
   CRawClient silent(Port());
   EXPECT_TRUE(silent.WaitForEnd());

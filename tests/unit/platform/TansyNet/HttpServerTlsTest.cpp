@@ -14,6 +14,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "fakes/TempFolder.h"
 #include "fakes/TestCertificate.h"
 
 namespace {
@@ -36,20 +37,14 @@ constexpr std::string_view kGet = "GET / HTTP/1.1\r\n\r\n";
 class HttpServerTls : public ServerFixture {
  protected:
   HttpServerTls() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tansy-tls-XXXXXX").string();
-    folder_ = mkdtemp(pattern.data());
     Write("pair.crt", certificate_.certificate_pem);
     Write("pair.key", certificate_.key_pem);
     settings_.certificate_path = Path("pair");
     settings_.private_key_path = Path("pair");
   }
-  ~HttpServerTls() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
 
-  std::string Path(const std::string& name) const { return (folder_ / name).string(); }
-  void Write(const std::string& name, const std::string& text) const { std::ofstream(folder_ / name) << text; }
+  std::string Path(const std::string& name) const { return folder_.Path(name); }
+  void Write(const std::string& name, const std::string& text) const { folder_.Write(name, text); }
 
   int Start(const HttpsServer& settings) {
     std::int32_t handle = 0;
@@ -69,7 +64,7 @@ class HttpServerTls : public ServerFixture {
 
   const TestCertificate certificate_ = MakeTestCertificate();
   HttpsServer settings_;
-  std::filesystem::path folder_;
+  fakes::CTempFolder folder_;
 };
 
 std::string Echo(CRawClient& client, const std::string& body) {
@@ -197,7 +192,7 @@ TEST_F(HttpServerTls, TakesTwoFilesByTheirNames) {
 TEST_F(HttpServerTls, SaysWhichFileIsMissing) {
   settings_.certificate_path = settings_.private_key_path = Path("none");
   ExpectCertificateError(settings_, Path("none.crt"));
-  std::filesystem::remove(folder_ / "pair.key");
+  std::filesystem::remove(Path("pair.key"));
   settings_.certificate_path = settings_.private_key_path = Path("pair");
   ExpectCertificateError(settings_, Path("pair.key"));
   ExpectCertificateError({}, "certificate");

@@ -14,6 +14,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "fakes/RandomBytes.h"
 
 namespace {
 
@@ -27,24 +28,6 @@ using TansyNet::HttpServerRecv;
 
 constexpr std::size_t kMebibyte = 1024 * 1024;
 
-// Repeats with a period that no buffer size shares, so that bytes at the wrong place show.
-std::string Pattern(std::size_t size) {
-  constexpr std::size_t kPeriod = 65537;
-  std::string block(kPeriod, ' ');
-  std::uint32_t state = 1;
-  for (char& c : block) {
-    state = state * 1664525U + 1013904223U;
-    c = static_cast<char>(state >> 24);
-  }
-  std::string text;
-  text.reserve(size + kPeriod);
-  while (text.size() < size) {
-    text += block;
-  }
-  text.resize(size);
-  return text;
-}
-
 std::string PutHead(std::uint64_t size, std::string_view more = {}) {
   return "PUT /b/k HTTP/1.1\r\nContent-Length: " + std::to_string(size) + "\r\nx-qvs-a: v\r\n" + std::string(more) +
          "\r\n";
@@ -54,7 +37,7 @@ class HttpServerUpload : public ServerFixture {};
 
 TEST_F(HttpServerUpload, ArrivesInPiecesInOrder) {
   Start();
-  const std::string body = Pattern(TansyNet::kWholeBodyLimit + 1);
+  const std::string body = fakes::RandomBytes(TansyNet::kWholeBodyLimit + 1);
   CRawClient client(Port());
   std::jthread sender([&] { client.Send(PutHead(body.size()) + body); });
   std::string received;
@@ -88,7 +71,7 @@ TEST_F(HttpServerUpload, ArrivesInPiecesInOrder) {
 
 TEST_F(HttpServerUpload, EndsWithAFullPieceToo) {
   Start();
-  const std::string body = Pattern(12 * kMebibyte);
+  const std::string body = fakes::RandomBytes(12 * kMebibyte);
   CRawClient client(Port());
   std::jthread sender([&] { client.Send(PutHead(body.size()) + body); });
   std::string received;
@@ -107,7 +90,7 @@ TEST_F(HttpServerUpload, EndsWithAFullPieceToo) {
 
 TEST_F(HttpServerUpload, DeliversTheNextPieceWhenTheTokenOfTheLastIsGone) {
   Start();
-  const std::string body = Pattern(16 * kMebibyte);
+  const std::string body = fakes::RandomBytes(16 * kMebibyte);
   CRawClient client(Port());
   std::jthread sender([&] { client.TrySend(PutHead(body.size()) + body); });
   auto first = std::make_unique<Delivery>(Take());
@@ -181,7 +164,7 @@ TEST_F(HttpServerUpload, MayHaveItsTokenDroppedAnywhere) {
       AnswerText(handle, "done");
     }
   });
-  const std::string body = Pattern(30 * kMebibyte + 12345);
+  const std::string body = fakes::RandomBytes(30 * kMebibyte + 12345);
   CRawClient client(Port());
   client.Send(PutHead(body.size()) + body);
   EXPECT_EQ(client.ReadReply().body, "done");
@@ -354,7 +337,7 @@ TEST_F(HttpServerUpload, ManyAtOnceArriveWhole) {
       AnswerText(handle, std::to_string(handle));
     }
   });
-  const std::string body = Pattern(11 * kMebibyte + 17);
+  const std::string body = fakes::RandomBytes(11 * kMebibyte + 17);
   std::vector<std::thread> clients;
   std::atomic<int> right{0};
   for (int index = 0; index < kUploads; ++index) {

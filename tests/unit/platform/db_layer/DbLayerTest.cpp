@@ -53,11 +53,11 @@ TEST_F(DbLayerTest, UnregisteredModuleHasNone) {
 
 TEST_F(DbLayerTest, RegistrationThatFailsSaysWhyAndCanBeRepeated) {
   DBParam param = Param();
-  param.database = folder_.File("missing") + "/platform.db";
+  param.database = folder_.Path("missing") + "/platform.db";
   EXPECT_FALSE(Module_Register(param, "test"));
   EXPECT_NE(LastRegisterError("test").find("unable to open database"), std::string::npos) << LastRegisterError("test");
   EXPECT_FALSE(Apply());
-  std::filesystem::create_directory(folder_.Path() / "missing");
+  std::filesystem::create_directory(std::filesystem::path(folder_.GetPath()) / "missing");
   EXPECT_TRUE(Module_Register(param, "test")) << LastRegisterError("test");
   EXPECT_EQ(LastRegisterError("test"), "");
   EXPECT_TRUE(Apply());
@@ -146,7 +146,7 @@ TEST_F(DbLayerTest, ResetMovesEveryModuleToTheNewDatabase) {
   auto before = Apply();
   ASSERT_TRUE(before->ExecuteAll(TestSchema()));
   DBParam param = Param();
-  param.database = folder_.File("second.db");
+  param.database = folder_.Path("second.db");
   ASSERT_TRUE(DBLayer_ResetParam(param));
   for (const char* module : {"test", "other"}) {
     EXPECT_FALSE(Apply(module)->Query("SELECT * FROM platform.item"));
@@ -159,11 +159,11 @@ TEST_F(DbLayerTest, ResetMovesEveryModuleToTheNewDatabase) {
 TEST_F(DbLayerTest, ResetToADatabaseThatIsNotThereYetCountsAllTheSame) {
   ASSERT_TRUE(Module_Register(Param(), "test"));
   DBParam param = Param();
-  param.database = folder_.File("later") + "/platform.db";
+  param.database = folder_.Path("later") + "/platform.db";
   EXPECT_FALSE(DBLayer_ResetParam(param));
   EXPECT_NE(LastRegisterError("test"), "");
   EXPECT_FALSE(Apply());
-  std::filesystem::create_directory(folder_.Path() / "later");
+  std::filesystem::create_directory(std::filesystem::path(folder_.GetPath()) / "later");
   const auto connection = Apply();
   ASSERT_TRUE(connection) << LastRegisterError("test");
   EXPECT_EQ(LastRegisterError("test"), "");

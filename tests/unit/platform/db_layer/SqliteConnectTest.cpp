@@ -328,34 +328,35 @@ TEST_F(SqliteConnectTest, ClosingPutsEverythingIntoTheFileItself) {
   EXPECT_TRUE(std::filesystem::exists(path_ + "-wal"));
   connection_.reset();
   EXPECT_FALSE(std::filesystem::exists(path_ + "-wal"));
-  std::filesystem::copy(path_, folder_.File("copy.db"));
-  EXPECT_EQ(Count(*OpenSqlite(folder_.File("copy.db")), "platform.item"), 1);
+  std::filesystem::copy(path_, folder_.Path("copy.db"));
+  EXPECT_EQ(Count(*OpenSqlite(folder_.Path("copy.db")), "platform.item"), 1);
 }
 
 TEST_F(SqliteConnectTest, DifferentSpellingsOfAPathAreOneDatabase) {
-  const auto other = OpenSqlite((folder_.Path() / "." / "sub" / ".." / "platform.db").string());
+  const auto other =
+      OpenSqlite((std::filesystem::path(folder_.GetPath()) / "." / "sub" / ".." / "platform.db").string());
   ASSERT_TRUE(Insert(1));
   EXPECT_EQ(Count(*other, "platform.item"), 1);
 }
 
 TEST_F(SqliteConnectTest, PathsThatLookLikeSomethingElseAreFiles) {
   const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(folder_.Path());
+  std::filesystem::current_path(std::filesystem::path(folder_.GetPath()));
   for (const std::string name : {":memory:", "file:x?mode=memory", "it's.db", "\xE5\xAD\x98.db"}) {
     const auto first = OpenSqlite(name);
     ASSERT_TRUE(first->Execute("CREATE TABLE platform.here (id INTEGER)"));
     EXPECT_EQ(Count(*OpenSqlite(name), "platform.here"), 0);
-    EXPECT_TRUE(
-        std::filesystem::exists(folder_.Path() / std::filesystem::path(std::u8string(name.begin(), name.end()))))
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(folder_.GetPath()) /
+                                        std::filesystem::path(std::u8string(name.begin(), name.end()))))
         << name;
   }
   std::filesystem::current_path(before);
 }
 
 TEST(SqliteDriverTest, UnusablePathsAreErrorsOfOneLine) {
-  const CTemporaryFolder folder;
+  const fakes::CTempFolder folder;
   for (const std::string& path :
-       {std::string(), std::string("a\0b", 3), folder.Path().string(), folder.File("missing") + "/platform.db"}) {
+       {std::string(), std::string("a\0b", 3), folder.GetPath(), folder.Path("missing") + "/platform.db"}) {
     std::string error;
     EXPECT_FALSE(OpenSqlite(path, error));
     EXPECT_TRUE(error.starts_with("cannot open the database ")) << error;

@@ -315,7 +315,7 @@ TEST_F(SqliteFailureTest, ReplacedFileIsNoticedAndUsed) {
   ASSERT_TRUE(Insert(1));
   ASSERT_TRUE(connection_->Query("SELECT nextval('platform.item_id_seq')"));
   connection_.reset();
-  std::filesystem::copy(path_, folder_.File("backup.db"));
+  std::filesystem::copy(path_, folder_.Path("backup.db"));
 
   connection_ = OpenSqlite(path_);
   ASSERT_TRUE(Insert(2));
@@ -324,7 +324,7 @@ TEST_F(SqliteFailureTest, ReplacedFileIsNoticedAndUsed) {
   // Somebody puts the backup back without stopping the service.
   std::filesystem::remove(path_ + "-wal");
   std::filesystem::remove(path_ + "-shm");
-  std::filesystem::rename(folder_.File("backup.db"), path_);
+  std::filesystem::rename(folder_.Path("backup.db"), path_);
 
   EXPECT_TRUE(Insert(3)) << ErrorOf(*connection_);
   EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item ORDER BY id", "id"), "1,3");

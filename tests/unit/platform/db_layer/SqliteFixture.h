@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "TemporaryFolder.h"
 #include "db_layer/DbLayer.h"
+#include "fakes/TempFolder.h"
 
 namespace db_layer {
 
@@ -76,8 +76,8 @@ class CSqliteFixture : public testing::Test {
     return connection.Execute("INSERT INTO platform.item (id, name) VALUES (" + std::to_string(id) + ", 'n')");
   }
 
-  CTemporaryFolder folder_;
-  const std::string path_ = folder_.File("platform.db");
+  fakes::CTempFolder folder_;
+  const std::string path_ = folder_.Path("platform.db");
   std::unique_ptr<CConnect> connection_;
 
  private:

@@ -6,7 +6,7 @@
 #include <new>
 #include <string>
 
-#include "TemporaryFolder.h"
+#include "fakes/TempFolder.h"
 
 namespace db_layer {
 namespace {
@@ -30,7 +30,7 @@ class CSource final : public ISequenceSource {
 class SqliteHandleTest : public testing::Test {
  protected:
   SqliteHandleTest() {
-    EXPECT_TRUE(handle_.Open(folder_.File("handle.db"), {false, 5000}, source_, error_)) << error_.text;
+    EXPECT_TRUE(handle_.Open(folder_.Path("handle.db"), {false, 5000}, source_, error_)) << error_.text;
     EXPECT_TRUE(handle_.RunOwn("CREATE TABLE platform.t (a INTEGER, b TEXT)", error_)) << error_.text;
   }
 
@@ -40,7 +40,7 @@ class SqliteHandleTest : public testing::Test {
     return handle_.RunIfReading(sql, rows, writes, error_) ? rows.GetString("n") : "failed";
   }
 
-  CTemporaryFolder folder_;
+  fakes::CTempFolder folder_;
   CSource source_;
   SqlError error_;
   CSqliteHandle handle_;
@@ -69,7 +69,7 @@ TEST_F(SqliteHandleTest, KeptStatementsHoldNoTransaction) {
   EXPECT_EQ(result.GetString("busy"), "0");
   handle_.Close();
   EXPECT_FALSE(handle_.IsOpen());
-  ASSERT_TRUE(handle_.Open(folder_.File("handle.db"), {false, 5000}, source_, error_));
+  ASSERT_TRUE(handle_.Open(folder_.Path("handle.db"), {false, 5000}, source_, error_));
   EXPECT_EQ(Query("SELECT count(*) AS n FROM platform.t"), "1");
 }
 

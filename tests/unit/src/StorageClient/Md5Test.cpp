@@ -1,4 +1,5 @@
 #include "StorageClient/Md5.h"
+#include "fakes/RandomBytes.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -35,13 +36,6 @@ std::string ReferenceDigest(const std::string& data) {
   return Hex(digest, size);
 }
 
-std::string RandomBytes(std::size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
-  return bytes;
-}
-
 TEST(Md5Test, AnswersTheTestSuiteOfItsDefinition) {
   EXPECT_EQ(Digest(""), "d41d8cd98f00b204e9800998ecf8427e");
   EXPECT_EQ(Digest("a"), "0cc175b9c0f1b6a831c399e269772661");
@@ -55,7 +49,7 @@ TEST(Md5Test, AnswersTheTestSuiteOfItsDefinition) {
 }
 
 TEST(Md5Test, EqualsAnotherImplementationForEveryLengthAroundTheBlocks) {
-  const std::string data = RandomBytes(64 * 5, 1);
+  const std::string data = fakes::RandomBytes(64 * 5, 1);
   for (std::size_t size = 0; size <= data.size(); ++size) {
     const std::string part = data.substr(0, size);
     ASSERT_EQ(Digest(part), ReferenceDigest(part)) << size << " bytes";
@@ -63,12 +57,12 @@ TEST(Md5Test, EqualsAnotherImplementationForEveryLengthAroundTheBlocks) {
 }
 
 TEST(Md5Test, EqualsAnotherImplementationForLargeData) {
-  const std::string data = RandomBytes(2097152 + 17, 2);
+  const std::string data = fakes::RandomBytes(2097152 + 17, 2);
   EXPECT_EQ(Digest(data), ReferenceDigest(data));
 }
 
 TEST(Md5Test, IsTheSameHoweverTheDataIsCut) {
-  const std::string data = RandomBytes(1000, 3);
+  const std::string data = fakes::RandomBytes(1000, 3);
   const std::string expected = ReferenceDigest(data);
   std::mt19937 random(4);
   for (int round = 0; round < 200; ++round) {

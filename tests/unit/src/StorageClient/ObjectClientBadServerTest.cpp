@@ -120,7 +120,7 @@ class ObjectClientBadServerTest : public ObjectClientFixture, public testing::Wi
 
 TEST_P(ObjectClientBadServerTest, FailsEveryRequestWithItsCode) {
   Serve([](const ScriptedRequest&) { return true; });
-  const std::string path = folder_.MakeFile("file", "content");
+  const std::string path = folder_.Write("file", "content");
   std::string url = "before";
   std::string piece_url;
   std::string version;
@@ -141,7 +141,7 @@ TEST_P(ObjectClientBadServerTest, FailsEveryRequestWithItsCode) {
 }
 
 TEST_P(ObjectClientBadServerTest, FailsAnUploadWhereverItHappens) {
-  const std::string large = folder_.MakeFile("large", std::string(10485760, 'x'));
+  const std::string large = folder_.Write("large", std::string(10485760, 'x'));
   for (const char* step : {"uploads", "part_number=3", "upload_id=id-"}) {
     Serve([step](const ScriptedRequest& request) {
       const std::size_t at = request.target.find(step);
@@ -170,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Answers, ObjectClientBadServerTest, testing::ValuesIn(A
 class ObjectClientBadXmlTest : public ObjectClientFixture, public testing::WithParamInterface<std::string> {};
 
 TEST_P(ObjectClientBadXmlTest, IsAnUnexpectedAnswer) {
-  const std::string large = folder_.MakeFile("large", std::string(10485760, 'x'));
+  const std::string large = folder_.Write("large", std::string(10485760, 'x'));
   CObjectClient client(Config());
   server_.Handle([](const ScriptedRequest&) { return ScriptedAnswer{.body = GetParam()}; });
   std::string url = "before";

@@ -66,18 +66,6 @@ std::string ReferenceContentMd5(const std::string& data) {
   return Base64(reinterpret_cast<const unsigned char*>(hex.data()), hex.size());
 }
 
-std::string TestBytes(std::size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; i += 4) {
-    const auto word = static_cast<std::uint32_t>(random());
-    for (std::size_t j = i; j < size && j < i + 4; ++j) {
-      bytes[j] = static_cast<char>(word >> (8 * (j - i)));
-    }
-  }
-  return bytes;
-}
-
 Tests::ScriptedAnswer BestNodeAnswer(const std::string& location) {
   return {.headers = {{"Content-Type", kXmlType}},
           .body = "<?xml version=\"1.0\"?><BestNodeInfo><Location>" + location + "</Location></BestNodeInfo>"};
@@ -125,31 +113,6 @@ void ExpectRequest(const Tests::ScriptedRequest& request, const ExpectedRequest&
   std::map<std::string, std::string> sent(request.headers.begin(), request.headers.end());
   EXPECT_EQ(sent.size(), request.headers.size()) << "a header is there twice";
   EXPECT_EQ(sent, headers);
-}
-
-CTestFolder::CTestFolder() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "tansy-client-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) {
-    throw std::runtime_error("no temporary folder");
-  }
-  path_ = pattern;
-}
-
-CTestFolder::~CTestFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-std::string CTestFolder::MakeFile(const std::string& name, const std::string& content) const {
-  const std::filesystem::path path = path_ / name;
-  std::filesystem::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << content;
-  return path.string();
-}
-
-std::string CTestFolder::Content(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 std::ostream& operator<<(std::ostream& out, const LastError& error) {

@@ -17,7 +17,9 @@
 #include "TansyCloudStorage/ObjectClient.h"
 #include "TansyCloudStorage/StorageConfig.h"
 #include "fakes/CapturingLogSink.h"
+#include "fakes/RandomBytes.h"
 #include "fakes/ScriptedServer.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::CloudStorage {
 
@@ -31,8 +33,6 @@ inline constexpr char kBinaryType[] = "binary/octet-stream";
 std::string ReferenceSignature(const std::string& text, const std::string& key);
 // Base64 of the hexadecimal MD5, likewise.
 std::string ReferenceContentMd5(const std::string& data);
-// Bytes that look like nothing and are the same for the same seed.
-std::string TestBytes(std::size_t size, unsigned seed = 1);
 
 Tests::ScriptedAnswer BestNodeAnswer(const std::string& location);
 Tests::ScriptedAnswer UploadIdAnswer(const std::string& upload_id);
@@ -49,23 +49,6 @@ struct ExpectedRequest {
   std::map<std::string, std::string> more_headers = {};
 };
 void ExpectRequest(const Tests::ScriptedRequest& request, const ExpectedRequest& expected);
-
-// A folder for one test, removed with everything in it.
-class CTestFolder {
- public:
-  CTestFolder();
-  ~CTestFolder();
-  CTestFolder(const CTestFolder&) = delete;
-  CTestFolder& operator=(const CTestFolder&) = delete;
-
-  std::string Path(const std::string& name) const { return (path_ / name).string(); }
-  // Writes the file and returns its path.
-  std::string MakeFile(const std::string& name, const std::string& content) const;
-  static std::string Content(const std::string& path);
-
- private:
-  std::filesystem::path path_;
-};
 
 struct LastError {
   int code = 0;
@@ -91,7 +74,7 @@ class ObjectClientFixture : public testing::Test {
 
   Tests::CLogCapture log_;
   Tests::ScriptedServer server_;
-  CTestFolder folder_;
+  fakes::CTempFolder folder_;
 
  private:
   mutable std::mutex progress_mutex_;

@@ -158,8 +158,8 @@ TEST_F(ObjectClientInterfaceTest, KeepsTheSecondCodeUntilThereIsAnother) {
 
 TEST_F(ObjectClientInterfaceTest, UploadsASmallFile) {
   ServeUploads();
-  const std::string content = TestBytes(100000);
-  const std::string path = folder_.MakeFile("movie.mp4", content);
+  const std::string content = fakes::RandomBytes(100000);
+  const std::string path = folder_.Write("movie.mp4", content);
   std::string url;
   EXPECT_TRUE(client_.UploadFile(url, path));
   EXPECT_THAT(url, MatchesRegex("/pool/" + std::string(kGuid) + "\\.mp4"));
@@ -174,7 +174,7 @@ TEST_F(ObjectClientInterfaceTest, UploadsASmallFile) {
                                         .content_md5 = true});
   EXPECT_THAT(Progress(), ElementsAre(100));
   // The file is free again, and as it was.
-  EXPECT_EQ(CTestFolder::Content(path), content);
+  EXPECT_EQ(fakes::ReadFile(path), content);
   TansyBase::CLocalFile file;
   EXPECT_EQ(file.OpenAlways(path), 0u);
   file.Close();
@@ -185,7 +185,7 @@ TEST_F(ObjectClientInterfaceTest, UploadsToTheBestNode) {
   node.Handle([](const ScriptedRequest&) { return ScriptedAnswer{}; });
   server_.Handle([&](const ScriptedRequest&) { return BestNodeAnswer(node.Address()); });
   std::string url;
-  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file", "x")));
   EXPECT_EQ(server_.Requests().size(), 1u);
   ASSERT_EQ(node.Requests().size(), 1u);
   EXPECT_EQ(node.Requests()[0].Header("Host"), server_.Address());
@@ -200,14 +200,14 @@ TEST_F(ObjectClientInterfaceTest, TakesTheExtensionOfTheFilesOwnName) {
                {"dir.old/f.x", ".x"}, {".hidden", ".hidden"},    {"ends-with-dot.", "."}};
   for (const auto& [name, extension] : cases) {
     std::string url;
-    EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile(name, "x"))) << name;
+    EXPECT_TRUE(client_.UploadFile(url, folder_.Write(name, "x"))) << name;
     EXPECT_EQ(url.substr(std::string("/pool/").size() + 36), extension) << name;
   }
 }
 
 TEST_F(ObjectClientInterfaceTest, TakesABackslashForASeparator) {
   ServeUploads();
-  folder_.MakeFile("dir.old/file", "x");
+  folder_.Write("dir.old/file", "x");
   std::string url;
   EXPECT_TRUE(client_.UploadFile(url, folder_.Path("dir.old") + "\\file"));
   EXPECT_THAT(url, MatchesRegex("/pool/" + std::string(kGuid)));
@@ -217,7 +217,7 @@ TEST_F(ObjectClientInterfaceTest, UploadsFilesWithAnyName) {
   ServeUploads();
   for (const char* name : {"-rf", "two words.txt", "\xc3\xa4\xe6\x96\x87.txt", "--", "a'b.txt"}) {
     std::string url;
-    EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile(name, name))) << name;
+    EXPECT_TRUE(client_.UploadFile(url, folder_.Write(name, name))) << name;
     EXPECT_EQ(server_.Requests().back().body, name);
   }
 }
@@ -225,7 +225,7 @@ TEST_F(ObjectClientInterfaceTest, UploadsFilesWithAnyName) {
 TEST_F(ObjectClientInterfaceTest, UploadsNothingUnderAnExtensionThatIsNoTarget) {
   ServeUploads();
   std::string url = "before";
-  EXPECT_FALSE(client_.UploadFile(url, folder_.MakeFile("notes. final", "x")));
+  EXPECT_FALSE(client_.UploadFile(url, folder_.Write("notes. final", "x")));
   EXPECT_THAT(ErrorOf(client_).message, StartsWith("Send get best node msg failed[1:"));
   EXPECT_EQ(url, "before");
 }
@@ -242,9 +242,9 @@ TEST_F(ObjectClientInterfaceTest, MakesAndUploadsAMissingFile) {
 
 TEST_F(ObjectClientInterfaceTest, UploadsUpToTheLastByteBelowTenMebibytesAsOneObject) {
   ServeUploads();
-  const std::string content = TestBytes(10485759);
+  const std::string content = fakes::RandomBytes(10485759);
   std::string url;
-  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file", content)));
+  EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file", content)));
   ASSERT_EQ(server_.Requests().size(), 2u);
   EXPECT_EQ(server_.Requests()[1].method, "PUT");
   EXPECT_EQ(server_.Requests()[1].body, content);
@@ -271,7 +271,7 @@ TEST_F(ObjectClientInterfaceTest, SaysWhyAFileCannotBeOpened) {
 }
 
 TEST_F(ObjectClientInterfaceTest, DoesNotShareTheFile) {
-  const std::string path = folder_.MakeFile("file", "x");
+  const std::string path = folder_.Write("file", "x");
   TansyBase::CLocalFile holder;
   ASSERT_EQ(holder.OpenAlways(path), 0u);
   std::string url;
@@ -288,7 +288,7 @@ TEST_F(ObjectClientInterfaceTest, RefusesAFolder) {
 
 TEST_F(ObjectClientInterfaceTest, RefusesAFileWhoseSizeNeedsMoreThanThirtyTwoBits) {
   ServeUploads();
-  const std::string path = folder_.MakeFile("huge", "");
+  const std::string path = folder_.Write("huge", "");
   std::filesystem::resize_file(path, (std::uint64_t{4} << 30) + 5);  // a hole: its low 32 bits are 5
   std::string url;
   EXPECT_FALSE(client_.UploadFile(url, path));
@@ -299,7 +299,7 @@ TEST_F(ObjectClientInterfaceTest, RefusesAFileWhoseSizeNeedsMoreThanThirtyTwoBit
 }
 
 TEST_F(ObjectClientInterfaceTest, RefusesAFileThatBecomesShorter) {
-  const std::string path = folder_.MakeFile("file", std::string(100000, 'x'));
+  const std::string path = folder_.Write("file", std::string(100000, 'x'));
   server_.Handle([&](const ScriptedRequest&) {
     std::filesystem::resize_file(path, 50000);
     return BestNodeAnswer(server_.Address());
@@ -315,7 +315,7 @@ TEST_F(ObjectClientInterfaceTest, RefusesAFileThatBecomesShorter) {
 
 TEST_F(ObjectClientInterfaceTest, ReportsAHundredAfterAFailureToo) {
   CObjectClient client(DeadConfig());
-  const std::string path = folder_.MakeFile("file", "x");
+  const std::string path = folder_.Write("file", "x");
   std::string url = "before";
   EXPECT_FALSE(client.UploadFile(url, path));
   EXPECT_EQ(log_->Count(kPathNodeFailed, logging::kError), 1u);
@@ -328,7 +328,7 @@ TEST_F(ObjectClientInterfaceTest, ReportsAHundredAfterAFailureToo) {
 TEST_F(ObjectClientInterfaceTest, SaysTheSameOfAFailedSingleUpload) {
   ServeUploads(ErrorAnswer(500, "NotEnoughSpace"));
   std::string url = "before";
-  EXPECT_FALSE(client_.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_FALSE(client_.UploadFile(url, folder_.Write("file", "x")));
   EXPECT_EQ(log_->Count(kPathNodeFailed, logging::kError), 1u);
   EXPECT_EQ(ErrorOf(client_), (LastError{7, 0, "upload object rsp status code[500]."}));
   EXPECT_THAT(Progress(), ElementsAre(100));
@@ -344,7 +344,7 @@ TEST_F(ObjectClientInterfaceTest, UploadsWithoutAProgressCallback) {
   config.callback = nullptr;
   CObjectClient client(config);
   std::string url;
-  EXPECT_TRUE(client.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_TRUE(client.UploadFile(url, folder_.Write("file", "x")));
 }
 
 TEST_F(ObjectClientInterfaceTest, KeepsWhatACallbackThrows) {
@@ -352,7 +352,7 @@ TEST_F(ObjectClientInterfaceTest, KeepsWhatACallbackThrows) {
   SStorageServerConfig config = Config();
   config.callback = [](UploadProgress) { throw std::runtime_error("from the callback"); };
   CObjectClient client(config);
-  const std::string path = folder_.MakeFile("file", "x");
+  const std::string path = folder_.Write("file", "x");
   std::string url;
   EXPECT_FALSE(client.UploadFile(url, path));
   EXPECT_THAT(log_->Text("[%s][Client]operation failed, exception[%s][%s(%d)]"), HasSubstr("[from the callback]"));
@@ -386,7 +386,7 @@ TEST_F(ObjectClientInterfaceTest, FailsWhenItsConfigurationCannotBeCopied) {
   CObjectClient client(config);
   std::string url = "before";
   EXPECT_FALSE(client.Init());
-  EXPECT_FALSE(client.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_FALSE(client.UploadFile(url, folder_.Write("file", "x")));
   EXPECT_FALSE(client.UploadFile(url, "x", 1));
   EXPECT_FALSE(client.UploadFileByPieces(url, "x", 1, false));
   EXPECT_FALSE(client.GetStorageVersion(url, {"127.0.0.1", server_.Port(), "a", "s"}));
@@ -480,7 +480,7 @@ TEST_F(ObjectClientInterfaceTest, DownloadsIntoAFile) {
   server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", "7"}}});
   server_.Answer("GET /pool/key", {.body = "content"});
   EXPECT_TRUE(client_.DownloadFile("/pool/key", folder_.Path("\xc3\xa4 file")));
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("\xc3\xa4 file")), "content");
+  EXPECT_EQ(folder_.Read("\xc3\xa4 file"), "content");
   EXPECT_THAT(Progress(), ElementsAre(100));
 }
 
@@ -537,7 +537,7 @@ TEST_F(ObjectClientInterfaceTest, FailsWithoutItsState) {
   EXPECT_EQ(log_->Count("[%s]Remove file failed, ptr_conf_ is null, url[%s].[%s(%d)]", logging::kError), 2u);
   EXPECT_FALSE(client.DownloadFile("/pool/key", folder_.Path("file")));
   EXPECT_EQ(log_->Count("[%s]Init failed, server_config is nullptr.[%s(%d)]", logging::kError), 1u);
-  EXPECT_FALSE(client.UploadFile(url, folder_.MakeFile("file", "x")));
+  EXPECT_FALSE(client.UploadFile(url, folder_.Write("file", "x")));
   EXPECT_FALSE(client.UploadFile(url, std::string(33554433, 'x').data(), 33554433));
   EXPECT_FALSE(client.GetStorageVersion(url, {"127.0.0.1", server_.Port(), "a", "s"}));
   client.SetTimeoutConfig(1, 1);

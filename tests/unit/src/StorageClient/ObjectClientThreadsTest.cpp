@@ -33,14 +33,14 @@ class ObjectClientThreadsTest : public ObjectClientFixture {
 TEST_F(ObjectClientThreadsTest, ServesEightThreadsAtOnce) {
   constexpr int kThreads = 8;
   constexpr int kRounds = 6;
-  const std::string large = folder_.MakeFile("large", std::string(10485760, 'x'));
+  const std::string large = folder_.Write("large", std::string(10485760, 'x'));
   std::atomic<int> failures{0};
   const auto expect = [&](bool result) { failures += result ? 0 : 1; };
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
-      const std::string own_content = TestBytes(1000, static_cast<unsigned>(i));
-      const std::string own = folder_.MakeFile("file" + std::to_string(i), own_content);
+      const std::string own_content = fakes::RandomBytes(1000, static_cast<unsigned>(i));
+      const std::string own = folder_.Write("file" + std::to_string(i), own_content);
       for (int round = 0; round < kRounds; ++round) {
         CObjectClient copy(client_);
         std::string url;
@@ -60,7 +60,7 @@ TEST_F(ObjectClientThreadsTest, ServesEightThreadsAtOnce) {
         const std::unique_ptr<char[]> owner(data);
         expect(std::string(data, size) == "content");
         const std::string got = folder_.Path("got" + std::to_string(i));
-        expect(client_.DownloadFile("/pool/stored", got) && CTestFolder::Content(got) == "content");
+        expect(client_.DownloadFile("/pool/stored", got) && fakes::ReadFile(got) == "content");
         expect(client_.RemoveFileByUrl("/pool/key"));
         expect(!client_.RemoveFileByUrl("/pool/missing"));
         const LastError error = ErrorOf(copy);

@@ -65,9 +65,9 @@ class ObjectMultipartUploadTest : public ObjectClientFixture {
 };
 
 TEST_F(ObjectMultipartUploadTest, SendsTenMebibytesInFiveParts) {
-  const std::string content = TestBytes(10485760);
+  const std::string content = fakes::RandomBytes(10485760);
   std::string url;
-  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
+  ASSERT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content)));
   EXPECT_THAT(Sequence(),
               testing::ElementsAre("GET bestnode", "POST uploads", "POST upload_id=task-1", "GET metadata"));
   const std::vector<ScriptedRequest> requests = server_.Requests();
@@ -100,9 +100,9 @@ TEST_F(ObjectMultipartUploadTest, SendsTenMebibytesInFiveParts) {
 }
 
 TEST_F(ObjectMultipartUploadTest, EndsWithAPartOfTheRest) {
-  const std::string content = TestBytes(10485761);
+  const std::string content = fakes::RandomBytes(10485761);
   std::string url;
-  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
+  ASSERT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content)));
   EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
   ASSERT_EQ(PartRequests(6).size(), 1u);
   EXPECT_EQ(PartRequests(6)[0].body, content.substr(10485760));
@@ -115,7 +115,7 @@ TEST_F(ObjectMultipartUploadTest, SendsPartsToTheBestNodeAndTheRestToTheConfigur
   node.Handle([&](const ScriptedRequest& request) { return multipart_.Answer(request, node.Address()); });
   server_.Handle([&](const ScriptedRequest& request) { return multipart_.Answer(request, node.Address()); });
   std::string url;
-  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
+  ASSERT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", std::string(10485760, 'x'))));
   EXPECT_EQ(server_.Requests().size(), 4u);
   ASSERT_EQ(node.Requests().size(), 5u);
   for (const ScriptedRequest& request : node.Requests()) {
@@ -126,7 +126,7 @@ TEST_F(ObjectMultipartUploadTest, SendsPartsToTheBestNodeAndTheRestToTheConfigur
 TEST_F(ObjectMultipartUploadTest, ReportsRisingValuesBelowAHundredAndThenAHundred) {
   multipart_.SetDelay(2);
   std::string url;
-  ASSERT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'))));
+  ASSERT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", std::string(20 * kPartBytes, 'x'))));
   const std::vector<int> progress = Progress();
   ASSERT_GE(progress.size(), 2u);
   EXPECT_EQ(progress.back(), 100);
@@ -139,7 +139,7 @@ TEST_F(ObjectMultipartUploadTest, ReportsAHundredOnTheWayAsNinetyNine) {
   // What is counted for an upload id stays: under an id that was used before, all parts seem to be there at once.
   multipart_.UseOneTaskId(TansyBase::GuidUtil::CreateGuid());
   multipart_.SetDelay(20);
-  const std::string path = folder_.MakeFile("file.bin", std::string(8 * kPartBytes, 'x'));
+  const std::string path = folder_.Write("file.bin", std::string(8 * kPartBytes, 'x'));
   std::string url;
   ASSERT_TRUE(client_.UploadFile(url, path));
   const std::size_t first = Progress().size();
@@ -154,9 +154,9 @@ TEST_F(ObjectMultipartUploadTest, TriesAPartThreeTimes) {
   multipart_.SetPartHook([&](int number) -> ScriptedAnswer {
     return number == 2 && failures-- > 0 ? ErrorAnswer(500, "ServerInternalError") : ScriptedAnswer{};
   });
-  const std::string content = TestBytes(10485760);
+  const std::string content = fakes::RandomBytes(10485760);
   std::string url;
-  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content)));
+  EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content)));
   EXPECT_EQ(PartRequests(2).size(), 3u);
   EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
   // The failures on the way stay the last error of a client that has succeeded in the end.
@@ -166,7 +166,7 @@ TEST_F(ObjectMultipartUploadTest, TriesAPartThreeTimes) {
 TEST_F(ObjectMultipartUploadTest, FailsWithAPartThatFailsThreeTimes) {
   multipart_.SetPartHook(
       [](int number) -> ScriptedAnswer { return number == 4 ? ErrorAnswer(500, "NotEnoughSpace") : ScriptedAnswer{}; });
-  const std::string path = folder_.MakeFile("file.bin", std::string(10485760, 'x'));
+  const std::string path = folder_.Write("file.bin", std::string(10485760, 'x'));
   std::string url = "before";
   EXPECT_FALSE(client_.UploadFile(url, path));
   EXPECT_EQ(url, "before");
@@ -180,7 +180,7 @@ TEST_F(ObjectMultipartUploadTest, FailsWithAPartThatFailsThreeTimes) {
 
 TEST_F(ObjectMultipartUploadTest, StopsReadingWhenAPartHasFailed) {
   multipart_.SetPartHook([](int) { return ErrorAnswer(403, "AccessDenied"); });
-  const std::string path = folder_.MakeFile("file.bin", "");
+  const std::string path = folder_.Write("file.bin", "");
   std::filesystem::resize_file(path, 100 * kPartBytes);
   std::string url;
   EXPECT_FALSE(client_.UploadFile(url, path));
@@ -208,7 +208,7 @@ TEST_F(ObjectMultipartUploadTest, SendsFourPartsAtATime) {
     return ScriptedAnswer{};
   });
   std::string url;
-  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(12 * kPartBytes, 'x'))));
+  EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", std::string(12 * kPartBytes, 'x'))));
   EXPECT_EQ(most, 4);
   EXPECT_EQ(waits_that_ended_alone, 0);
 }
@@ -218,7 +218,7 @@ TEST_F(ObjectMultipartUploadTest, FailsWithoutATask) {
     return request.target.ends_with("?bestnode") ? BestNodeAnswer(server_.Address())
                                                  : ErrorAnswer(500, "NotEnoughSpace");
   });
-  const std::string path = folder_.MakeFile("file.bin", std::string(10485760, 'x'));
+  const std::string path = folder_.Write("file.bin", std::string(10485760, 'x'));
   std::string url;
   EXPECT_FALSE(client_.UploadFile(url, path));
   const std::string line = "[%s]upload file[%s] failed, create part task failed.[%s(%d)]";
@@ -231,7 +231,7 @@ TEST_F(ObjectMultipartUploadTest, FailsWithoutATask) {
 TEST_F(ObjectMultipartUploadTest, FailsWithoutCompletion) {
   multipart_.SetFinishAnswer(ErrorAnswer(400, "InvalidXmlContent"));
   std::string url = "before";
-  EXPECT_FALSE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
+  EXPECT_FALSE(client_.UploadFile(url, folder_.Write("file.bin", std::string(10485760, 'x'))));
   EXPECT_EQ(url, "before");
   const std::string line = "[%s]upload file[%s] failed, object key[%s], upload part[%d] failed.[%s(%d)]";
   EXPECT_EQ(log_->Count(line, logging::kError), 1u);
@@ -243,7 +243,7 @@ TEST_F(ObjectMultipartUploadTest, FailsWithoutCompletion) {
 TEST_F(ObjectMultipartUploadTest, BelievesACompletionOnlyWhenTheObjectHasItsSize) {
   multipart_.SetMetadataAnswer({.headers = {{"Object-Size", "10485759"}}});
   std::string url = "before";
-  EXPECT_FALSE(client_.UploadFile(url, folder_.MakeFile("file.bin", std::string(10485760, 'x'))));
+  EXPECT_FALSE(client_.UploadFile(url, folder_.Write("file.bin", std::string(10485760, 'x'))));
   EXPECT_EQ(url, "before");
   EXPECT_EQ(ErrorOf(client_), (LastError{14, 0, "object size[10485759] instead of [10485760]."}));
 }
@@ -256,7 +256,7 @@ TEST_F(ObjectMultipartUploadTest, SaysThatTheProgressFunctionThrew) {
     }
   };
   CObjectClient client(config);
-  const std::string path = folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'));
+  const std::string path = folder_.Write("file.bin", std::string(20 * kPartBytes, 'x'));
   std::string url = "before";
   EXPECT_FALSE(client.UploadFile(url, path));
   EXPECT_EQ(url, "before");
@@ -267,7 +267,7 @@ TEST_F(ObjectMultipartUploadTest, SaysThatTheProgressFunctionThrew) {
 }
 
 TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
-  const std::string path = folder_.MakeFile("file.bin", std::string(20 * kPartBytes, 'x'));
+  const std::string path = folder_.Write("file.bin", std::string(20 * kPartBytes, 'x'));
   multipart_.SetPartHook([&](int) {
     std::filesystem::resize_file(path, 10 * kPartBytes + 5);
     return ScriptedAnswer{};
@@ -297,7 +297,7 @@ TEST_F(ObjectMultipartUploadTest, DoesNotWaitForTheEndOfARound) {
     }
     return answer;
   });
-  const std::string path = folder_.MakeFile("file.bin", std::string(10485760, 'x'));
+  const std::string path = folder_.Write("file.bin", std::string(10485760, 'x'));
   for (int i = 0; i < 8; ++i) {
     std::string url;
     EXPECT_TRUE(client_.UploadFile(url, path));
@@ -312,8 +312,8 @@ TEST_F(ObjectMultipartUploadTest, KeepsManyUploadsApart) {
   std::vector<int> results(kUploads);
   std::vector<std::string> urls(kUploads);
   for (int i = 0; i < kUploads; ++i) {
-    contents.push_back(TestBytes(10485760 + static_cast<std::size_t>(i) * 100000, static_cast<unsigned>(i)));
-    folder_.MakeFile(std::to_string(i), contents.back());
+    contents.push_back(fakes::RandomBytes(10485760 + static_cast<std::size_t>(i) * 100000, static_cast<unsigned>(i)));
+    folder_.Write(std::to_string(i), contents.back());
   }
   for (int i = 0; i < kUploads; ++i) {
     threads.emplace_back([&, i] {
@@ -335,8 +335,8 @@ TEST_F(ObjectMultipartUploadTest, EndsWhenAServerGivesOneIdToTwoUploads) {
   // What becomes of the objects is the server's doing; here it matters that both calls come back.
   multipart_.UseOneTaskId(TansyBase::GuidUtil::CreateGuid());
   multipart_.SetDelay(5);
-  const std::string first = folder_.MakeFile("first", std::string(6 * kPartBytes, 'x'));
-  const std::string second = folder_.MakeFile("second", std::string(9 * kPartBytes, 'x'));
+  const std::string first = folder_.Write("first", std::string(6 * kPartBytes, 'x'));
+  const std::string second = folder_.Write("second", std::string(9 * kPartBytes, 'x'));
   for (int round = 0; round < 3; ++round) {
     std::thread thread([&] {
       std::string url;
@@ -347,9 +347,9 @@ TEST_F(ObjectMultipartUploadTest, EndsWhenAServerGivesOneIdToTwoUploads) {
     thread.join();
   }
   multipart_.UseOneTaskId("");
-  const std::string content = TestBytes(10485760);
+  const std::string content = fakes::RandomBytes(10485760);
   std::string url;
-  EXPECT_TRUE(client_.UploadFile(url, folder_.MakeFile("file.bin", content))) << "the client is as good as before";
+  EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content))) << "the client is as good as before";
   EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
 }
 

@@ -144,7 +144,7 @@ class ObjectProtoClientDownloadTest : public ObjectClientFixture {
 // ---- into memory
 
 TEST_F(ObjectProtoClientDownloadTest, FetchesAnObject) {
-  const std::string content = TestBytes(300000);
+  const std::string content = fakes::RandomBytes(300000);
   server_.Answer("GET /pool/key", {.body = content});
   std::string got;
   EXPECT_TRUE(DownloadToMemory(got));
@@ -324,11 +324,11 @@ TEST_F(ObjectProtoClientDownloadTest, NeedsAPath) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, StreamsASmallObject) {
-  const std::string content = TestBytes(700000);
+  const std::string content = fakes::RandomBytes(700000);
   AnswerMetadata(content.size());
   server_.Answer("GET /pool/key", {.body = content});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), content);
+  EXPECT_EQ(folder_.Read("file"), content);
   EXPECT_TRUE(IsFree("file"));
   ASSERT_EQ(server_.Requests().size(), 2u);
   ExpectRequest(server_.Requests()[0],
@@ -341,19 +341,19 @@ TEST_F(ObjectProtoClientDownloadTest, StreamsASmallObject) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, StreamsUpToTheLastByteBelowTenMebibytes) {
-  server_.Handle(ServeObject(std::make_shared<const std::string>(TestBytes(10485759))));
+  server_.Handle(ServeObject(std::make_shared<const std::string>(fakes::RandomBytes(10485759))));
   EXPECT_TRUE(DownloadToFile());
   EXPECT_EQ(server_.Requests().size(), 2u);
   EXPECT_TRUE(Ranges().empty());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), TestBytes(10485759));
+  EXPECT_EQ(folder_.Read("file"), fakes::RandomBytes(10485759));
 }
 
 TEST_F(ObjectProtoClientDownloadTest, OverwritesAnExistingFileFromItsStart) {
-  folder_.MakeFile("file", "0123456789");
+  folder_.Write("file", "0123456789");
   AnswerMetadata(3);
   server_.Answer("GET /pool/key", {.body = "abc"});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "abc3456789");
+  EXPECT_EQ(folder_.Read("file"), "abc3456789");
 }
 
 TEST_F(ObjectProtoClientDownloadTest, MakesNoFileOfAnEmptyObject) {
@@ -368,7 +368,7 @@ TEST_F(ObjectProtoClientDownloadTest, GoesOnWithoutMetadata) {
   server_.Answer("GET /pool/key?metadata", ErrorAnswer(404, "NoSuchKey"));
   server_.Answer("GET /pool/key", {.body = "abc"});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "abc");
+  EXPECT_EQ(folder_.Read("file"), "abc");
   const std::string line = "[%s][Client]get best node failed, error[%d:%s][%s(%d)]";
   EXPECT_EQ(log_->Count(line, logging::kError), 1u);
   EXPECT_THAT(log_->Text(line), StartsWith("[Tansy::CloudStorage::CObjectProtoClient::GetObjectSize]"));
@@ -378,7 +378,7 @@ TEST_F(ObjectProtoClientDownloadTest, GoesOnWithoutMetadata) {
   server_.Answer("GET /pool/key?metadata", {.cut_after = 0});
   server_.Answer("GET /pool/key", {.body = "def"});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "def");
+  EXPECT_EQ(folder_.Read("file"), "def");
   EXPECT_EQ(log_->Count("[%s][Client]send get metadata failed, error[%d:%d][%s(%d)]", logging::kError), 1u);
   EXPECT_EQ(Error(), (LastError{0, 0, ""}));
 
@@ -389,7 +389,7 @@ TEST_F(ObjectProtoClientDownloadTest, GoesOnWithoutMetadata) {
     server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", size}}});
     server_.Answer("GET /pool/key", {.body = "ghi"});
     EXPECT_TRUE(DownloadToFile()) << size;
-    EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "ghi");
+    EXPECT_EQ(folder_.Read("file"), "ghi");
     EXPECT_TRUE(Ranges().empty());
   }
 }
@@ -399,7 +399,7 @@ TEST_F(ObjectProtoClientDownloadTest, KeepsWhatComesWithoutALength) {
   server_.Answer("GET /pool/key",
                  {.headers = {{"Transfer-Encoding", "chunked"}}, .body = "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n"});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "hello world");
+  EXPECT_EQ(folder_.Read("file"), "hello world");
   EXPECT_TRUE(Progress().empty()) << "of how much is not known";
 }
 
@@ -421,7 +421,7 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsAStatusAsSecondCode) {
 
 TEST_F(ObjectProtoClientDownloadTest, ReportsACutStream) {
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = TestBytes(700000), .cut_after = 400000});
+  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000), .cut_after = 400000});
   EXPECT_FALSE(DownloadToFile());
   EXPECT_EQ(Error().code, 4);
   EXPECT_NE(Error().second, 0);
@@ -451,7 +451,7 @@ TEST_F(ObjectProtoClientDownloadTest, WaitsForAStreamAsLongAsConfigured) {
 
 TEST_F(ObjectProtoClientDownloadTest, ReportsAFileThatCannotBeMade) {
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = TestBytes(700000)});
+  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000)});
   EXPECT_FALSE(DownloadToFile("no-such-folder/file"));
   EXPECT_EQ(Error(), (LastError{5, 1000003, "DownloadBigObject rsp status code[1000003]."}));
   EXPECT_EQ(log_->Count(kOpenFailed, logging::kError), 1u);
@@ -474,7 +474,7 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsAFileThatIsHeldOpen) {
 
 TEST_F(ObjectProtoClientDownloadTest, ReportsADiskThatIsFull) {
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = TestBytes(700000)});
+  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000)});
   {
     const CFullDisk full(300000);
     EXPECT_FALSE(DownloadToFile());
@@ -494,7 +494,7 @@ TEST_F(ObjectProtoClientDownloadTest, DropsDataThatComesAfterTheEnd) {
   rsp.status = 200;
   client_->RecvMsgCallback(rsp, "more", 4, {}, false);
   EXPECT_EQ(log_->Count("[%s][Client]recv file, open file failed:%s[%s(%d)]", logging::kError), 1u);
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "abc");
+  EXPECT_EQ(folder_.Read("file"), "abc");
 }
 
 TEST_F(ObjectProtoClientDownloadTest, StreamsFromWhereItIsRedirectedTo) {
@@ -504,7 +504,7 @@ TEST_F(ObjectProtoClientDownloadTest, StreamsFromWhereItIsRedirectedTo) {
   // Only scheme, host and port of the new place count: the path stays the one asked for.
   server_.Answer("GET /pool/key", {.status = 301, .headers = {{"Location", target.Url("/other/path")}}});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), "moved");
+  EXPECT_EQ(folder_.Read("file"), "moved");
   ASSERT_EQ(target.Requests().size(), 1u);
   ExpectRequest(target.Requests()[0], {.method = "GET", .target = "/pool/key", .host = server_.Address()});
   EXPECT_TRUE(IsFree("file"));
@@ -544,14 +544,14 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsARedirectToNobody) {
 TEST_F(ObjectProtoClientDownloadTest, WritesNothingAfterTheFirstErrorOfTheFile) {
   // The first of three pieces finds no room. Written from the second on, the file would begin in the middle.
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = TestBytes(700000)});
+  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000)});
   {
     const CFullDisk full(100);
     EXPECT_FALSE(DownloadToFile());
   }
   EXPECT_EQ(Error(), (LastError{5, -1002, "DownloadBigObject rsp status code[-1002]."}));
   EXPECT_EQ(log_->Count(kWriteFailed, logging::kError), 1u);
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), TestBytes(100));
+  EXPECT_EQ(folder_.Read("file"), fakes::RandomBytes(100));
 }
 
 TEST_F(ObjectProtoClientDownloadTest, FollowsNoOtherRedirect) {
@@ -582,7 +582,7 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheProgressFunctionThrows
   for (const std::uint32_t size : {700000u, 10 * kMiB}) {
     Use(config);
     server_.ClearScript();
-    server_.Handle(ServeObject(std::make_shared<const std::string>(TestBytes(size))));
+    server_.Handle(ServeObject(std::make_shared<const std::string>(fakes::RandomBytes(size))));
     EXPECT_THROW(DownloadToFile(), SHostCallbackError);
     EXPECT_TRUE(IsFree("file")) << size;
   }
@@ -591,10 +591,10 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheProgressFunctionThrows
 // ---- into a file, in ranges
 
 TEST_F(ObjectProtoClientDownloadTest, FetchesTenMebibytesInRanges) {
-  const auto content = std::make_shared<const std::string>(TestBytes(10 * kMiB));
+  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB));
   server_.Handle(ServeObject(content));
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), *content);
+  EXPECT_EQ(folder_.Read("file"), *content);
   EXPECT_THAT(Ranges(),
               ElementsAre("bytes=0-1048576", "bytes=1048576-2097152", "bytes=2097152-3145728", "bytes=3145728-4194304",
                           "bytes=4194304-5242880", "bytes=5242880-6291456", "bytes=6291456-7340032",
@@ -609,31 +609,31 @@ TEST_F(ObjectProtoClientDownloadTest, FetchesTenMebibytesInRanges) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, EndsWithARangeOfTheRest) {
-  const auto content = std::make_shared<const std::string>(TestBytes(10 * kMiB + 1));
+  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB + 1));
   server_.Handle(ServeObject(content));
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), *content);
+  EXPECT_EQ(folder_.Read("file"), *content);
   const std::vector<std::string> ranges = Ranges();
   EXPECT_EQ(ranges.size(), 11u);
   EXPECT_EQ(ranges.back(), "bytes=10485760-10485761");
 }
 
 TEST_F(ObjectProtoClientDownloadTest, OverwritesAnExistingFileInRanges) {
-  const auto content = std::make_shared<const std::string>(TestBytes(10 * kMiB));
-  folder_.MakeFile("file", std::string(10 * kMiB, 'o') + "tail");
+  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB));
+  folder_.Write("file", std::string(10 * kMiB, 'o') + "tail");
   server_.Handle(ServeObject(content));
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), *content + "tail");
+  EXPECT_EQ(folder_.Read("file"), *content + "tail");
 }
 
 TEST_F(ObjectProtoClientDownloadTest, FollowsARedirectForEachRange) {
-  const auto content = std::make_shared<const std::string>(TestBytes(10 * kMiB));
+  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB));
   ScriptedServer target;
   target.Handle(ServeObject(content));
   AnswerMetadata(content->size());
   server_.Answer("GET /pool/key", {.status = 302, .headers = {{"Location", target.Url("/pool/moved")}}});
   EXPECT_TRUE(DownloadToFile());
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), *content);
+  EXPECT_EQ(folder_.Read("file"), *content);
   EXPECT_EQ(target.Requests().size(), 10u);
   ExpectRequest(target.Requests().back(), {.method = "GET",
                                            .target = "/pool/moved",
@@ -699,7 +699,7 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileAfterARangeThatNobodyAnswers)
 }
 
 TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheDiskIsFull) {
-  server_.Handle(ServeObject(std::make_shared<const std::string>(TestBytes(10 * kMiB))));
+  server_.Handle(ServeObject(std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB))));
   {
     const CFullDisk full(3 * kMiB + 5);
     EXPECT_FALSE(DownloadToFile());
@@ -777,7 +777,7 @@ TEST_F(ObjectProtoClientDownloadTest, TakesRangesOfOneVersion) {
   server_.Handle(CReplacedObject("\"old\"", "", 10));
   EXPECT_TRUE(DownloadToFile());
   EXPECT_EQ(server_.Requests().size(), 11u);
-  EXPECT_EQ(CTestFolder::Content(folder_.Path("file")), std::string(10 * kMiB, 'o'));
+  EXPECT_EQ(folder_.Read("file"), std::string(10 * kMiB, 'o'));
   Renew();
   server_.ClearRequests();
   server_.Handle(CReplacedObject("\"old\"", "", 10).WithoutTagInMetadata());

@@ -5,21 +5,21 @@
 #include <filesystem>
 #include <string>
 
-#include "TemporaryFolder.h"
+#include "fakes/TempFolder.h"
 
 namespace db_layer {
 namespace {
 
 TEST(FolderSyncTest, FolderOfAFileThatMayNotExistYet) {
-  const CTemporaryFolder folder;
-  EXPECT_TRUE(SyncFolderOf(folder.File("platform.db")));
+  const fakes::CTempFolder folder;
+  EXPECT_TRUE(SyncFolderOf(folder.Path("platform.db")));
   EXPECT_TRUE(SyncFolderOf("platform.db"));
   EXPECT_TRUE(SyncFolderOf("/platform.db"));
 }
 
 TEST(FolderSyncTest, MissingFolderFails) {
-  const CTemporaryFolder folder;
-  EXPECT_FALSE(SyncFolderOf(folder.File("missing") + "/platform.db"));
+  const fakes::CTempFolder folder;
+  EXPECT_FALSE(SyncFolderOf(folder.Path("missing") + "/platform.db"));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "TansyBase/FileUtil.h"
 #include "fakes/CapturingLogSink.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::Tests {
 namespace {
@@ -30,23 +31,11 @@ constexpr const char* kWriteFailed = "[%s]write file failed[%s], error[%d].[%s(%
 // Works in a folder of its own: absolute paths do not do.
 class CObjectServerFilesTest : public ::testing::Test {
  protected:
-  CObjectServerFilesTest() : before_(fs::current_path()) {
-    std::string name = (fs::temp_directory_path() / "tansy-files-XXXXXX").string();
-    folder_ = ::mkdtemp(name.data());
-    fs::current_path(folder_);
-  }
-  ~CObjectServerFilesTest() override {
-    fs::current_path(before_);
-    fs::remove_all(folder_);
-  }
-
-  static std::string Content(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
+  CObjectServerFilesTest() : before_(fs::current_path()) { fs::current_path(folder_.GetPath()); }
+  ~CObjectServerFilesTest() override { fs::current_path(before_); }
 
   fs::path before_;
-  fs::path folder_;
+  fakes::CTempFolder folder_;
   CLogCapture log_;
 };
 
@@ -95,11 +84,11 @@ TEST_F(CObjectServerFilesTest, ManyThreadsMakeTheSameFolder) {
 TEST_F(CObjectServerFilesTest, SavesAndReadsBack) {
   const std::string bytes("one\0two", 7);
   EXPECT_TRUE(SaveFile("./folder\\file", bytes.data(), bytes.size(), "wb"));
-  EXPECT_EQ(Content("folder/file"), bytes);
+  EXPECT_EQ(fakes::ReadFile("folder/file"), bytes);
   EXPECT_TRUE(SaveFile("./folder\\file", "x", 1, "wb"));
-  EXPECT_EQ(Content("folder/file"), "x");
+  EXPECT_EQ(fakes::ReadFile("folder/file"), "x");
   EXPECT_TRUE(SaveFile("./folder\\file", "y", 1, "ab"));
-  EXPECT_EQ(Content("folder/file"), "xy");
+  EXPECT_EQ(fakes::ReadFile("folder/file"), "xy");
   EXPECT_TRUE(SaveFile("./folder\\empty", "", 0, "wb"));
 
   EXPECT_STREQ(ReadFile("./folder\\file", 2).get(), "xy");

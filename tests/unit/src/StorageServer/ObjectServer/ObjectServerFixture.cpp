@@ -12,6 +12,7 @@
 #include "StorageServer/ServerComm.h"
 #include "StorageServer/ServerMsgLoop.h"
 #include "db_layer/DbLayer.h"
+#include "fakes/RandomBytes.h"
 
 namespace Tansy::Tests {
 
@@ -321,18 +322,7 @@ FakeAnswer CObjectServerTest::Delete(const std::string& path, const std::string&
 }
 
 std::string CObjectServerTest::Pattern(std::size_t size, std::uint32_t seed) {
-  std::string bytes(size, '\0');
-  std::uint32_t state = seed * 2654435761U + 1;
-  // A block of an odd length is repeated: every piece of a body then looks different, and making it costs little.
-  constexpr std::size_t kBlock = 65521;
-  for (std::size_t i = 0; i < std::min(size, kBlock); ++i) {
-    state = state * 1664525U + 1013904223U;
-    bytes[i] = static_cast<char>(state >> 24);
-  }
-  for (std::size_t done = kBlock; done < size; done += kBlock) {
-    std::memcpy(bytes.data() + done, bytes.data(), std::min(kBlock, size - done));
-  }
-  return bytes;
+  return fakes::RandomBytes(size, seed);
 }
 
 std::string Xml(const std::string& content) {

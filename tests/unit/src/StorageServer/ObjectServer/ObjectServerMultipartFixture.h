@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ObjectServerFixture.h"
+#include "fakes/TempFolder.h"
 
 namespace Tansy::Tests {
 
@@ -19,14 +20,9 @@ namespace Tansy::Tests {
 class CObjectServerMultipartFixture : public CObjectServerTest {
  protected:
   CObjectServerMultipartFixture() : before_(std::filesystem::current_path()) {
-    std::string name = (std::filesystem::temp_directory_path() / "tansy-parts-XXXXXX").string();
-    folder_ = ::mkdtemp(name.data());
-    std::filesystem::current_path(folder_);
+    std::filesystem::current_path(folder_.GetPath());
   }
-  ~CObjectServerMultipartFixture() override {
-    std::filesystem::current_path(before_);
-    std::filesystem::remove_all(folder_);
-  }
+  ~CObjectServerMultipartFixture() override { std::filesystem::current_path(before_); }
 
   std::string Path(const std::string& key) const { return "/" + bucket_ + "/" + key; }
 
@@ -108,10 +104,7 @@ class CObjectServerMultipartFixture : public CObjectServerTest {
     }
     return count;
   }
-  static std::string Content(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
+  static std::string Content(const std::filesystem::path& path) { return fakes::ReadFile(path.string()); }
   static std::string Between(const std::string& text, const std::string& begin, const std::string& end,
                              std::size_t from = 0) {
     const std::size_t first = text.find(begin, from);
@@ -123,7 +116,7 @@ class CObjectServerMultipartFixture : public CObjectServerTest {
 
   const std::string bucket_ = NewBucket();
   const std::filesystem::path before_;
-  std::filesystem::path folder_;
+  fakes::CTempFolder folder_;
 };
 
 }  // namespace Tansy::Tests
