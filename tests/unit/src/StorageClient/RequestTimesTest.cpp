@@ -49,7 +49,6 @@ namespace {
 using testing::Each;
 using testing::ElementsAre;
 using testing::Field;
-using testing::StartsWith;
 using Tests::CRecordingHttpClient;
 using Tests::RecordedRequest;
 
