@@ -66,6 +66,7 @@ TEST(MessageLoopOutOfMemory, ARefusedTaskIsDeletedAndTheLoopGoesOn) {
   EXPECT_FALSE(taken);
   EXPECT_EQ(living, 0);
   EXPECT_TRUE(Tansy::Tests::WaitForTurn(loop));
+  loop.Stop(true);
   EXPECT_EQ(loop.GetWorkTaskCount(), 0U);
 }
 
