@@ -21,6 +21,7 @@ SequenceHandle seq(const std::string& name);
 
 // Takes the next value of a sequence on a connection. After Execute has returned true the value is the first column of
 // the connection's current row. One thread at a time.
+// Fixed: docs/compatibility.md, "Misspelt names".
 class SeqenceBuilder {
  public:
   explicit SeqenceBuilder(std::shared_ptr<db_layer::CConnect> connection);

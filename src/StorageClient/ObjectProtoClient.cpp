@@ -74,6 +74,7 @@ CHttpClientRequest CObjectProtoClient::MakeRequest(const SRequestParts& parts, c
   request.max_body_bytes = details::kMaxAnswerBytes;
   request.send_host = !parts.host.empty();
   if (request.send_host) {
+    // Fixed: docs/compatibility.md, "Requests of the clients".
     request.headers["Host"] = parts.host;
   }
   std::string content_md5;

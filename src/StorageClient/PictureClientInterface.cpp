@@ -49,6 +49,7 @@ bool CPictureClient::Init() {
   });
 }
 
+// Fixed: docs/compatibility.md, "Success that does nothing".
 bool CPictureClient::Uninit() {
   return true;
 }
@@ -102,6 +103,7 @@ bool CPictureClient::DownloadPicture(char** data, std::uint32_t& size, const std
   return done;
 }
 
+// Fixed: docs/compatibility.md, "Success that does nothing".
 bool CPictureClient::RemoveFileByUrl(const std::string&) {
   return true;
 }

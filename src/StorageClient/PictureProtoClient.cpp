@@ -28,6 +28,7 @@ constexpr std::int32_t kLastRedirect = 309;
 
 constexpr char kWritePath[] = "/Quorvane/Picture/Write";
 constexpr char kFormType[] = "multipart/form-data";
+// Fixed: docs/compatibility.md, "The form of a picture upload".
 constexpr char kBoundary[] = "------7e02362550dc4";
 
 constexpr std::uint32_t kConnectTimeoutMs = 5000;

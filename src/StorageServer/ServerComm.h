@@ -16,6 +16,7 @@ namespace Tansy::CloudStorage {
 
 // Percent-decoding of query text: "+" becomes a blank, "%XX" its byte, except that escaped letters and digits stay
 // escaped. False when `output_size` is less than `input_length`.
+// Fixed: docs/compatibility.md, "Paths and queries".
 bool UrlQueryDecode(char* output, std::int32_t output_size, const char* input, std::int32_t input_length);
 // The decoded text, or the text itself when it cannot be decoded.
 std::string DecodeHttpUrlQuery(const std::string& text);

@@ -54,6 +54,7 @@ int CObjectServer::Init(const StorageServerConfig& config) {
     return error;
   }
   if (config.download_port != config.upload_port) {
+    // Fixed: docs/compatibility.md, "Failure that leaves something behind".
     CLOUD_LOG(logging::kError, "[%s]unsupport different download port[%d] and upload port[%d][%s(%d)]",
               config.download_port, config.upload_port);
     return -1;
@@ -79,10 +80,12 @@ int CObjectServer::Init(const StorageServerConfig_V1& config) {
 int CObjectServer::SetObjectServerEnable(bool enable) {
   const std::lock_guard<std::mutex> lock(enable_mutex_);
   if (enable && started_) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kNotable, "[%s]SetPicServerEnable, already started.[%s(%d)]");
     return 0;
   }
   if (!enable && !started_) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kNotable, "[%s]SetPicServerEnable, already stoped.[%s(%d)]");
     return 0;
   }

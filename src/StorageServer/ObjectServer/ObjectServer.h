@@ -133,12 +133,14 @@ class CObjectServer : private TansyBase::CNoncopyable {
   static int Open(ObjectRequest& request, const Opening& opening);
   static int Open(ObjectRequest& request, const Route& route);
   // Makes those of a download.
+  // Fixed: docs/compatibility.md, "The order of checks".
   static int OpenToRead(ObjectRequest& request);
   static int CheckAuth(const HttpServerRecv& request, const Config& config);
   static int CheckUrlAuth(const HttpServerRecv& request, const Config& config);
 
   // Handlers, in the order of the routing table. Each gets a request that has passed the opening of its route, answers
   // it (except where its body says otherwise) and returns the result of the sending.
+  // Fixed: docs/compatibility.md, "Misspelt names".
   int HandleGetOneObiectMetadata(std::int32_t session_id, const ObjectRequest& request);
   int HandleCreateBucket(std::int32_t session_id, const ObjectRequest& request);
   int HandleGetBucketProperty(std::int32_t session_id, const ObjectRequest& request);
@@ -147,6 +149,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   int HandleUploadObject(std::int32_t session_id, const ObjectRequest& request);
   int HandleMultiUploadTaskCreate(std::int32_t session_id, const ObjectRequest& request);
   int HandleUploadPartObject(std::int32_t session_id, const ObjectRequest& request);
+  // Fixed: docs/compatibility.md, "Misspelt names".
   int HandleFinishMutiUploadTask(std::int32_t session_id, const ObjectRequest& request);
   int HandleGetAllObjectTask(std::int32_t session_id, const ObjectRequest& request);
   int HandleDownloadObject(std::int32_t session_id, const ObjectRequest& request);

@@ -92,6 +92,7 @@ int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& con
   ParseHttpUrlQuery(parameters, std::string(QueryOf(request)));
   const auto token = parameters.find("token");
   if (token == parameters.end()) {
+    // Fixed: docs/compatibility.md, "Error lines of a healthy server".
     CLOUD_LOG(logging::kError, "[%s]query not found token![%s(%d)]");
     return kAccessDenied;
   }

@@ -41,6 +41,7 @@ std::int64_t SizeOf(const BucketInfo& bucket) {
 // Elements stand in this order. The creation date has always been the name; clients do not get to see the time.
 bool BuildBucketRsp(std::string& text, const BucketInfo& bucket) {
   CXmlProto xml;
+  // Fixed: docs/compatibility.md, "Values that say less than their names".
   return xml.SetString("/Bucket/Owner", kOwner) && xml.SetString("/Bucket/Name", bucket.name) &&
          xml.SetString("/Bucket/CreateDate", bucket.name) && xml.SetString("/Bucket/Location", bucket.location) &&
          xml.SetInt("/Bucket/Acl", bucket.acl) && xml.SetInt("/Bucket/VersionPolicy", 0) &&
@@ -48,6 +49,7 @@ bool BuildBucketRsp(std::string& text, const BucketInfo& bucket) {
 }
 
 bool AddBucketToList(CXmlProto& xml, const std::string& path, const BucketInfo& bucket) {
+  // Fixed: docs/compatibility.md, "Values that say less than their names".
   return xml.SetString(path + "/Name", bucket.name) && xml.SetString(path + "/CreateDate", bucket.name) &&
          xml.SetString(path + "/Location", bucket.location) && xml.SetInt(path + "/Acl", bucket.acl) &&
          xml.SetInt(path + "/VersionPolicy", 0) && xml.SetInt(path + "/LifeCycle", -1) &&
@@ -128,6 +130,7 @@ bool ChooseNode(Node& node, const Asked& field, const StorageServerConfig_V1& co
 }  // namespace
 }  // namespace details
 
+// Fixed: docs/compatibility.md, "The order of checks".
 int CObjectServer::HandleCreateBucket(std::int32_t session_id, const ObjectRequest& request) {
   auto& manager = CObjectStorageManager::Instance();
   BucketInfo bucket;

@@ -26,6 +26,7 @@ constexpr std::array kErrorTable = {
     ErrorRow{kBadDigest, 400, "BadDigest", "BadDigest"},
     ErrorRow{kBucketAccessDenied, 403, "BucketAccessDenied", "BucketAccessDenied"},
     ErrorRow{kBucketAlreadyExists, 409, "BucketAlreadyExists", "BucketAlreadyExists"},
+    // Fixed: docs/compatibility.md, "Misspelt names".
     ErrorRow{kIncompleteBody, 400, "IncompleteBoby", "IncompleteBoby"},
     ErrorRow{kInvalidBucketName, 400, "InvalidBucketName", "InvalidBucketName"},
     ErrorRow{kKeyTooLong, 400, "KeyTooLong", "KeyTooLong"},

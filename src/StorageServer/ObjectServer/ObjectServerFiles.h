@@ -12,6 +12,7 @@ namespace Tansy::CloudStorage::details {
 
 // Makes every folder of the path that is missing; what follows the last separator is a file and not made. An absolute
 // POSIX path fails: its first prefix is empty.
+// Fixed: docs/compatibility.md, "Misspelt names".
 bool CreateFloder(const std::string& path);
 
 // Writes a file, making its folders first. `mode` as fopen takes it. True when the bytes are on stable storage.

@@ -92,6 +92,7 @@ bool InitDBModule() {
     CLOUD_LOG(logging::kError, "[%s]LocalStorage Init DB Connect... username:%s, port:%d[%s(%d)]", param.user.c_str(),
               param.port);
     // For whoever starts the host by hand and wonders why it does not come up.
+    // Fixed: docs/compatibility.md, "Failure that leaves something behind".
     std::puts("Init DB Conn Fail...");
     static_cast<void>(std::fflush(stdout));
     CLOUD_LOG(logging::kError, "[%s]database not reached: %s[%s(%d)]",
@@ -120,6 +121,7 @@ int InitObjectServer(const StorageServerConfig_V1& config,
   return details::InitServer(config, factory);
 }
 
+// Fixed: docs/compatibility.md, "Success that does nothing".
 int UninitObjectServer() {
   return 0;
 }

@@ -407,6 +407,7 @@ bool BuildPartsRsp(std::string& text, const std::string& upload_id, const TaskPa
     const std::string part = "/ListPartsResult/Part[" + std::to_string(++i) + "]";
     xml.SetInt(part + "/PartNumber", row.part_num);
     xml.SetInt(part + "/PartSize", row.size);
+    // Fixed: docs/compatibility.md, "Values that say less than their names".
     xml.SetString(part + "/ETag", TansyBase::GuidUtil::CreateGuid());
   }
   return xml.Serialize(text);

@@ -57,6 +57,7 @@ void SetBigFileRspHeaders(TansyNet::HttpResponse& response, const char* content_
                           std::uint64_t object_size) {
   SetRspHeaders(response, content_type);
   const std::uint64_t end = range.end != 0 ? range.end : object_size;
+  // Fixed: docs/compatibility.md, "Ranges".
   response.headers["Content-Range"] =
       "bytes " + std::to_string(range.begin) + "-" + std::to_string(end) + "/" + std::to_string(object_size);
 }
@@ -86,6 +87,7 @@ bool IsReplaced(ObjectInfo& object) {
 }  // namespace
 }  // namespace details
 
+// Fixed: docs/compatibility.md, "Ranges".
 int CObjectServer::ParseRangeHeader(const HttpServerRecv& request, ByteRange& range) {
   range = ByteRange{};
   const auto header = request.headers.find("Range");
@@ -238,6 +240,7 @@ int CObjectServer::HandleRemoveObjectFile(std::int32_t session_id, const ObjectR
     return AnswerXml(session_id, {});
   }
   if (file_error != 0) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
     return AnswerError(session_id, file_error);
   }

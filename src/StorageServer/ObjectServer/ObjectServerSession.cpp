@@ -125,6 +125,7 @@ std::uint32_t CObjectServerSession::QueryNextID(const std::string& sequence, con
   }
   sqlbuilder::SeqenceBuilder builder(connection);
   if (!builder.NEXT_VAL(sqlbuilder::seq(sequence), sqlbuilder::tab(table)).Execute()) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kDatabase, "[%s]NEXT_VAL failedseq:%s  table_name:%s [%s(%d)]", sequence.c_str(), table.c_str());
     return kInvalidId;
   }
@@ -140,6 +141,7 @@ bool CObjectServerSession::CreateBucket(BucketInfo& bucket) {
   bucket.id = id;
   bucket.acl = 0;
   return details::Execute(StringUtil::str_fmt(
+      // Fixed: docs/compatibility.md, "Statements of the catalogue".
       "INSERT INTO platform.local_bucket (id, guid, name, acl, location, cycle, size, update_time) VALUES (%d, '%s', "
       "'%s', %d, '%s', %d, %d, '%s') ",
       details::ToInt(bucket.id), details::Protect(bucket.guid).c_str(), details::Protect(bucket.name).c_str(),
@@ -189,6 +191,7 @@ bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& bucket
 bool CObjectServerSession::CreateObject(ObjectInfo& object, const std::string& ended_task) {
   const std::uint32_t id = QueryNextID("platform.local_object_id_seq", "platform.local_object");
   if (id == kInvalidId) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kError, "[%s]CreateBucket failed, query next id failed[%s(%d)]");
     return false;
   }

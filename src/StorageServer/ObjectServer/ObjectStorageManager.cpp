@@ -21,6 +21,7 @@ bool CObjectStorageManager::Init() {
     return false;
   }
   if (!LoadObjects()) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kError, "[%s]Init failed, query bucket failed.[%s(%d)]");
     return false;
   }

@@ -82,6 +82,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool GetTaskAge(const std::string& task_id, std::int64_t& seconds);
 
   // True when this part is the task's first and must be kept in a file; otherwise `part_size` is the agreed size.
+  // Fixed: docs/compatibility.md, "First parts of uploads".
   bool CheckPartSize(const std::string& task_id, std::uint32_t part_num, std::uint32_t size, std::uint32_t& part_size);
   bool SetFirstPartInfo(const std::string& task_id, const PartSizeInfo& info);
   // The mutex of a task. Whoever stores a part of it, completes it or sweeps it away holds it, and looks for the task

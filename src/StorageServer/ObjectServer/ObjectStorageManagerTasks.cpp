@@ -91,6 +91,7 @@ bool CObjectStorageManager::GetAllTask(const std::string& task_id, TaskPartSet& 
   const std::lock_guard<std::mutex> lock(task_mutex_);
   const auto entry = tasks_.find(task_id);
   if (entry == tasks_.end()) {
+    // Fixed: docs/compatibility.md, "Log texts".
     CLOUD_LOG(logging::kError, "[%s]GetTaskInfo failed, task[%s] not exist.[%s(%d)]", task_id.c_str());
     return false;
   }

@@ -33,6 +33,7 @@ int CPictureServer::Init(const Config& config, Schemes schemes) {
     return error;
   }
   if (config.download_port != config.upload_port) {
+    // Fixed: docs/compatibility.md, "Failure that leaves something behind".
     CLOUD_LOG(logging::kError, "[%s]unsupport different download port[%d] and upload port[%d][%s(%d)]",
               static_cast<int>(config.download_port), static_cast<int>(config.upload_port));
     return -1;

@@ -16,6 +16,7 @@ namespace {
 using Parameters = std::map<std::string, std::string>;
 using TansyNet::HttpServerRecv;
 
+// Fixed: docs/compatibility.md, "Unsigned digest and date".
 constexpr std::string_view kForm = "multipart/form-data";
 constexpr std::string_view kAccessKeyParameter = "&AccessKeyId=";
 

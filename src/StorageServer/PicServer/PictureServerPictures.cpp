@@ -14,6 +14,7 @@ namespace details {
 namespace {
 
 constexpr int kPictureFlag = 0;  // tells the callbacks apart from objects
+// Fixed: docs/compatibility.md, "Values that say less than their names".
 constexpr const char* kPictureContentType = "image/jpeg";
 // More digits than any length has: a field of megabytes is not copied to be found out as no number.
 constexpr std::size_t kMaxLengthDigits = 64;
