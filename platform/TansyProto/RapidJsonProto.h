@@ -12,7 +12,8 @@ namespace TansyProto {
 // is member PoolID of the first element (counted from 1) of the array List. Writing creates what is missing, in the
 // order of the calls; an index may be at most one beyond what exists. A path has at most 64 steps. Threads: one
 // document belongs to one thread at a time. Nothing throws. A new document, one that was moved from and one whose
-// parsing failed are an empty object.
+// parsing failed are an empty object. It has the functions of CXmlProto; a common base would put a virtual call before
+// each of them for callers who always know which document they have.
 class CRapidJsonProto {
  public:
   CRapidJsonProto();

@@ -12,6 +12,7 @@
 #include <new>
 #include <system_error>
 
+#include "HostSystem/ReplaceIn.h"
 #include "OpenBeneath.h"
 
 namespace HostSystem {
@@ -297,26 +298,7 @@ int ReplaceFile(const std::string& path, const std::string& content) {
   if (folder == nullptr) {
     return error;
   }
-  const std::string temporary = name + ".new";
-  folder->Remove(temporary);  // left over by a crash
-  std::unique_ptr<IFile> file;
-  error = folder->Create(temporary, file);
-  if (error != 0) {
-    return error;
-  }
-  error = file->WriteAt(content.data(), content.size(), 0);
-  if (error == 0) {
-    error = file->Sync();
-  }
-  file.reset();
-  if (error == 0) {
-    error = folder->Rename(temporary, name);
-  }
-  if (error != 0) {
-    folder->Remove(temporary);
-    return error;
-  }
-  return folder->Sync();
+  return details::ReplaceIn(*folder, name, content);
 }
 
 EPathKind GetPathKind(const std::string& path) {

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 namespace TansyNet::details {
 
@@ -39,6 +40,7 @@ iovec Piece(std::string_view text, std::size_t limit) {
 
 }  // namespace
 
+// The same calls as in the other system's file: the interface is common, the headers that declare it are not.
 int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, std::vector<SocketAddress>& addresses) {
   addresses.clear();
   addrinfo hints{};
@@ -46,12 +48,13 @@ int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, s
   hints.ai_socktype = SOCK_STREAM;
   // Not AI_ADDRCONFIG: it would hide the loopback addresses of a machine without a network.
   hints.ai_flags = AI_NUMERICSERV | (numeric ? AI_NUMERICHOST : 0);
-  addrinfo* found = nullptr;
-  const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+  addrinfo* first = nullptr;
+  const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &first);
   if (result != 0) {
     return result;
   }
-  for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(first, &::freeaddrinfo);
+  for (const addrinfo* entry = found.get(); entry != nullptr; entry = entry->ai_next) {
     SocketAddress address;
     if (entry->ai_addrlen <= address.bytes.size()) {
       std::memcpy(address.bytes.data(), entry->ai_addr, entry->ai_addrlen);
@@ -59,7 +62,6 @@ int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, s
       addresses.push_back(address);
     }
   }
-  ::freeaddrinfo(found);
   return addresses.empty() ? EAI_NONAME : 0;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 #pragma comment(lib, "ws2_32.lib")
 
@@ -39,6 +40,7 @@ WSABUF Piece(std::string_view text) {
 
 }  // namespace
 
+// See the other system's file.
 int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, std::vector<SocketAddress>& addresses) {
   StartSockets();
   addresses.clear();
@@ -46,12 +48,13 @@ int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, s
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICSERV | (numeric ? AI_NUMERICHOST : 0);
-  addrinfo* found = nullptr;
-  const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+  addrinfo* first = nullptr;
+  const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &first);
   if (result != 0) {
     return result;
   }
-  for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(first, &::freeaddrinfo);
+  for (const addrinfo* entry = found.get(); entry != nullptr; entry = entry->ai_next) {
     SocketAddress address;
     if (entry->ai_addrlen <= address.bytes.size()) {
       std::memcpy(address.bytes.data(), entry->ai_addr, entry->ai_addrlen);
@@ -59,7 +62,6 @@ int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, s
       addresses.push_back(address);
     }
   }
-  ::freeaddrinfo(found);
   return addresses.empty() ? EAI_NONAME : 0;
 }
 
