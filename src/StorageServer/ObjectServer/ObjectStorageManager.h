@@ -111,6 +111,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool FindObject(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
   void ForgetObject(const std::string& object_name, const std::string& bucket_name);
   bool PutRowBack(const ObjectInfo& object);
+  void TakeOver(std::map<std::string, ObjectSet>& added, std::uint32_t id) noexcept;
   void EndTask(const std::string& task_id);
   std::string RowNameById(std::uint32_t bucket_id);
 

@@ -57,12 +57,16 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
+  // Made before the row: once the row is there, memory that runs out must not keep the two from agreeing.
+  std::map<std::string, BucketInfo> added = {{bucket.name, bucket}};
   if (!CObjectServerSession::CreateBucket(bucket)) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
   }
   const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  buckets_.emplace(bucket.name, bucket);
+  added.begin()->second.id = bucket.id;
+  added.begin()->second.acl = bucket.acl;
+  buckets_.insert(added.extract(added.begin()));
   return true;
 }
 

@@ -50,16 +50,32 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& end
   } else {
     ObjectInfo row = object;
     row.bucket_name = RowName(object.bucket_name);
+    // Made before the row: once the row is there, memory that runs out must not keep the two from agreeing.
+    std::map<std::string, ObjectSet> added;
+    added[object.bucket_name].insert(object);
     if (!CObjectServerSession::CreateObject(row, ended_task)) {
       CLOUD_LOG(logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
       return false;
     }
     object.id = row.id;
-    const std::lock_guard<std::mutex> lock(object_mutex_);
-    objects_[object.bucket_name].insert(object);
+    TakeOver(added, row.id);
   }
   EndTask(ended_task);
   return true;
+}
+
+// Moves the one object of `added` to the others, under its id. Needs no memory.
+void CObjectStorageManager::TakeOver(std::map<std::string, ObjectSet>& added, std::uint32_t id) noexcept {
+  ObjectSet& fresh = added.begin()->second;
+  auto node = fresh.extract(fresh.begin());
+  node.value().id = id;
+  const std::lock_guard<std::mutex> lock(object_mutex_);
+  if (const auto bucket = objects_.find(added.begin()->first); bucket != objects_.end()) {
+    bucket->second.insert(std::move(node));
+  } else {
+    fresh.insert(std::move(node));
+    objects_.insert(added.extract(added.begin()));
+  }
 }
 
 bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task) {
@@ -97,18 +113,10 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
               bucket_name.c_str());
     return false;
   }
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  const auto bucket = objects_.find(bucket_name);
-  if (bucket == objects_.end()) {
+  if (!FindObject(object, object_name, bucket_name)) {
     CLOUD_LOG(logging::kError, "[%s]get Object[%s] failed, object not exist.[%s(%d)]", object_name.c_str());
     return false;
   }
-  const auto found = bucket->second.find(std::string_view(object_name));
-  if (found == bucket->second.end()) {
-    CLOUD_LOG(logging::kError, "[%s]get Object[%s] failed, object not exist.[%s(%d)]", object_name.c_str());
-    return false;
-  }
-  object = *found;
   return true;
 }
 

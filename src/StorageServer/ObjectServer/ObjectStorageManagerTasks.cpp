@@ -18,10 +18,30 @@ constexpr int kNoSuchTask = 1;
 constexpr int kNoSuchPart = 2;
 constexpr int kOtherSize = 3;
 
+// The parts of a task; null when it is missing or has none, which is logged for `caller`.
+const TaskPartSet* FindParts(const std::map<std::string, TaskPartSet>& tasks, const std::string& task_id,
+                             const Caller& caller) {
+  const auto entry = tasks.find(task_id);
+  if (entry == tasks.end()) {
+    // Fixed: docs/compatibility.md, "Log texts".
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]GetTaskInfo failed, task[%s] not exist.[%s(%d)]", task_id.c_str());
+    return nullptr;
+  }
+  if (entry->second.empty()) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]GetTaskInfo failed, task[%s] list empty.[%s(%d)]", task_id.c_str());
+    return nullptr;
+  }
+  return &entry->second;
+}
+
 }  // namespace
 }  // namespace details
 
 bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
+  // Made before the row: once the row is there, memory that runs out must not keep the two from agreeing.
+  std::map<std::string, TaskPartSet> added;
+  added[task.task_id].insert(task);
+  std::map<std::string, std::int64_t> birth = {{task.task_id, TansyBase::TimeUtil::Uptime()}};
   {
     // The bucket's name stays what it is until the row is written.
     const auto name_lock = object_locks_.Lock(task.bucket_name, task.object_name);
@@ -39,8 +59,11 @@ bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
       CLOUD_LOG(logging::kError, "[%s]AddObjectTask failed, task[%s] already exist.[%s(%d)]", task.task_id.c_str());
       return false;
     }
-    tasks_.emplace(task.task_id, TaskPartSet{task});
-    task_births_[task.task_id] = TansyBase::TimeUtil::Uptime();
+    auto part = added.begin()->second.extract(added.begin()->second.begin());
+    part.value().id = task.id;
+    added.begin()->second.insert(std::move(part));
+    tasks_.insert(added.extract(added.begin()));
+    task_births_.insert(birth.extract(birth.begin()));
   }
   DropPartSizesOfEndedTasks();
   return true;
@@ -61,13 +84,17 @@ bool CObjectStorageManager::InsertObjectTask(ObjectTaskInfo& task) {
   if (found == parts.end()) {
     ObjectTaskInfo row = task;
     row.bucket_name = row_name;
+    TaskPartSet added = {task};
+    std::int64_t& birth = task_births_.try_emplace(task.task_id, now).first->second;
     if (!CObjectServerSession::InsertObjectTask(row)) {
       CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, insert db operate failed.[%s(%d)]");
       return false;
     }
     task.id = row.id;
-    if (parts.insert(task).first == parts.begin()) {
-      task_births_[task.task_id] = now;
+    auto part = added.extract(added.begin());
+    part.value().id = row.id;
+    if (parts.insert(std::move(part)).position == parts.begin()) {
+      birth = now;
     }
     return true;
   }
@@ -89,33 +116,22 @@ bool CObjectStorageManager::InsertObjectTask(ObjectTaskInfo& task) {
 
 bool CObjectStorageManager::GetAllTask(const std::string& task_id, TaskPartSet& parts) {
   const std::lock_guard<std::mutex> lock(task_mutex_);
-  const auto entry = tasks_.find(task_id);
-  if (entry == tasks_.end()) {
-    // Fixed: docs/compatibility.md, "Log texts".
-    CLOUD_LOG(logging::kError, "[%s]GetTaskInfo failed, task[%s] not exist.[%s(%d)]", task_id.c_str());
+  const TaskPartSet* found_parts = details::FindParts(tasks_, task_id, CLOUD_LOG_CALLER);
+  if (found_parts == nullptr) {
     return false;
   }
-  if (entry->second.empty()) {
-    CLOUD_LOG(logging::kError, "[%s]GetTaskInfo failed, task[%s] list empty.[%s(%d)]", task_id.c_str());
-    return false;
-  }
-  parts = entry->second;
+  parts = *found_parts;
   return true;
 }
 
 bool CObjectStorageManager::GetTaskInfo(const std::string& task_id, std::uint32_t part_num, ObjectTaskInfo& part) {
   const std::lock_guard<std::mutex> lock(task_mutex_);
-  const auto entry = tasks_.find(task_id);
-  if (entry == tasks_.end()) {
-    CLOUD_LOG(logging::kError, "[%s]GetTaskInfo failed, task[%s] not exist.[%s(%d)]", task_id.c_str());
+  const TaskPartSet* found_parts = details::FindParts(tasks_, task_id, CLOUD_LOG_CALLER);
+  if (found_parts == nullptr) {
     return false;
   }
-  if (entry->second.empty()) {
-    CLOUD_LOG(logging::kError, "[%s]GetTaskInfo failed, task[%s] list empty.[%s(%d)]", task_id.c_str());
-    return false;
-  }
-  const auto found = entry->second.find(part_num);
-  if (found == entry->second.end()) {
+  const auto found = found_parts->find(part_num);
+  if (found == found_parts->end()) {
     CLOUD_LOG(logging::kError, "[%s]GetTaskInfo failed, task[%s] part[%d] not exist.[%s(%d)]", task_id.c_str(),
               static_cast<int>(part_num));
     return false;

@@ -218,10 +218,13 @@ TEST_F(CObjectServerCleanTest, RunsOnceAtStartAndThenInTheHourAfterMidnight) {
 
 TEST_F(CObjectServerCleanTest, AFailingDatabaseKeepsTheTask) {
   const std::string old = TaskOfAge(kThreeDays + 1);
-  Database().FailStatementsWith("local_object_task");
-  CCleanExpiredTaskThread cleaner;
-  cleaner.OnTimer();
+  Database().FailStatementsWith("DELETE FROM platform.local_object_task");
+  CCleanExpiredTaskThread().OnTimer();
   EXPECT_TRUE(IsThere(old));
+  EXPECT_EQ(log_->Count("[%s]RemoveObjectTask failed, db operate failed.[%s(%d)]", logging::kError), 1u);
+  Database().Heal();
+  CCleanExpiredTaskThread().OnTimer();
+  EXPECT_FALSE(IsThere(old)) << "the next sweep takes it";
 }
 
 TEST_F(CObjectServerCleanTest, TheThreadSweepsAtItsStart) {

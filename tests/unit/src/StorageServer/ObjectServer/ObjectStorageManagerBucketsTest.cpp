@@ -416,16 +416,18 @@ TEST_F(ObjectStorageManagerBuckets, CanBeChangedBesideTheirMaking) {
 
 // Changes and removals of one bucket from many threads: what is left in memory is what is left in the database.
 TEST_F(ObjectStorageManagerBuckets, AgreeWithTheDatabaseAfterAScramble) {
+  std::atomic<int> added{0};
+  std::atomic<int> changed{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 6; ++i) {
-    threads.emplace_back([this, i] {
+    threads.emplace_back([&, i] {
       for (int round = 0; round < 20; ++round) {
         const std::string name = "scramble-" + std::to_string(round % 3);
         BucketInfo bucket = Named(name);
-        manager_.AddBucket(bucket);
+        added += manager_.AddBucket(bucket) ? 1 : 0;
         if (manager_.GetBucketByName(bucket, name)) {
           bucket.location = "by " + std::to_string(i) + " in " + std::to_string(round);
-          manager_.ModifyBucket(bucket);
+          changed += manager_.ModifyBucket(bucket) ? 1 : 0;
           if ((round + i) % 5 == 0) {
             manager_.RemoveBucket(bucket.id);
           }
@@ -438,6 +440,8 @@ TEST_F(ObjectStorageManagerBuckets, AgreeWithTheDatabaseAfterAScramble) {
   for (std::thread& thread : threads) {
     thread.join();
   }
+  EXPECT_GT(added, 3) << "no bucket was removed and made again";
+  EXPECT_GT(changed, 0);
   std::map<std::string, BucketInfo> buckets;
   manager_.GetBucketList(buckets);
   std::map<std::string, std::string> in_memory;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <set>
 #include <string>
@@ -406,14 +407,18 @@ TEST_F(ObjectStorageManagerParallel, UploadsIntoABucketThatGoesAndComesBack) {
     }
     done = true;
   });
+  std::atomic<int> stored{0};
+  std::atomic<int> refused{0};
   InThreads(4, [&](int i) {
     for (int round = 0; !done; ++round) {
       ObjectInfo object = Object("bucket", names[static_cast<std::size_t>(i)]);
       object.url = std::to_string(round);
-      manager_.AddObject(object);
+      ++(manager_.AddObject(object) ? stored : refused);
     }
   });
   comes_and_goes.join();
+  EXPECT_GT(stored, 0) << "no upload met a bucket";
+  EXPECT_GT(refused, 0) << "every upload met a bucket";
   ASSERT_TRUE(manager_.IsBucketExist("bucket"));
   ExpectAgreement("bucket", names);
 }
@@ -524,27 +529,26 @@ TEST_F(ObjectStorageManagerParallel, ASecondUploadOfANewNameBesideTheFirstUpdate
 TEST_F(ObjectStorageManagerParallel, ASlowInsertHoldsUpNoReader) {
   MakeBucket("bucket");
   MakeObject("bucket", "read");
-  std::atomic<bool> inserting{false};
-  std::atomic<bool> read{false};
+  std::promise<void> inserting;
+  std::promise<void> read;
+  std::future<void> was_read = read.get_future();
+  std::atomic<bool> waited_in_vain{false};
   database_.SetHook([&](const std::string& sql) {
     if (sql.starts_with("INSERT")) {
-      inserting = true;
-      for (int i = 0; i < 5000 && !read; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
+      inserting.set_value();
+      waited_in_vain = was_read.wait_for(std::chrono::seconds(20)) != std::future_status::ready;
     }
   });
   std::thread writer([&] {
     ObjectInfo object = Object("bucket", "written");
     EXPECT_TRUE(manager_.AddObject(object));
   });
-  while (!inserting) {
-    std::this_thread::yield();
-  }
+  inserting.get_future().wait();
   Find("bucket", "read");
   EXPECT_TRUE(manager_.RemoveObject("no such object", "bucket"));
-  read = true;
+  read.set_value();
   writer.join();
+  EXPECT_FALSE(waited_in_vain) << "the readers waited for the statement";
   Find("bucket", "written");
 }
 
