@@ -57,7 +57,12 @@ bool IsHostName(std::string_view host) {
   });
 }
 
+// The library takes anything for the name of a zone, which follows "%"; here it is made of a host name's letters.
 bool IsIpv6Address(const std::string& text) {
+  const std::size_t zone = text.find('%');
+  if (zone != std::string::npos && !IsHostName(std::string_view(text).substr(zone + 1))) {
+    return false;
+  }
   boost::system::error_code error;
   boost::asio::ip::make_address_v6(text, error);
   return !error;

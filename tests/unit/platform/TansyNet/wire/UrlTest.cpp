@@ -113,6 +113,14 @@ TEST(Url, RefusesBadHosts) {
   EXPECT_TRUE(IsRefused("http://" + std::string(256, 'h') + "/"));
 }
 
+TEST(Url, TakesNamesOfZonesOnlyThatAreNames) {
+  EXPECT_EQ(Parsed("http://[fe80::1%eth0]:80/").host, "fe80::1%eth0");
+  EXPECT_TRUE(IsRefused("http://[fe80::1%]/a"));
+  EXPECT_TRUE(IsRefused("http://[fe80::1%e@h]/a"));
+  EXPECT_TRUE(IsRefused("http://[fe80::1%[]/a"));
+  EXPECT_TRUE(IsRefused("http://[fe80::1%\\]/a"));
+}
+
 TEST(Url, RefusesBlanksAndControlCharacters) {
   EXPECT_TRUE(IsRefused("http://host/a b"));
   EXPECT_TRUE(IsRefused(" http://host/a"));
