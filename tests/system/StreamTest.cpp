@@ -16,18 +16,6 @@ using testing::HasSubstr;
 
 constexpr std::size_t kMiB = 1024 * 1024;
 
-// What a program's memory grows by for so many bytes in use: AddressSanitizer keeps freed memory for a while before it
-// is used again, ThreadSanitizer notes four bytes for each.
-constexpr std::size_t MemoryFor(std::size_t bytes) {
-#if defined(__SANITIZE_ADDRESS__)
-  return bytes + 256 * kMiB;
-#elif defined(__SANITIZE_THREAD__)
-  return bytes * 5;
-#else
-  return bytes;
-#endif
-}
-
 class StreamTest : public TansydTest {
  protected:
   void SetUp() override {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 #include "fakes/RandomBytes.h"
@@ -32,6 +33,18 @@ class TansydTest : public testing::Test {
   fakes::CTempFolder temp_;
   CTansyd server_;
 };
+
+// What a program's memory grows by for so many bytes in use: AddressSanitizer keeps freed memory for a while before it
+// is used again, ThreadSanitizer notes four bytes for each.
+constexpr std::uint64_t MemoryFor(std::uint64_t bytes) {
+#if defined(__SANITIZE_ADDRESS__)
+  return bytes + (std::uint64_t{256} << 20);
+#elif defined(__SANITIZE_THREAD__)
+  return bytes * 5;
+#else
+  return bytes;
+#endif
+}
 
 // The body of an error answer.
 std::string ErrorXml(const std::string& word);
