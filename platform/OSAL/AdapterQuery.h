@@ -2,7 +2,7 @@
 #ifndef TANSY_OSAL_ADAPTER_QUERY_H
 #define TANSY_OSAL_ADAPTER_QUERY_H
 
-#include "OSAL/Osal.h"
+#include "OSAL/AdapterInfo.h"
 
 namespace osal_internal {
 

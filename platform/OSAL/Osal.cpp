@@ -24,18 +24,6 @@ int OSAL_GetAdapterInfo(OSAL_AdapterInfo** adapters) {
   return source != nullptr ? source(adapters) : osal_internal::QueryAdapters(adapters);
 }
 
-void OSAL_FreeAdapterInfo(OSAL_AdapterInfo* adapters) {
-  while (adapters != nullptr) {
-    while (adapters->ipv4 != nullptr) {
-      delete std::exchange(adapters->ipv4, adapters->ipv4->next);
-    }
-    while (adapters->ipv6 != nullptr) {
-      delete std::exchange(adapters->ipv6, adapters->ipv6->next);
-    }
-    delete std::exchange(adapters, adapters->next);
-  }
-}
-
 void OSAL_SetAdapterSource(OSAL_AdapterSource source) {
   osal_internal::adapter_source.store(source);
 }

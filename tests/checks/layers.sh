@@ -2,6 +2,7 @@
 # Fails on an include line that points the wrong way, and on system conditionals where they do not belong.
 # usage: layers.sh SOURCE_FOLDER
 set -uo pipefail
+checks=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 cd "$1" || exit 2
 
 failures=0
@@ -87,6 +88,13 @@ for part in "${!strangers[@]}"; do
     [[ ! "$include" =~ ^${strangers[$part]} ]] || complain "$file includes \"$include\": $part may not"
   done < <(includes_of "$part")
 done
+
+while IFS= read -r circle; do
+  complain "$circle"
+done < <({
+  find include src platform host cli \( -name '*.h' -o -name '*.cpp' -o -name '*.inl' \) -printf 'file %p\n'
+  includes_of include src platform host cli | sed 's/^/use /'
+} | awk -f "$checks/circles.awk")
 
 # The module knows the standard library, OpenSSL's HMAC and Boost.System, and nothing else of the outside.
 while IFS=: read -r file include; do
