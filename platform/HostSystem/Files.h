@@ -86,6 +86,13 @@ std::string ErrorText(int error);
 // True for results that mean a full disk or a used-up quota.
 bool IsNoSpace(int error);
 
+namespace details {
+
+// The steps of ReplaceFile, the same on every system, for a file of an open folder: writes another file beside it,
+// makes that durable, and gives it the name. 0, or errno; the file is then as it was before.
+int ReplaceIn(IFolder& folder, const std::string& name, const std::string& content);
+
+}  // namespace details
 }  // namespace HostSystem
 
 #endif  // TANSY_HOST_SYSTEM_FILES_H

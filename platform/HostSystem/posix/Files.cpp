@@ -12,7 +12,6 @@
 #include <new>
 #include <system_error>
 
-#include "HostSystem/ReplaceIn.h"
 #include "OpenBeneath.h"
 
 namespace HostSystem {

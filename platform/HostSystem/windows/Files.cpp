@@ -11,7 +11,6 @@
 #include <new>
 #include <system_error>
 
-#include "HostSystem/ReplaceIn.h"
 #include "WindowsError.h"
 
 namespace HostSystem {

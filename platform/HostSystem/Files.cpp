@@ -1,4 +1,4 @@
-#include "HostSystem/ReplaceIn.h"
+#include "HostSystem/Files.h"
 
 #include <memory>
 
