@@ -9,24 +9,24 @@
 
 namespace Tansy::Host {
 
-// Looks again and again which address clients can reach this machine at, on a thread of its own: a machine may get its
-// address after tansyd has started, and may get another one later.
+// Looks again and again which address clients can reach this machine at. It uses a thread of its own, because a machine
+// may get its address after tansyd has started, and may get another one later.
 class CAddressWatch final : public TansyBase::CSingleBaseThread {
  public:
-  // Told of each change, on the own thread.
+  // The function is told of each change, on the thread of this class.
   using Update = std::function<void(const std::string& ip)>;
 
-  // `listen` as ChooseLocalIp takes it; `current` is the address that is in use now.
+  // `listen` is a list as ChooseLocalIp takes it; `current` is the address that is in use now.
   CAddressWatch(std::vector<std::string> listen, std::string current, Update update);
   ~CAddressWatch() override;
 
  protected:
-  // While the system does not say which addresses there are, the one in use stays.
+  // Keeps the address in use when the system does not say which addresses there are.
   void OnTimer() override;
 
  private:
   const std::vector<std::string> listen_;
-  std::string current_;  // the own thread's
+  std::string current_;  // used by the own thread only
   const Update update_;
 };
 

@@ -18,7 +18,7 @@ bool IsUsable(const OSAL_AdapterInfo& adapter) {
 constexpr const char* kAnyIpv4 = "0.0.0.0";
 constexpr const char* kAnyIpv6 = "::";
 
-// Each address that is listened on, the adapters' instead of "any".
+// Lists each address that is listened on, with the adapters' addresses in place of "any".
 std::vector<IpAddress> Expand(const std::vector<std::string>& listen, const std::vector<std::string>& adapters) {
   std::vector<IpAddress> addresses;
   for (const std::string& text : listen) {
@@ -28,7 +28,7 @@ std::vector<IpAddress> Expand(const std::vector<std::string>& listen, const std:
     }
     for (const std::string& own : adapters) {
       const std::optional<IpAddress> address = ParseIpAddress(own);
-      // An IPv6 address of one network needs to be told the adapter, which a URL cannot do.
+      // An IPv6 address that counts on one network only must be given together with an adapter, which a URL cannot do.
       const bool is_reachable = address.has_value() && !(address->is_ipv6 && address->is_link_local);
       if (is_reachable && wanted.has_value() && wanted->is_any && address->is_ipv6 == wanted->is_ipv6) {
         addresses.push_back(*address);
@@ -38,7 +38,7 @@ std::vector<IpAddress> Expand(const std::vector<std::string>& listen, const std:
   return addresses;
 }
 
-// The lower, the more clients can use it.
+// A lower rank means that more clients can use the address.
 int Rank(const IpAddress& address) {
   const int family = address.is_ipv6 ? 1 : 0;
   if (address.is_loopback) {

@@ -7,20 +7,20 @@
 
 namespace Tansy::Host {
 
-// The addresses of the machine's adapters, without loopback and tunnels: IPv4 ones first, each family in the system's
-// order. Nothing when the system does not say.
+// Gives the addresses of the machine's adapters, without loopback and tunnels: IPv4 addresses first, each family in the
+// system's order. The result is empty when the system does not say.
 std::optional<std::vector<std::string>> AdapterAddresses();
 
-// The address under which clients reach a server of this machine: one of those in `listen`, where "0.0.0.0" and "::"
-// stand for the adapters' addresses of that family, and nothing at all stands for both. IPv4 goes before IPv6, an
-// address that only one network knows after both, and loopback comes last. 127.0.0.1 (or ::1 where only IPv6 is
-// listened on) when there is no other.
+// Chooses the address under which clients reach a server of this machine. It is one of those in `listen`, where
+// "0.0.0.0" and "::" stand for the adapters' addresses of that family, and an empty list stands for both. IPv4 goes
+// before IPv6, an address that only one network knows comes after both, and loopback comes last. When there is no
+// other, the answer is 127.0.0.1 (or ::1 where only IPv6 is listened on).
 std::string ChooseLocalIp(const std::vector<std::string>& listen, const std::vector<std::string>& adapters);
 
-// The address under which the programs of this machine reach such a server.
+// Gives the address under which the programs of this machine reach such a server.
 std::string LoopbackAddress(const std::vector<std::string>& listen);
 
-// An address as it stands in a URL.
+// Writes an address as it stands in a URL, an IPv6 address in brackets.
 std::string UrlHost(const std::string& ip);
 
 }  // namespace Tansy::Host

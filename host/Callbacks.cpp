@@ -13,11 +13,11 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-// Results as the server understands them.
+// These are results as the server understands them.
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kNoSpace = 3;
-constexpr int kServerInternalError = -16;  // a removal's failure is the answer's error code
+constexpr int kServerInternalError = -16;  // a removal's result becomes the error code of the answer
 
 constexpr int kPictureFlag = 0;
 
@@ -34,7 +34,7 @@ int WriteResult(EStoreResult result) {
   return result == EStoreResult::kNoSpace ? kNoSpace : kFailed;
 }
 
-// Nothing may be thrown into the server: what is, is logged and becomes `failure`.
+// Nothing may be thrown into the server: an exception is logged and becomes the result `failure`.
 template <typename Action>
 int Guarded(int failure, Action action) {
   try {
@@ -71,7 +71,8 @@ int SaveObject(std::string& location, const char* data, std::uint32_t size, int 
   });
 }
 
-// A picture's request path holds what its caller put there, ";" included; an object's location never begins so.
+// The request path of a picture holds whatever the client put there, a ";" too. The location of an object never begins
+// like such a path.
 bool IsPictureRequest(const std::string& location) {
   return location.rfind("/pic?", 0) == 0;
 }
@@ -81,7 +82,8 @@ bool ParseReadLocation(const std::string& location, StoredName& name) {
   if (ParseLocationText(text, name)) {
     return true;
   }
-  // The address of a picture leads to pictures only: an object is not read under another protocol's rules.
+  // The address of a picture leads to pictures only, so that no object can be read under the rules of the other
+  // protocol.
   return ParseOwnText(text, name) && Store().IsPicture(name);
 }
 
@@ -145,7 +147,7 @@ void EndRead(const std::string& location) {
 int RemoveObject(const std::string& location) {
   return Guarded(kServerInternalError, [&] {
     StoredName name;
-    // A picture is removed when its address could not be given away; the text is that address.
+    // A picture is removed when its address could not be sent to the client; the text is then that address.
     if (!ParseStoragePath(location, name) && !(IsPictureRequest(location) && ParseReadLocation(location, name))) {
       return InvalidLocation(location, kServerInternalError);
     }

@@ -55,7 +55,7 @@ std::string Quoted(const std::string& text) {
   return "'" + TansyBase::StringUtil::StringPreventSQLInjection(text) + "'";
 }
 
-// Row ids as a list; anything but digits would have come from a broken database.
+// Writes row ids as a list. An id that is not made of digits would come from a broken database.
 std::string List(const std::vector<std::string>& ids) {
   std::string list;
   for (const std::string& id : ids) {
@@ -66,7 +66,7 @@ std::string List(const std::vector<std::string>& ids) {
   return list;
 }
 
-// The same for texts.
+// Does the same for texts.
 std::string TextList(const std::vector<std::string>& texts) {
   std::string list;
   for (const std::string& text : texts) {
@@ -80,8 +80,8 @@ bool Collect(const std::string& table, const std::string& condition, std::set<st
                [&urls](db_layer::CConnect& row) { urls.insert(row.GetString("url")); });
 }
 
-// Runs a statement over at most `limit` rows that fulfil a condition. Asks first, so that an idle server writes
-// nothing.
+// Runs a statement over at most `limit` rows that fulfil a condition. It asks first whether there are any, so that an
+// idle server writes nothing.
 bool InSteps(const std::string& table, const std::string& key, const std::string& condition, int limit, bool& left,
              const std::function<std::string(const std::string& rows)>& statement) {
   const std::string some = "SELECT " + key + " FROM platform." + table + " WHERE " + condition + " LIMIT ";
@@ -151,7 +151,7 @@ bool GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::
   for (const std::string& url : urls) {
     rows += (rows.empty() ? "(" : ",(") + details::Quoted(url) + ")";
   }
-  // One statement looks and writes, so that no row can come in between.
+  // A single statement looks and writes, so that no row can come in between.
   return details::Execute("INSERT INTO platform.freed_bytes (url, freed_at) SELECT column1, " + std::to_string(now) +
                           " FROM (VALUES " + rows +
                           ") WHERE column1 NOT IN (SELECT url FROM platform.freed_bytes)"

@@ -1,4 +1,5 @@
-// What the catalogue's file says at one instant, for those who only look: the check, beside a running server too.
+// What the catalogue's file says at one instant. The check uses it, because it only looks, also beside a running
+// server.
 #ifndef TANSY_HOST_CATALOGUE_FILE_H
 #define TANSY_HOST_CATALOGUE_FILE_H
 
@@ -13,14 +14,14 @@ namespace Tansy::Host {
 
 // A row that refers to stored bytes.
 struct CatalogueRow {
-  bool is_task = false;  // a part of an upload, not an object
+  bool is_task = false;  // the row is a part of an upload, not an object
   std::string bucket;
   std::string object;
   std::string url;
-  std::uint32_t size = 0;  // low 32 bits
+  std::uint32_t size = 0;  // low 32 bits of the size
 };
 
-// One thread. Every member throws CStartFailure with kExitFailed when the file cannot be read.
+// One thread uses it. Every member throws CStartFailure with kExitFailed when the file cannot be read.
 class CCatalogueFile {
  public:
   // All answers are as of now, whatever a server writes meanwhile. The file must have the newest schema.

@@ -52,7 +52,7 @@ Owned<BIO> MemoryOf(const std::string& pem) {
 }
 
 Owned<EVP_PKEY> ParseKey(const std::string& pem, const std::string& path) {
-  // Nobody is there to ask for a passphrase.
+  // An empty passphrase is given at once, because nobody is there to be asked for one.
   const auto no_passphrase = [](char*, int, int, void*) { return 0; };
   Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(MemoryOf(pem).get(), nullptr, no_passphrase, nullptr));
   if (key == nullptr) {
@@ -85,7 +85,7 @@ bool IsAddress(const std::string& name) {
   return address != nullptr;
 }
 
-// Only what a host name may consist of gets into the extension's text, where a comma would begin another entry.
+// Only characters of host names get into the extension's text, because a comma would begin another entry there.
 bool IsHostName(const std::string& name) {
   return !name.empty() && name.size() <= 253 &&
          name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-.") ==
@@ -117,7 +117,7 @@ bool SetRandomSerial(X509* certificate) {
   if (RAND_bytes(bytes, sizeof bytes) != 1) {
     return false;
   }
-  bytes[0] &= 0x7f;  // positive
+  bytes[0] &= 0x7f;  // makes the number positive
   BIGNUM* number = BN_bin2bn(bytes, sizeof bytes, nullptr);
   const bool set = BN_to_ASN1_INTEGER(number, X509_get_serialNumber(certificate)) != nullptr;
   BN_free(number);
@@ -129,7 +129,7 @@ Owned<X509> MakeCertificate(EVP_PKEY* key, const std::vector<std::string>& names
   X509* raw = certificate.get();
   X509_NAME* subject = X509_get_subject_name(raw);
   const auto* common_name = reinterpret_cast<const unsigned char*>(kCommonName);
-  // Clocks that run a little behind must accept it too.
+  // The certificate begins to count a little earlier, so that a client whose clock is behind accepts it too.
   const bool made =
       X509_set_version(raw, 2) == 1 && SetRandomSerial(raw) &&
       X509_gmtime_adj(X509_getm_notBefore(raw), -kSecondsOfADay) != nullptr &&

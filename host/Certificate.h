@@ -10,15 +10,16 @@
 
 namespace Tansy::Host {
 
-// Where the servers look for it, below the data folder.
+// The place where the servers look for it, below the data folder.
 inline constexpr const char* kCertificatePath = CloudStorage::kDefaultCertificatePath;
 
 // Makes a self-signed pair when there is neither a certificate nor a PEM file yet: P-256, ten years, for `localhost`,
-// the loopback addresses and `names` (host names or addresses). A key that is there already is used. True when one was
-// made. Throws CStartFailure with kExitFailed.
+// the loopback addresses and `names` (host names or addresses). A key that is there already is used. Returns true when
+// it made a pair. Throws CStartFailure with kExitFailed.
 bool MakeCertificateIfMissing(const std::string& path, const std::vector<std::string>& names);
 
-// Why the pair cannot be used, in one line: missing, broken, or not belonging together. Empty when it can.
+// Says in one line why the pair cannot be used: it is missing or broken, or its halves do not belong together. The text
+// is empty when the pair can be used.
 std::string CheckCertificate(const std::string& path);
 
 }  // namespace Tansy::Host

@@ -15,10 +15,10 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr std::uint64_t kRepairableShare = 10;  // one part in so many may be freed without force
+constexpr std::uint64_t kRepairableShare = 10;  // without --force, at most a tenth of all bytes may be freed
 constexpr std::size_t kFreedAtOnce = 100;
 
-// A stored name without its separators, so that millions of them need little memory: volume, folder and id.
+// The id, folder and volume of a stored name without separators. Millions of names need little memory in this form.
 using PackedName = std::array<char, 40>;
 using PackedNames = std::vector<PackedName>;  // sorted
 
@@ -33,7 +33,7 @@ bool Holds(const PackedNames& names, const StoredName& name) {
   return std::binary_search(names.begin(), names.end(), Pack(name));
 }
 
-// A name that a client chose, fit for a line of its own.
+// Makes a name that a client chose fit for a line of its own.
 std::string Printable(const std::string& text) {
   std::string printable = text;
   std::replace_if(
@@ -44,7 +44,7 @@ std::string Printable(const std::string& text) {
 
 struct Damage {
   CatalogueRow row;
-  bool is_missing = false;  // else too short
+  bool is_missing = false;  // otherwise the bytes are too short
 };
 
 class CCheck {
@@ -68,7 +68,7 @@ class CCheck {
   }
 
  private:
-  // All rows, and the names in them.
+  // Shows all rows to the visitor and collects the names in them.
   PackedNames ReadCatalogue(const std::function<void(const CatalogueRow& row, const StoredName* name)>& visitor) {
     PackedNames names;
     CCatalogueFile(database_).VisitRows([this, &names, &visitor](const CatalogueRow& row) {
@@ -122,7 +122,7 @@ class CCheck {
     return store_.ForEach(EContent::kObject, look) && store_.ForEach(EContent::kPicture, look) && !IsStopping();
   }
 
-  // A server that runs has gone on meanwhile: what it has finished since, or is still at, is no finding.
+  // A running server has gone on meanwhile: what it has finished since then, or is still writing, is no finding.
   void LookAgain() {
     std::vector<std::string> urls;
     const PackedNames referred =

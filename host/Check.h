@@ -13,9 +13,9 @@ namespace Tansy::Host {
 
 struct CheckOptions {
   bool repair = false;
-  bool force = false;  // repairs also what looks like the wrong catalogue
-  // The names that a running server is writing or whose row it is about to write; null when none runs. Asked before and
-  // after the look at the files.
+  bool force = false;  // --repair works even when this looks like the wrong catalogue
+  // Gives the names that a running server is writing or whose row it is about to write; null when none runs. It is
+  // asked before and after the look at the files.
   std::function<bool(std::vector<StoredName>& names)> unfinished;
   // Makes sure that no row can name these bytes before they are freed; null when no server runs.
   std::function<bool(const std::vector<std::string>& urls, std::set<std::string>& given_up)> give_up;

@@ -49,10 +49,10 @@ int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFo
   } else if (folder.IsInUse() || IsStorageInUse(storage)) {
     check.unfinished = [&storage](std::vector<StoredName>& names) { return details::ReadUnfinished(storage, names); };
   }
-  CCatalogueFile(database).TaskIds();  // a file that is no catalogue is found here
+  CCatalogueFile(database).TaskIds();  // fails here when the file is no catalogue
   MatchStoreIdentity(database, storage, EIdentity::kLook);
   if (line.repair) {
-    LockStorage(storage, storage_lock);  // not before it is known to be the right one
+    LockStorage(storage, storage_lock);  // only now is it known to be the right storage
   }
   const std::unique_ptr<IObjectStore> store = OpenFileStore(storage, false, EStoreUse::kLook);
   return RunCheck(*store, database, check, out);

@@ -9,8 +9,9 @@
 
 namespace Tansy::Host {
 
-// `tansyd --check`, with its exit code. Without --repair it only looks, whether a server runs or not. A repair locks
-// what a server would lock; when one runs, that server is asked to do it. Throws CStartFailure.
+// Runs `tansyd --check` and returns its exit code. Without --repair it only looks, whether a server runs or not. A
+// repair locks what a server would lock; when a server runs, that server is asked to do the repair. Throws
+// CStartFailure.
 int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFolder& folder, std::ostream& out);
 
 }  // namespace Tansy::Host

@@ -27,7 +27,7 @@ constexpr std::size_t kMostRequest = 1000;
 constexpr std::size_t kMostAnswer = std::size_t{1} << 30;
 constexpr const char* kForce = "force";
 
-// Tells an answer from one to an earlier command.
+// The mark tells this answer from an answer to an earlier command.
 std::string NewMark() {
   unsigned char bytes[16] = {};
   RAND_bytes(bytes, sizeof bytes);  // any number will do
@@ -39,7 +39,7 @@ bool Frees(const std::vector<std::string>& urls, std::set<std::string>& given_up
   return GetRunningSeconds(now) && GiveUpUnnamed(urls, now, given_up);
 }
 
-// First line: the mark and the exit code; then what the check wrote.
+// The first line holds the mark and the exit code; the text of the check follows.
 bool ParseAnswer(const std::string& text, const std::string& mark, int& exit_code, std::string& output) {
   std::istringstream stream(text);
   std::string answered;

@@ -1,5 +1,6 @@
-// A repair beside a running server is done by that server, which knows what is being written. The command asks for it
-// with a file in the data folder, which is the current folder of both, and gets the answer as another one.
+// A repair beside a running server is done by that server, because it knows what is being written. The command asks for
+// it with a file in the data folder, which is the current folder of both processes, and gets the answer as another
+// file.
 #ifndef TANSY_HOST_CHECK_REQUEST_H
 #define TANSY_HOST_CHECK_REQUEST_H
 
@@ -11,15 +12,15 @@
 
 namespace Tansy::Host {
 
-// The command's side: asks, waits for the answer, writes it to `out` and returns its exit code. `is_running` says
-// whether there is still a server to wait for. Throws CStartFailure with kExitFailed: nobody answers, or another check
-// is under way.
+// This is the command's side: it asks, waits for the answer, writes the answer to `out` and returns its exit code.
+// `is_running` says whether there is still a server to wait for. Throws CStartFailure with kExitFailed when nobody
+// answers or another check is under way.
 int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_running, std::ostream& out);
 
-// The server's side: does what is asked for, if anything is. Failures are answered as well.
+// This is the server's side: it does what is asked for, if there is a request. Failures are answered as well.
 void AnswerCheckRequest(IObjectStore& store, const std::string& database, const std::function<bool()>& is_stopping);
-// Removes what an earlier run has left: to be called as soon as the data folder is locked, and at the end. A command
-// that still waits notices that the server is gone.
+// Removes what an earlier run has left. It must be called as soon as the data folder is locked, and at the end. A
+// command that still waits then notices that the server is gone.
 void ForgetCheckRequests();
 
 }  // namespace Tansy::Host

@@ -8,11 +8,11 @@
 namespace Tansy::Host {
 
 struct CommandLine {
-  OptionTexts texts;       // as given; no value has been looked at
+  OptionTexts texts;       // texts as given; no value has been checked yet
   bool check = false;      // compare catalogue and stored bytes, then end
-  bool repair = false;     // and free what nothing refers to
-  bool force = false;      // even if that is much
-  std::string print_only;  // help or version text: print it and end
+  bool repair = false;     // with `check`: also free what nothing refers to
+  bool force = false;      // with `repair`: free it even when it is much
+  std::string print_only;  // help or version text to print; the program then ends
 };
 
 // Throws CStartFailure with kExitUsage.

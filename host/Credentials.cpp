@@ -18,7 +18,7 @@ constexpr std::size_t kLargestSettingsFile = std::size_t{1024} * 1024;
 constexpr std::size_t kAccessKeyLength = 20;
 constexpr std::size_t kSecretKeyLength = 40;
 
-// Letters and digits alone travel unharmed through headers, shells and settings files.
+// Keys consist of letters and digits, because these alone pass unchanged through headers, shells and settings files.
 std::string RandomText(std::size_t length) {
   constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
   constexpr unsigned int kFairLimit = 256 - 256 % kAlphabet.size();  // bytes from here on would favour some characters
@@ -41,8 +41,8 @@ bool IsPrintable(const std::string& text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7f; });
 }
 
-// Keys that anybody can guess, and what would break the Authorization header, are refused here, where somebody can
-// still mend it.
+// Refuses keys that anybody can guess and keys that would break the Authorization header. This is the place where the
+// operator can still change them.
 void CheckPair(const CredentialPair& pair, int exit_code, const std::string& access_name,
                const std::string& secret_name) {
   if (!IsPrintable(pair.access_key) || pair.access_key.find(':') != std::string::npos) {
@@ -63,7 +63,7 @@ CredentialPair CreatePair(const std::string& settings_path) {
   }
   if (error == 0) {
     const std::string changed = AddCredentials(content, pair.access_key, pair.secret_key);
-    // Read back before anything is replaced: a file of an unusual shape must not be spoilt.
+    // The new text is read back before the file is replaced, so that a file of an unusual shape is never spoilt.
     const Settings settings = ParseSettings(changed, settings_path, true);
     if (settings.access_key != pair.access_key || settings.secret_key != pair.secret_key) {
       throw CStartFailure(kExitFailed, "settings file " + settings_path +

@@ -13,10 +13,10 @@ struct CredentialPair {
   std::string secret_key;
 };
 
-// The pair of the environment (TANSY_ACCESS_KEY and TANSY_SECRET_KEY), else that of the settings, else a new random one
-// that is written into the settings file (made when missing, for its owner only). `created` says that the last was the
-// case. Throws CStartFailure: kExitUsage for an environment that makes no sense, kExitFailed for settings that make
-// none or cannot be written.
+// Gives the key pair of the environment (TANSY_ACCESS_KEY and TANSY_SECRET_KEY), else that of the settings, else a new
+// random pair. A new pair is written into the settings file, which is made when it is missing, readable for its owner
+// only; `created` then says so. Throws CStartFailure: kExitUsage when the environment makes no sense, kExitFailed when
+// the settings make no sense or cannot be written.
 CredentialPair ObtainCredentials(const Settings& settings, const std::string& settings_path, bool& created);
 
 }  // namespace Tansy::Host

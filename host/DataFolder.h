@@ -11,20 +11,20 @@ namespace Tansy::Host {
 class CDataFolder {
  public:
   enum class EUse {
-    kServe,  // made when it is missing, and locked for this process
+    kServe,  // the folder is made when it is missing, and locked for this process
     kLook,   // nothing is made or locked
   };
 
-  // Throws CStartFailure with kExitFailed: the folder cannot be made or used, another tansyd has it, or it is missing
-  // and nothing may be made.
+  // Throws CStartFailure with kExitFailed when the folder cannot be made or used, when another tansyd has it, or when
+  // it is missing and must not be made.
   CDataFolder(const std::string& path, EUse use);
 
   // Locks a folder that was only to be looked at. Throws like the constructor.
   void Lock();
-  // Whether another process has it locked.
+  // Says whether another process has locked the folder.
   bool IsInUse() const;
 
-  const std::string& GetPath() const { return path_; }  // absolute
+  const std::string& GetPath() const { return path_; }  // an absolute path
 
  private:
   [[noreturn]] void Fail(const std::string& what) const;

@@ -8,8 +8,8 @@
 
 namespace Tansy::Host {
 
-// The interfaces that the module asks a host for: a SQLite catalogue at `file`, and a configuration manager that keeps
-// listeners but has nothing to tell them, because the settings of a running tansyd do not change.
+// Makes the interfaces that the module asks a host for: a SQLite catalogue at `file`, and a configuration manager. The
+// manager keeps listeners but has nothing to tell them, because the settings of a running tansyd do not change.
 std::shared_ptr<KivPlatform::IFactoryInterface> MakeFactory(const std::string& file);
 
 }  // namespace Tansy::Host

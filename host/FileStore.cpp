@@ -17,7 +17,7 @@ constexpr const char* kObjectVolume = "fs01";
 constexpr const char* kPictureVolume = "pc01";
 constexpr const char* kTemporaryEnd = ".tmp";
 
-// A large write goes in slices: the disk writes one while the next is copied to the system.
+// A large write is cut into slices of this size, so that the disk writes one slice while the next one is copied.
 constexpr std::uint32_t kWriteOutSlice = 1024 * 1024;
 
 EStoreResult ToResult(int error) {
@@ -30,14 +30,14 @@ EStoreResult ToResult(int error) {
   return error == ENOENT ? EStoreResult::kMissing : EStoreResult::kFailed;
 }
 
-// A failed operation's line in the log, and its result.
+// Writes a failed operation into the log and gives its result.
 EStoreResult Failed(const char* what, const std::string& path, int error) {
   HOST_LOG(logging::kError, "[%s]%s %s failed: %s.[%s(%d)]", what, path.c_str(), HostSystem::ErrorText(error).c_str());
   return ToResult(error);
 }
 
 bool Allocate(ReadBuffer& buffer, std::uint32_t size) {
-  // Never null for an empty range: a missing buffer means failure to the server.
+  // The buffer is not null even for an empty range, because a missing buffer means failure to the server.
   buffer.data.reset(static_cast<char*>(std::malloc(std::max<std::size_t>(size, 1))));
   buffer.size = 0;
   return buffer.data != nullptr;
@@ -96,7 +96,7 @@ EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const c
     bool left_behind = false;
     error = WriteNew(place, is_picture, offset, data, size, left_behind);
     new_.EndWrite(place.name, error == 0);
-    // A picture that is stored is complete: no row will ever name it.
+    // A picture is complete once it is stored, because no row will ever name it.
     if (error == 0 ? is_picture : !left_behind) {
       new_.Forget(place.name);
     }
@@ -220,7 +220,7 @@ EStoreResult CFileStore::Remove(const StoredName& name) {
 EStoreResult CFileStore::RemovePath(const std::string& path) {
   const int error = root_->Remove(path);
   if (error == 0 || error == ENOENT) {
-    // Bytes that are gone already are as good as removed: what asked for it can go on.
+    // Bytes that are gone already count as removed, so that the caller can go on.
     return EStoreResult::kDone;
   }
   return details::Failed("removing", path, error);
@@ -253,7 +253,7 @@ void CFileStore::ForgetNew(const std::vector<StoredName>& names) {
 }
 
 EStoreResult CFileStore::FreeNew(const StoredName& name) {
-  // Only the temporary file of a picture: a crash may have come after its address was given away.
+  // Only the temporary file of a picture is removed: a crash may have come after the picture's address was sent.
   const EStoreResult result =
       RemovePath(IsPicture(name) ? FolderPath(name) + "/" + name.id + details::kTemporaryEnd : FilePath(name));
   if (result == EStoreResult::kDone) {

@@ -42,7 +42,7 @@ class CFileStore final : public IObjectStore {
   EStoreResult FreeNew(const StoredName& name) override;
   void CompactNew() override { new_.TurnPage(); }
 
-  // Takes over what earlier runs left unfinished. 0, or errno.
+  // Takes over what earlier runs left unfinished. Returns 0 or errno.
   int LoadNew() { return new_.Load(); }
 
  private:
@@ -62,13 +62,13 @@ class CFileStore final : public IObjectStore {
   CHeldFiles held_;
 };
 
-// What the catalogue needs to know to turn location texts into storage paths. Pictures have no row: they are removed by
-// nobody but their host.
+// Gives what the catalogue needs to turn location texts into storage paths. Pictures are left out: they have no row,
+// and only the host removes them.
 std::vector<VolumeRow> FileStoreVolumes();
 
 enum class EStoreUse {
   kServe,  // the folder is made when it is missing, and what earlier runs left unfinished is taken over
-  kLook,   // nothing is changed by opening it
+  kLook,   // opening it changes nothing
 };
 
 // Opens the store's folder. Throws CStartFailure with kExitFailed.

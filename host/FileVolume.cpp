@@ -24,8 +24,8 @@ std::string FolderDigits(unsigned int number) {
   return HexText(bytes, sizeof bytes);
 }
 
-// Makes a folder unless it is there, and syncs its parent either way: it may have been made by a process that ended
-// before it came to that.
+// Makes a folder unless it is there. Its parent is synced in both cases, because the process that made the folder may
+// have ended before it did so.
 int MakeFolder(HostSystem::IFolder& parent, const std::string& name, std::unique_ptr<HostSystem::IFolder>& folder) {
   const int error = parent.MakeFolder(name);
   if (error != 0 && error != EEXIST) {
@@ -52,7 +52,7 @@ int CFileVolume::NewPlace(Place& place) {
   place.name.volume = key_;
 
   const std::lock_guard lock(mutex_);
-  place.name.folder = details::FolderDigits(folder_number_);  // whole also when what follows fails
+  place.name.folder = details::FolderDigits(folder_number_);  // the name is whole even when what follows fails
   if (folder_ == nullptr || files_in_folder_ >= details::kFilesInFolder) {
     if (const int error = OpenCurrentFolder()) {
       return error;

@@ -12,9 +12,9 @@ namespace Tansy::Host {
 
 // Hands out places for new files of one volume.
 //
-// Files that are made one after another lie in the same folder until it holds a thousand, then the next of the 65,536
-// folders takes over: few folders are made, and the one in use stays in memory and stays open. Where a process begins
-// is left to chance, so that folders fill evenly over many starts. Threads: any.
+// Files that are made one after another lie in the same folder until it holds a thousand. Then the next of the 65,536
+// folders takes over. So few folders are made, and the folder in use stays in memory and open. A process begins at a
+// random folder, so that folders fill evenly over many starts. Threads: any.
 class CFileVolume {
  public:
   CFileVolume(HostSystem::IFolder& root, std::string key);
@@ -24,7 +24,7 @@ class CFileVolume {
     StoredName name;
   };
 
-  // A new name and the folder for it. 0, or errno.
+  // Gives a new name and the folder for it. Returns 0 or errno.
   int NewPlace(Place& place);
   const std::string& GetKey() const { return key_; }
 

@@ -53,7 +53,7 @@ class CWalk {
     return entries;
   }
 
-  // False when the visitor has seen enough.
+  // Returns false when the visitor has seen enough.
   bool ShowFiles(const std::string& upper, const std::string& lower) {
     const std::string path = volume_ + "/" + upper + "/" + lower;
     for (const HostSystem::FolderEntry& file : List(path, false)) {

@@ -9,9 +9,9 @@
 
 namespace Tansy::Host {
 
-// Shows every file below a volume's two levels of folders to `visitor`, which may remove it, until that returns false.
-// Whatever is not called as this store calls its files is left out. A volume that is not there yet has no files. False
-// when a folder cannot be read; the others are walked all the same.
+// Shows every file below a volume's two levels of folders to `visitor`, until the visitor returns false. The visitor
+// may remove the file. Files whose names this store does not use are left out. A volume that is not there yet has no
+// files. Returns false when a folder cannot be read; the others are walked all the same.
 bool WalkVolume(HostSystem::IFolder& root, const std::string& volume, EContent content,
                 const std::function<bool(const StoredEntry&)>& visitor);
 

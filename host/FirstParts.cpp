@@ -11,8 +11,8 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-// The upload id in "<id>_<part number>", or in the same with ".new" behind it: a file that was being written. Empty for
-// other names.
+// Gives the upload id in "<id>_<part number>", or in the same with ".new" behind it, which is a file that was being
+// written. The result is empty for other names.
 std::string TaskIdOf(std::string name) {
   constexpr std::string_view kUnfinished = ".new";
   if (name.ends_with(kUnfinished)) {

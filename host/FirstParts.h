@@ -9,20 +9,20 @@
 
 namespace Tansy::Host {
 
-// Where multipart uploads keep the first part that arrives, below the data folder.
+// The folder, below the data folder, where multipart uploads keep the part that arrives first.
 inline constexpr const char* kFirstPartFolder = "localstoragetmp";
 
 struct DeadFirstPart {
-  std::string name;  // of the file
+  std::string name;  // name of the file
   std::uint64_t size = 0;
 };
 
-// Finds the first-part files whose upload task is none of those that `get_tasks` gives; it is asked after the folder,
-// because a task is there before its first file is. Files that are not called as such files are stay unseen. False when
-// the folder cannot be read or `get_tasks` fails.
+// Finds the first-part files whose upload task is none of those that `get_tasks` gives. The tasks are read after the
+// folder, because a task exists before its first file does. Files with names of another shape are not looked at.
+// Returns false when the folder cannot be read or `get_tasks` fails.
 bool FindDeadFirstParts(const std::function<bool(std::set<std::string>& ids)>& get_tasks,
                         std::vector<DeadFirstPart>& dead);
-// False when the file cannot be removed. Either way the log tells.
+// Returns false when the file cannot be removed. The log says so in both cases.
 bool RemoveFirstPart(const std::string& name);
 
 }  // namespace Tansy::Host

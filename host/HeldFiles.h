@@ -13,11 +13,11 @@
 
 namespace Tansy::Host {
 
-// Files that are kept open while somebody reads them, so that they can be read to their last byte after they were
-// removed. Readers of one name share one file. Threads: any.
+// Keeps files open while somebody reads them, so that they can be read to their last byte after they were removed.
+// Readers of one name share one file. Threads: any.
 class CHeldFiles {
  public:
-  // Counts one reader more. When others read the name already, their file stays and `file` is not needed.
+  // Counts one more reader. When others read the name already, their file stays and `file` is not needed.
   void Begin(const StoredName& name, std::shared_ptr<HostSystem::IFile> file) {
     const std::lock_guard lock(mutex_);
     Held& held = files_.try_emplace(name.id, Held{std::move(file), 0}).first->second;
@@ -34,7 +34,7 @@ class CHeldFiles {
     }
   }
 
-  // Null when nobody holds it.
+  // Returns null when nobody holds the file.
   std::shared_ptr<HostSystem::IFile> Find(const StoredName& name) const {
     const std::lock_guard lock(mutex_);
     const auto held = files_.find(name.id);

@@ -30,7 +30,7 @@ void Complain(const std::string& line) {
   std::cerr << shown << std::endl;
 }
 
-// Ends the process from the signal thread. Nothing is destroyed: other threads are at work.
+// Ends the process from the signal thread. Nothing is destroyed, because other threads are at work.
 [[noreturn]] void EndNow(CSignalThread::EEnd why, bool is_check) {
   int exit_code = kExitFailed;
   if (why == CSignalThread::EEnd::kStillStarting) {
@@ -47,7 +47,7 @@ void Complain(const std::string& line) {
   std::_Exit(exit_code);
 }
 
-// So many connections the server takes when it is let; the files of requests come on top.
+// The server takes this number of connections when the system lets it; the files of requests come on top.
 constexpr std::uint64_t kEnoughOpenFiles = 12000;
 
 void NoteOpenFileLimit(std::uint64_t limit) {
@@ -98,7 +98,7 @@ int Run(int argc, const char* const* argv) {
   } catch (const std::exception& error) {
     details::Complain(error.what());
   }
-  // The program ends without destroying anything, so what waits is written here.
+  // The program ends without destroying anything, so output that still waits is written here.
   std::cout.flush();
   logging::SetSink(nullptr);
   return exit_code;

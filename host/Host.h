@@ -3,8 +3,8 @@
 
 namespace Tansy::Host {
 
-// tansyd from its arguments to its exit code: starts both servers, prints the ready line, serves until a stop signal
-// comes, and stops. Failures on the way up become one line on standard error.
+// Runs tansyd from its arguments to its exit code: starts both servers, prints the ready line, serves until a stop
+// signal comes, and stops. A failure during the start becomes one line on standard error.
 int Run(int argc, const char* const* argv);
 
 }  // namespace Tansy::Host

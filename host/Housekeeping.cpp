@@ -14,13 +14,13 @@ namespace details {
 namespace {
 
 constexpr int kAtOnce = 100;
-// Stored bytes get their row within moments; to look for it earlier is in vain.
+// Stored bytes get their row within moments, so an earlier look for that row would be in vain.
 constexpr std::int64_t kRowSeconds = 2;
 constexpr std::int64_t kFirstPartSeconds = 60;
 constexpr std::int64_t kSaveClockSeconds = 3600;
-// From the last byte of an upload to its row, waiting for the database and all.
+// The longest time from the last byte of an upload to its row, including the wait for the database.
 constexpr std::int64_t kLongestRequestSeconds = 300;
-// So long it is remembered which bytes were given up, to be far on the safe side of that.
+// The time for which given-up bytes are remembered. It is much longer than the longest request, to be safe.
 constexpr std::int64_t kGivenUpSeconds = std::int64_t{6} * 3600;
 
 std::vector<std::string> Urls(const std::vector<NewBytes>& batch) {
@@ -75,7 +75,7 @@ std::int64_t CHousekeeping::Now() const {
 }
 
 void CHousekeeping::SaveClock() {
-  // After a failure it is behind, and what waits for its time waits longer.
+  // After a failure the saved clock is behind, and what waits for its time waits longer.
   const std::int64_t now = Now();
   if (SetRunningSeconds(now)) {
     clock_saved_ = now;
@@ -134,13 +134,13 @@ bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
   return true;
 }
 
-// Gives the urls that no row names, and that from now on none can name.
+// Picks the urls that no row names now and that no row can name from now on.
 bool CHousekeeping::GiveUp(const std::vector<NewBytes>& due, std::set<std::string>& given_up) const {
   if (GiveUpUnnamed(details::Urls(due), Now(), given_up)) {
     return true;
   }
-  // On a full disk the catalogue takes no note, and no row either. So that the disk gets room again, a look has to do
-  // where no request can be left that would still write a row.
+  // On a full disk the catalogue can write neither a note nor a row. So that the disk gets room again, bytes are freed
+  // after a mere look, but only those so old that no request can be left that would still write their row.
   std::vector<NewBytes> sure;
   std::copy_if(due.begin(), due.end(), std::back_inserter(sure), [](const NewBytes& bytes) {
     return bytes.failed || bytes.untouched_seconds >= details::kLongestRequestSeconds;
@@ -164,7 +164,7 @@ void CHousekeeping::LookAtReleased() {
   FreeReleased(EReleased::kKept, Now() - rules_.keep_removed_seconds);
 }
 
-// A removal that freed the bytes itself leaves nothing to wait for.
+// A removal that freed the bytes itself leaves nothing that has to wait.
 void CHousekeeping::LookAtRemoved() {
   std::vector<ReleasedBytes> batch;
   while (!is_stopping_() && GetReleased(EReleased::kRemovedNow, Now(), details::kAtOnce, batch) && !batch.empty()) {
@@ -196,7 +196,7 @@ void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
     std::vector<std::string> postponed;
     for (const ReleasedBytes& bytes : batch) {
       StoredName name;
-      // Bytes that a task or an object names after all are released again when it lets go of them.
+      // Bytes that a task or an object names after all are released again when that task or object goes.
       if (named.count(bytes.url) > 0 || !ParseLocationText(bytes.url, name) || store_->IsPicture(name)) {
         done.push_back(bytes.id);
       } else if (store_->Remove(name) == EStoreResult::kDone) {
@@ -206,7 +206,7 @@ void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
         postponed.push_back(bytes.id);
       }
     }
-    // Trouble with the database, or nothing left but what has to wait: the next round goes on.
+    // The database failed, or only entries that have to wait are left: the next round goes on.
     if (!ForgetReleased(done) || !PostponeReleased(postponed, Now()) || done.empty()) {
       return;
     }
@@ -225,7 +225,8 @@ void CHousekeeping::LookAtFirstParts() {
   }
   std::set<std::string> seen;
   for (const DeadFirstPart& part : dead) {
-    // Two looks in a row: whoever was writing it when its task ended is through then.
+    // A first part must be found dead by two looks in a row. By then, whoever was writing it when its task ended is
+    // done.
     if (dead_first_parts_.count(part.name) == 0) {
       seen.insert(part.name);
     } else {

@@ -15,29 +15,30 @@
 namespace Tansy::Host {
 
 struct HousekeepingRules {
-  // The bytes of uploads that failed, broke off or were overwritten. A read that began before goes on for so long.
+  // The bytes of uploads that failed, broke off or were overwritten are kept for this time. A read that began before
+  // can go on for as long.
   std::int64_t keep_failed_seconds = 300;
-  // The bytes of objects that were removed without their bytes.
+  // The bytes of objects that were removed without their bytes are kept for this time.
   std::int64_t keep_removed_seconds = std::int64_t{7} * 24 * 3600;
 };
 
 // Gives back stored bytes that nothing needs any more. All times are measured with clocks that nobody can set, and
 // count only while a server runs.
 //
-// One thread uses it. Errors are logged; what could not be done is tried again in the next round.
+// One thread uses it. Errors are logged; the next round tries again what could not be done.
 class CHousekeeping {
  public:
-  // The location texts of the streamed uploads that are still running. False when they cannot be told.
+  // Gives the location texts of the streamed uploads that are still running. Returns false when it cannot.
   using UploadsUnderWay = std::function<bool(std::vector<std::string>& locations)>;
 
   CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules, UploadsUnderWay uploads,
                 std::function<bool()> is_stopping);
-  // Notes how long the server has run, as far as it can.
+  // Notes how long the server has run, if the database allows it.
   ~CHousekeeping();
   CHousekeeping(const CHousekeeping&) = delete;
   CHousekeeping& operator=(const CHousekeeping&) = delete;
 
-  // One round, to be called every few seconds. Ends early, within a batch, when `is_stopping` says so.
+  // Does one round; it has to be called every few seconds. It ends early, within a batch, when `is_stopping` says so.
   void Run();
 
  private:

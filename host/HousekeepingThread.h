@@ -10,8 +10,8 @@
 
 namespace Tansy::Host {
 
-// Housekeeping beside a running server, on a thread of its own; between its rounds the thread answers checks. Stop ends
-// it within a batch, whatever it is doing.
+// Runs housekeeping beside a running server, on a thread of its own; between its rounds the thread answers checks. Stop
+// ends the thread within a batch, whatever it is doing.
 class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
  public:
   CHousekeepingThread(std::shared_ptr<IObjectStore> store, std::string database, const HousekeepingRules& rules);
@@ -27,7 +27,7 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
   const std::string database_;
   const std::int64_t period_seconds_;
   CHousekeeping housekeeping_;
-  std::int64_t last_round_ = 0;  // uptime
+  std::int64_t last_round_ = 0;  // uptime of the last round
   bool has_run_ = false;
 };
 

@@ -18,7 +18,8 @@ constexpr std::size_t kIpv4Size = 4;
 constexpr std::size_t kIpv6Size = 16;
 constexpr std::size_t kTextSize = 64;
 
-// One of the four numbers of an IPv4 address. Leading zeros are refused, because some programs read them as octal.
+// Reads one of the four numbers of an IPv4 address. Leading zeros are refused, because some programs read such numbers
+// as octal.
 bool ParseNumber(std::string_view text, unsigned char& number) {
   if (text.empty() || (text.size() > 1 && text.front() == '0')) {
     return false;
@@ -45,7 +46,7 @@ std::optional<IpAddress> ParseIpv4(std::string_view text) {
 }
 
 std::optional<IpAddress> ParseIpv6(const std::string& text) {
-  // The library's own reader lets blanks through.
+  // The library's own reader accepts blanks, so they are refused here.
   if (text.find_first_not_of("0123456789abcdefABCDEF:.") != std::string::npos) {
     return std::nullopt;
   }

@@ -28,7 +28,7 @@ std::string Line(const char* name, std::uint16_t port) {
 }  // namespace details
 
 void WriteListeningFile(const HostOptions& options) {
-  // Only where it is not the address that everybody would try.
+  // The address is written only when it is not the one that everybody would try.
   const std::string address = LoopbackAddress(options.listen);
   const std::string address_line = address == "127.0.0.1" ? "" : "address = \"" + address + "\"\n";
   const std::string content =

@@ -5,11 +5,11 @@
 
 namespace Tansy::Host {
 
-// "listening.toml" in the current folder, the data folder: tells the other programs of this machine at which ports the
-// tansyd of this folder is to be found, and at which address when that is not 127.0.0.1. It is there while tansyd runs;
-// one that a crash left behind is replaced at the next start.
+// Writes "listening.toml" in the current folder, which is the data folder. The file tells the other programs of this
+// machine at which ports the tansyd of this folder listens, and at which address when that is not 127.0.0.1. It is
+// there while tansyd runs; a file that a crash left behind is replaced at the next start.
 //
-// The server works without it too, so a failure is logged and no more.
+// The server works without the file too, so a failure is only logged.
 void WriteListeningFile(const HostOptions& options);
 void RemoveListeningFile();
 

@@ -1,4 +1,4 @@
-// What only one tansyd may use at a time, besides the data folder.
+// Locks for what only one tansyd may use at a time, besides the data folder.
 #ifndef TANSY_HOST_LOCKS_H
 #define TANSY_HOST_LOCKS_H
 
@@ -8,14 +8,14 @@
 
 namespace Tansy::Host {
 
-// These throw CStartFailure with kExitFailed when another tansyd has it or the lock's file cannot be written.
+// These throw CStartFailure with kExitFailed when another tansyd has the lock or the lock's file cannot be written.
 void LockDatabase(const std::string& file, HostSystem::CLockFile& lock);
-// The first writes nothing. Neither does anything for the current folder: that is the data folder, which is locked
-// already.
+// ExpectStorageFree only looks and writes nothing. Neither function does anything for the current folder, because that
+// is the data folder, which is locked already.
 void ExpectStorageFree(const std::string& folder);
 void LockStorage(const std::string& folder, HostSystem::CLockFile& lock);
 
-// Whether a tansyd with this or another data folder is using the storage folder.
+// Says whether a tansyd with this or another data folder is using the storage folder.
 bool IsStorageInUse(const std::string& folder);
 
 }  // namespace Tansy::Host

@@ -20,7 +20,7 @@ std::string PageName(std::uint64_t number) {
   return std::string(kPagePrefix) + std::to_string(number);
 }
 
-// 0 for files of other names.
+// Returns 0 for files with other names.
 std::uint64_t PageNumber(const std::string& name) {
   std::uint64_t number = 0;
   if (name.size() > kPagePrefix.size() && name.compare(0, kPagePrefix.size(), kPagePrefix) == 0) {
@@ -41,7 +41,7 @@ int ReadPage(HostSystem::IFolder& root, const std::string& page, std::string& te
   return error;
 }
 
-// Shows every name with the page that it stands on. A line that a crash has torn names nothing.
+// Shows every name with the page that it stands on. A line that a crash has cut short names nothing.
 int ForEachNote(HostSystem::IFolder& root, const std::function<void(std::uint64_t page, const StoredName*)>& visitor) {
   std::vector<HostSystem::FolderEntry> entries;
   int error = root.List(entries);
@@ -181,8 +181,9 @@ void CNewBytesLog::TurnPage() {
       written.reset();
     }
   }
-  // What is still on the page may stay there for hours: from now on a power failure does not lose it either. Outside
-  // the lock, because uploads wait for that. A failure is no reason to stop: the notes are there for the next start.
+  // What is still needed from the page may stay there for hours, so it is synced: from now on a power failure does not
+  // lose it. This happens outside the lock, because uploads wait for that. A failure is no reason to stop: the next
+  // start finds the notes all the same.
   if (written != nullptr && written->Sync() == 0) {
     root_.Sync();
   }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t kLongestShownValue = 80;
 
-// A value as a message may show it: short, and without anything that could break the line.
+// Makes a value fit for a message: short, and without anything that could break the line.
 std::string Shown(const std::string& text) {
   std::string shown;
   for (const char c : text.substr(0, kLongestShownValue)) {
@@ -86,7 +86,8 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// Failures of this kind end in kExitUsage whatever the source, and their value is not shown: it may hold a password.
+// Failures of this kind end in kExitUsage whatever the source. Their value is not shown, because it may hold a
+// password.
 constexpr const char* kNotAvailable = "not available in this version yet; ";
 
 std::string ApplyDatabase(HostOptions& options, const std::string& text) {

@@ -1,4 +1,4 @@
-// What tansyd can be told, on the command line and in its settings file, by the same names.
+// The options of tansyd, which have the same names on the command line and in the settings file.
 #ifndef TANSY_HOST_OPTIONS_H
 #define TANSY_HOST_OPTIONS_H
 
@@ -11,14 +11,14 @@ namespace Tansy::Host {
 
 struct HostOptions {
   std::string data = "./tansy-data";
-  std::string config;  // empty: tansyd.toml in the data folder
+  std::string config;  // empty stands for tansyd.toml in the data folder
   std::uint16_t object_port = 9700;
-  std::uint16_t object_https_port = 9743;  // 0: no HTTPS
+  std::uint16_t object_https_port = 9743;  // 0 means no HTTPS
   std::uint16_t picture_port = 9701;
-  std::uint16_t picture_https_port = 9744;  // 0: no HTTPS
-  std::vector<std::string> listen;          // addresses of all listeners; empty: all of the machine's
-  std::string local_ip;                     // empty: an address of the machine, looked at again while running
-  std::string wan_ip;                       // empty: no WAN answers
+  std::uint16_t picture_https_port = 9744;  // 0 means no HTTPS
+  std::vector<std::string> listen;          // addresses of all listeners; empty stands for all of the machine's
+  std::string local_ip;  // empty: an address of the machine, which is looked up again while tansyd runs
+  std::string wan_ip;    // empty means that no answer names a WAN address
   std::uint16_t wan_object_port = 0;
   std::uint16_t wan_picture_port = 0;
   std::uint16_t wan_object_https_port = 0;
@@ -26,19 +26,19 @@ struct HostOptions {
   std::string database = "sqlite:catalogue.db";
   std::string storage = "file:objects";
   bool full_durability = true;
-  std::uint32_t memory_limit_mib = 1024;   // what requests and answers may take together
-  std::uint32_t require_date_minutes = 0;  // 0: signatures count whatever their date
-  std::int64_t keep_removed_days = 7;      // the bytes of removed objects
-  std::int64_t keep_failed_seconds = 300;  // the bytes of failed, broken-off and overwritten uploads
+  std::uint32_t memory_limit_mib = 1024;   // memory that requests and answers may take together
+  std::uint32_t require_date_minutes = 0;  // 0 means that signatures count whatever their date
+  std::int64_t keep_removed_days = 7;      // how long the bytes of removed objects are kept
+  std::int64_t keep_failed_seconds = 300;  // the same for bytes of failed, broken-off and overwritten uploads
   int log_level = 3;
-  std::string log_file;  // empty: standard error
+  std::string log_file;  // empty stands for standard error
 
   bool HasHttps() const { return object_https_port != 0 || picture_https_port != 0; }
   bool HasWanObjects() const { return !wan_ip.empty() && (wan_object_port != 0 || wan_object_https_port != 0); }
   bool HasWanPictures() const { return !wan_ip.empty() && (wan_picture_port != 0 || wan_picture_https_port != 0); }
 };
 
-// Option names without dashes, to the texts given for them.
+// Maps option names without dashes to the texts given for them.
 using OptionTexts = std::map<std::string, std::string>;
 
 struct OptionRow {
@@ -47,11 +47,11 @@ struct OptionRow {
   const char* help;
   // Takes a text over, or returns what would be right ("give ...").
   std::string (*apply)(HostOptions& options, const std::string& text);
-  // May be given several times: `apply` then gets all texts at once, with commas between them.
+  // The option may be given several times: `apply` then gets all texts at once, with commas between them.
   bool is_list = false;
 };
 
-// All options that take a value, in the order in which the help lists them.
+// Gives all options that take a value, in the order in which the help lists them.
 const std::vector<OptionRow>& OptionTable();
 
 // Applies each text. `source` names where they come from in the failure's line, and `prefix` stands before the name
@@ -59,11 +59,11 @@ const std::vector<OptionRow>& OptionTable();
 void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::string& source, const std::string& prefix,
                   int exit_code);
 
-// What single options cannot know: two listeners on one port, or a WAN address without any port, under which no server
-// could be found. Throws CStartFailure.
+// Checks what single options cannot know: two listeners on one port, or a WAN address without any port, under which no
+// server could be found. Throws CStartFailure.
 void CheckPorts(const HostOptions& options);
 
-// The part of a URL after "sqlite:" or "file:".
+// Gives the part of a URL after "sqlite:" or "file:".
 std::string UrlPath(const std::string& url);
 
 }  // namespace Tansy::Host

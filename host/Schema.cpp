@@ -17,7 +17,7 @@ constexpr const char* kVersionTable =
   throw CStartFailure(kExitFailed, "database " + file + " " + what);
 }
 
-// Whether the file's table of versions is this program's: other programs call theirs the same.
+// Says whether the table of versions is this program's, because other programs may have a table of the same name.
 bool HasOwnVersions(CSqliteFile& database, const std::vector<SchemaScript>& scripts) {
   if (database.QueryNumber("SELECT COUNT(*) FROM pragma_table_info('schema_version', 'platform') "
                            "WHERE name IN ('version', 'name', 'applied_at')") != 3) {
@@ -27,7 +27,7 @@ bool HasOwnVersions(CSqliteFile& database, const std::vector<SchemaScript>& scri
   return !scripts.empty() && first == scripts.front().name;
 }
 
-// 0 for a file that holds nothing yet.
+// Returns 0 for a file that holds nothing yet.
 long long CurrentVersion(CSqliteFile& database, const std::vector<SchemaScript>& scripts) {
   if (database.QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master") == 0) {
     return 0;
@@ -38,7 +38,7 @@ long long CurrentVersion(CSqliteFile& database, const std::vector<SchemaScript>&
   return database.QueryNumber("SELECT COALESCE(MAX(version), 0) FROM platform.schema_version");
 }
 
-// All scripts that are missing, in one transaction: an upgrade is done or it has not begun.
+// Applies all scripts that are missing in one transaction, so that an upgrade is either done or not begun.
 void Apply(CSqliteFile& database, const std::vector<SchemaScript>& scripts, long long current) {
   std::string sql = std::string("BEGIN IMMEDIATE; ") + kVersionTable + ";\n";
   std::string names;

@@ -15,7 +15,7 @@ struct SchemaScript {
   const char* sql;
 };
 
-// The scripts of host/schema/sqlite, in order; a source made when the program is built.
+// Gives the scripts of host/schema/sqlite, in order. Their source file is made when the program is built.
 const std::vector<SchemaScript>& SqliteSchemaScripts();
 
 // One row of platform.picture_url_encrypt.
@@ -25,8 +25,8 @@ struct VolumeRow {
 };
 
 // Makes the SQLite file or brings it up to date, with all that is missing in one transaction, and writes the rows of
-// the volumes. Throws CStartFailure with kExitFailed, the file then being as it was: it cannot be opened, it is no
-// catalogue but another program's, or a newer tansyd has made it.
+// the volumes. Throws CStartFailure with kExitFailed when the file cannot be opened, is another program's, or was made
+// by a newer tansyd; the file is then as it was.
 void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript>& scripts,
                          const std::vector<VolumeRow>& volumes);
 

@@ -36,8 +36,8 @@ namespace {
 constexpr const char* kModule = "platform";
 constexpr const char* kSettingsFile = "tansyd.toml";
 constexpr std::uint32_t kRepeatWindowMs = 1000;
-// For requests that are under way when the stop signal comes. Whoever sent it waits for as long as one client stalls,
-// and service managers kill after some ten seconds.
+// The time that requests have to end when the stop signal comes. The sender of the signal waits for as long as one
+// client stalls, and service managers kill a process after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
 constexpr std::uint32_t kAddressPeriodMs = 5000;
 
@@ -54,7 +54,7 @@ void CloseListeners() {
   CloudStorage::SetPicServerEnable(false);
 }
 
-// Of tasks that have ended. No writer of an earlier run is left.
+// Removes the first parts of tasks that have ended. No writer of an earlier run is left at this time.
 void RemoveDeadFirstParts() {
   std::vector<DeadFirstPart> dead;
   FindDeadFirstParts(&GetTaskIds, dead);
@@ -67,11 +67,11 @@ void FinishRequests(std::uint32_t drain_ms) {
   if (!TansyNet::CHttpServer::Shutdown(drain_ms)) {
     HOST_LOG(logging::kNotable, "[%s]requests were cut off after %u ms.[%s(%d)]", drain_ms);
   }
-  // Only now: it ends the threads that serve both protocols.
+  // This comes last, because it ends the threads that serve both protocols.
   CloudStorage::UninitPicServer();
 }
 
-// What a start has opened when it fails.
+// Closes what a start has opened before it failed.
 void CloseAgain() {
   CloseListeners();
   FinishRequests(0);
@@ -112,7 +112,8 @@ CServer::CServer(const CommandLine& command_line) {
     const bool is_absolute = details::IsAbsolute(data_setting->second);
     data = (is_absolute ? "" : details::FolderOf(config_path)) + data_setting->second;
   }
-  // Relative to where the program was started, which is not known any more once it is in its data folder.
+  // A relative path counts from where the program was started, which is not known any more once it is in its data
+  // folder.
   const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
 
   using EUse = CDataFolder::EUse;
@@ -122,7 +123,7 @@ CServer::CServer(const CommandLine& command_line) {
     options_.log_file = log_file;
   }
   if (command_line.check) {
-    options_.log_file.clear();  // that one is the running server's
+    options_.log_file.clear();  // the log file belongs to the running server
     OpenLog();
     return;
   }
@@ -195,7 +196,7 @@ int CServer::Check(const CommandLine& command_line) {
 void CServer::Start() {
   bool created = false;
   const CredentialPair credentials = ObtainCredentials(settings_, settings_path_, created);
-  // The access key stays readable: whoever looks into the log has to see whose signature is refused.
+  // The access key stays readable, because the log has to show whose signature is refused.
   log_->AddSecret(credentials.secret_key);
   if (created) {
     HOST_LOG(logging::kNotable, "[%s]made new credentials, see %s.[%s(%d)]", settings_path_.c_str());
@@ -313,7 +314,7 @@ void CServer::Stop() {
   RemoveListeningFile();
   address_watch_.reset();
   details::FinishRequests(details::kDrainMs);
-  // Last, because it may be busy for a while: by now no client waits for anything.
+  // This comes last, because it may be busy for a while: by now no client waits for anything.
   housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);
   HOST_LOG(logging::kNotable, "[%s]stopped.[%s(%d)]");

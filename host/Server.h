@@ -20,11 +20,11 @@ class CStandardSink;
 
 namespace Tansy::Host {
 
-// A data folder with everything that lives on it. One thread uses it, the one that made it.
+// A data folder with everything that lives on it. Only the thread that made it uses it.
 //
 // The constructor takes the folder, reads the settings, opens log, database and storage and brings the schema up to
-// date: what the module would try again for ever is found here. For a check it only reads the settings. All of it
-// throws CStartFailure.
+// date, so that faults which the module would retry for ever are found here. For a check it only reads the settings.
+// Every fault throws CStartFailure.
 class CServer {
  public:
   explicit CServer(const CommandLine& command_line);
@@ -34,14 +34,14 @@ class CServer {
 
   // Opens all listeners. What was opened before a failure is closed again.
   void Start();
-  // "tansyd ready: ..." with addresses and ports, without secrets.
+  // Gives the line "tansyd ready: ..." with addresses and ports, without secrets.
   std::string ReadyLine() const;
-  // Opens the log file anew and reads the certificates again; a failure is logged and leaves things as they are.
+  // Opens the log file anew and reads the certificates again. A failure is logged and leaves things as they are.
   void Reload();
   // Closes the listeners, lets running requests finish for a while, then closes the database.
   void Stop();
 
-  // Instead of Start: compares catalogue and stored bytes on standard output. Returns the exit code.
+  // Is called instead of Start: compares catalogue and stored bytes on standard output. Returns the exit code.
   int Check(const CommandLine& command_line);
 
  private:
@@ -64,7 +64,7 @@ class CServer {
   std::shared_ptr<logging::CStandardSink> log_;
   std::string database_file_;
   std::shared_ptr<IObjectStore> store_;
-  bool follows_adapters_ = false;  // nobody has said which address best-node answers name
+  bool follows_adapters_ = false;  // no option names the address for best-node answers
   std::unique_ptr<CAddressWatch> address_watch_;
   std::unique_ptr<CHousekeepingThread> housekeeping_;
 };

@@ -27,12 +27,12 @@ toml::table ParseToml(const std::string& content, const std::string& path) {
   try {
     return toml::parse(content);
   } catch (const toml::parse_error& error) {
-    // The parser's own words may quote the line, and the line may hold a secret.
+    // The parser's own message is left out, because it may quote the line, and the line may hold a secret.
     Fail(path, "line " + std::to_string(error.source().begin.line) + " is not valid TOML");
   }
 }
 
-// Null for what no settings file can hold.
+// Returns null for a name that no settings file can hold.
 const OptionRow* FindOption(std::string_view name) {
   const auto row = std::find_if(OptionTable().begin(), OptionTable().end(),
                                 [name](const OptionRow& option) { return name == option.name; });
@@ -49,7 +49,7 @@ std::string TextValue(const toml::node& node, const std::string& path, const std
   Fail(path, key + " must be a text or a whole number");
 }
 
-// The texts of an array with commas between them, as on the command line; a single text counts as one of one.
+// Joins the texts of an array with commas, as on the command line; a single text counts as an array of one.
 std::string ListValue(const toml::node& node, const std::string& path, const std::string& key) {
   const toml::array* array = node.as_array();
   if (array == nullptr) {
@@ -103,7 +103,8 @@ std::string TomlString(const std::string& text) {
   return quoted + "\"";
 }
 
-// Where the line after the header of an existing [credentials] table begins; npos when there is no such header.
+// Gives the place where the line after the header of an existing [credentials] table begins; npos when there is no such
+// header.
 std::size_t AfterCredentialsHeader(const std::string& content) {
   const toml::table root = toml::parse(content);
   const toml::node* node = root.get(kCredentials);

@@ -8,7 +8,7 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-// How often the thread looks for the end of a limit, and whether it is to end.
+// The time between two looks: whether a limit is over, and whether the thread has to end.
 constexpr std::chrono::milliseconds kLook{100};
 
 }  // namespace
@@ -60,7 +60,7 @@ void CSignalThread::BeginStop() {
     const std::lock_guard lock(mutex_);
     stop_time_ = std::chrono::steady_clock::now();
   }
-  stop_.request_stop();  // outside the lock, because it runs what others have hung onto the token
+  stop_.request_stop();  // outside the lock, because it calls the callbacks that others have registered with the token
   const std::lock_guard lock(mutex_);
   stop_wanted_ = true;
   changed_.notify_all();

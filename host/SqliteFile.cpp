@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
 
-// A path as a "file:" address, which may carry parameters.
+// Writes a path as a "file:" address, which may carry parameters.
 std::string Address(const std::string& path) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string address = "file:";
@@ -34,7 +34,8 @@ std::string AddressFor(const std::string& path, CSqliteFile::EAccess access) {
   if (access == CSqliteFile::EAccess::kChange) {
     return Address(path);
   }
-  // Without a log beside it the file is at rest; SQLite is told so, because it would make such a log even for a reader.
+  // Without a log beside it, nobody is writing to the file. SQLite is told so, because it would make such a log even
+  // for a reader.
   const bool at_rest = HostSystem::GetPathKind(path + "-wal") == HostSystem::EPathKind::kMissing;
   return Address(path) + (at_rest ? "?mode=ro&immutable=1" : "?mode=ro");
 }
@@ -59,13 +60,13 @@ CSqliteFile::CSqliteFile(const std::string& file, EAccess access) : file_(file) 
   sqlite3* opened = nullptr;
   const int result =
       sqlite3_open_v2(":memory:", &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
-  database_.reset(opened);  // there is one to close even where it could not be opened
+  database_.reset(opened);  // a handle is there and must be closed even when opening failed
   if (result != SQLITE_OK) {
     Fail("cannot be opened");
   }
   sqlite3_busy_timeout(database_.get(), details::kBusyTimeoutMs);
   Run("ATTACH DATABASE ?1 AS platform", {details::AddressFor(file, access)});
-  // Reads the header: a file that is no database is found here.
+  // This query reads the header, so a file that is no database is found here.
   QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master");
 }
 

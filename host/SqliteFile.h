@@ -12,9 +12,9 @@ struct sqlite3_stmt;
 namespace Tansy::Host {
 
 // A connection of the host's own to a SQLite file, which is attached as `platform` as the module's connections attach
-// it. For the start and for looking at a file without changing it; the running server uses db_layer.
+// it. It serves the start, and looks at a file that must not change; the running server uses db_layer.
 //
-// One thread. Errors: CStartFailure with kExitFailed and a line that names the file.
+// One thread uses it. Errors: it throws CStartFailure with kExitFailed and a line that names the file.
 class CSqliteFile {
  public:
   enum class EAccess {
@@ -35,12 +35,12 @@ class CSqliteFile {
 
   CSqliteFile(const std::string& file, EAccess access);
 
-  // Several statements, as they are.
+  // Runs several statements as they are.
   void RunScript(const std::string& sql, const std::string& name);
-  // One statement; the values stand for ?1, ?2 and so on.
+  // Runs one statement; the values stand for ?1, ?2 and so on.
   void Run(const std::string& sql, const std::vector<std::string>& values = {});
   void Query(const std::string& sql, const std::function<void(const CRow&)>& visitor);
-  // The first column of the first row; 0 or "" when there is no row.
+  // Gives the first column of the first row; 0 or "" when there is no row.
   long long QueryNumber(const std::string& sql);
   std::string QueryText(const std::string& sql);
 

@@ -7,12 +7,12 @@
 namespace Tansy::Host {
 
 inline constexpr int kExitDone = 0;
-inline constexpr int kExitFailed = 1;    // the surroundings: ports, folders, database, settings file, certificate
-inline constexpr int kExitUsage = 2;     // a wrong option or value
+inline constexpr int kExitFailed = 1;    // a port, folder, database, settings file or certificate cannot be used
+inline constexpr int kExitUsage = 2;     // an option or a value is wrong
 inline constexpr int kExitFindings = 3;  // --check found something that it has not mended
 
-// Why tansyd ends before it has begun: an exit code and one line without line ends and secrets. Thrown anywhere on the
-// way to the listeners, caught in Run.
+// Says why tansyd ends before it has begun: an exit code, and one line without line ends and secrets. It may be thrown
+// anywhere on the way to the listeners and is caught in Run.
 class CStartFailure : public std::runtime_error {
  public:
   CStartFailure(int exit_code, const std::string& line) : std::runtime_error(line), exit_code_(exit_code) {}

@@ -17,18 +17,19 @@ namespace {
 constexpr const char* kIdFile = "store.id";
 constexpr std::size_t kIdLength = 32;
 constexpr std::size_t kMostIdFile = 100;
-// So many rows are looked at, the newest, to find one whose bytes are there. Names are random: one is proof.
+// The newest rows, this number of them, are looked at until one is found whose bytes are there. Names are random, so
+// one is proof enough.
 constexpr const char* kSample = "1000";
 
 struct Catalogue {
-  std::string id;       // empty: none yet
-  bool is_new = false;  // never held a row
+  std::string id;       // empty when it has none yet
+  bool is_new = false;  // it has never held a row
   bool has_rows = false;
-  bool names_stored_file = false;  // in the store that it is compared with
+  bool names_stored_file = false;  // one of its rows names a file of the other side
 };
 
 struct Store {
-  std::string id;  // empty: none yet
+  std::string id;  // empty when it has none yet
   bool exists = false;
   bool has_objects = false;
   bool has_pictures = false;
@@ -156,7 +157,7 @@ class CMatch {
     }
   }
 
-  // The store first: an id that only the catalogue had would look like a disk that is not mounted.
+  // The store gets its id first, because an id that only the catalogue has would look like a disk that is not mounted.
   void Adopt() {
     if (store_.id.empty()) {
       store_.id = NewId();

@@ -10,7 +10,7 @@
 namespace Tansy::Host {
 
 enum class EIdentity {
-  kAdopt,  // gives the id to what lacks it, where both sides fit together
+  kAdopt,  // gives the id to the side that lacks it, when both sides fit together
   kLook,   // writes nothing
 };
 

@@ -77,7 +77,7 @@ std::string StoragePathPrefix(const std::string& volume) {
 }
 
 bool ParseStoragePath(std::string_view path, StoredName& name) {
-  // The same text with one more separator: volume\ab\cd\id.d
+  // In this form the text has one more separator: volume\ab\cd\id.d
   std::string text(path);
   std::replace(text.begin(), text.end(), '/', '\\');
   if (text.size() != details::kTextLength + 1 || text[4] != '\\' || text[7] != '\\' || text[10] != '\\') {
@@ -101,7 +101,7 @@ std::string FilePath(const StoredName& name) {
 }
 
 std::string_view OwnText(std::string_view location) {
-  // A bucket's name may hold a ";", the texts behind it never do.
+  // The name of a bucket may hold a ";", but the text behind it never does, so the last one counts.
   const std::size_t end = location.rfind(';');
   return end == std::string_view::npos ? location : location.substr(end + 1);
 }

@@ -22,30 +22,31 @@ struct StoredName {
   bool operator==(const StoredName&) const = default;
 };
 
-// "fs01ab-cd-0123456789abcdef0123456789abcdef.d"
+// Example: "fs01ab-cd-0123456789abcdef0123456789abcdef.d"
 std::string LocationText(const StoredName& name);
 bool ParseLocationText(std::string_view text, StoredName& name);
 
-// "/pic?id=pc01ab-cd-0123456789abcdef0123456789abcdef.d"
+// Example: "/pic?id=pc01ab-cd-0123456789abcdef0123456789abcdef.d"
 std::string PictureUrl(const StoredName& name);
 // Reads the query of such an address, with or without parameters after the id.
 bool ParsePictureQuery(std::string_view query, StoredName& name);
 
-// The storage path that removals are given: volume, folders and file with "\\" (or "/") between them.
+// Gives the beginning of the storage path that removals receive: volume, folders and file with "\\" (or "/") between
+// them.
 std::string StoragePathPrefix(const std::string& volume);
 bool ParseStoragePath(std::string_view path, StoredName& name);
 
-// "fs01/ab/cd/0123456789abcdef0123456789abcdef.d", relative to the store's folder.
+// Gives a path relative to the store's folder, for example "fs01/ab/cd/0123456789abcdef0123456789abcdef.d".
 std::string FolderPath(const StoredName& name);
 std::string FileName(const StoredName& name);
 std::string FilePath(const StoredName& name);
 
-// What stands behind "pool_name:" + bucket + ";" in the location that the server hands over; all of it when there is no
-// such beginning.
+// Gives what stands behind "pool_name:" + bucket + ";" in the location that the server hands over, or the whole text
+// when it has no such beginning.
 std::string_view OwnText(std::string_view location);
 
-// The own text in any of the forms that reads and writes are given: location text, picture address, or the query of
-// one.
+// Reads the own text in any of the forms that reads and writes receive: location text, picture address, or the query of
+// such an address.
 bool ParseOwnText(std::string_view text, StoredName& name);
 
 // Bytes as lower-case hexadecimal digits, and whether a text is `length` of them.

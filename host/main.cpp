@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
 #if defined(__SANITIZE_ADDRESS__)
   __lsan_do_leak_check();
 #endif
-  // Threads of the module may still be at work (it never ends them): the objects they use must not be destroyed.
+  // Threads of the module may still be at work, because the module never ends them. So the objects that they use must
+  // not be destroyed.
   std::_Exit(exit_code);
 }

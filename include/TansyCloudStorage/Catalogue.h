@@ -1,6 +1,6 @@
 // Catalogue records, and the bucket functions that a host may call directly once InitObjectServer has returned.
-// Threads: any, also while requests run. Ownership: records are copied in both directions.
-// Errors: false, with the reason in the log; nothing throws.
+// Threads: any thread may call them, also while requests run. Ownership: records are copied in both directions.
+// Errors: a function returns false, and the log says why; nothing throws.
 #ifndef TANSY_CLOUD_STORAGE_CATALOGUE_H
 #define TANSY_CLOUD_STORAGE_CATALOGUE_H
 
@@ -35,19 +35,20 @@ struct ObjectInfo {
   std::string url;          // location text left by the storage callbacks
 };
 
-// Whether the last InitObjectServer read the whole catalogue from the database. InitObjectServer itself succeeds all
-// the same and serves what it could read: a host asks here before it announces itself, because a client would otherwise
-// take objects that could not be read for objects that do not exist. False before the first InitObjectServer.
+// Says whether the last InitObjectServer read the whole catalogue from the database. InitObjectServer itself succeeds
+// even when it did not, and serves what it could read. A host asks here before it announces itself, because a client
+// would otherwise take objects that could not be read for objects that do not exist. Returns false before the first
+// InitObjectServer.
 TANSY_CLOUD_STORAGE_API bool IsCatalogueLoaded();
 
-// Adds a bucket; writes back `id` and `acl`. False at once unless `flag` is 1.
+// Adds a bucket and sets its `id` and `acl`. Returns false at once unless `flag` is 1.
 TANSY_CLOUD_STORAGE_API bool AddBucket(BucketInfo& bucket);
 // Appends every bucket in name order to `buckets`, which is not cleared first.
 TANSY_CLOUD_STORAGE_API bool GetBucketList(std::vector<BucketInfo>& buckets);
 TANSY_CLOUD_STORAGE_API bool GetBucketByName(BucketInfo& bucket, const std::string& name);
 // Changes name, reserve, location, cycle and size of the bucket with this id. A renamed bucket takes its objects and
-// upload tasks along; until the next start it is still found under its old name, by requests too. False, and nothing
-// changed, when another bucket has the new name or had it until the last renaming.
+// upload tasks along; until the next start it is still found under its old name, by requests too. Returns false and
+// changes nothing when another bucket has the new name or had it until its last renaming.
 TANSY_CLOUD_STORAGE_API bool ModifyBucket(const BucketInfo& bucket);
 // Removes buckets and the catalogue rows of their objects; stored bytes stay.
 TANSY_CLOUD_STORAGE_API bool DeleteBucket(std::uint32_t id);

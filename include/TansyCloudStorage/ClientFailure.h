@@ -30,16 +30,17 @@ enum class ClientError : std::int32_t {
 struct SClientFailure {
   ClientError code = ClientError::kNone;
   std::string text;              // for people, in English, without the secret key
-  std::int32_t http_status = 0;  // of the answer; 0: there was none
+  std::int32_t http_status = 0;  // status of the answer; 0 when there was no answer
   std::string error_code;        // the protocol's name of the error in the answer, such as "NoSuchKey"; often empty
   std::string request;           // method and target of the request that failed, "GET /pool/key?metadata"; may be empty
   std::string address;           // "host:port" that this request went to, IPv6 addresses in brackets; may be empty
-  // Why no answer came (kNotSent): 1 the URL cannot be used, 2 the name does not resolve, 3 no connection, 4 TLS,
+  // Says why no answer came (kNotSent): 1 the URL cannot be used, 2 the name does not resolve, 3 no connection, 4 TLS,
   // 5 cut while sending, 6 closed before the answer was whole, 7 time-out, 8 an answer that is not HTTP, 9 an answer
-  // that is too large; otherwise 0.
+  // that is too large. It is 0 for every other code.
   std::int32_t transport_error = 0;
-  // The number behind it: for kLocalFile of the file system, with the values of Windows on every system (2 not found,
-  // 5 access denied, 32 open elsewhere, 112 disk full, ...); for kNotSent of the system's network or TLS library.
+  // The error number of the system behind the failure. For kLocalFile it is a file system error, with the values of
+  // Windows on every system (2 not found, 5 access denied, 32 open elsewhere, 112 disk full, ...). For kNotSent it
+  // comes from the system's network or from the TLS library.
   std::int32_t system_error = 0;
 };
 

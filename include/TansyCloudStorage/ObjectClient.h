@@ -13,10 +13,11 @@ namespace Tansy::CloudStorage {
 
 struct ObjectImpl;
 
-// Uploads, downloads and removes objects of one server and pool. A thin handle: copies share configuration, time-outs
-// and last error. Threads: any number of threads may use one client; the progress function of the configuration may be
-// called by all of them at once. Errors: false, the reason in GetLastFailure, GetLastError and the log; no operation
-// throws, the constructors included, and what a progress function throws ends the operation that called it.
+// Uploads, downloads and removes objects of one server and pool. A client is a thin handle: copies share configuration,
+// time-outs and last error. Threads: any number of threads may use one client; they all may call the progress function
+// of the configuration at once. Errors: an operation returns false and leaves the reason in GetLastFailure,
+// GetLastError and the log. Neither the operations nor the constructors throw; what a progress function throws ends the
+// operation that called it.
 //
 // URLs are object paths as the uploads return them: "/" + pool + "/" + key. They are sent as they are, without
 // percent-encoding: keys hold no blanks, "/", "?" or "#". Anything that does not begin with "/" is refused before
@@ -50,22 +51,23 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   // one, to this client or another one of the same server and pool. `last` completes the object; only then does it
   // exist.
   //
-  // Sizes: every piece but the last is as large as the first, and goes out as one part; the last may be smaller. From
-  // the first piece of another size on, the bytes are cut and gathered into parts of the first piece's size, and what
-  // is left over waits in memory for the next piece. That needs a first piece of at least 64 KiB; after a smaller one
-  // such a piece is refused (kBadPiece) and the upload stays as it was. A later piece may be empty.
+  // Sizes: every piece but the last should be as large as the first, and goes out as one part; the last may be smaller.
+  // From the first piece of another size on, the bytes are cut and gathered into parts of the first piece's size, and
+  // what is left over waits in memory for the next piece. That needs a first piece of at least 64 KiB; after a smaller
+  // one, a piece of another size is refused (kBadPiece) and the upload stays as it was. A later piece may be empty.
   //
-  // Failures: a piece counts as a whole or not at all. After false the upload is as it was before, so that the piece
-  // may be sent again, a last one included. True for a last piece means that the server holds an object of the right
-  // size.
+  // Failures: a piece counts as a whole or not at all. When the result is false, the upload is as it was before the
+  // call, so that the piece may be sent again; this holds for the last piece too. True for the last piece means that
+  // the server holds an object of the right size.
   //
-  // Pieces of one object come one at a time and in order; a second one meanwhile is refused (kBadPiece). What is known
-  // of unfinished uploads is kept until they are completed or the process ends; servers forget them after three days.
+  // Pieces of one object are given one after another and in order; a piece that is given while another one is being
+  // sent is refused (kBadPiece). What is known of unfinished uploads is kept until they are completed or the process
+  // ends; servers forget them after three days.
   bool UploadFileByPieces(std::string& url, const char* data, unsigned int size, bool last);
-  // The same; an object of one piece is stored as a multipart object too.
+  // Does the same, except that an object of one piece is stored as a multipart object too.
   bool UploadFileByPiecesAloneStorage(std::string& url, const char* data, unsigned int size, bool last);
-  // The same with a name chosen by the caller: `url` is the object key when `first` is true. While an upload under a
-  // name is not completed, another one under it in the same pool is refused (kBadPiece).
+  // Does the same with a name chosen by the caller: `url` is the object key when `first` is true. While an upload under
+  // a name is not completed, another one under it in the same pool is refused (kBadPiece).
   bool UploadFileByPiecesAndFileName(std::string& url, const char* data, unsigned int size, bool last, bool first);
 
   // Downloads into a local file (path in UTF-8); an existing file is overwritten from its start, not truncated. An
@@ -77,28 +79,29 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   // Downloads into memory. `data` is not null; on success `*data` is new[]-allocated, one byte longer than
   // `size` and NUL-terminated; the caller frees it with delete[]. On failure both outputs stay as they are.
   bool DownloadFile(char** data, unsigned int& size, const std::string& url);
-  // The same for a byte range, the text after "bytes=": "0-1023" is the bytes 0 to 1022, the end being exclusive.
+  // Does the same for a byte range, the text after "bytes=". The end is exclusive: "0-1023" stands for the bytes 0 to
+  // 1022.
   bool DownloadFile(char** data, unsigned int& size, std::string& range, const std::string& url);
 
-  // Removes the object from the catalogue; the second form asks the server to free its stored bytes too.
+  // Removes the object from the catalogue. The second form asks the server to free the object's stored bytes too.
   bool RemoveFileByUrl(const std::string& url);
   bool RemoveObjectFileByUrl(const std::string& url);
 
   // Asks the version of any server, over plain HTTP and signed with the keys in `server`.
   bool GetStorageVersion(std::string& version, SStorageServerInfo server);
 
-  // The last failure of this client and its copies; successes do not clear it. `code` is a value of ClientError.
-  // `second` is of the last failed download into a file: the status of the answer, the library's error number, or what
-  // was wrong with the local file (-1001 not open, -1002 not written, 1000000 + the system's error when it could not be
-  // opened). A streamed download whose local file fails has the code kUnexpectedAnswer here and kLocalFile in
-  // GetLastFailure.
+  // Gives the last failure of this client and its copies; successes do not clear it. `code` is a value of ClientError.
+  // `second` describes the last failed download into a file: it is the status of the answer, the library's error
+  // number, or what was wrong with the local file (-1001 not open, -1002 not written, 1000000 + the system's error when
+  // it could not be opened). A streamed download whose local file fails has the code kUnexpectedAnswer here and
+  // kLocalFile in GetLastFailure.
   void GetLastError(int& code, std::string& message);
   void GetLastError(int& code, int& second, std::string& message);
-  // The same failure with all that is known of it.
+  // Gives the same failure with all that is known about it.
   SClientFailure GetLastFailure() const noexcept;
 
-  // Time-outs of downloads in milliseconds, 15000 each at first; 0 waits without limit. For the downloads that start
-  // afterwards, of all copies.
+  // Sets the time-outs of downloads in milliseconds; both are 15000 at first, and 0 waits without limit. They count for
+  // the downloads of all copies that start afterwards.
   void SetTimeoutConfig(unsigned int receive_ms, unsigned int send_ms);
 
  private:

@@ -14,9 +14,9 @@ namespace Tansy::CloudStorage {
 
 struct PictureImpl;
 
-// Uploads pictures to a picture server and reads them back. A thin handle: copies share configuration and last failure.
-// Threads: any number of threads may use one client. Errors: false, the reason in GetLastFailure and in the log;
-// nothing throws, the constructor included.
+// Uploads pictures to a picture server and reads them back. A client is a thin handle: copies share configuration and
+// last failure. Threads: any number of threads may use one client. Errors: an operation returns false and leaves the
+// reason in GetLastFailure and in the log; neither the operations nor the constructor throw.
 //
 // Signed requests go to the configured server and to the gateway that it names for an upload.
 class TANSY_CLOUD_STORAGE_API CPictureClient {
@@ -38,10 +38,10 @@ class TANSY_CLOUD_STORAGE_API CPictureClient {
   // (kForeignAddress). One redirect (300 to 309) is followed on the same server. `*data` is new[]-allocated and not
   // NUL-terminated; the caller frees it with delete[]. Both outputs are set on success only.
   bool DownloadPicture(char** data, std::uint32_t& size, const std::string& url);
-  // Pictures are removed by the server's host: does nothing and returns true.
+  // Does nothing and returns true: pictures are removed by the server's host.
   bool RemoveFileByUrl(const std::string& url);
 
-  // The last failure of this client and its copies; successes do not clear it.
+  // Gives the last failure of this client and its copies; successes do not clear it.
   SClientFailure GetLastFailure() const noexcept;
 
  private:

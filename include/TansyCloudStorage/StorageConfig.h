@@ -49,8 +49,8 @@ using ReadBeginCallback = int (*)(const std::string& location);
 // A download that began with this location text has read its last byte, or was broken off. May not throw.
 using ReadEndCallback = void (*)(const std::string& location);
 
-// The certificate of the HTTPS listeners, below the executable's folder: one PEM file of this name with certificate and
-// key, or ".crt" and ".key" behind it.
+// Path of the certificate of the HTTPS listeners, below the executable's folder. It is one PEM file of this name that
+// holds certificate and key, or a pair of files with ".crt" and ".key" behind the name.
 inline constexpr const char* kDefaultCertificatePath = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";
 
 // Configuration of a server; copied by the server, so the host may free it after the call.
@@ -73,7 +73,7 @@ struct StorageServerConfig {
   RemoveObjectCallback remove_object = nullptr;
 };
 
-// The same with HTTPS ports.
+// Adds the HTTPS ports.
 struct StorageServerConfig_V1 : StorageServerConfig {
   std::uint32_t https_port = 0;
   std::uint32_t https_download_port = 0;  // port of the HTTPS listeners (16 bits)
