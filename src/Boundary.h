@@ -7,8 +7,8 @@
 
 namespace Tansy::CloudStorage {
 
-// Runs the body of an exported function; nothing is thrown into the host. What the body throws (memory that cannot be
-// had, an interface of the host that fails) is a line in the log, and `failure` the result.
+// Runs the body of an exported function, so that nothing is thrown into the host. When the body throws (memory is
+// missing, or an interface of the host fails), a line in the log says so and the result is `failure`.
 template <class Result, class Body>
 Result AtBoundary(const char* entry, Result failure, Body&& body) noexcept {
   try {

@@ -3,14 +3,14 @@
 
 #include "logging/Logging.h"
 
-// One diagnostic of the module: CLOUD_LOG(logging::kError, "[%s]text %d[%s(%d)]", 5). A macro, because only one can
-// name the place that it is called from.
+// Logs one diagnostic of the module: CLOUD_LOG(logging::kError, "[%s]text %d[%s(%d)]", 5). It is a macro, because only
+// a macro can name the place that it is called from.
 #define CLOUD_LOG(level, format, ...) TANSY_LOG(level, "platform.LocalStorage", format __VA_OPT__(, ) __VA_ARGS__)
 
 namespace Tansy::CloudStorage::details {
 
-// In whose name a helper writes its log lines: those of a function that several others share name the one that was
-// called from outside, because that is the name that people search for. All of it lives as long as the process.
+// The function in whose name a helper writes its log lines. A helper that several functions share names the function
+// that was called from outside, because people search for that name. All of its texts live as long as the process.
 struct Caller {
   const char* function;
   const char* file;
@@ -19,14 +19,14 @@ struct Caller {
 
 }  // namespace Tansy::CloudStorage::details
 
-// The function and line that it stands in, as a Caller. A macro for the same reason.
+// Makes a Caller of the function and line where it stands. It is a macro for the same reason.
 #define CLOUD_LOG_CALLER                                                           \
   ([]() -> ::Tansy::CloudStorage::details::Caller {                                \
     static constexpr auto name = ::logging::CutQualifiedName(TANSY_FUNCTION_TEXT); \
     return {name.text, __FILE__, __LINE__};                                        \
   }())
 
-// CLOUD_LOG in the name of a Caller.
+// Does the same as CLOUD_LOG in the name of a Caller.
 #define CLOUD_LOG_FOR(caller, level, format, ...)                                                                  \
   do {                                                                                                             \
     if (::logging::IsEnabled(level)) {                                                                             \

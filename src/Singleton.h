@@ -6,8 +6,8 @@
 
 namespace Tansy::CloudStorage {
 
-// The one object of a class: made by whoever asks first, never destroyed, because threads of the host may still call in
-// while the process ends. The atomic pointer lets every later call do without the mutex.
+// Holds the only object of a class. The first caller makes it, and it is never destroyed, because threads of the host
+// may still call in while the process ends. The atomic pointer lets every later call do without the mutex.
 //
 // A class with a private constructor names this template its friend:
 //   static CThing& Instance() { return CSingleton<CThing>::Instance(); }

@@ -1,5 +1,5 @@
-// The HMAC functions are deprecated since OpenSSL 3.0 and stay there; this asks for the interface of 1.1.1 without the
-// warnings.
+// This asks for the interface of OpenSSL 1.1.1 without warnings, because the HMAC functions are deprecated since 3.0
+// but stay available.
 #define OPENSSL_API_COMPAT 0x10101000L
 
 #include "Common/Signature.h"
@@ -18,11 +18,12 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// A digest of its own for each thread. Setting up a context looks the algorithm up by name and hashes the key, which
-// costs more than the signature of a request itself; a server has one key, so both are done once and kept.
+// Each thread has a digest object of its own. Setting up a context looks the algorithm up by name and hashes the key,
+// which costs more than the signature of a request itself. A server has one key, so both are done once per thread and
+// kept.
 class HmacSha1 {
  public:
-  // Writes the digest and its length. False when the library refuses.
+  // Writes the digest and its length. Returns false when the library refuses.
   bool Sign(std::string_view text, std::string_view key, unsigned char* digest, unsigned int& length) {
     if (!Restart(key)) {
       return false;
@@ -48,7 +49,7 @@ class HmacSha1 {
       context_.reset(HMAC_CTX_new());
     }
     key_ = key;
-    // c_str() is never null, and a null key would mean "the one before".
+    // c_str() is never null, and that matters: a null key would mean "use the previous key".
     has_key_ =
         context_ && HMAC_Init_ex(context_.get(), key_.c_str(), static_cast<int>(key_.size()), EVP_sha1(), nullptr) == 1;
     return has_key_;
@@ -63,7 +64,7 @@ class HmacSha1 {
 }  // namespace details
 
 const std::string& AuthPrefix() {
-  // Not destroyed at the end of the process: requests may still be on their way then.
+  // The text is not destroyed at the end of the process, because requests may still be under way then.
   static const std::string& prefix = *new std::string("quorvane");
   return prefix;
 }

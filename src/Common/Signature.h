@@ -1,4 +1,4 @@
-// What clients sign requests with and servers check them by. Any thread.
+// The signature of requests: clients make it and servers check it. Threads: any.
 #ifndef TANSY_SRC_COMMON_SIGNATURE_H
 #define TANSY_SRC_COMMON_SIGNATURE_H
 
@@ -7,10 +7,10 @@
 
 namespace Tansy::CloudStorage {
 
-// Scheme word of the Authorization header and of tokens.
+// Gives the scheme word of the Authorization header and of tokens.
 const std::string& AuthPrefix();
 
-// Base64 of the HMAC-SHA1 (RFC 2104) of `text` under `key`; empty when the library refuses.
+// Gives the Base64 text of the HMAC-SHA1 (RFC 2104) of `text` under `key`; it is empty when the library refuses.
 std::string SignHmacSha1(std::string_view text, std::string_view key);
 
 }  // namespace Tansy::CloudStorage

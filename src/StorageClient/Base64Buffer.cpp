@@ -17,7 +17,7 @@ constexpr std::int32_t kOutputTooSmall = -2;
 
 std::int32_t Base64EncodeBuffer(const void* input, std::uint32_t input_length, char* output, std::uint32_t output_size,
                                 std::uint32_t& output_length) {
-  // Computed in 64 bits: the text of 3 GiB and more has a length that 32 bits cannot hold and never fits.
+  // This is computed in 64 bits: from 3 GiB on, the length of the text does not fit into 32 bits.
   const std::uint64_t needed = (std::uint64_t{input_length} + 2) / 3 * 4;
   output_length = static_cast<std::uint32_t>(needed);
   if (needed > output_size) {

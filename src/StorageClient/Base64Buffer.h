@@ -5,8 +5,9 @@
 
 namespace Tansy::CloudStorage {
 
-// Base64 (standard alphabet, "=" padding) of `input_length` bytes into a buffer of the caller. `output_length` becomes
-// the length of the text, which has no terminating NUL. 0, or -2 without writing when `output_size` is smaller.
+// Writes the Base64 text (standard alphabet, "=" padding) of `input_length` bytes into a buffer of the caller.
+// `output_length` becomes the length of the text, which has no terminating NUL. Returns 0, or -2 without writing when
+// `output_size` is smaller.
 std::int32_t Base64EncodeBuffer(const void* input, std::uint32_t input_length, char* output, std::uint32_t output_size,
                                 std::uint32_t& output_length);
 

@@ -1,5 +1,5 @@
-// What the exported classes of both clients do alike: they make their shared state, hand out its last failure and keep
-// what an operation throws inside the module.
+// What the exported classes of both clients have in common: they make their shared state, hand out its last failure,
+// and catch what an operation throws.
 #ifndef TANSY_SRC_STORAGE_CLIENT_CLIENT_STATE_H
 #define TANSY_SRC_STORAGE_CLIENT_CLIENT_STATE_H
 
@@ -39,7 +39,7 @@ bool RunGuarded(SLastError* last_error, const Operation& operation) noexcept {
       return false;
     }
   } catch (...) {
-    // Nothing else is thrown in the module, so this is memory that was missing for the texts above.
+    // Nothing else is thrown in the module, so memory was missing for the texts above.
     if (last_error != nullptr) {
       last_error->SetOutOfResources();
     }
@@ -52,8 +52,8 @@ bool RunGuarded(const std::shared_ptr<State>& state, const Operation& operation)
   return RunGuarded(state ? &state->last_error : nullptr, operation);
 }
 
-// Null when memory runs out: constructors of the clients do not throw, and a client without its state fails in every
-// operation.
+// Returns null when memory runs out. The constructors of the clients do not throw, so a client without its state fails
+// in every operation.
 template <class State>
 std::shared_ptr<State> MakeClientState(const SStorageServerConfig& config) noexcept {
   std::shared_ptr<State> state;
@@ -64,7 +64,7 @@ std::shared_ptr<State> MakeClientState(const SStorageServerConfig& config) noexc
   return state;
 }
 
-// The last failure. It is kOutOfResources when the state itself is missing or its texts cannot be copied.
+// Gives the last failure. Its code is kOutOfResources when the state itself is missing or its texts cannot be copied.
 template <class State>
 SClientFailure LastFailureOf(const std::shared_ptr<State>& state) noexcept {
   SClientFailure failure;

@@ -7,7 +7,8 @@
 
 namespace Tansy::CloudStorage {
 
-// Whether a client can work with its configuration. False leaves a log line in the name of `caller` and the last error.
+// Says whether a client can work with its configuration. When the answer is false, it leaves a log line in the name of
+// `caller` and sets the last error.
 bool CheckConfig(const details::Caller& caller, const SStorageServerConfig& config, SLastError& last_error);
 
 }  // namespace Tansy::CloudStorage

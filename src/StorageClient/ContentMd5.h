@@ -6,8 +6,8 @@
 
 namespace Tansy::CloudStorage {
 
-// The Content-MD5 value of an upload: Base64 of the MD5 digest's 32 lower-case hexadecimal characters (not of its 16
-// bytes), 44 characters.
+// Gives the Content-MD5 value of an upload, which has 44 characters. It is the Base64 text of the MD5 digest's 32
+// lower-case hexadecimal characters, not of its 16 bytes.
 // Fixed: docs/compatibility.md, "Unsigned digest and date".
 std::string ComputeContentMd5(const void* data, std::uint32_t length);
 

@@ -1,4 +1,4 @@
-// Telling a host's progress function how far a transfer has come.
+// Tells a host's progress function how far a transfer has come.
 #ifndef TANSY_SRC_STORAGE_CLIENT_HOST_PROGRESS_H
 #define TANSY_SRC_STORAGE_CLIENT_HOST_PROGRESS_H
 
@@ -10,10 +10,10 @@
 
 namespace Tansy::CloudStorage {
 
-// What the host's function threw, so that it is told apart from failures of the module's own.
+// Carries what the host's function threw, so that it can be told from the module's own failures.
 struct SHostCallbackError {
   std::string text;
-  bool known_type = false;  // `text` is what the exception says of itself
+  bool known_type = false;  // true when `text` is the exception's own text
 };
 
 // Calls the host's function, if there is one. Throws SHostCallbackError when the function throws.

@@ -19,7 +19,7 @@ bool IsNameCharacter(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
 }
 
-// The name that follows `before` in `body`, up to the first character that no name has.
+// Gives the name that follows `before` in `body`; it ends before the first character that cannot be part of a name.
 std::string NameBehind(const std::string& body, const std::string& before) {
   const std::size_t found = body.find(before);
   if (found == std::string::npos) {
@@ -31,7 +31,7 @@ std::string NameBehind(const std::string& body, const std::string& before) {
   return name.size() <= kMaxErrorCodeBytes ? name : std::string();
 }
 
-// Object servers answer "<Error><Code>NoSuchKey</Code>...", picture servers {"ErrorCode": -58002, ...}.
+// Object servers answer "<Error><Code>NoSuchKey</Code>...", and picture servers answer {"ErrorCode": -58002, ...}.
 std::string ErrorCodeOf(const std::string& body) {
   const std::string code = NameBehind(body, "<Code>");
   return code.empty() ? NameBehind(body, "\"ErrorCode\": ") : code;

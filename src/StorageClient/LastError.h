@@ -10,14 +10,14 @@
 
 namespace Tansy::CloudStorage {
 
-// What GetLastError says of a failure.
+// The texts and codes by which GetLastError describes a failure.
 struct SLastErrorTexts {
   ClientError code = ClientError::kNone;
   std::int32_t second = 0;
   std::string message;
 };
 
-// The most recent failure. Successes do not clear it. Any thread.
+// Keeps the most recent failure. Successes do not clear it. Threads: any.
 class SLastError {
  public:
   void Set(ClientError code, const std::string& message) {
@@ -40,14 +40,14 @@ class SLastError {
     failure_ = std::move(failure);
   }
 
-  // For a failure of which GetLastError says something else, because its codes and texts are fixed.
+  // This form is for a failure that GetLastError describes in another way, because its codes and texts are fixed.
   void Set(SClientFailure failure, SLastErrorTexts texts) {
     const std::lock_guard lock(mutex_);
     texts_ = std::move(texts);
     failure_ = std::move(failure);
   }
 
-  // Needs no memory.
+  // This needs no memory.
   void SetOutOfResources() noexcept {
     const std::lock_guard lock(mutex_);
     texts_.code = ClientError::kOutOfResources;

@@ -10,21 +10,21 @@
 
 namespace Tansy::CloudStorage {
 
-// Numbers of the file system, as CLocalFile has them.
+// Error numbers of the file system, as CLocalFile gives them.
 inline constexpr std::uint32_t kErrorInvalidHandle = 6;
 inline constexpr std::uint32_t kErrorDiskFull = 112;
-// What a file that has become shorter while it is read, and one too large to upload, are reported as.
+// These report a file that has become shorter while it was read, and a file that is too large to upload.
 inline constexpr std::uint32_t kErrorEndOfFile = 38;
 inline constexpr std::uint32_t kErrorFileTooLarge = 223;
 
-// Reads `size` bytes at the current position, all of them or it is an error. 0, or the system's error code.
+// Reads exactly `size` bytes at the current position; fewer bytes are an error. Returns 0 or the system's error code.
 inline std::uint32_t ReadExactly(TansyBase::CLocalFile& file, char* buffer, std::uint32_t size) {
   std::uint32_t done = 0;
   const std::uint32_t error = file.Read(buffer, size, done);
   return error == 0 && done < size ? kErrorEndOfFile : error;
 }
 
-// What an operation on a local file failed with.
+// Describes the failure of an operation on a local file.
 inline SClientFailure FailureOfFile(const char* operation, const std::string& path, std::uint32_t error) {
   SClientFailure failure;
   failure.code = ClientError::kLocalFile;

@@ -11,9 +11,9 @@ namespace details {
 namespace {
 
 constexpr std::size_t kBlockBytes = 64;
-constexpr std::size_t kLengthOffset = 56;  // where the bit length stands in the last block
+constexpr std::size_t kLengthOffset = 56;  // place of the bit length in the last block
 
-// floor(2^32 * |sin(i + 1)|), as the RFC tabulates it.
+// The values are floor(2^32 * |sin(i + 1)|), as the RFC lists them.
 constexpr std::array<std::uint32_t, 64> kSines{
     0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
     0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
@@ -24,7 +24,7 @@ constexpr std::array<std::uint32_t, 64> kSines{
     0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 
-// Rotations of the four rounds, each repeating after four steps.
+// The rotations of the four rounds; each repeats after four steps.
 constexpr int kRotations[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
 constexpr std::size_t WordOfStep(std::size_t step) {
@@ -57,8 +57,9 @@ void StoreLittleEndian(std::uint64_t value, std::uint8_t* bytes, std::size_t cou
   }
 }
 
-// One step of 64. Each step waits for the one before, so what counts is the way from the newest value `b` to the
-// result. Round 2's two terms never have a bit in common: adding them separately lets the one without `b` go ahead.
+// Does one of the 64 steps. Each step waits for the one before it, so the time depends on the way from the newest value
+// `b` to the result. Round 2's two terms never have a bit in common, so they are added separately: the term without `b`
+// can then be added before `b` is known.
 template <std::size_t Step>
 inline void DoStep(std::array<std::uint32_t, 4>& state, const std::uint8_t* block) {
   std::uint32_t& a = state[(64 - Step) % 4];

@@ -7,7 +7,8 @@
 
 namespace Tansy::CloudStorage {
 
-// MD5 (RFC 1321) of data that may come in any number of pieces. One object is one digest and belongs to one thread.
+// Computes the MD5 (RFC 1321) of data that may come in any number of pieces. One object computes one digest and belongs
+// to one thread.
 class CMd5 {
  public:
   static constexpr std::size_t kDigestBytes = 16;

@@ -31,7 +31,7 @@ namespace {
 constexpr std::uint32_t kMultipartFrom = 10485760;
 constexpr std::int32_t kAllDone = 100;
 
-// Closes the file on every way out of an upload; a CLocalFile by itself stays open.
+// Closes the file on every way out of an upload, because a CLocalFile does not close itself.
 class CFileCloser {
  public:
   explicit CFileCloser(CLocalFile& file) : file_(file) {}
@@ -43,7 +43,7 @@ class CFileCloser {
   CLocalFile& file_;
 };
 
-// The last dot of the file's own name and what follows it; empty without a dot.
+// Gives the last dot of the file's own name and what follows it; the result is empty when there is no dot.
 std::string GetFileExtension(const std::string& path) {
   const std::size_t dot = path.rfind('.');
   const std::size_t separator = path.find_last_of("/\\");
@@ -66,7 +66,8 @@ bool GetSize(SFileUpload& upload, std::uint32_t& size) {
   std::uint32_t high_size = 0;
   std::uint32_t error = upload.file.GetSize(size, &high_size);
   if (error == 0 && high_size != 0) {
-    // The low 32 bits alone would store the beginning of the file as if it were all of it.
+    // A larger file is refused: with the low 32 bits of its size, only its beginning would be stored, as if that were
+    // all.
     error = kErrorFileTooLarge;
   }
   if (error != 0) {

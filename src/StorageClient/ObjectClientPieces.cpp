@@ -13,7 +13,7 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// False, with the last error, when there are no bytes to take.
+// Returns false, and sets the last error, when there are no bytes to take.
 bool CheckData(ObjectImpl& conf, const char* data, unsigned int size) {
   if (data != nullptr || size == 0) {
     return true;
@@ -23,7 +23,7 @@ bool CheckData(ObjectImpl& conf, const char* data, unsigned int size) {
   return false;
 }
 
-// One piece whose first one is told by an empty `url`.
+// Sends one piece; an empty `url` marks the first piece of an object.
 bool SendByUrl(const Caller& caller, const std::shared_ptr<ObjectImpl>& conf, std::string& url, const char* data,
                unsigned int size, bool last) {
   CPieceUpload piece(caller);

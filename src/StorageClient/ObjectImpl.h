@@ -19,12 +19,12 @@ struct ObjectImpl {
 
   const SStorageServerConfig config;
   SLastError last_error;
-  // Written by SetTimeoutConfig while other threads send requests.
+  // SetTimeoutConfig writes these while other threads send requests.
   std::atomic<std::uint32_t> receive_timeout_ms{15000};
   std::atomic<std::uint32_t> send_timeout_ms{15000};
 };
 
-// "/" + pool + "/" + key: the path of an object in every request, and its URL for callers.
+// Gives "/" + pool + "/" + key, which is the path of an object in every request, and its URL for callers.
 inline std::string ObjectPath(const SStorageServerConfig& config, const std::string& key) {
   return "/" + config.pool_name + "/" + key;
 }

@@ -63,7 +63,7 @@ bool CObjectMultipartUpload::SendParts(TansyBase::CLocalFile& file, std::uint32_
   for (std::uint32_t offset = 0; offset < size; offset += record.size) {
     record.size = std::min(details::kPartBytes, size - offset);
     ++record.part_number;
-    // Read straight into the buffer that the part is sent from.
+    // The file is read straight into the buffer that the part is sent from.
     auto buffer = std::make_unique_for_overwrite<char[]>(record.size + 1);
     buffer[record.size] = '\0';
     if (!ReadPart(file, buffer.get(), record.size)) {
@@ -105,7 +105,7 @@ bool CObjectMultipartUpload::WaitForRoom() {
   while (pool_.GetWorkTaskCount() >= details::kMaxPendingTasks) {
     seen_finished_ = registry.WaitForFinishedPart(upload_id_, seen_finished_, details::kThrottleRound);
     std::int32_t percent = 0;
-    // The part that waits for room here is not done, so the upload can only be over because one has failed.
+    // The part that waits for room here is not done, so the upload can only be over because another part has failed.
     if (registry.QueryParts(upload_id_, failed_status, percent)) {
       break;
     }
@@ -119,11 +119,13 @@ bool CObjectMultipartUpload::WaitForAllParts() {
   std::int32_t failed_status = kPartUploaded;
   std::int32_t percent = 0;
   for (;;) {
-    const bool all_sent = pool_.GetWorkTaskCount() == 0;  // looked at before the parts, which are then all done
+    // This is read before the parts are looked at: when it is true, all of them are done.
+    const bool all_sent = pool_.GetWorkTaskCount() == 0;
     if (registry.QueryParts(upload_id_, failed_status, percent)) {
       return failed_status == kPartUploaded;
     }
-    // A server that gives one upload id to two uploads at once mixes their parts up; nothing would ever end this wait.
+    // A server that gives one upload id to two uploads at once mixes up their parts. Without this check, nothing would
+    // ever end the wait.
     if (all_sent) {
       conf_->last_error.Set(ClientError::kUnexpectedAnswer,
                             StringUtil::str_fmt("upload id[%s] is in use twice.", upload_id_.c_str()));

@@ -16,24 +16,24 @@ namespace Tansy::CloudStorage {
 
 class CObjectProtoClient;
 
-// Uploads one large file in parts: the calling thread reads, four threads send. About six parts are in memory at a
-// time, however slow the server is. Made for one upload.
+// Uploads one large file in parts: the calling thread reads, and four threads send. About six parts are in memory at a
+// time, however slow the server is. An object of this class serves one upload.
 class CObjectMultipartUpload : private TansyBase::CNoncopyable {
  public:
-  // `path` is for messages, `local_path` the same in the local code page for log lines.
+  // `path` is for messages; `local_path` is the same path in the local code page, for log lines.
   CObjectMultipartUpload(const std::shared_ptr<ObjectImpl>& conf, const std::shared_ptr<CObjectProtoClient>& client,
                          const std::string& path, const std::string& local_path, const std::string& key,
                          const std::string& node);
 
-  // Sends the next `size` bytes of the file and completes the object. False when anything failed for good; the upload
-  // is then left to the server's expiry.
+  // Sends the next `size` bytes of the file and completes the object. Returns false when anything failed for good; the
+  // server then forgets the upload when it expires.
   bool Run(TansyBase::CLocalFile& file, std::uint32_t size);
 
  private:
-  // True when all parts are uploaded.
+  // Returns true when all parts are uploaded.
   bool SendParts(TansyBase::CLocalFile& file, std::uint32_t size);
   bool ReadPart(TansyBase::CLocalFile& file, char* buffer, std::uint32_t size);
-  // Waits until the pool has room. False when a part has failed in the meantime.
+  // Waits until the pool has room. Returns false when a part has failed in the meantime.
   bool WaitForRoom();
   bool WaitForAllParts();
   void ReportPercent(std::int32_t percent);

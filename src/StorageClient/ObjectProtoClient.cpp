@@ -27,7 +27,7 @@ constexpr std::uint32_t kFinishTimeoutMs = 60000;  // the server assembles the o
 // hostile, and its answer must not fill the memory.
 constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{1} << 20;
 
-// Asking for the size of a completed object has no effects, so that a lost answer is worth another try.
+// Asking for the size of a completed object has no effects, so a lost answer is worth another try.
 constexpr int kConfirmAttempts = 3;
 
 constexpr char kBinaryContentType[] = "binary/octet-stream";
@@ -92,7 +92,7 @@ CHttpClientRequest CObjectProtoClient::MakeRequest(const SRequestParts& parts, c
   return request;
 }
 
-// The number at the start of a header's value; 0 when there is none or it is negative.
+// Reads the number at the start of a header's value; it is 0 when there is none or it is negative.
 std::uint64_t CObjectProtoClient::HeaderNumber(const CHttpClientResponse& rsp, const std::string& name) {
   const std::string value = rsp.GetHeader(name);
   const long long number = std::strtoll(value.c_str(), nullptr, 10);
@@ -143,7 +143,7 @@ bool CObjectProtoClient::GetBestNode(std::string& location, const std::string& k
 void CObjectProtoClient::SetUploadError(const SHttpExchange& exchange, const char* what) {
   if (exchange.rsp.status == details::kStatusServerError &&
       exchange.rsp.body.find("NotEnoughSpace") != std::string::npos) {
-    // The same words, whichever request it was.
+    // The text is the same whichever request it was.
     conf_->last_error.Set(
         FailureOfAnswer(exchange, ClientError::kNoSpace,
                         StringUtil::str_fmt("upload object rsp status code[%d].", exchange.rsp.status)));

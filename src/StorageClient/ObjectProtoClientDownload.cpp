@@ -22,9 +22,9 @@ namespace {
 
 constexpr std::uint64_t kRangedDownloadFrom = 10485760;
 constexpr std::uint64_t kRangeBytes = 1048576;
-constexpr std::uint64_t kMaxRangeAnswerBytes = 2 * kRangeBytes;  // one range, or an error body of any sensible length
+constexpr std::uint64_t kMaxRangeAnswerBytes = 2 * kRangeBytes;  // enough for one range or for any sensible error body
 
-// Values of the status field that are no HTTP status.
+// These values of the status field are no HTTP status.
 constexpr std::int32_t kNoAnswerYet = -1;
 constexpr std::int32_t kFileNotOpen = -1001;
 constexpr std::int32_t kWriteFailed = -1002;
@@ -32,14 +32,14 @@ constexpr std::int32_t kSystemErrorBase = 1000000;
 
 constexpr std::int32_t kErrorNotEnoughMemory = 8;
 
-// What is kept of an error's body for its name.
+// This much of an error's body is kept, to read the error's name from it.
 constexpr std::size_t kMaxErrorBodyBytes = 4096;
 
 bool IsRedirect(std::int32_t status) {
   return status == 301 || status == 302;
 }
 
-// What may be read of a body: never more than was received, whatever length was announced.
+// Gives the number of bytes that may be read of a body: never more than was received, whatever length was announced.
 std::uint64_t BodyLength(const CHttpClientResponse& rsp) {
   return std::min<std::uint64_t>(rsp.content_length, rsp.body.size());
 }
@@ -122,7 +122,7 @@ bool CObjectProtoClient::FollowRedirect(SHttpExchange& exchange, const std::stri
     CLOUD_LOG(logging::kError,
               "[%s][Client]send download object failed, redirect url:%s, status code:%d, body:%s[%s(%d)]",
               (base + path).c_str(), exchange.rsp.status, exchange.rsp.body.c_str());
-    // The message names the status that was wanted; the one that came is in the line above and in the record.
+    // The message names the status that was expected; the status that came is in the log line above and in the record.
     conf_->last_error.Set(FailureOfAnswer(exchange, ClientError::kUnexpectedAnswer,
                                           StringUtil::str_fmt("DownloadObject rsp status code[%d].", kHttpOk)));
     return false;
@@ -162,7 +162,7 @@ bool CObjectProtoClient::DownloadObject(const std::string& local_path, const std
       return false;
     }
   } catch (...) {
-    // A progress function that throws ends the download; the file is free for another attempt.
+    // A progress function that throws ends the download. The file is closed, so that it is free for another attempt.
     file_.Close();
     throw;
   }
@@ -173,7 +173,7 @@ bool CObjectProtoClient::DownloadObject(const std::string& local_path, const std
 
 bool CObjectProtoClient::DownloadIntoFile(const std::string& url) {
   SObjectVersion version;
-  SClientFailure not_told;  // a server that does not say the size is asked for the object all the same
+  SClientFailure not_told;  // not reported: when the server does not say the size, the object is requested all the same
   GetObjectSize(version, not_told, download_base_, url);
   return version.size < details::kRangedDownloadFrom ? DownloadByStream(url) : DownloadByRanges(url, version);
 }
@@ -229,7 +229,7 @@ void CObjectProtoClient::SetStreamNotSent() {
 }
 
 void CObjectProtoClient::SetStreamStatus() {
-  // Whatever happened, GetLastError says 5 and has the status field as its second code.
+  // Whatever happened, GetLastError gives the code 5 and the status field as its second code.
   SLastErrorTexts texts;
   texts.code = ClientError::kUnexpectedAnswer;
   texts.second = file_status_;
@@ -266,7 +266,7 @@ void CObjectProtoClient::RecvMsgCallback(const CHttpClientResponse& rsp, const c
     stream_.error = error;
     return;
   }
-  // A file error stands here too: the first one counts, and what still arrives after it is dropped.
+  // The field may hold a file error too: the first error counts, and what still arrives after it is dropped.
   if (file_status_ != kHttpOk) {
     if (details::IsRedirect(file_status_)) {
       redirect_location_ = rsp.GetHeader("Location");
@@ -331,7 +331,7 @@ void CObjectProtoClient::SetFileFailure(std::int32_t status, const char* operati
 
 void CObjectProtoClient::ReportDownloadProgress() {
   if (total_size_ == 0) {
-    return;  // a length that nobody announced
+    return;  // the server announced no length
   }
   const auto percent = static_cast<std::int32_t>(written_size_ * 100 / total_size_);
   if (percent > reported_percent_) {
@@ -351,8 +351,8 @@ bool CObjectProtoClient::DownloadByRanges(const std::string& url, const SObjectV
     const std::uint64_t end = std::min(start + details::kRangeBytes, total_size_);
     const std::string range = std::to_string(start) + "-" + std::to_string(end);
     SHttpExchange exchange;
-    // A range with a bad status or redirect leaves the file open, and the destructor leaves it open too: the next
-    // attempt finds it in use. Callers are told so, and it stays like that.
+    // A range with a bad status or redirect leaves the file open, and the destructor leaves it open too, so the next
+    // attempt finds it in use. ObjectClient.h tells callers so, and they rely on it.
     if (!GetObjectBytes(exchange, url, range, details::kMaxRangeAnswerBytes)) {
       return false;
     }
@@ -378,7 +378,7 @@ bool CObjectProtoClient::CheckTag(const SHttpExchange& exchange, const std::stri
   return false;
 }
 
-// A server without tags is only asked for the size again.
+// A server that sends no ETag can only be asked for the size again.
 bool CObjectProtoClient::CheckSizeAgain(const std::string& url) {
   SObjectVersion version;
   if (!ConfirmVersion(version, download_base_, url)) {
@@ -399,7 +399,7 @@ bool CObjectProtoClient::CheckSizeAgain(const std::string& url) {
 bool CObjectProtoClient::AppendRange(const SHttpExchange& exchange, std::uint64_t expected_size) {
   const std::uint64_t length = details::BodyLength(exchange.rsp);
   if (length != expected_size) {
-    // Everything behind a range of another length would stand at the wrong place of a file that looks whole.
+    // After a range of another length, everything behind it would stand at the wrong place of a file that looks whole.
     file_.Close();
     conf_->last_error.Set(FailureOfStatus(exchange, "DownloadObject rsp status code"));
     CLOUD_LOG(logging::kError, "[%s][Client]send download object failed, range of %llu bytes instead of %llu[%s(%d)]",

@@ -29,8 +29,8 @@ inline constexpr std::int32_t kPartFailed = 1;
 // One part of a multipart upload.
 struct PartRecord {
   std::string upload_id;
-  // `size` bytes and a terminating NUL, owned by the task that sends them; null in the registry's copies, which outlive
-  // the task.
+  // Holds `size` bytes and a terminating NUL, owned by the task that sends them. It is null in the registry's copies,
+  // which outlive the task.
   const char* data = nullptr;
   std::uint32_t size = 0;
   bool done = false;
@@ -48,11 +48,11 @@ struct SPieceEntry {
 struct PieceTask {
   std::string upload_id;
   std::string best_node;
-  std::string key;                             // URL of the object: equal names in two pools or servers stay apart
+  std::string key;  // URL of the object, so that equal names in two pools or servers are kept apart
   std::map<std::int32_t, SPieceEntry> pieces;  // by part number
-  // Bytes that the caller has handed over and that wait for more of them; null when there are none.
+  // Holds bytes that the caller has handed over and that wait for more of them; null when there are none.
   std::shared_ptr<const std::string> tail = nullptr;
-  bool in_use = false;  // a piece is on its way
+  bool in_use = false;  // true while a piece is being sent
 };
 
 // There is one registry per process, and it is never destroyed. Its two halves share nothing; each has its own mutex,
@@ -61,21 +61,21 @@ class CPartUploadRegistry : private TansyBase::CNoncopyable {
  public:
   static CPartUploadRegistry& Instance() { return CSingleton<CPartUploadRegistry>::Instance(); }
 
-  // Part half: uploads of one call, by upload id.
+  // The part half keeps uploads that one call makes, by upload id.
 
-  // Always true.
+  // Always returns true.
   bool AddPart(const std::string& upload_id, const PartRecord& record);
-  // Replaces the part's record and counts it as finished. False when the upload or the part is unknown.
+  // Replaces the part's record and counts it as finished. Returns false when the upload or the part is unknown.
   bool FinishPart(const PartRecord& record);
-  // True when the upload is over: every part of it is done, or, in the order of the numbers, a failed one comes before
-  // the first that is not; `failed_status` is then that part's status, and the parts are forgotten. False when it goes
-  // on or is unknown. `percent` is set for any upload that has parts.
+  // Returns true when the upload is over: every part is done, or, in the order of the numbers, a failed part comes
+  // before the first part that is not done. `failed_status` is then the status of the failed part, and the parts are
+  // forgotten. Returns false when the upload goes on or is unknown. `percent` is set for any upload that has parts.
   bool QueryParts(const std::string& upload_id, std::int32_t& failed_status, std::int32_t& percent);
   // Waits until the number of finished parts differs from `seen` or the time is over, and returns the number.
   std::int32_t WaitForFinishedPart(const std::string& upload_id, std::int32_t seen, std::chrono::milliseconds timeout);
 
-  // Piecewise half: uploads over several calls, by PieceTask::key. All are false when the key is unknown, AddTask when
-  // it is known.
+  // The piecewise half keeps uploads that take several calls, by PieceTask::key. Its members return false when the key
+  // is unknown; AddTask returns false when the key is known already.
 
   // `last_part_number` becomes the highest number, and stays as it is when there is no piece yet.
   bool FindTask(const std::string& key, std::int32_t& last_part_number, PieceTask& task);
@@ -84,7 +84,8 @@ class CPartUploadRegistry : private TansyBase::CNoncopyable {
   // Appends the pieces in the order of their numbers, with empty ETags.
   bool GetAllPieces(const std::string& key, std::list<SPartInfo>& parts);
   bool RemoveTask(const std::string& key);
-  // Between the two the upload belongs to one caller: BeginPiece is false while a piece is on its way.
+  // Between BeginPiece and EndPiece the upload belongs to one caller: BeginPiece returns false while a piece is being
+  // sent.
   bool BeginPiece(const std::string& key);
   bool EndPiece(const std::string& key) noexcept;
   bool SetTail(const std::string& key, std::shared_ptr<const std::string> tail) noexcept;

@@ -21,7 +21,7 @@ CPartUploadTask::CPartUploadTask(const PartRecord& record, std::unique_ptr<char[
     : record_(record), buffer_(std::move(buffer)), client_(client), key_(key), node_(node) {}
 
 void CPartUploadTask::Exec() {
-  // The thread that waits for this part must hear of it whatever happens.
+  // The thread that waits for this part must be told the result, whatever happens.
   const bool uploaded = RunGuarded(&client_->LastError(), [this] { return Upload(); });
   record_.status = uploaded ? kPartUploaded : kPartFailed;
   record_.done = true;

@@ -11,7 +11,7 @@ namespace Tansy::CloudStorage {
 
 class CObjectProtoClient;
 
-// Sends one part, at most three times, and tells the registry how it went.
+// Sends one part, at most three times, and tells the registry the result.
 class CPartUploadTask : public TansyBase::CTask {
  public:
   // `buffer` holds the part's bytes, `record.data` points to them.

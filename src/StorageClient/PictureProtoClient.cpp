@@ -33,20 +33,20 @@ constexpr char kBoundary[] = "------7e02362550dc4";
 
 constexpr std::uint32_t kConnectTimeoutMs = 5000;
 constexpr std::uint32_t kSendTimeoutMs = 15000;
-// The server answers an upload when its host has the picture on disk.
+// The time is long, because the server answers an upload only when its host has the picture on disk.
 constexpr std::uint32_t kReceiveTimeoutMs = 30000;
 
 // JSON answers are a few hundred bytes; a server that sends much more is broken or hostile.
 constexpr std::uint64_t kMaxJsonBytes = std::uint64_t{1024} * 1024;
 constexpr std::uint64_t kMaxPictureBytes = std::numeric_limits<std::uint32_t>::max();
-// A log line keeps the start of an answer that was not expected; all of it could be a picture.
+// A log line keeps only this much of an unexpected answer, because the answer could be a whole picture.
 constexpr std::size_t kMaxLoggedBytes = 4096;
 
 std::string Logged(const std::string& body) {
   return body.substr(0, kMaxLoggedBytes);
 }
 
-// What the server signs of a resource: it sees no query behind a "?" that ends the text.
+// Gives the part of a resource that the server signs: it sees no query when "?" is the last character.
 std::string SignedResource(const std::string& resource) {
   const bool empty_query = !resource.empty() && resource.find('?') == resource.size() - 1;
   return empty_query ? resource.substr(0, resource.size() - 1) : resource;
@@ -67,7 +67,7 @@ bool IsRedirect(std::int32_t status) {
   return status >= kFirstRedirect && status <= kLastRedirect;
 }
 
-// The path of a Location that names an address of this scheme; "" when it does not.
+// Gives the path of a Location header that names an address of this scheme, or "" when it names another.
 std::string PathOfLocation(const std::string& location, const std::string& scheme) {
   const std::size_t begin = location.find(scheme);
   if (begin == std::string::npos) {
@@ -205,7 +205,7 @@ bool CPicProtoClient::UploadPic(std::string& url, const std::string& location, c
 bool CPicProtoClient::LocatePicture(SPictureRequest& parts, const std::string& url) {
   TansyNet::URL address;
   const bool absolute = TansyNet::URL::Parse(url, address);
-  // A signature is good for the configured server, so no other one gets to see it.
+  // A signature counts for the configured server, so no other server may see it.
   if (absolute && !IsConfiguredServer(*conf_, url)) {
     failure_.code = ClientError::kForeignAddress;
     failure_.text = StringUtil::str_fmt("url[%s] names another server.", url.c_str());
@@ -217,8 +217,8 @@ bool CPicProtoClient::LocatePicture(SPictureRequest& parts, const std::string& u
     parts.resource = address.target;
     return true;
   }
-  // Pictures are addressed by paths of the server that stores them. A text that is no path must not become a part of
-  // the server's address.
+  // Pictures are addressed by paths of the server that stores them. Any other text could change the address that the
+  // request goes to.
   if (!url.starts_with('/')) {
     failure_.code = ClientError::kBadArgument;
     failure_.text = StringUtil::str_fmt("url[%s] is no address of a picture.", url.c_str());
@@ -260,7 +260,7 @@ bool CPicProtoClient::DownloadPic(char** data, std::uint32_t& size, const std::s
   return true;
 }
 
-// Asks the same server for the path that its answer names; `exchange` becomes the second one.
+// Asks the same server for the path that its answer names; `exchange` becomes the second exchange.
 bool CPicProtoClient::FollowRedirect(SHttpExchange& exchange, const SPictureRequest& first) {
   const std::string location = exchange.rsp.GetHeader("Location");
   SPictureRequest second = first;

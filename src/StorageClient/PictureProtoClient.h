@@ -12,21 +12,22 @@
 
 namespace Tansy::CloudStorage {
 
-// What distinguishes one signed request of the picture protocol from another.
+// The fields in which one signed request of the picture protocol differs from another.
 struct SPictureRequest {
   std::string method = "GET";
   std::string base;         // scheme, host and port
   std::string resource;     // path and query
-  std::string host;         // value of the Host header; empty: that of `base`
-  std::string form_type;    // content type as it is sent, of a form
+  std::string host;         // value of the Host header; empty stands for that of `base`
+  std::string form_type;    // content type of a form, as it is sent
   std::string signed_type;  // content type as it is signed
   std::string body;
   std::uint64_t max_answer_bytes = 0;
 };
 
-// One operation is one HTTP request, or two when a download is redirected; nothing is tried again. Made for one call of
-// a client: it keeps the serial id that ties a best-node request to its upload. Only status 200 is success. Errors:
-// false, a log line and Failure(). Threads: one at a time.
+// Sends the requests of one call of a client, and keeps the serial id that ties a best-node request to its upload. Each
+// member sends one HTTP request, or two when a download is redirected; no request is repeated. Only status 200 is
+// success. Errors: a member returns false, writes a log line and leaves the reason in Failure(). Threads: one at a
+// time.
 class CPicProtoClient : private TansyBase::CNoncopyable {
  public:
   // `conf` is not empty.
@@ -34,23 +35,23 @@ class CPicProtoClient : private TansyBase::CNoncopyable {
 
   // Asks the server that the configuration names which gateway takes the upload.
   bool GetBestNode(std::string& address, std::string& port, std::string& token);
-  // Scheme, host and port of that gateway.
+  // Gives scheme, host and port of that gateway.
   std::string GatewayLocation(const std::string& address, const std::string& port) const;
-  // Uploads to the gateway with the token it gave; `url` becomes the picture's address.
+  // Uploads to the gateway with the token that it gave; `url` becomes the picture's address.
   bool UploadPic(std::string& url, const std::string& location, const std::string& token, const char* data,
                  std::uint32_t size);
-  // `url` is a path, or an absolute URL of the configured server; any other is refused before anything is sent. `*data`
-  // is new[]-allocated and the caller's.
+  // `url` is a path, or an absolute URL of the configured server; any other text is refused before anything is sent.
+  // `*data` is new[]-allocated and belongs to the caller.
   bool DownloadPic(char** data, std::uint32_t& size, const std::string& url);
 
-  // Signs and sends; true whatever the answer's status.
+  // Signs and sends a request; it returns true whatever the answer's status.
   bool SendObjectMsg(SHttpExchange& exchange, const SPictureRequest& parts);
 
-  // Why the operation that returned false did so.
+  // Says why the operation that returned false did so.
   const SClientFailure& Failure() const { return failure_; }
 
  private:
-  // Where a picture is asked for. False when that is no server that the client may sign for.
+  // Finds the place to ask for a picture. Returns false when that is no server that the client may sign for.
   bool LocatePicture(SPictureRequest& parts, const std::string& url);
   bool FollowRedirect(SHttpExchange& exchange, const SPictureRequest& first);
   std::string UploadBody(const std::string& token, const char* data, std::uint32_t size) const;

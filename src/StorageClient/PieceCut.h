@@ -8,21 +8,21 @@
 
 namespace Tansy::CloudStorage {
 
-// The client cuts no parts that are smaller than this, except for the last one of an object: an upload would need too
-// many requests.
+// The client cuts no parts that are smaller than this, except for the last part of an object, because an upload would
+// need too many requests.
 inline constexpr std::uint32_t kMinCutPartBytes = 65536;
 
-// What one piece of a piecewise upload turns into.
+// The result of cutting one piece of a piecewise upload.
 struct SPieceCut {
   std::vector<std::string_view> parts;  // in upload order; they point into the piece and into `joined`
   std::string joined;                   // the bytes kept from earlier pieces and the first ones of this piece
   std::string tail;                     // bytes that wait for the next piece
 };
 
-// The server stores part n at (n - 1) times the size of part 1, so every part but the last has that size. A piece that
-// fits goes out as it is: one of `part_size` bytes, or a smaller last one. Any other is cut, and what is left over is
-// kept and gathered with the pieces that follow. `tail` is what earlier pieces left. False when the piece has to be cut
-// and the parts would be smaller than kMinCutPartBytes.
+// Cuts a piece into parts. The server stores part n at (n - 1) times the size of part 1, so every part but the last
+// must have that size. A piece that fits goes out as it is: a piece of `part_size` bytes, or a smaller last one. Any
+// other piece is cut, and what is left over is kept and gathered with the pieces that follow. `tail` is what earlier
+// pieces left. Returns false when the piece has to be cut and the parts would be smaller than kMinCutPartBytes.
 bool CutPiece(SPieceCut& cut, const std::string& tail, std::string_view piece, std::uint32_t part_size, bool last);
 
 }  // namespace Tansy::CloudStorage

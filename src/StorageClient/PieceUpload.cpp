@@ -12,7 +12,7 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Runs on every way out of a scope, thrown ones included, unless it is dismissed.
+// Runs its action on every way out of a scope, an exception included, unless it is dismissed.
 template <class Undo>
 class CRollback {
  public:
@@ -97,7 +97,7 @@ bool CPieceUpload::SendFirst(std::string_view piece, bool last) {
   if (!BeginTask() || !SendPart(first_number_, piece) || !AddTask()) {
     return false;
   }
-  // After a first piece that failed the caller begins again with a first piece.
+  // When the first piece fails, the task is forgotten, so that the caller begins again with a first piece.
   details::CRollback forget([this] { registry_.RemoveTask(task_.key); });
   if (!AddPiece(first_number_, piece)) {
     return false;
@@ -126,7 +126,7 @@ bool CPieceUpload::SendLater(std::string_view piece, bool last) {
   }
   std::int32_t number = first_number_;
   for (const std::string_view part : cut.parts) {
-    // Nothing is recorded of a piece that fails here. When it is sent again its parts get the same numbers.
+    // A piece that fails here leaves no record. When it is sent again, its parts get the same numbers.
     if (!SendPart(number++, part)) {
       return false;
     }
@@ -141,7 +141,7 @@ bool CPieceUpload::SendLater(std::string_view piece, bool last) {
     if (!FinishTask()) {
       return false;
     }
-    // The entry is gone. If there is one of this name now, it belongs to another upload.
+    // The entry is gone. If there is an entry of this name now, it belongs to another upload.
     end_piece.Dismiss();
   } else {
     registry_.SetTail(task_.key, std::move(tail));

@@ -15,31 +15,31 @@
 
 namespace Tansy::CloudStorage {
 
-// One piece of one object. The exported functions differ in how a first piece is told, in the key and in what becomes
-// of an object of one piece; what is the same is here, and logs under their names.
+// Sends one piece of one object. The exported functions differ in how they recognise a first piece, in the key, and in
+// how they store an object of one piece. What they have in common is here, and writes its log lines under their names.
 //
 // A piece counts as a whole or not at all: after a failure the upload is as it was before, so that the caller may send
-// the piece again, a last one included.
+// the piece again; this holds for the last piece too.
 class CPieceUpload : private TansyBase::CNoncopyable {
  public:
   // `caller` is the exported function that log lines name.
   explicit CPieceUpload(const details::Caller& caller) : caller_(caller) {}
 
-  // False when `conf` is empty; nothing else may then be called.
+  // Returns false when `conf` is empty; no other member may be called then.
   bool Init(const std::shared_ptr<ObjectImpl>& conf);
 
-  // For keys that callers choose: a trace line names the key once the piece is recorded.
+  // Asks for a trace line that names the key once the piece is recorded. It is meant for keys that callers choose.
   void TraceRecordedKey() { trace_recorded_key_ = true; }
 
   void SetNewKey();
   void SetKey(const std::string& key);
-  // The text after the last "/" of the URL that came with the first piece.
+  // Takes the text after the last "/" of the URL that came with the first piece as the key.
   bool SetKeyOfUrl(const std::string& url);
   const std::string& Key() const { return key_; }
 
-  // Sets `url` to that of the object when the piece is a first one.
+  // Sends the piece. Sets `url` to that of the object when the piece is the first one.
   bool Send(std::string& url, std::string_view piece, bool first, bool last);
-  // The object in one request instead.
+  // Sends the whole object in one request instead.
   bool SendWhole(std::string& url, std::string_view object);
 
  private:
@@ -65,7 +65,7 @@ class CPieceUpload : private TansyBase::CNoncopyable {
   bool trace_recorded_key_ = false;
   std::string key_;
   PieceTask task_;
-  std::int32_t first_number_ = 1;  // of the parts of this piece
+  std::int32_t first_number_ = 1;  // number of this piece's first part
 };
 
 }  // namespace Tansy::CloudStorage

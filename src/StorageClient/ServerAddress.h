@@ -7,16 +7,17 @@
 
 namespace Tansy::CloudStorage {
 
-// "https://" or "http://", as configured.
+// Gives "https://" or "http://", as configured.
 const char* Scheme(const SStorageServerConfig& config);
 
-// "address:port" as URLs and Host headers write it: an IPv6 address goes into brackets, unless it has them.
+// Writes "address:port" as URLs and Host headers do: an IPv6 address gets brackets unless it has them.
 std::string HostAndPort(const std::string& address, const std::string& port);
 
-// The same for a text that holds both. Servers may name an IPv6 node without brackets: its port follows the last colon.
+// Does the same for a text that holds both. Servers may name an IPv6 node without brackets: its port follows the last
+// colon.
 std::string NodeAddress(const std::string& node);
 
-// What stands between the scheme and the path of an absolute URL.
+// Gives the text between the scheme and the path of an absolute URL.
 std::string AddressOfUrl(const std::string& url);
 
 // True when `url` is absolute and names the configured server: its scheme, its name or address, and one of its ports.

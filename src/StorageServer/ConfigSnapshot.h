@@ -8,12 +8,12 @@
 
 namespace Tansy::CloudStorage {
 
-// The current value of a record that is replaced as a whole. A request takes one snapshot at its beginning and works
-// with it to its end; an update publishes a changed copy, which the next request sees. A snapshot stays valid as long
-// as somebody holds it, whatever is published meanwhile.
+// Holds the current value of a record that is replaced as a whole. A request takes one snapshot at its beginning and
+// works with it to its end; an update publishes a changed copy, which the next request sees. A snapshot stays valid as
+// long as somebody holds it, whatever is published meanwhile.
 //
-// Threads: every member but the destructor may be called from any thread at any time. A reader holds the lock for as
-// long as it takes to copy a pointer, and never waits for an update to be made.
+// Threads: every member except the destructor may be called from any thread at any time. A reader holds the lock only
+// while it copies a pointer, and never waits while an update is being prepared.
 template <typename Record>
 class CConfigSnapshot {
  public:
@@ -24,7 +24,7 @@ class CConfigSnapshot {
   CConfigSnapshot(const CConfigSnapshot&) = delete;
   CConfigSnapshot& operator=(const CConfigSnapshot&) = delete;
 
-  // The current record; never null.
+  // Gives the current record; it is never null.
   Pointer Load() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return record_;
@@ -36,8 +36,8 @@ class CConfigSnapshot {
     Publish(std::make_shared<const Record>(std::move(record)));
   }
 
-  // Replaces the record by a copy that `change(Record&)` has altered. Updates are made one after another, so that of
-  // two at once none is lost. What `change` throws reaches the caller, and the record stays as it is.
+  // Replaces the record by a copy that `change(Record&)` has altered. Updates are made one after another, so that two
+  // updates at the same time both count. What `change` throws reaches the caller, and the record stays as it is.
   template <typename Change>
   void Update(const Change& change) {
     const std::lock_guard<std::mutex> update(update_mutex_);
@@ -47,7 +47,7 @@ class CConfigSnapshot {
   }
 
  private:
-  // The old record is given back outside the lock: its destruction may take longer than its exchange.
+  // The old record is released outside the lock, because destroying it may take longer than exchanging it.
   void Publish(Pointer record) {
     const std::lock_guard<std::mutex> lock(mutex_);
     record_.swap(record);

@@ -11,10 +11,10 @@ struct FreeDeleter {
   void operator()(char* data) const { std::free(data); }
 };
 
-// What a read callback of the host's handed over, allocated with malloc.
+// Owns what a read callback of the host handed over, allocated with malloc.
 struct HostBuffer {
-  // Takes the buffer of a read with this result. Only a successful read hands one over; what a failed one leaves behind
-  // stays the host's.
+  // Takes the buffer of a read with this result. Only a successful read hands over a buffer; what a failed read leaves
+  // behind stays the host's.
   void Take(int result, char* delivered, std::uint32_t bytes) {
     if (result == 0) {
       data.reset(delivered);

@@ -6,20 +6,20 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Where a client says it reached the server, as its Host header has it.
+// The address at which a client says it reached the server, as its Host header has it.
 struct HostField {
   std::string host;                      // without the brackets of an IPv6 address
-  std::optional<std::string> port_text;  // what follows the colon; none without a colon
+  std::optional<std::string> port_text;  // text after the colon; nothing when there is no colon
 };
 
-// Takes "host:port" and "[IPv6 address]:port" apart. In the second form the colon is the one behind the bracket, in the
-// first form it is the first one.
+// Splits "host:port" and "[IPv6 address]:port". In the second form the colon behind the bracket counts, in the first
+// form the first colon.
 HostField ParseHostField(const std::string& value);
 
-// "127.0.0.1" and "::1".
+// Returns true for "127.0.0.1" and "::1".
 bool IsLoopback(const std::string& host);
 
-// A host as an address with a port takes it: an IPv6 address gets its brackets.
+// Writes a host as it stands before a port: an IPv6 address gets brackets.
 std::string InBrackets(const std::string& host);
 
 }  // namespace Tansy::CloudStorage::details

@@ -16,7 +16,7 @@ bool CIInterfaceManager::Init(const std::shared_ptr<KivPlatform::IFactoryInterfa
     CLOUD_LOG(logging::kError, "[%s]i_factory_interface id nullptr[%s(%d)]");
     return false;
   }
-  // The host is asked outside the lock: what it does in there is its own business.
+  // The host is asked outside the lock, because nobody here knows what its function does or waits for.
   std::shared_ptr<KivPlatform::IDatabaseParam> database_param = factory->GetDatabaseParam();
   std::shared_ptr<KivPlatform::IConfigManager> config_manager = factory->GetConfigManager();
   const std::lock_guard<std::mutex> lock(mutex_);

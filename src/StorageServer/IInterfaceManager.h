@@ -20,10 +20,10 @@ class CIInterfaceManager : private TansyBase::CNoncopyable {
  public:
   static CIInterfaceManager& Instance();
 
-  // Asks the factory for both interfaces. False, and nothing kept, when there is no factory.
+  // Asks the factory for both interfaces. Returns false and keeps nothing when there is no factory.
   bool Init(const std::shared_ptr<KivPlatform::IFactoryInterface>& factory);
 
-  // Null before Init, and when the host has no such interface.
+  // Both return null before Init, and when the host has no such interface.
   std::shared_ptr<KivPlatform::IDatabaseParam> GetDatabaseParam() const;
   std::shared_ptr<KivPlatform::IConfigManager> GetConfigManager() const;
 

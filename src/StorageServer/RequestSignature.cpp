@@ -28,7 +28,7 @@ void AppendExtensionHeaders(std::string& text, const TansyNet::Headers& headers)
 }  // namespace details
 
 const std::string& HeaderOrEmpty(const TansyNet::Headers& headers, const std::string& name) {
-  // Not destroyed at the end of the process: requests may still be on their way then.
+  // The text is not destroyed at the end of the process, because requests may still be under way then.
   static const std::string& empty = *new std::string;
   const auto header = headers.find(name);
   return header != headers.end() ? header->second : empty;

@@ -1,4 +1,4 @@
-// What a request's signature is made of, on the server's side. Any thread.
+// The texts that a request's signature is made of, on the server's side. Threads: any.
 #ifndef TANSY_SRC_STORAGE_SERVER_REQUEST_SIGNATURE_H
 #define TANSY_SRC_STORAGE_SERVER_REQUEST_SIGNATURE_H
 
@@ -10,16 +10,16 @@
 
 namespace Tansy::CloudStorage {
 
-// The value of a header, "" when the request has none of this name. Lives as long as the headers.
+// Gives the value of a header, or "" when the request has none of this name. The text lives as long as the headers.
 const std::string& HeaderOrEmpty(const TansyNet::Headers& headers, const std::string& name);
 
-// What a query's token stands behind. The token signs the query in front of this.
+// This text comes before a query's token. The token signs the query in front of it.
 inline constexpr std::string_view kTokenParameter = "&token=";
-// The part of a query that means anything: up to the end of its token, else all of it. What follows a token is signed
-// by nobody, so it says nothing. Lives as long as the request.
+// Gives the part of a query that counts: up to the end of its token, or all of it when there is no token. What follows
+// a token is not signed, so it is ignored. The text lives as long as the request.
 std::string_view QueryOf(const TansyNet::HttpServerRecv& request);
 
-// An Authorization value "quorvane ak:signature" taken apart.
+// The pieces of an Authorization value "quorvane ak:signature".
 struct Authorization {
   std::string ak;
   std::string signature;
@@ -38,8 +38,8 @@ AuthorizationForm ParseAuthorization(Authorization& authorization, std::string_v
 std::string BuildSignText(const TansyNet::HttpServerRecv& request, std::string_view content_type, std::string_view date,
                           std::string_view query);
 
-// True when `signature` is the one that the server's secret key makes of `sign_text`. A server with an empty access key
-// or an empty secret key knows no signature at all: anybody could make it.
+// Returns true when `signature` is the one that the server's secret key makes of `sign_text`. A server whose access key
+// or secret key is empty accepts no signature, because anybody could make it.
 bool IsSignedWith(const StorageServerConfig& config, const std::string& sign_text, const std::string& signature);
 
 }  // namespace Tansy::CloudStorage

@@ -15,12 +15,12 @@ namespace {
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
-// Independent of the locale, unlike isalnum: what an escape means must not depend on where the host runs.
+// This does not depend on the locale, unlike isalnum, because an escape must mean the same wherever the host runs.
 bool IsLetterOrDigit(unsigned char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-// Value of a hexadecimal digit; -1 for anything else.
+// Gives the value of a hexadecimal digit; -1 for anything else.
 int HexValue(char c) {
   if (c >= '0' && c <= '9') {
     return c - '0';
@@ -34,7 +34,8 @@ int HexValue(char c) {
   return -1;
 }
 
-// The byte that the three characters at `text` stand for; -1 when they are no escape, or one of a letter or a digit.
+// Gives the byte that the three characters at `text` stand for; -1 when they are no escape, or the escape of a letter
+// or a digit.
 int EscapedByte(const char* text, std::int32_t remaining) {
   if (remaining < 3 || text[0] != '%') {
     return -1;
@@ -114,7 +115,7 @@ std::string Fingerprint(std::string_view text) {
 
 bool CheckHMACResult(const std::string& text, const std::string& sk, const std::string& signature) {
   const std::string expected = SignHmacSha1(text, sk);
-  // An empty expectation means that there is no signature to compare with, and must not match an empty one.
+  // An empty expected value means that there is no signature to compare with, so it must not match an empty signature.
   return !expected.empty() && expected.size() == signature.size() &&
          CRYPTO_memcmp(expected.data(), signature.data(), expected.size()) == 0;
 }

@@ -1,5 +1,5 @@
-// Text helpers of the two servers: query text and the check of signatures. What the clients need too is in Common/, and
-// comes along.
+// Text helpers of the two servers: query text and the check of signatures. It includes Common/, which holds what the
+// clients need too.
 // Threads: all may be called from any thread; nothing throws.
 #ifndef TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
 #define TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
@@ -14,19 +14,20 @@
 
 namespace Tansy::CloudStorage {
 
-// Percent-decoding of query text: "+" becomes a blank, "%XX" its byte, except that escaped letters and digits stay
-// escaped. False when `output_size` is less than `input_length`.
+// Decodes percent-encoded query text: "+" becomes a blank, "%XX" its byte, except that escaped letters and digits stay
+// escaped. Returns false when `output_size` is less than `input_length`.
 // Fixed: docs/compatibility.md, "Paths and queries".
 bool UrlQueryDecode(char* output, std::int32_t output_size, const char* input, std::int32_t input_length);
-// The decoded text, or the text itself when it cannot be decoded.
+// Gives the decoded text, or the text itself when it cannot be decoded.
 std::string DecodeHttpUrlQuery(const std::string& text);
-// Splits "a=1&b=2" into `values`; pieces without "=" are skipped, a later key overwrites an earlier one. Always 0.
+// Splits "a=1&b=2" into `values`; pieces without "=" are skipped, and a later key overwrites an earlier one. Always
+// returns 0.
 std::int32_t ParseHttpUrlQuery(std::map<std::string, std::string>& values, const std::string& query);
 
-// A short text that differs for different texts: hexadecimal digits that do not tell what they were made of. Empty when
-// the library refuses.
+// Gives a short text that differs for different texts: hexadecimal digits that do not show what they were made of. It
+// is empty when the library refuses.
 std::string Fingerprint(std::string_view text);
-// True when `signature` is that of `text` under `sk`, byte for byte, compared in constant time.
+// Returns true when `signature` is that of `text` under `sk`, byte for byte; the comparison takes constant time.
 bool CheckHMACResult(const std::string& text, const std::string& sk, const std::string& signature);
 
 }  // namespace Tansy::CloudStorage

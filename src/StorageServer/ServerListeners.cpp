@@ -14,7 +14,7 @@ TansyNet::HttpsServer DefaultCertificate() {
   return tls;
 }
 
-// Opens a listener with `start(handle, port)` and puts it in the place of the one that is open.
+// Opens a listener with `start(handle, port)` and puts it in the place of the listener that is open.
 template <class Start>
 int Replace(Listener& listener, std::uint32_t port, const Start& start) {
   Listener fresh;

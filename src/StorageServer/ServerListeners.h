@@ -1,4 +1,4 @@
-// Opening and closing the listeners of the two servers. Each function returns 0 or the HTTP library's error.
+// Opens and closes the listeners of the two servers. Each function returns 0 or the HTTP library's error.
 #ifndef TANSY_SRC_STORAGE_SERVER_SERVER_LISTENERS_H
 #define TANSY_SRC_STORAGE_SERVER_SERVER_LISTENERS_H
 
@@ -11,21 +11,21 @@ namespace Tansy::CloudStorage::details {
 inline constexpr const char* kAnyIpv4 = "0.0.0.0";
 inline constexpr const char* kAnyIpv6 = "::";
 
-// One listener of a server. Of each address a server has at most one with TLS and one without.
+// One listener of a server. Per address, a server has at most one listener with TLS and one without.
 struct Listener {
-  std::int32_t handle = 0;  // 0: not open
+  std::int32_t handle = 0;  // 0 when it is not open
   std::uint16_t port = 0;
 };
 
-// Opens a listener. One that is open at this port already stays as it is, so that a start that failed half-way can be
-// tried again; one at another port is stopped once the new one is open, and stays when it cannot be opened. Ports are
-// read as 16 bits.
+// Opens a listener. A listener that is open at this port already stays as it is, so that a start that failed half-way
+// can be repeated. A listener at another port is stopped once the new one is open, and stays when the new one cannot be
+// opened. Ports are read as 16 bits.
 int StartListener(Listener& listener, const char* address, std::uint32_t port,
                   TansyNet::CHttpServer::RecvCallback callback);
-// The same with TLS and the default certificate, which lies below the executable's folder.
+// Does the same with TLS and the default certificate, which lies below the executable's folder.
 int StartTlsListener(Listener& listener, const char* address, std::uint32_t port,
                      TansyNet::CHttpServer::RecvCallback callback);
-// A stopped listener is forgotten, so that a stop that failed half-way can be tried again.
+// Stops a listener. A stopped listener is forgotten, so that a stop that failed half-way can be repeated.
 int StopListener(Listener& listener);
 
 }  // namespace Tansy::CloudStorage::details

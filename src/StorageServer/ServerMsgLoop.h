@@ -8,13 +8,13 @@
 
 namespace Tansy::CloudStorage {
 
-// The message loop on which both servers answer their requests. The picture server starts and stops it; what the object
-// server posts before that waits.
+// The message loop on which both servers answer their requests. The picture server starts and stops it. Tasks that the
+// object server posts before the start wait.
 class CServerMsgLoop : public TansyBase::CMessageLoopDyThreadPool {
  public:
-  static constexpr int kThreads = 4;                   // while it runs, neither more nor less
-  static constexpr int kIdleSeconds = 5;               // of no meaning while the number of threads is fixed
-  static constexpr std::size_t kMaxWorkTasks = 20001;  // waiting and running; from so many on requests are refused
+  static constexpr int kThreads = 4;                   // exactly this many while it runs
+  static constexpr int kIdleSeconds = 5;               // has no effect while the number of threads is fixed
+  static constexpr std::size_t kMaxWorkTasks = 20001;  // waiting and running; at this number requests are refused
 
   static CServerMsgLoop& Instance();
 

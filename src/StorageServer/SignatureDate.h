@@ -6,15 +6,15 @@
 
 namespace Tansy::CloudStorage {
 
-// How far the Date of a signed header may be from the clock, in minutes and for both servers; 0 compares nothing. Any
-// thread.
+// Sets how far the Date of a signed header may be from the clock, in minutes and for both servers; 0 compares nothing.
+// Threads: any.
 void SetDateWindow(std::uint32_t minutes);
 std::uint32_t DateWindow();
 
-// True when `date`, the value of a Date header, lies inside the window, and whenever there is no window.
+// Returns true when `date`, the value of a Date header, lies inside the window, and always when there is no window.
 bool IsDateInWindow(std::string_view date);
 
-// True when `expires`, a number of seconds since 1970 in decimal digits, names a moment that is not past.
+// Returns true when `expires`, a number of seconds since 1970 in decimal digits, names a moment that is not past.
 bool IsNotExpired(std::string_view expires);
 
 }  // namespace Tansy::CloudStorage

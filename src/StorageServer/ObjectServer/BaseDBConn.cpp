@@ -8,7 +8,7 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// The name under which the host's database library knows the module: the database of the platform itself.
+// The name under which the host's database library knows the module; it stands for the database of the platform itself.
 constexpr const char* kDatabaseModule = "platform";
 
 }  // namespace

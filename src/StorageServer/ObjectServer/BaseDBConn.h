@@ -15,22 +15,23 @@ struct DBParam;
 
 namespace Tansy::CloudStorage {
 
-// The module's way to the host's database library. Threads: any; the pool behind it is the only state. Every failure is
-// a log line and false or an empty pointer.
+// The module's way to the host's database library. Threads: any; the pool behind it is the only state. Errors: every
+// failure writes a log line and returns false or an empty pointer.
 class CBaseDBLayerConn : private TansyBase::CNoncopyable {
  public:
   static CBaseDBLayerConn& Instance();
 
-  // Names the database of the module, opens its pool. May be called again.
+  // Names the database of the module and opens its pool. It may be called again.
   bool RegisterModule(const db_layer::DBParam& param);
-  // Why the last try to reach the database failed; empty when it did not.
+  // Says why the last try to reach the database failed; the text is empty when it did not fail.
   std::string LastError() const;
   // Hands changed parameters to the pool.
   bool ResetParam(const db_layer::DBParam& param);
 
-  // A pooled connection, given back when the last copy of the pointer is gone. Empty on failure.
+  // Gives a pooled connection, which returns to the pool when the last copy of the pointer is gone. The pointer is
+  // empty on failure.
   std::shared_ptr<db_layer::CConnect> ApplyConn();
-  // Runs one statement without rows on a connection of its own. True when it is committed.
+  // Runs one statement without rows on a connection of its own. Returns true when it is committed.
   bool Execute(const std::string& sql);
   // Runs statements without rows in one transaction: all of them are committed, or none.
   bool Execute(const std::vector<std::string>& statements);

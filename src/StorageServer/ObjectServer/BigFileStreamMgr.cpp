@@ -10,8 +10,8 @@ namespace Tansy::CloudStorage::details {
 
 namespace {
 
-// A client that goes away in the middle of its upload leaves its record behind, because nobody tells. Past this many
-// records those that have not grown for so long are dropped.
+// A client that goes away in the middle of its upload leaves its record behind, because nobody reports that. When there
+// are more records than this, those that have not grown for the time below are dropped.
 constexpr std::size_t kManyStreams = 1024;
 constexpr std::time_t kAbandonedSeconds = std::time_t{6} * 3600;
 constexpr std::time_t kSweepSeconds = 60;
@@ -121,7 +121,7 @@ bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data,
   const auto offset = static_cast<std::uint32_t>(stream->info.size);
   const StreamSaveCallback callback = save_callback_;
 
-  // The storage may take its time; receiving threads, waiting handlers and other uploads must not wait with it.
+  // The storage may take its time, and receiving threads, waiting handlers and other uploads must not wait with it.
   lock.unlock();
   const int result = StreamSave(callback, {data, size}, offset, location);
   if (result != kStorageOk) {
@@ -187,7 +187,7 @@ std::vector<std::string> CBigFileStreamMgr::LocationsUnderWay(
       in_doubt.push_back(session_id);
     }
   }
-  // The HTTP library is asked without the lock: what it holds while it answers is its own business.
+  // The HTTP library is asked without the lock, because it may take locks of its own to answer.
   lock.unlock();
   std::erase_if(in_doubt, is_open);
   lock.lock();
@@ -215,7 +215,7 @@ void CBigFileStreamMgr::End(std::uint32_t session_id, Stream& stream, StreamEnd 
     ended_[next_ended_] = session_id;
     next_ended_ = (next_ended_ + 1) % ended_.size();
   }
-  stream = Stream{};  // what it held is of no use any more
+  stream = Stream{};  // releases what the ended stream held
   stream.end = end;
   changed_.notify_all();
 }

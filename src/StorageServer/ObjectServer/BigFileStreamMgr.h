@@ -1,4 +1,4 @@
-// Uploads that arrive in pieces: how far each has come, and the storing of their pieces.
+// Uploads that arrive in pieces: this stores the pieces and knows how far each upload has come.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BIG_FILE_STREAM_MGR_H
 
@@ -22,11 +22,11 @@
 
 namespace Tansy::CloudStorage::details {
 
-// How a stream ended before all of its bytes were there.
+// Says how a stream ended before all of its bytes were there.
 enum class StreamEnd {
-  kNone,      // it did not, as far as is known
+  kNone,      // it did not end early, as far as is known
   kFailed,    // a piece could not be stored; the request is still to be answered
-  kAnswered,  // the request has its answer; further pieces mean nothing
+  kAnswered,  // the request has its answer; further pieces are ignored
 };
 
 // One record for each streamed upload, from its first piece until its handler has written its row. In a record `size`
@@ -38,31 +38,32 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
  public:
   static CBigFileStreamMgr& Instance();
 
-  // Always true.
+  // Always returns true.
   bool SetSaveCallback(StreamSaveCallback callback);
-  // False when the id has a record already.
+  // Returns false when the id has a record already.
   bool RegisterStream(std::uint32_t session_id);
   bool IsStreamAbsent(std::uint32_t session_id) const;
-  // Copies the record; false when there is none.
+  // Copies the record; returns false when there is none.
   bool GetStreamInfo(ObjectInfo& info, std::uint32_t session_id) const;
   bool RemoveStream(std::uint32_t session_id);
-  // Appends a piece. False when there is no record or the storage refuses.
+  // Appends a piece. Returns false when there is no record or the storage refuses.
   bool UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size, const std::string& bucket_name);
 
-  // Waits until the stream holds another number of bytes than `seen_size` or has no record. False after `timeout`, but
-  // not while one of its pieces is with the storage or in line for it: those bytes are here, however long it takes.
+  // Waits until the stream holds another number of bytes than `seen_size` or has no record. Returns false after
+  // `timeout`; but while the storage works on one of its pieces, or a piece waits for its turn there, the wait goes on,
+  // because those bytes have arrived, however long the storage takes.
   bool WaitForChange(std::uint32_t session_id, std::uint64_t seen_size, std::chrono::milliseconds timeout) const;
 
-  // Ends the stream and remembers why, so that a piece that comes later is not taken for the first of a new upload.
-  // Needs no memory when there is a record.
+  // Ends the stream and remembers why, so that a piece that comes later is not taken for the first piece of a new
+  // upload. This needs no memory when there is a record.
   void EndStream(std::uint32_t session_id, StreamEnd end);
   StreamEnd EndOf(std::uint32_t session_id) const;
-  // From now on the record belongs to the handler, which alone removes it.
+  // Says that from now on the record belongs to the handler, and only the handler removes it.
   void NoteLastPiece(std::uint32_t session_id);
 
-  // What the storage callback left for each upload that may still become an object: its request is open, or its last
-  // piece has come, or one of its pieces is with the storage. Uploads of which none is true, because their client is
-  // gone, are ended.
+  // Gives what the storage callback left for each upload that may still become an object: its request is open, or its
+  // last piece has come, or one of its pieces is with the storage. When none of these is true, the client is gone and
+  // the upload is ended.
   std::vector<std::string> LocationsUnderWay(const std::function<bool(std::uint32_t session_id)>& is_open);
 
  private:
@@ -76,15 +77,16 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
     int pieces_under_way = 0;  // calls of UploadStream
     bool last_piece_came = false;
     std::time_t last_change = 0;
-    StreamEnd end = StreamEnd::kNone;  // of an ended stream nothing but this counts
+    StreamEnd end = StreamEnd::kNone;  // when it is not kNone, no other field counts
     // Held while a piece of this stream is being stored; taken before mutex_.
     std::shared_ptr<std::mutex> store_mutex;
   };
   using Streams = std::map<std::uint32_t, Stream>;
-  // More than there are connections, so that the end of every stream that may still send is remembered.
+  // This is more than the possible number of connections, so that the end of every stream that may still send is
+  // remembered.
   static constexpr std::size_t kRememberedEnds = 16384;
 
-  // All with mutex_ held. Finds a stream that has not ended; null when there is none.
+  // These are called with mutex_ held. Find gives a stream that has not ended; null when there is none.
   Stream* Find(std::uint32_t session_id);
   const Stream* Find(std::uint32_t session_id) const;
   void End(std::uint32_t session_id, Stream& stream, StreamEnd end);
@@ -96,7 +98,8 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
   Streams streams_;
   std::size_t live_ = 0;  // streams that have not ended
   std::time_t last_sweep_ = 0;
-  // The streams that ended last; the next one to end takes the place of the oldest, which is then forgotten.
+  // A ring of the streams that ended last: the next stream to end takes the place of the oldest, which is then
+  // forgotten.
   std::array<std::uint32_t, kRememberedEnds> ended_{};
   std::size_t next_ended_ = 0;
 };

@@ -11,7 +11,7 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// The flag with which a host says that it means the bucket to be made.
+// A host sets this flag to confirm that it wants the bucket to be made.
 constexpr std::uint32_t kAddBucketFlag = 1;
 
 }  // namespace

@@ -24,15 +24,15 @@ struct ObjectTaskInfo {
   std::string url;
 };
 
-// What is known of the part size of a multipart upload.
+// What is known about the part size of a multipart upload.
 struct PartSizeInfo {
-  std::uint32_t first_part_num = 0;  // number of the first part that arrived; 0 while none did
+  std::uint32_t first_part_num = 0;  // number of the part that arrived first; 0 before any part has arrived
   std::uint32_t first_part_size = 0;
-  std::uint32_t part_size = 0;             // of every part but the last; 0 while not settled
+  std::uint32_t part_size = 0;             // size of every part but the last; 0 while it is not settled
   std::string first_part_path;             // file that holds the first part
-  std::string reserve;                     // carried, not used by the catalogue
+  std::string reserve;                     // carried along, not used by the catalogue
   std::shared_ptr<std::mutex> file_mutex;  // shared by all writers of the task
-  bool is_lost = false;                    // parts arrived before a restart, and the first one cannot be found again
+  bool is_lost = false;  // parts arrived before a restart, and the part that arrived first cannot be found again
 };
 
 // Objects of a bucket are ordered by name alone, byte by byte. A look-up takes the name as it is, without making a

@@ -28,8 +28,8 @@ bool IsExpired(const std::string& task_id) {
   return CObjectStorageManager::Instance().GetTaskAge(task_id, age) && age > kExpirySeconds;
 }
 
-// A task that somebody works on at this moment is not abandoned, however old: a part or a completion finds it to its
-// end.
+// Skips a task that somebody works on at this moment, however old it is: a part or a completion that has found its task
+// may go on to the end.
 void SweepTask(const std::string& task_id) {
   auto& manager = CObjectStorageManager::Instance();
   std::shared_ptr<std::mutex> task_mutex;

@@ -6,9 +6,10 @@
 
 namespace Tansy::CloudStorage {
 
-// Forgets multipart upload tasks whose lowest-numbered part was last written more than three days ago: once at its
-// start, then once a day, in the hour after midnight (UTC), given that it is started with a period of an hour. Stored
-// bytes and temporary files stay. A time of day that is set, in either direction, makes no task older or younger.
+// Forgets multipart upload tasks whose lowest-numbered part was last written more than three days ago. It does so once
+// at its start, then once a day in the hour after midnight (UTC), provided that it is started with a period of an hour.
+// Stored bytes and temporary files stay. When somebody sets the clock, in either direction, no task becomes older or
+// younger.
 class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
  public:
   static CCleanExpiredTaskThread& Instance();
@@ -16,7 +17,7 @@ class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
   CCleanExpiredTaskThread() : CSingleBaseThread("tansy-sweep") {}
   ~CCleanExpiredTaskThread() override;
 
-  // One call of the thread. Not for more than one thread at a time.
+  // Is called once per period, by one thread at a time.
   void OnTimer() override;
 
  private:

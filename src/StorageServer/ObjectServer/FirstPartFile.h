@@ -1,5 +1,5 @@
-// The file that holds the first part of a multipart upload to arrive, until the completion. Its name says whose it is
-// and which part, so that an upload can go on after a restart.
+// The file that holds the part of a multipart upload that arrived first, until the completion. Its name says to which
+// upload it belongs and which part it is, so that an upload can go on after a restart.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_FIRST_PART_FILE_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_FIRST_PART_FILE_H
 
@@ -10,7 +10,7 @@ namespace Tansy::CloudStorage::details {
 
 std::string FirstPartPath(const std::string& upload_id, std::uint32_t number);
 
-// The size of such a file; false when there is none, and 0 when it cannot be read.
+// Gives the size of such a file, which is 0 when it cannot be read. Returns false when there is no such file.
 bool FirstPartSize(const std::string& path, std::uint64_t& size);
 
 }  // namespace Tansy::CloudStorage::details

@@ -9,21 +9,21 @@
 
 namespace Tansy::CloudStorage {
 
-// Puts work on one name in line and lets work on different names go on side by side: each name has one of `Stripes`
-// mutexes. A thread holds one name, or all of them, never two. Threads: any.
+// Serialises work on one name, while work on different names goes on side by side: each name belongs to one of
+// `Stripes` mutexes. A thread may hold one name or all of them, never two. Threads: any.
 template <std::size_t Stripes>
 class CKeyLocks {
  public:
   using Guard = std::unique_lock<std::mutex>;
   using AllGuard = std::array<Guard, Stripes>;
 
-  // Holds a name of a group ("bucket" and "key"); the group may be empty.
+  // Locks a name of a group ("bucket" and "key"); the group may be empty.
   [[nodiscard]] Guard Lock(std::string_view group, std::string_view name) {
     const std::hash<std::string_view> hash;
     return Guard(stripes_[(hash(group) * 31 + hash(name)) % Stripes]);
   }
 
-  // Holds every name. Taken in one order, so two of these cannot block each other.
+  // Locks every name. The mutexes are taken in a fixed order, so two such calls cannot block each other.
   [[nodiscard]] AllGuard LockAll() {
     AllGuard guards;
     for (std::size_t i = 0; i < Stripes; ++i) {

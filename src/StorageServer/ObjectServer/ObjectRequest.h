@@ -12,8 +12,8 @@
 
 namespace Tansy::CloudStorage {
 
-// A request as its handler gets it: what was delivered, and what the opening made of it. Lives as long as the call of
-// the handler; message and configuration outlive it.
+// A request as its handler receives it: what was delivered, and what the opening made of it. It lives as long as the
+// call of the handler; message and configuration outlive it.
 struct ObjectRequest {
   ObjectRequest(const TansyNet::HttpServerRecv& message, const StorageServerConfig_V1& conf)
       : msg(message), config(conf), query(QueryOf(message)) {}
@@ -22,12 +22,12 @@ struct ObjectRequest {
   std::string_view Body() const { return msg.body ? std::string_view(*msg.body) : std::string_view(""); }
 
   const TansyNet::HttpServerRecv& msg;
-  const StorageServerConfig_V1& config;  // as it was when the request was taken up; the same to its end
-  const std::string query;               // the part of the query that means anything
-  std::string bucket;                    // the two parts of the path, not percent-decoded
+  const StorageServerConfig_V1& config;  // configuration at the request's beginning; the same to its end
+  const std::string query;               // query up to the end of a token; see QueryOf
+  std::string bucket;                    // bucket and key are the two parts of the path, not percent-decoded
   std::string key;
-  ObjectInfo object;            // of the routes that need one that exists
-  details::Caller caller = {};  // the handler, for the log lines of its helpers
+  ObjectInfo object;            // set by routes that need an existing object
+  details::Caller caller = {};  // handler that the log lines of its helpers name
 };
 
 }  // namespace Tansy::CloudStorage

@@ -53,18 +53,19 @@ class CObjectServer : private TansyBase::CNoncopyable {
  public:
   static CObjectServer& Instance();
 
-  // Loads the catalogue and opens the listeners; the second form opens HTTPS listeners too. 0, the HTTP library's error
-  // (what is open stays open), or -1 when upload and download port differ (both HTTP listeners are open all the same).
+  // Loads the catalogue and opens the listeners; the second form opens HTTPS listeners too. Returns 0, the HTTP
+  // library's error (what is open stays open), or -1 when upload and download port differ (both HTTP listeners are open
+  // all the same).
   int Init(const StorageServerConfig& config);
   int Init(const StorageServerConfig_V1& config);
-  // Stops or starts the listeners; calls are put in line. 0, or the first error of the HTTP library; the same call can
-  // then be tried again and goes on where it failed.
+  // Stops or starts the listeners; calls are serialised. Returns 0 or the first error of the HTTP library; the same
+  // call can then be repeated and goes on where it failed.
   int SetObjectServerEnable(bool enable);
-  // Breaks off the downloads that go on on threads of their own when the listeners are stopped, and waits until they
-  // have left the host's callbacks. Does nothing while the listeners should be open.
+  // Breaks off the downloads that run on threads of their own, when the listeners are stopped, and waits until these
+  // threads have left the host's callbacks. It does nothing while the listeners should be open.
   void EndDownloadsIfDisabled();
 
-  // Address updates. The next request sees them; those under way keep what they started with.
+  // Update addresses. The next request sees the new ones; requests under way keep those they started with.
   void UpdateLocalServerIp(const std::string& ip);
   void UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port);
   void UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields);
@@ -76,20 +77,21 @@ class CObjectServer : private TansyBase::CNoncopyable {
 
   // Receives every request and every piece of a streamed body on the HTTP library's threads; queues it or refuses it.
   static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);
-  // Routes a request to its handler, which answers it. The result is that of the sending.
+  // Routes a request to its handler, which answers it. The result is the result of sending that answer.
   int HandleObjectMsg(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
   // Answers with the error body of `code`.
   int AnswerError(std::int32_t session_id, int code);
 
-  // "/bucket/key", "/bucket" or "/" into its two parts, not percent-decoded. False when the path has another shape.
+  // Splits "/bucket/key", "/bucket" or "/" into its two parts, which are not percent-decoded. Returns false when the
+  // path has another shape.
   static bool ParseUrl(std::string& bucket, std::string& key, const std::string& path);
-  // 0, or the error code of a range that makes no sense.
+  // Returns 0, or the error code for a range that makes no sense.
   static int ParseRangeHeader(const TansyNet::HttpServerRecv& request, ByteRange& range);
-  // 0 when the request is signed, by a token in the query or else by its Authorization header; -1 otherwise.
+  // Returns 0 when the request is signed, by a token in the query or else by its Authorization header; -1 otherwise.
   int CheckAuth(const TansyNet::HttpServerRecv& request) const;
-  // 0 when the query holds a valid token, -1 otherwise.
+  // Returns 0 when the query holds a valid token, -1 otherwise.
   int CheckUrlAuth(const TansyNet::HttpServerRecv& request) const;
-  // The machine's own addresses. False when the system does not tell.
+  // Gives the machine's own addresses. Returns false when the system does not say.
   static bool GetAdapterInfo(AdapterAddresses& addresses);
 
  private:
@@ -116,7 +118,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // Intake and answers.
   static bool EndRefusedStream(std::int32_t handle);
   void TakeMsg(std::int32_t handle, HttpServerRecv& msg);
-  // What is to be done about a request once one of its pieces has been taken.
+  // Says what to do with a request once one of its pieces has been taken.
   enum class Next { kNothing, kHandle };
   Next TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg);
   Next TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);
@@ -128,11 +130,11 @@ class CObjectServer : private TansyBase::CNoncopyable {
   int AnswerUnsupported(std::int32_t handle, int level, const details::Caller& caller);
   int AnswerXml(std::int32_t session_id, const std::string& body);
 
-  // Makes the checks of an opening, in its order, on a request whose path has been taken apart. 0, or the error code to
-  // answer; failures are logged for `request.caller`.
+  // Makes the checks of an opening, in its order, on a request whose path is parsed already. Returns 0 or the error
+  // code to answer; failures are logged for `request.caller`.
   static int Open(ObjectRequest& request, const Opening& opening);
   static int Open(ObjectRequest& request, const Route& route);
-  // Makes those of a download.
+  // Makes the checks of a download.
   // Fixed: docs/compatibility.md, "The order of checks".
   static int OpenToRead(ObjectRequest& request);
   static int CheckAuth(const HttpServerRecv& request, const Config& config);
@@ -156,7 +158,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   int HandleRemoveObjectFile(std::int32_t session_id, const ObjectRequest& request);
   int HandleRemoveObject(std::int32_t session_id, const ObjectRequest& request);
 
-  // Parts of HandleUploadObject. 0, or the error code to answer; `object` gets its url and size.
+  // Parts of HandleUploadObject. They return 0 or the error code to answer; `object` gets its url and size.
   static int ReceiveStream(ObjectInfo& object, std::int32_t session_id, const ObjectRequest& request);
   static int StoreWhole(ObjectInfo& object, const ObjectRequest& request);
 
@@ -165,7 +167,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
                                 ByteRange range);
   std::optional<int> StartBigFileSend(std::int32_t session_id, const ObjectInfo& object, const ByteRange& range,
                                       std::uint32_t length);
-  // Runs on a thread of its own. False when the answer could not be sent to its end.
+  // Runs on a thread of its own. Returns false when the answer could not be sent to its end.
   bool HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,
                          const ObjectInfo& object, const ByteRange& range, std::uint32_t total_length,
                          details::CReadLease& lease);

@@ -29,7 +29,8 @@ bool TakeAuthorization(Authorization& authorization, const std::string& value, c
   return true;
 }
 
-// A token is the Base64 of an Authorization value. False for anything else, a bare signature too.
+// Takes a token apart, which is the Base64 text of an Authorization value. Returns false for anything else, also for a
+// signature without the rest.
 bool TakeTokenSignature(std::string& signature, const std::string& token) {
   std::string decoded;
   if (!TansyBase::Encrypt::Base64Decode(token, decoded)) {
@@ -96,7 +97,8 @@ int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& con
     CLOUD_LOG(logging::kError, "[%s]query not found token![%s(%d)]");
     return kAccessDenied;
   }
-  // The token signs the query in front of it. One that comes first has nothing in front of it and is refused.
+  // The token signs the query in front of it. A token at the beginning of the query has nothing in front of it and is
+  // refused.
   const std::size_t token_begin = request.query.find(kTokenParameter);
   if (token_begin == std::string::npos) {
     CLOUD_LOG(logging::kError, "[%s]http_query not found token![%s(%d)]");

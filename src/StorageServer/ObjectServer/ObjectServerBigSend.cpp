@@ -47,7 +47,7 @@ void CBigFileSendThreads::Loop(std::function<void()> send) {
 }
 
 bool CBigFileSendThreads::Next(std::function<void()>& send) {
-  send = nullptr;  // what the last download held is given back before the next begins
+  send = nullptr;  // releases what the last download held before the next one begins
   const std::lock_guard<std::mutex> lock(mutex_);
   if (waiting_.empty()) {
     --threads_;

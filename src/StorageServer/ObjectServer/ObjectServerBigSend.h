@@ -11,17 +11,17 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Threads for big downloads, one per download. A download costs its thread for as long as its client takes, so there is
-// a bound: downloads beyond it wait for a thread that gets free, and beyond a second bound they are refused. Threads
-// are detached, made when needed, and end when nothing waits. Threads: any.
+// Runs each big download on a thread of its own. A download occupies its thread for as long as its client takes, so
+// their number is limited: further downloads wait for a thread that gets free, and beyond a second limit they are
+// refused. The threads are detached; they are made when needed and end when nothing waits. Threads: any.
 class CBigFileSendThreads : private TansyBase::CNoncopyable {
  public:
   static constexpr std::size_t kMaxThreads = 128;
-  static constexpr std::size_t kMaxWaiting = 1024;  // what the unanswered-request time-out lets through anyway
+  static constexpr std::size_t kMaxWaiting = 1024;  // as many as can wait before their requests time out anyway
 
   static CBigFileSendThreads& Instance();
 
-  // Runs `send` on a thread of its own, now or as soon as one is free. False when it will never run.
+  // Runs `send` on a thread of its own, now or as soon as one is free. Returns false when it will never run.
   bool Run(std::function<void()> send);
 
  private:
@@ -30,7 +30,8 @@ class CBigFileSendThreads : private TansyBase::CNoncopyable {
   ~CBigFileSendThreads() = default;
 
   void Loop(std::function<void()> send);
-  // Takes the next waiting download, or counts the asking thread out. False when it is to end.
+  // Takes the next waiting download. When there is none, the calling thread is no longer counted, the result is false,
+  // and the thread has to end.
   bool Next(std::function<void()>& send);
 
   std::mutex mutex_;  // guards the two below

@@ -38,7 +38,7 @@ std::int64_t SizeOf(const BucketInfo& bucket) {
   return bucket.size == kNone ? -1 : std::int64_t{bucket.size};
 }
 
-// Elements stand in this order. The creation date has always been the name; clients do not get to see the time.
+// The elements stand in this order. The creation date has always been the name, so that clients do not see the time.
 bool BuildBucketRsp(std::string& text, const BucketInfo& bucket) {
   CXmlProto xml;
   // Fixed: docs/compatibility.md, "Values that say less than their names".
@@ -76,15 +76,15 @@ bool BuildBestNodeRsp(std::string& text, const std::string& host, std::uint32_t 
   return xml.SetString("/BestNodeInfo/Location", InBrackets(host) + ":" + std::to_string(port)) && xml.Serialize(text);
 }
 
-// Where a client says it reached the server.
+// The address at which a client says it reached the server.
 struct Asked {
   std::string value;      // the Host header
   std::string host;       // its host, without the brackets of an IPv6 address
-  std::string port_text;  // its port, else the ServerPort header
+  std::string port_text;  // the port in that header, else the ServerPort header
   std::int32_t port = 0;
 };
 
-// False when the request does not say.
+// Returns false when the request does not say it.
 bool ReadHostField(Asked& asked, const TansyNet::Headers& headers) {
   asked.value = HeaderOrEmpty(headers, "Host");
   const HostField field = ParseHostField(asked.value);
@@ -99,8 +99,8 @@ struct Node {
   std::uint32_t port = 0;
 };
 
-// The first of two ports that the client's port is equal to; 0 when it is neither. A port of 0 is one that is not
-// configured and matches nothing.
+// Gives the first of two ports that equals the client's port; 0 when neither does. A port of 0 is not configured and
+// matches nothing.
 std::uint32_t MatchPort(std::int32_t port, std::uint32_t http_port, std::uint32_t https_port) {
   const auto wanted = static_cast<std::uint32_t>(port);
   return port > 0 && (wanted == http_port || wanted == https_port) ? wanted : 0;
@@ -112,7 +112,7 @@ bool IsOwnAddress(const std::string& host) {
   return addresses.ipv4.contains(host) || addresses.ipv6.contains(host);
 }
 
-// False when the client asks at a port that the server does not serve there.
+// Returns false when the client asks at a port that the server does not serve there.
 bool ChooseNode(Node& node, const Asked& field, const StorageServerConfig_V1& config) {
   if (IsLoopback(field.host) || field.host == config.ip) {
     node.host = field.host;

@@ -21,7 +21,7 @@ constexpr std::size_t kMaxKeyBytes = 128;
 enum class Match { kAny, kEmpty, kEquals, kContains };
 enum class Part { kAny, kSet, kEmpty };
 
-// Whether the bucket must exist, and in which of three wordings its absence is logged.
+// Says whether the bucket must exist, and in which of three wordings its absence is logged.
 enum class BucketCheck { kNone, kName, kNameWithDot, kWithDot };
 
 void LogNoBucket(BucketCheck check, const std::string& bucket, const Caller& caller) {
@@ -41,8 +41,8 @@ bool Matches(Part part, const std::string& text) {
 }  // namespace
 }  // namespace details
 
-// What must be true of a request before its handler gets it, checked in the order of the fields; that it is signed is
-// checked for every route, in front of the object.
+// The conditions that a request must meet before its handler gets it. They are checked in the order of the fields.
+// Every route also checks that the request is signed, and does so before the object.
 struct CObjectServer::Opening {
   details::BucketCheck bucket = details::BucketCheck::kNone;
   bool short_key = false;      // the key has at most kMaxKeyBytes
@@ -69,7 +69,7 @@ constexpr CObjectServer::Opening CObjectServer::Opening::kRead{.bucket = details
 constexpr CObjectServer::Opening CObjectServer::Opening::kRemove{.bucket = details::BucketCheck::kWithDot,
                                                                  .object = true};
 
-// One row of the routing table; it fits when all of its conditions hold.
+// One row of the routing table. It matches when all of its conditions are true.
 struct CObjectServer::Route {
   using Handler = int (CObjectServer::*)(std::int32_t session_id, const ObjectRequest& request);
 
@@ -104,13 +104,13 @@ struct CObjectServer::Route {
   }
 };
 
-// A handler and its name; a macro, because only one can make both of one word.
+// Makes a handler and its name out of one word, which only a macro can do.
 #define OBJECT_HANDLER(name)                                         \
   &CObjectServer::name, {                                            \
     "Tansy::CloudStorage::CObjectServer::" #name, __FILE__, __LINE__ \
   }
 
-// The routing table: the first row that fits has the request.
+// The routing table: the first row that matches handles the request.
 struct CObjectServer::Routes {
   using Match = details::Match;
   using Part = details::Part;
@@ -196,7 +196,7 @@ void CObjectServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
   }
 }
 
-// Leaves nothing of an upload behind whose piece is refused. False when the request has its answer already.
+// Leaves nothing behind of an upload whose piece is refused. Returns false when the request has its answer already.
 bool CObjectServer::EndRefusedStream(std::int32_t handle) {
   auto& streams = details::CBigFileStreamMgr::Instance();
   const auto session_id = static_cast<std::uint32_t>(handle);
@@ -235,8 +235,9 @@ CObjectServer::Next CObjectServer::TakeBodyPiece(std::int32_t handle, HttpServer
   return Next::kNothing;
 }
 
-// An upload that its handler would refuse in the end is refused here, before a byte of it is stored: otherwise anybody
-// without a key could fill the disk. A body that belongs to no upload is dropped, and its request handled without it.
+// An upload that its handler would refuse in the end is refused here, before a byte of it is stored; otherwise anybody
+// without a key could fill the disk. A body that belongs to no upload is dropped, and its request is handled without
+// it.
 CObjectServer::Next CObjectServer::TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg) {
   auto& streams = details::CBigFileStreamMgr::Instance();
   const auto session_id = static_cast<std::uint32_t>(handle);
@@ -258,12 +259,13 @@ CObjectServer::Next CObjectServer::TakeFirstPiece(std::int32_t handle, HttpServe
   return Next::kNothing;
 }
 
-// The handler of the upload follows its last piece: it would only wait for it, and keep a thread from others.
+// The handler of the upload runs after its last piece is stored: before that it would only wait, and occupy a thread
+// that others need.
 void CObjectServer::StorePiece(std::int32_t handle, HttpServerRecv& msg) {
   auto piece = std::make_unique<CObjectStreamTask>(handle, msg);
   if (msg.error_code == TansyNet::kLastBodyPiece) {
     details::CBigFileStreamMgr::Instance().NoteLastPiece(static_cast<std::uint32_t>(handle));
-    msg.body.reset();  // with the stream task
+    msg.body.reset();  // the stream task has the body
     piece->HandleAfterwards(std::make_unique<CObjectMsgTask>(handle, std::move(msg)));
   }
   details::CStreamPieceQueue::Instance().Post(std::move(piece));
@@ -288,7 +290,7 @@ int CObjectServer::HandleObjectMsg(std::int32_t handle, const HttpServerRecv& ms
     return AnswerUnsupported(handle, logging::kTrace, CLOUD_LOG_CALLER);
   }
   if (const int error = Open(request, *route); error != 0) {
-    // Of a streamed upload that is refused in the end, nobody will ask for what came in before.
+    // When a streamed upload is refused in the end, nobody will ask for the pieces that came before.
     details::CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));
     return AnswerError(handle, error);
   }

@@ -1,4 +1,4 @@
-// The errors of the object protocol and the answer that each of them becomes.
+// The errors of the object protocol and the answer for each of them.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_ERRORS_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_ERRORS_H
 
@@ -31,9 +31,9 @@ enum ObjectError : int {
   kNotEnoughSpace = -20,
 };
 
-// Content type of every answer but downloads.
+// The content type of every answer except downloads.
 inline constexpr const char* kXmlContentType = "application/xml; charset=utf-8";
-// Content type of downloads.
+// The content type of downloads.
 inline constexpr const char* kBytesContentType = "application/octet-stream; charset=utf-8";
 
 // Gives an answer its content type and its date; every answer has both.

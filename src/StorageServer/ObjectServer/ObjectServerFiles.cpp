@@ -17,7 +17,7 @@ struct FileCloser {
 };
 using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
 
-// 0 also when somebody else made the folder meanwhile.
+// Returns 0 also when somebody else made the folder meanwhile.
 int MakeFolder(const std::string& path) {
   if (FileUtil::Exists(path)) {
     return 0;
@@ -49,7 +49,7 @@ bool SaveFile(const std::string& path, const char* data, std::size_t length, con
     CLOUD_LOG(logging::kError, "[%s]create file failed[%s], error[%d].[%s(%d)]", path.c_str(), errno);
     return false;
   }
-  // A full disk may show only when the buffered rest is written.
+  // Closing is checked too, because a full disk may show only when the buffered rest is written.
   int error = std::fwrite(data, 1, length, file.get()) == length ? FileUtil::Flush(file.get()) : errno;
   if (std::fclose(file.release()) != 0 && error == 0) {
     error = errno;

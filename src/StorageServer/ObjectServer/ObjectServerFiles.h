@@ -10,19 +10,20 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Makes every folder of the path that is missing; what follows the last separator is a file and not made. An absolute
-// POSIX path fails: its first prefix is empty.
+// Makes every folder of the path that is missing. What follows the last separator is a file and is not made. An
+// absolute POSIX path fails, because its first prefix is empty.
 // Fixed: docs/compatibility.md, "Misspelt names".
 bool CreateFloder(const std::string& path);
 
-// Writes a file, making its folders first. `mode` as fopen takes it. True when the bytes are on stable storage.
+// Writes a file and makes its folders first; `mode` is that of fopen. Returns true when the bytes are on stable
+// storage.
 bool SaveFile(const std::string& path, const char* data, std::size_t length, const char* mode);
 
-// Writes a file in the place of what was there: after a crash the old file is there or the new one, whole. On failure
-// the old one stays.
+// Replaces a file: after a crash, either the old file or the new one is there as a whole. On failure the old file
+// stays.
 bool ReplaceFile(const std::string& path, const char* data, std::size_t length);
 
-// The first `length` bytes of a file followed by a NUL; null when `length` is 0 or the file is shorter.
+// Gives the first `length` bytes of a file followed by a NUL; null when `length` is 0 or the file is shorter.
 std::unique_ptr<char[]> ReadFile(const std::string& path, std::size_t length);
 
 }  // namespace Tansy::CloudStorage::details

@@ -28,7 +28,7 @@ namespace {
 constexpr const char* kConfigOwner = "CloudStorage";
 constexpr const char* kConfigName = "Config_LocalConfigManager";
 
-// The pool's bounds; everything else is the host's to say.
+// The bounds of the pool; everything else comes from the host.
 constexpr int kMinConnections = 4;
 constexpr int kMaxConnections = 16;
 
@@ -39,7 +39,8 @@ void SetBounds(db_layer::DBParam& param) {
   param.max_connections = kMaxConnections;
 }
 
-// Reads the host's database settings as they are now. False, with `param` unchanged, when the host has none to tell.
+// Reads the host's database settings as they are now. When the host has none, it returns false and leaves `param`
+// unchanged.
 bool ReadDatabaseParam(db_layer::DBParam& param) {
   const std::shared_ptr<KivPlatform::IDatabaseParam> provider = CIInterfaceManager::Instance().GetDatabaseParam();
   const auto config = provider ? provider->GetLocalConfig() : nullptr;
@@ -83,15 +84,15 @@ int InitServer(const Config& config, const std::shared_ptr<KivPlatform::IFactory
 }  // namespace details
 
 bool InitDBModule() {
-  // Read anew for each try: whoever sees why it fails may correct them meanwhile. A host without settings gets those of
-  // a default record.
+  // The settings are read again for each try, because somebody who sees why it fails may correct them meanwhile. When
+  // the host has no settings, a default record is used.
   db_layer::DBParam param;
   details::SetBounds(param);
   details::ReadDatabaseParam(param);
   while (!CBaseDBLayerConn::Instance().RegisterModule(param)) {
     CLOUD_LOG(logging::kError, "[%s]LocalStorage Init DB Connect... username:%s, port:%d[%s(%d)]", param.user.c_str(),
               param.port);
-    // For whoever starts the host by hand and wonders why it does not come up.
+    // This helps somebody who starts the host by hand and wonders why it does not come up.
     // Fixed: docs/compatibility.md, "Failure that leaves something behind".
     std::puts("Init DB Conn Fail...");
     static_cast<void>(std::fflush(stdout));

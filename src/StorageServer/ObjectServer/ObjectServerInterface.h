@@ -5,11 +5,11 @@
 
 namespace Tansy::CloudStorage {
 
-// Between two tries to reach the database at start.
+// The time between two tries to reach the database at the start.
 inline constexpr std::uint32_t kDatabaseRetryMs = 5000;
 
-// Registers the host's database and follows its changes. Blocks, trying again for as long as it takes, until the
-// database accepts; then always true. The connection settings are those that CIInterfaceManager's interface tells.
+// Registers the host's database and follows its changes. It blocks and tries again until the database accepts, then
+// returns true. The connection settings are those of the interface that CIInterfaceManager holds.
 bool InitDBModule();
 
 }  // namespace Tansy::CloudStorage

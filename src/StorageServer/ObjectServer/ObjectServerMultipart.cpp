@@ -31,19 +31,20 @@ std::string NowText() {
   return TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
 }
 
-// Upload ids become file names; what does not look like an id is no id.
+// Upload ids become file names, so a text of any other shape is not accepted as an id.
 bool IsUploadId(const std::string& text) {
   constexpr std::string_view kLetters = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-{}";
   return !text.empty() && text.find_first_not_of(kLetters) == std::string::npos;
 }
 
-// The upload id of a query, empty when it has none.
+// Gives the upload id of a query; it is empty when the query has none.
 std::string UploadIdOf(const Query& query) {
   const auto id = query.find("upload_id");
   return id != query.end() && IsUploadId(id->second) ? id->second : std::string();
 }
 
-// The number at the beginning of a text, as a text stream reads it; 0 when there is none or 32 bits cannot hold it.
+// Reads the number at the beginning of a text, as a text stream reads it; it is 0 when there is none or it does not fit
+// into 32 bits.
 std::int32_t ParsePartNumber(const std::string& text) {
   const std::size_t begin = text.find_first_not_of(" \t\n\v\f\r");
   if (begin == std::string::npos) {
@@ -62,14 +63,14 @@ std::int32_t ParsePartNumber(const std::string& text) {
 // An object has at most as many bytes as 32 bits can count.
 constexpr std::uint64_t kMostObjectBytes = std::numeric_limits<std::uint32_t>::max();
 
-// Where a part of the object begins; false when it would end beyond the biggest object.
+// Computes where a part of the object begins. Returns false when the part would end beyond the largest object.
 bool PartOffset(std::uint32_t& offset, std::uint32_t number, std::uint32_t part_size, std::uint32_t size) {
   const std::uint64_t position = (std::uint64_t{number} - 1) * part_size;
   offset = static_cast<std::uint32_t>(position);
   return position + size <= kMostObjectBytes;
 }
 
-// One part on its way into the object. Steps return 0 or the error code to answer; failures are logged for `caller`.
+// Brings one part into the object. The steps return 0 or the error code to answer; failures are logged for `caller`.
 class CPartUpload {
  public:
   CPartUpload(std::string bucket, std::string key, std::string_view body, const Caller& caller)
@@ -99,9 +100,9 @@ class CPartUpload {
   CObjectStorageManager& manager_ = CObjectStorageManager::Instance();
   const Caller caller_;
   const std::string_view body_;
-  ObjectTaskInfo row_;   // of this part, as it will be recorded
+  ObjectTaskInfo row_;   // row of this part, as it will be recorded
   ObjectTaskInfo task_;  // row of the task
-  PartSizeInfo first_;   // what was known of the part size before this part
+  PartSizeInfo first_;   // what was known about the part size before this part
 };
 
 int CPartUpload::ReadQuery(const std::string& query_text) {
@@ -138,7 +139,7 @@ int CPartUpload::Store(const StorageServerConfig& config) {
   if (!manager_.GetPartFileMutex(row_.task_id, task_mutex)) {
     return Illegal();
   }
-  // From here to the record no other part of the task comes in between, nor its completion, nor the sweep.
+  // From here until the part is recorded, the mutex keeps away the task's other parts, its completion and the sweep.
   const std::lock_guard<std::mutex> lock(*task_mutex);
   if (const int error = CheckState(); error != 0) {
     return error;
@@ -156,8 +157,8 @@ int CPartUpload::Store(const StorageServerConfig& config) {
   return error;
 }
 
-// A part of no task, or of another object's, is refused before it leaves a part size or a file behind. A task that
-// nobody ever heard of is answered as one whose part cannot be recorded.
+// Refuses a part of an unknown task, or of another object's task, before it leaves a part size or a file behind. A task
+// that never existed is answered like a task whose part cannot be recorded.
 int CPartUpload::CheckTask() {
   if (TaskIsThere()) {
     const bool own = task_.bucket_name == row_.bucket_name && task_.object_name == row_.object_name;
@@ -171,7 +172,7 @@ int CPartUpload::CheckTask() {
   return kServerInternalError;
 }
 
-// The task may have ended while this part waited: the object that it became is not to be touched any more.
+// The task may have ended while this part waited. The part must then not touch the object that the task has become.
 int CPartUpload::CheckState() {
   if (!TaskIsThere() || manager_.IsStoredAt(row_.object_name, row_.bucket_name, task_.url)) {
     return Illegal();
@@ -212,9 +213,9 @@ int CPartUpload::WriteThrough(const StorageServerConfig& config, std::uint32_t p
   return FollowInFile();
 }
 
-// The first part sent again after the part size became known: its file follows, because the completion copies the file
-// into the object and would bring the old bytes back. Another part has no file: one that a crash left behind would be
-// taken for the first part's after the next start.
+// When the first part is sent again after the part size became known, its file is replaced too, because the completion
+// copies the file into the object and would bring the old bytes back. Another part has no file: a file that a crash
+// left behind would be taken for the first part's after the next start.
 int CPartUpload::FollowInFile() {
   if (first_.first_part_num == row_.part_num) {
     return SaveToFile();
@@ -232,14 +233,13 @@ int CPartUpload::Record() {
   return 0;
 }
 
-// A first part that was refused leaves nothing: the next part that comes is the first one.
+// A first part that was refused leaves nothing behind: the next part that comes counts as the first.
 void CPartUpload::Forget() {
   TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
   manager_.ForgetFirstPart(row_.task_id);
 }
 
-// A task on its way to becoming an object. Steps return 0 or the error code to answer; failures are logged for
-// `caller`.
+// Turns a task into an object. The steps return 0 or the error code to answer; failures are logged for `caller`.
 class CCompletion {
  public:
   CCompletion(std::string bucket, std::string key, const Caller& caller) : caller_(caller) {
@@ -248,7 +248,7 @@ class CCompletion {
   }
 
   int ReadQuery(const std::string& query_text);
-  // Makes the object of the parts that the request's body names.
+  // Makes the object out of the parts that the request's body names.
   int Complete(std::string_view body, const StorageServerConfig& config);
 
  private:
@@ -278,8 +278,8 @@ int CCompletion::ReadQuery(const std::string& query_text) {
   return 0;
 }
 
-// Every part that the client counts must be recorded with the size that it names. The first one that is not ends the
-// check, so a total number out of thin air costs nothing.
+// Every part that the client counts must be recorded with the size that the client names. The first wrong part ends the
+// check, so a request that merely claims a huge number of parts costs nothing.
 int CCompletion::CheckParts(std::string_view body) {
   if (body.empty()) {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]recv data is null.[%s(%d)]");
@@ -319,14 +319,15 @@ bool CCompletion::PartIsThere(std::int64_t number, std::int64_t size) {
   row.part_num = static_cast<std::uint32_t>(number);
   row.size = static_cast<std::uint32_t>(size);
   const bool recorded = manager_.CheckTaskInfoExist(row) == 0;
-  // Numbers that 32 bits cut to those of a part do not name it, and a part counts once.
+  // A number that only equals a part's number when it is cut to 32 bits does not name that part, and a part counts
+  // once.
   return recorded && number == row.part_num && size == row.size && seen_.insert(number).second;
 }
 
 int CCompletion::Complete(std::string_view body, const StorageServerConfig& config) {
-  // Parts that are sent meanwhile wait, and find the task gone; so does a second completion. The parts are looked at
-  // under the mutex: those that this completion waited for may have changed them, and the sweep may have taken the task
-  // away.
+  // Parts that are sent meanwhile wait, and then find that the task is gone; so does a second completion. The parts are
+  // looked at under the mutex, because the parts that this completion waited for may have changed them, and the sweep
+  // may have taken the task away.
   std::shared_ptr<std::mutex> task_mutex;
   std::unique_lock<std::mutex> lock;
   if (manager_.GetPartFileMutex(upload_id_, task_mutex)) {
@@ -346,7 +347,8 @@ int CCompletion::Complete(std::string_view body, const StorageServerConfig& conf
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]add object failed[%d].[%s(%d)]", kServerInternalError);
     return kServerInternalError;
   }
-  // Only now: until the object is there, the first part may be needed for another try, or after a restart.
+  // The file is removed only now: until the object is there, the first part may be needed for another try, or after a
+  // restart.
   TansyBase::FileUtil::RemoveFile(first_.first_part_path);
   manager_.RemovePartSizeInfo(upload_id_);
   return 0;
@@ -365,7 +367,7 @@ int CCompletion::CheckState() {
   return 0;
 }
 
-// The bytes of the first part; null when the file is not what the part's row says.
+// Gives the bytes of the first part; null when the file does not match the part's row.
 std::unique_ptr<char[]> CCompletion::ReadFirstPart() {
   ObjectTaskInfo row;
   std::uint64_t size = 0;
@@ -417,7 +419,7 @@ bool BuildPartsRsp(std::string& text, const std::string& upload_id, const TaskPa
 }  // namespace details
 
 int CObjectServer::HandleMultiUploadTaskCreate(std::int32_t session_id, const ObjectRequest& request) {
-  // The probe makes the storage say where the object will be; the part at offset 0 later writes over it.
+  // The probe makes the storage choose the object's location; the part at offset 0 later writes over it.
   std::string location = details::LocationText(request.bucket);
   const int result = details::StreamSave(request.config.stream_save, details::kProbe, 0, location);
   if (result != details::kStorageOk) {

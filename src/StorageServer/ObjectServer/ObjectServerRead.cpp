@@ -21,19 +21,19 @@ namespace {
 
 // Longer answers are sent in chunks of this size on a thread of their own.
 constexpr std::uint32_t kChunkBytes = 0xA00000;
-// How long a chunk waits for room in memory, as long as one waits for its client.
+// A chunk waits this long for room in memory, as long as a chunk waits for its client.
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
-// In the url of an object whose bytes the picture service keeps.
+// This text marks the url of an object whose bytes the picture service keeps.
 constexpr std::string_view kPictureMark = "/pic?";
-// Offsets of reads have 32 bits. A part of a larger object could be taken for another one.
+// Offsets of reads have 32 bits. In a larger object, one place could be taken for another.
 constexpr std::uint64_t kMaxReadableBytes = std::numeric_limits<std::uint32_t>::max();
 
 bool IsPicture(const ObjectInfo& object) {
   return object.url.find(kPictureMark) != std::string::npos;
 }
 
-// Reads a number as strtoul in automatic base does where unsigned long has 32 bits: what is too much becomes the
-// largest number, and a minus sign counts back from 2^32.
+// Reads a number as strtoul does in automatic base where unsigned long has 32 bits: a number that is too large becomes
+// the largest one, and a minus sign counts back from 2^32.
 std::uint32_t ToUnsigned32(const std::string& text) {
   constexpr std::uint32_t kMax = std::numeric_limits<std::uint32_t>::max();
   const std::size_t first = text.find_first_not_of(" \t\n\v\f\r");
@@ -47,8 +47,8 @@ std::uint32_t ToUnsigned32(const std::string& text) {
   return static_cast<std::uint32_t>(value);
 }
 
-// The version of an object: changes whenever other bytes are stored under its name. The url names the bytes, and is the
-// host's secret.
+// Gives the version of an object, which changes whenever other bytes are stored under its name. It is a fingerprint,
+// because the url, which names the bytes, is the host's secret.
 std::string EntityTag(const ObjectInfo& object) {
   return '"' + Fingerprint(object.url + "\n" + std::to_string(object.size) + "\n" + object.update_time) + '"';
 }
@@ -62,7 +62,8 @@ void SetBigFileRspHeaders(TansyNet::HttpResponse& response, const char* content_
       "bytes " + std::to_string(range.begin) + "-" + std::to_string(end) + "/" + std::to_string(object_size);
 }
 
-// Bytes that the picture service keeps are read whole by their url, or in part by what follows its first path.
+// Reads bytes that the picture service keeps: all of them by their url, or a range by what follows the url's first
+// path.
 int ReadPicture(HostBuffer& buffer, const ObjectRequest& request, const ObjectInfo& object, const ByteRange& range,
                 std::uint32_t length) {
   const std::string& url = object.url;
@@ -73,7 +74,7 @@ int ReadPicture(HostBuffer& buffer, const ObjectRequest& request, const ObjectIn
   return ReadRange(request.config, buffer, length, range.begin, location);
 }
 
-// True when the catalogue holds other bytes by now under the object's name; the record is then the new one.
+// Returns true when the catalogue holds other bytes by now under the object's name; the record is then the new one.
 bool IsReplaced(ObjectInfo& object) {
   ObjectInfo current;
   if (!CObjectStorageManager::Instance().GetObjectByName(current, object.name, object.bucket_name) ||
@@ -122,7 +123,8 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const ObjectReq
   if (const int error = ParseRangeHeader(request.msg, range); error != 0) {
     return AnswerError(session_id, error);
   }
-  // An object that is replaced after it was looked up may have lost its bytes; its successor's are sent then.
+  // An object that was replaced after it was looked up may have lost its bytes; then the bytes of its successor are
+  // sent.
   ObjectInfo object = request.object;
   do {
     if (const std::optional<int> sent = SendObject(session_id, request, object, range)) {
@@ -133,7 +135,7 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const ObjectReq
   return AnswerError(session_id, kServerInternalError);
 }
 
-// Nothing when the first byte could not be read; the request is then still to be answered.
+// Returns nothing when the first byte could not be read; the request must then still be answered.
 std::optional<int> CObjectServer::SendObject(std::int32_t session_id, const ObjectRequest& request,
                                              const ObjectInfo& object, ByteRange range) {
   if (range.begin >= object.size) {
@@ -161,7 +163,7 @@ std::optional<int> CObjectServer::SendObject(std::int32_t session_id, const Obje
     return std::nullopt;
   }
   if (!buffer.data) {
-    return -1;  // not answered at all; the client runs into its time-out
+    return -1;  // not answered at all; the client's request times out
   }
   HttpResponse response;
   SetRspHeaders(response, kBytesContentType);
@@ -183,7 +185,8 @@ std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, cons
     try {
       HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length, *lease);
     } catch (const std::exception& error) {
-      // Out of memory, most likely. The client is told, or, once the head is out, its connection is closed.
+      // Most likely memory ran out. The client gets an error answer or, once the head has been sent, its connection is
+      // closed.
       CLOUD_LOG(logging::kError, "[%s]big file send failed[%s], object[%s].[%s(%d)]", error.what(),
                 object.name.c_str());
       AnswerError(session_id, kServerInternalError);

@@ -17,12 +17,12 @@ using TansyBase::StringUtil;
 namespace details {
 namespace {
 
-// The statements write every number as a signed 32-bit one; of a bigger number the low 32 bits remain.
+// The statements write every number as a signed one of 32 bits; of a larger number the low 32 bits remain.
 int ToInt(std::uint64_t value) {
   return static_cast<int>(static_cast<std::uint32_t>(value));
 }
 
-// And read it back unsigned, so that sizes between 2 and 4 GiB come through.
+// Numbers are read back unsigned, so that sizes between 2 and 4 GiB are kept.
 std::uint32_t ReadNumber(db_layer::CConnect& row, const char* column) {
   return static_cast<std::uint32_t>(row.GetInt(std::string(column)));
 }
@@ -47,7 +47,7 @@ std::string DeleteTaskText(const std::string& task_id) {
   return StringUtil::str_fmt("DELETE FROM platform.local_object_task WHERE task_id = '%s' ", Protect(task_id).c_str());
 }
 
-// Changes an object; an upload task that became this object goes with it.
+// Changes an object. When an upload task became this object, the task's rows are removed in the same step.
 bool ExecuteAndEndTask(const std::string& sql, const std::string& ended_task) {
   std::vector<std::string> statements{sql};
   if (!ended_task.empty()) {
@@ -101,7 +101,7 @@ ObjectTaskInfo ReadTask(db_layer::CConnect& row) {
 }  // namespace
 }  // namespace details
 
-// Runs a select and leaves the function with false when it cannot. A macro, because the line in the log names the
+// Runs a select and leaves the function with false when that fails. It is a macro, because the log line names the
 // function that asked, twice.
 #define SELECT_OR_RETURN(connection, sql)                                                                            \
   const std::shared_ptr<db_layer::CConnect> connection = CBaseDBLayerConn::Instance().ApplyConn();                   \

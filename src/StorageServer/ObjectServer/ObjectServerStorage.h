@@ -1,4 +1,4 @@
-// Calls of the host's storage callbacks: location texts, results, callbacks that are missing.
+// Calls the host's storage callbacks: makes location texts, maps results, and answers for callbacks that are missing.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_STORAGE_H
 
@@ -11,11 +11,11 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Results of a storage callback that are not errors of the protocol.
+// These results of a storage callback are not errors of the protocol.
 inline constexpr int kStorageOk = 0;
 inline constexpr int kStorageFull = 3;
 
-// The text by which the host finds bytes: "pool_name:" + bucket + ";" + what it left when it stored them.
+// Gives the text by which the host finds bytes: "pool_name:" + bucket + ";" + what the host left when it stored them.
 std::string LocationText(std::string_view bucket, std::string_view url = {});
 
 // Each calls the callback of its name; a host that did not supply it gets kServerInternalError as the result.
@@ -26,7 +26,7 @@ int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32
               const std::string& location);
 int RemoveStored(const StorageServerConfig& config, const std::string& location);
 
-// The protocol's error for a write callback that failed.
+// Gives the protocol's error for a write callback that failed.
 int WriteError(int storage_result);
 
 }  // namespace Tansy::CloudStorage::details

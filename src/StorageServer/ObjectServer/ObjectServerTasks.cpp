@@ -12,7 +12,8 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Tells a client that nothing will come of its request. Out of memory, its connection's time-out has to tell it.
+// Tells a client that its request will not be handled. When there is no memory even for that, the connection's time-out
+// tells it.
 void AnswerDropped(std::int32_t handle) noexcept {
   try {
     CObjectServer::Instance().AnswerError(handle, kServerInternalError);
@@ -39,7 +40,7 @@ void CObjectMsgTask::Exec() {
   try {
     server.HandleObjectMsg(server_handle_, msg_);
   } catch (const std::exception& error) {
-    // Out of memory, most likely. The client is told instead of being left to its time-out.
+    // Most likely memory ran out. The client gets an error answer instead of waiting for its time-out.
     CLOUD_LOG(logging::kError, "[%s]handle object msg failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
     server.AnswerError(server_handle_, kServerInternalError);
   }
@@ -59,7 +60,7 @@ CObjectStreamTask::~CObjectStreamTask() {
   }
 }
 
-// Of the last piece the request itself, which goes with it, says so to the client.
+// The last piece carries the request itself; when that is dropped, the client gets its answer.
 void CObjectStreamTask::EndUpload() {
   auto& streams = details::CBigFileStreamMgr::Instance();
   const auto session_id = static_cast<std::uint32_t>(server_handle_);
@@ -101,8 +102,8 @@ void CObjectStreamTask::Store(const details::Caller& caller) {
   auto& streams = details::CBigFileStreamMgr::Instance();
   if (!CObjectStorageManager::Instance().IsBucketExist(bucket)) {
     CLOUD_LOG_FOR(caller, logging::kError, "[%s]CObjectStreamTask bucket name not exist[%s].[%s(%d)]", bucket.c_str());
-    // A bucket of that name may come back before the last piece: the pieces after the gap must not be stored in its
-    // place, nor a handler wait for bytes that were dropped.
+    // A bucket of that name may come back before the last piece. The pieces after the gap must then not be stored in
+    // the place of the missing piece, and no handler may wait for bytes that were dropped.
     streams.EndStream(session_id, details::StreamEnd::kFailed);
     return;
   }

@@ -1,4 +1,4 @@
-// What the object server posts to the message loop.
+// The tasks that the object server posts to the message loop.
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_TASKS_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_TASKS_H
 
@@ -13,11 +13,11 @@
 
 namespace Tansy::CloudStorage {
 
-// A request on its way to its handler. Holds the message; its body is shared with the HTTP library, not copied.
+// Brings a request to its handler. It holds the message, whose body is shared with the HTTP library and not copied.
 class CObjectMsgTask : public TansyBase::CTask {
  public:
   CObjectMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg);
-  // A request that is dropped, because the loop has stopped, is answered here.
+  // Answers the request when the task is dropped because the loop has stopped.
   ~CObjectMsgTask() override;
   void Exec() override;
 
@@ -27,9 +27,9 @@ class CObjectMsgTask : public TansyBase::CTask {
   bool executed_ = false;
 };
 
-// One piece of a streamed upload on its way to the storage. A piece that the storage refuses ends its stream and sends
-// nothing to the client: the next piece, or the handler, finds that out. A piece that fails for any other reason (out
-// of memory), or is dropped by a loop that stops, ends the upload at once.
+// Brings one piece of a streamed upload to the storage. A piece that the storage refuses ends its stream and sends
+// nothing to the client; the next piece, or the handler, finds that out. A piece that fails for any other reason
+// (memory ran out), or is dropped by a loop that stops, ends the upload at once.
 class CObjectStreamTask : public TansyBase::CTask {
  public:
   CObjectStreamTask(std::int32_t server_handle, const TansyNet::HttpServerRecv& msg);
@@ -37,11 +37,11 @@ class CObjectStreamTask : public TansyBase::CTask {
   void Exec() override;
 
   std::int32_t Handle() const { return server_handle_; }
-  // Posts the upload's request to the loop when this piece, the last one, is done with.
+  // Posts the upload's request to the loop after this piece, which is the last one, has been stored.
   void HandleAfterwards(std::unique_ptr<CObjectMsgTask> request) { request_ = std::move(request); }
 
  private:
-  // In the name of Exec.
+  // Logs in the name of Exec.
   void Store(const details::Caller& caller);
   void EndUpload();
 
@@ -49,9 +49,9 @@ class CObjectStreamTask : public TansyBase::CTask {
   std::uint32_t size_ = 0;
   std::int32_t server_handle_;
   std::string url_;
-  std::unique_ptr<CObjectMsgTask> request_;  // of the last piece
+  std::unique_ptr<CObjectMsgTask> request_;  // set for the last piece only
   bool executed_ = false;
-  // Held until the piece is stored: the HTTP library delivers the next piece only then.
+  // The token is held until the piece is stored, because the HTTP library delivers the next piece only then.
   std::shared_ptr<const void> token_;
 };
 

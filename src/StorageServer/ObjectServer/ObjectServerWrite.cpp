@@ -1,4 +1,4 @@
-// Storing one object: a body that arrived whole, or one that streamed in.
+// Stores one object, whose body arrived as a whole or in pieces.
 #include <chrono>
 
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
@@ -11,9 +11,10 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Bodies beyond this arrive in pieces.
+// Larger bodies arrive in pieces.
 constexpr std::uint32_t kWholeBodyBytes = 0xA00000;
-// Patience with a storage that is slow to take the last pieces: so many rounds for each MiB of the body.
+// The handler waits for this number of rounds per MiB of the body, because the storage may be slow to take the last
+// pieces.
 constexpr std::int32_t kRoundsPerMiB = 5;
 constexpr std::chrono::milliseconds kRound{200};
 
@@ -39,7 +40,7 @@ int CObjectServer::HandleUploadObject(std::int32_t session_id, const ObjectReque
       error != 0) {
     return AnswerError(session_id, error);
   }
-  // Until the row is there, the record is what says that the bytes belong to somebody.
+  // Until the row is there, only this record says that the bytes belong to an upload.
   const details::CStreamRemoval removal(session_id);
   object.update_time = TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
   if (!CObjectStorageManager::Instance().AddObject(object)) {
@@ -48,7 +49,7 @@ int CObjectServer::HandleUploadObject(std::int32_t session_id, const ObjectReque
   return AnswerXml(session_id, {});
 }
 
-// Waits until every byte is with the storage. A round that an arriving piece cuts short does not count.
+// Waits until the storage has every byte. A round that ends early because a piece arrived does not count.
 int CObjectServer::ReceiveStream(ObjectInfo& object, std::int32_t session_id, const ObjectRequest& request) {
   auto& streams = details::CBigFileStreamMgr::Instance();
   const auto stream_id = static_cast<std::uint32_t>(session_id);
@@ -69,7 +70,7 @@ int CObjectServer::ReceiveStream(ObjectInfo& object, std::int32_t session_id, co
       return 0;
     }
     if (round > limit) {
-      // The record stays: only the storing of its bytes says what became of them.
+      // The record stays, because the outcome is known only once its bytes have been stored.
       CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]recv msg failed[%d:%d], session id:%d.[%s(%d)]", round, limit,
                     session_id);
       return kServerInternalError;

@@ -73,7 +73,7 @@ bool CObjectStorageManager::LoadTasks() {
   return true;
 }
 
-// The time of day counts once, here: from now on a clock that is set moves no task's age.
+// The time of day counts only here: from now on, no task becomes older or younger when somebody sets the clock.
 void CObjectStorageManager::LoadAges() {
   const std::time_t now = TansyBase::TimeUtil::Now();
   const std::int64_t uptime = TansyBase::TimeUtil::Uptime();
@@ -84,7 +84,7 @@ void CObjectStorageManager::LoadAges() {
     }
     const std::time_t time = TansyBase::TimeUtil::StrUTCDatetime2TimeT(written);
     if (time < 0) {
-      // An unreadable time says nothing about the task's age; nobody's upload is to be lost over it.
+      // An unreadable time says nothing about the task's age, and no upload may be lost because of it.
       CLOUD_LOG(logging::kError, "[%s]task[%s] update time[%s] invalid.[%s(%d)]", task_id.c_str(), written.c_str());
       continue;
     }

@@ -24,7 +24,7 @@ bool CObjectStorageManager::IsBucketExist(const std::string& name) {
   return buckets_.contains(name);
 }
 
-// A name is taken by the bucket that goes by it, and by the one that will after the next start.
+// A name is taken by the bucket that has it now, and by the bucket that will have it after the next start.
 bool CObjectStorageManager::IsNameTaken(const std::string& name) {
   const std::lock_guard<std::mutex> lock(bucket_mutex_);
   return buckets_.contains(name) || std::any_of(buckets_.begin(), buckets_.end(),
@@ -38,7 +38,7 @@ bool CObjectStorageManager::IsNameTakenByAnother(const BucketInfo& bucket) {
   });
 }
 
-// What the rows of a bucket's objects and tasks call it.
+// Gives the name that the rows of a bucket's objects and tasks use for it.
 std::string CObjectStorageManager::RowName(const std::string& bucket_name) {
   const std::lock_guard<std::mutex> lock(bucket_mutex_);
   const auto found = buckets_.find(bucket_name);
@@ -57,7 +57,8 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
-  // Made before the row: once the row is there, memory that runs out must not keep the two from agreeing.
+  // The map's entry is made before the row: once the row is there, lack of memory must not keep memory and database
+  // from agreeing.
   std::map<std::string, BucketInfo> added = {{bucket.name, bucket}};
   if (!CObjectServerSession::CreateBucket(bucket)) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
@@ -72,7 +73,8 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
 
 bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
   const std::lock_guard<std::mutex> change(bucket_changes_);
-  // What is added to the bucket meanwhile is added before, and renamed with the rest, or after, under the new name.
+  // With all names locked, an object is added either before this and renamed with the rest, or after this under the new
+  // name.
   const auto all_objects_lock = object_locks_.LockAll();
   if (IsNameTakenByAnother(bucket)) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
@@ -88,7 +90,7 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket not exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
-  // The key stays: a renamed bucket goes by its old name until the next start.
+  // The map's key stays, because a renamed bucket keeps its old name here until the next start.
   BucketInfo& stored = found->second;
   stored.name = bucket.name;
   stored.reserve = bucket.reserve;
@@ -100,8 +102,8 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
 
 bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
   const std::lock_guard<std::mutex> change(bucket_changes_);
-  // Until the bucket is gone from memory too: an upload comes before all of this, and its object goes, or finds no
-  // bucket.
+  // The lock is held until the bucket is gone from memory too: an upload comes before all of this, and its object is
+  // removed, or it finds no bucket.
   const auto all_objects_lock = object_locks_.LockAll();
   if (!CObjectServerSession::DeleteBucket(id)) {
     CLOUD_LOG(logging::kError, "[%s]remove bucket[%d] failed, db operation failed.[%s(%d)]", static_cast<int>(id));
@@ -119,8 +121,8 @@ bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
 
 bool CObjectStorageManager::RemoveBucket(const std::set<std::uint32_t>& ids) {
   const std::lock_guard<std::mutex> change(bucket_changes_);
-  // Until the bucket is gone from memory too: an upload comes before all of this, and its object goes, or finds no
-  // bucket.
+  // The lock is held until the bucket is gone from memory too: an upload comes before all of this, and its object is
+  // removed, or it finds no bucket.
   const auto all_objects_lock = object_locks_.LockAll();
   if (!CObjectServerSession::DeleteBuckets(ids)) {
     CLOUD_LOG(logging::kError, "[%s]remove buckets failed, db operation failed.[%s(%d)]");
@@ -153,7 +155,7 @@ bool CObjectStorageManager::GetBucketList(std::map<std::string, BucketInfo>& buc
 }
 
 bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id) {
-  // An upload into the bucket comes wholly before this or wholly after it.
+  // With all names locked, an upload into the bucket happens either wholly before this or wholly after it.
   return RemoveObjectByBucket(bucket_id, object_locks_.LockAll());
 }
 

@@ -13,7 +13,7 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Location texts that name a file end so, and start with the key of their volume.
+// Location texts that name a file end with this suffix, and begin with the key of their volume.
 constexpr std::string_view kFileSuffix = ".d";
 constexpr std::size_t kVolumeKeyLength = 4;
 
@@ -50,7 +50,8 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& end
   } else {
     ObjectInfo row = object;
     row.bucket_name = RowName(object.bucket_name);
-    // Made before the row: once the row is there, memory that runs out must not keep the two from agreeing.
+    // The map's entry is made before the row: once the row is there, lack of memory must not keep memory and database
+    // from agreeing.
     std::map<std::string, ObjectSet> added;
     added[object.bucket_name].insert(object);
     if (!CObjectServerSession::CreateObject(row, ended_task)) {
@@ -64,7 +65,7 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& end
   return true;
 }
 
-// Moves the one object of `added` to the others, under its id. Needs no memory.
+// Moves the only object of `added` to the others, under its id. This needs no memory.
 void CObjectStorageManager::TakeOver(std::map<std::string, ObjectSet>& added, std::uint32_t id) noexcept {
   ObjectSet& fresh = added.begin()->second;
   auto node = fresh.extract(fresh.begin());
@@ -98,7 +99,7 @@ bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& 
     CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, db operate failed.[%s(%d)]", object.name.c_str());
     return false;
   }
-  // The node is used again, so nothing can fail between taking the old record out and putting the new one in.
+  // The set's node is used again, so nothing can fail between taking the old record out and putting the new record in.
   const auto next = std::next(found);
   auto node = objects.extract(found);
   node.value() = std::move(replacement);
@@ -143,8 +144,8 @@ bool CObjectStorageManager::IsStoredAt(const std::string& object_name, const std
 
 bool CObjectStorageManager::RemoveObject(const std::string& object_name, const std::string& bucket_name,
                                          const RemoveFile& remove_file) {
-  // Not between the look-up and the update of an upload of the same name, which would then fail for no good reason, and
-  // whose bytes would stay behind.
+  // The removal must not come between the look-up and the update of an upload of the same name, because the upload
+  // would then fail for no good reason and leave its bytes behind.
   const auto name_lock = object_locks_.Lock(bucket_name, object_name);
   std::string path;
   const bool has_file = remove_file && GetObjectFile(path, object_name, bucket_name);
@@ -152,8 +153,8 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   if (!FindObject(object, object_name, bucket_name)) {
     return true;
   }
-  // The row first: bytes without a row can be found and freed, but a row without bytes is an object that cannot be
-  // read.
+  // The row is removed first: bytes without a row can be found and freed, but a row without bytes is an object that
+  // cannot be read.
   if (!CObjectServerSession::DeleteObject(object.id)) {
     CLOUD_LOG(logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]", object_name.c_str());
     return false;
@@ -165,8 +166,8 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   return removed;
 }
 
-// Undoes the removal of a row; the new one has an id of its own. False when the database refuses: the object is gone
-// then, and its bytes are some that no row names.
+// Undoes the removal of a row; the new row has an id of its own. Returns false when the database refuses: the object is
+// then gone, and no row names its bytes.
 bool CObjectStorageManager::PutRowBack(const ObjectInfo& object) {
   ObjectInfo row = object;
   row.bucket_name = RowName(object.bucket_name);

@@ -1,5 +1,5 @@
-// What the catalogue knows of the part sizes of multipart uploads. It is kept in memory only; after a restart the rows
-// of the parts and the file of the first one tell it again.
+// What the catalogue knows about the part sizes of multipart uploads. This is kept in memory only; after a restart it
+// is recovered from the rows of the parts and the file of the first part.
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -16,8 +16,8 @@ namespace {
 
 using Arrived = std::vector<const ObjectTaskInfo*>;
 
-// The parts that arrived, in the order of their numbers. The row that stands for the task has size 0 until its part
-// comes.
+// Gives the parts that arrived, in the order of their numbers. The row that stands for the task has size 0 until its
+// part comes.
 Arrived ArrivedParts(const TaskPartSet& rows) {
   Arrived parts;
   for (const ObjectTaskInfo& row : rows) {
@@ -28,7 +28,7 @@ Arrived ArrivedParts(const TaskPartSet& rows) {
   return parts;
 }
 
-// The part that was the first to arrive: the one whose file is there, with its size. Null when it cannot be told.
+// Finds the part that arrived first: a file of its size is there. Returns null when it cannot be found.
 const ObjectTaskInfo* FindFirstPart(const Arrived& parts) {
   const ObjectTaskInfo* first = nullptr;
   for (const ObjectTaskInfo* part : parts) {
@@ -44,14 +44,14 @@ const ObjectTaskInfo* FindFirstPart(const Arrived& parts) {
   return first;
 }
 
-// All parts but the highest-numbered have the part size. False when they differ.
+// Finds the part size, which all parts except the highest-numbered one have. Returns false when they differ.
 bool FindPartSize(std::uint32_t& part_size, const Arrived& parts) {
   part_size = parts.size() > 1 ? parts.front()->size : 0;
   return std::all_of(parts.begin(), parts.end() - 1,
                      [part_size](const ObjectTaskInfo* part) { return part->size == part_size; });
 }
 
-// What was known before the restart; nothing when no part had arrived.
+// Gives what was known before the restart; nothing when no part had arrived.
 PartSizeInfo Recover(const TaskPartSet& rows) {
   PartSizeInfo info;
   const Arrived parts = ArrivedParts(rows);
@@ -75,8 +75,8 @@ bool HasFirstPart(const PartSizeInfo& info) {
 }  // namespace
 }  // namespace details
 
-// An upload that a restart interrupted goes on as if nothing had happened, or is refused from here on: a part that was
-// acknowledged and cannot be found is not to become a hole in an object.
+// An upload that a restart interrupted goes on as if nothing had happened, or it is refused from here on: a part that
+// was acknowledged and cannot be found must not become a hole in an object.
 void CObjectStorageManager::RecoverPartSizes() {
   std::map<std::string, TaskPartSet> tasks;
   {
@@ -114,7 +114,7 @@ bool CObjectStorageManager::CheckPartSize(const std::string& task_id, std::uint3
     if (info.first_part_num == part_num) {
       return true;
     }
-    // Only the last part may be smaller, so the lower-numbered of the first two has the size of all.
+    // Only the last part may be smaller, so all parts have the size of the lower-numbered one of the first two.
     info.part_size = info.first_part_num > part_num ? size : info.first_part_size;
   }
   part_size = info.part_size;
@@ -174,9 +174,10 @@ bool CObjectStorageManager::RemovePartSizeInfo(const std::string& task_id) {
   return part_sizes_.erase(task_id) != 0;
 }
 
-// The sweep takes tasks away and leaves their part sizes, so that a late part is still told from one of a task that
-// nobody ever heard of. They must not pile up for ever: whenever there are twice as many as were needed, and some to
-// spare, those without a task go. An upload id is never used again, so what is found without a task stays without one.
+// The sweep removes tasks and leaves their part sizes, so that a late part of a removed task is still told from a part
+// of a task that never existed. The sizes must not pile up for ever: whenever there are twice as many as were needed,
+// and a minimum on top, those without a task are dropped. An upload id is never used again, so an entry without a task
+// never gets one.
 void CObjectStorageManager::DropPartSizesOfEndedTasks() {
   std::vector<std::string> ids;
   {

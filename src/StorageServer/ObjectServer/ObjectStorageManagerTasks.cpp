@@ -12,13 +12,13 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// What CheckTaskInfoExist finds out.
+// The results of CheckTaskInfoExist.
 constexpr int kPartMatches = 0;
 constexpr int kNoSuchTask = 1;
 constexpr int kNoSuchPart = 2;
 constexpr int kOtherSize = 3;
 
-// The parts of a task; null when it is missing or has none, which is logged for `caller`.
+// Gives the parts of a task. When it is missing or has none, the result is null and a line is logged for `caller`.
 const TaskPartSet* FindParts(const std::map<std::string, TaskPartSet>& tasks, const std::string& task_id,
                              const Caller& caller) {
   const auto entry = tasks.find(task_id);
@@ -38,12 +38,13 @@ const TaskPartSet* FindParts(const std::map<std::string, TaskPartSet>& tasks, co
 }  // namespace details
 
 bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
-  // Made before the row: once the row is there, memory that runs out must not keep the two from agreeing.
+  // The map's entry is made before the row: once the row is there, lack of memory must not keep memory and database
+  // from agreeing.
   std::map<std::string, TaskPartSet> added;
   added[task.task_id].insert(task);
   std::map<std::string, std::int64_t> birth = {{task.task_id, TansyBase::TimeUtil::Uptime()}};
   {
-    // The bucket's name stays what it is until the row is written.
+    // This lock keeps the bucket's name as it is until the row is written.
     const auto name_lock = object_locks_.Lock(task.bucket_name, task.object_name);
     ObjectTaskInfo row = task;
     row.bucket_name = RowName(task.bucket_name);

@@ -10,7 +10,7 @@
 
 namespace Tansy::CloudStorage::details {
 
-// The host's two callbacks, which are changed and read together, and the leases there are.
+// Holds the host's two callbacks, which are changed and read together, and the list of leases.
 class CReadLease::CRegistry : private TansyBase::CNoncopyable {
  public:
   static CRegistry& Instance() { return CSingleton<CRegistry>::Instance(); }
@@ -56,7 +56,8 @@ void CReadLease::SetCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
 std::shared_ptr<CReadLease> CReadLease::Begin(const std::string& location) {
   CRegistry& registry = CRegistry::Instance();
   const auto [begin, end] = registry.Callbacks();
-  // Made first: what the host has begun must find its end, also when there is no memory left for the registry.
+  // The lease is made first, because what the host has begun must be ended, even when there is no memory left for the
+  // registry.
   std::shared_ptr<CReadLease> lease(new CReadLease(location));
   if (begin != nullptr) {
     if (begin(location) != 0) {

@@ -12,21 +12,21 @@
 
 namespace Tansy::CloudStorage::details {
 
-// The reads of one download that is sent in chunks: keeps the bytes readable, as far as the host has agreed to that,
-// and sees to it that no callback of the host's is called once the servers are down. Any thread.
+// Frames the reads of one download that is sent in chunks. It keeps the bytes readable, if the host supports that, and
+// ensures that no callback of the host is called once the servers are down. Threads: any.
 class CReadLease : private TansyBase::CNoncopyable {
  public:
-  // What the host wants to be told of such downloads; both null: nothing.
+  // Sets what the host wants to be told about such downloads; null for both means nothing.
   static void SetCallbacks(ReadBeginCallback begin, ReadEndCallback end);
 
-  // Null when the host says that the bytes at this location are gone.
+  // Returns null when the host says that the bytes at this location are gone.
   static std::shared_ptr<CReadLease> Begin(const std::string& location);
   ~CReadLease();
 
-  // As ReadRange of ObjectServerStorage.h; an error of the protocol once the lease has ended.
+  // Reads like ReadRange of ObjectServerStorage.h; it returns an error of the protocol once the lease has ended.
   int Read(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset);
 
-  // Ends all leases and waits for their reads: afterwards none of the downloads that have begun calls the host again.
+  // Ends all leases and waits for their reads. Afterwards, no download that has begun calls the host again.
   static void EndAll();
 
  private:

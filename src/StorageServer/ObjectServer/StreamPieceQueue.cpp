@@ -6,7 +6,7 @@
 
 namespace Tansy::CloudStorage::details {
 
-// One turn on a thread of the loop, in which one piece is stored.
+// Takes one turn on a thread of the loop and stores one piece in it.
 class CStreamPieceQueue::CRunner : public TansyBase::CTask {
  public:
   explicit CRunner(CStreamPieceQueue& queue) : queue_(queue) {}
@@ -41,7 +41,7 @@ void CStreamPieceQueue::Post(std::unique_ptr<CObjectStreamTask> piece) {
 void CStreamPieceQueue::PostRunner() {
   auto* const runner = new (std::nothrow) CRunner(*this);
   if (runner != nullptr) {
-    CServerMsgLoop::Instance().PostTask(runner);  // one that is refused says so by its end
+    CServerMsgLoop::Instance().PostTask(runner);  // when the loop refuses it, its destructor says so
   } else {
     EndRunner(false);
   }
@@ -70,7 +70,7 @@ void CStreamPieceQueue::RunOne() {
     const std::lock_guard<std::mutex> lock(mutex_);
     mine.splice(mine.end(), running_, piece);
   }
-  // With the piece goes its token, and the next one may come.
+  // The piece's token is released with the piece, so that the next piece may come.
 }
 
 void CStreamPieceQueue::EndRunner(bool has_run) {
@@ -80,7 +80,7 @@ void CStreamPieceQueue::EndRunner(bool has_run) {
     --runners_;
     if (!has_run) {
       if (runners_ == 0) {
-        dropped.swap(waiting_);  // the loop has stopped, and nobody will come for them
+        dropped.swap(waiting_);  // the loop has stopped, and nobody will run these pieces
       }
       return;
     }

@@ -13,10 +13,10 @@
 
 namespace Tansy::CloudStorage::details {
 
-// The way of the pieces of streamed uploads to the message loop. A piece takes a thread of the loop for as long as the
-// storage takes, so only half of the threads work on pieces at a time; the other half is left to requests that are
-// done quickly. Pieces wait here and not on a thread, each upload's in the order in which they came, and an upload that
-// is waiting for the storage holds up no other.
+// Hands the pieces of streamed uploads to the message loop. A piece occupies a thread of the loop for as long as the
+// storage takes, so only half of the threads work on pieces at a time; the other half is left to requests that are done
+// quickly. Pieces wait here and not on a thread. The pieces of one upload stay in the order in which they came, and an
+// upload that waits for the storage does not delay any other.
 //
 // Threads: any. A piece that the stopped loop will never run is destroyed, which tells its client.
 class CStreamPieceQueue : private TansyBase::CNoncopyable {
@@ -39,7 +39,7 @@ class CStreamPieceQueue : private TansyBase::CNoncopyable {
   void PostRunner();
   void RunOne();
   void EndRunner(bool has_run);
-  // The first piece whose upload has none with the storage. With mutex_ held.
+  // Finds the first piece whose upload has no piece with the storage. It is called with mutex_ held.
   Pieces::iterator FindRunnable();
 
   std::mutex mutex_;  // guards everything below

@@ -29,7 +29,7 @@ void CPictureMsgTask::Exec() {
   try {
     server.HandlePicMsg(server_handle_, msg_);
   } catch (const std::exception& error) {
-    // Out of memory, most likely. The client is told instead of being left to its time-out.
+    // Most likely memory ran out. The client gets an error answer instead of waiting for its time-out.
     CLOUD_LOG(logging::kError, "[%s]handle picture msg failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
     server.AnswerError(server_handle_, kPicServerInternal);
   }

@@ -8,11 +8,11 @@
 
 namespace Tansy::CloudStorage {
 
-// A request on its way to its handler. Holds the message; its body is shared with the HTTP library, not copied.
+// Brings a request to its handler. It holds the message, whose body is shared with the HTTP library and not copied.
 class CPictureMsgTask : public TansyBase::CTask {
  public:
   CPictureMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg);
-  // A request that is dropped, because the loop has stopped, is answered here.
+  // Answers the request when the task is dropped because the loop has stopped.
   ~CPictureMsgTask() override;
   void Exec() override;
 

@@ -28,22 +28,23 @@ class CPictureServer : private TansyBase::CNoncopyable {
  public:
   static CPictureServer& Instance();
 
-  // Opens the listeners; the second form opens HTTPS listeners too, unless their port is 0. 0, the HTTP library's error
-  // (what is open stays open), or -1 when upload and download port differ (the HTTP listeners are open all the same).
+  // Opens the listeners; the second form opens HTTPS listeners too, unless their port is 0. Returns 0, the HTTP
+  // library's error (what is open stays open), or -1 when upload and download port differ (the HTTP listeners are open
+  // all the same).
   int Init(const StorageServerConfig& config);
   int Init(const StorageServerConfig_V1& config);
-  // Stops or starts the listeners; calls are put in line. 0, or the first error of the HTTP library; the same call can
-  // then be tried again and goes on where it failed.
+  // Stops or starts the listeners; calls are serialised. Returns 0 or the first error of the HTTP library; the same
+  // call can then be repeated and goes on where it failed.
   int SetPicServerEnable(bool enable);
 
-  // Address updates. The next request sees them; those under way keep what they started with.
+  // Update addresses. The next request sees the new ones; requests under way keep those they started with.
   void UpdateLocalServerIp(const std::string& ip);
   void UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port);
   void UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields);
 
   // Receives every request on the HTTP library's threads; queues it or refuses it.
   static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);
-  // Routes a request to its handler, which answers it. The result is that of the sending.
+  // Routes a request to its handler, which answers it. The result is the result of sending that answer.
   int HandlePicMsg(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
   // Answers with the error body of `code`.
   int AnswerError(std::int32_t handle, int code);
@@ -57,16 +58,16 @@ class CPictureServer : private TansyBase::CNoncopyable {
   struct Routes;
 
   enum class Schemes { kHttp, kHttpAndHttps };
-  // What became of opening or closing listeners one after another.
+  // The result of opening or closing listeners one after another.
   struct ListenerResult {
     int error = 0;    // 0, or the HTTP library's
-    bool v6 = false;  // which listener it was, the IPv4 or the IPv6 one
+    bool v6 = false;  // the listener that failed: the IPv6 one, or else the IPv4 one
   };
 
   CPictureServer() = default;
   ~CPictureServer() = default;
 
-  // Lifecycle. The three of listeners are called under mutex_.
+  // Lifecycle. The three functions that concern listeners are called with mutex_ held.
   int Init(const Config& config, Schemes schemes);
   ListenerResult StartHttp(const Config& config);
   ListenerResult StartHttps(const Config& config);
@@ -76,7 +77,7 @@ class CPictureServer : private TansyBase::CNoncopyable {
   static int SendPicMsgRsp(std::int32_t handle, const HttpResponse& response, std::string_view body);
   static int AnswerJson(std::int32_t handle, const std::string& body);
 
-  // 0, or the error code to answer.
+  // Returns 0 or the error code to answer.
   static int CheckAuth(const HttpServerRecv& request, const Config& config);
   static int CheckUrlAuth(const HttpServerRecv& request, const Config& config);
 
@@ -90,7 +91,7 @@ class CPictureServer : private TansyBase::CNoncopyable {
   CConfigSnapshot<Config> conf_;
 
   std::mutex mutex_;
-  // All that follows is under mutex_.
+  // Everything below is guarded by mutex_.
   details::Listener http_listener_;
   details::Listener http_v6_listener_;
   details::Listener https_listener_;

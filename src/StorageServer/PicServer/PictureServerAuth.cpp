@@ -20,7 +20,8 @@ using TansyNet::HttpServerRecv;
 constexpr std::string_view kForm = "multipart/form-data";
 constexpr std::string_view kAccessKeyParameter = "&AccessKeyId=";
 
-// The content type as it is signed: of a form only its type, because the boundary is made after the signature.
+// Gives the content type as it is signed. Of a form only the type counts, because the boundary is made after the
+// signature.
 std::string SignedContentType(const HttpServerRecv& request) {
   const std::string& content_type = HeaderOrEmpty(request.headers, "Content-Type");
   return content_type.find(kForm) != std::string::npos ? std::string(kForm) : content_type;
@@ -83,7 +84,7 @@ int CPictureServer::CheckUrlAuth(const HttpServerRecv& request, const Config& co
     CLOUD_LOG(logging::kError, "[%s]not Signature[%s(%d)]");
     return kPicAccessDenied;
   }
-  // The value 1 is refused and every other one passes: clients in the field depend on that sense.
+  // The value 1 is refused and every other value passes, because existing clients depend on it.
   if (details::ValueOrEmpty(parameters, "Algorithm") == "1") {
     CLOUD_LOG(logging::kError, "[%s]not Algorithm[%s(%d)]");
     return kPicAccessDenied;
@@ -97,7 +98,7 @@ int CPictureServer::CheckUrlAuth(const HttpServerRecv& request, const Config& co
     CLOUD_LOG(logging::kError, "[%s]ak not equal, server=%s, recv=%s[%s(%d)]", config.ak.c_str(), ak->second.c_str());
     return kPicAccount;
   }
-  // The access key comes first of what the signer adds; what stands in front of it is signed.
+  // The access key comes first among the parameters that the signer adds; what stands in front of it is signed.
   const std::size_t signed_length = request.query.find(details::kAccessKeyParameter);
   if (signed_length == std::string::npos) {
     CLOUD_LOG(logging::kError, "[%s]error not AccessKeyId[%s(%d)]");

@@ -13,14 +13,14 @@
 
 namespace Tansy::CloudStorage {
 
-// One row of the routing table; both texts must be the request's, letter by letter.
+// One row of the routing table; both texts must equal the request's, with the same case.
 struct CPictureServer::Route {
   std::string_view method;
   std::string_view path;
   int (CPictureServer::*handler)(std::int32_t handle, const HttpServerRecv& request);
 };
 
-// The routing table: the first row that fits has the request.
+// The routing table: the first row that matches handles the request.
 struct CPictureServer::Routes {
   using Server = CPictureServer;
 

@@ -55,7 +55,7 @@ void BuildPicErrorRsp(TansyNet::HttpResponse& response, std::string& body, int c
     response.status = row->status;
     message = TansyBase::StringUtil::UTF8ToGBK(row->message);
   }
-  // Written as text: a JSON document would take the GBK bytes for broken UTF-8.
+  // The body is written as text, because a JSON document would take the GBK bytes for broken UTF-8.
   body = R"({"ErrorCode": )" + std::to_string(code) + R"(, "Message": ")" + message + R"("})";
   SetPicRspHeaders(response, kJsonContentType);
 }

@@ -1,4 +1,4 @@
-// The errors of the picture protocol and the answer that each of them becomes.
+// The errors of the picture protocol and the answer for each of them.
 #ifndef TANSY_SRC_STORAGE_SERVER_PIC_SERVER_PICTURE_SERVER_ERRORS_H
 #define TANSY_SRC_STORAGE_SERVER_PIC_SERVER_PICTURE_SERVER_ERRORS_H
 
@@ -10,7 +10,7 @@ struct HttpResponse;
 
 namespace Tansy::CloudStorage {
 
-// All codes of the protocol; clients know them by number. Those that this server gives have a remark.
+// These are all codes of the protocol; clients know them by number. The codes that this server uses have a remark.
 enum PictureError : int {
   kPicHttpProtocol = -50001,     // no such route, no usable Host header, a form without its picture
   kPicStorageResource = -50002,  // a storage callback failed
@@ -31,7 +31,7 @@ enum PictureError : int {
   kPicNoSuchPool = -58102,
 };
 
-// Content type of every JSON answer, errors included, although the messages of errors are GBK.
+// The content type of every JSON answer. Errors have it too, although their messages are GBK.
 inline constexpr const char* kJsonContentType = "text/json; charset=utf-8";
 
 // Gives an answer its content type and its date.

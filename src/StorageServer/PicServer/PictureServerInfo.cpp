@@ -1,4 +1,4 @@
-// What a client asks before it sends pictures: the best node, the pools, the version.
+// Answers what a client asks before it sends pictures: the best node, the pools, the version.
 #include <array>
 #include <string_view>
 
@@ -16,14 +16,14 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Where a client reached the server, and where it is told to go.
+// An address of the server: the one that a client used, or the one that it should use.
 struct Gateway {
   std::string ip;
   std::uint32_t port = 0;
 };
 
-// The answer for a client that asked at `asked`; the port of the result is 0 when no port of the server's fits. A
-// client that came from outside is told the address for those outside, one on the machine itself stays there.
+// Chooses the answer for a client that asked at `asked`; the port of the result is 0 when no port of the server fits. A
+// client that came from outside gets the address for outside clients; a client on the machine itself stays there.
 Gateway ChooseGateway(const Gateway& asked, const StorageServerConfig_V1& config) {
   const bool from_outside = !IsLoopback(asked.ip) && asked.ip != config.ip && config.wan_enable;
   const std::uint32_t port = from_outside ? config.wan_port : config.upload_port;
@@ -42,7 +42,7 @@ struct TextMember {
   const char* value;
 };
 
-// The one pool there is.
+// There is only this one pool.
 constexpr std::array kPool = {
     TextMember{"/List[1]/PoolID", "1"},      TextMember{"/List[1]/PoolName", "kiv_local_pool"},
     TextMember{"/List[1]/PoolType", "3"},    TextMember{"/List[1]/CoverType", "1"},

@@ -1,4 +1,4 @@
-// Pictures in and out, through the host's callbacks.
+// Stores and reads pictures through the host's callbacks.
 #include <string_view>
 
 #include "ModuleLog.h"
@@ -13,13 +13,13 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-constexpr int kPictureFlag = 0;  // tells the callbacks apart from objects
+constexpr int kPictureFlag = 0;  // tells the callbacks that it is a picture and no object
 // Fixed: docs/compatibility.md, "Values that say less than their names".
 constexpr const char* kPictureContentType = "image/jpeg";
-// More digits than any length has: a field of megabytes is not copied to be found out as no number.
+// No length has this many digits. The limit avoids copying a field of megabytes only to find out that it is no number.
 constexpr std::size_t kMaxLengthDigits = 64;
 
-// What an upload's form says; the views live as long as the request.
+// The fields of an upload's form; the views live as long as the request.
 struct PictureForm {
   std::int32_t length = 0;
   std::string_view picture;
@@ -41,7 +41,7 @@ bool IsWhole(const PictureForm& form) {
   return form.length > 0 && form.picture.size() == static_cast<std::size_t>(form.length);
 }
 
-// Removes a stored picture again that nobody will ever ask for, because its address reached nobody.
+// Removes a stored picture again when its address could not be sent, because nobody would ever ask for it.
 class CUnlessAnswered : private TansyBase::CNoncopyable {
  public:
   CUnlessAnswered(const StorageServerConfig& config, const std::string& url) : config_(config), url_(url) {}
@@ -121,7 +121,7 @@ int CPictureServer::HandleDownloadPicture(std::int32_t handle, const HttpServerR
   }
   HttpResponse response;
   SetPicRspHeaders(response, details::kPictureContentType);
-  // Without a buffer there are no bytes, whatever the size says.
+  // Without a buffer there are no bytes, whatever the size says, so the body is empty.
   return SendPicMsgRsp(handle, response,
                        buffer.data ? std::string_view(buffer.data.get(), buffer.size) : std::string_view(""));
 }
