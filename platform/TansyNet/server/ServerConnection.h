@@ -124,6 +124,7 @@ class CServerConnection final : public IServerConnection,
   void MemoryCame();
   // The times within which a body has to come.
   void BeginBodyTime(std::uint64_t length);
+  std::int64_t TimeFor(std::uint64_t bytes) const;
   void NoteBodyProgress(std::size_t bytes);
   bool BodyMayGoOn(std::int64_t now);
   Next StepBody(Lock& lock);

@@ -132,10 +132,14 @@ void CServerConnection::MemoryCame() {
 
 void CServerConnection::BeginBodyTime(std::uint64_t length) {
   const std::int64_t now = SteadyMilliseconds();
-  const std::uint64_t rate = std::max<std::uint64_t>(limits_.least_bytes_per_second, 1);
-  body_end_ = now + limits_.unchecked_body_timeout_ms + static_cast<std::int64_t>(length * 1000 / rate);
+  body_end_ = now + limits_.unchecked_body_timeout_ms + TimeFor(length);
   rate_.Begin(now);
   NoteBodyProgress(0);
+}
+
+// What so many bytes take at the least rate.
+std::int64_t CServerConnection::TimeFor(std::uint64_t bytes) const {
+  return static_cast<std::int64_t>(bytes * 1000 / std::max<std::uint64_t>(limits_.least_bytes_per_second, 1));
 }
 
 void CServerConnection::NoteBodyProgress(std::size_t bytes) {
@@ -176,6 +180,7 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
     return Refuse(details::kUnavailable);
   }
   if (bytes.size() > before) {
+    body_end_ += TimeFor(bytes.size() - before);
     NoteBodyProgress(bytes.size() - before);
   }
   switch (progress) {

@@ -330,6 +330,34 @@ TEST_F(HttpServerLimit, ABodyThatNobodyCheckedHasATimeInAll) {
   ExpectAtLeastTheLimit();
 }
 
+// How long such a body will be is not known when its time begins.
+TEST_F(HttpServerLimit, ABodyInChunksHasTheTimeThatItsBytesTake) {
+  StartWith(
+      {.unchecked_body_timeout_ms = kLongerMs, .least_bytes_per_second = 1000},
+      [](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, std::to_string(message.body_size)); });
+  CRawClient client(Port());
+  client.Send("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n");
+  for (int count = 0; count < 10; ++count) {
+    client.TrySend("3e8\r\n" + std::string(1000, 'x') + "\r\n");
+    std::this_thread::sleep_for(milliseconds(kLongerMs / 5));
+  }
+  client.TrySend("0\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "10000");
+}
+
+TEST_F(HttpServerLimit, ABodyInChunksThatDripsHasATimeInAll) {
+  StartWith({.body_timeout_ms = 60000, .unchecked_body_timeout_ms = kShortMs, .least_bytes_per_second = 1000000});
+  CRawClient client(Port());
+  client.Send("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n");
+  std::jthread dripping([&](const std::stop_token& stop) {
+    while (!stop.stop_requested() && client.TrySend("1\r\nx\r\n")) {
+      std::this_thread::sleep_for(milliseconds(kShortMs / 10));
+    }
+  });
+  EXPECT_EQ(client.ReadReply().status, 408);
+  ExpectAtLeastTheLimit();
+}
+
 TEST_F(HttpServerLimit, BodyMemoryCountsUploadsToo) {
   StartWith({.body_timeout_ms = kShortMs, .memory_bytes = 8 * kMebibyte});
   CRawClient upload(Port());
