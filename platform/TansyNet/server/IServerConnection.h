@@ -19,11 +19,15 @@ class IServerConnection {
   virtual bool IsPastDeadline(std::int64_t now) const = 0;
   virtual void OnDeadline() = 0;
 
-  // Any thread. When it began to wait for a request, in SteadyMilliseconds; kNotIdle while it has one.
-  static constexpr std::int64_t kNotIdle = std::numeric_limits<std::int64_t>::max();
+  // Any thread. When it began to wait for a request, in SteadyMilliseconds; kNever while it has one.
+  static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
   virtual std::int64_t IdleSince() const = 0;
   // False when a request has come in the meantime.
   virtual bool CloseIfIdle() = 0;
+  // When the client of an answer that is being sent last took some of it; kNever while it goes on or there is none.
+  virtual std::int64_t StandingSince() const = 0;
+  // Closes, unless the client turns out to have read on.
+  virtual void CutIfStanding() = 0;
   virtual const Endpoint& Origin() const = 0;
   // Closes at once.
   virtual void Abort() = 0;

@@ -1,7 +1,6 @@
 #include "TansyNet/server/ServerConnection.h"
 
 #include <exception>
-#include <limits>
 #include <utility>
 
 #include "logging/Logging.h"
@@ -10,7 +9,6 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-constexpr std::int64_t kNoDeadline = std::numeric_limits<std::int64_t>::max();
 // After so many steps another connection of the same worker has its turn.
 constexpr int kStepsPerTurn = 16;
 
@@ -26,8 +24,9 @@ CServerConnection::CServerConnection(CServerRuntime& runtime, CConnectionPlace p
       worker_(std::move(worker)),
       origin_(std::move(origin)),
       limits_(limits),
-      deadline_(details::kNoDeadline),
-      idle_since_(kNotIdle),
+      deadline_(kNever),
+      idle_since_(kNever),
+      send_progress_(kNever),
       transport_(std::move(socket), tls),
       phase_(transport_.IsEncrypted() ? Phase::kHandshake : Phase::kIdle),
       parser_(limits.header_bytes),
@@ -46,7 +45,8 @@ bool CServerConnection::IsReading(Phase phase) {
 void CServerConnection::SetPhase(Phase phase) {
   const bool was_busy = IsBusy(phase_);
   phase_ = phase;
-  idle_since_.store(phase == Phase::kIdle ? SteadyMilliseconds() : kNotIdle, std::memory_order_relaxed);
+  idle_since_.store(phase == Phase::kIdle ? SteadyMilliseconds() : kNever, std::memory_order_relaxed);
+  send_progress_.store(phase == Phase::kSending ? SteadyMilliseconds() : kNever, std::memory_order_relaxed);
   if (was_busy == IsBusy(phase)) {
     return;
   }
@@ -58,7 +58,7 @@ void CServerConnection::SetPhase(Phase phase) {
 }
 
 void CServerConnection::SetDeadline(std::int64_t milliseconds) {
-  const bool never = milliseconds == details::kNoDeadline;
+  const bool never = milliseconds == kNever;
   deadline_.store(never ? milliseconds : SteadyMilliseconds() + milliseconds, std::memory_order_relaxed);
 }
 
@@ -254,7 +254,7 @@ void CServerConnection::OnDeadline() {
     return;
   }
   if (phase_ == Phase::kClosed) {
-    SetDeadline(details::kNoDeadline);
+    SetDeadline(kNever);
     worker_->Forget(this);
     return;
   }
@@ -339,7 +339,7 @@ void CServerConnection::Close() {
   }
   ForgetRequest();
   SetPhase(Phase::kClosed);
-  SetDeadline(details::kNoDeadline);
+  SetDeadline(kNever);
   transport_.Socket().Stop();
   KeepInput({});
   body_ = {};

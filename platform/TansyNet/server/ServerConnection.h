@@ -54,6 +54,8 @@ class CServerConnection final : public IServerConnection,
   // Any thread.
   std::int64_t IdleSince() const override { return idle_since_.load(std::memory_order_relaxed); }
   bool CloseIfIdle() override;
+  std::int64_t StandingSince() const override;
+  void CutIfStanding() override;
   const Endpoint& Origin() const override { return *origin_; }
   void Abort() override;
   void CloseWhenIdle() override;
@@ -159,6 +161,8 @@ class CServerConnection final : public IServerConnection,
   std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
   void ForgetRequest();
   int Send(std::string_view head, std::string_view body, std::int32_t timeout_ms);
+  bool ClaimAnswer(CMemoryShare& room, std::size_t size);
+  IoStatus SendRest();
   IoStatus Write(std::string_view& first, std::string_view& second, std::size_t most);
   int WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms, Lock& lock);
   bool SendAgain(Lock& lock);
@@ -174,6 +178,7 @@ class CServerConnection final : public IServerConnection,
 
   std::atomic<std::int64_t> deadline_;
   std::atomic<std::int64_t> idle_since_;
+  std::atomic<std::int64_t> send_progress_;  // when the socket last took some of output_; kNever while there is none
   std::atomic<std::int32_t> lost_token_{0};  // a request whose token is gone, when there was no memory to say so
 
   mutable std::mutex mutex_;
@@ -211,7 +216,6 @@ class CServerConnection final : public IServerConnection,
   std::size_t output_sent_ = 0;
   CMemoryShare output_share_{MemoryUse::kAnswers};
   std::int32_t send_timeout_ms_ = 0;
-  std::int64_t send_progress_ = 0;  // when the socket last took some of output_
   std::uint64_t chunks_left_ = 0;
   bool chunk_under_way_ = false;
   std::uint64_t drain_left_ = 0;

@@ -42,6 +42,8 @@ void Advance(std::string_view& first, std::string_view& second, std::size_t byte
 }  // namespace details
 
 int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) {
+  CMemoryShare room(MemoryUse::kAnswers);
+  const bool has_room = ClaimAnswer(room, body.size());
   const Lock lock(mutex_);
   if (!CheckHandle(handle)) {
     return kNetUnknownHandle;
@@ -52,13 +54,28 @@ int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response,
     return kNetAlreadyAnswered;
   }
   const bool has_body = !is_head_ && StatusAllowsBody(response.status);
-  if (has_body && body.size() > details::kSmallAnswer && !output_share_.Resize(body.size())) {
+  if (has_body && !has_room) {
     Refuse(details::kUnavailable);
     return kNetNoMemory;
   }
+  output_share_ = std::move(room);
   const std::string head = TakeHead(response, body.size());
   ForgetRequest();
   return Send(head, has_body ? body : std::string_view(), details::TimeoutOf(response));
+}
+
+// Without a lock: those that make room are other connections, which may make room for each other.
+bool CServerConnection::ClaimAnswer(CMemoryShare& room, std::size_t size) {
+  if (size <= details::kSmallAnswer) {
+    return true;
+  }
+  const bool may_come = CMemoryAccount::Process().CanEverTake(MemoryUse::kAnswers, size);
+  while (!room.Resize(size)) {
+    if (!may_come || !runtime_.CutLongestStanding()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 int CServerConnection::AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
@@ -155,26 +172,17 @@ int CServerConnection::Send(std::string_view head, std::string_view body, std::i
   output_.append(head).append(body);
   output_sent_ = 0;
   send_timeout_ms_ = timeout_ms;
-  send_progress_ = SteadyMilliseconds();
-  rate_.Begin(send_progress_);
   SetPhase(Phase::kSending);
+  rate_.Begin(send_progress_);
   SetDeadline(details::LookAgainMs(timeout_ms));
   WatchWritable();
   return 0;
 }
 
 CServerConnection::Next CServerConnection::StepSending() {
-  std::string_view rest = std::string_view(output_).substr(output_sent_);
-  std::string_view nothing;
-  const IoStatus status = Write(rest, nothing, details::kBytesPerTurn);
-  const std::size_t sent = output_.size() - rest.size();
-  if (sent > output_sent_) {
-    rate_.Moved(sent - output_sent_);
-    output_sent_ = sent;
-    send_progress_ = SteadyMilliseconds();
-    SetDeadline(details::LookAgainMs(send_timeout_ms_));
-  }
-  if (status == IoStatus::kDone && rest.empty()) {
+  const IoStatus status = SendRest();
+  const bool is_done = output_sent_ == output_.size();
+  if (status == IoStatus::kDone && is_done) {
     FinishAnswer();
     return phase_ == Phase::kIdle && IsUnwatched() ? Next::kGoOn : Next::kWait;
   }
@@ -188,6 +196,44 @@ CServerConnection::Next CServerConnection::StepSending() {
   }
   Close();
   return Next::kWait;
+}
+
+IoStatus CServerConnection::SendRest() {
+  std::string_view rest = std::string_view(output_).substr(output_sent_);
+  std::string_view nothing;
+  const IoStatus status = Write(rest, nothing, details::kBytesPerTurn);
+  if (const std::size_t sent = output_.size() - rest.size(); sent > output_sent_) {
+    rate_.Moved(sent - output_sent_);
+    output_sent_ = sent;
+    send_progress_ = SteadyMilliseconds();
+    SetDeadline(details::LookAgainMs(send_timeout_ms_));
+  }
+  return status;
+}
+
+// A reader who moves on takes something in a quarter of a window: attempts are made that often.
+std::int64_t CServerConnection::StandingSince() const {
+  const std::int64_t progress = send_progress_;
+  return progress == kNever || SteadyMilliseconds() - progress < limits_.least_rate_window_ms / 4 ? kNever : progress;
+}
+
+// Not on the worker's thread, so the rest of what follows progress is left to it.
+void CServerConnection::CutIfStanding() {
+  const Lock lock(mutex_);
+  if (phase_ != Phase::kSending) {
+    return;
+  }
+  // The client may have made room that shows only in an attempt.
+  const IoStatus status = SendRest();
+  if (status == IoStatus::kDone) {
+    ContinueLater();
+  } else if (status != IoStatus::kWantWrite) {
+    Close();
+  } else if (StandingSince() != kNever) {
+    TANSY_LOG(logging::kNotable, "TansyNet", "[%s]reads too little, makes room, ip = %s[%s(%d)]",
+              transport_.Socket().PeerAddress().c_str());
+    Close();
+  }
 }
 
 // The deadline of a sending came. True when it is only time for another attempt.

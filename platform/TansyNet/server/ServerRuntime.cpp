@@ -117,19 +117,33 @@ CConnectionPlace CServerRuntime::AdmitConnection() {
 }
 
 bool CServerRuntime::CloseLongestIdle() {
+  const auto longest = Earliest(&IServerConnection::IdleSince);
+  return longest != nullptr && longest->CloseIfIdle();
+}
+
+bool CServerRuntime::CutLongestStanding() {
+  const auto longest = Earliest(&IServerConnection::StandingSince);
+  if (longest == nullptr) {
+    return false;
+  }
+  longest->CutIfStanding();
+  return true;
+}
+
+std::shared_ptr<IServerConnection> CServerRuntime::Earliest(CServerWorker::Since since) const {
   std::vector<std::shared_ptr<CServerWorker>> workers;
   {
     const std::scoped_lock lock(mutex_);
     workers = threads_.workers;
   }
-  std::shared_ptr<IServerConnection> longest;
+  std::shared_ptr<IServerConnection> earliest;
   for (const auto& worker : workers) {
-    auto candidate = worker->LongestIdle();
-    if (candidate != nullptr && (longest == nullptr || candidate->IdleSince() < longest->IdleSince())) {
-      longest = std::move(candidate);
+    auto candidate = worker->Earliest(since);
+    if (candidate != nullptr && (earliest == nullptr || ((*candidate).*since)() < ((*earliest).*since)())) {
+      earliest = std::move(candidate);
     }
   }
-  return longest != nullptr && longest->CloseIfIdle();
+  return earliest;
 }
 
 void CServerRuntime::ConnectionIdle() {

@@ -71,6 +71,8 @@ class CServerRuntime {
   CConnectionPlace AdmitConnection();
   // False when none is idle.
   bool CloseLongestIdle();
+  // Cuts the client that has read nothing of its answer for the longest time. False when all read.
+  bool CutLongestStanding();
   // Connections with a request between its header and the last byte of its answer.
   void ConnectionBusy() { busy_.fetch_add(1, std::memory_order_relaxed); }
   void ConnectionIdle();
@@ -83,6 +85,8 @@ class CServerRuntime {
   void ForEachConnection(const std::function<void(IServerConnection&)>& visit);
 
  private:
+  std::shared_ptr<IServerConnection> Earliest(CServerWorker::Since since) const;
+
   mutable std::mutex mutex_;
   HttpServerLimits limits_;      // guarded by mutex_
   ServerThreads threads_;        // guarded by mutex_

@@ -219,15 +219,17 @@ void CServerWorker::Forget(IServerConnection* connection) {
   }
 }
 
-std::shared_ptr<IServerConnection> CServerWorker::LongestIdle() const {
+std::shared_ptr<IServerConnection> CServerWorker::Earliest(Since since) const {
   const std::scoped_lock lock(impl_->mutex);
-  std::shared_ptr<IServerConnection> longest;
+  std::shared_ptr<IServerConnection> earliest;
+  std::int64_t time = IServerConnection::kNever;
   for (const auto& [key, connection] : impl_->connections) {
-    if (connection->IdleSince() < (longest == nullptr ? IServerConnection::kNotIdle : longest->IdleSince())) {
-      longest = connection;
+    if (const std::int64_t own = (key->*since)(); own < time) {
+      time = own;
+      earliest = connection;
     }
   }
-  return longest;
+  return earliest;
 }
 
 void CServerWorker::SetRevival(const void* owner, std::function<void()> revive) {

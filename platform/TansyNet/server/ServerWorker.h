@@ -42,8 +42,9 @@ class CServerWorker {
   // Calls `visit` for each connection on the worker's thread.
   void ForEachConnection(std::function<void(IServerConnection&)> visit);
 
-  // The connection that has been idle longest; null when none is. Any thread.
-  std::shared_ptr<IServerConnection> LongestIdle() const;
+  // The connection for which `since` tells the earliest time; null when it tells none of any. Any thread.
+  using Since = std::int64_t (IServerConnection::*)() const;
+  std::shared_ptr<IServerConnection> Earliest(Since since) const;
   // Calls `revive` on the worker's thread after a step of it has failed for want of memory, until the worker stops.
   void SetRevival(const void* owner, std::function<void()> revive);
   void RemoveRevival(const void* owner);

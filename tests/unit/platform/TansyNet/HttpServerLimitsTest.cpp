@@ -30,6 +30,8 @@ using TansyNet::HttpServerRecv;
 constexpr std::uint32_t kShortMs = 150;
 // For limits that a test must not break, on a machine that has much else to do.
 constexpr std::uint32_t kLongerMs = 600;
+// Longer than any test.
+constexpr std::uint32_t kNoWindowMs = 600000;
 constexpr std::size_t kMebibyte = 1024 * 1024;
 
 class HttpServerLimit : public ServerFixture {
@@ -375,7 +377,7 @@ TEST_F(HttpServerLimit, BodyMemoryCountsUploadsToo) {
 }
 
 TEST_F(HttpServerLimit, WhatSocketsDoNotTakeOfAnswersIsCounted) {
-  StartWith({.memory_bytes = 40 * kMebibyte});
+  StartWith({.least_rate_window_ms = kNoWindowMs, .memory_bytes = 40 * kMebibyte});
   const std::string body(16 * kMebibyte, 'x');
   CRawClient reader(Port(), {.receive_buffer = 65536});
   reader.Send("GET / HTTP/1.1\r\n\r\n");
@@ -393,6 +395,39 @@ TEST_F(HttpServerLimit, WhatSocketsDoNotTakeOfAnswersIsCounted) {
   EXPECT_EQ(small.ReadReply().body, "fine");
   EXPECT_TRUE(reader.ReadReply().body == body) << "whoever reads is not cut";
   EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 0U);
+}
+
+// Without a least rate nothing else would cut it before its time to send is over.
+TEST_F(HttpServerLimit, AReaderThatStandsStillMakesRoomForALargeAnswer) {
+  StartWith({.least_bytes_per_second = 0, .least_rate_window_ms = 4 * kShortMs, .memory_bytes = 40 * kMebibyte});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient standing(Port(), {.receive_buffer = 65536});
+  standing.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), 0);
+  SetHandler([&](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, body); });
+  EXPECT_TRUE(Eventually([&] {
+    CRawClient honest(Port());
+    honest.Send("GET / HTTP/1.1\r\n\r\n");
+    return honest.ReadReply().body == body;
+  }));
+  EXPECT_THROW(standing.ReadReply(), std::runtime_error) << "it was cut";
+}
+
+TEST_F(HttpServerLimit, AReaderThatReadsKeepsItsRoom) {
+  StartWith({.least_rate_window_ms = 4 * kLongerMs, .memory_bytes = 40 * kMebibyte});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient reading(Port(), {.receive_buffer = 65536});
+  reading.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), 0);
+  while (steady_clock::now() - begin_ < milliseconds(2 * kLongerMs)) {
+    reading.ReadBytes(kMebibyte / 16);
+    std::this_thread::sleep_for(milliseconds(kLongerMs / 20));
+  }
+  CRawClient refused(Port());
+  refused.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(AnswerText(Take().handle, body), TansyNet::kNetNoMemory);
+  EXPECT_EQ(refused.ReadReply().status, 503);
+  reading.ReadBytes(10 * kMebibyte);
 }
 
 // A byte now and then keeps no room that others need.
