@@ -281,8 +281,8 @@ TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
 }
 
 TEST_F(ObjectMultipartUploadTest, DoesNotWaitForTheEndOfARound) {
-  // From the last part's arrival to the completion. A wait that sleeps its 500 ms through would let nearly all of them
-  // pass each time; one that is woken needs a moment, at least once, however busy the machine is.
+  // From the last part's arrival to the completion. A wait that sleeps its round of 500 ms through would let all of it
+  // pass each time; one that is woken is faster at least once, however busy the machine is.
   using Clock = std::chrono::steady_clock;
   std::mutex mutex;
   Clock::time_point last_part;
@@ -302,7 +302,7 @@ TEST_F(ObjectMultipartUploadTest, DoesNotWaitForTheEndOfARound) {
     std::string url;
     EXPECT_TRUE(client_.UploadFile(url, path));
   }
-  EXPECT_LT(shortest, std::chrono::milliseconds(250));
+  EXPECT_LT(shortest, std::chrono::milliseconds(480));
 }
 
 TEST_F(ObjectMultipartUploadTest, KeepsManyUploadsApart) {
