@@ -12,10 +12,12 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Tells a client that its request will not be handled. When there is no memory even for that, the connection's time-out
-// tells it.
-void AnswerDropped(std::int32_t handle) noexcept {
+// Tells a client that its request will not be handled, and forgets its upload. A record that stayed would keep the bytes
+// that are stored already from being freed. When there is no memory even for an answer, the connection's time-out tells
+// the client.
+void EndRequest(std::int32_t handle) noexcept {
   try {
+    CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));
     CObjectServer::Instance().AnswerError(handle, kServerInternalError);
   } catch (const std::exception& error) {
     CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", error.what(), handle);
@@ -30,19 +32,18 @@ CObjectMsgTask::CObjectMsgTask(std::int32_t server_handle, TansyNet::HttpServerR
 
 CObjectMsgTask::~CObjectMsgTask() {
   if (!executed_) {
-    details::AnswerDropped(server_handle_);
+    details::EndRequest(server_handle_);
   }
 }
 
 void CObjectMsgTask::Exec() {
   executed_ = true;
-  CObjectServer& server = CObjectServer::Instance();
   try {
-    server.HandleObjectMsg(server_handle_, msg_);
+    CObjectServer::Instance().HandleObjectMsg(server_handle_, msg_);
   } catch (const std::exception& error) {
     // Most likely memory ran out. The client gets an error answer instead of waiting for its time-out.
     CLOUD_LOG(logging::kError, "[%s]handle object msg failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
-    server.AnswerError(server_handle_, kServerInternalError);
+    details::EndRequest(server_handle_);
   }
 }
 
@@ -70,7 +71,7 @@ void CObjectStreamTask::EndUpload() {
     streams.RemoveStream(session_id);  // needs no memory
   }
   if (!request_) {
-    details::AnswerDropped(server_handle_);
+    details::EndRequest(server_handle_);
   }
 }
 
