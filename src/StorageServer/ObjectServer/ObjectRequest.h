@@ -28,6 +28,9 @@ struct ObjectRequest {
   std::string key;
   ObjectInfo object;            // set by routes that need an existing object
   details::Caller caller = {};  // handler that the log lines of its helpers name
+  // The first piece of this upload has passed the opening. Its Date was compared with the clock then, and is older now
+  // by as long as the upload took.
+  bool opened_before = false;
 };
 
 }  // namespace Tansy::CloudStorage

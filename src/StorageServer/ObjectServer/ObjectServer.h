@@ -137,7 +137,9 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // Makes the checks of a download.
   // Fixed: docs/compatibility.md, "The order of checks".
   static int OpenToRead(ObjectRequest& request);
-  static int CheckAuth(const HttpServerRecv& request, const Config& config);
+  // Whether the Date of a signed header has to lie in the window of SignatureDate.h.
+  enum class DateRule { kInWindow, kAny };
+  static int CheckAuth(const HttpServerRecv& request, const Config& config, DateRule date_rule);
   static int CheckUrlAuth(const HttpServerRecv& request, const Config& config);
 
   // Handlers, in the order of the routing table. Each gets a request that has passed the opening of its route, answers

@@ -44,18 +44,34 @@ bool TakeTokenSignature(std::string& signature, const std::string& token) {
   return true;
 }
 
+std::map<std::string, std::string> ParametersOf(const TansyNet::HttpServerRecv& request) {
+  std::map<std::string, std::string> parameters;
+  ParseHttpUrlQuery(parameters, std::string(QueryOf(request)));
+  return parameters;
+}
+
+// Whether the moment is past that a link names in its query. Most name none.
+bool HasExpired(const std::map<std::string, std::string>& parameters, const Caller& caller) {
+  const auto expires = parameters.find("expires");
+  if (expires == parameters.end() || IsNotExpired(expires->second)) {
+    return false;
+  }
+  CLOUD_LOG_FOR(caller, logging::kError, "[%s]token expired[%s].[%s(%d)]", expires->second.c_str());
+  return true;
+}
+
 }  // namespace
 }  // namespace details
 
 int CObjectServer::CheckAuth(const HttpServerRecv& request) const {
-  return CheckAuth(request, *conf_.Load());
+  return CheckAuth(request, *conf_.Load(), DateRule::kInWindow);
 }
 
 int CObjectServer::CheckUrlAuth(const HttpServerRecv& request) const {
   return CheckUrlAuth(request, *conf_.Load());
 }
 
-int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config) {
+int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config, DateRule date_rule) {
   if (CheckUrlAuth(request, config) == 0) {
     return 0;
   }
@@ -73,14 +89,15 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
               authorization.ak.c_str());
     return kAccessDenied;
   }
-  const std::string sign_text = BuildSignText(request, HeaderOrEmpty(request.headers, "Content-Type"),
-                                              HeaderOrEmpty(request.headers, "Date"), request.query);
+  const std::string& date = HeaderOrEmpty(request.headers, "Date");
+  const std::string sign_text =
+      BuildSignText(request, HeaderOrEmpty(request.headers, "Content-Type"), date, request.query);
   if (!IsSignedWith(config, sign_text, authorization.signature)) {
     CLOUD_LOG(logging::kError, "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]",
               header->second.c_str(), sign_text.c_str(), config.sk.c_str());
     return kAccessDenied;
   }
-  if (const std::string& date = HeaderOrEmpty(request.headers, "Date"); !IsDateInWindow(date)) {
+  if (date_rule == DateRule::kInWindow && !IsDateInWindow(date)) {
     CLOUD_LOG(logging::kError, "[%s]http header Date refused! Date=%s window=%d minutes[%s(%d)]", date.c_str(),
               DateWindow());
     return kAccessDenied;
@@ -89,8 +106,7 @@ int CObjectServer::CheckAuth(const HttpServerRecv& request, const Config& config
 }
 
 int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& config) {
-  std::map<std::string, std::string> parameters;
-  ParseHttpUrlQuery(parameters, std::string(QueryOf(request)));
+  const std::map<std::string, std::string> parameters = details::ParametersOf(request);
   const auto token = parameters.find("token");
   if (token == parameters.end()) {
     // Fixed: docs/compatibility.md, "Error lines of a healthy server".
@@ -112,11 +128,7 @@ int CObjectServer::CheckUrlAuth(const HttpServerRecv& request, const Config& con
               token->second.c_str(), sign_text.c_str(), config.sk.c_str());
     return kAccessDenied;
   }
-  if (const auto expires = parameters.find("expires"); expires != parameters.end() && !IsNotExpired(expires->second)) {
-    CLOUD_LOG(logging::kError, "[%s]token expired[%s].[%s(%d)]", expires->second.c_str());
-    return kAccessDenied;
-  }
-  return 0;
+  return details::HasExpired(parameters, CLOUD_LOG_CALLER) ? int{kAccessDenied} : 0;
 }
 
 }  // namespace Tansy::CloudStorage

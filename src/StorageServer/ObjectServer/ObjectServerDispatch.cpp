@@ -280,6 +280,7 @@ void CObjectServer::DropBody(HttpServerRecv& msg) {
 int CObjectServer::HandleObjectMsg(std::int32_t handle, const HttpServerRecv& msg) {
   const ConfigPointer config = conf_.Load();
   ObjectRequest request(msg, *config);
+  request.opened_before = msg.error_code != TansyNet::kWholeRequest;
   if (!ParseUrl(request.bucket, request.key, msg.url)) {
     return AnswerUnsupported(handle, logging::kError, CLOUD_LOG_CALLER);
   }
@@ -325,7 +326,8 @@ int CObjectServer::Open(ObjectRequest& request, const Opening& opening) {
                   request.key.c_str());
     return kKeyTooLong;
   }
-  if (const int error = CheckAuth(request.msg, request.config); error != 0) {
+  const DateRule date_rule = request.opened_before ? DateRule::kAny : DateRule::kInWindow;
+  if (const int error = CheckAuth(request.msg, request.config, date_rule); error != 0) {
     if (opening.logs_unsigned) {
       CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]CheckAuth fail, bucket_name[%s].[%s(%d)]",
                     request.bucket.c_str());

@@ -17,6 +17,7 @@
 #include "StorageServer/ObjectServer/ObjectServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
 #include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/ObjectServer.h"
 #include "fakes/HeldLoop.h"
 #include "fakes/ManualClock.h"
 
@@ -449,6 +450,42 @@ TEST_F(CObjectServerWriteTest, TheNextPieceWaitsUntilTheLastIsStored) {
   gate.Open();
   ASSERT_TRUE(WaitForQuietLoop());
   EXPECT_TRUE(watched.expired()) << "stored: the next one may come";
+}
+
+// A window for dates, and a clock that stands at the date of every signed request here.
+class CObjectServerDatedUploadTest : public CObjectServerWriteTest {
+ protected:
+  CObjectServerDatedUploadTest() { CloudStorage::SetSignatureDateWindow(15); }
+  ~CObjectServerDatedUploadTest() override { CloudStorage::SetSignatureDateWindow(0); }
+
+  void DeliverPart(const std::string& piece, bool last) {
+    TansyNet::HttpServerRecv msg = Signed({"PUT", Path("k"), "", "", {}});
+    msg.content_length = 11 * kMiB;
+    http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, piece, last);
+  }
+
+  CManualClock clock_;
+};
+
+TEST_F(CObjectServerDatedUploadTest, AnUploadMayTakeLongerThanTheWindow) {
+  handle_ = http_.NewHandle();
+  DeliverPart(Pattern(10 * kMiB), false);
+  clock_.Advance(3600);
+  DeliverPart(Pattern(kMiB), true);
+  EXPECT_TRUE(IsXml(http_.WaitForAnswer(handle_), ""));
+  ObjectInfo object;
+  EXPECT_TRUE(IsStored("k", object));
+}
+
+TEST_F(CObjectServerDatedUploadTest, AnUploadThatBeginsLaterThanTheWindowIsRefused) {
+  clock_.Advance(3600);
+  for (const bool last : {false, true}) {
+    handle_ = http_.NewHandle();
+    DeliverPart(Pattern(11 * kMiB), last);
+    EXPECT_TRUE(IsError(http_.WaitForAnswer(handle_), 403, "AccessDenied")) << last;
+  }
+  EXPECT_TRUE(IsError(Put(Path("k"), "x"), 403, "AccessDenied"));
+  EXPECT_TRUE(storage_.Calls("stream").empty());
 }
 
 TEST_F(CObjectServerWriteTest, UploadsAreRefusedAtTheirFirstPiece) {
