@@ -44,10 +44,12 @@ bool InitServer() {
   return CObjectServer::Instance().Init(config) == 0;
 }
 
-// Whatever else is in the request, the right header opens it and no other does.
+// Whatever else is in the request, the right header opens it and no other does. It is dated: one without a date would
+// end when its query says so.
 void CheckRightHeader(TansyNet::HttpServerRecv request, const std::string& extension) {
   const std::string resource = request.url + (request.query.empty() ? "" : "?" + request.query);
-  const std::string signature = SignHmacSha1("GET\n\n\n\n" + extension + "\n" + resource, kSecret);
+  const std::string signature = SignHmacSha1("GET\n\n\nnow\n" + extension + "\n" + resource, kSecret);
+  request.headers["Date"] = "now";
   request.headers["Authorization"] = "quorvane fuzz:" + signature;
   Require(CObjectServer::Instance().CheckAuth(request) == 0);
   request.headers["Authorization"] = "quorvane x:" + signature;

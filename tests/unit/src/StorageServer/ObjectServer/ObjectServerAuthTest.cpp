@@ -281,6 +281,24 @@ TEST_F(CObjectServerAuthTest, ALinkIsGoodUntilTheMomentThatItNames) {
   EXPECT_EQ(server_.CheckAuth(TokenRequest("expires=" + last + "&token=" + token + "&expires=99999999999")), -1);
 }
 
+// A header without a date signs the same text as a link, so a link can be taken out of its token and sent as one.
+TEST_F(CObjectServerAuthTest, ALinkThatIsSentAsAHeaderEndsToo) {
+  CManualClock clock;
+  const std::string query = "expires=" + std::to_string(CManualClock::kDefaultTime);
+  TansyNet::HttpServerRecv msg = TokenRequest(query);
+  msg.headers["Authorization"] = "quorvane access-key:" + Hmac("GET\n\n\n\n\n/b/k?" + query);
+  EXPECT_EQ(server_.CheckAuth(msg), 0);
+  clock.Advance(1);
+  EXPECT_EQ(server_.CheckAuth(msg), -1);
+  msg.headers["x-qvs-none"] = "";
+  EXPECT_EQ(server_.CheckAuth(msg), -1) << "an empty extension header changes nothing of the text";
+  // A dated header is no link, and what its query says is between the client and nobody.
+  msg.headers["Date"] = "now";
+  msg.headers["Authorization"] = "quorvane access-key:" + Hmac("GET\n\n\nnow\n\n/b/k?" + query);
+  msg.headers.erase("x-qvs-none");
+  EXPECT_EQ(server_.CheckAuth(msg), 0);
+}
+
 TEST_F(CObjectServerAuthTest, AnEndThatIsNoNumberIsPast) {
   for (const std::string end : {"", "x", "-1", "99999999999x", " 99999999999", "99999999999999999999999"}) {
     const std::string query = "expires=" + end;
