@@ -12,9 +12,9 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Tells a client that its request will not be handled, and forgets its upload. A record that stayed would keep the bytes
-// that are stored already from being freed. When there is no memory even for an answer, the connection's time-out tells
-// the client.
+// Tells a client that its request will not be handled, and forgets its upload. A record that stayed would keep the
+// bytes that are stored already from being freed. When there is no memory even for an answer, the connection's time-out
+// tells the client.
 void EndRequest(std::int32_t handle) noexcept {
   try {
     CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));
