@@ -58,7 +58,8 @@ class TANSY_CLOUD_STORAGE_API CObjectClient {
   //
   // Failures: a piece counts as a whole or not at all. When the result is false, the upload is as it was before the
   // call, so that the piece may be sent again; this holds for the last piece too. True for the last piece means that
-  // the server holds an object of the right size.
+  // the server has completed the object and says that it has the right size; only a server that cannot tell sizes is
+  // believed without that.
   //
   // Pieces of one object are given one after another and in order; a piece that is given while another one is being
   // sent is refused (kBadPiece). What is known of unfinished uploads is kept until they are completed or the process

@@ -30,6 +30,11 @@ constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{1} << 20;
 // Asking for the size of a completed object has no effects, so a lost answer is worth another try.
 constexpr int kConfirmAttempts = 3;
 
+// A refusal that does not carry one of the protocol's error codes: whoever answered does not know the request.
+bool IsUnknownRequest(const SClientFailure& failure) {
+  return failure.http_status >= 400 && failure.http_status < 500 && failure.error_code.empty();
+}
+
 constexpr char kBinaryContentType[] = "binary/octet-stream";
 
 std::string CompletionBody(const std::list<SPartInfo>& parts) {
@@ -281,12 +286,17 @@ bool CObjectProtoClient::ConfirmSize(const SHttpExchange& completion, const std:
   for (const SPartInfo& part : parts) {
     expected_size += part.part_size;
   }
-  SObjectVersion version;
-  if (!ConfirmVersion(version, upload_base_, ObjectPath(conf_->config, key))) {
+  std::optional<std::uint64_t> size;
+  if (!AskStoredSize(size, key)) {
     return false;
   }
-  if (version.size != expected_size) {
-    const auto actual = static_cast<unsigned long long>(version.size);
+  if (!size) {
+    CLOUD_LOG(logging::kNotable, "[%s][Client]object[%s] completed, the server does not tell its size[%s(%d)]",
+              key.c_str());
+    return true;
+  }
+  if (*size != expected_size) {
+    const auto actual = static_cast<unsigned long long>(*size);
     const auto expected = static_cast<unsigned long long>(expected_size);
     CLOUD_LOG(logging::kError, "[%s][Client]object[%s] has [%llu] bytes after its completion instead of [%llu][%s(%d)]",
               key.c_str(), actual, expected);
@@ -296,6 +306,34 @@ bool CObjectProtoClient::ConfirmSize(const SHttpExchange& completion, const std:
     return false;
   }
   return true;
+}
+
+// Either port may be closed to a client that only uploads or only downloads, so both are asked.
+bool CObjectProtoClient::AskStoredSize(std::optional<std::uint64_t>& size, const std::string& key) {
+  const std::string url = ObjectPath(conf_->config, key);
+  bool is_known_request = true;
+  SClientFailure failure;
+  for (int attempt = 0; attempt < details::kConfirmAttempts; ++attempt) {
+    SObjectVersion version;
+    SClientFailure failed;
+    if (!GetObjectSize(version, failed, attempt % 2 == 0 ? upload_base_ : download_base_, url)) {
+      if (details::IsUnknownRequest(failed)) {
+        is_known_request = false;
+      } else {
+        failure = std::move(failed);
+      }
+    } else if (version.has_size) {
+      size = version.size;
+      return true;
+    } else {
+      is_known_request = false;
+    }
+  }
+  if (!is_known_request && failure.error_code.empty()) {
+    return true;
+  }
+  conf_->last_error.Set(std::move(failure));
+  return false;
 }
 
 bool CObjectProtoClient::ConfirmVersion(SObjectVersion& version, const std::string& base, const std::string& url) {
@@ -330,6 +368,7 @@ bool CObjectProtoClient::GetObjectSize(SObjectVersion& version, SClientFailure& 
                               StringUtil::str_fmt("get metadata rsp status code[%d].", exchange.rsp.status));
     return false;
   }
+  version.has_size = !exchange.rsp.GetHeader("Object-Size").empty();
   version.size = HeaderNumber(exchange.rsp, "Object-Size");
   version.etag = exchange.rsp.GetHeader("ETag");
   return true;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "StorageClient/HttpExchange.h"
@@ -36,6 +37,7 @@ struct SRequestParts {
 
 // What a server says of a stored object.
 struct SObjectVersion {
+  bool has_size = false;
   std::uint64_t size = 0;  // 0 when the server does not say
   std::string etag;        // changes whenever the object is replaced; empty when the server does not say
 };
@@ -62,8 +64,9 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
   bool CreatePartTask(std::string& upload_id, const std::string& key);
   bool UploadPartObject(const std::string& key, const std::string& node, int part_number, const std::string& upload_id,
                         const char* data, unsigned int size);
-  // Completes an upload; `parts` is in upload order. Returns true only when the server then holds an object that is as
-  // large as all parts together.
+  // Completes an upload; `parts` is in upload order. Returns true when the server then says that it holds an object
+  // that is as large as all parts together. A server that does not know the question for the size is believed without
+  // that.
   bool FinishPartTask(const std::string& upload_id, const std::string& key, std::list<SPartInfo> parts);
 
   // `url` is an object path. The second function frees the stored bytes too.
@@ -118,6 +121,8 @@ class CObjectProtoClient : private TansyBase::CNoncopyable {
   bool ConfirmVersion(SObjectVersion& version, const std::string& base, const std::string& url);
   // Says whether a completed upload has the size of its parts.
   bool ConfirmSize(const SHttpExchange& completion, const std::string& key, const std::list<SPartInfo>& parts);
+  // `size` stays empty when the server does not know the request for it.
+  bool AskStoredSize(std::optional<std::uint64_t>& size, const std::string& key);
 
   // Gets the answer to a GET of `url`, or of the address that it redirects to. Returns false unless the status is 200.
   bool GetObjectBytes(SHttpExchange& exchange, const std::string& url, const std::string& range,

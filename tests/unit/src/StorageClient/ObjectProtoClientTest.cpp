@@ -309,6 +309,56 @@ TEST_F(ObjectProtoClientTest, AsksForTheSizeOfACompletedObjectThreeTimes) {
   EXPECT_EQ(server_.Requests().size(), 4u);
 }
 
+// Every server of the protocol can tell the size of an object. One that does not know the request gives no reason to
+// doubt what it answered before.
+TEST_F(ObjectProtoClientTest, BelievesACompletionWhenTheSizeCannotBeTold) {
+  server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", {});
+  EXPECT_TRUE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}}));
+
+  for (const int status : {400, 404, 405}) {
+    server_.ClearScript();
+    server_.Answer("POST /pool/key?upload_id=id-1", {});
+    server_.Answer("GET /pool/key?metadata", {.status = status, .body = "what?"});
+    EXPECT_TRUE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}})) << status;
+  }
+  EXPECT_EQ(Error(), (LastError{0, 0, ""}));
+}
+
+TEST_F(ObjectProtoClientTest, DoesNotBelieveACompletionWhenOnePortMissesTheObject) {
+  server_.Answer("POST /pool/key?upload_id=id-1", {});
+  server_.Answer("GET /pool/key?metadata", {.status = 404});
+  server_.Answer("GET /pool/key?metadata", ErrorAnswer(404, "NoSuchKey"));
+  server_.Answer("GET /pool/key?metadata", {.status = 404});
+  EXPECT_FALSE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}}));
+  EXPECT_EQ(Error(), (LastError{5, 0, "get metadata rsp status code[404]."}));
+}
+
+TEST_F(ObjectProtoClientTest, DoesNotBelieveACompletionWhenTheSizeCannotBeAsked) {
+  for (const Tests::ScriptedAnswer& answer :
+       {Tests::ScriptedAnswer{.cut_after = 0}, Tests::ScriptedAnswer{.status = 502, .body = "Bad Gateway"}}) {
+    server_.ClearScript();
+    server_.Answer("POST /pool/key?upload_id=id-1", {});
+    server_.Answer("GET /pool/key?metadata", answer);
+    EXPECT_FALSE(client_->FinishPartTask("id-1", "key", {{1, 5, ""}}));
+  }
+  EXPECT_EQ(Error(), (LastError{5, 0, "get metadata rsp status code[502]."}));
+}
+
+TEST_F(ObjectProtoClientTest, AsksForTheSizeOfACompletedObjectAtTheDownloadPortToo) {
+  SStorageServerConfig config = impl_->config;
+  Tests::ScriptedServer downloads;
+  config.download_port = downloads.Port();
+  const auto impl = std::make_shared<ObjectImpl>(config);
+  CObjectProtoClient client;
+  ASSERT_TRUE(client.Init(impl));
+  server_.Answer("POST /pool/key?upload_id=id-1", {});
+  downloads.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", "5"}}});
+  EXPECT_TRUE(client.FinishPartTask("id-1", "key", {{1, 5, ""}}));
+  EXPECT_FALSE(client.FinishPartTask("id-1", "key", {{1, 6, ""}}));
+  EXPECT_EQ(impl->last_error.GetTexts().code, ClientError::kWrongContent);
+}
+
 // ---- what is known of a failure
 
 TEST_F(ObjectProtoClientTest, RecordsWhichRequestWasRefused) {
