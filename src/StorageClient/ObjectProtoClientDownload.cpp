@@ -347,6 +347,7 @@ bool CObjectProtoClient::DownloadByRanges(const std::string& url, const SObjectV
     return false;
   }
   std::string etag = version.etag;
+  bool is_size_pinned = !etag.empty();
   for (std::uint64_t start = 0; start < total_size_; start += details::kRangeBytes) {
     const std::uint64_t end = std::min(start + details::kRangeBytes, total_size_);
     const std::string range = std::to_string(start) + "-" + std::to_string(end);
@@ -356,14 +357,16 @@ bool CObjectProtoClient::DownloadByRanges(const std::string& url, const SObjectV
     if (!GetObjectBytes(exchange, url, range, details::kMaxRangeAnswerBytes)) {
       return false;
     }
-    if (start == 0 && etag.empty()) {
+    // A server that is redirected to may name the same version in another way.
+    if (start == 0 && (!is_size_pinned || exchange.request.url != download_base_ + url)) {
       etag = exchange.rsp.GetHeader("ETag");
+      is_size_pinned = false;
     }
     if (!CheckTag(exchange, etag) || !AppendRange(exchange, end - start)) {
       return false;
     }
   }
-  return !etag.empty() || CheckSizeAgain(url);
+  return is_size_pinned || CheckSizeAgain(url);
 }
 
 bool CObjectProtoClient::CheckTag(const SHttpExchange& exchange, const std::string& etag) {
@@ -378,7 +381,7 @@ bool CObjectProtoClient::CheckTag(const SHttpExchange& exchange, const std::stri
   return false;
 }
 
-// A server that sends no ETag can only be asked for the size again.
+// Needed when no tag proves that the ranges are of the version whose size was told before them.
 bool CObjectProtoClient::CheckSizeAgain(const std::string& url) {
   SObjectVersion version;
   if (!ConfirmVersion(version, download_base_, url)) {

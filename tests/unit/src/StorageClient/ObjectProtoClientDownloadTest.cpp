@@ -782,7 +782,32 @@ TEST_F(ObjectProtoClientDownloadTest, TakesRangesOfOneVersion) {
   server_.ClearRequests();
   server_.Handle(CReplacedObject("\"old\"", "", 10).WithoutTagInMetadata());
   EXPECT_TRUE(DownloadToFile("late"));
-  EXPECT_EQ(server_.Requests().size(), 11u);
+  EXPECT_EQ(server_.Requests().size(), 12u)
+      << "the tag of the ranges says nothing about the size, which is asked again";
+}
+
+TEST_F(ObjectProtoClientDownloadTest, ComparesTheSizesWhenOnlyTheRangesHaveATag) {
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", std::to_string(10 * kMiB)}}});
+  server_.Answer("GET /pool/key?metadata", {.headers = {{"Object-Size", std::to_string(10 * kMiB + 1)}}});
+  server_.Answer("GET /pool/key", {.headers = {{"ETag", "\"larger\""}}, .body = std::string(kMiB, 'x')});
+  EXPECT_FALSE(DownloadToFile());
+  EXPECT_EQ(Error(), (LastError{13, 0, "object changed while it was read."}));
+}
+
+// Another server has the same object, but perhaps not the same name for its version.
+TEST_F(ObjectProtoClientDownloadTest, HoldsRedirectedRangesToTheTagOfTheFirst) {
+  ScriptedServer target;
+  server_.Answer("GET /pool/key?metadata",
+                 {.headers = {{"Object-Size", std::to_string(10 * kMiB)}, {"ETag", "\"here\""}}});
+  server_.Answer("GET /pool/key", {.status = 302, .headers = {{"Location", target.Url("/pool/key")}}});
+  target.Handle(CReplacedObject("\"there\"", "", 10));
+  EXPECT_TRUE(DownloadToFile());
+  EXPECT_EQ(folder_.Read("file"), std::string(10 * kMiB, 'o'));
+
+  Renew();
+  target.Handle(CReplacedObject("\"there\"", "\"new\"", 3));
+  EXPECT_FALSE(DownloadToFile("changed"));
+  EXPECT_EQ(Error().code, 13);
 }
 
 TEST_F(ObjectProtoClientDownloadTest, ComparesTheSizesOfAServerWithoutTags) {
