@@ -26,6 +26,18 @@ constexpr std::chrono::milliseconds kThrottleRound{50};
 constexpr std::chrono::milliseconds kFinishRound{500};
 constexpr std::int32_t kMaxPercentOnTheWay = 99;  // 100 is for the end of the whole upload
 
+// Leaves nothing of an upload in the registry, however it ends: a process may go on for a long time after it.
+class CPartsForgetter {
+ public:
+  explicit CPartsForgetter(const std::string& upload_id) : upload_id_(upload_id) {}
+  ~CPartsForgetter() { CPartUploadRegistry::Instance().ForgetParts(upload_id_); }
+  CPartsForgetter(const CPartsForgetter&) = delete;
+  CPartsForgetter& operator=(const CPartsForgetter&) = delete;
+
+ private:
+  const std::string& upload_id_;
+};
+
 }  // namespace
 }  // namespace details
 
@@ -46,6 +58,7 @@ bool CObjectMultipartUpload::Run(TansyBase::CLocalFile& file, std::uint32_t size
     conf_->last_error.Set(ClientError::kOutOfResources, "no threads to send parts with.");
     return false;
   }
+  const details::CPartsForgetter forgetter(upload_id_);
   const bool sent = SendParts(file, size);
   const bool finished = sent && client_->FinishPartTask(upload_id_, key_, parts_);
   if (sent && !finished) {

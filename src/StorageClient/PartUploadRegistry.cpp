@@ -59,6 +59,11 @@ bool CPartUploadRegistry::QueryParts(const std::string& upload_id, std::int32_t&
   return finished;
 }
 
+void CPartUploadRegistry::ForgetParts(const std::string& upload_id) noexcept {
+  const std::lock_guard lock(part_mutex_);
+  parts_.erase(upload_id);
+}
+
 std::int32_t CPartUploadRegistry::WaitForFinishedPart(const std::string& upload_id, std::int32_t seen,
                                                       std::chrono::milliseconds timeout) {
   std::unique_lock lock(part_mutex_);

@@ -71,6 +71,8 @@ class CPartUploadRegistry : private TansyBase::CNoncopyable {
   // before the first part that is not done. `failed_status` is then the status of the failed part, and the parts are
   // forgotten. Returns false when the upload goes on or is unknown. `percent` is set for any upload that has parts.
   bool QueryParts(const std::string& upload_id, std::int32_t& failed_status, std::int32_t& percent);
+  // Forgets the parts of an upload that ends before it is over.
+  void ForgetParts(const std::string& upload_id) noexcept;
   // Waits until the number of finished parts differs from `seen` or the time is over, and returns the number.
   std::int32_t WaitForFinishedPart(const std::string& upload_id, std::int32_t seen, std::chrono::milliseconds timeout);
 

@@ -112,6 +112,11 @@ bool CPieceUpload::SendFirst(std::string_view piece, bool last) {
 
 bool CPieceUpload::SendLater(std::string_view piece, bool last) {
   const bool alone = registry_.BeginPiece(task_.key);
+  details::CRollback end_piece([this, alone] {
+    if (alone) {
+      registry_.EndPiece(task_.key);
+    }
+  });
   if (!FindTask()) {
     return false;
   }
@@ -119,7 +124,6 @@ bool CPieceUpload::SendLater(std::string_view piece, bool last) {
     SetBadPiece("another piece of object[" + key_ + "] is on its way.");
     return false;
   }
-  details::CRollback end_piece([this] { registry_.EndPiece(task_.key); });
   SPieceCut cut;
   if (!Cut(cut, piece, last)) {
     return false;

@@ -20,6 +20,7 @@
 
 #include "MultipartServer.h"
 #include "ObjectClientFixture.h"
+#include "StorageClient/PartUploadRegistry.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
 
@@ -58,6 +59,14 @@ class ObjectMultipartUploadTest : public ObjectClientFixture {
       return !request.target.ends_with("&part_number=" + std::to_string(number));
     });
     return requests;
+  }
+
+  // Whether the registry still knows parts of an upload.
+  static bool HasParts(const std::string& upload_id) {
+    std::int32_t status = 0;
+    std::int32_t percent = -1;
+    CPartUploadRegistry::Instance().QueryParts(upload_id, status, percent);
+    return percent != -1;
   }
 
   CMultipartServer multipart_;
@@ -264,6 +273,7 @@ TEST_F(ObjectMultipartUploadTest, SaysThatTheProgressFunctionThrew) {
   TansyBase::CLocalFile file;
   EXPECT_EQ(file.OpenAlways(path), 0u) << "the file is closed all the same";
   file.Close();
+  EXPECT_FALSE(HasParts(multipart_.TaskId(1)));
 }
 
 TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
@@ -278,6 +288,7 @@ TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
   EXPECT_EQ(ErrorOf(client_), (LastError{3, 0, "fread file[" + path + "] failed[38]."}));
   EXPECT_EQ(client_.GetLastFailure().system_error, 38);
   EXPECT_THAT(Sequence(), testing::ElementsAre("GET bestnode", "POST uploads"));
+  EXPECT_FALSE(HasParts(multipart_.TaskId(1)));
 }
 
 TEST_F(ObjectMultipartUploadTest, DoesNotWaitForTheEndOfARound) {
