@@ -79,18 +79,30 @@ class CPrinter {
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work) {
   details::CPrinter printer(things.size());
   std::atomic<std::size_t> next{0};
-  std::vector<std::thread> workers;
-  for (std::size_t i = 0; i < std::min(details::kWorkers, things.size()); ++i) {
-    workers.emplace_back([&] {
-      for (std::size_t index = next++; index < things.size(); index = next++) {
-        printer.Take(index, details::Try(work, things[index]));
-      }
-    });
-  }
-  for (std::thread& worker : workers) {
-    worker.join();
-  }
+  RunOnThreads(std::min(details::kWorkers, things.size()), [&] {
+    for (std::size_t index = next++; index < things.size(); index = next++) {
+      printer.Take(index, details::Try(work, things[index]));
+    }
+  });
   return printer.ExitCode();
+}
+
+void RunOnThreads(std::size_t count, const std::function<void()>& work) {
+  std::vector<std::thread> threads;
+  threads.reserve(count);
+  try {
+    while (threads.size() < count) {
+      threads.emplace_back(work);
+    }
+  } catch (const std::exception&) {
+    // The threads that are there take all of the work.
+  }
+  if (threads.empty()) {
+    work();
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
 }
 
 void PrintFailure(const CFailure& failure) {

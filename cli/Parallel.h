@@ -15,6 +15,10 @@ namespace Tansy::Cli {
 // come, and failures as lines on standard error. Returns the first failure's exit code in that order, or kExitDone.
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work);
 
+// Runs `work` on `count` threads at once and returns when all of them have ended. When the system gives fewer threads,
+// these do it; without any, the calling one does. `work` throws nothing.
+void RunOnThreads(std::size_t count, const std::function<void()>& work);
+
 // One line for standard error: what happened, to what, what to try.
 void PrintFailure(const CFailure& failure);
 

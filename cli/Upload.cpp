@@ -4,7 +4,6 @@
 #include <exception>
 #include <mutex>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "Download.h"
 #include "Failure.h"
 #include "ObjectVersion.h"
+#include "Parallel.h"
 #include "Persistence.h"
 #include "PieceReader.h"
 #include "ServerLink.h"
@@ -93,13 +93,7 @@ class CAttempt {
     }
     OpenTask();
     next_ = std::move(first);
-    std::vector<std::thread> senders;
-    for (std::size_t i = 0; i < job_.senders; ++i) {
-      senders.emplace_back([this] { SendParts(); });
-    }
-    for (std::thread& sender : senders) {
-      sender.join();
-    }
+    RunOnThreads(job_.senders, [this] { SendParts(); });
     if (failure_ != nullptr) {
       std::rethrow_exception(failure_);
     }
