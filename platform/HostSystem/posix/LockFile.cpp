@@ -5,9 +5,31 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace HostSystem {
+namespace details {
+namespace {
+
+// Whoever asks IsTakenByAnybody shares the lock for a moment. A lock that is free otherwise is had at one of these
+// tries.
+constexpr int kTries = 30;
+constexpr std::chrono::milliseconds kBetweenTries{10};
+
+bool LockForGood(int descriptor) {
+  for (int i = 1; ::flock(descriptor, LOCK_EX | LOCK_NB) != 0; ++i) {
+    if (errno != EWOULDBLOCK || i == kTries) {
+      return false;
+    }
+    std::this_thread::sleep_for(kBetweenTries);
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace details
 
 CLockFile::~CLockFile() {
   if (IsTaken()) {
@@ -20,7 +42,7 @@ int CLockFile::Take(const std::string& path) {
   if (descriptor < 0) {
     return errno;
   }
-  if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+  if (!details::LockForGood(descriptor)) {
     const int error = errno;
     ::close(descriptor);
     return error == EWOULDBLOCK ? EBUSY : error;

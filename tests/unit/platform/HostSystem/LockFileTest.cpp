@@ -4,8 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
+#include <thread>
 
 #include "fakes/TempFolder.h"
 
@@ -38,6 +40,25 @@ TEST(LockFileTest, TheLockOfAKilledProcessIsFree) {
   ASSERT_EQ(WEXITSTATUS(status), 0);
   CLockFile lock;
   EXPECT_EQ(lock.Take(temp.Path("lock")), 0);
+}
+
+TEST(LockFileTest, WhoeverOnlyAsksKeepsNobodyFromTakingIt) {
+  const fakes::CTempFolder temp;
+  temp.Write("lock", "");
+  std::atomic<bool> done{false};
+  std::thread asker([&] {
+    while (!done) {
+      CLockFile::IsTakenByAnybody(temp.Path("lock"));
+    }
+  });
+  int busy = 0;
+  for (int i = 0; i < 500; ++i) {
+    CLockFile lock;
+    busy += lock.Take(temp.Path("lock")) == 0 ? 0 : 1;
+  }
+  done = true;
+  asker.join();
+  EXPECT_EQ(busy, 0);
 }
 
 TEST(LockFileTest, AMissingFolderIsAnError) {
