@@ -1,8 +1,34 @@
 #include "HostSystem/Files.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <memory>
+#include <utility>
 
 namespace HostSystem::details {
+
+namespace {
+
+constexpr std::size_t kReadAtOnce = std::size_t{64} * 1024;
+
+}  // namespace
+
+int ReadAll(IFile& file, std::size_t limit, std::string& content) {
+  std::string buffer;
+  for (std::size_t done = 1; done > 0;) {
+    const std::size_t begin = buffer.size();
+    buffer.resize(begin + kReadAtOnce);
+    if (const int error = file.ReadAt(buffer.data() + begin, kReadAtOnce, begin, done)) {
+      return error;
+    }
+    buffer.resize(begin + done);
+    if (buffer.size() > limit) {
+      return EFBIG;
+    }
+  }
+  content = std::move(buffer);
+  return 0;
+}
 
 int ReplaceIn(IFolder& folder, const std::string& name, const std::string& content) {
   const std::string temporary = name + ".new";

@@ -270,17 +270,7 @@ int ReadWholeFile(const std::string& path, std::size_t limit, std::string& conte
     return LastErrno();
   }
   details::CFile file(handle);
-  std::string buffer(limit + 1, '\0');
-  std::size_t done = 0;
-  if (const int error = file.ReadAt(buffer.data(), buffer.size(), 0, done)) {
-    return error;
-  }
-  if (done > limit) {
-    return EFBIG;
-  }
-  buffer.resize(done);
-  content = std::move(buffer);
-  return 0;
+  return details::ReadAll(file, limit, content);
 }
 
 int ReplaceFile(const std::string& path, const std::string& content) {

@@ -189,6 +189,13 @@ TEST_F(FilesTest, ReplaceFileInAMissingFolderFails) {
   EXPECT_EQ(ReplaceFile(temp_.Path("none/s"), "x"), ENOENT);
 }
 
+TEST_F(FilesTest, ReadWholeFileTakesMemoryForTheFileAndNotForTheLimit) {
+  temp_.Write("s", std::string(200000, 'x'));
+  std::string content;
+  EXPECT_EQ(ReadWholeFile(temp_.Path("s"), std::size_t{1} << 60, content), 0);
+  EXPECT_EQ(content, std::string(200000, 'x'));
+}
+
 TEST_F(FilesTest, ReadWholeFileHasALimit) {
   temp_.Write("s", "12345");
   std::string content;
