@@ -23,6 +23,7 @@ constexpr const char* kSample = "1000";
 
 struct Catalogue {
   std::string id;       // empty when it has none yet
+  std::string next_id;  // the id that an adoption has begun to give to both; else empty
   bool is_new = false;  // it has never held a row
   bool has_rows = false;
   bool names_stored_file = false;  // one of its rows names a file of the other side
@@ -99,6 +100,7 @@ class CMatch {
 
   void LookAtCatalogue() {
     catalogue_.id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
+    catalogue_.next_id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'next_store_id'");
     const std::string rows =
         "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object LIMIT 1)) + "
         "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object_task LIMIT 1))";
@@ -140,7 +142,8 @@ class CMatch {
   }
 
   void ExpectFit() {
-    if (catalogue_.names_stored_file) {
+    const bool is_half_adopted = !store_.id.empty() && store_.id == catalogue_.next_id;
+    if (catalogue_.names_stored_file || is_half_adopted) {
       return;
     }
     if (catalogue_.has_rows) {
@@ -157,10 +160,14 @@ class CMatch {
     }
   }
 
-  // The store gets its id first, because an id that only the catalogue has would look like a disk that is not mounted.
+  // The store gets its id before the catalogue, because an id that only the catalogue has would look like a disk that is
+  // not mounted. The catalogue notes the id before that, so that a crash or a full disk in between leaves a pair whose
+  // adoption goes on at the next start.
   void Adopt() {
     if (store_.id.empty()) {
       store_.id = NewId();
+      database_.Run("INSERT OR REPLACE INTO platform.host_values (name, value) VALUES ('next_store_id', ?1)",
+                    {store_.id});
       int error = HostSystem::MakeFolders(folder_);
       if (error == 0) {
         error = HostSystem::ReplaceFile(folder_ + "/" + kIdFile, store_.id + "\n");
@@ -170,6 +177,7 @@ class CMatch {
       }
     }
     database_.Run("INSERT INTO platform.host_values (name, value) VALUES ('store_id', ?1)", {store_.id});
+    database_.Run("DELETE FROM platform.host_values WHERE name = 'next_store_id'");
   }
 
   std::string Database() const { return "database " + database_.GetPath(); }

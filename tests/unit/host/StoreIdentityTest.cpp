@@ -99,6 +99,19 @@ TEST_F(StoreIdentityTest, AnOlderInstallationWithoutObjectsIsAdopted) {
   EXPECT_EQ(Match(), "");
 }
 
+TEST_F(StoreIdentityTest, AnAdoptionThatTheCatalogueRefusedGoesOnAtTheNextStart) {
+  StorePicture("jpeg");
+  Run("CREATE TRIGGER platform.no_room BEFORE INSERT ON host_values WHEN NEW.name = 'store_id' "
+      "BEGIN SELECT RAISE(ABORT, 'full'); END");
+  EXPECT_THAT(Match(), HasSubstr("full"));
+  EXPECT_NE(StoreId(), "");
+  Run("DROP TRIGGER platform.no_room");
+  EXPECT_EQ(Match(EIdentity::kLook), "");
+  EXPECT_EQ(Match(), "");
+  EXPECT_EQ(StoreId(), CatalogueId() + "\n");
+  EXPECT_EQ(Match(), "");
+}
+
 TEST_F(StoreIdentityTest, AnOlderInstallationWhoseDiskIsNotMountedIsRefused) {
   AddObject(1, "o", "fs01aa-bb-" + std::string(32, 'c') + ".d");
   EXPECT_THAT(Match(), AllOf(HasSubstr("objects is empty"), HasSubstr("holds objects"), HasSubstr("mounted?")));
