@@ -75,13 +75,17 @@ EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const ch
     return EStoreResult::kInvalid;
   }
   new_.BeginWrite(name);
+  CNewBytesLog::CWrite write(new_, name);
   std::unique_ptr<HostSystem::IFile> file;
   int error = root_->OpenForWriting(FilePath(name), file);
   if (error == 0) {
     error = WriteDurably(*file, offset, data, size);
   }
-  new_.EndWrite(name, error == 0);
-  return error == 0 ? EStoreResult::kDone : details::Failed("writing to", FilePath(name), error);
+  if (error != 0) {
+    return details::Failed("writing to", FilePath(name), error);
+  }
+  write.SetDone();
+  return EStoreResult::kDone;
 }
 
 EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const char* data, std::uint32_t size,
@@ -93,9 +97,12 @@ EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const c
     error = new_.Add(place.name);
   }
   if (error == 0) {
+    CNewBytesLog::CWrite write(new_, place.name);
     bool left_behind = false;
     error = WriteNew(place, is_picture, offset, data, size, left_behind);
-    new_.EndWrite(place.name, error == 0);
+    if (error == 0) {
+      write.SetDone();
+    }
     // A picture is complete once it is stored, because no row will ever name it.
     if (error == 0 ? is_picture : !left_behind) {
       new_.Forget(place.name);

@@ -110,12 +110,13 @@ int CNewBytesLog::Add(const StoredName& name) {
 
 int CNewBytesLog::OpenPage() {
   const std::uint64_t number = pages_.empty() ? 1 : pages_.rbegin()->first + 1;
-  if (const int error = root_.Create(details::PageName(number), file_)) {
-    return error;
+  const auto page = pages_.try_emplace(number).first;  // first: there is never a file without its page
+  const int error = root_.Create(details::PageName(number), file_);
+  if (error != 0) {
+    pages_.erase(page);
   }
-  pages_[number];
   file_size_ = 0;
-  return 0;
+  return error;
 }
 
 void CNewBytesLog::BeginWrite(const StoredName& name) {

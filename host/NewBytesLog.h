@@ -38,6 +38,22 @@ class CNewBytesLog {
   // These two frame every further write of a name. Names that are not noted are left alone.
   void BeginWrite(const StoredName& name);
   void EndWrite(const StoredName& name, bool done);
+
+  // Ends a write that has begun, however the block is left: as failed, unless SetDone was called.
+  class CWrite {
+   public:
+    CWrite(CNewBytesLog& log, const StoredName& name) : log_(log), name_(name) {}
+    ~CWrite() { log_.EndWrite(name_, done_); }
+    CWrite(const CWrite&) = delete;
+    CWrite& operator=(const CWrite&) = delete;
+    void SetDone() { done_ = true; }
+
+   private:
+    CNewBytesLog& log_;
+    const StoredName& name_;
+    bool done_ = false;
+  };
+
   // Makes the names count as written just now.
   void Touch(const std::vector<StoredName>& names);
   void Forget(const StoredName& name);

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,15 @@ struct PowerCutPlan {
   int operations = 0;
   int fail_at = -1;  // counted from 0; -1: never
   int error = EIO;
+  bool throws = false;  // the failing operation finds no memory
 
-  int Step() { return operations++ == fail_at ? error : 0; }
+  int Step() {
+    const bool fails = operations++ == fail_at;
+    if (fails && throws) {
+      throw std::bad_alloc();
+    }
+    return fails ? error : 0;
+  }
 };
 
 struct PowerCutNode {

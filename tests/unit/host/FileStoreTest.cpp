@@ -292,6 +292,29 @@ TEST_F(PowerCutTest, WhatWasAcknowledgedIsThereAfterwards) {
   EXPECT_EQ(ReadAll(*store_, parts), "testmore");
 }
 
+// Bytes whose write ended without a result would never be given up.
+TEST_F(PowerCutTest, AWriteThatFindsNoMemoryCountsAsFailed) {
+  StoredName first;
+  ASSERT_EQ(store_->SaveAt(first, 0, "test", 4), EStoreResult::kDone);
+  plan_->throws = true;
+  bool done = false;
+  for (int fail_at = 0; !done; ++fail_at) {
+    ASSERT_LT(fail_at, 50) << "the plan never ran through";
+    plan_->operations = 0;
+    plan_->fail_at = fail_at;
+    StoredName name;
+    try {
+      store_->SaveWhole(EContent::kObject, "object", 6, name);
+      store_->SaveAt(first, 4, "more", 4);
+      done = true;
+    } catch (const std::bad_alloc&) {
+    }
+    const std::size_t noted = CountFiles(*store_) - 1;  // all but the first are new and have no row
+    EXPECT_GE(store_->GetNew(0).size(), noted) << "operation " << fail_at;
+  }
+  EXPECT_EQ(ReadAll(*store_, first), "testmore");
+}
+
 // Fails each operation in turn, with the power cut right afterwards.
 TEST_F(PowerCutTest, NoFailureOnTheWayHurtsWhatWasAcknowledgedBefore) {
   for (const EContent content : {EContent::kObject, EContent::kPicture}) {
