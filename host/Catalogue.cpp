@@ -167,8 +167,12 @@ bool ForgetGivenUp(std::int64_t time, int limit, bool& left) {
 }
 
 bool GetRunningSeconds(std::int64_t& seconds) {
+  // The value is written from time to time only. After a crash the newest entry tells better: time that went back would
+  // make the entries wait once more.
   return details::Query(
-      "SELECT value FROM platform.host_values WHERE name = 'running_seconds'",
+      "SELECT MAX(CAST(value AS INTEGER), (SELECT COALESCE(MAX(released_at), 0) FROM platform.released_bytes), "
+      "(SELECT COALESCE(MAX(freed_at), 0) FROM platform.freed_bytes)) AS value FROM platform.host_values "
+      "WHERE name = 'running_seconds'",
       [&seconds](db_layer::CConnect& row) { seconds = std::strtoll(row.GetString("value").c_str(), nullptr, 10); });
 }
 
