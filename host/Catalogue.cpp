@@ -32,6 +32,16 @@ bool Refused(db_layer::CConnect& connection, const std::string& sql) {
   return false;
 }
 
+// Whether the statement failed because another program has the database locked.
+bool IsLocked(db_layer::CConnect& connection) {
+  constexpr int kPrimaryCode = 0xff;
+  constexpr int kSqliteBusy = 5;
+  constexpr int kSqliteLocked = 6;
+  std::string text;
+  const int code = connection.GetLastError(text) & kPrimaryCode;
+  return code == kSqliteBusy || code == kSqliteLocked;
+}
+
 bool Query(const std::string& sql, const std::function<void(db_layer::CConnect&)>& visitor) {
   const std::shared_ptr<db_layer::CConnect> connection = ApplyConnection();
   if (connection == nullptr) {
@@ -143,21 +153,30 @@ bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, 
          (released_too == EReleasedToo::kNo || details::Collect("released_bytes", condition, named));
 }
 
-bool GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up) {
+EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up) {
   if (urls.empty()) {
-    return true;
+    return EGiveUp::kDone;
   }
   std::string rows;
   for (const std::string& url : urls) {
     rows += (rows.empty() ? "(" : ",(") + details::Quoted(url) + ")";
   }
   // A single statement looks and writes, so that no row can come in between.
-  return details::Execute("INSERT INTO platform.freed_bytes (url, freed_at) SELECT column1, " + std::to_string(now) +
+  const std::string sql = "INSERT INTO platform.freed_bytes (url, freed_at) SELECT column1, " + std::to_string(now) +
                           " FROM (VALUES " + rows +
                           ") WHERE column1 NOT IN (SELECT url FROM platform.freed_bytes)"
                           " AND NOT EXISTS (SELECT 1 FROM platform.local_object WHERE url = column1)"
-                          " AND NOT EXISTS (SELECT 1 FROM platform.local_object_task WHERE url = column1)") &&
-         details::Collect("freed_bytes", "url IN (" + details::TextList(urls) + ")", given_up);
+                          " AND NOT EXISTS (SELECT 1 FROM platform.local_object_task WHERE url = column1)";
+  const std::shared_ptr<db_layer::CConnect> connection = details::ApplyConnection();
+  if (connection == nullptr) {
+    return EGiveUp::kBusy;
+  }
+  if (!connection->Execute(sql)) {
+    details::Refused(*connection, sql);
+    return details::IsLocked(*connection) ? EGiveUp::kBusy : EGiveUp::kRefused;
+  }
+  return details::Collect("freed_bytes", "url IN (" + details::TextList(urls) + ")", given_up) ? EGiveUp::kDone
+                                                                                               : EGiveUp::kBusy;
 }
 
 bool ForgetGivenUp(std::int64_t time, int limit, bool& left) {

@@ -36,7 +36,7 @@ std::string NewMark() {
 
 bool Frees(const std::vector<std::string>& urls, std::set<std::string>& given_up) {
   std::int64_t now = 0;
-  return GetRunningSeconds(now) && GiveUpUnnamed(urls, now, given_up);
+  return GetRunningSeconds(now) && GiveUpUnnamed(urls, now, given_up) == EGiveUp::kDone;
 }
 
 // The first line holds the mark and the exit code; the text of the check follows.

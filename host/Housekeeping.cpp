@@ -136,8 +136,9 @@ bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
 
 // Picks the urls that no row names now and that no row can name from now on.
 bool CHousekeeping::GiveUp(const std::vector<NewBytes>& due, std::set<std::string>& given_up) const {
-  if (GiveUpUnnamed(details::Urls(due), Now(), given_up)) {
-    return true;
+  const EGiveUp result = GiveUpUnnamed(details::Urls(due), Now(), given_up);
+  if (result != EGiveUp::kRefused) {
+    return result == EGiveUp::kDone;
   }
   // On a full disk the catalogue can write neither a note nor a row. So that the disk gets room again, bytes are freed
   // after a mere look, but only those so old that no request can be left that would still write their row.

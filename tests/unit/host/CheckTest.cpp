@@ -173,7 +173,7 @@ TEST_F(CheckTest, ARepairBesideAServerFreesOnlyWhatNoRowCanNameAnyMore) {
   options.repair = true;
   options.give_up = [&](const std::vector<std::string>& urls, std::set<std::string>& given_up) {
     AddObject(2, "late", late, 4);  // a row that was written at the last moment
-    return GiveUpUnnamed(urls, 0, given_up);
+    return GiveUpUnnamed(urls, 0, given_up) == EGiveUp::kDone;
   };
   EXPECT_EQ(Check(options), kExitFindings);
   EXPECT_FALSE(IsStored(orphan));

@@ -263,6 +263,35 @@ TEST_F(HousekeepingTest, ACatalogueWithoutRoomStillLetsTheDiskGetRoom) {
   EXPECT_TRUE(IsStored(named));
 }
 
+// A request may wait for that program too, for as long as it takes, and then write its row.
+TEST_F(HousekeepingTest, ACatalogueThatAnotherProgramHasLockedFreesNothing) {
+  const std::string url = Store("waits for its row");
+  CSqliteFile other("catalogue.db", CSqliteFile::EAccess::kChange);
+  other.RunScript("BEGIN IMMEDIATE", "the lock");
+  Round();
+  Round(kGrace);
+  EXPECT_TRUE(IsStored(url));
+  other.RunScript("ROLLBACK", "the end of the lock");
+  AddObject(1, "o", url);
+  Round(kGrace);
+  EXPECT_TRUE(IsStored(url));
+}
+
+TEST_F(HousekeepingTest, ACrashDoesNotMakeWhatWaitsWaitLonger) {
+  const std::string url = Store("old");
+  AddObject(1, "o", url);
+  Round();
+  Round(3000);
+  const std::string saved = Answer("SELECT value FROM platform.host_values WHERE name = 'running_seconds'");
+  Overwrite(1, Store("new"));
+  Round();
+  Restart();
+  Run("UPDATE platform.host_values SET value = '" + saved + "' WHERE name = 'running_seconds'");
+  Round();
+  Round(kGrace);
+  EXPECT_FALSE(IsStored(url));
+}
+
 TEST_F(HousekeepingTest, AnUploadWhoseLaterPieceFailsGivesItsSpaceBackAtOnce) {
   StoredName name;
   ASSERT_EQ(store_->SaveAt(name, 0, "first piece", 11), EStoreResult::kDone);
