@@ -42,12 +42,10 @@ bool KeepReleased(const std::vector<std::string>& ids);
 // bytes.
 enum class EReleasedToo { kNo, kYes };
 bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named);
-// Gives up those of these urls that no object and no task names: from then on no row can name them.
-enum class EGiveUp {
-  kDone,
-  kBusy,    // another program has the catalogue locked: a request may still be waiting to write its row
-  kRefused  // the catalogue takes nothing, so it takes no row either
-};
+// Gives up those of these urls that no object and no task names: from then on no row can name them. A catalogue that
+// another program has locked is busy: a request may still be waiting to write its row. One that refuses the note, as on
+// a full disk, takes no row either.
+enum class EGiveUp { kDone, kBusy, kRefused };
 EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up);
 // Forgets at most `limit` urls that were given up at `time` or before; `left` says whether there are more.
 bool ForgetGivenUp(std::int64_t time, int limit, bool& left);
