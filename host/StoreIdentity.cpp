@@ -160,9 +160,9 @@ class CMatch {
     }
   }
 
-  // The store gets its id before the catalogue, because an id that only the catalogue has would look like a disk that is
-  // not mounted. The catalogue notes the id before that, so that a crash or a full disk in between leaves a pair whose
-  // adoption goes on at the next start.
+  // The store gets its id before the catalogue, because an id that only the catalogue has would look like a disk that
+  // is not mounted. The catalogue notes the id before that, so that a crash or a full disk in between leaves a pair
+  // whose adoption goes on at the next start.
   void Adopt() {
     if (store_.id.empty()) {
       store_.id = NewId();
