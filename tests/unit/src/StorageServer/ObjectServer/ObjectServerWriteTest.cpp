@@ -297,9 +297,9 @@ class CObjectServerSlowStorageTest : public CObjectServerWriteTest {
       }
     });
     for (int i = 0; i < kUploads; ++i) {
-      handles_.push_back(http_.NewHandle());
-      clients_.emplace_back([this, i] {
-        http_.Stream(handles_[static_cast<std::size_t>(i)], &CObjectServer::RecvMsgCallBack,
+      const std::int32_t handle = handles_.emplace_back(http_.NewHandle());
+      clients_.emplace_back([this, i, handle] {
+        http_.Stream(handle, &CObjectServer::RecvMsgCallBack,
                      Signed({"PUT", Path("k" + std::to_string(i)), "", "", {}}), BodyOf(i),
                      std::vector<std::size_t>(2, 4 * kMiB));
       });
