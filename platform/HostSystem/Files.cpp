@@ -32,7 +32,7 @@ int ReadAll(IFile& file, std::size_t limit, std::string& content) {
 
 int ReplaceIn(IFolder& folder, const std::string& name, const std::string& content) {
   const std::string temporary = name + ".new";
-  folder.Remove(temporary);  // left over by a crash
+  folder.Remove(temporary);  // a crash may have left one
   std::unique_ptr<IFile> file;
   int error = folder.Create(temporary, file);
   if (error != 0) {

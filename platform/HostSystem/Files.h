@@ -1,10 +1,10 @@
-// Files and folders for programs that answer for what they store: every name is looked up below a folder that is held
-// open, links are never followed on the way, and it is the caller who says when bytes and names must be on stable
+// Files and folders for programs that are responsible for what they store. Every name is looked up below a folder that
+// is held open, and links are never followed on the way. The caller decides when bytes and names must be on stable
 // storage.
 //
 // Names are relative, "/" between the folders, without "." and ".." (refused as invalid). Results are 0 or an errno
 // value, on every system. Threads: any number may use one folder, and any number may read one file at once; otherwise a
-// file belongs to one thread at a time. Nothing throws, except for want of memory.
+// file belongs to one thread at a time. Only std::bad_alloc is thrown.
 #ifndef TANSY_HOST_SYSTEM_FILES_H
 #define TANSY_HOST_SYSTEM_FILES_H
 
@@ -16,16 +16,17 @@
 
 namespace HostSystem {
 
-// An open file; closed by the destructor.
+// An open file, which the destructor closes.
 class IFile {
  public:
   virtual ~IFile() = default;
   // Writes everything or fails.
   virtual int WriteAt(const char* data, std::size_t size, std::uint64_t offset) = 0;
-  // `done` is less than `size` only at the end of the file.
+  // Reads up to `size` bytes; `done` is less than `size` only at the end of the file.
   virtual int ReadAt(char* data, std::size_t size, std::uint64_t offset, std::size_t& done) = 0;
   virtual int GetSize(std::uint64_t& size) = 0;
-  // A hint to begin writing this range to the disk while the caller goes on; promises nothing.
+  // Asks the system to begin writing this range to the disk while the caller goes on. It is a hint and promises
+  // nothing.
   virtual void StartWriteOut(std::uint64_t offset, std::uint64_t size) = 0;
   // Returns when bytes and size are on stable storage. The file's name is not: see IFolder::Sync.
   virtual int Sync() = 0;
@@ -34,12 +35,12 @@ class IFile {
 struct FolderEntry {
   std::string name;
   bool is_folder = false;
-  bool is_file = false;  // links and devices are neither
+  bool is_file = false;  // false for links and devices too
   std::uint64_t size = 0;
   std::int64_t modified = 0;  // seconds since 1970
 };
 
-// A folder that is held open: it stays the same one wherever its path leads later.
+// A folder that is held open: it stays the same folder wherever its path leads later.
 class IFolder {
  public:
   virtual ~IFolder() = default;
@@ -52,38 +53,39 @@ class IFolder {
   // Replaces `to` when it exists, in one step.
   virtual int Rename(const std::string& from, const std::string& to) = 0;
   virtual int Remove(const std::string& name) = 0;
-  virtual int RemoveFolder(const std::string& name) = 0;  // an empty one
-  // Entries without "." and "..", in no order.
+  virtual int RemoveFolder(const std::string& name) = 0;  // the folder must be empty
+  // Gives the entries without "." and "..", in no order.
   virtual int List(std::vector<FolderEntry>& entries) = 0;
   // Returns when the names made, renamed and removed in this folder are on stable storage.
   virtual int Sync() = 0;
 };
 
-// Opens an existing folder by its path, which may lead through links. Null with `error` set on failure.
+// Opens an existing folder by its path, which may lead through links. Returns null and sets `error` on failure.
 std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error);
 
-// Makes a folder and those above it that are missing, for the owner only, and syncs the parents of what it made.
+// Makes a folder and those above it that are missing, for the owner only, and syncs the parents of the folders it made.
 int MakeFolders(const std::string& path);
 
-// A whole small file (at most `limit` bytes, else EFBIG).
+// Reads a whole small file; one with more than `limit` bytes gives EFBIG.
 int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content);
-// Puts a whole file in the place of another in one step: temporary name beside it, sync, rename, sync. Readable and
-// writable for the owner only. A link at `path` is followed: the file behind it is replaced.
+// Puts a whole file in the place of another in one step: it writes a temporary file beside it, syncs, renames and
+// syncs. The file is readable and writable for the owner only. A link at `path` is followed: the file behind it is
+// replaced.
 int ReplaceFile(const std::string& path, const std::string& content);
 
-// Whether a path exists and what it is.
+// Says whether a path exists and what it is.
 enum class EPathKind { kMissing, kFile, kFolder, kOther };
 EPathKind GetPathKind(const std::string& path);
-// True when others than the owner may read the file. False on systems where permissions are not of that kind.
+// Returns true when others than the owner may read the file. On systems without such permissions it returns false.
 bool IsReadableByOthers(const std::string& path);
 
-// `path` made absolute with the current folder.
+// Makes `path` absolute with the current folder.
 std::string AbsolutePath(const std::string& path);
 int ChangeFolder(const std::string& path);
 
-// "No such file or directory" for ENOENT.
+// Describes an errno value: "No such file or directory" for ENOENT.
 std::string ErrorText(int error);
-// True for results that mean a full disk or a used-up quota.
+// Returns true for results that mean a full disk or a used-up quota.
 bool IsNoSpace(int error);
 
 namespace details {

@@ -6,8 +6,8 @@
 
 namespace HostSystem {
 
-// A file whose lock says that a process is at work. The system lets go of the lock when the process ends, however it
-// ends; the file stays. One thread.
+// A file whose lock says that a process is at work. The system releases the lock when the process ends, however it
+// ends; the file stays. Threads: one.
 class CLockFile {
  public:
   CLockFile() = default;
@@ -15,11 +15,12 @@ class CLockFile {
   CLockFile(const CLockFile&) = delete;
   CLockFile& operator=(const CLockFile&) = delete;
 
-  // Makes the file when it is missing, takes its lock without waiting and writes this process's id into it. 0, EBUSY
-  // when another holds it, or another errno value.
+  // Makes the file when it is missing, takes its lock without waiting and writes this process's id into it. Returns 0,
+  // EBUSY when another process holds the lock, or another errno value.
   int Take(const std::string& path);
   bool IsTaken() const { return handle_ != kNone; }
-  // Whether any process holds the lock of this file, without changing anything. False for a file that is missing.
+  // Says whether any process holds the lock of this file, without changing anything. The answer is false for a missing
+  // file.
   static bool IsTakenByAnybody(const std::string& path);
 
  private:

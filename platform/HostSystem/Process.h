@@ -1,4 +1,4 @@
-// What a stand-alone program asks of the operating system about itself.
+// Functions by which a stand-alone program asks the operating system about itself.
 #ifndef TANSY_HOST_SYSTEM_PROCESS_H
 #define TANSY_HOST_SYSTEM_PROCESS_H
 
@@ -11,31 +11,31 @@ namespace HostSystem {
 
 enum class ESignal {
   kStop,    // terminate or interrupt
-  kReload,  // read again what may have been replaced (never on Windows)
+  kReload,  // read files again that may have been replaced (never on Windows)
 };
 
-// Takes charge of the stop and reload signals and has broken pipes ignored. Called once, before any other thread is
-// made: threads inherit it.
+// Makes WaitForSignal receive the stop and reload signals, and has broken pipes ignored. It is called once, before any
+// other thread is made, because threads inherit the setting.
 void TakeSignals();
-// Waits for the next of them. One thread.
+// Waits for the next of these signals. Only one thread may wait.
 ESignal WaitForSignal();
-// The same, for so long at most; empty when none came.
+// Does the same, but waits for this time at most; the result is empty when no signal came.
 std::optional<ESignal> WaitForSignal(std::chrono::milliseconds patience);
 
-// True when whoever started the process wants it to outlive its terminal (nohup).
+// Returns true when the process was started to outlive its terminal (nohup).
 bool IsHangupIgnored();
 
-// Files and folders made from now on are for their owner only.
+// Makes files and folders readable and writable for their owner only, from now on.
 void MakeFilesPrivate();
 
-// Lets the process open as many files and connections as the system allows it to. Returns how many that are; the
-// largest number when there is no limit, or when the system does not say.
+// Lets the process open as many files and connections as the system allows. Returns that number; it is the largest
+// number when there is no limit, or when the system does not say.
 std::uint64_t RaiseOpenFileLimit();
 
 std::string HostName();
-// An environment variable, or "" when there is none.
+// Gives an environment variable, or "" when there is none.
 std::string Environment(const char* name);
-// True when there is such a variable, also an empty one.
+// Returns true when there is such a variable, also when it is empty.
 bool HasEnvironment(const char* name);
 
 }  // namespace HostSystem

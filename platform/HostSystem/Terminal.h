@@ -1,4 +1,4 @@
-// What a command-line program asks about where its texts go.
+// Functions by which a command-line program asks where its texts go.
 // Threads: any. Nothing throws.
 #ifndef TANSY_HOST_SYSTEM_TERMINAL_H
 #define TANSY_HOST_SYSTEM_TERMINAL_H
@@ -7,14 +7,14 @@ namespace HostSystem {
 
 enum class EStream { kInput, kOutput, kError };
 
-// True when a person sits at the other end.
+// Returns true when the stream belongs to a terminal.
 bool IsTerminal(EStream stream);
 
-// Columns of the terminal behind standard error; 80 when nobody knows.
+// Gives the columns of the terminal behind standard error; 80 when they are not known.
 int TerminalWidth();
 
-// Standard input and output carry bytes as they are, and streams that were closed stay unusable. Called before the
-// first of them passes and before anything else is opened.
+// Makes standard input and output carry bytes unchanged, and keeps streams that were closed unusable. It is called
+// before the first byte passes and before anything else is opened.
 void MakeStreamsBinary();
 
 }  // namespace HostSystem

@@ -1,16 +1,16 @@
-// What the list of a machine's adapters consists of, and addresses as text.
+// The list of a machine's adapters, and addresses as text.
 #ifndef TANSY_OSAL_ADAPTER_INFO_H
 #define TANSY_OSAL_ADAPTER_INFO_H
 
 #include <cstddef>
 #include <cstdint>
 
-// Interface types as IANA's ifType registry numbers them; the only ones that callers look at.
+// Interface types as IANA's ifType registry numbers them. Only these are of interest to callers.
 inline constexpr std::uint32_t OSAL_IF_TYPE_ETHERNET = 6;
 inline constexpr std::uint32_t OSAL_IF_TYPE_SOFTWARE_LOOPBACK = 24;
 inline constexpr std::uint32_t OSAL_IF_TYPE_TUNNEL = 131;
 
-// Address families as OSAL_InetNtop takes them, the same numbers on every system.
+// Address families as OSAL_InetNtop takes them; they are the same numbers on every system.
 inline constexpr int OSAL_AF_INET = 2;
 inline constexpr int OSAL_AF_INET6 = 23;
 
@@ -32,7 +32,7 @@ struct OSAL_AdapterInfo {
   OSAL_AdapterInfo* next = nullptr;
 };
 
-// Frees a list made with `new`, all of it. Null is an empty list.
+// Frees a whole list whose entries were made with `new`. Null is an empty list.
 void OSAL_FreeAdapterInfo(OSAL_AdapterInfo* adapters);
 
 // Writes the text of a binary address (4 or 16 bytes in network order) into `buffer`. Returns 1, or 0 when the family

@@ -6,7 +6,7 @@
 
 namespace osal_internal {
 
-// As OSAL_GetAdapterInfo.
+// Does what OSAL_GetAdapterInfo promises.
 int QueryAdapters(OSAL_AdapterInfo** adapters);
 
 }  // namespace osal_internal

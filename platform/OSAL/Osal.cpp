@@ -36,7 +36,7 @@ std::int32_t OSAL_StrToi32(const char* text) {
   if (text == nullptr) {
     return 0;
   }
-  // `long` has 64 bits here and 32 there; long long saturates far outside either.
+  // `long` has 64 bits on some systems and 32 on others; the limits of long long are far outside either.
   const long long value = std::strtoll(text, nullptr, 10);
   return static_cast<std::int32_t>(
       std::clamp<long long>(value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
@@ -46,7 +46,7 @@ int OSAL_Memset_s(void* buffer, std::size_t size, int value, std::size_t count) 
   if (buffer == nullptr) {
     return -1;
   }
-  // Writes through a volatile pointer stay, even when nobody reads the buffer again.
+  // The compiler keeps writes through a volatile pointer, even when nobody reads the buffer again.
   volatile unsigned char* const bytes = static_cast<unsigned char*>(buffer);
   const std::size_t filled = std::min(size, count);
   for (std::size_t i = 0; i < filled; ++i) {

@@ -8,12 +8,12 @@
 
 #include "OSAL/AdapterInfo.h"
 
-// The machine's adapters that are up, one entry an adapter, in the system's order. Returns 0, or the system's error
-// code (`*adapters` is then null). The caller gives the list back with OSAL_FreeAdapterInfo.
+// Lists the machine's adapters that are up, with one entry per adapter, in the system's order. Returns 0 or the
+// system's error code; `*adapters` is null after an error. The caller gives the list back with OSAL_FreeAdapterInfo.
 int OSAL_GetAdapterInfo(OSAL_AdapterInfo** adapters);
 
-// Tests replace the adapter list; null restores the system's. The function follows OSAL_GetAdapterInfo's contract and
-// allocates with `new`.
+// Lets tests replace the adapter list; null restores the system's. The function has the same contract as
+// OSAL_GetAdapterInfo and allocates with `new`.
 using OSAL_AdapterSource = int (*)(OSAL_AdapterInfo** adapters);
 void OSAL_SetAdapterSource(OSAL_AdapterSource source);
 
@@ -28,8 +28,8 @@ void OSAL_SetThreadName(const char* name);
 // or a null pointer, reads as 0; values that 32 bits cannot hold saturate.
 std::int32_t OSAL_StrToi32(const char* text);
 
-// Fills `count` bytes of a buffer of `size` bytes; a count beyond the size fills the buffer and returns -1, a null
-// buffer too, else 0. Never optimised away.
+// Fills `count` bytes of a buffer of `size` bytes and returns 0. A count beyond the size fills the buffer and returns
+// -1; a null buffer returns -1 too. The compiler never removes the call.
 int OSAL_Memset_s(void* buffer, std::size_t size, int value, std::size_t count);
 
 #endif  // TANSY_OSAL_OSAL_H

@@ -1,4 +1,4 @@
-// Conversions that take the operating system's tables. Internal to the base library.
+// Conversions that use the operating system's tables. Internal to the base library.
 #ifndef TANSY_BASE_CODE_PAGE_H
 #define TANSY_BASE_CODE_PAGE_H
 
@@ -7,7 +7,7 @@
 
 namespace TansyBase::CodePage {
 
-// As StringUtil::UTF8ToLocal and StringUtil::UTF8ToGBK.
+// These do what StringUtil::UTF8ToLocal and StringUtil::UTF8ToGBK promise.
 std::string Utf8ToLocal(std::string_view utf8);
 std::string Utf8ToGbk(std::string_view utf8);
 

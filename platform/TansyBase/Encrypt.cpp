@@ -30,7 +30,7 @@ void AppendGroup(std::string& out, const unsigned char* bytes, std::size_t count
   out += count > 2 ? kAlphabet[bits & 63] : '=';
 }
 
-// Number of "=" at the end: 0 to 2.
+// Gives the number of "=" at the end: 0 to 2.
 std::size_t PaddingOf(std::string_view text) {
   return text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0;
 }
@@ -74,7 +74,7 @@ bool Encrypt::Base64Decode(std::string_view text, std::string& out) {
       decoded += static_cast<char>((bits >> bit_count) & 0xFF);
     }
   }
-  // An encoder leaves the bits that belong to no byte 0; anything else is no encoder's text.
+  // The bits that belong to no byte must be 0, as every encoder leaves them; any other text was not made by an encoder.
   if ((bits & ((1U << bit_count) - 1)) != 0) {
     return false;
   }

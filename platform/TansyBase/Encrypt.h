@@ -7,12 +7,12 @@
 
 namespace TansyBase {
 
-// Base64 with the standard alphabet and "=" padding (RFC 4648 section 4), no line breaks. Any thread.
+// Base64 with the standard alphabet and "=" padding (RFC 4648 section 4), without line breaks. Threads: any.
 class Encrypt {
  public:
   static std::string Base64Encode(const void* data, std::size_t size);
   static std::string Base64Encode(std::string_view data);
-  // False, and `out` empty, when `text` is not the Base64 of anything (wrong length, foreign character, bad padding).
+  // Returns false, with `out` empty, when `text` is no Base64 text (wrong length, foreign character, bad padding).
   static bool Base64Decode(std::string_view text, std::string& out);
 };
 

@@ -7,7 +7,8 @@
 namespace TansyBase {
 
 std::string GuidUtil::CreateGuid() {
-  // The generator without a state of its own: each call asks the operating system, so no thread can repeat another's.
+  // This generator has no state of its own: each call asks the operating system, so no thread can repeat another's
+  // values.
   boost::uuids::random_generator_pure generator;
   return boost::uuids::to_string(generator());
 }

@@ -7,8 +7,8 @@ namespace TansyBase {
 
 class GuidUtil {
  public:
-  // A new random GUID (RFC 4122 version 4) as 36 lower-case characters: "xxxxxxxx-xxxx-4xxx-xxxx-xxxxxxxxxxxx". Random
-  // bits come from the operating system's generator. Any thread.
+  // Makes a new random GUID (RFC 4122 version 4) of 36 lower-case characters: "xxxxxxxx-xxxx-4xxx-xxxx-xxxxxxxxxxxx".
+  // The random bits come from the operating system's generator. Threads: any.
   static std::string CreateGuid();
 };
 

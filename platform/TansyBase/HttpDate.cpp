@@ -18,7 +18,7 @@ constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "Ma
                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 constexpr std::size_t kMaxDateBytes = 40;
 
-// Years that the calendar arithmetic below holds, as days since 1970.
+// The limits of the calendar arithmetic below, as days since 1970.
 constexpr std::chrono::sys_days kFirstDay = std::chrono::year::min() / std::chrono::January / 1;
 constexpr std::chrono::sys_days kLastDay = std::chrono::year::max() / std::chrono::December / 31;
 
@@ -76,7 +76,7 @@ std::time_t HttpDate::Parse(std::string_view text) {
   }
   const std::chrono::year_month_day date{std::chrono::year{fields.year}, std::chrono::month{MonthNumber(fields.month)},
                                          std::chrono::day{fields.day}};
-  // 60 is a leap second.
+  // The second 60 is a leap second.
   if (!date.ok() || fields.hour > 23 || fields.minute > 59 || fields.second > 60) {
     return -1;
   }

@@ -18,8 +18,8 @@ namespace TansyBase {
 namespace {
 
 using TaskPointer = std::unique_ptr<CTask>;
-// A list, because a new entry can be allocated before the lock is taken, and because an empty one allocates nothing:
-// stopping a loop must work without memory too.
+// The queue is a list for two reasons. A new entry can be allocated before the lock is taken, and an empty list
+// allocates nothing: stopping a loop must work without memory too.
 using TaskQueue = std::list<TaskPointer>;
 
 void RunTask(CTask& task) {
@@ -32,7 +32,7 @@ void RunTask(CTask& task) {
   }
 }
 
-// One element, allocated before it is spliced in. Empty when there is no memory for it.
+// Makes a list of one element before it is spliced in. The list is empty when there is no memory for it.
 template <typename Value>
 std::list<Value> ListOfOne(Value value) noexcept {
   std::list<Value> list;
@@ -55,23 +55,23 @@ void JoinAll(std::list<std::thread>& threads) {
 struct CMessageLoopDyThreadPool::Impl {
   enum class State { kNew, kRunning, kStopped };
 
-  std::mutex lifecycle;  // held by Start and Stop from beginning to end; never taken by a thread of the loop
+  std::mutex lifecycle;  // Start and Stop hold it from beginning to end; threads of the loop never take it
 
-  // Tasks waiting plus tasks running, readable without the lock: servers ask at each request.
+  // Counts waiting and running tasks. It can be read without the lock, because servers ask at each request.
   std::atomic<std::size_t> work_count{0};
 
   mutable std::mutex mutex;
   std::condition_variable work;
-  // All that follows is under mutex.
+  // Everything below is guarded by mutex.
   State state = State::kNew;
   std::chrono::seconds idle_time{0};
   std::size_t min_threads = 0;
   std::size_t max_threads = 0;
   TaskQueue queue;
   std::size_t sleepers = 0;             // threads that wait for work
-  std::size_t signals = 0;              // sleepers that have been woken and have not taken their task yet
-  std::list<std::thread> threads;       // those that run
-  std::list<std::thread> left_threads;  // those that left for want of work, to be joined
+  std::size_t signals = 0;              // sleepers that have been woken but have not taken their task yet
+  std::list<std::thread> threads;       // threads that run
+  std::list<std::thread> left_threads;  // threads that left because there was no work; they must be joined
 
   const std::string thread_name;
 
@@ -89,12 +89,12 @@ struct CMessageLoopDyThreadPool::Impl {
 
 thread_local const CMessageLoopDyThreadPool::Impl* CMessageLoopDyThreadPool::Impl::of_this_thread = nullptr;
 
-// Tasks wait for which neither a sleeping thread has been woken nor another thread may be expected soon.
+// Returns true when tasks wait for which no sleeping thread has been woken and no other thread will be free soon.
 bool CMessageLoopDyThreadPool::Impl::WantsMoreThreads() const {
   return queue.size() > sleepers && threads.size() < max_threads;
 }
 
-// A thread that cannot be had now is tried again by the next task that waits.
+// When no thread can be started now, the next task that waits tries again.
 bool CMessageLoopDyThreadPool::Impl::AddThread() noexcept {
   std::list<std::thread> fresh = ListOfOne(std::thread());
   if (fresh.empty()) {
@@ -133,9 +133,9 @@ void CMessageLoopDyThreadPool::Impl::RunThread(std::list<std::thread>::iterator 
   }
 }
 
-// Waits until woken, perhaps for nothing; false when the thread is to leave because there has been no work for a while.
-// Each return takes one signal back, also when another thread was quicker to the task: a signal left behind would keep
-// the next poster from waking anybody.
+// Waits until it is woken, perhaps for nothing. Returns false when the thread has to leave because there has been no
+// work for a while. Each return takes one signal back, also when another thread was quicker to the task, because a
+// signal that stayed would keep the next poster from waking anybody.
 bool CMessageLoopDyThreadPool::Impl::Sleep(std::unique_lock<std::mutex>& lock) {
   bool timed_out = false;
   ++sleepers;
@@ -167,7 +167,7 @@ CMessageLoopDyThreadPool::CMessageLoopDyThreadPool(const char* thread_name)
 
 CMessageLoopDyThreadPool::~CMessageLoopDyThreadPool() {
   Stop(false);
-  impl_->Drop(impl_->queue);  // of a loop that was never started
+  impl_->Drop(impl_->queue);  // tasks of a loop that was never started
 }
 
 bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_seconds) {
@@ -179,7 +179,7 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
   if (impl_->state == Impl::State::kRunning) {
     return false;
   }
-  if (impl_->state == Impl::State::kStopped) {  // threads of a run that one of its own tasks stopped
+  if (impl_->state == Impl::State::kStopped) {  // one of its own tasks stopped the last run
     std::list<std::thread> ended = impl_->TakeAllThreads();
     lock.unlock();
     JoinAll(ended);
@@ -202,7 +202,7 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) noexcept {
   if (task == nullptr) {
     return false;
   }
-  // A task that is not queued is deleted after the lock is released: its destructor may call this loop.
+  // A task that is not queued is deleted after the lock is released, because its destructor may call this loop.
   TaskQueue posted = ListOfOne(TaskPointer(task));
   if (posted.empty()) {
     return false;
@@ -221,7 +221,7 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) noexcept {
       impl_->signals += wake ? 1 : 0;
       if (impl_->WantsMoreThreads()) {
         impl_->AddThread();
-        ended.swap(impl_->left_threads);  // those of the last rush
+        ended.swap(impl_->left_threads);  // threads of the last busy time
       }
     }
   }

@@ -3,7 +3,7 @@
 
 namespace TansyBase {
 
-// Base of objects that have an identity: managers, loops, servers.
+// A base class for objects that must not be copied because each exists for itself: managers, loops, servers.
 class CNoncopyable {
  public:
   CNoncopyable(const CNoncopyable&) = delete;

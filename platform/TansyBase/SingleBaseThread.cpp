@@ -14,13 +14,13 @@
 namespace TansyBase {
 
 struct CSingleBaseThread::Impl {
-  std::mutex lifecycle;  // held by Start and Stop from beginning to end; never taken by the own thread
-  std::thread thread;    // under lifecycle
+  std::mutex lifecycle;  // Start and Stop hold it from beginning to end; the own thread never takes it
+  std::thread thread;    // guarded by lifecycle
 
   std::mutex mutex;
   std::condition_variable wake;
-  std::thread::id own_id;  // under mutex, like what follows
-  bool stopping = true;    // the thread is to end, or there is none
+  std::thread::id own_id;  // guarded by mutex, like what follows
+  bool stopping = true;    // the thread has to end, or there is none
   bool woken = false;      // the next call is due now
 
   const std::string thread_name;
@@ -40,7 +40,7 @@ struct CSingleBaseThread::Impl {
     wake.notify_all();
   }
 
-  // Waits until the next call is due; false when the thread is to end.
+  // Waits until the next call is due. Returns false when the thread has to end.
   bool WaitForNextCall(std::chrono::milliseconds period) {
     std::unique_lock lock(mutex);
     wake.wait_for(lock, period, [this] { return stopping || woken; });
@@ -83,7 +83,7 @@ bool CSingleBaseThread::Start(std::uint32_t period_ms) {
       return false;
     }
   }
-  if (impl_->thread.joinable()) {  // the last run was ended by its own OnTimer
+  if (impl_->thread.joinable()) {  // its own OnTimer ended the last run
     impl_->thread.join();
   }
   const std::lock_guard lock(impl_->mutex);
@@ -104,7 +104,7 @@ void CSingleBaseThread::Stop() {
     return;
   }
   const std::lock_guard lifecycle(impl_->lifecycle);
-  impl_->RequestStop();  // once more: a Start may have come in between
+  impl_->RequestStop();  // again, because a Start may have come in between
   if (impl_->thread.joinable()) {
     impl_->thread.join();
   }

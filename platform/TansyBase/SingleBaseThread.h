@@ -10,27 +10,27 @@ namespace TansyBase {
 
 // A thread of its own that calls OnTimer at once and then once per period.
 // Threads: every member may be called from any thread; OnTimer runs on the own thread only. A derived class calls Stop
-// in its destructor, before its members go. An exception that leaves OnTimer is logged, and the next call comes as
-// usual.
+// in its destructor, before its members are destroyed. An exception that leaves OnTimer is logged, and the next call
+// comes as usual.
 class CSingleBaseThread : private CNoncopyable {
  public:
-  // The name that the thread shows in a debugger; at most 15 characters of it count.
+  // `thread_name` is the name that the thread shows in a debugger; at most 15 characters of it count.
   explicit CSingleBaseThread(const char* thread_name = "tansy-timer");
   virtual ~CSingleBaseThread();
 
-  // False when it runs already, the period is 0, no thread is to be had, or OnTimer itself calls. The period counts
-  // from the end of one call to the beginning of the next.
+  // Starts the thread. Returns false when it runs already, when the period is 0, when no thread can be started, or when
+  // OnTimer itself calls. The period counts from the end of one call to the beginning of the next.
   bool Start(std::uint32_t period_ms);
-  // Wakes the thread, waits for a running OnTimer and ends. Stopping a stopped thread does nothing. Called by OnTimer
-  // itself it makes that call the last one and returns at once.
+  // Wakes the thread, waits for a running OnTimer and ends the thread. Stopping a stopped thread does nothing. When
+  // OnTimer itself calls Stop, this call of OnTimer is the last one, and Stop returns at once.
   void Stop();
   // Makes the next call come now instead of at the end of the period.
   void Wake();
 
  protected:
   virtual void OnTimer() = 0;
-  // For OnTimer, while it has much to do: true once Stop was called, which waits for its end. Always false when OnTimer
-  // is called by another thread than the own one.
+  // OnTimer asks this while it has much to do: the answer is true once Stop was called, which waits for the end of
+  // OnTimer. It is always false when another thread than the own one calls OnTimer.
   bool IsStopping() const;
 
  private:

@@ -13,11 +13,11 @@ std::atomic<TimeUtil::ClockFunction> replaced_clock{nullptr};
 std::atomic<TimeUtil::UptimeFunction> replaced_uptime{nullptr};
 
 constexpr std::time_t kSecondsPerDay = 86400;
-// 0000-01-01 to 9999-12-31: years that four digits can hold.
+// The limits are 0000-01-01 and 9999-12-31, because a year has four digits.
 constexpr std::time_t kFirstTime = -62167219200;
 constexpr std::time_t kLastTime = 253402300799;
 
-// The number written in `text`, all of which must be decimal digits.
+// Reads the number in `text`, which must consist of decimal digits only.
 std::optional<int> Digits(std::string_view text) {
   int value = 0;
   for (const char c : text) {
@@ -29,7 +29,7 @@ std::optional<int> Digits(std::string_view text) {
   return value;
 }
 
-// "", ".0", ".000", ".123456": the fraction that timestamp columns may show.
+// Returns true for the fraction that timestamp columns may show: "", ".0", ".000", ".123456".
 bool IsFraction(std::string_view text) {
   return text.empty() || (text.size() >= 2 && text.size() <= 10 && text[0] == '.' && Digits(text.substr(1)));
 }

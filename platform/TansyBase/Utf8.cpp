@@ -5,8 +5,8 @@
 namespace TansyBase {
 namespace {
 
-// What may follow a lead byte: how many bytes, and the bounds of the first of them. The bounds keep overlong forms,
-// surrogates and values beyond U+10FFFF out.
+// Says what may follow a lead byte: how many bytes, and the bounds of the first of them. The bounds exclude overlong
+// forms, surrogates and values beyond U+10FFFF.
 struct Tail {
   std::size_t length;
   unsigned char first_low;

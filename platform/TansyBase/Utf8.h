@@ -14,7 +14,7 @@ inline constexpr char32_t kReplacementCharacter = 0xFFFD;
 // as one U+FFFD.
 char32_t TakeUtf8(std::string_view& text);
 
-// As StringUtil::UTF8ToWide.
+// Does what StringUtil::UTF8ToWide promises.
 std::wstring Utf8ToWide(std::string_view utf8);
 
 }  // namespace TansyBase

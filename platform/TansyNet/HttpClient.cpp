@@ -18,7 +18,7 @@ HttpClient::Error OutOfMemory() {
   return {HttpClient::kTooLarge, static_cast<std::int32_t>(std::errc::not_enough_memory)};
 }
 
-// Null while nobody wants to know.
+// Holds the observer; it is null while there is none.
 HttpClient::Observer& TheObserver() {
   static HttpClient::Observer observer;
   return observer;

@@ -12,7 +12,7 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-// Made at the first use and never destroyed: handlers may hold handles and tokens until the process ends.
+// It is made at the first use and never destroyed, because handlers may hold handles and tokens until the process ends.
 struct Process {
   CServerRuntime runtime;
   CListenerTable listeners{runtime};
@@ -62,7 +62,7 @@ int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, 
   return 0;
 }
 
-// A failed allocation in the middle of an answer leaves nothing that could be gone on with.
+// When an allocation fails in the middle of an answer, the answer cannot be continued.
 template <typename Send>
 int SendGuarded(std::int32_t handle, Send send) {
   const auto connection = TheProcess().runtime.Handles().Find(handle);

@@ -20,50 +20,55 @@ namespace TansyNet {
 // All members are static: listeners and connections belong to the process. Any thread may call any member.
 class CHttpServer {
  public:
-  // `handle` names the request; it is never reused while the process lives. `msg` may be moved from. Called on a thread
-  // of the library, deliveries of one request one after another. Whole requests arrive on the threads that serve all
-  // other clients too, so the callback hands them on and returns; pieces arrive on threads of their own and may wait.
+  // Takes a request. `handle` names it and is never reused while the process lives. `msg` may be moved from. The
+  // library calls this on one of its threads, and deliveries of one request come one after another. Whole requests
+  // arrive on the threads that serve all other clients too, so the callback must hand them on and return. Pieces arrive
+  // on threads of their own, where the callback may wait.
   using RecvCallback = TansyNet::RecvCallback;
 
-  // Listens on `address` ("0.0.0.0", "::" or any local one; IPv6 listeners are v6-only so that both families share a
-  // port). Port 0 opens nothing and succeeds with handle 0, and so does "::" on a machine without IPv6. `reuse_address`
-  // allows a port whose last connections still linger.
+  // Listens on `address` ("0.0.0.0", "::" or any local address; IPv6 listeners are v6-only so that both families share
+  // a port). Port 0 opens nothing and succeeds with handle 0, and so does "::" on a machine without IPv6.
+  // `reuse_address` allows a port on which connections of an earlier listener still linger.
   static int StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
                              RecvCallback callback, bool reuse_address);
   static int StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
                               const HttpsServer& tls, RecvCallback callback);
-  // Stops accepting, closes idle connections; requests under way are answered and their connections then closed.
-  // Stopping handle 0 succeeds.
+  // Stops accepting and closes idle connections. Requests under way are answered, and their connections are closed
+  // after that. Stopping handle 0 succeeds.
   static int StopServer(std::int32_t handle);
 
-  // Answers a request. Writes from the calling thread; what the socket does not take at once is copied and finished by
+  // Answers a request. It writes from the calling thread. What the socket does not take at once is copied and sent by
   // the library's threads, so the call never waits for a client. The copies count in MemoryAccount.h: when there is no
   // room for the rest of a large answer, the client gets 503 instead and the result is kNetNoMemory. Each request is
   // answered exactly once.
   static int HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                 const char* data);
-  // One chunk of an answer of `total_size` bytes; the first call sends the head too. Waits until the chunk is with the
-  // operating system, at most `send_timeout_ms` without progress. The answer ends with the total's last byte.
+  // Sends one chunk of an answer of `total_size` bytes; the first call sends the head too. Waits until the operating
+  // system has the chunk, but at most `send_timeout_ms` without progress. The answer ends with the last byte of the
+  // total.
   static int HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                       const char* data, std::uint64_t total_size);
 
-  // Whether a request waits for its answer and its client is still there, as far as the operating system has said.
+  // Says whether a request waits for its answer and its client is still there, as far as the operating system has
+  // reported.
   static bool IsRequestOpen(std::int32_t handle);
 
-  // For the host: what "0.0.0.0" and "::" stand for in the starts that follow, each for the addresses of its family. A
-  // family without any opens nothing and succeeds with handle 0. Empty (the default): all addresses of the machine.
+  // Sets what "0.0.0.0" and "::" stand for in later starts: each stands for the given addresses of its family. A family
+  // without any opens nothing and succeeds with handle 0. An empty list (the default) stands for all addresses of the
+  // machine. This is for the host.
   static void SetListenAddresses(const std::vector<std::string>& addresses);
-  // For the host, not for handlers. Limits count for connections accepted afterwards.
+  // Sets limits for connections that are accepted afterwards. This is for the host, not for handlers.
   static void SetLimits(const HttpServerLimits& limits);
-  // Why the last start in this thread failed, one line.
+  // Says in one line why the last start in this thread failed.
   static std::string LastError();
-  // Reads the certificates of all HTTPS listeners again; connections keep the ones they have. A pair that does not load
-  // leaves the old one in place and makes the result non-zero.
+  // Reads the certificates of all HTTPS listeners again; connections keep the certificates they have. When a pair does
+  // not load, the old one stays in use and the result is not 0.
   static int ReloadCertificates();
-  // Requests delivered and not answered yet.
+  // Counts the requests that are delivered and not answered yet.
   static std::size_t OpenRequestCount();
-  // Stops all listeners, waits until no request is open, at most this long, then closes every connection and ends the
-  // library's threads. True when nothing had to be cut off. Starting a listener afterwards works. Not from a callback.
+  // Stops all listeners and waits until no request is open, at most this long. Then it closes every connection and ends
+  // the library's threads. Returns true when nothing had to be cut off. A listener may be started again afterwards. It
+  // must not be called from a callback.
   static bool Shutdown(std::uint32_t drain_ms);
 };
 

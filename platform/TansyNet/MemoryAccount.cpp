@@ -9,7 +9,7 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-// The largest body that is received whole; one of them fits whatever the ceiling, if that allows it at all.
+// The largest body that is received whole. One such body fits whatever the ceiling is, if the ceiling allows it at all.
 constexpr std::uint64_t kLargestBody = std::uint64_t{64} << 20;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The paths that both kinds of document are read and written by: "/Root/Child/Part[3]/Size".
+// The paths by which both kinds of document are read and written: "/Root/Child/Part[3]/Size".
 #ifndef TANSY_PROTO_DOCUMENT_PATH_H
 #define TANSY_PROTO_DOCUMENT_PATH_H
 
@@ -8,11 +8,11 @@
 
 namespace TansyProto {
 
-// Levels that a document may have, parsed or written. What works on a document level by level stays far from the end of
-// the smallest thread's stack.
+// The number of levels that a document may have, parsed or written. Recursive code then stays far from the end of the
+// smallest thread's stack.
 inline constexpr std::size_t kMaxDepth = 64;
-// Bytes and values that a parsed document may have. A value costs up to 128 bytes in memory and as few as two in the
-// text, so the text's size alone bounds nothing.
+// The bytes and values that a parsed document may have. A value costs up to 128 bytes in memory and as few as two in
+// the text, so the text's size alone limits nothing.
 inline constexpr std::size_t kMaxDocumentBytes = std::size_t{64} << 20;
 inline constexpr std::size_t kMaxDocumentValues = 1'000'000;
 
@@ -24,8 +24,8 @@ struct PathStep {
 // The steps of a path; they point into its text.
 class CDocumentPath {
  public:
-  // Not valid: no leading slash, an empty name, anything in brackets but a decimal number from 1, more than kMaxDepth
-  // steps.
+  // The path is not valid when it has no leading slash, an empty name, anything in brackets but a decimal number from
+  // 1, or more than kMaxDepth steps.
   explicit CDocumentPath(std::string_view path);
 
   bool IsValid() const { return count_ > 0; }

@@ -18,8 +18,8 @@ namespace TansyProto {
 namespace details {
 namespace {
 
-// Stands on the backslash of an escape, and on the last character of it afterwards. False for the second half of a
-// surrogate pair without its first: the parser would make bytes of it that are not UTF-8.
+// `at` stands on the backslash of an escape, and on the last character of it afterwards. Returns false for the second
+// half of a surrogate pair without its first, because the parser would make bytes of it that are not UTF-8.
 bool SkipEscape(std::string_view text, std::size_t& at) {
   constexpr std::size_t kEscape = 6;  // "\uD83D"
   unsigned unit = 0;
@@ -30,16 +30,16 @@ bool SkipEscape(std::string_view text, std::size_t& at) {
     return true;
   }
   const bool is_first_half = unit >= 0xD800 && unit <= 0xDBFF;
-  // That a second half follows is the parser's to check.
+  // The parser checks that a second half follows.
   at += (is_first_half ? 2 * kEscape : kEscape) - 1;
   return unit < 0xDC00 || unit > 0xDFFF;
 }
 
-// Depth and number of values as the brackets and commas outside strings tell them. Text that is no JSON may pass; the
-// parser refuses it then, within these limits.
+// Checks depth and number of values by the brackets and commas outside strings. Text that is no JSON may pass; the
+// parser then refuses it, within these limits.
 bool IsWithinLimits(std::string_view text) {
   if (text.size() > kMaxDocumentBytes || text.find('\0') != std::string_view::npos) {
-    return false;  // the parser takes a NUL byte for the end
+    return false;  // the parser takes a NUL byte for the end of the text
   }
   std::size_t depth = 0;
   std::size_t values = 0;
@@ -69,7 +69,7 @@ bool IsWithinLimits(std::string_view text) {
 
 using Value = rapidjson::Value;
 
-// What a step stands for below an object; null when it is not there.
+// Gives the value of a step below an object; null when it is not there.
 const Value* FindStep(const Value& parent, const PathStep& step) {
   if (!parent.IsObject()) {
     return nullptr;
@@ -86,7 +86,8 @@ const Value* FindStep(const Value& parent, const PathStep& step) {
   return is_there ? &member->value[static_cast<rapidjson::SizeType>(step.index - 1)] : nullptr;
 }
 
-// The parser makes infinities of numbers that are too big, and the writer stops at one. Depth is at most kMaxDepth.
+// The parser turns numbers that are too large into infinities, and the writer stops at one. The depth is at most
+// kMaxDepth.
 bool IsFinite(const Value& value) {
   if (value.IsArray()) {
     return std::all_of(value.Begin(), value.End(), IsFinite);
@@ -105,7 +106,7 @@ std::string ToText(const Value& value) {
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-// A document that was moved from is an empty one again.
+// A document that was moved from is an empty document again.
 template <typename Impl>
 Impl& Ensure(std::unique_ptr<Impl>& impl) {
   if (!impl) {
@@ -125,7 +126,8 @@ struct CRapidJsonProto::Impl {
   Impl() { document.SetObject(); }
 
   const rapidjson::Value* Find(const std::string& path) const;
-  // The place of a value that is not an array or object, made when missing; null when the path does not allow it.
+  // Gives the place of a value that is not an array or object, and makes it when it is missing; null when the path does
+  // not allow it.
   rapidjson::Value* Make(const std::string& path);
   rapidjson::Value* Append(rapidjson::Value& parent, const PathStep& step);
   static bool MayMake(const rapidjson::Value& parent, const PathStep& step);
@@ -181,7 +183,7 @@ bool CRapidJsonProto::Impl::MayMake(const rapidjson::Value& parent, const PathSt
   return list->IsArray() && step.index == list->Size() + 1;
 }
 
-// A new value for a step that is missing; `parent` becomes an object when it was only just made.
+// Adds a new value for a step that is missing; `parent` becomes an object when it was only just made.
 rapidjson::Value* CRapidJsonProto::Impl::Append(rapidjson::Value& parent, const PathStep& step) {
   auto& allocator = document.GetAllocator();
   if (parent.IsNull()) {
@@ -213,7 +215,8 @@ bool CRapidJsonProto::Parse(std::string_view text) {
   if (!details::IsWithinLimits(text)) {
     return false;
   }
-  // Without kParseFullPrecisionFlag: RapidJSON 1.1 reads beyond a table there when a number has hundreds of digits.
+  // kParseFullPrecisionFlag is left out, because with it RapidJSON 1.1 reads beyond a table when a number has hundreds
+  // of digits.
   constexpr unsigned kOptions = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
   impl_->document.Parse<kOptions>(text.data(), text.size());
   if (!impl_->document.HasParseError() && details::IsFinite(impl_->document)) {

@@ -21,24 +21,25 @@ class CRapidJsonProto {
   CRapidJsonProto(CRapidJsonProto&&) noexcept;
   CRapidJsonProto& operator=(CRapidJsonProto&&) noexcept;
 
-  // Replaces the document. False (and an empty document) when the text is not one JSON value in UTF-8, nests deeper
-  // than 64 levels, is longer than 64 MiB, holds more than a million values, or a number beyond what a double holds.
+  // Replaces the document. Returns false, and leaves an empty document, when the text is not one JSON value in UTF-8,
+  // nests deeper than 64 levels, is longer than 64 MiB, holds more than a million values, or a number beyond what a
+  // double holds.
   bool Parse(std::string_view text);
 
   bool Has(const std::string& path) const;
-  // A string member as it is, a number or boolean as its text (integers of 64 bits to the last digit, fractions
-  // nearly); `missing` otherwise.
+  // Gives a string member as it is, a number or boolean as its text (integers of 64 bits to the last digit, fractions
+  // nearly), and `missing` otherwise.
   std::string GetString(const std::string& path, const std::string& missing = {}) const;
-  // An integer member, or a string member that is a decimal integer; `missing` otherwise.
+  // Gives an integer member, or a string member that is a decimal integer, and `missing` otherwise.
   std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
 
-  // False, with the document as it was, when the path is malformed, skips an index, leads through a value that is no
-  // object, or ends at an object or array. Bytes that are not UTF-8 are each written as U+FFFD.
+  // Returns false, with the document as it was, when the path is malformed, skips an index, leads through a value that
+  // is no object, or ends at an object or array. Bytes that are not UTF-8 are each written as U+FFFD.
   bool SetString(const std::string& path, const std::string& value);
   bool SetInt(const std::string& path, std::int64_t value);
   bool SetBool(const std::string& path, bool value);
 
-  // The document as compact text.
+  // Gives the document as compact text.
   std::string Serialize() const;
 
  private:

@@ -11,7 +11,7 @@ namespace TansyProto {
 namespace details {
 namespace {
 
-// How a sequence is recognised by its first byte, and the least character that may be written with that length.
+// Says how the first byte identifies a sequence, and gives the smallest character that may be written with that length.
 struct Utf8Form {
   unsigned char mask;
   unsigned char lead;
@@ -45,7 +45,7 @@ bool Decode(std::string_view text, const Utf8Form& form, char32_t& character) {
   return value >= form.least && IsCharacter(value);
 }
 
-// Most text is nothing else, and gets by with one comparison a byte.
+// Most text consists of plain characters only, and then needs one comparison per byte.
 std::size_t CountPlain(std::string_view text) {
   const auto is_plain = [](char c) {
     return static_cast<unsigned char>(c) >= 0x20 && static_cast<unsigned char>(c) < 0x80;

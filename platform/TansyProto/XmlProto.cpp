@@ -63,7 +63,7 @@ void AppendStartTag(std::string& text, const pugi::xml_node& element) {
   text += '>';
 }
 
-// Depth is at most kMaxDepth: parsed and written documents are both held to it.
+// The depth is at most kMaxDepth, because parsed and written documents both have this limit.
 void AppendNode(std::string& text, const pugi::xml_node& node) {
   if (IsText(node)) {
     AppendEscaped(text, node.value(), false);
@@ -88,7 +88,7 @@ void AppendNode(std::string& text, const pugi::xml_node& node) {
 }  // namespace details
 
 struct CXmlProto::Impl {
-  // The elements of one name below one parent, so that any of them is found at once.
+  // Lists the elements of one name below one parent, so that any of them is found at once.
   struct List {
     std::string name;
     std::vector<pugi::xml_node> elements;
@@ -103,7 +103,7 @@ struct CXmlProto::Impl {
   List& MakeList(const pugi::xml_node& parent, std::string_view name);
 
   pugi::xml_document document;
-  // By parent. Elements are only ever added, so a list stays right once it is made.
+  // The key is the parent. Elements are only ever added, so a list stays right once it is made.
   std::unordered_map<const void*, std::vector<List>> lists;
 };
 
@@ -182,7 +182,7 @@ pugi::xml_node CXmlProto::Impl::Make(const CDocumentPath& path) {
   return is_next && rest_is_first ? node : pugi::xml_node();
 }
 
-// The missing element of this step would be the next of its name, and not a second root.
+// Returns true when the missing element of this step would be the next one of its name, and not a second root.
 bool CXmlProto::Impl::MayMake(const pugi::xml_node& parent, const PathStep& step) {
   if (parent == document && document.document_element()) {
     return false;

@@ -23,27 +23,29 @@ class CXmlProto {
   CXmlProto(CXmlProto&&) noexcept;
   CXmlProto& operator=(CXmlProto&&) noexcept;
 
-  // Replaces the document. False (and an empty document) when the text is not well-formed XML in UTF-8 with one root
-  // element, holds a document type declaration, nests deeper than 64 elements, is longer than 64 MiB or holds more than
-  // a million elements and attributes. An encoding that the text claims is ignored.
+  // Replaces the document. Returns false, and leaves an empty document, when the text is not well-formed XML in UTF-8
+  // with one root element, holds a document type declaration, nests deeper than 64 elements, is longer than 64 MiB or
+  // holds more than a million elements and attributes. An encoding that the text claims is ignored.
   bool Parse(std::string_view text);
 
   bool Has(const std::string& path) const;
-  // Text of the element (without that of elements in it), white space kept; `missing` when there is no such element.
+  // Gives the text of the element (without that of elements in it), white space kept; `missing` when there is no such
+  // element.
   std::string GetString(const std::string& path, const std::string& missing = {}) const;
-  // Decimal integer of the element; `missing` when the element is missing, empty or not a decimal integer of 64 bits.
-  // Blanks around it do not matter.
+  // Gives the decimal integer of the element; `missing` when the element is missing, empty or not a decimal integer of
+  // 64 bits. Blanks around it do not matter.
   std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
 
-  // False, with the document as it was, when the path is malformed, names a second root, or skips an index. Characters
-  // that XML cannot carry (most control characters) and bytes that are not UTF-8 are each written as U+FFFD, so that
-  // the document stays well-formed whatever a client named its object.
+  // Returns false, with the document as it was, when the path is malformed, names a second root, or skips an index.
+  // Characters that XML cannot carry (most control characters) and bytes that are not UTF-8 are each written as U+FFFD,
+  // so that the document stays well-formed whatever a client named its object.
   bool SetString(const std::string& path, const std::string& value);
   bool SetInt(const std::string& path, std::int64_t value);
   // Makes the element without text, so that an empty list is still there.
   bool SetEmpty(const std::string& path);
 
-  // The document as text with an XML declaration (UTF-8), without indentation. False when the document is empty.
+  // Gives the document as text with an XML declaration (UTF-8), without indentation. Returns false when the document is
+  // empty.
   bool Serialize(std::string& text) const;
 
  private:

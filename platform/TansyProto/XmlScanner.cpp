@@ -33,7 +33,7 @@ bool IsReservedTarget(std::string_view name) {
   return name.size() == 3 && (name[0] | 0x20) == 'x' && (name[1] | 0x20) == 'm' && (name[2] | 0x20) == 'l';
 }
 
-// "#65" or "#x41", without the ampersand and the semicolon.
+// Recognises "#65" or "#x41", without the ampersand and the semicolon.
 bool IsCharacterReference(std::string_view text) {
   const bool is_hexadecimal = text.starts_with("#x");
   text.remove_prefix(is_hexadecimal ? 2 : 1);
@@ -75,7 +75,7 @@ bool CXmlScanner::ScanMarkup() {
     return ScanEndTag();
   }
   if (Take("<!--")) {
-    // Two hyphens end a comment; nothing but the closing bracket may follow them.
+    // Two hyphens end a comment, so only the closing bracket may follow them.
     return ScanUntil("--") && Take(">");
   }
   if (Take("<![CDATA[")) {
@@ -84,11 +84,11 @@ bool CXmlScanner::ScanMarkup() {
   if (Take("<?")) {
     return ScanInstruction();
   }
-  // A document type declaration ("<!DOCTYPE") is no name either.
+  // A document type declaration ("<!DOCTYPE") is refused here too, because it does not begin with a name.
   return Take("<") && ScanStartTag();
 }
 
-// "<?xml version='1.0' encoding='UTF-8' standalone='yes'?>". The text is UTF-8 whatever encoding it claims.
+// Reads "<?xml version='1.0' encoding='UTF-8' standalone='yes'?>". The text is UTF-8 whatever encoding it claims.
 bool CXmlScanner::ScanDeclaration() {
   Take("<?xml");
   if (!ScanAttributes() || !Take("?>") || attributes_.empty() || attributes_.front() != "version") {
@@ -133,7 +133,7 @@ bool CXmlScanner::ScanEndTag() {
   return Take(">");
 }
 
-// Names end up in `attributes_`; stops before what closes the tag.
+// Collects the names in `attributes_`; it stops before the characters that close the tag.
 bool CXmlScanner::ScanAttributes() {
   attributes_.clear();
   while (TakeBlanks() && !rest_.empty() && details::IsNameStart(rest_.front())) {
@@ -171,7 +171,7 @@ bool CXmlScanner::ScanAttribute(std::string_view& name) {
   return true;
 }
 
-// Text up to the next markup. Outside the root element only blanks may stand.
+// Reads text up to the next markup. Outside the root element only blanks are allowed.
 bool CXmlScanner::ScanCharacters() {
   if (open_.empty()) {
     return TakeBlanks();
@@ -185,7 +185,7 @@ bool CXmlScanner::ScanCharacters() {
   return true;
 }
 
-// Stands on the semicolon afterwards.
+// The position is on the semicolon afterwards.
 bool CXmlScanner::ScanReference() {
   constexpr std::size_t kLongest = 12;
   const auto semicolon = rest_.substr(0, kLongest).find(';');
@@ -216,7 +216,7 @@ bool CXmlScanner::Take(std::string_view expected) {
   return true;
 }
 
-// True when there was at least one.
+// Returns true when there was at least one.
 bool CXmlScanner::TakeBlanks() {
   const std::size_t count = std::min(rest_.find_first_not_of(details::kBlanks), rest_.size());
   rest_.remove_prefix(count);

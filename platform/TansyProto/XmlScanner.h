@@ -1,5 +1,5 @@
-// Says whether a text is XML that may be parsed. The parser behind it is fast because it forgives much and trusts the
-// rest; what reaches it from the network has to have passed here.
+// Says whether a text is XML that may be parsed. The parser behind it is fast because it tolerates many errors and
+// trusts the rest, so texts from the network have to pass here first.
 #ifndef TANSY_PROTO_XML_SCANNER_H
 #define TANSY_PROTO_XML_SCANNER_H
 
@@ -9,16 +9,16 @@
 
 namespace TansyProto {
 
-// A name as elements and attributes have it. Characters beyond ASCII all count as letters.
+// Recognises the name of an element or attribute. Characters beyond ASCII all count as letters.
 bool IsXmlName(std::string_view name);
 
-// One pass over the text, without recursion and with memory for kMaxDepth open elements only.
+// Makes one pass over the text, without recursion, and with memory for kMaxDepth open elements only.
 class CXmlScanner {
  public:
   explicit CXmlScanner(std::string_view text);
 
-  // Well-formed, in UTF-8, one root element, no document type declaration (and so no entities but the five of XML
-  // itself), within the limits of DocumentPath.h.
+  // Returns true for a well-formed text in UTF-8 with one root element and no document type declaration (and so no
+  // entities except the five of XML itself), within the limits of DocumentPath.h.
   bool Accepts();
 
  private:

@@ -9,7 +9,7 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Drivers pass on what a server said, and servers quote what they were sent.
+// Removes the password, because drivers pass on what a server said, and servers quote what they were sent.
 std::string CleanError(std::string text, const std::string& password) {
   for (std::size_t at = 0; !password.empty() && (at = text.find(password, at)) != std::string::npos; at += 3) {
     text.replace(at, password.size(), "***");
@@ -47,7 +47,7 @@ CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std
     return closed_ || (queue_.front() == ticket && (!idle_.empty() || open_ < CountAllowed()));
   });
   std::erase(queue_, ticket);
-  // The next in line may have its turn as well, or has it because this one gave up.
+  // The next caller in line may get its turn now as well, for example because this one gave up.
   changed_.notify_all();
   if (closed_ || !has_turn) {
     error = closed_ ? "the module is not registered any more" : "all connections are in use";
@@ -59,7 +59,7 @@ CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std
   return OpenOne(lock, error);
 }
 
-// An idle connection that still works. Those that do not make room.
+// Takes an idle connection that still works. Broken ones are closed, which makes room.
 std::unique_ptr<CConnect> CConnectionPool::TakeIdle() {
   while (!idle_.empty()) {
     auto connection = std::move(idle_.back().connection);
@@ -72,7 +72,8 @@ std::unique_ptr<CConnect> CConnectionPool::TakeIdle() {
   return nullptr;
 }
 
-// Opens without the lock: a database that is slow to answer must not hold up those who give connections back.
+// The connection is opened without the lock, because a database that is slow to answer must not delay those who give
+// connections back.
 CConnectionPool::Lease CConnectionPool::OpenOne(std::unique_lock<std::mutex>& lock, std::string& error) {
   const DBParam param = param_;
   const auto driver = driver_;
@@ -119,8 +120,8 @@ void CConnectionPool::Return(Lease lease) noexcept {
   }
 }
 
-// Null closes nothing. A connection is closed before it is counted as gone: who waits for the last one finds the
-// database closed.
+// Null closes nothing. A connection is closed before it is counted as gone, so that a caller who waits for the last one
+// finds the database closed.
 void CConnectionPool::CloseOne(std::unique_ptr<CConnect> connection) noexcept {
   if (!connection) {
     return;

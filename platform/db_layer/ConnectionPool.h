@@ -16,12 +16,13 @@
 
 namespace db_layer {
 
-// Any thread. Connections that are out when the pool is closed or gets new parameters are closed when they come back.
+// Threads: any. Connections that are in use when the pool is closed or gets new parameters are closed when they come
+// back.
 class CConnectionPool {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kWait{30};        // for a connection, and for the last ones at closing
-  static constexpr std::chrono::seconds kKeepUnused{60};  // beyond min_connections
+  static constexpr std::chrono::seconds kKeepUnused{60};  // for connections beyond min_connections
 
   // A connection with what Return needs to know about it.
   struct Lease {
@@ -31,16 +32,17 @@ class CConnectionPool {
 
   CConnectionPool(DBParam param, std::shared_ptr<IDriver> driver);
 
-  // Opens connections until min_connections are there. False with the driver's words when one does not open.
+  // Opens connections until there are min_connections. Returns false with the driver's message when one does not open.
   bool Fill(std::string& error);
-  // An empty lease with `error` filled in on failure. Throws std::bad_alloc, and has then taken nothing.
+  // Takes a connection. On failure the lease is empty and `error` is filled in. It may throw std::bad_alloc, and has
+  // then taken nothing.
   Lease Take(std::chrono::milliseconds wait, std::string& error);
   void Return(Lease lease) noexcept;
-  // Callers that Take holds at the moment.
+  // Counts the callers that wait in Take at the moment.
   std::size_t CountWaiting() const;
-  // Later connections are opened with these.
+  // Sets the parameters with which later connections are opened.
   void Reset(const DBParam& param, std::shared_ptr<IDriver> driver);
-  // Nothing is handed out from here on. Waits for what is out, at most this long.
+  // Hands nothing out from here on, and waits for connections in use, at most this long.
   void Close(std::chrono::milliseconds wait) noexcept;
 
  private:
@@ -63,11 +65,12 @@ class CConnectionPool {
   std::shared_ptr<IDriver> driver_;
   std::uint64_t generation_ = 0;
   bool closed_ = false;
-  std::size_t open_ = 0;  // idle, out, and being opened
-  // The longest unused first. Has room for all that are open, so that giving one back needs no memory.
+  std::size_t open_ = 0;  // idle, in use, and being opened
+  // The connection that has been unused longest comes first. There is room for all that are open, so that giving one
+  // back needs no memory.
   std::vector<Idle> idle_;
   std::uint64_t next_ticket_ = 0;
-  std::deque<std::uint64_t> queue_;  // tickets of those who wait, in the order they came
+  std::deque<std::uint64_t> queue_;  // tickets of waiting callers, in the order in which they came
 };
 
 }  // namespace db_layer

@@ -16,7 +16,7 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Stands in for a kind of database that this build cannot talk to.
+// Stands in for a kind of database that this build cannot use.
 class CMissingDriver final : public IDriver {
  public:
   explicit CMissingDriver(std::string error) : error_(std::move(error)) {}
@@ -34,8 +34,8 @@ struct Module {
   std::string last_error;
 };
 
-// A connection that is out. It goes back to its pool wherever its loan ends, also on the way of an exception: a pool
-// whose connections got lost one by one would in the end have none.
+// A connection in use. It goes back to its pool wherever its loan ends, also when an exception ends it: a pool that
+// lost its connections one by one would have none in the end.
 class CLoan {
  public:
   CLoan(std::shared_ptr<CConnectionPool> pool, CConnectionPool::Lease lease)
@@ -59,7 +59,7 @@ class CLoan {
 
 constexpr const char* kOutOfMemory = "out of memory";
 
-// Lives until the process ends: threads that end late may still give connections back.
+// The state lives until the process ends, because threads that end late may still give connections back.
 struct State {
   std::mutex mutex;
   std::map<int, std::shared_ptr<IDriver>> drivers;
@@ -89,7 +89,7 @@ void SetLastError(const std::string& module, const std::string& text) noexcept {
   try {
     state.modules[module].last_error = text;
   } catch (const std::bad_alloc&) {
-    return;  // the reason of a failure is lost; the failure itself is reported by whoever calls
+    return;  // only the reason is lost; the caller reports the failure itself
   }
 }
 

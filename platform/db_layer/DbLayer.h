@@ -30,37 +30,37 @@
 
 namespace db_layer {
 
-// Replaces the driver of a type (tests: a database that fails); null restores the built-in one. Pools that exist keep
-// the driver that they were registered with.
+// Replaces the driver of a type (tests use a database that fails); null restores the built-in driver. Pools that exist
+// keep the driver with which they were registered.
 void SetDriver(int type, std::shared_ptr<IDriver> driver);
-// The driver that is built in for a type, for wrappers around it. Never null: an unknown type, and a type that was not
-// built in, have a driver whose Open fails and says so.
+// Gives the built-in driver of a type, for wrappers around it. It is never null: for an unknown type, and for a type
+// that was not built in, it is a driver whose Open fails and says so.
 std::shared_ptr<IDriver> BuiltInDriver(int type);
 
-// Registers a module's database: opens the pool's first connections. False when the database does not accept; may be
-// called again. Registering a module once more replaces its pool.
+// Registers a module's database and opens the pool's first connections. Returns false when the database does not
+// accept; it may be called again. Registering a module once more replaces its pool.
 bool Module_Register(const DBParam& param, const std::string& module);
-// Why the last Module_Register, DBLayer_ResetParam or DBLayer_ApplyConn of this module failed, one line, no password.
-// Empty when it succeeded.
+// Says in one line, without the password, why the last Module_Register, DBLayer_ResetParam or DBLayer_ApplyConn of this
+// module failed. The text is empty when it succeeded.
 std::string LastRegisterError(const std::string& module);
-// A connection of the module's pool, waiting up to 30 s, first come first served, when all are taken. Null on failure.
-// Every connection goes back through DBLayer_FreeConn.
+// Gives a connection of the module's pool. When all are in use it waits up to 30 s, first come first served. Returns
+// null on failure. Every connection must go back through DBLayer_FreeConn.
 CConnect* DBLayer_ApplyConn(const std::string& module);
-// Null and connections that are not out are ignored.
+// Gives a connection back. Null and connections that are not in use are ignored.
 void DBLayer_FreeConn(CConnect* connection);
-// New parameters for every registered module: connections in use stay as they are until they are given back. False when
-// the new database does not accept at once; the new parameters count all the same and are tried again by each
-// DBLayer_ApplyConn.
+// Sets new parameters for every registered module; connections in use stay as they are until they are given back.
+// Returns false when the new database does not accept at once; the new parameters count all the same, and each
+// DBLayer_ApplyConn tries them again.
 bool DBLayer_ResetParam(const DBParam& param);
 // Closes the module's pool once its connections are back (waiting up to 30 s for them; later ones are closed as they
 // come); what was committed is then wholly in the database file.
 void Module_Unregister(const std::string& module);
 
-// How SQLite commits: true (the default) waits for stable storage, false leaves it with the operating system. Read when
-// a file is opened that this process has not got open. Returns what was set before.
+// Sets how SQLite commits: true (the default) waits for stable storage, false leaves it to the operating system. The
+// setting is read when this process opens a file that it has not open yet. Returns the setting before.
 bool SetSqliteFullDurability(bool full);
-// How long a statement waits while another process holds SQLite's file locked. Default 5000 ms. Read at the same time.
-// Returns what was set before.
+// Sets how long a statement waits while another process holds SQLite's file locked; the default is 5000 ms. The setting
+// is read at the same time. Returns the setting before.
 int SetSqliteBusyTimeout(int milliseconds);
 
 }  // namespace db_layer

@@ -5,8 +5,8 @@
 
 namespace db_layer {
 
-// Makes the folder entry of a file (UTF-8 path) survive a power failure. True also where the system keeps entries
-// durable by itself or has no way to ask for it.
+// Makes the folder entry of a file (UTF-8 path) survive a power failure. Returns true also where the system keeps
+// entries durable by itself or offers no way to ask for it.
 bool SyncFolderOf(const std::string& file_path);
 
 }  // namespace db_layer

@@ -34,7 +34,7 @@ void CGroupCommit::Run(SqlWrite& write) {
   Execute(group);
   lock.lock();
   for (Waiter* waiter : group) {
-    // Under the lock: a waiter that sees `done` ends its life on its own stack.
+    // This happens under the lock: once a waiter sees `done`, it returns and its stack is gone.
     waiter->done = true;
     waiter->wake.notify_one();
   }
@@ -42,12 +42,12 @@ void CGroupCommit::Run(SqlWrite& write) {
     has_leader_ = false;
     return;
   }
-  // The leader's own caller has waited long enough; the next batch is the first waiter's.
+  // The leader's own caller has waited long enough, so the first waiter leads the next batch.
   waiting_.front()->leads = true;
   waiting_.front()->wake.notify_one();
 }
 
-// An exception that left here would leave the others waiting for ever for a leader that is gone.
+// No exception may leave here, because the others would wait for ever for a leader that is gone.
 void CGroupCommit::Execute(const std::vector<Waiter*>& group) noexcept {
   try {
     std::vector<SqlWrite*> batch;

@@ -1,4 +1,4 @@
-// Puts the writers of one database in line. One of them at a time is the leader and writes for all who wait.
+// Serialises the writers of one database. One of them at a time is the leader and writes for all who wait.
 #ifndef TANSY_DB_LAYER_GROUP_COMMIT_H
 #define TANSY_DB_LAYER_GROUP_COMMIT_H
 
@@ -14,10 +14,11 @@
 
 namespace db_layer {
 
-// One caller's statements: all of them take effect, or none. Lives on the caller's stack while it waits.
+// One caller's statements: all of them take effect, or none. The object is on the caller's stack while the caller
+// waits.
 struct SqlWrite {
   const std::vector<std::string>* statements = nullptr;
-  CRowBuffer* rows = nullptr;  // of the last statement, or null
+  CRowBuffer* rows = nullptr;  // takes the rows of the last statement; may be null
   bool succeeded = false;
   SqlError error;
 
@@ -26,16 +27,16 @@ struct SqlWrite {
 
 class CGroupCommit {
  public:
-  // Carries out a batch and fills in `succeeded` and `error` of each; called by one thread at a time, without a lock.
-  // An exception means that the whole batch has failed and nothing of it was committed.
+  // Carries out a batch and fills in `succeeded` and `error` of each write. One thread at a time calls it, without a
+  // lock. An exception means that the whole batch has failed and nothing of it was committed.
   using Executor = std::function<void(const std::vector<SqlWrite*>& batch)>;
 
   explicit CGroupCommit(Executor executor);
 
-  // Returns when the write was carried out, or throws std::bad_alloc before it was put in line. A caller alone starts
-  // at once; callers that come while a batch is under way make up the next one.
+  // Returns when the write was carried out, or throws std::bad_alloc before the write was queued. A single caller
+  // starts at once; callers that come while a batch is under way make up the next batch.
   void Run(SqlWrite& write);
-  // Callers that the next batch will serve.
+  // Counts the callers that the next batch will serve.
   std::size_t CountWaiting() const;
 
  private:

@@ -8,7 +8,7 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Wraps instead of saturating, so that the low 32 bits are right for every 64-bit integer, negative ones included.
+// Wraps instead of saturating, so that the low 32 bits are right for every 64-bit integer, also a negative one.
 std::int32_t LowBits(std::string_view text) {
   const bool negative = !text.empty() && text.front() == '-';
   if (negative) {

@@ -1,5 +1,5 @@
-// The rows of one query, all fetched: column names once, cells as text in one block of memory.
-// One thread at a time.
+// Holds all rows of one query: column names once, cells as text in one block of memory.
+// Threads: one at a time.
 #ifndef TANSY_DB_LAYER_ROW_BUFFER_H
 #define TANSY_DB_LAYER_ROW_BUFFER_H
 
@@ -13,17 +13,17 @@ namespace db_layer {
 
 class CRowBuffer {
  public:
-  // Drops rows and columns, and the memory of a big result.
+  // Drops rows and columns, and gives back the memory of a big result.
   void Clear();
 
-  // Filling: columns first, then the cells row by row. NULL is an empty cell.
+  // The buffer is filled with the columns first, then with the cells row by row. NULL is an empty cell.
   void AddColumn(std::string name);
   void AddCell(std::string_view text);
 
-  // Stands on the first row after filling.
+  // After filling, the first row is the current one.
   bool IsEnd() const;
   void MoveNext();
-  // "" and 0 where there is no such cell. Integers are the low 32 bits of the leading decimal number of the text.
+  // Gives "" and 0 where there is no such cell. Integers are the low 32 bits of the leading decimal number of the text.
   std::string GetString(std::string_view column) const;
   std::int32_t GetInt(std::size_t index) const;
   std::int32_t GetInt(std::string_view column) const;
@@ -34,7 +34,7 @@ class CRowBuffer {
 
   std::vector<std::string> columns_;
   std::string bytes_;
-  std::vector<std::size_t> ends_;  // of each cell in bytes_
+  std::vector<std::size_t> ends_;  // end of each cell in bytes_
   std::size_t row_ = 0;
 };
 

@@ -10,10 +10,10 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// A statement with a longer list of values stays as it is: lists of that length differ from call to call, so that the
-// template of one would not serve another.
+// A statement with more values than this stays as it is. Such long lists differ in length from call to call, so a
+// template of one call would not serve the next.
 constexpr std::size_t kMaxValues = 64;
-constexpr std::size_t kMaxDigits = 18;  // every number of so many digits fits in 64 bits
+constexpr std::size_t kMaxDigits = 18;  // every number of up to this many digits fits in 64 bits
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -38,7 +38,7 @@ bool IsOneOf(std::string_view text, const std::array<std::string_view, Count>& w
 }
 
 constexpr std::array<std::string_view, 3> kWrites = {"INSERT", "UPDATE", "DELETE"};
-// Behind these a number or a text can be more than a value.
+// After these words, a number or a text can be more than a value.
 constexpr std::array<std::string_view, 4> kMoreThanValues = {"SELECT", "ORDER", "GROUP", "RETURNING"};
 
 class CTemplateScanner {
@@ -88,7 +88,7 @@ class CTemplateScanner {
     return true;
   }
 
-  // Rows of VALUES that are a table of their own have columns whose type may depend on what stands there.
+  // When VALUES makes a table of its own, the type of its columns may depend on the values that stand there.
   bool MayStandInside(std::string_view word) const {
     return !IsOneOf(word, kMoreThanValues) && (!IsWord(word, "VALUES") || (is_insert_ && LastMark() != '('));
   }
@@ -100,7 +100,7 @@ class CTemplateScanner {
     std::int64_t number = 0;
     const char* const first = sql_.data() + begin;
     const char* const last = sql_.data() + at_ + digits;
-    // Whatever is no plain integer (1.5, 0x10, 1e3) is not read to its end.
+    // Anything but a plain integer (1.5, 0x10, 1e3) is not read to its end.
     if (digits == 0 || digits > kMaxDigits || std::from_chars(first, last, number).ptr != last ||
         (last != sql_.data() + sql_.size() && *last == '.')) {
       return false;
@@ -121,7 +121,7 @@ class CTemplateScanner {
       if (at_ == sql_.size() || sql_[at_] != '\'') {
         return AddValue({true, 0, std::move(text)});
       }
-      text += '\'';  // written twice
+      text += '\'';  // a quote inside a text is written twice
       begin = at_ + 1;
     }
   }
@@ -138,7 +138,7 @@ class CTemplateScanner {
 
   bool IsAtBeginning() const { return LastMark() == '\0'; }
 
-  // The last character taken that is no blank; NUL before there is one.
+  // Gives the last character taken that is no blank; NUL before there is one.
   char LastMark() const {
     const std::size_t last = result_.text.find_last_not_of(" \t\r\n");
     return last == std::string::npos ? '\0' : result_.text[last];

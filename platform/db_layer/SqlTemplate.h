@@ -1,4 +1,4 @@
-// Statements that differ in their values only, brought to one form, which is then prepared once for all of them.
+// Brings statements that differ only in their values to one form, which is then prepared once for all of them.
 #ifndef TANSY_DB_LAYER_SQL_TEMPLATE_H
 #define TANSY_DB_LAYER_SQL_TEMPLATE_H
 
@@ -17,12 +17,12 @@ struct SqlValue {
 
 struct SqlTemplate {
   std::string text;              // with "?" in the place of each value
-  std::vector<SqlValue> values;  // in their order
+  std::vector<SqlValue> values;  // in their order in the text
 };
 
 // Takes integers and texts in quotes out of an INSERT, UPDATE or DELETE that consists of names, values and "( ) , . =
-// ;" only. False for any other statement, which has to be prepared as it stands: a number may be more than a value
-// there (the column that ORDER BY means), or a text name a column of the result.
+// ;" only. Returns false for any other statement, which has to be prepared as it is: a number may be more than a value
+// there (the column that ORDER BY means), or a text may name a column of the result.
 bool MakeTemplate(std::string_view sql, SqlTemplate& result);
 
 }  // namespace db_layer

@@ -9,7 +9,7 @@ namespace db_layer {
 CSqliteConnect::CSqliteConnect(std::shared_ptr<CSqliteDatabase> database) : database_(std::move(database)) {}
 
 bool CSqliteConnect::Open(SqlError& error) {
-  // Read first: a file that is replaced meanwhile is then noticed later rather than not at all.
+  // The generation is read first: if the file is replaced meanwhile, that is then noticed later instead of never.
   const int generation = database_->Generation();
   auto reader = std::make_unique<CSqliteHandle>();
   if (!database_->OpenReader(*reader, error)) {
@@ -89,7 +89,7 @@ std::int32_t CSqliteConnect::GetInt(const std::string& column) {
   return rows_.GetInt(column);
 }
 
-// Never broken for good: see EnsureReader.
+// The connection is never broken for good; EnsureReader says why.
 bool CSqliteConnect::IsHealthy() {
   return true;
 }

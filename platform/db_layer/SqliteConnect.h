@@ -18,7 +18,7 @@ class CSqliteConnect final : public CConnect {
  public:
   explicit CSqliteConnect(std::shared_ptr<CSqliteDatabase> database);
 
-  // Opens the reader, again if need be.
+  // Opens the reader, again if necessary.
   bool Open(SqlError& error);
 
   bool Execute(const std::string& sql) override;
@@ -33,13 +33,13 @@ class CSqliteConnect final : public CConnect {
   bool ExecuteAll(const std::vector<std::string>& statements) override;
 
  private:
-  // Clears the rows and runs `action`; an exception is the error "out of memory".
+  // Clears the rows and runs `action`; an exception becomes the error "out of memory".
   template <typename Action>
   bool WithoutExceptions(Action action) noexcept;
   bool EnsureReader();
   bool Read(const std::string& sql, bool& writes);
 
-  // Declared first: the reader must be closed before the database may go.
+  // This is declared first, because the reader must be closed before the database is released.
   std::shared_ptr<CSqliteDatabase> database_;
   std::unique_ptr<CSqliteHandle> reader_;
   int generation_ = 0;

@@ -17,7 +17,7 @@ namespace {
 std::atomic<bool> g_full_durability{true};
 std::atomic<int> g_busy_timeout_ms{5000};
 
-// Lives until the process ends: connections may be given back very late.
+// The registry lives until the process ends, because connections may be given back very late.
 struct Registry {
   std::mutex mutex;
   std::map<std::string, std::weak_ptr<CSqliteDatabase>> databases;
@@ -36,7 +36,8 @@ std::string ToUtf8(const std::filesystem::path& path) {
   return {text.begin(), text.end()};
 }
 
-// One name for one file, whatever folder the process goes to later. Empty when the path names no file.
+// Gives one name for one file, whatever current folder the process has later. The name is empty when the path names no
+// file.
 std::string FullPath(const std::string& path) {
   if (path.empty() || path.find('\0') != std::string::npos) {
     return {};

@@ -1,4 +1,4 @@
-// What all connections of this process to one SQLite file share: its writer, the line in front of it, its sequences.
+// What all connections of this process to one SQLite file share: its writer, the queue of writes, its sequences.
 #ifndef TANSY_DB_LAYER_SQLITE_DATABASE_H
 #define TANSY_DB_LAYER_SQLITE_DATABASE_H
 
@@ -14,21 +14,21 @@
 
 namespace db_layer {
 
-// Any thread.
+// Threads: any.
 class CSqliteDatabase {
  public:
-  // The database of a path, opened (and the file made) when this process has not got it open. Null with `error` filled
-  // in when it does not open. Closed with its last owner.
+  // Gives the database of a path. It is opened (and the file made) when this process has not opened it yet. Returns
+  // null with `error` filled in when it does not open. It is closed with its last owner.
   static std::shared_ptr<CSqliteDatabase> Acquire(const std::string& path, SqlError& error);
 
   CSqliteDatabase(std::string path, const SqliteOptions& options);
 
-  // Commits the statements as one, together with what other threads write at the same time. Rows are those of the last
-  // statement.
+  // Commits the statements as one, together with what other threads write at the same time. `rows` receives the rows of
+  // the last statement.
   bool Write(const std::vector<std::string>& statements, CRowBuffer* rows, SqlError& error);
   // Opens a connection for reading.
   bool OpenReader(CSqliteHandle& reader, SqlError& error);
-  // Readers opened under another generation should be opened again.
+  // Changes when the file is opened again; readers that were opened before should then be opened again too.
   int Generation() const { return writer_.Generation(); }
 
  private:
@@ -40,7 +40,7 @@ class CSqliteDatabase {
   CGroupCommit group_commit_;
 };
 
-// Defaults for databases opened from now on. Both return what was set before.
+// These set defaults for databases opened from now on. Both return the setting before.
 bool SetSqliteDefaultDurability(bool full_durability);
 int SetSqliteDefaultBusyTimeout(int milliseconds);
 

@@ -17,7 +17,7 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Error texts quote what the statement held; log lines are single lines.
+// Makes one line of an error text, because it quotes what the statement held, and a log line must stay one line.
 std::string OneLine(std::string text) {
   for (char& c : text) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
@@ -33,7 +33,7 @@ bool SetError(SqlError& error, int code, const char* text) {
   return false;
 }
 
-// SQLite says no more than that it is unable to open; the system knows why.
+// SQLite only says that it is unable to open; the system knows why.
 void AddSystemReason(sqlite3* db, SqlError& error) {
   const int reason = sqlite3_system_errno(db);
   if ((error.code & 0xFF) == SQLITE_CANTOPEN && reason != 0) {
@@ -41,7 +41,7 @@ void AddSystemReason(sqlite3* db, SqlError& error) {
   }
 }
 
-// SQL: nextval(name). NULL gives NULL, as in other databases.
+// Implements nextval(name) in SQL. NULL gives NULL, as in other databases.
 void NextValueFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
   const auto* name = reinterpret_cast<const char*>(sqlite3_value_text(arguments[0]));
   if (name == nullptr) {
@@ -59,12 +59,12 @@ void NextValueFunction(sqlite3_context* context, int, sqlite3_value** arguments)
     sqlite3_result_error(context, error.text.c_str(), static_cast<int>(error.text.size()));
     sqlite3_result_error_code(context, error.code);
   } catch (const std::exception&) {
-    // SQLite is not made for exceptions that pass through it.
+    // No exception may pass through SQLite, which is written in C, so it becomes SQLite's error for missing memory.
     sqlite3_result_error_nomem(context);
   }
 }
 
-// Raises a flag while it lives.
+// Sets a flag for as long as it lives.
 class CRaisedFlag {
  public:
   explicit CRaisedFlag(bool& flag) : flag_(flag), before_(std::exchange(flag, true)) {}
@@ -90,8 +90,8 @@ bool BindAll(sqlite3_stmt* statement, const std::vector<SqlValue>& values) {
   return result == SQLITE_OK;
 }
 
-// Statements that come again. Not PRAGMAs: some of them do their work while they are prepared. Not long ones: lists of
-// values are different each time.
+// Says whether a statement will probably come again. PRAGMAs are not kept, because some of them do their work while
+// they are prepared. Long statements are not kept, because their lists of values differ each time.
 bool IsWorthKeeping(std::string_view sql) {
   constexpr std::size_t kMaxBytes = 4096;
   constexpr std::array<std::string_view, 9> kBeginnings = {"SELECT", "INSERT",    "UPDATE",  "DELETE",  "BEGIN",
@@ -114,7 +114,7 @@ void AddColumns(sqlite3_stmt* statement, CRowBuffer& rows) {
   }
 }
 
-// False when memory ran out while a value was turned into text.
+// Returns false when memory ran out while a value was turned into text.
 bool AddRow(sqlite3_stmt* statement, CRowBuffer& rows) {
   const int count = sqlite3_column_count(statement);
   for (int i = 0; i < count; ++i) {
@@ -155,7 +155,7 @@ bool CSqliteHandle::Open(const std::string& path, const SqliteOptions& options, 
   if (path.find('\0') != std::string::npos) {
     return details::SetError(error, SQLITE_CANTOPEN, "the path holds a NUL byte");
   }
-  // A connection has one thread at a time, so SQLite's own lock around each call would only cost.
+  // One thread at a time uses a connection, so SQLite's own lock around each call would only cost time.
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE |
                          SQLITE_OPEN_EXRESCODE;
   const bool opened = sqlite3_open_v2(":memory:", &db_, kFlags, nullptr) == SQLITE_OK;
@@ -187,7 +187,7 @@ bool CSqliteHandle::Attach(const std::string& path, SqlError& error) {
 
 bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
   sqlite3_db_config(db_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  // A name in double quotes is a name, as in other databases, and not a text when there is no such column.
+  // A text in double quotes is always a name, as in other databases, even when there is no such column.
   sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
   sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
   if (sqlite3_db_readonly(db_, "platform") == 1) {
@@ -195,7 +195,8 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
   }
   const char* synchronous =
       options.full_durability ? "PRAGMA platform.synchronous=FULL" : "PRAGMA platform.synchronous=NORMAL";
-  // Write-ahead logging: readers see the last commit and neither wait for writers nor hold them up.
+  // With write-ahead logging, readers see the last commit; they do not wait for writers, and writers do not wait for
+  // them.
   CRowBuffer mode;
   if (!RunOwn(synchronous, error) || !RunOwn("PRAGMA platform.journal_mode=WAL", &mode, error)) {
     return false;
@@ -204,9 +205,9 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
     return details::SetError(error, SQLITE_ERROR, "the database cannot use a write-ahead log here");
   }
   return RunOwn("PRAGMA temp_store=MEMORY", error) &&
-         // Gives the space of an unusually long log back.
+         // This limit gives the space of an unusually long log back.
          RunOwn("PRAGMA platform.journal_size_limit=67108864", error) &&
-         // Reads the schema now: a file that is no database shows here.
+         // This reads the schema now, so that a file that is no database is noticed here.
          RunOwn("SELECT count(*) FROM platform.sqlite_schema", error);
 }
 
@@ -230,7 +231,7 @@ bool CSqliteHandle::Run(const std::string& sql, CRowBuffer* rows, SqlError& erro
   return statement && Step(statement.get(), rows, error);
 }
 
-// A template that cannot be prepared has not run: the error is then to be that of the statement as it stands.
+// A template that cannot be prepared has not run. The error reported is then the one of the original statement.
 bool CSqliteHandle::RunTemplate(const SqlTemplate& shape, SqlError& error, bool& has_run) {
   const details::CRaisedFlag guard(guarded_);
   SqlError ignored;
@@ -267,7 +268,7 @@ bool CSqliteHandle::RunOwn(const char* sql, CRowBuffer* rows, SqlError& error) {
   return loan && RunBorrowed(loan, rows, error);
 }
 
-// Kept for the next time, or else prepared; an empty loan with `error` filled in when that fails.
+// Gives a statement that was kept, or prepares it; on failure the loan is empty and `error` is filled in.
 CSqliteStatements::CLoan CSqliteHandle::Borrow(CSqliteStatements& statements, const std::string& sql, SqlError& error) {
   refusal_ = nullptr;
   CSqliteStatements::CLoan loan = statements.Borrow(sql);
@@ -299,7 +300,7 @@ bool CSqliteHandle::HasMoved() const {
 
 bool CSqliteHandle::IsAcceptable(const std::string& sql, SqlError& error) {
   if (sql.find('\0') != std::string::npos) {
-    // SQLite would stop reading there and run what comes before.
+    // SQLite would stop reading at the NUL byte and run what comes before it.
     return details::SetError(error, SQLITE_MISUSE, "the statement holds a NUL byte");
   }
   if (sql.size() >= static_cast<std::size_t>(sqlite3_limit(db_, SQLITE_LIMIT_SQL_LENGTH, -1))) {
@@ -308,12 +309,12 @@ bool CSqliteHandle::IsAcceptable(const std::string& sql, SqlError& error) {
   return true;
 }
 
-// Null with `error` filled in unless `sql` is exactly one statement that may run.
+// Returns null with `error` filled in unless `sql` is exactly one statement that may run.
 StatementPtr CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
   refusal_ = nullptr;
   sqlite3_stmt* statement = nullptr;
   const char* tail = nullptr;
-  // The length includes the terminating NUL: SQLite then need not copy the text.
+  // The length includes the terminating NUL, so that SQLite need not copy the text.
   if (sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size() + 1), &statement, &tail) != SQLITE_OK) {
     Fail(error);
     return nullptr;
@@ -326,7 +327,7 @@ StatementPtr CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
   return IsLast(tail, error) ? std::move(owner) : nullptr;
 }
 
-// Nothing but blanks, semicolons and comments may follow a statement.
+// Only blanks, semicolons and comments may follow a statement.
 bool CSqliteHandle::IsLast(const char* tail, SqlError& error) {
   while (tail != nullptr && *tail != '\0') {
     sqlite3_stmt* statement = nullptr;
@@ -343,7 +344,7 @@ bool CSqliteHandle::Step(sqlite3_stmt* statement, CRowBuffer* rows, SqlError& er
   try {
     int result = sqlite3_step(statement);
     if (rows != nullptr) {
-      // Not before: a statement that was kept learns of a changed schema in its first step.
+      // The columns are read after the first step, because a kept statement learns of a changed schema only then.
       rows->Clear();
       details::AddColumns(statement, *rows);
     }
@@ -381,7 +382,7 @@ int CSqliteHandle::Authorize(void* handle, int action, const char*, const char*,
   switch (action) {
     case SQLITE_TRANSACTION:
     case SQLITE_SAVEPOINT:
-      // Statements of several callers share a transaction: none of them may end it.
+      // Statements of several callers share a transaction, so none of them may end it.
       self.refusal_ = "transactions are not the caller's to control";
       return SQLITE_DENY;
     case SQLITE_ATTACH:
@@ -392,7 +393,7 @@ int CSqliteHandle::Authorize(void* handle, int action, const char*, const char*,
     case SQLITE_UPDATE:
     case SQLITE_DELETE:
       if (database != nullptr && std::strcmp(database, "main") == 0) {
-        // A table without its schema's name would be made in memory and be gone with the connection.
+        // A table without its schema's name would be made in memory and be lost when the connection is closed.
         self.refusal_ = "only the schema platform can be written to";
         return SQLITE_DENY;
       }

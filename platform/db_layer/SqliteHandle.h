@@ -13,13 +13,13 @@ struct sqlite3;
 
 namespace db_layer {
 
-// SQLite's extended result code and its text, one line. Code 0 is no error.
+// SQLite's extended result code and its text in one line. Code 0 is no error.
 struct SqlError {
   int code = 0;
   std::string text;
 };
 
-// Allocates nothing.
+// This allocates nothing.
 void SetOutOfMemory(SqlError& error) noexcept;
 
 struct SqliteOptions {
@@ -27,14 +27,14 @@ struct SqliteOptions {
   int busy_timeout_ms = 5000;
 };
 
-// Where the SQL function nextval gets its values on one connection.
+// Gives the values of the SQL function nextval on one connection.
 class ISequenceSource {
  public:
   virtual ~ISequenceSource() = default;
   virtual bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error) = 0;
 };
 
-// One thread at a time. Not movable: SQLite keeps its address.
+// Threads: one at a time. The handle cannot be moved, because SQLite keeps its address.
 class CSqliteHandle {
  public:
   CSqliteHandle() = default;
@@ -47,18 +47,18 @@ class CSqliteHandle {
   void Close();
   bool IsOpen() const { return db_ != nullptr; }
 
-  // Runs one statement of a caller and keeps its rows when `rows` is given. Refused: NUL bytes, a second statement,
-  // transaction control, attaching, writing anywhere but to `platform`.
+  // Runs one statement of a caller and keeps its rows when `rows` is given. It refuses NUL bytes, a second statement,
+  // transaction control, attaching, and writing anywhere but to `platform`.
   bool Run(const std::string& sql, CRowBuffer* rows, SqlError& error);
-  // Like Run, for a statement that only reads. One that would write is not run: `writes` is then true and the result
-  // false, without an error.
+  // Works like Run for a statement that only reads. A statement that would write is not run: `writes` is then true and
+  // the result false, without an error.
   bool RunIfReading(const std::string& sql, CRowBuffer& rows, bool& writes, SqlError& error);
   // Runs a statement of this library's own, without those checks.
   bool RunOwn(const char* sql, SqlError& error);
   bool RunOwn(const char* sql, CRowBuffer* rows, SqlError& error);
 
   bool IsInTransaction() const;
-  // The file is no longer the one behind its path: what is written would be lost.
+  // Returns true when the path leads to another file by now, so that what is written would be lost.
   bool HasMoved() const;
 
  private:
@@ -76,15 +76,15 @@ class CSqliteHandle {
   bool Fail(SqlError& error);
 
   sqlite3* db_ = nullptr;
-  // Apart, because a caller must not get at what was prepared without its checks.
+  // These are kept apart, because a caller must not run statements that were prepared without the checks.
   CSqliteStatements own_statements_;
   CSqliteStatements callers_statements_;
-  bool guarded_ = false;           // while a caller's statement is prepared, or run when it may be prepared anew
-  const char* refusal_ = nullptr;  // why Authorize said no
+  bool guarded_ = false;           // while a caller's statement is prepared, or run, when SQLite may prepare it again
+  const char* refusal_ = nullptr;  // the reason why Authorize refused
 };
 
-// The error leaves the connection in doubt (damaged file, failing disk, file gone), so that a new one is the better
-// choice.
+// Returns true when the error makes the connection doubtful (damaged file, failing disk, file gone), so that a new one
+// is better.
 bool IsBroken(const SqlError& error);
 
 }  // namespace db_layer

@@ -25,7 +25,7 @@ bool CSqliteSequences::NextValue(const std::string& sequence, std::int64_t& valu
       }
       continue;
     }
-    // One failure answers all who waited for it; each trying in turn would add up their waits.
+    // One failure answers all callers that waited for it. If each of them tried in turn, their waits would add up.
     const std::uint64_t failures = entry.failures;
     reserved_.wait(lock, [&entry] { return !entry.is_reserving; });
     if (entry.failures != failures) {
@@ -43,7 +43,7 @@ bool CSqliteSequences::Reserve(Sequence& entry, const std::string& name, std::un
   std::int64_t first = 0;
   const bool succeeded = CommitBlock(name, first, error);
   lock.lock();
-  // First of all: whatever fails below, those who wait must find an answer.
+  // This comes first: whatever fails below, those who wait must get an answer.
   entry.is_reserving = false;
   reserved_.notify_all();
   if (!succeeded) {

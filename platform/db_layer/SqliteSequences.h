@@ -1,4 +1,4 @@
-// Sequence values of one database file, reserved in blocks and given out from memory.
+// Sequence values of one database file, which are reserved in blocks and given out from memory.
 #ifndef TANSY_DB_LAYER_SQLITE_SEQUENCES_H
 #define TANSY_DB_LAYER_SQLITE_SEQUENCES_H
 
@@ -15,23 +15,24 @@
 
 namespace db_layer {
 
-// What reading connections call; any thread.
+// The source that reading connections call. Threads: any.
 class CSqliteSequences : public ISequenceSource {
  public:
   static constexpr std::int64_t kBlock = 64;
 
-  // Runs one statement, committed when it returns true, and keeps its rows.
+  // Runs one statement and keeps its rows. When it returns true, the statement is committed.
   using Commit = std::function<bool(const std::string& sql, CRowBuffer& rows, SqlError& error)>;
 
   explicit CSqliteSequences(Commit commit);
 
-  // The next value; reserves a block first when none is left. Callers that come meanwhile wait for that block.
+  // Gives the next value, and reserves a block first when none is left. Callers that come meanwhile wait for that
+  // block.
   bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error) override;
-  // A value only if one is left in memory.
+  // Gives a value only if one is left in memory.
   bool TakeReserved(const std::string& sequence, std::int64_t& value);
   void Forget();
 
-  // The statement that reserves a block and returns its first value, and the reading of its row.
+  // The first makes the statement that reserves a block and returns the block's first value; the second reads that row.
   static std::string ReserveStatement(const std::string& sequence);
   static bool ReadBlock(const CRowBuffer& rows, const std::string& sequence, std::int64_t& first, SqlError& error);
 
@@ -50,13 +51,14 @@ class CSqliteSequences : public ISequenceSource {
   const Commit commit_;
   std::mutex mutex_;
   std::condition_variable reserved_;
-  std::uint64_t epoch_ = 0;  // counts Forget
+  std::uint64_t epoch_ = 0;  // number of calls of Forget
   std::map<std::string, Sequence> sequences_;
 };
 
-// What the writing connection calls. It holds the transaction that a reservation would have to wait for, so it makes
-// its own inside it. Such a block serves its statement only: if the statement is undone, so is the reservation, and
-// a value that another statement had taken from the block would be given twice.
+// The source that the writing connection calls. A reservation would have to wait for the transaction that the writer
+// holds, so the writer reserves a block of its own inside that transaction. Such a block serves its statement only: if
+// the statement is undone, the reservation is undone too, and a value that another statement had taken from the block
+// would be given twice.
 class CSqliteWriterSequences : public IWriterSequences {
  public:
   explicit CSqliteWriterSequences(CSqliteSequences& shared);

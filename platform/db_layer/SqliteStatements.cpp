@@ -27,7 +27,7 @@ CSqliteStatements::CLoan CSqliteStatements::Borrow(const std::string& text) {
   return loan;
 }
 
-// A statement that is not reset would hold its transaction open.
+// The statement is reset, because otherwise it would keep its transaction open.
 void CSqliteStatements::TakeBack(Entries& entry) noexcept {
   sqlite3_stmt* statement = entry.front().statement.get();
   sqlite3_reset(statement);

@@ -1,4 +1,4 @@
-// Prepared statements of one connection, kept for the next time that the same text comes.
+// Prepared statements of one connection, which are kept for the next time that the same text comes.
 #ifndef TANSY_DB_LAYER_SQLITE_STATEMENTS_H
 #define TANSY_DB_LAYER_SQLITE_STATEMENTS_H
 
@@ -16,12 +16,14 @@ struct FinalizeStatement {
 };
 using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-// Keeps the few that were used last. One thread at a time; must be empty before the connection is closed.
+// Keeps the few statements that were used last. Threads: one at a time. It must be empty before the connection is
+// closed.
 class CSqliteStatements {
  public:
   class CLoan;
 
-  // A statement that was given back under this text; an empty loan when there is none, as while it is on loan already.
+  // Lends a statement that was given back under this text. The loan is empty when there is none, also while it is lent
+  // already.
   CLoan Borrow(const std::string& text);
   void Clear() { kept_.clear(); }
 
@@ -34,7 +36,7 @@ class CSqliteStatements {
 
   void TakeBack(Entries& entry) noexcept;
 
-  Entries kept_;  // the one used last in front
+  Entries kept_;  // the statement used last comes first
 };
 
 // A statement in use. It goes back, reset and without values, when the loan ends.
@@ -48,10 +50,10 @@ class CSqliteStatements::CLoan {
   CLoan& operator=(CLoan&&) = delete;
 
   explicit operator bool() const { return !entry_.empty(); }
-  // Makes an empty loan one of a new statement.
+  // Puts a new statement into an empty loan.
   void Fill(const std::string& text, StatementPtr statement) { entry_.push_back({text, std::move(statement)}); }
   sqlite3_stmt* Get() const { return entry_.front().statement.get(); }
-  // Not to be kept.
+  // Says that the statement must not be kept.
   void Drop() { entry_.clear(); }
 
  private:

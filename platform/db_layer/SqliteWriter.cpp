@@ -15,7 +15,7 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Lets sequences reserve values in the transaction of one statement, however that ends.
+// Lets sequences reserve values in the transaction of one statement, and ends that however the statement ends.
 class CTransactionUse {
  public:
   CTransactionUse(IWriterSequences& sequences, CSqliteHandle* handle) : sequences_(sequences) {
@@ -39,7 +39,7 @@ void FailAll(const std::vector<SqlWrite*>& writes, const SqlError& error) {
   }
 }
 
-// The text from its first character that is neither blank nor in a comment.
+// Gives the text from its first character that is neither blank nor in a comment.
 std::string_view SkipBlanks(std::string_view sql) {
   for (;;) {
     const auto start = sql.find_first_not_of(" \t\r\n\f");
@@ -89,7 +89,7 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   for (SqlWrite* write : batch) {
     (details::MustRunAlone(*write) ? alone : together).push_back(write);
   }
-  // From here on nothing may be thrown: what has been committed must not be reported as failed.
+  // From here on nothing may be thrown, because a write that has been committed must not be reported as failed.
   RunTogether(together);
   for (SqlWrite* write : alone) {
     RunAlone(*write);
@@ -100,12 +100,12 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
 
 void CSqliteWriter::RunTogether(std::vector<SqlWrite*>& writes) noexcept {
   try {
-    // A full disk or a failing one can take the whole transaction with it. What it took runs again without the write
-    // that brought it down, so each round is shorter than the one before.
+    // A full or failing disk can undo the whole transaction. The other writes then run again without the one that
+    // caused it, so each round is shorter than the one before.
     while (!writes.empty() && !RunTransaction(writes)) {
     }
   } catch (const std::exception&) {
-    // Never after a commit: nothing allocates between the commit and the end of RunTransaction.
+    // This never happens after a commit, because nothing allocates between the commit and the end of RunTransaction.
     for (SqlWrite* write : writes) {
       write->FailForMemory();
     }
@@ -113,7 +113,7 @@ void CSqliteWriter::RunTogether(std::vector<SqlWrite*>& writes) noexcept {
   }
 }
 
-// Without memory it may fail too; the next transaction then begins with it.
+// When memory is missing, this may fail too; the next transaction then begins with it.
 void CSqliteWriter::RollBack() noexcept {
   try {
     SqlError ignored;
@@ -130,22 +130,22 @@ bool CSqliteWriter::EnsureOpen(SqlError& error) {
   return works || Reopen(error);
 }
 
-// Copies the log into the database and empties it. Besides showing that the file works again this removes what a failed
-// commit left behind in the log.
+// Copies the log into the database and empties it. This shows that the file works again, and it also removes what a
+// failed commit left behind in the log.
 bool CSqliteWriter::Recovers() {
   SqlError error;
   is_in_doubt_ = !handle_->RunOwn("PRAGMA platform.wal_checkpoint(TRUNCATE)", error);
   return !is_in_doubt_;
 }
 
-// The old connection goes after the new one is there. If all were closed in between, the next one would read the log as
-// after a crash, and take a commit that failed while it was made durable for one that succeeded.
+// The old connection is closed after the new one is open. If all were closed in between, the next one would read the
+// log as after a crash, and would take a commit that failed while it was made durable for a successful one.
 bool CSqliteWriter::Reopen(SqlError& error) {
   auto handle = std::make_unique<CSqliteHandle>();
   if (!handle->Open(path_, options_, sequences_, error)) {
     return false;
   }
-  // A new file whose entry is not in its folder after a power failure is as lost as one that was never written.
+  // A new file whose folder entry is missing after a power failure is as lost as one that was never written.
   if (options_.full_durability && !SyncFolderOf(path_)) {
     error = {SQLITE_IOERR_DIR_FSYNC, "the folder of the database cannot be made durable"};
     return false;
@@ -157,10 +157,11 @@ bool CSqliteWriter::Reopen(SqlError& error) {
   return true;
 }
 
-// False when the transaction was lost on the way; `writes` is then what has to run again.
+// Returns false when the transaction was undone on the way; `writes` then holds what has to run again.
 bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
   SqlError error;
-  // There is one when memory ran out in the middle of a batch and again at its end; that batch has failed.
+  // An old transaction may still be open, if memory ran out in the middle of a batch and again at its end. That batch
+  // has failed.
   RollBack();
   if (!handle_->RunOwn("BEGIN IMMEDIATE", error)) {
     details::FailAll(writes, error);
@@ -195,7 +196,7 @@ bool CSqliteWriter::RunInSavepoint(SqlWrite& write) {
   if (undone && handle_->RunOwn("RELEASE one_write", error)) {
     return succeeded;
   }
-  // What this write left behind cannot be told from the others' work any more.
+  // The traces of this write can no longer be separated from the work of the others.
   if (succeeded) {
     write.error = error;
   }
@@ -213,7 +214,7 @@ bool CSqliteWriter::RunStatements(SqlWrite& write) noexcept {
     }
     return true;
   } catch (const std::exception&) {
-    // One write's lack of memory is not the others' failure.
+    // When memory is missing for one write, the others have not failed.
     write.FailForMemory();
     return false;
   }

@@ -1,4 +1,4 @@
-// The one connection that changes a database file, and how a batch of writes is carried out on it.
+// The only connection that changes a database file. It carries out batches of writes.
 #ifndef TANSY_DB_LAYER_SQLITE_WRITER_H
 #define TANSY_DB_LAYER_SQLITE_WRITER_H
 
@@ -12,27 +12,28 @@
 
 namespace db_layer {
 
-// What the writer tells the sequence source about the statements that it runs.
+// By this the writer tells the sequence source about the statements that it runs.
 class IWriterSequences : public ISequenceSource {
  public:
-  // From here on values may be reserved on `handle`, inside its transaction; null when no statement runs.
+  // Says that values may be reserved on `handle` from here on, inside its transaction; null when no statement runs.
   virtual void UseTransactionOf(CSqliteHandle* handle) = 0;
-  // The file is opened (again): what was reserved may be of another file.
+  // Says that the file is opened (again): values reserved before may belong to another file.
   virtual void Forget() = 0;
 };
 
-// One thread at a time, except Generation.
+// Threads: one at a time, except for Generation.
 class CSqliteWriter {
  public:
   CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences);
 
-  // Opens the file when it is not open, when the file behind the path is another one by now, or when the connection
-  // does not recover from a failure.
+  // Opens the file when it is not open, when another file is behind the path by now, or when the connection does not
+  // recover from a failure.
   bool EnsureOpen(SqlError& error);
-  // Commits the batch in one transaction, a savepoint for each write: a refused write fails alone. When the commit
-  // fails, all fail and nothing is applied. An exception (std::bad_alloc) leaves nothing applied either.
+  // Commits the batch in one transaction with one savepoint per write, so that a refused write fails alone. When the
+  // commit fails, all writes fail and nothing is applied. After an exception (std::bad_alloc) nothing is applied
+  // either.
   void RunBatch(const std::vector<SqlWrite*>& batch);
-  // Changes when the file is opened again: other connections should be too. Any thread.
+  // Changes when the file is opened again; other connections should then be opened again too. Threads: any.
   int Generation() const { return generation_; }
 
  private:
@@ -49,7 +50,7 @@ class CSqliteWriter {
   const SqliteOptions options_;
   IWriterSequences& sequences_;
   std::unique_ptr<CSqliteHandle> handle_;
-  bool is_in_doubt_ = false;  // the last batch met a failure that may be the connection's
+  bool is_in_doubt_ = false;  // the last batch met a failure that may be due to the connection
   std::atomic<int> generation_{0};
 };
 

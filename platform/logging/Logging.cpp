@@ -18,28 +18,29 @@ constinit TANSY_LOGGING_DATA std::atomic<int> lowest_level{kNotable};
 
 namespace {
 
-// Until the host has set its sink up, errors are not lost.
+// Keeps errors from being lost until the host has set its sink.
 class CStandardErrorSink : public ISink {
  public:
   void Write(const Record& record) override {
     if (record.level >= kError) {
-      // A standard error that cannot be written leaves nowhere to say so.
+      // When standard error cannot be written, there is no other place to say so.
       static_cast<void>(std::fprintf(stderr, "%.*s\n", static_cast<int>(record.text.size()), record.text.data()));
     }
   }
   void Flush() override { static_cast<void>(std::fflush(stderr)); }
 };
 
-// What the process's log consists of.
+// The state of the process's log.
 struct Log {
   CStandardErrorSink standard_error;
   std::mutex mutex;
-  std::shared_ptr<ISink> sink{std::shared_ptr<ISink>(), &standard_error};  // under mutex; this one owns nothing
+  // The pointer owns nothing at first; the mutex guards it.
+  std::shared_ptr<ISink> sink{std::shared_ptr<ISink>(), &standard_error};
   CRepeatFilter repeats;
 };
 
-// Never destroyed, because threads may log while the process ends, and never allocated, because what is logged may be
-// that memory has run out.
+// The log is never destroyed, because threads may log while the process ends. It is never allocated, because the line
+// to log may be that memory has run out.
 Log& TheLog() {
   alignas(Log) static unsigned char memory[sizeof(Log)];
   static Log* const log = new (memory) Log;
@@ -78,7 +79,7 @@ void WriteThroughFilter(ISink& sink, CallSite& site, Record& record) {
   }
 }
 
-// The line in `buffer`, of which `needed` bytes would have been written had there been room.
+// Gives the line in `buffer`, which would have needed `needed` bytes.
 std::string_view CutText(char (&buffer)[kMaxTextBytes + 1], std::size_t needed, bool& cut) {
   cut = needed > kMaxTextBytes;
   if (!cut) {
@@ -119,7 +120,7 @@ void Flush() {
     }
     sink->Flush();
   } catch (...) {
-    // A log that cannot be written must not take the program down.
+    // A log that cannot be written must not end the program.
   }
 }
 
@@ -138,7 +139,7 @@ void Write(CallSite& site, int level, const char* module, const char* format, ..
   record.level = level;
   record.module = module;
   record.format = format;
-  // Arguments that cannot be rendered leave at least the format, which says where and what.
+  // When the arguments cannot be rendered, the line is the format, which says at least where and what.
   record.text = needed < 0 ? record.format : details::CutText(buffer, static_cast<std::size_t>(needed), record.cut);
   try {
     if (details::TheLog().repeats.IsOn()) {
@@ -147,7 +148,7 @@ void Write(CallSite& site, int level, const char* module, const char* format, ..
       sink->Write(record);
     }
   } catch (...) {
-    // As in Flush.
+    // The exception is ignored as in Flush.
   }
 }
 

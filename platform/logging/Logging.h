@@ -25,7 +25,7 @@ enum Level : int {
   kError = 5,     // a check, a start, a stop or a send failed
 };
 
-// Where lines go. `Write` may be called by several threads at once and must not log.
+// Receives the lines. Several threads may call `Write` at once, and it must not log.
 class ISink {
  public:
   virtual ~ISink() = default;
@@ -34,29 +34,30 @@ class ISink {
 };
 
 // Replaces the sink and returns the one before; lines under way still reach the old one. An empty pointer discards
-// lines. Until the first call lines of level kError go to standard error. The last sink is never destroyed: a program
+// lines. Until the first call, lines of level kError go to standard error. The last sink is never destroyed: a program
 // whose sink writes in the background calls Flush, or SetSink with an empty pointer, before it ends.
 std::shared_ptr<ISink> SetSink(std::shared_ptr<ISink> sink);
 
-// The lowest level that is written; lines below cost one comparison. Default kNotable. Returns the level before.
+// Sets the lowest level that is written; lines below cost one comparison. The default is kNotable. Returns the level
+// before.
 int SetLowestLevel(int level);
 
 // Equal lines of one call site within this many milliseconds after the first are counted and summed up in one line; 0
-// (the default) writes each of them. The sum travels as `repeats` of the next equal line, or, when none comes, of a
-// copy of the line that is written as soon as anything is written after the window's end, or by Flush.
+// (the default) writes each of them. The sum travels as `repeats` of the next equal line. When no equal line comes, it
+// travels with a copy of the line, which is written as soon as anything is written after the window's end, or by Flush.
 void SetRepeatWindow(std::uint32_t milliseconds);
 
-// Writes the sums that are due or not, and waits until everything written so far has left the process.
+// Writes all sums, whether they are due or not, and waits until everything written so far has left the process.
 void Flush();
 
-// `function` is the qualified name; it and the file and line are also the first and last arguments of the format.
+// `function` is the qualified name. It is also the first argument of the format; file and line are the last ones.
 void Write(CallSite& site, int level, const char* module, const char* format, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 4, 5)))
 #endif
     ;
 
-// Data that inline code reads across the border of this library wants to be marked as imported on Windows.
+// Inline code reads this data across the border of the library, so Windows needs it marked as imported.
 #if defined(_WIN32) && !defined(logging_EXPORTS)
 #define TANSY_LOGGING_DATA __declspec(dllimport)
 #else

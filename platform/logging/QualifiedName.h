@@ -20,7 +20,7 @@ struct QualifiedName {
 
 namespace details {
 
-// Positions of the name inside the compiler's text.
+// The positions of the name inside the compiler's text.
 struct NameRange {
   std::size_t begin = 0;
   std::size_t end = 0;
@@ -30,13 +30,13 @@ constexpr bool IsWordCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
-// True when the whole word `word` stands at `at`.
+// Returns true when the whole word `word` stands at `at`.
 constexpr bool WordAt(std::string_view text, std::size_t at, std::string_view word) {
   return text.substr(at, word.size()) == word && (at == 0 || !IsWordCharacter(text[at - 1])) &&
          (at + word.size() == text.size() || !IsWordCharacter(text[at + word.size()]));
 }
 
-// The position after the bracket that closes the one at `open`; the text's end when none does.
+// Gives the position after the bracket that closes the one at `open`, or the text's end when none does.
 constexpr std::size_t AfterGroup(std::string_view text, std::size_t open) {
   int depth = 0;
   for (std::size_t i = open; i < text.size(); ++i) {
@@ -52,7 +52,7 @@ constexpr std::size_t AfterGroup(std::string_view text, std::size_t open) {
   return text.size();
 }
 
-// The position of the parameter list after the word "operator" at `at`.
+// Gives the position of the parameter list after the word "operator" at `at`.
 constexpr std::size_t AfterOperator(std::string_view text, std::size_t at) {
   std::size_t i = at + std::string_view("operator").size();
   const std::size_t call = text.substr(i, 1) == " " ? i + 1 : i;  // one compiler writes "operator ()"
@@ -67,7 +67,8 @@ constexpr std::size_t AfterOperator(std::string_view text, std::size_t at) {
   return i;
 }
 
-// True when the "(" at `open` does not open a parameter list but belongs to a type or to a namespace without a name.
+// Returns true when the "(" at `open` does not open a parameter list but belongs to a type or to a namespace without a
+// name.
 constexpr bool IsForeignGroup(std::string_view text, std::size_t open) {
   const std::string_view rest = text.substr(open);
   if (rest.starts_with("(anonymous") || rest.starts_with("(unnamed")) {
@@ -126,7 +127,7 @@ constexpr std::size_t WithoutArguments(std::string_view text, NameRange range) {
   return range.end;
 }
 
-// Length of the name of an unnamed namespace at `at` with the "::" after it; 0 when there is none.
+// Gives the length of the name of an unnamed namespace at `at` with the "::" after it; 0 when there is none.
 constexpr std::size_t UnnamedNamespaceAt(std::string_view text, std::size_t at) {
   for (const std::string_view name :
        {"{anonymous}::", "(anonymous namespace)::", "`anonymous-namespace'::", "<unnamed>::"}) {

@@ -1,4 +1,4 @@
-// One line of the log, and what a call site remembers of its lines.
+// One line of the log, and the state that a call site keeps about its lines.
 #ifndef TANSY_LOGGING_RECORD_H
 #define TANSY_LOGGING_RECORD_H
 
@@ -9,7 +9,7 @@
 
 namespace logging {
 
-// A rendered line longer than this is cut, at a character's border, and ends with kCutMark.
+// A longer rendered line is cut between two characters and ends with kCutMark.
 inline constexpr std::size_t kMaxTextBytes = 8192;
 inline constexpr std::string_view kCutMark = "...";
 
@@ -23,7 +23,7 @@ struct Record {
   bool cut = false;           // the line was longer than kMaxTextBytes
 };
 
-// Per call site, made by TANSY_LOG: what the repeat window needs to remember.
+// The state of one call site, made by TANSY_LOG. The repeat window needs it.
 struct CallSite {
   std::atomic<std::uint64_t> last_hash{0};
   std::atomic<std::int64_t> window_end_ms{0};

@@ -14,7 +14,7 @@ bool CRepeatFilter::IsRepeat(const CallSite& site, std::uint64_t hash, std::int6
 }
 
 bool CRepeatFilter::Admit(CallSite& site, Record& record, std::int64_t now_ms, HeldLine& before) {
-  const std::uint64_t hash = std::hash<std::string_view>{}(record.text) | 1;  // never the 0 of a fresh call site
+  const std::uint64_t hash = std::hash<std::string_view>{}(record.text) | 1;  // never 0, the value of a fresh call site
   if (IsRepeat(site, hash, now_ms)) {
     if (site.held_back.fetch_add(1, std::memory_order_acq_rel) == 0) {
       const std::lock_guard lock(mutex_);
@@ -23,7 +23,7 @@ bool CRepeatFilter::Admit(CallSite& site, Record& record, std::int64_t now_ms, H
     return false;
   }
   const std::lock_guard lock(mutex_);
-  if (IsRepeat(site, hash, now_ms)) {  // another thread's equal line came first
+  if (IsRepeat(site, hash, now_ms)) {  // another thread was first with an equal line
     if (site.held_back.fetch_add(1, std::memory_order_acq_rel) == 0) {
       Hold(site, record);
     }
@@ -51,7 +51,7 @@ void CRepeatFilter::Hold(CallSite& site, const Record& record) try {
   held_.push_back(std::move(line));
   SetNextDue();
 } catch (const std::bad_alloc&) {
-  // Nothing would ever sum these lines up; the next equal one begins a new count.
+  // Nothing would ever sum these lines up, so the next equal line begins a new count.
   site.held_back.store(0, std::memory_order_release);
 }
 

@@ -51,12 +51,12 @@ void Append(spdlog::memory_buf_t& buffer, std::string_view text) {
   buffer.append(text.data(), text.data() + text.size());
 }
 
-// Where the bytes of finished lines go. One thread at a time.
+// The place where the bytes of finished lines go. Threads: one at a time.
 class COutput {
  public:
   explicit COutput(std::string path) : path_(std::move(path)) {}
 
-  // Opens the file, or opens it anew; a failure leaves what was open before in use.
+  // Opens the file, also again; after a failure, the file that was open before stays in use.
   bool Open(std::string& error) {
     if (path_.empty()) {
       return true;
@@ -67,13 +67,14 @@ class COutput {
       error = "cannot open the log file " + path_ + ": " + std::generic_category().message(errno);
       return false;
     }
-    std::setvbuf(fresh.get(), nullptr, _IONBF, 0);  // a line is one write, so that a crash loses no finished line
+    // Without a buffer, a line is one write, so that a crash loses no finished line.
+    std::setvbuf(fresh.get(), nullptr, _IONBF, 0);
     file_ = std::move(fresh);
     torn_ = false;
     return true;
   }
 
-  // False when the line could not be written whole; the next one then starts on a line of its own.
+  // Returns false when the line could not be written whole; the next line then starts on a line of its own.
   bool WriteLine(std::string_view line) {
     if (path_.empty()) {
       return std::fwrite(line.data(), 1, line.size(), stderr) == line.size() && std::fflush(stderr) == 0;
@@ -97,7 +98,7 @@ class COutput {
   bool torn_ = false;
 };
 
-// The writing thread's end of the queue.
+// The end of the queue on the writing thread.
 class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
  public:
   explicit CLineSink(std::string path)
@@ -117,7 +118,7 @@ class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
     }
   }
 
-  // The queue whose losses are told. Called before the first line.
+  // Sets the queue whose losses are reported. It is called before the first line.
   void Watch(spdlog::details::thread_pool* queue) { queue_ = queue; }
 
   std::uint64_t DroppedLines() const { return queue_->overrun_counter() + unwritten_.load(); }
@@ -127,7 +128,7 @@ class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
     std::unique_lock lock(mutex_);
     const auto limit = std::chrono::steady_clock::now() + kFlushLimit;
     const auto settled = [&] { return taken_ + queue_->overrun_counter() >= posted; };
-    // Losses are not announced to anybody, hence the short rounds.
+    // Nobody is notified of losses, so this wakes often.
     while (!settled() && std::chrono::steady_clock::now() < limit) {
       line_taken_.wait_for(lock, std::chrono::milliseconds(10));
     }
@@ -140,7 +141,7 @@ class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
       const std::string_view payload(message.payload.data(), message.payload.size());
       WriteLine(message.time, Masked(payload));
     } catch (const std::exception&) {
-      ++unwritten_;  // out of memory: this line is lost, and told as lost by the next one
+      ++unwritten_;  // memory ran out: this line is lost, and the next one reports it
     }
     ++taken_;
     line_taken_.notify_all();
@@ -188,7 +189,7 @@ class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
 struct CStandardSink::Impl {
   std::shared_ptr<CLineSink> lines;
   std::atomic<std::uint64_t> posted{0};
-  // Declared after the sink: the queue's destructor lets its thread finish what waits.
+  // This is declared after the sink, because the queue's destructor lets its thread finish what waits.
   std::shared_ptr<spdlog::async_logger> logger;
   std::shared_ptr<spdlog::details::thread_pool> queue;
 };
@@ -228,13 +229,13 @@ void CStandardSink::Write(const Record& record) {
   Append(payload, record.module);
   Append(payload, " ");
   if (record.repeats != 0) {
-    // In front of the text, because a cut text must end the line for its cut to be seen.
+    // The count stands before the text, because a cut text must be at the end of the line for the cut to be seen.
     Append(payload, "(repeated " + std::to_string(record.repeats) + " times) ");
   }
   Append(payload, record.text);
   const spdlog::string_view_t text(payload.data(), payload.size());
   const spdlog::details::log_msg message(spdlog::source_loc{}, impl_->logger->name(), SpdlogLevel(record.level), text);
-  // Counted once it is in the queue: Flush must not wait for a line that memory had no room for.
+  // A line is counted once it is in the queue, because Flush must not wait for a line that found no memory.
   impl_->queue->post_log(std::shared_ptr<spdlog::async_logger>(impl_->logger), message,
                          spdlog::async_overflow_policy::overrun_oldest);
   ++impl_->posted;

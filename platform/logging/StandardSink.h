@@ -19,14 +19,14 @@ struct StandardSinkOptions {
 
 // Lines look like "2026-11-03 08:05:09.123Z error platform.LocalStorage [Tansy::...]text[file(5)]", times in UTC.
 //
-// A caller never waits for the disk: when the queue is full its oldest line is dropped, and the next line written is
-// preceded by one that says how many were. What clients put into a line cannot forge another one: control characters
-// and bytes that are no UTF-8 are written escaped. Registered secrets are masked in whatever is written.
+// A caller never waits for the disk: when the queue is full its oldest line is dropped, and before the next line
+// another one says how many were dropped. Texts of clients cannot forge a line: control characters and bytes that are
+// no UTF-8 are written escaped. Registered secrets are masked in everything that is written.
 //
 // Threads: any thread may call any member. The destructor writes what waits and ends the thread.
 class CStandardSink : public ISink {
  public:
-  // Null when the file cannot be opened or the options make no sense; `error` then says why, in one line.
+  // Returns null when the file cannot be opened or the options make no sense; `error` then says why, in one line.
   static std::shared_ptr<CStandardSink> Create(const StandardSinkOptions& options, std::string& error);
 
   ~CStandardSink() override;
@@ -34,17 +34,17 @@ class CStandardSink : public ISink {
   CStandardSink& operator=(const CStandardSink&) = delete;
 
   void Write(const Record& record) override;
-  // Waits until the lines written so far are with the operating system, at most some seconds.
+  // Waits until the operating system has the lines written so far, at most some seconds.
   void Flush() override;
 
   // Masks every occurrence of this text from now on, also in lines that still wait. An empty text is ignored.
   void AddSecret(std::string_view secret);
 
-  // Opens the file anew under its name, after a log rotation has moved it away. False, and the old file in use, when
-  // that fails. True for standard error.
+  // Opens the file again under its name, after a log rotation has moved it away. Returns false when that fails; the old
+  // file then stays in use. For standard error it returns true.
   bool Reopen(std::string& error);
 
-  // Lines dropped since the start because the queue was full or the file could not be written.
+  // Counts the lines dropped since the start because the queue was full or the file could not be written.
   std::uint64_t DroppedLines() const;
 
  private:

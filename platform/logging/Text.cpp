@@ -14,8 +14,8 @@ bool IsContinuation(char c) {
   return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// Length of the UTF-8 character at the start of `text` (RFC 3629: no overlong forms, no surrogates), 0 when there is
-// none.
+// Gives the length of the UTF-8 character at the start of `text` (RFC 3629: no overlong forms, no surrogates); 0 when
+// there is none.
 std::size_t CharacterLength(std::string_view text) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte(0);
@@ -35,8 +35,8 @@ std::size_t CharacterLength(std::string_view text) {
   return overlong || foreign ? 0 : length;
 }
 
-// Characters that take more than one byte and still end a line or start a terminal command: U+0080 to U+009F, and the
-// line and paragraph separators U+2028 and U+2029.
+// Recognises characters of more than one byte that still end a line or start a terminal command: U+0080 to U+009F, and
+// the line and paragraph separators U+2028 and U+2029.
 bool IsWideControl(std::string_view character) {
   return (character.size() == 2 && character[0] == '\xC2' && static_cast<unsigned char>(character[1]) < 0xA0) ||
          character == "\xE2\x80\xA8" || character == "\xE2\x80\xA9";
@@ -66,16 +66,16 @@ void AppendControl(std::string& out, char c) {
   }
 }
 
-using Range = std::pair<std::size_t, std::size_t>;  // first byte and the one after the last
+using Range = std::pair<std::size_t, std::size_t>;  // first byte, and the byte after the last
 
-// Every occurrence of `secret`, overlapping ones included.
+// Finds every occurrence of `secret`, also overlapping ones.
 void FindAll(std::string_view text, std::string_view secret, std::vector<Range>& found) {
   for (std::size_t at = text.find(secret); at != std::string_view::npos; at = text.find(secret, at + 1)) {
     found.emplace_back(at, at + secret.size());
   }
 }
 
-// The longest beginning of `secret` that the text ends with.
+// Finds the longest beginning of `secret` with which the text ends.
 void FindBeginningAtEnd(std::string_view text, std::string_view secret, std::vector<Range>& found) {
   for (std::size_t length = std::min(secret.size() - 1, text.size()); length > 0; --length) {
     if (text.ends_with(secret.substr(0, length))) {
@@ -92,7 +92,7 @@ std::string_view CutAtCharacter(std::string_view text, std::size_t limit) {
     return text;
   }
   std::size_t end = limit;
-  // A character has at most three continuation bytes; text that goes on longer is no UTF-8 and cut where it stands.
+  // A character has at most three continuation bytes. A text with more of them is no UTF-8 and is cut right there.
   while (end > 0 && limit - end < 3 && IsContinuation(text[end])) {
     --end;
   }

@@ -14,7 +14,7 @@ SequenceHandle seq(const std::string& name) {
 
 SeqenceBuilder::SeqenceBuilder(std::shared_ptr<db_layer::CConnect> connection) : connection_(std::move(connection)) {}
 
-// Every database that is supported keeps its sequences by name, so the table only says whose ids they are.
+// Every supported database keeps its sequences by name, so the table only says whose ids they are.
 SeqenceBuilder& SeqenceBuilder::NEXT_VAL(const SequenceHandle& sequence, const TableHandle&) {
   std::string name;
   for (const char c : sequence.name) {

@@ -1,4 +1,4 @@
-// The host's SQL builder, as far as sequences go.
+// The part of the host's SQL builder that concerns sequences.
 #ifndef TANSY_SQLBUILDER_SQL_BUILDER_H
 #define TANSY_SQLBUILDER_SQL_BUILDER_H
 
@@ -19,8 +19,8 @@ struct SequenceHandle {
 TableHandle tab(const std::string& name);
 SequenceHandle seq(const std::string& name);
 
-// Takes the next value of a sequence on a connection. After Execute has returned true the value is the first column of
-// the connection's current row. One thread at a time.
+// Takes the next value of a sequence on a connection. After Execute has returned true, the value is the first column of
+// the connection's current row. Threads: one at a time.
 // Fixed: docs/compatibility.md, "Misspelt names".
 class SeqenceBuilder {
  public:

@@ -86,7 +86,8 @@ class CFile final : public IFile {
   int descriptor_;
 };
 
-// The object that closes the descriptor from here on; without memory for it the descriptor is closed at once.
+// Makes the object that closes the descriptor from here on. When there is no memory for it, the descriptor is closed at
+// once.
 template <typename Owner>
 std::unique_ptr<Owner> Own(int descriptor) {
   try {
@@ -192,7 +193,7 @@ class CFolder final : public IFolder {
     return error;
   }
 
-  // Runs `action` (folder descriptor, last part of the name) where the last part of `name` lives.
+  // Runs `action` with the descriptor of the folder that holds the last part of `name`, and with that last part.
   template <typename Action>
   int InParent(const std::string& name, Action action) const {
     const std::size_t slash = name.rfind('/');
@@ -232,13 +233,13 @@ int SyncFolderAt(const std::string& path) {
 int MakeOneFolder(const std::string& path) {
   if (::mkdir(path.c_str(), kFolderMode) != 0) {
     const int error = errno;
-    // Any folder that stands there will do, also one that another process has just made.
+    // Any folder at this path will do, also one that another process has just made.
     return error == EEXIST && GetPathKind(path) == EPathKind::kFolder ? 0 : error;
   }
   return SyncFolderAt(ParentOf(path));
 }
 
-// The file behind a path that may be a link; the path itself when nothing is there yet.
+// Gives the file behind a path that may be a link, or the path itself when nothing is there yet.
 std::string ResolveLinks(const std::string& path) {
   const std::unique_ptr<char, FreeText> resolved(::realpath(path.c_str(), nullptr));
   return resolved == nullptr ? path : std::string(resolved.get());

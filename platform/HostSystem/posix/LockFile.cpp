@@ -48,7 +48,7 @@ int CLockFile::Take(const std::string& path) {
     return error == EWOULDBLOCK ? EBUSY : error;
   }
   handle_ = descriptor;
-  // The id is for people who look; the lock is what counts, so a full disk is no reason to fail.
+  // The id is only for people who look at the file, and the lock is what counts. So a full disk is no reason to fail.
   const std::string id = std::to_string(::getpid()) + "\n";
   if (::ftruncate(descriptor, 0) == 0 && ::pwrite(descriptor, id.data(), id.size(), 0) < 0) {
     return 0;

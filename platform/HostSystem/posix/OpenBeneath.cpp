@@ -32,7 +32,7 @@ bool IsPlainPath(const std::string& name) {
 }
 
 #if defined(__linux__)
-// One system call for the whole name, on kernels that have it and where no sandbox forbids it.
+// openat2 opens the whole name with one call, on kernels that have it and where no sandbox forbids it.
 std::atomic<bool> g_has_openat2{true};
 
 bool TryOpenAt2(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor, int& error) {
@@ -50,7 +50,7 @@ bool TryOpenAt2(int folder, const std::string& name, int flags, unsigned int mod
     return true;
   }
   if (errno == ENOSYS || errno == EPERM) {
-    // EPERM is also what a sandbox says that does not know the call; the portable way tells them apart.
+    // EPERM can also come from a sandbox that does not know the call. The portable way below finds out which it is.
     if (errno == ENOSYS) {
       g_has_openat2.store(false, std::memory_order_relaxed);
     }
@@ -72,7 +72,7 @@ bool IsPlainName(const std::string& name) {
 }
 
 int WalkBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor) {
-  // Each part ends with a NUL in its place, so that nothing is allocated while a folder on the way is open.
+  // Each part gets its NUL in its place, so that nothing is allocated while a folder on the way is open.
   std::string parts = name;
   std::replace(parts.begin(), parts.end(), '/', '\0');
   int current = folder;

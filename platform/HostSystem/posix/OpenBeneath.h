@@ -5,11 +5,11 @@
 
 namespace HostSystem::details {
 
-// One part of a name: not empty, not "." or "..", no separator, no NUL.
+// Returns true for one part of a name: it is not empty, not "." or "..", and holds no separator and no NUL.
 bool IsPlainName(const std::string& name);
 
-// Opens `name` below the folder `folder` without following any link. 0, or errno: EINVAL for names that are not plain
-// parts joined with "/", ELOOP or ENOTDIR where a link stands in the way.
+// Opens `name` below the folder `folder` without following any link. Returns 0 or errno: EINVAL for names that are not
+// plain parts joined with "/", ELOOP or ENOTDIR where a link stands in the way.
 int OpenBeneath(int folder, const std::string& name, int flags, unsigned int mode, int& descriptor);
 
 // Does the same with one call per folder on the way, for systems that have no single call for it. `name` must consist

@@ -33,7 +33,7 @@ void TakeSignals() {
   const sigset_t set = details::WatchedSignals();
   ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
-  // A limit on file sizes then shows as a failed write instead of ending the process.
+  // This makes a limit on file sizes show as a failed write instead of ending the process.
   std::signal(SIGXFSZ, SIG_IGN);
 }
 

@@ -38,12 +38,12 @@ int TerminalWidth() {
 }
 
 void MakeStreamsBinary() {
-  // A stream that the caller has closed is filled with one on which every use fails: the next file or connection would
-  // otherwise take its number, and what is meant for the stream would end up there.
+  // A stream that the caller has closed is replaced by one on which every use fails. Otherwise the next file or
+  // connection would get the stream's number, and what is meant for the stream would end up there.
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF &&
         ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) {
-      return;  // not even that can be opened, and then nothing else can
+      return;  // when even this cannot be opened, nothing else can
     }
   }
 }

@@ -18,7 +18,7 @@ namespace details {
 namespace {
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-constexpr std::size_t kLargestTransfer = 1 << 30;  // lengths of the system's calls have 32 bits
+constexpr std::size_t kLargestTransfer = 1 << 30;  // the system's calls have lengths of 32 bits
 
 OVERLAPPED At(std::uint64_t offset) {
   OVERLAPPED position = {};
@@ -107,7 +107,7 @@ std::string ToUtf8(const std::filesystem::path& path) {
   return {text.begin(), text.end()};
 }
 
-// The object that closes the handle from here on; without memory for it the handle is closed at once.
+// Makes the object that closes the handle from here on. When there is no memory for it, the handle is closed at once.
 template <typename Owner, typename... Arguments>
 std::unique_ptr<Owner> Own(HANDLE handle, Arguments&&... arguments) {
   try {
@@ -118,7 +118,7 @@ std::unique_ptr<Owner> Own(HANDLE handle, Arguments&&... arguments) {
   }
 }
 
-// The handle keeps the folder from being renamed or removed; names are joined to the path that it was opened by.
+// The handle keeps the folder from being renamed or removed. Names are joined to the path by which it was opened.
 class CFolder final : public IFolder {
  public:
   CFolder(HANDLE handle, std::filesystem::path path) : handle_(handle), path_(std::move(path)) {}
@@ -180,7 +180,7 @@ class CFolder final : public IFolder {
     return error == ERROR_NO_MORE_FILES ? 0 : ToErrno(error);
   }
 
-  // The file system's journal keeps names in order with the flushes of their files.
+  // Nothing is to be done, because the file system's journal keeps names in order with the flushes of their files.
   int Sync() override { return 0; }
 
  private:
@@ -196,11 +196,11 @@ class CFolder final : public IFolder {
     entry.is_folder = is_folder && !is_link;
     entry.is_file = !is_folder && !is_link;
     entry.size = (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
-    entry.modified = static_cast<std::int64_t>(ticks / 10000000) - 11644473600;  // counted from 1601
+    entry.modified = static_cast<std::int64_t>(ticks / 10000000) - 11644473600;  // the system counts from 1601
     return entry;
   }
 
-  // EINVAL for names that are not plain parts, ELOOP when a folder on the way is a link.
+  // Gives EINVAL for names that are not plain parts, ELOOP when a folder on the way is a link.
   int CheckWay(const std::string& name) const {
     if (!IsPlainPath(name)) {
       return EINVAL;

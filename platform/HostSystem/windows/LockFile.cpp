@@ -18,7 +18,7 @@ CLockFile::~CLockFile() {
 }
 
 int CLockFile::Take(const std::string& path) {
-  // Others may read the file, but nobody else may open it for writing: that is the lock.
+  // Others may read the file, but nobody else may open it for writing. This is the lock.
   const std::filesystem::path file(std::u8string(path.begin(), path.end()));
   const HANDLE handle =
       ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -39,7 +39,7 @@ bool IsHangupIgnored() {
   return false;
 }
 
-// Files inherit who may read them from the folder that they are made in.
+// Nothing is to be done, because files inherit their permissions from the folder in which they are made.
 void MakeFilesPrivate() {}
 
 std::uint64_t RaiseOpenFileLimit() {

@@ -8,7 +8,7 @@
 namespace HostSystem {
 namespace {
 
-constexpr unsigned long kDiskQuotaExceeded = 1295;  // a code that not all of the system's headers name
+constexpr unsigned long kDiskQuotaExceeded = 1295;  // not all of the system's headers name this code
 
 }  // namespace
 

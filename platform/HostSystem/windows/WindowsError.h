@@ -3,9 +3,9 @@
 
 namespace HostSystem {
 
-// The errno value nearest to a code of the system.
+// Gives the errno value that is nearest to a code of the system.
 int ToErrno(unsigned long code);
-// That of the calling thread's last failure.
+// Gives the errno value of the calling thread's last failure.
 int LastErrno();
 
 }  // namespace HostSystem

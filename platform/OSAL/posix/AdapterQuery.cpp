@@ -20,7 +20,7 @@ namespace osal_internal {
 namespace {
 
 #if defined(__linux__)
-constexpr unsigned short kHardwareIp6Gre = 823;  // older system headers lack its name
+constexpr unsigned short kHardwareIp6Gre = 823;  // older system headers do not name it
 #endif
 
 struct ListDeleter {
@@ -55,7 +55,8 @@ Address& AppendAddress(Address** first) {
   return **first;
 }
 
-// Interfaces that carry other protocols' packets. Virtual private networks are none: their addresses can be reached.
+// Tunnels are interfaces that carry other protocols' packets. Virtual private networks are not among them, because
+// their addresses can be reached.
 std::uint32_t HardwareType(const sockaddr& address) {
 #if defined(__linux__)
   sockaddr_ll link{};

@@ -25,7 +25,8 @@ struct ListDeleter {
 
 constexpr ULONG kQueryFlags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
 
-// The list may grow between asking for its size and asking for it, hence several rounds.
+// The list may grow between the question for its size and the question for the list itself, so there are several
+// rounds.
 ULONG QuerySystem(std::vector<unsigned char>& buffer) {
   ULONG size = 16 * 1024;
   ULONG result = ERROR_BUFFER_OVERFLOW;

@@ -6,7 +6,7 @@ namespace {
 
 using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
 
-// Asked for by name, because older systems and some compilers' headers lack it.
+// The function is looked up by its name, because older systems and some compilers' headers lack it.
 SetDescription FindSetDescription() {
   const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
   const FARPROC found = kernel == nullptr ? nullptr : GetProcAddress(kernel, "SetThreadDescription");
@@ -21,7 +21,7 @@ void OSAL_SetThreadName(const char* name) {
   for (int i = 0; i < 15 && name[i] != '\0'; ++i) {
     cut[i] = static_cast<unsigned char>(name[i]);
   }
-  // A name that is refused is only missed by people who look for it.
+  // A failure is ignored, because the name is only for people who look at the threads.
   if (set_description != nullptr) {
     static_cast<void>(set_description(GetCurrentThread(), cut));
   }

@@ -10,7 +10,7 @@
 namespace TansyBase::CodePage {
 namespace {
 
-// A conversion of this thread's own: opening one is expensive, and one belongs to one thread at a time.
+// Each thread has a converter of its own, because opening one is expensive and it must be used by one thread at a time.
 class CGbkConverter {
  public:
   CGbkConverter() : descriptor_(iconv_open("GBK", "UTF-8")) {}
@@ -22,7 +22,7 @@ class CGbkConverter {
   CGbkConverter(const CGbkConverter&) = delete;
   CGbkConverter& operator=(const CGbkConverter&) = delete;
 
-  // Appends one character, given as its UTF-8 bytes; "?" when GBK lacks it.
+  // Appends one character, given as its UTF-8 bytes, or "?" when GBK lacks it.
   void Append(std::string& out, std::string_view character) {
     char bytes[8];
     char* to = bytes;

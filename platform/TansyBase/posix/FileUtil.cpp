@@ -29,7 +29,7 @@ int SyncFolderOf(const std::string& native_path) {
   }
   const int error = Sync(descriptor);
   close(descriptor);
-  return error == EINVAL ? 0 : error;  // a file system that cannot sync folders has no more to give
+  return error == EINVAL ? 0 : error;  // EINVAL: the file system cannot sync folders
 }
 
 }  // namespace

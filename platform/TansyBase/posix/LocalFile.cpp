@@ -76,8 +76,8 @@ int Descriptor(std::intptr_t handle) {
   return static_cast<int>(handle);
 }
 
-// The files that this process has open. The system's own locks do not keep two openings of one process apart on every
-// file system, and some file systems have no locks at all.
+// Lists the files that this process has open. The system's own locks do not keep two openings of one process apart on
+// every file system, and some file systems have no locks at all.
 class COpenFiles {
  public:
   static COpenFiles& Instance() {
@@ -97,7 +97,7 @@ class COpenFiles {
 
  private:
   std::mutex mutex_;
-  std::set<std::pair<dev_t, ino_t>> files_;  // under mutex_
+  std::set<std::pair<dev_t, ino_t>> files_;  // guarded by mutex_
 };
 
 // Claims the open file for this opening alone.
@@ -131,11 +131,12 @@ std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   if (!IsPlainPath(utf8_path)) {
     return kInvalidName;
   }
-  // O_NONBLOCK and O_NOCTTY matter for what is no regular file and refused below: opening it must not hang.
+  // O_NONBLOCK and O_NOCTTY matter for paths that are no regular file. Those are refused below, but opening them must
+  // not hang.
   const int descriptor =
       open(NativePath(utf8_path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
   if (descriptor < 0) {
-    // The file itself would have been made, so what is missing is a folder on the way to it.
+    // A missing file would have been made, so ENOENT means that a folder on the way to it is missing.
     return errno == ENOENT ? kPathNotFound : FromErrno(errno);
   }
   if (const FileError error = Claim(descriptor); error != kNone) {
@@ -200,7 +201,8 @@ void CLocalFile::Close() {
   const int descriptor = Descriptor(std::exchange(handle_, kInvalid));
   struct stat status {};
   const bool known = fstat(descriptor, &status) == 0;
-  // The entry goes first: once the descriptor is closed the system may give the same number to another file.
+  // The entry is removed first, because the system may give the same number to another file once the descriptor is
+  // closed.
   if (known) {
     COpenFiles::Instance().Remove(status);
   }

@@ -1,4 +1,4 @@
-// From the base library's paths to the operating system's. Internal to the base library.
+// Converts the base library's paths to the operating system's. Internal to the base library.
 #ifndef TANSY_BASE_POSIX_NATIVE_PATH_H
 #define TANSY_BASE_POSIX_NATIVE_PATH_H
 
@@ -7,7 +7,7 @@
 
 namespace TansyBase {
 
-// A path with a NUL byte inside would name another file than the caller means.
+// Refuses a path with a NUL byte inside, because it would name another file than the caller means.
 inline bool IsPlainPath(const std::string& path) {
   return !path.empty() && path.find('\0') == std::string::npos;
 }

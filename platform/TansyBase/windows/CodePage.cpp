@@ -12,7 +12,7 @@ constexpr UINT kGbkCodePage = 936;
 std::string FromUtf8(std::string_view utf8, UINT code_page) {
   const std::wstring wide = Utf8ToWide(utf8);
   const int length = static_cast<int>(wide.size());
-  // UTF-8 as the target takes neither a substitute character nor flags.
+  // When the target is UTF-8, the system's call allows neither a substitute character nor flags.
   const bool to_utf8 = code_page == CP_UTF8 || (code_page == CP_ACP && GetACP() == CP_UTF8);
   const DWORD flags = to_utf8 ? 0 : WC_NO_BEST_FIT_CHARS;
   const char* const substitute = to_utf8 ? nullptr : "?";

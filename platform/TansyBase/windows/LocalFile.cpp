@@ -12,7 +12,7 @@ HANDLE Handle(std::intptr_t handle) {
 
 }  // namespace
 
-// INVALID_HANDLE_VALUE is -1, as kInvalid is, so calls on a file that is not open fail by themselves.
+// INVALID_HANDLE_VALUE is -1, and kInvalid is too, so calls on a file that is not open fail by themselves.
 
 std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   Close();

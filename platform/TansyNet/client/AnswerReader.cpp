@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A server that sends more interim answers than this is taken for one that never sends the final answer.
+// A server that sends more interim answers than this is treated as one that never sends the final answer.
 constexpr int kMaxInterimHeads = 16;
 
 ClientError BadAnswer(http::error reason) {
@@ -40,8 +40,8 @@ ClientError TooLarge() {
 
 }  // namespace
 
-// Takes the head apart and, of a body in chunks, finds the bytes between the chunk lines. Bodies of other kinds never
-// pass through it.
+// Parses the head and, of a body in chunks, finds the bytes between the chunk lines. Bodies of other kinds do not pass
+// through it.
 class CAnswerReader::CParser : public http::basic_parser<false> {
  public:
   explicit CParser(bool to_head) {
@@ -63,7 +63,7 @@ class CAnswerReader::CParser : public http::basic_parser<false> {
 
   void on_field_impl(http::field, string_view name, string_view value, error_code&) override {
     if (is_header_done()) {
-      return;  // a trailer, which nobody asked for
+      return;  // a trailer, which is ignored
     }
     const std::string_view spelling = StandardHeaderName({name.data(), name.size()});
     headers_.emplace(std::string(spelling), std::string(value.data(), value.size()));
@@ -110,7 +110,7 @@ CAnswerReader::~CAnswerReader() = default;
 
 bool CAnswerReader::Report(const IoResult& result, ClientError& error) const {
   if (result.status == IoStatus::kDone) {
-    error = BadAnswer(http::error::header_limit);  // a line that the whole buffer does not hold
+    error = BadAnswer(http::error::header_limit);  // the line does not fit into the whole buffer
   } else if (result.status == IoStatus::kEnd) {
     error =
         started_ ? BadAnswer(http::error::partial_message) : ClientError{ClientError::kReceive, ConnectionResetError()};
@@ -135,10 +135,11 @@ bool CAnswerReader::ParseBuffered(ClientError& error, std::size_t& used) {
 
 bool CAnswerReader::ReadHead(CHttpClientResponse& response, ClientError& error) {
   parser_ = std::make_unique<CParser>(to_head_);
-  parser_->eager(false);  // stop behind the head, whatever of the body has come with it
+  parser_->eager(false);  // stop behind the head, however much of the body has come with it
   std::size_t head_bytes = 0;
   bool more = connection_.Buffered().empty();
-  // A head is small: the rest of one that has begun has the time-out for all of it, however steadily it drips.
+  // A head is small, so once it has begun, all of the rest must come within one time-out, even when bytes keep
+  // trickling in.
   std::optional<Clock::time_point> until;
   while (!parser_->is_header_done()) {
     if (more) {
@@ -155,7 +156,7 @@ bool CAnswerReader::ReadHead(CHttpClientResponse& response, ClientError& error) 
     if (!ParseBuffered(error, used)) {
       return false;
     }
-    // The parser gives lines back as soon as it has read them, so only their sum shows a head without an end.
+    // The parser consumes lines as soon as it has read them, so only their sum shows a head without an end.
     head_bytes += used;
     if (head_bytes > kMaxHeadBytes) {
       error = BadAnswer(http::error::header_limit);
@@ -163,7 +164,8 @@ bool CAnswerReader::ReadHead(CHttpClientResponse& response, ClientError& error) 
     }
     more = true;
   }
-  const bool unusable = parser_->status() < 100 || parser_->status() == 101;  // nobody asked for another protocol
+  // 101 would switch to a protocol that was not requested.
+  const bool unusable = parser_->status() < 100 || parser_->status() == 101;
   if (unusable || (IsInterim() && ++interim_heads_ > kMaxInterimHeads)) {
     error = BadAnswer(http::error::bad_status);
     return false;

@@ -11,10 +11,10 @@
 
 namespace TansyNet::details {
 
-// One thread; one object an answer. The connection must outlive it.
+// Threads: one; each answer has an object of its own. The connection must outlive it.
 class CAnswerReader {
  public:
-  // `to_head`: the answer of a HEAD request, which describes a body and has none.
+  // `to_head` says that the answer belongs to a HEAD request, so that it describes a body and has none.
   CAnswerReader(CClientConnection& connection, bool to_head, int timeout_ms);
   ~CAnswerReader();
   CAnswerReader(const CAnswerReader&) = delete;
@@ -22,14 +22,14 @@ class CAnswerReader {
 
   // Reads one head, an interim one (1xx) or the final one, into `response`.
   bool ReadHead(CHttpClientResponse& response, ClientError& error);
-  // The head that was read announces another one.
+  // Says whether the head that was read announces another head.
   bool IsInterim() const;
   // Reads what comes after the final head, into `sink`.
   bool ReadBody(CHttpClientResponse& response, IBodySink& sink, ClientError& error);
 
-  // True once any byte of an answer has come.
+  // Returns true once any byte of an answer has come.
   bool Started() const { return started_; }
-  // After a complete answer: the connection may serve another request.
+  // Is asked after a complete answer: returns true when the connection may serve another request.
   bool KeepsConnection() const;
 
  private:

@@ -1,4 +1,4 @@
-// Who takes the body of an answer piece by piece.
+// The function that takes the body of an answer piece by piece.
 #ifndef TANSY_NET_CLIENT_BIG_ANSWER_CALLBACK_H
 #define TANSY_NET_CLIENT_BIG_ANSWER_CALLBACK_H
 

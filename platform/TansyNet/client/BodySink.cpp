@@ -6,7 +6,7 @@ namespace TansyNet::details {
 
 namespace {
 
-// Room that a declared length may claim before any byte of the body is there.
+// This much room is made for a declared length before any byte of the body has come.
 constexpr std::uint64_t kTrustedBytes = std::uint64_t{1024} * 1024;
 constexpr std::uint64_t kFirstWindow = std::uint64_t{16} * 1024;
 
@@ -25,7 +25,7 @@ std::span<char> CStringSink::Window() {
     if (declared_ > filled_) {
       size = std::min(size, declared_);
     }
-    // One byte more than allowed, because only a byte too many shows that a body is too large.
+    // The window is one byte larger than allowed, because only that extra byte shows that a body is too large.
     if (size > max_bytes_) {
       size = max_bytes_ + 1;
     }
@@ -62,7 +62,7 @@ bool CPieceSink::Filled(std::size_t bytes) {
 }
 
 void CPieceSink::HandOut(std::size_t bytes, bool last) {
-  // Counted before the call: what the callback has seen is gone, even when it throws.
+  // The bytes are counted before the call, because the callback has seen them even when it throws.
   handed_out_ += bytes;
   filled_ -= bytes;
   callback_(response_, bytes > 0 ? piece_->data() : nullptr, static_cast<unsigned int>(bytes), {}, last);

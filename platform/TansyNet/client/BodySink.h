@@ -1,4 +1,4 @@
-// Where the body of an answer goes.
+// The place where the body of an answer goes.
 #ifndef TANSY_NET_CLIENT_BODY_SINK_H
 #define TANSY_NET_CLIENT_BODY_SINK_H
 
@@ -19,17 +19,18 @@ namespace TansyNet::details {
 class IBodySink {
  public:
   virtual ~IBodySink() = default;
-  // A body begins. `declared` is what the server says, 0 when it does not say. False when it is too large to take.
+  // A body begins. `declared` is its length as the server says it, 0 when it does not. Returns false when that is too
+  // large.
   virtual bool Begin(std::uint64_t declared) = 0;
-  // Room for at least one more byte of a body that is known, or supposed, to go on.
+  // Gives room for at least one more byte of a body that continues, or may continue.
   virtual std::span<char> Window() = 0;
-  // The first `bytes` of the last window are filled. False when the body has become too large.
+  // The first `bytes` of the last window have been filled. Returns false when the body has become too large.
   virtual bool Filled(std::size_t bytes) = 0;
-  // Bytes taken so far.
+  // Counts the bytes taken so far.
   virtual std::uint64_t Size() const = 0;
 };
 
-// Collects a body in memory. What is reserved follows what has come, never what was declared.
+// Collects a body in memory. The room follows the bytes that have come, and never the declared length alone.
 class CStringSink : public IBodySink {
  public:
   CStringSink(std::string& body, std::uint64_t max_bytes) : body_(body), max_bytes_(max_bytes) {}
@@ -38,7 +39,7 @@ class CStringSink : public IBodySink {
   std::span<char> Window() override;
   bool Filled(std::size_t bytes) override;
   std::uint64_t Size() const override { return filled_; }
-  // Cuts the window off.
+  // Removes the unused window from the body's end.
   void Finish() { body_.resize(filled_); }
 
  private:
@@ -49,7 +50,7 @@ class CStringSink : public IBodySink {
 };
 
 // Hands a body out in pieces. A full piece is handed out only when a byte after it has come, so that the last piece can
-// be named the last.
+// be marked as the last.
 class CPieceSink : public IBodySink {
  public:
   static constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
@@ -61,7 +62,8 @@ class CPieceSink : public IBodySink {
   std::span<char> Window() override;
   bool Filled(std::size_t bytes) override;
   std::uint64_t Size() const override { return handed_out_ + filled_; }
-  // The final call: with what is left, or, after a failure, what is left first and then the failure alone.
+  // Makes the final call, with what is left. After a failure it first hands out what is left and then reports the
+  // failure.
   void Finish(ClientError error);
 
  private:

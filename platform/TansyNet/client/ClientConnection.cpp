@@ -14,7 +14,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Milliseconds until then, at least 0; no limit stays no limit.
+// Gives the milliseconds until a moment, at least 0; without a limit it gives the value for "no limit".
 class CTimeLeft {
  public:
   explicit CTimeLeft(int timeout_ms)
@@ -50,7 +50,7 @@ int ConnectToAny(CClientSocket& socket, const std::vector<SocketAddress>& addres
     if (rest == 0) {
       return TimedOutError();
     }
-    // A silent address must not use up the time of those after it.
+    // An address that does not answer must not use up the time of the addresses after it.
     const int share = rest < 0 ? rest : std::max(1, rest / static_cast<int>(addresses.size() - i));
     failure = socket.Connect(addresses[i], share);
     if (failure == 0) {
@@ -117,7 +117,7 @@ IoResult CClientConnection::Read(char* data, std::size_t size, int timeout_ms) {
     if (!result.MustWait()) {
       return result;
     }
-    // What wakes the socket may be the secure protocol's own, so the time runs from the start of the call.
+    // The socket may wake for bytes of the secure protocol itself, so the time runs from the start of the call.
     const int rest = left.Get();
     if (rest == 0 || !Wait(true, false, rest)) {
       return {.status = IoStatus::kFailed, .error = TimedOutError()};

@@ -1,4 +1,4 @@
-// One connection of the client, plain or secure, with the bytes that were read and not used yet.
+// One connection of the client, plain or secure, with the bytes that were read but not used yet.
 #ifndef TANSY_NET_CLIENT_CLIENT_CONNECTION_H
 #define TANSY_NET_CLIENT_CLIENT_CONNECTION_H
 
@@ -16,44 +16,44 @@
 
 namespace TansyNet::details {
 
-// Head of an answer, in bytes; also the size of a connection's input buffer.
+// The largest head of an answer, in bytes, which is also the size of a connection's input buffer.
 inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
 
-// A time-out in the form that waits take; 0 means without limit.
+// Converts a time-out to the form that waits take; 0 means without limit.
 int WaitTime(std::uint32_t timeout_ms);
 
-// Connects to the first of the addresses that answers; 0 or the last one's error number. Each of them gets its share of
-// the time (negative: no limit).
+// Connects to the first of the addresses that answers. Returns 0 or the error number of the last address. Each address
+// gets its share of the time (negative: no limit).
 int ConnectToAny(CClientSocket& socket, const std::vector<SocketAddress>& addresses, int timeout_ms);
 
-// One thread at a time.
+// Threads: one at a time.
 class CClientConnection {
  public:
-  // Looks the name up, connects and, for https, shakes hands, all within the time-out. Null on failure.
+  // Looks the name up, connects and, for https, shakes hands, all within the time-out. Returns null on failure.
   static std::unique_ptr<CClientConnection> Open(const URL& url, std::uint32_t timeout_ms, ClientError& error);
   ~CClientConnection();
   CClientConnection(const CClientConnection&) = delete;
   CClientConnection& operator=(const CClientConnection&) = delete;
 
-  // Attempts that do not wait. Reading gives fresh bytes of the peer, not those of the buffer.
+  // These do not wait. Reading gives fresh bytes of the peer, not those of the buffer.
   IoResult TryRead(char* data, std::size_t size);
   IoResult TryWrite(std::string_view first, std::string_view second);
   bool Wait(bool for_read, bool for_write, int timeout_ms);
-  // Waits for bytes, the end or a failure; kFailed with TimedOutError() when the time has passed.
+  // Waits for bytes, the end or a failure. When the time has passed, the result is kFailed with TimedOutError().
   IoResult Read(char* data, std::size_t size, int timeout_ms);
 
-  // The input buffer: bytes read and not consumed yet.
+  // The input buffer holds bytes that were read but not consumed yet.
   std::string_view Buffered() const { return {buffer_.data() + begin_, end_ - begin_}; }
   void Consume(std::size_t bytes);
-  // Reads more into the buffer, waiting as Read does. kDone with 0 bytes when it is full.
+  // Reads more into the buffer and waits as Read does. The result is kDone with 0 bytes when the buffer is full.
   IoResult Fill(int timeout_ms);
-  // The same without waiting.
+  // Does the same without waiting.
   IoResult TryFill();
 
-  // False when the peer has closed the connection or sent something that nobody asked for.
+  // Returns false when the peer has closed the connection or sent something that was not requested.
   bool IsAlive();
 
-  // Which trust settings it was opened under.
+  // Says under which trust settings the connection was opened.
   std::uint64_t trust_generation() const { return trust_generation_; }
 
  private:

@@ -25,7 +25,7 @@ std::string TlsText(std::int32_t number) {
   if (number < kFirstTlsReason) {
     return std::string("certificate not trusted: ") + X509_verify_cert_error_string(number);
   }
-  // Nobody else may have loaded the texts yet: an error can be described before the first TLS connection is made.
+  // The texts are loaded here, because an error may have to be described before the first TLS connection is made.
   OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS, nullptr);
   const char* const reason = ERR_reason_error_string(ERR_PACK(ERR_LIB_SSL, 0, number));
   return "TLS failed: " + (reason != nullptr ? std::string(reason) : "reason " + std::to_string(number));

@@ -1,4 +1,4 @@
-// The client's TCP socket. It never blocks except where it is asked to wait, and then not longer than told.
+// The client's TCP socket. It blocks only in calls that wait, and never longer than the given time.
 #ifndef TANSY_NET_CLIENT_CLIENT_SOCKET_H
 #define TANSY_NET_CLIENT_CLIENT_SOCKET_H
 
@@ -11,7 +11,7 @@
 
 namespace TansyNet::details {
 
-// One thread at a time. A closed socket answers every call with a failure.
+// Threads: one at a time. A closed socket answers every call with a failure.
 class CClientSocket final : public ISocket {
  public:
   CClientSocket() = default;
@@ -19,14 +19,14 @@ class CClientSocket final : public ISocket {
   CClientSocket(const CClientSocket&) = delete;
   CClientSocket& operator=(const CClientSocket&) = delete;
 
-  // 0, the system's error number, or TimedOutError().
+  // Returns 0, the system's error number, or TimedOutError().
   int Connect(const SocketAddress& address, int timeout_ms);
   void Close();
 
   IoResult Read(char* data, std::size_t size) override;
   IoResult Write(std::string_view first, std::string_view second) override;
 
-  // As WaitForSocket.
+  // Waits as WaitForSocket does.
   bool Wait(bool for_read, bool for_write, int timeout_ms);
 
  private:

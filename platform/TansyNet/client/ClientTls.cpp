@@ -12,7 +12,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What the library's macro does, whose cast this project's warnings refuse.
+// Does what the library's macro does. The macro is not used, because it contains a cast that this project's warnings
+// refuse.
 bool AnnounceName(SSL* ssl, std::string host) {
   return SSL_ctrl(ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, host.data()) == 1;
 }
@@ -22,7 +23,7 @@ int LastReason() {
   return reason != 0 ? reason : SSL_R_LIBRARY_BUG;
 }
 
-// A failure always has a number: a server that just left is one that has cut the connection.
+// Gives every failure a number: when the server just left, the connection counts as cut.
 IoResult WithNumber(IoResult result) {
   if (result.status == IoStatus::kFailed && result.error == 0) {
     result.error = ConnectionResetError();
@@ -52,7 +53,7 @@ bool CClientTls::Prepare(const std::string& host, ClientError& error) {
     named = X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host.c_str()) == 1;
   } else {
     SSL_set_hostflags(ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-    // Servers with several certificates choose by the name; an address is not a name and may not be sent as one.
+    // Servers with several certificates choose by the name. An address is not a name, so it is not announced as one.
     named = SSL_set1_host(ssl, host.c_str()) == 1 && AnnounceName(ssl, host);
   }
   if (!named) {

@@ -22,14 +22,14 @@ class CClientTls {
   CClientTls(const CClientTls&) = delete;
   CClientTls& operator=(const CClientTls&) = delete;
 
-  // Shakes hands with the server that is called `host` and checks its certificate. Waits at most this long in all.
+  // Shakes hands with the server called `host` and checks its certificate. Waits at most this long in all.
   bool Handshake(const std::string& host, std::uint16_t port, int timeout_ms, ClientError& error);
 
   IoResult Read(char* data, std::size_t size);
   IoResult Write(std::string_view first, std::string_view second);
-  // True while an answer of the protocol itself waits to be written.
+  // Returns true while a message of the secure protocol itself waits to be written.
   bool WantsToWrite() const { return session_->WantsToWrite(); }
-  // Tells the peer that nothing more will come, without waiting for it.
+  // Tells the peer that nothing more will come, without waiting for its answer.
   void SayGoodbye();
 
  private:
@@ -39,7 +39,7 @@ class CClientTls {
   CClientSocket& socket_;
   const std::shared_ptr<CClientTlsContext> context_;
   SessionPlace place_;
-  std::unique_ptr<CTlsSession> session_;  // from Handshake on
+  std::unique_ptr<CTlsSession> session_;  // set from Handshake on
 };
 
 }  // namespace TansyNet::details

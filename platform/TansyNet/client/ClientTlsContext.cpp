@@ -11,7 +11,7 @@ namespace TansyNet::details {
 
 namespace {
 
-// A session is a few KiB; a process that talks to more servers than this makes full handshakes with some of them.
+// A session takes a few KiB. A process that talks to more servers than this makes full handshakes with some of them.
 constexpr std::size_t kMaxSessions = 256;
 constexpr std::size_t kReadAheadBytes = std::size_t{64} * 1024;
 
@@ -75,7 +75,7 @@ void CClientTlsContext::Configure() {
   SSL_CTX* const context = context_.get();
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
   SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
-  // A write that could not finish is tried again from wherever its bytes are then.
+  // A write that could not finish is tried again from another place in memory if its bytes have moved.
   SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   SSL_CTX_set_read_ahead(context, 1);
   SSL_CTX_set_default_read_buffer_len(context, kReadAheadBytes);
@@ -89,7 +89,7 @@ bool CClientTlsContext::LoadTrust(const TlsTrust& trust) {
   if (trust.trust_file.empty()) {
     return AddSystemTrust(context_.get());
   }
-  // A file that names a server's own certificate is trust enough, whoever signed it.
+  // A trust file may name a server's own certificate, which then counts as trusted whoever signed it.
   X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(context_.get()), X509_V_FLAG_PARTIAL_CHAIN);
   return SSL_CTX_load_verify_file(context_.get(), trust.trust_file.c_str()) == 1;
 }
@@ -100,7 +100,7 @@ int CClientTlsContext::OnNewSession(SSL* ssl, SSL_SESSION* session) {
     return 0;
   }
   place->context->KeepSession(place->key, SessionPointer(session));
-  return 1;  // the reference is ours now
+  return 1;  // 1 tells the library that the reference now belongs to us
 }
 
 void CClientTlsContext::ResumeAndKeep(SSL* ssl, SessionPlace& place) {

@@ -1,4 +1,4 @@
-// What all secure connections of one trust setting share: the library's context and the sessions to resume.
+// What all secure connections of one trust setting share: the library's context and the sessions that can be resumed.
 #ifndef TANSY_NET_CLIENT_CLIENT_TLS_CONTEXT_H
 #define TANSY_NET_CLIENT_CLIENT_TLS_CONTEXT_H
 
@@ -16,18 +16,18 @@ namespace TansyNet::details {
 
 // Replaces the context for connections opened from now on.
 void SetClientTrust(const TlsTrust& trust);
-// Counts the replacements, so that connections made under other terms can be told apart.
+// Counts the replacements, so that connections opened under earlier settings can be recognised.
 std::uint64_t ClientTrustGeneration();
 
 class CClientTlsContext;
 
-// Where the session of a connection is kept for the next one with the same server.
+// The place where the session of a connection is kept for the next connection with the same server.
 struct SessionPlace {
   CClientTlsContext* context = nullptr;
   std::string key;  // names the server
 };
 
-// Any thread.
+// Threads: any.
 class CClientTlsContext {
  public:
   explicit CClientTlsContext(const TlsTrust& trust);
@@ -35,16 +35,16 @@ class CClientTlsContext {
   CClientTlsContext(const CClientTlsContext&) = delete;
   CClientTlsContext& operator=(const CClientTlsContext&) = delete;
 
-  // The context of the current trust setting, never null.
+  // Gives the context of the current trust setting; it is never null.
   static std::shared_ptr<CClientTlsContext> Current();
 
-  // Null when the trust file could not be read; Failure() is then the TLS library's reason.
+  // Returns null when the trust file could not be read; Failure() then gives the TLS library's reason.
   SSL_CTX* Get() const { return context_.get(); }
   int Failure() const { return failure_; }
   bool VerifiesServers() const { return verifies_; }
 
-  // Makes `ssl` resume the last session kept at this place, if there is one, and keep its own there. The place must
-  // outlive `ssl`.
+  // Makes `ssl` resume the last session kept at this place, if there is one, and keep its own session there. The place
+  // must outlive `ssl`.
   static void ResumeAndKeep(SSL* ssl, SessionPlace& place);
 
  private:

@@ -53,7 +53,7 @@ void CConnectionPool::Give(const std::string& key, std::unique_ptr<CClientConnec
   try {
     Keep(key, std::move(connection));
   } catch (const std::bad_alloc&) {
-    // The exchange that used the connection is complete all the same.
+    // The connection is closed instead; the exchange that used it is complete all the same.
     return;
   }
 }
@@ -77,7 +77,7 @@ void CConnectionPool::Keep(const std::string& key, std::unique_ptr<CClientConnec
 }
 
 void CConnectionPool::RemoveStale(std::vector<Idle>& idle, std::vector<Idle>& removed) {
-  removed.reserve(idle.size() + 1);  // nothing below may fail between taking an entry out and having it removed
+  removed.reserve(idle.size() + 1);  // so that nothing can fail between taking an entry out and listing it as removed
   const auto now = Clock::now();
   const std::uint64_t generation = ClientTrustGeneration();
   const auto is_stale = [&](const Idle& entry) {

@@ -1,4 +1,4 @@
-// Connections that wait for the next request of anybody in the process.
+// Connections that wait for the next request of any code in the process.
 #ifndef TANSY_NET_CLIENT_CONNECTION_POOL_H
 #define TANSY_NET_CLIENT_CONNECTION_POOL_H
 
@@ -13,29 +13,30 @@
 
 namespace TansyNet::details {
 
-// Any thread. The pool has no thread of its own: connections whose time is over are closed by the next call of anybody.
+// Threads: any. The pool has no thread of its own: the next call of anybody closes connections whose time is over.
 class CConnectionPool {
  public:
   static constexpr std::size_t kMaxIdle = 128;
   static constexpr std::size_t kMaxIdlePerServer = 32;
-  // Common servers close idle connections after 5 seconds or more; a request that is on its way when a server closes is
-  // sent a second time, or fails when it must not be.
+  // Common servers close idle connections after 5 seconds or more. When a server closes while a request is on its way,
+  // the request is sent a second time, or fails when it must not be repeated. So connections are kept for less time
+  // than that.
   static constexpr std::chrono::milliseconds kMaxIdleTime{4000};
 
-  // A server that closes each connection after its answer without having said so has done it by then. A connection that
-  // has been idle for less may be about to close.
+  // Some servers close each connection after their answer without having said so. After this time they have done so; a
+  // connection that has been idle for less may be about to close.
   static constexpr std::chrono::milliseconds kSettled{50};
 
   static CConnectionPool& Instance();
 
-  // What tells servers apart: scheme, host without regard to case, port.
+  // Gives the text by which servers are told apart: scheme, host without regard to case, port.
   static std::string Key(const URL& url);
 
-  // Of the connections with the server that have been idle for at least so long, the one that was used last and is
-  // still alive; null when there is none.
+  // Takes a connection with the server that is still alive and has been idle for at least this long; the one that was
+  // used last is preferred. Returns null when there is none.
   std::unique_ptr<CClientConnection> Take(const std::string& key,
                                           std::chrono::milliseconds idle = std::chrono::milliseconds(0));
-  // Keeps a connection whose last exchange is complete; closes it when memory for that has run out.
+  // Keeps a connection whose last exchange is complete. When there is no memory for that, it closes the connection.
   void Give(const std::string& key, std::unique_ptr<CClientConnection> connection) noexcept;
   void Clear();
   std::size_t IdleCount();

@@ -29,8 +29,8 @@ bool CExchange::Run(ClientError& error) {
   auto connection = CConnectionPool::Instance().Take(key, HasEffects() ? CConnectionPool::kSettled : kAnyAge);
   const bool kept = connection != nullptr;
   bool complete = kept && RunOn(*connection, error);
-  // A server may close a kept connection at the very moment in which it is used again. Nothing of the request has then
-  // been answered, but it may have been carried out: only one without effects is sent again.
+  // A server may close a kept connection at the very moment in which it is used again. The request has then not been
+  // answered, but it may have been carried out, so only a request without effects is sent again.
   if (!kept || (!complete && closed_unanswered_ && !HasEffects())) {
     connection = CClientConnection::Open(url, request_.connect_timeout_ms, error);
     complete = connection != nullptr && RunOn(*connection, error);
@@ -41,8 +41,8 @@ bool CExchange::Run(ClientError& error) {
   return complete;
 }
 
-// A PUT counts too, although it may be repeated as far as HTTP goes: a part that arrives a second time may arrive after
-// the upload was completed, and an object after somebody else replaced it.
+// A PUT counts as having effects too, although HTTP allows its repetition: a part that arrives a second time may arrive
+// after the upload was completed, and an object after somebody else replaced it.
 bool CExchange::HasEffects() const {
   return request_.method != "GET" && request_.method != "HEAD";
 }
@@ -57,8 +57,8 @@ bool CExchange::RunOn(CClientConnection& connection, ClientError& error) {
   if (sent == SendState::kAnswered) {
     complete = reader.ReadBody(response_, sink_, error);
   } else if (send_error.kind == ClientError::kNone || send_error.kind == ClientError::kSend) {
-    // A server that refuses a request may answer, stop reading and close: what it said is worth more than the failure
-    // to send the rest.
+    // A server that refuses a request may answer, stop reading and close. Its answer is worth more than the failure to
+    // send the rest.
     complete = ReadFinalHead(reader, error) && reader.ReadBody(response_, sink_, error);
   }
   if (!complete && !reader.Started()) {
@@ -108,7 +108,7 @@ CExchange::SendState CExchange::SendRequest(CClientConnection& connection, CAnsw
   return SendState::kSent;
 }
 
-// kSent means that nothing has come that would be a reason to stop sending.
+// The result kSent means that nothing has come that would be a reason to stop sending.
 CExchange::SendState CExchange::ReadEarlyAnswer(CClientConnection& connection, CAnswerReader& reader,
                                                 ClientError& error) {
   const IoResult result = connection.TryFill();

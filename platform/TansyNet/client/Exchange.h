@@ -1,4 +1,4 @@
-// One request and its answer.
+// One request with its answer.
 #ifndef TANSY_NET_CLIENT_EXCHANGE_H
 #define TANSY_NET_CLIENT_EXCHANGE_H
 
@@ -14,13 +14,13 @@
 
 namespace TansyNet::details {
 
-// One thread; one object per exchange. All arguments must outlive it.
+// Threads: one; each exchange has an object of its own. All arguments must outlive it.
 class CExchange {
  public:
   CExchange(const CHttpClientRequest& request, CHttpClientResponse& response, IBodySink& sink)
       : request_(request), response_(response), sink_(sink) {}
 
-  // True when a whole answer came.
+  // Returns true when a whole answer came.
   bool Run(ClientError& error);
 
  private:
@@ -28,7 +28,7 @@ class CExchange {
 
   bool HasEffects() const;
   bool RunOn(CClientConnection& connection, ClientError& error);
-  // Sends the request; stops early when the final head of an answer arrives first.
+  // Sends the request. It stops early when the final head of an answer arrives before everything is sent.
   SendState SendRequest(CClientConnection& connection, CAnswerReader& reader, ClientError& error);
   SendState ReadEarlyAnswer(CClientConnection& connection, CAnswerReader& reader, ClientError& error);
   bool ReadFinalHead(CAnswerReader& reader, ClientError& error);
@@ -37,7 +37,8 @@ class CExchange {
   CHttpClientResponse& response_;
   IBodySink& sink_;
   std::string head_;
-  // Of the attempt that ran last: the peer closed before any byte of an answer; the connection may serve again.
+  // These describe the last attempt: whether the peer closed before any byte of an answer came, and whether the
+  // connection may serve again.
   bool closed_unanswered_ = false;
   bool reusable_ = false;
 };

@@ -22,18 +22,18 @@ struct Lookup {
   std::mutex mutex;  // guards the members below
   std::condition_variable finished;
   bool done = false;
-  bool abandoned = false;  // nobody waits any more
+  bool abandoned = false;  // the caller has stopped waiting
   int result = 0;
   std::vector<SocketAddress> addresses;
 };
 
-// Look-ups that go on although nobody waits for them.
+// Counts look-ups that continue although nobody waits for them.
 std::atomic<int>& AbandonedLookups() {
   static std::atomic<int> count{0};
   return count;
 }
 
-// Memory that runs out on a thread of its own is a look-up that failed, not the end of the process.
+// When memory runs out on a thread of its own, the look-up has failed, but the process goes on.
 int Resolve(const std::string& host, std::uint16_t port, std::vector<SocketAddress>& addresses) noexcept {
   try {
     return ResolveAddresses(host, port, addresses);
@@ -56,7 +56,7 @@ void RunLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, s
   lookup->finished.notify_all();
 }
 
-// Threads that hang in a resolver which does not answer must not pile up.
+// Threads that hang in a resolver which does not answer must not pile up, so their number is limited.
 bool StartLookup(const std::shared_ptr<Lookup>& lookup, const std::string& host, std::uint16_t port) {
   if (AbandonedLookups() >= kMaxAbandoned) {
     return false;

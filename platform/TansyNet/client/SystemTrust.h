@@ -1,4 +1,4 @@
-// The authorities that the operating system trusts; in posix/ and windows/.
+// The authorities that the operating system trusts. The code is in posix/ and windows/.
 #ifndef TANSY_NET_CLIENT_SYSTEM_TRUST_H
 #define TANSY_NET_CLIENT_SYSTEM_TRUST_H
 
@@ -6,7 +6,7 @@
 
 namespace TansyNet::details {
 
-// False when the system does not give them.
+// Returns false when the system does not provide them.
 bool AddSystemTrust(SSL_CTX* context);
 
 }  // namespace TansyNet::details

@@ -1,4 +1,4 @@
-// A socket on its way from the listener to its connection; only for the sources that know Asio.
+// A socket on its way from the listener to its connection. Only sources that know Asio include this.
 #ifndef TANSY_NET_SERVER_ACCEPTED_SOCKET_H
 #define TANSY_NET_SERVER_ACCEPTED_SOCKET_H
 
@@ -6,7 +6,7 @@
 
 namespace TansyNet {
 
-// Watched by the event loop on which it was made.
+// The event loop on which the socket was made watches it.
 struct AcceptedSocket {
   boost::asio::ip::tcp::socket socket;
 };

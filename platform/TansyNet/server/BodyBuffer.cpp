@@ -7,13 +7,13 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-// Room is made in steps as large as what came so far, but not larger than the processor's cache likes: growing a string
-// clears the new bytes.
+// Room is made in steps as large as what has come so far, because growing a string clears the new bytes; but a step is
+// never larger than what stays in the processor's cache.
 constexpr std::size_t kSmallestStep = std::size_t{4} * 1024;
 constexpr std::size_t kLargestStep = std::size_t{128} * 1024;
-// Memory is asked for by this factor, so that hardly a byte is copied twice while the string moves.
+// Memory is reserved by this factor, so that few bytes are copied twice while the string moves.
 constexpr std::size_t kGrowth = 8;
-// So many bytes show that the rest will come too.
+// A body of which this much has come will probably come completely.
 constexpr std::size_t kProof = std::size_t{64} * 1024;
 
 }  // namespace

@@ -13,37 +13,37 @@
 
 namespace TansyNet {
 
-// Bytes together with their part of the memory that all bodies share.
+// Bytes together with their share of the memory that all bodies use.
 struct CountedBytes {
   std::string bytes;
   CMemoryShare share;
 };
 
-// What a string takes beyond itself.
+// Gives the memory that a string takes beside its own object.
 std::size_t MemoryOf(const std::string& bytes);
 
-// For delivery: the share is given back with the last owner.
+// Prepares bytes for delivery: the memory share is given back with the last owner.
 std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes);
 
-// A body of known length on its way in. The socket's bytes go straight into the string that is delivered; the string
+// A body of known length while it arrives. The socket's bytes go straight into the string that is delivered. The string
 // grows with what has come, so that a client that only announces much costs nothing.
 class CBodyBuffer {
  public:
-  // Continues in `storage`, whose bytes are of no interest but whose memory is.
+  // Begins a body and reuses the memory of `storage`, whose bytes do not matter.
   void Start(std::size_t length, MemoryUse use, CountedBytes storage = {});
   bool IsComplete() const { return used_ == length_; }
   std::size_t Used() const { return used_; }
-  // Where the next bytes belong: at least one byte long unless the body is complete.
+  // Gives the room for the next bytes; it is at least one byte long unless the body is complete.
   std::span<char> Space();
   void Commit(std::size_t bytes) { used_ += bytes; }
   // Copies what it needs from the front of `input` and removes it there.
   void Consume(std::string_view& input);
-  // What is to be claimed before more bytes are taken: at first what they have come to, then, when a body has shown
-  // that it really comes, all that it will be. So a body that has its room never waits for more of it.
+  // Says how much must be claimed before more bytes are taken: at first as much as the bytes that have come, then, when
+  // enough has come, as much as the whole body. So a body that has its room never waits for more of it.
   std::size_t Demand() const;
-  // False when there is no room for so much.
+  // Returns false when there is no room for this much.
   bool ClaimMemory() { return memory_.share.Resize(Demand()); }
-  // The bytes; the buffer is empty afterwards.
+  // Gives the bytes; the buffer is empty afterwards.
   CountedBytes Take();
 
  private:
@@ -52,13 +52,13 @@ class CBodyBuffer {
   std::size_t length_ = 0;
 };
 
-// Keeps one piece's memory for the piece after the next: large blocks that come and go cost the operating system's
-// clearing of every page again. Any thread.
+// Keeps one piece's memory for the piece after the next, because for a large new block the operating system has to
+// clear every page again. Threads: any.
 class CPieceStore : public std::enable_shared_from_this<CPieceStore> {
  public:
-  // Shares `piece`; its memory comes back here when the last owner lets go.
+  // Shares `piece`; its memory comes back here when the last owner releases it.
   std::shared_ptr<const std::string> Share(CountedBytes piece);
-  // Memory to reuse, or none.
+  // Gives memory to reuse, or none.
   CountedBytes TakeSpare();
 
  private:

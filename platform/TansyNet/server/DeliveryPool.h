@@ -11,9 +11,9 @@
 
 namespace TansyNet {
 
-// Pieces of streamed bodies are delivered here: whoever takes them may wait for its storage, and the I/O threads must
-// not. The queue holds at most one piece a connection, because the next one is posted only when the last one is done
-// with.
+// Delivers pieces of streamed bodies: the receiver of a piece may wait for its storage, and the I/O threads must not
+// wait. The queue holds at most one piece per connection, because the next piece is posted only after the last one was
+// processed.
 class CDeliveryPool {
  public:
   CDeliveryPool() = default;
@@ -22,7 +22,7 @@ class CDeliveryPool {
   CDeliveryPool& operator=(const CDeliveryPool&) = delete;
 
   void Start(unsigned threads);
-  // Waits for the tasks that run, drops those that wait.
+  // Waits for the tasks that run, and drops those that wait.
   void Stop();
   void Post(std::function<void()> task);
 

@@ -26,7 +26,7 @@ std::shared_ptr<IServerConnection> CHandleTable::Find(std::int32_t handle) const
 
 void CHandleTable::Remove(std::int32_t handle) {
   Shard& shard = ShardOf(handle);
-  std::shared_ptr<IServerConnection> last;  // let go of after the lock
+  std::shared_ptr<IServerConnection> last;  // released after the lock
   const std::scoped_lock lock(shard.mutex);
   const auto found = shard.connections.find(handle);
   if (found != shard.connections.end()) {

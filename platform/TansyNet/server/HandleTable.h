@@ -1,4 +1,4 @@
-// Which connection waits for the answer to which request.
+// Finds the connection that waits for the answer to a request.
 #ifndef TANSY_NET_SERVER_HANDLE_TABLE_H
 #define TANSY_NET_SERVER_HANDLE_TABLE_H
 
@@ -14,14 +14,14 @@
 
 namespace TansyNet {
 
-// Any thread. Handles count upwards from 1; when all positive numbers have been used the negative ones follow, and only
-// after those the count begins anew, leaving out what is still open. 0 is never a handle.
+// Threads: any. Handles count upwards from 1; when all positive numbers have been used, the negative ones follow. Only
+// after those the count begins again, and leaves out numbers that are still open. 0 is never a handle.
 class CHandleTable {
  public:
   explicit CHandleTable(std::uint32_t first = 1) : next_(first) {}
 
   std::int32_t Add(const std::shared_ptr<IServerConnection>& connection);
-  // Null when the request is not open.
+  // Returns null when the request is not open.
   std::shared_ptr<IServerConnection> Find(std::int32_t handle) const;
   void Remove(std::int32_t handle);
   std::size_t Size() const { return size_.load(std::memory_order_relaxed); }

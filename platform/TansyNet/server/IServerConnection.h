@@ -1,4 +1,4 @@
-// A connection as those see it who look after many of them.
+// A connection, as the classes that manage many connections see it.
 #ifndef TANSY_NET_SERVER_I_SERVER_CONNECTION_H
 #define TANSY_NET_SERVER_I_SERVER_CONNECTION_H
 
@@ -15,14 +15,14 @@ class IServerConnection {
  public:
   virtual ~IServerConnection() = default;
 
-  // The thread of the connection's worker.
+  // This may be called only on the thread of the connection's worker.
   virtual bool IsPastDeadline(std::int64_t now) const = 0;
   virtual void OnDeadline() = 0;
 
   // Any thread. When it began to wait for a request, in SteadyMilliseconds; kNever while it has one.
   static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
   virtual std::int64_t IdleSince() const = 0;
-  // False when a request has come in the meantime.
+  // Returns false when a request has come in the meantime.
   virtual bool CloseIfIdle() = 0;
   // When the client of an answer that is being sent last took some of it; kNever while it goes on or there is none.
   virtual std::int64_t StandingSince() const = 0;
@@ -34,7 +34,7 @@ class IServerConnection {
   // Closes as soon as no request is under way.
   virtual void CloseWhenIdle() = 0;
 
-  // The answers of CHttpServer, with its results. Any thread.
+  // These are the answers of CHttpServer, with its results. Threads: any.
   virtual int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) = 0;
   virtual int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
                              std::uint64_t total_size) = 0;

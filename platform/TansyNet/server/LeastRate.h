@@ -1,4 +1,4 @@
-// How fast a transfer has to go while memory is short.
+// Says how fast a transfer must be while memory is short.
 #ifndef TANSY_NET_SERVER_LEAST_RATE_H
 #define TANSY_NET_SERVER_LEAST_RATE_H
 
@@ -7,8 +7,8 @@
 
 namespace TansyNet {
 
-// Looks at one window of time after the other, so that a good beginning does not excuse a client that then stands
-// still. Times are SteadyMilliseconds.
+// Looks at one window of time after the other, so that a good beginning does not excuse a client that then sends
+// nothing. Times are SteadyMilliseconds.
 class CLeastRate {
  public:
   CLeastRate(std::uint32_t bytes_per_second, std::uint32_t window_ms)
@@ -20,7 +20,8 @@ class CLeastRate {
   }
   void Moved(std::size_t bytes) { moved_ += bytes; }
   std::int64_t WindowEnd() const { return window_began_ + window_ms_; }
-  // True when a window is over and fewer bytes were moved in it than the rate demands. The next window then begins.
+  // Returns true when a window is over in which fewer bytes were moved than the rate demands. The next window then
+  // begins.
   bool FellBelow(std::int64_t now) {
     if (now < WindowEnd()) {
       return false;

@@ -1,4 +1,4 @@
-// What a start on "all addresses" means, and which listeners belong to one handle because of that.
+// Says what a start on "all addresses" means, and which listeners share one handle because of that.
 #ifndef TANSY_NET_SERVER_LISTEN_ADDRESSES_H
 #define TANSY_NET_SERVER_LISTEN_ADDRESSES_H
 
@@ -10,23 +10,23 @@
 
 namespace TansyNet {
 
-// Any thread may call any member.
+// Threads: any thread may call any member.
 class CListenAddresses {
  public:
   void Set(std::vector<std::string> addresses);
-  // Where a start on this address listens: for "0.0.0.0" and "::" those of the set ones that are of the same family
-  // (the address itself when none are set), for any other address that one.
+  // Gives the addresses on which a start on `address` listens. "0.0.0.0" and "::" stand for the configured addresses of
+  // the same family, or for themselves when none are configured; any other address stands for itself.
   std::vector<std::string> Of(const std::string& address) const;
 
-  // Makes one handle of several. 0 for none.
+  // Makes one handle of several. The handle is 0 when there are none.
   std::int32_t Join(const std::vector<std::int32_t>& handles);
-  // The handles that were joined into this one, this one included, and forgets them.
+  // Gives the handles that were joined into this one, itself included, and forgets that they were joined.
   std::vector<std::int32_t> Part(std::int32_t handle);
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> addresses_;                            // guarded by mutex_
-  std::map<std::int32_t, std::vector<std::int32_t>> companions_;  // guarded by mutex_; of a handle that has some
+  std::map<std::int32_t, std::vector<std::int32_t>> companions_;  // guarded by mutex_; key: the joint handle
 };
 
 }  // namespace TansyNet

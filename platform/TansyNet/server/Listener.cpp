@@ -24,7 +24,7 @@ struct CListener::Impl {
   explicit Impl(asio::io_context& context) : acceptor(context), accepted(context), pause(context) {}
 
   tcp::acceptor acceptor;
-  std::shared_ptr<CServerWorker> target;  // of the connection that is being accepted
+  std::shared_ptr<CServerWorker> target;  // the worker of the connection that is being accepted
   tcp::socket accepted;
   asio::steady_timer pause;
 };
@@ -32,7 +32,7 @@ struct CListener::Impl {
 namespace details {
 namespace {
 
-// After a failed accept, which mostly means that the process has no file descriptors left.
+// The pause after a failed accept, which mostly means that the process has no file descriptors left.
 constexpr std::chrono::milliseconds kPause{100};
 
 int NetErrorOf(const error_code& error) {
@@ -143,7 +143,7 @@ void CListener::Close() {
   impl_->pause.cancel();
 }
 
-// Connections are dealt out in turn; each is accepted straight onto the event loop of the worker that will serve it.
+// Workers get connections in turn. Each connection is accepted straight onto the event loop of its worker.
 void CListener::Accept() {
   const std::scoped_lock lock(mutex_);
   if (IsClosed()) {
@@ -176,8 +176,8 @@ void CListener::OnAccepted(const error_code& problem, std::uint64_t turn) {
   }
 }
 
-// After a step that failed for want of memory, which may have been the one that accepts: the event loop may have lost
-// it without a word to us.
+// Starts to accept again after a step failed because memory ran out. That step may have been the accept, and then the
+// event loop has dropped it without telling us.
 void CListener::AcceptAnew() {
   {
     const std::scoped_lock lock(mutex_);
@@ -194,7 +194,7 @@ bool CListener::IsTurn(std::uint64_t turn) {
   return turn == turn_;
 }
 
-// One line when it begins: what keeps clients out tends to do so many times a second.
+// Only the beginning of a trouble is logged, because it usually occurs many times a second.
 void CListener::NoteTrouble(const std::string& what) {
   if (trouble_ != what) {
     trouble_ = what;

@@ -27,16 +27,18 @@ class CListener : public std::enable_shared_from_this<CListener> {
   CListener(const CListener&) = delete;
   CListener& operator=(const CListener&) = delete;
 
-  // Reads the certificate of an HTTPS listener, also again while it runs. 0 or kNetCertificate with `error` set.
+  // Reads the certificate of an HTTPS listener; it may be called again while the listener runs. Returns 0 or
+  // kNetCertificate with `error` set.
   int LoadCertificate(const HttpsServer& tls, std::string& error);
   int ReloadCertificate(std::string& error);
 
-  // Result of Open for "::" on a machine that has no IPv6: there is no address to listen on, and no client to miss.
+  // The result of Open for "::" on a machine without IPv6: there is no address to listen on, and no client will miss
+  // it.
   static constexpr int kNoIpv6 = -1;
 
-  // Binds and begins to accept. 0, kNoIpv6, or a NetError; with `error` set unless it is 0.
+  // Binds and begins to accept. Returns 0, kNoIpv6 or a NetError; `error` is set unless the result is 0.
   int Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error);
-  // The port is free when this returns. Connections live on until their requests are answered.
+  // Frees the port before it returns. Connections stay open until their requests are answered.
   void Close();
   bool IsOriginOf(const IServerConnection& connection) const { return &connection.Origin() == endpoint_.get(); }
 
@@ -56,15 +58,15 @@ class CListener : public std::enable_shared_from_this<CListener> {
   CServerRuntime& runtime_;
   const std::shared_ptr<CServerWorker> worker_;
   const std::shared_ptr<Endpoint> endpoint_;
-  std::string trouble_;  // what keeps new clients out at present; the worker's own
+  std::string trouble_;  // what keeps new clients out at present; used by the worker only
 
   mutable std::mutex tls_mutex_;
   HttpsServer tls_settings_;  // guarded by tls_mutex_
   TlsContextPtr tls_;         // guarded by tls_mutex_; null for plain HTTP
 
-  // The acceptor is used by its worker and closed by whoever stops the listener.
+  // The acceptor is used by its worker and closed by the thread that stops the listener.
   std::mutex mutex_;
-  std::uint64_t turn_ = 0;  // guarded by mutex_; tells the accept that counts from one that was given up
+  std::uint64_t turn_ = 0;  // guarded by mutex_; identifies the current accept, so that an abandoned one is ignored
   std::unique_ptr<Impl> impl_;
 };
 

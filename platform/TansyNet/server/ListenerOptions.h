@@ -1,11 +1,11 @@
-// Where operating systems differ about listening sockets.
+// Differences between operating systems in listening sockets.
 #ifndef TANSY_NET_SERVER_LISTENER_OPTIONS_H
 #define TANSY_NET_SERVER_LISTENER_OPTIONS_H
 
 namespace TansyNet {
 
-// Whether a port cannot be listened on while connections of an earlier listener linger, unless the option for reusing
-// addresses is set. Where they do not, that option would let two listeners share a port and is left alone.
+// Says whether lingering connections of an earlier listener block a port unless the option for reusing addresses is
+// set. Where they do not, that option would let two listeners share a port, so it is not set.
 bool LingeringConnectionsBlockPorts();
 
 }  // namespace TansyNet

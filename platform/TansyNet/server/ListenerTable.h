@@ -14,7 +14,7 @@
 
 namespace TansyNet {
 
-// Any thread; the functions are those of CHttpServer.
+// Threads: any; the functions are those of CHttpServer.
 class CListenerTable {
  public:
   explicit CListenerTable(CServerRuntime& runtime) : runtime_(runtime) {}
@@ -28,7 +28,7 @@ class CListenerTable {
   int ReloadCertificates();
   bool Shutdown(std::uint32_t drain_ms);
 
-  // Why the last start in the calling thread failed.
+  // Says why the last start in the calling thread failed.
   static void SetLastError(std::string text);
   static std::string LastError();
 
@@ -37,7 +37,8 @@ class CListenerTable {
 
   CServerRuntime& runtime_;
 
-  // One start or stop at a time. Never held while threads are joined: their callbacks may start and stop listeners.
+  // It serialises starts and stops. It is never held while threads are joined, because their callbacks may start and
+  // stop listeners.
   std::mutex control_mutex_;
 
   std::mutex mutex_;

@@ -66,7 +66,7 @@ void CServerConnection::Start() {
   try {
     worker_->Adopt(shared_from_this());
   } catch (const std::exception&) {
-    Abort();  // whether or not the worker has it: nobody would watch over it
+    Abort();  // whether or not the worker has it, because nobody would watch over it
     throw;
   }
   Lock lock(mutex_);
@@ -108,7 +108,7 @@ void CServerConnection::Advance(Lock& lock) {
       }
     }
   } catch (const std::exception& problem) {
-    // A step that was not finished cannot be gone on with; other connections can.
+    // A step that failed cannot be continued, so this connection is closed; the others go on.
     if (!lock.owns_lock()) {
       lock.lock();
     }
@@ -159,8 +159,8 @@ CServerConnection::Next CServerConnection::StepHandshake() {
   return Next::kWait;
 }
 
-// Bytes of a next request are left in the socket; what matters is whether the client is still there. A client that has
-// only closed its own direction gets its answer.
+// Bytes of a next request stay in the socket; only the question whether the client is still there matters here. A
+// client that has closed only its own direction still gets its answer.
 CServerConnection::Next CServerConnection::StepWhileHandled() {
   if (read_watched_ || input_waiting_ || peer_done_) {
     return Next::kWait;
@@ -183,7 +183,7 @@ CServerConnection::Next CServerConnection::StepWhileHandled() {
 }
 
 CServerConnection::Next CServerConnection::StepDrain() {
-  // Encrypted bytes are thrown away like others: nobody reads them any more.
+  // Encrypted bytes are thrown away like others, because nobody reads them any more.
   const IoResult result = transport_.Socket().Read(worker_->Scratch(), CServerWorker::kScratchBytes);
   if (result.status != IoStatus::kDone) {
     WaitFor(result.status);
@@ -197,7 +197,7 @@ CServerConnection::Next CServerConnection::StepDrain() {
   return Next::kGoOn;
 }
 
-// What to do after an operation that did not succeed.
+// Decides what to do after an operation that did not succeed.
 void CServerConnection::WaitFor(IoStatus status) {
   switch (status) {
     case IoStatus::kWantRead:
@@ -213,7 +213,7 @@ void CServerConnection::WaitFor(IoStatus status) {
   }
 }
 
-// Clients that leave between two requests, or after their last answer, do what they may.
+// Counts a client that left too early. Leaving between two requests, or after the last answer, is allowed.
 void CServerConnection::NoteBrokenOff() {
   const char* const ip = transport_.Socket().PeerAddress().c_str();
   if (phase_ == Phase::kHandshake) {
@@ -309,7 +309,7 @@ bool CServerConnection::CloseIfIdle() {
   return true;
 }
 
-// What a client has sent already is answered first.
+// Requests that a client has sent already are answered first.
 void CServerConnection::EndIfIdle() {
   if (!is_ending_ || phase_ != Phase::kIdle) {
     return;
@@ -357,7 +357,7 @@ void CServerConnection::NoteFailure(const std::exception& problem) noexcept {
   try {
     TANSY_LOG(logging::kError, "TansyNet", "[%s]step failed, handle = %d, %s[%s(%d)]", handle_, problem.what());
   } catch (const std::exception&) {
-    // Nothing is left to say it with.
+    // There is no memory left to log this failure with.
   }
 }
 

@@ -1,4 +1,4 @@
-// One client's connection: reads requests, delivers them, sends the answers.
+// One client's connection: it reads requests, delivers them and sends the answers.
 #ifndef TANSY_NET_SERVER_SERVER_CONNECTION_H
 #define TANSY_NET_SERVER_SERVER_CONNECTION_H
 
@@ -27,11 +27,11 @@
 
 namespace TansyNet {
 
-// A connection serves one request at a time. Reading happens on its worker's thread; answers are written by whoever
-// answers, and finished by the worker when the socket is full. The lock guards the whole state; it is never held while
-// a callback runs or a thread waits for the client.
+// A connection serves one request at a time. Reading happens on its worker's thread. The thread that answers writes the
+// answer, and the worker finishes it when the socket is full. The lock guards the whole state; it is never held while a
+// callback runs or a thread waits for the client.
 //
-// While a request is being handled nothing is read beyond it: the connection only watches for the client's end.
+// While a request is being handled, nothing is read beyond it: the connection only watches whether the client leaves.
 class CServerConnection final : public IServerConnection,
                                 public ISocketEvents,
                                 public std::enable_shared_from_this<CServerConnection> {
@@ -44,14 +44,14 @@ class CServerConnection final : public IServerConnection,
   CServerConnection(const CServerConnection&) = delete;
   CServerConnection& operator=(const CServerConnection&) = delete;
 
-  // Worker's thread.
+  // This runs on the worker's thread.
   void Start();
   void OnReadable() override;
   void OnWritable() override;
   bool IsPastDeadline(std::int64_t now) const override { return now >= deadline_.load(std::memory_order_relaxed); }
   void OnDeadline() override;
 
-  // Any thread.
+  // Threads: any.
   std::int64_t IdleSince() const override { return idle_since_.load(std::memory_order_relaxed); }
   bool CloseIfIdle() override;
   std::int64_t StandingSince() const override;
@@ -73,20 +73,20 @@ class CServerConnection final : public IServerConnection,
     kBody,           // a body of known length, delivered whole
     kChunks,         // a chunked body, delivered whole
     kUpload,         // a body delivered in pieces
-    kHandling,       // all is delivered, the answer is awaited
-    kSending,        // the worker sends what is left of an answer
+    kHandling,       // all is delivered; the answer has not come yet
+    kSending,        // the worker sends the rest of an answer
     kSendingChunks,  // AnswerInChunks has begun
-    kDraining,       // answered for the last time; what still comes is thrown away
+    kDraining,       // the last answer is sent; bytes that still come are thrown away
     kClosed,
   };
   enum class Next { kGoOn, kWait };
 
   // A body on its way to its receiver, piece by piece.
   struct Upload {
-    std::uint64_t left = 0;  // bytes of the body that belong to later pieces than the one being filled
+    std::uint64_t left = 0;  // bytes of the body after the piece that is being filled
     CBodyBuffer filling;
     std::shared_ptr<CPieceStore> store = std::make_shared<CPieceStore>();
-    std::shared_ptr<const std::string> ready;  // full, waits for the token of the piece before it
+    std::shared_ptr<const std::string> ready;  // a full piece that waits for the token of the piece before it
     bool token_out = false;
     bool is_checked = false;  // a handler has seen the first piece
   };
@@ -98,7 +98,7 @@ class CServerConnection final : public IServerConnection,
   void SetDeadline(std::int64_t milliseconds);
   void SetDeadlineAt(std::int64_t time) { deadline_.store(time, std::memory_order_relaxed); }
 
-  // ServerConnection.cpp
+  // These are in ServerConnection.cpp.
   void Advance(Lock& lock);
   Next Step(Lock& lock);
   Next StepHandshake();
@@ -111,20 +111,20 @@ class CServerConnection final : public IServerConnection,
   void WatchReadable();
   void WatchWritable();
   void ContinueLater();
-  // Tells the client first, which matters over TLS.
+  // Tells the client that the connection ends, which matters over TLS, and closes it.
   void CloseGently();
   void Close();
   void EndIfIdle();
   bool HasMoreInput();
-  // Whether nobody will wake the connection when it has something to read.
+  // Returns true when nobody will wake the connection although it has something to read.
   bool IsUnwatched() const { return HasInput() || !read_watched_; }
 
-  // ServerConnectionRequest.cpp
+  // These are in ServerConnectionRequest.cpp.
   Next StepHead(Lock& lock);
-  // Room for a body: its bytes stay with the client until others have given some back.
+  // Waits for room for a body: its bytes stay with the client until others have given some room back.
   Next AwaitMemory(MemoryUse use, std::size_t demand);
   void MemoryCame();
-  // The times within which a body has to come.
+  // Sets the times within which a body has to come.
   void BeginBodyTime(std::uint64_t length);
   std::int64_t TimeFor(std::uint64_t bytes) const;
   void NoteBodyProgress(std::size_t bytes);
@@ -144,7 +144,7 @@ class CServerConnection final : public IServerConnection,
   void TakeRequest(RequestHead& head);
   void Call(std::int32_t handle, HttpServerRecv& message);
 
-  // ServerConnectionUpload.cpp
+  // These are in ServerConnectionUpload.cpp.
   Next BeginUpload(std::uint64_t length, std::string_view input);
   Next StepUpload();
   void StartPiece();
@@ -155,7 +155,7 @@ class CServerConnection final : public IServerConnection,
   void TakeTokenBack(std::int32_t handle, Lock& lock);
   bool UploadIsRead() const;
 
-  // ServerConnectionAnswer.cpp
+  // These are in ServerConnectionAnswer.cpp.
   Next Refuse(int status);
   bool CheckHandle(std::int32_t handle) const { return handle_ == handle && handle != 0; }
   std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
@@ -169,7 +169,7 @@ class CServerConnection final : public IServerConnection,
   void FinishAnswer();
   void StartDraining();
 
-  // Constant.
+  // These do not change.
   CServerRuntime& runtime_;
   const CConnectionPlace place_;
   const std::shared_ptr<CServerWorker> worker_;
@@ -182,37 +182,37 @@ class CServerConnection final : public IServerConnection,
   std::atomic<std::int32_t> lost_token_{0};  // a request whose token is gone, when there was no memory to say so
 
   mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
+  // Everything below is guarded by mutex_.
   CServerTransport transport_;
   Phase phase_;
   bool read_watched_ = false;
   bool write_watched_ = false;
-  bool advancing_ = false;      // the worker is inside Advance, perhaps in a callback without the lock
-  bool input_waiting_ = false;  // the socket has bytes that nobody watches for
+  bool advancing_ = false;      // the worker is inside Advance, perhaps in a callback and without the lock
+  bool input_waiting_ = false;  // the socket has bytes, and nobody watches for them
   bool peer_done_ = false;      // the client sends no more
 
-  std::string input_;  // read, but not taken yet, from input_begin_ on; no memory while there is nothing
+  std::string input_;  // bytes read but not taken yet, from input_begin_ on; uses no memory while there are none
   std::size_t input_begin_ = 0;
-  bool input_is_short_ = false;  // what is in input_ was looked at and is not enough
+  bool input_is_short_ = false;  // input_ was looked at and does not hold enough
   CRequestParser parser_;
   CBodyBuffer body_;
   CountedBytes chunked_body_;
   std::unique_ptr<Upload> upload_;
-  HttpServerRecv request_;  // that is being read; empty before its head is known and after its answer
+  HttpServerRecv request_;  // the request that is being read; empty before its head is known and after its answer
 
-  std::int64_t body_due_ = 0;  // when the next bytes of the body must have come
+  std::int64_t body_due_ = 0;  // when the body's next bytes must have come
   std::int64_t body_end_ = 0;  // when all of a body that nobody has checked must have come
   std::optional<CMemoryWait> memory_wait_;
   std::int64_t memory_due_ = 0;  // when a body that waits for room is refused
-  CLeastRate rate_;              // of the body or the answer that is under way
+  CLeastRate rate_;              // rate of the body or the answer under way
 
-  std::int32_t handle_ = 0;  // of the request that waits for its answer
+  std::int32_t handle_ = 0;  // handle of the request that waits for its answer
   bool keep_alive_ = true;
-  bool is_ending_ = false;  // closes when no request is under way or has come
+  bool is_ending_ = false;  // the connection closes when no request is under way or has come
   bool http11_ = true;
   bool is_head_ = false;
 
-  std::string output_;  // what the socket did not take of an answer
+  std::string output_;  // the part of an answer that the socket did not take
   std::size_t output_sent_ = 0;
   CMemoryShare output_share_{MemoryUse::kAnswers};
   std::int32_t send_timeout_ms_ = 0;

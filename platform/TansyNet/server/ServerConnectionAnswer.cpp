@@ -1,4 +1,4 @@
-// Sending answers, and how a connection ends after the last one.
+// Sends answers, and ends a connection after the last one.
 #include <algorithm>
 #include <utility>
 
@@ -10,20 +10,20 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-// How much is written before others may have the lock or the worker.
+// This much is written before others may have the lock or the worker.
 constexpr std::size_t kBytesPerTurn = std::size_t{1024} * 1024;
 constexpr std::int32_t kDefaultSendTimeoutMs = 20000;
 // Sockets take answers of this size at once, unless their client does not read at all.
 constexpr std::size_t kSmallAnswer = std::size_t{64} * 1024;
 constexpr int kUnavailable = 503;
-// After the last answer: how much, and how long, a client may go on sending before it reads. Closing at once would
+// After the last answer, a client may go on sending this much, and this long, before it reads. Closing at once would
 // reset the connection and take the answer from a client that has not read it yet; reading for ever would let anybody
-// send.
+// send without end.
 constexpr std::uint64_t kDrainBytes = std::uint64_t{64} * 1024 * 1024;
 constexpr std::int64_t kDrainMs = 10000;
 
-// A socket says that it takes bytes only once a good part of its buffer is free, which may be megabytes; it takes them
-// long before. So what a slow client has made room for shows only in an attempt, and attempts are made this often.
+// A socket reports that it takes bytes only once a good part of its buffer is free, which may be megabytes; it takes
+// bytes long before that. Only an attempt shows what a slow client has made room for, so attempts are made this often.
 int LookAgainMs(std::int32_t timeout_ms) {
   return std::clamp(timeout_ms / 4, 1, 1000);
 }
@@ -115,9 +115,10 @@ int CServerConnection::AnswerInChunks(std::int32_t handle, const HttpResponse& r
   return 0;
 }
 
-// The head of the answer; decides whether the connection goes on after it.
+// Builds the head of the answer, and decides whether the connection goes on after it.
 std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint64_t content_length) {
-  // What is left of a body cannot be told from a next request, and reading it all would let the client decide how long.
+  // The rest of an unread body cannot be told from a next request. Reading all of it would let the client decide how
+  // long that takes, so the connection ends.
   const bool body_is_read = phase_ != Phase::kUpload || UploadIsRead();
   is_ending_ = is_ending_ || origin_->closed.load(std::memory_order_acquire);
   keep_alive_ = keep_alive_ && body_is_read && !AsksToClose(response) && (!is_ending_ || HasMoreInput());
@@ -137,7 +138,7 @@ void CServerConnection::ForgetRequest() {
   }
 }
 
-// An answer of the library's own, after which the connection ends.
+// Sends an answer of the library's own, after which the connection ends.
 CServerConnection::Next CServerConnection::Refuse(int status) {
   TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request refused, status = %d, handle = %d, ip = %s, url = %s[%s(%d)]",
             status, handle_, transport_.Socket().PeerAddress().c_str(), request_.url.c_str());
@@ -152,7 +153,7 @@ CServerConnection::Next CServerConnection::Refuse(int status) {
   return Next::kWait;
 }
 
-// Writes what the socket takes; the worker's thread does the rest.
+// Writes as much as the socket takes; the worker's thread does the rest.
 int CServerConnection::Send(std::string_view head, std::string_view body, std::int32_t timeout_ms) {
   const IoStatus status = Write(head, body, head.size() + body.size());
   if (status == IoStatus::kDone) {
@@ -191,7 +192,7 @@ CServerConnection::Next CServerConnection::StepSending() {
   }
   if (status == IoStatus::kWantWrite) {
     WatchWritable();
-    // A client that is gone is noticed even while nothing can be written.
+    // The connection must also notice that a client is gone while nothing can be written.
     return StepWhileHandled();
   }
   Close();
@@ -242,7 +243,7 @@ bool CServerConnection::SendAgain(Lock& lock) {
   if (phase_ != Phase::kSending || now - send_progress_ >= send_timeout_ms_) {
     return false;
   }
-  // Whoever reads too little keeps room that others need; a byte now and then does not count as reading.
+  // A client that reads too little keeps room that others need; a byte now and then does not count as reading.
   if (rate_.FellBelow(now) && CMemoryAccount::Process().IsShort(MemoryUse::kAnswers)) {
     return false;
   }
@@ -251,7 +252,8 @@ bool CServerConnection::SendAgain(Lock& lock) {
   return true;
 }
 
-// Writes until all is written, `most` bytes are, or the socket takes no more. The views lose what was written.
+// Writes until everything is written, `most` bytes are written, or the socket takes no more. What was written is
+// removed from the views.
 IoStatus CServerConnection::Write(std::string_view& first, std::string_view& second, std::size_t most) {
   std::size_t written = 0;
   while (!first.empty() || !second.empty()) {
@@ -270,7 +272,7 @@ IoStatus CServerConnection::Write(std::string_view& first, std::string_view& sec
 
 int CServerConnection::WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms,
                                      Lock& lock) {
-  // This thread keeps the time itself; the worker's clock has a second look should it fail to.
+  // This thread watches the time itself; the worker's clock looks too, in case this thread fails to.
   SetDeadline(std::int64_t{2} * timeout_ms);
   std::int64_t last_progress = SteadyMilliseconds();
   rate_.Begin(last_progress);
@@ -305,7 +307,7 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
   return phase_ == Phase::kClosed ? kNetSendFailed : 0;
 }
 
-// All of an answer is with the operating system.
+// The operating system has all of an answer.
 void CServerConnection::FinishAnswer() {
   output_ = std::string();
   output_share_.Resize(0);
@@ -320,8 +322,8 @@ void CServerConnection::FinishAnswer() {
   SetPhase(Phase::kIdle);
   SetDeadline(limits_.idle_timeout_ms);
   parser_.Reset();
-  // Inside Advance the loop looks for itself, also when another thread gets here while a callback runs. An answer that
-  // came while its upload waited for storage finds the socket unwatched.
+  // Inside Advance the loop itself looks for input, also when another thread gets here while a callback runs. When an
+  // answer came while its upload waited for storage, nobody watches the socket.
   if (IsUnwatched() && !advancing_) {
     ContinueLater();
   }

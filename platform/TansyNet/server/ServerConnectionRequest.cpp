@@ -1,4 +1,4 @@
-// Reading requests and delivering those that are delivered whole.
+// Reads requests, and delivers those that are delivered whole.
 #include <algorithm>
 #include <exception>
 #include <utility>
@@ -148,8 +148,8 @@ void CServerConnection::NoteBodyProgress(std::size_t bytes) {
   SetDeadlineAt(std::min(body_due_, rate_.WindowEnd()));
 }
 
-// The deadline of a body came. True when it was only the end of a window in which enough was sent, or in which nobody
-// needed the room.
+// The deadline of a body came. Returns true when it was only the end of a window in which enough was sent, or in which
+// nobody needed the room.
 bool CServerConnection::BodyMayGoOn(std::int64_t now) {
   if (phase_ == Phase::kHead || now >= body_due_) {
     return false;
@@ -174,8 +174,8 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
   std::string& bytes = chunked_body_.bytes;
   const std::size_t before = bytes.size();
   const CRequestParser::Progress progress = parser_.ParseChunks(input, bytes, limit);
-  // How much it will be is not known, so it cannot wait for all of its room at once; waiting for more and more of it,
-  // some would wait for each other.
+  // The final size is not known, so the body cannot wait for all of its room at once. If such bodies waited for more
+  // and more room, they could wait for each other.
   if (!chunked_body_.share.Resize(MemoryOf(bytes))) {
     return Refuse(details::kUnavailable);
   }
@@ -213,7 +213,7 @@ CServerConnection::Next CServerConnection::Deliver(Lock& lock) {
   lock.unlock();
   Call(handle, message);
   lock.lock();
-  // The answer may be out already; then the next request's bytes, if there are any, have their turn.
+  // The answer may have been sent already; then the next request's bytes, if there are any, are read.
   return phase_ == Phase::kIdle && IsUnwatched() ? Next::kGoOn : Next::kWait;
 }
 
@@ -239,7 +239,7 @@ void CServerConnection::EnterHandling() {
   }
 }
 
-// Tells a client that asked first that its body is welcome. The line is so short that a socket which does not take it
+// Tells a client that asked first that it may send its body. The line is so short that a socket which does not take it
 // at once has a client that does not read.
 void CServerConnection::SendContinue() {
   if (!parser_.Head().expects_continue || HasInput()) {
@@ -252,7 +252,8 @@ void CServerConnection::SendContinue() {
   }
 }
 
-// Bytes to parse: those kept from before, or fresh ones when these are not enough. They stay valid until the next read.
+// Gives bytes to parse: those kept from before, or fresh ones when these are not enough. They stay valid until the next
+// read.
 IoStatus CServerConnection::ReadInput(std::string_view& input) {
   if (!Input().empty() && !input_is_short_) {
     input = Input();

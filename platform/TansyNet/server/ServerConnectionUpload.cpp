@@ -1,4 +1,4 @@
-// Bodies that are delivered in pieces, one piece at a time.
+// Receives bodies that are delivered in pieces, one piece at a time.
 #include <algorithm>
 #include <exception>
 #include <limits>
@@ -10,8 +10,9 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-// Of an upload under way there are at most: the piece that is being stored, its receiver's copy, and the piece read
-// ahead. With this size that is half of what an upload may cost, and storages that keep 4 MiB blocks write whole ones.
+// An upload under way takes at most three pieces: the piece that is being stored, its receiver's copy, and the piece
+// that is read ahead. With this size that is half of what an upload may cost, and storages that keep 4 MiB blocks write
+// whole blocks.
 constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
 static_assert(kPieceBytes <= kWholeBodyLimit);
 
@@ -60,7 +61,7 @@ MemoryUse CServerConnection::PieceUse() const {
 
 CServerConnection::Next CServerConnection::StepUpload() {
   if (upload_->ready != nullptr && upload_->token_out) {
-    return Next::kWait;  // OnTokenGone goes on
+    return Next::kWait;  // OnTokenGone continues
   }
   if (upload_->ready != nullptr) {
     DeliverPiece();
@@ -117,7 +118,7 @@ void CServerConnection::DeliverPiece() {
   });
 }
 
-// On a thread of the delivery pool.
+// This runs on a thread of the delivery pool.
 void CServerConnection::RunPiece(std::int32_t handle, HttpServerRecv& message) {
   {
     const Lock lock(mutex_);
@@ -125,12 +126,13 @@ void CServerConnection::RunPiece(std::int32_t handle, HttpServerRecv& message) {
       return;  // answered, or the client is gone
     }
   }
-  // The receiver may have handed on and finished the piece before it returns; the next one still waits for the return.
+  // The receiver may have handed the piece on and finished it before it returns; the next piece still waits for the
+  // return.
   const std::shared_ptr<const void> token = message.token;
   Call(handle, message);
 }
 
-// Called by a destructor: without memory for a message to the worker, its clock has to find out.
+// A destructor calls this. When there is no memory for a message to the worker, the worker's clock has to notice it.
 void CServerConnection::OnTokenGone(std::int32_t handle) noexcept {
   try {
     worker_->Post([self = shared_from_this(), handle] {

@@ -15,13 +15,13 @@ namespace {
 
 constexpr unsigned kDeliveryThreads = 4;
 
-// A quarter of what the process may open is left for files and for connections to others.
+// A quarter of what the process may open is reserved for files and for connections to others.
 std::uint32_t MostConnections() {
   const std::uint32_t most = MostOpenSockets();
   return most - most / 4;
 }
 
-// Deadlines are looked at often enough for the shortest of them to be kept roughly, and seldom enough not to matter.
+// The clock checks deadlines often enough to keep the shortest of them roughly, and rarely enough to cost little.
 std::uint32_t TickFor(const HttpServerLimits& limits) {
   constexpr std::uint32_t kLooksPerLimit = 8;
   constexpr std::uint32_t kShortest = 10;
@@ -32,7 +32,7 @@ std::uint32_t TickFor(const HttpServerLimits& limits) {
   return std::clamp(limit / kLooksPerLimit, kShortest, kLongest);
 }
 
-// Threads that run already when a later one cannot be had are left in `threads`.
+// When a later thread cannot be started, those that run already are left in `threads`.
 void StartThreads(ServerThreads& threads, std::uint32_t tick_ms) {
   const unsigned count = std::max(1U, std::thread::hardware_concurrency());
   threads.workers.reserve(count);

@@ -1,4 +1,4 @@
-// What all connections of the process share: threads, handles, limits and counts.
+// Everything that all connections of the process share: threads, handles, limits and counts.
 #ifndef TANSY_NET_SERVER_SERVER_RUNTIME_H
 #define TANSY_NET_SERVER_SERVER_RUNTIME_H
 
@@ -24,11 +24,11 @@ struct ServerThreads {
   std::vector<std::shared_ptr<CServerWorker>> workers;
   std::shared_ptr<CDeliveryPool> delivery;
 
-  // Closes every connection and ends the threads. Not from one of them.
+  // Closes every connection and ends the threads. It must not be called on one of them.
   void Stop();
 };
 
-// A counted connection; the count goes down with the object.
+// A counted connection; the count goes down when the object is destroyed.
 class CConnectionPlace {
  public:
   CConnectionPlace() = default;
@@ -47,7 +47,7 @@ class CConnectionPlace {
   std::atomic<std::uint32_t>* count_ = nullptr;
 };
 
-// Outlives its listeners and connections. Any thread.
+// It outlives its listeners and connections. Threads: any.
 class CServerRuntime {
  public:
   CServerRuntime() = default;
@@ -56,32 +56,32 @@ class CServerRuntime {
 
   // Starts the threads unless they run.
   void EnsureRunning();
-  // The runtime has no threads afterwards; EnsureRunning starts new ones.
+  // Takes the threads out: the runtime has none afterwards, and EnsureRunning starts new ones.
   ServerThreads TakeThreads();
 
   void SetLimits(const HttpServerLimits& limits);
   HttpServerLimits Limits() const;
 
   CHandleTable& Handles() { return handles_; }
-  // Runs a callback that may take long; see CDeliveryPool. Dropped when nothing runs.
+  // Runs a callback that may take long; see CDeliveryPool. The callback is dropped when no threads run.
   void Deliver(std::function<void()> task);
 
-  // Counts a new connection. When there are enough, the one that has been idle longest makes room; none is taken when
-  // all have something to do.
+  // Counts a new connection. When there are enough, the connection that has been idle longest is closed to make room;
+  // when all of them are busy, the new one is refused.
   CConnectionPlace AdmitConnection();
-  // False when none is idle.
+  // Returns false when none is idle.
   bool CloseLongestIdle();
   // Cuts the client that has read nothing of its answer for the longest time. False when all read.
   bool CutLongestStanding();
   // Connections with a request between its header and the last byte of its answer.
   void ConnectionBusy() { busy_.fetch_add(1, std::memory_order_relaxed); }
   void ConnectionIdle();
-  // False when there are still some after so many milliseconds.
+  // Returns false when some are still busy after this many milliseconds.
   bool WaitUntilIdle(std::uint32_t milliseconds);
 
-  // Where the next connection lives; null when nothing runs.
+  // Gives the worker of the next connection; null when no threads run.
   std::shared_ptr<CServerWorker> NextWorker();
-  // Calls `visit` for each connection on the thread that it lives on, some time from now.
+  // Calls `visit` for each connection, later and on the thread of the connection's worker.
   void ForEachConnection(const std::function<void(IServerConnection&)>& visit);
 
  private:

@@ -1,4 +1,4 @@
-// What a host sets for its listeners, and the results that it gets.
+// Settings that a host makes for its listeners, and the results that it gets.
 #ifndef TANSY_NET_SERVER_SERVER_SETTINGS_H
 #define TANSY_NET_SERVER_SERVER_SETTINGS_H
 
@@ -19,20 +19,21 @@ using RecvCallback = void (*)(std::int32_t handle, HttpServerRecv& msg);
 struct HttpsServer {
   bool request_client_certificate = false;
   bool require_client_certificate = false;
-  bool legacy_protocols = false;  // reserved: TLS 1.2 and 1.3 are spoken whatever it says
+  bool legacy_protocols = false;  // reserved and without effect: TLS 1.2 and 1.3 are always spoken
   std::string certificate_path;
   std::string private_key_path;
   std::string trust_path;  // PEM file of the authorities that sign client certificates
 };
 
-// What a client may do. Breaking a limit gets the right 4xx where an answer is still possible, and a closed connection.
+// Limits for clients. A client that breaks a limit gets the right 4xx answer where one is still possible, and its
+// connection is closed.
 struct HttpServerLimits {
   std::uint32_t header_bytes = 64 * 1024;
-  std::uint32_t header_timeout_ms = 10000;  // from the first byte of a request to the end of its header; TLS handshakes
+  std::uint32_t header_timeout_ms = 10000;  // for a whole request header; also for TLS handshakes
   std::uint32_t idle_timeout_ms = 60000;    // between two requests of a connection
   std::uint32_t body_timeout_ms = 30000;    // without any progress of the body
-  // The same for the whole of a body that nobody has checked yet, in addition to the time that its length takes at the
-  // least rate.
+  // Limits the time for the whole of a body that nobody has checked yet, in addition to the time that its length takes
+  // at the least rate.
   std::uint32_t unchecked_body_timeout_ms = 60000;
   std::uint32_t unanswered_timeout_ms = 120000;  // from the delivery of a whole request to its answer
   std::uint32_t connections = 10000;
@@ -40,19 +41,18 @@ struct HttpServerLimits {
   // While memory is short, a client that sends or reads less than this rate, over a whole window, is disconnected.
   std::uint32_t least_bytes_per_second = 32 * 1024;
   std::uint32_t least_rate_window_ms = 4000;
-  // The ceiling of MemoryAccount.h, for this process as a whole. A client whose body or answer finds no room is
-  // answered 503.
+  // The ceiling of MemoryAccount.h for the whole process. A client whose body or answer finds no room is answered 503.
   std::uint64_t memory_bytes = CMemoryAccount::kDefaultLimit;
 };
 
-// Results other than 0 (success).
+// All results except 0, which is success.
 enum NetError : int {
   kNetAddressInUse = 1001,
   kNetAddressInvalid = 1002,
   kNetListenFailed = 1003,
-  kNetUnknownHandle = 1004,    // no such listener; or the request is answered, timed out, or its client is gone
-  kNetCertificate = 1005,      // certificate or key missing, broken, or not belonging together; LastError says which
-  kNetAlreadyAnswered = 1006,  // the head of another answer is out; the connection is closed
+  kNetUnknownHandle = 1004,    // no such listener; or the request is answered or timed out, or its client is gone
+  kNetCertificate = 1005,      // certificate or key missing, broken or not a pair; LastError says which
+  kNetAlreadyAnswered = 1006,  // the head of another answer has been sent; the connection is closed
   kNetSendFailed = 1007,
   kNetSendTimeout = 1008,
   kNetPermission = 1009,

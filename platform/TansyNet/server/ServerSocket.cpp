@@ -39,7 +39,7 @@ std::unique_ptr<CServerSocket> CServerSocket::Create(AcceptedSocket accepted) {
   if (error) {
     return nullptr;
   }
-  // Answers are written whole; waiting for more to send only delays them.
+  // Answers are written whole, so waiting for more bytes would only delay them.
   socket.set_option(asio::ip::tcp::no_delay(true), error);
   auto kept = std::make_unique<AcceptedSocket>(std::move(accepted));
   return std::unique_ptr<CServerSocket>(new CServerSocket(std::move(kept), peer.address().to_string()));

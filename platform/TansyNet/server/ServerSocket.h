@@ -14,7 +14,7 @@ namespace TansyNet {
 
 struct AcceptedSocket;
 
-// Whoever is told that a socket is ready. Called on the thread of the socket's worker, also after CServerSocket::Stop.
+// Is told that a socket is ready. It is called on the thread of the socket's worker, also after CServerSocket::Stop.
 class ISocketEvents {
  public:
   virtual ~ISocketEvents() = default;
@@ -22,11 +22,11 @@ class ISocketEvents {
   virtual void OnWritable() = 0;
 };
 
-// Threads: one call at a time; the owner's lock sees to that. The socket is closed by the destructor only, so that its
+// Threads: one call at a time, which the owner's lock ensures. Only the destructor closes the socket, so that its
 // number cannot be given to another connection while a thread still waits for it.
 class CServerSocket final : public ISocket {
  public:
-  // Null when the peer is gone already.
+  // Returns null when the peer is gone already.
   static std::unique_ptr<CServerSocket> Create(AcceptedSocket accepted);
   ~CServerSocket() override;
   CServerSocket(const CServerSocket&) = delete;
@@ -35,15 +35,15 @@ class CServerSocket final : public ISocket {
   const std::string& PeerAddress() const { return peer_; }
 
   IoResult Read(char* data, std::size_t size) override;
-  // Looks whether anything is there without taking it.
+  // Looks whether bytes are there, without taking them.
   IoResult Peek();
   IoResult Write(std::string_view first, std::string_view second) override;
 
-  // Tells the owner once, as soon as the socket is ready, closed or stopped. The owner lives until then.
+  // Tells the owner once, as soon as the socket is ready, closed or stopped. The owner is kept alive until then.
   void WatchReadable(std::shared_ptr<ISocketEvents> owner);
   void WatchWritable(std::shared_ptr<ISocketEvents> owner);
 
-  // No more bytes go out; the peer sees the end.
+  // Ends the sending direction, which the peer sees as the end.
   void ShutdownSend();
   // Ends both directions and the watches, and wakes a thread in WaitForSocket.
   void Stop();

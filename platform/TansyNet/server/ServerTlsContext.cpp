@@ -24,7 +24,8 @@ bool FileExists(const std::string& path) {
   return std::filesystem::is_regular_file(reinterpret_cast<const char8_t*>(path.c_str()), ignored);
 }
 
-// One path for both names a pair beside each other or, without such a pair, a file that holds both.
+// When both names are the same path, they stand for a pair beside each other or, without such a pair, for a file that
+// holds both.
 CertificatePair FindPair(const HttpsServer& tls) {
   if (tls.certificate_path != tls.private_key_path) {
     return {tls.certificate_path, tls.private_key_path};
@@ -44,7 +45,7 @@ std::string OpenSslReason() {
   return reason == nullptr ? "unknown reason" : reason;
 }
 
-// A key with a pass phrase must fail, not ask for it on a terminal that nobody watches.
+// A key with a pass phrase must fail. OpenSSL must not ask for the phrase on a terminal that nobody watches.
 int NoPassPhrase(char* /*buffer*/, int /*size*/, int /*for_writing*/, void* /*data*/) {
   return -1;
 }
@@ -54,10 +55,11 @@ void SetRules(SSL_CTX* context) {
   SSL_CTX_set_cipher_list(context, "ECDHE+AESGCM:ECDHE+CHACHA20");
   SSL_CTX_set_options(context, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE |
                                    SSL_OP_PRIORITIZE_CHACHA);
-  // Partial writes let the rest of an answer go on from another buffer; released buffers keep idle connections small.
+  // With partial writes, the rest of an answer may come from another buffer. Released buffers keep idle connections
+  // small.
   SSL_CTX_set_mode(context,
                    SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
-  // A record and its five-byte header come with one system call instead of two.
+  // With read-ahead, a record and its five-byte header need one system call instead of two.
   SSL_CTX_set_read_ahead(context, 1);
   constexpr std::string_view kSessionName = "TansyNet";
   SSL_CTX_set_session_id_context(context, reinterpret_cast<const unsigned char*>(kSessionName.data()),

@@ -13,7 +13,8 @@ namespace TansyNet {
 
 using TlsContextPtr = std::shared_ptr<SSL_CTX>;
 
-// Null when the certificate, its key or the authorities' file cannot be used; `error` then says why in one line.
+// Returns null when the certificate, its key or the authorities' file cannot be used; `error` then says why in one
+// line.
 TlsContextPtr LoadTlsContext(const HttpsServer& tls, std::string& error);
 
 }  // namespace TansyNet

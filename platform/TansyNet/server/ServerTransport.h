@@ -1,4 +1,4 @@
-// A connection's bytes, in the clear or encrypted.
+// The bytes of a connection, plain or encrypted.
 #ifndef TANSY_NET_SERVER_SERVER_TRANSPORT_H
 #define TANSY_NET_SERVER_SERVER_TRANSPORT_H
 
@@ -12,26 +12,27 @@
 
 namespace TansyNet {
 
-// Never blocks. Threads: as CServerSocket.
+// It never blocks. Threads: as for CServerSocket.
 class CServerTransport {
  public:
   // `tls` is null for plain HTTP.
   CServerTransport(std::unique_ptr<CServerSocket> socket, const TlsContextPtr& tls);
 
   CServerSocket& Socket() { return *socket_; }
-  // False when an encrypted connection could not be set up.
+  // Returns false when an encrypted connection could not be set up.
   bool IsUsable() const { return !encrypted_ || tls_ != nullptr; }
   bool IsEncrypted() const { return encrypted_; }
 
   IoResult Handshake() { return tls_->Handshake(); }
   const char* HandshakeFailure() const { return tls_->FailureText(); }
-  // After a failed handshake with a client that speaks plain HTTP: what follows is in the clear. False for all others.
+  // Is called after a failed handshake. When the client speaks plain HTTP, the connection goes on without encryption;
+  // otherwise the result is false.
   bool FallBackToPlain();
 
   IoResult Read(char* data, std::size_t size);
-  // What was not written is offered again first, unchanged, in the next call.
+  // Bytes that were not written must be offered again first, unchanged, in the next call.
   IoResult Write(std::string_view first, std::string_view second = {});
-  // Bytes that Read can return though the socket has none.
+  // Returns true when Read can return bytes although the socket has none.
   bool HasBuffered() const { return tls_ != nullptr && tls_->HasBuffered(); }
   void ShutdownSend();
 

@@ -30,7 +30,7 @@ void NoteFailure(const std::exception& problem) noexcept {
   try {
     TANSY_LOG(logging::kError, "TansyNet", "[%s]step failed, %s[%s(%d)]", problem.what());
   } catch (const std::exception&) {
-    // Nothing is left to say it with.
+    // There is no memory left to log this failure with.
   }
 }
 
@@ -38,7 +38,7 @@ void NoteFailure(const std::exception& problem) noexcept {
 }  // namespace details
 
 struct CServerWorker::Impl {
-  // One thread runs the loop; everybody else only posts.
+  // One thread runs the loop; all other threads only post to it.
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
   asio::steady_timer timer{context};
@@ -49,11 +49,11 @@ struct CServerWorker::Impl {
   bool stopped = false;                                   // guarded by mutex
   std::map<const void*, std::function<void()>> revivals;  // guarded by mutex
 
-  // Changed by the thread alone, under the mutex; so the thread itself reads without it.
+  // Only the thread changes these, and it does so under the mutex; so the thread itself reads them without it.
   std::unordered_map<IServerConnection*, std::shared_ptr<IServerConnection>> connections;
 
-  // The thread's own.
-  bool ticking = false;  // the timer is set
+  // Only the thread uses these.
+  bool ticking = false;  // true while the timer is set
   bool closing = false;
   std::unique_ptr<char[]> scratch{new char[kScratchBytes]};
 
@@ -63,8 +63,8 @@ struct CServerWorker::Impl {
   void CheckDeadlines();
 };
 
-// Out of memory ends the step of one connection, but not the thread. What such a step would have set going, the clock
-// and the listeners, is set going afterwards.
+// When memory runs out, the step of one connection ends, but the thread goes on. Things that the failed step should
+// have started, the clock and the listeners, are started afterwards.
 void CServerWorker::Impl::Run() {
   MarkLibraryThread();
   OSAL_SetThreadName("tansy-io");
@@ -100,7 +100,7 @@ void CServerWorker::Impl::Revive() {
 
 void CServerWorker::Impl::Tick() {
   // An idle worker sleeps: the clock runs only while there is a connection to watch. A tick that was due when the
-  // worker was stopped must not start the next one, or the loop would never end.
+  // worker was stopped must not start the next one, because the loop would then never end.
   if (closing || connections.empty()) {
     return;
   }
@@ -108,7 +108,7 @@ void CServerWorker::Impl::Tick() {
   timer.async_wait([this](const boost::system::error_code& error) {
     ticking = false;
     if (!error) {
-      Tick();  // first, so that the clock goes on whatever happens to one connection
+      Tick();  // first, so that the clock goes on even when a step below fails
       CheckDeadlines();
     }
   });
@@ -163,7 +163,7 @@ void CServerWorker::Stop() {
       connection->Abort();
     }
   });
-  // Without the guard the loop ends by itself when the last watch has been told of its connection's end.
+  // Without the guard, the loop ends by itself when the last watch has reported its connection's end.
   impl_->work.reset();
   impl_->thread.join();
   const std::scoped_lock lock(impl_->mutex);
@@ -186,7 +186,7 @@ void CServerWorker::SetTick(std::uint32_t milliseconds) {
 
 void CServerWorker::ForEachConnection(std::function<void(IServerConnection&)> visit) {
   Post([this, visit = std::move(visit)] {
-    // A visit may end in Forget, so the walk is over a copy.
+    // A visit may call Forget, so the loop goes over a copy.
     const auto connections = impl_->connections;
     for (const auto& [key, connection] : connections) {
       visit(*connection);
@@ -210,7 +210,7 @@ void CServerWorker::Adopt(std::shared_ptr<IServerConnection> connection) {
 }
 
 void CServerWorker::Forget(IServerConnection* connection) {
-  std::shared_ptr<IServerConnection> last;  // let go of after the lock
+  std::shared_ptr<IServerConnection> last;  // released after the lock
   const std::scoped_lock lock(impl_->mutex);
   const auto found = impl_->connections.find(connection);
   if (found != impl_->connections.end()) {

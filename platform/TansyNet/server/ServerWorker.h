@@ -1,4 +1,4 @@
-// One I/O thread with its event loop, the connections that live on it, and the clock that watches over them.
+// One I/O thread with its event loop, the connections that it serves, and the clock that watches over them.
 #ifndef TANSY_NET_SERVER_SERVER_WORKER_H
 #define TANSY_NET_SERVER_SERVER_WORKER_H
 
@@ -15,7 +15,7 @@ class io_context;
 
 namespace TansyNet {
 
-// Milliseconds of a clock that never goes back.
+// Gives the milliseconds of a clock that never goes back.
 std::int64_t SteadyMilliseconds();
 
 class CServerWorker {
@@ -27,7 +27,7 @@ class CServerWorker {
   CServerWorker(const CServerWorker&) = delete;
   CServerWorker& operator=(const CServerWorker&) = delete;
 
-  // Whether the calling thread belongs to the library, which must not wait for its own end.
+  // Says whether the calling thread belongs to the library. Such a thread must not wait for its own end.
   static bool IsLibraryThread();
   static void MarkLibraryThread();
 
@@ -35,9 +35,9 @@ class CServerWorker {
   // Closes the worker's connections and ends its thread. Later posts are dropped.
   void Stop();
 
-  // Any thread. Runs `task` on the worker's thread; false when the worker has stopped.
+  // Runs `task` on the worker's thread; returns false when the worker has stopped. Threads: any.
   bool Post(std::function<void()> task);
-  // How often deadlines are looked at.
+  // Sets how often deadlines are checked.
   void SetTick(std::uint32_t milliseconds);
   // Calls `visit` for each connection on the worker's thread.
   void ForEachConnection(std::function<void(IServerConnection&)> visit);
@@ -49,13 +49,15 @@ class CServerWorker {
   void SetRevival(const void* owner, std::function<void()> revive);
   void RemoveRevival(const void* owner);
 
-  // The worker's thread only. The worker keeps a connection alive from Adopt to Forget.
+  // These may be called only on the worker's thread. The worker keeps a connection alive from Adopt to Forget.
   void Adopt(std::shared_ptr<IServerConnection> connection);
   void Forget(IServerConnection* connection);
-  // Room for the bytes of one read, shared by all connections of the worker: a connection that waits keeps no buffer.
+  // Gives room for the bytes of one read. All connections of the worker share it, so a connection that waits keeps no
+  // buffer.
   char* Scratch();
 
-  // The worker's event loop, for those who know Asio. Sockets made on it are watched by the worker's thread.
+  // Gives the worker's event loop to sources that know Asio. The worker's thread watches the sockets that are made on
+  // it.
   boost::asio::io_context& Loop();
 
  private:

@@ -17,7 +17,7 @@ namespace details {
 namespace {
 
 constexpr int kRandomFailed = -1;
-constexpr int kNoTicket = 0;  // the handshake goes on in full
+constexpr int kNoTicket = 0;  // the handshake is a full one
 constexpr int kUse = 1;
 constexpr int kUseAndRenew = 2;
 
@@ -55,13 +55,14 @@ void DeleteKeys(void* /*context*/, void* keys, CRYPTO_EX_DATA* /*data*/, int /*p
   delete static_cast<CTicketKeys*>(keys);
 }
 
-// Where a context keeps its keys: connections that are open when a certificate is replaced keep context and keys alive.
+// The place where a context keeps its keys. When a certificate is replaced, open connections keep context and keys
+// alive.
 int Place() {
   static const int place = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, DeleteKeys);
   return place;
 }
 
-// What OpenSSL calls for each ticket that it makes or reads.
+// OpenSSL calls this for each ticket that it makes or reads.
 int HandleTicket(SSL* session, unsigned char* name, unsigned char* start, EVP_CIPHER_CTX* cipher, EVP_MAC_CTX* digest,
                  int makes) {
   auto* const keys = static_cast<CTicketKeys*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(session), Place()));
@@ -84,7 +85,7 @@ std::optional<CTicketKeys::Found> CTicketKeys::Find(const unsigned char* name, C
   const auto is_named = [name](const std::optional<Key>& key) {
     return key && std::equal(key->name.begin(), key->name.end(), name);
   };
-  // The key before is as old as the current one's beginning, plus its own life.
+  // The previous key was replaced when the current one was made, and counts for one more life from then on.
   if (is_named(current_) && now - made_ < 2 * kLife) {
     return Found{*current_, now - made_ < kLife};
   }
@@ -101,7 +102,7 @@ bool CTicketKeys::Renew(Clock::time_point now) {
       RAND_priv_bytes(fresh.digest.data(), static_cast<int>(fresh.digest.size())) != 1) {
     return false;
   }
-  // A key whose second twelve hours are over as well is not kept.
+  // A key whose second twelve hours are over too is not kept.
   previous_ = current_ && now - made_ < 2 * kLife ? current_ : std::nullopt;
   current_ = fresh;
   made_ = now;
@@ -113,7 +114,7 @@ bool CTicketKeys::Use(SSL_CTX* context) {
   if (SSL_CTX_set_ex_data(context, details::Place(), keys.get()) != 1) {
     return false;
   }
-  keys.release();  // the context's from here on
+  keys.release();  // from here on they belong to the context
   return SSL_CTX_set_tlsext_ticket_key_evp_cb(context, details::HandleTicket) == 1;
 }
 

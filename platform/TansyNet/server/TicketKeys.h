@@ -1,4 +1,4 @@
-// The keys under which TLS sessions are handed to clients to be resumed.
+// The keys of the tickets with which clients resume TLS sessions.
 #ifndef TANSY_NET_SERVER_TICKET_KEYS_H
 #define TANSY_NET_SERVER_TICKET_KEYS_H
 
@@ -11,8 +11,8 @@
 
 namespace TansyNet {
 
-// A key that stayed the same would, once known, open all connections that were ever made under it. So a new one is made
-// every twelve hours; tickets under the one before are good for another twelve. Any thread.
+// If a key stayed the same and became known, it would open all connections that were ever made under it. So a new key
+// is made every twelve hours, and tickets under the previous key count for another twelve. Threads: any.
 class CTicketKeys {
  public:
   using Clock = std::chrono::steady_clock;
@@ -28,12 +28,12 @@ class CTicketKeys {
     bool is_current = false;
   };
 
-  // The key for new tickets; nothing when the system gives no random bytes.
+  // Gives the key for new tickets; nothing when the system provides no random bytes.
   std::optional<Key> Current(Clock::time_point now);
-  // The key that a ticket names; nothing when it is unknown or too old.
+  // Finds the key that a ticket names; nothing when the key is unknown or too old.
   std::optional<Found> Find(const unsigned char* name, Clock::time_point now);
 
-  // Makes the tickets of a context come under keys of its own, which go with the context. False when it refuses.
+  // Gives a context ticket keys of its own, which live as long as the context. Returns false when the context refuses.
   static bool Use(SSL_CTX* context);
 
  private:
@@ -42,7 +42,7 @@ class CTicketKeys {
   std::mutex mutex_;  // guards the members below
   std::optional<Key> current_;
   std::optional<Key> previous_;
-  Clock::time_point made_;  // the current one
+  Clock::time_point made_;  // when the current key was made
 };
 
 }  // namespace TansyNet

@@ -1,3 +1,3 @@
-// The compiled half of Asio and Beast, once for the whole library; see the library's build file for the switches.
+// The compiled half of Asio and Beast, built once for the whole library. The switches are in the library's build file.
 #include <boost/asio/impl/src.hpp>
 #include <boost/beast/src.hpp>

@@ -1,4 +1,4 @@
-// What one attempt to move bytes came to, on sockets and on what lies over them.
+// The result of one attempt to move bytes, on sockets and on the layers above them.
 #ifndef TANSY_NET_TRANSPORT_IO_RESULT_H
 #define TANSY_NET_TRANSPORT_IO_RESULT_H
 
@@ -8,19 +8,19 @@ namespace TansyNet {
 
 enum class IoStatus {
   kDone,       // some bytes were moved
-  kWantRead,   // nothing now; again when the socket is readable
-  kWantWrite,  // nothing now; again when the socket is writable
+  kWantRead,   // nothing was moved; try again when the socket is readable
+  kWantWrite,  // nothing was moved; try again when the socket is writable
   kEnd,        // the peer sends no more
-  kFailed,     // the connection is of no more use
+  kFailed,     // the connection cannot be used any more
 };
 
 struct IoResult {
   IoStatus status = IoStatus::kFailed;
   std::size_t bytes = 0;
-  int error = 0;           // of kFailed: the number that the system or the TLS library has for it, 0 when it has none
-  bool truncated = false;  // of kEnd: an encrypted connection ended without saying so
+  int error = 0;           // with kFailed: the number of the system or the TLS library, 0 when there is none
+  bool truncated = false;  // with kEnd: an encrypted connection ended without announcing its end
 
-  // Nothing can be moved now; wait for the socket first.
+  // Returns true when nothing can be moved now and the caller has to wait for the socket.
   bool MustWait() const { return status == IoStatus::kWantRead || status == IoStatus::kWantWrite; }
 };
 

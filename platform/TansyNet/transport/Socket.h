@@ -15,7 +15,7 @@ class ISocket {
  public:
   virtual ~ISocket() = default;
   virtual IoResult Read(char* data, std::size_t size) = 0;
-  // Both pieces in one system call. Either may be empty, not both.
+  // Writes both pieces with one system call. One of them may be empty, but not both.
   virtual IoResult Write(std::string_view first, std::string_view second) = 0;
 };
 

@@ -13,52 +13,52 @@
 
 namespace TansyNet::details {
 
-// An address in the system's own form.
+// An address in the form that the system uses.
 struct SocketAddress {
   alignas(8) std::array<unsigned char, 128> bytes{};
   int size = 0;
 };
 
-// The addresses of a name or a numeric address, in the system's order. 0 or the resolver's error number. Blocks as long
-// as the system's resolver does; numeric addresses are converted without asking anybody.
+// Gives the addresses of a name or of a numeric address, in the system's order. Returns 0 or the resolver's error
+// number. It blocks as long as the system's resolver does; numeric addresses are converted without a query.
 int ResolveAddresses(const std::string& host, std::uint16_t port, std::vector<SocketAddress>& addresses);
 bool IsNumericAddress(const std::string& host);
-// One step of the two above: `numeric` asks nobody and fails for names.
+// Does one step of ResolveAddresses: with `numeric` it makes no query and fails for names.
 int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, std::vector<SocketAddress>& addresses);
-// One line for a number that the functions above returned.
+// Describes in one line a number that the functions above returned.
 std::string ResolveErrorText(int error);
 
-// The number of a socket, and the value that is none.
+// The number of a socket, and the value that means "no socket".
 using SocketHandle = std::intptr_t;
 inline constexpr SocketHandle kNoSocket = -1;
 
-// A TCP socket for connections to `address` that never blocks, sends without delay and is not inherited by child
-// processes. kNoSocket on failure, with the system's number in `error`.
+// Opens a TCP socket for connections to `address`. It never blocks, sends without delay and is not inherited by child
+// processes. Returns kNoSocket on failure, with the system's number in `error`.
 SocketHandle OpenSocket(const SocketAddress& address, int& error);
 void CloseSocket(SocketHandle socket);
-// Keeps a socket that somebody else opened from child processes.
+// Keeps child processes from inheriting a socket that was opened elsewhere.
 void KeepFromChildren(SocketHandle socket);
-// 0 when the connection is there at once; ConnectGoesOn tells the number that means "later" from failures.
+// Returns 0 when the connection is there at once; ConnectGoesOn tells the number that means "later" from failures.
 int StartConnect(SocketHandle socket, const SocketAddress& address);
 bool ConnectGoesOn(int error);
-// What a connection that was waited for came to: 0 or the system's number.
+// Gives the result of a connection that was waited for: 0 or the system's number.
 int PendingError(SocketHandle socket);
 
 IoResult ReceiveBytes(SocketHandle socket, char* data, std::size_t size);
-// Both pieces in one call of the system. A peer that is gone is a failure to report, never a signal.
+// Writes both pieces with one system call. When the peer is gone, that is a reported failure and never a signal.
 IoResult SendBytes(SocketHandle socket, std::string_view first, std::string_view second);
 
-// Waits until the socket can be read or written, whichever was asked for, or has failed. False when the time has passed
-// first. A negative time waits without limit. Any thread, also while another one uses the socket.
+// Waits until the socket can be read or written, as asked for, or has failed. Returns false when the time has passed
+// first. A negative time waits without limit. Threads: any, also while another thread uses the socket.
 bool WaitForSocket(SocketHandle socket, bool for_read, bool for_write, int timeout_ms);
 
-// How many sockets and files the process may have open together.
+// Says how many sockets and files together the process may have open.
 std::uint32_t MostOpenSockets();
 
-// The system's numbers for "took too long" and "cut by the peer".
+// These give the system's numbers for "took too long" and "cut by the peer".
 int TimedOutError();
 int ConnectionResetError();
-// True for the numbers that say that the peer has closed or cut the connection.
+// Returns true for the numbers that say that the peer has closed or cut the connection.
 bool IsClosedByPeer(int error);
 
 }  // namespace TansyNet::details

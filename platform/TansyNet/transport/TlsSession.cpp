@@ -11,7 +11,7 @@
 
 namespace TansyNet {
 
-// Lets the TLS library read and write through our socket. Its own code writes with plain system calls, which raise
+// Lets the TLS library read and write through our socket, because its own code uses plain system calls, which raise
 // SIGPIPE on POSIX systems when the peer is gone.
 struct CTlsSession::SocketBio {
   static int Read(BIO* bio, char* data, std::size_t size, std::size_t* done) {
@@ -40,8 +40,8 @@ struct CTlsSession::SocketBio {
     if (!result.MustWait()) {
       session.write_error_ = result.error;
     }
-    // A failure is reported as "later" too: after a real one the library promises nothing about reading, and the answer
-    // of a server that refused the rest of a body must still be read.
+    // A failure is reported as "later" too, because after a real failure the library promises nothing about reading,
+    // and the answer of a server that refused the rest of a body must still be read.
     BIO_set_retry_write(bio);
     return 0;
   }
@@ -50,7 +50,7 @@ struct CTlsSession::SocketBio {
     if (command == BIO_CTRL_EOF) {
       return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0 ? 1 : 0;
     }
-    // Nothing is buffered, so flushing always succeeds; nothing else is needed.
+    // Nothing is buffered, so flushing always succeeds; no other command is needed.
     return command == BIO_CTRL_FLUSH ? 1 : 0;
   }
 
@@ -60,7 +60,7 @@ struct CTlsSession::SocketBio {
   }
 
   static BIO_METHOD* Method() {
-    // Lives as long as the process: sessions of other threads may use it until then.
+    // The method lives as long as the process, because sessions of other threads may use it until then.
     static BIO_METHOD* const method = [] {
       BIO_METHOD* const made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "TansyNet socket");
       if (made != nullptr) {
@@ -78,7 +78,7 @@ struct CTlsSession::SocketBio {
 namespace details {
 namespace {
 
-// What one record of the protocol holds.
+// The number of bytes that one record of the protocol holds.
 constexpr std::size_t kRecordBytes = SSL3_RT_MAX_PLAIN_LENGTH;
 
 }  // namespace

@@ -8,7 +8,7 @@ namespace TansyNet {
 namespace details {
 namespace {
 
-// Ordered by length, so that a name is compared only with those of its own length.
+// The names are ordered by length, so that a name is compared only with names of its own length.
 constexpr auto kNames = std::to_array<std::string_view>({
     "TE",
     "Age",
@@ -95,7 +95,7 @@ constexpr std::size_t kLongestName = kNames.back().size();
 static_assert(std::is_sorted(kNames.begin(), kNames.end(),
                              [](std::string_view left, std::string_view right) { return left.size() < right.size(); }));
 
-// For each length the place where the names of that length begin, and one place more for the end.
+// Holds, for each length, the place where the names of that length begin, and one more place for the end.
 constexpr auto kFirstOfLength = [] {
   std::array<std::size_t, kLongestName + 2> first{};
   std::size_t index = 0;

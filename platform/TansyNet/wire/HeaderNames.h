@@ -6,15 +6,15 @@
 
 namespace TansyNet {
 
-// ASCII only, as header names, methods and tokens are.
+// Compares ASCII letters only, because header names, methods and tokens consist of ASCII.
 bool EqualNoCase(std::string_view left, std::string_view right);
 
-// Whether it can be the name of a method or header: letters, digits and a few marks.
+// Says whether a text can be the name of a method or header: letters, digits and a few marks.
 bool IsToken(std::string_view text);
 
-// The standard spelling of a standard header name ("content-length" gives "Content-Length"); any other name comes back
-// as it is, and so does "Content-Md5", which signatures treat as a name of its own. The result views either `name` or
-// text that lives as long as the process.
+// Gives the standard spelling of a standard header name ("content-length" gives "Content-Length"). Any other name comes
+// back as it is, and so does "Content-Md5", which signatures treat as a name of its own. The result views either `name`
+// or text that lives as long as the process.
 std::string_view StandardHeaderName(std::string_view name);
 
 }  // namespace TansyNet

@@ -8,9 +8,8 @@
 namespace TansyNet {
 
 // Header names and values, ordered byte by byte. Standard names arrive in their standard spelling whatever the peer
-// sent
-// ("Authorization", "Content-MD5", "Host", "Range"), except that "Content-Md5" stays itself; all other names as sent.
-// Of a name that is sent twice the first value counts.
+// sent ("Authorization", "Content-MD5", "Host", "Range"), except that "Content-Md5" stays itself; all other names
+// arrive as they were sent. When a name is sent twice, the first value counts.
 using Headers = std::map<std::string, std::string>;
 
 }  // namespace TansyNet

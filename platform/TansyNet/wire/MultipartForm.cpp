@@ -26,8 +26,8 @@ std::string_view Trim(std::string_view text) {
   return text;
 }
 
-// Takes one `name=value` parameter from the front of `text`, whose value may be quoted and then hold anything but a
-// quote; a backslash is an ordinary character there, because browsers send file names of Windows that way.
+// Takes one `name=value` parameter from the front of `text`. The value may be quoted, and may then hold anything but a
+// quote. A backslash is an ordinary character there, because browsers send file names of Windows that way.
 struct Parameter {
   std::string_view name;
   std::string_view value;
@@ -72,7 +72,7 @@ std::string_view FindParameter(std::string_view text, std::string_view name) {
 
 std::string_view BoundaryOf(std::string_view content_type) {
   constexpr std::string_view kFormType = "multipart/form-data";
-  // RFC 2046 allows 70; senders that exceed it are understood up to a length no sender needs.
+  // RFC 2046 allows 70 characters. Longer boundaries are accepted up to a length that no sender needs.
   constexpr std::size_t kLongest = std::size_t{10} * 1024;
   const std::size_t type_end = std::min(content_type.find(';'), content_type.size());
   if (!EqualNoCase(Trim(content_type.substr(0, type_end)), kFormType) || type_end == content_type.size()) {
@@ -82,7 +82,7 @@ std::string_view BoundaryOf(std::string_view content_type) {
   return boundary.size() > kLongest ? std::string_view() : boundary;
 }
 
-// Walks the boundaries of a body.
+// Goes from boundary to boundary through a body.
 class CBoundaryWalker {
  public:
   CBoundaryWalker(std::string_view body, std::string_view boundary) : body_(body), delimiter_("\r\n--") {
@@ -99,7 +99,7 @@ class CBoundaryWalker {
     return NextPart().has_value();
   }
 
-  // Everything up to the next boundary, or up to the body's end when there is none.
+  // Gives everything up to the next boundary, or up to the body's end when there is none.
   std::optional<std::string_view> NextPart() {
     const std::size_t begin = position_;
     for (std::size_t from = begin;;) {
@@ -117,10 +117,10 @@ class CBoundaryWalker {
 
   std::string_view Rest() const { return body_.substr(position_); }
 
-  // Whether the boundary behind which the walk stands is the last one.
+  // Says whether the boundary just passed is the last one.
   bool IsAtEnd() const { return Rest().starts_with("--"); }
 
-  // Moves to the line after the boundary; false when there is none.
+  // Moves to the line after the boundary; returns false when there is none.
   bool SkipLine() {
     const std::size_t line_end = body_.find(kLineEnd, position_);
     if (line_end == std::string_view::npos) {
@@ -131,7 +131,7 @@ class CBoundaryWalker {
   }
 
  private:
-  // A boundary that merely begins like this one goes on with other characters.
+  // Another boundary may begin like this one and go on with other characters, so the line must end here.
   bool EndsLine(std::size_t position) const {
     std::string_view rest = body_.substr(position);
     if (rest.empty() || rest.starts_with("--")) {
@@ -161,14 +161,14 @@ void TakePartHeader(std::string_view line, FormPart& part) {
   }
 }
 
-// `text` begins with the line end of the boundary; header lines follow, an empty line, and the data.
+// Parses a part. `text` begins with the line end of the boundary; header lines follow, an empty line, and the data.
 FormPart ParsePart(std::string_view text) {
   FormPart part;
   text.remove_prefix(std::min(kLineEnd.size(), text.size()));
   for (;;) {
     const std::size_t line_end = text.find(kLineEnd);
     if (line_end == std::string_view::npos) {
-      return part;  // cut off within its header
+      return part;  // the text ends within the header
     }
     const std::string_view line = text.substr(0, line_end);
     text.remove_prefix(line_end + kLineEnd.size());

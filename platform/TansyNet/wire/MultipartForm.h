@@ -8,7 +8,7 @@
 
 namespace TansyNet {
 
-// One field of a multipart/form-data body; the views point into the request's body and live as long as that does.
+// One field of a multipart/form-data body. The views point into the request's body and live as long as the body does.
 struct FormPart {
   std::string_view name;
   std::string_view file_name;
@@ -16,8 +16,8 @@ struct FormPart {
   std::string_view data;
 };
 
-// Splits a multipart/form-data body. `content_type` names the boundary. False when there is none or it never occurs. A
-// missing last boundary ends the last part with the body. At most `max_parts` parts are returned.
+// Splits a multipart/form-data body. `content_type` names the boundary. Returns false when there is none or it never
+// occurs. When the last boundary is missing, the last part ends with the body. At most `max_parts` parts are returned.
 bool ParseMultipartForm(std::string_view content_type, std::string_view body, std::vector<FormPart>& parts,
                         std::size_t max_parts = 1000);
 

@@ -13,7 +13,8 @@ bool StaysInLine(std::string_view value) {
   return value.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
 }
 
-// The library alone decides how a body is framed; a second opinion in the head would be a way to smuggle requests.
+// Only the library decides how a body is framed. A second statement about that in the head could be used to smuggle
+// requests.
 bool IsFraming(std::string_view name) {
   return EqualNoCase(name, "Content-Length") || EqualNoCase(name, "Transfer-Encoding");
 }
@@ -27,7 +28,7 @@ std::string HostValue(const URL& url) {
   const bool standard_port = url.port == (url.scheme == "https" ? 443 : 80);
   std::string value = url.host;
   if (value.find(':') != std::string::npos) {
-    // The zone of an address ("%eth0") means something on this machine only.
+    // The zone of an address ("%eth0") is left out, because it means something on this machine only.
     value = "[" + value.substr(0, value.find('%')) + "]";
   }
   return standard_port ? value : value + ":" + std::to_string(url.port);

@@ -1,4 +1,4 @@
-// What a request looks like on the wire before its body.
+// The part of a request that comes before its body.
 #ifndef TANSY_NET_WIRE_REQUEST_HEAD_H
 #define TANSY_NET_WIRE_REQUEST_HEAD_H
 
@@ -9,8 +9,8 @@
 
 namespace TansyNet::details {
 
-// Request line, "Host", the given headers, content type and length, and the empty line. False when something in the
-// request would break out of its line.
+// Builds the request line, "Host", the given headers, content type and length, and the empty line. Returns false when
+// something in the request would break out of its line.
 bool BuildRequestHead(const CHttpClientRequest& request, const URL& url, std::string& head);
 
 }  // namespace TansyNet::details

@@ -40,7 +40,7 @@ bool AllDigits(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// Whether the line begins with a well-formed Content-Length, which then can only be too long for any number.
+// Returns true when the line begins with a well-formed Content-Length. Its value is then too large for any number.
 bool IsHugeLength(std::string_view line) {
   constexpr std::string_view kName = "Content-Length:";
   if (line.size() < kName.size() || !EqualNoCase(line.substr(0, kName.size()), kName)) {
@@ -58,7 +58,7 @@ bool IsHugeLength(std::string_view line) {
   return AllDigits(line);
 }
 
-// Whether the request line ends in a version of HTTP, only not in one that is spoken here.
+// Returns true when the request line ends with a version of HTTP that is not spoken here.
 bool NamesOtherVersion(std::string_view input) {
   const std::string_view line = input.substr(0, input.find("\r\n"));
   constexpr std::string_view kPattern = " HTTP/d.d";
@@ -72,7 +72,7 @@ bool NamesOtherVersion(std::string_view input) {
   return end.substr(0, 6) == " HTTP/" && AllDigits(end.substr(6, 1)) && end[7] == '.' && AllDigits(end.substr(8));
 }
 
-// The path and query of a request target in any of its forms.
+// Gives the path and query of a request target in any of its forms.
 std::string_view WithoutAuthority(std::string_view target) {
   const std::size_t scheme_end = target.find("://");
   if (target.front() == '/' || scheme_end == std::string_view::npos || target.find_first_of("/?") < scheme_end) {
@@ -94,7 +94,7 @@ void SplitTarget(std::string_view target, RequestHead& head) {
   }
 }
 
-// A field that goes on in the next line. Proxies differ about what such a field says.
+// Finds a field that goes on in the next line. Such a request is refused, because proxies disagree about the meaning.
 bool HasFoldedLine(std::string_view header) {
   return header.find("\r\n ") != std::string_view::npos || header.find("\r\n\t") != std::string_view::npos;
 }
@@ -147,14 +147,14 @@ class CBeastParser final : public http::basic_parser<true> {
   }
 
   void TakeHost(BeastError& error) {
-    // Of two hosts a proxy may have used the other one.
+    // With two hosts, a proxy in front may have used the other one, so the request is refused.
     if (std::exchange(has_host_, true)) {
       Refuse(kBadRequest, error);
     }
   }
 
   void TakeLength(std::string_view value, BeastError& error) {
-    // Of two lengths, even equal ones, a proxy may have used the other one.
+    // With two lengths, even equal ones, a proxy in front may have used the other one, so the request is refused.
     if (head.framing != BodyFraming::kNone || !AllDigits(value)) {
       return Refuse(kBadRequest, error);
     }
@@ -247,7 +247,7 @@ int CRequestParser::FailureStatus() const {
 
 CRequestParser::Progress CRequestParser::ParseHead(std::string_view& input) {
   Impl& impl = *impl_;
-  // Empty lines between two requests are left over from clients that end a body with one.
+  // Some clients end a body with an empty line, so empty lines between two requests are skipped.
   while (!impl.parser->got_some() && input.starts_with("\r\n")) {
     input.remove_prefix(2);
     impl.header_used += 2;
@@ -262,7 +262,7 @@ CRequestParser::Progress CRequestParser::ParseHead(std::string_view& input) {
   if (details::HasFoldedLine(offered.substr(0, used))) {
     return impl.Fail(details::kBadRequest);
   }
-  // Lines that came one by one are counted here: the parser's own limit is for what it sees at once.
+  // Lines that came one by one are counted here, because the parser's own limit only covers what it sees at once.
   impl.header_used += used;
   if (error == http::error::need_more || (!error && !impl.parser->is_header_done())) {
     return impl.header_used + input.size() > impl.header_bytes ? impl.Fail(details::kHeaderTooLarge)
@@ -290,7 +290,8 @@ CRequestParser::Progress CRequestParser::ParseChunks(std::string_view& input, st
     const std::size_t used = impl.parser->put(boost::asio::buffer(input.data(), input.size()), error);
     input.remove_prefix(used);
     if (error == http::error::need_more || (!error && input.empty() && !impl.parser->is_done())) {
-      // Lengths, extensions and trailers obey the limit of headers; the bytes of a chunk are never left over.
+      // Lengths, extensions and trailers have the same limit as headers, and only they can be left over here: the
+      // parser always takes the bytes of a chunk.
       return input.size() > impl.header_bytes ? impl.Fail(details::kHeaderTooLarge) : Progress::kNeedMore;
     }
     if (error) {

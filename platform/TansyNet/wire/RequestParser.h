@@ -12,7 +12,7 @@
 
 namespace TansyNet {
 
-// How a request's body is delimited.
+// Says how a request's body is delimited.
 enum class BodyFraming { kNone, kLength, kChunked };
 
 struct RequestHead {
@@ -27,9 +27,9 @@ struct RequestHead {
   bool expects_continue = false;
 };
 
-// Built on Beast's incremental parser, which takes the text apart; what decides where a body ends is checked again
-// here, more strictly, because a difference of opinion with a proxy in front about that is how requests are smuggled
-// past it.
+// Built on Beast's incremental parser, which splits the text. Everything that decides where a body ends is checked
+// again here, more strictly: when this server and a proxy in front of it disagree about that, requests can be smuggled
+// past the proxy.
 class CRequestParser {
  public:
   enum class Progress { kNeedMore, kDone, kFailed };
@@ -42,17 +42,17 @@ class CRequestParser {
   // Forgets everything; the next bytes begin a request.
   void Reset();
 
-  // Takes bytes of the head from the front of `input`. What it leaves there must be there again, followed by more, in
-  // the next call; after kDone it is what follows the head. More than 100 fields give kFailed with status 431; two Host
-  // fields, or a field that goes on in a second line, give 400.
+  // Takes bytes of the head from the front of `input`. The bytes that it leaves there must be there again, followed by
+  // more, in the next call; after kDone they are what follows the head. More than 100 fields give kFailed with status
+  // 431; two Host fields, or a field that goes on in a second line, give 400.
   Progress ParseHead(std::string_view& input);
   RequestHead& Head();
 
-  // The same for a chunked body, whose bytes are appended to `body`. More than `limit` bytes give kFailed with status
-  // 413. Trailers are dropped.
+  // Does the same for a chunked body, whose bytes are appended to `body`. More than `limit` bytes give kFailed with
+  // status 413. Trailers are dropped.
   Progress ParseChunks(std::string_view& input, std::string& body, std::uint64_t limit);
 
-  // The status that answers a failure.
+  // Gives the status that answers a failure.
   int FailureStatus() const;
 
  private:

@@ -24,7 +24,7 @@ void AppendNumber(std::string& text, std::uint64_t number) {
   text.append(digits.data(), end);
 }
 
-// A line end, or any other control character, in a value would let whoever supplied the value write headers of his own.
+// Control characters are left out. A line end in a value would let the source of the value write headers of its own.
 void AppendValue(std::string& text, std::string_view value) {
   const auto harmless = [](char c) { return c == '\t' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f); };
   if (std::all_of(value.begin(), value.end(), harmless)) {
@@ -52,7 +52,7 @@ bool IsFraming(std::string_view name) {
          EqualNoCase(name, "Connection") || EqualNoCase(name, "Keep-Alive");
 }
 
-// Made once a second for each thread.
+// The text is made once per second and thread.
 std::string_view DateText() {
   thread_local std::time_t second = -1;
   thread_local std::string text;
@@ -64,7 +64,7 @@ std::string_view DateText() {
   return text;
 }
 
-// Anything that is no final status would confuse the client about what follows.
+// Replaces a status that is not final, because it would confuse the client about what follows.
 int FinalStatus(int status) {
   constexpr int kInternalError = 500;
   return status >= 200 && status <= 999 ? status : kInternalError;

@@ -9,23 +9,24 @@
 
 namespace TansyNet {
 
-// "Not Found" for 404; "Unknown" for a status without a standard reason.
+// Gives "Not Found" for 404, and "Unknown" for a status without a standard reason.
 std::string ReasonOf(int status);
 
-// Whether answers of this status may have a body at all.
+// Says whether answers of this status may have a body at all.
 bool StatusAllowsBody(int status);
 
-// How the connection goes on after an answer, as its header says it.
+// Says how the connection goes on after an answer, for the answer's header.
 enum class Persistence { kDefault, kKeepAlive, kClose };
 
-// Whether the response's own headers ask for the connection's end.
+// Says whether the response's own headers ask to close the connection.
 bool AsksToClose(const HttpResponse& response);
 
-// Status line and headers with the empty line that ends them. Lengths and the connection's fate are the library's: what
-// the response's headers say about these is left out, as are names that are no names; line ends in values disappear.
+// Builds the status line and headers with the empty line that ends them. The library decides about lengths and about
+// the end of the connection, so headers of the response that speak of these are left out. Names that are no header
+// names are left out too, and line ends in values are removed.
 std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence);
 
-// An answer of the library itself, with the reason as its body.
+// Makes an answer of the library itself, with the reason as its body.
 HttpResponse LibraryAnswer(int status);
 
 }  // namespace TansyNet

@@ -1,4 +1,4 @@
-// What a server is given for each request, and what it answers with.
+// The messages of a server: the request that it is given and the answer that it sends.
 #ifndef TANSY_NET_WIRE_SERVER_MESSAGES_H
 #define TANSY_NET_WIRE_SERVER_MESSAGES_H
 
@@ -31,12 +31,13 @@ struct HttpServerRecv {
   std::uint32_t body_size = 0;              // bytes of this delivery
   std::uint32_t content_length = 0;         // declared length of the whole body
   Headers headers;
-  // One piece at a time: the next piece of this request is delivered when the last copy of this token is gone. Whoever
-  // keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token. Null for whole requests.
+  // Ensures one piece at a time: the next piece of this request is delivered when the last copy of this token is gone.
+  // Code that keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token too. It is null for
+  // whole requests.
   std::shared_ptr<const void> token;
 
-  // The fields of a whole multipart/form-data body, in its order; they live as long as the body. Takes the body apart
-  // at each call, which for a large one costs time: not before it is known who sent it.
+  // Gives the fields of a whole multipart/form-data body, in order; they live as long as the body. Each call parses the
+  // body, which takes time for a large one, so call it only once the sender is known.
   std::vector<FormPart> FormParts() const;
 };
 

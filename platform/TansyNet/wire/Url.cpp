@@ -57,7 +57,8 @@ bool IsHostName(std::string_view host) {
   });
 }
 
-// The library takes anything for the name of a zone, which follows "%"; here it is made of a host name's letters.
+// The library accepts anything as the name of a zone, which follows "%"; here it must consist of a host name's
+// characters.
 bool IsIpv6Address(const std::string& text) {
   const std::size_t zone = text.find('%');
   if (zone != std::string::npos && !IsHostName(std::string_view(text).substr(zone + 1))) {
@@ -68,7 +69,7 @@ bool IsIpv6Address(const std::string& text) {
   return !error;
 }
 
-// "[address]" with or without ":port" after it.
+// Parses "[address]" with or without ":port" after it.
 bool ParseBracketed(std::string_view authority, URL& url) {
   const std::size_t end = authority.find(']');
   if (end == std::string_view::npos) {
@@ -99,7 +100,7 @@ bool URL::Parse(const std::string& text, URL& url) {
     return false;
   }
   URL parsed;
-  // A fragment is the reader's own and never sent.
+  // A fragment is for the reader of the URL only and is never sent.
   std::string_view rest = std::string_view(text).substr(0, text.find('#'));
   if (!ParseScheme(rest, parsed)) {
     return false;

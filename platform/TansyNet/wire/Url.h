@@ -7,15 +7,15 @@
 
 namespace TansyNet {
 
-// An absolute URL in its pieces.
+// The pieces of an absolute URL.
 struct URL {
   std::string scheme;  // "http" or "https"
   std::string host;    // name or address, without brackets
   std::uint16_t port = 0;
   std::string target = "/";  // path and query, as given
 
-  // False when the text is no absolute http or https URL, names a user, or holds blanks or control characters. A
-  // fragment ("#...") is left out.
+  // Returns false when the text is no absolute http or https URL, names a user, or holds blanks or control characters.
+  // A fragment ("#...") is left out.
   static bool Parse(const std::string& text, URL& url);
 };
 

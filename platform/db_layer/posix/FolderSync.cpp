@@ -18,7 +18,7 @@ bool SyncFolderOf(const std::string& file_path) {
   do {
     result = fsync(descriptor);
   } while (result != 0 && errno == EINTR);
-  // Some file systems cannot sync a folder and say EINVAL; there is nothing more to do on them.
+  // Some file systems cannot sync a folder and answer EINVAL; nothing more can be done on them.
   const bool synced = result == 0 || errno == EINVAL;
   close(descriptor);
   return synced;

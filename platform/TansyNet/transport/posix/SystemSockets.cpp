@@ -34,19 +34,19 @@ IoResult Failed(int error, IoStatus would_block) {
 }
 
 iovec Piece(std::string_view text, std::size_t limit) {
-  // The system's structure serves reading too and so has no const; sendmsg only reads.
+  // The system's structure serves reading too, so it has no const; sendmsg only reads.
   return {const_cast<char*>(text.data()), std::min(text.size(), limit)};
 }
 
 }  // namespace
 
-// The same calls as in the other system's file: the interface is common, the headers that declare it are not.
+// The calls are the same as in the Windows file, but the headers that declare them differ, so the code stands twice.
 int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, std::vector<SocketAddress>& addresses) {
   addresses.clear();
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  // Not AI_ADDRCONFIG: it would hide the loopback addresses of a machine without a network.
+  // AI_ADDRCONFIG is left out, because it would hide the loopback addresses of a machine without a network.
   hints.ai_flags = AI_NUMERICSERV | (numeric ? AI_NUMERICHOST : 0);
   addrinfo* first = nullptr;
   const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &first);
@@ -77,7 +77,7 @@ SocketHandle OpenSocket(const SocketAddress& address, int& error) {
     error = errno;
     return kNoSocket;
   }
-  // Requests are written whole, so there is nothing that waiting for more could join.
+  // Requests are written whole, so waiting for more bytes would only delay them.
   const int on = 1;
   ::setsockopt(handle, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   return handle;

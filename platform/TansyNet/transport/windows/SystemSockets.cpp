@@ -18,7 +18,7 @@ namespace {
 // Larger writes gain nothing and would hide progress from the send time-out.
 constexpr std::size_t kWriteLimit = std::size_t{4} << 20;
 
-// Winsock answers nothing before it is started, and counts how often that was done.
+// Winsock must be started before its other calls work, and counts how often that was done.
 void StartSockets() {
   static const int started = [] {
     WSADATA data{};
@@ -40,7 +40,7 @@ WSABUF Piece(std::string_view text) {
 
 }  // namespace
 
-// See the other system's file.
+// The calls are the same as in the POSIX file, but the headers that declare them differ, so the code stands twice.
 int LookUpAddresses(const std::string& host, std::uint16_t port, bool numeric, std::vector<SocketAddress>& addresses) {
   StartSockets();
   addresses.clear();
@@ -81,7 +81,7 @@ SocketHandle OpenSocket(const SocketAddress& address, int& error) {
   }
   u_long non_blocking = 1;
   ::ioctlsocket(handle, FIONBIO, &non_blocking);
-  // Requests are written whole, so there is nothing that waiting for more could join.
+  // Requests are written whole, so waiting for more bytes would only delay them.
   const BOOL on = TRUE;
   ::setsockopt(handle, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
   return static_cast<SocketHandle>(handle);
