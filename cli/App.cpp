@@ -34,7 +34,7 @@ int Run(int argc, const char* const* argv) {
       return kExitDone;
     }
     EndCleanlyOnInterrupt();
-    // The module's log is for hosts; people get this program's own words.
+    // The module's log is for hosts. People who use this program get its own messages instead.
     logging::SetSink(std::make_shared<details::CNoSink>());
     if (line.globals.verbose) {
       ShowRequests();

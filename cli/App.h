@@ -3,8 +3,8 @@
 
 namespace Tansy::Cli {
 
-// The whole program: reads the command line, runs the command, says on standard error what failed. Returns the exit
-// code. Called once, from the first thread.
+// Runs the whole program: reads the command line, runs the command, and says on standard error what failed. Returns the
+// exit code. It is called once, from the first thread.
 int Run(int argc, const char* const* argv);
 
 }  // namespace Tansy::Cli

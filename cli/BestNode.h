@@ -8,10 +8,10 @@
 
 namespace Tansy::Cli {
 
-// Which address the server wants uploads to `bucket` to go to, "HOST:PORT". Throws CFailure.
+// Asks to which address the server wants uploads to `bucket` to go, "HOST:PORT". Throws CFailure.
 std::string AskBestNode(const Settings& settings, const std::string& bucket, EPatience patience = EPatience::kNone);
 
-// The same as an address, spoken to as the server itself is: over HTTP or HTTPS. Throws CFailure.
+// Gives the same as an address, with HTTP or HTTPS as for the server itself. Throws CFailure.
 ServerAddress BestNodeAddress(const Settings& settings, const std::string& bucket,
                               EPatience patience = EPatience::kNone);
 

@@ -13,14 +13,14 @@ struct Settings;
 struct BucketRow {
   std::string name;
   std::string location;
-  std::int64_t size = -1;  // as it was set when the bucket was made; -1: no limit
+  std::int64_t size = -1;  // size set when the bucket was made; -1 means no limit
 };
 
-// All buckets by name. Throws CFailure.
+// Gives all buckets by name. Throws CFailure.
 std::vector<BucketRow> ListBuckets(const CServerLink& server);
 
-// The bucket that uploads go to: the one that the settings name, else the only one that the server has. Throws CFailure
-// when there are none or several.
+// Gives the bucket to which uploads go: the bucket that the settings name, else the only bucket of the server. Throws
+// CFailure when there are none or several.
 std::string ChooseBucket(const Settings& settings);
 
 }  // namespace Tansy::Cli

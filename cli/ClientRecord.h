@@ -1,4 +1,4 @@
-// The record that the module's two client classes are made from.
+// Makes the configuration record for the module's two client classes.
 #ifndef TANSY_CLI_CLIENT_RECORD_H
 #define TANSY_CLI_CLIENT_RECORD_H
 
@@ -9,7 +9,7 @@
 
 namespace Tansy::Cli {
 
-// For transfers with `server` in `pool`, signed with the keys of `settings`.
+// Makes a record for transfers with `server` in `pool`, signed with the keys of `settings`.
 CloudStorage::SStorageServerConfig MakeClientRecord(const Settings& settings, const ServerAddress& server,
                                                     const std::string& pool);
 

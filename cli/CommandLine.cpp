@@ -16,7 +16,7 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-// Where CLI11 puts what it parses for one command; the pieces must not move while it does.
+// CLI11 stores here what it parses for one command; the objects must not move while it does so.
 struct Slots {
   const CommandSpec* command = nullptr;
   CLI::App* app = nullptr;
@@ -52,7 +52,7 @@ void AddArguments(CLI::App& app, const CommandSpec& command, std::list<std::vect
   }
 }
 
-// The subcommand object of a group, made when it is first needed.
+// Gives the subcommand object of a group, and makes it when it is first needed.
 CLI::App& GroupApp(CLI::App& program, const std::string& group) {
   if (group.empty()) {
     return program;
@@ -93,8 +93,8 @@ Globals ToGlobals(const std::list<std::pair<CLI::Option*, std::string>>& options
   return globals;
 }
 
-// Words behind "--" are no options, whatever they begin with. The parser would take them for the program's when a
-// command has had an argument before; so they are marked instead, and what marks them is taken off afterwards.
+// Words behind "--" are no options, whatever they begin with. After a command's first argument, CLI11 would still take
+// them for options of the program. So they get a mark in front, which is removed after parsing.
 constexpr char kPlainWord[] = "\x01plain:";
 
 std::string WithoutMark(const std::string& word) {
@@ -124,7 +124,7 @@ void TakeCommand(const Slots& slots, ParsedCommandLine& line) {
   }
 }
 
-// The help that was asked for: of the command or group that was named before --help, else of the program.
+// Gives the help that was asked for: of the command or group named before --help, else of the program.
 std::string HelpFor(const CLI::App& program, const std::list<Slots>& commands) {
   for (const Slots& slots : commands) {
     if (slots.app->parsed()) {
@@ -139,7 +139,7 @@ bool IsOption(const std::string& word) {
   return word.size() > 1 && word.front() == '-';
 }
 
-// "did you mean ...? " when a word looks like one of those that are known here.
+// Gives "did you mean ...? " when a word looks like one of those that are known here.
 std::string DidYouMean(const std::string& typed, const std::vector<std::string>& words) {
   const std::string word = Suggest(typed, words);
   return word.empty() ? "" : "did you mean " + word + "? ";
@@ -153,7 +153,7 @@ std::vector<std::string> CommandNames(const CLI::App& app) {
   return names;
 }
 
-// Of the program, and of the command or group that was named.
+// Gives the option names of the program and of the command or group that was named.
 std::vector<std::string> OptionNames(const CLI::App& program, const CLI::App& app) {
   std::vector<std::string> names;
   for (const CLI::App* owner : {&program, &app}) {
@@ -166,8 +166,8 @@ std::vector<std::string> OptionNames(const CLI::App& program, const CLI::App& ap
   return names;
 }
 
-// What is wrong with the words of a command line. The parser looks at what is missing first; people would rather hear
-// of the word that nobody understood, because it is most often the reason.
+// Says what is wrong with the words of a command line. The parser reports missing words first. A word that nobody
+// understood is most often the reason, so that word is reported first here.
 CFailure WrongUse(const CLI::App& program, const CLI::ParseError& error) {
   const CLI::App* app = &program;
   std::string named = "tansy";
@@ -197,7 +197,7 @@ CFailure WrongUse(const CLI::App& program, const CLI::ParseError& error) {
   return {kExitUsage, OneLine(error.what()), how};
 }
 
-// "tansy help put" asks for what "tansy put --help" prints.
+// Makes "tansy help put" mean the same as "tansy put --help".
 std::vector<std::string> WithHelpAsOption(int argc, const char* const* argv) {
   std::vector<std::string> words(argv, argv + argc);
   if (words.size() > 1 && words[1] == "help") {

@@ -12,10 +12,10 @@ namespace Tansy::Cli {
 
 struct ParsedCommandLine {
   Globals globals;
-  const CommandSpec* command = nullptr;  // null when there is only something to print
+  const CommandSpec* command = nullptr;  // null when there is only a text to print
   std::map<std::string, std::vector<std::string>> arguments;
   std::map<std::string, std::string> options;
-  std::string print_only;  // help or version
+  std::string print_only;  // help or version text
 };
 
 // Throws CFailure with kExitUsage.

@@ -1,4 +1,4 @@
-// What a command is, as data: the parser, --help, the manual page and the completions all read it from here.
+// The description of a command as data. The parser, --help, the manual page and the completions all read it from here.
 #ifndef TANSY_CLI_COMMAND_SPEC_H
 #define TANSY_CLI_COMMAND_SPEC_H
 
@@ -10,16 +10,16 @@ namespace Tansy::Cli {
 
 struct Globals;
 
-// What completes a word on the command line.
+// Says what completes a word on the command line.
 enum class EComplete { kNothing, kFiles };
 
 struct ArgumentSpec {
   const char* name;  // "FILE"
   const char* help;
   bool required = true;
-  bool many = false;  // only the last argument of a command may be
+  bool many = false;  // only the last argument of a command may have it
   EComplete complete = EComplete::kNothing;
-  std::vector<std::string> choices = {};  // the only values allowed, when there are any
+  std::vector<std::string> choices = {};  // when there are any, no other value is allowed
   const char* behind = "";                // what the usage line shows behind it: " [FILE]"
 };
 
@@ -38,9 +38,9 @@ struct ExampleSpec {
 struct CommandCall {
   const Globals& globals;
   std::map<std::string, std::vector<std::string>> arguments;  // by the argument's name
-  std::map<std::string, std::string> options;                 // given ones, by name; flags have an empty value
+  std::map<std::string, std::string> options;  // options that were given, by name; flags have an empty value
 
-  // The argument's only value, or "" when it was not given.
+  // Gives the argument's only value, or "" when it was not given.
   std::string Argument(const std::string& name) const {
     const auto found = arguments.find(name);
     return found == arguments.end() || found->second.empty() ? std::string() : found->second.front();
@@ -64,7 +64,7 @@ struct CommandSpec {
   // Does the work and returns the exit code. Throws CFailure.
   int (*run)(const CommandCall& call);
 
-  // "pic put"
+  // Gives a name like "pic put".
   std::string FullName() const { return group[0] == '\0' ? name : std::string(group) + " " + name; }
 };
 

@@ -1,4 +1,4 @@
-// Every command of the program. A command is one file in commands/, named in this header and listed in Commands.cpp.
+// All commands of the program. Each command is one file in commands/, named in this header and listed in Commands.cpp.
 #ifndef TANSY_CLI_COMMANDS_H
 #define TANSY_CLI_COMMANDS_H
 
@@ -28,10 +28,10 @@ CommandSpec PicLinkCommand();
 CommandSpec PicPoolsCommand();
 CommandSpec PicVersionCommand();
 
-// In the order in which help lists them.
+// Gives them in the order in which help lists them.
 const std::vector<CommandSpec>& AllCommands();
 
-// Options that every command takes, before or after its name.
+// Gives the options that every command takes, before or after its name.
 const std::vector<OptionSpec>& GlobalOptions();
 
 }  // namespace Tansy::Cli

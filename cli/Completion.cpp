@@ -26,7 +26,7 @@ std::vector<std::string> Names(const std::vector<OptionSpec>& options) {
   return names;
 }
 
-// Options whose value is the next word.
+// Gives the options whose value is the next word.
 std::vector<std::string> NamesWithValue() {
   std::set<std::string> names;
   const auto collect = [&](const std::vector<OptionSpec>& options) {
@@ -43,7 +43,7 @@ std::vector<std::string> NamesWithValue() {
   return {names.begin(), names.end()};
 }
 
-// The words that can follow the program's name, or a group's.
+// Gives the words that can follow the program's name, or a group's.
 std::vector<std::string> FirstWords(const std::string& group) {
   std::vector<std::string> words;
   std::set<std::string> groups;

@@ -9,12 +9,12 @@
 
 namespace Tansy::Cli {
 
-// SHA-256 of bytes that come in pieces, to tell whether two contents are the same. One thread.
+// Computes the SHA-256 of bytes that come in pieces, to find out whether two contents are the same. Threads: one.
 class CDigest {
  public:
   CDigest();
   void Add(const char* data, std::size_t size);
-  // The 32 bytes; afterwards nothing more can be added. Empty when the library has failed.
+  // Gives the 32 bytes; afterwards nothing more can be added. The text is empty when the library has failed.
   std::string Finish();
 
  private:

@@ -32,7 +32,7 @@ constexpr std::time_t kDaysToRenew = 30;
 constexpr std::uint64_t kLittleSpace = std::uint64_t{1} << 30;
 constexpr std::size_t kLargestCertificate = std::size_t{1} << 20;
 
-// One examination; `findings` grows in the order of the checks.
+// Runs one examination; `findings` grows in the order of the checks.
 class CExamination {
  public:
   explicit CExamination(const Settings& settings) : settings_(settings) {}
@@ -143,7 +143,7 @@ class CExamination {
     }
   }
 
-  // Uploads go to an address that the server names, which may be one that cannot be reached from here.
+  // Uploads go to an address that the server names. That address may be one that cannot be reached from here.
   void CheckBestNode() {
     if (bucket_.empty()) {
       return;
@@ -218,7 +218,7 @@ class CExamination {
 
   const Settings& settings_;
   TansyNet::CHttpClientResponse answer_;
-  std::string bucket_;  // one that is there, for questions that need one
+  std::string bucket_;  // an existing bucket, for questions that need one
   std::vector<Finding> findings_;
 };
 
@@ -245,7 +245,7 @@ std::time_t CertificateEnd(const std::string& path) {
   const std::unique_ptr<X509, details::FreeX509> certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
   int days = 0;
   int seconds = 0;
-  // From now to the certificate's end.
+  // The difference runs from now to the certificate's end.
   if (certificate == nullptr || ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1) {
     return -1;
   }

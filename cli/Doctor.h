@@ -17,15 +17,15 @@ struct Finding {
   EFinding state = EFinding::kOk;
   std::string subject;  // "address", "clock"
   std::string text;
-  std::string advice;               // what to mend; empty when there is nothing
-  EExitCode exit_code = kExitDone;  // of a failure
+  std::string advice;               // what to do about it; empty when there is nothing to do
+  EExitCode exit_code = kExitDone;  // meant for a failure
 };
 
-// Address, ports, keys, clock, bucket, address of uploads, certificate, space. Never throws CFailure: what goes wrong
-// is a finding.
+// Checks address, ports, keys, clock, bucket, address of uploads, certificate and space. It never throws CFailure,
+// because everything that goes wrong is a finding.
 std::vector<Finding> Examine(const Settings& settings);
 
-// When the first certificate of a PEM file ends, -1 when there is none to read.
+// Says when the first certificate of a PEM file ends; -1 when no certificate can be read.
 std::time_t CertificateEnd(const std::string& path);
 
 }  // namespace Tansy::Cli

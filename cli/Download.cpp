@@ -22,7 +22,7 @@ bool ParseNumber(const std::string& text, std::uint64_t& number) {
   throw CFailure(kExitFailed, Printable(url.Path()) + ": changed while it was read", "try again");
 }
 
-// An answer must carry the version that was asked for, and as many bytes of it.
+// The answer must be of the version that was asked for, and have exactly the bytes that were asked for.
 void CheckHead(const TansyNet::CHttpClientResponse& head, const ObjectVersion& version, std::uint64_t size,
                const ObjectUrl& url) {
   if (head.GetHeader("ETag") != version.tag || head.content_length != size) {

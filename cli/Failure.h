@@ -7,7 +7,7 @@
 
 namespace Tansy::Cli {
 
-// The program's exit codes; part of its interface.
+// The exit codes of the program. They are part of its interface.
 enum EExitCode : int {
   kExitDone = 0,
   kExitFailed = 1,
@@ -19,17 +19,17 @@ enum EExitCode : int {
   kExitInterrupted = 130,
 };
 
-// Why a command could not do its work: what happened, to what, and what to try. Thrown by commands and their helpers,
-// caught where the line for standard error is written.
+// Says why a command could not do its work: what happened, to what, and what to try. Commands and their helpers throw
+// it, and it is caught where the line for standard error is written.
 class CFailure : public std::runtime_error {
  public:
-  // `advice` may be empty. Without words nothing is printed: there is nobody to read them.
+  // `advice` may be empty. When `what_happened` is empty, nothing is printed, because nobody is there to read it.
   CFailure(EExitCode exit_code, const std::string& what_happened, std::string advice)
       : std::runtime_error(what_happened), exit_code_(exit_code), advice_(std::move(advice)) {}
 
   EExitCode GetExitCode() const { return exit_code_; }
   const std::string& GetAdvice() const { return advice_; }
-  // The same about something in particular: "photo.jpg: ...".
+  // Gives the same failure with its subject: "photo.jpg: ...".
   CFailure About(const std::string& subject) const {
     return IsSilent() ? *this : CFailure(exit_code_, subject + ": " + what(), advice_);
   }

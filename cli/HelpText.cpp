@@ -14,7 +14,7 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 
 constexpr char kSummary[] = "keeps files on an object server and brings them back";
 
-// Options that make the line of a usage longer are listed below it only.
+// When the options would make a usage line longer than this, they are listed only below it.
 constexpr std::size_t kLongestUsage = 72;
 
 struct TextRow {
@@ -138,7 +138,7 @@ Rows CommandRows(const std::string& group, bool all) {
   return rows;
 }
 
-// Text for roff: a backslash starts a request there, and so does a point or quote at the start of a line.
+// Prepares text for roff, where a backslash starts a request, and so does a point or quote at the start of a line.
 std::string Roff(const std::string& text) {
   std::string roff;
   for (const char c : text) {

@@ -1,4 +1,4 @@
-// Help texts in their several forms, all made from the command table.
+// The help texts in their different forms. All of them are made from the command table.
 #ifndef TANSY_CLI_HELP_TEXT_H
 #define TANSY_CLI_HELP_TEXT_H
 
@@ -8,15 +8,15 @@
 
 namespace Tansy::Cli {
 
-// What "tansy --help" prints.
+// Gives what "tansy --help" prints.
 std::string ProgramHelp();
-// What "tansy COMMAND --help" prints.
+// Gives what "tansy COMMAND --help" prints.
 std::string CommandHelp(const CommandSpec& command);
-// What "tansy pic --help" prints.
+// Gives what "tansy pic --help" prints.
 std::string GroupHelp(const std::string& group);
-// "tansy [options] put [--name KEY] FILE..."
+// Gives a line like "tansy [options] put [--name KEY] FILE...".
 std::string UsageLine(const CommandSpec& command);
-// The manual page, in roff.
+// Gives the manual page in roff.
 std::string ManualPage();
 
 }  // namespace Tansy::Cli

@@ -14,12 +14,12 @@ void EndCleanlyOnInterrupt() {
   HostSystem::TakeSignals();
   const bool hangup_ignored = HostSystem::IsHangupIgnored();
   std::thread([hangup_ignored] {
-    // Started to outlive its terminal: a hang-up is then no reason to end.
+    // When the program was started to outlive its terminal, a hang-up is no reason to end.
     while (HostSystem::WaitForSignal() == HostSystem::ESignal::kReload && hangup_ignored) {
     }
     CPartialFile::RemoveAll();
     std::fputs("\ntansy: interrupted\n", stderr);
-    // Other threads are in the middle of transfers; nothing of the process is worth waiting for.
+    // Other threads are in the middle of transfers, and nothing in the process is worth waiting for.
     std::_Exit(kExitInterrupted);
   }).detach();
 }

@@ -3,8 +3,8 @@
 
 namespace Tansy::Cli {
 
-// From now on an interruption (Ctrl-C, a stop or hang-up signal) removes what is half written and ends the program with
-// kExitInterrupted. Called once, before any other thread is made.
+// From now on an interruption (Ctrl-C, a stop or hang-up signal) removes files that are half written and ends the
+// program with kExitInterrupted. This is called once, before any other thread is made.
 void EndCleanlyOnInterrupt();
 
 }  // namespace Tansy::Cli

@@ -15,7 +15,7 @@ namespace details {
 namespace {
 
 constexpr std::size_t kLargestPin = 65536;
-// So many bytes are written again at the most when the power fails.
+// When the power fails, at most this many bytes have to be written again.
 constexpr std::uint64_t kSaveBytes = std::uint64_t{32} << 20;
 constexpr char kPart[] = ".part";
 constexpr char kPin[] = ".pin";
@@ -26,7 +26,7 @@ std::string Line(const char* word, const std::string& value) {
   return std::string(word) + " " + value + "\n";
 }
 
-// The lines that tell downloads of one object apart only by its version.
+// Gives the lines of a pin by which downloads of one object differ only in its version.
 std::string WhatIsRead(const DownloadIdentity& identity) {
   return Line("object", identity.address) + Line("range", identity.range);
 }
@@ -36,7 +36,7 @@ std::string Pinned(const DownloadIdentity& identity) {
          Line("size", std::to_string(identity.version.size));
 }
 
-// The number in the last line of a pin; 0 when there is none.
+// Reads the number in the last line of a pin; it is 0 when there is none.
 std::uint64_t SavedBytes(const std::string& pin, std::size_t last_line) {
   const std::string line = pin.substr(last_line);
   std::uint64_t bytes = 0;
@@ -69,7 +69,7 @@ CKeptDownload::~CKeptDownload() {
   try {
     Save();
   } catch (const CFailure&) {
-    // The pin on the disk still promises no more than is there.
+    // When saving fails, the pin on the disk still promises no more than what is there.
   }
 }
 
@@ -110,7 +110,7 @@ std::uint64_t CKeptDownload::Begin(const DownloadIdentity& identity, std::string
   pinned_ = details::Pinned(identity);
   size_ = Usable(identity, note);
   if (size_ == 0) {
-    // The pin goes first: without it nobody takes the bytes for something.
+    // The pin is removed first, because the bytes mean nothing to anybody without it.
     folder_->Remove(Name(details::kPin));
     folder_->Remove(Name(details::kPart));
     const StdioFile made(TansyBase::FileUtil::OpenFile(Path(details::kPart), "wbx"));
@@ -133,7 +133,7 @@ void CKeptDownload::Write(const char* data, std::size_t size) {
   }
 }
 
-// The bytes first, then the pin that promises them.
+// The bytes are written first, then the pin that promises them.
 void CKeptDownload::Save() {
   int error = file_->Sync();
   if (error == 0) {
@@ -147,13 +147,13 @@ void CKeptDownload::Save() {
 
 void CKeptDownload::Commit() {
   Save();
-  file_.reset();  // a system may refuse to rename what is open
+  file_.reset();  // some systems refuse to rename an open file
   const int error = folder_->Rename(Name(details::kPart), Utf8Path(NativePath(target_).filename()));
   if (error != 0) {
     throw FailureOfFile(target_, error);
   }
   folder_->Remove(Name(details::kPin));
-  folder_->Sync();  // the file is complete under its name either way
+  folder_->Sync();  // the file is complete under its name even when this fails
   folder_->Remove(Name(details::kLock));
 }
 

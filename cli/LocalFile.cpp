@@ -91,7 +91,7 @@ StdioFile OpenForReading(const std::string& path) {
 
 StdioFile OpenForWriting(const std::string& path) {
   StdioFile file = details::Open(path, "wb");
-  // Pieces are large; a buffer between would only delay the news that the disk is full.
+  // Pieces are large, so a buffer would only delay the report that the disk is full.
   std::setvbuf(file.get(), nullptr, _IONBF, 0);
   return file;
 }

@@ -1,4 +1,4 @@
-// Local files that are read and written by name, and what their errors mean to people.
+// Reads and writes local files by name, and explains their errors to people.
 #ifndef TANSY_CLI_LOCAL_FILE_H
 #define TANSY_CLI_LOCAL_FILE_H
 
@@ -13,7 +13,7 @@
 
 namespace Tansy::Cli {
 
-// The protocol counts an object's bytes in 32 bits.
+// The limit is this number, because the protocol counts an object's bytes in 32 bits.
 inline constexpr std::uint64_t kLargestObject = 0xFFFFFFFF;
 
 struct CloseStdioFile {
@@ -21,26 +21,26 @@ struct CloseStdioFile {
 };
 using StdioFile = std::unique_ptr<std::FILE, CloseStdioFile>;
 
-// A path as the system's own functions take it; `path` is UTF-8.
+// Converts a path in UTF-8 for the system's own functions.
 std::filesystem::path NativePath(const std::string& path);
 std::string Utf8Path(const std::filesystem::path& path);
 
-// The folder that holds `path`, "." for a name alone.
+// Gives the folder that holds `path`; it is "." for a mere name.
 std::string FolderOf(const std::string& path);
-// The file behind a link at `path`, else `path`. Throws CFailure.
+// Gives the file behind a link at `path`, else `path`. Throws CFailure.
 std::string FollowLink(const std::string& path);
 
-// What the errno value `error` means for the file or folder `path`.
+// Explains the errno value `error` for the file or folder `path`.
 CFailure FailureOfFile(const std::string& path, int error);
 
-// Size of a regular local file that fits into an object. Throws CFailure: there is none, it is a folder, it is too
-// large, it cannot be asked.
+// Gives the size of a regular local file that fits into an object. Throws CFailure when there is no such file, when it
+// is a folder or too large, or when its size cannot be read.
 std::uint64_t LocalFileSize(const std::string& path);
 // Throws CFailure.
 StdioFile OpenForReading(const std::string& path);
-// Makes the file, or empties it. Throws CFailure.
+// Makes the file, or empties an existing one. Throws CFailure.
 StdioFile OpenForWriting(const std::string& path);
-// Writes all of it; `path` is for the message. Throws CFailure, with kExitNoSpace when the disk is full.
+// Writes all of the bytes; `path` is for the message. Throws CFailure, with kExitNoSpace when the disk is full.
 void WriteTo(std::FILE* file, const std::string& path, const char* data, std::size_t size);
 
 }  // namespace Tansy::Cli

@@ -9,7 +9,7 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-// What would end the path of a request, or break out of its line.
+// Refuses characters that would end the path of a request or break out of its line.
 bool IsPlain(const std::string& path) {
   for (const char c : path) {
     if (static_cast<unsigned char>(c) <= 0x20 || c == 0x7f || c == '?' || c == '#') {

@@ -7,18 +7,18 @@
 
 namespace Tansy::Cli {
 
-// An object as people name it.
+// The name that people give to an object.
 struct ObjectUrl {
   std::string bucket;
   std::string key;
 
-  // "/bucket/key", as the protocol names it.
+  // Gives "/bucket/key", the name in the protocol.
   std::string Path() const { return "/" + bucket + "/" + key; }
 };
 
-// Reads "/bucket/key", "bucket/key", "http://HOST:PORT/bucket/key" (whatever query it has is left out), or a key alone
-// when the settings name a bucket. Throws CFailure with kExitUsage, also for the address of another server than that of
-// the settings: requests carry signatures, and those are good for whoever gets them.
+// Reads "/bucket/key", "bucket/key", "http://HOST:PORT/bucket/key" (its query is ignored), or only a key when the
+// settings name a bucket. Throws CFailure with kExitUsage. That includes the address of another server than that of the
+// settings: requests carry signatures, which whoever receives them could use.
 ObjectUrl ParseObjectUrl(const std::string& text, const Settings& settings);
 
 }  // namespace Tansy::Cli

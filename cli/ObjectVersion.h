@@ -11,17 +11,17 @@
 
 namespace Tansy::Cli {
 
-// What tells one content of an object from the next.
+// Identifies one content of an object.
 struct ObjectVersion {
   std::uint64_t size = 0;
-  std::string tag;  // the server's ETag; empty when the server gives none
+  std::string tag;  // the server's ETag; empty when the server sends none
 
   bool operator==(const ObjectVersion&) const = default;
 };
 
-// The object as it is now. Throws CFailure about `url`.
+// Asks for the object as it is now. Throws CFailure about `url`.
 ObjectVersion AskVersion(const Settings& settings, const ObjectUrl& url, EPatience patience = EPatience::kNone);
-// The same, or nothing when there is no such object.
+// Does the same, but gives nothing when there is no such object.
 std::optional<ObjectVersion> FindVersion(const Settings& settings, const ObjectUrl& url, EPatience patience);
 
 }  // namespace Tansy::Cli

@@ -15,8 +15,8 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-std::mutex output_mutex;      // one line at a time; guards what follows
-bool progress_shown = false;  // the terminal's last line is one of progress
+std::mutex output_mutex;      // keeps lines whole; guards what follows
+bool progress_shown = false;  // the terminal's last line shows progress
 
 void HideProgress() {
   if (progress_shown) {
@@ -30,7 +30,7 @@ void Write(std::FILE* stream, const char* data, std::size_t size) {
   if (std::fwrite(data, 1, size, stream) != size || std::fflush(stream) != 0) {
     const int error = errno;
     if (error == EPIPE) {
-      // The reader has what it wants, as `head` does; that is nothing to complain of.
+      // The reader has closed the pipe because it needs no more, as `head` does. That is nothing to report.
       throw CFailure(kExitFailed, "", "");
     }
     throw CFailure(HostSystem::IsNoSpace(error) ? kExitNoSpace : kExitFailed,
@@ -38,7 +38,7 @@ void Write(std::FILE* stream, const char* data, std::size_t size) {
   }
 }
 
-// Length of the UTF-8 sequence at the start of `text`, which is not empty; 0 when there is none.
+// Gives the length of the UTF-8 sequence at the start of `text`, which is not empty; 0 when there is none.
 std::size_t SequenceLength(const std::string& text, std::size_t at) {
   const auto byte = [&](std::size_t i) { return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0; };
   const unsigned first = byte(0);
@@ -164,7 +164,7 @@ std::string FormatBytes(std::uint64_t bytes) {
   }
   double value = static_cast<double>(bytes) / 1024;
   std::size_t unit = 0;
-  // 1023.95 would be written as 1024.0.
+  // 1023.95 and more would be written as 1024.0, so they count in the next unit.
   while (value >= 1023.95) {
     value /= 1024;
     ++unit;

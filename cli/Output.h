@@ -1,4 +1,4 @@
-// What the program writes on standard output, and numbers in a form for people.
+// Writes results on standard output, and numbers in a form for people.
 #ifndef TANSY_CLI_OUTPUT_H
 #define TANSY_CLI_OUTPUT_H
 
@@ -17,7 +17,7 @@ class CJsonLine {
   CJsonLine& Add(const std::string& name, std::int64_t value);
   CJsonLine& Add(const std::string& name, std::uint64_t value);
   CJsonLine& Add(const std::string& name, bool value);
-  CJsonLine& AddSeconds(const std::string& name, double value);  // three digits behind the point
+  CJsonLine& AddSeconds(const std::string& name, double value);  // with three digits behind the point
   std::string Text() const { return "{" + members_ + "}"; }
 
  private:
@@ -26,28 +26,28 @@ class CJsonLine {
   std::string members_;
 };
 
-// `text` between quotes. Bytes that are not UTF-8 become U+FFFD.
+// Writes `text` between quotes. Bytes that are not UTF-8 become U+FFFD.
 std::string JsonString(const std::string& text);
 
-// Writes a line, or bytes, at once; lines of several threads stay whole. Throws CFailure when standard output takes
-// nothing more.
+// Print a line, or bytes, at once; lines of several threads stay whole. They throw CFailure when standard output
+// accepts nothing more.
 void PrintLine(const std::string& line);
 void PrintBytes(const char* data, std::size_t size);
 
-// Rows with columns under each other; nothing for no rows.
+// Prints rows with their columns aligned; it prints nothing when there are no rows.
 void PrintTable(const std::vector<std::vector<std::string>>& rows);
 
-// A line that is only for people, on standard error.
+// Prints a line that is only for people, on standard error.
 void PrintNote(const std::string& line);
-// Puts a line of progress in the place of the last one, without ending it; "" takes it away. Whatever else is printed
-// takes it away too, so that it never mixes with results.
+// Replaces the last line of progress by this one and does not end it; "" removes it. Everything else that is printed
+// removes it too, so that progress never mixes with results.
 void ShowProgress(const std::string& line);
 
-// "512 B", "1.5 KiB", "3.2 GiB"
+// Writes sizes like "512 B", "1.5 KiB", "3.2 GiB".
 std::string FormatBytes(std::uint64_t bytes);
-// "0:07", "12:30", "3:05:00"
+// Writes durations like "0:07", "12:30", "3:05:00".
 std::string FormatDuration(double seconds);
-// `text` without anything that a terminal would act on.
+// Gives `text` without anything that a terminal would act on.
 std::string Printable(const std::string& text);
 
 }  // namespace Tansy::Cli

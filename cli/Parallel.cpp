@@ -34,7 +34,7 @@ Result Try(const std::function<std::string(const std::string&)>& work, const std
   return result;
 }
 
-// Prints what is done and has no unfinished result before it.
+// Prints each finished result once all results before it have been printed.
 class CPrinter {
  public:
   explicit CPrinter(std::size_t count) : results_(count) {}

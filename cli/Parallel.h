@@ -10,16 +10,16 @@
 
 namespace Tansy::Cli {
 
-// Does the same with several things, a few at a time, and goes on when one fails. `work` returns what is to be printed
-// about its thing, or throws CFailure; the texts come out in the order of the things, each as soon as its turn has
-// come, and failures as lines on standard error. Returns the first failure's exit code in that order, or kExitDone.
+// Runs `work` on several things, a few at a time, and goes on when one fails. `work` returns what is to be printed
+// about its thing, or throws CFailure. The texts are printed in the order of the things, each as soon as possible, and
+// failures are lines on standard error. Returns the exit code of the first failure in that order, or kExitDone.
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work);
 
 // Runs `work` on `count` threads at once and returns when all of them have ended. When the system gives fewer threads,
 // these do it; without any, the calling one does. `work` throws nothing.
 void RunOnThreads(std::size_t count, const std::function<void()>& work);
 
-// One line for standard error: what happened, to what, what to try.
+// Prints one line on standard error: what happened, to what, and what to try.
 void PrintFailure(const CFailure& failure);
 
 }  // namespace Tansy::Cli

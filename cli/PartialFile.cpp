@@ -24,7 +24,7 @@ struct Partials {
   bool removed = false;         // the process is about to end
 };
 
-// Never destroyed: an interruption may come while the process ends.
+// The list is never destroyed, because an interruption may come while the process ends.
 Partials& AllPartials() {
   static auto* const partials = new Partials;
   return *partials;
@@ -34,8 +34,8 @@ Partials& AllPartials() {
   throw FailureOfFile(path, error.default_error_condition().value());
 }
 
-// Returns when the file is on stable storage: a new name before that could be there after a power cut, and the bytes
-// not. A folder that may not be listed cannot be opened and goes without.
+// Returns when the file is on stable storage. With a new name before that, a power failure could leave the name without
+// the bytes. A folder that may not be listed cannot be opened, so it is not synced.
 void SyncFile(const std::string& path, const std::string& target) {
   int error = 0;
   const auto folder = HostSystem::OpenFolder(FolderOf(path), error);
@@ -51,11 +51,11 @@ void SyncFile(const std::string& path, const std::string& target) {
 void SyncFolderOf(const std::string& path) {
   int error = 0;
   if (const auto folder = HostSystem::OpenFolder(FolderOf(path), error)) {
-    folder->Sync();  // the file is complete under its name either way
+    folder->Sync();  // the file is complete under its name even when this fails
   }
 }
 
-// A new empty file; "x" refuses to open what another program has put there.
+// Makes a new empty file; "x" refuses to open a file that another program has put there.
 void MakeEmpty(const std::string& path, const std::string& target) {
   std::FILE* file = TansyBase::FileUtil::OpenFile(path, "wbx");
   if (file == nullptr) {
@@ -89,7 +89,7 @@ CPartialFile::~CPartialFile() {
 }
 
 void CPartialFile::Commit() {
-  details::SyncFile(path_, target_);  // before the lock: an interruption need not wait for it
+  details::SyncFile(path_, target_);  // before the lock, so that an interruption need not wait for it
   details::Partials& partials = details::AllPartials();
   {
     const std::lock_guard lock(partials.mutex);

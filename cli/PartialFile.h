@@ -6,8 +6,8 @@
 namespace Tansy::Cli {
 
 // A file that is written beside its target and takes the target's place when it is complete, so that nobody ever finds
-// half a file under the right name. What is not committed is removed, by the destructor or when the program is
-// interrupted. One thread.
+// half a file under the right name. When it is not committed, it is removed by the destructor, or when the program is
+// interrupted. Threads: one.
 class CPartialFile {
  public:
   // Makes an empty file in the target's folder. A link at the target is followed. Throws CFailure.
@@ -20,7 +20,8 @@ class CPartialFile {
   // Throws CFailure.
   void Commit();
 
-  // Removes what is being written; for the end of the process, from any thread. No file is committed afterwards.
+  // Removes all files that are being written. It is for the end of the process, and any thread may call it. No file is
+  // committed afterwards.
   static void RemoveAll();
 
  private:

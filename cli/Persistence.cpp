@@ -11,10 +11,11 @@ namespace {
 constexpr std::chrono::seconds kLongestOutage{30};
 constexpr std::chrono::milliseconds kFirstPause{200};
 constexpr std::chrono::milliseconds kLongestPause{2000};
-constexpr std::chrono::milliseconds kSlice{50};  // of a pause, after which somebody may have stopped it
+constexpr std::chrono::milliseconds kSlice{50};  // a pause is made of slices, because somebody may stop it
 constexpr int kMostRefusals = 3;
 
-// The connection broke, also in the middle of an answer, or there was none: the server may be back soon.
+// Returns true when the connection broke, also in the middle of an answer, or when there was none: the server may be
+// back soon.
 bool IsOutage(const LinkOutcome& outcome) {
   using TansyNet::HttpClient;
   const std::int32_t kind = outcome.error.kind;
@@ -22,12 +23,12 @@ bool IsOutage(const LinkOutcome& outcome) {
          kind == HttpClient::kTimeout || (kind == HttpClient::kBadAnswer && outcome.answer.status != 0);
 }
 
-// The server has more to do than it can: that passes.
+// Returns true when the server has more work than it can do, because that passes.
 bool IsBusy(const LinkOutcome& outcome) {
   return outcome.answer.status == 408 || outcome.answer.status == 503;
 }
 
-// The server could not do it now. A full disk is not emptied by asking again.
+// Returns true when the server could not do it now. A full disk does not count, because asking again does not empty it.
 bool IsPassing(const LinkOutcome& outcome) {
   return outcome.answer.status >= 500 && outcome.ErrorCode() != "NotEnoughSpace";
 }

@@ -9,16 +9,16 @@
 
 namespace Tansy::Cli {
 
-// Decides whether a request that may be repeated without harm is repeated after a failure, and waits in between: long
-// enough for a server that is started again, and not for ever. One thread.
+// Decides whether a request that may be repeated without harm is repeated after a failure, and waits in between. It
+// waits long enough for a server to be started again, but not for ever. Threads: one.
 class CPersistence {
  public:
-  // `stop` may be null; it ends a wait.
+  // `stop` may be null; when it becomes true, a wait ends.
   explicit CPersistence(const std::atomic<bool>* stop = nullptr) : stop_(stop) {}
 
-  // After a failure. False: another try is no use, or there have been enough; true after a pause.
+  // Is called after a failure. Returns true after a pause; false when another try is useless or there have been enough.
   bool GoesOn(const LinkOutcome& outcome);
-  // Something has come forward: what failed before does not count any more.
+  // Says that there was progress: earlier failures do not count any more.
   void Forget();
 
  private:
@@ -30,10 +30,11 @@ class CPersistence {
   int refusals_ = 0;
 };
 
-// Whether a request is repeated: not the first one of a command, whose address may be wrong, but those in its middle.
+// Says whether a request is repeated. The first request of a command is not, because its address may be wrong; later
+// ones are.
 enum class EPatience { kNone, kMuch };
 
-// Sends a request that may be repeated without harm, as often as patience allows. `stop` may be null.
+// Sends a request that may be repeated without harm, as often as `patience` allows. `stop` may be null.
 LinkOutcome TryPatiently(const CServerLink& link, const LinkRequest& request, EPatience patience = EPatience::kMuch,
                          const std::atomic<bool>* stop = nullptr);
 

@@ -42,7 +42,7 @@ bool CPieceReader::Next(std::vector<char>& piece) {
   return true;
 }
 
-// Whether there is a byte behind the piece.
+// Says whether there is a byte behind the piece.
 bool CPieceReader::IsFollowed() {
   const int next = std::fgetc(file_);
   if (next == EOF) {

@@ -11,22 +11,22 @@
 
 namespace Tansy::Cli {
 
-// Cuts a file or standard input into pieces of one size; only the last may be smaller. One thread at a time.
+// Cuts a file or standard input into pieces of one size; only the last may be smaller. Threads: one at a time.
 class CPieceReader {
  public:
-  // `expected` is the size of a file, of which exactly that many bytes are read; without it all there is. `file` stays
-  // the caller's and is read from where it stands.
+  // `expected` is the size of a file, of which exactly that many bytes are read; without it, everything is read. `file`
+  // stays the caller's and is read from its current position.
   CPieceReader(std::FILE* file, std::uint64_t piece_size, std::optional<std::uint64_t> expected)
       : file_(file), piece_size_(piece_size), expected_(expected) {}
 
-  // The next piece; the first of an empty input is empty. False when the last one has been read. Throws CFailure: the
-  // file cannot be read, has become shorter, or is too large for an object.
+  // Gives the next piece; the first piece of an empty input is empty. Returns false when the last one has been read.
+  // Throws CFailure when the file cannot be read, has become shorter, or is too large for an object.
   bool Next(std::vector<char>& piece);
-  // No piece follows the last one that was read.
+  // Says that no piece follows the last one that was read.
   bool IsAtEnd() const { return at_end_; }
-  // Bytes read so far.
+  // Counts the bytes read so far.
   std::uint64_t Size() const { return size_; }
-  // The digest of all bytes; asked for once, at the end.
+  // Gives the digest of all bytes; it may be called once, at the end.
   std::string Digest() { return digest_.Finish(); }
 
  private:

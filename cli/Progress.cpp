@@ -15,7 +15,7 @@ constexpr std::size_t kLongestBar = 30;
 constexpr std::size_t kShortestBar = 5;
 constexpr std::size_t kLongestName = 30;
 
-// The end of a long name says more than its start.
+// Keeps the end of a long name, because it says more than the beginning.
 std::string Shortened(const std::string& name) {
   std::string printable = Printable(name);
   if (printable.size() <= kLongestName) {
@@ -125,7 +125,7 @@ void CProgress::Draw() {
   std::unique_lock lock(mutex_);
   while (!stopped_.wait_for(lock, details::kRound, [this] { return stop_; })) {
     if (!transfers_.empty()) {
-      // One column stays free: a full line would make the terminal scroll.
+      // One column stays empty, because a full line would make the terminal scroll.
       const auto width = static_cast<std::size_t>(std::max(HostSystem::TerminalWidth() - 1, 1));
       ShowProgress(RenderProgress(State(), width));
     }

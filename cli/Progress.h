@@ -14,30 +14,30 @@
 
 namespace Tansy::Cli {
 
-// How far several transfers have come together.
+// Says how far several transfers together have come.
 struct ProgressState {
   std::string what;       // "put"
-  std::string name;       // of the only file, else empty
-  std::size_t files = 0;  // of several
+  std::string name;       // name of the file when there is only one, else empty
+  std::size_t files = 0;  // number of files when there are several
   std::size_t done = 0;
   std::uint64_t bytes = 0;
-  std::uint64_t total = 0;  // 0: nobody knows
+  std::uint64_t total = 0;  // 0 when it is not known
   double seconds = 0;
 };
 
-// One line of at most `width` columns: name or count, bar, percentage, rate, time left.
+// Renders one line of at most `width` columns: name or count, bar, percentage, rate, time left.
 std::string RenderProgress(const ProgressState& state, std::size_t width);
 
-// Keeps a line on the terminal up to date while transfers run; does nothing where nobody would see it, and with
-// --quiet and --json. Any thread.
+// Keeps a line on the terminal up to date while transfers run. It does nothing when there is no terminal to see it on,
+// and with --quiet and --json. Threads: any.
 class CProgress {
  public:
   CProgress(const Globals& globals, const std::string& what);
-  ~CProgress();  // takes the line away
+  ~CProgress();  // removes the line
   CProgress(const CProgress&) = delete;
   CProgress& operator=(const CProgress&) = delete;
 
-  // Announces a transfer and returns its number. `total` is 0 when nobody knows.
+  // Announces a transfer and returns its number. `total` is 0 when it is not known.
   std::size_t Add(const std::string& name, std::uint64_t total);
   void Update(std::size_t number, std::uint64_t bytes);
   void UpdatePercent(std::size_t number, int percent);

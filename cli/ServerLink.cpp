@@ -22,7 +22,7 @@ struct ErrorRow {
   const char* advice;
 };
 
-// Errors that a person can do something about, by the code in the answer's body.
+// Lists errors that a person can do something about, by the code in the answer's body.
 constexpr ErrorRow kErrors[] = {
     {"AccessDenied", kExitDenied, "the server denies access", "check the keys with 'tansy doctor'"},
     {"AccessIDProblem", kExitDenied, "the server does not know the access key", "check the keys with 'tansy doctor'"},

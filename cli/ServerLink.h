@@ -20,40 +20,41 @@ struct LinkRequest {
   std::string_view body = {};
   std::string content_type = {};
   std::string range = {};             // "A-B" of the Range header; empty: none
-  std::uint32_t patience_ms = 15000;  // without progress, and until the answer begins
+  std::uint32_t patience_ms = 15000;  // longest time without progress, and until the answer begins
 };
 
-// What became of a request.
+// The result of a request.
 struct LinkOutcome {
   TansyNet::CHttpClientResponse answer;
   TansyNet::HttpClient::Error error;  // {0, 0} when a whole answer came
 
   bool IsAnswered() const { return error.kind == TansyNet::HttpClient::kNone; }
   bool IsDone() const { return IsAnswered() && answer.status == 200; }
-  // The server's word for what is wrong, "NoSuchKey"; empty when there is none.
+  // Gives the server's name for the error, for example "NoSuchKey"; it is empty when there is none.
   std::string ErrorCode() const;
 };
 
-// Plain signed requests to one server, whose address the user or the server of the settings has named. Any thread.
+// Sends plain signed requests to one server, whose address comes from the user or from the server of the settings.
+// Threads: any.
 class CServerLink {
  public:
-  // Of the object server.
+  // Makes a link to the object server.
   explicit CServerLink(const Settings& settings) : CServerLink(settings, settings.object_server) {}
   CServerLink(const Settings& settings, const ServerAddress& address);
 
-  // One exchange, whatever comes of it.
+  // Does one exchange, whatever its result is.
   LinkOutcome Try(const LinkRequest& request) const;
-  // The same for a large body: `head` gets the head of an answer with status 200, `take` its body in pieces. What they
-  // throw ends the exchange and passes through. The body of any other answer is kept in the outcome.
+  // Does the same for a large body: `head` gets the head of an answer with status 200, `take` its body in pieces. An
+  // exception of either ends the exchange and reaches the caller. The body of any other answer is kept in the outcome.
   LinkOutcome Stream(const LinkRequest& request,
                      const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
                      const std::function<void(const char* data, std::size_t size)>& take) const;
-  // What an outcome that is not done means.
+  // Explains an outcome that is no success.
   CFailure FailureOf(const LinkOutcome& outcome) const;
 
-  // Throws CFailure with kExitUnreachable when no answer comes.
+  // Sends a request and gives its answer. Throws CFailure with kExitUnreachable when no answer comes.
   TansyNet::CHttpClientResponse Exchange(const LinkRequest& request) const;
-  // The same, but any status other than 200 is a failure about `subject`.
+  // Does the same, but any status other than 200 is a failure about `subject`.
   TansyNet::CHttpClientResponse Request(const LinkRequest& request, const std::string& subject) const;
 
   const ServerAddress& Address() const { return address_; }
@@ -66,14 +67,14 @@ class CServerLink {
   const std::string secret_key_;
 };
 
-// Advice after a connection that failed.
+// The advice after a connection that failed.
 inline constexpr char kAdviceUnreachable[] =
     "is the server running, and is the address right? 'tansy doctor' looks closer";
 
-// What an answer that is no success means. `code` is the object protocol's word for the error, empty when the answer
-// has none; `server` is the address that answered.
+// Explains an answer that is no success. `code` is the object protocol's name of the error, empty when the answer has
+// none; `server` is the address that answered.
 CFailure FailureOfAnswer(int status, const std::string& code, const std::string& server);
-// What a request without an answer means.
+// Explains a request that got no answer.
 CFailure FailureOfExchange(const TansyNet::HttpClient::Error& error, const std::string& server);
 
 }  // namespace Tansy::Cli

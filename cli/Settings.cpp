@@ -27,7 +27,7 @@ constexpr char kListeningFile[] = "listening.toml";
   throw CFailure(kExitFailed, path + ": " + what, advice);
 }
 
-// Nothing when there is no such file.
+// Gives nothing when there is no such file.
 std::optional<toml::table> ReadToml(const std::string& path) {
   std::string content;
   const int error = HostSystem::ReadWholeFile(path, kLargestFile, content);
@@ -40,7 +40,7 @@ std::optional<toml::table> ReadToml(const std::string& path) {
   try {
     return toml::parse(content);
   } catch (const toml::parse_error& parse_error) {
-    // The parser's own words may quote the line, and the line may hold a secret.
+    // The parser's own message is left out, because it may quote the line, and the line may hold a secret.
     Fail(path, "line " + std::to_string(parse_error.source().begin.line) + " is not valid TOML", "mend that line");
   }
 }
@@ -54,7 +54,7 @@ std::uint16_t PortOf(const toml::table& table, std::string_view key, std::uint16
   return port >= 0 && port <= 65535 ? static_cast<std::uint16_t>(port) : missing;
 }
 
-// What one place says about a server. Empty fields are left to the next place.
+// What one place says about a server. The next place fills empty fields.
 struct Source {
   std::string name;  // for people
   std::string server_url;
@@ -68,13 +68,13 @@ struct Source {
   std::string keys_file;
 };
 
-// "http://HOST:PORT"; without a host this machine's.
+// Gives "http://HOST:PORT"; without a host, that is this machine.
 std::string UrlOf(const std::string& host, std::uint16_t port) {
   return ServerAddress{false, host.empty() ? "127.0.0.1" : host, port}.Url();
 }
 
-// What a tansyd keeps in its data folder: the address and ports at which it can be found while it runs, else those of
-// its settings; and its keys.
+// Reads what a tansyd keeps in its data folder: the address and ports at which it can be reached while it runs, else
+// those of its settings; and its keys.
 Source ReadDataFolder(const std::string& folder) {
   const std::string path = folder + "/" + kSettingsFile;
   const std::optional<toml::table> settings = ReadToml(path);
@@ -124,8 +124,8 @@ Source SourceOf(const toml::table& server, const std::string& name, const std::s
   return source;
 }
 
-// A named server of the configuration file: the one called `name`, the one with that address, or, without a name, its
-// default. Nothing when there is none.
+// Gives a named server of the configuration file: the one called `name`, the one with that address, or, without a name,
+// the default server. Gives nothing when there is none.
 std::optional<Source> ReadConfig(const std::string& path, const std::string& name) {
   const std::optional<toml::table> config = ReadToml(path);
   if (!config) {
@@ -151,14 +151,14 @@ std::optional<Source> ReadConfig(const std::string& path, const std::string& nam
   return std::nullopt;
 }
 
-// Takes what is still missing from `source`.
+// Takes from `source` what is still missing.
 void Complete(Source& settings, const Source& source) {
   const auto take = [](std::string& to, const std::string& from) {
     if (to.empty()) {
       to = from;
     }
   };
-  // Both addresses come from one place: two servers of different places would be strangers to each other.
+  // Both addresses come from one place, because addresses of different places would belong to different servers.
   if (settings.server_url.empty()) {
     settings.name = source.name;
     settings.data_folder = source.data_folder;
@@ -179,8 +179,8 @@ bool IsUrl(const std::string& text) {
   return text.find("://") != std::string::npos;
 }
 
-// What one level of the command line or the environment says itself. A server that is named, not given by its address,
-// goes to `name`.
+// Gives what one level of the command line or the environment says itself. A server that is given by its name, not by
+// its address, goes to `name`.
 Source Said(const std::string& server, const std::string& pool, const std::string& ca, const std::string& who,
             std::string& name) {
   Source source;
@@ -202,7 +202,7 @@ Source SaidByEnvironment(const EnvironmentReader& environment, std::string& name
   return source;
 }
 
-// The server of the configuration with this name, when there is a name.
+// Completes the settings with the server of this name in the configuration, when there is a name.
 void CompleteByName(Source& settings, const std::string& config_path, const std::string& name) {
   if (name.empty()) {
     return;
@@ -227,7 +227,7 @@ Settings ToSettings(const Source& source) {
   Settings settings;
   settings.object_server = AddressOf(source.server_url, source.name);
   if (source.picture_url.empty()) {
-    // tansyd opens its picture port right after the object port.
+    // By default, tansyd's picture port is the object port plus one.
     settings.picture_server = settings.object_server;
     ++settings.picture_server.port;
   } else {
@@ -293,7 +293,7 @@ Settings FindSettings(const Globals& globals, const EnvironmentReader& environme
     details::Complete(settings, details::ReadDataFolder(globals.data));
   }
 
-  // A server that was named by hand is not mixed with another one of the environment.
+  // When the command line names a server, the environment must not add another one.
   name.clear();
   details::Complete(settings, details::SaidByEnvironment(environment, name));
   const std::string data = environment("TANSY_DATA");

@@ -31,14 +31,14 @@ struct Globals {
 // Where a server listens.
 struct ServerAddress {
   bool is_https = false;
-  std::string host;  // without brackets
+  std::string host;  // an IPv6 address has no brackets here
   std::uint16_t port = 0;
 
-  // "127.0.0.1", "[::1]"
+  // Gives "127.0.0.1" or "[::1]".
   std::string HostText() const;
-  // "127.0.0.1:9700"
+  // Gives "127.0.0.1:9700".
   std::string HostAndPort() const;
-  // "http://127.0.0.1:9700"
+  // Gives "http://127.0.0.1:9700".
   std::string Url() const;
 
   bool operator==(const ServerAddress&) const = default;
@@ -49,28 +49,29 @@ struct Settings {
   ServerAddress picture_server;
   std::string access_key;
   std::string secret_key;
-  std::string pool;  // empty when nobody named one
+  std::string pool;  // empty when no place names one
   std::string ca;
   bool insecure = false;
-  std::string data_folder;  // of a tansyd on this machine; empty when the settings come from elsewhere
-  std::string keys_file;    // that the keys were read from; empty when they come from the environment
-  std::string source;       // where the server comes from, for people
+  std::string data_folder;  // data folder of a tansyd on this machine; empty when the settings come from elsewhere
+  std::string keys_file;    // file from which the keys come; empty for the environment
+  std::string source;       // the place that named the server, for people
 };
 
 // Reads one environment variable; "" when there is none.
 using EnvironmentReader = std::function<std::string(const char* name)>;
 
-// Finds out all of it; nothing is sent. Throws CFailure with kExitUsage when there is no server or there are no keys,
+// Finds all settings and sends nothing. Throws CFailure with kExitUsage when there is no server or there are no keys,
 // and with kExitFailed for files that cannot be read or make no sense.
 Settings FindSettings(const Globals& globals, const EnvironmentReader& environment);
-// With the process's own environment; makes the certificates to trust known to the HTTP library.
+// Does the same with the process's own environment, and tells the HTTP library which certificates to trust.
 Settings UseSettings(const Globals& globals);
 
-// "http://HOST[:PORT]" or "https://HOST[:PORT]", nothing behind it but a "/". False when it is something else.
+// Reads "http://HOST[:PORT]" or "https://HOST[:PORT]"; only a "/" may follow. Returns false when the text is something
+// else.
 bool ParseServerUrl(const std::string& text, ServerAddress& address);
 
-// Path and query of a whole address, which must be one of `server`; any other text as it is. Throws CFailure with
-// kExitUsage; `how` is the advice how to set another server.
+// Gives path and query of a whole address, which must belong to `server`; any other text stays as it is. Throws
+// CFailure with kExitUsage; `how` is the advice how to set another server.
 std::string TargetOnServer(const std::string& text, const ServerAddress& server, const std::string& how);
 
 }  // namespace Tansy::Cli

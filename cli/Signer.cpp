@@ -40,7 +40,7 @@ std::string AuthorizationValue(const std::string& method, const std::string& con
 
 std::string SignedObjectTarget(const std::string& path, std::int64_t expires, const std::string& access_key,
                                const std::string& secret_key) {
-  // Servers look for the token behind another parameter only.
+  // Servers find the token only behind another parameter, so there is always one.
   const std::string target = path + (expires == 0 ? "?link=1" : "?expires=" + std::to_string(expires));
   const std::string signature = Sign("GET\n\n\n\n\n" + target, secret_key);
   const std::string token = TansyBase::Encrypt::Base64Encode(details::kScheme + access_key + ":" + signature);

@@ -1,5 +1,5 @@
 // Signatures of the two protocols, for requests that the module's client classes do not make.
-// Threads: any. Nothing throws, except for want of memory.
+// Threads: any. Only std::bad_alloc is thrown.
 #ifndef TANSY_CLI_SIGNER_H
 #define TANSY_CLI_SIGNER_H
 
@@ -8,26 +8,26 @@
 
 namespace Tansy::Cli {
 
-// The current time as the Date header carries it.
+// Gives the current time as the Date header carries it.
 std::string HttpDate();
 
-// Base64 of the HMAC-SHA1 of `text` under `secret_key`.
+// Gives the Base64 text of the HMAC-SHA1 of `text` under `secret_key`.
 std::string Sign(const std::string& text, const std::string& secret_key);
 
-// Value of the Authorization header of a request without a body digest and extension headers.
+// Gives the value of the Authorization header for a request without a body digest and extension headers.
 std::string AuthorizationValue(const std::string& method, const std::string& content_type, const std::string& date,
                                const std::string& resource, const std::string& access_key,
                                const std::string& secret_key);
 
-// A target for GET that needs no header: `path` with a query that carries the signature. `expires` is the time in
+// Gives a target for GET that needs no header: `path` with a query that carries the signature. `expires` is the time in
 // seconds since 1970 from which on servers refuse it; 0 means never.
 std::string SignedObjectTarget(const std::string& path, std::int64_t expires, const std::string& access_key,
                                const std::string& secret_key);
-// The same for a picture's address ("/pic?id=..."). `expires` is signed and not looked at by servers.
+// Does the same for a picture's address ("/pic?id=..."). `expires` is signed, but servers do not check it.
 std::string SignedPictureTarget(const std::string& target, const std::string& expires, const std::string& access_key,
                                 const std::string& secret_key);
 
-// Everything but letters, digits, "-", "." and "_" as %XX.
+// Writes everything but letters, digits, "-", "." and "_" as %XX.
 std::string PercentEncode(const std::string& text);
 
 }  // namespace Tansy::Cli

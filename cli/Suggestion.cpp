@@ -8,7 +8,8 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-// How many letters must be changed, added, left out, or swapped with their neighbour to make one word of the other.
+// Counts the letters that must be changed, added, left out, or swapped with their neighbour to turn one word into the
+// other.
 std::size_t Distance(const std::string& a, const std::string& b) {
   std::vector<std::size_t> before_last(b.size() + 1);
   std::vector<std::size_t> last(b.size() + 1);
@@ -33,7 +34,8 @@ std::size_t Distance(const std::string& a, const std::string& b) {
 
 std::string Suggest(const std::string& typed, const std::vector<std::string>& words) {
   std::string best;
-  std::size_t best_distance = typed.size() < 5 ? 2 : 3;  // one more than what still counts as mistyped
+  // This is one more than the largest distance that still counts as a typing error.
+  std::size_t best_distance = typed.size() < 5 ? 2 : 3;
   for (const std::string& word : words) {
     const std::size_t distance = details::Distance(typed, word);
     if (distance < best_distance && distance < word.size()) {

@@ -6,8 +6,8 @@
 
 namespace Tansy::Cli {
 
-// The word that was probably meant by a mistyped one: one or two letters away, fewer for short words. "" when there is
-// none.
+// Gives the word that a mistyped word probably means: it differs in one or two letters, fewer for short words. The
+// result is "" when there is none.
 std::string Suggest(const std::string& typed, const std::vector<std::string>& words);
 
 }  // namespace Tansy::Cli

@@ -11,7 +11,7 @@ namespace {
 
 constexpr char kMask[] = "***";
 
-// Replaces what follows `before`, up to the end of the parameter or text.
+// Replaces the text that follows `before`, up to the end of the parameter or of the text.
 void MaskBehind(const std::string& before, std::string& text) {
   for (std::size_t at = text.find(before); at != std::string::npos; at = text.find(before, at + 1)) {
     const std::size_t begin = at + before.size();
@@ -23,7 +23,7 @@ void MaskBehind(const std::string& before, std::string& text) {
 std::string HeaderLines(const TansyNet::Headers& headers, const char* mark) {
   std::string lines;
   for (const auto& [name, value] : headers) {
-    // "quorvane <access key>:<signature>"
+    // The value is "quorvane <access key>:<signature>".
     const std::string shown =
         name == "Authorization" ? value.substr(0, value.rfind(':') + 1) + kMask : MaskSecrets(value);
     lines += std::string("\n") + mark + " " + Printable(name) + ": " + Printable(shown);

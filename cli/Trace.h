@@ -5,12 +5,12 @@
 
 namespace Tansy::Cli {
 
-// From now on every request of this process and its answer are shown on standard error, without what would let others
-// sign in the user's name. Called once, before anything is sent.
+// Shows, from now on, every request of this process and its answer on standard error, without anything by which others
+// could sign in the user's name. It is called once, before anything is sent.
 void ShowRequests();
 
-// `text` with the values masked that are good for whoever reads them: signatures, and the tokens of links. The access
-// key stays readable.
+// Masks values that anybody who reads them could use: signatures, and the tokens of links. The access key stays
+// readable.
 std::string MaskSecrets(const std::string& text);
 
 }  // namespace Tansy::Cli

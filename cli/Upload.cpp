@@ -23,8 +23,8 @@ namespace details {
 namespace {
 
 constexpr char kContentType[] = "binary/octet-stream";
-constexpr std::uint32_t kDataPatienceMs = 60000;         // the server answers when the bytes are on its disk
-constexpr std::uint32_t kCompletionPatienceMs = 120000;  // it puts the object together before it answers
+constexpr std::uint32_t kDataPatienceMs = 60000;         // the server answers once the bytes are on its disk
+constexpr std::uint32_t kCompletionPatienceMs = 120000;  // the server joins the parts before it answers
 
 // The server cannot finish this upload. A file can be sent again from its start, as another upload.
 class CLostUpload : public CFailure {
@@ -38,8 +38,8 @@ bool IsLost(const LinkOutcome& outcome) {
          (code == "ServerInternalError" || code == "InvalidXmlContent" || code == "InvalidHttpContent");
 }
 
-// The server has looked at the request and said no. A completion is not repeated then: after some refusals the server
-// no longer has the part that came first.
+// Returns true when the server has looked at the request and refused it. A refused completion is not repeated, because
+// after some refusals the server no longer has the part that came first.
 bool IsRefusal(const LinkOutcome& outcome) {
   return outcome.IsAnswered() && outcome.answer.status != 408 && outcome.answer.status != 503;
 }
@@ -50,7 +50,7 @@ CFailure SizeFailure(const ObjectUrl& url, std::uint64_t there, std::uint64_t se
           "has somebody replaced it meanwhile? Put the file again"};
 }
 
-// One attempt to send an object: in one request, or in parts that are numbered and can each be sent again.
+// Makes one attempt to send an object: in one request, or in numbered parts, each of which can be sent again.
 class CAttempt {
  public:
   CAttempt(const Settings& settings, const ServerAddress& node, const UploadJob& job, const UploadListener& listener,
@@ -73,7 +73,7 @@ class CAttempt {
   }
 
  private:
-  // Storing the same bytes under the same name twice leaves one object.
+  // Storing the same bytes under the same name twice leaves one object, so this request may be repeated.
   void SendWhole(const std::vector<char>& content) {
     const LinkOutcome outcome = Persist({.method = "PUT",
                                          .resource = job_.url.Path(),
@@ -100,7 +100,7 @@ class CAttempt {
     Complete(before);
   }
 
-  // A task that was opened and never used holds no bytes, and the server sweeps it away: opening it is repeated too.
+  // A task that was opened and never used holds no bytes, and the server sweeps it away, so opening is repeated too.
   void OpenTask() {
     const LinkOutcome outcome = TryPatiently(server_, {.method = "POST", .resource = job_.url.Path() + "?uploads"});
     if (!outcome.IsDone()) {
@@ -116,7 +116,7 @@ class CAttempt {
     }
   }
 
-  // Until no part is left or one of the senders has failed.
+  // Sends until no part is left or one of the senders has failed.
   void SendParts() {
     try {
       std::vector<char> part;
@@ -146,7 +146,7 @@ class CAttempt {
     return true;
   }
 
-  // A part that is sent again under its number takes the place of the first.
+  // A part that is sent again under its number replaces the first one.
   void SendPart(const std::vector<char>& part, std::size_t number) {
     const LinkOutcome outcome =
         Persist({.method = "POST",
@@ -163,8 +163,8 @@ class CAttempt {
     throw node_.FailureOf(outcome);
   }
 
-  // The answer to a completion may be lost after the server has made the object: the upload is gone then, and the
-  // object is another one than before.
+  // The answer to a completion may be lost after the server has made the object. The upload no longer exists then, and
+  // the object differs from the one before.
   void Complete(const std::optional<ObjectVersion>& before) {
     const std::string body = CompletionBody();
     const LinkRequest request{.method = "POST",
@@ -205,7 +205,7 @@ class CAttempt {
     return now && now->size == reader_.Size() && (!before || now->tag != before->tag);
   }
 
-  // Sends to the node, again and again while that may help and no other sender has failed.
+  // Sends to the node, again while that may help and no other sender has failed.
   LinkOutcome Persist(const LinkRequest& request) const {
     return TryPatiently(node_, request, EPatience::kMuch, &stop_);
   }
@@ -217,22 +217,22 @@ class CAttempt {
   }
 
   const Settings& settings_;
-  const CServerLink server_;  // opens and completes
-  const CServerLink node_;    // takes the bytes
+  const CServerLink server_;  // opens and completes uploads
+  const CServerLink node_;    // receives the bytes
   const UploadJob& job_;
   const UploadListener& listener_;
   std::string upload_id_;
 
   std::mutex mutex_;  // guards what follows while the senders run
   CPieceReader& reader_;
-  std::vector<char> next_;  // the first part, which was read to know whether there are more
+  std::vector<char> next_;  // the first part, which was read to find out whether there are more
   std::vector<std::size_t> sizes_;
   std::uint64_t sent_ = 0;
   std::exception_ptr failure_;
   std::atomic<bool> stop_{false};
 };
 
-// Compares the stored bytes with the digest of those that were sent.
+// Compares the stored bytes with those that were sent, by their digests.
 void Verify(const Settings& settings, const ObjectUrl& url, const ObjectVersion& version, const std::string& digest) {
   CDigest stored;
   Fetch(settings, url, {0, version.size}, version, [&](const char* data, std::size_t size) { stored.Add(data, size); });

@@ -15,24 +15,24 @@
 
 namespace Tansy::Cli {
 
-// What is sent, and how.
+// Describes what is sent, and how.
 struct UploadJob {
   ObjectUrl url;
-  bool may_replace = false;                          // the name is the caller's choice: an object may have it already
-  std::optional<std::uint64_t> expected;             // the file's size; without it all that can be read is sent
-  std::uint64_t part_size = std::uint64_t{8} << 20;  // of all parts but the last; what is not larger is sent whole
-  std::size_t senders = 4;                           // parts under way at a time
+  bool may_replace = false;                          // the caller chose the name: an object may have it already
+  std::optional<std::uint64_t> expected;             // the file's size; without it everything that can be read is sent
+  std::uint64_t part_size = std::uint64_t{8} << 20;  // size of all parts but the last; nothing smaller is cut
+  std::size_t senders = 4;                           // number of parts sent at the same time
   bool verify = false;                               // read the object back and compare
-  EPatience patience = EPatience::kNone;             // for the first request: much when the server has answered before
+  EPatience patience = EPatience::kNone;             // for the first request: kMuch when the server has answered before
 };
 
-// Who wants to know how it goes; called from any thread, one call at a time.
+// Is told about the progress. Any thread may call it, but only one call runs at a time.
 struct UploadListener {
   std::function<void(std::uint64_t bytes)> progress;
   std::function<void(const std::string& line)> note;
 };
 
-// Sends what `file` holds from where it stands; a file with an `expected` size begins at its start. Returns the
+// Sends what `file` holds from its current position; a file with an `expected` size begins at its start. Returns the
 // object's size when the server has told it. Requests whose repetition does no harm are repeated when the connection
 // breaks or the server is started again. Throws CFailure.
 std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, const UploadListener& listener);

@@ -30,27 +30,28 @@ bool IsSpecialFile(const std::string& path) {
   return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
 }
 
-// Where an object goes: the file that was named, or one of the object's own name in the folder that was named, or here.
+// Gives the file into which an object goes: the file that was named, or a file with the object's own name in the folder
+// that was named, or here.
 std::string TargetOf(const std::string& file, const std::string& key) {
   const bool is_folder = !file.empty() && IsFolder(file);
   if (!file.empty() && !is_folder) {
     return file;
   }
-  // The name comes from the server's side and must not lead anywhere else.
+  // The name comes from the server, so it must not lead to another folder.
   if (key == "." || key == ".." || key.find('\\') != std::string::npos || key != Printable(key)) {
     throw CFailure(kExitUsage, "\"" + Printable(key) + "\" is no name for a local file", "name one after the URL");
   }
   return is_folder ? file + "/" + key : key;
 }
 
-// What the words of a command line mean: URLs, and behind them perhaps where the objects go.
+// Holds what the words of a command line mean: URLs, and after them perhaps the place where the objects go.
 struct Words {
   std::vector<std::string> urls;
   std::string file;         // "": here
-  bool is_guessed = false;  // the last word was taken for a URL because it cannot be a local file
+  bool is_guessed = false;  // the last word counts as a URL only because it cannot be a local file
 };
 
-// The last of several words is a local name unless it can be none: a whole address, or a path in a folder that is not
+// The last of several words is a local name unless it cannot be one: a whole address, or a path in a folder that is not
 // there, where nothing could be written.
 Words ReadWords(std::vector<std::string> words) {
   if (words.size() == 1) {
@@ -72,7 +73,7 @@ Words ReadWords(std::vector<std::string> words) {
   return read;
 }
 
-// One use of the command.
+// Runs one use of the command.
 class CGet {
  public:
   CGet(const CommandCall& call, Words words)
@@ -103,7 +104,7 @@ class CGet {
       throw CFailure(kExitUsage, "--range goes with one object", "get them one by one");
     }
     if (words_.is_guessed) {
-      // Nothing is written when the last word was a mistyped folder after all.
+      // The object is asked for first, so that nothing is written when the last word was a mistyped folder.
       AskVersion(settings_, ParseObjectUrl(words_.urls.back(), settings_));
     }
   }
@@ -131,7 +132,7 @@ class CGet {
     return Report(url, target, range.end - range.begin);
   }
 
-  // `target` is what failures are about.
+  // Failures name `target`.
   void GetInto(const std::string& path, const std::string& target, const ObjectUrl& url, ByteRange range,
                const ObjectVersion& version, std::size_t number) {
     const StdioFile file = OpenForWriting(path);

@@ -16,7 +16,7 @@ namespace {
 int RunPicLink(const CommandCall& call) {
   const Settings settings = UseSettings(call.globals);
   std::string target = ParsePictureUrl(call.Argument("URL"), settings);
-  // A link that carries a signature already gets a new one: the picture's address ends before the first.
+  // A link that carries a signature already gets a new one: the picture's address ends before the old signature.
   target.resize(std::min(target.size(), target.find("&AccessKeyId=")));
   if (target.find('?') == std::string::npos) {
     throw CFailure(kExitUsage, "\"" + Printable(target) + "\" is no picture URL", "give /pic?... in quotes");

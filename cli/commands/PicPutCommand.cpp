@@ -27,7 +27,7 @@ std::string PutPicture(const CommandCall& call, const Settings& settings, const 
   if (std::fread(picture.data(), 1, picture.size(), input.get()) != picture.size()) {
     throw CFailure(kExitFailed, Printable(file) + ": cannot be read whole", "try again when nobody writes it");
   }
-  // A picture server knows pools by their ids and takes any.
+  // A picture server knows pools by their ids and accepts any name.
   CloudStorage::CPictureClient client = MakePictureClient(settings, settings.pool.empty() ? "1" : settings.pool);
   std::string url;
   if (!client.UploadPicture(url, picture.data(), static_cast<std::uint32_t>(size))) {

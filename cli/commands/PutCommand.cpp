@@ -23,8 +23,8 @@ namespace details {
 namespace {
 
 constexpr std::size_t kLongestName = 128;
-constexpr std::size_t kLongestExtension = 64;                     // a new name is 36 bytes and the extension
-constexpr std::uint64_t kLargestPiece = std::uint64_t{32} << 20;  // what servers take in one request
+constexpr std::size_t kLongestExtension = 64;                     // a new name consists of 36 bytes and the extension
+constexpr std::uint64_t kLargestPiece = std::uint64_t{32} << 20;  // the most that servers take in one request
 
 std::uint64_t ParsePieces(const std::string& text) {
   std::uint64_t pieces = 0;
@@ -40,7 +40,7 @@ std::string BaseName(const std::string& path) {
   return path.substr(path.find_last_of("/\\") + 1);
 }
 
-// ".jpg"; empty when there is none that can be part of a URL.
+// Gives an extension like ".jpg"; it is empty when there is none that can be part of a URL.
 std::string Extension(const std::string& path) {
   const std::string name = BaseName(path);
   const std::size_t dot = name.rfind('.');
@@ -66,14 +66,14 @@ void CheckName(const std::string& name) {
   }
 }
 
-// What the words of a command line mean: files, and behind a single one perhaps the object that it becomes.
+// Holds what the words of a command line mean: files, and after a single one perhaps the object that it becomes.
 struct Words {
   std::vector<std::string> files;
-  std::string url;  // empty: none was given
+  std::string url;  // empty when none was given
 };
 
-// The second of two words is an object when it can be no local file: a whole address, or a path in a folder that is not
-// there.
+// The second of two words is an object when it cannot be a local file: a whole address, or a path in a folder that is
+// not there.
 Words ReadWords(std::vector<std::string> words) {
   if (words.size() == 2) {
     const std::string& last = words.back();
@@ -122,7 +122,7 @@ void CheckKeptNames(const std::vector<std::string>& files) {
   }
 }
 
-// One use of the command.
+// Runs one use of the command.
 class CPut {
  public:
   CPut(const CommandCall& call, Words words)
@@ -136,7 +136,7 @@ class CPut {
         CheckKeptNames(words_.files);
       }
       named_ = {ChooseBucket(settings_), call.Option("--name")};
-      is_reached_ = settings_.pool.empty();  // the server was asked for its buckets
+      is_reached_ = settings_.pool.empty();  // then the server was already asked for its buckets
     }
   }
 
@@ -154,7 +154,7 @@ class CPut {
     try {
       size = is_input ? Send(stdin, job, progress_.Add("standard input", 0)) : SendFile(file, job);
     } catch (const CFailure& failure) {
-      // Failures to find or open the file name it already.
+      // Failures to find or open the file contain its name already.
       const std::string name = is_input ? "standard input" : Printable(file);
       throw std::string(failure.what()).starts_with(name + ":") ? failure : failure.About(name);
     }
@@ -174,7 +174,7 @@ class CPut {
     } else if (named_.key.empty()) {
       job.url.key = TansyBase::GuidUtil::CreateGuid() + (file == "-" ? ".pfile" : Extension(file));
     }
-    // Several files share the connections that one alone would have.
+    // Several files share the connections that a single file would have.
     job.senders = words_.files.size() > 1 ? 2 : 4;
     job.verify = call_.Has("--verify");
     job.patience = is_reached_ ? EPatience::kMuch : EPatience::kNone;
@@ -212,9 +212,9 @@ class CPut {
   const CommandCall& call_;
   const Words words_;
   const Settings settings_;
-  ObjectUrl named_;  // with an empty key: each object gets a name of its own
+  ObjectUrl named_;  // with an empty key, each object gets a name of its own
   CProgress progress_;
-  std::atomic<bool> is_reached_{false};  // the server has answered: its address is right
+  std::atomic<bool> is_reached_{false};  // the server has answered, so its address is right
 };
 
 int RunPut(const CommandCall& call) {

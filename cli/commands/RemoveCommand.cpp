@@ -23,7 +23,7 @@ std::string Remove(const CommandCall& call, const Settings& settings, const std:
 int RunRemove(const CommandCall& call) {
   const Settings settings = UseSettings(call.globals);
   for (const std::string& text : call.Arguments("URL")) {
-    ParseObjectUrl(text, settings);  // a word that is none is found before anything is removed
+    ParseObjectUrl(text, settings);  // finds a word that is no URL before anything is removed
   }
   return ForEach(call.Arguments("URL"), [&](const std::string& text) { return Remove(call, settings, text); });
 }

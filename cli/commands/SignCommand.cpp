@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::int64_t kLongestValidity = std::int64_t{100} * 366 * 86400;
 
-// Seconds of "90s", "15m", "2h", "7d" or "4w". Throws CFailure with kExitUsage.
+// Gives the seconds of "90s", "15m", "2h", "7d" or "4w". Throws CFailure with kExitUsage.
 std::int64_t ParseDuration(const std::string& text) {
   static constexpr std::pair<char, std::int64_t> kUnits[] = {
       {'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
@@ -46,7 +46,7 @@ int RunSign(const CommandCall& call) {
                   ? "note: this link does not end while the server keeps its keys; --expires 7d makes one that does"
                   : "note: this link ends " + TansyBase::TimeUtil::TimeT2StrUTCDatetime(expires) + " UTC");
   }
-  // Keys are looked up as they arrive; a link that arrives rewritten names another object.
+  // The server looks keys up as they arrive, so a link that is rewritten on its way names another object.
   const bool rewritten =
       std::any_of(link.begin(), link.end(), [](char c) { return static_cast<unsigned char>(c) > 0x7e; });
   if (rewritten && !call.globals.quiet) {

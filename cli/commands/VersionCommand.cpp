@@ -9,12 +9,12 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-// Servers that do not tell their version are common: that is no failure.
+// Many servers do not tell their version, so that is no failure.
 std::string ServerVersion(const CommandCall& call) {
   try {
     const Settings settings = UseSettings(call.globals);
     if (settings.object_server.is_https) {
-      return "";  // the question is asked over plain HTTP only
+      return "";  // the version can be asked for over plain HTTP only
     }
     CloudStorage::CObjectClient client(MakeClientRecord(settings, settings.object_server, settings.pool));
     std::string version;
