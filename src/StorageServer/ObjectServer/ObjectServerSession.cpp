@@ -56,6 +56,19 @@ bool ExecuteAndEndTask(const std::string& sql, const std::string& ended_task) {
   return CBaseDBLayerConn::Instance().Execute(statements);
 }
 
+std::string DeleteObjectsText(const std::string& bucket_name) {
+  return StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s';", Protect(bucket_name).c_str());
+}
+
+// Removes buckets with their objects.
+bool ExecuteAndDeleteObjects(const std::string& sql, const std::vector<std::string>& bucket_names) {
+  std::vector<std::string> statements{sql};
+  for (const std::string& name : bucket_names) {
+    statements.push_back(DeleteObjectsText(name));
+  }
+  return CBaseDBLayerConn::Instance().Execute(statements);
+}
+
 std::string RenameText(const char* table, const std::string& old_name, const std::string& new_name) {
   return StringUtil::str_fmt("UPDATE platform.%s SET bucket_name='%s' where bucket_name='%s';", table,
                              Protect(new_name).c_str(), Protect(old_name).c_str());
@@ -161,11 +174,13 @@ bool CObjectServerSession::ModifyBucket(const BucketInfo& bucket, const std::str
   return CBaseDBLayerConn::Instance().Execute(statements);
 }
 
-bool CObjectServerSession::DeleteBucket(std::uint32_t id) {
-  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_bucket where id=%d;", details::ToInt(id)));
+bool CObjectServerSession::DeleteBucket(std::uint32_t id, const std::vector<std::string>& bucket_names) {
+  return details::ExecuteAndDeleteObjects(
+      StringUtil::str_fmt("DELETE FROM platform.local_bucket where id=%d;", details::ToInt(id)), bucket_names);
 }
 
-bool CObjectServerSession::DeleteBuckets(const std::set<std::uint32_t>& ids) {
+bool CObjectServerSession::DeleteBuckets(const std::set<std::uint32_t>& ids,
+                                         const std::vector<std::string>& bucket_names) {
   if (ids.empty()) {
     return true;
   }
@@ -174,7 +189,8 @@ bool CObjectServerSession::DeleteBuckets(const std::set<std::uint32_t>& ids) {
     list += list.empty() ? "" : ",";
     list += std::to_string(details::ToInt(id));
   }
-  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_bucket WHERE id IN (%s);", list.c_str()));
+  return details::ExecuteAndDeleteObjects(
+      StringUtil::str_fmt("DELETE FROM platform.local_bucket WHERE id IN (%s);", list.c_str()), bucket_names);
 }
 
 bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& buckets) {
@@ -216,8 +232,7 @@ bool CObjectServerSession::UpdateObject(const ObjectInfo& object, const std::str
 }
 
 bool CObjectServerSession::DeleteObjectByBucket(const std::string& bucket_name) {
-  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s';",
-                                              details::Protect(bucket_name).c_str()));
+  return details::Execute(details::DeleteObjectsText(bucket_name));
 }
 
 bool CObjectServerSession::DeleteObject(std::uint32_t id) {

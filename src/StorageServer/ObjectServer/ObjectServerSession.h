@@ -30,8 +30,9 @@ class CObjectServerSession {
   // Changes a bucket. When it gets another name, the rows of its objects and upload tasks change with it. `old_name` is
   // the name that they have so far; it is empty when only the bucket's own row is to change.
   static bool ModifyBucket(const BucketInfo& bucket, const std::string& old_name = {});
-  static bool DeleteBucket(std::uint32_t id);
-  static bool DeleteBuckets(const std::set<std::uint32_t>& ids);
+  // The rows of the objects of `bucket_names` go along.
+  static bool DeleteBucket(std::uint32_t id, const std::vector<std::string>& bucket_names = {});
+  static bool DeleteBuckets(const std::set<std::uint32_t>& ids, const std::vector<std::string>& bucket_names = {});
   // Adds every bucket to `buckets`, by name.
   static bool QueryBucket(std::map<std::string, BucketInfo>& buckets);
 

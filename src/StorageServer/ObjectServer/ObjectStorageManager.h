@@ -10,7 +10,9 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "ModuleLog.h"
 #include "Singleton.h"
 #include "StorageServer/ObjectServer/CatalogueRecords.h"
 #include "StorageServer/ObjectServer/KeyLocks.h"
@@ -44,6 +46,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool AddBucket(BucketInfo& bucket);
   // Returns false also when another bucket has the new name, because their objects could not be told apart any more.
   bool ModifyBucket(const BucketInfo& bucket);
+  // Removes the bucket with its objects, or changes nothing and returns false.
   bool RemoveBucket(std::uint32_t id);
   bool RemoveBucket(const std::set<std::uint32_t>& ids);
   bool GetBucketByName(BucketInfo& bucket, const std::string& name);
@@ -65,7 +68,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // database refuses.
   // With `remove_file` the object's stored bytes are freed too, in one step with the row: an upload of that name
   // happens either wholly before or wholly after it. The function is called at most once, with what GetObjectFile
-  // gives, and must not call the catalogue; when it refuses, the object stays and the result is false.
+  // gives, and must not call the catalogue; when it refuses or throws, the object stays. The result is then false, or
+  // the exception leaves this method.
   bool RemoveObject(const std::string& object_name, const std::string& bucket_name, const RemoveFile& remove_file = {});
   // Gives the storage path behind an object's location text, for removal.
   bool GetObjectFile(std::string& path, const std::string& object_name, const std::string& bucket_name);
@@ -114,14 +118,21 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool IsNameTakenByAnother(const BucketInfo& bucket);
   std::string RowName(const std::string& bucket_name);
   bool FindObject(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
-  void ForgetObject(const std::string& object_name, const std::string& bucket_name);
+  void ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept;
+  void UndoRemoval(const ObjectInfo& object) noexcept;
   bool PutRowBack(const ObjectInfo& object);
   void TakeOver(std::map<std::string, ObjectSet>& added, std::uint32_t id) noexcept;
   void EndTask(const std::string& task_id);
   std::string RowNameById(std::uint32_t bucket_id);
 
-  using AllObjectsGuard = CKeyLocks<32>::AllGuard;
-  bool RemoveObjectByBucket(std::uint32_t bucket_id, const AllObjectsGuard& held);
+  // What requests call some buckets, and what their rows and those of their objects do, in the same order.
+  struct BucketNames {
+    std::vector<std::string> in_memory;
+    std::vector<std::string> in_rows;
+  };
+  BucketNames FindNames(const std::set<std::uint32_t>& ids, const details::Caller& caller);
+  void ForgetBuckets(const BucketNames& names) noexcept;
+  void ForgetObjects(const BucketNames& names) noexcept;
 
   std::atomic<bool> loaded_{false};
 

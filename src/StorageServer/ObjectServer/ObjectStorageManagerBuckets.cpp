@@ -1,5 +1,6 @@
 // The catalogue's buckets.
 #include <algorithm>
+#include <utility>
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
@@ -80,6 +81,8 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
+  // This is made before the row is changed: afterwards, memory that runs out must not keep the two from agreeing.
+  BucketInfo changed = bucket;
   if (!CObjectServerSession::ModifyBucket(bucket, RowNameById(bucket.id))) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
@@ -92,11 +95,11 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
   }
   // The map's key stays, because a renamed bucket keeps its old name here until the next start.
   BucketInfo& stored = found->second;
-  stored.name = bucket.name;
-  stored.reserve = bucket.reserve;
-  stored.location = bucket.location;
-  stored.cycle = bucket.cycle;
-  stored.size = bucket.size;
+  stored.name = std::move(changed.name);
+  stored.reserve = std::move(changed.reserve);
+  stored.location = std::move(changed.location);
+  stored.cycle = changed.cycle;
+  stored.size = changed.size;
   return true;
 }
 
@@ -105,37 +108,59 @@ bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
   // The lock is held until the bucket is gone from memory too: an upload comes before all of this, and its object is
   // removed, or it finds no bucket.
   const auto all_objects_lock = object_locks_.LockAll();
-  if (!CObjectServerSession::DeleteBucket(id)) {
+  const BucketNames names = FindNames({id}, CLOUD_LOG_CALLER);
+  if (!CObjectServerSession::DeleteBucket(id, names.in_rows)) {
     CLOUD_LOG(logging::kError, "[%s]remove bucket[%d] failed, db operation failed.[%s(%d)]", static_cast<int>(id));
     return false;
   }
-  if (!RemoveObjectByBucket(id, all_objects_lock)) {
-    CLOUD_LOG(logging::kDatabase, "[%s]remove bucket[%d], remove object failed.[%s(%d)]", static_cast<int>(id));
-  }
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  if (const auto found = details::FindBucketById(buckets_, id); found != buckets_.end()) {
-    buckets_.erase(found);
-  }
+  ForgetBuckets(names);
   return true;
 }
 
 bool CObjectStorageManager::RemoveBucket(const std::set<std::uint32_t>& ids) {
   const std::lock_guard<std::mutex> change(bucket_changes_);
-  // The lock is held until the bucket is gone from memory too: an upload comes before all of this, and its object is
-  // removed, or it finds no bucket.
   const auto all_objects_lock = object_locks_.LockAll();
-  if (!CObjectServerSession::DeleteBuckets(ids)) {
+  const BucketNames names = FindNames(ids, CLOUD_LOG_CALLER);
+  if (!CObjectServerSession::DeleteBuckets(ids, names.in_rows)) {
     CLOUD_LOG(logging::kError, "[%s]remove buckets failed, db operation failed.[%s(%d)]");
     return false;
   }
-  for (const std::uint32_t id : ids) {
-    if (!RemoveObjectByBucket(id, all_objects_lock)) {
-      CLOUD_LOG(logging::kDatabase, "[%s]remove bucket[%d], remove object failed.[%s(%d)]", static_cast<int>(id));
-    }
-  }
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  std::erase_if(buckets_, [&ids](const auto& entry) { return ids.contains(entry.second.id); });
+  ForgetBuckets(names);
   return true;
+}
+
+// Logs ids that no bucket has in the name of `caller`.
+CObjectStorageManager::BucketNames CObjectStorageManager::FindNames(const std::set<std::uint32_t>& ids,
+                                                                    const details::Caller& caller) {
+  BucketNames names;
+  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  for (const std::uint32_t id : ids) {
+    const auto found = details::FindBucketById(buckets_, id);
+    if (found == buckets_.end()) {
+      CLOUD_LOG_FOR(caller, logging::kNotable, "[%s]remove object by bucket, bucket[%s] not exist.[%s(%d)]",
+                    std::to_string(id).c_str());
+      continue;
+    }
+    names.in_memory.push_back(found->first);
+    names.in_rows.push_back(found->second.name);
+  }
+  return names;
+}
+
+// Called after the rows are removed, and therefore allocates nothing.
+void CObjectStorageManager::ForgetBuckets(const BucketNames& names) noexcept {
+  ForgetObjects(names);
+  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  for (const std::string& name : names.in_memory) {
+    buckets_.erase(name);
+  }
+}
+
+void CObjectStorageManager::ForgetObjects(const BucketNames& names) noexcept {
+  const std::lock_guard<std::mutex> lock(object_mutex_);
+  for (const std::string& name : names.in_memory) {
+    objects_.erase(name);
+  }
 }
 
 bool CObjectStorageManager::GetBucketByName(BucketInfo& bucket, const std::string& name) {
@@ -156,29 +181,17 @@ bool CObjectStorageManager::GetBucketList(std::map<std::string, BucketInfo>& buc
 
 bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id) {
   // With all names locked, an upload into the bucket happens either wholly before this or wholly after it.
-  return RemoveObjectByBucket(bucket_id, object_locks_.LockAll());
-}
-
-bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id, const AllObjectsGuard& /*held*/) {
-  std::string name;
-  std::string row_name;
-  {
-    const std::lock_guard<std::mutex> lock(bucket_mutex_);
-    const auto found = details::FindBucketById(buckets_, bucket_id);
-    if (found == buckets_.end()) {
-      CLOUD_LOG(logging::kNotable, "[%s]remove object by bucket, bucket[%s] not exist.[%s(%d)]",
-                std::to_string(bucket_id).c_str());
-      return true;
-    }
-    name = found->first;
-    row_name = found->second.name;
+  const auto all_objects_lock = object_locks_.LockAll();
+  const BucketNames names = FindNames({bucket_id}, CLOUD_LOG_CALLER);
+  if (names.in_memory.empty()) {
+    return true;
   }
-  if (!CObjectServerSession::DeleteObjectByBucket(row_name)) {
-    CLOUD_LOG(logging::kNotable, "[%s]remove object by bucket[%s], db operate failed.[%s(%d)]", name.c_str());
+  if (!CObjectServerSession::DeleteObjectByBucket(names.in_rows.front())) {
+    CLOUD_LOG(logging::kNotable, "[%s]remove object by bucket[%s], db operate failed.[%s(%d)]",
+              names.in_memory.front().c_str());
     return false;
   }
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  objects_.erase(name);
+  ForgetObjects(names);
   return true;
 }
 

@@ -1,4 +1,5 @@
 // The catalogue's objects.
+#include <exception>
 #include <iterator>
 #include <string_view>
 #include <utility>
@@ -159,15 +160,35 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
     CLOUD_LOG(logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]", object_name.c_str());
     return false;
   }
-  const bool removed = !has_file || remove_file(path);
-  if (removed || !PutRowBack(object)) {
-    ForgetObject(object_name, bucket_name);
+  try {
+    if (has_file && !remove_file(path)) {
+      UndoRemoval(object);
+      return false;
+    }
+  } catch (...) {
+    // The host's storage threw, or memory ran out.
+    UndoRemoval(object);
+    throw;
   }
-  return removed;
+  ForgetObject(object_name, bucket_name);
+  return true;
 }
 
-// Undoes the removal of a row; the new row has an id of its own. Returns false when the database refuses: the object is
-// then gone, and no row names its bytes.
+// Called after the row is removed. Puts the row back; where that fails, it removes the object from memory too, and no
+// row names its bytes any more.
+void CObjectStorageManager::UndoRemoval(const ObjectInfo& object) noexcept {
+  bool is_back = false;
+  try {
+    is_back = PutRowBack(object);
+  } catch (const std::exception&) {
+    is_back = false;  // out of memory; nothing is thrown once the row is there
+  }
+  if (!is_back) {
+    ForgetObject(object.name, object.bucket_name);
+  }
+}
+
+// Undoes the removal of a row; the new row has an id of its own. Returns false when the database refuses.
 bool CObjectStorageManager::PutRowBack(const ObjectInfo& object) {
   ObjectInfo row = object;
   row.bucket_name = RowName(object.bucket_name);
@@ -176,14 +197,14 @@ bool CObjectStorageManager::PutRowBack(const ObjectInfo& object) {
     return false;
   }
   const std::lock_guard<std::mutex> lock(object_mutex_);
-  ObjectSet& objects = objects_[object.bucket_name];
+  ObjectSet& objects = objects_.find(object.bucket_name)->second;
   auto node = objects.extract(objects.find(std::string_view(object.name)));
   node.value().id = row.id;
   objects.insert(std::move(node));
   return true;
 }
 
-void CObjectStorageManager::ForgetObject(const std::string& object_name, const std::string& bucket_name) {
+void CObjectStorageManager::ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept {
   const std::lock_guard<std::mutex> lock(object_mutex_);
   const auto bucket = objects_.find(bucket_name);
   if (bucket == objects_.end()) {

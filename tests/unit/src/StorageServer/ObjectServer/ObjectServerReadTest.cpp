@@ -9,6 +9,7 @@
 #include <mutex>
 #include <new>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -670,6 +671,22 @@ TEST_F(CObjectServerReadTest, AFileThatCannotBeRemovedKeepsTheObject) {
   EXPECT_EQ(Get(Path("k")).body, "bytes");
   EXPECT_EQ(Database().Column("SELECT * FROM platform.local_object WHERE bucket_name='" + bucket_ + "'", "name").size(),
             1u);
+}
+
+TEST_F(CObjectServerReadTest, ARemovalThatThrowsInTheStorageKeepsTheObject) {
+  NewObject(bucket_, "k", "bytes");
+  storage_.SetHook([](const CFakeStorage::Call& call) {
+    if (call.kind == "remove") {
+      throw std::runtime_error("the host's storage is not well");
+    }
+  });
+  EXPECT_TRUE(IsError(Delete(Path("k"), "deletefile"), 500, "ServerInternalError"));
+  EXPECT_EQ(Get(Path("k")).body, "bytes");
+  const std::string rows = "SELECT * FROM platform.local_object WHERE bucket_name='" + bucket_ + "'";
+  EXPECT_EQ(Database().Column(rows, "name").size(), 1u) << "gone after the next start";
+  storage_.SetHook(nullptr);
+  EXPECT_TRUE(IsXml(Delete(Path("k"), "deletefile"), ""));
+  EXPECT_TRUE(Database().Column(rows, "name").empty());
 }
 
 TEST_F(CObjectServerReadTest, InternalUrls) {
