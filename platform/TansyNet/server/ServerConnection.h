@@ -153,6 +153,7 @@ class CServerConnection final : public IServerConnection,
   void RunPiece(std::int32_t handle, HttpServerRecv& message);
   void OnTokenGone(std::int32_t handle) noexcept;
   void TakeTokenBack(std::int32_t handle, Lock& lock);
+  bool TakeLostTokenBack();
   bool UploadIsRead() const;
 
   // These are in ServerConnectionAnswer.cpp.

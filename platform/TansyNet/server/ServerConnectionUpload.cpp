@@ -60,7 +60,7 @@ MemoryUse CServerConnection::PieceUse() const {
 }
 
 CServerConnection::Next CServerConnection::StepUpload() {
-  if (upload_->ready != nullptr && upload_->token_out) {
+  if (upload_->ready != nullptr && upload_->token_out && !TakeLostTokenBack()) {
     return Next::kWait;  // OnTokenGone continues
   }
   if (upload_->ready != nullptr) {
@@ -140,9 +140,21 @@ void CServerConnection::OnTokenGone(std::int32_t handle) noexcept {
       self->TakeTokenBack(handle, lock);
     });
   } catch (const std::exception&) {
-    lost_token_.store(handle);
+    // An exchange orders the two deadlines: a worker that missed the handle has set its own before this one.
+    lost_token_.exchange(handle);
     SetDeadlineAt(0);
   }
+}
+
+// A token may be lost while the next piece is still being read, and the deadline that should have told about it is then
+// set anew. So the piece looks for the token itself when it is complete.
+bool CServerConnection::TakeLostTokenBack() {
+  const std::int32_t handle = lost_token_.exchange(0);
+  if (handle == 0 || !CheckHandle(handle)) {
+    return false;
+  }
+  upload_->token_out = false;
+  return true;
 }
 
 void CServerConnection::TakeTokenBack(std::int32_t handle, Lock& lock) {

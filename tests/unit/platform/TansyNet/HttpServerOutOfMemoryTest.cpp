@@ -15,9 +15,11 @@
 namespace {
 
 using Tansy::Tests::AnswerText;
+using Tansy::Tests::CFailingAllocation;
 using Tansy::Tests::CFailingAllocationAnywhere;
 using Tansy::Tests::CRawClient;
 using Tansy::Tests::CUnharmedThread;
+using Tansy::Tests::Delivery;
 using Tansy::Tests::Eventually;
 using Tansy::Tests::ServerFixture;
 using TansyNet::CHttpServer;
@@ -86,6 +88,47 @@ TEST_F(HttpServerOutOfMemory, EndsNoServiceOfUploads) {
   constexpr std::size_t kSize = TansyNet::kWholeBodyLimit + 1;
   FailEachAllocationFor("PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(kSize) + "\r\n\r\n" +
                         std::string(kSize, 'x'));
+}
+
+// A token that is given back without memory is found when the piece after it is complete, not when the request's time
+// is over.
+class HttpServerLostToken : public ServerFixture {
+ protected:
+  static constexpr std::size_t kSize = TansyNet::kWholeBodyLimit + 1;
+
+  HttpServerLostToken() { Start(); }
+
+  // Waits until the library holds no copy of the piece's token any more.
+  static bool IsLastCopy(const Delivery& piece) {
+    return Eventually([&piece] { return piece.message.token.use_count() == 1; });
+  }
+};
+
+TEST_F(HttpServerLostToken, IsFoundByThePieceThatIsBeingRead) {
+  const std::string body(kSize, 'x');
+  CRawClient client(Port());
+  client.Send("PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(kSize) + "\r\n\r\n" + body.substr(0, kSize / 2));
+  Delivery first = Take();
+  ASSERT_EQ(first.message.error_code, TansyNet::kBodyPiece);
+  ASSERT_TRUE(IsLastCopy(first));
+  {
+    const CFailingAllocation failing(1);
+    first.message.token.reset();
+    ASSERT_TRUE(failing.HasFailed());
+  }
+  client.Send(body.substr(kSize / 2));
+
+  std::size_t received = first.message.body_size;
+  for (bool is_last = false; !is_last;) {
+    const Delivery piece = Take();
+    is_last = piece.message.error_code == TansyNet::kLastBodyPiece;
+    received += piece.message.body_size;
+    if (is_last) {
+      AnswerText(piece.handle, "ok");
+    }
+  }
+  EXPECT_EQ(received, kSize);
+  EXPECT_EQ(client.ReadReply().body, "ok");
 }
 
 }  // namespace
