@@ -23,6 +23,8 @@ namespace {
 constexpr const char* kRequestFile = "check.request";
 constexpr const char* kAnswerFile = "check.answer";
 constexpr std::chrono::milliseconds kLookAgain{100};
+// The server takes the request away just before it writes the answer, and that takes no longer than so many looks.
+constexpr int kLooksWithoutRequest = 50;
 constexpr std::size_t kMostRequest = 1000;
 constexpr std::size_t kMostAnswer = std::size_t{1} << 30;
 constexpr const char* kForce = "force";
@@ -67,11 +69,17 @@ int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_run
   int exit_code = kExitFailed;
   std::string text;
   std::string output;
+  int looks_without_request = 0;
   while (HostSystem::ReadWholeFile(details::kAnswerFile, details::kMostAnswer, text) != 0 ||
          !details::ParseAnswer(text, mark, exit_code, output)) {
     if (!is_running()) {
       TansyBase::FileUtil::RemoveFile(details::kRequestFile);
       fail("the running tansyd ended before it had answered");
+    }
+    if (HostSystem::GetPathKind(details::kRequestFile) != HostSystem::EPathKind::kMissing) {
+      looks_without_request = 0;
+    } else if (++looks_without_request > details::kLooksWithoutRequest) {
+      fail("the running tansyd gave no answer: see its log, then try again");
     }
     std::this_thread::sleep_for(details::kLookAgain);
   }
