@@ -14,8 +14,9 @@ namespace details {
 namespace {
 
 constexpr int kAtOnce = 100;
-// Stored bytes get their row within moments, so an earlier look for that row would be in vain.
-constexpr std::int64_t kRowSeconds = 2;
+// Stored bytes get their row within moments, so an earlier look for that row would be in vain. On a slow disk the row
+// may take a second or two, and it must not be refused however short the grace is.
+constexpr std::int64_t kRowSeconds = 5;
 constexpr std::int64_t kFirstPartSeconds = 60;
 constexpr std::int64_t kSaveClockSeconds = 3600;
 // The longest time from the last byte of an upload to its row, including the wait for the database.

@@ -24,7 +24,7 @@ class HousekeepingTest : public CatalogueFixture {
     store_.reset();
     store_ = OpenFileStore("objects", false);
     housekeeping_ = std::make_unique<CHousekeeping>(
-        std::shared_ptr<IObjectStore>(std::shared_ptr<void>(), store_.get()), HousekeepingRules(),
+        std::shared_ptr<IObjectStore>(std::shared_ptr<void>(), store_.get()), rules_,
         [this](std::vector<std::string>& locations) {
           locations = running_;
           return running_is_known_;
@@ -42,6 +42,7 @@ class HousekeepingTest : public CatalogueFixture {
 
   Tests::CManualClock clock_;
   std::unique_ptr<CHousekeeping> housekeeping_;
+  HousekeepingRules rules_;
   std::vector<std::string> running_;
   bool running_is_known_ = true;
   bool stopping_ = false;
@@ -181,6 +182,17 @@ TEST_F(HousekeepingTest, BytesThatNeverGotARowAreFreedAfterTheirGrace) {
   EXPECT_FALSE(
       TryToRun("INSERT INTO platform.local_object (id, name, bucket_name, url) VALUES (1, 'o', 'b', '" + url + "')"))
       << "a row that comes after all would name nothing";
+}
+
+TEST_F(HousekeepingTest, ARowMayTakeMomentsHoweverShortTheGraceIs) {
+  rules_.keep_failed_seconds = 1;
+  Restart();
+  const std::string url = Store("no row yet");
+  Round();
+  Round(4);
+  EXPECT_TRUE(IsStored(url));
+  Round(1);
+  EXPECT_FALSE(IsStored(url));
 }
 
 TEST_F(HousekeepingTest, BytesWithARowStay) {
