@@ -14,7 +14,6 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr std::size_t kLargestSettingsFile = std::size_t{1024} * 1024;
 constexpr std::size_t kAccessKeyLength = 20;
 constexpr std::size_t kSecretKeyLength = 40;
 

@@ -14,7 +14,6 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr std::size_t kLargestSettingsFile = std::size_t{1024} * 1024;
 constexpr std::string_view kCredentials = "credentials";
 constexpr std::string_view kAccessKey = "access_key";
 constexpr std::string_view kSecretKey = "secret_key";
@@ -149,7 +148,7 @@ Settings ParseSettings(const std::string& content, const std::string& path, bool
 
 bool ReadSettings(const std::string& path, bool may_name_data, Settings& settings) {
   std::string content;
-  const int error = HostSystem::ReadWholeFile(path, details::kLargestSettingsFile, content);
+  const int error = HostSystem::ReadWholeFile(path, kLargestSettingsFile, content);
   if (error == ENOENT) {
     return false;
   }

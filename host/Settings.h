@@ -1,11 +1,15 @@
 #ifndef TANSY_HOST_SETTINGS_H
 #define TANSY_HOST_SETTINGS_H
 
+#include <cstddef>
 #include <string>
 
 #include "Options.h"
 
 namespace Tansy::Host {
+
+// A larger settings file is refused. The limit is in bytes.
+inline constexpr std::size_t kLargestSettingsFile = std::size_t{1024} * 1024;
 
 // The settings file as text values. What an option's value means is up to ApplyOptions.
 struct Settings {
