@@ -9,8 +9,7 @@
 namespace Tansy::Tests {
 
 // While it lives, one allocation of the calling thread fails with std::bad_alloc: the one with this number, counted
-// from
-// 1. Those before and after it succeed. One per thread at a time.
+// from 1. All others succeed. A thread may have one such object at a time.
 class CFailingAllocation {
  public:
   explicit CFailingAllocation(std::size_t number);
@@ -18,11 +17,12 @@ class CFailingAllocation {
   CFailingAllocation(const CFailingAllocation&) = delete;
   CFailingAllocation& operator=(const CFailingAllocation&) = delete;
 
-  // False: fewer allocations were made than that.
+  // Returns false when fewer allocations were made than that number.
   bool HasFailed() const;
 };
 
-// The same for the allocations of all threads together, except those that hold a CUnharmedThread. One at a time.
+// Does the same for the allocations of all threads together, except those that hold a CUnharmedThread. Only one such
+// object may exist at a time.
 class CFailingAllocationAnywhere {
  public:
   explicit CFailingAllocationAnywhere(std::size_t number);
@@ -33,7 +33,7 @@ class CFailingAllocationAnywhere {
   bool HasFailed() const;
 };
 
-// The calling thread's allocations neither count nor fail anywhere while it lives. May stand inside another one.
+// While it lives, allocations of the calling thread neither count nor fail anywhere. Such objects may be nested.
 class CUnharmedThread {
  public:
   CUnharmedThread();

@@ -34,7 +34,7 @@ class CDatabaseScript {
   static constexpr int kInjectedCode = 4711;
   static constexpr const char* kInjectedText = "injected failure";
 
-  // Remembers the statement. True when it is to fail.
+  // Remembers the statement. Returns true when it has to fail.
   bool Record(const std::string& sql) {
     std::function<void(const std::string&)> hook;
     bool fails = false;
@@ -160,7 +160,7 @@ class CFailingDriver : public db_layer::IDriver {
 class CFailingDatabase {
  public:
   CFailingDatabase() {
-    // Nothing here has to survive a power failure.
+    // Nothing here has to survive a power failure, so nothing waits for the disk.
     const bool full = db_layer::SetSqliteFullDurability(false);
     std::string error;
     direct_ = db_layer::BuiltInDriver(db_layer::kSqlite)->Open(Param(), error);
@@ -174,7 +174,7 @@ class CFailingDatabase {
     db_layer::SetDriver(db_layer::kSqlite, std::make_shared<CFailingDriver>(script_));
   }
 
-  // Modules registered with it have to be unregistered before.
+  // Modules registered with it must have been unregistered before.
   ~CFailingDatabase() {
     db_layer::SetDriver(db_layer::kSqlite, nullptr);
     direct_.reset();
@@ -182,7 +182,7 @@ class CFailingDatabase {
   CFailingDatabase(const CFailingDatabase&) = delete;
   CFailingDatabase& operator=(const CFailingDatabase&) = delete;
 
-  // What to register.
+  // Gives the parameters to register.
   db_layer::DBParam Param() const {
     db_layer::DBParam param;
     param.type = db_layer::kSqlite;
@@ -216,7 +216,7 @@ class CFailingDatabase {
   void ForgetStatements() { script_->ForgetStatements(); }
   int CountConnections() const { return script_->connections_opened; }
 
-  // Past the script: changes the database, or reads one column of all rows of a query.
+  // These bypass the script: they change the database, or read one column of all rows of a query.
   bool Run(const std::string& sql) {
     const std::lock_guard lock(direct_mutex_);
     return direct_->Execute(sql);

@@ -10,7 +10,7 @@ namespace Tansy::Tests {
 
 namespace {
 
-// Counts down to the call that fails; 0 counts nothing.
+// Counts down to the call that has to fail; 0 counts nothing.
 bool IsTurn(int& calls_until_failure) {
   return calls_until_failure > 0 && --calls_until_failure == 0;
 }

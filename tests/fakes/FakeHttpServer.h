@@ -51,7 +51,7 @@ struct FakeAnswer {
   bool IsWhole() const { return IsThere() && !cut && body_size == total_size; }
 };
 
-// Any thread.
+// Threads: any.
 class CFakeHttpServer {
  public:
   static CFakeHttpServer& Instance();
@@ -66,7 +66,7 @@ class CFakeHttpServer {
   // The start (stop) of this number, counted from 1 from now on, fails with `error`.
   void FailStart(int number, int error);
   void FailStop(int number, int error);
-  // Starts succeed with handle 0, as for port 0.
+  // Makes starts succeed with handle 0, as they do for port 0.
   void OpenNothing(bool nothing);
 
   // Sends fail with `error` (0: they work again) after this many more have succeeded.
@@ -94,7 +94,7 @@ class CFakeHttpServer {
   FakeAnswer AnswerOf(std::int32_t handle) const;
   bool IsAnswered(std::int32_t handle) const { return AnswerOf(handle).IsThere(); }
 
-  // The library's side.
+  // The module calls these in place of the library.
   int Start(FakeListener listener, std::int32_t& handle);
   int Stop(std::int32_t handle);
   int Send(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data);

@@ -32,7 +32,7 @@ inline bool Post(TansyBase::CMessageLoopDyThreadPool& loop, std::function<void()
 // too. False when that takes longer than `limit` or the loop is stopped.
 inline bool WaitForTurn(TansyBase::CMessageLoopDyThreadPool& loop,
                         std::chrono::milliseconds limit = std::chrono::seconds(60)) {
-  // Shared with the task, which may still be about to leave it when the wait is over.
+  // The promise is shared with the task, which may still be running its last lines when the wait is over.
   const auto ran = std::make_shared<std::promise<void>>();
   std::future<void> turn = ran->get_future();
   return Post(loop, [ran] { ran->set_value(); }) && turn.wait_for(limit) == std::future_status::ready;
@@ -53,7 +53,7 @@ class CHeldLoop {
   CHeldLoop(const CHeldLoop&) = delete;
   CHeldLoop& operator=(const CHeldLoop&) = delete;
 
-  // Lets the threads go on; twice does no harm.
+  // Lets the threads go on; a second call does no harm.
   void Release() {
     const std::lock_guard lock(state_->mutex);
     state_->released = true;

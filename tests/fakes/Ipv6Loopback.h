@@ -1,5 +1,5 @@
-// Whether this machine lets anybody talk over "::1". Containers often do not; a test that needs it is skipped there,
-// with kNoIpv6Loopback as its word.
+// Says whether connections over "::1" work on this machine. In containers they often do not; a test that needs them is
+// skipped there, with kNoIpv6Loopback as its reason.
 #ifndef TANSY_TESTS_FAKES_IPV6_LOOPBACK_H
 #define TANSY_TESTS_FAKES_IPV6_LOOPBACK_H
 

@@ -28,9 +28,9 @@ class CManualClock {
   CManualClock(const CManualClock&) = delete;
   CManualClock& operator=(const CManualClock&) = delete;
 
-  // Somebody sets the time of day; no time goes by.
+  // Sets the time of day as a person would; no time passes.
   void Set(std::time_t now) { now_ = now; }
-  // Time goes by, on both clocks.
+  // Lets time pass on both clocks.
   void Advance(std::time_t seconds) {
     now_ += seconds;
     uptime_ += seconds;

@@ -54,7 +54,7 @@ class CPowerCutFile final : public HostSystem::IFile {
 
   int WriteAt(const char* data, std::size_t size, std::uint64_t offset) override {
     const int error = plan_->Step();
-    // A write that fails has got half way.
+    // A write that fails has written half of its bytes.
     const std::size_t written = error == 0 ? size : size / 2;
     if (written > 0) {
       node_->bytes.resize(std::max<std::size_t>(node_->bytes.size(), offset + written), '\0');
@@ -148,7 +148,7 @@ class CPowerCutFolder final : public HostSystem::IFolder {
     node_->entries[to] = node;
     return 0;
   }
-  // Clearing up after a failure is not made to fail: nobody could do anything about it.
+  // The removal after a failure never fails here, because nobody could do anything about that.
   int Remove(const std::string& name) override {
     const auto [parent, last] = ParentOf(name);
     return parent != nullptr && parent->entries.erase(last) > 0 ? 0 : ENOENT;

@@ -42,7 +42,7 @@ class CRecordingHttpClient {
   void Reset(Handler handler);
   std::vector<RecordedRequest> Requests() const;
 
-  // The library's side.
+  // The code under test calls this in place of the library.
   TansyNet::CHttpClientResponse Send(const TansyNet::CHttpClientRequest& request, bool streamed);
 
  private:

@@ -136,7 +136,7 @@ class ScriptedServer::Impl {
 };
 
 ScriptedServer::Impl::Impl(ScriptedServerOptions options) : options_(std::move(options)) {
-  // The TLS library writes to sockets without asking for silence.
+  // The TLS library writes to sockets without suppressing SIGPIPE.
   std::signal(SIGPIPE, SIG_IGN);
   if (options_.https) {
     PrepareTls();
@@ -178,7 +178,7 @@ void ScriptedServer::Impl::PrepareTls() {
   }
   SSL_CTX_set_max_proto_version(context_, options_.newest_tls);
   if (options_.newest_tls != 0 && options_.newest_tls < TLS1_2_VERSION) {
-    // Nobody speaks these any more unless made to.
+    // These protocols are refused nowadays unless they are allowed explicitly.
     SSL_CTX_set_cipher_list(context_, "ALL:@SECLEVEL=0");
   }
 }

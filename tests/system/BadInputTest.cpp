@@ -1,4 +1,4 @@
-// What no proper client sends. After each of it the next request is served.
+// Requests that no proper client sends. After each of them, the next request must be served.
 #include <thread>
 
 #include "support/TansydTest.h"
@@ -36,7 +36,7 @@ class BadInputTest : public TansydTest {
     }
     return connection->IsClosedByServer(milliseconds(1)) ? 0 : -1;
   }
-  // Log lines are written a moment later than the answer.
+  // The test waits, because log lines are written a moment after the answer.
   void ExpectLogged(const std::string& words) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (server_.GetLog().find(words) == std::string::npos && std::chrono::steady_clock::now() < deadline) {

@@ -199,7 +199,7 @@ TEST_P(ClientTest, SendsALastPieceAgainWhenTheServerIsBack) {
   std::string url = "again.log";
   ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "one-", 4, false, true));
   ASSERT_TRUE(client_->UploadFileByPiecesAndFileName(url, "two-", 4, false, false));
-  // Nobody takes the last piece while the server is away.
+  // The last piece cannot be sent while the server is away.
   ASSERT_TRUE(server_.Stop());
   EXPECT_FALSE(client_->UploadFileByPiecesAndFileName(url, "end", 3, true, false));
   EXPECT_EQ(client_->GetLastFailure().code, Tansy::CloudStorage::ClientError::kNotSent);
@@ -374,7 +374,7 @@ TEST_P(ClientTest, ServesEightThreadsAtOnce) {
 INSTANTIATE_TEST_SUITE_P(Transports, ClientTest, testing::Bool(),
                          [](const auto& transport) { return transport.param ? "Https" : "Http"; });
 
-// What the switch for self-signed servers is there for.
+// Tests the switch for servers with self-signed certificates.
 class ClientTrustTest : public TansydTest {};
 
 TEST_F(ClientTrustTest, TalksToAServerByItsIpv6Address) {

@@ -25,7 +25,7 @@ class CommandLineTransferTest : public CommandLineFixture {
     std::filesystem::resize_file(WorkPath(name), size);
   }
 
-  // Of unfinished uploads, as far as the server has them.
+  // Counts the parts of unfinished uploads that the server has.
   int StoredParts() const {
     const std::vector<std::string> rows =
         Query(server_.Data("catalogue.db"), "select count(*) from local_object_task where size > 0 and is_deleted = 0");

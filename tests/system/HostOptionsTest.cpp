@@ -1,4 +1,4 @@
-// What options of tansyd mean for its clients: where it listens, which address it names, what it refuses.
+// Tests what tansyd's options mean for its clients: where it listens, which address it names, what it refuses.
 #include <filesystem>
 
 #include "fakes/Ipv6Loopback.h"

@@ -1,4 +1,4 @@
-// What clients that do not read can make the server keep.
+// Tests how much memory clients that do not read can make the server use.
 #include <memory>
 #include <string>
 #include <vector>

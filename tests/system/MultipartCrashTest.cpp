@@ -14,7 +14,7 @@ namespace {
 
 using testing::HasSubstr;
 
-// More than a completion has. Without a last one the search would go on for ever.
+// A completion has fewer steps than this. Without the limit, the search might go on for ever.
 constexpr int kMostSteps = 60;
 
 class MultipartCrashTest : public MultipartFixture, public testing::WithParamInterface<const char*> {

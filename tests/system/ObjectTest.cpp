@@ -197,7 +197,7 @@ TEST_F(ObjectTest, HundredsOfConnectionsAtOnceAreServed) {
   }
 }
 
-// Whoever wins: memory and database agree, and the object is one of those that were sent.
+// Whichever writer is last, memory and database must agree, and the object must be one of those that were sent.
 TEST_F(ObjectTest, ManyWritersOfOneKeyLeaveOneWholeObject) {
   std::vector<std::thread> clients;
   for (int c = 0; c < 8; ++c) {

@@ -69,7 +69,7 @@ TEST_F(PictureFormTest, AnyBoundaryWillDo) {
 TEST_F(PictureFormTest, WhatLooksLikeABoundaryIsPartOfThePicture) {
   const std::string bytes = "\r\n--" + kBoundary + "x\r\n--" + kBoundary.substr(1) + "\r\n\r\n--\r\n";
   EXPECT_EQ(Stored(FormBody(kBoundary, PictureFields(bytes))), bytes);
-  // Text around the form is nobody's.
+  // Text around the form belongs to no field and is ignored.
   EXPECT_EQ(Stored("before\r\n" + FormBody(kBoundary, PictureFields("jpeg")) + "behind"), "jpeg");
 }
 

@@ -58,7 +58,7 @@ TEST_F(SpaceTest, AnUploadThatIsSlowKeepsWhatItHasSent) {
   MakeBucket("b");
   const auto slow = BeginPut("/b/slow", 12000000, 9000000);
   ASSERT_TRUE(WaitUntil([this] { return StoredFiles() == 1; }));
-  // One that began later breaks off and is given back: so the slow one has waited longer than it may.
+  // An upload that began later breaks off and is freed, which shows that the slow one has waited longer than the limit.
   for (int i = 0; i < 2; ++i) {
     const auto upload = BeginPut("/b/cut", 12000000, 9000000);
     ASSERT_TRUE(WaitUntil([this] { return StoredFiles() == 2; }));

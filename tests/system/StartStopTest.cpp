@@ -183,7 +183,7 @@ TEST_F(StartStopTest, CredentialsAreMadeOnceAndShownNowhere) {
   ASSERT_EQ(keys.secret_key.size(), 40U) << "made, with nothing built in";
 
   EXPECT_EQ(Outcome(Call(server_.GetObjectPort(), Signed({"GET", "/", {}, ""}, keys))), "200");
-  // A wrong signature is what makes the server's own lines carry the secret.
+  // A wrong signature is used, because only its log lines carry the secret.
   Keys wrong = keys;
   wrong.secret_key = "wrong";
   EXPECT_EQ(Outcome(Call(server_.GetObjectPort(), Signed({"GET", "/", {}, ""}, wrong))), "403 AccessDenied");

@@ -1,4 +1,4 @@
-// What an operator sees in `top -H`.
+// Tests what an operator sees in `top -H`.
 #include <filesystem>
 #include <map>
 
@@ -30,7 +30,7 @@ constexpr int kForeignThreads = 1;
 constexpr int kForeignThreads = 0;
 #endif
 
-// A thread without a name of its own bears that of the program.
+// A thread without a name of its own has the name of the program.
 TEST_F(ThreadNames, TellWhatEachThreadOfTheServerDoes) {
   ASSERT_TRUE(server_.Start());
   MakeBucket("b");

@@ -30,7 +30,7 @@ TEST(ObjectUrlTest, RefusesWhatIsNoObject) {
   }
 }
 
-// A signature for another server would be good at home, for whoever runs that server.
+// A signature sent to another server could be used here by whoever runs that server.
 TEST(ObjectUrlTest, RefusesTheAddressOfAnotherServer) {
   Settings settings;
   settings.object_server = {false, "home", 9700};

@@ -191,7 +191,7 @@ TEST_F(HttpServerChaos, LeavesNothingBehind) {
   ExpectCalm(Port());
 }
 
-// Bytes of the clear go into encrypted connections here and there, since TrySend does not encrypt.
+// Sends unencrypted bytes into encrypted connections from time to time, because TrySend does not encrypt.
 class CTlsClientThatSlips final : public CRawTlsClient {
  public:
   explicit CTlsClientThatSlips(std::uint16_t port) : CRawTlsClient(port) {

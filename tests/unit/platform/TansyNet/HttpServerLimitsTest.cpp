@@ -304,7 +304,7 @@ TEST_F(HttpServerLimit, ABodyWaitsForTheRoomOfOthers) {
   EXPECT_EQ(third.ReadReply().body, "there");
 }
 
-// What they hold back would otherwise be everybody's room for as long as they like.
+// Otherwise these bodies would occupy the room of all clients for as long as they like.
 TEST_F(HttpServerLimit, BodiesThatStandStillMakeRoomForThoseThatCome) {
   StartWith({.least_rate_window_ms = 200, .memory_bytes = 4 * kMebibyte});
   const std::string body(2 * kMebibyte, 'x');
@@ -430,7 +430,7 @@ TEST_F(HttpServerLimit, AReaderThatReadsKeepsItsRoom) {
   reading.ReadBytes(10 * kMebibyte);
 }
 
-// A byte now and then keeps no room that others need.
+// A client that reads a byte now and then must not keep room that others need.
 TEST_F(HttpServerLimit, ReadersThatDripAreCutWhileMemoryIsShort) {
   StartWith({.least_rate_window_ms = 400, .memory_bytes = 40 * kMebibyte});
   const std::string body(16 * kMebibyte, 'x');
