@@ -2,8 +2,8 @@
 # Measures tansyd beside nginx (its DAV module) in one run: the same load tool, cores and sizes, one server at a time, on
 # loopback. Prints requests a second and their ratio. nginx does not wait for the disk, so writes are measured twice for
 # tansyd: with --durability fast (the like-for-like row) and full (what users get unless they say otherwise). Everything is
-# stored below TMPDIR; in memory (TMPDIR=/dev/shm) the disk's moods are left out.
-# usage: bench/compare.sh [SECONDS_A_MEASUREMENT]       default 5
+# stored below TMPDIR; with TMPDIR=/dev/shm (in memory) the disk has no influence.
+# usage: bench/compare.sh [SECONDS_PER_MEASUREMENT]       default 5
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
