@@ -109,6 +109,12 @@ int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& res
   return details::Report(result, handle);
 }
 
+int CHttpServer::ClaimAnswer(std::int32_t handle, std::uint32_t size) {
+  const int result =
+      details::SendGuarded(handle, [&](IServerConnection& connection) { return connection.ClaimAnswer(handle, size); });
+  return details::Report(result, handle);
+}
+
 int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                           const char* data, std::uint64_t total_size) {
   const int result = details::SendGuarded(handle, [&](IServerConnection& connection) {

@@ -59,6 +59,7 @@ class CServerConnection final : public IServerConnection,
   const Endpoint& Origin() const override { return *origin_; }
   void Abort() override;
   void CloseWhenIdle() override;
+  int ClaimAnswer(std::int32_t handle, std::size_t size) override;
   int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) override;
   int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
                      std::uint64_t total_size) override;
@@ -162,7 +163,8 @@ class CServerConnection final : public IServerConnection,
   std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
   void ForgetRequest();
   int Send(std::string_view head, std::string_view body, std::int32_t timeout_ms);
-  bool ClaimAnswer(CMemoryShare& room, std::size_t size);
+  bool MakeRoom(CMemoryShare& room, std::size_t size);
+  bool HasRoom(std::size_t size) const;
   IoStatus SendRest();
   IoStatus Write(std::string_view& first, std::string_view& second, std::size_t most);
   int WriteBlocking(std::string_view first, std::string_view second, std::int32_t timeout_ms, Lock& lock);

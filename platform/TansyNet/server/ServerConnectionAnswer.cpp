@@ -43,7 +43,7 @@ void Advance(std::string_view& first, std::string_view& second, std::size_t byte
 
 int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) {
   CMemoryShare room(MemoryUse::kAnswers);
-  const bool has_room = ClaimAnswer(room, body.size());
+  const bool has_room = HasRoom(body.size()) || MakeRoom(room, body.size());
   const Lock lock(mutex_);
   if (!CheckHandle(handle)) {
     return kNetUnknownHandle;
@@ -58,17 +58,42 @@ int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response,
     Refuse(details::kUnavailable);
     return kNetNoMemory;
   }
-  output_share_ = std::move(room);
+  if (room.Bytes() > 0) {
+    output_share_ = std::move(room);
+  }
   const std::string head = TakeHead(response, body.size());
   ForgetRequest();
   return Send(head, has_body ? body : std::string_view(), details::TimeoutOf(response));
 }
 
-// Without a lock: those that make room are other connections, which may make room for each other.
-bool CServerConnection::ClaimAnswer(CMemoryShare& room, std::size_t size) {
+int CServerConnection::ClaimAnswer(std::int32_t handle, std::size_t size) {
+  CMemoryShare room(MemoryUse::kAnswers);
+  const bool has_room = HasRoom(size) || MakeRoom(room, size);
+  const Lock lock(mutex_);
+  if (!CheckHandle(handle)) {
+    return kNetUnknownHandle;
+  }
+  if (!has_room && !is_head_) {
+    Refuse(details::kUnavailable);
+    return kNetNoMemory;
+  }
+  if (room.Bytes() > 0) {
+    output_share_ = std::move(room);
+  }
+  return 0;
+}
+
+// Whether an answer of this size needs no more room than it has.
+bool CServerConnection::HasRoom(std::size_t size) const {
   if (size <= details::kSmallAnswer) {
     return true;
   }
+  const Lock lock(mutex_);
+  return output_share_.Bytes() >= size;
+}
+
+// Without a lock: those that make room are other connections, which may make room for each other.
+bool CServerConnection::MakeRoom(CMemoryShare& room, std::size_t size) {
   const bool may_come = CMemoryAccount::Process().CanEverTake(MemoryUse::kAnswers, size);
   while (!room.Resize(size)) {
     if (!may_come || !runtime_.CutLongestStanding()) {

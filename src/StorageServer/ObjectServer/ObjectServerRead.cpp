@@ -155,6 +155,10 @@ std::optional<int> CObjectServer::SendObject(std::int32_t session_id, const Obje
   if (!picture && length > details::kChunkBytes) {
     return StartBigFileSend(session_id, object, range, length);
   }
+  // Before the bytes are read: many clients that cannot be answered must not keep the storage busy.
+  if (const int error = TansyNet::CHttpServer::ClaimAnswer(session_id, length); error != 0) {
+    return error;
+  }
   details::HostBuffer buffer;
   const int result = picture ? details::ReadPicture(buffer, request, object, range, length)
                              : details::ReadRange(request.config, buffer, length, range.begin,

@@ -413,6 +413,31 @@ TEST_F(HttpServerLimit, AReaderThatStandsStillMakesRoomForALargeAnswer) {
   EXPECT_THROW(standing.ReadReply(), std::runtime_error) << "it was cut";
 }
 
+TEST_F(HttpServerLimit, TheRoomOfAnAnswerIsClaimedBeforeItsBytesAreThere) {
+  StartWith({.least_rate_window_ms = kNoWindowMs, .memory_bytes = 40 * kMebibyte});
+  const std::string body(16 * kMebibyte, 'x');
+  CRawClient first(Port());
+  first.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::int32_t claimed = Take().handle;
+  EXPECT_EQ(CHttpServer::ClaimAnswer(claimed, 16 * kMebibyte), 0);
+  CRawClient second(Port());
+  second.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::int32_t refused = Take().handle;
+  EXPECT_EQ(CHttpServer::ClaimAnswer(refused, 16 * kMebibyte), TansyNet::kNetNoMemory);
+  EXPECT_EQ(second.ReadReply().status, 503);
+  EXPECT_EQ(CHttpServer::ClaimAnswer(refused, 16 * kMebibyte), TansyNet::kNetUnknownHandle) << "it is answered";
+  std::jthread answer([&] { EXPECT_EQ(AnswerText(claimed, body), 0); });
+  EXPECT_TRUE(first.ReadReply().body == body);
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
+  // A claim ends with its request, whatever the answer.
+  first.Send("GET / HTTP/1.1\r\n\r\n");
+  const std::int32_t failed = Take().handle;
+  EXPECT_EQ(CHttpServer::ClaimAnswer(failed, 16 * kMebibyte), 0);
+  AnswerText(failed, "the storage failed");
+  EXPECT_EQ(first.ReadReply().body, "the storage failed");
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
+}
+
 TEST_F(HttpServerLimit, AReaderThatReadsKeepsItsRoom) {
   StartWith({.least_rate_window_ms = 4 * kLongerMs, .memory_bytes = 40 * kMebibyte});
   const std::string body(16 * kMebibyte, 'x');
