@@ -60,6 +60,7 @@ void NoteOpenFileLimit(std::uint64_t limit) {
 }
 
 int Serve(const CommandLine& command_line) {
+  HostSystem::ShareHeaps();
   CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
                         [&](CSignalThread::EEnd why) { EndNow(why, command_line.check); }, {});
   const std::uint64_t open_files = HostSystem::RaiseOpenFileLimit();

@@ -32,6 +32,10 @@ void MakeFilesPrivate();
 // number when there is no limit, or when the system does not say.
 std::uint64_t RaiseOpenFileLimit();
 
+// Lets all threads share a few heaps. With heaps of their own, each keeps tens of MiB that others have given back, and
+// the process grows beyond what it has in use. Before threads are made.
+void ShareHeaps();
+
 std::string HostName();
 // Gives an environment variable, or "" when there is none.
 std::string Environment(const char* name);

@@ -9,6 +9,10 @@
 #include <ctime>
 #include <limits>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace HostSystem {
 namespace details {
 namespace {
@@ -65,6 +69,13 @@ bool IsHangupIgnored() {
 
 void MakeFilesPrivate() {
   ::umask(0077);
+}
+
+void ShareHeaps() {
+#if defined(__GLIBC__)
+  constexpr int kHeaps = 2;
+  ::mallopt(M_ARENA_MAX, kHeaps);
+#endif
 }
 
 std::uint64_t RaiseOpenFileLimit() {

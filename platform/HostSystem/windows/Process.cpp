@@ -46,6 +46,9 @@ std::uint64_t RaiseOpenFileLimit() {
   return std::numeric_limits<std::uint64_t>::max();
 }
 
+// This system's threads share one heap.
+void ShareHeaps() {}
+
 std::string HostName() {
   char name[256] = {};
   DWORD size = sizeof name;
