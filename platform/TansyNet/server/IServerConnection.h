@@ -19,7 +19,8 @@ class IServerConnection {
   virtual bool IsPastDeadline(std::int64_t now) const = 0;
   virtual void OnDeadline() = 0;
 
-  // Any thread. When it began to wait for a request, in SteadyMilliseconds; kNever while it has one.
+  // Any thread. When it began to wait for a request, or for its client's end after the last answer, in
+  // SteadyMilliseconds; kNever while it has something to do.
   static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
   virtual std::int64_t IdleSince() const = 0;
   // Returns false when a request has come in the meantime.

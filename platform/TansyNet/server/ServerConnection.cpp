@@ -38,6 +38,11 @@ bool CServerConnection::IsBusy(Phase phase) {
   return phase >= Phase::kBody && phase <= Phase::kSendingChunks;
 }
 
+// Whether it may be closed for a new connection: nothing has been asked, or all is answered.
+bool CServerConnection::MayGiveWay(Phase phase) {
+  return phase == Phase::kIdle || phase == Phase::kDraining;
+}
+
 bool CServerConnection::IsReading(Phase phase) {
   return phase >= Phase::kHead && phase <= Phase::kUpload;
 }
@@ -45,7 +50,7 @@ bool CServerConnection::IsReading(Phase phase) {
 void CServerConnection::SetPhase(Phase phase) {
   const bool was_busy = IsBusy(phase_);
   phase_ = phase;
-  idle_since_.store(phase == Phase::kIdle ? SteadyMilliseconds() : kNever, std::memory_order_relaxed);
+  idle_since_.store(MayGiveWay(phase) ? SteadyMilliseconds() : kNever, std::memory_order_relaxed);
   send_progress_.store(phase == Phase::kSending ? SteadyMilliseconds() : kNever, std::memory_order_relaxed);
   if (was_busy == IsBusy(phase)) {
     return;
@@ -302,7 +307,7 @@ void CServerConnection::CloseWhenIdle() {
 
 bool CServerConnection::CloseIfIdle() {
   const Lock lock(mutex_);
-  if (phase_ != Phase::kIdle || HasInput()) {
+  if (!MayGiveWay(phase_) || (phase_ == Phase::kIdle && HasInput())) {
     return false;
   }
   CloseGently();

@@ -94,6 +94,7 @@ class CServerConnection final : public IServerConnection,
   struct PieceToken;
 
   static bool IsBusy(Phase phase);
+  static bool MayGiveWay(Phase phase);
   static bool IsReading(Phase phase);
   void SetPhase(Phase phase);
   void SetDeadline(std::int64_t milliseconds);

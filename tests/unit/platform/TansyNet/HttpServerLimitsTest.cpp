@@ -238,6 +238,17 @@ TEST_F(HttpServerLimit, AConnectionBeyondTheNumberTakesThePlaceOfTheLongestIdle)
   EXPECT_TRUE(clients[2]->IsSilent(10));
 }
 
+// They are done, and wait only for their clients to see it.
+TEST_F(HttpServerLimit, ConnectionsAfterTheirLastAnswerGiveWay) {
+  StartWith({.connections = 3}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
+  std::vector<std::unique_ptr<CRawClient>> clients;
+  for (int count = 0; count < 5; ++count) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->Send("GET / HTTP/1.1\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(clients.back()->ReadReply().body, "ok");
+  }
+}
+
 TEST_F(HttpServerLimit, CountForConnectionsThatComeLater) {
   StartWith({.idle_timeout_ms = 60000});
   CRawClient before(Port());
