@@ -43,9 +43,9 @@ class CHttpServer {
   // answered exactly once.
   static int HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                 const char* data);
-  // Claims the room of an answer whose bytes are still to be read from somewhere. The result is 0, or says why there will
-  // be no answer: with kNetNoMemory the client has got its 503. A later HttpServerSyncSend of this request finds its
-  // room.
+  // Claims the room of an answer whose bytes are still to be read from somewhere. The result is 0, or says why there
+  // will be no answer: with kNetNoMemory the client has got its 503. A later HttpServerSyncSend of this request finds
+  // its room.
   static int ClaimAnswer(std::int32_t handle, std::uint32_t size);
   // Sends one chunk of an answer of `total_size` bytes; the first call sends the head too. Waits until the operating
   // system has the chunk, but at most `send_timeout_ms` without progress. The answer ends with the last byte of the
