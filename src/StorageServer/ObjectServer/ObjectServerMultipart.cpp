@@ -86,11 +86,12 @@ class CPartUpload {
  private:
   int CheckTask();
   int CheckState();
+  int KeepOrWrite(const StorageServerConfig& config);
   int WriteThrough(const StorageServerConfig& config, std::uint32_t part_size);
   int FollowInFile();
   int SaveToFile();
   int Record();
-  void Forget();
+  void Undo();
   bool TaskIsThere();
   int Illegal() const {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]task info illegal.[%s(%d)]");
@@ -144,17 +145,24 @@ int CPartUpload::Store(const StorageServerConfig& config) {
   if (const int error = CheckState(); error != 0) {
     return error;
   }
+  try {
+    const int error = KeepOrWrite(config);
+    if (error != 0) {
+      Undo();
+    }
+    return error;
+  } catch (...) {
+    Undo();
+    throw;
+  }
+}
+
+int CPartUpload::KeepOrWrite(const StorageServerConfig& config) {
   row_.url = task_.url;
   std::uint32_t part_size = 0;
   const bool keep = manager_.CheckPartSize(row_.task_id, row_.part_num, row_.size, part_size);
-  int error = keep ? SaveToFile() : WriteThrough(config, part_size);
-  if (error == 0) {
-    error = Record();
-  }
-  if (error != 0 && first_.first_part_num == 0) {
-    Forget();
-  }
-  return error;
+  const int error = keep ? SaveToFile() : WriteThrough(config, part_size);
+  return error != 0 ? error : Record();
 }
 
 // Refuses a part of an unknown task, or of another object's task, before it leaves a part size or a file behind. A task
@@ -233,10 +241,14 @@ int CPartUpload::Record() {
   return 0;
 }
 
-// A first part that was refused leaves nothing behind: the next part that comes counts as the first.
-void CPartUpload::Forget() {
-  TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
-  manager_.ForgetFirstPart(row_.task_id);
+// A refused part changes nothing of what is known of the part size, which its length must not decide. A refused first
+// part leaves no file either: the next part that arrives is then the first one.
+void CPartUpload::Undo() {
+  const bool was_first = first_.first_part_num == 0;
+  manager_.RestorePartSize(row_.task_id, std::move(first_));
+  if (was_first) {
+    TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
+  }
 }
 
 // Turns a task into an object. The steps return 0 or the error code to answer; failures are logged for `caller`.

@@ -99,8 +99,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool GetPartFileMutex(const std::string& task_id, std::shared_ptr<std::mutex>& file_mutex);
   // Returns false while no part of the task has arrived.
   bool GetFirstPartInfo(const std::string& task_id, PartSizeInfo& info);
-  // Makes the task as if no part had arrived.
-  void ForgetFirstPart(const std::string& task_id);
+  // Puts back what was known before a part that was refused; a default record stands for nothing. The mutex stays.
+  void RestorePartSize(const std::string& task_id, PartSizeInfo info);
   bool RemovePartSizeInfo(const std::string& task_id);
 
  private:

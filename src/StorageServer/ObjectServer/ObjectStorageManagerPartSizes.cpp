@@ -160,12 +160,11 @@ bool CObjectStorageManager::GetFirstPartInfo(const std::string& task_id, PartSiz
   return true;
 }
 
-void CObjectStorageManager::ForgetFirstPart(const std::string& task_id) {
+void CObjectStorageManager::RestorePartSize(const std::string& task_id, PartSizeInfo info) {
   const std::lock_guard<std::mutex> lock(part_size_mutex_);
   if (const auto found = part_sizes_.find(task_id); found != part_sizes_.end()) {
-    PartSizeInfo nothing;
-    nothing.file_mutex = found->second.file_mutex;
-    found->second = std::move(nothing);
+    info.file_mutex = found->second.file_mutex;
+    found->second = std::move(info);
   }
 }
 

@@ -336,6 +336,29 @@ TEST_F(CObjectServerMultipartTest, AFirstPartThatCannotBeKept) {
   EXPECT_EQ(Object("k"), "AAbb");
 }
 
+// The length of a part that was never stored must not place the others.
+TEST_F(CObjectServerMultipartTest, ARefusedPartDoesNotDecideThePartSize) {
+  const std::string second = NewTask("second");
+  SendPart("second", second, 2, "bbbb");
+  storage_.SetResult("stream", 9);
+  EXPECT_TRUE(IsError(SendPart("second", second, 1, "aa"), 500, "ServerInternalError"));
+  storage_.SetResult("stream", 0);
+  EXPECT_EQ(StateOf(second).part_size, 0u);
+  EXPECT_TRUE(IsXml(SendPart("second", second, 1, "aaaa"), ""));
+  EXPECT_TRUE(IsXml(Complete("second", second, {{1, 4}, {2, 4}}), ""));
+  EXPECT_EQ(Object("second"), "aaaabbbb");
+
+  const std::string first = NewTask("first");
+  SendPart("first", first, 1, "aaaa");
+  Database().FailStatementsWith("UPDATE platform.local_object_task");
+  EXPECT_TRUE(IsError(SendPart("first", first, 1, "aaaaaa"), 500, "ServerInternalError"));
+  Database().Heal();
+  EXPECT_TRUE(IsXml(SendPart("first", first, 2, "bbbb"), ""));
+  EXPECT_TRUE(IsXml(SendPart("first", first, 1, "AAAA"), ""));
+  EXPECT_TRUE(IsXml(Complete("first", first, {{1, 4}, {2, 4}}), ""));
+  EXPECT_EQ(Object("first"), "AAAAbbbb");
+}
+
 TEST_F(CObjectServerMultipartTest, AFirstPartIsSentAgainBeforeThePartSizeIsKnown) {
   const std::string upload_id = NewTask("k");
   SendPart("k", upload_id, 1, "a longer try");
