@@ -93,6 +93,17 @@ class CServerConnection final : public IServerConnection,
   };
   struct PieceToken;
 
+  // Counts the connections whose bodies wait for room: each holds the bytes that came before it was known to wait.
+  struct Wait {
+    Wait() { ++count; }
+    ~Wait() { --count; }
+    Wait(const Wait&) = delete;
+    Wait& operator=(const Wait&) = delete;
+
+    inline static std::atomic<std::uint64_t> count{0};
+    CMemoryWait memory;
+  };
+
   static bool IsBusy(Phase phase);
   static bool MayGiveWay(Phase phase);
   static bool IsReading(Phase phase);
@@ -197,7 +208,8 @@ class CServerConnection final : public IServerConnection,
 
   std::string input_;  // bytes read but not taken yet, from input_begin_ on; uses no memory while there are none
   std::size_t input_begin_ = 0;
-  bool input_is_short_ = false;  // input_ was looked at and does not hold enough
+  CMemoryShare input_share_{MemoryUse::kArriving};  // of a long head that has not come wholly
+  bool input_is_short_ = false;                     // input_ was looked at and does not hold enough
   CRequestParser parser_;
   CBodyBuffer body_;
   CountedBytes chunked_body_;
@@ -206,7 +218,7 @@ class CServerConnection final : public IServerConnection,
 
   std::int64_t body_due_ = 0;  // when the body's next bytes must have come
   std::int64_t body_end_ = 0;  // when all of a body that nobody has checked must have come
-  std::optional<CMemoryWait> memory_wait_;
+  std::optional<Wait> memory_wait_;
   std::int64_t memory_due_ = 0;  // when a body that waits for room is refused
   CLeastRate rate_;              // rate of the body or the answer under way
 

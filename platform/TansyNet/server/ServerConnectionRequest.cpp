@@ -14,6 +14,14 @@ constexpr int kLengthRequired = 411;
 constexpr int kTooLarge = 413;
 constexpr int kUnavailable = 503;
 constexpr std::string_view kUploadMethod = "PUT";
+// Heads up to this length are not counted.
+constexpr std::size_t kShortHead = std::size_t{4} * 1024;
+
+// Those who wait may hold a sixteenth of the ceiling in all.
+std::uint64_t MostWaiting() {
+  constexpr std::uint64_t kHeldByOne = std::uint64_t{128} * 1024;
+  return std::max<std::uint64_t>(CMemoryAccount::Process().Limit() / 16 / kHeldByOne, 1);
+}
 
 }  // namespace
 }  // namespace details
@@ -34,6 +42,9 @@ CServerConnection::Next CServerConnection::StepHead(Lock& lock) {
     case CRequestParser::Progress::kNeedMore:
       KeepInput(input);
       input_is_short_ = true;
+      if (input_.size() > details::kShortHead && !input_share_.Resize(MemoryOf(input_))) {
+        return Refuse(details::kUnavailable);
+      }
       return Next::kGoOn;
     case CRequestParser::Progress::kFailed:
       return Refuse(parser_.FailureStatus());
@@ -112,6 +123,9 @@ CServerConnection::Next CServerConnection::AwaitMemory(MemoryUse use, std::size_
   constexpr std::int64_t kLookAgainMs = 20;
   const std::int64_t now = SteadyMilliseconds();
   if (!memory_wait_) {
+    if (Wait::count >= details::MostWaiting()) {
+      return Refuse(details::kUnavailable);
+    }
     memory_wait_.emplace();
     memory_due_ = now + limits_.body_timeout_ms;
   }
@@ -297,6 +311,7 @@ void CServerConnection::KeepInput(std::string_view input) {
   if (input.empty()) {
     input_ = std::string();
     input_begin_ = 0;
+    input_share_.Resize(0);
   } else if (input.data() >= input_.data() && input.data() < input_.data() + input_.size()) {
     input_begin_ = static_cast<std::size_t>(input.data() - input_.data());
   } else {

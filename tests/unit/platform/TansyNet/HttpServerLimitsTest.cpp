@@ -330,6 +330,44 @@ TEST_F(HttpServerLimit, BodiesThatStandStillMakeRoomForThoseThatCome) {
   EXPECT_EQ(slow.ReadReply().status, 408);
 }
 
+TEST_F(HttpServerLimit, LongHeadsThatDoNotEndAreCounted) {
+  StartWith({.header_timeout_ms = 60000, .memory_bytes = kMebibyte});
+  std::vector<std::unique_ptr<CRawClient>> clients;
+  bool refused = false;
+  for (int count = 0; count < 40 && !refused; ++count) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->TrySend("GET / HTTP/1.1\r\nA: " + std::string(60000, 'x'));
+    refused = !clients.back()->IsSilent(50);
+  }
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(clients.back()->ReadReply().status, 503);
+  EXPECT_LE(TansyNet::CMemoryAccount::Process().Used(), kMebibyte);
+  clients.clear();
+  EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
+}
+
+// Each of them holds what came before it was known to wait.
+TEST_F(HttpServerLimit, NoMoreBodiesWaitForRoomThanMayHoldSome) {
+  StartWith({.memory_bytes = 5 * kMebibyte});
+  const std::string body(2 * kMebibyte, 'x');
+  const std::string request = "PUT / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  std::vector<std::unique_ptr<CRawClient>> clients;
+  std::vector<Delivery> kept;
+  for (int count = 0; count < 2; ++count) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->Send(request);
+    kept.push_back(Take());
+  }
+  int refused = 0;
+  for (int count = 0; count < 4; ++count) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->TrySend(std::string_view(request).substr(0, 100000));
+    refused += clients.back()->IsSilent(200) ? 0 : 1;
+  }
+  EXPECT_EQ(refused, 2) << "two may wait";
+  EXPECT_EQ(clients.back()->ReadReply().status, 503);
+}
+
 TEST_F(HttpServerLimit, ABodyThatNobodyCheckedHasATimeInAll) {
   StartWith({.body_timeout_ms = 60000, .unchecked_body_timeout_ms = kShortMs, .least_bytes_per_second = 1000000});
   CRawClient client(Port());
