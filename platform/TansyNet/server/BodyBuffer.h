@@ -8,10 +8,19 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "TansyNet/MemoryAccount.h"
 
 namespace TansyNet {
+
+// Gives back the memory of a string, or of what holds one. Assigning an empty value would not: strings keep their
+// memory for what they hold next.
+template <typename T>
+void Release(T& holder) {
+  const T gone = std::move(holder);
+  holder = T();
+}
 
 // Bytes together with their share of the memory that all bodies use.
 struct CountedBytes {

@@ -347,9 +347,9 @@ void CServerConnection::Close() {
   SetDeadline(kNever);
   transport_.Socket().Stop();
   KeepInput({});
-  body_ = {};
-  chunked_body_ = {};
-  output_ = {};
+  Release(body_);
+  Release(chunked_body_);
+  Release(output_);
   output_share_.Resize(0);
   try {
     worker_->Post([self = shared_from_this()] { self->worker_->Forget(self.get()); });

@@ -172,8 +172,8 @@ CServerConnection::Next CServerConnection::Refuse(int status) {
   const std::string head = TakeHead(LibraryAnswer(status), body.size());
   ForgetRequest();
   KeepInput({});
-  body_ = {};
-  chunked_body_ = {};
+  Release(body_);
+  Release(chunked_body_);
   Send(head, is_head_ ? std::string_view() : body, details::kDefaultSendTimeoutMs);
   return Next::kWait;
 }
@@ -334,7 +334,7 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
 
 // The operating system has all of an answer.
 void CServerConnection::FinishAnswer() {
-  output_ = std::string();
+  Release(output_);
   output_share_.Resize(0);
   if (!keep_alive_) {
     StartDraining();

@@ -309,7 +309,7 @@ IoStatus CServerConnection::ReadInto(CBodyBuffer& body) {
 void CServerConnection::KeepInput(std::string_view input) {
   input_is_short_ = false;
   if (input.empty()) {
-    input_ = std::string();
+    Release(input_);
     input_begin_ = 0;
     input_share_.Resize(0);
   } else if (input.data() >= input_.data() && input.data() < input_.data() + input_.size()) {

@@ -13,6 +13,10 @@
 #include "TansyNet/HttpServer.h"
 #include "TansyNet/MemoryAccount.h"
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -329,6 +333,28 @@ TEST_F(HttpServerLimit, BodiesThatStandStillMakeRoomForThoseThatCome) {
   EXPECT_EQ(client.ReadReply().body, "there");
   EXPECT_EQ(slow.ReadReply().status, 408);
 }
+
+#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// What the process has from its heaps, in blocks of all sizes. Sanitizers have heaps of their own.
+std::size_t BytesInUse() {
+  const auto info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+TEST_F(HttpServerLimit, NothingIsKeptOfAnAnswerThatIsSent) {
+  const std::string body(16 * kMebibyte, 'x');
+  StartWith({}, [&](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, body); });
+  const std::size_t before = BytesInUse();
+  CRawClient client(Port(), {.receive_buffer = 65536});
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  client.ReadBytes(1);
+  EXPECT_TRUE(Eventually([&] { return BytesInUse() > before + 4 * kMebibyte; })) << "the socket does not take it all";
+  for (std::size_t read = 0; read < body.size(); read += kMebibyte / 16) {
+    client.ReadBytes(kMebibyte / 16);
+  }
+  EXPECT_TRUE(Eventually([&] { return BytesInUse() < before + 4 * kMebibyte; })) << "the connection is still open";
+}
+#endif
 
 TEST_F(HttpServerLimit, LongHeadsThatDoNotEndAreCounted) {
   StartWith({.header_timeout_ms = 60000, .memory_bytes = kMebibyte});
