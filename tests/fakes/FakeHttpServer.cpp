@@ -36,6 +36,7 @@ void CFakeHttpServer::Reset() {
   stops_until_failure_ = 0;
   open_nothing_ = false;
   send_error_ = 0;
+  has_room_ = true;
   take_chunk_ = nullptr;
   answers_.clear();
 }
@@ -76,6 +77,24 @@ void CFakeHttpServer::FailSends(int error, int after) {
   const std::lock_guard lock(mutex_);
   send_error_ = error;
   sends_before_error_ = after;
+}
+
+void CFakeHttpServer::HaveRoom(bool room) {
+  const std::lock_guard lock(mutex_);
+  has_room_ = room;
+}
+
+int CFakeHttpServer::Claim(std::int32_t handle) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (has_room_) {
+      return 0;
+    }
+  }
+  TansyNet::HttpResponse unavailable;
+  unavailable.status = 503;
+  Send(handle, unavailable, {});
+  return TansyNet::kNetNoMemory;
 }
 
 void CFakeHttpServer::TakeChunks(std::function<void(std::string_view)> take) {
@@ -259,6 +278,10 @@ int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& addre
 
 int CHttpServer::StopServer(std::int32_t handle) {
   return CFakeHttpServer::Instance().Stop(handle);
+}
+
+int CHttpServer::ClaimAnswer(std::int32_t handle, std::uint32_t) {
+  return CFakeHttpServer::Instance().Claim(handle);
 }
 
 int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,

@@ -72,6 +72,9 @@ class CFakeHttpServer {
   // Sends fail with `error` (0: they work again) after this many more have succeeded.
   void FailSends(int error, int after = 0);
 
+  // Whether there is room for large answers. Without it they get 503 when their room is claimed.
+  void HaveRoom(bool room);
+
   // The chunks of big answers go to `take` instead of into the answers' bodies. Null: they are kept again.
   void TakeChunks(std::function<void(std::string_view chunk)> take);
 
@@ -97,6 +100,7 @@ class CFakeHttpServer {
   // The module calls these in place of the library.
   int Start(FakeListener listener, std::int32_t& handle);
   int Stop(std::int32_t handle);
+  int Claim(std::int32_t handle);
   int Send(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data);
   int SendChunk(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data,
                 std::uint64_t total_size);
@@ -119,6 +123,7 @@ class CFakeHttpServer {
   bool open_nothing_ = false;
   int send_error_ = 0;
   int sends_before_error_ = 0;
+  bool has_room_ = true;
   std::function<void(std::string_view)> take_chunk_;
   std::map<std::int32_t, FakeAnswer> answers_;
 };

@@ -94,6 +94,15 @@ TEST_F(CObjectServerReadTest, AWholeObject) {
                                                bucket_ + ":k] success.["));
 }
 
+TEST_F(CObjectServerReadTest, NothingIsReadForAnAnswerThatFindsNoRoom) {
+  NewObject(bucket_, "k", Pattern(1000));
+  CFakeHttpServer::Instance().HaveRoom(false);
+  EXPECT_EQ(Get(Path("k")).response.status, 503);
+  EXPECT_TRUE(storage_.Calls("range").empty());
+  CFakeHttpServer::Instance().HaveRoom(true);
+  EXPECT_TRUE(IsBytes(Get(Path("k")), Pattern(1000)));
+}
+
 TEST_F(CObjectServerReadTest, Ranges) {
   const std::string bytes = Pattern(1000);
   NewObject(bucket_, "k", bytes);
