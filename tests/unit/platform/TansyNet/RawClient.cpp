@@ -233,7 +233,9 @@ CRawTlsClient::CRawTlsClient(std::uint16_t port, int version, SSL_SESSION* sessi
 }
 
 CRawTlsClient::~CRawTlsClient() {
-  SSL_shutdown(ssl_);
+  if (socket_ >= 0) {  // a socket that was reset is closed, and its number may be another client's by now
+    SSL_shutdown(ssl_);
+  }
   SSL_free(ssl_);
   SSL_CTX_free(context_);
 }
