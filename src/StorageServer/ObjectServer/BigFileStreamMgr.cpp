@@ -61,7 +61,7 @@ const CBigFileStreamMgr::Stream* CBigFileStreamMgr::Find(std::uint32_t session_i
 }
 
 bool CBigFileStreamMgr::RegisterStream(std::uint32_t session_id) {
-  const std::time_t now = TansyBase::TimeUtil::Now();
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
   const std::lock_guard<std::mutex> lock(mutex_);
   RemoveAbandoned(now);
   Stream fresh;
@@ -136,7 +136,7 @@ bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data,
   }
   stream->info.size += size;
   stream->info.url = std::move(location);
-  stream->last_change = TansyBase::TimeUtil::Now();
+  stream->last_change = TansyBase::TimeUtil::Uptime();
   changed_.notify_all();
   return true;
 }
@@ -220,7 +220,7 @@ void CBigFileStreamMgr::End(std::uint32_t session_id, Stream& stream, StreamEnd 
   changed_.notify_all();
 }
 
-void CBigFileStreamMgr::RemoveAbandoned(std::time_t now) {
+void CBigFileStreamMgr::RemoveAbandoned(std::int64_t now) {
   if (live_ < kManyStreams || now - last_sweep_ < kSweepSeconds) {
     return;
   }

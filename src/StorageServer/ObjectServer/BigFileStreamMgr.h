@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -76,7 +75,7 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
     ObjectInfo info;
     int pieces_under_way = 0;  // calls of UploadStream
     bool last_piece_came = false;
-    std::time_t last_change = 0;
+    std::int64_t last_change = 0;      // by TimeUtil::Uptime
     StreamEnd end = StreamEnd::kNone;  // when it is not kNone, no other field counts
     // Held while a piece of this stream is being stored; taken before mutex_.
     std::shared_ptr<std::mutex> store_mutex;
@@ -90,14 +89,14 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
   Stream* Find(std::uint32_t session_id);
   const Stream* Find(std::uint32_t session_id) const;
   void End(std::uint32_t session_id, Stream& stream, StreamEnd end);
-  void RemoveAbandoned(std::time_t now);
+  void RemoveAbandoned(std::int64_t now);
 
   mutable std::mutex mutex_;  // guards everything below
   mutable std::condition_variable changed_;
   StreamSaveCallback save_callback_ = nullptr;
   Streams streams_;
   std::size_t live_ = 0;  // streams that have not ended
-  std::time_t last_sweep_ = 0;
+  std::int64_t last_sweep_ = 0;
   // A ring of the streams that ended last: the next stream to end takes the place of the oldest, which is then
   // forgotten.
   std::array<std::uint32_t, kRememberedEnds> ended_{};

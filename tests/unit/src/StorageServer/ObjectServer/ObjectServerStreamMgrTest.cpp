@@ -237,6 +237,21 @@ TEST_F(CObjectServerStreamMgrTest, ClientsThatWentAwayAreForgottenOnceThereAreMa
   streams_.RemoveStream(kFirst + 1);
 }
 
+TEST_F(CObjectServerStreamMgrTest, ATimeOfDayThatIsSetEndsNoUpload) {
+  CManualClock clock;
+  constexpr std::uint32_t kFirst = 0x60000000;
+  constexpr std::uint32_t kMany = 1030;
+  for (std::uint32_t i = 0; i < kMany; ++i) {
+    ASSERT_TRUE(streams_.RegisterStream(kFirst + i));
+  }
+  clock.Set(clock.Now() + 30 * 86400);
+  ASSERT_TRUE(streams_.RegisterStream(id_));
+  for (std::uint32_t i = 0; i < kMany; ++i) {
+    EXPECT_FALSE(streams_.IsStreamAbsent(kFirst + i));
+    streams_.RemoveStream(kFirst + i);
+  }
+}
+
 TEST_F(CObjectServerStreamMgrTest, AFewRecordsStayForGood) {
   CManualClock clock;
   ASSERT_TRUE(streams_.RegisterStream(id_));
