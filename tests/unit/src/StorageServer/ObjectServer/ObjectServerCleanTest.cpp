@@ -157,6 +157,7 @@ TEST_F(CObjectServerCleanClockTest, ATaskThatIsWorkedOnIsLeftAlone) {
 }
 
 TEST_F(CObjectServerCleanTest, AStopEndsTheSweepBetweenTwoTasks) {
+  CCleanExpiredTaskThread::Instance().Stop();  // the server's own sweep would take the tasks of this one
   std::vector<std::string> old;
   for (int i = 0; i < 20; ++i) {
     old.push_back(TaskOfAge(kThreeDays + 1));
