@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "db_layer/CommitBarrier.h"
 #include "db_layer/FolderSync.h"
 
 namespace db_layer {
@@ -63,6 +64,22 @@ bool StartsWithWord(std::string_view sql, std::string_view word) {
          });
 }
 
+// Asks whether these writes may be committed. Only what is refused leaves a text in `error`.
+bool PassBarrier(const std::vector<SqlWrite*>& writes, SqlError& error) {
+  if (writes.empty()) {
+    return true;
+  }
+  std::vector<std::string_view> statements;
+  for (const SqlWrite* write : writes) {
+    statements.insert(statements.end(), write->statements->begin(), write->statements->end());
+  }
+  if (PassCommitBarrier(statements, error.text)) {
+    return true;
+  }
+  error.code = SQLITE_ABORT;
+  return false;
+}
+
 // SQLite refuses or ignores these inside a transaction.
 bool MustRunAlone(const SqlWrite& write) {
   if (write.statements->size() != 1) {
@@ -88,6 +105,10 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   std::vector<SqlWrite*> alone;
   for (SqlWrite* write : batch) {
     (details::MustRunAlone(*write) ? alone : together).push_back(write);
+  }
+  if (!details::PassBarrier(together, error)) {
+    details::FailAll(together, error);
+    together.clear();
   }
   // From here on nothing may be thrown, because a write that has been committed must not be reported as failed.
   RunTogether(together);

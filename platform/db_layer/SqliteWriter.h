@@ -29,9 +29,9 @@ class CSqliteWriter {
   // Opens the file when it is not open, when another file is behind the path by now, or when the connection does not
   // recover from a failure.
   bool EnsureOpen(SqlError& error);
-  // Commits the batch in one transaction with one savepoint per write, so that a refused write fails alone. When the
-  // commit fails, all writes fail and nothing is applied. After an exception (std::bad_alloc) nothing is applied
-  // either.
+  // Passes the commit barrier, then commits the batch in one transaction with one savepoint per write, so that a
+  // refused write fails alone. When the barrier or the commit fails, all writes fail and nothing is applied. After an
+  // exception (std::bad_alloc) nothing is applied either.
   void RunBatch(const std::vector<SqlWrite*>& batch);
   // Changes when the file is opened again; other connections should then be opened again too. Threads: any.
   int Generation() const { return generation_; }

@@ -26,16 +26,20 @@ class CExhaustedSequences : public IWriterSequences {
   int until_exhausted_ = 0;
 };
 
-using SqliteWriterTest = CSqliteFixture;
+class SqliteWriterTest : public CSqliteFixture {
+ protected:
+  void TearDown() override { SetCommitBarrier({}); }
+};
+
+std::vector<std::string> InsertItem(int id) {
+  return {"INSERT INTO platform.item (id, name) VALUES (" + std::to_string(id) + ", 'n')"};
+}
 
 TEST_F(SqliteWriterTest, AWriteThatRunsOutOfMemoryFailsAlone) {
   MakeSchema();
   CExhaustedSequences sequences;
   CSqliteWriter writer(path_, SqliteOptions{}, sequences);
-  const auto insert = [](int id) {
-    return std::vector<std::string>{"INSERT INTO platform.item (id, name) VALUES (" + std::to_string(id) + ", 'n')"};
-  };
-  const std::vector<std::vector<std::string>> statements = {insert(1), insert(2), insert(3)};
+  const std::vector<std::vector<std::string>> statements = {InsertItem(1), InsertItem(2), InsertItem(3)};
   std::vector<SqlWrite> writes(3);
   for (std::size_t i = 0; i < writes.size(); ++i) {
     writes[i].statements = &statements[i];
@@ -47,6 +51,27 @@ TEST_F(SqliteWriterTest, AWriteThatRunsOutOfMemoryFailsAlone) {
   EXPECT_EQ(writes[1].error.text, "out of memory");
   EXPECT_TRUE(writes[2].succeeded) << writes[2].error.text;
   EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item", "id"), "1,3");
+}
+
+TEST_F(SqliteWriterTest, AGroupPassesTheCommitBarrierOnce) {
+  MakeSchema();
+  std::vector<std::size_t> groups;
+  SetCommitBarrier([&groups](const std::vector<std::string_view>& statements, std::string&) {
+    groups.push_back(statements.size());
+    return true;
+  });
+  CExhaustedSequences sequences;
+  CSqliteWriter writer(path_, SqliteOptions{}, sequences);
+  const std::vector<std::vector<std::string>> statements = {
+      InsertItem(1), InsertItem(2), {"PRAGMA platform.user_version = 5"}};
+  std::vector<SqlWrite> writes(3);
+  for (std::size_t i = 0; i < writes.size(); ++i) {
+    writes[i].statements = &statements[i];
+  }
+  writer.RunBatch({&writes[0], &writes[1], &writes[2]});
+  writer.RunBatch({&writes[2]});
+  EXPECT_EQ(groups, std::vector<std::size_t>{2}) << "one call for a transaction, none for what runs alone";
+  EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item", "id"), "1,2");
 }
 
 }  // namespace
