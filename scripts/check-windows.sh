@@ -9,7 +9,7 @@ scripts/dependencies.sh --windows
 # Headers of libraries that are the same on both systems, without this system's own beside them.
 headers=$(mktemp -d)
 trap 'rm -rf "$headers"' EXIT
-for library in boost CLI toml++ rapidjson spdlog fmt; do
+for library in boost CLI toml++ rapidjson; do
   ln -s "/usr/include/$library" "$headers/$library"
 done
 for library in openssl sqlite3.h pugixml.hpp pugiconfig.hpp; do

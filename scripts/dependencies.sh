@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build ccache pkg-config
   libboost1.81-dev libssl-dev libpugixml-dev rapidjson-dev libsqlite3-dev
-  libspdlog-dev libcli11-dev libtomlplusplus-dev
+  libcli11-dev libtomlplusplus-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   openssl curl groff-base
 )

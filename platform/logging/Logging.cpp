@@ -79,6 +79,12 @@ void WriteThroughFilter(ISink& sink, CallSite& site, Record& record) {
   }
 }
 
+// Counts a line of a site whose lines are all equal, if it need not be rendered to know what becomes of it.
+bool CountsAsRepeat(CallSite& site) {
+  CRepeatFilter& repeats = TheLog().repeats;
+  return repeats.IsOn() && repeats.Count(site, NowMs());
+}
+
 // Gives the line in `buffer`, which would have needed `needed` bytes.
 std::string_view CutText(char (&buffer)[kMaxTextBytes + 1], std::size_t needed, bool& cut) {
   cut = needed > kMaxTextBytes;
@@ -125,6 +131,9 @@ void Flush() {
 }
 
 void Write(CallSite& site, int level, const char* module, const char* format, ...) {
+  if (site.is_fixed && details::CountsAsRepeat(site)) {
+    return;
+  }
   const std::shared_ptr<ISink> sink = details::CurrentSink();
   if (sink == nullptr) {
     return;

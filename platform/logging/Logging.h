@@ -84,7 +84,7 @@ inline bool IsEnabled(int level) {
 #define TANSY_LOG(level, module, format, ...)                                                                  \
   do {                                                                                                         \
     if (::logging::IsEnabled(level)) {                                                                         \
-      static ::logging::CallSite tansy_call_site;                                                              \
+      static constinit ::logging::CallSite tansy_call_site{.is_fixed = true __VA_OPT__(&&false)};              \
       static constexpr auto tansy_function = ::logging::CutQualifiedName(TANSY_FUNCTION_TEXT);                 \
       ::logging::Write(tansy_call_site, level, module, format, tansy_function.text __VA_OPT__(, ) __VA_ARGS__, \
                        __FILE__, __LINE__);                                                                    \

@@ -25,6 +25,9 @@ struct Record {
 
 // The state of one call site, made by TANSY_LOG. The repeat window needs it.
 struct CallSite {
+  // All lines of the site are equal, because its format takes no arguments but function, file and line. Such lines are
+  // counted as repeats before anything is rendered.
+  const bool is_fixed = false;
   std::atomic<std::uint64_t> last_hash{0};
   std::atomic<std::int64_t> window_end_ms{0};
   std::atomic<std::uint32_t> held_back{0};

@@ -13,6 +13,21 @@ bool CRepeatFilter::IsRepeat(const CallSite& site, std::uint64_t hash, std::int6
          now_ms < site.window_end_ms.load(std::memory_order_relaxed);
 }
 
+bool CRepeatFilter::Count(CallSite& site, std::int64_t now_ms) {
+  if (now_ms >= site.window_end_ms.load(std::memory_order_relaxed) ||
+      now_ms >= next_due_ms_.load(std::memory_order_relaxed)) {
+    return false;
+  }
+  // Only a count that has begun may grow here: the first line of a count is kept with its text, for the sum.
+  std::uint32_t count = site.held_back.load(std::memory_order_relaxed);
+  while (count > 0) {
+    if (site.held_back.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool CRepeatFilter::Admit(CallSite& site, Record& record, std::int64_t now_ms, HeldLine& before) {
   const std::uint64_t hash = std::hash<std::string_view>{}(record.text) | 1;  // never 0, the value of a fresh call site
   if (IsRepeat(site, hash, now_ms)) {

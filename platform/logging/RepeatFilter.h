@@ -40,6 +40,10 @@ class CRepeatFilter {
   // after `before` (when that has a site), and `record.repeats` is set.
   bool Admit(CallSite& site, Record& record, std::int64_t now_ms, HeldLine& before);
 
+  // Counts one more line that is equal to the site's last one. Returns false and counts nothing when the line must go
+  // through Admit, or when a sum is due.
+  bool Count(CallSite& site, std::int64_t now_ms);
+
   // Takes out the lines whose window ended before `now_ms`.
   std::vector<HeldLine> TakeDue(std::int64_t now_ms);
   std::vector<HeldLine> TakeAll();

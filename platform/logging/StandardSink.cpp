@@ -1,24 +1,18 @@
 #include "logging/StandardSink.h"
 
-#include <spdlog/async.h>
-#include <spdlog/async_logger.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/base_sink.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <mutex>
-#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "OSAL/Osal.h"
-#include "logging/LogFile.h"
+#include "logging/LineQueue.h"
+#include "logging/LogOutput.h"
 #include "logging/Text.h"
 
 namespace logging {
@@ -26,6 +20,8 @@ namespace {
 
 constexpr std::size_t kMaxQueueLines = 1000000;
 constexpr std::chrono::seconds kFlushLimit{5};
+// Lines are handed to the operating system when this much has gathered, so that a long queue is not kept twice.
+constexpr std::size_t kBytesPerWrite = std::size_t{256} * 1024;
 
 std::string_view LevelName(int level) {
   switch (level) {
@@ -40,163 +36,136 @@ std::string_view LevelName(int level) {
   }
 }
 
-spdlog::level::level_enum SpdlogLevel(int level) {
-  return level <= kTrace      ? spdlog::level::debug
-         : level == kNotable  ? spdlog::level::info
-         : level == kDatabase ? spdlog::level::warn
-                              : spdlog::level::err;
-}
-
-void Append(spdlog::memory_buf_t& buffer, std::string_view text) {
-  buffer.append(text.data(), text.data() + text.size());
-}
-
-// The place where the bytes of finished lines go. Threads: one at a time.
-class COutput {
+// Writes times as "2026-11-03 08:05:09.123Z". The text of a second is made once.
+class CTimeText {
  public:
-  explicit COutput(std::string path) : path_(std::move(path)) {}
-
-  // Opens the file, also again; after a failure, the file that was open before stays in use.
-  bool Open(std::string& error) {
-    if (path_.empty()) {
-      return true;
+  void Append(std::string& out, std::chrono::system_clock::time_point time) {
+    using std::chrono::floor;
+    const auto second = floor<std::chrono::seconds>(time);
+    if (second != second_ || text_.empty()) {
+      second_ = second;
+      Render();
     }
-    errno = 0;
-    FilePointer fresh(details::OpenForAppending(path_));
-    if (!fresh) {
-      error = "cannot open the log file " + path_ + ": " + std::generic_category().message(errno);
-      return false;
-    }
-    // Without a buffer, a line is one write, so that a crash loses no finished line.
-    std::setvbuf(fresh.get(), nullptr, _IONBF, 0);
-    file_ = std::move(fresh);
-    torn_ = false;
-    return true;
-  }
-
-  // Returns false when the line could not be written whole; the next line then starts on a line of its own.
-  bool WriteLine(std::string_view line) {
-    if (path_.empty()) {
-      return std::fwrite(line.data(), 1, line.size(), stderr) == line.size() && std::fflush(stderr) == 0;
-    }
-    if (torn_) {
-      std::fputc('\n', file_.get());
-    }
-    torn_ = std::fwrite(line.data(), 1, line.size(), file_.get()) != line.size();
-    std::clearerr(file_.get());
-    return !torn_;
+    const auto part = static_cast<int>(floor<std::chrono::milliseconds>(time - second).count());
+    out += text_;
+    out += static_cast<char>('0' + part / 100);
+    out += static_cast<char>('0' + part / 10 % 10);
+    out += static_cast<char>('0' + part % 10);
+    out += 'Z';
   }
 
  private:
-  struct CloseFile {
-    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
-  };
-  using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
-
-  const std::string path_;
-  FilePointer file_;
-  bool torn_ = false;
-};
-
-// The end of the queue on the writing thread.
-class CLineSink : public spdlog::sinks::base_sink<std::mutex> {
- public:
-  explicit CLineSink(std::string path)
-      : base_sink(std::make_unique<spdlog::pattern_formatter>("%Y-%m-%d %H:%M:%S.%eZ %v",
-                                                              spdlog::pattern_time_type::utc, "\n")),
-        output_(std::move(path)) {}
-
-  bool Open(std::string& error) {
-    const std::lock_guard lock(mutex_);
-    return output_.Open(error);
+  void Render() {
+    const auto day = std::chrono::floor<std::chrono::days>(second_);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss clock(second_ - day);
+    char text[64];
+    const int size = std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d.", static_cast<int>(date.year()),
+                                   static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                                   static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                                   static_cast<int>(clock.seconds().count()));
+    text_.assign(text, static_cast<std::size_t>(std::max(size, 0)));
   }
 
-  void AddSecret(std::string_view secret) {
-    const std::lock_guard lock(mutex_);
-    if (!secret.empty() && std::find(secrets_.begin(), secrets_.end(), secret) == secrets_.end()) {
-      secrets_.emplace_back(secret);
-    }
-  }
-
-  // Sets the queue whose losses are reported. It is called before the first line.
-  void Watch(spdlog::details::thread_pool* queue) { queue_ = queue; }
-
-  std::uint64_t DroppedLines() const { return queue_->overrun_counter() + unwritten_.load(); }
-
-  // Waits until `posted` lines have been taken from the queue or dropped by it.
-  void WaitFor(std::uint64_t posted) {
-    std::unique_lock lock(mutex_);
-    const auto limit = std::chrono::steady_clock::now() + kFlushLimit;
-    const auto settled = [&] { return taken_ + queue_->overrun_counter() >= posted; };
-    // Nobody is notified of losses, so this wakes often.
-    while (!settled() && std::chrono::steady_clock::now() < limit) {
-      line_taken_.wait_for(lock, std::chrono::milliseconds(10));
-    }
-  }
-
- protected:
-  void sink_it_(const spdlog::details::log_msg& message) override {
-    try {
-      TellLosses(message.time);
-      const std::string_view payload(message.payload.data(), message.payload.size());
-      WriteLine(message.time, Masked(payload));
-    } catch (const std::exception&) {
-      ++unwritten_;  // memory ran out: this line is lost, and the next one reports it
-    }
-    ++taken_;
-    line_taken_.notify_all();
-  }
-
-  void flush_() override {}
-
- private:
-  std::string Masked(std::string_view payload) const {
-    return details::Masked(payload, secrets_, payload.ends_with(kCutMark));
-  }
-
-  void TellLosses(spdlog::log_clock::time_point time) {
-    const std::uint64_t dropped = DroppedLines();
-    if (dropped != told_) {
-      const std::uint64_t fresh = dropped - std::exchange(told_, dropped);
-      WriteLine(time, "error platform.logging " + std::to_string(fresh) + " lines were lost");
-    }
-  }
-
-  void WriteLine(spdlog::log_clock::time_point time, std::string_view text) {
-    escaped_.clear();
-    details::AppendEscaped(escaped_, text);
-    spdlog::memory_buf_t line;
-    formatter_->format(spdlog::details::log_msg(time, {}, {}, spdlog::level::off,
-                                                spdlog::string_view_t(escaped_.data(), escaped_.size())),
-                       line);
-    if (!output_.WriteLine({line.data(), line.size()})) {
-      ++unwritten_;
-    }
-  }
-
-  COutput output_;
-  std::vector<std::string> secrets_;
-  std::string escaped_;  // kept to reuse its memory
-  spdlog::details::thread_pool* queue_ = nullptr;
-  std::uint64_t taken_ = 0;
-  std::uint64_t told_ = 0;
-  std::atomic<std::uint64_t> unwritten_{0};
-  std::condition_variable line_taken_;
+  std::chrono::sys_seconds second_{};
+  std::string text_;
 };
 
 }  // namespace
 
 struct CStandardSink::Impl {
-  std::shared_ptr<CLineSink> lines;
-  std::atomic<std::uint64_t> posted{0};
-  // This is declared after the sink, because the queue's destructor lets its thread finish what waits.
-  std::shared_ptr<spdlog::async_logger> logger;
-  std::shared_ptr<spdlog::details::thread_pool> queue;
+  explicit Impl(const StandardSinkOptions& options) : queue(options.queue_lines), output(options.file_path) {}
+
+  void Run();
+  void WriteBatch(details::CLineBatch& batch, std::uint64_t dropped);
+  void TellLosses(details::CLineBatch::Time time, std::uint64_t lost);
+  void Render(details::CLineBatch::Time time, std::string_view text);
+  void WriteRendered();
+
+  details::CLineQueue queue;
+  std::atomic<std::uint64_t> unwritten{0};  // lines that could not be written
+
+  std::mutex mutex;  // held while lines are made ready and written; guards what follows
+  details::CLogOutput output;
+  std::vector<std::string> secrets;
+
+  // Only the thread uses these.
+  CTimeText time_text;
+  std::string rendered;  // lines that are ready to be written
+  std::size_t rendered_lines = 0;
+  std::uint64_t told = 0;  // losses that the log itself has told
+
+  std::thread thread;
 };
+
+void CStandardSink::Impl::Run() {
+  OSAL_SetThreadName("tansy-log");
+  details::CLineBatch batch;
+  std::uint64_t dropped = 0;
+  while (queue.Take(batch, dropped)) {
+    const std::lock_guard lock(mutex);
+    WriteBatch(batch, dropped);
+  }
+}
+
+void CStandardSink::Impl::WriteBatch(details::CLineBatch& batch, std::uint64_t dropped) {
+  details::CLineBatch::Time time;
+  std::string_view text;
+  while (batch.Next(time, text)) {
+    TellLosses(time, dropped + unwritten.load());
+    Render(time, text);
+    if (rendered.size() >= kBytesPerWrite) {
+      WriteRendered();
+    }
+  }
+  WriteRendered();
+}
+
+// A report that cannot be written is made again before the next line.
+void CStandardSink::Impl::TellLosses(details::CLineBatch::Time time, std::uint64_t lost) {
+  if (lost == told) {
+    return;
+  }
+  WriteRendered();
+  Render(time, "error platform.logging " + std::to_string(lost - told) + " lines were lost");
+  if (output.Write(rendered) == 1) {
+    told = lost;
+  }
+  rendered.clear();
+  rendered_lines = 0;
+}
+
+// Appends one line to those that are ready. When memory runs out, this line is lost, and a later batch tells it.
+void CStandardSink::Impl::Render(details::CLineBatch::Time time, std::string_view text) {
+  const std::size_t before = rendered.size();
+  try {
+    time_text.Append(rendered, time);
+    rendered += ' ';
+    details::AppendEscaped(rendered, details::Masked(text, secrets, text.ends_with(kCutMark)));
+    rendered += '\n';
+    ++rendered_lines;
+  } catch (const std::exception&) {
+    rendered.resize(before);
+    ++unwritten;
+  }
+}
+
+void CStandardSink::Impl::WriteRendered() {
+  if (rendered_lines > 0) {
+    unwritten += rendered_lines - output.Write(rendered);
+  }
+  rendered.clear();
+  rendered_lines = 0;
+}
 
 CStandardSink::CStandardSink(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
-CStandardSink::~CStandardSink() = default;
+CStandardSink::~CStandardSink() {
+  impl_->queue.Stop();
+  if (impl_->thread.joinable()) {
+    impl_->thread.join();
+  }
+}
 
 std::shared_ptr<CStandardSink> CStandardSink::Create(const StandardSinkOptions& options, std::string& error) {
   if (options.queue_lines < 1 || options.queue_lines > kMaxQueueLines) {
@@ -204,18 +173,14 @@ std::shared_ptr<CStandardSink> CStandardSink::Create(const StandardSinkOptions& 
     return nullptr;
   }
   try {
-    auto impl = std::make_unique<Impl>();
-    impl->lines = std::make_shared<CLineSink>(options.file_path);
-    if (!impl->lines->Open(error)) {
+    auto impl = std::make_unique<Impl>(options);
+    if (!impl->output.Open(error)) {
       return nullptr;
     }
-    impl->queue =
-        std::make_shared<spdlog::details::thread_pool>(options.queue_lines, 1, [] { OSAL_SetThreadName("tansy-log"); });
-    impl->lines->Watch(impl->queue.get());
-    impl->logger = std::make_shared<spdlog::async_logger>("tansy", impl->lines, impl->queue,
-                                                          spdlog::async_overflow_policy::overrun_oldest);
-    impl->logger->set_level(spdlog::level::trace);
-    return std::shared_ptr<CStandardSink>(new CStandardSink(std::move(impl)));
+    Impl* const running = impl.get();
+    std::shared_ptr<CStandardSink> sink(new CStandardSink(std::move(impl)));
+    running->thread = std::thread([running] { running->Run(); });
+    return sink;
   } catch (const std::exception& exception) {
     error = exception.what();
     return nullptr;
@@ -223,38 +188,33 @@ std::shared_ptr<CStandardSink> CStandardSink::Create(const StandardSinkOptions& 
 }
 
 void CStandardSink::Write(const Record& record) {
-  spdlog::memory_buf_t payload;
-  Append(payload, LevelName(record.level));
-  Append(payload, " ");
-  Append(payload, record.module);
-  Append(payload, " ");
+  // The count stands before the text, because a cut text must be at the end of the line for the cut to be seen.
+  std::string repeats;
   if (record.repeats != 0) {
-    // The count stands before the text, because a cut text must be at the end of the line for the cut to be seen.
-    Append(payload, "(repeated " + std::to_string(record.repeats) + " times) ");
+    repeats = "(repeated " + std::to_string(record.repeats) + " times) ";
   }
-  Append(payload, record.text);
-  const spdlog::string_view_t text(payload.data(), payload.size());
-  const spdlog::details::log_msg message(spdlog::source_loc{}, impl_->logger->name(), SpdlogLevel(record.level), text);
-  // A line is counted once it is in the queue, because Flush must not wait for a line that found no memory.
-  impl_->queue->post_log(std::shared_ptr<spdlog::async_logger>(impl_->logger), message,
-                         spdlog::async_overflow_policy::overrun_oldest);
-  ++impl_->posted;
+  impl_->queue.Push({LevelName(record.level), " ", record.module, " ", repeats, record.text});
 }
 
 void CStandardSink::Flush() {
-  impl_->lines->WaitFor(impl_->posted.load());
+  impl_->queue.WaitUntilWritten(kFlushLimit);
 }
 
 void CStandardSink::AddSecret(std::string_view secret) {
-  impl_->lines->AddSecret(secret);
+  const std::lock_guard lock(impl_->mutex);
+  auto& secrets = impl_->secrets;
+  if (!secret.empty() && std::find(secrets.begin(), secrets.end(), secret) == secrets.end()) {
+    secrets.emplace_back(secret);
+  }
 }
 
 bool CStandardSink::Reopen(std::string& error) {
-  return impl_->lines->Open(error);
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->output.Open(error);
 }
 
 std::uint64_t CStandardSink::DroppedLines() const {
-  return impl_->lines->DroppedLines();
+  return impl_->queue.Dropped() + impl_->unwritten.load();
 }
 
 }  // namespace logging

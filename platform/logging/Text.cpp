@@ -50,6 +50,12 @@ void AppendHex(std::string& out, char c) {
   out += kDigits[byte & 15];
 }
 
+// Gives the length of the beginning of `text` that is written as it is: printable ASCII, which most texts are all of.
+std::size_t PlainLength(std::string_view text) {
+  const auto plain = [](char c) { return c >= 0x20 && c < 0x7F; };
+  return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), plain) - text.begin());
+}
+
 void AppendControl(std::string& out, char c) {
   switch (c) {
     case '\n':
@@ -100,7 +106,13 @@ std::string_view CutAtCharacter(std::string_view text, std::size_t limit) {
 }
 
 void AppendEscaped(std::string& out, std::string_view text) {
-  while (!text.empty()) {
+  for (;;) {
+    const std::size_t plain = PlainLength(text);
+    out += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) {
+      return;
+    }
     const char c = text.front();
     const std::size_t length = CharacterLength(text);
     if (length == 0) {

@@ -44,7 +44,7 @@ declare -A strangers=(
 )
 
 # Headers that cost seconds to compile; a header that others include must not bring them along.
-heavy='<(boost/(asio|beast)|spdlog|regex|iostream|rapidjson|pugixml|sqlite3|CLI|toml)'
+heavy='<(boost/(asio|beast)|regex|iostream|rapidjson|pugixml|sqlite3|CLI|toml)'
 
 # Lines "FILE:INCLUDED" for the quoted includes of everything below the folders.
 includes_of() {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -263,6 +264,48 @@ TEST_F(StandardSink, AFullQueueDropsCountsAndTells) {
 }
 
 #ifdef __linux__
+// Counts the writes of this process so far.
+std::size_t WritesSoFar() {
+  std::ifstream in("/proc/self/io");
+  for (std::string name; in >> name;) {
+    std::size_t count = 0;
+    in >> count;
+    if (name == "syscw:") {
+      return count;
+    }
+  }
+  return 0;
+}
+
+TEST_F(StandardSink, LinesThatComeQuicklyLeaveTogether) {
+  constexpr std::size_t kLines = 5000;
+  const auto sink = Make(2 * kLines);
+  const std::size_t before = WritesSoFar();
+  for (std::size_t i = 0; i < kLines; ++i) {
+    sink->Write(Line("line"));
+  }
+  sink->Flush();
+  const std::size_t writes = WritesSoFar() - before;
+  EXPECT_EQ(Lines(Contents()).size(), kLines);
+  EXPECT_GE(writes, 1u);
+  EXPECT_LT(writes, kLines / 10);
+}
+
+TEST_F(StandardSink, TellsAllLossesOnceTheyCanBeTold) {
+  std::filesystem::create_symlink("/dev/full", path_);
+  const auto sink = Make();
+  for (int i = 0; i < 3; ++i) {
+    sink->Write(Line("lost"));
+    sink->Flush();
+  }
+  std::filesystem::remove(path_);
+  std::string error;
+  ASSERT_TRUE(sink->Reopen(error)) << error;
+  sink->Write(Line("kept"));
+  sink->Flush();
+  EXPECT_THAT(Contents(), MatchesRegex(".* error platform\\.logging 3 lines were lost\n.* kept\n"));
+}
+
 TEST_F(StandardSink, AFullDiskLosesLinesAndNothingElse) {
   std::string error;
   const auto sink = CStandardSink::Create({"/dev/full", 16}, error);
@@ -296,6 +339,22 @@ TEST_F(StandardSink, ManyThreadsWriteWholeLines) {
   EXPECT_EQ(lines.size(), 2000u);
   EXPECT_TRUE(std::all_of(lines.begin(), lines.end(),
                           [](const std::string& line) { return line.ends_with(std::string(400, 'x')); }));
+  // Whoever wrote them, the times of the lines never go back.
+  EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end(), [](const std::string& left, const std::string& right) {
+    return left.substr(0, 24) < right.substr(0, 24);
+  }));
+}
+
+TEST_F(StandardSink, ALineThatComesAloneIsWrittenByItself) {
+  const auto sink = Make();
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  for (std::size_t count = 1; count <= 3; ++count) {
+    sink->Write(Line("alone"));
+    while (Lines(Contents()).size() < count && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    ASSERT_EQ(Lines(Contents()).size(), count);
+  }
 }
 
 TEST(StandardSinkDeathTest, WithoutAFileLinesGoToStandardError) {
