@@ -26,4 +26,9 @@ std::set<std::string> CCatalogueFile::TaskIds() {
   return ids;
 }
 
+void CCatalogueFile::VisitReleased(const std::function<void(const std::string& url)>& visitor) {
+  database_.Query("SELECT url FROM platform.released_bytes",
+                  [&visitor](const CSqliteFile::CRow& row) { visitor(row.Text(0)); });
+}
+
 }  // namespace Tansy::Host

@@ -29,6 +29,8 @@ class CCatalogueFile {
 
   void VisitRows(const std::function<void(const CatalogueRow&)>& visitor);
   std::set<std::string> TaskIds();
+  // Shows the urls of bytes that removed and replaced objects left: a running server frees them when their time comes.
+  void VisitReleased(const std::function<void(const std::string& url)>& visitor);
 
  private:
   CSqliteFile database_;

@@ -86,6 +86,19 @@ class CCheck {
     return names;
   }
 
+  // Collects the names of bytes that removed and replaced objects left.
+  PackedNames ReadReleased() {
+    PackedNames names;
+    CCatalogueFile(database_).VisitReleased([&names](const std::string& url) {
+      StoredName name;
+      if (ParseOwnText(url, name)) {
+        names.push_back(Pack(name));
+      }
+    });
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
   bool ReadTasks(std::set<std::string>& ids) {
     ids = CCatalogueFile(database_).TaskIds();
     return true;
@@ -131,10 +144,24 @@ class CCheck {
     std::erase_if(damaged_, [this, &urls](const Damage& damage) {
       return !std::binary_search(urls.begin(), urls.end(), damage.row.url) || IsWhole(damage.row);
     });
+    // This comes after the look at the rows: bytes that lose their row in between are released then.
+    const PackedNames released = ReadReleased();
     std::erase_if(orphans_, [this, &referred](const StoredEntry& entry) {
-      return Holds(unfinished_, entry.name) || store_.IsNew(entry.name) ||
-             (!entry.is_temporary && Holds(referred, entry.name));
+      return !entry.is_temporary && (Holds(referred, entry.name) || IsGone(entry.name));
     });
+    const auto kept = std::stable_partition(orphans_.begin(), orphans_.end(), [&released](const StoredEntry& entry) {
+      return entry.is_temporary || !Holds(released, entry.name);
+    });
+    kept_.assign(kept, orphans_.end());
+    orphans_.erase(kept, orphans_.end());
+    std::erase_if(orphans_, [this](const StoredEntry& entry) {
+      return Holds(unfinished_, entry.name) || store_.IsNew(entry.name);
+    });
+  }
+
+  bool IsGone(const StoredName& name) {
+    std::uint64_t size = 0;
+    return store_.GetSize(name, size) == EStoreResult::kMissing;
   }
 
   bool IsWhole(const CatalogueRow& row) {
@@ -157,6 +184,10 @@ class CCheck {
       out_ << "first-part " << Printable(part.name) << ' ' << part.size << '\n';
       orphan_bytes_ += part.size;
       bytes_ += part.size;
+    }
+    for (const StoredEntry& entry : kept_) {
+      out_ << "kept " << entry.path << ' ' << entry.size << '\n';
+      kept_bytes_ += entry.size;
     }
   }
 
@@ -202,8 +233,9 @@ class CCheck {
 
   int SumUp() {
     out_ << "check: " << rows_ << " rows, " << files_ << " stored files, " << OrphanCount() << " orphans ("
-         << orphan_bytes_ << " bytes), " << freed_ << " freed, " << damaged_.size() << " damaged"
-         << (complete_ ? "" : "; not everything could be read, see the log") << '\n';
+         << orphan_bytes_ << " bytes), " << freed_ << " freed, " << damaged_.size() << " damaged, " << kept_.size()
+         << " kept (" << kept_bytes_ << " bytes)" << (complete_ ? "" : "; not everything could be read, see the log")
+         << '\n';
     if (!complete_) {
       return kExitFailed;
     }
@@ -220,6 +252,7 @@ class CCheck {
   PackedNames referred_;
   PackedNames unfinished_;
   std::vector<StoredEntry> orphans_;
+  std::vector<StoredEntry> kept_;  // no row names them, but a running server frees them when their time comes
   std::vector<DeadFirstPart> first_parts_;
   std::vector<Damage> damaged_;
   bool complete_ = false;
@@ -227,6 +260,7 @@ class CCheck {
   std::uint64_t files_ = 0;
   std::uint64_t bytes_ = 0;  // of all files
   std::uint64_t orphan_bytes_ = 0;
+  std::uint64_t kept_bytes_ = 0;
   std::size_t freed_ = 0;
 };
 

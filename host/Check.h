@@ -27,6 +27,8 @@ struct CheckOptions {
 //
 //   orphan PATH SIZE            stored bytes that nothing refers to; freed by `repair`
 //   first-part NAME SIZE        a first part whose upload task is gone; removed by `repair`
+//   kept PATH SIZE              bytes of a removed or replaced object, or of an abandoned upload, that a running server
+//                               frees when their time comes; no finding, and left alone by `repair`
 //   missing /BUCKET/OBJECT URL  a row whose bytes are not there
 //   short /BUCKET/OBJECT URL    a row whose bytes are fewer than it says
 //

@@ -176,6 +176,33 @@ TEST_F(SpaceTest, ARepairIsDoneByTheRunningServer) {
   EXPECT_EQ(Check({"--repair"}).code, 0) << "and again";
 }
 
+TEST_F(SpaceTest, ARepairLeavesRemovedObjectsForAsLongAsTheServerWasTold) {
+  ASSERT_TRUE(server_.Start());
+  MakeBucket("b");
+  Put("/b/removed", "removed");
+  Put("/b/o", "old");
+  Put("/b/o", "new");
+  EXPECT_EQ(Outcome(Send("DELETE", "/b/removed")), "200");
+  for (const bool is_running : {true, false}) {
+    if (!is_running) {
+      ASSERT_TRUE(server_.Stop());
+    }
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{}, {"--repair", "--force"}}) {
+      const Ended checked = Check(arguments);
+      EXPECT_EQ(checked.code, 0) << checked.err << checked.out;
+      EXPECT_THAT(checked.out, HasSubstr("0 orphans (0 bytes), 0 freed, 0 damaged, 2 kept (10 bytes)"));
+    }
+    EXPECT_EQ(StoredFiles(), 3U);
+  }
+  // When their time has come, the next server frees them.
+  Query(server_.Data("catalogue.db"), "UPDATE host_values SET value = '1000000' WHERE name = 'running_seconds'");
+  Query(server_.Data("catalogue.db"), "UPDATE released_bytes SET released_at = 0");
+  ASSERT_TRUE(server_.Start());
+  EXPECT_TRUE(WaitUntil([this] { return StoredFiles() == 1; }));
+  EXPECT_EQ(Get("/b/o"), "new");
+}
+
 TEST_F(SpaceTest, ACheckLeavesEveryFileAsItWas) {
   ASSERT_TRUE(server_.Start());
   MakeBucket("b");

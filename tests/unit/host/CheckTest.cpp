@@ -37,7 +37,7 @@ TEST_F(CheckTest, AWholeStoreHasNoFindings) {
   AddPart(1, "task", "p", Store("test"));
   AddObject(2, "with-picture", PictureUrl(StorePicture("jpeg")), 4);
   EXPECT_EQ(Check(false), kExitDone);
-  EXPECT_EQ(output_, "check: 3 rows, 3 stored files, 0 orphans (0 bytes), 0 freed, 0 damaged\n");
+  EXPECT_EQ(output_, "check: 3 rows, 3 stored files, 0 orphans (0 bytes), 0 freed, 0 damaged, 0 kept (0 bytes)\n");
 }
 
 TEST_F(CheckTest, OrphansAreListedAndFreedOnlyByRepair) {
@@ -111,6 +111,43 @@ TEST_F(CheckTest, SizesBeyondTwoGibibytesAreUnderstood) {
   ASSERT_EQ(store_->SaveAt(name, 0xFFFFFFFEULL, "x", 1), EStoreResult::kDone);
   AddObject(1, "big", LocationText(name), -1);  // 4 GiB - 1 as the catalogue keeps it
   EXPECT_EQ(Check(false), kExitDone) << output_;
+}
+
+TEST_F(CheckTest, BytesWhoseTimeHasNotComeAreKeptEvenByARepair) {
+  AddBigObject();
+  const std::string replaced = Store("replaced");
+  const std::string removed = Store("removed");
+  const std::string abandoned = Store("abandoned");
+  AddObject(2, "replaced", replaced, 8);
+  AddObject(3, "removed", removed, 7);
+  AddPart(1, "task", "p", abandoned);
+  Run("UPDATE platform.local_object SET url = '" + Store("new") + "', size = 3 WHERE id = 2");
+  Run("DELETE FROM platform.local_object WHERE id = 3");
+  Run("DELETE FROM platform.local_object_task");
+  for (const bool repair : {false, true}) {
+    EXPECT_EQ(Check(repair, true), kExitDone) << output_;
+    EXPECT_THAT(output_, HasSubstr("kept " + FilePath(NameOf(replaced)) + " 8\n"));
+    EXPECT_THAT(output_, HasSubstr("0 orphans (0 bytes), 0 freed, 0 damaged, 3 kept (24 bytes)\n"));
+    EXPECT_TRUE(IsStored(replaced) && IsStored(removed) && IsStored(abandoned));
+  }
+}
+
+TEST_F(CheckTest, WhatARunningServerFreesMeanwhileIsNoFinding) {
+  AddBigObject();
+  const std::string freed = Store("freed");
+  AddObject(2, "replaced", freed, 5);
+  Run("DELETE FROM platform.local_object WHERE id = 2");
+  int asked = 0;
+  CheckOptions options;
+  options.unfinished = [&](std::vector<StoredName>&) {
+    if (++asked == 2) {
+      store_->Remove(NameOf(freed));
+      Run("DELETE FROM platform.released_bytes");
+    }
+    return true;
+  };
+  EXPECT_EQ(Check(options), kExitDone) << output_;
+  EXPECT_THAT(output_, HasSubstr("0 orphans (0 bytes), 0 freed, 0 damaged, 0 kept (0 bytes)\n"));
 }
 
 TEST_F(CheckTest, WithoutTheCatalogueNothingIsAnOrphan) {
