@@ -83,6 +83,23 @@ void CloseAgain() {
   throw CStartFailure(kExitFailed, what + " cannot be opened: " + (reason.empty() ? "see the log" : reason));
 }
 
+// The ports of one server, as the options name them; 0 means that there is no such listener.
+struct ServerPorts {
+  bool has_wan = false;
+  std::uint16_t plain = 0;
+  std::uint16_t wan = 0;
+  std::uint16_t https = 0;
+  std::uint16_t wan_https = 0;
+};
+
+void SetPorts(CloudStorage::StorageServerConfig_V1& config, const ServerPorts& ports) {
+  config.wan_enable = ports.has_wan;
+  config.upload_port = config.download_port = ports.plain;
+  config.wan_port = config.wan_download_port = ports.wan;
+  config.https_port = config.https_download_port = ports.https;
+  config.https_wan_port = config.https_wan_download_port = ports.wan_https;
+}
+
 std::string ListenerText(const HostOptions& options, std::uint16_t port, std::uint16_t https_port) {
   const std::string host = UrlHost(options.local_ip);
   std::string text = "http://" + host + ":" + std::to_string(port);
@@ -256,11 +273,8 @@ CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& c
 }
 
 void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const {
-  config.wan_enable = options_.HasWanObjects();
-  config.upload_port = config.download_port = options_.object_port;
-  config.wan_port = config.wan_download_port = options_.wan_object_port;
-  config.https_port = config.https_download_port = options_.object_https_port;
-  config.https_wan_port = config.https_wan_download_port = options_.wan_object_https_port;
+  details::SetPorts(config, {options_.HasWanObjects(), options_.object_port, options_.wan_object_port,
+                             options_.object_https_port, options_.wan_object_https_port});
   const auto factory = MakeFactory(database_file_);
   const CloudStorage::StorageServerConfig& plain = config;
   const int result = options_.object_https_port == 0 ? CloudStorage::InitObjectServer(plain, factory)
@@ -276,11 +290,8 @@ void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) con
 }
 
 void CServer::StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const {
-  config.wan_enable = options_.HasWanPictures();
-  config.upload_port = config.download_port = options_.picture_port;
-  config.wan_port = config.wan_download_port = options_.wan_picture_port;
-  config.https_port = config.https_download_port = options_.picture_https_port;
-  config.https_wan_port = config.https_wan_download_port = options_.wan_picture_https_port;
+  details::SetPorts(config, {options_.HasWanPictures(), options_.picture_port, options_.wan_picture_port,
+                             options_.picture_https_port, options_.wan_picture_https_port});
   const CloudStorage::StorageServerConfig& plain = config;
   const int result =
       options_.picture_https_port == 0 ? CloudStorage::InitPicServer(plain) : CloudStorage::InitPicServer(config);

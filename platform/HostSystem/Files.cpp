@@ -3,16 +3,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <system_error>
 #include <utility>
 
-namespace HostSystem::details {
-
+namespace HostSystem {
+namespace details {
 namespace {
 
 constexpr std::size_t kReadAtOnce = std::size_t{64} * 1024;
 
-}  // namespace
-
+// Takes memory for what the file holds, whatever the limit.
 int ReadAll(IFile& file, std::size_t limit, std::string& content) {
   std::string buffer;
   for (std::size_t done = 1; done > 0;) {
@@ -30,6 +30,8 @@ int ReadAll(IFile& file, std::size_t limit, std::string& content) {
   return 0;
 }
 
+// Writes another file beside the one of this name, makes it durable and gives it the name. After a failure the file is
+// as it was before.
 int ReplaceIn(IFolder& folder, const std::string& name, const std::string& content) {
   const std::string temporary = name + ".new";
   folder.Remove(temporary);  // a crash may have left one
@@ -53,4 +55,24 @@ int ReplaceIn(IFolder& folder, const std::string& name, const std::string& conte
   return folder.Sync();
 }
 
-}  // namespace HostSystem::details
+}  // namespace
+}  // namespace details
+
+int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
+  std::unique_ptr<IFile> file;
+  const int error = details::OpenPath(path, file);
+  return error != 0 ? error : details::ReadAll(*file, limit, content);
+}
+
+int ReplaceFile(const std::string& path, const std::string& content) {
+  const details::FilePlace place = details::FindPlace(path);
+  int error = 0;
+  const std::unique_ptr<IFolder> folder = OpenFolder(place.folder, error);
+  return folder == nullptr ? error : details::ReplaceIn(*folder, place.name, content);
+}
+
+std::string ErrorText(int error) {
+  return std::generic_category().message(error);
+}
+
+}  // namespace HostSystem

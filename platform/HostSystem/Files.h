@@ -90,12 +90,17 @@ bool IsNoSpace(int error);
 
 namespace details {
 
-// What is left of ReadWholeFile once the file is open, the same on every system. Takes memory for what the file holds,
-// whatever the limit.
-int ReadAll(IFile& file, std::size_t limit, std::string& content);
-// The steps of ReplaceFile, the same on every system, for a file of an open folder: writes another file beside it,
-// makes that durable, and gives it the name. 0, or errno; the file is then as it was before.
-int ReplaceIn(IFolder& folder, const std::string& name, const std::string& content);
+// The steps of ReadWholeFile and ReplaceFile that differ from system to system.
+
+// Opens a file by its path, which may lead through links.
+int OpenPath(const std::string& path, std::unique_ptr<IFile>& file);
+
+struct FilePlace {
+  std::string folder;
+  std::string name;
+};
+// Finds the file behind a path that may be a link, or the path itself when nothing is there yet.
+FilePlace FindPlace(const std::string& path);
 
 }  // namespace details
 }  // namespace HostSystem

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <limits>
 
+#include "TansyNet/HttpServer.h"
+
 namespace Tansy::CloudStorage {
 
 namespace details {
@@ -118,6 +120,11 @@ bool CheckHMACResult(const std::string& text, const std::string& sk, const std::
   // An empty expected value means that there is no signature to compare with, so it must not match an empty signature.
   return !expected.empty() && expected.size() == signature.size() &&
          CRYPTO_memcmp(expected.data(), signature.data(), expected.size()) == 0;
+}
+
+void SetRspHeaders(TansyNet::HttpResponse& response, const char* content_type) {
+  response.content_type = content_type;
+  response.headers["Date"] = FormatHttpDate();
 }
 
 }  // namespace Tansy::CloudStorage

@@ -1,4 +1,4 @@
-// Text helpers of the two servers: query text and the check of signatures. It includes Common/, which holds what the
+// Helpers of the two servers: query text, the check of signatures, the headers of answers. It includes Common/, which holds what the
 // clients need too.
 // Threads: all may be called from any thread; nothing throws.
 #ifndef TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
@@ -11,6 +11,10 @@
 
 #include "Common/HttpDate.h"
 #include "Common/Signature.h"
+
+namespace TansyNet {
+struct HttpResponse;
+}
 
 namespace Tansy::CloudStorage {
 
@@ -29,6 +33,9 @@ std::int32_t ParseHttpUrlQuery(std::map<std::string, std::string>& values, const
 std::string Fingerprint(std::string_view text);
 // Returns true when `signature` is that of `text` under `sk`, byte for byte; the comparison takes constant time.
 bool CheckHMACResult(const std::string& text, const std::string& sk, const std::string& signature);
+
+// Gives an answer its content type and its date; every answer has both.
+void SetRspHeaders(TansyNet::HttpResponse& response, const char* content_type);
 
 }  // namespace Tansy::CloudStorage
 

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <system_error>
 
 #include "OpenBeneath.h"
 
@@ -239,13 +238,23 @@ int MakeOneFolder(const std::string& path) {
   return SyncFolderAt(ParentOf(path));
 }
 
-// Gives the file behind a path that may be a link, or the path itself when nothing is there yet.
-std::string ResolveLinks(const std::string& path) {
-  const std::unique_ptr<char, FreeText> resolved(::realpath(path.c_str(), nullptr));
-  return resolved == nullptr ? path : std::string(resolved.get());
+}  // namespace
+
+int OpenPath(const std::string& path, std::unique_ptr<IFile>& file) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor < 0) {
+    return errno;
+  }
+  file = Own<CFile>(descriptor);
+  return 0;
 }
 
-}  // namespace
+FilePlace FindPlace(const std::string& path) {
+  const std::unique_ptr<char, FreeText> resolved(::realpath(path.c_str(), nullptr));
+  const std::string target = resolved == nullptr ? path : resolved.get();
+  return {ParentOf(target), target.substr(target.find_last_of('/') + 1)};
+}
+
 }  // namespace details
 
 std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
@@ -268,27 +277,6 @@ int MakeFolders(const std::string& path) {
     }
   }
   return details::MakeOneFolder(path);
-}
-
-int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    return errno;
-  }
-  details::CFile file(descriptor);
-  return details::ReadAll(file, limit, content);
-}
-
-int ReplaceFile(const std::string& path, const std::string& content) {
-  const std::string target = details::ResolveLinks(path);
-  const std::string folder_path = details::ParentOf(target);
-  const std::string name = target.substr(target.find_last_of('/') + 1);
-  int error = 0;
-  const std::unique_ptr<IFolder> folder = OpenFolder(folder_path, error);
-  if (folder == nullptr) {
-    return error;
-  }
-  return details::ReplaceIn(*folder, name, content);
 }
 
 EPathKind GetPathKind(const std::string& path) {
@@ -324,10 +312,6 @@ std::string AbsolutePath(const std::string& path) {
 
 int ChangeFolder(const std::string& path) {
   return ::chdir(path.c_str()) == 0 ? 0 : errno;
-}
-
-std::string ErrorText(int error) {
-  return std::generic_category().message(error);
 }
 
 bool IsNoSpace(int error) {

@@ -240,6 +240,23 @@ class CFolder final : public IFolder {
 };
 
 }  // namespace
+
+int OpenPath(const std::string& path, std::unique_ptr<IFile>& file) {
+  const HANDLE handle = ::CreateFileW(FromUtf8(path).c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return LastErrno();
+  }
+  file = Own<CFile>(handle);
+  return 0;
+}
+
+FilePlace FindPlace(const std::string& path) {
+  std::error_code ignored;
+  const std::filesystem::path target = std::filesystem::weakly_canonical(FromUtf8(path), ignored);
+  return {ToUtf8(target.parent_path()), ToUtf8(target.filename())};
+}
+
 }  // namespace details
 
 std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
@@ -261,27 +278,6 @@ int MakeFolders(const std::string& path) {
     return ToErrno(static_cast<unsigned long>(error.value()));
   }
   return GetPathKind(path) == EPathKind::kFolder ? 0 : EEXIST;
-}
-
-int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
-  const HANDLE handle = ::CreateFileW(details::FromUtf8(path).c_str(), GENERIC_READ, details::kShareAll, nullptr,
-                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) {
-    return LastErrno();
-  }
-  details::CFile file(handle);
-  return details::ReadAll(file, limit, content);
-}
-
-int ReplaceFile(const std::string& path, const std::string& content) {
-  std::error_code ignored;
-  std::filesystem::path target = std::filesystem::weakly_canonical(details::FromUtf8(path), ignored);
-  int error = 0;
-  const std::unique_ptr<IFolder> folder = OpenFolder(details::ToUtf8(target.parent_path()), error);
-  if (folder == nullptr) {
-    return error;
-  }
-  return details::ReplaceIn(*folder, details::ToUtf8(target.filename()), content);
 }
 
 EPathKind GetPathKind(const std::string& path) {
@@ -309,10 +305,6 @@ std::string AbsolutePath(const std::string& path) {
 
 int ChangeFolder(const std::string& path) {
   return ::SetCurrentDirectoryW(details::FromUtf8(path).c_str()) ? 0 : LastErrno();
-}
-
-std::string ErrorText(int error) {
-  return std::generic_category().message(error);
 }
 
 bool IsNoSpace(int error) {

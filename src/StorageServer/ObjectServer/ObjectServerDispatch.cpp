@@ -9,6 +9,7 @@
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerTasks.h"
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
+#include "StorageServer/ServerComm.h"
 #include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {

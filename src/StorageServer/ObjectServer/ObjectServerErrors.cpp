@@ -50,11 +50,6 @@ ErrorRow FindError(int code) {
 }  // namespace
 }  // namespace details
 
-void SetRspHeaders(TansyNet::HttpResponse& response, const char* content_type) {
-  response.content_type = content_type;
-  response.headers["Date"] = FormatHttpDate();
-}
-
 void BuildErrorRsp(TansyNet::HttpResponse& response, std::string& body, int code) {
   const details::ErrorRow error = details::FindError(code);
   TansyProto::CXmlProto xml;

@@ -36,9 +36,6 @@ inline constexpr const char* kXmlContentType = "application/xml; charset=utf-8";
 // The content type of downloads.
 inline constexpr const char* kBytesContentType = "application/octet-stream; charset=utf-8";
 
-// Gives an answer its content type and its date; every answer has both.
-void SetRspHeaders(TansyNet::HttpResponse& response, const char* content_type);
-
 // Makes `response` and `body` the answer for an error.
 void BuildErrorRsp(TansyNet::HttpResponse& response, std::string& body, int code);
 

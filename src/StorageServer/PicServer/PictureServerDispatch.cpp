@@ -9,6 +9,7 @@
 #include "StorageServer/PicServer/PictureMsgTask.h"
 #include "StorageServer/PicServer/PictureServer.h"
 #include "StorageServer/PicServer/PictureServerErrors.h"
+#include "StorageServer/ServerComm.h"
 #include "StorageServer/ServerMsgLoop.h"
 
 namespace Tansy::CloudStorage {
@@ -69,7 +70,7 @@ int CPictureServer::SendPicMsgRsp(std::int32_t handle, const HttpResponse& respo
 
 int CPictureServer::AnswerJson(std::int32_t handle, const std::string& body) {
   HttpResponse response;
-  SetPicRspHeaders(response, kJsonContentType);
+  SetRspHeaders(response, kJsonContentType);
   return SendPicMsgRsp(handle, response, body);
 }
 

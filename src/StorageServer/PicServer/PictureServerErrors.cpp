@@ -42,11 +42,6 @@ constexpr std::array kPictureErrors = {
 }  // namespace
 }  // namespace details
 
-void SetPicRspHeaders(TansyNet::HttpResponse& response, const char* content_type) {
-  response.content_type = content_type;
-  response.headers["Date"] = FormatHttpDate();
-}
-
 void BuildPicErrorRsp(TansyNet::HttpResponse& response, std::string& body, int code) {
   std::string message;
   const auto row = std::find_if(details::kPictureErrors.begin(), details::kPictureErrors.end(),
@@ -57,7 +52,7 @@ void BuildPicErrorRsp(TansyNet::HttpResponse& response, std::string& body, int c
   }
   // The body is written as text, because a JSON document would take the GBK bytes for broken UTF-8.
   body = R"({"ErrorCode": )" + std::to_string(code) + R"(, "Message": ")" + message + R"("})";
-  SetPicRspHeaders(response, kJsonContentType);
+  SetRspHeaders(response, kJsonContentType);
 }
 
 }  // namespace Tansy::CloudStorage

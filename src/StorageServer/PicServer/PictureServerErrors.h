@@ -34,9 +34,6 @@ enum PictureError : int {
 // The content type of every JSON answer. Errors have it too, although their messages are GBK.
 inline constexpr const char* kJsonContentType = "text/json; charset=utf-8";
 
-// Gives an answer its content type and its date.
-void SetPicRspHeaders(TansyNet::HttpResponse& response, const char* content_type);
-
 // Makes `response` and `body` the answer for an error. A code without a row in the table leaves the status as it is and
 // has no message.
 void BuildPicErrorRsp(TansyNet::HttpResponse& response, std::string& body, int code);

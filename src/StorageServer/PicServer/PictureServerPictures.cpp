@@ -6,6 +6,7 @@
 #include "StorageServer/HostBuffer.h"
 #include "StorageServer/PicServer/PictureServer.h"
 #include "StorageServer/PicServer/PictureServerErrors.h"
+#include "StorageServer/ServerComm.h"
 #include "TansyProto/RapidJsonProto.h"
 
 namespace Tansy::CloudStorage {
@@ -120,7 +121,7 @@ int CPictureServer::HandleDownloadPicture(std::int32_t handle, const HttpServerR
     return AnswerError(handle, kPicStorageResource);
   }
   HttpResponse response;
-  SetPicRspHeaders(response, details::kPictureContentType);
+  SetRspHeaders(response, details::kPictureContentType);
   // Without a buffer there are no bytes, whatever the size says, so the body is empty.
   return SendPicMsgRsp(handle, response,
                        buffer.data ? std::string_view(buffer.data.get(), buffer.size) : std::string_view(""));

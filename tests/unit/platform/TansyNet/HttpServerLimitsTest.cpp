@@ -54,6 +54,15 @@ class HttpServerLimit : public ServerFixture {
     EXPECT_TRUE(client.WaitForEnd());
   }
 
+  // Sends the same few bytes again and again, much more often than the limits ask for, until the client is refused.
+  static std::jthread Drip(CRawClient& client, std::string bytes) {
+    return std::jthread([&client, bytes = std::move(bytes)](const std::stop_token& stop) {
+      while (!stop.stop_requested() && client.TrySend(bytes)) {
+        std::this_thread::sleep_for(milliseconds(kShortMs / 10));
+      }
+    });
+  }
+
   steady_clock::time_point begin_;
 };
 
@@ -82,11 +91,7 @@ TEST_F(HttpServerLimit, HeaderTimeIsNotProlongedByProgress) {
   StartWith({.header_timeout_ms = kShortMs});
   CRawClient client(Port());
   client.Send("GET / HTTP/1.1\r\n");
-  std::jthread drip([&](const std::stop_token& stop) {
-    while (!stop.stop_requested() && client.TrySend("A: b\r\n")) {
-      std::this_thread::sleep_for(milliseconds(20));
-    }
-  });
+  const std::jthread dripping = Drip(client, "A: b\r\n");
   EXPECT_EQ(client.ReadReply().status, 408);
   ExpectAtLeastTheLimit();
   EXPECT_LT(steady_clock::now() - begin_, std::chrono::seconds(10));
@@ -398,11 +403,7 @@ TEST_F(HttpServerLimit, ABodyThatNobodyCheckedHasATimeInAll) {
   StartWith({.body_timeout_ms = 60000, .unchecked_body_timeout_ms = kShortMs, .least_bytes_per_second = 1000000});
   CRawClient client(Port());
   client.Send("POST / HTTP/1.1\r\nContent-Length: 1000\r\n\r\n");
-  std::jthread dripping([&](const std::stop_token& stop) {
-    while (!stop.stop_requested() && client.TrySend("x")) {
-      std::this_thread::sleep_for(milliseconds(kShortMs / 10));
-    }
-  });
+  const std::jthread dripping = Drip(client, "x");
   EXPECT_EQ(client.ReadReply().status, 408);
   ExpectAtLeastTheLimit();
 }
@@ -426,11 +427,7 @@ TEST_F(HttpServerLimit, ABodyInChunksThatDripsHasATimeInAll) {
   StartWith({.body_timeout_ms = 60000, .unchecked_body_timeout_ms = kShortMs, .least_bytes_per_second = 1000000});
   CRawClient client(Port());
   client.Send("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n");
-  std::jthread dripping([&](const std::stop_token& stop) {
-    while (!stop.stop_requested() && client.TrySend("1\r\nx\r\n")) {
-      std::this_thread::sleep_for(milliseconds(kShortMs / 10));
-    }
-  });
+  const std::jthread dripping = Drip(client, "1\r\nx\r\n");
   EXPECT_EQ(client.ReadReply().status, 408);
   ExpectAtLeastTheLimit();
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "StorageServer/ServerComm.h"
 #include "TansyNet/HttpServer.h"
 #include "fakes/ManualClock.h"
 
