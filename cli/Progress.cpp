@@ -91,13 +91,6 @@ void CProgress::Update(std::size_t number, std::uint64_t bytes) {
   transfers_[number].bytes = bytes;
 }
 
-void CProgress::UpdatePercent(std::size_t number, int percent) {
-  const std::lock_guard lock(mutex_);
-  Transfer& transfer = transfers_[number];
-  transfer.bytes = transfer.total / 100 * static_cast<std::uint64_t>(percent) +
-                   transfer.total % 100 * static_cast<std::uint64_t>(percent) / 100;
-}
-
 void CProgress::Finish(std::size_t number) {
   const std::lock_guard lock(mutex_);
   transfers_[number].bytes = std::max(transfers_[number].bytes, transfers_[number].total);

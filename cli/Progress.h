@@ -40,7 +40,6 @@ class CProgress {
   // Announces a transfer and returns its number. `total` is 0 when it is not known.
   std::size_t Add(const std::string& name, std::uint64_t total);
   void Update(std::size_t number, std::uint64_t bytes);
-  void UpdatePercent(std::size_t number, int percent);
   void Finish(std::size_t number);
 
  private:
