@@ -257,7 +257,7 @@ class CFailingDatabase {
   }
 
  private:
-  const fakes::CTempFolder folder_;
+  const CTempFolder folder_;
   const std::shared_ptr<CDatabaseScript> script_ = std::make_shared<CDatabaseScript>();
   std::mutex direct_mutex_;
   std::unique_ptr<db_layer::CConnect> direct_;

@@ -11,7 +11,7 @@
 
 #include "HostSystem/Files.h"
 
-namespace fakes {
+namespace Tansy::Tests {
 
 // A file system in memory that remembers what has reached the disk: bytes only by IFile::Sync, names only by
 // IFolder::Sync of the folder that holds them. Cut() forgets everything else, as the worst power failure would.
@@ -195,6 +195,8 @@ class CPowerCutFolder final : public HostSystem::IFolder {
   std::shared_ptr<PowerCutPlan> plan_;
 };
 
-}  // namespace fakes
+}  // namespace Tansy::Tests
+
+namespace fakes = Tansy::Tests;
 
 #endif  // TANSY_TESTS_FAKES_POWER_CUT_FOLDER_H

@@ -6,7 +6,7 @@
 #include <random>
 #include <string>
 
-namespace fakes {
+namespace Tansy::Tests {
 
 // Bytes that are the same for the same seed, differ with the seed, and do not repeat within any length that matters: a
 // piece that ends up in the wrong place is noticed.
@@ -21,6 +21,8 @@ inline std::string RandomBytes(std::size_t size, std::uint64_t seed = 1) {
   return bytes;
 }
 
-}  // namespace fakes
+}  // namespace Tansy::Tests
+
+namespace fakes = Tansy::Tests;
 
 #endif  // TANSY_TESTS_FAKES_RANDOM_BYTES_H

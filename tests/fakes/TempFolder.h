@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace fakes {
+namespace Tansy::Tests {
 
 // All bytes of a file; "" when there is none.
 inline std::string ReadFile(const std::string& path) {
@@ -55,6 +55,8 @@ class CTempFolder {
   std::string path_;
 };
 
-}  // namespace fakes
+}  // namespace Tansy::Tests
+
+namespace fakes = Tansy::Tests;
 
 #endif  // TANSY_TESTS_FAKES_TEMP_FOLDER_H

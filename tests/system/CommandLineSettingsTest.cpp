@@ -340,7 +340,7 @@ class CommandLineCompletionTest : public CommandLineHelpTest {
     return {lines.begin(), lines.end()};
   }
 
-  fakes::CTempFolder folder_;
+  Tansy::Tests::CTempFolder folder_;
 };
 
 TEST_F(CommandLineCompletionTest, OffersWhatCanFollow) {

@@ -30,7 +30,7 @@ class TansydTest : public testing::Test {
   void Put(const std::string& target, const std::string& body);
   std::string Get(const std::string& target);
 
-  fakes::CTempFolder temp_;
+  Tansy::Tests::CTempFolder temp_;
   CTansyd server_;
 };
 
@@ -52,7 +52,7 @@ std::string ErrorXml(const std::string& word);
 // Status and error word, for one comparison: "403 AccessDenied"; "200" for success.
 std::string Outcome(const Reply& reply);
 
-using fakes::RandomBytes;
+using Tansy::Tests::RandomBytes;
 
 // Regular files below a folder, at any depth; 0 for one that is missing.
 std::size_t CountFiles(const std::string& folder);

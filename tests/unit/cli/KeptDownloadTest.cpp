@@ -24,7 +24,7 @@ class KeptDownloadTest : public testing::Test {
     return there;
   }
 
-  fakes::CTempFolder folder_;
+  Tests::CTempFolder folder_;
   const DownloadIdentity identity_{"http://h:1/b/k", "0-10", {10, "\"v1\""}};
   std::string note_;
 };

@@ -56,7 +56,7 @@ class PartialFileTest : public testing::Test {
     }
   }
 
-  fakes::CTempFolder folder_;
+  Tests::CTempFolder folder_;
 };
 
 TEST_F(PartialFileTest, AppearsWhenItIsComplete) {
@@ -117,7 +117,7 @@ TEST_F(PartialFileTest, SaysWhereItCannotBe) {
 
 // Ends the writing for the whole process, so it happens in one of its own.
 TEST(PartialFileDeathTest, RemovesWhatIsHalfWritten) {
-  fakes::CTempFolder folder;
+  Tests::CTempFolder folder;
   EXPECT_EXIT(
       {
         CPartialFile file(folder.Path("target"));

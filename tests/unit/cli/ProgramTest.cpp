@@ -187,7 +187,7 @@ class ProgramTest : public testing::Test {
 
   CFakeObjectServer objects_;
   Tests::ScriptedServer server_;
-  fakes::CTempFolder folder_;
+  Tests::CTempFolder folder_;
   std::string address_ = server_.Address();
 };
 
@@ -503,7 +503,7 @@ constexpr auto kDenied = [](ScriptedAnswer) {
 };
 
 TEST_F(ProgramTest, GoesOnWhereTheConnectionBroke) {
-  const std::string content = fakes::RandomBytes(700000, 1);
+  const std::string content = Tests::RandomBytes(700000, 1);
   objects_.Put("/photos/film", content);
   for (const char* command : {"get /photos/film -", "cat /photos/film", "get /photos/film copy"}) {
     server_.ClearRequests();
@@ -518,13 +518,13 @@ TEST_F(ProgramTest, GoesOnWhereTheConnectionBroke) {
 }
 
 TEST_F(ProgramTest, RefusesTheRestOfAnotherVersion) {
-  const std::string before = fakes::RandomBytes(700000, 1);
+  const std::string before = Tests::RandomBytes(700000, 1);
   for (const char* command : {"get /photos/film", "cat /photos/film", "get /photos/film -"}) {
     objects_.Put("/photos/film", before);
     folder_.Write("film", "old");
     Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
     Spoil("GET /photos/film", [this](ScriptedAnswer answer) {
-      objects_.Put("/photos/film", fakes::RandomBytes(700000, 2));  // of the same size
+      objects_.Put("/photos/film", Tests::RandomBytes(700000, 2));  // of the same size
       return kCutLate(std::move(answer));
     });
     const Ended ended = Run(command);
@@ -537,7 +537,7 @@ TEST_F(ProgramTest, RefusesTheRestOfAnotherVersion) {
 }
 
 TEST_F(ProgramTest, ResumesADownload) {
-  const std::string content = fakes::RandomBytes(900000, 1);
+  const std::string content = Tests::RandomBytes(900000, 1);
   objects_.Put("/photos/film", content);
   Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
   Spoil("GET /photos/film", kCutLate);
@@ -555,9 +555,9 @@ TEST_F(ProgramTest, ResumesADownload) {
 }
 
 TEST_F(ProgramTest, StartsOverWhenAResumedObjectHasChanged) {
-  const std::string now = fakes::RandomBytes(900000, 2);
+  const std::string now = Tests::RandomBytes(900000, 2);
   const auto break_off = [this](const std::string& command) {
-    objects_.Put("/photos/film", fakes::RandomBytes(900000, 1));
+    objects_.Put("/photos/film", Tests::RandomBytes(900000, 1));
     Spoil("GET /photos/film?metadata", [](ScriptedAnswer answer) { return answer; });
     Spoil("GET /photos/film", kCutLate);
     Spoil("GET /photos/film", kDenied);
@@ -580,7 +580,7 @@ TEST_F(ProgramTest, StartsOverWhenAResumedObjectHasChanged) {
   std::filesystem::resize_file(folder_.Path(".tansy-short.part"), 1000);
   ended = Run("get --resume /photos/film short");
   EXPECT_EQ(ended.err, "note: short: the bytes that were kept are not as they were; the download starts over\n");
-  EXPECT_TRUE(folder_.Read("short") == fakes::RandomBytes(900000, 1));
+  EXPECT_TRUE(folder_.Read("short") == Tests::RandomBytes(900000, 1));
 }
 
 // ---- uploads on a bad connection
@@ -591,7 +591,7 @@ class UploadTest : public ProgramTest {
 
   UploadTest() { folder_.Write("film", content_); }
 
-  const std::string content_ = fakes::RandomBytes(kSize, 3);
+  const std::string content_ = Tests::RandomBytes(kSize, 3);
   std::atomic<int> completions_{0};
 };
 

@@ -48,7 +48,7 @@ class SettingsTest : public testing::Test {
   void MakeConfig(const std::string& content) { folder_.Write("config/tansy/config.toml", content); }
 
   const std::filesystem::path before_ = std::filesystem::current_path();
-  fakes::CTempFolder folder_;
+  Tests::CTempFolder folder_;
   Globals globals_;
   std::map<std::string, std::string> environment_;
 };

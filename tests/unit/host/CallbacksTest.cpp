@@ -80,7 +80,7 @@ class CallbacksTest : public testing::Test {
     return bytes;
   }
 
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   CloudStorage::StorageServerConfig config_;
 };
 

@@ -78,7 +78,7 @@ class CatalogueFixture : public testing::Test {
   bool IsStored(const std::string& url) { return IsStored(NameOf(url)); }
 
   std::filesystem::path started_in_ = std::filesystem::current_path();
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   std::unique_ptr<IObjectStore> store_;
 };
 

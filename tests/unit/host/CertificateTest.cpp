@@ -30,7 +30,7 @@ X509Owner Parse(const std::string& pem) {
 
 class CertificateTest : public testing::Test {
  protected:
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   std::string path_ = temp_.Path("META_INFO/DefaultCert/A-server");
 };
 
@@ -77,7 +77,7 @@ TEST_F(CertificateTest, OneFileWithBothWillDo) {
   MakeCertificateIfMissing(path_, {});
   const std::string both =
       temp_.Read("META_INFO/DefaultCert/A-server.crt") + temp_.Read("META_INFO/DefaultCert/A-server.key");
-  fakes::CTempFolder other;
+  Tests::CTempFolder other;
   other.Write("A-server", both);
   EXPECT_FALSE(MakeCertificateIfMissing(other.Path("A-server"), {}));
   EXPECT_EQ(CheckCertificate(other.Path("A-server")), "");
@@ -86,7 +86,7 @@ TEST_F(CertificateTest, OneFileWithBothWillDo) {
 TEST_F(CertificateTest, AKeyAloneIsTheRestOfACrashAndIsGoneOnWith) {
   MakeCertificateIfMissing(path_, {});
   const std::string key = temp_.Read("META_INFO/DefaultCert/A-server.key");
-  fakes::CTempFolder other;
+  Tests::CTempFolder other;
   other.Write("A-server.key", key);
   EXPECT_TRUE(MakeCertificateIfMissing(other.Path("A-server"), {}));
   EXPECT_EQ(other.Read("A-server.key"), key);
@@ -96,7 +96,7 @@ TEST_F(CertificateTest, AKeyAloneIsTheRestOfACrashAndIsGoneOnWith) {
 TEST_F(CertificateTest, BrokenPairsAreToldApart) {
   MakeCertificateIfMissing(path_, {});
   const std::string certificate = temp_.Read("META_INFO/DefaultCert/A-server.crt");
-  fakes::CTempFolder other;
+  Tests::CTempFolder other;
   MakeCertificateIfMissing(other.Path("A-server"), {});
   const std::string foreign_key = other.Read("A-server.key");
 

@@ -26,7 +26,7 @@ class CredentialsTest : public testing::Test {
     return settings;
   }
 
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   std::string path_ = temp_.Path("tansyd.toml");
   bool created_ = false;
 };
@@ -67,7 +67,7 @@ TEST_F(CredentialsTest, OtherwiseARandomPairIsMadeAndKept) {
   EXPECT_EQ(again.access_key, pair.access_key);
   EXPECT_EQ(again.secret_key, pair.secret_key);
 
-  fakes::CTempFolder other;
+  Tests::CTempFolder other;
   EXPECT_NE(ObtainCredentials({}, other.Path("s"), created_).secret_key, pair.secret_key);
 }
 

@@ -28,7 +28,7 @@ class DataFolderTest : public testing::Test {
   }
 
   std::filesystem::path started_in_ = std::filesystem::current_path();
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
 };
 
 TEST_F(DataFolderTest, IsMadeAndEntered) {

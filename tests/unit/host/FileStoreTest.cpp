@@ -40,7 +40,7 @@ class FileStoreTest : public testing::TestWithParam<bool> {
     return store_->SaveAt(name, offset, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
   }
 
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   std::unique_ptr<IObjectStore> store_ = OpenFileStore(temp_.Path("objects"), GetParam());
 };
 
@@ -249,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(FullAndFast, FileStoreTest, testing::Bool(),
                          [](const auto& item) { return item.param ? "Full" : "Fast"; });
 
 TEST(OpenFileStoreTest, AFolderThatCannotBeMadeIsAFailure) {
-  fakes::CTempFolder temp;
+  Tests::CTempFolder temp;
   temp.Write("file", "");
   EXPECT_THROW(OpenFileStore(temp.Path("file"), true), CStartFailure);
 }
@@ -261,20 +261,20 @@ class PowerCutTest : public testing::Test {
 
   // The store as the next start finds it.
   void Reopen() {
-    plan_ = std::make_shared<fakes::PowerCutPlan>();
-    store_ = std::make_unique<CFileStore>(std::make_unique<fakes::CPowerCutFolder>(root_, plan_), true);
+    plan_ = std::make_shared<Tests::PowerCutPlan>();
+    store_ = std::make_unique<CFileStore>(std::make_unique<Tests::CPowerCutFolder>(root_, plan_), true);
   }
   void CutPower() {
     root_->Cut();
     Reopen();
   }
 
-  std::shared_ptr<fakes::PowerCutNode> root_ = [] {
-    auto node = std::make_shared<fakes::PowerCutNode>();
+  std::shared_ptr<Tests::PowerCutNode> root_ = [] {
+    auto node = std::make_shared<Tests::PowerCutNode>();
     node->is_folder = true;
     return node;
   }();
-  std::shared_ptr<fakes::PowerCutPlan> plan_;
+  std::shared_ptr<Tests::PowerCutPlan> plan_;
   std::unique_ptr<CFileStore> store_;
 };
 

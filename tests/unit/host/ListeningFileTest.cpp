@@ -15,7 +15,7 @@ class ListeningFileTest : public testing::Test {
   ~ListeningFileTest() override { std::filesystem::current_path(started_in_); }
 
   const std::filesystem::path started_in_ = std::filesystem::current_path();
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
 };
 
 TEST_F(ListeningFileTest, HoldsThePorts) {

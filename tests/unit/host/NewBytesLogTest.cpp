@@ -55,7 +55,7 @@ class NewBytesLogTest : public testing::Test {
   }
 
   Tests::CManualClock clock_;
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   std::unique_ptr<HostSystem::IFolder> root_;
   std::unique_ptr<CNewBytesLog> log_;
 };
@@ -120,9 +120,9 @@ TEST_F(NewBytesLogTest, PagesGoWhenAllTheirNamesAreForgotten) {
 }
 
 TEST(NewBytesLogPowerTest, ATurnedPageSurvivesAPowerCut) {
-  const auto node = std::make_shared<fakes::PowerCutNode>();
+  const auto node = std::make_shared<Tests::PowerCutNode>();
   node->is_folder = true;
-  fakes::CPowerCutFolder root(node, std::make_shared<fakes::PowerCutPlan>());
+  Tests::CPowerCutFolder root(node, std::make_shared<Tests::PowerCutPlan>());
   CNewBytesLog log(root);
   ASSERT_EQ(log.Add(Name('a')), 0);
   log.TurnPage();

@@ -65,7 +65,7 @@ class SchemaTest : public testing::Test {
     return "";
   }
 
-  fakes::CTempFolder temp_;
+  Tests::CTempFolder temp_;
   std::string file_ = temp_.Path("catalogue.db");
 };
 

@@ -70,7 +70,7 @@ TEST(SettingsTest, OnlyAFileOutsideTheDataFolderMayNameIt) {
 }
 
 TEST(SettingsTest, AMissingFileIsNoFailureAndAFolderIsOne) {
-  const fakes::CTempFolder temp;
+  const Tests::CTempFolder temp;
   Settings settings;
   EXPECT_FALSE(ReadSettings(temp.Path("none"), false, settings));
   EXPECT_THROW(ReadSettings(temp.GetPath(), false, settings), CStartFailure);

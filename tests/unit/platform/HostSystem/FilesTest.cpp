@@ -32,7 +32,7 @@ class FilesTest : public testing::Test {
     return bytes.substr(0, done);
   }
 
-  fakes::CTempFolder temp_;
+  Tansy::Tests::CTempFolder temp_;
   std::unique_ptr<IFolder> folder_;
 };
 
@@ -92,7 +92,7 @@ TEST_F(FilesTest, NamesThatLeaveTheFolderAreInvalid) {
 }
 
 TEST_F(FilesTest, LinksAreNotFollowedAnywhereOnTheWay) {
-  fakes::CTempFolder outside;
+  Tansy::Tests::CTempFolder outside;
   outside.Write("deep/secret", "secret");
   std::filesystem::create_symlink(outside.Path("deep/secret"), temp_.Path("file-link"));
   std::filesystem::create_symlink(outside.Path("deep"), temp_.Path("folder-link"));
@@ -107,7 +107,7 @@ TEST_F(FilesTest, LinksAreNotFollowedAnywhereOnTheWay) {
 }
 
 TEST_F(FilesTest, TheFolderItselfMayBeALink) {
-  fakes::CTempFolder other;
+  Tansy::Tests::CTempFolder other;
   std::filesystem::create_symlink(temp_.GetPath(), other.Path("link"));
   temp_.Write("a", "x");
   int error = 0;

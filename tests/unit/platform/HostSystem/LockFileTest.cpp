@@ -15,7 +15,7 @@ namespace HostSystem {
 namespace {
 
 TEST(LockFileTest, ASecondTakerIsToldBusyUntilTheFirstIsGone) {
-  const fakes::CTempFolder temp;
+  const Tansy::Tests::CTempFolder temp;
   auto first = std::make_unique<CLockFile>();
   EXPECT_EQ(first->Take(temp.Path("lock")), 0);
   EXPECT_TRUE(first->IsTaken());
@@ -28,7 +28,7 @@ TEST(LockFileTest, ASecondTakerIsToldBusyUntilTheFirstIsGone) {
 }
 
 TEST(LockFileTest, TheLockOfAKilledProcessIsFree) {
-  const fakes::CTempFolder temp;
+  const Tansy::Tests::CTempFolder temp;
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -43,7 +43,7 @@ TEST(LockFileTest, TheLockOfAKilledProcessIsFree) {
 }
 
 TEST(LockFileTest, WhoeverOnlyAsksKeepsNobodyFromTakingIt) {
-  const fakes::CTempFolder temp;
+  const Tansy::Tests::CTempFolder temp;
   temp.Write("lock", "");
   std::atomic<bool> done{false};
   std::thread asker([&] {
@@ -62,7 +62,7 @@ TEST(LockFileTest, WhoeverOnlyAsksKeepsNobodyFromTakingIt) {
 }
 
 TEST(LockFileTest, AMissingFolderIsAnError) {
-  const fakes::CTempFolder temp;
+  const Tansy::Tests::CTempFolder temp;
   CLockFile lock;
   EXPECT_EQ(lock.Take(temp.Path("none/lock")), ENOENT);
 }

@@ -31,7 +31,7 @@ class OpenBeneathTest : public testing::TestWithParam<bool> {
     return error;
   }
 
-  fakes::CTempFolder temp_;
+  Tansy::Tests::CTempFolder temp_;
   int folder_ = -1;
 };
 

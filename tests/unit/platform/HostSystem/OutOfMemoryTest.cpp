@@ -41,7 +41,7 @@ class FilesOutOfMemory : public testing::Test {
 
   static constexpr const char* kFolder = "a folder with a long name";
   static constexpr const char* kFile = "a folder with a long name/a file with a long name";
-  const fakes::CTempFolder folder_;
+  const Tansy::Tests::CTempFolder folder_;
   std::unique_ptr<IFolder> opened_;
 };
 

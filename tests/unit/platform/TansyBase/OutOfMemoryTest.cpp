@@ -135,7 +135,7 @@ TEST(SingleBaseThreadOutOfMemory, AStartThatFailedCanBeTriedAgain) {
 }
 
 TEST(LocalFileOutOfMemory, AnOpeningThatFailsLeavesTheFileFree) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   const std::string path = folder.Path("a-file-with-a-name-that-needs-memory");
   FailEachAllocation(
       [&] {

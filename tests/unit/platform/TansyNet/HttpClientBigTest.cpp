@@ -71,7 +71,7 @@ class HttpClientBigTest : public testing::TestWithParam<bool> {
 };
 
 TEST_P(HttpClientBigTest, ABigBodyArrivesWhole) {
-  const std::string body = fakes::RandomBytes(GetParam() ? 24 * 1024 * 1024 : 64 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(GetParam() ? 24 * 1024 * 1024 : 64 * 1024 * 1024);
   server_.Answer("PUT /", {.status = 200});
   server_.Answer("GET /", {.body = body});
   CHttpClientRequest request = Request("/");
@@ -90,7 +90,7 @@ TEST_P(HttpClientBigTest, BodiesOfAwkwardSizesArriveWhole) {
   server_.Handle([](const auto& request) -> ScriptedAnswer { return {.body = request.body}; });
   for (const std::size_t edge : {16 * 1024, 64 * 1024, 256 * 1024, 1024 * 1024}) {
     for (const std::size_t size : {edge - 200, edge - 1, edge, edge + 1}) {
-      const std::string body = fakes::RandomBytes(size);
+      const std::string body = Tansy::Tests::RandomBytes(size);
       CHttpClientRequest request = Request("/echo");
       SetBody(request, body);
       request.method = "GET";  // takes a kept connection at once: what one body left behind would spoil the next
@@ -116,7 +116,7 @@ std::string InChunks(const std::string& body, std::size_t chunk) {
 TEST_P(HttpClientBigTest, PiecesMakeUpTheBodyInEveryFraming) {
   for (const std::size_t size :
        {std::size_t{1}, kPiece - 1, kPiece, kPiece + 1, 2 * kPiece, 2 * kPiece + 1, 5 * kPiece + 3}) {
-    const std::string body = fakes::RandomBytes(size);
+    const std::string body = Tansy::Tests::RandomBytes(size);
     server_.ClearScript();
     server_.Answer("GET /length", {.body = body});
     server_.Answer("GET /chunks", {.raw = InChunks(body, 70001)});
@@ -160,7 +160,7 @@ TEST_P(HttpClientBigTest, AnEmptyBodyIsOneCallWithoutData) {
 }
 
 TEST_P(HttpClientBigTest, AFailureIsTheLastCall) {
-  const std::string body = fakes::RandomBytes(2 * kPiece);
+  const std::string body = Tansy::Tests::RandomBytes(2 * kPiece);
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
   for (const std::size_t cut : {std::size_t{0}, std::size_t{100}, kPiece - 1, kPiece, kPiece + 1, 2 * kPiece - 1}) {
     server_.ClearScript();
@@ -197,14 +197,14 @@ TEST_P(HttpClientBigTest, AFailureBeforeAnyAnswerIsTheOnlyCall) {
 }
 
 TEST_P(HttpClientBigTest, PiecesHaveNoLimitInAll) {
-  server_.Answer("GET /", {.body = fakes::RandomBytes(kPiece)});
+  server_.Answer("GET /", {.body = Tansy::Tests::RandomBytes(kPiece)});
   CHttpClientRequest request = Request("/");
   request.max_body_bytes = 10;
   EXPECT_EQ(Receive(request).front().data.size(), kPiece);
 }
 
 TEST_P(HttpClientBigTest, AnExceptionOfTheCallbackPassesThrough) {
-  server_.Answer("GET /", {.body = fakes::RandomBytes(3 * kPiece)});
+  server_.Answer("GET /", {.body = Tansy::Tests::RandomBytes(3 * kPiece)});
   int calls = 0;
   const auto callback = [&](const CHttpClientResponse&, const char*, unsigned int, HttpClient::Error, bool) {
     ++calls;
@@ -219,7 +219,7 @@ TEST_P(HttpClientBigTest, AnExceptionOfTheCallbackPassesThrough) {
 // A server that refuses a body says so, stops reading and closes; the system then cuts the connection, because the rest
 // of the body lies there unread.
 TEST_P(HttpClientBigTest, ARefusalWhileTheBodyIsSentIsTheAnswer) {
-  const std::string body = fakes::RandomBytes(32 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(32 * 1024 * 1024);
   server_.Answer("PUT /", {.status = 413, .headers = {{"X-Why", "full"}}, .body = "too large", .before_body = true});
   for (int i = 0; i < 20; ++i) {
     CHttpClientRequest request = Request("/");
@@ -235,7 +235,7 @@ TEST_P(HttpClientBigTest, ARefusalWhileTheBodyIsSentIsTheAnswer) {
 }
 
 TEST_P(HttpClientBigTest, ARefusalByAServerThatStopsReadingIsTheAnswer) {
-  const std::string body = fakes::RandomBytes(32 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(32 * 1024 * 1024);
   server_.Answer(
       "PUT /",
       {.on_head = "HTTP/1.1 403 Forbidden\r\nContent-Length: 2\r\n\r\nno", .delay_ms = 60000, .before_body = true});
@@ -251,7 +251,7 @@ TEST_P(HttpClientBigTest, ARefusalByAServerThatStopsReadingIsTheAnswer) {
 }
 
 TEST_P(HttpClientBigTest, AnInterimAnswerDoesNotStopTheBody) {
-  const std::string body = fakes::RandomBytes(16 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(16 * 1024 * 1024);
   server_.Answer("PUT /", {.body = "done", .on_head = "HTTP/1.1 100 Continue\r\n\r\n"});
   CHttpClientRequest request = Request("/");
   SetBody(request, body);
@@ -264,7 +264,7 @@ TEST_P(HttpClientBigTest, AnInterimAnswerDoesNotStopTheBody) {
 }
 
 TEST_P(HttpClientBigTest, ACutWhileTheBodyIsSentIsASendError) {
-  const std::string body = fakes::RandomBytes(32 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(32 * 1024 * 1024);
   for (const bool reset : {false, true}) {
     server_.ClearScript();
     server_.Answer("PUT /", {.cut_after = 0, .reset = reset, .before_body = true});
@@ -278,7 +278,7 @@ TEST_P(HttpClientBigTest, ACutWhileTheBodyIsSentIsASendError) {
 }
 
 TEST_P(HttpClientBigTest, ANonsensicalEarlyAnswerIsABadAnswer) {
-  const std::string body = fakes::RandomBytes(32 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(32 * 1024 * 1024);
   server_.Answer("PUT /", {.raw = "nonsense\r\n\r\n", .before_body = true});
   CHttpClientRequest request = Request("/");
   SetBody(request, body);

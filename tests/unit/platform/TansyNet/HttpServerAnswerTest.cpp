@@ -82,7 +82,7 @@ TEST_F(HttpServerAnswer, DoesNotWaitForAClientThatDoesNotRead) {
   Start();
   std::int32_t handle = 0;
   const auto client = Ask(handle, 4096);
-  const std::string body = fakes::RandomBytes(10 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(10 * 1024 * 1024);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(AnswerText(handle, body), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
@@ -115,7 +115,7 @@ TEST_F(HttpServerAnswer, GoesOnWhileAClientTakesItSlowly) {
   limits.idle_timeout_ms = 100;  // makes the library look often
   CHttpServer::SetLimits(limits);
   Start();
-  const std::string body = fakes::RandomBytes(std::size_t{6} * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(std::size_t{6} * 1024 * 1024);
   for (const bool in_chunks : {false, true}) {
     std::int32_t handle = 0;
     const auto client = Ask(handle, 65536);
@@ -185,7 +185,7 @@ TEST_F(HttpServerAnswer, InChunksIsOneBody) {
   Start();
   std::int32_t handle = 0;
   const auto client = Ask(handle);
-  const std::string body = fakes::RandomBytes(25 * 1024 * 1024);
+  const std::string body = Tansy::Tests::RandomBytes(25 * 1024 * 1024);
   std::jthread reader([&] {
     const RawReply reply = client->ReadReply();
     EXPECT_EQ(reply.Header("content-length"), std::to_string(body.size()));

@@ -113,7 +113,7 @@ TEST_F(HttpServerLog, HasNothingToSayAboutProperClients) {
 }
 
 TEST_F(HttpServerLog, NamesHandshakesThatComeToNothing) {
-  auto folder = std::make_unique<fakes::CTempFolder>();
+  auto folder = std::make_unique<Tansy::Tests::CTempFolder>();
   const auto certificate = MakeTestCertificate();
   folder->Write("pair.crt", certificate.certificate_pem);
   folder->Write("pair.key", certificate.key_pem);

@@ -64,7 +64,7 @@ class HttpServerTls : public ServerFixture {
 
   const TestCertificate certificate_ = MakeTestCertificate();
   HttpsServer settings_;
-  fakes::CTempFolder folder_;
+  Tansy::Tests::CTempFolder folder_;
 };
 
 std::string Echo(CRawClient& client, const std::string& body) {

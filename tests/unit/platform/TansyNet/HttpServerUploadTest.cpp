@@ -37,7 +37,7 @@ class HttpServerUpload : public ServerFixture {};
 
 TEST_F(HttpServerUpload, ArrivesInPiecesInOrder) {
   Start();
-  const std::string body = fakes::RandomBytes(TansyNet::kWholeBodyLimit + 1);
+  const std::string body = Tansy::Tests::RandomBytes(TansyNet::kWholeBodyLimit + 1);
   CRawClient client(Port());
   std::jthread sender([&] { client.Send(PutHead(body.size()) + body); });
   std::string received;
@@ -71,7 +71,7 @@ TEST_F(HttpServerUpload, ArrivesInPiecesInOrder) {
 
 TEST_F(HttpServerUpload, EndsWithAFullPieceToo) {
   Start();
-  const std::string body = fakes::RandomBytes(12 * kMebibyte);
+  const std::string body = Tansy::Tests::RandomBytes(12 * kMebibyte);
   CRawClient client(Port());
   std::jthread sender([&] { client.Send(PutHead(body.size()) + body); });
   std::string received;
@@ -90,7 +90,7 @@ TEST_F(HttpServerUpload, EndsWithAFullPieceToo) {
 
 TEST_F(HttpServerUpload, DeliversTheNextPieceWhenTheTokenOfTheLastIsGone) {
   Start();
-  const std::string body = fakes::RandomBytes(16 * kMebibyte);
+  const std::string body = Tansy::Tests::RandomBytes(16 * kMebibyte);
   CRawClient client(Port());
   std::jthread sender([&] { client.TrySend(PutHead(body.size()) + body); });
   auto first = std::make_unique<Delivery>(Take());
@@ -164,7 +164,7 @@ TEST_F(HttpServerUpload, MayHaveItsTokenDroppedAnywhere) {
       AnswerText(handle, "done");
     }
   });
-  const std::string body = fakes::RandomBytes(30 * kMebibyte + 12345);
+  const std::string body = Tansy::Tests::RandomBytes(30 * kMebibyte + 12345);
   CRawClient client(Port());
   client.Send(PutHead(body.size()) + body);
   EXPECT_EQ(client.ReadReply().body, "done");
@@ -337,7 +337,7 @@ TEST_F(HttpServerUpload, ManyAtOnceArriveWhole) {
       AnswerText(handle, std::to_string(handle));
     }
   });
-  const std::string body = fakes::RandomBytes(11 * kMebibyte + 17);
+  const std::string body = Tansy::Tests::RandomBytes(11 * kMebibyte + 17);
   std::vector<std::thread> clients;
   std::atomic<int> right{0};
   for (int index = 0; index < kUploads; ++index) {

@@ -354,7 +354,7 @@ TEST_F(SqliteConnectTest, PathsThatLookLikeSomethingElseAreFiles) {
 }
 
 TEST(SqliteDriverTest, UnusablePathsAreErrorsOfOneLine) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   for (const std::string& path :
        {std::string(), std::string("a\0b", 3), folder.GetPath(), folder.Path("missing") + "/platform.db"}) {
     std::string error;

@@ -76,7 +76,7 @@ class CSqliteFixture : public testing::Test {
     return connection.Execute("INSERT INTO platform.item (id, name) VALUES (" + std::to_string(id) + ", 'n')");
   }
 
-  fakes::CTempFolder folder_;
+  Tansy::Tests::CTempFolder folder_;
   const std::string path_ = folder_.Path("platform.db");
   std::unique_ptr<CConnect> connection_;
 

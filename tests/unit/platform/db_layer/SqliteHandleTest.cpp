@@ -40,7 +40,7 @@ class SqliteHandleTest : public testing::Test {
     return handle_.RunIfReading(sql, rows, writes, error_) ? rows.GetString("n") : "failed";
   }
 
-  fakes::CTempFolder folder_;
+  Tansy::Tests::CTempFolder folder_;
   CSource source_;
   SqlError error_;
   CSqliteHandle handle_;

@@ -19,7 +19,7 @@ using Tansy::Tests::CLogCapture;
 using Tansy::Tests::FailEachAllocation;
 
 TEST(StandardSinkOutOfMemory, ALostLineHoldsNoFlushUp) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   std::string error;
   const auto sink = CStandardSink::Create({folder.Path("a.log"), 64}, error);
   ASSERT_NE(sink, nullptr) << error;

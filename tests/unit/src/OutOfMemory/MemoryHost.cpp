@@ -148,7 +148,7 @@ CMemoryHost& CMemoryHost::Instance() {
 }
 
 CMemoryHost::CMemoryHost() {
-  static const fakes::CTempFolder folder;
+  static const CTempFolder folder;
   std::filesystem::current_path(folder.GetPath());  // first parts are written below it
   database_ = folder.Path("catalogue.db");
   details::MakeSchema(database_);

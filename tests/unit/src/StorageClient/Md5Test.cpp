@@ -49,7 +49,7 @@ TEST(Md5Test, AnswersTheTestSuiteOfItsDefinition) {
 }
 
 TEST(Md5Test, EqualsAnotherImplementationForEveryLengthAroundTheBlocks) {
-  const std::string data = fakes::RandomBytes(64 * 5, 1);
+  const std::string data = Tests::RandomBytes(64 * 5, 1);
   for (std::size_t size = 0; size <= data.size(); ++size) {
     const std::string part = data.substr(0, size);
     ASSERT_EQ(Digest(part), ReferenceDigest(part)) << size << " bytes";
@@ -57,12 +57,12 @@ TEST(Md5Test, EqualsAnotherImplementationForEveryLengthAroundTheBlocks) {
 }
 
 TEST(Md5Test, EqualsAnotherImplementationForLargeData) {
-  const std::string data = fakes::RandomBytes(2097152 + 17, 2);
+  const std::string data = Tests::RandomBytes(2097152 + 17, 2);
   EXPECT_EQ(Digest(data), ReferenceDigest(data));
 }
 
 TEST(Md5Test, IsTheSameHoweverTheDataIsCut) {
-  const std::string data = fakes::RandomBytes(1000, 3);
+  const std::string data = Tests::RandomBytes(1000, 3);
   const std::string expected = ReferenceDigest(data);
   std::mt19937 random(4);
   for (int round = 0; round < 200; ++round) {

@@ -74,7 +74,7 @@ class ObjectClientFixture : public testing::Test {
 
   Tests::CLogCapture log_;
   Tests::ScriptedServer server_;
-  fakes::CTempFolder folder_;
+  Tests::CTempFolder folder_;
 
  private:
   mutable std::mutex progress_mutex_;

@@ -158,7 +158,7 @@ TEST_F(ObjectClientInterfaceTest, KeepsTheSecondCodeUntilThereIsAnother) {
 
 TEST_F(ObjectClientInterfaceTest, UploadsASmallFile) {
   ServeUploads();
-  const std::string content = fakes::RandomBytes(100000);
+  const std::string content = Tests::RandomBytes(100000);
   const std::string path = folder_.Write("movie.mp4", content);
   std::string url;
   EXPECT_TRUE(client_.UploadFile(url, path));
@@ -174,7 +174,7 @@ TEST_F(ObjectClientInterfaceTest, UploadsASmallFile) {
                                         .content_md5 = true});
   EXPECT_THAT(Progress(), ElementsAre(100));
   // The file is free again, and as it was.
-  EXPECT_EQ(fakes::ReadFile(path), content);
+  EXPECT_EQ(Tests::ReadFile(path), content);
   TansyBase::CLocalFile file;
   EXPECT_EQ(file.OpenAlways(path), 0u);
   file.Close();
@@ -242,7 +242,7 @@ TEST_F(ObjectClientInterfaceTest, MakesAndUploadsAMissingFile) {
 
 TEST_F(ObjectClientInterfaceTest, UploadsUpToTheLastByteBelowTenMebibytesAsOneObject) {
   ServeUploads();
-  const std::string content = fakes::RandomBytes(10485759);
+  const std::string content = Tests::RandomBytes(10485759);
   std::string url;
   EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file", content)));
   ASSERT_EQ(server_.Requests().size(), 2u);

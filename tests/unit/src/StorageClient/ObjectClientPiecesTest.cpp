@@ -382,7 +382,7 @@ TEST_F(ObjectClientPiecesTest, SaysThatThePiecesWereForgottenMeanwhile) {
 // ---- pieces of other sizes than the first
 
 TEST_F(ObjectClientPiecesTest, CutsAndGathersPiecesOfOtherSizes) {
-  const std::string bytes = fakes::RandomBytes(10 * kPart);
+  const std::string bytes = Tests::RandomBytes(10 * kPart);
   const std::vector<std::size_t> sizes = {kPart, kPart, 10, kPart - 5, 0, 3 * kPart + 7, 1, 2 * kPart + 3};
   std::string url;
   std::size_t sent = 0;
@@ -396,7 +396,7 @@ TEST_F(ObjectClientPiecesTest, CutsAndGathersPiecesOfOtherSizes) {
 }
 
 TEST_F(ObjectClientPiecesTest, CutsALargerLastPiece) {
-  const std::string bytes = fakes::RandomBytes(3 * kPart);
+  const std::string bytes = Tests::RandomBytes(3 * kPart);
   std::string url;
   EXPECT_TRUE(Send(url, bytes.substr(0, kPart), false));
   EXPECT_TRUE(Send(url, bytes.substr(kPart), true));
@@ -406,7 +406,7 @@ TEST_F(ObjectClientPiecesTest, CutsALargerLastPiece) {
 
 TEST_F(ObjectClientPiecesTest, RefusesToCutIntoPartsBelow64KiB) {
   for (const std::size_t part : {std::size_t{6}, std::size_t{kPart - 1}}) {
-    const std::string first = fakes::RandomBytes(part);
+    const std::string first = Tests::RandomBytes(part);
     std::string url;
     EXPECT_TRUE(Send(url, first, false));
     EXPECT_FALSE(Send(url, first + "x", false));
@@ -434,7 +434,7 @@ TEST_F(ObjectClientPiecesTest, TakesEmptyPieces) {
   EXPECT_THAT(PartSizes(), ElementsAre(3, 3));
 
   // With bytes that wait the empty last piece sends them.
-  const std::string bytes = fakes::RandomBytes(kPart + 5);
+  const std::string bytes = Tests::RandomBytes(kPart + 5);
   std::string gathered;
   EXPECT_TRUE(Send(gathered, bytes.substr(0, kPart), false));
   EXPECT_TRUE(Send(gathered, bytes.substr(kPart), false));
@@ -462,7 +462,7 @@ TEST_F(ObjectClientPiecesTest, NeedsDataForASize) {
 // ---- pieces that are sent again
 
 TEST_F(ObjectClientPiecesTest, SendsAPieceOfManyPartsAgain) {
-  const std::string bytes = fakes::RandomBytes(6 * kPart);
+  const std::string bytes = Tests::RandomBytes(6 * kPart);
   std::string url;
   EXPECT_TRUE(Send(url, bytes.substr(0, kPart), false));
   EXPECT_TRUE(Send(url, bytes.substr(kPart, 100), false));
@@ -478,7 +478,7 @@ TEST_F(ObjectClientPiecesTest, SendsAPieceOfManyPartsAgain) {
 }
 
 TEST_F(ObjectClientPiecesTest, SendsALastPieceAgainWithTheBytesThatWaited) {
-  const std::string bytes = fakes::RandomBytes(3 * kPart);
+  const std::string bytes = Tests::RandomBytes(3 * kPart);
   std::string url;
   EXPECT_TRUE(Send(url, bytes.substr(0, kPart), false));
   EXPECT_TRUE(Send(url, bytes.substr(kPart, 100), false));

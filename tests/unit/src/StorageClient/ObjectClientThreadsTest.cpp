@@ -39,7 +39,7 @@ TEST_F(ObjectClientThreadsTest, ServesEightThreadsAtOnce) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
-      const std::string own_content = fakes::RandomBytes(1000, static_cast<unsigned>(i));
+      const std::string own_content = Tests::RandomBytes(1000, static_cast<unsigned>(i));
       const std::string own = folder_.Write("file" + std::to_string(i), own_content);
       for (int round = 0; round < kRounds; ++round) {
         CObjectClient copy(client_);
@@ -60,7 +60,7 @@ TEST_F(ObjectClientThreadsTest, ServesEightThreadsAtOnce) {
         const std::unique_ptr<char[]> owner(data);
         expect(std::string(data, size) == "content");
         const std::string got = folder_.Path("got" + std::to_string(i));
-        expect(client_.DownloadFile("/pool/stored", got) && fakes::ReadFile(got) == "content");
+        expect(client_.DownloadFile("/pool/stored", got) && Tests::ReadFile(got) == "content");
         expect(client_.RemoveFileByUrl("/pool/key"));
         expect(!client_.RemoveFileByUrl("/pool/missing"));
         const LastError error = ErrorOf(copy);

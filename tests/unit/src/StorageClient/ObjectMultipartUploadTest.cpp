@@ -74,7 +74,7 @@ class ObjectMultipartUploadTest : public ObjectClientFixture {
 };
 
 TEST_F(ObjectMultipartUploadTest, SendsTenMebibytesInFiveParts) {
-  const std::string content = fakes::RandomBytes(10485760);
+  const std::string content = Tests::RandomBytes(10485760);
   std::string url;
   ASSERT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content)));
   EXPECT_THAT(Sequence(),
@@ -109,7 +109,7 @@ TEST_F(ObjectMultipartUploadTest, SendsTenMebibytesInFiveParts) {
 }
 
 TEST_F(ObjectMultipartUploadTest, EndsWithAPartOfTheRest) {
-  const std::string content = fakes::RandomBytes(10485761);
+  const std::string content = Tests::RandomBytes(10485761);
   std::string url;
   ASSERT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content)));
   EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);
@@ -163,7 +163,7 @@ TEST_F(ObjectMultipartUploadTest, TriesAPartThreeTimes) {
   multipart_.SetPartHook([&](int number) -> ScriptedAnswer {
     return number == 2 && failures-- > 0 ? ErrorAnswer(500, "ServerInternalError") : ScriptedAnswer{};
   });
-  const std::string content = fakes::RandomBytes(10485760);
+  const std::string content = Tests::RandomBytes(10485760);
   std::string url;
   EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content)));
   EXPECT_EQ(PartRequests(2).size(), 3u);
@@ -323,7 +323,7 @@ TEST_F(ObjectMultipartUploadTest, KeepsManyUploadsApart) {
   std::vector<int> results(kUploads);
   std::vector<std::string> urls(kUploads);
   for (int i = 0; i < kUploads; ++i) {
-    contents.push_back(fakes::RandomBytes(10485760 + static_cast<std::size_t>(i) * 100000, static_cast<unsigned>(i)));
+    contents.push_back(Tests::RandomBytes(10485760 + static_cast<std::size_t>(i) * 100000, static_cast<unsigned>(i)));
     folder_.Write(std::to_string(i), contents.back());
   }
   for (int i = 0; i < kUploads; ++i) {
@@ -358,7 +358,7 @@ TEST_F(ObjectMultipartUploadTest, EndsWhenAServerGivesOneIdToTwoUploads) {
     thread.join();
   }
   multipart_.UseOneTaskId("");
-  const std::string content = fakes::RandomBytes(10485760);
+  const std::string content = Tests::RandomBytes(10485760);
   std::string url;
   EXPECT_TRUE(client_.UploadFile(url, folder_.Write("file.bin", content))) << "the client is as good as before";
   EXPECT_EQ(multipart_.Content(multipart_.TaskId(1)), content);

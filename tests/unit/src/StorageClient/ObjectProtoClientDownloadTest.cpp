@@ -144,7 +144,7 @@ class ObjectProtoClientDownloadTest : public ObjectClientFixture {
 // ---- into memory
 
 TEST_F(ObjectProtoClientDownloadTest, FetchesAnObject) {
-  const std::string content = fakes::RandomBytes(300000);
+  const std::string content = Tests::RandomBytes(300000);
   server_.Answer("GET /pool/key", {.body = content});
   std::string got;
   EXPECT_TRUE(DownloadToMemory(got));
@@ -324,7 +324,7 @@ TEST_F(ObjectProtoClientDownloadTest, NeedsAPath) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, StreamsASmallObject) {
-  const std::string content = fakes::RandomBytes(700000);
+  const std::string content = Tests::RandomBytes(700000);
   AnswerMetadata(content.size());
   server_.Answer("GET /pool/key", {.body = content});
   EXPECT_TRUE(DownloadToFile());
@@ -341,11 +341,11 @@ TEST_F(ObjectProtoClientDownloadTest, StreamsASmallObject) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, StreamsUpToTheLastByteBelowTenMebibytes) {
-  server_.Handle(ServeObject(std::make_shared<const std::string>(fakes::RandomBytes(10485759))));
+  server_.Handle(ServeObject(std::make_shared<const std::string>(Tests::RandomBytes(10485759))));
   EXPECT_TRUE(DownloadToFile());
   EXPECT_EQ(server_.Requests().size(), 2u);
   EXPECT_TRUE(Ranges().empty());
-  EXPECT_EQ(folder_.Read("file"), fakes::RandomBytes(10485759));
+  EXPECT_EQ(folder_.Read("file"), Tests::RandomBytes(10485759));
 }
 
 TEST_F(ObjectProtoClientDownloadTest, OverwritesAnExistingFileFromItsStart) {
@@ -421,7 +421,7 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsAStatusAsSecondCode) {
 
 TEST_F(ObjectProtoClientDownloadTest, ReportsACutStream) {
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000), .cut_after = 400000});
+  server_.Answer("GET /pool/key", {.body = Tests::RandomBytes(700000), .cut_after = 400000});
   EXPECT_FALSE(DownloadToFile());
   EXPECT_EQ(Error().code, 4);
   EXPECT_NE(Error().second, 0);
@@ -451,7 +451,7 @@ TEST_F(ObjectProtoClientDownloadTest, WaitsForAStreamAsLongAsConfigured) {
 
 TEST_F(ObjectProtoClientDownloadTest, ReportsAFileThatCannotBeMade) {
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000)});
+  server_.Answer("GET /pool/key", {.body = Tests::RandomBytes(700000)});
   EXPECT_FALSE(DownloadToFile("no-such-folder/file"));
   EXPECT_EQ(Error(), (LastError{5, 1000003, "DownloadBigObject rsp status code[1000003]."}));
   EXPECT_EQ(log_->Count(kOpenFailed, logging::kError), 1u);
@@ -474,7 +474,7 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsAFileThatIsHeldOpen) {
 
 TEST_F(ObjectProtoClientDownloadTest, ReportsADiskThatIsFull) {
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000)});
+  server_.Answer("GET /pool/key", {.body = Tests::RandomBytes(700000)});
   {
     const CFullDisk full(300000);
     EXPECT_FALSE(DownloadToFile());
@@ -544,14 +544,14 @@ TEST_F(ObjectProtoClientDownloadTest, ReportsARedirectToNobody) {
 TEST_F(ObjectProtoClientDownloadTest, WritesNothingAfterTheFirstErrorOfTheFile) {
   // The first of three pieces finds no room. Written from the second on, the file would begin in the middle.
   AnswerMetadata(700000);
-  server_.Answer("GET /pool/key", {.body = fakes::RandomBytes(700000)});
+  server_.Answer("GET /pool/key", {.body = Tests::RandomBytes(700000)});
   {
     const CFullDisk full(100);
     EXPECT_FALSE(DownloadToFile());
   }
   EXPECT_EQ(Error(), (LastError{5, -1002, "DownloadBigObject rsp status code[-1002]."}));
   EXPECT_EQ(log_->Count(kWriteFailed, logging::kError), 1u);
-  EXPECT_EQ(folder_.Read("file"), fakes::RandomBytes(100));
+  EXPECT_EQ(folder_.Read("file"), Tests::RandomBytes(100));
 }
 
 TEST_F(ObjectProtoClientDownloadTest, FollowsNoOtherRedirect) {
@@ -582,7 +582,7 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheProgressFunctionThrows
   for (const std::uint32_t size : {700000u, 10 * kMiB}) {
     Use(config);
     server_.ClearScript();
-    server_.Handle(ServeObject(std::make_shared<const std::string>(fakes::RandomBytes(size))));
+    server_.Handle(ServeObject(std::make_shared<const std::string>(Tests::RandomBytes(size))));
     EXPECT_THROW(DownloadToFile(), SHostCallbackError);
     EXPECT_TRUE(IsFree("file")) << size;
   }
@@ -591,7 +591,7 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheProgressFunctionThrows
 // ---- into a file, in ranges
 
 TEST_F(ObjectProtoClientDownloadTest, FetchesTenMebibytesInRanges) {
-  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB));
+  const auto content = std::make_shared<const std::string>(Tests::RandomBytes(10 * kMiB));
   server_.Handle(ServeObject(content));
   EXPECT_TRUE(DownloadToFile());
   EXPECT_EQ(folder_.Read("file"), *content);
@@ -609,7 +609,7 @@ TEST_F(ObjectProtoClientDownloadTest, FetchesTenMebibytesInRanges) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, EndsWithARangeOfTheRest) {
-  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB + 1));
+  const auto content = std::make_shared<const std::string>(Tests::RandomBytes(10 * kMiB + 1));
   server_.Handle(ServeObject(content));
   EXPECT_TRUE(DownloadToFile());
   EXPECT_EQ(folder_.Read("file"), *content);
@@ -619,7 +619,7 @@ TEST_F(ObjectProtoClientDownloadTest, EndsWithARangeOfTheRest) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, OverwritesAnExistingFileInRanges) {
-  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB));
+  const auto content = std::make_shared<const std::string>(Tests::RandomBytes(10 * kMiB));
   folder_.Write("file", std::string(10 * kMiB, 'o') + "tail");
   server_.Handle(ServeObject(content));
   EXPECT_TRUE(DownloadToFile());
@@ -627,7 +627,7 @@ TEST_F(ObjectProtoClientDownloadTest, OverwritesAnExistingFileInRanges) {
 }
 
 TEST_F(ObjectProtoClientDownloadTest, FollowsARedirectForEachRange) {
-  const auto content = std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB));
+  const auto content = std::make_shared<const std::string>(Tests::RandomBytes(10 * kMiB));
   ScriptedServer target;
   target.Handle(ServeObject(content));
   AnswerMetadata(content->size());
@@ -699,7 +699,7 @@ TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileAfterARangeThatNobodyAnswers)
 }
 
 TEST_F(ObjectProtoClientDownloadTest, ClosesTheFileWhenTheDiskIsFull) {
-  server_.Handle(ServeObject(std::make_shared<const std::string>(fakes::RandomBytes(10 * kMiB))));
+  server_.Handle(ServeObject(std::make_shared<const std::string>(Tests::RandomBytes(10 * kMiB))));
   {
     const CFullDisk full(3 * kMiB + 5);
     EXPECT_FALSE(DownloadToFile());

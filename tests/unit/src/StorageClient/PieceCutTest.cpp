@@ -65,7 +65,7 @@ TEST_F(PieceCutTest, KeepsEveryByteInItsPlaceWhateverTheSizes) {
   std::mt19937 random(seed);
   for (int round = 0; round < 50; ++round) {
     const std::uint32_t part_size = kMinCutPartBytes + random() % 100;
-    const std::string bytes = fakes::RandomBytes(8 * part_size, random());
+    const std::string bytes = Tests::RandomBytes(8 * part_size, random());
     sent_.clear();
     tail_.clear();
     for (std::size_t begin = 0; begin < bytes.size();) {

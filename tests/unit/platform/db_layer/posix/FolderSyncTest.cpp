@@ -11,14 +11,14 @@ namespace db_layer {
 namespace {
 
 TEST(FolderSyncTest, FolderOfAFileThatMayNotExistYet) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   EXPECT_TRUE(SyncFolderOf(folder.Path("platform.db")));
   EXPECT_TRUE(SyncFolderOf("platform.db"));
   EXPECT_TRUE(SyncFolderOf("/platform.db"));
 }
 
 TEST(FolderSyncTest, MissingFolderFails) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   EXPECT_FALSE(SyncFolderOf(folder.Path("missing") + "/platform.db"));
 }
 

@@ -35,7 +35,7 @@ class CObjectServerFilesTest : public ::testing::Test {
   ~CObjectServerFilesTest() override { fs::current_path(before_); }
 
   fs::path before_;
-  fakes::CTempFolder folder_;
+  CTempFolder folder_;
   CLogCapture log_;
 };
 
@@ -84,11 +84,11 @@ TEST_F(CObjectServerFilesTest, ManyThreadsMakeTheSameFolder) {
 TEST_F(CObjectServerFilesTest, SavesAndReadsBack) {
   const std::string bytes("one\0two", 7);
   EXPECT_TRUE(SaveFile("./folder\\file", bytes.data(), bytes.size(), "wb"));
-  EXPECT_EQ(fakes::ReadFile("folder/file"), bytes);
+  EXPECT_EQ(Tests::ReadFile("folder/file"), bytes);
   EXPECT_TRUE(SaveFile("./folder\\file", "x", 1, "wb"));
-  EXPECT_EQ(fakes::ReadFile("folder/file"), "x");
+  EXPECT_EQ(Tests::ReadFile("folder/file"), "x");
   EXPECT_TRUE(SaveFile("./folder\\file", "y", 1, "ab"));
-  EXPECT_EQ(fakes::ReadFile("folder/file"), "xy");
+  EXPECT_EQ(Tests::ReadFile("folder/file"), "xy");
   EXPECT_TRUE(SaveFile("./folder\\empty", "", 0, "wb"));
 
   EXPECT_STREQ(ReadFile("./folder\\file", 2).get(), "xy");

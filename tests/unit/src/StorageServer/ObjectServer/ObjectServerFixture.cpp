@@ -322,7 +322,7 @@ FakeAnswer CObjectServerTest::Delete(const std::string& path, const std::string&
 }
 
 std::string CObjectServerTest::Pattern(std::size_t size, std::uint32_t seed) {
-  return fakes::RandomBytes(size, seed);
+  return RandomBytes(size, seed);
 }
 
 std::string Xml(const std::string& content) {

@@ -104,7 +104,7 @@ class CObjectServerMultipartFixture : public CObjectServerTest {
     }
     return count;
   }
-  static std::string Content(const std::filesystem::path& path) { return fakes::ReadFile(path.string()); }
+  static std::string Content(const std::filesystem::path& path) { return Tests::ReadFile(path.string()); }
   static std::string Between(const std::string& text, const std::string& begin, const std::string& end,
                              std::size_t from = 0) {
     const std::size_t first = text.find(begin, from);
@@ -116,7 +116,7 @@ class CObjectServerMultipartFixture : public CObjectServerTest {
 
   const std::string bucket_ = NewBucket();
   const std::filesystem::path before_;
-  fakes::CTempFolder folder_;
+  CTempFolder folder_;
 };
 
 }  // namespace Tansy::Tests
