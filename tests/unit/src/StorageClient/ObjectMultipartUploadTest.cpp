@@ -291,31 +291,6 @@ TEST_F(ObjectMultipartUploadTest, RefusesAFileThatBecomesShorter) {
   EXPECT_FALSE(HasParts(multipart_.TaskId(1)));
 }
 
-TEST_F(ObjectMultipartUploadTest, DoesNotWaitForTheEndOfARound) {
-  // From the last part's arrival to the completion. A wait that sleeps its round of 500 ms through would let all of it
-  // pass each time; one that is woken is faster at least once, however busy the machine is.
-  using Clock = std::chrono::steady_clock;
-  std::mutex mutex;
-  Clock::time_point last_part;
-  Clock::duration shortest = Clock::duration::max();
-  server_.Handle([&](const ScriptedRequest& request) {
-    const ScriptedAnswer answer = multipart_.Answer(request, server_.Address());
-    const std::lock_guard lock(mutex);
-    if (request.target.find("part_number") != std::string::npos) {
-      last_part = Clock::now();
-    } else if (request.target.find("upload_id") != std::string::npos) {
-      shortest = std::min(shortest, Clock::now() - last_part);
-    }
-    return answer;
-  });
-  const std::string path = folder_.Write("file.bin", std::string(10485760, 'x'));
-  for (int i = 0; i < 8; ++i) {
-    std::string url;
-    EXPECT_TRUE(client_.UploadFile(url, path));
-  }
-  EXPECT_LT(shortest, std::chrono::milliseconds(480));
-}
-
 TEST_F(ObjectMultipartUploadTest, KeepsManyUploadsApart) {
   constexpr int kUploads = 6;
   std::vector<std::string> contents;

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <numeric>
 #include <random>
 #include <thread>
@@ -163,21 +165,28 @@ TEST_F(CObjectServerMultipartModelTest, CompletionsAndPartsAtTheSameTime) {
 // What comes while a completion writes the first part waits for its end and then finds the task gone.
 class CObjectServerMultipartBesideTest : public CObjectServerMultipartFixture {
  protected:
+  // Starts work of another connection, and returns when it has come to the task's mutex, which the caller holds.
+  std::thread StartWaiter(const std::string& upload_id, std::function<void()> work) {
+    std::shared_ptr<std::mutex> task_mutex;
+    EXPECT_TRUE(catalogue_.GetPartFileMutex(upload_id, task_mutex));
+    const long owners = task_mutex.use_count();
+    std::thread waiter(std::move(work));
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (task_mutex.use_count() == owners && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    EXPECT_GT(task_mutex.use_count(), owners) << "nothing waits for the task";
+    return waiter;
+  }
   // Completes, and starts `beside` in the middle; gives the answer to `beside`.
   FakeAnswer BesideCompletion(const std::string& key, const std::string& upload_id,
                               const std::vector<std::pair<int, std::size_t>>& parts,
                               const std::function<FakeAnswer()>& beside) {
     FakeAnswer answer;
     std::thread other;
-    std::atomic<bool> done{false};
     storage_.SetHook([&](const CFakeStorage::Call& call) {
       if (call.kind == "stream" && !other.joinable()) {
-        other = std::thread([&] {
-          answer = beside();
-          done = true;
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_FALSE(done) << "nothing waits for the completion";
+        other = StartWaiter(upload_id, [&] { answer = beside(); });
       }
     });
     EXPECT_TRUE(IsXml(Complete(key, upload_id, parts), ""));
@@ -258,8 +267,7 @@ TEST_F(CObjectServerMultipartBesideTest, ACompletionThatWaitedFindsItsTaskSweptA
   std::thread completion;
   storage_.SetHook([&](const CFakeStorage::Call& call) {
     if (call.data == "slow" && !completion.joinable()) {
-      completion = std::thread([&] { answer = Complete("k", upload_id, {{1, 4}, {2, 4}}); });
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until it waits
+      completion = StartWaiter(upload_id, [&] { answer = Complete("k", upload_id, {{1, 4}, {2, 4}}); });
       EXPECT_TRUE(catalogue_.RemoveObjectTask(upload_id));
     }
   });
@@ -279,8 +287,7 @@ TEST_F(CObjectServerMultipartBesideTest, ACompletionCountsWhatThePartsItWaitedFo
   std::thread completion;
   storage_.SetHook([&](const CFakeStorage::Call& call) {
     if (call.data == "B" && !completion.joinable()) {
-      completion = std::thread([&] { answer = Complete("k", upload_id, {{1, 4}, {2, 4}}); });
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until it waits
+      completion = StartWaiter(upload_id, [&] { answer = Complete("k", upload_id, {{1, 4}, {2, 4}}); });
     }
   });
   EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "B"), ""));
