@@ -1,6 +1,5 @@
-// Helpers of the two servers: query text, the check of signatures, the headers of answers. It includes Common/, which holds what the
-// clients need too.
-// Threads: all may be called from any thread; nothing throws.
+// Helpers of the two servers: query text, the check of signatures, the headers of answers. It includes Common/, which
+// holds what the clients need too. Threads: all may be called from any thread; nothing throws.
 #ifndef TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
 #define TANSY_SRC_STORAGE_SERVER_SERVER_COMM_H
 
