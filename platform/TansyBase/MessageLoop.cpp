@@ -22,6 +22,9 @@ using TaskPointer = std::unique_ptr<CTask>;
 // allocates nothing: stopping a loop must work without memory too.
 using TaskQueue = std::list<TaskPointer>;
 
+// True while the thread is in a CBlockingScope that took effect.
+thread_local bool g_gave_up_place = false;
+
 void RunTask(CTask& task) {
   try {
     task.Exec();
@@ -68,6 +71,8 @@ struct CMessageLoopDyThreadPool::Impl {
   std::size_t min_threads = 0;
   std::size_t max_threads = 0;
   TaskQueue queue;
+  std::size_t computing = 0;            // threads that run a task and are in no CBlockingScope
+  std::size_t blocked = 0;              // threads in a CBlockingScope that gave up their place
   std::size_t sleepers = 0;             // threads that wait for work
   std::size_t signals = 0;              // sleepers that have been woken but have not taken their task yet
   std::list<std::thread> threads;       // threads that run
@@ -77,21 +82,36 @@ struct CMessageLoopDyThreadPool::Impl {
 
   explicit Impl(const char* name) : thread_name(name) {}
 
-  static thread_local const Impl* of_this_thread;
+  static thread_local Impl* of_this_thread;
 
   bool AddThread() noexcept;
   bool WantsMoreThreads() const;
+  bool MayStartTask() const { return !queue.empty() && computing < max_threads; }
+  bool TakeSleeper();
+  void RunNext(std::unique_lock<std::mutex>& lock);
+  bool GiveUpPlace() noexcept;
+  void TakePlaceBack() noexcept;
   void RunThread(std::list<std::thread>::iterator self);
   bool Sleep(std::unique_lock<std::mutex>& lock);
   void Drop(TaskQueue& tasks);
   std::list<std::thread> TakeAllThreads();
 };
 
-thread_local const CMessageLoopDyThreadPool::Impl* CMessageLoopDyThreadPool::Impl::of_this_thread = nullptr;
+thread_local CMessageLoopDyThreadPool::Impl* CMessageLoopDyThreadPool::Impl::of_this_thread = nullptr;
 
 // Returns true when tasks wait for which no sleeping thread has been woken and no other thread will be free soon.
 bool CMessageLoopDyThreadPool::Impl::WantsMoreThreads() const {
-  return queue.size() > sleepers && threads.size() < max_threads;
+  return queue.size() > sleepers && threads.size() < max_threads + blocked;
+}
+
+// Returns true when a sleeping thread should be woken for a task; the caller must then do so. Threads that were woken
+// will compute soon, so they count as if they did.
+bool CMessageLoopDyThreadPool::Impl::TakeSleeper() {
+  if (sleepers == signals || computing + signals >= max_threads) {
+    return false;
+  }
+  ++signals;
+  return true;
 }
 
 // When no thread can be started now, the next task that waits tries again.
@@ -116,21 +136,57 @@ void CMessageLoopDyThreadPool::Impl::RunThread(std::list<std::thread>::iterator 
   OSAL_SetThreadName(thread_name.c_str());
   std::unique_lock lock(mutex);
   for (;;) {
-    if (!queue.empty()) {
-      TaskPointer task = std::move(queue.front());
-      queue.pop_front();
-      lock.unlock();
-      RunTask(*task);
-      task.reset();
-      work_count.fetch_sub(1, std::memory_order_relaxed);
-      lock.lock();
+    if (MayStartTask()) {
+      RunNext(lock);
     } else if (state == State::kStopped) {
-      return;
+      return;  // those that compute run what is left
     } else if (!Sleep(lock)) {
       left_threads.splice(left_threads.end(), threads, self);
       return;
     }
   }
+}
+
+void CMessageLoopDyThreadPool::Impl::RunNext(std::unique_lock<std::mutex>& lock) {
+  TaskPointer task = std::move(queue.front());
+  queue.pop_front();
+  ++computing;
+  lock.unlock();
+  RunTask(*task);
+  task.reset();
+  work_count.fetch_sub(1, std::memory_order_relaxed);
+  lock.lock();
+  --computing;
+}
+
+// The place is given to a thread that runs the first waiting task. When none waits, the poster of the next one finds
+// the place free. Without memory for a spare thread, the thread that is free next runs the task.
+bool CMessageLoopDyThreadPool::Impl::GiveUpPlace() noexcept {
+  bool wake = false;
+  {
+    const std::lock_guard lock(mutex);
+    if (blocked == kMaxBlocked) {
+      return false;
+    }
+    ++blocked;
+    --computing;
+    if (state == State::kRunning && MayStartTask()) {
+      wake = TakeSleeper();
+      if (!wake && WantsMoreThreads()) {
+        AddThread();
+      }
+    }
+  }
+  if (wake) {
+    work.notify_one();
+  }
+  return true;
+}
+
+void CMessageLoopDyThreadPool::Impl::TakePlaceBack() noexcept {
+  const std::lock_guard lock(mutex);
+  --blocked;
+  ++computing;
 }
 
 // Waits until it is woken, perhaps for nothing. Returns false when the thread has to leave because there has been no
@@ -146,7 +202,7 @@ bool CMessageLoopDyThreadPool::Impl::Sleep(std::unique_lock<std::mutex>& lock) {
   }
   --sleepers;
   signals -= signals > 0 ? 1 : 0;
-  return !timed_out || !queue.empty() || state == State::kStopped || threads.size() <= min_threads;
+  return !timed_out || MayStartTask() || state == State::kStopped || threads.size() <= min_threads;
 }
 
 void CMessageLoopDyThreadPool::Impl::Drop(TaskQueue& tasks) {
@@ -216,9 +272,8 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) noexcept {
     }
     impl_->queue.splice(impl_->queue.end(), posted);
     impl_->work_count.fetch_add(1, std::memory_order_relaxed);
-    if (impl_->state == Impl::State::kRunning) {
-      wake = impl_->sleepers > impl_->signals;
-      impl_->signals += wake ? 1 : 0;
+    if (impl_->state == Impl::State::kRunning && impl_->MayStartTask()) {
+      wake = impl_->TakeSleeper();
       if (impl_->WantsMoreThreads()) {
         impl_->AddThread();
         ended.swap(impl_->left_threads);  // threads of the last busy time
@@ -261,6 +316,19 @@ void CMessageLoopDyThreadPool::Stop(bool run_waiting) {
   std::list<std::thread> ended = impl_->TakeAllThreads();
   lock.unlock();
   JoinAll(ended);
+}
+
+CBlockingScope::CBlockingScope() noexcept {
+  if (auto* const loop = CMessageLoopDyThreadPool::Impl::of_this_thread; loop != nullptr && !g_gave_up_place) {
+    gave_up_place_ = g_gave_up_place = loop->GiveUpPlace();
+  }
+}
+
+CBlockingScope::~CBlockingScope() {
+  if (gave_up_place_) {
+    g_gave_up_place = false;
+    CMessageLoopDyThreadPool::Impl::of_this_thread->TakePlaceBack();
+  }
 }
 
 }  // namespace TansyBase

@@ -19,12 +19,20 @@ class CTask {
 
 // A queue of tasks run by a pool of threads whose number grows and shrinks between two bounds.
 //
+// Threads that wait: a task that waits for something slow says so with a CBlockingScope. Its thread then does not count
+// towards `max_threads`, and a spare thread runs tasks in its place, for up to kMaxBlocked threads at a time. A thread
+// that has waited goes on at once, because others may need what it holds; no further task starts until fewer than
+// `max_threads` threads compute. Spare threads leave like others that were added.
+//
 // Order: tasks start in the order in which they were posted. Tasks posted before the first Start wait and run once it
 // is called; tasks posted after Stop are deleted at once without being run. Start after Stop begins again. Threads:
 // every member may be called from any thread. When a task of the loop itself calls Stop, the call returns without
 // waiting for that task.
 class CMessageLoopDyThreadPool : private CNoncopyable {
  public:
+  // At most this many threads are replaced while they wait; further ones keep their place.
+  static constexpr std::size_t kMaxBlocked = 64;
+
   // `thread_name` is the name that the loop's threads show in a debugger; at most 15 characters of it count.
   explicit CMessageLoopDyThreadPool(const char* thread_name = "tansy-task");
   virtual ~CMessageLoopDyThreadPool();  // does what Stop(false) does
@@ -39,7 +47,7 @@ class CMessageLoopDyThreadPool : private CNoncopyable {
   // (the task is then deleted without having been run), or when `task` is null.
   bool PostTask(CTask* task) noexcept;
 
-  // Counts waiting and running tasks.
+  // Counts waiting and running tasks; a task in a CBlockingScope is a running one.
   std::size_t GetWorkTaskCount() const;
 
   // Waits for the running tasks. When `run_waiting` is true, it runs the tasks still queued first; otherwise it deletes
@@ -47,9 +55,32 @@ class CMessageLoopDyThreadPool : private CNoncopyable {
   void Stop(bool run_waiting);
 
  private:
+  friend class CBlockingScope;
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+// Says that the calling thread waits for something slow (a disk, a database, a lock that somebody holds meanwhile) and
+// does not compute, for as long as the object lives. A loop's thread gives up its place to a spare thread meanwhile; on
+// any other thread, inside another scope, and when no spare thread can be had, the object has no effect. Nothing is
+// thrown. The object must end on the thread that made it.
+class CBlockingScope : private CNoncopyable {
+ public:
+  CBlockingScope() noexcept;
+  ~CBlockingScope();
+
+ private:
+  bool gave_up_place_ = false;
+};
+
+// Locks a mutex that may be held for as long as a disk or a database takes, and waits for it in a CBlockingScope.
+template <typename Lock>
+void LockWhileBlocking(Lock& lock) {
+  if (!lock.try_lock()) {
+    const CBlockingScope blocking;
+    lock.lock();
+  }
+}
 
 }  // namespace TansyBase
 

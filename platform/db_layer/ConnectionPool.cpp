@@ -4,6 +4,8 @@
 #include <exception>
 #include <utility>
 
+#include "TansyBase/MessageLoop.h"
+
 namespace db_layer {
 
 namespace details {
@@ -43,9 +45,14 @@ CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std
   std::unique_lock lock(mutex_);
   const std::uint64_t ticket = next_ticket_++;
   queue_.push_back(ticket);
-  const bool has_turn = changed_.wait_for(lock, wait, [this, ticket] {
+  const auto is_served = [this, ticket] {
     return closed_ || (queue_.front() == ticket && (!idle_.empty() || open_ < CountAllowed()));
-  });
+  };
+  bool has_turn = is_served();
+  if (!has_turn) {
+    const TansyBase::CBlockingScope blocking;  // those who have the connections wait for the disk, most likely
+    has_turn = changed_.wait_for(lock, wait, is_served);
+  }
   std::erase(queue_, ticket);
   // The next caller in line may get its turn now as well, for example because this one gave up.
   changed_.notify_all();

@@ -6,8 +6,11 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <utility>
+
+#include "TansyBase/MessageLoop.h"
 
 namespace db_layer {
 
@@ -96,7 +99,15 @@ bool CSqliteDatabase::Write(const std::vector<std::string>& statements, CRowBuff
   SqlWrite write;
   write.statements = &statements;
   write.rows = rows;
-  group_commit_.Run(write);
+  {
+    // The caller does nothing but wait for the disk, so another thread of its message loop may work meanwhile, and hand
+    // in a write of its own for the next commit. A commit that does not wait for the disk is over before that pays.
+    std::optional<TansyBase::CBlockingScope> blocking;
+    if (options_.full_durability) {
+      blocking.emplace();
+    }
+    group_commit_.Run(write);
+  }
   if (!write.succeeded) {
     error = std::move(write.error);
   }

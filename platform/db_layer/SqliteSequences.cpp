@@ -7,6 +7,8 @@
 #include <limits>
 #include <utility>
 
+#include "TansyBase/MessageLoop.h"
+
 namespace db_layer {
 
 CSqliteSequences::CSqliteSequences(Commit commit) : commit_(std::move(commit)) {}
@@ -27,7 +29,10 @@ bool CSqliteSequences::NextValue(const std::string& sequence, std::int64_t& valu
     }
     // One failure answers all callers that waited for it. If each of them tried in turn, their waits would add up.
     const std::uint64_t failures = entry.failures;
-    reserved_.wait(lock, [&entry] { return !entry.is_reserving; });
+    {
+      const TansyBase::CBlockingScope blocking;  // the block is being committed
+      reserved_.wait(lock, [&entry] { return !entry.is_reserving; });
+    }
     if (entry.failures != failures) {
       error = entry.last_failure;
       return false;

@@ -5,34 +5,62 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <shared_mutex>
 #include <string_view>
+#include <utility>
+
+#include "TansyBase/MessageLoop.h"
 
 namespace Tansy::CloudStorage {
 
 // Serialises work on one name, while work on different names goes on side by side: each name belongs to one of
-// `Stripes` mutexes. A thread may hold one name or all of them, never two. Threads: any.
+// `Stripes` mutexes. A thread may hold one name or all of them, never two. Whoever waits lets a spare thread of its
+// message loop take its place, because names are held while the database commits. Threads: any.
 template <std::size_t Stripes>
 class CKeyLocks {
  public:
-  using Guard = std::unique_lock<std::mutex>;
-  using AllGuard = std::array<Guard, Stripes>;
+  class Guard {
+   public:
+    // Tells which mutex stands for the name.
+    const std::mutex* Stripe() const { return name_.mutex(); }
+
+   private:
+    friend class CKeyLocks;
+    Guard(std::shared_lock<std::shared_mutex> some, std::unique_lock<std::mutex> name)
+        : some_(std::move(some)), name_(std::move(name)) {}
+
+    std::shared_lock<std::shared_mutex> some_;
+    std::unique_lock<std::mutex> name_;
+  };
+  using AllGuard = std::unique_lock<std::shared_mutex>;
 
   // Locks a name of a group ("bucket" and "key"); the group may be empty.
   [[nodiscard]] Guard Lock(std::string_view group, std::string_view name) {
     const std::hash<std::string_view> hash;
-    return Guard(stripes_[(hash(group) * 31 + hash(name)) % Stripes]);
+    std::shared_lock<std::shared_mutex> some(all_, std::defer_lock);
+    {
+      std::unique_lock<std::mutex> turn(turn_, std::defer_lock);
+      TansyBase::LockWhileBlocking(turn);
+      TansyBase::LockWhileBlocking(some);
+    }
+    std::unique_lock<std::mutex> one(stripes_[(hash(group) * 31 + hash(name)) % Stripes], std::defer_lock);
+    TansyBase::LockWhileBlocking(one);
+    return Guard(std::move(some), std::move(one));
   }
 
-  // Locks every name. The mutexes are taken in a fixed order, so two such calls cannot block each other.
+  // Locks every name. Names that are locked already are waited for, and nobody gets another one meanwhile: work on
+  // single names that never pauses would otherwise keep this caller waiting for ever.
   [[nodiscard]] AllGuard LockAll() {
-    AllGuard guards;
-    for (std::size_t i = 0; i < Stripes; ++i) {
-      guards[i] = Guard(stripes_[i]);
-    }
-    return guards;
+    std::unique_lock<std::mutex> turn(turn_, std::defer_lock);
+    TansyBase::LockWhileBlocking(turn);
+    AllGuard all(all_, std::defer_lock);
+    TansyBase::LockWhileBlocking(all);
+    return all;
   }
 
  private:
+  std::mutex turn_;        // held while somebody waits for all_
+  std::shared_mutex all_;  // shared by those who hold one name
   std::array<std::mutex, Stripes> stripes_;
 };
 

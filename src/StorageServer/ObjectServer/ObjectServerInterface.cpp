@@ -16,6 +16,7 @@
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
+#include "StorageServer/ServerMsgLoop.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyNet/HttpServer.h"
 #include "db_layer/DbLayer.h"
@@ -28,9 +29,10 @@ namespace {
 constexpr const char* kConfigOwner = "CloudStorage";
 constexpr const char* kConfigName = "Config_LocalConfigManager";
 
-// The bounds of the pool; everything else comes from the host.
+// The bounds of the pool; everything else comes from the host. A worker that waits for a commit keeps its connection,
+// so there are some for all workers at once, those that compute and those that wait.
 constexpr int kMinConnections = 4;
-constexpr int kMaxConnections = 16;
+constexpr int kMaxConnections = CServerMsgLoop::kThreads + static_cast<int>(CServerMsgLoop::kMaxBlocked);
 
 constexpr int kInitFailed = -1;
 

@@ -13,6 +13,7 @@
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/FileUtil.h"
 #include "TansyBase/GuidUtil.h"
+#include "TansyBase/MessageLoop.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyProto/XmlProto.h"
 
@@ -141,7 +142,8 @@ int CPartUpload::Store(const StorageServerConfig& config) {
     return Illegal();
   }
   // From here until the part is recorded, the mutex keeps away the task's other parts, its completion and the sweep.
-  const std::lock_guard<std::mutex> lock(*task_mutex);
+  std::unique_lock<std::mutex> lock(*task_mutex, std::defer_lock);
+  TansyBase::LockWhileBlocking(lock);
   if (const int error = CheckState(); error != 0) {
     return error;
   }
@@ -343,7 +345,8 @@ int CCompletion::Complete(std::string_view body, const StorageServerConfig& conf
   std::shared_ptr<std::mutex> task_mutex;
   std::unique_lock<std::mutex> lock;
   if (manager_.GetPartFileMutex(upload_id_, task_mutex)) {
-    lock = std::unique_lock<std::mutex>(*task_mutex);
+    lock = std::unique_lock<std::mutex>(*task_mutex, std::defer_lock);
+    TansyBase::LockWhileBlocking(lock);
   }
   if (const int error = CheckParts(body); error != 0) {
     return error;

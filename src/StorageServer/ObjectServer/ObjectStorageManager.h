@@ -114,6 +114,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   void LoadAges();
   void RecoverPartSizes();
   void DropPartSizesOfEndedTasks();
+  [[nodiscard]] std::unique_lock<std::mutex> LockBucketChanges();
   bool IsNameTaken(const std::string& name);
   bool IsNameTakenByAnother(const BucketInfo& bucket);
   std::string RowName(const std::string& bucket_name);
@@ -137,7 +138,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   std::atomic<bool> loaded_{false};
 
   std::mutex bucket_changes_;  // held while a bucket is added, changed or removed, database included
-  CKeyLocks<32> object_locks_;
+  // Many more than there are threads, so that writers of different keys seldom wait for each other's commit.
+  CKeyLocks<1024> object_locks_;
 
   std::mutex bucket_mutex_;
   std::map<std::string, BucketInfo> buckets_;

@@ -5,6 +5,7 @@
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "TansyBase/MessageLoop.h"
 
 namespace Tansy::CloudStorage {
 
@@ -19,6 +20,13 @@ BucketMap::iterator FindBucketById(BucketMap& buckets, std::uint32_t id) {
 
 }  // namespace
 }  // namespace details
+
+// Whoever holds the mutex commits to the database, so a thread that waits for it is not working.
+std::unique_lock<std::mutex> CObjectStorageManager::LockBucketChanges() {
+  std::unique_lock<std::mutex> change(bucket_changes_, std::defer_lock);
+  TansyBase::LockWhileBlocking(change);
+  return change;
+}
 
 bool CObjectStorageManager::IsBucketExist(const std::string& name) {
   const std::lock_guard<std::mutex> lock(bucket_mutex_);
@@ -53,7 +61,7 @@ std::string CObjectStorageManager::RowNameById(std::uint32_t bucket_id) {
 }
 
 bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
-  const std::lock_guard<std::mutex> change(bucket_changes_);
+  const auto change = LockBucketChanges();
   if (IsNameTaken(bucket.name)) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
     return false;
@@ -73,7 +81,7 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
 }
 
 bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
-  const std::lock_guard<std::mutex> change(bucket_changes_);
+  const auto change = LockBucketChanges();
   // With all names locked, an object is added either before this and renamed with the rest, or after this under the new
   // name.
   const auto all_objects_lock = object_locks_.LockAll();
@@ -104,7 +112,7 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
 }
 
 bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
-  const std::lock_guard<std::mutex> change(bucket_changes_);
+  const auto change = LockBucketChanges();
   // The lock is held until the bucket is gone from memory too: an upload comes before all of this, and its object is
   // removed, or it finds no bucket.
   const auto all_objects_lock = object_locks_.LockAll();
@@ -118,7 +126,7 @@ bool CObjectStorageManager::RemoveBucket(std::uint32_t id) {
 }
 
 bool CObjectStorageManager::RemoveBucket(const std::set<std::uint32_t>& ids) {
-  const std::lock_guard<std::mutex> change(bucket_changes_);
+  const auto change = LockBucketChanges();
   const auto all_objects_lock = object_locks_.LockAll();
   const BucketNames names = FindNames(ids, CLOUD_LOG_CALLER);
   if (!CObjectServerSession::DeleteBuckets(ids, names.in_rows)) {

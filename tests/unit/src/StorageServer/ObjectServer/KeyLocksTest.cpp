@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "fakes/HeldLoop.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -30,7 +35,7 @@ void InThreads(Work work) {
 // Which mutex stands for a name.
 template <std::size_t Stripes>
 const std::mutex* StripeOf(CKeyLocks<Stripes>& locks, const std::string& group, const std::string& name) {
-  return locks.Lock(group, name).mutex();
+  return locks.Lock(group, name).Stripe();
 }
 
 TEST(KeyLocks, PutsWorkOnOneNameInLine) {
@@ -87,10 +92,58 @@ TEST(KeyLocks, IsFreeAgainAfterwards) {
   CKeyLocks<4> locks;
   { const auto guard = locks.LockAll(); }
   { const auto guard = locks.Lock("", "key"); }
-  const auto guard = locks.LockAll();
-  for (const auto& one : guard) {
-    EXPECT_TRUE(one.owns_lock());
+  EXPECT_TRUE(locks.LockAll().owns_lock());
+}
+
+// Whoever wants all names gets them although others never stop taking single ones.
+TEST(KeyLocks, GetsEveryNameBesideWorkThatNeverPauses) {
+  CKeyLocks<4> locks;
+  std::atomic<bool> got_all{false};
+  std::atomic<int> rounds{0};
+  InThreads([&](int thread) {
+    if (thread == 0) {
+      while (rounds < kThreads) {
+        std::this_thread::yield();
+      }
+      const auto guard = locks.LockAll();
+      got_all = true;
+      return;
+    }
+    // Two of these threads hold a name at each moment: each lets go of its name only after it has seen another
+    // thread take one.
+    while (!got_all) {
+      const auto guard = locks.Lock("bucket", std::to_string(thread));
+      const int seen = ++rounds;
+      for (int i = 0; i < 1000 && rounds == seen && !got_all; ++i) {
+        std::this_thread::yield();
+      }
+    }
+  });
+  EXPECT_TRUE(got_all);
+}
+
+// A thread of a message loop that waits for a name lets another task run meanwhile; the one thread of this loop would
+// otherwise never come to the task that ends the wait.
+TEST(KeyLocks, WaitingForANameLetsOtherTasksRun) {
+  CKeyLocks<4> locks;
+  TansyBase::CMessageLoopDyThreadPool loop;
+  ASSERT_TRUE(loop.Start(1, 1, 5));
+  for (const bool all : {false, true}) {
+    auto held = std::make_unique<CKeyLocks<4>::Guard>(locks.Lock("bucket", "key"));
+    std::promise<void> waiter_done;
+    Tests::Post(loop, [&] {
+      if (all) {
+        const auto guard = locks.LockAll();
+      } else {
+        const auto guard = locks.Lock("bucket", "key");
+      }
+      waiter_done.set_value();
+    });
+    EXPECT_TRUE(Tests::WaitForTurn(loop));
+    held.reset();
+    waiter_done.get_future().wait();
   }
+  loop.Stop(true);
 }
 
 }  // namespace

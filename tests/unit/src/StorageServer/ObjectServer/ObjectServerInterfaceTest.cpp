@@ -219,7 +219,7 @@ TEST_F(ObjectServerInterface, InitHandsTheHostsSettingsToTheDatabase) {
   EXPECT_EQ(param.password, "secret");
   EXPECT_EQ(param.database, "catalogue");
   EXPECT_EQ(param.min_connections, 4);
-  EXPECT_EQ(param.max_connections, 16);
+  EXPECT_EQ(param.max_connections, 68);
   EXPECT_NE(CBaseDBLayerConn::Instance().ApplyConn(), nullptr) << "registered as the module that connections are of";
 }
 
@@ -266,7 +266,7 @@ TEST_F(ObjectServerInterface, InitGoesOnWithoutFactory) {
              "i_factory_interface id nullptr");
   EXPECT_EQ(driver_->LastParam().user, "");
   EXPECT_EQ(driver_->LastParam().min_connections, 4);
-  EXPECT_EQ(driver_->LastParam().max_connections, 16);
+  EXPECT_EQ(driver_->LastParam().max_connections, 68);
   EXPECT_EQ(http_.Calls().size(), 2U);
 }
 
@@ -308,7 +308,7 @@ TEST_F(ObjectServerInterface, WaitingForTheDatabaseSaysWhyAndTakesCorrectedSetti
   EXPECT_NE(log_->Text(kReason).find("not now"), std::string::npos) << log_->Text(kReason);
   EXPECT_EQ(driver_->LastParam().host, "right.example");
   EXPECT_EQ(driver_->LastParam().user, "corrected 2");
-  EXPECT_EQ(driver_->LastParam().max_connections, 16);
+  EXPECT_EQ(driver_->LastParam().max_connections, 68);
 }
 
 TEST_F(ObjectServerInterface, AHostThatHasNoSettingsAnyMoreKeepsTheOldOnes) {
@@ -351,7 +351,7 @@ TEST_F(ObjectServerInterface, AChangedConfigurationReachesTheDatabase) {
   EXPECT_EQ(param.password, "new secret");
   EXPECT_EQ(param.database, "new name");
   EXPECT_EQ(param.min_connections, 4);
-  EXPECT_EQ(param.max_connections, 16);
+  EXPECT_EQ(param.max_connections, 68);
 }
 
 TEST_F(ObjectServerInterface, NothingIsThrownIntoTheHost) {
