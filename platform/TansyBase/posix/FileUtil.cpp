@@ -50,6 +50,11 @@ int FileUtil::MakeDirectory(const std::string& path) {
   return mkdir(NativePath(path).c_str(), 0777) == 0 ? 0 : errno;
 }
 
+int FileUtil::EnsureDirectory(const std::string& path) {
+  const int error = MakeDirectory(path);
+  return error == 0 || error == EEXIST ? SyncFolderOf(NativePath(path)) : error;
+}
+
 int FileUtil::RemoveFile(const std::string& path) {
   if (!IsPlainPath(path)) {
     return ENOENT;

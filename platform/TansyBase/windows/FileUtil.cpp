@@ -36,6 +36,12 @@ int FileUtil::MakeDirectory(const std::string& path) {
   return _wmkdir(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
 }
 
+// The system keeps names in a journal of its own and cannot be asked to wait for it.
+int FileUtil::EnsureDirectory(const std::string& path) {
+  const int error = MakeDirectory(path);
+  return error == EEXIST ? 0 : error;
+}
+
 int FileUtil::RemoveFile(const std::string& path) {
   return _wunlink(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
 }

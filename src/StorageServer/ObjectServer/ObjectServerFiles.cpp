@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <mutex>
+#include <set>
 
 #include "ModuleLog.h"
 #include "TansyBase/FileUtil.h"
@@ -17,13 +19,29 @@ struct FileCloser {
 };
 using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
 
-// Returns 0 also when somebody else made the folder meanwhile.
+// The folders whose names this process has seen on stable storage.
+struct DurableFolders {
+  std::mutex mutex;
+  std::set<std::string> paths;
+};
+DurableFolders& TheDurableFolders() {
+  static DurableFolders folders;
+  return folders;
+}
+
+// Returns 0 also when somebody else made the folder meanwhile, or made it earlier and ended before it was durable. Who
+// finds a folder that another thread is still making durable waits for that.
 int MakeFolder(const std::string& path) {
-  if (FileUtil::Exists(path)) {
+  DurableFolders& durable = TheDurableFolders();
+  const std::lock_guard lock(durable.mutex);
+  if (durable.paths.count(path) > 0 && FileUtil::Exists(path)) {
     return 0;
   }
-  const int error = FileUtil::MakeDirectory(path);
-  return error == EEXIST ? 0 : error;
+  const int error = FileUtil::EnsureDirectory(path);
+  if (error == 0) {
+    durable.paths.insert(path);
+  }
+  return error;
 }
 
 }  // namespace

@@ -10,8 +10,9 @@
 
 namespace Tansy::CloudStorage::details {
 
-// Makes every folder of the path that is missing. What follows the last separator is a file and is not made. An
-// absolute POSIX path fails, because its first prefix is empty.
+// Makes every folder of the path that is missing, and sees to it that a power failure does not take the folders away.
+// What follows the last separator is a file and is not made. An absolute POSIX path fails, because its first prefix is
+// empty.
 // Fixed: docs/compatibility.md, "Misspelt names".
 bool CreateFloder(const std::string& path);
 

@@ -70,6 +70,14 @@ TEST_F(FileUtilTest, ExistsFilesAndFolders) {
   EXPECT_FALSE(FileUtil::Exists(""));
 }
 
+TEST_F(FileUtilTest, EnsuresOneFolder) {
+  EXPECT_EQ(FileUtil::EnsureDirectory(Path("new")), 0);
+  EXPECT_TRUE(std::filesystem::is_directory(Path("new")));
+  EXPECT_EQ(FileUtil::EnsureDirectory(Path("new")), 0);
+  EXPECT_EQ(FileUtil::EnsureDirectory(Path("a/b")), ENOENT);
+  EXPECT_EQ(FileUtil::EnsureDirectory(""), ENOENT);
+}
+
 TEST_F(FileUtilTest, MakesOneFolder) {
   EXPECT_EQ(FileUtil::MakeDirectory(Path("new")), 0);
   EXPECT_TRUE(std::filesystem::is_directory(Path("new")));
