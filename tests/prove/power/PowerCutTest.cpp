@@ -1,0 +1,232 @@
+// The power fails at any moment of a random workload: whatever part of the unsynced operations the disk has kept, what
+// was acknowledged is there and whole, and what was not is there and whole or not there.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Disk.h"
+#include "Inspection.h"
+#include "ProveFolder.h"
+#include "Settings.h"
+#include "Workload.h"
+#include "support/TansydTest.h"
+
+namespace prove {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kStatesOfATrace = 60;
+constexpr int kStatesOfAShortRun = 150;
+
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += line + "\n";
+  }
+  return text;
+}
+
+class PowerCut : public testing::Test {
+ protected:
+  std::string TracePath() const { return folder_.GetPath() + "/calls.trace"; }
+
+  using Work = std::function<void(system_tests::CTansyd& server, CTraceMarks& marks)>;
+
+  // Does the work with a fresh server, and leaves the trace behind and the data folder as it was at the end.
+  void RunRecorded(const Work& work, const std::string& plant = "") {
+    CTraceMarks marks(TracePath());
+    system_tests::CTansyd server(folder_.GetPath(), "recorded");
+    std::filesystem::remove_all(server.Data());
+    std::filesystem::create_directories(server.Data());
+    system_tests::Launch launch = WatchedLaunch(server.Data());
+    launch.environment["TANSY_CALLS_TRACE"] = TracePath();
+    launch.environment["TANSY_CALLS_SYNC_MICROSECONDS"] = "1500";
+    if (!plant.empty()) {
+      launch.environment["TANSY_CALLS_PLANT"] = plant;
+    }
+    // Housekeeping is at work all the time, and frees what is replaced.
+    launch.arguments = {"--keep-failed", "1"};
+    ASSERT_TRUE(server.Start(launch));
+    work(server, marks);
+    server.Kill();
+  }
+  void RunRecorded(const WorkloadOptions& workload, const std::string& plant = "") {
+    RunRecorded(
+        [&workload](system_tests::CTansyd& server, CTraceMarks& marks) {
+          for (const std::string& surprise : RunWorkload(server, marks, workload)) {
+            ADD_FAILURE() << surprise << "\n" << server.GetLog();
+          }
+        },
+        plant);
+  }
+
+  // Cuts the power at random moments of the trace. Gives the first cut that broke a promise, as lines; empty: none.
+  std::vector<std::string> CutOften(std::uint64_t seed, int states, int& done) {
+    const CTrace trace(TracePath());
+    const std::vector<Request> requests = ReadRequests(trace);
+    std::mt19937_64 random(seed);
+    std::vector<std::size_t> positions;
+    for (int i = 0; i < states; ++i) {
+      positions.push_back(Position(trace, random));
+    }
+    std::sort(positions.begin(), positions.end());
+    CDisk disk(trace);
+    CInspection inspection(folder_.GetPath() + "/state");
+    for (std::size_t i = 0; i < positions.size(); ++i) {
+      const auto cut = static_cast<ECut>(random() % 5);
+      disk.AdvanceTo(positions[i]);
+      inspection.Clear();
+      disk.WriteTo(inspection.GetDataFolder(), cut, random);
+      std::vector<std::string> broken =
+          inspection.Run(PromisesAt(requests, positions[i]), {.starts_twice = i % 8 == 0});
+      ++done;
+      if (!broken.empty()) {
+        broken.insert(broken.begin(), "seed " + std::to_string(seed) + ", cut " + std::to_string(i) +
+                                          " in front of record " + std::to_string(positions[i]) + " of " +
+                                          std::to_string(trace.GetRecords().size()) + ", " + TextOf(cut));
+        broken.push_back(inspection.GetErrors());
+        return broken;
+      }
+    }
+    return {};
+  }
+
+  // Half of the moments are beside a sync or an answer, where a defect shows most easily.
+  static std::size_t Position(const CTrace& trace, std::mt19937_64& random) {
+    const auto& records = trace.GetRecords();
+    std::size_t position = random() % records.size() + 1;
+    const bool is_beside = random() % 2 == 0;
+    const auto is_special = [](const Record& record) {
+      return record.head.kind == ERecord::kSyncEnds || record.head.kind == ERecord::kMark;
+    };
+    while (is_beside && position < records.size() && !is_special(records[position - 1])) {
+      ++position;
+    }
+    return position;
+  }
+
+  // The planted defect must be found.
+  void ExpectFound(const std::string& plant) {
+    const Settings& settings = Settings::Get();
+    int done = 0;
+    for (int round = 0; round < 10; ++round) {
+      const std::uint64_t seed = settings.seed * 100 + static_cast<std::uint64_t>(round);
+      ASSERT_NO_FATAL_FAILURE(RunRecorded({.seed = seed, .clients = 4, .requests = 10, .big_bodies = 0}, plant));
+      const std::vector<std::string> broken = CutOften(seed, kStatesOfATrace, done);
+      if (!broken.empty()) {
+        std::cout << "found after " << done << " cuts: " << broken[1] << std::endl;
+        return;
+      }
+    }
+    FAIL() << plant << " was not found by " << done << " cuts, seed " << settings.seed;
+  }
+
+  const CProveFolder folder_;
+};
+
+TEST_F(PowerCut, EveryDiskKeepsWhatWasPromised) {
+  const Settings& settings = Settings::Get();
+  const auto end = Clock::now() + std::chrono::minutes(settings.minutes);
+  std::cout << "seed " << settings.seed << std::endl;
+  const int wanted = settings.states > 0 ? settings.states : settings.minutes > 0 ? 0 : kStatesOfAShortRun;
+  int done = 0;
+  for (int round = 0; done < wanted || Clock::now() < end; ++round) {
+    const std::uint64_t seed = settings.seed * 100000 + static_cast<std::uint64_t>(round);
+    if (settings.trace.empty()) {
+      ASSERT_NO_FATAL_FAILURE(RunRecorded({.seed = seed}));
+    } else {
+      std::filesystem::copy_file(settings.trace, TracePath(), std::filesystem::copy_options::overwrite_existing);
+    }
+    const int states = settings.minutes > 0 ? kStatesOfATrace : std::min(kStatesOfATrace, wanted - done);
+    const std::vector<std::string> broken = CutOften(settings.trace.empty() ? seed : settings.seed, states, done);
+    if (!broken.empty()) {
+      const std::string kept = KeepFile(TracePath(), "power-" + std::to_string(seed) + ".trace");
+      FAIL() << Joined(broken) << "the trace is kept: " << kept << "\nthe same again: --trace " << kept << " --seed "
+             << seed << " --states " << states;
+    }
+    ForgetBodies();
+    if (settings.minutes > 0) {
+      std::cout << done << " disks, all as promised" << std::endl;
+    }
+  }
+  std::cout << done << " disks, all as promised" << std::endl;
+}
+
+// The folder of first parts is made for the first of them.
+TEST_F(PowerCut, TheFirstPartOfAFreshServerSurvives) {
+  ASSERT_NO_FATAL_FAILURE(RunRecorded([](system_tests::CTansyd& server, CTraceMarks& marks) {
+    EXPECT_EQ(Send(server, marks, {.number = 1, .kind = ERequest::kBucket, .key = "b", .body = "made"}), "200");
+    std::string task;
+    EXPECT_EQ(Send(server, marks, {.number = 2, .kind = ERequest::kBegin, .key = "o"}, &task), "200");
+    const std::string body = BodySpec(1, 5000);
+    EXPECT_EQ(
+        Send(server, marks, {.number = 3, .kind = ERequest::kPart, .key = "o", .body = body, .task = task, .part = 1}),
+        "200");
+  }));
+  const CTrace trace(TracePath());
+  CDisk disk(trace);
+  disk.AdvanceTo(trace.GetRecords().size());
+  CInspection inspection(folder_.GetPath() + "/state");
+  std::mt19937_64 random(1);
+  disk.WriteTo(inspection.GetDataFolder(), ECut::kAllLost, random);
+  const Promises promises = PromisesAt(ReadRequests(trace), trace.GetRecords().size());
+  EXPECT_EQ(promises.tasks.size(), 1U);
+  EXPECT_EQ(Joined(inspection.Run(promises, {})), "") << inspection.GetErrors();
+}
+
+// The same for defects that are put in on purpose.
+TEST_F(PowerCut, FindsThatBodiesAreNotSynced) {
+  ExpectFound("no-body-sync");
+}
+TEST_F(PowerCut, FindsThatFoldersAreNotSynced) {
+  ExpectFound("no-folder-sync");
+}
+TEST_F(PowerCut, FindsThatTheCatalogueIsNotSynced) {
+  ExpectFound("no-catalogue-sync");
+}
+TEST_F(PowerCut, FindsARowBeforeItsBytes) {
+  ExpectFound("row-before-bytes");
+}
+TEST_F(PowerCut, FindsAnAnswerBeforeItsCommit) {
+  ExpectFound("answer-before-commit");
+}
+
+// Nothing that changes files escapes the recorder: a disk that has kept everything is the folder itself.
+TEST_F(PowerCut, TheTraceHoldsEveryChange) {
+  ASSERT_NO_FATAL_FAILURE(RunRecorded({.seed = 1, .clients = 4, .requests = 15}));
+  const std::string copy = folder_.GetPath() + "/copy";
+  std::filesystem::create_directories(copy);
+  const CTrace trace(TracePath());
+  CDisk disk(trace);
+  disk.AdvanceTo(trace.GetRecords().size());
+  std::mt19937_64 random(1);
+  disk.WriteTo(copy, ECut::kAllKept, random);
+  const std::map<std::string, std::string> expected = FilesOf(folder_.GetPath() + "/recorded");
+  const std::map<std::string, std::string> found = FilesOf(copy);
+  EXPECT_GT(expected.size(), 20U);
+  for (const auto& [name, content] : expected) {
+    // SQLite changes this one in memory; it holds nothing that has to survive.
+    if (!name.ends_with("-shm")) {
+      EXPECT_TRUE(found.count(name) > 0 && found.at(name) == content) << name << ", " << content.size() << " bytes";
+    }
+  }
+  for (const auto& [name, content] : found) {
+    EXPECT_EQ(expected.count(name), 1U) << name;
+  }
+}
+
+}  // namespace
+}  // namespace prove
+
+int main(int argc, char** argv) {
+  return prove::RunProve(argc, argv, "PowerCut.EveryDiskKeepsWhatWasPromised");
+}

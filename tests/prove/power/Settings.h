@@ -1,0 +1,26 @@
+// The command line of a program that runs for as long as it is told to.
+#ifndef TANSY_TESTS_PROVE_POWER_SETTINGS_H
+#define TANSY_TESTS_PROVE_POWER_SETTINGS_H
+
+#include <cstdint>
+#include <string>
+
+namespace prove {
+
+struct Settings {
+  std::uint64_t seed = 1;
+  int states = 0;     // 0: as many as the short form has
+  int minutes = 0;    // 0: by number
+  std::string trace;  // one that an earlier run has kept; empty: new ones
+
+  // Of this process.
+  static Settings& Get();
+};
+
+// Runs the tests of this program: all of them, or, when options name a length, the one that can be long. Gives the
+// exit code.
+int RunProve(int argc, char** argv, const std::string& long_test);
+
+}  // namespace prove
+
+#endif  // TANSY_TESTS_PROVE_POWER_SETTINGS_H

@@ -1,0 +1,231 @@
+#include "Workload.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "support/PictureSystemTest.h"
+#include "support/TansydTest.h"
+
+namespace prove {
+namespace {
+
+using system_tests::Call;
+using system_tests::Reply;
+
+constexpr std::size_t kInPieces = 10485760;  // larger bodies arrive in pieces
+constexpr int kSharedKeys = 3;
+constexpr int kOwnKeys = 5;
+constexpr std::size_t kNumbersOfAClient = 1000000;
+
+system_tests::Request MakeRequest(const Request& request, const std::string& content) {
+  const std::string path = "/b/" + request.key;
+  switch (request.kind) {
+    case ERequest::kBucket:
+      return {"PUT", "/" + request.key, {}, "<CreateBucketConfiguration/>"};
+    case ERequest::kPut:
+      return {"PUT", path, {}, content};
+    case ERequest::kRemove:
+      return {"DELETE", path + "?deletefile", {}, ""};
+    case ERequest::kDelete:
+      return {"DELETE", path, {}, ""};
+    case ERequest::kBegin:
+      return {"POST", path + "?uploads", {}, ""};
+    case ERequest::kPart:
+      return {
+          "POST", path + "?upload_id=" + request.task + "&part_number=" + std::to_string(request.part), {}, content};
+    case ERequest::kComplete:
+      return {"POST", path + "?upload_id=" + request.task, {}, CompletionXml(request.body)};
+    case ERequest::kPicture:
+      break;
+  }
+  return {};
+}
+
+// One client. Its numbers of requests and of bodies are its own.
+class CClient {
+ public:
+  CClient(system_tests::CTansyd& server, CTraceMarks& marks, std::uint64_t seed, int number, std::atomic<int>& big)
+      : server_(server),
+        marks_(marks),
+        random_(seed * 1000 + static_cast<std::uint64_t>(number)),
+        next_((static_cast<std::size_t>(number) + 1) * kNumbersOfAClient),
+        number_(number),
+        big_(big) {}
+
+  void Run(int requests) {
+    for (int i = 0; i < requests; ++i) {
+      const std::uint64_t what = random_() % 100;
+      if (what < 55) {
+        Put();
+      } else if (what < 70) {
+        Do(random_() % 4 == 0 ? ERequest::kDelete : ERequest::kRemove, Key());
+      } else if (what < 82) {
+        Picture();
+      } else if (what < 85) {
+        Do(ERequest::kBucket, "extra-" + std::to_string(next_));
+      } else {
+        Multipart();
+      }
+    }
+  }
+  const std::vector<std::string>& GetSurprises() const { return surprises_; }
+
+ private:
+  std::string Key() {
+    const bool is_shared = random_() % 8 == 0;
+    return is_shared ? "shared-" + std::to_string(random_() % kSharedKeys)
+                     : "c" + std::to_string(number_) + "-" + std::to_string(random_() % kOwnKeys);
+  }
+  std::string Body(std::size_t size) { return BodySpec(next_, size); }
+  std::size_t Size() {
+    switch (random_() % 6) {
+      case 0:
+        return 1 + random_() % 100;
+      case 1:
+        return 60000 + random_() % 10000;
+      case 2:
+        return 1 + random_() % 300000;
+      default:
+        return 1 + random_() % 9000;
+    }
+  }
+
+  std::string Do(ERequest kind, const std::string& key, const std::string& body = "-", const std::string& task = "-",
+                 int part = 0) {
+    Request request;
+    request.number = next_++;
+    request.kind = kind;
+    request.key = key;
+    request.body = kind == ERequest::kBucket ? "made" : body;
+    request.task = task;
+    request.part = part;
+    std::string extra;
+    const std::string outcome = Send(server_, marks_, request, &extra);
+    const bool may_be_missing = kind == ERequest::kRemove || kind == ERequest::kDelete;
+    if (outcome != "200" && !(may_be_missing && outcome == "404 NoSuchKey")) {
+      surprises_.push_back(request.BeginLine() + ": " + outcome);
+    }
+    return outcome == "200" ? extra : "";
+  }
+
+  void Put() {
+    const bool is_big = random_() % 10 == 0 && --big_ >= 0;
+    Do(ERequest::kPut, Key(), Body(is_big ? kInPieces + 1 + random_() % 300000 : Size()));
+  }
+  void Picture() { Do(ERequest::kPicture, "-", Body(1 + random_() % 20000)); }
+
+  void Multipart() {
+    const std::string key = Key();
+    const std::string task = Do(ERequest::kBegin, key);
+    if (task.empty()) {
+      return;
+    }
+    const int count = 1 + static_cast<int>(random_() % 4);
+    const std::size_t size = 1 + random_() % 9000;
+    std::map<int, std::string> parts;
+    std::vector<int> order;
+    for (int part = 1; part <= count; ++part) {
+      order.push_back(part);
+    }
+    std::shuffle(order.begin(), order.end(), random_);
+    if (random_() % 3 == 0) {
+      order.push_back(1 + static_cast<int>(random_() % static_cast<unsigned>(count)));  // one is sent again
+    }
+    for (const int part : order) {
+      const std::size_t length = part == count ? 1 + (random_() % size) : size;
+      const std::string body = Body(parts.count(part) > 0 ? BodyOf(parts[part]).size() : length);
+      Do(ERequest::kPart, key, body, task, part);
+      parts[part] = body;
+    }
+    if (random_() % 5 == 0) {
+      return;  // nobody completes it
+    }
+    std::string whole;
+    for (const auto& [part, body] : parts) {
+      whole += (whole.empty() ? "" : ",") + body;
+    }
+    Do(ERequest::kComplete, key, whole, task);
+  }
+
+  system_tests::CTansyd& server_;
+  CTraceMarks& marks_;
+  std::mt19937_64 random_;
+  std::size_t next_;
+  const int number_;
+  std::atomic<int>& big_;
+  std::vector<std::string> surprises_;
+};
+
+}  // namespace
+
+std::string CompletionXml(const std::string& body) {
+  std::string parts;
+  int count = 0;
+  std::istringstream pieces(body);
+  for (std::string piece; std::getline(pieces, piece, ',');) {
+    parts += "<Part><PartNumber>" + std::to_string(++count) + "</PartNumber><PartSize>" +
+             piece.substr(piece.find(':') + 1) + "</PartSize></Part>";
+  }
+  return "<CompleteMultipartUpload><TotalPartNum>" + std::to_string(count) + "</TotalPartNum>" + parts +
+         "</CompleteMultipartUpload>";
+}
+
+std::string Send(system_tests::CTansyd& server, CTraceMarks& marks, Request request, std::string* extra) {
+  const bool has_content = request.kind == ERequest::kPut || request.kind == ERequest::kPart;
+  const bool is_picture = request.kind == ERequest::kPicture;
+  const std::string content = has_content || is_picture ? BodyOf(request.body) : "";
+  marks.Write(request.BeginLine());
+  Reply reply;
+  std::string more;
+  if (is_picture) {
+    const std::string boundary = "----boundary4711";
+    reply = Call(server.GetPicturePort(),
+                 system_tests::FormRequest(boundary, FormBody(boundary, system_tests::PictureFields(content))));
+    more = system_tests::JsonText(reply.body, "PictureUrl");
+  } else {
+    reply = Call(server.GetObjectPort(), system_tests::Signed(MakeRequest(request, content)));
+    more = system_tests::XmlValue(reply.body, "UploadId");
+  }
+  const std::string outcome = system_tests::Outcome(reply);
+  marks.Write(Request::EndLine(request.number, outcome, more));
+  if (extra != nullptr) {
+    *extra = more;
+  }
+  return outcome;
+}
+
+std::vector<std::string> RunWorkload(system_tests::CTansyd& server, CTraceMarks& marks,
+                                     const WorkloadOptions& options) {
+  std::vector<std::string> surprises;
+  Request bucket;
+  bucket.kind = ERequest::kBucket;
+  bucket.key = "b";
+  bucket.body = "made";
+  if (const std::string outcome = Send(server, marks, bucket); outcome != "200") {
+    surprises.push_back("the bucket: " + outcome);
+    return surprises;
+  }
+  std::atomic<int> big{options.big_bodies};
+  std::vector<CClient> clients;
+  for (int i = 0; i < options.clients; ++i) {
+    clients.emplace_back(server, marks, options.seed, i, big);
+  }
+  std::vector<std::thread> threads;
+  for (CClient& client : clients) {
+    threads.emplace_back([&client, &options] { client.Run(options.requests); });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const CClient& client : clients) {
+    surprises.insert(surprises.end(), client.GetSurprises().begin(), client.GetSurprises().end());
+  }
+  return surprises;
+}
+
+}  // namespace prove
