@@ -20,8 +20,8 @@ class FileUtil {
   static bool Exists(const std::string& path);
   // Makes one folder. Returns 0 or errno.
   static int MakeDirectory(const std::string& path);
-  // Makes one folder unless something of that name is there. Once 0 was returned, the name is on stable storage, so that
-  // a power failure does not take away what lies in the folder. Returns 0 or errno.
+  // Makes one folder unless something of that name is there. Once 0 was returned, the name is on stable storage, so
+  // that a power failure does not take away what lies in the folder. Returns 0 or errno.
   static int EnsureDirectory(const std::string& path);
   // Removes one file. Returns 0 or errno (a missing file is an error).
   static int RemoveFile(const std::string& path);
