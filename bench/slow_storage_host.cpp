@@ -1,6 +1,6 @@
 // A host whose storage is slow: what bench/upload_memory.sh sends its uploads to.
 //
-// usage: slow_storage_host DATABASE_FILE OBJECT_PORT MILLISECONDS_A_WRITE
+// usage: slow_storage_host DATABASE_FILE OBJECT_PORT MILLISECONDS_PER_WRITE
 //
 // Serves the object protocol with the keys in TANSY_ACCESS_KEY and TANSY_SECRET_KEY until its standard input ends. Each
 // write callback sleeps and forgets the bytes, so that the memory of the process is the module's and the HTTP
@@ -87,7 +87,7 @@ int Serve(const std::string& database, std::uint32_t port) {
 
 int main(int count, char** values) {
   if (count != 4) {
-    std::cerr << "usage: slow_storage_host DATABASE_FILE OBJECT_PORT MILLISECONDS_A_WRITE\n";
+    std::cerr << "usage: slow_storage_host DATABASE_FILE OBJECT_PORT MILLISECONDS_PER_WRITE\n";
     return 2;
   }
   try {

@@ -3,7 +3,7 @@
 # write callbacks sleep 300 ms, and beside them one GET after another. Prints the times of the GETs without uploads and
 # with them, and fails when one of a hundred takes 50 ms or more.
 #
-# usage: bench/slow_uploads.sh [BUILD_FOLDER [UPLOADS [MILLISECONDS_A_WRITE [GETS]]]]      default build 12 300 300
+# usage: bench/slow_uploads.sh [BUILD_FOLDER [UPLOADS [MILLISECONDS_PER_WRITE [GETS]]]]      default build 12 300 300
 #
 # Needs a build with -DTANSY_BUILD_BENCH=ON. The times are curl's own, connection included.
 set -euo pipefail
@@ -15,18 +15,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 limit_ms=50
 port=${PORT:-19721}
-host=$build/bin/slow_storage_host
-work=$(mktemp -d)
-pid=''
-cleanup() {
-  if [[ -n $pid ]]; then
-    kill "$pid" 2>/dev/null || true
-  fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
-[[ -x $host ]] || { echo "slow_uploads: build first: cmake -S . -B build -DTANSY_BUILD_BENCH=ON && cmake --build build" >&2; exit 1; }
-export TANSY_ACCESS_KEY=bench TANSY_SECRET_KEY=bench-secret TANSY_SERVER=http://127.0.0.1:$port
+name=slow_uploads
+. bench/slow_storage.sh
 
 # Prints the median, the 99th of a hundred and the longest time, in milliseconds.
 time_gets() {
@@ -35,12 +25,7 @@ time_gets() {
   done | sort -n | awk '{t[NR] = $1 * 1000} END {printf "%.1f %.1f %.1f\n", t[int((NR + 1) / 2)], t[int(NR * 0.99)], t[NR]}'
 }
 
-mkfifo "$work/input"
-"$host" "$work/catalogue.db" "$port" "$write_ms" <"$work/input" >"$work/ready" 2>"$work/log" &
-pid=$!
-exec 3>"$work/input"
-until grep -q ready "$work/ready"; do sleep 0.1; done
-scripts/signed-curl.sh PUT /bench --fail -o /dev/null --data '<CreateBucketConfiguration/>'
+start_host "$write_ms"
 scripts/signed-curl.sh PUT /bench/small --fail -o /dev/null --data x
 
 printf '%-24s %10s %10s %10s\n' 'GETs, ms' median 'p99' longest

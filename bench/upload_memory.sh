@@ -2,7 +2,7 @@
 # Measures what an upload in progress costs in memory while the storage is slow: 1, 8 and 64 uploads at once against a
 # host whose write callbacks sleep. Prints one row for each number and fails when an upload costs more than 24 MiB.
 #
-# usage: bench/upload_memory.sh [BUILD_FOLDER [MIB_AN_UPLOAD [MILLISECONDS_A_WRITE]]]      default build 256 20
+# usage: bench/upload_memory.sh [BUILD_FOLDER [MIB_PER_UPLOAD [MILLISECONDS_PER_WRITE]]]      default build 256 20
 #
 # Needs a build with -DTANSY_BUILD_BENCH=ON. The peak is the kernel's own (VmHWM of /proc/PID/status), reset before the
 # uploads begin; what the process held before them is taken off.
@@ -14,18 +14,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 limit_mib=24
 port=${PORT:-19720}
-host=$build/bin/slow_storage_host
-work=$(mktemp -d)
-pid=''
-cleanup() {
-  if [[ -n $pid ]]; then
-    kill "$pid" 2>/dev/null || true
-  fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
-[[ -x $host ]] || { echo "upload_memory: build first: cmake -S . -B build -DTANSY_BUILD_BENCH=ON && cmake --build build" >&2; exit 1; }
-export TANSY_ACCESS_KEY=bench TANSY_SECRET_KEY=bench-secret TANSY_SERVER=http://127.0.0.1:$port
+name=upload_memory
+. bench/slow_storage.sh
 
 status_kib() { # FIELD
   awk -v field="$1:" '$1 == field {print $2}' "/proc/$pid/status"
@@ -37,13 +27,7 @@ upload() { # NUMBER
 
 measure() { # UPLOADS
   local uploads=$1 before peak started each clients=() client
-  rm -f "$work"/catalogue.db* "$work/input" "$work/ready"
-  mkfifo "$work/input"
-  "$host" "$work/catalogue.db" "$port" "$write_ms" <"$work/input" >"$work/ready" 2>"$work/log" &
-  pid=$!
-  exec 3>"$work/input"
-  until grep -q ready "$work/ready"; do sleep 0.1; done
-  scripts/signed-curl.sh PUT /bench --fail -o /dev/null --data '<CreateBucketConfiguration/>'
+  start_host "$write_ms"
   before=$(status_kib VmRSS)
   echo 5 >"/proc/$pid/clear_refs"
   started=$SECONDS
