@@ -33,7 +33,7 @@ struct LastError {
   std::string message;
 };
 
-// With the parameter true over HTTPS, trusting the server's own certificate and no other.
+// The parameter true stands for HTTPS, with trust in the server's own certificate and no other.
 class ClientTest : public TansydTest, public testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
@@ -436,7 +436,7 @@ TEST_F(ClientTrustTest, VersionsAreAskedOverPlainHttp) {
   int code = 0;
   std::string message;
   client.GetLastError(code, message);
-  // This server does not offer the question, and says so.
+  // This server does not know the question for a size, and says so.
   EXPECT_FALSE(told);
   EXPECT_EQ(code, 5);
   EXPECT_TRUE(message.starts_with("get storage version rsp status code[")) << message;

@@ -1,5 +1,5 @@
-// tansy while something goes wrong in the middle: objects that are replaced, servers that are started again, programs
-// that are killed. What it leaves and what it claims must be true.
+// Something goes wrong while tansy works: objects are replaced, servers are started again, programs are killed. What
+// tansy leaves behind must be whole, and what it says must be true.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>

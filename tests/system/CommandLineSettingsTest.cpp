@@ -28,7 +28,7 @@ class CommandLineZeroTest : public CommandLineFixture {
     ASSERT_TRUE(own_.Start(launch_));
   }
 
-  // Without anything in the environment.
+  // These commands find nothing in the environment.
   Invocation Plain(const std::vector<std::string>& arguments) const {
     Invocation invocation = Tansy(arguments);
     invocation.environment = {{"HOME", temp_.Path("home")}};
@@ -384,7 +384,7 @@ TEST_F(CommandLineCompletionTest, PrintsAManualThatFormatsWithoutComplaint) {
   format.program = "groff";
   format.arguments = {"-man", "-Tutf8", "-ww", "-P-c", "/dev/stdin"};
   Ended page = RunProgram(format, Do({"completion", "man"}));
-  // Bold letters are printed twice, with a step back between.
+  // Bold letters are printed twice, with a backspace in between.
   for (std::size_t at = 0; (at = page.out.find('\b', at)) != std::string::npos;) {
     page.out.erase(--at, 2);
   }

@@ -44,7 +44,8 @@ class CommandLineTransferTest : public CommandLineFixture {
 // ---- sizes and names
 
 TEST_F(CommandLineTransferTest, CarriesFilesOfEverySize) {
-  // Around the size from which files go in parts, and around those parts and the pieces that are read back.
+  // These sizes lie around the size from which files are sent in parts, around the size of the parts, and around the
+  // size of the pieces that are read back.
   for (const std::size_t size : {std::size_t{0}, std::size_t{1}, 2 * kMiB, 10 * kMiB - 1, 10 * kMiB + 1}) {
     const std::string content = RandomBytes(size, size);
     Write("file", content);
@@ -62,7 +63,7 @@ TEST_F(CommandLineTransferTest, PutsInAsManyPiecesAsAskedFor) {
   for (const char* pieces : {"1", "2", "7", "10000"}) {
     const std::string name = std::string("in-") + pieces;
     if (std::string(pieces) == "10000") {
-      Write("file", content.substr(0, 20));  // of fewer bytes than pieces
+      Write("file", content.substr(0, 20));  // it has fewer bytes than pieces
     }
     EXPECT_EQ(Do({"put", "file", "--name", name, "--pieces", pieces}), "/photos/" + name + "\n");
     EXPECT_TRUE(Do({"cat", "/photos/" + name}) == Read("file")) << pieces;
@@ -350,7 +351,7 @@ TEST_F(CommandLineTransferTest, EndsWhenNobodyReadsItsOutput) {
 }
 
 TEST_F(CommandLineTransferTest, ASecondUploadWaitsForNobody) {
-  // The same name from two programs at once: either is the object in the end, and whole.
+  // Two programs send the same name at once. One of the two is the object in the end, and it is whole.
   Write("a", std::string(9 * kMiB, 'a'));
   Write("b", std::string(9 * kMiB, 'b'));
   server_.Signal(SIGSTOP);  // until both have begun

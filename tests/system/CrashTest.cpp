@@ -1,5 +1,5 @@
-// kill -9 at any instant: what was acknowledged is there and whole, what was not is either there and whole or not
-// there.
+// kill -9 at any instant: what was acknowledged is there and whole. What was not acknowledged is there and whole, or it
+// is not there.
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -96,7 +96,7 @@ class CrashTest : public TansydTest {
 class KillUnderLoadTest : public CrashTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(KillUnderLoadTest, AcknowledgedObjectsSurvive) {
-  // A killed process loses nothing that the operating system has, so both ways must hold.
+  // A killed process loses nothing that the operating system has, so the promise holds for both kinds of durability.
   Launch launch;
   launch.arguments = {"--durability", GetParam()};
   ASSERT_TRUE(server_.Start(launch));
@@ -107,7 +107,7 @@ TEST_P(KillUnderLoadTest, AcknowledgedObjectsSurvive) {
     for (int i = 0; i < 6; ++i) {
       clients.emplace_back([this, i, round, &stop] { RunClient(i, round, stop); });
     }
-    // Not always at the same place, and not before something was done.
+    // The server is killed at a different moment each time, and not before something was done.
     const int goal = acknowledged_count_ + 20 + round * 7;
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (acknowledged_count_ < goal && std::chrono::steady_clock::now() < deadline) {

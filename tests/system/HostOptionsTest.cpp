@@ -30,7 +30,7 @@ class HostOptionsTest : public TansydTest {
     options.address = address;
     return CConnection::Open(port, options);
   }
-  // What the best-node answer says to a client that knows the server by this name.
+  // Gives the best-node answer to a client that knows the server by this name.
   std::string BestNode(const std::string& host, std::uint16_t port) {
     const Reply reply = Send("GET", "/b/any?bestnode", "", {{"Host", host + ":" + std::to_string(port)}});
     return reply.status == 200 ? XmlValue(reply.body, "Location") : Outcome(reply);

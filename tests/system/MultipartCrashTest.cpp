@@ -19,7 +19,7 @@ constexpr int kMostSteps = 60;
 
 class MultipartCrashTest : public MultipartFixture, public testing::WithParamInterface<const char*> {
  protected:
-  // What a key holds, before and after.
+  // What a key holds before the completion and after it.
   struct Target {
     std::string key;
     std::string before;  // empty: there is no such object
@@ -37,7 +37,7 @@ class MultipartCrashTest : public MultipartFixture, public testing::WithParamInt
     Upload("parted", parted_);
   }
   std::string WhenPath() const { return temp_.GetPath() + "/when"; }
-  // The server ends in front of the change of this number, counted from now on.
+  // Lets the server end in front of the n-th change, counted from now on.
   void LetDieAt(int step) { std::ofstream(WhenPath()) << step; }
 
   // A task with all its parts, over an object that is there already or not.
@@ -111,7 +111,7 @@ class MultipartCrashTest : public MultipartFixture, public testing::WithParamInt
       EXPECT_TRUE(server_.Start(launch_));
       if (!done) {
         ExpectOneOrTheOther(target);
-        Upload(target.key, target.parts);  // beginning again works
+        Upload(target.key, target.parts);  // the upload can begin again
       }
       done_.push_back(std::move(target));
       ExpectOthersUntouched();

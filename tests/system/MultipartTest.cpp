@@ -18,7 +18,7 @@ class MultipartTest : public MultipartFixture {
     ASSERT_TRUE(server_.Start());
     MakeBucket("b");
   }
-  // Shows what a failure comes from.
+  // Says where a failure comes from.
   static unsigned NewSeed() { return std::random_device()(); }
 };
 
@@ -118,7 +118,7 @@ TEST_F(MultipartTest, TasksAreListedAfterARestartAndOtherObjectsAreUntouched) {
   EXPECT_EQ(Get("/b/other"), "other");
 }
 
-// Killed and started again before every part and before the completion, whichever part comes first.
+// The server is killed and started again before every part and before the completion, whichever part comes first.
 TEST_F(MultipartTest, AKillBetweenTwoRequestsIsNotNoticed) {
   const std::vector<std::vector<int>> orders = {{1, 2, 3}, {3, 2, 1}, {2, 3, 1}, {2, 1, 3}};
   for (const std::vector<int>& order : orders) {
@@ -244,7 +244,7 @@ TEST_F(MultipartTest, ATaskOfMoreThanThreeDaysIsSweptAtStart) {
   EXPECT_EQ(Outcome(Send("GET", "/b/o?upload_id=" + task)), "400 InvalidHttpContent");
   EXPECT_EQ(XmlValue(List("fresh", fresh), "TotalNum"), "1");
   EXPECT_EQ(Query(database, "SELECT DISTINCT task_id FROM local_object_task"), std::vector<std::string>{fresh});
-  // Its bytes wait to be freed; its first part's file goes with the next start.
+  // The task's bytes wait to be freed; the file of its first part is removed at the next start.
   EXPECT_EQ(Query(database, "SELECT COUNT(*) FROM released_bytes"), std::vector<std::string>{"1"});
   ASSERT_TRUE(server_.Stop());
   ASSERT_TRUE(server_.Start());
@@ -328,7 +328,7 @@ TEST_F(MultipartTest, HugeCompletionsCostLittleAndHarmNothing) {
     }
     return all;
   };
-  // The number alone buys neither memory nor time.
+  // A high part number alone costs neither memory nor time.
   const std::uint64_t before = server_.GetMemory();
   const auto begin = std::chrono::steady_clock::now();
   for (const char* total : {"4294967295", "4294967297", "2147483648", "9223372036854775807"}) {

@@ -36,7 +36,7 @@ class PictureBadInputTest : public PictureSystemTest {
   void ExpectBadForm(const std::string& body, const std::string& what) {
     ExpectError(Ask(FormRequest(kBoundary, body)), 400, -50001, what);
   }
-  // Sends raw bytes; the answer, however early it comes.
+  // Sends raw bytes and gives the answer, however early it comes.
   Reply ReplyTo(const std::string& bytes) {
     const auto connection = CConnection::Open(server_.GetPicturePort());
     if (connection == nullptr) {
@@ -88,7 +88,7 @@ TEST_F(PictureBadInputTest, BodiesThatAreNoForm) {
   ExpectBadForm("--" + kBoundary + "--", "the last boundary alone");
   ExpectBadForm("--" + kBoundary + "\r\nContent-Disposition: form-data; name=\"Picture", "a header that is cut off");
   ExpectBadForm(RandomBytes(100000, 5), "noise");
-  // Signed as what it says it is.
+  // The request is signed with the content type that it names.
   ExpectError(SendPicture("POST", kWritePath, FormBody(kBoundary, PictureFields("jpeg"))), 400, -50001, "no type");
   ExpectError(SendPicture("POST", kWritePath, FormBody(kBoundary, PictureFields("jpeg")),
                           {{"Content-Type", "multipart/form-data"}}),

@@ -1,4 +1,4 @@
-// Signed links in a real browser. Skipped, in so many words, where there is none.
+// Signed links in a real browser. Where there is no browser, the test says that it was skipped.
 #include <sys/wait.h>
 #include <unistd.h>
 

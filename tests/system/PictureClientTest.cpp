@@ -19,7 +19,7 @@ using Tansy::CloudStorage::SStorageServerConfig;
 const char* const kCertificate = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server.crt";
 constexpr std::uint32_t kLargest = 33554432;
 
-// With the parameter true over HTTPS, trusting the server's own certificate and no other.
+// The parameter true stands for HTTPS, with trust in the server's own certificate and no other.
 class PictureClientTest : public PictureSystemTest, public testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {

@@ -25,7 +25,7 @@ class PictureCommandTest : public PictureSystemTest {
     UseServer("http", server_.GetObjectPort(), server_.GetPicturePort(), keys.secret_key);
   }
 
-  // The server that commands speak to from now on.
+  // Sets the server that commands speak to from now on.
   void UseServer(const std::string& scheme, std::uint16_t object_port, std::uint16_t picture_port,
                  const std::string& secret_key, const std::string& more = "") {
     const Keys keys;
@@ -45,7 +45,7 @@ class PictureCommandTest : public PictureSystemTest {
     invocation.folder = temp_.GetPath();
     return RunProgram(invocation);
   }
-  // Runs a command that is expected to succeed and prints one line; the line.
+  // Runs a command that is expected to succeed and to print one line, and gives that line.
   std::string Line(const std::vector<std::string>& words) const {
     const Ended ended = Pic(words);
     EXPECT_EQ(ended.code, 0) << words.at(0) << "\n" << ended.err << server_.GetLog();
@@ -170,7 +170,7 @@ TEST_F(PictureCommandTest, ALinkOpensWithoutAHeader) {
   const std::string link = Line({"link", address});
   ASSERT_THAT(link, StartsWith(start + address + "&AccessKeyId="));
   EXPECT_EQ(Ask({"GET", link.substr(start.size()), {}, ""}).body, "jpeg");
-  // Of a link a new link can be made.
+  // A link can be turned into a new link.
   const std::string again = Line({"link", link});
   EXPECT_EQ(again.find("&Signature="), again.rfind("&Signature="));
   EXPECT_EQ(Ask({"GET", again.substr(start.size()), {}, ""}).body, "jpeg");
@@ -243,7 +243,7 @@ TEST_F(PictureCommandTest, EverythingGoesOverHttpsToo) {
   EXPECT_EQ(temp_.Read("copy") == SamplePicture("sample.jpg"), true);
   EXPECT_EQ(Line({"version"}), "2.0.0");
   EXPECT_THAT(Line({"link", address}), StartsWith("https://127.0.0.1:"));
-  // Without the certificate nobody is trusted.
+  // Without the certificate tansy trusts no server.
   UseServer("https", server_.GetObjectHttpsPort(), server_.GetPictureHttpsPort(), Keys().secret_key);
   EXPECT_NE(Pic({"put", "a.jpg"}).code, 0);
   EXPECT_NE(Pic({"version"}).code, 0);

@@ -14,7 +14,7 @@ class PictureFormTest : public PictureSystemTest {
     ASSERT_TRUE(server_.Start(launch));
   }
 
-  // Uploads this form and gives what the server has of it then: the bytes, or status and error code.
+  // Uploads this form and gives what became of it: the stored bytes, or status and error code.
   std::string Stored(const std::string& body, const std::string& boundary = kBoundary) {
     const Reply reply = Ask(FormRequest(boundary, body));
     return reply.status == 200 ? SendPicture("GET", JsonText(reply.body, "PictureUrl")).body : PictureOutcome(reply);
@@ -115,7 +115,7 @@ TEST_F(PictureFormTest, AFormMayComeInChunks) {
   EXPECT_EQ(PictureOutcome(reply), "200") << reply.body;
 }
 
-// What a form costs: its body is held once, whatever the store does with it.
+// The memory that a form costs: its body is held once, whatever the store does with it.
 TEST_F(PictureFormTest, ALargeFormIsHeldInMemoryOnce) {
   Store("warm");
   const std::uint64_t before = PeakMemory();

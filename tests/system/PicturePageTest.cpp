@@ -114,7 +114,7 @@ TEST_F(PicturePageTest, EveryExampleIsTrue) {
   }
 }
 
-// The page's table of errors, against what the server sends for those that it gives.
+// Compares the page's table of errors with what the server sends, for the errors that this server gives.
 TEST_F(PicturePageTest, TheTableOfErrorsHasTheMessagesOfTheServer) {
   const std::string chapter = PictureChapter();
   for (const auto& [code, status] : {std::pair(-50001, 400), std::pair(-50002, 500), std::pair(-50003, 400),

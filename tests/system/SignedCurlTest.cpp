@@ -19,7 +19,7 @@ class SignedCurlTest : public TansydTest {
   }
   bool names_server_ = true;
 
-  // Runs the script; its standard output, and in `exit_code` how it ended.
+  // Runs the script and gives its standard output; `exit_code` says how it ended.
   std::string Run(const std::string& arguments, int* exit_code = nullptr) {
     const std::string out = temp_.Path("out");
     const std::string server = names_server_ ? "http://127.0.0.1:" + std::to_string(server_.GetObjectPort()) : "";

@@ -21,7 +21,7 @@ using testing::StartsWith;
 
 class StartStopTest : public TansydTest {
  protected:
-  // A start that is meant to fail: exit code, and one line on standard error with `words` in it.
+  // Expects a start to fail with this exit code and with one line on standard error that contains `words`.
   void ExpectFailure(const Launch& launch, int code, const std::string& words) {
     const Ended ended = server_.RunToEnd(launch);
     EXPECT_TRUE(ended.exited) << words;
@@ -410,7 +410,7 @@ TEST_F(StartStopTest, StoppingLetsRunningRequestsFinish) {
 TEST_F(StartStopTest, StoppingWhileBusyIsBoundedAndClean) {
   ASSERT_TRUE(server_.Start());
   MakeBucket("b");
-  // An upload that stalls in the middle, and one that sits on its connection.
+  // One client stalls in the middle of its upload, and another keeps its connection and sends nothing.
   const auto stalled = CConnection::Open(server_.GetObjectPort());
   Request upload = Signed({"PUT", "/b/stalled", {{"Content-Length", "50000000"}}, ""});
   ASSERT_TRUE(stalled->Send(Serialize(upload, server_.GetObjectPort())));
@@ -429,7 +429,7 @@ TEST_F(StartStopTest, StoppingWhileBusyIsBoundedAndClean) {
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_TRUE(server_.Stop(SIGTERM, std::chrono::seconds(60)));
-  // Five seconds for the upload to go on, and what a busy machine adds.
+  // The upload has five seconds to go on; a busy machine needs some more.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
   stop = true;
   for (std::thread& client : clients) {

@@ -20,7 +20,7 @@ class StopTest : public TansydTest {
     ASSERT_TRUE(server_.Stop());
   }
   bool IsListening() { return CConnection::Open(server_.GetObjectPort()) != nullptr; }
-  // A request that the server has to wait for: its body stays away.
+  // Sends the head of a request whose body never comes, so that the server has to wait for it.
   std::unique_ptr<CConnection> Stall() {
     auto connection = CConnection::Open(server_.GetObjectPort());
     const Request upload = Signed({"PUT", "/b/stalled", {{"Content-Length", "50000000"}}, ""});
@@ -61,7 +61,7 @@ TEST_F(StopTest, HousekeepingKeepsNobody) {
   MakeBucket("b");
   Put("/b/o", "bytes");
   ASSERT_TRUE(server_.Stop());
-  // What it has to free takes minutes: it looks up each file, which has gone long ago.
+  // Housekeeping would take minutes for all these entries, because it looks for each file, and none is there.
   Query(server_.Data("catalogue.db"),
         "WITH RECURSIVE number(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < 300000) "
         "INSERT INTO released_bytes (url, bucket_name, object_name, released_at) "

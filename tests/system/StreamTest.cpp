@@ -244,8 +244,8 @@ TEST_F(StreamTest, OverwritingWhileReadingGivesOneOrTheOther) {
   writer.join();
 }
 
-// A stalled reader of a big answer costs a thread and a chunk until the sending times out, after 20 s; one of a small
-// answer costs its bytes; none costs a worker, of which there are four.
+// A stalled reader of a big answer costs a thread and a chunk until the sending times out after 20 s. A stalled reader
+// of a small answer costs the bytes of that answer. Neither of them costs one of the four workers.
 TEST_P(StreamSchemeTest, AReaderThatStallsCostsAThreadAndAChunkForAWhileAndNeverAWorker) {
   constexpr int kReaders = 8;
   Put("/b/o", RandomBytes(40 * kMiB, 2));
@@ -326,7 +326,7 @@ TEST_F(StreamTest, SparseObjectsBeyondTwoGibibytesSurviveARestart) {
       std::filesystem::resize_file(entry.path(), size);
     }
   }
-  // As the catalogue keeps it: the low 32 bits, signed.
+  // The catalogue keeps the low 32 bits of a size as a signed number.
   Query(server_.Data("catalogue.db"), "UPDATE local_object SET size = -1");
   ASSERT_TRUE(server_.Start());
   EXPECT_EQ(Send("GET", "/b/o?metadata").Header("Object-Size"), "4294967295");

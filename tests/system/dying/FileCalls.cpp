@@ -1,4 +1,4 @@
-// Linked into a tansyd of its own: the calls that change files, ending the process in front of one of them.
+// These calls that change files are linked into a second tansyd. They end the process in front of one of them.
 //
 // Calls are counted from the moment the file named by the environment variable DIE_WHEN appears; its content is the
 // number of the call that is not made any more. What the process had written by then is with the operating system, as
@@ -15,7 +15,7 @@
 
 namespace {
 
-std::atomic<long> g_calls_left{0};  // until the end; 0: not asked for yet
+std::atomic<long> g_calls_left{0};  // so many calls are left until the end; 0 stands for not asked for yet
 
 long ReadNumber(const char* path) {
   const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC);

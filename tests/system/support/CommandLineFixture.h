@@ -19,10 +19,10 @@ class CommandLineFixture : public TansydTest {
   CommandLineFixture();
   void SetUp() override;
 
-  // tansy with these words, in the test's work folder, told about the server by its environment.
+  // Runs tansy with these words in the test's work folder. The environment tells it about the server.
   Invocation Tansy(const std::vector<std::string>& arguments) const;
   Ended Run(const std::vector<std::string>& arguments, std::string_view input = {}) const;
-  // The same, which must succeed without a word on standard error; gives its standard output.
+  // Does the same, expects success without a word on standard error, and gives the standard output.
   std::string Do(const std::vector<std::string>& arguments, std::string_view input = {}) const;
   // The exit code and all of standard error: "3 tansy: /photos/x: ...".
   static std::string Failure(const Ended& ended);

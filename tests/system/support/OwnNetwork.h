@@ -8,10 +8,10 @@
 
 namespace system_tests {
 
-// An adapter of that network, gone when the object is. There is no cable in it: only its address counts.
+// An adapter of that network, which goes with this object. It carries no data; only its address counts.
 class CAdapter {
  public:
-  // Null when this machine does not let a test have one.
+  // Gives null when this machine does not let a test have one.
   static std::unique_ptr<CAdapter> Make(const std::string& name);
   ~CAdapter();
   CAdapter(const CAdapter&) = delete;

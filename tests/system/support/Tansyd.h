@@ -12,7 +12,7 @@
 
 namespace system_tests {
 
-// Long enough for a loaded machine and a sanitizer; what takes longer hangs.
+// This is long enough for a sanitizer on a loaded machine; whatever takes longer hangs.
 inline constexpr std::chrono::seconds kPatience{60};
 
 struct Keys {
@@ -57,7 +57,7 @@ class CTansyd {
   bool Start(const Launch& launch = {});
   // Starts and waits for its end, for runs that are meant to fail or to be short.
   Ended RunToEnd(const Launch& launch);
-  // Starts and waits for nothing, for runs that are meant to be disturbed before they are ready.
+  // Starts without waiting, for runs that are meant to be disturbed before they are ready.
   void Begin(const Launch& launch) { Spawn(launch); }
 
   // Stop signal, then the end, which must be exit code 0 within `patience`.
@@ -68,9 +68,9 @@ class CTansyd {
   // Waits for the end of a running one.
   Ended WaitForEnd(std::chrono::seconds patience = kPatience);
 
-  // The small disk of a Launch cannot be had on this machine.
+  // Says that this machine does not let a test mount the small disk of a Launch.
   bool IsSmallDiskMissing() const { return is_small_disk_missing_; }
-  // Nor can a kernel be made to look as if it had no IPv6.
+  // Says that this machine does not let a test play a kernel without IPv6.
   bool IsFilterMissing() const { return is_filter_missing_; }
 
   const std::string& GetReadyLine() const { return ready_line_; }

@@ -34,8 +34,8 @@ class TansydTest : public testing::Test {
   CTansyd server_;
 };
 
-// What a program's memory grows by for so many bytes in use: AddressSanitizer keeps freed memory for a while before it
-// is used again, ThreadSanitizer notes four bytes for each.
+// Says by how much the memory of a program grows when it uses so many bytes. AddressSanitizer keeps freed memory for a
+// while before it is used again, and ThreadSanitizer notes four bytes for each byte.
 constexpr std::uint64_t MemoryFor(std::uint64_t bytes) {
 #if defined(__SANITIZE_ADDRESS__)
   return bytes + (std::uint64_t{256} << 20);

@@ -1,4 +1,4 @@
-// Time-outs: each call ends when it should, not before and not much later.
+// Time-outs: each call ends when it should end, neither before nor much later.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -73,7 +73,7 @@ class CIdleListener {
   }
   sockaddr* Plain() { return &address_.plain; }
 
-  // Family and port lie at the same place in both.
+  // Family and port lie at the same place in both kinds of addresses.
   union {
     sockaddr plain;
     sockaddr_in v4;
@@ -143,7 +143,7 @@ TEST_F(HttpClientTimeoutTest, ATlsHandshakeEnds) {
 
 TEST_F(HttpClientTimeoutTest, ANameThatDoesNotExistIsNotFound) {
   CHttpClientRequest request;
-  // A label of more than 63 letters is no name, so that nobody is asked for it.
+  // A label of more than 63 letters is no valid name, so no name server is asked for it.
   request.url = "http://" + std::string(70, 'a') + "/";
   EXPECT_FALSE(Send(request));
   EXPECT_EQ(error_.kind, HttpClient::kResolve);

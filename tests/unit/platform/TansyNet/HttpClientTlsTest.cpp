@@ -1,4 +1,4 @@
-// Secure connections: who is trusted, what is resumed, what an end without farewell means.
+// Secure connections: who is trusted, what is resumed, and what it means when one ends without close_notify.
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -274,7 +274,7 @@ INSTANTIATE_TEST_SUITE_P(Versions, HttpClientTlsVersionTest, testing::Values(TLS
 TEST_F(HttpClientTlsTest, APlainServerIsReported) {
   ScriptedServer server;
   server.Answer("GET /", {.body = "x"});
-  // The server waits for more of what it takes for a request.
+  // The server takes these bytes for the beginning of a request and waits for the rest of it.
   CHttpClientRequest request;
   request.url = "https://" + server.Address() + "/";
   request.connect_timeout_ms = 300;

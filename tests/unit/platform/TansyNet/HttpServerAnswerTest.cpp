@@ -96,7 +96,7 @@ TEST_F(HttpServerAnswer, DoesNotWaitForAClientThatDoesNotRead) {
 
 TEST_F(HttpServerAnswer, ThatIsNotTakenEndsTheConnection) {
   TansyNet::HttpServerLimits limits;
-  limits.idle_timeout_ms = 100;  // makes the library look often
+  limits.idle_timeout_ms = 100;  // lets the library look at its deadlines often
   CHttpServer::SetLimits(limits);
   Start();
   std::int32_t handle = 0;
@@ -112,7 +112,7 @@ TEST_F(HttpServerAnswer, ThatIsNotTakenEndsTheConnection) {
 // Its socket counts as writable only once megabytes are free, which takes it longer than the time-out.
 TEST_F(HttpServerAnswer, GoesOnWhileAClientTakesItSlowly) {
   TansyNet::HttpServerLimits limits;
-  limits.idle_timeout_ms = 100;  // makes the library look often
+  limits.idle_timeout_ms = 100;  // lets the library look at its deadlines often
   CHttpServer::SetLimits(limits);
   Start();
   const std::string body = Tansy::Tests::RandomBytes(std::size_t{6} * 1024 * 1024);
@@ -246,7 +246,7 @@ TEST_F(HttpServerAnswer, InChunksWaitsForTheClientButNotForEver) {
   EXPECT_EQ(SendChunk(handle, chunk, 2 * chunk.size(), 200), TansyNet::kNetUnknownHandle);
 }
 
-// What the socket's buffer takes in a late attempt is no sign of life.
+// Bytes that the socket's buffer takes in a late attempt do not show that the client is alive.
 TEST_F(HttpServerAnswer, InChunksWaitsForAStalledClientOnlyOnce) {
   Start();
   std::int32_t handle = 0;

@@ -32,9 +32,9 @@ using TansyNet::HttpServerLimits;
 using TansyNet::HttpServerRecv;
 
 constexpr std::uint32_t kShortMs = 150;
-// For limits that a test must not break, on a machine that has much else to do.
+// Limits that a test must not break have this length, because the machine may have much else to do.
 constexpr std::uint32_t kLongerMs = 600;
-// Longer than any test.
+// No test takes that long.
 constexpr std::uint32_t kNoWindowMs = 600000;
 constexpr std::size_t kMebibyte = 1024 * 1024;
 
@@ -235,7 +235,7 @@ TEST_F(HttpServerLimit, AConnectionBeyondTheNumberTakesThePlaceOfTheLongestIdle)
     clients.push_back(std::make_unique<CRawClient>(Port()));
     clients.back()->Send("GET / HTTP/1.1\r\n\r\n");
     EXPECT_EQ(clients.back()->ReadReply().body, "ok");
-    std::this_thread::sleep_for(milliseconds(5));  // times are told apart by milliseconds
+    std::this_thread::sleep_for(milliseconds(5));  // the server tells times apart by milliseconds
   }
   clients[0]->Send("GET / HTTP/1.1\r\n\r\n");
   EXPECT_EQ(clients[0]->ReadReply().body, "ok");
@@ -247,7 +247,7 @@ TEST_F(HttpServerLimit, AConnectionBeyondTheNumberTakesThePlaceOfTheLongestIdle)
   EXPECT_TRUE(clients[2]->IsSilent(10));
 }
 
-// They are done, and wait only for their clients to see it.
+// Such connections are done; they only wait until their clients notice it.
 TEST_F(HttpServerLimit, ConnectionsAfterTheirLastAnswerGiveWay) {
   StartWith({.connections = 3}, [](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "ok"); });
   std::vector<std::unique_ptr<CRawClient>> clients;
@@ -282,7 +282,7 @@ TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
   Delivery also_kept = Take();
   CRawClient third(Port());
   third.TrySend(request);
-  EXPECT_EQ(third.ReadReply().status, 503) << "it waited, and no room came";
+  EXPECT_EQ(third.ReadReply().status, 503) << "it waited, and no room became free";
   EXPECT_TRUE(third.WaitForEnd());
   CRawClient chunked(Port());
   chunked.TrySend("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n200000\r\n" + body + "\r\n");
@@ -291,7 +291,7 @@ TEST_F(HttpServerLimit, BodyMemoryIsSharedByAllRequests) {
   small.Send("POST / HTTP/1.1\r\nContent-Length: 2\r\n\r\nok");
   AnswerText(Take().handle, "fine");
   EXPECT_EQ(small.ReadReply().body, "fine");
-  // The memory is the message's, answered or not, and free again with its last copy.
+  // The memory belongs to the message, whether it is answered or not, and is free again when its last copy goes.
   AnswerText(kept.handle, "done");
   EXPECT_EQ(first.ReadReply().body, "done");
   EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 2 * body.size());
@@ -377,7 +377,7 @@ TEST_F(HttpServerLimit, LongHeadsThatDoNotEndAreCounted) {
   EXPECT_TRUE(Eventually([] { return TansyNet::CMemoryAccount::Process().Used() == 0; }));
 }
 
-// Each of them holds what came before it was known to wait.
+// Each waiting body holds the bytes that came before the server knew that it has to wait.
 TEST_F(HttpServerLimit, NoMoreBodiesWaitForRoomThanMayHoldSome) {
   StartWith({.memory_bytes = 5 * kMebibyte});
   const std::string body(2 * kMebibyte, 'x');
@@ -408,7 +408,7 @@ TEST_F(HttpServerLimit, ABodyThatNobodyCheckedHasATimeInAll) {
   ExpectAtLeastTheLimit();
 }
 
-// How long such a body will be is not known when its time begins.
+// The length of such a body is not known when its time begins.
 TEST_F(HttpServerLimit, ABodyInChunksHasTheTimeThatItsBytesTake) {
   StartWith(
       {.unchecked_body_timeout_ms = kLongerMs, .least_bytes_per_second = 1000},
@@ -465,11 +465,11 @@ TEST_F(HttpServerLimit, WhatSocketsDoNotTakeOfAnswersIsCounted) {
   small.Send("GET / HTTP/1.1\r\n\r\n");
   AnswerText(Take().handle, "fine");
   EXPECT_EQ(small.ReadReply().body, "fine");
-  EXPECT_TRUE(reader.ReadReply().body == body) << "whoever reads is not cut";
+  EXPECT_TRUE(reader.ReadReply().body == body) << "a client that reads is not cut";
   EXPECT_EQ(TansyNet::CMemoryAccount::Process().Used(), 0U);
 }
 
-// Without a least rate nothing else would cut it before its time to send is over.
+// Without a least rate, nothing would cut this client before its time to send is over.
 TEST_F(HttpServerLimit, AReaderThatStandsStillMakesRoomForALargeAnswer) {
   StartWith({.least_bytes_per_second = 0, .least_rate_window_ms = 4 * kShortMs, .memory_bytes = 40 * kMebibyte});
   const std::string body(16 * kMebibyte, 'x');

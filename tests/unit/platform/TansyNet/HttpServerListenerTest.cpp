@@ -1,4 +1,4 @@
-// Starting and stopping.
+// Starting and stopping listeners.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ std::atomic<bool> g_has_ipv6{true};
 
 }  // namespace
 
-// Used instead of the system's by this program: a machine can be without IPv6 here.
+// This program uses this function instead of the system's, so that a test can play a machine without IPv6.
 int socket(int domain, int type, int protocol) noexcept {
   static const auto system_socket = reinterpret_cast<int (*)(int, int, int)>(dlsym(RTLD_NEXT, "socket"));
   if (domain == AF_INET6 && !g_has_ipv6) {
@@ -109,7 +109,7 @@ TEST_F(HttpServerListener, ChildProcessesGetNoSockets) {
   EXPECT_EQ(found, 2) << "the listening socket and the accepted one";
 }
 
-// The addresses of a host that does not listen on all.
+// A host may listen on some of the machine's addresses only.
 class CListenOn {
  public:
   explicit CListenOn(const std::vector<std::string>& addresses) { CHttpServer::SetListenAddresses(addresses); }
@@ -126,7 +126,7 @@ TEST_F(HttpServerListener, OnAllAddressesIsOnThoseOfTheHost) {
   ASSERT_EQ(CHttpServer::StartHttpServer(four, "0.0.0.0", port, OnRequest, true), 0) << CHttpServer::LastError();
   ASSERT_EQ(CHttpServer::StartHttpServer(six, "::", port, OnRequest, true), 0);
   EXPECT_NE(four, 0);
-  EXPECT_EQ(six, 0) << "nothing of that family";
+  EXPECT_EQ(six, 0) << "none of the addresses is an IPv6 one";
   EXPECT_FALSE(CanConnect(port)) << "127.0.0.1 is not among them";
   EXPECT_FALSE(CanConnect(port, true));
   std::int32_t other = 0;
@@ -187,7 +187,7 @@ TEST_F(HttpServerListener, OnAllAddressesOfAMachineWithoutIpv6IsNone) {
   EXPECT_EQ(six, 0);
   EXPECT_EQ(CHttpServer::LastError(), "");
   EXPECT_EQ(log->Count("[%s]no IPv6 here, %s[%s(%d)]", logging::kNotable), 1U);
-  // Whoever names one address wants that one.
+  // Who names one address wants a listener on that address only.
   EXPECT_EQ(CHttpServer::StartHttpServer(six, "::1", port, OnRequest, true), TansyNet::kNetAddressInvalid);
   EXPECT_NE(CHttpServer::LastError().find("::1 port " + std::to_string(port)), std::string::npos)
       << CHttpServer::LastError();

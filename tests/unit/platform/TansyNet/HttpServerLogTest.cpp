@@ -31,7 +31,7 @@ constexpr const char* kHandshake = "[%s]TLS handshake failed[%s], ip = %s[%s(%d)
 
 class HttpServerLog : public ServerFixture {
  protected:
-  // One line with this format, at the level that operators see, and `words` in it.
+  // Expects one line of this format that contains `words`, at the level that operators see.
   void ExpectLine(const char* format, const std::string& words) {
     EXPECT_TRUE(Eventually([&] { return log_->Count(format) > 0; })) << format;
     EXPECT_EQ(log_->Count(format, logging::kNotable), 1U);

@@ -1,4 +1,4 @@
-// One failed allocation ends at most the connection that it was for.
+// A failed allocation ends no more than the connection for which it was made.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -35,7 +35,7 @@ class HttpServerOutOfMemory : public ServerFixture {
                             .body_timeout_ms = kShortMs,
                             .unanswered_timeout_ms = kShortMs});
     Start([](std::int32_t handle, HttpServerRecv& message) {
-      const CUnharmedThread callback;  // what handlers do about it is theirs to test
+      const CUnharmedThread callback;  // handlers have tests of their own for missing memory
       if (message.error_code != TansyNet::kBodyPiece) {
         AnswerText(handle, "ok");
       }
@@ -57,7 +57,7 @@ class HttpServerOutOfMemory : public ServerFixture {
   }
 
  private:
-  // False when the server makes fewer allocations.
+  // Returns false when the server makes fewer allocations.
   bool FailAllocationFor(const std::string& request, std::size_t number) {
     const CFailingAllocationAnywhere failing(number);
     try {
@@ -65,7 +65,7 @@ class HttpServerOutOfMemory : public ServerFixture {
       client.TrySend(request);
       client.ReadReply();
     } catch (const std::runtime_error&) {
-      // cut, or silent
+      // the connection was cut, or no answer came
     }
     return failing.HasFailed();
   }

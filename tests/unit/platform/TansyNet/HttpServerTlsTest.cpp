@@ -1,4 +1,4 @@
-// HTTPS.
+// HTTPS listeners and their certificates.
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 

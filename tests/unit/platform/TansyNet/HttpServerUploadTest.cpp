@@ -99,7 +99,7 @@ TEST_F(HttpServerUpload, DeliversTheNextPieceWhenTheTokenOfTheLastIsGone) {
   first.reset();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_FALSE(HasDelivery()) << "a copy still holds the token";
-  // What was read ahead is bounded: the rest of the body is still with the client.
+  // The server reads only a bounded number of bytes ahead; the client still has the rest of the body.
   const auto token = copy->token;
   copy.reset();
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -221,7 +221,7 @@ TEST_F(HttpServerUpload, RefusedAtItsFirstPieceIsNotReadToItsEnd) {
   while (sent < 1024 * kMebibyte && client.TrySend(block)) {
     sent += block.size();
   }
-  EXPECT_LT(sent, 200 * kMebibyte) << "it was thrown away without end";
+  EXPECT_LT(sent, 200 * kMebibyte) << "the server went on reading and throwing away";
   EXPECT_EQ(deliveries, 1);
   EXPECT_EQ(CHttpServer::OpenRequestCount(), 0U);
 }
@@ -273,7 +273,7 @@ TEST_F(HttpServerUpload, AnsweredWhileItsLastPieceWaitsLeavesAConnectionThatList
     AnswerText(handle, "failed");
     const auto reply = client.ReadReply();
     EXPECT_EQ(reply.body, "failed");
-    is_kept = reply.Header("connection") != "close";  // else the last piece was not read yet
+    is_kept = reply.Header("connection") != "close";  // otherwise the last piece has not been read yet
     if (is_kept) {
       client.Send("GET / HTTP/1.1\r\n\r\n");
       AnswerText(Take().handle, "heard");

@@ -20,7 +20,7 @@
 namespace Tansy::Tests {
 namespace {
 
-// Generous, because a sanitizer on a busy machine is slow; no passing test waits this long.
+// The limit is generous, because a sanitizer on a busy machine is slow. No passing test waits this long.
 constexpr int kPatienceMs = 20000;
 
 [[noreturn]] void Fail(const std::string& what) {

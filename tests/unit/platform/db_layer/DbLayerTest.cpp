@@ -218,7 +218,8 @@ TEST_F(DbLayerTest, DefaultsAreFullDurabilityAndPools) {
   EXPECT_EQ(SetSqliteBusyTimeout(5000), 10);
 }
 
-// The catalogue's pattern: a connection for a value, another for the row, from more threads than connections.
+// This is how the catalogue works: it takes one connection for an id and then another one for the row, on more threads
+// than there are connections.
 TEST_F(DbLayerTest, CrowdTakesValuesAndWritesRows) {
   ASSERT_TRUE(Module_Register(Param(), "test"));
   ASSERT_TRUE(Apply()->ExecuteAll(TestSchema()));

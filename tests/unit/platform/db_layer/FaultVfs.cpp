@@ -88,7 +88,7 @@ int FileControl(sqlite3_file* file, int operation, void* argument) {
 int SectorSize(sqlite3_file* file) {
   return RealOf(file)->pMethods->xSectorSize(RealOf(file));
 }
-// Promises nothing about how writes reach the disk.
+// This file system promises nothing about the way in which writes reach the disk.
 int DeviceCharacteristics(sqlite3_file*) {
   return 0;
 }
@@ -207,9 +207,9 @@ void CFaultVfs::CutPower(std::mt19937& random) {
     for (Change change : file.pending) {
       switch (random() % 4) {
         case 0:
-          continue;  // never left the cache
+          continue;  // it never left the cache
         case 1:
-          // Some sectors of it did. (Lengths change wholly or not at all.)
+          // Some sectors of it left the cache. (A change of length happens wholly or not at all.)
           change.data.resize(std::min(change.data.size(), kSector * (random() % 9)));
           break;
         default:

@@ -15,7 +15,7 @@
 
 namespace db_layer {
 
-// Used by every file that SQLite opens while it lives, in whatever thread. One at a time.
+// Every file that SQLite opens while this object lives uses it, on any thread. Only one may live at a time.
 class CFaultVfs {
  public:
   CFaultVfs();
@@ -23,7 +23,7 @@ class CFaultVfs {
   CFaultVfs(const CFaultVfs&) = delete;
   CFaultVfs& operator=(const CFaultVfs&) = delete;
 
-  // SQLite's result codes; 0 is no failure.
+  // These are SQLite's result codes; 0 stands for no failure.
   std::atomic<int> write_failure{0};
   std::atomic<int> sync_failure{0};
   std::atomic<int> read_failure{0};

@@ -23,7 +23,7 @@ void SucceedAll(const std::vector<SqlWrite*>& batch) {
 // Makes two batches of some writes: the first write alone, and the others, which come while it runs.
 class CTwoBatches {
  public:
-  // To be called by each batch; the first one waits here until the others have come.
+  // Each batch has to call this; the first one waits here until the others have come.
   void HoldFirst() {
     if (!held_) {
       held_ = true;
@@ -113,7 +113,7 @@ TEST(GroupCommitTest, EachCallerGetsItsOwnOutcome) {
   EXPECT_EQ(wrong, 0);
 }
 
-// Whoever waits is told, and the next to come is served.
+// Writers that wait are told of the failure, and the next writer is served.
 TEST(GroupCommitTest, MemoryThatRunsOutFailsTheBatchAndHoldsNobodyUp) {
   CTwoBatches two;
   int batches = 0;

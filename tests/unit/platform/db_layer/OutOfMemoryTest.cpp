@@ -21,7 +21,7 @@ namespace {
 
 using Tansy::Tests::FailEachAllocation;
 
-// Longer than what a string holds without memory.
+// This text is too long for a string to hold it without an allocation.
 constexpr const char* kSequence = "platform.a_sequence_with_a_long_name";
 
 TEST(SequencesOutOfMemory, AFailedReservationLeavesNobodyWaiting) {
@@ -47,7 +47,7 @@ TEST(SequencesOutOfMemory, AFailedReservationLeavesNobodyWaiting) {
         failures -= take() == 0 ? 0 : 1;
       },
       [&](std::size_t number, bool) {
-        // Another thread, so that one that waits for ever shows.
+        // The work runs on another thread, so that the test notices when it waits for ever.
         auto next = std::async(std::launch::async, take);
         ASSERT_EQ(next.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "allocation " << number;
         const std::int64_t value = next.get();
@@ -73,7 +73,7 @@ TEST(SequencesOutOfMemory, WaitersAreToldThatTheReservationTheyWaitedForFailed) 
   auto first = std::async(std::launch::async, take);
   reserving.get_future().wait();
   auto second = std::async(std::launch::async, take);
-  // Whether it waits already or comes later, what it must not do is wait for ever.
+  // This writer may wait already or come later, but it must not wait for ever.
   go_on.set_value();
   EXPECT_EQ(first.get(), "out of memory");
   if (second.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {

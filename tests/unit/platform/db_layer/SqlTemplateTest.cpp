@@ -9,7 +9,7 @@
 namespace db_layer {
 namespace {
 
-// "text|number|'text'|...", or "-" for a statement that stays as it is.
+// Gives the template and its values as "text|number|'text'|...", or "-" for a statement that stays as it is.
 std::string Taken(const std::string& sql) {
   SqlTemplate shape;
   if (!MakeTemplate(sql, shape)) {

@@ -61,7 +61,7 @@ TEST_F(SqliteConnectTest, TextsComeBackAsTheyWere) {
   EXPECT_EQ(connection_->GetString("name"), text);
 }
 
-// Statements are prepared once for all that differ in their values only; nobody may notice.
+// Statements that differ in their values only are prepared once. Callers must not see any difference.
 TEST_F(SqliteConnectTest, EachStatementHasItsOwnValues) {
   for (const char* values : {"(1, 'one')", "(-2, '')", "(3, 'it''s')", "(4, NULL)", "(5, 5)", "(6, '6')"}) {
     ASSERT_TRUE(connection_->Execute(std::string("INSERT INTO platform.item (id, name) VALUES ") + values));

@@ -30,7 +30,7 @@ class SqliteFailureTest : public CSqliteFixture {
   CFaultVfs faults_;
 };
 
-// Another process with the file open.
+// This stands for another process that has the file open.
 class CNeighbour {
  public:
   explicit CNeighbour(const std::string& path) { EXPECT_EQ(sqlite3_open(path.c_str(), &db_), SQLITE_OK); }
@@ -77,7 +77,7 @@ TEST_F(SqliteFailureTest, LockedFileFailsAfterTheTimeoutAndPasses) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
   EXPECT_EQ(LastCode(), SQLITE_BUSY);
   EXPECT_EQ(ErrorOf(*connection_), "database is locked");
-  // Reading goes on all the while.
+  // Reading works all the time.
   EXPECT_EQ(Count(*connection_, "platform.item"), 0);
   neighbour.Run("COMMIT");
   EXPECT_TRUE(Insert(1)) << ErrorOf(*connection_);
@@ -192,7 +192,7 @@ TEST_F(SqliteFailureTest, WritersThatMeetShareOneSync) {
     thread.join();
   }
   EXPECT_EQ(Count(*connection_, "platform.item"), kThreads + 1);
-  // All eight in one, or in two if one of them was held up on its way.
+  // All eight are committed together, or in two commits when one writer was held up on its way.
   EXPECT_LE(faults_.log_syncs - before, 2);
   EXPECT_GE(faults_.log_syncs - before, 1);
 }

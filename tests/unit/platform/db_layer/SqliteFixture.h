@@ -57,7 +57,7 @@ inline int Count(CConnect& connection, const std::string& table) {
   return connection.GetInt("n");
 }
 
-// A fresh database with the schema above. Speed before durability: few tests cut the power.
+// A fresh database with the schema above. It prefers speed to durability, because few tests cut the power.
 class CSqliteFixture : public testing::Test {
  protected:
   CSqliteFixture() : was_full_(SetSqliteFullDurability(false)), was_timeout_(SetSqliteBusyTimeout(5000)) {}

@@ -22,7 +22,7 @@ class SqlitePowerFailureTest : public CSqliteFixture, public testing::WithParamI
   SqlitePowerFailureTest() { SetSqliteFullDurability(true); }
   void TearDown() override { connection_.reset(); }
 
-  // Two rows a statement, so that half a statement would show.
+  // Each statement writes two rows, so that half a statement would show.
   static bool InsertPair(CConnect& connection, int id) {
     const std::string first = std::to_string(2 * id);
     const std::string second = std::to_string(2 * id + 1);

@@ -176,7 +176,7 @@ TEST_F(SqliteSequencesTest, NoValueIsGivenTwiceToAnyThread) {
       const auto connection = OpenSqlite(path_);
       for (int round = 0; round < kRounds; ++round) {
         if (thread % 4 == 3) {
-          // From inside the writer's transaction, some of them undone.
+          // These values are taken inside the writer's transaction, and some of the transactions are undone.
           const char* rest = round % 5 == 0 ? ", (1) ON CONFLICT DO NOTHING RETURNING id" : " RETURNING id";
           ASSERT_TRUE(connection->Query(
               std::string("INSERT INTO platform.item (id) VALUES (nextval('platform.item_id_seq'))") + rest))
@@ -271,7 +271,7 @@ TEST_F(SqliteSequencesTest, OneFailureAnswersAllWhoWait) {
   for (auto& thread : threads) {
     thread.join();
   }
-  // A thread that came only after the failure tries for itself.
+  // A thread that comes after the failure makes an attempt of its own.
   EXPECT_LE(reservations, 3);
 }
 

@@ -30,7 +30,7 @@ namespace {
 
 using logging::kMaxTextBytes;
 
-// Restores the window whatever a test does.
+// Restores the window of repeated lines, whatever a test does.
 class RepeatedLines : public ::testing::Test {
  protected:
   void TearDown() override { logging::SetRepeatWindow(0); }
@@ -207,7 +207,7 @@ TEST(Logging, ManyThreadsMayWriteWhileTheSinkChanges) {
   EXPECT_EQ(log->Lines().size() + sink->Lines().size(), static_cast<std::size_t>(kThreads * kLines));
 }
 
-// Errors before any sink is set reach standard error; lesser lines do not.
+// Before any sink is set, errors reach standard error and lines of lower importance do not.
 TEST(LoggingDeathTest, ErrorsGoToStandardErrorUntilASinkIsSet) {
   EXPECT_EXIT(
       {
@@ -382,7 +382,7 @@ TEST_F(RepeatedLines, OfManyThreadsAreAllCounted) {
   }
   logging::Flush();
   const auto lines = log->Lines();
-  ASSERT_EQ(lines.size(), 2u);  // the first, and the sum of all others
+  ASSERT_EQ(lines.size(), 2u);  // the first line, and the sum of all others
   EXPECT_EQ(lines[0].repeats, 0u);
   EXPECT_EQ(lines[1].repeats, static_cast<std::uint32_t>(kThreads * kLines - 1));
 }

@@ -23,7 +23,7 @@ TEST(StandardSinkOutOfMemory, ALostLineHoldsNoFlushUp) {
   std::string error;
   const auto sink = CStandardSink::Create({folder.Path("a.log"), 64}, error);
   ASSERT_NE(sink, nullptr) << error;
-  // Longer than the buffers that lines are put together in.
+  // This text is longer than the buffers in which lines are put together.
   const std::string text(1000, 'x');
   Record record;
   record.level = kError;
@@ -39,7 +39,7 @@ TEST(StandardSinkOutOfMemory, ALostLineHoldsNoFlushUp) {
       [&](std::size_t number, bool) {
         const auto begin = std::chrono::steady_clock::now();
         sink->Flush();
-        // Its limit, 5 s, is for a disk that does not answer.
+        // A flush waits 5 s at most, for the case of a disk that does not answer.
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4)) << "allocation " << number;
       });
   EXPECT_NE(folder.Read("a.log").find(text), std::string::npos);

@@ -15,7 +15,7 @@
     return name.text;                                                              \
   }()
 
-// Without the lambda around it: what TANSY_LOG itself does.
+// This does what TANSY_LOG does, without the lambda around it.
 #define RETURN_NAME                                                              \
   static constexpr auto name = ::logging::CutQualifiedName(TANSY_FUNCTION_TEXT); \
   return name.text
@@ -178,7 +178,7 @@ TEST(QualifiedName, ArgumentsOfFunctionTemplatesAreLeftOutThoseOfClassesKept) {
   EXPECT_TRUE(sample.MemberTemplate("").ends_with(">::MemberTemplate")) << sample.MemberTemplate("");
 }
 
-// The texts of the other compilers, so that a change of the cutter is checked against them here too.
+// These are the texts that other compilers produce, so that a change of the cutting code is checked against them too.
 TEST(QualifiedName, TextsOfOneCompiler) {
   EXPECT_STREQ(Cut("std::string (anonymous namespace)::Load(const std::string &)").text, "Load");
   EXPECT_STREQ(Cut("const char *Tansy::details::(anonymous namespace)::Name(int)").text, "Tansy::details::Name");

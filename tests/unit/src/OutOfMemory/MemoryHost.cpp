@@ -33,7 +33,7 @@ namespace {
 constexpr std::chrono::seconds kPatience{10};
 constexpr const char* kForm = "multipart/form-data";
 
-// The bytes of everything stored, by the text that the catalogue keeps.
+// All stored bytes, by the location text that the catalogue keeps.
 class CStore {
  public:
   static CStore& Instance() {
@@ -193,7 +193,7 @@ system_tests::Reply CMemoryHost::Finish(system_tests::CConnection& connection, s
   }
   connection.Send(system_tests::Serialize(last, port));
   system_tests::Reply reply = connection.Receive(details::kPatience, request.method == "HEAD");
-  // What the server does behind its answer belongs to the request too.
+  // What the server does after its answer belongs to the request too.
   if (!connection.IsClosedByServer(details::kPatience) && reply.status == 0) {
     reply.status = -1;
   }

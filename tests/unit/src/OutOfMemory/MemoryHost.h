@@ -11,7 +11,7 @@
 
 namespace Tansy::Tests {
 
-// Of every form that is sent.
+// Every form that is sent has this boundary.
 inline const std::string kFormBoundary = "----boundary4711";
 
 // Started once and kept until the process ends, because the module can be initialised once only. Its callbacks are
@@ -23,8 +23,8 @@ class CMemoryHost {
   std::uint16_t ObjectPort() const { return object_port_; }
   std::uint16_t PicturePort() const { return picture_port_; }
 
-  // One signed request on a connection of its own, which the server closes behind its answer. Status 0: it closed
-  // without one; status -1: it did neither within ten seconds.
+  // Sends one signed request on a connection of its own, which the server closes after its answer. The status is 0 when
+  // it closed without an answer, and -1 when it did neither within ten seconds.
   system_tests::Reply Call(std::uint16_t port, const system_tests::Request& request) const;
   // The same on a connection that has served a request already; see Prepare.
   static system_tests::Reply Finish(system_tests::CConnection& connection, std::uint16_t port,
@@ -32,7 +32,7 @@ class CMemoryHost {
   // A connection that the server has accepted and served once. Null when it does not.
   std::unique_ptr<system_tests::CConnection> Prepare(std::uint16_t port) const;
 
-  // Rows of the catalogue that a condition fits.
+  // Counts the rows of the catalogue that fulfil a condition.
   int CountRows(const std::string& table, const std::string& condition) const;
 
  private:

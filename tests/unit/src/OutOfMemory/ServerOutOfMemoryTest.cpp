@@ -282,7 +282,7 @@ TEST_F(ServerOutOfMemoryMultipart, CompletingATask) {
         EXPECT_TRUE(stored.status == 200 || reply.status != 200) << "allocation " << round;
         EXPECT_EQ(CountObjects("completed" + std::to_string(round)), stored.status == 200 ? 1 : 0);
         if (stored.status != 200) {
-          // As the page on the protocol says: all parts again, then the completion.
+          // As the page on the protocol says, all parts are sent again, and then the completion.
           Object(Part(path, id, 1, "aaaa"));
           Object(Part(path, id, 2, "bbbb"));
           EXPECT_EQ(Object(Completion(path, id)).status, 200) << "allocation " << round;

@@ -28,7 +28,7 @@ std::string Digest(const std::string& data) {
   return Hex(digest.data(), digest.size());
 }
 
-// The same by another implementation.
+// Another implementation computes the same digest.
 std::string ReferenceDigest(const std::string& data) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int size = 0;

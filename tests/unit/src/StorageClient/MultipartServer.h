@@ -21,7 +21,7 @@ namespace Tansy::CloudStorage {
 // Threads: any.
 class CMultipartServer {
  public:
-  // Decides about a part; status 200 keeps it. Called on the scripted server's threads, several at once.
+  // Decides about a part; status 200 keeps it. The scripted server calls it on several threads at once.
   using PartHook = std::function<Tests::ScriptedAnswer(int part_number)>;
 
   // `node` is what a best-node request is told.
@@ -30,7 +30,7 @@ class CMultipartServer {
   void SetPartHook(PartHook hook);
   void SetFinishAnswer(Tests::ScriptedAnswer answer);
   void SetDelay(int milliseconds);  // of each part's answer
-  // Empty: a new one for each upload, see TaskId.
+  // Sets the id of the next uploads. When it is empty, each upload gets a new id, see TaskId.
   void UseOneTaskId(const std::string& id);
 
   // The id of the n-th upload. Clients remember ids as long as the process lives, so no two servers use the same.
@@ -42,7 +42,7 @@ class CMultipartServer {
   std::string Content(const std::string& upload_id) const;
   // The object at a path such as "/pool/key"; empty when there is none.
   std::string Object(const std::string& path) const;
-  // Answers this instead of the size of an object.
+  // Lets the server answer this instead of the size of an object.
   void SetMetadataAnswer(Tests::ScriptedAnswer answer);
 
  private:

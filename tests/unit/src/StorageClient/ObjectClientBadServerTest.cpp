@@ -1,4 +1,4 @@
-// Every operation against every way in which a server can be wrong.
+// Every operation meets every way in which a server can be wrong.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -89,7 +89,7 @@ class ObjectClientBadServerTest : public ObjectClientFixture, public testing::Wi
  protected:
   ObjectClientBadServerTest() { client_.SetTimeoutConfig(2000, 2000); }
 
-  // `answer` to what `is_bad` is true for; the rest of an upload goes well.
+  // The server gives `answer` to requests for which `is_bad` is true; the rest of an upload goes well.
   void Serve(const std::function<bool(const ScriptedRequest&)>& is_bad) {
     server_.Handle([this, is_bad](const ScriptedRequest& request) -> ScriptedAnswer {
       if (is_bad(request)) {
@@ -201,7 +201,7 @@ class ObjectClientRedirectTest : public ObjectClientFixture {
 };
 
 TEST_F(ObjectClientRedirectTest, DoesNotRunInCircles) {
-  // Two servers that send each client to the other.
+  // Each of these two servers redirects its clients to the other one.
   Tests::ScriptedServer other;
   const auto to = [](const Tests::ScriptedServer& server) {
     return ScriptedAnswer{.status = 302, .headers = {{"Location", server.Url("/pool/key")}}};

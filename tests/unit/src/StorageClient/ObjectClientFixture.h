@@ -29,9 +29,9 @@ inline constexpr char kSecretKey[] = "test-secret-key";
 inline constexpr char kXmlType[] = "application/xml; charset=utf-8";
 inline constexpr char kBinaryType[] = "binary/octet-stream";
 
-// Base64 of the HMAC-SHA1, without any code of the module.
+// Gives the Base64 text of the HMAC-SHA1. It uses no code of the module.
 std::string ReferenceSignature(const std::string& text, const std::string& key);
-// Base64 of the hexadecimal MD5, likewise.
+// Gives the Base64 text of the hexadecimal MD5, without code of the module too.
 std::string ReferenceContentMd5(const std::string& data);
 
 Tests::ScriptedAnswer BestNodeAnswer(const std::string& location);
@@ -67,7 +67,7 @@ class ObjectClientFixture : public testing::Test {
   std::vector<int> Progress() const;
   std::string Path(const std::string& key) const { return "/" + std::string(kPool) + "/" + key; }
   static LastError ErrorOf(CObjectClient& client);
-  // Takes a client's shared state away, as no public function can.
+  // Takes a client's shared state away. No public function can do that.
   static void Strip(CObjectClient& client);
   // The key in the n-th request's target.
   std::string KeyOfRequest(std::size_t index) const;

@@ -29,14 +29,14 @@ constexpr char kPathNodeFailed[] = "[%s]upload file[%s] failed, get best node fa
 
 class ObjectClientInterfaceTest : public ObjectClientFixture {
  protected:
-  // Best node: this server. Everything else: `answer`.
+  // Best-node requests get this server's address, and all others get `answer`.
   void ServeUploads(ScriptedAnswer answer = {}) {
     server_.Handle([this, answer](const ScriptedRequest& request) {
       return request.target.ends_with("?bestnode") ? BestNodeAnswer(server_.Address()) : answer;
     });
   }
 
-  // A client of a server that nobody runs.
+  // A client whose server does not run.
   SStorageServerConfig DeadConfig() {
     SStorageServerConfig config = Config();
     config.upload_port = 1;
@@ -71,7 +71,7 @@ TEST_F(ObjectClientInterfaceTest, RefusesAConfigurationWithAnEmptyField) {
   SStorageServerConfig config = Config();
   config.pool_name = "";
   CObjectClient(config).Init();
-  // The two keys stand under each other's labels.
+  // The labels of the two keys are exchanged.
   EXPECT_THAT(log_->Text(line), HasSubstr("sk[" + std::string(kAccessKey) + "] , ak[" + kSecretKey +
                                           "], ip[127.0.0.1], pool name[] is invalid."));
   EXPECT_THAT(log_->Text(line), StartsWith("[Tansy::CloudStorage::CObjectClient::Init]"));

@@ -67,7 +67,7 @@ class ObjectClientPiecesTest : public ObjectClientFixture {
     return client_.UploadFileByPiecesAndFileName(url, piece.data(), static_cast<unsigned>(piece.size()), last, first);
   }
 
-  // What was asked of the server, keys and hosts left out.
+  // Gives the requests that reached the server, without keys and hosts.
   std::vector<std::string> Sequence() const {
     std::vector<std::string> sequence;
     for (const ScriptedRequest& request : server_.Requests()) {
@@ -78,7 +78,7 @@ class ObjectClientPiecesTest : public ObjectClientFixture {
     return sequence;
   }
 
-  // Under which the registry keeps an upload of the client's pool.
+  // Gives the key under which the registry keeps an upload of the client's pool.
   std::string RegistryKey(const std::string& key) const { return server_.Url(Path(key)); }
   bool IsRegistered(const std::string& key) const {
     std::int32_t last = 0;
@@ -433,7 +433,7 @@ TEST_F(ObjectClientPiecesTest, TakesEmptyPieces) {
   EXPECT_EQ(multipart_.Object(url), "abcdef");
   EXPECT_THAT(PartSizes(), ElementsAre(3, 3));
 
-  // With bytes that wait the empty last piece sends them.
+  // When bytes wait to be sent, an empty last piece sends them.
   const std::string bytes = Tests::RandomBytes(kPart + 5);
   std::string gathered;
   EXPECT_TRUE(Send(gathered, bytes.substr(0, kPart), false));

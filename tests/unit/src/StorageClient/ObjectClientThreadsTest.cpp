@@ -1,4 +1,4 @@
-// One client in many hands.
+// Many threads use one client.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -41,7 +41,7 @@ class ObjectMultipartUploadTest : public ObjectClientFixture {
     server_.Handle([this](const ScriptedRequest& request) { return multipart_.Answer(request, server_.Address()); });
   }
 
-  // The requests but those for parts, whose order nobody knows.
+  // Gives all requests but those for parts, which have no fixed order.
   std::vector<std::string> Sequence() const {
     std::vector<std::string> sequence;
     for (const ScriptedRequest& request : server_.Requests()) {
@@ -145,7 +145,8 @@ TEST_F(ObjectMultipartUploadTest, ReportsRisingValuesBelowAHundredAndThenAHundre
 }
 
 TEST_F(ObjectMultipartUploadTest, ReportsAHundredOnTheWayAsNinetyNine) {
-  // What is counted for an upload id stays: under an id that was used before, all parts seem to be there at once.
+  // The count of finished parts stays with its upload id. Under an id that was used before, all parts therefore seem to
+  // be finished at once.
   multipart_.UseOneTaskId(TansyBase::GuidUtil::CreateGuid());
   multipart_.SetDelay(20);
   const std::string path = folder_.Write("file.bin", std::string(8 * kPartBytes, 'x'));
@@ -193,7 +194,7 @@ TEST_F(ObjectMultipartUploadTest, StopsReadingWhenAPartHasFailed) {
   std::filesystem::resize_file(path, 100 * kPartBytes);
   std::string url;
   EXPECT_FALSE(client_.UploadFile(url, path));
-  // At most the parts in the pool when the first failed, three attempts each.
+  // These are at most the parts that were in the pool when the first one failed, with three attempts each.
   EXPECT_LT(server_.Requests().size(), 50u);
   EXPECT_EQ(log_->Count(kPartFailed, logging::kError), 1u);
   EXPECT_EQ(ErrorOf(client_), (LastError{5, 0, "UploadPartObject rsp status code[403]."}));
@@ -318,7 +319,7 @@ TEST_F(ObjectMultipartUploadTest, KeepsManyUploadsApart) {
 }
 
 TEST_F(ObjectMultipartUploadTest, EndsWhenAServerGivesOneIdToTwoUploads) {
-  // What becomes of the objects is the server's doing; here it matters that both calls come back.
+  // The server decides what becomes of the objects. This test looks only at whether both calls return.
   multipart_.UseOneTaskId(TansyBase::GuidUtil::CreateGuid());
   multipart_.SetDelay(5);
   const std::string first = folder_.Write("first", std::string(6 * kPartBytes, 'x'));

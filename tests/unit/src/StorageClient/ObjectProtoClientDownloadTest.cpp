@@ -128,7 +128,7 @@ class ObjectProtoClientDownloadTest : public ObjectClientFixture {
     return ranges;
   }
 
-  // Whether nobody holds the file open.
+  // Returns true when nobody holds the file open.
   bool IsFree(const std::string& name) const {
     TansyBase::CLocalFile file;
     const std::uint32_t error = file.OpenAlways(folder_.Path(name));
@@ -754,13 +754,13 @@ TEST_F(ObjectProtoClientDownloadTest, DoesNotMixTwoVersions) {
   EXPECT_EQ(std::filesystem::file_size(folder_.Path("file")), 3 * kMiB);
   EXPECT_TRUE(IsFree("file"));
 
-  // Between the question for the size and the first range.
+  // The object is replaced between the question for its size and the first range.
   Renew();
   server_.Handle(CReplacedObject("\"old\"", "\"new\"", 0));
   EXPECT_FALSE(DownloadToFile("first"));
   EXPECT_EQ(Error().code, 13);
 
-  // Ranges without the tag that the server gave before: nobody knows what they are of.
+  // These ranges lack the tag that the server gave before, so nobody knows to which version they belong.
   Renew();
   server_.Handle(CReplacedObject("\"old\"", "", 3));
   EXPECT_FALSE(DownloadToFile("untagged"));

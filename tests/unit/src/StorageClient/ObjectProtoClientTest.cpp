@@ -29,7 +29,7 @@ class ObjectProtoClientTest : public ObjectClientFixture {
     ASSERT_TRUE(client_->Init(impl_));
   }
 
-  // A client of a server that nobody runs.
+  // A client whose server does not run.
   void UseDeadServer() {
     SStorageServerConfig config = Config();
     config.upload_port = 1;

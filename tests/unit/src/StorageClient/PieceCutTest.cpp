@@ -15,7 +15,8 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// What goes out for these pieces after a first one of `part_size` bytes; the last piece ends the object.
+// Gives the parts that are sent for these pieces when the first piece had `part_size` bytes. The last piece ends the
+// object.
 class PieceCutTest : public testing::Test {
  protected:
   bool Cut(std::string_view piece, std::uint32_t part_size, bool last) {

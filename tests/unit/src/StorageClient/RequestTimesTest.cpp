@@ -36,7 +36,7 @@ thread_local int waits_in_vain = 0;  // of this thread: waits for a condition th
 
 }  // namespace
 
-// Every pause of a thread ends in one of these two.
+// Every pause of a thread calls one of these two functions.
 extern "C" int nanosleep(const timespec* duration, timespec* rest) {
   ++sleeps;
   return static_cast<int>(syscall(SYS_nanosleep, duration, rest));
@@ -47,7 +47,7 @@ extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec* time,
   return static_cast<int>(syscall(SYS_clock_nanosleep, clock, flags, time, rest));
 }
 
-// Waits for a condition, with a limit, end in this one.
+// Every wait for a condition with a limit calls this one.
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                       const timespec* time) {
   using Wait = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
@@ -113,7 +113,7 @@ class RequestTimesTest : public testing::Test {
     return answer;
   }
 
-  // Of the requests whose URL contains `text`, connect, send and receive.
+  // Gives the times to connect, send and receive of the requests whose URL contains `text`.
   std::vector<std::vector<std::uint32_t>> TimesOf(const std::string& text) const {
     std::vector<std::vector<std::uint32_t>> times;
     for (const RecordedRequest& request : http_.Requests()) {
@@ -273,7 +273,7 @@ TEST_F(RequestTimesTest, AnUploadInPartsIsWokenWhenItsLastPartIsDone) {
 
 // ---- parts under way
 
-// Where this process stands in a file that it has open; -1 when it has not.
+// Gives the position of this process in a file that it has open; -1 when it has not opened the file.
 std::int64_t PositionIn(const std::string& path) {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code ignored;

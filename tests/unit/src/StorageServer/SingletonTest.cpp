@@ -18,7 +18,7 @@ namespace {
 
 std::atomic<int> g_made{0};
 
-// Takes its time to be made, so that all threads meet in the accessor.
+// Its construction takes a while, so that all threads meet in the accessor.
 struct CSlow {
   CSlow() {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));

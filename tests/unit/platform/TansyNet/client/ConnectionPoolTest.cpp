@@ -42,7 +42,7 @@ class HttpClientPoolTest : public testing::Test {
   }
   bool Got(const std::string& url) { return Get(url).kind == HttpClient::kNone; }
 
-  // Lets what is kept grow old enough to count as left open by its server.
+  // Lets kept connections grow so old that the pool no longer expects their server to keep them open.
   static void LetKeptConnectionsSettle() { std::this_thread::sleep_for(CConnectionPool::kSettled * 2); }
 
   CHttpClientResponse response_;
@@ -128,7 +128,7 @@ TEST_F(HttpClientPoolTest, BytesThatNobodyAskedForEndAKeptConnection) {
                           .piece = answer.size(),
                           .piece_delay_ms = 50});
   EXPECT_TRUE(Got(server.Url("/")));
-  // Taking a connection is what looks at it; once the bytes are there, none is left to take.
+  // The pool looks at a connection when somebody takes it. Once the bytes have arrived, there is none to take.
   URL url;
   ASSERT_TRUE(URL::Parse(server.Url("/"), url));
   const std::string key = CConnectionPool::Key(url);
@@ -395,7 +395,7 @@ TEST_F(HttpClientPoolTest, TheConnectionUsedLastIsUsedFirst) {
   EXPECT_EQ(pool.Take("key").get(), last);
 }
 
-// Also when it comes back to the pool just while the settings change, after the pool was emptied for that.
+// The same holds for a connection that comes back while the settings change, after the pool was emptied for that.
 TEST_F(HttpClientPoolTest, AConnectionOfOtherTrustSettingsIsNotTaken) {
   ScriptedServer server;
   URL url;

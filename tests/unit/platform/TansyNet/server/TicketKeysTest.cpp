@@ -34,7 +34,7 @@ TEST(TicketKeys, ThenAnotherOneComesAndTheOldOneIsGoodForTwelveMore) {
   EXPECT_TRUE(keys.Find(fresh->name.data(), kStart + 12h)->is_current);
 }
 
-// No ticket is made for a while, so that nothing makes a new key.
+// For a while no ticket is made, so nothing causes a new key.
 TEST(TicketKeys, AKeyEndsAlsoWhenNoneFollows) {
   CTicketKeys keys;
   const auto key = keys.Current(kStart);

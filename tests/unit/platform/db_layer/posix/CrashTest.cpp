@@ -15,7 +15,7 @@
 namespace db_layer {
 namespace {
 
-// A process of its own that works until it is killed, and reports numbers through a pipe.
+// A child process that works until it is killed and reports numbers through a pipe.
 class CVictim {
  public:
   template <typename Work>
@@ -39,7 +39,7 @@ class CVictim {
   CVictim& operator=(const CVictim&) = delete;
 
   static void Report(int pipe_end, std::int32_t number) {
-    // Whole or not at all: shorter than what a pipe takes at once.
+    // The report is shorter than what a pipe takes at once, so it arrives whole or not at all.
     if (write(pipe_end, &number, sizeof(number)) != static_cast<ssize_t>(sizeof(number))) {
       _exit(1);
     }
@@ -90,7 +90,7 @@ TEST_F(CrashTest, NoValueIsGivenTwiceAcrossCrashes) {
       EXPECT_TRUE(seen.insert(value).second) << value;
     }
     victim.Kill();
-    // What it had given out before it died, up to what fits in the pipe.
+    // Collects the values that the child gave out before it died, up to what fits in the pipe.
     while (victim.Next(value)) {
       EXPECT_TRUE(seen.insert(value).second) << value;
     }

@@ -21,7 +21,7 @@ TEST_F(BaseDBConn, HandsOutConnectionsAndTakesThemBack) {
   db_layer::DBParam param = database_.Param();
   param.max_connections = 1;
   ASSERT_TRUE(connections_.RegisterModule(param));
-  // With a single connection, the second is only to be had once the first is back.
+  // The pool has a single connection, so a second one is there only once the first has been given back.
   for (int i = 0; i < 3; ++i) {
     const std::shared_ptr<db_layer::CConnect> connection = connections_.ApplyConn();
     ASSERT_NE(connection, nullptr);

@@ -63,7 +63,7 @@ class CatalogueFixture : public testing::Test {
     return statements;
   }
 
-  // No connection can be had any more; Heal alone brings them back.
+  // Takes all connections away; only Heal brings them back.
   void LoseConnections() {
     database_.FailConnections();
     database_.BreakConnections();
@@ -87,7 +87,7 @@ class CatalogueFixture : public testing::Test {
     }
   }
 
-  // A bucket in the catalogue and in the database, nothing of it in log and statements.
+  // Makes a bucket in the catalogue and in the database, and forgets its log lines and statements.
   BucketInfo MakeBucket(const std::string& name) {
     BucketInfo bucket;
     bucket.guid = "guid-of-" + name;
@@ -156,7 +156,7 @@ class CatalogueFixture : public testing::Test {
     database_.SetHook(nullptr);
   }
 
-  // Forgets log and statements so far.
+  // Forgets the log lines and statements so far.
   void StartOver() {
     log_->Clear();
     database_.ForgetStatements();

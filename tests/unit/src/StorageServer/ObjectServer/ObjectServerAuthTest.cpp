@@ -26,7 +26,7 @@ constexpr const char* kInvalid2 = "[%s]http header Authorization invalid 2! Auth
 constexpr const char* kWrongAk = "[%s]ak not equal, server=%s, recv=%s[%s(%d)]";
 constexpr const char* kWrongSignature = "[%s]CheckHMACResult failed! Authorization=%s sign_str=%s server_sk=%s[%s(%d)]";
 
-// Not by way of the server's own helper.
+// This does not use the server's own helper.
 std::string Hmac(const std::string& text) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int size = 0;
@@ -94,7 +94,7 @@ TEST_F(CObjectServerAuthTest, TheOtherSpellingOfMd5CountsWhenItIsAlone) {
   EXPECT_EQ(server_.CheckAuth(Request("quorvane access-key:" + Hmac("GET\nbig\n\n\n\n/b/k"),
                                       {{"Content-MD5", "big"}, {"Content-Md5", "small"}})),
             0);
-  // Present and empty is present.
+  // An empty value counts as present.
   EXPECT_EQ(server_.CheckAuth(Request("quorvane access-key:" + Hmac("GET\n\n\n\n\n/b/k"),
                                       {{"Content-MD5", ""}, {"Content-Md5", "small"}})),
             0);
@@ -277,7 +277,7 @@ TEST_F(CObjectServerAuthTest, ALinkIsGoodUntilTheMomentThatItNames) {
   clock.Advance(1);
   EXPECT_EQ(server_.CheckAuth(request), -1);
   EXPECT_EQ(log_->Count("[%s]token expired[%s].[%s(%d)]", logging::kError), 1u);
-  // Behind the token nothing counts, least of all another end.
+  // Nothing behind the token counts, and certainly no other end.
   EXPECT_EQ(server_.CheckAuth(TokenRequest("expires=" + last + "&token=" + token + "&expires=99999999999")), -1);
 }
 
@@ -292,7 +292,7 @@ TEST_F(CObjectServerAuthTest, ALinkThatIsSentAsAHeaderEndsToo) {
   EXPECT_EQ(server_.CheckAuth(msg), -1);
   msg.headers["x-qvs-none"] = "";
   EXPECT_EQ(server_.CheckAuth(msg), -1) << "an empty extension header changes nothing of the text";
-  // A dated header is no link, and what its query says is between the client and nobody.
+  // A header with a date is no link, so an end in its query means nothing.
   msg.headers["Date"] = "now";
   msg.headers["Authorization"] = "quorvane access-key:" + Hmac("GET\n\n\nnow\n\n/b/k?" + query);
   msg.headers.erase("x-qvs-none");

@@ -209,7 +209,7 @@ TEST_F(CObjectServerBestNodeTest, TheLocalAddress) {
 }
 
 TEST_F(CObjectServerBestNodeTest, OtherAddresses) {
-  EXPECT_TRUE(Answers("10.0.0.8:9700", "10.0.0.8:9700"));  // an adapter's
+  EXPECT_TRUE(Answers("10.0.0.8:9700", "10.0.0.8:9700"));  // the address of an adapter
   EXPECT_TRUE(Answers("10.0.0.8:9743", "10.0.0.8:9743"));
   EXPECT_TRUE(Answers("storage.example:9700", "10.0.0.5:9700"));
   EXPECT_TRUE(Answers("storage.example:9743", "10.0.0.5:9743"));

@@ -26,7 +26,7 @@ constexpr std::time_t kThreeDays = 259200;
 
 class CObjectServerCleanTest : public CObjectServerTest {
  protected:
-  // A task from before the start of the server, as far as the catalogue knows.
+  // A task that the catalogue takes for one from before the start of the server.
   std::string NewTask(const std::string& update_time) {
     static int next = 1;
     const std::string number = std::to_string(next++);
@@ -142,7 +142,7 @@ TEST_F(CObjectServerCleanClockTest, PartOneSentAgainMakesATaskYoung) {
   EXPECT_TRUE(IsThere(task_id));
 }
 
-// A part or a completion that is under way finds its task to the end.
+// The sweep does not take a task away while a part or a completion of it is under way.
 TEST_F(CObjectServerCleanClockTest, ATaskThatIsWorkedOnIsLeftAlone) {
   const std::string task_id = TaskOfAge(kThreeDays + 1);
   std::shared_ptr<std::mutex> task_mutex;

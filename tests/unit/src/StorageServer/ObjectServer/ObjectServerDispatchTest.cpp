@@ -196,7 +196,7 @@ TEST_F(CObjectServerDispatchTest, AFullLoopEndsARunningUpload) {
     http_.DeliverPiece(handle, &CObjectServer::RecvMsgCallBack, msg, "second piece", false);
     EXPECT_TRUE(IsError(http_.AnswerOf(handle), 500, "ServerInternalError"));
     EXPECT_TRUE(streams.IsStreamAbsent(static_cast<std::uint32_t>(handle)));
-    // A late piece is answered no second time while the loop is still full.
+    // A late piece gets no second answer while the loop is still full.
     http_.DeliverPiece(handle, &CObjectServer::RecvMsgCallBack, msg, "late piece", false);
     EXPECT_EQ(http_.AnswerOf(handle).attempts, 1);
   }
@@ -240,7 +240,7 @@ TEST_F(CObjectServerDispatchTest, AStoppedLoopAnswersWhatItDrops) {
   }
   EXPECT_EQ(CloudStorage::details::CBigFileStreamMgr::Instance().EndOf(static_cast<std::uint32_t>(upload)),
             CloudStorage::details::StreamEnd::kAnswered);
-  // And what comes while it is stopped.
+  // These come while the loop is stopped.
   const std::int32_t late = http_.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", "/b/o", "", "", {}}));
   EXPECT_TRUE(IsError(http_.AnswerOf(late), 500, "ServerInternalError"));
   const std::int32_t late_upload = http_.NewHandle();

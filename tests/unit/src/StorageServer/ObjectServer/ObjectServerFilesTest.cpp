@@ -28,7 +28,7 @@ constexpr const char* kFolderFailed = "[%s]CreateFloder failed[%s], full path[%s
 constexpr const char* kCreateFailed = "[%s]create file failed[%s], error[%d].[%s(%d)]";
 constexpr const char* kWriteFailed = "[%s]write file failed[%s], error[%d].[%s(%d)]";
 
-// Works in a folder of its own: absolute paths do not do.
+// Works in a folder of its own, because absolute paths do not work.
 class CObjectServerFilesTest : public ::testing::Test {
  protected:
   CObjectServerFilesTest() : before_(fs::current_path()) { fs::current_path(folder_.GetPath()); }
@@ -112,7 +112,7 @@ TEST_F(CObjectServerFilesTest, AFullDisk) {
     GTEST_SKIP() << "no /dev/full here";
   }
   fs::create_symlink("/dev/full", "full");
-  // Small enough to stay in the buffer until the closing, and too big for that.
+  // The first size stays in the buffer until the file is closed; the second is too big for that.
   for (const std::size_t size : {std::size_t{1}, std::size_t{1} << 20}) {
     log_->Clear();
     const std::string bytes(size, 'x');

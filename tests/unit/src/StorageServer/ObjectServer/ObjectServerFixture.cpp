@@ -208,12 +208,12 @@ int CFakeStorage::Remove(const std::string& location) {
 
 CObjectServerTest::CObjectServerTest() {
   TheWorld();
-  // What the test before left in the loop would count for this one.
+  // Tasks that the test before has left in the loop would count for this one.
   while (CServerMsgLoop::Instance().GetWorkTaskCount() != 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   storage_.Reset();
-  // Listeners that are not open, and a server that takes them to be.
+  // The listeners are closed, but the server takes them for open.
   server_.SetObjectServerEnable(false);
   http_.OpenNothing(true);
   server_.SetObjectServerEnable(true);

@@ -42,13 +42,13 @@ class CFakeStorage {
   std::string Bytes(const std::string& location) const;
   void Put(const std::string& location, std::string bytes);
 
-  // What calls of this kind return from now on; other results than 0 change nothing.
+  // Sets what calls of this kind return from now on. A call with another result than 0 changes nothing.
   void SetResult(const std::string& kind, int result);
   // Called before each call does anything, without a lock.
   void SetHook(std::function<void(const Call&)> hook);
-  // Reads deliver so many bytes fewer than they could.
+  // Lets reads deliver so many bytes fewer than they could.
   void ShortenReads(std::uint32_t bytes);
-  // Reads succeed without handing back a buffer.
+  // Lets reads succeed without handing back a buffer.
   void DeliverNoBuffer(bool none);
 
  private:
@@ -86,7 +86,7 @@ class CObjectServerTest : public ::testing::Test {
   CObjectServerTest();
   ~CObjectServerTest() override;
 
-  // Once for the process: the catalogue cannot be emptied, so tests keep apart by their buckets' names.
+  // Runs once per process. The catalogue cannot be emptied, so each test uses bucket names of its own.
   static CFailingDatabase& Database();
   static CloudStorage::StorageServerConfig_V1 Config();
   // A new bucket, in the catalogue.
@@ -97,7 +97,7 @@ class CObjectServerTest : public ::testing::Test {
   static TansyNet::HttpServerRecv Message(const FakeRequest& request);
   // The same with a Date and an Authorization header.
   static TansyNet::HttpServerRecv Signed(const FakeRequest& request);
-  // Through the receive callback and the message loop; waits for the answer.
+  // Sends a request through the receive callback and the message loop, and waits for the answer.
   FakeAnswer Send(const FakeRequest& request);
   FakeAnswer SendMessage(TansyNet::HttpServerRecv msg);
   FakeAnswer Get(const std::string& path, const std::string& query = {}, const TansyNet::Headers& headers = {});

@@ -27,12 +27,12 @@
 
 namespace {
 
-// What a test does instead of sleeping.
+// A test runs this instead of sleeping.
 std::function<void(std::uint32_t)> g_sleep;
 
 }  // namespace
 
-// Used instead of the library's by this program: nobody waits five seconds for a test.
+// This program uses this function instead of the library's, so that no test waits for five seconds.
 void OSAL_Sleep(std::uint32_t milliseconds) {
   if (g_sleep) {
     g_sleep(milliseconds);
@@ -100,7 +100,7 @@ struct CHost : KivPlatform::IFactoryInterface, KivPlatform::IDatabaseParam, KivP
   std::function<void()> on_register;
 };
 
-// Opens the test's database whatever it is asked for, and remembers that.
+// Opens the test's database, whichever it is asked for, and remembers the call.
 class CRecordingDriver : public db_layer::IDriver {
  public:
   explicit CRecordingDriver(std::string database) : database_(std::move(database)) {}
@@ -176,7 +176,7 @@ class ObjectServerInterface : public CatalogueFixture {
     return config;
   }
 
-  // What a best-node request that came in at `host` is answered.
+  // Gives the answer to a best-node request that came in at `host`.
   std::string AskObjectServer(const std::string& host) {
     const TansyNet::HttpServerRecv request = Signed("/bucket/key", "bestnode", host);
     const std::int32_t handle = http_.NewHandle();

@@ -19,7 +19,7 @@ namespace {
 
 class CObjectServerMultipartModelTest : public CObjectServerMultipartFixture {
  protected:
-  // The parts of an object that is to be: all but the last of one size.
+  // Makes the parts of a future object. All of them but the last have the same size.
   static std::vector<std::string> RandomParts(std::mt19937& random, std::size_t most_parts, std::size_t most_bytes) {
     const std::size_t count = 1 + random() % most_parts;
     const std::size_t size = 1 + random() % most_bytes;
@@ -162,7 +162,7 @@ TEST_F(CObjectServerMultipartModelTest, CompletionsAndPartsAtTheSameTime) {
   }
 }
 
-// What comes while a completion writes the first part waits for its end and then finds the task gone.
+// A request that comes while a completion writes the first part waits for the completion and then finds the task gone.
 class CObjectServerMultipartBesideTest : public CObjectServerMultipartFixture {
  protected:
   // Starts work of another connection, and returns when it has come to the task's mutex, which the caller holds.
@@ -278,7 +278,8 @@ TEST_F(CObjectServerMultipartBesideTest, ACompletionThatWaitedFindsItsTaskSweptA
   EXPECT_EQ(Object("k"), "before");
 }
 
-// The same for a part that comes with another length: the object has the size of what it is made of.
+// A completion waits for a part that comes with another length. The object must have the size of the parts that it is
+// made of.
 TEST_F(CObjectServerMultipartBesideTest, ACompletionCountsWhatThePartsItWaitedForBecame) {
   const std::string upload_id = NewTask("k");
   SendPart("k", upload_id, 1, "aaaa");

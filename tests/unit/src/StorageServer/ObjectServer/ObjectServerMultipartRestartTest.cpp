@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 class CObjectServerMultipartRestartTest : public CObjectServerMultipartFixture {
  protected:
-  // What is kept in memory only is gone; what is in the database and in files is read again.
+  // What was in memory only is lost; what is in the database and in files is read again.
   void Restart(const std::string& upload_id) {
     catalogue_.RemovePartSizeInfo(upload_id);
     EXPECT_TRUE(catalogue_.Init());
@@ -25,7 +25,7 @@ class CObjectServerMultipartRestartTest : public CObjectServerMultipartFixture {
     CloudStorage::PartSizeInfo info;
     return catalogue_.GetFirstPartInfo(upload_id, info) && info.is_lost;
   }
-  // Neither a part nor a completion is taken any more.
+  // Expects that the task takes neither a part nor a completion any more.
   void ExpectRefused(const std::string& key, const std::string& upload_id,
                      const std::vector<std::pair<int, std::size_t>>& parts) {
     EXPECT_TRUE(IsLost(upload_id));
@@ -178,7 +178,7 @@ TEST_F(CObjectServerMultipartRestartTest, AnUnfinishedFileIsNotTheFirstPart) {
   EXPECT_EQ(Object("k"), "aaaab");
 }
 
-// The part came again with another length, its file was replaced, and its row could not be.
+// The part came again with another length. Its file was replaced, and its row could not be replaced.
 TEST_F(CObjectServerMultipartRestartTest, AFileThatIsNotWhatTheRowSaysIsNotTakenForIt) {
   const std::string upload_id = NewTask("k");
   SendPart("k", upload_id, 1, "aaaa");

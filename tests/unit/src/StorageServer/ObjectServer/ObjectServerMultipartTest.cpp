@@ -235,7 +235,7 @@ TEST_F(CObjectServerMultipartTest, APartOfATaskThatWasSweptAway) {
   EXPECT_EQ(log_->Count(kIllegal, logging::kError), 1u);
 }
 
-// The sweep takes rows away and nothing else: files and bytes are the host's to look after.
+// The sweep removes rows and nothing else. The host looks after files and bytes.
 TEST_F(CObjectServerMultipartTest, TheSweepLeavesFilesAndBytes) {
   CManualClock clock;
   const std::string upload_id = NewTask("k");
@@ -274,7 +274,7 @@ TEST_F(CObjectServerMultipartTest, TheLastPlaceThatThirtyTwoBitsHold) {
   SendPart("k", upload_id, 1, Pattern(1 << 16));
   SendPart("k", upload_id, 2, Pattern(1 << 16));
   const std::size_t writes = storage_.Calls("stream").size();
-  // Its end would be at exactly 4 GiB.
+  // This part would end at exactly 4 GiB.
   EXPECT_TRUE(IsError(SendPart("k", upload_id, 65536, Pattern(1 << 16)), 400, "InvalidHttpContent"));
   EXPECT_EQ(storage_.Calls("stream").size(), writes);
   storage_.SetResult("stream", 3);  // the place is found; nothing is to be stored there
@@ -312,7 +312,7 @@ TEST_F(CObjectServerMultipartTest, APartThatCannotBeRecorded) {
   EXPECT_TRUE(IsError(SendPart("k", upload_id, 2, "bb"), 500, "ServerInternalError"));
   EXPECT_EQ(log_->Count(kRecordFailed, logging::kError), 2u);
   Database().Heal();
-  // Nothing of a part that was refused stays: whichever comes next is the first one.
+  // Nothing stays of a part that was refused, so the part that comes next is the first one.
   EXPECT_EQ(FirstPartFiles(), 0u);
   EXPECT_EQ(StateOf(upload_id).first_part, 0u);
   EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "BB"), ""));

@@ -323,7 +323,7 @@ class CLeases {
     calls_.push_back(call);
     changed_.notify_all();
   }
-  // The calls, once there are so many of them.
+  // Waits until there are so many calls, and gives them.
   static std::vector<std::string> Wait(std::size_t count) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, std::chrono::seconds(60), [count] { return calls_.size() >= count; });
@@ -583,7 +583,7 @@ TEST_F(CObjectServerReadTest, DownloadsBeyondTheThreadsWait) {
     ASSERT_TRUE(threads.Run(job)) << i;
   }
   EXPECT_FALSE(threads.Run(job));
-  // The next download is refused in the protocol's words.
+  // The next download gets an error of the protocol.
   NewObject(bucket_, "k", Pattern(11 * kMiB));
   EXPECT_TRUE(IsError(Get(Path("k")), 500, "ServerInternalError"));
   for (int i = 0; i < 1000 && running < CBigFileSendThreads::kMaxThreads; ++i) {
@@ -671,7 +671,7 @@ TEST_F(CObjectServerReadTest, AFileThatCannotBeRemovedKeepsTheObject) {
   EXPECT_TRUE(IsError(Delete(Path("k"), "deletefile"), 404, "NoSuchKey"));
   EXPECT_TRUE(IsThere("k"));
   EXPECT_EQ(log_->Count(kFailed, logging::kError), 1u);
-  // A result that is no error of the protocol is answered with its empty texts.
+  // A result that is no error of the protocol is answered with empty texts.
   storage_.SetResult("remove", 5);
   const FakeAnswer answer = Delete(Path("k"), "deletefile");
   EXPECT_EQ(answer.response.status, 200);

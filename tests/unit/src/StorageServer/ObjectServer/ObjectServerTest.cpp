@@ -21,7 +21,7 @@ std::atomic<std::size_t> g_buffer_size{0};
 
 }  // namespace
 
-// Used instead of the library's by this program.
+// This program uses this function instead of the library's.
 int OSAL_InetNtop(int family, const void* address, char* buffer, std::size_t buffer_size) {
   g_family = family;
   g_buffer_size = buffer_size;
@@ -43,7 +43,7 @@ class CObjectServerLifecycleTest : public CObjectServerTest {
  protected:
   CObjectServerLifecycleTest() { Forget(); }
 
-  // Listeners that are not open, and a server that takes them to be, as after its construction.
+  // The listeners are closed, but the server takes them for open, as after its construction.
   void Forget() {
     EXPECT_EQ(server_.SetObjectServerEnable(false), 0);
     http_.OpenNothing(true);

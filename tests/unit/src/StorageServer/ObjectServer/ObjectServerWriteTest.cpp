@@ -105,7 +105,7 @@ TEST_F(CObjectServerWriteTest, AnEmptyBodyIsAnEmptyObject) {
 
 TEST_F(CObjectServerWriteTest, ChecksInTheirOrder) {
   const std::string long_key(129, 'k');
-  // Nothing is right: the bucket is looked at first, then the key, then the signature.
+  // Bucket, key and signature are all wrong. The server looks at them in this order.
   EXPECT_TRUE(IsError(SendMessage(Message({"PUT", "/none/" + long_key, "", "x", {}})), 404, "NoSuchBucket"));
   EXPECT_EQ(log_->Count(kNoBucket, logging::kError), 1u);
   EXPECT_THAT(log_->Text(kNoBucket),
@@ -324,7 +324,7 @@ class CObjectServerSlowStorageTest : public CObjectServerWriteTest {
 
 TEST_F(CObjectServerSlowStorageTest, HalfOfTheThreadsWaitForItAndTheOthersServe) {
   ASSERT_TRUE(gate_.WaitForEntered(kAtATime)) << "different uploads are stored side by side";
-  // All of it while no piece gets on: every answer comes past the waiting ones.
+  // All of this happens while no piece is stored: every answer passes the waiting pieces.
   NewObject(bucket_, "small", "x");
   for (int i = 0; i < 50; ++i) {
     EXPECT_EQ(Get(Path("small")).body, "x");
@@ -597,7 +597,7 @@ TEST_F(CObjectServerWriteTest, ABucketThatComesBackInTheMiddleDoesNotCloseTheGap
   http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(kMiB), false);
   ASSERT_TRUE(catalogue_.AddBucket(bucket));
   http_.DeliverPiece(handle_, &CObjectServer::RecvMsgCallBack, msg, Pattern(9 * kMiB), true);
-  // At once: there is nothing to wait for.
+  // The answer comes at once, because there is nothing to wait for.
   EXPECT_TRUE(IsError(http_.WaitForAnswer(handle_, 5000), 500, "ServerInternalError"));
   EXPECT_EQ(storage_.Calls("stream").size(), 1u);
   ObjectInfo object;
@@ -657,7 +657,7 @@ TEST_F(CObjectServerWriteTest, AWholeBodyThatDeclaresMoreHasNoStream) {
 }
 
 TEST_F(CObjectServerWriteTest, PathsOfAnotherShape) {
-  // Routing lets none through; the stream task looks all the same.
+  // Routing lets no such path through, but the stream task checks it too.
   EXPECT_TRUE(IsError(Put("/bucket/a/b", "x"), 400, "URLNotSupport"));
 
   CloudStorage::CObjectStreamTask(http_.NewHandle(), Message({"PUT", "/bucket/a/b", "", "x", {}})).Exec();

@@ -43,7 +43,7 @@ TEST_F(ObjectStorageManagerObjects, AddsTheFirstObjectOfABucket) {
   EXPECT_EQ(found.update_time, "2026-11-03 08:00:00");
   EXPECT_EQ(found.url, "fs01ab-cd-key.d");
   EXPECT_EQ(Rows("name"), Texts{"key"});
-  // The look-up of a new name leaves its line.
+  // The look-up of a new name writes a line of its own.
   ExpectLine(5, "CObjectStorageManager::GetObjectByName", "[%s]get Object[%s] failed, object not exist.[%s(%d)]",
              "get Object[key] failed, object not exist.");
   EXPECT_EQ(CountLines(logging::kTrace), 1U);

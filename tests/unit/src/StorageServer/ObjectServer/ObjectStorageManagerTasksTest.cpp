@@ -13,7 +13,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// Reaches the catalogue's tasks past its calls: an explicit instantiation may name a private member.
+// Reaches the catalogue's private map of tasks. C++ lets an explicit instantiation name a private member.
 using TaskMap = std::map<std::string, TaskPartSet>;
 template <TaskMap CObjectStorageManager::*Member>
 struct TaskAccess {

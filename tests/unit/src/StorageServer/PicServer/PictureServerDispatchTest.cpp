@@ -97,12 +97,12 @@ TEST_F(PictureServerDispatch, ARequestIsRefusedWithoutBeingQueuedWhenTheLoopHold
   while (loop.GetWorkTaskCount() < kLimit - 1) {
     Tests::Post(loop, [] {});
   }
-  // One below the limit it is still queued,
+  // One request below the limit is still queued,
   const auto queued = Http().Deliver(&CPictureServer::RecvMsgCallBack, Signed(Request("GET", kVersionPath)));
   EXPECT_FALSE(Http().IsAnswered(queued));
   EXPECT_EQ(loop.GetWorkTaskCount(), kLimit);
   EXPECT_EQ(log_->Count("[%s]RecvMsgCallBack, msg loop exceed.[%s(%d)]"), 0u);
-  // and at the limit answered at once.
+  // and one at the limit is answered at once.
   const auto refused = Http().Deliver(&CPictureServer::RecvMsgCallBack, Signed(Request("GET", kVersionPath)));
   ExpectError(Http().AnswerOf(refused), -50004, 500);
   EXPECT_EQ(loop.GetWorkTaskCount(), kLimit);

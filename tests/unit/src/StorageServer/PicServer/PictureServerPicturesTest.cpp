@@ -1,4 +1,4 @@
-// Pictures in and out.
+// Uploads and downloads of pictures.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -127,7 +127,7 @@ TEST_F(PictureServerPictures, AFailingUploadCallbackIsToldToTheClient) {
   }
 }
 
-// Nobody ever asks for a picture whose address reached nobody.
+// A picture whose address reached no client is never asked for, so it is removed.
 TEST_F(PictureServerPictures, APictureWhoseAnswerCannotBeSentIsRemovedAgain) {
   store.url = "/pic?id=pc01-lost";
   Http().FailSends(1004);
@@ -180,7 +180,7 @@ TEST_F(PictureServerPictures, WithoutADownloadCallbackThereIsNothingToRead) {
             "CPictureServer::HandleDownloadPicture");
 }
 
-// What a failed read leaves behind is the host's: this one has freed its buffer already.
+// A buffer that a failed read leaves behind belongs to the host. This host has freed it already.
 TEST_F(PictureServerPictures, AFailingDownloadCallbackIsToldAndKeepsItsBuffer) {
   StorageServerConfig_V1 config = MakeConfig();
   config.read_object = [](char*& data, std::uint32_t&, const std::string&, int) {

@@ -1,4 +1,4 @@
-// The message loop belongs to the picture server, and the object server lives on it.
+// The message loop belongs to the picture server; the object server uses it too.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace {
 
 class PictureServerSharedLoop : public PictureServerTest {
  protected:
-  // An object request that needs no catalogue: its path is none.
+  // An object request that needs no catalogue, because its path is not valid.
   static std::int32_t DeliverObjectRequest() {
     return Http().Deliver(&CObjectServer::RecvMsgCallBack, Request("GET", "/bucket/key/more"));
   }
@@ -21,7 +21,7 @@ class PictureServerSharedLoop : public PictureServerTest {
     const auto answer = Http().WaitForAnswer(DeliverObjectRequest());
     return answer.response.status == 400 && answer.body.find("URLNotSupport") != std::string::npos;
   }
-  // Told at once that nothing will come of it.
+  // Its client is told at once that it will not be served.
   static bool IsObjectRequestRefused() {
     const auto answer = Http().AnswerOf(DeliverObjectRequest());
     return answer.response.status == 500 && answer.body.find("ServerInternalError") != std::string::npos;

@@ -192,7 +192,7 @@ TEST_F(PictureServerLifecycle, UninitStopsTheListenersAndTheSharedLoop) {
     EXPECT_FALSE(listener.open);
   }
   EXPECT_FALSE(Tests::Post(CServerMsgLoop::Instance(), [] {}));
-  // A request that slipped in is told so at once.
+  // A request that still came in is refused at once.
   const auto handle = Http().Deliver(&CPictureServer::RecvMsgCallBack, Signed(Request("GET", kVersionPath)));
   ExpectError(Http().AnswerOf(handle), -50004, 500);
 }
