@@ -165,17 +165,21 @@ TEST_F(CObjectServerMultipartModelTest, CompletionsAndPartsAtTheSameTime) {
 // A request that comes while a completion writes the first part waits for the completion and then finds the task gone.
 class CObjectServerMultipartBesideTest : public CObjectServerMultipartFixture {
  protected:
-  // Starts work of another connection, and returns when it has come to the task's mutex, which the caller holds.
+  // Says whether a thread waits for this mutex. glibc notes it in the mutex itself: 1 stands for locked, 2 for locked
+  // with somebody waiting.
+  static bool HasWaiter(std::mutex& mutex) {
+    return __atomic_load_n(&mutex.native_handle()->__data.__lock, __ATOMIC_ACQUIRE) == 2;
+  }
+  // Starts work of another connection, and returns when it waits for the task's mutex, which the caller holds.
   std::thread StartWaiter(const std::string& upload_id, std::function<void()> work) {
     std::shared_ptr<std::mutex> task_mutex;
     EXPECT_TRUE(catalogue_.GetPartFileMutex(upload_id, task_mutex));
-    const long owners = task_mutex.use_count();
     std::thread waiter(std::move(work));
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (task_mutex.use_count() == owners && std::chrono::steady_clock::now() < limit) {
+    while (!HasWaiter(*task_mutex) && std::chrono::steady_clock::now() < limit) {
       std::this_thread::yield();
     }
-    EXPECT_GT(task_mutex.use_count(), owners) << "nothing waits for the task";
+    EXPECT_TRUE(HasWaiter(*task_mutex)) << "nothing waits for the task";
     return waiter;
   }
   // Completes, and starts `beside` in the middle; gives the answer to `beside`.
