@@ -6,7 +6,6 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <string_view>
 
 #include "TansyCloudStorage/Catalogue.h"
 
@@ -35,15 +34,6 @@ struct PartSizeInfo {
   bool is_lost = false;  // parts arrived before a restart, and the part that arrived first cannot be found again
 };
 
-// Objects of a bucket are ordered by name alone, byte by byte. A look-up takes the name as it is, without making a
-// record of it.
-struct ObjectNameLess {
-  using is_transparent = void;
-  bool operator()(const ObjectInfo& left, const ObjectInfo& right) const { return left.name < right.name; }
-  bool operator()(const ObjectInfo& left, std::string_view right) const { return left.name < right; }
-  bool operator()(std::string_view left, const ObjectInfo& right) const { return left < right.name; }
-};
-
 // Parts of a task are ordered by number. The number alone finds one: all parts of a set belong to one task.
 struct TaskPartLess {
   using is_transparent = void;
@@ -54,7 +44,6 @@ struct TaskPartLess {
   bool operator()(std::uint32_t left, const ObjectTaskInfo& right) const { return left < right.part_num; }
 };
 
-using ObjectSet = std::set<ObjectInfo, ObjectNameLess>;
 using TaskPartSet = std::set<ObjectTaskInfo, TaskPartLess>;
 
 }  // namespace Tansy::CloudStorage

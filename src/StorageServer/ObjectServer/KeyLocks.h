@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_KEY_LOCKS_H
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <mutex>
@@ -38,10 +39,11 @@ class CKeyLocks {
   [[nodiscard]] Guard Lock(std::string_view group, std::string_view name) {
     const std::hash<std::string_view> hash;
     std::shared_lock<std::shared_mutex> some(all_, std::defer_lock);
-    {
-      std::unique_lock<std::mutex> turn(turn_, std::defer_lock);
-      TansyBase::LockWhileBlocking(turn);
-      TansyBase::LockWhileBlocking(some);
+    if (wanted_by_ != 0 || !some.try_lock()) {
+      // Somebody wants all names, or has them; turn_ is free once nobody waits for them any more.
+      const TansyBase::CBlockingScope blocking;
+      const std::lock_guard<std::mutex> turn(turn_);
+      some.lock();
     }
     std::unique_lock<std::mutex> one(stripes_[(hash(group) * 31 + hash(name)) % Stripes], std::defer_lock);
     TansyBase::LockWhileBlocking(one);
@@ -51,16 +53,21 @@ class CKeyLocks {
   // Locks every name. Names that are locked already are waited for, and nobody gets another one meanwhile: work on
   // single names that never pauses would otherwise keep this caller waiting for ever.
   [[nodiscard]] AllGuard LockAll() {
-    std::unique_lock<std::mutex> turn(turn_, std::defer_lock);
-    TansyBase::LockWhileBlocking(turn);
+    const TansyBase::CBlockingScope blocking;
+    ++wanted_by_;
     AllGuard all(all_, std::defer_lock);
-    TansyBase::LockWhileBlocking(all);
+    {
+      const std::lock_guard<std::mutex> turn(turn_);
+      all.lock();
+    }
+    --wanted_by_;
     return all;
   }
 
  private:
-  std::mutex turn_;        // held while somebody waits for all_
-  std::shared_mutex all_;  // shared by those who hold one name
+  std::atomic<int> wanted_by_{0};  // callers of LockAll that wait
+  std::mutex turn_;                // held while one of them waits for all_
+  std::shared_mutex all_;          // shared by those who hold one name
   std::array<std::mutex, Stripes> stripes_;
 };
 

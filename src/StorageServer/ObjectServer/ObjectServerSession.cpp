@@ -239,12 +239,12 @@ bool CObjectServerSession::DeleteObject(std::uint32_t id) {
   return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where id=%d", details::ToInt(id)));
 }
 
-bool CObjectServerSession::QueryObject(ObjectSet& objects, const std::string& bucket_name) {
+bool CObjectServerSession::QueryObject(const ObjectVisitor& take, const std::string& bucket_name) {
   SELECT_OR_RETURN(rows,
                    StringUtil::str_fmt("SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='%s';",
                                        details::DoubleQuotes(bucket_name).c_str()))
   for (; !rows->IsEnd(); rows->MoveNext()) {
-    objects.insert(details::ReadObject(*rows));
+    take(details::ReadObject(*rows));
   }
   return true;
 }

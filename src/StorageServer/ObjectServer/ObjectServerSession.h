@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_SESSION_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -41,7 +42,9 @@ class CObjectServerSession {
   static bool UpdateObject(const ObjectInfo& object, const std::string& ended_task = {});
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
-  static bool QueryObject(ObjectSet& objects, const std::string& bucket_name);
+  // Shows the objects of a bucket one by one; the record lasts for that call. What `take` throws leaves this function.
+  using ObjectVisitor = std::function<void(const ObjectInfo& object)>;
+  static bool QueryObject(const ObjectVisitor& take, const std::string& bucket_name);
 
   static bool GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks);
   static bool InsertObjectTask(ObjectTaskInfo& task);

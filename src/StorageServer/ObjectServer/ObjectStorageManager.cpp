@@ -35,26 +35,37 @@ bool CObjectStorageManager::Init() {
 }
 
 bool CObjectStorageManager::LoadBuckets() {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  return CObjectServerSession::QueryBucket(buckets_);
+  std::map<std::string, BucketInfo> rows;
+  if (!CObjectServerSession::QueryBucket(rows)) {
+    return false;
+  }
+  const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+  for (auto& [name, bucket] : rows) {
+    buckets_.try_emplace(name, Bucket{std::move(bucket), nullptr});
+  }
+  return true;
 }
 
 bool CObjectStorageManager::LoadObjects() {
   std::vector<std::string> names;
   {
-    const std::lock_guard<std::mutex> lock(bucket_mutex_);
+    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
     names.reserve(buckets_.size());
     for (const auto& [name, bucket] : buckets_) {
       names.push_back(name);
     }
   }
-  const std::lock_guard<std::mutex> lock(object_mutex_);
   for (const std::string& name : names) {
-    ObjectSet objects;
-    if (!CObjectServerSession::QueryObject(objects, name)) {
+    auto objects = std::make_unique<CObjectTable>();
+    const auto take = [&objects](const ObjectInfo& object) { objects->Add(CPackedObject::Make(object)); };
+    if (!CObjectServerSession::QueryObject(take, name)) {
       return false;
     }
-    objects_.emplace(name, std::move(objects));
+    const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+    const auto bucket = buckets_.find(name);
+    if (bucket != buckets_.end() && !bucket->second.objects) {
+      bucket->second.objects = std::move(objects);
+    }
   }
   return true;
 }

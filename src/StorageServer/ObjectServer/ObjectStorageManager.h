@@ -8,7 +8,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "Singleton.h"
 #include "StorageServer/ObjectServer/CatalogueRecords.h"
 #include "StorageServer/ObjectServer/KeyLocks.h"
+#include "StorageServer/ObjectServer/ObjectTable.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/Catalogue.h"
 
@@ -23,11 +26,15 @@ namespace Tansy::CloudStorage {
 
 // The catalogue in memory. It is the authority for look-ups; every change is written to the database first.
 //
-// The records form four groups with one mutex per group; no method holds two of these at once. Around them there are
-// one mutex for changes of buckets, and one lock per key for changes of objects. A method that adds or removes
-// something holds it from the first look-up to the last change, database included, so that memory and database always
-// agree on which change came last. The order is: the mutex of a task, the mutex for changes of buckets, the locks of
-// keys, one of the four.
+// The records form three groups with one mutex per group: buckets with their objects, upload tasks, and part sizes.
+// None of the three is ever held while the database works, so that no look-up waits for a disk; no method holds two of
+// them at once. The objects of a bucket are spread over mutexes of their own inside it.
+//
+// Around them there are one mutex for changes of buckets, one lock per key for changes of objects, and one lock per
+// task for changes of its rows. A method that changes something holds them from the first look-up to the last change,
+// database included, so that memory and database always agree on which change came last; memory follows once the
+// database has committed. The order is: the mutex of a task, the mutex for changes of buckets, the locks of keys, the
+// locks of tasks, one of the three.
 //
 // A bucket that was given another name keeps its old one here until the next start: requests, objects in memory and
 // this class's arguments use the old name. The database knows the bucket by the new name from then on.
@@ -118,11 +125,35 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool IsNameTaken(const std::string& name);
   bool IsNameTakenByAnother(const BucketInfo& bucket);
   std::string RowName(const std::string& bucket_name);
+
+  // A bucket with its objects; there is no table before the first one.
+  struct Bucket {
+    BucketInfo info;
+    std::unique_ptr<CObjectTable> objects;
+  };
+  using BucketMap = std::map<std::string, Bucket>;
+
+  // There are many more locks than threads, so that writers of different keys seldom wait for each other's commit.
+  using KeyLocks = CKeyLocks<1024>;
+  using KeyLock = KeyLocks::Guard;
+
+  static BucketMap::iterator FindBucketById(BucketMap& buckets, std::uint32_t id);
+  // Gives the objects of a bucket; null when there is no such bucket or it never had one. To be called with
+  // bucket_mutex_ held, which keeps the table.
+  CObjectTable* TableOf(const std::string& bucket_name) const;
   bool FindObject(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
   void ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept;
   void UndoRemoval(const ObjectInfo& object) noexcept;
   bool PutRowBack(const ObjectInfo& object);
-  void TakeOver(std::map<std::string, ObjectSet>& added, std::uint32_t id) noexcept;
+  // These two are for callers that hold the lock of the object's key.
+  bool CreateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock& held);
+  bool UpdateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock& held);
+  void Publish(const std::string& bucket_name, CPackedObject::Pointer object,
+               std::unique_ptr<CObjectTable> first_table = nullptr) noexcept;
+  static constexpr std::uint32_t kNoRow = 0xFFFFFFFF;
+  std::optional<std::uint32_t> FindPartId(const ObjectTaskInfo& part);
+  void PublishPart(TaskPartSet::node_type part) noexcept;
+  bool IsTaskThere(const std::string& task_id);
   void EndTask(const std::string& task_id);
   std::string RowNameById(std::uint32_t bucket_id);
 
@@ -138,14 +169,12 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   std::atomic<bool> loaded_{false};
 
   std::mutex bucket_changes_;  // held while a bucket is added, changed or removed, database included
-  // Many more than there are threads, so that writers of different keys seldom wait for each other's commit.
-  CKeyLocks<1024> object_locks_;
+  KeyLocks object_locks_;
+  CKeyLocks<64> task_locks_;  // by task id
 
-  std::mutex bucket_mutex_;
-  std::map<std::string, BucketInfo> buckets_;
-
-  std::mutex object_mutex_;
-  std::map<std::string, ObjectSet> objects_;
+  // Locked by one thread to add, change or remove a bucket; shared by those who look at one or work on its objects.
+  std::shared_mutex bucket_mutex_;
+  BucketMap buckets_;
 
   std::mutex task_mutex_;
   std::map<std::string, TaskPartSet> tasks_;

@@ -9,17 +9,9 @@
 
 namespace Tansy::CloudStorage {
 
-namespace details {
-namespace {
-
-using BucketMap = std::map<std::string, BucketInfo>;
-
-BucketMap::iterator FindBucketById(BucketMap& buckets, std::uint32_t id) {
-  return std::find_if(buckets.begin(), buckets.end(), [id](const auto& entry) { return entry.second.id == id; });
+CObjectStorageManager::BucketMap::iterator CObjectStorageManager::FindBucketById(BucketMap& buckets, std::uint32_t id) {
+  return std::find_if(buckets.begin(), buckets.end(), [id](const auto& entry) { return entry.second.info.id == id; });
 }
-
-}  // namespace
-}  // namespace details
 
 // Whoever holds the mutex commits to the database, so a thread that waits for it is not working.
 std::unique_lock<std::mutex> CObjectStorageManager::LockBucketChanges() {
@@ -29,35 +21,35 @@ std::unique_lock<std::mutex> CObjectStorageManager::LockBucketChanges() {
 }
 
 bool CObjectStorageManager::IsBucketExist(const std::string& name) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   return buckets_.contains(name);
 }
 
 // A name is taken by the bucket that has it now, and by the bucket that will have it after the next start.
 bool CObjectStorageManager::IsNameTaken(const std::string& name) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   return buckets_.contains(name) || std::any_of(buckets_.begin(), buckets_.end(),
-                                                [&name](const auto& entry) { return entry.second.name == name; });
+                                                [&name](const auto& entry) { return entry.second.info.name == name; });
 }
 
 bool CObjectStorageManager::IsNameTakenByAnother(const BucketInfo& bucket) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   return std::any_of(buckets_.begin(), buckets_.end(), [&bucket](const auto& entry) {
-    return entry.second.id != bucket.id && (entry.first == bucket.name || entry.second.name == bucket.name);
+    return entry.second.info.id != bucket.id && (entry.first == bucket.name || entry.second.info.name == bucket.name);
   });
 }
 
 // Gives the name that the rows of a bucket's objects and tasks use for it.
 std::string CObjectStorageManager::RowName(const std::string& bucket_name) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   const auto found = buckets_.find(bucket_name);
-  return found != buckets_.end() ? found->second.name : bucket_name;
+  return found != buckets_.end() ? found->second.info.name : bucket_name;
 }
 
 std::string CObjectStorageManager::RowNameById(std::uint32_t bucket_id) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  const auto found = details::FindBucketById(buckets_, bucket_id);
-  return found != buckets_.end() ? found->second.name : std::string();
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  const auto found = FindBucketById(buckets_, bucket_id);
+  return found != buckets_.end() ? found->second.info.name : std::string();
 }
 
 bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
@@ -68,14 +60,15 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
   }
   // The map's entry is made before the row: once the row is there, lack of memory must not keep memory and database
   // from agreeing.
-  std::map<std::string, BucketInfo> added = {{bucket.name, bucket}};
+  BucketMap added;
+  added.try_emplace(bucket.name, Bucket{bucket, nullptr});
   if (!CObjectServerSession::CreateBucket(bucket)) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
   }
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  added.begin()->second.id = bucket.id;
-  added.begin()->second.acl = bucket.acl;
+  const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+  added.begin()->second.info.id = bucket.id;
+  added.begin()->second.info.acl = bucket.acl;
   buckets_.insert(added.extract(added.begin()));
   return true;
 }
@@ -95,14 +88,14 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
   }
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  const auto found = details::FindBucketById(buckets_, bucket.id);
+  const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+  const auto found = FindBucketById(buckets_, bucket.id);
   if (found == buckets_.end()) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket not exist.[%s(%d)]", bucket.name.c_str());
     return false;
   }
   // The map's key stays, because a renamed bucket keeps its old name here until the next start.
-  BucketInfo& stored = found->second;
+  BucketInfo& stored = found->second.info;
   stored.name = std::move(changed.name);
   stored.reserve = std::move(changed.reserve);
   stored.location = std::move(changed.location);
@@ -141,49 +134,56 @@ bool CObjectStorageManager::RemoveBucket(const std::set<std::uint32_t>& ids) {
 CObjectStorageManager::BucketNames CObjectStorageManager::FindNames(const std::set<std::uint32_t>& ids,
                                                                     const details::Caller& caller) {
   BucketNames names;
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   for (const std::uint32_t id : ids) {
-    const auto found = details::FindBucketById(buckets_, id);
+    const auto found = FindBucketById(buckets_, id);
     if (found == buckets_.end()) {
       CLOUD_LOG_FOR(caller, logging::kNotable, "[%s]remove object by bucket, bucket[%s] not exist.[%s(%d)]",
                     std::to_string(id).c_str());
       continue;
     }
     names.in_memory.push_back(found->first);
-    names.in_rows.push_back(found->second.name);
+    names.in_rows.push_back(found->second.info.name);
   }
   return names;
 }
 
-// Called after the rows are removed, and therefore allocates nothing.
+// Called after the rows are removed, and therefore allocates nothing. What is forgotten is freed outside the lock,
+// because there may be millions of objects.
 void CObjectStorageManager::ForgetBuckets(const BucketNames& names) noexcept {
-  ForgetObjects(names);
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
   for (const std::string& name : names.in_memory) {
-    buckets_.erase(name);
+    BucketMap::node_type forgotten;
+    const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+    forgotten = buckets_.extract(name);
   }
 }
 
 void CObjectStorageManager::ForgetObjects(const BucketNames& names) noexcept {
-  const std::lock_guard<std::mutex> lock(object_mutex_);
   for (const std::string& name : names.in_memory) {
-    objects_.erase(name);
+    std::unique_ptr<CObjectTable> forgotten;
+    const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+    if (const auto bucket = buckets_.find(name); bucket != buckets_.end()) {
+      forgotten = std::move(bucket->second.objects);
+    }
   }
 }
 
 bool CObjectStorageManager::GetBucketByName(BucketInfo& bucket, const std::string& name) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   const auto found = buckets_.find(name);
   if (found == buckets_.end()) {
     return false;
   }
-  bucket = found->second;
+  bucket = found->second.info;
   return true;
 }
 
 bool CObjectStorageManager::GetBucketList(std::map<std::string, BucketInfo>& buckets) {
-  const std::lock_guard<std::mutex> lock(bucket_mutex_);
-  buckets = buckets_;
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  buckets.clear();
+  for (const auto& [name, bucket] : buckets_) {
+    buckets.emplace_hint(buckets.end(), name, bucket.info);
+  }
   return true;
 }
 

@@ -1,6 +1,6 @@
 // The catalogue's objects.
 #include <exception>
-#include <iterator>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -36,6 +36,11 @@ bool ResolveFilePath(std::string& path, const std::string& url) {
 }  // namespace
 }  // namespace details
 
+CObjectTable* CObjectStorageManager::TableOf(const std::string& bucket_name) const {
+  const auto bucket = buckets_.find(bucket_name);
+  return bucket != buckets_.end() ? bucket->second.objects.get() : nullptr;
+}
+
 bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& ended_task) {
   const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
   if (!IsBucketExist(object.bucket_name)) {
@@ -45,66 +50,75 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& end
   }
   ObjectInfo stored;
   if (GetObjectByName(stored, object.name, object.bucket_name)) {
-    if (!UpdateObject(object, ended_task)) {
+    if (!UpdateObject(object, ended_task, name_lock)) {
       return false;
     }
-  } else {
-    ObjectInfo row = object;
-    row.bucket_name = RowName(object.bucket_name);
-    // The map's entry is made before the row: once the row is there, lack of memory must not keep memory and database
-    // from agreeing.
-    std::map<std::string, ObjectSet> added;
-    added[object.bucket_name].insert(object);
-    if (!CObjectServerSession::CreateObject(row, ended_task)) {
-      CLOUD_LOG(logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
-      return false;
-    }
-    object.id = row.id;
-    TakeOver(added, row.id);
+  } else if (!CreateObject(object, ended_task, name_lock)) {
+    CLOUD_LOG(logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
+    return false;
   }
   EndTask(ended_task);
   return true;
 }
 
-// Moves the only object of `added` to the others, under its id. This needs no memory.
-void CObjectStorageManager::TakeOver(std::map<std::string, ObjectSet>& added, std::uint32_t id) noexcept {
-  ObjectSet& fresh = added.begin()->second;
-  auto node = fresh.extract(fresh.begin());
-  node.value().id = id;
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  if (const auto bucket = objects_.find(added.begin()->first); bucket != objects_.end()) {
-    bucket->second.insert(std::move(node));
-  } else {
-    fresh.insert(std::move(node));
-    objects_.insert(added.extract(added.begin()));
+// What memory needs is made before the row: once the row is there, lack of memory must not keep memory and database
+// from agreeing.
+bool CObjectStorageManager::CreateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock&) {
+  CPackedObject::Pointer packed = CPackedObject::Make(object);
+  std::unique_ptr<CObjectTable> first_table;
+  {
+    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+    first_table = TableOf(object.bucket_name) == nullptr ? std::make_unique<CObjectTable>() : nullptr;
   }
+  ObjectInfo row = object;
+  row.bucket_name = RowName(object.bucket_name);
+  if (!CObjectServerSession::CreateObject(row, ended_task)) {
+    return false;
+  }
+  object.id = row.id;
+  packed->SetId(row.id);
+  Publish(object.bucket_name, std::move(packed), std::move(first_table));
+  return true;
+}
+
+// Lets look-ups find an object whose row is there. The lock of its key keeps the bucket.
+void CObjectStorageManager::Publish(const std::string& bucket_name, CPackedObject::Pointer object,
+                                    std::unique_ptr<CObjectTable> first_table) noexcept {
+  if (first_table) {
+    const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
+    std::unique_ptr<CObjectTable>& table = buckets_.find(bucket_name)->second.objects;
+    if (!table) {  // otherwise a writer of another key was first
+      table = std::move(first_table);
+    }
+  }
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  TableOf(bucket_name)->Put(std::move(object));
 }
 
 bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task) {
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  const auto bucket = objects_.find(object.bucket_name);
-  if (bucket == objects_.end()) {
-    CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, bucket[%s] not exist.[%s(%d)]", object.name.c_str(),
-              object.bucket_name.c_str());
-    return false;
+  return UpdateObject(object, ended_task, object_locks_.Lock(object.bucket_name, object.name));
+}
+
+bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock&) {
+  {
+    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+    const CObjectTable* const table = TableOf(object.bucket_name);
+    if (table == nullptr) {
+      CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, bucket[%s] not exist.[%s(%d)]", object.name.c_str(),
+                object.bucket_name.c_str());
+      return false;
+    }
+    if (!table->Find(object.name, [&object](const CPackedObject& stored) { object.id = stored.Id(); })) {
+      CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, object not exist.[%s(%d)]", object.name.c_str());
+      return false;
+    }
   }
-  ObjectSet& objects = bucket->second;
-  const auto found = objects.find(std::string_view(object.name));
-  if (found == objects.end()) {
-    CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, object not exist.[%s(%d)]", object.name.c_str());
-    return false;
-  }
-  object.id = found->id;
-  ObjectInfo replacement = object;
+  CPackedObject::Pointer replacement = CPackedObject::Make(object);
   if (!CObjectServerSession::UpdateObject(object, ended_task)) {
     CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, db operate failed.[%s(%d)]", object.name.c_str());
     return false;
   }
-  // The set's node is used again, so nothing can fail between taking the old record out and putting the new record in.
-  const auto next = std::next(found);
-  auto node = objects.extract(found);
-  node.value() = std::move(replacement);
-  objects.insert(next, std::move(node));
+  Publish(object.bucket_name, std::move(replacement));
   return true;
 }
 
@@ -124,23 +138,22 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
 
 bool CObjectStorageManager::FindObject(ObjectInfo& object, const std::string& object_name,
                                        const std::string& bucket_name) {
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  const auto bucket = objects_.find(bucket_name);
-  if (bucket == objects_.end()) {
-    return false;
-  }
-  const auto found = bucket->second.find(std::string_view(object_name));
-  if (found == bucket->second.end()) {
-    return false;
-  }
-  object = *found;
-  return true;
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  const CObjectTable* const table = TableOf(bucket_name);
+  const auto copy = [&object, &bucket_name](const CPackedObject& stored) {
+    stored.CopyTo(object);
+    object.bucket_name = bucket_name;
+  };
+  return table != nullptr && table->Find(object_name, copy);
 }
 
 bool CObjectStorageManager::IsStoredAt(const std::string& object_name, const std::string& bucket_name,
                                        const std::string& url) {
-  ObjectInfo object;
-  return FindObject(object, object_name, bucket_name) && object.url == url;
+  bool is_there = false;
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  const CObjectTable* const table = TableOf(bucket_name);
+  return table != nullptr &&
+         table->Find(object_name, [&](const CPackedObject& stored) { is_there = stored.Url() == url; }) && is_there;
 }
 
 bool CObjectStorageManager::RemoveObject(const std::string& object_name, const std::string& bucket_name,
@@ -196,22 +209,15 @@ bool CObjectStorageManager::PutRowBack(const ObjectInfo& object) {
     CLOUD_LOG(logging::kError, "[%s]put back object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
     return false;
   }
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  ObjectSet& objects = objects_.find(object.bucket_name)->second;
-  auto node = objects.extract(objects.find(std::string_view(object.name)));
-  node.value().id = row.id;
-  objects.insert(std::move(node));
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  TableOf(object.bucket_name)->SetId(object.name, row.id);
   return true;
 }
 
 void CObjectStorageManager::ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept {
-  const std::lock_guard<std::mutex> lock(object_mutex_);
-  const auto bucket = objects_.find(bucket_name);
-  if (bucket == objects_.end()) {
-    return;
-  }
-  if (const auto found = bucket->second.find(std::string_view(object_name)); found != bucket->second.end()) {
-    bucket->second.erase(found);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  if (CObjectTable* const table = TableOf(bucket_name)) {
+    table->Remove(object_name);
   }
 }
 
@@ -219,18 +225,16 @@ bool CObjectStorageManager::GetObjectFile(std::string& path, const std::string& 
                                           const std::string& bucket_name) {
   std::string url;
   {
-    const std::lock_guard<std::mutex> lock(object_mutex_);
-    const auto bucket = objects_.find(bucket_name);
-    if (bucket == objects_.end()) {
+    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+    const CObjectTable* const table = TableOf(bucket_name);
+    if (table == nullptr) {
       CLOUD_LOG(logging::kError, "[%s]Object not exist.object_name %s,bucket_name %s[%s(%d)]", object_name.c_str(),
                 bucket_name.c_str());
       return false;
     }
-    const auto found = bucket->second.find(std::string_view(object_name));
-    if (found == bucket->second.end()) {
+    if (!table->Find(object_name, [&url](const CPackedObject& stored) { url = stored.Url(); })) {
       return false;
     }
-    url = found->url;
   }
   // The volumes change nothing in the catalogue, so they are asked without holding up its readers.
   return details::ResolveFilePath(path, url);

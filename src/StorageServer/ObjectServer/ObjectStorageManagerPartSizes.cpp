@@ -133,11 +133,7 @@ bool CObjectStorageManager::SetFirstPartInfo(const std::string& task_id, const P
 }
 
 bool CObjectStorageManager::GetPartFileMutex(const std::string& task_id, std::shared_ptr<std::mutex>& file_mutex) {
-  bool is_task = false;
-  {
-    const std::lock_guard<std::mutex> lock(task_mutex_);
-    is_task = tasks_.contains(task_id);
-  }
+  const bool is_task = IsTaskThere(task_id);
   const std::lock_guard<std::mutex> lock(part_size_mutex_);
   if (!is_task && !part_sizes_.contains(task_id)) {
     return false;

@@ -1,5 +1,5 @@
 // The catalogue's multipart upload tasks.
-#include <iterator>
+#include <optional>
 #include <utility>
 
 #include "ModuleLog.h"
@@ -72,47 +72,62 @@ bool CObjectStorageManager::AddObjectTask(ObjectTaskInfo& task) {
 
 bool CObjectStorageManager::InsertObjectTask(ObjectTaskInfo& task) {
   const auto name_lock = object_locks_.Lock(task.bucket_name, task.object_name);
-  const std::string row_name = RowName(task.bucket_name);
-  const std::lock_guard<std::mutex> lock(task_mutex_);
-  const auto entry = tasks_.find(task.task_id);
-  if (entry == tasks_.end()) {
+  const auto task_lock = task_locks_.Lock({}, task.task_id);
+  const std::optional<std::uint32_t> found_id = FindPartId(task);
+  if (!found_id) {
     CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, task[%s] not exist.[%s(%d)]", task.task_id.c_str());
     return false;
   }
-  TaskPartSet& parts = entry->second;
-  const auto found = parts.find(task.part_num);
-  const std::int64_t now = TansyBase::TimeUtil::Uptime();
-  if (found == parts.end()) {
-    ObjectTaskInfo row = task;
-    row.bucket_name = row_name;
-    TaskPartSet added = {task};
-    std::int64_t& birth = task_births_.try_emplace(task.task_id, now).first->second;
+  // The set's entry is made before the row: once the row is there, lack of memory must not keep memory and database
+  // from agreeing.
+  TaskPartSet written = {task};
+  ObjectTaskInfo row = task;
+  if (*found_id != kNoRow) {
+    row.id = *found_id;
+    if (!CObjectServerSession::UpdateObjectTask(row)) {
+      CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, update db operate failed.[%s(%d)]");
+      return false;
+    }
+  } else {
+    row.bucket_name = RowName(task.bucket_name);
     if (!CObjectServerSession::InsertObjectTask(row)) {
       CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, insert db operate failed.[%s(%d)]");
       return false;
     }
-    task.id = row.id;
-    auto part = added.extract(added.begin());
-    part.value().id = row.id;
-    if (parts.insert(std::move(part)).position == parts.begin()) {
-      birth = now;
-    }
-    return true;
   }
-  task.id = found->id;
-  ObjectTaskInfo replacement = task;
-  if (!CObjectServerSession::UpdateObjectTask(task)) {
-    CLOUD_LOG(logging::kError, "[%s]InsertObjectTask failed, update db operate failed.[%s(%d)]");
-    return false;
-  }
-  if (found == parts.begin()) {
-    task_births_[task.task_id] = now;
-  }
-  const auto next = std::next(found);
-  auto node = parts.extract(found);
-  node.value() = std::move(replacement);
-  parts.insert(next, std::move(node));
+  task.id = row.id;
+  auto part = written.extract(written.begin());
+  part.value().id = row.id;
+  PublishPart(std::move(part));
   return true;
+}
+
+// Gives the id of the row of this part; kNoRow when the part is new, nothing when there is no such task. The age of a
+// task that had none gets its entry, so that it can be set without memory later.
+std::optional<std::uint32_t> CObjectStorageManager::FindPartId(const ObjectTaskInfo& part) {
+  const std::lock_guard<std::mutex> lock(task_mutex_);
+  const auto entry = tasks_.find(part.task_id);
+  if (entry == tasks_.end()) {
+    return std::nullopt;
+  }
+  task_births_.try_emplace(part.task_id, TansyBase::TimeUtil::Uptime());
+  const auto found = entry->second.find(part.part_num);
+  return found != entry->second.end() ? found->id : kNoRow;
+}
+
+// Lets look-ups find a part whose row is written. The task's lock keeps the task.
+void CObjectStorageManager::PublishPart(TaskPartSet::node_type part) noexcept {
+  const std::lock_guard<std::mutex> lock(task_mutex_);
+  const auto entry = tasks_.find(part.value().task_id);
+  if (entry == tasks_.end()) {
+    return;
+  }
+  TaskPartSet& parts = entry->second;
+  const TaskPartSet::node_type replaced = parts.extract(part.value());
+  const auto placed = parts.insert(std::move(part)).position;
+  if (placed == parts.begin()) {
+    task_births_.find(placed->task_id)->second = TansyBase::TimeUtil::Uptime();
+  }
 }
 
 bool CObjectStorageManager::GetAllTask(const std::string& task_id, TaskPartSet& parts) {
@@ -168,9 +183,8 @@ int CObjectStorageManager::CheckTaskInfoExist(const ObjectTaskInfo& task) {
 }
 
 bool CObjectStorageManager::RemoveObjectTask(const std::string& task_id) {
-  const std::lock_guard<std::mutex> lock(task_mutex_);
-  const auto entry = tasks_.find(task_id);
-  if (entry == tasks_.end()) {
+  const auto task_lock = task_locks_.Lock({}, task_id);
+  if (!IsTaskThere(task_id)) {
     CLOUD_LOG(logging::kError, "[%s]RemoveObjectTask failed, task[%s] not exist.[%s(%d)]", task_id.c_str());
     return false;
   }
@@ -178,9 +192,13 @@ bool CObjectStorageManager::RemoveObjectTask(const std::string& task_id) {
     CLOUD_LOG(logging::kError, "[%s]RemoveObjectTask failed, db operate failed.[%s(%d)]");
     return false;
   }
-  tasks_.erase(entry);
-  task_births_.erase(task_id);
+  EndTask(task_id);
   return true;
+}
+
+bool CObjectStorageManager::IsTaskThere(const std::string& task_id) {
+  const std::lock_guard<std::mutex> lock(task_mutex_);
+  return tasks_.contains(task_id);
 }
 
 // Forgets a task whose rows are gone; an empty id is no task.

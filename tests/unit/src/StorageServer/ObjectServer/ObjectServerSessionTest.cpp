@@ -14,6 +14,13 @@
 namespace Tansy::CloudStorage {
 namespace {
 
+using ObjectsByName = std::map<std::string, ObjectInfo>;
+
+bool QueryObjects(ObjectsByName& objects, const std::string& bucket) {
+  return CObjectServerSession::QueryObject([&](const ObjectInfo& object) { objects.emplace(object.name, object); },
+                                           bucket);
+}
+
 using Texts = std::vector<std::string>;
 
 constexpr std::uint32_t kInvalidId = 0xFFFFFFFF;
@@ -248,8 +255,8 @@ TEST_F(ObjectServerSession, LogsSelectsThatFail) {
   std::map<std::string, BucketInfo> buckets;
   EXPECT_FALSE(CObjectServerSession::QueryBucket(buckets));
   expect("QueryBucket");
-  ObjectSet objects;
-  EXPECT_FALSE(CObjectServerSession::QueryObject(objects, "bucket"));
+  ObjectsByName objects;
+  EXPECT_FALSE(QueryObjects(objects, "bucket"));
   expect("QueryObject");
   std::vector<ObjectTaskInfo> tasks;
   EXPECT_FALSE(CObjectServerSession::GetAllObjectTask(tasks));
@@ -263,11 +270,11 @@ TEST_F(ObjectServerSession, LogsSelectsThatFail) {
 TEST_F(ObjectServerSession, SelectsWithoutConnectionLogNothingOfTheirOwn) {
   LoseConnections();
   std::map<std::string, BucketInfo> buckets;
-  ObjectSet objects;
+  ObjectsByName objects;
   std::vector<ObjectTaskInfo> tasks;
   std::string url;
   EXPECT_FALSE(CObjectServerSession::QueryBucket(buckets));
-  EXPECT_FALSE(CObjectServerSession::QueryObject(objects, "bucket"));
+  EXPECT_FALSE(QueryObjects(objects, "bucket"));
   EXPECT_FALSE(CObjectServerSession::GetAllObjectTask(tasks));
   EXPECT_FALSE(CObjectServerSession::GetUrlByEncryptUrl(url, "abcd"));
   EXPECT_EQ(log_->Count("[%s]apply conn failed[%s(%d)]", 5), 4U);
@@ -339,12 +346,12 @@ TEST_F(ObjectServerSession, LoadsTheObjectsOfABucket) {
                     "is_deleted) VALUES (500, '', 'gone', 'it''s', 0, '', '', 1), (501, '', 'elsewhere', "
                     "'its', 0, '', '', 0), (502, '', 'a', 'it''s', 7, 't', 'u', 0)"));
   StartOver();
-  ObjectSet objects;
-  ASSERT_TRUE(CObjectServerSession::QueryObject(objects, "it's"));
+  ObjectsByName objects;
+  ASSERT_TRUE(QueryObjects(objects, "it's"));
   EXPECT_EQ(Changes(), Texts{"SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='it''s';"});
   ASSERT_EQ(objects.size(), 2U);
-  EXPECT_EQ(objects.begin()->name, "a") << "ordered by name";
-  const ObjectInfo& loaded = *objects.rbegin();
+  EXPECT_EQ(objects.begin()->second.name, "a");
+  const ObjectInfo& loaded = objects.rbegin()->second;
   EXPECT_EQ(loaded.id, object.id);
   EXPECT_EQ(loaded.guid, "gu'id");
   EXPECT_EQ(loaded.name, "ke'y");
@@ -373,10 +380,10 @@ TEST_P(ObjectServerSessionSizes, KeepTheLow32Bits) {
   ASSERT_TRUE(CObjectServerSession::UpdateObject(object));
   EXPECT_NE(Changes().at(1).find(std::string(" set size=") + GetParam().written + ", update_time"), std::string::npos)
       << Changes().at(1);
-  ObjectSet objects;
-  ASSERT_TRUE(CObjectServerSession::QueryObject(objects, "it's"));
+  ObjectsByName objects;
+  ASSERT_TRUE(QueryObjects(objects, "it's"));
   ASSERT_EQ(objects.size(), 1U);
-  EXPECT_EQ(objects.begin()->size, GetParam().loaded);
+  EXPECT_EQ(objects.begin()->second.size, GetParam().loaded);
 }
 
 INSTANTIATE_TEST_SUITE_P(Borders, ObjectServerSessionSizes,
@@ -491,10 +498,10 @@ TEST_F(ObjectServerSession, KeepsHostileTextsInsideTheirQuotes) {
     object.bucket_name = text;
     object.name = text;
     ASSERT_TRUE(CObjectServerSession::CreateObject(object));
-    ObjectSet objects;
-    ASSERT_TRUE(CObjectServerSession::QueryObject(objects, text));
+    ObjectsByName objects;
+    ASSERT_TRUE(QueryObjects(objects, text));
     ASSERT_EQ(objects.size(), 1U) << text.substr(0, 50);
-    EXPECT_EQ(objects.begin()->name, text);
+    EXPECT_EQ(objects.begin()->second.name, text);
     std::string url;
     EXPECT_TRUE(CObjectServerSession::GetUrlByEncryptUrl(url, text));
     ObjectTaskInfo task = QuotedTask();

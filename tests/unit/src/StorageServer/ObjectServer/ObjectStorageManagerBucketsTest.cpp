@@ -223,8 +223,8 @@ TEST_F(ObjectStorageManagerBuckets, TakeTheirObjectsAndTasksAlongWhenTheyAreRena
   EXPECT_EQ(database_.Column(objects, "name"), (Texts{"after", "before"}));
   const std::string tasks = "SELECT * FROM platform.local_object_task ORDER BY id";
   EXPECT_EQ(database_.Column(tasks, "bucket_name"), (Texts{"new", "new", "new"}));
-  ObjectSet loaded;
-  EXPECT_TRUE(CObjectServerSession::QueryObject(loaded, "new"));
+  Texts loaded;
+  EXPECT_TRUE(CObjectServerSession::QueryObject([&](const ObjectInfo& row) { loaded.push_back(row.name); }, "new"));
   EXPECT_EQ(loaded.size(), 2U);
 }
 

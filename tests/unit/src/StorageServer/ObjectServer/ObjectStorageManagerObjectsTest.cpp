@@ -525,31 +525,164 @@ TEST_F(ObjectStorageManagerParallel, ASecondUploadOfANewNameBesideTheFirstUpdate
   EXPECT_EQ(Find("bucket", "key").url, "second");
 }
 
-// The statement of one name does not hold up another one: only the look-ups wait for the mutex of the objects.
-TEST_F(ObjectStorageManagerParallel, ASlowInsertHoldsUpNoReader) {
+// While the first statement with this text is under way in `work`, `look` must come to its end.
+class ObjectStorageManagerReaders : public ObjectStorageManagerParallel {
+ protected:
+  template <class Work, class Look>
+  void ReadDuring(const std::string& statement, Work work, Look look) {
+    std::promise<void> writing;
+    std::promise<void> read;
+    std::future<void> was_read = read.get_future();
+    std::atomic<bool> started{false};
+    std::atomic<bool> waited_in_vain{false};
+    database_.SetHook([&](const std::string& sql) {
+      if (sql.starts_with(statement) && !started.exchange(true)) {
+        writing.set_value();
+        waited_in_vain = was_read.wait_for(std::chrono::seconds(20)) != std::future_status::ready;
+      }
+    });
+    std::thread writer(work);
+    writing.get_future().wait();
+    look();
+    read.set_value();
+    writer.join();
+    database_.SetHook(nullptr);
+    EXPECT_FALSE(waited_in_vain) << "the readers waited for " << statement;
+  }
+
+  std::string UrlOf(const std::string& name) {
+    ObjectInfo object;
+    return manager_.GetObjectByName(object, name, "bucket") ? object.url : "none";
+  }
+};
+
+TEST_F(ObjectStorageManagerReaders, DoNotWaitForANewObject) {
   MakeBucket("bucket");
   MakeObject("bucket", "read");
-  std::promise<void> inserting;
-  std::promise<void> read;
-  std::future<void> was_read = read.get_future();
-  std::atomic<bool> waited_in_vain{false};
-  database_.SetHook([&](const std::string& sql) {
-    if (sql.starts_with("INSERT")) {
-      inserting.set_value();
-      waited_in_vain = was_read.wait_for(std::chrono::seconds(20)) != std::future_status::ready;
+  ReadDuring(
+      "INSERT",
+      [this] {
+        ObjectInfo object = Object("bucket", "written");
+        EXPECT_TRUE(manager_.AddObject(object));
+      },
+      [this] {
+        Find("bucket", "read");
+        EXPECT_EQ(UrlOf("written"), "none") << "found before its row was there";
+        EXPECT_TRUE(manager_.RemoveObject("no such object", "bucket"));
+      });
+  Find("bucket", "written");
+}
+
+TEST_F(ObjectStorageManagerReaders, DoNotWaitForAnOverwrite) {
+  MakeBucket("bucket");
+  MakeObject("bucket", "read");
+  const std::string before = MakeObject("bucket", "written").url;
+  ReadDuring(
+      "UPDATE platform.local_object ",
+      [this] {
+        ObjectInfo object = Object("bucket", "written");
+        object.url = "after";
+        EXPECT_TRUE(manager_.AddObject(object));
+      },
+      [&] {
+        Find("bucket", "read");
+        EXPECT_EQ(UrlOf("written"), before) << "the row is not there yet";
+        EXPECT_TRUE(manager_.IsStoredAt("written", "bucket", before));
+        std::string path;
+        manager_.GetObjectFile(path, "written", "bucket");
+      });
+  EXPECT_EQ(UrlOf("written"), "after");
+}
+
+TEST_F(ObjectStorageManagerReaders, KeepWhatTheyHadWhenAnOverwriteFails) {
+  MakeBucket("bucket");
+  const std::string before = MakeObject("bucket", "written").url;
+  database_.FailStatementsWith("UPDATE platform.local_object ");
+  ReadDuring(
+      "UPDATE platform.local_object ",
+      [this] {
+        ObjectInfo object = Object("bucket", "written");
+        object.url = "after";
+        EXPECT_FALSE(manager_.AddObject(object));
+      },
+      [&] { EXPECT_EQ(UrlOf("written"), before); });
+  EXPECT_EQ(UrlOf("written"), before);
+}
+
+TEST_F(ObjectStorageManagerReaders, DoNotWaitForARemoval) {
+  MakeBucket("bucket");
+  MakeObject("bucket", "read");
+  MakeObject("bucket", "removed");
+  ReadDuring(
+      "DELETE", [this] { EXPECT_TRUE(manager_.RemoveObject("removed", "bucket")); },
+      [this] {
+        Find("bucket", "read");
+        Find("bucket", "removed");
+      });
+  EXPECT_EQ(UrlOf("removed"), "none");
+}
+
+TEST_F(ObjectStorageManagerReaders, DoNotWaitForChangesOfBuckets) {
+  BucketInfo bucket = MakeBucket("bucket");
+  const BucketInfo other = MakeBucket("other");
+  MakeObject("bucket", "read");
+  const auto look = [this] {
+    Find("bucket", "read");
+    BucketInfo found;
+    EXPECT_TRUE(manager_.GetBucketByName(found, "bucket"));
+    std::map<std::string, BucketInfo> all;
+    EXPECT_TRUE(manager_.GetBucketList(all));
+    EXPECT_FALSE(manager_.IsBucketExist("new"));
+  };
+  ReadDuring(
+      "INSERT INTO platform.local_bucket",
+      [this] {
+        BucketInfo added;
+        added.name = "new";
+        EXPECT_TRUE(manager_.AddBucket(added));
+        EXPECT_TRUE(manager_.RemoveBucket(added.id));
+      },
+      look);
+  ReadDuring(
+      "UPDATE platform.local_bucket", [&] { EXPECT_TRUE(manager_.ModifyBucket(bucket)); }, look);
+  ReadDuring(
+      "DELETE FROM platform.local_bucket", [&] { EXPECT_TRUE(manager_.RemoveBucket(other.id)); }, look);
+}
+
+// Two overwrites of one name: the second waits for the first, also when both are under way at once.
+TEST_F(ObjectStorageManagerReaders, TheSecondOfTwoOverwritesWins) {
+  MakeBucket("bucket");
+  const ObjectInfo first = MakeObject("bucket", "key");
+  ObjectInfo second = Object("bucket", "key");
+  second.url = "second";
+  ObjectInfo third = Object("bucket", "key");
+  third.url = "third";
+  RunBeside(
+      "UPDATE", [&] { EXPECT_TRUE(manager_.AddObject(second)); }, [&] { EXPECT_TRUE(manager_.UpdateObject(third)); });
+  EXPECT_EQ(third.id, first.id);
+  EXPECT_EQ(Rows("url"), Texts{"third"});
+  EXPECT_EQ(UrlOf("key"), "third");
+}
+
+// A removal and an upload of one name at once, again and again.
+TEST_F(ObjectStorageManagerReaders, AnObjectThatGoesAndComesBack) {
+  MakeBucket("bucket");
+  std::atomic<int> wrong{0};
+  InThreads(4, [&](int i) {
+    for (int round = 0; round < 60; ++round) {
+      ObjectInfo object = Object("bucket", "key");
+      object.url = "by " + std::to_string(i) + " in " + std::to_string(round);
+      if (i == 0) {
+        manager_.RemoveObject("key", "bucket");
+      } else if (i == 1) {
+        manager_.AddObject(object);
+      } else if (manager_.GetObjectByName(object, "key", "bucket")) {
+        wrong += object.url.starts_with("by 1 in ") ? 0 : 1;
+      }
     }
   });
-  std::thread writer([&] {
-    ObjectInfo object = Object("bucket", "written");
-    EXPECT_TRUE(manager_.AddObject(object));
-  });
-  inserting.get_future().wait();
-  Find("bucket", "read");
-  EXPECT_TRUE(manager_.RemoveObject("no such object", "bucket"));
-  read.set_value();
-  writer.join();
-  EXPECT_FALSE(waited_in_vain) << "the readers waited for the statement";
-  Find("bucket", "written");
+  EXPECT_EQ(wrong, 0);
+  ExpectAgreement("bucket", {"key"});
 }
 
 }  // namespace

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <future>
 #include <map>
 #include <string>
 #include <thread>
@@ -319,6 +323,71 @@ TEST_F(ObjectStorageManagerTasks, TakePartsFromManyThreadsAtOnce) {
   }
   EXPECT_EQ(in_memory, Rows("url"));
   EXPECT_EQ(in_memory.size(), 8U);
+}
+
+// While a row of a task is being written, others look at the task and see it as it was.
+TEST_F(ObjectStorageManagerTasks, LookUpsDoNotWaitForTheDatabase) {
+  MakeTask("task");
+  ObjectTaskInfo second = Part("task", 2);
+  ObjectTaskInfo second_again = second;
+  second_again.size = 7;
+  struct Change {
+    std::string statement;
+    std::function<bool()> work;
+    int part_2_meanwhile;
+  };
+  const Change changes[] = {
+      {"INSERT", [&] { return manager_.InsertObjectTask(second); }, 2},
+      {"UPDATE", [&] { return manager_.InsertObjectTask(second_again); }, 0},
+      {"DELETE", [&] { return manager_.RemoveObjectTask("task"); }, 3},
+  };
+  for (const Change& change : changes) {
+    std::atomic<bool> started{false};
+    std::promise<void> writing;
+    std::promise<void> looked;
+    std::future<void> was_looked_at = looked.get_future();
+    std::atomic<bool> waited_in_vain{false};
+    database_.SetHook([&](const std::string& sql) {
+      if (sql.starts_with(change.statement) && !started.exchange(true)) {
+        writing.set_value();
+        waited_in_vain = was_looked_at.wait_for(std::chrono::seconds(20)) != std::future_status::ready;
+      }
+    });
+    std::thread writer([&] { EXPECT_TRUE(change.work()) << change.statement; });
+    writing.get_future().wait();
+    EXPECT_EQ(manager_.CheckTaskInfoExist(Part("task", 2)), change.part_2_meanwhile) << change.statement;
+    ObjectTaskInfo part;
+    EXPECT_TRUE(manager_.GetTaskInfo("task", 1, part));
+    TaskPartSet parts;
+    EXPECT_TRUE(manager_.GetAllTask("task", parts));
+    std::int64_t age = 0;
+    EXPECT_TRUE(manager_.GetTaskAge("task", age));
+    looked.set_value();
+    writer.join();
+    database_.SetHook(nullptr);
+    EXPECT_FALSE(waited_in_vain) << "the look-ups waited for " << change.statement;
+  }
+  EXPECT_EQ(manager_.CheckTaskInfoExist(Part("task", 1)), 1);
+}
+
+// Parts of one task at once, and its end: rows and memory agree.
+TEST_F(ObjectStorageManagerTasks, PartsBesideTheEndOfTheirTask) {
+  for (int round = 0; round < 30; ++round) {
+    MakeTask("task");
+    std::vector<std::thread> threads;
+    for (std::uint32_t number = 2; number <= 4; ++number) {
+      threads.emplace_back([this, number] {
+        ObjectTaskInfo part = Part("task", number);
+        manager_.InsertObjectTask(part);
+      });
+    }
+    threads.emplace_back([this] { EXPECT_TRUE(manager_.RemoveObjectTask("task")); });
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    ASSERT_EQ(database_.Column("SELECT * FROM platform.local_object_task", "id").size(), 0U)
+        << "a row of a task that is gone";
+  }
 }
 
 }  // namespace
