@@ -15,8 +15,8 @@ namespace Tansy::Cli {
 class CPieceReader {
  public:
   // `expected` is the size of a file, of which exactly that many bytes are read; without it, everything is read. `file`
-  // stays the caller's and is read from its current position. The digest costs more time than anything else that a client
-  // does with a large file, so it is computed only for those who will ask for it.
+  // stays the caller's and is read from its current position. The digest costs more time than anything else that a
+  // client does with a large file, so it is computed only for those who will ask for it.
   CPieceReader(std::FILE* file, std::uint64_t piece_size, std::optional<std::uint64_t> expected, bool with_digest)
       : file_(file), piece_size_(piece_size), expected_(expected) {
     if (with_digest) {
