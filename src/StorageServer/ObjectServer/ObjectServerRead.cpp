@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
@@ -74,15 +75,18 @@ int ReadPicture(HostBuffer& buffer, const ObjectRequest& request, const ObjectIn
   return ReadRange(request.config, buffer, length, range.begin, location);
 }
 
-// Returns true when the catalogue holds other bytes by now under the object's name; the record is then the new one.
-bool IsReplaced(ObjectInfo& object) {
+enum class EBytesFate { kStillThere, kReplaced, kRemoved };
+
+// Says what has become of an object whose bytes could not be read; the record of one that was replaced is then the new
+// one.
+EBytesFate FindFate(ObjectInfo& object) {
   ObjectInfo current;
-  if (!CObjectStorageManager::Instance().GetObjectByName(current, object.name, object.bucket_name) ||
-      current.url == object.url) {
-    return false;
+  if (!CObjectStorageManager::Instance().GetObjectAtRest(current, object.name, object.bucket_name)) {
+    return EBytesFate::kRemoved;
   }
-  object = current;
-  return true;
+  const bool is_replaced = current.url != object.url;
+  object = std::move(current);
+  return is_replaced ? EBytesFate::kReplaced : EBytesFate::kStillThere;
 }
 
 }  // namespace
@@ -124,13 +128,19 @@ int CObjectServer::HandleDownloadObject(std::int32_t session_id, const ObjectReq
     return AnswerError(session_id, error);
   }
   // An object that was replaced after it was looked up may have lost its bytes; then the bytes of its successor are
-  // sent.
+  // sent. One that was removed meanwhile is answered as one that was never there.
   ObjectInfo object = request.object;
+  details::EBytesFate fate{};
   do {
     if (const std::optional<int> sent = SendObject(session_id, request, object, range)) {
       return *sent;
     }
-  } while (details::IsReplaced(object));
+    fate = details::FindFate(object);
+  } while (fate == details::EBytesFate::kReplaced);
+  if (fate == details::EBytesFate::kRemoved) {
+    CLOUD_LOG(logging::kError, "[%s]object name not exist[%s][%s(%d)]", request.key.c_str());
+    return AnswerError(session_id, kNoSuchKey);
+  }
   CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.key.c_str());
   return AnswerError(session_id, kServerInternalError);
 }

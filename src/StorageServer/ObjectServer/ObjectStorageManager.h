@@ -67,6 +67,9 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool AddObject(ObjectInfo& object, const std::string& ended_task = {});
   bool UpdateObject(ObjectInfo& object, const std::string& ended_task = {});
   bool GetObjectByName(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
+  // The same when no change of the object is under way any more. A removal frees the bytes before the object is gone
+  // from memory.
+  bool GetObjectAtRest(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
   // Says whether the object exists and its bytes are those at `url`.
   bool IsStoredAt(const std::string& object_name, const std::string& bucket_name, const std::string& url);
   // Frees the stored bytes at a path; returns false when they are still there.

@@ -136,6 +136,12 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
   return true;
 }
 
+bool CObjectStorageManager::GetObjectAtRest(ObjectInfo& object, const std::string& object_name,
+                                            const std::string& bucket_name) {
+  const auto name_lock = object_locks_.Lock(bucket_name, object_name);
+  return GetObjectByName(object, object_name, bucket_name);
+}
+
 bool CObjectStorageManager::FindObject(ObjectInfo& object, const std::string& object_name,
                                        const std::string& bucket_name) {
   const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);

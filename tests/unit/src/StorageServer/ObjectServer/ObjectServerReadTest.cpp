@@ -177,6 +177,32 @@ TEST_F(CObjectServerReadTest, AnObjectThatIsReplacedMeanwhileIsReadFromItsNewPla
   EXPECT_EQ(reads, 2);
 }
 
+// A removal frees the bytes before the object is gone from memory: whoever reads in between waits for its end.
+TEST_F(CObjectServerReadTest, AnObjectThatIsRemovedMeanwhileIsNotThere) {
+  NewObject(bucket_, "k", Pattern(1000));
+  std::thread removal;
+  std::promise<void> bytes_are_gone;
+  std::promise<void> is_answered;
+  storage_.SetHook([&](const CFakeStorage::Call&) {
+    storage_.SetResult("range", 1);
+    removal = std::thread([&] {
+      const auto free_bytes = [&](const std::string&) {
+        bytes_are_gone.set_value();
+        // The answer must not come yet.
+        EXPECT_EQ(is_answered.get_future().wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        return true;
+      };
+      EXPECT_TRUE(catalogue_.RemoveObject("k", bucket_, free_bytes));
+    });
+    bytes_are_gone.get_future().wait();
+  });
+  EXPECT_TRUE(IsError(Get(Path("k")), 404, "NoSuchKey"));
+  is_answered.set_value();
+  removal.join();
+  EXPECT_EQ(log_->Count(kNoObject, logging::kError), 1u);
+  EXPECT_EQ(log_->Count(kFailed), 0u);
+}
+
 TEST_F(CObjectServerReadTest, RangesThatMakeNoSense) {
   NewObject(bucket_, "k", Pattern(1000));
   for (const char* range : {"", "bytes", "bytes 0-1", "bytes=", "bytes=5", "bytes=-100", "bytes=-", "bytes=20-10",
