@@ -37,9 +37,7 @@ bool CPieceReader::Next(std::vector<char>& piece) {
   if (size_ > kLargestObject) {
     throw CFailure(kExitFailed, "the input is too large", "objects are smaller than 4 GiB");
   }
-  if (digest_) {
-    digest_->Add(piece.data(), piece.size());
-  }
+  digest_.Add(piece.data(), piece.size());
   at_end_ = expected_ ? size_ == *expected_ : piece.size() < size || !IsFollowed();
   return true;
 }

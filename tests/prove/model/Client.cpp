@@ -1,0 +1,525 @@
+#include "Client.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <sstream>
+#include <utility>
+
+#include "support/PictureSystemTest.h"
+
+namespace prove {
+namespace {
+
+using system_tests::CConnection;
+using system_tests::Outcome;
+using system_tests::Reply;
+using system_tests::Request;
+
+constexpr std::int64_t kSweepSeconds = 3 * 24 * 3600;
+constexpr std::int64_t kSweepMargin = 3600;  // a run takes less
+constexpr std::size_t kPicturesToLookAt = 60;
+constexpr std::chrono::milliseconds kTimerSlack{20};  // a wait may end that much too early
+
+std::string CompletionXml(const Step& step) {
+  const std::size_t parts = step.sendings.size();
+  std::ostringstream xml;
+  xml << "<CompleteMultipartUpload><TotalPartNum>" << parts << "</TotalPartNum>";
+  for (std::size_t part = 0; part < parts; ++part) {
+    const std::uint64_t begin = part * step.part_size;
+    xml << "<Part><PartNumber>" << part + 1 << "</PartNumber><PartSize>" << std::min(step.part_size, step.size - begin)
+        << "</PartSize></Part>";
+  }
+  xml << "</CompleteMultipartUpload>";
+  return xml.str();
+}
+
+std::string HexName(Version version) {
+  std::ostringstream text;
+  text << kPassingBucket << '-' << std::hex << version;
+  return text.str();
+}
+
+}  // namespace
+
+void CClient::Run(const std::vector<Step>& steps) {
+  AgeUploads();
+  std::vector<Step> all = std::exchange(left_, {});
+  all.insert(all.end(), steps.begin(), steps.end());
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (world_.IsEnding() || !Do(all[i])) {
+      std::copy_if(all.begin() + static_cast<std::ptrdiff_t>(i), all.end(), std::back_inserter(left_),
+                   [this](const Step& step) { return step.upload != 0 && uploads_.count(step.upload) > 0; });
+      break;
+    }
+  }
+  connection_.reset();
+}
+
+void CClient::AgeUploads() {
+  for (auto& [number, upload] : uploads_) {
+    upload.may_be_swept = upload.may_be_swept || world_.GetClock() - upload.least_clock > kSweepSeconds - kSweepMargin;
+    upload.least_clock = std::min(upload.least_clock, world_.GetClock());
+  }
+}
+
+bool CClient::Do(const Step& step) {
+  switch (step.action) {
+    case EAction::kPut:
+      return Put(step);
+    case EAction::kPutRefused:
+      return PutRefused(step);
+    case EAction::kPutBrokenOff:
+      return PutBrokenOff(step);
+    case EAction::kGet:
+      return Get(step);
+    case EAction::kGetRange:
+      return GetRange(step);
+    case EAction::kGetSize:
+      return GetSize(step);
+    case EAction::kRemove:
+      return Remove(step, false);
+    case EAction::kRemoveWithBytes:
+      return Remove(step, true);
+    case EAction::kUploadBegin:
+      return BeginUpload(step);
+    case EAction::kUploadPart:
+      return SendPart(step);
+    case EAction::kUploadEnd:
+      return EndUpload(step);
+    case EAction::kUploadForget:
+      uploads_.erase(step.upload);
+      return true;
+    case EAction::kPutPicture:
+      return PutPicture(step);
+    case EAction::kGetPicture: {
+      const std::vector<Picture> pictures = world_.GetPictures();
+      return pictures.empty() || GetPicture(pictures[step.begin % pictures.size()]);
+    }
+    case EAction::kMakeBucket:
+      return MakeBucket();
+    case EAction::kAskBucket: {
+      bool is_there = false;
+      return AskBucket(world_.WireName(kPassingBucket), is_there);
+    }
+    case EAction::kRemoveBucket:
+      return RemoveBucket();
+    case EAction::kRenameBucket:
+      return RenameBucket(HexName(step.version));
+  }
+  return true;
+}
+
+// ---- objects
+
+bool CClient::Put(const Step& step) {
+  const std::string key = HistoryKey(step.bucket, step.key);
+  const Recipe recipe = {step.version, step.size, 0, {}};
+  world_.GetRecipes().Add(recipe);
+  world_.NoteSize(key, step.size, step.version);
+  // An upload into a bucket that goes meanwhile fails.
+  const std::int64_t before = world_.Now();
+  const Answer answer = Ask({"PUT", Target(step), {}, MakeBody(recipe)}, step.bucket == kPassingBucket);
+  if (step.bucket == kPassingBucket && answer.Is(500) && world_.IsBucketRemovedSince(before)) {
+    return true;
+  }
+  if (answer.state == EState::kAnswered && !NoteBucket(answer, step) && answer.reply.status != 200) {
+    world_.GetHistory().AddFault("PUT " + Target(step) + ": " + Outcome(answer.reply));
+  } else if (answer.state == EState::kUnknown || answer.Is(200)) {
+    Note(answer, key, EKind::kWrite, step.version);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::PutRefused(const Step& step) {
+  if (connection_ == nullptr) {
+    return true;
+  }
+  const Recipe recipe = {step.version, step.size, 0, {}};
+  const Request request =
+      system_tests::Signed({"PUT", Target(step), {}, MakeBody(recipe)}, {"system-test-access", "x"});
+  const Answer answer = Receive(connection_, world_.GetServer().GetObjectPort(), request, false);
+  if (answer.state == EState::kAnswered && answer.reply.status != 403 && !NoteBucket(answer, step)) {
+    Fault(request, "is answered " + Outcome(answer.reply) + " in spite of a wrong signature");
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::PutBrokenOff(const Step& step) {
+  const std::uint16_t port = world_.GetServer().GetObjectPort();
+  const auto connection = CConnection::Open(port);
+  if (connection == nullptr) {
+    Fault({"PUT", Target(step), {}, ""}, "no connection");
+    return false;
+  }
+  const Request request =
+      system_tests::Signed({"PUT", Target(step), {{"Content-Length", std::to_string(step.size)}}, ""});
+  connection->Send(system_tests::Serialize(request, port));
+  connection->Send(MakeBody({step.version, step.size, 0, {}}, 0, step.end));
+  connection->Reset();
+  return true;
+}
+
+bool CClient::Get(const Step& step) {
+  const Answer answer = Ask({"GET", Target(step), {}, ""});
+  if (answer.state == EState::kAnswered && !NoteBucket(answer, step)) {
+    NoteBytes(answer, step, 0, UINT64_MAX);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::GetRange(const Step& step) {
+  const std::string range = "bytes=" + std::to_string(step.begin) + "-" + std::to_string(step.end);
+  const Answer answer = Ask({"GET", Target(step), {{"Range", range}}, ""});
+  const bool is_beyond = answer.Is(400);
+  if (answer.state == EState::kAnswered && !NoteBucket(answer, step) && !is_beyond) {
+    NoteBytes(answer, step, step.begin, step.end);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+void CClient::NoteBytes(const Answer& answer, const Step& step, std::uint64_t begin, std::uint64_t end) {
+  const std::string key = HistoryKey(step.bucket, step.key);
+  const std::string& bytes = answer.reply.body;
+  if (answer.reply.status == 404) {
+    Note(answer, key, EKind::kRead, kAbsent);
+    return;
+  }
+  if (answer.reply.status != 200) {
+    world_.GetHistory().AddFault("GET " + key + ": " + Outcome(answer.reply));
+    return;
+  }
+  if (begin > 0 && bytes.size() < kSmallestPiece) {
+    return;  // the last bytes of an object, too few to tell it
+  }
+  Recognised seen = Recognise(world_.GetRecipes(), bytes, begin);
+  if (seen.fault.empty() && bytes.size() != std::min(end, seen.size) - begin) {
+    seen.fault = std::to_string(bytes.size()) + " bytes came of an object of " + std::to_string(seen.size);
+  }
+  if (!seen.fault.empty()) {
+    std::ostringstream text;
+    text << "GET " << key << " from " << begin << " on, between " << answer.begun << " and " << answer.ended
+         << " ns: " << seen.fault;
+    world_.GetHistory().AddFault(text.str());
+    return;
+  }
+  Note(answer, key, EKind::kRead, seen.version);
+}
+
+bool CClient::GetSize(const Step& step) {
+  const std::string key = HistoryKey(step.bucket, step.key);
+  const Answer answer = Ask({"GET", Target(step) + "?metadata", {}, ""});
+  if (answer.state != EState::kAnswered || NoteBucket(answer, step)) {
+    return answer.state == EState::kAnswered;
+  }
+  if (answer.reply.status == 404) {
+    Note(answer, key, EKind::kRead, kAbsent);
+    return true;
+  }
+  const std::string size = answer.reply.Header("Object-Size");
+  const std::optional<Version> version = world_.FindBySize(key, std::strtoull(size.c_str(), nullptr, 10));
+  if (!version) {
+    world_.GetHistory().AddFault(key + ": its size is said to be " + size + ", which no version of it has");
+  } else if (*version != kAbsent) {
+    Note(answer, key, EKind::kRead, *version);
+  }
+  return true;
+}
+
+bool CClient::Remove(const Step& step, bool with_bytes) {
+  const std::string key = HistoryKey(step.bucket, step.key);
+  const Answer answer = Ask({"DELETE", Target(step) + (with_bytes ? "?deletefile" : ""), {}, ""});
+  if (answer.state == EState::kUnknown) {
+    Note(answer, key, EKind::kWrite, kAbsent);
+  } else if (answer.state == EState::kAnswered && !NoteBucket(answer, step)) {
+    if (answer.Is(200)) {
+      // Of two removals at one time both succeed: each found the object, and left nothing.
+      Note(answer, key, EKind::kSee, kAbsent);
+      Note(answer, key, EKind::kWrite, kAbsent);
+    } else if (Outcome(answer.reply) == "404 NoSuchKey") {
+      Note(answer, key, EKind::kRead, kAbsent);
+    } else {
+      world_.GetHistory().AddFault("DELETE " + Target(step) + ": " + Outcome(answer.reply));
+    }
+  }
+  return answer.state == EState::kAnswered;
+}
+
+// ---- uploads in parts
+
+bool CClient::BeginUpload(const Step& step) {
+  const std::int64_t clock = world_.GetClock();
+  const Answer answer = Ask({"POST", Target(step) + "?uploads", {}, ""});
+  if (answer.Is(200)) {
+    uploads_[step.upload] = {system_tests::XmlValue(answer.reply.body, "UploadId"), std::min(clock, world_.GetClock())};
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::SendPart(const Step& step) {
+  const auto upload = uploads_.find(step.upload);
+  if (upload == uploads_.end()) {
+    return true;
+  }
+  const std::int64_t clock = world_.GetClock();
+  const std::uint64_t begin = step.part * step.part_size;
+  const std::uint64_t size = std::min(step.part_size, step.size - begin);
+  const Recipe recipe = {step.version, step.size, step.size, {step.sending}};
+  const std::string query = "?upload_id=" + upload->second.id + "&part_number=" + std::to_string(step.part + 1);
+  const Answer answer =
+      Ask({"POST", Target(step) + query, {}, MakeBody(recipe, begin, size)}, upload->second.may_be_swept);
+  // The part's row has the time of now.
+  upload->second.least_clock = std::min({upload->second.least_clock, clock, world_.GetClock()});
+  if (answer.state == EState::kAnswered && answer.reply.status != 200) {
+    if (!upload->second.may_be_swept) {
+      world_.GetHistory().AddFault("POST " + Target(step) + query + ": " + Outcome(answer.reply));
+    }
+    uploads_.erase(upload);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::EndUpload(const Step& step) {
+  const auto upload = uploads_.find(step.upload);
+  if (upload == uploads_.end()) {
+    return true;
+  }
+  const std::string key = HistoryKey(step.bucket, step.key);
+  world_.GetRecipes().Add({step.version, step.size, step.part_size, step.sendings});
+  world_.NoteSize(key, step.size, step.version);
+  const Answer answer = Ask({"POST", Target(step) + "?upload_id=" + upload->second.id, {}, CompletionXml(step)},
+                            upload->second.may_be_swept);
+  if (answer.state == EState::kUnknown || answer.Is(200)) {
+    Note(answer, key, EKind::kWrite, step.version);
+  } else if (answer.state == EState::kAnswered && !upload->second.may_be_swept && !upload->second.may_be_complete) {
+    world_.GetHistory().AddFault("completion of " + key + ", upload " + upload->second.id + ": " +
+                                 Outcome(answer.reply));
+  }
+  upload->second.may_be_complete = upload->second.may_be_complete || answer.state == EState::kUnknown;
+  if (answer.state == EState::kAnswered) {
+    uploads_.erase(upload);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+// ---- pictures
+
+bool CClient::PutPicture(const Step& step) {
+  const Recipe recipe = {step.version, step.size, 0, {}};
+  world_.GetRecipes().Add(recipe);
+  const std::string boundary = "----boundary-that-no-record-has";
+  const std::string body = system_tests::FormBody(boundary, system_tests::PictureFields(MakeBody(recipe)));
+  const Answer answer = AskForPicture(system_tests::FormRequest(boundary, body));
+  if (answer.Is(200)) {
+    world_.AddPicture({system_tests::JsonText(answer.reply.body, "PictureUrl"), step.version});
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::GetPicture(const Picture& picture) {
+  const Answer answer = AskForPicture(system_tests::Signed({"GET", picture.address, {}, ""}));
+  if (answer.state == EState::kAnswered) {
+    const Recognised seen = Recognise(world_.GetRecipes(), answer.reply.body, 0);
+    if (!seen.fault.empty() || seen.version != picture.version || seen.size != answer.reply.body.size()) {
+      world_.GetHistory().AddFault(picture.address + ": " + Outcome(answer.reply) + ", " +
+                                   std::to_string(answer.reply.body.size()) + " bytes, not the picture " + seen.fault);
+    }
+  }
+  return answer.state == EState::kAnswered;
+}
+
+// ---- buckets
+
+bool CClient::MakeBucket() {
+  const std::lock_guard lock(world_.GetBucketMutex());
+  const std::string name = world_.WireName(kPassingBucket);
+  const Answer answer = Ask({"PUT", "/" + name, {}, "<CreateBucketConfiguration/>"});
+  if (answer.Is(200)) {
+    Note(answer, HistoryKey(kPassingBucket), EKind::kCreate, kPresent);
+    world_.SetNames(name, {name});
+  } else if (answer.Is(409)) {
+    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, kPresent);
+  } else if (answer.state == EState::kUnknown) {
+    Note(answer, HistoryKey(kPassingBucket), EKind::kWrite, kPresent);
+    std::set<std::string> names = world_.NextNames();
+    names.insert(name);
+    world_.SetNames(name, names);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::AskBucket(const std::string& name, bool& is_there) {
+  const Answer answer = Ask({"GET", "/" + name + "?property", {}, ""});
+  is_there = answer.Is(200);
+  if (answer.state == EState::kAnswered && name == world_.WireName(kPassingBucket)) {
+    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, is_there ? kPresent : kAbsent);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::RemoveBucket() {
+  const std::lock_guard lock(world_.GetBucketMutex());
+  const std::string name = world_.WireName(kPassingBucket);
+  Answer answer;
+  answer.begun = world_.Now();
+  world_.SetBucketRemoval(INT64_MAX);
+  const std::string result = world_.GetServer().RemoveBucket(name);
+  answer.ended = world_.Now();
+  world_.SetBucketRemoval(answer.ended);
+  answer.state = result.empty() ? EState::kUnknown : EState::kAnswered;
+  if (result == "refused") {
+    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, kAbsent);
+    return true;
+  }
+  Note(answer, HistoryKey(kPassingBucket), result.empty() ? EKind::kWrite : EKind::kRemove, kAbsent);
+  for (const std::string& key : KeysOf(kPassingBucket)) {
+    Note(answer, HistoryKey(kPassingBucket, key), EKind::kWrite, kAbsent);
+  }
+  if (result == "done") {
+    world_.SetNames(name, {name});
+  }
+  return answer.state == EState::kAnswered;
+}
+
+bool CClient::RenameBucket(const std::string& new_name) {
+  const std::lock_guard lock(world_.GetBucketMutex());
+  const std::string name = world_.WireName(kPassingBucket);
+  Answer answer;
+  answer.begun = world_.Now();
+  const std::string result = world_.GetServer().RenameBucket(name, new_name);
+  answer.ended = world_.Now();
+  answer.state = result.empty() ? EState::kUnknown : EState::kAnswered;
+  if (answer.state == EState::kAnswered) {
+    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, result == "done" ? kPresent : kAbsent);
+  }
+  if (result == "done") {
+    world_.SetNames(name, {new_name});
+  } else if (result.empty()) {
+    std::set<std::string> names = world_.NextNames();
+    names.insert(new_name);
+    world_.SetNames(name, names);
+  }
+  return answer.state == EState::kAnswered;
+}
+
+// After a start the bucket goes by its new name and by no other.
+void CClient::FindPassingBucket() {
+  std::vector<std::string> found;
+  std::string last;
+  for (const std::string& name : world_.NextNames()) {
+    world_.SetNames("", world_.NextNames());  // nobody's name yet: what is asked now says nothing of the bucket
+    bool is_there = false;
+    if (AskBucket(name, is_there) && is_there) {
+      found.push_back(name);
+    }
+    last = name;
+  }
+  if (found.size() > 1) {
+    world_.GetHistory().AddFault("the passing bucket is there under two names: " + found[0] + ", " + found[1]);
+  }
+  const std::string name = found.empty() ? last : found[0];
+  world_.SetNames(name, {name});
+  bool is_there = false;
+  AskBucket(name, is_there);
+}
+
+void CClient::LookAtEverything(const std::vector<std::string>& buckets) {
+  for (const std::string& bucket : buckets) {
+    for (const std::string& key : KeysOf(bucket)) {
+      Step step;
+      step.bucket = bucket;
+      step.key = key;
+      GetSize(step);
+      Get(step);
+    }
+  }
+  const std::vector<Picture> pictures = world_.GetPictures();
+  const std::size_t stride = std::max<std::size_t>(1, pictures.size() / kPicturesToLookAt);
+  for (std::size_t i = 0; i < pictures.size(); i += stride) {
+    GetPicture(pictures[pictures.size() - 1 - i]);
+  }
+  connection_.reset();
+}
+
+// ---- requests
+
+CClient::Answer CClient::Ask(const Request& request, bool may_fail) {
+  return Receive(connection_, world_.GetServer().GetObjectPort(), system_tests::Signed(request), may_fail);
+}
+
+CClient::Answer CClient::AskForPicture(const Request& request) {
+  std::unique_ptr<CConnection> connection;
+  return Receive(connection, world_.GetServer().GetPicturePort(), request, false);
+}
+
+CClient::Answer CClient::Receive(std::unique_ptr<CConnection>& connection, std::uint16_t port, const Request& request,
+                                 bool may_fail) {
+  Answer answer;
+  if (connection == nullptr) {
+    connection = CConnection::Open(port);
+    if (connection == nullptr) {
+      Fault(request, "no connection");
+      return answer;
+    }
+  }
+  answer.begun = world_.Now();
+  connection->Send(system_tests::Serialize(request, port));
+  answer.reply = connection->Receive(world_.GetPatience());
+  answer.ended = world_.Now();
+  if (answer.reply.status == 0 || !answer.reply.is_whole) {
+    answer.state = EState::kUnknown;
+    const auto taken = std::chrono::nanoseconds(answer.ended - answer.begun) + kTimerSlack;
+    Fault(request, taken >= world_.GetPatience() ? "no answer within its time"
+                   : answer.reply.status == 0    ? "the connection ended without an answer"
+                                                 : "the connection ended in the middle of the answer");
+    connection.reset();
+    return answer;
+  }
+  world_.CountAnswer();
+  const bool is_failure = answer.reply.status >= 500 && (!may_fail || world_.IsEnding());
+  answer.state = is_failure ? EState::kUnknown : EState::kAnswered;
+  if (is_failure) {
+    Fault(request, "is answered " + Outcome(answer.reply));
+  }
+  if (answer.reply.Header("Connection") == "close") {
+    connection.reset();
+  }
+  return answer;
+}
+
+void CClient::Fault(const Request& request, const std::string& what) {
+  if (!world_.IsEnding()) {
+    world_.GetHistory().AddFault("client " + std::to_string(number_) + ", " + request.method + " " + request.target +
+                                 " at " + std::to_string(world_.Now()) + " ns: " + what);
+  }
+}
+
+void CClient::Note(const Answer& answer, const std::string& key, EKind kind, Version version) {
+  const Operation operation = {key, kind, version, number_, answer.begun, answer.ended, false};
+  if (answer.state == EState::kUnknown) {
+    world_.AddUnknown(operation);
+  } else {
+    world_.GetHistory().Add(operation);
+  }
+}
+
+bool CClient::NoteBucket(const Answer& answer, const Step& step) {
+  const bool is_missing = Outcome(answer.reply) == "404 NoSuchBucket";
+  if (step.bucket != kPassingBucket) {
+    if (is_missing) {
+      world_.GetHistory().AddFault("the bucket " + step.bucket + " is gone");
+    }
+    return is_missing;
+  }
+  Note(answer, HistoryKey(step.bucket), EKind::kRead, is_missing ? kAbsent : kPresent);
+  if (is_missing) {
+    Note(answer, HistoryKey(step.bucket, step.key), EKind::kRead, kAbsent);
+  }
+  return is_missing;
+}
+
+std::string CClient::Target(const Step& step) const {
+  return "/" + world_.WireName(step.bucket) + "/" + step.key;
+}
+
+}  // namespace prove

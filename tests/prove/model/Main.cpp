@@ -1,0 +1,82 @@
+// prove_model: random requests from eight connections against a tansyd that is killed, stopped and started again, and a
+// model that says which answers there can have been. Also looks at the history of an earlier run.
+#include <gtest/gtest.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <ctime>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "History.h"
+#include "Run.h"
+#include "TansydServer.h"
+#include "fakes/TempFolder.h"
+
+namespace {
+
+constexpr int kWrong = 1;
+constexpr int kUsage = 2;
+
+int LookAtHistory(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) {
+    std::cerr << "model: " << path << " cannot be read\n";
+    return kUsage;
+  }
+  prove::CHistory history;
+  prove::CHistory::Load(file, history);
+  const std::vector<std::string> wrong = history.Check();
+  std::cout << "model: " << history.GetCount() << " operations, " << wrong.size() << " contradictions\n";
+  for (const std::string& line : wrong) {
+    std::cout << "  " << line << '\n';
+  }
+  return wrong.empty() ? 0 : kWrong;
+}
+
+int Run(const prove::RunOptions& options, const std::string& durability) {
+  std::cout << "model: seed " << options.seed << ", durability " << durability << std::endl;
+  const fakes::CTempFolder folder;
+  prove::CTansydServer server(folder.GetPath(),
+                              {"--durability", durability, "--keep-failed", "1", "--keep-removed", "0"});
+  prove::RunResult result = prove::RunModel(server, options);
+  if (result.wrong.empty()) {
+    result.wrong = prove::CheckSpace(server, result);
+  }
+  std::cout << prove::Describe(options, result);
+  if (!result.wrong.empty()) {
+    std::ofstream(options.history_file + ".log") << server.GetTansyd().GetLog();
+    std::cout << "  the log of the server is in " << options.history_file << ".log\n";
+  }
+  return result.wrong.empty() && !testing::UnitTest::GetInstance()->Failed() ? 0 : kWrong;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest();
+  CLI::App app("Refutes, or fails to refute, that the server answers as one copy of each object would", "model");
+  prove::RunOptions options;
+  options.seed = static_cast<std::uint64_t>(std::time(nullptr));
+  options.rounds = 10;
+  options.history_file = "model-history.txt";
+  std::int64_t minutes = 0;
+  std::string history;
+  std::string durability = "full";
+  app.add_option("--seed", options.seed, "of the plan; without it, the time of day");
+  app.add_option("--minutes", minutes, "rounds until this time is over");
+  app.add_option("--rounds", options.rounds, "this number of rounds, without --minutes");
+  app.add_option("--durability", durability, "of the server: full or fast");
+  app.add_option("--history", options.history_file, "where the history of a failing round goes");
+  app.add_option("--check-history", history, "looks at such a file, and starts no server");
+  CLI11_PARSE(app, argc, argv);
+  options.time = std::chrono::minutes(minutes);
+  try {
+    return history.empty() ? Run(options, durability) : LookAtHistory(history);
+  } catch (const std::exception& error) {
+    std::cerr << "model: " << error.what() << '\n';
+    return kUsage;
+  }
+}

@@ -1,0 +1,47 @@
+// A whole run: rounds of clients at work, each with the server's end and its next start, and what came of them.
+#ifndef TANSY_TESTS_PROVE_MODEL_RUN_H
+#define TANSY_TESTS_PROVE_MODEL_RUN_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Plan.h"
+#include "Server.h"
+#include "TansydServer.h"
+
+namespace prove {
+
+struct RunOptions {
+  std::uint64_t seed = 1;
+  std::size_t rounds = 1;
+  std::chrono::minutes time{0};               // more than none: rounds until it is over, however many
+  std::chrono::milliseconds patience{60000};  // the longest that a request may take
+  Features features;
+  std::string history_file;  // where the history of a failing round is kept; empty: nowhere
+};
+
+struct RunResult {
+  std::vector<std::string> wrong;  // empty: all is as it must be
+  std::size_t rounds = 0;
+  std::size_t kills = 0;
+  std::size_t stops = 0;
+  std::size_t operations = 0;
+  std::size_t pictures = 0;
+  std::uint64_t live_bytes = 0;  // of the objects that are there at the end
+};
+
+RunResult RunModel(IServer& server, const RunOptions& options);
+
+// After a run: lets the sweep and housekeeping do what is left to them, and compares catalogue and store.
+// `live_bytes` are those of the objects that must be there. Returns what is wrong.
+std::vector<std::string> CheckSpace(CTansydServer& server, const RunResult& run);
+
+// The run as a line for a person, and what is wrong, one line each.
+std::string Describe(const RunOptions& options, const RunResult& result);
+
+}  // namespace prove
+
+#endif  // TANSY_TESTS_PROVE_MODEL_RUN_H

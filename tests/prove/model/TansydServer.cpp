@@ -1,0 +1,59 @@
+#include "TansydServer.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace prove {
+
+CTansydServer::CTansydServer(const std::string& folder, const std::vector<std::string>& arguments)
+    : folder_(folder), tansyd_(folder) {
+  launch_.program = TANSYD_WITH_CONTROL;
+  launch_.arguments = arguments;
+}
+
+bool CTansydServer::Start() {
+  launch_.environment = {{"CONTROL_SOCKET", SocketPath()},
+                         {"CONTROL_CLOCK", std::to_string(clock_)},
+                         {"CONTROL_UPTIME", std::to_string(uptime_)}};
+  return tansyd_.Start(launch_);
+}
+
+void CTansydServer::SetClock(std::int64_t seconds) {
+  clock_ = seconds;
+  Command("clock " + std::to_string(seconds));
+}
+
+void CTansydServer::LetTimePass(std::int64_t seconds) {
+  uptime_ += seconds;
+  Command("uptime " + std::to_string(uptime_));
+}
+
+std::string CTansydServer::Command(const std::string& line) const {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, SocketPath().c_str(), sizeof address.sun_path - 1);
+  const int connection = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::string answer;
+  if (::connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    const std::string text = line + "\n";
+    ::send(connection, text.data(), text.size(), MSG_NOSIGNAL);
+    for (char c = 0; ::read(connection, &c, 1) == 1 && c != '\n';) {
+      answer += c;
+    }
+  }
+  ::close(connection);
+  return answer == "done" || answer == "refused" ? answer : "";
+}
+
+system_tests::Ended CTansydServer::Check() {
+  system_tests::CTansyd command(folder_, "command");
+  system_tests::Launch launch;
+  launch.with_data = launch.with_ports = false;
+  launch.arguments = {"--data", tansyd_.Data(), "--check"};
+  return command.RunToEnd(launch);
+}
+
+}  // namespace prove

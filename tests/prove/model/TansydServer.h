@@ -1,0 +1,50 @@
+// The real server: a tansyd of this build on a folder of its own.
+#ifndef TANSY_TESTS_PROVE_MODEL_TANSYD_SERVER_H
+#define TANSY_TESTS_PROVE_MODEL_TANSYD_SERVER_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Server.h"
+#include "support/Tansyd.h"
+
+namespace prove {
+
+class CTansydServer : public IServer {
+ public:
+  // Works in `folder`. `arguments` are passed to tansyd.
+  CTansydServer(const std::string& folder, const std::vector<std::string>& arguments);
+
+  bool Start() override;
+  void Kill() override { tansyd_.Kill(); }
+  bool Stop() override { return tansyd_.Stop(); }
+  std::uint16_t GetObjectPort() const override { return tansyd_.GetObjectPort(); }
+  std::uint16_t GetPicturePort() const override { return tansyd_.GetPicturePort(); }
+  void SetClock(std::int64_t seconds) override;
+  std::string RemoveBucket(const std::string& name) override { return Command("remove " + name); }
+  std::string RenameBucket(const std::string& name, const std::string& new_name) override {
+    return Command("rename " + name + " " + new_name);
+  }
+
+  // Lets time pass on the clock that nobody sets.
+  void LetTimePass(std::int64_t seconds);
+  // tansyd --check beside the running server.
+  system_tests::Ended Check();
+  system_tests::CTansyd& GetTansyd() { return tansyd_; }
+
+ private:
+  std::string Command(const std::string& line) const;
+  std::string SocketPath() const { return folder_ + "/control"; }
+
+  const std::string folder_;
+  system_tests::CTansyd tansyd_;
+  system_tests::Launch launch_;
+  std::atomic<std::int64_t> clock_{0};
+  std::atomic<std::int64_t> uptime_{0};
+};
+
+}  // namespace prove
+
+#endif  // TANSY_TESTS_PROVE_MODEL_TANSYD_SERVER_H
