@@ -3,7 +3,8 @@
 #
 # usage: bench/run.sh [--quick] [--list] [--tansyd PROGRAM] [--against PROGRAM] [--runs N] [--folder DIR] [ROW...]
 #
-#   ROW               rows to measure, patterns like 'get-*' too; all of them when none is named
+#   ROW               rows to measure, patterns like 'get-*' too; all of them when none is named. "micro" prints the
+#                     microbenchmarks instead of the table, or behind it
 #   --quick           fewer and shorter runs
 #   --list            print the rows with their goals, and end
 #   --tansyd PROGRAM  measure this tansyd; nothing of it is built then
@@ -24,6 +25,7 @@ against=''
 folder=${TMPDIR:-/var/tmp}
 wanted=()
 action=measure
+micro=false
 
 usage() {
   sed -n '2,/^set -/{/^set -/d;s/^# \{0,1\}//;p}' "$PWD/bench/run.sh"
@@ -45,6 +47,7 @@ while (($# > 0)); do
     --folder) folder=$(cd "$started_in" && cd "${2:?}" && pwd); shift ;;
     -h | --help) usage; exit 0 ;;
     -*) echo "bench: no such option: $1" >&2; usage >&2; exit 2 ;;
+    micro) micro=true ;;
     *) wanted+=("$1") ;;
   esac
   shift
@@ -54,6 +57,7 @@ runs=${runs:-$($quick && echo 3 || echo 5)}
 seconds=$($quick && echo 1 || echo 3)
 [[ $runs =~ ^[1-9][0-9]*$ ]] || { echo "bench: --runs $runs is no number" >&2; exit 2; }
 
+PATH=$PATH:/usr/sbin # where Debian keeps nginx
 for part in bench/lib/*.sh bench/rows/*.sh; do
   # shellcheck source=/dev/null
   source "$part"
@@ -84,7 +88,7 @@ choose_rows() {
     done
   done
 }
-choose_rows
+$micro && ((${#wanted[@]} == 0)) || choose_rows
 
 disk=$(mktemp -d "$folder/tansy-bench-XXXXXX")
 memory=$(mktemp -d /dev/shm/tansy-bench-XXXXXX)
@@ -104,6 +108,7 @@ if [[ -z $tansyd ]]; then
 else
   build_programs tansy_load
 fi
+! $micro || build_programs tansy_micro
 tansy_load=$PWD/build/bin/tansy_load
 tansy=$PWD/build/bin/tansy
 
@@ -111,7 +116,7 @@ echo "tansyd: $tansyd${against:+, against $against}"
 echo "$(nproc) processors, $(awk '/MemTotal/ {printf "%.0f GiB", $2 / 1048576}' /proc/meminfo), Linux $(uname -r); disk: $(file_system "$disk") at $folder; nginx $(nginx -v 2>&1 | sed 's/.*\///')"
 echo "medians of $runs pairs of runs of $seconds s$($quick && echo ' (--quick: fewer and shorter runs than the figures in docs/performance.md)' || true)"
 echo
-table_head
+((${#chosen[@]} == 0)) || table_head
 failures=0
 for name in "${chosen[@]}"; do
   set +e
@@ -128,4 +133,8 @@ for name in "${chosen[@]}"; do
   printf '%-22s FAILED\n' "$name"
   failures=$((failures + 1))
 done
+if $micro; then
+  # Processor time counts here; on a busy machine it is less than the time that passes.
+  build/bin/tansy_micro --benchmark_min_time="$($quick && echo 0.1 || echo 0.5)" 2>/dev/null || failures=$((failures + 1))
+fi
 ((failures == 0)) || { echo "bench: $failures rows failed" >&2; exit 1; }

@@ -15,9 +15,14 @@ namespace Tansy::Cli {
 class CPieceReader {
  public:
   // `expected` is the size of a file, of which exactly that many bytes are read; without it, everything is read. `file`
-  // stays the caller's and is read from its current position.
-  CPieceReader(std::FILE* file, std::uint64_t piece_size, std::optional<std::uint64_t> expected)
-      : file_(file), piece_size_(piece_size), expected_(expected) {}
+  // stays the caller's and is read from its current position. The digest costs more time than anything else that a
+  // client does with a large file, so it is computed only for those who will ask for it.
+  CPieceReader(std::FILE* file, std::uint64_t piece_size, std::optional<std::uint64_t> expected, bool with_digest)
+      : file_(file), piece_size_(piece_size), expected_(expected) {
+    if (with_digest) {
+      digest_.emplace();
+    }
+  }
 
   // Gives the next piece; the first piece of an empty input is empty. Returns false when the last one has been read.
   // Throws CFailure when the file cannot be read, has become shorter, or is too large for an object.
@@ -26,8 +31,8 @@ class CPieceReader {
   bool IsAtEnd() const { return at_end_; }
   // Counts the bytes read so far.
   std::uint64_t Size() const { return size_; }
-  // Gives the digest of all bytes; it may be called once, at the end.
-  std::string Digest() { return digest_.Finish(); }
+  // Gives the digest of all bytes; it may be called once, at the end. The text is empty when none was computed.
+  std::string Digest() { return digest_ ? digest_->Finish() : std::string(); }
 
  private:
   bool IsFollowed();
@@ -35,7 +40,7 @@ class CPieceReader {
   std::FILE* const file_;
   const std::uint64_t piece_size_;
   const std::optional<std::uint64_t> expected_;
-  CDigest digest_;
+  std::optional<CDigest> digest_;
   std::uint64_t size_ = 0;
   bool at_end_ = false;
 };

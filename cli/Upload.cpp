@@ -247,7 +247,7 @@ void Verify(const Settings& settings, const ObjectUrl& url, const ObjectVersion&
 std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, const UploadListener& listener) {
   const ServerAddress node = BestNodeAddress(settings, job.url.bucket, job.patience);
   for (bool again = false;; again = true) {
-    CPieceReader reader(file, job.part_size, job.expected);
+    CPieceReader reader(file, job.part_size, job.expected, job.verify);
     try {
       details::CAttempt(settings, node, job, listener, reader).Run();
     } catch (const details::CLostUpload& lost) {

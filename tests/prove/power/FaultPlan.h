@@ -16,13 +16,16 @@ enum ECall : std::uint32_t {
   kCallRename = 32,
   kCallRemove = 64,
   kCallMakeFolder = 128,
-  kEveryCall = 255,
+  kEveryCall = 255,   // of those above
+  kCallMemory = 256,  // memory that SQLite asks for
 };
 
 enum class EFault : std::uint32_t {
   kError,  // the call does nothing and gives `error`
   kShort,  // a read or a write moves only half of its bytes; other calls are left alone
   kSlow,   // the call takes a while
+  // As a server would behave that does not look at what its calls give: what failed is told to have been done.
+  kUntold,
 };
 
 struct FaultPlan {

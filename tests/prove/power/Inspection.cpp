@@ -234,7 +234,7 @@ void CInspection::WriteMore() {
 
 // Bytes that nothing refers to can be found and freed, and no row is left without its bytes.
 void CInspection::RepairSpace() {
-  system_tests::Launch check;
+  system_tests::Launch check = launch_;
   check.with_ports = false;
   for (const bool repairs : {true, false}) {
     check.arguments = {"--check"};

@@ -80,7 +80,7 @@ class PowerCut : public testing::Test {
     }
     std::sort(positions.begin(), positions.end());
     CDisk disk(trace);
-    CInspection inspection(folder_.GetPath() + "/state");
+    CInspection inspection(folder_.GetPath() + "/state", PlainLaunch());
     for (std::size_t i = 0; i < positions.size(); ++i) {
       const auto cut = static_cast<ECut>(random() % 5);
       disk.AdvanceTo(positions[i]);
@@ -175,7 +175,7 @@ TEST_F(PowerCut, TheFirstPartOfAFreshServerSurvives) {
   const CTrace trace(TracePath());
   CDisk disk(trace);
   disk.AdvanceTo(trace.GetRecords().size());
-  CInspection inspection(folder_.GetPath() + "/state");
+  CInspection inspection(folder_.GetPath() + "/state", PlainLaunch());
   std::mt19937_64 random(1);
   disk.WriteTo(inspection.GetDataFolder(), ECut::kAllLost, random);
   const Promises promises = PromisesAt(ReadRequests(trace), trace.GetRecords().size());

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "Settings.h"
 #include "fakes/TempFolder.h"
 
 namespace prove {
@@ -37,8 +38,14 @@ CProveFolder::~CProveFolder() {
   fs::remove_all(path_, ignored);
 }
 
-system_tests::Launch WatchedLaunch(const std::string& root) {
+system_tests::Launch PlainLaunch() {
   system_tests::Launch launch;
+  launch.program = Settings::Get().tansyd;
+  return launch;
+}
+
+system_tests::Launch WatchedLaunch(const std::string& root) {
+  system_tests::Launch launch = PlainLaunch();
   launch.environment["LD_PRELOAD"] = TANSY_FILE_CALLS;
   launch.environment["TANSY_CALLS_ROOT"] = root;
   // The address sanitizer wants to be in front of every other library.

@@ -23,7 +23,9 @@ class CProveFolder {
   std::string path_;
 };
 
-// A launch whose file calls below `root` are watched.
+// A launch of the program that is tried.
+system_tests::Launch PlainLaunch();
+// The same; its file calls below `root` are watched.
 system_tests::Launch WatchedLaunch(const std::string& root);
 
 // Copies a file to where it outlives the run, and gives its new path.

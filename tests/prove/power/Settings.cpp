@@ -9,10 +9,11 @@ namespace prove {
 namespace {
 
 constexpr const char* kHelp =
-    "  --seed N     another run; what was found by a run is found by its seed and its trace\n"
-    "  --states N   this number of states\n"
-    "  --minutes N  for this time\n"
-    "  --trace FILE the file calls of an earlier run instead of new ones\n"
+    "  --seed N       another run; what was found by a run is found by its seed and its trace\n"
+    "  --states N     this number of states\n"
+    "  --minutes N    for this time\n"
+    "  --tansyd FILE  another program than that of this build\n"
+    "  --trace FILE   the file calls of an earlier run instead of new ones\n"
     "Without any of these the short form runs, with the defects that are put in on purpose.\n";
 
 bool ParseNumber(const std::string& text, std::uint64_t& number) {
@@ -45,6 +46,8 @@ int RunProve(int argc, char** argv, const std::string& long_test) {
     const std::string value = i + 1 < argc ? argv[i + 1] : "";
     if (option == "--trace" && !value.empty()) {
       settings.trace = value;
+    } else if (option == "--tansyd" && !value.empty()) {
+      settings.tansyd = value;
     } else if (!ParseNumber(value, number)) {
       return refuse(option + " needs a value");
     } else if (option == "--seed") {

@@ -9,9 +9,12 @@ namespace prove {
 
 struct Settings {
   std::uint64_t seed = 1;
-  int states = 0;     // 0: as many as the short form has
-  int minutes = 0;    // 0: by number
-  std::string trace;  // one that an earlier run has kept; empty: new ones
+  int states = 0;      // 0: as many as the short form has
+  int minutes = 0;     // 0: by number
+  std::string tansyd;  // the program to try; empty: that of this build
+  std::string trace;   // one that an earlier run has kept; empty: new ones
+
+  bool IsLong() const { return states > 0 || minutes > 0; }
 
   // Of this process.
   static Settings& Get();

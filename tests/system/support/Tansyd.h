@@ -59,6 +59,8 @@ class CTansyd {
   Ended RunToEnd(const Launch& launch);
   // Starts without waiting, for runs that are meant to be disturbed before they are ready.
   void Begin(const Launch& launch) { Spawn(launch); }
+  // Waits until one that was begun is ready; false when it ended before that.
+  bool WaitForReadyOrEnd() { return WaitForReadyLine(); }
 
   // Stop signal, then the end, which must be exit code 0 within `patience`.
   bool Stop(int signal = 15, std::chrono::seconds patience = kPatience);

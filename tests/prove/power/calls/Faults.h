@@ -12,6 +12,7 @@ namespace prove {
 struct Verdict {
   int error = 0;  // not 0: the call does nothing and gives this errno
   bool is_short = false;
+  bool is_told = true;  // otherwise the call does nothing and says that it did
 };
 
 // Counts a call on the watched folder. A slow one waits here.
