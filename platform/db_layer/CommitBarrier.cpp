@@ -5,8 +5,6 @@
 #include <shared_mutex>
 #include <utility>
 
-#include "db_layer/DbLayer.h"
-
 namespace db_layer {
 
 namespace details {

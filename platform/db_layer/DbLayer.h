@@ -23,11 +23,8 @@
 #ifndef TANSY_DB_LAYER_DB_LAYER_H
 #define TANSY_DB_LAYER_DB_LAYER_H
 
-#include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "db_layer/Connect.h"
 
@@ -65,18 +62,6 @@ bool SetSqliteFullDurability(bool full);
 // Sets how long a statement waits while another process holds SQLite's file locked; the default is 5000 ms. The setting
 // is read at the same time. Returns the setting before.
 int SetSqliteBusyTimeout(int milliseconds);
-
-// Is called for each group of statements, after the group has been gathered and before it is committed, on the thread
-// that commits it: one call at a time per database. It makes durable what the rows of the group name outside the
-// database, so that one wait for the disk serves the whole group and no row is ever older than what it names.
-// `statements` are the texts of the group. Returns true when the group may be committed; false, with a reason in
-// `error`, or an exception fails every statement of the group, and nothing of it is committed. Statements that only
-// read never come here, nor does what SQLite runs outside a transaction (VACUUM, PRAGMA). The barrier must not use the
-// database.
-using CommitBarrier = std::function<bool(const std::vector<std::string_view>& statements, std::string& error)>;
-// Sets the barrier of all databases of this process; an empty one lets every group pass. When it returns, no call of
-// the barrier before is under way, and none will begin.
-void SetCommitBarrier(CommitBarrier barrier);
 
 }  // namespace db_layer
 

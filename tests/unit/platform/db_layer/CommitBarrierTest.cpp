@@ -1,3 +1,5 @@
+#include "db_layer/CommitBarrier.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

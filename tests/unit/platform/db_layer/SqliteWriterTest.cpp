@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "SqliteFixture.h"
+#include "db_layer/CommitBarrier.h"
 
 namespace db_layer {
 namespace {
