@@ -3,8 +3,8 @@
 // storage.
 //
 // Names are relative, "/" between the folders, without "." and ".." (refused as invalid). Results are 0 or an errno
-// value, on every system. Threads: any number may use one folder, and any number may read one file at once; otherwise a
-// file belongs to one thread at a time. Only std::bad_alloc is thrown.
+// value, on every system. Threads: any number may use one folder, and any number may read one file, sync it, and write
+// to different ranges of it at once. Only std::bad_alloc is thrown.
 #ifndef TANSY_HOST_SYSTEM_FILES_H
 #define TANSY_HOST_SYSTEM_FILES_H
 
@@ -28,6 +28,9 @@ class IFile {
   // Asks the system to begin writing this range to the disk while the caller goes on. It is a hint and promises
   // nothing.
   virtual void StartWriteOut(std::uint64_t offset, std::uint64_t size) = 0;
+  // Gives the room of this range back to the file system, where it can do that; the bytes then read as zeros, and the
+  // file's size stays. It is a hint and promises nothing.
+  virtual void FreeRange(std::uint64_t /*offset*/, std::uint64_t /*size*/) {}
   // Returns when bytes and size are on stable storage. The file's name is not: see IFolder::Sync.
   virtual int Sync() = 0;
 };

@@ -77,6 +77,16 @@ class CFile final : public IFile {
 #endif
   }
 
+  void FreeRange(std::uint64_t offset, std::uint64_t size) override {
+#if defined(__linux__)
+    static_cast<void>(::fallocate(descriptor_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                                  static_cast<off_t>(size)));
+#else
+    static_cast<void>(offset);
+    static_cast<void>(size);
+#endif
+  }
+
   int Sync() override {
     return ::fdatasync(descriptor_) == 0 ? 0 : errno;
   }
