@@ -9,7 +9,6 @@
 
 #include "CatalogueFile.h"
 #include "FirstParts.h"
-#include "PrintableText.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -34,9 +33,18 @@ bool Holds(const PackedNames& names, const StoredName& name) {
   return std::binary_search(names.begin(), names.end(), Pack(name));
 }
 
+// Makes a name that a client chose fit for a line of its own.
+std::string Printable(const std::string& text) {
+  std::string printable = text;
+  std::replace_if(
+      printable.begin(), printable.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; },
+      '?');
+  return printable;
+}
+
 struct Damage {
   CatalogueRow row;
-  bool is_missing = false;  // otherwise the bytes are too short
+  const char* what = "";  // the word of the finding
 };
 
 class CCheck {
@@ -111,7 +119,7 @@ class CCheck {
     std::uint64_t size = 0;
     const EStoreResult result = name != nullptr ? store_.GetSize(*name, size) : EStoreResult::kInvalid;
     if (result != EStoreResult::kDone || (!row.is_task && size < row.size)) {
-      damaged_.push_back({row, result != EStoreResult::kDone});
+      damaged_.push_back({row, result != EStoreResult::kDone ? "missing" : "short"});
     }
   }
 
@@ -119,25 +127,36 @@ class CCheck {
     const auto look = [this](const StoredEntry& entry) {
       ++files_;
       bytes_ += entry.size;
-      if (entry.is_temporary || (entry.content == EContent::kObject && !Holds(referred_, entry.name))) {
+      if (entry.is_damaged && entry.name.id.empty()) {
+        unreadable_.push_back(entry);
+      } else if (entry.is_damaged && Holds(referred_, entry.name)) {
+        spoilt_.push_back(Pack(entry.name));
+      } else if (entry.is_temporary || (entry.content == EContent::kObject && !Holds(referred_, entry.name))) {
         orphans_.push_back(entry);
       }
       return !IsStopping();
     };
-    return store_.ForEach(EContent::kObject, look) && store_.ForEach(EContent::kPicture, look) && !IsStopping();
+    const bool complete = store_.ForEach(EContent::kObject, look) && store_.ForEach(EContent::kPicture, look);
+    std::sort(spoilt_.begin(), spoilt_.end());
+    return complete && !IsStopping();
   }
 
   // A running server has gone on meanwhile: what it has finished since then, or is still writing, is no finding.
   void LookAgain() {
     std::vector<std::string> urls;
-    const PackedNames referred =
-        ReadCatalogue([&urls](const CatalogueRow& row, const StoredName*) { urls.push_back(row.url); });
+    const PackedNames referred = ReadCatalogue([this, &urls](const CatalogueRow& row, const StoredName* name) {
+      urls.push_back(row.url);
+      if (name != nullptr && Holds(spoilt_, *name)) {
+        damaged_.push_back({row, "damaged"});
+      }
+    });
     std::sort(urls.begin(), urls.end());
     std::erase_if(damaged_, [this, &urls](const Damage& damage) {
       return !std::binary_search(urls.begin(), urls.end(), damage.row.url) || IsWhole(damage.row);
     });
     // This comes after the look at the rows: bytes that lose their row in between are released then.
     const PackedNames released = ReadReleased();
+    complete_ = NoteUnfinished() && complete_;  // with this, the store knows what was freed by then
     std::erase_if(orphans_, [this, &referred](const StoredEntry& entry) {
       return !entry.is_temporary && (Holds(referred, entry.name) || IsGone(entry.name));
     });
@@ -160,13 +179,22 @@ class CCheck {
     StoredName name;
     std::uint64_t size = 0;
     return ParseOwnText(row.url, name) && store_.GetSize(name, size) == EStoreResult::kDone &&
-           (row.is_task || size >= row.size);
+           (row.is_task || size >= row.size) && !(Holds(spoilt_, name) && IsSpoilt(name));
+  }
+
+  // What a running server was just writing when it was looked at is whole by now.
+  bool IsSpoilt(const StoredName& name) {
+    ReadBuffer buffer;
+    return store_.ReadWhole(name, buffer) != EStoreResult::kDone;
   }
 
   void Report() {
     for (const Damage& damage : damaged_) {
-      out_ << (damage.is_missing ? "missing /" : "short /") << Printable(damage.row.bucket) << '/'
-           << Printable(damage.row.object) << ' ' << Printable(damage.row.url) << '\n';
+      out_ << damage.what << " /" << Printable(damage.row.bucket) << '/' << Printable(damage.row.object) << ' '
+           << Printable(damage.row.url) << '\n';
+    }
+    for (const StoredEntry& entry : unreadable_) {
+      out_ << "unreadable " << entry.path << ' ' << entry.size << '\n';
     }
     for (const StoredEntry& entry : orphans_) {
       out_ << "orphan " << entry.path << ' ' << entry.size << '\n';
@@ -225,13 +253,13 @@ class CCheck {
 
   int SumUp() {
     out_ << "check: " << rows_ << " rows, " << files_ << " stored files, " << OrphanCount() << " orphans ("
-         << orphan_bytes_ << " bytes), " << freed_ << " freed, " << damaged_.size() << " damaged, " << kept_.size()
-         << " kept (" << kept_bytes_ << " bytes)" << (complete_ ? "" : "; not everything could be read, see the log")
-         << '\n';
+         << orphan_bytes_ << " bytes), " << freed_ << " freed, " << damaged_.size() + unreadable_.size() << " damaged, "
+         << kept_.size() << " kept (" << kept_bytes_ << " bytes)"
+         << (complete_ ? "" : "; not everything could be read, see the log") << '\n';
     if (!complete_) {
       return kExitFailed;
     }
-    return damaged_.empty() && freed_ == OrphanCount() ? kExitDone : kExitFindings;
+    return damaged_.empty() && unreadable_.empty() && freed_ == OrphanCount() ? kExitDone : kExitFindings;
   }
 
   std::size_t OrphanCount() const { return orphans_.size() + first_parts_.size(); }
@@ -245,6 +273,8 @@ class CCheck {
   PackedNames unfinished_;
   std::vector<StoredEntry> orphans_;
   std::vector<StoredEntry> kept_;  // no row names them, but a running server frees them when their time comes
+  std::vector<StoredEntry> unreadable_;
+  PackedNames spoilt_;  // bytes that rows name and that are not what was stored
   std::vector<DeadFirstPart> first_parts_;
   std::vector<Damage> damaged_;
   bool complete_ = false;

@@ -14,8 +14,9 @@ namespace Tansy::Host {
 struct CheckOptions {
   bool repair = false;
   bool force = false;  // --repair works even when this looks like the wrong catalogue
-  // Gives the names that a running server is writing or whose row it is about to write; null when none runs. It is
-  // asked before and after the look at the files.
+  // Looks again at what a running server has done to the store, and gives the names that it is writing or whose row it
+  // is about to write; null when none runs. It is asked before and after the look at the files, and once more when the
+  // catalogue has been read for the last time.
   std::function<bool(std::vector<StoredName>& names)> unfinished;
   // Makes sure that no row can name these bytes before they are freed; null when no server runs.
   std::function<bool(const std::vector<std::string>& urls, std::set<std::string>& given_up)> give_up;
@@ -31,6 +32,8 @@ struct CheckOptions {
 //                               frees when their time comes; no finding, and left alone by `repair`
 //   missing /BUCKET/OBJECT URL  a row whose bytes are not there
 //   short /BUCKET/OBJECT URL    a row whose bytes are fewer than it says
+//   damaged /BUCKET/OBJECT URL  a row whose bytes are not those that were stored; only small objects are read for that
+//   unreadable PATH SIZE        a file of small objects in which nothing can be found; never freed
 //
 // Nothing is freed before everything has been looked at, and nothing at all without `force` when the catalogue is empty
 // or more than a tenth of all stored bytes would go: then it is more likely the wrong catalogue.

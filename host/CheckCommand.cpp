@@ -10,23 +10,10 @@
 #include "FileStore.h"
 #include "HostSystem/Files.h"
 #include "Locks.h"
-#include "NewBytesLog.h"
 #include "StartFailure.h"
 #include "StoreIdentity.h"
 
 namespace Tansy::Host {
-namespace details {
-namespace {
-
-bool ReadUnfinished(const std::string& storage, std::vector<StoredName>& names) {
-  int error = 0;
-  const std::unique_ptr<HostSystem::IFolder> folder = HostSystem::OpenFolder(storage, error);
-  return folder != nullptr && CNewBytesLog::Read(*folder, names) == 0;
-}
-
-}  // namespace
-}  // namespace details
-
 int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFolder& folder, std::ostream& out) {
   const std::string database = UrlPath(options.database);
   const std::string storage = UrlPath(options.storage);
@@ -46,16 +33,22 @@ int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFo
     folder.Lock();
     LockDatabase(database, database_lock);
     ExpectStorageFree(storage);
-  } else if (folder.IsInUse() || IsStorageInUse(storage)) {
-    check.unfinished = [&storage](std::vector<StoredName>& names) { return details::ReadUnfinished(storage, names); };
   }
   CCatalogueFile(database).TaskIds();  // fails here when the file is no catalogue
   MatchStoreIdentity(database, storage, EIdentity::kLook);
   if (line.repair) {
     LockStorage(storage, storage_lock);  // only now is it known to be the right storage
   }
-  const std::unique_ptr<IObjectStore> store = OpenFileStore(storage, false, EStoreUse::kLook);
-  return RunCheck(*store, database, check, out);
+  const std::unique_ptr<IObjectStore> store =
+      OpenFileStore(storage, false, line.repair ? EStoreUse::kRepair : EStoreUse::kLook);
+  if (!line.repair && (folder.IsInUse() || IsStorageInUse(storage))) {
+    check.unfinished = [&store](std::vector<StoredName>& names) { return store->LookAgain(names); };
+  }
+  const int exit_code = RunCheck(*store, database, check, out);
+  if (line.repair) {
+    store->Tidy();
+  }
+  return exit_code;
 }
 
 }  // namespace Tansy::Host

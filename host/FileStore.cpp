@@ -8,6 +8,7 @@
 #include "FileVolumeWalk.h"
 #include "HostLog.h"
 #include "StartFailure.h"
+#include "TansyBase/MessageLoop.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -53,26 +54,84 @@ int ReadInto(HostSystem::IFile& file, std::uint64_t offset, std::uint32_t size, 
   return error;
 }
 
+// Reads a range of a small body. A whole one is compared with its checksum; the damaged one gives EBADMSG.
+int ReadBody(const BodyPlace& place, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) {
+  const auto begin = static_cast<std::uint32_t>(std::min<std::uint64_t>(offset, place.size));
+  const std::uint32_t count = std::min(size, place.size - begin);
+  if (const int error = ReadInto(*place.file, std::uint64_t{place.offset} + begin, count, buffer)) {
+    return error;
+  }
+  const bool is_damaged = buffer.size < count || (count == place.size && !IsWhole(place, buffer.data.get()));
+  return is_damaged ? EBADMSG : 0;
+}
+
+// A small body as a file of its own, for those who hold it open.
+class CBodyFile final : public HostSystem::IFile {
+ public:
+  explicit CBodyFile(BodyPlace place) : place_(std::move(place)) {}
+
+  int WriteAt(const char* /*data*/, std::size_t /*size*/, std::uint64_t /*offset*/) override { return EROFS; }
+  int ReadAt(char* data, std::size_t size, std::uint64_t offset, std::size_t& done) override {
+    const std::uint64_t begin = std::min<std::uint64_t>(offset, place_.size);
+    return place_.file->ReadAt(data, std::min<std::uint64_t>(size, place_.size - begin), place_.offset + begin, done);
+  }
+  int GetSize(std::uint64_t& size) override {
+    size = place_.size;
+    return 0;
+  }
+  void StartWriteOut(std::uint64_t /*offset*/, std::uint64_t /*size*/) override {}
+  int Sync() override { return 0; }
+
+ private:
+  const BodyPlace place_;
+};
+
+CBodyLog::EMode ModeOf(bool full_durability, EStoreUse use) {
+  if (use != EStoreUse::kServe) {
+    return use == EStoreUse::kLook ? CBodyLog::EMode::kLook : CBodyLog::EMode::kFull;
+  }
+  return full_durability ? CBodyLog::EMode::kFull : CBodyLog::EMode::kFast;
+}
+
 }  // namespace
 }  // namespace details
 
-CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability)
+CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability, EStoreUse use)
     : root_(std::move(root)),
       full_durability_(full_durability),
+      use_(use),
       objects_(*root_, details::kObjectVolume),
       pictures_(*root_, details::kPictureVolume),
-      new_(*root_) {}
+      new_(*root_),
+      bodies_(*root_, details::ModeOf(full_durability, use)) {}
+
+int CFileStore::Load() {
+  const int error = bodies_.Load();
+  return error == 0 && use_ == EStoreUse::kServe ? new_.Load() : error;
+}
 
 EStoreResult CFileStore::SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) {
+  if (content == EContent::kObject && size <= kLongestSmallBody) {
+    return SaveSmall({data, size}, name);
+  }
   return SaveNew(content, 0, data, size, name);
+}
+
+EStoreResult CFileStore::SaveSmall(std::string_view body, StoredName& name) {
+  const int error = bodies_.Append(body, name);
+  return error == 0 ? EStoreResult::kDone : details::Failed("writing to", kBodyLogVolume, error);
+}
+
+bool CFileStore::MakeDurable(const std::vector<std::string_view>& statements, std::string& error) {
+  return !full_durability_ || bodies_.MakeDurable(statements, error);
 }
 
 EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) {
   if (name.id.empty()) {
     return SaveNew(EContent::kObject, offset, data, size, name);
   }
-  if (!IsMine(name)) {
-    return EStoreResult::kInvalid;
+  if (!IsMine(name) || IsSmallBody(name)) {
+    return EStoreResult::kInvalid;  // a small body is never changed
   }
   new_.BeginWrite(name);
   CNewBytesLog::CWrite write(new_, name);
@@ -132,6 +191,7 @@ int CFileStore::WriteNew(CFileVolume::Place& place, bool under_temporary_name, s
     renamed = error == 0;
   }
   if (error == 0 && full_durability_) {
+    const TansyBase::CBlockingScope blocking;
     error = place.folder->Sync();
   }
   if (error != 0) {
@@ -145,6 +205,7 @@ int CFileStore::WriteDurably(HostSystem::IFile& file, std::uint64_t offset, cons
   if (!full_durability_) {
     return file.WriteAt(data, size, offset);
   }
+  const TansyBase::CBlockingScope blocking;
   for (std::uint32_t done = 0; done < size;) {
     const std::uint32_t slice = std::min(size - done, details::kWriteOutSlice);
     if (const int error = file.WriteAt(data + done, slice, offset + done)) {
@@ -161,6 +222,9 @@ int CFileStore::WriteDurably(HostSystem::IFile& file, std::uint64_t offset, cons
 EStoreResult CFileStore::ReadWhole(const StoredName& name, ReadBuffer& buffer) {
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
+  }
+  if (IsSmallBody(name)) {
+    return ReadSmall(name, 0, kLongestSmallBody, buffer);
   }
   std::shared_ptr<HostSystem::IFile> file;
   std::uint64_t size = 0;
@@ -182,10 +246,30 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
   }
+  if (IsSmallBody(name)) {
+    return ReadSmall(name, offset, size, buffer);
+  }
   std::shared_ptr<HostSystem::IFile> file;
   int error = OpenForReading(name, file);
   if (error == 0) {
     error = details::ReadInto(*file, offset, size, buffer);
+  }
+  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
+}
+
+EStoreResult CFileStore::ReadSmall(const StoredName& name, std::uint64_t offset, std::uint32_t size,
+                                   ReadBuffer& buffer) {
+  BodyPlace place;
+  int error = ENOENT;
+  if (bodies_.Find(name, place)) {
+    error = details::ReadBody(place, offset, size, buffer);
+  } else if (const std::shared_ptr<HostSystem::IFile> held = held_.Find(name)) {
+    error = details::ReadInto(*held, offset, size, buffer);
+  }
+  if (error == EBADMSG) {
+    HOST_LOG(logging::kError, "[%s]%s is damaged: its bytes are not those that were stored.[%s(%d)]",
+             FilePath(name).c_str());
+    return EStoreResult::kDamaged;
   }
   return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
 }
@@ -207,6 +291,12 @@ int CFileStore::OpenForReading(const StoredName& name, std::shared_ptr<HostSyste
   if (file != nullptr) {
     return 0;
   }
+  if (IsSmallBody(name)) {
+    BodyPlace place;
+    const bool is_there = bodies_.Find(name, place);
+    file = is_there ? std::make_shared<details::CBodyFile>(std::move(place)) : nullptr;
+    return is_there ? 0 : ENOENT;
+  }
   std::unique_ptr<HostSystem::IFile> opened;
   const int error = root_->OpenForReading(FilePath(name), opened);
   file = std::move(opened);
@@ -225,6 +315,11 @@ EStoreResult CFileStore::Remove(const StoredName& name) {
 }
 
 EStoreResult CFileStore::RemovePath(const std::string& path) {
+  StoredName name;
+  if (ParseStoragePath(path, name) && IsSmallBody(name)) {
+    bodies_.Remove(name);
+    return EStoreResult::kDone;
+  }
   const int error = root_->Remove(path);
   if (error == 0 || error == ENOENT) {
     // Bytes that are gone already count as removed, so that the caller can go on.
@@ -237,6 +332,12 @@ EStoreResult CFileStore::GetSize(const StoredName& name, std::uint64_t& size) {
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
   }
+  if (IsSmallBody(name)) {
+    BodyPlace place;
+    const bool is_there = bodies_.Find(name, place);
+    size = place.size;
+    return is_there ? EStoreResult::kDone : EStoreResult::kMissing;
+  }
   std::unique_ptr<HostSystem::IFile> file;
   int error = root_->OpenForReading(FilePath(name), file);
   if (error == 0) {
@@ -246,16 +347,55 @@ EStoreResult CFileStore::GetSize(const StoredName& name, std::uint64_t& size) {
 }
 
 bool CFileStore::IsMine(const StoredName& name) const {
-  return name.volume == objects_.GetKey() || name.volume == pictures_.GetKey();
+  return name.volume == objects_.GetKey() || name.volume == pictures_.GetKey() || IsSmallBody(name);
 }
 
 bool CFileStore::ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) {
-  return WalkVolume(*root_, VolumeOf(content).GetKey(), content, visitor);
+  bool goes_on = true;
+  const auto look = [&](const StoredEntry& entry) { return goes_on = visitor(entry); };
+  const bool complete = WalkVolume(*root_, VolumeOf(content).GetKey(), content, look);
+  if (goes_on && content == EContent::kObject) {
+    bodies_.ForEach(visitor);
+  }
+  return complete;
+}
+
+std::vector<NewBytes> CFileStore::GetNew(std::int64_t seconds) const {
+  std::vector<NewBytes> bytes = new_.GetUntouched(seconds);
+  for (NewBytes& body : bodies_.GetUnsettled()) {
+    if (body.failed || body.untouched_seconds >= seconds) {
+      bytes.push_back(std::move(body));
+    }
+  }
+  return bytes;
+}
+
+bool CFileStore::IsNew(const StoredName& name) const {
+  return use_ == EStoreUse::kServe && (new_.Contains(name) || bodies_.IsUnsettled(name));
+}
+
+void CFileStore::Tidy() {
+  new_.TurnPage();
+  bodies_.Tidy();
+}
+
+bool CFileStore::LookAgain(std::vector<StoredName>& new_names) {
+  if (bodies_.Load() != 0 || CNewBytesLog::Read(*root_, new_names) != 0) {
+    return false;
+  }
+  for (NewBytes& body : bodies_.GetUnsettled()) {
+    new_names.push_back(std::move(body.name));
+  }
+  return true;
 }
 
 void CFileStore::ForgetNew(const std::vector<StoredName>& names) {
   for (const StoredName& name : names) {
-    new_.Forget(name);
+    if (IsSmallBody(name)) {
+      bodies_.Settle(name);
+    } else {
+      new_.Forget(name);
+    }
   }
 }
 
@@ -270,7 +410,8 @@ EStoreResult CFileStore::FreeNew(const StoredName& name) {
 }
 
 std::vector<VolumeRow> FileStoreVolumes() {
-  return {{details::kObjectVolume, StoragePathPrefix(details::kObjectVolume)}};
+  return {{details::kObjectVolume, StoragePathPrefix(details::kObjectVolume)},
+          {kBodyLogVolume, StoragePathPrefix(kBodyLogVolume)}};
 }
 
 std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability, EStoreUse use) {
@@ -286,10 +427,8 @@ std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_d
   int error = 0;
   std::unique_ptr<HostSystem::IFolder> root = HostSystem::OpenFolder(path, error);
   expect(root == nullptr ? error : 0, "opened");
-  auto store = std::make_unique<CFileStore>(std::move(root), full_durability);
-  if (use == EStoreUse::kServe) {
-    expect(store->LoadNew(), "read");
-  }
+  auto store = std::make_unique<CFileStore>(std::move(root), full_durability, use);
+  expect(store->Load(), "read");
   return store;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "BodyLog.h"
 #include "FileVolume.h"
 #include "HeldFiles.h"
 #include "HostSystem/Files.h"
@@ -14,17 +15,26 @@
 
 namespace Tansy::Host {
 
-// Stored bytes as files: one file per name, below a folder for each volume ("fs01" objects, "pc01" pictures).
+enum class EStoreUse {
+  kServe,   // the folder is made when it is missing, and what earlier runs left unfinished is taken over
+  kRepair,  // as kLook, but stored bytes can be removed
+  kLook,    // nothing is changed, and nothing counts as new; another process may be using the store
+};
+
+// Stored bytes as files: one file per name, below a folder for each volume ("fs01" objects, "pc01" pictures). Small
+// objects lie together in the files of the body log ("lg01").
 //
 // Full durability: a write returns when its bytes, the file's size and its name are on stable storage. An object is
 // written under its final name at once, because nothing refers to it before the catalogue row is written; a picture is
-// written under a temporary name first, because no row will ever tell a whole one from a torn one.
+// written under a temporary name first, because no row will ever tell a whole one from a torn one. Small objects wait
+// for MakeDurable.
 class CFileStore final : public IObjectStore {
  public:
   // `root` is the store's folder.
-  CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability);
+  CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability, EStoreUse use = EStoreUse::kServe);
 
   EStoreResult SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) override;
+  bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error) override;
   EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
@@ -35,18 +45,23 @@ class CFileStore final : public IObjectStore {
   bool ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) override;
   EStoreResult RemovePath(const std::string& path) override;
   EStoreResult GetSize(const StoredName& name, std::uint64_t& size) override;
-  std::vector<NewBytes> GetNew(std::int64_t seconds) const override { return new_.GetUntouched(seconds); }
-  bool IsNew(const StoredName& name) const override { return new_.Contains(name); }
+  std::vector<NewBytes> GetNew(std::int64_t seconds) const override;
+  bool IsNew(const StoredName& name) const override;
   void TouchNew(const std::vector<StoredName>& names) override { new_.Touch(names); }
   void ForgetNew(const std::vector<StoredName>& names) override;
   EStoreResult FreeNew(const StoredName& name) override;
-  void CompactNew() override { new_.TurnPage(); }
+  void Tidy() override;
+  bool LookAgain(std::vector<StoredName>& new_names) override;
 
-  // Takes over what earlier runs left unfinished. Returns 0 or errno.
-  int LoadNew() { return new_.Load(); }
+  // Takes over what earlier runs have stored and what they left unfinished. It must be called once, before everything
+  // else. Returns 0 or errno.
+  int Load();
 
  private:
   bool IsMine(const StoredName& name) const;
+  static bool IsSmallBody(const StoredName& name) { return name.volume == kBodyLogVolume; }
+  EStoreResult SaveSmall(std::string_view body, StoredName& name);
+  EStoreResult ReadSmall(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer);
   CFileVolume& VolumeOf(EContent content) { return content == EContent::kObject ? objects_ : pictures_; }
   EStoreResult SaveNew(EContent content, std::uint64_t offset, const char* data, std::uint32_t size, StoredName& name);
   int WriteNew(CFileVolume::Place& place, bool under_temporary_name, std::uint64_t offset, const char* data,
@@ -56,20 +71,17 @@ class CFileStore final : public IObjectStore {
 
   std::unique_ptr<HostSystem::IFolder> root_;
   const bool full_durability_;
+  const EStoreUse use_;
   CFileVolume objects_;
   CFileVolume pictures_;
   CNewBytesLog new_;
+  CBodyLog bodies_;
   CHeldFiles held_;
 };
 
 // Gives what the catalogue needs to turn location texts into storage paths. Pictures are left out: they have no row,
 // and only the host removes them.
 std::vector<VolumeRow> FileStoreVolumes();
-
-enum class EStoreUse {
-  kServe,  // the folder is made when it is missing, and what earlier runs left unfinished is taken over
-  kLook,   // opening it changes nothing
-};
 
 // Opens the store's folder. Throws CStartFailure with kExitFailed.
 std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability,

@@ -55,6 +55,7 @@ void CHousekeeping::Run() {
   bool left = true;
   while (left && !is_stopping_() && ForgetGivenUp(Now() - details::kGivenUpSeconds, details::kAtOnce, left)) {
   }
+  store_->Tidy();
   if (Now() - clock_saved_ >= details::kSaveClockSeconds) {
     SaveClock();
   }
@@ -105,7 +106,6 @@ void CHousekeeping::LookAtNew() {
       return;
     }
   }
-  store_->CompactNew();
 }
 
 bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "StoredName.h"
@@ -20,6 +21,7 @@ enum class EStoreResult {
   kNoSpace,
   kMissing,  // nothing is stored under this name
   kInvalid,  // the name is no name of this store
+  kDamaged,  // the bytes are not those that were stored
   kFailed,   // the system refused; the reason is in the log
 };
 
@@ -38,13 +40,14 @@ struct ReadBuffer {
   std::uint32_t size = 0;
 };
 
-// One stored file as the check sees it.
+// Stored bytes as the check sees them.
 struct StoredEntry {
-  StoredName name;         // set when `is_temporary` is false
+  StoredName name;         // empty for bytes that nothing can refer to
   std::string path;        // path inside the store
   std::uint64_t size = 0;  // bytes
   EContent content = EContent::kObject;
   bool is_temporary = false;  // a write that never finished: nothing can refer to it
+  bool is_damaged = false;    // not what was stored; without a name, a file in which nothing can be found
 };
 
 // Bytes that were stored lately, as housekeeping needs to know about them.
@@ -60,9 +63,14 @@ class IObjectStore {
  public:
   virtual ~IObjectStore() = default;
 
-  // Stores everything under a new name. When it fails, nothing of it is left.
+  // Stores everything under a new name. When it fails, nothing of it is left. The bytes of a small object are durable
+  // only after the next MakeDurable; everything else is when this returns.
   virtual EStoreResult SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) = 0;
-  // Stores bytes at an offset; a name without an id asks for a new one. Gaps that were never written read as zeros.
+  // Makes durable what was stored, as far as this store was told to. It has to be called before statements are
+  // committed that name stored bytes. Returns false, with a reason, when they must not be committed.
+  virtual bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error) = 0;
+  // Stores bytes at an offset; a name without an id asks for a new one, other names come from this function. Gaps that
+  // were never written read as zeros.
   virtual EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) = 0;
   virtual EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) = 0;
   // Reads at most `size` bytes, fewer (even none) at the end.
@@ -77,10 +85,10 @@ class IObjectStore {
 
   // Says whether the name is a picture's.
   virtual bool IsPicture(const StoredName& name) const = 0;
-  // Shows stored files of one kind, in no order, until the visitor returns false; the visitor may remove what it is
+  // Shows stored bytes of one kind, in no order, until the visitor returns false; the visitor may remove what it is
   // shown. Returns false when a folder cannot be read.
   virtual bool ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) = 0;
-  // Removes a stored file by the path that ForEach gave.
+  // Removes stored bytes by the path that ForEach gave.
   virtual EStoreResult RemovePath(const std::string& path) = 0;
   virtual EStoreResult GetSize(const StoredName& name, std::uint64_t& size) = 0;
 
@@ -95,8 +103,12 @@ class IObjectStore {
   virtual void ForgetNew(const std::vector<StoredName>& names) = 0;
   // Frees the bytes of a name that GetNew gave, and forgets it.
   virtual EStoreResult FreeNew(const StoredName& name) = 0;
-  // Gives back the room of notes about forgotten names; it has to be called from time to time.
-  virtual void CompactNew() = 0;
+  // Gives back the room of removed small bodies and of notes about forgotten names; it has to be called from time to
+  // time, by one thread.
+  virtual void Tidy() = 0;
+  // For a store that another process has open: looks again at what that process has done, and adds the names of new
+  // bytes as that process knows them. Returns false when it cannot.
+  virtual bool LookAgain(std::vector<StoredName>& new_names) = 0;
 };
 
 }  // namespace Tansy::Host

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <iostream>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -26,6 +27,7 @@
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
 #include "TansyNet/HttpServer.h"
+#include "db_layer/CommitBarrier.h"
 #include "db_layer/DbLayer.h"
 #include "logging/StandardSink.h"
 
@@ -154,6 +156,7 @@ CServer::~CServer() {
   address_watch_.reset();
   housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);
+  db_layer::SetCommitBarrier({});
 }
 
 void CServer::ReadOptions(const CommandLine& command_line, const std::string& config_path) {
@@ -204,6 +207,9 @@ void CServer::OpenStore() {
   MatchStoreIdentity(database_file_, path, EIdentity::kAdopt);
   LockStorage(path, storage_lock_);
   store_ = OpenFileStore(path, options_.full_durability);
+  db_layer::SetCommitBarrier([store = store_](const std::vector<std::string_view>& statements, std::string& error) {
+    return store->MakeDurable(statements, error);
+  });
 }
 
 int CServer::Check(const CommandLine& command_line) {

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "HostSystem/Files.h"
-#include "PrintableText.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -87,7 +86,7 @@ void ReadCredentials(const toml::node& node, const std::string& path, Settings& 
 std::string Joined(const std::vector<std::string>& names) {
   std::string joined;
   for (const std::string& name : names) {
-    joined += (joined.empty() ? "" : ", ") + Printable(name);
+    joined += (joined.empty() ? "" : ", ") + name;
   }
   return joined;
 }

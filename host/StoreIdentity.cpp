@@ -54,12 +54,16 @@ class CMatch {
         mode_(mode) {}
 
   void Run() {
-    LookAtStore();
-    LookAtCatalogue();
-    if (!catalogue_.id.empty()) {
-      ExpectSameId();
-      return;
+    store_.exists = HostSystem::GetPathKind(folder_) != HostSystem::EPathKind::kMissing;
+    ReadIds();
+    if (!catalogue_.id.empty() && catalogue_.id == store_.id) {
+      return;  // a start does not look at what is stored for that
     }
+    LookAtStore();
+    if (!catalogue_.id.empty()) {
+      RefuseOtherId();
+    }
+    LookAtCatalogue();
     ExpectFit();
     if (mode_ == EIdentity::kAdopt) {
       Adopt();
@@ -68,11 +72,9 @@ class CMatch {
 
  private:
   void LookAtStore() {
-    store_.exists = HostSystem::GetPathKind(folder_) != HostSystem::EPathKind::kMissing;
     if (!store_.exists) {
       return;
     }
-    ReadId();
     files_ = OpenFileStore(folder_, false, EStoreUse::kLook);
     const auto note_first = [this](const StoredEntry& entry) {
       (entry.content == EContent::kObject ? store_.has_objects : store_.has_pictures) = true;
@@ -83,10 +85,11 @@ class CMatch {
     }
   }
 
-  void ReadId() {
+  void ReadIds() {
+    catalogue_.id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
     std::string text;
     const int error = HostSystem::ReadWholeFile(folder_ + "/" + kIdFile, kMostIdFile, text);
-    if (error == ENOENT) {
+    if (!store_.exists || error == ENOENT) {
       return;
     }
     if (error != 0) {
@@ -99,7 +102,6 @@ class CMatch {
   }
 
   void LookAtCatalogue() {
-    catalogue_.id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
     catalogue_.next_id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'next_store_id'");
     const std::string rows =
         "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object LIMIT 1)) + "
@@ -107,7 +109,7 @@ class CMatch {
     catalogue_.has_rows = database_.QueryNumber("SELECT " + rows) > 0;
     catalogue_.is_new = !catalogue_.has_rows &&
                         database_.QueryNumber("SELECT COUNT(*) FROM platform.sequences WHERE next_value > 1") == 0;
-    if (catalogue_.id.empty() && !store_.IsEmpty()) {
+    if (!store_.IsEmpty()) {
       LookForNamedFile("local_object");
       LookForNamedFile("local_object_task");
     }
@@ -124,10 +126,7 @@ class CMatch {
                     });
   }
 
-  void ExpectSameId() {
-    if (catalogue_.id == store_.id) {
-      return;
-    }
+  [[noreturn]] void RefuseOtherId() const {
     if (!store_.id.empty()) {
       Refuse("storage folder " + folder_ + " has the id " + store_.id + ", but " + Database() +
              " belongs to the store " + catalogue_.id + ": one of the two is not the right one");

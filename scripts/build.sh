@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing and builds.
-# usage: scripts/build.sh [PRESET [TARGET...]]      PRESET: release (default), debug, asan-ubsan, tsan, fuzz
+# usage: scripts/build.sh [PRESET [TARGET...]]      PRESET: release (default), debug, asan-ubsan, tsan
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "Require.h"
 #include "TansyNet/wire/RequestParser.h"
 
 namespace {
@@ -24,6 +23,12 @@ struct Outcome {
   std::string request;
   std::string rest;
 };
+
+void Require(bool condition) {
+  if (!condition) {
+    std::abort();
+  }
+}
 
 // Reads one request from pieces, as a connection does.
 class CReader {

@@ -1,5 +1,6 @@
 // Objects from their upload to their removal.
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "support/TansydTest.h"
@@ -7,6 +8,7 @@
 namespace system_tests {
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 
 class ObjectTest : public TansydTest {
@@ -111,24 +113,47 @@ TEST_F(ObjectTest, OverwritingReplacesAndKeepsOneEntry) {
 }
 
 TEST_F(ObjectTest, RemovingLeavesTheBytesAndDeletefileFreesThem) {
-  Put("/b/o", std::string(1000, 'x'));
+  Put("/b/o", std::string(100000, 'x'));
   EXPECT_EQ(Outcome(Send("DELETE", "/b/o")), "200");
   EXPECT_EQ(Outcome(Send("GET", "/b/o")), "404 NoSuchKey");
-  EXPECT_EQ(StoredBytes(), 1000U);
-  Put("/b/p", std::string(500, 'x'));
-  EXPECT_EQ(StoredBytes(), 1500U);
+  EXPECT_EQ(StoredBytes(), 100000U);
+  Put("/b/p", std::string(70000, 'x'));
+  EXPECT_EQ(StoredBytes(), 170000U);
   EXPECT_EQ(Outcome(Send("DELETE", "/b/p?deletefile")), "200");
   EXPECT_EQ(Outcome(Send("GET", "/b/p")), "404 NoSuchKey");
-  EXPECT_EQ(StoredBytes(), 1000U);
+  EXPECT_EQ(StoredBytes(), 100000U);
 }
 
 TEST_F(ObjectTest, BytesThatVanishedAreAnErrorAndNoCrash) {
-  Put("/b/o", "bytes");
+  Put("/b/o", std::string(100000, 'x'));
   Put("/b/big", std::string(11 * 1024 * 1024, 'x'));
   std::filesystem::remove_all(server_.Data("objects/fs01"));
   EXPECT_EQ(Outcome(Send("GET", "/b/o")), "500 ServerInternalError");
   EXPECT_EQ(Outcome(Send("GET", "/b/big")), "500 ServerInternalError");
   EXPECT_EQ(Outcome(Send("DELETE", "/b/o?deletefile")), "200") << "what is gone is as good as removed";
+}
+
+TEST_F(ObjectTest, ASmallObjectThatIsNotWhatWasStoredIsAnErrorAndNoOtherIs) {
+  Put("/b/o", "what was stored");
+  Put("/b/p", "beside it");
+  ASSERT_TRUE(server_.Stop());
+  const std::string segment = server_.Data("objects/lg01/00000001.log");
+  std::string bytes = Tansy::Tests::ReadFile(segment);
+  bytes[bytes.find("what was stored")] ^= 1;
+  std::ofstream(segment, std::ios::binary) << bytes;
+  ASSERT_TRUE(server_.Start());
+  EXPECT_EQ(Outcome(Send("GET", "/b/o")), "500 ServerInternalError");
+  EXPECT_EQ(Get("/b/p"), "beside it");
+  ASSERT_TRUE(server_.Stop());
+  Launch check;
+  check.with_ports = false;
+  check.arguments = {"--check"};
+  const Ended checked = server_.RunToEnd(check);
+  EXPECT_EQ(checked.code, 3);
+  EXPECT_THAT(checked.out, AllOf(HasSubstr("damaged /b/o lg01"), HasSubstr(" 1 damaged")));
+  ASSERT_TRUE(server_.Start());
+  Put("/b/o", "stored anew");
+  EXPECT_EQ(Get("/b/o"), "stored anew");
 }
 
 TEST_F(ObjectTest, RestartsKeepEverything) {

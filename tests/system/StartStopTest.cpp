@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <thread>
 
 #include "fakes/Ipv6Loopback.h"
@@ -367,13 +368,47 @@ TEST_F(StartStopTest, StoredBytesAreForTheirOwnerOnly) {
   ::umask(before);
   ASSERT_TRUE(started);
   MakeBucket("b");
-  Put("/b/o", "bytes");
-  int files = 0;
+  Put("/b/small", "bytes");
+  Put("/b/large", std::string(100000, 'x'));
+  std::multiset<std::string> kinds;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects"))) {
     EXPECT_EQ(ModeOf(entry.path().string()) & 0077, 0U) << entry.path();
-    files += entry.path().extension() == ".d" ? 1 : 0;
+    kinds.insert(entry.path().extension().string());
   }
-  EXPECT_EQ(files, 1);
+  EXPECT_EQ(kinds.count(".d"), 1U);
+  EXPECT_EQ(kinds.count(".log"), 1U);
+}
+
+// Before small objects lay together, each had a file of its own.
+TEST_F(StartStopTest, SmallObjectsOfTheVersionBeforeStayWhatTheyAre) {
+  ASSERT_TRUE(server_.Start());
+  MakeBucket("b");
+  for (const char* key : {"/b/kept", "/b/replaced", "/b/removed"}) {
+    Put(key, std::string(100000, 'x'));
+  }
+  ASSERT_TRUE(server_.Stop());
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
+    if (entry.is_regular_file()) {
+      std::ofstream(entry.path()) << "small";
+    }
+  }
+  Query(server_.Data("catalogue.db"), "UPDATE local_object SET size = 5");
+  Query(server_.Data("catalogue.db"), "DELETE FROM picture_url_encrypt WHERE encrypt_url = 'lg01'");
+  Query(server_.Data("catalogue.db"), "DELETE FROM schema_version WHERE version = 3");
+  ASSERT_FALSE(std::filesystem::exists(server_.Data("objects/lg01")));
+
+  ASSERT_TRUE(server_.Start());
+  EXPECT_EQ(Query(server_.Data("catalogue.db"), "SELECT MAX(version) FROM schema_version").front(), "3");
+  EXPECT_EQ(Get("/b/kept"), "small");
+  Put("/b/replaced", "replaced");
+  EXPECT_EQ(Outcome(Send("DELETE", "/b/removed?deletefile")), "200");
+  Put("/b/new", "new");
+  ASSERT_TRUE(server_.Stop());
+  ASSERT_TRUE(server_.Start());
+  EXPECT_EQ(Get("/b/kept"), "small");
+  EXPECT_EQ(Get("/b/replaced"), "replaced");
+  EXPECT_EQ(Get("/b/new"), "new");
+  EXPECT_EQ(CountFiles(server_.Data("objects/fs01")), 2U) << "the removed one is gone, the replaced one has its time";
 }
 
 // Running requests finish, and new ones are not taken meanwhile.

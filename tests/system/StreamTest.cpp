@@ -318,7 +318,7 @@ TEST_F(StreamTest, BytesThatEndTooSoonCloseTheConnection) {
 }
 
 TEST_F(StreamTest, SparseObjectsBeyondTwoGibibytesSurviveARestart) {
-  Put("/b/o", "x");
+  Put("/b/o", std::string(100000, 'x'));
   server_.Stop();
   const std::uintmax_t size = 4294967295U;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {

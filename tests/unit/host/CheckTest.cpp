@@ -19,12 +19,29 @@ class CheckTest : public CatalogueFixture {
     options.force = force;
     return Check(options);
   }
-  int Check(const CheckOptions& options) {
-    const auto store = OpenFileStore("objects", false, EStoreUse::kLook);
+  int Check(CheckOptions options) {
+    const auto store = OpenFileStore("objects", false, options.repair ? EStoreUse::kRepair : EStoreUse::kLook);
+    if (options.unfinished) {
+      options.unfinished = [&store, unfinished = options.unfinished](std::vector<StoredName>& names) {
+        std::vector<StoredName> ignored;
+        return unfinished(names) && store->LookAgain(ignored);
+      };
+    }
     std::ostringstream out;
     const int exit_code = RunCheck(*store, "catalogue.db", options, out);
     output_ = out.str();
+    if (options.repair) {
+      store_ = OpenFileStore("objects", false);  // it was changed behind the back of this one
+    }
     return exit_code;
+  }
+  std::string StoreLarge() { return Store(std::string(kLongestSmallBody + 1, 'l')); }
+  // Changes a byte of a small object on the disk.
+  void Damage(const std::string& body) {
+    const std::string segment = "objects/lg01/00000001.log";
+    std::string bytes = temp_.Read(segment);
+    bytes[bytes.find(body)] ^= 1;
+    temp_.Write(segment, bytes);
   }
   // So many bytes that a few orphans beside them are less than a tenth.
   void AddBigObject() { AddObject(1, "big", Store(std::string(1000, 'b')), 1000); }
@@ -168,7 +185,7 @@ TEST_F(CheckTest, ARunningServersUnfinishedUploadsAreNoOrphans) {
     return true;
   };
   EXPECT_EQ(Check(options), kExitDone) << output_;
-  EXPECT_EQ(asked, 2);
+  EXPECT_EQ(asked, 3);
   EXPECT_EQ(Check(false), kExitFindings) << "they are when no server is at work";
 }
 
@@ -215,6 +232,72 @@ TEST_F(CheckTest, ARepairBesideAServerFreesOnlyWhatNoRowCanNameAnyMore) {
   EXPECT_EQ(Check(options), kExitFindings);
   EXPECT_FALSE(IsStored(orphan));
   EXPECT_TRUE(IsStored(late));
+}
+
+TEST_F(CheckTest, OrphansAreFoundAmongSmallBodiesAndFiles) {
+  AddObject(1, "big", Store(std::string(1000, 'b')), 1000);
+  AddObject(2, "bigger", Store(std::string(700000, 'b')), 700000);
+  const std::string small = Store("small");
+  const std::string large = StoreLarge();
+  EXPECT_EQ(Check(true), kExitDone) << output_;
+  EXPECT_THAT(output_, HasSubstr("orphan " + FilePath(NameOf(small)) + " 5\n"));
+  EXPECT_THAT(output_, HasSubstr("orphan " + FilePath(NameOf(large)) + " 65537\n"));
+  EXPECT_FALSE(IsStored(small));
+  EXPECT_FALSE(IsStored(large));
+}
+
+TEST_F(CheckTest, ASmallObjectThatIsNotWhatWasStoredIsDamaged) {
+  const std::string url = Store("what was stored");
+  AddObject(1, "o", url, 15);
+  AddObject(2, "p", Store("beside it"), 9);
+  Damage("what was stored");
+  for (const bool repair : {false, true}) {
+    EXPECT_EQ(Check(repair), kExitFindings);
+    EXPECT_THAT(output_, HasSubstr("damaged /b'ucket/o " + url + "\n"));
+    EXPECT_THAT(output_, HasSubstr(" 0 orphans (0 bytes), 0 freed, 1 damaged"));
+  }
+  EXPECT_TRUE(IsStored(url)) << "what is left of an object is never freed";
+}
+
+TEST_F(CheckTest, ADamagedSmallBodyWithoutARowIsAnOrphan) {
+  AddBigObject();
+  Store("no row");
+  Damage("no row");
+  EXPECT_EQ(Check(true), kExitDone) << output_;
+  EXPECT_THAT(output_, HasSubstr("1 orphans (6 bytes), 1 freed, 0 damaged"));
+}
+
+TEST_F(CheckTest, AFileOfSmallBodiesInWhichNothingIsFoundIsAFinding) {
+  const std::string url = Store("o");
+  AddObject(1, "o", url, 1);
+  Damage("TANSYLOG");
+  EXPECT_EQ(Check(true, true), kExitFindings);
+  EXPECT_THAT(output_, HasSubstr("unreadable lg01/00000001.log "));
+  EXPECT_THAT(output_, HasSubstr("missing /b'ucket/o " + url));
+  EXPECT_THAT(output_, HasSubstr("0 orphans (0 bytes), 0 freed, 2 damaged"));
+  EXPECT_TRUE(temp_.Exists("objects/lg01/00000001.log"));
+}
+
+// The check is another process: what it knows of the store is older than what it reads in the catalogue.
+TEST_F(CheckTest, SmallObjectsThatAreStoredMeanwhileAreNoFindings) {
+  AddBigObject();
+  const auto look = OpenFileStore("objects", false, EStoreUse::kLook);
+  CheckOptions options;
+  options.unfinished = [&look](std::vector<StoredName>& names) { return look->LookAgain(names); };
+  AddObject(2, "added", Store("added"), 5);
+  const std::string unfinished = Store("its row is yet to come");
+  bool done = false;
+  options.unfinished = [&, ask = options.unfinished](std::vector<StoredName>& names) {
+    if (!std::exchange(done, true)) {
+      const bool asked = ask(names);
+      AddObject(3, "added meanwhile", Store("meanwhile"), 9);
+      return asked;
+    }
+    return ask(names);
+  };
+  std::ostringstream out;
+  EXPECT_EQ(RunCheck(*look, "catalogue.db", options, out), kExitDone) << out.str();
+  EXPECT_TRUE(done);
 }
 
 }  // namespace

@@ -31,6 +31,9 @@ std::size_t CountFiles(IObjectStore& store) {
   return count;
 }
 
+// One byte more than what is kept together with others.
+const std::string kLargeBytes(kLongestSmallBody + 1, 'l');
+
 class FileStoreTest : public testing::TestWithParam<bool> {
  protected:
   EStoreResult Save(const std::string& bytes, StoredName& name, EContent content = EContent::kObject) {
@@ -49,12 +52,17 @@ TEST_P(FileStoreTest, WholeObjectsComeBack) {
   for (std::size_t i = 0; i < big.size(); i += 1000) {
     big[i] = static_cast<char>(i / 1000);
   }
-  for (const std::string& bytes : {std::string("hello"), std::string(), std::string("\0x", 2), big}) {
+  for (const std::string& bytes :
+       {std::string("hello"), std::string(), std::string("\0x", 2), kLargeBytes.substr(1), kLargeBytes, big}) {
     StoredName name;
     ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
-    EXPECT_EQ(name.volume, "fs01");
-    EXPECT_TRUE(std::filesystem::exists(temp_.Path("objects/" + FilePath(name))));
+    const bool is_small = bytes.size() <= kLongestSmallBody;
+    EXPECT_EQ(name.volume, is_small ? "lg01" : "fs01");
+    EXPECT_NE(std::filesystem::exists(temp_.Path("objects/" + FilePath(name))), is_small);
     EXPECT_EQ(ReadAll(*store_, name), bytes);
+    std::uint64_t size = 0;
+    EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kDone);
+    EXPECT_EQ(size, bytes.size());
   }
 }
 
@@ -74,8 +82,10 @@ TEST_P(FileStoreTest, PicturesLieApartFromObjects) {
   EXPECT_EQ(name.volume, "pc01");
   EXPECT_TRUE(store_->IsPicture(name));
   EXPECT_EQ(ReadAll(*store_, name), "jpeg");
-  ASSERT_EQ(Save("object", name), EStoreResult::kDone);
-  EXPECT_FALSE(store_->IsPicture(name));
+  for (const std::string& bytes : {std::string("object"), kLargeBytes}) {
+    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
+    EXPECT_FALSE(store_->IsPicture(name));
+  }
 }
 
 TEST_P(FileStoreTest, BytesAtOffsetsLeaveHolesThatReadAsZeros) {
@@ -97,27 +107,60 @@ TEST_P(FileStoreTest, OffsetsNearFourGibibytesWork) {
 }
 
 TEST_P(FileStoreTest, RangesEndWithTheObject) {
-  StoredName name;
-  ASSERT_EQ(Save("0123456789", name), EStoreResult::kDone);
-  ReadBuffer buffer;
-  ASSERT_EQ(store_->ReadRange(name, 2, 3, buffer), EStoreResult::kDone);
-  EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "234");
-  ASSERT_EQ(store_->ReadRange(name, 8, 100, buffer), EStoreResult::kDone);
-  EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "89");
-  ASSERT_EQ(store_->ReadRange(name, 100, 5, buffer), EStoreResult::kDone);
-  EXPECT_EQ(buffer.size, 0U);
-  EXPECT_NE(buffer.data, nullptr) << "nothing to read is no failure to read";
+  for (const std::size_t padding : {std::size_t{0}, kLargeBytes.size()}) {
+    StoredName name;
+    ASSERT_EQ(Save(std::string(padding, 'p') + "0123456789", name), EStoreResult::kDone);
+    ReadBuffer buffer;
+    ASSERT_EQ(store_->ReadRange(name, padding + 2, 3, buffer), EStoreResult::kDone);
+    EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "234");
+    ASSERT_EQ(store_->ReadRange(name, padding + 8, 100, buffer), EStoreResult::kDone);
+    EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "89");
+    ASSERT_EQ(store_->ReadRange(name, padding + 100, 5, buffer), EStoreResult::kDone);
+    EXPECT_EQ(buffer.size, 0U);
+    EXPECT_NE(buffer.data, nullptr) << "nothing to read is no failure to read";
+    ASSERT_EQ(store_->ReadRange(name, 0xFFFFFFFFULL, 5, buffer), EStoreResult::kDone);
+    EXPECT_EQ(buffer.size, 0U);
+  }
 }
 
 TEST_P(FileStoreTest, RemovedBytesAreGoneAndRemovingAgainIsFine) {
+  for (const std::string& bytes : {std::string("x"), kLargeBytes}) {
+    StoredName name;
+    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
+    EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
+    EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
+    ReadBuffer buffer;
+    std::uint64_t size = 0;
+    EXPECT_EQ(store_->ReadWhole(name, buffer), EStoreResult::kMissing);
+    EXPECT_EQ(store_->ReadRange(name, 0, 1, buffer), EStoreResult::kMissing);
+    EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kMissing);
+  }
   StoredName name;
-  ASSERT_EQ(Save("x", name), EStoreResult::kDone);
-  EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
-  EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
-  ReadBuffer buffer;
-  EXPECT_EQ(store_->ReadWhole(name, buffer), EStoreResult::kMissing);
-  EXPECT_EQ(store_->ReadRange(name, 0, 1, buffer), EStoreResult::kMissing);
+  ASSERT_EQ(SaveAt(name, 0, "test"), EStoreResult::kDone);
+  ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
   EXPECT_EQ(SaveAt(name, 0, "x"), EStoreResult::kMissing) << "a part of a removed object makes no new one";
+}
+
+TEST_P(FileStoreTest, ASmallBodyIsNeverChanged) {
+  StoredName name;
+  ASSERT_EQ(Save("small", name), EStoreResult::kDone);
+  EXPECT_EQ(SaveAt(name, 0, "S"), EStoreResult::kInvalid);
+  EXPECT_EQ(ReadAll(*store_, name), "small");
+}
+
+TEST_P(FileStoreTest, ADamagedSmallBodyIsNotServed) {
+  StoredName name;
+  ASSERT_EQ(Save("what was stored", name), EStoreResult::kDone);
+  const std::string segment = "objects/lg01/00000001.log";
+  std::string bytes = temp_.Read(segment);
+  bytes[bytes.find("was")] = 'W';
+  std::filesystem::remove(temp_.Path(segment));
+  temp_.Write(segment, bytes);
+  store_ = OpenFileStore(temp_.Path("objects"), GetParam());
+  ReadBuffer buffer;
+  EXPECT_EQ(store_->ReadWhole(name, buffer), EStoreResult::kDamaged);
+  EXPECT_EQ(store_->ReadRange(name, 0, 15, buffer), EStoreResult::kDamaged);
+  EXPECT_EQ(store_->ReadRange(name, 0, 1000, buffer), EStoreResult::kDamaged);
 }
 
 TEST_P(FileStoreTest, NamesOfOtherVolumesAreInvalid) {
@@ -134,7 +177,7 @@ TEST_P(FileStoreTest, NamesOfOtherVolumesAreInvalid) {
 TEST_P(FileStoreTest, ALinkInTheStoreIsNotFollowed) {
   temp_.Write("secret", "secret");
   StoredName name;
-  ASSERT_EQ(Save("x", name), EStoreResult::kDone);
+  ASSERT_EQ(Save(kLargeBytes, name), EStoreResult::kDone);
   ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
   std::filesystem::create_symlink(temp_.Path("secret"), temp_.Path("objects/" + FilePath(name)));
   ReadBuffer buffer;
@@ -146,7 +189,9 @@ TEST_P(FileStoreTest, ALinkInTheStoreIsNotFollowed) {
 TEST_P(FileStoreTest, TheWalkShowsFilesAndLeavesStrangersOut) {
   StoredName object;
   StoredName picture;
+  StoredName large;
   ASSERT_EQ(Save("12345", object), EStoreResult::kDone);
+  ASSERT_EQ(Save(kLargeBytes, large), EStoreResult::kDone);
   ASSERT_EQ(Save("123", picture, EContent::kPicture), EStoreResult::kDone);
   temp_.Write("objects/fs01/aa/bb/README", "mine");
   temp_.Write("objects/fs01/notes/bb/" + std::string(32, '0') + ".d", "mine");
@@ -158,12 +203,14 @@ TEST_P(FileStoreTest, TheWalkShowsFilesAndLeavesStrangersOut) {
       return true;
     }));
   }
-  ASSERT_EQ(entries.size(), 3U);
+  ASSERT_EQ(entries.size(), 4U);
   EXPECT_EQ(entries.at(FilePath(object)).size, 5U);
   EXPECT_EQ(entries.at(FilePath(object)).name, object);
+  EXPECT_EQ(entries.at(FilePath(large)).name, large);
   EXPECT_EQ(entries.at(FilePath(picture)).content, EContent::kPicture);
   EXPECT_TRUE(entries.at("pc01/aa/bb/" + std::string(32, 'a') + ".tmp").is_temporary);
   EXPECT_EQ(store_->RemovePath(FilePath(object)), EStoreResult::kDone);
+  EXPECT_EQ(store_->RemovePath(FilePath(large)), EStoreResult::kDone);
   EXPECT_EQ(CountFiles(*store_), 2U);
 }
 
@@ -172,7 +219,7 @@ TEST_P(FileStoreTest, ManyThreadsAtOnceKeepTheirBytesApart) {
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < 20; ++i) {
-        const std::string bytes = std::to_string(t) + ":" + std::to_string(i);
+        const std::string bytes = std::to_string(t) + ":" + std::to_string(i) + (i % 2 == 0 ? kLargeBytes : "");
         StoredName name;
         ASSERT_EQ(Save(bytes, name, i % 3 == 0 ? EContent::kPicture : EContent::kObject), EStoreResult::kDone);
         ASSERT_EQ(ReadAll(*store_, name), bytes);
@@ -209,7 +256,7 @@ TEST_P(FileStoreTest, FoldersTakeAThousandFilesEach) {
   std::set<std::string> folders;
   for (int i = 0; i < 2001; ++i) {
     StoredName name;
-    ASSERT_EQ(Save("", name), EStoreResult::kDone);
+    ASSERT_EQ(SaveAt(name, 0, ""), EStoreResult::kDone);
     folders.insert(name.folder);
     if (!GetParam() || i < 20) {
       continue;
@@ -220,29 +267,35 @@ TEST_P(FileStoreTest, FoldersTakeAThousandFilesEach) {
 }
 
 TEST_P(FileStoreTest, AReaderReadsToTheLastByteWhateverIsRemoved) {
-  StoredName name;
-  ASSERT_EQ(Save("0123456789", name), EStoreResult::kDone);
-  ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
-  ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
-  ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-  EXPECT_FALSE(std::filesystem::exists(temp_.Path("objects/" + FilePath(name))));
-  ReadBuffer buffer;
-  for (int readers = 2; readers > 0; --readers) {
-    ASSERT_EQ(store_->ReadRange(name, 5, 5, buffer), EStoreResult::kDone) << readers;
-    EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "56789");
-    store_->EndRead(name);
+  for (const std::size_t padding : {std::size_t{0}, kLargeBytes.size()}) {
+    StoredName name;
+    ASSERT_EQ(Save(std::string(padding, 'p') + "0123456789", name), EStoreResult::kDone);
+    ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
+    ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
+    ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
+    store_->Tidy();
+    EXPECT_EQ(CountFiles(*store_), 0U);
+    ReadBuffer buffer;
+    for (int readers = 2; readers > 0; --readers) {
+      ASSERT_EQ(store_->ReadRange(name, padding + 5, 5, buffer), EStoreResult::kDone) << readers;
+      EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "56789");
+      store_->EndRead(name);
+    }
+    EXPECT_EQ(store_->ReadRange(name, 5, 5, buffer), EStoreResult::kMissing) << "the last reader has let go of it";
+    EXPECT_EQ(store_->BeginRead(name), EStoreResult::kMissing);
   }
-  EXPECT_EQ(store_->ReadRange(name, 5, 5, buffer), EStoreResult::kMissing) << "the last reader has let go of it";
-  EXPECT_EQ(store_->BeginRead(name), EStoreResult::kMissing);
 }
 
 TEST_P(FileStoreTest, TheWalkEndsWhenTheVisitorHasSeenEnough) {
   StoredName name;
-  ASSERT_EQ(Save("1", name), EStoreResult::kDone);
-  ASSERT_EQ(Save("2", name), EStoreResult::kDone);
-  int seen = 0;
-  EXPECT_TRUE(store_->ForEach(EContent::kObject, [&seen](const StoredEntry&) { return ++seen < 1; }));
-  EXPECT_EQ(seen, 1);
+  for (const std::string& bytes : {std::string("1"), std::string("2"), kLargeBytes, kLargeBytes}) {
+    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
+  }
+  for (int most = 1; most <= 4; ++most) {
+    int seen = 0;
+    EXPECT_TRUE(store_->ForEach(EContent::kObject, [&seen, most](const StoredEntry&) { return ++seen < most; }));
+    EXPECT_EQ(seen, most);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(FullAndFast, FileStoreTest, testing::Bool(),
@@ -263,6 +316,14 @@ class PowerCutTest : public testing::Test {
   void Reopen() {
     plan_ = std::make_shared<Tests::PowerCutPlan>();
     store_ = std::make_unique<CFileStore>(std::make_unique<Tests::CPowerCutFolder>(root_, plan_), true);
+    ASSERT_EQ(store_->Load(), 0);
+  }
+  // Stores and makes durable, as it is done before a row.
+  EStoreResult Save(EContent content, const std::string& bytes, StoredName& name) {
+    const EStoreResult result =
+        store_->SaveWhole(content, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name);
+    std::string reason;
+    return result == EStoreResult::kDone && !store_->MakeDurable({}, reason) ? EStoreResult::kFailed : result;
   }
   void CutPower() {
     root_->Cut();
@@ -282,12 +343,16 @@ TEST_F(PowerCutTest, WhatWasAcknowledgedIsThereAfterwards) {
   StoredName object;
   StoredName picture;
   StoredName parts;
-  ASSERT_EQ(store_->SaveWhole(EContent::kObject, "object", 6, object), EStoreResult::kDone);
+  StoredName large;
+  ASSERT_EQ(Save(EContent::kObject, "object", object), EStoreResult::kDone);
   ASSERT_EQ(store_->SaveWhole(EContent::kPicture, "picture", 7, picture), EStoreResult::kDone);
+  ASSERT_EQ(store_->SaveWhole(EContent::kObject, kLargeBytes.data(), kLongestSmallBody + 1, large),
+            EStoreResult::kDone);
   ASSERT_EQ(store_->SaveAt(parts, 0, "test", 4), EStoreResult::kDone);
   ASSERT_EQ(store_->SaveAt(parts, 4, "more", 4), EStoreResult::kDone);
   CutPower();
   EXPECT_EQ(ReadAll(*store_, object), "object");
+  EXPECT_EQ(ReadAll(*store_, large), kLargeBytes);
   EXPECT_EQ(ReadAll(*store_, picture), "picture");
   EXPECT_EQ(ReadAll(*store_, parts), "testmore");
 }
@@ -304,7 +369,8 @@ TEST_F(PowerCutTest, AWriteThatFindsNoMemoryCountsAsFailed) {
     plan_->fail_at = fail_at;
     StoredName name;
     try {
-      store_->SaveWhole(EContent::kObject, "object", 6, name);
+      Save(EContent::kObject, kLargeBytes, name);
+      Save(EContent::kObject, "object", name);
       store_->SaveAt(first, 4, "more", 4);
       done = true;
     } catch (const std::bad_alloc&) {
@@ -317,7 +383,9 @@ TEST_F(PowerCutTest, AWriteThatFindsNoMemoryCountsAsFailed) {
 
 // Fails each operation in turn, with the power cut right afterwards.
 TEST_F(PowerCutTest, NoFailureOnTheWayHurtsWhatWasAcknowledgedBefore) {
-  for (const EContent content : {EContent::kObject, EContent::kPicture}) {
+  const std::pair<EContent, std::string> kinds[] = {
+      {EContent::kObject, ""}, {EContent::kObject, kLargeBytes}, {EContent::kPicture, ""}};
+  for (const auto& [content, padding] : kinds) {
     bool done = false;
     for (int fail_at = 0; !done; ++fail_at) {
       ASSERT_LT(fail_at, 50) << "the plan never ran through";
@@ -325,21 +393,32 @@ TEST_F(PowerCutTest, NoFailureOnTheWayHurtsWhatWasAcknowledgedBefore) {
       root_->entries_on_disk.clear();
       Reopen();
       StoredName first;
-      ASSERT_EQ(store_->SaveWhole(content, "first", 5, first), EStoreResult::kDone);
+      ASSERT_EQ(Save(content, "first" + padding, first), EStoreResult::kDone);
       CutPower();
       plan_->fail_at = fail_at;
       StoredName second;
-      done = store_->SaveWhole(content, "second", 6, second) == EStoreResult::kDone;
-      EXPECT_EQ(second.id.empty(), !done) << "a failed save names nothing";
+      const EStoreResult result = Save(content, "second" + padding, second);
+      done = result == EStoreResult::kDone;
       if (!done) {
         EXPECT_EQ(CountFiles(*store_), 1U) << "a failed save leaves nothing, failure at operation " << fail_at;
       }
       CutPower();
-      EXPECT_EQ(ReadAll(*store_, first), "first") << "failure at operation " << fail_at;
+      EXPECT_EQ(ReadAll(*store_, first), "first" + padding) << "failure at operation " << fail_at;
       if (done) {
-        EXPECT_EQ(ReadAll(*store_, second), "second");
+        EXPECT_EQ(ReadAll(*store_, second), "second" + padding);
       }
     }
+  }
+}
+
+TEST_F(PowerCutTest, AFailedSaveNamesNothing) {
+  for (const std::string& bytes : {std::string("x"), kLargeBytes}) {
+    plan_->operations = 0;
+    plan_->fail_at = 1;
+    StoredName name;
+    EXPECT_NE(store_->SaveWhole(EContent::kObject, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name),
+              EStoreResult::kDone);
+    EXPECT_TRUE(name.id.empty());
   }
 }
 
@@ -368,7 +447,10 @@ TEST_F(PowerCutTest, AFullDiskIsToldFromABrokenOne) {
       plan_->error = error;
       plan_->fail_at = fail_at;
       StoredName name;
-      EXPECT_EQ(store_->SaveWhole(EContent::kObject, "x", 1, name), EStoreResult::kNoSpace) << fail_at;
+      const std::string bytes = fail_at % 2 == 0 ? "x" : kLargeBytes;
+      EXPECT_EQ(store_->SaveWhole(EContent::kObject, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name),
+                EStoreResult::kNoSpace)
+          << fail_at;
       EXPECT_EQ(CountFiles(*store_), 0U);
     }
   }

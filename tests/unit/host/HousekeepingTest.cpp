@@ -214,7 +214,9 @@ TEST_F(HousekeepingTest, BytesWithARowStay) {
 
 // A client that needs an hour between two pieces.
 TEST_F(HousekeepingTest, ARunningUploadKeepsItsBytesHoweverSlowItIs) {
-  const std::string url = Store("piece 1");
+  StoredName name;
+  ASSERT_EQ(store_->SaveAt(name, 0, "piece 1", 7), EStoreResult::kDone);
+  const std::string url = LocationText(name);
   running_ = {url};
   for (int hour = 0; hour < 5; ++hour) {
     Round(3600);
@@ -251,6 +253,39 @@ TEST_F(HousekeepingTest, WhatACrashLeftIsFreedAtTheNextStart) {
   EXPECT_TRUE(IsStored(picture));
   Restart();
   EXPECT_TRUE(store_->GetNew(0).empty()) << "nothing is left to look at";
+}
+
+TEST_F(HousekeepingTest, TheRoomOfFreedSmallObjectsIsGivenBack) {
+  const auto stored_bytes = [this] {
+    std::uintmax_t bytes = 0;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(temp_.Path("objects"))) {
+      bytes += item.is_regular_file() ? item.file_size() : 0;
+    }
+    return bytes;
+  };
+  for (int i = 0; i < 100; ++i) {
+    AddObject(i + 1, "o" + std::to_string(i), Store(std::string(20000, 'x')));
+  }
+  Round(10);
+  EXPECT_GT(stored_bytes(), 2000000U);
+  for (int i = 10; i < 100; ++i) {
+    Overwrite(i + 1, Store("new"));
+  }
+  Round();
+  Round(kGrace);
+  Round(10);
+  Round(10);
+  EXPECT_LT(stored_bytes(), 250000U);
+  EXPECT_TRUE(IsStored(Answer("SELECT url FROM platform.local_object WHERE id = 1")));
+  EXPECT_TRUE(IsStored(Answer("SELECT url FROM platform.local_object WHERE id = 100")));
+  for (int i = 0; i < 100; ++i) {
+    const std::string id = std::to_string(i + 1);
+    ASSERT_EQ(store_->Remove(NameOf(Answer("SELECT url FROM platform.local_object WHERE id = " + id))),
+              EStoreResult::kDone);
+    Run("DELETE FROM platform.local_object WHERE id = " + id);
+  }
+  Round();
+  EXPECT_LT(stored_bytes(), 1000U);
 }
 
 TEST_F(HousekeepingTest, ACatalogueThatCannotBeReadFreesNothing) {

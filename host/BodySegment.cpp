@@ -1,0 +1,533 @@
+#include "BodySegment.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "HostLog.h"
+#include "TansyBase/TimeUtil.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr std::uint32_t kSegmentBytes = 64 * 1024 * 1024;
+// This many records of a segment that has no index are looked up at the next start.
+constexpr std::size_t kMostRecords = 65536;
+constexpr std::uint32_t kWindowBytes = 256 * 1024;  // more than the largest record
+constexpr std::size_t kCopyBytes = 1024 * 1024;
+constexpr std::uint64_t kLeastGapBytes = 8192;
+constexpr const char* kUnfinishedEnd = ".tmp";
+
+int ReadExactly(HostSystem::IFile& file, std::uint64_t offset, std::size_t size, std::string& bytes) {
+  bytes.resize(size);
+  std::size_t done = 0;
+  const int error = file.ReadAt(bytes.data(), size, offset, done);
+  return error != 0 ? error : done < size ? EIO : 0;
+}
+
+// Looks at a file piece by piece, wherever the search leads.
+class CWindow {
+ public:
+  CWindow(HostSystem::IFile& file, std::uint64_t size) : file_(file), size_(size) {}
+
+  // Gives at least a record's head from `offset` on, less at the end of the file.
+  int At(std::uint64_t offset, std::string_view& bytes) {
+    if (offset < begin_ || offset + BodyFormat::kRecordHeadBytes > begin_ + bytes_.size()) {
+      const std::uint64_t wanted = std::min<std::uint64_t>(kWindowBytes, size_ - offset);
+      if (const int error = ReadExactly(file_, offset, wanted, bytes_)) {
+        return error;
+      }
+      begin_ = offset;
+    }
+    bytes = std::string_view(bytes_).substr(offset - begin_);
+    return 0;
+  }
+
+ private:
+  HostSystem::IFile& file_;
+  const std::uint64_t size_;
+  std::uint64_t begin_ = 0;
+  std::string bytes_;
+};
+
+bool IsBefore(const BodyEntry& entry, std::uint32_t key) {
+  return entry.key < key;
+}
+
+}  // namespace
+}  // namespace details
+
+bool IsWhole(const BodyPlace& place, const char* bytes) {
+  return BodyFormat::BodyCrc(place.nonce, place.key, {bytes, place.size}) == place.crc;
+}
+
+int CBodySegment::Create(HostSystem::IFolder& folder, std::uint32_t number, bool durable,
+                         std::shared_ptr<CBodySegment>& segment) {
+  BodyFormat::SegmentHead head;
+  head.number = number;
+  unsigned char nonce[sizeof head.nonce];
+  if (RAND_bytes(nonce, sizeof nonce) != 1) {
+    return EIO;
+  }
+  for (const unsigned char byte : nonce) {
+    head.nonce = head.nonce << 8 | byte;
+  }
+  std::unique_ptr<HostSystem::IFile> file;
+  if (const int error = folder.Create(SegmentFileName(number), file)) {
+    return error;
+  }
+  const std::string bytes = BodyFormat::EncodeSegmentHead(head);
+  int error = file->WriteAt(bytes.data(), bytes.size(), 0);
+  if (error == 0 && durable) {
+    error = file->Sync();
+  }
+  if (error == 0 && durable) {
+    error = folder.Sync();
+  }
+  if (error != 0) {
+    folder.Remove(SegmentFileName(number));
+    return error;
+  }
+  segment.reset(new CBodySegment(folder, head, std::move(file)));
+  segment->is_durable_ = durable;
+  segment->end_ = BodyFormat::kSegmentHeadBytes;
+  return 0;
+}
+
+int CBodySegment::Open(HostSystem::IFolder& folder, std::uint32_t number, EOpen mode,
+                       std::shared_ptr<CBodySegment>& segment) {
+  std::unique_ptr<HostSystem::IFile> file;
+  const std::string name = SegmentFileName(number);
+  int error = mode == EOpen::kLook ? folder.OpenForReading(name, file) : folder.OpenForWriting(name, file);
+  if (error == 0) {
+    std::shared_ptr<CBodySegment> opened(new CBodySegment(folder, {number, 0}, std::move(file)));
+    error = opened->Load();
+    if (error == 0) {
+      segment = std::move(opened);
+    }
+  }
+  return error;
+}
+
+int CBodySegment::Load() {
+  std::uint64_t size = 0;
+  if (const int error = file_->GetSize(size)) {
+    return error;
+  }
+  end_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, UINT32_MAX - details::kWindowBytes));
+  if (!LoadIndex(size)) {
+    if (const int error = Search(end_)) {
+      return error;
+    }
+  }
+  CountEntries();
+  return 0;
+}
+
+bool CBodySegment::LoadIndex(std::uint64_t file_size) {
+  std::string bytes;
+  BodyFormat::IndexEnd end;
+  std::string states;
+  if (file_size < BodyFormat::kIndexEndBytes ||
+      details::ReadExactly(*file_, file_size - BodyFormat::kIndexEndBytes, BodyFormat::kIndexEndBytes, bytes) != 0 ||
+      !BodyFormat::DecodeIndexEnd(bytes, file_size, end) || end.head.number != head_.number ||
+      details::ReadExactly(*file_, end.offset, BodyFormat::IndexBytes(end.count), bytes) != 0 ||
+      !BodyFormat::DecodeIndex(bytes, end, entries_, states)) {
+    entries_.clear();
+    return false;
+  }
+  head_ = end.head;
+  index_at_ = end.offset;
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    if (states[i] == BodyFormat::kUnsettled) {
+      unsettled_[entries_[i].key] = {now, true};
+    }
+  }
+  return true;
+}
+
+// A write that a crash or a full disk cut short leaves a gap, so the search goes on behind what is no record.
+int CBodySegment::Search(std::uint64_t file_size) {
+  details::CWindow window(*file_, file_size);
+  std::string_view bytes;
+  BodyFormat::SegmentHead head;
+  if (file_size < BodyFormat::kSegmentHeadBytes) {
+    return EBADMSG;
+  }
+  if (const int error = window.At(0, bytes)) {
+    return error;
+  }
+  if (!BodyFormat::DecodeSegmentHead(bytes, head) || head.number != head_.number) {
+    return EBADMSG;
+  }
+  head_ = head;
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
+  std::uint64_t offset = BodyFormat::kSegmentHeadBytes;
+  while (offset + BodyFormat::kRecordHeadBytes <= file_size) {
+    if (const int error = window.At(offset, bytes)) {
+      return error;
+    }
+    BodyEntry entry;
+    if (!BodyFormat::DecodeRecordHead(bytes, head_.nonce, entry) ||
+        offset + BodyFormat::kRecordHeadBytes + entry.size > file_size) {
+      offset += BodyFormat::kAlignment;
+      continue;
+    }
+    entry.offset = static_cast<std::uint32_t>(offset) + BodyFormat::kRecordHeadBytes;
+    offset += BodyFormat::RecordSpan(entry.size);
+    const auto place = std::lower_bound(entries_.begin(), entries_.end(), entry.key, &details::IsBefore);
+    if (place == entries_.end() || place->key != entry.key) {
+      entries_.insert(place, entry);
+      if (entry.is_dead == 0 && entry.key >= head_.settled_below) {
+        unsettled_[entry.key] = {now, true};
+      }
+    }
+  }
+  return 0;
+}
+
+void CBodySegment::CountEntries() {
+  live_ = 0;
+  live_bytes_ = 0;
+  for (const BodyEntry& entry : entries_) {
+    if (entry.is_dead == 0) {
+      ++live_;
+      live_bytes_ += BodyFormat::RecordSpan(entry.size);
+    }
+  }
+}
+
+bool CBodySegment::HasRoom(std::uint32_t size) const {
+  const std::lock_guard lock(mutex_);
+  return !is_poisoned_ && index_at_ == 0 && end_ + BodyFormat::RecordSpan(size) <= details::kSegmentBytes &&
+         entries_.size() + writing_.size() < details::kMostRecords;
+}
+
+std::uint32_t CBodySegment::Reserve(std::uint32_t size) {
+  const std::lock_guard lock(mutex_);
+  const std::uint32_t key = end_;
+  writing_.push_back(key);
+  end_ += BodyFormat::RecordSpan(size);
+  return key;
+}
+
+int CBodySegment::Write(std::uint32_t key, std::string_view body) {
+  // However this ends, the record is not being written any more.
+  struct CEnd {
+    CBodySegment& segment;
+    const std::uint32_t key;
+    ~CEnd() {
+      const std::lock_guard lock(segment.mutex_);
+      std::erase(segment.writing_, key);
+    }
+  } const end{*this, key};
+  BodyEntry entry;
+  entry.key = key;
+  entry.offset = key + BodyFormat::kRecordHeadBytes;
+  entry.size = static_cast<std::uint32_t>(body.size());
+  entry.crc = BodyFormat::BodyCrc(head_.nonce, key, body);
+  std::string record;
+  BodyFormat::AppendRecord(record, head_.nonce, key, body, entry.crc);
+  // While records are being appended, the file is never replaced.
+  int error = file_->WriteAt(record.data(), record.size(), key);
+  if (error == 0) {
+    error = AddWritten(entry);
+  }
+  if (error != 0) {
+    MarkDead(entry);  // its head may be in the file, perhaps without its body
+  }
+  return error;
+}
+
+int CBodySegment::AddWritten(const BodyEntry& entry) {
+  const std::lock_guard lock(mutex_);
+  if (is_poisoned_) {
+    return EIO;  // a failed flush may have dropped it, and no later flush would tell
+  }
+  // First what is harmless when memory runs out behind it.
+  unsettled_[entry.key] = {TansyBase::TimeUtil::Uptime(), false};
+  if (is_durable_) {
+    unflushed_.push_back(entry.key);
+  }
+  const auto place = std::lower_bound(entries_.begin(), entries_.end(), entry.key, &details::IsBefore);
+  entries_.insert(place, entry);
+  ++live_;
+  live_bytes_ += BodyFormat::RecordSpan(entry.size);
+  return 0;
+}
+
+int CBodySegment::Sync() {
+  std::size_t written = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    written = unflushed_.size();
+  }
+  if (written == 0) {
+    return 0;
+  }
+  const int error = file_->Sync();
+  const std::lock_guard lock(mutex_);
+  if (error != 0) {
+    is_poisoned_ = true;
+    written = unflushed_.size();  // what came meanwhile is no better
+    for (const std::uint32_t key : unflushed_) {
+      Lose(key);
+    }
+  }
+  unflushed_.erase(unflushed_.begin(), unflushed_.begin() + static_cast<std::ptrdiff_t>(written));
+  return error;
+}
+
+void CBodySegment::Lose(std::uint32_t key) {
+  if (const auto body = unsettled_.find(key); body != unsettled_.end()) {
+    body->second.failed = true;
+  }
+  BodyEntry* entry = FindEntry(key);
+  if (entry != nullptr && entry->is_dead == 0) {
+    Kill(*entry);
+  }
+}
+
+void CBodySegment::Kill(BodyEntry& entry) {
+  entry.is_dead = 1;
+  --live_;
+  live_bytes_ -= BodyFormat::RecordSpan(entry.size);
+  MarkDead(entry);
+}
+
+BodyEntry* CBodySegment::FindEntry(std::uint32_t key) {
+  const auto place = std::lower_bound(entries_.begin(), entries_.end(), key, &details::IsBefore);
+  return place == entries_.end() || place->key != key ? nullptr : &*place;
+}
+
+bool CBodySegment::Find(std::uint32_t key, BodyPlace& place) {
+  const std::lock_guard lock(mutex_);
+  const BodyEntry* entry = FindEntry(key);
+  if (entry == nullptr || entry->is_dead != 0) {
+    return false;
+  }
+  place = {file_, entry->offset, entry->size, entry->crc, head_.nonce, key};
+  return true;
+}
+
+bool CBodySegment::Remove(std::uint32_t key) {
+  const std::lock_guard lock(mutex_);
+  unsettled_.erase(key);
+  BodyEntry* entry = FindEntry(key);
+  if (entry == nullptr || entry->is_dead != 0) {
+    return false;
+  }
+  Kill(*entry);
+  return true;
+}
+
+// A mark that does not reach the disk brings bytes back that nothing names, never an object.
+void CBodySegment::MarkDead(const BodyEntry& entry) {
+  int error = 0;
+  if (index_at_ == 0) {
+    const std::uint32_t head_at = entry.offset - BodyFormat::kRecordHeadBytes;
+    error = file_->WriteAt(BodyFormat::kDeadRecord.data(), BodyFormat::kDeadRecord.size(),
+                           head_at + BodyFormat::kRecordStateAt);
+  } else {
+    const auto number = static_cast<std::uint64_t>(&entry - entries_.data());
+    error = file_->WriteAt(&BodyFormat::kDead, 1, index_at_ + entries_.size() * BodyFormat::kIndexEntryBytes + number);
+  }
+  if (error != 0) {
+    HOST_LOG(logging::kError, "[%s]marking a removed body in %s failed: %s.[%s(%d)]",
+             SegmentFileName(head_.number).c_str(), HostSystem::ErrorText(error).c_str());
+  }
+}
+
+bool CBodySegment::ForEach(const std::function<bool(std::uint32_t key, std::uint32_t size)>& visitor) const {
+  std::vector<BodyEntry> entries;
+  {
+    const std::lock_guard lock(mutex_);
+    entries = entries_;
+  }
+  return std::all_of(entries.begin(), entries.end(), [&visitor](const BodyEntry& entry) {
+    return entry.is_dead != 0 || visitor(entry.key, entry.size);
+  });
+}
+
+void CBodySegment::Settle(std::uint32_t key) {
+  const std::lock_guard lock(mutex_);
+  unsettled_.erase(key);
+}
+
+bool CBodySegment::IsUnsettled(std::uint32_t key) const {
+  const std::lock_guard lock(mutex_);
+  return unsettled_.count(key) > 0;
+}
+
+std::vector<UnsettledBody> CBodySegment::GetUnsettled() const {
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
+  const std::lock_guard lock(mutex_);
+  std::vector<UnsettledBody> bodies;
+  bodies.reserve(unsettled_.size());
+  for (const auto& [key, body] : unsettled_) {
+    bodies.push_back({key, now - body.written, body.failed});
+  }
+  return bodies;
+}
+
+CBodySegment::Facts CBodySegment::GetFacts() const {
+  const std::lock_guard lock(mutex_);
+  Facts facts;
+  facts.is_sealed = index_at_ != 0;
+  facts.is_busy = !writing_.empty() || !unflushed_.empty();
+  facts.live = live_;
+  facts.unsettled = unsettled_.size();
+  facts.live_bytes = live_bytes_;
+  facts.file_bytes = end_;
+  return facts;
+}
+
+void CBodySegment::NoteSettled() {
+  const std::lock_guard lock(mutex_);
+  std::uint32_t below = end_;
+  for (const auto& [key, body] : unsettled_) {
+    below = std::min(below, key);
+  }
+  for (const std::uint32_t key : writing_) {
+    below = std::min(below, key);
+  }
+  if (index_at_ != 0 || below == head_.settled_below) {
+    return;
+  }
+  const std::string bytes = BodyFormat::EncodeNumber(below);
+  if (file_->WriteAt(bytes.data(), bytes.size(), BodyFormat::kSettledAt) == 0) {  // else more is looked up
+    head_.settled_below = below;
+  }
+}
+
+std::string CBodySegment::StatesOf(const std::vector<BodyEntry>& entries) const {
+  std::string states;
+  states.reserve(entries.size());
+  for (const BodyEntry& entry : entries) {
+    const char living = unsettled_.count(entry.key) > 0 ? BodyFormat::kUnsettled : BodyFormat::kLive;
+    states += entry.is_dead != 0 ? BodyFormat::kDead : living;
+  }
+  return states;
+}
+
+int CBodySegment::Seal() {
+  const std::lock_guard lock(mutex_);
+  const std::uint32_t at = BodyFormat::AlignUp(end_);
+  const std::string index = BodyFormat::EncodeIndex(head_, at, entries_, StatesOf(entries_));
+  if (const int error = file_->WriteAt(index.data(), index.size(), at)) {
+    return error;
+  }
+  index_at_ = at;
+  end_ = at + static_cast<std::uint32_t>(index.size());
+  entries_.shrink_to_fit();
+  return 0;
+}
+
+int CBodySegment::Rewrite() {
+  std::vector<BodyEntry> old;
+  {
+    const std::lock_guard lock(mutex_);
+    std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(old),
+                 [](const BodyEntry& entry) { return entry.is_dead == 0; });
+  }
+  const std::string name = SegmentFileName(head_.number);
+  const std::string unfinished = name + details::kUnfinishedEnd;
+  std::unique_ptr<HostSystem::IFile> created;
+  folder_.Remove(unfinished);
+  int error = folder_.Create(unfinished, created);
+  std::shared_ptr<HostSystem::IFile> target = std::move(created);
+  std::vector<BodyEntry> fresh;
+  if (error == 0) {
+    error = Copy(*target, old, fresh);
+  }
+  if (error == 0) {
+    error = target->Sync();
+  }
+  if (error == 0) {
+    const std::lock_guard lock(mutex_);
+    error = folder_.Rename(unfinished, name);
+    if (error == 0) {
+      std::swap(entries_, fresh);
+      std::swap(file_, target);
+      const BodyEntry* last = entries_.empty() ? nullptr : &entries_.back();
+      index_at_ = last == nullptr ? BodyFormat::kSegmentHeadBytes : BodyFormat::AlignUp(last->offset + last->size);
+      end_ =
+          index_at_ + static_cast<std::uint32_t>(BodyFormat::IndexBytes(static_cast<std::uint32_t>(entries_.size())));
+      // Some may have been removed while they were copied; `fresh` is what the old file held.
+      for (BodyEntry& entry : entries_) {
+        const auto before = std::lower_bound(fresh.begin(), fresh.end(), entry.key, &details::IsBefore);
+        if (before->is_dead != 0) {
+          entry.is_dead = 1;
+          MarkDead(entry);
+        }
+      }
+      CountEntries();
+    }
+  }
+  if (error != 0) {
+    folder_.Remove(unfinished);
+    return error;
+  }
+  // Should the old file come back after a power failure, it holds the same bodies.
+  folder_.Sync();
+  return 0;
+}
+
+void CBodySegment::FreeGaps() {
+  const std::lock_guard lock(mutex_);
+  if (file_.use_count() > 1) {
+    return;  // somebody may be reading a body that was removed meanwhile
+  }
+  std::uint64_t begin = BodyFormat::kSegmentHeadBytes;
+  const auto free_until = [this, &begin](std::uint64_t end) {
+    if (end >= begin + details::kLeastGapBytes) {
+      file_->FreeRange(begin, end - begin);
+    }
+  };
+  for (const BodyEntry& entry : entries_) {  // offsets rise as keys do
+    if (entry.is_dead == 0) {
+      free_until(entry.offset - BodyFormat::kRecordHeadBytes);
+      begin = std::uint64_t{entry.offset} + entry.size;
+    }
+  }
+  free_until(index_at_ == 0 ? end_ : index_at_);
+}
+
+// Copies bodies into an empty file and writes its index.
+int CBodySegment::Copy(HostSystem::IFile& target, const std::vector<BodyEntry>& old, std::vector<BodyEntry>& fresh) {
+  fresh = old;
+  std::string buffer = BodyFormat::EncodeSegmentHead(head_);
+  std::uint32_t written = 0;
+  std::string body;
+  const auto write = [&target, &buffer, &written] {
+    const int error = target.WriteAt(buffer.data(), buffer.size(), written);
+    written += static_cast<std::uint32_t>(buffer.size());
+    buffer.clear();
+    return error;
+  };
+  for (BodyEntry& entry : fresh) {
+    int error = details::ReadExactly(*file_, entry.offset, entry.size, body);
+    entry.offset = written + static_cast<std::uint32_t>(buffer.size()) + BodyFormat::kRecordHeadBytes;
+    BodyFormat::AppendRecord(buffer, head_.nonce, entry.key, body, entry.crc);
+    if (error == 0 && buffer.size() >= details::kCopyBytes) {
+      error = write();
+    }
+    if (error != 0) {
+      return error;
+    }
+  }
+  const std::uint32_t index_at = written + static_cast<std::uint32_t>(buffer.size());
+  std::string states;
+  {
+    const std::lock_guard lock(mutex_);
+    states = StatesOf(fresh);
+  }
+  buffer += BodyFormat::EncodeIndex(head_, index_at, fresh, states);
+  return write();
+}
+
+}  // namespace Tansy::Host

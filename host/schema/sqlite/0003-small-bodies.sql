@@ -1,0 +1,2 @@
+-- From this version on the bytes of small objects lie together in the files of a log, which earlier versions do not know:
+-- they would take these objects for damaged. The tables stay as they are; the number alone keeps such a version away.
