@@ -60,7 +60,7 @@ int RunProve(int argc, char** argv, const std::string& long_test) {
       return refuse("there is no option " + option);
     }
   }
-  if (argc > 1) {
+  if (argc > 1 && GTEST_FLAG_GET(filter) == "*") {
     GTEST_FLAG_SET(filter, long_test);
   }
   return RUN_ALL_TESTS();
