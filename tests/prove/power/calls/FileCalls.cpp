@@ -9,6 +9,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -151,6 +152,22 @@ int Resize(int descriptor, Call call) {
   struct stat after = {};
   if (::fstat(descriptor, &after) == 0 && after.st_size != before.st_size) {
     recorder->NoteResize(node, static_cast<std::uint64_t>(after.st_size));
+  }
+  return result;
+}
+
+// Room that is asked for makes a file longer; room that is given back leaves zeros.
+template <class Call>
+int Allocate(int descriptor, int mode, off_t offset, off_t size, Call call) {
+  CRecorder* recorder = CRecorder::Get();
+  const std::uint64_t node = recorder == nullptr ? 0 : recorder->NodeOf(descriptor);
+  const int result = Resize(descriptor, call);
+  struct stat info = {};
+  if (result == 0 && node != 0 && (mode & FALLOC_FL_PUNCH_HOLE) != 0 && ::fstat(descriptor, &info) == 0 &&
+      offset < info.st_size) {
+    const std::string zeros(static_cast<std::size_t>(std::min(size, info.st_size - offset)), '\0');
+    const std::lock_guard lock(recorder->GetMutex());
+    recorder->NoteWrite(node, zeros.data(), zeros.size(), static_cast<std::uint64_t>(offset));
   }
   return result;
 }
@@ -387,11 +404,11 @@ int ftruncate64(int descriptor, off64_t size) noexcept {
 }
 int fallocate(int descriptor, int mode, off_t offset, off_t size) {
   NEXT(fallocate);
-  return Resize(descriptor, [&] { return next(descriptor, mode, offset, size); });
+  return Allocate(descriptor, mode, offset, size, [&] { return next(descriptor, mode, offset, size); });
 }
 int fallocate64(int descriptor, int mode, off64_t offset, off64_t size) {
   NEXT(fallocate64);
-  return Resize(descriptor, [&] { return next(descriptor, mode, offset, size); });
+  return Allocate(descriptor, mode, offset, size, [&] { return next(descriptor, mode, offset, size); });
 }
 // These give the error instead of setting errno.
 int posix_fallocate(int descriptor, off_t offset, off_t size) {
