@@ -132,6 +132,14 @@ TEST_F(SchemaTest, ACatalogueOfTheFirstVersionKeepsItsRows) {
               ElementsAre("u1|0", "u2|2", "u3|0"));
 }
 
+// With thousands of overwritten objects, a search through all their entries made each removal take milliseconds.
+TEST_F(SchemaTest, ARemovalFindsTheEntryOfItsUrlAtOnce) {
+  PrepareSqliteSchema(file_, SqliteSchemaScripts(), {});
+  CDatabase database(file_);
+  EXPECT_THAT(database.Rows("EXPLAIN QUERY PLAN SELECT 1 FROM platform.released_bytes WHERE url = 'u' AND kind = 0"),
+              ElementsAre(HasSubstr("(url=? AND kind=?)")));
+}
+
 TEST_F(SchemaTest, AnotherProgramsDatabaseIsLeftAlone) {
   const char* const others[] = {
       "CREATE TABLE platform.songs (title)",
