@@ -36,8 +36,9 @@ std::unique_ptr<CClientConnection> CConnectionPool::TakeAny(const std::string& k
   const std::lock_guard<std::mutex> lock(mutex_);
   RemoveStale(idle_, removed);
   const auto latest = Clock::now() - idle;
-  const auto found = std::find_if(idle_.rbegin(), idle_.rend(),
-                                  [&](const Idle& entry) { return entry.key == key && entry.since <= latest; });
+  const auto found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const Idle& entry) {
+    return entry.key == key && (entry.kept_before || entry.since <= latest);
+  });
   if (found == idle_.rend()) {
     return nullptr;
   }
@@ -46,19 +47,20 @@ std::unique_ptr<CClientConnection> CConnectionPool::TakeAny(const std::string& k
   return connection;
 }
 
-void CConnectionPool::Give(const std::string& key, std::unique_ptr<CClientConnection> connection) noexcept {
+void CConnectionPool::Give(const std::string& key, std::unique_ptr<CClientConnection> connection,
+                           bool kept_before) noexcept {
   if (connection->trust_generation() != ClientTrustGeneration()) {
     return;
   }
   try {
-    Keep(key, std::move(connection));
+    Keep(key, std::move(connection), kept_before);
   } catch (const std::bad_alloc&) {
     // The connection is closed instead; the exchange that used it is complete all the same.
     return;
   }
 }
 
-void CConnectionPool::Keep(const std::string& key, std::unique_ptr<CClientConnection> connection) {
+void CConnectionPool::Keep(const std::string& key, std::unique_ptr<CClientConnection> connection, bool kept_before) {
   std::vector<Idle> removed;
   const std::lock_guard<std::mutex> lock(mutex_);
   RemoveStale(idle_, removed);
@@ -73,7 +75,7 @@ void CConnectionPool::Keep(const std::string& key, std::unique_ptr<CClientConnec
     removed.push_back(std::move(*oldest));
     idle_.erase(oldest);
   }
-  idle_.push_back({key, std::move(connection), Clock::now()});
+  idle_.push_back({key, std::move(connection), Clock::now(), kept_before});
 }
 
 void CConnectionPool::RemoveStale(std::vector<Idle>& idle, std::vector<Idle>& removed) {

@@ -24,7 +24,8 @@ class CConnectionPool {
   static constexpr std::chrono::milliseconds kMaxIdleTime{4000};
 
   // Some servers close each connection after their answer without having said so. After this time they have done so; a
-  // connection that has been idle for less may be about to close.
+  // connection that has been idle for less may be about to close, unless it has been kept before: then its server has
+  // shown that it does not close after an answer.
   static constexpr std::chrono::milliseconds kSettled{50};
 
   static CConnectionPool& Instance();
@@ -32,12 +33,13 @@ class CConnectionPool {
   // Gives the text by which servers are told apart: scheme, host without regard to case, port.
   static std::string Key(const URL& url);
 
-  // Takes a connection with the server that is still alive and has been idle for at least this long; the one that was
-  // used last is preferred. Returns null when there is none.
+  // Takes a connection with the server that is still alive and has been kept before or idle for at least this long; the
+  // one that was used last is preferred. Returns null when there is none.
   std::unique_ptr<CClientConnection> Take(const std::string& key,
                                           std::chrono::milliseconds idle = std::chrono::milliseconds(0));
   // Keeps a connection whose last exchange is complete. When there is no memory for that, it closes the connection.
-  void Give(const std::string& key, std::unique_ptr<CClientConnection> connection) noexcept;
+  // `kept_before` says that Take has given the connection for that exchange.
+  void Give(const std::string& key, std::unique_ptr<CClientConnection> connection, bool kept_before = false) noexcept;
   void Clear();
   std::size_t IdleCount();
 
@@ -47,10 +49,11 @@ class CConnectionPool {
     std::string key;
     std::unique_ptr<CClientConnection> connection;
     Clock::time_point since;
+    bool kept_before = false;
   };
 
   std::unique_ptr<CClientConnection> TakeAny(const std::string& key, std::chrono::milliseconds idle);
-  void Keep(const std::string& key, std::unique_ptr<CClientConnection> connection);
+  void Keep(const std::string& key, std::unique_ptr<CClientConnection> connection, bool kept_before);
   static void RemoveStale(std::vector<Idle>& idle, std::vector<Idle>& removed);
 
   std::mutex mutex_;        // guards the members below

@@ -27,16 +27,17 @@ bool CExchange::Run(ClientError& error) {
   }
   const std::string key = CConnectionPool::Key(url);
   auto connection = CConnectionPool::Instance().Take(key, HasEffects() ? CConnectionPool::kSettled : kAnyAge);
-  const bool kept = connection != nullptr;
+  bool kept = connection != nullptr;
   bool complete = kept && RunOn(*connection, error);
   // A server may close a kept connection at the very moment in which it is used again. The request has then not been
   // answered, but it may have been carried out, so only a request without effects is sent again.
   if (!kept || (!complete && closed_unanswered_ && !HasEffects())) {
+    kept = false;
     connection = CClientConnection::Open(url, request_.connect_timeout_ms, error);
     complete = connection != nullptr && RunOn(*connection, error);
   }
   if (complete && reusable_) {
-    CConnectionPool::Instance().Give(key, std::move(connection));
+    CConnectionPool::Instance().Give(key, std::move(connection), kept);
   }
   return complete;
 }

@@ -41,6 +41,15 @@ class HttpClientPoolTest : public testing::Test {
     return error;
   }
   bool Got(const std::string& url) { return Get(url).kind == HttpClient::kNone; }
+  HttpClient::Error Put(const std::string& url) {
+    CHttpClientRequest request;
+    request.url = url;
+    request.method = "PUT";
+    HttpClient::Error error;
+    response_ = {};
+    HttpClient().Send(request, &response_, &error);
+    return error;
+  }
 
   // Lets kept connections grow so old that the pool no longer expects their server to keep them open.
   static void LetKeptConnectionsSettle() { std::this_thread::sleep_for(CConnectionPool::kSettled * 2); }
@@ -221,6 +230,47 @@ TEST_F(HttpClientPoolTest, ARequestWithEffectsTakesAConnectionThatHasStayedOpen)
   request.method = "PUT";
   EXPECT_TRUE(HttpClient().Send(request, &response_, nullptr));
   EXPECT_EQ(server.ConnectionCount(), 1);
+}
+
+// Many small uploads would otherwise open a connection each.
+TEST_F(HttpClientPoolTest, ARequestWithEffectsTakesAConnectionAtOnceThatWasKeptBefore) {
+  ScriptedServer server;
+  server.Answer("GET /", {.body = "first"});
+  server.Answer("PUT /", {.body = "second"});
+  EXPECT_TRUE(Got(server.Url("/")));
+  EXPECT_TRUE(Got(server.Url("/")));
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(Put(server.Url("/")).kind, HttpClient::kNone);
+  }
+  EXPECT_EQ(server.ConnectionCount(), 1);
+}
+
+// A connection that has replaced a kept one has itself not been kept before.
+TEST_F(HttpClientPoolTest, ARequestWithEffectsDoesNotTakeAReplacementAtOnce) {
+  ScriptedServer server;
+  server.Answer("GET /", {.body = "first"});
+  server.Answer("GET /", {.cut_after = 0});
+  server.Answer("GET /", {.body = "second", .close = true});  // without having said so
+  server.Answer("PUT /", {.body = "third"});
+  EXPECT_TRUE(Got(server.Url("/")));
+  EXPECT_TRUE(Got(server.Url("/")));
+  EXPECT_EQ(response_.body, "second");
+  EXPECT_EQ(Put(server.Url("/")).kind, HttpClient::kNone);
+  const auto requests = server.Requests();
+  ASSERT_EQ(requests.size(), 4U);
+  EXPECT_EQ(requests[3].connection, 3);
+}
+
+TEST_F(HttpClientPoolTest, ARequestWithEffectsIsSentOnceAlsoOnAConnectionThatWasKeptBefore) {
+  ScriptedServer server;
+  server.Answer("GET /", {.body = "first"});
+  server.Answer("PUT /", {.cut_after = 0});
+  EXPECT_TRUE(Got(server.Url("/")));
+  EXPECT_TRUE(Got(server.Url("/")));
+  EXPECT_EQ(Put(server.Url("/")).kind, HttpClient::kReceive);
+  const auto requests = server.Requests();
+  ASSERT_EQ(requests.size(), 3U);
+  EXPECT_EQ(requests[2].connection, 1);
 }
 
 TEST_F(HttpClientPoolTest, TheReplacementIsNotReplaced) {
