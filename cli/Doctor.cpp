@@ -164,7 +164,7 @@ class CExamination {
 
   void CheckPicturePort() {
     try {
-      const auto answer = CServerLink(settings_, settings_.picture_server).Exchange({.resource = "/Quorvane/Version"});
+      const auto answer = CServerLink(settings_, PictureServer(settings_)).Exchange({.resource = "/Quorvane/Version"});
       const bool fine = answer.status == 200;
       Add(fine ? EFinding::kOk : EFinding::kWarning, "pictures",
           settings_.picture_server.Url() + (fine ? " answers" : " answered " + std::to_string(answer.status)),

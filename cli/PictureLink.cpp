@@ -29,7 +29,7 @@ std::string ErrorCode(const std::string& body) {
 }  // namespace details
 
 CloudStorage::CPictureClient MakePictureClient(const Settings& settings, const std::string& pool) {
-  return CloudStorage::CPictureClient(MakeClientRecord(settings, settings.picture_server, pool));
+  return CloudStorage::CPictureClient(MakeClientRecord(settings, PictureServer(settings), pool));
 }
 
 CFailure FailureOfPictureClient(const CloudStorage::CPictureClient& client, const ServerAddress& server) {
@@ -50,7 +50,7 @@ CFailure FailureOfPictureClient(const CloudStorage::CPictureClient& client, cons
 
 TansyProto::CRapidJsonProto RequestPictureInfo(const Settings& settings, const std::string& target,
                                                const std::string& subject) {
-  const CServerLink server(settings, settings.picture_server);
+  const CServerLink server(settings, PictureServer(settings));
   const TansyNet::CHttpClientResponse answer = server.Exchange({.resource = target});
   if (answer.status != 200) {
     throw details::FailureOfStatus(answer.status, details::ErrorCode(answer.body), server.Address().Url())
@@ -65,7 +65,7 @@ TansyProto::CRapidJsonProto RequestPictureInfo(const Settings& settings, const s
 
 std::string ParsePictureUrl(const std::string& text, const Settings& settings) {
   const std::string target =
-      TargetOnServer(text, settings.picture_server, "set it as the picture_url of a server in the configuration");
+      TargetOnServer(text, PictureServer(settings), "set it as the picture_url of a server in the configuration");
   bool plain = true;
   for (const char c : target) {
     plain = plain && static_cast<unsigned char>(c) > 0x20 && c != 0x7f && c != '#';

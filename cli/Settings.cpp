@@ -227,7 +227,7 @@ Settings ToSettings(const Source& source) {
   Settings settings;
   settings.object_server = AddressOf(source.server_url, source.name);
   if (source.picture_url.empty()) {
-    // By default, tansyd's picture port is the object port plus one.
+    // By default, tansyd's picture port is the object port plus one. After the last port, that makes 0.
     settings.picture_server = settings.object_server;
     ++settings.picture_server.port;
   } else {
@@ -322,6 +322,14 @@ Settings FindSettings(const Globals& globals, const EnvironmentReader& environme
                    "set TANSY_ACCESS_KEY and TANSY_SECRET_KEY, or add the server to " + config_path);
   }
   return details::ToSettings(settings);
+}
+
+const ServerAddress& PictureServer(const Settings& settings) {
+  if (settings.picture_server.port == 0) {
+    throw CFailure(kExitUsage, "no picture server is known for " + settings.object_server.Url(),
+                   "name its picture_url in the configuration");
+  }
+  return settings.picture_server;
 }
 
 Settings UseSettings(const Globals& globals) {

@@ -46,7 +46,7 @@ struct ServerAddress {
 
 struct Settings {
   ServerAddress object_server;
-  ServerAddress picture_server;
+  ServerAddress picture_server;  // its port is 0 when nothing names one: see PictureServer
   std::string access_key;
   std::string secret_key;
   std::string pool;  // empty when no place names one
@@ -65,6 +65,9 @@ using EnvironmentReader = std::function<std::string(const char* name)>;
 Settings FindSettings(const Globals& globals, const EnvironmentReader& environment);
 // Does the same with the process's own environment, and tells the HTTP library which certificates to trust.
 Settings UseSettings(const Globals& globals);
+
+// Gives the address of the picture server. Throws CFailure with kExitUsage when none is known.
+const ServerAddress& PictureServer(const Settings& settings);
 
 // Reads "http://HOST[:PORT]" or "https://HOST[:PORT]"; only a "/" may follow. Returns false when the text is something
 // else.

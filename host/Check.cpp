@@ -9,6 +9,7 @@
 
 #include "CatalogueFile.h"
 #include "FirstParts.h"
+#include "PrintableText.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -31,15 +32,6 @@ PackedName Pack(const StoredName& name) {
 
 bool Holds(const PackedNames& names, const StoredName& name) {
   return std::binary_search(names.begin(), names.end(), Pack(name));
-}
-
-// Makes a name that a client chose fit for a line of its own.
-std::string Printable(const std::string& text) {
-  std::string printable = text;
-  std::replace_if(
-      printable.begin(), printable.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; },
-      '?');
-  return printable;
 }
 
 struct Damage {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "IpAddress.h"
+#include "PrintableText.h"
 #include "StartFailure.h"
 #include "TansyNet/MemoryAccount.h"
 
@@ -18,11 +19,7 @@ constexpr std::size_t kLongestShownValue = 80;
 
 // Makes a value fit for a message: short, and without anything that could break the line.
 std::string Shown(const std::string& text) {
-  std::string shown;
-  for (const char c : text.substr(0, kLongestShownValue)) {
-    shown += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-  }
-  return "\"" + shown + (text.size() > kLongestShownValue ? "...\"" : "\"");
+  return "\"" + Printable(text.substr(0, kLongestShownValue)) + (text.size() > kLongestShownValue ? "...\"" : "\"");
 }
 
 bool ParseNumber(const std::string& text, unsigned long lowest, unsigned long highest, unsigned long& number) {

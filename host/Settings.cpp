@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "HostSystem/Files.h"
+#include "PrintableText.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -86,7 +87,7 @@ void ReadCredentials(const toml::node& node, const std::string& path, Settings& 
 std::string Joined(const std::vector<std::string>& names) {
   std::string joined;
   for (const std::string& name : names) {
-    joined += (joined.empty() ? "" : ", ") + name;
+    joined += (joined.empty() ? "" : ", ") + Printable(name);
   }
   return joined;
 }

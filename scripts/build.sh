@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing and builds.
-# usage: scripts/build.sh [PRESET [TARGET...]]      PRESET: release (default), debug, asan-ubsan, tsan
+# usage: scripts/build.sh [PRESET [TARGET...]]      PRESET: release (default), debug, asan-ubsan, tsan, fuzz
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the build needs and this machine lacks, from Debian's packages. Says what it installs; installs nothing twice.
-# usage: scripts/dependencies.sh [--lint|--windows]
+# usage: scripts/dependencies.sh [--lint|--windows|--fuzz]
 set -euo pipefail
 
 packages=(
@@ -14,6 +14,8 @@ if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
 elif [[ "${1:-}" == --windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix)
+elif [[ "${1:-}" == --fuzz ]]; then
+  packages+=(clang-14 libclang-rt-14-dev)
 fi
 
 missing=()

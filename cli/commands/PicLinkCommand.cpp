@@ -22,7 +22,7 @@ int RunPicLink(const CommandCall& call) {
     throw CFailure(kExitUsage, "\"" + Printable(target) + "\" is no picture URL", "give /pic?... in quotes");
   }
   const std::string link =
-      settings.picture_server.Url() +
+      PictureServer(settings).Url() +
       SignedPictureTarget(target, std::to_string(TansyBase::TimeUtil::Now()), settings.access_key, settings.secret_key);
   PrintLine(call.globals.json ? CJsonLine().Add("url", target).Add("link", link).Text() : link);
   return kExitDone;

@@ -210,6 +210,7 @@ bool CObjectClient::UploadFile(std::string& out_url, const char* data, unsigned 
   });
 }
 
+// The functions below look alike, but each logs failures in words of its own, under its own name.
 bool CObjectClient::DownloadFile(const std::string& url, const std::string& local_path) {
   return RunGuarded(ptr_conf_, [&] {
     CObjectProtoClient client;

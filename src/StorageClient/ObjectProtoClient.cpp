@@ -115,6 +115,8 @@ std::string CObjectProtoClient::NodeBase(const std::string& node) const {
   return Scheme(conf_->config) + NodeAddress(node);
 }
 
+// From here on, each request writes its failures to the log in words of its own, under its function's name. People
+// search logs for these texts, so they stand whole in each function, although the functions look alike.
 bool CObjectProtoClient::GetBestNode(std::string& location, const std::string& key) {
   SRequestParts parts;
   parts.method = "GET";

@@ -108,6 +108,7 @@ bool CPicProtoClient::SendObjectMsg(SHttpExchange& exchange, const SPictureReque
   return exchange.Send();
 }
 
+// Each request logs its failures in words of its own, so the functions look alike; see ObjectProtoClient.cpp.
 bool CPicProtoClient::GetBestNode(std::string& address, std::string& port, std::string& token) {
   serial_id_ = TansyBase::GuidUtil::CreateGuid();
   SPictureRequest parts;

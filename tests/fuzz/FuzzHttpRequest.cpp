@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Require.h"
 #include "TansyNet/wire/RequestParser.h"
 
 namespace {
@@ -23,12 +24,6 @@ struct Outcome {
   std::string request;
   std::string rest;
 };
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 // Reads one request from pieces, as a connection does.
 class CReader {

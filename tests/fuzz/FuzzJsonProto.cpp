@@ -5,15 +5,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "Require.h"
 #include "TansyProto/RapidJsonProto.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 // What is accepted can be written and is accepted again. The last digits of fractions may differ.
 void CheckRoundTrip(const TansyProto::CRapidJsonProto& document) {

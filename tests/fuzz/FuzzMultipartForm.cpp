@@ -7,15 +7,10 @@
 #include <string_view>
 #include <vector>
 
+#include "Require.h"
 #include "TansyNet/HttpServer.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 void RequireInside(std::string_view view, std::string_view whole) {
   Require(view.empty() || (view.data() >= whole.data() && view.data() + view.size() <= whole.data() + whole.size()));

@@ -5,17 +5,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "Require.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
-
-namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string path(data, data + size);

@@ -5,15 +5,10 @@
 #include <map>
 #include <string>
 
+#include "Require.h"
 #include "StorageServer/ServerComm.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 void CheckDecode(const std::string& text) {
   using Tansy::CloudStorage::UrlQueryDecode;

@@ -4,18 +4,13 @@
 #include <cstdlib>
 #include <string>
 
+#include "Require.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 
 namespace {
 
 using Tansy::CloudStorage::ByteRange;
 using Tansy::CloudStorage::CObjectServer;
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 // A plain range must come out as it went in.
 void CheckPlainRange(std::uint32_t begin, std::uint32_t end) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "Require.h"
 #include "db_layer/SqliteHandle.h"
 
 namespace {
@@ -16,12 +17,6 @@ namespace {
 using db_layer::CRowBuffer;
 using db_layer::CSqliteHandle;
 using db_layer::SqlError;
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 class CSevens final : public db_layer::ISequenceSource {
  public:

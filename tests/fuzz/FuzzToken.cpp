@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Require.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyBase/Encrypt.h"
@@ -18,12 +19,6 @@ using Tansy::CloudStorage::CObjectServer;
 using Tansy::CloudStorage::SignHmacSha1;
 
 constexpr const char* kSecret = "secret of the fuzzer";
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 std::vector<std::string> Split(const std::string& text, std::size_t count) {
   std::vector<std::string> parts(count);

@@ -6,17 +6,12 @@
 #include <cstdlib>
 #include <string>
 
+#include "Require.h"
 #include "TansyNet/HttpClient.h"
 
 namespace {
 
 using TansyNet::URL;
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 bool StaysInRequestLine(const std::string& text) {
   return std::none_of(text.begin(), text.end(), [](char letter) {

@@ -6,15 +6,10 @@
 #include <string>
 #include <string_view>
 
+#include "Require.h"
 #include "TansyProto/XmlProto.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 // What is accepted can be written, is accepted again, and is then written as before.
 void CheckRoundTrip(const TansyProto::CXmlProto& document) {

@@ -1,11 +1,18 @@
 // Runs a fuzz target without libFuzzer: every file of a corpus, then seeded mutations of them.
 //
-// usage: Fuzz<Name> CORPUS-FOLDER [MUTATIONS [SEED]]     default: 3000 mutations, seed 1
-//        Fuzz<Name> FILE                                 one input
+// usage: Fuzz<Name> CORPUS-FOLDER [MUTATIONS [SEED]]           default: 3000 mutations, seed 1
+//        Fuzz<Name> FILE                                       one input
+//        Fuzz<Name> --find CORPUS-FOLDER [MUTATIONS [SEED]]    default: 100000 mutations, seed 1
+//
+// With --find there must be something to find: the program ends with 0 as soon as an input breaks a promise, and with 1
+// when none does.
 //
 // Before an input is tried it is written to "<program>.last" in the current folder, so that the one that brings the
 // program down is there to be tried again.
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -123,11 +130,25 @@ class CMutator {
   std::mt19937 random_;
 };
 
+// What a broken promise comes to with --find. Only calls that a signal handler may make are made.
+extern "C" void OnBrokenPromise(int /*signal*/) {
+  constexpr char kText[] = "found\n";
+  static_cast<void>(!::write(STDOUT_FILENO, kText, sizeof kText - 1));
+  ::_exit(0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::string program = fs::path(argv[0]).filename().string();
+  const bool must_find = argc > 2 && std::string(argv[1]) == "--find";
+  if (must_find) {
+    std::signal(SIGABRT, &OnBrokenPromise);
+    ++argv;
+    --argc;
+  }
   if (argc < 2) {
-    std::cerr << "usage: " << argv[0] << " CORPUS-FOLDER [MUTATIONS [SEED]] | FILE\n";
+    std::cerr << "usage: " << program << " [--find] CORPUS-FOLDER [MUTATIONS [SEED]] | FILE\n";
     return 2;
   }
   if (!fs::is_directory(argv[1])) {
@@ -140,10 +161,9 @@ int main(int argc, char** argv) {
     std::cerr << "no inputs in " << argv[1] << '\n';
     return 1;
   }
-  const unsigned long mutations = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 3000;
+  const unsigned long mutations = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : must_find ? 100000 : 3000;
   const auto seed = static_cast<std::uint32_t>(argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1);
   std::cout << corpus.size() << " inputs, " << mutations << " mutations, seed " << seed << std::endl;
-  const std::string program = fs::path(argv[0]).filename().string();
   CLastInput last(program + ".last");
   for (const auto& input : corpus) {
     Try(input, last);
@@ -154,5 +174,5 @@ int main(int argc, char** argv) {
     Try(mutator.Make(), last);
   }
   last.Remove();
-  return 0;
+  return must_find ? 1 : 0;
 }

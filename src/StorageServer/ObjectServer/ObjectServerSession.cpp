@@ -74,6 +74,7 @@ std::string RenameText(const char* table, const std::string& old_name, const std
                              Protect(new_name).c_str(), Protect(old_name).c_str());
 }
 
+// Each kind of record has columns of its own, so there is one reading function for each.
 BucketInfo ReadBucket(db_layer::CConnect& row) {
   BucketInfo bucket;
   bucket.id = ReadNumber(row, "id");

@@ -33,6 +33,7 @@ int StreamSave(StreamSaveCallback callback, std::string_view data, std::uint32_t
   return callback(data.data(), static_cast<std::uint32_t>(data.size()), offset, location);
 }
 
+// The host's two callbacks for reading take different arguments, so the two functions look alike.
 int ReadObject(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, const std::string& location) {
   if (config.read_object == nullptr) {
     return kServerInternalError;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -94,7 +95,7 @@ Reply CInspection::Send(const std::string& method, const std::string& target, co
 std::vector<std::string> CInspection::Run(const Promises& promises, const InspectionOptions& options) {
   broken_.clear();
   written_.clear();
-  if (!Start()) {
+  if (!Start(launch_)) {
     return broken_;
   }
   broken_ = Look(server_, promises);
@@ -105,7 +106,7 @@ std::vector<std::string> CInspection::Run(const Promises& promises, const Inspec
   if (broken_.empty()) {
     RepairSpace();
   }
-  if (broken_.empty() && options.starts_twice && Start()) {
+  if (broken_.empty() && options.starts_twice && Start(launch_)) {
     for (const auto& [target, content] : written_) {
       const Reply reply = Get(server_.GetObjectPort(), target);
       Expect(reply.status == 200 && reply.body == content,
@@ -116,14 +117,25 @@ std::vector<std::string> CInspection::Run(const Promises& promises, const Inspec
   return broken_;
 }
 
+std::vector<std::string> CInspection::RunUntilStopped(const Promises& promises, const system_tests::Launch& launch) {
+  broken_.clear();
+  if (Start(launch)) {
+    broken_ = Look(server_, promises);
+    server_.Signal(SIGTERM);
+    Expect(server_.WaitForEnd().code == 0, "the server does not stop");
+    server_.Kill();
+  }
+  return broken_;
+}
+
 // A server that does not start is a broken promise too, not a failure of the test's own.
-bool CInspection::Start() {
+bool CInspection::Start(const system_tests::Launch& launch) {
   testing::TestPartResultArray failures;
   bool started = false;
   {
     const testing::ScopedFakeTestPartResultReporter reporter(
         testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-    started = server_.Start(launch_);
+    started = server_.Start(launch);
   }
   for (int i = 0; i < failures.size(); ++i) {
     broken_.push_back(std::string("the start: ") + failures.GetTestPartResult(i).message());

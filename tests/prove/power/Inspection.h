@@ -29,14 +29,16 @@ class CInspection {
   // Starts a server on the folder and looks at everything; a line per promise that was broken. Uploads that are still
   // open are completed, and new objects are written, as clients would.
   std::vector<std::string> Run(const Promises& promises, const InspectionOptions& options);
-  // The same for a server that runs already; this changes nothing.
+  // Starts a server in this way, looks without changing anything, and stops it.
+  std::vector<std::string> RunUntilStopped(const Promises& promises, const system_tests::Launch& launch);
+  // Looks at a server that runs already.
   static std::vector<std::string> Look(const system_tests::CTansyd& server, const Promises& promises);
 
   // What the servers have complained about since Clear.
   std::string GetErrors() const;
 
  private:
-  bool Start();
+  bool Start(const system_tests::Launch& launch);
   void GoOn(const Promises& promises);
   void CompleteTasks(const Promises& promises);
   void WriteMore();

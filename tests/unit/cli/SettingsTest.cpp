@@ -119,6 +119,24 @@ TEST_F(SettingsTest, SaysThatADataFolderIsNone) {
   ExpectFailure(kExitFailed, "there is no tansyd.toml in it");
 }
 
+TEST_F(SettingsTest, AServerOnTheLastPortHasNoPicturePortBehindIt) {
+  MakeConfig(kHome);
+  globals_.server = "http://10.0.0.5:65535";
+  environment_["TANSY_ACCESS_KEY"] = environment_["TANSY_SECRET_KEY"] = "k";
+  const Settings settings = Find();
+  EXPECT_EQ(settings.object_server.Url(), "http://10.0.0.5:65535") << "objects do without it";
+  try {
+    PictureServer(settings);
+    ADD_FAILURE() << "no failure";
+  } catch (const CFailure& failure) {
+    EXPECT_EQ(failure.GetExitCode(), kExitUsage);
+    EXPECT_THAT(failure.what(), HasSubstr("no picture server is known for http://10.0.0.5:65535"));
+    EXPECT_THAT(failure.GetAdvice(), HasSubstr("picture_url"));
+  }
+  globals_.server = "http://10.0.0.5:65534";
+  EXPECT_EQ(PictureServer(Find()).Url(), "http://10.0.0.5:65535");
+}
+
 TEST_F(SettingsTest, UsesTheDefaultServerOfTheConfiguration) {
   MakeConfig(kHome);
   const Settings settings = Find();

@@ -49,6 +49,11 @@ TEST(SettingsTest, UnknownKeysAreNamedAllAtOnce) {
   EXPECT_THAT(FailureOf("check = true"), HasSubstr("unknown key check"));
 }
 
+TEST(SettingsTest, KeysWithControlCharactersLeaveTheMessageOneLine) {
+  EXPECT_EQ(FailureOf("\"a\\nb\\u007f\" = 1\n[credentials]\n\"\\t\" = 'x'\n"),
+            "settings file s.toml: unknown keys a?b?, credentials.?");
+}
+
 TEST(SettingsTest, BrokenFilesAreToldByTheirLineWithoutShowingIt) {
   const std::string line = FailureOf("object-port = 1\n[credentials]\nsecret_key = hush\n");
   EXPECT_EQ(line, "settings file s.toml: line 3 is not valid TOML");
