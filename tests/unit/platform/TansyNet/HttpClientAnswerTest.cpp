@@ -311,6 +311,7 @@ INSTANTIATE_TEST_SUITE_P(
                             "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
                             "5\r\nhello\r\n1;a=b\r\n!\r\n0\r\nX-T: t\r\n\r\n",
                             "hello!"},
+                    CutCase{"NoChunks", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", ""},
                     CutCase{"UntilClose", "HTTP/1.0 200 OK\r\nX-A: b\r\n\r\nhello", "hello", 27},
                     CutCase{"AfterInterim",
                             "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", "ok"}),

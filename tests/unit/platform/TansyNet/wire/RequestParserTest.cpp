@@ -299,6 +299,20 @@ TEST_F(HttpServerParserChunks, MayBeNone) {
   EXPECT_EQ(body_, "");
 }
 
+TEST_F(HttpServerParserChunks, MayBeNoneByteByByte) {
+  std::string pending;
+  Progress progress = Progress::kNeedMore;
+  for (const char byte : std::string("0\r\n\r\n")) {
+    EXPECT_EQ(progress, Progress::kNeedMore);
+    pending += byte;
+    std::string_view input = pending;
+    progress = parser_.ParseChunks(input, body_, limit_);
+    pending = std::string(input);
+  }
+  EXPECT_EQ(progress, Progress::kDone);
+  EXPECT_EQ(body_, "");
+}
+
 TEST_F(HttpServerParserChunks, ObeyTheLimitBeforeTheyCome) {
   limit_ = 5;
   EXPECT_EQ(Feed("3\r\nabc\r\n3\r\n"), Progress::kFailed);
