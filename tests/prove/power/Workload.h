@@ -15,6 +15,7 @@ namespace prove {
 
 struct WorkloadOptions {
   std::uint64_t seed = 1;
+  int run = 0;  // the number of this run on one data folder; the first one makes the bucket
   int clients = 6;
   int requests = 25;   // of each client, about
   int big_bodies = 1;  // bodies that arrive in pieces, of all clients together
