@@ -37,11 +37,10 @@ EStoreResult Failed(const char* what, const std::string& path, int error) {
   return ToResult(error);
 }
 
-bool Allocate(ReadBuffer& buffer, std::uint32_t size) {
-  // The buffer is not null even for an empty range, because a missing buffer means failure to the server.
-  buffer.data.reset(static_cast<char*>(std::malloc(std::max<std::size_t>(size, 1))));
-  buffer.size = 0;
-  return buffer.data != nullptr;
+// Gives the id in the path of a stored file.
+std::string IdOfPath(const std::string& path) {
+  const std::string file_name = path.substr(path.rfind('/') + 1);
+  return file_name.substr(0, file_name.find('.'));
 }
 
 int ReadInto(HostSystem::IFile& file, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) {
@@ -140,6 +139,7 @@ EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const ch
   if (error == 0) {
     error = WriteDurably(*file, offset, data, size);
   }
+  cache_.Drop(name.id);
   if (error != 0) {
     return details::Failed("writing to", FilePath(name), error);
   }
@@ -246,13 +246,24 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
   }
+  CReadCache::Ticket ticket;
+  if (cache_.ReadRange(name, offset, size, buffer, ticket)) {
+    return EStoreResult::kDone;
+  }
   if (IsSmallBody(name)) {
-    return ReadSmall(name, offset, size, buffer);
+    const EStoreResult result = ReadSmall(name, offset, size, buffer);
+    if (result == EStoreResult::kDone && offset == 0) {
+      cache_.AddBody(name, buffer, ticket);
+    }
+    return result;
   }
   std::shared_ptr<HostSystem::IFile> file;
   int error = OpenForReading(name, file);
   if (error == 0) {
     error = details::ReadInto(*file, offset, size, buffer);
+  }
+  if (error == 0 && offset == 0) {
+    cache_.AddBody(name, buffer, ticket);
   }
   return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
 }
@@ -287,7 +298,11 @@ EStoreResult CFileStore::BeginRead(const StoredName& name) {
 }
 
 int CFileStore::OpenForReading(const StoredName& name, std::shared_ptr<HostSystem::IFile>& file) {
+  CReadCache::Ticket ticket;
   file = held_.Find(name);
+  if (file == nullptr) {
+    file = cache_.FindFile(name, ticket);
+  }
   if (file != nullptr) {
     return 0;
   }
@@ -298,9 +313,12 @@ int CFileStore::OpenForReading(const StoredName& name, std::shared_ptr<HostSyste
     return is_there ? 0 : ENOENT;
   }
   std::unique_ptr<HostSystem::IFile> opened;
-  const int error = root_->OpenForReading(FilePath(name), opened);
+  if (const int error = root_->OpenForReading(FilePath(name), opened)) {
+    return error;
+  }
   file = std::move(opened);
-  return error;
+  cache_.AddFile(name, file, ticket);
+  return 0;
 }
 
 EStoreResult CFileStore::Remove(const StoredName& name) {
@@ -318,9 +336,11 @@ EStoreResult CFileStore::RemovePath(const std::string& path) {
   StoredName name;
   if (ParseStoragePath(path, name) && IsSmallBody(name)) {
     bodies_.Remove(name);
+    cache_.Drop(name.id);
     return EStoreResult::kDone;
   }
   const int error = root_->Remove(path);
+  cache_.Drop(details::IdOfPath(path));
   if (error == 0 || error == ENOENT) {
     // Bytes that are gone already count as removed, so that the caller can go on.
     return EStoreResult::kDone;

@@ -11,6 +11,7 @@
 #include "HostSystem/Files.h"
 #include "NewBytesLog.h"
 #include "ObjectStore.h"
+#include "ReadCache.h"
 #include "Schema.h"
 
 namespace Tansy::Host {
@@ -77,6 +78,7 @@ class CFileStore final : public IObjectStore {
   CNewBytesLog new_;
   CBodyLog bodies_;
   CHeldFiles held_;
+  CReadCache cache_;
 };
 
 // Gives what the catalogue needs to turn location texts into storage paths. Pictures are left out: they have no row,

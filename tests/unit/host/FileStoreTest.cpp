@@ -76,6 +76,51 @@ TEST_P(FileStoreTest, EverySaveHasANameOfItsOwn) {
   EXPECT_EQ(names.size(), 50U);
 }
 
+std::string ReadRange(IObjectStore& store, const StoredName& name, std::uint64_t offset, std::uint32_t size) {
+  ReadBuffer buffer;
+  if (store.ReadRange(name, offset, size, buffer) != EStoreResult::kDone) {
+    return "<unreadable>";
+  }
+  return {buffer.data.get(), buffer.size};
+}
+
+TEST_P(FileStoreTest, WhatWasReadBeforeAWriteIsReadAnew) {
+  StoredName name;
+  ASSERT_EQ(SaveAt(name, 0, "first bytes"), EStoreResult::kDone);
+  EXPECT_EQ(ReadRange(*store_, name, 0, 11), "first bytes");
+  ASSERT_EQ(SaveAt(name, 0, "other"), EStoreResult::kDone);
+  EXPECT_EQ(ReadRange(*store_, name, 0, 11), "other bytes");
+  ASSERT_EQ(SaveAt(name, 11, " and more"), EStoreResult::kDone);
+  EXPECT_EQ(ReadRange(*store_, name, 0, 100), "other bytes and more");
+}
+
+TEST_P(FileStoreTest, WhatWasReadBeforeARemovalIsGone) {
+  for (const std::size_t size : {std::size_t{5}, std::size_t{200000}}) {
+    StoredName name;
+    const std::string bytes(size, 'x');
+    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
+    EXPECT_EQ(ReadRange(*store_, name, 0, static_cast<std::uint32_t>(size)), bytes);
+    EXPECT_EQ(ReadAll(*store_, name), bytes);
+    ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
+    EXPECT_EQ(ReadRange(*store_, name, 0, 5), "<unreadable>");
+    EXPECT_EQ(ReadAll(*store_, name), "<unreadable>");
+  }
+}
+
+#ifdef __linux__
+// A file that somebody kept open would hold its space.
+TEST_P(FileStoreTest, ARemovedFileIsNotKeptOpen) {
+  StoredName name;
+  ASSERT_EQ(Save(std::string(200000, 'x'), name), EStoreResult::kDone);
+  EXPECT_EQ(ReadAll(*store_, name).size(), 200000U);
+  ASSERT_EQ(store_->RemovePath(FilePath(name)), EStoreResult::kDone);
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    EXPECT_EQ(std::filesystem::read_symlink(entry, error).string().find(name.id), std::string::npos);
+  }
+}
+#endif
+
 TEST_P(FileStoreTest, PicturesLieApartFromObjects) {
   StoredName name;
   ASSERT_EQ(Save("jpeg", name, EContent::kPicture), EStoreResult::kDone);
