@@ -65,6 +65,7 @@ struct CMessageLoopDyThreadPool::Impl {
 
   mutable std::mutex mutex;
   std::condition_variable work;
+  std::condition_variable visitor_left;  // after a stop only
   // Everything below is guarded by mutex.
   State state = State::kNew;
   std::chrono::seconds idle_time{0};
@@ -72,6 +73,7 @@ struct CMessageLoopDyThreadPool::Impl {
   std::size_t max_threads = 0;
   TaskQueue queue;
   std::size_t computing = 0;            // threads that run a task and are in no CBlockingScope
+  std::size_t visitors = 0;             // other threads that run a task here; they compute too
   std::size_t blocked = 0;              // threads in a CBlockingScope that gave up their place
   std::size_t sleepers = 0;             // threads that wait for work
   std::size_t signals = 0;              // sleepers that have been woken but have not taken their task yet
@@ -89,6 +91,8 @@ struct CMessageLoopDyThreadPool::Impl {
   bool MayStartTask() const { return !queue.empty() && computing < max_threads; }
   bool TakeSleeper();
   void RunNext(std::unique_lock<std::mutex>& lock);
+  bool Enter() noexcept;
+  void Leave() noexcept;
   bool GiveUpPlace() noexcept;
   void TakePlaceBack() noexcept;
   void RunThread(std::list<std::thread>::iterator self);
@@ -138,8 +142,8 @@ void CMessageLoopDyThreadPool::Impl::RunThread(std::list<std::thread>::iterator 
   for (;;) {
     if (MayStartTask()) {
       RunNext(lock);
-    } else if (state == State::kStopped) {
-      return;  // those that compute run what is left
+    } else if (state == State::kStopped && (queue.empty() || computing > visitors)) {
+      return;  // threads of the loop that compute run what is left
     } else if (!Sleep(lock)) {
       left_threads.splice(left_threads.end(), threads, self);
       return;
@@ -157,6 +161,42 @@ void CMessageLoopDyThreadPool::Impl::RunNext(std::unique_lock<std::mutex>& lock)
   work_count.fetch_sub(1, std::memory_order_relaxed);
   lock.lock();
   --computing;
+}
+
+// Takes the place of a thread that has nothing to do. Threads that were woken will have something to do soon.
+bool CMessageLoopDyThreadPool::Impl::Enter() noexcept {
+  const std::lock_guard lock(mutex);
+  if (state != State::kRunning || !queue.empty() || computing + signals >= max_threads) {
+    return false;
+  }
+  ++computing;
+  ++visitors;
+  work_count.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+// A task that was posted meanwhile may have found no place.
+void CMessageLoopDyThreadPool::Impl::Leave() noexcept {
+  work_count.fetch_sub(1, std::memory_order_relaxed);
+  bool wake = false;
+  {
+    const std::lock_guard lock(mutex);
+    --computing;
+    --visitors;
+    if (state == State::kRunning && MayStartTask()) {
+      wake = TakeSleeper();
+      if (!wake && WantsMoreThreads()) {
+        AddThread();
+      }
+    }
+    if (state == State::kStopped) {
+      visitor_left.notify_all();
+      work.notify_all();
+    }
+  }
+  if (wake) {
+    work.notify_one();
+  }
 }
 
 // The place is given to a thread that runs the first waiting task. When none waits, the poster of the next one finds
@@ -287,6 +327,18 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) noexcept {
   return true;
 }
 
+bool CMessageLoopDyThreadPool::RunHere(CTask& task) noexcept {
+  if (Impl::of_this_thread != nullptr || !impl_->Enter()) {
+    return false;
+  }
+  // A task that waits gives its place up, and one that stops the loop does not wait for itself.
+  Impl::of_this_thread = impl_.get();
+  RunTask(task);
+  Impl::of_this_thread = nullptr;
+  impl_->Leave();
+  return true;
+}
+
 std::size_t CMessageLoopDyThreadPool::GetWorkTaskCount() const {
   return impl_->work_count.load(std::memory_order_relaxed);
 }
@@ -313,6 +365,7 @@ void CMessageLoopDyThreadPool::Stop(bool run_waiting) {
     return;
   }
   lock.lock();
+  impl_->visitor_left.wait(lock, [this] { return impl_->visitors == 0; });
   std::list<std::thread> ended = impl_->TakeAllThreads();
   lock.unlock();
   JoinAll(ended);

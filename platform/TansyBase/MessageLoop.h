@@ -47,6 +47,11 @@ class CMessageLoopDyThreadPool : private CNoncopyable {
   // (the task is then deleted without having been run), or when `task` is null.
   bool PostTask(CTask* task) noexcept;
 
+  // Runs a task on the calling thread, in the place of a thread of the loop that has nothing to do. For everything else
+  // the task counts as one of the loop's own, and Stop waits for it. Returns false, and has not touched the task, when
+  // the loop does not run, when other tasks wait, and when as many as may compute do so already.
+  bool RunHere(CTask& task) noexcept;
+
   // Counts waiting and running tasks; a task in a CBlockingScope is a running one.
   std::size_t GetWorkTaskCount() const;
 

@@ -5,6 +5,7 @@
 
 #include "TansyNet/server/ListenAddresses.h"
 #include "TansyNet/server/ListenerTable.h"
+#include "TansyNet/server/LoopThreads.h"
 #include "TansyNet/server/ServerRuntime.h"
 #include "logging/Logging.h"
 
@@ -125,6 +126,10 @@ int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpRespons
 
 bool CHttpServer::IsRequestOpen(std::int32_t handle) {
   return details::TheProcess().runtime.Handles().Find(handle) != nullptr;
+}
+
+bool CHttpServer::IsThreadLent() {
+  return CLoopThreads::IsThreadLent();
 }
 
 void CHttpServer::SetListenAddresses(const std::vector<std::string>& addresses) {

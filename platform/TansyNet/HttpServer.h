@@ -22,8 +22,8 @@ class CHttpServer {
  public:
   // Takes a request. `handle` names it and is never reused while the process lives. `msg` may be moved from. The
   // library calls this on one of its threads, and deliveries of one request come one after another. Whole requests
-  // arrive on the threads that serve all other clients too, so the callback must hand them on and return. Pieces arrive
-  // on threads of their own, where the callback may wait.
+  // arrive on the threads that serve all other clients too, so the callback must hand them on and return, unless
+  // IsThreadLent. Pieces arrive on threads of their own, where the callback may wait.
   using RecvCallback = TansyNet::RecvCallback;
 
   // Listens on `address` ("0.0.0.0", "::" or any local address; IPv6 listeners are v6-only so that both families share
@@ -56,6 +56,11 @@ class CHttpServer {
   // Says whether a request waits for its answer and its client is still there, as far as the operating system has
   // reported.
   static bool IsRequestOpen(std::int32_t handle);
+
+  // Says whether the callback that asks may take a while with its request: when it does, another thread serves the
+  // clients of its thread after some milliseconds. It suits requests that are mostly quick, because handing one over
+  // costs as much as running it. False outside a callback, and for half a second after a callback that was not quick.
+  static bool IsThreadLent();
 
   // Sets what "0.0.0.0" and "::" stand for in later starts: each stands for the given addresses of its family. A family
   // without any opens nothing and succeeds with handle 0. An empty list (the default) stands for all addresses of the

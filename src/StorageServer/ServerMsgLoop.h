@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_SERVER_MSG_LOOP_H
 
 #include <cstddef>
+#include <memory>
 
 #include "Singleton.h"
 #include "TansyBase/MessageLoop.h"
@@ -17,6 +18,10 @@ class CServerMsgLoop : public TansyBase::CMessageLoopDyThreadPool {
   static constexpr std::size_t kMaxWorkTasks = 20001;  // waiting and running; at this number requests are refused
 
   static CServerMsgLoop& Instance();
+
+  // Runs a request on the thread that brought it, if it is one that reads only, the HTTP library lends the thread and
+  // nothing waits in the loop: handing it over would cost as much as the request itself. Posts it otherwise.
+  void Take(std::unique_ptr<TansyBase::CTask> task, bool is_read);
 
  private:
   friend class CSingleton<CServerMsgLoop>;

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "logging/Logging.h"
@@ -22,6 +23,7 @@ struct LogLine {
   std::string format;
   std::string text;
   std::uint32_t repeats = 0;
+  std::thread::id thread;  // which thread logged it
 };
 
 class CCapturingLogSink : public logging::ISink {
@@ -29,7 +31,7 @@ class CCapturingLogSink : public logging::ISink {
   void Write(const logging::Record& record) override {
     const std::lock_guard lock(mutex_);
     lines_.push_back(LogLine{record.level, std::string(record.module), std::string(record.format),
-                             std::string(record.text), record.repeats});
+                             std::string(record.text), record.repeats, std::this_thread::get_id()});
   }
 
   std::vector<LogLine> Lines() const {

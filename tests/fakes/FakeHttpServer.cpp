@@ -37,6 +37,7 @@ void CFakeHttpServer::Reset() {
   open_nothing_ = false;
   send_error_ = 0;
   has_room_ = true;
+  lends_threads_ = false;
   take_chunk_ = nullptr;
   answers_.clear();
 }
@@ -278,6 +279,10 @@ int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& addre
 
 int CHttpServer::StopServer(std::int32_t handle) {
   return CFakeHttpServer::Instance().Stop(handle);
+}
+
+bool CHttpServer::IsThreadLent() {
+  return Tansy::Tests::CFakeHttpServer::Instance().LendsThreads();
 }
 
 int CHttpServer::ClaimAnswer(std::int32_t handle, std::uint32_t) {

@@ -10,6 +10,7 @@
 #ifndef TANSY_TESTS_FAKES_FAKE_HTTP_SERVER_H
 #define TANSY_TESTS_FAKES_FAKE_HTTP_SERVER_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -75,6 +76,10 @@ class CFakeHttpServer {
   // Whether there is room for large answers. Without it they get 503 when their room is claimed.
   void HaveRoom(bool room);
 
+  // Whether the threads that deliver requests are lent to their callbacks. They are not, unless a test says so.
+  void LendThreads(bool lend) { lends_threads_ = lend; }
+  bool LendsThreads() const { return lends_threads_; }
+
   // The chunks of big answers go to `take` instead of into the answers' bodies. Null: they are kept again.
   void TakeChunks(std::function<void(std::string_view chunk)> take);
 
@@ -124,6 +129,7 @@ class CFakeHttpServer {
   int send_error_ = 0;
   int sends_before_error_ = 0;
   bool has_room_ = true;
+  std::atomic<bool> lends_threads_{false};
   std::function<void(std::string_view)> take_chunk_;
   std::map<std::int32_t, FakeAnswer> answers_;
 };

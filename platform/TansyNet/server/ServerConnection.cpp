@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "TansyNet/server/LoopThreads.h"
 #include "logging/Logging.h"
 
 namespace TansyNet {
@@ -107,7 +108,8 @@ void CServerConnection::Advance(Lock& lock) {
   try {
     int steps = details::kStepsPerTurn;
     while (Step(lock) == Next::kGoOn) {
-      if (--steps == 0) {
+      // After a slow callback, this may be the worker's thread no longer.
+      if (--steps == 0 || !worker_->Threads().IsLeader()) {
         ContinueLater();
         break;
       }

@@ -131,6 +131,7 @@ class CServerConnection final : public IServerConnection,
   bool HasMoreInput();
   // Returns true when nobody will wake the connection although it has something to read.
   bool IsUnwatched() const { return HasInput() || !read_watched_; }
+  bool MustGoOnAfterCallback() const;
 
   // These are in ServerConnectionRequest.cpp.
   Next StepHead(Lock& lock);
@@ -156,6 +157,7 @@ class CServerConnection final : public IServerConnection,
   void KeepInput(std::string_view input);
   void TakeRequest(RequestHead& head);
   void Call(std::int32_t handle, HttpServerRecv& message);
+  void CallOnLoan(std::int32_t handle, HttpServerRecv& message);
 
   // These are in ServerConnectionUpload.cpp.
   Next BeginUpload(std::uint64_t length, std::string_view input);

@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "TansyNet/server/LoopThreads.h"
 #include "TansyNet/server/ServerConnection.h"
 #include "logging/Logging.h"
 
@@ -225,10 +226,32 @@ CServerConnection::Next CServerConnection::Deliver(Lock& lock) {
   EnterHandling();
   const std::int32_t handle = handle_;
   lock.unlock();
-  Call(handle, message);
+  CallOnLoan(handle, message);
   lock.lock();
-  // The answer may have been sent already; then the next request's bytes, if there are any, are read.
-  return phase_ == Phase::kIdle && IsUnwatched() ? Next::kGoOn : Next::kWait;
+  return MustGoOnAfterCallback() ? Next::kGoOn : Next::kWait;
+}
+
+// While the callback ran, the answer may have been sent, by any thread, and what was watched may have happened, which
+// nobody looked at.
+bool CServerConnection::MustGoOnAfterCallback() const {
+  switch (phase_) {
+    case Phase::kIdle:
+      return IsUnwatched();
+    case Phase::kSending:
+      return !write_watched_ || !read_watched_;
+    case Phase::kHandling:
+    case Phase::kSendingChunks:
+    case Phase::kDraining:
+      return !read_watched_;
+    default:
+      return false;
+  }
+}
+
+// The callback may run the whole request: when it takes long, another thread serves the worker's other clients.
+void CServerConnection::CallOnLoan(std::int32_t handle, HttpServerRecv& message) {
+  const CLoopThreads::CLoan loan(worker_->Threads());
+  Call(handle, message);
 }
 
 void CServerConnection::Call(std::int32_t handle, HttpServerRecv& message) {

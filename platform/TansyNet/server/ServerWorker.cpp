@@ -9,12 +9,12 @@
 #include <exception>
 #include <map>
 #include <mutex>
-#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "OSAL/Osal.h"
+#include "TansyNet/server/LoopThreads.h"
 #include "logging/Logging.h"
 
 namespace TansyNet {
@@ -38,26 +38,33 @@ void NoteFailure(const std::exception& problem) noexcept {
 }  // namespace details
 
 struct CServerWorker::Impl {
-  // One thread runs the loop; all other threads only post to it.
-  asio::io_context context{1};
+  // One thread at a time runs the loop, but not always the same one; all other threads only post to it. The hint makes
+  // the loop expect more than one thread.
+  asio::io_context context{2};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
   asio::steady_timer timer{context};
   std::atomic<std::uint32_t> tick_ms{500};
-  std::thread thread;
+  std::atomic<bool> has_failed{false};
 
   std::mutex mutex;
   bool stopped = false;                                   // guarded by mutex
   std::map<const void*, std::function<void()>> revivals;  // guarded by mutex
 
-  // Only the thread changes these, and it does so under the mutex; so the thread itself reads them without it.
+  // Only the leading thread changes these, and it does so under the mutex; so that thread reads them without it.
   std::unordered_map<IServerConnection*, std::shared_ptr<IServerConnection>> connections;
 
-  // Only the thread uses these.
+  // Only the leading thread uses these.
   bool ticking = false;  // true while the timer is set
   bool closing = false;
   std::unique_ptr<char[]> scratch{new char[kScratchBytes]};
 
-  void Run();
+  CLoopThreads threads{[] {
+                         MarkLibraryThread();
+                         OSAL_SetThreadName("tansy-io");
+                       },
+                       [this] { return RunOne(); }};
+
+  bool RunOne();
   void Revive();
   void Tick();
   void CheckDeadlines();
@@ -65,22 +72,16 @@ struct CServerWorker::Impl {
 
 // When memory runs out, the step of one connection ends, but the thread goes on. Things that the failed step should
 // have started, the clock and the listeners, are started afterwards.
-void CServerWorker::Impl::Run() {
-  MarkLibraryThread();
-  OSAL_SetThreadName("tansy-io");
-  bool has_failed = false;
-  for (;;) {
-    try {
-      if (has_failed) {
-        Revive();
-        has_failed = false;
-      }
-      context.run();
-      return;
-    } catch (const std::exception& problem) {
-      has_failed = true;
-      details::NoteFailure(problem);
+bool CServerWorker::Impl::RunOne() {
+  try {
+    if (has_failed.exchange(false, std::memory_order_relaxed)) {
+      Revive();
     }
+    return context.run_one() > 0;
+  } catch (const std::exception& problem) {
+    has_failed.store(true, std::memory_order_relaxed);
+    details::NoteFailure(problem);
+    return true;
   }
 }
 
@@ -148,7 +149,7 @@ void CServerWorker::MarkLibraryThread() {
 }
 
 void CServerWorker::Start() {
-  impl_->thread = std::thread([this] { impl_->Run(); });
+  impl_->threads.Start();
 }
 
 void CServerWorker::Stop() {
@@ -165,7 +166,7 @@ void CServerWorker::Stop() {
   });
   // Without the guard, the loop ends by itself when the last watch has reported its connection's end.
   impl_->work.reset();
-  impl_->thread.join();
+  impl_->threads.Join();
   const std::scoped_lock lock(impl_->mutex);
   impl_->revivals.clear();
   impl_->connections.clear();
@@ -240,6 +241,10 @@ void CServerWorker::SetRevival(const void* owner, std::function<void()> revive) 
 void CServerWorker::RemoveRevival(const void* owner) {
   const std::scoped_lock lock(impl_->mutex);
   impl_->revivals.erase(owner);
+}
+
+CLoopThreads& CServerWorker::Threads() {
+  return impl_->threads;
 }
 
 asio::io_context& CServerWorker::Loop() {

@@ -1,4 +1,5 @@
-// One I/O thread with its event loop, the connections that it serves, and the clock that watches over them.
+// One event loop with its threads, the connections that it serves, and the clock that watches over them. One of the
+// threads leads and runs the loop; "the worker's thread" means that one.
 #ifndef TANSY_NET_SERVER_SERVER_WORKER_H
 #define TANSY_NET_SERVER_SERVER_WORKER_H
 
@@ -14,6 +15,8 @@ class io_context;
 }
 
 namespace TansyNet {
+
+class CLoopThreads;
 
 // Gives the milliseconds of a clock that never goes back.
 std::int64_t SteadyMilliseconds();
@@ -55,6 +58,8 @@ class CServerWorker {
   // Gives room for the bytes of one read. All connections of the worker share it, so a connection that waits keeps no
   // buffer.
   char* Scratch();
+
+  CLoopThreads& Threads();
 
   // Gives the worker's event loop to sources that know Asio. The worker's thread watches the sockets that are made on
   // it.

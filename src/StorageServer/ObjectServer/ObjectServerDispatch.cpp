@@ -213,7 +213,8 @@ void CObjectServer::TakeMsg(std::int32_t handle, HttpServerRecv& msg) {
   if (is_piece && TakeBodyPiece(handle, msg) == Next::kNothing) {
     return;
   }
-  CServerMsgLoop::Instance().PostTask(new CObjectMsgTask(handle, std::move(msg)));
+  const bool is_read = msg.method == "GET";
+  CServerMsgLoop::Instance().Take(std::make_unique<CObjectMsgTask>(handle, std::move(msg)), is_read);
 }
 
 CObjectServer::Next CObjectServer::TakeBodyPiece(std::int32_t handle, HttpServerRecv& msg) {

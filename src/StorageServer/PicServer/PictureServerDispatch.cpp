@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -39,7 +40,8 @@ void CPictureServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
             msg.url.c_str(), msg.ip.c_str());
   try {
     if (CServerMsgLoop::Instance().GetWorkTaskCount() < CServerMsgLoop::kMaxWorkTasks) {
-      CServerMsgLoop::Instance().PostTask(new CPictureMsgTask(handle, std::move(msg)));
+      const bool is_read = msg.method == "GET";
+      CServerMsgLoop::Instance().Take(std::make_unique<CPictureMsgTask>(handle, std::move(msg)), is_read);
       return;
     }
     CLOUD_LOG(logging::kError, "[%s]RecvMsgCallBack, msg loop exceed.[%s(%d)]");

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <latch>
 #include <mutex>
@@ -87,6 +88,101 @@ TEST_F(MessageLoop, TasksPostedBeforeTheStartWait) {
   EXPECT_EQ(runs_, 0);
   ASSERT_TRUE(loop_.Start(2, 2, 5));
   EXPECT_TRUE(Eventually([&] { return runs_ == 10; }));
+}
+
+// Runs a function as a task on the calling thread; false when the loop has no place for it.
+bool RunHere(CMessageLoopDyThreadPool& loop, const std::function<void()>& function) {
+  Tests::CFunctionTask task(function);
+  return loop.RunHere(task);
+}
+
+TEST_F(MessageLoop, RunsATaskOnTheCallingThread) {
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  std::thread::id id;
+  std::size_t count = 0;
+  EXPECT_TRUE(RunHere(loop_, [&] {
+    id = std::this_thread::get_id();
+    count = loop_.GetWorkTaskCount();
+  }));
+  EXPECT_EQ(id, std::this_thread::get_id());
+  EXPECT_EQ(count, 1u);
+  EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
+}
+
+TEST_F(MessageLoop, ATaskThatThrowsOnTheCallingThreadDoesNoHarm) {
+  const CLogCapture log;
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  EXPECT_TRUE(RunHere(loop_, [] { throw std::runtime_error("oops"); }));
+  EXPECT_TRUE(RunHere(loop_, [] {}));
+}
+
+TEST_F(MessageLoop, RunsNothingHereUnlessItRuns) {
+  EXPECT_FALSE(RunHere(loop_, [this] { ++runs_; }));
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  loop_.Stop(true);
+  EXPECT_FALSE(RunHere(loop_, [this] { ++runs_; }));
+  EXPECT_EQ(runs_, 0);
+}
+
+TEST_F(MessageLoop, RunsNothingHereWhileAllPlacesAreTaken) {
+  ASSERT_TRUE(loop_.Start(2, 2, 5));
+  CHeldLoop held(loop_, 2);
+  EXPECT_FALSE(RunHere(loop_, [this] { ++runs_; }));
+  held.Release();
+  EXPECT_TRUE(Eventually([&] { return runs_ > 0 || RunHere(loop_, [this] { ++runs_; }); }));
+  EXPECT_EQ(runs_, 1);
+}
+
+// The task that runs here takes the place of one of the loop's own.
+TEST_F(MessageLoop, ATaskThatFindsNoPlaceRunsAfterTheOneHere) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  std::atomic<bool> is_here{false};
+  std::promise<bool> overlapped;
+  EXPECT_TRUE(RunHere(loop_, [&] {
+    is_here = true;
+    EXPECT_TRUE(Post(loop_, [&] { overlapped.set_value(is_here); }));
+    EXPECT_FALSE(RunHere(loop_, [] {}));
+    is_here = false;
+  }));
+  auto result = overlapped.get_future();
+  ASSERT_EQ(result.wait_for(60s), std::future_status::ready);
+  EXPECT_FALSE(result.get());
+}
+
+TEST_F(MessageLoop, ATaskHereThatWaitsGivesItsPlaceUp) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  EXPECT_TRUE(RunHere(loop_, [&] {
+    std::promise<void> ran;
+    EXPECT_TRUE(Post(loop_, [&] { ran.set_value(); }));
+    const CBlockingScope blocking;
+    EXPECT_EQ(ran.get_future().wait_for(60s), std::future_status::ready);
+  }));
+}
+
+TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAndRunsWhatWaitsBehindIt) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  std::latch began(1);
+  std::latch released(1);
+  std::thread visitor([&] {
+    EXPECT_TRUE(RunHere(loop_, [&] {
+      began.count_down();
+      released.wait();
+      ++runs_;
+    }));
+  });
+  began.wait();
+  PostCounted();
+  std::thread releaser([&] { released.count_down(); });
+  loop_.Stop(true);
+  EXPECT_EQ(runs_, 2);
+  visitor.join();
+  releaser.join();
+}
+
+TEST_F(MessageLoop, ATaskHereMayStopTheLoop) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  EXPECT_TRUE(RunHere(loop_, [this] { loop_.Stop(true); }));
+  EXPECT_FALSE(RunHere(loop_, [] {}));
 }
 
 TEST_F(MessageLoop, ALoopThatWasNeverStartedDeletesItsTasksAtItsEnd) {

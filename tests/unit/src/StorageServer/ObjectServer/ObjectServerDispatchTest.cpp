@@ -43,6 +43,34 @@ class CObjectServerDispatchTest : public CObjectServerTest {
   }
 };
 
+TEST_F(CObjectServerDispatchTest, ALentThreadRunsReadsItself) {
+  CFakeHttpServer::Instance().LendThreads(true);
+  for (const char* method : {"GET", "DELETE"}) {
+    log_->Clear();
+    Send({method, "/none/key", "", {}, {}});
+    const auto lines = log_->Find(kParsed);
+    ASSERT_EQ(lines.size(), 1u) << method;
+    EXPECT_EQ(lines[0].thread == std::this_thread::get_id(), std::string(method) == "GET") << method;
+  }
+}
+
+TEST_F(CObjectServerDispatchTest, AThreadThatIsNotLentRunsNothing) {
+  Send({"GET", "/none/key", "", {}, {}});
+  const auto lines = log_->Find(kParsed);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].thread, std::this_thread::get_id());
+}
+
+TEST_F(CObjectServerDispatchTest, ReadsWaitForAPlaceEvenOnALentThread) {
+  CFakeHttpServer& http = CFakeHttpServer::Instance();
+  http.LendThreads(true);
+  CHeldLoop held(CServerMsgLoop::Instance(), CServerMsgLoop::kThreads);
+  const std::int32_t handle = http.Deliver(&CObjectServer::RecvMsgCallBack, Signed({"GET", "/none/key", "", {}, {}}));
+  EXPECT_FALSE(http.IsAnswered(handle));
+  held.Release();
+  EXPECT_TRUE(http.WaitForAnswer(handle).IsThere());
+}
+
 TEST_F(CObjectServerDispatchTest, ParseUrl) {
   struct Case {
     const char* path;
