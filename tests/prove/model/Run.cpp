@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::int64_t kSweepSeconds = 4 * 24 * 3600;  // older than any upload may become
 constexpr std::int64_t kHousekeepingSeconds = 120;     // two looks at first parts are that far apart
+constexpr std::uint64_t kSmallLog = 1 << 20;           // heads, and the segment that grows
 constexpr std::size_t kMostShown = 10;
 
 std::uint64_t BytesBelow(const std::string& folder) {
@@ -187,6 +188,11 @@ std::vector<std::string> CompareSpace(CTansydServer& server, const RunResult& ru
          std::to_string(run.live_bytes));
   expect("bytes of the files of objects", std::to_string(BytesBelow(server.GetTansyd().Data("objects/fs01"))),
          Number(database, "SELECT SUM(size) FROM local_object WHERE url LIKE 'fs01%'"));
+  const std::uint64_t live = std::stoull(Number(database, "SELECT SUM(size) FROM local_object WHERE url LIKE 'lg01%'"));
+  const std::uint64_t log = BytesBelow(server.GetTansyd().Data("objects/lg01"));
+  if (log > 2 * live + kSmallLog) {
+    wrong.push_back("the body log has " + std::to_string(log) + " bytes for objects of " + std::to_string(live));
+  }
   expect("parts of uploads that nobody completes", Number(database, "SELECT COUNT(*) FROM local_object_task"), "0");
   expect("bytes of first parts", std::to_string(BytesBelow(server.GetTansyd().Data("localstoragetmp"))), "0");
   const system_tests::Ended checked = server.Check();

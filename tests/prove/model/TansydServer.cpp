@@ -8,9 +8,10 @@
 
 namespace prove {
 
-CTansydServer::CTansydServer(const std::string& folder, const std::vector<std::string>& arguments)
+CTansydServer::CTansydServer(const std::string& folder, const std::vector<std::string>& arguments,
+                             const std::string& program)
     : folder_(folder), tansyd_(folder) {
-  launch_.program = TANSYD_WITH_CONTROL;
+  launch_.program = program.empty() ? TANSYD_WITH_CONTROL : program;
   launch_.arguments = arguments;
 }
 

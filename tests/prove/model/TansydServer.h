@@ -14,8 +14,8 @@ namespace prove {
 
 class CTansydServer : public IServer {
  public:
-  // Works in `folder`. `arguments` are passed to tansyd.
-  CTansydServer(const std::string& folder, const std::vector<std::string>& arguments);
+  // Works in `folder`. `arguments` are passed to tansyd. `program`: a tansyd_with_control; empty: that of this build.
+  CTansydServer(const std::string& folder, const std::vector<std::string>& arguments, const std::string& program = {});
 
   bool Start() override;
   void Kill() override { tansyd_.Kill(); }
