@@ -45,7 +45,16 @@ measured() { # COMMAND...
   before=$(cpu_ms "$server")
   line=$("$@") || { fail "failed: $*"; return 1; }
   after=$(cpu_ms "$server")
+  same_security "$line" || return 1
   record "$line" $((after - before)) "$(memory_kib "$server" VmHWM)"
+}
+
+# Over HTTPS all servers of a run must have agreed on the same version and cipher.
+same_security() { # LINE
+  local now file=$disk/security
+  now=$(field tls "$1") && [[ $now != plain ]] || return 0
+  [[ -e $file ]] || echo "$now" >"$file"
+  [[ $now == "$(<"$file")" ]] || fail "this server uses $now, another one $(<"$file")"
 }
 
 # wrk with requests that were signed before. Prints the line of bench/wrk/requests.lua.

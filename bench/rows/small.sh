@@ -29,8 +29,8 @@ add_row get-4k-mem nginx 'rate>=1.0 cpu<=30' 'small_get memory header 64' 'the s
 add_row get-4k-one nginx 'p50<=1.3' 'small_get disk header 1' 'the same, one connection; the ratio is that of p50'
 add_row get-4k-https nginx 'rate>=0.95' 'small_get disk header 64 https_url' 'the same over HTTPS, 64 connections'
 
-# More names than can be written in the time of a run.
-fresh_names=$((40000 * seconds))
+# More names than can be written in the time of a run, also when one of the two threads of wrk writes most of them.
+fresh_names=$((100000 * seconds))
 
 # Writes under names that are new in each run. Each server is one of its own, because a run leaves many files behind.
 run_small_put() { # CONTENDER RUN PLACE DURABILITY

@@ -183,6 +183,7 @@ class CPut {
 
   std::uint64_t SendFile(const std::string& file, UploadJob& job) {
     const std::uint64_t size = LocalFileSize(file);
+    job.part_size = size <= kLargestWhole ? kLargestWhole : kUsualPart;
     if (call_.Has("--pieces")) {
       const std::uint64_t pieces = ParsePieces(call_.Option("--pieces"));
       job.part_size = std::max<std::uint64_t>((size + pieces - 1) / pieces, 1);

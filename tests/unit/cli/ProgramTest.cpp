@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,10 +24,13 @@
 namespace Tansy::Cli {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using Tests::ScriptedAnswer;
 using Tests::ScriptedRequest;
+
+constexpr std::size_t kMebibyte = std::size_t{1} << 20;
 
 struct Ended {
   int code = -1;
@@ -223,6 +227,24 @@ TEST_F(ProgramTest, PutsInPieces) {
     parts += request.target.find("part_number") != std::string::npos ? 1 : 0;
   }
   EXPECT_EQ(parts, 3);
+}
+
+TEST_F(ProgramTest, PutsWhatIsLargerThanEightMebibytesInPartsOfTwo) {
+  const auto put = [&](std::size_t size, const std::string& key) {
+    folder_.Write("large", std::string(size, 'x'));
+    EXPECT_EQ(Run("put large --name " + key).code, 0);
+    EXPECT_EQ(objects_.Object("/photos/" + key), std::string(size, 'x'));
+    std::multiset<std::size_t> bodies;
+    for (const ScriptedRequest& request : server_.Requests()) {
+      if (request.body.size() >= kMebibyte && request.target.starts_with("/photos/" + key)) {
+        bodies.insert(request.body.size());
+      }
+    }
+    return bodies;
+  };
+  EXPECT_THAT(put(8 * kMebibyte, "whole"), ElementsAre(8 * kMebibyte));
+  EXPECT_THAT(put(9 * kMebibyte, "parts"),
+              ElementsAre(kMebibyte, 2 * kMebibyte, 2 * kMebibyte, 2 * kMebibyte, 2 * kMebibyte));
 }
 
 TEST_F(ProgramTest, PutsStandardInput) {
@@ -587,7 +609,7 @@ TEST_F(ProgramTest, StartsOverWhenAResumedObjectHasChanged) {
 
 class UploadTest : public ProgramTest {
  protected:
-  static constexpr std::size_t kSize = 20 * 1048576 + 5;  // three parts
+  static constexpr std::size_t kSize = 20 * 1048576 + 5;  // several parts
 
   UploadTest() { folder_.Write("film", content_); }
 
@@ -599,13 +621,17 @@ TEST_F(UploadTest, SendsALargeFileInEqualParts) {
   const Ended ended = Run("put film --name key");
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_TRUE(objects_.Object("/photos/key") == content_);
-  std::map<std::string, std::size_t> sizes;
+  std::map<std::size_t, std::size_t> sizes;
   for (const ScriptedRequest& request : server_.Requests()) {
     if (const std::size_t at = request.target.find("part_number="); at != std::string::npos) {
-      sizes[request.target.substr(at + 12)] = request.body.size();
+      sizes[std::stoul(request.target.substr(at + 12))] = request.body.size();
     }
   }
-  EXPECT_EQ(sizes, (std::map<std::string, std::size_t>{{"1", 8388608}, {"2", 8388608}, {"3", kSize - 16777216}}));
+  std::map<std::size_t, std::size_t> expected;
+  for (std::size_t begin = 0; begin < kSize; begin += 2 * kMebibyte) {
+    expected[expected.size() + 1] = std::min(2 * kMebibyte, kSize - begin);
+  }
+  EXPECT_EQ(sizes, expected);
 }
 
 TEST_F(UploadTest, SendsAPartAgainUnderItsNumber) {
