@@ -4,13 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Disk.h"
@@ -155,6 +158,20 @@ class Faults : public testing::Test {
       ExpectHealthy();
     }
     Expect(number < kNeverSoManyCalls, "there is no end");
+  }
+
+  // Lets one call after another go wrong.
+  void Disturb(const std::atomic<bool>& is_over) {
+    std::mt19937_64 random(random_());
+    while (!is_over) {
+      Fault fault = kFaults[random() % kFaults.size()];
+      constexpr std::uint32_t kWhich[] = {kEveryCall, kCallSync, kCallWrite};
+      fault.calls = kWhich[random() % 3];
+      switch_.Set(fault, 1 + static_cast<std::int64_t>(random() % 10));
+      std::this_thread::sleep_for(std::chrono::milliseconds(1 + random() % 8));
+      faults_ += switch_.Clear() ? 1 : 0;
+      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 8));
+    }
   }
 
   // The next request is served.
@@ -368,6 +385,35 @@ TEST_F(Faults, ReadingAPicture) {
   FailEach({.request = [&](const std::string&) {
     return Right(Call(server_.GetPicturePort(), Signed({"GET", address, {}, ""})), BodyOf(body));
   }});
+}
+
+// Many requests at once, so that some share the flush that fails.
+TEST_F(Faults, ManyRequestsAtOnce) {
+  server_.Kill();
+  launch_.environment["TANSY_CALLS_SYNC_MICROSECONDS"] = "1500";
+  ASSERT_TRUE(server_.Start(launch_));
+  const int rounds = Settings::Get().IsLong() ? 10 : 1;
+  for (int round = 0; round < rounds && broken_.empty(); ++round) {
+    std::atomic<bool> is_over{false};
+    std::thread disturber([this, &is_over] { Disturb(is_over); });
+    WorkloadOptions workload = {.seed = random_(), .run = round + 1};
+    workload.has_faults = true;
+    workload.requests = 60;
+    workload.big_bodies = 0;
+    const std::vector<std::string> surprises = RunWorkload(server_, *marks_, workload);
+    is_over = true;
+    disturber.join();
+    where_ = "many at once, round " + std::to_string(round);
+    Expect(surprises.empty(), Joined(surprises));
+    ExpectHealthy();
+    ExpectPromises();
+  }
+  CutThePower(Settings::Get().IsLong() ? 200 : 15);
+  EXPECT_EQ(Joined(broken_), "") << Errors();
+  if (!broken_.empty()) {
+    std::cout << "the trace is kept: " << KeepFile(TracePath(), "faults.trace") << std::endl;
+  }
+  std::cout << faults_ << " faults" << std::endl;
 }
 
 // Errors that a server would not look at must be found.

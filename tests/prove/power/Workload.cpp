@@ -57,6 +57,7 @@ class CClient {
         random_(options.seed * 1000 + static_cast<std::uint64_t>(options.run * kMostClients + number)),
         next_(static_cast<std::size_t>(options.run * kMostClients + number + 1) * kNumbersOfAClient),
         number_(number),
+        has_faults_(options.has_faults),
         big_(big) {}
 
   void Run(int requests) {
@@ -109,7 +110,8 @@ class CClient {
     std::string extra;
     const std::string outcome = Send(server_, marks_, request, &extra);
     const bool may_be_missing = kind == ERequest::kRemove || kind == ERequest::kDelete;
-    if (outcome != "200" && !(may_be_missing && outcome == "404 NoSuchKey")) {
+    const bool is_refused = outcome == "404 NoSuchKey" ? may_be_missing : has_faults_ && outcome != "0";
+    if (outcome != "200" && !is_refused) {
       surprises_.push_back(request.BeginLine() + ": " + outcome);
     }
     return outcome == "200" ? extra : "";
@@ -159,6 +161,7 @@ class CClient {
   std::mt19937_64 random_;
   std::size_t next_;
   const int number_;
+  const bool has_faults_;
   std::atomic<int>& big_;
   std::vector<std::string> surprises_;
 };

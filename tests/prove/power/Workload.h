@@ -17,8 +17,9 @@ struct WorkloadOptions {
   std::uint64_t seed = 1;
   int run = 0;  // the number of this run on one data folder; the first one makes the bucket
   int clients = 6;
-  int requests = 25;   // of each client, about
-  int big_bodies = 1;  // bodies that arrive in pieces, of all clients together
+  int requests = 25;        // of each client, about
+  bool has_faults = false;  // any request may be refused, but all are answered
+  int big_bodies = 1;       // bodies that arrive in pieces, of all clients together
 };
 
 // Sends one request, with its two lines in the trace, and gives its answer's outcome. `number` must be a new one.
