@@ -1,6 +1,8 @@
 // kill -9 at any instant: what was acknowledged is there and whole. What was not acknowledged is there and whole, or it
 // is not there.
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <random>
@@ -162,6 +164,83 @@ TEST_F(CrashTest, AStreamedUploadThatIsCutShortIsInvisibleAndItsBytesAreGivenBac
   EXPECT_TRUE(WaitUntil([this] { return CountFiles(server_.Data("objects/fs01")) == 0; }));
   EXPECT_EQ(Get("/b/kept"), "kept");
 }
+
+// kill -9 in front of every single change to a file that small objects make: a new one, one that replaces, a removal.
+class SmallObjectCrashTest : public CrashTest, public testing::WithParamInterface<const char*> {
+ protected:
+  static constexpr int kMostSteps = 60;
+
+  void SetUp() override {
+    launch_.program = TANSYD_THAT_DIES;
+    launch_.arguments = {"--durability", GetParam()};
+    launch_.environment = {{"DIE_WHEN", temp_.GetPath() + "/when"}};
+    ASSERT_TRUE(server_.Start(launch_));
+    MakeBucket("b");
+  }
+  // Sends the request to a server that ends in front of the change of this number. Returns false when there are fewer
+  // changes than that.
+  bool DiesAt(int step, const std::string& method, const std::string& target, const std::string& body) {
+    std::ofstream(temp_.GetPath() + "/when") << step;
+    const Reply reply = Send(method, target, body);
+    std::filesystem::remove(temp_.GetPath() + "/when");
+    EXPECT_TRUE(reply.status == 200 || reply.status == 0) << Outcome(reply);
+    acknowledged_ = reply.status == 200;
+    const bool is_through = acknowledged_ && server_.IsRunning();
+    server_.Kill();
+    EXPECT_TRUE(server_.Start(launch_));
+    return !is_through;
+  }
+  std::string Now(const std::string& target) {
+    const Reply reply = Send("GET", target);
+    return reply.status == 200 ? reply.body : Outcome(reply);
+  }
+  // What is there afterwards is `before` or `after`, and `after` when the request was answered.
+  template <typename Prepare>
+  void DieEverywhere(const std::string& method, const std::string& before, const std::string& after, Prepare prepare) {
+    int step = 1;
+    for (bool died = true; died && !HasFailure(); ++step) {
+      ASSERT_LT(step, kMostSteps) << "no request goes through";
+      SCOPED_TRACE(method + ", in front of change " + std::to_string(step));
+      const std::string target = "/b/" + method + std::to_string(step) + "-" + std::to_string(after.size());
+      prepare(target);
+      died = DiesAt(step, method, target + (method == "DELETE" ? "?deletefile" : ""), method == "PUT" ? after : "");
+      const std::string now = Now(target);
+      EXPECT_TRUE(now == after || (!acknowledged_ && now == before)) << now;
+      ++(now == after ? seen_after_ : seen_before_);
+      Put(target, "again");
+      EXPECT_EQ(Get(target), "again");
+    }
+    EXPECT_GE(step, 3) << "the bytes and the row";
+  }
+
+  Launch launch_;
+  bool acknowledged_ = false;
+  int seen_before_ = 0;
+  int seen_after_ = 0;
+};
+
+TEST_P(SmallObjectCrashTest, EveryChangeMayBeTheLast) {
+  Put("/b/other", "other");
+  const auto put_old = [this](const std::string& target) { Put(target, "old"); };
+  DieEverywhere("PUT", "404 NoSuchKey", "new bytes", [](const std::string&) {});
+  DieEverywhere("PUT", "old", "in the place of the old", put_old);
+  DieEverywhere("DELETE", "old", "404 NoSuchKey", put_old);
+  EXPECT_GT(seen_before_, 0);
+  EXPECT_GT(seen_after_, 0);
+  EXPECT_EQ(Get("/b/other"), "other");
+  ASSERT_TRUE(server_.Stop());
+  Launch check;
+  check.with_ports = false;
+  check.arguments = {"--check", "--repair", "--force"};
+  const Ended checked = server_.RunToEnd(check);
+  EXPECT_EQ(checked.code, 0) << checked.out;
+  EXPECT_THAT(checked.out, HasSubstr(" 0 damaged"));
+  ASSERT_TRUE(server_.Start(launch_));
+  EXPECT_EQ(Get("/b/other"), "other");
+}
+
+INSTANTIATE_TEST_SUITE_P(Durability, SmallObjectCrashTest, testing::Values("full", "fast"),
+                         [](const auto& item) { return std::string(item.param); });
 
 TEST_F(CrashTest, BucketsSurviveToo) {
   for (int i = 0; i < 5; ++i) {
