@@ -176,21 +176,17 @@ bool CBodyLog::Flush(std::string& error) {
   return done;
 }
 
-bool CBodyLog::NamesLost(const std::vector<std::string_view>& statements) {
-  const std::lock_guard lock(flush_mutex_);
-  bool has_lost = false;
-  for (const NewBytes& bytes : GetUnsettled()) {
-    if (!bytes.failed) {
-      continue;
-    }
-    has_lost = true;
-    if (std::any_of(statements.begin(), statements.end(), [&bytes](std::string_view statement) {
-          return statement.find(bytes.name.id) != std::string_view::npos;
-        })) {
-      return true;
+// A request may be slow, and its row may come long after its bytes were lost and freed. So they are never forgotten.
+bool CBodyLog::NamesLost(const std::vector<std::string_view>& statements) const {
+  for (const SegmentPointer& segment : Segments()) {
+    for (const std::uint32_t key : segment->GetLost()) {
+      const std::string id = NameOf({segment->GetNumber(), key, segment->GetNonce()}).id;
+      if (std::any_of(statements.begin(), statements.end(),
+                      [&id](std::string_view statement) { return statement.find(id) != std::string_view::npos; })) {
+        return true;
+      }
     }
   }
-  has_lost_ = has_lost;
   return false;
 }
 
@@ -311,7 +307,7 @@ void CBodyLog::Tidy() {
     if (facts.is_busy) {
       continue;
     }
-    if (facts.live == 0 && facts.unsettled == 0) {
+    if (facts.live == 0 && facts.unsettled == 0 && !facts.has_lost) {
       Drop(*segment);
       dropped = true;
     } else if (!facts.is_sealed && (facts.unsettled == 0 || unsealed > details::kMostUnsealed)) {

@@ -271,15 +271,21 @@ int CBodySegment::Sync() {
   }
   const int error = file_->Sync();
   const std::lock_guard lock(mutex_);
-  if (error != 0) {
-    is_poisoned_ = true;
-    written = unflushed_.size();  // what came meanwhile is no better
-    for (const std::uint32_t key : unflushed_) {
-      Lose(key);
-    }
+  if (error == 0) {
+    unflushed_.erase(unflushed_.begin(), unflushed_.begin() + static_cast<std::ptrdiff_t>(written));
+    return 0;
   }
-  unflushed_.erase(unflushed_.begin(), unflushed_.begin() + static_cast<std::ptrdiff_t>(written));
+  is_poisoned_ = true;
+  lost_.swap(unflushed_);  // what came during the flush is no better than what came before it
+  for (const std::uint32_t key : lost_) {
+    Lose(key);
+  }
   return error;
+}
+
+std::vector<std::uint32_t> CBodySegment::GetLost() const {
+  const std::lock_guard lock(mutex_);
+  return lost_;
 }
 
 void CBodySegment::Lose(std::uint32_t key) {
@@ -379,6 +385,7 @@ CBodySegment::Facts CBodySegment::GetFacts() const {
   Facts facts;
   facts.is_sealed = index_at_ != 0;
   facts.is_busy = !writing_.empty() || !unflushed_.empty();
+  facts.has_lost = !lost_.empty();
   facts.live = live_;
   facts.unsettled = unsettled_.size();
   facts.live_bytes = live_bytes_;

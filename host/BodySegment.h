@@ -64,8 +64,10 @@ class CBodySegment {
   // Writes the record; bodies can be written at the same time. Until this succeeds, nobody finds the body.
   int Write(std::uint32_t key, std::string_view body);
   // Returns when everything that was written is on stable storage. After a failure the segment takes nothing more, and
-  // nobody finds what may not have reached the disk: it counts as unsettled and failed.
+  // nobody finds what may not have reached the disk: it is lost, and counts as unsettled and failed.
   int Sync();
+  // Gives the keys of what was lost. They are remembered as long as the segment is.
+  std::vector<std::uint32_t> GetLost() const;
 
   bool Find(std::uint32_t key, BodyPlace& place);
   // Returns false when there is no such body. The room is free once the segment is written anew.
@@ -83,6 +85,7 @@ class CBodySegment {
   struct Facts {
     bool is_sealed = false;
     bool is_busy = false;  // a record is being written or is not durable yet
+    bool has_lost = false;
     std::size_t live = 0;
     std::size_t unsettled = 0;
     std::uint64_t live_bytes = 0;  // with their heads
@@ -128,6 +131,7 @@ class CBodySegment {
   std::vector<BodyEntry> entries_;  // by key
   std::unordered_map<std::uint32_t, Unsettled> unsettled_;
   std::vector<std::uint32_t> unflushed_;  // keys of records that are not durable yet
+  std::vector<std::uint32_t> lost_;
   bool is_durable_ = false;
   bool is_poisoned_ = false;
   std::vector<std::uint32_t> writing_;  // keys between Reserve and the end of Write
