@@ -15,16 +15,46 @@ namespace {
 constexpr std::size_t kMaxValues = 64;
 constexpr std::size_t kMaxDigits = 18;  // every number of up to this many digits fits in 64 bits
 
-bool IsBlank(char c) {
-  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+enum class Kind : unsigned char { kOther, kBlank, kMark, kQuote, kMinus, kDigit, kLetter };
+
+constexpr Kind KindOf(char c) {
+  switch (c) {
+    case ' ':
+    case '\t':
+    case '\r':
+    case '\n':
+      return Kind::kBlank;
+    case '(':
+    case ')':
+    case ',':
+    case '.':
+    case '=':
+    case ';':
+      return Kind::kMark;
+    case '\'':
+      return Kind::kQuote;
+    case '-':
+      return Kind::kMinus;
+    default:
+      break;
+  }
+  if (c >= '0' && c <= '9') {
+    return Kind::kDigit;
+  }
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ? Kind::kLetter : Kind::kOther;
 }
 
-bool IsDigit(char c) {
-  return c >= '0' && c <= '9';
-}
+// The kind of every character, because this is asked for each one of each statement.
+constexpr std::array<Kind, 256> kKinds = [] {
+  std::array<Kind, 256> kinds{};
+  for (std::size_t i = 0; i < kinds.size(); ++i) {
+    kinds[i] = KindOf(static_cast<char>(i));
+  }
+  return kinds;
+}();
 
-bool IsWordCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || IsDigit(c) || c == '_';
+Kind KindAt(std::string_view text, std::size_t at) {
+  return kKinds[static_cast<unsigned char>(text[at])];
 }
 
 bool IsWord(std::string_view text, std::string_view upper_case) {
@@ -52,37 +82,45 @@ class CTemplateScanner {
         return false;
       }
     }
+    CopyTo(at_);
     return !result_.values.empty();
   }
 
  private:
   bool TakeNext() {
-    const char c = sql_[at_];
-    if (IsBlank(c)) {
-      return TakeCharacter();
+    switch (KindAt(sql_, at_)) {
+      case Kind::kBlank:
+        ++at_;
+        return true;
+      case Kind::kMark:
+        return TakeMark();
+      case Kind::kQuote:
+        return TakeText();
+      case Kind::kMinus:
+      case Kind::kDigit:
+        return TakeNumber();
+      case Kind::kLetter:
+        return TakeWord();
+      case Kind::kOther:
+        break;
     }
-    if (std::string_view("(),.=;").find(c) != std::string_view::npos) {
-      value_may_follow_ = c == '(' || c == ',' || c == '=';
-      return !IsAtBeginning() && TakeCharacter();
-    }
-    if (c == '\'') {
-      return TakeText();
-    }
-    return c == '-' || IsDigit(c) ? TakeNumber() : TakeWord();
+    return false;
   }
 
-  bool TakeCharacter() {
-    result_.text += sql_[at_++];
-    return true;
+  bool TakeMark() {
+    const bool is_first = IsAtBeginning();
+    last_mark_ = sql_[at_++];
+    value_may_follow_ = last_mark_ == '(' || last_mark_ == ',' || last_mark_ == '=';
+    return !is_first;
   }
 
   bool TakeWord() {
     const std::string_view word = sql_.substr(at_, WordLength());
-    if (word.empty() || (IsAtBeginning() ? !IsOneOf(word, kWrites) : !MayStandInside(word))) {
+    if (IsAtBeginning() ? !IsOneOf(word, kWrites) : !MayStandInside(word)) {
       return false;
     }
     is_insert_ = is_insert_ || (IsAtBeginning() && IsWord(word, "INSERT"));
-    result_.text += word;
+    last_mark_ = word.back();
     at_ += word.size();
     value_may_follow_ = false;
     return true;
@@ -90,7 +128,7 @@ class CTemplateScanner {
 
   // When VALUES makes a table of its own, the type of its columns may depend on the values that stand there.
   bool MayStandInside(std::string_view word) const {
-    return !IsOneOf(word, kMoreThanValues) && (!IsWord(word, "VALUES") || (is_insert_ && LastMark() != '('));
+    return !IsOneOf(word, kMoreThanValues) && (!IsWord(word, "VALUES") || (is_insert_ && last_mark_ != '('));
   }
 
   bool TakeNumber() {
@@ -106,10 +144,11 @@ class CTemplateScanner {
       return false;
     }
     at_ += digits;
-    return AddValue({false, number, {}});
+    return AddValue(begin, {false, number, {}});
   }
 
   bool TakeText() {
+    const std::size_t start = at_;
     std::string text;
     for (std::size_t begin = at_ + 1;;) {
       const std::size_t quote = sql_.find('\'', begin);
@@ -119,39 +158,48 @@ class CTemplateScanner {
       text += sql_.substr(begin, quote - begin);
       at_ = quote + 1;
       if (at_ == sql_.size() || sql_[at_] != '\'') {
-        return AddValue({true, 0, std::move(text)});
+        return AddValue(start, {true, 0, std::move(text)});
       }
       text += '\'';  // a quote inside a text is written twice
       begin = at_ + 1;
     }
   }
 
-  bool AddValue(SqlValue value) {
+  // The value stood at `begin`, and what follows it stands at at_.
+  bool AddValue(std::size_t begin, SqlValue value) {
     if (!value_may_follow_ || result_.values.size() == kMaxValues) {
       return false;
     }
     value_may_follow_ = false;
     result_.values.push_back(std::move(value));
+    CopyTo(begin);
     result_.text += '?';
+    last_mark_ = '?';
+    copied_ = at_;
     return true;
   }
 
-  bool IsAtBeginning() const { return LastMark() == '\0'; }
-
-  // Gives the last character taken that is no blank; NUL before there is one.
-  char LastMark() const {
-    const std::size_t last = result_.text.find_last_not_of(" \t\r\n");
-    return last == std::string::npos ? '\0' : result_.text[last];
+  // Takes the text up to `end` over as it is.
+  void CopyTo(std::size_t end) {
+    result_.text += sql_.substr(copied_, end - copied_);
+    copied_ = end;
   }
 
+  bool IsAtBeginning() const { return last_mark_ == '\0'; }
+
   std::size_t WordLength() const {
-    const auto begin = sql_.begin() + static_cast<std::ptrdiff_t>(at_);
-    return static_cast<std::size_t>(std::find_if_not(begin, sql_.end(), IsWordCharacter) - begin);
+    std::size_t end = at_;
+    while (end < sql_.size() && KindAt(sql_, end) >= Kind::kDigit) {
+      ++end;
+    }
+    return end - at_;
   }
 
   const std::string_view sql_;
   SqlTemplate& result_;
   std::size_t at_ = 0;
+  std::size_t copied_ = 0;  // up to here the text stands in the result
+  char last_mark_ = '\0';   // the last character taken that is no blank; NUL before there is one
   bool is_insert_ = false;
   bool value_may_follow_ = false;  // only punctuation and blanks since "(", "," or "="
 };
