@@ -43,19 +43,7 @@ bool CConnectionPool::Fill(std::string& error) {
 
 CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std::string& error) {
   std::unique_lock lock(mutex_);
-  const std::uint64_t ticket = next_ticket_++;
-  queue_.push_back(ticket);
-  const auto is_served = [this, ticket] {
-    return closed_ || (queue_.front() == ticket && (!idle_.empty() || open_ < CountAllowed()));
-  };
-  bool has_turn = is_served();
-  if (!has_turn) {
-    const TansyBase::CBlockingScope blocking;  // those who have the connections wait for the disk, most likely
-    has_turn = changed_.wait_for(lock, wait, is_served);
-  }
-  std::erase(queue_, ticket);
-  // The next caller in line may get its turn now as well, for example because this one gave up.
-  changed_.notify_all();
+  const bool has_turn = (queue_.empty() && HasRoom()) || WaitForTurn(lock, wait);
   if (closed_ || !has_turn) {
     error = closed_ ? "the module is not registered any more" : "all connections are in use";
     return {};
@@ -64,6 +52,23 @@ CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std
     return {std::move(connection), generation_};
   }
   return OpenOne(lock, error);
+}
+
+bool CConnectionPool::HasRoom() const {
+  return !idle_.empty() || open_ < CountAllowed();
+}
+
+// Returns false when the time is over, or the pool is closed.
+bool CConnectionPool::WaitForTurn(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds wait) {
+  const TansyBase::CBlockingScope blocking;  // those who have the connections wait for the disk, most likely
+  const std::uint64_t ticket = next_ticket_++;
+  queue_.push_back(ticket);
+  const bool has_turn =
+      changed_.wait_for(lock, wait, [this, ticket] { return closed_ || (queue_.front() == ticket && HasRoom()); });
+  std::erase(queue_, ticket);
+  // The next caller in line may get its turn now as well, for example because this one gave up.
+  changed_.notify_all();
+  return has_turn && !closed_;
 }
 
 // Takes an idle connection that still works. Broken ones are closed, which makes room.

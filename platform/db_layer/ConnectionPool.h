@@ -51,6 +51,8 @@ class CConnectionPool {
     Clock::time_point since;
   };
 
+  bool HasRoom() const;
+  bool WaitForTurn(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds wait);
   std::unique_ptr<CConnect> TakeIdle();
   Lease OpenOne(std::unique_lock<std::mutex>& lock, std::string& error);
   Lease Open(const DBParam& param, IDriver& driver, std::uint64_t generation, std::string& error) noexcept;
