@@ -15,8 +15,8 @@
 //   );
 //   INSERT INTO platform.sequences (name, next_value) VALUES ('platform.local_bucket_id_seq', 1);
 //
-// `name` is exactly what nextval is given. Values are reserved 64 at a time, and a reservation is committed before its
-// first value is used: a value is never given twice, and a process that ends leaves a gap of up to 64.
+// `name` is exactly what nextval is given. Values are reserved 1,024 at a time, and a reservation is committed before
+// its first value is used: a value is never given twice, and a process that ends leaves a gap of up to 2,048.
 //
 // SQLite commits in groups: statements that several threads execute at the same time share one transaction and one wait
 // for the disk, each of them still succeeding or failing by itself.

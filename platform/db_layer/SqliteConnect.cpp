@@ -2,9 +2,30 @@
 
 #include <exception>
 #include <new>
+#include <string_view>
 #include <utility>
 
 namespace db_layer {
+
+namespace details {
+namespace {
+
+constexpr std::string_view kSelect = "SELECT ";
+
+// Gives the name in "SELECT nextval('name')"; nothing when the text is any other.
+std::string_view SequenceOf(std::string_view sql) {
+  constexpr std::string_view kBegin = "SELECT nextval('";
+  constexpr std::string_view kEnd = "')";
+  if (!sql.starts_with(kBegin) || !sql.ends_with(kEnd) || sql.size() < kBegin.size() + kEnd.size()) {
+    return {};
+  }
+  sql.remove_prefix(kBegin.size());
+  sql.remove_suffix(kEnd.size());
+  return sql.find_first_of(std::string_view("'\0", 2)) == std::string_view::npos ? sql : std::string_view();
+}
+
+}  // namespace
+}  // namespace details
 
 CSqliteConnect::CSqliteConnect(std::shared_ptr<CSqliteDatabase> database) : database_(std::move(database)) {}
 
@@ -43,14 +64,29 @@ bool CSqliteConnect::ExecuteAll(const std::vector<std::string>& statements) {
 
 bool CSqliteConnect::Query(const std::string& sql) {
   return WithoutExceptions([&] {
+    if (const std::string_view sequence = details::SequenceOf(sql); !sequence.empty()) {
+      return ReadNextValue(sequence, sql);
+    }
     bool writes = false;
     return EnsureReader() && (Read(sql, writes) || (writes && database_->Write({sql}, &rows_, error_)));
   });
 }
 
-// A connection that met a failure gets a new reader, so that it works again once the cause is gone.
+// The most common query of all needs no reader: its values are in memory.
+bool CSqliteConnect::ReadNextValue(std::string_view sequence, const std::string& sql) {
+  std::int64_t value = 0;
+  if (!database_->NextValue(std::string(sequence), value, error_)) {
+    return false;
+  }
+  rows_.AddColumn(sql.substr(details::kSelect.size()));
+  rows_.AddCell(std::to_string(value));
+  return true;
+}
+
+// The reader is opened for the first query: most connections only write. A connection that met a failure gets a new
+// reader, so that it works again once the cause is gone.
 bool CSqliteConnect::EnsureReader() {
-  const bool is_current = !is_broken_ && generation_ == database_->Generation();
+  const bool is_current = reader_ && !is_broken_ && generation_ == database_->Generation();
   return is_current || Open(error_);
 }
 
@@ -97,10 +133,7 @@ bool CSqliteConnect::IsHealthy() {
 std::unique_ptr<CConnect> CSqliteDriver::Open(const DBParam& param, std::string& error) {
   SqlError sql_error;
   if (auto database = CSqliteDatabase::Acquire(param.database, sql_error)) {
-    auto connection = std::make_unique<CSqliteConnect>(std::move(database));
-    if (connection->Open(sql_error)) {
-      return connection;
-    }
+    return std::make_unique<CSqliteConnect>(std::move(database));
   }
   error = "cannot open the database " + param.database + ": " + sql_error.text;
   return nullptr;

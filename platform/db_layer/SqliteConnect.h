@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "db_layer/Connect.h"
@@ -17,9 +18,6 @@ namespace db_layer {
 class CSqliteConnect final : public CConnect {
  public:
   explicit CSqliteConnect(std::shared_ptr<CSqliteDatabase> database);
-
-  // Opens the reader, again if necessary.
-  bool Open(SqlError& error);
 
   bool Execute(const std::string& sql) override;
   bool Query(const std::string& sql) override;
@@ -36,12 +34,14 @@ class CSqliteConnect final : public CConnect {
   // Clears the rows and runs `action`; an exception becomes the error "out of memory".
   template <typename Action>
   bool WithoutExceptions(Action action) noexcept;
+  bool ReadNextValue(std::string_view sequence, const std::string& sql);
   bool EnsureReader();
+  bool Open(SqlError& error);
   bool Read(const std::string& sql, bool& writes);
 
   // This is declared first, because the reader must be closed before the database is released.
   std::shared_ptr<CSqliteDatabase> database_;
-  std::unique_ptr<CSqliteHandle> reader_;
+  std::unique_ptr<CSqliteHandle> reader_;  // null before the first query
   int generation_ = 0;
   bool is_broken_ = false;
   CRowBuffer rows_;

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <exception>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -16,6 +17,10 @@ namespace db_layer {
 
 namespace details {
 namespace {
+
+// SQLite then counts no bytes, which would take a lock of the whole process at each allocation. It has to be said
+// before SQLite is used for the first time.
+const int g_memory_statistics_off = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 
 std::atomic<bool> g_full_durability{true};
 std::atomic<int> g_busy_timeout_ms{5000};
@@ -92,8 +97,44 @@ CSqliteDatabase::CSqliteDatabase(std::string path, const SqliteOptions& options)
       sequences_(
           [this](const std::string& sql, CRowBuffer& rows, SqlError& error) { return Write({sql}, &rows, error); }),
       writer_sequences_(sequences_),
-      writer_(path_, options_, writer_sequences_),
-      group_commit_([this](const std::vector<SqlWrite*>& batch) { writer_.RunBatch(batch); }) {}
+      writer_(path_, options_, writer_sequences_, copying_),
+      group_commit_([this](const std::vector<SqlWrite*>& batch) { RunBatch(batch); }),
+      checkpoints_([this] { return CopyLog(); }, writing_) {}
+
+// When a sequence runs low, its next values are reserved along with what is written anyway.
+void CSqliteDatabase::RunBatch(const std::vector<SqlWrite*>& batch) {
+  checkpoints_.WaitForRoom();
+  const std::lock_guard writing(writing_);
+  CSqliteSequences::CReservation reservation(sequences_);
+  if (reservation.Write() != nullptr) {
+    std::vector<SqlWrite*> with_reservation = batch;
+    with_reservation.push_back(reservation.Write());
+    writer_.RunBatch(with_reservation);
+  } else {
+    writer_.RunBatch(batch);
+  }
+  checkpoints_.Note(writer_.LogPages());
+}
+
+int CSqliteDatabase::CopyLog() noexcept {
+  const std::lock_guard copying(copying_);
+  try {
+    SqlError error;
+    const int generation = writer_.Generation();
+    if ((!copier_.IsOpen() || copier_generation_ != generation) && !copier_.Open(path_, options_, sequences_, error)) {
+      return -1;
+    }
+    copier_generation_ = generation;
+    int left = 0;
+    return copier_.Checkpoint(left, error) ? left : -1;
+  } catch (const std::exception&) {
+    return -1;  // the next commit asks again
+  }
+}
+
+bool CSqliteDatabase::NextValue(const std::string& sequence, std::int64_t& value, SqlError& error) {
+  return sequences_.NextValue(sequence, value, error);
+}
 
 bool CSqliteDatabase::Write(const std::vector<std::string>& statements, CRowBuffer* rows, SqlError& error) {
   SqlWrite write;

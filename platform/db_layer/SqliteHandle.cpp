@@ -211,6 +211,26 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
          RunOwn("SELECT count(*) FROM platform.sqlite_schema", error);
 }
 
+bool CSqliteHandle::PrepareToWrite(SqlError& error) {
+  const auto note_pages = [](void* handle, sqlite3*, const char*, int pages) {
+    static_cast<CSqliteHandle*>(handle)->log_pages_ = pages;
+    return SQLITE_OK;
+  };
+  // The hook takes the place of SQLite's own, which would copy the log in the middle of a commit.
+  sqlite3_wal_hook(db_, note_pages, this);
+  return RunOwn("PRAGMA platform.cache_size=-65536", error);
+}
+
+bool CSqliteHandle::Checkpoint(int& left, SqlError& error) {
+  int pages = 0;
+  int copied = 0;
+  if (sqlite3_wal_checkpoint_v2(db_, "platform", SQLITE_CHECKPOINT_PASSIVE, &pages, &copied) != SQLITE_OK) {
+    return Fail(error);
+  }
+  left = pages - copied;
+  return true;
+}
+
 bool CSqliteHandle::Run(const std::string& sql, CRowBuffer* rows, SqlError& error) {
   if (!IsAcceptable(sql, error)) {
     return false;

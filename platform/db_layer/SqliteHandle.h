@@ -44,6 +44,13 @@ class CSqliteHandle {
 
   // Opens or makes the file and sets the connection up. `sequences` must outlive the handle.
   bool Open(const std::string& path, const SqliteOptions& options, ISequenceSource& sequences, SqlError& error);
+  // Sets up what only the connection that writes needs: a large cache, and a log that others copy into the database.
+  bool PrepareToWrite(SqlError& error);
+  // Copies the write-ahead log into the database without waiting for anybody. `left` is the number of pages that could
+  // not be copied yet.
+  bool Checkpoint(int& left, SqlError& error);
+  // Gives the pages in the write-ahead log after the last commit of this connection, once it is prepared to write.
+  int LogPages() const { return log_pages_; }
   void Close();
   bool IsOpen() const { return db_ != nullptr; }
 
@@ -79,6 +86,7 @@ class CSqliteHandle {
   // These are kept apart, because a caller must not run statements that were prepared without the checks.
   CSqliteStatements own_statements_;
   CSqliteStatements callers_statements_;
+  int log_pages_ = 0;
   bool guarded_ = false;           // while a caller's statement is prepared, or run, when SQLite may prepare it again
   const char* refusal_ = nullptr;  // the reason why Authorize refused
 };

@@ -17,8 +17,7 @@ bool CSqliteSequences::NextValue(const std::string& sequence, std::int64_t& valu
   std::unique_lock lock(mutex_);
   for (;;) {
     Sequence& entry = sequences_[sequence];
-    if (entry.next < entry.end) {
-      value = entry.next++;
+    if (TakeNext(entry, value)) {
       return true;
     }
     if (!entry.is_reserving) {
@@ -40,6 +39,19 @@ bool CSqliteSequences::NextValue(const std::string& sequence, std::int64_t& valu
   }
 }
 
+bool CSqliteSequences::TakeNext(Sequence& entry, std::int64_t& value) {
+  if (entry.next == entry.end && entry.has_spare) {
+    entry.next = entry.first_of_spare;
+    entry.end = entry.first_of_spare + kBlock;
+    entry.has_spare = false;
+  }
+  if (entry.next == entry.end) {
+    return false;
+  }
+  value = entry.next++;
+  return true;
+}
+
 bool CSqliteSequences::Reserve(Sequence& entry, const std::string& name, std::unique_lock<std::mutex>& lock,
                                SqlError& error) {
   entry.is_reserving = true;
@@ -57,6 +69,7 @@ bool CSqliteSequences::Reserve(Sequence& entry, const std::string& name, std::un
   } else if (epoch == epoch_) {
     entry.next = first;
     entry.end = first + kBlock;
+    entry.was_refused = false;
   }
   return succeeded;
 }
@@ -74,11 +87,7 @@ bool CSqliteSequences::CommitBlock(const std::string& name, std::int64_t& first,
 bool CSqliteSequences::TakeReserved(const std::string& sequence, std::int64_t& value) {
   const std::lock_guard lock(mutex_);
   const auto found = sequences_.find(sequence);
-  if (found == sequences_.end() || found->second.next >= found->second.end) {
-    return false;
-  }
-  value = found->second.next++;
-  return true;
+  return found != sequences_.end() && TakeNext(found->second, value);
 }
 
 void CSqliteSequences::Forget() {
@@ -86,6 +95,52 @@ void CSqliteSequences::Forget() {
   ++epoch_;
   for (auto& [name, entry] : sequences_) {
     entry.next = entry.end = 0;
+    entry.has_spare = entry.was_refused = false;
+  }
+}
+
+CSqliteSequences::CReservation::CReservation(CSqliteSequences& sequences) : sequences_(sequences) {
+  if (Find()) {
+    write_.statements = &statements_;
+    write_.rows = &rows_;
+  }
+}
+
+bool CSqliteSequences::CReservation::Find() {
+  const std::lock_guard lock(sequences_.mutex_);
+  for (auto& [name, entry] : sequences_.sequences_) {
+    const std::int64_t left = entry.end - entry.next;
+    if (left > 0 && left < kBlock / 2 && !entry.has_spare && !entry.was_refused && !entry.is_reserving) {
+      name_ = name;
+      statements_.push_back(ReserveStatement(name));
+      epoch_ = sequences_.epoch_;
+      entry.is_reserving = true;
+      return true;
+    }
+  }
+  return false;
+}
+
+CSqliteSequences::CReservation::~CReservation() {
+  if (Write() == nullptr) {
+    return;
+  }
+  SqlError ignored;
+  std::int64_t first = 0;
+  bool succeeded = false;
+  try {
+    succeeded = write_.succeeded && ReadBlock(rows_, name_, first, ignored);
+  } catch (const std::exception&) {
+    succeeded = false;  // out of memory; the values are lost
+  }
+  const std::lock_guard lock(sequences_.mutex_);
+  Sequence& entry = sequences_.sequences_.find(name_)->second;
+  entry.is_reserving = false;
+  sequences_.reserved_.notify_all();
+  if (epoch_ == sequences_.epoch_) {
+    entry.first_of_spare = first;
+    entry.has_spare = succeeded;
+    entry.was_refused = !succeeded;
   }
 }
 

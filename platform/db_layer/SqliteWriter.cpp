@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "TansyBase/TimeUtil.h"
 #include "db_layer/CommitBarrier.h"
 #include "db_layer/FolderSync.h"
 
@@ -92,8 +93,9 @@ bool MustRunAlone(const SqlWrite& write) {
 }  // namespace
 }  // namespace details
 
-CSqliteWriter::CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences)
-    : path_(std::move(path)), options_(options), sequences_(sequences) {}
+CSqliteWriter::CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences,
+                             std::mutex& checkpoints)
+    : path_(std::move(path)), options_(options), sequences_(sequences), checkpoints_(checkpoints) {}
 
 void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   SqlError error;
@@ -121,9 +123,13 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
 
 void CSqliteWriter::RunTogether(std::vector<SqlWrite*>& writes) noexcept {
   try {
+    // Nearly always all writes succeed, and then none of them needs a savepoint. Otherwise they run again with one
+    // each.
+    bool done = writes.empty() || RunTransaction(writes, ESavepoints::kNone);
     // A full or failing disk can undo the whole transaction. The other writes then run again without the one that
     // caused it, so each round is shorter than the one before.
-    while (!writes.empty() && !RunTransaction(writes)) {
+    while (!done && !writes.empty()) {
+      done = RunTransaction(writes, ESavepoints::kForEachWrite);
     }
   } catch (const std::exception&) {
     // This never happens after a commit, because nothing allocates between the commit and the end of RunTransaction.
@@ -147,13 +153,24 @@ void CSqliteWriter::RollBack() noexcept {
 }
 
 bool CSqliteWriter::EnsureOpen(SqlError& error) {
-  const bool works = handle_ && !handle_->HasMoved() && (!is_in_doubt_ || Recovers());
+  const bool works = handle_ && !HasMoved() && (!is_in_doubt_ || Recovers());
   return works || Reopen(error);
+}
+
+// Asks at most once a second, because asking is a call of the operating system.
+bool CSqliteWriter::HasMoved() {
+  const std::int64_t now = TansyBase::TimeUtil::Uptime();
+  if (now == looked_at_) {
+    return false;
+  }
+  looked_at_ = now;
+  return handle_->HasMoved();
 }
 
 // Copies the log into the database and empties it. This shows that the file works again, and it also removes what a
 // failed commit left behind in the log.
 bool CSqliteWriter::Recovers() {
+  const std::lock_guard lock(checkpoints_);
   SqlError error;
   is_in_doubt_ = !handle_->RunOwn("PRAGMA platform.wal_checkpoint(TRUNCATE)", error);
   return !is_in_doubt_;
@@ -162,8 +179,9 @@ bool CSqliteWriter::Recovers() {
 // The old connection is closed after the new one is open. If all were closed in between, the next one would read the
 // log as after a crash, and would take a commit that failed while it was made durable for a successful one.
 bool CSqliteWriter::Reopen(SqlError& error) {
+  const std::lock_guard lock(checkpoints_);
   auto handle = std::make_unique<CSqliteHandle>();
-  if (!handle->Open(path_, options_, sequences_, error)) {
+  if (!handle->Open(path_, options_, sequences_, error) || !handle->PrepareToWrite(error)) {
     return false;
   }
   // A new file whose folder entry is missing after a power failure is as lost as one that was never written.
@@ -179,7 +197,7 @@ bool CSqliteWriter::Reopen(SqlError& error) {
 }
 
 // Returns false when the transaction was undone on the way; `writes` then holds what has to run again.
-bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
+bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes, ESavepoints savepoints) {
   SqlError error;
   // An old transaction may still be open, if memory ran out in the middle of a batch and again at its end. That batch
   // has failed.
@@ -189,9 +207,14 @@ bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes) {
     return true;
   }
   for (auto it = writes.begin(); it != writes.end(); ++it) {
-    (*it)->succeeded = RunInSavepoint(**it);
+    SqlWrite& write = **it;
+    write.succeeded = savepoints == ESavepoints::kForEachWrite ? RunInSavepoint(write) : RunStatements(write);
     if (!handle_->IsInTransaction()) {
       writes.erase(it);
+      return false;
+    }
+    if (!write.succeeded && savepoints == ESavepoints::kNone) {
+      RollBack();
       return false;
     }
   }

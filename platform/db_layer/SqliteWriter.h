@@ -3,7 +3,9 @@
 #define TANSY_DB_LAYER_SQLITE_WRITER_H
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,33 +26,42 @@ class IWriterSequences : public ISequenceSource {
 // Threads: one at a time, except for Generation.
 class CSqliteWriter {
  public:
-  CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences);
+  // `checkpoints` is locked while the file is opened and while the log is emptied after a failure, because nobody else
+  // may copy the log meanwhile.
+  CSqliteWriter(std::string path, const SqliteOptions& options, IWriterSequences& sequences, std::mutex& checkpoints);
 
-  // Opens the file when it is not open, when another file is behind the path by now, or when the connection does not
-  // recover from a failure.
+  // Opens the file when it is not open, when another file is behind the path by now (which is noticed within a second),
+  // or when the connection does not recover from a failure.
   bool EnsureOpen(SqlError& error);
-  // Passes the commit barrier, then commits the batch in one transaction with one savepoint per write, so that a
-  // refused write fails alone. When the barrier or the commit fails, all writes fail and nothing is applied. After an
-  // exception (std::bad_alloc) nothing is applied either.
+  // Passes the commit barrier, then commits the batch in one transaction, in which a refused write fails alone. When
+  // the barrier or the commit fails, all writes fail and nothing is applied. After an exception (std::bad_alloc)
+  // nothing is applied either.
   void RunBatch(const std::vector<SqlWrite*>& batch);
+  // Gives the pages in the write-ahead log after the last commit.
+  int LogPages() const { return handle_ ? handle_->LogPages() : 0; }
   // Changes when the file is opened again; other connections should then be opened again too. Threads: any.
   int Generation() const { return generation_; }
 
  private:
+  enum class ESavepoints { kNone, kForEachWrite };
+
   void RunTogether(std::vector<SqlWrite*>& writes) noexcept;
-  bool RunTransaction(std::vector<SqlWrite*>& writes);
+  bool RunTransaction(std::vector<SqlWrite*>& writes, ESavepoints savepoints);
   bool RunInSavepoint(SqlWrite& write);
   bool RunStatements(SqlWrite& write) noexcept;
   void RunAlone(SqlWrite& write) noexcept;
   void RollBack() noexcept;
+  bool HasMoved();
   bool Recovers();
   bool Reopen(SqlError& error);
 
   const std::string path_;
   const SqliteOptions options_;
   IWriterSequences& sequences_;
+  std::mutex& checkpoints_;
   std::unique_ptr<CSqliteHandle> handle_;
-  bool is_in_doubt_ = false;  // the last batch met a failure that may be due to the connection
+  std::int64_t looked_at_ = 0;  // value of TimeUtil::Uptime when the path was looked at last
+  bool is_in_doubt_ = false;    // the last batch met a failure that may be due to the connection
   std::atomic<int> generation_{0};
 };
 

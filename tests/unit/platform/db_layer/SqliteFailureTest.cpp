@@ -13,6 +13,7 @@
 
 #include "FaultVfs.h"
 #include "SqliteFixture.h"
+#include "fakes/ManualClock.h"
 
 namespace db_layer {
 namespace {
@@ -258,6 +259,7 @@ TEST_F(SqliteFailureTest, FailingReadsAreErrorsAndPass) {
       "5000) SELECT i, hex(randomblob(500)) FROM n"));
   connection_.reset();
   connection_ = OpenSqlite(path_);
+  EXPECT_EQ(Count(*connection_, "platform.sequences"), 1);  // it is open for reading from here on
   faults_.read_failure = SQLITE_IOERR_READ;
   EXPECT_FALSE(connection_->Query("SELECT * FROM platform.item"));
   EXPECT_EQ(ErrorOf(*connection_), "disk I/O error");
@@ -311,6 +313,7 @@ TEST_F(SqliteFailureTest, DamagedPagesAreErrors) {
 }
 
 TEST_F(SqliteFailureTest, ReplacedFileIsNoticedAndUsed) {
+  Tansy::Tests::CManualClock clock;
   MakeSchema();
   ASSERT_TRUE(Insert(1));
   ASSERT_TRUE(connection_->Query("SELECT nextval('platform.item_id_seq')"));
@@ -320,25 +323,28 @@ TEST_F(SqliteFailureTest, ReplacedFileIsNoticedAndUsed) {
   connection_ = OpenSqlite(path_);
   ASSERT_TRUE(Insert(2));
   ASSERT_TRUE(connection_->Query("SELECT nextval('platform.item_id_seq')"));
-  EXPECT_EQ(connection_->GetInt(0), 65);
+  EXPECT_EQ(connection_->GetInt(0), 1025);
   // Somebody puts the backup back without stopping the service.
   std::filesystem::remove(path_ + "-wal");
   std::filesystem::remove(path_ + "-shm");
   std::filesystem::rename(folder_.Path("backup.db"), path_);
+  clock.Advance(1);
 
   EXPECT_TRUE(Insert(3)) << ErrorOf(*connection_);
   EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item ORDER BY id", "id"), "1,3");
   ASSERT_TRUE(connection_->Query("SELECT nextval('platform.item_id_seq')"));
-  EXPECT_EQ(connection_->GetInt(0), 65);
+  EXPECT_EQ(connection_->GetInt(0), 1025);
   EXPECT_EQ(Count(*OpenSqlite(path_), "platform.item"), 2);
 }
 
 TEST_F(SqliteFailureTest, RemovedFileIsAnErrorAndNotASilentLoss) {
+  Tansy::Tests::CManualClock clock;
   MakeSchema();
   ASSERT_TRUE(Insert(1));
   for (const char* end : {"", "-wal", "-shm"}) {
     std::filesystem::remove(path_ + end);
   }
+  clock.Advance(1);
   EXPECT_FALSE(Insert(2));
   EXPECT_EQ(ErrorOf(*connection_), "no such table: platform.item");
 }

@@ -41,13 +41,62 @@ TEST_F(SqliteSequencesTest, ValuesFollowOneAnother) {
 TEST_F(SqliteSequencesTest, BlocksAreCommittedBeforeTheirFirstValue) {
   EXPECT_EQ(Stored(), "1");
   EXPECT_EQ(Next(*connection_), 1);
-  EXPECT_EQ(Stored(), "65");
-  for (int i = 2; i <= 64; ++i) {
+  EXPECT_EQ(Stored(), "1025");
+  for (int i = 2; i <= 1024; ++i) {
     Next(*connection_);
   }
-  EXPECT_EQ(Stored(), "65");
-  EXPECT_EQ(Next(*connection_), 65);
-  EXPECT_EQ(Stored(), "129");
+  EXPECT_EQ(Stored(), "1025");
+  EXPECT_EQ(Next(*connection_), 1025);
+  EXPECT_EQ(Stored(), "2049");
+}
+
+// When less than half a block is left, the next write reserves the next block along with its own row.
+TEST_F(SqliteSequencesTest, TheNextBlockIsReservedAlongWithAnotherWrite) {
+  for (int i = 1; i <= 512; ++i) {
+    Next(*connection_);
+  }
+  ASSERT_TRUE(Insert(1));
+  EXPECT_EQ(Stored(), "1025") << "half a block is left";
+  EXPECT_EQ(Next(*connection_), 513);
+  ASSERT_TRUE(Insert(2));
+  EXPECT_EQ(Stored(), "2049");
+  ASSERT_TRUE(Insert(3));
+  EXPECT_EQ(Stored(), "2049") << "once is enough";
+  for (int expected = 514; expected <= 2048; ++expected) {
+    ASSERT_EQ(Next(*connection_), expected);
+  }
+  EXPECT_EQ(Stored(), "2049");
+  ASSERT_TRUE(Insert(4));
+  EXPECT_EQ(Next(*connection_), 2049);
+}
+
+// The write beside it succeeds although there is no further block, and is not asked for one again.
+TEST_F(SqliteSequencesTest, ABlockThatIsRefusedAheadHarmsNobody) {
+  for (int i = 1; i <= 600; ++i) {
+    Next(*connection_);
+  }
+  Store("'many'");  // reserves on its way, and fails at it
+  ASSERT_TRUE(Insert(1));
+  ASSERT_TRUE(Insert(2));
+  for (int expected = 601; expected <= 1024; ++expected) {
+    ASSERT_EQ(Next(*connection_), expected);
+  }
+  EXPECT_FALSE(connection_->Query(kNext));
+  Store("5000");
+  EXPECT_EQ(Next(*connection_), 5000);
+}
+
+// A write that fails does not take the reservation along.
+TEST_F(SqliteSequencesTest, AReservationAheadSurvivesTheFailureOfTheWriteBesideIt) {
+  ASSERT_TRUE(Insert(1));
+  for (int i = 1; i <= 600; ++i) {
+    Next(*connection_);
+  }
+  EXPECT_FALSE(Insert(1));
+  EXPECT_EQ(Stored(), "2049");
+  for (int expected = 601; expected <= 1100; ++expected) {
+    ASSERT_EQ(Next(*connection_), expected);
+  }
 }
 
 TEST_F(SqliteSequencesTest, AllConnectionsShareABlock) {
@@ -61,7 +110,7 @@ TEST_F(SqliteSequencesTest, ReopeningSkipsWhatWasLeft) {
   EXPECT_EQ(Next(*connection_), 1);
   connection_.reset();
   connection_ = OpenSqlite(path_);
-  EXPECT_EQ(Next(*connection_), 65);
+  EXPECT_EQ(Next(*connection_), 1025);
 }
 
 TEST_F(SqliteSequencesTest, SequencesAreIndependent) {
@@ -109,15 +158,15 @@ TEST_F(SqliteSequencesTest, MissingTableIsAnErrorUntilItIsThere) {
 }
 
 TEST_F(SqliteSequencesTest, ExhaustedSequenceIsAnError) {
-  Store("9223372036854775743");
+  Store("9223372036854774783");
   ASSERT_TRUE(connection_->Query(kNext));
-  EXPECT_EQ(connection_->GetString("nextval('platform.item_id_seq')"), "9223372036854775743");
-  Store("9223372036854775744");
-  for (int i = 1; i < 64; ++i) {
+  EXPECT_EQ(connection_->GetString("nextval('platform.item_id_seq')"), "9223372036854774783");
+  Store("9223372036854774784");
+  for (int i = 1; i < 1024; ++i) {
     ASSERT_TRUE(connection_->Query(kNext)) << i;
   }
   EXPECT_FALSE(connection_->Query(kNext));
-  EXPECT_EQ(Stored(), "9223372036854775744");
+  EXPECT_EQ(Stored(), "9223372036854774784");
 }
 
 TEST_F(SqliteSequencesTest, ValueThatIsNoNumberIsAnError) {
@@ -141,11 +190,11 @@ TEST_F(SqliteSequencesTest, StatementsThatWriteCanTakeValuesToo) {
 
 TEST_F(SqliteSequencesTest, OneStatementMayTakeManyBlocks) {
   ASSERT_TRUE(connection_->Execute(
-      "INSERT INTO platform.item (id) WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1000) "
+      "INSERT INTO platform.item (id) WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) "
       "SELECT nextval('platform.item_id_seq') FROM n"))
       << ErrorOf(*connection_);
-  EXPECT_EQ(Count(*connection_, "platform.item"), 1000);
-  EXPECT_GE(Next(*connection_), 1001);
+  EXPECT_EQ(Count(*connection_, "platform.item"), 3000);
+  EXPECT_GE(Next(*connection_), 3001);
 }
 
 TEST_F(SqliteSequencesTest, UndoneStatementTakesItsReservationWithIt) {
@@ -154,7 +203,7 @@ TEST_F(SqliteSequencesTest, UndoneStatementTakesItsReservationWithIt) {
       connection_->Execute("INSERT INTO platform.item (id) VALUES (nextval('platform.item_id_seq') + 1000), (1)"));
   EXPECT_EQ(Stored(), "1");
   EXPECT_EQ(Next(*connection_), 1);
-  EXPECT_EQ(Stored(), "65");
+  EXPECT_EQ(Stored(), "1025");
 }
 
 TEST_F(SqliteSequencesTest, DefaultsMayCallNextval) {

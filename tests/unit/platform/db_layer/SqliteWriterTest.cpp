@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <mutex>
 #include <new>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,13 +20,14 @@ class CExhaustedSequences : public IWriterSequences {
  public:
   bool NextValue(const std::string&, std::int64_t&, SqlError&) override { return false; }
   void UseTransactionOf(CSqliteHandle* handle) override {
-    if (handle != nullptr && until_exhausted_ > 0 && --until_exhausted_ == 0) {
+    if (handle != nullptr && exhausted_in_.count(++statements_) > 0) {
       throw std::bad_alloc();
     }
   }
   void Forget() override {}
 
-  int until_exhausted_ = 0;
+  std::set<int> exhausted_in_;  // numbers of statements, counted from 1
+  int statements_ = 0;
 };
 
 class SqliteWriterTest : public CSqliteFixture {
@@ -39,13 +42,15 @@ std::vector<std::string> InsertItem(int id) {
 TEST_F(SqliteWriterTest, AWriteThatRunsOutOfMemoryFailsAlone) {
   MakeSchema();
   CExhaustedSequences sequences;
-  CSqliteWriter writer(path_, SqliteOptions{}, sequences);
+  std::mutex checkpoints;
+  CSqliteWriter writer(path_, SqliteOptions{}, sequences, checkpoints);
   const std::vector<std::vector<std::string>> statements = {InsertItem(1), InsertItem(2), InsertItem(3)};
   std::vector<SqlWrite> writes(3);
   for (std::size_t i = 0; i < writes.size(); ++i) {
     writes[i].statements = &statements[i];
   }
-  sequences.until_exhausted_ = 2;
+  // The second write of the group, and again when the group is run once more without it disturbing the others.
+  sequences.exhausted_in_ = {2, 4};
   writer.RunBatch({&writes[0], &writes[1], &writes[2]});
   EXPECT_TRUE(writes[0].succeeded) << writes[0].error.text;
   EXPECT_FALSE(writes[1].succeeded);
@@ -62,7 +67,8 @@ TEST_F(SqliteWriterTest, AGroupPassesTheCommitBarrierOnce) {
     return true;
   });
   CExhaustedSequences sequences;
-  CSqliteWriter writer(path_, SqliteOptions{}, sequences);
+  std::mutex checkpoints;
+  CSqliteWriter writer(path_, SqliteOptions{}, sequences, checkpoints);
   const std::vector<std::vector<std::string>> statements = {
       InsertItem(1), InsertItem(2), {"PRAGMA platform.user_version = 5"}};
   std::vector<SqlWrite> writes(3);
