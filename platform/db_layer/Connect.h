@@ -2,9 +2,12 @@
 #ifndef TANSY_DB_LAYER_CONNECT_H
 #define TANSY_DB_LAYER_CONNECT_H
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace db_layer {
@@ -22,6 +25,16 @@ struct DBParam {
   int min_connections = 4;   // this many are kept open
   int max_connections = 16;  // when this many are in use, a caller waits
 };
+
+// One row while a query shows it. Columns are counted from 0, in the order in which they were asked for. NULL and a
+// missing column read as "" and 0, integers are the low 32 bits. A text lasts until the row has been looked at.
+class IRow {
+ public:
+  virtual ~IRow() = default;
+  virtual std::string_view GetText(std::size_t column) const = 0;
+  virtual std::int32_t GetInt(std::size_t column) const = 0;
+};
+using RowVisitor = std::function<void(const IRow& row)>;
 
 // A connection. Tables live in the schema `platform` on every database (an attached file in SQLite). Only GetString
 // throws, and only std::bad_alloc.
@@ -50,6 +63,11 @@ class CConnect {
   // Runs statements like Execute in one transaction: all of them are committed, or none. It is meant for schemas and
   // upgrades.
   virtual bool ExecuteAll(const std::vector<std::string>& statements) = 0;
+  // Runs one query that only reads, and shows these columns of its rows one by one without keeping them, for results
+  // that are too large to be held. Whoever looks must not use the connection, and should be quick: the database cannot
+  // give up what it had before the query. Returns false when the query fails, perhaps after rows have been shown; a
+  // std::bad_alloc of whoever looks is such a failure. There is no current row afterwards.
+  virtual bool ShowRows(const std::string& sql, const std::vector<std::string>& columns, const RowVisitor& look) = 0;
 };
 
 // Opens connections of one kind of database. Threads: any.

@@ -72,6 +72,17 @@ bool CSqliteConnect::Query(const std::string& sql) {
   });
 }
 
+bool CSqliteConnect::ShowRows(const std::string& sql, const std::vector<std::string>& columns, const RowVisitor& look) {
+  return WithoutExceptions([&] {
+    if (!EnsureReader()) {
+      return false;
+    }
+    const bool succeeded = reader_->ShowRows(sql, columns, look, error_);
+    is_broken_ = !succeeded && IsBroken(error_);
+    return succeeded;
+  });
+}
+
 // The most common query of all needs no reader: its values are in memory.
 bool CSqliteConnect::ReadNextValue(std::string_view sequence, const std::string& sql) {
   std::int64_t value = 0;

@@ -129,6 +129,40 @@ bool AddRow(sqlite3_stmt* statement, CRowBuffer& rows) {
   return true;
 }
 
+// The row that a statement stands on. Columns that the statement does not have have the index -1, for which SQLite
+// gives NULL.
+class CSteppedRow final : public IRow {
+ public:
+  CSteppedRow(sqlite3_stmt* statement, const std::vector<std::string>& columns) : statement_(statement) {
+    const int count = sqlite3_column_count(statement);
+    for (const std::string& column : columns) {
+      int index = count - 1;
+      while (index >= 0 && column != sqlite3_column_name(statement, index)) {
+        --index;
+      }
+      indices_.push_back(index);
+    }
+  }
+
+  std::string_view GetText(std::size_t column) const override {
+    const int index = IndexOf(column);
+    const unsigned char* const text = sqlite3_column_text(statement_, index);
+    if (text == nullptr && sqlite3_column_type(statement_, index) != SQLITE_NULL) {
+      throw std::bad_alloc();
+    }
+    return Text(text, sqlite3_column_bytes(statement_, index));
+  }
+  std::int32_t GetInt(std::size_t column) const override {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(sqlite3_column_int64(statement_, IndexOf(column))));
+  }
+
+ private:
+  int IndexOf(std::size_t column) const { return column < indices_.size() ? indices_[column] : -1; }
+
+  sqlite3_stmt* const statement_;
+  std::vector<int> indices_;
+};
+
 }  // namespace
 }  // namespace details
 
@@ -277,6 +311,33 @@ bool CSqliteHandle::RunIfReading(const std::string& sql, CRowBuffer& rows, bool&
     SetOutOfMemory(error);
     return false;
   }
+}
+
+bool CSqliteHandle::ShowRows(const std::string& sql, const std::vector<std::string>& columns, const RowVisitor& look,
+                             SqlError& error) {
+  if (!IsAcceptable(sql, error)) {
+    return false;
+  }
+  const details::CRaisedFlag guard(guarded_);
+  CSqliteStatements::CLoan loan = Borrow(callers_statements_, sql, error);
+  if (!loan) {
+    return false;
+  }
+  if (sqlite3_stmt_readonly(loan.Get()) == 0) {
+    loan.Drop();
+    return details::SetError(error, SQLITE_MISUSE, "only what reads can be shown row by row");
+  }
+  int result = sqlite3_step(loan.Get());
+  // The columns are looked for after the first step, because a kept statement learns of a changed schema only then.
+  const details::CSteppedRow row(loan.Get(), columns);
+  for (; result == SQLITE_ROW; result = sqlite3_step(loan.Get())) {
+    look(row);
+  }
+  if (result != SQLITE_DONE) {
+    Fail(error);
+    loan.Drop();
+  }
+  return result == SQLITE_DONE;
 }
 
 bool CSqliteHandle::RunOwn(const char* sql, SqlError& error) {

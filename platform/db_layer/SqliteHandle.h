@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "db_layer/Connect.h"
 #include "db_layer/RowBuffer.h"
 #include "db_layer/SqlTemplate.h"
 #include "db_layer/SqliteStatements.h"
@@ -60,6 +62,9 @@ class CSqliteHandle {
   // Works like Run for a statement that only reads. A statement that would write is not run: `writes` is then true and
   // the result false, without an error.
   bool RunIfReading(const std::string& sql, CRowBuffer& rows, bool& writes, SqlError& error);
+  // Works like Run for a statement that only reads, and refuses all others. Shows these columns of its rows one by one.
+  bool ShowRows(const std::string& sql, const std::vector<std::string>& columns, const RowVisitor& look,
+                SqlError& error);
   // Runs a statement of this library's own, without those checks.
   bool RunOwn(const char* sql, SqlError& error);
   bool RunOwn(const char* sql, CRowBuffer* rows, SqlError& error);

@@ -108,6 +108,11 @@ class CFailingConnect : public db_layer::CConnect {
         std::any_of(statements.begin(), statements.end(), [this](const std::string& sql) { return Fails(sql); });
     return !fails && connection_->ExecuteAll(statements);
   }
+  bool ShowRows(const std::string& sql, const std::vector<std::string>& columns,
+                const db_layer::RowVisitor& look) override {
+    is_failed_query_ = Fails(sql);
+    return !is_failed_query_ && connection_->ShowRows(sql, columns, look);
+  }
   int GetLastError(std::string& text) override {
     if (!is_injected_) {
       return connection_->GetLastError(text);

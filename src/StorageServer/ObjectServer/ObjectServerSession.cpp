@@ -87,16 +87,22 @@ BucketInfo ReadBucket(db_layer::CConnect& row) {
   return bucket;
 }
 
-ObjectInfo ReadObject(db_layer::CConnect& row) {
-  ObjectInfo object;
-  object.id = ReadNumber(row, "id");
-  object.guid = row.GetString("guid");
-  object.name = row.GetString("name");
-  object.bucket_name = row.GetString("bucket_name");
-  object.update_time = row.GetString("update_time");
-  object.url = row.GetString("url");
-  object.size = ReadNumber(row, "size");
-  return object;
+// The columns of an object, in the order in which ReadObject counts them.
+const std::vector<std::string>& ObjectColumns() {
+  static const auto& columns =
+      *new std::vector<std::string>{"id", "guid", "name", "bucket_name", "update_time", "url", "size"};
+  return columns;
+}
+
+// Fills a record that has been used before, so that its texts need no memory of their own.
+void ReadObject(ObjectInfo& object, const db_layer::IRow& row) {
+  object.id = static_cast<std::uint32_t>(row.GetInt(0));
+  object.guid = row.GetText(1);
+  object.name = row.GetText(2);
+  object.bucket_name = row.GetText(3);
+  object.update_time = row.GetText(4);
+  object.url = row.GetText(5);
+  object.size = static_cast<std::uint32_t>(row.GetInt(6));
 }
 
 ObjectTaskInfo ReadTask(db_layer::CConnect& row) {
@@ -115,14 +121,14 @@ ObjectTaskInfo ReadTask(db_layer::CConnect& row) {
 }  // namespace
 }  // namespace details
 
-// Runs a select and leaves the function with false when that fails. It is a macro, because the log line names the
-// function that asked, twice.
-#define SELECT_OR_RETURN(connection, sql)                                                                            \
+// Runs a select on a connection and leaves the function with false when that fails. It is a macro, because the log line
+// names the function that asked, twice.
+#define SELECT_OR_RETURN(connection, select)                                                                         \
   const std::shared_ptr<db_layer::CConnect> connection = CBaseDBLayerConn::Instance().ApplyConn();                   \
   if (!(connection)) {                                                                                               \
     return false;                                                                                                    \
   }                                                                                                                  \
-  if (!(connection)->Query(sql)) {                                                                                   \
+  if (!(connection)->select) {                                                                                       \
     static constexpr auto name = logging::CutQualifiedName(TANSY_FUNCTION_TEXT);                                     \
     std::string error;                                                                                               \
     const int code = (connection)->GetLastError(error);                                                              \
@@ -195,7 +201,7 @@ bool CObjectServerSession::DeleteBuckets(const std::set<std::uint32_t>& ids,
 }
 
 bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& buckets) {
-  SELECT_OR_RETURN(rows, "SELECT * FROM platform.local_bucket where is_deleted = 0;")
+  SELECT_OR_RETURN(rows, Query("SELECT * FROM platform.local_bucket where is_deleted = 0;"))
   for (; !rows->IsEnd(); rows->MoveNext()) {
     BucketInfo bucket = details::ReadBucket(*rows);
     CLOUD_LOG(logging::kNotable, "[%s]get exist bucket:[%s].[%s(%d)]", bucket.name.c_str());
@@ -241,17 +247,20 @@ bool CObjectServerSession::DeleteObject(std::uint32_t id) {
 }
 
 bool CObjectServerSession::QueryObject(const ObjectVisitor& take, const std::string& bucket_name) {
-  SELECT_OR_RETURN(rows,
-                   StringUtil::str_fmt("SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='%s';",
-                                       details::DoubleQuotes(bucket_name).c_str()))
-  for (; !rows->IsEnd(); rows->MoveNext()) {
-    take(details::ReadObject(*rows));
-  }
+  ObjectInfo object;
+  const auto take_row = [&](const db_layer::IRow& row) {
+    details::ReadObject(object, row);
+    take(object);
+  };
+  const std::string sql =
+      StringUtil::str_fmt("SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='%s';",
+                          details::DoubleQuotes(bucket_name).c_str());
+  SELECT_OR_RETURN(rows, ShowRows(sql, details::ObjectColumns(), take_row))
   return true;
 }
 
 bool CObjectServerSession::GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks) {
-  SELECT_OR_RETURN(rows, "SELECT * FROM platform.local_object_task where is_deleted = 0")
+  SELECT_OR_RETURN(rows, Query("SELECT * FROM platform.local_object_task where is_deleted = 0"))
   for (; !rows->IsEnd(); rows->MoveNext()) {
     tasks.push_back(details::ReadTask(*rows));
   }
@@ -287,8 +296,8 @@ bool CObjectServerSession::DeleteObjectTask(const std::string& task_id) {
 }
 
 bool CObjectServerSession::GetUrlByEncryptUrl(std::string& url, const std::string& encrypt_url) {
-  SELECT_OR_RETURN(rows, StringUtil::str_fmt("SELECT * FROM platform.picture_url_encrypt where encrypt_url='%s'",
-                                             details::DoubleQuotes(encrypt_url).c_str()))
+  SELECT_OR_RETURN(rows, Query(StringUtil::str_fmt("SELECT * FROM platform.picture_url_encrypt where encrypt_url='%s'",
+                                                   details::DoubleQuotes(encrypt_url).c_str())))
   for (; !rows->IsEnd(); rows->MoveNext()) {
     url = rows->GetString("url");
   }

@@ -42,7 +42,8 @@ class CObjectServerSession {
   static bool UpdateObject(const ObjectInfo& object, const std::string& ended_task = {});
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
-  // Shows the objects of a bucket one by one; the record lasts for that call. What `take` throws leaves this function.
+  // Shows the objects of a bucket one by one; the record lasts for that call. Returns false also when `take` runs out
+  // of memory. After false, some objects may have been shown and others not.
   using ObjectVisitor = std::function<void(const ObjectInfo& object)>;
   static bool QueryObject(const ObjectVisitor& take, const std::string& bucket_name);
 

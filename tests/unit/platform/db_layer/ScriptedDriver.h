@@ -51,6 +51,7 @@ class CScriptedDriver : public IDriver, public std::enable_shared_from_this<CScr
     bool Execute(const std::string&) override { return true; }
     bool ExecuteAll(const std::vector<std::string>&) override { return true; }
     bool Query(const std::string&) override { return true; }
+    bool ShowRows(const std::string&, const std::vector<std::string>&, const RowVisitor&) override { return true; }
     int GetLastError(std::string&) override { return 0; }
     void MoveNext() override {}
     bool IsEnd() override { return true; }

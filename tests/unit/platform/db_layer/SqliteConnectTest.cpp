@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -362,6 +363,63 @@ TEST(SqliteDriverTest, UnusablePathsAreErrorsOfOneLine) {
     EXPECT_TRUE(error.starts_with("cannot open the database ")) << error;
     EXPECT_GT(error.size(), path.size() + 27) << error;
   }
+}
+
+using RowTexts = std::vector<std::string>;
+
+// The rows as "first/second", with an integer as the last.
+bool Show(CConnect& connection, const std::string& sql, RowTexts& rows) {
+  return connection.ShowRows(sql, {"name", "none", "id"}, [&rows](const IRow& row) {
+    rows.push_back(std::string(row.GetText(0)) + "/" + std::string(row.GetText(1)) + "/" +
+                   std::to_string(row.GetInt(2)) + "/" + std::to_string(row.GetInt(3)));
+  });
+}
+
+TEST_F(SqliteConnectTest, RowsAreShownOneByOne) {
+  MakeSchema();
+  ASSERT_TRUE(
+      connection_->Execute("INSERT INTO platform.item (id, name) VALUES (1, 'a'), (2, NULL), (4294967299, '')"));
+  RowTexts rows;
+  EXPECT_TRUE(Show(*connection_, "SELECT id, name FROM platform.item ORDER BY id", rows));
+  EXPECT_EQ(rows, (RowTexts{"a//1/0", "//2/0", "//3/0"}));
+  EXPECT_TRUE(connection_->IsEnd());
+  rows.clear();
+  EXPECT_TRUE(Show(*connection_, "SELECT * FROM platform.item WHERE id = 77", rows));
+  EXPECT_EQ(rows, RowTexts{});
+}
+
+TEST_F(SqliteConnectTest, WhatWritesOrFailsIsNotShown) {
+  MakeSchema();
+  RowTexts rows;
+  EXPECT_FALSE(Show(*connection_, "INSERT INTO platform.item (id) VALUES (1) RETURNING id", rows));
+  EXPECT_EQ(ErrorOf(*connection_), "only what reads can be shown row by row");
+  EXPECT_FALSE(Show(*connection_, "SELECT * FROM platform.none", rows));
+  EXPECT_EQ(ErrorOf(*connection_), "no such table: platform.none");
+  EXPECT_FALSE(Show(*connection_, "SELECT 1; SELECT 2", rows));
+  EXPECT_EQ(rows, RowTexts{});
+  EXPECT_EQ(Count(*connection_, "platform.item"), 0);
+}
+
+// A failure in the middle is a failure, and the connection works again afterwards.
+TEST_F(SqliteConnectTest, ShowingRowsMayFailInTheMiddle) {
+  MakeSchema();
+  ASSERT_TRUE(connection_->Execute("INSERT INTO platform.item (id, name) VALUES (1, 'a'), (2, 'b'), (3, 'c')"));
+  RowTexts rows;
+  EXPECT_FALSE(Show(*connection_,
+                    "SELECT name, abs(CASE id WHEN 2 THEN -9223372036854775808 ELSE id END) AS id "
+                    "FROM platform.item ORDER BY name",
+                    rows));
+  EXPECT_EQ(rows, RowTexts{"a//1/0"});
+  EXPECT_EQ(ErrorOf(*connection_), "integer overflow");
+  int shown = 0;
+  EXPECT_FALSE(connection_->ShowRows("SELECT id FROM platform.item", {"id"}, [&shown](const IRow&) {
+    ++shown;
+    throw std::bad_alloc();
+  }));
+  EXPECT_EQ(shown, 1);
+  EXPECT_EQ(ErrorOf(*connection_), "out of memory");
+  EXPECT_TRUE(connection_->Execute("DELETE FROM platform.item"));
+  EXPECT_EQ(Count(*connection_, "platform.item"), 0);
 }
 
 }  // namespace
