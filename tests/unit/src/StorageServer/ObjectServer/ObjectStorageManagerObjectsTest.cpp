@@ -395,20 +395,27 @@ TEST_F(ObjectStorageManagerParallel, UploadsRemovalsAndReadsAgreeAtTheEnd) {
 TEST_F(ObjectStorageManagerParallel, UploadsIntoABucketThatGoesAndComesBack) {
   const Texts names = {"a", "b", "c", "d"};
   std::atomic<bool> done{false};
+  std::atomic<int> stored{0};
+  std::atomic<int> refused{0};
+  const auto wait_for_another = [](const std::atomic<int>& count) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (const int before = count; count == before && std::chrono::steady_clock::now() < limit;) {
+      std::this_thread::yield();
+    }
+  };
   std::thread comes_and_goes([&] {
     for (int round = 0; round < 15; ++round) {
       BucketInfo bucket;
       bucket.name = "bucket";
       manager_.AddBucket(bucket);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      wait_for_another(stored);
       if (round < 14) {
         manager_.RemoveBucket(bucket.id);
+        wait_for_another(refused);
       }
     }
     done = true;
   });
-  std::atomic<int> stored{0};
-  std::atomic<int> refused{0};
   InThreads(4, [&](int i) {
     for (int round = 0; !done; ++round) {
       ObjectInfo object = Object("bucket", names[static_cast<std::size_t>(i)]);
@@ -417,8 +424,8 @@ TEST_F(ObjectStorageManagerParallel, UploadsIntoABucketThatGoesAndComesBack) {
     }
   });
   comes_and_goes.join();
-  EXPECT_GT(stored, 0) << "no upload met a bucket";
-  EXPECT_GT(refused, 0) << "every upload met a bucket";
+  EXPECT_GE(stored, 15) << "uploads met no bucket";
+  EXPECT_GE(refused, 14) << "every upload met a bucket";
   ASSERT_TRUE(manager_.IsBucketExist("bucket"));
   ExpectAgreement("bucket", names);
 }
