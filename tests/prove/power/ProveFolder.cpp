@@ -65,7 +65,7 @@ std::map<std::string, std::string> FilesOf(const std::string& folder) {
   std::map<std::string, std::string> files;
   for (const auto& item : fs::recursive_directory_iterator(folder)) {
     if (item.is_regular_file()) {
-      files[fs::relative(item.path(), folder).string()] = fakes::ReadFile(item.path().string());
+      files[fs::relative(item.path(), folder).string()] = Tansy::Tests::ReadFile(item.path().string());
     }
   }
   return files;
