@@ -129,10 +129,11 @@ int CBodyLog::BeginSegment() {
     }
   }
   SegmentPointer segment;
-  if (const int error = CBodySegment::Create(*folder_, next_number_, mode_ == EMode::kFull, segment)) {
+  // Each try has a number of its own, because what a failed one leaves can perhaps not be removed before the next
+  // start.
+  if (const int error = CBodySegment::Create(*folder_, next_number_++, mode_ == EMode::kFull, segment)) {
     return error;
   }
-  ++next_number_;
   unflushed_.push_back(segment);
   {
     const std::unique_lock lock(segments_mutex_);

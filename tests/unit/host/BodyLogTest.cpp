@@ -376,6 +376,20 @@ TEST_F(BodyLogTest, ASegmentWhoseMakingWasCutShortIsRemoved) {
   }
 }
 
+// A disk that is broken for a moment may refuse the removal too. The next body must not stumble over what is left.
+TEST_F(BodyLogTest, AFileThatCouldNotBeMadeIsInNobodysWay) {
+  constexpr int kHead = 3;  // behind the log's folder, its sync and the file
+  FailAt(kHead);
+  StoredName name;
+  EXPECT_EQ(log_->Append("refused", name), EIO);
+  EXPECT_THAT(Files(), IsEmpty());
+  Files()["00000001.log"] = std::make_shared<Tests::PowerCutNode>();
+  const StoredName next = Append("taken");
+  EXPECT_TRUE(MakeDurable());
+  CutPower();
+  EXPECT_EQ(Read(next), "taken");
+}
+
 TEST_F(BodyLogTest, NewBodiesAreKnownOverRestartsUntilTheyAreSettled) {
   Tests::CManualClock clock;
   const StoredName first = Append("first");
