@@ -82,7 +82,8 @@ const std::string& BodyOf(const std::string& spec) {
       if (colon == std::string::npos) {
         throw std::runtime_error("not the text of a body: " + spec);
       }
-      found->second += Tansy::Tests::RandomBytes(std::stoull(piece.substr(colon + 1)), std::stoull(piece.substr(0, colon)));
+      found->second +=
+          Tansy::Tests::RandomBytes(std::stoull(piece.substr(colon + 1)), std::stoull(piece.substr(0, colon)));
     }
   }
   return found->second;
