@@ -30,6 +30,8 @@ struct Planted {
   EDefect defect;
   const char* name;
   const char* shown_as;  // what a contradiction says
+
+  friend void PrintTo(const Planted& planted, std::ostream* out) { *out << planted.name; }
 };
 
 class PlantedDefectTest : public testing::TestWithParam<Planted> {};

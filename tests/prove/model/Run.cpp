@@ -63,6 +63,7 @@ class CRun {
     result_.operations = world_.GetHistory().GetCount();
     result_.pictures = world_.GetPictures().size();
     result_.live_bytes = LiveBytes();
+    result_.clock = world_.GetClock();
     return result_;
   }
 
@@ -213,7 +214,7 @@ std::vector<std::string> CheckSpace(CTansydServer& server, const RunResult& run)
   if (!server.Stop()) {
     return {"the server did not stop at the end"};
   }
-  server.SetClock(kSweepSeconds * 1000);
+  server.SetClock(run.clock + kSweepSeconds);
   if (!server.Start()) {
     return {"the server did not start at the end"};
   }

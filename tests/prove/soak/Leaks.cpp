@@ -15,7 +15,7 @@
 namespace {
 
 constexpr std::size_t kLeakedBytes = 256 * 1024;
-constexpr int kOneIn = 5;
+constexpr int kOneIn = 3;
 
 void* volatile g_leaked = nullptr;
 

@@ -30,13 +30,15 @@ struct Quantity {
   double resolution;
 };
 constexpr std::size_t kSpace = 3;
-constexpr std::array<Quantity, 5> kQuantities = {{
+constexpr std::array<Quantity, 6> kQuantities = {{
     {"memory, MiB", 6},
     {"descriptors", 1},
     {"threads", 1},
     {"space that no row accounts for, bytes", 1},
     // Of the log's files up to a half may be gaps, and the last one grows to 64 MiB before anything is done about it.
     {"gaps in the body log, MiB", 64},
+    // The server keeps up to 256 of them open for the next reader.
+    {"open files of objects", 256},
 }};
 using Sample = std::array<double, kQuantities.size()>;
 
@@ -50,12 +52,15 @@ double StatusValue(pid_t pid, const std::string& name) {
   return 0;
 }
 
-double CountDescriptors(pid_t pid) {
+// How many descriptors are open of files in this folder (`are_in`), or of everything else.
+double CountDescriptors(pid_t pid, const std::string& folder, bool are_in) {
   std::error_code error;
   double count = 0;
   for (auto item = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error);
        !error && item != std::filesystem::directory_iterator(); item.increment(error)) {
-    ++count;
+    const std::string target = std::filesystem::read_symlink(item->path(), error).string();
+    count += !error && (target.rfind(folder, 0) == 0) == are_in ? 1 : 0;
+    error.clear();
   }
   return count;
 }
@@ -130,8 +135,13 @@ class CSoak {
 
   Sample LookOnce() {
     const pid_t pid = tansyd_.GetPid();
-    return {StatusValue(pid, "VmRSS") * 1024 / kMiB, CountDescriptors(pid), StatusValue(pid, "Threads"),
-            BytesWithoutRows("fs01"), BytesWithoutRows("lg01") / kMiB};
+    const std::string objects = tansyd_.Data("objects");
+    return {StatusValue(pid, "VmRSS") * 1024 / kMiB,
+            CountDescriptors(pid, objects, false),
+            StatusValue(pid, "Threads"),
+            BytesWithoutRows("fs01"),
+            BytesWithoutRows("lg01") / kMiB,
+            CountDescriptors(pid, objects, true)};
   }
 
   // The bytes of a volume's files without those of the objects in it; 0 when space is not looked at.

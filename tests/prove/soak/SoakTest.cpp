@@ -35,9 +35,9 @@ TEST(LeakTest, MemoryDescriptorsAndThreadsAreFound) {
 }
 
 TEST(LeakTest, SpaceIsFound) {
-  SoakOptions options = Short(6);
+  SoakOptions options = Short(13);
   options.leak = "space";
-  options.space_patience = std::chrono::milliseconds(1000);
+  options.space_patience = std::chrono::milliseconds(500);
   const SoakResult result = RunSoak(options);
   EXPECT_THAT(result.Growing(), Contains(StartsWith("space"))) << Describe(result);
 }
