@@ -64,7 +64,7 @@ TansyProto::CRapidJsonProto RequestPictureInfo(const Settings& settings, const s
 }
 
 std::string ParsePictureUrl(const std::string& text, const Settings& settings) {
-  const std::string target =
+  std::string target =
       TargetOnServer(text, PictureServer(settings), "set it as the picture_url of a server in the configuration");
   bool plain = true;
   for (const char c : target) {
