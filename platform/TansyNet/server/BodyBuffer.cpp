@@ -1,6 +1,7 @@
 #include "TansyNet/server/BodyBuffer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace TansyNet {
@@ -15,6 +16,8 @@ constexpr std::size_t kLargestStep = std::size_t{128} * 1024;
 constexpr std::size_t kGrowth = 8;
 // A body of which this much has come will probably come completely.
 constexpr std::size_t kProof = std::size_t{64} * 1024;
+// Larger bodies take so long that their memory's first use does not show.
+constexpr std::size_t kLargestSpare = std::size_t{16} * 1024 * 1024;
 
 }  // namespace
 }  // namespace details
@@ -25,8 +28,51 @@ std::size_t MemoryOf(const std::string& bytes) {
 }
 
 std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes) {
-  const auto holder = std::make_shared<const CountedBytes>(std::move(bytes));
-  return {holder, &holder->bytes};
+  struct Holder {
+    explicit Holder(CountedBytes taken) : counted(std::move(taken)) {}
+    ~Holder() { CSpareBodies::Process().Give(std::move(counted.bytes)); }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+
+    CountedBytes counted;
+  };
+  const auto holder = std::make_shared<Holder>(std::move(bytes));
+  return {holder, &holder->counted.bytes};
+}
+
+CSpareBodies& CSpareBodies::Process() {
+  static auto* const spares = new CSpareBodies();
+  return *spares;
+}
+
+std::string CSpareBodies::Take(std::size_t size) {
+  const std::scoped_lock lock(mutex_);
+  const auto fits = [size](const std::string& spare) { return spare.size() >= size && spare.capacity() / 2 <= size; };
+  const auto found = std::find_if(spares_.rbegin(), spares_.rend(), fits);
+  if (found == spares_.rend()) {
+    return {};
+  }
+  std::string spare = std::move(*found);
+  spares_.erase(std::next(found).base());
+  bytes_ -= spare.capacity();
+  return spare;
+}
+
+void CSpareBodies::Give(std::string bytes) noexcept {
+  CMemoryAccount& account = CMemoryAccount::Process();
+  if (bytes.size() < details::kProof || bytes.capacity() > details::kLargestSpare) {
+    return;
+  }
+  const bool is_short = account.IsShort(MemoryUse::kWork);
+  const std::uint64_t most = account.Limit() / 32;
+  const std::scoped_lock lock(mutex_);
+  if (is_short) {
+    spares_.clear();
+    bytes_ = 0;
+  } else if (spares_.size() < spares_.capacity() && bytes_ + bytes.capacity() <= most) {
+    bytes_ += bytes.capacity();
+    spares_.push_back(std::move(bytes));
+  }
 }
 
 void CBodyBuffer::Start(std::size_t length, MemoryUse use, CountedBytes storage) {
@@ -49,12 +95,27 @@ std::span<char> CBodyBuffer::Space() {
   if (used_ == bytes.size() && used_ < length_) {
     const std::size_t step = std::clamp(used_, details::kSmallestStep, details::kLargestStep);
     const std::size_t wanted = std::min(length_, used_ + step);
+    if (wanted > bytes.capacity() && UseSpare()) {
+      return {bytes.data() + used_, bytes.size() - used_};
+    }
     if (wanted > bytes.capacity()) {
       bytes.reserve(std::min(length_, std::max(wanted, used_ * details::kGrowth)));
     }
     bytes.resize(wanted);
   }
   return {bytes.data() + used_, bytes.size() - used_};
+}
+
+// Goes on in memory of an earlier body, all of whose bytes are there already. Only a body that really comes does.
+bool CBodyBuffer::UseSpare() {
+  std::string spare = used_ < details::kProof ? std::string() : CSpareBodies::Process().Take(length_);
+  if (spare.empty()) {
+    return false;
+  }
+  std::copy_n(memory_.bytes.data(), used_, spare.data());
+  spare.resize(length_);
+  memory_.bytes.swap(spare);
+  return true;
 }
 
 void CBodyBuffer::Consume(std::string_view& input) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "TansyNet/MemoryAccount.h"
 
@@ -31,8 +32,29 @@ struct CountedBytes {
 // Gives the memory that a string takes beside its own object.
 std::size_t MemoryOf(const std::string& bytes);
 
-// Prepares bytes for delivery: the memory share is given back with the last owner.
+// Prepares bytes for delivery: with the last owner, the share is given back and the memory goes to CSpareBodies.
 std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes);
+
+// Keeps some memory of bodies that are done with for bodies to come, because for a large new block the operating system
+// has to clear every page again, and a growing string clears it once more. Like what the heap itself keeps, it is
+// nobody's share; it is at most a thirty-second of the ceiling, and nothing while memory is short. Threads: any.
+class CSpareBodies {
+ public:
+  static CSpareBodies& Process();
+
+  // Gives bytes that do not matter, at least `size` and not many more, or none.
+  std::string Take(std::size_t size);
+  void Give(std::string bytes) noexcept;
+
+ private:
+  static constexpr std::size_t kMost = 64;
+
+  CSpareBodies() { spares_.reserve(kMost); }
+
+  std::mutex mutex_;
+  std::vector<std::string> spares_;  // guarded by mutex_; the one that came last is still in the processor's cache
+  std::size_t bytes_ = 0;            // guarded by mutex_
+};
 
 // A body of known length while it arrives. The socket's bytes go straight into the string that is delivered. The string
 // grows with what has come, so that a client that only announces much costs nothing.
@@ -56,6 +78,8 @@ class CBodyBuffer {
   CountedBytes Take();
 
  private:
+  bool UseSpare();
+
   CountedBytes memory_;
   std::size_t used_ = 0;
   std::size_t length_ = 0;

@@ -67,6 +67,71 @@ TEST(BodyBuffer, ReusesMemory) {
   EXPECT_EQ(body.Take().bytes, std::string(20, 'x'));
 }
 
+// Reads a body of this length that consists of `letter`, and delivers it.
+std::shared_ptr<const std::string> Receive(std::size_t length, char letter, std::size_t* largest_step = nullptr) {
+  CBodyBuffer body;
+  body.Start(length, MemoryUse::kArriving);
+  while (!body.IsComplete()) {
+    EXPECT_TRUE(body.ClaimMemory());
+    const auto space = body.Space();
+    if (largest_step != nullptr) {
+      *largest_step = std::max(*largest_step, space.size());
+    }
+    std::fill(space.begin(), space.end(), letter);
+    body.Commit(space.size());
+  }
+  return TansyNet::ShareBytes(body.Take());
+}
+
+TEST(SpareBodies, ABodyGoesOnInTheMemoryOfAnEarlierOne) {
+  constexpr std::size_t kLength = 1000000;
+  const char* const memory = Receive(kLength, 'a')->data();
+  std::size_t step = 0;
+  const auto second = Receive(kLength - 1000, 'b', &step);
+  EXPECT_EQ(second->data(), memory);
+  EXPECT_TRUE(*second == std::string(kLength - 1000, 'b'));
+  EXPECT_GT(step, kLength / 2) << "nothing is cleared once more, so the rest is read in one go";
+  // It is in use, so the next body gets memory of its own.
+  const auto third = Receive(kLength - 1000, 'c');
+  EXPECT_NE(third->data(), memory);
+  EXPECT_TRUE(*second == std::string(kLength - 1000, 'b'));
+}
+
+TEST(SpareBodies, MuchLargerMemoryIsLeftForLargerBodies) {
+  const char* const memory = Receive(5000000, 'a')->data();
+  EXPECT_NE(Receive(200000, 'b')->data(), memory);
+  EXPECT_EQ(Receive(5000000, 'c')->data(), memory);
+}
+
+TEST(SpareBodies, KeepsABoundedAmountAndNothingWhileMemoryIsShort) {
+  TansyNet::CSpareBodies& spares = TansyNet::CSpareBodies::Process();
+  const std::size_t most = CMemoryAccount::Process().Limit() / 32;
+  const auto give_many = [&] {
+    for (std::size_t given = 0; given < 2 * most; given += 3000000) {
+      spares.Give(std::string(3000000, 'x'));
+    }
+  };
+  const auto take_all = [&] {
+    std::size_t taken = 0;
+    for (std::string spare = spares.Take(3000000); !spare.empty(); spare = spares.Take(3000000)) {
+      taken += spare.size();
+    }
+    return taken;
+  };
+  give_many();
+  const std::size_t kept = take_all();
+  EXPECT_GT(kept, most / 2);
+  EXPECT_LE(kept, most);
+  give_many();
+  TansyNet::CMemoryShare others;
+  ASSERT_TRUE(others.Resize(CMemoryAccount::Process().Limit() / 10 * 9));
+  give_many();
+  EXPECT_EQ(take_all(), 0U);
+  others.Resize(0);
+  give_many();
+  EXPECT_GT(take_all(), most / 2);
+}
+
 TEST(PieceStore, GetsMemoryBackWithTheLastOwner) {
   const auto store = std::make_shared<CPieceStore>();
   EXPECT_EQ(store->TakeSpare().bytes, "");
