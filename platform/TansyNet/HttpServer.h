@@ -59,7 +59,7 @@ class CHttpServer {
 
   // Says whether the callback that asks may take a while with its request: when it does, another thread serves the
   // clients of its thread after some milliseconds. It suits requests that are mostly quick, because handing one over
-  // costs as much as running it. False outside a callback, and for half a second after a callback that was not quick.
+  // costs as much as running it. False outside a callback, and for a while after a callback that was not quick.
   static bool IsThreadLent();
 
   // Sets what "0.0.0.0" and "::" stand for in later starts: each stands for the given addresses of its family. A family

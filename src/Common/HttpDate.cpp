@@ -5,8 +5,16 @@
 
 namespace Tansy::CloudStorage {
 
+// The text is made once per second and thread.
 std::string FormatHttpDate() {
-  return TansyBase::HttpDate::Format(TansyBase::TimeUtil::Now(), ' ');
+  thread_local std::time_t second = -1;
+  thread_local std::string text;
+  const std::time_t now = TansyBase::TimeUtil::Now();
+  if (now != second) {
+    text = TansyBase::HttpDate::Format(now, ' ');
+    second = now;
+  }
+  return text;
 }
 
 std::time_t ParseHttpDate(std::string_view text) {

@@ -103,7 +103,10 @@ std::int32_t ParseHttpUrlQuery(std::map<std::string, std::string>& values, const
 std::string Fingerprint(std::string_view text) {
   constexpr std::size_t kBytes = 16;
   unsigned char digest[EVP_MAX_MD_SIZE];
-  if (EVP_Digest(text.data(), text.size(), digest, nullptr, EVP_sha256(), nullptr) != 1) {
+  // The algorithm is looked up by name once; doing so for each text costs more than the digest itself. It is never
+  // freed, because requests may still be under way at the end of the process.
+  static EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
+  if (algorithm == nullptr || EVP_Digest(text.data(), text.size(), digest, nullptr, algorithm, nullptr) != 1) {
     return {};
   }
   std::string hex;

@@ -1,5 +1,6 @@
 #include "TansyNet/server/LoopThreads.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
@@ -12,6 +13,8 @@ constexpr std::chrono::milliseconds kLookEvery{5};
 // After so many looks without a new loan, the follower sleeps.
 constexpr int kLooksBeforeSleep = 20;
 constexpr int kCountBits = 16;
+// A callback that is slow after so many quick ones says little about the next.
+constexpr std::uint64_t kManyLoans = 1000;
 
 std::int64_t NowMs() {
   using std::chrono::steady_clock;
@@ -116,7 +119,10 @@ bool CLoopThreads::TakeLead(std::int64_t now) {
   if (!loan_.compare_exchange_strong(loan, 0)) {
     return false;
   }
-  no_loan_before_ = now + kPauseMs;
+  const std::uint64_t made = loans_made_;
+  const bool is_rare = made - std::exchange(loans_at_loss_, made) > details::kManyLoans;
+  pause_ms_ = is_rare ? kShortestPauseMs : std::min(2 * pause_ms_, kLongestPauseMs);
+  no_loan_before_ = now + pause_ms_;
   return true;
 }
 

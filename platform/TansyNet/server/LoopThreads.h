@@ -22,8 +22,11 @@ namespace TansyNet {
 class CLoopThreads {
  public:
   static constexpr std::int64_t kPatienceMs = 10;
-  // After the lead was lost to a slow callback, no loan is made for this long: its storage is slow at the moment.
-  static constexpr std::int64_t kPauseMs = 500;
+  // After the lead was lost to a slow callback, no loan is made for a while. The pause doubles as long as there are
+  // only few quick callbacks between two slow ones, because the storage is slow then; a thread that merely got no
+  // processor for some time costs the shortest pause.
+  static constexpr std::int64_t kShortestPauseMs = 50;
+  static constexpr std::int64_t kLongestPauseMs = 2000;
   // Two callbacks may be slow at a time; while they are, the last thread makes no loans.
   static constexpr std::size_t kThreads = 3;
 
@@ -88,6 +91,8 @@ class CLoopThreads {
   // Everything below is guarded by mutex_.
   bool has_leader_ = false;
   bool has_ended_ = false;
+  std::int64_t pause_ms_ = kShortestPauseMs;
+  std::uint64_t loans_at_loss_ = 0;  // loans_made_ when the lead was lost last
   std::vector<std::thread> threads_;
 };
 

@@ -118,9 +118,11 @@ TEST_F(LoopThreads, WhileALoanLastsAnotherThreadTakesTheLead) {
   std::latch released(1);
   std::latch began(1);
   std::thread::id slow;
+  std::chrono::steady_clock::time_point begin;
   std::thread caller([&] {
     EXPECT_TRUE(OnLoan([&] {
       slow = std::this_thread::get_id();
+      begin = std::chrono::steady_clock::now();
       began.count_down();
       released.wait();
     }));
@@ -134,7 +136,8 @@ TEST_F(LoopThreads, WhileALoanLastsAnotherThreadTakesTheLead) {
   // The storage is slow: for now nothing is lent.
   Step([&] {
     const CLoopThreads::CLoan loan(threads_);
-    EXPECT_FALSE(CLoopThreads::IsThreadLent());
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_FALSE(CLoopThreads::IsThreadLent() && waited < std::chrono::milliseconds(CLoopThreads::kShortestPauseMs));
   });
   released.count_down();
   caller.join();
