@@ -63,7 +63,6 @@ class CRun {
     result_.operations = world_.GetHistory().GetCount();
     result_.pictures = world_.GetPictures().size();
     result_.live_bytes = LiveBytes();
-    result_.clock = world_.GetClock();
     return result_;
   }
 
@@ -120,6 +119,7 @@ class CRun {
   void StepClock(std::int64_t seconds) {
     if (seconds != 0) {
       world_.StepClock(seconds);
+      result_.latest_clock = std::max(result_.latest_clock, world_.GetClock());
     }
   }
 
@@ -214,7 +214,7 @@ std::vector<std::string> CheckSpace(CTansydServer& server, const RunResult& run)
   if (!server.Stop()) {
     return {"the server did not stop at the end"};
   }
-  server.SetClock(run.clock + kSweepSeconds);
+  server.SetClock(run.latest_clock + kSweepSeconds);
   if (!server.Start()) {
     return {"the server did not start at the end"};
   }

@@ -30,8 +30,8 @@ struct RunResult {
   std::size_t stops = 0;
   std::size_t operations = 0;
   std::size_t pictures = 0;
-  std::uint64_t live_bytes = 0;  // of the objects that are there at the end
-  std::int64_t clock = 0;        // seconds by which the server's time of day is off at the end
+  std::uint64_t live_bytes = 0;   // of the objects that are there at the end
+  std::int64_t latest_clock = 0;  // seconds by which the server's time of day was ahead, at most
 };
 
 RunResult RunModel(IServer& server, const RunOptions& options);
