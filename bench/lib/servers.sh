@@ -199,3 +199,12 @@ stop_tagged() { # TAG
     [[ ! -e $each/pid ]] || stop_server "$each"
   done
 }
+
+# The same, and gives the room of their files back; for rows that leave few files.
+drop_tagged() { # TAG
+  local each
+  stop_tagged "$1"
+  for each in "$disk"/servers/*-"$1"; do
+    [[ ! -e $each/data ]] || rm -rf "$(cat "$each/data")"
+  done
+}

@@ -70,7 +70,7 @@ remove_objects() { # PREFIX COUNT
 }
 
 finish_large_put() {
-  stop_tagged large-put
+  drop_tagged large-put
 }
 
 for place in disk memory; do
@@ -97,7 +97,7 @@ run_large_full() { # CONTENDER RUN
 }
 
 finish_large_full() {
-  stop_tagged large-put
+  drop_tagged large-put
 }
 
 add_row put-1g-full dd 'mib>=0.95' large_full 'PUT of 1 GiB, one connection, durability full, against dd conv=fdatasync'
@@ -127,7 +127,7 @@ run_multipart() { # CONTENDER RUN DURABILITY
 }
 
 finish_multipart() {
-  stop_tagged large-put
+  drop_tagged large-put
 }
 
 add_row multipart-1g one-put 'mib>=1.0' 'multipart full' \
