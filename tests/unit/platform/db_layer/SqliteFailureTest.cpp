@@ -13,6 +13,8 @@
 
 #include "FaultVfs.h"
 #include "SqliteFixture.h"
+#include "TansyBase/MessageLoop.h"
+#include "fakes/HeldLoop.h"
 #include "fakes/ManualClock.h"
 
 namespace db_layer {
@@ -196,6 +198,34 @@ TEST_F(SqliteFailureTest, WritersThatMeetShareOneSync) {
   // All eight are committed together, or in two commits when one writer was held up on its way.
   EXPECT_LE(faults_.log_syncs - before, 2);
   EXPECT_GE(faults_.log_syncs - before, 1);
+}
+
+// A loop of one thread comes to forty writers while the disk takes its time, and the next sync serves them all.
+TEST_F(SqliteFailureTest, TasksThatWaitForTheDiskLetOthersBegin) {
+  MakeSchema();
+  constexpr int kTasks = 40;
+  std::atomic<int> started{0};
+  std::atomic<int> succeeded{0};
+  TansyBase::CMessageLoopDyThreadPool loop;
+  ASSERT_TRUE(loop.Start(1, 1, 5));
+  faults_.HoldNextSync();
+  const int before = faults_.log_syncs;
+  for (int id = 0; id < kTasks; ++id) {
+    Tansy::Tests::Post(loop, [&, id] {
+      const auto connection = OpenSqlite(path_);
+      ++started;
+      succeeded += Insert(*connection, id) ? 1 : 0;
+    });
+  }
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (started < kTasks && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(started, kTasks) << "tasks waited for a thread that only waited";
+  faults_.ReleaseSync();
+  loop.Stop(true);
+  EXPECT_EQ(succeeded, kTasks);
+  EXPECT_LT(faults_.log_syncs - before, kTasks / 4);
 }
 
 TEST_F(SqliteFailureTest, EveryStatementOfOneCallerIsSyncedWithFullDurability) {
