@@ -98,6 +98,7 @@ class CClient {
     }
   }
 
+  // Gives the answer's extra, or "-" when it has none; "" for a request that was refused.
   std::string Do(ERequest kind, const std::string& key, const std::string& body = "-", const std::string& task = "-",
                  int part = 0) {
     Request request;
@@ -114,7 +115,10 @@ class CClient {
     if (outcome != "200" && !is_refused) {
       surprises_.push_back(request.BeginLine() + ": " + outcome);
     }
-    return outcome == "200" ? extra : "";
+    return outcome != "200" ? "" : extra.empty() ? "-" : extra;
+  }
+  bool TakesPart(const std::string& key, const std::string& body, const std::string& task, int part) {
+    return !Do(ERequest::kPart, key, body, task, part).empty();
   }
 
   void Put() {
@@ -132,6 +136,7 @@ class CClient {
     const int count = 1 + static_cast<int>(random_() % 4);
     const std::size_t size = 1 + random_() % 9000;
     std::map<int, std::string> parts;
+    bool all_taken = true;
     std::vector<int> order;
     for (int part = 1; part <= count; ++part) {
       order.push_back(part);
@@ -143,10 +148,11 @@ class CClient {
     for (const int part : order) {
       const std::size_t length = part == count ? 1 + (random_() % size) : size;
       const std::string body = Body(parts.count(part) > 0 ? BodyOf(parts[part]).size() : length);
-      Do(ERequest::kPart, key, body, task, part);
       parts[part] = body;
+      all_taken = TakesPart(key, body, task, part) && all_taken;
     }
-    if (random_() % 5 == 0) {
+    // Of a part that was refused nobody knows whether it holds the new bytes or those that it held before.
+    if (!all_taken || random_() % 5 == 0) {
       return;  // nobody completes it
     }
     std::string whole;
