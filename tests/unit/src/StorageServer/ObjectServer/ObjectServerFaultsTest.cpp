@@ -1,5 +1,7 @@
 // Each call of the host's storage and each statement of the database goes wrong once, at each place of each kind of
 // request. A request may then be refused, but what it was refused for is not done by half, and the next one is served.
+#include <gmock/gmock.h>
+
 #include <cstdint>
 #include <functional>
 #include <new>
@@ -12,6 +14,8 @@
 
 namespace Tansy::Tests {
 namespace {
+
+using ::testing::ElementsAre;
 
 constexpr int kNeverSoManyCalls = 200;
 
@@ -74,6 +78,19 @@ class CObjectServerFaultsTest : public CObjectServerMultipartFixture {
   // gets the answer's status and the number of the request, which `send` can tell its requests apart by.
   void FailEach(const std::function<void(int round)>& prepare, const std::function<FakeAnswer(int round)>& send,
                 const std::function<void(int status, int round)>& check) {
+    FailEachCall(
+        prepare,
+        [&send](int round) {
+          const FakeAnswer answer = send(round);
+          EXPECT_TRUE(answer.IsThere());
+          EXPECT_EQ(answer.attempts, 1);
+          return answer.response.status;
+        },
+        check);
+  }
+  // The same for what a host does itself; `act` gives 200 for success.
+  void FailEachCall(const std::function<void(int round)>& prepare, const std::function<int(int round)>& act,
+                    const std::function<void(int status, int round)>& check) {
     for (const Fault& fault : Faults()) {
       bool has_failed = true;
       for (int number = 1; has_failed && !HasFailure(); ++number) {
@@ -82,11 +99,8 @@ class CObjectServerFaultsTest : public CObjectServerMultipartFixture {
         const int round = ++rounds_;
         prepare(round);
         fault.begin(number);
-        const FakeAnswer answer = send(round);
+        const int status = act(round);
         has_failed = fault.end();
-        ASSERT_TRUE(answer.IsThere());
-        EXPECT_EQ(answer.attempts, 1);
-        const int status = answer.response.status;
         EXPECT_TRUE(has_failed || status == 200) << status;
         EXPECT_EQ(Put(Path("healthy"), "healthy").response.status, 200);
         EXPECT_EQ(Get(Path("healthy")).body, "healthy");
@@ -103,6 +117,9 @@ class CObjectServerFaultsTest : public CObjectServerMultipartFixture {
         .Column("SELECT id FROM platform.local_object WHERE name = '" + key + "' AND bucket_name = '" + bucket_ + "'",
                 "id")
         .size();
+  }
+  static std::size_t CountObjectsIn(const std::string& bucket) {
+    return Database().Column("SELECT id FROM platform.local_object WHERE bucket_name = '" + bucket + "'", "id").size();
   }
   // The object is there as a whole, with one row, or not at all, with none.
   bool IsThere(const std::string& key, const std::string& bytes) {
@@ -130,6 +147,53 @@ TEST_F(CObjectServerFaultsTest, MakingABucket) {
         const auto rows =
             Database().Column("SELECT id FROM platform.local_bucket WHERE name = '" + name(round) + "'", "id");
         EXPECT_EQ(rows.size(), is_there ? 1U : 0U);
+      });
+}
+
+// The bucket and its object are under the old name or under the new one, in memory and in the rows alike.
+TEST_F(CObjectServerFaultsTest, RenamingABucket) {
+  CloudStorage::BucketInfo bucket;
+  std::string old_name;
+  FailEachCall(
+      [&](int round) {
+        old_name = NewBucket();
+        NewObject(old_name, "o", BytesOf(round));
+        ASSERT_TRUE(catalogue_.GetBucketByName(bucket, old_name));
+      },
+      [&](int) {
+        bucket.name = old_name + "-renamed";
+        return catalogue_.ModifyBucket(bucket) ? 200 : 500;
+      },
+      [&](int status, int round) {
+        const std::string now = status == 200 ? bucket.name : old_name;
+        const std::string id = std::to_string(bucket.id);
+        EXPECT_THAT(Database().Column("SELECT name FROM platform.local_bucket WHERE id = " + id, "name"),
+                    ElementsAre(now));
+        EXPECT_EQ(CountObjectsIn(now), 1U);
+        EXPECT_EQ(CountObjectsIn(status == 200 ? old_name : bucket.name), 0U);
+        EXPECT_EQ(Get("/" + old_name + "/o").body, BytesOf(round)) << "the old name leads there until the next start";
+      });
+}
+
+TEST_F(CObjectServerFaultsTest, RemovingABucket) {
+  std::string name;
+  FailEachCall(
+      [&](int round) {
+        name = NewBucket();
+        NewObject(name, "o", BytesOf(round));
+      },
+      [&](int) {
+        CloudStorage::BucketInfo bucket;
+        return catalogue_.GetBucketByName(bucket, name) && catalogue_.RemoveBucket(bucket.id) ? 200 : 500;
+      },
+      [&](int status, int round) {
+        const bool is_there = status != 200;
+        EXPECT_EQ(Database().Column("SELECT id FROM platform.local_bucket WHERE name = '" + name + "'", "id").size(),
+                  is_there ? 1U : 0U);
+        EXPECT_EQ(CountObjectsIn(name), is_there ? 1U : 0U);
+        const FakeAnswer answer = Get("/" + name + "/o");
+        EXPECT_EQ(answer.response.status, is_there ? 200 : 404);
+        EXPECT_TRUE(!is_there || answer.body == BytesOf(round));
       });
 }
 
