@@ -21,25 +21,6 @@ constexpr std::int64_t kSweepMargin = 3600;  // a run takes less
 constexpr std::size_t kPicturesToLookAt = 60;
 constexpr std::chrono::milliseconds kTimerSlack{20};  // a wait may end that much too early
 
-std::string CompletionXml(const Step& step) {
-  const std::size_t parts = step.sendings.size();
-  std::ostringstream xml;
-  xml << "<CompleteMultipartUpload><TotalPartNum>" << parts << "</TotalPartNum>";
-  for (std::size_t part = 0; part < parts; ++part) {
-    const std::uint64_t begin = part * step.part_size;
-    xml << "<Part><PartNumber>" << part + 1 << "</PartNumber><PartSize>" << std::min(step.part_size, step.size - begin)
-        << "</PartSize></Part>";
-  }
-  xml << "</CompleteMultipartUpload>";
-  return xml.str();
-}
-
-std::string HexName(Version version) {
-  std::ostringstream text;
-  text << kPassingBucket << '-' << std::hex << version;
-  return text.str();
-}
-
 }  // namespace
 
 void CClient::Run(const std::vector<Step>& steps) {
@@ -105,12 +86,10 @@ bool CClient::Do(const Step& step) {
     case EAction::kRemoveBucket:
       return RemoveBucket();
     case EAction::kRenameBucket:
-      return RenameBucket(HexName(step.version));
+      return RenameBucket(step.version);
   }
   return true;
 }
-
-// ---- objects
 
 bool CClient::Put(const Step& step) {
   const std::string key = HistoryKey(step.bucket, step.key);
@@ -245,184 +224,6 @@ bool CClient::Remove(const Step& step, bool with_bytes) {
   return answer.state == EState::kAnswered;
 }
 
-// ---- uploads in parts
-
-bool CClient::BeginUpload(const Step& step) {
-  const std::int64_t clock = world_.GetClock();
-  const Answer answer = Ask({"POST", Target(step) + "?uploads", {}, ""});
-  if (answer.Is(200)) {
-    uploads_[step.upload] = {system_tests::XmlValue(answer.reply.body, "UploadId"), std::min(clock, world_.GetClock())};
-  }
-  return answer.state == EState::kAnswered;
-}
-
-bool CClient::SendPart(const Step& step) {
-  const auto upload = uploads_.find(step.upload);
-  if (upload == uploads_.end()) {
-    return true;
-  }
-  const std::int64_t clock = world_.GetClock();
-  const std::uint64_t begin = step.part * step.part_size;
-  const std::uint64_t size = std::min(step.part_size, step.size - begin);
-  const Recipe recipe = {step.version, step.size, step.size, {step.sending}};
-  const std::string query = "?upload_id=" + upload->second.id + "&part_number=" + std::to_string(step.part + 1);
-  const Answer answer =
-      Ask({"POST", Target(step) + query, {}, MakeBody(recipe, begin, size)}, upload->second.may_be_swept);
-  // The part's row has the time of now.
-  upload->second.least_clock = std::min({upload->second.least_clock, clock, world_.GetClock()});
-  if (answer.state == EState::kAnswered && answer.reply.status != 200) {
-    if (!upload->second.may_be_swept) {
-      world_.GetHistory().AddFault("POST " + Target(step) + query + ": " + Outcome(answer.reply));
-    }
-    uploads_.erase(upload);
-  }
-  return answer.state == EState::kAnswered;
-}
-
-bool CClient::EndUpload(const Step& step) {
-  const auto upload = uploads_.find(step.upload);
-  if (upload == uploads_.end()) {
-    return true;
-  }
-  const std::string key = HistoryKey(step.bucket, step.key);
-  world_.GetRecipes().Add({step.version, step.size, step.part_size, step.sendings});
-  world_.NoteSize(key, step.size, step.version);
-  const Answer answer = Ask({"POST", Target(step) + "?upload_id=" + upload->second.id, {}, CompletionXml(step)},
-                            upload->second.may_be_swept);
-  if (answer.state == EState::kUnknown || answer.Is(200)) {
-    Note(answer, key, EKind::kWrite, step.version);
-  } else if (answer.state == EState::kAnswered && !upload->second.may_be_swept && !upload->second.may_be_complete) {
-    world_.GetHistory().AddFault("completion of " + key + ", upload " + upload->second.id + ": " +
-                                 Outcome(answer.reply));
-  }
-  upload->second.may_be_complete = upload->second.may_be_complete || answer.state == EState::kUnknown;
-  if (answer.state == EState::kAnswered) {
-    uploads_.erase(upload);
-  }
-  return answer.state == EState::kAnswered;
-}
-
-// ---- pictures
-
-bool CClient::PutPicture(const Step& step) {
-  const Recipe recipe = {step.version, step.size, 0, {}};
-  world_.GetRecipes().Add(recipe);
-  const std::string boundary = "----boundary-that-no-record-has";
-  const std::string body = system_tests::FormBody(boundary, system_tests::PictureFields(MakeBody(recipe)));
-  const Answer answer = AskForPicture(system_tests::FormRequest(boundary, body));
-  if (answer.Is(200)) {
-    world_.AddPicture({system_tests::JsonText(answer.reply.body, "PictureUrl"), step.version});
-  }
-  return answer.state == EState::kAnswered;
-}
-
-bool CClient::GetPicture(const Picture& picture) {
-  const Answer answer = AskForPicture(system_tests::Signed({"GET", picture.address, {}, ""}));
-  if (answer.state == EState::kAnswered) {
-    const Recognised seen = Recognise(world_.GetRecipes(), answer.reply.body, 0);
-    if (!seen.fault.empty() || seen.version != picture.version || seen.size != answer.reply.body.size()) {
-      world_.GetHistory().AddFault(picture.address + ": " + Outcome(answer.reply) + ", " +
-                                   std::to_string(answer.reply.body.size()) + " bytes, not the picture " + seen.fault);
-    }
-  }
-  return answer.state == EState::kAnswered;
-}
-
-// ---- buckets
-
-bool CClient::MakeBucket() {
-  const std::lock_guard lock(world_.GetBucketMutex());
-  const std::string name = world_.WireName(kPassingBucket);
-  const Answer answer = Ask({"PUT", "/" + name, {}, "<CreateBucketConfiguration/>"});
-  if (answer.Is(200)) {
-    Note(answer, HistoryKey(kPassingBucket), EKind::kCreate, kPresent);
-    world_.SetNames(name, {name});
-  } else if (answer.Is(409)) {
-    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, kPresent);
-  } else if (answer.state == EState::kUnknown) {
-    Note(answer, HistoryKey(kPassingBucket), EKind::kWrite, kPresent);
-    std::set<std::string> names = world_.NextNames();
-    names.insert(name);
-    world_.SetNames(name, names);
-  }
-  return answer.state == EState::kAnswered;
-}
-
-bool CClient::AskBucket(const std::string& name, bool& is_there) {
-  const Answer answer = Ask({"GET", "/" + name + "?property", {}, ""});
-  is_there = answer.Is(200);
-  if (answer.state == EState::kAnswered && name == world_.WireName(kPassingBucket)) {
-    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, is_there ? kPresent : kAbsent);
-  }
-  return answer.state == EState::kAnswered;
-}
-
-bool CClient::RemoveBucket() {
-  const std::lock_guard lock(world_.GetBucketMutex());
-  const std::string name = world_.WireName(kPassingBucket);
-  Answer answer;
-  answer.begun = world_.Now();
-  world_.SetBucketRemoval(INT64_MAX);
-  const std::string result = world_.GetServer().RemoveBucket(name);
-  answer.ended = world_.Now();
-  world_.SetBucketRemoval(answer.ended);
-  answer.state = result.empty() ? EState::kUnknown : EState::kAnswered;
-  if (result == "refused") {
-    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, kAbsent);
-    return true;
-  }
-  Note(answer, HistoryKey(kPassingBucket), result.empty() ? EKind::kWrite : EKind::kRemove, kAbsent);
-  for (const std::string& key : KeysOf(kPassingBucket)) {
-    Note(answer, HistoryKey(kPassingBucket, key), EKind::kWrite, kAbsent);
-  }
-  if (result == "done") {
-    world_.SetNames(name, {name});
-  }
-  return answer.state == EState::kAnswered;
-}
-
-bool CClient::RenameBucket(const std::string& new_name) {
-  const std::lock_guard lock(world_.GetBucketMutex());
-  const std::string name = world_.WireName(kPassingBucket);
-  Answer answer;
-  answer.begun = world_.Now();
-  const std::string result = world_.GetServer().RenameBucket(name, new_name);
-  answer.ended = world_.Now();
-  answer.state = result.empty() ? EState::kUnknown : EState::kAnswered;
-  if (answer.state == EState::kAnswered) {
-    Note(answer, HistoryKey(kPassingBucket), EKind::kRead, result == "done" ? kPresent : kAbsent);
-  }
-  if (result == "done") {
-    world_.SetNames(name, {new_name});
-  } else if (result.empty()) {
-    std::set<std::string> names = world_.NextNames();
-    names.insert(new_name);
-    world_.SetNames(name, names);
-  }
-  return answer.state == EState::kAnswered;
-}
-
-// After a start the bucket goes by its new name and by no other.
-void CClient::FindPassingBucket() {
-  std::vector<std::string> found;
-  std::string last;
-  for (const std::string& name : world_.NextNames()) {
-    world_.SetNames("", world_.NextNames());  // nobody's name yet: what is asked now says nothing of the bucket
-    bool is_there = false;
-    if (AskBucket(name, is_there) && is_there) {
-      found.push_back(name);
-    }
-    last = name;
-  }
-  if (found.size() > 1) {
-    world_.GetHistory().AddFault("the passing bucket is there under two names: " + found[0] + ", " + found[1]);
-  }
-  const std::string name = found.empty() ? last : found[0];
-  world_.SetNames(name, {name});
-  bool is_there = false;
-  AskBucket(name, is_there);
-}
-
 void CClient::LookAtEverything(const std::vector<std::string>& buckets) {
   for (const std::string& bucket : buckets) {
     for (const std::string& key : KeysOf(bucket)) {
@@ -440,8 +241,6 @@ void CClient::LookAtEverything(const std::vector<std::string>& buckets) {
   }
   connection_.reset();
 }
-
-// ---- requests
 
 CClient::Answer CClient::Ask(const Request& request, bool may_fail) {
   return Receive(connection_, world_.GetServer().GetObjectPort(), system_tests::Signed(request), may_fail);

@@ -59,7 +59,7 @@ class CClient {
   bool MakeBucket();
   bool AskBucket(const std::string& name, bool& is_there);
   bool RemoveBucket();
-  bool RenameBucket(const std::string& new_name);
+  bool RenameBucket(Version version);
   void AgeUploads();
 
   // Sends a signed request; what a healthy server does not do is a fault, unless the server is being ended.

@@ -30,8 +30,14 @@ struct Quantity {
   double resolution;
 };
 constexpr std::size_t kSpace = 3;
+// Sanitizers keep freed memory for a while.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr double kMemoryResolution = 1024;
+#else
+constexpr double kMemoryResolution = 6;
+#endif
 constexpr std::array<Quantity, 6> kQuantities = {{
-    {"memory, MiB", 6},
+    {"memory, MiB", kMemoryResolution},
     {"descriptors", 1},
     {"threads", 1},
     {"space that no row accounts for, bytes", 1},
