@@ -282,14 +282,13 @@ std::vector<NewBytes> CBodyLog::GetUnsettled() const {
   return bodies;
 }
 
-void CBodyLog::Tidy() {
+void CBodyLog::Tidy(const std::function<bool()>& is_stopping) {
   std::string ignored;
   if (mode_ == EMode::kFull && appended_ != flushed_) {
     Flush(ignored);
   }
   RetireActive();
-  // What is no longer being filled. A segment that is begun meanwhile is either not in the list, or it is the active
-  // one.
+  // A segment that is begun between these two looks is either not in the list, or it is the active one.
   std::vector<SegmentPointer> closed = Segments();
   SegmentPointer active;
   {
@@ -297,39 +296,42 @@ void CBodyLog::Tidy() {
     active = active_;
   }
   std::erase(closed, active);
-  auto unsealed = static_cast<std::size_t>(std::count_if(
-      closed.begin(), closed.end(), [](const SegmentPointer& segment) { return !segment->GetFacts().is_sealed; }));
-  int rewrites = 0;
-  bool dropped = false;
-  for (const SegmentPointer& segment : closed) {
-    const CBodySegment::Facts facts = segment->GetFacts();
-    int error = 0;
-    segment->NoteSettled();
-    if (facts.is_busy) {
-      continue;
-    }
-    if (facts.live == 0 && facts.unsettled == 0 && !facts.has_lost) {
-      Drop(*segment);
-      dropped = true;
-    } else if (!facts.is_sealed && (facts.unsettled == 0 || unsealed > details::kMostUnsealed)) {
-      error = segment->Seal();
-      unsealed -= error == 0 ? 1 : 0;
-    } else if (facts.is_sealed && details::IsMostlyGaps(facts) && rewrites < details::kMostRewrites) {
-      error = segment->Rewrite();
-      ++rewrites;
-    }
-    if (error != 0) {
-      Report("tidying", SegmentFileName(segment->GetNumber()), error);
-    }
-    if (HostSystem::IsNoSpace(error)) {
-      segment->FreeGaps();  // there may be room for it the next time
-    }
-  }
   if (active != nullptr) {
     active->NoteSettled();
   }
-  if (dropped) {
+  Round round;
+  round.unsealed = static_cast<std::size_t>(std::count_if(
+      closed.begin(), closed.end(), [](const SegmentPointer& segment) { return !segment->GetFacts().is_sealed; }));
+  for (auto segment = closed.begin(); segment != closed.end() && !(is_stopping && is_stopping()); ++segment) {
+    TidyClosed(**segment, round);
+  }
+  if (round.has_dropped) {
     folder_->Sync();  // a whole segment that came back after a power failure would be much that nothing names
+  }
+}
+
+void CBodyLog::TidyClosed(CBodySegment& segment, Round& round) {
+  const CBodySegment::Facts facts = segment.GetFacts();
+  int error = 0;
+  segment.NoteSettled();
+  if (facts.is_busy) {
+    return;
+  }
+  if (facts.live == 0 && facts.unsettled == 0 && !facts.has_lost) {
+    Drop(segment);
+    round.has_dropped = true;
+  } else if (!facts.is_sealed && (facts.unsettled == 0 || round.unsealed > details::kMostUnsealed)) {
+    error = segment.Seal();
+    round.unsealed -= error == 0 ? 1 : 0;
+  } else if (facts.is_sealed && details::IsMostlyGaps(facts) && round.rewrites < details::kMostRewrites) {
+    error = segment.Rewrite();
+    ++round.rewrites;
+  }
+  if (error != 0) {
+    Report("tidying", SegmentFileName(segment.GetNumber()), error);
+  }
+  if (HostSystem::IsNoSpace(error)) {
+    segment.FreeGaps();  // there may be room for it the next time
   }
 }
 

@@ -66,8 +66,9 @@ class CBodyLog {
   bool IsUnsettled(const StoredName& name) const;
   std::vector<NewBytes> GetUnsettled() const;
 
-  // Gives room back and writes what makes the next start fast. It has to be called from time to time.
-  void Tidy();
+  // Gives room back and writes what makes the next start fast. It has to be called from time to time. Between two
+  // segments it ends when `is_stopping` says so; null: never.
+  void Tidy(const std::function<bool()>& is_stopping = {});
 
  private:
   using SegmentPointer = std::shared_ptr<CBodySegment>;
@@ -79,7 +80,13 @@ class CBodyLog {
   bool NamesLost(const std::vector<std::string_view>& statements) const;
   SegmentPointer SegmentOf(const StoredName& name, BodyId& id) const;
   std::vector<SegmentPointer> Segments() const;
+  struct Round {
+    std::size_t unsealed = 0;  // closed segments without an index
+    int rewrites = 0;
+    bool has_dropped = false;
+  };
   void RetireActive();
+  void TidyClosed(CBodySegment& segment, Round& round);
   void Drop(const CBodySegment& segment);
   static void Report(const char* what, const std::string& file, int error);
 

@@ -144,13 +144,19 @@ bool KeepReleased(const std::vector<std::string>& ids) {
 }
 
 bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named) {
-  if (urls.empty()) {
-    return true;
+  std::vector<std::string> tables = {"local_object", "local_object_task"};
+  if (released_too == EReleasedToo::kYes) {
+    tables.emplace_back("released_bytes");
   }
-  const std::string condition = "url IN (" + details::TextList(urls) + ")";
-  return details::Collect("local_object", condition, named) &&
-         details::Collect("local_object_task", condition, named) &&
-         (released_too == EReleasedToo::kNo || details::Collect("released_bytes", condition, named));
+  // Most are found in the first table, and the others need not be asked for them.
+  std::vector<std::string> left = urls;
+  for (const std::string& table : tables) {
+    if (!left.empty() && !details::Collect(table, "url IN (" + details::TextList(left) + ")", named)) {
+      return false;
+    }
+    std::erase_if(left, [&named](const std::string& url) { return named.count(url) > 0; });
+  }
+  return true;
 }
 
 EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up) {

@@ -46,7 +46,7 @@ int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFo
   }
   const int exit_code = RunCheck(*store, database, check, out);
   if (line.repair) {
-    store->Tidy();
+    store->Tidy({});
   }
   return exit_code;
 }

@@ -394,9 +394,9 @@ bool CFileStore::IsNew(const StoredName& name) const {
   return use_ == EStoreUse::kServe && (new_.Contains(name) || bodies_.IsUnsettled(name));
 }
 
-void CFileStore::Tidy() {
+void CFileStore::Tidy(const std::function<bool()>& is_stopping) {
   new_.TurnPage();
-  bodies_.Tidy();
+  bodies_.Tidy(is_stopping);
 }
 
 bool CFileStore::LookAgain(std::vector<StoredName>& new_names) {

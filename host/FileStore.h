@@ -1,6 +1,7 @@
 #ifndef TANSY_HOST_FILE_STORE_H
 #define TANSY_HOST_FILE_STORE_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -51,7 +52,7 @@ class CFileStore final : public IObjectStore {
   void TouchNew(const std::vector<StoredName>& names) override { new_.Touch(names); }
   void ForgetNew(const std::vector<StoredName>& names) override;
   EStoreResult FreeNew(const StoredName& name) override;
-  void Tidy() override;
+  void Tidy(const std::function<bool()>& is_stopping) override;
   bool LookAgain(std::vector<StoredName>& new_names) override;
 
   // Takes over what earlier runs have stored and what they left unfinished. It must be called once, before everything

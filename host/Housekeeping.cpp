@@ -55,7 +55,7 @@ void CHousekeeping::Run() {
   bool left = true;
   while (left && !is_stopping_() && ForgetGivenUp(Now() - details::kGivenUpSeconds, details::kAtOnce, left)) {
   }
-  store_->Tidy();
+  store_->Tidy(is_stopping_);
   if (Now() - clock_saved_ >= details::kSaveClockSeconds) {
     SaveClock();
   }

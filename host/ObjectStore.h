@@ -104,8 +104,8 @@ class IObjectStore {
   // Frees the bytes of a name that GetNew gave, and forgets it.
   virtual EStoreResult FreeNew(const StoredName& name) = 0;
   // Gives back the room of removed small bodies and of notes about forgotten names; it has to be called from time to
-  // time, by one thread.
-  virtual void Tidy() = 0;
+  // time, by one thread. It ends within a second or so when `is_stopping` says so; null: never.
+  virtual void Tidy(const std::function<bool()>& is_stopping) = 0;
   // For a store that another process has open: looks again at what that process has done, and adds the names of new
   // bytes as that process knows them. Returns false when it cannot.
   virtual bool LookAgain(std::vector<StoredName>& new_names) = 0;

@@ -35,7 +35,7 @@ class CScriptedStore final : public IObjectStore {
   void ForgetNew(const std::vector<StoredName>&) override {}
   EStoreResult FreeNew(const StoredName&) override { return Result(); }
   bool MakeDurable(const std::vector<std::string_view>&, std::string&) override { return true; }
-  void Tidy() override {}
+  void Tidy(const std::function<bool()>&) override {}
   bool LookAgain(std::vector<StoredName>&) override { return true; }
 
  private:

@@ -318,7 +318,7 @@ TEST_P(FileStoreTest, AReaderReadsToTheLastByteWhateverIsRemoved) {
     ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
     ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
     ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-    store_->Tidy();
+    store_->Tidy({});
     EXPECT_EQ(CountFiles(*store_), 0U);
     ReadBuffer buffer;
     for (int readers = 2; readers > 0; --readers) {
