@@ -17,7 +17,7 @@ constexpr std::size_t kMostUnsealed = 8;
 // At most this number of segments is written anew at a time.
 constexpr int kMostRewrites = 16;
 // A segment that is still being filled is closed for its gaps only when there is something to gain.
-constexpr std::uint64_t kLeastGapBytes = 1024 * 1024;
+constexpr std::uint64_t kLeastGapBytes = std::uint64_t{1024} * 1024;
 
 bool IsMostlyGaps(const CBodySegment::Facts& facts) {
   return facts.live_bytes < facts.file_bytes / 2;
@@ -272,14 +272,14 @@ bool CBodyLog::IsUnsettled(const StoredName& name) const {
   return segment != nullptr && segment->IsUnsettled(id.key);
 }
 
-std::vector<NewBytes> CBodyLog::GetUnsettled() const {
-  std::vector<NewBytes> bodies;
+void CBodyLog::AddUnsettled(std::int64_t seconds, std::vector<NewBytes>& bodies) const {
   for (const SegmentPointer& segment : Segments()) {
-    for (const UnsettledBody& body : segment->GetUnsettled()) {
+    const std::vector<UnsettledBody> unsettled = segment->GetUnsettled(seconds);
+    bodies.reserve(bodies.size() + unsettled.size());
+    for (const UnsettledBody& body : unsettled) {
       bodies.push_back({NameOf({segment->GetNumber(), body.key, segment->GetNonce()}), body.seconds, body.failed});
     }
   }
-  return bodies;
 }
 
 void CBodyLog::Tidy(const std::function<bool()>& is_stopping) {

@@ -64,7 +64,8 @@ class CBodyLog {
 
   void Settle(const StoredName& name);
   bool IsUnsettled(const StoredName& name) const;
-  std::vector<NewBytes> GetUnsettled() const;
+  // Adds the bodies that were written at least `seconds` ago and those that have failed.
+  void AddUnsettled(std::int64_t seconds, std::vector<NewBytes>& bodies) const;
 
   // Gives room back and writes what makes the next start fast. It has to be called from time to time. Between two
   // segments it ends when `is_stopping` says so; null: never.

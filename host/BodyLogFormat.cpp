@@ -34,12 +34,10 @@ Number Get(std::string_view bytes, std::size_t at) {
 }
 
 template <typename Number>
-std::string Hex(Number number) {
-  unsigned char bytes[sizeof number];
+void PutBigEndian(Number number, unsigned char* bytes) {
   for (std::size_t i = 0; i < sizeof number; ++i) {
     bytes[i] = static_cast<unsigned char>(number >> (8 * (sizeof number - 1 - i)));
   }
-  return HexText(bytes, sizeof bytes);
 }
 
 template <typename Number>
@@ -62,8 +60,13 @@ std::uint32_t CrcOf(std::string_view bytes, std::uint32_t before = 0) {
 }  // namespace details
 
 StoredName NameOf(const BodyId& id) {
-  const std::string segment = details::Hex(id.segment);
-  return {kBodyLogVolume, segment.substr(4), segment + details::Hex(id.key) + details::Hex(id.nonce)};
+  unsigned char bytes[16];
+  details::PutBigEndian(id.segment, bytes);
+  details::PutBigEndian(id.key, bytes + 4);
+  details::PutBigEndian(id.nonce, bytes + 8);
+  StoredName name{kBodyLogVolume, "", HexText(bytes, sizeof bytes)};
+  name.folder = name.id.substr(4, 4);
+  return name;
 }
 
 bool ParseBodyId(const StoredName& name, BodyId& id) {
@@ -74,7 +77,9 @@ bool ParseBodyId(const StoredName& name, BodyId& id) {
 }
 
 std::string SegmentFileName(std::uint32_t number) {
-  return details::Hex(number) + std::string(details::kFileEnd);
+  unsigned char bytes[sizeof number];
+  details::PutBigEndian(number, bytes);
+  return HexText(bytes, sizeof bytes) + std::string(details::kFileEnd);
 }
 
 bool ParseSegmentFileName(std::string_view name, std::uint32_t& number) {

@@ -17,7 +17,7 @@ constexpr std::uint32_t kSegmentBytes = 64 * 1024 * 1024;
 // This many records of a segment that has no index are looked up at the next start.
 constexpr std::size_t kMostRecords = 65536;
 constexpr std::uint32_t kWindowBytes = 256 * 1024;  // more than the largest record
-constexpr std::size_t kCopyBytes = 1024 * 1024;
+constexpr std::size_t kCopyBytes = std::size_t{1024} * 1024;
 constexpr std::uint64_t kLeastGapBytes = 8192;
 constexpr const char* kUnfinishedEnd = ".tmp";
 
@@ -369,13 +369,15 @@ bool CBodySegment::IsUnsettled(std::uint32_t key) const {
   return unsettled_.count(key) > 0;
 }
 
-std::vector<UnsettledBody> CBodySegment::GetUnsettled() const {
+std::vector<UnsettledBody> CBodySegment::GetUnsettled(std::int64_t seconds) const {
   const std::int64_t now = TansyBase::TimeUtil::Uptime();
   const std::lock_guard lock(mutex_);
   std::vector<UnsettledBody> bodies;
   bodies.reserve(unsettled_.size());
   for (const auto& [key, body] : unsettled_) {
-    bodies.push_back({key, now - body.written, body.failed});
+    if (body.failed || now - body.written >= seconds) {
+      bodies.push_back({key, now - body.written, body.failed});
+    }
   }
   return bodies;
 }

@@ -75,10 +75,11 @@ class CBodySegment {
   // Shows the bodies that are there, until the visitor returns false.
   bool ForEach(const std::function<bool(std::uint32_t key, std::uint32_t size)>& visitor) const;
 
-  // A body counts as unsettled from its write until Settle or Remove.
+  // A body counts as unsettled from its write until Settle or Remove. GetUnsettled gives those that were written at
+  // least `seconds` ago, and those that have failed.
   void Settle(std::uint32_t key);
   bool IsUnsettled(std::uint32_t key) const;
-  std::vector<UnsettledBody> GetUnsettled() const;
+  std::vector<UnsettledBody> GetUnsettled(std::int64_t seconds) const;
   // Writes down, for the next start, up to where all bodies are settled.
   void NoteSettled();
 

@@ -382,11 +382,7 @@ bool CFileStore::ForEach(EContent content, const std::function<bool(const Stored
 
 std::vector<NewBytes> CFileStore::GetNew(std::int64_t seconds) const {
   std::vector<NewBytes> bytes = new_.GetUntouched(seconds);
-  for (NewBytes& body : bodies_.GetUnsettled()) {
-    if (body.failed || body.untouched_seconds >= seconds) {
-      bytes.push_back(std::move(body));
-    }
-  }
+  bodies_.AddUnsettled(seconds, bytes);
   return bytes;
 }
 
@@ -403,7 +399,9 @@ bool CFileStore::LookAgain(std::vector<StoredName>& new_names) {
   if (bodies_.Load() != 0 || CNewBytesLog::Read(*root_, new_names) != 0) {
     return false;
   }
-  for (NewBytes& body : bodies_.GetUnsettled()) {
+  std::vector<NewBytes> bodies;
+  bodies_.AddUnsettled(0, bodies);
+  for (NewBytes& body : bodies) {
     new_names.push_back(std::move(body.name));
   }
   return true;

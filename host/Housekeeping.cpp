@@ -24,8 +24,9 @@ constexpr std::int64_t kLongestRequestSeconds = 300;
 // The time for which given-up bytes are remembered. It is much longer than the longest request, to be safe.
 constexpr std::int64_t kGivenUpSeconds = std::int64_t{6} * 3600;
 
-std::vector<std::string> Urls(const std::vector<NewBytes>& batch) {
+std::vector<std::string> Urls(std::span<const NewBytes> batch) {
   std::vector<std::string> urls;
+  urls.reserve(batch.size());
   std::transform(batch.begin(), batch.end(), std::back_inserter(urls),
                  [](const NewBytes& bytes) { return LocationText(bytes.name); });
   return urls;
@@ -100,15 +101,14 @@ void CHousekeeping::LookAtNew() {
 
   const std::vector<NewBytes> all = store_->GetNew(details::kRowSeconds);
   for (std::size_t begin = 0; begin < all.size() && !is_stopping_(); begin += details::kAtOnce) {
-    const auto first = all.begin() + static_cast<std::ptrdiff_t>(begin);
-    const auto last = all.begin() + static_cast<std::ptrdiff_t>(std::min(all.size(), begin + details::kAtOnce));
-    if (!LookAtNew({first, last})) {
+    const std::size_t count = std::min<std::size_t>(all.size() - begin, details::kAtOnce);
+    if (!LookAtNew(std::span(all).subspan(begin, count))) {
       return;
     }
   }
 }
 
-bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
+bool CHousekeeping::LookAtNew(std::span<const NewBytes> batch) {
   std::set<std::string> named;
   if (!FindNamed(details::Urls(batch), EReleasedToo::kYes, named)) {
     return false;
@@ -136,7 +136,7 @@ bool CHousekeeping::LookAtNew(const std::vector<NewBytes>& batch) {
 }
 
 // Picks the urls that no row names now and that no row can name from now on.
-bool CHousekeeping::GiveUp(const std::vector<NewBytes>& due, std::set<std::string>& given_up) const {
+bool CHousekeeping::GiveUp(std::span<const NewBytes> due, std::set<std::string>& given_up) const {
   const EGiveUp result = GiveUpUnnamed(details::Urls(due), Now(), given_up);
   if (result != EGiveUp::kRefused) {
     return result == EGiveUp::kDone;

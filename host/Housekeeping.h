@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -46,8 +47,8 @@ class CHousekeeping {
   std::int64_t Now() const;
   void SaveClock();
   void LookAtNew();
-  bool LookAtNew(const std::vector<NewBytes>& batch);
-  bool GiveUp(const std::vector<NewBytes>& due, std::set<std::string>& given_up) const;
+  bool LookAtNew(std::span<const NewBytes> batch);
+  bool GiveUp(std::span<const NewBytes> due, std::set<std::string>& given_up) const;
   void LookAtReleased();
   void LookAtRemoved();
   void FreeReleased(EReleased kind, std::int64_t time);

@@ -76,10 +76,15 @@ class BodyLogTest : public testing::Test {
   }
   std::vector<StoredName> Unsettled() {
     std::vector<StoredName> names;
-    for (const NewBytes& bytes : log_->GetUnsettled()) {
+    for (const NewBytes& bytes : New()) {
       names.push_back(bytes.name);
     }
     return names;
+  }
+  std::vector<NewBytes> New(std::int64_t seconds = 0) {
+    std::vector<NewBytes> bodies;
+    log_->AddUnsettled(seconds, bodies);
+    return bodies;
   }
   std::map<std::string, std::shared_ptr<Tests::PowerCutNode>>& Files() { return root_->entries.at("lg01")->entries; }
   std::string& FileBytes(const std::string& name) { return Files().at(name)->bytes; }
@@ -280,7 +285,7 @@ TEST_F(BodyLogTest, AFailedFlushLosesWhatItWasAboutAndNothingElse) {
   EXPECT_TRUE(MakeDurable());
   EXPECT_FALSE(MakeDurable({row}));
 
-  const std::vector<NewBytes> unsettled = log_->GetUnsettled();
+  const std::vector<NewBytes> unsettled = New();
   EXPECT_TRUE(std::any_of(unsettled.begin(), unsettled.end(), [&lost](const NewBytes& bytes) {
     return bytes.name == lost && bytes.failed;
   })) << "it is given up soon";
@@ -396,8 +401,10 @@ TEST_F(BodyLogTest, NewBodiesAreKnownOverRestartsUntilTheyAreSettled) {
   const StoredName second = Append("second");
   const StoredName third = Append("third");
   clock.Advance(10);
-  EXPECT_EQ(log_->GetUnsettled().front().untouched_seconds, 10);
-  EXPECT_FALSE(log_->GetUnsettled().front().failed);
+  EXPECT_EQ(New(10).size(), 3U);
+  EXPECT_EQ(New(11).size(), 0U);
+  EXPECT_EQ(New().front().untouched_seconds, 10);
+  EXPECT_FALSE(New().front().failed);
   log_->Settle(first);
   log_->Settle(third);
   EXPECT_FALSE(log_->IsUnsettled(first));
@@ -405,7 +412,7 @@ TEST_F(BodyLogTest, NewBodiesAreKnownOverRestartsUntilTheyAreSettled) {
   log_->Tidy();
   Reopen();
   EXPECT_THAT(Unsettled(), UnorderedElementsAre(second, third)) << "the third is behind one that was not settled";
-  EXPECT_TRUE(log_->GetUnsettled().front().failed) << "whoever wrote it is gone";
+  EXPECT_TRUE(New().front().failed) << "whoever wrote it is gone";
   log_->Settle(second);
   log_->Remove(third);
   log_->Tidy();
@@ -589,7 +596,9 @@ TEST_F(BodyLogTest, ALookChangesNothingAndSeesWhatAnotherProcessDoes) {
   EXPECT_EQ(Host::Read(look, second), "<missing>");
   ASSERT_EQ(look.Load(), 0);
   EXPECT_EQ(Host::Read(look, second), "second");
-  EXPECT_EQ(look.GetUnsettled().size(), 2U);
+  std::vector<NewBytes> unsettled;
+  look.AddUnsettled(0, unsettled);
+  EXPECT_EQ(unsettled.size(), 2U);
   EXPECT_TRUE(FileBytes("00000001.log").starts_with(before));
 }
 
@@ -606,7 +615,9 @@ TEST(BodyLogThreadsTest, ManyAppendRemoveReadFlushAndTidyAtOnce) {
     std::atomic<bool> stop{false};
     std::thread housekeeper([&log, &stop] {
       while (!stop) {
-        for (const NewBytes& bytes : log.GetUnsettled()) {
+        std::vector<NewBytes> unsettled;
+        log.AddUnsettled(0, unsettled);
+        for (const NewBytes& bytes : unsettled) {
           log.Settle(bytes.name);
         }
         log.Tidy();
