@@ -59,17 +59,19 @@ std::string CSpareBodies::Take(std::size_t size) {
 }
 
 void CSpareBodies::Give(std::string bytes) noexcept {
-  CMemoryAccount& account = CMemoryAccount::Process();
-  if (bytes.size() < details::kProof || bytes.capacity() > details::kLargestSpare) {
+  const CMemoryAccount& account = CMemoryAccount::Process();
+  const std::uint64_t most = account.Limit() / 32;
+  if (bytes.size() < details::kProof || bytes.capacity() >= std::min<std::uint64_t>(most, details::kLargestSpare)) {
     return;
   }
-  const bool is_short = account.IsShort(MemoryUse::kWork);
-  const std::uint64_t most = account.Limit() / 32;
+  const std::uint64_t room = account.IsShort(MemoryUse::kWork) ? 0 : most - bytes.capacity();
   const std::scoped_lock lock(mutex_);
-  if (is_short) {
-    spares_.clear();
-    bytes_ = 0;
-  } else if (spares_.size() < spares_.capacity() && bytes_ + bytes.capacity() <= most) {
+  // Those that came first make room.
+  while (!spares_.empty() && (bytes_ > room || spares_.size() == kMost)) {
+    bytes_ -= spares_.front().capacity();
+    spares_.erase(spares_.begin());
+  }
+  if (room > 0) {
     bytes_ += bytes.capacity();
     spares_.push_back(std::move(bytes));
   }
@@ -135,12 +137,17 @@ CountedBytes CBodyBuffer::Take() {
   return std::exchange(memory_, {});
 }
 
+CPieceStore::~CPieceStore() {
+  CSpareBodies::Process().Give(std::move(spare_.bytes));
+}
+
 std::shared_ptr<const std::string> CPieceStore::Share(CountedBytes piece) {
   auto give_back = [store = weak_from_this()](CountedBytes* bytes) {
     if (const auto target = store.lock()) {
       const std::scoped_lock lock(target->mutex_);
       std::swap(target->spare_, *bytes);
     }
+    CSpareBodies::Process().Give(std::move(bytes->bytes));
     delete bytes;
   };
   const std::shared_ptr<CountedBytes> holder(new CountedBytes(std::move(piece)), std::move(give_back));

@@ -89,6 +89,12 @@ class CBodyBuffer {
 // clear every page again. Threads: any.
 class CPieceStore : public std::enable_shared_from_this<CPieceStore> {
  public:
+  CPieceStore() = default;
+  // What is left goes to CSpareBodies, for the next upload.
+  ~CPieceStore();
+  CPieceStore(const CPieceStore&) = delete;
+  CPieceStore& operator=(const CPieceStore&) = delete;
+
   // Shares `piece`; its memory comes back here when the last owner releases it.
   std::shared_ptr<const std::string> Share(CountedBytes piece);
   // Gives memory to reuse, or none.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -144,6 +145,20 @@ TEST(PieceStore, GetsMemoryBackWithTheLastOwner) {
   const CountedBytes spare = store->TakeSpare();
   EXPECT_EQ(spare.bytes.data(), memory);
   EXPECT_EQ(store->TakeSpare().bytes, "");
+}
+
+TEST(PieceStore, LeavesItsMemoryToTheNextUpload) {
+  constexpr std::size_t kSize = 3500000;
+  auto store = std::make_shared<CPieceStore>();
+  auto first = store->Share({.bytes = std::string(kSize, 'a'), .share = {}});
+  auto last = store->Share({.bytes = std::string(kSize, 'b'), .share = {}});
+  const std::set<const void*> memory = {first->data(), last->data()};
+  first.reset();
+  store.reset();
+  last.reset();
+  const std::string one = TansyNet::CSpareBodies::Process().Take(kSize);
+  const std::string other = TansyNet::CSpareBodies::Process().Take(kSize);
+  EXPECT_EQ((std::set<const void*>{one.data(), other.data()}), memory);
 }
 
 TEST(PieceStore, MayDieBeforeItsPieces) {
