@@ -117,7 +117,7 @@ class Faults : public testing::Test {
   // Each call of the request goes wrong, in each way. The test fails when that breaks a promise.
   void FailEach(const Case& the_case) {
     std::vector<Fault> faults = kFaults;
-    if (the_case.is_big && !Settings::Get().IsLong()) {
+    if ((the_case.is_big || kIsSlow) && !Settings::Get().IsLong()) {
       faults = {kError, kFullDisk};
     }
     if (Settings::Get().IsLong()) {
@@ -435,7 +435,7 @@ TEST_F(Faults, Starting) {
   Do(ERequest::kPart, "parted", Body(3000), task, 1);
   const CTrace trace(TracePath());
   const Promises promises = PromisesAt(ReadRequests(trace), trace.GetRecords().size());
-  const std::uint64_t widest_step = Settings::Get().IsLong() ? 1 : 25;
+  const std::uint64_t widest_step = Settings::Get().IsLong() ? 1 : kIsSlow ? 100 : 25;
   for (const Fault& fault : {kError, Fault{"a full disk", EFault::kError, ENOSPC}}) {
     int number = 1 + static_cast<int>(random_() % widest_step);
     bool has_failed = true;

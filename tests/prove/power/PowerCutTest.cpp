@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kStatesOfATrace = 60;
-constexpr int kStatesOfAShortRun = 120;
+constexpr int kStatesOfAShortRun = kIsSlow ? 20 : 120;
 constexpr int kCutsOfANextRun = 5;
 constexpr int kMostMoreRequests = 75;  // of each client, in long runs
 

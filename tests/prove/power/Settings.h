@@ -7,6 +7,13 @@
 
 namespace prove {
 
+// A server with sanitizers takes many times as long, so its short runs are shorter.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kIsSlow = true;
+#else
+inline constexpr bool kIsSlow = false;
+#endif
+
 struct Settings {
   std::uint64_t seed = 1;
   int states = 0;      // 0: as many as the short form has

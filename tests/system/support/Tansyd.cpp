@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -81,7 +82,11 @@ bool ForbidIpv6() {
 }
 
 std::vector<std::string> EnvironmentOf(const Launch& launch) {
-  std::vector<std::string> variables = EnvironmentWithout({});
+  std::set<std::string> own;
+  for (const auto& [name, value] : launch.environment) {
+    own.insert(name);
+  }
+  std::vector<std::string> variables = EnvironmentWithout(own);
   if (launch.with_keys) {
     const Keys keys;
     variables.push_back("TANSY_ACCESS_KEY=" + keys.access_key);
