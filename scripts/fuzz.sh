@@ -1,22 +1,30 @@
 #!/usr/bin/env bash
 # Installs clang if it is missing, builds the programs of tests/fuzz with libFuzzer, AddressSanitizer and
 # UndefinedBehaviorSanitizer into build/fuzz, and runs each of them for a time.
-# usage: scripts/fuzz.sh [--slice SECONDS] [SECONDS [TARGET...]]      default: 3600 seconds for each target
+# usage: scripts/fuzz.sh [--built] [--slice SECONDS] [SECONDS [TARGET...]]      default: 3600 seconds for each target
 #
-# TARGET is the name behind "Fuzz", such as ServerStream. With --slice the targets take turns of so many seconds until
-# each has had its time. Inputs that lead further are kept in build/fuzz/corpus/TARGET and are the start of the next run;
-# inputs that break something are kept in build/fuzz/findings, and the run goes on with the next target. Each turn is a
-# line in build/fuzz/runs.log: when it ended, target, seed, executions, seconds by the clock and of the processor, and how
-# many findings. A finding is run again with: build/fuzz/bin/FuzzTARGET FILE. Exit code 1: something was found.
+# TARGET is the name behind "Fuzz", such as ServerStream. With --built nothing is installed and built, and what is there
+# is run. With --slice the targets take turns of so many seconds until each has had its time.
+#
+# Inputs that lead further are kept in build/fuzz/corpus/TARGET and are the start of the next run. Inputs that break
+# something are kept in build/fuzz/findings, and the run goes on with the next target. Each turn is a line in
+# build/fuzz/runs.log: when it ended, target, seed, executions, seconds by the clock and of the processor, and how many
+# findings. A finding is run again with: build/fuzz/bin/FuzzTARGET FILE. Exit code 1: something was found.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+is_built=false
+if [[ "${1:-}" == --built ]]; then
+  is_built=true
+  shift
+fi
 slice=0
 if [[ "${1:-}" == --slice ]]; then
   slice=${2:?}
   shift 2
 fi
 seconds=${1:-3600}
+[[ $slice$seconds =~ ^[0-9]+$ ]] || { echo "fuzz: give a number of seconds before the targets" >&2; exit 2; }
 shift $(($# > 0 ? 1 : 0))
 targets=("$@")
 if ((${#targets[@]} == 0)); then
@@ -30,8 +38,10 @@ for target in "${targets[@]}"; do
 done
 ((slice > 0 && slice < seconds)) || slice=$seconds
 
-scripts/dependencies.sh --fuzz
-TANSY_CMAKE_ARGS=-DTANSY_BUILD_TESTS=ON scripts/build.sh fuzz "${targets[@]/#/Fuzz}"
+if ! $is_built; then
+  scripts/dependencies.sh --fuzz
+  TANSY_CMAKE_ARGS=-DTANSY_BUILD_TESTS=ON scripts/build.sh fuzz "${targets[@]/#/Fuzz}"
+fi
 root=$PWD
 folder=$root/build/fuzz
 mkdir -p "$folder/findings"
