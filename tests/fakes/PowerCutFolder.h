@@ -197,6 +197,4 @@ class CPowerCutFolder final : public HostSystem::IFolder {
 
 }  // namespace Tansy::Tests
 
-namespace fakes = Tansy::Tests;
-
 #endif  // TANSY_TESTS_FAKES_POWER_CUT_FOLDER_H

@@ -23,6 +23,4 @@ inline std::string RandomBytes(std::size_t size, std::uint64_t seed = 1) {
 
 }  // namespace Tansy::Tests
 
-namespace fakes = Tansy::Tests;
-
 #endif  // TANSY_TESTS_FAKES_RANDOM_BYTES_H

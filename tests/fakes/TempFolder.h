@@ -57,6 +57,4 @@ class CTempFolder {
 
 }  // namespace Tansy::Tests
 
-namespace fakes = Tansy::Tests;
-
 #endif  // TANSY_TESTS_FAKES_TEMP_FOLDER_H

@@ -38,7 +38,7 @@ int LookAtHistory(const std::string& path) {
 
 int Run(const prove::RunOptions& options, const std::string& durability, const std::string& program) {
   std::cout << "model: seed " << options.seed << ", durability " << durability << std::endl;
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   prove::CTansydServer server(folder.GetPath(),
                               {"--durability", durability, "--keep-failed", "1", "--keep-removed", "0"}, program);
   prove::RunResult result = prove::RunModel(server, options);

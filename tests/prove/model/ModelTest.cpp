@@ -37,7 +37,7 @@ struct Planted {
 class PlantedDefectTest : public testing::TestWithParam<Planted> {};
 
 TEST_P(PlantedDefectTest, IsFound) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   RunOptions options = ForObjects(1);
   options.history_file = folder.Path("history");
   CFaultyServer server(GetParam().defect);
@@ -75,7 +75,7 @@ TEST(NoDefectTest, AServerWithoutOnePasses) {
 class ModelRunTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(ModelRunTest, EachObjectIsOneCopyThatIsNeverLost) {
-  const fakes::CTempFolder folder;
+  const Tansy::Tests::CTempFolder folder;
   RunOptions options;
   options.seed = 2;
   options.rounds = 12;

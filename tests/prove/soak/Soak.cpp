@@ -185,7 +185,7 @@ class CSoak {
   }
 
   const SoakOptions& options_;
-  const fakes::CTempFolder folder_;
+  const Tansy::Tests::CTempFolder folder_;
   system_tests::CTansyd tansyd_;
   steady_clock::time_point begin_;
   double known_space_ = 0;  // that is not waited for any more
