@@ -3,6 +3,7 @@
 #include <new>
 #include <string_view>
 
+#include "TansyNet/server/BodyBuffer.h"
 #include "TansyNet/server/ListenAddresses.h"
 #include "TansyNet/server/ListenerTable.h"
 #include "TansyNet/server/LoopThreads.h"
@@ -154,7 +155,9 @@ std::size_t CHttpServer::OpenRequestCount() {
 }
 
 bool CHttpServer::Shutdown(std::uint32_t drain_ms) {
-  return details::TheProcess().listeners.Shutdown(drain_ms);
+  const bool is_drained = details::TheProcess().listeners.Shutdown(drain_ms);
+  CSpareBodies::Process().Clear();
+  return is_drained;
 }
 
 }  // namespace TansyNet

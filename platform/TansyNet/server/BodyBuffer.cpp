@@ -77,6 +77,12 @@ void CSpareBodies::Give(std::string bytes) noexcept {
   }
 }
 
+void CSpareBodies::Clear() {
+  const std::scoped_lock lock(mutex_);
+  spares_.clear();
+  bytes_ = 0;
+}
+
 void CBodyBuffer::Start(std::size_t length, MemoryUse use, CountedBytes storage) {
   memory_ = std::move(storage);
   memory_.share.ChangeUse(use);
@@ -109,9 +115,10 @@ std::span<char> CBodyBuffer::Space() {
 }
 
 // Goes on in memory of an earlier body, all of whose bytes are there already. Only a body that really comes does.
+// The memory may be larger than the body; where there is no room for that, the body does without.
 bool CBodyBuffer::UseSpare() {
   std::string spare = used_ < details::kProof ? std::string() : CSpareBodies::Process().Take(length_);
-  if (spare.empty()) {
+  if (spare.empty() || !memory_.share.Resize(std::max<std::uint64_t>(memory_.share.Bytes(), spare.capacity()))) {
     return false;
   }
   std::copy_n(memory_.bytes.data(), used_, spare.data());

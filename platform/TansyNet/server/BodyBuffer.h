@@ -45,6 +45,7 @@ class CSpareBodies {
   // Gives bytes that do not matter, at least `size` and not many more, or none.
   std::string Take(std::size_t size);
   void Give(std::string bytes) noexcept;
+  void Clear();
 
  private:
   static constexpr std::size_t kMost = 64;

@@ -98,6 +98,18 @@ TEST(SpareBodies, ABodyGoesOnInTheMemoryOfAnEarlierOne) {
   EXPECT_TRUE(*second == std::string(kLength - 1000, 'b'));
 }
 
+// Such a body has its own room already and must not wait for more.
+TEST(SpareBodies, ABodyDoesWithoutSpareMemoryThatItHasNoRoomFor) {
+  constexpr std::size_t kLength = 300000;
+  TansyNet::CSpareBodies::Process().Clear();
+  TansyNet::CSpareBodies::Process().Give(std::string(kLength + 100000, 'x'));
+  TansyNet::CMemoryShare others;
+  const std::uint64_t limit = CMemoryAccount::Process().Limit();
+  ASSERT_TRUE(others.Resize(limit - CMemoryAccount::Process().Used() - kLength));
+  EXPECT_TRUE(*Receive(kLength, 'a') == std::string(kLength, 'a'));
+  EXPECT_LE(CMemoryAccount::Process().Used(), limit);
+}
+
 TEST(SpareBodies, MuchLargerMemoryIsLeftForLargerBodies) {
   const char* const memory = Receive(5000000, 'a')->data();
   EXPECT_NE(Receive(200000, 'b')->data(), memory);
