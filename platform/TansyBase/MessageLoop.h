@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <thread>
 
 #include "TansyBase/Noncopyable.h"
 
@@ -78,13 +79,19 @@ class CBlockingScope : private CNoncopyable {
   bool gave_up_place_ = false;
 };
 
-// Locks a mutex that may be held for as long as a disk or a database takes, and waits for it in a CBlockingScope.
+// Locks a mutex that may be held for as long as a disk or a database takes, and waits for it in a CBlockingScope. Most
+// holders are quicker than a spare thread would be, so they get a moment first.
 template <typename Lock>
 void LockWhileBlocking(Lock& lock) {
-  if (!lock.try_lock()) {
-    const CBlockingScope blocking;
-    lock.lock();
+  constexpr int kTries = 16;
+  for (int i = 0; i < kTries; ++i) {
+    if (lock.try_lock()) {
+      return;
+    }
+    std::this_thread::yield();
   }
+  const CBlockingScope blocking;
+  lock.lock();
 }
 
 }  // namespace TansyBase

@@ -243,7 +243,7 @@ TEST_F(BlockingScope, SpareThreadsLeaveWhenThereIsNothingToDo) {
   for (int i = 0; i < 60000 && g_threads > 2; ++i) {
     std::this_thread::sleep_for(1ms);
   }
-  EXPECT_EQ(g_threads, 2);
+  EXPECT_LE(g_threads, 2) << "those that stay may be some that have never run a task";
 }
 
 TEST_F(BlockingScope, LockWhileBlockingLetsOthersRunOnlyWhileItWaits) {
