@@ -10,6 +10,7 @@
 #include <csignal>
 #include <filesystem>
 
+#include "fakes/RandomBytes.h"
 #include "fakes/TempFolder.h"
 
 namespace HostSystem {
@@ -46,6 +47,18 @@ TEST_F(FilesTest, WritesAtOffsetsAndReadsBackWithHolesAsZeros) {
   EXPECT_EQ(file->GetSize(size), 0);
   EXPECT_EQ(size, 13U);
   EXPECT_EQ(ReadBack("a"), std::string("hello\0\0\0world", 13));
+}
+
+// More than goes to the system in one call.
+TEST_F(FilesTest, WritesManyBytesInOneCall) {
+  const std::string bytes = Tansy::Tests::RandomBytes(1000003, 7);
+  std::unique_ptr<IFile> file;
+  ASSERT_EQ(folder_->Create("a", file), 0);
+  EXPECT_EQ(file->WriteAt(bytes.data(), bytes.size(), 5), 0);
+  std::string back(bytes.size() + 10, '#');
+  std::size_t done = 0;
+  EXPECT_EQ(file->ReadAt(back.data(), back.size(), 0, done), 0);
+  EXPECT_TRUE(back.substr(0, done) == std::string(5, '\0') + bytes);
 }
 
 TEST_F(FilesTest, ReadsBeyondTheEndDeliverLess) {
