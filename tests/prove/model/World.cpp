@@ -1,5 +1,6 @@
 #include "World.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace prove {
@@ -57,8 +58,11 @@ std::vector<Picture> CWorld::GetPictures() const {
 }
 
 void CWorld::StepClock(std::int64_t seconds) {
-  clock_ += seconds;
-  server_.SetClock(clock_);
+  // While the server takes it over, the earlier of the two times counts: what is done meanwhile may be that old.
+  const std::int64_t clock = clock_ + seconds;
+  clock_ = std::min<std::int64_t>(clock_, clock);
+  server_.SetClock(clock);
+  clock_ = clock;
 }
 
 std::string CWorld::WireName(const std::string& bucket) const {
