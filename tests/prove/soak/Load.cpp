@@ -211,7 +211,7 @@ void CLoad::RunCommandLine(Dice& dice) {
   system_tests::Invocation invocation;
   const std::string name = "file" + std::to_string(dice());
   std::ofstream(folder_ + "/" + name) << Body(dice, kSmall);
-  invocation.arguments = {"put", name, "/" + kBucket + "/" + Key(dice)};
+  invocation.arguments = {"put", name, "/" + kBucket + "/" + name};  // a name of its own: it looks at what it stored
   invocation.folder = folder_;
   invocation.environment = {{"HOME", folder_},
                             {"TANSY_SERVER", "http://127.0.0.1:" + std::to_string(tansyd_.GetObjectPort())},
@@ -223,7 +223,9 @@ void CLoad::RunCommandLine(Dice& dice) {
   if (ended.code != 0) {
     const std::lock_guard lock(mutex_);
     wrong_.push_back("tansy put: " + ended.err);
+    return;
   }
+  Ask(dice, {"DELETE", "/" + kBucket + "/" + name + "?deletefile", {}, ""});
 }
 
 Reply CLoad::Ask(Dice& dice, const Request& request) {
