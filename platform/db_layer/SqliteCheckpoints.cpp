@@ -67,8 +67,13 @@ void CSqliteCheckpoints::RunThread() {
     const int left = CopyLog(pages);
     lock.lock();
     is_busy_ = false;
-    wait_from_ = left == 0 ? kTooLong : pages_ + kTooLong;
-    pages_ = left == 0 ? 0 : pages_;
+    if (left == 0) {
+      wait_from_ = kTooLong;
+      pages_ = 0;
+    } else if (pages >= kLong) {
+      // Not even between two commits: somebody reads the log, or the disk fails.
+      wait_from_ = pages_ + kTooLong;
+    }
     changed_.notify_all();
   }
 }
