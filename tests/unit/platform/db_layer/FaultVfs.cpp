@@ -59,15 +59,13 @@ int Truncate(sqlite3_file* file, sqlite3_int64 size) {
 }
 
 int Sync(sqlite3_file* file, int flags) {
-  const int failure = g_faults->BeforeSync(*Of(file)->path);
+  std::uint64_t last_change = 0;
+  const int failure = g_faults->BeforeSync(*Of(file)->path, last_change);
   if (failure != 0) {
     return failure;
   }
   const int result = RealOf(file)->pMethods->xSync(RealOf(file), flags);
-  if (result == SQLITE_OK) {
-    g_faults->AfterSync(*Of(file)->path);
-  }
-  return result;
+  return result == SQLITE_OK ? g_faults->AfterSync(*Of(file)->path, last_change) : result;
 }
 
 int FileSize(sqlite3_file* file, sqlite3_int64* size) {
@@ -242,7 +240,7 @@ int CFaultVfs::BeforeWrite(const std::string& path, std::int64_t offset, const v
     return write_failure;
   }
   files_[path].pending.push_back(
-      {offset, std::string(static_cast<const char*>(data), static_cast<std::size_t>(size)), std::nullopt});
+      {++changes_, offset, std::string(static_cast<const char*>(data), static_cast<std::size_t>(size)), std::nullopt});
   return SQLITE_OK;
 }
 
@@ -251,11 +249,11 @@ int CFaultVfs::BeforeTruncate(const std::string& path, std::int64_t size) {
   if (!has_power_) {
     return SQLITE_IOERR_TRUNCATE;
   }
-  files_[path].pending.push_back({0, {}, size});
+  files_[path].pending.push_back({++changes_, 0, {}, size});
   return SQLITE_OK;
 }
 
-int CFaultVfs::BeforeSync(const std::string& path) {
+int CFaultVfs::BeforeSync(const std::string& path, std::uint64_t& last_change) {
   std::unique_lock lock(mutex_);
   if (details::EndsWith(path, "-wal")) {
     ++log_syncs;
@@ -269,19 +267,21 @@ int CFaultVfs::BeforeSync(const std::string& path) {
   if (!has_power_) {
     return SQLITE_IOERR_FSYNC;
   }
+  last_change = changes_;
   return sync_failure;
 }
 
-void CFaultVfs::AfterSync(const std::string& path) {
+int CFaultVfs::AfterSync(const std::string& path, std::uint64_t last_change) {
   const std::lock_guard lock(mutex_);
   if (!has_power_) {
-    return;
+    return SQLITE_IOERR_FSYNC;  // the power went before the disk had everything
   }
   File& file = files_[path];
-  for (const Change& change : file.pending) {
-    Apply(file.durable, change);
-  }
-  file.pending.clear();
+  const auto later = std::find_if(file.pending.begin(), file.pending.end(),
+                                  [last_change](const Change& change) { return change.number > last_change; });
+  std::for_each(file.pending.begin(), later, [&file](const Change& change) { Apply(file.durable, change); });
+  file.pending.erase(file.pending.begin(), later);
+  return SQLITE_OK;
 }
 
 int CFaultVfs::BeforeRead() const {

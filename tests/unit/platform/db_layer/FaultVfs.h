@@ -44,8 +44,9 @@ class CFaultVfs {
   // What the files' methods tell.
   int BeforeWrite(const std::string& path, std::int64_t offset, const void* data, int size);
   int BeforeTruncate(const std::string& path, std::int64_t size);
-  int BeforeSync(const std::string& path);
-  void AfterSync(const std::string& path);
+  // A sync takes what was written before it began, not what comes meanwhile: `last_change` goes from one to the other.
+  int BeforeSync(const std::string& path, std::uint64_t& last_change);
+  int AfterSync(const std::string& path, std::uint64_t last_change);
   int BeforeRead() const;
   void Opened(const std::string& path);
   void Deleted(const std::string& path);
@@ -54,6 +55,7 @@ class CFaultVfs {
  private:
   // A write, or with `size` a change of length.
   struct Change {
+    std::uint64_t number = 0;  // of all files, in order
     std::int64_t offset = 0;
     std::string data;
     std::optional<std::int64_t> size;
@@ -70,6 +72,7 @@ class CFaultVfs {
   bool holds_next_sync_ = false;
   bool is_held_ = false;
   std::atomic<bool> has_power_{true};
+  std::uint64_t changes_ = 0;
   std::map<std::string, File> files_;
   std::map<std::string, std::string> after_failure_;
 };
