@@ -153,6 +153,8 @@ TEST_F(BlockingScope, HasNoEffectOutsideALoop) {
   Post(loop_, [&ran] { ran = true; });
   std::this_thread::sleep_for(30ms);
   EXPECT_FALSE(ran);
+  held.Release();
+  EXPECT_TRUE(WaitForTurn(loop_));
 }
 
 TEST_F(BlockingScope, StopWaitsForThreadsThatBlock) {

@@ -35,10 +35,10 @@ class HttpServerLoanTest : public ServerFixture {
         AnswerText(handle, "not lent");
         return;
       }
+      ++slow_;  // before the answer, because MakeSlow takes the answer for another one without it
       if (answers_first) {
         AnswerText(handle, "slow");
       }
-      ++slow_;
       released_.wait();
       if (!answers_first) {
         AnswerText(handle, "slow");
