@@ -127,6 +127,17 @@ TEST_F(BlockingScope, AtMostSixtyFourThreadsAreReplaced) {
   EXPECT_TRUE(gate_.Await(kReplaced + 2));
 }
 
+// While one task is held, no other one runs.
+void ExpectOneTaskAtATime(CMessageLoopDyThreadPool& loop) {
+  CHeldLoop held(loop, 1);
+  std::atomic<bool> ran{false};
+  Post(loop, [&ran] { ran = true; });
+  std::this_thread::sleep_for(30ms);
+  EXPECT_FALSE(ran);
+  held.Release();
+  EXPECT_TRUE(WaitForTurn(loop));
+}
+
 TEST_F(BlockingScope, AScopeInsideAnotherGivesUpOnePlaceOnly) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
   Post(loop_, [this] {
@@ -136,25 +147,13 @@ TEST_F(BlockingScope, AScopeInsideAnotherGivesUpOnePlaceOnly) {
   });
   EXPECT_TRUE(gate_.Await(1));
   // One spare thread computes in its place, and no second one does.
-  CHeldLoop held(loop_, 1);
-  std::atomic<bool> ran{false};
-  Post(loop_, [&ran] { ran = true; });
-  std::this_thread::sleep_for(30ms);
-  EXPECT_FALSE(ran);
-  held.Release();
-  EXPECT_TRUE(WaitForTurn(loop_));
+  ExpectOneTaskAtATime(loop_);
 }
 
 TEST_F(BlockingScope, HasNoEffectOutsideALoop) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
   const CBlockingScope blocking;
-  CHeldLoop held(loop_, 1);
-  std::atomic<bool> ran{false};
-  Post(loop_, [&ran] { ran = true; });
-  std::this_thread::sleep_for(30ms);
-  EXPECT_FALSE(ran);
-  held.Release();
-  EXPECT_TRUE(WaitForTurn(loop_));
+  ExpectOneTaskAtATime(loop_);
 }
 
 TEST_F(BlockingScope, StopWaitsForThreadsThatBlock) {
