@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <new>
 #include <numeric>
 #include <utility>
 
@@ -15,8 +17,9 @@ constexpr std::uint64_t kLargestBody = std::uint64_t{64} << 20;
 }  // namespace
 }  // namespace details
 
-CMemoryAccount& CMemoryAccount::Process() {
-  static auto* const account = new CMemoryAccount();
+CMemoryAccount& CMemoryAccount::Process() noexcept {
+  alignas(CMemoryAccount) static std::byte room[sizeof(CMemoryAccount)];
+  static auto* const account = new (room) CMemoryAccount();
   return *account;
 }
 

@@ -34,8 +34,9 @@ class CMemoryAccount {
   CMemoryAccount(const CMemoryAccount&) = delete;
   CMemoryAccount& operator=(const CMemoryAccount&) = delete;
 
-  // The account of the process. It lives as long as the process, because what it counts may do so too.
-  static CMemoryAccount& Process();
+  // The account of the process. It lives as long as the process, because what it counts may do so too. Needs no
+  // memory, because bodies are given back while there is none.
+  static CMemoryAccount& Process() noexcept;
 
   // Sets the ceiling in bytes. What is taken already stays taken.
   void SetLimit(std::uint64_t bytes);

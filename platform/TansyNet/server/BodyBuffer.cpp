@@ -1,7 +1,9 @@
 #include "TansyNet/server/BodyBuffer.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
+#include <new>
 #include <utility>
 
 namespace TansyNet {
@@ -40,8 +42,10 @@ std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes) {
   return {holder, &holder->counted.bytes};
 }
 
-CSpareBodies& CSpareBodies::Process() {
-  static auto* const spares = new CSpareBodies();
+// It is never destroyed, because bodies may outlive the end of main.
+CSpareBodies& CSpareBodies::Process() noexcept {
+  alignas(CSpareBodies) static std::byte room[sizeof(CSpareBodies)];
+  static auto* const spares = new (room) CSpareBodies();
   return *spares;
 }
 

@@ -9,7 +9,8 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
+
+#include <boost/container/static_vector.hpp>
 
 #include "TansyNet/MemoryAccount.h"
 
@@ -40,7 +41,8 @@ std::shared_ptr<const std::string> ShareBytes(CountedBytes bytes);
 // nobody's share; it is at most a thirty-second of the ceiling, and nothing while memory is short. Threads: any.
 class CSpareBodies {
  public:
-  static CSpareBodies& Process();
+  // Needs no memory, because the last owner of a body comes here, and may do so while there is none.
+  static CSpareBodies& Process() noexcept;
 
   // Gives bytes that do not matter, at least `size` and not many more, or none.
   std::string Take(std::size_t size);
@@ -50,11 +52,12 @@ class CSpareBodies {
  private:
   static constexpr std::size_t kMost = 64;
 
-  CSpareBodies() { spares_.reserve(kMost); }
+  CSpareBodies() = default;
 
   std::mutex mutex_;
-  std::vector<std::string> spares_;  // guarded by mutex_; the one that came last is still in the processor's cache
-  std::size_t bytes_ = 0;            // guarded by mutex_
+  // Guarded by mutex_. The one that came last is still in the processor's cache.
+  boost::container::static_vector<std::string, kMost> spares_;
+  std::size_t bytes_ = 0;  // guarded by mutex_
 };
 
 // A body of known length while it arrives. The socket's bytes go straight into the string that is delivered. The string

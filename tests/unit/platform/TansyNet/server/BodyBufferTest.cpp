@@ -8,6 +8,7 @@
 
 #include "TansyNet/MemoryAccount.h"
 #include "TansyNet/server/BodyBuffer.h"
+#include "fakes/FailingAllocation.h"
 
 namespace {
 
@@ -96,6 +97,14 @@ TEST(SpareBodies, ABodyGoesOnInTheMemoryOfAnEarlierOne) {
   const auto third = Receive(kLength - 1000, 'c');
   EXPECT_NE(third->data(), memory);
   EXPECT_TRUE(*second == std::string(kLength - 1000, 'b'));
+}
+
+// The first body of a process, too, which ctest makes of this one: a destructor that fails ends the program.
+TEST(SpareBodies, TheLastOwnerOfABodyNeedsNoMemory) {
+  auto body = TansyNet::ShareBytes({std::string(1000000, 'a'), TansyNet::CMemoryShare()});
+  const Tansy::Tests::CFailingAllocation failing(1);
+  body.reset();
+  EXPECT_FALSE(failing.HasFailed());
 }
 
 // Such a body has its own room already and must not wait for more.
