@@ -185,11 +185,12 @@ std::vector<std::string> CompareSpace(CTansydServer& server, const RunResult& ru
     }
   };
   const std::string database = server.GetTansyd().Data("catalogue.db");
-  expect("bytes of all objects, by their rows", Number(database, "SELECT SUM(size) FROM local_object"),
+  expect("bytes of all objects, by their rows", Number(database, "SELECT COALESCE(SUM(size), 0) FROM local_object"),
          std::to_string(run.live_bytes));
   expect("bytes of the files of objects", std::to_string(BytesBelow(server.GetTansyd().Data("objects/fs01"))),
-         Number(database, "SELECT SUM(size) FROM local_object WHERE url LIKE 'fs01%'"));
-  const std::uint64_t live = std::stoull(Number(database, "SELECT SUM(size) FROM local_object WHERE url LIKE 'lg01%'"));
+         Number(database, "SELECT COALESCE(SUM(size), 0) FROM local_object WHERE url LIKE 'fs01%'"));
+  const std::uint64_t live =
+      std::stoull(Number(database, "SELECT COALESCE(SUM(size), 0) FROM local_object WHERE url LIKE 'lg01%'"));
   const std::uint64_t log = BytesBelow(server.GetTansyd().Data("objects/lg01"));
   if (log > 2 * live + kSmallLog) {
     wrong.push_back("the body log has " + std::to_string(log) + " bytes for objects of " + std::to_string(live));
