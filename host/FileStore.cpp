@@ -339,8 +339,10 @@ EStoreResult CFileStore::RemovePath(const std::string& path) {
     cache_.Drop(name.id);
     return EStoreResult::kDone;
   }
+  // Memory is asked for before the removal: whoever gets an exception takes the bytes for being still there.
+  const std::string id = details::IdOfPath(path);
   const int error = root_->Remove(path);
-  cache_.Drop(details::IdOfPath(path));
+  cache_.Drop(id);
   if (error == 0 || error == ENOENT) {
     // Bytes that are gone already count as removed, so that the caller can go on.
     return EStoreResult::kDone;

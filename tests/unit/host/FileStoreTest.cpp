@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "StartFailure.h"
+#include "fakes/FailingAllocation.h"
 #include "fakes/PowerCutFolder.h"
 #include "fakes/TempFolder.h"
 
@@ -104,6 +105,23 @@ TEST_P(FileStoreTest, WhatWasReadBeforeARemovalIsGone) {
     ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
     EXPECT_EQ(ReadRange(*store_, name, 0, 5), "<unreadable>");
     EXPECT_EQ(ReadAll(*store_, name), "<unreadable>");
+  }
+}
+
+// Whoever is told that bytes could not be removed puts their row back, so they must still be there.
+TEST_P(FileStoreTest, ARemovalThatFindsNoMemoryRemovesNothing) {
+  for (const std::size_t size : {std::size_t{5}, std::size_t{200000}}) {
+    StoredName name;
+    const std::string bytes(size, 'x');
+    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
+    bool is_removed = false;
+    std::uint64_t found = 0;
+    const auto remove = [&] { is_removed = store_->Remove(name) == EStoreResult::kDone || is_removed; };
+    Tests::FailEachAllocation(remove, [&](std::size_t number, bool) {
+      EXPECT_EQ(store_->GetSize(name, found) == EStoreResult::kDone, !is_removed)
+          << size << " bytes, allocation " << number;
+    });
+    EXPECT_TRUE(is_removed);
   }
 }
 
