@@ -160,8 +160,7 @@ bool CBodyLog::Flush(std::string& error) {
   std::vector<SegmentPointer> segments;
   {
     const std::lock_guard lock(append_mutex_);
-    std::erase_if(unflushed_,
-                  [this](const SegmentPointer& segment) { return segment != active_ && !segment->GetFacts().is_busy; });
+    ForgetFlushed();
     segments = unflushed_;
   }
   bool done = true;
@@ -175,6 +174,12 @@ bool CBodyLog::Flush(std::string& error) {
   }
   flushed_ = appended;
   return done;
+}
+
+// To be called with append_mutex_ held.
+void CBodyLog::ForgetFlushed() {
+  std::erase_if(unflushed_,
+                [this](const SegmentPointer& segment) { return segment != active_ && !segment->GetFacts().is_busy; });
 }
 
 // A request may be slow, and its row may come long after its bytes were lost and freed. So they are never forgotten.
@@ -335,17 +340,18 @@ void CBodyLog::TidyClosed(CBodySegment& segment, Round& round) {
   }
 }
 
-// Closes the segment that is being filled when there is much to free in it.
+// Closes the segment that is being filled when there is much to free in it, and lets go of those that were closed: who
+// holds a segment that is removed holds its room.
 void CBodyLog::RetireActive() {
   const std::lock_guard lock(append_mutex_);
-  if (active_ == nullptr) {
-    return;
+  if (active_ != nullptr) {
+    const CBodySegment::Facts facts = active_->GetFacts();
+    const bool is_empty = facts.live == 0 && facts.file_bytes > BodyFormat::kSegmentHeadBytes;
+    if (is_empty || (details::IsMostlyGaps(facts) && facts.file_bytes >= details::kLeastGapBytes)) {
+      active_ = nullptr;
+    }
   }
-  const CBodySegment::Facts facts = active_->GetFacts();
-  const bool is_empty = facts.live == 0 && facts.file_bytes > BodyFormat::kSegmentHeadBytes;
-  if (is_empty || (details::IsMostlyGaps(facts) && facts.file_bytes >= details::kLeastGapBytes)) {
-    active_ = nullptr;
-  }
+  ForgetFlushed();
 }
 
 void CBodyLog::Drop(const CBodySegment& segment) {

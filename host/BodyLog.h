@@ -78,6 +78,7 @@ class CBodyLog {
   int Reserve(std::uint32_t size, SegmentPointer& segment, std::uint32_t& key);
   int BeginSegment();
   bool Flush(std::string& error);
+  void ForgetFlushed();
   bool NamesLost(const std::vector<std::string_view>& statements) const;
   SegmentPointer SegmentOf(const StoredName& name, BodyId& id) const;
   std::vector<SegmentPointer> Segments() const;

@@ -533,6 +533,23 @@ TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
   for (StoredName& name : names) {
     ASSERT_EQ(log.Append(body, name), 0);
   }
+// A file that somebody kept open would hold its space.
+TEST_F(BodyLogTest, ASegmentThatIsGoneIsNotKeptOpen) {
+  for (const CBodyLog::EMode mode : {CBodyLog::EMode::kFull, CBodyLog::EMode::kFast}) {
+    Reopen(mode);
+    const StoredName name = Append("body");
+    if (mode == CBodyLog::EMode::kFull) {
+      ASSERT_TRUE(MakeDurable());
+    }
+    ASSERT_EQ(Files().size(), 1U);
+    const std::weak_ptr<Tests::PowerCutNode> file = Files().begin()->second;
+    log_->Remove(name);
+    log_->Tidy();
+    EXPECT_THAT(Files(), IsEmpty());
+    EXPECT_TRUE(file.expired()) << (mode == CBodyLog::EMode::kFull ? "full" : "fast");
+  }
+}
+
   std::string reason;
   ASSERT_TRUE(log.MakeDurable({}, reason));
   std::shared_ptr<CBodySegment> segment;
