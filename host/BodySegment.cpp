@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "HostLog.h"
@@ -248,13 +249,18 @@ int CBodySegment::AddWritten(const BodyEntry& entry) {
   if (is_poisoned_) {
     return EIO;  // a failed flush may have dropped it, and no later flush would tell
   }
-  // First what is harmless when memory runs out behind it.
-  unsettled_[entry.key] = {TansyBase::TimeUtil::Uptime(), false};
-  if (is_durable_) {
-    unflushed_.push_back(entry.key);
+  try {
+    // First what is harmless when memory runs out behind it.
+    unsettled_[entry.key] = {TansyBase::TimeUtil::Uptime(), false};
+    if (is_durable_) {
+      unflushed_.push_back(entry.key);
+    }
+    const auto place = std::lower_bound(entries_.begin(), entries_.end(), entry.key, &details::IsBefore);
+    entries_.insert(place, entry);
+  } catch (const std::bad_alloc&) {
+    unsettled_.erase(entry.key);
+    return ENOMEM;
   }
-  const auto place = std::lower_bound(entries_.begin(), entries_.end(), entry.key, &details::IsBefore);
-  entries_.insert(place, entry);
   ++live_;
   live_bytes_ += BodyFormat::RecordSpan(entry.size);
   return 0;

@@ -11,6 +11,7 @@
 #include <map>
 #include <thread>
 
+#include "fakes/FailingAllocation.h"
 #include "fakes/ManualClock.h"
 #include "fakes/PowerCutFolder.h"
 #include "fakes/TempFolder.h"
@@ -265,6 +266,36 @@ TEST_F(BodyLogTest, RecordsWithinBodiesAreNotFound) {
   EXPECT_EQ(Read(outer), "<missing>");
 }
 
+TEST_F(BodyLogTest, ABodyThatFindsNoMemoryIsNotThereAfterwardsOrStillCountsAsNew) {
+  const std::string body(100, 'x');
+  StoredName name;
+  std::vector<StoredName> stored;
+  const auto keep_segment = [&] {
+    stored.push_back(Append("another one"));
+    log_->Settle(stored.back());
+  };
+  const auto append = [&] {
+    name = {};
+    log_->Append(body, name);
+  };
+  keep_segment();
+  Tests::FailEachAllocation(append, [&](std::size_t number, bool) {
+    if (!name.id.empty()) {
+      stored.push_back(name);
+    }
+    log_->Tidy();
+    Reopen();
+    const std::vector<StoredName> known = Unsettled();
+    log_->ForEach([&](const StoredEntry& entry) {
+      EXPECT_TRUE(
+          std::count(stored.begin(), stored.end(), entry.name) + std::count(known.begin(), known.end(), entry.name) > 0)
+          << "nobody would ever free this one, allocation " << number;
+      return true;
+    });
+    keep_segment();
+  });
+}
+
 TEST_F(BodyLogTest, AFailedFlushLosesWhatItWasAboutAndNothingElse) {
   const StoredName durable = Append("durable");
   ASSERT_TRUE(MakeDurable());
@@ -450,6 +481,23 @@ TEST_F(BodyLogTest, SegmentsInWhichNothingIsLeftGo) {
   EXPECT_EQ(Read(Append("again")), "again");
 }
 
+// A file that somebody kept open would hold its space.
+TEST_F(BodyLogTest, ASegmentThatIsGoneIsNotKeptOpen) {
+  for (const CBodyLog::EMode mode : {CBodyLog::EMode::kFull, CBodyLog::EMode::kFast}) {
+    Reopen(mode);
+    const StoredName name = Append("body");
+    if (mode == CBodyLog::EMode::kFull) {
+      ASSERT_TRUE(MakeDurable());
+    }
+    ASSERT_EQ(Files().size(), 1U);
+    const std::weak_ptr<Tests::PowerCutNode> file = Files().begin()->second;
+    log_->Remove(name);
+    log_->Tidy();
+    EXPECT_THAT(Files(), IsEmpty());
+    EXPECT_TRUE(file.expired()) << (mode == CBodyLog::EMode::kFull ? "full" : "fast");
+  }
+}
+
 TEST_F(BodyLogTest, SegmentsThatAreMostlyGapsAreWrittenAnew) {
   const std::vector<StoredName> names = MakeSealed({"kept one", std::string(5000, 'r'), "kept two"});
   BodyPlace before;
@@ -533,23 +581,6 @@ TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
   for (StoredName& name : names) {
     ASSERT_EQ(log.Append(body, name), 0);
   }
-// A file that somebody kept open would hold its space.
-TEST_F(BodyLogTest, ASegmentThatIsGoneIsNotKeptOpen) {
-  for (const CBodyLog::EMode mode : {CBodyLog::EMode::kFull, CBodyLog::EMode::kFast}) {
-    Reopen(mode);
-    const StoredName name = Append("body");
-    if (mode == CBodyLog::EMode::kFull) {
-      ASSERT_TRUE(MakeDurable());
-    }
-    ASSERT_EQ(Files().size(), 1U);
-    const std::weak_ptr<Tests::PowerCutNode> file = Files().begin()->second;
-    log_->Remove(name);
-    log_->Tidy();
-    EXPECT_THAT(Files(), IsEmpty());
-    EXPECT_TRUE(file.expired()) << (mode == CBodyLog::EMode::kFull ? "full" : "fast");
-  }
-}
-
   std::string reason;
   ASSERT_TRUE(log.MakeDurable({}, reason));
   std::shared_ptr<CBodySegment> segment;
