@@ -128,6 +128,15 @@ int CBodySegment::Load() {
   return 0;
 }
 
+// A body at the end of a file may look like an index, but whoever sent it does not know the segment's nonce. Where the
+// segment's own head is damaged, nothing tells them apart.
+bool CBodySegment::IsOfAnotherNonce(const BodyFormat::SegmentHead& head) const {
+  std::string bytes;
+  BodyFormat::SegmentHead own;
+  return details::ReadExactly(*file_, 0, BodyFormat::kSegmentHeadBytes, bytes) == 0 &&
+         BodyFormat::DecodeSegmentHead(bytes, own) && own.nonce != head.nonce;
+}
+
 bool CBodySegment::LoadIndex(std::uint64_t file_size) {
   std::string bytes;
   BodyFormat::IndexEnd end;
@@ -136,7 +145,7 @@ bool CBodySegment::LoadIndex(std::uint64_t file_size) {
       details::ReadExactly(*file_, file_size - BodyFormat::kIndexEndBytes, BodyFormat::kIndexEndBytes, bytes) != 0 ||
       !BodyFormat::DecodeIndexEnd(bytes, file_size, end) || end.head.number != head_.number ||
       details::ReadExactly(*file_, end.offset, BodyFormat::IndexBytes(end.count), bytes) != 0 ||
-      !BodyFormat::DecodeIndex(bytes, end, entries_, states)) {
+      !BodyFormat::DecodeIndex(bytes, end, entries_, states) || IsOfAnotherNonce(end.head)) {
     entries_.clear();
     return false;
   }

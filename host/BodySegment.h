@@ -114,6 +114,7 @@ class CBodySegment {
 
   int Load();
   bool LoadIndex(std::uint64_t file_size);
+  bool IsOfAnotherNonce(const BodyFormat::SegmentHead& head) const;
   int Search(std::uint64_t file_size);
   int AddWritten(const BodyEntry& entry);
   void CountEntries();

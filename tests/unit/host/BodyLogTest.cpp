@@ -266,6 +266,22 @@ TEST_F(BodyLogTest, RecordsWithinBodiesAreNotFound) {
   EXPECT_EQ(Read(outer), "<missing>");
 }
 
+// The end of a file says whether it has an index, and a client may have sent these bytes.
+TEST_F(BodyLogTest, ABodyThatLooksLikeAnIndexIsNotTakenForOne) {
+  const StoredName first = Append("first");
+  const std::size_t body_at = FileBytes("00000001.log").size() + BodyFormat::kRecordHeadBytes;
+  const std::string before(8, 'x');
+  const std::string body =
+      before +
+      BodyFormat::EncodeIndex({1, 7, 0}, static_cast<std::uint32_t>(body_at + before.size()), {}, std::string_view());
+  const StoredName second = Append(body);
+  ASSERT_TRUE(FileBytes("00000001.log").ends_with(body));
+  Reopen();
+  SettleAndTidy();
+  EXPECT_EQ(Read(first), "first");
+  EXPECT_EQ(Read(second), body);
+}
+
 TEST_F(BodyLogTest, ABodyThatFindsNoMemoryIsNotThereAfterwardsOrStillCountsAsNew) {
   const std::string body(100, 'x');
   StoredName name;
