@@ -438,14 +438,38 @@ std::string CBodySegment::StatesOf(const std::vector<BodyEntry>& entries) const 
   return states;
 }
 
+// The end of the index, which makes it one, comes last: a power failure may keep any part of what is not flushed, and a
+// state that is not what was written could stand for a removal.
 int CBodySegment::Seal() {
-  const std::lock_guard lock(mutex_);
-  const std::uint32_t at = BodyFormat::AlignUp(end_);
-  const std::string index = BodyFormat::EncodeIndex(head_, at, entries_, StatesOf(entries_));
-  if (const int error = file_->WriteAt(index.data(), index.size(), at)) {
+  std::uint32_t at = 0;
+  std::string states;
+  std::string index;
+  {
+    const std::lock_guard lock(mutex_);
+    at = BodyFormat::AlignUp(end_);
+    states = StatesOf(entries_);
+    index = BodyFormat::EncodeIndex(head_, at, entries_, states);
+  }
+  const std::size_t end_at = index.size() - BodyFormat::kIndexEndBytes;
+  int error = file_->WriteAt(index.data(), end_at, at);
+  if (error == 0) {
+    error = file_->Sync();
+  }
+  if (error != 0) {
     return error;
   }
+  const std::lock_guard lock(mutex_);
   index_at_ = at;
+  for (std::size_t i = 0; i < states.size(); ++i) {  // some may have been removed meanwhile
+    if (entries_[i].is_dead != 0 && states[i] != BodyFormat::kDead) {
+      MarkDead(entries_[i]);
+    }
+  }
+  error = file_->WriteAt(index.data() + end_at, BodyFormat::kIndexEndBytes, at + end_at);
+  if (error != 0) {
+    index_at_ = 0;
+    return error;
+  }
   end_ = at + static_cast<std::uint32_t>(index.size());
   entries_.shrink_to_fit();
   return 0;

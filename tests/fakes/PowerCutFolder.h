@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <memory>
 #include <new>
@@ -20,7 +21,8 @@ struct PowerCutPlan {
   int operations = 0;
   int fail_at = -1;  // counted from 0; -1: never
   int error = EIO;
-  bool throws = false;  // the failing operation finds no memory
+  bool throws = false;                // the failing operation finds no memory
+  std::function<void()> during_sync;  // what others do while a file is being synced; may be empty
 
   int Step() {
     const bool fails = operations++ == fail_at;
@@ -77,6 +79,9 @@ class CPowerCutFile final : public HostSystem::IFile {
     const int error = plan_->Step();
     if (error == 0) {
       node_->bytes_on_disk = node_->bytes;
+    }
+    if (plan_->during_sync) {
+      plan_->during_sync();
     }
     return error;
   }

@@ -395,6 +395,42 @@ TEST_F(BodyLogTest, ALostOrDamagedIndexIsMadeUpForByASearch) {
   }
 }
 
+// A power failure may keep any part of what was not flushed, and leave anything in the place of the rest.
+TEST_F(BodyLogTest, AnIndexOfWhichAPartDidNotReachTheDiskRemovesNothing) {
+  constexpr std::size_t kSector = 512;
+  std::vector<std::string> bodies;
+  for (int i = 0; i < 2000; ++i) {
+    bodies.push_back(std::to_string(i));
+  }
+  MakeSealed(bodies);
+  const std::shared_ptr<Tests::PowerCutNode> file = Files().at("00000001.log");
+  const std::string whole = file->bytes;
+  const std::size_t flushed = file->bytes_on_disk.size();
+  ASSERT_NE(whole.find("BODYINDX"), std::string::npos);
+  ASSERT_LT(flushed, whole.size()) << "nothing could be lost";
+  for (std::size_t sector = flushed / kSector * kSector; sector < whole.size(); sector += kSector) {
+    file->bytes = whole;
+    for (std::size_t at = std::max(sector, flushed); at < std::min(sector + kSector, whole.size()); ++at) {
+      file->bytes[at] = BodyFormat::kDead;
+    }
+    Reopen();
+    EXPECT_EQ(Bodies().size(), bodies.size()) << "sector at " << sector;
+  }
+}
+
+TEST_F(BodyLogTest, WhatIsRemovedWhileTheIndexIsWrittenStaysRemoved) {
+  const StoredName first = Append("first");
+  const StoredName second = Append("second");
+  ASSERT_TRUE(MakeDurable());
+  Reopen();
+  plan_->during_sync = [&] { log_->Remove(second); };
+  SettleAndTidy();
+  ASSERT_NE(FileBytes("00000001.log").find("BODYINDX"), std::string::npos);
+  Reopen();
+  EXPECT_EQ(Read(first), "first");
+  EXPECT_EQ(Read(second), "<missing>");
+}
+
 TEST_F(BodyLogTest, AnIndexReplacesADamagedHead) {
   MakeSealed({"first", "second"});
   FileBytes("00000001.log")[0] = 'X';
