@@ -7,16 +7,15 @@
 #include "CatalogueFile.h"
 #include "Check.h"
 #include "CheckRequest.h"
-#include "FileStore.h"
 #include "HostSystem/Files.h"
 #include "Locks.h"
 #include "StartFailure.h"
+#include "StoragePlaces.h"
 #include "StoreIdentity.h"
 
 namespace Tansy::Host {
 int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFolder& folder, std::ostream& out) {
   const std::string database = UrlPath(options.database);
-  const std::string storage = UrlPath(options.storage);
   CheckOptions check;
   check.repair = line.repair;
   check.force = line.force;
@@ -28,20 +27,19 @@ int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFo
     throw CStartFailure(kExitFailed, "database " + database + " does not exist");
   }
   HostSystem::CLockFile database_lock;
-  HostSystem::CLockFile storage_lock;
+  const std::unique_ptr<IStoragePlace> place = FindStoragePlace(options.storage);
   if (line.repair) {
     folder.Lock();
     LockDatabase(database, database_lock);
-    ExpectStorageFree(storage);
+    place->ExpectFree();
   }
   CCatalogueFile(database).TaskIds();  // fails here when the file is no catalogue
-  MatchStoreIdentity(database, storage, EIdentity::kLook);
+  MatchStoreIdentity(database, *place, EIdentity::kLook);
   if (line.repair) {
-    LockStorage(storage, storage_lock);  // only now is it known to be the right storage
+    place->Lock();  // only now is it known to be the right storage
   }
-  const std::unique_ptr<IObjectStore> store =
-      OpenFileStore(storage, false, line.repair ? EStoreUse::kRepair : EStoreUse::kLook);
-  if (!line.repair && (folder.IsInUse() || IsStorageInUse(storage))) {
+  const std::unique_ptr<IObjectStore> store = place->Open(false, line.repair ? EStoreUse::kRepair : EStoreUse::kLook);
+  if (!line.repair && (folder.IsInUse() || place->IsInUse())) {
     check.unfinished = [&store](std::vector<StoredName>& names) { return store->LookAgain(names); };
   }
   const int exit_code = RunCheck(*store, database, check, out);

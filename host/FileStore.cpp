@@ -8,6 +8,7 @@
 #include "FileVolumeWalk.h"
 #include "HostLog.h"
 #include "StartFailure.h"
+#include "StoreResult.h"
 #include "TansyBase/MessageLoop.h"
 
 namespace Tansy::Host {
@@ -21,20 +22,10 @@ constexpr const char* kTemporaryEnd = ".tmp";
 // A large write is cut into slices of this size, so that the disk writes one slice while the next one is copied.
 constexpr std::uint32_t kWriteOutSlice = 1024 * 1024;
 
-EStoreResult ToResult(int error) {
-  if (error == 0) {
-    return EStoreResult::kDone;
-  }
-  if (HostSystem::IsNoSpace(error)) {
-    return EStoreResult::kNoSpace;
-  }
-  return error == ENOENT ? EStoreResult::kMissing : EStoreResult::kFailed;
-}
-
 // Writes a failed operation into the log and gives its result.
 EStoreResult Failed(const char* what, const std::string& path, int error) {
   HOST_LOG(logging::kError, "[%s]%s %s failed: %s.[%s(%d)]", what, path.c_str(), HostSystem::ErrorText(error).c_str());
-  return ToResult(error);
+  return StoreResultOf(error);
 }
 
 // Gives the id in the path of a stored file.
@@ -365,7 +356,7 @@ EStoreResult CFileStore::GetSize(const StoredName& name, std::uint64_t& size) {
   if (error == 0) {
     error = file->GetSize(size);
   }
-  return details::ToResult(error);
+  return StoreResultOf(error);
 }
 
 bool CFileStore::IsMine(const StoredName& name) const {

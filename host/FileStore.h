@@ -17,12 +17,6 @@
 
 namespace Tansy::Host {
 
-enum class EStoreUse {
-  kServe,   // the folder is made when it is missing, and what earlier runs left unfinished is taken over
-  kRepair,  // as kLook, but stored bytes can be removed
-  kLook,    // nothing is changed, and nothing counts as new; another process may be using the store
-};
-
 // Stored bytes as files: one file per name, below a folder for each volume ("fs01" objects, "pc01" pictures). Small
 // objects lie together in the files of the body log ("lg01").
 //

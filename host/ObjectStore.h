@@ -30,6 +30,12 @@ enum class EContent {
   kPicture,  // bytes of pictures: their address was sent to a client, so they are freed by name only
 };
 
+enum class EStoreUse {
+  kServe,   // the place is made when it is missing, and what earlier runs left unfinished is taken over
+  kRepair,  // as kLook, but stored bytes can be removed
+  kLook,    // nothing is changed, and nothing counts as new; another process may be using the store
+};
+
 struct FreeDeleter {
   void operator()(char* data) const { std::free(data); }
 };

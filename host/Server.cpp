@@ -13,7 +13,6 @@
 #include "CheckCommand.h"
 #include "CheckRequest.h"
 #include "Factory.h"
-#include "FileStore.h"
 #include "FirstParts.h"
 #include "HostLog.h"
 #include "HostSystem/Files.h"
@@ -22,6 +21,7 @@
 #include "Locks.h"
 #include "Schema.h"
 #include "StartFailure.h"
+#include "StoragePlaces.h"
 #include "StoreIdentity.h"
 #include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/ObjectServer.h"
@@ -190,7 +190,7 @@ void CServer::OpenLog() {
 void CServer::OpenDatabase() {
   database_file_ = UrlPath(options_.database);
   LockDatabase(database_file_, database_lock_);
-  PrepareSqliteSchema(database_file_, SqliteSchemaScripts(), FileStoreVolumes());
+  PrepareSqliteSchema(database_file_, SqliteSchemaScripts(), StorageVolumes(options_.storage));
   db_layer::SetSqliteFullDurability(options_.full_durability);
   db_layer::DBParam param;
   param.type = db_layer::kSqlite;
@@ -202,11 +202,11 @@ void CServer::OpenDatabase() {
 }
 
 void CServer::OpenStore() {
-  const std::string path = UrlPath(options_.storage);
-  ExpectStorageFree(path);
-  MatchStoreIdentity(database_file_, path, EIdentity::kAdopt);
-  LockStorage(path, storage_lock_);
-  store_ = OpenFileStore(path, options_.full_durability);
+  place_ = FindStoragePlace(options_.storage);
+  place_->ExpectFree();
+  MatchStoreIdentity(database_file_, *place_, EIdentity::kAdopt);
+  place_->Lock();
+  store_ = place_->Open(options_.full_durability, EStoreUse::kServe);
   db_layer::SetCommitBarrier([store = store_](const std::vector<std::string_view>& statements, std::string& error) {
     return store->MakeDurable(statements, error);
   });

@@ -12,6 +12,7 @@
 #include "HousekeepingThread.h"
 #include "ObjectStore.h"
 #include "Options.h"
+#include "StoragePlace.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
 namespace logging {
@@ -60,9 +61,9 @@ class CServer {
   Settings settings_;
   std::unique_ptr<CDataFolder> data_folder_;
   HostSystem::CLockFile database_lock_;
-  HostSystem::CLockFile storage_lock_;
   std::shared_ptr<logging::CStandardSink> log_;
   std::string database_file_;
+  std::unique_ptr<IStoragePlace> place_;
   std::shared_ptr<IObjectStore> store_;
   bool follows_adapters_ = false;  // no option names the address for best-node answers
   std::unique_ptr<CAddressWatch> address_watch_;

@@ -3,8 +3,8 @@
 #include <openssl/rand.h>
 
 #include <cerrno>
+#include <memory>
 
-#include "FileStore.h"
 #include "HostSystem/Files.h"
 #include "SqliteFile.h"
 #include "StartFailure.h"
@@ -14,9 +14,7 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr const char* kIdFile = "store.id";
 constexpr std::size_t kIdLength = 32;
-constexpr std::size_t kMostIdFile = 100;
 // The newest rows, this number of them, are looked at until one is found whose bytes are there. Names are random, so
 // one is proof enough.
 constexpr const char* kSample = "1000";
@@ -48,13 +46,13 @@ std::string NewId() {
 
 class CMatch {
  public:
-  CMatch(const std::string& database, const std::string& folder, EIdentity mode)
+  CMatch(const std::string& database, IStoragePlace& place, EIdentity mode)
       : database_(database, mode == EIdentity::kLook ? CSqliteFile::EAccess::kLook : CSqliteFile::EAccess::kChange),
-        folder_(folder),
+        place_(place),
         mode_(mode) {}
 
   void Run() {
-    store_.exists = HostSystem::GetPathKind(folder_) != HostSystem::EPathKind::kMissing;
+    store_.exists = place_.Exists();
     ReadIds();
     if (!catalogue_.id.empty() && catalogue_.id == store_.id) {
       return;  // a start does not look at what is stored for that
@@ -75,29 +73,29 @@ class CMatch {
     if (!store_.exists) {
       return;
     }
-    files_ = OpenFileStore(folder_, false, EStoreUse::kLook);
+    stored_ = place_.Open(false, EStoreUse::kLook);
     const auto note_first = [this](const StoredEntry& entry) {
       (entry.content == EContent::kObject ? store_.has_objects : store_.has_pictures) = true;
       return false;
     };
-    if (!files_->ForEach(EContent::kObject, note_first) || !files_->ForEach(EContent::kPicture, note_first)) {
-      Refuse("storage folder " + folder_ + " cannot be read, see the log");
+    if (!stored_->ForEach(EContent::kObject, note_first) || !stored_->ForEach(EContent::kPicture, note_first)) {
+      Refuse(Place() + " cannot be read, see the log");
     }
   }
 
   void ReadIds() {
     catalogue_.id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
     std::string text;
-    const int error = HostSystem::ReadWholeFile(folder_ + "/" + kIdFile, kMostIdFile, text);
-    if (!store_.exists || error == ENOENT) {
+    const int error = store_.exists ? place_.ReadId(text) : ENOENT;
+    if (error == ENOENT) {
       return;
     }
     if (error != 0) {
-      Refuse("storage folder " + folder_ + ": " + kIdFile + " cannot be read: " + HostSystem::ErrorText(error));
+      Refuse(Place() + ": store.id cannot be read: " + HostSystem::ErrorText(error));
     }
     store_.id = text.substr(0, kIdLength);
     if (!IsHex(store_.id, kIdLength)) {
-      Refuse("storage folder " + folder_ + ": " + kIdFile + " holds no id");
+      Refuse(Place() + ": store.id holds no id");
     }
   }
 
@@ -122,22 +120,20 @@ class CMatch {
                       std::uint64_t size = 0;
                       catalogue_.names_stored_file =
                           catalogue_.names_stored_file ||
-                          (ParseOwnText(row.Text(0), name) && files_->GetSize(name, size) == EStoreResult::kDone);
+                          (ParseOwnText(row.Text(0), name) && stored_->GetSize(name, size) == EStoreResult::kDone);
                     });
   }
 
   [[noreturn]] void RefuseOtherId() const {
     if (!store_.id.empty()) {
-      Refuse("storage folder " + folder_ + " has the id " + store_.id + ", but " + Database() +
-             " belongs to the store " + catalogue_.id + ": one of the two is not the right one");
+      Refuse(Place() + " has the id " + store_.id + ", but " + Database() + " belongs to the store " + catalogue_.id +
+             ": one of the two is not the right one");
     }
     const std::string belongs = ", but " + Database() + " belongs to the store " + catalogue_.id;
     if (!store_.exists || store_.IsEmpty()) {
-      Refuse("storage folder " + folder_ + (store_.exists ? " is empty" : " is missing") + belongs +
-             ": is its disk mounted?");
+      Refuse(Place() + (store_.exists ? " is empty" : " is missing") + belongs + ": " + place_.Doubt());
     }
-    Refuse("storage folder " + folder_ + " has no id" + belongs + ": is the right folder mounted? If it is, write " +
-           catalogue_.id + " into " + folder_ + "/" + kIdFile);
+    Refuse(Place() + " has no id" + belongs + ": " + place_.HowToSetId(catalogue_.id));
   }
 
   void ExpectFit() {
@@ -147,14 +143,13 @@ class CMatch {
     }
     if (catalogue_.has_rows) {
       if (store_.IsEmpty()) {
-        Refuse("storage folder " + folder_ + (store_.exists ? " is empty" : " is missing") + ", but the catalogue in " +
-               Database() + " holds objects: is its disk mounted?");
+        Refuse(Place() + (store_.exists ? " is empty" : " is missing") + ", but the catalogue in " + Database() +
+               " holds objects: " + place_.Doubt());
       }
-      Refuse("storage folder " + folder_ + " holds nothing that " + Database() +
-             " names: one of the two is not the right one");
+      Refuse(Place() + " holds nothing that " + Database() + " names: one of the two is not the right one");
     }
     if (!store_.id.empty() ? !store_.IsEmpty() : store_.has_objects && catalogue_.is_new) {
-      Refuse(Database() + (catalogue_.is_new ? " is new" : " holds no objects") + ", but storage folder " + folder_ +
+      Refuse(Database() + (catalogue_.is_new ? " is new" : " holds no objects") + ", but " + Place() +
              " holds the bytes of another catalogue: is the right database in its place?");
     }
   }
@@ -167,25 +162,22 @@ class CMatch {
       store_.id = NewId();
       database_.Run("INSERT OR REPLACE INTO platform.host_values (name, value) VALUES ('next_store_id', ?1)",
                     {store_.id});
-      int error = HostSystem::MakeFolders(folder_);
-      if (error == 0) {
-        error = HostSystem::ReplaceFile(folder_ + "/" + kIdFile, store_.id + "\n");
-      }
-      if (error != 0) {
-        Refuse("storage folder " + folder_ + " cannot be written: " + HostSystem::ErrorText(error));
+      if (const int error = place_.WriteId(store_.id + "\n")) {
+        Refuse(Place() + " cannot be written: " + HostSystem::ErrorText(error));
       }
     }
     database_.Run("INSERT INTO platform.host_values (name, value) VALUES ('store_id', ?1)", {store_.id});
     database_.Run("DELETE FROM platform.host_values WHERE name = 'next_store_id'");
   }
 
+  std::string Place() const { return place_.Describe(); }
   std::string Database() const { return "database " + database_.GetPath(); }
   [[noreturn]] static void Refuse(const std::string& line) { throw CStartFailure(kExitFailed, line); }
 
   CSqliteFile database_;
-  const std::string folder_;
+  IStoragePlace& place_;
   const EIdentity mode_;
-  std::unique_ptr<IObjectStore> files_;
+  std::unique_ptr<IObjectStore> stored_;
   Catalogue catalogue_;
   Store store_;
 };
@@ -193,8 +185,8 @@ class CMatch {
 }  // namespace
 }  // namespace details
 
-void MatchStoreIdentity(const std::string& database, const std::string& folder, EIdentity mode) {
-  details::CMatch(database, folder, mode).Run();
+void MatchStoreIdentity(const std::string& database, IStoragePlace& place, EIdentity mode) {
+  details::CMatch(database, place, mode).Run();
 }
 
 }  // namespace Tansy::Host

@@ -1,11 +1,13 @@
 // Catalogue and stored bytes carry the same id, so that neither is ever used with another's counterpart: a disk that is
 // not mounted looks like an empty store, and a lost database like a store full of bytes that nothing refers to.
 //
-// The catalogue keeps the id as the host value "store_id", the store as the file "store.id" in its folder.
+// The catalogue keeps the id as the host value "store_id", the store under the name "store.id".
 #ifndef TANSY_HOST_STORE_IDENTITY_H
 #define TANSY_HOST_STORE_IDENTITY_H
 
 #include <string>
+
+#include "StoragePlace.h"
 
 namespace Tansy::Host {
 
@@ -14,10 +16,10 @@ enum class EIdentity {
   kLook,   // writes nothing
 };
 
-// Compares the catalogue `database`, which has the newest schema, with the store below `folder`. Where one side or both
+// Compares the catalogue `database`, which has the newest schema, with the store at `place`. Where one side or both
 // have no id yet, they fit together when both are empty, or when a file that the catalogue names lies in the store.
 // Throws CStartFailure with kExitFailed and a line that says what is mounted wrong.
-void MatchStoreIdentity(const std::string& database, const std::string& folder, EIdentity mode);
+void MatchStoreIdentity(const std::string& database, IStoragePlace& place, EIdentity mode);
 
 }  // namespace Tansy::Host
 

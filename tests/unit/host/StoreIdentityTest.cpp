@@ -1,6 +1,7 @@
 #include "StoreIdentity.h"
 
 #include "CatalogueFixture.h"
+#include "FolderPlace.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -14,7 +15,8 @@ class StoreIdentityTest : public CatalogueFixture {
  protected:
   static std::string Match(EIdentity mode = EIdentity::kAdopt, const std::string& folder = "objects") {
     try {
-      MatchStoreIdentity("catalogue.db", folder, mode);
+      CFolderPlace place(folder);
+      MatchStoreIdentity("catalogue.db", place, mode);
     } catch (const CStartFailure& failure) {
       EXPECT_EQ(failure.GetExitCode(), kExitFailed);
       return failure.what();
