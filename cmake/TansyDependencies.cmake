@@ -8,6 +8,18 @@ find_package(SQLite3 REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(tomlplusplus REQUIRED)
 
+# libpq is the one that may be missing. It is looked for here, because CMake's own module wants the server's headers too.
+find_path(LIBPQ_INCLUDE_DIR libpq-fe.h PATH_SUFFIXES postgresql)
+find_library(LIBPQ_LIBRARY NAMES pq libpq)
+mark_as_advanced(LIBPQ_INCLUDE_DIR LIBPQ_LIBRARY)
+if(LIBPQ_INCLUDE_DIR AND LIBPQ_LIBRARY AND NOT TARGET PostgreSQL::libpq)
+  add_library(PostgreSQL::libpq UNKNOWN IMPORTED)
+  set_target_properties(PostgreSQL::libpq PROPERTIES IMPORTED_LOCATION "${LIBPQ_LIBRARY}"
+                                                     INTERFACE_INCLUDE_DIRECTORIES "${LIBPQ_INCLUDE_DIR}")
+elseif(NOT LIBPQ_LIBRARY)
+  message(STATUS "libpq is not installed: built without PostgreSQL")
+endif()
+
 if(TANSY_BUILD_TESTS)
   find_package(GTest REQUIRED)
   include(GoogleTest)

@@ -1,10 +1,10 @@
-# tansy_platform_library(<name> [PUBLIC <libraries>] [PRIVATE <libraries>])
+# tansy_platform_library(<name> [PUBLIC <libraries>] [PRIVATE <libraries>] [EXCLUDE <regular expression of sources>])
 #
 # One folder is one library: its *.cpp and those of the folders in it, without the posix/ or windows/ folders of the other
 # system. The libraries are shared ones, because the module and its host live in one process and must meet the same log,
 # the same message loops and the same listeners.
 function(tansy_platform_library name)
-  cmake_parse_arguments(ARG "" "" "PUBLIC;PRIVATE" ${ARGN})
+  cmake_parse_arguments(ARG "" "EXCLUDE" "PUBLIC;PRIVATE" ${ARGN})
   if(WIN32)
     set(other_system posix)
   else()
@@ -12,6 +12,9 @@ function(tansy_platform_library name)
   endif()
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
   list(FILTER sources EXCLUDE REGEX "/${other_system}/[^/]*$")
+  if(ARG_EXCLUDE)
+    list(FILTER sources EXCLUDE REGEX "${ARG_EXCLUDE}")
+  endif()
   if(sources)
     add_library(${name} SHARED ${sources})
     set_target_properties(${name} PROPERTIES WINDOWS_EXPORT_ALL_SYMBOLS ON VERSION ${PROJECT_VERSION}
@@ -41,14 +44,33 @@ function(tansy_test_options target)
   endif()
 endfunction()
 
-# tansy_unit_test(<name> SOURCES <files> LINK <libraries>)
+# tansy_unit_test(<name> SOURCES <files> LINK <libraries> [ON_POSTGRESQL <filter>] [WITHOUT_POSTGRESQL <filter>])
 #
-# A GoogleTest program; each of its cases becomes one ctest entry, found when ctest runs.
+# A GoogleTest program; each of its cases becomes one ctest entry, found when ctest runs. ON_POSTGRESQL: these cases run
+# once more with a PostgreSQL server of their own, as one entry, because each process starts a server.
+# WITHOUT_POSTGRESQL: these cases run there only.
 function(tansy_unit_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "ON_POSTGRESQL;WITHOUT_POSTGRESQL" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   tansy_test_options(${name})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests")
   target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS unit)
+  set(filter "*")
+  if(ARG_WITHOUT_POSTGRESQL)
+    set(filter "-${ARG_WITHOUT_POSTGRESQL}")
+  endif()
+  gtest_discover_tests(${name} TEST_FILTER "${filter}" DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS unit)
+  if(ARG_ON_POSTGRESQL)
+    target_link_libraries(${name} PRIVATE TansyTestPostgres)
+    tansy_postgresql_test(${name} "${ARG_ON_POSTGRESQL}" unit)
+  endif()
+endfunction()
+
+# tansy_postgresql_test(<program> <filter> <label>)
+#
+# One ctest entry that runs these cases of a program on PostgreSQL.
+function(tansy_postgresql_test name filter label)
+  add_test(NAME postgresql.${name} COMMAND ${name} "--gtest_filter=${filter}")
+  set_tests_properties(postgresql.${name} PROPERTIES TIMEOUT 300 LABELS "${label};postgresql"
+                                                     ENVIRONMENT TANSY_TEST_DATABASE=postgresql)
 endfunction()

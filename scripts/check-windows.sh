@@ -15,6 +15,7 @@ done
 for library in openssl sqlite3.h pugixml.hpp pugiconfig.hpp; do
   cp -rs "/usr/include/$library" "$headers/$library"
 done
+cp -s /usr/include/postgresql/{libpq-fe.h,postgres_ext.h,pg_config_ext.h} "$headers/"
 ln -s "/usr/include/$(gcc -print-multiarch)/openssl/"* "$headers/openssl/"
 
 # Formats are checked by the native build; here they would be held against a C library that does not know all of them.

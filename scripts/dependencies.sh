@@ -5,10 +5,10 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build ccache pkg-config
-  libboost1.81-dev libssl-dev libpugixml-dev rapidjson-dev libsqlite3-dev
+  libboost1.81-dev libssl-dev libpugixml-dev rapidjson-dev libsqlite3-dev libpq-dev
   libcli11-dev libtomlplusplus-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  openssl curl groff-base
+  openssl curl groff-base postgresql-15
 )
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
@@ -37,6 +37,11 @@ if ((EUID != 0)); then
 fi
 
 echo "dependencies: installing ${missing[*]}"
+# The tests start PostgreSQL by themselves. Its package would make a database of the machine's own and start it.
+if [[ " ${missing[*]} " == *" postgresql-15 "* && ! -e /etc/postgresql-common/createcluster.conf ]]; then
+  "${as_root[@]}" mkdir -p /etc/postgresql-common/createcluster.d
+  echo "create_main_cluster = false" | "${as_root[@]}" tee /etc/postgresql-common/createcluster.d/tansy.conf >/dev/null
+fi
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -15,13 +15,24 @@ namespace db_layer {
 inline constexpr int kSqlite = 0;
 inline constexpr int kPostgresql = 1;
 
+// What the low 8 bits of a failure's code mean on every database. Other codes are the database's own.
+inline constexpr int kErrorBits = 0xFF;
+inline constexpr int kErrorBusy = 5;         // somebody holds a lock, or the server cannot be reached now
+inline constexpr int kErrorMemory = 7;       // out of memory
+inline constexpr int kErrorReadOnly = 8;     // the database takes no writes
+inline constexpr int kErrorFull = 13;        // the disk is full
+inline constexpr int kErrorConstraint = 19;  // a key that exists, a check, or a trigger that refused
+inline constexpr int kErrorMisuse = 21;      // the statement is not one that may be run here
+
 struct DBParam {
   int type = kSqlite;
   std::string host;
   int port = 0;
   std::string user;
   std::string password;
-  std::string database;      // SQLite: path of the file, made when missing; PostgreSQL: name of the database
+  // SQLite: path of the file, made when missing. PostgreSQL: name of the database, perhaps with parameters of the
+  // connection behind it, as in a URL ("tansy?sslmode=verify-full"); host, port, user and password may be missing then.
+  std::string database;
   int min_connections = 4;   // this many are kept open
   int max_connections = 16;  // when this many are in use, a caller waits
 };

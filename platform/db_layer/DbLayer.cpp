@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "db_layer/ConnectionPool.h"
+#include "db_layer/PostgresDriver.h"
 #include "db_layer/SqliteConnect.h"
 #include "db_layer/SqliteDatabase.h"
 
@@ -118,7 +119,8 @@ std::shared_ptr<IDriver> BuiltInDriver(int type) {
     return std::make_shared<CSqliteDriver>();
   }
   if (type == kPostgresql) {
-    return std::make_shared<details::CMissingDriver>("support for PostgreSQL is not built in");
+    const auto driver = MakePostgresDriver();
+    return driver ? driver : std::make_shared<details::CMissingDriver>("support for PostgreSQL is not built in");
   }
   return std::make_shared<details::CMissingDriver>("unknown type of database: " + std::to_string(type));
 }
@@ -262,6 +264,14 @@ bool SetSqliteFullDurability(bool full) {
 
 int SetSqliteBusyTimeout(int milliseconds) {
   return SetSqliteDefaultBusyTimeout(milliseconds);
+}
+
+bool SetPostgresFullDurability(bool full) {
+  return SetPostgresDefaultDurability(full);
+}
+
+int SetPostgresTimeout(int milliseconds) {
+  return SetPostgresDefaultTimeout(milliseconds);
 }
 
 }  // namespace db_layer

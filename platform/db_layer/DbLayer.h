@@ -18,8 +18,18 @@
 // `name` is exactly what nextval is given. Values are reserved 1,024 at a time, and a reservation is committed before
 // its first value is used: a value is never given twice, and a process that ends leaves a gap of up to 2,048.
 //
-// SQLite commits in groups: statements that several threads execute at the same time share one transaction and one wait
-// for the disk, each of them still succeeding or failing by itself.
+// In PostgreSQL they are sequences of the database; values are reserved 1,024 at a time there too.
+//
+// Both commit in groups: statements that several threads execute at the same time share one transaction and one wait
+// for the disk, each of them still succeeding or failing by itself. In PostgreSQL one connection writes, and holds an
+// advisory lock meanwhile, so that no second process writes to the database; the others read.
+//
+// PostgreSQL needs the encoding SQL_ASCII, under which texts are any bytes but NUL, as in SQLite. So that a commit
+// whose answer was lost can be looked up, the owner of the schema creates
+//
+//   CREATE TABLE platform.commit_marks (writer text PRIMARY KEY, batch bigint NOT NULL);
+//
+// Without the table such a statement is answered as a failure that says that it is not known.
 #ifndef TANSY_DB_LAYER_DB_LAYER_H
 #define TANSY_DB_LAYER_DB_LAYER_H
 
@@ -62,6 +72,15 @@ bool SetSqliteFullDurability(bool full);
 // Sets how long a statement waits while another process holds SQLite's file locked; the default is 5000 ms. The setting
 // is read at the same time. Returns the setting before.
 int SetSqliteBusyTimeout(int milliseconds);
+
+// Sets how PostgreSQL commits: true (the default) waits until the server has the commit on stable storage
+// (synchronous_commit as the server has it, but never off), false does not (synchronous_commit=off). The setting is
+// read when this process opens a database that it has not open yet. Returns the setting before.
+bool SetPostgresFullDurability(bool full);
+// Sets how long a PostgreSQL server may be silent, while a connection is made or a statement runs, before the
+// connection is given up; the default is 30000 ms. A statement that writes ends by itself after half of it, one that
+// waits for a lock after a third. The setting is read at the same time. Returns the setting before.
+int SetPostgresTimeout(int milliseconds);
 
 }  // namespace db_layer
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "db_layer/RowBuffer.h"
-#include "db_layer/SqliteHandle.h"
+#include "db_layer/SqlError.h"
 
 namespace db_layer {
 

@@ -5,9 +5,6 @@
 
 namespace db_layer {
 
-namespace details {
-namespace {
-
 // Wraps instead of saturating, so that the low 32 bits are right for every 64-bit integer, also a negative one.
 std::int32_t LowBits(std::string_view text) {
   const bool negative = !text.empty() && text.front() == '-';
@@ -23,9 +20,6 @@ std::int32_t LowBits(std::string_view text) {
   }
   return static_cast<std::int32_t>(negative ? 0U - value : value);
 }
-
-}  // namespace
-}  // namespace details
 
 void CRowBuffer::Clear() {
   columns_.clear();
@@ -58,11 +52,11 @@ std::string CRowBuffer::GetString(std::string_view column) const {
 }
 
 std::int32_t CRowBuffer::GetInt(std::size_t index) const {
-  return details::LowBits(Cell(index));
+  return LowBits(Cell(index));
 }
 
 std::int32_t CRowBuffer::GetInt(std::string_view column) const {
-  return details::LowBits(Cell(Find(column)));
+  return LowBits(Cell(Find(column)));
 }
 
 std::size_t CRowBuffer::Find(std::string_view column) const {

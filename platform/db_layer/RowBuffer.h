@@ -11,6 +11,9 @@
 
 namespace db_layer {
 
+// Gives the low 32 bits of the decimal number that the text begins with; 0 when it begins with none.
+std::int32_t LowBits(std::string_view text);
+
 class CRowBuffer {
  public:
   // Drops rows and columns, and gives back the memory of a big result.

@@ -5,24 +5,14 @@
 #include <string_view>
 #include <utility>
 
+#include "db_layer/SqlWords.h"
+
 namespace db_layer {
 
 namespace details {
 namespace {
 
 constexpr std::string_view kSelect = "SELECT ";
-
-// Gives the name in "SELECT nextval('name')"; nothing when the text is any other.
-std::string_view SequenceOf(std::string_view sql) {
-  constexpr std::string_view kBegin = "SELECT nextval('";
-  constexpr std::string_view kEnd = "')";
-  if (!sql.starts_with(kBegin) || !sql.ends_with(kEnd) || sql.size() < kBegin.size() + kEnd.size()) {
-    return {};
-  }
-  sql.remove_prefix(kBegin.size());
-  sql.remove_suffix(kEnd.size());
-  return sql.find_first_of(std::string_view("'\0", 2)) == std::string_view::npos ? sql : std::string_view();
-}
 
 }  // namespace
 }  // namespace details
@@ -64,7 +54,7 @@ bool CSqliteConnect::ExecuteAll(const std::vector<std::string>& statements) {
 
 bool CSqliteConnect::Query(const std::string& sql) {
   return WithoutExceptions([&] {
-    if (const std::string_view sequence = details::SequenceOf(sql); !sequence.empty()) {
+    if (const std::string_view sequence = SequenceOf(sql); !sequence.empty()) {
       return ReadNextValue(sequence, sql);
     }
     bool writes = false;

@@ -17,22 +17,6 @@ namespace db_layer {
 namespace details {
 namespace {
 
-// Makes one line of an error text, because it quotes what the statement held, and a log line must stay one line.
-std::string OneLine(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-      c = ' ';
-    }
-  }
-  return text;
-}
-
-bool SetError(SqlError& error, int code, const char* text) {
-  error.code = code;
-  error.text = OneLine(text);
-  return false;
-}
-
 // SQLite only says that it is unable to open; the system knows why.
 void AddSystemReason(sqlite3* db, SqlError& error) {
   const int reason = sqlite3_system_errno(db);
@@ -166,11 +150,6 @@ class CSteppedRow final : public IRow {
 }  // namespace
 }  // namespace details
 
-void SetOutOfMemory(SqlError& error) noexcept {
-  error.code = SQLITE_NOMEM;
-  error.text = "out of memory";  // short enough for every string to hold it without memory of its own
-}
-
 CSqliteHandle::~CSqliteHandle() {
   Close();
 }
@@ -187,7 +166,7 @@ bool CSqliteHandle::Open(const std::string& path, const SqliteOptions& options, 
                          SqlError& error) {
   Close();
   if (path.find('\0') != std::string::npos) {
-    return details::SetError(error, SQLITE_CANTOPEN, "the path holds a NUL byte");
+    return SetError(error, SQLITE_CANTOPEN, "the path holds a NUL byte");
   }
   // One thread at a time uses a connection, so SQLite's own lock around each call would only cost time.
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE |
@@ -225,7 +204,7 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
   sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
   sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
   if (sqlite3_db_readonly(db_, "platform") == 1) {
-    return details::SetError(error, SQLITE_READONLY, "the database file cannot be written to");
+    return SetError(error, SQLITE_READONLY, "the database file cannot be written to");
   }
   const char* synchronous =
       options.full_durability ? "PRAGMA platform.synchronous=FULL" : "PRAGMA platform.synchronous=NORMAL";
@@ -236,7 +215,7 @@ bool CSqliteHandle::Configure(const SqliteOptions& options, SqlError& error) {
     return false;
   }
   if (mode.GetString("journal_mode") != "wal") {
-    return details::SetError(error, SQLITE_ERROR, "the database cannot use a write-ahead log here");
+    return SetError(error, SQLITE_ERROR, "the database cannot use a write-ahead log here");
   }
   return RunOwn("PRAGMA temp_store=MEMORY", error) &&
          // This limit gives the space of an unusually long log back.
@@ -325,7 +304,7 @@ bool CSqliteHandle::ShowRows(const std::string& sql, const std::vector<std::stri
   }
   if (sqlite3_stmt_readonly(loan.Get()) == 0) {
     loan.Drop();
-    return details::SetError(error, SQLITE_MISUSE, "only what reads can be shown row by row");
+    return SetError(error, SQLITE_MISUSE, "only what reads can be shown row by row");
   }
   int result = sqlite3_step(loan.Get());
   // The columns are looked for after the first step, because a kept statement learns of a changed schema only then.
@@ -382,10 +361,10 @@ bool CSqliteHandle::HasMoved() const {
 bool CSqliteHandle::IsAcceptable(const std::string& sql, SqlError& error) {
   if (sql.find('\0') != std::string::npos) {
     // SQLite would stop reading at the NUL byte and run what comes before it.
-    return details::SetError(error, SQLITE_MISUSE, "the statement holds a NUL byte");
+    return SetError(error, SQLITE_MISUSE, "the statement holds a NUL byte");
   }
   if (sql.size() >= static_cast<std::size_t>(sqlite3_limit(db_, SQLITE_LIMIT_SQL_LENGTH, -1))) {
-    return details::SetError(error, SQLITE_TOOBIG, "the statement is too long");
+    return SetError(error, SQLITE_TOOBIG, "the statement is too long");
   }
   return true;
 }
@@ -402,7 +381,7 @@ StatementPtr CSqliteHandle::Prepare(const std::string& sql, SqlError& error) {
   }
   StatementPtr owner(statement);
   if (!owner) {
-    details::SetError(error, SQLITE_MISUSE, "the statement is empty");
+    SetError(error, SQLITE_MISUSE, "the statement is empty");
     return nullptr;
   }
   return IsLast(tail, error) ? std::move(owner) : nullptr;
@@ -415,7 +394,7 @@ bool CSqliteHandle::IsLast(const char* tail, SqlError& error) {
     const int result = sqlite3_prepare_v2(db_, tail, -1, &statement, &tail);
     const StatementPtr owner(statement);
     if (result != SQLITE_OK || owner) {
-      return details::SetError(error, SQLITE_MISUSE, "only one statement at a time");
+      return SetError(error, SQLITE_MISUSE, "only one statement at a time");
     }
   }
   return true;
@@ -452,7 +431,7 @@ bool CSqliteHandle::Fail(SqlError& error) {
     SetOutOfMemory(error);
     return false;
   }
-  return details::SetError(error, sqlite3_extended_errcode(db_), refusal_ == nullptr ? sqlite3_errmsg(db_) : refusal_);
+  return SetError(error, sqlite3_extended_errcode(db_), refusal_ == nullptr ? sqlite3_errmsg(db_) : refusal_);
 }
 
 int CSqliteHandle::Authorize(void* handle, int action, const char*, const char*, const char* database, const char*) {

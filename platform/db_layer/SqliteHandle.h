@@ -8,21 +8,13 @@
 
 #include "db_layer/Connect.h"
 #include "db_layer/RowBuffer.h"
+#include "db_layer/SqlError.h"
 #include "db_layer/SqlTemplate.h"
 #include "db_layer/SqliteStatements.h"
 
 struct sqlite3;
 
 namespace db_layer {
-
-// SQLite's extended result code and its text in one line. Code 0 is no error.
-struct SqlError {
-  int code = 0;
-  std::string text;
-};
-
-// This allocates nothing.
-void SetOutOfMemory(SqlError& error) noexcept;
 
 struct SqliteOptions {
   bool full_durability = true;

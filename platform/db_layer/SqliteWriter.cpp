@@ -3,14 +3,14 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cctype>
 #include <exception>
 #include <string_view>
 #include <utility>
 
 #include "TansyBase/TimeUtil.h"
-#include "db_layer/CommitBarrier.h"
 #include "db_layer/FolderSync.h"
+#include "db_layer/SqlWords.h"
+#include "db_layer/WriteBatch.h"
 
 namespace db_layer {
 
@@ -31,56 +31,6 @@ class CTransactionUse {
   IWriterSequences& sequences_;
 };
 
-void FailAll(const std::vector<SqlWrite*>& writes, const SqlError& error) {
-  for (SqlWrite* write : writes) {
-    write->succeeded = false;
-    write->error = error;
-    if (write->rows != nullptr) {
-      write->rows->Clear();
-    }
-  }
-}
-
-// Gives the text from its first character that is neither blank nor in a comment.
-std::string_view SkipBlanks(std::string_view sql) {
-  for (;;) {
-    const auto start = sql.find_first_not_of(" \t\r\n\f");
-    if (start == std::string_view::npos) {
-      return {};
-    }
-    sql.remove_prefix(start);
-    const char* end = sql.starts_with("--") ? "\n" : sql.starts_with("/*") ? "*/" : nullptr;
-    if (end == nullptr) {
-      return sql;
-    }
-    const auto found = sql.find(end, 2);
-    sql.remove_prefix(found == std::string_view::npos ? sql.size() : found + std::string_view(end).size());
-  }
-}
-
-bool StartsWithWord(std::string_view sql, std::string_view word) {
-  return sql.size() > word.size() && std::isalnum(static_cast<unsigned char>(sql[word.size()])) == 0 &&
-         std::equal(word.begin(), word.end(), sql.begin(), [](char expected, char found) {
-           return expected == std::toupper(static_cast<unsigned char>(found));
-         });
-}
-
-// Asks whether these writes may be committed. Only what is refused leaves a text in `error`.
-bool PassBarrier(const std::vector<SqlWrite*>& writes, SqlError& error) {
-  if (writes.empty()) {
-    return true;
-  }
-  std::vector<std::string_view> statements;
-  for (const SqlWrite* write : writes) {
-    statements.insert(statements.end(), write->statements->begin(), write->statements->end());
-  }
-  if (PassCommitBarrier(statements, error.text)) {
-    return true;
-  }
-  error.code = SQLITE_ABORT;
-  return false;
-}
-
 // SQLite refuses or ignores these inside a transaction.
 bool MustRunAlone(const SqlWrite& write) {
   if (write.statements->size() != 1) {
@@ -100,7 +50,7 @@ CSqliteWriter::CSqliteWriter(std::string path, const SqliteOptions& options, IWr
 void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   SqlError error;
   if (!EnsureOpen(error)) {
-    details::FailAll(batch, error);
+    FailAll(batch, error);
     return;
   }
   std::vector<SqlWrite*> together;
@@ -108,8 +58,8 @@ void CSqliteWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   for (SqlWrite* write : batch) {
     (details::MustRunAlone(*write) ? alone : together).push_back(write);
   }
-  if (!details::PassBarrier(together, error)) {
-    details::FailAll(together, error);
+  if (!PassBarrier(together, error)) {
+    FailAll(together, error);
     together.clear();
   }
   // From here on nothing may be thrown, because a write that has been committed must not be reported as failed.
@@ -203,7 +153,7 @@ bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes, ESavepoints s
   // has failed.
   RollBack();
   if (!handle_->RunOwn("BEGIN IMMEDIATE", error)) {
-    details::FailAll(writes, error);
+    FailAll(writes, error);
     return true;
   }
   for (auto it = writes.begin(); it != writes.end(); ++it) {
@@ -223,7 +173,7 @@ bool CSqliteWriter::RunTransaction(std::vector<SqlWrite*>& writes, ESavepoints s
     return true;
   }
   RollBack();
-  details::FailAll(writes, error);
+  FailAll(writes, error);
   return true;
 }
 

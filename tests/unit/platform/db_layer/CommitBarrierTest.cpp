@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "SqliteFixture.h"
+#include "DriverFixture.h"
 
 namespace db_layer {
 namespace {
@@ -19,16 +19,15 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class CommitBarrierTest : public CSqliteFixture {
+class CommitBarrierTest : public CDriverFixture {
  protected:
-  void SetUp() override { MakeSchema(); }
   void TearDown() override { SetCommitBarrier({}); }
 
   std::string Ids() { return Column(*connection_, "SELECT id FROM platform.item ORDER BY id", "id"); }
 };
 
 TEST_F(CommitBarrierTest, IsPassedBeforeTheRowCanBeSeen) {
-  const auto reader = OpenSqlite(path_);
+  const auto reader = Open();
   std::vector<std::string> seen;
   std::string rows_at_barrier = "never asked";
   SetCommitBarrier([&](const std::vector<std::string_view>& statements, std::string&) {
@@ -74,7 +73,7 @@ TEST_F(CommitBarrierTest, IsNotUnderWayAnyMoreOnceItWasReplaced) {
     is_done = true;
     return true;
   });
-  std::thread writer([this] { EXPECT_TRUE(Insert(*OpenSqlite(path_), 1)); });
+  std::thread writer([this] { EXPECT_TRUE(Insert(*Open(), 1)); });
   is_called.get_future().wait();
   std::thread replacer([&] {
     SetCommitBarrier({});

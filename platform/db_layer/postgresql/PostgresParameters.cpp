@@ -1,0 +1,117 @@
+#include "db_layer/postgresql/PostgresParameters.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace db_layer {
+
+namespace details {
+namespace {
+
+int HexDigit(char c) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  const auto found = kDigits.find(static_cast<char>(c >= 'A' && c <= 'F' ? c - 'A' + 'a' : c));
+  return found == std::string_view::npos ? -1 : static_cast<int>(found);
+}
+
+// Decodes %41. Returns false for what is no code, and for a NUL byte.
+bool Decode(std::string_view text, std::string& decoded) {
+  decoded.clear();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (c == '%') {
+      const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+      const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
+      if (high < 0 || low < 0) {
+        return false;
+      }
+      c = static_cast<char>(high * 16 + low);
+      i += 2;
+    }
+    if (c == '\0') {
+      return false;
+    }
+    decoded += c;
+  }
+  return true;
+}
+
+void AddIfGiven(const char* keyword, const std::string& value, PostgresParameters& parameters) {
+  if (!value.empty()) {
+    parameters[keyword] = value;
+  }
+}
+
+// Takes one "keyword=value".
+bool AddParameter(std::string_view text, PostgresParameters& parameters) {
+  const auto equals = text.find('=');
+  std::string keyword;
+  std::string value;
+  if (equals == std::string_view::npos || !Decode(text.substr(0, equals), keyword) || keyword.empty() ||
+      !Decode(text.substr(equals + 1), value)) {
+    return false;
+  }
+  parameters[keyword] = value;
+  return true;
+}
+
+std::string Seconds(int milliseconds) {
+  return std::to_string(std::max(2, (milliseconds + 999) / 1000));
+}
+
+}  // namespace
+}  // namespace details
+
+bool ReadPostgresParameters(const DBParam& param, PostgresParameters& parameters, std::string& error) {
+  const std::size_t mark = param.database.find('?');
+  details::AddIfGiven("host", param.host, parameters);
+  details::AddIfGiven("port", param.port == 0 ? "" : std::to_string(param.port), parameters);
+  details::AddIfGiven("user", param.user, parameters);
+  details::AddIfGiven("password", param.password, parameters);
+  details::AddIfGiven("dbname", param.database.substr(0, mark), parameters);
+  std::string_view rest =
+      mark == std::string::npos ? std::string_view() : std::string_view(param.database).substr(mark + 1);
+  while (!rest.empty()) {
+    const std::size_t end = std::min(rest.find('&'), rest.size());
+    if (!details::AddParameter(rest.substr(0, end), parameters)) {
+      error = "the parameters behind the name of the database are not keyword=value";
+      return false;
+    }
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return true;
+}
+
+void AddPostgresSettings(bool only_reads, bool full_durability, int timeout_ms, PostgresParameters& parameters) {
+  parameters.emplace("connect_timeout", details::Seconds(timeout_ms));
+  parameters.emplace("tcp_user_timeout", std::to_string(timeout_ms));
+  parameters.emplace("keepalives_idle", "10");
+  parameters.emplace("keepalives_interval", "5");
+  parameters.emplace("keepalives_count", "3");
+  parameters.emplace("fallback_application_name", "tansy");
+  parameters["client_encoding"] = "SQL_ASCII";
+  std::string& options = parameters["options"];
+  // Names without a schema are nobody's, and texts mean what they say: a backslash is one.
+  options += " -c search_path=pg_catalog -c standard_conforming_strings=on -c client_min_messages=error";
+  // The server gives up before this side does, so that a statement nearly always gets an answer. A reader may take
+  // long, as long as rows keep coming.
+  options += " -c lock_timeout=" + std::to_string(timeout_ms / 3);
+  options += " -c statement_timeout=" + std::to_string(only_reads ? 0 : timeout_ms / 2);
+  options += " -c idle_in_transaction_session_timeout=" + std::to_string(2 * timeout_ms);
+  if (only_reads) {
+    options += " -c default_transaction_read_only=on";
+  }
+  if (!full_durability) {
+    options += " -c synchronous_commit=off";
+  }
+}
+
+std::string ShownPostgresDatabase(const DBParam& param) {
+  const std::string user = param.user.empty() ? "" : param.user + "@";
+  const bool is_ipv6 = param.host.find(':') != std::string::npos;
+  const std::string host = is_ipv6 ? "[" + param.host + "]" : param.host;
+  const std::string port = param.port == 0 ? "" : ":" + std::to_string(param.port);
+  return "postgresql://" + user + host + port + "/" + param.database.substr(0, param.database.find('?'));
+}
+
+}  // namespace db_layer
