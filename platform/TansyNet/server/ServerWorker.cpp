@@ -125,6 +125,11 @@ void CServerWorker::Impl::CheckDeadlines() {
     }
   }
   for (const auto& connection : late) {
+    // A deadline may lead to a callback. After a slow one, this is the worker's thread no longer; the thread that leads
+    // now finds the rest at its next look.
+    if (!threads.IsLeader()) {
+      return;
+    }
     connection->OnDeadline();
   }
 }
