@@ -7,7 +7,7 @@
 namespace HostSystem {
 
 // A file whose lock says that a process is at work. The system releases the lock when the process ends, however it
-// ends; the file stays. Threads: one.
+// ends; the file stays, unless the holder of the lock removes it. Threads: one.
 class CLockFile {
  public:
   CLockFile() = default;

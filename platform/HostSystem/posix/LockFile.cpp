@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,6 +29,29 @@ bool LockForGood(int descriptor) {
   return true;
 }
 
+// Opens and locks the file that has this name now. Returns 0, EBUSY, another errno value, or ESTALE when somebody has
+// taken the file away meanwhile: its lock then keeps nobody out, because others make a new file.
+int TakeOnce(const std::string& path, int& descriptor) {
+  descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (descriptor < 0) {
+    return errno;
+  }
+  int error = 0;
+  struct stat locked = {};
+  struct stat named = {};
+  if (!LockForGood(descriptor)) {
+    error = errno == EWOULDBLOCK ? EBUSY : errno;
+  } else if (::fstat(descriptor, &locked) != 0 || ::lstat(path.c_str(), &named) != 0) {
+    error = errno == ENOENT ? ESTALE : errno;
+  } else if (locked.st_dev != named.st_dev || locked.st_ino != named.st_ino) {
+    error = ESTALE;
+  }
+  if (error != 0) {
+    ::close(descriptor);
+  }
+  return error;
+}
+
 }  // namespace
 }  // namespace details
 
@@ -38,14 +62,13 @@ CLockFile::~CLockFile() {
 }
 
 int CLockFile::Take(const std::string& path) {
-  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (descriptor < 0) {
-    return errno;
+  int descriptor = -1;
+  int error = details::TakeOnce(path, descriptor);
+  for (int i = 1; error == ESTALE && i < details::kTries; ++i) {
+    error = details::TakeOnce(path, descriptor);
   }
-  if (!details::LockForGood(descriptor)) {
-    const int error = errno;
-    ::close(descriptor);
-    return error == EWOULDBLOCK ? EBUSY : error;
+  if (error != 0) {
+    return error == ESTALE ? EBUSY : error;
   }
   handle_ = descriptor;
   // The id is only for people who look at the file, and the lock is what counts. So a full disk is no reason to fail.

@@ -6,7 +6,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
+#include <string>
+#include <system_error>
 #include <thread>
 
 #include "fakes/TempFolder.h"
@@ -59,6 +62,42 @@ TEST(LockFileTest, WhoeverOnlyAsksKeepsNobodyFromTakingIt) {
   done = true;
   asker.join();
   EXPECT_EQ(busy, 0);
+}
+
+// Counts the descriptors of this process that are open for a path, also of a file that was removed since.
+int CountOpen(const std::string& path) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    count += std::filesystem::read_symlink(entry.path(), gone).string().starts_with(path) ? 1 : 0;
+  }
+  return count;
+}
+
+// The second one opens the file before the first one removes it.
+TEST(LockFileTest, WhoWaitedForAFileThatIsRemovedHoldsTheNewOne) {
+  const Tansy::Tests::CTempFolder temp;
+  const std::string path = std::filesystem::canonical(temp.GetPath()).string() + "/lock";
+  std::atomic<bool> is_taken{false};
+  // On a loaded machine the second one may give up before it is seen to wait.
+  while (!is_taken) {
+    auto first = std::make_unique<CLockFile>();
+    ASSERT_EQ(first->Take(path), 0);
+    CLockFile second;
+    std::atomic<bool> is_over{false};
+    std::thread waiter([&] {
+      is_taken = second.Take(path) == 0;
+      is_over = true;
+    });
+    while (!is_over && CountOpen(path) < 2) {
+      std::this_thread::yield();
+    }
+    std::filesystem::remove(path);
+    first.reset();
+    waiter.join();
+    CLockFile third;
+    EXPECT_EQ(third.Take(path), is_taken ? EBUSY : 0);
+  }
 }
 
 TEST(LockFileTest, AMissingFolderIsAnError) {
