@@ -94,22 +94,40 @@ bool CLineQueue::Take(CLineBatch& batch, std::uint64_t& dropped) {
   is_urgent_ = false;
   std::swap(batch, waiting_);
   lines_in_hand_ = std::exchange(waiting_lines_, 0);
+  taken_at_ = Clock::now();
   dropped = dropped_;
-  return lines_in_hand_ > 0;
+  has_ended_ = lines_in_hand_ == 0;
+  if (has_ended_) {
+    written_.notify_all();
+  }
+  return !has_ended_;
 }
 
-void CLineQueue::WaitUntilWritten(std::chrono::milliseconds limit) {
+CLineQueue::Clock::time_point CLineQueue::Limit(std::chrono::milliseconds patience) const {
+  return (lines_in_hand_ > 0 ? taken_at_ : Clock::now()) + patience;
+}
+
+void CLineQueue::WaitUntilWritten(std::chrono::milliseconds patience) {
   std::unique_lock lock(mutex_);
   is_urgent_ = true;
   wake_.notify_one();
   const std::uint64_t last = pushed_;
-  written_.wait_for(lock, limit, [this, last] { return pushed_ - waiting_lines_ - lines_in_hand_ >= last; });
+  written_.wait_until(lock, Limit(patience),
+                      [this, last] { return pushed_ - waiting_lines_ - lines_in_hand_ >= last; });
 }
 
-void CLineQueue::Stop() {
-  const std::lock_guard lock(mutex_);
+bool CLineQueue::Stop(std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
   is_stopped_ = true;
   wake_.notify_one();
+  while (!has_ended_) {
+    const Clock::time_point limit = Limit(patience);
+    if (Clock::now() >= limit) {
+      return false;
+    }
+    written_.wait_until(lock, limit);
+  }
+  return true;
 }
 
 std::uint64_t CLineQueue::Dropped() const {

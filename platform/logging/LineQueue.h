@@ -54,28 +54,37 @@ class CLineQueue {
   // the batch before count as written from now on. Returns false when no line is left and the queue was stopped.
   bool Take(CLineBatch& batch, std::uint64_t& dropped);
 
-  // Waits until every line that was pushed before has been written or dropped, at most this long.
-  void WaitUntilWritten(std::chrono::milliseconds limit);
-  // Makes Take return false as soon as the queue is empty.
-  void Stop();
+  // Waits until every line that was pushed before has been written or dropped, at most this long. The time that the
+  // batch in hand has taken already counts: nobody waits for a thread that has been stuck for so long.
+  void WaitUntilWritten(std::chrono::milliseconds patience);
+  // Makes Take return false as soon as the queue is empty, and waits for that. Returns false when a batch takes longer
+  // than `patience`.
+  bool Stop(std::chrono::milliseconds patience);
 
   std::uint64_t Dropped() const;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  // When somebody who begins to wait now gives up.
+  Clock::time_point Limit(std::chrono::milliseconds patience) const;
+
   const std::size_t most_lines_;
 
   mutable std::mutex mutex_;
   std::condition_variable wake_;     // for the taking thread
-  std::condition_variable written_;  // for those who wait until lines are written
+  std::condition_variable written_;  // for those who wait until lines are written, or for the end
   // Everything below is guarded by mutex_.
   CLineBatch waiting_;
   std::size_t waiting_lines_ = 0;
   std::size_t lines_in_hand_ = 0;  // lines of the batch that was taken last
+  Clock::time_point taken_at_;     // when that was
   std::uint64_t pushed_ = 0;
   std::uint64_t dropped_ = 0;
   bool is_asleep_ = false;  // the taking thread waits until it is woken
   bool is_urgent_ = false;  // somebody wants the lines that wait written now
   bool is_stopped_ = false;
+  bool has_ended_ = false;  // Take has returned false
 };
 
 }  // namespace logging::details

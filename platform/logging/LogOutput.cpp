@@ -10,7 +10,7 @@
 namespace logging::details {
 
 bool CLogOutput::Open(std::string& error) {
-  if (path_.empty()) {
+  if (IsStandardError()) {
     return true;
   }
   errno = 0;
@@ -27,15 +27,15 @@ bool CLogOutput::Open(std::string& error) {
 }
 
 std::size_t CLogOutput::Write(std::string_view lines) {
-  std::FILE* const file = path_.empty() ? stderr : file_.get();
+  std::FILE* const file = IsStandardError() ? stderr : file_.get();
   if (torn_ && std::fputc('\n', file) != EOF) {
     torn_ = false;
   }
   const std::string_view written = lines.substr(0, std::fwrite(lines.data(), 1, lines.size(), file));
-  if (!written.empty() && !path_.empty()) {
+  if (!written.empty()) {
     torn_ = !written.ends_with('\n');
   }
-  const bool has_left = !path_.empty() || std::fflush(file) == 0;
+  const bool has_left = !IsStandardError() || std::fflush(file) == 0;
   std::clearerr(file);
   return has_left ? static_cast<std::size_t>(std::count(written.begin(), written.end(), '\n')) : 0;
 }

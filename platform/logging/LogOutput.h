@@ -15,6 +15,9 @@ class CLogOutput {
  public:
   explicit CLogOutput(std::string path) : path_(std::move(path)) {}
 
+  // Threads: any.
+  bool IsStandardError() const { return path_.empty(); }
+
   // Opens the file, also again; after a failure, the file that was open before stays in use.
   bool Open(std::string& error);
 

@@ -19,7 +19,6 @@ namespace logging {
 namespace {
 
 constexpr std::size_t kMaxQueueLines = 1000000;
-constexpr std::chrono::seconds kFlushLimit{5};
 // Lines are handed to the operating system when this much has gathered, so that a long queue is not kept twice.
 constexpr std::size_t kBytesPerWrite = std::size_t{256} * 1024;
 
@@ -74,7 +73,8 @@ class CTimeText {
 }  // namespace
 
 struct CStandardSink::Impl {
-  explicit Impl(const StandardSinkOptions& options) : queue(options.queue_lines), output(options.file_path) {}
+  explicit Impl(const StandardSinkOptions& options)
+      : patience(options.patience), queue(options.queue_lines), output(options.file_path) {}
 
   void Run();
   void WriteBatch(details::CLineBatch& batch, std::uint64_t dropped);
@@ -82,6 +82,7 @@ struct CStandardSink::Impl {
   void Render(details::CLineBatch::Time time, std::string_view text);
   void WriteRendered();
 
+  const std::chrono::milliseconds patience;
   details::CLineQueue queue;
   std::atomic<std::uint64_t> unwritten{0};  // lines that could not be written
 
@@ -158,12 +159,16 @@ void CStandardSink::Impl::WriteRendered() {
   rendered_lines = 0;
 }
 
-CStandardSink::CStandardSink(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+CStandardSink::CStandardSink(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 CStandardSink::~CStandardSink() {
-  impl_->queue.Stop();
-  if (impl_->thread.joinable()) {
+  if (!impl_->thread.joinable()) {
+    return;
+  }
+  if (impl_->queue.Stop(impl_->patience)) {
     impl_->thread.join();
+  } else {
+    impl_->thread.detach();
   }
 }
 
@@ -173,13 +178,12 @@ std::shared_ptr<CStandardSink> CStandardSink::Create(const StandardSinkOptions& 
     return nullptr;
   }
   try {
-    auto impl = std::make_unique<Impl>(options);
+    const auto impl = std::make_shared<Impl>(options);
     if (!impl->output.Open(error)) {
       return nullptr;
     }
-    Impl* const running = impl.get();
-    std::shared_ptr<CStandardSink> sink(new CStandardSink(std::move(impl)));
-    running->thread = std::thread([running] { running->Run(); });
+    std::shared_ptr<CStandardSink> sink(new CStandardSink(impl));
+    impl->thread = std::thread([impl] { impl->Run(); });
     return sink;
   } catch (const std::exception& exception) {
     error = exception.what();
@@ -197,7 +201,7 @@ void CStandardSink::Write(const Record& record) {
 }
 
 void CStandardSink::Flush() {
-  impl_->queue.WaitUntilWritten(kFlushLimit);
+  impl_->queue.WaitUntilWritten(impl_->patience);
 }
 
 void CStandardSink::AddSecret(std::string_view secret) {
@@ -209,6 +213,9 @@ void CStandardSink::AddSecret(std::string_view secret) {
 }
 
 bool CStandardSink::Reopen(std::string& error) {
+  if (impl_->output.IsStandardError()) {
+    return true;  // without the lock, because the thread may be waiting for whoever reads it
+  }
   const std::lock_guard lock(impl_->mutex);
   return impl_->output.Open(error);
 }

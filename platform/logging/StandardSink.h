@@ -2,6 +2,7 @@
 #ifndef TANSY_LOGGING_STANDARD_SINK_H
 #define TANSY_LOGGING_STANDARD_SINK_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -15,6 +16,8 @@ namespace logging {
 struct StandardSinkOptions {
   std::string file_path;           // UTF-8; lines are appended; empty: standard error
   std::size_t queue_lines = 4096;  // lines that may wait for the writing thread (1 to 1,000,000)
+  // How long a file or a pipe may take nothing before Flush and the destructor wait no longer.
+  std::chrono::milliseconds patience{5000};
 };
 
 // Lines look like "2026-11-03 08:05:09.123Z error platform.LocalStorage [Tansy::...]text[file(5)]", times in UTC.
@@ -23,7 +26,9 @@ struct StandardSinkOptions {
 // another one says how many were dropped. Texts of clients cannot forge a line: control characters and bytes that are
 // no UTF-8 are written escaped. Registered secrets are masked in everything that is written.
 //
-// Threads: any thread may call any member. The destructor writes what waits and ends the thread.
+// Threads: any thread may call any member. The destructor writes what waits and ends the thread. A thread that waits
+// for a pipe which nobody empties is left behind with its lines; the program should then end without destroying static
+// objects.
 class CStandardSink : public ISink {
  public:
   // Returns null when the file cannot be opened or the options make no sense; `error` then says why, in one line.
@@ -34,7 +39,7 @@ class CStandardSink : public ISink {
   CStandardSink& operator=(const CStandardSink&) = delete;
 
   void Write(const Record& record) override;
-  // Waits until the operating system has the lines written so far, at most some seconds.
+  // Waits until the operating system has the lines written so far, but not longer than `patience`.
   void Flush() override;
 
   // Masks every occurrence of this text from now on, also in lines that still wait. An empty text is ignored.
@@ -49,8 +54,8 @@ class CStandardSink : public ISink {
 
  private:
   struct Impl;
-  explicit CStandardSink(std::unique_ptr<Impl> impl);
-  std::unique_ptr<Impl> impl_;
+  explicit CStandardSink(std::shared_ptr<Impl> impl);
+  std::shared_ptr<Impl> impl_;  // shared with the thread, which may be left behind
 };
 
 }  // namespace logging

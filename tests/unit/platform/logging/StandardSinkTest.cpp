@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -356,6 +357,73 @@ TEST_F(StandardSink, ALineThatComesAloneIsWrittenByItself) {
     ASSERT_EQ(Lines(Contents()).size(), count);
   }
 }
+
+#ifdef __linux__
+// Makes standard error a pipe with room for 4096 bytes, for the program of a death test: nothing restores the old one.
+// Returns the reading end.
+int MakeErrorPipe(int flags) {
+  int ends[2] = {-1, -1};
+  const bool is_made = ::pipe(ends) == 0 && ::fcntl(ends[1], F_SETPIPE_SZ, 4096) == 4096 &&
+                       ::fcntl(ends[1], F_SETFL, flags) == 0 && ::fcntl(ends[0], F_SETFL, O_NONBLOCK) == 0 &&
+                       ::dup2(ends[1], STDERR_FILENO) == STDERR_FILENO;
+  return is_made ? ends[0] : -1;
+}
+
+std::string ReadPipe(int pipe) {
+  std::string all;
+  char bytes[4096];
+  for (ssize_t size = 0; (size = ::read(pipe, bytes, sizeof bytes)) > 0;) {
+    all.append(bytes, static_cast<std::size_t>(size));
+  }
+  return all;
+}
+
+Record ErrorLine(std::string_view text) {
+  Record record;
+  record.level = kError;
+  record.module = "platform.Test";
+  record.text = text;
+  return record;
+}
+
+// The alarm of a program that hangs is another end than the expected one.
+constexpr unsigned kHangs = 60;
+
+TEST(StandardSinkDeathTest, APipeThatNobodyEmptiesHoldsUpNeitherReopenNorTheEnd) {
+  EXPECT_EXIT(
+      {
+        ::alarm(kHangs);
+        const bool is_full =
+            MakeErrorPipe(0) >= 0 && ::write(STDERR_FILENO, std::string(4096, '.').data(), 4096) == 4096;
+        std::string error;
+        auto sink = CStandardSink::Create({"", 16, std::chrono::milliseconds(200)}, error);
+        sink->Write(ErrorLine("stuck"));
+        sink->Flush();
+        const bool is_reopened = sink->Reopen(error);
+        sink.reset();
+        std::_Exit(is_full && is_reopened ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST(StandardSinkDeathTest, AfterATornLineTheNextOneStartsOnALineOfItsOwn) {
+  EXPECT_EXIT(
+      {
+        ::alarm(kHangs);
+        const int pipe = MakeErrorPipe(O_NONBLOCK);  // takes what it has room for, and refuses the rest
+        std::string error;
+        const auto sink = CStandardSink::Create({}, error);
+        sink->Write(ErrorLine(std::string(6000, 'x')));
+        sink->Flush();
+        const bool is_torn = ReadPipe(pipe).ends_with("xxx");
+        sink->Write(ErrorLine("after"));
+        sink->Flush();
+        const std::string rest = ReadPipe(pipe);
+        std::_Exit(is_torn && rest.starts_with("\n") && rest.ends_with(" after\n") ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+#endif
 
 TEST(StandardSinkDeathTest, WithoutAFileLinesGoToStandardError) {
   EXPECT_EXIT(
