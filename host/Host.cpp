@@ -1,11 +1,16 @@
 #include "Host.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <functional>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "CommandLine.h"
@@ -30,21 +35,42 @@ void Complain(const std::string& line) {
   std::cerr << shown << std::endl;
 }
 
-// Ends the process from the signal thread. Nothing is destroyed, because other threads are at work.
-[[noreturn]] void EndNow(CSignalThread::EEnd why, bool is_check) {
-  int exit_code = kExitFailed;
+// Lets `say` write to the log and to the standard streams, for some seconds at the most: a pipe that nobody empties
+// must not keep the process. When no thread can be had for it, nothing is said.
+void SayBriefly(std::function<void()> say) {
+  constexpr std::chrono::seconds kPatience{2};
+  try {
+    const auto said = std::make_shared<std::promise<void>>();
+    std::thread([said, say = std::move(say)] {
+      say();
+      said->set_value();
+    }).detach();
+    said->get_future().wait_for(kPatience);
+  } catch (const std::exception&) {
+    return;
+  }
+}
+
+void SayWhyItEnds(CSignalThread::EEnd why, bool is_check) {
   if (why == CSignalThread::EEnd::kStillStarting) {
     Complain(is_check ? "stopped before the check was over" : "stopped before it was ready");
-    exit_code = is_check ? kExitFailed : kExitDone;
   } else {
     const char* cause = why == CSignalThread::EEnd::kSecondSignal ? "a second signal came" : "stopping took too long";
     HOST_LOG(logging::kError, "[%s]%s, what still ran was cut off.[%s(%d)]", cause);
     Complain(std::string(cause) + ", what still ran was cut off");
-    RemoveListeningFile();
   }
   std::cout.flush();
   logging::SetSink(nullptr);
-  std::_Exit(exit_code);
+}
+
+// Ends the process from the signal thread. Nothing is destroyed, because other threads are at work.
+[[noreturn]] void EndNow(CSignalThread::EEnd why, bool is_check) {
+  const bool is_start = why == CSignalThread::EEnd::kStillStarting;
+  if (!is_start) {
+    RemoveListeningFile();
+  }
+  SayBriefly([why, is_check] { SayWhyItEnds(why, is_check); });
+  std::_Exit(is_start && !is_check ? kExitDone : kExitFailed);
 }
 
 // The server takes this number of connections when the system lets it; the files of requests come on top.

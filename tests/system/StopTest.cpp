@@ -93,6 +93,33 @@ TEST_F(StopTest, ASecondSignalWaitsForNobody) {
   EXPECT_EQ(Outcome(Send("GET", "/b?property")), "200");
 }
 
+// Starts with a log that goes nowhere, because nobody reads standard error.
+class StuckLogTest : public StopTest {
+ protected:
+  void SetUp() override {
+    Launch launch;
+    launch.with_data = false;  // which would bring a log file
+    launch.arguments = {"--data", server_.Data(), "--log-level", "2"};
+    launch.stuck_errors = true;
+    ASSERT_TRUE(server_.Start(launch));
+    MakeBucket("b");
+  }
+};
+
+TEST_F(StuckLogTest, KeepsNoStopWaiting) {
+  server_.Signal(SIGHUP);
+  EXPECT_EQ(Outcome(Send("GET", "/b?property")), "200");
+  EXPECT_TRUE(server_.Stop());
+}
+
+TEST_F(StuckLogTest, KeepsNoSecondSignalWaiting) {
+  const auto stalled = Stall();
+  server_.Signal(SIGTERM);
+  ASSERT_TRUE(WaitUntil([this] { return !IsListening(); }));
+  server_.Signal(SIGTERM);
+  EXPECT_EQ(server_.WaitForEnd().code, 1);
+}
+
 TEST_F(StopTest, AStartThatWaitsForItsDatabaseCanBeStopped) {
   StartOnce();
   for (const int signal : {SIGTERM, SIGINT}) {

@@ -50,6 +50,13 @@ bool WriteFile(const char* path, const std::string& text) {
   return done;
 }
 
+void CloseIfOpen(int& descriptor) {
+  if (descriptor >= 0) {
+    ::close(descriptor);
+    descriptor = -1;
+  }
+}
+
 // A mount that only this child sees. Works for root, and elsewhere where users may have name spaces of their own.
 bool MountSmallDisk(const std::string& path, std::uint64_t bytes) {
   const uid_t user = ::getuid();
@@ -96,6 +103,17 @@ std::vector<std::string> EnvironmentOf(const Launch& launch) {
     variables.push_back(name + "=" + value);
   }
   return variables;
+}
+
+// Makes a pipe that takes nothing more; returns its writing end.
+int FullPipe(int& reading_end) {
+  constexpr int kRoom = 4096;
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  EXPECT_EQ(::fcntl(ends[1], F_SETPIPE_SZ, kRoom), kRoom);
+  EXPECT_EQ(::write(ends[1], std::string(kRoom, '.').data(), kRoom), kRoom);
+  reading_end = ends[0];
+  return ends[1];
 }
 
 Ended EndedOf(int status) {
@@ -153,7 +171,10 @@ void CTansyd::Spawn(const Launch& launch) {
   int pipe_ends[2];
   ASSERT_EQ(::pipe2(pipe_ends, O_CLOEXEC), 0);
   const std::string error_path = folder_ + "/" + name_ + ".err";
-  const int error_file = ::open(error_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  CloseIfOpen(stuck_);
+  const int error_file = launch.stuck_errors
+                             ? FullPipe(stuck_)
+                             : ::open(error_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   ASSERT_GE(error_file, 0);
   std::vector<std::string> arguments = Arguments(launch);
   std::vector<std::string> variables = EnvironmentOf(launch);
@@ -189,9 +210,7 @@ void CTansyd::Spawn(const Launch& launch) {
   }
   ::close(pipe_ends[1]);
   ::close(error_file);
-  if (output_ >= 0) {
-    ::close(output_);
-  }
+  CloseIfOpen(output_);
   output_ = pipe_ends[0];
 }
 
@@ -318,10 +337,8 @@ void CTansyd::Kill() {
     ::waitpid(pid_, &status, 0);
     pid_ = -1;
   }
-  if (output_ >= 0) {
-    ::close(output_);
-    output_ = -1;
-  }
+  CloseIfOpen(output_);
+  CloseIfOpen(stuck_);
 }
 
 std::uint64_t CTansyd::GetMemory() const {

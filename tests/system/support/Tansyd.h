@@ -35,6 +35,7 @@ struct Launch {
   bool without_ipv6 = false;     // as on a machine whose kernel has none
   bool with_local_ip = true;     // best-node answers name 127.0.0.1
   std::uint64_t open_files = 0;  // hard limit of open files and connections; 0: that of the tests
+  bool stuck_errors = false;     // standard error is a full pipe that nobody reads
 };
 
 struct Ended {
@@ -99,6 +100,7 @@ class CTansyd {
   std::vector<std::uint16_t> ports_;
   pid_t pid_ = -1;
   int output_ = -1;
+  int stuck_ = -1;  // the reading end of a full pipe
   std::string out_;
   std::string ready_line_;
   bool is_small_disk_missing_ = false;
