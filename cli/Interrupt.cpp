@@ -6,6 +6,7 @@
 
 #include "Failure.h"
 #include "HostSystem/Process.h"
+#include "KeptDownload.h"
 #include "PartialFile.h"
 
 namespace Tansy::Cli {
@@ -18,6 +19,7 @@ void EndCleanlyOnInterrupt() {
     while (HostSystem::WaitForSignal() == HostSystem::ESignal::kReload && hangup_ignored) {
     }
     CPartialFile::RemoveAll();
+    CKeptDownload::SaveAll();
     std::fputs("\ntansy: interrupted\n", stderr);
     // Other threads are in the middle of transfers, and nothing in the process is worth waiting for.
     std::_Exit(kExitInterrupted);

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <mutex>
+#include <set>
 #include <system_error>
 
 #include "Failure.h"
@@ -13,6 +15,17 @@
 namespace Tansy::Cli {
 namespace details {
 namespace {
+
+struct Downloads {
+  std::mutex mutex;
+  std::set<CKeptDownload*> all;  // guarded by mutex
+};
+
+// The list is never destroyed, because an interruption may come while the process ends.
+Downloads& AllDownloads() {
+  static auto* const downloads = new Downloads;
+  return *downloads;
+}
 
 constexpr std::size_t kLargestPin = 65536;
 // When the power fails, at most this many bytes have to be written again.
@@ -60,9 +73,21 @@ CKeptDownload::CKeptDownload(const std::string& target) : target_(FollowLink(tar
   if (error != 0) {
     throw FailureOfFile(target, error);
   }
+  details::Downloads& downloads = details::AllDownloads();
+  const std::lock_guard lock(downloads.mutex);
+  downloads.all.insert(this);
 }
 
 CKeptDownload::~CKeptDownload() {
+  {
+    details::Downloads& downloads = details::AllDownloads();
+    const std::lock_guard lock(downloads.mutex);
+    downloads.all.erase(this);
+  }
+  SaveIfBegun();
+}
+
+void CKeptDownload::SaveIfBegun() {
   if (file_ == nullptr) {
     return;
   }
@@ -107,6 +132,7 @@ std::uint64_t CKeptDownload::Usable(const DownloadIdentity& identity, std::strin
 }
 
 std::uint64_t CKeptDownload::Begin(const DownloadIdentity& identity, std::string& note) {
+  const std::lock_guard lock(mutex_);
   pinned_ = details::Pinned(identity);
   size_ = Usable(identity, note);
   if (size_ == 0) {
@@ -124,6 +150,7 @@ std::uint64_t CKeptDownload::Begin(const DownloadIdentity& identity, std::string
 }
 
 void CKeptDownload::Write(const char* data, std::size_t size) {
+  const std::lock_guard lock(mutex_);
   if (const int error = file_->WriteAt(data, size, size_); error != 0) {
     throw FailureOfFile(target_, error);
   }
@@ -146,6 +173,7 @@ void CKeptDownload::Save() {
 }
 
 void CKeptDownload::Commit() {
+  const std::lock_guard lock(mutex_);
   Save();
   file_.reset();  // some systems refuse to rename an open file
   const int error = folder_->Rename(Name(details::kPart), Utf8Path(NativePath(target_).filename()));
@@ -155,6 +183,15 @@ void CKeptDownload::Commit() {
   folder_->Remove(Name(details::kPin));
   folder_->Sync();  // the file is complete under its name even when this fails
   folder_->Remove(Name(details::kLock));
+}
+
+void CKeptDownload::SaveAll() {
+  details::Downloads& downloads = details::AllDownloads();
+  const std::lock_guard list_lock(downloads.mutex);
+  for (CKeptDownload* const download : downloads.all) {
+    const std::lock_guard lock(download->mutex_);
+    download->SaveIfBegun();
+  }
 }
 
 }  // namespace Tansy::Cli

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "HostSystem/Files.h"
@@ -20,8 +21,8 @@ struct DownloadIdentity {
 };
 
 // A download that can end in the middle and go on another time. Its bytes are in a hidden file beside the target. A
-// second hidden file, the pin, says to what they belong and how many of them are on stable storage. Threads: one; and
-// only one process at a time per target.
+// second hidden file, the pin, says to what they belong and how many of them are on stable storage. Threads: one,
+// beside SaveAll; and only one process at a time per target.
 class CKeptDownload {
  public:
   // Throws CFailure when the folder is not there, or when another process is downloading to the same target.
@@ -38,16 +39,23 @@ class CKeptDownload {
   // Gives the complete file its name and removes the hidden files. Throws CFailure.
   void Commit();
 
+  // Lets the pins of all downloads of this process promise what has come, because the process is about to end. Threads:
+  // any.
+  static void SaveAll();
+
  private:
   std::string Path(const char* ending) const;
   std::string Name(const char* ending) const;
   // Gives the number of bytes that a pin promises; 0 with `note` set when they cannot be used.
   std::uint64_t Usable(const DownloadIdentity& identity, std::string& note);
   void Save();
+  void SaveIfBegun();
 
   const std::string target_;  // the file behind links
   HostSystem::CLockFile lock_;
   std::unique_ptr<HostSystem::IFolder> folder_;
+
+  std::mutex mutex_;  // guards what follows
   std::unique_ptr<HostSystem::IFile> file_;
   std::string pinned_;  // the pin without its last line
   std::uint64_t size_ = 0;

@@ -135,6 +135,27 @@ TEST_F(CommandLineDamageTest, ResumesADownloadThatWasKilled) {
   EXPECT_THAT(Files(), ElementsAre("film"));
 }
 
+TEST_F(CommandLineDamageTest, ResumesADownloadThatWasInterruptedWhereItWas) {
+  const std::string content = RandomBytes(120 * kMiB, 8);
+  Write("film", content);
+  Do({"put", "film", "--name", "film"});
+  std::filesystem::remove(WorkPath("film"));
+  std::uintmax_t there = 0;
+  {
+    CProgram program(Tansy({"get", "--resume", "/photos/film"}));
+    EXPECT_TRUE(WaitUntil([&] { return SizeOf(".tansy-film.part") > 40 * kMiB; }));
+    server_.Signal(SIGSTOP);
+    there = SizeOf(".tansy-film.part");
+    program.Signal(SIGINT);
+    EXPECT_EQ(program.WaitForEnd().code, 130);
+    server_.Signal(SIGCONT);
+  }
+  const std::string pin = Read(".tansy-film.pin");
+  EXPECT_GE(std::stoull(pin.substr(pin.rfind(' ') + 1)), there) << pin;
+  EXPECT_EQ(Run({"get", "--resume", "/photos/film"}).code, 0);
+  EXPECT_TRUE(Read("film") == content);
+}
+
 TEST_F(CommandLineDamageTest, StartsOverWhenTheObjectWasReplacedBetweenTwoRuns) {
   const std::string after = RandomBytes(60 * kMiB, 7);
   Write("before", RandomBytes(60 * kMiB, 6));

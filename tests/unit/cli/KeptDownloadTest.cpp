@@ -72,6 +72,22 @@ TEST_F(KeptDownloadTest, TakesNoMoreThanThePinPromises) {
   EXPECT_EQ(Add(identity_, "0"), 0u) << "a pin that says nothing";
 }
 
+TEST_F(KeptDownloadTest, AnInterruptionKeepsWhatHasCome) {
+  CKeptDownload begun(folder_.Path("target"));
+  begun.Begin(identity_, note_);
+  begun.Write("0123", 4);
+  CKeptDownload fresh(folder_.Path("fresh"));
+  CKeptDownload complete(folder_.Path("complete"));
+  complete.Begin(identity_, note_);
+  complete.Commit();
+  EXPECT_THAT(folder_.Read(".tansy-target.pin"), HasSubstr("bytes 0\n"));
+  CKeptDownload::SaveAll();
+  EXPECT_THAT(folder_.Read(".tansy-target.pin"), HasSubstr("bytes 4\n"));
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path(".tansy-fresh.pin")));
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path(".tansy-complete.pin")));
+  begun.Write("4", 1);
+}
+
 TEST_F(KeptDownloadTest, IsForOneProcessAtATime) {
   const CKeptDownload first(folder_.Path("target"));
   try {
