@@ -38,7 +38,7 @@ int CBodyLog::Load() {
     unreadable_.clear();
   }
   if (folder_ == nullptr) {
-    const int error = root_.OpenFolder(kBodyLogVolume, folder_);
+    const int error = OpenFolder();
     if (error != 0) {
       return error == ENOENT ? 0 : error;
     }
@@ -53,6 +53,7 @@ int CBodyLog::Load() {
       if (const int error = OpenSegment(entry, number)) {
         return error;
       }
+      LimitOpenFiles();
       next_number_ = std::max(next_number_, number + 1);
     } else if (entry.is_file && entry.name.ends_with(details::kUnfinishedEnd) && mode_ != EMode::kLook) {
       folder_->Remove(entry.name);  // of a segment that was being written anew; the old one is there
@@ -61,10 +62,20 @@ int CBodyLog::Load() {
   return 0;
 }
 
+int CBodyLog::OpenFolder() {
+  std::unique_ptr<HostSystem::IFolder> folder;
+  if (const int error = root_.OpenFolder(kBodyLogVolume, folder)) {
+    return error;
+  }
+  segment_folder_ = std::make_unique<SegmentFolder>(*folder);
+  folder_ = std::move(folder);
+  return 0;
+}
+
 int CBodyLog::OpenSegment(const HostSystem::FolderEntry& entry, std::uint32_t number) {
   const auto mode = mode_ == EMode::kLook ? CBodySegment::EOpen::kLook : CBodySegment::EOpen::kServe;
   SegmentPointer segment;
-  const int error = CBodySegment::Open(*folder_, number, mode, segment);
+  const int error = CBodySegment::Open(*segment_folder_, number, mode, segment);
   const std::unique_lock lock(segments_mutex_);
   if (error == 0) {
     segments_[number] = std::move(segment);
@@ -122,7 +133,7 @@ int CBodyLog::BeginSegment() {
       error = root_.Sync();
     }
     if (error == 0) {
-      error = root_.OpenFolder(kBodyLogVolume, folder_);
+      error = OpenFolder();
     }
     if (error != 0) {
       return error;
@@ -131,7 +142,7 @@ int CBodyLog::BeginSegment() {
   SegmentPointer segment;
   // Each try has a number of its own, because what a failed one leaves can perhaps not be removed before the next
   // start.
-  if (const int error = CBodySegment::Create(*folder_, next_number_++, mode_ == EMode::kFull, segment)) {
+  if (const int error = CBodySegment::Create(*segment_folder_, next_number_++, mode_ == EMode::kFull, segment)) {
     return error;
   }
   unflushed_.push_back(segment);
@@ -205,17 +216,35 @@ CBodyLog::SegmentPointer CBodyLog::SegmentOf(const StoredName& name, BodyId& id)
   return found == segments_.end() || found->second->GetNonce() != id.nonce ? nullptr : found->second;
 }
 
-bool CBodyLog::Find(const StoredName& name, BodyPlace& place) const {
+int CBodyLog::Find(const StoredName& name, BodyPlace& place) const {
   BodyId id;
   const SegmentPointer segment = SegmentOf(name, id);
-  return segment != nullptr && segment->Find(id.key, place);
+  if (segment == nullptr) {
+    return ENOENT;
+  }
+  const int error = segment->Find(id.key, place);
+  LimitOpenFiles();
+  return error;
 }
 
 void CBodyLog::Remove(const StoredName& name) {
   BodyId id;
   if (const SegmentPointer segment = SegmentOf(name, id)) {
     segment->Remove(id.key);
+    LimitOpenFiles();
   }
+}
+
+// Objects that live long may leave few bodies in each of very many segments. What is needed often is soon open again.
+void CBodyLog::LimitOpenFiles() const {
+  if (segment_folder_->open <= close_above_) {
+    return;
+  }
+  for (const SegmentPointer& segment : Segments()) {
+    segment->CloseFile();
+  }
+  // When many cannot be closed, a try for each body would be in vain.
+  close_above_ = std::max(kMostOpenFiles, 2 * segment_folder_->open);
 }
 
 std::vector<CBodyLog::SegmentPointer> CBodyLog::Segments() const {
@@ -233,14 +262,17 @@ bool CBodyLog::ForEach(const std::function<bool(const StoredEntry&)>& visitor) c
   for (const SegmentPointer& segment : Segments()) {
     const bool goes_on = segment->ForEach([&](std::uint32_t key, std::uint32_t size) {
       BodyPlace place;
-      if (!segment->Find(key, place)) {
+      int error = segment->Find(key, place);
+      if (error == ENOENT) {
         return true;  // it was removed meanwhile
       }
       bytes.resize(size);
       std::size_t done = 0;
+      if (error == 0) {
+        error = place.file->ReadAt(bytes.data(), size, place.offset, done);
+      }
       StoredEntry entry;
-      entry.is_damaged = place.file->ReadAt(bytes.data(), size, place.offset, done) != 0 || done < size ||
-                         !IsWhole(place, bytes.data());
+      entry.is_damaged = error != 0 || done < size || !IsWhole(place, bytes.data());
       entry.name = NameOf({segment->GetNumber(), key, segment->GetNonce()});
       entry.path = FilePath(entry.name);
       entry.size = size;
@@ -249,6 +281,7 @@ bool CBodyLog::ForEach(const std::function<bool(const StoredEntry&)>& visitor) c
     if (!goes_on) {
       return false;
     }
+    LimitOpenFiles();
   }
   std::vector<HostSystem::FolderEntry> unreadable;
   {
@@ -309,6 +342,10 @@ void CBodyLog::Tidy(const std::function<bool()>& is_stopping) {
       closed.begin(), closed.end(), [](const SegmentPointer& segment) { return !segment->GetFacts().is_sealed; }));
   for (auto segment = closed.begin(); segment != closed.end() && !(is_stopping && is_stopping()); ++segment) {
     TidyClosed(**segment, round);
+  }
+  if (!closed.empty()) {
+    close_above_ = kMostOpenFiles;  // those that could not be closed before have their index now
+    LimitOpenFiles();
   }
   if (round.has_dropped) {
     folder_->Sync();  // a whole segment that came back after a power failure would be much that nothing names

@@ -54,8 +54,8 @@ class CBodyLog {
   // or when one of the statements names a body that was lost by a failure before.
   bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error);
 
-  // Returns false when there is no such body.
-  bool Find(const StoredName& name, BodyPlace& place) const;
+  // Returns 0 or errno; ENOENT: there is no such body.
+  int Find(const StoredName& name, BodyPlace& place) const;
   // Removing bytes that are gone succeeds.
   void Remove(const StoredName& name);
   // Shows the bodies that are there, and files that nothing can be found in, until the visitor returns false. All bytes
@@ -74,6 +74,7 @@ class CBodyLog {
  private:
   using SegmentPointer = std::shared_ptr<CBodySegment>;
 
+  int OpenFolder();
   int OpenSegment(const HostSystem::FolderEntry& entry, std::uint32_t number);
   int Reserve(std::uint32_t size, SegmentPointer& segment, std::uint32_t& key);
   int BeginSegment();
@@ -82,6 +83,7 @@ class CBodyLog {
   bool NamesLost(const std::vector<std::string_view>& statements) const;
   SegmentPointer SegmentOf(const StoredName& name, BodyId& id) const;
   std::vector<SegmentPointer> Segments() const;
+  void LimitOpenFiles() const;
   struct Round {
     std::size_t unsealed = 0;  // closed segments without an index
     int rewrites = 0;
@@ -92,9 +94,14 @@ class CBodyLog {
   void Drop(const CBodySegment& segment);
   static void Report(const char* what, const std::string& file, int error);
 
+  // This number of segments may be open, and a few more: those without an index, and those that somebody is reading.
+  static constexpr std::size_t kMostOpenFiles = 512;
+
   HostSystem::IFolder& root_;
   const EMode mode_;
-  std::unique_ptr<HostSystem::IFolder> folder_;  // null until there is one
+  std::unique_ptr<HostSystem::IFolder> folder_;  // null until there is one, as the next
+  std::unique_ptr<SegmentFolder> segment_folder_;
+  mutable std::atomic<std::size_t> close_above_{kMostOpenFiles};  // open files
 
   mutable std::shared_mutex segments_mutex_;  // guards the next two
   std::map<std::uint32_t, SegmentPointer> segments_;

@@ -65,7 +65,46 @@ bool IsWhole(const BodyPlace& place, const char* bytes) {
   return BodyFormat::BodyCrc(place.nonce, place.key, {bytes, place.size}) == place.crc;
 }
 
-int CBodySegment::Create(HostSystem::IFolder& folder, std::uint32_t number, bool durable,
+CBodySegment::CBodySegment(SegmentFolder& folder, const BodyFormat::SegmentHead& head, EOpen mode,
+                           std::unique_ptr<HostSystem::IFile> file)
+    : folder_(folder), head_(head), mode_(mode), file_(std::move(file)) {
+  ++folder_.open;
+}
+
+CBodySegment::~CBodySegment() {
+  folder_.open -= file_ == nullptr ? 0 : 1;
+}
+
+int CBodySegment::OpenFile(HostSystem::IFolder& folder, std::uint32_t number, EOpen mode,
+                           std::unique_ptr<HostSystem::IFile>& file) {
+  const std::string name = SegmentFileName(number);
+  return mode == EOpen::kLook ? folder.OpenForReading(name, file) : folder.OpenForWriting(name, file);
+}
+
+int CBodySegment::NeedFile() noexcept try {
+  if (file_ != nullptr) {
+    return 0;
+  }
+  std::unique_ptr<HostSystem::IFile> file;
+  if (const int error = OpenFile(folder_.files, head_.number, mode_, file)) {
+    return error;
+  }
+  file_ = std::move(file);
+  ++folder_.open;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
+}
+
+void CBodySegment::CloseFile() {
+  const std::lock_guard lock(mutex_);
+  if (index_at_ != 0 && file_.use_count() == 1) {
+    file_.reset();
+    --folder_.open;
+  }
+}
+
+int CBodySegment::Create(SegmentFolder& folder, std::uint32_t number, bool durable,
                          std::shared_ptr<CBodySegment>& segment) {
   BodyFormat::SegmentHead head;
   head.number = number;
@@ -77,7 +116,7 @@ int CBodySegment::Create(HostSystem::IFolder& folder, std::uint32_t number, bool
     head.nonce = head.nonce << 8 | byte;
   }
   std::unique_ptr<HostSystem::IFile> file;
-  if (const int error = folder.Create(SegmentFileName(number), file)) {
+  if (const int error = folder.files.Create(SegmentFileName(number), file)) {
     return error;
   }
   const std::string bytes = BodyFormat::EncodeSegmentHead(head);
@@ -86,25 +125,24 @@ int CBodySegment::Create(HostSystem::IFolder& folder, std::uint32_t number, bool
     error = file->Sync();
   }
   if (error == 0 && durable) {
-    error = folder.Sync();
+    error = folder.files.Sync();
   }
   if (error != 0) {
-    folder.Remove(SegmentFileName(number));
+    folder.files.Remove(SegmentFileName(number));
     return error;
   }
-  segment.reset(new CBodySegment(folder, head, std::move(file)));
+  segment.reset(new CBodySegment(folder, head, EOpen::kServe, std::move(file)));
   segment->is_durable_ = durable;
   segment->end_ = BodyFormat::kSegmentHeadBytes;
   return 0;
 }
 
-int CBodySegment::Open(HostSystem::IFolder& folder, std::uint32_t number, EOpen mode,
+int CBodySegment::Open(SegmentFolder& folder, std::uint32_t number, EOpen mode,
                        std::shared_ptr<CBodySegment>& segment) {
   std::unique_ptr<HostSystem::IFile> file;
-  const std::string name = SegmentFileName(number);
-  int error = mode == EOpen::kLook ? folder.OpenForReading(name, file) : folder.OpenForWriting(name, file);
+  int error = OpenFile(folder.files, number, mode, file);
   if (error == 0) {
-    std::shared_ptr<CBodySegment> opened(new CBodySegment(folder, {number, 0}, std::move(file)));
+    std::shared_ptr<CBodySegment> opened(new CBodySegment(folder, {number, 0}, mode, std::move(file)));
     error = opened->Load();
     if (error == 0) {
       segment = std::move(opened);
@@ -314,10 +352,10 @@ void CBodySegment::Lose(std::uint32_t key) {
 }
 
 void CBodySegment::Kill(BodyEntry& entry) {
+  MarkDead(entry);  // first, because only this can throw
   entry.is_dead = 1;
   --live_;
   live_bytes_ -= BodyFormat::RecordSpan(entry.size);
-  MarkDead(entry);
 }
 
 BodyEntry* CBodySegment::FindEntry(std::uint32_t key) {
@@ -325,42 +363,50 @@ BodyEntry* CBodySegment::FindEntry(std::uint32_t key) {
   return place == entries_.end() || place->key != key ? nullptr : &*place;
 }
 
-bool CBodySegment::Find(std::uint32_t key, BodyPlace& place) {
+int CBodySegment::Find(std::uint32_t key, BodyPlace& place) {
   const std::lock_guard lock(mutex_);
   const BodyEntry* entry = FindEntry(key);
   if (entry == nullptr || entry->is_dead != 0) {
-    return false;
+    return ENOENT;
+  }
+  if (const int error = NeedFile()) {
+    return error;
   }
   place = {file_, entry->offset, entry->size, entry->crc, head_.nonce, key};
-  return true;
+  return 0;
 }
 
 bool CBodySegment::Remove(std::uint32_t key) {
   const std::lock_guard lock(mutex_);
-  unsettled_.erase(key);
   BodyEntry* entry = FindEntry(key);
-  if (entry == nullptr || entry->is_dead != 0) {
-    return false;
+  const bool is_there = entry != nullptr && entry->is_dead == 0;
+  if (is_there) {
+    Kill(*entry);
   }
-  Kill(*entry);
-  return true;
+  unsettled_.erase(key);
+  return is_there;
 }
 
 // A mark that does not reach the disk brings bytes back that nothing names, never an object.
 void CBodySegment::MarkDead(const BodyEntry& entry) {
-  int error = 0;
-  if (index_at_ == 0) {
-    const std::uint32_t head_at = entry.offset - BodyFormat::kRecordHeadBytes;
-    error = file_->WriteAt(BodyFormat::kDeadRecord.data(), BodyFormat::kDeadRecord.size(),
-                           head_at + BodyFormat::kRecordStateAt);
-  } else {
-    const auto number = static_cast<std::uint64_t>(&entry - entries_.data());
-    error = file_->WriteAt(&BodyFormat::kDead, 1, index_at_ + entries_.size() * BodyFormat::kIndexEntryBytes + number);
+  int error = NeedFile();
+  if (error == 0) {
+    error = WriteDead(entry);
   }
   if (error != 0) {
     HOST_LOG(logging::kError, "[%s]marking a removed body in %s failed: %s.[%s(%d)]",
              SegmentFileName(head_.number).c_str(), HostSystem::ErrorText(error).c_str());
   }
+}
+
+int CBodySegment::WriteDead(const BodyEntry& entry) {
+  if (index_at_ == 0) {
+    const std::uint32_t head_at = entry.offset - BodyFormat::kRecordHeadBytes;
+    return file_->WriteAt(BodyFormat::kDeadRecord.data(), BodyFormat::kDeadRecord.size(),
+                          head_at + BodyFormat::kRecordStateAt);
+  }
+  const auto number = static_cast<std::uint64_t>(&entry - entries_.data());
+  return file_->WriteAt(&BodyFormat::kDead, 1, index_at_ + entries_.size() * BodyFormat::kIndexEntryBytes + number);
 }
 
 bool CBodySegment::ForEach(const std::function<bool(std::uint32_t key, std::uint32_t size)>& visitor) const {
@@ -477,27 +523,32 @@ int CBodySegment::Seal() {
 
 int CBodySegment::Rewrite() {
   std::vector<BodyEntry> old;
+  std::shared_ptr<HostSystem::IFile> source;
   {
     const std::lock_guard lock(mutex_);
+    if (const int error = NeedFile()) {
+      return error;
+    }
+    source = file_;
     std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(old),
                  [](const BodyEntry& entry) { return entry.is_dead == 0; });
   }
   const std::string name = SegmentFileName(head_.number);
   const std::string unfinished = name + details::kUnfinishedEnd;
   std::unique_ptr<HostSystem::IFile> created;
-  folder_.Remove(unfinished);
-  int error = folder_.Create(unfinished, created);
+  folder_.files.Remove(unfinished);
+  int error = folder_.files.Create(unfinished, created);
   std::shared_ptr<HostSystem::IFile> target = std::move(created);
   std::vector<BodyEntry> fresh;
   if (error == 0) {
-    error = Copy(*target, old, fresh);
+    error = Copy(*source, *target, old, fresh);
   }
   if (error == 0) {
     error = target->Sync();
   }
   if (error == 0) {
     const std::lock_guard lock(mutex_);
-    error = folder_.Rename(unfinished, name);
+    error = folder_.files.Rename(unfinished, name);
     if (error == 0) {
       std::swap(entries_, fresh);
       std::swap(file_, target);
@@ -517,17 +568,17 @@ int CBodySegment::Rewrite() {
     }
   }
   if (error != 0) {
-    folder_.Remove(unfinished);
+    folder_.files.Remove(unfinished);
     return error;
   }
   // Should the old file come back after a power failure, it holds the same bodies.
-  folder_.Sync();
+  folder_.files.Sync();
   return 0;
 }
 
 void CBodySegment::FreeGaps() {
   const std::lock_guard lock(mutex_);
-  if (file_.use_count() > 1) {
+  if (NeedFile() != 0 || file_.use_count() > 1) {
     return;  // somebody may be reading a body that was removed meanwhile
   }
   std::uint64_t begin = BodyFormat::kSegmentHeadBytes;
@@ -546,7 +597,8 @@ void CBodySegment::FreeGaps() {
 }
 
 // Copies bodies into an empty file and writes its index.
-int CBodySegment::Copy(HostSystem::IFile& target, const std::vector<BodyEntry>& old, std::vector<BodyEntry>& fresh) {
+int CBodySegment::Copy(HostSystem::IFile& source, HostSystem::IFile& target, const std::vector<BodyEntry>& old,
+                       std::vector<BodyEntry>& fresh) {
   fresh = old;
   std::string buffer = BodyFormat::EncodeSegmentHead(head_);
   std::uint32_t written = 0;
@@ -558,7 +610,7 @@ int CBodySegment::Copy(HostSystem::IFile& target, const std::vector<BodyEntry>& 
     return error;
   };
   for (BodyEntry& entry : fresh) {
-    int error = details::ReadExactly(*file_, entry.offset, entry.size, body);
+    int error = details::ReadExactly(source, entry.offset, entry.size, body);
     entry.offset = written + static_cast<std::uint32_t>(buffer.size()) + BodyFormat::kRecordHeadBytes;
     BodyFormat::AppendRecord(buffer, head_.nonce, entry.key, body, entry.crc);
     if (error == 0 && buffer.size() >= details::kCopyBytes) {

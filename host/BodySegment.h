@@ -1,6 +1,7 @@
 #ifndef TANSY_HOST_BODY_SEGMENT_H
 #define TANSY_HOST_BODY_SEGMENT_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -35,6 +36,14 @@ struct UnsettledBody {
   bool failed = false;       // it was not made durable, or the process that wrote it is gone
 };
 
+// The folder in which segments lie, and how many of them have their file open. It must outlive the segments.
+struct SegmentFolder {
+  explicit SegmentFolder(HostSystem::IFolder& folder) : files(folder) {}
+
+  HostSystem::IFolder& files;
+  std::atomic<std::size_t> open{0};
+};
+
 // One file of the body log with what is remembered of its records. Results are 0 or errno.
 //
 // Its owner takes care that Reserve is called by one thread at a time, and Sync, Seal and Rewrite by one thread at a
@@ -48,11 +57,12 @@ class CBodySegment {
 
   // Makes an empty segment. With `durable`, it is on stable storage with its name when this returns, and from then on
   // it is remembered which records are not.
-  static int Create(HostSystem::IFolder& folder, std::uint32_t number, bool durable,
-                    std::shared_ptr<CBodySegment>& segment);
+  static int Create(SegmentFolder& folder, std::uint32_t number, bool durable, std::shared_ptr<CBodySegment>& segment);
   // Reads the index, or searches the file when there is none. EBADMSG: neither the head nor the index can be read.
-  static int Open(HostSystem::IFolder& folder, std::uint32_t number, EOpen mode,
-                  std::shared_ptr<CBodySegment>& segment);
+  static int Open(SegmentFolder& folder, std::uint32_t number, EOpen mode, std::shared_ptr<CBodySegment>& segment);
+  ~CBodySegment();
+  CBodySegment(const CBodySegment&) = delete;
+  CBodySegment& operator=(const CBodySegment&) = delete;
 
   std::uint32_t GetNumber() const { return head_.number; }
   std::uint64_t GetNonce() const { return head_.nonce; }
@@ -69,8 +79,10 @@ class CBodySegment {
   // Gives the keys of what was lost. They are remembered as long as the segment is.
   std::vector<std::uint32_t> GetLost() const;
 
-  bool Find(std::uint32_t key, BodyPlace& place);
-  // Returns false when there is no such body. The room is free once the segment is written anew.
+  // ENOENT: there is no such body.
+  int Find(std::uint32_t key, BodyPlace& place);
+  // Returns false when there is no such body. The room is free once the segment is written anew. When it throws, the
+  // body is still there.
   bool Remove(std::uint32_t key);
   // Shows the bodies that are there, until the visitor returns false.
   bool ForEach(const std::function<bool(std::uint32_t key, std::uint32_t size)>& visitor) const;
@@ -101,6 +113,8 @@ class CBodySegment {
   // Gives the room of gaps back without writing anything, as far as the file system can do that: for a disk without
   // room for a new file. Nothing may be appended any more.
   void FreeGaps();
+  // Closes the file, if it has an index and nobody is reading it. Whoever needs it next opens it again.
+  void CloseFile();
 
  private:
   struct Unsettled {
@@ -108,10 +122,13 @@ class CBodySegment {
     bool failed = false;
   };
 
-  CBodySegment(HostSystem::IFolder& folder, const BodyFormat::SegmentHead& head,
-               std::shared_ptr<HostSystem::IFile> file)
-      : folder_(folder), head_(head), file_(std::move(file)) {}
+  CBodySegment(SegmentFolder& folder, const BodyFormat::SegmentHead& head, EOpen mode,
+               std::unique_ptr<HostSystem::IFile> file);
 
+  static int OpenFile(HostSystem::IFolder& folder, std::uint32_t number, EOpen mode,
+                      std::unique_ptr<HostSystem::IFile>& file);
+  // To be called with mutex_ held before file_ is used, unless there is no index yet.
+  int NeedFile() noexcept;
   int Load();
   bool LoadIndex(std::uint64_t file_size);
   bool IsOfAnotherNonce(const BodyFormat::SegmentHead& head) const;
@@ -123,14 +140,17 @@ class CBodySegment {
   void Lose(std::uint32_t key);
   void Kill(BodyEntry& entry);
   void MarkDead(const BodyEntry& entry);
-  int Copy(HostSystem::IFile& target, const std::vector<BodyEntry>& old, std::vector<BodyEntry>& fresh);
+  int WriteDead(const BodyEntry& entry);
+  int Copy(HostSystem::IFile& source, HostSystem::IFile& target, const std::vector<BodyEntry>& old,
+           std::vector<BodyEntry>& fresh);
 
-  HostSystem::IFolder& folder_;
+  SegmentFolder& folder_;
   BodyFormat::SegmentHead head_;
+  const EOpen mode_;
 
-  mutable std::mutex mutex_;  // guards what follows
-  std::shared_ptr<HostSystem::IFile> file_;
-  std::vector<BodyEntry> entries_;  // by key
+  mutable std::mutex mutex_;                 // guards what follows
+  std::shared_ptr<HostSystem::IFile> file_;  // null while it is closed, which it never is without an index
+  std::vector<BodyEntry> entries_;           // by key
   std::unordered_map<std::uint32_t, Unsettled> unsettled_;
   std::vector<std::uint32_t> unflushed_;  // keys of records that are not durable yet
   std::vector<std::uint32_t> lost_;

@@ -262,10 +262,11 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
 EStoreResult CFileStore::ReadSmall(const StoredName& name, std::uint64_t offset, std::uint32_t size,
                                    ReadBuffer& buffer) {
   BodyPlace place;
-  int error = ENOENT;
-  if (bodies_.Find(name, place)) {
+  int error = bodies_.Find(name, place);
+  const std::shared_ptr<HostSystem::IFile> held = error == ENOENT ? held_.Find(name) : nullptr;
+  if (error == 0) {
     error = details::ReadBody(place, offset, size, buffer);
-  } else if (const std::shared_ptr<HostSystem::IFile> held = held_.Find(name)) {
+  } else if (held != nullptr) {
     error = details::ReadInto(*held, offset, size, buffer);
   }
   if (error == EBADMSG) {
@@ -299,9 +300,9 @@ int CFileStore::OpenForReading(const StoredName& name, std::shared_ptr<HostSyste
   }
   if (IsSmallBody(name)) {
     BodyPlace place;
-    const bool is_there = bodies_.Find(name, place);
-    file = is_there ? std::make_shared<details::CBodyFile>(std::move(place)) : nullptr;
-    return is_there ? 0 : ENOENT;
+    const int error = bodies_.Find(name, place);
+    file = error == 0 ? std::make_shared<details::CBodyFile>(std::move(place)) : nullptr;
+    return error;
   }
   std::unique_ptr<HostSystem::IFile> opened;
   if (const int error = root_->OpenForReading(FilePath(name), opened)) {
@@ -347,9 +348,9 @@ EStoreResult CFileStore::GetSize(const StoredName& name, std::uint64_t& size) {
   }
   if (IsSmallBody(name)) {
     BodyPlace place;
-    const bool is_there = bodies_.Find(name, place);
+    const int error = bodies_.Find(name, place);
     size = place.size;
-    return is_there ? EStoreResult::kDone : EStoreResult::kMissing;
+    return StoreResultOf(error);
   }
   std::unique_ptr<HostSystem::IFile> file;
   int error = root_->OpenForReading(FilePath(name), file);

@@ -26,8 +26,8 @@ using testing::UnorderedElementsAre;
 
 std::string Read(const CBodyLog& log, const StoredName& name) {
   BodyPlace place;
-  if (!log.Find(name, place)) {
-    return "<missing>";
+  if (const int error = log.Find(name, place)) {
+    return error == ENOENT ? "<missing>" : "<not to be opened>";
   }
   std::string bytes(place.size, '\0');
   std::size_t done = 0;
@@ -89,6 +89,16 @@ class BodyLogTest : public testing::Test {
   }
   std::map<std::string, std::shared_ptr<Tests::PowerCutNode>>& Files() { return root_->entries.at("lg01")->entries; }
   std::string& FileBytes(const std::string& name) { return Files().at(name)->bytes; }
+  // Counts the segments whose file is open.
+  std::size_t OpenFiles() {
+    std::size_t count = 0;
+    for (const auto& [name, node] : Files()) {
+      const auto on_disk = root_->entries.at("lg01")->entries_on_disk.find(name);
+      const bool is_on_disk = on_disk != root_->entries.at("lg01")->entries_on_disk.end() && on_disk->second == node;
+      count += node.use_count() > (is_on_disk ? 2 : 1) ? 1 : 0;
+    }
+    return count;
+  }
   // Settles everything and lets the log close what a run before has left.
   void SettleAndTidy() {
     for (const StoredName& name : Unsettled()) {
@@ -228,7 +238,7 @@ TEST_F(BodyLogTest, ATornTailIsCutOffWhereverItIsTorn) {
   const StoredName torn = Append("the second body");
   const std::string whole = FileBytes("00000001.log");
   BodyPlace place;
-  ASSERT_TRUE(log_->Find(torn, place));
+  ASSERT_EQ(log_->Find(torn, place), 0);
   for (std::size_t size = place.offset - BodyFormat::kRecordHeadBytes; size < place.offset + place.size; ++size) {
     FileBytes("00000001.log") = whole.substr(0, size);
     Reopen();
@@ -533,6 +543,66 @@ TEST_F(BodyLogTest, SegmentsInWhichNothingIsLeftGo) {
   EXPECT_EQ(Read(Append("again")), "again");
 }
 
+// What is kept for long may leave a few bodies in each of very many segments.
+TEST_F(BodyLogTest, HoweverManySegmentsThereAreOnlySomeAreOpen) {
+  constexpr std::size_t kSegments = 700;
+  constexpr std::size_t kMostOpen = 520;
+  const auto body = [](std::size_t number) { return "body " + std::to_string(number); };
+  std::vector<StoredName> names;
+  for (std::size_t i = 0; i < kSegments; ++i) {
+    names.push_back(Append(body(i)));
+    Append("another body");
+    Reopen();
+  }
+  SettleAndTidy();
+  EXPECT_LE(OpenFiles(), kMostOpen);
+  Reopen();
+  EXPECT_LE(OpenFiles(), kMostOpen);
+  BodyPlace held;
+  ASSERT_EQ(log_->Find(names[1], held), 0);
+  for (std::size_t i = 0; i < kSegments; ++i) {
+    EXPECT_EQ(Read(names[i]), body(i));
+  }
+  EXPECT_LE(OpenFiles(), kMostOpen);
+  EXPECT_EQ(Bodies().size(), 2 * kSegments);
+
+  FailAt(0, EMFILE);
+  EXPECT_EQ(Read(names[0]), "<not to be opened>") << "which is not the same as missing";
+  EXPECT_EQ(Read(names[1]), body(1)) << "somebody reads it, so it is still open";
+  EXPECT_EQ(Read(names[0]), body(0));
+  for (std::size_t i = 0; i < kSegments; i += 2) {
+    log_->Remove(names[i]);
+  }
+  log_->Tidy();
+  EXPECT_LE(OpenFiles(), kMostOpen);
+  Reopen();
+  for (std::size_t i = 0; i < kSegments; ++i) {
+    EXPECT_EQ(Read(names[i]), i % 2 == 0 ? "<missing>" : body(i));
+  }
+}
+
+TEST_F(BodyLogTest, ARemovalThatFindsNoMemoryToOpenItsSegmentRemovesNothing) {
+  const StoredName name = MakeSealed({"body", "another body"})[0];
+  Tests::CPowerCutFolder files(root_->entries.at("lg01"), plan_);
+  SegmentFolder folder(files);
+  std::shared_ptr<CBodySegment> segment;
+  ASSERT_EQ(CBodySegment::Open(folder, 1, CBodySegment::EOpen::kServe, segment), 0);
+  BodyId id;
+  ASSERT_TRUE(ParseBodyId(name, id));
+  bool is_removed = false;
+  const auto remove = [&] {
+    segment->CloseFile();
+    EXPECT_EQ(folder.open, 0U);
+    segment->Remove(id.key);
+    is_removed = true;
+  };
+  Tests::FailEachAllocation(remove, [&](std::size_t number, bool) {
+    BodyPlace place;
+    EXPECT_EQ(segment->Find(id.key, place), is_removed ? ENOENT : 0) << "allocation " << number;
+  });
+  EXPECT_TRUE(is_removed);
+}
+
 // A file that somebody kept open would hold its space.
 TEST_F(BodyLogTest, ASegmentThatIsGoneIsNotKeptOpen) {
   for (const CBodyLog::EMode mode : {CBodyLog::EMode::kFull, CBodyLog::EMode::kFast}) {
@@ -553,7 +623,7 @@ TEST_F(BodyLogTest, ASegmentThatIsGoneIsNotKeptOpen) {
 TEST_F(BodyLogTest, SegmentsThatAreMostlyGapsAreWrittenAnew) {
   const std::vector<StoredName> names = MakeSealed({"kept one", std::string(5000, 'r'), "kept two"});
   BodyPlace before;
-  ASSERT_TRUE(log_->Find(names[2], before));
+  ASSERT_EQ(log_->Find(names[2], before), 0);
   log_->Remove(names[1]);
   log_->Tidy([] { return true; });
   EXPECT_GT(FileBytes("00000001.log").size(), 5000U) << "a stop does not wait for that";
@@ -635,15 +705,16 @@ TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
   }
   std::string reason;
   ASSERT_TRUE(log.MakeDurable({}, reason));
-  std::shared_ptr<CBodySegment> segment;
   std::unique_ptr<HostSystem::IFolder> folder;
   ASSERT_EQ(root->OpenFolder("lg01", folder), 0);
-  ASSERT_EQ(CBodySegment::Open(*folder, 1, CBodySegment::EOpen::kServe, segment), 0);
+  SegmentFolder segment_folder(*folder);
+  std::shared_ptr<CBodySegment> segment;
+  ASSERT_EQ(CBodySegment::Open(segment_folder, 1, CBodySegment::EOpen::kServe, segment), 0);
   BodyId id;
   BodyPlace read_at;
   for (std::size_t i = 1; i < names.size(); ++i) {
     ASSERT_TRUE(ParseBodyId(names[i], id));
-    ASSERT_TRUE(segment->Find(id.key, read_at));
+    ASSERT_EQ(segment->Find(id.key, read_at), 0);
     ASSERT_TRUE(segment->Remove(id.key));
   }
   segment->FreeGaps();
@@ -653,7 +724,7 @@ TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
   EXPECT_LT(room(), 100000);
   ASSERT_TRUE(ParseBodyId(names[0], id));
   BodyPlace place;
-  ASSERT_TRUE(segment->Find(id.key, place));
+  ASSERT_EQ(segment->Find(id.key, place), 0);
   EXPECT_EQ(Read(log, names[0]) == body, true);
   CBodyLog again(*root, CBodyLog::EMode::kFull);
   ASSERT_EQ(again.Load(), 0);
