@@ -22,6 +22,11 @@ function(tansy_platform_library name)
     target_include_directories(${name} PUBLIC "$<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform>"
                                               "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
     target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
+    if(NOT WIN32)
+      set(hidden "${CMAKE_SOURCE_DIR}/cmake/HideBoost.map")
+      target_link_options(${name} PRIVATE "-Wl,--version-script=${hidden}")
+      set_target_properties(${name} PROPERTIES LINK_DEPENDS "${hidden}")
+    endif()
   else()
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE "$<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform>"

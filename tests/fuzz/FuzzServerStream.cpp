@@ -1,5 +1,4 @@
 // links: TansyNet OSAL logging Boost::headers
-// defines: BOOST_ASIO_SEPARATE_COMPILATION BOOST_BEAST_SEPARATE_COMPILATION
 // What a client sends on one connection, through the connection itself: requests behind one another, their bodies, and
 // what is no request. The first byte of the input says how the client and the handler behave, the next one how many
 // lengths of pieces follow, and the rest is sent in pieces of these lengths. However a stream is cut, the same requests
