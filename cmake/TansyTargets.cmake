@@ -49,25 +49,32 @@ function(tansy_test_options target)
   endif()
 endfunction()
 
-# tansy_unit_test(<name> SOURCES <files> LINK <libraries> [ON_POSTGRESQL <filter>] [WITHOUT_POSTGRESQL <filter>])
+# tansy_unit_test(<name> SOURCES <files> LINK <libraries> [ON_POSTGRESQL <filter>] [WITHOUT_POSTGRESQL <filter>] [ON_CEPH <filter>])
 #
 # A GoogleTest program; each of its cases becomes one ctest entry, found when ctest runs. ON_POSTGRESQL: these cases run
 # once more with a PostgreSQL server of their own, as one entry, because each process starts a server.
-# WITHOUT_POSTGRESQL: these cases run there only.
+# WITHOUT_POSTGRESQL: these cases run there only. ON_CEPH: these cases need a Ceph cluster, and run as one entry for the same
+# reason.
 function(tansy_unit_test name)
-  cmake_parse_arguments(ARG "" "ON_POSTGRESQL;WITHOUT_POSTGRESQL" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "ON_POSTGRESQL;WITHOUT_POSTGRESQL;ON_CEPH" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   tansy_test_options(${name})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests")
   target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
+  set(others ${ARG_WITHOUT_POSTGRESQL} ${ARG_ON_CEPH})
   set(filter "*")
-  if(ARG_WITHOUT_POSTGRESQL)
-    set(filter "-${ARG_WITHOUT_POSTGRESQL}")
+  if(others)
+    list(JOIN others ":" others)
+    set(filter "-${others}")
   endif()
   gtest_discover_tests(${name} TEST_FILTER "${filter}" DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS unit)
   if(ARG_ON_POSTGRESQL)
     target_link_libraries(${name} PRIVATE TansyTestPostgres)
     tansy_postgresql_test(${name} "${ARG_ON_POSTGRESQL}" unit)
+  endif()
+  if(ARG_ON_CEPH)
+    target_link_libraries(${name} PRIVATE TansyTestCeph)
+    tansy_ceph_test(${name} "${ARG_ON_CEPH}" unit)
   endif()
 endfunction()
 
@@ -78,4 +85,12 @@ function(tansy_postgresql_test name filter label)
   add_test(NAME postgresql.${name} COMMAND ${name} "--gtest_filter=${filter}")
   set_tests_properties(postgresql.${name} PROPERTIES TIMEOUT 300 LABELS "${label};postgresql"
                                                      ENVIRONMENT TANSY_TEST_DATABASE=postgresql)
+endfunction()
+
+# tansy_ceph_test(<program> <filter> <label>)
+#
+# One ctest entry that runs these cases of a program on a Ceph cluster of their own.
+function(tansy_ceph_test name filter label)
+  add_test(NAME ceph.${name} COMMAND ${name} "--gtest_filter=${filter}")
+  set_tests_properties(ceph.${name} PROPERTIES TIMEOUT 300 LABELS "${label};ceph" RESOURCE_LOCK ceph)
 endfunction()

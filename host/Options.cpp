@@ -8,6 +8,7 @@
 
 #include "IpAddress.h"
 #include "PrintableText.h"
+#include "RadosUrl.h"
 #include "StartFailure.h"
 #include "TansyNet/MemoryAccount.h"
 
@@ -99,11 +100,10 @@ std::string ApplyDatabase(HostOptions& options, const std::string& text) {
 }
 
 std::string ApplyStorage(HostOptions& options, const std::string& text) {
-  if (StartsWith(text, "rados:")) {
-    return std::string("RADOS is ") + kNotAvailable + "give file:DIR";
-  }
-  if (!StartsWith(text, "file:") || UrlPath(text).empty()) {
-    return "give file:DIR";
+  RadosUrl pool;
+  const bool is_folder = StartsWith(text, "file:") && !UrlPath(text).empty();
+  if (!is_folder && !ParseRadosUrl(text, pool)) {
+    return "give file:DIR or rados://POOL?conf=FILE&id=NAME&namespace=NS";
   }
   options.storage = text;
   return "";
@@ -200,7 +200,10 @@ const std::vector<OptionRow>& OptionTable() {
       {"wan-picture-https-port", "N", "HTTPS port of the picture protocol at the WAN address [0]",
        ApplyPort<&HostOptions::wan_picture_https_port, 0>},
       {"database", "URL", "catalogue: sqlite:FILE, in the data folder [sqlite:catalogue.db]", details::ApplyDatabase},
-      {"storage", "URL", "stored bytes: file:DIR, in the data folder [file:objects]", details::ApplyStorage},
+      {"storage", "URL",
+       "stored bytes: file:DIR, in the data folder, or rados://POOL?conf=FILE&id=NAME&namespace=NS, in a Ceph pool "
+       "[file:objects]",
+       details::ApplyStorage},
       {"durability", "full|fast", "full: 200 to a write means it is on stable storage [full]",
        details::ApplyDurability},
       {"memory-limit", "MIB", "memory that bodies and answers of all clients may take together [1024]",

@@ -7,7 +7,11 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 preset=${1:-release}
 shift $(($# > 0 ? 1 : 0))
 
-scripts/dependencies.sh
+if [[ "${TANSY_CMAKE_ARGS:-}" == *TANSY_BUILD_TESTS=OFF* ]]; then
+  scripts/dependencies.sh --no-tests
+else
+  scripts/dependencies.sh
+fi
 cmake --preset "$preset" ${TANSY_CMAKE_ARGS:-} >/dev/null
 targets=()
 for target in "$@"; do

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the build needs and this machine lacks, from Debian's packages. Says what it installs; installs nothing twice.
-# usage: scripts/dependencies.sh [--lint|--windows|--fuzz]
+# usage: scripts/dependencies.sh [--no-tests|--lint|--windows|--fuzz]
 set -euo pipefail
 
 packages=(
@@ -8,8 +8,11 @@ packages=(
   libboost1.81-dev libssl-dev libpugixml-dev rapidjson-dev libsqlite3-dev libpq-dev
   libcli11-dev libtomlplusplus-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  openssl curl groff-base postgresql-15
+  openssl curl groff-base
 )
+if [[ "${1:-}" != --no-tests ]]; then
+  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd)
+fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
 elif [[ "${1:-}" == --windows ]]; then

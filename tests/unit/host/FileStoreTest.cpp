@@ -67,47 +67,6 @@ TEST_P(FileStoreTest, WholeObjectsComeBack) {
   }
 }
 
-TEST_P(FileStoreTest, EverySaveHasANameOfItsOwn) {
-  std::set<std::string> names;
-  for (int i = 0; i < 50; ++i) {
-    StoredName name;
-    ASSERT_EQ(Save("same", name), EStoreResult::kDone);
-    names.insert(LocationText(name));
-  }
-  EXPECT_EQ(names.size(), 50U);
-}
-
-std::string ReadRange(IObjectStore& store, const StoredName& name, std::uint64_t offset, std::uint32_t size) {
-  ReadBuffer buffer;
-  if (store.ReadRange(name, offset, size, buffer) != EStoreResult::kDone) {
-    return "<unreadable>";
-  }
-  return {buffer.data.get(), buffer.size};
-}
-
-TEST_P(FileStoreTest, WhatWasReadBeforeAWriteIsReadAnew) {
-  StoredName name;
-  ASSERT_EQ(SaveAt(name, 0, "first bytes"), EStoreResult::kDone);
-  EXPECT_EQ(ReadRange(*store_, name, 0, 11), "first bytes");
-  ASSERT_EQ(SaveAt(name, 0, "other"), EStoreResult::kDone);
-  EXPECT_EQ(ReadRange(*store_, name, 0, 11), "other bytes");
-  ASSERT_EQ(SaveAt(name, 11, " and more"), EStoreResult::kDone);
-  EXPECT_EQ(ReadRange(*store_, name, 0, 100), "other bytes and more");
-}
-
-TEST_P(FileStoreTest, WhatWasReadBeforeARemovalIsGone) {
-  for (const std::size_t size : {std::size_t{5}, std::size_t{200000}}) {
-    StoredName name;
-    const std::string bytes(size, 'x');
-    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
-    EXPECT_EQ(ReadRange(*store_, name, 0, static_cast<std::uint32_t>(size)), bytes);
-    EXPECT_EQ(ReadAll(*store_, name), bytes);
-    ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-    EXPECT_EQ(ReadRange(*store_, name, 0, 5), "<unreadable>");
-    EXPECT_EQ(ReadAll(*store_, name), "<unreadable>");
-  }
-}
-
 // Whoever is told that bytes could not be removed puts their row back, so they must still be there.
 TEST_P(FileStoreTest, ARemovalThatFindsNoMemoryRemovesNothing) {
   for (const std::size_t size : {std::size_t{5}, std::size_t{200000}}) {
@@ -151,59 +110,6 @@ TEST_P(FileStoreTest, PicturesLieApartFromObjects) {
   }
 }
 
-TEST_P(FileStoreTest, BytesAtOffsetsLeaveHolesThatReadAsZeros) {
-  StoredName name;
-  ASSERT_EQ(SaveAt(name, 0, "test"), EStoreResult::kDone);
-  const StoredName first = name;
-  ASSERT_EQ(SaveAt(name, 8, "tail"), EStoreResult::kDone);
-  ASSERT_EQ(SaveAt(name, 0, "HE"), EStoreResult::kDone);
-  EXPECT_EQ(name, first);
-  EXPECT_EQ(ReadAll(*store_, name), std::string("HEst\0\0\0\0tail", 12));
-}
-
-TEST_P(FileStoreTest, OffsetsNearFourGibibytesWork) {
-  StoredName name;
-  ASSERT_EQ(SaveAt(name, 0xFFFFFFF0ULL, "0123456789"), EStoreResult::kDone);
-  ReadBuffer buffer;
-  ASSERT_EQ(store_->ReadRange(name, 0xFFFFFFF2ULL, 4, buffer), EStoreResult::kDone);
-  EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "2345");
-}
-
-TEST_P(FileStoreTest, RangesEndWithTheObject) {
-  for (const std::size_t padding : {std::size_t{0}, kLargeBytes.size()}) {
-    StoredName name;
-    ASSERT_EQ(Save(std::string(padding, 'p') + "0123456789", name), EStoreResult::kDone);
-    ReadBuffer buffer;
-    ASSERT_EQ(store_->ReadRange(name, padding + 2, 3, buffer), EStoreResult::kDone);
-    EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "234");
-    ASSERT_EQ(store_->ReadRange(name, padding + 8, 100, buffer), EStoreResult::kDone);
-    EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "89");
-    ASSERT_EQ(store_->ReadRange(name, padding + 100, 5, buffer), EStoreResult::kDone);
-    EXPECT_EQ(buffer.size, 0U);
-    EXPECT_NE(buffer.data, nullptr) << "nothing to read is no failure to read";
-    ASSERT_EQ(store_->ReadRange(name, 0xFFFFFFFFULL, 5, buffer), EStoreResult::kDone);
-    EXPECT_EQ(buffer.size, 0U);
-  }
-}
-
-TEST_P(FileStoreTest, RemovedBytesAreGoneAndRemovingAgainIsFine) {
-  for (const std::string& bytes : {std::string("x"), kLargeBytes}) {
-    StoredName name;
-    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
-    EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
-    EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
-    ReadBuffer buffer;
-    std::uint64_t size = 0;
-    EXPECT_EQ(store_->ReadWhole(name, buffer), EStoreResult::kMissing);
-    EXPECT_EQ(store_->ReadRange(name, 0, 1, buffer), EStoreResult::kMissing);
-    EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kMissing);
-  }
-  StoredName name;
-  ASSERT_EQ(SaveAt(name, 0, "test"), EStoreResult::kDone);
-  ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-  EXPECT_EQ(SaveAt(name, 0, "x"), EStoreResult::kMissing) << "a part of a removed object makes no new one";
-}
-
 TEST_P(FileStoreTest, ASmallBodyIsNeverChanged) {
   StoredName name;
   ASSERT_EQ(Save("small", name), EStoreResult::kDone);
@@ -224,17 +130,6 @@ TEST_P(FileStoreTest, ADamagedSmallBodyIsNotServed) {
   EXPECT_EQ(store_->ReadWhole(name, buffer), EStoreResult::kDamaged);
   EXPECT_EQ(store_->ReadRange(name, 0, 15, buffer), EStoreResult::kDamaged);
   EXPECT_EQ(store_->ReadRange(name, 0, 1000, buffer), EStoreResult::kDamaged);
-}
-
-TEST_P(FileStoreTest, NamesOfOtherVolumesAreInvalid) {
-  StoredName name = {"zz99", "0000", std::string(32, '0')};
-  ReadBuffer buffer;
-  std::uint64_t size = 0;
-  EXPECT_EQ(store_->ReadWhole(name, buffer), EStoreResult::kInvalid);
-  EXPECT_EQ(store_->ReadRange(name, 0, 1, buffer), EStoreResult::kInvalid);
-  EXPECT_EQ(SaveAt(name, 0, "x"), EStoreResult::kInvalid);
-  EXPECT_EQ(store_->Remove(name), EStoreResult::kInvalid);
-  EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kInvalid);
 }
 
 TEST_P(FileStoreTest, ALinkInTheStoreIsNotFollowed) {
@@ -277,44 +172,6 @@ TEST_P(FileStoreTest, TheWalkShowsFilesAndLeavesStrangersOut) {
   EXPECT_EQ(CountFiles(*store_), 2U);
 }
 
-TEST_P(FileStoreTest, ManyThreadsAtOnceKeepTheirBytesApart) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([this, t] {
-      for (int i = 0; i < 20; ++i) {
-        const std::string bytes = std::to_string(t) + ":" + std::to_string(i) + (i % 2 == 0 ? kLargeBytes : "");
-        StoredName name;
-        ASSERT_EQ(Save(bytes, name, i % 3 == 0 ? EContent::kPicture : EContent::kObject), EStoreResult::kDone);
-        ASSERT_EQ(ReadAll(*store_, name), bytes);
-        if (i % 5 == 0) {
-          ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(CountFiles(*store_), 8U * 16U);
-}
-
-TEST_P(FileStoreTest, OneObjectIsReadWhileItIsWrittenAtOffsets) {
-  StoredName name;
-  ASSERT_EQ(SaveAt(name, 0, std::string(100000, 'a')), EStoreResult::kDone);
-  std::thread writer([this, name]() mutable {
-    for (int i = 0; i < 20; ++i) {
-      SaveAt(name, static_cast<std::uint64_t>(i) * 5000, std::string(5000, 'b'));
-    }
-  });
-  for (int i = 0; i < 20; ++i) {
-    const std::string bytes = ReadAll(*store_, name);
-    EXPECT_EQ(bytes.size(), 100000U);
-    EXPECT_EQ(bytes.find_first_not_of("ab"), std::string::npos);
-  }
-  writer.join();
-  EXPECT_EQ(ReadAll(*store_, name), std::string(100000, 'b'));
-}
-
 TEST_P(FileStoreTest, FoldersTakeAThousandFilesEach) {
   std::set<std::string> folders;
   for (int i = 0; i < 2001; ++i) {
@@ -327,38 +184,6 @@ TEST_P(FileStoreTest, FoldersTakeAThousandFilesEach) {
     break;  // every save of full durability costs a flush; the rule is the same
   }
   EXPECT_EQ(folders.size(), GetParam() ? 1U : 3U);
-}
-
-TEST_P(FileStoreTest, AReaderReadsToTheLastByteWhateverIsRemoved) {
-  for (const std::size_t padding : {std::size_t{0}, kLargeBytes.size()}) {
-    StoredName name;
-    ASSERT_EQ(Save(std::string(padding, 'p') + "0123456789", name), EStoreResult::kDone);
-    ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
-    ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
-    ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-    store_->Tidy({});
-    EXPECT_EQ(CountFiles(*store_), 0U);
-    ReadBuffer buffer;
-    for (int readers = 2; readers > 0; --readers) {
-      ASSERT_EQ(store_->ReadRange(name, padding + 5, 5, buffer), EStoreResult::kDone) << readers;
-      EXPECT_EQ(std::string(buffer.data.get(), buffer.size), "56789");
-      store_->EndRead(name);
-    }
-    EXPECT_EQ(store_->ReadRange(name, 5, 5, buffer), EStoreResult::kMissing) << "the last reader has let go of it";
-    EXPECT_EQ(store_->BeginRead(name), EStoreResult::kMissing);
-  }
-}
-
-TEST_P(FileStoreTest, TheWalkEndsWhenTheVisitorHasSeenEnough) {
-  StoredName name;
-  for (const std::string& bytes : {std::string("1"), std::string("2"), kLargeBytes, kLargeBytes}) {
-    ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
-  }
-  for (int most = 1; most <= 4; ++most) {
-    int seen = 0;
-    EXPECT_TRUE(store_->ForEach(EContent::kObject, [&seen, most](const StoredEntry&) { return ++seen < most; }));
-    EXPECT_EQ(seen, most);
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(FullAndFast, FileStoreTest, testing::Bool(),
