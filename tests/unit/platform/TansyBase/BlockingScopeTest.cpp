@@ -203,6 +203,7 @@ TEST_F(BlockingScope, WhatWaitsIsRunByThoseWhoComeBackAfterAStop) {
 TEST_F(BlockingScope, GoesOnWithoutASpareThreadWhenThereIsNone) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
   CGate start;
+  CGate end;  // a task that is handed in meanwhile would bring a spare thread of its own
   std::atomic<bool> ran{false};
   bool ran_while_waiting = true;
   Post(loop_, [&] {
@@ -214,9 +215,11 @@ TEST_F(BlockingScope, GoesOnWithoutASpareThreadWhenThereIsNone) {
     }
     std::this_thread::sleep_for(10ms);
     ran_while_waiting = ran;
+    end.Open();
   });
   Post(loop_, [&ran] { ran = true; });
   start.Open();
+  end.Wait();
   EXPECT_TRUE(WaitForTurn(loop_));
   loop_.Stop(true);
   EXPECT_TRUE(ran);
