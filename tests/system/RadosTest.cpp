@@ -1,0 +1,223 @@
+// A tansyd whose bytes are in a pool of a Ceph cluster does what one with a folder does.
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "fakes/CephCluster.h"
+#include "support/MultipartFixture.h"
+#include "support/PictureSystemTest.h"
+#include "support/Program.h"
+
+namespace system_tests {
+namespace {
+
+using Tansy::Tests::CCephCluster;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+class RadosTest : public MultipartFixture {
+ protected:
+  Launch InPool(const std::string& url, const std::vector<std::string>& more = {}) const {
+    Launch launch;
+    launch.arguments = {"--storage", url, "--keep-failed", "1"};
+    launch.arguments.insert(launch.arguments.end(), more.begin(), more.end());
+    return launch;
+  }
+  Launch InPool(const std::vector<std::string>& more = {}) const { return InPool(url_, more); }
+  bool Start(const std::vector<std::string>& more = {}) { return server_.Start(InPool(more)); }
+
+  // tansyd --check beside the server, or without one.
+  Ended Check(const std::vector<std::string>& more = {}) {
+    CTansyd command(temp_.GetPath(), "command");
+    Launch launch = InPool(more);
+    launch.with_data = launch.with_ports = false;
+    launch.arguments.insert(launch.arguments.end(), {"--data", server_.Data(), "--check"});
+    return command.RunToEnd(launch);
+  }
+  // How many objects and pictures have bytes in the pool; 0 when a look fails.
+  std::size_t Stored() {
+    const std::string sum = Check().out;
+    const std::size_t rows = sum.find(" rows, ");
+    return rows == std::string::npos ? 0 : std::stoul(sum.substr(rows + 7));
+  }
+  bool HasSum(const std::string& beginning) { return Check().out.find(beginning) != std::string::npos; }
+  // The exit code and line of a start that fails.
+  std::string Refusal(CTansyd& server, const Launch& launch) {
+    const Ended ended = server.RunToEnd(launch);
+    EXPECT_TRUE(ended.exited);
+    EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
+    return std::to_string(ended.code) + " " + ended.err;
+  }
+
+  CCephCluster& cluster_ = CCephCluster::Shared();
+  const std::string name_space_ = cluster_.NewNamespace();
+  const std::string url_ = cluster_.Url(name_space_);
+};
+
+TEST_F(RadosTest, ObjectsAreStoredReadReplacedAndRemovedAndOutliveARestart) {
+  ASSERT_TRUE(Start());
+  MakeBucket("b");
+  const std::string large = RandomBytes(std::size_t{9} << 20U, 1);
+  const std::string streamed = RandomBytes(std::size_t{30} << 20U, 2);
+  Put("/b/small", "small");
+  Put("/b/large", large);
+  Put("/b/streamed", streamed);
+  const std::vector<std::string> parts = Parts(5, 3000000, 1234567, 3);
+  Upload("parts", parts);
+  const std::string task = Begin("open");
+  EXPECT_TRUE(SendParts("open", task, parts));
+
+  ASSERT_TRUE(server_.Stop());
+  EXPECT_EQ(Check().code, 0) << Check().out;
+  ASSERT_TRUE(Start());
+  EXPECT_EQ(Get("/b/small"), "small");
+  EXPECT_TRUE(Get("/b/large") == large);
+  EXPECT_TRUE(Get("/b/streamed") == streamed);
+  EXPECT_TRUE(Get("/b/parts") == Joined(parts));
+  const Reply range = Send("GET", "/b/streamed", "", {{"Range", "bytes=4194300-12582920"}});
+  EXPECT_TRUE(range.body == streamed.substr(4194300, 12582920 - 4194300)) << range.status;
+  EXPECT_EQ(Complete("open", task, parts), "200");
+  EXPECT_TRUE(Get("/b/open") == Joined(parts));
+
+  Put("/b/small", large);
+  EXPECT_TRUE(Get("/b/small") == large);
+  for (const char* name : {"small", "large", "streamed", "parts", "open"}) {
+    EXPECT_EQ(Outcome(Send("DELETE", std::string("/b/") + name + "?deletefile")), "200") << name;
+    EXPECT_EQ(Send("GET", std::string("/b/") + name).status, 404) << name;
+  }
+  EXPECT_TRUE(WaitUntil([this] { return HasSum("check: 0 rows, 0 stored files, 0 orphans"); })) << Check().out;
+}
+
+TEST_F(RadosTest, PicturesAreStoredAndRead) {
+  ASSERT_TRUE(Start());
+  const std::string picture = SamplePicture("sample.jpg");
+  const Request upload = FormRequest("--b", FormBody("--b", PictureFields(picture)));
+  const Reply stored = Call(server_.GetPicturePort(), upload);
+  const std::string address = JsonText(stored.body, "PictureUrl");
+  EXPECT_THAT(address, HasSubstr("rp0100-00-")) << stored.body;
+  EXPECT_TRUE(Call(server_.GetPicturePort(), Signed({"GET", address, {}, ""})).body == picture);
+}
+
+TEST_F(RadosTest, ACrashLosesNothingAndLeavesNothing) {
+  ASSERT_TRUE(Start());
+  MakeBucket("b");
+  const std::string large = RandomBytes(std::size_t{9} << 20U, 4);
+  Put("/b/kept", large);
+  const auto upload = CConnection::Open(server_.GetObjectPort());
+  const Request cut = Signed({"PUT", "/b/cut", {{"Content-Length", "40000000"}}, ""});
+  ASSERT_TRUE(upload->Send(Serialize(cut, server_.GetObjectPort())));
+  ASSERT_TRUE(upload->Send(std::string(25000000, 'x')));
+  ASSERT_TRUE(WaitUntil([this] { return Stored() == 2; }));
+  server_.Kill();
+  ASSERT_TRUE(Start()) << "the lock of the run that crashed keeps nobody away";
+  EXPECT_TRUE(Get("/b/kept") == large);
+  EXPECT_TRUE(WaitUntil([this] { return HasSum("check: 1 rows, 1 stored files, 0 orphans"); })) << Check().out;
+}
+
+TEST_F(RadosTest, TheCheckLooksInBothDirections) {
+  ASSERT_TRUE(Start());
+  MakeBucket("b");
+  const std::string bytes(1000000, 'x');
+  Put("/b/kept", bytes);
+  Put("/b/lost", "small");
+  const std::string url =
+      Query(server_.Data("catalogue.db"), "SELECT url FROM local_object WHERE name = 'lost'").front();
+  const std::string id = url.substr(10, 32);
+  const std::string orphan = "rd01." + std::string(32, 'a');
+  ASSERT_TRUE(cluster_.Rados(name_space_, {"rm", "rd01." + id + ".00000000"}));
+  ASSERT_TRUE(cluster_.Rados(name_space_, {"put", orphan + ".00000000", temp_.Write("file", "orphan")}));
+  const auto findings =
+      AllOf(HasSubstr("missing /b/lost " + url), HasSubstr("orphan rd01/00/00/" + std::string(32, 'a')));
+  const Ended beside = Check();
+  EXPECT_EQ(beside.code, 3);
+  EXPECT_THAT(beside.out, findings);
+  EXPECT_THAT(Check({"--repair"}).out, AllOf(findings, HasSubstr(" 1 freed, 1 damaged"))) << "the server does it";
+  EXPECT_THAT(Check().out, Not(HasSubstr("orphan rd01")));
+  ASSERT_TRUE(cluster_.Rados(name_space_, {"put", orphan + ".00000000", temp_.Path("file")}));
+  ASSERT_TRUE(server_.Stop());
+  EXPECT_THAT(Check({"--repair"}).out, AllOf(findings, HasSubstr(" 1 freed, 1 damaged")));
+  EXPECT_THAT(Check().out, Not(HasSubstr("orphan rd01")));
+  ASSERT_TRUE(Start());
+  EXPECT_EQ(Get("/b/kept"), bytes);
+  EXPECT_EQ(Outcome(Send("GET", "/b/lost")), "500 ServerInternalError");
+}
+
+TEST_F(RadosTest, APoolServesOneTansydAndOneCatalogue) {
+  ASSERT_TRUE(Start());
+  MakeBucket("b");
+  Put("/b/o", "x");
+  CTansyd other(temp_.GetPath(), "other");
+  EXPECT_THAT(Refusal(other, InPool()), AllOf(HasSubstr("1 tansyd: storage pool tansy, namespace " + name_space_),
+                                              HasSubstr("is in use by another tansyd"), HasSubstr(server_.Data())));
+  ASSERT_TRUE(server_.Stop());
+  EXPECT_THAT(Refusal(other, InPool()), HasSubstr("holds the bytes of another catalogue"));
+  EXPECT_THAT(Refusal(server_, InPool(cluster_.Url(cluster_.NewNamespace()))), HasSubstr("is it the right pool?"));
+  EXPECT_TRUE(Start());
+}
+
+TEST_F(RadosTest, AStartThatCannotReachItsPoolSaysWhy) {
+  EXPECT_THAT(Refusal(server_, InPool("rados://tansy?conf=/no/such.conf")),
+              HasSubstr("1 tansyd: storage pool tansy: the Ceph settings file /no/such.conf cannot be read"));
+  const std::string rest = "?id=tansy&conf=" + cluster_.Conf();
+  EXPECT_THAT(Refusal(server_, InPool("rados://nowhere" + rest)), HasSubstr("there is no such pool"));
+  EXPECT_THAT(Refusal(server_, InPool("rados://tansy?id=nobody&conf=" + cluster_.Conf())),
+              HasSubstr("refuses the user client.nobody"));
+  EXPECT_THAT(Refusal(server_, InPool("rados://?id=x")),
+              HasSubstr("2 tansyd: --storage is not valid: give file:DIR or "));
+  Launch without_library = InPool();
+  temp_.Write("libraries/librados.so.2", "no library");
+  without_library.environment["LD_LIBRARY_PATH"] = temp_.Path("libraries");
+  EXPECT_THAT(Refusal(server_, without_library),
+              HasSubstr("1 tansyd: storage in a Ceph pool needs librados.so.2 (Debian's package librados2)"));
+}
+
+TEST_F(RadosTest, AFullPoolIsNotEnoughSpaceAndReadsGoOn) {
+  ASSERT_TRUE(Start());
+  MakeBucket("b");
+  Put("/b/o", "before");
+  cluster_.SetFull(true);
+  std::string outcome;
+  EXPECT_TRUE(WaitUntil([&] {
+    outcome = Outcome(Send("PUT", "/b/more", std::string(1000, 'x')));
+    return outcome != "200";
+  }));
+  EXPECT_THAT(outcome, HasSubstr("NotEnoughSpace"));
+  EXPECT_EQ(Get("/b/o"), "before");
+  EXPECT_EQ(Outcome(Send("DELETE", "/b/o?deletefile")), "200");
+  cluster_.SetFull(false);
+  EXPECT_TRUE(WaitUntil([&] { return Outcome(Send("PUT", "/b/more", "more")) == "200"; }));
+}
+
+TEST_F(RadosTest, AnOsdThatDiesUnderLoadIsNotNoticedByClients) {
+  ASSERT_TRUE(Start());
+  MakeBucket("b");
+  std::atomic<bool> is_over{false};
+  std::atomic<int> rounds{0};
+  std::vector<std::thread> clients;
+  for (int client = 0; client < 3; ++client) {
+    clients.emplace_back([&, client] {
+      const std::string path = "/b/" + std::to_string(client);
+      const std::string bytes = RandomBytes(client == 0 ? std::size_t{12} << 20U : 7000, 11 + client);
+      while (!is_over) {
+        EXPECT_EQ(Outcome(Send("PUT", path, bytes)), "200");
+        EXPECT_TRUE(Send("GET", path).body == bytes);
+        ++rounds;
+      }
+    });
+  }
+  EXPECT_TRUE(WaitUntil([&] { return rounds >= 10; }));
+  cluster_.KillOsd(2);
+  const int before = rounds;
+  EXPECT_TRUE(WaitUntil([&] { return rounds >= before + 60; }));
+  is_over = true;
+  for (std::thread& client : clients) {
+    client.join();
+  }
+  cluster_.ReplaceOsd(2);
+}
+
+}  // namespace
+}  // namespace system_tests
