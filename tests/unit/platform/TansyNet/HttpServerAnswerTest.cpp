@@ -141,6 +141,18 @@ TEST_F(HttpServerAnswer, GoesOnWhileAClientTakesItSlowly) {
   }
 }
 
+// The request after it has come long before the answer is sent.
+TEST_F(HttpServerAnswer, ThatIsTakenSlowlyIsFollowedByTheNext) {
+  const std::string large(8 * 1024 * 1024, 'x');
+  Start([&](std::int32_t handle, TansyNet::HttpServerRecv& message) {
+    AnswerText(handle, message.url == "/large" ? large : message.url);
+  });
+  CRawClient client(Port(), {.receive_buffer = 4096});
+  client.Send("GET /large HTTP/1.1\r\nHost: h\r\n\r\nGET /next HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body.size(), large.size());
+  EXPECT_EQ(client.ReadReply().body, "/next");
+}
+
 TEST_F(HttpServerAnswer, ComesFromManyThreadsToManyClients) {
   Start();
   constexpr int kClients = 32;

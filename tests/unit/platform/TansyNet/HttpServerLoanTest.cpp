@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <latch>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,6 +62,35 @@ class HttpServerLoanTest : public ServerFixture {
     }
   }
 
+  // Says whether anybody listens.
+  bool CanConnect() const {
+    try {
+      const CRawClient client(Port());
+      return true;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  }
+
+  // Connects clients to each event loop, which serves them.
+  void ConnectOthers() {
+    for (int i = 0; i < 8; ++i) {  // more than there are loops, which get them in turn
+      others_.push_back(std::make_unique<CRawClient>(Port()));
+      others_.back()->Send(kRequest);
+      EXPECT_EQ(others_.back()->ReadReply().body, "quick");
+    }
+  }
+
+  // Lets each loop answer something. A loop whose thread is kept has another one afterwards, which has also seen what
+  // happened before.
+  void LetOthersPass() {
+    for (const auto& other : others_) {
+      other->Send(kRequest);
+      EXPECT_EQ(other->ReadReply().body, "quick");
+    }
+  }
+
+  std::vector<std::unique_ptr<CRawClient>> others_;
   std::latch released_{1};
   std::atomic<int> slow_{0};
   std::atomic<int> over_{0};
@@ -67,19 +98,11 @@ class HttpServerLoanTest : public ServerFixture {
 
 TEST_F(HttpServerLoanTest, ACallbackThatIsSlowHoldsUpNobodyElse) {
   StartSlow(false);
-  std::vector<std::unique_ptr<CRawClient>> others;
-  for (int i = 0; i < 8; ++i) {  // more than there are threads, so that each thread has some
-    others.push_back(std::make_unique<CRawClient>(Port()));
-    others.back()->Send(kRequest);
-    EXPECT_EQ(others.back()->ReadReply().body, "quick");
-  }
+  ConnectOthers();
   CRawClient slow(Port());
   MakeSlow(slow);
   for (int round = 0; round < 3; ++round) {
-    for (const auto& other : others) {
-      other->Send(kRequest);
-      EXPECT_EQ(other->ReadReply().body, "quick");
-    }
+    LetOthersPass();
   }
   EXPECT_EQ(over_, 0);
   released_.count_down();
@@ -116,39 +139,89 @@ TEST_F(HttpServerLoanTest, AClientThatLeavesMeanwhileIsForgotten) {
   EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; }));
 }
 
-TEST_F(HttpServerLoanTest, ALargeAnswerIsFinishedAfterASlowCallback) {
+TEST_F(HttpServerLoanTest, AClientThatLeavesMeanwhileIsNoticedWithoutAnAnswer) {
+  Start([this](std::int32_t handle, HttpServerRecv& message) {
+    if (message.url != "/slow") {
+      AnswerText(handle, "quick");
+    } else if (!CHttpServer::IsThreadLent()) {
+      AnswerText(handle, "not lent");
+    } else {
+      ++slow_;
+      released_.wait();  // and leaves the answer to somebody else
+    }
+  });
+  ConnectOthers();
+  {
+    CRawClient client(Port());
+    MakeSlow(client);
+    LetOthersPass();
+    client.Reset();
+  }
+  LetOthersPass();
+  EXPECT_EQ(CHttpServer::OpenRequestCount(), 1u);
+  released_.count_down();
+  EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; }));
+}
+
+// A second thread that went on would read into the same memory as the one that leads now.
+TEST_F(HttpServerLoanTest, WhatFollowsASlowCallbackRunsOnTheThreadThatLeadsNow) {
+  std::thread::id slow;
+  std::thread::id next;
+  Start([&](std::int32_t handle, HttpServerRecv& message) {
+    if (message.url == "/slow" && CHttpServer::IsThreadLent()) {
+      slow = std::this_thread::get_id();
+      ++slow_;
+      released_.wait();
+    } else if (message.url == "/next") {
+      next = std::this_thread::get_id();
+    }
+    AnswerText(handle, message.url == "/slow" && slow_ == 0 ? "not lent" : "quick");
+  });
+  ConnectOthers();
+  CRawClient client(Port());
+  MakeSlow(client);
+  client.Send("GET /next HTTP/1.1\r\nHost: h\r\n\r\n");
+  LetOthersPass();
+  released_.count_down();
+  EXPECT_EQ(client.ReadReply().body, "quick");
+  EXPECT_EQ(client.ReadReply().body, "quick");
+  EXPECT_NE(next, slow);
+}
+
+TEST_F(HttpServerLoanTest, ALargeAnswerIsFinishedThoughItsCallbackGoesOn) {
   const std::string large(8 * 1024 * 1024, 'x');
-  Start([&](std::int32_t handle, HttpServerRecv&) {
-    const bool is_lent = CHttpServer::IsThreadLent();
-    slow_ += is_lent ? 1 : 0;
-    AnswerText(handle, large);
-    if (is_lent) {
+  Start([&](std::int32_t handle, HttpServerRecv& message) {
+    if (message.url != "/slow") {
+      AnswerText(handle, "quick");
+    } else if (!CHttpServer::IsThreadLent()) {
+      AnswerText(handle, "not lent");
+    } else {
+      ++slow_;
+      AnswerText(handle, large);
       released_.wait();
     }
   });
-  bool was_lent = false;
-  while (!was_lent) {
-    CRawClient client(Port(), {.receive_buffer = 4096});
-    client.Send(kRequest);
-    // Once the first bytes are here it is known whether the callback waits.
-    while (client.IsSilent(10)) {
-    }
-    was_lent = slow_ > 0;
-    std::thread releaser([&] {
-      if (was_lent) {
-        released_.count_down();
-      }
-    });
-    EXPECT_EQ(client.ReadReply().body.size(), large.size());
-    releaser.join();
-  }
+  ConnectOthers();
+  CRawClient client(Port(), {.receive_buffer = 4096});
+  MakeSlow(client);
+  LetOthersPass();
+  std::thread releaser([&] {
+    LetOthersPass();  // while the client reads: the socket takes more, and another thread sees it
+    released_.count_down();
+  });
+  EXPECT_EQ(client.ReadReply().body.size(), large.size());
+  releaser.join();
 }
 
 TEST_F(HttpServerLoanTest, AShutdownWaitsForASlowCallback) {
   StartSlow(false);
   CRawClient client(Port());
   MakeSlow(client);
-  std::thread releaser([&] { released_.count_down(); });
+  // The callback is released only when the shutdown has begun.
+  std::thread releaser([&] {
+    EXPECT_TRUE(Eventually([this] { return !CanConnect(); }));
+    released_.count_down();
+  });
   CHttpServer::Shutdown(10000);
   EXPECT_EQ(over_, 1);
   releaser.join();

@@ -1,16 +1,23 @@
 #include "TansyNet/server/LoopThreads.h"
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
+#include <fstream>
 #include <functional>
 #include <latch>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace TansyNet {
 namespace {
@@ -36,9 +43,11 @@ class LoopThreads : public ::testing::Test {
     bool was_lent = false;
     std::function<void()> attempt = [&] {
       {
+        const auto now = std::chrono::steady_clock::now();
         const CLoopThreads::CLoan loan(threads_);
         was_lent = CLoopThreads::IsThreadLent();
         if (was_lent) {
+          loan_began_ = now;
           action();
         }
       }
@@ -64,6 +73,36 @@ class LoopThreads : public ::testing::Test {
     done.wait();
   }
 
+  static std::int64_t Milliseconds(std::chrono::steady_clock::time_point since) {
+    using std::chrono::steady_clock;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - since).count();
+  }
+
+  // Lends the leader until another thread leads, and returns the milliseconds from the loan's begin to the next loan.
+  std::int64_t PauseAfterASlowLoan() {
+    std::latch released(1);
+    std::latch began(1);
+    std::thread caller([&] {
+      EXPECT_TRUE(OnLoan([&] {
+        began.count_down();
+        released.wait();
+      }));
+    });
+    began.wait();
+    const auto begin = loan_began_;
+    Step([] {});
+    released.count_down();
+    caller.join();
+    EXPECT_TRUE(OnLoan([] {}));
+    return Milliseconds(begin);
+  }
+
+  void Enter() {
+    ++entered_;
+    const std::lock_guard lock(mutex_);
+    ids_.push_back(::gettid());
+  }
+
   bool RunOne() {
     std::function<void()> step;
     {
@@ -82,11 +121,13 @@ class LoopThreads : public ::testing::Test {
   }
 
   const std::chrono::steady_clock::time_point limit_ = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  std::chrono::steady_clock::time_point loan_began_;  // not later than the loan
   std::mutex mutex_;
   std::condition_variable posted_;
   std::deque<std::function<void()>> steps_;
+  std::vector<pid_t> ids_;  // of the loop's threads; guarded by mutex_
   std::atomic<int> entered_{0};
-  CLoopThreads threads_{[this] { ++entered_; }, [this] { return RunOne(); }};
+  CLoopThreads threads_{[this] { Enter(); }, [this] { return RunOne(); }};
 };
 
 TEST_F(LoopThreads, OneThreadTakesAllSteps) {
@@ -118,26 +159,25 @@ TEST_F(LoopThreads, WhileALoanLastsAnotherThreadTakesTheLead) {
   std::latch released(1);
   std::latch began(1);
   std::thread::id slow;
-  std::chrono::steady_clock::time_point begin;
   std::thread caller([&] {
     EXPECT_TRUE(OnLoan([&] {
       slow = std::this_thread::get_id();
-      begin = std::chrono::steady_clock::now();
       began.count_down();
       released.wait();
     }));
   });
   began.wait();
+  const auto begin = loan_began_;
   // These would wait for ever without another leader.
   Step([&] {
     EXPECT_NE(std::this_thread::get_id(), slow);
     EXPECT_TRUE(threads_.IsLeader());
+    EXPECT_GE(Milliseconds(begin), CLoopThreads::kPatienceMs - 1) << "times are whole milliseconds";
   });
   // The storage is slow: for now nothing is lent.
   Step([&] {
     const CLoopThreads::CLoan loan(threads_);
-    const auto waited = std::chrono::steady_clock::now() - begin;
-    EXPECT_FALSE(CLoopThreads::IsThreadLent() && waited < std::chrono::milliseconds(CLoopThreads::kShortestPauseMs));
+    EXPECT_FALSE(CLoopThreads::IsThreadLent() && Milliseconds(begin) < CLoopThreads::kShortestPauseMs);
   });
   released.count_down();
   caller.join();
@@ -188,12 +228,84 @@ TEST_F(LoopThreads, ManySlowLoansAreSurvivedOneAfterAnother) {
     Step([&] { EXPECT_TRUE(threads_.IsLeader()); });
   }
   EXPECT_EQ(slow.size(), CLoopThreads::kThreads - 1);
+  // The last thread lends nothing, because nobody would take the lead from it; the pauses end meanwhile.
+  const auto begin = std::chrono::steady_clock::now();
+  while (Milliseconds(begin) < 8 * CLoopThreads::kShortestPauseMs) {
+    Step([&] {
+      const CLoopThreads::CLoan loan(threads_);
+      EXPECT_FALSE(CLoopThreads::IsThreadLent());
+    });
+  }
   released.count_down();
   for (std::thread& caller : callers) {
     caller.join();
   }
   EXPECT_EQ(entered_, static_cast<int>(CLoopThreads::kThreads));
 }
+
+TEST_F(LoopThreads, ThePauseGrowsWhileSlowLoansComeOneAfterAnother) {
+  threads_.Start();
+  EXPECT_GE(PauseAfterASlowLoan(), 2 * CLoopThreads::kShortestPauseMs);
+  EXPECT_GE(PauseAfterASlowLoan(), 4 * CLoopThreads::kShortestPauseMs);
+  EXPECT_GE(PauseAfterASlowLoan(), 8 * CLoopThreads::kShortestPauseMs);
+}
+
+#ifdef __linux__
+// Counts how often the threads of the loop were switched so far. Threads that sleep are not.
+class LoopThreadsAtRest : public LoopThreads {
+ protected:
+  std::uint64_t Switches() {
+    std::uint64_t all = 0;
+    const std::lock_guard lock(mutex_);
+    for (const pid_t id : ids_) {
+      std::ifstream in("/proc/self/task/" + std::to_string(id) + "/status");
+      for (std::string name; in >> name;) {
+        std::uint64_t count = 0;
+        if (name == "voluntary_ctxt_switches:" && in >> count) {
+          all += count;
+        }
+      }
+    }
+    return all;
+  }
+
+  // Waits until no thread looks any more. A follower looks every 5 ms, but on a busy machine it may get no processor
+  // for much longer.
+  bool ComeToRest() {
+    int quiet = 0;
+    for (std::uint64_t before = 0; quiet < 4 && std::chrono::steady_clock::now() < limit_;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      const std::uint64_t now = Switches();
+      quiet = now == before ? quiet + 1 : 0;
+      before = now;
+    }
+    return quiet == 4;
+  }
+};
+
+TEST_F(LoopThreadsAtRest, ASlowLoanWakesTheThreadThatTakesTheLead) {
+  threads_.Start();
+  ASSERT_TRUE(OnLoan([] {}));  // there is a follower now
+  ASSERT_TRUE(ComeToRest()) << "it looks for ever, though nothing is lent";
+  std::latch released(1);
+  std::latch began(1);
+  std::thread caller([&] {
+    EXPECT_TRUE(OnLoan([&] {
+      began.count_down();
+      released.wait();
+    }));
+  });
+  began.wait();
+  std::atomic<bool> has_leader{false};
+  Post([&] { has_leader = true; });
+  while (!has_leader && std::chrono::steady_clock::now() < limit_) {
+    std::this_thread::yield();
+  }
+  EXPECT_TRUE(has_leader) << "the loop stands still as long as the loan lasts";
+  released.count_down();
+  caller.join();
+}
+#endif
 
 TEST_F(LoopThreads, TheEndWaitsForALoanThatLostTheLead) {
   threads_.Start();
