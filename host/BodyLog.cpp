@@ -23,6 +23,10 @@ bool IsMostlyGaps(const CBodySegment::Facts& facts) {
   return facts.live_bytes < facts.file_bytes / 2;
 }
 
+bool HasGaps(const CBodySegment::Facts& facts) {
+  return facts.live_bytes + kLeastGapBytes <= facts.file_bytes;
+}
+
 }  // namespace
 }  // namespace details
 
@@ -325,7 +329,9 @@ void CBodyLog::Tidy(const std::function<bool()>& is_stopping) {
   if (mode_ == EMode::kFull && appended_ != flushed_) {
     Flush(ignored);
   }
-  RetireActive();
+  Round round;
+  round.is_short = room_ != nullptr && room_->IsShort();
+  RetireActive(round);
   // A segment that is begun between these two looks is either not in the list, or it is the active one.
   std::vector<SegmentPointer> closed = Segments();
   SegmentPointer active;
@@ -337,7 +343,6 @@ void CBodyLog::Tidy(const std::function<bool()>& is_stopping) {
   if (active != nullptr) {
     active->NoteSettled();
   }
-  Round round;
   round.unsealed = static_cast<std::size_t>(std::count_if(
       closed.begin(), closed.end(), [](const SegmentPointer& segment) { return !segment->GetFacts().is_sealed; }));
   for (auto segment = closed.begin(); segment != closed.end() && !(is_stopping && is_stopping()); ++segment) {
@@ -366,8 +371,10 @@ void CBodyLog::TidyClosed(CBodySegment& segment, Round& round) {
     error = segment.Seal();
     round.unsealed -= error == 0 ? 1 : 0;
   } else if (facts.is_sealed && details::IsMostlyGaps(facts) && round.rewrites < details::kMostRewrites) {
-    error = segment.Rewrite();
+    error = WriteAnew(segment, facts);
     ++round.rewrites;
+  } else if (round.is_short && details::HasGaps(facts)) {
+    segment.FreeGaps();
   }
   if (error != 0) {
     Report("tidying", SegmentFileName(segment.GetNumber()), error);
@@ -377,14 +384,23 @@ void CBodyLog::TidyClosed(CBodySegment& segment, Round& round) {
   }
 }
 
+int CBodyLog::WriteAnew(CBodySegment& segment, const CBodySegment::Facts& facts) {
+  if (room_ == nullptr) {
+    return segment.Rewrite();
+  }
+  const CStoreRoom::CClaim room(*room_, facts.live_bytes);
+  return room ? segment.Rewrite() : ENOSPC;
+}
+
 // Closes the segment that is being filled when there is much to free in it, and lets go of those that were closed: who
 // holds a segment that is removed holds its room.
-void CBodyLog::RetireActive() {
+void CBodyLog::RetireActive(const Round& round) {
   const std::lock_guard lock(append_mutex_);
   if (active_ != nullptr) {
     const CBodySegment::Facts facts = active_->GetFacts();
     const bool is_empty = facts.live == 0 && facts.file_bytes > BodyFormat::kSegmentHeadBytes;
-    if (is_empty || (details::IsMostlyGaps(facts) && facts.file_bytes >= details::kLeastGapBytes)) {
+    const bool is_mostly_gaps = details::IsMostlyGaps(facts) && facts.file_bytes >= details::kLeastGapBytes;
+    if (is_empty || is_mostly_gaps || (round.is_short && details::HasGaps(facts))) {
       active_ = nullptr;
     }
   }

@@ -17,6 +17,7 @@
 #include "BodySegment.h"
 #include "HostSystem/Files.h"
 #include "ObjectStore.h"
+#include "StoreRoom.h"
 #include "StoredName.h"
 
 namespace Tansy::Host {
@@ -41,8 +42,8 @@ class CBodyLog {
     kLook,  // nothing is changed; another process may be using the log
   };
 
-  // `root` is the store's folder.
-  CBodyLog(HostSystem::IFolder& root, EMode mode) : root_(root), mode_(mode) {}
+  // `root` is the store's folder. `room` says what its disk can take; null: that does not matter.
+  CBodyLog(HostSystem::IFolder& root, EMode mode, CStoreRoom* room = nullptr) : root_(root), mode_(mode), room_(room) {}
 
   // Reads what is there; must be called once before everything else. A log that is looked at can be read again, to see
   // what another process has done meanwhile. Returns 0 or errno.
@@ -87,9 +88,11 @@ class CBodyLog {
   struct Round {
     std::size_t unsealed = 0;  // closed segments without an index
     int rewrites = 0;
+    bool is_short = false;  // of room
     bool has_dropped = false;
   };
-  void RetireActive();
+  void RetireActive(const Round& round);
+  int WriteAnew(CBodySegment& segment, const CBodySegment::Facts& facts);
   void TidyClosed(CBodySegment& segment, Round& round);
   void Drop(const CBodySegment& segment);
   static void Report(const char* what, const std::string& file, int error);
@@ -99,6 +102,7 @@ class CBodyLog {
 
   HostSystem::IFolder& root_;
   const EMode mode_;
+  CStoreRoom* const room_;
   std::unique_ptr<HostSystem::IFolder> folder_;  // null until there is one, as the next
   std::unique_ptr<SegmentFolder> segment_folder_;
   mutable std::atomic<std::size_t> close_above_{kMostOpenFiles};  // open files

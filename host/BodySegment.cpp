@@ -578,9 +578,13 @@ int CBodySegment::Rewrite() {
 
 void CBodySegment::FreeGaps() {
   const std::lock_guard lock(mutex_);
+  if (live_bytes_ == gaps_freed_at_) {
+    return;  // there are no new ones
+  }
   if (NeedFile() != 0 || file_.use_count() > 1) {
     return;  // somebody may be reading a body that was removed meanwhile
   }
+  gaps_freed_at_ = live_bytes_;
   std::uint64_t begin = BodyFormat::kSegmentHeadBytes;
   const auto free_until = [this, &begin](std::uint64_t end) {
     if (end >= begin + details::kLeastGapBytes) {

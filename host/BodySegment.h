@@ -161,6 +161,7 @@ class CBodySegment {
   std::uint32_t index_at_ = 0;          // 0: it has none
   std::size_t live_ = 0;
   std::uint64_t live_bytes_ = 0;
+  std::uint64_t gaps_freed_at_ = UINT64_MAX;  // value of live_bytes_ when the room of gaps was given back last
 };
 
 }  // namespace Tansy::Host

@@ -93,7 +93,8 @@ CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_dura
       objects_(*root_, details::kObjectVolume),
       pictures_(*root_, details::kPictureVolume),
       new_(*root_),
-      bodies_(*root_, details::ModeOf(full_durability, use)) {}
+      room_(*root_),
+      bodies_(*root_, details::ModeOf(full_durability, use), &room_) {}
 
 int CFileStore::Load() {
   const int error = bodies_.Load();
@@ -108,7 +109,8 @@ EStoreResult CFileStore::SaveWhole(EContent content, const char* data, std::uint
 }
 
 EStoreResult CFileStore::SaveSmall(std::string_view body, StoredName& name) {
-  const int error = bodies_.Append(body, name);
+  const CStoreRoom::CClaim room(room_, body.size());
+  const int error = room ? bodies_.Append(body, name) : ENOSPC;
   return error == 0 ? EStoreResult::kDone : details::Failed("writing to", kBodyLogVolume, error);
 }
 
@@ -125,8 +127,9 @@ EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const ch
   }
   new_.BeginWrite(name);
   CNewBytesLog::CWrite write(new_, name);
+  const CStoreRoom::CClaim room(room_, size);
   std::unique_ptr<HostSystem::IFile> file;
-  int error = root_->OpenForWriting(FilePath(name), file);
+  int error = room ? root_->OpenForWriting(FilePath(name), file) : ENOSPC;
   if (error == 0) {
     error = WriteDurably(*file, offset, data, size);
   }
@@ -141,6 +144,10 @@ EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const ch
 EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const char* data, std::uint32_t size,
                                  StoredName& name) {
   const bool is_picture = content == EContent::kPicture;
+  const CStoreRoom::CClaim room(room_, size);
+  if (!room) {
+    return details::Failed("writing to", VolumeOf(content).GetKey(), ENOSPC);
+  }
   CFileVolume::Place place;
   int error = VolumeOf(content).NewPlace(place);
   if (error == 0) {

@@ -14,6 +14,7 @@
 #include "ObjectStore.h"
 #include "ReadCache.h"
 #include "Schema.h"
+#include "StoreRoom.h"
 
 namespace Tansy::Host {
 
@@ -71,6 +72,7 @@ class CFileStore final : public IObjectStore {
   CFileVolume objects_;
   CFileVolume pictures_;
   CNewBytesLog new_;
+  CStoreRoom room_;
   CBodyLog bodies_;
   CHeldFiles held_;
   CReadCache cache_;

@@ -59,6 +59,8 @@ class IFolder {
   virtual int RemoveFolder(const std::string& name) = 0;  // the folder must be empty
   // Gives the entries without "." and "..", in no order.
   virtual int List(std::vector<FolderEntry>& entries) = 0;
+  // Tells how many bytes the file system of this folder has, and how many of them this process may still fill.
+  virtual int GetRoom(std::uint64_t& total, std::uint64_t& available) = 0;
   // Returns when the names made, renamed and removed in this folder are on stable storage.
   virtual int Sync() = 0;
 };

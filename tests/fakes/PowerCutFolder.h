@@ -22,6 +22,7 @@ struct PowerCutPlan {
   int fail_at = -1;  // counted from 0; -1: never
   int error = EIO;
   bool throws = false;                // the failing operation finds no memory
+  std::uint64_t room = 0;             // bytes that may still be written; 0: that is not known
   std::function<void()> during_sync;  // what others do while a file is being synced; may be empty
 
   int Step() {
@@ -164,6 +165,11 @@ class CPowerCutFolder final : public HostSystem::IFolder {
       entries.push_back({name, node->is_folder, !node->is_folder, node->bytes.size(), 0});
     }
     return 0;
+  }
+  int GetRoom(std::uint64_t& total, std::uint64_t& available) override {
+    total = std::uint64_t{1} << 40;
+    available = plan_->room;
+    return plan_->room == 0 ? ENOSYS : 0;
   }
   int Sync() override {
     const int error = plan_->Step();

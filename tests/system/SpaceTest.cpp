@@ -163,6 +163,40 @@ TEST_F(SpaceTest, ADiskFullOfSmallObjectsGetsRoomByRemovals) {
   }
 }
 
+// Removals have to be written down too, and the catalogue has no other disk to do so.
+TEST_F(SpaceTest, AFullDiskThatHoldsTheCatalogueTooGetsRoomByRemovals) {
+  Launch launch = Quick({"--storage", "file:small/objects", "--database", "sqlite:small/catalogue.db"});
+  launch.small_disk = "small";
+  launch.small_disk_bytes = 64 * 1024 * 1024;
+  if (!server_.Start(launch)) {
+    ASSERT_TRUE(server_.IsSmallDiskMissing());
+    GTEST_SKIP() << "no file system of its own can be mounted here";
+  }
+  MakeBucket("b");
+  std::vector<std::string> stored;
+  const auto fill = [&](std::size_t size) {
+    const std::string body(size, 'x');
+    for (std::string outcome = "200"; outcome == "200" && stored.size() < 2000;) {
+      const std::string target = "/b/" + std::to_string(stored.size());
+      outcome = Outcome(Send("PUT", target, body));
+      if (outcome == "200") {
+        stored.push_back(target);
+      } else {
+        EXPECT_EQ(outcome, "500 NotEnoughSpace") << size << " bytes, " << target;
+      }
+    }
+  };
+  for (const std::size_t size : {9000000, 60000, 3000}) {
+    fill(size);
+  }
+  ASSERT_GT(stored.size(), 10U);
+  ASSERT_LT(stored.size(), 2000U);
+  for (const std::string& target : stored) {
+    EXPECT_EQ(Outcome(Send("DELETE", target + "?deletefile")), "200") << target;
+  }
+  EXPECT_TRUE(WaitUntil([&] { return Outcome(Send("PUT", "/b/large", std::string(40000000, 'x'))) == "200"; }));
+}
+
 TEST_F(SpaceTest, ACatalogueThatCannotBeWrittenLeavesNoCopies) {
   ASSERT_TRUE(server_.Start(Quick()));
   MakeBucket("b");

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -192,6 +193,16 @@ class CFolder final : public IFolder {
       errno = 0;
     }
     return errno;
+  }
+
+  int GetRoom(std::uint64_t& total, std::uint64_t& available) override {
+    struct statvfs info = {};
+    if (::fstatvfs(descriptor_, &info) != 0) {
+      return errno;
+    }
+    total = std::uint64_t{info.f_blocks} * info.f_frsize;
+    available = std::uint64_t{info.f_bavail} * info.f_frsize;
+    return 0;
   }
 
   int Sync() override { return ::fsync(descriptor_) == 0 ? 0 : errno; }

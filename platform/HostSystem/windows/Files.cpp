@@ -180,6 +180,17 @@ class CFolder final : public IFolder {
     return error == ERROR_NO_MORE_FILES ? 0 : ToErrno(error);
   }
 
+  int GetRoom(std::uint64_t& total, std::uint64_t& available) override {
+    ULARGE_INTEGER all = {};
+    ULARGE_INTEGER mine = {};
+    if (!::GetDiskFreeSpaceExW(path_.c_str(), &mine, &all, nullptr)) {
+      return LastErrno();
+    }
+    total = all.QuadPart;
+    available = mine.QuadPart;
+    return 0;
+  }
+
   // Nothing is to be done, because the file system's journal keeps names in order with the flushes of their files.
   int Sync() override { return 0; }
 

@@ -732,6 +732,49 @@ TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
   EXPECT_EQ(Read(again, names[1]), "<missing>");
 }
 
+TEST(BodyLogRoomTest, WhenRoomIsShortSmallGapsAreGivenBackToo) {
+  Tests::CTempFolder temp;
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> root = HostSystem::OpenFolder(temp.GetPath(), error);
+  ASSERT_NE(root, nullptr);
+  const auto used = [&temp] {
+    struct stat info = {};
+    EXPECT_EQ(::stat(temp.Path("lg01/00000001.log").c_str(), &info), 0);
+    return info.st_blocks * 512;
+  };
+  const auto plan = std::make_shared<Tests::PowerCutPlan>();
+  Tests::CPowerCutFolder disk(std::make_shared<Tests::PowerCutNode>(), plan);
+  CStoreRoom room(disk);
+  CBodyLog log(*root, CBodyLog::EMode::kFull, &room);
+  ASSERT_EQ(log.Load(), 0);
+  std::vector<StoredName> names(60);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    ASSERT_EQ(log.Append(std::string(60000, static_cast<char>(i)), names[i]), 0);
+    log.Settle(names[i]);
+  }
+  std::string reason;
+  ASSERT_TRUE(log.MakeDurable({}, reason));
+  for (std::size_t i = 0; i < names.size(); i += 3) {
+    log.Remove(names[i]);
+  }
+  plan->room = std::uint64_t{1} << 39;
+  log.Tidy();
+  EXPECT_GT(used(), 3600000) << "as long as there is room, a few gaps are not worth the work";
+  plan->room = std::uint64_t{1} << 20;
+  log.Tidy();  // closes the segment
+  log.Tidy();
+  EXPECT_LT(used(), 2600000);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const std::string bytes = Read(log, names[i]);
+    EXPECT_EQ(bytes == (i % 3 == 0 ? "<missing>" : std::string(60000, static_cast<char>(i))), true) << i;
+  }
+  BodyId id;
+  StoredName next;
+  ASSERT_EQ(log.Append("next", next), 0);
+  ASSERT_TRUE(ParseBodyId(next, id));
+  EXPECT_EQ(id.segment, 2U);
+}
+
 // The end of the process between two steps of writing a segment anew, as the next start finds it.
 TEST_F(BodyLogTest, AHalfWrittenCopyIsRemovedAtTheNextStart) {
   const StoredName name = MakeSealed({"body"})[0];

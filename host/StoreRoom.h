@@ -1,0 +1,54 @@
+#ifndef TANSY_HOST_STORE_ROOM_H
+#define TANSY_HOST_STORE_ROOM_H
+
+#include <cstdint>
+#include <mutex>
+#include <utility>
+
+#include "HostSystem/Files.h"
+
+namespace Tansy::Host {
+
+// Keeps the last room of a file system free of stored bytes: an eighth of it, but no more than 96 MiB. The catalogue,
+// which usually lies on the same one, needs room to write down removals: on a disk that is full to the last byte,
+// nobody could remove anything to get room again. Its write-ahead log takes up to 64 MiB.
+//
+// Where the system does not tell how much room there is, everything fits. Threads: any.
+class CStoreRoom {
+ public:
+  explicit CStoreRoom(HostSystem::IFolder& folder) : folder_(folder) {}
+
+  // Room for bytes that are being written, for as long as this object lives. It is false when they do not fit.
+  class CClaim {
+   public:
+    CClaim(CStoreRoom& room, std::uint64_t bytes) : room_(room), bytes_(bytes), fits_(room.Take(bytes)) {}
+    ~CClaim() { room_.End(fits_ ? bytes_ : 0); }
+    CClaim(const CClaim&) = delete;
+    CClaim& operator=(const CClaim&) = delete;
+    explicit operator bool() const { return fits_; }
+
+   private:
+    CStoreRoom& room_;
+    const std::uint64_t bytes_;
+    const bool fits_;
+  };
+
+  // Says whether there is little room left, so that every gap counts.
+  bool IsShort();
+
+ private:
+  bool Take(std::uint64_t bytes);
+  void End(std::uint64_t bytes);
+  void Look();
+
+  HostSystem::IFolder& folder_;
+  std::mutex mutex_;             // guards what follows
+  std::int64_t looked_at_ = -1;  // uptime
+  std::uint64_t reserve_ = 0;    // bytes that stay free
+  std::uint64_t spare_ = 0;      // bytes that may be taken, as of the last look
+  std::uint64_t under_way_ = 0;  // bytes that are claimed
+};
+
+}  // namespace Tansy::Host
+
+#endif  // TANSY_HOST_STORE_ROOM_H
