@@ -160,9 +160,9 @@ class Faults : public testing::Test {
     Expect(number < kNeverSoManyCalls, "there is no end");
   }
 
-  // Lets one call after another go wrong.
-  void Disturb(const std::atomic<bool>& is_over) {
-    std::mt19937_64 random(random_());
+  // Lets one call after another go wrong, on a thread of its own.
+  void Disturb(const std::atomic<bool>& is_over, std::uint64_t seed) {
+    std::mt19937_64 random(seed);
     while (!is_over) {
       Fault fault = kFaults[random() % kFaults.size()];
       constexpr std::uint32_t kWhich[] = {kEveryCall, kCallSync, kCallWrite};
@@ -395,7 +395,7 @@ TEST_F(Faults, ManyRequestsAtOnce) {
   const int rounds = Settings::Get().IsLong() ? 10 : 1;
   for (int round = 0; round < rounds && broken_.empty(); ++round) {
     std::atomic<bool> is_over{false};
-    std::thread disturber([this, &is_over] { Disturb(is_over); });
+    std::thread disturber([this, &is_over, seed = random_()] { Disturb(is_over, seed); });
     WorkloadOptions workload = {.seed = random_(), .run = round + 1};
     workload.has_faults = true;
     workload.requests = 60;
