@@ -127,6 +127,15 @@ TEST_F(BlockingScope, AtMostSixtyFourThreadsAreReplaced) {
   EXPECT_TRUE(gate_.Await(kReplaced + 2));
 }
 
+TEST_F(BlockingScope, WhoCameBackMayBeReplacedAgain) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  for (std::size_t i = 0; i < 2 * CMessageLoopDyThreadPool::kMaxBlocked; ++i) {
+    Post(loop_, [] { const CBlockingScope blocking; });
+  }
+  PostBlocked(2);
+  EXPECT_TRUE(gate_.Await(2)) << "the second one waits for the first one's place";
+}
+
 // While one task is held, no other one runs.
 void ExpectOneTaskAtATime(CMessageLoopDyThreadPool& loop) {
   CHeldLoop held(loop, 1);

@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <latch>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -133,20 +134,26 @@ TEST_F(MessageLoop, RunsNothingHereWhileAllPlacesAreTaken) {
   EXPECT_EQ(runs_, 1);
 }
 
-// The task that runs here takes the place of one of the loop's own.
+// The task that runs here takes the place of one of the loop's own. Mostly the loop's thread sleeps when the posted
+// task finds no place, and only the end of the task here wakes it.
 TEST_F(MessageLoop, ATaskThatFindsNoPlaceRunsAfterTheOneHere) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
-  std::atomic<bool> is_here{false};
-  std::promise<bool> overlapped;
-  EXPECT_TRUE(RunHere(loop_, [&] {
-    is_here = true;
-    EXPECT_TRUE(Post(loop_, [&] { overlapped.set_value(is_here); }));
-    EXPECT_FALSE(RunHere(loop_, [] {}));
-    is_here = false;
-  }));
-  auto result = overlapped.get_future();
-  ASSERT_EQ(result.wait_for(60s), std::future_status::ready);
-  EXPECT_FALSE(result.get());
+  for (int i = 0; i < 200; ++i) {
+    std::atomic<bool> is_here{false};
+    const auto overlapped = std::make_shared<std::promise<bool>>();
+    const auto here = [&, overlapped] {
+      is_here = true;
+      EXPECT_TRUE(Post(loop_, [&is_here, overlapped] { overlapped->set_value(is_here); }));
+      EXPECT_FALSE(RunHere(loop_, [] {}));
+      is_here = false;
+    };
+    while (!RunHere(loop_, here)) {
+      std::this_thread::yield();  // the task before is still on its last lines
+    }
+    auto result = overlapped->get_future();
+    ASSERT_EQ(result.wait_for(60s), std::future_status::ready);
+    EXPECT_FALSE(result.get());
+  }
 }
 
 TEST_F(MessageLoop, ATaskHereThatWaitsGivesItsPlaceUp) {
@@ -175,6 +182,29 @@ TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAndRunsWhatWaitsBehindIt) {
   std::thread releaser([&] { released.count_down(); });
   loop_.Stop(true);
   EXPECT_EQ(runs_, 2);
+  visitor.join();
+  releaser.join();
+}
+
+TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAlsoWhenNothingElseWaits) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  std::latch began(1);
+  std::latch released(1);
+  std::thread visitor([&] {
+    EXPECT_TRUE(RunHere(loop_, [&] {
+      began.count_down();
+      released.wait();
+      ++runs_;
+    }));
+  });
+  began.wait();
+  // The task is released when the stop has begun.
+  std::thread releaser([&] {
+    EXPECT_TRUE(Eventually([this] { return !Post(loop_, [] {}); }));
+    released.count_down();
+  });
+  loop_.Stop(false);
+  EXPECT_EQ(runs_, 1);
   visitor.join();
   releaser.join();
 }
