@@ -389,7 +389,11 @@ int CBodyLog::WriteAnew(CBodySegment& segment, const CBodySegment::Facts& facts)
     return segment.Rewrite();
   }
   const CStoreRoom::CClaim room(*room_, facts.live_bytes);
-  return room ? segment.Rewrite() : ENOSPC;
+  if (room) {
+    return segment.Rewrite();
+  }
+  segment.FreeGaps();  // there may be room for a copy the next time
+  return 0;
 }
 
 // Closes the segment that is being filled when there is much to free in it, and lets go of those that were closed: who

@@ -686,7 +686,7 @@ TEST_F(BodyLogTest, TidyingThatIsInterruptedAnywhereLosesNothing) {
   }
 }
 
-TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
+TEST(BodyLogRoomTest, TheRoomOfGapsIsGivenBackOnceNobodyReadsThere) {
   Tests::CTempFolder temp;
   int error = 0;
   const std::unique_ptr<HostSystem::IFolder> root = HostSystem::OpenFolder(temp.GetPath(), error);
@@ -730,6 +730,45 @@ TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
   ASSERT_EQ(again.Load(), 0);
   EXPECT_EQ(Read(again, names[0]) == body, true);
   EXPECT_EQ(Read(again, names[1]), "<missing>");
+}
+
+TEST(BodyLogRoomTest, ADiskWithoutRoomForACopyStillGetsTheRoomOfGaps) {
+  Tests::CTempFolder temp;
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> root = HostSystem::OpenFolder(temp.GetPath(), error);
+  ASSERT_NE(root, nullptr);
+  const auto look = [&temp] {
+    struct stat info = {};
+    EXPECT_EQ(::stat(temp.Path("lg01/00000001.log").c_str(), &info), 0);
+    return info;
+  };
+  const auto plan = std::make_shared<Tests::PowerCutPlan>();
+  Tests::CPowerCutFolder disk(std::make_shared<Tests::PowerCutNode>(), plan);
+  CStoreRoom room(disk);
+  CBodyLog log(*root, CBodyLog::EMode::kFull, &room);
+  ASSERT_EQ(log.Load(), 0);
+  const std::string body(60000, 'x');
+  std::vector<StoredName> names(30);
+  for (StoredName& name : names) {
+    ASSERT_EQ(log.Append(body, name), 0);
+    log.Settle(name);
+  }
+  std::string reason;
+  ASSERT_TRUE(log.MakeDurable({}, reason));
+  const auto file = look().st_ino;
+  for (std::size_t i = 1; i < names.size(); ++i) {
+    log.Remove(names[i]);
+  }
+  plan->room = 1;
+  log.Tidy();  // closes the segment
+  log.Tidy();
+  EXPECT_EQ(look().st_ino, file) << "a copy would take the last room";
+  EXPECT_LT(look().st_blocks * 512, 100000);
+  EXPECT_EQ(Read(log, names[0]) == body, true);
+  plan->room = std::uint64_t{1} << 39;
+  log.Tidy();
+  EXPECT_NE(look().st_ino, file) << "with room again, it is written anew";
+  EXPECT_EQ(Read(log, names[0]) == body, true);
 }
 
 TEST(BodyLogRoomTest, WhenRoomIsShortSmallGapsAreGivenBackToo) {
