@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "DatabaseUrl.h"
 #include "Factory.h"
 #include "Schema.h"
 #include "TansyCloudStorage/CloudStorage.h"
@@ -69,7 +70,7 @@ StorageServerConfig MakeConfig(std::uint32_t port) {
 
 int Serve(const std::string& database, std::uint32_t port) {
   Tansy::Host::PrepareSqliteSchema(database, Tansy::Host::SqliteSchemaScripts(), {});
-  if (Tansy::CloudStorage::InitObjectServer(MakeConfig(port), Tansy::Host::MakeFactory(database)) != 0) {
+  if (Tansy::CloudStorage::InitObjectServer(MakeConfig(port), Tansy::Host::MakeFactory(Tansy::Host::SqliteParam(database))) != 0) {
     std::cerr << "slow_storage_host: port " << port << " cannot be opened\n";
     return 1;
   }

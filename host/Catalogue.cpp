@@ -32,14 +32,12 @@ bool Refused(db_layer::CConnect& connection, const std::string& sql) {
   return false;
 }
 
-// Whether the statement failed because another program has the database locked.
+// Whether the statement failed because another program has the database locked, or because its server is away.
 bool IsLocked(db_layer::CConnect& connection) {
-  constexpr int kPrimaryCode = 0xff;
-  constexpr int kSqliteBusy = 5;
   constexpr int kSqliteLocked = 6;
   std::string text;
-  const int code = connection.GetLastError(text) & kPrimaryCode;
-  return code == kSqliteBusy || code == kSqliteLocked;
+  const int code = connection.GetLastError(text) & db_layer::kErrorBits;
+  return code == db_layer::kErrorBusy || code == kSqliteLocked;
 }
 
 bool Query(const std::string& sql, const std::function<void(db_layer::CConnect&)>& visitor) {
@@ -170,7 +168,7 @@ EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, st
   // A single statement looks and writes, so that no row can come in between.
   const std::string sql = "INSERT INTO platform.freed_bytes (url, freed_at) SELECT column1, " + std::to_string(now) +
                           " FROM (VALUES " + rows +
-                          ") WHERE column1 NOT IN (SELECT url FROM platform.freed_bytes)"
+                          ") AS given WHERE column1 NOT IN (SELECT url FROM platform.freed_bytes)"
                           " AND NOT EXISTS (SELECT 1 FROM platform.local_object WHERE url = column1)"
                           " AND NOT EXISTS (SELECT 1 FROM platform.local_object_task WHERE url = column1)";
   const std::shared_ptr<db_layer::CConnect> connection = details::ApplyConnection();
@@ -195,9 +193,9 @@ bool GetRunningSeconds(std::int64_t& seconds) {
   // The value is written from time to time only. After a crash the newest entry tells better: time that went back would
   // make the entries wait once more.
   return details::Query(
-      "SELECT MAX(CAST(value AS INTEGER), (SELECT COALESCE(MAX(released_at), 0) FROM platform.released_bytes), "
-      "(SELECT COALESCE(MAX(freed_at), 0) FROM platform.freed_bytes)) AS value FROM platform.host_values "
-      "WHERE name = 'running_seconds'",
+      "SELECT MAX(seconds) AS value FROM (SELECT CAST(value AS BIGINT) AS seconds FROM platform.host_values "
+      "WHERE name = 'running_seconds' UNION ALL SELECT MAX(released_at) FROM platform.released_bytes "
+      "UNION ALL SELECT MAX(freed_at) FROM platform.freed_bytes) AS times",
       [&seconds](db_layer::CConnect& row) { seconds = std::strtoll(row.GetString("value").c_str(), nullptr, 10); });
 }
 

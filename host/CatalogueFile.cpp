@@ -1,34 +1,43 @@
 #include "CatalogueFile.h"
 
-#include "Schema.h"
+#include <vector>
 
 namespace Tansy::Host {
+namespace details {
+namespace {
 
-CCatalogueFile::CCatalogueFile(const std::string& file) : database_(file, CSqliteFile::EAccess::kLook) {
-  database_.Run("BEGIN");  // the first look fixes the instant
-  ExpectSqliteSchema(database_, SqliteSchemaScripts());
+const std::vector<std::string>& RowColumns() {
+  static const auto& columns = *new std::vector<std::string>{"is_task", "bucket", "object", "url", "size"};
+  return columns;
 }
 
+}  // namespace
+}  // namespace details
+
+CCatalogueFile::CCatalogueFile(const db_layer::DBParam& database)
+    : database_(OpenHostDatabase(database, EDatabaseUse::kLook)) {}
+
+// One query shows both tables, because a task's rows go when its object's row comes.
 void CCatalogueFile::VisitRows(const std::function<void(const CatalogueRow&)>& visitor) {
-  const auto visit = [&visitor](bool is_task) {
-    return [&visitor, is_task](const CSqliteFile::CRow& row) {
-      visitor({is_task, row.Text(0), row.Text(1), row.Text(2), static_cast<std::uint32_t>(row.Number(3))});
-    };
-  };
-  database_.Query("SELECT bucket_name, name, url, size FROM platform.local_object", visit(false));
-  database_.Query("SELECT bucket_name, object_name, url, size FROM platform.local_object_task", visit(true));
+  database_->Query(
+      "SELECT 0 AS is_task, bucket_name AS bucket, name AS object, url, size FROM platform.local_object UNION ALL "
+      "SELECT 1, bucket_name, object_name, url, size FROM platform.local_object_task",
+      details::RowColumns(), [&visitor](const db_layer::IRow& row) {
+        visitor({row.GetInt(0) != 0, std::string(row.GetText(1)), std::string(row.GetText(2)),
+                 std::string(row.GetText(3)), static_cast<std::uint32_t>(row.GetInt(4))});
+      });
 }
 
 std::set<std::string> CCatalogueFile::TaskIds() {
   std::set<std::string> ids;
-  database_.Query("SELECT DISTINCT task_id FROM platform.local_object_task",
-                  [&ids](const CSqliteFile::CRow& row) { ids.insert(row.Text(0)); });
+  database_->Query("SELECT DISTINCT task_id FROM platform.local_object_task", {"task_id"},
+                   [&ids](const db_layer::IRow& row) { ids.emplace(row.GetText(0)); });
   return ids;
 }
 
 void CCatalogueFile::VisitReleased(const std::function<void(const std::string& url)>& visitor) {
-  database_.Query("SELECT url FROM platform.released_bytes",
-                  [&visitor](const CSqliteFile::CRow& row) { visitor(row.Text(0)); });
+  database_->Query("SELECT url FROM platform.released_bytes", {"url"},
+                   [&visitor](const db_layer::IRow& row) { visitor(std::string(row.GetText(0))); });
 }
 
 }  // namespace Tansy::Host

@@ -1,14 +1,15 @@
-// What the catalogue's file says at one instant. The check uses it, because it only looks, also beside a running
+// What the catalogue's database says at one instant. The check uses it, because it only looks, also beside a running
 // server.
 #ifndef TANSY_HOST_CATALOGUE_FILE_H
 #define TANSY_HOST_CATALOGUE_FILE_H
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 
-#include "SqliteFile.h"
+#include "HostDatabase.h"
 
 namespace Tansy::Host {
 
@@ -21,11 +22,12 @@ struct CatalogueRow {
   std::uint32_t size = 0;  // low 32 bits of the size
 };
 
-// One thread uses it. Every member throws CStartFailure with kExitFailed when the file cannot be read.
+// One thread uses it. Every member throws CStartFailure with kExitFailed when the database cannot be read.
 class CCatalogueFile {
  public:
-  // All answers are as of now, whatever a server writes meanwhile. The file must have the newest schema.
-  explicit CCatalogueFile(const std::string& file);
+  // The answers of a file are all as of now, whatever a server writes meanwhile; those of a database server are each as
+  // of when it is asked. The schema must be the newest.
+  explicit CCatalogueFile(const db_layer::DBParam& database);
 
   void VisitRows(const std::function<void(const CatalogueRow&)>& visitor);
   std::set<std::string> TaskIds();
@@ -33,7 +35,7 @@ class CCatalogueFile {
   void VisitReleased(const std::function<void(const std::string& url)>& visitor);
 
  private:
-  CSqliteFile database_;
+  const std::unique_ptr<IHostDatabase> database_;
 };
 
 }  // namespace Tansy::Host

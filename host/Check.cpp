@@ -41,7 +41,7 @@ struct Damage {
 
 class CCheck {
  public:
-  CCheck(IObjectStore& store, const std::string& database, const CheckOptions& options, std::ostream& out)
+  CCheck(IObjectStore& store, const db_layer::DBParam& database, const CheckOptions& options, std::ostream& out)
       : store_(store), database_(database), options_(options), out_(out) {}
 
   int Run() {
@@ -258,7 +258,7 @@ class CCheck {
   bool IsStopping() const { return options_.is_stopping && options_.is_stopping(); }
 
   IObjectStore& store_;
-  const std::string& database_;
+  const db_layer::DBParam& database_;
   const CheckOptions& options_;
   std::ostream& out_;
   PackedNames referred_;
@@ -281,7 +281,7 @@ class CCheck {
 }  // namespace
 }  // namespace details
 
-int RunCheck(IObjectStore& store, const std::string& database, const CheckOptions& options, std::ostream& out) {
+int RunCheck(IObjectStore& store, const db_layer::DBParam& database, const CheckOptions& options, std::ostream& out) {
   return details::CCheck(store, database, options, out).Run();
 }
 

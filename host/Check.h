@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ObjectStore.h"
+#include "db_layer/Connect.h"
 
 namespace Tansy::Host {
 
@@ -40,7 +41,7 @@ struct CheckOptions {
 //
 // Returns an exit code: kExitDone when all is well or has been mended, kExitFindings when something is left,
 // kExitFailed when it could not look everywhere. Throws CStartFailure when the catalogue cannot be read.
-int RunCheck(IObjectStore& store, const std::string& database, const CheckOptions& options, std::ostream& out);
+int RunCheck(IObjectStore& store, const db_layer::DBParam& database, const CheckOptions& options, std::ostream& out);
 
 }  // namespace Tansy::Host
 

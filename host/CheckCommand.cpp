@@ -15,7 +15,8 @@
 
 namespace Tansy::Host {
 int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFolder& folder, std::ostream& out) {
-  const std::string database = UrlPath(options.database);
+  const db_layer::DBParam& database = options.database;
+  const bool is_file = database.type == db_layer::kSqlite;
   CheckOptions check;
   check.repair = line.repair;
   check.force = line.force;
@@ -23,14 +24,16 @@ int RunCheckCommand(const CommandLine& line, const HostOptions& options, CDataFo
     return AskForCheck(
         check, [&folder] { return folder.IsInUse(); }, out);
   }
-  if (HostSystem::GetPathKind(database) == HostSystem::EPathKind::kMissing) {
-    throw CStartFailure(kExitFailed, "database " + database + " does not exist");
+  if (is_file && HostSystem::GetPathKind(database.database) == HostSystem::EPathKind::kMissing) {
+    throw CStartFailure(kExitFailed, "database " + database.database + " does not exist");
   }
   HostSystem::CLockFile database_lock;
   const std::unique_ptr<IStoragePlace> place = FindStoragePlace(options.storage);
   if (line.repair) {
     folder.Lock();
-    LockDatabase(database, database_lock);
+    if (is_file) {
+      LockDatabase(database.database, database_lock);
+    }
     place->ExpectFree();
   }
   CCatalogueFile(database).TaskIds();  // fails here when the file is no catalogue

@@ -88,7 +88,8 @@ int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_run
   return exit_code;
 }
 
-void AnswerCheckRequest(IObjectStore& store, const std::string& database, const std::function<bool()>& is_stopping) {
+void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
+                        const std::function<bool()>& is_stopping) {
   std::string request;
   if (HostSystem::GetPathKind(details::kRequestFile) == HostSystem::EPathKind::kMissing ||
       HostSystem::ReadWholeFile(details::kRequestFile, details::kMostRequest, request) != 0) {

@@ -18,7 +18,8 @@ namespace Tansy::Host {
 int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_running, std::ostream& out);
 
 // This is the server's side: it does what is asked for, if there is a request. Failures are answered as well.
-void AnswerCheckRequest(IObjectStore& store, const std::string& database, const std::function<bool()>& is_stopping);
+void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
+                        const std::function<bool()>& is_stopping);
 // Removes what an earlier run has left. It must be called as soon as the data folder is locked, and at the end. A
 // command that still waits then notices that the server is gone.
 void ForgetCheckRequests();

@@ -6,18 +6,21 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-class CSqliteConfig final : public KivPlatform::ILocalConfig {
+static_assert(KivPlatform::kDatabaseSqlite == db_layer::kSqlite);
+static_assert(KivPlatform::kDatabasePostgresql == db_layer::kPostgresql);
+
+class CDatabaseConfig final : public KivPlatform::ILocalConfig {
  public:
-  explicit CSqliteConfig(std::string file) : file_(std::move(file)) {}
-  int GetDatabaseType() override { return KivPlatform::kDatabaseSqlite; }
-  std::string GetDatabaseHost() override { return ""; }
-  int GetDatabasePort() override { return 0; }
-  std::string GetDatabaseUser() override { return ""; }
-  std::string GetDatabasePassword() override { return ""; }
-  std::string GetDatabaseName() override { return file_; }
+  explicit CDatabaseConfig(db_layer::DBParam database) : database_(std::move(database)) {}
+  int GetDatabaseType() override { return database_.type; }
+  std::string GetDatabaseHost() override { return database_.host; }
+  int GetDatabasePort() override { return database_.port; }
+  std::string GetDatabaseUser() override { return database_.user; }
+  std::string GetDatabasePassword() override { return database_.password; }
+  std::string GetDatabaseName() override { return database_.database; }
 
  private:
-  std::string file_;
+  const db_layer::DBParam database_;
 };
 
 class CDatabaseParam final : public KivPlatform::IDatabaseParam {
@@ -39,8 +42,8 @@ class CConfigManager final : public KivPlatform::IConfigManager {
 
 class CFactory final : public KivPlatform::IFactoryInterface {
  public:
-  explicit CFactory(const std::string& file)
-      : database_(std::make_shared<CDatabaseParam>(std::make_shared<CSqliteConfig>(file))),
+  explicit CFactory(const db_layer::DBParam& database)
+      : database_(std::make_shared<CDatabaseParam>(std::make_shared<CDatabaseConfig>(database))),
         config_(std::make_shared<CConfigManager>()) {}
   std::shared_ptr<KivPlatform::IDatabaseParam> GetDatabaseParam() override { return database_; }
   std::shared_ptr<KivPlatform::IConfigManager> GetConfigManager() override { return config_; }
@@ -53,8 +56,8 @@ class CFactory final : public KivPlatform::IFactoryInterface {
 }  // namespace
 }  // namespace details
 
-std::shared_ptr<KivPlatform::IFactoryInterface> MakeFactory(const std::string& file) {
-  return std::make_shared<details::CFactory>(file);
+std::shared_ptr<KivPlatform::IFactoryInterface> MakeFactory(const db_layer::DBParam& database) {
+  return std::make_shared<details::CFactory>(database);
 }
 
 }  // namespace Tansy::Host

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "DatabaseUrl.h"
 #include "HostLog.h"
 #include "HostSystem/Process.h"
 #include "ListeningFile.h"
@@ -108,10 +109,11 @@ int Serve(const CommandLine& command_line) {
 }  // namespace
 }  // namespace details
 
-int Run(int argc, const char* const* argv) {
+int Run(int argc, char** argv) {
   int exit_code = kExitFailed;
   try {
     const CommandLine command_line = ParseCommandLine(argc, argv);
+    HidePasswords(argc, argv);
     if (!command_line.print_only.empty()) {
       std::cout << command_line.print_only << std::flush;
       return kExitDone;

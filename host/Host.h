@@ -5,7 +5,7 @@ namespace Tansy::Host {
 
 // Runs tansyd from its arguments to its exit code: starts both servers, prints the ready line, serves until a stop
 // signal comes, and stops. A failure during the start becomes one line on standard error.
-int Run(int argc, const char* const* argv);
+int Run(int argc, char** argv);
 
 }  // namespace Tansy::Host
 

@@ -17,7 +17,7 @@ constexpr std::int64_t kLongestPeriodSeconds = 10;
 }  // namespace
 }  // namespace details
 
-CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, std::string database,
+CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, db_layer::DBParam database,
                                          const HousekeepingRules& rules)
     : CSingleBaseThread("tansyd-house"),
       store_(store),

@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 
 #include "Housekeeping.h"
 #include "TansyBase/SingleBaseThread.h"
+#include "db_layer/Connect.h"
 
 namespace Tansy::Host {
 
@@ -14,7 +14,7 @@ namespace Tansy::Host {
 // ends the thread within a batch, whatever it is doing.
 class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
  public:
-  CHousekeepingThread(std::shared_ptr<IObjectStore> store, std::string database, const HousekeepingRules& rules);
+  CHousekeepingThread(std::shared_ptr<IObjectStore> store, db_layer::DBParam database, const HousekeepingRules& rules);
   ~CHousekeepingThread() override;
 
   void Begin();
@@ -24,7 +24,7 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
 
  private:
   const std::shared_ptr<IObjectStore> store_;
-  const std::string database_;
+  const db_layer::DBParam database_;
   const std::int64_t period_seconds_;
   CHousekeeping housekeeping_;
   std::int64_t last_round_ = 0;  // uptime of the last round

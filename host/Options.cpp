@@ -84,19 +84,8 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// Failures of this kind end in kExitUsage whatever the source. Their value is not shown, because it may hold a
-// password.
-constexpr const char* kNotAvailable = "not available in this version yet; ";
-
 std::string ApplyDatabase(HostOptions& options, const std::string& text) {
-  if (StartsWith(text, "postgresql:") || StartsWith(text, "postgres:")) {
-    return std::string("PostgreSQL is ") + kNotAvailable + "give sqlite:FILE";
-  }
-  if (!StartsWith(text, "sqlite:") || UrlPath(text).empty()) {
-    return "give sqlite:FILE";
-  }
-  options.database = text;
-  return "";
+  return ParseDatabaseUrl(text, options.database);
 }
 
 std::string ApplyStorage(HostOptions& options, const std::string& text) {
@@ -199,7 +188,9 @@ const std::vector<OptionRow>& OptionTable() {
        ApplyPort<&HostOptions::wan_object_https_port, 0>},
       {"wan-picture-https-port", "N", "HTTPS port of the picture protocol at the WAN address [0]",
        ApplyPort<&HostOptions::wan_picture_https_port, 0>},
-      {"database", "URL", "catalogue: sqlite:FILE, in the data folder [sqlite:catalogue.db]", details::ApplyDatabase},
+      {"database", "URL",
+       "catalogue: sqlite:FILE, in the data folder, or postgresql://USER@HOST:PORT/NAME [sqlite:catalogue.db]",
+       details::ApplyDatabase},
       {"storage", "URL",
        "stored bytes: file:DIR, in the data folder, or rados://POOL?conf=FILE&id=NAME&namespace=NS, in a Ceph pool "
        "[file:objects]",
@@ -232,9 +223,6 @@ void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::str
     const std::string advice = row->apply(options, text);
     if (advice.empty()) {
       continue;
-    }
-    if (advice.find(details::kNotAvailable) != std::string::npos) {
-      throw CStartFailure(kExitUsage, source + prefix + name + ": " + advice);
     }
     // A URL may hold a password.
     const bool is_url = name == "database" || name == "storage";

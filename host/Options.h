@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "DatabaseUrl.h"
+
 namespace Tansy::Host {
 
 struct HostOptions {
@@ -23,7 +25,7 @@ struct HostOptions {
   std::uint16_t wan_picture_port = 0;
   std::uint16_t wan_object_https_port = 0;
   std::uint16_t wan_picture_https_port = 0;
-  std::string database = "sqlite:catalogue.db";
+  db_layer::DBParam database = SqliteParam("catalogue.db");
   std::string storage = "file:objects";
   bool full_durability = true;
   std::uint32_t memory_limit_mib = 1024;   // memory that requests and answers may take together
@@ -55,7 +57,7 @@ struct OptionRow {
 const std::vector<OptionRow>& OptionTable();
 
 // Applies each text. `source` names where they come from in the failure's line, and `prefix` stands before the name
-// ("--"). Throws CStartFailure with `exit_code`; with kExitUsage for what is not available whatever the source.
+// ("--"). Throws CStartFailure with `exit_code`.
 void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::string& source, const std::string& prefix,
                   int exit_code);
 
@@ -63,7 +65,7 @@ void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::str
 // server could be found. Throws CStartFailure.
 void CheckPorts(const HostOptions& options);
 
-// Gives the part of a URL after "sqlite:" or "file:".
+// Gives the part of a URL after its scheme.
 std::string UrlPath(const std::string& url);
 
 }  // namespace Tansy::Host

@@ -7,6 +7,7 @@
 
 namespace Tansy::Host {
 
+class CPostgresDatabase;
 class CSqliteFile;
 
 struct SchemaScript {
@@ -15,8 +16,10 @@ struct SchemaScript {
   const char* sql;
 };
 
-// Gives the scripts of host/schema/sqlite, in order. Their source file is made when the program is built.
+// These give the scripts of host/schema/sqlite and host/schema/postgresql, in order. Their source files are made when
+// the program is built.
 const std::vector<SchemaScript>& SqliteSchemaScripts();
+const std::vector<SchemaScript>& PostgresSchemaScripts();
 
 // One row of platform.picture_url_encrypt.
 struct VolumeRow {
@@ -32,6 +35,12 @@ void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript
 
 // Changes nothing. Throws CStartFailure with kExitFailed unless the file is a catalogue of the newest version.
 void ExpectSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& scripts);
+
+// The same for a PostgreSQL database, in its schema `platform`, which is made when it is missing. They throw too when
+// another tansyd writes to the database, or when a right is missing.
+void PreparePostgresSchema(CPostgresDatabase& database, const std::vector<SchemaScript>& scripts,
+                           const std::vector<VolumeRow>& volumes);
+void ExpectPostgresSchema(CPostgresDatabase& database, const std::vector<SchemaScript>& scripts);
 
 }  // namespace Tansy::Host
 

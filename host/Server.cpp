@@ -19,6 +19,7 @@
 #include "HostSystem/Process.h"
 #include "ListeningFile.h"
 #include "Locks.h"
+#include "PostgresDatabase.h"
 #include "Schema.h"
 #include "StartFailure.h"
 #include "StoragePlaces.h"
@@ -188,15 +189,21 @@ void CServer::OpenLog() {
 }
 
 void CServer::OpenDatabase() {
-  database_file_ = UrlPath(options_.database);
-  LockDatabase(database_file_, database_lock_);
-  PrepareSqliteSchema(database_file_, SqliteSchemaScripts(), StorageVolumes(options_.storage));
+  const db_layer::DBParam& database = options_.database;
+  log_->AddSecret(database.password);
   db_layer::SetSqliteFullDurability(options_.full_durability);
-  db_layer::DBParam param;
-  param.type = db_layer::kSqlite;
-  param.database = database_file_;
-  if (!db_layer::Module_Register(param, details::kModule)) {
-    throw CStartFailure(kExitFailed, "database " + database_file_ +
+  db_layer::SetPostgresFullDurability(options_.full_durability);
+  // From the first change on until the pool is there, this keeps a server's database for this process.
+  std::unique_ptr<CPostgresDatabase> held;
+  if (database.type == db_layer::kPostgresql) {
+    held = std::make_unique<CPostgresDatabase>(database);
+    PreparePostgresSchema(*held, PostgresSchemaScripts(), StorageVolumes(options_.storage));
+  } else {
+    LockDatabase(database.database, database_lock_);
+    PrepareSqliteSchema(database.database, SqliteSchemaScripts(), StorageVolumes(options_.storage));
+  }
+  if (!db_layer::Module_Register(database, details::kModule)) {
+    throw CStartFailure(kExitFailed, "database " + db_layer::DescribeDatabase(database) +
                                          " cannot be opened: " + db_layer::LastRegisterError(details::kModule));
   }
 }
@@ -204,7 +211,7 @@ void CServer::OpenDatabase() {
 void CServer::OpenStore() {
   place_ = FindStoragePlace(options_.storage);
   place_->ExpectFree();
-  MatchStoreIdentity(database_file_, *place_, EIdentity::kAdopt);
+  MatchStoreIdentity(options_.database, *place_, EIdentity::kAdopt);
   place_->Lock();
   store_ = place_->Open(options_.full_durability, EStoreUse::kServe);
   db_layer::SetCommitBarrier([store = store_](const std::vector<std::string_view>& statements, std::string& error) {
@@ -241,7 +248,7 @@ void CServer::Start() {
   StartPictureServer(config);
   WriteListeningFile(options_);
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
-  housekeeping_ = std::make_unique<CHousekeepingThread>(store_, database_file_, rules);
+  housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules);
   housekeeping_->Begin();
   WatchAddresses();
 }
@@ -281,7 +288,7 @@ CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& c
 void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const {
   details::SetPorts(config, {options_.HasWanObjects(), options_.object_port, options_.wan_object_port,
                              options_.object_https_port, options_.wan_object_https_port});
-  const auto factory = MakeFactory(database_file_);
+  const auto factory = MakeFactory(options_.database);
   const CloudStorage::StorageServerConfig& plain = config;
   const int result = options_.object_https_port == 0 ? CloudStorage::InitObjectServer(plain, factory)
                                                      : CloudStorage::InitObjectServer(config, factory);
@@ -291,7 +298,8 @@ void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) con
   if (!CloudStorage::IsCatalogueLoaded()) {
     // Objects that could not be read would look as if they did not exist.
     details::CloseAgain();
-    throw CStartFailure(kExitFailed, "the catalogue in database " + database_file_ + " cannot be read: see the log");
+    throw CStartFailure(kExitFailed, "the catalogue in database " + db_layer::DescribeDatabase(options_.database) +
+                                         " cannot be read: see the log");
   }
 }
 

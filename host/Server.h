@@ -62,7 +62,6 @@ class CServer {
   std::unique_ptr<CDataFolder> data_folder_;
   HostSystem::CLockFile database_lock_;
   std::shared_ptr<logging::CStandardSink> log_;
-  std::string database_file_;
   std::unique_ptr<IStoragePlace> place_;
   std::shared_ptr<IObjectStore> store_;
   bool follows_adapters_ = false;  // no option names the address for best-node answers

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
 #include <string_view>
 
 #include "HostSystem/Files.h"
@@ -40,17 +41,25 @@ std::string AddressFor(const std::string& path, CSqliteFile::EAccess access) {
   return Address(path) + (at_rest ? "?mode=ro&immutable=1" : "?mode=ro");
 }
 
+class CSteppedRow final : public db_layer::IRow {
+ public:
+  explicit CSteppedRow(sqlite3_stmt* statement) : statement_(statement) {}
+
+  std::string_view GetText(std::size_t column) const override {
+    const unsigned char* text = sqlite3_column_text(statement_, static_cast<int>(column));
+    return text == nullptr ? "" : reinterpret_cast<const char*>(text);
+  }
+  std::int32_t GetInt(std::size_t column) const override {
+    return static_cast<std::int32_t>(
+        static_cast<std::uint32_t>(sqlite3_column_int64(statement_, static_cast<int>(column))));
+  }
+
+ private:
+  sqlite3_stmt* const statement_;
+};
+
 }  // namespace
 }  // namespace details
-
-std::string CSqliteFile::CRow::Text(int column) const {
-  const unsigned char* text = sqlite3_column_text(statement_, column);
-  return text == nullptr ? "" : reinterpret_cast<const char*>(text);
-}
-
-long long CSqliteFile::CRow::Number(int column) const {
-  return sqlite3_column_int64(statement_, column);
-}
 
 void CSqliteFile::CloseDatabase::operator()(sqlite3* database) const {
   sqlite3_close(database);
@@ -86,27 +95,20 @@ void CSqliteFile::Run(const std::string& sql, const std::vector<std::string>& va
   }
 }
 
-void CSqliteFile::Query(const std::string& sql, const std::function<void(const CRow&)>& visitor) {
+void CSqliteFile::Query(const std::string& sql, const std::vector<std::string>& /*columns*/,
+                        const db_layer::RowVisitor& visitor) {
   const Statement statement = Prepare(sql, {});
   int result = SQLITE_ROW;
   while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
-    visitor(CRow(statement.get()));
+    visitor(details::CSteppedRow(statement.get()));
   }
   if (result != SQLITE_DONE) {
     Fail("cannot be read");
   }
 }
 
-long long CSqliteFile::QueryNumber(const std::string& sql) {
-  long long number = 0;
-  Query(sql, [&number](const CRow& row) { number = row.Number(0); });
-  return number;
-}
-
-std::string CSqliteFile::QueryText(const std::string& sql) {
-  std::string text;
-  Query(sql, [&text](const CRow& row) { text = row.Text(0); });
-  return text;
+bool CSqliteFile::HasGivenIds() {
+  return QueryNumber("SELECT COUNT(*) FROM platform.sequences WHERE next_value > 1") > 0;
 }
 
 CSqliteFile::Statement CSqliteFile::Prepare(const std::string& sql, const std::vector<std::string>& values) {

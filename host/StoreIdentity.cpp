@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <memory>
 
+#include "HostDatabase.h"
 #include "HostSystem/Files.h"
-#include "SqliteFile.h"
 #include "StartFailure.h"
 #include "StoredName.h"
 
@@ -46,8 +46,8 @@ std::string NewId() {
 
 class CMatch {
  public:
-  CMatch(const std::string& database, IStoragePlace& place, EIdentity mode)
-      : database_(database, mode == EIdentity::kLook ? CSqliteFile::EAccess::kLook : CSqliteFile::EAccess::kChange),
+  CMatch(const db_layer::DBParam& database, IStoragePlace& place, EIdentity mode)
+      : database_(OpenHostDatabase(database, mode == EIdentity::kLook ? EDatabaseUse::kLook : EDatabaseUse::kChange)),
         place_(place),
         mode_(mode) {}
 
@@ -84,7 +84,7 @@ class CMatch {
   }
 
   void ReadIds() {
-    catalogue_.id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
+    catalogue_.id = database_->QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
     std::string text;
     const int error = store_.exists ? place_.ReadId(text) : ENOENT;
     if (error == ENOENT) {
@@ -100,13 +100,12 @@ class CMatch {
   }
 
   void LookAtCatalogue() {
-    catalogue_.next_id = database_.QueryText("SELECT value FROM platform.host_values WHERE name = 'next_store_id'");
+    catalogue_.next_id = database_->QueryText("SELECT value FROM platform.host_values WHERE name = 'next_store_id'");
     const std::string rows =
-        "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object LIMIT 1)) + "
-        "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object_task LIMIT 1))";
-    catalogue_.has_rows = database_.QueryNumber("SELECT " + rows) > 0;
-    catalogue_.is_new = !catalogue_.has_rows &&
-                        database_.QueryNumber("SELECT COUNT(*) FROM platform.sequences WHERE next_value > 1") == 0;
+        "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object LIMIT 1) AS objects) + "
+        "(SELECT COUNT(*) FROM (SELECT 1 FROM platform.local_object_task LIMIT 1) AS tasks)";
+    catalogue_.has_rows = database_->QueryNumber("SELECT " + rows + " AS value") > 0;
+    catalogue_.is_new = !catalogue_.has_rows && !database_->HasGivenIds();
     if (!store_.IsEmpty()) {
       LookForNamedFile("local_object");
       LookForNamedFile("local_object_task");
@@ -114,14 +113,14 @@ class CMatch {
   }
 
   void LookForNamedFile(const std::string& table) {
-    database_.Query(std::string("SELECT url FROM platform.") + table + " ORDER BY id DESC LIMIT " + kSample,
-                    [this](const CSqliteFile::CRow& row) {
-                      StoredName name;
-                      std::uint64_t size = 0;
-                      catalogue_.names_stored_file =
-                          catalogue_.names_stored_file ||
-                          (ParseOwnText(row.Text(0), name) && stored_->GetSize(name, size) == EStoreResult::kDone);
-                    });
+    database_->Query(std::string("SELECT url FROM platform.") + table + " ORDER BY id DESC LIMIT " + kSample, {"url"},
+                     [this](const db_layer::IRow& row) {
+                       StoredName name;
+                       std::uint64_t size = 0;
+                       catalogue_.names_stored_file =
+                           catalogue_.names_stored_file || (ParseOwnText(std::string(row.GetText(0)), name) &&
+                                                            stored_->GetSize(name, size) == EStoreResult::kDone);
+                     });
   }
 
   [[noreturn]] void RefuseOtherId() const {
@@ -160,21 +159,21 @@ class CMatch {
   void Adopt() {
     if (store_.id.empty()) {
       store_.id = NewId();
-      database_.Run("INSERT OR REPLACE INTO platform.host_values (name, value) VALUES ('next_store_id', ?1)",
-                    {store_.id});
+      database_->Run("INSERT INTO platform.host_values (name, value) VALUES ('next_store_id', " +
+                     QuotedText(store_.id) + ") ON CONFLICT (name) DO UPDATE SET value = excluded.value");
       if (const int error = place_.WriteId(store_.id + "\n")) {
         Refuse(Place() + " cannot be written: " + HostSystem::ErrorText(error));
       }
     }
-    database_.Run("INSERT INTO platform.host_values (name, value) VALUES ('store_id', ?1)", {store_.id});
-    database_.Run("DELETE FROM platform.host_values WHERE name = 'next_store_id'");
+    database_->Run("INSERT INTO platform.host_values (name, value) VALUES ('store_id', " + QuotedText(store_.id) + ")");
+    database_->Run("DELETE FROM platform.host_values WHERE name = 'next_store_id'");
   }
 
   std::string Place() const { return place_.Describe(); }
-  std::string Database() const { return "database " + database_.GetPath(); }
+  std::string Database() const { return "database " + database_->GetName(); }
   [[noreturn]] static void Refuse(const std::string& line) { throw CStartFailure(kExitFailed, line); }
 
-  CSqliteFile database_;
+  const std::unique_ptr<IHostDatabase> database_;
   IStoragePlace& place_;
   const EIdentity mode_;
   std::unique_ptr<IObjectStore> stored_;
@@ -185,7 +184,7 @@ class CMatch {
 }  // namespace
 }  // namespace details
 
-void MatchStoreIdentity(const std::string& database, IStoragePlace& place, EIdentity mode) {
+void MatchStoreIdentity(const db_layer::DBParam& database, IStoragePlace& place, EIdentity mode) {
   details::CMatch(database, place, mode).Run();
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "StoragePlace.h"
+#include "db_layer/Connect.h"
 
 namespace Tansy::Host {
 
@@ -19,7 +20,7 @@ enum class EIdentity {
 // Compares the catalogue `database`, which has the newest schema, with the store at `place`. Where one side or both
 // have no id yet, they fit together when both are empty, or when a file that the catalogue names lies in the store.
 // Throws CStartFailure with kExitFailed and a line that says what is mounted wrong.
-void MatchStoreIdentity(const std::string& database, IStoragePlace& place, EIdentity mode);
+void MatchStoreIdentity(const db_layer::DBParam& database, IStoragePlace& place, EIdentity mode);
 
 }  // namespace Tansy::Host
 

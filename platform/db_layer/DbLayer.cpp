@@ -258,6 +258,17 @@ void Module_Unregister(const std::string& module) {
   }
 }
 
+std::string DescribeDatabase(const DBParam& param) {
+  if (param.type != kPostgresql) {
+    return param.database;
+  }
+  const std::string user = param.user.empty() ? "" : param.user + "@";
+  const bool is_ipv6 = param.host.find(':') != std::string::npos;
+  const std::string host = is_ipv6 ? "[" + param.host + "]" : param.host;
+  const std::string port = param.port == 0 ? "" : ":" + std::to_string(param.port);
+  return "postgresql://" + user + host + port + "/" + param.database.substr(0, param.database.find('?'));
+}
+
 bool SetSqliteFullDurability(bool full) {
   return SetSqliteDefaultDurability(full);
 }

@@ -47,6 +47,9 @@ void SetDriver(int type, std::shared_ptr<IDriver> driver);
 // that was not built in, it is a driver whose Open fails and says so.
 std::shared_ptr<IDriver> BuiltInDriver(int type);
 
+// Names a database in messages: the path of a file, or the address of a server without password and parameters.
+std::string DescribeDatabase(const DBParam& param);
+
 // Registers a module's database and opens the pool's first connections. Returns false when the database does not
 // accept; it may be called again. Registering a module once more replaces its pool.
 bool Module_Register(const DBParam& param, const std::string& module);

@@ -1,4 +1,5 @@
-// A database that fails on command and remembers every statement: SQLite in a temporary file, with the module's tables.
+// A database that fails on command and remembers every statement: SQLite in a temporary file, or PostgreSQL in a run
+// that is for it (TestDatabase.h), with the module's tables.
 //
 //   CFailingDatabase database;                                    // is now what db_layer opens for SQLite
 //   db_layer::Module_Register(database.Param(), "platform");
@@ -6,7 +7,7 @@
 //   ...
 //   EXPECT_EQ(database.Statements()[0], "INSERT INTO ...");
 //
-// Any thread. One at a time in a process: it stands in for the driver of all SQLite databases.
+// Any thread. One at a time in a process: it stands in for the driver of all databases of its kind.
 #ifndef TANSY_TESTS_FAKES_FAILING_DATABASE_H
 #define TANSY_TESTS_FAKES_FAILING_DATABASE_H
 
@@ -24,7 +25,9 @@
 #include <vector>
 
 #include "db_layer/DbLayer.h"
+#include "fakes/PostgresServer.h"
 #include "fakes/TempFolder.h"
+#include "fakes/TestDatabase.h"
 
 namespace Tansy::Tests {
 
@@ -151,7 +154,7 @@ class CFailingDriver : public db_layer::IDriver {
       error = CDatabaseScript::kInjectedText;
       return nullptr;
     }
-    auto connection = db_layer::BuiltInDriver(db_layer::kSqlite)->Open(param, error);
+    auto connection = db_layer::BuiltInDriver(param.type)->Open(param, error);
     if (!connection) {
       return nullptr;
     }
@@ -168,20 +171,23 @@ class CFailingDatabase {
     // Nothing here has to survive a power failure, so nothing waits for the disk.
     const bool full = db_layer::SetSqliteFullDurability(false);
     std::string error;
-    direct_ = db_layer::BuiltInDriver(db_layer::kSqlite)->Open(Param(), error);
+    if (is_on_postgresql_) {
+      TestServer().Empty();
+    }
+    direct_ = db_layer::BuiltInDriver(Param().type)->Open(Param(), error);
     db_layer::SetSqliteFullDurability(full);
     EXPECT_NE(direct_, nullptr) << error;
     if (direct_) {
-      const bool made = direct_->ExecuteAll(Schema());
+      const bool made = direct_->ExecuteAll(is_on_postgresql_ ? PostgresSchema() : Schema());
       direct_->GetLastError(error);
       EXPECT_TRUE(made) << error;
     }
-    db_layer::SetDriver(db_layer::kSqlite, std::make_shared<CFailingDriver>(script_));
+    db_layer::SetDriver(Param().type, std::make_shared<CFailingDriver>(script_));
   }
 
   // Modules registered with it must have been unregistered before.
   ~CFailingDatabase() {
-    db_layer::SetDriver(db_layer::kSqlite, nullptr);
+    db_layer::SetDriver(Param().type, nullptr);
     direct_.reset();
   }
   CFailingDatabase(const CFailingDatabase&) = delete;
@@ -190,9 +196,16 @@ class CFailingDatabase {
   // Gives the parameters to register.
   db_layer::DBParam Param() const {
     db_layer::DBParam param;
-    param.type = db_layer::kSqlite;
-    param.database = folder_.Path("platform.db");
     param.min_connections = 1;
+    if (is_on_postgresql_) {
+      param.type = db_layer::kPostgresql;
+      param.host = TestServer().GetHost();
+      param.user = CPostgresServer::kUser;
+      param.database = CPostgresServer::kDatabase;
+    } else {
+      param.type = db_layer::kSqlite;
+      param.database = folder_.Path("platform.db");
+    }
     return param;
   }
 
@@ -240,6 +253,14 @@ class CFailingDatabase {
     return values;
   }
 
+  // The next value that a sequence which gave none yet will give.
+  bool SetNextValue(const std::string& sequence, std::int64_t value) {
+    const std::string number = std::to_string(value);
+    return Run(is_on_postgresql_
+                   ? "ALTER SEQUENCE " + sequence + " RESTART WITH " + number
+                   : "UPDATE platform.sequences SET next_value=" + number + " WHERE name='" + sequence + "'");
+  }
+
   static std::vector<std::string> Schema() {
     return {
         "CREATE TABLE platform.sequences (name TEXT NOT NULL PRIMARY KEY, "
@@ -261,7 +282,31 @@ class CFailingDatabase {
     };
   }
 
+  static std::vector<std::string> PostgresSchema() {
+    return {
+        "CREATE TABLE platform.commit_marks (writer text PRIMARY KEY, batch bigint NOT NULL)",
+        "CREATE SEQUENCE platform.local_bucket_id_seq",
+        "CREATE SEQUENCE platform.local_object_id_seq",
+        "CREATE SEQUENCE platform.local_object_task_id_seq",
+        "CREATE TABLE platform.local_bucket (id bigint PRIMARY KEY, guid text NOT NULL, name text NOT NULL, "
+        "acl bigint NOT NULL, location text NOT NULL, cycle bigint NOT NULL, size bigint NOT NULL, "
+        "update_time text NOT NULL, is_deleted bigint NOT NULL DEFAULT 0)",
+        "CREATE TABLE platform.local_object (id bigint PRIMARY KEY, guid text NOT NULL, name text NOT NULL, "
+        "bucket_name text NOT NULL, size bigint NOT NULL, update_time text NOT NULL, url text NOT NULL, "
+        "is_deleted bigint NOT NULL DEFAULT 0)",
+        "CREATE INDEX local_object_bucket ON platform.local_object (bucket_name)",
+        "CREATE TABLE platform.local_object_task (id bigint PRIMARY KEY, task_id text NOT NULL, "
+        "object_name text NOT NULL, bucket_name text NOT NULL, size bigint NOT NULL, part_num bigint NOT NULL, "
+        "update_time text NOT NULL, url text NOT NULL, is_deleted bigint NOT NULL DEFAULT 0)",
+        "CREATE INDEX local_object_task_task ON platform.local_object_task (task_id)",
+        "CREATE TABLE platform.picture_url_encrypt (encrypt_url text PRIMARY KEY, url text NOT NULL)",
+    };
+  }
+
  private:
+  static CPostgresServer& TestServer() { return CPostgresServer::Shared(); }
+
+  const bool is_on_postgresql_ = IsOnPostgresql();
   const CTempFolder folder_;
   const std::shared_ptr<CDatabaseScript> script_ = std::make_shared<CDatabaseScript>();
   std::mutex direct_mutex_;

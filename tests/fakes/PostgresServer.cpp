@@ -25,8 +25,14 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{60};
 
-using Connection = std::unique_ptr<PGconn, void (*)(PGconn*)>;
 using Answer = std::unique_ptr<PGresult, void (*)(PGresult*)>;
+
+// What is wrong with statements; "" when nothing is.
+std::string FailureOn(PGconn* connection, const std::string& sql) {
+  const Answer answer(PQexec(connection, sql.c_str()), &PQclear);
+  const ExecStatusType status = PQresultStatus(answer.get());
+  return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK ? "" : PQerrorMessage(connection);
+}
 
 std::string Program(const std::string& name) {
   return std::string(TANSY_POSTGRESQL_PROGRAMS) + "/" + name;
@@ -50,6 +56,12 @@ void ChooseUser(uid_t& user, gid_t& group) {
 CPostgresServer& CPostgresServer::Shared() {
   static CPostgresServer server;
   return server;
+}
+
+CPostgresServer::Connection CPostgresServer::Connect(const std::string& database) const {
+  const std::string address = "host=" + folder_ + " user=postgres connect_timeout=30 dbname=" + database +
+                              " options='-c client_min_messages=error'";
+  return {PQconnectdb(address.c_str()), &PQfinish};
 }
 
 CPostgresServer::CPostgresServer() {
@@ -199,20 +211,22 @@ int CPostgresServer::EndConnections(const std::string& condition) {
 }
 
 void CPostgresServer::Run(const std::string& sql, const std::string& database) {
-  const Connection connection(
-      PQconnectdb(("host=" + folder_ +
-                   " user=postgres connect_timeout=30 options='-c client_min_messages=error' dbname=" + database)
-                      .c_str()),
-      &PQfinish);
-  const Answer answer(PQexec(connection.get(), sql.c_str()), &PQclear);
-  const ExecStatusType status = PQresultStatus(answer.get());
-  EXPECT_TRUE(status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
-      << sql << ": " << PQerrorMessage(connection.get());
+  EXPECT_EQ(FailureOf(sql, database), "") << sql;
+}
+
+std::string CPostgresServer::FailureOf(const std::string& sql, const std::string& database) {
+  const Connection connection = Connect(database);
+  return FailureOn(connection.get(), sql);
+}
+
+std::shared_ptr<void> CPostgresServer::Hold(const std::string& sql, const std::string& database) {
+  const std::shared_ptr<PGconn> connection = Connect(database);
+  EXPECT_EQ(FailureOn(connection.get(), "BEGIN; " + sql), "") << sql;
+  return connection;
 }
 
 std::vector<std::string> CPostgresServer::Rows(const std::string& sql, const std::string& database) {
-  const Connection connection(
-      PQconnectdb(("host=" + folder_ + " user=postgres connect_timeout=30 dbname=" + database).c_str()), &PQfinish);
+  const Connection connection = Connect(database);
   const Answer answer(PQexec(connection.get(), sql.c_str()), &PQclear);
   EXPECT_EQ(PQresultStatus(answer.get()), PGRES_TUPLES_OK) << sql << ": " << PQerrorMessage(connection.get());
   std::vector<std::string> rows;

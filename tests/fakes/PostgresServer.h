@@ -5,8 +5,11 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <vector>
+
+struct pg_conn;
 
 namespace Tansy::Tests {
 
@@ -44,11 +47,18 @@ class CPostgresServer {
   void Run(const std::string& sql, const std::string& database = kDatabase);
   // Rows as "a|b".
   std::vector<std::string> Rows(const std::string& sql, const std::string& database = kDatabase);
+  // Begins a transaction with these statements, which lasts as long as the result.
+  std::shared_ptr<void> Hold(const std::string& sql, const std::string& database = kDatabase);
+  // What is wrong with a statement; "" when nothing is.
+  std::string FailureOf(const std::string& sql, const std::string& database = kDatabase);
   // Takes the schema away with everything in it, and makes it anew, empty.
   void Empty();
   std::string GetLog() const;
 
  private:
+  using Connection = std::unique_ptr<pg_conn, void (*)(pg_conn*)>;
+
+  Connection Connect(const std::string& database) const;
   void Initialise();
   int RunAsUser(const std::vector<std::string>& arguments);
   pid_t Begin(const std::vector<std::string>& arguments) const;

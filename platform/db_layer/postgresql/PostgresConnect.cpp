@@ -6,9 +6,9 @@
 #include <new>
 #include <utility>
 
+#include "db_layer/DbLayer.h"
 #include "db_layer/PostgresDriver.h"
 #include "db_layer/SqlWords.h"
-#include "db_layer/postgresql/PostgresParameters.h"
 
 namespace db_layer {
 
@@ -152,7 +152,7 @@ std::unique_ptr<CConnect> CPostgresDriver::Open(const DBParam& param, std::strin
   if (auto database = CPostgresDatabase::Acquire(param, sql_error)) {
     return std::make_unique<CPostgresConnect>(std::move(database));
   }
-  error = "cannot open the database " + ShownPostgresDatabase(param) + ": " + sql_error.text;
+  error = "cannot open the database " + DescribeDatabase(param) + ": " + sql_error.text;
   return nullptr;
 }
 

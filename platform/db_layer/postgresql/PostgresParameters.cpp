@@ -106,12 +106,4 @@ void AddPostgresSettings(bool only_reads, bool full_durability, int timeout_ms, 
   }
 }
 
-std::string ShownPostgresDatabase(const DBParam& param) {
-  const std::string user = param.user.empty() ? "" : param.user + "@";
-  const bool is_ipv6 = param.host.find(':') != std::string::npos;
-  const std::string host = is_ipv6 ? "[" + param.host + "]" : param.host;
-  const std::string port = param.port == 0 ? "" : ":" + std::to_string(param.port);
-  return "postgresql://" + user + host + port + "/" + param.database.substr(0, param.database.find('?'));
-}
-
 }  // namespace db_layer

@@ -20,9 +20,6 @@ bool ReadPostgresParameters(const DBParam& param, PostgresParameters& parameters
 // Adds what this library needs: time-outs, where the address has none, and the settings of the session.
 void AddPostgresSettings(bool only_reads, bool full_durability, int timeout_ms, PostgresParameters& parameters);
 
-// Names the database in messages: without password and parameters.
-std::string ShownPostgresDatabase(const DBParam& param);
-
 }  // namespace db_layer
 
 #endif  // TANSY_DB_LAYER_POSTGRESQL_POSTGRES_PARAMETERS_H

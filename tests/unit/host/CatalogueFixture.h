@@ -11,11 +11,16 @@
 #include <vector>
 
 #include "Catalogue.h"
+#include "DatabaseUrl.h"
 #include "FileStore.h"
+#include "HostDatabase.h"
+#include "PostgresDatabase.h"
 #include "Schema.h"
 #include "SqliteFile.h"
 #include "db_layer/DbLayer.h"
+#include "fakes/PostgresServer.h"
 #include "fakes/TempFolder.h"
+#include "fakes/TestDatabase.h"
 
 namespace Tansy::Host {
 
@@ -23,15 +28,29 @@ class CatalogueFixture : public testing::Test {
  protected:
   void SetUp() override {
     std::filesystem::current_path(temp_.GetPath());
-    PrepareSqliteSchema("catalogue.db", SqliteSchemaScripts(), FileStoreVolumes());
-    db_layer::DBParam param;
-    param.database = "catalogue.db";
-    ASSERT_TRUE(db_layer::Module_Register(param, "platform"));
+    if (Tests::IsOnPostgresql()) {
+      Tests::CPostgresServer::Shared().Empty();
+      db_layer::SetPostgresTimeout(3000);
+      CPostgresDatabase database(Database());
+      PreparePostgresSchema(database, PostgresSchemaScripts(), FileStoreVolumes());
+    } else {
+      PrepareSqliteSchema("catalogue.db", SqliteSchemaScripts(), FileStoreVolumes());
+    }
+    ASSERT_TRUE(db_layer::Module_Register(Database(), "platform"));
     store_ = OpenFileStore("objects", false);
   }
   void TearDown() override {
     db_layer::Module_Unregister("platform");
     std::filesystem::current_path(started_in_);
+  }
+
+  // The database of this run: a file in the folder, or the one of the tests' server.
+  static db_layer::DBParam Database() {
+    db_layer::DBParam param;
+    const bool is_on_server = Tests::IsOnPostgresql();
+    const std::string url = is_on_server ? Tests::CPostgresServer::Shared().Url() : "sqlite:catalogue.db";
+    EXPECT_EQ(ParseDatabaseUrl(url, param), "");
+    return param;
   }
 
   static bool TryToRun(const std::string& sql) {
@@ -42,7 +61,30 @@ class CatalogueFixture : public testing::Test {
   }
   static void Run(const std::string& sql) { EXPECT_TRUE(TryToRun(sql)) << sql; }
   static std::string Answer(const std::string& sql) {
+    if (Tests::IsOnPostgresql()) {
+      const auto rows = Tests::CPostgresServer::Shared().Rows(sql);
+      return rows.empty() ? "" : rows.front();
+    }
     return CSqliteFile("catalogue.db", CSqliteFile::EAccess::kLook).QueryText(sql);
+  }
+  // From here on the table takes no new rows of which this is true (NEW is the row), and says "full".
+  static void RefuseRows(const std::string& table, const std::string& condition = "1 = 1") {
+    if (Tests::IsOnPostgresql()) {
+      Tests::CPostgresServer::Shared().Run(
+          "CREATE FUNCTION platform.no_room() RETURNS trigger LANGUAGE plpgsql AS "
+          "$$ BEGIN RAISE EXCEPTION 'full'; END $$; CREATE TRIGGER no_room BEFORE INSERT ON platform." +
+          table + " FOR EACH ROW WHEN (" + condition + ") EXECUTE FUNCTION platform.no_room()");
+    } else {
+      Run("CREATE TRIGGER platform.no_room BEFORE INSERT ON " + table + " WHEN " + condition +
+          " BEGIN SELECT RAISE(ABORT, 'full'); END");
+    }
+  }
+  static void TakeRowsAgain() {
+    if (Tests::IsOnPostgresql()) {
+      Tests::CPostgresServer::Shared().Run("DROP FUNCTION platform.no_room() CASCADE");
+    } else {
+      Run("DROP TRIGGER platform.no_room");
+    }
   }
 
   std::string Store(const std::string& bytes) {

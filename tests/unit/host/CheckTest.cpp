@@ -28,7 +28,7 @@ class CheckTest : public CatalogueFixture {
       };
     }
     std::ostringstream out;
-    const int exit_code = RunCheck(*store, "catalogue.db", options, out);
+    const int exit_code = RunCheck(*store, Database(), options, out);
     output_ = out.str();
     if (options.repair) {
       store_ = OpenFileStore("objects", false);  // it was changed behind the back of this one
@@ -296,7 +296,7 @@ TEST_F(CheckTest, SmallObjectsThatAreStoredMeanwhileAreNoFindings) {
     return ask(names);
   };
   std::ostringstream out;
-  EXPECT_EQ(RunCheck(*look, "catalogue.db", options, out), kExitDone) << out.str();
+  EXPECT_EQ(RunCheck(*look, Database(), options, out), kExitDone) << out.str();
   EXPECT_TRUE(done);
 }
 

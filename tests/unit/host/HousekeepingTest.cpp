@@ -116,7 +116,7 @@ TEST_F(HousekeepingTest, PicturesAndForeignTextsAreNeverFreed) {
   Round();
   Round(kGrace);
   EXPECT_TRUE(IsStored(picture));
-  EXPECT_TRUE(temp_.Exists("catalogue.db"));
+  EXPECT_EQ(temp_.Exists("catalogue.db"), !Tests::IsOnPostgresql());
   EXPECT_EQ(WaitingCount(), "0");
 }
 
@@ -303,7 +303,7 @@ TEST_F(HousekeepingTest, ACatalogueWithoutRoomStillLetsTheDiskGetRoom) {
   const std::string orphan = Store("no row");
   const std::string named = Store("named");
   AddObject(1, "o", named);
-  Run("CREATE TRIGGER platform.no_room BEFORE INSERT ON freed_bytes BEGIN SELECT RAISE(ABORT, 'full'); END");
+  RefuseRows("freed_bytes");
   Round();
   Round(kGrace);
   EXPECT_FALSE(IsStored(orphan));
@@ -313,12 +313,19 @@ TEST_F(HousekeepingTest, ACatalogueWithoutRoomStillLetsTheDiskGetRoom) {
 // A request may wait for that program too, for as long as it takes, and then write its row.
 TEST_F(HousekeepingTest, ACatalogueThatAnotherProgramHasLockedFreesNothing) {
   const std::string url = Store("waits for its row");
-  CSqliteFile other("catalogue.db", CSqliteFile::EAccess::kChange);
-  other.RunScript("BEGIN IMMEDIATE", "the lock");
+  std::unique_ptr<CSqliteFile> other;
+  std::shared_ptr<void> held;
+  if (Tests::IsOnPostgresql()) {
+    held = Tests::CPostgresServer::Shared().Hold("LOCK TABLE platform.freed_bytes");
+  } else {
+    other = std::make_unique<CSqliteFile>("catalogue.db", CSqliteFile::EAccess::kChange);
+    other->RunScript("BEGIN IMMEDIATE", "the lock");
+  }
   Round();
   Round(kGrace);
   EXPECT_TRUE(IsStored(url));
-  other.RunScript("ROLLBACK", "the end of the lock");
+  other.reset();
+  held.reset();
   AddObject(1, "o", url);
   Round(kGrace);
   EXPECT_TRUE(IsStored(url));

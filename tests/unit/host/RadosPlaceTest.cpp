@@ -34,7 +34,7 @@ class RadosPlaceTest : public CatalogueFixture {
     return "";
   }
   static std::string Match(IStoragePlace& place, EIdentity mode = EIdentity::kAdopt) {
-    return Refusal([&] { MatchStoreIdentity("catalogue.db", place, mode); });
+    return Refusal([&] { MatchStoreIdentity(Database(), place, mode); });
   }
   // A second data folder on this machine.
   void EnterOtherFolder() const {

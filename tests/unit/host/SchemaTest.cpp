@@ -6,8 +6,8 @@
 
 #include <filesystem>
 
+#include "CatalogueFixture.h"
 #include "StartFailure.h"
-#include "fakes/TempFolder.h"
 
 namespace Tansy::Host {
 namespace {
@@ -190,68 +190,160 @@ TEST_F(SchemaTest, AVolumeThatMovedGetsItsNewPrefix) {
               ElementsAre("fs01|new", "fs02|x"));
 }
 
-class ReleaseTriggerTest : public SchemaTest {
+class PostgresSchemaTest : public testing::Test {
  protected:
-  void SetUp() override { PrepareSqliteSchema(file_, SqliteSchemaScripts(), {}); }
-  std::vector<std::string> Released() {
-    return database_.Rows("SELECT url, bucket_name, object_name FROM platform.released_bytes ORDER BY id");
+  PostgresSchemaTest() {
+    server_.Run("DROP SCHEMA IF EXISTS platform CASCADE; GRANT CREATE ON DATABASE tansy TO tansy");
   }
-  void InsertObject(int id, const std::string& name, const std::string& url) {
-    database_.Run("INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) VALUES (" +
-                  std::to_string(id) + ", '', '" + name + "', 'b', 1, 't', '" + url + "')");
+
+  std::string FailureOf(const std::vector<SchemaScript>& scripts, const std::vector<VolumeRow>& volumes = {}) {
+    db_layer::DBParam param;
+    EXPECT_EQ(ParseDatabaseUrl(server_.Url(), param), "");
+    try {
+      CPostgresDatabase database(param);
+      PreparePostgresSchema(database, scripts, volumes);
+    } catch (const CStartFailure& failure) {
+      EXPECT_EQ(failure.GetExitCode(), kExitFailed);
+      EXPECT_THAT(failure.what(), testing::StartsWith("database " + db_layer::DescribeDatabase(param)));
+      return failure.what();
+    }
+    return "";
   }
-  void InsertPart(int id, int part, const std::string& url) {
-    database_.Run(
-        "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, size, part_num, update_time, "
+
+  Tests::CPostgresServer& server_ = Tests::CPostgresServer::Shared();
+};
+
+TEST_F(PostgresSchemaTest, AFreshDatabaseGetsEverythingAndASecondStartChangesNothing) {
+  for (int start = 0; start < 2; ++start) {
+    EXPECT_EQ(FailureOf(PostgresSchemaScripts(), {{"fs01", "fs01\\"}}), "");
+    EXPECT_EQ(server_.Rows("SELECT version FROM platform.schema_version").size(), PostgresSchemaScripts().size());
+    EXPECT_THAT(server_.Rows("SELECT * FROM platform.picture_url_encrypt"), ElementsAre("fs01|fs01\\"));
+  }
+  EXPECT_EQ(FailureOf(PostgresSchemaScripts(), {{"fs01", "new"}, {"fs02", "x"}}), "");
+  EXPECT_THAT(server_.Rows("SELECT * FROM platform.picture_url_encrypt ORDER BY 1"), ElementsAre("fs01|new", "fs02|x"));
+}
+
+TEST_F(PostgresSchemaTest, ScriptsAreNumberedFromOneWithoutGaps) {
+  int expected = 1;
+  for (const SchemaScript& script : PostgresSchemaScripts()) {
+    EXPECT_EQ(script.version, expected++) << script.name;
+  }
+}
+
+TEST_F(PostgresSchemaTest, OnlyNewScriptsRunAndAllOfThemOrNone) {
+  const SchemaScript first = {1, "one", "CREATE TABLE platform.a (x integer);"};
+  const SchemaScript second = {2, "two", "CREATE TABLE platform.b (x integer); INSERT INTO platform.b VALUES (1);"};
+  const SchemaScript broken = {3, "three", "CREATE TABLE platform.a (x integer);"};
+  EXPECT_EQ(FailureOf({first}), "");
+  EXPECT_THAT(FailureOf({first, second, broken}), HasSubstr("two, three failed: relation \"a\" already exists"));
+  EXPECT_THAT(server_.Rows("SELECT version, name FROM platform.schema_version"), ElementsAre("1|one"));
+  EXPECT_THAT(server_.Rows("SELECT to_regclass('platform.b')"), ElementsAre("NULL"));
+  EXPECT_EQ(FailureOf({first, second}), "");
+  EXPECT_EQ(FailureOf({first, second}), "");
+  EXPECT_THAT(server_.Rows("SELECT x FROM platform.b"), ElementsAre("1"));
+}
+
+TEST_F(PostgresSchemaTest, ANewerVersionIsRefused) {
+  ASSERT_EQ(FailureOf(PostgresSchemaScripts()), "");
+  server_.Run("INSERT INTO platform.schema_version VALUES (4711, 'later', '')");
+  EXPECT_THAT(FailureOf(PostgresSchemaScripts()), HasSubstr("has schema version 4711, made by a newer tansyd"));
+}
+
+TEST_F(PostgresSchemaTest, SomebodyElsesTablesAreLeftAlone) {
+  server_.Run("CREATE SCHEMA platform AUTHORIZATION tansy; CREATE TABLE platform.songs (title text)");
+  EXPECT_THAT(FailureOf(PostgresSchemaScripts()), HasSubstr("is another program's"));
+  server_.Run(
+      "CREATE TABLE platform.schema_version (version integer, name text, applied_at text);"
+      "INSERT INTO platform.schema_version VALUES (1, 'songs.sql', ''); GRANT ALL ON platform.schema_version TO tansy");
+  EXPECT_THAT(FailureOf(PostgresSchemaScripts()), HasSubstr("is another program's"));
+  EXPECT_THAT(server_.Rows("SELECT to_regclass('platform.local_object')"), ElementsAre("NULL"));
+}
+
+TEST_F(PostgresSchemaTest, MissingRightsAreSaid) {
+  server_.Run("ALTER DATABASE tansy OWNER TO postgres; REVOKE CREATE ON DATABASE tansy FROM tansy");
+  EXPECT_THAT(FailureOf(PostgresSchemaScripts()), HasSubstr("permission denied for database tansy"));
+  server_.Run("CREATE SCHEMA platform");
+  EXPECT_THAT(FailureOf(PostgresSchemaScripts()), HasSubstr("permission denied for schema platform"));
+  server_.Run("GRANT ALL ON SCHEMA platform TO tansy");
+  EXPECT_EQ(FailureOf(PostgresSchemaScripts()), "") << "a schema that was made for it will do";
+  server_.Run("ALTER DATABASE tansy OWNER TO tansy");
+}
+
+TEST_F(PostgresSchemaTest, ADatabaseThatAnotherProgramWritesToIsRefused) {
+  ASSERT_EQ(FailureOf(PostgresSchemaScripts()), "");
+  db_layer::DBParam param;
+  EXPECT_EQ(ParseDatabaseUrl(server_.Url("application_name=other"), param), "");
+  CPostgresDatabase other(param);
+  other.Run("UPDATE platform.host_values SET value = value");
+  EXPECT_THAT(FailureOf(PostgresSchemaScripts(), {{"fs01", "x"}}), HasSubstr("in use by another program"));
+}
+
+// The same triggers in each kind of database.
+class ReleaseTriggerTest : public CatalogueFixture {
+ protected:
+  static std::vector<std::string> Rows(const std::string& sql) {
+    return Tests::IsOnPostgresql() ? Tests::CPostgresServer::Shared().Rows(sql) : CDatabase("catalogue.db").Rows(sql);
+  }
+  static std::string FailureOf(const std::string& sql) {
+    return Tests::IsOnPostgresql() ? Tests::CPostgresServer::Shared().FailureOf(sql)
+                                   : CDatabase("catalogue.db").FailureOf(sql);
+  }
+  static std::vector<std::string> Released() {
+    return Rows("SELECT url, bucket_name, object_name FROM platform.released_bytes ORDER BY id");
+  }
+  static void InsertObject(int id, const std::string& name, const std::string& url) {
+    Run("INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) VALUES (" +
+        std::to_string(id) + ", '', '" + name + "', 'b', 1, 't', '" + url + "')");
+  }
+  static void InsertPart(int id, int part, const std::string& url) {
+    Run("INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, size, part_num, update_time, "
         "url) values (" +
         std::to_string(id) + ", 'task', 'o', 'b', 1, " + std::to_string(part) + ", 't', '" + url + "')");
   }
-
-  CDatabase database_{(PrepareSqliteSchema(file_, SqliteSchemaScripts(), {}), file_)};
 };
 
 TEST_F(ReleaseTriggerTest, OverwritingReleasesTheOldBytes) {
   InsertObject(1, "o", "u1");
-  database_.Run("UPDATE platform.local_object set size=2, update_time='t2', url='u2' where id=1 ;");
+  Run("UPDATE platform.local_object set size=2, update_time='t2', url='u2' where id=1 ;");
   EXPECT_THAT(Released(), ElementsAre("u1|b|o"));
-  database_.Run("UPDATE platform.local_object set size=3, update_time='t3', url='u2' where id=1 ;");
+  Run("UPDATE platform.local_object set size=3, update_time='t3', url='u2' where id=1 ;");
   EXPECT_EQ(Released().size(), 1U) << "the same bytes under a new size are still in use";
 }
 
 TEST_F(ReleaseTriggerTest, RemovingAnObjectReleasesItsBytesAsRemoved) {
   InsertObject(1, "o", "u1");
-  database_.Run("DELETE FROM platform.local_object where id=1");
-  EXPECT_THAT(database_.Rows("SELECT url, kind FROM platform.released_bytes"), ElementsAre("u1|2"));
+  Run("DELETE FROM platform.local_object where id=1");
+  EXPECT_THAT(Rows("SELECT url, kind FROM platform.released_bytes"), ElementsAre("u1|2"));
 }
 
 TEST_F(ReleaseTriggerTest, NoRowNamesBytesThatWereGivenUp) {
   InsertObject(1, "o", "u1");
-  database_.Run("INSERT INTO platform.freed_bytes VALUES ('gone', 0)");
+  Run("INSERT INTO platform.freed_bytes VALUES ('gone', 0)");
   for (const char* sql :
        {"INSERT INTO platform.local_object (id, name, bucket_name, url) VALUES (2, 'p', 'b', 'gone')",
         "UPDATE platform.local_object SET url = 'gone' WHERE id = 1",
         "INSERT INTO platform.local_object_task (id, task_id, object_name, bucket_name, part_num, url) "
         "VALUES (1, 't', 'p', 'b', 1, 'gone')"}) {
-    EXPECT_THAT(database_.FailureOf(sql), HasSubstr("were freed")) << sql;
+    EXPECT_THAT(FailureOf(sql), HasSubstr("were freed")) << sql;
   }
-  EXPECT_THAT(database_.Rows("SELECT name, url FROM platform.local_object"), ElementsAre("o|u1"));
+  EXPECT_THAT(Rows("SELECT name, url FROM platform.local_object"), ElementsAre("o|u1"));
   EXPECT_THAT(Released(), ElementsAre());
 }
 
 TEST_F(ReleaseTriggerTest, AStaleRowOfTheSameNameGivesWay) {
   InsertObject(1, "o", "u1");
   InsertObject(2, "o", "u2");
-  EXPECT_THAT(database_.Rows("SELECT id, url FROM platform.local_object"), ElementsAre("2|u2"));
+  EXPECT_THAT(Rows("SELECT id, url FROM platform.local_object"), ElementsAre("2|u2"));
   EXPECT_THAT(Released(), ElementsAre("u1|b|o"));
   InsertObject(3, "other", "u3");
-  EXPECT_EQ(database_.Rows("SELECT id FROM platform.local_object").size(), 2U);
+  EXPECT_EQ(Rows("SELECT id FROM platform.local_object").size(), 2U);
 }
 
 TEST_F(ReleaseTriggerTest, ARowHiddenByHandStays) {
   InsertObject(1, "o", "u1");
-  database_.Run("UPDATE platform.local_object SET is_deleted = 1");
+  Run("UPDATE platform.local_object SET is_deleted = 1");
   InsertObject(2, "o", "u2");
-  EXPECT_EQ(database_.Rows("SELECT id FROM platform.local_object").size(), 2U);
+  EXPECT_EQ(Rows("SELECT id FROM platform.local_object").size(), 2U);
   EXPECT_THAT(Released(), ElementsAre());
 }
 
@@ -259,7 +351,7 @@ TEST_F(ReleaseTriggerTest, ATaskThatBecameAnObjectReleasesNothing) {
   InsertPart(1, 1, "u");
   InsertPart(2, 2, "u");
   InsertObject(1, "o", "u");
-  database_.Run("DELETE FROM platform.local_object_task WHERE task_id = 'task' ");
+  Run("DELETE FROM platform.local_object_task WHERE task_id = 'task' ");
   EXPECT_THAT(Released(), ElementsAre());
 }
 
@@ -267,7 +359,7 @@ TEST_F(ReleaseTriggerTest, ATaskThatExpiredReleasesItsBytesOnce) {
   InsertObject(1, "o", "other bytes under the same name");
   InsertPart(1, 1, "u");
   InsertPart(2, 2, "u");
-  database_.Run("DELETE FROM platform.local_object_task WHERE task_id = 'task' ");
+  Run("DELETE FROM platform.local_object_task WHERE task_id = 'task' ");
   EXPECT_THAT(Released(), ElementsAre("u|b|o"));
 }
 

@@ -16,7 +16,7 @@ class StoreIdentityTest : public CatalogueFixture {
   static std::string Match(EIdentity mode = EIdentity::kAdopt, const std::string& folder = "objects") {
     try {
       CFolderPlace place(folder);
-      MatchStoreIdentity("catalogue.db", place, mode);
+      MatchStoreIdentity(Database(), place, mode);
     } catch (const CStartFailure& failure) {
       EXPECT_EQ(failure.GetExitCode(), kExitFailed);
       return failure.what();
@@ -28,7 +28,13 @@ class StoreIdentityTest : public CatalogueFixture {
   static void ForgetCatalogueId() { Run("DELETE FROM platform.host_values WHERE name = 'store_id'"); }
   void ForgetStoreId() { std::filesystem::remove(temp_.Path("objects/store.id")); }
   static void TakeAllRows() { Run("DELETE FROM platform.local_object"); }
-  static void Use() { Run("UPDATE platform.sequences SET next_value = 2"); }
+  static void Use() {
+    if (Tests::IsOnPostgresql()) {
+      Tests::CPostgresServer::Shared().Rows("SELECT nextval('platform.local_object_id_seq')");
+    } else {
+      Run("UPDATE platform.sequences SET next_value = 2");
+    }
+  }
 };
 
 TEST_F(StoreIdentityTest, ANewPairGetsOneIdAndKeepsIt) {
@@ -66,7 +72,8 @@ TEST_F(StoreIdentityTest, AnotherStoreIsRefused) {
 
 TEST_F(StoreIdentityTest, AFreshCatalogueOverAFilledStoreIsRefused) {
   const std::string url = Store("x");
-  EXPECT_THAT(Match(), AllOf(HasSubstr("catalogue.db is new"), HasSubstr("bytes of another catalogue")))
+  EXPECT_THAT(Match(), AllOf(HasSubstr(db_layer::DescribeDatabase(Database()) + " is new"),
+                             HasSubstr("bytes of another catalogue")))
       << "without any id yet";
   AddObject(1, "o", url);
   ASSERT_EQ(Match(), "");
@@ -80,7 +87,7 @@ TEST_F(StoreIdentityTest, AFreshCatalogueOverAFilledStoreIsRefused) {
 TEST_F(StoreIdentityTest, AForeignCatalogueIsRefused) {
   Store("x");
   AddObject(1, "o", "fs01aa-bb-" + std::string(32, 'c') + ".d");
-  EXPECT_THAT(Match(), HasSubstr("holds nothing that database catalogue.db names"));
+  EXPECT_THAT(Match(), HasSubstr("holds nothing that database " + db_layer::DescribeDatabase(Database()) + " names"));
   EXPECT_EQ(CatalogueId() + StoreId(), "");
 }
 
@@ -103,11 +110,10 @@ TEST_F(StoreIdentityTest, AnOlderInstallationWithoutObjectsIsAdopted) {
 
 TEST_F(StoreIdentityTest, AnAdoptionThatTheCatalogueRefusedGoesOnAtTheNextStart) {
   StorePicture("jpeg");
-  Run("CREATE TRIGGER platform.no_room BEFORE INSERT ON host_values WHEN NEW.name = 'store_id' "
-      "BEGIN SELECT RAISE(ABORT, 'full'); END");
+  RefuseRows("host_values", "NEW.name = 'store_id'");
   EXPECT_THAT(Match(), HasSubstr("full"));
   EXPECT_NE(StoreId(), "");
-  Run("DROP TRIGGER platform.no_room");
+  TakeRowsAgain();
   EXPECT_EQ(Match(EIdentity::kLook), "");
   EXPECT_EQ(Match(), "");
   EXPECT_EQ(StoreId(), CatalogueId() + "\n");

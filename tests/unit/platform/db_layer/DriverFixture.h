@@ -33,6 +33,9 @@ inline DBParam PostgresParam(const std::string& parameters = "") {
 
 class CDriverFixture : public CSqliteFixture {
  protected:
+  explicit CDriverFixture(bool is_on_postgresql = Tansy::Tests::IsOnPostgresql())
+      : is_on_postgresql_(is_on_postgresql) {}
+
   void SetUp() override {
     if (is_on_postgresql_) {
       Tansy::Tests::CPostgresServer::Shared().Empty();
@@ -66,7 +69,7 @@ class CDriverFixture : public CSqliteFixture {
     return is_on_postgresql_ ? "relation \"" + table + "\" does not exist" : "no such table: " + table;
   }
 
-  const bool is_on_postgresql_ = Tansy::Tests::IsOnPostgresql();
+  const bool is_on_postgresql_;
 };
 
 }  // namespace db_layer

@@ -71,15 +71,17 @@ TEST(PostgresParametersTest, TheAddressMayHaveTimesOfItsOwn) {
 
 TEST(PostgresParametersTest, MessagesNameNoPassword) {
   DBParam param;
+  param.type = kPostgresql;
   param.host = "::1";
   param.port = 5433;
   param.user = "u";
   param.password = "s3cret";
   param.database = "cat?sslpassword=other";
-  EXPECT_EQ(ShownPostgresDatabase(param), "postgresql://u@[::1]:5433/cat");
+  EXPECT_EQ(DescribeDatabase(param), "postgresql://u@[::1]:5433/cat");
   param = DBParam();
+  param.type = kPostgresql;
   param.database = "cat";
-  EXPECT_EQ(ShownPostgresDatabase(param), "postgresql:///cat");
+  EXPECT_EQ(DescribeDatabase(param), "postgresql:///cat");
 }
 
 TEST(PostgresHandleTest, ServersAndDatabasesThatDoNotFitAreRefused) {
@@ -122,6 +124,7 @@ TEST(PostgresHandleTest, CallersDoNotControlTransactionsAndConnections) {
 
 class PostgresTest : public CDriverFixture {
  protected:
+  PostgresTest() : CDriverFixture(true) {}
   void SetUp() override {
     server_.Start();
     CDriverFixture::SetUp();

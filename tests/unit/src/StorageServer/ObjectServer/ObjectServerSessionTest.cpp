@@ -185,8 +185,7 @@ TEST_F(ObjectServerSession, DeletesASetOfBuckets) {
 
 // The row of a bucket is found under the number that its insert wrote, one by one and as a set.
 TEST_F(ObjectServerSession, DeletesASetOfBucketsWithIdsBeyondASignedNumber) {
-  ASSERT_TRUE(
-      database_.Run("UPDATE platform.sequences SET next_value=2147483648 WHERE name='platform.local_bucket_id_seq'"));
+  ASSERT_TRUE(database_.SetNextValue("platform.local_bucket_id_seq", 2147483648));
   BucketInfo bucket = QuotedBucket();
   BucketInfo other = QuotedBucket();
   ASSERT_TRUE(CObjectServerSession::CreateBucket(bucket));
