@@ -70,7 +70,8 @@ StorageServerConfig MakeConfig(std::uint32_t port) {
 
 int Serve(const std::string& database, std::uint32_t port) {
   Tansy::Host::PrepareSqliteSchema(database, Tansy::Host::SqliteSchemaScripts(), {});
-  if (Tansy::CloudStorage::InitObjectServer(MakeConfig(port), Tansy::Host::MakeFactory(Tansy::Host::SqliteParam(database))) != 0) {
+  if (Tansy::CloudStorage::InitObjectServer(MakeConfig(port),
+                                            Tansy::Host::MakeFactory(Tansy::Host::SqliteParam(database))) != 0) {
     std::cerr << "slow_storage_host: port " << port << " cannot be opened\n";
     return 1;
   }

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include "HostDatabases.h"
+
 namespace Tansy::Host {
 namespace details {
 namespace {

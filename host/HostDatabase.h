@@ -32,14 +32,6 @@ class IHostDatabase {
   std::string QueryText(const std::string& sql);
 };
 
-enum class EDatabaseUse {
-  kChange,
-  kLook,  // changes nothing, and works beside a running tansyd
-};
-
-// Opens the database, which must be there, with a catalogue of the newest version in it. Throws CStartFailure.
-std::unique_ptr<IHostDatabase> OpenHostDatabase(const db_layer::DBParam& database, EDatabaseUse use);
-
 // Writes a text as SQL does.
 std::string QuotedText(const std::string& text);
 

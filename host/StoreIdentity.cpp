@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "HostDatabase.h"
+#include "HostDatabases.h"
 #include "HostSystem/Files.h"
 #include "StartFailure.h"
 #include "StoredName.h"
