@@ -1,7 +1,6 @@
 #include "db_layer/postgresql/PostgresWriter.h"
 
 #include <algorithm>
-#include <charconv>
 #include <exception>
 #include <thread>
 #include <utility>
@@ -189,26 +188,39 @@ CPostgresWriter::EOutcome CPostgresWriter::Commit(SqlError& error) noexcept {
 CPostgresWriter::EOutcome CPostgresWriter::ResolveDoubt(SqlError& error) {
   const Clock::time_point deadline = Clock::now() + details::kLongestDoubt;
   const SqlError lost = error;
-  while (has_marks_ && Clock::now() < deadline) {
-    std::int64_t mark = 0;
-    if (EnsureOpen(error) && ReadMark(mark, error)) {
-      error = lost;
-      return mark == last_batch_ ? EOutcome::kDone : EOutcome::kLost;
+  is_in_doubt_ = has_marks_;
+  EMark mark = EMark::kUnread;
+  while (has_marks_ && mark == EMark::kUnread && Clock::now() < deadline) {
+    if (EnsureOpen(error)) {
+      mark = ReadMark(error);
     }
-    std::this_thread::sleep_for(details::kFirstPause);
+    if (mark == EMark::kUnread) {
+      std::this_thread::sleep_for(details::kFirstPause);
+    }
   }
+  is_in_doubt_ = false;
+  error = lost;
+  if (mark == EMark::kLast || mark == EMark::kOlder) {
+    return mark == EMark::kLast ? EOutcome::kDone : EOutcome::kLost;
+  }
+  handle_.Close();  // the next connection makes its mark
   SetError(error, kErrorBusy, "it is not known whether this was committed: " + lost.text);
   return EOutcome::kUnknown;
 }
 
-// The lock is waited for: as long as the old session has not ended, its transaction may still be committed.
-bool CPostgresWriter::ReadMark(std::int64_t& mark, SqlError& error) {
-  std::string text;
-  if (!Ask("SELECT batch FROM platform.commit_marks WHERE writer = '" + name_ + "' FOR UPDATE", "batch", text, error)) {
+// The lock is waited for: as long as the old session has not ended, its transaction may still be committed. A process
+// that wrote to the database meanwhile has removed the mark.
+CPostgresWriter::EMark CPostgresWriter::ReadMark(SqlError& error) {
+  CRowBuffer rows;
+  const std::string sql = "SELECT batch FROM platform.commit_marks WHERE writer = '" + name_ + "' FOR UPDATE";
+  if (handle_.Run(sql, &rows, error) != EResult::kDone) {
     EndOldSession();
-    return false;
+    return EMark::kUnread;
   }
-  return std::from_chars(text.data(), text.data() + text.size(), mark).ec == std::errc();
+  if (rows.IsEnd()) {
+    return EMark::kMissing;
+  }
+  return rows.GetString("batch") == std::to_string(last_batch_) ? EMark::kLast : EMark::kOlder;
 }
 
 void CPostgresWriter::RollBack() noexcept {
@@ -281,7 +293,8 @@ bool CPostgresWriter::BecomeTheWriter(SqlError& error) {
        (synchronous == "off" && handle_.Run("SET synchronous_commit = on", nullptr, error) != EResult::kDone))) {
     return false;
   }
-  return Ask(details::kFindSession, "session", session_, error) && MakeMark(error);
+  // A mark in doubt must not be made anew before it was looked at.
+  return Ask(details::kFindSession, "session", session_, error) && (is_in_doubt_ || MakeMark(error));
 }
 
 // The rows of other processes are of no use any more, because the lock is this one's.

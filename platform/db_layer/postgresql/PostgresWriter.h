@@ -38,6 +38,14 @@ class CPostgresWriter {
     kUnknown,  // nobody can tell
   };
 
+  // What this process's row of marks says about the last batch.
+  enum class EMark {
+    kUnread,
+    kMissing,
+    kLast,   // it was committed
+    kOlder,  // it was not
+  };
+
   void RunTogether(const std::vector<SqlWrite*>& writes);
   void RunAlone(SqlWrite& write);
   EOutcome RunWithRetry(const std::vector<SqlWrite*>& writes, EDialect dialect, SqlError& error);
@@ -45,7 +53,7 @@ class CPostgresWriter {
   std::vector<PostgresStep> StepsOf(const std::vector<SqlWrite*>& writes, EDialect dialect) const;
   EOutcome Commit(SqlError& error) noexcept;
   EOutcome ResolveDoubt(SqlError& error);
-  bool ReadMark(std::int64_t& mark, SqlError& error);
+  EMark ReadMark(SqlError& error);
   void RollBack() noexcept;
 
   Clock::duration Patience() const;
@@ -62,6 +70,7 @@ class CPostgresWriter {
   const std::string name_;  // of this process's row of marks
   CPostgresHandle handle_;
   bool has_marks_ = false;       // the database has the table of marks
+  bool is_in_doubt_ = false;     // nobody knows yet whether the last batch was committed
   std::int64_t last_batch_ = 0;  // number of the batch that ran last
   std::string session_;          // condition that finds the server's process of the connection opened last
   Clock::time_point lost_at_{};  // when the connection was found lost

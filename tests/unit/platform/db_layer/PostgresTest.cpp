@@ -348,6 +348,28 @@ TEST_F(PostgresTest, WithoutMarksACommitWhoseAnswerWasLostIsAFailureThatSaysSo) 
   EXPECT_THAT(ErrorOf(*connection_), HasSubstr("it is not known whether this was committed"));
 }
 
+// A process that wrote meanwhile has removed the mark, which tells nothing any more then.
+TEST_F(PostgresTest, ACommitInDoubtWhoseMarkIsGoneIsNotRunAgain) {
+  ASSERT_TRUE(Insert(1));
+  EndWriterAt("DEFERRED");
+  std::shared_ptr<void> other;
+  std::thread waiting([&] {
+    other = server_.Hold(
+        "SELECT pg_advisory_lock(1413565779, 1); DELETE FROM platform.commit_marks; COMMIT; "
+        "DROP FUNCTION platform.end_it() CASCADE");
+  });
+  WaitFor("wait_event = 'advisory'");
+  std::thread releasing([&] {
+    waiting.join();
+    other.reset();
+  });
+  EXPECT_FALSE(Insert(2));
+  EXPECT_THAT(ErrorOf(*connection_), HasSubstr("it is not known whether this was committed"));
+  releasing.join();
+  EXPECT_EQ(Ids(), (Texts{"1"})) << "it did not run again";
+  EXPECT_TRUE(Insert(3)) << ErrorOf(*connection_);
+}
+
 TEST_F(PostgresTest, AFrozenServerHoldsNobodyForEver) {
   UseTimeout(1000);
   server_.Freeze();
