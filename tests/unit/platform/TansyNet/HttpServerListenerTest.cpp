@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -208,6 +209,39 @@ TEST_F(HttpServerListener, ForgetsTheLastErrorWithTheNextStart) {
   EXPECT_NE(CHttpServer::StartHttpServer(handle, "", FreePort(), OnRequest, true), 0);
   Start();
   EXPECT_EQ(CHttpServer::LastError(), "");
+}
+
+// Leaves this process room for so many more descriptors until its end.
+class CFewDescriptors {
+ public:
+  explicit CFewDescriptors(int more) {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit few = before_;
+    few.rlim_cur = 0;
+    for (int left = more; left >= 0; ++few.rlim_cur) {
+      left -= ::fcntl(static_cast<int>(few.rlim_cur), F_GETFD) < 0 ? 1 : 0;
+    }
+    --few.rlim_cur;
+    ::setrlimit(RLIMIT_NOFILE, &few);
+  }
+  ~CFewDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+  CFewDescriptors(const CFewDescriptors&) = delete;
+  CFewDescriptors& operator=(const CFewDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(HttpServerListener, WithoutADescriptorClosesTheLongestIdleConnectionAndGoesOn) {
+  Start([](std::int32_t handle, HttpServerRecv&) { AnswerText(handle, "yes"); });
+  CRawClient idle(Port());
+  idle.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(idle.ReadReply().body, "yes");
+  const CFewDescriptors one(1);  // for the client; the server has none left
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().body, "yes");
+  EXPECT_TRUE(idle.WaitForEnd());
 }
 
 TEST_F(HttpServerListener, StartsAgainOnItsPortAtOnce) {
