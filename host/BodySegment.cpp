@@ -341,7 +341,7 @@ std::vector<std::uint32_t> CBodySegment::GetLost() const {
   return lost_;
 }
 
-void CBodySegment::Lose(std::uint32_t key) {
+void CBodySegment::Lose(std::uint32_t key) noexcept {
   if (const auto body = unsettled_.find(key); body != unsettled_.end()) {
     body->second.failed = true;
   }
@@ -351,11 +351,11 @@ void CBodySegment::Lose(std::uint32_t key) {
   }
 }
 
-void CBodySegment::Kill(BodyEntry& entry) {
-  MarkDead(entry);  // first, because only this can throw
+void CBodySegment::Kill(BodyEntry& entry) noexcept {
   entry.is_dead = 1;
   --live_;
   live_bytes_ -= BodyFormat::RecordSpan(entry.size);
+  MarkDead(entry);
 }
 
 BodyEntry* CBodySegment::FindEntry(std::uint32_t key) {
@@ -376,7 +376,7 @@ int CBodySegment::Find(std::uint32_t key, BodyPlace& place) {
   return 0;
 }
 
-bool CBodySegment::Remove(std::uint32_t key) {
+bool CBodySegment::Remove(std::uint32_t key) noexcept {
   const std::lock_guard lock(mutex_);
   BodyEntry* entry = FindEntry(key);
   const bool is_there = entry != nullptr && entry->is_dead == 0;
@@ -388,7 +388,7 @@ bool CBodySegment::Remove(std::uint32_t key) {
 }
 
 // A mark that does not reach the disk brings bytes back that nothing names, never an object.
-void CBodySegment::MarkDead(const BodyEntry& entry) {
+void CBodySegment::MarkDead(const BodyEntry& entry) noexcept try {
   int error = NeedFile();
   if (error == 0) {
     error = WriteDead(entry);
@@ -397,6 +397,8 @@ void CBodySegment::MarkDead(const BodyEntry& entry) {
     HOST_LOG(logging::kError, "[%s]marking a removed body in %s failed: %s.[%s(%d)]",
              SegmentFileName(head_.number).c_str(), HostSystem::ErrorText(error).c_str());
   }
+} catch (const std::bad_alloc&) {
+  return;  // only the line is lost
 }
 
 int CBodySegment::WriteDead(const BodyEntry& entry) {

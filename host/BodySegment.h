@@ -81,9 +81,8 @@ class CBodySegment {
 
   // ENOENT: there is no such body.
   int Find(std::uint32_t key, BodyPlace& place);
-  // Returns false when there is no such body. The room is free once the segment is written anew. When it throws, the
-  // body is still there.
-  bool Remove(std::uint32_t key);
+  // Returns false when there is no such body. The room is free once the segment is written anew.
+  bool Remove(std::uint32_t key) noexcept;
   // Shows the bodies that are there, until the visitor returns false.
   bool ForEach(const std::function<bool(std::uint32_t key, std::uint32_t size)>& visitor) const;
 
@@ -137,9 +136,9 @@ class CBodySegment {
   void CountEntries();
   BodyEntry* FindEntry(std::uint32_t key);
   std::string StatesOf(const std::vector<BodyEntry>& entries) const;
-  void Lose(std::uint32_t key);
-  void Kill(BodyEntry& entry);
-  void MarkDead(const BodyEntry& entry);
+  void Lose(std::uint32_t key) noexcept;
+  void Kill(BodyEntry& entry) noexcept;
+  void MarkDead(const BodyEntry& entry) noexcept;
   int WriteDead(const BodyEntry& entry);
   int Copy(HostSystem::IFile& source, HostSystem::IFile& target, const std::vector<BodyEntry>& old,
            std::vector<BodyEntry>& fresh);
