@@ -21,7 +21,7 @@ void CStoreRoom::Look() {
   looked_at_ = TansyBase::TimeUtil::Uptime();
   std::uint64_t total = 0;
   std::uint64_t available = 0;
-  if (folder_.GetRoom(total, available) != 0) {
+  if (folder_.GetRoom(total, available) != 0 || total == 0) {  // some file systems give zeros
     reserve_ = 0;
     spare_ = std::numeric_limits<std::uint64_t>::max();
     return;

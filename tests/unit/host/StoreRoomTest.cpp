@@ -100,6 +100,10 @@ TEST_F(StoreRoomTest, WithoutAnAnswerEverythingFits) {
   folder_.room = 0;
   EXPECT_TRUE(Fits(1000000 * kMiB));
   EXPECT_FALSE(room_.IsShort());
+  folder_.error = 0;
+  folder_.size = 0;
+  clock_.Advance(1);
+  EXPECT_TRUE(Fits(1000000 * kMiB)) << "a disk without any bytes is no answer";
 }
 
 TEST_F(StoreRoomTest, RoomIsShortBeforeItIsGone) {
