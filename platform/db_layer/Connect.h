@@ -47,6 +47,15 @@ class IRow {
 };
 using RowVisitor = std::function<void(const IRow& row)>;
 
+// What has become of statements, with the code and the text (one line) of a failure.
+struct WriteResult {
+  bool succeeded = false;
+  int code = 0;
+  const std::string& error;
+};
+// Is told once. It must be quick, because other writers wait for the thread that calls it, and it must not throw.
+using WriteDone = std::function<void(const WriteResult& result)>;
+
 // A connection. Tables live in the schema `platform` on every database (an attached file in SQLite). Only GetString
 // throws, and only std::bad_alloc.
 class CConnect {
@@ -74,6 +83,11 @@ class CConnect {
   // Runs statements like Execute in one transaction: all of them are committed, or none. It is meant for schemas and
   // upgrades.
   virtual bool ExecuteAll(const std::vector<std::string>& statements) = 0;
+  // Does the same, but may return before the statements are committed, so that one thread can have many writes under
+  // way. `done` is called once: before this returns, or later, also on another thread and after this connection was
+  // given back. Throws nothing but std::bad_alloc; `done` will not be called then. A driver that has no better way
+  // waits.
+  virtual void ExecuteLater(std::vector<std::string> statements, WriteDone done);
   // Runs one query that only reads, and shows these columns of its rows one by one without keeping them, for results
   // that are too large to be held. Whoever looks must not use the connection, and should be quick: the database cannot
   // give up what it had before the query. Returns false when the query fails, perhaps after rows have been shown; a

@@ -104,6 +104,13 @@ std::shared_ptr<CConnectionPool> PoolOf(const std::string& module) {
 }  // namespace
 }  // namespace details
 
+void CConnect::ExecuteLater(std::vector<std::string> statements, WriteDone done) {
+  const bool succeeded = statements.size() == 1 ? Execute(statements.front()) : ExecuteAll(statements);
+  std::string error;
+  const int code = succeeded ? 0 : GetLastError(error);
+  done({succeeded, code, error});
+}
+
 void SetDriver(int type, std::shared_ptr<IDriver> driver) {
   details::State& state = details::TheState();
   const std::lock_guard lock(state.mutex);

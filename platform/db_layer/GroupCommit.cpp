@@ -1,6 +1,7 @@
 #include "db_layer/GroupCommit.h"
 
 #include <exception>
+#include <thread>
 #include <utility>
 
 namespace db_layer {
@@ -27,45 +28,82 @@ void CGroupCommit::Run(SqlWrite& write) {
     }
   }
   has_leader_ = true;
+  Lead(std::move(lock));
+}
 
-  std::vector<Waiter*> group;
-  group.swap(waiting_);
-  lock.unlock();
-  Execute(group);
-  lock.lock();
-  for (Waiter* waiter : group) {
-    // This happens under the lock: once a waiter sees `done`, it returns and its stack is gone.
-    waiter->done = true;
-    waiter->wake.notify_one();
+void CGroupCommit::Post(std::unique_ptr<PostedWrite>& write) {
+  write->write.statements = &write->statements;
+  std::unique_lock lock(mutex_);
+  posted_.push_back(std::move(write));
+  if (!std::exchange(has_leader_, true)) {
+    // Other threads have requests in hand, and what they post meanwhile shares this transaction: with 64 clients on two
+    // processors a write took 35 us of processor time instead of 49.
+    lock.unlock();
+    std::this_thread::yield();
+    lock.lock();
+    Lead(std::move(lock));
   }
-  if (waiting_.empty()) {
-    has_leader_ = false;
-    return;
-  }
-  // The leader's own caller has waited long enough, so the first waiter leads the next batch.
-  waiting_.front()->leads = true;
-  waiting_.front()->wake.notify_one();
 }
 
 // No exception may leave here, because the others would wait for ever for a leader that is gone.
-void CGroupCommit::Execute(const std::vector<Waiter*>& group) noexcept {
+void CGroupCommit::Lead(std::unique_lock<std::mutex> lock) noexcept {
+  do {
+    std::vector<Waiter*> waiters;
+    PostedWrites posted;
+    waiters.swap(waiting_);
+    posted.swap(posted_);
+    lock.unlock();
+    Execute(waiters, posted);
+    lock.lock();
+    for (Waiter* waiter : waiters) {
+      // This happens under the lock: once a waiter sees `done`, it returns and its stack is gone.
+      waiter->done = true;
+      waiter->wake.notify_one();
+    }
+    // The leader's own caller has waited long enough, so the first waiter leads the next batch.
+    has_leader_ = !waiting_.empty();
+    if (has_leader_) {
+      waiting_.front()->leads = true;
+      waiting_.front()->wake.notify_one();
+    }
+    lock.unlock();
+    // Without a waiter, whoever writes next may lead while this thread reports.
+    for (const std::unique_ptr<PostedWrite>& write : posted) {
+      Report(*write);
+    }
+    posted.clear();
+    lock.lock();
+  } while (!posted_.empty() && !std::exchange(has_leader_, true));
+}
+
+void CGroupCommit::Execute(const std::vector<Waiter*>& waiters, const PostedWrites& posted) noexcept {
   try {
     std::vector<SqlWrite*> batch;
-    batch.reserve(group.size());
-    for (const Waiter* waiter : group) {
+    batch.reserve(waiters.size() + posted.size());
+    for (const std::unique_ptr<PostedWrite>& write : posted) {
+      batch.push_back(&write->write);
+    }
+    for (const Waiter* waiter : waiters) {
       batch.push_back(waiter->write);
     }
     executor_(batch);
   } catch (const std::exception&) {
-    for (const Waiter* waiter : group) {
+    for (const std::unique_ptr<PostedWrite>& write : posted) {
+      write->write.FailForMemory();
+    }
+    for (const Waiter* waiter : waiters) {
       waiter->write->FailForMemory();
     }
   }
 }
 
+void CGroupCommit::Report(PostedWrite& posted) noexcept {
+  posted.done({posted.write.succeeded, posted.write.error.code, posted.write.error.text});
+}
+
 std::size_t CGroupCommit::CountWaiting() const {
   const std::lock_guard lock(mutex_);
-  return waiting_.size();
+  return waiting_.size() + posted_.size();
 }
 
 }  // namespace db_layer

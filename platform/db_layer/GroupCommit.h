@@ -5,10 +5,12 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "db_layer/Connect.h"
 #include "db_layer/RowBuffer.h"
 #include "db_layer/SqlError.h"
 
@@ -25,6 +27,13 @@ struct SqlWrite {
   void FailForMemory() noexcept;
 };
 
+// A write for which nobody waits; `done` tells what became of it.
+struct PostedWrite {
+  std::vector<std::string> statements;
+  WriteDone done;
+  SqlWrite write;
+};
+
 class CGroupCommit {
  public:
   // Carries out a batch and fills in `succeeded` and `error` of each write. One thread at a time calls it, without a
@@ -36,7 +45,11 @@ class CGroupCommit {
   // Returns when the write was carried out, or throws std::bad_alloc before the write was queued. A single caller
   // starts at once; callers that come while a batch is under way make up the next batch.
   void Run(SqlWrite& write);
-  // Counts the callers that the next batch will serve.
+  // Takes a write, carries it out with a batch, and calls its `done`. When no batch is under way, the caller runs it
+  // now, and goes on with what others post meanwhile; else it returns at once, and the thread that runs the next batch
+  // calls `done`. std::bad_alloc leaves the write with the caller.
+  void Post(std::unique_ptr<PostedWrite>& write);
+  // Counts the writes of the next batch.
   std::size_t CountWaiting() const;
 
  private:
@@ -47,12 +60,19 @@ class CGroupCommit {
     std::condition_variable wake;
   };
 
-  void Execute(const std::vector<Waiter*>& group) noexcept;
+  using PostedWrites = std::vector<std::unique_ptr<PostedWrite>>;
+  void Lead(std::unique_lock<std::mutex> lock) noexcept;
+  void Execute(const std::vector<Waiter*>& waiters, const PostedWrites& posted) noexcept;
+  static void Report(PostedWrite& posted) noexcept;
 
   const Executor executor_;
   mutable std::mutex mutex_;
+  // Everything below is guarded by mutex_. Where writes wait, there is a leader, or a task that will lead, or a leader
+  // of before that looks for them.
   bool has_leader_ = false;
+  bool is_lead_posted_ = false;
   std::vector<Waiter*> waiting_;
+  PostedWrites posted_;
 };
 
 }  // namespace db_layer

@@ -52,6 +52,16 @@ bool CSqliteConnect::ExecuteAll(const std::vector<std::string>& statements) {
   return WithoutExceptions([&] { return database_->Write(statements, nullptr, error_); });
 }
 
+void CSqliteConnect::ExecuteLater(std::vector<std::string> statements, WriteDone done) {
+  rows_.Clear();
+  auto write = std::make_unique<PostedWrite>();
+  write->statements = std::move(statements);
+  write->done = std::move(done);
+  // `done` may give this connection back, and that may close it, while the database still reports.
+  const std::shared_ptr<CSqliteDatabase> database = database_;
+  database->Post(write);
+}
+
 bool CSqliteConnect::Query(const std::string& sql) {
   return WithoutExceptions([&] {
     if (const std::string_view sequence = SequenceOf(sql); !sequence.empty()) {

@@ -29,6 +29,7 @@ class CSqliteConnect final : public CConnect {
   std::int32_t GetInt(const std::string& column) override;
   bool IsHealthy() override;
   bool ExecuteAll(const std::vector<std::string>& statements) override;
+  void ExecuteLater(std::vector<std::string> statements, WriteDone done) override;
   bool ShowRows(const std::string& sql, const std::vector<std::string>& columns, const RowVisitor& look) override;
 
  private:

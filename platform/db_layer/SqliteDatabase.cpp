@@ -35,6 +35,20 @@ Registry& TheRegistry() {
   return *registry;
 }
 
+// Whoever waits for the disk lets another thread of its message loop work meanwhile, and hand in a write of its own for
+// the next commit. A commit that does not wait for the disk is over before that pays.
+class CWaitForDisk {
+ public:
+  explicit CWaitForDisk(bool full_durability) {
+    if (full_durability) {
+      blocking_.emplace();
+    }
+  }
+
+ private:
+  std::optional<TansyBase::CBlockingScope> blocking_;
+};
+
 std::filesystem::path FromUtf8(const std::string& path) {
   return std::filesystem::path(std::u8string(path.begin(), path.end()));
 }
@@ -103,6 +117,7 @@ CSqliteDatabase::CSqliteDatabase(std::string path, const SqliteOptions& options)
 
 // When a sequence runs low, its next values are reserved along with what is written anyway.
 void CSqliteDatabase::RunBatch(const std::vector<SqlWrite*>& batch) {
+  const details::CWaitForDisk waiting(options_.full_durability);
   checkpoints_.WaitForRoom();
   const std::lock_guard writing(writing_);
   CSqliteSequences::CReservation reservation(sequences_);
@@ -141,12 +156,7 @@ bool CSqliteDatabase::Write(const std::vector<std::string>& statements, CRowBuff
   write.statements = &statements;
   write.rows = rows;
   {
-    // The caller does nothing but wait for the disk, so another thread of its message loop may work meanwhile, and hand
-    // in a write of its own for the next commit. A commit that does not wait for the disk is over before that pays.
-    std::optional<TansyBase::CBlockingScope> blocking;
-    if (options_.full_durability) {
-      blocking.emplace();
-    }
+    const details::CWaitForDisk waiting(options_.full_durability);
     group_commit_.Run(write);
   }
   if (!write.succeeded) {

@@ -29,6 +29,8 @@ class CSqliteDatabase {
   // Commits the statements as one, together with what other threads write at the same time. `rows` receives the rows of
   // the last statement.
   bool Write(const std::vector<std::string>& statements, CRowBuffer* rows, SqlError& error);
+  // Commits a write later; see CGroupCommit::Post.
+  void Post(std::unique_ptr<PostedWrite>& write) { group_commit_.Post(write); }
   // Gives the next value of a sequence.
   bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error);
   // Opens a connection for reading.

@@ -111,6 +111,13 @@ class CFailingConnect : public db_layer::CConnect {
         std::any_of(statements.begin(), statements.end(), [this](const std::string& sql) { return Fails(sql); });
     return !fails && connection_->ExecuteAll(statements);
   }
+  void ExecuteLater(std::vector<std::string> statements, db_layer::WriteDone done) override {
+    if (std::any_of(statements.begin(), statements.end(), [this](const std::string& sql) { return Fails(sql); })) {
+      done({false, CDatabaseScript::kInjectedCode, CDatabaseScript::kInjectedText});
+    } else {
+      connection_->ExecuteLater(std::move(statements), std::move(done));
+    }
+  }
   bool ShowRows(const std::string& sql, const std::vector<std::string>& columns,
                 const db_layer::RowVisitor& look) override {
     is_failed_query_ = Fails(sql);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -137,6 +138,139 @@ TEST(GroupCommitTest, MemoryThatRunsOutFailsTheBatchAndHoldsNobodyUp) {
   SqlWrite next;
   group.Run(next);
   EXPECT_TRUE(next.succeeded);
+}
+
+// A write that is posted, and how often it was reported.
+class CPosted {
+ public:
+  std::unique_ptr<PostedWrite> Write(const std::string& statement = "x") {
+    auto write = std::make_unique<PostedWrite>();
+    write->statements = {statement};
+    write->done = [this](const WriteResult& result) {
+      ++reports_;
+      succeeded_ += result.succeeded ? 1 : 0;
+      const std::lock_guard lock(mutex_);
+      last_error_ = result.error;
+    };
+    return write;
+  }
+  void Post(CGroupCommit& group) {
+    auto write = Write();
+    group.Post(write);
+  }
+  int Reports() const { return reports_; }
+  int Succeeded() const { return succeeded_; }
+  std::string LastError() const {
+    const std::lock_guard lock(mutex_);
+    return last_error_;
+  }
+
+ private:
+  std::atomic<int> reports_{0};
+  std::atomic<int> succeeded_{0};
+  mutable std::mutex mutex_;
+  std::string last_error_;
+};
+
+TEST(GroupCommitTest, APostedWriteAloneIsDoneAtOnce) {
+  CPosted posted;
+  CGroupCommit group(&SucceedAll);
+  posted.Post(group);
+  EXPECT_EQ(posted.Reports(), 1);
+  EXPECT_EQ(posted.Succeeded(), 1);
+}
+
+// Whoever posts while a batch runs goes on at once, and what was posted shares the next batch.
+TEST(GroupCommitTest, WhatIsPostedDuringABatchMakesUpTheNext) {
+  CPosted posted;
+  std::vector<std::size_t> sizes;
+  std::atomic<int> reports_while_held{-1};
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    sizes.push_back(batch.size());
+    if (sizes.size() == 1) {
+      std::thread others([&] {
+        for (int i = 0; i < 10; ++i) {
+          posted.Post(group);
+        }
+        reports_while_held = posted.Reports();
+      });
+      others.join();
+    }
+    SucceedAll(batch);
+  });
+  posted.Post(group);
+  EXPECT_EQ(reports_while_held, 0);
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 10}));
+  EXPECT_EQ(posted.Succeeded(), 11);
+}
+
+TEST(GroupCommitTest, AWaitingCallerTakesPostedWritesAlong) {
+  CPosted posted;
+  std::vector<std::size_t> sizes;
+  std::thread waits;
+  SqlWrite write;
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    sizes.push_back(batch.size());
+    if (sizes.size() == 1) {
+      waits = std::thread([&] { group.Run(write); });
+      std::thread([&] { posted.Post(group); }).join();
+      while (group.CountWaiting() < 2) {
+        std::this_thread::yield();
+      }
+    }
+    SucceedAll(batch);
+  });
+  SqlWrite first;
+  group.Run(first);
+  waits.join();
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 2}));
+  EXPECT_TRUE(write.succeeded);
+  EXPECT_EQ(posted.Succeeded(), 1);
+}
+
+TEST(GroupCommitTest, MemoryThatRunsOutFailsPostedWrites) {
+  CPosted posted;
+  CGroupCommit group([](const std::vector<SqlWrite*>& batch) {
+    SucceedAll(batch);
+    throw std::bad_alloc();
+  });
+  posted.Post(group);
+  EXPECT_EQ(posted.Reports(), 1);
+  EXPECT_EQ(posted.Succeeded(), 0);
+  EXPECT_EQ(posted.LastError(), "out of memory");
+}
+
+// Those who wait and those who do not, at once: each is told once.
+TEST(GroupCommitTest, EachPostedWriteIsReportedOnce) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 500;
+  CPosted posted;
+  std::atomic<int> running{0};
+  std::atomic<int> overlaps{0};
+  std::atomic<std::size_t> total{0};
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    overlaps += ++running > 1 ? 1 : 0;
+    total += batch.size();
+    SucceedAll(batch);
+    --running;
+  });
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        posted.Post(group);
+        posted.Post(group);
+        SqlWrite write;
+        group.Run(write);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(overlaps, 0);
+  EXPECT_EQ(total, std::size_t{3 * kThreads * kRounds});
+  EXPECT_EQ(posted.Succeeded(), 2 * kThreads * kRounds);
 }
 
 TEST(GroupCommitTest, OneBatchAtATime) {

@@ -28,6 +28,30 @@ TEST_F(SqliteConnectTest, RefusalsDoNotOutliveTheirStatement) {
   ASSERT_TRUE(connection_->Execute("VACUUM platform")) << ErrorOf(*connection_);
 }
 
+TEST_F(SqliteConnectTest, WhatIsExecutedLaterIsCommittedOrSaysWhyNot) {
+  std::string told;
+  const auto tell = [&told](const WriteResult& result) {
+    told += result.succeeded ? "done;" : std::to_string(result.code) + " " + result.error + ";";
+  };
+  connection_->ExecuteLater({"INSERT INTO platform.item (id) VALUES (1)", "INSERT INTO platform.item (id) VALUES (2)"},
+                            tell);
+  connection_->ExecuteLater({"INSERT INTO platform.item (id) VALUES (3)", "INSERT INTO platform.item (id) VALUES (1)"},
+                            tell);
+  EXPECT_EQ(told, "done;1555 UNIQUE constraint failed: item.id;");
+  EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item ORDER BY id", "id"), "1,2");
+}
+
+// Whoever is told may give the connection back, which closes the last one of its file.
+TEST_F(SqliteConnectTest, TheEndOfAConnectionMayComeWithItsWrite) {
+  connection_->ExecuteLater({"INSERT INTO platform.item (id) VALUES (1)"}, [this](const WriteResult& result) {
+    EXPECT_TRUE(result.succeeded);
+    connection_.reset();
+  });
+  ASSERT_EQ(connection_, nullptr);
+  connection_ = OpenSqlite(path_);
+  EXPECT_EQ(Column(*connection_, "SELECT id FROM platform.item", "id"), "1");
+}
+
 TEST_F(SqliteConnectTest, AnEmptyStatementInFrontChangesNothing) {
   ASSERT_TRUE(connection_->Execute(";ALTER TABLE platform.item ADD COLUMN five AS (5)")) << ErrorOf(*connection_);
   ASSERT_TRUE(Insert(1));
