@@ -10,42 +10,44 @@
 #include <string_view>
 #include <utility>
 
+#include "StorageServer/ObjectServer/HandedLocks.h"
 #include "TansyBase/MessageLoop.h"
 
 namespace Tansy::CloudStorage {
 
 // Serialises work on one name, while work on different names goes on side by side: each name belongs to one of
-// `Stripes` mutexes. A thread may hold one name or all of them, never two. Whoever waits lets a spare thread of its
-// message loop take its place, because names are held while the database commits. Threads: any.
+// `Stripes` mutexes. A thread may lock one name or all of them, never two; what it holds may be handed to another
+// thread and released there. Whoever waits lets a spare thread of its message loop take its place, because names are
+// held while the database commits. Threads: any.
 template <std::size_t Stripes>
 class CKeyLocks {
  public:
   class Guard {
    public:
     // Tells which mutex stands for the name.
-    const std::mutex* Stripe() const { return name_.mutex(); }
+    const CHandedMutex* Stripe() const { return name_.mutex(); }
 
    private:
     friend class CKeyLocks;
-    Guard(std::shared_lock<std::shared_mutex> some, std::unique_lock<std::mutex> name)
+    Guard(std::shared_lock<CHandedSharedMutex> some, std::unique_lock<CHandedMutex> name)
         : some_(std::move(some)), name_(std::move(name)) {}
 
-    std::shared_lock<std::shared_mutex> some_;
-    std::unique_lock<std::mutex> name_;
+    std::shared_lock<CHandedSharedMutex> some_;
+    std::unique_lock<CHandedMutex> name_;
   };
-  using AllGuard = std::unique_lock<std::shared_mutex>;
+  using AllGuard = std::unique_lock<CHandedSharedMutex>;
 
   // Locks a name of a group ("bucket" and "key"); the group may be empty.
   [[nodiscard]] Guard Lock(std::string_view group, std::string_view name) {
     const std::hash<std::string_view> hash;
-    std::shared_lock<std::shared_mutex> some(all_, std::defer_lock);
+    std::shared_lock<CHandedSharedMutex> some(all_, std::defer_lock);
     if (wanted_by_ != 0 || !some.try_lock()) {
       // Somebody wants all names, or has them; turn_ is free once nobody waits for them any more.
       const TansyBase::CBlockingScope blocking;
       const std::lock_guard<std::mutex> turn(turn_);
       some.lock();
     }
-    std::unique_lock<std::mutex> one(stripes_[(hash(group) * 31 + hash(name)) % Stripes], std::defer_lock);
+    std::unique_lock<CHandedMutex> one(stripes_[(hash(group) * 31 + hash(name)) % Stripes], std::defer_lock);
     TansyBase::LockWhileBlocking(one);
     return Guard(std::move(some), std::move(one));
   }
@@ -67,8 +69,8 @@ class CKeyLocks {
  private:
   std::atomic<int> wanted_by_{0};  // callers of LockAll that wait
   std::mutex turn_;                // held while one of them waits for all_
-  std::shared_mutex all_;          // shared by those who hold one name
-  std::array<std::mutex, Stripes> stripes_;
+  CHandedSharedMutex all_;         // shared by those who hold one name
+  std::array<CHandedMutex, Stripes> stripes_;
 };
 
 }  // namespace Tansy::CloudStorage

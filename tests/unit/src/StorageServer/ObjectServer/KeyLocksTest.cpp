@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fakes/HeldLoop.h"
@@ -34,7 +35,7 @@ void InThreads(Work work) {
 
 // Which mutex stands for a name.
 template <std::size_t Stripes>
-const std::mutex* StripeOf(CKeyLocks<Stripes>& locks, const std::string& group, const std::string& name) {
+const CHandedMutex* StripeOf(CKeyLocks<Stripes>& locks, const std::string& group, const std::string& name) {
   return locks.Lock(group, name).Stripe();
 }
 
@@ -52,8 +53,8 @@ TEST(KeyLocks, PutsWorkOnOneNameInLine) {
 
 TEST(KeyLocks, HasOneMutexANameAndUsesAllOfThem) {
   CKeyLocks<32> locks;
-  std::set<const std::mutex*> by_name;
-  std::set<const std::mutex*> by_group;
+  std::set<const CHandedMutex*> by_name;
+  std::set<const CHandedMutex*> by_group;
   for (int i = 0; i < 1000; ++i) {
     const std::string text = std::to_string(i);
     EXPECT_EQ(StripeOf(locks, "bucket", text), StripeOf(locks, "bucket", text));
@@ -62,6 +63,39 @@ TEST(KeyLocks, HasOneMutexANameAndUsesAllOfThem) {
   }
   EXPECT_EQ(by_name.size(), 32U);
   EXPECT_EQ(by_group.size(), 32U);
+}
+
+// A write goes on, and ends, on whatever thread commits it.
+TEST(KeyLocks, AnotherThreadMayReleaseAName) {
+  CKeyLocks<8> locks;
+  int count = 0;  // guarded by the name's lock alone
+  InThreads([&](int) {
+    for (int round = 0; round < kRounds / 20; ++round) {
+      auto guard = std::make_unique<CKeyLocks<8>::Guard>(locks.Lock("bucket", "key"));
+      std::thread([&count, held = std::move(guard)] { ++count; }).join();
+    }
+  });
+  EXPECT_EQ(count, kThreads * (kRounds / 20));
+  const auto all = locks.LockAll();
+}
+
+TEST(KeyLocks, WhoWantsAllWaitsForANameThatWasHandedOn) {
+  CKeyLocks<8> locks;
+  auto guard = std::make_unique<CKeyLocks<8>::Guard>(locks.Lock("bucket", "key"));
+  std::atomic<bool> released{false};
+  std::promise<void> wants_all;
+  std::thread other([&, held = std::move(guard)]() mutable {
+    wants_all.get_future().wait();
+    released = true;
+    held.reset();
+  });
+  std::thread all([&] {
+    wants_all.set_value();
+    const auto every = locks.LockAll();
+    EXPECT_TRUE(released);
+  });
+  other.join();
+  all.join();
 }
 
 TEST(KeyLocks, HoldsEveryNameAtOnce) {
