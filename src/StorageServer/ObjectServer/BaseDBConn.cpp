@@ -1,5 +1,8 @@
 #include "StorageServer/ObjectServer/BaseDBConn.h"
 
+#include <new>
+#include <utility>
+
 #include "ModuleLog.h"
 #include "db_layer/DbLayer.h"
 
@@ -10,6 +13,24 @@ namespace {
 
 // The name under which the host's database library knows the module; it stands for the database of the platform itself.
 constexpr const char* kDatabaseModule = "platform";
+
+std::string Joined(const std::vector<std::string>& statements) {
+  std::string all;
+  for (const std::string& sql : statements) {
+    all += (all.empty() ? "" : "; ") + sql;
+  }
+  return all;
+}
+
+void LogFailure(const Caller& caller, const db_layer::WriteResult& result,
+                const std::vector<std::string>& statements) noexcept {
+  try {
+    CLOUD_LOG_FOR(caller, logging::kDatabase, "[%s]Execute failed, errorcode:%d, errorinfo:%s, sql:%s[%s(%d)]",
+                  result.code, result.error.c_str(), Joined(statements).c_str());
+  } catch (const std::bad_alloc&) {
+    return;  // the caller learns of the failure all the same
+  }
+}
 
 }  // namespace
 }  // namespace details
@@ -44,16 +65,9 @@ bool CBaseDBLayerConn::Execute(const std::string& sql) {
 }
 
 bool CBaseDBLayerConn::Execute(const std::vector<std::string>& statements) {
-  const auto text = [&statements] {
-    std::string all;
-    for (const std::string& sql : statements) {
-      all += (all.empty() ? "" : "; ") + sql;
-    }
-    return all;
-  };
   const std::shared_ptr<db_layer::CConnect> connection = ApplyConn();
   if (!connection) {
-    CLOUD_LOG(logging::kDatabase, "[%s]apply conn failed, sql = %s[%s(%d)]", text().c_str());
+    CLOUD_LOG(logging::kDatabase, "[%s]apply conn failed, sql = %s[%s(%d)]", details::Joined(statements).c_str());
     return false;
   }
   const bool one = statements.size() == 1;
@@ -61,10 +75,27 @@ bool CBaseDBLayerConn::Execute(const std::vector<std::string>& statements) {
     std::string error;
     const int code = connection->GetLastError(error);
     CLOUD_LOG(logging::kDatabase, "[%s]Execute failed, errorcode:%d, errorinfo:%s, sql:%s[%s(%d)]", code, error.c_str(),
-              text().c_str());
+              details::Joined(statements).c_str());
     return false;
   }
   return true;
+}
+
+void CBaseDBLayerConn::Execute(const std::vector<std::string>& statements, Done done) {
+  const std::shared_ptr<db_layer::CConnect> connection = ApplyConn();
+  if (!connection) {
+    CLOUD_LOG(logging::kDatabase, "[%s]apply conn failed, sql = %s[%s(%d)]", details::Joined(statements).c_str());
+    done(false);
+    return;
+  }
+  const auto report = [statements, done = std::move(done),
+                       caller = CLOUD_LOG_CALLER](const db_layer::WriteResult& result) {
+    if (!result.succeeded) {
+      details::LogFailure(caller, result, statements);
+    }
+    done(result.succeeded);
+  };
+  connection->ExecuteLater(statements, report);
 }
 
 }  // namespace Tansy::CloudStorage

@@ -1,6 +1,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BASE_DB_CONN_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_BASE_DB_CONN_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,6 +36,10 @@ class CBaseDBLayerConn : private TansyBase::CNoncopyable {
   bool Execute(const std::string& sql);
   // Runs statements without rows in one transaction: all of them are committed, or none.
   bool Execute(const std::vector<std::string>& statements);
+  // The same, but may return before they are committed. `done` is called once with the result: before this returns, or
+  // later on another thread, on which other writers wait meanwhile. An exception means that it will not be called.
+  using Done = std::function<void(bool succeeded)>;
+  void Execute(const std::vector<std::string>& statements, Done done);
 
  private:
   friend class CSingleton<CBaseDBLayerConn>;

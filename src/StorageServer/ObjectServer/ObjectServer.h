@@ -163,6 +163,8 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // Parts of HandleUploadObject. They return 0 or the error code to answer; `object` gets its url and size.
   static int ReceiveStream(ObjectInfo& object, std::int32_t session_id, const ObjectRequest& request);
   static int StoreWhole(ObjectInfo& object, const ObjectRequest& request);
+  // Answers an upload once its row is there, or has failed.
+  void AnswerUpload(std::int32_t session_id, bool added) noexcept;
 
   // Parts of HandleDownloadObject.
   std::optional<int> SendObject(std::int32_t session_id, const ObjectRequest& request, const ObjectInfo& object,

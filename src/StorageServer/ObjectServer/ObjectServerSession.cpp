@@ -56,6 +56,22 @@ bool ExecuteAndEndTask(const std::string& sql, const std::string& ended_task) {
   return CBaseDBLayerConn::Instance().Execute(statements);
 }
 
+// Time and url of a new object are the server's own texts and go in as they are.
+std::string InsertText(const ObjectInfo& object) {
+  return StringUtil::str_fmt(
+      "INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) "
+      "VALUES (%d, '%s', '%s', "
+      "'%s', %d, '%s', '%s') ",
+      ToInt(object.id), Protect(object.guid).c_str(), Protect(object.name).c_str(), Protect(object.bucket_name).c_str(),
+      ToInt(object.size), object.update_time.c_str(), object.url.c_str());
+}
+
+std::string UpdateText(const ObjectInfo& object) {
+  return StringUtil::str_fmt("UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;",
+                             ToInt(object.size), Protect(object.update_time).c_str(), Protect(object.url).c_str(),
+                             ToInt(object.id));
+}
+
 std::string DeleteObjectsText(const std::string& bucket_name) {
   return StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s';", Protect(bucket_name).c_str());
 }
@@ -212,30 +228,34 @@ bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& bucket
 }
 
 bool CObjectServerSession::CreateObject(ObjectInfo& object, const std::string& ended_task) {
+  return TakeObjectId(object, CLOUD_LOG_CALLER) && details::ExecuteAndEndTask(details::InsertText(object), ended_task);
+}
+
+void CObjectServerSession::CreateObject(ObjectInfo& object, Done done) {
+  if (!TakeObjectId(object, CLOUD_LOG_CALLER)) {
+    done(false);
+    return;
+  }
+  CBaseDBLayerConn::Instance().Execute({details::InsertText(object)}, std::move(done));
+}
+
+bool CObjectServerSession::TakeObjectId(ObjectInfo& object, const details::Caller& caller) {
   const std::uint32_t id = QueryNextID("platform.local_object_id_seq", "platform.local_object");
   if (id == kInvalidId) {
     // Fixed: docs/compatibility.md, "Log texts".
-    CLOUD_LOG(logging::kError, "[%s]CreateBucket failed, query next id failed[%s(%d)]");
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]CreateBucket failed, query next id failed[%s(%d)]");
     return false;
   }
   object.id = id;
-  // Time and url are the server's own texts and go in as they are.
-  return details::ExecuteAndEndTask(
-      StringUtil::str_fmt("INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) "
-                          "VALUES (%d, '%s', '%s', "
-                          "'%s', %d, '%s', '%s') ",
-                          details::ToInt(object.id), details::Protect(object.guid).c_str(),
-                          details::Protect(object.name).c_str(), details::Protect(object.bucket_name).c_str(),
-                          details::ToInt(object.size), object.update_time.c_str(), object.url.c_str()),
-      ended_task);
+  return true;
 }
 
 bool CObjectServerSession::UpdateObject(const ObjectInfo& object, const std::string& ended_task) {
-  return details::ExecuteAndEndTask(
-      StringUtil::str_fmt("UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;",
-                          details::ToInt(object.size), details::Protect(object.update_time).c_str(),
-                          details::Protect(object.url).c_str(), details::ToInt(object.id)),
-      ended_task);
+  return details::ExecuteAndEndTask(details::UpdateText(object), ended_task);
+}
+
+void CObjectServerSession::UpdateObject(const ObjectInfo& object, Done done) {
+  CBaseDBLayerConn::Instance().Execute({details::UpdateText(object)}, std::move(done));
 }
 
 bool CObjectServerSession::DeleteObjectByBucket(const std::string& bucket_name) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "ModuleLog.h"
 #include "StorageServer/ObjectServer/CatalogueRecords.h"
 
 namespace Tansy::CloudStorage {
@@ -40,6 +41,12 @@ class CObjectServerSession {
   // When `ended_task` names an upload task, its rows go in the same step, because the task has become this object.
   static bool CreateObject(ObjectInfo& object, const std::string& ended_task = {});
   static bool UpdateObject(const ObjectInfo& object, const std::string& ended_task = {});
+  // The same without an upload task; they may return before the change is committed. `done` is called once with the
+  // result: before they return, or later on another thread, on which other writers wait meanwhile. An exception means
+  // that it will not be called.
+  using Done = std::function<void(bool succeeded)>;
+  static void CreateObject(ObjectInfo& object, Done done);
+  static void UpdateObject(const ObjectInfo& object, Done done);
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
   // Shows the objects of a bucket one by one; the record lasts for that call. Returns false also when `take` runs out
@@ -55,6 +62,9 @@ class CObjectServerSession {
   // Gives the path prefix behind a four-character key. When the key is unknown, it returns true and leaves `url` as it
   // was.
   static bool GetUrlByEncryptUrl(std::string& url, const std::string& encrypt_url);
+
+ private:
+  static bool TakeObjectId(ObjectInfo& object, const details::Caller& caller);
 };
 
 }  // namespace Tansy::CloudStorage

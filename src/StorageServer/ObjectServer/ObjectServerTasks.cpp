@@ -10,11 +10,7 @@
 namespace Tansy::CloudStorage {
 
 namespace details {
-namespace {
 
-// Tells a client that its request will not be handled, and forgets its upload. A record that stayed would keep the
-// bytes that are stored already from being freed. When there is no memory even for an answer, the connection's time-out
-// tells the client.
 void EndRequest(std::int32_t handle) noexcept {
   try {
     CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));
@@ -24,7 +20,6 @@ void EndRequest(std::int32_t handle) noexcept {
   }
 }
 
-}  // namespace
 }  // namespace details
 
 CObjectMsgTask::CObjectMsgTask(std::int32_t server_handle, TansyNet::HttpServerRecv msg)

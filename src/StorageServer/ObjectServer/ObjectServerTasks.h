@@ -13,6 +13,15 @@
 
 namespace Tansy::CloudStorage {
 
+namespace details {
+
+// Tells a client that its request will not be handled, and forgets its upload. A record that stayed would keep the
+// bytes that are stored already from being freed. When there is no memory even for an answer, the connection's time-out
+// tells the client.
+void EndRequest(std::int32_t handle) noexcept;
+
+}  // namespace details
+
 // Brings a request to its handler. It holds the message, whose body is shared with the HTTP library and not copied.
 class CObjectMsgTask : public TansyBase::CTask {
  public:

@@ -1,9 +1,13 @@
 // Stores one object, whose body arrived as a whole or in pieces.
 #include <chrono>
+#include <exception>
+#include <memory>
+#include <utility>
 
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ObjectServer/ObjectServerTasks.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
@@ -41,12 +45,21 @@ int CObjectServer::HandleUploadObject(std::int32_t session_id, const ObjectReque
     return AnswerError(session_id, error);
   }
   // Until the row is there, only this record says that the bytes belong to an upload.
-  const details::CStreamRemoval removal(session_id);
+  auto removal = std::make_shared<const details::CStreamRemoval>(session_id);
   object.update_time = TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
-  if (!CObjectStorageManager::Instance().AddObject(object)) {
-    return AnswerError(session_id, kServerInternalError);
+  // While the database commits, this thread goes on with other requests, whose rows make up the next commit.
+  CObjectStorageManager::Instance().AddObject(
+      object, [this, session_id, removal = std::move(removal)](bool added) { AnswerUpload(session_id, added); });
+  return 0;
+}
+
+void CObjectServer::AnswerUpload(std::int32_t session_id, bool added) noexcept {
+  try {
+    added ? AnswerXml(session_id, {}) : AnswerError(session_id, kServerInternalError);
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", error.what(), session_id);
+    details::EndRequest(session_id);
   }
-  return AnswerXml(session_id, {});
 }
 
 // Waits until the storage has every byte. A round that ends early because a piece arrived does not count.

@@ -65,6 +65,11 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // When `ended_task` names the upload task that became this object, the task ends in the same step; the caller holds
   // the task's mutex.
   bool AddObject(ObjectInfo& object, const std::string& ended_task = {});
+  // The same without a task, but it may return before the object is there. `done` is called once with the result:
+  // before this returns, or later on another thread, on which other writers wait meanwhile. An exception
+  // (std::bad_alloc) means that it will not be called.
+  using Added = std::function<void(bool added)>;
+  void AddObject(const ObjectInfo& object, Added done);
   bool UpdateObject(ObjectInfo& object, const std::string& ended_task = {});
   bool GetObjectByName(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
   // The same when no change of the object is under way any more. A removal frees the bytes before the object is gone
@@ -148,9 +153,11 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   void ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept;
   void UndoRemoval(const ObjectInfo& object) noexcept;
   bool PutRowBack(const ObjectInfo& object);
-  // These two are for callers that hold the lock of the object's key.
-  bool CreateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock& held);
-  bool UpdateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock& held);
+  // An object on its way into the catalogue: BeginAdding, then the statement, then FinishAdding, with the key's lock
+  // held all the time.
+  struct Addition;
+  bool BeginAdding(Addition& addition, const details::Caller& caller);
+  bool FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept;
   void Publish(const std::string& bucket_name, CPackedObject::Pointer object,
                std::unique_ptr<CObjectTable> first_table = nullptr) noexcept;
   static constexpr std::uint32_t kNoRow = 0xFFFFFFFF;

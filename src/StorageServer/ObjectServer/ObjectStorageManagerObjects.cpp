@@ -1,6 +1,7 @@
 // The catalogue's objects.
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -13,6 +14,13 @@ namespace Tansy::CloudStorage {
 
 namespace details {
 namespace {
+
+// Whoever overwrites an object in the database updates it, also where it came as a new one.
+void LogFailedUpdate(const std::string& object_name) {
+  constexpr Caller kUpdate{"Tansy::CloudStorage::CObjectStorageManager::UpdateObject", __FILE__, __LINE__};
+  CLOUD_LOG_FOR(kUpdate, logging::kError, "[%s]update Object[%s] failed, db operate failed.[%s(%d)]",
+                object_name.c_str());
+}
 
 // Location texts that name a file end with this suffix, and begin with the key of their volume.
 constexpr std::string_view kFileSuffix = ".d";
@@ -41,44 +49,87 @@ CObjectTable* CObjectStorageManager::TableOf(const std::string& bucket_name) con
   return bucket != buckets_.end() ? bucket->second.objects.get() : nullptr;
 }
 
+// All memory is there before the statement is: once it is committed, lack of memory must not keep memory and database
+// from agreeing.
+struct CObjectStorageManager::Addition {
+  explicit Addition(const ObjectInfo& added) : object(added) {}
+
+  ObjectInfo object;  // as requests see it
+  ObjectInfo row;     // with the name that rows use for the bucket
+  bool is_new = false;
+  CPackedObject::Pointer packed;
+  std::unique_ptr<CObjectTable> first_table;
+  std::optional<KeyLock> key;
+};
+
 bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& ended_task) {
-  const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
-  if (!IsBucketExist(object.bucket_name)) {
-    CLOUD_LOG(logging::kError, "[%s]Add Object[%s] failed, bucket[%s] not exist.[%s(%d)]", object.name.c_str(),
-              object.bucket_name.c_str());
+  Addition addition(object);
+  if (!BeginAdding(addition, CLOUD_LOG_CALLER)) {
     return false;
   }
-  ObjectInfo stored;
-  if (GetObjectByName(stored, object.name, object.bucket_name)) {
-    if (!UpdateObject(object, ended_task, name_lock)) {
-      return false;
-    }
-  } else if (!CreateObject(object, ended_task, name_lock)) {
-    CLOUD_LOG(logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
+  const bool committed = addition.is_new ? CObjectServerSession::CreateObject(addition.row, ended_task)
+                                         : CObjectServerSession::UpdateObject(addition.row, ended_task);
+  if (!FinishAdding(addition, committed, CLOUD_LOG_CALLER)) {
     return false;
   }
+  object.id = addition.row.id;
   EndTask(ended_task);
   return true;
 }
 
-// What memory needs is made before the row: once the row is there, lack of memory must not keep memory and database
-// from agreeing.
-bool CObjectStorageManager::CreateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock&) {
-  CPackedObject::Pointer packed = CPackedObject::Make(object);
-  std::unique_ptr<CObjectTable> first_table;
-  {
-    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
-    first_table = TableOf(object.bucket_name) == nullptr ? std::make_unique<CObjectTable>() : nullptr;
+void CObjectStorageManager::AddObject(const ObjectInfo& object, Added done) {
+  const auto addition = std::make_shared<Addition>(object);
+  if (!BeginAdding(*addition, CLOUD_LOG_CALLER)) {
+    done(false);
+    return;
   }
-  ObjectInfo row = object;
-  row.bucket_name = RowName(object.bucket_name);
-  if (!CObjectServerSession::CreateObject(row, ended_task)) {
+  auto finish = [this, addition, done = std::move(done), caller = CLOUD_LOG_CALLER](bool committed) {
+    const bool added = FinishAdding(*addition, committed, caller);
+    addition->key.reset();
+    done(added);
+  };
+  if (addition->is_new) {
+    CObjectServerSession::CreateObject(addition->row, std::move(finish));
+  } else {
+    CObjectServerSession::UpdateObject(addition->row, std::move(finish));
+  }
+}
+
+bool CObjectStorageManager::BeginAdding(Addition& addition, const details::Caller& caller) {
+  const ObjectInfo& object = addition.object;
+  addition.key.emplace(object_locks_.Lock(object.bucket_name, object.name));
+  if (!IsBucketExist(object.bucket_name)) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]Add Object[%s] failed, bucket[%s] not exist.[%s(%d)]",
+                  object.name.c_str(), object.bucket_name.c_str());
     return false;
   }
-  object.id = row.id;
-  packed->SetId(row.id);
-  Publish(object.bucket_name, std::move(packed), std::move(first_table));
+  ObjectInfo stored;
+  addition.is_new = !GetObjectByName(stored, object.name, object.bucket_name);
+  if (!addition.is_new) {
+    addition.object.id = stored.id;
+  }
+  addition.packed = CPackedObject::Make(object);
+  addition.row = object;
+  addition.row.bucket_name = RowName(object.bucket_name);
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  if (TableOf(object.bucket_name) == nullptr) {
+    addition.first_table = std::make_unique<CObjectTable>();
+  }
   return true;
+}
+
+bool CObjectStorageManager::FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept {
+  const ObjectInfo& object = addition.object;
+  if (committed) {
+    addition.packed->SetId(addition.row.id);
+    Publish(object.bucket_name, std::move(addition.packed), std::move(addition.first_table));
+  } else if (addition.is_new) {
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]Add object[%s] failed, db operation failed.[%s(%d)]",
+                  object.name.c_str());
+  } else {
+    details::LogFailedUpdate(object.name);
+  }
+  return committed;
 }
 
 // Lets look-ups find an object whose row is there. The lock of its key keeps the bucket.
@@ -96,10 +147,7 @@ void CObjectStorageManager::Publish(const std::string& bucket_name, CPackedObjec
 }
 
 bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task) {
-  return UpdateObject(object, ended_task, object_locks_.Lock(object.bucket_name, object.name));
-}
-
-bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task, const KeyLock&) {
+  const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
   {
     const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
     const CObjectTable* const table = TableOf(object.bucket_name);
@@ -115,7 +163,7 @@ bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& 
   }
   CPackedObject::Pointer replacement = CPackedObject::Make(object);
   if (!CObjectServerSession::UpdateObject(object, ended_task)) {
-    CLOUD_LOG(logging::kError, "[%s]update Object[%s] failed, db operate failed.[%s(%d)]", object.name.c_str());
+    details::LogFailedUpdate(object.name);
     return false;
   }
   Publish(object.bucket_name, std::move(replacement));

@@ -8,10 +8,12 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "CatalogueFixture.h"
+#include "db_layer/CommitBarrier.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -438,6 +440,137 @@ TEST_F(ObjectStorageManagerParallel, ARemovalBesideAnUploadComesAfterIt) {
       [&] { EXPECT_TRUE(manager_.RemoveObject("key", "bucket")); });
   EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
   EXPECT_EQ(Rows("name"), Texts{});
+}
+
+// Uploads whose threads do not wait for their commit.
+class ObjectStorageManagerLater : public ObjectStorageManagerParallel {
+ protected:
+  void SetUp() override { MakeBucket("bucket"); }
+
+  void AddLater(const ObjectInfo& object) {
+    manager_.AddObject(object, [this](bool added) { ++(added ? added_ : refused_); });
+  }
+
+  std::atomic<int> added_{0};
+  std::atomic<int> refused_{0};
+};
+
+TEST_F(ObjectStorageManagerLater, AnObjectIsThereWhenItsRowIs) {
+  RunBeside(
+      "INSERT", [this] { AddLater(Object("bucket", "key")); },
+      [this] {
+        ObjectInfo object;
+        EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket")) << "seen before its row is committed";
+        EXPECT_EQ(added_, 0);
+      });
+  EXPECT_EQ(added_, 1);
+  EXPECT_EQ(Find("bucket", "key").url, "fs01ab-cd-key.d");
+  EXPECT_EQ(Rows("name"), Texts{"key"});
+  EXPECT_EQ(Rows("id"), Texts{std::to_string(Find("bucket", "key").id)});
+}
+
+TEST_F(ObjectStorageManagerLater, AnOverwriteIsThereWhenItsRowIs) {
+  const ObjectInfo first = MakeObject("bucket", "key");
+  ObjectInfo second = Object("bucket", "key");
+  second.url = "second";
+  RunBeside(
+      "UPDATE", [&] { AddLater(second); }, [&] { EXPECT_EQ(Find("bucket", "key").url, first.url); });
+  EXPECT_EQ(added_, 1);
+  EXPECT_EQ(Find("bucket", "key").url, "second");
+  EXPECT_EQ(Find("bucket", "key").id, first.id);
+  EXPECT_EQ(Rows("url"), Texts{"second"});
+}
+
+// While another upload is being committed, whoever adds goes on at once, and the thread that commits ends the addition.
+// Its key stays locked until then.
+TEST_F(ObjectStorageManagerLater, AnUploadEndsOnTheThreadThatCommits) {
+  MakeObject("bucket", "before");  // from here on, ids are at hand without a commit
+  std::promise<void> commits;
+  std::promise<void> go_on;
+  std::atomic<bool> is_first{true};
+  db_layer::SetCommitBarrier([&](const std::vector<std::string_view>&, std::string&) {
+    if (is_first.exchange(false)) {
+      commits.set_value();
+      go_on.get_future().wait();
+    }
+    return true;
+  });
+  std::thread other([this] { AddLater(Object("bucket", "other")); });
+  commits.get_future().wait();
+  std::promise<std::thread::id> ends;
+  manager_.AddObject(Object("bucket", "key"), [&](bool added) {
+    ++(added ? added_ : refused_);
+    ends.set_value(std::this_thread::get_id());
+  });
+  EXPECT_EQ(added_, 0);
+  ObjectInfo object;
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+  // A removal that does not wait finds nothing, and the object stays.
+  std::future<void> removal =
+      std::async(std::launch::async, [this] { EXPECT_TRUE(manager_.RemoveObject("key", "bucket")); });
+  EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  const std::thread::id committer = other.get_id();
+  go_on.set_value();
+  removal.wait();
+  other.join();
+  db_layer::SetCommitBarrier(nullptr);
+  EXPECT_EQ(ends.get_future().get(), committer);
+  EXPECT_EQ(added_, 2);
+  EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+  EXPECT_EQ(Rows("name"), (Texts{"before", "other"}));
+}
+
+TEST_F(ObjectStorageManagerLater, WhatTheDatabaseRefusesIsNotThere) {
+  const ObjectInfo kept = MakeObject("bucket", "kept");
+  for (const char* refused : {"nextval", "INSERT", "UPDATE"}) {
+    StartOver();
+    database_.FailStatementsWith(refused);
+    const bool is_update = std::string(refused) == "UPDATE";
+    ObjectInfo object = Object("bucket", is_update ? "kept" : "key");
+    object.url = "other";
+    AddLater(object);
+    database_.Heal();
+    if (is_update) {
+      ExpectLine(5, "CObjectStorageManager::UpdateObject", "[%s]update Object[%s] failed, db operate failed.[%s(%d)]",
+                 "update Object[kept] failed, db operate failed.");
+    } else {
+      ExpectLine(5, "CObjectStorageManager::AddObject", "[%s]Add object[%s] failed, db operation failed.[%s(%d)]",
+                 "Add object[key] failed, db operation failed.");
+    }
+    EXPECT_FALSE(manager_.GetObjectByName(object, "key", "bucket"));
+  }
+  EXPECT_EQ(refused_, 3);
+  EXPECT_EQ(Find("bucket", "kept").url, kept.url);
+  EXPECT_EQ(Rows("name"), Texts{"kept"});
+}
+
+TEST_F(ObjectStorageManagerLater, AMissingBucketTakesNothing) {
+  AddLater(Object("missing", "key"));
+  EXPECT_EQ(refused_, 1);
+  ExpectLine(5, "CObjectStorageManager::AddObject", "[%s]Add Object[%s] failed, bucket[%s] not exist.[%s(%d)]",
+             "Add Object[key] failed, bucket[missing] not exist.");
+}
+
+// Each change is committed on one thread and perhaps finished on another.
+TEST_F(ObjectStorageManagerLater, UploadsAndRemovalsAtOnceAgreeAtTheEnd) {
+  const Texts names = {"a", "b", "c", "d"};
+  std::atomic<int> failures{0};
+  InThreads(6, [&](int i) {
+    for (int round = 0; round < 40; ++round) {
+      const std::string& name = names[static_cast<std::size_t>(round + i) % names.size()];
+      ObjectInfo object = Object("bucket", name);
+      object.url = "by " + std::to_string(i) + " in " + std::to_string(round);
+      if ((round * 7 + i) % 3 == 0) {
+        failures += manager_.RemoveObject(name, "bucket") ? 0 : 1;
+      } else {
+        AddLater(object);
+      }
+    }
+  });
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(refused_, 0);
+  EXPECT_EQ(added_, 160);
+  ExpectAgreement("bucket", names);
 }
 
 TEST_F(ObjectStorageManagerParallel, TheRemovalOfABucketComesAfterAnUploadUnderWay) {
