@@ -40,10 +40,13 @@ if ((EUID != 0)); then
 fi
 
 echo "dependencies: installing ${missing[*]}"
-# The tests start PostgreSQL by themselves. Its package would make a database of the machine's own and start it.
-if [[ " ${missing[*]} " == *" postgresql-15 "* && ! -e /etc/postgresql-common/createcluster.conf ]]; then
-  "${as_root[@]}" mkdir -p /etc/postgresql-common/createcluster.d
-  echo "create_main_cluster = false" | "${as_root[@]}" tee /etc/postgresql-common/createcluster.d/tansy.conf >/dev/null
+# The tests start PostgreSQL by themselves. Its package would make a database of the machine's own and start it, unless it
+# is told not to while it is installed.
+no_cluster=/etc/postgresql-common/createcluster.d/tansy-dependencies.conf
+if [[ " ${missing[*]} " == *" postgresql-15 "* ]]; then
+  "${as_root[@]}" mkdir -p "${no_cluster%/*}"
+  echo "create_main_cluster = false" | "${as_root[@]}" tee "$no_cluster" >/dev/null
+  trap '"${as_root[@]}" rm -f "$no_cluster"' EXIT
 fi
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
