@@ -67,10 +67,9 @@ class CGroupCommit {
 
   const Executor executor_;
   mutable std::mutex mutex_;
-  // Everything below is guarded by mutex_. Where writes wait, there is a leader, or a task that will lead, or a leader
-  // of before that looks for them.
+  // Everything below is guarded by mutex_. Where writes wait, there is a leader, or a leader of before that looks for
+  // them.
   bool has_leader_ = false;
-  bool is_lead_posted_ = false;
   std::vector<Waiter*> waiting_;
   PostedWrites posted_;
 };
