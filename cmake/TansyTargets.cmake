@@ -49,14 +49,15 @@ function(tansy_test_options target)
   endif()
 endfunction()
 
-# tansy_unit_test(<name> SOURCES <files> LINK <libraries> [ON_POSTGRESQL <filter>] [WITHOUT_POSTGRESQL <filter>] [ON_CEPH <filter>])
+# tansy_unit_test(<name> SOURCES <files> LINK <libraries> [ON_POSTGRESQL <filter>] [WITHOUT_POSTGRESQL <filter>] [ON_CEPH <filter>]
+#                 [ON_CEPH_TOO <filter>])
 #
 # A GoogleTest program; each of its cases becomes one ctest entry, found when ctest runs. ON_POSTGRESQL: these cases run
 # once more with a PostgreSQL server of their own, as one entry, because each process starts a server.
 # WITHOUT_POSTGRESQL: these cases run there only. ON_CEPH: these cases need a Ceph cluster, and run as one entry for the same
-# reason.
+# reason. ON_CEPH_TOO: these cases keep bytes in a pool there, and in a folder elsewhere.
 function(tansy_unit_test name)
-  cmake_parse_arguments(ARG "" "ON_POSTGRESQL;WITHOUT_POSTGRESQL;ON_CEPH" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "ON_POSTGRESQL;WITHOUT_POSTGRESQL;ON_CEPH;ON_CEPH_TOO" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   tansy_test_options(${name})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests")
@@ -74,7 +75,7 @@ function(tansy_unit_test name)
   endif()
   if(ARG_ON_CEPH)
     target_link_libraries(${name} PRIVATE TansyTestCeph)
-    tansy_ceph_test(${name} "${ARG_ON_CEPH}" unit)
+    tansy_ceph_test(${name} "${ARG_ON_CEPH}:${ARG_ON_CEPH_TOO}" unit)
   endif()
 endfunction()
 
@@ -92,5 +93,6 @@ endfunction()
 # One ctest entry that runs these cases of a program on a Ceph cluster of their own.
 function(tansy_ceph_test name filter label)
   add_test(NAME ceph.${name} COMMAND ${name} "--gtest_filter=${filter}")
-  set_tests_properties(ceph.${name} PROPERTIES TIMEOUT 300 LABELS "${label};ceph" RESOURCE_LOCK ceph)
+  set_tests_properties(ceph.${name} PROPERTIES TIMEOUT 300 LABELS "${label};ceph" RESOURCE_LOCK ceph
+                                              ENVIRONMENT TANSY_TEST_STORAGE=rados)
 endfunction()

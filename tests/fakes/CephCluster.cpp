@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{90};
 constexpr std::chrono::milliseconds kLookAgain{50};
+constexpr int kGroups = 8;  // placement groups of the pool
 
 bool IsFree(std::uint16_t port) {
   const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -85,7 +86,7 @@ CCephCluster::CCephCluster() : port_(FreePort()), cluster_id_(NewUuid()) {
   }
   RunCommands(commands + "osd pool create " + kPool + "\n");
   for (int osd = 0; osd < kOsds; ++osd) {
-    MakeOsd(osd, true);
+    MakeOsd(osd);
     StartOsd(osd);
   }
   WaitForOsds();
@@ -120,11 +121,13 @@ void CCephCluster::WriteSettings() {
        << "/$name.log\nadmin_socket =\ncrash_dir = " << folder << "\nmon_cluster_log_file = " << folder
        << "/cluster.log\nauth_allow_insecure_global_id_reclaim = false\n"
           "osd_pool_default_size = 2\nosd_pool_default_min_size = 1\nosd_crush_chooseleaf_type = 0\n"
-          "osd_pool_default_pg_num = 8\nosd_pool_default_pgp_num = 8\nosd_pool_default_pg_autoscale_mode = off\n"
+          "osd_pool_default_pg_autoscale_mode = off\nosd_pool_default_pg_num = "
+       << kGroups << "\nosd_pool_default_pgp_num = " << kGroups
+       << "\n"
           // All OSDs are on one machine, and its disk may be rather full.
           "mon_osd_min_down_reporters = 1\nmon_data_avail_warn = 1\nmon_data_avail_crit = 1\n"
-          // An OSD that says nothing counts as dead after four seconds; by default these are twenty.
-          "osd_heartbeat_interval = 1\nosd_heartbeat_grace = 4\nmon_osd_adjust_heartbeat_grace = false\n"
+          // An OSD that says nothing counts as dead after eight seconds; by default these are twenty.
+          "osd_heartbeat_interval = 1\nosd_heartbeat_grace = 8\nmon_osd_adjust_heartbeat_grace = false\n"
           "mon_osd_down_out_interval = 3600\nosd_crush_initial_weight = 1\n"
           "osd_objectstore = memstore\nmemstore_device_bytes = 1073741824\nosd_memory_target = 134217728\n"
        << "[mon.a]\nmon_data = " << folder << "/mon\n[osd]\nosd_data = " << folder
@@ -146,12 +149,11 @@ void CCephCluster::StartMonitor() {
   monitor_ = Begin({"ceph-mon", "-c", Conf(), "-i", "a", "-f"}, "mon.out");
 }
 
-void CCephCluster::MakeOsd(int osd, bool is_new) const {
+void CCephCluster::MakeOsd(int osd) const {
   const std::string name = "osd." + std::to_string(osd);
-  std::filesystem::remove_all(temp_.Path(name));
   std::filesystem::create_directory(temp_.Path(name));
   EXPECT_EQ(Run({"ceph-osd", "-c", Conf(), "-i", std::to_string(osd), "--mkfs", "--osd-uuid", osd_ids_.at(osd)}), 0)
-      << name << (is_new ? "" : " once more") << GetLog();
+      << GetLog();
 }
 
 void CCephCluster::StartOsd(int osd) {
@@ -213,12 +215,6 @@ void CCephCluster::SignalOsd(int osd, int signal) const {
 
 void CCephCluster::KillOsd(int osd) {
   EndNow(osds_.at(osd));
-}
-
-void CCephCluster::ReplaceOsd(int osd) {
-  MakeOsd(osd, false);
-  StartOsd(osd);
-  WaitForOsds();
 }
 
 void CCephCluster::SetFull(bool is_full) const {

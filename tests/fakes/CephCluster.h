@@ -45,10 +45,9 @@ class CCephCluster {
 
   void SignalMonitor(int signal) const;
   void SignalOsd(int osd, int signal) const;
+  // It does not come back: what it held has only one replica left, so the next failure would be one too many.
   void KillOsd(int osd);
-  // Starts an OSD that was killed, with nothing in it, and waits until it takes part again.
-  void ReplaceOsd(int osd);
-  // Waits until all OSDs take part.
+  // Waits until all OSDs take part, those that were frozen too.
   void WaitForOsds() const;
   // Makes the cluster count as full, or not any more; it takes a moment.
   void SetFull(bool is_full) const;
@@ -59,7 +58,7 @@ class CCephCluster {
   void WriteSettings();
   void RunCommands(const std::string& commands) const;
   void StartMonitor();
-  void MakeOsd(int osd, bool is_new) const;
+  void MakeOsd(int osd) const;
   void StartOsd(int osd);
   pid_t Begin(const std::vector<std::string>& arguments, const std::string& output) const;
   int Run(const std::vector<std::string>& arguments, const std::string& output = "tool.out") const;

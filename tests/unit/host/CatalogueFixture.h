@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -15,9 +16,12 @@
 #include "FileStore.h"
 #include "HostDatabase.h"
 #include "PostgresDatabase.h"
+#include "RadosPool.h"
+#include "RadosStore.h"
 #include "Schema.h"
 #include "SqliteFile.h"
 #include "db_layer/DbLayer.h"
+#include "fakes/CephCluster.h"
 #include "fakes/PostgresServer.h"
 #include "fakes/TempFolder.h"
 #include "fakes/TestDatabase.h"
@@ -37,7 +41,7 @@ class CatalogueFixture : public testing::Test {
       PrepareSqliteSchema("catalogue.db", SqliteSchemaScripts(), FileStoreVolumes());
     }
     ASSERT_TRUE(db_layer::Module_Register(Database(), "platform"));
-    store_ = OpenFileStore("objects", false);
+    store_ = OpenStore(EStoreUse::kServe);
   }
   void TearDown() override {
     db_layer::Module_Unregister("platform");
@@ -51,6 +55,21 @@ class CatalogueFixture : public testing::Test {
     const std::string url = is_on_server ? Tests::CPostgresServer::Shared().Url() : "sqlite:catalogue.db";
     EXPECT_EQ(ParseDatabaseUrl(url, param), "");
     return param;
+  }
+
+  // The store of this run: a folder, or a pool of the tests' cluster when TANSY_TEST_STORAGE says "rados".
+  std::unique_ptr<IObjectStore> OpenStore(EStoreUse use) {
+    const char* storage = std::getenv("TANSY_TEST_STORAGE");
+    if (storage == nullptr || std::string(storage) != "rados") {
+      return OpenFileStore("objects", false, use);
+    }
+    if (pool_ == nullptr) {
+      Tests::CCephCluster& cluster = Tests::CCephCluster::Shared();
+      RadosUrl url;
+      EXPECT_TRUE(ParseRadosUrl(cluster.Url(cluster.NewNamespace()), url));
+      pool_ = std::make_shared<CRadosPool>(url);
+    }
+    return OpenRadosStore(pool_, use);
   }
 
   static bool TryToRun(const std::string& sql) {
@@ -121,6 +140,7 @@ class CatalogueFixture : public testing::Test {
 
   std::filesystem::path started_in_ = std::filesystem::current_path();
   Tests::CTempFolder temp_;
+  std::shared_ptr<CRadosPool> pool_;  // null while bytes are in a folder
   std::unique_ptr<IObjectStore> store_;
 };
 

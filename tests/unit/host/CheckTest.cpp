@@ -20,7 +20,7 @@ class CheckTest : public CatalogueFixture {
     return Check(options);
   }
   int Check(CheckOptions options) {
-    const auto store = OpenFileStore("objects", false, options.repair ? EStoreUse::kRepair : EStoreUse::kLook);
+    const auto store = OpenStore(options.repair ? EStoreUse::kRepair : EStoreUse::kLook);
     if (options.unfinished) {
       options.unfinished = [&store, unfinished = options.unfinished](std::vector<StoredName>& names) {
         std::vector<StoredName> ignored;
@@ -31,7 +31,7 @@ class CheckTest : public CatalogueFixture {
     const int exit_code = RunCheck(*store, Database(), options, out);
     output_ = out.str();
     if (options.repair) {
-      store_ = OpenFileStore("objects", false);  // it was changed behind the back of this one
+      store_ = OpenStore(EStoreUse::kServe);  // it was changed behind the back of this one
     }
     return exit_code;
   }
@@ -49,6 +49,9 @@ class CheckTest : public CatalogueFixture {
   std::string output_;
 };
 
+// About files that are not in a pool: the body log, and temporary names.
+class CheckFilesTest : public CheckTest {};
+
 TEST_F(CheckTest, AWholeStoreHasNoFindings) {
   AddObject(1, "o", Store("12345"), 5);
   AddPart(1, "task", "p", Store("test"));
@@ -57,7 +60,7 @@ TEST_F(CheckTest, AWholeStoreHasNoFindings) {
   EXPECT_EQ(output_, "check: 3 rows, 3 stored files, 0 orphans (0 bytes), 0 freed, 0 damaged, 0 kept (0 bytes)\n");
 }
 
-TEST_F(CheckTest, OrphansAreListedAndFreedOnlyByRepair) {
+TEST_F(CheckFilesTest, OrphansAreListedAndFreedOnlyByRepair) {
   AddBigObject();
   const std::string orphan = Store("orphan");
   temp_.Write("objects/pc01/aa/bb/" + std::string(32, 'a') + ".tmp", "torn");
@@ -246,7 +249,7 @@ TEST_F(CheckTest, OrphansAreFoundAmongSmallBodiesAndFiles) {
   EXPECT_FALSE(IsStored(large));
 }
 
-TEST_F(CheckTest, ASmallObjectThatIsNotWhatWasStoredIsDamaged) {
+TEST_F(CheckFilesTest, ASmallObjectThatIsNotWhatWasStoredIsDamaged) {
   const std::string url = Store("what was stored");
   AddObject(1, "o", url, 15);
   AddObject(2, "p", Store("beside it"), 9);
@@ -267,7 +270,7 @@ TEST_F(CheckTest, ADamagedSmallBodyWithoutARowIsAnOrphan) {
   EXPECT_THAT(output_, HasSubstr("1 orphans (6 bytes), 1 freed, 0 damaged"));
 }
 
-TEST_F(CheckTest, AFileOfSmallBodiesInWhichNothingIsFoundIsAFinding) {
+TEST_F(CheckFilesTest, AFileOfSmallBodiesInWhichNothingIsFoundIsAFinding) {
   const std::string url = Store("o");
   AddObject(1, "o", url, 1);
   Damage("TANSYLOG");
@@ -281,7 +284,7 @@ TEST_F(CheckTest, AFileOfSmallBodiesInWhichNothingIsFoundIsAFinding) {
 // The check is another process: what it knows of the store is older than what it reads in the catalogue.
 TEST_F(CheckTest, SmallObjectsThatAreStoredMeanwhileAreNoFindings) {
   AddBigObject();
-  const auto look = OpenFileStore("objects", false, EStoreUse::kLook);
+  const auto look = OpenStore(EStoreUse::kLook);
   CheckOptions options;
   options.unfinished = [&look](std::vector<StoredName>& names) { return look->LookAgain(names); };
   AddObject(2, "added", Store("added"), 5);

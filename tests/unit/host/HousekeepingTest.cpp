@@ -22,7 +22,7 @@ class HousekeepingTest : public CatalogueFixture {
   void Restart() {
     housekeeping_.reset();
     store_.reset();
-    store_ = OpenFileStore("objects", false);
+    store_ = OpenStore(EStoreUse::kServe);
     housekeeping_ = std::make_unique<CHousekeeping>(
         std::shared_ptr<IObjectStore>(std::shared_ptr<void>(), store_.get()), rules_,
         [this](std::vector<std::string>& locations) {
@@ -47,6 +47,9 @@ class HousekeepingTest : public CatalogueFixture {
   bool running_is_known_ = true;
   bool stopping_ = false;
 };
+
+// About files that are not in a pool: the body log, and a file that cannot be written.
+class HousekeepingFilesTest : public HousekeepingTest {};
 
 TEST_F(HousekeepingTest, OverwrittenBytesAreFreedAfterTheirGraceAndNotBefore) {
   const std::string old_url = Store("old");
@@ -255,7 +258,7 @@ TEST_F(HousekeepingTest, WhatACrashLeftIsFreedAtTheNextStart) {
   EXPECT_TRUE(store_->GetNew(0).empty()) << "nothing is left to look at";
 }
 
-TEST_F(HousekeepingTest, TheRoomOfFreedSmallObjectsIsGivenBack) {
+TEST_F(HousekeepingFilesTest, TheRoomOfFreedSmallObjectsIsGivenBack) {
   const auto stored_bytes = [this] {
     std::uintmax_t bytes = 0;
     for (const auto& item : std::filesystem::recursive_directory_iterator(temp_.Path("objects"))) {
@@ -346,7 +349,7 @@ TEST_F(HousekeepingTest, ACrashDoesNotMakeWhatWaitsWaitLonger) {
   EXPECT_FALSE(IsStored(url));
 }
 
-TEST_F(HousekeepingTest, AnUploadWhoseLaterPieceFailsGivesItsSpaceBackAtOnce) {
+TEST_F(HousekeepingFilesTest, AnUploadWhoseLaterPieceFailsGivesItsSpaceBackAtOnce) {
   StoredName name;
   ASSERT_EQ(store_->SaveAt(name, 0, "first piece", 11), EStoreResult::kDone);
   StoredName task;

@@ -1,8 +1,10 @@
 #include "RadosPlace.h"
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "CatalogueFixture.h"
 #include "StartFailure.h"
@@ -98,6 +100,34 @@ TEST_F(RadosPlaceTest, ARestartAfterACrashTakesItsLockOver) {
             "");
   EnterOtherFolder();
   EXPECT_THAT(Refusal([&] { Open(name_space_)->ExpectFree(); }), HasSubstr("in use"));
+}
+
+// As after a minute in which the first one could not reach the cluster.
+TEST_F(RadosPlaceTest, WhoHasLostThePoolWritesNothingThereAnyMore) {
+  RadosUrl url;
+  ASSERT_TRUE(ParseRadosUrl(cluster_.Url(name_space_), url));
+  const auto pool = std::make_shared<CRadosPool>(url);
+  CRadosLock first(pool, "first");
+  std::string holder;
+  ASSERT_EQ(first.Take(holder), 0);
+  const auto other_pool = std::make_shared<CRadosPool>(url);
+  std::vector<CRadosPool::Holder> holders;
+  ASSERT_EQ(other_pool->GetHolders("store.lock", holders), 0);
+  ASSERT_EQ(holders.size(), 1U);
+  CRadosLock second(other_pool, "second");
+  EXPECT_EQ(second.Take(holder), EBUSY);
+  EXPECT_EQ(holder, "first");
+  ASSERT_EQ(other_pool->BreakLock("store.lock", holders[0]), 0);
+  ASSERT_EQ(second.Take(holder), 0);
+  EXPECT_FALSE(pool->IsReadOnly());
+  first.Wake();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!pool->IsReadOnly() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(pool->IsReadOnly());
+  EXPECT_EQ(pool->WriteText("text", "x"), EROFS);
+  EXPECT_EQ(other_pool->WriteText("text", "x"), 0);
 }
 
 TEST_F(RadosPlaceTest, AUserWithoutTheRightsIsRefused) {
