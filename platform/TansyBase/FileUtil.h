@@ -25,6 +25,9 @@ class FileUtil {
   static int EnsureDirectory(const std::string& path);
   // Removes one file. Returns 0 or errno (a missing file is an error).
   static int RemoveFile(const std::string& path);
+  // Removes one file unless it is missing. Once 0 was returned, its name is gone from stable storage too, so that a
+  // power failure does not bring it back. Returns 0 or errno.
+  static int EnsureRemoved(const std::string& path);
   // Moves a file to the place of another in the same folder, which may be missing. After a crash the place holds either
   // the old file or the new one, never a mixture; once 0 was returned, it holds the new one. The content of `from` must
   // have been flushed before. Returns 0 or errno; after an error `from` still exists.

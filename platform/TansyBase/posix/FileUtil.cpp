@@ -62,6 +62,14 @@ int FileUtil::RemoveFile(const std::string& path) {
   return unlink(NativePath(path).c_str()) == 0 ? 0 : errno;
 }
 
+int FileUtil::EnsureRemoved(const std::string& path) {
+  const int error = RemoveFile(path);
+  if (error == ENOENT) {
+    return 0;
+  }
+  return error == 0 ? SyncFolderOf(NativePath(path)) : error;
+}
+
 int FileUtil::MoveOver(const std::string& from, const std::string& to) {
   if (!IsPlainPath(from) || !IsPlainPath(to)) {
     return ENOENT;

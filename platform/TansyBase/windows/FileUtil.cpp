@@ -46,6 +46,11 @@ int FileUtil::RemoveFile(const std::string& path) {
   return _wunlink(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
 }
 
+int FileUtil::EnsureRemoved(const std::string& path) {
+  const int error = RemoveFile(path);
+  return error == ENOENT ? 0 : error;
+}
+
 int FileUtil::MoveOver(const std::string& from, const std::string& to) {
   const BOOL moved = MoveFileExW(StringUtil::UTF8ToWide(from).c_str(), StringUtil::UTF8ToWide(to).c_str(),
                                  MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);

@@ -224,13 +224,19 @@ int CPartUpload::WriteThrough(const StorageServerConfig& config, std::uint32_t p
 }
 
 // When the first part is sent again after the part size became known, its file is replaced too, because the completion
-// copies the file into the object and would bring the old bytes back. Another part has no file: a file that a crash
-// left behind would be taken for the first part's after the next start.
+// copies the file into the object and would bring the old bytes back. Another part has no file: a file that a crash or
+// a failing disk left behind would be taken for the first part's after the next start, so it is gone for good before
+// the part gets its row.
 int CPartUpload::FollowInFile() {
   if (first_.first_part_num == row_.part_num) {
     return SaveToFile();
   }
-  TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
+  const std::string path = FirstPartPath(row_.task_id, row_.part_num);
+  if (const int error = TansyBase::FileUtil::EnsureRemoved(path); error != 0) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]remove file failed, file_name[%s], error[%d].[%s(%d)]", path.c_str(),
+                  error);
+    return kServerInternalError;
+  }
   return 0;
 }
 

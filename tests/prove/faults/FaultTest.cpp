@@ -350,6 +350,25 @@ TEST_F(Faults, SendingAnotherPart) {
        .request = [this](const std::string& task) { return Send(ERequest::kPart, "parted", Body(5000), task, 2); }});
 }
 
+// The file of a first part that was refused may be left behind, because the disk fails its removal too. Another part is
+// the first one then, and the file must not be taken for that one's.
+TEST_F(Faults, SendingAFirstPartAgainThatAnotherHasOvertaken) {
+  const Fault broken_disk = {"errors from there on", EFault::kError, EIO, true};
+  bool has_failed = true;
+  for (int number = 1; has_failed && broken_.empty(); ++number) {
+    where_ = "call " + std::to_string(number);
+    const std::string task = Do(ERequest::kBegin, "parted");
+    switch_.Set(broken_disk, number);
+    Send(ERequest::kPart, "parted", Body(5000), task, 1);
+    has_failed = switch_.Clear();
+    Do(ERequest::kPart, "parted", Body(5000), task, 2);
+    Do(ERequest::kPart, "parted", Body(5000), task, 1);
+  }
+  ExpectPromises();
+  CutThePower(Settings::Get().IsLong() ? 200 : 10);
+  EXPECT_EQ(Joined(broken_), "") << Errors();
+}
+
 TEST_F(Faults, CompletingAnUpload) {
   std::string whole;
   FailEach({.prepare =

@@ -86,6 +86,17 @@ TEST_F(FileUtilTest, MakesOneFolder) {
   EXPECT_EQ(FileUtil::MakeDirectory(""), ENOENT);
 }
 
+TEST_F(FileUtilTest, EnsuresThatAFileIsRemoved) {
+  Put(Path("file"), "x");
+  EXPECT_EQ(FileUtil::EnsureRemoved(Path("file")), 0);
+  EXPECT_FALSE(FileUtil::Exists(Path("file")));
+  EXPECT_EQ(FileUtil::EnsureRemoved(Path("file")), 0);
+  EXPECT_EQ(FileUtil::EnsureRemoved(Path("a/b")), 0);
+  std::filesystem::create_directory(Path("folder"));
+  EXPECT_NE(FileUtil::EnsureRemoved(Path("folder")), 0);
+  EXPECT_TRUE(FileUtil::Exists(Path("folder")));
+}
+
 TEST_F(FileUtilTest, RemovesAFileAndNoFolder) {
   Put(Path("file"), "x");
   EXPECT_EQ(FileUtil::RemoveFile(Path("file")), 0);
