@@ -93,6 +93,11 @@ endfunction()
 # One ctest entry that runs these cases of a program on a Ceph cluster of their own.
 function(tansy_ceph_test name filter label)
   add_test(NAME ceph.${name} COMMAND ${name} "--gtest_filter=${filter}")
+  set(environment TANSY_TEST_STORAGE=rados)
+  if(TANSY_SANITIZE MATCHES "thread")
+    list(APPEND environment
+         "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=${CMAKE_SOURCE_DIR}/tests/fakes/ceph.tsan")
+  endif()
   set_tests_properties(ceph.${name} PROPERTIES TIMEOUT 300 LABELS "${label};ceph" RESOURCE_LOCK ceph
-                                              ENVIRONMENT TANSY_TEST_STORAGE=rados)
+                                              ENVIRONMENT "${environment}")
 endfunction()
