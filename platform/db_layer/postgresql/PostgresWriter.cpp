@@ -20,6 +20,7 @@ constexpr std::chrono::milliseconds kLongestPause{5000};
 // A batch in doubt is looked up for so long. Clients have given up before that.
 constexpr std::chrono::seconds kLongestDoubt{110};
 constexpr int kMostTries = 2;
+constexpr int kLockTries = 20;
 
 // This lock is held by the connection of the process that writes to the database.
 constexpr const char* kTakeLock = "SELECT pg_try_advisory_lock(1413565779, 1)::int AS taken";
@@ -279,9 +280,15 @@ bool CPostgresWriter::TryToOpen(SqlError& error) {
 }
 
 bool CPostgresWriter::BecomeTheWriter(SqlError& error) {
+  // The server may need a moment to end a connection that was closed just now.
   std::string taken;
-  if (!Ask(details::kTakeLock, "taken", taken, error)) {
-    return false;
+  for (int tries = 0; tries < details::kLockTries && taken != "1"; ++tries) {
+    if (tries > 0) {
+      std::this_thread::sleep_for(details::kFirstPause);
+    }
+    if (!Ask(details::kTakeLock, "taken", taken, error)) {
+      return false;
+    }
   }
   if (taken != "1") {
     EndOldSession();  // perhaps it is this process's own
