@@ -102,9 +102,10 @@ class CPartUpload {
   CObjectStorageManager& manager_ = CObjectStorageManager::Instance();
   const Caller caller_;
   const std::string_view body_;
-  ObjectTaskInfo row_;   // row of this part, as it will be recorded
-  ObjectTaskInfo task_;  // row of the task
-  PartSizeInfo first_;   // what was known about the part size before this part
+  ObjectTaskInfo row_;      // row of this part, as it will be recorded
+  ObjectTaskInfo task_;     // row of the task
+  PartSizeInfo first_;      // what was known about the part size before this part
+  bool is_stored_ = false;  // only its row is missing
 };
 
 int CPartUpload::ReadQuery(const std::string& query_text) {
@@ -163,8 +164,11 @@ int CPartUpload::KeepOrWrite(const StorageServerConfig& config) {
   row_.url = task_.url;
   std::uint32_t part_size = 0;
   const bool keep = manager_.CheckPartSize(row_.task_id, row_.part_num, row_.size, part_size);
-  const int error = keep ? SaveToFile() : WriteThrough(config, part_size);
-  return error != 0 ? error : Record();
+  if (const int error = keep ? SaveToFile() : WriteThrough(config, part_size); error != 0) {
+    return error;
+  }
+  is_stored_ = true;
+  return Record();
 }
 
 // Refuses a part of an unknown task, or of another object's task, before it leaves a part size or a file behind. A task
@@ -249,12 +253,14 @@ int CPartUpload::Record() {
   return 0;
 }
 
-// A refused part changes nothing of what is known of the part size, which its length must not decide. A refused first
-// part leaves no file either: the next part that arrives is then the first one.
+// A refused part changes nothing of what is known of the part size, which its length must not decide: after a refused
+// first part, the next part that arrives is the first one. The file of a part whose row was refused stays until the
+// part is sent again or the task ends, because a commit that failed on a broken disk may be there after a crash, and
+// the row needs the file then.
 void CPartUpload::Undo() {
   const bool was_first = first_.first_part_num == 0;
   manager_.RestorePartSize(row_.task_id, std::move(first_));
-  if (was_first) {
+  if (was_first && !is_stored_) {
     TansyBase::FileUtil::RemoveFile(FirstPartPath(row_.task_id, row_.part_num));
   }
 }

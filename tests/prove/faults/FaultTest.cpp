@@ -369,6 +369,24 @@ TEST_F(Faults, SendingAFirstPartAgainThatAnotherHasOvertaken) {
   EXPECT_EQ(Joined(broken_), "") << Errors();
 }
 
+// A commit that failed may be there after a crash all the same. The upload goes on in either case.
+TEST_F(Faults, SendingAFirstPartBeforeACrash) {
+  const Fault broken_disk = {"no flush works from there on", EFault::kError, EIO, true, kCallSync};
+  bool has_failed = true;
+  for (int number = 1; has_failed && broken_.empty(); ++number) {
+    where_ = "call " + std::to_string(number);
+    const std::string task = Do(ERequest::kBegin, "parted");
+    switch_.Set(broken_disk, number);
+    Send(ERequest::kPart, "parted", Body(5000), task, 1);
+    server_.Kill();
+    has_failed = switch_.Clear();
+    ASSERT_TRUE(server_.Start(launch_));
+    Do(ERequest::kPart, "parted", Body(5000), task, 2);
+    Do(ERequest::kPart, "parted", Body(5000), task, 1);
+  }
+  EXPECT_EQ(Joined(broken_), "") << Errors();
+}
+
 TEST_F(Faults, CompletingAnUpload) {
   std::string whole;
   FailEach({.prepare =
