@@ -44,7 +44,9 @@ void CheckOptions(const HostOptions& options) {
   Require(options.keep_removed_days >= 0 && options.keep_removed_days <= 36500);
   Require(options.keep_failed_seconds >= 1 && options.keep_failed_seconds <= 86400);
   Require(options.log_level >= 2 && options.log_level <= 5);
-  Require(options.database.starts_with("sqlite:") && options.storage.starts_with("file:"));
+  Require(options.database.type == db_layer::kSqlite || options.database.type == db_layer::kPostgresql);
+  Require(!options.database.database.empty() && options.database.port >= 0 && options.database.port <= 65535);
+  Require(options.storage.starts_with("file:") || options.storage.starts_with("rados:"));
   for (const std::string& address : options.listen) {
     const auto parsed = ParseIpAddress(address);
     Require(parsed.has_value() && parsed->text == address);
