@@ -330,6 +330,16 @@ void CDisk::WriteFile(const Node& node, const std::string& path, CPick& pick) {
   const std::size_t size_count = pick.Count(changes, durable);
   const std::uint64_t size = size_count == 0 ? node.bytes.size() : changes[size_count - 1].size;
 
+  // What is cut off a file goes together with its size: pages hold nothing from the other side of such a change.
+  std::size_t first_count = 0;
+  std::size_t last_count = changes.size();
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    const std::uint64_t before = i == 0 ? node.bytes.size() : changes[i - 1].size;
+    if (changes[i].is_resize && changes[i].size < before) {
+      (i < size_count ? first_count : last_count) = i < size_count ? i + 1 : std::min(last_count, i);
+    }
+  }
+
   std::string content = node.bytes;
   content.resize(size, '\0');
   if (pick.HasGarbage()) {
@@ -357,12 +367,12 @@ void CDisk::WriteFile(const Node& node, const std::string& path, CPick& pick) {
   if (!changes.empty()) {
     for (std::uint64_t begin = 0; begin < size; begin += kPage) {
       const std::uint64_t end = std::min(size, begin + kPage);
-      const std::size_t lowest = least(begin, end);
-      const std::size_t count = pick.Count(changes, lowest);
+      const std::size_t lowest = std::max(first_count, least(begin, end));
+      const auto count = [&] { return std::min(last_count, pick.Count(changes, lowest)); };
       const std::uint64_t tear = pick.Tears() ? begin + kSector * pick.Below(kPage / kSector) : end;
-      apply(begin, std::min(tear, end), count);
+      apply(begin, std::min(tear, end), count());
       if (tear < end) {
-        apply(tear, end, pick.Count(changes, lowest));
+        apply(tear, end, count());
       }
     }
   }

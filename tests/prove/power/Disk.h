@@ -5,7 +5,7 @@
 //
 // - Each 4 KiB page of a file holds what it held at any moment since its last sync, now and then with a tear at a
 //   multiple of 512 bytes. Its size is one of the sizes that the file has had since then. Bytes that were never written
-//   are zeros, or, on some disks, anything.
+//   are zeros, or, on some disks, anything. When a file was cut off, all of it is from before that, or nothing is.
 // - Each change of a folder (a new name, a new name for an old one, a name that is taken away) is there or is not.
 //
 // A sync that failed has made nothing durable, and no later sync makes up for it: only pages that are written again

@@ -192,6 +192,19 @@ TEST_F(DiskTest, AFileThatGotShorterMayStillBeLong) {
   EXPECT_EQ(Contents("f"), (Set{"abc"}));
 }
 
+// A log that is emptied must not seem to end in the middle of what it held.
+TEST_F(DiskTest, AFileThatWasCutOffIsAllFromBeforeOrAllFromBehind) {
+  const std::string old = std::string(4096, 'a') + std::string(4096, 'b') + std::string(4096, 'c');
+  Create(2, "f");
+  Write(2, 0, old);
+  Sync(2);
+  Sync(kRootNode);
+  Resize(2, 0);
+  EXPECT_EQ(Contents("f"), (Set{old, ""}));
+  Write(2, 0, "new");
+  EXPECT_EQ(Contents("f"), (Set{old, "", "new", std::string(3, '\0')}));
+}
+
 TEST_F(DiskTest, ANumberThatIsUsedAgainIsAnotherFile) {
   Create(2, "f");
   Write(2, 0, "abc");
