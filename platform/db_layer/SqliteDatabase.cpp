@@ -141,7 +141,11 @@ int CSqliteDatabase::CopyLog() noexcept {
     }
     copier_generation_ = generation;
     int left = 0;
-    return copier_.Checkpoint(left, error) ? left : -1;
+    if (copier_.Checkpoint(left, error)) {
+      return left;
+    }
+    copier_.CopyAllAgain();
+    return -1;
   } catch (const std::exception&) {
     return -1;  // the next commit asks again
   }

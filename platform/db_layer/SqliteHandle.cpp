@@ -244,6 +244,27 @@ bool CSqliteHandle::Checkpoint(int& left, SqlError& error) {
   return true;
 }
 
+// SQLite documents the index of the log ("WAL-index format"): the number of pages that are copied already is at byte
+// 96, guarded by lock 1.
+bool CSqliteHandle::CopyAllAgain() {
+  constexpr int kCheckpointLock = 1;
+  constexpr int kRegionSize = 32 * 1024;
+  constexpr std::size_t kCopiedPages = 96;
+  sqlite3_file* file = nullptr;
+  if (sqlite3_file_control(db_, "platform", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+      file->pMethods == nullptr || file->pMethods->iVersion < 2 ||
+      file->pMethods->xShmLock(file, kCheckpointLock, 1, SQLITE_SHM_LOCK | SQLITE_SHM_EXCLUSIVE) != SQLITE_OK) {
+    return false;
+  }
+  void volatile* index = nullptr;
+  const bool is_mapped = file->pMethods->xShmMap(file, 0, kRegionSize, 0, &index) == SQLITE_OK && index != nullptr;
+  if (is_mapped) {
+    *reinterpret_cast<std::uint32_t volatile*>(static_cast<char volatile*>(index) + kCopiedPages) = 0;
+  }
+  file->pMethods->xShmLock(file, kCheckpointLock, 1, SQLITE_SHM_UNLOCK | SQLITE_SHM_EXCLUSIVE);
+  return is_mapped;
+}
+
 bool CSqliteHandle::Run(const std::string& sql, CRowBuffer* rows, SqlError& error) {
   if (!IsAcceptable(sql, error)) {
     return false;

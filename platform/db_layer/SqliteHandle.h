@@ -43,6 +43,10 @@ class CSqliteHandle {
   // Copies the write-ahead log into the database without waiting for anybody. `left` is the number of pages that could
   // not be copied yet.
   bool Checkpoint(int& left, SqlError& error);
+  // Lets the next checkpoint copy the whole log again. This is needed after a failure, because SQLite flushes the
+  // database only when nothing is left to copy, and counts what it copied before that as done: when that flush fails,
+  // the system forgets those pages, and no later flush would write them. Nobody else may copy the log meanwhile.
+  bool CopyAllAgain();
   // Gives the pages in the write-ahead log after the last commit of this connection, once it is prepared to write.
   int LogPages() const { return log_pages_; }
   void Close();

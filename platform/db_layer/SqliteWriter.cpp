@@ -117,12 +117,12 @@ bool CSqliteWriter::HasMoved() {
   return handle_->HasMoved();
 }
 
-// Copies the log into the database and empties it. This shows that the file works again, and it also removes what a
-// failed commit left behind in the log.
+// Copies all of the log into the database and empties it. This shows that the file works again, and it also removes
+// what a failed commit left behind in the log.
 bool CSqliteWriter::Recovers() {
   const std::lock_guard lock(checkpoints_);
   SqlError error;
-  is_in_doubt_ = !handle_->RunOwn("PRAGMA platform.wal_checkpoint(TRUNCATE)", error);
+  is_in_doubt_ = !handle_->CopyAllAgain() || !handle_->RunOwn("PRAGMA platform.wal_checkpoint(TRUNCATE)", error);
   return !is_in_doubt_;
 }
 

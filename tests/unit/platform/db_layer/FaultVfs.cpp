@@ -268,7 +268,12 @@ int CFaultVfs::BeforeSync(const std::string& path, std::uint64_t& last_change) {
     return SQLITE_IOERR_FSYNC;
   }
   last_change = changes_;
-  return sync_failure;
+  const int failure =
+      sync_failure != 0 || details::EndsWith(path, "-wal") ? sync_failure.load() : database_sync_failure.load();
+  if (failure != 0) {
+    files_[path].pending.clear();
+  }
+  return failure;
 }
 
 int CFaultVfs::AfterSync(const std::string& path, std::uint64_t last_change) {

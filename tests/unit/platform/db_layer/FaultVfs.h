@@ -25,7 +25,9 @@ class CFaultVfs {
 
   // These are SQLite's result codes; 0 stands for no failure.
   std::atomic<int> write_failure{0};
+  // A sync that fails makes nothing durable, and no later sync makes up for it.
   std::atomic<int> sync_failure{0};
+  std::atomic<int> database_sync_failure{0};  // the same, but not for write-ahead logs
   std::atomic<int> read_failure{0};
   std::atomic<bool> is_read_only{false};
   std::atomic<int> log_syncs{0};  // of write-ahead logs
