@@ -17,6 +17,8 @@
 #include <sstream>
 #include <thread>
 
+#include "fakes/StoppedProcess.h"
+
 namespace Tansy::Tests {
 namespace {
 
@@ -206,11 +208,11 @@ bool CCephCluster::Rados(const std::string& name_space, const std::vector<std::s
 }
 
 void CCephCluster::SignalMonitor(int signal) const {
-  ASSERT_EQ(::kill(monitor_, signal), 0);
+  ASSERT_TRUE(signal == SIGSTOP ? StopProcess(monitor_) : ::kill(monitor_, signal) == 0);
 }
 
 void CCephCluster::SignalOsd(int osd, int signal) const {
-  ASSERT_EQ(::kill(osds_.at(osd), signal), 0);
+  ASSERT_TRUE(signal == SIGSTOP ? StopProcess(osds_.at(osd)) : ::kill(osds_.at(osd), signal) == 0);
 }
 
 void CCephCluster::KillOsd(int osd) {

@@ -18,6 +18,7 @@
 #include <sstream>
 #include <thread>
 
+#include "fakes/StoppedProcess.h"
 #include "fakes/TempFolder.h"
 
 namespace Tansy::Tests {
@@ -190,9 +191,9 @@ std::vector<pid_t> CPostgresServer::Processes() const {
 
 // The first process is stopped first and goes on first, so that none is missed.
 void CPostgresServer::Freeze() {
-  ::kill(pid_, SIGSTOP);
+  EXPECT_TRUE(StopProcess(pid_));
   for (const pid_t process : Processes()) {
-    ::kill(process, SIGSTOP);
+    StopProcess(process);  // one that has just ended is as silent
   }
 }
 
