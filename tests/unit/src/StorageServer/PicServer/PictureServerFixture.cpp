@@ -21,10 +21,12 @@ std::string HeaderOf(const TansyNet::HttpServerRecv& request, const std::string&
 }  // namespace
 
 FakePictureStore PictureServerTest::store;
+std::atomic<int> PictureServerTest::removals;
 
 void PictureServerTest::SetUp() {
   Http().Reset();
   store = FakePictureStore{};
+  removals = 0;
 }
 
 void PictureServerTest::TearDown() {
@@ -64,6 +66,7 @@ StorageServerConfig_V1 PictureServerTest::MakeConfig() {
   };
   config.remove_object = [](const std::string& location) {
     store.removed.push_back(location);
+    ++removals;
     return 0;
   };
   return config;

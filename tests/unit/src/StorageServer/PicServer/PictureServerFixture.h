@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,6 +76,7 @@ class PictureServerTest : public ::testing::Test {
   void ExpectLog(const std::string& format, int level, const std::string& function) const;
 
   static FakePictureStore store;
+  static std::atomic<int> removals;  // counted after store.removed has grown, which may be after the answer
 
   Tests::CLogCapture log_;
   Tests::CManualClock clock_;
