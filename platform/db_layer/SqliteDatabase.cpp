@@ -144,7 +144,9 @@ int CSqliteDatabase::CopyLog() noexcept {
     if (copier_.Checkpoint(left, error)) {
       return left;
     }
-    copier_.CopyAllAgain();
+    if (IsBroken(error)) {
+      copier_.CopyAllAgain();
+    }
     return -1;
   } catch (const std::exception&) {
     return -1;  // the next commit asks again
