@@ -69,7 +69,9 @@ void CSqliteCheckpoints::RunThread() {
     is_busy_ = false;
     if (left == 0) {
       wait_from_ = kTooLong;
-      pages_ = 0;
+      if (!is_due_) {  // otherwise a commit has told meanwhile how long the log is, and it may still grow
+        pages_ = 0;
+      }
     } else if (pages >= kLong) {
       // Not even between two commits: somebody reads the log, or the disk fails.
       wait_from_ = pages_ + kTooLong;

@@ -177,12 +177,11 @@ TEST_F(SqliteLog, StaysShortUnderWritesWithoutAPause) {
   constexpr std::uintmax_t kPage = 4096 + 24;
   std::uintmax_t longest = 0;
   int id = 0;
-  while (id < 5 * CSqliteCheckpoints::kTooLong / 10) {  // ten pages each
+  while (id < 4 * CSqliteCheckpoints::kTooLong / 10) {  // ten pages each
     ASSERT_TRUE(InsertBig(++id)) << ErrorOf(*connection_);
     longest = std::max(longest, LogBytes());
   }
-  // One copy may leave something behind; writers then wait for the next one that much later.
-  EXPECT_LT(longest, 5 * CSqliteCheckpoints::kTooLong / 2 * kPage);
+  EXPECT_LT(longest, 3 * CSqliteCheckpoints::kTooLong / 2 * kPage);
   EXPECT_EQ(Count(*connection_, "platform.item"), id);
 }
 
