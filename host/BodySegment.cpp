@@ -17,46 +17,6 @@ namespace {
 constexpr std::uint32_t kSegmentBytes = 64 * 1024 * 1024;
 // This many records of a segment that has no index are looked up at the next start.
 constexpr std::size_t kMostRecords = 65536;
-constexpr std::uint32_t kWindowBytes = 256 * 1024;  // more than the largest record
-constexpr std::size_t kCopyBytes = std::size_t{1024} * 1024;
-constexpr std::uint64_t kLeastGapBytes = 8192;
-constexpr const char* kUnfinishedEnd = ".tmp";
-
-int ReadExactly(HostSystem::IFile& file, std::uint64_t offset, std::size_t size, std::string& bytes) {
-  bytes.resize(size);
-  std::size_t done = 0;
-  const int error = file.ReadAt(bytes.data(), size, offset, done);
-  return error != 0 ? error : done < size ? EIO : 0;
-}
-
-// Looks at a file piece by piece, wherever the search leads.
-class CWindow {
- public:
-  CWindow(HostSystem::IFile& file, std::uint64_t size) : file_(file), size_(size) {}
-
-  // Gives at least a record's head from `offset` on, less at the end of the file.
-  int At(std::uint64_t offset, std::string_view& bytes) {
-    if (offset < begin_ || offset + BodyFormat::kRecordHeadBytes > begin_ + bytes_.size()) {
-      const std::uint64_t wanted = std::min<std::uint64_t>(kWindowBytes, size_ - offset);
-      if (const int error = ReadExactly(file_, offset, wanted, bytes_)) {
-        return error;
-      }
-      begin_ = offset;
-    }
-    bytes = std::string_view(bytes_).substr(offset - begin_);
-    return 0;
-  }
-
- private:
-  HostSystem::IFile& file_;
-  const std::uint64_t size_;
-  std::uint64_t begin_ = 0;
-  std::string bytes_;
-};
-
-bool IsBefore(const BodyEntry& entry, std::uint32_t key) {
-  return entry.key < key;
-}
 
 }  // namespace
 }  // namespace details
@@ -137,118 +97,6 @@ int CBodySegment::Create(SegmentFolder& folder, std::uint32_t number, bool durab
   return 0;
 }
 
-int CBodySegment::Open(SegmentFolder& folder, std::uint32_t number, EOpen mode,
-                       std::shared_ptr<CBodySegment>& segment) {
-  std::unique_ptr<HostSystem::IFile> file;
-  int error = OpenFile(folder.files, number, mode, file);
-  if (error == 0) {
-    std::shared_ptr<CBodySegment> opened(new CBodySegment(folder, {number, 0}, mode, std::move(file)));
-    error = opened->Load();
-    if (error == 0) {
-      segment = std::move(opened);
-    }
-  }
-  return error;
-}
-
-int CBodySegment::Load() {
-  std::uint64_t size = 0;
-  if (const int error = file_->GetSize(size)) {
-    return error;
-  }
-  end_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, UINT32_MAX - details::kWindowBytes));
-  if (!LoadIndex(size)) {
-    if (const int error = Search(end_)) {
-      return error;
-    }
-  }
-  CountEntries();
-  return 0;
-}
-
-// A body at the end of a file may look like an index, but whoever sent it does not know the segment's nonce. Where the
-// segment's own head is damaged, nothing tells them apart.
-bool CBodySegment::IsOfAnotherNonce(const BodyFormat::SegmentHead& head) const {
-  std::string bytes;
-  BodyFormat::SegmentHead own;
-  return details::ReadExactly(*file_, 0, BodyFormat::kSegmentHeadBytes, bytes) == 0 &&
-         BodyFormat::DecodeSegmentHead(bytes, own) && own.nonce != head.nonce;
-}
-
-bool CBodySegment::LoadIndex(std::uint64_t file_size) {
-  std::string bytes;
-  BodyFormat::IndexEnd end;
-  std::string states;
-  if (file_size < BodyFormat::kIndexEndBytes ||
-      details::ReadExactly(*file_, file_size - BodyFormat::kIndexEndBytes, BodyFormat::kIndexEndBytes, bytes) != 0 ||
-      !BodyFormat::DecodeIndexEnd(bytes, file_size, end) || end.head.number != head_.number ||
-      details::ReadExactly(*file_, end.offset, BodyFormat::IndexBytes(end.count), bytes) != 0 ||
-      !BodyFormat::DecodeIndex(bytes, end, entries_, states) || IsOfAnotherNonce(end.head)) {
-    entries_.clear();
-    return false;
-  }
-  head_ = end.head;
-  index_at_ = end.offset;
-  const std::int64_t now = TansyBase::TimeUtil::Uptime();
-  for (std::size_t i = 0; i < entries_.size(); ++i) {
-    if (states[i] == BodyFormat::kUnsettled) {
-      unsettled_[entries_[i].key] = {now, true};
-    }
-  }
-  return true;
-}
-
-// A write that a crash or a full disk cut short leaves a gap, so the search goes on behind what is no record.
-int CBodySegment::Search(std::uint64_t file_size) {
-  details::CWindow window(*file_, file_size);
-  std::string_view bytes;
-  BodyFormat::SegmentHead head;
-  if (file_size < BodyFormat::kSegmentHeadBytes) {
-    return EBADMSG;
-  }
-  if (const int error = window.At(0, bytes)) {
-    return error;
-  }
-  if (!BodyFormat::DecodeSegmentHead(bytes, head) || head.number != head_.number) {
-    return EBADMSG;
-  }
-  head_ = head;
-  const std::int64_t now = TansyBase::TimeUtil::Uptime();
-  std::uint64_t offset = BodyFormat::kSegmentHeadBytes;
-  while (offset + BodyFormat::kRecordHeadBytes <= file_size) {
-    if (const int error = window.At(offset, bytes)) {
-      return error;
-    }
-    BodyEntry entry;
-    if (!BodyFormat::DecodeRecordHead(bytes, head_.nonce, entry) ||
-        offset + BodyFormat::kRecordHeadBytes + entry.size > file_size) {
-      offset += BodyFormat::kAlignment;
-      continue;
-    }
-    entry.offset = static_cast<std::uint32_t>(offset) + BodyFormat::kRecordHeadBytes;
-    offset += BodyFormat::RecordSpan(entry.size);
-    const auto place = std::lower_bound(entries_.begin(), entries_.end(), entry.key, &details::IsBefore);
-    if (place == entries_.end() || place->key != entry.key) {
-      entries_.insert(place, entry);
-      if (entry.is_dead == 0 && entry.key >= head_.settled_below) {
-        unsettled_[entry.key] = {now, true};
-      }
-    }
-  }
-  return 0;
-}
-
-void CBodySegment::CountEntries() {
-  live_ = 0;
-  live_bytes_ = 0;
-  for (const BodyEntry& entry : entries_) {
-    if (entry.is_dead == 0) {
-      ++live_;
-      live_bytes_ += BodyFormat::RecordSpan(entry.size);
-    }
-  }
-}
-
 bool CBodySegment::HasRoom(std::uint32_t size) const {
   const std::lock_guard lock(mutex_);
   return !is_poisoned_ && index_at_ == 0 && end_ + BodyFormat::RecordSpan(size) <= details::kSegmentBytes &&
@@ -302,7 +150,7 @@ int CBodySegment::AddWritten(const BodyEntry& entry) {
     if (is_durable_) {
       unflushed_.push_back(entry.key);
     }
-    const auto place = std::lower_bound(entries_.begin(), entries_.end(), entry.key, &details::IsBefore);
+    const auto place = PlaceOf(entries_, entry.key);
     entries_.insert(place, entry);
   } catch (const std::bad_alloc&) {
     unsettled_.erase(entry.key);
@@ -358,8 +206,14 @@ void CBodySegment::Kill(BodyEntry& entry) noexcept {
   MarkDead(entry);
 }
 
+// Entries are in the order of their keys.
+std::vector<BodyEntry>::iterator CBodySegment::PlaceOf(std::vector<BodyEntry>& entries, std::uint32_t key) {
+  return std::lower_bound(entries.begin(), entries.end(), key,
+                          [](const BodyEntry& entry, std::uint32_t wanted) { return entry.key < wanted; });
+}
+
 BodyEntry* CBodySegment::FindEntry(std::uint32_t key) {
-  const auto place = std::lower_bound(entries_.begin(), entries_.end(), key, &details::IsBefore);
+  const auto place = PlaceOf(entries_, key);
   return place == entries_.end() || place->key != key ? nullptr : &*place;
 }
 
@@ -456,184 +310,6 @@ CBodySegment::Facts CBodySegment::GetFacts() const {
   facts.live_bytes = live_bytes_;
   facts.file_bytes = end_;
   return facts;
-}
-
-void CBodySegment::NoteSettled() {
-  const std::lock_guard lock(mutex_);
-  std::uint32_t below = end_;
-  for (const auto& [key, body] : unsettled_) {
-    below = std::min(below, key);
-  }
-  for (const std::uint32_t key : writing_) {
-    below = std::min(below, key);
-  }
-  if (index_at_ != 0 || below == head_.settled_below) {
-    return;
-  }
-  const std::string bytes = BodyFormat::EncodeNumber(below);
-  if (file_->WriteAt(bytes.data(), bytes.size(), BodyFormat::kSettledAt) == 0) {  // else more is looked up
-    head_.settled_below = below;
-  }
-}
-
-std::string CBodySegment::StatesOf(const std::vector<BodyEntry>& entries) const {
-  std::string states;
-  states.reserve(entries.size());
-  for (const BodyEntry& entry : entries) {
-    const char living = unsettled_.count(entry.key) > 0 ? BodyFormat::kUnsettled : BodyFormat::kLive;
-    states += entry.is_dead != 0 ? BodyFormat::kDead : living;
-  }
-  return states;
-}
-
-// The end of the index, which makes it one, comes last: a power failure may keep any part of what is not flushed, and a
-// state that is not what was written could stand for a removal.
-int CBodySegment::Seal() {
-  std::uint32_t at = 0;
-  std::string states;
-  std::string index;
-  {
-    const std::lock_guard lock(mutex_);
-    at = BodyFormat::AlignUp(end_);
-    states = StatesOf(entries_);
-    index = BodyFormat::EncodeIndex(head_, at, entries_, states);
-  }
-  const std::size_t end_at = index.size() - BodyFormat::kIndexEndBytes;
-  int error = file_->WriteAt(index.data(), end_at, at);
-  if (error == 0) {
-    error = file_->Sync();
-  }
-  if (error != 0) {
-    return error;
-  }
-  const std::lock_guard lock(mutex_);
-  index_at_ = at;
-  for (std::size_t i = 0; i < states.size(); ++i) {  // some may have been removed meanwhile
-    if (entries_[i].is_dead != 0 && states[i] != BodyFormat::kDead) {
-      MarkDead(entries_[i]);
-    }
-  }
-  error = file_->WriteAt(index.data() + end_at, BodyFormat::kIndexEndBytes, at + end_at);
-  if (error != 0) {
-    index_at_ = 0;
-    return error;
-  }
-  end_ = at + static_cast<std::uint32_t>(index.size());
-  entries_.shrink_to_fit();
-  return 0;
-}
-
-int CBodySegment::Rewrite() {
-  std::vector<BodyEntry> old;
-  std::shared_ptr<HostSystem::IFile> source;
-  {
-    const std::lock_guard lock(mutex_);
-    if (const int error = NeedFile()) {
-      return error;
-    }
-    source = file_;
-    std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(old),
-                 [](const BodyEntry& entry) { return entry.is_dead == 0; });
-  }
-  const std::string name = SegmentFileName(head_.number);
-  const std::string unfinished = name + details::kUnfinishedEnd;
-  std::unique_ptr<HostSystem::IFile> created;
-  folder_.files.Remove(unfinished);
-  int error = folder_.files.Create(unfinished, created);
-  std::shared_ptr<HostSystem::IFile> target = std::move(created);
-  std::vector<BodyEntry> fresh;
-  if (error == 0) {
-    error = Copy(*source, *target, old, fresh);
-  }
-  if (error == 0) {
-    error = target->Sync();
-  }
-  if (error == 0) {
-    const std::lock_guard lock(mutex_);
-    error = folder_.files.Rename(unfinished, name);
-    if (error == 0) {
-      std::swap(entries_, fresh);
-      std::swap(file_, target);
-      const BodyEntry* last = entries_.empty() ? nullptr : &entries_.back();
-      index_at_ = last == nullptr ? BodyFormat::kSegmentHeadBytes : BodyFormat::AlignUp(last->offset + last->size);
-      end_ =
-          index_at_ + static_cast<std::uint32_t>(BodyFormat::IndexBytes(static_cast<std::uint32_t>(entries_.size())));
-      // Some may have been removed while they were copied; `fresh` is what the old file held.
-      for (BodyEntry& entry : entries_) {
-        const auto before = std::lower_bound(fresh.begin(), fresh.end(), entry.key, &details::IsBefore);
-        if (before->is_dead != 0) {
-          entry.is_dead = 1;
-          MarkDead(entry);
-        }
-      }
-      CountEntries();
-    }
-  }
-  if (error != 0) {
-    folder_.files.Remove(unfinished);
-    return error;
-  }
-  // Should the old file come back after a power failure, it holds the same bodies.
-  folder_.files.Sync();
-  return 0;
-}
-
-void CBodySegment::FreeGaps() {
-  const std::lock_guard lock(mutex_);
-  if (live_bytes_ == gaps_freed_at_) {
-    return;  // there are no new ones
-  }
-  if (NeedFile() != 0 || file_.use_count() > 1) {
-    return;  // somebody may be reading a body that was removed meanwhile
-  }
-  gaps_freed_at_ = live_bytes_;
-  std::uint64_t begin = BodyFormat::kSegmentHeadBytes;
-  const auto free_until = [this, &begin](std::uint64_t end) {
-    if (end >= begin + details::kLeastGapBytes) {
-      file_->FreeRange(begin, end - begin);
-    }
-  };
-  for (const BodyEntry& entry : entries_) {  // offsets rise as keys do
-    if (entry.is_dead == 0) {
-      free_until(entry.offset - BodyFormat::kRecordHeadBytes);
-      begin = std::uint64_t{entry.offset} + entry.size;
-    }
-  }
-  free_until(index_at_ == 0 ? end_ : index_at_);
-}
-
-// Copies bodies into an empty file and writes its index.
-int CBodySegment::Copy(HostSystem::IFile& source, HostSystem::IFile& target, const std::vector<BodyEntry>& old,
-                       std::vector<BodyEntry>& fresh) {
-  fresh = old;
-  std::string buffer = BodyFormat::EncodeSegmentHead(head_);
-  std::uint32_t written = 0;
-  std::string body;
-  const auto write = [&target, &buffer, &written] {
-    const int error = target.WriteAt(buffer.data(), buffer.size(), written);
-    written += static_cast<std::uint32_t>(buffer.size());
-    buffer.clear();
-    return error;
-  };
-  for (BodyEntry& entry : fresh) {
-    int error = details::ReadExactly(source, entry.offset, entry.size, body);
-    entry.offset = written + static_cast<std::uint32_t>(buffer.size()) + BodyFormat::kRecordHeadBytes;
-    BodyFormat::AppendRecord(buffer, head_.nonce, entry.key, body, entry.crc);
-    if (error == 0 && buffer.size() >= details::kCopyBytes) {
-      error = write();
-    }
-    if (error != 0) {
-      return error;
-    }
-  }
-  const std::uint32_t index_at = written + static_cast<std::uint32_t>(buffer.size());
-  std::string states;
-  {
-    const std::lock_guard lock(mutex_);
-    states = StatesOf(fresh);
-  }
-  buffer += BodyFormat::EncodeIndex(head_, index_at, fresh, states);
-  return write();
 }
 
 }  // namespace Tansy::Host

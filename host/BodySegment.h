@@ -132,8 +132,10 @@ class CBodySegment {
   bool LoadIndex(std::uint64_t file_size);
   bool IsOfAnotherNonce(const BodyFormat::SegmentHead& head) const;
   int Search(std::uint64_t file_size);
-  int AddWritten(const BodyEntry& entry);
   void CountEntries();
+  int AddWritten(const BodyEntry& entry);
+  // Gives where the entry of this key is, or would be.
+  static std::vector<BodyEntry>::iterator PlaceOf(std::vector<BodyEntry>& entries, std::uint32_t key);
   BodyEntry* FindEntry(std::uint32_t key);
   std::string StatesOf(const std::vector<BodyEntry>& entries) const;
   void Lose(std::uint32_t key) noexcept;

@@ -58,6 +58,13 @@ int ReplaceIn(IFolder& folder, const std::string& name, const std::string& conte
 }  // namespace
 }  // namespace details
 
+int ReadExactly(IFile& file, std::uint64_t offset, std::size_t size, std::string& bytes) {
+  bytes.resize(size);
+  std::size_t done = 0;
+  const int error = file.ReadAt(bytes.data(), size, offset, done);
+  return error != 0 ? error : done < size ? EIO : 0;
+}
+
 int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
   std::unique_ptr<IFile> file;
   const int error = details::OpenPath(path, file);

@@ -71,6 +71,9 @@ std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error);
 // Makes a folder and those above it that are missing, for the owner only, and syncs the parents of the folders it made.
 int MakeFolders(const std::string& path);
 
+// Reads exactly these bytes; EIO when the file ends before.
+int ReadExactly(IFile& file, std::uint64_t offset, std::size_t size, std::string& bytes);
+
 // Reads a whole small file; one with more than `limit` bytes gives EFBIG.
 int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content);
 // Puts a whole file in the place of another in one step: it writes a temporary file beside it, syncs, renames and

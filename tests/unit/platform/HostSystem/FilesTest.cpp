@@ -73,6 +73,19 @@ TEST_F(FilesTest, ReadsBeyondTheEndDeliverLess) {
   EXPECT_EQ(done, 0U);
 }
 
+TEST_F(FilesTest, ReadsExactlyOrSaysThatTheFileEnds) {
+  temp_.Write("a", "12345");
+  std::unique_ptr<IFile> file;
+  ASSERT_EQ(folder_->OpenForReading("a", file), 0);
+  std::string bytes = "before";
+  EXPECT_EQ(ReadExactly(*file, 1, 4, bytes), 0);
+  EXPECT_EQ(bytes, "2345");
+  EXPECT_EQ(ReadExactly(*file, 5, 0, bytes), 0);
+  EXPECT_EQ(bytes, "");
+  EXPECT_EQ(ReadExactly(*file, 2, 4, bytes), EIO);
+  EXPECT_EQ(ReadExactly(*file, 6, 1, bytes), EIO);
+}
+
 TEST_F(FilesTest, NewFilesAndFoldersAreForTheirOwnerOnly) {
   std::unique_ptr<IFile> file;
   ASSERT_EQ(folder_->Create("a", file), 0);
