@@ -1,21 +1,11 @@
 #include "db_layer/SqliteConnect.h"
 
-#include <exception>
-#include <new>
 #include <string_view>
 #include <utility>
 
 #include "db_layer/SqlWords.h"
 
 namespace db_layer {
-
-namespace details {
-namespace {
-
-constexpr std::string_view kSelect = "SELECT ";
-
-}  // namespace
-}  // namespace details
 
 CSqliteConnect::CSqliteConnect(std::shared_ptr<CSqliteDatabase> database) : database_(std::move(database)) {}
 
@@ -30,18 +20,6 @@ bool CSqliteConnect::Open(SqlError& error) {
   generation_ = generation;
   is_broken_ = false;
   return true;
-}
-
-template <typename Action>
-bool CSqliteConnect::WithoutExceptions(Action action) noexcept {
-  rows_.Clear();
-  try {
-    return action();
-  } catch (const std::exception&) {
-    rows_.Clear();
-    SetOutOfMemory(error_);
-    return false;
-  }
 }
 
 bool CSqliteConnect::Execute(const std::string& sql) {
@@ -89,8 +67,7 @@ bool CSqliteConnect::ReadNextValue(std::string_view sequence, const std::string&
   if (!database_->NextValue(std::string(sequence), value, error_)) {
     return false;
   }
-  rows_.AddColumn(sql.substr(details::kSelect.size()));
-  rows_.AddCell(std::to_string(value));
+  ShowNextValue(sql, value);
   return true;
 }
 
@@ -105,35 +82,6 @@ bool CSqliteConnect::Read(const std::string& sql, bool& writes) {
   const bool succeeded = reader_->RunIfReading(sql, rows_, writes, error_);
   is_broken_ = !succeeded && !writes && IsBroken(error_);
   return succeeded;
-}
-
-int CSqliteConnect::GetLastError(std::string& text) {
-  try {
-    text = error_.text;
-  } catch (const std::bad_alloc&) {
-    text.clear();
-  }
-  return error_.code;
-}
-
-void CSqliteConnect::MoveNext() {
-  rows_.MoveNext();
-}
-
-bool CSqliteConnect::IsEnd() {
-  return rows_.IsEnd();
-}
-
-std::string CSqliteConnect::GetString(const std::string& column) {
-  return rows_.GetString(column);
-}
-
-std::int32_t CSqliteConnect::GetInt(int index) {
-  return index < 0 ? 0 : rows_.GetInt(static_cast<std::size_t>(index));
-}
-
-std::int32_t CSqliteConnect::GetInt(const std::string& column) {
-  return rows_.GetInt(column);
 }
 
 // The connection is never broken for good; EnsureReader says why.

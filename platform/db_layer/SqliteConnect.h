@@ -2,40 +2,29 @@
 #ifndef TANSY_DB_LAYER_SQLITE_CONNECT_H
 #define TANSY_DB_LAYER_SQLITE_CONNECT_H
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "db_layer/Connect.h"
-#include "db_layer/RowBuffer.h"
+#include "db_layer/BufferedConnect.h"
 #include "db_layer/SqliteDatabase.h"
 #include "db_layer/SqliteHandle.h"
 
 namespace db_layer {
 
-class CSqliteConnect final : public CConnect {
+class CSqliteConnect final : public CBufferedConnect {
  public:
   explicit CSqliteConnect(std::shared_ptr<CSqliteDatabase> database);
 
   bool Execute(const std::string& sql) override;
   bool Query(const std::string& sql) override;
-  int GetLastError(std::string& text) override;
-  void MoveNext() override;
-  bool IsEnd() override;
-  std::string GetString(const std::string& column) override;
-  std::int32_t GetInt(int index) override;
-  std::int32_t GetInt(const std::string& column) override;
   bool IsHealthy() override;
   bool ExecuteAll(const std::vector<std::string>& statements) override;
   void ExecuteLater(std::vector<std::string> statements, WriteDone done) override;
   bool ShowRows(const std::string& sql, const std::vector<std::string>& columns, const RowVisitor& look) override;
 
  private:
-  // Clears the rows and runs `action`; an exception becomes the error "out of memory".
-  template <typename Action>
-  bool WithoutExceptions(Action action) noexcept;
   bool ReadNextValue(std::string_view sequence, const std::string& sql);
   bool EnsureReader();
   bool Open(SqlError& error);
@@ -46,8 +35,6 @@ class CSqliteConnect final : public CConnect {
   std::unique_ptr<CSqliteHandle> reader_;  // null before the first query
   int generation_ = 0;
   bool is_broken_ = false;
-  CRowBuffer rows_;
-  SqlError error_;
 };
 
 // Opens CSqliteConnects.

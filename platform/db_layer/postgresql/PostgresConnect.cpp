@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <exception>
-#include <new>
 #include <utility>
 
 #include "db_layer/DbLayer.h"
@@ -14,8 +12,6 @@ namespace db_layer {
 
 namespace details {
 namespace {
-
-constexpr std::size_t kSelectLength = std::string_view("SELECT ").size();
 
 // Says whether a statement probably only reads. The server knows better, and refuses the others.
 bool SeemsToRead(std::string_view sql) {
@@ -32,18 +28,6 @@ std::shared_ptr<IDriver> MakePostgresDriver() {
 }
 
 CPostgresConnect::CPostgresConnect(std::shared_ptr<CPostgresDatabase> database) : database_(std::move(database)) {}
-
-template <typename Action>
-bool CPostgresConnect::WithoutExceptions(Action action) noexcept {
-  rows_.Clear();
-  try {
-    return action();
-  } catch (const std::exception&) {
-    rows_.Clear();
-    SetOutOfMemory(error_);
-    return false;
-  }
-}
 
 bool CPostgresConnect::Execute(const std::string& sql) {
   return WithoutExceptions([&] { return database_->Write({sql}, nullptr, error_); });
@@ -108,38 +92,8 @@ bool CPostgresConnect::ReadNextValue(std::string_view sequence, const std::strin
   if (!database_->NextValue(std::string(sequence), value, error_)) {
     return false;
   }
-  rows_.AddColumn(sql.substr(details::kSelectLength));
-  rows_.AddCell(std::to_string(value));
+  ShowNextValue(sql, value);
   return true;
-}
-
-int CPostgresConnect::GetLastError(std::string& text) {
-  try {
-    text = error_.text;
-  } catch (const std::bad_alloc&) {
-    text.clear();
-  }
-  return error_.code;
-}
-
-void CPostgresConnect::MoveNext() {
-  rows_.MoveNext();
-}
-
-bool CPostgresConnect::IsEnd() {
-  return rows_.IsEnd();
-}
-
-std::string CPostgresConnect::GetString(const std::string& column) {
-  return rows_.GetString(column);
-}
-
-std::int32_t CPostgresConnect::GetInt(int index) {
-  return index < 0 ? 0 : rows_.GetInt(static_cast<std::size_t>(index));
-}
-
-std::int32_t CPostgresConnect::GetInt(const std::string& column) {
-  return rows_.GetInt(column);
 }
 
 // It is never broken for good: writer and readers connect anew.
