@@ -6,39 +6,19 @@
 #include <iterator>
 #include <string_view>
 
+#include "TansyBase/StringUtil.h"
+
 namespace Tansy::Host {
 namespace details {
 namespace {
 
 constexpr const char* kAdvice = "give sqlite:FILE or postgresql://USER@HOST:PORT/NAME";
 
-int HexDigit(char c) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  const char small = static_cast<char>(c >= 'A' && c <= 'F' ? c - 'A' + 'a' : c);
-  const auto found = kDigits.find(small);
-  return found == std::string_view::npos ? -1 : static_cast<int>(found);
-}
-
 // Decodes %41. Returns false for what is no such code, and for control characters.
 bool Decode(std::string_view text, std::string& decoded) {
-  decoded.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (c == '%') {
-      const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
-      const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
-      if (high < 0 || low < 0) {
-        return false;
-      }
-      c = static_cast<char>(high * 16 + low);
-      i += 2;
-    }
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-      return false;
-    }
-    decoded += c;
-  }
-  return true;
+  const auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+  return TansyBase::StringUtil::PercentDecode(text, decoded) &&
+         std::none_of(decoded.begin(), decoded.end(), is_control);
 }
 
 // Cuts off what stands before the first `mark`. Returns false and cuts nothing when there is none.

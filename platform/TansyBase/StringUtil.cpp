@@ -1,7 +1,9 @@
 #include "TansyBase/StringUtil.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <system_error>
 
 #include "TansyBase/CodePage.h"
 #include "TansyBase/Utf8.h"
@@ -50,6 +52,27 @@ std::string StringUtil::StringPreventSQLInjection(std::string_view text) {
     }
   }
   return out;
+}
+
+bool StringUtil::PercentDecode(std::string_view text, std::string& decoded) {
+  constexpr int kHexadecimal = 16;
+  constexpr std::size_t kDigits = 2;
+  decoded.clear();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      decoded += text[i];
+      continue;
+    }
+    const std::string_view digits = text.substr(i + 1, kDigits);
+    unsigned char byte = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), byte, kHexadecimal);
+    if (error != std::errc{} || end != digits.data() + kDigits) {
+      return false;
+    }
+    decoded += static_cast<char>(byte);
+    i += kDigits;
+  }
+  return true;
 }
 
 std::string StringUtil::UTF8ToLocal(std::string_view utf8) {

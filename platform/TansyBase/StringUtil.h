@@ -24,6 +24,9 @@ class StringUtil {
   // database then stores the text itself.
   static std::string StringPreventSQLInjection(std::string_view text);
 
+  // Turns each %41 of an address into its byte. Returns false for what is no such code; `decoded` is then not whole.
+  static bool PercentDecode(std::string_view text, std::string& decoded);
+
   // Converts UTF-8 to the local code page (for log lines); where that is UTF-8, the text stays as it is.
   static std::string UTF8ToLocal(std::string_view utf8);
   // Converts UTF-8 to UTF-16 or UTF-32, as wide as wchar_t is; malformed sequences become U+FFFD.

@@ -3,37 +3,16 @@
 #include <algorithm>
 #include <string_view>
 
+#include "TansyBase/StringUtil.h"
+
 namespace db_layer {
 
 namespace details {
 namespace {
 
-int HexDigit(char c) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  const auto found = kDigits.find(static_cast<char>(c >= 'A' && c <= 'F' ? c - 'A' + 'a' : c));
-  return found == std::string_view::npos ? -1 : static_cast<int>(found);
-}
-
 // Decodes %41. Returns false for what is no code, and for a NUL byte.
 bool Decode(std::string_view text, std::string& decoded) {
-  decoded.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (c == '%') {
-      const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
-      const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
-      if (high < 0 || low < 0) {
-        return false;
-      }
-      c = static_cast<char>(high * 16 + low);
-      i += 2;
-    }
-    if (c == '\0') {
-      return false;
-    }
-    decoded += c;
-  }
-  return true;
+  return TansyBase::StringUtil::PercentDecode(text, decoded) && decoded.find('\0') == std::string::npos;
 }
 
 void AddIfGiven(const char* keyword, const std::string& value, PostgresParameters& parameters) {

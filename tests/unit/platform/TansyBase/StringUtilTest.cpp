@@ -30,6 +30,23 @@ TEST(StringReplace, ReplacesEveryOccurrenceOnce) {
   EXPECT_EQ(StringUtil::StringReplace("abc", "abc", "x"), "x");
 }
 
+TEST(PercentDecode, TurnsCodesIntoBytes) {
+  std::string decoded = "before";
+  EXPECT_TRUE(StringUtil::PercentDecode("", decoded));
+  EXPECT_EQ(decoded, "");
+  EXPECT_TRUE(StringUtil::PercentDecode("a%41%2f%2Fb+c%25", decoded));
+  EXPECT_EQ(decoded, "aA//b+c%");
+  EXPECT_TRUE(StringUtil::PercentDecode("%00%fF", decoded));
+  EXPECT_EQ(decoded, std::string("\0\xff", 2));
+}
+
+TEST(PercentDecode, RefusesWhatIsNoCode) {
+  std::string decoded;
+  for (const char* text : {"%", "a%4", "%%41", "%g1", "%1g", "%-1", "%+1", "% 1", "%0x41"}) {
+    EXPECT_FALSE(StringUtil::PercentDecode(text, decoded)) << text;
+  }
+}
+
 TEST(StringPreventSQLInjection, DoublesQuotesAndDropsNul) {
   EXPECT_EQ(StringUtil::StringPreventSQLInjection("it's"), "it''s");
   EXPECT_EQ(StringUtil::StringPreventSQLInjection("''"), "''''");
