@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "StartFailure.h"
+#include "StoreFixture.h"
 #include "fakes/FailingAllocation.h"
 #include "fakes/PowerCutFolder.h"
 #include "fakes/TempFolder.h"
@@ -16,36 +17,11 @@
 namespace Tansy::Host {
 namespace {
 
-std::string ReadAll(IObjectStore& store, const StoredName& name) {
-  ReadBuffer buffer;
-  if (store.ReadWhole(name, buffer) != EStoreResult::kDone) {
-    return "<unreadable>";
-  }
-  return {buffer.data.get(), buffer.size};
-}
-
-std::size_t CountFiles(IObjectStore& store) {
-  std::size_t count = 0;
-  for (const EContent content : {EContent::kObject, EContent::kPicture}) {
-    EXPECT_TRUE(store.ForEach(content, [&count](const StoredEntry&) { return ++count > 0; }));
-  }
-  return count;
-}
-
-// One byte more than what is kept together with others.
-const std::string kLargeBytes(kLongestSmallBody + 1, 'l');
-
-class FileStoreTest : public testing::TestWithParam<bool> {
+class FileStoreTest : public CStoreFixture, public testing::TestWithParam<bool> {
  protected:
-  EStoreResult Save(const std::string& bytes, StoredName& name, EContent content = EContent::kObject) {
-    return store_->SaveWhole(content, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name);
-  }
-  EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const std::string& bytes) {
-    return store_->SaveAt(name, offset, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-  }
+  FileStoreTest() { store_ = OpenFileStore(temp_.Path("objects"), GetParam()); }
 
   Tests::CTempFolder temp_;
-  std::unique_ptr<IObjectStore> store_ = OpenFileStore(temp_.Path("objects"), GetParam());
 };
 
 TEST_P(FileStoreTest, WholeObjectsComeBack) {
@@ -60,7 +36,7 @@ TEST_P(FileStoreTest, WholeObjectsComeBack) {
     const bool is_small = bytes.size() <= kLongestSmallBody;
     EXPECT_EQ(name.volume, is_small ? "lg01" : "fs01");
     EXPECT_NE(std::filesystem::exists(temp_.Path("objects/" + FilePath(name))), is_small);
-    EXPECT_EQ(ReadAll(*store_, name), bytes);
+    EXPECT_EQ(ReadAll(name), bytes);
     std::uint64_t size = 0;
     EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kDone);
     EXPECT_EQ(size, bytes.size());
@@ -89,7 +65,7 @@ TEST_P(FileStoreTest, ARemovalThatFindsNoMemoryRemovesNothing) {
 TEST_P(FileStoreTest, ARemovedFileIsNotKeptOpen) {
   StoredName name;
   ASSERT_EQ(Save(std::string(200000, 'x'), name), EStoreResult::kDone);
-  EXPECT_EQ(ReadAll(*store_, name).size(), 200000U);
+  EXPECT_EQ(ReadAll(name).size(), 200000U);
   ASSERT_EQ(store_->RemovePath(FilePath(name)), EStoreResult::kDone);
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code error;
@@ -103,7 +79,7 @@ TEST_P(FileStoreTest, PicturesLieApartFromObjects) {
   ASSERT_EQ(Save("jpeg", name, EContent::kPicture), EStoreResult::kDone);
   EXPECT_EQ(name.volume, "pc01");
   EXPECT_TRUE(store_->IsPicture(name));
-  EXPECT_EQ(ReadAll(*store_, name), "jpeg");
+  EXPECT_EQ(ReadAll(name), "jpeg");
   for (const std::string& bytes : {std::string("object"), kLargeBytes}) {
     ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
     EXPECT_FALSE(store_->IsPicture(name));
@@ -114,7 +90,7 @@ TEST_P(FileStoreTest, ASmallBodyIsNeverChanged) {
   StoredName name;
   ASSERT_EQ(Save("small", name), EStoreResult::kDone);
   EXPECT_EQ(SaveAt(name, 0, "S"), EStoreResult::kInvalid);
-  EXPECT_EQ(ReadAll(*store_, name), "small");
+  EXPECT_EQ(ReadAll(name), "small");
 }
 
 TEST_P(FileStoreTest, ADamagedSmallBodyIsNotServed) {
@@ -169,7 +145,7 @@ TEST_P(FileStoreTest, TheWalkShowsFilesAndLeavesStrangersOut) {
   EXPECT_TRUE(entries.at("pc01/aa/bb/" + std::string(32, 'a') + ".tmp").is_temporary);
   EXPECT_EQ(store_->RemovePath(FilePath(object)), EStoreResult::kDone);
   EXPECT_EQ(store_->RemovePath(FilePath(large)), EStoreResult::kDone);
-  EXPECT_EQ(CountFiles(*store_), 2U);
+  EXPECT_EQ(CountStored(), 2U);
 }
 
 TEST_P(FileStoreTest, FoldersTakeAThousandFilesEach) {
@@ -196,20 +172,20 @@ TEST(OpenFileStoreTest, AFolderThatCannotBeMadeIsAFailure) {
 }
 
 // What a power failure leaves.
-class PowerCutTest : public testing::Test {
+class PowerCutTest : public CStoreFixture, public testing::Test {
  protected:
   PowerCutTest() { Reopen(); }
 
   // The store as the next start finds it.
   void Reopen() {
     plan_ = std::make_shared<Tests::PowerCutPlan>();
-    store_ = std::make_unique<CFileStore>(std::make_unique<Tests::CPowerCutFolder>(root_, plan_), true);
-    ASSERT_EQ(store_->Load(), 0);
+    auto store = std::make_unique<CFileStore>(std::make_unique<Tests::CPowerCutFolder>(root_, plan_), true);
+    ASSERT_EQ(store->Load(), 0);
+    store_ = std::move(store);
   }
   // Stores and makes durable, as it is done before a row.
-  EStoreResult Save(EContent content, const std::string& bytes, StoredName& name) {
-    const EStoreResult result =
-        store_->SaveWhole(content, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name);
+  EStoreResult SaveDurably(const std::string& bytes, StoredName& name, EContent content = EContent::kObject) {
+    const EStoreResult result = Save(bytes, name, content);
     std::string reason;
     return result == EStoreResult::kDone && !store_->MakeDurable({}, reason) ? EStoreResult::kFailed : result;
   }
@@ -224,7 +200,6 @@ class PowerCutTest : public testing::Test {
     return node;
   }();
   std::shared_ptr<Tests::PowerCutPlan> plan_;
-  std::unique_ptr<CFileStore> store_;
 };
 
 TEST_F(PowerCutTest, WhatWasAcknowledgedIsThereAfterwards) {
@@ -232,23 +207,22 @@ TEST_F(PowerCutTest, WhatWasAcknowledgedIsThereAfterwards) {
   StoredName picture;
   StoredName parts;
   StoredName large;
-  ASSERT_EQ(Save(EContent::kObject, "object", object), EStoreResult::kDone);
-  ASSERT_EQ(store_->SaveWhole(EContent::kPicture, "picture", 7, picture), EStoreResult::kDone);
-  ASSERT_EQ(store_->SaveWhole(EContent::kObject, kLargeBytes.data(), kLongestSmallBody + 1, large),
-            EStoreResult::kDone);
-  ASSERT_EQ(store_->SaveAt(parts, 0, "test", 4), EStoreResult::kDone);
-  ASSERT_EQ(store_->SaveAt(parts, 4, "more", 4), EStoreResult::kDone);
+  ASSERT_EQ(SaveDurably("object", object), EStoreResult::kDone);
+  ASSERT_EQ(Save("picture", picture, EContent::kPicture), EStoreResult::kDone);
+  ASSERT_EQ(Save(kLargeBytes, large), EStoreResult::kDone);
+  ASSERT_EQ(SaveAt(parts, 0, "test"), EStoreResult::kDone);
+  ASSERT_EQ(SaveAt(parts, 4, "more"), EStoreResult::kDone);
   CutPower();
-  EXPECT_EQ(ReadAll(*store_, object), "object");
-  EXPECT_EQ(ReadAll(*store_, large), kLargeBytes);
-  EXPECT_EQ(ReadAll(*store_, picture), "picture");
-  EXPECT_EQ(ReadAll(*store_, parts), "testmore");
+  EXPECT_EQ(ReadAll(object), "object");
+  EXPECT_EQ(ReadAll(large), kLargeBytes);
+  EXPECT_EQ(ReadAll(picture), "picture");
+  EXPECT_EQ(ReadAll(parts), "testmore");
 }
 
 // Bytes whose write ended without a result would never be given up.
 TEST_F(PowerCutTest, AWriteThatFindsNoMemoryCountsAsFailed) {
   StoredName first;
-  ASSERT_EQ(store_->SaveAt(first, 0, "test", 4), EStoreResult::kDone);
+  ASSERT_EQ(SaveAt(first, 0, "test"), EStoreResult::kDone);
   plan_->throws = true;
   bool done = false;
   for (int fail_at = 0; !done; ++fail_at) {
@@ -257,16 +231,16 @@ TEST_F(PowerCutTest, AWriteThatFindsNoMemoryCountsAsFailed) {
     plan_->fail_at = fail_at;
     StoredName name;
     try {
-      Save(EContent::kObject, kLargeBytes, name);
-      Save(EContent::kObject, "object", name);
-      store_->SaveAt(first, 4, "more", 4);
+      SaveDurably(kLargeBytes, name);
+      SaveDurably("object", name);
+      SaveAt(first, 4, "more");
       done = true;
     } catch (const std::bad_alloc&) {
     }
-    const std::size_t noted = CountFiles(*store_) - 1;  // all but the first are new and have no row
+    const std::size_t noted = CountStored() - 1;  // all but the first are new and have no row
     EXPECT_GE(store_->GetNew(0).size(), noted) << "operation " << fail_at;
   }
-  EXPECT_EQ(ReadAll(*store_, first), "testmore");
+  EXPECT_EQ(ReadAll(first), "testmore");
 }
 
 // Fails each operation in turn, with the power cut right afterwards.
@@ -281,19 +255,19 @@ TEST_F(PowerCutTest, NoFailureOnTheWayHurtsWhatWasAcknowledgedBefore) {
       root_->entries_on_disk.clear();
       Reopen();
       StoredName first;
-      ASSERT_EQ(Save(content, "first" + padding, first), EStoreResult::kDone);
+      ASSERT_EQ(SaveDurably("first" + padding, first, content), EStoreResult::kDone);
       CutPower();
       plan_->fail_at = fail_at;
       StoredName second;
-      const EStoreResult result = Save(content, "second" + padding, second);
+      const EStoreResult result = SaveDurably("second" + padding, second, content);
       done = result == EStoreResult::kDone;
       if (!done) {
-        EXPECT_EQ(CountFiles(*store_), 1U) << "a failed save leaves nothing, failure at operation " << fail_at;
+        EXPECT_EQ(CountStored(), 1U) << "a failed save leaves nothing, failure at operation " << fail_at;
       }
       CutPower();
-      EXPECT_EQ(ReadAll(*store_, first), "first" + padding) << "failure at operation " << fail_at;
+      EXPECT_EQ(ReadAll(first), "first" + padding) << "failure at operation " << fail_at;
       if (done) {
-        EXPECT_EQ(ReadAll(*store_, second), "second" + padding);
+        EXPECT_EQ(ReadAll(second), "second" + padding);
       }
     }
   }
@@ -304,8 +278,7 @@ TEST_F(PowerCutTest, AFailedSaveNamesNothing) {
     plan_->operations = 0;
     plan_->fail_at = 1;
     StoredName name;
-    EXPECT_NE(store_->SaveWhole(EContent::kObject, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name),
-              EStoreResult::kDone);
+    EXPECT_NE(Save(bytes, name), EStoreResult::kDone);
     EXPECT_TRUE(name.id.empty());
   }
 }
@@ -313,14 +286,14 @@ TEST_F(PowerCutTest, AFailedSaveNamesNothing) {
 TEST_F(PowerCutTest, ATornPictureNeverLooksLikeAWholeOne) {
   // The folders are there already.
   StoredName name;
-  ASSERT_EQ(store_->SaveWhole(EContent::kPicture, "x", 1, name), EStoreResult::kDone);
+  ASSERT_EQ(Save("x", name, EContent::kPicture), EStoreResult::kDone);
   for (int fail_at = 0; fail_at < 10; ++fail_at) {
     plan_->operations = 0;
     plan_->fail_at = fail_at;
-    store_->SaveWhole(EContent::kPicture, "whole", 5, name);
+    Save("whole", name, EContent::kPicture);
     store_->ForEach(EContent::kPicture, [this](const StoredEntry& entry) {
       if (!entry.is_temporary) {
-        const std::string bytes = ReadAll(*store_, entry.name);
+        const std::string bytes = ReadAll(entry.name);
         EXPECT_TRUE(bytes == "x" || bytes == "whole") << bytes;
       }
       return true;
@@ -336,30 +309,28 @@ TEST_F(PowerCutTest, AFullDiskIsToldFromABrokenOne) {
       plan_->fail_at = fail_at;
       StoredName name;
       const std::string bytes = fail_at % 2 == 0 ? "x" : kLargeBytes;
-      EXPECT_EQ(store_->SaveWhole(EContent::kObject, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name),
-                EStoreResult::kNoSpace)
-          << fail_at;
-      EXPECT_EQ(CountFiles(*store_), 0U);
+      EXPECT_EQ(Save(bytes, name), EStoreResult::kNoSpace) << fail_at;
+      EXPECT_EQ(CountStored(), 0U);
     }
   }
   Reopen();
   plan_->fail_at = 0;
   StoredName name;
-  EXPECT_EQ(store_->SaveAt(name, 0, "x", 1), EStoreResult::kFailed);
+  EXPECT_EQ(SaveAt(name, 0, "x"), EStoreResult::kFailed);
   EXPECT_TRUE(name.id.empty());
 }
 
 TEST_F(PowerCutTest, AFailedPartLeavesTheObjectForAnotherTry) {
   StoredName name;
-  ASSERT_EQ(store_->SaveAt(name, 0, "test", 4), EStoreResult::kDone);
+  ASSERT_EQ(SaveAt(name, 0, "test"), EStoreResult::kDone);
   plan_->operations = 0;
   plan_->fail_at = 1;
   plan_->error = ENOSPC;
-  EXPECT_EQ(store_->SaveAt(name, 4, "more", 4), EStoreResult::kNoSpace);
+  EXPECT_EQ(SaveAt(name, 4, "more"), EStoreResult::kNoSpace);
   plan_->fail_at = -1;
-  EXPECT_EQ(store_->SaveAt(name, 4, "more", 4), EStoreResult::kDone);
+  EXPECT_EQ(SaveAt(name, 4, "more"), EStoreResult::kDone);
   CutPower();
-  EXPECT_EQ(ReadAll(*store_, name), "testmore");
+  EXPECT_EQ(ReadAll(name), "testmore");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "FileStore.h"
 #include "RadosPool.h"
 #include "RadosStore.h"
+#include "StoreFixture.h"
 #include "fakes/CephCluster.h"
 #include "fakes/RandomBytes.h"
 #include "fakes/TempFolder.h"
@@ -19,36 +20,9 @@
 namespace Tansy::Host {
 namespace {
 
-std::string ReadAll(IObjectStore& store, const StoredName& name) {
-  ReadBuffer buffer;
-  if (store.ReadWhole(name, buffer) != EStoreResult::kDone) {
-    return "<unreadable>";
-  }
-  return {buffer.data.get(), buffer.size};
-}
-
-std::size_t CountFiles(IObjectStore& store) {
-  std::size_t count = 0;
-  for (const EContent content : {EContent::kObject, EContent::kPicture}) {
-    EXPECT_TRUE(store.ForEach(content, [&count](const StoredEntry&) { return ++count > 0; }));
-  }
-  return count;
-}
-
-std::string ReadRange(IObjectStore& store, const StoredName& name, std::uint64_t offset, std::uint32_t size) {
-  ReadBuffer buffer;
-  if (store.ReadRange(name, offset, size, buffer) != EStoreResult::kDone) {
-    return "<unreadable>";
-  }
-  return {buffer.data.get(), buffer.size};
-}
-
-// One byte more than what files keep together with others.
-const std::string kLargeBytes(kLongestSmallBody + 1, 'l');
-
 enum class EStore { kFileFull, kFileFast, kRados };
 
-class ObjectStoreTest : public testing::TestWithParam<EStore> {
+class ObjectStoreTest : public CStoreFixture, public testing::TestWithParam<EStore> {
  protected:
   void SetUp() override {
     std::filesystem::current_path(temp_.GetPath());
@@ -68,12 +42,6 @@ class ObjectStoreTest : public testing::TestWithParam<EStore> {
                                           : OpenFileStore("objects", GetParam() == EStore::kFileFull, use);
   }
 
-  EStoreResult Save(const std::string& bytes, StoredName& name, EContent content = EContent::kObject) {
-    return store_->SaveWhole(content, bytes.data(), static_cast<std::uint32_t>(bytes.size()), name);
-  }
-  EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const std::string& bytes) {
-    return store_->SaveAt(name, offset, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-  }
   std::vector<std::string> NewNames() {
     std::vector<std::string> names;
     for (const NewBytes& bytes : store_->GetNew(0)) {
@@ -86,7 +54,6 @@ class ObjectStoreTest : public testing::TestWithParam<EStore> {
   Tests::CTempFolder temp_;
   RadosUrl url_;
   std::shared_ptr<CRadosPool> pool_;  // null for files
-  std::unique_ptr<IObjectStore> store_;
 };
 
 TEST_P(ObjectStoreTest, WholeBytesComeBack) {
@@ -96,7 +63,7 @@ TEST_P(ObjectStoreTest, WholeBytesComeBack) {
       StoredName name;
       ASSERT_EQ(Save(bytes, name, content), EStoreResult::kDone) << size;
       EXPECT_EQ(store_->IsPicture(name), content == EContent::kPicture);
-      EXPECT_TRUE(ReadAll(*store_, name) == bytes) << size;
+      EXPECT_TRUE(ReadAll(name) == bytes) << size;
       std::uint64_t stored = 0;
       EXPECT_EQ(store_->GetSize(name, stored), EStoreResult::kDone);
       EXPECT_EQ(stored, size);
@@ -112,7 +79,7 @@ TEST_P(ObjectStoreTest, RangesOfLongBytesComeBack) {
   ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
   for (const std::uint32_t begin : {0U, 1U, 4 * kMiB - 1, 4 * kMiB, 4 * kMiB + 1, 8 * kMiB, 9 * kMiB + 4}) {
     for (const std::uint32_t size : {1U, 2U, 4 * kMiB, 4 * kMiB + 1, 9 * kMiB}) {
-      EXPECT_TRUE(ReadRange(*store_, name, begin, size) == bytes.substr(begin, size)) << begin << "+" << size;
+      EXPECT_TRUE(ReadRange(name, begin, size) == bytes.substr(begin, size)) << begin << "+" << size;
     }
   }
 }
@@ -138,7 +105,7 @@ TEST_P(ObjectStoreTest, PartsAtOffsetsMakeOneWhole) {
   std::uint64_t size = 0;
   ASSERT_EQ(store_->GetSize(name, size), EStoreResult::kDone);
   EXPECT_EQ(size, bytes.size());
-  EXPECT_TRUE(ReadAll(*store_, name) == bytes);
+  EXPECT_TRUE(ReadAll(name) == bytes);
 }
 
 TEST_P(ObjectStoreTest, AWholeChunkThatWasNeverWrittenReadsAsZeros) {
@@ -148,19 +115,19 @@ TEST_P(ObjectStoreTest, AWholeChunkThatWasNeverWrittenReadsAsZeros) {
   std::string expected(12U << 20U, '\0');
   expected.replace(0, 5, "begin");
   expected += "end";
-  EXPECT_TRUE(ReadAll(*store_, name) == expected);
-  EXPECT_TRUE(ReadRange(*store_, name, 5U << 20U, 1U << 20U) == std::string(1U << 20U, '\0'));
+  EXPECT_TRUE(ReadAll(name) == expected);
+  EXPECT_TRUE(ReadRange(name, 5U << 20U, 1U << 20U) == std::string(1U << 20U, '\0'));
 }
 
 TEST_P(ObjectStoreTest, NothingIsLeftOfWhatWasRemoved) {
   StoredName name;
   ASSERT_EQ(Save(std::string(9U << 20U, 'x'), name), EStoreResult::kDone);
   ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-  EXPECT_EQ(CountFiles(*store_), 0U);
+  EXPECT_EQ(CountStored(), 0U);
   EXPECT_THAT(NewNames(), testing::IsEmpty());
   ASSERT_EQ(Save(std::string(9U << 20U, 'y'), name), EStoreResult::kDone);
   ASSERT_EQ(store_->RemovePath(FilePath(name)), EStoreResult::kDone);
-  EXPECT_EQ(CountFiles(*store_), 0U);
+  EXPECT_EQ(CountStored(), 0U);
 }
 
 TEST_P(ObjectStoreTest, BytesAreNewUntilTheyAreForgotten) {
@@ -184,9 +151,9 @@ TEST_P(ObjectStoreTest, BytesAreNewUntilTheyAreForgotten) {
   EXPECT_EQ(store_->FreeNew(parts), EStoreResult::kDone);
   EXPECT_EQ(store_->FreeNew(picture), EStoreResult::kDone);
   EXPECT_THAT(NewNames(), testing::IsEmpty());
-  EXPECT_EQ(CountFiles(*store_), 2U);
-  EXPECT_EQ(ReadAll(*store_, whole), kLargeBytes);
-  EXPECT_EQ(ReadAll(*store_, picture), "jpeg");
+  EXPECT_EQ(CountStored(), 2U);
+  EXPECT_EQ(ReadAll(whole), kLargeBytes);
+  EXPECT_EQ(ReadAll(picture), "jpeg");
 }
 
 TEST_P(ObjectStoreTest, ALookSeesWhatAnotherStoreIsWriting) {
@@ -199,7 +166,7 @@ TEST_P(ObjectStoreTest, ALookSeesWhatAnotherStoreIsWriting) {
   ASSERT_EQ(names.size(), 1U);
   EXPECT_EQ(names[0], name);
   EXPECT_FALSE(store_->IsNew(name));
-  EXPECT_EQ(ReadAll(*store_, name), "test");
+  EXPECT_EQ(ReadAll(name), "test");
 }
 
 TEST_P(ObjectStoreTest, TheWalkShowsEverythingOnce) {
@@ -237,11 +204,11 @@ TEST_P(ObjectStoreTest, EverySaveHasANameOfItsOwn) {
 TEST_P(ObjectStoreTest, WhatWasReadBeforeAWriteIsReadAnew) {
   StoredName name;
   ASSERT_EQ(SaveAt(name, 0, "first bytes"), EStoreResult::kDone);
-  EXPECT_EQ(ReadRange(*store_, name, 0, 11), "first bytes");
+  EXPECT_EQ(ReadRange(name, 0, 11), "first bytes");
   ASSERT_EQ(SaveAt(name, 0, "other"), EStoreResult::kDone);
-  EXPECT_EQ(ReadRange(*store_, name, 0, 11), "other bytes");
+  EXPECT_EQ(ReadRange(name, 0, 11), "other bytes");
   ASSERT_EQ(SaveAt(name, 11, " and more"), EStoreResult::kDone);
-  EXPECT_EQ(ReadRange(*store_, name, 0, 100), "other bytes and more");
+  EXPECT_EQ(ReadRange(name, 0, 100), "other bytes and more");
 }
 
 TEST_P(ObjectStoreTest, WhatWasReadBeforeARemovalIsGone) {
@@ -249,11 +216,11 @@ TEST_P(ObjectStoreTest, WhatWasReadBeforeARemovalIsGone) {
     StoredName name;
     const std::string bytes(size, 'x');
     ASSERT_EQ(Save(bytes, name), EStoreResult::kDone);
-    EXPECT_EQ(ReadRange(*store_, name, 0, static_cast<std::uint32_t>(size)), bytes);
-    EXPECT_EQ(ReadAll(*store_, name), bytes);
+    EXPECT_EQ(ReadRange(name, 0, static_cast<std::uint32_t>(size)), bytes);
+    EXPECT_EQ(ReadAll(name), bytes);
     ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
-    EXPECT_EQ(ReadRange(*store_, name, 0, 5), "<unreadable>");
-    EXPECT_EQ(ReadAll(*store_, name), "<unreadable>");
+    EXPECT_EQ(ReadRange(name, 0, 5), "<unreadable>");
+    EXPECT_EQ(ReadAll(name), "<unreadable>");
   }
 }
 
@@ -264,7 +231,7 @@ TEST_P(ObjectStoreTest, BytesAtOffsetsLeaveHolesThatReadAsZeros) {
   ASSERT_EQ(SaveAt(name, 8, "tail"), EStoreResult::kDone);
   ASSERT_EQ(SaveAt(name, 0, "HE"), EStoreResult::kDone);
   EXPECT_EQ(name, first);
-  EXPECT_EQ(ReadAll(*store_, name), std::string("HEst\0\0\0\0tail", 12));
+  EXPECT_EQ(ReadAll(name), std::string("HEst\0\0\0\0tail", 12));
 }
 
 TEST_P(ObjectStoreTest, OffsetsNearFourGibibytesWork) {
@@ -329,7 +296,7 @@ TEST_P(ObjectStoreTest, ManyThreadsAtOnceKeepTheirBytesApart) {
         const std::string bytes = std::to_string(t) + ":" + std::to_string(i) + (i % 2 == 0 ? kLargeBytes : "");
         StoredName name;
         ASSERT_EQ(Save(bytes, name, i % 3 == 0 ? EContent::kPicture : EContent::kObject), EStoreResult::kDone);
-        ASSERT_EQ(ReadAll(*store_, name), bytes);
+        ASSERT_EQ(ReadAll(name), bytes);
         if (i % 5 == 0) {
           ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
         }
@@ -339,7 +306,7 @@ TEST_P(ObjectStoreTest, ManyThreadsAtOnceKeepTheirBytesApart) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(CountFiles(*store_), 8U * 16U);
+  EXPECT_EQ(CountStored(), 8U * 16U);
 }
 
 TEST_P(ObjectStoreTest, OneObjectIsReadWhileItIsWrittenAtOffsets) {
@@ -351,12 +318,12 @@ TEST_P(ObjectStoreTest, OneObjectIsReadWhileItIsWrittenAtOffsets) {
     }
   });
   for (int i = 0; i < 20; ++i) {
-    const std::string bytes = ReadAll(*store_, name);
+    const std::string bytes = ReadAll(name);
     EXPECT_EQ(bytes.size(), 100000U);
     EXPECT_EQ(bytes.find_first_not_of("ab"), std::string::npos);
   }
   writer.join();
-  EXPECT_EQ(ReadAll(*store_, name), std::string(100000, 'b'));
+  EXPECT_EQ(ReadAll(name), std::string(100000, 'b'));
 }
 
 TEST_P(ObjectStoreTest, AReaderReadsToTheLastByteWhateverIsRemoved) {
@@ -367,7 +334,7 @@ TEST_P(ObjectStoreTest, AReaderReadsToTheLastByteWhateverIsRemoved) {
     ASSERT_EQ(store_->BeginRead(name), EStoreResult::kDone);
     ASSERT_EQ(store_->Remove(name), EStoreResult::kDone);
     store_->Tidy({});
-    EXPECT_EQ(CountFiles(*store_), 0U);
+    EXPECT_EQ(CountStored(), 0U);
     ReadBuffer buffer;
     for (int readers = 2; readers > 0; --readers) {
       ASSERT_EQ(store_->ReadRange(name, padding + 5, 5, buffer), EStoreResult::kDone) << readers;
