@@ -6,6 +6,7 @@
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
+#include "StorageServer/ObjectServer/ObjectTableLoader.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
@@ -46,6 +47,12 @@ bool CObjectStorageManager::LoadBuckets() {
   return true;
 }
 
+bool CObjectStorageManager::LoadTable(CObjectTable& objects, const std::string& bucket_name) {
+  CObjectTableLoader loader(objects);
+  const auto take = [&loader](const ObjectInfo& object) { loader.Add(CPackedObject::Make(object)); };
+  return CObjectServerSession::QueryObject(take, bucket_name);
+}
+
 bool CObjectStorageManager::LoadObjects() {
   std::vector<std::string> names;
   {
@@ -57,8 +64,7 @@ bool CObjectStorageManager::LoadObjects() {
   }
   for (const std::string& name : names) {
     auto objects = std::make_unique<CObjectTable>();
-    const auto take = [&objects](const ObjectInfo& object) { objects->Add(CPackedObject::Make(object)); };
-    if (!CObjectServerSession::QueryObject(take, name)) {
+    if (!LoadTable(*objects, name)) {
       return false;
     }
     const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);

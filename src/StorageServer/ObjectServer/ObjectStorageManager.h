@@ -124,6 +124,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   ~CObjectStorageManager() = default;
 
   bool LoadBuckets();
+  static bool LoadTable(CObjectTable& objects, const std::string& bucket_name);
   bool LoadObjects();
   bool LoadTasks();
   void LoadAges();
