@@ -172,6 +172,7 @@ void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::Storag
   config.read_range = &details::ReadRange;
   config.remove_object = &details::RemoveObject;
   CloudStorage::SetReadLeaseCallbacks(&details::BeginRead, &details::EndRead);
+  CloudStorage::SetDownloadChunk(details::Store().DownloadChunk());
 }
 
 }  // namespace Tansy::Host

@@ -22,6 +22,9 @@ constexpr const char* kTemporaryEnd = ".tmp";
 // A large write is cut into slices of this size, so that the disk writes one slice while the next one is copied.
 constexpr std::uint32_t kWriteOutSlice = 1024 * 1024;
 
+// What a download reads is still in the processor's cache when it is sent.
+constexpr std::uint32_t kDownloadChunk = 1024 * 1024;
+
 // Writes a failed operation into the log and gives its result.
 EStoreResult Failed(const char* what, const std::string& path, int error) {
   HOST_LOG(logging::kError, "[%s]%s %s failed: %s.[%s(%d)]", what, path.c_str(), HostSystem::ErrorText(error).c_str());
@@ -264,6 +267,10 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
     cache_.AddBody(name, buffer, ticket);
   }
   return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
+}
+
+std::uint32_t CFileStore::DownloadChunk() const {
+  return details::kDownloadChunk;
 }
 
 EStoreResult CFileStore::ReadSmall(const StoredName& name, std::uint64_t offset, std::uint32_t size,

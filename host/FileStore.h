@@ -35,6 +35,7 @@ class CFileStore final : public IObjectStore {
   EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
+  std::uint32_t DownloadChunk() const override;
   EStoreResult Remove(const StoredName& name) override;
   EStoreResult BeginRead(const StoredName& name) override;
   void EndRead(const StoredName& name) override { held_.End(name); }

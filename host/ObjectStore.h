@@ -82,6 +82,8 @@ class IObjectStore {
   // Reads at most `size` bytes, fewer (even none) at the end.
   virtual EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size,
                                  ReadBuffer& buffer) = 0;
+  // Says how many bytes a long download should read at a time; 0 leaves that to the server.
+  virtual std::uint32_t DownloadChunk() const = 0;
   virtual EStoreResult Remove(const StoredName& name) = 0;
 
   // From the begin to the end of a read, ranges of these bytes can be read, whatever removes them meanwhile. kDone

@@ -40,6 +40,8 @@ class CRadosStore final : public IObjectStore {
   EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
+  // A large chunk is read from several places of the pool at once.
+  std::uint32_t DownloadChunk() const override { return 0; }
   EStoreResult Remove(const StoredName& name) override;
   EStoreResult BeginRead(const StoredName& name) override;
   void EndRead(const StoredName& name) override;

@@ -1,9 +1,10 @@
 // Entry points of the object server.
 //
-// Threads: InitObjectServer is called once by the host, on any thread, before the others; only SetReadLeaseCallbacks
-// and SetSignatureDateWindow may come before it. All others may be called from any thread, also while requests run.
-// Ownership: whatever is passed in is copied, except the factory, which is kept for the life of the process.
-// Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise; the log says why.
+// Threads: InitObjectServer is called once by the host, on any thread, before the others; only SetReadLeaseCallbacks,
+// SetDownloadChunk and SetSignatureDateWindow may come before it. All others may be called from any thread, also while
+// requests run. Ownership: whatever is passed in is copied, except the factory, which is kept for the life of the
+// process. Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise; the log says
+// why.
 #ifndef TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
 #define TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
 
@@ -56,6 +57,12 @@ TANSY_CLOUD_STORAGE_API int CheckObjectRequestValid(std::string& internal_url, s
 // downloads that begin afterwards; each download ends with the end callback that belongs to its begin callback. Null
 // for both means no frames, which is the default. See ReadBeginCallback. Always returns 0.
 TANSY_CLOUD_STORAGE_API int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end);
+
+// Sets how many bytes of a download that is sent in chunks are read and sent at a time. Large chunks suit a storage
+// that takes long to answer, small ones one that is in memory mostly: bytes that stay in the processor's cache between
+// reading and sending are sent sooner. 0, which is the default, and more than 10,485,760 mean 10,485,760. Counts for
+// downloads that begin afterwards. Always returns 0.
+TANSY_CLOUD_STORAGE_API int SetDownloadChunk(std::uint32_t bytes);
 
 // Appends to `locations` what StreamSaveCallback left for each upload under way that may still become an object: its
 // client is still there, or all of it has come and only the row is missing. A host that looks for stored bytes without

@@ -12,6 +12,7 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_H
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -70,6 +71,9 @@ class CObjectServer : private TansyBase::CNoncopyable {
   void UpdateWanServerInfo(bool enable, const std::string& wan_ip, std::uint32_t port);
   void UpdateWanServerInfoV1(const std::map<WanServerInfoFieldType, std::string>& fields);
 
+  // Sets the size of the chunks of downloads; see TansyCloudStorage/ObjectServer.h.
+  void SetDownloadChunk(std::uint32_t bytes);
+
   // Look-ups for a host that serves downloads itself; see TansyCloudStorage/ObjectServer.h.
   bool GetInternalURLByObjectUrl(std::string& internal_url, const std::string& object_url);
   int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method, std::string& query,
@@ -96,6 +100,8 @@ class CObjectServer : private TansyBase::CNoncopyable {
 
  private:
   friend class CSingleton<CObjectServer>;
+  // Longer answers are sent in chunks on a thread of their own.
+  static constexpr std::uint32_t kLargestDownloadChunk = 0xA00000;
   using HttpServerRecv = TansyNet::HttpServerRecv;
   using HttpResponse = TansyNet::HttpResponse;
   using Config = StorageServerConfig_V1;
@@ -177,6 +183,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
                          details::CReadLease& lease);
 
   CConfigSnapshot<Config> conf_;
+  std::atomic<std::uint32_t> download_chunk_{kLargestDownloadChunk};
 
   // Guarded by enable_mutex_ after Init.
   details::Listener http_listener_;

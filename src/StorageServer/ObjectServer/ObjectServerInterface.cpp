@@ -165,4 +165,11 @@ int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
   });
 }
 
+int SetDownloadChunk(std::uint32_t bytes) {
+  return AtBoundary("SetDownloadChunk", details::kInitFailed, [&] {
+    CObjectServer::Instance().SetDownloadChunk(bytes);
+    return 0;
+  });
+}
+
 }  // namespace Tansy::CloudStorage

@@ -20,8 +20,6 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
-// Longer answers are sent in chunks of this size on a thread of their own.
-constexpr std::uint32_t kChunkBytes = 0xA00000;
 // A chunk waits this long for room in memory, as long as a chunk waits for its client.
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
 // This text marks the url of an object whose bytes the picture service keeps.
@@ -162,7 +160,7 @@ std::optional<int> CObjectServer::SendObject(std::int32_t session_id, const Obje
   range.end = range.end != 0 ? std::min(range.end, size) : size;
   const std::uint32_t length = range.end - range.begin;
   const bool picture = details::IsPicture(object);
-  if (!picture && length > details::kChunkBytes) {
+  if (!picture && length > kLargestDownloadChunk) {
     return StartBigFileSend(session_id, object, range, length);
   }
   // Before the bytes are read: many clients that cannot be answered must not keep the storage busy.
@@ -194,10 +192,11 @@ std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, cons
   if (!lease) {
     return std::nullopt;
   }
-  const std::uint32_t chunk_count = length / details::kChunkBytes + (length % details::kChunkBytes != 0 ? 1 : 0);
+  const std::uint32_t chunk_size = download_chunk_.load(std::memory_order_relaxed);
+  const std::uint32_t chunk_count = length / chunk_size + (length % chunk_size != 0 ? 1 : 0);
   const bool started = details::CBigFileSendThreads::Instance().Run([=, this] {
     try {
-      HandleBigFileSend(chunk_count, details::kChunkBytes, session_id, object, range, length, *lease);
+      HandleBigFileSend(chunk_count, chunk_size, session_id, object, range, length, *lease);
     } catch (const std::exception& error) {
       // Most likely memory ran out. The client gets an error answer or, once the head has been sent, its connection is
       // closed.
@@ -207,6 +206,11 @@ std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, cons
     }
   });
   return started ? 0 : AnswerError(session_id, kServerInternalError);
+}
+
+void CObjectServer::SetDownloadChunk(std::uint32_t bytes) {
+  const bool is_usable = bytes > 0 && bytes <= kLargestDownloadChunk;
+  download_chunk_.store(is_usable ? bytes : kLargestDownloadChunk, std::memory_order_relaxed);
 }
 
 bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,

@@ -489,6 +489,36 @@ TEST_F(CObjectServerReadTest, TwentyFiveMiBAreSentInThreeChunks) {
   EXPECT_EQ(log_->Count(kSuccess), 0u);
 }
 
+// Sets the size of chunks for the life of the object.
+class CChunkSize {
+ public:
+  explicit CChunkSize(std::uint32_t bytes) { EXPECT_EQ(CloudStorage::SetDownloadChunk(bytes), 0); }
+  ~CChunkSize() { CloudStorage::SetDownloadChunk(0); }
+  CChunkSize(const CChunkSize&) = delete;
+  CChunkSize& operator=(const CChunkSize&) = delete;
+};
+
+TEST_F(CObjectServerReadTest, AHostMayAskForSmallerChunks) {
+  const std::string bytes = Pattern(kChunk + kMiB + 1);
+  NewObject(bucket_, "k", bytes);
+  const CChunkSize size(4 * kMiB);
+  const FakeAnswer answer = Get(Path("k"));
+  EXPECT_TRUE(IsBytes(answer, bytes));
+  EXPECT_THAT(answer.chunks, ElementsAre(4 * kMiB, 4 * kMiB, 3 * kMiB + 1));
+  EXPECT_TRUE(GetRange("k", "bytes=0-10485760").chunks.empty()) << "what is sent in one piece stays so";
+}
+
+TEST_F(CObjectServerReadTest, ChunksAreNeverEmptyNorLargerThanTheLargest) {
+  const std::string bytes = Pattern(kChunk + kMiB + 1);
+  NewObject(bucket_, "k", bytes);
+  for (const std::uint32_t bytes_asked : {0u, kChunk + 1, 0xFFFFFFFFu}) {
+    const CChunkSize size(bytes_asked);
+    const FakeAnswer answer = Get(Path("k"));
+    EXPECT_TRUE(IsBytes(answer, bytes)) << bytes_asked;
+    EXPECT_THAT(answer.chunks, ElementsAre(kChunk, kMiB + 1)) << bytes_asked;
+  }
+}
+
 TEST_F(CObjectServerReadTest, BigRanges) {
   const std::string bytes = Pattern(25 * kMiB);
   NewObject(bucket_, "k", bytes);
