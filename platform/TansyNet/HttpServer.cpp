@@ -36,7 +36,7 @@ int Stop(std::int32_t handle) {
 }
 
 int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
-          RecvCallback callback, bool reuse_address) {
+          RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
   CListenerTable::SetLastError({});
   handle = 0;
   if (port == 0) {
@@ -49,7 +49,7 @@ int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, 
   std::vector<std::int32_t> handles;
   for (const std::string& each : TheProcess().addresses.Of(address)) {
     std::int32_t own = 0;
-    const int result = TheProcess().listeners.Start(own, each, port, tls, callback, reuse_address);
+    const int result = TheProcess().listeners.Start(own, each, port, tls, callback, reuse_address, unknown_length);
     if (result != 0) {
       for (const std::int32_t opened : handles) {
         TheProcess().listeners.Stop(opened);
@@ -90,13 +90,13 @@ int Report(int result, std::int32_t handle) {
 }  // namespace details
 
 int CHttpServer::StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                 RecvCallback callback, bool reuse_address) {
-  return details::Start(handle, address, port, nullptr, callback, reuse_address);
+                                 RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
+  return details::Start(handle, address, port, nullptr, callback, reuse_address, unknown_length);
 }
 
 int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                  const HttpsServer& tls, RecvCallback callback) {
-  return details::Start(handle, address, port, &tls, callback, true);
+                                  const HttpsServer& tls, RecvCallback callback, EUnknownLength unknown_length) {
+  return details::Start(handle, address, port, &tls, callback, true, unknown_length);
 }
 
 int CHttpServer::StopServer(std::int32_t handle) {
@@ -108,6 +108,12 @@ int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& res
   const int result = details::SendGuarded(handle, [&](IServerConnection& connection) {
     return connection.Answer(handle, response, std::string_view(data, size));
   });
+  return details::Report(result, handle);
+}
+
+int CHttpServer::HttpServerSendHead(std::int32_t handle, const HttpResponse& response, std::uint64_t total_size) {
+  const int result = details::SendGuarded(
+      handle, [&](IServerConnection& connection) { return connection.AnswerHead(handle, response, total_size); });
   return details::Report(result, handle);
 }
 

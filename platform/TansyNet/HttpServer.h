@@ -28,11 +28,14 @@ class CHttpServer {
 
   // Listens on `address` ("0.0.0.0", "::" or any local address; IPv6 listeners are v6-only so that both families share
   // a port). Port 0 opens nothing and succeeds with handle 0, and so does "::" on a machine without IPv6.
+  // `unknown_length` says what becomes of uploads whose length is not announced.
   // `reuse_address` allows a port on which connections of an earlier listener still linger.
   static int StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                             RecvCallback callback, bool reuse_address);
+                             RecvCallback callback, bool reuse_address,
+                             EUnknownLength unknown_length = EUnknownLength::kRefuse);
   static int StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                              const HttpsServer& tls, RecvCallback callback);
+                              const HttpsServer& tls, RecvCallback callback,
+                              EUnknownLength unknown_length = EUnknownLength::kRefuse);
   // Stops accepting and closes idle connections. Requests under way are answered, and their connections are closed
   // after that. Stopping handle 0 succeeds.
   static int StopServer(std::int32_t handle);
@@ -43,6 +46,9 @@ class CHttpServer {
   // answered exactly once.
   static int HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                 const char* data);
+  // Answers a HEAD request as a GET would be answered with `total_size` bytes, none of which is needed. A request of
+  // another method is answered 500.
+  static int HttpServerSendHead(std::int32_t handle, const HttpResponse& response, std::uint64_t total_size);
   // Claims the room of an answer whose bytes are still to be read from somewhere. The result is 0, or says why there
   // will be no answer: with kNetNoMemory the client has got its 503. A later HttpServerSyncSend of this request finds
   // its room.

@@ -226,6 +226,15 @@ int CFakeHttpServer::Send(std::int32_t handle, const TansyNet::HttpResponse& res
   return SendResult();
 }
 
+int CFakeHttpServer::SendHead(std::int32_t handle, const TansyNet::HttpResponse& response, std::uint64_t total_size) {
+  const int result = Send(handle, response, {});
+  const std::lock_guard lock(mutex_);
+  answers_[handle].total_size = total_size;
+  answers_[handle].body_size = total_size;  // nothing more comes
+  changed_.notify_all();
+  return result;
+}
+
 int CFakeHttpServer::SendChunk(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data,
                                std::uint64_t total_size) {
   const std::lock_guard lock(mutex_);
@@ -257,23 +266,25 @@ using Tansy::Tests::CFakeHttpServer;
 using Tansy::Tests::FakeListener;
 
 int CHttpServer::StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                 RecvCallback callback, bool reuse_address) {
+                                 RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
   FakeListener listener;
   listener.address = address;
   listener.port = port;
   listener.callback = callback;
+  listener.unknown_length = unknown_length;
   listener.reuse_address = reuse_address;
   return CFakeHttpServer::Instance().Start(std::move(listener), handle);
 }
 
 int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                  const HttpsServer& tls, RecvCallback callback) {
+                                  const HttpsServer& tls, RecvCallback callback, EUnknownLength unknown_length) {
   FakeListener listener;
   listener.https = true;
   listener.address = address;
   listener.port = port;
   listener.tls = tls;
   listener.callback = callback;
+  listener.unknown_length = unknown_length;
   return CFakeHttpServer::Instance().Start(std::move(listener), handle);
 }
 
@@ -292,6 +303,10 @@ int CHttpServer::ClaimAnswer(std::int32_t handle, std::uint32_t) {
 int CHttpServer::HttpServerSyncSend(std::int32_t handle, const HttpResponse& response, std::uint32_t size,
                                     const char* data) {
   return CFakeHttpServer::Instance().Send(handle, response, {data, size});
+}
+
+int CHttpServer::HttpServerSendHead(std::int32_t handle, const HttpResponse& response, std::uint64_t total_size) {
+  return CFakeHttpServer::Instance().SendHead(handle, response, total_size);
 }
 
 int CHttpServer::HttpServerSyncSendBigRsp(std::int32_t handle, const HttpResponse& response, std::uint32_t size,

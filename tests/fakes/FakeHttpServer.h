@@ -34,6 +34,7 @@ struct FakeListener {
   bool reuse_address = false;  // HTTP only
   TansyNet::HttpsServer tls;   // HTTPS only
   TansyNet::CHttpServer::RecvCallback callback = nullptr;
+  TansyNet::EUnknownLength unknown_length = TansyNet::EUnknownLength::kRefuse;
   bool open = true;
 };
 
@@ -107,6 +108,7 @@ class CFakeHttpServer {
   int Stop(std::int32_t handle);
   int Claim(std::int32_t handle);
   int Send(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data);
+  int SendHead(std::int32_t handle, const TansyNet::HttpResponse& response, std::uint64_t total_size);
   int SendChunk(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data,
                 std::uint64_t total_size);
 

@@ -9,9 +9,11 @@
 namespace TansyNet {
 
 struct Endpoint {
-  explicit Endpoint(RecvCallback receiver) : callback(receiver) {}
+  explicit Endpoint(RecvCallback receiver, EUnknownLength chunked = EUnknownLength::kRefuse)
+      : callback(receiver), unknown_length(chunked) {}
 
   const RecvCallback callback;
+  const EUnknownLength unknown_length;
   std::atomic<bool> closed{false};  // the listener has stopped: connections end with their present request
 };
 

@@ -38,6 +38,7 @@ class IServerConnection {
   // These are the answers of CHttpServer, with its results. Threads: any.
   virtual int ClaimAnswer(std::int32_t handle, std::size_t size) = 0;
   virtual int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) = 0;
+  virtual int AnswerHead(std::int32_t handle, const HttpResponse& response, std::uint64_t total_size) = 0;
   virtual int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
                              std::uint64_t total_size) = 0;
 };

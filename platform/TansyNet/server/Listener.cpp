@@ -72,10 +72,11 @@ error_code Bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, bool reu
 }  // namespace
 }  // namespace details
 
-CListener::CListener(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker, RecvCallback callback)
+CListener::CListener(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker, RecvCallback callback,
+                     EUnknownLength unknown_length)
     : runtime_(runtime),
       worker_(std::move(worker)),
-      endpoint_(std::make_shared<Endpoint>(callback)),
+      endpoint_(std::make_shared<Endpoint>(callback, unknown_length)),
       impl_(std::make_unique<Impl>(worker_->Loop())) {}
 
 CListener::~CListener() = default;

@@ -61,6 +61,7 @@ class CServerConnection final : public IServerConnection,
   void CloseWhenIdle() override;
   int ClaimAnswer(std::int32_t handle, std::size_t size) override;
   int Answer(std::int32_t handle, const HttpResponse& response, std::string_view body) override;
+  int AnswerHead(std::int32_t handle, const HttpResponse& response, std::uint64_t total_size) override;
   int AnswerInChunks(std::int32_t handle, const HttpResponse& response, std::string_view chunk,
                      std::uint64_t total_size) override;
 
@@ -90,6 +91,7 @@ class CServerConnection final : public IServerConnection,
     std::shared_ptr<const std::string> ready;  // a full piece that waits for the token of the piece before it
     bool token_out = false;
     bool is_checked = false;  // a handler has seen the first piece
+    bool is_chunked = false;  // the pieces are made of chunked_body_; `left` is 0 once the last chunk has come
   };
   struct PieceToken;
 
@@ -162,6 +164,11 @@ class CServerConnection final : public IServerConnection,
   // These are in ServerConnectionUpload.cpp.
   Next BeginUpload(std::uint64_t length, std::string_view input);
   Next StepUpload();
+  bool IsStreamedWhenChunked() const;
+  Next BeginChunkedUpload();
+  Next StepChunkedUpload();
+  Next EndChunkedPiece();
+  void HandOver(std::shared_ptr<const std::string> piece);
   void StartPiece();
   MemoryUse PieceUse() const;
   void DeliverPiece();

@@ -66,6 +66,22 @@ int CServerConnection::Answer(std::int32_t handle, const HttpResponse& response,
   return Send(head, has_body ? body : std::string_view(), details::TimeoutOf(response));
 }
 
+int CServerConnection::AnswerHead(std::int32_t handle, const HttpResponse& response, std::uint64_t total_size) {
+  const Lock lock(mutex_);
+  if (!CheckHandle(handle)) {
+    return kNetUnknownHandle;
+  }
+  if (!is_head_ || phase_ == Phase::kSendingChunks) {
+    TANSY_LOG(logging::kError, "TansyNet", "[%s]answer without a body, handle = %d[%s(%d)]", handle);
+    constexpr int kInternalError = 500;
+    Refuse(kInternalError);
+    return kNetSendFailed;
+  }
+  const std::string head = TakeHead(response, total_size);
+  ForgetRequest();
+  return Send(head, {}, details::TimeoutOf(response));
+}
+
 int CServerConnection::ClaimAnswer(std::int32_t handle, std::size_t size) {
   CMemoryShare room(MemoryUse::kAnswers);
   const bool has_room = HasRoom(size) || MakeRoom(room, size);
@@ -156,6 +172,7 @@ std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint6
 void CServerConnection::ForgetRequest() {
   upload_.reset();
   memory_wait_.reset();
+  Release(chunked_body_);
   request_ = {};
   if (handle_ != 0) {
     runtime_.Handles().Remove(handle_);

@@ -1,6 +1,7 @@
 // Reads requests, and delivers those that are delivered whole.
 #include <algorithm>
 #include <exception>
+#include <limits>
 #include <utility>
 
 #include "TansyNet/server/LoopThreads.h"
@@ -183,9 +184,11 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
     WaitFor(status);
     return Next::kWait;
   }
-  // An upload whose length is not known beforehand cannot be delivered in pieces.
+  // An upload whose length is not known beforehand is delivered in pieces only to who takes it so.
   const bool is_upload = request_.method == details::kUploadMethod;
-  const std::uint64_t limit = is_upload ? kWholeBodyLimit : limits_.whole_body_bytes;
+  const std::uint64_t limit = IsStreamedWhenChunked() ? std::numeric_limits<std::uint64_t>::max()
+                              : is_upload             ? kWholeBodyLimit
+                                                      : limits_.whole_body_bytes;
   std::string& bytes = chunked_body_.bytes;
   const std::size_t before = bytes.size();
   const CRequestParser::Progress progress = parser_.ParseChunks(input, bytes, limit);
@@ -202,7 +205,7 @@ CServerConnection::Next CServerConnection::StepChunks(Lock& lock) {
     case CRequestParser::Progress::kNeedMore:
       KeepInput(input);
       input_is_short_ = true;
-      return Next::kGoOn;
+      return IsStreamedWhenChunked() ? BeginChunkedUpload() : Next::kGoOn;
     case CRequestParser::Progress::kFailed:
       return Refuse(is_upload && parser_.FailureStatus() == details::kTooLarge ? details::kLengthRequired
                                                                                : parser_.FailureStatus());

@@ -15,6 +15,8 @@ namespace {
 // whole blocks.
 constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
 static_assert(kPieceBytes <= kWholeBodyLimit);
+constexpr int kUnavailable = 503;
+constexpr std::string_view kStreamedMethod = "PUT";
 
 }  // namespace
 }  // namespace details
@@ -67,6 +69,9 @@ CServerConnection::Next CServerConnection::StepUpload() {
     DeliverPiece();
     return Next::kGoOn;
   }
+  if (upload_->is_chunked) {
+    return StepChunkedUpload();
+  }
   CBodyBuffer& filling = upload_->filling;
   if (!filling.ClaimMemory()) {
     return AwaitMemory(PieceUse(), filling.Demand());
@@ -82,12 +87,66 @@ CServerConnection::Next CServerConnection::StepUpload() {
   if (filling.IsComplete()) {
     CountedBytes piece = filling.Take();
     piece.share.ChangeUse(MemoryUse::kWork);
-    upload_->ready = upload_->store->Share(std::move(piece));
-    upload_->is_checked = true;
-    body_end_ = std::numeric_limits<std::int64_t>::max();
-    SetDeadline(limits_.unanswered_timeout_ms);
-    DeliverPiece();
+    HandOver(upload_->store->Share(std::move(piece)));
   }
+  return Next::kGoOn;
+}
+
+void CServerConnection::HandOver(std::shared_ptr<const std::string> piece) {
+  upload_->ready = std::move(piece);
+  upload_->is_checked = true;
+  body_end_ = std::numeric_limits<std::int64_t>::max();
+  SetDeadline(limits_.unanswered_timeout_ms);
+  DeliverPiece();
+}
+
+bool CServerConnection::IsStreamedWhenChunked() const {
+  return origin_->unknown_length == EUnknownLength::kInPieces && request_.method == details::kStreamedMethod;
+}
+
+// Small bodies come wholly before this, and are delivered so.
+CServerConnection::Next CServerConnection::BeginChunkedUpload() {
+  if (chunked_body_.bytes.size() < details::kPieceBytes) {
+    return Next::kGoOn;
+  }
+  upload_ = std::make_unique<Upload>();
+  upload_->is_chunked = true;
+  upload_->left = 1;
+  SetPhase(Phase::kUpload);
+  return EndChunkedPiece();
+}
+
+CServerConnection::Next CServerConnection::StepChunkedUpload() {
+  std::string_view input;
+  const IoStatus status = ReadInput(input);
+  if (status != IoStatus::kDone) {
+    WaitFor(status);
+    return Next::kWait;
+  }
+  std::string& bytes = chunked_body_.bytes;
+  const std::size_t before = bytes.size();
+  const CRequestParser::Progress progress =
+      parser_.ParseChunks(input, bytes, std::numeric_limits<std::uint64_t>::max());
+  if (!chunked_body_.share.Resize(MemoryOf(bytes))) {
+    return Refuse(details::kUnavailable);
+  }
+  if (progress == CRequestParser::Progress::kFailed) {
+    return Refuse(parser_.FailureStatus());
+  }
+  KeepInput(input);
+  NoteBodyProgress(bytes.size() - before);
+  if (progress == CRequestParser::Progress::kDone) {
+    upload_->left = 0;
+    return EndChunkedPiece();
+  }
+  input_is_short_ = true;
+  return bytes.size() < details::kPieceBytes ? Next::kGoOn : EndChunkedPiece();
+}
+
+CServerConnection::Next CServerConnection::EndChunkedPiece() {
+  CountedBytes piece = std::exchange(chunked_body_, {});
+  piece.share.ChangeUse(MemoryUse::kWork);
+  HandOver(ShareBytes(std::move(piece)));
   return Next::kGoOn;
 }
 
@@ -109,7 +168,9 @@ void CServerConnection::DeliverPiece() {
     upload_.reset();
     EnterHandling();
   } else {
-    StartPiece();
+    if (!upload_->is_chunked) {
+      StartPiece();
+    }
     rate_.Begin(SteadyMilliseconds());
     NoteBodyProgress(0);
   }

@@ -13,6 +13,13 @@ namespace TansyNet {
 // Takes a request; see CHttpServer::RecvCallback.
 using RecvCallback = void (*)(std::int32_t handle, HttpServerRecv& msg);
 
+// What becomes of a PUT whose length is not known beforehand, because its body is chunked, once more of it has come
+// than is delivered whole.
+enum class EUnknownLength {
+  kRefuse,    // it is answered 411
+  kInPieces,  // it is delivered in pieces, with a content_length of 0; the last one may be empty
+};
+
 // Certificate of an HTTPS listener. A path given as both certificate and key names a pair beside each other (path +
 // ".crt" and path + ".key") or, when there is no such pair, one PEM file that holds both. All flags are false for a
 // server that asks its clients for no certificate.

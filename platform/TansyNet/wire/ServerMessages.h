@@ -29,7 +29,7 @@ struct HttpServerRecv {
   std::string ip;                           // peer address
   std::shared_ptr<const std::string> body;  // bytes of this delivery, immutable; null when there are none
   std::uint32_t body_size = 0;              // bytes of this delivery
-  std::uint32_t content_length = 0;         // declared length of the whole body
+  std::uint32_t content_length = 0;         // declared length of the whole body; 0 when it is not known
   Headers headers;
   // Ensures one piece at a time: the next piece of this request is delivered when the last copy of this token is gone.
   // Code that keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token too. It is null for

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -353,6 +354,154 @@ TEST_F(HttpServerUpload, ManyAtOnceArriveWhole) {
     client.join();
   }
   EXPECT_EQ(right, kUploads);
+}
+
+// A body of unknown length, in chunks of this size.
+std::string Chunked(std::string_view body, std::size_t chunk) {
+  std::string text;
+  while (!body.empty()) {
+    const std::string_view part = body.substr(0, chunk);
+    body.remove_prefix(part.size());
+    char length[20];
+    std::snprintf(length, sizeof length, "%zx\r\n", part.size());
+    text.append(length).append(part).append("\r\n");
+  }
+  return text + "0\r\n\r\n";
+}
+
+constexpr const char* kChunkedHead = "PUT /b/k HTTP/1.1\r\nTransfer-Encoding: chunked\r\n";
+
+class HttpServerChunkedUpload : public ServerFixture {
+ protected:
+  HttpServerChunkedUpload() { unknown_length_ = TansyNet::EUnknownLength::kInPieces; }
+
+  // Takes all pieces of a body; gives its bytes.
+  std::string TakeAll(std::int32_t& handle) {
+    std::string received;
+    for (bool last = false; !last;) {
+      const Delivery piece = Take();
+      last = piece.message.error_code == TansyNet::kLastBodyPiece;
+      EXPECT_TRUE(last || piece.message.error_code == TansyNet::kBodyPiece);
+      EXPECT_EQ(piece.message.content_length, 0U);
+      EXPECT_LE(piece.message.body_size, TansyNet::kWholeBodyLimit);
+      EXPECT_NE(piece.message.token, nullptr);
+      handle = piece.handle;
+      received += piece.Body();
+    }
+    return received;
+  }
+};
+
+TEST_F(HttpServerChunkedUpload, ArrivesInPiecesInOrder) {
+  Start();
+  for (const std::size_t chunk : {std::size_t{100}, std::size_t{65536}, 64 * kMebibyte}) {
+    const std::string body = Tansy::Tests::RandomBytes(13 * kMebibyte + 1);
+    CRawClient client(Port());
+    std::jthread sender([&] { client.Send(std::string(kChunkedHead) + "\r\n" + Chunked(body, chunk)); });
+    std::int32_t handle = 0;
+    EXPECT_TRUE(TakeAll(handle) == body) << chunk;
+    sender.join();
+    EXPECT_EQ(AnswerText(handle, "stored"), 0);
+    EXPECT_EQ(client.ReadReply().body, "stored");
+    // The whole body was read, so the connection goes on.
+    client.Send("GET / HTTP/1.1\r\n\r\n");
+    AnswerText(Take().handle, "next");
+    EXPECT_EQ(client.ReadReply().body, "next");
+  }
+}
+
+TEST_F(HttpServerChunkedUpload, ArrivesWholeWhenItIsSmall) {
+  Start();
+  CRawClient client(Port());
+  client.Send(std::string(kChunkedHead) + "\r\n" + Chunked("hello", 3));
+  const Delivery whole = Take();
+  EXPECT_EQ(whole.message.error_code, TansyNet::kWholeRequest);
+  EXPECT_EQ(whole.Body(), "hello");
+  AnswerText(whole.handle, "");
+}
+
+TEST_F(HttpServerChunkedUpload, IsToldToContinue) {
+  Start();
+  const std::string body = Tansy::Tests::RandomBytes(5 * kMebibyte);
+  CRawClient client(Port());
+  client.Send(std::string(kChunkedHead) + "Expect: 100-Continue\r\n\r\n");
+  EXPECT_EQ(client.ReadReply(true).status, 100);
+  std::jthread sender([&] { client.Send(Chunked(body, kMebibyte)); });
+  std::int32_t handle = 0;
+  EXPECT_TRUE(TakeAll(handle) == body);
+  AnswerText(handle, "");
+}
+
+TEST_F(HttpServerChunkedUpload, ThatBreaksOffInTheMiddleOfAChunkIsRefused) {
+  Start();
+  CRawClient client(Port());
+  const std::string body = Tansy::Tests::RandomBytes(6 * kMebibyte);
+  std::jthread sender([&] {
+    client.TrySend(std::string(kChunkedHead) + "\r\n" + Chunked(body, kMebibyte).substr(0, 5 * kMebibyte) + "no chunk");
+  });
+  const Delivery first = Take();
+  EXPECT_EQ(first.message.error_code, TansyNet::kBodyPiece);
+  sender.join();
+  EXPECT_TRUE(Eventually([&] { return !CHttpServer::IsRequestOpen(first.handle); }));
+}
+
+TEST_F(HttpServerChunkedUpload, IsReadAheadByOnePieceOnly) {
+  Start();
+  constexpr std::size_t kSize = 256 * kMebibyte;
+  CRawClient client(Port());
+  std::atomic<std::size_t> sent{0};
+  std::jthread sender([&] {
+    const std::string chunk = "100000\r\n" + std::string(kMebibyte, 'x') + "\r\n";
+    client.TrySend(std::string(kChunkedHead) + "\r\n");
+    while (sent < kSize && client.TrySend(chunk)) {
+      sent += kMebibyte;
+    }
+  });
+  const Delivery first = Take();
+  std::size_t before = 0;
+  EXPECT_TRUE(Eventually([&] {
+    const bool stands = sent == before;
+    before = sent;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    return stands;
+  }));
+  EXPECT_LT(sent, kSize / 2) << "the token of the first piece is still out";
+  EXPECT_FALSE(HasDelivery());
+  CHttpServer::Shutdown(0);
+}
+
+TEST_F(HttpServerChunkedUpload, IsRefusedByListenersThatDoNotTakeIt) {
+  unknown_length_ = TansyNet::EUnknownLength::kRefuse;
+  Start();
+  CRawClient client(Port());
+  std::jthread sender([&] {
+    client.TrySend(std::string(kChunkedHead) + "\r\n" + Chunked(std::string(11 * kMebibyte, 'x'), kMebibyte));
+  });
+  EXPECT_EQ(client.ReadReply().status, 411);
+}
+
+class HttpServerHead : public ServerFixture {};
+
+TEST_F(HttpServerHead, IsAnsweredWithALengthAndNoBytes) {
+  Start();
+  CRawClient client(Port());
+  client.Send("HEAD /k HTTP/1.1\r\n\r\n");
+  TansyNet::HttpResponse response;
+  EXPECT_EQ(CHttpServer::HttpServerSendHead(Take().handle, response, 5000000000ULL), 0);
+  const auto head = client.ReadReply(true);
+  EXPECT_EQ(head.status, 200);
+  EXPECT_NE(head.head.find("Content-Length: 5000000000"), std::string::npos);
+  client.Send("GET / HTTP/1.1\r\n\r\n");
+  AnswerText(Take().handle, "next");
+  EXPECT_EQ(client.ReadReply().body, "next");
+}
+
+TEST_F(HttpServerHead, DoesNotAnswerAnotherMethod) {
+  Start();
+  CRawClient client(Port());
+  client.Send("GET /k HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(CHttpServer::HttpServerSendHead(Take().handle, {}, 5), TansyNet::kNetSendFailed);
+  EXPECT_EQ(client.ReadReply().status, 500);
 }
 
 }  // namespace

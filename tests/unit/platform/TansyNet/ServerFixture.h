@@ -60,6 +60,9 @@ class ServerFixture : public ::testing::Test {
   // The callback that feeds the handler and Take.
   static void OnRequest(std::int32_t handle, TansyNet::HttpServerRecv& message);
 
+  // Of listeners that are started from now on.
+  TansyNet::EUnknownLength unknown_length_ = TansyNet::EUnknownLength::kRefuse;
+
  private:
   struct Shared;
   static Shared& State();

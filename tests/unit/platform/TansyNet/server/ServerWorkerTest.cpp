@@ -41,6 +41,7 @@ class CLateConnection final : public IServerConnection {
   int Answer(std::int32_t /*handle*/, const HttpResponse& /*response*/, std::string_view /*body*/) override {
     return 0;
   }
+  int AnswerHead(std::int32_t, const HttpResponse&, std::uint64_t) override { return 0; }
   int AnswerInChunks(std::int32_t /*handle*/, const HttpResponse& /*response*/, std::string_view /*chunk*/,
                      std::uint64_t /*total_size*/) override {
     return 0;
