@@ -285,6 +285,12 @@ class CFailingDatabase {
         "object_name TEXT NOT NULL, bucket_name TEXT NOT NULL, size INTEGER NOT NULL, part_num INTEGER NOT NULL, "
         "update_time TEXT NOT NULL, url TEXT NOT NULL, is_deleted INTEGER NOT NULL DEFAULT 0)",
         "CREATE INDEX platform.local_object_task_task ON local_object_task (task_id)",
+        "CREATE TABLE platform.local_object_attributes (object_id INTEGER NOT NULL PRIMARY KEY, attributes TEXT NOT "
+        "NULL)",
+        "CREATE TRIGGER platform.attributes_replaced AFTER UPDATE OF url ON local_object WHEN OLD.url <> NEW.url BEGIN "
+        "DELETE FROM local_object_attributes WHERE object_id = OLD.id; END",
+        "CREATE TRIGGER platform.attributes_removed AFTER DELETE ON local_object BEGIN "
+        "DELETE FROM local_object_attributes WHERE object_id = OLD.id; END",
         "CREATE TABLE platform.picture_url_encrypt (encrypt_url TEXT NOT NULL PRIMARY KEY, url TEXT NOT NULL)",
     };
   }
@@ -306,6 +312,13 @@ class CFailingDatabase {
         "object_name text NOT NULL, bucket_name text NOT NULL, size bigint NOT NULL, part_num bigint NOT NULL, "
         "update_time text NOT NULL, url text NOT NULL, is_deleted bigint NOT NULL DEFAULT 0)",
         "CREATE INDEX local_object_task_task ON platform.local_object_task (task_id)",
+        "CREATE TABLE platform.local_object_attributes (object_id bigint PRIMARY KEY, attributes text NOT NULL)",
+        "CREATE FUNCTION platform.drop_attributes() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+        "DELETE FROM platform.local_object_attributes WHERE object_id = OLD.id; RETURN NULL; END $$",
+        "CREATE TRIGGER attributes_replaced AFTER UPDATE OF url ON platform.local_object FOR EACH ROW "
+        "WHEN (OLD.url <> NEW.url) EXECUTE FUNCTION platform.drop_attributes()",
+        "CREATE TRIGGER attributes_removed AFTER DELETE ON platform.local_object FOR EACH ROW "
+        "EXECUTE FUNCTION platform.drop_attributes()",
         "CREATE TABLE platform.picture_url_encrypt (encrypt_url text PRIMARY KEY, url text NOT NULL)",
     };
   }

@@ -381,6 +381,7 @@ TEST_F(StartStopTest, SmallObjectsOfTheVersionBeforeStayWhatTheyAre) {
     Put(key, std::string(100000, 'x'));
   }
   ASSERT_TRUE(server_.Stop());
+  const auto newest = Query(server_.Data("catalogue.db"), "SELECT MAX(version) FROM schema_version");
   for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
     if (entry.is_regular_file()) {
       std::ofstream(entry.path()) << "small";
@@ -388,11 +389,15 @@ TEST_F(StartStopTest, SmallObjectsOfTheVersionBeforeStayWhatTheyAre) {
   }
   Query(server_.Data("catalogue.db"), "UPDATE local_object SET size = 5");
   Query(server_.Data("catalogue.db"), "DELETE FROM picture_url_encrypt WHERE encrypt_url = 'lg01'");
-  Query(server_.Data("catalogue.db"), "DELETE FROM schema_version WHERE version = 3");
+  for (const char* later :
+       {"DROP TRIGGER local_object_attributes_replaced", "DROP TRIGGER local_object_attributes_removed",
+        "DROP TABLE local_object_attributes", "DELETE FROM schema_version WHERE version > 2"}) {
+    Query(server_.Data("catalogue.db"), later);
+  }
   ASSERT_FALSE(std::filesystem::exists(server_.Data("objects/lg01")));
 
   ASSERT_TRUE(server_.Start());
-  EXPECT_EQ(Query(server_.Data("catalogue.db"), "SELECT MAX(version) FROM schema_version").front(), "3");
+  EXPECT_EQ(Query(server_.Data("catalogue.db"), "SELECT MAX(version) FROM schema_version"), newest);
   EXPECT_EQ(Get("/b/kept"), "small");
   Put("/b/replaced", "replaced");
   EXPECT_EQ(Outcome(Send("DELETE", "/b/removed?deletefile")), "200");

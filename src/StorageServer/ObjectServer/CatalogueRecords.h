@@ -11,6 +11,15 @@
 
 namespace Tansy::CloudStorage {
 
+// What changes together with an object.
+struct ObjectExtras {
+  // The upload task that became this object; its rows are removed. Empty: none.
+  std::string ended_task;
+  // A text that belongs to the object's bytes. An object without any has no row of them; those that belonged to bytes
+  // before go with their object's url, which the schema sees to.
+  std::string attributes;
+};
+
 // One part of a multipart upload; the row of part 1 also stands for the task.
 struct ObjectTaskInfo {
   std::uint32_t id = 0;

@@ -47,13 +47,23 @@ std::string DeleteTaskText(const std::string& task_id) {
   return StringUtil::str_fmt("DELETE FROM platform.local_object_task WHERE task_id = '%s' ", Protect(task_id).c_str());
 }
 
-// Changes an object. When an upload task became this object, the task's rows are removed in the same step.
-bool ExecuteAndEndTask(const std::string& sql, const std::string& ended_task) {
-  std::vector<std::string> statements{sql};
-  if (!ended_task.empty()) {
-    statements.push_back(DeleteTaskText(ended_task));
+std::string InsertAttributesText(std::uint32_t object_id, const std::string& attributes) {
+  return StringUtil::str_fmt(
+      "INSERT INTO platform.local_object_attributes (object_id, attributes) VALUES (%d, '%s') "
+      "ON CONFLICT (object_id) DO UPDATE SET attributes = excluded.attributes",
+      ToInt(object_id), Protect(attributes).c_str());
+}
+
+// Gives a change of an object and what belongs to it, to be done in one step.
+std::vector<std::string> WithExtras(std::string sql, std::uint32_t object_id, const ObjectExtras& extras) {
+  std::vector<std::string> statements{std::move(sql)};
+  if (!extras.attributes.empty()) {
+    statements.push_back(InsertAttributesText(object_id, extras.attributes));
   }
-  return CBaseDBLayerConn::Instance().Execute(statements);
+  if (!extras.ended_task.empty()) {
+    statements.push_back(DeleteTaskText(extras.ended_task));
+  }
+  return statements;
 }
 
 // Time and url of a new object are the server's own texts and go in as they are.
@@ -227,16 +237,26 @@ bool CObjectServerSession::QueryBucket(std::map<std::string, BucketInfo>& bucket
   return true;
 }
 
-bool CObjectServerSession::CreateObject(ObjectInfo& object, const std::string& ended_task) {
-  return TakeObjectId(object, CLOUD_LOG_CALLER) && details::ExecuteAndEndTask(details::InsertText(object), ended_task);
+bool CObjectServerSession::QueryBucketTimes(std::map<std::string, std::string>& times) {
+  SELECT_OR_RETURN(rows, Query("SELECT * FROM platform.local_bucket where is_deleted = 0;"))
+  for (; !rows->IsEnd(); rows->MoveNext()) {
+    times[rows->GetString("name")] = rows->GetString("update_time");
+  }
+  return true;
 }
 
-void CObjectServerSession::CreateObject(ObjectInfo& object, Done done) {
+bool CObjectServerSession::CreateObject(ObjectInfo& object, const ObjectExtras& extras) {
+  return TakeObjectId(object, CLOUD_LOG_CALLER) &&
+         CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object.id, extras));
+}
+
+void CObjectServerSession::CreateObject(ObjectInfo& object, const ObjectExtras& extras, Done done) {
   if (!TakeObjectId(object, CLOUD_LOG_CALLER)) {
     done(false);
     return;
   }
-  CBaseDBLayerConn::Instance().Execute({details::InsertText(object)}, std::move(done));
+  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object.id, extras),
+                                       std::move(done));
 }
 
 bool CObjectServerSession::TakeObjectId(ObjectInfo& object, const details::Caller& caller) {
@@ -250,12 +270,13 @@ bool CObjectServerSession::TakeObjectId(ObjectInfo& object, const details::Calle
   return true;
 }
 
-bool CObjectServerSession::UpdateObject(const ObjectInfo& object, const std::string& ended_task) {
-  return details::ExecuteAndEndTask(details::UpdateText(object), ended_task);
+bool CObjectServerSession::UpdateObject(const ObjectInfo& object, const ObjectExtras& extras) {
+  return CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::UpdateText(object), object.id, extras));
 }
 
-void CObjectServerSession::UpdateObject(const ObjectInfo& object, Done done) {
-  CBaseDBLayerConn::Instance().Execute({details::UpdateText(object)}, std::move(done));
+void CObjectServerSession::UpdateObject(const ObjectInfo& object, const ObjectExtras& extras, Done done) {
+  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::UpdateText(object), object.id, extras),
+                                       std::move(done));
 }
 
 bool CObjectServerSession::DeleteObjectByBucket(const std::string& bucket_name) {
@@ -276,6 +297,26 @@ bool CObjectServerSession::QueryObject(const ObjectVisitor& take, const std::str
       StringUtil::str_fmt("SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='%s';",
                           details::DoubleQuotes(bucket_name).c_str());
   SELECT_OR_RETURN(rows, ShowRows(sql, details::ObjectColumns(), take_row))
+  return true;
+}
+
+bool CObjectServerSession::SetAttributes(std::uint32_t object_id, const std::string& attributes) {
+  return details::Execute(details::InsertAttributesText(object_id, attributes));
+}
+
+bool CObjectServerSession::QueryAttributes(const AttributesVisitor& take) {
+  ObjectInfo object;
+  const auto take_row = [&](const db_layer::IRow& row) {
+    object.name = row.GetText(0);
+    object.bucket_name = row.GetText(1);
+    object.url = row.GetText(2);
+    take(object, row.GetText(3));
+  };
+  const std::string sql =
+      "SELECT o.name AS name, o.bucket_name AS bucket_name, o.url AS url, a.attributes AS attributes "
+      "FROM platform.local_object_attributes a JOIN platform.local_object o ON o.id = a.object_id "
+      "WHERE o.is_deleted = 0";
+  SELECT_OR_RETURN(rows, ShowRows(sql, {"name", "bucket_name", "url", "attributes"}, take_row))
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ModuleLog.h"
@@ -38,15 +39,23 @@ class CObjectServerSession {
   // Adds every bucket to `buckets`, by name.
   static bool QueryBucket(std::map<std::string, BucketInfo>& buckets);
 
-  // When `ended_task` names an upload task, its rows go in the same step, because the task has become this object.
-  static bool CreateObject(ObjectInfo& object, const std::string& ended_task = {});
-  static bool UpdateObject(const ObjectInfo& object, const std::string& ended_task = {});
-  // The same without an upload task; they may return before the change is committed. `done` is called once with the
-  // result: before they return, or later on another thread, on which other writers wait meanwhile. An exception means
-  // that it will not be called.
+  // Gives the time of each bucket's row by the bucket's name.
+  static bool QueryBucketTimes(std::map<std::string, std::string>& times);
+
+  // They bring what belongs to the object along in the same step.
+  static bool CreateObject(ObjectInfo& object, const ObjectExtras& extras = {});
+  static bool UpdateObject(const ObjectInfo& object, const ObjectExtras& extras = {});
+  // The same, but they may return before the change is committed. `done` is called once with the result: before they
+  // return, or later on another thread, on which other writers wait meanwhile. An exception means that it will not be
+  // called.
   using Done = std::function<void(bool succeeded)>;
-  static void CreateObject(ObjectInfo& object, Done done);
-  static void UpdateObject(const ObjectInfo& object, Done done);
+  static void CreateObject(ObjectInfo& object, const ObjectExtras& extras, Done done);
+  static void UpdateObject(const ObjectInfo& object, const ObjectExtras& extras, Done done);
+  // Gives an object other attributes.
+  static bool SetAttributes(std::uint32_t object_id, const std::string& attributes);
+  // Shows name, bucket and url of each object that has attributes, and them. Returns false like QueryObject.
+  using AttributesVisitor = std::function<void(const ObjectInfo& object, std::string_view attributes)>;
+  static bool QueryAttributes(const AttributesVisitor& take);
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
   // Shows the objects of a bucket one by one; the record lasts for that call. Returns false also when `take` runs out

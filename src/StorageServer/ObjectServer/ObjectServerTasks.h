@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "ModuleLog.h"
+#include "StorageServer/ObjectServer/StreamPieceQueue.h"
 #include "TansyBase/MessageLoop.h"
 #include "TansyNet/HttpServer.h"
 
@@ -39,13 +40,13 @@ class CObjectMsgTask : public TansyBase::CTask {
 // Brings one piece of a streamed upload to the storage. A piece that the storage refuses ends its stream and sends
 // nothing to the client; the next piece, or the handler, finds that out. A piece that fails for any other reason
 // (memory ran out), or is dropped by a loop that stops, ends the upload at once.
-class CObjectStreamTask : public TansyBase::CTask {
+class CObjectStreamTask : public details::CStreamPiece {
  public:
   CObjectStreamTask(std::int32_t server_handle, const TansyNet::HttpServerRecv& msg);
   ~CObjectStreamTask() override;
   void Exec() override;
 
-  std::int32_t Handle() const { return server_handle_; }
+  std::int32_t Handle() const override { return server_handle_; }
   // Posts the upload's request to the loop after this piece, which is the last one, has been stored.
   void HandleAfterwards(std::unique_ptr<CObjectMsgTask> request) { request_ = std::move(request); }
 

@@ -12,6 +12,7 @@
 #include <set>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ModuleLog.h"
@@ -70,8 +71,30 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // (std::bad_alloc) means that it will not be called.
   using Added = std::function<void(bool added)>;
   void AddObject(const ObjectInfo& object, Added done);
+  // The same with what belongs to the object, and on a condition: `may_add` is asked what it thinks of the object of
+  // that name and its attributes, null when there is none, which does not change meanwhile. It must not call the
+  // catalogue.
+  enum class EAdded { kAdded, kRefused, kFailed };  // kRefused: by `may_add`
+  using MayAdd = std::function<bool(const ObjectInfo* there, const std::string& attributes)>;
+  using AddedOnTerms = std::function<void(EAdded result)>;
+  void AddObject(const ObjectInfo& object, const ObjectExtras& extras, const MayAdd& may_add, AddedOnTerms done);
   bool UpdateObject(ObjectInfo& object, const std::string& ended_task = {});
   bool GetObjectByName(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
+  // Does the same, logs nothing when there is no such object, and gives its attributes too.
+  bool FindObject(ObjectInfo& object, std::string& attributes, const std::string& object_name,
+                  const std::string& bucket_name);
+  // Gives the first object of a bucket whose key is that of `from` or comes after it; without `with_key`, the first
+  // that comes after it. Keys are compared byte by byte, and %XX stands for the byte that it encodes. Returns false
+  // when there is none.
+  bool FindObjectFrom(ObjectInfo& object, std::string& attributes, const std::string& from, bool with_key,
+                      const std::string& bucket_name);
+  // Gives an object attributes unless its bytes are no longer those at `object.url` or it has some already. Returns
+  // false when the database refuses.
+  bool FillInAttributes(const ObjectInfo& object, const std::string& attributes);
+  // Loads the attributes of all objects; requests may run meanwhile. Init does not, because only one server uses them.
+  bool LoadAttributes();
+  // Removes a bucket that has no object. `is_empty` says whether that is why the result is false.
+  bool RemoveEmptyBucket(const std::string& bucket_name, bool& is_empty);
   // The same when no change of the object is under way any more. A removal frees the bytes before the object is gone
   // from memory.
   bool GetObjectAtRest(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
@@ -151,13 +174,16 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // bucket_mutex_ held, which keeps the table.
   CObjectTable* TableOf(const std::string& bucket_name) const;
   bool FindObject(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
+  bool IsBucketEmpty(const std::string& name);
   void ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept;
-  void UndoRemoval(const ObjectInfo& object) noexcept;
-  bool PutRowBack(const ObjectInfo& object);
+  void UndoRemoval(const ObjectInfo& object, const std::string& attributes) noexcept;
+  bool PutRowBack(const ObjectInfo& object, const std::string& attributes);
   // An object on its way into the catalogue: BeginAdding, then the statement, then FinishAdding, with the key's lock
   // held all the time.
   struct Addition;
   bool BeginAdding(Addition& addition, const details::Caller& caller);
+  EAdded BeginAdding(Addition& addition, const MayAdd& may_add, const details::Caller& caller);
+  void CommitLater(const std::shared_ptr<Addition>& addition, AddedOnTerms done, const details::Caller& caller);
   bool FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept;
   void Publish(const std::string& bucket_name, CPackedObject::Pointer object,
                std::unique_ptr<CObjectTable> first_table = nullptr) noexcept;

@@ -130,6 +130,30 @@ bool CObjectStorageManager::RemoveBucket(const std::set<std::uint32_t>& ids) {
   return true;
 }
 
+bool CObjectStorageManager::IsBucketEmpty(const std::string& name) {
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  const CObjectTable* const table = TableOf(name);
+  return table == nullptr || !table->FindFrom({}, true, [](const CPackedObject&) {});
+}
+
+bool CObjectStorageManager::RemoveEmptyBucket(const std::string& bucket_name, bool& is_empty) {
+  const auto change = LockBucketChanges();
+  // With all names locked, an upload into the bucket comes before this, and the bucket stays, or it finds no bucket.
+  const auto all_objects_lock = object_locks_.LockAll();
+  is_empty = IsBucketEmpty(bucket_name);
+  BucketInfo bucket;
+  if (!is_empty || !GetBucketByName(bucket, bucket_name)) {
+    return false;
+  }
+  const BucketNames names = FindNames({bucket.id}, CLOUD_LOG_CALLER);
+  if (!CObjectServerSession::DeleteBucket(bucket.id, names.in_rows)) {
+    CLOUD_LOG(logging::kError, "[%s]remove bucket[%s] failed, db operation failed.[%s(%d)]", bucket_name.c_str());
+    return false;
+  }
+  ForgetBuckets(names);
+  return true;
+}
+
 // Logs ids that no bucket has in the name of `caller`.
 CObjectStorageManager::BucketNames CObjectStorageManager::FindNames(const std::set<std::uint32_t>& ids,
                                                                     const details::Caller& caller) {

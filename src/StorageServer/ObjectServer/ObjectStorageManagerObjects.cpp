@@ -52,10 +52,11 @@ CObjectTable* CObjectStorageManager::TableOf(const std::string& bucket_name) con
 // All memory is there before the statement is: once it is committed, lack of memory must not keep memory and database
 // from agreeing.
 struct CObjectStorageManager::Addition {
-  explicit Addition(const ObjectInfo& added) : object(added) {}
+  explicit Addition(const ObjectInfo& added, ObjectExtras with = {}) : object(added), extras(std::move(with)) {}
 
   ObjectInfo object;  // as requests see it
   ObjectInfo row;     // with the name that rows use for the bucket
+  ObjectExtras extras;
   bool is_new = false;
   CPackedObject::Pointer packed;
   std::unique_ptr<CObjectTable> first_table;
@@ -63,12 +64,12 @@ struct CObjectStorageManager::Addition {
 };
 
 bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& ended_task) {
-  Addition addition(object);
+  Addition addition(object, {ended_task, {}});
   if (!BeginAdding(addition, CLOUD_LOG_CALLER)) {
     return false;
   }
-  const bool committed = addition.is_new ? CObjectServerSession::CreateObject(addition.row, ended_task)
-                                         : CObjectServerSession::UpdateObject(addition.row, ended_task);
+  const bool committed = addition.is_new ? CObjectServerSession::CreateObject(addition.row, addition.extras)
+                                         : CObjectServerSession::UpdateObject(addition.row, addition.extras);
   if (!FinishAdding(addition, committed, CLOUD_LOG_CALLER)) {
     return false;
   }
@@ -83,16 +84,47 @@ void CObjectStorageManager::AddObject(const ObjectInfo& object, Added done) {
     done(false);
     return;
   }
-  auto finish = [this, addition, done = std::move(done), caller = CLOUD_LOG_CALLER](bool committed) {
-    const bool added = FinishAdding(*addition, committed, caller);
+  CommitLater(
+      addition, [done = std::move(done)](EAdded result) { done(result == EAdded::kAdded); }, CLOUD_LOG_CALLER);
+}
+
+void CObjectStorageManager::AddObject(const ObjectInfo& object, const ObjectExtras& extras, const MayAdd& may_add,
+                                      AddedOnTerms done) {
+  const auto addition = std::make_shared<Addition>(object, extras);
+  if (const EAdded begun = BeginAdding(*addition, may_add, CLOUD_LOG_CALLER); begun != EAdded::kAdded) {
     addition->key.reset();
-    done(added);
+    done(begun);
+    return;
+  }
+  CommitLater(addition, std::move(done), CLOUD_LOG_CALLER);
+}
+
+void CObjectStorageManager::CommitLater(const std::shared_ptr<Addition>& addition, AddedOnTerms done,
+                                        const details::Caller& caller) {
+  auto finish = [this, addition, done = std::move(done), caller](bool committed) {
+    const bool added = FinishAdding(*addition, committed, caller);
+    if (added && !addition->extras.ended_task.empty()) {
+      EndTask(addition->extras.ended_task);
+    }
+    addition->key.reset();
+    done(added ? EAdded::kAdded : EAdded::kFailed);
   };
   if (addition->is_new) {
-    CObjectServerSession::CreateObject(addition->row, std::move(finish));
+    CObjectServerSession::CreateObject(addition->row, addition->extras, std::move(finish));
   } else {
-    CObjectServerSession::UpdateObject(addition->row, std::move(finish));
+    CObjectServerSession::UpdateObject(addition->row, addition->extras, std::move(finish));
   }
+}
+
+CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addition, const MayAdd& may_add,
+                                                                 const details::Caller& caller) {
+  if (!BeginAdding(addition, caller)) {
+    return EAdded::kFailed;
+  }
+  ObjectInfo there;
+  std::string attributes;
+  const bool is_there = FindObject(there, attributes, addition.object.name, addition.object.bucket_name);
+  return may_add(is_there ? &there : nullptr, attributes) ? EAdded::kAdded : EAdded::kRefused;
 }
 
 bool CObjectStorageManager::BeginAdding(Addition& addition, const details::Caller& caller) {
@@ -108,7 +140,7 @@ bool CObjectStorageManager::BeginAdding(Addition& addition, const details::Calle
   if (!addition.is_new) {
     addition.object.id = stored.id;
   }
-  addition.packed = CPackedObject::Make(object);
+  addition.packed = CPackedObject::Make(object, addition.extras.attributes);
   addition.row = object;
   addition.row.bucket_name = RowName(object.bucket_name);
   const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
@@ -162,7 +194,7 @@ bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& 
     }
   }
   CPackedObject::Pointer replacement = CPackedObject::Make(object);
-  if (!CObjectServerSession::UpdateObject(object, ended_task)) {
+  if (!CObjectServerSession::UpdateObject(object, {ended_task, {}})) {
     details::LogFailedUpdate(object.name);
     return false;
   }
@@ -201,6 +233,57 @@ bool CObjectStorageManager::FindObject(ObjectInfo& object, const std::string& ob
   return table != nullptr && table->Find(object_name, copy);
 }
 
+bool CObjectStorageManager::FindObject(ObjectInfo& object, std::string& attributes, const std::string& object_name,
+                                       const std::string& bucket_name) {
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  const CObjectTable* const table = TableOf(bucket_name);
+  const auto copy = [&](const CPackedObject& stored) {
+    stored.CopyTo(object);
+    attributes = stored.Attributes();
+    object.bucket_name = bucket_name;
+  };
+  return table != nullptr && table->Find(object_name, copy);
+}
+
+bool CObjectStorageManager::FindObjectFrom(ObjectInfo& object, std::string& attributes, const std::string& from,
+                                           bool with_key, const std::string& bucket_name) {
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  const CObjectTable* const table = TableOf(bucket_name);
+  const auto copy = [&](const CPackedObject& stored) {
+    stored.CopyTo(object);
+    attributes = stored.Attributes();
+    object.bucket_name = bucket_name;
+  };
+  return table != nullptr && table->FindFrom(from, with_key, copy);
+}
+
+bool CObjectStorageManager::FillInAttributes(const ObjectInfo& object, const std::string& attributes) {
+  const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
+  ObjectInfo stored;
+  std::string there;
+  if (!FindObject(stored, there, object.name, object.bucket_name) || stored.url != object.url || !there.empty()) {
+    return true;
+  }
+  CPackedObject::Pointer packed = CPackedObject::Make(stored, attributes);
+  if (!CObjectServerSession::SetAttributes(stored.id, attributes)) {
+    CLOUD_LOG(logging::kError, "[%s]attributes of object[%s] cannot be written.[%s(%d)]", object.name.c_str());
+    return false;
+  }
+  Publish(object.bucket_name, std::move(packed));
+  return true;
+}
+
+bool CObjectStorageManager::LoadAttributes() {
+  const auto take = [this](const ObjectInfo& row, std::string_view attributes) {
+    const auto name_lock = object_locks_.Lock(row.bucket_name, row.name);
+    ObjectInfo stored;
+    if (FindObject(stored, row.name, row.bucket_name) && stored.url == row.url) {
+      Publish(row.bucket_name, CPackedObject::Make(stored, attributes));
+    }
+  };
+  return CObjectServerSession::QueryAttributes(take);
+}
+
 bool CObjectStorageManager::IsStoredAt(const std::string& object_name, const std::string& bucket_name,
                                        const std::string& url) {
   bool is_there = false;
@@ -218,7 +301,8 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   std::string path;
   const bool has_file = remove_file && GetObjectFile(path, object_name, bucket_name);
   ObjectInfo object;
-  if (!FindObject(object, object_name, bucket_name)) {
+  std::string attributes;
+  if (!FindObject(object, attributes, object_name, bucket_name)) {
     return true;
   }
   // The row is removed first: bytes without a row can be found and freed, but a row without bytes is an object that
@@ -229,12 +313,12 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   }
   try {
     if (has_file && !remove_file(path)) {
-      UndoRemoval(object);
+      UndoRemoval(object, attributes);
       return false;
     }
   } catch (...) {
     // The host's storage threw, or memory ran out.
-    UndoRemoval(object);
+    UndoRemoval(object, attributes);
     throw;
   }
   ForgetObject(object_name, bucket_name);
@@ -243,10 +327,10 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
 
 // Called after the row is removed. Puts the row back; where that fails, it removes the object from memory too, and no
 // row names its bytes any more.
-void CObjectStorageManager::UndoRemoval(const ObjectInfo& object) noexcept {
+void CObjectStorageManager::UndoRemoval(const ObjectInfo& object, const std::string& attributes) noexcept {
   bool is_back = false;
   try {
-    is_back = PutRowBack(object);
+    is_back = PutRowBack(object, attributes);
   } catch (const std::exception&) {
     is_back = false;  // out of memory; nothing is thrown once the row is there
   }
@@ -256,10 +340,10 @@ void CObjectStorageManager::UndoRemoval(const ObjectInfo& object) noexcept {
 }
 
 // Undoes the removal of a row; the new row has an id of its own. Returns false when the database refuses.
-bool CObjectStorageManager::PutRowBack(const ObjectInfo& object) {
+bool CObjectStorageManager::PutRowBack(const ObjectInfo& object, const std::string& attributes) {
   ObjectInfo row = object;
   row.bucket_name = RowName(object.bucket_name);
-  if (!CObjectServerSession::CreateObject(row)) {
+  if (!CObjectServerSession::CreateObject(row, {{}, attributes})) {
     CLOUD_LOG(logging::kError, "[%s]put back object[%s] failed, db operation failed.[%s(%d)]", object.name.c_str());
     return false;
   }

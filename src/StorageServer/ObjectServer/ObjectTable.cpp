@@ -22,23 +22,25 @@ std::size_t TextBytes(const ObjectInfo& object) {
 }  // namespace
 }  // namespace details
 
-CPackedObject::Pointer CPackedObject::Make(const ObjectInfo& object) {
-  void* const block = ::operator new(sizeof(CPackedObject) + details::TextBytes(object));
-  return Pointer(::new (block) CPackedObject(object));
+CPackedObject::Pointer CPackedObject::Make(const ObjectInfo& object, std::string_view attributes) {
+  void* const block = ::operator new(sizeof(CPackedObject) + details::TextBytes(object) + attributes.size());
+  return Pointer(::new (block) CPackedObject(object, attributes));
 }
 
-CPackedObject::CPackedObject(const ObjectInfo& object)
+CPackedObject::CPackedObject(const ObjectInfo& object, std::string_view attributes)
     : size_(object.size),
       id_(object.id),
       hash_(HashOf(object.name)),
       guid_size_(details::SizeOf(object.guid)),
       name_size_(details::SizeOf(object.name)),
       time_size_(details::SizeOf(object.update_time)),
-      url_size_(details::SizeOf(object.url)) {
+      url_size_(details::SizeOf(object.url)),
+      attributes_size_(static_cast<std::uint32_t>(attributes.size())) {
   char* end = reinterpret_cast<char*>(this + 1);
   for (const std::string* text : {&object.guid, &object.name, &object.update_time, &object.url}) {
     end = std::copy(text->begin(), text->end(), end);
   }
+  std::copy(attributes.begin(), attributes.end(), end);
 }
 
 std::uint32_t CPackedObject::HashOf(std::string_view name) {
@@ -98,6 +100,11 @@ void CObjectTable::Put(CPackedObject::Pointer object) noexcept {
   }
   replaced.reset(*link);
   object->next_ = replaced->next_;
+  {
+    const std::lock_guard<std::mutex> order_lock(order_mutex_);
+    order_.Remove(*replaced);
+    order_.Insert(*object);
+  }
   *link = object.release();
 }
 
@@ -113,6 +120,10 @@ void CObjectTable::Add(CPackedObject::Pointer object) noexcept {
 void CObjectTable::Append(Part& part, CPackedObject** link, CPackedObject::Pointer object) noexcept {
   *link = object.release();
   ++part.objects;
+  {
+    const std::lock_guard<std::mutex> order_lock(order_mutex_);
+    order_.Insert(**link);
+  }
   // Each object that a look-up passes on its way is a cache miss, which costs more than eight bytes for an empty chain.
   if (part.objects > part.chains.size() / 2) {
     Grow(part);
@@ -155,6 +166,8 @@ void CObjectTable::Remove(std::string_view name) noexcept {
   if (removed) {
     *link = removed->next_;
     --part.objects;
+    const std::lock_guard<std::mutex> order_lock(order_mutex_);
+    order_.Remove(*removed);
   }
 }
 

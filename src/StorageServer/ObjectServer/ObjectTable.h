@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "StorageServer/ObjectServer/KeyOrder.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/Catalogue.h"
 
@@ -16,15 +17,16 @@ namespace Tansy::CloudStorage {
 
 // An object's record in one block of memory: its numbers, then its texts one after another. There may be millions, so
 // every byte counts. The bucket's name is not part of it: a table holds the objects of one bucket.
-class CPackedObject : private TansyBase::CNoncopyable {
+class CPackedObject : public KeyOrderLink, private TansyBase::CNoncopyable {
  public:
   struct Free {
     void operator()(CPackedObject* object) const noexcept;
   };
   using Pointer = std::unique_ptr<CPackedObject, Free>;
 
-  // Throws std::bad_alloc.
-  static Pointer Make(const ObjectInfo& object);
+  // `attributes` is a text that belongs to the object's bytes; the catalogue keeps it and does not read it. Throws
+  // std::bad_alloc.
+  static Pointer Make(const ObjectInfo& object, std::string_view attributes = {});
 
   static std::uint32_t HashOf(std::string_view name);
 
@@ -32,12 +34,17 @@ class CPackedObject : private TansyBase::CNoncopyable {
   void SetId(std::uint32_t id) { id_ = id; }
   std::string_view Name() const { return Text(guid_size_, name_size_); }
   std::string_view Url() const { return Text(guid_size_ + name_size_ + time_size_, url_size_); }
+  std::string_view Attributes() const {
+    return Text(guid_size_ + name_size_ + time_size_ + url_size_, attributes_size_);
+  }
+  // The order of keys asks for it.
+  std::uint32_t Priority() const { return hash_ * 0x9E3779B1U; }
   // Fills in everything but the bucket's name.
   void CopyTo(ObjectInfo& object) const;
 
  private:
   friend class CObjectTable;
-  explicit CPackedObject(const ObjectInfo& object);
+  CPackedObject(const ObjectInfo& object, std::string_view attributes);
   ~CPackedObject() = default;
 
   const char* Texts() const { return reinterpret_cast<const char*>(this + 1); }
@@ -51,6 +58,7 @@ class CPackedObject : private TansyBase::CNoncopyable {
   std::uint32_t name_size_;
   std::uint32_t time_size_;
   std::uint32_t url_size_;
+  std::uint32_t attributes_size_;
 };
 
 // The objects of one bucket, by name. Names are spread over parts with a mutex each, which is held for the look-up or
@@ -70,6 +78,18 @@ class CObjectTable : private TansyBase::CNoncopyable {
     const Part& part = PartOf(hash);
     const std::lock_guard<std::mutex> lock(part.mutex);
     const CPackedObject* const found = *LinkTo(part, name, hash);
+    if (found != nullptr) {
+      look(*found);
+    }
+    return found != nullptr;
+  }
+
+  // Shows the first object whose key, which is its name with each %XX as the byte that it encodes, is that of `from` or
+  // comes after it; without `with_key`, the first that comes after it. Returns false when there is none.
+  template <class Look>
+  bool FindFrom(std::string_view from, bool with_key, Look look) const {
+    const std::lock_guard<std::mutex> lock(order_mutex_);
+    const CPackedObject* const found = order_.FindFrom(from, with_key);
     if (found != nullptr) {
       look(*found);
     }
@@ -99,10 +119,13 @@ class CObjectTable : private TansyBase::CNoncopyable {
   // Gives the link that leads to the object of that name, or the null link at the end of its chain.
   static CPackedObject* const* LinkTo(const Part& part, std::string_view name, std::uint32_t hash);
   static CPackedObject** LinkTo(Part& part, std::string_view name, std::uint32_t hash);
-  static void Append(Part& part, CPackedObject** link, CPackedObject::Pointer object) noexcept;
+  void Append(Part& part, CPackedObject** link, CPackedObject::Pointer object) noexcept;
   static void Grow(Part& part) noexcept;
 
   std::array<Part, kParts> parts_;
+
+  mutable std::mutex order_mutex_;  // taken after a part's mutex
+  CKeyOrder<CPackedObject> order_;  // guarded by order_mutex_
 };
 
 }  // namespace Tansy::CloudStorage

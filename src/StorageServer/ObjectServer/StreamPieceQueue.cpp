@@ -26,7 +26,7 @@ CStreamPieceQueue& CStreamPieceQueue::Instance() {
   return CSingleton<CStreamPieceQueue>::Instance();
 }
 
-void CStreamPieceQueue::Post(std::unique_ptr<CObjectStreamTask> piece) {
+void CStreamPieceQueue::Post(std::unique_ptr<CStreamPiece> piece) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     waiting_.push_back(std::move(piece));

@@ -2,16 +2,23 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_STREAM_PIECE_QUEUE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <mutex>
 
 #include "Singleton.h"
-#include "StorageServer/ObjectServer/ObjectServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
 #include "TansyBase/Noncopyable.h"
 
 namespace Tansy::CloudStorage::details {
+
+// Brings one piece of a streamed upload to the storage when it is executed.
+class CStreamPiece : public TansyBase::CTask {
+ public:
+  // Gives the handle of the upload's request.
+  virtual std::int32_t Handle() const = 0;
+};
 
 // Hands the pieces of streamed uploads to the message loop. A piece occupies a thread of the loop for as long as the
 // storage takes, so only half of the threads work on pieces at a time; the other half is left to requests that are done
@@ -25,12 +32,12 @@ class CStreamPieceQueue : private TansyBase::CNoncopyable {
 
   static CStreamPieceQueue& Instance();
 
-  void Post(std::unique_ptr<CObjectStreamTask> piece);
+  void Post(std::unique_ptr<CStreamPiece> piece);
 
  private:
   friend class CSingleton<CStreamPieceQueue>;
   class CRunner;
-  using Pieces = std::list<std::unique_ptr<CObjectStreamTask>>;
+  using Pieces = std::list<std::unique_ptr<CStreamPiece>>;
 
   CStreamPieceQueue() = default;
   ~CStreamPieceQueue() = default;

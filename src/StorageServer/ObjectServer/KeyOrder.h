@@ -1,0 +1,95 @@
+#ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_KEY_ORDER_H
+#define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_KEY_ORDER_H
+
+#include <cstdint>
+#include <string_view>
+
+namespace Tansy::CloudStorage {
+
+// Compares the keys that two names of objects stand for: their bytes, with each %XX as the byte that it encodes.
+// Returns a negative number, 0 or a positive one.
+int CompareKeys(std::string_view left, std::string_view right);
+
+// Where an object stands in the order of a bucket's keys.
+struct KeyOrderLink {
+  KeyOrderLink* left = nullptr;
+  KeyOrderLink* right = nullptr;
+};
+
+// The objects of a bucket in the order of their keys: a treap whose links are part of the objects, so that a change
+// needs no memory. The hash of a name is its priority, which makes the tree as flat as a random one. Names that differ
+// and stand for the same key lie beside each other. It is locked by who uses it.
+//
+// `Node` derives from KeyOrderLink and has Name() and Priority().
+template <class Node>
+class CKeyOrder {
+ public:
+  void Insert(Node& node) noexcept {
+    KeyOrderLink** link = &root_;
+    while (*link != nullptr && At(*link).Priority() >= node.Priority()) {
+      link = IsBefore(At(*link).Name(), node.Name()) ? &(*link)->right : &(*link)->left;
+    }
+    // What lies below is split into what comes before the new node and what comes after it.
+    KeyOrderLink* below = *link;
+    KeyOrderLink** before = &node.left;
+    KeyOrderLink** after = &node.right;
+    *link = &node;
+    while (below != nullptr) {
+      const bool comes_first = IsBefore(At(below).Name(), node.Name());
+      KeyOrderLink**& side = comes_first ? before : after;
+      *side = below;
+      side = comes_first ? &below->right : &below->left;
+      below = *side;
+    }
+    *before = nullptr;
+    *after = nullptr;
+  }
+
+  // Removes a node that is there.
+  void Remove(Node& node) noexcept {
+    KeyOrderLink** link = &root_;
+    while (*link != &node) {
+      link = IsBefore(At(*link).Name(), node.Name()) ? &(*link)->right : &(*link)->left;
+    }
+    KeyOrderLink* left = node.left;
+    KeyOrderLink* right = node.right;
+    while (left != nullptr && right != nullptr) {
+      const bool left_is_higher = At(left).Priority() >= At(right).Priority();
+      KeyOrderLink*& higher = left_is_higher ? left : right;
+      *link = higher;
+      link = left_is_higher ? &higher->right : &higher->left;
+      higher = *link;
+    }
+    *link = left != nullptr ? left : right;
+  }
+
+  // Gives the first node whose key is `key` or comes after it; without `with_key`, the first that comes after it. Null
+  // when there is none. `key` is written like a name, with %XX for what a name encodes.
+  const Node* FindFrom(std::string_view key, bool with_key) const {
+    const Node* found = nullptr;
+    const KeyOrderLink* link = root_;
+    while (link != nullptr) {
+      const Node& node = At(link);
+      const int order = CompareKeys(node.Name(), key);
+      const bool is_beyond = order > 0 || (order == 0 && with_key);
+      found = is_beyond ? &node : found;
+      link = is_beyond ? link->left : link->right;
+    }
+    return found;
+  }
+
+ private:
+  static Node& At(KeyOrderLink* link) { return static_cast<Node&>(*link); }
+  static const Node& At(const KeyOrderLink* link) { return static_cast<const Node&>(*link); }
+
+  static bool IsBefore(std::string_view left, std::string_view right) {
+    const int order = CompareKeys(left, right);
+    return order != 0 ? order < 0 : left < right;
+  }
+
+  KeyOrderLink* root_ = nullptr;
+};
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_KEY_ORDER_H

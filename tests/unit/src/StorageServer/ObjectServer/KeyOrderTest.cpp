@@ -1,0 +1,92 @@
+#include "StorageServer/ObjectServer/KeyOrder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <string_view>
+
+namespace Tansy::CloudStorage {
+namespace {
+
+TEST(KeyOrder, ComparesTheBytesThatNamesStandFor) {
+  EXPECT_EQ(CompareKeys("a", "a"), 0);
+  EXPECT_EQ(CompareKeys("a%2Fb", "a%2fb"), 0);
+  EXPECT_EQ(CompareKeys("%61", "a"), 0);
+  EXPECT_LT(CompareKeys("a", "a%00"), 0);
+  EXPECT_LT(CompareKeys("a%2Fb", "a0"), 0) << "a slash comes before a digit";
+  EXPECT_LT(CompareKeys("z", "%C3%A9"), 0) << "bytes are not signed";
+  EXPECT_GT(CompareKeys("a%zz", "a%"), 0);
+  EXPECT_EQ(CompareKeys("", ""), 0);
+  EXPECT_LT(CompareKeys("", "%00"), 0);
+}
+
+struct Node : KeyOrderLink {
+  std::string_view Name() const { return name; }
+  std::uint32_t Priority() const { return static_cast<std::uint32_t>(std::hash<std::string>()(name)) * 0x9E3779B1U; }
+
+  std::string name;
+};
+
+struct ByKey {
+  bool operator()(const std::string& left, const std::string& right) const {
+    const int order = CompareKeys(left, right);
+    return order != 0 ? order < 0 : left < right;
+  }
+};
+
+// Thousands of random changes, compared with a map of the library after each.
+TEST(KeyOrder, FindsWhatAMapFinds) {
+  std::mt19937 random(1);
+  CKeyOrder<Node> order;
+  std::map<std::string, std::unique_ptr<Node>, ByKey> model;
+  const auto name_of = [&random] {
+    std::string name;
+    for (std::size_t length = random() % 5; length > 0; --length) {
+      name += std::string_view("ab%/0").substr(random() % 5, 1);
+    }
+    return name + (random() % 3 == 0 ? "%2F" : "") + (random() % 3 == 0 ? "%2f" : "");
+  };
+  for (int step = 0; step < 20000; ++step) {
+    const std::string name = name_of();
+    if (const auto found = model.find(name); found == model.end()) {
+      auto node = std::make_unique<Node>();
+      node->name = name;
+      order.Insert(*node);
+      model.emplace(name, std::move(node));
+    } else if (random() % 2 == 0) {
+      order.Remove(*found->second);
+      model.erase(found);
+    }
+    const std::string from = name_of();
+    for (const bool with_key : {true, false}) {
+      const auto expected = std::find_if(model.begin(), model.end(), [&](const auto& entry) {
+        const int difference = CompareKeys(entry.first, from);
+        return difference > 0 || (difference == 0 && with_key);
+      });
+      const Node* const found = order.FindFrom(from, with_key);
+      ASSERT_EQ(found, expected != model.end() ? expected->second.get() : nullptr) << from << " in step " << step;
+    }
+  }
+}
+
+TEST(KeyOrder, BecomesEmpty) {
+  CKeyOrder<Node> order;
+  Node nodes[3];
+  for (int i = 0; i < 3; ++i) {
+    nodes[i].name = std::string(1, static_cast<char>('a' + i));
+    order.Insert(nodes[i]);
+  }
+  for (Node& node : nodes) {
+    order.Remove(node);
+  }
+  EXPECT_EQ(order.FindFrom("", true), nullptr);
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage
