@@ -8,6 +8,7 @@
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureClient.h"
 #include "TansyCloudStorage/PictureServer.h"
+#include "TansyCloudStorage/S3Server.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
 #endif  // TANSY_CLOUD_STORAGE_CLOUD_STORAGE_H

@@ -33,16 +33,17 @@ int Replace(Listener& listener, std::uint32_t port, const Start& start) {
 }  // namespace
 
 int StartListener(Listener& listener, const char* address, std::uint32_t port,
-                  TansyNet::CHttpServer::RecvCallback callback) {
+                  TansyNet::CHttpServer::RecvCallback callback, TansyNet::EUnknownLength unknown_length) {
   return Replace(listener, port, [&](std::int32_t& handle, std::uint16_t wanted) {
-    return TansyNet::CHttpServer::StartHttpServer(handle, address, wanted, callback, true);
+    return TansyNet::CHttpServer::StartHttpServer(handle, address, wanted, callback, true, unknown_length);
   });
 }
 
 int StartTlsListener(Listener& listener, const char* address, std::uint32_t port,
-                     TansyNet::CHttpServer::RecvCallback callback) {
+                     TansyNet::CHttpServer::RecvCallback callback, TansyNet::EUnknownLength unknown_length) {
   return Replace(listener, port, [&](std::int32_t& handle, std::uint16_t wanted) {
-    return TansyNet::CHttpServer::StartHttpsServer(handle, address, wanted, DefaultCertificate(), callback);
+    return TansyNet::CHttpServer::StartHttpsServer(handle, address, wanted, DefaultCertificate(), callback,
+                                                   unknown_length);
   });
 }
 

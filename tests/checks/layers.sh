@@ -36,6 +36,15 @@ declare -A rooms=(
   [platform/TansyNet/transport]="TansyNet/transport/"
 )
 
+# The servers stay strangers to one another. What the S3 server needs of the object server's folder is the catalogue, the
+# calls of the host's storage, and the threads and streams that carry long bodies; nothing of the object protocol.
+shared_catalogue='(ObjectStorageManager|ObjectServerSession|KeyOrder|ObjectServerStorage|ReadLease|ObjectServerBigSend|BigFileStreamMgr|StreamPieceQueue)\.h'
+declare -A server_strangers=(
+  [src/StorageServer/ObjectServer]="StorageServer/(PicServer|S3Server)/"
+  [src/StorageServer/PicServer]="StorageServer/(ObjectServer|S3Server)/"
+  [src/StorageServer/S3Server]="StorageServer/(PicServer/|ObjectServer/(?!$shared_catalogue))"
+)
+
 # Parts of the module that stay strangers to one another: what the files of each may not include.
 declare -A strangers=(
   [src/Common]="Storage(Server|Client)/"
@@ -86,6 +95,12 @@ done
 for part in "${!strangers[@]}"; do
   while IFS=: read -r file include; do
     [[ ! "$include" =~ ^${strangers[$part]} ]] || complain "$file includes \"$include\": $part may not"
+  done < <(includes_of "$part")
+done
+
+for part in "${!server_strangers[@]}"; do
+  while IFS=: read -r file include; do
+    grep -qP "^${server_strangers[$part]}" <<<"$include" && complain "$file includes \"$include\": $part may not"
   done < <(includes_of "$part")
 done
 

@@ -1,0 +1,35 @@
+// Entry points of the S3 server, which serves the objects of the object server to clients of the S3 protocol.
+//
+// Threads: any; InitS3Server comes after InitObjectServer. Its requests are served once InitPicServer has started the
+// message loop that all servers share, and until UninitPicServer stops it.
+// Ownership: the configuration is copied.
+// Errors: nothing throws; 0 is success, anything else a failure, and the log says why.
+#ifndef TANSY_CLOUD_STORAGE_S3_SERVER_H
+#define TANSY_CLOUD_STORAGE_S3_SERVER_H
+
+#include <string>
+
+#include "TansyCloudStorage/Export.h"
+#include "TansyCloudStorage/StorageConfig.h"
+
+namespace Tansy::CloudStorage {
+
+// Ports, keys and storage callbacks are those of the record that it is made from. A port of 0 opens no listener, and
+// only `download_port` and `https_download_port` count. The callbacks must be those that the object server got.
+struct S3ServerConfig : StorageServerConfig_V1 {
+  std::string region = "us-east-1";  // clients sign for this region
+};
+
+// Loads the attributes of objects and opens the listeners. Returns -1 when the attributes cannot be read, else the HTTP
+// library's error.
+TANSY_CLOUD_STORAGE_API int InitS3Server(const S3ServerConfig& config);
+
+// Stops the listeners. Requests under way are answered.
+TANSY_CLOUD_STORAGE_API int UninitS3Server();
+
+// Stops or starts the listeners. Returns 0 also when they are in that state already.
+TANSY_CLOUD_STORAGE_API int SetS3ServerEnable(bool enable);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_CLOUD_STORAGE_S3_SERVER_H

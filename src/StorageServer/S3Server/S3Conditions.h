@@ -1,0 +1,41 @@
+// Which bytes of an object a request asks for, and whether it wants them at all. Threads: any.
+#ifndef TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_CONDITIONS_H
+#define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_CONDITIONS_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "StorageServer/S3Server/S3Text.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+enum class ERange {
+  kWhole,        // no range, or one that means nothing: all bytes are sent
+  kPart,         // `begin` and `length` say which bytes are sent
+  kUnsatisfied,  // none of the bytes exists
+};
+
+struct AskedRange {
+  ERange kind = ERange::kWhole;
+  std::uint64_t begin = 0;
+  std::uint64_t length = 0;
+};
+
+// Reads a Range header for an object of `size` bytes. A list of several ranges, another unit and a malformed text are
+// answered with the whole object, which RFC 9110 leaves to the server.
+AskedRange ReadRange(std::string_view header, std::uint64_t size);
+
+enum class ECondition { kMet, kNotModified, kFailed };
+
+// Compares the If- headers of a read with the object, in the order of RFC 9110. `etag` has no quotes.
+ECondition CheckConditions(const LowerHeaders& headers, std::string_view etag, std::time_t modified);
+
+// Says whether the If- headers of a write let it take place. `etag` is that of the object that is there, without
+// quotes; null when there is none.
+bool MayWrite(const LowerHeaders& headers, const std::string* etag);
+
+}  // namespace Tansy::CloudStorage::S3
+
+#endif  // TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_CONDITIONS_H

@@ -1,0 +1,145 @@
+// This asks for the interface of OpenSSL 1.1.1 without warnings, as the signatures of the other protocols do.
+#define OPENSSL_API_COMPAT 0x10101000L
+
+#include "StorageServer/S3Server/S3Digest.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <new>
+#include <utility>
+#include <variant>
+
+#include "StorageServer/S3Server/S3Checksum.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+struct FreeContext {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+void Expect(bool done) {
+  if (!done) {
+    throw std::bad_alloc();
+  }
+}
+
+// A cryptographic digest.
+class CHash {
+ public:
+  explicit CHash(const EVP_MD* algorithm) : algorithm_(algorithm), context_(EVP_MD_CTX_new()) {
+    Expect(context_ != nullptr && EVP_DigestInit_ex(context_.get(), algorithm_, nullptr) == 1);
+  }
+
+  void Add(std::string_view bytes) { Expect(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1); }
+
+  std::string Finish() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    Expect(EVP_DigestFinal_ex(context_.get(), digest, &length) == 1);
+    Expect(EVP_DigestInit_ex(context_.get(), algorithm_, nullptr) == 1);
+    return {reinterpret_cast<const char*>(digest), length};
+  }
+
+ private:
+  const EVP_MD* algorithm_;
+  std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
+};
+
+template <typename Word>
+std::string MostSignificantFirst(Word word) {
+  std::string bytes;
+  for (std::size_t i = sizeof(Word); i > 0; --i) {
+    bytes += static_cast<char>(word >> (8 * (i - 1)));
+  }
+  return bytes;
+}
+
+template <typename Checksum>
+class CCheck {
+ public:
+  void Add(std::string_view bytes) { checksum_.Add(bytes); }
+  std::string Finish() { return MostSignificantFirst(std::exchange(checksum_, {}).Value()); }
+
+ private:
+  Checksum checksum_;
+};
+
+using Calculation = std::variant<CHash, CCheck<CCrc32>, CCheck<CCrc32c>, CCheck<CCrc64Nvme>>;
+
+Calculation MakeCalculation(EDigest kind) {
+  switch (kind) {
+    case EDigest::kMd5:
+      return CHash(EVP_md5());
+    case EDigest::kSha1:
+      return CHash(EVP_sha1());
+    case EDigest::kSha256:
+      return CHash(EVP_sha256());
+    case EDigest::kCrc32:
+      return CCheck<CCrc32>();
+    case EDigest::kCrc32c:
+      return CCheck<CCrc32c>();
+    case EDigest::kCrc64Nvme:
+      break;
+  }
+  return CCheck<CCrc64Nvme>();
+}
+
+}  // namespace
+
+struct CDigest::Impl {
+  EDigest kind;
+  Calculation calculation;
+};
+
+CDigest::CDigest(EDigest kind) : impl_(new Impl{kind, MakeCalculation(kind)}) {}
+CDigest::~CDigest() = default;
+CDigest::CDigest(CDigest&&) noexcept = default;
+CDigest& CDigest::operator=(CDigest&&) noexcept = default;
+
+EDigest CDigest::Kind() const {
+  return impl_->kind;
+}
+
+void CDigest::Add(std::string_view bytes) {
+  std::visit([bytes](auto& calculation) { calculation.Add(bytes); }, impl_->calculation);
+}
+
+std::string CDigest::Finish() {
+  return std::visit([](auto& calculation) { return calculation.Finish(); }, impl_->calculation);
+}
+
+std::string DigestOf(EDigest kind, std::string_view text) {
+  CDigest digest(kind);
+  digest.Add(text);
+  return digest.Finish();
+}
+
+std::string HmacSha256(std::string_view key, std::string_view text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
+  // A null key would be taken for no key at all.
+  const std::string secret(key);
+  Expect(HMAC(EVP_sha256(), secret.c_str(), static_cast<int>(secret.size()), bytes, text.size(), digest, &length) !=
+         nullptr);
+  return {reinterpret_cast<const char*>(digest), length};
+}
+
+std::optional<EDigest> ChecksumKind(std::string_view header) {
+  constexpr std::pair<std::string_view, EDigest> kKinds[] = {
+      {"x-amz-checksum-crc32", EDigest::kCrc32},         {"x-amz-checksum-crc32c", EDigest::kCrc32c},
+      {"x-amz-checksum-crc64nvme", EDigest::kCrc64Nvme}, {"x-amz-checksum-sha1", EDigest::kSha1},
+      {"x-amz-checksum-sha256", EDigest::kSha256},
+  };
+  for (const auto& [name, kind] : kKinds) {
+    if (name == header) {
+      return kind;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace Tansy::CloudStorage::S3

@@ -1,0 +1,132 @@
+// The S3 server: listeners, request intake, routing, and one handler for each operation that it has.
+//
+// It serves the objects of the catalogue that the object server loads, through the same storage callbacks. The bodies
+// stand in files named after their theme: S3Server.cpp (lifecycle), S3ServerDispatch.cpp (intake, routing, answers),
+// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerList.cpp; the error table is S3Errors.h.
+//
+// Threads: any. Handlers run in parallel on the threads of the message loop that all servers share. Errors: nothing
+// throws; failures are answered.
+#ifndef TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_SERVER_H
+#define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_SERVER_H
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "Singleton.h"
+#include "StorageServer/ConfigSnapshot.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/S3Server/S3Attributes.h"
+#include "StorageServer/S3Server/S3Conditions.h"
+#include "StorageServer/S3Server/S3Errors.h"
+#include "StorageServer/S3Server/S3Request.h"
+#include "StorageServer/S3Server/S3Uploads.h"
+#include "StorageServer/ServerListeners.h"
+#include "TansyBase/Noncopyable.h"
+#include "TansyCloudStorage/Catalogue.h"
+#include "TansyCloudStorage/S3Server.h"
+#include "TansyNet/HttpServer.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+// An object as a request found it.
+struct FoundObject {
+  ObjectInfo info;
+  Attributes attributes;
+  std::time_t modified = 0;
+
+  // Gives the entity tag, without quotes. An object that another protocol stored has one that is no MD5 digest.
+  std::string ETag() const;
+};
+
+class CS3Server : private TansyBase::CNoncopyable {
+ public:
+  static CS3Server& Instance();
+
+  int Init(const S3ServerConfig& config);
+  int SetEnable(bool enable);
+
+  // Receives every request and every piece of a streamed body on the HTTP library's threads; queues it or refuses it.
+  static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  // Routes a request to its handler, which answers it.
+  void Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
+  // Stores a piece of an upload. After a failure the request is answered and further pieces are ignored.
+  void StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
+  // Ends a request that will not be handled.
+  void EndRequest(std::int32_t handle, EError error) noexcept;
+
+ private:
+  friend class CSingleton<CS3Server>;
+  struct Route;
+  struct Routes;
+
+  CS3Server() = default;
+  ~CS3Server() = default;
+
+  int StartListeners(const S3ServerConfig& config);
+  int StopListeners();
+
+  // Intake.
+  void TakeMsg(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  void TakePiece(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  bool TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  static Failure FindRoute(const Route*& route, const Request& request);
+
+  // Handlers, in the order of the routing table.
+  static void ListBuckets(const Request& request);
+  static void CreateBucket(const Request& request);
+  static void HeadBucket(const Request& request);
+  static void DeleteBucket(const Request& request);
+  static void GetBucketLocation(const Request& request);
+  static void ListObjects(const Request& request);
+  static void ListObjectsV2(const Request& request);
+  static void DeleteObjects(const Request& request);
+  static void PutObject(const Request& request);
+  static void GetObject(const Request& request);
+  static void HeadObject(const Request& request);
+  static void DeleteObject(const Request& request);
+
+  // Parts of the handlers.
+  static Failure CheckPut(const Request& request);
+  static Failure StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
+                            const std::string& bucket);
+  static Failure ReceiveWhole(ObjectInfo& object, std::string& md5, const Request& request);
+  static Failure ReceiveStream(ObjectInfo& object, std::string& md5, Upload& upload, const Request& request);
+  // Writes the row of stored bytes. When nothing is wrong so far, the answer follows once the row is committed; until
+  // then it keeps `upload`.
+  static Failure AddObject(ObjectInfo& object, const std::string& md5, const Request& request,
+                           std::shared_ptr<const void> upload);
+  static void AnswerPut(const Recipient& to, const std::string& bucket, const std::string& etag,
+                        CObjectStorageManager::EAdded result) noexcept;
+  static Failure FindObject(FoundObject& object, const Request& request);
+  static Failure FindReadable(FoundObject& object, AskedRange& range, const Request& request);
+  static bool Send(const Request& request, const FoundObject& object, const AskedRange& range);
+  static bool SendInChunks(const Request& request, const FoundObject& object, const TansyNet::HttpResponse& response,
+                           std::uint32_t begin, std::uint32_t length);
+
+  CConfigSnapshot<S3ServerConfig> conf_;
+
+  std::mutex enable_mutex_;
+  // Guarded by enable_mutex_.
+  CloudStorage::details::Listener http_;
+  CloudStorage::details::Listener http_v6_;
+  CloudStorage::details::Listener https_;
+  CloudStorage::details::Listener https_v6_;
+  bool started_ = false;  // the listeners should be open
+};
+
+// Answers of any handler.
+void AnswerFailure(const Recipient& to, const Failure& failure);
+void AnswerXml(const Recipient& to, const std::string& xml);
+// Answers without a body.
+void AnswerEmpty(const Recipient& to, std::int32_t status, const TansyNet::Headers& headers = {});
+// Gives an answer what every answer has. The content type is empty.
+TansyNet::HttpResponse MakeResponse(const std::string& request_id, std::int32_t status);
+// Writes the time of a row as listings show it.
+std::string ListedTime(const std::string& update_time);
+
+}  // namespace Tansy::CloudStorage::S3
+
+#endif  // TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_SERVER_H

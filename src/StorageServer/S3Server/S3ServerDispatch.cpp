@@ -1,0 +1,268 @@
+// Intake and routing: what happens to a request between the HTTP library and its handler, and the way back.
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/StreamPieceQueue.h"
+#include "StorageServer/S3Server/S3Server.h"
+#include "StorageServer/S3Server/S3ServerTasks.h"
+#include "StorageServer/ServerMsgLoop.h"
+#include "TansyBase/HttpDate.h"
+#include "TansyBase/TimeUtil.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+using CloudStorage::details::CBigFileStreamMgr;
+using CloudStorage::details::StreamEnd;
+
+constexpr const char* kXmlType = "application/xml";
+// This header makes an upload a copy of another object.
+constexpr std::string_view kCopySource = "x-amz-copy-source";
+
+// Parameters that make a request one about something else than the bucket or the object itself.
+constexpr std::array<std::string_view, 35> kSubresources = {
+    "accelerate",   "acl",
+    "analytics",    "attributes",
+    "cors",         "delete",
+    "encryption",   "intelligent-tiering",
+    "inventory",    "legal-hold",
+    "lifecycle",    "list-type",
+    "location",     "logging",
+    "metrics",      "notification",
+    "object-lock",  "ownershipControls",
+    "partNumber",   "policy",
+    "policyStatus", "publicAccessBlock",
+    "replication",  "requestPayment",
+    "restore",      "retention",
+    "select",       "tagging",
+    "torrent",      "uploadId",
+    "uploads",      "versionId",
+    "versioning",   "versions",
+    "website",
+};
+
+// Gives the name of what a request is about; it is empty when that is the bucket or the object itself.
+std::string_view SubresourceOf(const Request& request) {
+  if (request.headers.find(kCopySource) != request.headers.end()) {
+    return kCopySource;
+  }
+  for (const QueryParameter& parameter : request.query) {
+    const auto found = std::find(kSubresources.begin(), kSubresources.end(), parameter.name);
+    // An object without versions has the version "null".
+    if (found != kSubresources.end() && !(parameter.name == "versionId" && parameter.value == "null")) {
+      return *found;
+    }
+  }
+  return {};
+}
+
+enum class ETarget { kService, kBucket, kObject };
+
+ETarget TargetOf(const Request& request) {
+  if (request.bucket.empty()) {
+    return ETarget::kService;
+  }
+  return request.key.empty() ? ETarget::kBucket : ETarget::kObject;
+}
+
+std::uint32_t StreamId(std::int32_t handle) {
+  return static_cast<std::uint32_t>(handle);
+}
+
+}  // namespace
+
+// One row of the routing table.
+struct CS3Server::Route {
+  using Handler = void (*)(const Request& request);
+
+  std::string_view method;
+  ETarget target;
+  std::string_view subresource;
+  Handler handler;
+  bool takes_pieces = false;  // its body may arrive in pieces
+};
+
+struct CS3Server::Routes {
+  using Server = CS3Server;
+
+  static constexpr std::array kTable = {
+      Route{"GET", ETarget::kService, "", &Server::ListBuckets},
+      Route{"PUT", ETarget::kBucket, "", &Server::CreateBucket},
+      Route{"HEAD", ETarget::kBucket, "", &Server::HeadBucket},
+      Route{"DELETE", ETarget::kBucket, "", &Server::DeleteBucket},
+      Route{"GET", ETarget::kBucket, "location", &Server::GetBucketLocation},
+      Route{"GET", ETarget::kBucket, "", &Server::ListObjects},
+      Route{"GET", ETarget::kBucket, "list-type", &Server::ListObjectsV2},
+      Route{"POST", ETarget::kBucket, "delete", &Server::DeleteObjects},
+      Route{"PUT", ETarget::kObject, "", &Server::PutObject, true},
+      Route{"GET", ETarget::kObject, "", &Server::GetObject},
+      Route{"HEAD", ETarget::kObject, "", &Server::HeadObject},
+      Route{"DELETE", ETarget::kObject, "", &Server::DeleteObject},
+  };
+};
+
+Failure CS3Server::FindRoute(const Route*& route, const Request& request) {
+  const ETarget target = TargetOf(request);
+  const std::string_view subresource = SubresourceOf(request);
+  for (const Route& row : Routes::kTable) {
+    if (row.method == request.msg.method && row.target == target && row.subresource == subresource) {
+      route = &row;
+      return {};
+    }
+  }
+  return EError::kNotImplemented;
+}
+
+void CS3Server::RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
+  CLOUD_LOG(logging::kTrace, "[%s]handle = %d, method = %s, url = %s, ip = %s, size[%d:%d], error_code[%d][%s(%d)]",
+            handle, msg.method.c_str(), msg.url.c_str(), msg.ip.c_str(), msg.content_length, msg.body_size,
+            msg.error_code);
+  CS3Server& server = Instance();
+  try {
+    if (CServerMsgLoop::Instance().GetWorkTaskCount() < CServerMsgLoop::kMaxWorkTasks) {
+      server.TakeMsg(handle, msg);
+      return;
+    }
+    CLOUD_LOG(logging::kError, "[%s]msg loop exceed, handle = %d[%s(%d)]", handle);
+    server.EndRequest(handle, EError::kSlowDown);
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]take msg failed[%s], handle = %d[%s(%d)]", error.what(), handle);
+    server.EndRequest(handle, EError::kInternalError);
+  }
+}
+
+void CS3Server::TakeMsg(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
+  if (msg.error_code != TansyNet::kWholeRequest) {
+    TakePiece(handle, msg);
+    return;
+  }
+  const bool is_read = msg.method == "GET" || msg.method == "HEAD";
+  CServerMsgLoop::Instance().Take(std::make_unique<CMsgTask>(handle, std::move(msg)), is_read);
+}
+
+void CS3Server::TakePiece(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
+  if (CBigFileStreamMgr::Instance().EndOf(StreamId(handle)) != StreamEnd::kNone) {
+    return;  // it is answered
+  }
+  if (CUploads::Instance().Find(handle) == nullptr && !TakeFirstPiece(handle, msg)) {
+    return;
+  }
+  if (msg.error_code == TansyNet::kLastBodyPiece) {
+    CBigFileStreamMgr::Instance().NoteLastPiece(StreamId(handle));
+  }
+  CloudStorage::details::CStreamPieceQueue::Instance().Post(std::make_unique<CPieceTask>(handle, std::move(msg)));
+}
+
+// An upload that its handler would refuse in the end is refused here, before a byte of it is stored; otherwise anybody
+// without a key could fill the disk.
+bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
+  const auto config = conf_.Load();
+  Request request(handle, msg, *config);
+  const Route* route = nullptr;
+  Failure failure = request.Check();
+  if (!failure) {
+    failure = FindRoute(route, request);
+  }
+  if (!failure && !route->takes_pieces) {
+    failure = {EError::kInvalidRequest, "The body is too long for this request."};
+  }
+  if (!failure) {
+    failure = CheckPut(request);
+  }
+  auto upload = std::make_shared<Upload>();
+  upload->request_id = request.id;
+  if (!failure) {
+    failure = upload->body.Begin(request.signature, request.headers);
+  }
+  if (failure) {
+    CBigFileStreamMgr::Instance().EndStream(StreamId(handle), StreamEnd::kAnswered);
+    AnswerFailure(request, failure);
+    return false;
+  }
+  CBigFileStreamMgr::Instance().RegisterStream(StreamId(handle));
+  CUploads::Instance().Add(handle, std::move(upload));
+  return true;
+}
+
+void CS3Server::Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg) {
+  const auto config = conf_.Load();
+  Request request(handle, msg, *config);
+  const Route* route = nullptr;
+  Failure failure = request.Check();
+  if (!failure) {
+    failure = FindRoute(route, request);
+  }
+  if (!failure && TargetOf(request) != ETarget::kService && route->handler != &CS3Server::CreateBucket &&
+      !CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {
+    failure = EError::kNoSuchBucket;
+    failure.details.emplace_back("BucketName", request.bucket);
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  route->handler(request);
+}
+
+void CS3Server::EndRequest(std::int32_t handle, EError error) noexcept {
+  try {
+    CUploads::Instance().Remove(handle);
+    CBigFileStreamMgr::Instance().EndStream(StreamId(handle), StreamEnd::kAnswered);
+    const std::string body = ErrorXml(error, "", "");
+    TansyNet::HttpResponse response = MakeResponse("", StatusOf(error));
+    response.content_type = kXmlType;
+    TansyNet::CHttpServer::HttpServerSyncSend(handle, response, static_cast<std::uint32_t>(body.size()), body.data());
+  } catch (const std::exception& problem) {
+    CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", problem.what(), handle);
+  }
+}
+
+TansyNet::HttpResponse MakeResponse(const std::string& request_id, std::int32_t status) {
+  TansyNet::HttpResponse response;
+  response.status = status;
+  response.content_type.clear();
+  response.cache_control.clear();
+  response.headers["Date"] = TansyBase::HttpDate::Format(TansyBase::TimeUtil::Now(), '0');
+  if (!request_id.empty()) {
+    response.headers["x-amz-request-id"] = request_id;
+  }
+  return response;
+}
+
+void AnswerFailure(const Recipient& to, const Failure& failure) {
+  CLOUD_LOG(logging::kNotable, "[%s]request %s, %s %s: %s, %s[%s(%d)]", to.id.c_str(), to.method.c_str(),
+            to.url.c_str(), std::string(NameOf(failure.error)).c_str(), std::string(MessageOf(failure)).c_str());
+  const std::string body = ErrorXml(failure, PercentDecode(to.url), to.id);
+  TansyNet::HttpResponse response = MakeResponse(to.id, StatusOf(failure.error));
+  response.content_type = kXmlType;
+  TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(body.size()), body.data());
+}
+
+void AnswerXml(const Recipient& to, const std::string& xml) {
+  TansyNet::HttpResponse response = MakeResponse(to.id, 200);
+  response.content_type = kXmlType;
+  TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(xml.size()), xml.data());
+}
+
+void AnswerEmpty(const Recipient& to, std::int32_t status, const TansyNet::Headers& headers) {
+  TansyNet::HttpResponse response = MakeResponse(to.id, status);
+  response.headers.insert(headers.begin(), headers.end());
+  TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, 0, "");
+}
+
+std::string ListedTime(const std::string& update_time) {
+  // Rows of buckets have milliseconds, those of objects have none.
+  std::string text = update_time.substr(0, update_time.find('.'));
+  std::replace(text.begin(), text.end(), ' ', 'T');
+  return text + ".000Z";
+}
+
+}  // namespace Tansy::CloudStorage::S3

@@ -1,0 +1,29 @@
+// The exported functions of the S3 server.
+#include "Boundary.h"
+#include "StorageServer/S3Server/S3Server.h"
+#include "TansyCloudStorage/S3Server.h"
+
+namespace Tansy::CloudStorage {
+
+namespace details {
+namespace {
+
+constexpr int kFailed = -1;
+
+}  // namespace
+}  // namespace details
+
+int InitS3Server(const S3ServerConfig& config) {
+  return AtBoundary("InitS3Server", details::kFailed, [&config] { return S3::CS3Server::Instance().Init(config); });
+}
+
+int UninitS3Server() {
+  return SetS3ServerEnable(false);
+}
+
+int SetS3ServerEnable(bool enable) {
+  return AtBoundary("SetS3ServerEnable", details::kFailed,
+                    [enable] { return S3::CS3Server::Instance().SetEnable(enable); });
+}
+
+}  // namespace Tansy::CloudStorage

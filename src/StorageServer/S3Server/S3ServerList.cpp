@@ -1,0 +1,192 @@
+// Listings of objects.
+#include <algorithm>
+
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/S3Server/S3Listing.h"
+#include "StorageServer/S3Server/S3Server.h"
+#include "StorageServer/S3Server/S3XmlWriter.h"
+#include "TansyBase/Encrypt.h"
+#include "TansyBase/TimeUtil.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+constexpr std::uint64_t kMostEntries = 1000;
+// A continuation token is this and the last key of the listing before, in Base64, so that it fits into every query.
+constexpr std::string_view kTokenMark = "1:";
+
+Failure ReadMaxKeys(ListRequest& list, const Query& query) {
+  const std::string* const text = FindParameter(query, "max-keys");
+  std::uint64_t number = kMostEntries;
+  if (text != nullptr && !text->empty() && !ParseDecimal(*text, number)) {
+    return {EError::kInvalidArgument, "max-keys must be a number that is not negative."};
+  }
+  list.most = static_cast<std::size_t>(std::min(number, kMostEntries));
+  return {};
+}
+
+Failure ReadEncoding(bool& is_encoded, const Query& query) {
+  const std::string encoding = ParameterOrEmpty(query, "encoding-type");
+  is_encoded = encoding == "url";
+  if (!encoding.empty() && !is_encoded) {
+    return {EError::kInvalidArgument, "The only encoding-type is url."};
+  }
+  return {};
+}
+
+Failure ReadToken(ListRequest& list, const std::string& token) {
+  std::string text;
+  if (!TansyBase::Encrypt::Base64Decode(token, text) || !text.starts_with(kTokenMark)) {
+    return {EError::kInvalidArgument, "The continuation token is not one of this server's."};
+  }
+  list.after = text.substr(kTokenMark.size());
+  return {};
+}
+
+// Names that differ and stand for the same key follow one another; the listing shows the first of them.
+NextObject ObjectsOf(const std::string& bucket) {
+  return [bucket](const std::string& from, bool with_key) -> std::optional<ListedObject> {
+    FoundObject object;
+    std::string attributes;
+    if (!CObjectStorageManager::Instance().FindObjectFrom(object.info, attributes, NameOfKey(from), with_key, bucket)) {
+      return std::nullopt;
+    }
+    object.attributes.etag = attributes.substr(0, attributes.find('\n'));
+    return ListedObject{KeyOfName(object.info.name), object.ETag(), ListedTime(object.info.update_time),
+                        object.info.size};
+  };
+}
+
+// Writes the elements that both versions of the operation have.
+class CListAnswer {
+ public:
+  CListAnswer(const Request& request, bool is_encoded) : request_(request), is_encoded_(is_encoded) {
+    xml_.OpenAnswer("ListBucketResult");
+    xml_.Element("Name", request.bucket);
+  }
+
+  void Text(std::string_view name, const std::string& text) {
+    xml_.Element(name, is_encoded_ ? PercentEncodePath(text) : text);
+  }
+  void OptionalText(std::string_view name, const std::string& text) {
+    if (!text.empty()) {
+      Text(name, text);
+    }
+  }
+  CXmlWriter& Xml() { return xml_; }
+
+  void Entries(const Listing& listing, bool with_owner) {
+    for (const Listing::Entry& entry : listing.entries) {
+      if (!entry.is_prefix) {
+        Object(entry.object, with_owner);
+      }
+    }
+    for (const Listing::Entry& entry : listing.entries) {
+      if (entry.is_prefix) {
+        xml_.Open("CommonPrefixes");
+        Text("Prefix", entry.object.key);
+        xml_.Close("CommonPrefixes");
+      }
+    }
+  }
+
+  void Send() {
+    if (is_encoded_) {
+      xml_.Element("EncodingType", "url");
+    }
+    xml_.Close("ListBucketResult");
+    AnswerXml(request_, xml_.Take());
+  }
+
+ private:
+  void Object(const ListedObject& object, bool with_owner) {
+    xml_.Open("Contents");
+    Text("Key", object.key);
+    xml_.Element("LastModified", object.modified);
+    xml_.Element("ETag", '"' + object.etag + '"');
+    xml_.Element("Size", object.size);
+    if (with_owner) {
+      xml_.Open("Owner");
+      xml_.Element("ID", "admin");
+      xml_.Element("DisplayName", "admin");
+      xml_.Close("Owner");
+    }
+    xml_.Element("StorageClass", "STANDARD");
+    xml_.Close("Contents");
+  }
+
+  const Request& request_;
+  const bool is_encoded_;
+  CXmlWriter xml_;
+};
+
+Failure ReadListRequest(ListRequest& list, bool& is_encoded, const Query& query) {
+  list.prefix = ParameterOrEmpty(query, "prefix");
+  list.delimiter = ParameterOrEmpty(query, "delimiter");
+  Failure failure = ReadMaxKeys(list, query);
+  return failure ? failure : ReadEncoding(is_encoded, query);
+}
+
+}  // namespace
+
+void CS3Server::ListObjects(const Request& request) {
+  ListRequest list;
+  bool is_encoded = false;
+  const Failure failure = ReadListRequest(list, is_encoded, request.query);
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  list.after = ParameterOrEmpty(request.query, "marker");
+  const Listing listing = List(list, ObjectsOf(request.bucket));
+  CListAnswer answer(request, is_encoded);
+  answer.Text("Prefix", list.prefix);
+  answer.Text("Marker", list.after);
+  answer.Xml().Element("MaxKeys", std::uint64_t{list.most});
+  answer.OptionalText("Delimiter", list.delimiter);
+  answer.Xml().Element("IsTruncated", listing.is_truncated);
+  if (listing.is_truncated) {
+    answer.Text("NextMarker", listing.entries.back().object.key);
+  }
+  answer.Entries(listing, true);
+  answer.Send();
+}
+
+void CS3Server::ListObjectsV2(const Request& request) {
+  ListRequest list;
+  bool is_encoded = false;
+  Failure failure = ReadListRequest(list, is_encoded, request.query);
+  if (!failure && ParameterOrEmpty(request.query, "list-type") != "2") {
+    failure = {EError::kInvalidArgument, "The only list-type is 2."};
+  }
+  const std::string start_after = ParameterOrEmpty(request.query, "start-after");
+  const std::string* const token = FindParameter(request.query, "continuation-token");
+  list.after = start_after;
+  if (!failure && token != nullptr) {
+    failure = ReadToken(list, *token);
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  const Listing listing = List(list, ObjectsOf(request.bucket));
+  CListAnswer answer(request, is_encoded);
+  answer.Text("Prefix", list.prefix);
+  answer.OptionalText("Delimiter", list.delimiter);
+  answer.OptionalText("StartAfter", start_after);
+  answer.Xml().Element("MaxKeys", std::uint64_t{list.most});
+  answer.Xml().Element("KeyCount", std::uint64_t{listing.entries.size()});
+  answer.Xml().Element("IsTruncated", listing.is_truncated);
+  if (token != nullptr) {
+    answer.Xml().Element("ContinuationToken", *token);
+  }
+  if (listing.is_truncated) {
+    const std::string next = std::string(kTokenMark) + listing.entries.back().object.key;
+    answer.Xml().Element("NextContinuationToken", TansyBase::Encrypt::Base64Encode(next));
+  }
+  answer.Entries(listing, ParameterOrEmpty(request.query, "fetch-owner") == "true");
+  answer.Send();
+}
+
+}  // namespace Tansy::CloudStorage::S3

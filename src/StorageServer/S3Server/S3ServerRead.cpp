@@ -1,0 +1,243 @@
+// Reading objects.
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/ObjectServer/KeyOrder.h"
+#include "StorageServer/ObjectServer/ObjectServerBigSend.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/ReadLease.h"
+#include "StorageServer/S3Server/S3Body.h"
+#include "StorageServer/S3Server/S3Digest.h"
+#include "StorageServer/S3Server/S3Server.h"
+#include "TansyBase/HttpDate.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyNet/MemoryAccount.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+using CloudStorage::details::CReadLease;
+using CloudStorage::details::HostBuffer;
+using CloudStorage::details::LocationText;
+
+// Longer answers are sent in chunks of this size on a thread of their own.
+constexpr std::uint32_t kChunkBytes = 0xA00000;
+constexpr std::uint32_t kMemoryPatienceMs = 20000;
+constexpr const char* kDefaultContentType = "binary/octet-stream";
+
+constexpr std::pair<std::string_view, const char*> kStandardHeaders[] = {
+    {"cache-control", "Cache-Control"},       {"content-disposition", "Content-Disposition"},
+    {"content-encoding", "Content-Encoding"}, {"content-language", "Content-Language"},
+    {"content-type", "Content-Type"},         {"expires", "Expires"},
+};
+
+// Gives a header of the object as the answer has it: a parameter such as response-content-type goes first.
+std::string HeaderOf(const Request& request, const FoundObject& object, std::string_view name) {
+  if (const std::string* const value = FindParameter(request.query, "response-" + std::string(name))) {
+    return *value;
+  }
+  const auto found = object.attributes.headers.find(std::string(name));
+  return found != object.attributes.headers.end() ? found->second : std::string();
+}
+
+TansyNet::HttpResponse ObjectResponse(const Request& request, const FoundObject& object, const AskedRange& range) {
+  const bool is_part = range.kind == ERange::kPart;
+  TansyNet::HttpResponse response = MakeResponse(request.id, is_part ? 206 : 200);
+  for (const auto& [name, value] : object.attributes.headers) {
+    if (name.starts_with("x-amz-meta-")) {
+      response.headers[name] = value;
+    }
+  }
+  for (const auto& [name, header] : kStandardHeaders) {
+    if (std::string value = HeaderOf(request, object, name); !value.empty()) {
+      response.headers[header] = std::move(value);
+    }
+  }
+  response.headers.try_emplace("Content-Type", kDefaultContentType);
+  response.headers["ETag"] = '"' + object.ETag() + '"';
+  response.headers["Last-Modified"] = TansyBase::HttpDate::Format(object.modified, '0');
+  response.headers["Accept-Ranges"] = "bytes";
+  if (is_part) {
+    response.headers["Content-Range"] = "bytes " + std::to_string(range.begin) + "-" +
+                                        std::to_string(range.begin + range.length - 1) + "/" +
+                                        std::to_string(object.info.size);
+  }
+  return response;
+}
+
+void AnswerNotModified(const Request& request, const FoundObject& object) {
+  AnswerEmpty(
+      request, 304,
+      {{"ETag", '"' + object.ETag() + '"'}, {"Last-Modified", TansyBase::HttpDate::Format(object.modified, '0')}});
+}
+
+}  // namespace
+
+std::string FoundObject::ETag() const {
+  if (!attributes.etag.empty()) {
+    return attributes.etag;
+  }
+  // The dash tells clients that this is not the digest of the bytes. The text is different for other bytes, because the
+  // url names them; it is hashed, because the url is the host's secret.
+  return ToHex(DigestOf(EDigest::kMd5, info.url + "\n" + std::to_string(info.size) + "\n" + info.update_time)) + "-1";
+}
+
+// An object whose name another protocol chose may be written in another way than NameOfKey does.
+Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
+  auto& catalogue = CObjectStorageManager::Instance();
+  const std::string name = NameOfKey(request.key);
+  std::string attributes;
+  const bool is_found = catalogue.FindObject(object.info, attributes, name, request.bucket) ||
+                        (catalogue.FindObjectFrom(object.info, attributes, name, true, request.bucket) &&
+                         CompareKeys(object.info.name, name) == 0);
+  if (!is_found) {
+    Failure failure = EError::kNoSuchKey;
+    failure.details.emplace_back("Key", request.key);
+    return failure;
+  }
+  object.attributes = FromText(attributes);
+  object.modified = TansyBase::TimeUtil::StrUTCDatetime2TimeT(object.info.update_time);
+  return {};
+}
+
+Failure CS3Server::FindReadable(FoundObject& object, AskedRange& range, const Request& request) {
+  if (Failure failure = FindObject(object, request)) {
+    return failure;
+  }
+  if (object.info.size > kMaxObjectBytes) {
+    return EError::kInternalError;
+  }
+  if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kFailed) {
+    return EError::kPreconditionFailed;
+  }
+  const std::string& if_range = ValueOf(request.headers, "if-range");
+  const bool has_range = if_range.empty() || if_range == '"' + object.ETag() + '"' ||
+                         TansyBase::HttpDate::Parse(if_range) == object.modified;
+  range = has_range ? ReadRange(ValueOf(request.headers, "range"), object.info.size) : AskedRange{};
+  if (range.kind == ERange::kUnsatisfied) {
+    Failure failure = EError::kInvalidRange;
+    failure.details.emplace_back("ActualObjectSize", std::to_string(object.info.size));
+    return failure;
+  }
+  if (range.kind == ERange::kWhole) {
+    range.begin = 0;
+    range.length = object.info.size;
+  }
+  return {};
+}
+
+void CS3Server::HeadObject(const Request& request) {
+  FoundObject object;
+  AskedRange range;
+  if (const Failure failure = FindReadable(object, range, request)) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kNotModified) {
+    AnswerNotModified(request, object);
+    return;
+  }
+  TansyNet::HttpResponse response = ObjectResponse(request, object, range);
+  TansyNet::CHttpServer::HttpServerSendHead(request.handle, response, range.length);
+}
+
+// An object that was replaced after it was looked up may have lost its bytes; then its successor is sent.
+void CS3Server::GetObject(const Request& request) {
+  std::string failed_url;
+  for (;;) {
+    FoundObject object;
+    AskedRange range;
+    if (const Failure failure = FindReadable(object, range, request)) {
+      AnswerFailure(request, failure);
+      return;
+    }
+    if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kNotModified) {
+      AnswerNotModified(request, object);
+      return;
+    }
+    if (object.info.url == failed_url) {
+      CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", request.msg.url.c_str());
+      AnswerFailure(request, EError::kInternalError);
+      return;
+    }
+    if (Send(request, object, range)) {
+      return;
+    }
+    failed_url = object.info.url;
+    // A removal frees the bytes before the object is gone.
+    ObjectInfo at_rest;
+    CObjectStorageManager::Instance().GetObjectAtRest(at_rest, object.info.name, request.bucket);
+  }
+}
+
+// Returns false when the first byte could not be read; the request must then still be answered.
+bool CS3Server::Send(const Request& request, const FoundObject& object, const AskedRange& range) {
+  const auto begin = static_cast<std::uint32_t>(range.begin);
+  const auto length = static_cast<std::uint32_t>(range.length);
+  const TansyNet::HttpResponse response = ObjectResponse(request, object, range);
+  if (length > kChunkBytes) {
+    return SendInChunks(request, object, response, begin, length);
+  }
+  if (length == 0) {
+    TansyNet::CHttpServer::HttpServerSyncSend(request.handle, response, 0, "");
+    return true;
+  }
+  if (TansyNet::CHttpServer::ClaimAnswer(request.handle, length) != 0) {
+    return true;  // it is answered
+  }
+  HostBuffer buffer;
+  const int result = CloudStorage::details::ReadRange(request.config, buffer, length, begin,
+                                                      LocationText(request.bucket, object.info.url));
+  if (result != 0 || !buffer.data || buffer.size != length) {
+    return false;
+  }
+  TansyNet::CHttpServer::HttpServerSyncSend(request.handle, response, length, buffer.data.get());
+  return true;
+}
+
+bool CS3Server::SendInChunks(const Request& request, const FoundObject& object, const TansyNet::HttpResponse& response,
+                             std::uint32_t begin, std::uint32_t length) {
+  const std::shared_ptr<CReadLease> lease = CReadLease::Begin(LocationText(request.bucket, object.info.url));
+  if (!lease) {
+    return false;
+  }
+  const auto config = Instance().conf_.Load();
+  const auto send = [=, handle = request.handle, url = request.msg.url] {
+    for (std::uint32_t done = 0; done < length; done += std::min(kChunkBytes, length - done)) {
+      const std::uint32_t wanted = std::min(kChunkBytes, length - done);
+      TansyNet::CMemoryShare memory;
+      HostBuffer chunk;
+      const bool is_read = memory.ResizeWithin(wanted, kMemoryPatienceMs) &&
+                           lease->Read(*config, chunk, wanted, begin + done) == 0 && chunk.data && chunk.size == wanted;
+      if (!is_read) {
+        // Once the head is out, this second answer makes the HTTP library close the connection, so that the client can
+        // tell.
+        CLOUD_LOG(logging::kError, "[%s]download failed[%s][%s(%d)]", url.c_str());
+        Instance().EndRequest(handle, EError::kInternalError);
+        return;
+      }
+      if (TansyNet::CHttpServer::HttpServerSyncSendBigRsp(handle, response, wanted, chunk.data.get(), length) != 0) {
+        return;
+      }
+    }
+  };
+  const auto guarded = [send, handle = request.handle] {
+    try {
+      send();
+    } catch (const std::exception& error) {
+      CLOUD_LOG(logging::kError, "[%s]big send failed[%s].[%s(%d)]", error.what());
+      Instance().EndRequest(handle, EError::kInternalError);
+    }
+  };
+  if (!CloudStorage::details::CBigFileSendThreads::Instance().Run(guarded)) {
+    AnswerFailure(request, EError::kSlowDown);
+  }
+  return true;
+}
+
+}  // namespace Tansy::CloudStorage::S3

@@ -1,0 +1,306 @@
+// Storing and removing objects.
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/S3Server/S3Attributes.h"
+#include "StorageServer/S3Server/S3Body.h"
+#include "StorageServer/S3Server/S3Conditions.h"
+#include "StorageServer/S3Server/S3Server.h"
+#include "StorageServer/S3Server/S3XmlRequests.h"
+#include "StorageServer/S3Server/S3XmlWriter.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyNet/MemoryAccount.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+using CloudStorage::details::CBigFileStreamMgr;
+using CloudStorage::details::StreamEnd;
+
+// A decoded piece waits this long for room in memory.
+constexpr std::uint32_t kMemoryPatienceMs = 20000;
+
+// Headers that ask for something which would silently not be done.
+constexpr std::array<std::string_view, 5> kUnsupportedHeaders = {"x-amz-object-lock-", "x-amz-server-side-encryption",
+                                                                 "x-amz-tagging", "x-amz-website-redirect-location",
+                                                                 "x-amz-grant-"};
+
+Failure CheckHeaders(const LowerHeaders& headers) {
+  for (const auto& [name, value] : headers) {
+    const bool is_unsupported =
+        std::any_of(kUnsupportedHeaders.begin(), kUnsupportedHeaders.end(),
+                    [&header = name](std::string_view prefix) { return header.starts_with(prefix); });
+    if (is_unsupported) {
+      return {EError::kNotImplemented, "This server does not have what the header " + name + " asks for."};
+    }
+  }
+  const std::string& acl = ValueOf(headers, "x-amz-acl");
+  if (!acl.empty() && acl != "private" && acl != "bucket-owner-full-control") {
+    return {EError::kNotImplemented, "Every object is private; this server has no other x-amz-acl."};
+  }
+  return {};
+}
+
+// Asks the conditions of a write when it takes place.
+CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers) {
+  return [headers](const ObjectInfo* there, const std::string& attributes) {
+    if (there == nullptr) {
+      return MayWrite(headers, nullptr);
+    }
+    const FoundObject object = {*there, FromText(attributes)};
+    const std::string etag = object.ETag();
+    return MayWrite(headers, &etag);
+  };
+}
+
+std::uint32_t StreamId(std::int32_t handle) {
+  return static_cast<std::uint32_t>(handle);
+}
+
+// The record of an upload that arrives in pieces, up to the end of a block. Once it is removed, further pieces are
+// ignored.
+class CUploadEnd : private TansyBase::CNoncopyable {
+ public:
+  explicit CUploadEnd(std::int32_t handle) : handle_(handle) {}
+  ~CUploadEnd() {
+    CUploads::Instance().Remove(handle_);
+    CBigFileStreamMgr::Instance().EndStream(StreamId(handle_), StreamEnd::kAnswered);
+  }
+
+ private:
+  const std::int32_t handle_;
+};
+
+// The bytes of a request without their encoding. They are copied only when they have one.
+class CPlainBytes {
+ public:
+  Failure Take(std::string_view bytes, CBody& body) {
+    if (!body.IsChunked()) {
+      return body.Add(bytes, [this](std::string_view plain) { plain_ = plain; });
+    }
+    if (!memory_.ResizeWithin(bytes.size(), kMemoryPatienceMs)) {
+      return EError::kSlowDown;
+    }
+    decoded_.reserve(bytes.size());
+    Failure failure = body.Add(bytes, [this](std::string_view plain) { decoded_ += plain; });
+    plain_ = decoded_;
+    return failure;
+  }
+
+  std::string_view Bytes() const { return plain_; }
+
+ private:
+  TansyNet::CMemoryShare memory_;
+  std::string decoded_;
+  std::string_view plain_;
+};
+
+}  // namespace
+
+Failure CS3Server::CheckPut(const Request& request) {
+  if (!CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {
+    return EError::kNoSuchBucket;
+  }
+  if (request.key.size() > kMaxKeyBytes) {
+    return EError::kKeyTooLong;
+  }
+  Attributes attributes;
+  Failure failure = TakeHeaders(attributes, request.headers);
+  return failure ? failure : CheckHeaders(request.headers);
+}
+
+void CS3Server::PutObject(const Request& request) {
+  ObjectInfo object;
+  std::string md5;
+  Failure failure = CheckPut(request);
+  if (!failure) {
+    failure = ReceiveWhole(object, md5, request);
+  }
+  if (!failure) {
+    failure = AddObject(object, md5, request, nullptr);
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+  }
+}
+
+Failure CS3Server::ReceiveWhole(ObjectInfo& object, std::string& md5, const Request& request) {
+  CBody body;
+  CPlainBytes plain;
+  Failure failure = body.Begin(request.signature, request.headers);
+  if (!failure) {
+    failure = plain.Take(request.Body(), body);
+  }
+  if (!failure) {
+    failure = body.End();
+  }
+  if (failure) {
+    return failure;
+  }
+  object.url = CloudStorage::details::LocationText(request.bucket);
+  if (const int result = CloudStorage::details::SaveObject(request.config, object.url, plain.Bytes()); result != 0) {
+    CLOUD_LOG(logging::kError, "[%s]upload failed[%s], result = %d.[%s(%d)]", request.msg.url.c_str(), result);
+    return EError::kInternalError;
+  }
+  object.size = plain.Bytes().size();
+  md5 = body.Md5();
+  return {};
+}
+
+Failure CS3Server::StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
+                              const std::string& bucket) {
+  CPlainBytes plain;
+  const std::string_view bytes = msg.body ? std::string_view(*msg.body) : std::string_view();
+  if (Failure failure = plain.Take(bytes, upload.body)) {
+    return failure;
+  }
+  const std::string_view data = plain.Bytes();
+  if (!data.empty() && !CBigFileStreamMgr::Instance().UploadStream(StreamId(handle), data.data(),
+                                                                   static_cast<std::uint32_t>(data.size()), bucket)) {
+    return EError::kInternalError;
+  }
+  return {};
+}
+
+void CS3Server::StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& msg) {
+  const std::shared_ptr<Upload> upload = CUploads::Instance().Find(handle);
+  if (upload == nullptr) {
+    return;
+  }
+  const auto config = conf_.Load();
+  Request request(handle, msg, *config);
+  request.id = upload->request_id;
+  ObjectInfo object;
+  std::string md5;
+  Failure failure = StoreBytes(msg, handle, *upload, request.bucket);
+  if (!failure && msg.error_code != TansyNet::kLastBodyPiece) {
+    return;
+  }
+  // Until the row is there, the record says that the bytes belong to an upload.
+  auto end = std::make_shared<const CUploadEnd>(handle);
+  if (!failure) {
+    failure = ReceiveStream(object, md5, *upload, request);
+  }
+  if (!failure) {
+    failure = AddObject(object, md5, request, std::move(end));
+  }
+  end.reset();
+  if (failure) {
+    AnswerFailure(request, failure);
+  }
+}
+
+Failure CS3Server::ReceiveStream(ObjectInfo& object, std::string& md5, Upload& upload, const Request& request) {
+  if (Failure failure = upload.body.End()) {
+    return failure;
+  }
+  ObjectInfo stored;
+  if (!CBigFileStreamMgr::Instance().GetStreamInfo(stored, StreamId(request.handle)) ||
+      stored.size != upload.body.Size() || stored.url.empty()) {
+    return EError::kInternalError;
+  }
+  object.url = stored.url;
+  object.size = stored.size;
+  md5 = upload.body.Md5();
+  return {};
+}
+
+Failure CS3Server::AddObject(ObjectInfo& object, const std::string& md5, const Request& request,
+                             std::shared_ptr<const void> upload) {
+  Attributes attributes;
+  attributes.etag = md5;
+  if (Failure failure = TakeHeaders(attributes, request.headers)) {
+    return failure;
+  }
+  object.bucket_name = request.bucket;
+  object.name = NameOfKey(request.key);
+  object.update_time = TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
+  // While the database commits, this thread goes on with other requests, whose rows make up the next commit.
+  CObjectStorageManager::Instance().AddObject(
+      object, {{}, ToText(attributes)}, ConditionsOf(request.headers),
+      [to = Recipient(request), bucket = request.bucket, md5,
+       upload = std::move(upload)](CObjectStorageManager::EAdded result) mutable {
+        upload.reset();
+        AnswerPut(to, bucket, md5, result);
+      });
+  return {};
+}
+
+void CS3Server::AnswerPut(const Recipient& to, const std::string& bucket, const std::string& etag,
+                          CObjectStorageManager::EAdded result) noexcept {
+  using EAdded = CObjectStorageManager::EAdded;
+  try {
+    if (result == EAdded::kAdded) {
+      AnswerEmpty(to, 200, {{"ETag", '"' + etag + '"'}});
+    } else if (result == EAdded::kRefused) {
+      AnswerFailure(to, EError::kPreconditionFailed);
+    } else {
+      const bool has_bucket = CObjectStorageManager::Instance().IsBucketExist(bucket);
+      AnswerFailure(to, has_bucket ? EError::kInternalError : EError::kNoSuchBucket);
+    }
+  } catch (const std::exception& error) {
+    CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", error.what(), to.handle);
+    Instance().EndRequest(to.handle, EError::kInternalError);
+  }
+}
+
+void CS3Server::DeleteObject(const Request& request) {
+  FoundObject object;
+  const bool is_there = !FindObject(object, request);
+  if (is_there && !CObjectStorageManager::Instance().RemoveObject(object.info.name, request.bucket)) {
+    AnswerFailure(request, EError::kInternalError);
+    return;
+  }
+  AnswerEmpty(request, 204);
+}
+
+void CS3Server::DeleteObjects(const Request& request) {
+  CBody body;
+  CPlainBytes plain;
+  DeleteRequest list;
+  Failure failure = body.Begin(request.signature, request.headers);
+  if (!failure) {
+    failure = plain.Take(request.Body(), body);
+  }
+  if (!failure) {
+    failure = body.End();
+  }
+  if (!failure) {
+    failure = ReadDeleteRequest(list, plain.Bytes());
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  CXmlWriter xml;
+  xml.OpenAnswer("DeleteResult");
+  for (const KeyToDelete& key : list.keys) {
+    const bool has_version = !key.version.empty() && key.version != "null";
+    const bool is_gone =
+        !has_version && CObjectStorageManager::Instance().RemoveObject(NameOfKey(key.key), request.bucket);
+    if (is_gone && list.is_quiet) {
+      continue;
+    }
+    xml.Open(is_gone ? "Deleted" : "Error");
+    xml.Element("Key", key.key);
+    if (!is_gone) {
+      const Failure why = has_version ? EError::kNotImplemented : EError::kInternalError;
+      xml.Element("Code", NameOf(why.error));
+      xml.Element("Message", MessageOf(why));
+    }
+    xml.Close(is_gone ? "Deleted" : "Error");
+  }
+  xml.Close("DeleteResult");
+  AnswerXml(request, xml.Take());
+}
+
+}  // namespace Tansy::CloudStorage::S3

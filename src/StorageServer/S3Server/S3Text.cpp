@@ -1,0 +1,190 @@
+#include "StorageServer/S3Server/S3Text.h"
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+constexpr std::string_view kCapitalDigits = "0123456789ABCDEF";
+constexpr std::string_view kSmallDigits = "0123456789abcdef";
+
+bool IsUnreserved(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
+}
+
+// Returns -1 for what is no hexadecimal digit.
+int DigitOf(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+void AppendEncoded(std::string& text, char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  text += '%';
+  text += kCapitalDigits[byte >> 4];
+  text += kCapitalDigits[byte & 15];
+}
+
+std::string Encode(std::string_view text, bool keeps_slashes) {
+  std::string encoded;
+  encoded.reserve(text.size() + 16);
+  for (const char c : text) {
+    if (IsUnreserved(c) || (keeps_slashes && c == '/')) {
+      encoded += c;
+    } else {
+      AppendEncoded(encoded, c);
+    }
+  }
+  return encoded;
+}
+
+std::string DecodeQueryText(std::string_view text) {
+  std::string blanks(text);
+  std::replace(blanks.begin(), blanks.end(), '+', ' ');
+  return PercentDecode(blanks);
+}
+
+}  // namespace
+
+std::string PercentEncode(std::string_view text) {
+  return Encode(text, false);
+}
+
+std::string PercentEncodePath(std::string_view path) {
+  return Encode(path, true);
+}
+
+std::string PercentDecode(std::string_view text) {
+  std::string decoded;
+  decoded.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool has_digits = text[i] == '%' && text.size() - i > 2;
+    const int high = has_digits ? DigitOf(text[i + 1]) : -1;
+    const int low = has_digits ? DigitOf(text[i + 2]) : -1;
+    if (high < 0 || low < 0) {
+      decoded += text[i];
+      continue;
+    }
+    decoded += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  return decoded;
+}
+
+std::string NameOfKey(std::string_view key) {
+  return PercentEncode(key);
+}
+
+std::string KeyOfName(std::string_view name) {
+  return PercentDecode(name);
+}
+
+bool IsNameOfKey(std::string_view name) {
+  return NameOfKey(KeyOfName(name)) == name;
+}
+
+std::string ToHex(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += kSmallDigits[byte >> 4];
+    text += kSmallDigits[byte & 15];
+  }
+  return text;
+}
+
+bool IsHex(std::string_view text, std::size_t digits) {
+  return text.size() == digits && std::all_of(text.begin(), text.end(), [](char c) { return DigitOf(c) >= 0; });
+}
+
+std::string_view Trim(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t";
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) {
+    return {};
+  }
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+bool EqualInConstantTime(std::string_view left, std::string_view right) {
+  return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
+}
+
+std::string ToLower(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) {
+    if (c >= 'A' && c <= 'Z') {
+      c = static_cast<char>(c - 'A' + 'a');
+    }
+  }
+  return lower;
+}
+
+bool ParseDecimal(std::string_view text, std::uint64_t& value) {
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, value);
+  return !text.empty() && error == std::errc() && rest == end;
+}
+
+Query ParseQuery(std::string_view query) {
+  Query parameters;
+  while (!query.empty()) {
+    const std::string_view piece = query.substr(0, query.find('&'));
+    query.remove_prefix(std::min(piece.size() + 1, query.size()));
+    if (piece.empty()) {
+      continue;
+    }
+    const std::size_t equals = piece.find('=');
+    QueryParameter parameter;
+    parameter.name = DecodeQueryText(piece.substr(0, equals));
+    if (equals != std::string_view::npos) {
+      parameter.value = DecodeQueryText(piece.substr(equals + 1));
+    }
+    parameters.push_back(std::move(parameter));
+  }
+  return parameters;
+}
+
+const std::string* FindParameter(const Query& query, std::string_view name) {
+  const auto found = std::find_if(query.begin(), query.end(),
+                                  [name](const QueryParameter& parameter) { return parameter.name == name; });
+  return found != query.end() ? &found->value : nullptr;
+}
+
+std::string ParameterOrEmpty(const Query& query, std::string_view name) {
+  const std::string* const value = FindParameter(query, name);
+  return value != nullptr ? *value : std::string();
+}
+
+LowerHeaders LowerNames(const TansyNet::Headers& headers) {
+  LowerHeaders lower;
+  for (const auto& [name, value] : headers) {
+    const auto [entry, is_new] = lower.try_emplace(ToLower(name), value);
+    if (!is_new) {
+      entry->second += "," + value;
+    }
+  }
+  return lower;
+}
+
+const std::string& ValueOf(const LowerHeaders& headers, std::string_view lower_name) {
+  static const std::string& none = *new std::string();
+  const auto found = headers.find(lower_name);
+  return found != headers.end() ? found->second : none;
+}
+
+}  // namespace Tansy::CloudStorage::S3

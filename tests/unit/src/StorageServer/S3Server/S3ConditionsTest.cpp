@@ -1,0 +1,77 @@
+#include "StorageServer/S3Server/S3Conditions.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace Tansy::CloudStorage::S3 {
+namespace {
+
+std::string Text(std::string_view header, std::uint64_t size) {
+  const AskedRange range = ReadRange(header, size);
+  if (range.kind == ERange::kPart) {
+    return std::to_string(range.begin) + "+" + std::to_string(range.length);
+  }
+  return range.kind == ERange::kWhole ? "whole" : "none";
+}
+
+TEST(S3Range, ReadsEachForm) {
+  EXPECT_EQ(Text("bytes=0-0", 10), "0+1");
+  EXPECT_EQ(Text("bytes=2-5", 10), "2+4");
+  EXPECT_EQ(Text("bytes=2-", 10), "2+8");
+  EXPECT_EQ(Text("bytes=-3", 10), "7+3");
+  EXPECT_EQ(Text("bytes=5-100", 10), "5+5");
+  EXPECT_EQ(Text("bytes=-100", 10), "0+10");
+  EXPECT_EQ(Text("Bytes=4294967290-", 4294967295U), "4294967290+5");
+}
+
+TEST(S3Range, TellsRangesOutsideOfTheObject) {
+  EXPECT_EQ(Text("bytes=10-", 10), "none");
+  EXPECT_EQ(Text("bytes=10-12", 10), "none");
+  EXPECT_EQ(Text("bytes=-0", 10), "none");
+  EXPECT_EQ(Text("bytes=0-", 0), "none");
+  EXPECT_EQ(Text("bytes=-1", 0), "none");
+}
+
+TEST(S3Range, SendsAllForWhatIsNoSingleRange) {
+  for (const char* const header : {"", "bytes", "bytes=", "bytes=-", "bytes=a-b", "bytes=5-4", "bytes=0-1,3-4",
+                                   "items=0-1", "bytes=1-x", "bytes=--1"}) {
+    EXPECT_EQ(Text(header, 10), "whole") << header;
+  }
+}
+
+constexpr std::time_t kModified = 1369353600;  // Fri, 24 May 2013 00:00:00 GMT
+constexpr const char* kBefore = "Thu, 23 May 2013 00:00:00 GMT";
+constexpr const char* kThen = "Fri, 24 May 2013 00:00:00 GMT";
+
+ECondition Check(const LowerHeaders& headers) {
+  return CheckConditions(headers, "abc", kModified);
+}
+
+TEST(S3Conditions, ComparesEntityTags) {
+  EXPECT_EQ(Check({}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-match", "\"abc\""}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-match", "abc"}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-match", "*"}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-match", "\"x\", \"abc\""}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-match", "\"x\""}}), ECondition::kFailed);
+  EXPECT_EQ(Check({{"if-none-match", "W/\"abc\""}}), ECondition::kNotModified);
+  EXPECT_EQ(Check({{"if-none-match", "*"}}), ECondition::kNotModified);
+  EXPECT_EQ(Check({{"if-none-match", "\"x\""}}), ECondition::kMet);
+}
+
+TEST(S3Conditions, ComparesTimes) {
+  EXPECT_EQ(Check({{"if-modified-since", kThen}}), ECondition::kNotModified);
+  EXPECT_EQ(Check({{"if-modified-since", kBefore}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-modified-since", "nonsense"}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-unmodified-since", kThen}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-unmodified-since", kBefore}}), ECondition::kFailed);
+}
+
+TEST(S3Conditions, LetsTagsGoBeforeTimes) {
+  EXPECT_EQ(Check({{"if-match", "\"abc\""}, {"if-unmodified-since", kBefore}}), ECondition::kMet);
+  EXPECT_EQ(Check({{"if-none-match", "\"x\""}, {"if-modified-since", kThen}}), ECondition::kMet);
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage::S3

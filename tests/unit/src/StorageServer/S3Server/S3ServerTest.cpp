@@ -1,0 +1,447 @@
+// The S3 server over the catalogue in memory, a storage in memory and the fake HTTP library.
+#include "StorageServer/S3Server/S3Server.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../ObjectServer/ObjectServerFixture.h"
+#include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/ObjectServerSession.h"
+#include "StorageServer/S3Server/S3Digest.h"
+#include "StorageServer/S3Server/S3Uploads.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/ObjectServer.h"
+
+namespace Tansy::CloudStorage::S3 {
+namespace {
+
+using Tests::CObjectServerTest;
+using Tests::FakeAnswer;
+
+constexpr std::time_t kNow = 1793692800;  // 2026-11-03 08:00:00
+constexpr const char* kTimestamp = "20261103T080000Z";
+constexpr const char* kDay = "20261103";
+constexpr std::size_t kMebibyte = 1024 * 1024;
+
+struct S3Call {
+  std::string method = {};
+  std::string path = {};
+  std::string query = {};
+  std::string body = {};
+  TansyNet::Headers headers = {};
+  std::string payload = "UNSIGNED-PAYLOAD";
+};
+
+class S3ServerTest : public CObjectServerTest {
+ protected:
+  S3ServerTest() {
+    TansyBase::TimeUtil::SetClock([] { return kNow; });
+    EXPECT_EQ(CS3Server::Instance().Init(S3Config()), 0);
+    bucket_ = NewBucket();
+  }
+  ~S3ServerTest() override {
+    EXPECT_EQ(SetS3ServerEnable(false), 0);
+    TansyBase::TimeUtil::SetClock(nullptr);
+  }
+
+  static S3ServerConfig S3Config() {
+    S3ServerConfig config;
+    static_cast<StorageServerConfig_V1&>(config) = Config();
+    config.upload_port = config.download_port = 9702;
+    config.https_port = config.https_download_port = 9745;
+    return config;
+  }
+
+  // Signs as a client does.
+  static TansyNet::HttpServerRecv SignedCall(const S3Call& call, struct Signed* signature = nullptr) {
+    TansyNet::HttpServerRecv msg = Message({call.method, call.path, call.query, call.body, call.headers});
+    msg.headers["Host"] = "127.0.0.1:9702";
+    msg.headers["x-amz-date"] = kTimestamp;
+    msg.headers["x-amz-content-sha256"] = call.payload;
+    msg.headers["Content-Length"] = std::to_string(call.body.size());
+    const LowerHeaders headers = LowerNames(msg.headers);
+    std::vector<std::string> names;
+    std::string list;
+    for (const auto& [name, value] : headers) {
+      if (name == "host" || name.starts_with("x-amz-")) {
+        names.push_back(name);
+        list += (list.empty() ? "" : ";") + name;
+      }
+    }
+    const std::string scope = std::string(kDay) + "/us-east-1/s3/aws4_request";
+    const Query query = ParseQuery(msg.query);
+    const std::string key = SigningKey("secret-key", kDay, "us-east-1");
+    const std::string canonical = CanonicalRequest({msg.method, msg.url, query, headers}, names, call.payload);
+    const std::string text = Sign(key, StringToSign(kTimestamp, scope, canonical));
+    msg.headers["Authorization"] =
+        "AWS4-HMAC-SHA256 Credential=access-key/" + scope + ", SignedHeaders=" + list + ", Signature=" + text;
+    if (signature != nullptr) {
+      *signature = {EBodyForm::kSignedChunks, "", kTimestamp, scope, key, text};
+    }
+    return msg;
+  }
+
+  FakeAnswer Do(TansyNet::HttpServerRecv msg) {
+    return http_.WaitForAnswer(http_.Deliver(&CS3Server::RecvMsgCallBack, std::move(msg)));
+  }
+  FakeAnswer Do(const S3Call& call) { return Do(SignedCall(call)); }
+  FakeAnswer PutKey(const std::string& key, const std::string& body, const TansyNet::Headers& headers = {}) {
+    return Do({.method = "PUT", .path = PathOf(key), .body = body, .headers = headers});
+  }
+  FakeAnswer GetKey(const std::string& key, const TansyNet::Headers& headers = {}, const std::string& query = {}) {
+    return Do({.method = "GET", .path = PathOf(key), .query = query, .headers = headers});
+  }
+  FakeAnswer List(const std::string& query) { return Do({.method = "GET", .path = "/" + bucket_, .query = query}); }
+  std::string PathOf(const std::string& key) const { return "/" + bucket_ + "/" + PercentEncodePath(key); }
+
+  // Streams a body of unknown length in pieces of 4 MiB.
+  FakeAnswer Stream(TansyNet::HttpServerRecv msg, const std::string& body) {
+    msg.body.reset();
+    msg.body_size = 0;
+    msg.content_length = 0;
+    msg.headers.erase("Content-Length");
+    const std::int32_t handle = http_.NewHandle();
+    http_.Stream(handle, &CS3Server::RecvMsgCallBack, std::move(msg), body,
+                 std::vector<std::size_t>(body.size() / (4 * kMebibyte), 4 * kMebibyte));
+    return http_.WaitForAnswer(handle);
+  }
+
+  std::string bucket_;
+};
+
+std::string Md5(std::string_view text) {
+  return '"' + ToHex(DigestOf(EDigest::kMd5, text)) + '"';
+}
+
+// "404 NoSuchKey", or the status alone for success.
+std::string Outcome(const FakeAnswer& answer) {
+  const std::string status = std::to_string(answer.response.status);
+  const std::size_t begin = answer.body.find("<Code>");
+  if (begin == std::string::npos) {
+    return status;
+  }
+  return status + " " + answer.body.substr(begin + 6, answer.body.find("</Code>") - begin - 6);
+}
+
+std::vector<std::string> Values(const std::string& xml, const std::string& element) {
+  std::vector<std::string> values;
+  const std::string open = "<" + element + ">";
+  for (std::size_t at = xml.find(open); at != std::string::npos; at = xml.find(open, at)) {
+    at += open.size();
+    values.push_back(xml.substr(at, xml.find("</" + element + ">", at) - at));
+  }
+  return values;
+}
+
+// A body of signed chunks of at most 64 KiB.
+std::string SignedChunks(const Signed& request, const std::string& body, std::size_t broken_chunk = SIZE_MAX) {
+  constexpr std::size_t kChunk = 65536;
+  std::string text;
+  std::string before = request.signature;
+  std::size_t number = 0;
+  for (std::size_t at = 0;; at += kChunk) {
+    const std::string chunk = at < body.size() ? body.substr(at, kChunk) : std::string();
+    before = Sign(request.signing_key, ChunkToSign(request, before, ToHex(DigestOf(EDigest::kSha256, chunk))));
+    char length[20];
+    std::snprintf(length, sizeof length, "%zx", chunk.size());
+    const std::string shown = number++ == broken_chunk ? std::string(64, '0') : before;
+    text += std::string(length) + ";chunk-signature=" + shown + "\r\n" + chunk + "\r\n";
+    if (chunk.empty()) {
+      return text;
+    }
+  }
+}
+
+TEST_F(S3ServerTest, OpensListenersThatTakeBodiesOfUnknownLength) {
+  ASSERT_EQ(SetS3ServerEnable(false), 0);
+  ASSERT_EQ(SetS3ServerEnable(true), 0);
+  EXPECT_EQ(SetS3ServerEnable(true), 0);
+  std::vector<std::string> opened;
+  for (const Tests::FakeListener& listener : http_.Listeners()) {
+    if (!listener.open || listener.callback != &CS3Server::RecvMsgCallBack) {
+      continue;
+    }
+    opened.push_back((listener.https ? "https " : "http ") + listener.address + " " + std::to_string(listener.port));
+    EXPECT_EQ(listener.unknown_length, TansyNet::EUnknownLength::kInPieces);
+  }
+  EXPECT_EQ(opened,
+            (std::vector<std::string>{"http 0.0.0.0 9702", "http :: 9702", "https 0.0.0.0 9745", "https :: 9745"}));
+}
+
+TEST_F(S3ServerTest, GivesBackWhatWasPut) {
+  const FakeAnswer put = PutKey("photos/2026/a b.jpg", "hello",
+                                {{"Content-Type", "image/jpeg"}, {"x-amz-meta-a", "1"}, {"Cache-Control", "no-store"}});
+  EXPECT_EQ(put.response.status, 200);
+  EXPECT_EQ(put.response.headers.at("ETag"), Md5("hello"));
+  EXPECT_EQ(put.response.headers.at("x-amz-request-id").size(), 16U);
+  const FakeAnswer got = GetKey("photos/2026/a b.jpg");
+  EXPECT_EQ(got.body, "hello");
+  EXPECT_EQ(got.response.headers.at("ETag"), Md5("hello"));
+  EXPECT_EQ(got.response.headers.at("Content-Type"), "image/jpeg");
+  EXPECT_EQ(got.response.headers.at("Cache-Control"), "no-store");
+  EXPECT_EQ(got.response.headers.at("x-amz-meta-a"), "1");
+  EXPECT_EQ(got.response.headers.at("Last-Modified"), "Tue, 03 Nov 2026 08:00:00 GMT");
+}
+
+TEST_F(S3ServerTest, SharesItsObjectsWithTheObjectProtocol) {
+  PutKey("a/b c", "by S3");
+  EXPECT_EQ(Get("/" + bucket_ + "/a%2Fb%20c").body, "by S3");
+  ASSERT_EQ(Put("/" + bucket_ + "/x(1)", "by us").response.status, 200);
+  const FakeAnswer got = GetKey("x(1)");
+  EXPECT_EQ(got.body, "by us");
+  EXPECT_TRUE(got.response.headers.at("ETag").ends_with("-1\""));
+  EXPECT_EQ(Values(List("list-type=2").body, "Key"), (std::vector<std::string>{"a/b c", "x(1)"}));
+}
+
+TEST_F(S3ServerTest, ForgetsTheAttributesOfBytesThatAnotherProtocolReplaced) {
+  PutKey("k", "first", {{"Content-Type", "image/jpeg"}});
+  ASSERT_EQ(Put("/" + bucket_ + "/k", "second").response.status, 200);
+  const FakeAnswer got = GetKey("k");
+  EXPECT_EQ(got.body, "second");
+  EXPECT_EQ(got.response.headers.at("Content-Type"), "binary/octet-stream");
+  EXPECT_NE(got.response.headers.at("ETag"), Md5("first"));
+  std::vector<std::string> with_attributes;
+  CObjectServerSession::QueryAttributes(
+      [&](const ObjectInfo& object, std::string_view) { with_attributes.push_back(object.bucket_name); });
+  EXPECT_EQ(std::count(with_attributes.begin(), with_attributes.end(), bucket_), 0);
+}
+
+TEST_F(S3ServerTest, StoresAnEmptyObject) {
+  EXPECT_EQ(Outcome(PutKey("empty", "")), "200");
+  const FakeAnswer got = GetKey("empty");
+  EXPECT_EQ(Outcome(got), "200");
+  EXPECT_EQ(got.body, "");
+}
+
+TEST_F(S3ServerTest, AnswersAHeadWithTheLengthOfTheObject) {
+  PutKey("k", "hello");
+  const FakeAnswer head = Do({.method = "HEAD", .path = PathOf("k")});
+  EXPECT_EQ(head.response.status, 200);
+  EXPECT_EQ(head.total_size, 5U);
+  EXPECT_EQ(head.body, "");
+  EXPECT_EQ(Do({.method = "HEAD", .path = PathOf("none")}).response.status, 404);
+}
+
+TEST_F(S3ServerTest, SendsRanges) {
+  PutKey("k", "0123456789");
+  const FakeAnswer part = GetKey("k", {{"Range", "bytes=2-4"}});
+  EXPECT_EQ(part.response.status, 206);
+  EXPECT_EQ(part.body, "234");
+  EXPECT_EQ(part.response.headers.at("Content-Range"), "bytes 2-4/10");
+  EXPECT_EQ(GetKey("k", {{"Range", "bytes=-3"}}).body, "789");
+  EXPECT_EQ(Outcome(GetKey("k", {{"Range", "bytes=10-"}})), "416 InvalidRange");
+  EXPECT_EQ(GetKey("k", {{"Range", "bytes=0-1"}, {"If-Range", "\"other\""}}).body, "0123456789");
+}
+
+TEST_F(S3ServerTest, ChecksConditions) {
+  PutKey("k", "hello");
+  EXPECT_EQ(GetKey("k", {{"If-None-Match", Md5("hello")}}).response.status, 304);
+  EXPECT_EQ(Outcome(GetKey("k", {{"If-Match", "\"other\""}})), "412 PreconditionFailed");
+  EXPECT_EQ(Outcome(PutKey("k", "again", {{"If-None-Match", "*"}})), "412 PreconditionFailed");
+  EXPECT_EQ(Outcome(PutKey("new", "again", {{"If-None-Match", "*"}})), "200");
+  EXPECT_EQ(GetKey("k").body, "hello");
+}
+
+TEST_F(S3ServerTest, LetsAQueryReplaceHeadersOfTheAnswer) {
+  PutKey("k", "hello", {{"Content-Type", "image/jpeg"}});
+  const FakeAnswer got = GetKey("k", {}, "response-content-type=a%2Fb&response-content-disposition=attachment");
+  EXPECT_EQ(got.response.headers.at("Content-Type"), "a/b");
+  EXPECT_EQ(got.response.headers.at("Content-Disposition"), "attachment");
+}
+
+TEST_F(S3ServerTest, SendsALongObjectInChunks) {
+  const std::string bytes = Pattern(11 * kMebibyte);
+  NewObject(bucket_, "long", bytes);
+  const FakeAnswer got = GetKey("long");
+  EXPECT_TRUE(got.IsWhole());
+  EXPECT_TRUE(got.body == bytes);
+  EXPECT_EQ(got.chunks.size(), 2U);
+}
+
+TEST_F(S3ServerTest, StoresNothingWhenTheBodyIsWrong) {
+  EXPECT_EQ(Outcome(Do({.method = "PUT",
+                        .path = PathOf("k"),
+                        .body = "hello",
+                        .payload = ToHex(DigestOf(EDigest::kSha256, "other"))})),
+            "400 XAmzContentSHA256Mismatch");
+  EXPECT_EQ(Outcome(PutKey("k", "hello", {{"Content-MD5", "AAAAAAAAAAAAAAAAAAAAAA=="}})), "400 BadDigest");
+  EXPECT_EQ(Outcome(PutKey("k", "hello", {{"x-amz-checksum-crc32", "AAAAAA=="}})), "400 BadDigest");
+  EXPECT_TRUE(storage_.Calls("save").empty());
+  EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, TakesAStreamOfSignedChunks) {
+  const std::string bytes = Pattern(9 * kMebibyte + 5);
+  struct Signed signature;
+  const TansyNet::HttpServerRecv msg =
+      SignedCall({.method = "PUT",
+                  .path = PathOf("stream"),
+                  .headers = {{"x-amz-decoded-content-length", std::to_string(bytes.size())}},
+                  .payload = "STREAMING-AWS4-HMAC-SHA256-PAYLOAD"},
+                 &signature);
+  const FakeAnswer put = Stream(msg, SignedChunks(signature, bytes));
+  EXPECT_EQ(Outcome(put), "200") << put.body;
+  EXPECT_EQ(put.response.headers.at("ETag"), Md5(bytes));
+  EXPECT_TRUE(GetKey("stream").body == bytes);
+  EXPECT_EQ(CUploads::Instance().Size(), 0U);
+}
+
+TEST_F(S3ServerTest, StoresNoObjectWhenAChunkInTheMiddleIsNotSigned) {
+  const std::string bytes = Pattern(9 * kMebibyte);
+  struct Signed signature;
+  const TansyNet::HttpServerRecv msg =
+      SignedCall({.method = "PUT",
+                  .path = PathOf("stream"),
+                  .headers = {{"x-amz-decoded-content-length", std::to_string(bytes.size())}},
+                  .payload = "STREAMING-AWS4-HMAC-SHA256-PAYLOAD"},
+                 &signature);
+  EXPECT_EQ(Outcome(Stream(msg, SignedChunks(signature, bytes, 80))), "403 SignatureDoesNotMatch");
+  EXPECT_EQ(Outcome(GetKey("stream")), "404 NoSuchKey");
+  EXPECT_EQ(CUploads::Instance().Size(), 0U);
+  std::vector<std::string> under_way;
+  EXPECT_TRUE(GetUploadsUnderWay(under_way));
+  EXPECT_TRUE(under_way.empty());
+}
+
+TEST_F(S3ServerTest, RefusesAStreamAtItsFirstPiece) {
+  const std::string bytes = Pattern(9 * kMebibyte);
+  TansyNet::HttpServerRecv unsigned_one = Message({"PUT", PathOf("stream"), {}, {}, {}});
+  EXPECT_EQ(Outcome(Stream(unsigned_one, bytes)), "403 AccessDenied");
+  EXPECT_EQ(Outcome(Stream(SignedCall({.method = "PUT", .path = "/no-such-bucket/k"}), bytes)), "404 NoSuchBucket");
+  EXPECT_TRUE(storage_.Calls("stream").empty());
+}
+
+TEST_F(S3ServerTest, AnswersAStreamThatTheStorageRefuses) {
+  storage_.SetResult("stream", 1);
+  EXPECT_EQ(Outcome(Stream(SignedCall({.method = "PUT", .path = PathOf("stream")}), Pattern(9 * kMebibyte))),
+            "500 InternalError");
+  EXPECT_EQ(Outcome(GetKey("stream")), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, AnswersWhatTheDatabaseRefuses) {
+  Database().FailStatementsWith("INSERT INTO platform.local_object_attributes");
+  EXPECT_EQ(Outcome(PutKey("k", "hello")), "500 InternalError");
+  Database().Heal();
+  EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey") << "the object's row went with the attributes'";
+}
+
+TEST_F(S3ServerTest, ShowsAttributesAgainAfterALoad) {
+  PutKey("k", "hello", {{"Content-Type", "image/jpeg"}});
+  // Another object of this name and without attributes, as a start without this server leaves it in memory.
+  ObjectInfo object;
+  ASSERT_TRUE(catalogue_.GetObjectByName(object, "k", bucket_));
+  EXPECT_TRUE(catalogue_.LoadAttributes());
+  EXPECT_EQ(GetKey("k").response.headers.at("Content-Type"), "image/jpeg");
+}
+
+TEST_F(S3ServerTest, RemovesObjects) {
+  PutKey("a", "1");
+  PutKey("b/c", "2");
+  PutKey("d", "3");
+  EXPECT_EQ(Do({.method = "DELETE", .path = PathOf("a")}).response.status, 204);
+  EXPECT_EQ(Do({.method = "DELETE", .path = PathOf("a")}).response.status, 204) << "it was not there";
+  EXPECT_EQ(Outcome(GetKey("a")), "404 NoSuchKey");
+  const FakeAnswer answer =
+      Do({.method = "POST",
+          .path = "/" + bucket_,
+          .query = "delete",
+          .body = "<Delete><Object><Key>b/c</Key></Object><Object><Key>none</Key></Object></Delete>"});
+  EXPECT_EQ(Values(answer.body, "Key"), (std::vector<std::string>{"b/c", "none"}));
+  EXPECT_EQ(Values(List("").body, "Key"), std::vector<std::string>{"d"});
+  EXPECT_EQ(Outcome(Do({.method = "POST", .path = "/" + bucket_, .query = "delete", .body = "no xml"})),
+            "400 MalformedXML");
+}
+
+TEST_F(S3ServerTest, ListsObjects) {
+  for (const char* const key : {"a", "b/1", "b/2", "c d"}) {
+    PutKey(key, "x");
+  }
+  const FakeAnswer grouped = List("list-type=2&delimiter=%2F");
+  EXPECT_EQ(Values(grouped.body, "Key"), (std::vector<std::string>{"a", "c d"}));
+  EXPECT_EQ(Values(grouped.body, "Prefix"), (std::vector<std::string>{"", "b/"}));
+  EXPECT_EQ(Values(grouped.body, "KeyCount"), std::vector<std::string>{"3"});
+  EXPECT_EQ(Values(grouped.body, "LastModified").front(), "2026-11-03T08:00:00.000Z");
+  EXPECT_EQ(Values(List("list-type=2&encoding-type=url&prefix=c").body, "Key"), std::vector<std::string>{"c%20d"});
+  const FakeAnswer first = List("list-type=2&max-keys=2");
+  EXPECT_EQ(Values(first.body, "IsTruncated"), std::vector<std::string>{"true"});
+  const std::string token = Values(first.body, "NextContinuationToken").at(0);
+  const FakeAnswer second = List("list-type=2&max-keys=2&continuation-token=" + PercentEncode(token));
+  EXPECT_EQ(Values(second.body, "Key"), (std::vector<std::string>{"b/2", "c d"}));
+  EXPECT_EQ(Values(second.body, "IsTruncated"), std::vector<std::string>{"false"});
+  EXPECT_EQ(Values(List("marker=b%2F1").body, "Key"), (std::vector<std::string>{"b/2", "c d"}));
+}
+
+TEST_F(S3ServerTest, RefusesListingsThatMakeNoSense) {
+  for (const char* const query : {"max-keys=-1", "max-keys=x", "list-type=2&max-keys=-1", "encoding-type=x",
+                                  "list-type=2&continuation-token=nonsense", "list-type=3"}) {
+    EXPECT_EQ(Outcome(List(query)), "400 InvalidArgument") << query;
+  }
+  EXPECT_EQ(Values(List("max-keys=0").body, "IsTruncated"), std::vector<std::string>{"false"});
+  EXPECT_EQ(Values(List("max-keys=1000000000").body, "MaxKeys"), std::vector<std::string>{"1000"});
+}
+
+TEST_F(S3ServerTest, MakesListsAndRemovesBuckets) {
+  const std::string name = "new-" + bucket_;
+  EXPECT_EQ(Do({.method = "HEAD", .path = "/" + name}).response.status, 404);
+  EXPECT_EQ(Outcome(Do({.method = "PUT", .path = "/" + name})), "200");
+  EXPECT_EQ(Outcome(Do({.method = "PUT", .path = "/" + name})), "200") << "one's own";
+  EXPECT_EQ(Do({.method = "HEAD", .path = "/" + name}).response.status, 200);
+  const std::vector<std::string> names = Values(Do({.method = "GET", .path = "/"}).body, "Name");
+  EXPECT_EQ(std::count(names.begin(), names.end(), name), 1);
+  EXPECT_NE(Do({.method = "GET", .path = "/" + name, .query = "location"}).body.find("<LocationConstraint"),
+            std::string::npos);
+  Do({.method = "PUT", .path = "/" + name + "/k", .body = "x"});
+  EXPECT_EQ(Outcome(Do({.method = "DELETE", .path = "/" + name})), "409 BucketNotEmpty");
+  Do({.method = "DELETE", .path = "/" + name + "/k"});
+  EXPECT_EQ(Do({.method = "DELETE", .path = "/" + name}).response.status, 204);
+  EXPECT_EQ(Outcome(Do({.method = "DELETE", .path = "/" + name})), "404 NoSuchBucket");
+  for (const char* const bad : {"ab", "Upper", "a..b", "-abc", "a_b"}) {
+    EXPECT_EQ(Outcome(Do({.method = "PUT", .path = std::string("/") + bad})), "400 InvalidBucketName") << bad;
+  }
+}
+
+TEST_F(S3ServerTest, SaysWhatItDoesNotHave) {
+  PutKey("k", "x");
+  const S3Call calls[] = {
+      {.method = "GET", .path = "/" + bucket_, .query = "policy"},
+      {.method = "GET", .path = PathOf("k"), .query = "tagging"},
+      {.method = "POST", .path = PathOf("k"), .query = "uploads"},
+      {.method = "PUT", .path = PathOf("k"), .query = "partNumber=1&uploadId=x", .body = "part"},
+      {.method = "PUT", .path = PathOf("copy"), .headers = {{"x-amz-copy-source", "/" + bucket_ + "/k"}}},
+      {.method = "PUT", .path = PathOf("k"), .body = "y", .headers = {{"x-amz-server-side-encryption", "AES256"}}},
+      {.method = "PUT", .path = PathOf("k"), .body = "y", .headers = {{"x-amz-acl", "public-read"}}},
+      {.method = "PATCH", .path = PathOf("k")},
+  };
+  for (const S3Call& call : calls) {
+    const FakeAnswer answer = Do(call);
+    EXPECT_EQ(Outcome(answer), "501 NotImplemented") << call.method << " " << call.path << "?" << call.query;
+    EXPECT_FALSE(Values(answer.body, "Message").at(0).empty());
+  }
+  EXPECT_EQ(GetKey("k").body, "x");
+  EXPECT_EQ(Outcome(GetKey("copy")), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, RefusesWhatIsNotSigned) {
+  EXPECT_EQ(Outcome(Do(Message({"GET", "/", {}, {}, {}}))), "403 AccessDenied");
+  TansyNet::HttpServerRecv msg = SignedCall({.method = "GET", .path = PathOf("k")});
+  msg.url += "x";
+  const FakeAnswer answer = Do(std::move(msg));
+  EXPECT_EQ(Outcome(answer), "403 SignatureDoesNotMatch");
+  EXPECT_EQ(Values(answer.body, "RequestId").at(0), answer.response.headers.at("x-amz-request-id"));
+}
+
+TEST_F(S3ServerTest, RefusesKeysThatAreTooLong) {
+  EXPECT_EQ(Outcome(PutKey(std::string(1024, '/'), "x")), "200");
+  EXPECT_EQ(GetKey(std::string(1024, '/')).body, "x");
+  EXPECT_EQ(Outcome(PutKey(std::string(1025, 'k'), "x")), "400 KeyTooLongError");
+}
+
+}  // namespace
+}  // namespace Tansy::CloudStorage::S3
