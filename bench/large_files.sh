@@ -39,7 +39,7 @@ fail() {
 
 start() {
   "$tansyd" --data "$work/data" --object-port "$http_port" --object-https-port "$https_port" \
-    --picture-port $((http_port + 2)) --picture-https-port 0 --log-level 5 --log-file "$work/tansyd.log" >"$work/ready" &
+    --picture-port $((http_port + 2)) --picture-https-port 0 --s3-port 0 --s3-https-port 0 --log-level 5 --log-file "$work/tansyd.log" >"$work/ready" &
   pid=$!
   for _ in $(seq 300); do
     grep -q '^tansyd ready' "$work/ready" && return

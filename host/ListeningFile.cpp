@@ -36,7 +36,8 @@ void WriteListeningFile(const HostOptions& options) {
       details::Line("object-port", options.object_port) +
       details::Line("object-https-port", options.object_https_port) +
       details::Line("picture-port", options.picture_port) +
-      details::Line("picture-https-port", options.picture_https_port);
+      details::Line("picture-https-port", options.picture_https_port) + details::Line("s3-port", options.s3_port) +
+      details::Line("s3-https-port", options.s3_https_port);
   if (const int error = HostSystem::ReplaceFile(details::kListeningFile, content); error != 0) {
     details::LogFailure("written", error);
   }

@@ -106,6 +106,18 @@ std::string ApplyDurability(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyRegion(HostOptions& options, const std::string& text) {
+  constexpr std::size_t kLongest = 63;
+  const bool is_name = !text.empty() && text.size() <= kLongest && std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
+  });
+  if (!is_name) {
+    return "give at most 63 small letters, digits and dashes";
+  }
+  options.s3_region = text;
+  return "";
+}
+
 template <auto Member>
 std::string ApplyNumber(HostOptions& options, const std::string& text, unsigned long lowest, unsigned long highest,
                         const char* advice) {
@@ -174,6 +186,10 @@ const std::vector<OptionRow>& OptionTable() {
       {"picture-port", "N", "HTTP port of the picture protocol [9701]", ApplyPort<&HostOptions::picture_port, 1>},
       {"picture-https-port", "N", "HTTPS port of the picture protocol, 0 for none [9744]",
        ApplyPort<&HostOptions::picture_https_port, 0>},
+      {"s3-port", "N", "HTTP port of the S3 protocol, 0 for none [9702]", ApplyPort<&HostOptions::s3_port, 0>},
+      {"s3-https-port", "N", "HTTPS port of the S3 protocol, 0 for none [9745]",
+       ApplyPort<&HostOptions::s3_https_port, 0>},
+      {"s3-region", "NAME", "region that clients of the S3 protocol sign for [us-east-1]", details::ApplyRegion},
       {"listen", "IP", "address to listen on, several times if need be [all of this machine]", details::ApplyListen,
        true},
       {"local-ip", "IP", "address that best-node answers name [that of this machine, else 127.0.0.1]",
@@ -232,10 +248,10 @@ void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::str
 }
 
 void CheckPorts(const HostOptions& options) {
-  const std::pair<const char*, std::uint16_t> ports[] = {{"object-port", options.object_port},
-                                                         {"object-https-port", options.object_https_port},
-                                                         {"picture-port", options.picture_port},
-                                                         {"picture-https-port", options.picture_https_port}};
+  const std::pair<const char*, std::uint16_t> ports[] = {
+      {"object-port", options.object_port},   {"object-https-port", options.object_https_port},
+      {"picture-port", options.picture_port}, {"picture-https-port", options.picture_https_port},
+      {"s3-port", options.s3_port},           {"s3-https-port", options.s3_https_port}};
   for (const auto& [name, port] : ports) {
     for (const auto& [other_name, other_port] : ports) {
       if (name != other_name && port != 0 && port == other_port) {

@@ -18,9 +18,12 @@ struct HostOptions {
   std::uint16_t object_https_port = 9743;  // 0 means no HTTPS
   std::uint16_t picture_port = 9701;
   std::uint16_t picture_https_port = 9744;  // 0 means no HTTPS
-  std::vector<std::string> listen;          // addresses of all listeners; empty stands for all of the machine's
-  std::string local_ip;  // empty: an address of the machine, which is looked up again while tansyd runs
-  std::string wan_ip;    // empty means that no answer names a WAN address
+  std::uint16_t s3_port = 9702;             // 0 means no HTTP
+  std::uint16_t s3_https_port = 9745;       // 0 means no HTTPS
+  std::string s3_region = "us-east-1";
+  std::vector<std::string> listen;  // addresses of all listeners; empty stands for all of the machine's
+  std::string local_ip;             // empty: an address of the machine, which is looked up again while tansyd runs
+  std::string wan_ip;               // empty means that no answer names a WAN address
   std::uint16_t wan_object_port = 0;
   std::uint16_t wan_picture_port = 0;
   std::uint16_t wan_object_https_port = 0;
@@ -35,7 +38,8 @@ struct HostOptions {
   int log_level = 3;
   std::string log_file;  // empty stands for standard error
 
-  bool HasHttps() const { return object_https_port != 0 || picture_https_port != 0; }
+  bool HasHttps() const { return object_https_port != 0 || picture_https_port != 0 || s3_https_port != 0; }
+  bool HasS3() const { return s3_port != 0 || s3_https_port != 0; }
   bool HasWanObjects() const { return !wan_ip.empty() && (wan_object_port != 0 || wan_object_https_port != 0); }
   bool HasWanPictures() const { return !wan_ip.empty() && (wan_picture_port != 0 || wan_picture_https_port != 0); }
 };

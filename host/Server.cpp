@@ -27,6 +27,7 @@
 #include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
+#include "TansyCloudStorage/S3Server.h"
 #include "TansyNet/HttpServer.h"
 #include "db_layer/CommitBarrier.h"
 #include "db_layer/DbLayer.h"
@@ -55,6 +56,7 @@ bool IsAbsolute(const std::string& path) {
 void CloseListeners() {
   CloudStorage::SetObjectServerEnable(false);
   CloudStorage::SetPicServerEnable(false);
+  CloudStorage::SetS3ServerEnable(false);
 }
 
 // Removes the first parts of tasks that have ended. No writer of an earlier run is left at this time.
@@ -245,6 +247,7 @@ void CServer::Start() {
   CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   StartObjectServer(config);
+  StartS3Server(config);
   StartPictureServer(config);
   WriteListeningFile(options_);
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
@@ -311,6 +314,20 @@ void CServer::StartPictureServer(CloudStorage::StorageServerConfig_V1 config) co
       options_.picture_https_port == 0 ? CloudStorage::InitPicServer(plain) : CloudStorage::InitPicServer(config);
   if (result != 0) {
     details::FailStart("picture listener");
+  }
+}
+
+// This comes before the picture server, which starts the threads that serve the requests of all servers.
+void CServer::StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const {
+  if (!options_.HasS3()) {
+    return;
+  }
+  CloudStorage::S3ServerConfig s3;
+  static_cast<CloudStorage::StorageServerConfig_V1&>(s3) = config;
+  details::SetPorts(s3, {false, options_.s3_port, 0, options_.s3_https_port, 0});
+  s3.region = options_.s3_region;
+  if (CloudStorage::InitS3Server(s3) != 0) {
+    details::FailStart("S3 listener");
   }
 }
 

@@ -54,6 +54,7 @@ class CServer {
   CloudStorage::StorageServerConfig_V1 MakeConfig(const CredentialPair& credentials) const;
   void StartObjectServer(CloudStorage::StorageServerConfig_V1 config) const;
   void StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const;
+  void StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const;
   void WatchAddresses();
 
   HostOptions options_;

@@ -125,12 +125,16 @@ Ended EndedOf(int status) {
 
 }  // namespace
 
+std::string ClientScript(const std::string& name) {
+  return std::string(TANSY_TEST_CLIENTS) + "/" + name;
+}
+
 std::string ScriptPath(const std::string& name) {
   return std::string(TANSY_SCRIPTS) + "/" + name;
 }
 
 CTansyd::CTansyd(const std::string& folder, const std::string& name)
-    : folder_(folder), name_(name), ports_(FreePorts(4)) {}
+    : folder_(folder), name_(name), ports_(FreePorts(6)) {}
 
 CTansyd::~CTansyd() {
   Kill();
@@ -155,10 +159,12 @@ std::vector<std::string> CTansyd::Arguments(const Launch& launch) const {
     arguments.insert(arguments.end(), {"--data", Data(), "--log-file", folder_ + "/" + name_ + ".log"});
   }
   if (launch.with_ports) {
-    arguments.insert(arguments.end(),
-                     {"--object-port", std::to_string(ports_[0]), "--picture-port", std::to_string(ports_[1]),
-                      "--object-https-port", std::to_string(launch.with_https ? ports_[2] : 0), "--picture-https-port",
-                      std::to_string(launch.with_https ? ports_[3] : 0)});
+    arguments.insert(
+        arguments.end(),
+        {"--object-port", std::to_string(ports_[0]), "--picture-port", std::to_string(ports_[1]), "--object-https-port",
+         std::to_string(launch.with_https ? ports_[2] : 0), "--picture-https-port",
+         std::to_string(launch.with_https ? ports_[3] : 0), "--s3-port", std::to_string(launch.with_s3 ? ports_[4] : 0),
+         "--s3-https-port", std::to_string(launch.with_s3 && launch.with_https ? ports_[5] : 0)});
   }
   if (launch.with_ports && launch.with_local_ip) {
     arguments.insert(arguments.end(), {"--local-ip", "127.0.0.1"});
@@ -261,7 +267,7 @@ bool CTansyd::Start(const Launch& launch) {
       return false;
     }
     if (launch.with_ports && errors.find("in use") != std::string::npos && errors.find("port") != std::string::npos) {
-      ports_ = FreePorts(4);
+      ports_ = FreePorts(6);
       continue;
     }
     Kill();

@@ -26,6 +26,7 @@ struct Launch {
   bool with_data = true;
   bool with_ports = true;
   bool with_https = false;
+  bool with_s3 = false;
   bool with_keys = true;  // in the environment
   std::map<std::string, std::string> environment;
   std::string program;     // empty: tansyd
@@ -85,6 +86,8 @@ class CTansyd {
   std::uint16_t GetObjectHttpsPort() const { return ports_[2]; }
   std::uint16_t GetPictureHttpsPort() const { return ports_[3]; }
   pid_t GetPid() const { return pid_; }
+  std::uint16_t GetS3Port() const { return ports_[4]; }
+  std::uint16_t GetS3HttpsPort() const { return ports_[5]; }
   // Resident memory in bytes.
   std::uint64_t GetMemory() const;
 
@@ -109,6 +112,8 @@ class CTansyd {
 
 // A script of the project's scripts folder.
 std::string ScriptPath(const std::string& name);
+// A script of tests/system/clients, which does what people do with a client.
+std::string ClientScript(const std::string& name);
 
 }  // namespace system_tests
 

@@ -25,10 +25,12 @@ TEST_F(ListeningFileTest, HoldsThePorts) {
   options.object_https_port = 0;
   options.picture_port = 65535;
   options.picture_https_port = 4321;
+  options.s3_port = 5;
+  options.s3_https_port = 0;
   WriteListeningFile(options);
   const std::string text = temp_.Read("listening.toml");
   EXPECT_EQ(text.substr(text.find('\n') + 1),
-            "object-port = 1234\nobject-https-port = 0\npicture-port = 65535\npicture-https-port = 4321\n");
+            "object-port = 1234\nobject-https-port = 0\npicture-port = 65535\npicture-https-port = 4321\ns3-port = 5\ns3-https-port = 0\n");
   EXPECT_EQ(text.front(), '#');
 }
 

@@ -34,6 +34,9 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
   EXPECT_EQ(options.object_https_port, 9743);
   EXPECT_EQ(options.picture_port, 9701);
   EXPECT_EQ(options.picture_https_port, 9744);
+  EXPECT_EQ(options.s3_port, 9702);
+  EXPECT_EQ(options.s3_https_port, 9745);
+  EXPECT_EQ(options.s3_region, "us-east-1");
   EXPECT_EQ(options.database.type, db_layer::kSqlite);
   EXPECT_EQ(options.database.database, "catalogue.db");
   EXPECT_EQ(options.storage, "file:objects");
@@ -57,6 +60,9 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"object-https-port", "9743"},
                                                        {"picture-port", "9701"},
                                                        {"picture-https-port", "9744"},
+                                                       {"s3-port", "9702"},
+                                                       {"s3-https-port", "9745"},
+                                                       {"s3-region", "us-east-1"},
                                                        {"listen", "all of this machine"},
                                                        {"local-ip", "else 127.0.0.1"},
                                                        {"wan-ip", "none"},
@@ -240,12 +246,21 @@ TEST(OptionsTest, ShownValuesAreShortAndOnOneLine) {
   EXPECT_LT(line.size(), 200U);
 }
 
+TEST(OptionsTest, ARegionIsAShortName) {
+  EXPECT_EQ(Apply("s3-region", "eu-central-1").first.s3_region, "eu-central-1");
+  for (const std::string& region : {std::string(), std::string("EU"), std::string("a/b"), std::string(64, 'a')}) {
+    EXPECT_NE(Apply("s3-region", region).second, "") << region;
+  }
+}
+
 TEST(OptionsTest, NoTwoListenersCanShareAPort) {
   using Port = std::uint16_t HostOptions::*;
   const std::pair<const char*, Port> listeners[] = {{"object-port", &HostOptions::object_port},
                                                     {"object-https-port", &HostOptions::object_https_port},
                                                     {"picture-port", &HostOptions::picture_port},
-                                                    {"picture-https-port", &HostOptions::picture_https_port}};
+                                                    {"picture-https-port", &HostOptions::picture_https_port},
+                                                    {"s3-port", &HostOptions::s3_port},
+                                                    {"s3-https-port", &HostOptions::s3_https_port}};
   EXPECT_NO_THROW(CheckPorts(HostOptions()));
   for (std::size_t i = 0; i < std::size(listeners); ++i) {
     for (std::size_t j = i + 1; j < std::size(listeners); ++j) {
@@ -263,6 +278,7 @@ TEST(OptionsTest, NoTwoListenersCanShareAPort) {
   }
   HostOptions without_https;
   without_https.object_https_port = without_https.picture_https_port = 0;
+  without_https.s3_port = without_https.s3_https_port = 0;
   EXPECT_NO_THROW(CheckPorts(without_https)) << "0 is no port";
 }
 
