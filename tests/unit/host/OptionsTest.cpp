@@ -247,7 +247,9 @@ TEST(OptionsTest, ShownValuesAreShortAndOnOneLine) {
 }
 
 TEST(OptionsTest, ARegionIsAShortName) {
-  EXPECT_EQ(Apply("s3-region", "eu-central-1").first.s3_region, "eu-central-1");
+  HostOptions options;
+  ApplyOptions(options, {{"s3-region", "eu-central-1"}}, "", "--", kExitUsage);
+  EXPECT_EQ(options.s3_region, "eu-central-1");
   for (const std::string& region : {std::string(), std::string("EU"), std::string("a/b"), std::string(64, 'a')}) {
     EXPECT_NE(Apply("s3-region", region).second, "") << region;
   }
@@ -255,12 +257,10 @@ TEST(OptionsTest, ARegionIsAShortName) {
 
 TEST(OptionsTest, NoTwoListenersCanShareAPort) {
   using Port = std::uint16_t HostOptions::*;
-  const std::pair<const char*, Port> listeners[] = {{"object-port", &HostOptions::object_port},
-                                                    {"object-https-port", &HostOptions::object_https_port},
-                                                    {"picture-port", &HostOptions::picture_port},
-                                                    {"picture-https-port", &HostOptions::picture_https_port},
-                                                    {"s3-port", &HostOptions::s3_port},
-                                                    {"s3-https-port", &HostOptions::s3_https_port}};
+  const std::pair<const char*, Port> listeners[] = {
+      {"object-port", &HostOptions::object_port},   {"object-https-port", &HostOptions::object_https_port},
+      {"picture-port", &HostOptions::picture_port}, {"picture-https-port", &HostOptions::picture_https_port},
+      {"s3-port", &HostOptions::s3_port},           {"s3-https-port", &HostOptions::s3_https_port}};
   EXPECT_NO_THROW(CheckPorts(HostOptions()));
   for (std::size_t i = 0; i < std::size(listeners); ++i) {
     for (std::size_t j = i + 1; j < std::size(listeners); ++j) {
