@@ -43,10 +43,10 @@ TEST_F(S3Test, Boto3WorksOverHttps) {
 
 TEST_F(S3Test, NobodyListensWhereNoPortIsGiven) {
   ASSERT_TRUE(server_.Start(With(false)));
-  EXPECT_EQ(ConnectTo("127.0.0.1", server_.GetS3Port()), nullptr);
+  EXPECT_EQ(CConnection::Open(server_.GetS3Port()), nullptr);
   EXPECT_TRUE(server_.Stop());
   ASSERT_TRUE(server_.Start(With(true)));
-  EXPECT_NE(ConnectTo("127.0.0.1", server_.GetS3Port()), nullptr);
+  EXPECT_NE(CConnection::Open(server_.GetS3Port()), nullptr);
 }
 
 }  // namespace
