@@ -211,6 +211,15 @@ int CFakeHttpServer::SendResult() {
 }
 
 int CFakeHttpServer::Send(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data) {
+  return Send(handle, response, data, data.size());
+}
+
+int CFakeHttpServer::SendHead(std::int32_t handle, const TansyNet::HttpResponse& response, std::uint64_t total_size) {
+  return Send(handle, response, {}, total_size);
+}
+
+int CFakeHttpServer::Send(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data,
+                          std::uint64_t total_size) {
   const std::lock_guard lock(mutex_);
   FakeAnswer& answer = answers_[handle];
   ++answer.attempts;
@@ -220,19 +229,10 @@ int CFakeHttpServer::Send(std::int32_t handle, const TansyNet::HttpResponse& res
     return answer.cut ? TansyNet::kNetAlreadyAnswered : TansyNet::kNetUnknownHandle;
   }
   answer.response = response;
-  answer.total_size = data.size();
-  answer.body_size = data.size();
+  answer.total_size = total_size;
+  answer.body_size = total_size;  // nothing more comes
   answer.body = data;
   return SendResult();
-}
-
-int CFakeHttpServer::SendHead(std::int32_t handle, const TansyNet::HttpResponse& response, std::uint64_t total_size) {
-  const int result = Send(handle, response, {});
-  const std::lock_guard lock(mutex_);
-  answers_[handle].total_size = total_size;
-  answers_[handle].body_size = total_size;  // nothing more comes
-  changed_.notify_all();
-  return result;
 }
 
 int CFakeHttpServer::SendChunk(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data,

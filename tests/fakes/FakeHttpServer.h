@@ -113,6 +113,8 @@ class CFakeHttpServer {
                 std::uint64_t total_size);
 
  private:
+  int Send(std::int32_t handle, const TansyNet::HttpResponse& response, std::string_view data,
+           std::uint64_t total_size);
   CFakeHttpServer() = default;
 
   bool IsDone(std::int32_t handle) const;

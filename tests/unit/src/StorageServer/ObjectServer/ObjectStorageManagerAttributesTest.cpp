@@ -83,6 +83,7 @@ TEST_F(ObjectStorageManagerAttributes, GoWithTheObject) {
 }
 
 TEST_F(ObjectStorageManagerAttributes, ComeBackWithAnObjectWhoseBytesCannotBeFreed) {
+  ASSERT_TRUE(database_.Run("INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES ('fs01', 'disk')"));
   Add(At("fs01one.d"), "first");
   EXPECT_FALSE(manager_.RemoveObject("key", "bucket", [](const std::string&) { return false; }));
   EXPECT_EQ(InMemory(), "first");
