@@ -118,6 +118,26 @@ std::string ApplyRegion(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyDomain(HostOptions& options, const std::string& text) {
+  constexpr std::size_t kLongest = 253;
+  const auto fits = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.'; };
+  const bool is_name = !text.empty() && text.size() <= kLongest && std::all_of(text.begin(), text.end(), fits) &&
+                       text.front() != '.' && text.back() != '.';
+  if (!is_name) {
+    return "give a host name in small letters";
+  }
+  options.s3_domain = text;
+  return "";
+}
+
+std::string ApplyV2Links(HostOptions& options, const std::string& text) {
+  if (text != "on" && text != "off") {
+    return "give on or off";
+  }
+  options.s3_v2_links = text == "on";
+  return "";
+}
+
 template <auto Member>
 std::string ApplyNumber(HostOptions& options, const std::string& text, unsigned long lowest, unsigned long highest,
                         const char* advice) {
@@ -190,6 +210,9 @@ const std::vector<OptionRow>& OptionTable() {
       {"s3-https-port", "N", "HTTPS port of the S3 protocol, 0 for none [9745]",
        ApplyPort<&HostOptions::s3_https_port, 0>},
       {"s3-region", "NAME", "region that clients of the S3 protocol sign for [us-east-1]", details::ApplyRegion},
+      {"s3-domain", "NAME", "host name below which the S3 protocol takes BUCKET.NAME for that bucket [none]",
+       details::ApplyDomain},
+      {"s3-v2-links", "on|off", "take links that are signed by version 2 [on]", details::ApplyV2Links},
       {"listen", "IP", "address to listen on, several times if need be [all of this machine]", details::ApplyListen,
        true},
       {"local-ip", "IP", "address that best-node answers name [that of this machine, else 127.0.0.1]",

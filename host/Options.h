@@ -21,6 +21,8 @@ struct HostOptions {
   std::uint16_t s3_port = 9702;             // 0 means no HTTP
   std::uint16_t s3_https_port = 9745;       // 0 means no HTTPS
   std::string s3_region = "us-east-1";
+  std::string s3_domain;  // empty: no host name stands for a bucket
+  bool s3_v2_links = true;
   std::vector<std::string> listen;  // addresses of all listeners; empty stands for all of the machine's
   std::string local_ip;             // empty: an address of the machine, which is looked up again while tansyd runs
   std::string wan_ip;               // empty means that no answer names a WAN address

@@ -326,6 +326,8 @@ void CServer::StartS3Server(const CloudStorage::StorageServerConfig_V1& config) 
   static_cast<CloudStorage::StorageServerConfig_V1&>(s3) = config;
   details::SetPorts(s3, {false, options_.s3_port, 0, options_.s3_https_port, 0});
   s3.region = options_.s3_region;
+  s3.domain = options_.s3_domain;
+  s3.v2_links = options_.s3_v2_links;
   if (CloudStorage::InitS3Server(s3) != 0) {
     details::FailStart("S3 listener");
   }

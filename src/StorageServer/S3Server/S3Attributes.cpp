@@ -13,6 +13,11 @@ constexpr std::size_t kLongestStandardHeaders = 4096;
 constexpr std::array<std::string_view, 6> kStandardHeaders = {
     "cache-control", "content-disposition", "content-encoding", "content-language", "content-type", "expires"};
 
+// By their beginnings.
+constexpr std::array<std::string_view, 6> kUnsupportedHeaders = {
+    "x-amz-bucket-object-lock-enabled", "x-amz-grant-",  "x-amz-object-lock-",
+    "x-amz-server-side-encryption",     "x-amz-tagging", "x-amz-website-redirect-location"};
+
 bool IsStandard(std::string_view name) {
   return std::find(kStandardHeaders.begin(), kStandardHeaders.end(), name) != kStandardHeaders.end();
 }
@@ -57,6 +62,25 @@ Failure TakeHeaders(Attributes& attributes, const LowerHeaders& request) {
   }
   if (user_bytes > kLongestUserMetadata || standard_bytes > kLongestStandardHeaders) {
     return EError::kMetadataTooLarge;
+  }
+  return {};
+}
+
+bool IsPrivateAcl(std::string_view acl) {
+  return acl.empty() || acl == "private" || acl == "bucket-owner-full-control";
+}
+
+Failure CheckUnsupportedHeaders(const LowerHeaders& request) {
+  for (const auto& [name, value] : request) {
+    const bool is_unsupported =
+        std::any_of(kUnsupportedHeaders.begin(), kUnsupportedHeaders.end(),
+                    [&header = name](std::string_view prefix) { return header.starts_with(prefix); });
+    if (is_unsupported && name != "x-amz-tagging-directive" && value != "false") {
+      return {EError::kNotImplemented, "This server does not have what the header " + name + " asks for."};
+    }
+  }
+  if (!IsPrivateAcl(ValueOf(request, "x-amz-acl"))) {
+    return {EError::kNotImplemented, "Everything is private; this server has no other x-amz-acl."};
   }
   return {};
 }

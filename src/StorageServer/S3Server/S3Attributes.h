@@ -20,6 +20,11 @@ struct Attributes {
 // Takes over those headers of an upload that come back with the object. Fails when the client's own ones are too long.
 Failure TakeHeaders(Attributes& attributes, const LowerHeaders& request);
 
+// Refuses headers of an upload that ask for something which would silently not be done, such as encryption.
+Failure CheckUnsupportedHeaders(const LowerHeaders& request);
+// Says whether an ACL by name gives rights to the owner only; so does none at all.
+bool IsPrivateAcl(std::string_view acl);
+
 // Write and read the one text that the catalogue keeps. It is ASCII whatever the headers hold. A text that is empty or
 // of another form gives no attributes.
 std::string ToText(const Attributes& attributes);

@@ -1,15 +1,29 @@
 #include "StorageServer/S3Server/S3Request.h"
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 
+#include "StorageServer/S3Server/S3LinkV2.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage::S3 {
 
 namespace {
 
-// Gives 16 capital digits that no other request of this process has, nor, most likely, one of another process.
+// Gives "photos" for "photos.s3.example.org:9702" when "s3.example.org" is the domain whose names stand for buckets.
+std::string BucketOfHost(std::string_view host, const std::string& domain) {
+  std::string name = ToLower(host.substr(0, host.find(':')));
+  const std::string ending = "." + domain;
+  if (domain.empty() || name.size() <= ending.size() || !name.ends_with(ending)) {
+    return {};
+  }
+  name.resize(name.size() - ending.size());
+  return name;
+}
+
+}  // namespace
+
 std::string MakeRequestId() {
   static const std::uint64_t first = (std::uint64_t{std::random_device{}()} << 32) | std::random_device{}();
   static std::atomic<std::uint64_t> count{0};
@@ -22,29 +36,38 @@ std::string MakeRequestId() {
   return id;
 }
 
-}  // namespace
-
 Request::Request(std::int32_t session, const TansyNet::HttpServerRecv& message, const S3ServerConfig& conf)
     : Recipient{session, MakeRequestId(), message.method, message.url},
       msg(message),
       config(conf),
       query(ParseQuery(message.query)),
-      headers(LowerNames(message.headers)) {
-  const std::string_view path = std::string_view(msg.url).substr(msg.url.starts_with('/') ? 1 : 0);
-  const std::size_t slash = path.find('/');
-  bucket = PercentDecode(path.substr(0, slash));
-  if (slash != std::string_view::npos) {
-    key = PercentDecode(path.substr(slash + 1));
+      headers(LowerNames(message.headers)),
+      host_bucket(BucketOfHost(ValueOf(headers, "host"), conf.domain)) {
+  std::string_view path = std::string_view(url).substr(url.starts_with('/') ? 1 : 0);
+  if (host_bucket.empty()) {
+    const std::string_view name = path.substr(0, path.find('/'));
+    bucket = PercentDecode(name);
+    path.remove_prefix(std::min(name.size() + 1, path.size()));
+  } else {
+    bucket = host_bucket;
   }
+  key = PercentDecode(path);
 }
 
 Failure Request::Check() {
-  if (!msg.url.starts_with('/') || (bucket.empty() && !key.empty())) {
+  if (!url.starts_with('/') || (bucket.empty() && !key.empty())) {
     return EError::kInvalidUri;
   }
   const Identity identity{config.ak, config.sk, config.region};
-  const RequestToSign signed_part{msg.method, msg.url, query, headers};
-  return CheckSignature(signature, signed_part, identity, TansyBase::TimeUtil::Now());
+  const RequestToSign signed_part{method, url, query, headers};
+  const std::time_t now = TansyBase::TimeUtil::Now();
+  if (!IsLinkV2(query)) {
+    return CheckSignature(signature, signed_part, identity, now);
+  }
+  if (!config.v2_links) {
+    return {EError::kInvalidRequest, "This server takes no links of signature version 2."};
+  }
+  return CheckLinkV2(signed_part, host_bucket, identity, now);
 }
 
 }  // namespace Tansy::CloudStorage::S3

@@ -29,17 +29,21 @@ struct Request : Recipient {
   // The bytes of this delivery.
   std::string_view Body() const { return msg.body ? std::string_view(*msg.body) : std::string_view(); }
 
-  // Checks that the path can be read and that the request is signed; fills `signature`.
+  // Checks that path and query can be read and that the request is signed; fills `signature`.
   Failure Check();
 
   const TansyNet::HttpServerRecv& msg;
   const S3ServerConfig& config;
   const Query query;
   const LowerHeaders headers;
-  std::string bucket;  // decoded; empty when the request is about no bucket
-  std::string key;     // decoded; empty when the request is about no object
+  std::string host_bucket;  // the bucket that the host name names, in small letters; empty when the path names it
+  std::string bucket;       // decoded; empty when the request is about no bucket
+  std::string key;          // decoded; empty when the request is about no object
   Signed signature;
 };
+
+// Gives 16 capital digits that no other request of this process has, nor, most likely, one of another process.
+std::string MakeRequestId();
 
 }  // namespace Tansy::CloudStorage::S3
 

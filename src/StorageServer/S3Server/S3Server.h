@@ -2,7 +2,8 @@
 //
 // It serves the objects of the catalogue that the object server loads, through the same storage callbacks. The bodies
 // stand in files named after their theme: S3Server.cpp (lifecycle), S3ServerDispatch.cpp (intake, routing, answers),
-// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerList.cpp; the error table is S3Errors.h.
+// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerETag.cpp, S3ServerList.cpp, S3ServerAbsent.cpp; the
+// error table is S3Errors.h.
 //
 // Threads: any. Handlers run in parallel on the threads of the message loop that all servers share. Errors: nothing
 // throws; failures are answered.
@@ -37,9 +38,16 @@ struct FoundObject {
   Attributes attributes;
   std::time_t modified = 0;
 
-  // Gives the entity tag, without quotes. An object that another protocol stored has one that is no MD5 digest.
+  // Gives the entity tag, without quotes. That of an object whose digest is not known yet is none: it has a dash in it,
+  // which tells clients so.
   std::string ETag() const;
 };
+
+// Of objects up to this length, a missing entity tag is computed on the thread that reads the object.
+inline constexpr std::uint32_t kQuickETagBytes = 0x100000;
+
+// Everything belongs to the one who has the key.
+inline constexpr const char* kOwner = "admin";
 
 class CS3Server : private TansyBase::CNoncopyable {
  public:
@@ -85,10 +93,17 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void DeleteObjects(const Request& request);
   static void PutObject(const Request& request);
   static void GetObject(const Request& request);
-  static void HeadObject(const Request& request);
   static void DeleteObject(const Request& request);
+  static void GetAcl(const Request& request);
+  static void PutAcl(const Request& request);
+  static void GetAbsent(const Request& request);
+  static void DeleteAbsent(const Request& request);
 
   // Parts of the handlers.
+  // Says what is missing when the bucket's object that a request is about is not there.
+  static Failure ExpectTarget(const Request& request);
+  // Takes a body that came with its request, and compares it with its digests.
+  static Failure ReadBody(std::string& body, const Request& request);
   static Failure CheckPut(const Request& request);
   static Failure StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
                             const std::string& bucket);
@@ -101,6 +116,14 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void AnswerPut(const Recipient& to, const std::string& bucket, const std::string& etag,
                         CObjectStorageManager::EAdded result) noexcept;
   static Failure FindObject(FoundObject& object, const Request& request);
+  // Computes the entity tag of an object that has none, and keeps it.
+  static void FillInETag(FoundObject& object, const S3ServerConfig& config);
+  // Does so on a thread of its own for an object that is too long to be read just now, and answers the request there.
+  // Returns false when there is nothing to do.
+  static bool FillInETagElsewhere(const Request& request);
+  static void ReadObject(const Request& request);
+  static void SendHead(const Request& request);
+  static void SendBody(const Request& request);
   static Failure FindReadable(FoundObject& object, AskedRange& range, const Request& request);
   static bool Send(const Request& request, const FoundObject& object, const AskedRange& range);
   static bool SendInChunks(const Request& request, const FoundObject& object, const TansyNet::HttpResponse& response,

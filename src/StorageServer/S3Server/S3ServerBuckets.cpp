@@ -12,7 +12,6 @@ namespace Tansy::CloudStorage::S3 {
 
 namespace {
 
-constexpr const char* kOwner = "admin";
 constexpr const char* kDefaultRegion = "us-east-1";
 constexpr std::uint32_t kNoLimit = 0xFFFFFFFF;
 constexpr std::uint32_t kAddBucketFlag = 1;
@@ -54,6 +53,10 @@ void CS3Server::ListBuckets(const Request& request) {
 }
 
 void CS3Server::CreateBucket(const Request& request) {
+  if (const Failure failure = CheckUnsupportedHeaders(request.headers)) {
+    AnswerFailure(request, failure);
+    return;
+  }
   auto& catalogue = CObjectStorageManager::Instance();
   // A bucket of one's own may be made again; all buckets are one's own, because there is one key.
   if (!catalogue.IsBucketExist(request.bucket)) {

@@ -10,6 +10,7 @@
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
+#include "StorageServer/S3Server/S3AbsentFeatures.h"
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3ServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
@@ -77,6 +78,11 @@ std::uint32_t StreamId(std::int32_t handle) {
   return static_cast<std::uint32_t>(handle);
 }
 
+// Users name the id of their request when they ask what became of it.
+void LogRequest(const Request& request) {
+  CLOUD_LOG(logging::kTrace, "[%s]request %s, handle = %d[%s(%d)]", request.id.c_str(), request.handle);
+}
+
 }  // namespace
 
 // One row of the routing table.
@@ -104,21 +110,37 @@ struct CS3Server::Routes {
       Route{"POST", ETarget::kBucket, "delete", &Server::DeleteObjects},
       Route{"PUT", ETarget::kObject, "", &Server::PutObject, true},
       Route{"GET", ETarget::kObject, "", &Server::GetObject},
-      Route{"HEAD", ETarget::kObject, "", &Server::HeadObject},
+      Route{"HEAD", ETarget::kObject, "", &Server::GetObject},
       Route{"DELETE", ETarget::kObject, "", &Server::DeleteObject},
+      Route{"GET", ETarget::kBucket, "acl", &Server::GetAcl},
+      Route{"PUT", ETarget::kBucket, "acl", &Server::PutAcl},
+      Route{"GET", ETarget::kObject, "acl", &Server::GetAcl},
+      Route{"PUT", ETarget::kObject, "acl", &Server::PutAcl},
   };
+
+  // For features that this server does not have.
+  static constexpr Route kGetAbsent = {"GET", ETarget::kBucket, "", &Server::GetAbsent};
+  static constexpr Route kDeleteAbsent = {"DELETE", ETarget::kBucket, "", &Server::DeleteAbsent};
 };
 
 Failure CS3Server::FindRoute(const Route*& route, const Request& request) {
   const ETarget target = TargetOf(request);
   const std::string_view subresource = SubresourceOf(request);
   for (const Route& row : Routes::kTable) {
-    if (row.method == request.msg.method && row.target == target && row.subresource == subresource) {
+    if (row.method == request.method && row.target == target && row.subresource == subresource) {
       route = &row;
       return {};
     }
   }
-  return EError::kNotImplemented;
+  const AbsentFeature* const absent = FindAbsentFeature(request);
+  if (absent != nullptr && request.method == "GET") {
+    route = &Routes::kGetAbsent;
+  } else if (absent != nullptr && absent->is_removable && request.method == "DELETE") {
+    route = &Routes::kDeleteAbsent;
+  } else {
+    return EError::kNotImplemented;
+  }
+  return {};
 }
 
 void CS3Server::RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
@@ -166,6 +188,7 @@ void CS3Server::TakePiece(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
 bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
   const auto config = conf_.Load();
   Request request(handle, msg, *config);
+  LogRequest(request);
   const Route* route = nullptr;
   Failure failure = request.Check();
   if (!failure) {
@@ -195,6 +218,7 @@ bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& ms
 void CS3Server::Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg) {
   const auto config = conf_.Load();
   Request request(handle, msg, *config);
+  LogRequest(request);
   const Route* route = nullptr;
   Failure failure = request.Check();
   if (!failure) {
@@ -216,10 +240,7 @@ void CS3Server::EndRequest(std::int32_t handle, EError error) noexcept {
   try {
     CUploads::Instance().Remove(handle);
     CBigFileStreamMgr::Instance().EndStream(StreamId(handle), StreamEnd::kAnswered);
-    const std::string body = ErrorXml(error, "", "");
-    TansyNet::HttpResponse response = MakeResponse("", StatusOf(error));
-    response.content_type = kXmlType;
-    TansyNet::CHttpServer::HttpServerSyncSend(handle, response, static_cast<std::uint32_t>(body.size()), body.data());
+    AnswerFailure({handle, MakeRequestId(), {}, {}}, error);
   } catch (const std::exception& problem) {
     CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", problem.what(), handle);
   }
@@ -231,9 +252,7 @@ TansyNet::HttpResponse MakeResponse(const std::string& request_id, std::int32_t 
   response.content_type.clear();
   response.cache_control.clear();
   response.headers["Date"] = TansyBase::HttpDate::Format(TansyBase::TimeUtil::Now(), '0');
-  if (!request_id.empty()) {
-    response.headers["x-amz-request-id"] = request_id;
-  }
+  response.headers["x-amz-request-id"] = request_id;
   return response;
 }
 

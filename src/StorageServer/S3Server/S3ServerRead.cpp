@@ -82,8 +82,8 @@ std::string FoundObject::ETag() const {
   if (!attributes.etag.empty()) {
     return attributes.etag;
   }
-  // The dash tells clients that this is not the digest of the bytes. The text is different for other bytes, because the
-  // url names them; it is hashed, because the url is the host's secret.
+  // The text is different for other bytes, because the url names them; it is hashed, because the url is the host's
+  // secret.
   return ToHex(DigestOf(EDigest::kMd5, info.url + "\n" + std::to_string(info.size) + "\n" + info.update_time)) + "-1";
 }
 
@@ -112,6 +112,9 @@ Failure CS3Server::FindReadable(FoundObject& object, AskedRange& range, const Re
   if (object.info.size > kMaxObjectBytes) {
     return EError::kInternalError;
   }
+  if (object.attributes.etag.empty() && object.info.size <= kQuickETagBytes) {
+    FillInETag(object, request.config);
+  }
   if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kFailed) {
     return EError::kPreconditionFailed;
   }
@@ -131,7 +134,17 @@ Failure CS3Server::FindReadable(FoundObject& object, AskedRange& range, const Re
   return {};
 }
 
-void CS3Server::HeadObject(const Request& request) {
+void CS3Server::GetObject(const Request& request) {
+  if (!FillInETagElsewhere(request)) {
+    ReadObject(request);
+  }
+}
+
+void CS3Server::ReadObject(const Request& request) {
+  request.method == "HEAD" ? SendHead(request) : SendBody(request);
+}
+
+void CS3Server::SendHead(const Request& request) {
   FoundObject object;
   AskedRange range;
   if (const Failure failure = FindReadable(object, range, request)) {
@@ -147,7 +160,7 @@ void CS3Server::HeadObject(const Request& request) {
 }
 
 // An object that was replaced after it was looked up may have lost its bytes; then its successor is sent.
-void CS3Server::GetObject(const Request& request) {
+void CS3Server::SendBody(const Request& request) {
   std::string failed_url;
   for (;;) {
     FoundObject object;

@@ -1,6 +1,4 @@
 // Storing and removing objects.
-#include <algorithm>
-#include <array>
 #include <exception>
 #include <memory>
 #include <string_view>
@@ -28,27 +26,6 @@ using CloudStorage::details::StreamEnd;
 
 // A decoded piece waits this long for room in memory.
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
-
-// Headers that ask for something which would silently not be done.
-constexpr std::array<std::string_view, 5> kUnsupportedHeaders = {"x-amz-object-lock-", "x-amz-server-side-encryption",
-                                                                 "x-amz-tagging", "x-amz-website-redirect-location",
-                                                                 "x-amz-grant-"};
-
-Failure CheckHeaders(const LowerHeaders& headers) {
-  for (const auto& [name, value] : headers) {
-    const bool is_unsupported =
-        std::any_of(kUnsupportedHeaders.begin(), kUnsupportedHeaders.end(),
-                    [&header = name](std::string_view prefix) { return header.starts_with(prefix); });
-    if (is_unsupported) {
-      return {EError::kNotImplemented, "This server does not have what the header " + name + " asks for."};
-    }
-  }
-  const std::string& acl = ValueOf(headers, "x-amz-acl");
-  if (!acl.empty() && acl != "private" && acl != "bucket-owner-full-control") {
-    return {EError::kNotImplemented, "Every object is private; this server has no other x-amz-acl."};
-  }
-  return {};
-}
 
 // Asks the conditions of a write when it takes place.
 CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers) {
@@ -115,7 +92,7 @@ Failure CS3Server::CheckPut(const Request& request) {
   }
   Attributes attributes;
   Failure failure = TakeHeaders(attributes, request.headers);
-  return failure ? failure : CheckHeaders(request.headers);
+  return failure ? failure : CheckUnsupportedHeaders(request.headers);
 }
 
 void CS3Server::PutObject(const Request& request) {
@@ -263,19 +240,26 @@ void CS3Server::DeleteObject(const Request& request) {
   AnswerEmpty(request, 204);
 }
 
-void CS3Server::DeleteObjects(const Request& request) {
-  CBody body;
+Failure CS3Server::ReadBody(std::string& body, const Request& request) {
+  CBody decoder;
   CPlainBytes plain;
+  Failure failure = decoder.Begin(request.signature, request.headers);
+  if (!failure) {
+    failure = plain.Take(request.Body(), decoder);
+  }
+  if (!failure) {
+    failure = decoder.End();
+  }
+  body = plain.Bytes();
+  return failure;
+}
+
+void CS3Server::DeleteObjects(const Request& request) {
+  std::string body;
   DeleteRequest list;
-  Failure failure = body.Begin(request.signature, request.headers);
+  Failure failure = ReadBody(body, request);
   if (!failure) {
-    failure = plain.Take(request.Body(), body);
-  }
-  if (!failure) {
-    failure = body.End();
-  }
-  if (!failure) {
-    failure = ReadDeleteRequest(list, plain.Bytes());
+    failure = ReadDeleteRequest(list, body);
   }
   if (failure) {
     AnswerFailure(request, failure);

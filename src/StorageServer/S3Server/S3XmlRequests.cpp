@@ -62,4 +62,20 @@ Failure ReadCompleteRequest(std::vector<PartToComplete>& parts, std::string_view
   }
 }
 
+Failure ReadAccessControl(bool& is_private, std::string_view xml, std::string_view owner) {
+  TansyProto::CXmlProto document;
+  if (!document.Parse(xml) || !document.Has("/AccessControlPolicy/AccessControlList")) {
+    return EError::kMalformedXml;
+  }
+  is_private = true;
+  for (std::size_t number = 1; is_private; ++number) {
+    const std::string path = ElementPath("/AccessControlPolicy/AccessControlList/Grant", number);
+    if (!document.Has(path)) {
+      return {};
+    }
+    is_private = document.GetString(path + "/Grantee/ID") == owner;
+  }
+  return {};
+}
+
 }  // namespace Tansy::CloudStorage::S3

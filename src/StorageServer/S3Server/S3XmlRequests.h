@@ -36,6 +36,9 @@ struct PartToComplete {
 // Fails when the text is no list of 1 to 10000 parts whose numbers ascend.
 Failure ReadCompleteRequest(std::vector<PartToComplete>& parts, std::string_view xml);
 
+// Says whether a list of grants gives rights to the owner only. Fails when the text is no such list.
+Failure ReadAccessControl(bool& is_private, std::string_view xml, std::string_view owner);
+
 }  // namespace Tansy::CloudStorage::S3
 
 #endif  // TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_XML_REQUESTS_H

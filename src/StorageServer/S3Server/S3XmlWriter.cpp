@@ -40,6 +40,11 @@ void CXmlWriter::OpenAnswer(std::string_view name) {
   text_.append("<").append(name).append(" xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">");
 }
 
+void CXmlWriter::OpenTyped(std::string_view name, std::string_view type) {
+  text_.append("<").append(name).append(" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xsi:type=\"");
+  text_.append(type).append("\">");
+}
+
 void CXmlWriter::Close(std::string_view name) {
   text_.append("</").append(name).append(">");
 }

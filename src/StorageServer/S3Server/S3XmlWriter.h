@@ -18,6 +18,8 @@ class CXmlWriter {
   void Open(std::string_view name);
   // Opens the element that an answer consists of, with the name space that clients expect.
   void OpenAnswer(std::string_view name);
+  // Opens an element that says of which kind its content is, in the attribute xsi:type.
+  void OpenTyped(std::string_view name, std::string_view type);
   void Close(std::string_view name);
   void Element(std::string_view name, std::string_view value);
   void Element(std::string_view name, std::uint64_t value);

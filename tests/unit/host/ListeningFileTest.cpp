@@ -30,7 +30,8 @@ TEST_F(ListeningFileTest, HoldsThePorts) {
   WriteListeningFile(options);
   const std::string text = temp_.Read("listening.toml");
   EXPECT_EQ(text.substr(text.find('\n') + 1),
-            "object-port = 1234\nobject-https-port = 0\npicture-port = 65535\npicture-https-port = 4321\ns3-port = 5\ns3-https-port = 0\n");
+            "object-port = 1234\nobject-https-port = 0\npicture-port = 65535\npicture-https-port = 4321\ns3-port = "
+            "5\ns3-https-port = 0\n");
   EXPECT_EQ(text.front(), '#');
 }
 

@@ -37,6 +37,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
   EXPECT_EQ(options.s3_port, 9702);
   EXPECT_EQ(options.s3_https_port, 9745);
   EXPECT_EQ(options.s3_region, "us-east-1");
+  EXPECT_EQ(options.s3_domain, "");
+  EXPECT_TRUE(options.s3_v2_links);
   EXPECT_EQ(options.database.type, db_layer::kSqlite);
   EXPECT_EQ(options.database.database, "catalogue.db");
   EXPECT_EQ(options.storage, "file:objects");
@@ -63,6 +65,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"s3-port", "9702"},
                                                        {"s3-https-port", "9745"},
                                                        {"s3-region", "us-east-1"},
+                                                       {"s3-domain", "none"},
+                                                       {"s3-v2-links", "on"},
                                                        {"listen", "all of this machine"},
                                                        {"local-ip", "else 127.0.0.1"},
                                                        {"wan-ip", "none"},
@@ -253,6 +257,20 @@ TEST(OptionsTest, ARegionIsAShortName) {
   for (const std::string& region : {std::string(), std::string("EU"), std::string("a/b"), std::string(64, 'a')}) {
     EXPECT_NE(Apply("s3-region", region).second, "") << region;
   }
+}
+
+TEST(OptionsTest, ADomainIsAHostName) {
+  EXPECT_EQ(Apply("s3-domain", "s3.example-1.org").first.s3_domain, "s3.example-1.org");
+  for (const std::string& name : {std::string(), std::string("S3"), std::string(".org"), std::string("org."),
+                                  std::string("a:1"), std::string(254, 'a')}) {
+    EXPECT_NE(Apply("s3-domain", name).second, "") << name;
+  }
+}
+
+TEST(OptionsTest, LinksOfVersion2AreTakenOrNot) {
+  EXPECT_FALSE(Apply("s3-v2-links", "off").first.s3_v2_links);
+  EXPECT_TRUE(Apply("s3-v2-links", "on").first.s3_v2_links);
+  EXPECT_NE(Apply("s3-v2-links", "yes").second, "");
 }
 
 TEST(OptionsTest, NoTwoListenersCanShareAPort) {

@@ -73,5 +73,19 @@ TEST(S3Conditions, LetsTagsGoBeforeTimes) {
   EXPECT_EQ(Check({{"if-none-match", "\"x\""}, {"if-modified-since", kThen}}), ECondition::kMet);
 }
 
+TEST(S3Conditions, LetAWriteTakePlaceOrNot) {
+  const std::string etag = "abc";
+  EXPECT_TRUE(MayWrite({}, nullptr));
+  EXPECT_TRUE(MayWrite({}, &etag));
+  EXPECT_TRUE(MayWrite({{"if-none-match", "*"}}, nullptr));
+  EXPECT_FALSE(MayWrite({{"if-none-match", "*"}}, &etag));
+  EXPECT_FALSE(MayWrite({{"if-none-match", "\"abc\""}}, &etag));
+  EXPECT_TRUE(MayWrite({{"if-none-match", "\"def\""}}, &etag));
+  EXPECT_TRUE(MayWrite({{"if-match", "\"abc\""}}, &etag));
+  EXPECT_TRUE(MayWrite({{"if-match", "*"}}, &etag));
+  EXPECT_FALSE(MayWrite({{"if-match", "\"def\""}}, &etag));
+  EXPECT_FALSE(MayWrite({{"if-match", "*"}}, nullptr));
+}
+
 }  // namespace
 }  // namespace Tansy::CloudStorage::S3

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "../ObjectServer/ObjectServerFixture.h"
+#include "Common/Signature.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/S3Server/S3Digest.h"
@@ -62,7 +64,7 @@ class S3ServerTest : public CObjectServerTest {
   // Signs as a client does.
   static TansyNet::HttpServerRecv SignedCall(const S3Call& call, struct Signed* signature = nullptr) {
     TansyNet::HttpServerRecv msg = Message({call.method, call.path, call.query, call.body, call.headers});
-    msg.headers["Host"] = "127.0.0.1:9702";
+    msg.headers.try_emplace("Host", "127.0.0.1:9702");
     msg.headers["x-amz-date"] = kTimestamp;
     msg.headers["x-amz-content-sha256"] = call.payload;
     msg.headers["Content-Length"] = std::to_string(call.body.size());
@@ -111,6 +113,17 @@ class S3ServerTest : public CObjectServerTest {
     http_.Stream(handle, &CS3Server::RecvMsgCallBack, std::move(msg), body,
                  std::vector<std::size_t>(body.size() / (4 * kMebibyte), 4 * kMebibyte));
     return http_.WaitForAnswer(handle);
+  }
+
+  // What the database keeps of objects of this test's bucket.
+  std::vector<std::string> KeptAttributes() const {
+    std::vector<std::string> kept;
+    EXPECT_TRUE(CObjectServerSession::QueryAttributes([&](const ObjectInfo& object, std::string_view attributes) {
+      if (object.bucket_name == bucket_) {
+        kept.emplace_back(attributes);
+      }
+    }));
+    return kept;
   }
 
   std::string bucket_;
@@ -196,7 +209,7 @@ TEST_F(S3ServerTest, SharesItsObjectsWithTheObjectProtocol) {
   ASSERT_EQ(Put("/" + bucket_ + "/x(1)", "by us").response.status, 200);
   const FakeAnswer got = GetKey("x(1)");
   EXPECT_EQ(got.body, "by us");
-  EXPECT_TRUE(got.response.headers.at("ETag").ends_with("-1\""));
+  EXPECT_EQ(got.response.headers.at("ETag"), Md5("by us"));
   EXPECT_EQ(Values(List("list-type=2").body, "Key"), (std::vector<std::string>{"a/b c", "x(1)"}));
 }
 
@@ -206,11 +219,59 @@ TEST_F(S3ServerTest, ForgetsTheAttributesOfBytesThatAnotherProtocolReplaced) {
   const FakeAnswer got = GetKey("k");
   EXPECT_EQ(got.body, "second");
   EXPECT_EQ(got.response.headers.at("Content-Type"), "binary/octet-stream");
-  EXPECT_NE(got.response.headers.at("ETag"), Md5("first"));
-  std::vector<std::string> with_attributes;
-  CObjectServerSession::QueryAttributes(
-      [&](const ObjectInfo& object, std::string_view) { with_attributes.push_back(object.bucket_name); });
-  EXPECT_EQ(std::count(with_attributes.begin(), with_attributes.end(), bucket_), 0);
+  EXPECT_EQ(got.response.headers.at("ETag"), Md5("second"));
+  EXPECT_EQ(KeptAttributes(), std::vector<std::string>{ToHex(DigestOf(EDigest::kMd5, "second"))});
+}
+
+TEST_F(S3ServerTest, ComputesTheTagOfAnotherProtocolsObjectOnce) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{5}, 3 * kMebibyte, 11 * kMebibyte}) {
+    const std::string key = "ours-" + std::to_string(size);
+    const std::string bytes = Pattern(size);
+    NewObject(bucket_, key, bytes);
+    EXPECT_TRUE(Values(List("prefix=" + key).body, "ETag").at(0).ends_with("-1&quot;")) << "nobody asked for it yet";
+    const FakeAnswer head = Do({.method = "HEAD", .path = PathOf(key)});
+    EXPECT_EQ(head.response.headers.at("ETag"), Md5(bytes));
+    EXPECT_EQ(head.total_size, size);
+    const auto reads = storage_.Calls("range").size();
+    EXPECT_EQ(Do({.method = "HEAD", .path = PathOf(key)}).response.headers.at("ETag"), Md5(bytes));
+    EXPECT_EQ(storage_.Calls("range").size(), reads) << "computed again";
+    EXPECT_EQ(Values(List("prefix=" + key).body, "ETag").at(0),
+              "&quot;" + ToHex(DigestOf(EDigest::kMd5, bytes)) + "&quot;");
+    EXPECT_TRUE(GetKey(key).body == bytes);
+    EXPECT_EQ(GetKey(key, {{"If-None-Match", Md5(bytes)}}).response.status, 304);
+  }
+  EXPECT_EQ(KeptAttributes().size(), 4U);
+}
+
+TEST_F(S3ServerTest, NeverKeepsTheTagOfBytesThatWereReplacedMeanwhile) {
+  for (const std::size_t size : {std::size_t{5}, 3 * kMebibyte}) {
+    const std::string before(size, 'a');
+    const std::string after(size, 'b');
+    NewObject(bucket_, "k", before);
+    std::atomic<bool> is_replaced{false};
+    storage_.SetHook([&](const Tests::CFakeStorage::Call& call) {
+      if (call.kind == "range" && !is_replaced.exchange(true)) {
+        EXPECT_EQ(Put("/" + bucket_ + "/k", after).response.status, 200);
+      }
+    });
+    GetKey("k");
+    storage_.SetHook(nullptr);
+    EXPECT_TRUE(is_replaced);
+    EXPECT_EQ(KeptAttributes(), std::vector<std::string>{}) << "of the bytes before";
+    const FakeAnswer got = GetKey("k");
+    EXPECT_TRUE(got.body == after);
+    EXPECT_EQ(got.response.headers.at("ETag"), Md5(after));
+    EXPECT_EQ(Do({.method = "DELETE", .path = PathOf("k")}).response.status, 204);
+  }
+}
+
+TEST_F(S3ServerTest, ServesAnObjectWhoseTagCannotBeKept) {
+  NewObject(bucket_, "k", "hello");
+  Database().FailStatementsWith("local_object_attributes");
+  const FakeAnswer got = GetKey("k");
+  Database().Heal();
+  EXPECT_EQ(got.body, "hello");
+  EXPECT_EQ(got.response.headers.at("ETag"), Md5("hello"));
 }
 
 TEST_F(S3ServerTest, StoresAnEmptyObject) {
@@ -246,6 +307,10 @@ TEST_F(S3ServerTest, ChecksConditions) {
   EXPECT_EQ(Outcome(GetKey("k", {{"If-Match", "\"other\""}})), "412 PreconditionFailed");
   EXPECT_EQ(Outcome(PutKey("k", "again", {{"If-None-Match", "*"}})), "412 PreconditionFailed");
   EXPECT_EQ(Outcome(PutKey("new", "again", {{"If-None-Match", "*"}})), "200");
+  EXPECT_EQ(Outcome(PutKey("new", "x", {{"If-Match", Md5("other")}})), "412 PreconditionFailed");
+  EXPECT_EQ(Outcome(PutKey("none", "x", {{"If-Match", "*"}})), "412 PreconditionFailed");
+  EXPECT_EQ(Outcome(PutKey("new", "x", {{"If-Match", Md5("again")}})), "200");
+  EXPECT_EQ(GetKey("new").body, "x");
   EXPECT_EQ(GetKey("k").body, "hello");
 }
 
@@ -378,6 +443,31 @@ TEST_F(S3ServerTest, ListsObjects) {
   EXPECT_EQ(Values(List("marker=b%2F1").body, "Key"), (std::vector<std::string>{"b/2", "c d"}));
 }
 
+TEST_F(S3ServerTest, ListsEachKeyOnceHoweverItsNamesAreWritten) {
+  std::vector<std::string> keys;
+  for (int i = 100; i < 300; ++i) {  // more than are looked at in one go
+    NewObject(bucket_, std::to_string(i), "x");
+    keys.push_back(std::to_string(i));
+  }
+  for (const char* const name : {"a%2Fb", "a%2fb", "%61/b", "%zz"}) {
+    NewObject(bucket_, name, "x");
+  }
+  keys.insert(keys.begin(), "%zz");
+  keys.push_back("a/b");
+  EXPECT_EQ(Values(List("list-type=2").body, "Key"), keys);
+  std::vector<std::string> pages;
+  for (std::string after;;) {
+    const std::vector<std::string> page =
+        Values(List("list-type=2&max-keys=7&start-after=" + PercentEncode(after)).body, "Key");
+    if (page.empty()) {
+      break;
+    }
+    pages.insert(pages.end(), page.begin(), page.end());
+    after = page.back();
+  }
+  EXPECT_EQ(pages, keys);
+}
+
 TEST_F(S3ServerTest, RefusesListingsThatMakeNoSense) {
   for (const char* const query : {"max-keys=-1", "max-keys=x", "list-type=2&max-keys=-1", "encoding-type=x",
                                   "list-type=2&continuation-token=nonsense", "list-type=3"}) {
@@ -410,8 +500,13 @@ TEST_F(S3ServerTest, MakesListsAndRemovesBuckets) {
 TEST_F(S3ServerTest, SaysWhatItDoesNotHave) {
   PutKey("k", "x");
   const S3Call calls[] = {
-      {.method = "GET", .path = "/" + bucket_, .query = "policy"},
-      {.method = "GET", .path = PathOf("k"), .query = "tagging"},
+      {.method = "PUT", .path = "/" + bucket_, .query = "policy", .body = "{}"},
+      {.method = "PUT", .path = "/" + bucket_, .query = "versioning", .body = "x"},
+      {.method = "GET", .path = "/" + bucket_, .query = "analytics"},
+      {.method = "DELETE", .path = "/" + bucket_, .query = "versioning"},
+      {.method = "PUT", .path = PathOf("k"), .query = "tagging", .body = "x"},
+      {.method = "GET", .path = PathOf("k"), .query = "torrent"},
+      {.method = "PUT", .path = "/other-bucket", .headers = {{"x-amz-acl", "public-read"}}},
       {.method = "POST", .path = PathOf("k"), .query = "uploads"},
       {.method = "PUT", .path = PathOf("k"), .query = "partNumber=1&uploadId=x", .body = "part"},
       {.method = "PUT", .path = PathOf("copy"), .headers = {{"x-amz-copy-source", "/" + bucket_ + "/k"}}},
@@ -426,6 +521,118 @@ TEST_F(S3ServerTest, SaysWhatItDoesNotHave) {
   }
   EXPECT_EQ(GetKey("k").body, "x");
   EXPECT_EQ(Outcome(GetKey("copy")), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, SaysThatNothingIsSet) {
+  PutKey("k", "x");
+  const std::pair<const char*, const char*> of_bucket[] = {
+      {"cors", "404 NoSuchCORSConfiguration"},
+      {"policy", "404 NoSuchBucketPolicy"},
+      {"encryption", "404 ServerSideEncryptionConfigurationNotFoundError"},
+      {"lifecycle", "404 NoSuchLifecycleConfiguration"},
+      {"object-lock", "404 ObjectLockConfigurationNotFoundError"},
+      {"ownershipControls", "404 OwnershipControlsNotFoundError"},
+      {"publicAccessBlock", "404 NoSuchPublicAccessBlockConfiguration"},
+      {"replication", "404 ReplicationConfigurationNotFoundError"},
+      {"tagging", "404 NoSuchTagSet"},
+      {"website", "404 NoSuchWebsiteConfiguration"},
+      {"versioning", "200"},
+      {"logging", "200"},
+      {"notification", "200"},
+      {"accelerate", "200"},
+      {"requestPayment", "200"}};
+  for (const auto& [feature, outcome] : of_bucket) {
+    const FakeAnswer answer = Do({.method = "GET", .path = "/" + bucket_, .query = feature});
+    EXPECT_EQ(Outcome(answer), outcome) << feature;
+    EXPECT_EQ(answer.body.find("<Message></Message>"), std::string::npos) << feature;
+    EXPECT_EQ(Outcome(Do({.method = "GET", .path = "/no-such-bucket", .query = feature})), "404 NoSuchBucket");
+  }
+  EXPECT_NE(Do({.method = "GET", .path = "/" + bucket_, .query = "versioning"}).body.find("<VersioningConfiguration "),
+            std::string::npos);
+  EXPECT_NE(Do({.method = "GET", .path = PathOf("k"), .query = "tagging"}).body.find("<TagSet></TagSet>"),
+            std::string::npos);
+  EXPECT_EQ(Outcome(Do({.method = "GET", .path = PathOf("k"), .query = "retention"})),
+            "404 NoSuchObjectLockConfiguration");
+  EXPECT_EQ(Outcome(Do({.method = "GET", .path = PathOf("none"), .query = "tagging"})), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, RemovesSettingsThatAreNotThereAndNothingElse) {
+  PutKey("k", "x");
+  for (const char* const feature : {"cors", "policy", "lifecycle", "tagging", "website", "encryption"}) {
+    EXPECT_EQ(Outcome(Do({.method = "DELETE", .path = "/" + bucket_, .query = feature})), "204") << feature;
+  }
+  EXPECT_EQ(Outcome(Do({.method = "DELETE", .path = PathOf("k"), .query = "tagging"})), "204");
+  EXPECT_EQ(GetKey("k").body, "x");
+}
+
+TEST_F(S3ServerTest, ShowsAndKeepsAPrivateAcl) {
+  PutKey("k", "x");
+  for (const std::string& path : {"/" + bucket_, PathOf("k")}) {
+    const FakeAnswer acl = Do({.method = "GET", .path = path, .query = "acl"});
+    EXPECT_EQ(Values(acl.body, "Permission"), std::vector<std::string>{"FULL_CONTROL"});
+    EXPECT_EQ(Values(acl.body, "ID"), (std::vector<std::string>{"admin", "admin"}));
+    EXPECT_NE(acl.body.find("xsi:type=\"CanonicalUser\""), std::string::npos);
+    const auto put = [&](const std::string& body, const TansyNet::Headers& headers) {
+      return Outcome(Do({.method = "PUT", .path = path, .query = "acl", .body = body, .headers = headers}));
+    };
+    EXPECT_EQ(put(acl.body, {}), "200") << "what was shown may be written";
+    EXPECT_EQ(put("", {{"x-amz-acl", "private"}}), "200");
+    EXPECT_EQ(put("", {{"x-amz-acl", "public-read"}}), "501 NotImplemented");
+    EXPECT_EQ(put("", {{"x-amz-grant-read", "id=you"}}), "501 NotImplemented");
+    std::string with_more = acl.body;
+    with_more.insert(with_more.find("</AccessControlList>"),
+                     "<Grant><Grantee><URI>everybody</URI></Grantee><Permission>READ</Permission></Grant>");
+    EXPECT_EQ(put(with_more, {}), "501 NotImplemented");
+    EXPECT_EQ(put("no xml", {}), "400 MalformedXML");
+  }
+  EXPECT_EQ(Outcome(Do({.method = "GET", .path = PathOf("none"), .query = "acl"})), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, TakesLinksOfVersion2UnlessToldNotTo) {
+  PutKey("k", "hello");
+  const std::string expires = std::to_string(kNow + 60);
+  const std::string signature = SignHmacSha1("GET\n\n\n" + expires + "\n" + PathOf("k"), "secret-key");
+  const std::string query = "AWSAccessKeyId=access-key&Expires=" + expires + "&Signature=" + PercentEncode(signature);
+  EXPECT_EQ(Do(Message({"GET", PathOf("k"), query, {}, {}})).body, "hello");
+  EXPECT_EQ(Outcome(Do(Message({"DELETE", PathOf("k"), query, {}, {}}))), "403 SignatureDoesNotMatch");
+  S3ServerConfig config = S3Config();
+  config.v2_links = false;
+  CS3Server::Instance().Init(config);
+  EXPECT_EQ(Outcome(Do(Message({"GET", PathOf("k"), query, {}, {}}))), "400 InvalidRequest");
+}
+
+TEST_F(S3ServerTest, TakesTheBucketFromTheHostName) {
+  S3ServerConfig config = S3Config();
+  config.domain = "s3.example.org";
+  CS3Server::Instance().Init(config);
+  const auto with_host = [](S3Call call, const std::string& host) {
+    call.headers["Host"] = host;
+    return call;
+  };
+  const std::string host = bucket_ + ".S3.example.org:9702";
+  EXPECT_EQ(Outcome(Do(with_host({.method = "PUT", .path = "/a/b", .body = "hello"}, host))), "200");
+  EXPECT_EQ(Do(with_host({.method = "GET", .path = "/a/b"}, host)).body, "hello");
+  EXPECT_EQ(GetKey("a/b").body, "hello") << "the path style goes on";
+  EXPECT_EQ(Values(Do(with_host({.method = "GET", .path = "/", .query = "list-type=2"}, host)).body, "Key"),
+            std::vector<std::string>{"a/b"});
+  EXPECT_FALSE(Values(Do(with_host({.method = "GET", .path = "/"}, "s3.example.org")).body, "Buckets").empty());
+  EXPECT_EQ(Outcome(Do(with_host({.method = "GET", .path = "/a/b"}, "none.s3.example.org"))), "404 NoSuchBucket");
+}
+
+TEST_F(S3ServerTest, EachAnswerAndTheLogHaveTheIdOfTheRequest) {
+  const FakeAnswer put = PutKey("k", "hello");
+  const FakeAnswer missing = GetKey("none");
+  for (const FakeAnswer& answer : {put, missing}) {
+    const std::string id = answer.response.headers.at("x-amz-request-id");
+    EXPECT_EQ(id.size(), 16U);
+    const auto lines = log_->Lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
+                            [&id](const Tests::LogLine& line) { return line.text.find(id) != std::string::npos; }));
+  }
+  EXPECT_NE(put.response.headers.at("x-amz-request-id"), missing.response.headers.at("x-amz-request-id"));
+  const std::int32_t handle = http_.NewHandle();
+  CS3Server::Instance().EndRequest(handle, EError::kSlowDown);
+  EXPECT_EQ(http_.WaitForAnswer(handle).response.headers.at("x-amz-request-id").size(), 16U);
 }
 
 TEST_F(S3ServerTest, RefusesWhatIsNotSigned) {
