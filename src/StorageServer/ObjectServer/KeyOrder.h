@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 namespace Tansy::CloudStorage {
 
@@ -76,6 +77,32 @@ class CKeyOrder {
       link = is_beyond ? link->left : link->right;
     }
     return found;
+  }
+
+  // Shows the nodes from there on, in order, until `look` returns false.
+  template <class Look>
+  void ShowFrom(std::string_view key, bool with_key, Look look) const {
+    // Those that come after what lies left of them; the nearest is the last.
+    std::vector<const KeyOrderLink*> beyond;
+    const KeyOrderLink* link = root_;
+    while (link != nullptr) {
+      const int order = CompareKeys(At(link).Name(), key);
+      const bool is_beyond = order > 0 || (order == 0 && with_key);
+      if (is_beyond) {
+        beyond.push_back(link);
+      }
+      link = is_beyond ? link->left : link->right;
+    }
+    while (!beyond.empty()) {
+      link = beyond.back();
+      beyond.pop_back();
+      if (!look(At(link))) {
+        return;
+      }
+      for (link = link->right; link != nullptr; link = link->left) {
+        beyond.push_back(link);
+      }
+    }
   }
 
  private:

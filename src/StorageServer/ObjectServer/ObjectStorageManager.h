@@ -88,6 +88,10 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // when there is none.
   bool FindObjectFrom(ObjectInfo& object, std::string& attributes, const std::string& from, bool with_key,
                       const std::string& bucket_name);
+  // Shows objects from there on, in the order of their keys, until `look` returns false. The record lasts for that
+  // call. What changes meanwhile is shown or not; `look` must not call the catalogue.
+  using ObjectLook = std::function<bool(const ObjectInfo& object, std::string_view attributes)>;
+  void ShowObjectsFrom(const std::string& from, bool with_key, const std::string& bucket_name, const ObjectLook& look);
   // Gives an object attributes unless its bytes are no longer those at `object.url` or it has some already. Returns
   // false when the database refuses.
   bool FillInAttributes(const ObjectInfo& object, const std::string& attributes);

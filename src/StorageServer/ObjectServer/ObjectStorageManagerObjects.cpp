@@ -257,6 +257,30 @@ bool CObjectStorageManager::FindObjectFrom(ObjectInfo& object, std::string& attr
   return table != nullptr && table->FindFrom(from, with_key, copy);
 }
 
+// The locks are given back after each of the batches, because writers wait for them.
+void CObjectStorageManager::ShowObjectsFrom(const std::string& from, bool with_key, const std::string& bucket_name,
+                                            const ObjectLook& look) {
+  constexpr int kBatch = 64;
+  ObjectInfo object;
+  object.bucket_name = bucket_name;
+  object.name = from;
+  for (bool has_more = true; has_more; with_key = false) {
+    int left = kBatch;
+    has_more = false;
+    const auto show = [&](const CPackedObject& stored) {
+      stored.CopyTo(object);
+      const bool goes_on = look(object, stored.Attributes());
+      has_more = goes_on && --left == 0;
+      return goes_on && left > 0;
+    };
+    const std::string last = object.name;
+    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+    if (const CObjectTable* const table = TableOf(bucket_name)) {
+      table->ShowFrom(last, with_key, show);
+    }
+  }
+}
+
 bool CObjectStorageManager::FillInAttributes(const ObjectInfo& object, const std::string& attributes) {
   const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
   ObjectInfo stored;

@@ -96,6 +96,14 @@ class CObjectTable : private TansyBase::CNoncopyable {
     return found != nullptr;
   }
 
+  // Shows the objects from there on, in the order of their keys, until `look` returns false. Nothing changes in the
+  // table meanwhile, so it must not last.
+  template <class Look>
+  void ShowFrom(std::string_view from, bool with_key, Look look) const {
+    const std::lock_guard<std::mutex> lock(order_mutex_);
+    order_.ShowFrom(from, with_key, look);
+  }
+
   // Puts an object in the place of the one of its name, or adds it.
   void Put(CPackedObject::Pointer object) noexcept;
   // Adds an object unless there is one of its name.

@@ -20,8 +20,10 @@ struct ListedObject {
   std::uint64_t size = 0;
 };
 
-// Gives the first object whose key is not less than `from`, or, without `with_key`, greater than it.
-using NextObject = std::function<std::optional<ListedObject>(const std::string& from, bool with_key)>;
+// Shows the objects whose keys are not less than `from`, or, without `with_key`, greater than it, in the order of their
+// keys, until `take` returns false.
+using TakeObject = std::function<bool(ListedObject&& object)>;
+using ShowObjects = std::function<void(const std::string& from, bool with_key, const TakeObject& take)>;
 
 struct ListRequest {
   std::string prefix = {};
@@ -43,7 +45,7 @@ struct Listing {
 
 // Keys that begin alike up to the first delimiter behind the prefix are one entry, which is stepped over and not walked
 // through.
-Listing List(const ListRequest& request, const NextObject& next);
+Listing List(const ListRequest& request, const ShowObjects& show);
 
 // Gives the least text that is greater than every text with this beginning; nothing when there is none.
 std::optional<std::string> Beyond(std::string_view beginning);

@@ -1,5 +1,6 @@
 // Listings of objects.
 #include <algorithm>
+#include <utility>
 
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/S3Server/S3Listing.h"
@@ -44,17 +45,16 @@ Failure ReadToken(ListRequest& list, const std::string& token) {
   return {};
 }
 
-// Names that differ and stand for the same key follow one another; the listing shows the first of them.
-NextObject ObjectsOf(const std::string& bucket) {
-  return [bucket](const std::string& from, bool with_key) -> std::optional<ListedObject> {
-    FoundObject object;
-    std::string attributes;
-    if (!CObjectStorageManager::Instance().FindObjectFrom(object.info, attributes, NameOfKey(from), with_key, bucket)) {
-      return std::nullopt;
-    }
-    object.attributes.etag = attributes.substr(0, attributes.find('\n'));
-    return ListedObject{KeyOfName(object.info.name), object.ETag(), ListedTime(object.info.update_time),
-                        object.info.size};
+ShowObjects ObjectsOf(const std::string& bucket) {
+  return [bucket](const std::string& from, bool with_key, const TakeObject& take) {
+    const auto look = [&take](const ObjectInfo& object, std::string_view attributes) {
+      std::string etag(attributes.substr(0, attributes.find('\n')));
+      if (etag.empty()) {
+        etag = FoundObject{object, {}, 0}.ETag();
+      }
+      return take({KeyOfName(object.name), std::move(etag), ListedTime(object.update_time), object.size});
+    };
+    CObjectStorageManager::Instance().ShowObjectsFrom(NameOfKey(from), with_key, bucket, look);
   };
 }
 
@@ -108,8 +108,8 @@ class CListAnswer {
     xml_.Element("Size", object.size);
     if (with_owner) {
       xml_.Open("Owner");
-      xml_.Element("ID", "admin");
-      xml_.Element("DisplayName", "admin");
+      xml_.Element("ID", kOwner);
+      xml_.Element("DisplayName", kOwner);
       xml_.Close("Owner");
     }
     xml_.Element("StorageClass", "STANDARD");

@@ -71,6 +71,14 @@ TEST(KeyOrder, FindsWhatAMapFinds) {
       });
       const Node* const found = order.FindFrom(from, with_key);
       ASSERT_EQ(found, expected != model.end() ? expected->second.get() : nullptr) << from << " in step " << step;
+      auto next = expected;
+      int left = step % 7;
+      order.ShowFrom(from, with_key, [&](const Node& node) {
+        EXPECT_EQ(&node, next->second.get()) << from << " in step " << step;
+        ++next;
+        return --left > 0;
+      });
+      ASSERT_TRUE(left <= 0 || next == model.end()) << from << " in step " << step;
     }
   }
 }
