@@ -260,7 +260,9 @@ TEST(OptionsTest, ARegionIsAShortName) {
 }
 
 TEST(OptionsTest, ADomainIsAHostName) {
-  EXPECT_EQ(Apply("s3-domain", "s3.example-1.org").first.s3_domain, "s3.example-1.org");
+  HostOptions options;
+  EXPECT_EQ(Apply("s3-domain", "s3.example-1.org", options).first, 0);
+  EXPECT_EQ(options.s3_domain, "s3.example-1.org");
   for (const std::string& name : {std::string(), std::string("S3"), std::string(".org"), std::string("org."),
                                   std::string("a:1"), std::string(254, 'a')}) {
     EXPECT_NE(Apply("s3-domain", name).second, "") << name;
@@ -268,8 +270,11 @@ TEST(OptionsTest, ADomainIsAHostName) {
 }
 
 TEST(OptionsTest, LinksOfVersion2AreTakenOrNot) {
-  EXPECT_FALSE(Apply("s3-v2-links", "off").first.s3_v2_links);
-  EXPECT_TRUE(Apply("s3-v2-links", "on").first.s3_v2_links);
+  HostOptions options;
+  EXPECT_EQ(Apply("s3-v2-links", "off", options).first, 0);
+  EXPECT_FALSE(options.s3_v2_links);
+  EXPECT_EQ(Apply("s3-v2-links", "on", options).first, 0);
+  EXPECT_TRUE(options.s3_v2_links);
   EXPECT_NE(Apply("s3-v2-links", "yes").second, "");
 }
 

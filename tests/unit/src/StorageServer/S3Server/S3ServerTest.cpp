@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -642,6 +644,73 @@ TEST_F(S3ServerTest, RefusesWhatIsNotSigned) {
   const FakeAnswer answer = Do(std::move(msg));
   EXPECT_EQ(Outcome(answer), "403 SignatureDoesNotMatch");
   EXPECT_EQ(Values(answer.body, "RequestId").at(0), answer.response.headers.at("x-amz-request-id"));
+}
+
+// Whoever reads gets the bytes of one upload, with the tag of these bytes.
+TEST_F(S3ServerTest, BothProtocolsWorkOnTheSameKeysAtOnce) {
+  constexpr int kThreads = 6;
+  constexpr int kRounds = 80;
+  const std::string base = "/" + bucket_ + "/";
+  std::atomic<int> torn{0};
+  std::atomic<int> failed{0};
+  const auto check = [&](const FakeAnswer& answer) {
+    if (answer.response.status == 200) {
+      torn += answer.response.headers.at("ETag") == Md5(answer.body) ? 0 : 1;
+    } else {
+      failed += answer.response.status == 404 ? 0 : 1;
+    }
+  };
+  const auto work = [&](int thread) {
+    std::mt19937 random(static_cast<unsigned>(thread));
+    for (int round = 0; round < kRounds; ++round) {
+      const std::string key(1, "abc"[random() % 3]);
+      const std::string body = std::to_string(thread) + "-" + std::to_string(round) + std::string(random() % 300, 'x');
+      switch (random() % 8) {
+        case 0:
+        case 1:
+          failed += PutKey(key, body, {{"Content-Type", body.substr(0, 3)}}).response.status == 200 ? 0 : 1;
+          break;
+        case 2:
+        case 3:
+          failed += Put(base + key, body).response.status == 200 ? 0 : 1;
+          break;
+        case 4:
+          check(GetKey(key));
+          break;
+        case 5:
+          failed += Outcome(List("list-type=2")) == "200" ? 0 : 1;
+          break;
+        case 6:
+          failed += Do({.method = "DELETE", .path = PathOf(key)}).response.status == 204 ? 0 : 1;
+          break;
+        default:
+          Delete(base + key, random() % 2 == 0 ? "deletefile" : "");
+      }
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back(work, i);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(torn, 0);
+  EXPECT_EQ(failed, 0);
+  std::vector<std::string> tags;
+  for (const std::string& key : Values(List("").body, "Key")) {
+    const FakeAnswer got = GetKey(key);
+    EXPECT_EQ(got.response.headers.at("ETag"), Md5(got.body));
+    EXPECT_EQ(Get(base + key).body, got.body);
+    tags.push_back(ToHex(DigestOf(EDigest::kMd5, got.body)));
+  }
+  std::vector<std::string> kept = KeptAttributes();
+  for (std::string& attributes : kept) {
+    attributes.resize(std::min(attributes.size(), attributes.find('\n')));
+  }
+  std::sort(tags.begin(), tags.end());
+  std::sort(kept.begin(), kept.end());
+  EXPECT_EQ(kept, tags) << "memory and database agree";
 }
 
 TEST_F(S3ServerTest, RefusesKeysThatAreTooLong) {
