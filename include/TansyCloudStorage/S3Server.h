@@ -18,8 +18,8 @@ namespace Tansy::CloudStorage {
 // only `download_port` and `https_download_port` count. The callbacks must be those that the object server got.
 struct S3ServerConfig : StorageServerConfig_V1 {
   std::string region = "us-east-1";  // clients sign for this region
-  // Requests to BUCKET.DOMAIN are about that bucket; their paths name keys only. In small letters. Empty: paths name the
-  // bucket whatever the host is.
+  // Requests to BUCKET.DOMAIN are about that bucket; their paths name keys only. In small letters. Empty: paths name
+  // the bucket whatever the host is.
   std::string domain;
   bool v2_links = true;  // links of signature version 2 are taken
 };

@@ -67,9 +67,9 @@ TEST_F(HostOptionsTest, ListensWhereItIsToldAndNowhereElse) {
 TEST_F(HostOptionsTest, TwoServersShareThePortsOfTwoAddresses) {
   ASSERT_TRUE(server_.Start(With({"--listen", "127.0.0.2"})));
   CTansyd second(temp_.GetPath(), "second");
-  Launch launch =
-      With({"--listen", "127.0.0.3", "--object-port", std::to_string(server_.GetObjectPort()), "--picture-port",
-            std::to_string(server_.GetPicturePort()), "--object-https-port", "0", "--picture-https-port", "0", "--s3-port", "0", "--s3-https-port", "0"});
+  Launch launch = With({"--listen", "127.0.0.3", "--object-port", std::to_string(server_.GetObjectPort()),
+                        "--picture-port", std::to_string(server_.GetPicturePort()), "--object-https-port", "0",
+                        "--picture-https-port", "0", "--s3-port", "0", "--s3-https-port", "0"});
   launch.with_ports = false;
   ASSERT_TRUE(second.Start(launch));
   EXPECT_THAT(second.GetReadyLine(), HasSubstr("http://127.0.0.3:" + std::to_string(server_.GetObjectPort())))

@@ -208,12 +208,18 @@ TEST_F(StartStopTest, APortInUseIsOneLineAndHurtsNobody) {
   CTansyd second(temp_.GetPath(), "second");
   Launch launch;
   launch.with_ports = false;
-  launch.arguments = {"--object-port",        std::to_string(server_.GetObjectPort()),
-                      "--picture-port",       std::to_string(second.GetPicturePort()),
-                      "--object-https-port",  "0",
-                      "--picture-https-port", "0",
-                      "--s3-port",            "0",
-                      "--s3-https-port",      "0"};
+  launch.arguments = {"--object-port",
+                      std::to_string(server_.GetObjectPort()),
+                      "--picture-port",
+                      std::to_string(second.GetPicturePort()),
+                      "--object-https-port",
+                      "0",
+                      "--picture-https-port",
+                      "0",
+                      "--s3-port",
+                      "0",
+                      "--s3-https-port",
+                      "0"};
   Ended ended = second.RunToEnd(launch);
   EXPECT_EQ(ended.code, 1);
   EXPECT_THAT(ended.err, AllOf(StartsWith("tansyd: "), HasSubstr(std::to_string(server_.GetObjectPort()))));
