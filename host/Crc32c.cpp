@@ -35,13 +35,46 @@ constexpr std::array<Table, kAtOnce> MakeTables() {
 constexpr std::array<Table, kAtOnce> kTables = MakeTables();
 static_assert(std::endian::native == std::endian::little, "eight bytes are read as one little-endian number");
 
-}  // namespace
-}  // namespace details
+// Some processors have an instruction for this checksum, which is four times as fast as the tables.
+#if defined(__GNUC__) && defined(__x86_64__)
 
-std::uint32_t Crc32c(const char* data, std::size_t size, std::uint32_t before) {
-  const auto& tables = details::kTables;
+bool HasInstruction() {
+  static const bool has = __builtin_cpu_supports("sse4.2") != 0;
+  return has;
+}
+
+__attribute__((target("sse4.2"))) std::uint32_t ByInstruction(const char* data, std::size_t size,
+                                                              std::uint32_t before) {
+  std::uint64_t crc = ~before;
+  for (; size >= kAtOnce; size -= kAtOnce, data += kAtOnce) {
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, data, sizeof bytes);
+    crc = __builtin_ia32_crc32di(crc, bytes);
+  }
+  for (; size > 0; --size, ++data) {
+    crc = __builtin_ia32_crc32qi(static_cast<std::uint32_t>(crc), static_cast<unsigned char>(*data));
+  }
+  return ~static_cast<std::uint32_t>(crc);
+}
+
+#else
+
+bool HasInstruction() {
+  return false;
+}
+
+std::uint32_t ByInstruction(const char* data, std::size_t size, std::uint32_t before) {
+  return Crc32cByTables(data, size, before);
+}
+
+#endif
+
+}  // namespace
+
+std::uint32_t Crc32cByTables(const char* data, std::size_t size, std::uint32_t before) {
+  const auto& tables = kTables;
   std::uint32_t crc = ~before;
-  for (; size >= details::kAtOnce; size -= details::kAtOnce, data += details::kAtOnce) {
+  for (; size >= kAtOnce; size -= kAtOnce, data += kAtOnce) {
     std::uint32_t low = 0;
     std::uint32_t high = 0;
     std::memcpy(&low, data, sizeof low);
@@ -55,6 +88,13 @@ std::uint32_t Crc32c(const char* data, std::size_t size, std::uint32_t before) {
     crc = (crc >> 8) ^ tables[0][(crc ^ static_cast<unsigned char>(*data)) & 0xFF];
   }
   return ~crc;
+}
+
+}  // namespace details
+
+std::uint32_t Crc32c(const char* data, std::size_t size, std::uint32_t before) {
+  return details::HasInstruction() ? details::ByInstruction(data, size, before)
+                                   : details::Crc32cByTables(data, size, before);
 }
 
 }  // namespace Tansy::Host
