@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <string>
+
+#include "TansyBase/Encrypt.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -34,6 +37,48 @@ std::string WithoutTransferCoding(std::string_view encodings) {
     }
   }
   return kept;
+}
+
+// Millions of these texts are in memory, so digests and the names of headers are written short: a digest as the 22
+// letters of its Base64, "content-type" as "4", "x-amz-meta-a" as "-a". Whatever has no short form stays as it is.
+constexpr std::size_t kDigestDigits = 32;
+constexpr std::size_t kDigestLetters = 22;
+constexpr std::string_view kPadding = "==";
+
+std::string ShortTag(const std::string& etag) {
+  if (!IsHex(etag, kDigestDigits) || ToLower(etag) != etag) {
+    return etag;
+  }
+  std::string bytes;
+  for (std::size_t at = 0; at < etag.size(); at += 2) {
+    bytes += PercentDecode("%" + etag.substr(at, 2));
+  }
+  return TansyBase::Encrypt::Base64Encode(bytes).substr(0, kDigestLetters);
+}
+
+std::string LongTag(std::string_view text) {
+  std::string bytes;
+  if (text.size() == kDigestLetters && TansyBase::Encrypt::Base64Decode(std::string(text).append(kPadding), bytes)) {
+    return ToHex(bytes);
+  }
+  return std::string(text);
+}
+
+std::string ShortName(const std::string& name) {
+  if (name.starts_with(kUserPrefix)) {
+    return name.substr(kUserPrefix.size() - 1);
+  }
+  const auto found = std::find(kStandardHeaders.begin(), kStandardHeaders.end(), name);
+  return found != kStandardHeaders.end() ? std::to_string(found - kStandardHeaders.begin()) : name;
+}
+
+std::string LongName(std::string_view text) {
+  if (text.starts_with('-')) {
+    return std::string(kUserPrefix).append(text.substr(1));
+  }
+  const bool is_number =
+      text.size() == 1 && text.front() >= '0' && text.front() < '0' + static_cast<int>(kStandardHeaders.size());
+  return std::string(is_number ? kStandardHeaders[static_cast<std::size_t>(text.front() - '0')] : text);
 }
 
 void AppendEscaped(std::string& text, std::string_view value) {
@@ -86,24 +131,29 @@ Failure CheckUnsupportedHeaders(const LowerHeaders& request) {
 }
 
 std::string ToText(const Attributes& attributes) {
-  std::string text = attributes.etag;
+  std::string text = ShortTag(attributes.etag);
   for (const auto& [name, value] : attributes.headers) {
-    text.append("\n").append(name).append(":");
+    text.append("\n").append(ShortName(name)).append(":");
     AppendEscaped(text, value);
   }
   return text;
 }
 
+std::string ETagOfText(std::string_view text) {
+  return LongTag(text.substr(0, text.find('\n')));
+}
+
 Attributes FromText(std::string_view text) {
   Attributes attributes;
-  attributes.etag = text.substr(0, text.find('\n'));
-  text.remove_prefix(std::min(attributes.etag.size() + 1, text.size()));
+  attributes.etag = ETagOfText(text);
+  text.remove_prefix(std::min(text.find('\n'), text.size()));
   while (!text.empty()) {
+    text.remove_prefix(1);
     const std::string_view line = text.substr(0, text.find('\n'));
-    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    text.remove_prefix(line.size());
     const std::size_t colon = line.find(':');
     if (colon != std::string_view::npos) {
-      attributes.headers[std::string(line.substr(0, colon))] = PercentDecode(line.substr(colon + 1));
+      attributes.headers[LongName(line.substr(0, colon))] = PercentDecode(line.substr(colon + 1));
     }
   }
   return attributes;

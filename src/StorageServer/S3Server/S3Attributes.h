@@ -29,6 +29,8 @@ bool IsPrivateAcl(std::string_view acl);
 // of another form gives no attributes.
 std::string ToText(const Attributes& attributes);
 Attributes FromText(std::string_view text);
+// Gives the entity tag alone.
+std::string ETagOfText(std::string_view text);
 
 }  // namespace Tansy::CloudStorage::S3
 

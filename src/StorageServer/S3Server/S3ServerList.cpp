@@ -48,7 +48,7 @@ Failure ReadToken(ListRequest& list, const std::string& token) {
 ShowObjects ObjectsOf(const std::string& bucket) {
   return [bucket](const std::string& from, bool with_key, const TakeObject& take) {
     const auto look = [&take](const ObjectInfo& object, std::string_view attributes) {
-      std::string etag(attributes.substr(0, attributes.find('\n')));
+      std::string etag = ETagOfText(attributes);
       if (etag.empty()) {
         etag = FoundObject{object, {}, 0}.ETag();
       }

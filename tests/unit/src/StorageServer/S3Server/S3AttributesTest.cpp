@@ -26,6 +26,31 @@ TEST(S3Attributes, ComeBackAsTheyWereGiven) {
   EXPECT_EQ(read.headers.size(), 4U);
 }
 
+// There may be millions of them in memory.
+TEST(S3Attributes, AreShort) {
+  Attributes given;
+  given.etag = "0123456789abcdef0123456789abcdef";
+  given.headers = {{"content-type", "image/jpeg"}, {"x-amz-meta-a", "1"}};
+  EXPECT_EQ(ToText(given), "ASNFZ4mrze8BI0VniavN7w\n4:image/jpeg\n-a:1");
+  EXPECT_EQ(ETagOfText(ToText(given)), given.etag);
+  EXPECT_EQ(FromText(ToText(given)).headers, given.headers);
+}
+
+TEST(S3Attributes, KeepTagsAndNamesOfEveryForm) {
+  for (const std::string& etag :
+       {std::string(32, '0'), std::string(32, 'f'), std::string(32, 'F'), std::string(31, 'a'),
+        std::string(22, 'a') + "-3", std::string("0123456789abcdef0123456789abcdef-10000"), std::string()}) {
+    Attributes given;
+    given.etag = etag;
+    for (const char* name : {"cache-control", "content-disposition", "content-encoding", "content-language",
+                             "content-type", "expires", "x-amz-meta-", "x-amz-meta-content-type", "other", "7"}) {
+      given.headers[name] = name;
+    }
+    EXPECT_EQ(FromText(ToText(given)).etag, etag);
+    EXPECT_EQ(FromText(ToText(given)).headers, given.headers);
+  }
+}
+
 TEST(S3Attributes, ForgetHowTheBodyWasSent) {
   for (const auto& [sent, kept] :
        {std::pair("aws-chunked", ""), std::pair("gzip, AWS-chunked", "gzip"), std::pair("aws-chunked,br", "br")}) {
