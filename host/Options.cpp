@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <sstream>
 #include <type_traits>
 #include <utility>
 
@@ -130,6 +131,29 @@ std::string ApplyDomain(HostOptions& options, const std::string& text) {
   return "";
 }
 
+bool IsOrigin(const std::string& text) {
+  const std::size_t scheme = text.find("://");
+  return text == "*" ||
+         (scheme != std::string::npos && scheme > 0 && scheme + 3 < text.size() &&
+          text.find('/', scheme + 3) == std::string::npos && text.find_first_of(" \t\"") == std::string::npos);
+}
+
+std::string ApplyCorsOrigins(HostOptions& options, const std::string& text) {
+  std::vector<std::string> origins;
+  std::istringstream pieces(text);
+  for (std::string piece; std::getline(pieces, piece, ',');) {
+    if (!IsOrigin(piece)) {
+      return "give origins such as https://example.org, or *";
+    }
+    origins.push_back(piece);
+  }
+  if (origins.empty()) {
+    return "give origins such as https://example.org, or *";
+  }
+  options.s3_cors_origins = std::move(origins);
+  return "";
+}
+
 std::string ApplyV2Links(HostOptions& options, const std::string& text) {
   if (text != "on" && text != "off") {
     return "give on or off";
@@ -213,6 +237,9 @@ const std::vector<OptionRow>& OptionTable() {
       {"s3-domain", "NAME", "host name below which the S3 protocol takes BUCKET.NAME for that bucket [none]",
        details::ApplyDomain},
       {"s3-v2-links", "on|off", "take links that are signed by version 2 [on]", details::ApplyV2Links},
+      {"s3-cors-origin", "ORIGIN",
+       "origin whose web pages may use the S3 protocol, several times if need be, * for all [none]",
+       details::ApplyCorsOrigins, true},
       {"listen", "IP", "address to listen on, several times if need be [all of this machine]", details::ApplyListen,
        true},
       {"local-ip", "IP", "address that best-node answers name [that of this machine, else 127.0.0.1]",

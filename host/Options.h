@@ -23,9 +23,10 @@ struct HostOptions {
   std::string s3_region = "us-east-1";
   std::string s3_domain;  // empty: no host name stands for a bucket
   bool s3_v2_links = true;
-  std::vector<std::string> listen;  // addresses of all listeners; empty stands for all of the machine's
-  std::string local_ip;             // empty: an address of the machine, which is looked up again while tansyd runs
-  std::string wan_ip;               // empty means that no answer names a WAN address
+  std::vector<std::string> s3_cors_origins;  // web pages of these may use the S3 protocol
+  std::vector<std::string> listen;           // addresses of all listeners; empty stands for all of the machine's
+  std::string local_ip;  // empty: an address of the machine, which is looked up again while tansyd runs
+  std::string wan_ip;    // empty means that no answer names a WAN address
   std::uint16_t wan_object_port = 0;
   std::uint16_t wan_picture_port = 0;
   std::uint16_t wan_object_https_port = 0;

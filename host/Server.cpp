@@ -328,6 +328,7 @@ void CServer::StartS3Server(const CloudStorage::StorageServerConfig_V1& config) 
   s3.region = options_.s3_region;
   s3.domain = options_.s3_domain;
   s3.v2_links = options_.s3_v2_links;
+  s3.cors_origins = options_.s3_cors_origins;
   if (CloudStorage::InitS3Server(s3) != 0) {
     details::FailStart("S3 listener");
   }

@@ -8,6 +8,7 @@
 #define TANSY_CLOUD_STORAGE_S3_SERVER_H
 
 #include <string>
+#include <vector>
 
 #include "TansyCloudStorage/Export.h"
 #include "TansyCloudStorage/StorageConfig.h"
@@ -22,6 +23,8 @@ struct S3ServerConfig : StorageServerConfig_V1 {
   // the bucket whatever the host is.
   std::string domain;
   bool v2_links = true;  // links of signature version 2 are taken
+  // Web pages of these origins ("https://example.org") may use the server from a browser; "*" stands for all of them.
+  std::vector<std::string> cors_origins;
 };
 
 // Loads the attributes of objects and opens the listeners. Returns -1 when the attributes cannot be read, else the HTTP

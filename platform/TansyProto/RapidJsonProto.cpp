@@ -281,4 +281,9 @@ std::string CRapidJsonProto::Serialize() const {
   return impl_ ? details::ToText(impl_->document) : "{}";
 }
 
+std::string CRapidJsonProto::Serialize(const std::string& path) const {
+  const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
+  return value != nullptr ? details::ToText(*value) : std::string();
+}
+
 }  // namespace TansyProto

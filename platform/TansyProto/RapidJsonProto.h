@@ -41,6 +41,8 @@ class CRapidJsonProto {
 
   // Gives the document as compact text.
   std::string Serialize() const;
+  // Does so for the value at a path; the text is empty when there is none.
+  std::string Serialize(const std::string& path) const;
 
  private:
   struct Impl;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <random>
 
+#include "StorageServer/S3Server/S3Cors.h"
 #include "StorageServer/S3Server/S3LinkV2.h"
 #include "TansyBase/TimeUtil.h"
 
@@ -37,12 +38,13 @@ std::string MakeRequestId() {
 }
 
 Request::Request(std::int32_t session, const TansyNet::HttpServerRecv& message, const S3ServerConfig& conf)
-    : Recipient{session, MakeRequestId(), message.method, message.url},
+    : Recipient{session, MakeRequestId(), message.method, message.url, {}},
       msg(message),
       config(conf),
       query(ParseQuery(message.query)),
       headers(LowerNames(message.headers)),
       host_bucket(BucketOfHost(ValueOf(headers, "host"), conf.domain)) {
+  readers = AllowedOrigin(conf.cors_origins, ValueOf(headers, "origin"));
   std::string_view path = std::string_view(url).substr(url.starts_with('/') ? 1 : 0);
   if (host_bucket.empty()) {
     const std::string_view name = path.substr(0, path.find('/'));

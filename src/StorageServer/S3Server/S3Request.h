@@ -19,6 +19,8 @@ struct Recipient {
   std::string id;  // for the answer and the log
   std::string method;
   std::string url;  // as it was sent
+  // The web pages that may read the answer, as Access-Control-Allow-Origin names them; empty: none.
+  std::string readers = {};
 };
 
 // A request on its way through dispatch and handler. Message and configuration outlive it.

@@ -2,8 +2,8 @@
 //
 // It serves the objects of the catalogue that the object server loads, through the same storage callbacks. The bodies
 // stand in files named after their theme: S3Server.cpp (lifecycle), S3ServerDispatch.cpp (intake, routing, answers),
-// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerETag.cpp, S3ServerList.cpp, S3ServerAbsent.cpp; the
-// error table is S3Errors.h.
+// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerETag.cpp, S3ServerList.cpp, S3ServerAbsent.cpp,
+// S3ServerForm.cpp; the error table is S3Errors.h.
 //
 // Threads: any. Handlers run in parallel on the threads of the message loop that all servers share. Errors: nothing
 // throws; failures are answered.
@@ -94,12 +94,16 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void PutObject(const Request& request);
   static void GetObject(const Request& request);
   static void DeleteObject(const Request& request);
+  static void PostObject(const Request& request);
   static void GetAcl(const Request& request);
   static void PutAcl(const Request& request);
   static void GetAbsent(const Request& request);
   static void DeleteAbsent(const Request& request);
 
   // Parts of the handlers.
+  // Answers the question of a browser whether a page may send a request.
+  static void AnswerPreflight(const Request& request);
+  static bool IsForm(const Request& request);
   // Says what is missing when the bucket's object that a request is about is not there.
   static Failure ExpectTarget(const Request& request);
   // Takes a body that came with its request, and compares it with its digests.
@@ -146,7 +150,7 @@ void AnswerXml(const Recipient& to, const std::string& xml);
 // Answers without a body.
 void AnswerEmpty(const Recipient& to, std::int32_t status, const TansyNet::Headers& headers = {});
 // Gives an answer what every answer has. The content type is empty.
-TansyNet::HttpResponse MakeResponse(const std::string& request_id, std::int32_t status);
+TansyNet::HttpResponse MakeResponse(const Recipient& to, std::int32_t status);
 // Writes the time of a row as listings show it.
 std::string ListedTime(const std::string& update_time);
 

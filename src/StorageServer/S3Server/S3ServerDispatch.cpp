@@ -11,6 +11,7 @@
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
 #include "StorageServer/S3Server/S3AbsentFeatures.h"
+#include "StorageServer/S3Server/S3Cors.h"
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3ServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
@@ -219,6 +220,14 @@ void CS3Server::Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg)
   const auto config = conf_.Load();
   Request request(handle, msg, *config);
   LogRequest(request);
+  if (request.method == "OPTIONS") {
+    AnswerPreflight(request);
+    return;
+  }
+  if (IsForm(request)) {
+    PostObject(request);
+    return;
+  }
   const Route* route = nullptr;
   Failure failure = request.Check();
   if (!failure) {
@@ -236,23 +245,33 @@ void CS3Server::Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg)
   route->handler(request);
 }
 
+// Nobody signs such a question. The request itself is signed like any other.
+void CS3Server::AnswerPreflight(const Request& request) {
+  if (request.readers.empty() || ValueOf(request.headers, "access-control-request-method").empty()) {
+    AnswerFailure(request, {EError::kAccessDenied, "Pages of this origin may not use this server."});
+    return;
+  }
+  AnswerEmpty(request, 200, PreflightHeaders(request.headers));
+}
+
 void CS3Server::EndRequest(std::int32_t handle, EError error) noexcept {
   try {
     CUploads::Instance().Remove(handle);
     CBigFileStreamMgr::Instance().EndStream(StreamId(handle), StreamEnd::kAnswered);
-    AnswerFailure({handle, MakeRequestId(), {}, {}}, error);
+    AnswerFailure({handle, MakeRequestId(), {}, {}, {}}, error);
   } catch (const std::exception& problem) {
     CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", problem.what(), handle);
   }
 }
 
-TansyNet::HttpResponse MakeResponse(const std::string& request_id, std::int32_t status) {
+TansyNet::HttpResponse MakeResponse(const Recipient& to, std::int32_t status) {
   TansyNet::HttpResponse response;
   response.status = status;
   response.content_type.clear();
   response.cache_control.clear();
   response.headers["Date"] = TansyBase::HttpDate::Format(TansyBase::TimeUtil::Now(), '0');
-  response.headers["x-amz-request-id"] = request_id;
+  response.headers["x-amz-request-id"] = to.id;
+  AddCorsHeaders(response.headers, to.readers);
   return response;
 }
 
@@ -260,19 +279,19 @@ void AnswerFailure(const Recipient& to, const Failure& failure) {
   CLOUD_LOG(logging::kNotable, "[%s]request %s, %s %s: %s, %s[%s(%d)]", to.id.c_str(), to.method.c_str(),
             to.url.c_str(), std::string(NameOf(failure.error)).c_str(), std::string(MessageOf(failure)).c_str());
   const std::string body = ErrorXml(failure, PercentDecode(to.url), to.id);
-  TansyNet::HttpResponse response = MakeResponse(to.id, StatusOf(failure.error));
+  TansyNet::HttpResponse response = MakeResponse(to, StatusOf(failure.error));
   response.content_type = kXmlType;
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(body.size()), body.data());
 }
 
 void AnswerXml(const Recipient& to, const std::string& xml) {
-  TansyNet::HttpResponse response = MakeResponse(to.id, 200);
+  TansyNet::HttpResponse response = MakeResponse(to, 200);
   response.content_type = kXmlType;
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(xml.size()), xml.data());
 }
 
 void AnswerEmpty(const Recipient& to, std::int32_t status, const TansyNet::Headers& headers) {
-  TansyNet::HttpResponse response = MakeResponse(to.id, status);
+  TansyNet::HttpResponse response = MakeResponse(to, status);
   response.headers.insert(headers.begin(), headers.end());
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, 0, "");
 }

@@ -47,7 +47,7 @@ std::string HeaderOf(const Request& request, const FoundObject& object, std::str
 
 TansyNet::HttpResponse ObjectResponse(const Request& request, const FoundObject& object, const AskedRange& range) {
   const bool is_part = range.kind == ERange::kPart;
-  TansyNet::HttpResponse response = MakeResponse(request.id, is_part ? 206 : 200);
+  TansyNet::HttpResponse response = MakeResponse(request, is_part ? 206 : 200);
   for (const auto& [name, value] : object.attributes.headers) {
     if (name.starts_with("x-amz-meta-")) {
       response.headers[name] = value;

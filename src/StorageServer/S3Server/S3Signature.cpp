@@ -392,4 +392,25 @@ Failure CheckSignature(Signed& result, const RequestToSign& request, const Ident
   return CheckCoverage(claim, request.headers);
 }
 
+Failure CheckSignedText(std::string_view text, std::string_view credential, std::string_view signature,
+                        const Identity& identity) {
+  Claim claim;
+  claim.is_link = true;
+  if (!ParseCredential(claim, credential)) {
+    return Malformed(claim, "The credential must be KEY/DATE/REGION/s3/aws4_request.");
+  }
+  claim.timestamp = claim.date;
+  if (Failure failure = CheckScope(claim, identity)) {
+    return failure;
+  }
+  if (!EqualInConstantTime(Sign(SigningKey(identity.secret_key, claim.date, claim.region), text), signature)) {
+    Failure failure = EError::kSignatureDoesNotMatch;
+    failure.details.emplace_back("AWSAccessKeyId", claim.access_key);
+    failure.details.emplace_back("StringToSign", text);
+    failure.details.emplace_back("SignatureProvided", signature);
+    return failure;
+  }
+  return {};
+}
+
 }  // namespace Tansy::CloudStorage::S3

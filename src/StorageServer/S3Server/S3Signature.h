@@ -50,6 +50,11 @@ struct Signed {
 // A request without a signature is denied, and so is every request when the access key or the secret key is empty.
 Failure CheckSignature(Signed& result, const RequestToSign& request, const Identity& identity, std::time_t now);
 
+// Checks a text that is signed by itself, such as the policy of a form. `credential` is
+// "KEY/DATE/REGION/s3/aws4_request".
+Failure CheckSignedText(std::string_view text, std::string_view credential, std::string_view signature,
+                        const Identity& identity);
+
 // The steps of a signature.
 
 // Gives the text whose digest is signed. `signed_headers` are lower-case names in order; `payload` is the last line.

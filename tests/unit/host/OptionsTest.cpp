@@ -67,6 +67,7 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"s3-region", "us-east-1"},
                                                        {"s3-domain", "none"},
                                                        {"s3-v2-links", "on"},
+                                                       {"s3-cors-origin", "none"},
                                                        {"listen", "all of this machine"},
                                                        {"local-ip", "else 127.0.0.1"},
                                                        {"wan-ip", "none"},
@@ -266,6 +267,17 @@ TEST(OptionsTest, ADomainIsAHostName) {
   for (const std::string& name : {std::string(), std::string("S3"), std::string(".org"), std::string("org."),
                                   std::string("a:1"), std::string(254, 'a')}) {
     EXPECT_NE(Apply("s3-domain", name).second, "") << name;
+  }
+}
+
+TEST(OptionsTest, OriginsAreWrittenAsBrowsersSendThem) {
+  HostOptions options;
+  EXPECT_EQ(Apply("s3-cors-origin", "https://a.org,http://b:81", options).first, 0);
+  EXPECT_EQ(options.s3_cors_origins, (std::vector<std::string>{"https://a.org", "http://b:81"}));
+  EXPECT_EQ(Apply("s3-cors-origin", "*", options).first, 0);
+  EXPECT_EQ(options.s3_cors_origins, std::vector<std::string>{"*"});
+  for (const char* origin : {"", "a.org", "https://", "https://a.org/", "://a", "https://a b"}) {
+    EXPECT_NE(Apply("s3-cors-origin", origin).second, "") << origin;
   }
 }
 

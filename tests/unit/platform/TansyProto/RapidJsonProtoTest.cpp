@@ -256,5 +256,15 @@ TEST_P(RapidJsonProtoRandomTest, DamagedDocumentsDoNoHarm) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, RapidJsonProtoRandomTest, testing::Range(1U, 21U));
 
+TEST(RapidJsonProtoTest, GivesTheTextOfOneValue) {
+  CRapidJsonProto document;
+  ASSERT_TRUE(document.Parse(R"({"a": [["b", 1], {"c": "d"}], "e": "f"})"));
+  EXPECT_EQ(document.Serialize("/a[1]"), R"(["b",1])");
+  EXPECT_EQ(document.Serialize("/a[2]"), R"({"c":"d"})");
+  EXPECT_EQ(document.Serialize("/e"), R"("f")");
+  EXPECT_EQ(document.Serialize("/a[3]"), "");
+  EXPECT_EQ(document.Serialize("/g"), "");
+}
+
 }  // namespace
 }  // namespace TansyProto

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -20,6 +21,7 @@
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/S3Server/S3Digest.h"
 #include "StorageServer/S3Server/S3Uploads.h"
+#include "TansyBase/Encrypt.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyCloudStorage/ObjectServer.h"
 
@@ -117,12 +119,12 @@ class S3ServerTest : public CObjectServerTest {
     return http_.WaitForAnswer(handle);
   }
 
-  // What the database keeps of objects of this test's bucket.
-  std::vector<std::string> KeptAttributes() const {
+  // The entity tags that the database keeps of objects of this test's bucket.
+  std::vector<std::string> KeptTags() const {
     std::vector<std::string> kept;
     EXPECT_TRUE(CObjectServerSession::QueryAttributes([&](const ObjectInfo& object, std::string_view attributes) {
       if (object.bucket_name == bucket_) {
-        kept.emplace_back(attributes);
+        kept.push_back(ETagOfText(attributes));
       }
     }));
     return kept;
@@ -222,7 +224,7 @@ TEST_F(S3ServerTest, ForgetsTheAttributesOfBytesThatAnotherProtocolReplaced) {
   EXPECT_EQ(got.body, "second");
   EXPECT_EQ(got.response.headers.at("Content-Type"), "binary/octet-stream");
   EXPECT_EQ(got.response.headers.at("ETag"), Md5("second"));
-  EXPECT_EQ(KeptAttributes(), std::vector<std::string>{ToHex(DigestOf(EDigest::kMd5, "second"))});
+  EXPECT_EQ(KeptTags(), std::vector<std::string>{ToHex(DigestOf(EDigest::kMd5, "second"))});
 }
 
 TEST_F(S3ServerTest, ComputesTheTagOfAnotherProtocolsObjectOnce) {
@@ -242,7 +244,7 @@ TEST_F(S3ServerTest, ComputesTheTagOfAnotherProtocolsObjectOnce) {
     EXPECT_TRUE(GetKey(key).body == bytes);
     EXPECT_EQ(GetKey(key, {{"If-None-Match", Md5(bytes)}}).response.status, 304);
   }
-  EXPECT_EQ(KeptAttributes().size(), 4U);
+  EXPECT_EQ(KeptTags().size(), 4U);
 }
 
 TEST_F(S3ServerTest, NeverKeepsTheTagOfBytesThatWereReplacedMeanwhile) {
@@ -259,7 +261,7 @@ TEST_F(S3ServerTest, NeverKeepsTheTagOfBytesThatWereReplacedMeanwhile) {
     GetKey("k");
     storage_.SetHook(nullptr);
     EXPECT_TRUE(is_replaced);
-    EXPECT_EQ(KeptAttributes(), std::vector<std::string>{}) << "of the bytes before";
+    EXPECT_EQ(KeptTags(), std::vector<std::string>{}) << "of the bytes before";
     const FakeAnswer got = GetKey("k");
     EXPECT_TRUE(got.body == after);
     EXPECT_EQ(got.response.headers.at("ETag"), Md5(after));
@@ -646,6 +648,96 @@ TEST_F(S3ServerTest, RefusesWhatIsNotSigned) {
   EXPECT_EQ(Values(answer.body, "RequestId").at(0), answer.response.headers.at("x-amz-request-id"));
 }
 
+// A form as browsers send it, with a policy that allows it.
+TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& bucket, const std::string& body,
+                              std::vector<std::pair<std::string, std::string>> fields) {
+  const std::string credential = std::string("access-key/") + kDay + "/us-east-1/s3/aws4_request";
+  fields.insert(fields.end(), {{"x-amz-algorithm", "AWS4-HMAC-SHA256"}, {"x-amz-credential", credential}});
+  std::string policy = R"({"expiration": "2026-11-03T09:00:00Z", "conditions": [{"bucket": ")" + bucket + "\"}";
+  for (const auto& [name, value] : fields) {
+    policy += R"(, {")" + name + R"(": ")" + value + "\"}";
+  }
+  policy = TansyBase::Encrypt::Base64Encode(policy + "]}");
+  fields.emplace_back("policy", policy);
+  fields.emplace_back("x-amz-signature", Sign(SigningKey("secret-key", kDay, "us-east-1"), policy));
+  std::string text;
+  for (const auto& [name, value] : fields) {
+    text += "--edge\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+  }
+  text +=
+      "--edge\r\nContent-Disposition: form-data; name=\"file\"; filename=\"a.txt\"\r\n\r\n" + body + "\r\n--edge--\r\n";
+  msg.body_size = static_cast<std::uint32_t>(text.size());
+  msg.content_length = msg.body_size;
+  msg.body = std::make_shared<const std::string>(std::move(text));
+  msg.headers["Content-Type"] = "multipart/form-data; boundary=edge";
+  return msg;
+}
+
+TEST_F(S3ServerTest, StoresAForm) {
+  const TansyNet::HttpServerRecv empty = Message({"POST", "/" + bucket_, {}, {}, {}});
+  const FakeAnswer plain = Do(Form(empty, bucket_, "hello", {{"key", "up/${filename}"}, {"Content-Type", "text/x-y"}}));
+  EXPECT_EQ(Outcome(plain), "204") << plain.body;
+  EXPECT_EQ(plain.response.headers.at("ETag"), Md5("hello"));
+  const FakeAnswer got = GetKey("up/a.txt");
+  EXPECT_EQ(got.body, "hello");
+  EXPECT_EQ(got.response.headers.at("Content-Type"), "text/x-y");
+  const FakeAnswer told = Do(Form(empty, bucket_, "again", {{"key", "k"}, {"success_action_status", "201"}}));
+  EXPECT_EQ(told.response.status, 201);
+  EXPECT_EQ(Values(told.body, "Location"), std::vector<std::string>{PathOf("k")});
+  EXPECT_EQ(GetKey("k").body, "again");
+  const FakeAnswer sent_on =
+      Do(Form(empty, bucket_, "third", {{"key", "k"}, {"success_action_redirect", "https://a.org/done"}}));
+  EXPECT_EQ(sent_on.response.status, 303);
+  EXPECT_EQ(sent_on.response.headers.at("Location"),
+            "https://a.org/done?bucket=" + bucket_ + "&key=k&etag=" + PercentEncode(Md5("third")));
+}
+
+TEST_F(S3ServerTest, RefusesFormsThatAreNotAllowed) {
+  const TansyNet::HttpServerRecv empty = Message({"POST", "/" + bucket_, {}, {}, {}});
+  EXPECT_EQ(Outcome(Do(Form(empty, "another", "x", {{"key", "k"}}))), "403 AccessDenied");
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "x", {{"acl", "private"}}))), "400 InvalidArgument") << "no key";
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "x", {{"key", "k"}, {"acl", "public-read"}}))), "501 NotImplemented");
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "x", {{"key", std::string(1025, 'k')}}))), "400 KeyTooLongError");
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "x", {{"key", "k"}, {"Content-MD5", "AAAAAAAAAAAAAAAAAAAAAA=="}}))),
+            "400 BadDigest");
+  const TansyNet::HttpServerRecv nowhere = Message({"POST", "/no-such-bucket", {}, {}, {}});
+  EXPECT_EQ(Outcome(Do(Form(nowhere, "no-such-bucket", "x", {{"key", "k"}}))), "404 NoSuchBucket");
+  Database().FailStatementsWith("INSERT INTO platform.local_object ");
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "x", {{"key", "k"}}))), "500 InternalError");
+  Database().Heal();
+  EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
+}
+
+TEST_F(S3ServerTest, LetsPagesOfListedOriginsUseIt) {
+  S3ServerConfig config = S3Config();
+  config.cors_origins = {"https://a.org"};
+  CS3Server::Instance().Init(config);
+  const TansyNet::Headers question = {{"Origin", "https://a.org"},
+                                      {"Access-Control-Request-Method", "PUT"},
+                                      {"Access-Control-Request-Headers", "content-type,x-amz-meta-a"}};
+  const FakeAnswer may = Do(Message({"OPTIONS", PathOf("k"), {}, {}, question}));
+  EXPECT_EQ(may.response.status, 200);
+  EXPECT_EQ(may.response.headers.at("Access-Control-Allow-Origin"), "https://a.org");
+  EXPECT_NE(may.response.headers.at("Access-Control-Allow-Methods").find("PUT"), std::string::npos);
+  EXPECT_EQ(may.response.headers.at("Access-Control-Allow-Headers"), "content-type,x-amz-meta-a");
+  PutKey("k", "hello");
+  for (const char* const key : {"k", "none"}) {
+    const FakeAnswer got = GetKey(key, {{"Origin", "https://a.org"}});
+    EXPECT_EQ(got.response.headers.at("Access-Control-Allow-Origin"), "https://a.org") << key;
+    EXPECT_NE(got.response.headers.at("Access-Control-Expose-Headers").find("ETag"), std::string::npos);
+    EXPECT_EQ(got.response.headers.at("Vary"), "Origin");
+  }
+  EXPECT_FALSE(GetKey("k", {{"Origin", "https://b.org"}}).response.headers.contains("Access-Control-Allow-Origin"));
+  EXPECT_FALSE(GetKey("k").response.headers.contains("Access-Control-Allow-Origin"));
+  EXPECT_EQ(
+      Outcome(Do(Message(
+          {"OPTIONS", PathOf("k"), {}, {}, {{"Origin", "https://b.org"}, {"Access-Control-Request-Method", "PUT"}}}))),
+      "403 AccessDenied");
+  config.cors_origins = {"*"};
+  CS3Server::Instance().Init(config);
+  EXPECT_EQ(GetKey("k", {{"Origin", "https://b.org"}}).response.headers.at("Access-Control-Allow-Origin"), "*");
+}
+
 // Whoever reads gets the bytes of one upload, with the tag of these bytes.
 TEST_F(S3ServerTest, BothProtocolsWorkOnTheSameKeysAtOnce) {
   constexpr int kThreads = 6;
@@ -704,10 +796,7 @@ TEST_F(S3ServerTest, BothProtocolsWorkOnTheSameKeysAtOnce) {
     EXPECT_EQ(Get(base + key).body, got.body);
     tags.push_back(ToHex(DigestOf(EDigest::kMd5, got.body)));
   }
-  std::vector<std::string> kept = KeptAttributes();
-  for (std::string& attributes : kept) {
-    attributes.resize(std::min(attributes.size(), attributes.find('\n')));
-  }
+  std::vector<std::string> kept = KeptTags();
   std::sort(tags.begin(), tags.end());
   std::sort(kept.begin(), kept.end());
   EXPECT_EQ(kept, tags) << "memory and database agree";
