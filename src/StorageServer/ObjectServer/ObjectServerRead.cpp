@@ -11,6 +11,7 @@
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ObjectServer/PieceList.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/ServerComm.h"
 #include "TansyNet/MemoryAccount.h"
@@ -282,6 +283,10 @@ bool CObjectServer::GetInternalURLByObjectUrl(std::string& internal_url, const s
               bucket.c_str(), key.c_str());
     return false;
   }
+  if (details::IsPieceList(object.url)) {
+    CLOUD_LOG(logging::kError, "[%s]object[%s] has no single location.[%s(%d)]", object_url.c_str());
+    return false;
+  }
   internal_url = object.url;
   return true;
 }
@@ -303,7 +308,7 @@ int CObjectServer::CheckObjectRequestValid(std::string& internal_url, std::strin
   if (const int error = OpenToRead(request); error != 0) {
     return error;
   }
-  if (details::IsPicture(request.object)) {
+  if (details::IsPicture(request.object) || details::IsPieceList(request.object.url)) {
     return kUrlNotSupport;
   }
   internal_url = details::LocationText(request.bucket, request.object.url);

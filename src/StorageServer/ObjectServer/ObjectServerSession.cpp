@@ -1,10 +1,12 @@
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 
+#include <iterator>
 #include <memory>
 #include <utility>
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/BaseDBConn.h"
+#include "StorageServer/ObjectServer/PieceList.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyBase/TimeUtil.h"
 #include "db_layer/DbLayer.h"
@@ -54,11 +56,38 @@ std::string InsertAttributesText(std::uint32_t object_id, const std::string& att
       ToInt(object_id), Protect(attributes).c_str());
 }
 
+// Gives what has to happen before an upload's parts become an object. The first statement waits for whoever changes the
+// upload at this moment. Parts that are not among the object's pieces go while the upload is still there, so that the
+// schema releases their bytes.
+std::vector<std::string> BeforePieces(const std::string& owner, const std::string& url) {
+  std::string list;
+  for (const Piece& piece : ReadPieceList(url)) {
+    list += (list.empty() ? "'" : ",'") + Protect(piece.url) + "'";
+  }
+  return {"UPDATE platform.local_upload SET update_time = update_time WHERE object_url = '" + owner + "'",
+          "DELETE FROM platform.local_upload_part WHERE object_url = '" + owner + "' AND url NOT IN (" + list + ")"};
+}
+
+// Gives what has to happen afterwards: the upload goes, its remaining parts stay and name the object's bytes.
+std::vector<std::string> AfterPieces(const std::string& owner, const ObjectInfo& object) {
+  return {"UPDATE platform.local_object SET pieces = '" + Protect(std::string(PiecesOf(object.url))) +
+              "' WHERE id = " + std::to_string(ToInt(object.id)),
+          "DELETE FROM platform.local_upload WHERE object_url = '" + owner + "'"};
+}
+
 // Gives a change of an object and what belongs to it, to be done in one step.
-std::vector<std::string> WithExtras(std::string sql, std::uint32_t object_id, const ObjectExtras& extras) {
-  std::vector<std::string> statements{std::move(sql)};
+std::vector<std::string> WithExtras(std::string sql, const ObjectInfo& object, const ObjectExtras& extras) {
+  std::vector<std::string> statements;
+  std::vector<std::string> after;
+  if (IsPieceList(object.url)) {
+    const std::string owner = Protect(std::string(PieceOwnerOf(object.url)));
+    statements = BeforePieces(owner, object.url);
+    after = AfterPieces(owner, object);
+  }
+  statements.push_back(std::move(sql));
+  statements.insert(statements.end(), std::make_move_iterator(after.begin()), std::make_move_iterator(after.end()));
   if (!extras.attributes.empty()) {
-    statements.push_back(InsertAttributesText(object_id, extras.attributes));
+    statements.push_back(InsertAttributesText(object.id, extras.attributes));
   }
   if (!extras.ended_task.empty()) {
     statements.push_back(DeleteTaskText(extras.ended_task));
@@ -73,13 +102,13 @@ std::string InsertText(const ObjectInfo& object) {
       "VALUES (%d, '%s', '%s', "
       "'%s', %d, '%s', '%s') ",
       ToInt(object.id), Protect(object.guid).c_str(), Protect(object.name).c_str(), Protect(object.bucket_name).c_str(),
-      ToInt(object.size), object.update_time.c_str(), object.url.c_str());
+      ToInt(object.size), object.update_time.c_str(), std::string(PieceOwnerOf(object.url)).c_str());
 }
 
 std::string UpdateText(const ObjectInfo& object) {
   return StringUtil::str_fmt("UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;",
-                             ToInt(object.size), Protect(object.update_time).c_str(), Protect(object.url).c_str(),
-                             ToInt(object.id));
+                             ToInt(object.size), Protect(object.update_time).c_str(),
+                             Protect(std::string(PieceOwnerOf(object.url))).c_str(), ToInt(object.id));
 }
 
 std::string DeleteObjectsText(const std::string& bucket_name) {
@@ -113,10 +142,11 @@ BucketInfo ReadBucket(db_layer::CConnect& row) {
   return bucket;
 }
 
-// The columns of an object, in the order in which ReadObject counts them.
+// The columns of an object, in the order in which ReadObject counts them. A host whose schema has no pieces shows empty
+// ones.
 const std::vector<std::string>& ObjectColumns() {
   static const auto& columns =
-      *new std::vector<std::string>{"id", "guid", "name", "bucket_name", "update_time", "url", "size"};
+      *new std::vector<std::string>{"id", "guid", "name", "bucket_name", "update_time", "url", "size", "pieces"};
   return columns;
 }
 
@@ -128,6 +158,9 @@ void ReadObject(ObjectInfo& object, const db_layer::IRow& row) {
   object.bucket_name = row.GetText(3);
   object.update_time = row.GetText(4);
   object.url = row.GetText(5);
+  if (IsPieceList(object.url)) {
+    object.url.append("=").append(row.GetText(7));
+  }
   object.size = static_cast<std::uint32_t>(row.GetInt(6));
 }
 
@@ -247,7 +280,7 @@ bool CObjectServerSession::QueryBucketTimes(std::map<std::string, std::string>& 
 
 bool CObjectServerSession::CreateObject(ObjectInfo& object, const ObjectExtras& extras) {
   return TakeObjectId(object, CLOUD_LOG_CALLER) &&
-         CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object.id, extras));
+         CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object, extras));
 }
 
 void CObjectServerSession::CreateObject(ObjectInfo& object, const ObjectExtras& extras, Done done) {
@@ -255,7 +288,7 @@ void CObjectServerSession::CreateObject(ObjectInfo& object, const ObjectExtras& 
     done(false);
     return;
   }
-  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object.id, extras),
+  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object, extras),
                                        std::move(done));
 }
 
@@ -271,11 +304,11 @@ bool CObjectServerSession::TakeObjectId(ObjectInfo& object, const details::Calle
 }
 
 bool CObjectServerSession::UpdateObject(const ObjectInfo& object, const ObjectExtras& extras) {
-  return CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::UpdateText(object), object.id, extras));
+  return CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::UpdateText(object), object, extras));
 }
 
 void CObjectServerSession::UpdateObject(const ObjectInfo& object, const ObjectExtras& extras, Done done) {
-  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::UpdateText(object), object.id, extras),
+  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::UpdateText(object), object, extras),
                                        std::move(done));
 }
 

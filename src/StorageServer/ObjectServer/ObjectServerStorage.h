@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "StorageServer/HostBuffer.h"
 #include "TansyCloudStorage/StorageConfig.h"
@@ -18,10 +19,15 @@ inline constexpr int kStorageFull = 3;
 // Gives the text by which the host finds bytes: "pool_name:" + bucket + ";" + what the host left when it stored them.
 std::string LocationText(std::string_view bucket, std::string_view url = {});
 
+// Gives the locations by which the host finds the bytes at a location: those of the pieces when they are stored in
+// pieces, else the location itself.
+std::vector<std::string> HostLocations(const std::string& location);
+
 // Each calls the callback of its name; a host that did not supply it gets kServerInternalError as the result.
 int SaveObject(const StorageServerConfig& config, std::string& location, std::string_view data);
 int StreamSave(StreamSaveCallback callback, std::string_view data, std::uint32_t offset, std::string& location);
 int ReadObject(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, const std::string& location);
+// Reads bytes that are stored in pieces too: the host is then asked for each piece by its own location.
 int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
               const std::string& location);
 int RemoveStored(const StorageServerConfig& config, const std::string& location);

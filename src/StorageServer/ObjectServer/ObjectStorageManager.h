@@ -59,6 +59,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool RemoveBucket(const std::set<std::uint32_t>& ids);
   bool GetBucketByName(BucketInfo& bucket, const std::string& name);
   bool GetBucketList(std::map<std::string, BucketInfo>& buckets);
+  // Gives the name that rows use for a bucket.
+  std::string RowName(const std::string& bucket_name);
 
   bool RemoveObjectByBucket(std::uint32_t bucket_id);
   // Adds an object or updates the object of that name. Parallel calls for one name are serialised, so that memory and
@@ -111,7 +113,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // With `remove_file` the object's stored bytes are freed too, in one step with the row: an upload of that name
   // happens either wholly before or wholly after it. The function is called at most once, with what GetObjectFile
   // gives, and must not call the catalogue; when it refuses or throws, the object stays. The result is then false, or
-  // the exception leaves this method.
+  // the exception leaves this method. For an object whose bytes are stored in pieces the function is called for each of
+  // them; then only the first call decides.
   bool RemoveObject(const std::string& object_name, const std::string& bucket_name, const RemoveFile& remove_file = {});
   // Gives the storage path behind an object's location text, for removal.
   bool GetObjectFile(std::string& path, const std::string& object_name, const std::string& bucket_name);
@@ -160,7 +163,6 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   [[nodiscard]] std::unique_lock<std::mutex> LockBucketChanges();
   bool IsNameTaken(const std::string& name);
   bool IsNameTakenByAnother(const BucketInfo& bucket);
-  std::string RowName(const std::string& bucket_name);
 
   // A bucket with its objects; there is no table before the first one.
   struct Bucket {

@@ -8,6 +8,7 @@
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/PieceList.h"
 #include "TansyBase/StringUtil.h"
 
 namespace Tansy::CloudStorage {
@@ -29,7 +30,7 @@ constexpr std::size_t kVolumeKeyLength = 4;
 // Turns the location text of a stored file into its path: the volume's path behind the first four characters, then the
 // rest with its dashes as separators.
 bool ResolveFilePath(std::string& path, const std::string& url) {
-  if (!url.ends_with(kFileSuffix)) {
+  if (!url.ends_with(kFileSuffix) || IsPieceList(url)) {
     return false;
   }
   std::string volume;
@@ -38,6 +39,41 @@ bool ResolveFilePath(std::string& path, const std::string& url) {
   }
   const std::string_view rest = url.size() > kVolumeKeyLength ? std::string_view(url).substr(kVolumeKeyLength) : "";
   path = volume + TansyBase::StringUtil::StringReplace(rest, "-", "\\");
+  return true;
+}
+
+std::vector<std::string> FilesOfPieces(const std::string& url) {
+  std::vector<std::string> files;
+  for (const Piece& piece : ReadPieceList(url)) {
+    if (std::string path; ResolveFilePath(path, piece.url)) {
+      files.push_back(std::move(path));
+    }
+  }
+  return files;
+}
+
+bool RemoveAnother(const std::string& file, const CObjectStorageManager::RemoveFile& remove_file) {
+  try {
+    return remove_file(file);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// Returns false, or throws, when nothing was removed. Once a file is gone, the object cannot stay; what is then left of
+// the others belongs to no object and can be found and freed.
+bool RemoveFiles(const std::vector<std::string>& files, const CObjectStorageManager::RemoveFile& remove_file) {
+  if (files.empty()) {
+    return true;
+  }
+  if (!remove_file(files.front())) {
+    return false;
+  }
+  for (std::size_t i = 1; i < files.size(); ++i) {
+    if (!RemoveAnother(files[i], remove_file)) {
+      CLOUD_LOG(logging::kError, "[%s]remove file[%s] failed.[%s(%d)]", files[i].c_str());
+    }
+  }
   return true;
 }
 
@@ -301,7 +337,7 @@ bool CObjectStorageManager::LoadAttributes() {
   const auto take = [this](const ObjectInfo& row, std::string_view attributes) {
     const auto name_lock = object_locks_.Lock(row.bucket_name, row.name);
     ObjectInfo stored;
-    if (FindObject(stored, row.name, row.bucket_name) && stored.url == row.url) {
+    if (FindObject(stored, row.name, row.bucket_name) && details::PieceOwnerOf(stored.url) == row.url) {
       Publish(row.bucket_name, CPackedObject::Make(stored, attributes));
     }
   };
@@ -322,12 +358,17 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   // The removal must not come between the look-up and the update of an upload of the same name, because the upload
   // would then fail for no good reason and leave its bytes behind.
   const auto name_lock = object_locks_.Lock(bucket_name, object_name);
-  std::string path;
-  const bool has_file = remove_file && GetObjectFile(path, object_name, bucket_name);
+  std::vector<std::string> files;
+  if (std::string path; remove_file && GetObjectFile(path, object_name, bucket_name)) {
+    files.push_back(std::move(path));
+  }
   ObjectInfo object;
   std::string attributes;
   if (!FindObject(object, attributes, object_name, bucket_name)) {
     return true;
+  }
+  if (remove_file && details::IsPieceList(object.url)) {
+    files = details::FilesOfPieces(object.url);
   }
   // The row is removed first: bytes without a row can be found and freed, but a row without bytes is an object that
   // cannot be read.
@@ -336,7 +377,7 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
     return false;
   }
   try {
-    if (has_file && !remove_file(path)) {
+    if (!details::RemoveFiles(files, remove_file)) {
       UndoRemoval(object, attributes);
       return false;
     }

@@ -59,11 +59,8 @@ std::shared_ptr<CReadLease> CReadLease::Begin(const std::string& location) {
   // The lease is made first, because what the host has begun must be ended, even when there is no memory left for the
   // registry.
   std::shared_ptr<CReadLease> lease(new CReadLease(location));
-  if (begin != nullptr) {
-    if (begin(location) != 0) {
-      return nullptr;
-    }
-    lease->end_ = end;
+  if (begin != nullptr && !lease->BeginAt(HostLocations(location), begin, end)) {
+    return nullptr;
   }
   registry.Add(lease);
   return lease;
@@ -75,6 +72,19 @@ CReadLease::~CReadLease() {
   End();
 }
 
+// Nobody else has the lease yet. When a piece is gone, the lease ends those that were begun.
+bool CReadLease::BeginAt(std::vector<std::string> locations, ReadBeginCallback begin, ReadEndCallback end) {
+  end_ = end;
+  begun_.reserve(locations.size());
+  for (std::string& location : locations) {
+    if (begin(location) != 0) {
+      return false;
+    }
+    begun_.push_back(std::move(location));
+  }
+  return true;
+}
+
 int CReadLease::Read(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset) {
   const std::lock_guard<std::mutex> lock(mutex_);
   return ended_ ? kServerInternalError : ReadRange(config, buffer, size, offset, location_);
@@ -83,7 +93,9 @@ int CReadLease::Read(const StorageServerConfig& config, HostBuffer& buffer, std:
 void CReadLease::End() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!ended_ && end_ != nullptr) {
-    end_(location_);
+    for (const std::string& location : begun_) {
+      end_(location);
+    }
   }
   ended_ = true;
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "StorageServer/HostBuffer.h"
 #include "TansyBase/Noncopyable.h"
@@ -19,7 +20,7 @@ class CReadLease : private TansyBase::CNoncopyable {
   // Sets what the host wants to be told about such downloads; null for both means nothing.
   static void SetCallbacks(ReadBeginCallback begin, ReadEndCallback end);
 
-  // Returns null when the host says that the bytes at this location are gone.
+  // Returns null when the host says that the bytes at this location, or some of them, are gone.
   static std::shared_ptr<CReadLease> Begin(const std::string& location);
   ~CReadLease();
 
@@ -33,11 +34,13 @@ class CReadLease : private TansyBase::CNoncopyable {
   class CRegistry;
 
   explicit CReadLease(std::string location);
+  bool BeginAt(std::vector<std::string> locations, ReadBeginCallback begin, ReadEndCallback end);
   void End();
 
   const std::string location_;
-  std::mutex mutex_;  // held during a callback; guards both below
+  std::mutex mutex_;  // held during a callback; guards everything below
   ReadEndCallback end_ = nullptr;
+  std::vector<std::string> begun_;  // what the host has been told: one location, or those of all pieces
   bool ended_ = false;
 };
 
