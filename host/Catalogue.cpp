@@ -141,8 +141,21 @@ bool KeepReleased(const std::vector<std::string>& ids) {
                                          details::List(ids) + ")");
 }
 
+bool IsUrlOfParts(const std::string& url) {
+  return url.starts_with("parts:");
+}
+
+bool GetParts(const std::string& url, std::vector<std::string>& urls) {
+  return details::Query("SELECT url FROM platform.local_upload_part WHERE object_url = " + details::Quoted(url),
+                        [&urls](db_layer::CConnect& row) { urls.push_back(row.GetString("url")); });
+}
+
+bool ForgetParts(const std::string& url) {
+  return details::Execute("DELETE FROM platform.local_upload_part WHERE object_url = " + details::Quoted(url));
+}
+
 bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named) {
-  std::vector<std::string> tables = {"local_object", "local_object_task"};
+  std::vector<std::string> tables = {"local_object", "local_object_task", "local_upload_part"};
   if (released_too == EReleasedToo::kYes) {
     tables.emplace_back("released_bytes");
   }
@@ -170,7 +183,8 @@ EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, st
                           " FROM (VALUES " + rows +
                           ") AS given WHERE column1 NOT IN (SELECT url FROM platform.freed_bytes)"
                           " AND NOT EXISTS (SELECT 1 FROM platform.local_object WHERE url = column1)"
-                          " AND NOT EXISTS (SELECT 1 FROM platform.local_object_task WHERE url = column1)";
+                          " AND NOT EXISTS (SELECT 1 FROM platform.local_object_task WHERE url = column1)"
+                          " AND NOT EXISTS (SELECT 1 FROM platform.local_upload_part WHERE url = column1)";
   const std::shared_ptr<db_layer::CConnect> connection = details::ApplyConnection();
   if (connection == nullptr) {
     return EGiveUp::kBusy;

@@ -15,7 +15,7 @@ namespace Tansy::Host {
 
 // A row that refers to stored bytes.
 struct CatalogueRow {
-  bool is_task = false;  // the row is a part of an upload, not an object
+  bool is_task = false;  // the row is a part of an upload task, whose bytes lie inside those at the url
   std::string bucket;
   std::string object;
   std::string url;

@@ -173,9 +173,10 @@ void CHousekeeping::LookAtRemoved() {
     std::vector<std::string> kept;
     std::vector<std::string> gone;
     for (const ReleasedBytes& bytes : batch) {
-      StoredName name;
-      std::uint64_t size = 0;
-      const bool is_gone = !ParseLocationText(bytes.url, name) || store_->GetSize(name, size) == EStoreResult::kMissing;
+      bool is_gone = false;
+      if (!IsGone(bytes.url, is_gone)) {
+        return;
+      }
       (is_gone ? gone : kept).push_back(bytes.id);
     }
     if (!KeepReleased(kept) || !ForgetReleased(gone)) {
@@ -183,6 +184,23 @@ void CHousekeeping::LookAtRemoved() {
     }
     batch.clear();
   }
+}
+
+// Parts whose bytes are all gone are forgotten too.
+bool CHousekeeping::IsGone(const std::string& url, bool& is_gone) {
+  std::vector<std::string> urls = {url};
+  if (IsUrlOfParts(url)) {
+    urls.clear();
+    if (!GetParts(url, urls)) {
+      return false;
+    }
+  }
+  is_gone = std::all_of(urls.begin(), urls.end(), [this](const std::string& each) {
+    StoredName name;
+    std::uint64_t size = 0;
+    return !ParseLocationText(each, name) || store_->GetSize(name, size) == EStoreResult::kMissing;
+  });
+  return !is_gone || !IsUrlOfParts(url) || ForgetParts(url);
 }
 
 void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
@@ -197,16 +215,9 @@ void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
     std::vector<std::string> done;
     std::vector<std::string> postponed;
     for (const ReleasedBytes& bytes : batch) {
-      StoredName name;
       // Bytes that a task or an object names after all are released again when that task or object goes.
-      if (named.count(bytes.url) > 0 || !ParseLocationText(bytes.url, name) || store_->IsPicture(name)) {
-        done.push_back(bytes.id);
-      } else if (store_->Remove(name) == EStoreResult::kDone) {
-        done.push_back(bytes.id);
-        ++freed_;
-      } else {
-        postponed.push_back(bytes.id);
-      }
+      const bool is_done = named.count(bytes.url) > 0 || Free(bytes.url);
+      (is_done ? done : postponed).push_back(bytes.id);
     }
     // The database failed, or only entries that have to wait are left: the next round goes on.
     if (!ForgetReleased(done) || !PostponeReleased(postponed, Now()) || done.empty()) {
@@ -214,6 +225,44 @@ void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
     }
     batch.clear();
   }
+}
+
+// Returns false when the bytes are still there.
+bool CHousekeeping::Free(const std::string& url) {
+  if (IsUrlOfParts(url)) {
+    return FreeParts(url);
+  }
+  StoredName name;
+  if (!ParseLocationText(url, name) || store_->IsPicture(name)) {
+    return true;
+  }
+  const bool is_removed = store_->Remove(name) == EStoreResult::kDone;
+  freed_ += is_removed ? 1 : 0;
+  return is_removed;
+}
+
+// The rows go after the bytes, so that a round that was broken off is done again.
+bool CHousekeeping::FreeParts(const std::string& url) {
+  std::vector<std::string> urls;
+  if (!GetParts(url, urls)) {
+    return false;
+  }
+  bool is_done = true;
+  for (const std::string& part : urls) {
+    StoredName name;
+    if (is_stopping_()) {
+      return false;
+    }
+    if (ParseLocationText(part, name)) {
+      const EStoreResult result = store_->Remove(name);
+      is_done = is_done && (result == EStoreResult::kDone || result == EStoreResult::kMissing);
+    }
+  }
+  if (!is_done || !ForgetParts(url)) {
+    return false;
+  }
+  ++freed_;
+  return true;
 }
 
 void CHousekeeping::LookAtFirstParts() {

@@ -51,7 +51,10 @@ class CHousekeeping {
   bool GiveUp(std::span<const NewBytes> due, std::set<std::string>& given_up) const;
   void LookAtReleased();
   void LookAtRemoved();
+  bool IsGone(const std::string& url, bool& is_gone);
   void FreeReleased(EReleased kind, std::int64_t time);
+  bool Free(const std::string& url);
+  bool FreeParts(const std::string& url);
   void LookAtFirstParts();
 
   const std::shared_ptr<IObjectStore> store_;

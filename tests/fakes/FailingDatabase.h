@@ -279,7 +279,7 @@ class CFailingDatabase {
         "update_time TEXT NOT NULL, is_deleted INTEGER NOT NULL DEFAULT 0)",
         "CREATE TABLE platform.local_object (id INTEGER NOT NULL PRIMARY KEY, guid TEXT NOT NULL, name TEXT NOT NULL, "
         "bucket_name TEXT NOT NULL, size INTEGER NOT NULL, update_time TEXT NOT NULL, url TEXT NOT NULL, "
-        "is_deleted INTEGER NOT NULL DEFAULT 0)",
+        "is_deleted INTEGER NOT NULL DEFAULT 0, pieces TEXT NOT NULL DEFAULT '')",
         "CREATE INDEX platform.local_object_bucket ON local_object (bucket_name)",
         "CREATE TABLE platform.local_object_task (id INTEGER NOT NULL PRIMARY KEY, task_id TEXT NOT NULL, "
         "object_name TEXT NOT NULL, bucket_name TEXT NOT NULL, size INTEGER NOT NULL, part_num INTEGER NOT NULL, "
@@ -291,6 +291,19 @@ class CFailingDatabase {
         "DELETE FROM local_object_attributes WHERE object_id = OLD.id; END",
         "CREATE TRIGGER platform.attributes_removed AFTER DELETE ON local_object BEGIN "
         "DELETE FROM local_object_attributes WHERE object_id = OLD.id; END",
+        "CREATE TABLE platform.local_upload (object_url TEXT NOT NULL PRIMARY KEY, object_name TEXT NOT NULL, "
+        "bucket_name TEXT NOT NULL, sort_key TEXT NOT NULL, attributes TEXT NOT NULL, begun TEXT NOT NULL, "
+        "update_time TEXT NOT NULL)",
+        "CREATE TABLE platform.local_upload_part (object_url TEXT NOT NULL, part_num INTEGER NOT NULL, "
+        "size INTEGER NOT NULL, url TEXT NOT NULL, attributes TEXT NOT NULL, update_time TEXT NOT NULL, "
+        "PRIMARY KEY (object_url, part_num))",
+        "CREATE TRIGGER platform.part_late BEFORE INSERT ON local_upload_part "
+        "WHEN NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.object_url) "
+        "BEGIN SELECT RAISE(ABORT, 'the upload of this part has ended'); END",
+        "CREATE TRIGGER platform.parts_missing BEFORE INSERT ON local_object WHEN substr(NEW.url, 1, 6) = 'parts:' "
+        "AND (NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.url) OR (SELECT COALESCE(SUM(size), 0) "
+        "FROM local_upload_part WHERE object_url = NEW.url) <> NEW.size) "
+        "BEGIN SELECT RAISE(ABORT, 'the parts of this object are not there'); END",
         "CREATE TABLE platform.picture_url_encrypt (encrypt_url TEXT NOT NULL PRIMARY KEY, url TEXT NOT NULL)",
     };
   }
@@ -306,7 +319,7 @@ class CFailingDatabase {
         "update_time text NOT NULL, is_deleted bigint NOT NULL DEFAULT 0)",
         "CREATE TABLE platform.local_object (id bigint PRIMARY KEY, guid text NOT NULL, name text NOT NULL, "
         "bucket_name text NOT NULL, size bigint NOT NULL, update_time text NOT NULL, url text NOT NULL, "
-        "is_deleted bigint NOT NULL DEFAULT 0)",
+        "is_deleted bigint NOT NULL DEFAULT 0, pieces text NOT NULL DEFAULT '')",
         "CREATE INDEX local_object_bucket ON platform.local_object (bucket_name)",
         "CREATE TABLE platform.local_object_task (id bigint PRIMARY KEY, task_id text NOT NULL, "
         "object_name text NOT NULL, bucket_name text NOT NULL, size bigint NOT NULL, part_num bigint NOT NULL, "
@@ -319,6 +332,23 @@ class CFailingDatabase {
         "WHEN (OLD.url <> NEW.url) EXECUTE FUNCTION platform.drop_attributes()",
         "CREATE TRIGGER attributes_removed AFTER DELETE ON platform.local_object FOR EACH ROW "
         "EXECUTE FUNCTION platform.drop_attributes()",
+        "CREATE TABLE platform.local_upload (object_url text PRIMARY KEY, object_name text NOT NULL, "
+        "bucket_name text NOT NULL, sort_key text NOT NULL, attributes text NOT NULL, begun text NOT NULL, "
+        "update_time text NOT NULL)",
+        "CREATE TABLE platform.local_upload_part (object_url text NOT NULL, part_num bigint NOT NULL, "
+        "size bigint NOT NULL, url text NOT NULL, attributes text NOT NULL, update_time text NOT NULL, "
+        "PRIMARY KEY (object_url, part_num))",
+        "CREATE FUNCTION platform.part_late() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+        "IF NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.object_url) THEN "
+        "RAISE EXCEPTION 'the upload of this part has ended'; END IF; RETURN NEW; END $$",
+        "CREATE TRIGGER part_late BEFORE INSERT ON platform.local_upload_part FOR EACH ROW "
+        "EXECUTE FUNCTION platform.part_late()",
+        "CREATE FUNCTION platform.parts_missing() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+        "IF NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.url) OR (SELECT "
+        "COALESCE(SUM(size), 0) FROM platform.local_upload_part WHERE object_url = NEW.url) <> NEW.size THEN "
+        "RAISE EXCEPTION 'the parts of this object are not there'; END IF; RETURN NEW; END $$",
+        "CREATE TRIGGER parts_missing BEFORE INSERT ON platform.local_object FOR EACH ROW "
+        "WHEN (substr(NEW.url, 1, 6) = 'parts:') EXECUTE FUNCTION platform.parts_missing()",
         "CREATE TABLE platform.picture_url_encrypt (encrypt_url text PRIMARY KEY, url text NOT NULL)",
     };
   }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/PartUploads.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage {
@@ -66,6 +67,7 @@ void CCleanExpiredTaskThread::OnTimer() {
     }
     details::SweepTask(task_id);
   }
+  CPartUploadSweep::Instance().Run();
 }
 
 }  // namespace Tansy::CloudStorage
