@@ -38,8 +38,8 @@ bool ForgetReleased(const std::vector<std::string>& ids);
 bool PostponeReleased(const std::vector<std::string>& ids, std::int64_t now);
 bool KeepReleased(const std::vector<std::string>& ids);
 
-// A url that stands for the bytes of all parts of an upload, or of an object that was made of them. Its parts keep their
-// rows until their bytes are gone.
+// A url that stands for the bytes of all parts of an upload, or of an object that was made of them. Its parts keep
+// their rows until their bytes are gone.
 bool IsUrlOfParts(const std::string& url);
 // Gives the urls of these parts.
 bool GetParts(const std::string& url, std::vector<std::string>& urls);
@@ -49,9 +49,9 @@ bool ForgetParts(const std::string& url);
 // released bytes.
 enum class EReleasedToo { kNo, kYes };
 bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named);
-// Gives up those of these urls that no object, no task and no part names: from then on no row can name them. A catalogue that
-// another program has locked is busy: a request may still be waiting to write its row. One that refuses the note, as on
-// a full disk, takes no row either.
+// Gives up those of these urls that no object, no task and no part names: from then on no row can name them. A
+// catalogue that another program has locked is busy: a request may still be waiting to write its row. One that refuses
+// the note, as on a full disk, takes no row either.
 enum class EGiveUp { kDone, kBusy, kRefused };
 EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up);
 // Forgets at most `limit` urls that were given up at `time` or before; `left` says whether there are more.

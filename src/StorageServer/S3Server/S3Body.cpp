@@ -136,6 +136,13 @@ Failure CBody::End() {
   return EndChecks();
 }
 
+std::optional<Checksum> CBody::NamedChecksum() const {
+  if (checks_.empty()) {
+    return std::nullopt;
+  }
+  return Checksum{checks_.front().digest.Kind(), checks_.front().expected};
+}
+
 Failure CBody::EndChecks() {
   for (Check& check : checks_) {
     if (check.expected.empty()) {

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "StorageServer/S3Server/S3ChecksumNames.h"
 #include "StorageServer/S3Server/S3ChunkDecoder.h"
 #include "StorageServer/S3Server/S3Digest.h"
 #include "StorageServer/S3Server/S3Errors.h"
@@ -34,6 +35,8 @@ class CBody {
   std::uint64_t Size() const { return size_; }  // of the bytes that were handed on
   // Gives the MD5 digest of the body as lower-case digits, after End.
   const std::string& Md5() const { return md5_text_; }
+  // Gives the checksum that the client named and that the body has, after End.
+  std::optional<Checksum> NamedChecksum() const;
 
  private:
   // A checksum that the client named, in a header or in the trailer that it announced.

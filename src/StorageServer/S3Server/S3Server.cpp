@@ -3,6 +3,7 @@
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/PartUploads.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -33,6 +34,7 @@ int CS3Server::Init(const S3ServerConfig& config) {
     CLOUD_LOG(logging::kError, "[%s]the attributes of objects cannot be read.[%s(%d)]");
     return -1;
   }
+  CPartUploadSweep::Instance().Start();
   conf_.Store(config);
   const std::lock_guard<std::mutex> lock(enable_mutex_);
   started_ = true;

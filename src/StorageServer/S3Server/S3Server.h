@@ -2,8 +2,8 @@
 //
 // It serves the objects of the catalogue that the object server loads, through the same storage callbacks. The bodies
 // stand in files named after their theme: S3Server.cpp (lifecycle), S3ServerDispatch.cpp (intake, routing, answers),
-// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerETag.cpp, S3ServerList.cpp, S3ServerAbsent.cpp,
-// S3ServerForm.cpp; the error table is S3Errors.h.
+// S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerETag.cpp, S3ServerList.cpp, S3ServerMultipart.cpp
+// (uploads in parts), S3ServerCopy.cpp, S3ServerAbsent.cpp, S3ServerForm.cpp; the error table is S3Errors.h.
 //
 // Threads: any. Handlers run in parallel on the threads of the message loop that all servers share. Errors: nothing
 // throws; failures are answered.
@@ -13,15 +13,20 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Singleton.h"
 #include "StorageServer/ConfigSnapshot.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/PartUploads.h"
 #include "StorageServer/S3Server/S3Attributes.h"
+#include "StorageServer/S3Server/S3ChecksumNames.h"
 #include "StorageServer/S3Server/S3Conditions.h"
 #include "StorageServer/S3Server/S3Errors.h"
+#include "StorageServer/S3Server/S3Parts.h"
 #include "StorageServer/S3Server/S3Request.h"
 #include "StorageServer/S3Server/S3Uploads.h"
 #include "StorageServer/ServerListeners.h"
@@ -45,6 +50,14 @@ struct FoundObject {
 
 // Of objects up to this length, a missing entity tag is computed on the thread that reads the object.
 inline constexpr std::uint32_t kQuickETagBytes = 0x100000;
+
+// A body that is stored, and that no row names yet.
+struct StoredBody {
+  std::string url;  // as the host left it
+  std::uint64_t size = 0;
+  std::string md5;  // lower-case digits
+  std::optional<Checksum> checksum;
+};
 
 // Everything belongs to the one who has the key.
 inline constexpr const char* kOwner = "admin";
@@ -95,6 +108,13 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void GetObject(const Request& request);
   static void DeleteObject(const Request& request);
   static void PostObject(const Request& request);
+  static void CopyObject(const Request& request);
+  static void CreateMultipartUpload(const Request& request);
+  static void UploadPart(const Request& request);
+  static void ListParts(const Request& request);
+  static void ListMultipartUploads(const Request& request);
+  static void CompleteMultipartUpload(const Request& request);
+  static void AbortMultipartUpload(const Request& request);
   static void GetAcl(const Request& request);
   static void PutAcl(const Request& request);
   static void GetAbsent(const Request& request);
@@ -106,20 +126,40 @@ class CS3Server : private TansyBase::CNoncopyable {
   static bool IsForm(const Request& request);
   // Says what is missing when the bucket's object that a request is about is not there.
   static Failure ExpectTarget(const Request& request);
-  // Takes a body that came with its request, and compares it with its digests.
-  static Failure ReadBody(std::string& body, const Request& request);
+  // Takes a body that came with its request, and compares it with the digests in these headers.
+  static Failure ReadBody(std::string& body, const Request& request, const LowerHeaders& headers);
+  // Says whether a body that is put is a part of an upload.
+  static bool IsPart(const Request& request);
+  static Failure CheckUpload(const Request& request) {
+    return IsPart(request) ? CheckPart(request) : CheckPut(request);
+  }
   static Failure CheckPut(const Request& request);
+  static Failure CheckPart(const Request& request);
   static Failure StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
                             const std::string& bucket);
-  static Failure ReceiveWhole(ObjectInfo& object, std::string& md5, const Request& request);
-  static Failure ReceiveStream(ObjectInfo& object, std::string& md5, Upload& upload, const Request& request);
+  static Failure ReceiveWhole(StoredBody& body, const Request& request);
+  static Failure ReceiveStream(StoredBody& body, Upload& upload, const Request& request);
   // Writes the row of stored bytes. When nothing is wrong so far, the answer follows once the row is committed; until
   // then it keeps `upload`.
-  static Failure AddObject(ObjectInfo& object, const std::string& md5, const Request& request,
-                           std::shared_ptr<const void> upload);
+  static Failure AddObject(const StoredBody& body, const Request& request, std::shared_ptr<const void> upload);
   static void AnswerPut(const Recipient& to, const std::string& bucket, const std::string& etag,
                         CObjectStorageManager::EAdded result) noexcept;
+  static Failure AddPart(const StoredBody& body, const Request& request);
+  static void AnswerPart(const Request& request, const StoredBody& body);
+  static Failure FindUpload(PartUpload& upload, const Request& request);
+  static Failure TryToComplete(CompletedUpload& completed, CObjectStorageManager::EAdded& added,
+                               const std::vector<PartToComplete>& list, const Request& request);
+  static bool AnswerRepeated(const Request& request, const std::vector<PartToComplete>& list);
+  static bool RunApart(const Request& request, void (*handler)(const Request&));
+  static void CopyNow(const Request& request);
+  static Failure FindSource(FoundObject& source, const Request& request);
+  static Failure CopyBytes(StoredBody& body, FoundObject& source, const Request& request,
+                           std::optional<EDigest> checksum);
+  static Failure CopyToPart(StoredBody& body, const Request& request);
+  static Failure CopyToObject(StoredBody& body, std::string& time, const Request& request);
+  static Failure ReplaceAttributes(StoredBody& body, std::string& time, const Request& request);
   static Failure FindObject(FoundObject& object, const Request& request);
+  static Failure FindObject(FoundObject& object, const std::string& bucket, const std::string& key);
   // Computes the entity tag of an object that has none, and keeps it.
   static void FillInETag(FoundObject& object, const S3ServerConfig& config);
   // Does so on a thread of its own for an object that is too long to be read just now, and answers the request there.
@@ -143,6 +183,14 @@ class CS3Server : private TansyBase::CNoncopyable {
   CloudStorage::details::Listener https_v6_;
   bool started_ = false;  // the listeners should be open
 };
+
+// Asks the conditions of a write when it takes place.
+CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers);
+// Adds an object and waits until it is committed.
+CObjectStorageManager::EAdded AddAndWait(const ObjectInfo& object, const Attributes& attributes,
+                                         const CObjectStorageManager::MayAdd& may_add);
+// Gives the time as rows have it.
+std::string NowText();
 
 // Answers of any handler.
 void AnswerFailure(const Recipient& to, const Failure& failure);

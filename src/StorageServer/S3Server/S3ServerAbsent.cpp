@@ -76,7 +76,7 @@ void CS3Server::PutAcl(const Request& request) {
     failure = CheckUnsupportedHeaders(request.headers);
   }
   if (!failure) {
-    failure = ReadBody(body, request);
+    failure = ReadBody(body, request, request.headers);
   }
   if (!failure && !body.empty()) {
     failure = ReadAccessControl(is_private, body, kOwner);

@@ -11,6 +11,7 @@
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
 #include "StorageServer/S3Server/S3AbsentFeatures.h"
+#include "StorageServer/S3Server/S3CopySource.h"
 #include "StorageServer/S3Server/S3Cors.h"
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3ServerTasks.h"
@@ -27,7 +28,7 @@ using CloudStorage::details::StreamEnd;
 
 constexpr const char* kXmlType = "application/xml";
 // This header makes an upload a copy of another object.
-constexpr std::string_view kCopySource = "x-amz-copy-source";
+constexpr std::string_view kCopySource = kCopySourceHeader;
 
 // Parameters that make a request one about something else than the bucket or the object itself.
 constexpr std::array<std::string_view, 35> kSubresources = {
@@ -117,6 +118,14 @@ struct CS3Server::Routes {
       Route{"PUT", ETarget::kBucket, "acl", &Server::PutAcl},
       Route{"GET", ETarget::kObject, "acl", &Server::GetAcl},
       Route{"PUT", ETarget::kObject, "acl", &Server::PutAcl},
+      Route{"PUT", ETarget::kObject, kCopySource, &Server::CopyObject},
+      Route{"POST", ETarget::kObject, "uploads", &Server::CreateMultipartUpload},
+      Route{"PUT", ETarget::kObject, "partNumber", &Server::UploadPart, true},
+      Route{"PUT", ETarget::kObject, "uploadId", &Server::UploadPart, true},
+      Route{"GET", ETarget::kObject, "uploadId", &Server::ListParts},
+      Route{"GET", ETarget::kBucket, "uploads", &Server::ListMultipartUploads},
+      Route{"POST", ETarget::kObject, "uploadId", &Server::CompleteMultipartUpload},
+      Route{"DELETE", ETarget::kObject, "uploadId", &Server::AbortMultipartUpload},
   };
 
   // For features that this server does not have.
@@ -199,7 +208,7 @@ bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& ms
     failure = {EError::kInvalidRequest, "The body is too long for this request."};
   }
   if (!failure) {
-    failure = CheckPut(request);
+    failure = CheckUpload(request);
   }
   auto upload = std::make_shared<Upload>();
   upload->request_id = request.id;

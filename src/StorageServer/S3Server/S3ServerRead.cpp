@@ -88,21 +88,25 @@ std::string FoundObject::ETag() const {
 }
 
 // An object whose name another protocol chose may be written in another way than NameOfKey does.
-Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
+Failure CS3Server::FindObject(FoundObject& object, const std::string& bucket, const std::string& key) {
   auto& catalogue = CObjectStorageManager::Instance();
-  const std::string name = NameOfKey(request.key);
+  const std::string name = NameOfKey(key);
   std::string attributes;
-  const bool is_found = catalogue.FindObject(object.info, attributes, name, request.bucket) ||
-                        (catalogue.FindObjectFrom(object.info, attributes, name, true, request.bucket) &&
+  const bool is_found = catalogue.FindObject(object.info, attributes, name, bucket) ||
+                        (catalogue.FindObjectFrom(object.info, attributes, name, true, bucket) &&
                          CompareKeys(object.info.name, name) == 0);
   if (!is_found) {
     Failure failure = EError::kNoSuchKey;
-    failure.details.emplace_back("Key", request.key);
+    failure.details.emplace_back("Key", key);
     return failure;
   }
   object.attributes = FromText(attributes);
   object.modified = TansyBase::TimeUtil::StrUTCDatetime2TimeT(object.info.update_time);
   return {};
+}
+
+Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
+  return FindObject(object, request.bucket, request.key);
 }
 
 Failure CS3Server::FindReadable(FoundObject& object, AskedRange& range, const Request& request) {

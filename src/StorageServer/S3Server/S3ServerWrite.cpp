@@ -1,5 +1,6 @@
 // Storing and removing objects.
 #include <exception>
+#include <future>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3XmlRequests.h"
 #include "StorageServer/S3Server/S3XmlWriter.h"
+#include "TansyBase/MessageLoop.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyNet/MemoryAccount.h"
 
@@ -26,18 +28,6 @@ using CloudStorage::details::StreamEnd;
 
 // A decoded piece waits this long for room in memory.
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
-
-// Asks the conditions of a write when it takes place.
-CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers) {
-  return [headers](const ObjectInfo* there, const std::string& attributes) {
-    if (there == nullptr) {
-      return MayWrite(headers, nullptr);
-    }
-    const FoundObject object = {*there, FromText(attributes)};
-    const std::string etag = object.ETag();
-    return MayWrite(headers, &etag);
-  };
-}
 
 std::uint32_t StreamId(std::int32_t handle) {
   return static_cast<std::uint32_t>(handle);
@@ -83,6 +73,46 @@ class CPlainBytes {
 
 }  // namespace
 
+CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers) {
+  return [headers](const ObjectInfo* there, const std::string& attributes) {
+    if (there == nullptr) {
+      return MayWrite(headers, nullptr);
+    }
+    const FoundObject object = {*there, FromText(attributes)};
+    const std::string etag = object.ETag();
+    return MayWrite(headers, &etag);
+  };
+}
+
+CObjectStorageManager::EAdded AddAndWait(const ObjectInfo& object, const Attributes& attributes,
+                                         const CObjectStorageManager::MayAdd& may_add) {
+  using EAdded = CObjectStorageManager::EAdded;
+  const auto result = std::make_shared<std::promise<EAdded>>();
+  std::future<EAdded> added = result->get_future();
+  CObjectStorageManager::Instance().AddObject(object, {{}, ToText(attributes)}, may_add,
+                                              [result](EAdded value) { result->set_value(value); });
+  const TansyBase::CBlockingScope blocking;
+  return added.get();
+}
+
+std::string NowText() {
+  return TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
+}
+
+Failure CS3Server::ReadBody(std::string& body, const Request& request, const LowerHeaders& headers) {
+  CBody decoder;
+  CPlainBytes plain;
+  Failure failure = decoder.Begin(request.signature, headers);
+  if (!failure) {
+    failure = plain.Take(request.Body(), decoder);
+  }
+  if (!failure) {
+    failure = decoder.End();
+  }
+  body = plain.Bytes();
+  return failure;
+}
+
 Failure CS3Server::CheckPut(const Request& request) {
   if (!CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {
     return EError::kNoSuchBucket;
@@ -96,40 +126,40 @@ Failure CS3Server::CheckPut(const Request& request) {
 }
 
 void CS3Server::PutObject(const Request& request) {
-  ObjectInfo object;
-  std::string md5;
+  StoredBody body;
   Failure failure = CheckPut(request);
   if (!failure) {
-    failure = ReceiveWhole(object, md5, request);
+    failure = ReceiveWhole(body, request);
   }
   if (!failure) {
-    failure = AddObject(object, md5, request, nullptr);
+    failure = AddObject(body, request, nullptr);
   }
   if (failure) {
     AnswerFailure(request, failure);
   }
 }
 
-Failure CS3Server::ReceiveWhole(ObjectInfo& object, std::string& md5, const Request& request) {
-  CBody body;
+Failure CS3Server::ReceiveWhole(StoredBody& body, const Request& request) {
+  CBody decoder;
   CPlainBytes plain;
-  Failure failure = body.Begin(request.signature, request.headers);
+  Failure failure = decoder.Begin(request.signature, request.headers);
   if (!failure) {
-    failure = plain.Take(request.Body(), body);
+    failure = plain.Take(request.Body(), decoder);
   }
   if (!failure) {
-    failure = body.End();
+    failure = decoder.End();
   }
   if (failure) {
     return failure;
   }
-  object.url = CloudStorage::details::LocationText(request.bucket);
-  if (const int result = CloudStorage::details::SaveObject(request.config, object.url, plain.Bytes()); result != 0) {
+  body.url = CloudStorage::details::LocationText(request.bucket);
+  if (const int result = CloudStorage::details::SaveObject(request.config, body.url, plain.Bytes()); result != 0) {
     CLOUD_LOG(logging::kError, "[%s]upload failed[%s], result = %d.[%s(%d)]", request.msg.url.c_str(), result);
     return EError::kInternalError;
   }
-  object.size = plain.Bytes().size();
-  md5 = body.Md5();
+  body.size = plain.Bytes().size();
+  body.md5 = decoder.Md5();
+  body.checksum = decoder.NamedChecksum();
   return {};
 }
 
@@ -156,8 +186,7 @@ void CS3Server::StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& 
   const auto config = conf_.Load();
   Request request(handle, msg, *config);
   request.id = upload->request_id;
-  ObjectInfo object;
-  std::string md5;
+  StoredBody body;
   Failure failure = StoreBytes(msg, handle, *upload, request.bucket);
   if (!failure && msg.error_code != TansyNet::kLastBodyPiece) {
     return;
@@ -165,18 +194,21 @@ void CS3Server::StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& 
   // Until the row is there, the record says that the bytes belong to an upload.
   auto end = std::make_shared<const CUploadEnd>(handle);
   if (!failure) {
-    failure = ReceiveStream(object, md5, *upload, request);
+    failure = ReceiveStream(body, *upload, request);
   }
+  const bool is_part = IsPart(request);
   if (!failure) {
-    failure = AddObject(object, md5, request, std::move(end));
+    failure = is_part ? AddPart(body, request) : AddObject(body, request, std::move(end));
   }
   end.reset();
   if (failure) {
     AnswerFailure(request, failure);
+  } else if (is_part) {
+    AnswerPart(request, body);
   }
 }
 
-Failure CS3Server::ReceiveStream(ObjectInfo& object, std::string& md5, Upload& upload, const Request& request) {
+Failure CS3Server::ReceiveStream(StoredBody& body, Upload& upload, const Request& request) {
   if (Failure failure = upload.body.End()) {
     return failure;
   }
@@ -185,29 +217,32 @@ Failure CS3Server::ReceiveStream(ObjectInfo& object, std::string& md5, Upload& u
       stored.size != upload.body.Size() || stored.url.empty()) {
     return EError::kInternalError;
   }
-  object.url = stored.url;
-  object.size = stored.size;
-  md5 = upload.body.Md5();
+  body.url = stored.url;
+  body.size = stored.size;
+  body.md5 = upload.body.Md5();
+  body.checksum = upload.body.NamedChecksum();
   return {};
 }
 
-Failure CS3Server::AddObject(ObjectInfo& object, const std::string& md5, const Request& request,
-                             std::shared_ptr<const void> upload) {
+Failure CS3Server::AddObject(const StoredBody& body, const Request& request, std::shared_ptr<const void> upload) {
   Attributes attributes;
-  attributes.etag = md5;
+  attributes.etag = body.md5;
   if (Failure failure = TakeHeaders(attributes, request.headers)) {
     return failure;
   }
+  ObjectInfo object;
   object.bucket_name = request.bucket;
   object.name = NameOfKey(request.key);
-  object.update_time = TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
+  object.size = body.size;
+  object.url = body.url;
+  object.update_time = NowText();
   // While the database commits, this thread goes on with other requests, whose rows make up the next commit.
   CObjectStorageManager::Instance().AddObject(
       object, {{}, ToText(attributes)}, ConditionsOf(request.headers),
-      [to = Recipient(request), bucket = request.bucket, md5,
+      [to = Recipient(request), bucket = request.bucket, etag = body.md5,
        upload = std::move(upload)](CObjectStorageManager::EAdded result) mutable {
         upload.reset();
-        AnswerPut(to, bucket, md5, result);
+        AnswerPut(to, bucket, etag, result);
       });
   return {};
 }
@@ -240,24 +275,10 @@ void CS3Server::DeleteObject(const Request& request) {
   AnswerEmpty(request, 204);
 }
 
-Failure CS3Server::ReadBody(std::string& body, const Request& request) {
-  CBody decoder;
-  CPlainBytes plain;
-  Failure failure = decoder.Begin(request.signature, request.headers);
-  if (!failure) {
-    failure = plain.Take(request.Body(), decoder);
-  }
-  if (!failure) {
-    failure = decoder.End();
-  }
-  body = plain.Bytes();
-  return failure;
-}
-
 void CS3Server::DeleteObjects(const Request& request) {
   std::string body;
   DeleteRequest list;
-  Failure failure = ReadBody(body, request);
+  Failure failure = ReadBody(body, request, request.headers);
   if (!failure) {
     failure = ReadDeleteRequest(list, body);
   }

@@ -15,6 +15,16 @@ std::string WithoutQuotes(std::string text) {
   return text;
 }
 
+// Reads the one checksum that a part may have.
+std::optional<Checksum> ReadChecksum(const TansyProto::CXmlProto& document, const std::string& path) {
+  for (const ChecksumNames& names : kChecksumNames) {
+    if (std::string value = document.GetString(path + "/" + std::string(names.element)); !value.empty()) {
+      return Checksum{names.kind, std::move(value)};
+    }
+  }
+  return std::nullopt;
+}
+
 std::string ElementPath(const char* list, std::size_t number) {
   return std::string(list) + "[" + std::to_string(number) + "]";
 }
@@ -58,7 +68,7 @@ Failure ReadCompleteRequest(std::vector<PartToComplete>& parts, std::string_view
     if (!parts.empty() && parts.back().number >= number) {
       return EError::kInvalidPartOrder;
     }
-    parts.push_back({static_cast<std::uint32_t>(number), std::move(etag)});
+    parts.push_back({static_cast<std::uint32_t>(number), std::move(etag), ReadChecksum(document, path)});
   }
 }
 

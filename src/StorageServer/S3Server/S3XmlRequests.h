@@ -4,10 +4,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "StorageServer/S3Server/S3ChecksumNames.h"
 #include "StorageServer/S3Server/S3Errors.h"
 
 namespace Tansy::CloudStorage::S3 {
@@ -31,6 +33,7 @@ Failure ReadDeleteRequest(DeleteRequest& request, std::string_view xml);
 struct PartToComplete {
   std::uint32_t number = 0;
   std::string etag;  // without quotes
+  std::optional<Checksum> checksum;
 };
 
 // Fails when the text is no list of 1 to 10000 parts whose numbers ascend.

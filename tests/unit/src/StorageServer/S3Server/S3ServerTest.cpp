@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "../ObjectServer/ObjectServerFixture.h"
 #include "Common/Signature.h"
+#include "S3ServerFixture.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/S3Server/S3Digest.h"
@@ -27,135 +27,6 @@
 
 namespace Tansy::CloudStorage::S3 {
 namespace {
-
-using Tests::CObjectServerTest;
-using Tests::FakeAnswer;
-
-constexpr std::time_t kNow = 1793692800;  // 2026-11-03 08:00:00
-constexpr const char* kTimestamp = "20261103T080000Z";
-constexpr const char* kDay = "20261103";
-constexpr std::size_t kMebibyte = 1024 * 1024;
-
-struct S3Call {
-  std::string method = {};
-  std::string path = {};
-  std::string query = {};
-  std::string body = {};
-  TansyNet::Headers headers = {};
-  std::string payload = "UNSIGNED-PAYLOAD";
-};
-
-class S3ServerTest : public CObjectServerTest {
- protected:
-  S3ServerTest() {
-    TansyBase::TimeUtil::SetClock([] { return kNow; });
-    EXPECT_EQ(CS3Server::Instance().Init(S3Config()), 0);
-    bucket_ = NewBucket();
-  }
-  ~S3ServerTest() override {
-    EXPECT_EQ(SetS3ServerEnable(false), 0);
-    TansyBase::TimeUtil::SetClock(nullptr);
-  }
-
-  static S3ServerConfig S3Config() {
-    S3ServerConfig config;
-    static_cast<StorageServerConfig_V1&>(config) = Config();
-    config.upload_port = config.download_port = 9702;
-    config.https_port = config.https_download_port = 9745;
-    return config;
-  }
-
-  // Signs as a client does.
-  static TansyNet::HttpServerRecv SignedCall(const S3Call& call, struct Signed* signature = nullptr) {
-    TansyNet::HttpServerRecv msg = Message({call.method, call.path, call.query, call.body, call.headers});
-    msg.headers.try_emplace("Host", "127.0.0.1:9702");
-    msg.headers["x-amz-date"] = kTimestamp;
-    msg.headers["x-amz-content-sha256"] = call.payload;
-    msg.headers["Content-Length"] = std::to_string(call.body.size());
-    const LowerHeaders headers = LowerNames(msg.headers);
-    std::vector<std::string> names;
-    std::string list;
-    for (const auto& [name, value] : headers) {
-      if (name == "host" || name.starts_with("x-amz-")) {
-        names.push_back(name);
-        list += (list.empty() ? "" : ";") + name;
-      }
-    }
-    const std::string scope = std::string(kDay) + "/us-east-1/s3/aws4_request";
-    const Query query = ParseQuery(msg.query);
-    const std::string key = SigningKey("secret-key", kDay, "us-east-1");
-    const std::string canonical = CanonicalRequest({msg.method, msg.url, query, headers}, names, call.payload);
-    const std::string text = Sign(key, StringToSign(kTimestamp, scope, canonical));
-    msg.headers["Authorization"] =
-        "AWS4-HMAC-SHA256 Credential=access-key/" + scope + ", SignedHeaders=" + list + ", Signature=" + text;
-    if (signature != nullptr) {
-      *signature = {EBodyForm::kSignedChunks, "", kTimestamp, scope, key, text};
-    }
-    return msg;
-  }
-
-  FakeAnswer Do(TansyNet::HttpServerRecv msg) {
-    return http_.WaitForAnswer(http_.Deliver(&CS3Server::RecvMsgCallBack, std::move(msg)));
-  }
-  FakeAnswer Do(const S3Call& call) { return Do(SignedCall(call)); }
-  FakeAnswer PutKey(const std::string& key, const std::string& body, const TansyNet::Headers& headers = {}) {
-    return Do({.method = "PUT", .path = PathOf(key), .body = body, .headers = headers});
-  }
-  FakeAnswer GetKey(const std::string& key, const TansyNet::Headers& headers = {}, const std::string& query = {}) {
-    return Do({.method = "GET", .path = PathOf(key), .query = query, .headers = headers});
-  }
-  FakeAnswer List(const std::string& query) { return Do({.method = "GET", .path = "/" + bucket_, .query = query}); }
-  std::string PathOf(const std::string& key) const { return "/" + bucket_ + "/" + PercentEncodePath(key); }
-
-  // Streams a body of unknown length in pieces of 4 MiB.
-  FakeAnswer Stream(TansyNet::HttpServerRecv msg, const std::string& body) {
-    msg.body.reset();
-    msg.body_size = 0;
-    msg.content_length = 0;
-    msg.headers.erase("Content-Length");
-    const std::int32_t handle = http_.NewHandle();
-    http_.Stream(handle, &CS3Server::RecvMsgCallBack, std::move(msg), body,
-                 std::vector<std::size_t>(body.size() / (4 * kMebibyte), 4 * kMebibyte));
-    return http_.WaitForAnswer(handle);
-  }
-
-  // The entity tags that the database keeps of objects of this test's bucket.
-  std::vector<std::string> KeptTags() const {
-    std::vector<std::string> kept;
-    EXPECT_TRUE(CObjectServerSession::QueryAttributes([&](const ObjectInfo& object, std::string_view attributes) {
-      if (object.bucket_name == bucket_) {
-        kept.push_back(ETagOfText(attributes));
-      }
-    }));
-    return kept;
-  }
-
-  std::string bucket_;
-};
-
-std::string Md5(std::string_view text) {
-  return '"' + ToHex(DigestOf(EDigest::kMd5, text)) + '"';
-}
-
-// "404 NoSuchKey", or the status alone for success.
-std::string Outcome(const FakeAnswer& answer) {
-  const std::string status = std::to_string(answer.response.status);
-  const std::size_t begin = answer.body.find("<Code>");
-  if (begin == std::string::npos) {
-    return status;
-  }
-  return status + " " + answer.body.substr(begin + 6, answer.body.find("</Code>") - begin - 6);
-}
-
-std::vector<std::string> Values(const std::string& xml, const std::string& element) {
-  std::vector<std::string> values;
-  const std::string open = "<" + element + ">";
-  for (std::size_t at = xml.find(open); at != std::string::npos; at = xml.find(open, at)) {
-    at += open.size();
-    values.push_back(xml.substr(at, xml.find("</" + element + ">", at) - at));
-  }
-  return values;
-}
 
 // A body of signed chunks of at most 64 KiB.
 std::string SignedChunks(const Signed& request, const std::string& body, std::size_t broken_chunk = SIZE_MAX) {
@@ -511,9 +382,7 @@ TEST_F(S3ServerTest, SaysWhatItDoesNotHave) {
       {.method = "PUT", .path = PathOf("k"), .query = "tagging", .body = "x"},
       {.method = "GET", .path = PathOf("k"), .query = "torrent"},
       {.method = "PUT", .path = "/other-bucket", .headers = {{"x-amz-acl", "public-read"}}},
-      {.method = "POST", .path = PathOf("k"), .query = "uploads"},
-      {.method = "PUT", .path = PathOf("k"), .query = "partNumber=1&uploadId=x", .body = "part"},
-      {.method = "PUT", .path = PathOf("copy"), .headers = {{"x-amz-copy-source", "/" + bucket_ + "/k"}}},
+      {.method = "PUT", .path = PathOf("copy"), .headers = {{"x-amz-copy-source", "/" + bucket_ + "/k?versionId=3"}}},
       {.method = "PUT", .path = PathOf("k"), .body = "y", .headers = {{"x-amz-server-side-encryption", "AES256"}}},
       {.method = "PUT", .path = PathOf("k"), .body = "y", .headers = {{"x-amz-acl", "public-read"}}},
       {.method = "PATCH", .path = PathOf("k")},

@@ -1,0 +1,330 @@
+// Copies: of whole objects, and of ranges of objects as parts of an upload.
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "ModuleLog.h"
+#include "StorageServer/HostBuffer.h"
+#include "StorageServer/ObjectServer/ObjectServerBigSend.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/ReadLease.h"
+#include "StorageServer/S3Server/S3Attributes.h"
+#include "StorageServer/S3Server/S3Conditions.h"
+#include "StorageServer/S3Server/S3CopySource.h"
+#include "StorageServer/S3Server/S3Digest.h"
+#include "StorageServer/S3Server/S3Parts.h"
+#include "StorageServer/S3Server/S3Server.h"
+#include "StorageServer/S3Server/S3XmlWriter.h"
+#include "TansyBase/Encrypt.h"
+#include "TansyNet/MemoryAccount.h"
+
+namespace Tansy::CloudStorage::S3 {
+
+namespace {
+
+using CloudStorage::details::CReadLease;
+using CloudStorage::details::HostBuffer;
+using CloudStorage::details::LocationText;
+using EAdded = CObjectStorageManager::EAdded;
+
+// What is longer is copied in chunks of this size, on a thread of its own.
+constexpr std::uint32_t kChunkBytes = 4 * 1024 * 1024;
+constexpr std::uint32_t kMemoryPatienceMs = 20000;
+// A source or a target that other requests replace meanwhile is looked up again so often.
+constexpr int kTries = 3;
+
+// The bytes that are copied, and those of them that have been written.
+class CCopy {
+ public:
+  CCopy(const S3ServerConfig& config, std::string bucket, std::optional<EDigest> checksum)
+      : config_(config), bucket_(std::move(bucket)) {
+    if (checksum) {
+      checksum_.emplace(*checksum);
+    }
+  }
+
+  // Returns false when it cannot be read or written.
+  bool Run(const FoundObject& source, std::uint32_t begin, std::uint32_t length) {
+    const std::shared_ptr<CReadLease> lease = CReadLease::Begin(LocationText(source.info.bucket_name, source.info.url));
+    bool is_done = lease != nullptr;
+    do {
+      is_done = is_done && CopyChunk(*lease, begin + done_, std::min(kChunkBytes, length - done_), length);
+    } while (is_done && done_ < length);
+    return is_done;
+  }
+
+  StoredBody Take() {
+    StoredBody body;
+    body.url = url_;
+    body.size = done_;
+    body.md5 = ToHex(md5_.Finish());
+    if (checksum_) {
+      body.checksum = Checksum{checksum_->Kind(), TansyBase::Encrypt::Base64Encode(checksum_->Finish())};
+    }
+    return body;
+  }
+
+ private:
+  bool CopyChunk(CReadLease& lease, std::uint32_t at, std::uint32_t wanted, std::uint32_t length) {
+    TansyNet::CMemoryShare memory;
+    HostBuffer chunk;
+    if (wanted > 0 && (!memory.ResizeWithin(wanted, kMemoryPatienceMs) || lease.Read(config_, chunk, wanted, at) != 0 ||
+                       !chunk.data || chunk.size != wanted)) {
+      return false;
+    }
+    const std::string_view bytes(chunk.data.get(), wanted);
+    md5_.Add(bytes);
+    if (checksum_) {
+      checksum_->Add(bytes);
+    }
+    return Write(bytes, length);
+  }
+
+  // What comes in one chunk is stored as a small body is.
+  bool Write(std::string_view bytes, std::uint32_t length) {
+    std::string location = LocationText(bucket_, url_);
+    const int result = bytes.size() == length
+                           ? CloudStorage::details::SaveObject(config_, location, bytes)
+                           : CloudStorage::details::StreamSave(config_.stream_save, bytes, done_, location);
+    if (result != 0) {
+      return false;
+    }
+    url_ = std::move(location);
+    done_ += static_cast<std::uint32_t>(bytes.size());
+    return true;
+  }
+
+  const S3ServerConfig& config_;
+  const std::string bucket_;
+  CDigest md5_{EDigest::kMd5};
+  std::optional<CDigest> checksum_;
+  std::string url_;
+  std::uint32_t done_ = 0;
+};
+
+struct CopyRange {
+  std::uint32_t begin = 0;
+  std::uint32_t length = 0;
+};
+
+Failure FindRange(CopyRange& range, const FoundObject& source, const LowerHeaders& headers) {
+  if (source.info.size > kMaxObjectBytes) {
+    return EError::kInternalError;
+  }
+  std::uint64_t begin = 0;
+  std::uint64_t length = source.info.size;
+  Failure failure = ReadCopyRange(begin, length, ValueOf(headers, "x-amz-copy-source-range"), source.info.size);
+  range.begin = static_cast<std::uint32_t>(begin);
+  range.length = static_cast<std::uint32_t>(length);
+  return failure;
+}
+
+void AnswerCopied(const Request& request, const char* element, const StoredBody& body, const std::string& time) {
+  CXmlWriter xml;
+  xml.OpenAnswer(element);
+  xml.Element("LastModified", ListedTime(time));
+  xml.Element("ETag", '"' + body.md5 + '"');
+  if (body.checksum) {
+    xml.Element(NamesOf(body.checksum->kind).element, body.checksum->value);
+  }
+  xml.Close(element);
+  AnswerXml(request, xml.Take());
+}
+
+Failure FailureOf(EAdded result, const Request& request) {
+  switch (result) {
+    case EAdded::kAdded:
+      return {};
+    case EAdded::kRefused:
+      return EError::kPreconditionFailed;
+    case EAdded::kFailed:
+      break;
+  }
+  return CObjectStorageManager::Instance().IsBucketExist(request.bucket) ? EError::kInternalError
+                                                                         : EError::kNoSuchBucket;
+}
+
+}  // namespace
+
+void CS3Server::CopyObject(const Request& request) {
+  const bool is_part = IsPart(request);
+  FoundObject source;
+  CopyRange range;
+  Failure failure = CheckUpload(request);
+  if (!failure) {
+    failure = FindSource(source, request);
+  }
+  if (!failure && is_part) {
+    failure = FindRange(range, source, request.headers);
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  const std::uint64_t length = is_part ? range.length : source.info.size;
+  if (length <= kChunkBytes) {
+    CopyNow(request);
+  } else if (!RunApart(request, &CS3Server::CopyNow)) {
+    AnswerFailure(request, EError::kSlowDown);
+  }
+}
+
+// Long requests occupy a thread of their own, like long downloads. Everything that the request refers to is copied.
+bool CS3Server::RunApart(const Request& request, void (*handler)(const Request&)) {
+  const auto run = [handler, msg = std::make_shared<TansyNet::HttpServerRecv>(request.msg),
+                    config = Instance().conf_.Load(), handle = request.handle, id = request.id] {
+    try {
+      Request apart(handle, *msg, *config);
+      apart.id = id;
+      handler(apart);
+    } catch (const std::exception& error) {
+      CLOUD_LOG(logging::kError, "[%s]copy failed[%s].[%s(%d)]", error.what());
+      Instance().EndRequest(handle, EError::kInternalError);
+    }
+  };
+  return CloudStorage::details::CBigFileSendThreads::Instance().Run(run);
+}
+
+void CS3Server::CopyNow(const Request& request) {
+  const bool is_part = IsPart(request);
+  StoredBody body;
+  std::string time = NowText();
+  const Failure failure = is_part ? CopyToPart(body, request) : CopyToObject(body, time, request);
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  AnswerCopied(request, is_part ? "CopyPartResult" : "CopyObjectResult", body, time);
+}
+
+Failure CS3Server::FindSource(FoundObject& source, const Request& request) {
+  CopySource asked;
+  if (Failure failure = ReadCopySource(asked, ValueOf(request.headers, kCopySourceHeader))) {
+    return failure;
+  }
+  if (!CObjectStorageManager::Instance().IsBucketExist(asked.bucket)) {
+    Failure failure = EError::kNoSuchBucket;
+    failure.details.emplace_back("BucketName", asked.bucket);
+    return failure;
+  }
+  if (Failure failure = FindObject(source, asked.bucket, asked.key)) {
+    return failure;
+  }
+  const bool is_wanted =
+      CheckConditions(SourceConditions(request.headers), source.ETag(), source.modified) == ECondition::kMet;
+  return is_wanted ? Failure() : EError::kPreconditionFailed;
+}
+
+// A source that is replaced while it is read may have lost its bytes; then its successor is copied.
+Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Request& request,
+                             std::optional<EDigest> checksum) {
+  for (std::string failed_url;;) {
+    CopyRange range;
+    Failure failure = FindSource(source, request);
+    if (!failure) {
+      failure = FindRange(range, source, request.headers);
+    }
+    if (failure) {
+      return failure;
+    }
+    CCopy copy(request.config, request.bucket, checksum);
+    if (source.info.url != failed_url && copy.Run(source, range.begin, range.length)) {
+      body = copy.Take();
+      return {};
+    }
+    if (source.info.url == failed_url) {
+      CLOUD_LOG(logging::kError, "[%s]copy failed[%s][%s(%d)]", request.msg.url.c_str());
+      return EError::kInternalError;
+    }
+    failed_url = source.info.url;
+  }
+}
+
+Failure CS3Server::CopyToPart(StoredBody& body, const Request& request) {
+  PartUpload upload;
+  if (Failure failure = FindUpload(upload, request)) {
+    return failure;
+  }
+  const Attributes attributes = FromText(upload.attributes);
+  const auto algorithm = attributes.headers.find(kChecksumAlgorithm);
+  FoundObject source;
+  Failure failure = CopyBytes(
+      body, source, request,
+      algorithm != attributes.headers.end() ? ChecksumOfAlgorithm(algorithm->second) : std::optional<EDigest>());
+  return failure ? failure : AddPart(body, request);
+}
+
+Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Request& request) {
+  FoundObject source;
+  Failure failure = FindSource(source, request);
+  EMetadata metadata{};
+  if (!failure) {
+    failure = ReadMetadataDirective(metadata, request.headers);
+  }
+  if (failure) {
+    return failure;
+  }
+  const bool is_itself = source.info.bucket_name == request.bucket && KeyOfName(source.info.name) == request.key;
+  if (is_itself) {
+    return metadata == EMetadata::kReplace
+               ? ReplaceAttributes(body, time, request)
+               : Failure(EError::kInvalidRequest, "An object can be copied to itself only to replace its metadata.");
+  }
+  failure = CopyBytes(body, source, request, std::nullopt);
+  Attributes attributes = source.attributes;
+  if (!failure && metadata == EMetadata::kReplace) {
+    attributes = {};
+    failure = TakeHeaders(attributes, request.headers);
+  }
+  if (failure) {
+    return failure;
+  }
+  attributes.etag = body.md5;
+  time = NowText();
+  ObjectInfo object;
+  object.bucket_name = request.bucket;
+  object.name = NameOfKey(request.key);
+  object.size = body.size;
+  object.url = body.url;
+  object.update_time = time;
+  return FailureOf(AddAndWait(object, attributes, ConditionsOf(request.headers)), request);
+}
+
+// The bytes stay where they are. They must be those of the object that was looked at.
+Failure CS3Server::ReplaceAttributes(StoredBody& body, std::string& time, const Request& request) {
+  Attributes attributes;
+  if (Failure failure = TakeHeaders(attributes, request.headers)) {
+    return failure;
+  }
+  for (int left = kTries; left > 0; --left) {
+    FoundObject source;
+    if (Failure failure = FindSource(source, request)) {
+      return failure;
+    }
+    attributes.etag = body.md5 = source.ETag();
+    time = NowText();
+    ObjectInfo object = source.info;
+    object.update_time = time;
+    bool is_changed = false;
+    const auto may_add = [&, conditions = ConditionsOf(request.headers)](const ObjectInfo* there,
+                                                                         const std::string& text) {
+      is_changed = there == nullptr || there->url != source.info.url;
+      return !is_changed && conditions(there, text);
+    };
+    const EAdded result = AddAndWait(object, attributes, may_add);
+    if (!is_changed) {
+      return FailureOf(result, request);
+    }
+  }
+  return EError::kSlowDown;
+}
+
+}  // namespace Tansy::CloudStorage::S3
