@@ -272,6 +272,7 @@ int CFaultVfs::BeforeSync(const std::string& path, std::uint64_t& last_change) {
       sync_failure != 0 || details::EndsWith(path, "-wal") ? sync_failure.load() : database_sync_failure.load();
   if (failure != 0) {
     files_[path].pending.clear();
+    ++failed_syncs;
   }
   return failure;
 }
@@ -281,6 +282,7 @@ int CFaultVfs::AfterSync(const std::string& path, std::uint64_t last_change) {
   if (!has_power_) {
     return SQLITE_IOERR_FSYNC;  // the power went before the disk had everything
   }
+  database_syncs += details::EndsWith(path, "-wal") ? 0 : 1;
   File& file = files_[path];
   const auto later = std::find_if(file.pending.begin(), file.pending.end(),
                                   [last_change](const Change& change) { return change.number > last_change; });

@@ -30,7 +30,9 @@ class CFaultVfs {
   std::atomic<int> database_sync_failure{0};  // the same, but not for write-ahead logs
   std::atomic<int> read_failure{0};
   std::atomic<bool> is_read_only{false};
-  std::atomic<int> log_syncs{0};  // of write-ahead logs
+  std::atomic<int> log_syncs{0};       // of write-ahead logs
+  std::atomic<int> database_syncs{0};  // of other files, that have succeeded
+  std::atomic<int> failed_syncs{0};
 
   // The first sync of a write-ahead log from here on stands still until ReleaseSync; WaitForHeldSync returns when it
   // does.

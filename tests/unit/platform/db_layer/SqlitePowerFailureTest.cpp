@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <fstream>
 #include <random>
 #include <set>
 #include <string>
@@ -24,11 +26,45 @@ class SqlitePowerFailureTest : public CSqliteFixture, public testing::WithParamI
   void TearDown() override { connection_.reset(); }
 
   // Each statement writes two rows, so that half a statement would show.
-  static bool InsertPair(CConnect& connection, int id) {
+  static bool InsertPair(CConnect& connection, int id, int bytes = 700) {
     const std::string first = std::to_string(2 * id);
     const std::string second = std::to_string(2 * id + 1);
-    return connection.Execute("INSERT INTO platform.item (id, name) VALUES (" + first + ", hex(randomblob(700))), (" +
-                              second + ", hex(randomblob(700)))");
+    const std::string name = ", hex(randomblob(" + std::to_string(bytes) + "))";
+    return connection.Execute("INSERT INTO platform.item (id, name) VALUES (" + first + name + "), (" + second + name +
+                              ")");
+  }
+
+  void InsertPairs(int first, int last, std::set<int>& acknowledged, int bytes = 700) {
+    for (int id = first; id < last; ++id) {
+      ASSERT_TRUE(InsertPair(*connection_, id, bytes)) << ErrorOf(*connection_);
+      acknowledged.insert(id);
+    }
+  }
+
+  // Begins to read on a connection past the driver, so that the log can be copied up to here only.
+  sqlite3* BeginReading() {
+    sqlite3* reader = nullptr;
+    EXPECT_EQ(sqlite3_open(path_.c_str(), &reader), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(reader, "BEGIN; SELECT count(*) FROM item", nullptr, nullptr, nullptr), SQLITE_OK);
+    return reader;
+  }
+
+  // The number by which SQLite tells one run of the log from the one that is written over it.
+  std::string LogSalt() const {
+    constexpr std::streamoff kBegin = 16;
+    std::string salt(8, '\0');
+    std::ifstream log(path_ + "-wal", std::ios::binary);
+    log.seekg(kBegin);
+    log.read(salt.data(), static_cast<std::streamsize>(salt.size()));
+    return salt;
+  }
+
+  void CutPowerAndOpen(std::mt19937& random) {
+    faults_.CutPower(random);
+    connection_.reset();
+    faults_.RestorePower();
+    connection_ = OpenSqlite(path_);
+    ASSERT_TRUE(connection_);
   }
 
   std::set<int> StoredIds() {
@@ -133,28 +169,50 @@ TEST_P(SqlitePowerFailureTest, WhatAFailedFlushOfTheDatabaseForgetsIsCopiedAgain
   MakeSchema();
   ASSERT_TRUE(connection_->Execute("PRAGMA platform.wal_checkpoint(TRUNCATE)"));
   std::set<int> acknowledged;
-  const auto insert = [&](int first, int last) {
-    for (int id = first; id < last; ++id) {
-      ASSERT_TRUE(InsertPair(*connection_, id)) << ErrorOf(*connection_);
-      acknowledged.insert(id);
-    }
-  };
-  insert(0, 30);
-  sqlite3* reader = nullptr;
-  ASSERT_EQ(sqlite3_open(path_.c_str(), &reader), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(reader, "BEGIN; SELECT count(*) FROM item", nullptr, nullptr, nullptr), SQLITE_OK);
-  insert(30, 60);
+  InsertPairs(0, 30, acknowledged);
+  sqlite3* reader = BeginReading();
+  InsertPairs(30, 60, acknowledged);
   ASSERT_TRUE(connection_->Execute("PRAGMA platform.wal_checkpoint(PASSIVE)"));
   sqlite3_close(reader);
   faults_.database_sync_failure = SQLITE_IOERR_FSYNC;
   EXPECT_FALSE(connection_->Execute("PRAGMA platform.wal_checkpoint(TRUNCATE)"));
   faults_.database_sync_failure = 0;
-  insert(60, 61);
-  faults_.CutPower(random);
-  connection_.reset();
-  faults_.RestorePower();
-  connection_ = OpenSqlite(path_);
-  ASSERT_TRUE(connection_);
+  InsertPairs(60, 61, acknowledged);
+  CutPowerAndOpen(random);
+  ExpectIntact(acknowledged);
+}
+
+// The same for the thread that copies a long log while others write.
+TEST_P(SqlitePowerFailureTest, WhatAFailedFlushForgetsIsCopiedAgainWhileOthersWrite) {
+  std::mt19937 random(static_cast<std::uint32_t>(GetParam()));
+  MakeSchema();
+  ASSERT_TRUE(connection_->Execute("PRAGMA platform.wal_checkpoint(TRUNCATE)"));
+  std::set<int> acknowledged;
+  InsertPairs(0, 30, acknowledged);
+  sqlite3* reader = BeginReading();
+  InsertPairs(30, 60, acknowledged);
+  ASSERT_TRUE(connection_->Execute("PRAGMA platform.wal_checkpoint(PASSIVE)"));
+  sqlite3_close(reader);
+  constexpr int kBig = 40000;  // bytes, so that the log is soon long
+  int next = 60;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  const auto has_time = [deadline] { return std::chrono::steady_clock::now() < deadline; };
+  faults_.database_sync_failure = SQLITE_IOERR_FSYNC;
+  for (; faults_.failed_syncs == 0 && has_time(); ++next) {
+    InsertPairs(next, next + 1, acknowledged, kBig);
+  }
+  faults_.database_sync_failure = 0;
+  // The log is begun anew by the first write behind a copy of all of it.
+  const std::string salt = LogSalt();
+  for (; LogSalt() == salt && has_time(); ++next) {
+    const int before = faults_.database_syncs;
+    InsertPairs(next, next + 1, acknowledged);
+    while (LogSalt() == salt && faults_.database_syncs == before && has_time()) {
+      std::this_thread::yield();
+    }
+  }
+  ASSERT_TRUE(has_time()) << faults_.failed_syncs << " flushes failed, " << faults_.database_syncs << " did not";
+  CutPowerAndOpen(random);
   ExpectIntact(acknowledged);
 }
 
