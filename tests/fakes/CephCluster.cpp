@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "fakes/ChildProcess.h"
 #include "fakes/StoppedProcess.h"
 
 namespace Tansy::Tests {
@@ -250,10 +250,7 @@ pid_t CCephCluster::Begin(const std::vector<std::string>& arguments, const std::
   const pid_t parent = ::getpid();
   const pid_t pid = ::fork();
   if (pid == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // it must not outlive the tests
-    if (::getppid() != parent) {
-      ::_exit(96);
-    }
+    EndWithParent(parent);
     const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     ::dup2(file, STDOUT_FILENO);
     ::dup2(file, STDERR_FILENO);

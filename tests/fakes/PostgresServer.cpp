@@ -6,7 +6,6 @@
 #include <libpq-fe.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,9 +14,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
+#include "fakes/ChildProcess.h"
 #include "fakes/StoppedProcess.h"
 #include "fakes/TempFolder.h"
 
@@ -115,13 +114,14 @@ pid_t CPostgresServer::Begin(const std::vector<std::string>& arguments) const {
   }
   pointers.push_back(nullptr);
   const std::string log = folder_ + "/log";
+  const pid_t parent = ::getpid();
   const pid_t pid = ::fork();
   if (pid == 0) {
     const bool is_other = ::getuid() != user_;
     if (is_other && (::setgroups(0, nullptr) != 0 || ::setgid(group_) != 0 || ::setuid(user_) != 0)) {
       ::_exit(96);
     }
-    ::prctl(PR_SET_PDEATHSIG, SIGQUIT);  // it must not outlive the tests
+    EndWithParent(parent, SIGQUIT);
     const int file = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     ::dup2(file, STDOUT_FILENO);
     ::dup2(file, STDERR_FILENO);
@@ -180,12 +180,8 @@ void CPostgresServer::End(int signal) {
 }
 
 std::vector<pid_t> CPostgresServer::Processes() const {
-  std::vector<pid_t> processes{pid_};
-  const std::string pid = std::to_string(pid_);
-  std::istringstream children(ReadFile("/proc/" + pid + "/task/" + pid + "/children"));
-  for (pid_t child = 0; children >> child;) {
-    processes.push_back(child);
-  }
+  std::vector<pid_t> processes = ChildrenOf(pid_);
+  processes.insert(processes.begin(), pid_);
   return processes;
 }
 

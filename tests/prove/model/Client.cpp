@@ -126,7 +126,7 @@ bool CClient::PutRefused(const Step& step) {
 
 bool CClient::PutBrokenOff(const Step& step) {
   const std::uint16_t port = world_.GetServer().GetObjectPort();
-  const auto connection = CConnection::Open(port);
+  const auto connection = CConnection::Open(port, world_.GetServer().GetConnectOptions());
   if (connection == nullptr) {
     Fault({"PUT", Target(step), {}, ""}, "no connection");
     return false;
@@ -255,7 +255,7 @@ CClient::Answer CClient::Receive(std::unique_ptr<CConnection>& connection, std::
                                  bool may_fail) {
   Answer answer;
   if (connection == nullptr) {
-    connection = CConnection::Open(port);
+    connection = CConnection::Open(port, world_.GetServer().GetConnectOptions());
     if (connection == nullptr) {
       Fault(request, "no connection");
       return answer;

@@ -36,11 +36,12 @@ int LookAtHistory(const std::string& path) {
   return wrong.empty() ? 0 : kWrong;
 }
 
-int Run(const prove::RunOptions& options, const std::string& durability, const std::string& program) {
-  std::cout << "model: seed " << options.seed << ", durability " << durability << std::endl;
+int Run(const prove::RunOptions& options, prove::TansydOptions tansyd, const std::string& durability) {
+  std::cout << "model: seed " << options.seed << ", durability " << durability << (tansyd.tls ? ", HTTPS" : "")
+            << std::endl;
+  tansyd.arguments = {"--durability", durability, "--keep-failed", "1", "--keep-removed", "0"};
   const Tansy::Tests::CTempFolder folder;
-  prove::CTansydServer server(folder.GetPath(),
-                              {"--durability", durability, "--keep-failed", "1", "--keep-removed", "0"}, program);
+  prove::CTansydServer server(folder.GetPath(), tansyd);
   prove::RunResult result = prove::RunModel(server, options);
   if (result.wrong.empty()) {
     result.wrong = prove::CheckSpace(server, result);
@@ -65,18 +66,19 @@ int main(int argc, char** argv) {
   std::int64_t minutes = 0;
   std::string history;
   std::string durability = "full";
-  std::string program;
+  prove::TansydOptions tansyd;
   app.add_option("--seed", options.seed, "of the plan; without it, the time of day");
   app.add_option("--minutes", minutes, "rounds until this time is over");
   app.add_option("--rounds", options.rounds, "this number of rounds, without --minutes");
   app.add_option("--durability", durability, "of the server: full or fast");
-  app.add_option("--tansyd", program, "a tansyd_with_control of another build");
+  app.add_option("--tansyd", tansyd.program, "a tansyd_with_control of another build");
+  app.add_flag("--https", tansyd.tls, "the clients use HTTPS");
   app.add_option("--history", options.history_file, "where the history of a failing round goes");
   app.add_option("--check-history", history, "looks at such a file, and starts no server");
   CLI11_PARSE(app, argc, argv);
   options.time = std::chrono::minutes(minutes);
   try {
-    return history.empty() ? Run(options, durability, program) : LookAtHistory(history);
+    return history.empty() ? Run(options, tansyd, durability) : LookAtHistory(history);
   } catch (const std::exception& error) {
     std::cerr << "model: " << error.what() << '\n';
     return kUsage;

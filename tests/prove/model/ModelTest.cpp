@@ -2,16 +2,21 @@
 // none.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "FaultyServer.h"
 #include "History.h"
 #include "Run.h"
 #include "TansydServer.h"
+#include "fakes/ChildProcess.h"
+#include "fakes/StoppedProcess.h"
 #include "fakes/TempFolder.h"
+#include "support/Program.h"
 
 namespace prove {
 namespace {
@@ -71,15 +76,27 @@ TEST(NoDefectTest, AServerWithoutOnePasses) {
   EXPECT_GT(result.operations, 500U);
 }
 
+struct Way {
+  const char* name;
+  const char* durability;
+  bool tls;
+  std::size_t rounds;
+
+  friend void PrintTo(const Way& way, std::ostream* out) { *out << way.name; }
+};
+
 // Kills, stops, clock steps: what prove_model does for as long as one likes.
-class ModelRunTest : public testing::TestWithParam<const char*> {};
+class ModelRunTest : public testing::TestWithParam<Way> {};
 
 TEST_P(ModelRunTest, EachObjectIsOneCopyThatIsNeverLost) {
   const Tansy::Tests::CTempFolder folder;
   RunOptions options;
   options.seed = 2;
-  options.rounds = 12;
-  CTansydServer server(folder.GetPath(), {"--durability", GetParam(), "--keep-failed", "1", "--keep-removed", "0"});
+  options.rounds = GetParam().rounds;
+  TansydOptions tansyd;
+  tansyd.arguments = {"--durability", GetParam().durability, "--keep-failed", "1", "--keep-removed", "0"};
+  tansyd.tls = GetParam().tls;
+  CTansydServer server(folder.GetPath(), tansyd);
   RunResult result = RunModel(server, options);
   if (result.wrong.empty()) {
     result.wrong = CheckSpace(server, result);
@@ -92,8 +109,36 @@ TEST_P(ModelRunTest, EachObjectIsOneCopyThatIsNeverLost) {
   EXPECT_GT(result.pictures, 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Durability, ModelRunTest, testing::Values("full", "fast"),
-                         [](const auto& item) { return std::string(item.param); });
+INSTANTIATE_TEST_SUITE_P(Ways, ModelRunTest,
+                         testing::Values(Way{"Full", "full", false, 12}, Way{"Fast", "fast", false, 12},
+                                         Way{"Https", "fast", true, 6}),
+                         [](const auto& item) { return std::string(item.param.name); });
+
+// A server that was left behind would go on using its ports and its memory.
+TEST(KilledRunTest, LeavesNoServerBehind) {
+  const Tansy::Tests::CTempFolder folder;
+  system_tests::Invocation run;
+  run.program = PROVE_MODEL;
+  run.arguments = {"--rounds", "1000000", "--history", folder.Path("history")};
+  run.environment = {{"TMPDIR", folder.GetPath()}};
+  run.folder = folder.GetPath();
+  system_tests::CProgram program(run);
+  // The run itself ends its servers again and again, so it is stopped while it is looked at.
+  pid_t server = 0;
+  ASSERT_TRUE(system_tests::WaitUntil([&] {
+    Tansy::Tests::StopProcess(program.GetPid());
+    const std::vector<pid_t> children = Tansy::Tests::ChildrenOf(program.GetPid());
+    server = children.empty() || !Tansy::Tests::IsAlive(children.front()) ? 0 : children.front();
+    if (server == 0) {
+      program.Signal(SIGCONT);
+    }
+    return server != 0;
+  })) << program.Errors();
+  program.Signal(SIGKILL);
+  program.WaitForEnd();
+  EXPECT_TRUE(system_tests::WaitUntil([server] { return !Tansy::Tests::IsAlive(server); }));
+  ::kill(server, SIGKILL);
+}
 
 }  // namespace
 }  // namespace prove

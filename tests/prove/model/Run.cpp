@@ -70,7 +70,7 @@ class CRun {
   bool MakeLastingBucket() {
     const system_tests::Request request =
         system_tests::Signed({"PUT", "/" + kLastingBucket, {}, "<CreateBucketConfiguration/>"});
-    return system_tests::Call(server_.GetObjectPort(), request).status == 200;
+    return system_tests::Call(server_.GetObjectPort(), request, server_.GetConnectOptions()).status == 200;
   }
 
   void DoRound(const Round& round) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "support/Http.h"
+
 namespace prove {
 
 class IServer {
@@ -18,6 +20,8 @@ class IServer {
   virtual bool Stop() = 0;
   virtual std::uint16_t GetObjectPort() const = 0;
   virtual std::uint16_t GetPicturePort() const = 0;
+  // How connections to both ports are made.
+  virtual system_tests::ConnectOptions GetConnectOptions() const { return {}; }
 
   // What no request can do. The time of day is the machine's and this number of seconds, from now on and at the next
   // start.

@@ -8,11 +8,25 @@
 
 namespace prove {
 
-CTansydServer::CTansydServer(const std::string& folder, const std::vector<std::string>& arguments,
-                             const std::string& program)
+CTansydServer::CTansydServer(const std::string& folder, const TansydOptions& options)
     : folder_(folder), tansyd_(folder) {
-  launch_.program = program.empty() ? TANSYD_WITH_CONTROL : program;
-  launch_.arguments = arguments;
+  launch_.program = options.program.empty() ? TANSYD_WITH_CONTROL : options.program;
+  launch_.arguments = options.arguments;
+  launch_.with_https = options.tls;
+}
+
+std::uint16_t CTansydServer::GetObjectPort() const {
+  return launch_.with_https ? tansyd_.GetObjectHttpsPort() : tansyd_.GetObjectPort();
+}
+
+std::uint16_t CTansydServer::GetPicturePort() const {
+  return launch_.with_https ? tansyd_.GetPictureHttpsPort() : tansyd_.GetPicturePort();
+}
+
+system_tests::ConnectOptions CTansydServer::GetConnectOptions() const {
+  system_tests::ConnectOptions options;
+  options.tls = launch_.with_https;
+  return options;
 }
 
 bool CTansydServer::Start() {

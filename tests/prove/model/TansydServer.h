@@ -12,16 +12,23 @@
 
 namespace prove {
 
+struct TansydOptions {
+  std::vector<std::string> arguments;  // of tansyd
+  std::string program;                 // a tansyd_with_control; empty: that of this build
+  bool tls = false;                    // clients use HTTPS
+};
+
 class CTansydServer : public IServer {
  public:
-  // Works in `folder`. `arguments` are passed to tansyd. `program`: a tansyd_with_control; empty: that of this build.
-  CTansydServer(const std::string& folder, const std::vector<std::string>& arguments, const std::string& program = {});
+  // Works in `folder`.
+  CTansydServer(const std::string& folder, const TansydOptions& options);
 
   bool Start() override;
   void Kill() override { tansyd_.Kill(); }
   bool Stop() override { return tansyd_.Stop(); }
-  std::uint16_t GetObjectPort() const override { return tansyd_.GetObjectPort(); }
-  std::uint16_t GetPicturePort() const override { return tansyd_.GetPicturePort(); }
+  std::uint16_t GetObjectPort() const override;
+  std::uint16_t GetPicturePort() const override;
+  system_tests::ConnectOptions GetConnectOptions() const override;
   void SetClock(std::int64_t seconds) override;
   std::string RemoveBucket(const std::string& name) override { return Command("remove " + name); }
   std::string RenameBucket(const std::string& name, const std::string& new_name) override {

@@ -9,6 +9,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
+#include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -158,6 +159,9 @@ struct CConnection::Impl {
   }
 
   bool Handshake(const ConnectOptions& options) {
+    // The TLS library writes to sockets without suppressing SIGPIPE.
+    static const auto before = ::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(before);
     context = SSL_CTX_new(TLS_client_method());
     if (options.newest_tls != 0) {
       // Lets the library offer what the server must refuse.

@@ -16,6 +16,7 @@
 #include <set>
 #include <thread>
 
+#include "fakes/ChildProcess.h"
 #include "support/ProgramTexts.h"
 
 namespace system_tests {
@@ -60,7 +61,8 @@ void CloseIfOpen(int& descriptor) {
 }
 
 // What the child does before it becomes the program; only calls that are safe after a fork.
-void Prepare(const Invocation& invocation, int input, int output, int errors) {
+void Prepare(const Invocation& invocation, pid_t parent, int input, int output, int errors) {
+  Tansy::Tests::EndWithParent(parent);
   ::dup2(input, STDIN_FILENO);
   ::dup2(output, STDOUT_FILENO);
   ::dup2(errors, STDERR_FILENO);
@@ -103,10 +105,11 @@ CProgram::CProgram(const Invocation& invocation) {
   std::vector<std::string> variables = EnvironmentOf(invocation);
   std::vector<char*> argument_pointers = Pointers(arguments);
   std::vector<char*> variable_pointers = Pointers(variables);
+  const pid_t parent = ::getpid();
   pid_ = ::fork();
   EXPECT_GE(pid_, 0);
   if (pid_ == 0) {
-    Prepare(invocation, pipe_ends[0], output_, program_end >= 0 ? program_end : errors_);
+    Prepare(invocation, parent, pipe_ends[0], output_, program_end >= 0 ? program_end : errors_);
     ::execvpe(argument_pointers[0], argument_pointers.data(), variable_pointers.data());
     ::_exit(97);
   }

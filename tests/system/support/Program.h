@@ -30,7 +30,8 @@ struct Invocation {
   bool ignore_hangup = false;      // as nohup starts it
 };
 
-// One run. Standard input is a pipe that stays open until CloseInput or the end of the run is waited for.
+// One run, which ends with the thread that begins it at the latest. Standard input is a pipe that stays open until
+// CloseInput or the end of the run is waited for.
 class CProgram {
  public:
   explicit CProgram(const Invocation& invocation);
@@ -43,6 +44,7 @@ class CProgram {
   void CloseInput();
   void Signal(int signal) const;
   bool IsRunning();
+  pid_t GetPid() const { return pid_; }
   // What it has written so far.
   std::string Output() const;
   std::string Errors();

@@ -24,6 +24,7 @@
 #include <sstream>
 #include <thread>
 
+#include "fakes/ChildProcess.h"
 #include "support/Ports.h"
 #include "support/ProgramTexts.h"
 
@@ -193,10 +194,13 @@ void CTansyd::Spawn(const Launch& launch) {
   }
   out_.clear();
   ready_line_.clear();
+  const pid_t parent = ::getpid();
   pid_ = ::fork();
   ASSERT_GE(pid_, 0);
   if (pid_ == 0) {
     // Only calls that are safe after a fork, but for the small disk's test of what the machine allows.
+    Tansy::Tests::EndWithParent(parent);
+    ::signal(SIGPIPE, SIG_DFL);
     ::dup2(pipe_ends[1], STDOUT_FILENO);
     ::dup2(error_file, STDERR_FILENO);
     if (!launch.small_disk.empty() && !MountSmallDisk(small_disk, launch.small_disk_bytes)) {

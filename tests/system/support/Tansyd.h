@@ -46,7 +46,8 @@ struct Ended {
   std::string err;
 };
 
-// One data folder below `folder`, and the runs on it, one after another.
+// One data folder below `folder`, and the runs on it, one after another. A run ends with the thread that starts it at
+// the latest, so that tests that are killed leave none behind.
 class CTansyd {
  public:
   explicit CTansyd(const std::string& folder, const std::string& name = "data");
