@@ -6,6 +6,8 @@
 
 #include "HostLog.h"
 #include "HostSystem/Files.h"
+#include "StoreRoom.h"
+#include "TansyCloudStorage/ObjectServer.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -24,6 +26,17 @@ std::string TaskIdOf(std::string name) {
     return "";
   }
   return name.substr(0, mark);
+}
+
+CStoreRoom* g_room = nullptr;  // the server may ask until the process ends
+
+int BeginFile(std::uint64_t bytes) {
+  constexpr int kNoSpace = 3;  // as the server understands it
+  return g_room->Begin(bytes) ? 0 : kNoSpace;
+}
+
+void EndFile(std::uint64_t bytes) {
+  g_room->End(bytes);
 }
 
 bool Report(const std::string& what, int error) {
@@ -72,6 +85,19 @@ bool RemoveFirstPart(const std::string& name) {
   }
   HOST_LOG(logging::kNotable, "[%s]removed first part %s, its task is gone.[%s(%d)]", name.c_str());
   return true;
+}
+
+void KeepRoomBesideFirstParts() {
+  int error = 0;
+  if (details::g_room == nullptr) {
+    std::unique_ptr<HostSystem::IFolder> folder = HostSystem::OpenFolder(".", error);
+    details::g_room = folder == nullptr ? nullptr : new CStoreRoom(*folder.release());
+  }
+  if (details::g_room == nullptr) {
+    details::Report("opening the folder of first parts", error);
+    return;
+  }
+  CloudStorage::SetFirstPartRoomCallbacks(&details::BeginFile, &details::EndFile);
 }
 
 }  // namespace Tansy::Host

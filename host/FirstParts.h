@@ -25,6 +25,11 @@ bool FindDeadFirstParts(const std::function<bool(std::set<std::string>& ids)>& g
 // Returns false when the file cannot be removed. The log says so in both cases.
 bool RemoveFirstPart(const std::string& name);
 
+// Makes the object server refuse, from now on, first parts for which the disk of the current folder, the data folder,
+// has no room to spare (CStoreRoom): the catalogue usually lies there too, and an upload that nobody completes keeps
+// its first part for days.
+void KeepRoomBesideFirstParts();
+
 }  // namespace Tansy::Host
 
 #endif  // TANSY_HOST_FIRST_PARTS_H

@@ -285,6 +285,7 @@ CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& c
   config.ak = credentials.access_key;
   config.sk = credentials.secret_key;
   RegisterCallbacks(store_, config);
+  KeepRoomBesideFirstParts();
   return config;
 }
 

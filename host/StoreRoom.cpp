@@ -30,7 +30,7 @@ void CStoreRoom::Look() {
   spare_ = available - std::min(available, reserve_ + under_way_);
 }
 
-bool CStoreRoom::Take(std::uint64_t bytes) {
+bool CStoreRoom::Begin(std::uint64_t bytes) {
   const std::lock_guard lock(mutex_);
   if (spare_ < bytes || looked_at_ != TansyBase::TimeUtil::Uptime()) {
     Look();

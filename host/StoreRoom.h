@@ -16,13 +16,22 @@ namespace Tansy::Host {
 // Where the system does not tell how much room there is, everything fits. Threads: any.
 class CStoreRoom {
  public:
+  // `folder` lies on the file system and must outlive this object.
   explicit CStoreRoom(HostSystem::IFolder& folder) : folder_(folder) {}
 
-  // Room for bytes that are being written, for as long as this object lives. It is false when they do not fit.
+  // Says whether bytes that will be written now fit. They are counted until End, which follows when they do.
+  bool Begin(std::uint64_t bytes);
+  void End(std::uint64_t bytes);
+
+  // The same for as long as this object lives. It is false when the bytes do not fit.
   class CClaim {
    public:
-    CClaim(CStoreRoom& room, std::uint64_t bytes) : room_(room), bytes_(bytes), fits_(room.Take(bytes)) {}
-    ~CClaim() { room_.End(fits_ ? bytes_ : 0); }
+    CClaim(CStoreRoom& room, std::uint64_t bytes) : room_(room), bytes_(bytes), fits_(room.Begin(bytes)) {}
+    ~CClaim() {
+      if (fits_) {
+        room_.End(bytes_);
+      }
+    }
     CClaim(const CClaim&) = delete;
     CClaim& operator=(const CClaim&) = delete;
     explicit operator bool() const { return fits_; }
@@ -37,8 +46,6 @@ class CStoreRoom {
   bool IsShort();
 
  private:
-  bool Take(std::uint64_t bytes);
-  void End(std::uint64_t bytes);
   void Look();
 
   HostSystem::IFolder& folder_;

@@ -1,10 +1,10 @@
 // Entry points of the object server.
 //
 // Threads: InitObjectServer is called once by the host, on any thread, before the others; only SetReadLeaseCallbacks,
-// SetDownloadChunk and SetSignatureDateWindow may come before it. All others may be called from any thread, also while
-// requests run. Ownership: whatever is passed in is copied, except the factory, which is kept for the life of the
-// process. Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise; the log says
-// why.
+// SetDownloadChunk, SetFirstPartRoomCallbacks and SetSignatureDateWindow may come before it. All others may be called
+// from any thread, also while requests run.
+// Ownership: whatever is passed in is copied, except the factory, which is kept for the life of the process.
+// Errors: nothing throws. int results are 0 on success and a negative or non-zero code otherwise; the log says why.
 #ifndef TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
 #define TANSY_CLOUD_STORAGE_OBJECT_SERVER_H
 
@@ -63,6 +63,12 @@ TANSY_CLOUD_STORAGE_API int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadE
 // reading and sending are sent sooner. 0, which is the default, and more than 10,485,760 mean 10,485,760. Counts for
 // downloads that begin afterwards. Always returns 0.
 TANSY_CLOUD_STORAGE_API int SetDownloadChunk(std::uint32_t bytes);
+
+// Lets the host refuse the files that the server writes itself, for example because the disk has no room to spare. The
+// callbacks count for files that are begun afterwards; each file ends with the end callback that belongs to its begin
+// callback. Null for both means that there is always room, which is the default. See RoomBeginCallback. Always returns
+// 0.
+TANSY_CLOUD_STORAGE_API int SetFirstPartRoomCallbacks(RoomBeginCallback begin, RoomEndCallback end);
 
 // Appends to `locations` what StreamSaveCallback left for each upload under way that may still become an object: its
 // client is still there, or all of it has come and only the row is missing. A host that looks for stored bytes without

@@ -49,6 +49,14 @@ using ReadBeginCallback = int (*)(const std::string& location);
 // A download that began with this location text has read its last byte, or was broken off. May not throw.
 using ReadEndCallback = void (*)(const std::string& location);
 
+// The server is about to write this number of bytes into a file of its own: the part of an upload that came first,
+// which waits below the current folder for the completion of the upload. Returns 0 when there is room; 3 when there is
+// none; any other number is a failure. Only after 0 a matching end follows. Threads: any. May not throw.
+using RoomBeginCallback = int (*)(std::uint64_t bytes);
+
+// These bytes are written, or given up. May not throw.
+using RoomEndCallback = void (*)(std::uint64_t bytes);
+
 // Path of the certificate of the HTTPS listeners, below the executable's folder. It is one PEM file of this name that
 // holds certificate and key, or a pair of files with ".crt" and ".key" behind the name.
 inline constexpr const char* kDefaultCertificatePath = "META_INFO/SYS/runtime_script/maintain/DefaultCert/A-server";

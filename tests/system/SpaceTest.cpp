@@ -197,6 +197,33 @@ TEST_F(SpaceTest, AFullDiskThatHoldsTheCatalogueTooGetsRoomByRemovals) {
   EXPECT_TRUE(WaitUntil([&] { return Outcome(Send("PUT", "/b/large", std::string(40000000, 'x'))) == "200"; }));
 }
 
+// The part of an upload that comes first waits in a file beside the catalogue, for days when nobody completes the
+// upload.
+TEST_F(SpaceTest, FirstPartsLeaveTheCatalogueItsRoom) {
+  Launch launch = Quick({"--storage", "file:" + temp_.Path("objects")});
+  launch.small_disk = ".";
+  launch.small_disk_bytes = 64 * 1024 * 1024;
+  if (!server_.Start(launch)) {
+    ASSERT_TRUE(server_.IsSmallDiskMissing());
+    GTEST_SKIP() << "no file system of its own can be mounted here";
+  }
+  MakeBucket("b");
+  Put("/b/o", "old");
+  std::string outcome = "200";
+  int stored = 0;
+  for (; outcome == "200" && stored < 100; ++stored) {
+    const std::string target = "/b/parts" + std::to_string(stored);
+    const std::string id = XmlValue(Send("POST", target + "?uploads").body, "UploadId");
+    outcome = Outcome(Send("POST", target + "?upload_id=" + id + "&part_number=1", std::string(2000000, 'x')));
+  }
+  EXPECT_EQ(outcome, "500 NotEnoughSpace");
+  EXPECT_GT(stored, 10);
+  EXPECT_EQ(Outcome(Send("DELETE", "/b/o?deletefile")), "200");
+  for (int i = 0; i < 200; ++i) {
+    EXPECT_EQ(Outcome(Send("PUT", "/b/more" + std::to_string(i), "x")), "200") << i;
+  }
+}
+
 TEST_F(SpaceTest, ACatalogueThatCannotBeWrittenLeavesNoCopies) {
   ASSERT_TRUE(server_.Start(Quick()));
   MakeBucket("b");

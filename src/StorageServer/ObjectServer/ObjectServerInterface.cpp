@@ -13,6 +13,7 @@
 #include "StorageServer/IInterfaceManager.h"
 #include "StorageServer/ObjectServer/BaseDBConn.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/FirstPartRoom.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
@@ -168,6 +169,13 @@ int SetReadLeaseCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
 int SetDownloadChunk(std::uint32_t bytes) {
   return AtBoundary("SetDownloadChunk", details::kInitFailed, [&] {
     CObjectServer::Instance().SetDownloadChunk(bytes);
+    return 0;
+  });
+}
+
+int SetFirstPartRoomCallbacks(RoomBeginCallback begin, RoomEndCallback end) {
+  return AtBoundary("SetFirstPartRoomCallbacks", details::kInitFailed, [&] {
+    details::CFirstPartRoom::SetCallbacks(begin, end);
     return 0;
   });
 }

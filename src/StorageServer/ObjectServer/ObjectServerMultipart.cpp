@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "StorageServer/ObjectServer/FirstPartFile.h"
+#include "StorageServer/ObjectServer/FirstPartRoom.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerFiles.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
@@ -200,6 +201,11 @@ int CPartUpload::SaveToFile() {
   first.first_part_num = row_.part_num;
   first.first_part_size = row_.size;
   first.first_part_path = FirstPartPath(row_.task_id, row_.part_num);
+  const CFirstPartRoom room(body_.size());
+  if (room.GetResult() != 0) {
+    CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed[%d].[%s(%d)]", room.GetResult());
+    return WriteError(room.GetResult());
+  }
   if (!ReplaceFile(first.first_part_path, body_.data(), body_.size())) {
     CLOUD_LOG_FOR(caller_, logging::kError, "[%s]save file failed, file_name[%s].[%s(%d)]",
                   first.first_part_path.c_str());

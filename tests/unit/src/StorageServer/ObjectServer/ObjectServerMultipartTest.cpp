@@ -3,6 +3,7 @@
 
 #include "ObjectServerMultipartFixture.h"
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
+#include "TansyCloudStorage/ObjectServer.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
@@ -10,6 +11,7 @@ namespace {
 
 using CloudStorage::ObjectTaskInfo;
 using CloudStorage::PartSizeInfo;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 namespace fs = std::filesystem;
@@ -336,6 +338,46 @@ TEST_F(CObjectServerMultipartTest, AFirstPartThatCannotBeKept) {
   EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AA"), ""));
   EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 2}, {2, 2}}), ""));
   EXPECT_EQ(Object("k"), "AAbb");
+}
+
+// The host keeps the last room of the disk for itself.
+class CFirstPartRooms {
+ public:
+  CFirstPartRooms() { CloudStorage::SetFirstPartRoomCallbacks(&Begin, &End); }
+  ~CFirstPartRooms() { CloudStorage::SetFirstPartRoomCallbacks(nullptr, nullptr); }
+  CFirstPartRooms(const CFirstPartRooms&) = delete;
+  CFirstPartRooms& operator=(const CFirstPartRooms&) = delete;
+
+  static inline int result = 0;
+  static inline std::vector<std::string> calls = {};
+
+ private:
+  static int Begin(std::uint64_t bytes) {
+    calls.push_back("begin " + std::to_string(bytes));
+    return result;
+  }
+  static void End(std::uint64_t bytes) { calls.push_back("end " + std::to_string(bytes)); }
+};
+
+TEST_F(CObjectServerMultipartTest, TheHostIsAskedForTheRoomOfAFirstPart) {
+  const CFirstPartRooms rooms;
+  const std::string upload_id = NewTask("k");
+  CFirstPartRooms::result = 3;
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 1, "aa"), 500, "NotEnoughSpace"));
+  CFirstPartRooms::result = 2;
+  EXPECT_TRUE(IsError(SendPart("k", upload_id, 1, "aa"), 500, "ServerInternalError"));
+  EXPECT_EQ(log_->Count(kSaveFailed, logging::kError), 2u);
+  EXPECT_THAT(CFirstPartRooms::calls, ElementsAre("begin 2", "begin 2"));
+  EXPECT_EQ(FirstPartFiles(), 0u);
+  EXPECT_EQ(StateOf(upload_id).first_part, 0u);
+
+  CFirstPartRooms::result = 0;
+  CFirstPartRooms::calls.clear();
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 2, "bbb"), ""));
+  EXPECT_TRUE(IsXml(SendPart("k", upload_id, 1, "AAA"), ""));
+  EXPECT_THAT(CFirstPartRooms::calls, ElementsAre("begin 3", "end 3")) << "the other part has no file";
+  EXPECT_TRUE(IsXml(Complete("k", upload_id, {{1, 3}, {2, 3}}), ""));
+  EXPECT_EQ(Object("k"), "AAAbbb");
 }
 
 // The length of a part that was never stored must not place the others.
