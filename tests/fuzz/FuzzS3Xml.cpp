@@ -45,10 +45,27 @@ void CheckComplete(std::string_view text) {
     return;
   }
   Require(!parts.empty() && parts.size() <= kMostParts);
+  // Written again, the list is the same.
+  CXmlWriter xml;
+  xml.Open("CompleteMultipartUpload");
   std::uint32_t before = 0;
   for (const PartToComplete& part : parts) {
     Require(part.number > before && part.number <= kMostParts && !part.etag.empty());
     before = part.number;
+    xml.Open("Part");
+    xml.Element("PartNumber", std::uint64_t{part.number});
+    xml.Element("ETag", '"' + part.etag + '"');
+    if (part.checksum) {
+      xml.Element(NamesOf(part.checksum->kind).element, part.checksum->value);
+    }
+    xml.Close("Part");
+  }
+  xml.Close("CompleteMultipartUpload");
+  std::vector<PartToComplete> again;
+  Require(!ReadCompleteRequest(again, xml.Take()) && again.size() == parts.size());
+  for (std::size_t i = 0; i < again.size(); ++i) {
+    Require(again[i].number == parts[i].number && again[i].etag == parts[i].etag);
+    Require(again[i].checksum == parts[i].checksum);
   }
 }
 

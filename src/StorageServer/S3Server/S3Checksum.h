@@ -32,7 +32,33 @@ class CChecksum {
 
   Word Value() const { return static_cast<Word>(~register_); }
 
+  // Gives the check of one text behind another from the checks of both; the second one has `length` bytes.
+  static constexpr Word Join(Word first, Word second, std::uint64_t length) {
+    return Multiply(PowerOf256(length), first) ^ second;
+  }
+
  private:
+  // Polynomials have their highest bit first: this is 1.
+  static constexpr Word kOne = static_cast<Word>(Word{1} << (8 * sizeof(Word) - 1));
+
+  static constexpr Word Multiply(Word left, Word right) {
+    Word product = 0;
+    for (Word bit = kOne; bit != 0; bit >>= 1) {
+      product ^= (left & bit) != 0 ? right : 0;
+      right = (right >> 1) ^ ((right & 1) != 0 ? Polynomial : 0);
+    }
+    return product;
+  }
+
+  // Gives the polynomial that a byte stands for, x to the 8th, to this power.
+  static constexpr Word PowerOf256(std::uint64_t exponent) {
+    Word power = kOne;
+    for (Word square = kOne >> 8; exponent > 0; exponent >>= 1, square = Multiply(square, square)) {
+      power = (exponent & 1) != 0 ? Multiply(power, square) : power;
+    }
+    return power;
+  }
+
   static constexpr std::size_t kSlices = 8;
   using Tables = std::array<std::array<Word, 256>, kSlices>;
 

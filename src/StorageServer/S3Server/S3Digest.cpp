@@ -67,6 +67,25 @@ class CCheck {
   Checksum checksum_;
 };
 
+template <typename Word>
+Word FromMostSignificant(std::string_view bytes) {
+  Word word = 0;
+  for (const char byte : bytes) {
+    word = static_cast<Word>(word << 8) | static_cast<unsigned char>(byte);
+  }
+  return word;
+}
+
+template <typename Checksum>
+std::optional<std::string> Join(std::string_view first, std::string_view second, std::uint64_t length) {
+  using Word = decltype(Checksum().Value());
+  if (first.size() != sizeof(Word) || second.size() != sizeof(Word)) {
+    return std::nullopt;
+  }
+  return MostSignificantFirst(
+      Checksum::Join(FromMostSignificant<Word>(first), FromMostSignificant<Word>(second), length));
+}
+
 using Calculation = std::variant<CHash, CCheck<CCrc32>, CCheck<CCrc32c>, CCheck<CCrc64Nvme>>;
 
 Calculation MakeCalculation(EDigest kind) {
@@ -109,6 +128,23 @@ void CDigest::Add(std::string_view bytes) {
 
 std::string CDigest::Finish() {
   return std::visit([](auto& calculation) { return calculation.Finish(); }, impl_->calculation);
+}
+
+std::optional<std::string> JoinChecksums(EDigest kind, std::string_view first, std::string_view second,
+                                         std::uint64_t length) {
+  switch (kind) {
+    case EDigest::kCrc32:
+      return Join<CCrc32>(first, second, length);
+    case EDigest::kCrc32c:
+      return Join<CCrc32c>(first, second, length);
+    case EDigest::kCrc64Nvme:
+      return Join<CCrc64Nvme>(first, second, length);
+    case EDigest::kMd5:
+    case EDigest::kSha1:
+    case EDigest::kSha256:
+      break;
+  }
+  return std::nullopt;
 }
 
 std::string DigestOf(EDigest kind, std::string_view text) {

@@ -2,6 +2,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_DIGEST_H
 #define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_DIGEST_H
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +30,11 @@ class CDigest {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+// Gives the checksum of one text behind another from the checksums of both; the second one has `length` bytes. Only
+// cyclic redundancy checks can be joined: for other kinds, and for what is none of this kind, it gives nothing.
+std::optional<std::string> JoinChecksums(EDigest kind, std::string_view first, std::string_view second,
+                                         std::uint64_t length);
 
 // Gives the digest of one text.
 std::string DigestOf(EDigest kind, std::string_view text);

@@ -27,29 +27,37 @@ std::optional<std::string> FromHex(std::string_view text) {
   return PercentDecode(encoded);
 }
 
-// Joins the digests of the parts in the order of their numbers, and takes the checksum of that.
+// Takes the checksums of the parts in the order of their numbers.
 class CChecksumOfParts {
  public:
-  void Add(const PartDigests& digests) {
+  void Add(const PartDigests& digests, std::uint32_t size) {
     std::string bytes;
     is_known_ = is_known_ && digests.checksum && (count_ == 0 || kind_ == digests.checksum->kind) &&
                 TansyBase::Encrypt::Base64Decode(digests.checksum->value, bytes);
     kind_ = is_known_ ? digests.checksum->kind : kind_;
-    joined_ += bytes;
+    of_bytes_ = count_ == 0 ? bytes : JoinChecksums(kind_, of_bytes_.value_or(std::string()), bytes, size);
+    one_by_one_ += bytes;
     ++count_;
   }
 
-  std::optional<Checksum> Take() const {
+  void Give(CompletedUpload& result) const {
     if (!is_known_ || count_ == 0) {
-      return std::nullopt;
+      return;
     }
-    return Checksum{kind_, TansyBase::Encrypt::Base64Encode(DigestOf(kind_, joined_)) + "-" + std::to_string(count_)};
+    using TansyBase::Encrypt;
+    result.of_parts =
+        Checksum{kind_, Encrypt::Base64Encode(DigestOf(kind_, one_by_one_)) + "-" + std::to_string(count_)};
+    // The one of a single part may be of a kind that cannot be joined.
+    if (of_bytes_ && JoinChecksums(kind_, *of_bytes_, *of_bytes_, 0)) {
+      result.of_bytes = Checksum{kind_, Encrypt::Base64Encode(*of_bytes_)};
+    }
   }
 
  private:
   bool is_known_ = true;
   EDigest kind_ = EDigest::kCrc32;
-  std::string joined_;
+  std::string one_by_one_;
+  std::optional<std::string> of_bytes_;
   std::size_t count_ = 0;
 };
 
@@ -131,7 +139,7 @@ Failure MatchParts(CompletedUpload& result, const std::vector<PartToComplete>& l
     if (!is_there || !Fits(asked, digests)) {
       return InvalidPart(asked);
     }
-    checksum.Add(digests);
+    checksum.Add(digests, part->size);
     result.size += part->size;
     result.pieces.push_back(Piece{part->size, part->url});
   }
@@ -148,7 +156,7 @@ Failure MatchParts(CompletedUpload& result, const std::vector<PartToComplete>& l
     return EError::kInvalidPart;
   }
   result.etag = *etag;
-  result.checksum = checksum.Take();
+  checksum.Give(result);
   return {};
 }
 

@@ -19,8 +19,12 @@ namespace Tansy::CloudStorage::S3 {
 // Every part but the last one of an object has at least this many bytes.
 inline constexpr std::uint32_t kLeastPartBytes = 5 * 1024 * 1024;
 
-// The client says with this header what checksums its parts will have. It is kept with the upload.
+// The client says with these headers what checksums its parts will have, and whether that of the object is of all bytes
+// (FULL_OBJECT) or of the parts' checksums (COMPOSITE). They are kept with the upload.
 inline constexpr const char* kChecksumAlgorithm = "x-amz-checksum-algorithm";
+inline constexpr const char* kChecksumType = "x-amz-checksum-type";
+inline constexpr const char* kOfAllBytes = "FULL_OBJECT";
+inline constexpr const char* kOfParts = "COMPOSITE";
 
 // Reads the number of a part, 1 to 10000.
 Failure ReadPartNumber(std::uint32_t& number, const Query& query);
@@ -42,7 +46,10 @@ struct CompletedUpload {
   CloudStorage::details::PieceList pieces;
   std::uint64_t size = 0;
   std::string etag;
-  std::optional<Checksum> checksum;  // of the checksums of all parts, when all have one of the same kind
+  // These are known when all parts have a checksum of the same kind.
+  std::optional<Checksum> of_parts;  // of the checksums of all parts, with their number behind it
+  std::optional<Checksum> of_bytes;  // of all bytes; of kinds that can be joined
+  std::string checksum_type;         // as the upload was begun
 };
 
 // Compares the client's list with the parts that were uploaded, which are ordered by number.

@@ -46,17 +46,26 @@ std::string NewUploadId() {
   return id;
 }
 
-// Checksums of whole objects that are not made from those of the parts cannot be compared with anything.
-Failure CheckAlgorithm(Attributes& attributes, const LowerHeaders& headers) {
-  const std::string& type = ValueOf(headers, "x-amz-checksum-type");
+Failure TakeAlgorithm(Attributes& attributes, const LowerHeaders& headers) {
+  const std::string& type = ValueOf(headers, kChecksumType);
   const std::string& algorithm = ValueOf(headers, kChecksumAlgorithm);
   if (algorithm.empty()) {
     return type.empty() ? Failure() : Failure(EError::kInvalidRequest, "x-amz-checksum-type needs an algorithm.");
   }
-  if (!ChecksumOfAlgorithm(algorithm)) {
+  const std::optional<EDigest> kind = ChecksumOfAlgorithm(algorithm);
+  if (!kind) {
     return {EError::kInvalidRequest, "Checksum algorithm provided is unsupported."};
   }
-  attributes.headers[std::string(kChecksumAlgorithm)] = algorithm;
+  const bool is_digest = kind == EDigest::kSha1 || kind == EDigest::kSha256;
+  const bool is_type =
+      type.empty() || (type == kOfAllBytes && !is_digest) || (type == kOfParts && kind != EDigest::kCrc64Nvme);
+  if (!is_type) {
+    return {EError::kInvalidRequest,
+            "The " + type + " checksum type cannot be used with the " + algorithm + " checksum algorithm."};
+  }
+  attributes.headers[kChecksumAlgorithm] = algorithm;
+  const bool is_of_all_bytes = type == kOfAllBytes || kind == EDigest::kCrc64Nvme;
+  attributes.headers[kChecksumType] = is_of_all_bytes ? kOfAllBytes : kOfParts;
   return {};
 }
 
@@ -67,18 +76,20 @@ LowerHeaders WithoutChecksums(const LowerHeaders& headers) {
   return others;
 }
 
-// Compares the checksum that a completion names with the one that the parts have together.
-Failure CheckWholeChecksum(const LowerHeaders& headers, const std::optional<Checksum>& checksum) {
+// Compares the checksum that a completion names with that of the object.
+Failure CheckWholeChecksum(const LowerHeaders& headers, const CompletedUpload& completed) {
   for (const auto& [name, value] : headers) {
     const std::optional<EDigest> kind = ChecksumKind(name);
     if (!kind) {
       continue;
     }
-    if (value.find('-') == std::string::npos) {
-      return {EError::kNotImplemented, "This server knows the checksums of parts, and none of the whole object."};
+    const std::optional<Checksum>& known =
+        value.find('-') == std::string::npos ? completed.of_bytes : completed.of_parts;
+    if (!known || known->kind != *kind) {
+      return {EError::kInvalidRequest, "The parts do not have the checksums that " + name + " could be compared with."};
     }
-    if (!checksum || *checksum != Checksum{*kind, value}) {
-      return {EError::kBadDigest, "The parts do not have the checksum in " + name + "."};
+    if (known->value != value) {
+      return {EError::kBadDigest, "The object does not have the checksum in " + name + "."};
     }
   }
   return {};
@@ -107,7 +118,9 @@ void WriteChecksum(CXmlWriter& xml, const std::optional<Checksum>& checksum) {
   }
 }
 
-void AnswerCompleted(const Request& request, const std::string& etag, const std::optional<Checksum>& checksum) {
+// `type` says what the checksum is of.
+void AnswerCompleted(const Request& request, const std::string& etag, const std::optional<Checksum>& checksum,
+                     const std::string& type) {
   CXmlWriter xml;
   xml.OpenAnswer("CompleteMultipartUploadResult");
   xml.Element("Location", "/" + PercentEncode(request.bucket) + "/" + PercentEncodePath(request.key));
@@ -115,6 +128,9 @@ void AnswerCompleted(const Request& request, const std::string& etag, const std:
   xml.Element("Key", request.key);
   xml.Element("ETag", '"' + etag + '"');
   WriteChecksum(xml, checksum);
+  if (checksum) {
+    xml.Element("ChecksumType", type);
+  }
   xml.Close("CompleteMultipartUploadResult");
   AnswerXml(request, xml.Take());
 }
@@ -344,7 +360,7 @@ void CS3Server::CreateMultipartUpload(const Request& request) {
     failure = TakeHeaders(attributes, request.headers);
   }
   if (!failure) {
-    failure = CheckAlgorithm(attributes, request.headers);
+    failure = TakeAlgorithm(attributes, request.headers);
   }
   PartUpload upload;
   upload.id = NewUploadId();
@@ -468,7 +484,9 @@ void CS3Server::CompleteMultipartUpload(const Request& request) {
     EAdded added = EAdded::kFailed;
     failure = TryToComplete(completed, added, list, request);
     if (!failure && added == EAdded::kAdded) {
-      AnswerCompleted(request, completed.etag, completed.checksum);
+      const bool is_of_all_bytes = completed.checksum_type == kOfAllBytes;
+      AnswerCompleted(request, completed.etag, is_of_all_bytes ? completed.of_bytes : completed.of_parts,
+                      is_of_all_bytes ? kOfAllBytes : kOfParts);
       return;
     }
     if (!failure && added == EAdded::kRefused) {
@@ -497,13 +515,15 @@ Failure CS3Server::TryToComplete(CompletedUpload& completed, EAdded& added, cons
     failure = MatchParts(completed, list, parts);
   }
   if (!failure) {
-    failure = CheckWholeChecksum(request.headers, completed.checksum);
+    failure = CheckWholeChecksum(request.headers, completed);
   }
   if (failure) {
     return failure;
   }
   Attributes attributes = FromText(upload.attributes);
-  attributes.headers.erase(std::string(kChecksumAlgorithm));
+  completed.checksum_type = attributes.headers[kChecksumType];
+  attributes.headers.erase(kChecksumAlgorithm);
+  attributes.headers.erase(kChecksumType);
   attributes.etag = completed.etag;
   ObjectInfo object;
   object.bucket_name = request.bucket;
@@ -525,7 +545,7 @@ bool CS3Server::AnswerRepeated(const Request& request, const std::vector<PartToC
       object.attributes.etag != *etag) {
     return false;
   }
-  AnswerCompleted(request, *etag, std::nullopt);
+  AnswerCompleted(request, *etag, std::nullopt, {});
   return true;
 }
 

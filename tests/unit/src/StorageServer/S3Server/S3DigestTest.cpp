@@ -74,5 +74,19 @@ TEST(S3Digest, KnowsTheHeadersOfChecksums) {
   EXPECT_EQ(ChecksumKind("x-amz-checksum-algorithm"), std::nullopt);
 }
 
+TEST(S3Digest, JoinsChecksumsOfTextsThatFollowOneAnother) {
+  const std::string first = "The quick brown fox ";
+  for (const EDigest kind : {EDigest::kCrc32, EDigest::kCrc32c, EDigest::kCrc64Nvme}) {
+    for (const std::size_t size : {0, 1, 7, 256, 1000003}) {
+      const std::string second(size, 'x');
+      EXPECT_EQ(JoinChecksums(kind, DigestOf(kind, first), DigestOf(kind, second), size),
+                DigestOf(kind, first + second))
+          << size;
+    }
+    EXPECT_FALSE(JoinChecksums(kind, "", DigestOf(kind, first), 1));
+  }
+  EXPECT_FALSE(JoinChecksums(EDigest::kSha1, DigestOf(EDigest::kSha1, "a"), DigestOf(EDigest::kSha1, "b"), 1));
+}
+
 }  // namespace
 }  // namespace Tansy::CloudStorage::S3

@@ -320,15 +320,52 @@ TEST_F(S3MultipartTest, ComparesAndGivesBackTheChecksumsOfParts) {
   EXPECT_EQ(head.response.headers.count("x-amz-checksum-algorithm"), 0U);
 }
 
+TEST_F(S3MultipartTest, ComparesTheChecksumOfAllBytes) {
+  const Texts bodies = {Pattern(kLeast, 1), Pattern(kLeast + 3, 2), "tail"};
+  for (const ChecksumNames& names : kChecksumNames) {
+    const bool can_be_joined = names.kind != EDigest::kSha1 && names.kind != EDigest::kSha256;
+    const std::string header(names.header);
+    const std::string type = can_be_joined ? "FULL_OBJECT" : "COMPOSITE";
+    const std::string id =
+        Begin("k", {{"x-amz-checksum-algorithm", std::string(names.algorithm)}, {"x-amz-checksum-type", type}});
+    std::vector<Listed> parts;
+    for (const std::string& body : bodies) {
+      const int number = static_cast<int>(parts.size()) + 1;
+      const std::string text = TansyBase::Encrypt::Base64Encode(DigestOf(names.kind, body));
+      EXPECT_EQ(Outcome(PutPart("k", id, number, body, {{header, text}})), "200");
+      parts.push_back({number, Md5(body)});
+    }
+    const std::string whole = TansyBase::Encrypt::Base64Encode(DigestOf(names.kind, bodies[0] + bodies[1] + bodies[2]));
+    const std::string other = TansyBase::Encrypt::Base64Encode(DigestOf(names.kind, "other"));
+    EXPECT_EQ(Outcome(Complete("k", id, parts, {{header, other}})),
+              can_be_joined ? "400 BadDigest" : "400 InvalidRequest")
+        << header;
+    const FakeAnswer done =
+        Complete("k", id, parts, can_be_joined ? TansyNet::Headers{{header, whole}} : TansyNet::Headers{});
+    EXPECT_EQ(Outcome(done), "200") << header;
+    EXPECT_EQ(Values(done.body, "ChecksumType"), Texts{type});
+    EXPECT_EQ(Values(done.body, std::string(names.element)).at(0) == whole, can_be_joined) << header;
+  }
+}
+
 TEST_F(S3MultipartTest, RefusesChecksumsThatItCannotCompare) {
-  EXPECT_EQ(Outcome(Do({.method = "POST",
-                        .path = PathOf("k"),
-                        .query = "uploads",
-                        .headers = {{"x-amz-checksum-algorithm", "MD4"}}})),
-            "400 InvalidRequest");
+  const auto begin = [&](const std::string& algorithm, const std::string& type) {
+    TansyNet::Headers headers = {{"x-amz-checksum-algorithm", algorithm}};
+    if (!type.empty()) {
+      headers["x-amz-checksum-type"] = type;
+    }
+    return Outcome(Do({.method = "POST", .path = PathOf("k"), .query = "uploads", .headers = headers}));
+  };
+  EXPECT_EQ(begin("MD4", ""), "400 InvalidRequest");
+  EXPECT_EQ(begin("CRC32", "ANY"), "400 InvalidRequest");
+  EXPECT_EQ(begin("SHA256", "FULL_OBJECT"), "400 InvalidRequest");
+  EXPECT_EQ(begin("CRC64NVME", "COMPOSITE"), "400 InvalidRequest");
+  EXPECT_EQ(begin("", "COMPOSITE"), "400 InvalidRequest");
   const std::string id = Begin("k");
   PutPart("k", id, 1, "x");
-  EXPECT_EQ(Outcome(Complete("k", id, {{1, Md5("x")}}, {{"x-amz-checksum-crc32", "AAAAAA=="}})), "501 NotImplemented");
+  for (const char* const value : {"AAAAAA==", "AAAAAA==-1"}) {
+    EXPECT_EQ(Outcome(Complete("k", id, {{1, Md5("x")}}, {{"x-amz-checksum-crc32", value}})), "400 InvalidRequest");
+  }
 }
 
 TEST_F(S3MultipartTest, ListsTheParts) {
