@@ -46,12 +46,16 @@ class CKeyOrder {
     *after = nullptr;
   }
 
+  // Puts a node in the place of one that is there and has the same name.
+  void Replace(const Node& node, Node& by) noexcept {
+    by.left = node.left;
+    by.right = node.right;
+    *LinkTo(node) = &by;
+  }
+
   // Removes a node that is there.
   void Remove(Node& node) noexcept {
-    KeyOrderLink** link = &root_;
-    while (*link != &node) {
-      link = IsBefore(At(*link).Name(), node.Name()) ? &(*link)->right : &(*link)->left;
-    }
+    KeyOrderLink** link = LinkTo(node);
     KeyOrderLink* left = node.left;
     KeyOrderLink* right = node.right;
     while (left != nullptr && right != nullptr) {
@@ -106,6 +110,15 @@ class CKeyOrder {
   }
 
  private:
+  // Gives the link that leads to a node that is there.
+  KeyOrderLink** LinkTo(const Node& node) noexcept {
+    KeyOrderLink** link = &root_;
+    while (*link != &node) {
+      link = IsBefore(At(*link).Name(), node.Name()) ? &(*link)->right : &(*link)->left;
+    }
+    return link;
+  }
+
   static Node& At(KeyOrderLink* link) { return static_cast<Node&>(*link); }
   static const Node& At(const KeyOrderLink* link) { return static_cast<const Node&>(*link); }
 

@@ -102,8 +102,7 @@ void CObjectTable::Put(CPackedObject::Pointer object) noexcept {
   object->next_ = replaced->next_;
   {
     const std::lock_guard<std::mutex> order_lock(order_mutex_);
-    order_.Remove(*replaced);
-    order_.Insert(*object);
+    order_.Replace(*replaced, *object);
   }
   *link = object.release();
 }

@@ -62,6 +62,11 @@ TEST(KeyOrder, FindsWhatAMapFinds) {
     } else if (random() % 2 == 0) {
       order.Remove(*found->second);
       model.erase(found);
+    } else {
+      auto node = std::make_unique<Node>();
+      node->name = name;
+      order.Replace(*found->second, *node);
+      found->second = std::move(node);
     }
     const std::string from = name_of();
     for (const bool with_key : {true, false}) {
