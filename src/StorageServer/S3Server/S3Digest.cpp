@@ -48,6 +48,45 @@ class CHash {
   std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
 };
 
+// The keyed digest of many texts. To look the algorithm up and to take the key costs more than the digest of a short
+// text, so both are kept.
+class CHmac {
+ public:
+  std::string Sign(std::string_view key, std::string_view text) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
+    Restart(key);
+    Expect(HMAC_Update(context_.get(), bytes, text.size()) == 1 && HMAC_Final(context_.get(), digest, &length) == 1);
+    return {reinterpret_cast<const char*>(digest), length};
+  }
+
+ private:
+  struct Free {
+    void operator()(HMAC_CTX* context) const { HMAC_CTX_free(context); }
+  };
+
+  void Restart(std::string_view key) {
+    if (has_key_ && key == key_) {
+      Expect(HMAC_Init_ex(context_.get(), nullptr, 0, nullptr, nullptr) == 1);
+      return;
+    }
+    has_key_ = false;
+    if (!context_) {
+      context_.reset(HMAC_CTX_new());
+    }
+    key_ = key;
+    // c_str() is never null: a null key would be taken for the one before.
+    Expect(context_ &&
+           HMAC_Init_ex(context_.get(), key_.c_str(), static_cast<int>(key_.size()), EVP_sha256(), nullptr) == 1);
+    has_key_ = true;
+  }
+
+  std::unique_ptr<HMAC_CTX, Free> context_;
+  std::string key_;
+  bool has_key_ = false;
+};
+
 template <typename Word>
 std::string MostSignificantFirst(Word word) {
   std::string bytes;
@@ -148,20 +187,20 @@ std::optional<std::string> JoinChecksums(EDigest kind, std::string_view first, s
 }
 
 std::string DigestOf(EDigest kind, std::string_view text) {
+  // Each request has two or three of these, and to set one up costs as much as to use it.
+  if (kind == EDigest::kSha256) {
+    thread_local CHash hash(EVP_sha256());
+    hash.Add(text);
+    return hash.Finish();
+  }
   CDigest digest(kind);
   digest.Add(text);
   return digest.Finish();
 }
 
 std::string HmacSha256(std::string_view key, std::string_view text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-  // A null key would be taken for no key at all.
-  const std::string secret(key);
-  Expect(HMAC(EVP_sha256(), secret.c_str(), static_cast<int>(secret.size()), bytes, text.size(), digest, &length) !=
-         nullptr);
-  return {reinterpret_cast<const char*>(digest), length};
+  thread_local CHmac hmac;
+  return hmac.Sign(key, text);
 }
 
 std::optional<EDigest> ChecksumKind(std::string_view header) {

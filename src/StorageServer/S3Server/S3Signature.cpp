@@ -278,6 +278,22 @@ std::string CanonicalValue(std::string_view value) {
   return text;
 }
 
+// Makes the key of a day once per thread and not for each request, because it takes four digests.
+std::string KeptSigningKey(const std::string& secret_key, const std::string& date, const std::string& region) {
+  struct Kept {
+    std::string secret_key;
+    std::string date;
+    std::string region;
+    std::string key;
+  };
+  thread_local Kept kept;
+  if (kept.key.empty() || kept.secret_key != secret_key || kept.date != date || kept.region != region) {
+    kept.key.clear();
+    kept = {secret_key, date, region, SigningKey(secret_key, date, region)};
+  }
+  return kept.key;
+}
+
 Failure WrongSignature(const Claim& claim, std::string canonical_request, std::string string_to_sign) {
   Failure failure = EError::kSignatureDoesNotMatch;
   failure.details.emplace_back("AWSAccessKeyId", claim.access_key);
@@ -382,7 +398,7 @@ Failure CheckSignature(Signed& result, const RequestToSign& request, const Ident
   }
   result.timestamp = claim.timestamp;
   result.scope = claim.Scope();
-  result.signing_key = SigningKey(identity.secret_key, claim.date, claim.region);
+  result.signing_key = KeptSigningKey(identity.secret_key, claim.date, claim.region);
   std::string canonical = CanonicalRequest(request, claim.signed_headers, claim.payload);
   std::string to_sign = StringToSign(result.timestamp, result.scope, canonical);
   result.signature = Sign(result.signing_key, to_sign);

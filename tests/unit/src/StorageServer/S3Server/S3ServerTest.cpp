@@ -517,6 +517,38 @@ TEST_F(S3ServerTest, RefusesWhatIsNotSigned) {
   EXPECT_EQ(Values(answer.body, "RequestId").at(0), answer.response.headers.at("x-amz-request-id"));
 }
 
+TEST_F(S3ServerTest, TakesKeysOfAnyByte) {
+  std::vector<std::string> expected;
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string key = std::string("k") + static_cast<char>(byte);
+    ASSERT_EQ(Outcome(PutKey(key, std::to_string(byte))), "200") << byte;
+    EXPECT_EQ(GetKey(key).body, std::to_string(byte));
+    expected.push_back(PercentEncodePath(key));
+  }
+  EXPECT_EQ(Values(List("list-type=2&encoding-type=url").body, "Key"), expected) << "in the order of their bytes";
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string key = std::string("k") + static_cast<char>(byte);
+    EXPECT_EQ(Do({.method = "DELETE", .path = PathOf(key)}).response.status, 204);
+  }
+  EXPECT_TRUE(Values(List("").body, "Key").empty());
+}
+
+TEST_F(S3ServerTest, RefusesTooManyKeysToDelete) {
+  PutKey("k", "x");
+  const auto remove = [this](int count) {
+    std::string list = "<Delete>";
+    for (int i = 0; i < count; ++i) {
+      list += "<Object><Key>k</Key></Object>";
+    }
+    return Outcome(Do({.method = "POST", .path = "/" + bucket_, .query = "delete", .body = list + "</Delete>"}));
+  };
+  EXPECT_EQ(remove(1000001), "400 MalformedXML");
+  EXPECT_EQ(remove(1001), "400 MalformedXML");
+  EXPECT_EQ(GetKey("k").body, "x") << "nothing is removed";
+  EXPECT_EQ(remove(1000), "200");
+  EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
+}
+
 // A form as browsers send it, with a policy that allows it.
 TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& bucket, const std::string& body,
                               std::vector<std::pair<std::string, std::string>> fields) {
