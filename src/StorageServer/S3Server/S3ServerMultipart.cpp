@@ -505,6 +505,8 @@ void CS3Server::CompleteMultipartUpload(const Request& request) {
 // The database adds the object only while the upload is open and has exactly these parts.
 Failure CS3Server::TryToComplete(CompletedUpload& completed, EAdded& added, const std::vector<PartToComplete>& list,
                                  const Request& request) {
+  using CloudStorage::details::PieceOwner;
+  using CloudStorage::details::PieceOwnerOf;
   PartUpload upload;
   std::vector<UploadedPart> parts;
   Failure failure = FindUpload(upload, request);
@@ -529,10 +531,17 @@ Failure CS3Server::TryToComplete(CompletedUpload& completed, EAdded& added, cons
   object.bucket_name = request.bucket;
   object.name = upload.object_name;
   object.size = completed.size;
-  object.url = CloudStorage::details::PieceListText(CloudStorage::details::PieceOwner(upload.id), completed.pieces);
+  object.url = CloudStorage::details::PieceListText(PieceOwner(upload.id), completed.pieces);
   object.update_time = NowText();
-  added = AddAndWait(object, attributes, ConditionsOf(request.headers));
-  return {};
+  // Another completion of this upload may have been first; its parts must stay as they are.
+  bool has_ended = false;
+  const auto may_add = [&, conditions = ConditionsOf(request.headers)](const ObjectInfo* there,
+                                                                       const std::string& there_attributes) {
+    has_ended = there != nullptr && PieceOwnerOf(there->url) == PieceOwner(upload.id);
+    return !has_ended && conditions(there, there_attributes);
+  };
+  added = AddAndWait(object, attributes, may_add);
+  return has_ended ? NoSuchUpload(request) : Failure();
 }
 
 // A client that did not get the answer asks again; by then the upload has become the object.

@@ -511,6 +511,27 @@ TEST_F(S3MultipartTest, CompletesWhileAPartIsReplaced) {
   }
 }
 
+// Only one of two completions that list different parts makes the object.
+TEST_F(S3MultipartTest, CompletesOnceHoweverMayBeListed) {
+  const Texts bodies = {Pattern(kLeast, 1), Pattern(kLeast, 2)};
+  const std::string id = Begin("k");
+  PutPart("k", id, 1, bodies[0]);
+  PutPart("k", id, 2, bodies[1]);
+  bool is_first = true;
+  Database().SetHook([&](const std::string& sql) {
+    if (is_first && sql.find("SELECT part_num") != std::string::npos) {
+      is_first = false;
+      Database().SetHook(nullptr);
+      EXPECT_EQ(Outcome(Complete("k", id, {{1, Md5(bodies[0])}, {2, Md5(bodies[1])}})), "200");
+    }
+  });
+  EXPECT_EQ(Outcome(Complete("k", id, {{1, Md5(bodies[0])}})), "404 NoSuchUpload");
+  Database().SetHook(nullptr);
+  EXPECT_FALSE(is_first);
+  EXPECT_EQ(CountParts(id), 2U);
+  EXPECT_TRUE(GetKey("k").body == bodies[0] + bodies[1]);
+}
+
 TEST_F(S3MultipartTest, NeverLosesAPartUnderCompletionsPartsAndAbortsAtOnce) {
   constexpr int kRounds = 20;
   for (int round = 0; round < kRounds; ++round) {
