@@ -111,7 +111,9 @@ std::span<char> CBodyBuffer::Space() {
       return {bytes.data() + used_, bytes.size() - used_};
     }
     if (wanted > bytes.capacity()) {
-      bytes.reserve(std::min(length_, std::max(wanted, used_ * details::kGrowth)));
+      // Until a body may go on in spare memory, it reserves no more than what it then has to copy.
+      const std::size_t most = used_ < details::kProof ? details::kProof : length_;
+      bytes.reserve(std::min(length_, std::max(wanted, std::min(used_ * details::kGrowth, most))));
     }
     bytes.resize(wanted);
   }

@@ -99,6 +99,20 @@ TEST(SpareBodies, ABodyGoesOnInTheMemoryOfAnEarlierOne) {
   EXPECT_TRUE(*second == std::string(kLength - 1000, 'b'));
 }
 
+// What comes before the spare memory is used has to be cleared, and is copied.
+TEST(SpareBodies, ABodyTakesSpareMemoryAsSoonAsItMay) {
+  constexpr std::size_t kLength = 200000;
+  constexpr std::size_t kProof = 65536;  // so much must have come
+  TansyNet::CSpareBodies::Process().Clear();
+  TansyNet::CSpareBodies::Process().Give(std::string(kLength, 'x'));
+  CBodyBuffer body;
+  body.Start(kLength, MemoryUse::kWork);
+  const std::string text(kProof, 'a');
+  std::string_view input = text;
+  body.Consume(input);
+  EXPECT_EQ(body.Space().size(), kLength - kProof);
+}
+
 // The first body of a process, too, which ctest makes of this one: a destructor that fails ends the program.
 TEST(SpareBodies, TheLastOwnerOfABodyNeedsNoMemory) {
   auto body = TansyNet::ShareBytes({std::string(1000000, 'a'), TansyNet::CMemoryShare()});
