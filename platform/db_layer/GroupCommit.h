@@ -47,14 +47,16 @@ class CGroupCommit {
   void Run(SqlWrite& write);
   // Takes a write, carries it out with a batch, and calls its `done`. When no batch is under way, the caller runs it
   // now, and goes on with what others post meanwhile; else it returns at once, and the thread that runs the next batch
-  // calls `done`. std::bad_alloc leaves the write with the caller.
+  // calls `done`. When the batch under way is run by somebody who called Run, and nobody has done so before, the caller
+  // waits for the end of that batch and runs the next one, because the other's thread must not be kept for what is
+  // posted. std::bad_alloc leaves the write with the caller.
   void Post(std::unique_ptr<PostedWrite>& write);
   // Counts the writes of the next batch.
   std::size_t CountWaiting() const;
 
  private:
   struct Waiter {
-    SqlWrite* write = nullptr;
+    SqlWrite* write = nullptr;  // null for one that only waits to lead
     bool done = false;
     bool leads = false;
     std::condition_variable wake;
@@ -62,6 +64,8 @@ class CGroupCommit {
 
   using PostedWrites = std::vector<std::unique_ptr<PostedWrite>>;
   void Lead(std::unique_lock<std::mutex> lock) noexcept;
+  void LeadNext(std::unique_lock<std::mutex> lock) noexcept;
+  void ChooseLeader() noexcept;
   void Execute(const std::vector<Waiter*>& waiters, const PostedWrites& posted) noexcept;
   static void Report(PostedWrite& posted) noexcept;
 
@@ -70,6 +74,8 @@ class CGroupCommit {
   // Everything below is guarded by mutex_. Where writes wait, there is a leader, or a leader of before that looks for
   // them.
   bool has_leader_ = false;
+  bool leader_waits_ = false;    // the leader called Run, so it leads one batch only
+  Waiter* successor_ = nullptr;  // leads after such a leader
   std::vector<Waiter*> waiting_;
   PostedWrites posted_;
 };

@@ -220,12 +220,11 @@ TEST(GroupCommitTest, AWaitingCallerTakesPostedWritesAlong) {
     }
     SucceedAll(batch);
   });
-  SqlWrite first;
-  group.Run(first);
+  posted.Post(group);
   waits.join();
   EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 2}));
   EXPECT_TRUE(write.succeeded);
-  EXPECT_EQ(posted.Succeeded(), 1);
+  EXPECT_EQ(posted.Succeeded(), 2);
 }
 
 TEST(GroupCommitTest, MemoryThatRunsOutFailsPostedWrites) {
@@ -238,6 +237,43 @@ TEST(GroupCommitTest, MemoryThatRunsOutFailsPostedWrites) {
   EXPECT_EQ(posted.Reports(), 1);
   EXPECT_EQ(posted.Succeeded(), 0);
   EXPECT_EQ(posted.LastError(), "out of memory");
+}
+
+// Somebody waits for the thread of whoever runs a write, so it must not be kept for what others post without a pause.
+TEST(GroupCommitTest, WhoeverWaitsForAWriteIsNotKeptForThoseOfOthers) {
+  constexpr int kMostBatches = 200;
+  CPosted posted;
+  std::mutex mutex;  // for the next three
+  bool is_back = false;
+  int batches = 0;
+  std::vector<std::thread> posters;
+  CGroupCommit* itself = nullptr;
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    SucceedAll(batch);
+    {
+      const std::lock_guard lock(mutex);
+      if (is_back || ++batches == kMostBatches) {
+        return;
+      }
+      posters.emplace_back([&] { posted.Post(*itself); });
+    }
+    while (itself->CountWaiting() == 0) {
+      std::this_thread::yield();
+    }
+  });
+  itself = &group;
+  SqlWrite write;
+  group.Run(write);
+  {
+    const std::lock_guard lock(mutex);
+    is_back = true;
+  }
+  EXPECT_TRUE(write.succeeded);
+  EXPECT_LT(batches, kMostBatches) << "it led all the time";
+  for (std::thread& poster : posters) {
+    poster.join();
+  }
+  EXPECT_EQ(posted.Succeeded(), static_cast<int>(posters.size())) << "the last poster leads to the end";
 }
 
 // Those who wait and those who do not, at once: each is told once.
