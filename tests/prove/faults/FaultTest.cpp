@@ -281,7 +281,7 @@ class Faults : public testing::Test {
       return;
     }
     system_tests::CTansyd command(folder_.GetPath(), "command");
-    system_tests::Launch check;
+    system_tests::Launch check = PlainLaunch();
     check.with_data = check.with_ports = false;
     check.arguments = {"--data", server_.Data(), "--check"};
     system_tests::Ended ended;
