@@ -304,6 +304,13 @@ class CFailingDatabase {
         "AND (NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.url) OR (SELECT COALESCE(SUM(size), 0) "
         "FROM local_upload_part WHERE object_url = NEW.url) <> NEW.size) "
         "BEGIN SELECT RAISE(ABORT, 'the parts of this object are not there'); END",
+        "CREATE TRIGGER platform.parts_changed BEFORE UPDATE OF url ON local_object WHEN substr(NEW.url, 1, 6) = "
+        "'parts:' AND (NEW.url <> OLD.url AND NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.url) OR "
+        "(SELECT COALESCE(SUM(size), 0) FROM local_upload_part WHERE object_url = NEW.url) <> NEW.size) "
+        "BEGIN SELECT RAISE(ABORT, 'the parts of this object are not there'); END",
+        "CREATE TRIGGER platform.parts_others BEFORE UPDATE OF pieces ON local_object WHEN EXISTS (SELECT 1 FROM "
+        "local_upload_part WHERE object_url = NEW.url AND instr(NEW.pieces, url) = 0) "
+        "BEGIN SELECT RAISE(ABORT, 'the parts of this object are others'); END",
         "CREATE TABLE platform.picture_url_encrypt (encrypt_url TEXT NOT NULL PRIMARY KEY, url TEXT NOT NULL)",
     };
   }
@@ -349,6 +356,18 @@ class CFailingDatabase {
         "RAISE EXCEPTION 'the parts of this object are not there'; END IF; RETURN NEW; END $$",
         "CREATE TRIGGER parts_missing BEFORE INSERT ON platform.local_object FOR EACH ROW "
         "WHEN (substr(NEW.url, 1, 6) = 'parts:') EXECUTE FUNCTION platform.parts_missing()",
+        "CREATE FUNCTION platform.parts_changed() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+        "IF NEW.url <> OLD.url AND NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.url) OR "
+        "(SELECT COALESCE(SUM(size), 0) FROM platform.local_upload_part WHERE object_url = NEW.url) <> NEW.size THEN "
+        "RAISE EXCEPTION 'the parts of this object are not there'; END IF; RETURN NEW; END $$",
+        "CREATE TRIGGER parts_changed BEFORE UPDATE OF url ON platform.local_object FOR EACH ROW "
+        "WHEN (substr(NEW.url, 1, 6) = 'parts:') EXECUTE FUNCTION platform.parts_changed()",
+        "CREATE FUNCTION platform.parts_others() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+        "IF EXISTS (SELECT 1 FROM platform.local_upload_part WHERE object_url = NEW.url AND strpos(NEW.pieces, url) = "
+        "0) "
+        "THEN RAISE EXCEPTION 'the parts of this object are others'; END IF; RETURN NEW; END $$",
+        "CREATE TRIGGER parts_others BEFORE UPDATE OF pieces ON platform.local_object FOR EACH ROW "
+        "EXECUTE FUNCTION platform.parts_others()",
         "CREATE TABLE platform.picture_url_encrypt (encrypt_url text PRIMARY KEY, url text NOT NULL)",
     };
   }

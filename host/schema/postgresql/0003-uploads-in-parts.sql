@@ -1,5 +1,8 @@
 -- Uploads in parts of any sizes. Each part is stored once. When the upload has become an object, its parts' rows stay:
 -- they are what names the bytes of the object. The upload tasks of the other protocol are in a table of their own.
+--
+-- While host_values has the row 'moving_in', the rows are copied from another catalogue, in any order: nothing is compared
+-- with other rows then.
 
 -- The uploads that are open. object_url is the url that the row of the object will have: 'parts:' and an id.
 CREATE TABLE platform.local_upload (
@@ -33,7 +36,8 @@ FOR EACH ROW EXECUTE FUNCTION platform.refuse_freed_bytes('part');
 
 CREATE FUNCTION platform.refuse_late_part() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
-  IF NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.object_url) THEN
+  IF NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.object_url)
+     AND NOT EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'moving_in') THEN
     RAISE EXCEPTION 'the upload of this part has ended';
   END IF;
   RETURN NEW;
@@ -69,10 +73,18 @@ FOR EACH ROW EXECUTE FUNCTION platform.release_ended_upload();
 -- replaced or removed is missing in the sum. An object whose removal is undone has its parts still. Sizes of objects
 -- are kept in 32 bits.
 CREATE FUNCTION platform.refuse_missing_parts() RETURNS trigger LANGUAGE plpgsql AS $$
+DECLARE
+  needs_upload boolean := true;
 BEGIN
-  IF NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.url)
-     AND (TG_OP = 'UPDATE'
-          OR NOT EXISTS (SELECT 1 FROM platform.released_bytes WHERE url = NEW.url AND kind IN (1, 2)))
+  IF EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'moving_in') THEN
+    RETURN NEW;
+  END IF;
+  IF TG_OP = 'UPDATE' THEN
+    needs_upload := NEW.url <> OLD.url;
+  ELSIF EXISTS (SELECT 1 FROM platform.released_bytes WHERE url = NEW.url AND kind IN (1, 2)) THEN
+    needs_upload := false;
+  END IF;
+  IF needs_upload AND NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.url)
      OR ((SELECT COALESCE(SUM(size), 0) FROM platform.local_upload_part WHERE object_url = NEW.url) - NEW.size)
         % 4294967296 <> 0 THEN
     RAISE EXCEPTION 'the parts of this object are not there';
@@ -81,9 +93,20 @@ BEGIN
 END $$;
 CREATE TRIGGER local_object_of_parts_added BEFORE INSERT ON platform.local_object
 FOR EACH ROW WHEN (substr(NEW.url, 1, 6) = 'parts:') EXECUTE FUNCTION platform.refuse_missing_parts();
+-- Only its attributes may change once it is made.
 CREATE TRIGGER local_object_of_parts_changed BEFORE UPDATE OF url ON platform.local_object
-FOR EACH ROW WHEN (NEW.url <> OLD.url AND substr(NEW.url, 1, 6) = 'parts:')
-EXECUTE FUNCTION platform.refuse_missing_parts();
+FOR EACH ROW WHEN (substr(NEW.url, 1, 6) = 'parts:') EXECUTE FUNCTION platform.refuse_missing_parts();
+
+CREATE FUNCTION platform.refuse_other_parts() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+  IF EXISTS (SELECT 1 FROM platform.local_upload_part WHERE object_url = NEW.url AND strpos(NEW.pieces, url) = 0)
+     AND NOT EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'moving_in') THEN
+    RAISE EXCEPTION 'the parts of this object are others';
+  END IF;
+  RETURN NEW;
+END $$;
+CREATE TRIGGER local_object_pieces_set BEFORE UPDATE OF pieces ON platform.local_object
+FOR EACH ROW WHEN (NEW.pieces <> '') EXECUTE FUNCTION platform.refuse_other_parts();
 
 CREATE FUNCTION platform.forget_pieces() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN

@@ -58,14 +58,16 @@ std::string InsertAttributesText(std::uint32_t object_id, const std::string& att
 
 // Gives what has to happen before an upload's parts become an object. The first statement waits for whoever changes the
 // upload at this moment. Parts that are not among the object's pieces go while the upload is still there, so that the
-// schema releases their bytes.
+// schema releases their bytes; once it has become an object, that object's parts stay as they are.
 std::vector<std::string> BeforePieces(const std::string& owner, const std::string& url) {
   std::string list;
   for (const Piece& piece : ReadPieceList(url)) {
     list += (list.empty() ? "'" : ",'") + Protect(piece.url) + "'";
   }
+  const std::string upload = "platform.local_upload WHERE object_url = '" + owner + "'";
   return {"UPDATE platform.local_upload SET update_time = update_time WHERE object_url = '" + owner + "'",
-          "DELETE FROM platform.local_upload_part WHERE object_url = '" + owner + "' AND url NOT IN (" + list + ")"};
+          "DELETE FROM platform.local_upload_part WHERE object_url = '" + owner + "' AND url NOT IN (" + list +
+              ") AND EXISTS (SELECT 1 FROM " + upload + ")"};
 }
 
 // Gives what has to happen afterwards: the upload goes, its remaining parts stay and name the object's bytes.

@@ -40,11 +40,12 @@ class UploadsInPartsTest : public CatalogueFixture {
   std::string AddPart(int number, const std::string& bytes) {
     const std::string url = Store(bytes);
     Run(PartText(number, url, bytes.size()));
+    list_ += url + ",";
     return url;
   }
-  static void Complete(std::size_t size) {
+  void Complete(std::size_t size) {
     AddObject(7, "o", "parts:1", static_cast<long>(size));
-    Run("UPDATE platform.local_object SET pieces = 'list' WHERE id = 7");
+    Run("UPDATE platform.local_object SET pieces = '" + list_ + "' WHERE id = 7");
     Run("DELETE FROM platform.local_upload");
   }
   static std::string CountParts() { return Answer("SELECT COUNT(*) FROM platform.local_upload_part"); }
@@ -58,6 +59,7 @@ class UploadsInPartsTest : public CatalogueFixture {
 
   Tests::CManualClock clock_;
   std::unique_ptr<CHousekeeping> housekeeping_;
+  std::string list_;  // of all parts that were added
   std::string output_;
 };
 
@@ -185,6 +187,37 @@ TEST_F(UploadsInPartsTest, NoObjectIsMadeOfPartsThatAreNotThere) {
   Run("DELETE FROM platform.local_upload");
   EXPECT_FALSE(TryToRun(add)) << "the upload has ended";
   EXPECT_FALSE(TryToRun(change)) << "the upload has ended";
+}
+
+TEST_F(UploadsInPartsTest, AnObjectIsMadeOfItsPartsOnceAndForAll) {
+  const std::string first = AddPart(1, "one");
+  const std::string second = AddPart(2, "two");
+  Run("DELETE FROM platform.local_upload_part WHERE part_num = 2");
+  Complete(3);
+  const std::string set = "UPDATE platform.local_object SET pieces = '";
+  EXPECT_FALSE(TryToRun(set + second + "' WHERE id = 7"));
+  EXPECT_FALSE(TryToRun("UPDATE platform.local_object SET url = 'parts:1', size = 6 WHERE id = 7"));
+  EXPECT_TRUE(TryToRun("UPDATE platform.local_object SET url = 'parts:1', size = 3, update_time = 'u' WHERE id = 7"));
+  EXPECT_TRUE(TryToRun(set + first + "' WHERE id = 7"));
+  // The same for a completion that comes after the removal.
+  Run("DELETE FROM platform.local_object");
+  AddObject(8, "o", "parts:1", 3);
+  EXPECT_FALSE(TryToRun(set + second + "' WHERE id = 8"));
+  EXPECT_TRUE(TryToRun(set + first + "' WHERE id = 8"));
+}
+
+TEST_F(UploadsInPartsTest, RowsOfAnotherCatalogueComeInAnyOrder) {
+  Run("DELETE FROM platform.local_upload");
+  Run("DELETE FROM platform.released_bytes");
+  const std::string url = Store("one");
+  EXPECT_FALSE(TryToRun(PartText(1, url, 3)));
+  Run("INSERT INTO platform.host_values (name, value) VALUES ('moving_in', '1')");
+  AddObject(7, "o", "parts:1", 3);
+  Run("UPDATE platform.local_object SET pieces = 'not yet known' WHERE id = 7");
+  Run(PartText(1, url, 3));
+  Run("DELETE FROM platform.host_values WHERE name = 'moving_in'");
+  EXPECT_EQ(Check(), kExitDone) << output_;
+  EXPECT_FALSE(TryToRun(PartText(2, Store("late"), 4)));
 }
 
 TEST_F(UploadsInPartsTest, ObjectsOfTwoGibibytesAndMoreAreComparedInThe32BitsThatTheyHave) {

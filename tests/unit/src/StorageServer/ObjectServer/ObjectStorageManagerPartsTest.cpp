@@ -160,5 +160,22 @@ TEST_F(ObjectStorageManagerParts, NoObjectIsMadeOfPartsThatChangedMeanwhile) {
   EXPECT_EQ(Complete('b', "other", {{5, "third"}}), EAdded::kFailed);
 }
 
+// A second completion that looked at the upload before the first one ended it.
+TEST_F(ObjectStorageManagerParts, ASecondCompletionChangesNothingOfTheObject) {
+  ASSERT_TRUE(CPartUploads::Begin(Upload('a', "key", "6b")));
+  ASSERT_TRUE(PutPart('a', 1, 5, "first"));
+  ASSERT_TRUE(PutPart('a', 2, 5, "second"));
+  ASSERT_TRUE(PutPart('a', 3, 9, "third"));
+  ASSERT_EQ(Complete('a', "key", {{5, "first"}, {9, "third"}}), EAdded::kAdded);
+  const Texts rows = Rows();
+  EXPECT_EQ(Complete('a', "key", {{5, "second"}, {9, "third"}}), EAdded::kFailed) << "of the same size";
+  EXPECT_EQ(Complete('a', "key", {{5, "first"}}), EAdded::kFailed) << "fewer";
+  EXPECT_EQ(Complete('a', "key", {{5, "first"}, {5, "second"}, {9, "third"}}), EAdded::kFailed) << "more";
+  EXPECT_EQ(Rows(), rows);
+  EXPECT_EQ(PartUrls(), (Texts{"first", "third"}));
+  EXPECT_EQ(Complete('a', "key", {{5, "first"}, {9, "third"}}), EAdded::kAdded) << "the same once more";
+  EXPECT_EQ(Rows(), rows);
+}
+
 }  // namespace
 }  // namespace Tansy::CloudStorage
