@@ -42,6 +42,7 @@ struct Request : Recipient {
   std::string bucket;       // decoded; empty when the request is about no bucket
   std::string key;          // decoded; empty when the request is about no object
   Signed signature;
+  bool is_second_look = false;  // it was put off until a missing entity tag was computed
 };
 
 // Gives 16 capital digits that no other request of this process has, nor, most likely, one of another process.

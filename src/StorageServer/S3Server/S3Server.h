@@ -48,9 +48,6 @@ struct FoundObject {
   std::string ETag() const;
 };
 
-// Of objects up to this length, a missing entity tag is computed on the thread that reads the object.
-inline constexpr std::uint32_t kQuickETagBytes = 0x100000;
-
 // A body that is stored, and that no row names yet.
 struct StoredBody {
   std::string url;  // as the host left it
@@ -160,15 +157,14 @@ class CS3Server : private TansyBase::CNoncopyable {
   static Failure ReplaceAttributes(StoredBody& body, std::string& time, const Request& request);
   static Failure FindObject(FoundObject& object, const Request& request);
   static Failure FindObject(FoundObject& object, const std::string& bucket, const std::string& key);
-  // Computes the entity tag of an object that has none, and keeps it.
-  static void FillInETag(FoundObject& object, const S3ServerConfig& config);
-  // Does so on a thread of its own for an object that is too long to be read just now, and answers the request there.
-  // Returns false when there is nothing to do.
-  static bool FillInETagElsewhere(const Request& request);
-  static void ReadObject(const Request& request);
+  // Computes the entity tag of an object that has none, and keeps it. Returns false when a thread of its own does so
+  // for a long object, and handles the request again.
+  static bool FillInETag(FoundObject& object, const Request& request);
   static void SendHead(const Request& request);
   static void SendBody(const Request& request);
-  static Failure FindReadable(FoundObject& object, AskedRange& range, const Request& request);
+  static Failure ReadAskedRange(AskedRange& range, const FoundObject& object, const Request& request);
+  // Finds what a read has to send. Returns false when the request is answered, or will be by another thread.
+  static bool FindToSend(FoundObject& object, AskedRange& range, const Request& request);
   static bool Send(const Request& request, const FoundObject& object, const AskedRange& range);
   static bool SendInChunks(const Request& request, const FoundObject& object, const TansyNet::HttpResponse& response,
                            std::uint32_t begin, std::uint32_t length);

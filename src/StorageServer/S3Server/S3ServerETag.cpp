@@ -19,6 +19,8 @@ using CloudStorage::details::CReadLease;
 using CloudStorage::details::HostBuffer;
 using CloudStorage::details::LocationText;
 
+// Of objects up to this length, the tag is computed on the thread that reads the object.
+constexpr std::uint32_t kQuickETagBytes = 0x100000;
 constexpr std::uint32_t kPieceBytes = 0x400000;
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
 
@@ -42,31 +44,35 @@ std::string Md5OfBytes(const S3ServerConfig& config, const ObjectInfo& object) {
   return ToHex(digest.Finish());
 }
 
-}  // namespace
-
-void CS3Server::FillInETag(FoundObject& object, const S3ServerConfig& config) {
+// Computes the entity tag of an object and keeps it. Whoever reads the object next finds out why it cannot be read.
+void ComputeETag(FoundObject& object, const S3ServerConfig& config) {
   std::string etag = Md5OfBytes(config, object.info);
   if (etag.empty()) {
-    return;  // whoever reads the object next finds out why
+    return;
   }
   object.attributes.etag = std::move(etag);
   // The catalogue compares the url, so that this is never taken for the tag of bytes that came meanwhile.
   CObjectStorageManager::Instance().FillInAttributes(object.info, ToText(object.attributes));
 }
 
-bool CS3Server::FillInETagElsewhere(const Request& request) {
-  FoundObject object;
-  if (FindObject(object, request) || !object.attributes.etag.empty() || object.info.size <= kQuickETagBytes ||
-      object.info.size > kMaxObjectBytes) {
-    return false;
+}  // namespace
+
+bool CS3Server::FillInETag(FoundObject& object, const Request& request) {
+  if (object.info.size <= kQuickETagBytes) {
+    ComputeETag(object, request.config);
+    return true;
   }
-  auto work = [object, handle = request.handle, id = request.id, msg = request.msg]() mutable {
+  if (request.is_second_look) {
+    return true;  // it could not be computed, or the object is another one by now
+  }
+  const auto work = [object, handle = request.handle, id = request.id, msg = request.msg]() mutable {
     try {
       const auto config = Instance().conf_.Load();
-      FillInETag(object, *config);
+      ComputeETag(object, *config);
       Request again(handle, msg, *config);
       again.id = id;
-      ReadObject(again);
+      again.is_second_look = true;
+      GetObject(again);
     } catch (const std::exception& error) {
       CLOUD_LOG(logging::kError, "[%s]read failed[%s], url[%s].[%s(%d)]", error.what(), msg.url.c_str());
       Instance().EndRequest(handle, EError::kInternalError);
@@ -75,7 +81,7 @@ bool CS3Server::FillInETagElsewhere(const Request& request) {
   if (!CloudStorage::details::CBigFileSendThreads::Instance().Run(work)) {
     AnswerFailure(request, EError::kSlowDown);
   }
-  return true;
+  return false;
 }
 
 }  // namespace Tansy::CloudStorage::S3

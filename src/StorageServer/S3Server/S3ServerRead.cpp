@@ -109,19 +109,7 @@ Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
   return FindObject(object, request.bucket, request.key);
 }
 
-Failure CS3Server::FindReadable(FoundObject& object, AskedRange& range, const Request& request) {
-  if (Failure failure = FindObject(object, request)) {
-    return failure;
-  }
-  if (object.info.size > kMaxObjectBytes) {
-    return EError::kInternalError;
-  }
-  if (object.attributes.etag.empty() && object.info.size <= kQuickETagBytes) {
-    FillInETag(object, request.config);
-  }
-  if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kFailed) {
-    return EError::kPreconditionFailed;
-  }
+Failure CS3Server::ReadAskedRange(AskedRange& range, const FoundObject& object, const Request& request) {
   const std::string& if_range = ValueOf(request.headers, "if-range");
   const bool has_range = if_range.empty() || if_range == '"' + object.ETag() + '"' ||
                          TansyBase::HttpDate::Parse(if_range) == object.modified;
@@ -138,29 +126,44 @@ Failure CS3Server::FindReadable(FoundObject& object, AskedRange& range, const Re
   return {};
 }
 
-void CS3Server::GetObject(const Request& request) {
-  if (!FillInETagElsewhere(request)) {
-    ReadObject(request);
+bool CS3Server::FindToSend(FoundObject& object, AskedRange& range, const Request& request) {
+  Failure failure = FindObject(object, request);
+  if (!failure && object.info.size > kMaxObjectBytes) {
+    failure = EError::kInternalError;
   }
+  if (!failure && object.attributes.etag.empty() && !FillInETag(object, request)) {
+    return false;
+  }
+  const ECondition condition =
+      failure ? ECondition::kMet : CheckConditions(request.headers, object.ETag(), object.modified);
+  if (condition == ECondition::kNotModified) {
+    AnswerNotModified(request, object);
+    return false;
+  }
+  if (condition == ECondition::kFailed) {
+    failure = EError::kPreconditionFailed;
+  }
+  if (!failure) {
+    failure = ReadAskedRange(range, object, request);
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return false;
+  }
+  return true;
 }
 
-void CS3Server::ReadObject(const Request& request) {
+void CS3Server::GetObject(const Request& request) {
   request.method == "HEAD" ? SendHead(request) : SendBody(request);
 }
 
 void CS3Server::SendHead(const Request& request) {
   FoundObject object;
   AskedRange range;
-  if (const Failure failure = FindReadable(object, range, request)) {
-    AnswerFailure(request, failure);
-    return;
+  if (FindToSend(object, range, request)) {
+    const TansyNet::HttpResponse response = ObjectResponse(request, object, range);
+    TansyNet::CHttpServer::HttpServerSendHead(request.handle, response, range.length);
   }
-  if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kNotModified) {
-    AnswerNotModified(request, object);
-    return;
-  }
-  TansyNet::HttpResponse response = ObjectResponse(request, object, range);
-  TansyNet::CHttpServer::HttpServerSendHead(request.handle, response, range.length);
 }
 
 // An object that was replaced after it was looked up may have lost its bytes; then its successor is sent.
@@ -169,12 +172,7 @@ void CS3Server::SendBody(const Request& request) {
   for (;;) {
     FoundObject object;
     AskedRange range;
-    if (const Failure failure = FindReadable(object, range, request)) {
-      AnswerFailure(request, failure);
-      return;
-    }
-    if (CheckConditions(request.headers, object.ETag(), object.modified) == ECondition::kNotModified) {
-      AnswerNotModified(request, object);
+    if (!FindToSend(object, range, request)) {
       return;
     }
     if (object.info.url == failed_url) {

@@ -179,6 +179,8 @@ TEST_F(S3ServerTest, SendsRanges) {
 TEST_F(S3ServerTest, ChecksConditions) {
   PutKey("k", "hello");
   EXPECT_EQ(GetKey("k", {{"If-None-Match", Md5("hello")}}).response.status, 304);
+  EXPECT_EQ(GetKey("k", {{"If-None-Match", Md5("hello")}, {"Range", "bytes=100-"}}).response.status, 304)
+      << "a condition comes before the range";
   EXPECT_EQ(Outcome(GetKey("k", {{"If-Match", "\"other\""}})), "412 PreconditionFailed");
   EXPECT_EQ(Outcome(PutKey("k", "again", {{"If-None-Match", "*"}})), "412 PreconditionFailed");
   EXPECT_EQ(Outcome(PutKey("new", "again", {{"If-None-Match", "*"}})), "200");
