@@ -1,12 +1,12 @@
 # Starts servers and remembers them in files below $disk/servers, because each row runs in a shell of its own.
-# A server's folder there holds: pid, url, https_url, picture_url, data (the folder of its files).
+# A server's folder there holds: pid, url, https_url, picture_url, s3_url, data (the folder of its files).
 
-# Prints a port below the range that the system gives out by itself, and with it the three ports behind it.
+# Prints a port below the range that the system gives out by itself, and with it the four ports behind it.
 free_ports() {
   local port each
   for _ in {1..200}; do
-    port=$((20000 + RANDOM % 3000 * 4))
-    for each in 0 1 2 3; do
+    port=$((20000 + RANDOM % 2400 * 5))
+    for each in 0 1 2 3 4; do
       ! (exec 3<>"/dev/tcp/127.0.0.1/$((port + each))") 2>/dev/null || continue 2
     done
     echo "$port"
@@ -52,12 +52,13 @@ start_tansyd() { # PROGRAM DATA DURABILITY
   port=$(free_ports)
   [[ $3 == full ]] || durability=(--durability "$3")
   "$1" --data "$2" --listen 127.0.0.1 --object-port "$port" --object-https-port $((port + 1)) --picture-port $((port + 2)) \
-    --picture-https-port $((port + 3)) --s3-port 0 --s3-https-port 0 "${durability[@]}" >"$server/out" 2>"$server/log" </dev/null &
+    --picture-https-port $((port + 3)) --s3-port $((port + 4)) --s3-https-port 0 "${durability[@]}" >"$server/out" 2>"$server/log" </dev/null &
   echo $! >"$server/pid"
   disown
   wait_for_line "$server/out" '^tansyd ready' || { tail -5 "$server/log" >&2; fail "tansyd does not start: $1"; return 1; }
   echo "http://127.0.0.1:$((port + 2))" >"$server/picture_url"
   echo "https://127.0.0.1:$((port + 1))" >"$server/https_url"
+  echo "http://127.0.0.1:$((port + 4))" >"$server/s3_url"
   [[ -e $2/bucket-made ]] || make_bucket "http://127.0.0.1:$port"
   echo "http://127.0.0.1:$port" >"$server/url"
 }

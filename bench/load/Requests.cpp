@@ -4,9 +4,11 @@
 #include <openssl/hmac.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace TansyBench {
 namespace {
@@ -36,6 +38,39 @@ std::string HmacSha1(const std::string& text, const std::string& key) {
   return Base64(digest, size);
 }
 
+std::string HmacSha256(const std::string& text, const std::string& key) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), reinterpret_cast<const unsigned char*>(text.data()),
+       text.size(), digest, &size);
+  return {reinterpret_cast<const char*>(digest), size};
+}
+
+std::string Sha256(const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr);
+  return {reinterpret_cast<const char*>(digest), size};
+}
+
+std::string Hex(const std::string& bytes) {
+  std::string text;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += "0123456789abcdef"[byte >> 4];
+    text += "0123456789abcdef"[byte & 15];
+  }
+  return text;
+}
+
+// The present time as "20261122T080000Z".
+std::string NowText() {
+  const std::time_t now = std::time(nullptr);
+  char text[20];
+  text[std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", std::gmtime(&now))] = '\0';
+  return text;
+}
+
 // Signatures hold three characters that mean something else in a query.
 std::string InQuery(const std::string& base64) {
   std::string text;
@@ -47,7 +82,8 @@ std::string InQuery(const std::string& base64) {
 
 class CSigner {
  public:
-  explicit CSigner(ESignature signature) : signature_(signature) {}
+  explicit CSigner(ESignature signature, std::string host = {})
+      : signature_(signature), host_(std::move(host)), s3_time_(NowText()) {}
 
   std::string CommonHeader() const {
     switch (signature_) {
@@ -55,6 +91,8 @@ class CSigner {
         return std::string("Date: ") + kDate;
       case ESignature::kForm:
         return std::string("Date: ") + kDate + "\r\nContent-Type: " + kFormType + "; boundary=tansy-bench";
+      case ESignature::kS3:
+        return "x-amz-date: " + s3_time_ + "\r\nx-amz-content-sha256: UNSIGNED-PAYLOAD";
       default:
         return "Accept: */*";
     }
@@ -66,6 +104,8 @@ class CSigner {
         return {method, Link(method, path), ""};
       case ESignature::kPictureLink:
         return {method, PictureLink(method, path), ""};
+      case ESignature::kS3:
+        return {method, path, S3Authorization(method, path)};
       default:
         return {method, path, Scheme() + HmacSha1(Text(method, path), secret_key_)};
     }
@@ -85,6 +125,23 @@ class CSigner {
     return target + "&token=" + InQuery(Base64(reinterpret_cast<const unsigned char*>(token.data()), token.size()));
   }
 
+  // Version 4; paths need no encoding.
+  std::string S3Authorization(const std::string& method, const std::string& path) const {
+    const std::string names = "host;x-amz-content-sha256;x-amz-date";
+    const std::string canonical = method + "\n" + path + "\n\nhost:" + host_ +
+                                  "\nx-amz-content-sha256:UNSIGNED-PAYLOAD\nx-amz-date:" + s3_time_ + "\n\n" + names +
+                                  "\nUNSIGNED-PAYLOAD";
+    const std::string day = s3_time_.substr(0, 8);
+    const std::string scope = day + "/us-east-1/s3/aws4_request";
+    std::string key = "AWS4" + secret_key_;
+    for (const std::string& step : {day, std::string("us-east-1"), std::string("s3"), std::string("aws4_request")}) {
+      key = HmacSha256(step, key);
+    }
+    const std::string text = "AWS4-HMAC-SHA256\n" + s3_time_ + "\n" + scope + "\n" + Hex(Sha256(canonical));
+    return "AWS4-HMAC-SHA256 Credential=" + access_key_ + "/" + scope + ",SignedHeaders=" + names +
+           ",Signature=" + Hex(HmacSha256(text, key));
+  }
+
   std::string PictureLink(const std::string& method, const std::string& path) const {
     const std::string expires = "1795248000";
     return path + "&AccessKeyId=" + access_key_ + "&Expires=" + expires +
@@ -92,6 +149,8 @@ class CSigner {
   }
 
   const ESignature signature_;
+  const std::string host_;
+  const std::string s3_time_;
   const std::string access_key_ = Environment("TANSY_ACCESS_KEY");
   const std::string secret_key_ = Environment("TANSY_SECRET_KEY");
 };
@@ -123,14 +182,17 @@ ESignature ParseSignature(const std::string& word) {
   if (word == "picture-link") {
     return ESignature::kPictureLink;
   }
+  if (word == "s3") {
+    return ESignature::kS3;
+  }
   if (word == "form") {
     return ESignature::kForm;
   }
   throw std::runtime_error("no way to sign: " + word);
 }
 
-void WriteSigned(std::istream& lines, ESignature signature, std::ostream& requests) {
-  const CSigner signer(signature);
+void WriteSigned(std::istream& lines, ESignature signature, std::ostream& requests, const std::string& host) {
+  const CSigner signer(signature, host);
   requests << Escaped(signer.CommonHeader()) << '\n';
   std::string method;
   std::string path;

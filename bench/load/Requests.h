@@ -25,14 +25,16 @@ struct RequestList {
 };
 
 // How requests of a file are signed: with headers, with a link of the object protocol, with a link of the picture
-// protocol, or as the upload of a picture's form.
-enum class ESignature { kHeader, kLink, kPictureLink, kForm };
+// protocol, as the upload of a picture's form, or with headers of the S3 protocol (signature version 4, unsigned body).
+enum class ESignature { kHeader, kLink, kPictureLink, kForm, kS3 };
 
-// Throws std::runtime_error for a word that names none of them: "header", "link", "picture-link", "form".
+// Throws std::runtime_error for a word that names none of them: "header", "link", "picture-link", "form", "s3".
 ESignature ParseSignature(const std::string& word);
 
 // Reads lines METHOD <blank> PATH and writes a file of requests, signed with $TANSY_ACCESS_KEY and $TANSY_SECRET_KEY.
-void WriteSigned(std::istream& lines, ESignature signature, std::ostream& requests);
+// S3's signature covers the host, "127.0.0.1:9702", and the time, which must not be more than 15 minutes ago.
+// `host` is for S3 only.
+void WriteSigned(std::istream& lines, ESignature signature, std::ostream& requests, const std::string& host = {});
 
 RequestList ReadRequests(const std::string& file);
 

@@ -21,7 +21,7 @@ namespace TansyBench {
 namespace {
 
 constexpr char kUsage[] =
-    "usage: tansy_load sign header|link|picture-link|form                     lines METHOD PATH on standard input\n"
+    "usage: tansy_load sign header|link|picture-link|form|s3 [HOST]           lines METHOD PATH on standard input\n"
     "       tansy_load content PATH BYTES                                     the content of an object\n"
     "       tansy_load run URL REQUESTS CONNECTIONS BYTES [SECONDS|once|verify [BODY_FILE]]\n"
     "       tansy_load multipart URL PATH BYTES PART_BYTES CONNECTIONS\n"
@@ -68,9 +68,9 @@ RunOptions ParseRun(const std::vector<std::string>& words) {
 // Returns false when the words are no command.
 bool Run(const std::vector<std::string>& words) {
   const std::string command = words.empty() ? "" : words[0];
-  if (command == "sign" && words.size() == 2) {
+  if (command == "sign" && (words.size() == 2 || words.size() == 3)) {
     std::ios::sync_with_stdio(false);
-    WriteSigned(std::cin, ParseSignature(words[1]), std::cout);
+    WriteSigned(std::cin, ParseSignature(words[1]), std::cout, words.size() == 3 ? words[2] : "");
   } else if (command == "content" && words.size() == 3) {
     WriteContent(words[1], std::stoull(words[2]));
   } else if (command == "run" && words.size() >= 5 && words.size() <= 7) {
