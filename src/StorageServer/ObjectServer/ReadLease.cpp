@@ -90,6 +90,14 @@ int CReadLease::Read(const StorageServerConfig& config, HostBuffer& buffer, std:
   return ended_ ? kServerInternalError : ReadRange(config, buffer, size, offset, location_);
 }
 
+bool CReadLease::Run(const std::function<void()>& call) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!ended_) {
+    call();
+  }
+  return !ended_;
+}
+
 void CReadLease::End() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!ended_ && end_ != nullptr) {

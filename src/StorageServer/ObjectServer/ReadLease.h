@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_READ_LEASE_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,7 +28,11 @@ class CReadLease : private TansyBase::CNoncopyable {
   // Reads like ReadRange of ObjectServerStorage.h; it returns an error of the protocol once the lease has ended.
   int Read(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset);
 
-  // Ends all leases and waits for their reads. Afterwards, no download that has begun calls the host again.
+  // Makes a call that belongs to what is read, such as the writing of a copy. Returns false, and does not make it, once
+  // the lease has ended.
+  bool Run(const std::function<void()>& call);
+
+  // Ends all leases and waits for their calls. Afterwards, nothing that has begun calls the host again.
   static void EndAll();
 
  private:

@@ -51,14 +51,22 @@ class CCopy {
     }
   }
 
-  // Returns false when it cannot be read or written.
-  bool Run(const FoundObject& source, std::uint32_t begin, std::uint32_t length) {
+  // kGivenUp: the servers are going down, so that it is in vain to try again.
+  enum class EOutcome { kDone, kFailed, kGivenUp };
+
+  EOutcome Run(const FoundObject& source, std::uint32_t begin, std::uint32_t length) {
     const std::shared_ptr<CReadLease> lease = CReadLease::Begin(LocationText(source.info.bucket_name, source.info.url));
-    bool is_done = lease != nullptr;
+    if (!lease) {
+      return EOutcome::kFailed;
+    }
+    bool is_done = true;
     do {
-      is_done = is_done && CopyChunk(*lease, begin + done_, std::min(kChunkBytes, length - done_), length);
+      is_done = CopyChunk(*lease, begin + done_, std::min(kChunkBytes, length - done_), length);
     } while (is_done && done_ < length);
-    return is_done;
+    if (is_done) {
+      return EOutcome::kDone;
+    }
+    return lease->Run([] {}) ? EOutcome::kFailed : EOutcome::kGivenUp;
   }
 
   StoredBody Take() {
@@ -85,7 +93,8 @@ class CCopy {
     if (checksum_) {
       checksum_->Add(bytes);
     }
-    return Write(bytes, length);
+    bool is_written = false;
+    return lease.Run([&] { is_written = Write(bytes, length); }) && is_written;
   }
 
   // What comes in one chunk is stored as a small body is.
@@ -236,11 +245,13 @@ Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Reques
       return failure;
     }
     CCopy copy(request.config, request.bucket, checksum);
-    if (source.info.url != failed_url && copy.Run(source, range.begin, range.length)) {
+    const auto outcome =
+        source.info.url != failed_url ? copy.Run(source, range.begin, range.length) : CCopy::EOutcome::kGivenUp;
+    if (outcome == CCopy::EOutcome::kDone) {
       body = copy.Take();
       return {};
     }
-    if (source.info.url == failed_url) {
+    if (outcome == CCopy::EOutcome::kGivenUp) {
       CLOUD_LOG(logging::kError, "[%s]copy failed[%s][%s(%d)]", request.msg.url.c_str());
       return EError::kInternalError;
     }

@@ -1,12 +1,17 @@
 // Copies, over the catalogue in memory, a storage in memory and the fake HTTP library.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "S3ServerFixture.h"
+#include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/S3Server/S3CopySource.h"
 #include "TansyBase/Encrypt.h"
 
@@ -125,6 +130,28 @@ TEST_F(S3CopyTest, AnswersAStorageThatFails) {
     EXPECT_EQ(Outcome(GetKey("to")), "404 NoSuchKey") << kind;
   }
   EXPECT_EQ(Outcome(Copy("from", "to")), "200");
+}
+
+TEST_F(S3CopyTest, CallsTheHostNoMoreOnceTheServersAreDown) {
+  NewObject(bucket_, "from", Pattern(21 * kMebibyte));
+  std::atomic<bool> is_down{false};
+  std::thread goes_down;
+  std::mutex mutex;
+  storage_.SetHook([&](const Tests::CFakeStorage::Call& call) {
+    EXPECT_FALSE(is_down) << call.kind;
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!goes_down.joinable()) {
+      goes_down = std::thread([&] {
+        CloudStorage::details::CReadLease::EndAll();
+        is_down = true;
+      });
+    }
+  });
+  const std::string outcome = Outcome(Copy("from", "to"));
+  goes_down.join();
+  storage_.SetHook(nullptr);
+  EXPECT_EQ(outcome, "500 InternalError");
+  EXPECT_EQ(Outcome(Copy("from", "to")), "200") << "after the next start";
 }
 
 TEST_F(S3CopyTest, CopiesRangesAsParts) {
