@@ -43,7 +43,8 @@ bool CConnectionPool::Fill(std::string& error) {
 
 CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std::string& error) {
   std::unique_lock lock(mutex_);
-  const bool has_turn = (queue_.empty() && HasRoom()) || WaitForTurn(lock, wait);
+  const bool comes_first = queue_.empty() || holder_ == std::this_thread::get_id();
+  const bool has_turn = (comes_first && HasRoom()) || WaitForTurn(lock, wait);
   if (closed_ || !has_turn) {
     error = closed_ ? "the module is not registered any more" : "all connections are in use";
     return {};
@@ -55,7 +56,11 @@ CConnectionPool::Lease CConnectionPool::Take(std::chrono::milliseconds wait, std
 }
 
 bool CConnectionPool::HasRoom() const {
-  return !idle_.empty() || open_ < CountAllowed();
+  return !IsHeldByAnother() && (!idle_.empty() || open_ < CountAllowed());
+}
+
+bool CConnectionPool::IsHeldByAnother() const {
+  return holder_ != std::thread::id() && holder_ != std::this_thread::get_id();
 }
 
 // Returns false when the time is over, or the pool is closed.
@@ -160,6 +165,11 @@ std::size_t CConnectionPool::CountWaiting() const {
   return queue_.size();
 }
 
+DBParam CConnectionPool::GetParam() const {
+  const std::lock_guard lock(mutex_);
+  return param_;
+}
+
 void CConnectionPool::Reset(const DBParam& param, std::shared_ptr<IDriver> driver) {
   std::vector<Idle> old;
   DBParam fresh = param;
@@ -172,6 +182,23 @@ void CConnectionPool::Reset(const DBParam& param, std::shared_ptr<IDriver> drive
     open_ -= old.size();
     changed_.notify_all();
   }
+}
+
+bool CConnectionPool::Hold(std::chrono::milliseconds wait) {
+  std::unique_lock lock(mutex_);
+  holder_ = std::this_thread::get_id();
+  if (changed_.wait_for(lock, wait, [this] { return open_ == idle_.size(); })) {
+    return true;
+  }
+  holder_ = {};
+  changed_.notify_all();
+  return false;
+}
+
+void CConnectionPool::Release() {
+  const std::lock_guard lock(mutex_);
+  holder_ = {};
+  changed_.notify_all();
 }
 
 void CConnectionPool::Close(std::chrono::milliseconds wait) noexcept {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "db_layer/Connect.h"
@@ -40,8 +41,13 @@ class CConnectionPool {
   void Return(Lease lease) noexcept;
   // Counts the callers that wait in Take at the moment.
   std::size_t CountWaiting() const;
-  // Sets the parameters with which later connections are opened.
+  // The parameters with which connections are opened, and a change of them for later ones.
+  DBParam GetParam() const;
   void Reset(const DBParam& param, std::shared_ptr<IDriver> driver);
+  // Lets only the calling thread take connections until Release is called, and waits until no other connection is in
+  // use. Returns false when some still are after this time; nothing is held then. One thread at a time may hold.
+  bool Hold(std::chrono::milliseconds wait);
+  void Release();
   // Hands nothing out from here on, and waits for connections in use, at most this long.
   void Close(std::chrono::milliseconds wait) noexcept;
 
@@ -52,6 +58,7 @@ class CConnectionPool {
   };
 
   bool HasRoom() const;
+  bool IsHeldByAnother() const;
   bool WaitForTurn(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds wait);
   std::unique_ptr<CConnect> TakeIdle();
   Lease OpenOne(std::unique_lock<std::mutex>& lock, std::string& error);
@@ -67,6 +74,7 @@ class CConnectionPool {
   std::shared_ptr<IDriver> driver_;
   std::uint64_t generation_ = 0;
   bool closed_ = false;
+  std::thread::id holder_;  // the default value: nobody
   std::size_t open_ = 0;  // idle, in use, and being opened
   // The connection that has been unused longest comes first. There is room for all that are open, so that giving one
   // back needs no memory.

@@ -250,6 +250,32 @@ bool DBLayer_ResetParam(const DBParam& param) {
   }
 }
 
+bool Module_Hold(const std::string& module, int milliseconds) {
+  const auto pool = details::PoolOf(module);
+  return pool && pool->Hold(std::chrono::milliseconds(milliseconds));
+}
+
+bool Module_Switch(const DBParam& param, const std::string& module) {
+  const auto pool = details::PoolOf(module);
+  if (!pool) {
+    return false;
+  }
+  const DBParam before = pool->GetParam();
+  if (details::ResetPool(*pool, param, module)) {
+    return true;
+  }
+  const std::string reason = LastRegisterError(module);
+  details::ResetPool(*pool, before, module);
+  details::SetLastError(module, reason);
+  return false;
+}
+
+void Module_Release(const std::string& module) {
+  if (const auto pool = details::PoolOf(module)) {
+    pool->Release();
+  }
+}
+
 void Module_Unregister(const std::string& module) {
   details::State& state = details::TheState();
   std::shared_ptr<CConnectionPool> pool;

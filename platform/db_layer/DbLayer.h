@@ -69,6 +69,16 @@ bool DBLayer_ResetParam(const DBParam& param);
 // come); what was committed is then wholly in the database file.
 void Module_Unregister(const std::string& module);
 
+// Moves a module to another database while it is in use. Module_Hold lets only the calling thread take connections of
+// the module from then on, others wait; it returns true when all other connections were given back, and false, with
+// nothing held, when some were not within this time. Writes of ExecuteLater may still be under way then: whatever the
+// holder writes next to the same database is carried out after them. Module_Switch gives the pool the parameters of the
+// other database and opens its first connections; after a failure the module has the parameters that it had before.
+// Module_Release ends it. All three are called by one thread.
+bool Module_Hold(const std::string& module, int milliseconds);
+bool Module_Switch(const DBParam& param, const std::string& module);
+void Module_Release(const std::string& module);
+
 // Sets how SQLite commits: true (the default) waits for stable storage, false leaves it to the operating system. The
 // setting is read when this process opens a file that it has not open yet. Returns the setting before.
 bool SetSqliteFullDurability(bool full);

@@ -255,6 +255,46 @@ TEST_F(ConnectionPoolTest, ClosedPoolGivesNothingAndSendsWaitersHome) {
   EXPECT_FALSE(pool.Fill(error_));
 }
 
+TEST_F(ConnectionPoolTest, WhoHoldsThePoolIsAloneUntilItIsReleased) {
+  CConnectionPool pool(Limits(1, 4), driver_);
+  auto out = pool.Take(milliseconds(0), error_);
+  EXPECT_FALSE(pool.Hold(milliseconds(20))) << "a connection is in use";
+  pool.Return(pool.Take(milliseconds(0), error_));  // nothing is held after that
+  pool.Return(std::move(out));
+  ASSERT_TRUE(pool.Hold(std::chrono::seconds(10)));
+  std::atomic<bool> has_taken{false};
+  std::thread other([&] {
+    std::string error;
+    auto lease = pool.Take(std::chrono::seconds(30), error);
+    has_taken = lease.connection != nullptr;
+    pool.Return(std::move(lease));
+  });
+  while (pool.CountWaiting() == 0) {
+    std::this_thread::yield();
+  }
+  auto own = pool.Take(milliseconds(0), error_);  // although somebody waits
+  EXPECT_TRUE(own.connection);
+  pool.Return(std::move(own));
+  EXPECT_FALSE(has_taken);
+  pool.Release();
+  other.join();
+  EXPECT_TRUE(has_taken);
+}
+
+TEST_F(ConnectionPoolTest, AHeldPoolCanGetOtherParameters) {
+  CConnectionPool pool(Limits(1, 4), driver_);
+  ASSERT_TRUE(pool.Fill(error_));
+  ASSERT_TRUE(pool.Hold(milliseconds(0)));
+  DBParam other = Limits(1, 4);
+  other.database = "other";
+  pool.Reset(other, driver_);
+  EXPECT_EQ(pool.GetParam().database, "other");
+  EXPECT_TRUE(pool.Fill(error_));
+  pool.Release();
+  EXPECT_EQ(driver_->last_database, "other");
+  EXPECT_TRUE(pool.Take(milliseconds(0), error_).connection);
+}
+
 TEST_F(ConnectionPoolTest, CrowdNeverExceedsTheLimit) {
   CConnectionPool pool(Limits(4, 6), driver_);
   std::atomic<int> out{0};

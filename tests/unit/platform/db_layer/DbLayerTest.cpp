@@ -111,6 +111,29 @@ TEST_F(DbLayerTest, ErrorsNeverHoldThePassword) {
   EXPECT_EQ(LastRegisterError("test"), "FATAL: postgresql://admin:***@db refused");
 }
 
+TEST_F(DbLayerTest, AHeldModuleIsSwitchedToAnotherDatabaseOrStaysWhereItIs) {
+  ASSERT_TRUE(Module_Register(Param(), "test"));
+  ASSERT_TRUE(Module_Hold("test", 10000));
+  DBParam param = Param();
+  param.database = folder_.Path("missing/folder/other.db");
+  EXPECT_FALSE(Module_Switch(param, "test"));
+  EXPECT_NE(LastRegisterError("test"), "");
+  CConnect* connection = DBLayer_ApplyConn("test");
+  ASSERT_TRUE(connection) << "where it was";
+  DBLayer_FreeConn(connection);
+  param.database = folder_.Path("other.db");
+  EXPECT_TRUE(Module_Switch(param, "test"));
+  Module_Release("test");
+  connection = DBLayer_ApplyConn("test");
+  ASSERT_TRUE(connection) << LastRegisterError("test");
+  EXPECT_TRUE(connection->Execute("CREATE TABLE platform.here (id INTEGER)"));
+  DBLayer_FreeConn(connection);
+  Module_Unregister("test");
+  EXPECT_FALSE(Module_Hold("test", 0));
+  const auto other = OpenSqlite(folder_.Path("other.db"));
+  EXPECT_EQ(Count(*other, "platform.here"), 0);
+}
+
 TEST_F(DbLayerTest, ForeignAndReturnedConnectionsAreIgnored) {
   ASSERT_TRUE(Module_Register(Param(), "test"));
   DBLayer_FreeConn(nullptr);
