@@ -220,6 +220,11 @@ CBodyLog::SegmentPointer CBodyLog::SegmentOf(const StoredName& name, BodyId& id)
   return found == segments_.end() || found->second->GetNonce() != id.nonce ? nullptr : found->second;
 }
 
+bool CBodyLog::HasSegment(const StoredName& name) const {
+  BodyId id;
+  return SegmentOf(name, id) != nullptr;
+}
+
 int CBodyLog::Find(const StoredName& name, BodyPlace& place) const {
   BodyId id;
   const SegmentPointer segment = SegmentOf(name, id);

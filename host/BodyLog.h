@@ -55,6 +55,8 @@ class CBodyLog {
   // or when one of the statements names a body that was lost by a failure before.
   bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error);
 
+  // Says whether the segment is there that the name speaks of.
+  bool HasSegment(const StoredName& name) const;
   // Returns 0 or errno; ENOENT: there is no such body.
   int Find(const StoredName& name, BodyPlace& place) const;
   // Removing bytes that are gone succeeds.

@@ -27,10 +27,11 @@
 #include <vector>
 
 #include "StoredName.h"
+#include "Volumes.h"
 
 namespace Tansy::Host {
 
-inline constexpr const char* kBodyLogVolume = "lg01";
+inline constexpr const char* kBodyLogVolume = kSmallBodies;
 inline constexpr std::uint32_t kLongestSmallBody = 64 * 1024;
 
 struct BodyId {

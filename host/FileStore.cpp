@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "FilePlaces.h"
 #include "FileVolumeWalk.h"
 #include "HostLog.h"
 #include "StartFailure.h"
@@ -15,8 +16,6 @@ namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr const char* kObjectVolume = "fs01";
-constexpr const char* kPictureVolume = "pc01";
 constexpr const char* kTemporaryEnd = ".tmp";
 
 // A large write is cut into slices of this size, so that the disk writes one slice while the next one is copied.
@@ -93,13 +92,15 @@ CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_dura
     : root_(std::move(root)),
       full_durability_(full_durability),
       use_(use),
-      objects_(*root_, details::kObjectVolume),
-      pictures_(*root_, details::kPictureVolume),
+      objects_(*root_, kFileObjects),
+      pictures_(*root_, kFilePictures),
       new_(*root_),
       room_(*root_),
       bodies_(*root_, details::ModeOf(full_durability, use), &room_) {}
 
 int CFileStore::Load() {
+  std::unique_ptr<HostSystem::IFolder> moved;
+  has_moved_bodies_ = root_->OpenFolder(kMovedBodies, moved) == 0;
   const int error = bodies_.Load();
   return error == 0 && use_ == EStoreUse::kServe ? new_.Load() : error;
 }
@@ -132,16 +133,63 @@ EStoreResult CFileStore::SaveAt(StoredName& name, std::uint64_t offset, const ch
   CNewBytesLog::CWrite write(new_, name);
   const CStoreRoom::CClaim room(room_, size);
   std::unique_ptr<HostSystem::IFile> file;
-  int error = room ? root_->OpenForWriting(FilePath(name), file) : ENOSPC;
+  int error = room ? root_->OpenForWriting(FilePathOf(name), file) : ENOSPC;
   if (error == 0) {
     error = WriteDurably(*file, offset, data, size);
   }
   cache_.Drop(name.id);
   if (error != 0) {
-    return details::Failed("writing to", FilePath(name), error);
+    return details::Failed("writing to", FilePathOf(name), error);
   }
   write.SetDone();
   return EStoreResult::kDone;
+}
+
+EStoreResult CFileStore::SaveNamed(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) {
+  if (!IsMine(name) || bodies_.HasSegment(name)) {
+    return EStoreResult::kInvalid;
+  }
+  if (name.volume == kSmallBodies) {
+    has_moved_bodies_ = true;
+  }
+  int error = 0;
+  if (new_.Contains(name)) {
+    new_.BeginWrite(name);
+  } else {
+    error = new_.Add(name);
+  }
+  if (error == 0) {
+    CNewBytesLog::CWrite write(new_, name);
+    const CStoreRoom::CClaim room(room_, size);
+    error = room ? WriteInto(name, offset, data, size) : ENOSPC;
+    cache_.Drop(name.id);
+    if (error == 0) {
+      write.SetDone();
+      return EStoreResult::kDone;
+    }
+  }
+  return details::Failed("writing", FilePathOf(name), error);
+}
+
+int CFileStore::WriteInto(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) {
+  std::unique_ptr<HostSystem::IFile> file;
+  int error = IsPicture(name) ? ENOENT : root_->OpenForWriting(FilePathOf(name), file);
+  if (error == 0) {
+    return WriteDurably(*file, offset, data, size);
+  }
+  std::unique_ptr<HostSystem::IFolder> folder;
+  if (error == ENOENT) {
+    error = OpenVolumeFolder(*root_, FileFolderOf(name), folder);
+  }
+  if (error != 0) {
+    return error;
+  }
+  CFileVolume::Place place{std::move(folder), name};
+  if (IsPicture(name)) {
+    place.folder->Remove(name.id + details::kTemporaryEnd);  // of an attempt that a crash has cut short
+  }
+  bool left_behind = false;  // the note stays in any case
+  return WriteNew(place, IsPicture(name), offset, data, size, left_behind);
 }
 
 EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const char* data, std::uint32_t size,
@@ -169,7 +217,7 @@ EStoreResult CFileStore::SaveNew(EContent content, std::uint64_t offset, const c
     }
   }
   if (error != 0) {
-    return details::Failed("writing", FilePath(place.name), error);
+    return details::Failed("writing", FilePathOf(place.name), error);
   }
   name = place.name;
   return EStoreResult::kDone;
@@ -239,7 +287,7 @@ EStoreResult CFileStore::ReadWhole(const StoredName& name, ReadBuffer& buffer) {
   if (error == 0) {
     error = details::ReadInto(*file, 0, static_cast<std::uint32_t>(size), buffer);
   }
-  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
+  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePathOf(name), error);
 }
 
 EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size,
@@ -266,7 +314,7 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
   if (error == 0 && offset == 0) {
     cache_.AddBody(name, buffer, ticket);
   }
-  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
+  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePathOf(name), error);
 }
 
 std::uint32_t CFileStore::DownloadChunk() const {
@@ -285,10 +333,10 @@ EStoreResult CFileStore::ReadSmall(const StoredName& name, std::uint64_t offset,
   }
   if (error == EBADMSG) {
     HOST_LOG(logging::kError, "[%s]%s is damaged: its bytes are not those that were stored.[%s(%d)]",
-             FilePath(name).c_str());
+             FilePathOf(name).c_str());
     return EStoreResult::kDamaged;
   }
-  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePath(name), error);
+  return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePathOf(name), error);
 }
 
 EStoreResult CFileStore::BeginRead(const StoredName& name) {
@@ -297,7 +345,7 @@ EStoreResult CFileStore::BeginRead(const StoredName& name) {
   }
   std::shared_ptr<HostSystem::IFile> file;
   if (const int error = OpenForReading(name, file)) {
-    return details::Failed("opening", FilePath(name), error);
+    return details::Failed("opening", FilePathOf(name), error);
   }
   held_.Begin(name, std::move(file));
   return EStoreResult::kDone;
@@ -319,7 +367,7 @@ int CFileStore::OpenForReading(const StoredName& name, std::shared_ptr<HostSyste
     return error;
   }
   std::unique_ptr<HostSystem::IFile> opened;
-  if (const int error = root_->OpenForReading(FilePath(name), opened)) {
+  if (const int error = root_->OpenForReading(FilePathOf(name), opened)) {
     return error;
   }
   file = std::move(opened);
@@ -331,7 +379,7 @@ EStoreResult CFileStore::Remove(const StoredName& name) {
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;
   }
-  const EStoreResult result = RemovePath(FilePath(name));
+  const EStoreResult result = RemovePath(IsSmallBody(name) ? FilePath(name) : FilePathOf(name));
   if (result == EStoreResult::kDone) {
     new_.Forget(name);
   }
@@ -367,21 +415,26 @@ EStoreResult CFileStore::GetSize(const StoredName& name, std::uint64_t& size) {
     return StoreResultOf(error);
   }
   std::unique_ptr<HostSystem::IFile> file;
-  int error = root_->OpenForReading(FilePath(name), file);
+  int error = root_->OpenForReading(FilePathOf(name), file);
   if (error == 0) {
     error = file->GetSize(size);
   }
   return StoreResultOf(error);
 }
 
-bool CFileStore::IsMine(const StoredName& name) const {
-  return name.volume == objects_.GetKey() || name.volume == pictures_.GetKey() || IsSmallBody(name);
+bool CFileStore::IsSmallBody(const StoredName& name) const {
+  return name.volume == kSmallBodies && (!has_moved_bodies_ || bodies_.HasSegment(name));
 }
 
 bool CFileStore::ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) {
   bool goes_on = true;
+  bool complete = true;
   const auto look = [&](const StoredEntry& entry) { return goes_on = visitor(entry); };
-  const bool complete = WalkVolume(*root_, VolumeOf(content).GetKey(), content, look);
+  const auto volumes = content == EContent::kObject ? std::vector<std::string>{kFileObjects, kMovedBodies, kPoolObjects}
+                                                    : std::vector<std::string>{kFilePictures, kPoolPictures};
+  for (const std::string& volume : volumes) {
+    complete = (!goes_on || WalkVolume(*root_, volume, content, look)) && complete;
+  }
   if (goes_on && content == EContent::kObject) {
     bodies_.ForEach(visitor);
   }
@@ -428,7 +481,7 @@ void CFileStore::ForgetNew(const std::vector<StoredName>& names) {
 EStoreResult CFileStore::FreeNew(const StoredName& name) {
   // Only the temporary file of a picture is removed: a crash may have come after the picture's address was sent.
   const EStoreResult result =
-      RemovePath(IsPicture(name) ? FolderPath(name) + "/" + name.id + details::kTemporaryEnd : FilePath(name));
+      IsPicture(name) ? RemovePath(FileFolderOf(name) + "/" + name.id + details::kTemporaryEnd) : Remove(name);
   if (result == EStoreResult::kDone) {
     new_.Forget(name);
   }
@@ -436,8 +489,7 @@ EStoreResult CFileStore::FreeNew(const StoredName& name) {
 }
 
 std::vector<VolumeRow> FileStoreVolumes() {
-  return {{details::kObjectVolume, StoragePathPrefix(details::kObjectVolume)},
-          {kBodyLogVolume, StoragePathPrefix(kBodyLogVolume)}};
+  return {{kFileObjects, StoragePathPrefix(kFileObjects)}, {kSmallBodies, StoragePathPrefix(kSmallBodies)}};
 }
 
 std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_durability, EStoreUse use) {

@@ -1,6 +1,7 @@
 #ifndef TANSY_HOST_FILE_STORE_H
 #define TANSY_HOST_FILE_STORE_H
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,11 +16,13 @@
 #include "ReadCache.h"
 #include "Schema.h"
 #include "StoreRoom.h"
+#include "Volumes.h"
 
 namespace Tansy::Host {
 
 // Stored bytes as files: one file per name, below a folder for each volume ("fs01" objects, "pc01" pictures). Small
-// objects lie together in the files of the body log ("lg01").
+// objects lie together in the files of the body log ("lg01"). What was moved here from a pool lies in files too, under
+// the names that it had there (FilePlaces.h).
 //
 // Full durability: a write returns when its bytes, the file's size and its name are on stable storage. An object is
 // written under its final name at once, because nothing refers to it before the catalogue row is written; a picture is
@@ -33,13 +36,14 @@ class CFileStore final : public IObjectStore {
   EStoreResult SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) override;
   bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error) override;
   EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
+  EStoreResult SaveNamed(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
   std::uint32_t DownloadChunk() const override;
   EStoreResult Remove(const StoredName& name) override;
   EStoreResult BeginRead(const StoredName& name) override;
   void EndRead(const StoredName& name) override { held_.End(name); }
-  bool IsPicture(const StoredName& name) const override { return name.volume == pictures_.GetKey(); }
+  bool IsPicture(const StoredName& name) const override { return IsPictureVolume(name.volume); }
   bool ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) override;
   EStoreResult RemovePath(const std::string& path) override;
   EStoreResult GetSize(const StoredName& name, std::uint64_t& size) override;
@@ -56,8 +60,10 @@ class CFileStore final : public IObjectStore {
   int Load();
 
  private:
-  bool IsMine(const StoredName& name) const;
-  static bool IsSmallBody(const StoredName& name) { return name.volume == kBodyLogVolume; }
+  static bool IsMine(const StoredName& name) { return IsObjectVolume(name.volume) || IsPictureVolume(name.volume); }
+  // Says whether these bytes are in the body log, or were.
+  bool IsSmallBody(const StoredName& name) const;
+  int WriteInto(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size);
   EStoreResult SaveSmall(std::string_view body, StoredName& name);
   EStoreResult ReadSmall(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer);
   CFileVolume& VolumeOf(EContent content) { return content == EContent::kObject ? objects_ : pictures_; }
@@ -77,6 +83,7 @@ class CFileStore final : public IObjectStore {
   CBodyLog bodies_;
   CHeldFiles held_;
   CReadCache cache_;
+  std::atomic<bool> has_moved_bodies_{false};  // small bodies as files
 };
 
 // Gives what the catalogue needs to turn location texts into storage paths. Pictures are left out: they have no row,

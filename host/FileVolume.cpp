@@ -2,6 +2,7 @@
 
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -40,6 +41,21 @@ int MakeFolder(HostSystem::IFolder& parent, const std::string& name, std::unique
 }  // namespace
 }  // namespace details
 
+int OpenVolumeFolder(HostSystem::IFolder& root, const std::string& path, std::unique_ptr<HostSystem::IFolder>& folder) {
+  HostSystem::IFolder* parent = &root;
+  for (std::size_t begin = 0; begin < path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    std::unique_ptr<HostSystem::IFolder> next;
+    if (const int error = details::MakeFolder(*parent, path.substr(begin, end - begin), next)) {
+      return error;
+    }
+    folder = std::move(next);
+    parent = folder.get();
+    begin = end + 1;
+  }
+  return 0;
+}
+
 CFileVolume::CFileVolume(HostSystem::IFolder& root, std::string key)
     : root_(root), key_(std::move(key)), folder_number_(details::RandomFolder()) {}
 
@@ -67,18 +83,10 @@ int CFileVolume::NewPlace(Place& place) {
 int CFileVolume::OpenCurrentFolder() {
   const unsigned int number = folder_ == nullptr ? folder_number_ : (folder_number_ + 1) % details::kFolderCount;
   const std::string digits = details::FolderDigits(number);
-  std::unique_ptr<HostSystem::IFolder> volume;
-  std::unique_ptr<HostSystem::IFolder> upper;
-  std::unique_ptr<HostSystem::IFolder> lower;
-  int error = details::MakeFolder(root_, key_, volume);
+  std::unique_ptr<HostSystem::IFolder> folder;
+  const int error = OpenVolumeFolder(root_, key_ + "/" + digits.substr(0, 2) + "/" + digits.substr(2), folder);
   if (error == 0) {
-    error = details::MakeFolder(*volume, digits.substr(0, 2), upper);
-  }
-  if (error == 0) {
-    error = details::MakeFolder(*upper, digits.substr(2), lower);
-  }
-  if (error == 0) {
-    folder_ = std::move(lower);
+    folder_ = std::move(folder);
     folder_number_ = number;
     files_in_folder_ = 0;
   }

@@ -40,6 +40,9 @@ class CFileVolume {
   std::shared_ptr<HostSystem::IFolder> folder_;  // null until the first file
 };
 
+// Opens the folder "volume/ab/cd" and makes what is missing of it; what was made is durable. Returns 0 or errno.
+int OpenVolumeFolder(HostSystem::IFolder& root, const std::string& path, std::unique_ptr<HostSystem::IFolder>& folder);
+
 }  // namespace Tansy::Host
 
 #endif  // TANSY_HOST_FILE_VOLUME_H

@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "FilePlaces.h"
 #include "HostLog.h"
 
 namespace Tansy::Host {
@@ -62,7 +63,7 @@ class CWalk {
         continue;
       }
       StoredEntry entry;
-      entry.name = {volume_, upper + lower, file.name.substr(0, kIdLength)};
+      entry.name = NameOfFile(volume_, upper + lower, file.name.substr(0, kIdLength));
       entry.path = path + "/" + file.name;
       entry.size = file.size;
       entry.content = content_;

@@ -1,5 +1,7 @@
 #include "FolderPlace.h"
 
+#include <cerrno>
+
 #include "FileStore.h"
 #include "HostSystem/Files.h"
 #include "Locks.h"
@@ -21,6 +23,15 @@ int CFolderPlace::ReadId(std::string& text) {
 int CFolderPlace::WriteId(const std::string& text) {
   const int error = HostSystem::MakeFolders(folder_);
   return error != 0 ? error : HostSystem::ReplaceFile(IdPath(), text);
+}
+
+int CFolderPlace::RemoveId() {
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> folder = HostSystem::OpenFolder(folder_, error);
+  if (folder != nullptr) {
+    error = folder->Remove("store.id");
+  }
+  return error == ENOENT ? 0 : error;
 }
 
 void CFolderPlace::ExpectFree() {

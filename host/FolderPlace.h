@@ -21,6 +21,7 @@ class CFolderPlace final : public IStoragePlace {
   bool Exists() override;
   int ReadId(std::string& text) override;
   int WriteId(const std::string& text) override;
+  int RemoveId() override;
   void ExpectFree() override;
   void Lock() override;
   bool IsInUse() override;

@@ -78,6 +78,11 @@ class IObjectStore {
   // Stores bytes at an offset; a name without an id asks for a new one, other names come from this function. Gaps that
   // were never written read as zeros.
   virtual EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) = 0;
+  // Stores bytes at an offset under a name that any store has given, and makes the name when there is none of it. The
+  // bytes are durable when this returns. It counts as a write of new bytes. A picture must be given whole, and then
+  // appears as a whole; one that is there is replaced.
+  virtual EStoreResult SaveNamed(const StoredName& name, std::uint64_t offset, const char* data,
+                                 std::uint32_t size) = 0;
   virtual EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) = 0;
   // Reads at most `size` bytes, fewer (even none) at the end.
   virtual EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size,

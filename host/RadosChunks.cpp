@@ -84,24 +84,31 @@ std::string ChunkName(const StoredName& name, std::uint32_t chunk) {
   for (std::size_t i = sizeof bytes; i-- > 0; chunk >>= 8) {
     bytes[i] = static_cast<unsigned char>(chunk & 255);
   }
-  return name.volume + "." + name.id + "." + HexText(bytes, sizeof bytes);
+  const std::string folder = name.folder == kRadosFolder ? "" : name.folder;
+  return name.volume + folder + "." + name.id + "." + HexText(bytes, sizeof bytes);
 }
 
 bool ParseChunkName(std::string_view object, StoredName& name, std::uint32_t& chunk) {
   using details::kIdLength;
   using details::kNumberLength;
   using details::kVolumeLength;
-  if (object.size() != kVolumeLength + kIdLength + kNumberLength + 2 || object[kVolumeLength] != '.' ||
-      object[kVolumeLength + 1 + kIdLength] != '.') {
+  constexpr std::size_t kTail = kIdLength + kNumberLength + 2;  // from the first dot on
+  constexpr std::size_t kFolderLength = 4;
+  const std::size_t place = object.size() - std::min(object.size(), kTail);
+  if ((place != kVolumeLength && place != kVolumeLength + kFolderLength) || object[place] != '.' ||
+      object[place + 1 + kIdLength] != '.') {
     return false;
   }
-  const std::string_view id = object.substr(kVolumeLength + 1, kIdLength);
+  const std::string_view folder = object.substr(kVolumeLength, place - kVolumeLength);
+  const std::string_view id = object.substr(place + 1, kIdLength);
   const std::string_view number = object.substr(object.size() - kNumberLength);
-  if (!IsHex(id, kIdLength) || !IsHex(number, kNumberLength)) {
+  if (!IsHex(id, kIdLength) || !IsHex(number, kNumberLength) || !IsHex(folder, folder.size()) ||
+      folder == kRadosFolder) {
     return false;
   }
   std::from_chars(number.data(), number.data() + number.size(), chunk, 16);
   name.volume = object.substr(0, kVolumeLength);
+  name.folder = folder.empty() ? std::string_view(kRadosFolder) : folder;
   name.id = id;
   return true;
 }

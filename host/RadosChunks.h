@@ -18,7 +18,8 @@ inline constexpr std::uint32_t kMostRadosChunks = 1025;
 inline constexpr const char* kRadosFolder = "0000";
 
 // The objects of a pool that hold the bytes of a stored name: one for every 4 MiB, called VOLUME.ID.NUMBER with eight
-// hexadecimal digits. Example: "rd01.0123456789abcdef0123456789abcdef.00000000". A folder is no part of it.
+// hexadecimal digits. Example: "rd01.0123456789abcdef0123456789abcdef.00000000". A folder other than kRadosFolder,
+// which names from a folder have, stands behind the volume: "fs01ab7c.0123...".
 std::string ChunkName(const StoredName& name, std::uint32_t chunk);
 // Returns false for names of another shape.
 bool ParseChunkName(std::string_view object, StoredName& name, std::uint32_t& chunk);

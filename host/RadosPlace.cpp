@@ -33,6 +33,16 @@ int CRadosPlace::WriteId(const std::string& text) {
   return pool_->WriteText(details::kIdObject, text);
 }
 
+int CRadosPlace::RemoveId() {
+  RadosChange change;
+  change.object = details::kIdObject;
+  change.removes = true;
+  CRadosBatch batch(*pool_);
+  batch.Start(change);
+  batch.Wait();
+  return change.result == ENOENT ? 0 : change.result;
+}
+
 void CRadosPlace::ExpectFree() {
   std::string holder;
   const int error = lock_.Look(holder);

@@ -23,6 +23,7 @@ class CRadosPlace final : public IStoragePlace {
   bool Exists() override { return true; }
   int ReadId(std::string& text) override;
   int WriteId(const std::string& text) override;
+  int RemoveId() override;
   void ExpectFree() override;
   void Lock() override;
   bool IsInUse() override;

@@ -12,19 +12,18 @@
 #include "StartFailure.h"
 #include "StoreResult.h"
 #include "TansyBase/MessageLoop.h"
+#include "Volumes.h"
 
 namespace Tansy::Host {
 namespace details {
 namespace {
 
-constexpr const char* kObjectVolume = "rd01";
-constexpr const char* kPictureVolume = "rp01";
 constexpr std::size_t kIdBytes = 16;
 // What is read at once of bytes whose number is not known.
 constexpr std::uint32_t kFirstRead = std::uint32_t{64} << 10;
 
 const char* VolumeOf(EContent content) {
-  return content == EContent::kObject ? kObjectVolume : kPictureVolume;
+  return content == EContent::kObject ? kPoolObjects : kPoolPictures;
 }
 
 int NewName(EContent content, StoredName& name) {
@@ -92,6 +91,38 @@ EStoreResult CRadosStore::SaveAt(StoredName& name, std::uint64_t offset, const c
   cache_.Drop(name.id);
   if (error != 0) {
     return Failed("writing to", name, error);
+  }
+  write.SetDone();
+  return EStoreResult::kDone;
+}
+
+EStoreResult CRadosStore::SaveNamed(const StoredName& name, std::uint64_t offset, const char* data,
+                                    std::uint32_t size) {
+  if (!IsMine(name)) {
+    return EStoreResult::kInvalid;
+  }
+  int error = new_ == nullptr ? EROFS : 0;
+  if (error == 0 && new_->Contains(name)) {
+    new_->BeginWrite(name);
+  } else if (error == 0) {
+    error = new_->Add(name);
+  }
+  if (error != 0) {
+    return Failed("writing", name, error);
+  }
+  CNewBytesLog::CWrite write(*new_, name);
+  const std::string_view bytes(data, size);
+  {
+    const TansyBase::CBlockingScope blocking;
+    error = IsPicture(name) ? ENOENT : chunks_.WriteMore(name, offset, bytes);
+    if (error == ENOENT) {
+      bool left_behind = false;  // the note stays in any case
+      error = chunks_.WriteNew(name, offset, bytes, IsPicture(name), left_behind);
+    }
+  }
+  cache_.Drop(name.id);
+  if (error != 0) {
+    return Failed("writing", name, error);
   }
   write.SetDone();
   return EStoreResult::kDone;
@@ -251,18 +282,19 @@ void CRadosStore::EndRead(const StoredName& name) {
 }
 
 bool CRadosStore::IsPicture(const StoredName& name) const {
-  return name.volume == details::kPictureVolume;
+  return IsPictureVolume(name.volume);
 }
 
 bool CRadosStore::IsMine(const StoredName& name) const {
-  return (name.volume == details::kObjectVolume || IsPicture(name)) && name.folder == kRadosFolder;
+  const bool is_pools = name.volume == kPoolObjects || name.volume == kPoolPictures;
+  return (IsObjectVolume(name.volume) || IsPicture(name)) && (!is_pools || name.folder == kRadosFolder);
 }
 
 bool CRadosStore::ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) {
   const auto show = [this, &visitor](const StoredEntry& entry) {
     return held_.IsRemoved(entry.name) || visitor(entry);
   };
-  const int error = WalkPool(*pool_, details::VolumeOf(content), content, show);
+  const int error = WalkPool(*pool_, content, show);
   if (error != 0) {
     HOST_LOG(logging::kError, "[%s]listing %s failed: %s.[%s(%d)]", pool_->Describe().c_str(),
              HostSystem::ErrorText(error).c_str());
@@ -334,7 +366,7 @@ EStoreResult CRadosStore::Failed(const char* what, const StoredName& name, int e
 }
 
 std::vector<VolumeRow> RadosStoreVolumes() {
-  return {{details::kObjectVolume, StoragePathPrefix(details::kObjectVolume)}};
+  return {{kPoolObjects, StoragePathPrefix(kPoolObjects)}};
 }
 
 std::unique_ptr<IObjectStore> OpenRadosStore(std::shared_ptr<CRadosPool> pool, EStoreUse use) {

@@ -22,7 +22,7 @@ namespace Tansy::Host {
 inline constexpr const char* kRadosNotesFolder = "new-bytes";
 
 // Stored bytes in a pool of a Ceph cluster, in chunks (RadosChunks.h), in the volumes "rd01" (objects) and "rp01"
-// (pictures).
+// (pictures), and whatever was moved here from a folder, under the names that it had there.
 //
 // The cluster acknowledges a write when every replica has it on stable storage, so all writes are durable when they
 // return. What is being read in this process is removed when the last reader has ended.
@@ -38,6 +38,7 @@ class CRadosStore final : public IObjectStore {
   EStoreResult SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) override;
   bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error) override;
   EStoreResult SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
+  EStoreResult SaveNamed(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
   // A large chunk is read from several places of the pool at once.

@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "RadosChunks.h"
+#include "Volumes.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -16,9 +19,8 @@ constexpr std::size_t kAtOnce = 256;
 
 class CWalk {
  public:
-  CWalk(CRadosPool& pool, const std::string& volume, EContent content,
-        const std::function<bool(const StoredEntry&)>& visitor)
-      : pool_(pool), volume_(volume), content_(content), visitor_(visitor) {}
+  CWalk(CRadosPool& pool, EContent content, const std::function<bool(const StoredEntry&)>& visitor)
+      : pool_(pool), content_(content), visitor_(visitor) {}
 
   int Run() {
     int error = pool_.List([this](std::string_view object) { return Note(object) && goes_on_; });
@@ -31,17 +33,26 @@ class CWalk {
   }
 
  private:
+  struct Other {
+    StoredName name;
+    std::uint32_t chunk = 0;
+  };
+
+  bool IsWanted(const std::string& volume) const {
+    return content_ == EContent::kPicture ? IsPictureVolume(volume) : IsObjectVolume(volume);
+  }
+
   bool Note(std::string_view object) {
     StoredName name;
     std::uint32_t chunk = 0;
-    if (!ParseChunkName(object, name, chunk) || name.volume != volume_) {
+    if (!ParseChunkName(object, name, chunk) || !IsWanted(name.volume)) {
       return true;
     }
     if (chunk > 0) {
-      others_.emplace_back(name.id, chunk);
+      others_.push_back({std::move(name), chunk});
       return true;
     }
-    heads_.push_back(name.id);
+    heads_.push_back(std::move(name));
     return heads_.size() < kAtOnce || ShowHeads();
   }
 
@@ -62,8 +73,8 @@ class CWalk {
   // Returns false when the walk is over.
   bool ShowHeads() {
     std::vector<std::string> objects;
-    for (const std::string& id : heads_) {
-      objects.push_back(ChunkName(NameOf(id), 0));
+    for (const StoredName& name : heads_) {
+      objects.push_back(ChunkName(name, 0));
     }
     const std::vector<RadosLook> looks = LookAt(objects);
     for (std::size_t i = 0; i < looks.size() && goes_on_; ++i) {
@@ -76,30 +87,32 @@ class CWalk {
   }
 
   void ShowHeadless() {
-    std::sort(others_.begin(), others_.end());
-    const auto same_id = [](const auto& a, const auto& b) { return a.first == b.first; };
+    std::sort(others_.begin(), others_.end(), [](const Other& a, const Other& b) {
+      return std::tie(a.name.id, a.chunk) < std::tie(b.name.id, b.chunk);
+    });
+    const auto same_id = [](const Other& a, const Other& b) { return a.name.id == b.name.id; };
     others_.erase(std::unique(others_.begin(), others_.end(), same_id), others_.end());
     for (std::size_t begin = 0; begin < others_.size() && goes_on_ && error_ == 0; begin += kAtOnce) {
       const std::size_t count = std::min(others_.size() - begin, kAtOnce);
       std::vector<std::string> objects;
       for (std::size_t i = begin; i < begin + count; ++i) {
-        objects.push_back(ChunkName(NameOf(others_[i].first), 0));
-        objects.push_back(ChunkName(NameOf(others_[i].first), others_[i].second));
+        objects.push_back(ChunkName(others_[i].name, 0));
+        objects.push_back(ChunkName(others_[i].name, others_[i].chunk));
       }
       const std::vector<RadosLook> looks = LookAt(objects);
       for (std::size_t i = 0; i < count && goes_on_; ++i) {
         const RadosLook& head = looks[2 * i];
         const RadosLook& other = looks[2 * i + 1];
         if (head.result == ENOENT && other.result == 0) {
-          Show(others_[begin + i].first, other.own_size, content_ == EContent::kPicture);
+          Show(others_[begin + i].name, other.own_size, content_ == EContent::kPicture);
         }
       }
     }
   }
 
-  void Show(const std::string& id, std::uint64_t size, bool is_temporary) {
+  void Show(const StoredName& name, std::uint64_t size, bool is_temporary) {
     StoredEntry entry;
-    entry.name = NameOf(id);
+    entry.name = name;
     entry.path = FilePath(entry.name);
     entry.size = size;
     entry.content = content_;
@@ -107,14 +120,11 @@ class CWalk {
     goes_on_ = visitor_(entry);
   }
 
-  StoredName NameOf(const std::string& id) const { return {volume_, kRadosFolder, id}; }
-
   CRadosPool& pool_;
-  const std::string& volume_;
   const EContent content_;
   const std::function<bool(const StoredEntry&)>& visitor_;
-  std::vector<std::string> heads_;                             // ids that are not shown yet
-  std::vector<std::pair<std::string, std::uint32_t>> others_;  // id and number of every other chunk
+  std::vector<StoredName> heads_;  // that are not shown yet
+  std::vector<Other> others_;
   bool goes_on_ = true;
   int error_ = 0;
 };
@@ -122,9 +132,8 @@ class CWalk {
 }  // namespace
 }  // namespace details
 
-int WalkPool(CRadosPool& pool, const std::string& volume, EContent content,
-             const std::function<bool(const StoredEntry&)>& visitor) {
-  return details::CWalk(pool, volume, content, visitor).Run();
+int WalkPool(CRadosPool& pool, EContent content, const std::function<bool(const StoredEntry&)>& visitor) {
+  return details::CWalk(pool, content, visitor).Run();
 }
 
 }  // namespace Tansy::Host

@@ -32,6 +32,7 @@ class IStoragePlace {
   virtual int ReadId(std::string& text) = 0;
   // Makes the place when it is missing. The id is durable afterwards.
   virtual int WriteId(const std::string& text) = 0;
+  virtual int RemoveId() = 0;
 
   // Fails when another tansyd uses the place. Lock also keeps others away for as long as this object lives.
   virtual void ExpectFree() = 0;

@@ -20,6 +20,7 @@ class CScriptedStore final : public IObjectStore {
 
   EStoreResult SaveWhole(EContent, const char*, std::uint32_t, StoredName& name) override { return Answer(name); }
   EStoreResult SaveAt(StoredName& name, std::uint64_t, const char*, std::uint32_t) override { return Answer(name); }
+  EStoreResult SaveNamed(const StoredName&, std::uint64_t, const char*, std::uint32_t) override { return result; }
   EStoreResult ReadWhole(const StoredName&, ReadBuffer&) override { return Result(); }
   EStoreResult ReadRange(const StoredName&, std::uint64_t, std::uint32_t, ReadBuffer&) override { return Result(); }
   std::uint32_t DownloadChunk() const override { return 0; }

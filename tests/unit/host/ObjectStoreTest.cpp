@@ -84,6 +84,80 @@ TEST_P(ObjectStoreTest, RangesOfLongBytesComeBack) {
   }
 }
 
+// Bytes that come from another store keep the names that they had there.
+TEST_P(ObjectStoreTest, NamesOfAnyStoreHoldBytes) {
+  const std::vector<std::string> names = {"fs01ab-cd-0123456789abcdef0123456789abcdef.d",
+                                          "lg0145-67-0123456789abcdef0123456789abcde0.d",
+                                          "rd0100-00-0123456789abcdef0123456789abcde1.d"};
+  for (const std::string& text : names) {
+    StoredName name;
+    ASSERT_TRUE(ParseLocationText(text, name));
+    std::uint64_t size = 0;
+    EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kMissing) << text;
+    const std::string bytes = Tests::RandomBytes((4U << 20U) + 9, 3);
+    // The end comes first, as it may with an upload in parts.
+    EXPECT_EQ(store_->SaveNamed(name, 4U << 20U, bytes.data() + (4U << 20U), 9), EStoreResult::kDone) << text;
+    EXPECT_EQ(store_->SaveNamed(name, 0, bytes.data(), 4U << 20U), EStoreResult::kDone);
+    EXPECT_TRUE(store_->IsNew(name)) << "so that it is freed when no row comes to name it";
+    EXPECT_FALSE(store_->IsPicture(name));
+    Reopen();
+    EXPECT_TRUE(ReadAll(name) == bytes) << text;
+    EXPECT_EQ(ReadRange(name, 5, 3), bytes.substr(5, 3));
+    std::vector<std::string> shown;
+    EXPECT_TRUE(store_->ForEach(EContent::kObject, [&](const StoredEntry& entry) {
+      shown.push_back(LocationText(entry.name));
+      return true;
+    }));
+    EXPECT_EQ(shown, std::vector<std::string>{text});
+    EXPECT_EQ(NewNames(), std::vector<std::string>{text});
+    store_->ForgetNew({name});
+    EXPECT_EQ(store_->BeginRead(name), EStoreResult::kDone);
+    EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
+    EXPECT_EQ(ReadRange(name, 5, 3), bytes.substr(5, 3)) << "for the reader";
+    store_->EndRead(name);
+    EXPECT_EQ(store_->GetSize(name, size), EStoreResult::kMissing) << text;
+  }
+  EXPECT_EQ(CountStored(), 0U);
+}
+
+TEST_P(ObjectStoreTest, PicturesOfAnyStoreArePicturesAndAppearWhole) {
+  for (const std::string volume : {"pc01ab-cd-", "rp0100-00-"}) {
+    StoredName name;
+    ASSERT_TRUE(ParseLocationText(volume + "0123456789abcdef0123456789abcdef.d", name));
+    EXPECT_TRUE(store_->IsPicture(name));
+    const std::string bytes = Tests::RandomBytes(9U << 20U, 4);
+    for (const std::string& content : {std::string("old"), bytes}) {
+      EXPECT_EQ(store_->SaveNamed(name, 0, content.data(), static_cast<std::uint32_t>(content.size())),
+                EStoreResult::kDone);
+      EXPECT_TRUE(ReadAll(name) == content) << volume;
+    }
+    Reopen();
+    EXPECT_TRUE(ReadAll(name) == bytes) << volume;
+    for (const NewBytes& left : store_->GetNew(0)) {
+      EXPECT_EQ(store_->FreeNew(left.name), EStoreResult::kDone);
+    }
+    EXPECT_TRUE(ReadAll(name) == bytes) << "no row will ever name it";
+    EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
+    EXPECT_EQ(CountStored(), 0U);
+  }
+}
+
+TEST_P(ObjectStoreTest, SmallBytesOfAnotherStoreAndOwnOnesDoNotGetInEachOthersWay) {
+  StoredName own;
+  ASSERT_EQ(Save("own", own), EStoreResult::kDone);
+  StoredName other{"lg01", "0001", "00000001000000000123456789abcdef"};
+  EXPECT_EQ(store_->SaveNamed(other, 0, "other", 5), EStoreResult::kDone);
+  Reopen();
+  EXPECT_EQ(ReadAll(own), "own");
+  EXPECT_EQ(ReadAll(other), "other");
+  store_->ForgetNew({own, other});
+  EXPECT_TRUE(NewNames().empty());
+  EXPECT_EQ(store_->Remove(other), EStoreResult::kDone);
+  EXPECT_EQ(ReadAll(own), "own");
+  EXPECT_EQ(store_->Remove(own), EStoreResult::kDone);
+  EXPECT_EQ(CountStored(), 0U);
+}
+
 // As the parts of an upload come: in any order, some of them twice, several at once.
 TEST_P(ObjectStoreTest, PartsAtOffsetsMakeOneWhole) {
   constexpr std::size_t kPart = 3000001;
