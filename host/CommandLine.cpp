@@ -19,6 +19,27 @@ std::string OneLine(std::string text) {
   return text;
 }
 
+CLI::App* AddMove(CLI::App& app, CommandLine& line) {
+  CLI::App* move =
+      app.add_subcommand("move", "move catalogue and bytes to another place, also beside a running tansyd");
+  move->fallthrough();
+  move->add_option("--to-database", line.move_database, "where the catalogue goes: as --database")->type_name("URL");
+  move->add_option("--to-storage", line.move_storage, "where the bytes go: as --storage")->type_name("URL");
+  move->add_flag("--dry-run", line.move_dry_run, "only say how much there is, and how long it takes");
+  move->add_flag("--even-damaged", line.move_force, "move although the bytes of some objects cannot be read");
+  move->add_flag("--cancel", line.move_cancel, "forget a move that has begun; what was copied stays there");
+  move->add_flag("--delete-old", line.move_delete, "free the place of before the move");
+  return move;
+}
+
+void ExpectOneWork(const CommandLine& line) {
+  const bool moves = !line.move_database.empty() || !line.move_storage.empty();
+  const int works = (moves ? 1 : 0) + (line.move_cancel ? 1 : 0) + (line.move_delete ? 1 : 0);
+  if (line.move && (works != 1 || line.check)) {
+    throw CStartFailure(kExitUsage, "move needs --to-database or --to-storage, or --cancel or --delete-old alone");
+  }
+}
+
 }  // namespace
 }  // namespace details
 
@@ -43,11 +64,12 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   CLI::Option* repair =
       app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
   app.add_flag("--force", line.force, "with --repair: also if that is more than a tenth of all bytes")->needs(repair);
+  const CLI::App* move = details::AddMove(app, line);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    line.print_only = app.help();
+    line.print_only = (move->parsed() ? move : &app)->help();
     return line;
   } catch (const CLI::CallForVersion& version) {
     line.print_only = std::string(version.what()) + "\n";
@@ -55,6 +77,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& error) {
     throw CStartFailure(kExitUsage, details::OneLine(error.what()) + " (tansyd --help lists the options)");
   }
+  line.move = move->parsed();
+  details::ExpectOneWork(line);
   for (std::size_t i = 0; i < options.size(); ++i) {
     if (options[i].first->count() > 0) {
       line.texts[options[i].second] = values[i];

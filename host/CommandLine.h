@@ -8,11 +8,18 @@
 namespace Tansy::Host {
 
 struct CommandLine {
-  OptionTexts texts;       // texts as given; no value has been checked yet
-  bool check = false;      // compare catalogue and stored bytes, then end
-  bool repair = false;     // with `check`: also free what nothing refers to
-  bool force = false;      // with `repair`: free it even when it is much
-  std::string print_only;  // help or version text to print; the program then ends
+  OptionTexts texts;    // texts as given; no value has been checked yet
+  bool check = false;   // compare catalogue and stored bytes, then end
+  bool repair = false;  // with `check`: also free what nothing refers to
+  bool force = false;   // with `repair`: free it even when it is much
+  bool move = false;    // move catalogue and bytes, or one of them, then end
+  std::string move_database;
+  std::string move_storage;
+  bool move_dry_run = false;
+  bool move_force = false;
+  bool move_cancel = false;  // instead: forget a move that has begun
+  bool move_delete = false;  // instead: free the place of before
+  std::string print_only;    // help or version text to print; the program then ends
 };
 
 // Throws CStartFailure with kExitUsage.

@@ -1,6 +1,7 @@
 #include "DatabaseUrl.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <iterator>
@@ -103,6 +104,22 @@ bool ParseServer(std::string_view rest, db_layer::DBParam& param) {
   return ParseUser(user, param) && ParseHost(place, param) && ParseParameters(parameters, param);
 }
 
+std::string Encode(const std::string& text) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string encoded;
+  for (const char c : text) {
+    const auto code = static_cast<unsigned char>(c);
+    if (std::isalnum(code) != 0 || c == '-' || c == '_' || c == '.') {
+      encoded += c;
+    } else {
+      encoded += '%';
+      encoded += kDigits[code >> 4];
+      encoded += kDigits[code & 15];
+    }
+  }
+  return encoded;
+}
+
 void Overwrite(char* begin, std::size_t length) {
   std::fill_n(begin, length, 'x');
 }
@@ -152,6 +169,19 @@ std::string ParseDatabaseUrl(const std::string& url, db_layer::DBParam& param) {
     }
   }
   return details::kAdvice;
+}
+
+std::string DatabaseUrlOf(const db_layer::DBParam& param) {
+  if (param.type != db_layer::kPostgresql) {
+    return "sqlite:" + param.database;
+  }
+  std::string url = "postgresql://" + details::Encode(param.user);
+  url += param.password.empty() ? "" : ":" + details::Encode(param.password);
+  url += param.user.empty() && param.password.empty() ? "" : "@";
+  url += param.host.find(':') != std::string::npos ? "[" + param.host + "]" : details::Encode(param.host);
+  url += param.port == 0 ? "" : ":" + std::to_string(param.port);
+  const std::size_t parameters = std::min(param.database.find('?'), param.database.size());
+  return url + "/" + details::Encode(param.database.substr(0, parameters)) + param.database.substr(parameters);
 }
 
 void HidePasswords(int argc, char** argv) {

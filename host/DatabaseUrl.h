@@ -15,6 +15,9 @@ db_layer::DBParam SqliteParam(const std::string& file);
 // "", or what would be right ("give ...").
 std::string ParseDatabaseUrl(const std::string& url, db_layer::DBParam& param);
 
+// Does the reverse, with the password.
+std::string DatabaseUrlOf(const db_layer::DBParam& param);
+
 // Overwrites the passwords of URLs among the arguments of this process, which every user of the machine can read.
 void HidePasswords(int argc, char** argv);
 

@@ -89,12 +89,15 @@ void NoteOpenFileLimit(std::uint64_t limit) {
 int Serve(const CommandLine& command_line) {
   HostSystem::ShareHeaps();
   CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
-                        [&](CSignalThread::EEnd why) { EndNow(why, command_line.check); }, {});
+                        [&](CSignalThread::EEnd why) { EndNow(why, command_line.check || command_line.move); }, {});
   const std::uint64_t open_files = HostSystem::RaiseOpenFileLimit();
   CServer server(command_line);
   NoteOpenFileLimit(open_files);
   if (command_line.check) {
     return server.Check(command_line);
+  }
+  if (command_line.move) {
+    return server.Move(command_line);
   }
   server.Start();
   signals.SetServing();

@@ -34,8 +34,18 @@ void CHousekeepingThread::Begin() {
   Start(details::kLookForChecksMs);
 }
 
+void CHousekeepingThread::SetDatabase(const db_layer::DBParam& database) {
+  const std::lock_guard lock(database_mutex_);
+  database_ = database;
+}
+
 void CHousekeepingThread::OnTimer() {
-  AnswerCheckRequest(*store_, database_, [this] { return IsStopping(); });
+  db_layer::DBParam database;
+  {
+    const std::lock_guard lock(database_mutex_);
+    database = database_;
+  }
+  AnswerCheckRequest(*store_, database, [this] { return IsStopping(); });
   const std::int64_t now = TansyBase::TimeUtil::Uptime();
   if (!has_run_ || now - last_round_ >= period_seconds_) {
     has_run_ = true;

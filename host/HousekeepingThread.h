@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "Housekeeping.h"
 #include "TansyBase/SingleBaseThread.h"
@@ -18,13 +19,16 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
   ~CHousekeepingThread() override;
 
   void Begin();
+  // Says where the catalogue is from now on.
+  void SetDatabase(const db_layer::DBParam& database);
 
  protected:
   void OnTimer() override;
 
  private:
   const std::shared_ptr<IObjectStore> store_;
-  const db_layer::DBParam database_;
+  std::mutex database_mutex_;
+  db_layer::DBParam database_;  // guarded by the mutex
   const std::int64_t period_seconds_;
   CHousekeeping housekeeping_;
   std::int64_t last_round_ = 0;  // uptime of the last round

@@ -19,6 +19,8 @@
 #include "HostSystem/Process.h"
 #include "ListeningFile.h"
 #include "Locks.h"
+#include "MoveRequest.h"
+#include "MovedMark.h"
 #include "PostgresDatabase.h"
 #include "Schema.h"
 #include "StartFailure.h"
@@ -139,24 +141,31 @@ CServer::CServer(const CommandLine& command_line) {
   const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
 
   using EUse = CDataFolder::EUse;
-  data_folder_ = std::make_unique<CDataFolder>(data, command_line.check ? EUse::kLook : EUse::kServe);
+  const bool only_looks = command_line.check || command_line.move;
+  data_folder_ = std::make_unique<CDataFolder>(data, only_looks ? EUse::kLook : EUse::kServe);
   ReadOptions(command_line, config_path);
   if (!log_file.empty()) {
     options_.log_file = log_file;
   }
-  if (command_line.check) {
+  if (only_looks) {
     options_.log_file.clear();  // the log file belongs to the running server
     OpenLog();
     return;
   }
   ForgetCheckRequests();
+  ForgetMoveRequests();
   OpenLog();
+  Open();
+}
+
+void CServer::Open() {
   OpenDatabase();
   OpenStore();
 }
 
 CServer::~CServer() {
   address_watch_.reset();
+  move_thread_.reset();
   housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);
   db_layer::SetCommitBarrier({});
@@ -171,6 +180,7 @@ void CServer::ReadOptions(const CommandLine& command_line, const std::string& co
   ApplyOptions(options_, settings_.texts, "settings file " + settings_path_ + ": ", "", kExitFailed);
   ApplyOptions(options_, command_line.texts, "", "--", kExitUsage);
   CheckPorts(options_);
+  followed_moves_ = FollowMoves(ReadMovedMark(), options_);
   follows_adapters_ = options_.local_ip.empty();
   if (follows_adapters_) {
     options_.local_ip = ChooseLocalIp(options_.listen, AdapterAddresses().value_or(std::vector<std::string>{}));
@@ -193,6 +203,10 @@ void CServer::OpenLog() {
 void CServer::OpenDatabase() {
   const db_layer::DBParam& database = options_.database;
   log_->AddSecret(database.password);
+  if (!followed_moves_.empty()) {
+    HOST_LOG(logging::kNotable, "[%s]since a move %s: the options name what was before.[%s(%d)]",
+             followed_moves_.c_str());
+  }
   db_layer::SetSqliteFullDurability(options_.full_durability);
   db_layer::SetPostgresFullDurability(options_.full_durability);
   // From the first change on until the pool is there, this keeps a server's database for this process.
@@ -211,11 +225,13 @@ void CServer::OpenDatabase() {
 }
 
 void CServer::OpenStore() {
+  SettleMoves(options_, ReadMovedMark());
   place_ = FindStoragePlace(options_.storage);
   place_->ExpectFree();
   MatchStoreIdentity(options_.database, *place_, EIdentity::kAdopt);
   place_->Lock();
-  store_ = place_->Open(options_.full_durability, EStoreUse::kServe);
+  store_ = std::make_shared<CMovableStore>(place_->Open(options_.full_durability, EStoreUse::kServe));
+  served_ = options_;
   db_layer::SetCommitBarrier([store = store_](const std::vector<std::string_view>& statements, std::string& error) {
     return store->MakeDurable(statements, error);
   });
@@ -223,6 +239,51 @@ void CServer::OpenStore() {
 
 int CServer::Check(const CommandLine& command_line) {
   return RunCheckCommand(command_line, options_, *data_folder_, std::cout);
+}
+
+int CServer::Move(const CommandLine& command_line) {
+  MoveHost host;
+  host.say = [](const std::string& line) { std::cout << line << std::endl; };
+  MoveRequest request;
+  request.work = command_line.move_cancel ? EMoveWork::kCancel : EMoveWork::kMove;
+  request.order = {command_line.move_database, command_line.move_storage, command_line.move_dry_run,
+                   command_line.move_force};
+  if (command_line.move_delete) {
+    DeleteMoved(options_, host.say);
+    return kExitDone;
+  }
+  if (data_folder_->IsInUse()) {
+    return AskForMove(
+        request, [this] { return data_folder_->IsInUse(); }, std::cout);
+  }
+  data_folder_->Lock();
+  ForgetMoveRequests();
+  Open();
+  const auto say = host.say;
+  host = HostOfMove();
+  host.say = say;
+  host.is_stopping = [] { return false; };
+  const int exit_code = DoMoveWork(request, host);
+  db_layer::Module_Unregister(details::kModule);
+  return exit_code;
+}
+
+// Is called on the thread that moves.
+MoveHost CServer::HostOfMove() {
+  MoveHost host;
+  host.options = served_;
+  host.store = store_;
+  host.take_over = [this](MovedTo moved) { TakeOver(std::move(moved)); };
+  return host;
+}
+
+void CServer::TakeOver(MovedTo moved) {
+  served_ = moved.options;
+  log_->AddSecret(served_.database.password);
+  if (housekeeping_ != nullptr) {
+    housekeeping_->SetDatabase(served_.database);
+  }
+  moved_.push_back(std::move(moved));
 }
 
 void CServer::Start() {
@@ -253,6 +314,8 @@ void CServer::Start() {
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
   housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules);
   housekeeping_->Begin();
+  move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
+  move_thread_->Begin();
   WatchAddresses();
 }
 
@@ -360,6 +423,7 @@ void CServer::Stop() {
   RemoveListeningFile();
   address_watch_.reset();
   details::FinishRequests(details::kDrainMs);
+  move_thread_.reset();
   // This comes last, because it may be busy for a while: by now no client waits for anything.
   housekeeping_.reset();
   db_layer::Module_Unregister(details::kModule);

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "AddressWatch.h"
 #include "CommandLine.h"
@@ -10,7 +11,9 @@
 #include "DataFolder.h"
 #include "HostSystem/LockFile.h"
 #include "HousekeepingThread.h"
-#include "ObjectStore.h"
+#include "MovableStore.h"
+#include "Move.h"
+#include "MoveThread.h"
 #include "Options.h"
 #include "StoragePlace.h"
 #include "TansyCloudStorage/StorageConfig.h"
@@ -44,10 +47,14 @@ class CServer {
 
   // Is called instead of Start: compares catalogue and stored bytes on standard output. Returns the exit code.
   int Check(const CommandLine& command_line);
+  // Is called instead of Start: moves what is here to another place, or has the running tansyd do that. What there is
+  // to say goes to standard output. Returns the exit code.
+  int Move(const CommandLine& command_line);
 
  private:
   void ReadOptions(const CommandLine& command_line, const std::string& config_path);
   void OpenLog();
+  void Open();
   void OpenDatabase();
   void OpenStore();
   void PrepareCertificate() const;
@@ -56,18 +63,25 @@ class CServer {
   void StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const;
   void StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const;
   void WatchAddresses();
+  MoveHost HostOfMove();
+  void TakeOver(MovedTo moved);
 
   HostOptions options_;
+  std::string followed_moves_;  // what options mean since a move, for people
   std::string settings_path_;
   Settings settings_;
   std::unique_ptr<CDataFolder> data_folder_;
   HostSystem::CLockFile database_lock_;
   std::shared_ptr<logging::CStandardSink> log_;
   std::unique_ptr<IStoragePlace> place_;
-  std::shared_ptr<IObjectStore> store_;
+  std::shared_ptr<CMovableStore> store_;
   bool follows_adapters_ = false;  // no option names the address for best-node answers
   std::unique_ptr<CAddressWatch> address_watch_;
   std::unique_ptr<CHousekeepingThread> housekeeping_;
+  // The next three belong to the thread that moves.
+  HostOptions served_;  // what is served now, after moves
+  std::vector<MovedTo> moved_;
+  std::unique_ptr<CMoveThread> move_thread_;
 };
 
 }  // namespace Tansy::Host

@@ -1,0 +1,154 @@
+#include "MoveRequest.h"
+
+#include <openssl/rand.h>
+
+#include <chrono>
+#include <exception>
+#include <ostream>
+#include <sstream>
+#include <thread>
+
+#include "HostLog.h"
+#include "HostSystem/Files.h"
+#include "HostSystem/LockFile.h"
+#include "MoveNames.h"
+#include "StartFailure.h"
+#include "StoredName.h"
+#include "TansyBase/FileUtil.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr const char* kRequestFile = "move.request";
+constexpr const char* kAnswerFile = "move.answer";
+constexpr const char* kLockFile = "move.lock";
+constexpr std::chrono::milliseconds kLookAgain{100};
+constexpr std::size_t kMostRequest = std::size_t{1} << 16;
+constexpr std::size_t kMostAnswer = std::size_t{1} << 26;
+constexpr const char* kEnded = "ended ";  // the last line of an answer, with the exit code
+
+// The mark tells this answer from an answer to an earlier command.
+std::string NewMark() {
+  unsigned char bytes[16] = {};
+  RAND_bytes(bytes, sizeof bytes);  // any number will do
+  return HexText(bytes, sizeof bytes);
+}
+
+std::string TextOf(const MoveRequest& request, const std::string& mark) {
+  return Packed({mark, request.work == EMoveWork::kCancel ? "cancel" : "move", request.order.database,
+                 request.order.storage, request.order.dry_run ? "try" : "do", request.order.force ? "force" : "-"});
+}
+
+bool Parse(const std::string& text, MoveRequest& request, std::string& mark) {
+  const std::vector<std::string> words = Unpacked(text);
+  if (words.size() != 6) {
+    return false;
+  }
+  mark = words[0];
+  request.work = words[1] == "cancel" ? EMoveWork::kCancel : EMoveWork::kMove;
+  request.order = {words[2], words[3], words[4] == "try", words[5] == "force"};
+  return true;
+}
+
+// What the server has said so far, in a file that the command reads again and again.
+class CAnswer {
+ public:
+  explicit CAnswer(const std::string& mark) : text_(mark + "\n") { Write(); }
+
+  void Say(const std::string& line) {
+    text_ += line + "\n";
+    Write();
+  }
+
+ private:
+  void Write() {
+    if (const int error = HostSystem::ReplaceFile(kAnswerFile, text_)) {
+      HOST_LOG(logging::kError, "[%s]%s cannot be written: %s.[%s(%d)]", kAnswerFile,
+               HostSystem::ErrorText(error).c_str());
+    }
+  }
+
+  std::string text_;
+};
+
+}  // namespace
+}  // namespace details
+
+int DoMoveWork(const MoveRequest& request, MoveHost& host) {
+  try {
+    if (request.work == EMoveWork::kCancel) {
+      CancelMove(host.options, host.say);
+    } else {
+      RunMove(request.order, host);
+    }
+    return kExitDone;
+  } catch (const std::exception& failure) {
+    host.say(std::string("move: ") + failure.what());
+    return kExitFailed;
+  }
+}
+
+int AskForMove(const MoveRequest& request, const std::function<bool()>& is_running, std::ostream& out) {
+  const auto fail = [](const std::string& what) { throw CStartFailure(kExitFailed, what); };
+  HostSystem::CLockFile lock;
+  if (const int error = lock.Take(details::kLockFile)) {
+    fail(error == EBUSY ? "another tansyd move is at work here"
+                        : std::string(details::kLockFile) + " cannot be written: " + HostSystem::ErrorText(error));
+  }
+  const std::string mark = details::NewMark();
+  if (const int error = HostSystem::ReplaceFile(details::kRequestFile, details::TextOf(request, mark))) {
+    fail(std::string(details::kRequestFile) + " cannot be written: " + HostSystem::ErrorText(error));
+  }
+  std::string text;
+  for (std::size_t shown = mark.size() + 1;; std::this_thread::sleep_for(details::kLookAgain)) {
+    const bool is_there = is_running();  // before the last look at what it has said
+    if (HostSystem::ReadWholeFile(details::kAnswerFile, details::kMostAnswer, text) != 0 || !text.starts_with(mark)) {
+      text.assign(shown, ' ');
+    }
+    for (std::size_t end = text.find('\n', shown); end != std::string::npos; end = text.find('\n', shown)) {
+      const std::string line = text.substr(shown, end - shown);
+      shown = end + 1;
+      if (line.starts_with(details::kEnded)) {
+        TansyBase::FileUtil::RemoveFile(details::kAnswerFile);
+        return std::stoi(line.substr(std::char_traits<char>::length(details::kEnded)));
+      }
+      out << line << std::endl;
+    }
+    if (!is_there) {
+      TansyBase::FileUtil::RemoveFile(details::kRequestFile);
+      fail("the running tansyd has ended; the same command goes on with the move");
+    }
+  }
+}
+
+void AnswerMoveRequest(const std::function<MoveHost()>& make_host, const std::function<bool()>& is_stopping) {
+  if (HostSystem::GetPathKind(details::kRequestFile) == HostSystem::EPathKind::kMissing) {
+    return;
+  }
+  std::string text;
+  const int error = HostSystem::ReadWholeFile(details::kRequestFile, details::kMostRequest, text);
+  TansyBase::FileUtil::RemoveFile(details::kRequestFile);
+  MoveRequest request;
+  std::string mark;
+  if (error != 0 || !details::Parse(text, request, mark)) {
+    return;
+  }
+  details::CAnswer answer(mark);
+  MoveHost host = make_host();
+  host.is_stopping = [&is_stopping] {
+    return is_stopping() || !HostSystem::CLockFile::IsTakenByAnybody(details::kLockFile);
+  };
+  host.say = [&answer](const std::string& line) {
+    HOST_LOG(logging::kNotable, "[%s]%s.[%s(%d)]", line.c_str());
+    answer.Say(line);
+  };
+  answer.Say(details::kEnded + std::to_string(DoMoveWork(request, host)));
+}
+
+void ForgetMoveRequests() {
+  TansyBase::FileUtil::RemoveFile(details::kRequestFile);
+  TansyBase::FileUtil::RemoveFile(details::kAnswerFile);
+}
+
+}  // namespace Tansy::Host
