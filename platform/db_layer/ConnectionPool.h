@@ -75,7 +75,7 @@ class CConnectionPool {
   std::uint64_t generation_ = 0;
   bool closed_ = false;
   std::thread::id holder_;  // the default value: nobody
-  std::size_t open_ = 0;  // idle, in use, and being opened
+  std::size_t open_ = 0;    // idle, in use, and being opened
   // The connection that has been unused longest comes first. There is room for all that are open, so that giving one
   // back needs no memory.
   std::vector<Idle> idle_;
