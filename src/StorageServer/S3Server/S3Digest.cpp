@@ -1,10 +1,6 @@
-// This asks for the interface of OpenSSL 1.1.1 without warnings, as the signatures of the other protocols do.
-#define OPENSSL_API_COMPAT 0x10101000L
-
 #include "StorageServer/S3Server/S3Digest.h"
 
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include <new>
 #include <utility>
@@ -46,45 +42,6 @@ class CHash {
  private:
   const EVP_MD* algorithm_;
   std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
-};
-
-// The keyed digest of many texts. To look the algorithm up and to take the key costs more than the digest of a short
-// text, so both are kept.
-class CHmac {
- public:
-  std::string Sign(std::string_view key, std::string_view text) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-    Restart(key);
-    Expect(HMAC_Update(context_.get(), bytes, text.size()) == 1 && HMAC_Final(context_.get(), digest, &length) == 1);
-    return {reinterpret_cast<const char*>(digest), length};
-  }
-
- private:
-  struct Free {
-    void operator()(HMAC_CTX* context) const { HMAC_CTX_free(context); }
-  };
-
-  void Restart(std::string_view key) {
-    if (has_key_ && key == key_) {
-      Expect(HMAC_Init_ex(context_.get(), nullptr, 0, nullptr, nullptr) == 1);
-      return;
-    }
-    has_key_ = false;
-    if (!context_) {
-      context_.reset(HMAC_CTX_new());
-    }
-    key_ = key;
-    // c_str() is never null: a null key would be taken for the one before.
-    Expect(context_ &&
-           HMAC_Init_ex(context_.get(), key_.c_str(), static_cast<int>(key_.size()), EVP_sha256(), nullptr) == 1);
-    has_key_ = true;
-  }
-
-  std::unique_ptr<HMAC_CTX, Free> context_;
-  std::string key_;
-  bool has_key_ = false;
 };
 
 template <typename Word>
@@ -196,11 +153,6 @@ std::string DigestOf(EDigest kind, std::string_view text) {
   CDigest digest(kind);
   digest.Add(text);
   return digest.Finish();
-}
-
-std::string HmacSha256(std::string_view key, std::string_view text) {
-  thread_local CHmac hmac;
-  return hmac.Sign(key, text);
 }
 
 std::optional<EDigest> ChecksumKind(std::string_view header) {

@@ -38,8 +38,6 @@ std::optional<std::string> JoinChecksums(EDigest kind, std::string_view first, s
 
 // Gives the digest of one text.
 std::string DigestOf(EDigest kind, std::string_view text);
-// Gives the 32 bytes of the HMAC-SHA256 (RFC 2104) of `text` under `key`.
-std::string HmacSha256(std::string_view key, std::string_view text);
 
 // Maps the lower-case name of a checksum header ("x-amz-checksum-crc32") to its kind; nothing for any other header.
 std::optional<EDigest> ChecksumKind(std::string_view header);

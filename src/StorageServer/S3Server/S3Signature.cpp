@@ -15,7 +15,7 @@ namespace Tansy::CloudStorage::S3 {
 
 namespace {
 
-constexpr std::string_view kAlgorithm = "AWS4-HMAC-SHA256";
+using TansyNet::S3Signing::kAlgorithm;
 constexpr std::string_view kService = "s3";
 constexpr std::string_view kScopeEnd = "aws4_request";
 constexpr std::string_view kUnsignedPayload = "UNSIGNED-PAYLOAD";
@@ -249,35 +249,6 @@ Failure ReadBodyForm(Signed& result, std::string_view payload) {
   return {};
 }
 
-std::string CanonicalQuery(const Query& query) {
-  std::vector<std::pair<std::string, std::string>> parameters;
-  for (const QueryParameter& parameter : query) {
-    if (parameter.name != kSignatureParameter) {
-      parameters.emplace_back(PercentEncode(parameter.name), PercentEncode(parameter.value));
-    }
-  }
-  std::sort(parameters.begin(), parameters.end());
-  std::string text;
-  for (const auto& [name, value] : parameters) {
-    text.append(text.empty() ? "" : "&").append(name).append("=").append(value);
-  }
-  return text;
-}
-
-// Removes blanks at both ends and makes one of each row of blanks.
-std::string CanonicalValue(std::string_view value) {
-  std::string text;
-  for (const char c : Trim(value)) {
-    const bool is_blank = c == ' ' || c == '\t';
-    if (!is_blank) {
-      text += c;
-    } else if (text.back() != ' ') {
-      text += ' ';
-    }
-  }
-  return text;
-}
-
 // Makes the key of a day once per thread and not for each request, because it takes four digests.
 std::string KeptSigningKey(const std::string& secret_key, const std::string& date, const std::string& region) {
   struct Kept {
@@ -333,34 +304,17 @@ std::time_t ParseTimestamp(std::string_view text) {
 
 std::string CanonicalRequest(const RequestToSign& request, const std::vector<std::string>& signed_headers,
                              std::string_view payload) {
-  std::string text;
-  text.append(request.method).append("\n");
-  text.append(PercentEncodePath(PercentDecode(request.path))).append("\n");
-  text.append(CanonicalQuery(request.query)).append("\n");
-  std::string names;
+  const std::string path = PercentDecode(request.path);
+  TansyNet::S3Signing::SignedRequest covered{request.method, path, {}, {}, payload};
+  for (const QueryParameter& parameter : request.query) {
+    if (parameter.name != kSignatureParameter) {
+      covered.query.emplace_back(parameter.name, parameter.value);
+    }
+  }
   for (const std::string& name : signed_headers) {
-    text.append(name).append(":").append(CanonicalValue(ValueOf(request.headers, name))).append("\n");
-    names.append(names.empty() ? "" : ";").append(name);
+    covered.headers.emplace_back(name, ValueOf(request.headers, name));
   }
-  return text.append("\n").append(names).append("\n").append(payload);
-}
-
-std::string StringToSign(std::string_view timestamp, std::string_view scope, std::string_view canonical_request) {
-  std::string text(kAlgorithm);
-  text.append("\n").append(timestamp).append("\n").append(scope).append("\n");
-  return text + ToHex(DigestOf(EDigest::kSha256, canonical_request));
-}
-
-std::string SigningKey(std::string_view secret_key, std::string_view date, std::string_view region) {
-  std::string key = HmacSha256("AWS4" + std::string(secret_key), date);
-  for (const std::string_view step : {region, kService, kScopeEnd}) {
-    key = HmacSha256(key, step);
-  }
-  return key;
-}
-
-std::string Sign(std::string_view signing_key, std::string_view text) {
-  return ToHex(HmacSha256(signing_key, text));
+  return TansyNet::S3Signing::CanonicalRequest(covered);
 }
 
 std::string ChunkToSign(const Signed& request, std::string_view before, std::string_view data_digest) {

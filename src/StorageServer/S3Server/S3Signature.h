@@ -9,6 +9,7 @@
 
 #include "StorageServer/S3Server/S3Errors.h"
 #include "StorageServer/S3Server/S3Text.h"
+#include "TansyNet/S3Signing.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -60,15 +61,13 @@ Failure CheckSignedText(std::string_view text, std::string_view credential, std:
 // Gives the text whose digest is signed. `signed_headers` are lower-case names in order; `payload` is the last line.
 std::string CanonicalRequest(const RequestToSign& request, const std::vector<std::string>& signed_headers,
                              std::string_view payload);
-std::string StringToSign(std::string_view timestamp, std::string_view scope, std::string_view canonical_request);
-// `date` is the eight digits of a day.
-std::string SigningKey(std::string_view secret_key, std::string_view date, std::string_view region);
+using TansyNet::S3Signing::Sign;
+using TansyNet::S3Signing::SigningKey;
+using TansyNet::S3Signing::StringToSign;
 // Gives the text that the signature of a chunk is made of; `before` is the signature in front of it.
 std::string ChunkToSign(const Signed& request, std::string_view before, std::string_view data_digest);
 // Does the same for the trailer that follows the last chunk.
 std::string TrailerToSign(const Signed& request, std::string_view before, std::string_view trailer_digest);
-// Gives the signature of a text in lower-case digits.
-std::string Sign(std::string_view signing_key, std::string_view text);
 
 // Reads "20130524T000000Z". Returns -1 for any other text and for days that no calendar has.
 std::time_t ParseTimestamp(std::string_view text);

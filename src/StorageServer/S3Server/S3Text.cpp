@@ -12,14 +12,6 @@ namespace Tansy::CloudStorage::S3 {
 
 namespace {
 
-constexpr std::string_view kCapitalDigits = "0123456789ABCDEF";
-constexpr std::string_view kSmallDigits = "0123456789abcdef";
-
-bool IsUnreserved(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-         c == '_' || c == '~';
-}
-
 // Returns -1 for what is no hexadecimal digit.
 int DigitOf(char c) {
   if (c >= '0' && c <= '9') {
@@ -31,26 +23,6 @@ int DigitOf(char c) {
   return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-void AppendEncoded(std::string& text, char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  text += '%';
-  text += kCapitalDigits[byte >> 4];
-  text += kCapitalDigits[byte & 15];
-}
-
-std::string Encode(std::string_view text, bool keeps_slashes) {
-  std::string encoded;
-  encoded.reserve(text.size() + 16);
-  for (const char c : text) {
-    if (IsUnreserved(c) || (keeps_slashes && c == '/')) {
-      encoded += c;
-    } else {
-      AppendEncoded(encoded, c);
-    }
-  }
-  return encoded;
-}
-
 std::string DecodeQueryText(std::string_view text) {
   std::string blanks(text);
   std::replace(blanks.begin(), blanks.end(), '+', ' ');
@@ -58,31 +30,6 @@ std::string DecodeQueryText(std::string_view text) {
 }
 
 }  // namespace
-
-std::string PercentEncode(std::string_view text) {
-  return Encode(text, false);
-}
-
-std::string PercentEncodePath(std::string_view path) {
-  return Encode(path, true);
-}
-
-std::string PercentDecode(std::string_view text) {
-  std::string decoded;
-  decoded.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool has_digits = text[i] == '%' && text.size() - i > 2;
-    const int high = has_digits ? DigitOf(text[i + 1]) : -1;
-    const int low = has_digits ? DigitOf(text[i + 2]) : -1;
-    if (high < 0 || low < 0) {
-      decoded += text[i];
-      continue;
-    }
-    decoded += static_cast<char>(high * 16 + low);
-    i += 2;
-  }
-  return decoded;
-}
 
 std::string NameOfKey(std::string_view key) {
   return PercentEncode(key);
@@ -94,17 +41,6 @@ std::string KeyOfName(std::string_view name) {
 
 bool IsNameOfKey(std::string_view name) {
   return NameOfKey(KeyOfName(name)) == name;
-}
-
-std::string ToHex(std::string_view bytes) {
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    text += kSmallDigits[byte >> 4];
-    text += kSmallDigits[byte & 15];
-  }
-  return text;
 }
 
 bool IsHex(std::string_view text, std::size_t digits) {

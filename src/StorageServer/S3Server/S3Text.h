@@ -11,18 +11,17 @@
 #include <vector>
 
 #include "TansyNet/HttpServer.h"
+#include "TansyNet/S3Signing.h"
 
 namespace Tansy::CloudStorage::S3 {
 
 // The longest key, in bytes before any encoding.
 inline constexpr std::size_t kMaxKeyBytes = 1024;
 
-// Writes unreserved bytes (letters, digits, "-", ".", "_", "~") as they are and every other byte as %XX, in capitals.
-std::string PercentEncode(std::string_view text);
-// Does the same and leaves slashes as they are, which is how a path is written.
-std::string PercentEncodePath(std::string_view path);
-// Turns %XX into its byte, in either case. Whatever is not the encoding of a byte stays as it is.
-std::string PercentDecode(std::string_view text);
+using TansyNet::S3Signing::PercentDecode;
+using TansyNet::S3Signing::PercentEncode;
+using TansyNet::S3Signing::PercentEncodePath;
+using TansyNet::S3Signing::ToHex;
 
 // A key becomes the name of an object, under which the object protocol finds it too: its percent-encoded form. A name
 // that nothing needs to be encoded in is the same for both protocols.
@@ -32,8 +31,6 @@ std::string KeyOfName(std::string_view name);
 // Says whether NameOfKey gives this name for some key.
 bool IsNameOfKey(std::string_view name);
 
-// Writes bytes as lower-case hexadecimal digits.
-std::string ToHex(std::string_view bytes);
 // Recognises `digits` hexadecimal digits, in either case.
 bool IsHex(std::string_view text, std::size_t digits);
 
