@@ -1,6 +1,8 @@
 #include "TansyNet/HttpClient.h"
 
+#include <cstdint>
 #include <new>
+#include <span>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -24,6 +26,32 @@ HttpClient::Observer& TheObserver() {
   return observer;
 }
 
+// Holds the pace; it is null while there is none.
+HttpClient::Pace& ThePace() {
+  static HttpClient::Pace pace;
+  return pace;
+}
+
+// Tells the pace what has come, and hands everything on.
+class CPacedSink : public details::IBodySink {
+ public:
+  CPacedSink(details::IBodySink& sink, const HttpClient::Pace& pace) : sink_(sink), pace_(pace) {}
+
+  bool Begin(std::uint64_t declared) override { return sink_.Begin(declared); }
+  std::span<char> Window() override { return sink_.Window(); }
+  bool Filled(std::size_t bytes) override {
+    if (pace_) {
+      pace_(bytes);
+    }
+    return sink_.Filled(bytes);
+  }
+  std::uint64_t Size() const override { return sink_.Size(); }
+
+ private:
+  details::IBodySink& sink_;
+  const HttpClient::Pace& pace_;
+};
+
 // Runs an exchange and tells the observer about it.
 bool RunObserved(details::CExchange& exchange, const CHttpClientRequest& request, const CHttpClientResponse& response,
                  HttpClient::Error& error) {
@@ -40,7 +68,8 @@ bool RunObserved(details::CExchange& exchange, const CHttpClientRequest& request
 
 bool SendInMemory(const CHttpClientRequest& request, CHttpClientResponse& response, HttpClient::Error& error) {
   details::CStringSink sink(response.body, request.max_body_bytes);
-  details::CExchange exchange(request, response, sink);
+  CPacedSink paced(sink, ThePace());
+  details::CExchange exchange(request, response, paced, ThePace());
   const bool complete = RunObserved(exchange, request, response, error);
   sink.Finish();
   return complete;
@@ -66,7 +95,8 @@ bool HttpClient::Send(const CHttpClientRequest& request, CHttpClientResponse* re
 bool HttpClient::SendForBigRsp(const CHttpClientRequest& request, const BigCallback& callback) {
   CHttpClientResponse response;
   details::CPieceSink sink(response, callback);
-  details::CExchange exchange(request, response, sink);
+  CPacedSink paced(sink, ThePace());
+  details::CExchange exchange(request, response, paced, ThePace());
   Error error;
   const bool complete = RunObserved(exchange, request, response, error);
   sink.Finish(error);
@@ -84,6 +114,10 @@ void HttpClient::SetTlsTrust(const TlsTrust& trust) {
 
 void HttpClient::SetObserver(Observer observer) {
   TheObserver() = std::move(observer);
+}
+
+void HttpClient::SetPace(Pace pace) {
+  ThePace() = std::move(pace);
 }
 
 void HttpClient::CloseIdleConnections() {

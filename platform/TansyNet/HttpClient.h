@@ -3,6 +3,8 @@
 #ifndef TANSY_NET_HTTP_CLIENT_H
 #define TANSY_NET_HTTP_CLIENT_H
 
+#include <cstddef>
+#include <functional>
 #include <string>
 
 #include "TansyNet/client/BigAnswerCallback.h"
@@ -46,6 +48,12 @@ class HttpClient {
   using Observer =
       std::function<void(const CHttpClientRequest& request, const CHttpClientResponse* answer, const Error& error)>;
   static void SetObserver(Observer observer);
+  // The pace is called with the size of each slice of a request's body before it is sent (at most 16 KiB), and with the
+  // number of bytes of an answer's body that have come; while it waits, nothing more is sent or read. It is called on
+  // the threads that send, several at once, and must not throw. It is for programs, and set once before anything is
+  // sent. Null removes it.
+  using Pace = std::function<void(std::size_t bytes)>;
+  static void SetPace(Pace pace);
   // Closes kept connections. Without this call they stay open until somebody sends something after their 4 seconds are
   // over.
   static void CloseIdleConnections();

@@ -12,6 +12,7 @@ namespace TansyNet::details {
 namespace {
 
 constexpr std::chrono::milliseconds kAnyAge{0};
+constexpr std::uint64_t kPacedSlice = 16384;
 
 std::string_view Rest(std::string_view text, std::uint64_t done) {
   return text.substr(static_cast<std::size_t>(std::min<std::uint64_t>(done, text.size())));
@@ -86,9 +87,10 @@ CExchange::SendState CExchange::SendRequest(CClientConnection& connection, CAnsw
   const std::string_view body(request_.body, static_cast<std::size_t>(request_.body_size));
   const std::uint64_t total = head_.size() + body.size();
   std::uint64_t done = 0;
+  std::uint64_t announced = 0;
   while (done < total) {
     const std::string_view head = Rest(head_, done);
-    const IoResult result = connection.TryWrite(head, Rest(body, done - (head_.size() - head.size())));
+    const IoResult result = connection.TryWrite(head, NextSlice(body, done - (head_.size() - head.size()), announced));
     if (result.status == IoStatus::kDone) {
       done += result.bytes;
       continue;
@@ -107,6 +109,18 @@ CExchange::SendState CExchange::SendRequest(CClientConnection& connection, CAnsw
     }
   }
   return SendState::kSent;
+}
+
+std::string_view CExchange::NextSlice(std::string_view body, std::uint64_t done, std::uint64_t& announced) const {
+  if (!pace_) {
+    return Rest(body, done);
+  }
+  if (done == announced && done < body.size()) {
+    const std::uint64_t slice = std::min<std::uint64_t>(kPacedSlice, body.size() - done);
+    pace_(static_cast<std::size_t>(slice));
+    announced += slice;
+  }
+  return Rest(body.substr(0, static_cast<std::size_t>(announced)), done);
 }
 
 // The result kSent means that nothing has come that would be a reason to stop sending.
