@@ -47,7 +47,8 @@ struct FolderEntry {
 class IFolder {
  public:
   virtual ~IFolder() = default;
-  // Makes a file that must not exist, readable and writable for its owner only.
+  // Makes a file that must not exist, readable and writable for its owner only, unless the folder was opened for
+  // others too.
   virtual int Create(const std::string& name, std::unique_ptr<IFile>& file) = 0;
   virtual int OpenForReading(const std::string& name, std::unique_ptr<IFile>& file) = 0;
   virtual int OpenForWriting(const std::string& name, std::unique_ptr<IFile>& file) = 0;
@@ -65,8 +66,12 @@ class IFolder {
   virtual int Sync() = 0;
 };
 
+// Who may use the files and folders that are made below a folder: their owner only, or whoever the user lets use new
+// files (the mask of the process).
+enum class EAccess { kOwnerOnly, kUsual };
+
 // Opens an existing folder by its path, which may lead through links. Returns null and sets `error` on failure.
-std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error);
+std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess access = EAccess::kOwnerOnly);
 
 // Makes a folder and those above it that are missing, for the owner only, and syncs the parents of the folders it made.
 int MakeFolders(const std::string& path);

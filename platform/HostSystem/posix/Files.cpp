@@ -21,6 +21,8 @@ namespace {
 
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
+constexpr mode_t kUsualFileMode = 0666;  // of which the process's mask takes away
+constexpr mode_t kUsualFolderMode = 0777;
 // What one call writes at the most. For more, the file system looks for large blocks of memory that are still in one
 // piece. On a virtual machine the host then has to provide them first: a call with 4 MiB took up to six times as long.
 constexpr std::size_t kMaxWrite = std::size_t{128} << 10;
@@ -102,10 +104,10 @@ class CFile final : public IFile {
 
 // Makes the object that closes the descriptor from here on. When there is no memory for it, the descriptor is closed at
 // once.
-template <typename Owner>
-std::unique_ptr<Owner> Own(int descriptor) {
+template <typename Owner, typename... More>
+std::unique_ptr<Owner> Own(int descriptor, More... more) {
   try {
-    return std::make_unique<Owner>(descriptor);
+    return std::make_unique<Owner>(descriptor, more...);
   } catch (const std::bad_alloc&) {
     ::close(descriptor);
     throw;
@@ -134,7 +136,7 @@ FolderEntry MakeEntry(int folder, const char* name) {
 
 class CFolder final : public IFolder {
  public:
-  explicit CFolder(int descriptor) : descriptor_(descriptor) {}
+  CFolder(int descriptor, EAccess access) : descriptor_(descriptor), access_(access) {}
   ~CFolder() override { ::close(descriptor_); }
 
   int Create(const std::string& name, std::unique_ptr<IFile>& file) override {
@@ -151,13 +153,14 @@ class CFolder final : public IFolder {
     int descriptor = -1;
     const int error = OpenBeneath(descriptor_, name, O_RDONLY | O_DIRECTORY, 0, descriptor);
     if (error == 0) {
-      folder = Own<CFolder>(descriptor);
+      folder = Own<CFolder>(descriptor, access_);
     }
     return error;
   }
 
   int MakeFolder(const std::string& name) override {
-    return InParent(name, [](int parent, const char* last) { return ::mkdirat(parent, last, kFolderMode); });
+    const mode_t mode = access_ == EAccess::kUsual ? kUsualFolderMode : kFolderMode;
+    return InParent(name, [mode](int parent, const char* last) { return ::mkdirat(parent, last, mode); });
   }
 
   int Rename(const std::string& from, const std::string& to) override {
@@ -210,7 +213,8 @@ class CFolder final : public IFolder {
  private:
   int OpenFile(const std::string& name, int flags, std::unique_ptr<IFile>& file) const {
     int descriptor = -1;
-    const int error = OpenBeneath(descriptor_, name, flags, kFileMode, descriptor);
+    const mode_t mode = access_ == EAccess::kUsual ? kUsualFileMode : kFileMode;
+    const int error = OpenBeneath(descriptor_, name, flags, mode, descriptor);
     if (error == 0) {
       file = Own<CFile>(descriptor);
     }
@@ -238,6 +242,7 @@ class CFolder final : public IFolder {
   }
 
   int descriptor_;
+  EAccess access_;
 };
 
 std::string ParentOf(const std::string& path) {
@@ -282,14 +287,14 @@ FilePlace FindPlace(const std::string& path) {
 
 }  // namespace details
 
-std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
+std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess access) {
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (descriptor < 0) {
     error = errno;
     return nullptr;
   }
   error = 0;
-  return details::Own<details::CFolder>(descriptor);
+  return details::Own<details::CFolder>(descriptor, access);
 }
 
 int MakeFolders(const std::string& path) {

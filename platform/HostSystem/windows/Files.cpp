@@ -270,7 +270,7 @@ FilePlace FindPlace(const std::string& path) {
 
 }  // namespace details
 
-std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error) {
+std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess /*access*/) {
   const std::filesystem::path full = std::filesystem::absolute(details::FromUtf8(path));
   const HANDLE handle = ::CreateFileW(full.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
