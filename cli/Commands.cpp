@@ -4,10 +4,12 @@ namespace Tansy::Cli {
 
 const std::vector<CommandSpec>& AllCommands() {
   static const std::vector<CommandSpec> commands = {
-      MakeBucketCommand(), BucketsCommand(), BucketCommand(),   PutCommand(),        GetCommand(),
-      CatCommand(),        StatCommand(),    RemoveCommand(),   SignCommand(),       BestNodeCommand(),
-      PartsCommand(),      VersionCommand(), DoctorCommand(),   CompletionCommand(), PicPutCommand(),
-      PicGetCommand(),     PicLinkCommand(), PicPoolsCommand(), PicVersionCommand()};
+      MakeBucketCommand(), RemoveBucketCommand(), BucketsCommand(),   BucketCommand(),  ListCommand(),
+      PutCommand(),        GetCommand(),          CatCommand(),       StatCommand(),    RemoveCommand(),
+      CopyCommand(),       SyncCommand(),         DiskUsageCommand(), FindCommand(),    SignCommand(),
+      EnvCommand(),        BestNodeCommand(),     PartsCommand(),     VersionCommand(), DoctorCommand(),
+      CompletionCommand(), PicPutCommand(),       PicGetCommand(),    PicLinkCommand(), PicPoolsCommand(),
+      PicVersionCommand()};
   return commands;
 }
 

@@ -11,6 +11,13 @@ namespace Tansy::Cli {
 CommandSpec MakeBucketCommand();
 CommandSpec BucketsCommand();
 CommandSpec BucketCommand();
+CommandSpec RemoveBucketCommand();
+CommandSpec ListCommand();
+CommandSpec CopyCommand();
+CommandSpec SyncCommand();
+CommandSpec DiskUsageCommand();
+CommandSpec FindCommand();
+CommandSpec EnvCommand();
 CommandSpec PutCommand();
 CommandSpec GetCommand();
 CommandSpec CatCommand();

@@ -151,7 +151,9 @@ std::string CompletionFunction() {
 
 void AddFishOptions(const std::vector<OptionSpec>& options, const std::string& condition, std::string& script) {
   for (const OptionSpec& option : options) {
-    script += "complete -c tansy" + condition + " -l " + std::string(option.name).substr(2) +
+    const std::string name = option.name;
+    const bool is_long = name.starts_with("--");
+    script += "complete -c tansy" + condition + (is_long ? " -l " : " -s ") + name.substr(is_long ? 2 : 1) +
               (option.value_name == nullptr ? "" : " -r") + " -d " + SingleQuoted(option.help) + "\n";
   }
 }

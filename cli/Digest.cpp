@@ -2,8 +2,9 @@
 
 namespace Tansy::Cli {
 
-CDigest::CDigest() : context_(EVP_MD_CTX_new()) {
-  good_ = context_ != nullptr && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1;
+CDigest::CDigest(EKind kind) : context_(EVP_MD_CTX_new()) {
+  const EVP_MD* const algorithm = kind == EKind::kMd5 ? EVP_md5() : EVP_sha256();
+  good_ = context_ != nullptr && EVP_DigestInit_ex(context_.get(), algorithm, nullptr) == 1;
 }
 
 void CDigest::Add(const char* data, std::size_t size) {

@@ -9,12 +9,14 @@
 
 namespace Tansy::Cli {
 
-// Computes the SHA-256 of bytes that come in pieces, to find out whether two contents are the same. Threads: one.
+// Computes a digest of bytes that come in pieces, to find out whether two contents are the same. Threads: one.
 class CDigest {
  public:
-  CDigest();
+  enum class EKind { kSha256, kMd5 };
+
+  explicit CDigest(EKind kind = EKind::kSha256);
   void Add(const char* data, std::size_t size);
-  // Gives the 32 bytes; afterwards nothing more can be added. The text is empty when the library has failed.
+  // Gives its bytes; afterwards nothing more can be added. The text is empty when the library has failed.
   std::string Finish();
 
  private:

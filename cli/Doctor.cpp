@@ -17,6 +17,8 @@
 #include "BucketList.h"
 #include "HostSystem/Files.h"
 #include "Output.h"
+#include "S3Link.h"
+#include "S3Listing.h"
 #include "ServerLink.h"
 #include "TansyBase/HttpDate.h"
 #include "TansyBase/TimeUtil.h"
@@ -47,6 +49,7 @@ class CExamination {
       CheckBestNode();
     }
     CheckPicturePort();
+    CheckS3Door();
     CheckCertificate();
     CheckSpace();
     return findings_;
@@ -171,6 +174,21 @@ class CExamination {
           fine ? "" : "'tansy pic' needs it; nothing else does");
     } catch (const CFailure& failure) {
       Add(EFinding::kWarning, "pictures", failure.what(), "'tansy pic' needs it; nothing else does");
+    }
+  }
+
+  // A listing of the buckets shows that the door is there and takes the keys.
+  void CheckS3Door() {
+    if (settings_.s3_server.port == 0) {
+      Add(EFinding::kOk, "s3", "the server has no S3 door");
+      return;
+    }
+    try {
+      ListS3Buckets(CS3Link(settings_));
+      Add(EFinding::kOk, "s3", settings_.s3_server.Url() + " answers");
+    } catch (const CFailure& failure) {
+      Add(EFinding::kWarning, "s3", failure.what(),
+          "'tansy ls', 'cp' and 'sync' need it; see --s3-port of tansyd, and s3_url of the configuration");
     }
   }
 

@@ -21,8 +21,8 @@ struct Finding {
   EExitCode exit_code = kExitDone;  // meant for a failure
 };
 
-// Checks address, ports, keys, clock, bucket, address of uploads, certificate and space. It never throws CFailure,
-// because everything that goes wrong is a finding.
+// Checks address, ports, keys, clock, bucket, address of uploads, S3 door, certificate and space. It never throws
+// CFailure, because everything that goes wrong is a finding.
 std::vector<Finding> Examine(const Settings& settings);
 
 // Says when the first certificate of a PEM file ends; -1 when no certificate can be read.

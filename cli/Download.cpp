@@ -83,4 +83,18 @@ void Fetch(const Settings& settings, const ObjectUrl& url, ByteRange range, cons
   }
 }
 
+void FetchInPieces(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
+                   std::size_t getters, const TakeBytesAt& take) {
+  ForEachRange(range, version.tag.empty() ? 1 : getters, [&](ByteRange piece, const std::atomic<bool>& stop) {
+    std::uint64_t at = piece.begin;
+    Fetch(settings, url, piece, version, [&](const char* data, std::size_t size) {
+      if (stop) {
+        throw CFailure(kExitFailed, Printable(url.Path()) + ": another piece of it has failed", "");
+      }
+      take(data, size, at);
+      at += size;
+    });
+  });
+}
+
 }  // namespace Tansy::Cli

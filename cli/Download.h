@@ -7,17 +7,12 @@
 #include <functional>
 #include <string>
 
+#include "ByteRange.h"
 #include "ObjectUrl.h"
 #include "ObjectVersion.h"
 #include "Settings.h"
 
 namespace Tansy::Cli {
-
-// Covers the bytes from `begin` up to `end`; `end` itself is not included.
-struct ByteRange {
-  std::uint64_t begin = 0;
-  std::uint64_t end = 0;
-};
 
 // Reads a range as the command line gives it, "A-B" or "A-"; the end of the latter is 0. Throws CFailure with
 // kExitUsage.
@@ -34,6 +29,14 @@ using TakeBytes = std::function<void(const char* data, std::size_t size)>;
 // are those of `version`: an object that was replaced meanwhile is a failure. Throws CFailure about `url`.
 void Fetch(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
            const TakeBytes& take);
+
+// Receives a piece of a download and its place in the object. Several threads call it at once, for different places.
+using TakeBytesAt = std::function<void(const char* data, std::size_t size, std::uint64_t offset)>;
+
+// Does the same, a large range in pieces of which `getters` come at the same time; but a server that does not identify
+// versions is asked for everything at once.
+void FetchInPieces(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
+                   std::size_t getters, const TakeBytesAt& take);
 
 }  // namespace Tansy::Cli
 

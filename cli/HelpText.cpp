@@ -24,6 +24,7 @@ struct TextRow {
 
 constexpr TextRow kEnvironment[] = {
     {"TANSY_SERVER", "as --server"},
+    {"TANSY_S3_URL", "address of the S3 door of the server of TANSY_SERVER [two ports behind it]"},
     {"TANSY_POOL", "as --pool"},
     {"TANSY_DATA", "as --data"},
     {"TANSY_CA", "as --ca"},
@@ -54,6 +55,7 @@ constexpr char kConfigExample[] =
     "secret_key = \"...\"\n"
     "pool = \"photos\"           # may be left out, as what follows\n"
     "picture_url = \"http://192.168.1.5:9701\"\n"
+    "s3_url = \"http://192.168.1.5:9702\"\n"
     "ca = \"/path/of/server.crt\"\n";
 
 std::string Wrapped(const std::string& text, const std::string& indent, std::size_t width = 78) {

@@ -8,6 +8,7 @@
 #include "HostSystem/Process.h"
 #include "KeptDownload.h"
 #include "PartialFile.h"
+#include "TreeFile.h"
 
 namespace Tansy::Cli {
 
@@ -19,6 +20,7 @@ void EndCleanlyOnInterrupt() {
     while (HostSystem::WaitForSignal() == HostSystem::ESignal::kReload && hangup_ignored) {
     }
     CPartialFile::RemoveAll();
+    CTreeFile::RemoveAll();
     CKeptDownload::SaveAll();
     std::fputs("\ntansy: interrupted\n", stderr);
     // Other threads are in the middle of transfers, and nothing in the process is worth waiting for.

@@ -4,6 +4,8 @@
 
 #include "Failure.h"
 #include "Output.h"
+#include "S3Path.h"
+#include "TansyNet/S3Signing.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -19,10 +21,22 @@ bool IsPlain(const std::string& path) {
   return true;
 }
 
+// A key of the S3 door is the percent-encoded name of the object.
+ObjectUrl FromS3Url(const std::string& text) {
+  const S3Path path = ParseS3Path(text);
+  if (path.key.empty()) {
+    throw CFailure(kExitUsage, "\"" + Printable(text) + "\" is no object URL", "give s3://BUCKET/KEY");
+  }
+  return {path.bucket, TansyNet::S3Signing::PercentEncode(path.key), path.key.substr(FolderOfKey(path.key).size())};
+}
+
 }  // namespace
 }  // namespace details
 
 ObjectUrl ParseObjectUrl(const std::string& text, const Settings& settings) {
+  if (IsS3Url(text)) {
+    return details::FromS3Url(text);
+  }
   std::string path = TargetOnServer(text, settings.object_server, "name it with --server");
   if (path.size() < text.size()) {
     path.resize(std::min(path.size(), path.find('?')));
@@ -40,7 +54,7 @@ ObjectUrl ParseObjectUrl(const std::string& text, const Settings& settings) {
   if (object.bucket.empty() || object.key.empty() || object.key.find('/') != std::string::npos ||
       !details::IsPlain(path)) {
     throw CFailure(kExitUsage, "\"" + Printable(text) + "\" is no object URL",
-                   "give /BUCKET/KEY as 'tansy put' prints it");
+                   "give /BUCKET/KEY as 'tansy put' prints it, or s3://BUCKET/KEY");
   }
   return object;
 }

@@ -21,17 +21,28 @@ struct Result {
   std::optional<CFailure> failure;
 };
 
-Result Try(const std::function<std::string(const std::string&)>& work, const std::string& thing) {
+Result Try(const std::function<std::string(std::size_t)>& work, std::size_t number) {
   Result result;
   result.done = true;
   try {
-    result.text = work(thing);
+    result.text = work(number);
   } catch (const CFailure& failure) {
     result.failure = failure;
   } catch (const std::exception& exception) {
-    result.failure = CFailure(kExitFailed, Printable(thing) + ": " + exception.what(), "");
+    result.failure = CFailure(kExitFailed, exception.what(), "");
   }
   return result;
+}
+
+// Lets an exception that is no CFailure name its thing.
+std::string WorkOn(const std::function<std::string(const std::string&)>& work, const std::string& thing) {
+  try {
+    return work(thing);
+  } catch (const CFailure&) {
+    throw;
+  } catch (const std::exception& exception) {
+    throw CFailure(kExitFailed, Printable(thing) + ": " + exception.what(), "");
+  }
 }
 
 // Prints each finished result once all results before it have been printed.
@@ -77,11 +88,16 @@ class CPrinter {
 }  // namespace details
 
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work) {
-  details::CPrinter printer(things.size());
+  return ForEachNumber(things.size(), details::kWorkers,
+                       [&](std::size_t number) { return details::WorkOn(work, things[number]); });
+}
+
+int ForEachNumber(std::size_t count, std::size_t jobs, const std::function<std::string(std::size_t number)>& work) {
+  details::CPrinter printer(count);
   std::atomic<std::size_t> next{0};
-  RunOnThreads(std::min(details::kWorkers, things.size()), [&] {
-    for (std::size_t index = next++; index < things.size(); index = next++) {
-      printer.Take(index, details::Try(work, things[index]));
+  RunOnThreads(std::min(jobs, count), [&] {
+    for (std::size_t number = next++; number < count; number = next++) {
+      printer.Take(number, details::Try(work, number));
     }
   });
   return printer.ExitCode();

@@ -14,6 +14,8 @@ namespace Tansy::Cli {
 // about its thing, or throws CFailure. The texts are printed in the order of the things, each as soon as possible, and
 // failures are lines on standard error. Returns the exit code of the first failure in that order, or kExitDone.
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work);
+// Does the same for the numbers from 0 up to `count`, `jobs` at a time.
+int ForEachNumber(std::size_t count, std::size_t jobs, const std::function<std::string(std::size_t number)>& work);
 
 // Runs `work` on `count` threads at once and returns when all of them have ended. When the system gives fewer threads,
 // these do it; without any, the calling one does. `work` throws nothing.

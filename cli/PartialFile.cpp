@@ -80,6 +80,7 @@ CPartialFile::CPartialFile(const std::string& target) : target_(FollowLink(targe
 }
 
 CPartialFile::~CPartialFile() {
+  file_.reset();  // some systems refuse to remove an open file
   details::Partials& partials = details::AllPartials();
   const std::lock_guard lock(partials.mutex);
   if (partials.paths.erase(path_) > 0) {
@@ -88,7 +89,20 @@ CPartialFile::~CPartialFile() {
   }
 }
 
+bool CPartialFile::OpenForPieces() {
+  int error = 0;
+  folder_ = HostSystem::OpenFolder(FolderOf(path_), error);
+  return folder_ != nullptr && folder_->OpenForWriting(Utf8Path(NativePath(path_).filename()), file_) == 0;
+}
+
+void CPartialFile::WriteAt(const char* data, std::size_t size, std::uint64_t offset) {
+  if (const int error = file_->WriteAt(data, size, offset); error != 0) {
+    throw FailureOfFile(target_, error);
+  }
+}
+
 void CPartialFile::Commit() {
+  file_.reset();                      // some systems refuse to rename an open file
   details::SyncFile(path_, target_);  // before the lock, so that an interruption need not wait for it
   details::Partials& partials = details::AllPartials();
   {

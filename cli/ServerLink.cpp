@@ -34,6 +34,18 @@ constexpr ErrorRow kErrors[] = {
     {"BucketAlreadyExists", kExitFailed, "the bucket exists already", ""},
     {"KeyTooLong", kExitUsage, "the name is longer than 128 bytes", "choose a shorter one with --name"},
     {"InvalidBucketName", kExitUsage, "this cannot be the name of a bucket", ""},
+    {"BucketNotEmpty", kExitFailed, "the bucket is not empty", "empty it first: 'tansy rm -r BUCKET'"},
+    {"EntityTooLarge", kExitFailed, "an object of this size is too large", "objects are smaller than 4 GiB"},
+    {"InvalidAccessKeyId", kExitDenied, "the server does not know the access key",
+     "check the keys with 'tansy doctor'"},
+    {"KeyTooLongError", kExitUsage, "the key is longer than 1024 bytes", "choose a shorter one"},
+    {"NotImplemented", kExitFailed, "the server does not have this operation", "is it of this version?"},
+    {"NoSuchUpload", kExitFailed, "the server has lost the upload", "put the file again"},
+    {"RequestTimeTooSkewed", kExitDenied, "the clocks of this machine and of the server differ by too much",
+     "'tansy doctor' says by how much"},
+    {"SignatureDoesNotMatch", kExitDenied, "the server denies access: the secret key is another one",
+     "check the keys with 'tansy doctor'"},
+    {"SlowDown", kExitFailed, "the server has too much to do", "try again later"},
     {"URLNotSupport", kExitFailed, "the server does not know this request", "check the URL"},
 };
 

@@ -19,6 +19,8 @@ namespace {
 constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 constexpr std::uint16_t kObjectPort = 9700;
 constexpr std::uint16_t kPicturePort = 9701;
+constexpr std::uint16_t kS3Port = 9702;
+constexpr char kNoDoor[] = "-";
 constexpr char kDefaultDataFolder[] = "tansy-data";
 constexpr char kSettingsFile[] = "tansyd.toml";
 constexpr char kListeningFile[] = "listening.toml";
@@ -59,6 +61,8 @@ struct Source {
   std::string name;  // for people
   std::string server_url;
   std::string picture_url;
+  std::string s3_url;  // "-": there is no S3 door
+  std::string s3_region;
   std::string access_key;
   std::string secret_key;
   std::string pool;
@@ -90,6 +94,9 @@ Source ReadDataFolder(const std::string& folder) {
   const std::string host = listening ? TextOf(*listening, "address") : "";
   source.server_url = UrlOf(host, PortOf(ports, "object-port", kObjectPort));
   source.picture_url = UrlOf(host, PortOf(ports, "picture-port", kPicturePort));
+  const std::uint16_t s3_port = PortOf(ports, "s3-port", kS3Port);
+  source.s3_url = s3_port == 0 ? kNoDoor : UrlOf(host, s3_port);
+  source.s3_region = settings ? TextOf(*settings, "s3-region") : "";
   if (const toml::table* credentials = settings ? (*settings)["credentials"].as_table() : nullptr) {
     source.access_key = TextOf(*credentials, "access_key");
     source.secret_key = TextOf(*credentials, "secret_key");
@@ -112,6 +119,8 @@ Source SourceOf(const toml::table& server, const std::string& name, const std::s
   source.name = "server " + name + " of " + path;
   source.server_url = TextOf(server, "url");
   source.picture_url = TextOf(server, "picture_url");
+  source.s3_url = TextOf(server, "s3_url");
+  source.s3_region = TextOf(server, "s3_region");
   source.access_key = TextOf(server, "access_key");
   source.secret_key = TextOf(server, "secret_key");
   source.keys_file = path;
@@ -158,11 +167,13 @@ void Complete(Source& settings, const Source& source) {
       to = from;
     }
   };
-  // Both addresses come from one place, because addresses of different places would belong to different servers.
+  // All addresses come from one place, because addresses of different places would belong to different servers.
   if (settings.server_url.empty()) {
     settings.name = source.name;
     settings.data_folder = source.data_folder;
     settings.picture_url = source.picture_url;
+    settings.s3_url = source.s3_url;
+    settings.s3_region = source.s3_region;
   }
   take(settings.server_url, source.server_url);
   if (settings.access_key.empty() && settings.secret_key.empty()) {
@@ -194,6 +205,7 @@ Source Said(const std::string& server, const std::string& pool, const std::strin
 Source SaidByEnvironment(const EnvironmentReader& environment, std::string& name) {
   Source source =
       Said(environment("TANSY_SERVER"), environment("TANSY_POOL"), environment("TANSY_CA"), "TANSY_SERVER", name);
+  source.s3_url = environment("TANSY_S3_URL");
   source.access_key = environment("TANSY_ACCESS_KEY");
   source.secret_key = environment("TANSY_SECRET_KEY");
   if (source.access_key.empty() != source.secret_key.empty()) {
@@ -223,6 +235,17 @@ ServerAddress AddressOf(const std::string& url, const std::string& source) {
   return address;
 }
 
+// By default, tansyd's S3 door is two ports behind the object server. Behind the last ports there is none.
+ServerAddress S3AddressOf(const Source& source, const ServerAddress& object_server) {
+  if (!source.s3_url.empty() && source.s3_url != kNoDoor) {
+    return AddressOf(source.s3_url, source.name);
+  }
+  ServerAddress address = object_server;
+  const bool has_door = source.s3_url.empty() && object_server.port < 65534;
+  address.port = has_door ? static_cast<std::uint16_t>(object_server.port + 2) : std::uint16_t{0};
+  return address;
+}
+
 Settings ToSettings(const Source& source) {
   Settings settings;
   settings.object_server = AddressOf(source.server_url, source.name);
@@ -232,6 +255,10 @@ Settings ToSettings(const Source& source) {
     ++settings.picture_server.port;
   } else {
     settings.picture_server = AddressOf(source.picture_url, source.name);
+  }
+  settings.s3_server = S3AddressOf(source, settings.object_server);
+  if (!source.s3_region.empty()) {
+    settings.s3_region = source.s3_region;
   }
   settings.access_key = source.access_key;
   settings.secret_key = source.secret_key;
@@ -330,6 +357,14 @@ const ServerAddress& PictureServer(const Settings& settings) {
                    "name its picture_url in the configuration");
   }
   return settings.picture_server;
+}
+
+const ServerAddress& S3Server(const Settings& settings) {
+  if (settings.s3_server.port == 0) {
+    throw CFailure(kExitUsage, "no S3 door is known for " + settings.object_server.Url(),
+                   "start tansyd with --s3-port, or name the address with s3_url in the configuration");
+  }
+  return settings.s3_server;
 }
 
 Settings UseSettings(const Globals& globals) {

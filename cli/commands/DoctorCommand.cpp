@@ -44,7 +44,8 @@ CommandSpec DoctorCommand() {
       "",
       "doctor",
       "find out why something does not work",
-      "Checks settings, address, keys, clock, bucket, the address of uploads, certificate and space, and says what to "
+      "Checks settings, address, keys, clock, bucket, the address of uploads, the other ports, certificate and space, "
+      "and says what to "
       "mend. The exit code "
       "is that of the first failure; warnings are none.",
       {},

@@ -1,8 +1,10 @@
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <vector>
 
 #include "Commands.h"
+#include "CopyFiles.h"
 #include "Download.h"
 #include "Failure.h"
 #include "KeptDownload.h"
@@ -13,7 +15,11 @@
 #include "Parallel.h"
 #include "PartialFile.h"
 #include "Progress.h"
+#include "S3Path.h"
 #include "Settings.h"
+#include "TargetFolder.h"
+#include "TransferOptions.h"
+#include "TreeCopy.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -32,7 +38,8 @@ bool IsSpecialFile(const std::string& path) {
 
 // Gives the file into which an object goes: the file that was named, or a file with the object's own name in the folder
 // that was named, or here.
-std::string TargetOf(const std::string& file, const std::string& key) {
+std::string TargetOf(const std::string& file, const ObjectUrl& url) {
+  const std::string& key = url.file_name.empty() ? url.key : url.file_name;
   const bool is_folder = !file.empty() && IsFolder(file);
   if (!file.empty() && !is_folder) {
     return file;
@@ -85,7 +92,8 @@ class CGet {
 
   int Run() {
     CheckWords();
-    return ForEach(words_.urls, [this](const std::string& text) { return Get(ParseObjectUrl(text, settings_)); });
+    return ForEachNumber(words_.urls.size(), JobsOf(call_),
+                         [this](std::size_t number) { return Get(ParseObjectUrl(words_.urls[number], settings_)); });
   }
 
  private:
@@ -94,7 +102,7 @@ class CGet {
     for (const std::string& text : words_.urls) {
       const ObjectUrl url = ParseObjectUrl(text, settings_);
       if (words_.file != "-") {
-        targets.push_back(TargetOf(words_.file, url.key));
+        targets.push_back(TargetOf(words_.file, url));
         if (std::count(targets.begin(), targets.end(), targets.back()) > 1) {
           throw CFailure(kExitUsage, "two objects would go to " + Printable(targets.back()), "get them one by one");
         }
@@ -117,7 +125,7 @@ class CGet {
       Fetch(settings_, url, range, version, PrintBytes);
       return "";
     }
-    const std::string target = TargetOf(words_.file, url.key);
+    const std::string target = TargetOf(words_.file, url);
     const std::size_t number = progress_.Add(url.key, range.end - range.begin);
     if (call_.Has("--resume")) {
       GetKept(url, range, version, target, number);
@@ -125,14 +133,18 @@ class CGet {
       GetInto(target, target, url, range, version, number);
     } else {
       CPartialFile partial(target);
-      GetInto(partial.Path(), target, url, range, version, number);
+      if (partial.OpenForPieces()) {
+        GetInPieces(partial, url, range, version, number);
+      } else {
+        GetInto(partial.Path(), target, url, range, version, number);
+      }
       partial.Commit();
     }
     progress_.Finish(number);
     return Report(url, target, range.end - range.begin);
   }
 
-  // Failures name `target`.
+  // Failures name `target`. A special file takes its bytes one after another.
   void GetInto(const std::string& path, const std::string& target, const ObjectUrl& url, ByteRange range,
                const ObjectVersion& version, std::size_t number) {
     const StdioFile file = OpenForWriting(path);
@@ -141,6 +153,22 @@ class CGet {
       WriteTo(file.get(), target, data, size);
       progress_.Update(number, bytes += size);
     });
+  }
+
+  // Several objects share the connections that a single one would have.
+  std::size_t PiecesAtOnce() const {
+    const std::size_t jobs = JobsOf(call_);
+    return words_.urls.size() > 1 ? std::max<std::size_t>(jobs / 2, 1) : jobs;
+  }
+
+  void GetInPieces(CPartialFile& partial, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
+                   std::size_t number) {
+    std::atomic<std::uint64_t> bytes{0};
+    FetchInPieces(settings_, url, range, version, PiecesAtOnce(),
+                  [&](const char* data, std::size_t size, std::uint64_t offset) {
+                    partial.WriteAt(data, size, offset - range.begin);
+                    progress_.Update(number, bytes += size);
+                  });
   }
 
   void GetKept(const ObjectUrl& url, ByteRange range, const ObjectVersion& version, const std::string& target,
@@ -177,37 +205,66 @@ class CGet {
   CProgress progress_;
 };
 
+// Gets folders. The last of several words is the local folder when it is no s3:// name; a single folder goes into one
+// of its own name.
+int GetFolders(const CommandCall& call) {
+  if (call.Has("--range") || call.Has("--resume")) {
+    throw CFailure(kExitUsage, "-r does not go with --range and --resume", "'tansy sync' gets only what is missing");
+  }
+  std::vector<std::string> words = call.Arguments("URL");
+  std::string target;
+  if (words.size() > 1 && !IsS3Url(words.back())) {
+    target = words.back();
+    words.pop_back();
+  } else if (words.size() > 1) {
+    target = ".";
+  }
+  for (std::string& word : words) {
+    word = ParseS3Path(word).Url();
+  }
+  if (target.empty()) {
+    const S3Path path = ParseS3Path(words.front());
+    target = LocalNameOf(path.key.empty() ? path.bucket : LastName(path.key));
+  }
+  return CopyFiles(call, words, target);
+}
+
 int RunGet(const CommandCall& call) {
-  return CGet(call, ReadWords(call.Arguments("URL"))).Run();
+  JobsOf(call);
+  ApplyRateLimit(call);
+  return call.Has("-r") ? GetFolders(call) : CGet(call, ReadWords(call.Arguments("URL"))).Run();
 }
 
 }  // namespace
 }  // namespace details
 
 CommandSpec GetCommand() {
-  return {"",
-          "get",
-          "download objects",
-          "Downloads objects and prints the names of the local files. The bytes go into a hidden file, which takes the "
-          "right name when it is complete: what has that name is always whole and of one version, and an interrupted "
-          "download leaves nothing behind. With --resume it leaves the hidden file, and the same command goes on from "
-          "there; when the object has changed meanwhile, it starts over. Behind the URLs comes a file or folder; "
-          "several objects go into a folder, without one into the current folder. The file \"-\" is standard output.",
-          {{.name = "URL",
-            .help = "the objects, and behind them a local file or folder, or - for standard output [the object's name, "
-                    "here]",
-            .many = true,
-            .complete = EComplete::kFiles,
-            .behind = " [FILE]"}},
-          {{"--range", "A-B", "only the bytes from A up to, not including, B; A- means to the end"},
-           {"--resume", nullptr, "go on with a download that was broken off, and keep what comes now"}},
-          {{"tansy get /photos/cat.jpg", "download to cat.jpg"},
-           {"tansy get /photos/cat.jpg ~/pictures", "download into a folder"},
-           {"tansy get /photos/cat.jpg /photos/dog.jpg ~/pictures", "download two"},
-           {"tansy get --resume /films/holiday.mp4", "download it in as many goes as it takes"},
-           {"tansy get /backups/home.tgz - | tar xz", "hand it to another program"},
-           {"tansy get /films/holiday.mp4 start.bin --range 0-1048576", "the first mebibyte"}},
-          details::RunGet};
+  return {
+      "",
+      "get",
+      "download objects",
+      "Downloads objects and prints the names of the local files. The bytes go into a hidden file, which takes the "
+      "right name when it is complete: what has that name is always whole and of one version, and an interrupted "
+      "download leaves nothing behind. With --resume it leaves the hidden file, and the same command goes on from "
+      "there; when the object has changed meanwhile, it starts over. Behind the URLs comes a file or folder; "
+      "several objects go into a folder, without one into the current folder. The file \"-\" is standard output.",
+      {{.name = "URL",
+        .help = "the objects, and behind them a local file or folder, or - for standard output [the object's name, "
+                "here]",
+        .many = true,
+        .complete = EComplete::kFiles,
+        .behind = " [FILE]"}},
+      WithTransferOptions({{"--range", "A-B", "only the bytes from A up to, not including, B; A- means to the end"},
+                           {"--resume", nullptr, "go on with a download that was broken off, and keep what comes now"},
+                           {"-r", nullptr, "folders, BUCKET or BUCKET/PREFIX, with all that is in them"}}),
+      {{"tansy get /photos/cat.jpg", "download to cat.jpg"},
+       {"tansy get /photos/cat.jpg ~/pictures", "download into a folder"},
+       {"tansy get /photos/cat.jpg /photos/dog.jpg ~/pictures", "download two"},
+       {"tansy get -r photos/2026 pictures", "download a folder with all that is in it"},
+       {"tansy get --resume /films/holiday.mp4", "download it in as many goes as it takes"},
+       {"tansy get /backups/home.tgz - | tar xz", "hand it to another program"},
+       {"tansy get /films/holiday.mp4 start.bin --range 0-1048576", "the first mebibyte"}},
+      details::RunGet};
 }
 
 }  // namespace Tansy::Cli

@@ -2,20 +2,25 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "BucketList.h"
 #include "Commands.h"
+#include "CopyFiles.h"
 #include "Failure.h"
 #include "LocalFile.h"
 #include "ObjectUrl.h"
 #include "Output.h"
 #include "Parallel.h"
 #include "Progress.h"
+#include "S3Path.h"
 #include "Settings.h"
 #include "TansyBase/GuidUtil.h"
+#include "TransferOptions.h"
 #include "Upload.h"
 
 namespace Tansy::Cli {
@@ -141,7 +146,8 @@ class CPut {
   }
 
   int Run() {
-    return ForEach(words_.files, [this](const std::string& file) { return Put(file); });
+    return ForEachNumber(words_.files.size(), JobsOf(call_),
+                         [this](std::size_t number) { return Put(words_.files[number]); });
   }
 
  private:
@@ -175,7 +181,8 @@ class CPut {
       job.url.key = TansyBase::GuidUtil::CreateGuid() + (file == "-" ? ".pfile" : Extension(file));
     }
     // Several files share the connections that a single file would have.
-    job.senders = words_.files.size() > 1 ? 2 : 4;
+    const std::size_t jobs = JobsOf(call_);
+    job.senders = words_.files.size() > 1 ? std::max<std::size_t>(jobs / 2, 1) : jobs;
     job.verify = call_.Has("--verify");
     job.patience = is_reached_ ? EPatience::kMuch : EPatience::kNone;
     return job;
@@ -218,8 +225,39 @@ class CPut {
   std::atomic<bool> is_reached_{false};  // the server has answered, so its address is right
 };
 
+// Says whether the files go through the S3 door: their names may then hold slashes.
+bool IsForS3Door(const CommandCall& call) {
+  return call.Has("-r") || call.Has("--resume") || IsS3Url(call.Arguments("FILE").back());
+}
+
+int PutThroughS3Door(const CommandCall& call) {
+  for (const char* option : {"--name", "--keep-name", "--pieces", "--verify"}) {
+    if (call.Has(option)) {
+      throw CFailure(kExitUsage, std::string(option) + " does not go with -r, --resume and s3://",
+                     "say the name behind the files: s3://BUCKET/KEY");
+    }
+  }
+  std::vector<std::string> files = call.Arguments("FILE");
+  std::string target;
+  if (IsS3Url(files.back())) {
+    target = files.back();
+    files.pop_back();
+  } else {
+    const S3Path bucket{ChooseBucket(UseSettings(call.globals)), ""};
+    std::error_code ignored;
+    const bool is_one_folder = files.size() == 1 && std::filesystem::is_directory(NativePath(files.front()), ignored);
+    target = (is_one_folder ? bucket.Below(FolderName(files.front())) : bucket).Url();
+  }
+  if (files.empty()) {
+    throw CFailure(kExitUsage, "no file is given", "name files before the s3:// name");
+  }
+  return CopyFiles(call, files, target);
+}
+
 int RunPut(const CommandCall& call) {
-  return CPut(call, ReadWords(call.Arguments("FILE"))).Run();
+  JobsOf(call);
+  ApplyRateLimit(call);
+  return IsForS3Door(call) ? PutThroughS3Door(call) : CPut(call, ReadWords(call.Arguments("FILE"))).Run();
 }
 
 }  // namespace
@@ -240,13 +278,17 @@ CommandSpec PutCommand() {
         .many = true,
         .complete = EComplete::kFiles,
         .behind = " [/BUCKET/KEY]"}},
-      {{"--name", "KEY", "name of the object, at most 128 bytes"},
-       {"--keep-name", nullptr, "name each object as its file is named"},
-       {"--pieces", "N", "send the file in N parts of one size, the last one perhaps smaller"},
-       {"--verify", nullptr, "read each object back and compare it with what was sent"}},
+      WithTransferOptions(
+          {{"--name", "KEY", "name of the object, at most 128 bytes"},
+           {"--keep-name", nullptr, "name each object as its file is named"},
+           {"--pieces", "N", "send the file in N parts of one size, the last one perhaps smaller"},
+           {"--verify", nullptr, "read each object back and compare it with what was sent"},
+           {"-r", nullptr, "folders with all that is in them, as 'tansy cp -r' does"},
+           {"--resume", nullptr, "go on with uploads that were broken off, under the names of the files"}}),
       {{"tansy --pool photos put cat.jpg dog.jpg", "upload two files and print their URLs"},
        {"tansy put cat.jpg /photos/cat.jpg", "choose bucket and name"},
        {"tansy put --keep-name *.jpg", "upload files under their own names"},
+       {"tansy put -r pictures", "upload a folder; the names begin with pictures/"},
        {"tar cz ~ | tansy --pool backups put - --name home.tgz --verify", "upload what another program writes"}},
       details::RunPut};
 }

@@ -1,10 +1,15 @@
+#include <string>
+#include <vector>
+
 #include "Commands.h"
 #include "Failure.h"
 #include "ObjectUrl.h"
 #include "Output.h"
 #include "Parallel.h"
+#include "S3Path.h"
 #include "ServerLink.h"
 #include "Settings.h"
+#include "TreeCopy.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -20,8 +25,28 @@ std::string Remove(const CommandCall& call, const Settings& settings, const std:
   return call.globals.quiet ? "" : "removed " + Printable(url.Path());
 }
 
+int RemoveFolders(const CommandCall& call, const Settings& settings) {
+  if (call.Has("--bytes")) {
+    throw CFailure(kExitUsage, "-r does not go with --bytes",
+                   "the bytes are freed when the time of --keep-removed of the server is over");
+  }
+  std::vector<S3Path> folders;
+  for (const std::string& word : call.Arguments("URL")) {
+    folders.push_back(ParseS3Path(word));
+  }
+  int exit_code = kExitDone;
+  for (const S3Path& folder : folders) {
+    const int done = RemoveFolder(call, settings, folder);
+    exit_code = exit_code != kExitDone ? exit_code : done;
+  }
+  return exit_code;
+}
+
 int RunRemove(const CommandCall& call) {
   const Settings settings = UseSettings(call.globals);
+  if (call.Has("-r")) {
+    return RemoveFolders(call, settings);
+  }
   for (const std::string& text : call.Arguments("URL")) {
     ParseObjectUrl(text, settings);  // finds a word that is no URL before anything is removed
   }
@@ -39,9 +64,11 @@ CommandSpec RemoveCommand() {
       "Removes objects. Their bytes stay on the server's disk for as long as its option --keep-removed says, a week "
       "when nobody says otherwise; --bytes frees them at once.",
       {{.name = "URL", .help = "an object", .many = true}},
-      {{"--bytes", nullptr, "free the stored bytes too"}},
+      {{"--bytes", nullptr, "free the stored bytes too"},
+       {"-r", nullptr, "all objects below a folder, BUCKET/PREFIX, or all of a BUCKET"}},
       {{"tansy rm /photos/cat.jpg", "remove one object"},
-       {"tansy rm --bytes /photos/a.jpg /photos/b.jpg", "remove two and free what they occupied"}},
+       {"tansy rm --bytes /photos/a.jpg /photos/b.jpg", "remove two and free what they occupied"},
+       {"tansy rm -r photos/2025", "remove a folder with all that is in it"}},
       details::RunRemove};
 }
 

@@ -221,7 +221,7 @@ TEST_F(CommandLineTest, ExaminesTheServer) {
     EXPECT_THAT(fine.out, testing::ContainsRegex("ok +" + std::string(subject) + " ")) << subject;
   }
   for (const std::string& line : Lines(Do({"doctor", "--json"}))) {
-    EXPECT_THAT(line, MatchesRegex("\\{\"state\": \"(ok|warning)\", \"subject\": \"[a-z]+\", \"text\": \".+\", "
+    EXPECT_THAT(line, MatchesRegex("\\{\"state\": \"(ok|warning)\", \"subject\": \"[a-z0-9]+\", \"text\": \".+\", "
                                    "\"advice\": \".*\"\\}"));
   }
   const Ended bucket = Run({"--pool", "nowhere", "doctor", "--quiet"});

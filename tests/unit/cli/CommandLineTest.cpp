@@ -98,8 +98,8 @@ std::string WrongUseOf(const std::vector<const char*>& words) {
 
 TEST(CommandLineTest, NamesTheWordThatIsWrong) {
   EXPECT_EQ(WrongUseOf({}), "no command is given; 'tansy --help' lists the commands");
-  EXPECT_EQ(WrongUseOf({"ls"}), "there is no command \"ls\"; 'tansy --help' lists the commands");
-  EXPECT_EQ(WrongUseOf({"ls", "--long"}), "there is no command \"ls\"; 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"dir"}), "there is no command \"dir\"; 'tansy --help' lists the commands");
+  EXPECT_EQ(WrongUseOf({"dir", "--long"}), "there is no command \"dir\"; 'tansy --help' lists the commands");
   EXPECT_EQ(WrongUseOf({"pic", "ls"}), "there is no command \"ls\"; 'tansy pic --help' lists the commands");
   EXPECT_EQ(WrongUseOf({"pic"}), "no command is given; 'tansy pic --help' lists the commands");
   EXPECT_EQ(WrongUseOf({"--nonsense"}), "there is no option --nonsense; 'tansy --help' lists the commands");

@@ -93,6 +93,37 @@ TEST_F(SettingsTest, TakesThePortsThatARunningServerTells) {
   EXPECT_EQ(settings.access_key, "data-ak");
 }
 
+TEST_F(SettingsTest, FindsTheS3DoorBesideTheOtherPorts) {
+  MakeDataFolder("other", "s3-port = 4322\ns3-region = \"eu\"\n");
+  globals_.data = folder_.Path("other");
+  EXPECT_EQ(S3Server(Find()).Url(), "http://127.0.0.1:4322");
+  EXPECT_EQ(Find().s3_region, "eu");
+  folder_.Write("other/listening.toml", "address = \"::1\"\nobject-port = 5678\ns3-port = 8766\n");
+  EXPECT_EQ(S3Server(Find()).Url(), "http://[::1]:8766");
+  folder_.Write("other/listening.toml", "object-port = 5678\ns3-port = 0\n");
+  EXPECT_THROW(S3Server(Find()), CFailure) << "the server says that it has none";
+  globals_.data = "";
+  globals_.server = "https://host:9743";
+  environment_["TANSY_ACCESS_KEY"] = "ak";
+  environment_["TANSY_SECRET_KEY"] = "sk";
+  environment_["TANSY_S3_URL"] = "http://elsewhere:1";
+  EXPECT_EQ(S3Server(Find()).Url(), "https://host:9745") << "it belongs to the server of the environment only";
+  EXPECT_EQ(Find().s3_region, "us-east-1");
+  globals_.server = "http://host:65534";
+  EXPECT_THROW(S3Server(Find()), CFailure);
+  globals_.server = "";
+  environment_["TANSY_SERVER"] = "http://host:9700";
+  EXPECT_EQ(S3Server(Find()).Url(), "http://elsewhere:1");
+}
+
+TEST_F(SettingsTest, TakesTheS3DoorOfTheConfiguration) {
+  MakeConfig(
+      "default = \"home\"\n[servers.home]\nurl = \"http://h:1\"\naccess_key = \"a\"\nsecret_key = \"s\"\n"
+      "s3_url = \"https://s3.h\"\ns3_region = \"eu\"\n");
+  EXPECT_EQ(S3Server(Find()).Url(), "https://s3.h:443");
+  EXPECT_EQ(Find().s3_region, "eu");
+}
+
 // A server whose keys are in its environment need not have a settings file.
 TEST_F(SettingsTest, TakesKeysFromElsewhereWhenADataFolderHasOnlyPorts) {
   folder_.Write("other/listening.toml", "object-port = 5678\npicture-port = 8765\n");

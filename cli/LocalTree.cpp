@@ -1,0 +1,57 @@
+#include "LocalTree.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "HostSystem/Files.h"
+#include "LocalFile.h"
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+void Walk(HostSystem::IFolder& folder, const std::string& path, const std::string& prefix, LocalTree& tree) {
+  std::vector<HostSystem::FolderEntry> entries;
+  if (const int error = folder.List(entries); error != 0) {
+    tree.failures.push_back(FailureOfFile(path + "/" + prefix, error));
+    return;
+  }
+  for (const HostSystem::FolderEntry& entry : entries) {
+    const std::string name = prefix + entry.name;
+    if (entry.is_folder) {
+      std::unique_ptr<HostSystem::IFolder> below;
+      if (const int error = folder.OpenFolder(entry.name, below); error != 0) {
+        tree.failures.push_back(FailureOfFile(path + "/" + name, error));
+      } else {
+        Walk(*below, path, name + "/", tree);
+      }
+    } else if (!entry.is_file) {
+      tree.skipped.push_back(name);
+    } else if (!IsOwnHiddenFile(entry.name)) {
+      tree.files.push_back({name, entry.size});
+    }
+  }
+}
+
+}  // namespace
+}  // namespace details
+
+LocalTree WalkFolder(const std::string& path) {
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> top = HostSystem::OpenFolder(path, error);
+  if (top == nullptr) {
+    throw FailureOfFile(path, error);
+  }
+  LocalTree tree;
+  details::Walk(*top, path, "", tree);
+  std::sort(tree.files.begin(), tree.files.end(),
+            [](const LocalEntry& left, const LocalEntry& right) { return left.name < right.name; });
+  std::sort(tree.skipped.begin(), tree.skipped.end());
+  return tree;
+}
+
+bool IsOwnHiddenFile(const std::string& name) {
+  return name.starts_with(".tansy-") && (name.ends_with(".part") || name.ends_with(".pin") || name.ends_with(".lock"));
+}
+
+}  // namespace Tansy::Cli

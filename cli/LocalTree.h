@@ -1,0 +1,33 @@
+#ifndef TANSY_CLI_LOCAL_TREE_H
+#define TANSY_CLI_LOCAL_TREE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Failure.h"
+
+namespace Tansy::Cli {
+
+struct LocalEntry {
+  std::string name;  // below the tree's top, "/" between the folders
+  std::uint64_t size = 0;
+};
+
+// What is in a folder and in the folders below it.
+struct LocalTree {
+  std::vector<LocalEntry> files;     // regular files, by name in the order of bytes
+  std::vector<std::string> skipped;  // links and devices
+  std::vector<CFailure> failures;    // folders that could not be read; what is in them is not known
+};
+
+// Walks through a folder, and never through a link below it. Hidden files that a download of this program left behind
+// are left out. Throws CFailure when there is no folder at `path`, or when it cannot be opened.
+LocalTree WalkFolder(const std::string& path);
+
+// Says whether a name is that of a file that a download keeps its bytes in until it is complete.
+bool IsOwnHiddenFile(const std::string& name);
+
+}  // namespace Tansy::Cli
+
+#endif  // TANSY_CLI_LOCAL_TREE_H

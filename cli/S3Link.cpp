@@ -1,0 +1,156 @@
+#include "S3Link.h"
+
+#include <cstdint>
+#include <utility>
+
+#include "Output.h"
+#include "Persistence.h"
+#include "S3Signer.h"
+#include "TansyNet/S3Signing.h"
+#include "TansyProto/XmlProto.h"
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{64} << 20;
+constexpr std::size_t kMaxErrorBytes = std::size_t{64} << 10;
+constexpr char kAdviceNoDoor[] = "start tansyd with --s3-port, or name the address with s3_url in the configuration";
+
+std::string TargetOf(const S3Request& request) {
+  std::string target = "/";
+  if (!request.path.bucket.empty()) {
+    target += TansyNet::S3Signing::PercentEncode(request.path.bucket);
+    if (!request.path.key.empty()) {
+      target += "/" + TansyNet::S3Signing::PercentEncodePath(request.path.key);
+    }
+  }
+  const std::string query = TansyNet::S3Signing::QueryText(request.query);
+  return query.empty() ? target : target + "?" + query;
+}
+
+bool IsSuccess(int status) {
+  return status >= 200 && status < 300;
+}
+
+}  // namespace
+}  // namespace details
+
+bool IsDone(const LinkOutcome& outcome) {
+  return outcome.IsAnswered() && details::IsSuccess(outcome.answer.status);
+}
+
+CS3Link::CS3Link(const Settings& settings)
+    : address_(S3Server(settings)),
+      access_key_(settings.access_key),
+      secret_key_(settings.secret_key),
+      region_(settings.s3_region) {}
+
+TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request) const {
+  TansyNet::CHttpClientRequest outgoing;
+  outgoing.method = request.method;
+  outgoing.url = address_.Url() + details::TargetOf(request);
+  outgoing.body = request.body.empty() ? nullptr : request.body.data();
+  outgoing.body_size = request.body.size();
+  outgoing.max_body_bytes = details::kMaxAnswerBytes;
+  outgoing.send_timeout_ms = request.patience_ms;
+  outgoing.receive_timeout_ms = request.patience_ms;
+  const S3Keys keys{access_key_, secret_key_, Region()};
+  for (const auto& [name, value] : SignedS3Headers(request, address_.HostAndPort(), keys)) {
+    outgoing.headers.emplace(name, value);
+  }
+  return outgoing;
+}
+
+std::string CS3Link::Region() const {
+  const std::lock_guard lock(mutex_);
+  return region_;
+}
+
+bool CS3Link::LearnRegion(const LinkOutcome& outcome) const {
+  if (outcome.answer.status != 400 || outcome.ErrorCode() != "AuthorizationHeaderMalformed") {
+    return false;
+  }
+  TansyProto::CXmlProto xml;
+  const std::string region = xml.Parse(outcome.answer.body) ? xml.GetString("/Error/Region") : "";
+  const std::lock_guard lock(mutex_);
+  return !region.empty() && std::exchange(region_, region) != region;
+}
+
+LinkOutcome CS3Link::Try(const S3Request& request) const {
+  LinkOutcome outcome;
+  do {
+    outcome = {};
+    TansyNet::HttpClient().Send(Signed(request), &outcome.answer, &outcome.error);
+  } while (LearnRegion(outcome));
+  if (outcome.IsAnswered()) {
+    is_reached_ = true;
+  }
+  return outcome;
+}
+
+LinkOutcome CS3Link::TryPatiently(const S3Request& request, const std::atomic<bool>* stop) const {
+  CPersistence persistence(stop);
+  LinkOutcome outcome = Try(request);
+  while (!IsDone(outcome) && is_reached_ && persistence.GoesOn(outcome)) {
+    outcome = Try(request);
+  }
+  return outcome;
+}
+
+LinkOutcome CS3Link::Stream(const S3Request& request,
+                            const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
+                            const std::function<void(const char* data, std::size_t size)>& take) const {
+  LinkOutcome outcome;
+  bool begun = false;
+  const auto piece = [&](const TansyNet::CHttpClientResponse& answer, const char* data, unsigned int size,
+                         TansyNet::HttpClient::Error error, bool /*last*/) {
+    outcome.error = error;
+    const bool is_success = details::IsSuccess(answer.status);
+    if (answer.status != 0 && !begun) {
+      begun = true;
+      outcome.answer = answer;
+      if (is_success) {
+        head(answer);
+      }
+    }
+    if (size == 0) {
+      return;
+    }
+    if (is_success) {
+      take(data, size);
+    } else if (outcome.answer.body.size() < details::kMaxErrorBytes) {
+      outcome.answer.body.append(data, size);
+    }
+  };
+  do {
+    outcome = {};
+    begun = false;
+    TansyNet::HttpClient().SendForBigRsp(Signed(request), piece);
+  } while (LearnRegion(outcome));
+  if (outcome.IsAnswered()) {
+    is_reached_ = true;
+  }
+  return outcome;
+}
+
+CFailure CS3Link::FailureOf(const LinkOutcome& outcome) const {
+  if (outcome.IsAnswered()) {
+    return FailureOfAnswer(outcome.answer.status, outcome.ErrorCode(), address_.Url());
+  }
+  const CFailure failure = FailureOfExchange(outcome.error, address_.Url());
+  return is_reached_ || outcome.error.kind != TansyNet::HttpClient::kConnect
+             ? failure
+             : CFailure(failure.GetExitCode(), failure.what(),
+                        std::string("is the server running, and has it an S3 door? ") + details::kAdviceNoDoor);
+}
+
+TansyNet::CHttpClientResponse CS3Link::Request(const S3Request& request, const std::string& subject) const {
+  LinkOutcome outcome = TryPatiently(request);
+  if (!IsDone(outcome)) {
+    throw FailureOf(outcome).About(subject);
+  }
+  return std::move(outcome.answer);
+}
+
+}  // namespace Tansy::Cli

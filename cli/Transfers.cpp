@@ -1,0 +1,178 @@
+#include "Transfers.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "LocalFile.h"
+#include "Output.h"
+#include "Parallel.h"
+#include "S3Download.h"
+#include "S3Upload.h"
+#include "TagCheck.h"
+#include "TansyNet/S3Signing.h"
+#include "TreeFile.h"
+
+namespace Tansy::Cli {
+namespace details {
+namespace {
+
+using EKind = Transfer::EKind;
+
+const char* NameOf(EKind kind) {
+  switch (kind) {
+    case EKind::kPut:
+      return "put";
+    case EKind::kGet:
+      return "get";
+    case EKind::kCopy:
+      return "copy";
+    case EKind::kRemoveObject:
+    case EKind::kRemoveFile:
+      break;
+  }
+  return "remove";
+}
+
+bool IsLocal(EKind kind) {
+  return kind == EKind::kGet || kind == EKind::kRemoveFile;
+}
+
+}  // namespace
+}  // namespace details
+
+CTransfers::CTransfers(const Globals& globals, const CS3Link& link, const TransferSettings& settings,
+                       CTargetFolder* target, const char* what)
+    : globals_(globals), link_(link), settings_(settings), target_(target), progress_(globals, what) {}
+
+int CTransfers::Run(const std::vector<Transfer>& transfers) {
+  // A single file has all connections for its parts; several files share them.
+  parts_at_once_ = transfers.size() > 1 ? std::max<std::size_t>(settings_.jobs / 2, 1) : settings_.jobs;
+  return ForEachNumber(transfers.size(), settings_.jobs, [&](std::size_t number) { return Do(transfers[number]); });
+}
+
+// Returns the line to print.
+std::string CTransfers::Do(const Transfer& transfer) {
+  const bool is_local = details::IsLocal(transfer.kind);
+  try {
+    if (transfer.only_when_different && !IsDifferent(transfer)) {
+      return "";
+    }
+    if (!settings_.dry_run) {
+      switch (transfer.kind) {
+        case Transfer::EKind::kPut:
+          Put(transfer);
+          break;
+        case Transfer::EKind::kGet:
+          Get(transfer);
+          break;
+        case Transfer::EKind::kCopy:
+          Copy(transfer);
+          break;
+        case Transfer::EKind::kRemoveObject:
+          RemoveObject(transfer);
+          break;
+        case Transfer::EKind::kRemoveFile:
+          target_->RemoveFile(transfer.file);
+          break;
+      }
+    }
+    return Report(transfer);
+  } catch (const CFailure& failure) {
+    // Failures of local files name them already.
+    const std::string subject = Printable(is_local ? LocalPath(transfer) : transfer.remote.Url());
+    const std::string what = failure.what();
+    const bool is_named = what.starts_with(subject + ":") || what.starts_with(Printable(transfer.file) + ":");
+    throw is_named ? failure : failure.About(subject);
+  }
+}
+
+void CTransfers::Put(const Transfer& transfer) {
+  const std::size_t number = progress_.Add(transfer.file, LocalFileSize(transfer.file));
+  UploadToS3(link_, {transfer.file, transfer.remote, parts_at_once_, settings_.resume},
+             [&](std::uint64_t bytes) { progress_.Update(number, bytes); });
+  progress_.Finish(number);
+}
+
+void CTransfers::Get(const Transfer& transfer) {
+  const std::size_t number = progress_.Add(transfer.file, transfer.object.size);
+  CTreeFile file(*target_, transfer.file);
+  std::atomic<std::uint64_t> bytes{0};
+  DownloadFromS3(link_, transfer.remote, transfer.object, parts_at_once_,
+                 [&](const char* data, std::size_t size, std::uint64_t offset) {
+                   file.WriteAt(data, size, offset);
+                   progress_.Update(number, bytes += size);
+                 });
+  file.Commit();
+  progress_.Finish(number);
+}
+
+// The server copies the bytes itself. Some servers announce success before they know it, and tell of a failure in the
+// answer's body.
+void CTransfers::Copy(const Transfer& transfer) const {
+  const std::string source =
+      TansyNet::S3Signing::PercentEncodePath("/" + transfer.source.bucket + "/" + transfer.source.key);
+  const LinkOutcome outcome = link_.TryPatiently(
+      {.method = "PUT",
+       .path = transfer.remote,
+       .headers = {{"x-amz-copy-source", source}, {"x-amz-copy-source-if-match", "\"" + transfer.object.tag + "\""}}});
+  if (!IsDone(outcome) || !outcome.ErrorCode().empty()) {
+    throw link_.FailureOf(outcome);
+  }
+}
+
+void CTransfers::RemoveObject(const Transfer& transfer) const {
+  const LinkOutcome outcome = link_.TryPatiently({.method = "DELETE", .path = transfer.remote});
+  if (!IsDone(outcome)) {
+    throw link_.FailureOf(outcome);
+  }
+}
+
+bool CTransfers::IsDifferent(const Transfer& transfer) const {
+  const std::string path = details::IsLocal(transfer.kind) ? LocalPath(transfer) : transfer.file;
+  return !IsFileOfTag(path, transfer.object.size, transfer.object.tag);
+}
+
+std::string CTransfers::LocalPath(const Transfer& transfer) const {
+  return details::IsLocal(transfer.kind) && target_ != nullptr ? target_->PathOf(transfer.file) : transfer.file;
+}
+
+std::string CTransfers::Report(const Transfer& transfer) const {
+  const bool is_local = details::IsLocal(transfer.kind);
+  const std::string subject = is_local ? LocalPath(transfer) : transfer.remote.Url();
+  if (globals_.json) {
+    CJsonLine line;
+    line.Add("action", details::NameOf(transfer.kind)).Add(is_local ? "file" : "url", subject);
+    if (transfer.kind == Transfer::EKind::kPut) {
+      line.Add("file", transfer.file);
+    } else if (transfer.kind == Transfer::EKind::kGet) {
+      line.Add("url", transfer.remote.Url());
+    } else if (transfer.kind == Transfer::EKind::kCopy) {
+      line.Add("source", transfer.source.Url());
+    }
+    return line.Add("dry_run", settings_.dry_run).Text();
+  }
+  if (settings_.dry_run) {
+    return std::string("would ") + details::NameOf(transfer.kind) + " " + Printable(subject);
+  }
+  if (globals_.quiet) {
+    return "";
+  }
+  const bool is_removal =
+      transfer.kind == Transfer::EKind::kRemoveObject || transfer.kind == Transfer::EKind::kRemoveFile;
+  return (is_removal ? "removed " : "") + Printable(subject);
+}
+
+int ReportLeftOut(const Globals& globals, const std::vector<std::string>& skipped,
+                  const std::vector<CFailure>& failures) {
+  if (!globals.quiet) {
+    for (const std::string& name : skipped) {
+      PrintNote("note: " + Printable(name) + ": is no regular file; it is left out");
+    }
+  }
+  for (const CFailure& failure : failures) {
+    PrintFailure(failure);
+  }
+  return failures.empty() ? kExitDone : failures.front().GetExitCode();
+}
+
+}  // namespace Tansy::Cli

@@ -1,0 +1,100 @@
+#include "TransferPlan.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace Tansy::Cli {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const S3Path kRemote{"b", "p"};
+
+RemoteObject Object(const std::string& key, std::uint64_t size = 1) {
+  return {key, size, "tag", ""};
+}
+
+// Writes a plan as "put FILE s3://...", with "?" in front when the bytes decide.
+std::vector<std::string> TextsOf(const TransferPlan& plan) {
+  std::vector<std::string> texts;
+  for (const Transfer& transfer : plan.transfers) {
+    const std::string mark = transfer.only_when_different ? "?" : "";
+    switch (transfer.kind) {
+      case Transfer::EKind::kPut:
+        texts.push_back(mark + "put " + transfer.file + " " + transfer.remote.Url());
+        break;
+      case Transfer::EKind::kGet:
+        texts.push_back(mark + "get " + transfer.remote.Url() + " " + transfer.file);
+        break;
+      case Transfer::EKind::kRemoveObject:
+        texts.push_back("remove " + transfer.remote.Url());
+        break;
+      case Transfer::EKind::kRemoveFile:
+        texts.push_back("remove " + transfer.file);
+        break;
+      case Transfer::EKind::kCopy:
+        texts.emplace_back("copy");
+        break;
+    }
+  }
+  return texts;
+}
+
+LocalTree Tree(const std::vector<LocalEntry>& files) {
+  LocalTree tree;
+  tree.files = files;
+  return tree;
+}
+
+TEST(TransferPlanTest, PutsAndGetsEverything) {
+  EXPECT_THAT(TextsOf(PlanPuts("dir", Tree({{"a", 1}, {"x/y", 2}}), kRemote)),
+              ElementsAre("put dir/a s3://b/p/a", "put dir/x/y s3://b/p/x/y"));
+  EXPECT_THAT(TextsOf(PlanPuts("dir/", Tree({{"a", 1}}), {"b", ""})), ElementsAre("put dir/a s3://b/a"));
+  EXPECT_THAT(TextsOf(PlanGets({Object("p/"), Object("p/a"), Object("p/x/"), Object("p/x/y")}, kRemote)),
+              ElementsAre("get s3://b/p/a a", "get s3://b/p/x/y x/y"))
+      << "keys that stand for folders are left alone";
+}
+
+TEST(TransferPlanTest, LeavesNamesOutThatWouldLeadOutOfTheFolder) {
+  const TransferPlan plan = PlanGets({Object("p/../a"), Object("p//etc/x"), Object("p/ok"), Object("p/a\nb")}, kRemote);
+  EXPECT_THAT(TextsOf(plan), ElementsAre("get s3://b/p/ok ok"));
+  EXPECT_EQ(plan.failures.size(), 3u);
+}
+
+TEST(TransferPlanTest, SyncsWhatIsMissingOrDifferent) {
+  const LocalTree tree = Tree({{"larger", 2}, {"missing", 1}, {"same", 1}});
+  const std::vector<RemoteObject> objects = {Object("p/larger", 3), Object("p/same"), Object("p/more")};
+  EXPECT_THAT(
+      TextsOf(PlanSyncUp("dir", tree, kRemote, objects, false)),
+      ElementsAre("put dir/larger s3://b/p/larger", "put dir/missing s3://b/p/missing", "?put dir/same s3://b/p/same"));
+  EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, objects, false)),
+              ElementsAre("get s3://b/p/larger larger", "?get s3://b/p/same same", "get s3://b/p/more more"));
+}
+
+TEST(TransferPlanTest, RemovesOnlyWhatTheOtherSideDoesNotHave) {
+  const LocalTree tree = Tree({{"both", 1}, {"here", 1}});
+  const std::vector<RemoteObject> objects = {Object("p/both"), Object("p/there"), Object("p/folder/")};
+  EXPECT_THAT(TextsOf(PlanSyncUp("dir", tree, kRemote, objects, true)),
+              ElementsAre("?put dir/both s3://b/p/both", "put dir/here s3://b/p/here", "remove s3://b/p/there"));
+  EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, objects, true)),
+              ElementsAre("?get s3://b/p/both both", "get s3://b/p/there there", "remove here"));
+}
+
+// What is not known must not count as gone.
+TEST(TransferPlanTest, RemovesNothingThatTheWalkDidNotSee) {
+  LocalTree tree = Tree({{"a", 1}});
+  tree.skipped = {"link"};
+  const std::vector<RemoteObject> objects = {Object("p/a"), Object("p/link"), Object("p/link/x"), Object("p/linked")};
+  EXPECT_THAT(TextsOf(PlanSyncUp("dir", tree, kRemote, objects, true)),
+              ElementsAre("?put dir/a s3://b/p/a", "remove s3://b/p/linked"));
+  tree.failures.emplace_back(kExitDenied, "dir/closed: Permission denied", "");
+  EXPECT_THAT(TextsOf(PlanSyncUp("dir", tree, kRemote, objects, true)), ElementsAre("?put dir/a s3://b/p/a"));
+  EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, {}, true)), IsEmpty());
+}
+
+}  // namespace
+}  // namespace Tansy::Cli
