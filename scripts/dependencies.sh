@@ -11,7 +11,7 @@ packages=(
   openssl curl groff-base
 )
 if [[ "${1:-}" != --no-tests ]]; then
-  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd python3-boto3)
+  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic)
 fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)

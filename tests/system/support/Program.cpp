@@ -199,9 +199,9 @@ std::size_t CProgram::CountOpen(const std::string& name) const {
   return count;
 }
 
-Ended CProgram::WaitForEnd() {
+Ended CProgram::WaitForEnd(std::chrono::seconds patience) {
   CloseInput();
-  const auto deadline = Clock::now() + kPatience;
+  const auto deadline = Clock::now() + patience;
   Ended ended;
   while (pid_ > 0) {
     int status = 0;

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -52,7 +53,7 @@ class CProgram {
   std::size_t CountOpen(const std::string& name) const;
 
   // Closes its input and waits; a program that takes too long is killed, and that is a failure of the test.
-  Ended WaitForEnd();
+  Ended WaitForEnd(std::chrono::seconds patience = kPatience);
 
  private:
   void ReadTerminal();

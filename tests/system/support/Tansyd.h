@@ -111,6 +111,8 @@ class CTansyd {
   bool is_filter_missing_ = false;
 };
 
+// The folder of this project's sources.
+std::string SourceFolder();
 // A script of the project's scripts folder.
 std::string ScriptPath(const std::string& name);
 // A script of tests/system/clients, which does what people do with a client.
