@@ -9,6 +9,7 @@ namespace system_tests {
 namespace {
 
 using testing::AllOf;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -195,6 +196,46 @@ TEST_F(SpaceTest, AFullDiskThatHoldsTheCatalogueTooGetsRoomByRemovals) {
     EXPECT_EQ(Outcome(Send("DELETE", target + "?deletefile")), "200") << target;
   }
   EXPECT_TRUE(WaitUntil([&] { return Outcome(Send("PUT", "/b/large", std::string(40000000, 'x'))) == "200"; }));
+}
+
+// Other programs may take the last byte too, also while the catalogue's files grow. The server refuses what does not
+// fit and goes on.
+TEST_F(SpaceTest, ADiskThatOthersFillToTheLastByteEndsNothing) {
+  Launch launch = Quick({"--storage", "file:small/objects", "--database", "sqlite:small/catalogue.db"});
+  launch.small_disk = "small";
+  launch.small_disk_bytes = 64 * 1024 * 1024;
+  if (!server_.Start(launch)) {
+    ASSERT_TRUE(server_.IsSmallDiskMissing());
+    GTEST_SKIP() << "no file system of its own can be mounted here";
+  }
+  MakeBucket("b");
+  Put("/b/kept", "kept");
+  // The disk is seen by the server's process only.
+  const std::string disk = "/proc/" + std::to_string(server_.GetPid()) + "/root" + server_.Data("small");
+  const std::string filler = disk + "/filler";
+  int refused = 0;
+  for (std::uintmax_t pages_left = 0; pages_left <= 24; ++pages_left) {
+    for (int i = 0; i < 20; ++i) {
+      Put("/b/o" + std::to_string(i), "x");
+    }
+    const std::uintmax_t room = std::filesystem::space(disk).available;
+    ASSERT_GT(room, 1000000U);
+    std::ofstream(filler, std::ios::binary) << std::string(room - pages_left * 4096, 'x');
+    ASSERT_LE(std::filesystem::space(disk).available, pages_left * 4096);
+    for (int i = 0; i < 20; ++i) {
+      const std::string bucket = "/bucket-" + std::to_string(pages_left) + "-" + std::to_string(i);
+      for (const Reply& reply : {Send("PUT", bucket, "<CreateBucketConfiguration/>"),
+                                 Send("DELETE", "/b/o" + std::to_string(i) + "?deletefile")}) {
+        EXPECT_THAT(reply.status, AnyOf(200, 500));
+        refused += reply.status == 200 ? 0 : 1;
+      }
+    }
+    EXPECT_EQ(Get("/b/kept"), "kept");
+    ASSERT_TRUE(server_.IsRunning()) << server_.GetErrors();
+    std::filesystem::remove(filler);
+  }
+  EXPECT_GT(refused, 0);
+  EXPECT_TRUE(server_.Stop());
 }
 
 // The part of an upload that comes first waits in a file beside the catalogue, for days when nobody completes the
