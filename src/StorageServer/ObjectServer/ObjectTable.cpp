@@ -151,6 +151,7 @@ void CObjectTable::SetId(std::string_view name, std::uint32_t id) noexcept {
   Part& part = PartOf(hash);
   const std::lock_guard<std::mutex> lock(part.mutex);
   if (CPackedObject* const found = *LinkTo(part, name, hash)) {
+    const std::lock_guard<std::mutex> order_lock(order_mutex_);  // whoever goes through the keys reads it too
     found->SetId(id);
   }
 }

@@ -49,6 +49,29 @@ TEST(ObjectTable, GivesBackEveryFieldButTheBucketsName) {
   EXPECT_EQ(found.url, object.url);
 }
 
+// ThreadSanitizer tells when nothing keeps the two apart.
+TEST(ObjectTable, AnIdCanBeSetWhileTheKeysAreListed) {
+  CObjectTable table;
+  table.Put(CPackedObject::Make(Object("a")));
+  table.Put(CPackedObject::Make(Object("b")));
+  std::thread setter([&table] {
+    for (int round = 0; round < 1000; ++round) {
+      table.SetId("b", round % 2 == 0 ? 8 : 7);
+    }
+  });
+  int seen = 0;
+  for (int round = 0; round < 1000; ++round) {
+    ObjectInfo object;
+    table.ShowFrom("", true, [&](const CPackedObject& packed) {
+      packed.CopyTo(object);
+      seen += object.id == 7 || object.id == 8 ? 1 : 0;
+      return true;
+    });
+  }
+  setter.join();
+  EXPECT_EQ(seen, 2000);
+}
+
 TEST(ObjectTable, TakesEmptyAndLongTextsAndEveryByte) {
   CObjectTable table;
   std::string all_bytes;
