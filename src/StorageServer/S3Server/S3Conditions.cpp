@@ -10,13 +10,18 @@ namespace {
 
 constexpr std::string_view kUnit = "bytes=";
 
+enum class EWeakTags { kMatch, kNever };
+
 // Says whether a list of entity tags, such as "abc", W/"def" or *, names this one.
-bool NamesTag(std::string_view list, std::string_view etag) {
+bool NamesTag(std::string_view list, std::string_view etag, EWeakTags weak_tags) {
   while (!list.empty()) {
     const std::string_view piece = list.substr(0, list.find(','));
     list.remove_prefix(std::min(piece.size() + 1, list.size()));
     std::string_view tag = Trim(piece);
     if (tag.starts_with("W/")) {
+      if (weak_tags == EWeakTags::kNever) {
+        continue;
+      }
       tag.remove_prefix(2);
     }
     if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"') {
@@ -71,14 +76,14 @@ ECondition CheckConditions(const LowerHeaders& headers, std::string_view etag, s
   const std::time_t unmodified_since = TansyBase::HttpDate::Parse(ValueOf(headers, "if-unmodified-since"));
   const std::time_t modified_since = TansyBase::HttpDate::Parse(ValueOf(headers, "if-modified-since"));
   if (!match.empty()) {
-    if (!NamesTag(match, etag)) {
+    if (!NamesTag(match, etag, EWeakTags::kNever)) {
       return ECondition::kFailed;
     }
   } else if (unmodified_since >= 0 && modified > unmodified_since) {
     return ECondition::kFailed;
   }
   if (!none_match.empty()) {
-    return NamesTag(none_match, etag) ? ECondition::kNotModified : ECondition::kMet;
+    return NamesTag(none_match, etag, EWeakTags::kMatch) ? ECondition::kNotModified : ECondition::kMet;
   }
   return modified_since >= 0 && modified <= modified_since ? ECondition::kNotModified : ECondition::kMet;
 }
@@ -86,8 +91,8 @@ ECondition CheckConditions(const LowerHeaders& headers, std::string_view etag, s
 bool MayWrite(const LowerHeaders& headers, const std::string* etag) {
   const std::string& match = ValueOf(headers, "if-match");
   const std::string& none_match = ValueOf(headers, "if-none-match");
-  const bool is_named = match.empty() || (etag != nullptr && NamesTag(match, *etag));
-  return is_named && (none_match.empty() || etag == nullptr || !NamesTag(none_match, *etag));
+  const bool is_named = match.empty() || (etag != nullptr && NamesTag(match, *etag, EWeakTags::kNever));
+  return is_named && (none_match.empty() || etag == nullptr || !NamesTag(none_match, *etag, EWeakTags::kMatch));
 }
 
 }  // namespace Tansy::CloudStorage::S3

@@ -85,6 +85,9 @@ TEST(S3Conditions, LetAWriteTakePlaceOrNot) {
   EXPECT_TRUE(MayWrite({{"if-match", "*"}}, &etag));
   EXPECT_FALSE(MayWrite({{"if-match", "\"def\""}}, &etag));
   EXPECT_FALSE(MayWrite({{"if-match", "*"}}, nullptr));
+  EXPECT_FALSE(MayWrite({{"if-match", "W/\"abc\""}}, &etag)) << "a weak tag does not stand for the same bytes";
+  EXPECT_TRUE(MayWrite({{"if-match", "W/\"abc\", \"abc\""}}, &etag));
+  EXPECT_FALSE(MayWrite({{"if-none-match", "W/\"abc\""}}, &etag));
 }
 
 }  // namespace
