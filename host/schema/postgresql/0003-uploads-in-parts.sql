@@ -1,7 +1,7 @@
 -- Uploads in parts of any sizes. Each part is stored once. When the upload has become an object, its parts' rows stay:
 -- they are what names the bytes of the object. The upload tasks of the other protocol are in a table of their own.
 --
--- While host_values has the row 'moving_in', the rows are copied from another catalogue, in any order: nothing is compared
+-- While host_values has the row 'move_from', the rows are copied from another catalogue, in any order: nothing is compared
 -- with other rows then.
 
 -- The uploads that are open. object_url is the url that the row of the object will have: 'parts:' and an id.
@@ -37,7 +37,7 @@ FOR EACH ROW EXECUTE FUNCTION platform.refuse_freed_bytes('part');
 CREATE FUNCTION platform.refuse_late_part() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
   IF NOT EXISTS (SELECT 1 FROM platform.local_upload WHERE object_url = NEW.object_url)
-     AND NOT EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'moving_in') THEN
+     AND NOT EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'move_from') THEN
     RAISE EXCEPTION 'the upload of this part has ended';
   END IF;
   RETURN NEW;
@@ -76,7 +76,7 @@ CREATE FUNCTION platform.refuse_missing_parts() RETURNS trigger LANGUAGE plpgsql
 DECLARE
   needs_upload boolean := true;
 BEGIN
-  IF EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'moving_in') THEN
+  IF EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'move_from') THEN
     RETURN NEW;
   END IF;
   IF TG_OP = 'UPDATE' THEN
@@ -100,7 +100,7 @@ FOR EACH ROW WHEN (substr(NEW.url, 1, 6) = 'parts:') EXECUTE FUNCTION platform.r
 CREATE FUNCTION platform.refuse_other_parts() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
   IF EXISTS (SELECT 1 FROM platform.local_upload_part WHERE object_url = NEW.url AND strpos(NEW.pieces, url) = 0)
-     AND NOT EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'moving_in') THEN
+     AND NOT EXISTS (SELECT 1 FROM platform.host_values WHERE name = 'move_from') THEN
     RAISE EXCEPTION 'the parts of this object are others';
   END IF;
   RETURN NEW;
@@ -114,7 +114,7 @@ BEGIN
   RETURN NEW;
 END $$;
 CREATE TRIGGER local_object_pieces_replaced BEFORE UPDATE OF url ON platform.local_object
-FOR EACH ROW WHEN (OLD.url <> NEW.url AND OLD.pieces <> '') EXECUTE FUNCTION platform.forget_pieces();
+FOR EACH ROW WHEN (OLD.url <> NEW.url AND OLD.pieces <> '' AND NEW.pieces = OLD.pieces) EXECUTE FUNCTION platform.forget_pieces();
 
 -- Uploads go with their bucket, and follow it to another name.
 CREATE FUNCTION platform.end_uploads_of_bucket() RETURNS trigger LANGUAGE plpgsql AS $$

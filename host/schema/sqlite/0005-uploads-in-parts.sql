@@ -1,7 +1,7 @@
 -- Uploads in parts of any sizes. Each part is stored once. When the upload has become an object, its parts' rows stay:
 -- they are what names the bytes of the object. The upload tasks of the other protocol are in a table of their own.
 --
--- While host_values has the row 'moving_in', the rows are copied from another catalogue, in any order: nothing is compared
+-- While host_values has the row 'move_from', the rows are copied from another catalogue, in any order: nothing is compared
 -- with other rows then.
 
 -- The uploads that are open. object_url is the url that the row of the object will have: 'parts:' and an id.
@@ -39,7 +39,7 @@ END;
 
 CREATE TRIGGER platform.local_upload_part_late BEFORE INSERT ON local_upload_part
 WHEN NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.object_url)
-  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'moving_in')
+  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'move_from')
 BEGIN
   SELECT RAISE(ABORT, 'the upload of this part has ended');
 END;
@@ -71,7 +71,7 @@ END;
 -- are kept in 32 bits.
 CREATE TRIGGER platform.local_object_of_parts_added BEFORE INSERT ON local_object
 WHEN substr(NEW.url, 1, 6) = 'parts:'
-  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'moving_in')
+  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'move_from')
   AND (NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.url)
          AND NOT EXISTS (SELECT 1 FROM released_bytes WHERE url = NEW.url AND kind IN (1, 2))
        OR ((SELECT COALESCE(SUM(size), 0) FROM local_upload_part WHERE object_url = NEW.url) - NEW.size)
@@ -83,7 +83,7 @@ END;
 -- Only its attributes may change once it is made.
 CREATE TRIGGER platform.local_object_of_parts_changed BEFORE UPDATE OF url ON local_object
 WHEN substr(NEW.url, 1, 6) = 'parts:'
-  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'moving_in')
+  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'move_from')
   AND (NEW.url <> OLD.url AND NOT EXISTS (SELECT 1 FROM local_upload WHERE object_url = NEW.url)
        OR ((SELECT COALESCE(SUM(size), 0) FROM local_upload_part WHERE object_url = NEW.url) - NEW.size)
          % 4294967296 <> 0)
@@ -93,14 +93,14 @@ END;
 
 CREATE TRIGGER platform.local_object_pieces_set BEFORE UPDATE OF pieces ON local_object
 WHEN NEW.pieces <> ''
-  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'moving_in')
+  AND NOT EXISTS (SELECT 1 FROM host_values WHERE name = 'move_from')
   AND EXISTS (SELECT 1 FROM local_upload_part WHERE object_url = NEW.url AND instr(NEW.pieces, url) = 0)
 BEGIN
   SELECT RAISE(ABORT, 'the parts of this object are others');
 END;
 
 CREATE TRIGGER platform.local_object_pieces_replaced AFTER UPDATE OF url ON local_object
-WHEN OLD.url <> NEW.url AND OLD.pieces <> ''
+WHEN OLD.url <> NEW.url AND OLD.pieces <> '' AND NEW.pieces = OLD.pieces
 BEGIN
   UPDATE local_object SET pieces = '' WHERE id = NEW.id;
 END;

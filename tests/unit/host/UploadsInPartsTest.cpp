@@ -211,11 +211,16 @@ TEST_F(UploadsInPartsTest, RowsOfAnotherCatalogueComeInAnyOrder) {
   Run("DELETE FROM platform.released_bytes");
   const std::string url = Store("one");
   EXPECT_FALSE(TryToRun(PartText(1, url, 3)));
-  Run("INSERT INTO platform.host_values (name, value) VALUES ('moving_in', '1')");
+  Run("INSERT INTO platform.host_values (name, value) VALUES ('move_from', '1')");
   AddObject(7, "o", "parts:1", 3);
   Run("UPDATE platform.local_object SET pieces = 'not yet known' WHERE id = 7");
   Run(PartText(1, url, 3));
-  Run("DELETE FROM platform.host_values WHERE name = 'moving_in'");
+  // A row that is there already is changed in one statement, in whatever it has.
+  Run("UPDATE platform.local_object SET url = 'parts:2', pieces = 'of the second' WHERE id = 7");
+  EXPECT_EQ(Answer("SELECT pieces FROM platform.local_object"), "of the second");
+  Run("UPDATE platform.local_object SET url = 'parts:1', pieces = 'of the first' WHERE id = 7");
+  Run("DELETE FROM platform.host_values WHERE name = 'move_from'");
+  Run("DELETE FROM platform.released_bytes");
   EXPECT_EQ(Check(), kExitDone) << output_;
   EXPECT_FALSE(TryToRun(PartText(2, Store("late"), 4)));
 }
