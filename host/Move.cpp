@@ -43,7 +43,7 @@ constexpr milliseconds kLongestRows{1200};
 constexpr milliseconds kPatience{400};  // for what is under way when writes are to be held
 constexpr milliseconds kQuickCount{100};
 constexpr int kMostTries = 50;
-// A round of this few changes, or one this short, may be the last before the switch.
+// With this few changes left, the next round may be the last before the switch.
 constexpr std::size_t kFewChanges = 64;
 
 constexpr const char* kUploadTable = "local_object_task";
@@ -81,8 +81,7 @@ class CMove {
     Begin();
     CopyRows();
     CopyPictures(EPictures::kAll);
-    while (Follow() > kFewChanges) {
-    }
+    FollowWhileItHelps();
     ExpectNoFindings();
     SwitchOver();
     LookAgain();
@@ -435,6 +434,26 @@ class CMove {
     return changes.size();
   }
 
+  // Follows until little is left, or until clients change as much as is copied meanwhile.
+  void FollowWhileItHelps() {
+    std::size_t left = CountChanges();
+    while (left > kFewChanges) {
+      const std::size_t before = left;
+      for (std::size_t done = 0; done < before;) {
+        const std::size_t count = Follow();
+        done = count == 0 ? before : done + count;
+      }
+      left = CountChanges();
+      if (left > before / 2) {
+        return;
+      }
+    }
+  }
+
+  std::size_t CountChanges() {
+    return std::strtoull(source_.Value("SELECT COUNT(*) AS value FROM platform.move_changes").c_str(), nullptr, 10);
+  }
+
   void FollowTable(const MoveTable& table, std::set<std::vector<std::string>> keys, EBytes bytes) {
     const std::vector<CMoveDatabase::Row> rows =
         ReadRowsOf(source_, table, std::vector<std::vector<std::string>>(keys.begin(), keys.end()));
@@ -454,9 +473,7 @@ class CMove {
       CopyUploads();
       CopyPictures(EPictures::kNew);
       for (int tries = 1;; ++tries) {
-        for (Clock::time_point begin = Clock::now(); Follow() > kFewChanges && Since(begin) > milliseconds(50);
-             begin = Clock::now()) {
-        }
+        FollowWhileItHelps();
         ExpectNoFindings();
         ExpectMirror();
         if (TrySwitch()) {
