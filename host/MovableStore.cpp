@@ -207,6 +207,9 @@ EStoreResult CMovableStore::CopyPiece(const StoredName& name, std::uint64_t offs
   if (result == EStoreResult::kDone) {
     result = mirror.ReadRange(name, offset, size, copy);
   }
+  if (result == EStoreResult::kMissing && Now().GetSize(name, whole) == EStoreResult::kMissing) {
+    return result;  // a removal took it from both stores
+  }
   const bool is_equal =
       result != EStoreResult::kDone || (copy.size == size && std::memcmp(copy.data.get(), bytes.data.get(), size) == 0);
   if (result == EStoreResult::kMissing || !is_equal) {

@@ -370,7 +370,11 @@ class CMove {
       if (result != EStoreResult::kDone) {
         return result == EStoreResult::kMissing ? ECopy::kGone : ECopy::kDamaged;
       }
-      ExpectDone(To().ReadRange(name, offset, kPiece, copy));
+      const EStoreResult read = To().ReadRange(name, offset, kPiece, copy);
+      if (read == EStoreResult::kMissing && From().GetSize(name, size) == EStoreResult::kMissing) {
+        return ECopy::kGone;  // a removal took it from both places
+      }
+      ExpectDone(read);
       const bool is_same = bytes.size == copy.size && (bytes.size > 0 || offset >= size) &&
                            (bytes.size == 0 || std::memcmp(bytes.data.get(), copy.data.get(), bytes.size) == 0);
       if (!is_same) {
