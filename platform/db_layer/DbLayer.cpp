@@ -9,6 +9,7 @@
 
 #include "db_layer/ConnectionPool.h"
 #include "db_layer/PostgresDriver.h"
+#include "db_layer/SharedDatabase.h"
 #include "db_layer/SqliteConnect.h"
 #include "db_layer/SqliteDatabase.h"
 
@@ -289,6 +290,14 @@ void Module_Unregister(const std::string& module) {
   if (pool) {
     pool->Close(CConnectionPool::kWait);
   }
+}
+
+void SetPostgresPrelude(TransactionPrelude prelude) {
+  SetPostgresDefaultPrelude(std::move(prelude));
+}
+
+std::unique_ptr<IDatabaseEar> MakeDatabaseEar(const DBParam& param, int timeout_ms) {
+  return param.type == kPostgresql ? MakePostgresEar(param, timeout_ms) : nullptr;
 }
 
 std::string DescribeDatabase(const DBParam& param) {

@@ -22,7 +22,8 @@
 //
 // Both commit in groups: statements that several threads execute at the same time share one transaction and one wait
 // for the disk, each of them still succeeding or failing by itself. In PostgreSQL one connection writes, and holds an
-// advisory lock meanwhile, so that no second process writes to the database; the others read.
+// advisory lock meanwhile, so that no second process writes to the database, unless both share it (SharedDatabase.h);
+// the others read.
 //
 // PostgreSQL needs the encoding SQL_ASCII, under which texts are any bytes but NUL, as in SQLite. So that a commit
 // whose answer was lost can be looked up, the owner of the schema creates

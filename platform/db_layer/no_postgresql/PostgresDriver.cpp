@@ -6,6 +6,12 @@ std::shared_ptr<IDriver> MakePostgresDriver() {
   return nullptr;
 }
 
+std::unique_ptr<IDatabaseEar> MakePostgresEar(const DBParam&, int) {
+  return nullptr;
+}
+
+void SetPostgresDefaultPrelude(TransactionPrelude) {}
+
 bool SetPostgresDefaultDurability(bool) {
   return true;
 }

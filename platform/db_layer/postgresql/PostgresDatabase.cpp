@@ -18,6 +18,22 @@ constexpr std::size_t kMostIdleReaders = 4;
 std::atomic<bool> g_full_durability{true};
 std::atomic<int> g_timeout_ms{30000};
 
+// The prelude of databases that are opened from now on.
+struct Prelude {
+  std::mutex mutex;
+  TransactionPrelude statement;
+};
+Prelude& ThePrelude() {
+  static auto* prelude = new Prelude;
+  return *prelude;
+}
+
+PostgresOptions DefaultOptions() {
+  Prelude& prelude = ThePrelude();
+  const std::lock_guard lock(prelude.mutex);
+  return {g_full_durability, g_timeout_ms, prelude.statement};
+}
+
 using Address = std::tuple<std::string, int, std::string, std::string, std::string>;
 
 // The registry lives until the process ends, because connections may be given back very late.
@@ -41,6 +57,12 @@ int SetPostgresDefaultTimeout(int milliseconds) {
   return details::g_timeout_ms.exchange(milliseconds);
 }
 
+void SetPostgresDefaultPrelude(TransactionPrelude prelude) {
+  details::Prelude& current = details::ThePrelude();
+  const std::lock_guard lock(current.mutex);
+  current.statement = std::move(prelude);
+}
+
 std::shared_ptr<CPostgresDatabase> CPostgresDatabase::Acquire(const DBParam& param, SqlError& error) {
   const details::Address address{param.host, param.port, param.user, param.password, param.database};
   auto& registry = details::TheRegistry();
@@ -52,8 +74,7 @@ std::shared_ptr<CPostgresDatabase> CPostgresDatabase::Acquire(const DBParam& par
     }
   }
   // Nobody waits for the lock while the server is asked.
-  auto database =
-      std::make_shared<CPostgresDatabase>(param, PostgresOptions{details::g_full_durability, details::g_timeout_ms});
+  auto database = std::make_shared<CPostgresDatabase>(param, details::DefaultOptions());
   Handle reader = database->OpenReader(error);
   if (!reader) {
     return nullptr;

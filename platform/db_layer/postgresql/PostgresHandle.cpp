@@ -392,6 +392,26 @@ bool CPostgresHandle::WaitForInput() {
   }
 }
 
+CPostgresHandle::ENotice CPostgresHandle::WaitForNotice(std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  for (;;) {
+    if (!IsOpen() || PQconsumeInput(connection_) != 1) {
+      Close();
+      return ENotice::kLost;
+    }
+    bool came = false;
+    while (PGnotify* const notice = PQnotifies(connection_)) {
+      PQfreemem(notice);
+      came = true;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (came || left.count() <= 0) {
+      return came ? ENotice::kCame : ENotice::kNone;
+    }
+    WaitForSocket(PQsocket(connection_), false, left);
+  }
+}
+
 bool CPostgresHandle::SkipToEnd() {
   Result result;
   do {

@@ -2,6 +2,7 @@
 #ifndef TANSY_DB_LAYER_POSTGRESQL_POSTGRES_HANDLE_H
 #define TANSY_DB_LAYER_POSTGRESQL_POSTGRES_HANDLE_H
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "db_layer/Connect.h"
 #include "db_layer/RowBuffer.h"
+#include "db_layer/SharedDatabase.h"
 #include "db_layer/SqlError.h"
 #include "db_layer/SqlTemplate.h"
 
@@ -20,7 +22,8 @@ namespace db_layer {
 
 struct PostgresOptions {
   bool full_durability = true;
-  int timeout_ms = 30000;  // the longest time without a sign of the server
+  int timeout_ms = 30000;      // the longest time without a sign of the server
+  TransactionPrelude prelude;  // empty: this process alone writes to the database
 };
 
 // Says what is wrong with a server of this version (150004 is 15.4) and this encoding of its database; "" when nothing
@@ -73,6 +76,10 @@ class CPostgresHandle {
                    SqlError& error);
 
   bool IsInTransaction() const;
+
+  // Waits for a notification (NOTIFY) on a channel that this connection listens to; one that has come already is taken.
+  enum class ENotice { kNone, kCame, kLost };
+  ENotice WaitForNotice(std::chrono::milliseconds patience);
 
  private:
   struct Expected {

@@ -22,8 +22,10 @@ constexpr std::chrono::seconds kLongestDoubt{110};
 constexpr int kMostTries = 2;
 constexpr int kLockTries = 20;
 
-// This lock is held by the connection of the process that writes to the database.
+// This lock is held by the connection of the process that writes to the database. Processes that share the database
+// share the lock.
 constexpr const char* kTakeLock = "SELECT pg_try_advisory_lock(1413565779, 1)::int AS taken";
+constexpr const char* kShareLock = "SELECT pg_try_advisory_lock_shared(1413565779, 1)::int AS taken";
 constexpr const char* kFindMarks =
     "SELECT count(*) AS found FROM pg_class WHERE oid = to_regclass('platform.commit_marks')";
 constexpr const char* kFindSession =
@@ -70,6 +72,7 @@ void CPostgresWriter::RunTogether(const std::vector<SqlWrite*>& writes) {
         RunAlone(*write);
       }
       break;
+    case EOutcome::kKeptOut:
     case EOutcome::kLost:
     case EOutcome::kUnknown:
       FailAll(writes, error);
@@ -125,7 +128,8 @@ CPostgresWriter::EOutcome CPostgresWriter::RunTransaction(const std::vector<SqlW
   }
   if (result == EResult::kFailed) {
     RollBack();
-    return EOutcome::kRefused;
+    // The prelude stands before all others, so that it has failed when it has said nothing.
+    return IsShared() && steps[PreludeStep()].tag.empty() ? EOutcome::kKeptOut : EOutcome::kRefused;
   }
   if (has_marks_ && steps[1].tag != "UPDATE 1") {
     RollBack();
@@ -149,6 +153,9 @@ std::vector<PostgresStep> CPostgresWriter::StepsOf(const std::vector<SqlWrite*>&
          false,
          nullptr,
          {}});
+  }
+  if (IsShared()) {
+    steps.push_back({options_.prelude(), true, nullptr, {}});
   }
   for (const SqlWrite* write : writes) {
     for (const std::string& sql : *write->statements) {
@@ -286,7 +293,7 @@ bool CPostgresWriter::BecomeTheWriter(SqlError& error) {
     if (tries > 0) {
       std::this_thread::sleep_for(details::kFirstPause);
     }
-    if (!Ask(details::kTakeLock, "taken", taken, error)) {
+    if (!Ask(IsShared() ? details::kShareLock : details::kTakeLock, "taken", taken, error)) {
       return false;
     }
   }
@@ -304,7 +311,7 @@ bool CPostgresWriter::BecomeTheWriter(SqlError& error) {
   return Ask(details::kFindSession, "session", session_, error) && (is_in_doubt_ || MakeMark(error));
 }
 
-// The rows of other processes are of no use any more, because the lock is this one's.
+// The rows of other processes are of no use any more when the lock is this one's alone.
 bool CPostgresWriter::MakeMark(SqlError& error) {
   std::string found;
   if (!Ask(details::kFindMarks, "found", found, error)) {
@@ -314,8 +321,8 @@ bool CPostgresWriter::MakeMark(SqlError& error) {
   return !has_marks_ || (handle_.Run("INSERT INTO platform.commit_marks (writer, batch) VALUES ('" + name_ +
                                          "', 0) ON CONFLICT (writer) DO NOTHING",
                                      nullptr, error) == EResult::kDone &&
-                         handle_.Run("DELETE FROM platform.commit_marks WHERE writer <> '" + name_ + "'", nullptr,
-                                     error) == EResult::kDone);
+                         (IsShared() || handle_.Run("DELETE FROM platform.commit_marks WHERE writer <> '" + name_ + "'",
+                                                    nullptr, error) == EResult::kDone));
 }
 
 // Ends what the server still does for a connection that this side has given up. It may wait there for a disk or for a

@@ -3,6 +3,7 @@
 #define TANSY_DB_LAYER_POSTGRESQL_POSTGRES_WRITER_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@ namespace db_layer {
 // it is lost after that, the batch is in doubt: a new connection looks whether it was committed, before anybody gets an
 // answer. The transaction itself tells: it writes the number of the batch into this process's row of
 // platform.commit_marks, and the look waits for the lock of that row until the old transaction has ended.
+//
+// Where several processes share the database, the prelude runs in each transaction before the statements. When it is
+// refused, the whole batch is: each of its writes would be refused, after having waited as long again.
 class CPostgresWriter {
  public:
   using Clock = std::chrono::steady_clock;
@@ -34,6 +38,7 @@ class CPostgresWriter {
   enum class EOutcome {
     kDone,
     kRefused,  // nothing of it is committed, because the server refused a statement
+    kKeptOut,  // the same, and none of its statements has run: the prelude was refused
     kLost,     // nothing of it is committed, because the connection was lost
     kUnknown,  // nobody can tell
   };
@@ -57,6 +62,8 @@ class CPostgresWriter {
   void RollBack() noexcept;
 
   Clock::duration Patience() const;
+  bool IsShared() const { return static_cast<bool>(options_.prelude); }
+  std::size_t PreludeStep() const { return has_marks_ ? 2 : 1; }
   bool EnsureOpen(SqlError& error);
   bool TryToOpen(SqlError& error);
   bool BecomeTheWriter(SqlError& error);
