@@ -8,6 +8,7 @@
 #include "FilePlaces.h"
 #include "FileVolumeWalk.h"
 #include "HostLog.h"
+#include "NotesFolder.h"
 #include "StartFailure.h"
 #include "StoreResult.h"
 #include "TansyBase/MessageLoop.h"
@@ -80,7 +81,7 @@ class CBodyFile final : public HostSystem::IFile {
 
 CBodyLog::EMode ModeOf(bool full_durability, EStoreUse use) {
   if (use != EStoreUse::kServe) {
-    return use == EStoreUse::kLook ? CBodyLog::EMode::kLook : CBodyLog::EMode::kFull;
+    return use == EStoreUse::kRepair ? CBodyLog::EMode::kFull : CBodyLog::EMode::kLook;
   }
   return full_durability ? CBodyLog::EMode::kFull : CBodyLog::EMode::kFast;
 }
@@ -88,13 +89,15 @@ CBodyLog::EMode ModeOf(bool full_durability, EStoreUse use) {
 }  // namespace
 }  // namespace details
 
-CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability, EStoreUse use)
+CFileStore::CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability, EStoreUse use,
+                       std::unique_ptr<HostSystem::IFolder> notes)
     : root_(std::move(root)),
+      notes_(std::move(notes)),
       full_durability_(full_durability),
       use_(use),
       objects_(*root_, kFileObjects),
       pictures_(*root_, kFilePictures),
-      new_(*root_),
+      new_(notes_ == nullptr ? *root_ : *notes_),
       room_(*root_),
       bodies_(*root_, details::ModeOf(full_durability, use), &room_) {}
 
@@ -102,11 +105,11 @@ int CFileStore::Load() {
   std::unique_ptr<HostSystem::IFolder> moved;
   has_moved_bodies_ = root_->OpenFolder(kMovedBodies, moved) == 0;
   const int error = bodies_.Load();
-  return error == 0 && use_ == EStoreUse::kServe ? new_.Load() : error;
+  return error == 0 && IsServed() ? new_.Load() : error;
 }
 
 EStoreResult CFileStore::SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) {
-  if (content == EContent::kObject && size <= kLongestSmallBody) {
+  if (content == EContent::kObject && size <= kLongestSmallBody && use_ != EStoreUse::kShare) {
     return SaveSmall({data, size}, name);
   }
   return SaveNew(content, 0, data, size, name);
@@ -448,16 +451,18 @@ std::vector<NewBytes> CFileStore::GetNew(std::int64_t seconds) const {
 }
 
 bool CFileStore::IsNew(const StoredName& name) const {
-  return use_ == EStoreUse::kServe && (new_.Contains(name) || bodies_.IsUnsettled(name));
+  return IsServed() && (new_.Contains(name) || bodies_.IsUnsettled(name));
 }
 
 void CFileStore::Tidy(const std::function<bool()>& is_stopping) {
   new_.TurnPage();
-  bodies_.Tidy(is_stopping);
+  if (use_ != EStoreUse::kShare) {
+    bodies_.Tidy(is_stopping);
+  }
 }
 
 bool CFileStore::LookAgain(std::vector<StoredName>& new_names) {
-  if (bodies_.Load() != 0 || CNewBytesLog::Read(*root_, new_names) != 0) {
+  if (bodies_.Load() != 0 || CNewBytesLog::Read(*root_, new_names) != 0 || !ReadNotesFolder(new_names)) {
     return false;
   }
   std::vector<NewBytes> bodies;
@@ -466,6 +471,10 @@ bool CFileStore::LookAgain(std::vector<StoredName>& new_names) {
     new_names.push_back(std::move(body.name));
   }
   return true;
+}
+
+bool CFileStore::HasSmallBodies() const {
+  return !bodies_.ForEach([](const StoredEntry&) { return false; });
 }
 
 void CFileStore::ForgetNew(const std::vector<StoredName>& names) {
@@ -499,14 +508,21 @@ std::unique_ptr<IObjectStore> OpenFileStore(const std::string& path, bool full_d
                           "storage folder " + path + " cannot be " + what + ": " + HostSystem::ErrorText(error));
     }
   };
-  if (use == EStoreUse::kServe) {
+  const bool is_shared = use == EStoreUse::kShare;
+  if (use == EStoreUse::kServe || is_shared) {
     expect(HostSystem::MakeFolders(path), "made");
   }
   int error = 0;
+  std::unique_ptr<HostSystem::IFolder> notes = is_shared ? OpenNotesFolder() : nullptr;
   std::unique_ptr<HostSystem::IFolder> root = HostSystem::OpenFolder(path, error);
   expect(root == nullptr ? error : 0, "opened");
-  auto store = std::make_unique<CFileStore>(std::move(root), full_durability, use);
+  auto store = std::make_unique<CFileStore>(std::move(root), full_durability, use, std::move(notes));
   expect(store->Load(), "read");
+  if (is_shared && store->HasSmallBodies()) {
+    throw CStartFailure(kExitFailed, "storage folder " + path +
+                                         " holds small objects that one tansyd alone has stored (" + kBodyLogVolume +
+                                         "): several cannot share it");
+  }
   return store;
 }
 

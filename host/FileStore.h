@@ -21,8 +21,9 @@
 namespace Tansy::Host {
 
 // Stored bytes as files: one file per name, below a folder for each volume ("fs01" objects, "pc01" pictures). Small
-// objects lie together in the files of the body log ("lg01"). What was moved here from a pool lies in files too, under
-// the names that it had there (FilePlaces.h).
+// objects lie together in the files of the body log ("lg01"), which one process alone can use; in a store that several
+// share they are files like the others. What was moved here from a pool lies in files too, under the names that it had
+// there (FilePlaces.h).
 //
 // Full durability: a write returns when its bytes, the file's size and its name are on stable storage. An object is
 // written under its final name at once, because nothing refers to it before the catalogue row is written; a picture is
@@ -30,8 +31,9 @@ namespace Tansy::Host {
 // for MakeDurable.
 class CFileStore final : public IObjectStore {
  public:
-  // `root` is the store's folder.
-  CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability, EStoreUse use = EStoreUse::kServe);
+  // `root` is the store's folder. `notes` is the folder for names of new bytes; null: the same.
+  CFileStore(std::unique_ptr<HostSystem::IFolder> root, bool full_durability, EStoreUse use = EStoreUse::kServe,
+             std::unique_ptr<HostSystem::IFolder> notes = nullptr);
 
   EStoreResult SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) override;
   bool MakeDurable(const std::vector<std::string_view>& statements, std::string& error) override;
@@ -58,8 +60,10 @@ class CFileStore final : public IObjectStore {
   // Takes over what earlier runs have stored and what they left unfinished. It must be called once, before everything
   // else. Returns 0 or errno.
   int Load();
+  bool HasSmallBodies() const;
 
  private:
+  bool IsServed() const { return use_ == EStoreUse::kServe || use_ == EStoreUse::kShare; }
   static bool IsMine(const StoredName& name) { return IsObjectVolume(name.volume) || IsPictureVolume(name.volume); }
   // Says whether these bytes are in the body log, or were.
   bool IsSmallBody(const StoredName& name) const;
@@ -74,6 +78,7 @@ class CFileStore final : public IObjectStore {
   int WriteDurably(HostSystem::IFile& file, std::uint64_t offset, const char* data, std::uint32_t size);
 
   std::unique_ptr<HostSystem::IFolder> root_;
+  std::unique_ptr<HostSystem::IFolder> notes_;
   const bool full_durability_;
   const EStoreUse use_;
   CFileVolume objects_;

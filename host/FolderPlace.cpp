@@ -42,6 +42,10 @@ void CFolderPlace::Lock() {
   LockStorage(folder_, lock_);
 }
 
+void CFolderPlace::Share() {
+  ShareStorage(folder_, lock_);
+}
+
 bool CFolderPlace::IsInUse() {
   return IsStorageInUse(folder_);
 }

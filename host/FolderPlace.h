@@ -24,6 +24,7 @@ class CFolderPlace final : public IStoragePlace {
   int RemoveId() override;
   void ExpectFree() override;
   void Lock() override;
+  void Share() override;
   bool IsInUse() override;
   std::unique_ptr<IObjectStore> Open(bool full_durability, EStoreUse use) override;
 

@@ -16,8 +16,8 @@ namespace {
                                                           : " cannot be written: " + HostSystem::ErrorText(error)));
 }
 
-void Take(const std::string& what, const std::string& path, HostSystem::CLockFile& lock) {
-  if (const int error = lock.Take(path)) {
+void Expect(const std::string& what, int error) {
+  if (error != 0) {
     Fail(what, error);
   }
 }
@@ -35,7 +35,7 @@ std::string StorageLock(const std::string& folder) {
 }  // namespace details
 
 void LockDatabase(const std::string& file, HostSystem::CLockFile& lock) {
-  details::Take("database " + file, file + ".lock", lock);
+  details::Expect("database " + file, lock.Take(file + ".lock"));
 }
 
 void ExpectStorageFree(const std::string& folder) {
@@ -46,8 +46,12 @@ void ExpectStorageFree(const std::string& folder) {
 
 void LockStorage(const std::string& folder, HostSystem::CLockFile& lock) {
   if (!details::IsCurrentFolder(folder)) {
-    details::Take("storage folder " + folder, details::StorageLock(folder), lock);
+    details::Expect("storage folder " + folder, lock.Take(details::StorageLock(folder)));
   }
+}
+
+void ShareStorage(const std::string& folder, HostSystem::CLockFile& lock) {
+  details::Expect("storage folder " + folder, lock.Share(details::StorageLock(folder)));
 }
 
 bool IsStorageInUse(const std::string& folder) {

@@ -14,6 +14,8 @@ void LockDatabase(const std::string& file, HostSystem::CLockFile& lock);
 // is the data folder, which is locked already.
 void ExpectStorageFree(const std::string& folder);
 void LockStorage(const std::string& folder, HostSystem::CLockFile& lock);
+// Keeps away those that want the folder alone.
+void ShareStorage(const std::string& folder, HostSystem::CLockFile& lock);
 
 // Says whether a tansyd with this or another data folder is using the storage folder.
 bool IsStorageInUse(const std::string& folder);

@@ -32,6 +32,7 @@ enum class EContent {
 
 enum class EStoreUse {
   kServe,   // the place is made when it is missing, and what earlier runs left unfinished is taken over
+  kShare,   // the same beside other processes that do so too; what is unfinished is noted in the data folder
   kRepair,  // as kLook, but stored bytes can be removed
   kLook,    // nothing is changed, and nothing counts as new; another process may be using the store
 };

@@ -62,6 +62,7 @@ RadosLibrary Load() {
   Find(library, "nobjects_list_next", rados.nobjects_list_next);
   Find(library, "nobjects_list_close", rados.nobjects_list_close);
   Find(library, "lock_exclusive", rados.lock_exclusive);
+  Find(library, "lock_shared", rados.lock_shared);
   Find(library, "unlock", rados.unlock);
   Find(library, "break_lock", rados.break_lock);
   Find(library, "list_lockers", rados.list_lockers);

@@ -57,6 +57,8 @@ struct RadosLibrary {
   // `duration` points to a timeval.
   int (*lock_exclusive)(void* context, const char* object, const char* lock, const char* cookie,
                         const char* description, void* duration, std::uint8_t flags) = nullptr;
+  int (*lock_shared)(void* context, const char* object, const char* lock, const char* cookie, const char* tag,
+                     const char* description, void* duration, std::uint8_t flags) = nullptr;
   int (*unlock)(void* context, const char* object, const char* lock, const char* cookie) = nullptr;
   int (*break_lock)(void* context, const char* object, const char* lock, const char* client,
                     const char* cookie) = nullptr;

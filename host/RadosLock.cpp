@@ -41,19 +41,24 @@ int CRadosLock::Look(std::string& holder) const {
   return 0;
 }
 
-int CRadosLock::Take(std::string& holder) {
-  int error = Look(holder);
+int CRadosLock::Take(CRadosPool::ELock kind, std::string& holder) {
+  kind_ = kind;
+  // Whoever shares the lock finds out below whether somebody has it alone.
+  int error = kind == CRadosPool::ELock::kAlone ? Look(holder) : 0;
   std::vector<CRadosPool::Holder> mine;  // of an earlier run, which is over
   if (error == 0) {
     error = pool_->GetHolders(details::kLockObject, mine);
   }
   for (const CRadosPool::Holder& earlier : mine) {
-    if (error == 0) {
+    if (error == 0 && earlier.cookie == owner_) {
       error = pool_->BreakLock(details::kLockObject, earlier);
     }
   }
   if (error == 0) {
-    error = pool_->Lock(details::kLockObject, owner_, details::kSeconds);
+    error = pool_->Lock(details::kLockObject, kind_, owner_, details::kSeconds);
+  }
+  if (error == EBUSY) {
+    Look(holder);
   }
   is_taken_ = error == 0;
   if (is_taken_) {
@@ -63,7 +68,7 @@ int CRadosLock::Take(std::string& holder) {
 }
 
 void CRadosLock::OnTimer() {
-  const int error = pool_->Lock(details::kLockObject, owner_, details::kSeconds);
+  const int error = pool_->Lock(details::kLockObject, kind_, owner_, details::kSeconds);
   if (error == EBUSY && !pool_->IsReadOnly()) {
     pool_->SetReadOnly();
     HOST_LOG(logging::kError, "[%s]another tansyd has taken %s: nothing is written there any more.[%s(%d)]",

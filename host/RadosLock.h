@@ -21,7 +21,7 @@ class CRadosLock final : public TansyBase::CSingleBaseThread {
 
   // Returns 0, EBUSY when somebody else has the lock, or another errno value. `holder` then names who has it.
   int Look(std::string& holder) const;
-  int Take(std::string& holder);
+  int Take(CRadosPool::ELock kind, std::string& holder);
 
  protected:
   void OnTimer() override;
@@ -29,6 +29,7 @@ class CRadosLock final : public TansyBase::CSingleBaseThread {
  private:
   const std::shared_ptr<CRadosPool> pool_;
   const std::string owner_;
+  CRadosPool::ELock kind_ = CRadosPool::ELock::kAlone;
   bool is_taken_ = false;
 };
 

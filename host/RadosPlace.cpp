@@ -51,7 +51,13 @@ void CRadosPlace::ExpectFree() {
 
 void CRadosPlace::Lock() {
   std::string holder;
-  const int error = lock_.Take(holder);
+  const int error = lock_.Take(CRadosPool::ELock::kAlone, holder);
+  Expect(error, holder);
+}
+
+void CRadosPlace::Share() {
+  std::string holder;
+  const int error = lock_.Take(CRadosPool::ELock::kShared, holder);
   Expect(error, holder);
 }
 

@@ -26,6 +26,7 @@ class CRadosPlace final : public IStoragePlace {
   int RemoveId() override;
   void ExpectFree() override;
   void Lock() override;
+  void Share() override;
   bool IsInUse() override;
   std::unique_ptr<IObjectStore> Open(bool full_durability, EStoreUse use) override;
 

@@ -172,10 +172,13 @@ int CRadosPool::List(const std::function<bool(std::string_view object)>& visitor
   return result == -ENOENT ? 0 : details::ToErrno(result);
 }
 
-int CRadosPool::Lock(const std::string& object, const std::string& cookie, int seconds) {
+int CRadosPool::Lock(const std::string& object, ELock kind, const std::string& cookie, int seconds) {
   details::TimeSpan duration = {seconds, 0};
-  return details::ToErrno(
-      rados_.lock_exclusive(context_, object.c_str(), "tansyd", cookie.c_str(), "", &duration, details::kMayRenew));
+  const int result = kind == ELock::kAlone ? rados_.lock_exclusive(context_, object.c_str(), "tansyd", cookie.c_str(),
+                                                                   "", &duration, details::kMayRenew)
+                                           : rados_.lock_shared(context_, object.c_str(), "tansyd", cookie.c_str(),
+                                                                "nodes", "", &duration, details::kMayRenew);
+  return details::ToErrno(result);
 }
 
 void CRadosPool::Unlock(const std::string& object, const std::string& cookie) {

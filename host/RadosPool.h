@@ -71,8 +71,10 @@ class CRadosPool {
   // Shows the names of all objects, in no order, until the visitor returns false.
   int List(const std::function<bool(std::string_view object)>& visitor);
 
-  // Takes a lock on an object for so many seconds, or holds it for so many more. EBUSY: another connection has it.
-  int Lock(const std::string& object, const std::string& cookie, int seconds);
+  // Takes a lock on an object for so many seconds, or holds it for so many more. EBUSY: another connection
+  // has it, or one that does not share it.
+  enum class ELock { kAlone, kShared };
+  int Lock(const std::string& object, ELock kind, const std::string& cookie, int seconds);
   void Unlock(const std::string& object, const std::string& cookie);
   struct Holder {
     std::string client;

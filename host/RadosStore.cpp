@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "HostLog.h"
+#include "NotesFolder.h"
 #include "RadosWalk.h"
 #include "StartFailure.h"
 #include "StoreResult.h"
@@ -351,12 +352,7 @@ void CRadosStore::Tidy(const std::function<bool()>& /*is_stopping*/) {
 }
 
 bool CRadosStore::LookAgain(std::vector<StoredName>& new_names) {
-  int error = 0;
-  const std::unique_ptr<HostSystem::IFolder> notes = HostSystem::OpenFolder(kRadosNotesFolder, error);
-  if (notes == nullptr) {
-    return error == ENOENT;
-  }
-  return CNewBytesLog::Read(*notes, new_names) == 0;
+  return ReadNotesFolder(new_names);
 }
 
 EStoreResult CRadosStore::Failed(const char* what, const StoredName& name, int error) const {
@@ -370,22 +366,12 @@ std::vector<VolumeRow> RadosStoreVolumes() {
 }
 
 std::unique_ptr<IObjectStore> OpenRadosStore(std::shared_ptr<CRadosPool> pool, EStoreUse use) {
-  if (use != EStoreUse::kServe) {
+  if (use != EStoreUse::kServe && use != EStoreUse::kShare) {
     return std::make_unique<CRadosStore>(std::move(pool), nullptr);
   }
-  int error = HostSystem::MakeFolders(kRadosNotesFolder);
-  std::unique_ptr<HostSystem::IFolder> notes;
-  if (error == 0) {
-    notes = HostSystem::OpenFolder(kRadosNotesFolder, error);
-  }
-  std::unique_ptr<CRadosStore> store;
-  if (error == 0) {
-    store = std::make_unique<CRadosStore>(std::move(pool), std::move(notes));
-    error = store->Load();
-  }
-  if (error != 0) {
-    throw CStartFailure(
-        kExitFailed, std::string("folder ") + kRadosNotesFolder + " cannot be used: " + HostSystem::ErrorText(error));
+  auto store = std::make_unique<CRadosStore>(std::move(pool), OpenNotesFolder());
+  if (const int error = store->Load()) {
+    throw CStartFailure(kExitFailed, "the notes of new bytes cannot be read: " + HostSystem::ErrorText(error));
   }
   return store;
 }

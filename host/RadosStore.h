@@ -18,9 +18,6 @@
 
 namespace Tansy::Host {
 
-// The folder, below the data folder, of the names of bytes in a pool that no row is known to name yet.
-inline constexpr const char* kRadosNotesFolder = "new-bytes";
-
 // Stored bytes in a pool of a Ceph cluster, in chunks (RadosChunks.h), in the volumes "rd01" (objects) and "rp01"
 // (pictures), and whatever was moved here from a folder, under the names that it had there.
 //

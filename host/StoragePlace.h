@@ -37,6 +37,8 @@ class IStoragePlace {
   // Fails when another tansyd uses the place. Lock also keeps others away for as long as this object lives.
   virtual void ExpectFree() = 0;
   virtual void Lock() = 0;
+  // The same, but beside others that share it.
+  virtual void Share() = 0;
   // Says whether a tansyd uses the place, this or another.
   virtual bool IsInUse() = 0;
 

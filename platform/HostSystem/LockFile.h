@@ -18,12 +18,16 @@ class CLockFile {
   // Makes the file when it is missing, takes its lock without waiting and writes this process's id into it. Returns 0,
   // EBUSY when another process holds the lock, or another errno value.
   int Take(const std::string& path);
+  // The same, but beside others that share the lock; one that was taken alone is not shared.
+  int Share(const std::string& path);
   bool IsTaken() const { return handle_ != kNone; }
   // Says whether any process holds the lock of this file, without changing anything. The answer is false for a missing
   // file.
   static bool IsTakenByAnybody(const std::string& path);
 
  private:
+  int Acquire(const std::string& path, bool is_shared);
+
   static constexpr std::intptr_t kNone = -1;
   std::intptr_t handle_ = kNone;
 };

@@ -14,13 +14,13 @@ namespace HostSystem {
 namespace details {
 namespace {
 
-// Whoever asks IsTakenByAnybody shares the lock for a moment. A lock that is free otherwise is had at one of these
+// Whoever asks IsTakenByAnybody has the lock for a moment. A lock that is free otherwise is had at one of these
 // tries.
 constexpr int kTries = 30;
 constexpr std::chrono::milliseconds kBetweenTries{10};
 
-bool LockForGood(int descriptor) {
-  for (int i = 1; ::flock(descriptor, LOCK_EX | LOCK_NB) != 0; ++i) {
+bool LockForGood(int descriptor, int kind) {
+  for (int i = 1; ::flock(descriptor, kind | LOCK_NB) != 0; ++i) {
     if (errno != EWOULDBLOCK || i == kTries) {
       return false;
     }
@@ -31,7 +31,7 @@ bool LockForGood(int descriptor) {
 
 // Opens and locks the file that has this name now. Returns 0, EBUSY, another errno value, or ESTALE when somebody has
 // taken the file away meanwhile: its lock then keeps nobody out, because others make a new file.
-int TakeOnce(const std::string& path, int& descriptor) {
+int TakeOnce(const std::string& path, int kind, int& descriptor) {
   descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) {
     return errno;
@@ -39,7 +39,7 @@ int TakeOnce(const std::string& path, int& descriptor) {
   int error = 0;
   struct stat locked = {};
   struct stat named = {};
-  if (!LockForGood(descriptor)) {
+  if (!LockForGood(descriptor, kind)) {
     error = errno == EWOULDBLOCK ? EBUSY : errno;
   } else if (::fstat(descriptor, &locked) != 0 || ::lstat(path.c_str(), &named) != 0) {
     error = errno == ENOENT ? ESTALE : errno;
@@ -62,10 +62,19 @@ CLockFile::~CLockFile() {
 }
 
 int CLockFile::Take(const std::string& path) {
+  return Acquire(path, false);
+}
+
+int CLockFile::Share(const std::string& path) {
+  return Acquire(path, true);
+}
+
+int CLockFile::Acquire(const std::string& path, bool is_shared) {
+  const int kind = is_shared ? LOCK_SH : LOCK_EX;
   int descriptor = -1;
-  int error = details::TakeOnce(path, descriptor);
+  int error = details::TakeOnce(path, kind, descriptor);
   for (int i = 1; error == ESTALE && i < details::kTries; ++i) {
-    error = details::TakeOnce(path, descriptor);
+    error = details::TakeOnce(path, kind, descriptor);
   }
   if (error != 0) {
     return error == ESTALE ? EBUSY : error;
@@ -84,7 +93,9 @@ bool CLockFile::IsTakenByAnybody(const std::string& path) {
   if (descriptor < 0) {
     return false;
   }
-  const bool is_taken = ::flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  // A shared lock is seen by trying to have it alone, which somebody else who asks may prevent for a moment.
+  const bool is_taken = (::flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) ||
+                        (!details::LockForGood(descriptor, LOCK_EX) && errno == EWOULDBLOCK);
   ::close(descriptor);
   return is_taken;
 }

@@ -18,10 +18,20 @@ CLockFile::~CLockFile() {
 }
 
 int CLockFile::Take(const std::string& path) {
-  // Others may read the file, but nobody else may open it for writing. This is the lock.
+  return Acquire(path, false);
+}
+
+int CLockFile::Share(const std::string& path) {
+  return Acquire(path, true);
+}
+
+int CLockFile::Acquire(const std::string& path, bool is_shared) {
+  // Others may read the file, but nobody else may open it for writing, except those who let each other. This is the
+  // lock.
   const std::filesystem::path file(std::u8string(path.begin(), path.end()));
+  const DWORD others = FILE_SHARE_READ | (is_shared ? FILE_SHARE_WRITE : 0);
   const HANDLE handle =
-      ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+      ::CreateFileW(file.c_str(), GENERIC_WRITE, others, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
     return LastErrno();
   }
@@ -35,8 +45,8 @@ int CLockFile::Take(const std::string& path) {
 
 bool CLockFile::IsTakenByAnybody(const std::string& path) {
   const std::filesystem::path file(std::u8string(path.begin(), path.end()));
-  const HANDLE handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const HANDLE handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
     return ::GetLastError() == ERROR_SHARING_VIOLATION;
   }

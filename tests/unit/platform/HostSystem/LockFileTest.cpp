@@ -30,6 +30,23 @@ TEST(LockFileTest, ASecondTakerIsToldBusyUntilTheFirstIsGone) {
   EXPECT_EQ(second.Take(temp.Path("lock")), 0);
 }
 
+TEST(LockFileTest, SharersLetEachOtherInAndKeepOutWhoWantsItAlone) {
+  const Tansy::Tests::CTempFolder temp;
+  auto first = std::make_unique<CLockFile>();
+  EXPECT_EQ(first->Share(temp.Path("lock")), 0);
+  EXPECT_TRUE(CLockFile::IsTakenByAnybody(temp.Path("lock")));
+  auto second = std::make_unique<CLockFile>();
+  EXPECT_EQ(second->Share(temp.Path("lock")), 0);
+  CLockFile alone;
+  EXPECT_EQ(alone.Take(temp.Path("lock")), EBUSY);
+  first.reset();
+  EXPECT_EQ(alone.Take(temp.Path("lock")), EBUSY);
+  second.reset();
+  EXPECT_FALSE(CLockFile::IsTakenByAnybody(temp.Path("lock")));
+  EXPECT_EQ(alone.Take(temp.Path("lock")), 0);
+  EXPECT_EQ(CLockFile().Share(temp.Path("lock")), EBUSY);
+}
+
 TEST(LockFileTest, TheLockOfAKilledProcessIsFree) {
   const Tansy::Tests::CTempFolder temp;
   const pid_t child = ::fork();
