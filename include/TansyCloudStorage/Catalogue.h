@@ -41,6 +41,16 @@ struct ObjectInfo {
 // InitObjectServer.
 TANSY_CLOUD_STORAGE_API bool IsCatalogueLoaded();
 
+// Says that several processes share the catalogue, and what this one is called among them; "" ends that. The database
+// must be PostgreSQL with the tables and functions of tansyd's schema, and each transaction must begin as
+// db_layer/SharedDatabase.h says. It is called before InitObjectServer, and again with "" when no request is left and
+// the database is about to be closed. Returns false when memory runs out.
+//
+// Then a change is seen by every later request to this process at once, by a request to another process that asks for
+// something that it does not know yet, and by every request to another process that comes 0.8 s later. Requests for
+// which that cannot be kept, because the database does not answer, get status 503.
+TANSY_CLOUD_STORAGE_API bool ShareCatalogue(const std::string& node);
+
 // Adds a bucket and sets its `id` and `acl`. Returns false at once unless `flag` is 1.
 TANSY_CLOUD_STORAGE_API bool AddBucket(BucketInfo& bucket);
 // Appends every bucket in name order to `buckets`, which is not cleared first.

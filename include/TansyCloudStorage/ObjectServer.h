@@ -48,7 +48,7 @@ TANSY_CLOUD_STORAGE_API bool GetInternalURLByObjectUrl(std::string& internal_url
 // Checks a download request that the host received itself, as the server would: `url` is the path as it was sent,
 // `query` what followed its "?". None of the four arguments is changed. When the result is 0, `internal_url` holds the
 // location text with its "pool_name:" prefix. Otherwise the result is the error code of the object protocol (-1 to
-// -20), and `internal_url` stays as it was.
+// -22), and `internal_url` stays as it was.
 TANSY_CLOUD_STORAGE_API int CheckObjectRequestValid(std::string& internal_url, std::string& url, std::string& method,
                                                     std::string& query, std::map<std::string, std::string>& headers);
 

@@ -38,7 +38,7 @@ declare -A rooms=(
 
 # The servers stay strangers to one another. What the S3 server needs of the object server's folder is the catalogue, the
 # calls of the host's storage, and the threads and streams that carry long bodies; nothing of the object protocol.
-shared_catalogue='(ObjectStorageManager|ObjectServerSession|KeyOrder|ObjectServerStorage|ReadLease|ObjectServerBigSend|BigFileStreamMgr|StreamPieceQueue|PartUploads|PieceList)\.h'
+shared_catalogue='(ObjectStorageManager|ObjectServerSession|KeyOrder|ObjectServerStorage|ReadLease|ObjectServerBigSend|BigFileStreamMgr|StreamPieceQueue|PartUploads|PieceList|CatalogueAway)\.h'
 declare -A server_strangers=(
   [src/StorageServer/ObjectServer]="StorageServer/(PicServer|S3Server)/"
   [src/StorageServer/PicServer]="StorageServer/(ObjectServer|S3Server)/"

@@ -5,6 +5,7 @@
 
 #include "ModuleLog.h"
 #include "db_layer/DbLayer.h"
+#include "db_layer/SharedDatabase.h"
 
 namespace Tansy::CloudStorage {
 
@@ -40,7 +41,16 @@ CBaseDBLayerConn& CBaseDBLayerConn::Instance() {
 }
 
 bool CBaseDBLayerConn::RegisterModule(const db_layer::DBParam& param) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    param_ = param;
+  }
   return db_layer::Module_Register(param, details::kDatabaseModule);
+}
+
+std::unique_ptr<db_layer::IDatabaseEar> CBaseDBLayerConn::MakeEar(int timeout_ms) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return db_layer::MakeDatabaseEar(param_, timeout_ms);
 }
 
 std::string CBaseDBLayerConn::LastError() const {

@@ -3,15 +3,16 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Singleton.h"
 #include "TansyBase/Noncopyable.h"
+#include "db_layer/Connect.h"
 
 namespace db_layer {
-class CConnect;
-struct DBParam;
+class IDatabaseEar;
 }  // namespace db_layer
 
 namespace Tansy::CloudStorage {
@@ -29,6 +30,9 @@ class CBaseDBLayerConn : private TansyBase::CNoncopyable {
   // Hands changed parameters to the pool.
   bool ResetParam(const db_layer::DBParam& param);
 
+  // Gives an ear to the database that was named last; null when it is of a kind that has none.
+  std::unique_ptr<db_layer::IDatabaseEar> MakeEar(int timeout_ms) const;
+
   // Gives a pooled connection, which returns to the pool when the last copy of the pointer is gone. The pointer is
   // empty on failure.
   std::shared_ptr<db_layer::CConnect> ApplyConn();
@@ -45,6 +49,9 @@ class CBaseDBLayerConn : private TansyBase::CNoncopyable {
   friend class CSingleton<CBaseDBLayerConn>;
   CBaseDBLayerConn() = default;
   ~CBaseDBLayerConn() = default;
+
+  mutable std::mutex mutex_;
+  db_layer::DBParam param_;  // guarded by mutex_
 };
 
 }  // namespace Tansy::CloudStorage

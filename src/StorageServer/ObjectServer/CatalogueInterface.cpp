@@ -17,6 +17,13 @@ constexpr std::uint32_t kAddBucketFlag = 1;
 }  // namespace
 }  // namespace details
 
+bool ShareCatalogue(const std::string& node) {
+  return AtBoundary("ShareCatalogue", false, [&] {
+    CObjectStorageManager::Instance().Share(node);
+    return true;
+  });
+}
+
 bool AddBucket(BucketInfo& bucket) {
   return AtBoundary("AddBucket", false, [&] {
     return bucket.flag == details::kAddBucketFlag && CObjectStorageManager::Instance().AddBucket(bucket);

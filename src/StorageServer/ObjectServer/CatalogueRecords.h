@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -17,6 +18,25 @@ struct ObjectExtras {
   std::string ended_task;
   // A text that belongs to the object's bytes. An object without any has no row of them; those that belonged to bytes
   // before go with their object's url, which the schema sees to.
+  std::string attributes;
+  // The bytes that an object of this name must have when this is committed, by their url; empty: there must be none.
+  // For a catalogue that others change too.
+  std::optional<std::string> expected_url = std::nullopt;
+};
+
+// Where somebody stands in the log of changes that several processes share. The mark tells an entry from another one
+// that had its number before it was lost.
+struct ChangePosition {
+  std::int64_t seq = 0;
+  std::string mark;
+};
+
+// An entry of that log, with what has become of it.
+struct CatalogueChange {
+  ChangePosition position;
+  bool is_object = false;  // else buckets have changed
+  bool is_there = false;   // the object exists
+  ObjectInfo object;
   std::string attributes;
 };
 

@@ -130,6 +130,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   Next TakeFirstPiece(std::int32_t handle, HttpServerRecv& msg);
   static void StorePiece(std::int32_t handle, HttpServerRecv& msg);
   static void DropBody(HttpServerRecv& msg);
+  int HandleRequest(std::int32_t handle, const HttpServerRecv& msg);
   static const Route* FindRoute(const ObjectRequest& request);
   int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const char* data, std::size_t size);
   int SendObjectMsgRsp(std::int32_t session_id, const HttpResponse& response, const std::string& body);
@@ -140,6 +141,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   // code to answer; failures are logged for `request.caller`.
   static int Open(ObjectRequest& request, const Opening& opening);
   static int Open(ObjectRequest& request, const Route& route);
+  static int Check(ObjectRequest& request, const Opening& opening);
   // Makes the checks of a download.
   // Fixed: docs/compatibility.md, "The order of checks".
   static int OpenToRead(ObjectRequest& request);

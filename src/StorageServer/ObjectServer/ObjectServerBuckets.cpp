@@ -147,7 +147,9 @@ int CObjectServer::HandleCreateBucket(std::int32_t session_id, const ObjectReque
   bucket.guid = TansyBase::GuidUtil::CreateGuid();
   if (!manager.AddBucket(bucket)) {
     CLOUD_LOG(logging::kError, "[%s]add bucket failed.[%s(%d)]");
-    return AnswerError(session_id, kServerInternalError);
+    // Another node may have made it meanwhile.
+    const bool is_there = manager.IsShared() && manager.IsBucketExist(bucket.name);
+    return AnswerError(session_id, is_there ? kBucketAlreadyExists : kServerInternalError);
   }
   return AnswerXml(session_id, {});
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/CatalogueAway.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectServerTasks.h"
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
@@ -280,6 +281,15 @@ void CObjectServer::DropBody(HttpServerRecv& msg) {
 }
 
 int CObjectServer::HandleObjectMsg(std::int32_t handle, const HttpServerRecv& msg) {
+  try {
+    return HandleRequest(handle, msg);
+  } catch (const CCatalogueAway&) {
+    details::CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));
+    return AnswerError(handle, kServiceUnavailable);
+  }
+}
+
+int CObjectServer::HandleRequest(std::int32_t handle, const HttpServerRecv& msg) {
   const ConfigPointer config = conf_.Load();
   ObjectRequest request(msg, *config);
   request.opened_before = msg.error_code != TansyNet::kWholeRequest;
@@ -318,6 +328,16 @@ int CObjectServer::OpenToRead(ObjectRequest& request) {
 }
 
 int CObjectServer::Open(ObjectRequest& request, const Opening& opening) {
+  try {
+    CObjectStorageManager::Instance().ExpectFresh();
+    return Check(request, opening);
+  } catch (const CCatalogueAway& error) {
+    CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]%s, url[%s].[%s(%d)]", error.what(), request.msg.url.c_str());
+    return kServiceUnavailable;
+  }
+}
+
+int CObjectServer::Check(ObjectRequest& request, const Opening& opening) {
   auto& catalogue = CObjectStorageManager::Instance();
   if (opening.bucket != details::BucketCheck::kNone && !catalogue.IsBucketExist(request.bucket)) {
     details::LogNoBucket(opening.bucket, request.bucket, request.caller);

@@ -39,6 +39,8 @@ constexpr std::array kErrorTable = {
     ErrorRow{kInvalidHttpContent, 400, "InvalidHttpContent", "InvalidHttpContent"},
     ErrorRow{kUrlNotSupport, 400, "URLNotSupport", "URLNotSupport"},
     ErrorRow{kNotEnoughSpace, 500, "NotEnoughSpace", "NotEnoughSpace"},
+    ErrorRow{kServiceUnavailable, 503, "ServiceUnavailable", "the database cannot be asked"},
+    ErrorRow{kUploadElsewhere, 421, "UploadElsewhere", "another node holds this upload"},
 };
 
 ErrorRow FindError(int code) {

@@ -29,6 +29,8 @@ enum ObjectError : int {
   kInvalidHttpContent = -18,
   kUrlNotSupport = -19,
   kNotEnoughSpace = -20,
+  kServiceUnavailable = -21,
+  kUploadElsewhere = -22,
 };
 
 // The content type of every answer except downloads.

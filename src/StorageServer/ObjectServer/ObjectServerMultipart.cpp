@@ -431,6 +431,23 @@ int CCompletion::WriteFirstPart(const StorageServerConfig& config) {
   return 0;
 }
 
+// Says whether another node holds the upload of a request: the parts that have arrived are known there only.
+bool IsElsewhere(const ObjectRequest& request) {
+  auto& manager = CObjectStorageManager::Instance();
+  if (!manager.IsShared()) {
+    return false;
+  }
+  Query query;
+  ParseHttpUrlQuery(query, request.query);
+  const std::string upload_id = UploadIdOf(query);
+  const std::string node = manager.HasTask(upload_id) ? std::string() : manager.FindOtherNodeOf(upload_id);
+  if (!node.empty()) {
+    CLOUD_LOG_FOR(request.caller, logging::kError, "[%s]task[%s] is held by node[%s].[%s(%d)]", upload_id.c_str(),
+                  node.c_str());
+  }
+  return !node.empty();
+}
+
 bool BuildPartsRsp(std::string& text, const std::string& upload_id, const TaskPartSet& parts) {
   CXmlProto xml;
   xml.SetString("/ListPartsResult/Bucket", parts.begin()->bucket_name);
@@ -483,6 +500,9 @@ int CObjectServer::HandleUploadPartObject(std::int32_t session_id, const ObjectR
   if (const int error = part.ReadQuery(request.query); error != 0) {
     return AnswerError(session_id, error);
   }
+  if (details::IsElsewhere(request)) {
+    return AnswerError(session_id, kUploadElsewhere);
+  }
   const int error = part.Store(request.config);
   return error == 0 ? AnswerXml(session_id, {}) : AnswerError(session_id, error);
 }
@@ -494,6 +514,9 @@ int CObjectServer::HandleGetAllObjectTask(std::int32_t session_id, const ObjectR
   if (upload_id.empty()) {
     CLOUD_LOG(logging::kError, "[%s]query invalid[%s].[%s(%d)]", request.msg.query.c_str());
     return AnswerError(session_id, kInvalidHttpContent);
+  }
+  if (details::IsElsewhere(request)) {
+    return AnswerError(session_id, kUploadElsewhere);
   }
   TaskPartSet parts;
   if (!CObjectStorageManager::Instance().GetAllTask(upload_id, parts)) {
@@ -511,6 +534,9 @@ int CObjectServer::HandleFinishMutiUploadTask(std::int32_t session_id, const Obj
   details::CCompletion completion(request.bucket, request.key, request.caller);
   if (const int error = completion.ReadQuery(request.query); error != 0) {
     return AnswerError(session_id, error);
+  }
+  if (details::IsElsewhere(request)) {
+    return AnswerError(session_id, kUploadElsewhere);
   }
   if (const int error = completion.Complete(request.Body(), request.config); error != 0) {
     return AnswerError(session_id, error);

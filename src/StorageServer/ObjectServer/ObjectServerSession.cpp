@@ -1,5 +1,6 @@
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 
+#include <cstdlib>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "TansyBase/StringUtil.h"
 #include "TansyBase/TimeUtil.h"
 #include "db_layer/DbLayer.h"
+#include "db_layer/SharedDatabase.h"
 #include "sqlbuilder/SqlBuilder.h"
 
 namespace Tansy::CloudStorage {
@@ -85,6 +87,12 @@ std::vector<std::string> WithExtras(std::string sql, const ObjectInfo& object, c
     const std::string owner = Protect(std::string(PieceOwnerOf(object.url)));
     statements = BeforePieces(owner, object.url);
     after = AfterPieces(owner, object);
+  }
+  if (extras.expected_url) {
+    const std::string& url = *extras.expected_url;
+    statements.push_back(StringUtil::str_fmt("SELECT platform.expect_object('%s', '%s', '%s')",
+                                             Protect(object.bucket_name).c_str(), Protect(object.name).c_str(),
+                                             Protect(IsPieceList(url) ? std::string(PieceOwnerOf(url)) : url).c_str()));
   }
   statements.push_back(std::move(sql));
   statements.insert(statements.end(), std::make_move_iterator(after.begin()), std::make_move_iterator(after.end()));
@@ -164,6 +172,31 @@ void ReadObject(ObjectInfo& object, const db_layer::IRow& row) {
     object.url.append("=").append(row.GetText(7));
   }
   object.size = static_cast<std::uint32_t>(row.GetInt(6));
+}
+
+ChangePosition ReadPosition(const db_layer::IRow& row, std::size_t first) {
+  return {std::strtoll(std::string(row.GetText(first)).c_str(), nullptr, 10), std::string(row.GetText(first + 1))};
+}
+
+// The columns of a change: those of the object, then those of the entry.
+const std::vector<std::string>& ChangeColumns() {
+  static const auto& columns = *[] {
+    auto* all = new std::vector<std::string>(ObjectColumns());
+    all->insert(all->end(), {"seq", "mark", "kind", "changed_bucket", "changed_name", "attributes"});
+    return all;
+  }();
+  return columns;
+}
+
+void ReadChange(CatalogueChange& change, const db_layer::IRow& row) {
+  const std::size_t entry = ObjectColumns().size();
+  ReadObject(change.object, row);
+  change.is_there = !row.GetText(0).empty();
+  change.position = ReadPosition(row, entry);
+  change.is_object = row.GetInt(entry + 2) == 0;
+  change.object.bucket_name = row.GetText(entry + 3);
+  change.object.name = row.GetText(entry + 4);
+  change.attributes = row.GetText(entry + 5);
 }
 
 ObjectTaskInfo ReadTask(db_layer::CConnect& row) {
@@ -322,6 +355,34 @@ bool CObjectServerSession::DeleteObject(std::uint32_t id) {
   return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where id=%d", details::ToInt(id)));
 }
 
+// The schema removes the row that has this name by then, whatever its id.
+bool CObjectServerSession::PutObject(const ObjectInfo& object, const ObjectExtras& extras) {
+  return CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object, extras));
+}
+
+void CObjectServerSession::PutObject(const ObjectInfo& object, const ObjectExtras& extras, Done done) {
+  CBaseDBLayerConn::Instance().Execute(details::WithExtras(details::InsertText(object), object, extras),
+                                       std::move(done));
+}
+
+// The row is touched, so that everybody hears of it.
+bool CObjectServerSession::FillInAttributes(const ObjectInfo& object, const std::string& attributes) {
+  const std::string condition = StringUtil::str_fmt(
+      "bucket_name = '%s' AND name = '%s' AND url = '%s'", details::Protect(object.bucket_name).c_str(),
+      details::Protect(object.name).c_str(), details::Protect(object.url).c_str());
+  return CBaseDBLayerConn::Instance().Execute(
+      {"INSERT INTO platform.local_object_attributes (object_id, attributes) SELECT id, '" +
+           details::Protect(attributes) + "' FROM platform.local_object WHERE " + condition +
+           " ON CONFLICT (object_id) DO NOTHING",
+       "UPDATE platform.local_object SET is_deleted = 0 WHERE " + condition});
+}
+
+bool CObjectServerSession::DeleteObject(const std::string& bucket_name, const std::string& object_name) {
+  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s' and name='%s'",
+                                              details::Protect(bucket_name).c_str(),
+                                              details::Protect(object_name).c_str()));
+}
+
 bool CObjectServerSession::QueryObject(const ObjectVisitor& take, const std::string& bucket_name) {
   ObjectInfo object;
   const auto take_row = [&](const db_layer::IRow& row) {
@@ -332,6 +393,23 @@ bool CObjectServerSession::QueryObject(const ObjectVisitor& take, const std::str
       StringUtil::str_fmt("SELECT * FROM platform.local_object where is_deleted = 0 and bucket_name='%s';",
                           details::DoubleQuotes(bucket_name).c_str());
   SELECT_OR_RETURN(rows, ShowRows(sql, details::ObjectColumns(), take_row))
+  return true;
+}
+
+bool CObjectServerSession::QueryObject(const AttributesVisitor& take, const std::string& bucket_name) {
+  ObjectInfo object;
+  std::vector<std::string> columns = details::ObjectColumns();
+  columns.emplace_back("attributes");
+  const auto take_row = [&](const db_layer::IRow& row) {
+    details::ReadObject(object, row);
+    take(object, row.GetText(columns.size() - 1));
+  };
+  const std::string sql = StringUtil::str_fmt(
+      "SELECT o.*, a.attributes AS attributes FROM platform.local_object o LEFT JOIN platform.local_object_attributes "
+      "a "
+      "ON a.object_id = o.id WHERE o.is_deleted = 0 AND o.bucket_name = '%s'",
+      details::DoubleQuotes(bucket_name).c_str());
+  SELECT_OR_RETURN(rows, ShowRows(sql, columns, take_row))
   return true;
 }
 
@@ -355,11 +433,20 @@ bool CObjectServerSession::QueryAttributes(const AttributesVisitor& take) {
   return true;
 }
 
-bool CObjectServerSession::GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks) {
-  SELECT_OR_RETURN(rows, Query("SELECT * FROM platform.local_object_task where is_deleted = 0"))
+bool CObjectServerSession::GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks, const std::string& node) {
+  const std::string own = node.empty() ? "" : " and node = '" + details::DoubleQuotes(node) + "'";
+  SELECT_OR_RETURN(rows, Query("SELECT * FROM platform.local_object_task where is_deleted = 0" + own))
   for (; !rows->IsEnd(); rows->MoveNext()) {
     tasks.push_back(details::ReadTask(*rows));
   }
+  return true;
+}
+
+bool CObjectServerSession::GetTaskNode(std::string& node, const std::string& task_id) {
+  SELECT_OR_RETURN(rows,
+                   Query(StringUtil::str_fmt("SELECT node FROM platform.local_object_task where task_id = '%s' limit 1",
+                                             details::DoubleQuotes(task_id).c_str())))
+  node = rows->GetString("node");
   return true;
 }
 
@@ -396,6 +483,42 @@ bool CObjectServerSession::GetUrlByEncryptUrl(std::string& url, const std::strin
                                                    details::DoubleQuotes(encrypt_url).c_str())))
   for (; !rows->IsEnd(); rows->MoveNext()) {
     url = rows->GetString("url");
+  }
+  return true;
+}
+
+bool CObjectServerSession::GetLastChange(db_layer::IDatabaseEar& ear, ChangePosition& position) {
+  const auto take = [&position](const db_layer::IRow& row) { position = details::ReadPosition(row, 0); };
+  std::string error;
+  if (!ear.Ask("SELECT seq, mark FROM platform.catalogue_changes ORDER BY seq DESC LIMIT 1", {"seq", "mark"}, take,
+               error)) {
+    CLOUD_LOG(logging::kError, "[%s]GetLastChange failed, errorinfo:%s[%s(%d)]", error.c_str());
+    return false;
+  }
+  return true;
+}
+
+// One statement shows the log and the rows, so that nothing changes in between. The limit of the inner query keeps it
+// one look into an index per entry, whatever the planner knows about the tables.
+bool CObjectServerSession::QueryChanges(db_layer::IDatabaseEar& ear, const ChangePosition& from, int limit,
+                                        const ChangeVisitor& take) {
+  const std::string sql =
+      "SELECT o.*, c.seq AS seq, c.mark AS mark, c.kind AS kind, c.bucket_name AS changed_bucket, "
+      "c.name AS changed_name FROM platform.catalogue_changes c LEFT JOIN LATERAL "
+      "(SELECT l.*, a.attributes FROM platform.local_object l "
+      "LEFT JOIN platform.local_object_attributes a ON a.object_id = l.id "
+      "WHERE l.bucket_name = c.bucket_name AND l.name = c.name AND l.is_deleted = 0 LIMIT 1) o ON c.kind = 0 "
+      "WHERE c.seq >= " +
+      std::to_string(from.seq) + " ORDER BY c.seq LIMIT " + std::to_string(limit + 1);
+  CatalogueChange change;
+  const auto take_row = [&](const db_layer::IRow& row) {
+    details::ReadChange(change, row);
+    take(change);
+  };
+  std::string error;
+  if (!ear.Ask(sql, details::ChangeColumns(), take_row, error)) {
+    CLOUD_LOG(logging::kError, "[%s]QueryChanges failed, errorinfo:%s[%s(%d)]", error.c_str());
+    return false;
   }
   return true;
 }

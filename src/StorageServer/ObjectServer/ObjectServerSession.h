@@ -12,6 +12,10 @@
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/CatalogueRecords.h"
 
+namespace db_layer {
+class IDatabaseEar;
+}
+
 namespace Tansy::CloudStorage {
 
 // Holds every SQL statement of the module, and turns rows into records.
@@ -58,12 +62,24 @@ class CObjectServerSession {
   static bool QueryAttributes(const AttributesVisitor& take);
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
+  // These are for a catalogue that others change too, of which memory may know less than the database. They change what
+  // the object of that name is by then.
+  static bool PutObject(const ObjectInfo& object, const ObjectExtras& extras = {});
+  static void PutObject(const ObjectInfo& object, const ObjectExtras& extras, Done done);
+  // Unless it has attributes, or its bytes are no longer those at `object.url`.
+  static bool FillInAttributes(const ObjectInfo& object, const std::string& attributes);
+  static bool DeleteObject(const std::string& bucket_name, const std::string& object_name);
   // Shows the objects of a bucket one by one; the record lasts for that call. Returns false also when `take` runs out
   // of memory. After false, some objects may have been shown and others not.
   using ObjectVisitor = std::function<void(const ObjectInfo& object)>;
   static bool QueryObject(const ObjectVisitor& take, const std::string& bucket_name);
+  // The same with their attributes.
+  static bool QueryObject(const AttributesVisitor& take, const std::string& bucket_name);
 
-  static bool GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks);
+  // With a node's name, only the tasks that this node holds.
+  static bool GetAllObjectTask(std::vector<ObjectTaskInfo>& tasks, const std::string& node = {});
+  // Gives the name of the node that holds a task; it is empty when there is no such task.
+  static bool GetTaskNode(std::string& node, const std::string& task_id);
   static bool InsertObjectTask(ObjectTaskInfo& task);
   static bool UpdateObjectTask(const ObjectTaskInfo& task);
   static bool DeleteObjectTask(const std::string& task_id);
@@ -71,6 +87,14 @@ class CObjectServerSession {
   // Gives the path prefix behind a four-character key. When the key is unknown, it returns true and leaves `url` as it
   // was.
   static bool GetUrlByEncryptUrl(std::string& url, const std::string& encrypt_url);
+
+  // Gives the newest entry of the log of changes.
+  static bool GetLastChange(db_layer::IDatabaseEar& ear, ChangePosition& position);
+  // Shows the entry at a position and at most `limit` entries after it, in their order, each with the object as it is
+  // now; all are as of one instant.
+  using ChangeVisitor = std::function<void(const CatalogueChange& change)>;
+  static bool QueryChanges(db_layer::IDatabaseEar& ear, const ChangePosition& from, int limit,
+                           const ChangeVisitor& take);
 
  private:
   static bool TakeObjectId(ObjectInfo& object, const details::Caller& caller);

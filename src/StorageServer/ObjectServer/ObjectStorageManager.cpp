@@ -17,6 +17,10 @@ CObjectStorageManager& CObjectStorageManager::Instance() {
 
 bool CObjectStorageManager::Init() {
   loaded_ = false;
+  if (shared_) {
+    loaded_ = StartFollowing();
+    return loaded_;
+  }
   if (!LoadBuckets()) {
     CLOUD_LOG(logging::kError, "[%s]Init failed, query bucket failed.[%s(%d)]");
     return false;
@@ -78,7 +82,7 @@ bool CObjectStorageManager::LoadObjects() {
 
 bool CObjectStorageManager::LoadTasks() {
   std::vector<ObjectTaskInfo> rows;
-  if (!CObjectServerSession::GetAllObjectTask(rows)) {
+  if (!CObjectServerSession::GetAllObjectTask(rows, node_)) {
     return false;
   }
   const std::lock_guard<std::mutex> lock(task_mutex_);

@@ -40,6 +40,11 @@ namespace Tansy::CloudStorage {
 // A bucket that was given another name keeps its old one here until the next start: requests, objects in memory and
 // this class's arguments use the old name. The database knows the bucket by the new name from then on.
 //
+// Several processes may share the catalogue (Share). Then memory follows the database: what is committed here or
+// elsewhere comes into memory by way of the log of changes only, in the order of the commits. A change that was made
+// here has come when its method returns. What is missing in memory is looked for once more after memory has caught up;
+// methods that look something up throw CCatalogueAway when that is not possible.
+//
 // Threads: any. Errors: every failure writes a log line and returns false or a non-zero result.
 class CObjectStorageManager : private TansyBase::CNoncopyable {
  public:
@@ -49,6 +54,16 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool Init();
   // Says whether the last Init loaded everything.
   bool IsLoaded() const { return loaded_; }
+
+  // Makes this process one of several nodes that share the catalogue, under this name; an empty one ends that. To be
+  // called before Init, and at the end before the database is closed; no request may be under way.
+  void Share(const std::string& node);
+  bool IsShared() const { return shared_ != nullptr; }
+  // Brings memory up to what was committed before by whomever. Returns false when this process alone changes the
+  // catalogue. Throws CCatalogueAway.
+  bool CatchUp();
+  // Throws CCatalogueAway when memory is older than clients were promised and cannot catch up.
+  void ExpectFresh();
 
   bool IsBucketExist(const std::string& name);
   bool AddBucket(BucketInfo& bucket);
@@ -127,6 +142,9 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // there is no such part, 3 when the part has another size.
   int CheckTaskInfoExist(const ObjectTaskInfo& task);
   bool RemoveObjectTask(const std::string& task_id);
+  bool HasTask(const std::string& task_id) { return IsTaskThere(task_id); }
+  // Says which other node holds a task; the name is empty when none does.
+  std::string FindOtherNodeOf(const std::string& task_id);
   // Maps each task id to the update time of the task's lowest-numbered part.
   bool GetTaskUpdateTime(std::map<std::string, std::string>& times);
   // Says how many seconds ago the lowest-numbered part of a task was written. A clock that nobody sets measures this; a
@@ -150,8 +168,19 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
 
  private:
   friend class CSingleton<CObjectStorageManager>;
-  CObjectStorageManager() = default;
-  ~CObjectStorageManager() = default;
+  CObjectStorageManager();
+  ~CObjectStorageManager();
+
+  // What a catalogue that several processes share needs on top.
+  struct Shared;
+  bool StartFollowing();
+  bool FollowRound();
+  bool LoadAnew();
+  bool TakeIn(const CatalogueChange& change);
+  void TakeInObject(const CatalogueChange& change);
+  bool TakeInBuckets();
+  void WaitUntilVisible();
+  void WhenVisible(std::function<void()> then);
 
   bool LoadBuckets();
   static bool LoadTable(CObjectTable& objects, const std::string& bucket_name);
@@ -161,6 +190,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   void RecoverPartSizes();
   void DropPartSizesOfEndedTasks();
   [[nodiscard]] std::unique_lock<std::mutex> LockBucketChanges();
+  bool HasBucket(const std::string& name);
   bool IsNameTaken(const std::string& name);
   bool IsNameTakenByAnother(const BucketInfo& bucket);
 
@@ -189,7 +219,9 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   struct Addition;
   bool BeginAdding(Addition& addition, const details::Caller& caller);
   EAdded BeginAdding(Addition& addition, const MayAdd& may_add, const details::Caller& caller);
+  bool CommitNow(Addition& addition);
   void CommitLater(const std::shared_ptr<Addition>& addition, AddedOnTerms done, const details::Caller& caller);
+  EAdded FindWhyRefused(const Addition& addition);
   bool FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept;
   void Publish(const std::string& bucket_name, CPackedObject::Pointer object,
                std::unique_ptr<CObjectTable> first_table = nullptr) noexcept;
@@ -210,6 +242,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   void ForgetObjects(const BucketNames& names) noexcept;
 
   std::atomic<bool> loaded_{false};
+  std::unique_ptr<Shared> shared_;  // null when no other process changes the catalogue
+  std::string node_;                // this process's name among those that do
 
   std::mutex bucket_changes_;  // held while a bucket is added, changed or removed, database included
   KeyLocks object_locks_;

@@ -21,6 +21,10 @@ std::unique_lock<std::mutex> CObjectStorageManager::LockBucketChanges() {
 }
 
 bool CObjectStorageManager::IsBucketExist(const std::string& name) {
+  return HasBucket(name) || (CatchUp() && HasBucket(name));
+}
+
+bool CObjectStorageManager::HasBucket(const std::string& name) {
   const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   return buckets_.contains(name);
 }
@@ -66,6 +70,10 @@ bool CObjectStorageManager::AddBucket(BucketInfo& bucket) {
     CLOUD_LOG(logging::kError, "[%s]Add bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
   }
+  if (shared_) {
+    WaitUntilVisible();
+    return true;
+  }
   const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
   added.begin()->second.info.id = bucket.id;
   added.begin()->second.info.acl = bucket.acl;
@@ -78,6 +86,11 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
   // With all names locked, an object is added either before this and renamed with the rest, or after this under the new
   // name.
   const auto all_objects_lock = object_locks_.LockAll();
+  if (shared_ && bucket.name != RowNameById(bucket.id)) {
+    CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, other nodes know it by its name.[%s(%d)]",
+              bucket.name.c_str());
+    return false;
+  }
   if (IsNameTakenByAnother(bucket)) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, bucket already exist.[%s(%d)]", bucket.name.c_str());
     return false;
@@ -87,6 +100,10 @@ bool CObjectStorageManager::ModifyBucket(const BucketInfo& bucket) {
   if (!CObjectServerSession::ModifyBucket(bucket, RowNameById(bucket.id))) {
     CLOUD_LOG(logging::kError, "[%s]Modify bucket[%s] failed, db operation failed.[%s(%d)]", bucket.name.c_str());
     return false;
+  }
+  if (shared_) {
+    WaitUntilVisible();
+    return true;
   }
   const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
   const auto found = FindBucketById(buckets_, bucket.id);
@@ -140,6 +157,7 @@ bool CObjectStorageManager::RemoveEmptyBucket(const std::string& bucket_name, bo
   const auto change = LockBucketChanges();
   // With all names locked, an upload into the bucket comes before this, and the bucket stays, or it finds no bucket.
   const auto all_objects_lock = object_locks_.LockAll();
+  CatchUp();
   is_empty = IsBucketEmpty(bucket_name);
   BucketInfo bucket;
   if (!is_empty || !GetBucketByName(bucket, bucket_name)) {
@@ -148,6 +166,7 @@ bool CObjectStorageManager::RemoveEmptyBucket(const std::string& bucket_name, bo
   const BucketNames names = FindNames({bucket.id}, CLOUD_LOG_CALLER);
   if (!CObjectServerSession::DeleteBucket(bucket.id, names.in_rows)) {
     CLOUD_LOG(logging::kError, "[%s]remove bucket[%s] failed, db operation failed.[%s(%d)]", bucket_name.c_str());
+    is_empty = !CatchUp() || IsBucketEmpty(bucket_name);  // another node may have stored something meanwhile
     return false;
   }
   ForgetBuckets(names);
@@ -175,6 +194,10 @@ CObjectStorageManager::BucketNames CObjectStorageManager::FindNames(const std::s
 // Called after the rows are removed, and therefore allocates nothing. What is forgotten is freed outside the lock,
 // because there may be millions of objects.
 void CObjectStorageManager::ForgetBuckets(const BucketNames& names) noexcept {
+  if (shared_) {
+    WaitUntilVisible();
+    return;
+  }
   for (const std::string& name : names.in_memory) {
     BucketMap::node_type forgotten;
     const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
@@ -183,6 +206,10 @@ void CObjectStorageManager::ForgetBuckets(const BucketNames& names) noexcept {
 }
 
 void CObjectStorageManager::ForgetObjects(const BucketNames& names) noexcept {
+  if (shared_) {
+    WaitUntilVisible();
+    return;
+  }
   for (const std::string& name : names.in_memory) {
     std::unique_ptr<CObjectTable> forgotten;
     const std::lock_guard<std::shared_mutex> lock(bucket_mutex_);
@@ -193,6 +220,9 @@ void CObjectStorageManager::ForgetObjects(const BucketNames& names) noexcept {
 }
 
 bool CObjectStorageManager::GetBucketByName(BucketInfo& bucket, const std::string& name) {
+  if (!IsBucketExist(name)) {
+    return false;
+  }
   const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   const auto found = buckets_.find(name);
   if (found == buckets_.end()) {
@@ -203,6 +233,7 @@ bool CObjectStorageManager::GetBucketByName(BucketInfo& bucket, const std::strin
 }
 
 bool CObjectStorageManager::GetBucketList(std::map<std::string, BucketInfo>& buckets) {
+  CatchUp();
   const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
   buckets.clear();
   for (const auto& [name, bucket] : buckets_) {

@@ -93,7 +93,9 @@ struct CObjectStorageManager::Addition {
   ObjectInfo object;  // as requests see it
   ObjectInfo row;     // with the name that rows use for the bucket
   ObjectExtras extras;
+  MayAdd may_add;  // asked again when the row was refused; only in a catalogue that is shared
   bool is_new = false;
+  bool replaces = false;  // whatever row has that name by then, in a catalogue that is shared
   CPackedObject::Pointer packed;
   std::unique_ptr<CObjectTable> first_table;
   std::optional<KeyLock> key;
@@ -104,13 +106,13 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& end
   if (!BeginAdding(addition, CLOUD_LOG_CALLER)) {
     return false;
   }
-  const bool committed = addition.is_new ? CObjectServerSession::CreateObject(addition.row, addition.extras)
-                                         : CObjectServerSession::UpdateObject(addition.row, addition.extras);
+  const bool committed = CommitNow(addition);
   if (!FinishAdding(addition, committed, CLOUD_LOG_CALLER)) {
     return false;
   }
   object.id = addition.row.id;
   EndTask(ended_task);
+  WaitUntilVisible();
   return true;
 }
 
@@ -143,13 +145,37 @@ void CObjectStorageManager::CommitLater(const std::shared_ptr<Addition>& additio
       EndTask(addition->extras.ended_task);
     }
     addition->key.reset();
+    if (shared_) {
+      // What a condition was about may have changed meanwhile, and memory says so once it has caught up.
+      WhenVisible([this, addition, done, added] { done(added ? EAdded::kAdded : FindWhyRefused(*addition)); });
+      return;
+    }
     done(added ? EAdded::kAdded : EAdded::kFailed);
   };
   if (addition->is_new) {
     CObjectServerSession::CreateObject(addition->row, addition->extras, std::move(finish));
+  } else if (addition->replaces) {
+    CObjectServerSession::PutObject(addition->row, addition->extras, std::move(finish));
   } else {
     CObjectServerSession::UpdateObject(addition->row, addition->extras, std::move(finish));
   }
+}
+
+bool CObjectStorageManager::CommitNow(Addition& addition) {
+  if (addition.is_new) {
+    return CObjectServerSession::CreateObject(addition.row, addition.extras);
+  }
+  return addition.replaces ? CObjectServerSession::PutObject(addition.row, addition.extras)
+                           : CObjectServerSession::UpdateObject(addition.row, addition.extras);
+}
+
+// Only a condition that no longer holds is a refusal.
+CObjectStorageManager::EAdded CObjectStorageManager::FindWhyRefused(const Addition& addition) {
+  ObjectInfo there;
+  std::string attributes;
+  const bool is_there = FindObject(there, attributes, addition.object.name, addition.object.bucket_name);
+  return addition.may_add && !addition.may_add(is_there ? &there : nullptr, attributes) ? EAdded::kRefused
+                                                                                        : EAdded::kFailed;
 }
 
 CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addition, const MayAdd& may_add,
@@ -157,9 +183,22 @@ CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addit
   if (!BeginAdding(addition, caller)) {
     return EAdded::kFailed;
   }
+  if (!may_add) {
+    return EAdded::kAdded;
+  }
+  CatchUp();
   ObjectInfo there;
   std::string attributes;
   const bool is_there = FindObject(there, attributes, addition.object.name, addition.object.bucket_name);
+  if (shared_) {
+    addition.may_add = may_add;
+    addition.extras.expected_url = there.url;
+  }
+  if (shared_ && is_there && there.url == addition.object.url) {
+    // Bytes that stay keep their row, which has not changed when the statement runs.
+    addition.row.id = there.id;
+    addition.is_new = addition.replaces = false;
+  }
   return may_add(is_there ? &there : nullptr, attributes) ? EAdded::kAdded : EAdded::kRefused;
 }
 
@@ -172,10 +211,13 @@ bool CObjectStorageManager::BeginAdding(Addition& addition, const details::Calle
     return false;
   }
   ObjectInfo stored;
-  addition.is_new = !GetObjectByName(stored, object.name, object.bucket_name);
+  // What others have added meanwhile is replaced by the statement, so memory need not catch up for it.
+  addition.is_new = shared_ ? !FindObject(stored, object.name, object.bucket_name)
+                            : !GetObjectByName(stored, object.name, object.bucket_name);
   if (!addition.is_new) {
     addition.object.id = stored.id;
   }
+  addition.replaces = shared_ && !addition.is_new;
   addition.packed = CPackedObject::Make(object, addition.extras.attributes);
   addition.row = object;
   addition.row.bucket_name = RowName(object.bucket_name);
@@ -188,6 +230,9 @@ bool CObjectStorageManager::BeginAdding(Addition& addition, const details::Calle
 
 bool CObjectStorageManager::FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept {
   const ObjectInfo& object = addition.object;
+  if (committed && shared_) {
+    return true;  // it comes into memory with the other changes
+  }
   if (committed) {
     addition.packed->SetId(addition.row.id);
     Publish(object.bucket_name, std::move(addition.packed), std::move(addition.first_table));
@@ -215,6 +260,9 @@ void CObjectStorageManager::Publish(const std::string& bucket_name, CPackedObjec
 }
 
 bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& ended_task) {
+  if (shared_) {
+    return AddObject(object, ended_task);
+  }
   const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
   {
     const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
@@ -245,7 +293,7 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
               bucket_name.c_str());
     return false;
   }
-  if (!FindObject(object, object_name, bucket_name)) {
+  if (!FindObject(object, object_name, bucket_name) && !(CatchUp() && FindObject(object, object_name, bucket_name))) {
     CLOUD_LOG(logging::kError, "[%s]get Object[%s] failed, object not exist.[%s(%d)]", object_name.c_str());
     return false;
   }
@@ -255,6 +303,7 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
 bool CObjectStorageManager::GetObjectAtRest(ObjectInfo& object, const std::string& object_name,
                                             const std::string& bucket_name) {
   const auto name_lock = object_locks_.Lock(bucket_name, object_name);
+  CatchUp();
   return GetObjectByName(object, object_name, bucket_name);
 }
 
@@ -318,6 +367,13 @@ void CObjectStorageManager::ShowObjectsFrom(const std::string& from, bool with_k
 }
 
 bool CObjectStorageManager::FillInAttributes(const ObjectInfo& object, const std::string& attributes) {
+  if (shared_) {
+    ObjectInfo row = object;
+    row.bucket_name = RowName(object.bucket_name);
+    const bool is_written = CObjectServerSession::FillInAttributes(row, attributes);
+    WaitUntilVisible();
+    return is_written;
+  }
   const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
   ObjectInfo stored;
   std::string there;
@@ -334,6 +390,9 @@ bool CObjectStorageManager::FillInAttributes(const ObjectInfo& object, const std
 }
 
 bool CObjectStorageManager::LoadAttributes() {
+  if (shared_) {
+    return true;  // they come with the objects
+  }
   const auto take = [this](const ObjectInfo& row, std::string_view attributes) {
     const auto name_lock = object_locks_.Lock(row.bucket_name, row.name);
     ObjectInfo stored;
@@ -364,7 +423,8 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   }
   ObjectInfo object;
   std::string attributes;
-  if (!FindObject(object, attributes, object_name, bucket_name)) {
+  // Others may have stored an object that is not known here yet.
+  if (!FindObject(object, attributes, object_name, bucket_name) && !shared_) {
     return true;
   }
   if (remove_file && details::IsPieceList(object.url)) {
@@ -372,9 +432,18 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
   }
   // The row is removed first: bytes without a row can be found and freed, but a row without bytes is an object that
   // cannot be read.
-  if (!CObjectServerSession::DeleteObject(object.id)) {
+  const bool is_removed = shared_ ? CObjectServerSession::DeleteObject(RowName(bucket_name), object_name)
+                                  : CObjectServerSession::DeleteObject(object.id);
+  if (!is_removed) {
     CLOUD_LOG(logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]", object_name.c_str());
     return false;
+  }
+  if (shared_) {
+    // Others may have stored an object of that name by now, so the row is not put back. Bytes that stay are freed
+    // later.
+    details::RemoveFiles(files, remove_file);
+    WaitUntilVisible();
+    return true;
   }
   try {
     if (!details::RemoveFiles(files, remove_file)) {

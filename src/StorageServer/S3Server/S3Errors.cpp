@@ -75,6 +75,7 @@ constexpr std::array kErrorTable = {
     ErrorRow{EError::kPreconditionFailed, 412, "PreconditionFailed", "A condition of the request is not met."},
     ErrorRow{EError::kRequestTimeTooSkewed, 403, "RequestTimeTooSkewed",
              "The time of the request is more than 15 minutes off the server's."},
+    ErrorRow{EError::kServiceUnavailable, 503, "ServiceUnavailable", "The database cannot be asked; try again later."},
     ErrorRow{EError::kSignatureDoesNotMatch, 403, "SignatureDoesNotMatch",
              "The signature is not the one that the server makes of the request; check the secret key."},
     ErrorRow{EError::kSlowDown, 503, "SlowDown", "The server has too much to do; try again later."},

@@ -55,6 +55,7 @@ enum class EError {
   kNotImplemented,
   kPreconditionFailed,
   kRequestTimeTooSkewed,
+  kServiceUnavailable,
   kSignatureDoesNotMatch,
   kSlowDown,
 };

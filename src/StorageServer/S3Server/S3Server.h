@@ -74,6 +74,8 @@ class CS3Server : private TansyBase::CNoncopyable {
   void StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
   // Ends a request that will not be handled.
   void EndRequest(std::int32_t handle, EError error) noexcept;
+  // Gives the error that an exception stands for.
+  static EError ErrorOf(const std::exception& error);
 
  private:
   friend class CSingleton<CS3Server>;
@@ -180,7 +182,7 @@ class CS3Server : private TansyBase::CNoncopyable {
   bool started_ = false;  // the listeners should be open
 };
 
-// Asks the conditions of a write when it takes place.
+// Asks the conditions of a write when it takes place; empty when it has none.
 CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers);
 // Adds an object and waits until it is committed.
 CObjectStorageManager::EAdded AddAndWait(const ObjectInfo& object, const Attributes& attributes,

@@ -328,7 +328,7 @@ Failure CS3Server::ReplaceAttributes(StoredBody& body, std::string& time, const 
     const auto may_add = [&, conditions = ConditionsOf(request.headers)](const ObjectInfo* there,
                                                                          const std::string& text) {
       is_changed = there == nullptr || there->url != source.info.url;
-      return !is_changed && conditions(there, text);
+      return !is_changed && (!conditions || conditions(there, text));
     };
     const EAdded result = AddAndWait(object, attributes, may_add);
     if (!is_changed) {

@@ -8,6 +8,7 @@
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "StorageServer/ObjectServer/CatalogueAway.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
 #include "StorageServer/S3Server/S3AbsentFeatures.h"
@@ -167,7 +168,7 @@ void CS3Server::RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& m
     server.EndRequest(handle, EError::kSlowDown);
   } catch (const std::exception& error) {
     CLOUD_LOG(logging::kError, "[%s]take msg failed[%s], handle = %d[%s(%d)]", error.what(), handle);
-    server.EndRequest(handle, EError::kInternalError);
+    server.EndRequest(handle, ErrorOf(error));
   }
 }
 
@@ -233,6 +234,7 @@ void CS3Server::Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg)
     AnswerPreflight(request);
     return;
   }
+  CObjectStorageManager::Instance().ExpectFresh();
   if (IsForm(request)) {
     PostObject(request);
     return;
@@ -261,6 +263,11 @@ void CS3Server::AnswerPreflight(const Request& request) {
     return;
   }
   AnswerEmpty(request, 200, PreflightHeaders(request.headers));
+}
+
+EError CS3Server::ErrorOf(const std::exception& error) {
+  const bool is_away = dynamic_cast<const CCatalogueAway*>(&error) != nullptr;
+  return is_away ? EError::kServiceUnavailable : EError::kInternalError;
 }
 
 void CS3Server::EndRequest(std::int32_t handle, EError error) noexcept {

@@ -46,6 +46,7 @@ Failure ReadToken(ListRequest& list, const std::string& token) {
 }
 
 ShowObjects ObjectsOf(const std::string& bucket) {
+  CObjectStorageManager::Instance().CatchUp();  // what another node has answered is in the list
   return [bucket](const std::string& from, bool with_key, const TakeObject& take) {
     const auto look = [&take](const ObjectInfo& object, std::string_view attributes) {
       std::string etag = ETagOfText(attributes);

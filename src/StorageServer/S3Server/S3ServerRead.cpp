@@ -92,10 +92,12 @@ Failure CS3Server::FindObject(FoundObject& object, const std::string& bucket, co
   auto& catalogue = CObjectStorageManager::Instance();
   const std::string name = NameOfKey(key);
   std::string attributes;
-  const bool is_found = catalogue.FindObject(object.info, attributes, name, bucket) ||
-                        (catalogue.FindObjectFrom(object.info, attributes, name, true, bucket) &&
-                         CompareKeys(object.info.name, name) == 0);
-  if (!is_found) {
+  const auto find = [&] {
+    return catalogue.FindObject(object.info, attributes, name, bucket) ||
+           (catalogue.FindObjectFrom(object.info, attributes, name, true, bucket) &&
+            CompareKeys(object.info.name, name) == 0);
+  };
+  if (!find() && !(catalogue.CatchUp() && find())) {
     Failure failure = EError::kNoSuchKey;
     failure.details.emplace_back("Key", key);
     return failure;

@@ -20,7 +20,7 @@ void CMsgTask::Exec() {
   } catch (const std::exception& error) {
     // Most likely memory ran out. The client gets an error answer instead of waiting for its time-out.
     CLOUD_LOG(logging::kError, "[%s]handle msg failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
-    CS3Server::Instance().EndRequest(handle_, EError::kInternalError);
+    CS3Server::Instance().EndRequest(handle_, CS3Server::ErrorOf(error));
   }
 }
 
@@ -36,7 +36,7 @@ void CPieceTask::Exec() {
     CS3Server::Instance().StorePiece(handle_, msg_);
   } catch (const std::exception& error) {
     CLOUD_LOG(logging::kError, "[%s]store piece failed[%s], url[%s].[%s(%d)]", error.what(), msg_.url.c_str());
-    CS3Server::Instance().EndRequest(handle_, EError::kInternalError);
+    CS3Server::Instance().EndRequest(handle_, CS3Server::ErrorOf(error));
   }
 }
 

@@ -74,6 +74,9 @@ class CPlainBytes {
 }  // namespace
 
 CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers) {
+  if (headers.find("if-match") == headers.end() && headers.find("if-none-match") == headers.end()) {
+    return {};
+  }
   return [headers](const ObjectInfo* there, const std::string& attributes) {
     if (there == nullptr) {
       return MayWrite(headers, nullptr);
@@ -261,7 +264,7 @@ void CS3Server::AnswerPut(const Recipient& to, const std::string& bucket, const 
     }
   } catch (const std::exception& error) {
     CLOUD_LOG(logging::kError, "[%s]answer failed[%s], handle = %d[%s(%d)]", error.what(), to.handle);
-    Instance().EndRequest(to.handle, EError::kInternalError);
+    Instance().EndRequest(to.handle, ErrorOf(error));
   }
 }
 

@@ -39,6 +39,8 @@ constexpr ErrorCase kCases[] = {
     {-18, 400, "InvalidHttpContent", "InvalidHttpContent"},
     {-19, 400, "URLNotSupport", "URLNotSupport"},
     {-20, 500, "NotEnoughSpace", "NotEnoughSpace"},
+    {-21, 503, "ServiceUnavailable", "the database cannot be asked"},
+    {-22, 421, "UploadElsewhere", "another node holds this upload"},
 };
 
 class CObjectErrorRow : public ::testing::TestWithParam<ErrorCase> {};
