@@ -22,6 +22,7 @@ constexpr int kServerInternalError = -16;  // a removal's result becomes the err
 constexpr int kPictureFlag = 0;
 
 std::atomic<IObjectStore*> g_store{nullptr};
+std::atomic<Removal> g_removal{nullptr};
 
 IObjectStore& Store() {
   return *g_store.load(std::memory_order_acquire);
@@ -151,14 +152,17 @@ int RemoveObject(const std::string& location) {
     if (!ParseStoragePath(location, name) && !(IsPictureRequest(location) && ParseReadLocation(location, name))) {
       return InvalidLocation(location, kServerInternalError);
     }
-    return Store().Remove(name) == EStoreResult::kDone ? kDone : kServerInternalError;
+    const Removal removal = Store().IsPicture(name) ? nullptr : g_removal.load();
+    const bool is_removed = removal != nullptr ? removal(name) : Store().Remove(name) == EStoreResult::kDone;
+    return is_removed ? kDone : kServerInternalError;
   });
 }
 
 }  // namespace
 }  // namespace details
 
-void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config) {
+void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config,
+                       Removal removal) {
   static std::mutex mutex;
   static auto& kept = *new std::vector<std::shared_ptr<IObjectStore>>();
   {
@@ -166,6 +170,7 @@ void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::Storag
     details::g_store.store(store.get(), std::memory_order_release);
     kept.push_back(std::move(store));
   }
+  details::g_removal = removal;
   config.save_object = &details::SaveObject;
   config.read_object = &details::ReadObject;
   config.stream_save = &details::StreamSave;

@@ -11,7 +11,12 @@ namespace Tansy::Host {
 // Puts the five storage callbacks into a server's configuration, and has the module frame its long downloads, so that
 // the store keeps their files open. The callbacks are plain functions over the store, which is kept for the life of the
 // process, because a callback may be running on any thread until then. A second call replaces the store.
-void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config);
+//
+// `removal` takes the place of the store's own removal of an object's bytes; null: the store removes them at once. It
+// may be called on any thread, for the life of the process.
+using Removal = bool (*)(const StoredName& name);
+void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config,
+                       Removal removal = nullptr);
 
 }  // namespace Tansy::Host
 

@@ -154,6 +154,25 @@ bool ForgetParts(const std::string& url) {
   return details::Execute("DELETE FROM platform.local_upload_part WHERE object_url = " + details::Quoted(url));
 }
 
+bool ReleaseSoon(const std::string& url) {
+  return details::Execute("UPDATE platform.released_bytes SET kind = " +
+                          std::to_string(static_cast<int>(EReleased::kLeft)) + " WHERE url = " + details::Quoted(url) +
+                          " AND kind = " + std::to_string(static_cast<int>(EReleased::kRemovedNow)));
+}
+
+// Who has been away for longer loads the catalogue anew. The newest entry stays, because it is where everybody begins.
+bool TrimChanges() {
+  return details::Execute(
+      "DELETE FROM platform.catalogue_changes WHERE seq < (SELECT max(seq) FROM platform.catalogue_changes) "
+      "AND mark < extract(epoch FROM clock_timestamp() - interval '1 hour') * 1000000");
+}
+
+bool ForgetUploadsOfGoneNodes() {
+  return details::Execute(
+      "DELETE FROM platform.local_object_task WHERE node <> '' AND NOT EXISTS (SELECT 1 FROM platform.nodes n "
+      "WHERE n.name = node AND n.seen_at > clock_timestamp() - interval '3 days')");
+}
+
 bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named) {
   std::vector<std::string> tables = {"local_object", "local_object_task", "local_upload_part"};
   if (released_too == EReleasedToo::kYes) {

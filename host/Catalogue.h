@@ -45,6 +45,14 @@ bool IsUrlOfParts(const std::string& url);
 bool GetParts(const std::string& url, std::vector<std::string>& urls);
 bool ForgetParts(const std::string& url);
 
+// Makes bytes of a removed object wait no longer than those of an overwritten one.
+bool ReleaseSoon(const std::string& url);
+
+// For catalogues that several tansyd share: these forget what nobody needs any more of the log of changes, and of
+// uploads whose node has been gone for days.
+bool TrimChanges();
+bool ForgetUploadsOfGoneNodes();
+
 // Finds out which of these urls a row of an object, of an upload task or of a part names, or, on request, an entry of
 // released bytes.
 enum class EReleasedToo { kNo, kYes };

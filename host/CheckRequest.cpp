@@ -89,7 +89,7 @@ int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_run
 }
 
 void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
-                        const std::function<bool()>& is_stopping) {
+                        const std::vector<std::string>& other_nodes, const std::function<bool()>& is_stopping) {
   std::string request;
   if (HostSystem::GetPathKind(details::kRequestFile) == HostSystem::EPathKind::kMissing ||
       HostSystem::ReadWholeFile(details::kRequestFile, details::kMostRequest, request) != 0) {
@@ -107,6 +107,11 @@ void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
   std::ostringstream out;
   int exit_code = kExitFailed;
   try {
+    if (!other_nodes.empty()) {
+      throw CStartFailure(kExitFailed, "node " + other_nodes.front() +
+                                           " runs on the same storage, and only it knows what it is writing: stop all "
+                                           "nodes but one to repair something");
+    }
     exit_code = RunCheck(store, database, options, out);
   } catch (const std::exception& error) {
     out << "check: " << error.what() << '\n';

@@ -7,6 +7,7 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 #include "Check.h"
 
@@ -17,9 +18,10 @@ namespace Tansy::Host {
 // answers or another check is under way.
 int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_running, std::ostream& out);
 
-// This is the server's side: it does what is asked for, if there is a request. Failures are answered as well.
+// This is the server's side: it does what is asked for, if there is a request. Failures are answered as well. Beside
+// other nodes nothing is repaired, because only they know what they are writing.
 void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
-                        const std::function<bool()>& is_stopping);
+                        const std::vector<std::string>& other_nodes, const std::function<bool()>& is_stopping);
 // Removes what an earlier run has left. It must be called as soon as the data folder is locked, and at the end. A
 // command that still waits then notices that the server is gone.
 void ForgetCheckRequests();

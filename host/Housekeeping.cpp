@@ -19,6 +19,7 @@ constexpr int kAtOnce = 100;
 constexpr std::int64_t kRowSeconds = 5;
 constexpr std::int64_t kFirstPartSeconds = 60;
 constexpr std::int64_t kSaveClockSeconds = 3600;
+constexpr std::int64_t kGoneSeconds = 60;
 // The longest time from the last byte of an upload to its row, including the wait for the database.
 constexpr std::int64_t kLongestRequestSeconds = 300;
 // The time for which given-up bytes are remembered. It is much longer than the longest request, to be safe.
@@ -36,33 +37,62 @@ std::vector<std::string> Urls(std::span<const NewBytes> batch) {
 }  // namespace details
 
 CHousekeeping::CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules,
-                             UploadsUnderWay uploads, std::function<bool()> is_stopping)
-    : store_(std::move(store)), rules_(rules), uploads_(std::move(uploads)), is_stopping_(std::move(is_stopping)) {}
+                             UploadsUnderWay uploads, std::function<bool()> is_stopping, std::function<bool()> is_first)
+    : store_(std::move(store)),
+      rules_(rules),
+      uploads_(std::move(uploads)),
+      is_stopping_(std::move(is_stopping)),
+      is_first_(std::move(is_first)) {}
 
 CHousekeeping::~CHousekeeping() {
-  if (clock_is_known_) {
+  if (clock_is_known_ && (!is_first_ || was_first_)) {
     SaveClock();
   }
 }
 
 void CHousekeeping::Run() {
+  const bool is_my_turn = IsMyTurn();
   if (!FindClock()) {
     return;
   }
   freed_ = 0;
   LookAtNew();
-  LookAtReleased();
   LookAtFirstParts();
-  bool left = true;
-  while (left && !is_stopping_() && ForgetGivenUp(Now() - details::kGivenUpSeconds, details::kAtOnce, left)) {
+  if (is_my_turn) {
+    DoWhatIsDoneOnce();
   }
   store_->Tidy(is_stopping_);
-  if (Now() - clock_saved_ >= details::kSaveClockSeconds) {
-    SaveClock();
-  }
   if (freed_ > 0) {
     HOST_LOG(logging::kNotable, "[%s]freed the bytes of %zu uploads that nothing refers to.[%s(%d)]", freed_);
   }
+}
+
+void CHousekeeping::DoWhatIsDoneOnce() {
+  LookAtReleased();
+  bool left = true;
+  while (left && !is_stopping_() && ForgetGivenUp(Now() - details::kGivenUpSeconds, details::kAtOnce, left)) {
+  }
+  if (Now() - clock_saved_ >= details::kSaveClockSeconds) {
+    SaveClock();
+  }
+  if (is_first_ && (looked_for_gone_ == 0 || Now() - looked_for_gone_ >= details::kGoneSeconds)) {
+    looked_for_gone_ = Now();
+    TrimChanges();
+    ForgetUploadsOfGoneNodes();
+  }
+}
+
+// Who takes this over goes on with the clock of who did it before.
+bool CHousekeeping::IsMyTurn() {
+  if (!is_first_) {
+    return true;
+  }
+  const bool is_first = is_first_();
+  if (is_first != was_first_) {
+    was_first_ = is_first;
+    clock_is_known_ = false;
+  }
+  return is_first;
 }
 
 bool CHousekeeping::FindClock() {

@@ -32,8 +32,10 @@ class CHousekeeping {
   // Gives the location texts of the streamed uploads that are still running. Returns false when it cannot.
   using UploadsUnderWay = std::function<bool(std::vector<std::string>& locations)>;
 
+  // `is_first` is null unless several processes share the catalogue. It says then whether this one does what has to be
+  // done once, and not by every process.
   CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules, UploadsUnderWay uploads,
-                std::function<bool()> is_stopping);
+                std::function<bool()> is_stopping, std::function<bool()> is_first = {});
   // Notes how long the server has run, if the database allows it.
   ~CHousekeeping();
   CHousekeeping(const CHousekeeping&) = delete;
@@ -43,6 +45,8 @@ class CHousekeeping {
   void Run();
 
  private:
+  void DoWhatIsDoneOnce();
+  bool IsMyTurn();
   bool FindClock();
   std::int64_t Now() const;
   void SaveClock();
@@ -61,6 +65,9 @@ class CHousekeeping {
   const HousekeepingRules rules_;
   const UploadsUnderWay uploads_;
   const std::function<bool()> is_stopping_;
+  const std::function<bool()> is_first_;
+  bool was_first_ = false;
+  std::int64_t looked_for_gone_ = 0;  // running seconds
 
   std::int64_t clock_base_ = -1;  // running seconds less uptime; -1: not known yet
   bool clock_is_known_ = false;

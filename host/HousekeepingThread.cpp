@@ -18,12 +18,15 @@ constexpr std::int64_t kLongestPeriodSeconds = 10;
 }  // namespace details
 
 CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, db_layer::DBParam database,
-                                         const HousekeepingRules& rules)
+                                         const HousekeepingRules& rules, const CNodeLease* lease)
     : CSingleBaseThread("tansyd-house"),
       store_(store),
       database_(std::move(database)),
+      lease_(lease),
       period_seconds_(std::clamp<std::int64_t>(rules.keep_failed_seconds / 2, 1, details::kLongestPeriodSeconds)),
-      housekeeping_(std::move(store), rules, &CloudStorage::GetUploadsUnderWay, [this] { return IsStopping(); }) {}
+      housekeeping_(
+          std::move(store), rules, &CloudStorage::GetUploadsUnderWay, [this] { return IsStopping(); },
+          lease == nullptr ? std::function<bool()>() : [lease] { return lease->IsFirst(); }) {}
 
 CHousekeepingThread::~CHousekeepingThread() {
   Stop();
@@ -45,7 +48,8 @@ void CHousekeepingThread::OnTimer() {
     const std::lock_guard lock(database_mutex_);
     database = database_;
   }
-  AnswerCheckRequest(*store_, database, [this] { return IsStopping(); });
+  AnswerCheckRequest(*store_, database, lease_ == nullptr ? std::vector<std::string>{} : lease_->Others(),
+                     [this] { return IsStopping(); });
   const std::int64_t now = TansyBase::TimeUtil::Uptime();
   if (!has_run_ || now - last_round_ >= period_seconds_) {
     has_run_ = true;

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "Housekeeping.h"
+#include "NodeLease.h"
 #include "TansyBase/SingleBaseThread.h"
 #include "db_layer/Connect.h"
 
@@ -15,7 +16,9 @@ namespace Tansy::Host {
 // ends the thread within a batch, whatever it is doing.
 class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
  public:
-  CHousekeepingThread(std::shared_ptr<IObjectStore> store, db_layer::DBParam database, const HousekeepingRules& rules);
+  // `lease` is null unless this process shares the catalogue; it must outlive this object.
+  CHousekeepingThread(std::shared_ptr<IObjectStore> store, db_layer::DBParam database, const HousekeepingRules& rules,
+                      const CNodeLease* lease = nullptr);
   ~CHousekeepingThread() override;
 
   void Begin();
@@ -29,6 +32,7 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
   const std::shared_ptr<IObjectStore> store_;
   std::mutex database_mutex_;
   db_layer::DBParam database_;  // guarded by the mutex
+  const CNodeLease* const lease_;
   const std::int64_t period_seconds_;
   CHousekeeping housekeeping_;
   std::int64_t last_round_ = 0;  // uptime of the last round

@@ -99,6 +99,19 @@ std::string ApplyStorage(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyNodeName(HostOptions& options, const std::string& text) {
+  constexpr std::size_t kLongest = 64;
+  const bool fits = !text.empty() && text.size() <= kLongest && std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_' ||
+           c == '.';
+  });
+  if (!fits) {
+    return "give up to 64 letters, digits, \".\", \"-\" and \"_\"";
+  }
+  options.node_name = text;
+  return "";
+}
+
 std::string ApplyDurability(HostOptions& options, const std::string& text) {
   if (text != "full" && text != "fast") {
     return "give full or fast";
@@ -261,6 +274,8 @@ const std::vector<OptionRow>& OptionTable() {
        "stored bytes: file:DIR, in the data folder, or rados://POOL?conf=FILE&id=NAME&namespace=NS, in a Ceph pool "
        "[file:objects]",
        details::ApplyStorage},
+      {"node-name", "NAME", "the name of this tansyd among several on one PostgreSQL database and storage [none]",
+       details::ApplyNodeName},
       {"durability", "full|fast", "full: 200 to a write means it is on stable storage [full]",
        details::ApplyDurability},
       {"memory-limit", "MIB", "memory that bodies and answers of all clients may take together [1024]",

@@ -33,6 +33,7 @@ struct HostOptions {
   std::uint16_t wan_picture_https_port = 0;
   db_layer::DBParam database = SqliteParam("catalogue.db");
   std::string storage = "file:objects";
+  std::string node_name;  // empty: this tansyd has catalogue and storage for itself
   bool full_durability = true;
   std::uint32_t memory_limit_mib = 1024;   // memory that requests and answers may take together
   std::uint32_t require_date_minutes = 0;  // 0 means that signatures count whatever their date

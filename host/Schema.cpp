@@ -1,5 +1,6 @@
 #include "Schema.h"
 
+#include <algorithm>
 #include <string>
 
 #include "PostgresDatabase.h"
@@ -164,6 +165,19 @@ void ExpectPostgresSchema(CPostgresDatabase& database, const std::vector<SchemaS
   if (current != details::NewestOf(scripts)) {
     details::RefuseOther(database.GetName(), current, details::NewestOf(scripts));
   }
+}
+
+bool IsPreparedForNodes(const db_layer::DBParam& database, const std::vector<VolumeRow>& volumes) {
+  CPostgresDatabase look(database);
+  const std::vector<SchemaScript>& scripts = PostgresSchemaScripts();
+  if (details::CurrentVersion(look, scripts) != details::NewestOf(scripts) ||
+      look.QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'").empty()) {
+    return false;
+  }
+  return std::all_of(volumes.begin(), volumes.end(), [&look](const VolumeRow& row) {
+    return look.QueryText("SELECT url AS value FROM platform.picture_url_encrypt WHERE encrypt_url = " +
+                          QuotedText(row.key)) == row.prefix;
+  });
 }
 
 }  // namespace Tansy::Host

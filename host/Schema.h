@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "db_layer/Connect.h"
+
 namespace Tansy::Host {
 
 class CPostgresDatabase;
@@ -41,6 +43,10 @@ void ExpectSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& 
 void PreparePostgresSchema(CPostgresDatabase& database, const std::vector<SchemaScript>& scripts,
                            const std::vector<VolumeRow>& volumes);
 void ExpectPostgresSchema(CPostgresDatabase& database, const std::vector<SchemaScript>& scripts);
+
+// Says whether a PostgreSQL database has the newest schema, these volumes, and the id of its storage, so that several
+// tansyd can share it without one of them having to change that.
+bool IsPreparedForNodes(const db_layer::DBParam& database, const std::vector<VolumeRow>& volumes);
 
 }  // namespace Tansy::Host
 

@@ -21,6 +21,8 @@
 #include "Locks.h"
 #include "MoveRequest.h"
 #include "MovedMark.h"
+#include "NodeLease.h"
+#include "OSAL/Osal.h"
 #include "PostgresDatabase.h"
 #include "Schema.h"
 #include "StartFailure.h"
@@ -33,6 +35,7 @@
 #include "TansyNet/HttpServer.h"
 #include "db_layer/CommitBarrier.h"
 #include "db_layer/DbLayer.h"
+#include "db_layer/SharedDatabase.h"
 #include "logging/StandardSink.h"
 
 namespace Tansy::Host {
@@ -46,6 +49,9 @@ constexpr std::uint32_t kRepeatWindowMs = 1000;
 // client stalls, and service managers kill a process after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
 constexpr std::uint32_t kAddressPeriodMs = 5000;
+// Another node that begins at the same time is done by then.
+constexpr int kPrepareTries = 10;
+constexpr std::uint32_t kPreparePauseMs = 500;
 
 std::string FolderOf(const std::string& path) {
   return path.substr(0, path.find_last_of('/') + 1);
@@ -68,6 +74,11 @@ void RemoveDeadFirstParts() {
   for (const DeadFirstPart& part : dead) {
     RemoveFirstPart(part.name);
   }
+}
+
+// Another node may be reading the bytes of an object that is removed here.
+bool FreeLater(const StoredName& name) {
+  return ReleaseSoon(LocationText(name));
 }
 
 void FinishRequests(std::uint32_t drain_ms) {
@@ -167,8 +178,10 @@ CServer::~CServer() {
   address_watch_.reset();
   move_thread_.reset();
   housekeeping_.reset();
+  CloudStorage::ShareCatalogue("");
   db_layer::Module_Unregister(details::kModule);
   db_layer::SetCommitBarrier({});
+  db_layer::SetPostgresPrelude({});
 }
 
 void CServer::ReadOptions(const CommandLine& command_line, const std::string& config_path) {
@@ -211,7 +224,9 @@ void CServer::OpenDatabase() {
   db_layer::SetPostgresFullDurability(options_.full_durability);
   // From the first change on until the pool is there, this keeps a server's database for this process.
   std::unique_ptr<CPostgresDatabase> held;
-  if (database.type == db_layer::kPostgresql) {
+  if (!options_.node_name.empty()) {
+    OpenSharedDatabase();
+  } else if (database.type == db_layer::kPostgresql) {
     held = std::make_unique<CPostgresDatabase>(database);
     PreparePostgresSchema(*held, PostgresSchemaScripts(), StorageVolumes(options_.storage));
   } else {
@@ -224,13 +239,52 @@ void CServer::OpenDatabase() {
   }
 }
 
-void CServer::OpenStore() {
-  SettleMoves(options_, ReadMovedMark());
+// The nodes find each other through the database, so its schema is there before the first of them serves. What only one
+// may do is done with the database for this process alone, before it joins the others.
+void CServer::OpenSharedDatabase() {
+  const db_layer::DBParam& database = options_.database;
+  if (database.type != db_layer::kPostgresql) {
+    throw CStartFailure(kExitFailed, "node-name needs a database that several can share: postgresql://...");
+  }
   place_ = FindStoragePlace(options_.storage);
+  for (int tries = 1; !IsPreparedForNodes(database, StorageVolumes(options_.storage)); ++tries) {
+    try {
+      PrepareShared();
+    } catch (const CStartFailure&) {
+      // Another node may be at it.
+      if (tries == details::kPrepareTries) {
+        throw;
+      }
+      OSAL_Sleep(details::kPreparePauseMs);
+    }
+  }
+  NodeIdentity identity{options_.node_name, HostSystem::HostName() + ":" + data_folder_->GetPath(),
+                        UrlHost(options_.local_ip) + ":" + std::to_string(options_.object_port)};
+  lease_ = std::make_unique<CNodeLease>(database, std::move(identity));
+  lease_->Begin();
+  db_layer::SetPostgresPrelude([lease = lease_.get()] { return lease->Prelude(); });
+}
+
+void CServer::PrepareShared() {
+  CPostgresDatabase alone(options_.database);
+  PreparePostgresSchema(alone, PostgresSchemaScripts(), StorageVolumes(options_.storage));
   place_->ExpectFree();
   MatchStoreIdentity(options_.database, *place_, EIdentity::kAdopt);
-  place_->Lock();
-  store_ = std::make_shared<CMovableStore>(place_->Open(options_.full_durability, EStoreUse::kServe));
+}
+
+void CServer::OpenStore() {
+  if (lease_ != nullptr) {
+    MatchStoreIdentity(options_.database, *place_, EIdentity::kLook);
+    place_->Share();
+    store_ = std::make_shared<CMovableStore>(place_->Open(options_.full_durability, EStoreUse::kShare));
+  } else {
+    SettleMoves(options_, ReadMovedMark());
+    place_ = FindStoragePlace(options_.storage);
+    place_->ExpectFree();
+    MatchStoreIdentity(options_.database, *place_, EIdentity::kAdopt);
+    place_->Lock();
+    store_ = std::make_shared<CMovableStore>(place_->Open(options_.full_durability, EStoreUse::kServe));
+  }
   served_ = options_;
   db_layer::SetCommitBarrier([store = store_](const std::vector<std::string_view>& statements, std::string& error) {
     return store->MakeDurable(statements, error);
@@ -307,15 +361,18 @@ void CServer::Start() {
   TansyNet::CHttpServer::SetLimits(limits);
   CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
+  CloudStorage::ShareCatalogue(options_.node_name);
   StartObjectServer(config);
   StartS3Server(config);
   StartPictureServer(config);
   WriteListeningFile(options_);
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
-  housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules);
+  housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules, lease_.get());
   housekeeping_->Begin();
-  move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
-  move_thread_->Begin();
+  if (lease_ == nullptr) {  // other nodes would not follow a move
+    move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
+    move_thread_->Begin();
+  }
   WatchAddresses();
 }
 
@@ -347,7 +404,7 @@ CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& c
   config.wan_ip = options_.wan_ip;
   config.ak = credentials.access_key;
   config.sk = credentials.secret_key;
-  RegisterCallbacks(store_, config);
+  RegisterCallbacks(store_, config, lease_ == nullptr ? nullptr : &details::FreeLater);
   KeepRoomBesideFirstParts();
   return config;
 }
@@ -426,7 +483,11 @@ void CServer::Stop() {
   move_thread_.reset();
   // This comes last, because it may be busy for a while: by now no client waits for anything.
   housekeeping_.reset();
+  CloudStorage::ShareCatalogue("");
   db_layer::Module_Unregister(details::kModule);
+  if (lease_ != nullptr) {
+    lease_->End();
+  }
   HOST_LOG(logging::kNotable, "[%s]stopped.[%s(%d)]");
 }
 

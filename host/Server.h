@@ -14,6 +14,7 @@
 #include "MovableStore.h"
 #include "Move.h"
 #include "MoveThread.h"
+#include "NodeLease.h"
 #include "Options.h"
 #include "StoragePlace.h"
 #include "TansyCloudStorage/StorageConfig.h"
@@ -56,6 +57,8 @@ class CServer {
   void OpenLog();
   void Open();
   void OpenDatabase();
+  void OpenSharedDatabase();
+  void PrepareShared();
   void OpenStore();
   void PrepareCertificate() const;
   CloudStorage::StorageServerConfig_V1 MakeConfig(const CredentialPair& credentials) const;
@@ -73,6 +76,7 @@ class CServer {
   std::unique_ptr<CDataFolder> data_folder_;
   HostSystem::CLockFile database_lock_;
   std::shared_ptr<logging::CStandardSink> log_;
+  std::unique_ptr<CNodeLease> lease_;  // null unless this is one of several nodes
   std::unique_ptr<IStoragePlace> place_;
   std::shared_ptr<CMovableStore> store_;
   bool follows_adapters_ = false;  // no option names the address for best-node answers

@@ -538,7 +538,7 @@ Failure CS3Server::TryToComplete(CompletedUpload& completed, EAdded& added, cons
   const auto may_add = [&, conditions = ConditionsOf(request.headers)](const ObjectInfo* there,
                                                                        const std::string& there_attributes) {
     has_ended = there != nullptr && PieceOwnerOf(there->url) == PieceOwner(upload.id);
-    return !has_ended && conditions(there, there_attributes);
+    return !has_ended && (!conditions || conditions(there, there_attributes));
   };
   added = AddAndWait(object, attributes, may_add);
   return has_ended ? NoSuchUpload(request) : Failure();

@@ -35,7 +35,7 @@ class CheckRequestTest : public CatalogueFixture {
 };
 
 TEST_F(CheckRequestTest, TheAnswerOfTheRunningServerIsHandedOn) {
-  EXPECT_EQ(Ask([this] { AnswerCheckRequest(*store_, Database(), [] { return false; }); }), "");
+  EXPECT_EQ(Ask([this] { AnswerCheckRequest(*store_, Database(), {}, [] { return false; }); }), "");
   EXPECT_EQ(exit_code_, kExitDone);
   EXPECT_THAT(out_.str(), HasSubstr("check: 0 rows"));
   EXPECT_FALSE(temp_.Exists("check.request"));

@@ -77,6 +77,7 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"wan-picture-https-port", "0"},
                                                        {"database", "sqlite:catalogue.db"},
                                                        {"storage", "file:objects"},
+                                                       {"node-name", "none"},
                                                        {"durability", "full"},
                                                        {"memory-limit", "1024"},
                                                        {"require-date", "0"},
@@ -102,6 +103,19 @@ TEST(OptionsTest, KeepingTimesAreWholeNumbersInTheirRange) {
     EXPECT_NE(Apply("keep-failed", text, options).first, 0) << text;
   }
   EXPECT_NE(Apply("keep-failed", "0", options).first, 0) << "a request needs time to write its row";
+}
+
+TEST(OptionsTest, ANodesNameIsShortAndPlain) {
+  HostOptions options;
+  EXPECT_EQ(options.node_name, "");
+  for (const std::string& text : {std::string("a"), std::string("Rack-7.node_B"), std::string(64, 'n')}) {
+    EXPECT_EQ(Apply("node-name", text, options).first, 0) << text;
+    EXPECT_EQ(options.node_name, text);
+  }
+  for (const std::string& text :
+       {std::string(), std::string("a b"), std::string("it's"), std::string("\xC3\xA4"), std::string(65, 'n')}) {
+    EXPECT_EQ(Apply("node-name", text).first, kExitUsage) << text;
+  }
 }
 
 TEST(OptionsTest, PortsAreWholeNumbersInTheirRange) {
