@@ -109,7 +109,8 @@ TEST_P(ObjectStoreTest, NamesOfAnyStoreHoldBytes) {
       return true;
     }));
     EXPECT_EQ(shown, std::vector<std::string>{text});
-    EXPECT_EQ(NewNames(), std::vector<std::string>{text});
+    // The notes of what was removed before may still be there.
+    EXPECT_THAT(NewNames(), testing::Contains(text));
     store_->ForgetNew({name});
     EXPECT_EQ(store_->BeginRead(name), EStoreResult::kDone);
     EXPECT_EQ(store_->Remove(name), EStoreResult::kDone);
