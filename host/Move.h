@@ -34,7 +34,8 @@ struct MovedTo {
 };
 
 struct MoveHost {
-  HostOptions options;  // of what is served now
+  HostOptions options;   // of what is served now
+  bool is_node = false;  // it shares them with others, who would not follow a move: nothing is moved then
   std::shared_ptr<CMovableStore> store;
   std::function<bool()> is_stopping;
   std::function<void(const std::string& line)> say;  // for people

@@ -11,6 +11,7 @@
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "HostSystem/LockFile.h"
+#include "MoveFailure.h"
 #include "MoveNames.h"
 #include "StartFailure.h"
 #include "StoredName.h"
@@ -77,6 +78,9 @@ class CAnswer {
 
 int DoMoveWork(const MoveRequest& request, MoveHost& host) {
   try {
+    if (host.is_node) {
+      throw CMoveFailure("other nodes would not follow; end all of them and start one tansyd without --node-name");
+    }
     if (request.work == EMoveWork::kCancel) {
       CancelMove(host.options, host.say);
     } else {

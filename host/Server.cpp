@@ -326,6 +326,7 @@ int CServer::Move(const CommandLine& command_line) {
 MoveHost CServer::HostOfMove() {
   MoveHost host;
   host.options = served_;
+  host.is_node = !options_.node_name.empty();
   host.store = store_;
   host.take_over = [this](MovedTo moved) { TakeOver(std::move(moved)); };
   return host;
@@ -369,10 +370,8 @@ void CServer::Start() {
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
   housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules, lease_.get());
   housekeeping_->Begin();
-  if (lease_ == nullptr) {  // other nodes would not follow a move
-    move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
-    move_thread_->Begin();
-  }
+  move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
+  move_thread_->Begin();
   WatchAddresses();
 }
 

@@ -534,6 +534,20 @@ TEST_F(NodesTest, ANodeWithoutItsLeaseWritesNothingUntilItHasANewOne) {
   EXPECT_THAT(nodes_[0]->GetLog(), HasSubstr("node a begins a new lease"));
 }
 
+TEST_F(NodesTest, AMoveIsRefusedBecauseOtherNodesWouldNotFollow) {
+  StartNodes(1);
+  CTansyd command(temp_.GetPath(), "command");
+  Launch launch = As("a", {"move", "--data", temp_.Path("data-a"), "--to-database", "sqlite:rows.db"});
+  launch.with_data = launch.with_ports = false;
+  Ended ended = command.RunToEnd(launch);
+  EXPECT_EQ(ended.code, 1) << ended.out << ended.err;
+  EXPECT_THAT(ended.out, HasSubstr("move: other nodes would not follow"));
+  EXPECT_TRUE(nodes_[0]->Stop());
+  ended = command.RunToEnd(launch);
+  EXPECT_EQ(ended.code, 1) << ended.out << ended.err;
+  EXPECT_THAT(ended.out, HasSubstr("move: other nodes would not follow"));
+}
+
 TEST_F(NodesTest, ARepairIsForOneNodeAlone) {
   StartNodes(2);
   MakeBucket(0, "bucket");
