@@ -167,6 +167,14 @@ bool TrimChanges() {
       "AND mark < extract(epoch FROM clock_timestamp() - interval '1 hour') * 1000000");
 }
 
+bool GetOtherNodes(const std::string& own_name, std::vector<std::string>& names) {
+  return details::Query(
+      "SELECT name FROM platform.nodes WHERE owner <> '' AND seen_at > clock_timestamp() - interval '10 seconds' "
+      "AND name <> " +
+          details::Quoted(own_name) + " ORDER BY name",
+      [&names](db_layer::CConnect& row) { names.push_back(row.GetString("name")); });
+}
+
 bool ForgetUploadsOfGoneNodes() {
   return details::Execute(
       "DELETE FROM platform.local_object_task WHERE node <> '' AND NOT EXISTS (SELECT 1 FROM platform.nodes n "

@@ -52,6 +52,8 @@ bool ReleaseSoon(const std::string& url);
 // uploads whose node has been gone for days.
 bool TrimChanges();
 bool ForgetUploadsOfGoneNodes();
+// Names the other nodes that live.
+bool GetOtherNodes(const std::string& own_name, std::vector<std::string>& names);
 
 // Finds out which of these urls a row of an object, of an upload task or of a part names, or, on request, an entry of
 // released bytes.

@@ -53,6 +53,18 @@ bool ParseAnswer(const std::string& text, const std::string& mark, int& exit_cod
   return end != std::string::npos;
 }
 
+void ExpectNoOthers(const std::function<bool(std::vector<std::string>& names)>& find_others) {
+  std::vector<std::string> others;
+  if (find_others && !find_others(others)) {
+    throw CStartFailure(kExitFailed, "the database does not say whether other nodes run: see the log");
+  }
+  if (!others.empty()) {
+    throw CStartFailure(kExitFailed, "node " + others.front() +
+                                         " runs on the same storage, and only it knows what it is writing: stop all "
+                                         "nodes but one to repair something");
+  }
+}
+
 }  // namespace
 }  // namespace details
 
@@ -89,7 +101,8 @@ int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_run
 }
 
 void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
-                        const std::vector<std::string>& other_nodes, const std::function<bool()>& is_stopping) {
+                        const std::function<bool(std::vector<std::string>& names)>& find_others,
+                        const std::function<bool()>& is_stopping) {
   std::string request;
   if (HostSystem::GetPathKind(details::kRequestFile) == HostSystem::EPathKind::kMissing ||
       HostSystem::ReadWholeFile(details::kRequestFile, details::kMostRequest, request) != 0) {
@@ -107,11 +120,7 @@ void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
   std::ostringstream out;
   int exit_code = kExitFailed;
   try {
-    if (!other_nodes.empty()) {
-      throw CStartFailure(kExitFailed, "node " + other_nodes.front() +
-                                           " runs on the same storage, and only it knows what it is writing: stop all "
-                                           "nodes but one to repair something");
-    }
+    details::ExpectNoOthers(find_others);
     exit_code = RunCheck(store, database, options, out);
   } catch (const std::exception& error) {
     out << "check: " << error.what() << '\n';

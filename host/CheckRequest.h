@@ -19,9 +19,11 @@ namespace Tansy::Host {
 int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_running, std::ostream& out);
 
 // This is the server's side: it does what is asked for, if there is a request. Failures are answered as well. Beside
-// other nodes nothing is repaired, because only they know what they are writing.
+// other nodes nothing is repaired, because only they know what they are writing; `find_others` names those that live,
+// and is null when there can be none.
 void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
-                        const std::vector<std::string>& other_nodes, const std::function<bool()>& is_stopping);
+                        const std::function<bool(std::vector<std::string>& names)>& find_others,
+                        const std::function<bool()>& is_stopping);
 // Removes what an earlier run has left. It must be called as soon as the data folder is locked, and at the end. A
 // command that still waits then notices that the server is gone.
 void ForgetCheckRequests();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Catalogue.h"
 #include "CheckRequest.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyCloudStorage/ObjectServer.h"
@@ -22,7 +23,9 @@ CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, db
     : CSingleBaseThread("tansyd-house"),
       store_(store),
       database_(std::move(database)),
-      lease_(lease),
+      find_others_(lease == nullptr
+                       ? FindOthers()
+                       : [lease](std::vector<std::string>& names) { return GetOtherNodes(lease->Name(), names); }),
       period_seconds_(std::clamp<std::int64_t>(rules.keep_failed_seconds / 2, 1, details::kLongestPeriodSeconds)),
       housekeeping_(
           std::move(store), rules, &CloudStorage::GetUploadsUnderWay, [this] { return IsStopping(); },
@@ -48,8 +51,7 @@ void CHousekeepingThread::OnTimer() {
     const std::lock_guard lock(database_mutex_);
     database = database_;
   }
-  AnswerCheckRequest(*store_, database, lease_ == nullptr ? std::vector<std::string>{} : lease_->Others(),
-                     [this] { return IsStopping(); });
+  AnswerCheckRequest(*store_, database, find_others_, [this] { return IsStopping(); });
   const std::int64_t now = TansyBase::TimeUtil::Uptime();
   if (!has_run_ || now - last_round_ >= period_seconds_) {
     has_run_ = true;

@@ -2,8 +2,11 @@
 #define TANSY_HOST_HOUSEKEEPING_THREAD_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "Housekeeping.h"
 #include "NodeLease.h"
@@ -32,7 +35,8 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
   const std::shared_ptr<IObjectStore> store_;
   std::mutex database_mutex_;
   db_layer::DBParam database_;  // guarded by the mutex
-  const CNodeLease* const lease_;
+  using FindOthers = std::function<bool(std::vector<std::string>& names)>;
+  const FindOthers find_others_;  // null unless this process shares the catalogue
   const std::int64_t period_seconds_;
   CHousekeeping housekeeping_;
   std::int64_t last_round_ = 0;  // uptime of the last round

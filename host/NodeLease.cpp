@@ -145,11 +145,4 @@ bool CNodeLease::IsFirst() const {
   return !live_.empty() && live_.front() == identity_.name;
 }
 
-std::vector<std::string> CNodeLease::Others() const {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::string> others = live_;
-  std::erase(others, identity_.name);
-  return others;
-}
-
 }  // namespace Tansy::Host

@@ -39,8 +39,7 @@ class CNodeLease final : public TansyBase::CSingleBaseThread {
   std::string Prelude() const;
   // Says whether this node does what has to be done once. Two may do so for a moment.
   bool IsFirst() const;
-  // Names the other nodes that live, as of the last renewal.
-  std::vector<std::string> Others() const;
+  const std::string& Name() const { return identity_.name; }
 
  protected:
   void OnTimer() override;
