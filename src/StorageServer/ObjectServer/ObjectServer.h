@@ -185,7 +185,6 @@ class CObjectServer : private TansyBase::CNoncopyable {
                          details::CReadLease& lease);
 
   CConfigSnapshot<Config> conf_;
-  std::atomic<std::uint32_t> download_chunk_{kLargestDownloadChunk};
 
   // Guarded by enable_mutex_ after Init.
   details::Listener http_listener_;

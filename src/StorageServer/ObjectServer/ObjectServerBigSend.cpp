@@ -35,6 +35,11 @@ bool CBigFileSendThreads::Run(std::function<void()> send) {
   return true;
 }
 
+void CBigFileSendThreads::SetChunk(std::uint32_t bytes) {
+  const bool is_usable = bytes > 0 && bytes <= kLargestChunk;
+  chunk_.store(is_usable ? bytes : kLargestChunk, std::memory_order_relaxed);
+}
+
 void CBigFileSendThreads::Loop(std::function<void()> send) {
   OSAL_SetThreadName("tansy-download");
   do {

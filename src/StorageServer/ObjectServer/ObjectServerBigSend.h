@@ -1,7 +1,9 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_BIG_SEND_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_BIG_SEND_H
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -18,11 +20,16 @@ class CBigFileSendThreads : private TansyBase::CNoncopyable {
  public:
   static constexpr std::size_t kMaxThreads = 128;
   static constexpr std::size_t kMaxWaiting = 1024;  // as many as can wait before their requests time out anyway
+  static constexpr std::uint32_t kLargestChunk = 0xA00000;
 
   static CBigFileSendThreads& Instance();
 
   // Runs `send` on a thread of its own, now or as soon as one is free. Returns false when it will never run.
   bool Run(std::function<void()> send);
+
+  // How many bytes a download reads at a time; 0, or more than the largest chunk, means the largest chunk.
+  void SetChunk(std::uint32_t bytes);
+  std::uint32_t GetChunk() const { return chunk_.load(std::memory_order_relaxed); }
 
  private:
   friend class CSingleton<CBigFileSendThreads>;
@@ -34,6 +41,7 @@ class CBigFileSendThreads : private TansyBase::CNoncopyable {
   // and the thread has to end.
   bool Next(std::function<void()>& send);
 
+  std::atomic<std::uint32_t> chunk_{kLargestChunk};
   std::mutex mutex_;  // guards the two below
   std::size_t threads_ = 0;
   std::deque<std::function<void()>> waiting_;

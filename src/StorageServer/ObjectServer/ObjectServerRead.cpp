@@ -193,7 +193,7 @@ std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, cons
   if (!lease) {
     return std::nullopt;
   }
-  const std::uint32_t chunk_size = download_chunk_.load(std::memory_order_relaxed);
+  const std::uint32_t chunk_size = details::CBigFileSendThreads::Instance().GetChunk();
   const std::uint32_t chunk_count = length / chunk_size + (length % chunk_size != 0 ? 1 : 0);
   const bool started = details::CBigFileSendThreads::Instance().Run([=, this] {
     try {
@@ -210,8 +210,7 @@ std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, cons
 }
 
 void CObjectServer::SetDownloadChunk(std::uint32_t bytes) {
-  const bool is_usable = bytes > 0 && bytes <= kLargestDownloadChunk;
-  download_chunk_.store(is_usable ? bytes : kLargestDownloadChunk, std::memory_order_relaxed);
+  details::CBigFileSendThreads::Instance().SetChunk(bytes);
 }
 
 bool CObjectServer::HandleBigFileSend(std::uint32_t chunk_count, std::uint32_t chunk_size, std::int32_t session_id,

@@ -21,6 +21,10 @@ void ForEachName(std::string_view list, const Take& take) {
   }
 }
 
+Failure InvalidChecksum(const std::string& header) {
+  return {EError::kInvalidRequest, "Value for " + header + " header is invalid."};
+}
+
 }  // namespace
 
 Failure CBody::Begin(const Signed& request, const LowerHeaders& headers) {
@@ -64,7 +68,8 @@ Failure CBody::BeginChecks(const LowerHeaders& headers) {
   Failure failure;
   for (const auto& [name, value] : headers) {
     if (const auto kind = ChecksumKind(name); kind && !failure) {
-      failure = AddCheck(*kind, name, value);
+      // Without a value it would be taken for one that the trailer brings.
+      failure = value.empty() ? InvalidChecksum(name) : AddCheck(*kind, name, value);
     }
   }
   ForEachName(ValueOf(headers, "x-amz-trailer"), [&](const std::string& name) {
@@ -83,7 +88,7 @@ Failure CBody::AddCheck(EDigest kind, const std::string& header, const std::stri
   if (!expected.empty()) {
     std::string bytes;
     if (!TansyBase::Encrypt::Base64Decode(expected, bytes) || bytes.size() != CDigest(kind).Finish().size()) {
-      return {EError::kInvalidRequest, "Value for " + header + " header is invalid."};
+      return InvalidChecksum(header);
     }
   }
   if (!checks_.empty()) {

@@ -88,6 +88,13 @@ Failure CheckFile(std::string& md5, const PostForm& form, const LowerHeaders& he
   return failure;
 }
 
+Failure CheckKey(const std::string& key) {
+  if (key.empty()) {  // a browser sends an empty file name when nobody has chosen a file
+    return {EError::kInvalidArgument, "The key of the object is empty."};
+  }
+  return key.size() > kMaxKeyBytes ? Failure(EError::kKeyTooLong) : Failure();
+}
+
 }  // namespace
 
 bool CS3Server::IsForm(const Request& request) {
@@ -108,8 +115,8 @@ void CS3Server::PostObject(const Request& request) {
   if (!failure && !CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {
     failure = EError::kNoSuchBucket;
   }
-  if (!failure && KeyOfForm(form).size() > kMaxKeyBytes) {
-    failure = EError::kKeyTooLong;
+  if (!failure) {
+    failure = CheckKey(KeyOfForm(form));
   }
   if (!failure) {
     headers = HeadersOfForm(form);
@@ -138,7 +145,7 @@ void CS3Server::PostObject(const Request& request) {
   const FormAnswer answer = {request.bucket, KeyOfForm(form), attributes.etag, form.Field("success_action_status"),
                              form.Field("success_action_redirect")};
   CObjectStorageManager::Instance().AddObject(
-      object, {{}, ToText(attributes)}, [](const ObjectInfo*, const std::string&) { return true; },
+      object, {{}, ToText(attributes)}, {},
       [to = Recipient(request), answer](EAdded result) { AnswerForm(to, answer, result); });
 }
 

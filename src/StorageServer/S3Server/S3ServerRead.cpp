@@ -25,8 +25,8 @@ using CloudStorage::details::CReadLease;
 using CloudStorage::details::HostBuffer;
 using CloudStorage::details::LocationText;
 
-// Longer answers are sent in chunks of this size on a thread of their own.
-constexpr std::uint32_t kChunkBytes = 0xA00000;
+// Longer answers are sent in chunks on a thread of their own.
+constexpr std::uint32_t kLongestWhole = 0xA00000;
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
 constexpr const char* kDefaultContentType = "binary/octet-stream";
 
@@ -197,7 +197,7 @@ bool CS3Server::Send(const Request& request, const FoundObject& object, const As
   const auto begin = static_cast<std::uint32_t>(range.begin);
   const auto length = static_cast<std::uint32_t>(range.length);
   const TansyNet::HttpResponse response = ObjectResponse(request, object, range);
-  if (length > kChunkBytes) {
+  if (length > kLongestWhole) {
     return SendInChunks(request, object, response, begin, length);
   }
   if (length == 0) {
@@ -225,8 +225,9 @@ bool CS3Server::SendInChunks(const Request& request, const FoundObject& object, 
   }
   const auto config = Instance().conf_.Load();
   const auto send = [=, handle = request.handle, url = request.msg.url] {
-    for (std::uint32_t done = 0; done < length; done += std::min(kChunkBytes, length - done)) {
-      const std::uint32_t wanted = std::min(kChunkBytes, length - done);
+    const std::uint32_t chunk_size = CloudStorage::details::CBigFileSendThreads::Instance().GetChunk();
+    for (std::uint32_t done = 0; done < length; done += std::min(chunk_size, length - done)) {
+      const std::uint32_t wanted = std::min(chunk_size, length - done);
       TansyNet::CMemoryShare memory;
       HostBuffer chunk;
       const bool is_read = memory.ResizeWithin(wanted, kMemoryPatienceMs) &&

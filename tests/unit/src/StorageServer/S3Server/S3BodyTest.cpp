@@ -244,6 +244,17 @@ TEST(S3Body, ComparesTheLength) {
   EXPECT_EQ(ErrorOf(Form(EBodyForm::kPlain), {}, "abc"), EError::kNone);
 }
 
+TEST(S3Body, RefusesAChecksumWithoutAValue) {
+  for (const char* name :
+       {"x-amz-checksum-crc32", "x-amz-checksum-crc32c", "x-amz-checksum-sha1", "x-amz-checksum-sha256"}) {
+    for (const EBodyForm form : {EBodyForm::kPlain, EBodyForm::kChunks}) {
+      EXPECT_EQ(ErrorOf(ExampleRequest(form, ""), {{"x-amz-decoded-content-length", "0"}, {name, ""}}, ""),
+                EError::kInvalidRequest)
+          << name;
+    }
+  }
+}
+
 TEST(S3Body, RefusesTwoChecksumsAndTrailersOfPlainBodies) {
   const Signed request = Form(EBodyForm::kPlain);
   EXPECT_EQ(ErrorOf(request,

@@ -553,7 +553,8 @@ TEST_F(S3ServerTest, RefusesTooManyKeysToDelete) {
 
 // A form as browsers send it, with a policy that allows it.
 TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& bucket, const std::string& body,
-                              std::vector<std::pair<std::string, std::string>> fields) {
+                              std::vector<std::pair<std::string, std::string>> fields,
+                              const std::string& file_name = "a.txt") {
   const std::string credential = std::string("access-key/") + kDay + "/us-east-1/s3/aws4_request";
   fields.insert(fields.end(), {{"x-amz-algorithm", "AWS4-HMAC-SHA256"}, {"x-amz-credential", credential}});
   std::string policy = R"({"expiration": "2026-11-03T09:00:00Z", "conditions": [{"bucket": ")" + bucket + "\"}";
@@ -567,8 +568,8 @@ TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& b
   for (const auto& [name, value] : fields) {
     text += "--edge\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
   }
-  text +=
-      "--edge\r\nContent-Disposition: form-data; name=\"file\"; filename=\"a.txt\"\r\n\r\n" + body + "\r\n--edge--\r\n";
+  text += "--edge\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + file_name + "\"\r\n\r\n" + body +
+          "\r\n--edge--\r\n";
   msg.body_size = static_cast<std::uint32_t>(text.size());
   msg.content_length = msg.body_size;
   msg.body = std::make_shared<const std::string>(std::move(text));
@@ -609,6 +610,19 @@ TEST_F(S3ServerTest, RefusesFormsThatAreNotAllowed) {
   EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "x", {{"key", "k"}}))), "500 InternalError");
   Database().Heal();
   EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
+}
+
+// Browsers send such a form when nobody has chosen a file.
+TEST_F(S3ServerTest, AFormWithoutAFileStoresNothing) {
+  const TansyNet::HttpServerRecv empty = Message({"POST", "/" + bucket_, {}, {}, {}});
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "", {{"key", "${filename}"}}, ""))), "400 InvalidArgument");
+  EXPECT_EQ(Outcome(Do({"DELETE", "/" + bucket_, {}, {}, {}})), "204") << "the bucket is empty";
+}
+
+TEST_F(S3ServerTest, RefusesAFormWhoseChecksumIsEmpty) {
+  const TansyNet::HttpServerRecv empty = Message({"POST", "/" + bucket_, {}, {}, {}});
+  const FakeAnswer answer = Do(Form(empty, bucket_, "x", {{"key", "k"}, {"x-amz-checksum-sha256", ""}}));
+  EXPECT_EQ(Outcome(answer), "400 InvalidRequest");
 }
 
 TEST_F(S3ServerTest, LetsPagesOfListedOriginsUseIt) {
