@@ -81,6 +81,10 @@ int DoMoveWork(const MoveRequest& request, MoveHost& host) {
     if (host.is_node) {
       throw CMoveFailure("other nodes would not follow; end all of them and start one tansyd without --node-name");
     }
+    if (request.work == EMoveWork::kMove && !request.order.dry_run && !host.options.full_durability) {
+      throw CMoveFailure(
+          "with --durability fast a power cut could lose what was copied: start tansyd with --durability full");
+    }
     if (request.work == EMoveWork::kCancel) {
       CancelMove(host.options, host.say);
     } else {

@@ -254,9 +254,20 @@ TEST_F(MoveTest, TheOldPlaceIsRefusedByAStart) {
               AllOf(HasSubstr("was moved to database new/rows.db"), HasSubstr("out of date")));
 }
 
+TEST_F(MoveTest, NothingMovesWhileWritesNeedNotBeDurable) {
+  StartWith(2, Serving({"--durability", "fast"}));
+  const Ended refused = Move(Goal());
+  EXPECT_EQ(refused.code, 1) << refused.out << refused.err;
+  EXPECT_THAT(refused.out, HasSubstr("start tansyd with --durability full"));
+  EXPECT_FALSE(std::filesystem::exists(server_.Data("moved")));
+  std::vector<std::string> dry = Goal();
+  dry.push_back("--dry-run");
+  EXPECT_EQ(Move(dry).code, 0);
+}
+
 // The server finds the command gone as soon as it has begun; whoever asks again gets the whole move.
 TEST_F(MoveTest, AMoveIsStoppedByTheEndOfItsCommandAndGoesOnWithTheNext) {
-  StartWith(20, Serving({"--durability", "fast"}));
+  StartWith(20, Serving());
   auto writers = StartWriters(2);
   CTansyd command(temp_.GetPath(), "command");
   server_.Signal(SIGSTOP);

@@ -194,6 +194,17 @@ TEST_F(NodesTest, ABucketIsMadeOnceAndUsedEverywhereAtOnce) {
             std::vector<std::string>{"10|10"});
 }
 
+// Its objects are named by its name, which another bucket may have by then.
+TEST_F(NodesTest, ABucketThatIsGoneIsNotRemovedOnceMore) {
+  StartNodes(1);
+  database_.Run(
+      "DO 'BEGIN PERFORM set_config(''tansy.node'', ''a'', true); "
+      "BEGIN DELETE FROM platform.local_bucket WHERE id = 999999; EXCEPTION WHEN raise_exception THEN RETURN; END; "
+      "RAISE ''the removal was not refused''; END'");
+  MakeBucket(0, "bucket");
+  EXPECT_EQ(StatusOf(SendS3(0, "DELETE", "/bucket")), "204");
+}
+
 TEST_F(NodesTest, OfTwoWritersOfOneKeyOneWinsAndAllAgree) {
   StartNodes(3);
   MakeBucket(0, "bucket");

@@ -120,3 +120,15 @@ BEGIN
 END $$;
 CREATE TRIGGER local_bucket_empty BEFORE DELETE ON platform.local_bucket
 FOR EACH ROW WHEN (current_setting('tansy.node', true) <> '') EXECUTE FUNCTION platform.expect_empty_bucket();
+
+-- A bucket goes by its id and its objects by its name. When another node has removed it and made it anew, the id names
+-- nothing any more, and the objects are those of the new one.
+CREATE FUNCTION platform.expect_removed_bucket() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+  IF NOT EXISTS (SELECT 1 FROM gone) THEN
+    RAISE EXCEPTION 'this bucket does not exist any more';
+  END IF;
+  RETURN NULL;
+END $$;
+CREATE TRIGGER local_bucket_removed AFTER DELETE ON platform.local_bucket REFERENCING OLD TABLE AS gone
+FOR EACH STATEMENT WHEN (current_setting('tansy.node', true) <> '') EXECUTE FUNCTION platform.expect_removed_bucket();
