@@ -98,6 +98,18 @@ TEST_F(CommandLineTreeTest, NamesOneObjectForBothProtocols) {
   EXPECT_THAT(DoS3({"ls", "-r", "photos"}), ElementsAre("plain"));
 }
 
+TEST_F(CommandLineTreeTest, GetsFoldersOfObjectsThatTheOtherProtocolStored) {
+  Write("small", "content");
+  Write("large", RandomBytes(10 * kMiB, 1));
+  Do({"put", "--keep-name", "small", "large"});
+  EXPECT_EQ(DoS3({"get", "-r", "photos", "back"}).size(), 2u);
+  EXPECT_EQ(Read("back/small"), "content");
+  EXPECT_TRUE(Read("back/large") == Read("large"));
+  Do({"put", "--keep-name", "small", "large"});
+  EXPECT_EQ(DoS3({"sync", "s3://photos", "synced"}).size(), 2u);
+  EXPECT_TRUE(Read("synced/large") == Read("large"));
+}
+
 // Names come from the server, and whoever may write there must not be able to write here.
 TEST_F(CommandLineTreeTest, WritesNothingOutsideOfTheFolder) {
   Write("file", "evil");

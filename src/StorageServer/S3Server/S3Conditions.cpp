@@ -12,8 +12,8 @@ constexpr std::string_view kUnit = "bytes=";
 
 enum class EWeakTags { kMatch, kNever };
 
-// Says whether a list of entity tags, such as "abc", W/"def" or *, names this one.
-bool NamesTag(std::string_view list, std::string_view etag, EWeakTags weak_tags) {
+// Says whether a list of entity tags, such as "abc", W/"def" or *, names this version.
+bool NamesTag(std::string_view list, const VersionTags& tags, EWeakTags weak_tags) {
   while (!list.empty()) {
     const std::string_view piece = list.substr(0, list.find(','));
     list.remove_prefix(std::min(piece.size() + 1, list.size()));
@@ -27,7 +27,7 @@ bool NamesTag(std::string_view list, std::string_view etag, EWeakTags weak_tags)
     if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"') {
       tag = tag.substr(1, tag.size() - 2);
     }
-    if (tag == "*" || tag == etag) {
+    if (tag == "*" || tags.Has(tag)) {
       return true;
     }
   }
@@ -70,29 +70,29 @@ AskedRange ReadRange(std::string_view header, std::uint64_t size) {
   return Part(begin, (has_end ? std::min(end, size - 1) : size - 1) - begin + 1);
 }
 
-ECondition CheckConditions(const LowerHeaders& headers, std::string_view etag, std::time_t modified) {
+ECondition CheckConditions(const LowerHeaders& headers, const VersionTags& tags, std::time_t modified) {
   const std::string& match = ValueOf(headers, "if-match");
   const std::string& none_match = ValueOf(headers, "if-none-match");
   const std::time_t unmodified_since = TansyBase::HttpDate::Parse(ValueOf(headers, "if-unmodified-since"));
   const std::time_t modified_since = TansyBase::HttpDate::Parse(ValueOf(headers, "if-modified-since"));
   if (!match.empty()) {
-    if (!NamesTag(match, etag, EWeakTags::kNever)) {
+    if (!NamesTag(match, tags, EWeakTags::kNever)) {
       return ECondition::kFailed;
     }
   } else if (unmodified_since >= 0 && modified > unmodified_since) {
     return ECondition::kFailed;
   }
   if (!none_match.empty()) {
-    return NamesTag(none_match, etag, EWeakTags::kMatch) ? ECondition::kNotModified : ECondition::kMet;
+    return NamesTag(none_match, tags, EWeakTags::kMatch) ? ECondition::kNotModified : ECondition::kMet;
   }
   return modified_since >= 0 && modified <= modified_since ? ECondition::kNotModified : ECondition::kMet;
 }
 
-bool MayWrite(const LowerHeaders& headers, const std::string* etag) {
+bool MayWrite(const LowerHeaders& headers, const VersionTags* tags) {
   const std::string& match = ValueOf(headers, "if-match");
   const std::string& none_match = ValueOf(headers, "if-none-match");
-  const bool is_named = match.empty() || (etag != nullptr && NamesTag(match, *etag, EWeakTags::kNever));
-  return is_named && (none_match.empty() || etag == nullptr || !NamesTag(none_match, *etag, EWeakTags::kMatch));
+  const bool is_named = match.empty() || (tags != nullptr && NamesTag(match, *tags, EWeakTags::kNever));
+  return is_named && (none_match.empty() || tags == nullptr || !NamesTag(none_match, *tags, EWeakTags::kMatch));
 }
 
 }  // namespace Tansy::CloudStorage::S3

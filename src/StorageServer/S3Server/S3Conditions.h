@@ -29,12 +29,21 @@ AskedRange ReadRange(std::string_view header, std::uint64_t size);
 
 enum class ECondition { kMet, kNotModified, kFailed };
 
-// Compares the If- headers of a read with the object, in the order of RFC 9110. `etag` has no quotes.
-ECondition CheckConditions(const LowerHeaders& headers, std::string_view etag, std::time_t modified);
+// What a client may call one version of an object: its entity tag, and the one that listings show until that is known.
+// Both are without quotes.
+struct VersionTags {
+  std::string etag;
+  std::string stand_in;  // may be empty
 
-// Says whether the If- headers of a write let it take place. `etag` is that of the object that is there, without
-// quotes; null when there is none.
-bool MayWrite(const LowerHeaders& headers, const std::string* etag);
+  bool Has(std::string_view tag) const { return tag == etag || (!stand_in.empty() && tag == stand_in); }
+};
+
+// Compares the If- headers of a read with the object, in the order of RFC 9110.
+ECondition CheckConditions(const LowerHeaders& headers, const VersionTags& tags, std::time_t modified);
+
+// Says whether the If- headers of a write let it take place. `tags` are those of the object that is there; null when
+// there is none.
+bool MayWrite(const LowerHeaders& headers, const VersionTags* tags);
 
 }  // namespace Tansy::CloudStorage::S3
 

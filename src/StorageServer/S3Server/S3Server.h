@@ -46,6 +46,10 @@ struct FoundObject {
   // Gives the entity tag, without quotes. That of an object whose digest is not known yet is none: it has a dash in it,
   // which tells clients so.
   std::string ETag() const;
+  // Gives what listings showed for these bytes before their digest was known.
+  std::string StandInTag() const;
+  // Gives both, because a client may name what it found in a listing by the one or the other.
+  VersionTags Tags() const { return {ETag(), StandInTag()}; }
 };
 
 // A body that is stored, and that no row names yet.

@@ -228,7 +228,7 @@ Failure CS3Server::FindSource(FoundObject& source, const Request& request) {
     return failure;
   }
   const bool is_wanted =
-      CheckConditions(SourceConditions(request.headers), source.ETag(), source.modified) == ECondition::kMet;
+      CheckConditions(SourceConditions(request.headers), source.Tags(), source.modified) == ECondition::kMet;
   return is_wanted ? Failure() : EError::kPreconditionFailed;
 }
 

@@ -79,9 +79,10 @@ void AnswerNotModified(const Request& request, const FoundObject& object) {
 }  // namespace
 
 std::string FoundObject::ETag() const {
-  if (!attributes.etag.empty()) {
-    return attributes.etag;
-  }
+  return attributes.etag.empty() ? StandInTag() : attributes.etag;
+}
+
+std::string FoundObject::StandInTag() const {
   // The text is different for other bytes, because the url names them; it is hashed, because the url is the host's
   // secret.
   return ToHex(DigestOf(EDigest::kMd5, info.url + "\n" + std::to_string(info.size) + "\n" + info.update_time)) + "-1";
@@ -112,8 +113,10 @@ Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
 }
 
 Failure CS3Server::ReadAskedRange(AskedRange& range, const FoundObject& object, const Request& request) {
+  const VersionTags tags = object.Tags();
   const std::string& if_range = ValueOf(request.headers, "if-range");
-  const bool has_range = if_range.empty() || if_range == '"' + object.ETag() + '"' ||
+  const bool has_range = if_range.empty() || if_range == '"' + tags.etag + '"' ||
+                         if_range == '"' + tags.stand_in + '"' ||
                          TansyBase::HttpDate::Parse(if_range) == object.modified;
   range = has_range ? ReadRange(ValueOf(request.headers, "range"), object.info.size) : AskedRange{};
   if (range.kind == ERange::kUnsatisfied) {
@@ -137,7 +140,7 @@ bool CS3Server::FindToSend(FoundObject& object, AskedRange& range, const Request
     return false;
   }
   const ECondition condition =
-      failure ? ECondition::kMet : CheckConditions(request.headers, object.ETag(), object.modified);
+      failure ? ECondition::kMet : CheckConditions(request.headers, object.Tags(), object.modified);
   if (condition == ECondition::kNotModified) {
     AnswerNotModified(request, object);
     return false;

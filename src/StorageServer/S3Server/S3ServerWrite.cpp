@@ -82,8 +82,8 @@ CObjectStorageManager::MayAdd ConditionsOf(const LowerHeaders& headers) {
       return MayWrite(headers, nullptr);
     }
     const FoundObject object = {*there, FromText(attributes)};
-    const std::string etag = object.ETag();
-    return MayWrite(headers, &etag);
+    const VersionTags tags = object.Tags();
+    return MayWrite(headers, &tags);
   };
 }
 

@@ -45,7 +45,7 @@ constexpr const char* kBefore = "Thu, 23 May 2013 00:00:00 GMT";
 constexpr const char* kThen = "Fri, 24 May 2013 00:00:00 GMT";
 
 ECondition Check(const LowerHeaders& headers) {
-  return CheckConditions(headers, "abc", kModified);
+  return CheckConditions(headers, {"abc", ""}, kModified);
 }
 
 TEST(S3Conditions, ComparesEntityTags) {
@@ -58,6 +58,18 @@ TEST(S3Conditions, ComparesEntityTags) {
   EXPECT_EQ(Check({{"if-none-match", "W/\"abc\""}}), ECondition::kNotModified);
   EXPECT_EQ(Check({{"if-none-match", "*"}}), ECondition::kNotModified);
   EXPECT_EQ(Check({{"if-none-match", "\"x\""}}), ECondition::kMet);
+}
+
+TEST(S3Conditions, KnowsAVersionByEitherTag) {
+  const VersionTags tags{"abc", "def-1"};
+  for (const char* tag : {"\"abc\"", "\"def-1\"", "\"x\", \"def-1\""}) {
+    EXPECT_EQ(CheckConditions({{"if-match", tag}}, tags, kModified), ECondition::kMet) << tag;
+    EXPECT_EQ(CheckConditions({{"if-none-match", tag}}, tags, kModified), ECondition::kNotModified) << tag;
+    EXPECT_TRUE(MayWrite({{"if-match", tag}}, &tags)) << tag;
+    EXPECT_FALSE(MayWrite({{"if-none-match", tag}}, &tags)) << tag;
+  }
+  EXPECT_EQ(CheckConditions({{"if-match", "\"x-1\""}}, tags, kModified), ECondition::kFailed);
+  EXPECT_EQ(Check({{"if-match", "\"\""}}), ECondition::kFailed) << "without a stand-in there is no empty tag";
 }
 
 TEST(S3Conditions, ComparesTimes) {
@@ -74,7 +86,7 @@ TEST(S3Conditions, LetsTagsGoBeforeTimes) {
 }
 
 TEST(S3Conditions, LetAWriteTakePlaceOrNot) {
-  const std::string etag = "abc";
+  const VersionTags etag{"abc", ""};
   EXPECT_TRUE(MayWrite({}, nullptr));
   EXPECT_TRUE(MayWrite({}, &etag));
   EXPECT_TRUE(MayWrite({{"if-none-match", "*"}}, nullptr));

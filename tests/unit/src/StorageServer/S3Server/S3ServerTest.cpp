@@ -118,6 +118,31 @@ TEST_F(S3ServerTest, ComputesTheTagOfAnotherProtocolsObjectOnce) {
   EXPECT_EQ(KeptTags().size(), 4U);
 }
 
+// A client that reads what it found in a listing sends the tag of the listing along.
+TEST_F(S3ServerTest, KnowsAnObjectByTheTagThatListingsShowedFirst) {
+  for (const std::size_t size : {std::size_t{5}, 3 * kMebibyte}) {
+    const std::string key = "ours-" + std::to_string(size);
+    const std::string bytes = Pattern(size);
+    NewObject(bucket_, key, bytes);
+    const std::string listed = Values(List("prefix=" + key).body, "ETag").at(0);
+    const std::string tag = '"' + listed.substr(6, listed.size() - 12) + '"';  // without &quot;
+    ASSERT_TRUE(tag.ends_with("-1\"")) << tag;
+    const FakeAnswer got = GetKey(key, {{"If-Match", tag}});
+    EXPECT_EQ(got.response.status, 200) << "the digest is computed meanwhile";
+    EXPECT_TRUE(got.body == bytes);
+    EXPECT_EQ(got.response.headers.at("ETag"), Md5(bytes));
+    EXPECT_EQ(GetKey(key, {{"If-Match", tag}, {"Range", "bytes=1-2"}}).body, bytes.substr(1, 2));
+    EXPECT_EQ(GetKey(key, {{"If-Range", tag}, {"Range", "bytes=1-2"}}).body, bytes.substr(1, 2));
+    EXPECT_EQ(GetKey(key, {{"If-None-Match", tag}}).response.status, 304);
+    EXPECT_EQ(Outcome(PutKey("copy", "", {{"x-amz-copy-source", PathOf(key)}, {"x-amz-copy-source-if-match", tag}})),
+              "200");
+    EXPECT_EQ(Outcome(PutKey(key, "other", {{"If-Match", tag}})), "200");
+    EXPECT_EQ(Outcome(GetKey(key, {{"If-Match", tag}, {"Range", "bytes=3-4"}})), "412 PreconditionFailed")
+        << "these are other bytes";
+    EXPECT_EQ(Outcome(PutKey(key, "third", {{"If-Match", tag}})), "412 PreconditionFailed");
+  }
+}
+
 TEST_F(S3ServerTest, NeverKeepsTheTagOfBytesThatWereReplacedMeanwhile) {
   for (const std::size_t size : {std::size_t{5}, 3 * kMebibyte}) {
     const std::string before(size, 'a');
