@@ -46,7 +46,7 @@ CS3Link::CS3Link(const Settings& settings)
       secret_key_(settings.secret_key),
       region_(settings.s3_region) {}
 
-TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request) const {
+TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request, const std::string& region) const {
   TansyNet::CHttpClientRequest outgoing;
   outgoing.method = request.method;
   outgoing.url = address_.Url() + details::TargetOf(request);
@@ -55,7 +55,7 @@ TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request) const {
   outgoing.max_body_bytes = details::kMaxAnswerBytes;
   outgoing.send_timeout_ms = request.patience_ms;
   outgoing.receive_timeout_ms = request.patience_ms;
-  const S3Keys keys{access_key_, secret_key_, Region()};
+  const S3Keys keys{access_key_, secret_key_, region};
   for (const auto& [name, value] : SignedS3Headers(request, address_.HostAndPort(), keys)) {
     outgoing.headers.emplace(name, value);
   }
@@ -67,22 +67,39 @@ std::string CS3Link::Region() const {
   return region_;
 }
 
-bool CS3Link::LearnRegion(const LinkOutcome& outcome) const {
-  if (outcome.answer.status != 400 || outcome.ErrorCode() != "AuthorizationHeaderMalformed") {
+bool CS3Link::LearnRegion(const LinkOutcome& outcome, const std::string& signed_for) const {
+  if (outcome.answer.status != 400) {
     return false;
   }
-  TansyProto::CXmlProto xml;
-  const std::string region = xml.Parse(outcome.answer.body) ? xml.GetString("/Error/Region") : "";
+  std::string region;
+  if (outcome.answer.body.empty()) {  // that of a HEAD
+    region = outcome.answer.GetHeader("x-amz-bucket-region");
+  } else if (outcome.ErrorCode() == "AuthorizationHeaderMalformed") {
+    TansyProto::CXmlProto xml;
+    region = xml.Parse(outcome.answer.body) ? xml.GetString("/Error/Region") : "";
+  }
+  if (region.empty()) {
+    return false;
+  }
   const std::lock_guard lock(mutex_);
-  return !region.empty() && std::exchange(region_, region) != region;
+  region_ = region;
+  return region != signed_for;  // another thread may have learnt it meanwhile
+}
+
+void CS3Link::SendWithRegion(LinkOutcome& outcome, const std::function<void(const std::string& region)>& send) const {
+  const std::string region = Region();
+  send(region);
+  if (LearnRegion(outcome, region)) {
+    send(Region());
+  }
 }
 
 LinkOutcome CS3Link::Try(const S3Request& request) const {
   LinkOutcome outcome;
-  do {
+  SendWithRegion(outcome, [&](const std::string& region) {
     outcome = {};
-    TansyNet::HttpClient().Send(Signed(request), &outcome.answer, &outcome.error);
-  } while (LearnRegion(outcome));
+    TansyNet::HttpClient().Send(Signed(request, region), &outcome.answer, &outcome.error);
+  });
   if (outcome.IsAnswered()) {
     is_reached_ = true;
   }
@@ -123,11 +140,11 @@ LinkOutcome CS3Link::Stream(const S3Request& request,
       outcome.answer.body.append(data, size);
     }
   };
-  do {
+  SendWithRegion(outcome, [&](const std::string& region) {
     outcome = {};
     begun = false;
-    TansyNet::HttpClient().SendForBigRsp(Signed(request), piece);
-  } while (LearnRegion(outcome));
+    TansyNet::HttpClient().SendForBigRsp(Signed(request, region), piece);
+  });
   if (outcome.IsAnswered()) {
     is_reached_ = true;
   }

@@ -44,10 +44,13 @@ class CS3Link {
   bool IsReached() const { return is_reached_; }
 
  private:
-  TansyNet::CHttpClientRequest Signed(const S3Request& request) const;
+  TansyNet::CHttpClientRequest Signed(const S3Request& request, const std::string& region) const;
   std::string Region() const;
-  // Returns true when the answer names another region, which is used from now on.
-  bool LearnRegion(const LinkOutcome& outcome) const;
+  // Returns true when the answer names another region than that which the request was signed for; it is used from now
+  // on.
+  bool LearnRegion(const LinkOutcome& outcome, const std::string& signed_for) const;
+  // Calls `send` with the region, and once more when the server names another one.
+  void SendWithRegion(LinkOutcome& outcome, const std::function<void(const std::string& region)>& send) const;
 
   const ServerAddress address_;
   const std::string access_key_;

@@ -297,6 +297,11 @@ void AnswerFailure(const Recipient& to, const Failure& failure) {
   const std::string body = ErrorXml(failure, PercentDecode(to.url), to.id);
   TansyNet::HttpResponse response = MakeResponse(to, StatusOf(failure.error));
   response.content_type = kXmlType;
+  for (const auto& [name, value] : failure.details) {
+    if (name == "Region") {
+      response.headers["x-amz-bucket-region"] = value;  // the answer to a HEAD has no body that could say it
+    }
+  }
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(body.size()), body.data());
 }
 

@@ -2,8 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <chrono>
 #include <ctime>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "S3FakeDoor.h"
 #include "S3Listing.h"
@@ -15,6 +19,8 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using Tests::ScriptedAnswer;
+using Tests::ScriptedRequest;
 
 class S3LinkTest : public CS3FakeDoor {};
 
@@ -71,6 +77,54 @@ TEST_F(S3LinkTest, AsksForARegionOnceOnly) {
   const CS3Link link(SettingsOfDoor());
   EXPECT_THAT(FailureOf([&] { link.Request({.path = {"b", "k"}}, "thing"); }), HasSubstr("1 thing: "));
   EXPECT_EQ(server_.Requests().size(), 2u);
+}
+
+constexpr char kWrongRegion[] =
+    "<Error><Code>AuthorizationHeaderMalformed</Code><Message>x</Message><Region>eu-central-1</Region></Error>";
+
+TEST_F(S3LinkTest, LearnsTheRegionOnSeveralThreadsAtOnce) {
+  constexpr int kThreads = 4;
+  std::atomic<int> refused{0};
+  server_.Handle([&](const ScriptedRequest& request) {
+    if (request.Header("Authorization").find("/eu-central-1/s3/") != std::string::npos) {
+      return ScriptedAnswer{.status = 200};
+    }
+    // Nobody is refused before all have asked.
+    ++refused;
+    for (int waited = 0; refused < kThreads && waited < 1000; ++waited) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return ScriptedAnswer{.status = 400, .body = kWrongRegion};
+  });
+  const CS3Link link(SettingsOfDoor());
+  std::atomic<int> done{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] { done += IsDone(link.Try({.path = {"b", "k"}})) ? 1 : 0; });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(done, kThreads);
+  EXPECT_EQ(server_.Requests().size(), 2u * kThreads);
+}
+
+TEST_F(S3LinkTest, LearnsTheRegionFromAnAnswerWithoutABody) {
+  server_.Answer("HEAD /*", {.status = 400, .headers = {{"x-amz-bucket-region", "eu-central-1"}}});
+  server_.Answer("HEAD /*", {.status = 200});
+  EXPECT_TRUE(IsDone(CS3Link(SettingsOfDoor()).Try({.method = "HEAD", .path = {"b", "k"}})));
+  EXPECT_THAT(server_.Requests().back().Header("Authorization"), HasSubstr("/eu-central-1/s3/"));
+}
+
+TEST_F(S3LinkTest, DoesNotFollowRegionsForEver) {
+  int count = 0;
+  server_.Handle([&](const ScriptedRequest&) {
+    return ScriptedAnswer{.status = 400,
+                          .body = "<Error><Code>AuthorizationHeaderMalformed</Code><Region>r" +
+                                  std::to_string(++count % 2) + "</Region></Error>"};
+  });
+  EXPECT_FALSE(IsDone(CS3Link(SettingsOfDoor()).Try({.path = {"b", "k"}})));
+  EXPECT_EQ(count, 2);
 }
 
 TEST_F(S3LinkTest, ExplainsRefusals) {
