@@ -2,7 +2,9 @@
 
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <utility>
 
 #include "Failure.h"
 #include "LocalFile.h"
@@ -23,6 +25,13 @@ namespace {
 bool IsFolder(const std::string& path) {
   std::error_code ignored;
   return std::filesystem::is_directory(NativePath(path), ignored);
+}
+
+// Notes where one of several things goes. Throws CFailure when another one goes there too.
+void Claim(std::set<std::string>& targets, const std::string& target) {
+  if (!targets.insert(target).second) {
+    throw CFailure(kExitUsage, "two of these would go to " + Printable(target), "copy them one by one");
+  }
 }
 
 // Does one copy.
@@ -46,23 +55,31 @@ class CCopy {
 
   int ToServer(const TransferSettings& transfer_settings) {
     const S3Path target = ParseS3Path(target_);
+    // Everything is looked at before anything is sent.
+    std::vector<std::pair<std::string, S3Path>> folders;
     std::vector<Transfer> transfers;
-    int exit_code = kExitDone;
+    std::set<std::string> targets;
     for (const std::string& source : sources_) {
       if (IsS3Url(source)) {
         transfers.push_back(CopyOf(ParseS3Path(source), target));
+        Claim(targets, transfers.back().remote.Url());
       } else if (IsRecursive() && IsFolder(source)) {
-        const int done =
-            PutFolder(call_, settings_, source, sources_.size() > 1 ? target.Below(FolderName(source)) : target);
-        exit_code = exit_code != kExitDone ? exit_code : done;
+        folders.emplace_back(source, sources_.size() > 1 ? target.Below(FolderName(source)) : target);
+        Claim(targets, S3Path{target.bucket, FolderPrefix(folders.back().second.key)}.Url());
       } else if (IsFolder(source)) {
         throw CFailure(kExitUsage, Printable(source) + ": is a folder", "copy it with -r");
       } else {
-        LocalFileSize(source);  // finds what is no file before anything is sent
+        LocalFileSize(source);  // finds what is no file
         transfers.push_back({.kind = Transfer::EKind::kPut,
                              .remote = IsFolderTarget(target) ? target.Below(LastName(source)) : target,
                              .file = source});
+        Claim(targets, transfers.back().remote.Url());
       }
+    }
+    int exit_code = kExitDone;
+    for (const auto& [folder, below] : folders) {
+      const int done = PutFolder(call_, settings_, folder, below);
+      exit_code = exit_code != kExitDone ? exit_code : done;
     }
     const int done = CTransfers(call_.globals, link_, transfer_settings, nullptr, "cp").Run(transfers);
     return exit_code != kExitDone ? exit_code : done;
@@ -104,20 +121,28 @@ class CCopy {
       throw CFailure(kExitUsage, Printable(target_) + ": is no folder",
                      "several objects go into a folder: name one, or . for this one");
     }
+    if (IsSpecialFile(target_)) {
+      throw CFailure(kExitUsage, Printable(target_) + ": is a device or pipe", "'tansy get' writes into one");
+    }
     const std::string file = to_folder ? "" : FollowLink(target_);
-    CTargetFolder target(to_folder ? target_ : FolderOf(file));
     std::vector<Transfer> transfers;
+    std::set<std::string> targets;
     for (const std::string& source : sources_) {
       const S3Path path = ParseS3Path(source);
-      const RemoteObject object = Find(path);
       const std::string name = to_folder ? LocalNameOf(LastName(path.key)) : Utf8Path(NativePath(file).filename());
-      transfers.push_back({.kind = Transfer::EKind::kGet, .remote = path, .file = name, .object = object});
+      Claim(targets, name);
+      transfers.push_back({.kind = Transfer::EKind::kGet, .remote = path, .file = name, .object = {}});
     }
+    for (Transfer& transfer : transfers) {
+      transfer.object = Find(transfer.remote);
+    }
+    CTargetFolder target(to_folder ? target_ : FolderOf(file));
     return CTransfers(call_.globals, link_, transfer_settings, &target, "cp").Run(transfers);
   }
 
   int FoldersFromServer() {
-    int exit_code = kExitDone;
+    std::vector<std::pair<S3Path, std::string>> folders;
+    std::set<std::string> targets;
     for (const std::string& source : sources_) {
       const S3Path path = ParseS3Path(source);
       std::string folder = target_;
@@ -125,6 +150,11 @@ class CCopy {
         const std::string name = path.key.empty() ? path.bucket : LastName(path.key);
         folder += (folder.ends_with('/') ? "" : "/") + LocalNameOf(name);
       }
+      Claim(targets, folder);
+      folders.emplace_back(path, folder);
+    }
+    int exit_code = kExitDone;
+    for (const auto& [path, folder] : folders) {
       const int done = GetFolder(call_, settings_, path, folder);
       exit_code = exit_code != kExitDone ? exit_code : done;
     }

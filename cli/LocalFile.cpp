@@ -48,6 +48,11 @@ std::string FollowLink(const std::string& path) {
   return Utf8Path(real);
 }
 
+bool IsSpecialFile(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::is_other(NativePath(path), ignored);
+}
+
 CFailure FailureOfFile(const std::string& path, int error) {
   const std::string what = Printable(path) + ": " + HostSystem::ErrorText(error);
   if (error == EACCES || error == EPERM || error == EROFS) {

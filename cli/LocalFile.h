@@ -30,6 +30,9 @@ std::string FolderOf(const std::string& path);
 // Gives the file behind a link at `path`, else `path`. Throws CFailure.
 std::string FollowLink(const std::string& path);
 
+// Says whether `path` leads to something that is neither a file nor a folder: a device, a pipe, a socket.
+bool IsSpecialFile(const std::string& path);
+
 // Explains the errno value `error` for the file or folder `path`.
 CFailure FailureOfFile(const std::string& path, int error);
 

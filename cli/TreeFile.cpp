@@ -1,8 +1,10 @@
 #include "TreeFile.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <mutex>
 #include <set>
+#include <system_error>
 
 #include "Failure.h"
 #include "LocalFile.h"
@@ -25,6 +27,15 @@ Files& AllFiles() {
   return *files;
 }
 
+// A device or pipe must not become a file, because others rely on what it is. A link to one may be replaced.
+void RefuseSpecialFile(const std::string& path) {
+  std::error_code ignored;
+  if (std::filesystem::is_other(std::filesystem::symlink_status(NativePath(path), ignored))) {
+    throw CFailure(kExitFailed, Printable(path) + ": a device or pipe is in the way of a file of the same name",
+                   "choose another name");
+  }
+}
+
 CFailure Interrupted() {
   return {kExitInterrupted, "interrupted", ""};
 }
@@ -33,6 +44,7 @@ CFailure Interrupted() {
 }  // namespace details
 
 CTreeFile::CTreeFile(CTargetFolder& target, const std::string& name) : path_(target.PathOf(name)) {
+  details::RefuseSpecialFile(path_);
   const std::size_t slash = name.rfind('/');
   folder_ = target.OpenFolder(slash == std::string::npos ? "" : name.substr(0, slash));
   name_ = name.substr(slash + 1);
@@ -73,7 +85,8 @@ void CTreeFile::Commit() {
   if (files.removed) {
     throw details::Interrupted();
   }
-  file_.reset();  // some systems refuse to rename an open file
+  details::RefuseSpecialFile(path_);  // it may have come meanwhile
+  file_.reset();                      // some systems refuse to rename an open file
   error = folder_->Rename(hidden_name_, name_);
   if (error == EISDIR || error == EEXIST || error == ENOTEMPTY) {
     throw CFailure(kExitFailed, Printable(path_) + ": a folder is in the way of a file of the same name",

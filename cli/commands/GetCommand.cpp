@@ -30,12 +30,6 @@ bool IsFolder(const std::string& path) {
   return std::filesystem::is_directory(NativePath(path), ignored);
 }
 
-bool IsSpecialFile(const std::string& path) {
-  std::error_code ignored;
-  const std::filesystem::file_status status = std::filesystem::status(NativePath(path), ignored);
-  return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
-}
-
 // Gives the file into which an object goes: the file that was named, or a file with the object's own name in the folder
 // that was named, or here.
 std::string TargetOf(const std::string& file, const ObjectUrl& url) {

@@ -25,6 +25,18 @@ std::string Remove(const CommandCall& call, const Settings& settings, const std:
   return call.globals.quiet ? "" : "removed " + Printable(url.Path());
 }
 
+// With a bucket that is set, a mere name is elsewhere a key in it. It is never taken for a whole bucket here.
+S3Path ParseFolder(const std::string& word, const Settings& settings) {
+  S3Path folder = ParseS3Path(word);
+  if (folder.key.empty() && !IsS3Url(word) && !settings.pool.empty()) {
+    throw CFailure(kExitUsage,
+                   "\"" + Printable(word) + "\" could be a bucket, or a folder of the bucket " +
+                       Printable(settings.pool) + " that is set",
+                   "write " + folder.Url() + " or " + S3Path{settings.pool, folder.bucket}.Url());
+  }
+  return folder;
+}
+
 int RemoveFolders(const CommandCall& call, const Settings& settings) {
   if (call.Has("--bytes")) {
     throw CFailure(kExitUsage, "-r does not go with --bytes",
@@ -32,7 +44,7 @@ int RemoveFolders(const CommandCall& call, const Settings& settings) {
   }
   std::vector<S3Path> folders;
   for (const std::string& word : call.Arguments("URL")) {
-    folders.push_back(ParseS3Path(word));
+    folders.push_back(ParseFolder(word, settings));
   }
   int exit_code = kExitDone;
   for (const S3Path& folder : folders) {

@@ -1,6 +1,7 @@
 // The program as people run it, against a server that plays answers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -186,6 +187,9 @@ class ProgramTest : public testing::Test {
     return ended;
   }
 
+  // Makes the scripted server the S3 door too.
+  std::string DoorVariable() const { return "TANSY_S3_URL=http://" + server_.Address(); }
+
   std::mutex mutex_;  // guards what follows
   std::vector<std::pair<std::string, std::function<ScriptedAnswer(ScriptedAnswer)>>> spoils_;
 
@@ -354,6 +358,52 @@ TEST_F(ProgramTest, TellsSizesAndRemoves) {
   const Ended ended = Run("stat /photos/a");
   EXPECT_EQ(ended.code, 3);
   EXPECT_THAT(ended.err, HasSubstr("tansy: /photos/a: there is no such object"));
+}
+
+TEST_F(ProgramTest, TakesNoMereNameForAWholeBucketWhenABucketIsSet) {
+  for (const char* word : {"2026", "/2026", "2026/", "photos"}) {
+    const Ended ended = Run(std::string("--pool photos rm -r ") + word, DoorVariable());
+    EXPECT_EQ(ended.code, 2) << word;
+    EXPECT_THAT(ended.err, HasSubstr("could be a bucket, or a folder of the bucket photos"));
+  }
+  EXPECT_NE(Run("rm -r 2026", DoorVariable()).code, 2) << "no bucket is set";
+  server_.ClearRequests();
+  EXPECT_EQ(Run("--pool photos rm -r s3://a/b 2026", DoorVariable()).code, 2);
+  EXPECT_TRUE(server_.Requests().empty()) << "nothing is removed before all names are read";
+  Run("--pool photos rm -r s3://2026", DoorVariable());
+  EXPECT_EQ(Count("GET /2026?"), 1u) << "this can only be the bucket";
+}
+
+TEST_F(ProgramTest, CopiesNoTwoThingsToOneName) {
+  folder_.Write("2025/cat.jpg", "1");
+  folder_.Write("2026/cat.jpg", "2");
+  folder_.Write("2026/pics/a", "3");
+  folder_.Write("2025/pics/a", "4");
+  folder_.Write("here/x", "5");
+  for (const char* command :
+       {"cp 2025/cat.jpg 2026/cat.jpg s3://photos/", "cp -r 2025/cat.jpg 2026/pics 2025/pics s3://photos/p",
+        "put --resume 2025/cat.jpg 2026/cat.jpg s3://photos", "cp s3://a/cat.jpg s3://b/2026/cat.jpg here",
+        "cp -r s3://a/pics s3://b/pics here", "get -r a/pics b/pics here"}) {
+    server_.ClearRequests();
+    const Ended ended = Run(command, DoorVariable());
+    EXPECT_EQ(ended.code, 2) << command;
+    EXPECT_THAT(ended.err, HasSubstr("two of these would go to ")) << command;
+    EXPECT_TRUE(server_.Requests().empty()) << command;
+  }
+  EXPECT_EQ(folder_.Read("here/x"), "5");
+}
+
+TEST_F(ProgramTest, CopiesNothingInThePlaceOfADevice) {
+  const std::string pipe = folder_.Path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::filesystem::create_symlink("pipe", folder_.Path("link"));
+  for (const char* target : {"pipe", "link"}) {
+    const Ended ended = Run(std::string("cp s3://photos/a ") + target, DoorVariable());
+    EXPECT_EQ(ended.code, 2) << target;
+    EXPECT_THAT(ended.err, HasSubstr("is a device or pipe")) << target;
+  }
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+  EXPECT_TRUE(std::filesystem::is_symlink(folder_.Path("link")));
 }
 
 TEST_F(ProgramTest, ListsBuckets) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
@@ -55,6 +56,20 @@ TEST_F(TargetFolderTest, RefusesNamesThatCouldLeadOutOfTheFolder) {
         std::string("a\0b", 3), std::string("\x7f")}) {
     EXPECT_THROW(LocalNameOf(name), CFailure) << testing::PrintToString(name);
   }
+}
+
+TEST_F(TargetFolderTest, LeavesPipesAndDevicesAlone) {
+  std::filesystem::create_directories(folder_.Path("target"));
+  const std::string pipe = folder_.Path("target/pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_THAT(FailureOf("pipe"), HasSubstr("a device or pipe is in the way"));
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+  EXPECT_EQ(CountAll(), 2u);
+  CTargetFolder target(folder_.Path("target"));
+  CTreeFile file(target, "late");
+  ASSERT_EQ(mkfifo(folder_.Path("target/late").c_str(), 0600), 0);
+  EXPECT_THROW(file.Commit(), CFailure);
+  EXPECT_TRUE(std::filesystem::is_fifo(folder_.Path("target/late")));
 }
 
 TEST_F(TargetFolderTest, MakesTheFoldersOnTheWay) {
