@@ -212,6 +212,21 @@ TEST_F(CommandLineTreeTest, RemovesFoldersAndBuckets) {
   EXPECT_THAT(Failure(RunS3({"rb", "photos/x"})), StartsWith("2 tansy: "));
 }
 
+class CommandLineRegionTest : public CommandLineTreeTest {
+ protected:
+  CommandLineRegionTest() { launch_.arguments = {"--s3-region", "eu-1"}; }
+};
+
+TEST_F(CommandLineRegionTest, WorksWithAServerOfAnotherRegion) {
+  for (const char* name : {"tree/a", "tree/b", "tree/c", "tree/d"}) {
+    Write(name, name);
+  }
+  EXPECT_EQ(DoS3({"put", "-r", "tree"}).size(), 4u);
+  DoS3({"cp", "s3://photos/tree/a", "."});
+  EXPECT_EQ(Read("a"), "tree/a");
+  DoS3({"cp", "s3://photos/tree/a", "s3://photos/copy"});
+}
+
 TEST_F(CommandLineTreeTest, SaysWhatIsWrong) {
   Write("file", "1");
   EXPECT_THAT(Failure(RunS3({"cp", "file", "other"})), StartsWith("2 tansy: neither side is on the server\n"));
