@@ -1,9 +1,9 @@
 #include "LocalTree.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 
-#include "HostSystem/Files.h"
 #include "LocalFile.h"
 
 namespace Tansy::Cli {
@@ -16,9 +16,15 @@ void Walk(HostSystem::IFolder& folder, const std::string& path, const std::strin
     tree.failures.push_back(FailureOfFile(path + "/" + prefix, error));
     return;
   }
+  bool has_unknown = false;  // one failure says it for the whole folder
   for (const HostSystem::FolderEntry& entry : entries) {
     const std::string name = prefix + entry.name;
-    if (entry.is_folder) {
+    if (entry.error != 0) {
+      if (entry.error != ENOENT && !has_unknown) {
+        has_unknown = true;
+        tree.failures.push_back(FailureOfFile(path + "/" + name, entry.error));
+      }
+    } else if (entry.is_folder) {
       std::unique_ptr<HostSystem::IFolder> below;
       if (const int error = folder.OpenFolder(entry.name, below); error != 0) {
         tree.failures.push_back(FailureOfFile(path + "/" + name, error));
@@ -42,8 +48,12 @@ LocalTree WalkFolder(const std::string& path) {
   if (top == nullptr) {
     throw FailureOfFile(path, error);
   }
+  return WalkFolder(*top, path);
+}
+
+LocalTree WalkFolder(HostSystem::IFolder& top, const std::string& path) {
   LocalTree tree;
-  details::Walk(*top, path, "", tree);
+  details::Walk(top, path, "", tree);
   std::sort(tree.files.begin(), tree.files.end(),
             [](const LocalEntry& left, const LocalEntry& right) { return left.name < right.name; });
   std::sort(tree.skipped.begin(), tree.skipped.end());

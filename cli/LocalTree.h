@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Failure.h"
+#include "HostSystem/Files.h"
 
 namespace Tansy::Cli {
 
@@ -24,6 +25,8 @@ struct LocalTree {
 // Walks through a folder, and never through a link below it. Hidden files that a download of this program left behind
 // are left out. Throws CFailure when there is no folder at `path`, or when it cannot be opened.
 LocalTree WalkFolder(const std::string& path);
+// Walks through a folder that is open; failures name it by `path`.
+LocalTree WalkFolder(HostSystem::IFolder& top, const std::string& path);
 
 // Says whether a name is that of a file that a download keeps its bytes in until it is complete.
 bool IsOwnHiddenFile(const std::string& name);

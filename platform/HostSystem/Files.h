@@ -41,6 +41,7 @@ struct FolderEntry {
   bool is_file = false;  // false for links and devices too
   std::uint64_t size = 0;
   std::int64_t modified = 0;  // seconds since 1970
+  int error = 0;              // when it is not 0, only the name is known, for this reason
 };
 
 // A folder that is held open: it stays the same folder wherever its path leads later.

@@ -130,6 +130,8 @@ FolderEntry MakeEntry(int folder, const char* name) {
     entry.is_file = S_ISREG(info.st_mode);
     entry.size = static_cast<std::uint64_t>(info.st_size);
     entry.modified = info.st_mtime;
+  } else {
+    entry.error = errno;
   }
   return entry;
 }

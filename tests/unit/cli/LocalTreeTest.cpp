@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,6 +24,30 @@ std::vector<std::string> NamesOf(const LocalTree& tree) {
   }
   return names;
 }
+
+// A folder that gives what it is told and knows nothing else.
+class CToldFolder final : public HostSystem::IFolder {
+ public:
+  explicit CToldFolder(const std::vector<HostSystem::FolderEntry>& entries) : entries_(entries) {}
+
+  int List(std::vector<HostSystem::FolderEntry>& entries) override {
+    entries = entries_;
+    return 0;
+  }
+  int Create(const std::string&, std::unique_ptr<HostSystem::IFile>&) override { return ENOSYS; }
+  int OpenForReading(const std::string&, std::unique_ptr<HostSystem::IFile>&) override { return ENOSYS; }
+  int OpenForWriting(const std::string&, std::unique_ptr<HostSystem::IFile>&) override { return ENOSYS; }
+  int OpenFolder(const std::string&, std::unique_ptr<HostSystem::IFolder>&) override { return ENOSYS; }
+  int MakeFolder(const std::string&) override { return ENOSYS; }
+  int Rename(const std::string&, const std::string&) override { return ENOSYS; }
+  int Remove(const std::string&) override { return ENOSYS; }
+  int RemoveFolder(const std::string&) override { return ENOSYS; }
+  int GetRoom(std::uint64_t&, std::uint64_t&) override { return ENOSYS; }
+  int Sync() override { return ENOSYS; }
+
+ private:
+  const std::vector<HostSystem::FolderEntry> entries_;
+};
 
 TEST(LocalTreeTest, FindsFilesInAllFolders) {
   const Tests::CTempFolder folder;
@@ -61,6 +88,41 @@ TEST(LocalTreeTest, SaysWhatItCannotOpen) {
   const Tests::CTempFolder folder;
   EXPECT_THROW(WalkFolder(folder.Path("none")), CFailure);
   EXPECT_THROW(WalkFolder(folder.Write("file", "")), CFailure);
+}
+
+// What is not known is no link: a disk that fails must not look like a folder of links.
+TEST(LocalTreeTest, SaysWhatItCannotLookAt) {
+  CToldFolder folder({{.name = "a", .is_file = true, .size = 1},
+                      {.name = "b", .error = EIO},
+                      {.name = "c", .error = EIO},
+                      {.name = "vanished", .error = ENOENT}});
+  const LocalTree tree = WalkFolder(folder, "dir");
+  EXPECT_THAT(NamesOf(tree), ElementsAre("a 1"));
+  EXPECT_TRUE(tree.skipped.empty());
+  ASSERT_EQ(tree.failures.size(), 1u);
+  EXPECT_THAT(tree.failures[0].what(), testing::StartsWith("dir/b: "));
+}
+
+// Without the permission to search it, a folder tells the names of its files and nothing else.
+TEST(LocalTreeTest, SaysThatItCannotLookIntoAFolder) {
+  constexpr uid_t kNobody = 65534;
+  const Tests::CTempFolder folder;
+  folder.Write("a", "1");
+  folder.Write("closed/b", "1");
+  folder.Write("closed/c", "1");
+  std::filesystem::permissions(folder.GetPath(), std::filesystem::perms{0755});
+  std::filesystem::permissions(folder.Path("closed"), std::filesystem::perms{0444});
+  // The superuser may look into any folder, so the test is somebody else for a moment.
+  const uid_t before = geteuid();
+  ASSERT_TRUE(before != 0 || seteuid(kNobody) == 0);
+  const LocalTree tree = WalkFolder(folder.GetPath());
+  ASSERT_EQ(seteuid(before), 0);
+  std::filesystem::permissions(folder.Path("closed"), std::filesystem::perms{0755});
+  EXPECT_THAT(NamesOf(tree), ElementsAre("a 1"));
+  EXPECT_TRUE(tree.skipped.empty());
+  ASSERT_EQ(tree.failures.size(), 1u);
+  EXPECT_EQ(tree.failures[0].GetExitCode(), kExitDenied);
+  EXPECT_THAT(tree.failures[0].what(), testing::HasSubstr("/closed/"));
 }
 
 }  // namespace
