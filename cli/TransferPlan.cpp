@@ -110,7 +110,7 @@ TransferPlan PlanSyncDown(const LocalTree& tree, const S3Path& remote, const std
     plan.transfers.push_back(get);
   });
   for (const auto& [name, size] : here) {
-    if (remove && tree.failures.empty()) {
+    if (remove && tree.failures.empty() && plan.failures.empty()) {
       plan.transfers.push_back({.kind = Transfer::EKind::kRemoveFile, .remote = remote, .file = name});
     }
   }

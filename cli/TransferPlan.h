@@ -25,8 +25,9 @@ struct TransferPlan {
 TransferPlan PlanPuts(const std::string& folder, const LocalTree& tree, const S3Path& remote);
 // All objects.
 TransferPlan PlanGets(const std::vector<RemoteObject>& objects, const S3Path& remote);
-// What is missing or different on the other side. With `remove`, what only the other side has is removed there, except
-// what the walk could not look at: links, and everything when a folder could not be read.
+// What is missing or different on the other side. With `remove`, what only the other side has is removed there, after
+// the rest of the list. Links are not, because the walk does not look behind them. Nothing is when a folder could not
+// be read, or when the key of an object cannot be a local name: a local file may stand for that object.
 TransferPlan PlanSyncUp(const std::string& folder, const LocalTree& tree, const S3Path& remote,
                         const std::vector<RemoteObject>& objects, bool remove);
 TransferPlan PlanSyncDown(const LocalTree& tree, const S3Path& remote, const std::vector<RemoteObject>& objects,

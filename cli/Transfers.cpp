@@ -33,6 +33,10 @@ const char* NameOf(EKind kind) {
   return "remove";
 }
 
+bool IsRemoval(EKind kind) {
+  return kind == EKind::kRemoveObject || kind == EKind::kRemoveFile;
+}
+
 bool IsLocal(EKind kind) {
   return kind == EKind::kGet || kind == EKind::kRemoveFile;
 }
@@ -45,9 +49,24 @@ CTransfers::CTransfers(const Globals& globals, const CS3Link& link, const Transf
     : globals_(globals), link_(link), settings_(settings), target_(target), progress_(globals, what) {}
 
 int CTransfers::Run(const std::vector<Transfer>& transfers) {
+  std::vector<const Transfer*> others;
+  std::vector<const Transfer*> removals;
+  for (const Transfer& transfer : transfers) {
+    (details::IsRemoval(transfer.kind) ? removals : others).push_back(&transfer);
+  }
   // A single file has all connections for its parts; several files share them.
-  parts_at_once_ = transfers.size() > 1 ? std::max<std::size_t>(settings_.jobs / 2, 1) : settings_.jobs;
-  return ForEachNumber(transfers.size(), settings_.jobs, [&](std::size_t number) { return Do(transfers[number]); });
+  parts_at_once_ = others.size() > 1 ? std::max<std::size_t>(settings_.jobs / 2, 1) : settings_.jobs;
+  if (const int failed = RunAll(others); failed != kExitDone) {
+    if (!removals.empty() && !globals_.quiet) {
+      PrintNote("note: nothing was removed, because not everything could be carried");
+    }
+    return failed;
+  }
+  return RunAll(removals);
+}
+
+int CTransfers::RunAll(const std::vector<const Transfer*>& transfers) {
+  return ForEachNumber(transfers.size(), settings_.jobs, [&](std::size_t number) { return Do(*transfers[number]); });
 }
 
 // Returns the line to print.
@@ -157,9 +176,7 @@ std::string CTransfers::Report(const Transfer& transfer) const {
   if (globals_.quiet) {
     return "";
   }
-  const bool is_removal =
-      transfer.kind == Transfer::EKind::kRemoveObject || transfer.kind == Transfer::EKind::kRemoveFile;
-  return (is_removal ? "removed " : "") + Printable(subject);
+  return (details::IsRemoval(transfer.kind) ? "removed " : "") + Printable(subject);
 }
 
 int ReportLeftOut(const Globals& globals, const std::vector<std::string>& skipped,

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -38,9 +39,9 @@ class CSync {
 
   int Down(const S3Path& remote, const std::string& folder) {
     const std::vector<RemoteObject> objects = Objects(remote);
-    CheckSource(objects.empty(), remote.Url());
     const LocalTree tree = TreeAt(folder);
     const TransferPlan plan = PlanSyncDown(tree, remote, objects, Removes());
+    CheckSource(HasNothingToCarry(plan), remote.Url());
     std::optional<CTargetFolder> target;
     if (!call_.Has("--dry-run") || IsFolder(folder)) {
       target.emplace(folder);
@@ -64,6 +65,13 @@ class CSync {
     }
   }
 
+  // Objects that stand for folders only do not count. One whose key cannot be a local name does: it is a failure.
+  static bool HasNothingToCarry(const TransferPlan& plan) {
+    return plan.failures.empty() &&
+           std::none_of(plan.transfers.begin(), plan.transfers.end(),
+                        [](const Transfer& transfer) { return transfer.kind == Transfer::EKind::kGet; });
+  }
+
   static bool IsFolder(const std::string& path) {
     std::error_code ignored;
     return std::filesystem::is_directory(NativePath(path), ignored);
@@ -79,8 +87,9 @@ class CSync {
     const int done = transfers.Run(plan.transfers);
     std::vector<CFailure> failures = tree.failures;
     failures.insert(failures.end(), plan.failures.begin(), plan.failures.end());
-    if (!tree.failures.empty() && Removes() && !call_.globals.quiet) {
-      PrintNote("note: nothing was removed, because not all folders could be read");
+    if (!failures.empty() && Removes() && !call_.globals.quiet) {
+      PrintNote(tree.failures.empty() ? "note: nothing was removed, because not all names can be those of local files"
+                                      : "note: nothing was removed, because not all folders could be read");
     }
     const int left_out =
         ReportLeftOut(call_.globals, target == nullptr ? tree.skipped : std::vector<std::string>{}, failures);
@@ -115,8 +124,10 @@ CommandSpec SyncCommand() {
       "make one folder like another, here and on the server",
       "Copies from a local folder to one on the server, or back, what is missing there or different: another size, or "
       "other bytes by the digest that the server keeps. Times do not matter. Nothing is removed without --delete, and "
-      "nothing at all when a folder could not be read or the source is empty. Links and devices are left out. What is "
-      "there already is not carried again, so that a sync that was broken off goes on where it was.",
+      "nothing at all when the source is empty, a folder could not be read, or anything could not be carried. Links "
+      "and "
+      "devices are left out. What is there already is not carried again, so that a sync that was broken off goes on "
+      "where it was.",
       {{.name = "SOURCE", .help = "a local folder or s3://BUCKET/PREFIX", .complete = EComplete::kFiles},
        {.name = "TARGET", .help = "the other one", .complete = EComplete::kFiles}},
       WithTransferOptions({{"--delete", nullptr, "remove in the target what the source does not have"},

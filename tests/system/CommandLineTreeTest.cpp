@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "support/CommandLineFixture.h"
+#include "support/S3Curl.h"
 
 namespace system_tests {
 namespace {
@@ -185,6 +186,31 @@ TEST_F(CommandLineTreeTest, DeletesNothingForAnEmptySource) {
   EXPECT_THAT(Failure(RunS3({"sync", "--delete", "s3://typo", "tree"})), StartsWith("3 tansy: s3://typo: "));
   EXPECT_THAT(FilesBelow("tree"), ElementsAre("a"));
   EXPECT_THAT(DoS3({"ls", "-r", "photos"}), ElementsAre("t/a"));
+}
+
+// The server has what stands here under a name that sync does not write; and a mark of a folder is no content.
+TEST_F(CommandLineTreeTest, DeletesNothingThatItCouldNotBringBack) {
+  Write("tree/a\\b", "1");
+  Write("tree/good", "1");
+  DoS3({"sync", "tree", "s3://photos/t"});
+  Write("tree/extra", "1");
+  Ended ended = RunS3({"sync", "--delete", "s3://photos/t", "tree"});
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not all names can be those of local files\n"));
+  EXPECT_THAT(FilesBelow("tree"), ElementsAre("a\\b", "extra", "good"));
+  EXPECT_EQ(CS3Curl(server_).Put("/photos/marks/", "").status, 200);
+  EXPECT_THAT(Failure(RunS3({"sync", "--delete", "s3://photos/marks", "tree"})),
+              StartsWith("2 tansy: s3://photos/marks: is empty"));
+  EXPECT_THAT(FilesBelow("tree"), ElementsAre("a\\b", "extra", "good"));
+  // A file whose key is too long for the server cannot be put; what it may have been renamed from stays.
+  std::filesystem::remove(WorkPath("tree/good"));
+  Write("tree/" + std::string(250, 'x') + "/" + std::string(250, 'x') + "/" + std::string(250, 'x') + "/" +
+            std::string(250, 'x') + "/" + std::string(250, 'x'),
+        "1");
+  ended = RunS3({"sync", "--delete", "tree", "s3://photos/t"});
+  EXPECT_NE(ended.code, 0);
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not everything could be carried\n"));
+  EXPECT_THAT(DoS3({"ls", "-r", "photos/t/"}), ElementsAre("a\\b", "extra", "good"));
 }
 
 TEST_F(CommandLineTreeTest, LeavesLinksOutAndSaysSo) {

@@ -946,5 +946,97 @@ TEST_F(ProgramTest, SaysNothingWhenItsReaderHasEnough) {
   }
 }
 
+// `tansy sync --delete` between the folder "dir" and s3://photos/t.
+class SyncProgramTest : public ProgramTest {
+ protected:
+  // The keys are percent-encoded, and each object has one byte.
+  void List(const std::vector<std::string>& keys) {
+    std::string items;
+    for (const std::string& key : keys) {
+      items += "<Contents><Key>" + key + "</Key><Size>1</Size><ETag>\"tag\"</ETag></Contents>";
+    }
+    server_.Answer("GET /photos?*", {.body = "<ListBucketResult>" + items + "</ListBucketResult>"});
+  }
+
+  Ended Sync(const std::string& words) { return Run("sync --delete " + words, "TANSY_S3_URL=http://" + address_); }
+  Ended SyncUp() { return Sync("dir s3://photos/t"); }
+  Ended SyncDown() { return Sync("s3://photos/t dir"); }
+};
+
+TEST_F(SyncProgramTest, RemovesWhatIsGone) {
+  List({"t/", "t/new", "t/old"});
+  folder_.Write("dir/new", "12");
+  folder_.Write("dir/old", "12");
+  folder_.Write("dir/more", "1");
+  server_.Answer("GET /photos/t/*", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+  Ended ended = SyncDown();
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.out, "dir/new\ndir/old\nremoved dir/more\n");
+  EXPECT_FALSE(folder_.Exists("dir/more"));
+
+  folder_.Write("dir/new", "12");
+  std::filesystem::remove(folder_.Path("dir/old"));
+  server_.Answer("PUT /photos/t/new", {});
+  server_.Answer("DELETE /photos/t/old", {.status = 204});
+  ended = SyncUp();
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.out, "s3://photos/t/new\nremoved s3://photos/t/old\n");
+}
+
+TEST_F(SyncProgramTest, CountsASourceWithMarksOfFoldersOnlyAsEmpty) {
+  List({"t/", "t/sub/"});
+  folder_.Write("dir/a", "1");
+  const Ended ended = SyncDown();
+  EXPECT_EQ(ended.code, 2);
+  EXPECT_THAT(ended.err, HasSubstr("s3://photos/t: is empty"));
+  EXPECT_TRUE(folder_.Exists("dir/a"));
+}
+
+TEST_F(SyncProgramTest, RemovesNothingWhenANameCannotBeLocal) {
+  folder_.Write("dir/a\\b", "1");
+  folder_.Write("dir/c", "1");
+  server_.Answer("GET /photos/t/*", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+  List({"t/a%5Cb", "t/x"});
+  const Ended ended = SyncDown();
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_EQ(ended.out, "dir/x\n");
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not all names can be those of local files\n"));
+  EXPECT_TRUE(folder_.Exists("dir/a\\b"));
+  EXPECT_TRUE(folder_.Exists("dir/c"));
+}
+
+TEST_F(SyncProgramTest, RemovesNothingFromTheServerWhenAFileCouldNotBePut) {
+  List({"t/film"});
+  folder_.Write("dir/holiday", "1");
+  server_.Answer("PUT /photos/t/holiday", {.status = 403, .body = "<Error><Code>AccessDenied</Code></Error>"});
+  const Ended ended = SyncUp();
+  EXPECT_EQ(ended.code, 4);
+  EXPECT_EQ(ended.out, "");
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not everything could be carried\n"));
+  EXPECT_EQ(Count("DELETE"), 0u);
+}
+
+TEST_F(SyncProgramTest, RemovesNoFileWhenAnObjectCouldNotBeFetched) {
+  List({"t/holiday"});
+  folder_.Write("dir/film", "1");
+  server_.Answer("GET /photos/t/holiday", {.status = 403, .body = "<Error><Code>AccessDenied</Code></Error>"});
+  const Ended ended = SyncDown();
+  EXPECT_EQ(ended.code, 4);
+  EXPECT_EQ(ended.out, "");
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not everything could be carried\n"));
+  EXPECT_TRUE(folder_.Exists("dir/film"));
+}
+
+// A folder whose only file goes away must stay until its new file is there.
+TEST_F(SyncProgramTest, RemovesAFileOnlyWhenItsSuccessorIsThere) {
+  List({"t/sub/new"});
+  folder_.Write("dir/sub/old", "1");
+  server_.Answer("GET /photos/t/*", {.headers = {{"ETag", "\"tag\""}}, .body = "1", .delay_ms = 300});
+  const Ended ended = SyncDown();
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.out, "dir/sub/new\nremoved dir/sub/old\n");
+  EXPECT_EQ(folder_.Read("dir/sub/new"), "1");
+}
+
 }  // namespace
 }  // namespace Tansy::Cli

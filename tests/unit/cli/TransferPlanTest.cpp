@@ -96,5 +96,16 @@ TEST(TransferPlanTest, RemovesNothingThatTheWalkDidNotSee) {
   EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, {}, true)), IsEmpty());
 }
 
+// The server has what stands here under a name that no transfer may write.
+TEST(TransferPlanTest, RemovesNothingWhenAKeyCannotBeALocalName) {
+  const TransferPlan plan =
+      PlanSyncDown(Tree({{"a\\b", 1}, {"here", 1}}), kRemote, {Object("p/a\\b"), Object("p/x")}, true);
+  EXPECT_THAT(TextsOf(plan), ElementsAre("get s3://b/p/x x"));
+  EXPECT_EQ(plan.failures.size(), 1u);
+  EXPECT_THAT(TextsOf(PlanSyncDown(Tree({{"here", 1}}), kRemote, {Object("p//x")}, true)), IsEmpty());
+  EXPECT_THAT(TextsOf(PlanSyncUp("dir", Tree({{"a\\b", 1}}), kRemote, {Object("p/a\\b"), Object("p/x")}, true)),
+              ElementsAre("?put dir/a\\b s3://b/p/a\\b", "remove s3://b/p/x"));
+}
+
 }  // namespace
 }  // namespace Tansy::Cli
