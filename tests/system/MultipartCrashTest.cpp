@@ -16,6 +16,7 @@ using testing::HasSubstr;
 
 // A completion has fewer steps than this. Without the limit, the search might go on for ever.
 constexpr int kMostSteps = 60;
+constexpr int kMostRounds = 10;
 
 class MultipartCrashTest : public MultipartFixture, public testing::WithParamInterface<const char*> {
  protected:
@@ -43,7 +44,7 @@ class MultipartCrashTest : public MultipartFixture, public testing::WithParamInt
   // A task with all its parts, over an object that is there already or not.
   Target MakeTarget(int step, bool is_there) {
     Target target;
-    target.key = (is_there ? "old-" : "new-") + std::to_string(step);
+    target.key = (is_there ? "old-" : "new-") + std::to_string(round_) + "-" + std::to_string(step);
     target.parts = Parts(3, 5000, 700, static_cast<std::uint64_t>(step) * 2 + (is_there ? 1 : 0));
     if (is_there) {
       target.before = "what " + target.key + " was before";
@@ -128,6 +129,7 @@ class MultipartCrashTest : public MultipartFixture, public testing::WithParamInt
   const std::vector<std::string> parted_ = Parts(3, 8000, 300, 2);
   std::vector<Target> done_;
   bool acknowledged_ = false;
+  int round_ = 0;
   int seen_old_ = 0;
   int seen_new_ = 0;
 };
@@ -137,8 +139,11 @@ TEST_P(MultipartCrashTest, EveryChangeOfACompletionMayBeTheLast) {
     SCOPED_TRACE(is_there ? "over an object" : "of a new object");
     seen_old_ = 0;
     seen_new_ = 0;
-    // The bytes, the first part's file, the object's row, the task's rows, each at least once.
-    EXPECT_GE(DieEverywhere(is_there), 4);
+    // Other threads change files too, so the number of the change behind the object differs: a round may miss it.
+    for (int tries = 0; tries < kMostRounds && seen_new_ == 0 && !HasFailure(); ++tries, ++round_) {
+      // The bytes, the first part's file, the object's row, the task's rows, each at least once.
+      EXPECT_GE(DieEverywhere(is_there), 4);
+    }
     EXPECT_GT(seen_old_, 0) << "no end before the object";
     EXPECT_GT(seen_new_, 0) << "no end behind the object";
   }
