@@ -22,6 +22,10 @@ using TaskPointer = std::unique_ptr<CTask>;
 // allocates nothing: stopping a loop must work without memory too.
 using TaskQueue = std::list<TaskPointer>;
 
+// A thread without work looks so many times for the next task before it sleeps, and lets others run in between. Waking
+// it costs the poster more than that, and while a server is busy the next task is there at the first look.
+constexpr int kLooksBeforeSleep = 8;
+
 // True while the thread is in a CBlockingScope that took effect.
 thread_local bool g_gave_up_place = false;
 
@@ -75,6 +79,7 @@ struct CMessageLoopDyThreadPool::Impl {
   std::size_t computing = 0;            // threads that run a task and are in no CBlockingScope
   std::size_t visitors = 0;             // other threads that run a task here; they compute too
   std::size_t blocked = 0;              // threads in a CBlockingScope that gave up their place
+  std::size_t lookers = 0;              // threads that look for work and do not sleep yet
   std::size_t sleepers = 0;             // threads that wait for work
   std::size_t signals = 0;              // sleepers that have been woken but have not taken their task yet
   std::list<std::thread> threads;       // threads that run
@@ -96,6 +101,7 @@ struct CMessageLoopDyThreadPool::Impl {
   bool GiveUpPlace() noexcept;
   void TakePlaceBack() noexcept;
   void RunThread(std::list<std::thread>::iterator self);
+  bool LookForTask(std::unique_lock<std::mutex>& lock);
   bool Sleep(std::unique_lock<std::mutex>& lock);
   void Drop(TaskQueue& tasks);
   std::list<std::thread> TakeAllThreads();
@@ -105,13 +111,13 @@ thread_local CMessageLoopDyThreadPool::Impl* CMessageLoopDyThreadPool::Impl::of_
 
 // Returns true when tasks wait for which no sleeping thread has been woken and no other thread will be free soon.
 bool CMessageLoopDyThreadPool::Impl::WantsMoreThreads() const {
-  return queue.size() > sleepers && threads.size() < max_threads + blocked;
+  return queue.size() > sleepers + lookers && threads.size() < max_threads + blocked;
 }
 
 // Returns true when a sleeping thread should be woken for a task; the caller must then do so. Threads that were woken
-// will compute soon, so they count as if they did.
+// will compute soon, so they count as if they did. A task that somebody who looks will find needs nobody else.
 bool CMessageLoopDyThreadPool::Impl::TakeSleeper() {
-  if (sleepers == signals || computing + signals >= max_threads) {
+  if (sleepers == signals || computing + signals >= max_threads || queue.size() <= lookers) {
     return false;
   }
   ++signals;
@@ -144,7 +150,7 @@ void CMessageLoopDyThreadPool::Impl::RunThread(std::list<std::thread>::iterator 
       RunNext(lock);
     } else if (state == State::kStopped && (queue.empty() || computing > visitors)) {
       return;  // threads of the loop that compute run what is left
-    } else if (!Sleep(lock)) {
+    } else if (!LookForTask(lock) && !Sleep(lock)) {
       left_threads.splice(left_threads.end(), threads, self);
       return;
     }
@@ -227,6 +233,22 @@ void CMessageLoopDyThreadPool::Impl::TakePlaceBack() noexcept {
   const std::lock_guard lock(mutex);
   --blocked;
   ++computing;
+}
+
+// Returns true when there is something to do, or the loop was stopped meanwhile. The last look and the begin of a sleep
+// are under one lock, so nothing happens in between that nobody notices.
+bool CMessageLoopDyThreadPool::Impl::LookForTask(std::unique_lock<std::mutex>& lock) {
+  const State before = state;
+  bool has_found = false;
+  ++lookers;
+  for (int looks = 0; looks < kLooksBeforeSleep && !has_found && state == before; ++looks) {
+    lock.unlock();
+    std::this_thread::yield();
+    lock.lock();
+    has_found = MayStartTask();
+  }
+  --lookers;
+  return has_found || state != before;
 }
 
 // Waits until it is woken, perhaps for nothing. Returns false when the thread has to leave because there has been no

@@ -305,6 +305,22 @@ TEST_F(MessageLoop, NoWakeUpIsLostToAThreadThatWasQuicker) {
   }
 }
 
+// Each task comes at another moment of the way from the end of the one before to the sleep.
+TEST_F(MessageLoop, NoTaskIsLeftToAThreadThatFallsAsleep) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  const auto end = std::chrono::steady_clock::now() + 60s;
+  for (int posted = 1; posted <= 20000; ++posted) {
+    ASSERT_TRUE(PostCounted());
+    while (runs_ < posted) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << "task " << posted;
+      std::this_thread::yield();
+    }
+    for (int i = 0; i < posted % 64; ++i) {
+      std::this_thread::yield();
+    }
+  }
+}
+
 TEST_F(MessageLoop, ManyPostersLoseNothing) {
   ASSERT_TRUE(loop_.Start(1, 4, 0));
   std::vector<std::thread> posters;
