@@ -58,7 +58,7 @@ seconds=$($quick && echo 1 || echo 3)
 [[ $runs =~ ^[1-9][0-9]*$ ]] || { echo "bench: --runs $runs is no number" >&2; exit 2; }
 
 PATH=$PATH:/usr/sbin # where Debian keeps nginx
-for part in bench/lib/*.sh bench/rows/{small,large,pictures,client,many,s3}.sh; do
+for part in bench/lib/*.sh bench/rows/{small,large,pictures,client,many,s3,rclone,cluster,gateway}.sh; do
   # shellcheck source=/dev/null
   source "$part"
 done
@@ -95,6 +95,7 @@ memory=$(mktemp -d /dev/shm/tansy-bench-XXXXXX)
 mkdir -p "$disk/servers" "$disk/requests" "$disk/results"
 clean_up() {
   stop_all_servers
+  stop_services
   rm -rf "$disk" "$memory"
 }
 trap clean_up EXIT

@@ -11,6 +11,20 @@ field() { # NAME LINE
   return 1
 }
 
+# Signs lines METHOD PATH of standard input for $server's S3 port. That signature covers the port and the time, so each run signs
+# its own. Prints the name of the file.
+s3_signed() { # NAME
+  local url file=$server/requests-$1
+  url=$(<"$server/s3_url")
+  "$tansy_load" sign s3 "${url#http://}" >"$file" || return 1
+  echo "$file"
+}
+
+# The same as request_file by the S3 protocol.
+s3_requests() { # METHOD PREFIX FIRST LAST
+  seq -f "$1 /bench/$2-%06.0f" "$3" "$4" | s3_signed "$1-$2-$3-$4"
+}
+
 # Signed requests METHOD /bench/PREFIX-NNNNNN, FIRST to LAST, in a file that is made once. Prints its name.
 request_file() { # METHOD PREFIX FIRST LAST [header|link]
   local file=$disk/requests/$1-$2-$3-$4-${5:-header}
@@ -59,14 +73,15 @@ same_security() { # LINE
 
 # wrk with requests that were signed before. Prints the line of bench/wrk/requests.lua.
 wrk_load() { # URL CONNECTIONS SECONDS REQUESTS once|cycle [BODY_FILE [named]]
-  local threads=2 lines
+  local threads=2 lines output=$disk/wrk.$BASHPID.out
   (($2 > 1)) || threads=1
   wrk -t"$threads" -c"$2" -d"$3s" --timeout 20s -s bench/wrk/requests.lua "$1" -- "$4" "$5" "$threads" "${@:6}" \
-    >"$disk/wrk.out" || { cat "$disk/wrk.out" >&2; return 1; }
-  lines=$(grep '^requests=' "$disk/wrk.out") || { cat "$disk/wrk.out" >&2; return 1; }
+    >"$output" || { cat "$output" >&2; return 1; }
+  lines=$(grep '^requests=' "$output") || { cat "$output" >&2; return 1; }
   if (($(field errors "$lines") > 0)); then
-    cat "$disk/wrk.out" >&2
+    cat "$output" >&2
   fi
+  rm -f "$output"
   echo "$lines"
 }
 

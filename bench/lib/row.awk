@@ -44,10 +44,11 @@ function pair(key, factor) {
   return figure(1, key, factor) " / " figure(2, key, factor)
 }
 
-# Splits "field>=1.0" into goal_field, goal_sign and goal_limit.
+# Splits "field>=1.0" into goal_field, goal_sign and goal_limit. "field/>=1.0" is about the ratio.
 function parse(goal) {
   match(goal, /[<>]=/)
   goal_field = substr(goal, 1, RSTART - 1)
+  goal_is_ratio = sub(/\/$/, "", goal_field)
   goal_sign = substr(goal, RSTART, 2)
   goal_limit = substr(goal, RSTART + 2) + 0
 }
@@ -68,7 +69,7 @@ END {
     pair("p99", 1000), pair("cpu", 1), pair("peak", 1)
   for (g = 2; g <= goal_count; ++g) {
     parse(goal_list[g])
-    m = median(1, goal_field)
+    m = goal_is_ratio ? median_ratio(goal_field) : median(1, goal_field)
     printf "  %-20s %7s  %-8s %-4s\n", goal_field, sprintf(m >= 100 ? "%.0f" : "%.2f", m), goal_sign " " goal_limit, verdict(m)
   }
 }

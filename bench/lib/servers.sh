@@ -17,42 +17,50 @@ free_ports() {
 
 place_folder() { # disk|memory
   case $1 in
-    disk) echo "$disk" ;;
+    disk | postgres | rados | postgres-rados) echo "$disk" ;;
     memory) echo "$memory" ;;
     *) fail "no such place: $1" ;;
   esac
 }
 
 # Makes sure that a server runs, and sets $server to the folder that describes it.
-#   CONTENDER    tansyd, against or nginx
-#   PLACE        disk or memory
+#   CONTENDER    tansyd, against, nginx, webdav (nginx with what rclone asks for), gateway (Ceph's), or plain: the tansyd of a row
+#                beside itself on its own disk
+#   PLACE        disk or memory; of tansyd also postgres, rados or postgres-rados, its rows and bytes then being there
 #   DURABILITY   full or fast; nginx has one only
 #   TAG          rows with different tags have servers of their own
 use_server() { # CONTENDER PLACE DURABILITY [TAG]
+  if [[ $1 == plain ]]; then
+    use_server tansyd disk "${@:3}"
+    return
+  fi
   server=$disk/servers/$1-$2-$3-${4:-shared}
   [[ $1 != nginx ]] || server=$disk/servers/nginx-$2-${4:-shared}
   [[ ! -e $server/url ]] || return 0
   rm -rf "$server"
   mkdir -p "$server"
-  local data
+  local data backend
   data=$(place_folder "$2")/data-$(basename "$server")
   rm -rf "$data"
   echo "$data" >"$server/data"
+  choose_backend "$2"
   case $1 in
-    tansyd) start_tansyd "$tansyd" "$data" "$3" ;;
-    against) start_tansyd "$against" "$data" "$3" ;;
+    tansyd) start_tansyd "$tansyd" "$data" "$3" "${backend[@]}" ;;
+    against) start_tansyd "$against" "$data" "$3" "${backend[@]}" ;;
     nginx) start_nginx "$data" ;;
+    webdav) start_nginx "$data" webdav ;;
+    gateway) start_gateway ;;
     *) fail "no such server: $1" ;;
   esac
 }
 
 # tansyd runs as it comes; only ports and folder are said, and durability where a row is about it.
-start_tansyd() { # PROGRAM DATA DURABILITY
+start_tansyd() { # PROGRAM DATA DURABILITY [OPTION...]
   local port durability=()
   port=$(free_ports)
   [[ $3 == full ]] || durability=(--durability "$3")
   "$1" --data "$2" --listen 127.0.0.1 --object-port "$port" --object-https-port $((port + 1)) --picture-port $((port + 2)) \
-    --picture-https-port $((port + 3)) --s3-port $((port + 4)) --s3-https-port 0 "${durability[@]}" >"$server/out" 2>"$server/log" </dev/null &
+    --picture-https-port $((port + 3)) --s3-port $((port + 4)) --s3-https-port 0 "${durability[@]}" "${@:4}" >"$server/out" 2>"$server/log" </dev/null &
   echo $! >"$server/pid"
   disown
   wait_for_line "$server/out" '^tansyd ready' || { tail -5 "$server/log" >&2; fail "tansyd does not start: $1"; return 1; }
@@ -75,14 +83,19 @@ wait_for_line() { # FILE PATTERN
   return 1
 }
 
-# nginx as its own users tune it.
-start_nginx() { # DATA
-  local port user=''
+# nginx as its own users tune it. With "webdav" it also lists folders and makes them, which rclone asks for.
+start_nginx() { # DATA [webdav]
+  local port user='' module='' methods='dav_methods PUT DELETE;'
+  if [[ -n ${2:-} ]]; then
+    module='load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;'
+    methods='dav_methods PUT DELETE MKCOL COPY MOVE; dav_ext_methods PROPFIND OPTIONS; create_full_put_path on;'
+  fi
   port=$(free_ports)
   mkdir -p "$1/files/bench" "$1/temporary"
   ((EUID != 0)) || user='user root;'
   certificate "$disk/nginx-certificate"
   cat >"$server/nginx.conf" <<CONF
+$module
 $user
 worker_processes auto;
 pid $server/nginx.pid;
@@ -114,7 +127,7 @@ http {
     listen 127.0.0.1:$port reuseport backlog=4096;
     listen 127.0.0.1:$((port + 1)) ssl reuseport backlog=4096;
     root $1/files;
-    location / { dav_methods PUT DELETE; }
+    location / { $methods }
   }
 }
 CONF

@@ -5,10 +5,11 @@
 # ARGUMENTS..., which prints one record, and finish_F CONTENDER ARGUMENTS... (may be missing).
 #
 # The first goal is about the ratio of a field, that of tansyd divided by that of the other; the ratio is taken for each
-# pair of neighbouring runs, and the median counts. Further goals are about tansyd's own median of a field.
+# pair of neighbouring runs, and the median counts. Further goals are about tansyd's own median of a field, or with "FIELD/" about
+# another ratio.
 
 row_names=()
-declare -A row_other row_goals row_call row_text
+declare -A row_other row_goals row_call row_text row_packages
 
 add_row() { # NAME OTHER GOALS CALL TEXT
   row_names+=("$1")
@@ -16,6 +17,11 @@ add_row() { # NAME OTHER GOALS CALL TEXT
   row_goals[$1]=$3
   row_call[$1]=$4
   row_text[$1]=$5
+}
+
+# Packages of Debian that a row needs beside those of all rows.
+row_needs() { # NAME PACKAGE...
+  row_packages[$1]=${*:2}
 }
 
 list_rows() {

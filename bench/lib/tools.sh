@@ -1,11 +1,15 @@
 # What the harness needs on this machine, and the programs that it builds.
 
-# Packages of Debian. nginx-core has the DAV module; Debian starts its own nginx with the package, which the harness does
-# not use.
+# Packages of Debian that every row may need; the build brings PostgreSQL and Ceph, because the tests need them. nginx-core has the DAV
+# module; Debian starts its own nginx with the package, which the harness does not use.
 bench_packages=(wrk nginx-core fio sqlite3 curl openssl)
 
 missing_packages() {
-  local package state
+  local package state name
+  for name in "${chosen[@]}"; do
+    # shellcheck disable=SC2206
+    bench_packages+=(${row_packages[$name]:-})
+  done
   for package in "${bench_packages[@]}"; do
     state=$(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null || true)
     [[ $state == ii* ]] || echo "$package"

@@ -44,6 +44,9 @@ struct HoldOptions {
 // one of them by then.
 void RunHold(const HoldOptions& options);
 
+// Prints how many microseconds the MD5 digest of so many bytes takes on one processor.
+void RunDigest(std::uint64_t size);
+
 }  // namespace TansyBench
 
 #endif  // TANSY_BENCH_COMMANDS_H

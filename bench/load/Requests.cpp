@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -125,10 +126,12 @@ class CSigner {
     return target + "&token=" + InQuery(Base64(reinterpret_cast<const unsigned char*>(token.data()), token.size()));
   }
 
-  // Version 4; paths need no encoding.
+  // Version 4; paths need no encoding, and parameters come in the order of their names.
   std::string S3Authorization(const std::string& method, const std::string& path) const {
     const std::string names = "host;x-amz-content-sha256;x-amz-date";
-    const std::string canonical = method + "\n" + path + "\n\nhost:" + host_ +
+    const std::size_t end = std::min(path.find('?'), path.size());
+    const std::string query = path.substr(std::min(end + 1, path.size()));
+    const std::string canonical = method + "\n" + path.substr(0, end) + "\n" + query + "\nhost:" + host_ +
                                   "\nx-amz-content-sha256:UNSIGNED-PAYLOAD\nx-amz-date:" + s3_time_ + "\n\n" + names +
                                   "\nUNSIGNED-PAYLOAD";
     const std::string day = s3_time_.substr(0, 8);

@@ -25,6 +25,8 @@ constexpr char kUsage[] =
     "       tansy_load content PATH BYTES                                     the content of an object\n"
     "       tansy_load run URL REQUESTS CONNECTIONS BYTES [SECONDS|once|verify [BODY_FILE]]\n"
     "       tansy_load multipart URL PATH BYTES PART_BYTES CONNECTIONS\n"
+    "       tansy_load digest BYTES                                           microseconds for the MD5 digest of so "
+    "much\n"
     "       tansy_load hold URL REQUESTS IDLE HEADS BODIES READERS            until standard input ends\n";
 
 unsigned Number(const std::string& text) {
@@ -77,6 +79,8 @@ bool Run(const std::vector<std::string>& words) {
     RunRequests(ParseRun(words));
   } else if (command == "multipart" && words.size() == 6) {
     RunMultipart({words[1], words[2], std::stoull(words[3]), std::stoull(words[4]), Number(words[5])});
+  } else if (command == "digest" && words.size() == 2) {
+    RunDigest(std::stoull(words[1]));
   } else if (command == "hold" && words.size() == 7) {
     RunHold({words[1], words[2], Number(words[3]), Number(words[4]), Number(words[5]), Number(words[6])});
   } else {

@@ -50,7 +50,7 @@ prepare_small_put() { # CONTENDER PLACE DURABILITY
 }
 
 finish_small_put() { # CONTENDER PLACE DURABILITY
-  [[ $2 != memory ]] || stop_tagged "put-$2-$3"
+  [[ $2 == disk ]] || stop_tagged "put-$2-$3"
 }
 
 add_row put-4k-fast-mem nginx 'rate>=0.8' 'small_put memory fast' \
@@ -75,19 +75,19 @@ add_row put-4k-full fio 'rate>=3' small_full \
   'PUT of 4 KiB under new names, 64 connections, durability full, against one thread that writes 4 KiB and calls fdatasync'
 
 # Overwrites of 1,000 names with full durability.
-prepare_overwrite() { # CONTENDER
+prepare_overwrite() { # CONTENDER [PLACE]
   need_ext4
   [[ $1 != fio ]] || return 0
-  use_server "$1" disk full overwrite
+  use_server "$1" "${2:-disk}" full overwrite
   store_objects over 1000 $small_bytes 64
 }
 
-run_overwrite() { # CONTENDER RUN
+run_overwrite() { # CONTENDER RUN [PLACE]
   if [[ $1 == fio ]]; then
     run_fio
     return
   fi
-  use_server "$1" disk full overwrite
+  use_server "$1" "${3:-disk}" full overwrite
   settle
   measured overwrite_load "$seconds"
   check_some over 1000 $small_bytes
@@ -104,17 +104,17 @@ add_row overwrite-4k-full fio 'rate>=2' overwrite 'PUT of 4 KiB over 1,000 names
 # Removals: each run stores its objects first, which is not measured.
 removals=$((4000 * seconds))
 
-prepare_remove() { # CONTENDER
+prepare_remove() { # CONTENDER [PLACE]
   need_ext4
-  [[ $1 == fio ]] || use_server "$1" disk full remove
+  [[ $1 == fio ]] || use_server "$1" "${2:-disk}" full remove
 }
 
-run_remove() { # CONTENDER RUN
+run_remove() { # CONTENDER RUN [PLACE]
   if [[ $1 == fio ]]; then
     run_fio
     return
   fi
-  use_server "$1" disk full remove
+  use_server "$1" "${3:-disk}" full remove
   local names=$disk/requests/remove-small-$2
   store_objects "remove$2" $removals $small_bytes 64
   [[ -e $names ]] || seq -f "DELETE /bench/remove$2-%06.0f?deletefile" 1 $removals | "$tansy_load" sign header >"$names"

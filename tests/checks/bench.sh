@@ -20,7 +20,7 @@ rows=$(bench/run.sh --list) || complain "--list fails"
 (
   set -euo pipefail
   quick=false seconds=1 runs=1 against=''
-  for part in bench/lib/*.sh bench/rows/{small,large,pictures,client,many}.sh; do
+  for part in bench/lib/*.sh bench/rows/{small,large,pictures,client,many,s3,rclone,cluster,gateway}.sh; do
     source "$part"
   done
   for name in "${row_names[@]}"; do
@@ -47,6 +47,8 @@ expect 'some-row 2.00 >= 1.5 yes 200.0 / 100.0 req/s 3.000 / 2.000 - 20.0 / - -'
 expect 'some-row 2.00 >= 2.5 NO ' "$(row 'rate>=2.5')"
 expect 'some-row 2.00 <= 1.9 NO ' "$(row 'p50<=1.9')"
 expect ' cpu 20.00 <= 30 yes' "$(row 'rate>=1.5 cpu<=30')"
+expect ' p50 2.00 <= 2.5 yes' "$(row 'rate>=1.5 p50/<=2.5')"
+expect ' p50 2.00 <= 1.9 NO' "$(row 'rate>=1.5 p50/<=1.9')"
 expect ' cpu 20.00 <= 15 NO' "$(row 'rate>=1.5 cpu<=15')"
 
 ((failures == 0)) && echo "bench: $(wc -l <<<"$rows") rows can be read"
