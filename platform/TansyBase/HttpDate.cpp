@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-
-#include "TansyBase/StringUtil.h"
+#include <string>
 
 namespace TansyBase {
 namespace {
@@ -33,7 +33,7 @@ struct Fields {
 };
 
 bool Split(std::string_view text, Fields& fields) {
-  if (text.size() > kMaxDateBytes) {
+  if (text.empty() || text.size() > kMaxDateBytes) {
     return false;
   }
   const std::string date(text);
@@ -42,6 +42,16 @@ bool Split(std::string_view text, Fields& fields) {
   const int found = std::sscanf(date.c_str(), "%3[A-Za-z],%2u %3[A-Za-z] %4d %2u:%2u:%2u GMT%n", weekday, &fields.day,
                                 fields.month, &fields.year, &fields.hour, &fields.minute, &fields.second, &length);
   return found == 7 && static_cast<std::size_t>(length) == text.size();
+}
+
+// The same as "%0*d", without looking at a format for each answer that has a date.
+void AppendNumber(std::string& text, int number, std::size_t width) {
+  const std::string digits = std::to_string(std::abs(number));
+  if (number < 0) {
+    text += '-';
+    --width;
+  }
+  text.append(width - std::min(width, digits.size()), '0').append(digits);
 }
 
 unsigned int MonthNumber(const char* name) {
@@ -61,12 +71,19 @@ std::string HttpDate::Format(std::time_t time, char padding) {
   const std::chrono::year_month_day date(day);
   const std::chrono::hh_mm_ss<std::chrono::seconds> clock(instant - day);
   const unsigned int day_of_month = static_cast<unsigned int>(date.day());
-  const std::string number =
-      (day_of_month < 10 ? std::string(1, padding) : std::string()) + std::to_string(day_of_month);
-  return StringUtil::str_fmt("%s, %s %s %04d %02d:%02d:%02d GMT", kWeekdays.at(std::chrono::weekday(day).c_encoding()),
-                             number.c_str(), kMonths.at(static_cast<unsigned int>(date.month()) - 1),
-                             static_cast<int>(date.year()), static_cast<int>(clock.hours().count()),
-                             static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
+  std::string text;
+  text.reserve(kMaxDateBytes);
+  text.append(kWeekdays.at(std::chrono::weekday(day).c_encoding())).append(", ");
+  text.append(day_of_month < 10 ? 1 : 0, padding).append(std::to_string(day_of_month)).append(" ");
+  text.append(kMonths.at(static_cast<unsigned int>(date.month()) - 1)).append(" ");
+  AppendNumber(text, static_cast<int>(date.year()), 4);
+  text += ' ';
+  AppendNumber(text, static_cast<int>(clock.hours().count()), 2);
+  text += ':';
+  AppendNumber(text, static_cast<int>(clock.minutes().count()), 2);
+  text += ':';
+  AppendNumber(text, static_cast<int>(clock.seconds().count()), 2);
+  return text + " GMT";
 }
 
 std::time_t HttpDate::Parse(std::string_view text) {

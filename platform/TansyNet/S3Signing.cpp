@@ -171,12 +171,12 @@ std::string QueryText(const std::vector<NameValue>& query) {
 }
 
 std::string ToHex(std::string_view bytes) {
-  std::string text;
-  text.reserve(bytes.size() * 2);
+  std::string text(bytes.size() * 2, '\0');
+  auto digit = text.begin();
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
-    text += kSmallDigits[byte >> 4];
-    text += kSmallDigits[byte & 15];
+    *digit++ = kSmallDigits[byte >> 4];
+    *digit++ = kSmallDigits[byte & 15];
   }
   return text;
 }
@@ -192,8 +192,10 @@ std::string HmacSha256(std::string_view key, std::string_view text) {
 }
 
 std::string CanonicalRequest(const SignedRequest& request) {
-  std::string text(request.method);
-  text.append("\n").append(PercentEncodePath(request.path)).append("\n");
+  constexpr std::size_t kUsualSize = 512;
+  std::string text;
+  text.reserve(kUsualSize);
+  text.append(request.method).append("\n").append(PercentEncodePath(request.path)).append("\n");
   text.append(QueryText(request.query)).append("\n");
   std::string names;
   for (const auto& [name, value] : request.headers) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <string>
 
 #include "TansyBase/Encrypt.h"
@@ -51,7 +52,9 @@ std::string ShortTag(const std::string& etag) {
   }
   std::string bytes;
   for (std::size_t at = 0; at < etag.size(); at += 2) {
-    bytes += PercentDecode("%" + etag.substr(at, 2));
+    unsigned int byte = 0;
+    std::from_chars(etag.data() + at, etag.data() + at + 2, byte, 16);
+    bytes += static_cast<char>(byte);
   }
   return TansyBase::Encrypt::Base64Encode(bytes).substr(0, kDigestLetters);
 }

@@ -70,6 +70,12 @@ AskedRange ReadRange(std::string_view header, std::uint64_t size) {
   return Part(begin, (has_end ? std::min(end, size - 1) : size - 1) - begin + 1);
 }
 
+bool HasConditions(const LowerHeaders& headers) {
+  constexpr std::string_view kBeginning = "if-";
+  const auto first = headers.lower_bound(kBeginning);
+  return first != headers.end() && first->first.starts_with(kBeginning);
+}
+
 ECondition CheckConditions(const LowerHeaders& headers, const VersionTags& tags, std::time_t modified) {
   const std::string& match = ValueOf(headers, "if-match");
   const std::string& none_match = ValueOf(headers, "if-none-match");

@@ -38,6 +38,9 @@ struct VersionTags {
   bool Has(std::string_view tag) const { return tag == etag || (!stand_in.empty() && tag == stand_in); }
 };
 
+// Says whether a request has any If- header. Most have none, and then nobody needs the tags, which take a digest.
+bool HasConditions(const LowerHeaders& headers);
+
 // Compares the If- headers of a read with the object, in the order of RFC 9110.
 ECondition CheckConditions(const LowerHeaders& headers, const VersionTags& tags, std::time_t modified);
 

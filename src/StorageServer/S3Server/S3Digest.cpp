@@ -22,11 +22,23 @@ void Expect(bool done) {
   }
 }
 
+// Algorithms are looked up by name once; doing so for each digest costs as much as the digest of a short text. They are
+// never freed, because requests may still be under way at the end of the process.
+const EVP_MD* Md5() {
+  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "MD5", nullptr);
+  return algorithm;
+}
+
+const EVP_MD* Sha256() {
+  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
+  return algorithm;
+}
+
 // A cryptographic digest.
 class CHash {
  public:
   explicit CHash(const EVP_MD* algorithm) : algorithm_(algorithm), context_(EVP_MD_CTX_new()) {
-    Expect(context_ != nullptr && EVP_DigestInit_ex(context_.get(), algorithm_, nullptr) == 1);
+    Expect(algorithm_ != nullptr && context_ != nullptr && EVP_DigestInit_ex(context_.get(), algorithm_, nullptr) == 1);
   }
 
   void Add(std::string_view bytes) { Expect(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1); }
@@ -87,11 +99,11 @@ using Calculation = std::variant<CHash, CCheck<CCrc32>, CCheck<CCrc32c>, CCheck<
 Calculation MakeCalculation(EDigest kind) {
   switch (kind) {
     case EDigest::kMd5:
-      return CHash(EVP_md5());
+      return CHash(Md5());
     case EDigest::kSha1:
       return CHash(EVP_sha1());
     case EDigest::kSha256:
-      return CHash(EVP_sha256());
+      return CHash(Sha256());
     case EDigest::kCrc32:
       return CCheck<CCrc32>();
     case EDigest::kCrc32c:
@@ -146,7 +158,7 @@ std::optional<std::string> JoinChecksums(EDigest kind, std::string_view first, s
 std::string DigestOf(EDigest kind, std::string_view text) {
   // Each request has two or three of these, and to set one up costs as much as to use it.
   if (kind == EDigest::kSha256) {
-    thread_local CHash hash(EVP_sha256());
+    thread_local CHash hash(Sha256());
     hash.Add(text);
     return hash.Finish();
   }

@@ -17,8 +17,6 @@
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3ServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
-#include "TansyBase/HttpDate.h"
-#include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -285,7 +283,6 @@ TansyNet::HttpResponse MakeResponse(const Recipient& to, std::int32_t status) {
   response.status = status;
   response.content_type.clear();
   response.cache_control.clear();
-  response.headers["Date"] = TansyBase::HttpDate::Format(TansyBase::TimeUtil::Now(), '0');
   response.headers["x-amz-request-id"] = to.id;
   AddCorsHeaders(response.headers, to.readers);
   return response;

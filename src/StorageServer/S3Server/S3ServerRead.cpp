@@ -38,6 +38,10 @@ constexpr std::pair<std::string_view, const char*> kStandardHeaders[] = {
 
 // Gives a header of the object as the answer has it: a parameter such as response-content-type goes first.
 std::string HeaderOf(const Request& request, const FoundObject& object, std::string_view name) {
+  // Most requests have no parameters, and most objects no headers.
+  if (request.query.empty() && object.attributes.headers.empty()) {
+    return {};
+  }
   if (const std::string* const value = FindParameter(request.query, "response-" + std::string(name))) {
     return *value;
   }
@@ -68,6 +72,16 @@ TansyNet::HttpResponse ObjectResponse(const Request& request, const FoundObject&
                                         std::to_string(object.info.size);
   }
   return response;
+}
+
+// Says whether the object is the version that If-Range names, if it names one.
+bool IsStillVersion(const std::string& if_range, const FoundObject& object) {
+  if (if_range.empty()) {
+    return true;
+  }
+  const VersionTags tags = object.Tags();
+  return if_range == '"' + tags.etag + '"' || if_range == '"' + tags.stand_in + '"' ||
+         TansyBase::HttpDate::Parse(if_range) == object.modified;
 }
 
 void AnswerNotModified(const Request& request, const FoundObject& object) {
@@ -113,12 +127,9 @@ Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
 }
 
 Failure CS3Server::ReadAskedRange(AskedRange& range, const FoundObject& object, const Request& request) {
-  const VersionTags tags = object.Tags();
-  const std::string& if_range = ValueOf(request.headers, "if-range");
-  const bool has_range = if_range.empty() || if_range == '"' + tags.etag + '"' ||
-                         if_range == '"' + tags.stand_in + '"' ||
-                         TansyBase::HttpDate::Parse(if_range) == object.modified;
-  range = has_range ? ReadRange(ValueOf(request.headers, "range"), object.info.size) : AskedRange{};
+  range = IsStillVersion(ValueOf(request.headers, "if-range"), object)
+              ? ReadRange(ValueOf(request.headers, "range"), object.info.size)
+              : AskedRange{};
   if (range.kind == ERange::kUnsatisfied) {
     Failure failure = EError::kInvalidRange;
     failure.details.emplace_back("ActualObjectSize", std::to_string(object.info.size));
@@ -139,8 +150,9 @@ bool CS3Server::FindToSend(FoundObject& object, AskedRange& range, const Request
   if (!failure && object.attributes.etag.empty() && !FillInETag(object, request)) {
     return false;
   }
-  const ECondition condition =
-      failure ? ECondition::kMet : CheckConditions(request.headers, object.Tags(), object.modified);
+  const ECondition condition = failure || !HasConditions(request.headers)
+                                   ? ECondition::kMet
+                                   : CheckConditions(request.headers, object.Tags(), object.modified);
   if (condition == ECondition::kNotModified) {
     AnswerNotModified(request, object);
     return false;

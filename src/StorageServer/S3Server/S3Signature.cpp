@@ -311,6 +311,7 @@ std::string CanonicalRequest(const RequestToSign& request, const std::vector<std
       covered.query.emplace_back(parameter.name, parameter.value);
     }
   }
+  covered.headers.reserve(signed_headers.size());
   for (const std::string& name : signed_headers) {
     covered.headers.emplace_back(name, ValueOf(request.headers, name));
   }

@@ -48,6 +48,16 @@ ECondition Check(const LowerHeaders& headers) {
   return CheckConditions(headers, {"abc", ""}, kModified);
 }
 
+TEST(S3Conditions, AreFoundWhateverElseARequestHas) {
+  for (const char* name : {"if-match", "if-modified-since", "if-none-match", "if-unmodified-since"}) {
+    EXPECT_TRUE(HasConditions({{name, "x"}})) << name;
+    EXPECT_TRUE(HasConditions({{"accept", "x"}, {"host", "x"}, {name, "x"}, {"x-amz-date", "x"}})) << name;
+  }
+  EXPECT_FALSE(HasConditions({}));
+  EXPECT_FALSE(HasConditions({{"accept", "x"}, {"host", "x"}, {"iffy", "x"}}));
+  EXPECT_FALSE(HasConditions({{"accept", "x"}}));
+}
+
 TEST(S3Conditions, ComparesEntityTags) {
   EXPECT_EQ(Check({}), ECondition::kMet);
   EXPECT_EQ(Check({{"if-match", "\"abc\""}}), ECondition::kMet);
