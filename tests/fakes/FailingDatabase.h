@@ -86,6 +86,7 @@ class CDatabaseScript {
 
   std::atomic<bool> connections_fail{false};
   std::atomic<int> connections_opened{0};
+  std::atomic<int> writes{0};         // each of one or more statements that are committed together
   std::atomic<int> broken_before{0};  // connections with a number up to this one are broken
 
  private:
@@ -101,17 +102,22 @@ class CFailingConnect : public db_layer::CConnect {
   CFailingConnect(std::unique_ptr<db_layer::CConnect> connection, std::shared_ptr<CDatabaseScript> script, int number)
       : connection_(std::move(connection)), script_(std::move(script)), number_(number) {}
 
-  bool Execute(const std::string& sql) override { return !Fails(sql) && connection_->Execute(sql); }
+  bool Execute(const std::string& sql) override {
+    ++script_->writes;
+    return !Fails(sql) && connection_->Execute(sql);
+  }
   bool Query(const std::string& sql) override {
     is_failed_query_ = Fails(sql);
     return !is_failed_query_ && connection_->Query(sql);
   }
   bool ExecuteAll(const std::vector<std::string>& statements) override {
+    ++script_->writes;
     const bool fails =
         std::any_of(statements.begin(), statements.end(), [this](const std::string& sql) { return Fails(sql); });
     return !fails && connection_->ExecuteAll(statements);
   }
   void ExecuteLater(std::vector<std::string> statements, db_layer::WriteDone done) override {
+    ++script_->writes;
     if (std::any_of(statements.begin(), statements.end(), [this](const std::string& sql) { return Fails(sql); })) {
       done({false, CDatabaseScript::kInjectedCode, CDatabaseScript::kInjectedText});
     } else {
@@ -240,6 +246,8 @@ class CFailingDatabase {
   }
   void ForgetStatements() { script_->ForgetStatements(); }
   int CountConnections() const { return script_->connections_opened; }
+  // What was handed over together counts as one; it is one commit, or less when other threads write too.
+  int CountWrites() const { return script_->writes; }
 
   // These bypass the script: they change the database, or read one column of all rows of a query.
   bool Run(const std::string& sql) {

@@ -37,7 +37,7 @@ LowerHeaders HeadersOf(std::string_view text) {
 void CheckTexts(const std::string& text) {
   Require(PercentDecode(PercentEncode(text)) == text);
   Require(PercentDecode(PercentEncodePath(text)) == text);
-  Require(KeyOfName(NameOfKey(text)) == text && IsNameOfKey(NameOfKey(text)));
+  Require(KeyOfName(NameOfKey(text)) == text && Tansy::CloudStorage::IsCanonicalName(NameOfKey(text)));
   // What two clients may write differently has one canonical form.
   const std::string canonical = PercentEncodePath(PercentDecode(text));
   Require(PercentEncodePath(PercentDecode(canonical)) == canonical);

@@ -1,5 +1,7 @@
 #include "StorageServer/ObjectServer/KeyOrder.h"
 
+#include <cstddef>
+
 namespace Tansy::CloudStorage {
 
 namespace details {
@@ -29,8 +31,41 @@ int TakeByte(std::string_view& name) {
   return byte;
 }
 
+bool IsUnreserved(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
+}
+
+bool IsCapitalDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+}
+
 }  // namespace
 }  // namespace details
+
+std::string KeyOfName(std::string_view name) {
+  std::string key;
+  key.reserve(name.size());
+  while (!name.empty()) {
+    key += static_cast<char>(details::TakeByte(name));
+  }
+  return key;
+}
+
+bool IsCanonicalName(std::string_view name) {
+  while (!name.empty()) {
+    const std::string_view before = name;
+    const auto byte = static_cast<char>(details::TakeByte(name));
+    const std::size_t length = before.size() - name.size();
+    const bool is_canonical = details::IsUnreserved(byte) ? length == 1
+                                                          : length == 3 && details::IsCapitalDigit(before[1]) &&
+                                                                details::IsCapitalDigit(before[2]);
+    if (!is_canonical) {
+      return false;
+    }
+  }
+  return true;
+}
 
 int CompareKeys(std::string_view left, std::string_view right) {
   while (!left.empty() && !right.empty()) {

@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_KEY_ORDER_H
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -10,6 +11,11 @@ namespace Tansy::CloudStorage {
 // Compares the keys that two names of objects stand for: their bytes, with each %XX as the byte that it encodes.
 // Returns a negative number, 0 or a positive one.
 int CompareKeys(std::string_view left, std::string_view right);
+// Gives the key that a name stands for.
+std::string KeyOfName(std::string_view name);
+// Says whether a name is the canonical one of its key: letters, digits and -._~ stand for themselves, every other byte
+// is %XX with capitals. Each key has one such name.
+bool IsCanonicalName(std::string_view name);
 
 // Where an object stands in the order of a bucket's keys.
 struct KeyOrderLink {
@@ -19,7 +25,7 @@ struct KeyOrderLink {
 
 // The objects of a bucket in the order of their keys: a treap whose links are part of the objects, so that a change
 // needs no memory. The hash of a name is its priority, which makes the tree as flat as a random one. Names that differ
-// and stand for the same key lie beside each other. It is locked by who uses it.
+// and stand for the same key lie beside each other, the canonical one first. It is locked by who uses it.
 //
 // `Node` derives from KeyOrderLink and has Name() and Priority().
 template <class Node>
@@ -124,7 +130,13 @@ class CKeyOrder {
 
   static bool IsBefore(std::string_view left, std::string_view right) {
     const int order = CompareKeys(left, right);
-    return order != 0 ? order < 0 : left < right;
+    return order != 0 ? order < 0 : IsPreferred(left, right);
+  }
+
+  // Of the names of one key.
+  static bool IsPreferred(std::string_view left, std::string_view right) {
+    const bool is_canonical = IsCanonicalName(left);
+    return is_canonical != IsCanonicalName(right) ? is_canonical : left < right;
   }
 
   KeyOrderLink* root_ = nullptr;

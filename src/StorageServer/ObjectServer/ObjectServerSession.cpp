@@ -79,6 +79,12 @@ std::vector<std::string> AfterPieces(const std::string& owner, const ObjectInfo&
           "DELETE FROM platform.local_upload WHERE object_url = '" + owner + "'"};
 }
 
+// Fails unless the bytes of an object are those at this url; "" stands for no object.
+std::string ExpectText(const std::string& bucket_name, const std::string& object_name, const std::string& url) {
+  return StringUtil::str_fmt("SELECT platform.expect_object('%s', '%s', '%s')", Protect(bucket_name).c_str(),
+                             Protect(object_name).c_str(), Protect(std::string(PieceOwnerOf(url))).c_str());
+}
+
 // Gives a change of an object and what belongs to it, to be done in one step.
 std::vector<std::string> WithExtras(std::string sql, const ObjectInfo& object, const ObjectExtras& extras) {
   std::vector<std::string> statements;
@@ -89,10 +95,7 @@ std::vector<std::string> WithExtras(std::string sql, const ObjectInfo& object, c
     after = AfterPieces(owner, object);
   }
   if (extras.expected_url) {
-    const std::string& url = *extras.expected_url;
-    statements.push_back(StringUtil::str_fmt("SELECT platform.expect_object('%s', '%s', '%s')",
-                                             Protect(object.bucket_name).c_str(), Protect(object.name).c_str(),
-                                             Protect(IsPieceList(url) ? std::string(PieceOwnerOf(url)) : url).c_str()));
+    statements.push_back(ExpectText(object.bucket_name, object.name, *extras.expected_url));
   }
   statements.push_back(std::move(sql));
   statements.insert(statements.end(), std::make_move_iterator(after.begin()), std::make_move_iterator(after.end()));
@@ -119,6 +122,15 @@ std::string UpdateText(const ObjectInfo& object) {
   return StringUtil::str_fmt("UPDATE platform.local_object set size=%d, update_time='%s', url='%s' where id=%d ;",
                              ToInt(object.size), Protect(object.update_time).c_str(),
                              Protect(std::string(PieceOwnerOf(object.url))).c_str(), ToInt(object.id));
+}
+
+std::string DeleteObjectText(std::uint32_t id) {
+  return StringUtil::str_fmt("DELETE FROM platform.local_object where id=%d", ToInt(id));
+}
+
+std::string DeleteObjectText(const std::string& bucket_name, const std::string& object_name) {
+  return StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s' and name='%s'",
+                             Protect(bucket_name).c_str(), Protect(object_name).c_str());
 }
 
 std::string DeleteObjectsText(const std::string& bucket_name) {
@@ -352,7 +364,15 @@ bool CObjectServerSession::DeleteObjectByBucket(const std::string& bucket_name) 
 }
 
 bool CObjectServerSession::DeleteObject(std::uint32_t id) {
-  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where id=%d", details::ToInt(id)));
+  return details::Execute(details::DeleteObjectText(id));
+}
+
+bool CObjectServerSession::DeleteObjects(const std::vector<std::uint32_t>& ids) {
+  std::vector<std::string> statements;
+  for (const std::uint32_t id : ids) {
+    statements.push_back(details::DeleteObjectText(id));
+  }
+  return CBaseDBLayerConn::Instance().Execute(statements);
 }
 
 // The schema removes the row that has this name by then, whatever its id.
@@ -378,9 +398,19 @@ bool CObjectServerSession::FillInAttributes(const ObjectInfo& object, const std:
 }
 
 bool CObjectServerSession::DeleteObject(const std::string& bucket_name, const std::string& object_name) {
-  return details::Execute(StringUtil::str_fmt("DELETE FROM platform.local_object where bucket_name='%s' and name='%s'",
-                                              details::Protect(bucket_name).c_str(),
-                                              details::Protect(object_name).c_str()));
+  return details::Execute(details::DeleteObjectText(bucket_name, object_name));
+}
+
+bool CObjectServerSession::DeleteObjects(const std::string& bucket_name, const std::vector<std::string>& object_names,
+                                         const std::vector<ObjectInfo>& expected) {
+  std::vector<std::string> statements;
+  for (const ObjectInfo& object : expected) {
+    statements.push_back(details::ExpectText(bucket_name, object.name, object.url));
+  }
+  for (const std::string& name : object_names) {
+    statements.push_back(details::DeleteObjectText(bucket_name, name));
+  }
+  return CBaseDBLayerConn::Instance().Execute(statements);
 }
 
 bool CObjectServerSession::QueryObject(const ObjectVisitor& take, const std::string& bucket_name) {

@@ -62,6 +62,7 @@ class CObjectServerSession {
   static bool QueryAttributes(const AttributesVisitor& take);
   static bool DeleteObjectByBucket(const std::string& bucket_name);
   static bool DeleteObject(std::uint32_t id);
+  static bool DeleteObjects(const std::vector<std::uint32_t>& ids);
   // These are for a catalogue that others change too, of which memory may know less than the database. They change what
   // the object of that name is by then.
   static bool PutObject(const ObjectInfo& object, const ObjectExtras& extras = {});
@@ -69,6 +70,9 @@ class CObjectServerSession {
   // Unless it has attributes, or its bytes are no longer those at `object.url`.
   static bool FillInAttributes(const ObjectInfo& object, const std::string& attributes);
   static bool DeleteObject(const std::string& bucket_name, const std::string& object_name);
+  // Each of `expected` must still have its bytes, by their url; else nothing is removed.
+  static bool DeleteObjects(const std::string& bucket_name, const std::vector<std::string>& object_names,
+                            const std::vector<ObjectInfo>& expected);
   // Shows the objects of a bucket one by one; the record lasts for that call. Returns false also when `take` runs out
   // of memory. After false, some objects may have been shown and others not.
   using ObjectVisitor = std::function<void(const ObjectInfo& object)>;

@@ -31,11 +31,11 @@ namespace Tansy::CloudStorage {
 // None of the three is ever held while the database works, so that no look-up waits for a disk; no method holds two of
 // them at once. The objects of a bucket are spread over mutexes of their own inside it.
 //
-// Around them there are one mutex for changes of buckets, one lock per key for changes of objects, and one lock per
-// task for changes of its rows. A method that changes something holds them from the first look-up to the last change,
-// database included, so that memory and database always agree on which change came last; memory follows once the
-// database has committed. The order is: the mutex of a task, the mutex for changes of buckets, the locks of keys, the
-// locks of tasks, one of the three.
+// Around them there are one mutex for changes of buckets, one lock per key for changes of objects, which all names
+// share that stand for the key, and one lock per task for changes of its rows. A method that changes something holds
+// them from the first look-up to the last change, database included, so that memory and database always agree on which
+// change came last; memory follows once the database has committed. The order is: the mutex of a task, the mutex for
+// changes of buckets, the locks of keys, the locks of tasks, one of the three.
 //
 // A bucket that was given another name keeps its old one here until the next start: requests, objects in memory and
 // this class's arguments use the old name. The database knows the bucket by the new name from then on.
@@ -88,9 +88,10 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // (std::bad_alloc) means that it will not be called.
   using Added = std::function<void(bool added)>;
   void AddObject(const ObjectInfo& object, Added done);
-  // The same with what belongs to the object, and on a condition: `may_add` is asked what it thinks of the object of
-  // that name and its attributes, null when there is none, which does not change meanwhile. It must not call the
-  // catalogue.
+  // The same with what belongs to the object, and on a condition: `may_add` is asked what it thinks of the object that
+  // the key has now and its attributes, null when there is none, which does not change meanwhile. It must not call the
+  // catalogue. The object's name is the canonical one of its key; an object that FindObjectOfKey finds is replaced
+  // under the name that it has.
   enum class EAdded { kAdded, kRefused, kFailed };  // kRefused: by `may_add`
   using MayAdd = std::function<bool(const ObjectInfo* there, const std::string& attributes)>;
   using AddedOnTerms = std::function<void(EAdded result)>;
@@ -100,13 +101,14 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // Does the same, logs nothing when there is no such object, and gives its attributes too.
   bool FindObject(ObjectInfo& object, std::string& attributes, const std::string& object_name,
                   const std::string& bucket_name);
-  // Gives the first object of a bucket whose key is that of `from` or comes after it; without `with_key`, the first
-  // that comes after it. Keys are compared byte by byte, and %XX stands for the byte that it encodes. Returns false
-  // when there is none.
-  bool FindObjectFrom(ObjectInfo& object, std::string& attributes, const std::string& from, bool with_key,
-                      const std::string& bucket_name);
-  // Shows objects from there on, in the order of their keys, until `look` returns false. The record lasts for that
-  // call. What changes meanwhile is shown or not; `look` must not call the catalogue.
+  // Gives the object that a key has: that of its canonical name, else the first of those whose names stand for the key
+  // too (KeyOrder.h). `name` is the canonical name.
+  bool FindObjectOfKey(ObjectInfo& object, std::string& attributes, const std::string& name,
+                       const std::string& bucket_name);
+  // Shows the objects of a bucket whose key is that of `from` or comes after it, in the order of their keys, until
+  // `look` returns false; without `with_key`, those that come after it. Keys are compared byte by byte, and %XX stands
+  // for the byte that it encodes; of several names of one key, that of FindObjectOfKey is shown first. The record lasts
+  // for that call. What changes meanwhile is shown or not; `look` must not call the catalogue.
   using ObjectLook = std::function<bool(const ObjectInfo& object, std::string_view attributes)>;
   void ShowObjectsFrom(const std::string& from, bool with_key, const std::string& bucket_name, const ObjectLook& look);
   // Gives an object attributes unless its bytes are no longer those at `object.url` or it has some already. Returns
@@ -131,6 +133,14 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   // the exception leaves this method. For an object whose bytes are stored in pieces the function is called for each of
   // them; then only the first call decides.
   bool RemoveObject(const std::string& object_name, const std::string& bucket_name, const RemoveFile& remove_file = {});
+  // Removes the objects of all names that stand for these keys, in one transaction; their bytes stay. The keys are
+  // given by their canonical names, of which there should be at most kKeysAtOnce, because writers of other keys may
+  // have to wait meanwhile. kRemoved means that none of the names is there, also when none was before. With
+  // `may_remove`, each key's object is asked for as with AddObject; when one is refused, nothing changes.
+  enum class ERemoved { kRemoved, kRefused, kFailed };
+  static constexpr std::size_t kKeysAtOnce = 128;
+  ERemoved RemoveKeys(const std::vector<std::string>& names, const std::string& bucket_name,
+                      const MayAdd& may_remove = {});
   // Gives the storage path behind an object's location text, for removal.
   bool GetObjectFile(std::string& path, const std::string& object_name, const std::string& bucket_name);
 
@@ -205,11 +215,20 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   using KeyLocks = CKeyLocks<1024>;
   using KeyLock = KeyLocks::Guard;
 
+  // Locks the key that a name stands for.
+  [[nodiscard]] KeyLock LockKey(const std::string& bucket_name, const std::string& object_name);
+
   static BucketMap::iterator FindBucketById(BucketMap& buckets, std::uint32_t id);
   // Gives the objects of a bucket; null when there is no such bucket or it never had one. To be called with
   // bucket_mutex_ held, which keeps the table.
   CObjectTable* TableOf(const std::string& bucket_name) const;
   bool FindObject(ObjectInfo& object, const std::string& object_name, const std::string& bucket_name);
+  std::string NameInUse(const std::string& name, const std::string& bucket_name);
+  using RowIds = std::map<std::string, std::uint32_t>;  // by the names of objects
+  RowIds RowsOfKeys(const std::vector<std::string>& names, const std::string& bucket_name);
+  bool MayRemoveAll(std::vector<ObjectInfo>& there, const std::vector<std::string>& names,
+                    const std::string& bucket_name, const MayAdd& may_remove);
+  bool RemoveRows(const RowIds& rows, const std::string& bucket_name, const std::vector<ObjectInfo>& expected);
   bool IsBucketEmpty(const std::string& name);
   void ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept;
   void UndoRemoval(const ObjectInfo& object, const std::string& attributes) noexcept;

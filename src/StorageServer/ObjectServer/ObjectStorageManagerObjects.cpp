@@ -103,6 +103,7 @@ struct CObjectStorageManager::Addition {
 
 bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& ended_task) {
   Addition addition(object, {ended_task, {}});
+  addition.key.emplace(LockKey(object.bucket_name, object.name));
   if (!BeginAdding(addition, CLOUD_LOG_CALLER)) {
     return false;
   }
@@ -118,6 +119,7 @@ bool CObjectStorageManager::AddObject(ObjectInfo& object, const std::string& end
 
 void CObjectStorageManager::AddObject(const ObjectInfo& object, Added done) {
   const auto addition = std::make_shared<Addition>(object);
+  addition->key.emplace(LockKey(object.bucket_name, object.name));
   if (!BeginAdding(*addition, CLOUD_LOG_CALLER)) {
     done(false);
     return;
@@ -180,16 +182,24 @@ CObjectStorageManager::EAdded CObjectStorageManager::FindWhyRefused(const Additi
 
 CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addition, const MayAdd& may_add,
                                                                  const details::Caller& caller) {
+  const std::string bucket_name = addition.object.bucket_name;
+  std::string& name = addition.object.name;
+  addition.key.emplace(LockKey(bucket_name, name));
+  // Another process may just have stored the first object of this key, under any name that stands for it. Plain names
+  // have no other spelling that anybody uses, so their writers need not ask.
+  if (may_add || name.find('%') != std::string::npos) {
+    CatchUp();
+  }
+  name = NameInUse(name, bucket_name);
   if (!BeginAdding(addition, caller)) {
     return EAdded::kFailed;
   }
   if (!may_add) {
     return EAdded::kAdded;
   }
-  CatchUp();
   ObjectInfo there;
   std::string attributes;
-  const bool is_there = FindObject(there, attributes, addition.object.name, addition.object.bucket_name);
+  const bool is_there = FindObject(there, attributes, name, bucket_name);
   if (shared_) {
     addition.may_add = may_add;
     addition.extras.expected_url = there.url;
@@ -202,9 +212,9 @@ CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addit
   return may_add(is_there ? &there : nullptr, attributes) ? EAdded::kAdded : EAdded::kRefused;
 }
 
+// Its key is locked.
 bool CObjectStorageManager::BeginAdding(Addition& addition, const details::Caller& caller) {
   const ObjectInfo& object = addition.object;
-  addition.key.emplace(object_locks_.Lock(object.bucket_name, object.name));
   if (!IsBucketExist(object.bucket_name)) {
     CLOUD_LOG_FOR(caller, logging::kError, "[%s]Add Object[%s] failed, bucket[%s] not exist.[%s(%d)]",
                   object.name.c_str(), object.bucket_name.c_str());
@@ -263,7 +273,7 @@ bool CObjectStorageManager::UpdateObject(ObjectInfo& object, const std::string& 
   if (shared_) {
     return AddObject(object, ended_task);
   }
-  const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
+  const auto name_lock = LockKey(object.bucket_name, object.name);
   {
     const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
     const CObjectTable* const table = TableOf(object.bucket_name);
@@ -302,7 +312,7 @@ bool CObjectStorageManager::GetObjectByName(ObjectInfo& object, const std::strin
 
 bool CObjectStorageManager::GetObjectAtRest(ObjectInfo& object, const std::string& object_name,
                                             const std::string& bucket_name) {
-  const auto name_lock = object_locks_.Lock(bucket_name, object_name);
+  const auto name_lock = LockKey(bucket_name, object_name);
   CatchUp();
   return GetObjectByName(object, object_name, bucket_name);
 }
@@ -328,18 +338,6 @@ bool CObjectStorageManager::FindObject(ObjectInfo& object, std::string& attribut
     object.bucket_name = bucket_name;
   };
   return table != nullptr && table->Find(object_name, copy);
-}
-
-bool CObjectStorageManager::FindObjectFrom(ObjectInfo& object, std::string& attributes, const std::string& from,
-                                           bool with_key, const std::string& bucket_name) {
-  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
-  const CObjectTable* const table = TableOf(bucket_name);
-  const auto copy = [&](const CPackedObject& stored) {
-    stored.CopyTo(object);
-    attributes = stored.Attributes();
-    object.bucket_name = bucket_name;
-  };
-  return table != nullptr && table->FindFrom(from, with_key, copy);
 }
 
 // The locks are given back after each of the batches, because writers wait for them.
@@ -374,7 +372,7 @@ bool CObjectStorageManager::FillInAttributes(const ObjectInfo& object, const std
     WaitUntilVisible();
     return is_written;
   }
-  const auto name_lock = object_locks_.Lock(object.bucket_name, object.name);
+  const auto name_lock = LockKey(object.bucket_name, object.name);
   ObjectInfo stored;
   std::string there;
   if (!FindObject(stored, there, object.name, object.bucket_name) || stored.url != object.url || !there.empty()) {
@@ -394,7 +392,7 @@ bool CObjectStorageManager::LoadAttributes() {
     return true;  // they come with the objects
   }
   const auto take = [this](const ObjectInfo& row, std::string_view attributes) {
-    const auto name_lock = object_locks_.Lock(row.bucket_name, row.name);
+    const auto name_lock = LockKey(row.bucket_name, row.name);
     ObjectInfo stored;
     if (FindObject(stored, row.name, row.bucket_name) && details::PieceOwnerOf(stored.url) == row.url) {
       Publish(row.bucket_name, CPackedObject::Make(stored, attributes));
@@ -416,7 +414,7 @@ bool CObjectStorageManager::RemoveObject(const std::string& object_name, const s
                                          const RemoveFile& remove_file) {
   // The removal must not come between the look-up and the update of an upload of the same name, because the upload
   // would then fail for no good reason and leave its bytes behind.
-  const auto name_lock = object_locks_.Lock(bucket_name, object_name);
+  const auto name_lock = LockKey(bucket_name, object_name);
   std::vector<std::string> files;
   if (std::string path; remove_file && GetObjectFile(path, object_name, bucket_name)) {
     files.push_back(std::move(path));

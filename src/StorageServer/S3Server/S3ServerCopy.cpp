@@ -323,6 +323,7 @@ Failure CS3Server::ReplaceAttributes(StoredBody& body, std::string& time, const 
     attributes.etag = body.md5 = source.ETag();
     time = NowText();
     ObjectInfo object = source.info;
+    object.name = NameOfKey(request.key);
     object.update_time = time;
     bool is_changed = false;
     const auto may_add = [&, conditions = ConditionsOf(request.headers)](const ObjectInfo* there,

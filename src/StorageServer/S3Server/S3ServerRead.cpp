@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "ModuleLog.h"
-#include "StorageServer/ObjectServer/KeyOrder.h"
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
@@ -102,16 +101,11 @@ std::string FoundObject::StandInTag() const {
   return ToHex(DigestOf(EDigest::kMd5, info.url + "\n" + std::to_string(info.size) + "\n" + info.update_time)) + "-1";
 }
 
-// An object whose name another protocol chose may be written in another way than NameOfKey does.
 Failure CS3Server::FindObject(FoundObject& object, const std::string& bucket, const std::string& key) {
   auto& catalogue = CObjectStorageManager::Instance();
   const std::string name = NameOfKey(key);
   std::string attributes;
-  const auto find = [&] {
-    return catalogue.FindObject(object.info, attributes, name, bucket) ||
-           (catalogue.FindObjectFrom(object.info, attributes, name, true, bucket) &&
-            CompareKeys(object.info.name, name) == 0);
-  };
+  const auto find = [&] { return catalogue.FindObjectOfKey(object.info, attributes, name, bucket); };
   if (!find() && !(catalogue.CatchUp() && find())) {
     Failure failure = EError::kNoSuchKey;
     failure.details.emplace_back("Key", key);

@@ -1,9 +1,12 @@
 // Storing and removing objects.
+#include <cstddef>
 #include <exception>
 #include <future>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
@@ -70,6 +73,51 @@ class CPlainBytes {
   std::string decoded_;
   std::string_view plain_;
 };
+
+EError RemoveKeys(const std::vector<std::string>& names, const std::string& bucket,
+                  const CObjectStorageManager::MayAdd& may_remove) {
+  using ERemoved = CObjectStorageManager::ERemoved;
+  switch (CObjectStorageManager::Instance().RemoveKeys(names, bucket, may_remove)) {
+    case ERemoved::kRemoved:
+      return EError::kNone;
+    case ERemoved::kRefused:
+      return EError::kPreconditionFailed;
+    case ERemoved::kFailed:
+      break;
+  }
+  return EError::kInternalError;
+}
+
+// Removes the keys of a list, many in one commit, and says what became of each.
+std::vector<EError> RemoveListed(const std::vector<KeyToDelete>& keys, const std::string& bucket) {
+  std::vector<EError> outcomes(keys.size(), EError::kNone);
+  std::vector<std::string> group;
+  std::vector<std::size_t> places;  // of the group's keys in the list
+  const auto remove_group = [&] {
+    const EError outcome = group.empty() ? EError::kNone : RemoveKeys(group, bucket, {});
+    for (const std::size_t place : places) {
+      outcomes[place] = outcome;
+    }
+    group.clear();
+    places.clear();
+  };
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const KeyToDelete& key = keys[i];
+    if ((!key.version.empty() && key.version != "null") || key.has_other_conditions) {
+      outcomes[i] = EError::kNotImplemented;
+    } else if (!key.etag.empty()) {
+      outcomes[i] = RemoveKeys({NameOfKey(key.key)}, bucket, ConditionsOf({{"if-match", key.etag}}));
+    } else {
+      group.push_back(NameOfKey(key.key));
+      places.push_back(i);
+    }
+    if (group.size() == CObjectStorageManager::kKeysAtOnce) {
+      remove_group();
+    }
+  }
+  remove_group();
+  return outcomes;
+}
 
 }  // namespace
 
@@ -269,10 +317,15 @@ void CS3Server::AnswerPut(const Recipient& to, const std::string& bucket, const 
 }
 
 void CS3Server::DeleteObject(const Request& request) {
-  FoundObject object;
-  const bool is_there = !FindObject(object, request);
-  if (is_there && !CObjectStorageManager::Instance().RemoveObject(object.info.name, request.bucket)) {
-    AnswerFailure(request, EError::kInternalError);
+  EError outcome = EError::kNone;
+  if (request.headers.contains("x-amz-if-match-last-modified-time") ||
+      request.headers.contains("x-amz-if-match-size")) {
+    outcome = EError::kNotImplemented;  // not asking would remove what the client wants to keep
+  } else {
+    outcome = RemoveKeys({NameOfKey(request.key)}, request.bucket, ConditionsOf(request.headers));
+  }
+  if (outcome != EError::kNone) {
+    AnswerFailure(request, outcome);
     return;
   }
   AnswerEmpty(request, 204);
@@ -289,21 +342,19 @@ void CS3Server::DeleteObjects(const Request& request) {
     AnswerFailure(request, failure);
     return;
   }
+  const std::vector<EError> outcomes = RemoveListed(list.keys, request.bucket);
   CXmlWriter xml;
   xml.OpenAnswer("DeleteResult");
-  for (const KeyToDelete& key : list.keys) {
-    const bool has_version = !key.version.empty() && key.version != "null";
-    const bool is_gone =
-        !has_version && CObjectStorageManager::Instance().RemoveObject(NameOfKey(key.key), request.bucket);
+  for (std::size_t i = 0; i < list.keys.size(); ++i) {
+    const bool is_gone = outcomes[i] == EError::kNone;
     if (is_gone && list.is_quiet) {
       continue;
     }
     xml.Open(is_gone ? "Deleted" : "Error");
-    xml.Element("Key", key.key);
+    xml.Element("Key", list.keys[i].key);
     if (!is_gone) {
-      const Failure why = has_version ? EError::kNotImplemented : EError::kInternalError;
-      xml.Element("Code", NameOf(why.error));
-      xml.Element("Message", MessageOf(why));
+      xml.Element("Code", NameOf(outcomes[i]));
+      xml.Element("Message", MessageOf(outcomes[i]));
     }
     xml.Close(is_gone ? "Deleted" : "Error");
   }

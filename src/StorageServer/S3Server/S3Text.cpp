@@ -35,14 +35,6 @@ std::string NameOfKey(std::string_view key) {
   return PercentEncode(key);
 }
 
-std::string KeyOfName(std::string_view name) {
-  return PercentDecode(name);
-}
-
-bool IsNameOfKey(std::string_view name) {
-  return NameOfKey(KeyOfName(name)) == name;
-}
-
 bool IsHex(std::string_view text, std::size_t digits) {
   return text.size() == digits && std::all_of(text.begin(), text.end(), [](char c) { return DigitOf(c) >= 0; });
 }

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "StorageServer/ObjectServer/KeyOrder.h"
 #include "TansyNet/HttpServer.h"
 #include "TansyNet/S3Signing.h"
 
@@ -24,12 +25,10 @@ using TansyNet::S3Signing::PercentEncodePath;
 using TansyNet::S3Signing::ToHex;
 
 // A key becomes the name of an object, under which the object protocol finds it too: its percent-encoded form. A name
-// that nothing needs to be encoded in is the same for both protocols.
+// that nothing needs to be encoded in is the same for both protocols. It is the canonical name of the key (KeyOrder.h).
 std::string NameOfKey(std::string_view key);
-// Gives the key of an object, whatever protocol named it. Names that differ in their encoding only have the same key.
-std::string KeyOfName(std::string_view name);
-// Says whether NameOfKey gives this name for some key.
-bool IsNameOfKey(std::string_view name);
+// The key of an object, whatever protocol named it: names that differ in their encoding only have the same key.
+using CloudStorage::KeyOfName;
 
 // Recognises `digits` hexadecimal digits, in either case.
 bool IsHex(std::string_view text, std::size_t digits);

@@ -42,7 +42,9 @@ Failure ReadDeleteRequest(DeleteRequest& request, std::string_view xml) {
     if (!document.Has(path)) {
       return {};
     }
-    KeyToDelete key = {document.GetString(path + "/Key"), document.GetString(path + "/VersionId")};
+    KeyToDelete key = {document.GetString(path + "/Key"), document.GetString(path + "/VersionId"),
+                       document.GetString(path + "/ETag"),
+                       document.Has(path + "/LastModifiedTime") || document.Has(path + "/Size")};
     if (key.key.empty() || number > kMostKeysToDelete) {
       return EError::kMalformedXml;
     }

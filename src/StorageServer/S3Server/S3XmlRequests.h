@@ -20,6 +20,8 @@ inline constexpr std::uint32_t kMostParts = 10000;
 struct KeyToDelete {
   std::string key;
   std::string version;  // empty when the client names none
+  std::string etag;     // of the object that is to be removed, perhaps in quotes; empty: whatever it is
+  bool has_other_conditions = false;
 };
 
 struct DeleteRequest {

@@ -2,14 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -120,6 +123,58 @@ TEST(KeyLocks, HoldsEveryNameAtOnce) {
   for (const int count : counts) {
     EXPECT_EQ(count, kThreads * kRounds / 10 + kRounds * 9 / 10);
   }
+}
+
+// Names that share a mutex, or are named twice, must not wait for themselves; those who want the same names in another
+// order must not wait for each other.
+TEST(KeyLocks, HoldsSomeNamesAtOnce) {
+  CKeyLocks<8> locks;
+  std::array<int, kThreads> counts{};  // each guarded by the lock of its name
+  const std::array<std::string, kThreads> names = {"0", "1", "2", "3"};
+  InThreads([&](int thread) {
+    std::vector<std::string_view> mine(names.begin(), names.end());
+    mine.insert(mine.end(), {"x", "y", "z", "0", "1"});
+    std::rotate(mine.begin(), mine.begin() + thread, mine.end());
+    for (int round = 0; round < kRounds; ++round) {
+      if (round % 3 == 0) {
+        const auto guard = locks.Lock("bucket", mine);
+        for (int& count : counts) {
+          ++count;
+        }
+      } else if (round % 50 == 1) {
+        const auto guard = locks.LockAll();
+        for (int& count : counts) {
+          ++count;
+        }
+      } else {
+        const auto at = static_cast<std::size_t>(round) % counts.size();
+        const auto guard = locks.Lock("bucket", names[at]);
+        ++counts[at];
+      }
+    }
+  });
+  int expected = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    expected += round % 3 == 0 || round % 50 == 1 ? kThreads : 1;
+  }
+  EXPECT_EQ(std::accumulate(counts.begin(), counts.end(), 0), expected * kThreads);
+}
+
+TEST(KeyLocks, SomeNamesKeepASingleOneWaiting) {
+  CKeyLocks<1024> locks;
+  const std::vector<std::string_view> names = {"a", "b"};
+  auto held = std::make_unique<CKeyLocks<1024>::SomeGuard>(locks.Lock("bucket", names));
+  std::atomic<bool> released{false};
+  std::promise<void> waits;
+  std::thread other([&] {
+    waits.set_value();
+    const auto guard = locks.Lock("bucket", "b");
+    EXPECT_TRUE(released);
+  });
+  waits.get_future().wait();
+  released = true;
+  held.reset();
+  other.join();
 }
 
 TEST(KeyLocks, IsFreeAgainAfterwards) {

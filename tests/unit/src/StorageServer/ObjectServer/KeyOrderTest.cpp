@@ -10,6 +10,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -33,12 +34,75 @@ struct Node : KeyOrderLink {
   std::string name;
 };
 
+TEST(KeyOrder, GivesTheKeyThatANameStandsFor) {
+  EXPECT_EQ(KeyOfName("a%2Fb"), "a/b");
+  EXPECT_EQ(KeyOfName("%61%2f"), "a/");
+  EXPECT_EQ(KeyOfName("100%"), "100%");
+  EXPECT_EQ(KeyOfName("%zz%4"), "%zz%4");
+  EXPECT_EQ(KeyOfName(std::string_view("%00\xFF", 4)), std::string("\0\xFF", 2));
+  EXPECT_EQ(KeyOfName(""), "");
+}
+
+// Writes a key as a canonical name, byte by byte.
+std::string Canonical(const std::string& key) {
+  const std::string unreserved = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+  std::string name;
+  for (const char c : key) {
+    const auto byte = static_cast<unsigned char>(c);
+    name += unreserved.find(c) != std::string::npos
+                ? std::string(1, c)
+                : std::string("%") + "0123456789ABCDEF"[byte / 16] + "0123456789ABCDEF"[byte % 16];
+  }
+  return name;
+}
+
+TEST(KeyOrder, EachKeyHasOneCanonicalName) {
+  std::string all;
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string key(1, static_cast<char>(byte));
+    EXPECT_TRUE(IsCanonicalName(Canonical(key))) << byte;
+    EXPECT_EQ(IsCanonicalName(key), Canonical(key) == key) << byte;
+    all += key;
+  }
+  EXPECT_TRUE(IsCanonicalName(Canonical(all)));
+  EXPECT_TRUE(IsCanonicalName(""));
+  for (const char* const name : {"a%2fb", "%61", "a(b)", "100%", "%zz", "%2"}) {
+    EXPECT_FALSE(IsCanonicalName(name)) << name;
+  }
+}
+
+// Orders names by their keys, and those of one key by whether they are canonical.
 struct ByKey {
   bool operator()(const std::string& left, const std::string& right) const {
     const int order = CompareKeys(left, right);
-    return order != 0 ? order < 0 : left < right;
+    const bool is_left = left == Canonical(KeyOfName(left));
+    const bool is_right = right == Canonical(KeyOfName(right));
+    return order != 0 ? order < 0 : is_left != is_right ? is_left : left < right;
   }
 };
+
+// '!' comes before '%' and would be the first if names were compared as texts.
+TEST(KeyOrder, PutsTheCanonicalNameFirst) {
+  for (const bool canonical_first : {true, false}) {
+    CKeyOrder<Node> order;
+    Node canonical;
+    Node plain;
+    Node small_digits;
+    canonical.name = "a%21%2F";
+    plain.name = "a!/";
+    small_digits.name = "a%21%2f";
+    for (Node* const node : canonical_first ? std::vector<Node*>{&canonical, &plain, &small_digits}
+                                            : std::vector<Node*>{&small_digits, &plain, &canonical}) {
+      order.Insert(*node);
+    }
+    EXPECT_EQ(order.FindFrom("a!/", true), &canonical);
+    EXPECT_EQ(order.FindFrom("a!/", false), nullptr);
+    order.Remove(canonical);
+    EXPECT_EQ(order.FindFrom("a!/", true), &plain);
+    order.Remove(plain);
+    EXPECT_EQ(order.FindFrom("a!/", true), &small_digits);
+  }
+}
 
 // Thousands of random changes, compared with a map of the library after each.
 TEST(KeyOrder, FindsWhatAMapFinds) {
@@ -48,9 +112,10 @@ TEST(KeyOrder, FindsWhatAMapFinds) {
   const auto name_of = [&random] {
     std::string name;
     for (std::size_t length = random() % 5; length > 0; --length) {
-      name += std::string_view("ab%/0").substr(random() % 5, 1);
+      name += std::string_view("ab%/0!").substr(random() % 6, 1);
     }
-    return name + (random() % 3 == 0 ? "%2F" : "") + (random() % 3 == 0 ? "%2f" : "");
+    return name + (random() % 3 == 0 ? "%2F" : "") + (random() % 3 == 0 ? "%2f" : "") +
+           (random() % 3 == 0 ? "%21" : "");
   };
   for (int step = 0; step < 20000; ++step) {
     const std::string name = name_of();

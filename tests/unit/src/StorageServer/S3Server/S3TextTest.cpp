@@ -24,15 +24,15 @@ TEST(S3Text, KeepsUnreservedBytesAndEncodesAllOthersInCapitals) {
 TEST(S3Text, FindsEveryKeyAgainByItsName) {
   const std::string key = AllBytes();
   EXPECT_EQ(KeyOfName(NameOfKey(key)), key);
-  EXPECT_TRUE(IsNameOfKey(NameOfKey(key)));
+  EXPECT_TRUE(IsCanonicalName(NameOfKey(key)));
   EXPECT_EQ(NameOfKey(key).find('/'), std::string::npos);
 }
 
 TEST(S3Text, TellsNamesThatNoKeyHas) {
-  EXPECT_TRUE(IsNameOfKey("cat.jpg"));
-  EXPECT_FALSE(IsNameOfKey("a%2fb"));
-  EXPECT_FALSE(IsNameOfKey("a(b)"));
-  EXPECT_FALSE(IsNameOfKey("100%"));
+  EXPECT_TRUE(IsCanonicalName("cat.jpg"));
+  EXPECT_FALSE(IsCanonicalName("a%2fb"));
+  EXPECT_FALSE(IsCanonicalName("a(b)"));
+  EXPECT_FALSE(IsCanonicalName("100%"));
 }
 
 TEST(S3Text, LeavesWhatIsNoEncodedByteAsItIs) {
