@@ -148,7 +148,26 @@ std::optional<Checksum> CBody::NamedChecksum() const {
   return Checksum{checks_.front().digest.Kind(), checks_.front().expected};
 }
 
+// A checksum that nobody announced cannot be compared: its digest was not made while the bytes came.
+Failure CBody::CheckTrailerNames() const {
+  if (!decoder_) {
+    return {};
+  }
+  for (const auto& [name, value] : decoder_->Trailer()) {
+    const bool is_awaited = std::any_of(checks_.begin(), checks_.end(), [&header = name](const Check& check) {
+      return check.header == header && check.expected.empty();
+    });
+    if (ChecksumKind(name) && !is_awaited) {
+      return {EError::kInvalidRequest, "The trailer brings " + name + ", which x-amz-trailer does not announce."};
+    }
+  }
+  return {};
+}
+
 Failure CBody::EndChecks() {
+  if (Failure failure = CheckTrailerNames()) {
+    return failure;
+  }
   for (Check& check : checks_) {
     if (check.expected.empty()) {
       check.expected = ValueOf(decoder_->Trailer(), check.header);

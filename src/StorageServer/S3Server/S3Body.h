@@ -50,6 +50,7 @@ class CBody {
   Failure BeginChecks(const LowerHeaders& headers);
   Failure AddCheck(EDigest kind, const std::string& header, const std::string& expected);
   Failure EndChecks();
+  Failure CheckTrailerNames() const;
   void Take(std::string_view bytes);
 
   std::optional<CChunkDecoder> decoder_;

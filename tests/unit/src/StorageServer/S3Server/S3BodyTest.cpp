@@ -178,6 +178,21 @@ TEST(S3Body, RefusesATrailerThatLies) {
   EXPECT_EQ(ErrorOf(request, headers, other), EError::kIncompleteBody);
 }
 
+TEST(S3Body, RefusesAChecksumThatTheTrailerWasNotExpectedToBring) {
+  const std::string good = "x-amz-checksum-crc32:" + Checksum(EDigest::kCrc32, "abc") + "\r\n";
+  const std::string lie = "x-amz-checksum-crc32:" + Checksum(EDigest::kCrc32, "abd") + "\r\n";
+  const std::string sha1 = "x-amz-checksum-sha1:" + Checksum(EDigest::kSha1, "abc") + "\r\n";
+  const auto error = [](const LowerHeaders& headers, const std::string& trailer) {
+    return ErrorOf(Form(EBodyForm::kChunks), Decoded(3, headers), "3\r\nabc\r\n0\r\n" + trailer + "\r\n");
+  };
+  EXPECT_EQ(error({}, lie), EError::kInvalidRequest) << "nothing is announced";
+  EXPECT_EQ(error({}, good), EError::kInvalidRequest);
+  EXPECT_EQ(error({{"x-amz-trailer", "x-amz-meta-a"}}, lie), EError::kInvalidRequest) << "something else is";
+  EXPECT_EQ(error({{"x-amz-trailer", "x-amz-checksum-sha1"}}, sha1 + lie), EError::kInvalidRequest) << "one of two is";
+  EXPECT_EQ(error({{"x-amz-checksum-crc32", Checksum(EDigest::kCrc32, "abc")}}, lie), EError::kInvalidRequest);
+  EXPECT_EQ(error({{"x-amz-trailer", "x-amz-checksum-sha1"}}, sha1 + "x-other:1\r\n"), EError::kNone);
+}
+
 TEST(S3Body, ChecksEveryKindOfChecksumInATrailer) {
   const std::pair<const char*, EDigest> kinds[] = {{"x-amz-checksum-crc32", EDigest::kCrc32},
                                                    {"x-amz-checksum-crc32c", EDigest::kCrc32c},
