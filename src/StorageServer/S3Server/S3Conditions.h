@@ -2,6 +2,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_CONDITIONS_H
 #define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_CONDITIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -21,6 +22,7 @@ struct AskedRange {
   ERange kind = ERange::kWhole;
   std::uint64_t begin = 0;
   std::uint64_t length = 0;
+  std::size_t parts = 0;  // of the object; 0 unless one of several was asked for by its number
 };
 
 // Reads a Range header for an object of `size` bytes. A list of several ranges, another unit and a malformed text are

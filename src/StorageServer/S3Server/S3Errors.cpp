@@ -40,6 +40,7 @@ constexpr std::array kErrorTable = {
     ErrorRow{EError::kInvalidBucketName, 400, "InvalidBucketName", "This is not a valid name for a bucket."},
     ErrorRow{EError::kInvalidDigest, 400, "InvalidDigest", "A digest or checksum of the request is malformed."},
     ErrorRow{EError::kInvalidPart, 400, "InvalidPart", "A part of the list was not uploaded, or has another ETag."},
+    ErrorRow{EError::kInvalidPartNumber, 416, "InvalidPartNumber", "The object has no part of this number."},
     ErrorRow{EError::kInvalidPartOrder, 400, "InvalidPartOrder", "The parts must be listed in ascending order."},
     ErrorRow{EError::kInvalidRange, 416, "InvalidRange", "The range lies outside of the object."},
     ErrorRow{EError::kInvalidRequest, 400, "InvalidRequest", "The request is not valid."},
@@ -71,6 +72,8 @@ constexpr std::array kErrorTable = {
              "The bucket has no website configuration."},
     ErrorRow{EError::kNoSuchUpload, 404, "NoSuchUpload",
              "There is no such upload; it was completed or aborted, or never begun."},
+    // Clients repeat what is answered 500 or 503; on a full disk that would be the whole upload, for nothing.
+    ErrorRow{EError::kNotEnoughSpace, 507, "NotEnoughSpace", "The server has not enough space for this."},
     ErrorRow{EError::kNotImplemented, 501, "NotImplemented", "This server does not have what the request asks for."},
     ErrorRow{EError::kPreconditionFailed, 412, "PreconditionFailed", "A condition of the request is not met."},
     ErrorRow{EError::kRequestTimeTooSkewed, 403, "RequestTimeTooSkewed",

@@ -130,6 +130,7 @@ std::optional<std::string> ETagOfParts(const std::vector<PartToComplete>& parts)
 Failure MatchParts(CompletedUpload& result, const std::vector<PartToComplete>& list,
                    const std::vector<UploadedPart>& uploaded) {
   CChecksumOfParts checksum;
+  std::optional<Failure> too_small;  // the other mistakes are named first
   for (const PartToComplete& asked : list) {
     const auto part =
         std::lower_bound(uploaded.begin(), uploaded.end(), asked.number,
@@ -141,12 +142,16 @@ Failure MatchParts(CompletedUpload& result, const std::vector<PartToComplete>& l
     }
     checksum.Add(digests, part->size);
     result.size += part->size;
-    result.pieces.push_back(Piece{part->size, part->url});
-  }
-  for (std::size_t i = 0; i + 1 < list.size(); ++i) {
-    if (result.pieces[i].size < kLeastPartBytes) {
-      return TooSmall(list[i], result.pieces[i].size);
+    if (part->size < kLeastPartBytes && !too_small && &asked != &list.back()) {
+      too_small = TooSmall(asked, part->size);
     }
+    // Nobody reads an empty part, so the object does not depend on it. Its size could not tell that it was replaced.
+    if (part->size > 0 || list.size() == 1) {
+      result.pieces.push_back(Piece{part->size, part->url});
+    }
+  }
+  if (too_small) {
+    return *too_small;
   }
   if (result.size > kMaxObjectBytes) {
     return EError::kEntityTooLarge;

@@ -1,6 +1,7 @@
 #include "StorageServer/S3Server/S3Request.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <random>
 
@@ -23,6 +24,31 @@ std::string BucketOfHost(std::string_view host, const std::string& domain) {
   return name;
 }
 
+// A link of version 4 is signed with its whole query. That of version 2 is not: whoever has it could add to it.
+bool IsLinkV4(const Query& query) {
+  return FindParameter(query, "X-Amz-Signature") != nullptr && !IsLinkV2(query);
+}
+
+// Libraries that make links move headers of this protocol, such as x-amz-meta-title, into the query.
+LowerHeaders HeadersOf(const TansyNet::HttpServerRecv& message, const Query& query) {
+  constexpr std::array<std::string_view, 8> kOfSignature = {
+      "x-amz-algorithm",     "x-amz-credential", "x-amz-date",           "x-amz-expires",
+      "x-amz-signedheaders", "x-amz-signature",  "x-amz-security-token", "x-amz-content-sha256"};
+  LowerHeaders headers = LowerNames(message.headers);
+  if (!IsLinkV4(query)) {
+    return headers;
+  }
+  for (const QueryParameter& parameter : query) {
+    const std::string name = ToLower(parameter.name);
+    const bool is_header =
+        name.starts_with("x-amz-") && std::find(kOfSignature.begin(), kOfSignature.end(), name) == kOfSignature.end();
+    if (is_header) {
+      headers.try_emplace(name, parameter.value);
+    }
+  }
+  return headers;
+}
+
 }  // namespace
 
 std::string MakeRequestId() {
@@ -42,7 +68,7 @@ Request::Request(std::int32_t session, const TansyNet::HttpServerRecv& message, 
       msg(message),
       config(conf),
       query(ParseQuery(message.query)),
-      headers(LowerNames(message.headers)),
+      headers(HeadersOf(message, query)),
       host_bucket(BucketOfHost(ValueOf(headers, "host"), conf.domain)) {
   readers = AllowedOrigin(conf.cors_origins, ValueOf(headers, "origin"));
   std::string_view path = std::string_view(url).substr(url.starts_with('/') ? 1 : 0);
@@ -61,7 +87,9 @@ Failure Request::Check() {
     return EError::kInvalidUri;
   }
   const Identity identity{config.ak, config.sk, config.region};
-  const RequestToSign signed_part{method, url, query, headers};
+  const bool is_link = IsLinkV4(query);
+  const LowerHeaders sent = is_link ? LowerNames(msg.headers) : LowerHeaders();
+  const RequestToSign signed_part{method, url, query, is_link ? sent : headers};
   const std::time_t now = TansyBase::TimeUtil::Now();
   if (!IsLinkV2(query)) {
     return CheckSignature(signature, signed_part, identity, now);

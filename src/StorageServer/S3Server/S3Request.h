@@ -37,10 +37,10 @@ struct Request : Recipient {
   const TansyNet::HttpServerRecv& msg;
   const S3ServerConfig& config;
   const Query query;
-  const LowerHeaders headers;
-  std::string host_bucket;  // the bucket that the host name names, in small letters; empty when the path names it
-  std::string bucket;       // decoded; empty when the request is about no bucket
-  std::string key;          // decoded; empty when the request is about no object
+  const LowerHeaders headers;  // with those that a link has in its query
+  std::string host_bucket;     // the bucket that the host name names, in small letters; empty when the path names it
+  std::string bucket;          // decoded; empty when the request is about no bucket
+  std::string key;             // decoded; empty when the request is about no object
   Signed signature;
   bool is_second_look = false;  // it was put off until a missing entity tag was computed
 };

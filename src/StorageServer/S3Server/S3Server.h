@@ -25,6 +25,7 @@
 #include "StorageServer/S3Server/S3Attributes.h"
 #include "StorageServer/S3Server/S3ChecksumNames.h"
 #include "StorageServer/S3Server/S3Conditions.h"
+#include "StorageServer/S3Server/S3CopySource.h"
 #include "StorageServer/S3Server/S3Errors.h"
 #include "StorageServer/S3Server/S3Parts.h"
 #include "StorageServer/S3Server/S3Request.h"
@@ -106,9 +107,11 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void GetBucketLocation(const Request& request);
   static void ListObjects(const Request& request);
   static void ListObjectsV2(const Request& request);
+  static void ListObjectVersions(const Request& request);
   static void DeleteObjects(const Request& request);
   static void PutObject(const Request& request);
   static void GetObject(const Request& request);
+  static void GetObjectAttributes(const Request& request);
   static void DeleteObject(const Request& request);
   static void PostObject(const Request& request);
   static void CopyObject(const Request& request);
@@ -160,7 +163,7 @@ class CS3Server : private TansyBase::CNoncopyable {
                            std::optional<EDigest> checksum);
   static Failure CopyToPart(StoredBody& body, const Request& request);
   static Failure CopyToObject(StoredBody& body, std::string& time, const Request& request);
-  static Failure ReplaceAttributes(StoredBody& body, std::string& time, const Request& request);
+  static Failure ReplaceAttributes(StoredBody& body, std::string& time, EMetadata metadata, const Request& request);
   static Failure FindObject(FoundObject& object, const Request& request);
   static Failure FindObject(FoundObject& object, const std::string& bucket, const std::string& key);
   // Computes the entity tag of an object that has none, and keeps it. Returns false when a thread of its own does so
@@ -169,6 +172,7 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void SendHead(const Request& request);
   static void SendBody(const Request& request);
   static Failure ReadAskedRange(AskedRange& range, const FoundObject& object, const Request& request);
+  static Failure ReadAskedPart(AskedRange& range, const FoundObject& object, const Request& request);
   // Finds what a read has to send. Returns false when the request is answered, or will be by another thread.
   static bool FindToSend(FoundObject& object, AskedRange& range, const Request& request);
   static bool Send(const Request& request, const FoundObject& object, const AskedRange& range);
@@ -193,10 +197,14 @@ CObjectStorageManager::EAdded AddAndWait(const ObjectInfo& object, const Attribu
                                          const CObjectStorageManager::MayAdd& may_add);
 // Gives the time as rows have it.
 std::string NowText();
+// Reads all bytes of an object. Returns "" when they cannot be read.
+std::string Md5OfBytes(const S3ServerConfig& config, const ObjectInfo& object);
+// Gives the failure that a storage callback's result stands for.
+Failure StorageFailure(int result);
 
 // Answers of any handler.
 void AnswerFailure(const Recipient& to, const Failure& failure);
-void AnswerXml(const Recipient& to, const std::string& xml);
+void AnswerXml(const Recipient& to, const std::string& xml, const TansyNet::Headers& headers = {});
 // Answers without a body.
 void AnswerEmpty(const Recipient& to, std::int32_t status, const TansyNet::Headers& headers = {});
 // Gives an answer what every answer has. The content type is empty.

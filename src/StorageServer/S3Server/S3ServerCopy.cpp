@@ -285,8 +285,10 @@ Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Reque
   }
   const bool is_itself = source.info.bucket_name == request.bucket && KeyOfName(source.info.name) == request.key;
   if (is_itself) {
-    return metadata == EMetadata::kReplace
-               ? ReplaceAttributes(body, time, request)
+    // There is one class of storage, so that a copy to another one changes nothing.
+    const bool has_purpose = metadata == EMetadata::kReplace || request.headers.contains("x-amz-storage-class");
+    return has_purpose
+               ? ReplaceAttributes(body, time, metadata, request)
                : Failure(EError::kInvalidRequest, "An object can be copied to itself only to replace its metadata.");
   }
   failure = CopyBytes(body, source, request, std::nullopt);
@@ -298,6 +300,7 @@ Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Reque
   if (failure) {
     return failure;
   }
+  attributes.headers.erase(kChecksumType);  // it was about the parts of the source
   attributes.etag = body.md5;
   time = NowText();
   ObjectInfo object;
@@ -310,17 +313,27 @@ Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Reque
 }
 
 // The bytes stay where they are. They must be those of the object that was looked at.
-Failure CS3Server::ReplaceAttributes(StoredBody& body, std::string& time, const Request& request) {
+Failure CS3Server::ReplaceAttributes(StoredBody& body, std::string& time, EMetadata metadata, const Request& request) {
   Attributes attributes;
   if (Failure failure = TakeHeaders(attributes, request.headers)) {
     return failure;
   }
+  bool is_unread = false;
   for (int left = kTries; left > 0; --left) {
     FoundObject source;
     if (Failure failure = FindSource(source, request)) {
       return failure;
     }
-    attributes.etag = body.md5 = source.ETag();
+    if (metadata == EMetadata::kCopy) {
+      attributes = source.attributes;
+    }
+    // A tag that is kept has to be the digest of the bytes, and not what stands for it until it is known.
+    body.md5 = source.attributes.etag.empty() ? Md5OfBytes(request.config, source.info) : source.attributes.etag;
+    is_unread = body.md5.empty();
+    if (is_unread) {
+      continue;  // it may be another one by now
+    }
+    attributes.etag = body.md5;
     time = NowText();
     ObjectInfo object = source.info;
     object.name = NameOfKey(request.key);
@@ -336,7 +349,7 @@ Failure CS3Server::ReplaceAttributes(StoredBody& body, std::string& time, const 
       return FailureOf(result, request);
     }
   }
-  return EError::kSlowDown;
+  return is_unread ? EError::kInternalError : EError::kSlowDown;
 }
 
 }  // namespace Tansy::CloudStorage::S3

@@ -58,8 +58,9 @@ std::string_view SubresourceOf(const Request& request) {
   }
   for (const QueryParameter& parameter : request.query) {
     const auto found = std::find(kSubresources.begin(), kSubresources.end(), parameter.name);
-    // An object without versions has the version "null".
-    if (found != kSubresources.end() && !(parameter.name == "versionId" && parameter.value == "null")) {
+    // An object without versions has the version "null"; some libraries send the name without a value.
+    const bool is_version = parameter.name == "versionId" && (parameter.value == "null" || parameter.value.empty());
+    if (found != kSubresources.end() && !is_version) {
       return *found;
     }
   }
@@ -108,10 +109,14 @@ struct CS3Server::Routes {
       Route{"GET", ETarget::kBucket, "location", &Server::GetBucketLocation},
       Route{"GET", ETarget::kBucket, "", &Server::ListObjects},
       Route{"GET", ETarget::kBucket, "list-type", &Server::ListObjectsV2},
+      Route{"GET", ETarget::kBucket, "versions", &Server::ListObjectVersions},
       Route{"POST", ETarget::kBucket, "delete", &Server::DeleteObjects},
       Route{"PUT", ETarget::kObject, "", &Server::PutObject, true},
       Route{"GET", ETarget::kObject, "", &Server::GetObject},
       Route{"HEAD", ETarget::kObject, "", &Server::GetObject},
+      Route{"GET", ETarget::kObject, "partNumber", &Server::GetObject},
+      Route{"HEAD", ETarget::kObject, "partNumber", &Server::GetObject},
+      Route{"GET", ETarget::kObject, "attributes", &Server::GetObjectAttributes},
       Route{"DELETE", ETarget::kObject, "", &Server::DeleteObject},
       Route{"GET", ETarget::kBucket, "acl", &Server::GetAcl},
       Route{"PUT", ETarget::kBucket, "acl", &Server::PutAcl},
@@ -302,8 +307,9 @@ void AnswerFailure(const Recipient& to, const Failure& failure) {
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(body.size()), body.data());
 }
 
-void AnswerXml(const Recipient& to, const std::string& xml) {
+void AnswerXml(const Recipient& to, const std::string& xml, const TansyNet::Headers& headers) {
   TansyNet::HttpResponse response = MakeResponse(to, 200);
+  response.headers.insert(headers.begin(), headers.end());
   response.content_type = kXmlType;
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(xml.size()), xml.data());
 }

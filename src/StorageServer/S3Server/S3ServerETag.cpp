@@ -24,7 +24,8 @@ constexpr std::uint32_t kQuickETagBytes = 0x100000;
 constexpr std::uint32_t kPieceBytes = 0x400000;
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
 
-// Reads all bytes of an object. Returns "" when they cannot be read.
+}  // namespace
+
 std::string Md5OfBytes(const S3ServerConfig& config, const ObjectInfo& object) {
   const std::shared_ptr<CReadLease> lease = CReadLease::Begin(LocationText(object.bucket_name, object.url));
   TansyNet::CMemoryShare memory;
@@ -43,6 +44,8 @@ std::string Md5OfBytes(const S3ServerConfig& config, const ObjectInfo& object) {
   }
   return ToHex(digest.Finish());
 }
+
+namespace {
 
 // Computes the entity tag of an object and keeps it. Whoever reads the object next finds out why it cannot be read.
 void ComputeETag(FoundObject& object, const S3ServerConfig& config) {

@@ -132,7 +132,7 @@ void CS3Server::PostObject(const Request& request) {
   if (!failure) {
     object.url = CloudStorage::details::LocationText(request.bucket);
     const int result = CloudStorage::details::SaveObject(request.config, object.url, form.file);
-    failure = result == 0 ? Failure() : Failure(EError::kInternalError);
+    failure = result == 0 ? Failure() : StorageFailure(result);
   }
   if (failure) {
     AnswerFailure(request, failure);

@@ -16,6 +16,8 @@ namespace {
 constexpr std::uint64_t kMostEntries = 1000;
 // A continuation token is this and the last key of the listing before, in Base64, so that it fits into every query.
 constexpr std::string_view kTokenMark = "1:";
+// The version of an object in a bucket that keeps no versions.
+constexpr const char* kOnlyVersion = "null";
 
 Failure ReadMaxKeys(ListRequest& list, const Query& query) {
   const std::string* const text = FindParameter(query, "max-keys");
@@ -59,11 +61,14 @@ ShowObjects ObjectsOf(const std::string& bucket) {
   };
 }
 
-// Writes the elements that both versions of the operation have.
+// Writes the elements that all kinds of listings have.
 class CListAnswer {
  public:
-  CListAnswer(const Request& request, bool is_encoded) : request_(request), is_encoded_(is_encoded) {
-    xml_.OpenAnswer("ListBucketResult");
+  enum class EKind { kObjects, kVersions };
+
+  CListAnswer(const Request& request, bool is_encoded, EKind kind = EKind::kObjects)
+      : request_(request), is_encoded_(is_encoded), kind_(kind) {
+    xml_.OpenAnswer(Root());
     xml_.Element("Name", request.bucket);
   }
 
@@ -96,14 +101,21 @@ class CListAnswer {
     if (is_encoded_) {
       xml_.Element("EncodingType", "url");
     }
-    xml_.Close("ListBucketResult");
+    xml_.Close(Root());
     AnswerXml(request_, xml_.Take());
   }
 
  private:
+  const char* Root() const { return kind_ == EKind::kObjects ? "ListBucketResult" : "ListVersionsResult"; }
+
   void Object(const ListedObject& object, bool with_owner) {
-    xml_.Open("Contents");
+    const char* const element = kind_ == EKind::kObjects ? "Contents" : "Version";
+    xml_.Open(element);
     Text("Key", object.key);
+    if (kind_ == EKind::kVersions) {
+      xml_.Element("VersionId", kOnlyVersion);
+      xml_.Element("IsLatest", true);
+    }
     xml_.Element("LastModified", object.modified);
     xml_.Element("ETag", '"' + object.etag + '"');
     xml_.Element("Size", object.size);
@@ -114,13 +126,30 @@ class CListAnswer {
       xml_.Close("Owner");
     }
     xml_.Element("StorageClass", "STANDARD");
-    xml_.Close("Contents");
+    xml_.Close(element);
   }
 
   const Request& request_;
   const bool is_encoded_;
+  const EKind kind_;
   CXmlWriter xml_;
 };
+
+// The next page begins behind the last key of this one, as the client has read it. XML cannot carry every key: with
+// what stands for such a one, the client would ask for the same page for ever, or miss some. So the page ends before
+// it.
+Failure EndBehindAReadableKey(Listing& listing, bool is_encoded) {
+  if (is_encoded || !listing.is_truncated) {
+    return {};
+  }
+  while (!listing.entries.empty() && !CXmlWriter::CanCarry(listing.entries.back().object.key)) {
+    listing.entries.pop_back();
+  }
+  if (listing.entries.empty()) {
+    return {EError::kInvalidRequest, "XML cannot carry any of these keys; ask for encoding-type=url."};
+  }
+  return {};
+}
 
 Failure ReadListRequest(ListRequest& list, bool& is_encoded, const Query& query) {
   list.prefix = ParameterOrEmpty(query, "prefix");
@@ -133,14 +162,18 @@ Failure ReadListRequest(ListRequest& list, bool& is_encoded, const Query& query)
 
 void CS3Server::ListObjects(const Request& request) {
   ListRequest list;
+  Listing listing;
   bool is_encoded = false;
-  const Failure failure = ReadListRequest(list, is_encoded, request.query);
+  Failure failure = ReadListRequest(list, is_encoded, request.query);
+  if (!failure) {
+    list.after = ParameterOrEmpty(request.query, "marker");
+    listing = List(list, ObjectsOf(request.bucket));
+    failure = EndBehindAReadableKey(listing, is_encoded);
+  }
   if (failure) {
     AnswerFailure(request, failure);
     return;
   }
-  list.after = ParameterOrEmpty(request.query, "marker");
-  const Listing listing = List(list, ObjectsOf(request.bucket));
   CListAnswer answer(request, is_encoded);
   answer.Text("Prefix", list.prefix);
   answer.Text("Marker", list.after);
@@ -149,6 +182,40 @@ void CS3Server::ListObjects(const Request& request) {
   answer.Xml().Element("IsTruncated", listing.is_truncated);
   if (listing.is_truncated) {
     answer.Text("NextMarker", listing.entries.back().object.key);
+  }
+  answer.Entries(listing, true);
+  answer.Send();
+}
+
+// Each object has one version, which is the latest.
+void CS3Server::ListObjectVersions(const Request& request) {
+  ListRequest list;
+  Listing listing;
+  bool is_encoded = false;
+  Failure failure = ReadListRequest(list, is_encoded, request.query);
+  const std::string id_marker = ParameterOrEmpty(request.query, "version-id-marker");
+  list.after = ParameterOrEmpty(request.query, "key-marker");
+  if (!failure && !id_marker.empty() && list.after.empty()) {
+    failure = {EError::kInvalidArgument, "A version-id-marker needs a key-marker."};
+  }
+  if (!failure) {
+    listing = List(list, ObjectsOf(request.bucket));
+    failure = EndBehindAReadableKey(listing, is_encoded);
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  CListAnswer answer(request, is_encoded, CListAnswer::EKind::kVersions);
+  answer.Text("Prefix", list.prefix);
+  answer.Text("KeyMarker", list.after);
+  answer.Xml().Element("VersionIdMarker", id_marker);
+  answer.Xml().Element("MaxKeys", std::uint64_t{list.most});
+  answer.OptionalText("Delimiter", list.delimiter);
+  answer.Xml().Element("IsTruncated", listing.is_truncated);
+  if (listing.is_truncated) {
+    answer.Text("NextKeyMarker", listing.entries.back().object.key);
+    answer.Xml().Element("NextVersionIdMarker", kOnlyVersion);
   }
   answer.Entries(listing, true);
   answer.Send();

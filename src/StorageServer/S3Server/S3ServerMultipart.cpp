@@ -27,6 +27,8 @@ using EAdded = CObjectStorageManager::EAdded;
 using EFound = CPartUploads::EFound;
 
 constexpr std::uint64_t kMostListed = 1000;
+// Behind a common prefix there is often another one, which needs one upload only.
+constexpr std::size_t kUploadsBehindAPrefix = 8;
 // A completion is tried again so often when its parts change while it is under way.
 constexpr int kTries = 3;
 
@@ -118,18 +120,18 @@ void WriteChecksum(CXmlWriter& xml, const std::optional<Checksum>& checksum) {
   }
 }
 
-// `type` says what the checksum is of.
-void AnswerCompleted(const Request& request, const std::string& etag, const std::optional<Checksum>& checksum,
-                     const std::string& type) {
+void AnswerCompleted(const Request& request, const CompletedUpload& completed) {
+  const bool is_of_all_bytes = completed.checksum_type == kOfAllBytes;
+  const std::optional<Checksum>& checksum = is_of_all_bytes ? completed.of_bytes : completed.of_parts;
   CXmlWriter xml;
   xml.OpenAnswer("CompleteMultipartUploadResult");
   xml.Element("Location", "/" + PercentEncode(request.bucket) + "/" + PercentEncodePath(request.key));
   xml.Element("Bucket", request.bucket);
   xml.Element("Key", request.key);
-  xml.Element("ETag", '"' + etag + '"');
+  xml.Element("ETag", '"' + completed.etag + '"');
   WriteChecksum(xml, checksum);
   if (checksum) {
-    xml.Element("ChecksumType", type);
+    xml.Element("ChecksumType", is_of_all_bytes ? kOfAllBytes : kOfParts);
   }
   xml.Close("CompleteMultipartUploadResult");
   AnswerXml(request, xml.Take());
@@ -139,6 +141,9 @@ void AnswerCompleted(const Request& request, const std::string& etag, const std:
 class CUploadsInOrder {
  public:
   CUploadsInOrder(std::string bucket, std::size_t page) : bucket_(std::move(bucket)), page_(page) {}
+
+  // Asks for at most so many uploads from now on.
+  void SetPage(std::size_t page) { page_ = page; }
 
   // Goes on with the first upload whose key and id are beyond these.
   void GoBeyond(std::string_view key, std::string id) {
@@ -171,7 +176,7 @@ class CUploadsInOrder {
 
  private:
   const std::string bucket_;
-  const std::size_t page_;
+  std::size_t page_;
   std::string after_key_;
   std::string after_id_;
   std::vector<PartUpload> uploads_;
@@ -260,6 +265,7 @@ bool ListUploads(UploadListing& listing, const UploadListRequest& list, const st
     listing.prefixes.push_back(prefix);
     const std::optional<std::string> beyond = Beyond(prefix);
     goes_on = beyond.has_value();
+    uploads.SetPage(kUploadsBehindAPrefix);
     uploads.GoTo(beyond.value_or(std::string()));
   }
   return !uploads.HasFailed();
@@ -465,6 +471,9 @@ void CS3Server::ListMultipartUploads(const Request& request) {
   if (!failure && !ListUploads(listing, list, request.bucket)) {
     failure = EError::kInternalError;
   }
+  if (!failure && listing.is_truncated && !list.is_encoded && !CXmlWriter::CanCarry(listing.next_key)) {
+    failure = {EError::kInvalidRequest, "XML cannot carry the key behind which to go on; ask for encoding-type=url."};
+  }
   if (failure) {
     AnswerFailure(request, failure);
     return;
@@ -484,9 +493,7 @@ void CS3Server::CompleteMultipartUpload(const Request& request) {
     EAdded added = EAdded::kFailed;
     failure = TryToComplete(completed, added, list, request);
     if (!failure && added == EAdded::kAdded) {
-      const bool is_of_all_bytes = completed.checksum_type == kOfAllBytes;
-      AnswerCompleted(request, completed.etag, is_of_all_bytes ? completed.of_bytes : completed.of_parts,
-                      is_of_all_bytes ? kOfAllBytes : kOfParts);
+      AnswerCompleted(request, completed);
       return;
     }
     if (!failure && added == EAdded::kRefused) {
@@ -522,10 +529,13 @@ Failure CS3Server::TryToComplete(CompletedUpload& completed, EAdded& added, cons
   if (failure) {
     return failure;
   }
+  // The type stays with the object, because the same completion may come again.
   Attributes attributes = FromText(upload.attributes);
   completed.checksum_type = attributes.headers[kChecksumType];
   attributes.headers.erase(kChecksumAlgorithm);
-  attributes.headers.erase(kChecksumType);
+  if (completed.checksum_type.empty()) {
+    attributes.headers.erase(kChecksumType);
+  }
   attributes.etag = completed.etag;
   ObjectInfo object;
   object.bucket_name = request.bucket;
@@ -554,7 +564,15 @@ bool CS3Server::AnswerRepeated(const Request& request, const std::vector<PartToC
       object.attributes.etag != *etag) {
     return false;
   }
-  AnswerCompleted(request, *etag, std::nullopt, {});
+  // The object's parts are still known, but for one without bytes.
+  CompletedUpload completed;
+  std::vector<UploadedPart> parts;
+  if (!CPartUploads::GetParts(parts, UploadId(request), 0, kMostParts) || MatchParts(completed, list, parts)) {
+    completed = {};
+  }
+  completed.etag = *etag;
+  completed.checksum_type = object.attributes.headers[kChecksumType];
+  AnswerCompleted(request, completed);
   return true;
 }
 

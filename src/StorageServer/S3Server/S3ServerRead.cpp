@@ -8,10 +8,13 @@
 #include "StorageServer/ObjectServer/ObjectServerBigSend.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/PieceList.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/S3Server/S3Body.h"
 #include "StorageServer/S3Server/S3Digest.h"
+#include "StorageServer/S3Server/S3Parts.h"
 #include "StorageServer/S3Server/S3Server.h"
+#include "StorageServer/S3Server/S3XmlWriter.h"
 #include "TansyBase/HttpDate.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyNet/MemoryAccount.h"
@@ -70,6 +73,9 @@ TansyNet::HttpResponse ObjectResponse(const Request& request, const FoundObject&
                                         std::to_string(range.begin + range.length - 1) + "/" +
                                         std::to_string(object.info.size);
   }
+  if (range.parts > 0) {
+    response.headers["x-amz-mp-parts-count"] = std::to_string(range.parts);
+  }
   return response;
 }
 
@@ -81,6 +87,11 @@ bool IsStillVersion(const std::string& if_range, const FoundObject& object) {
   const VersionTags tags = object.Tags();
   return if_range == '"' + tags.etag + '"' || if_range == '"' + tags.stand_in + '"' ||
          TansyBase::HttpDate::Parse(if_range) == object.modified;
+}
+
+std::string WithoutBlanks(std::string text) {
+  std::erase_if(text, [](char c) { return c == ' ' || c == '\t'; });
+  return text;
 }
 
 void AnswerNotModified(const Request& request, const FoundObject& object) {
@@ -120,7 +131,33 @@ Failure CS3Server::FindObject(FoundObject& object, const Request& request) {
   return FindObject(object, request.bucket, request.key);
 }
 
+// An object that was stored as a whole is its own first part.
+Failure CS3Server::ReadAskedPart(AskedRange& range, const FoundObject& object, const Request& request) {
+  std::uint32_t number = 0;
+  if (Failure failure = ReadPartNumber(number, request.query)) {
+    return failure;
+  }
+  if (!ValueOf(request.headers, "range").empty()) {
+    return {EError::kInvalidRequest, "A request asks for a range or for a part, not for both."};
+  }
+  const CloudStorage::details::PieceList pieces = CloudStorage::details::ReadPieceList(object.info.url);
+  if (number > std::max<std::size_t>(pieces.size(), 1)) {
+    return EError::kInvalidPartNumber;
+  }
+  range.kind = object.info.size > 0 ? ERange::kPart : ERange::kWhole;
+  range.parts = pieces.size();
+  for (std::uint32_t i = 0; i + 1 < number; ++i) {
+    range.begin += pieces[i].size;
+  }
+  range.length = pieces.empty() ? object.info.size : pieces[number - 1].size;
+  const bool is_empty_part = range.length == 0 && object.info.size > 0;
+  return is_empty_part ? Failure(EError::kInvalidPartNumber) : Failure();
+}
+
 Failure CS3Server::ReadAskedRange(AskedRange& range, const FoundObject& object, const Request& request) {
+  if (FindParameter(request.query, "partNumber") != nullptr) {
+    return ReadAskedPart(range, object, request);
+  }
   range = IsStillVersion(ValueOf(request.headers, "if-range"), object)
               ? ReadRange(ValueOf(request.headers, "range"), object.info.size)
               : AskedRange{};
@@ -162,6 +199,42 @@ bool CS3Server::FindToSend(FoundObject& object, AskedRange& range, const Request
     return false;
   }
   return true;
+}
+
+// What is known beside the bytes. The tag is the one of listings: nothing is read to make a better one.
+void CS3Server::GetObjectAttributes(const Request& request) {
+  FoundObject object;
+  const std::string& asked = ValueOf(request.headers, "x-amz-object-attributes");
+  Failure failure = FindObject(object, request);
+  if (!failure && asked.empty()) {
+    failure = {EError::kInvalidArgument, "The header x-amz-object-attributes must name what is asked for."};
+  }
+  if (failure) {
+    AnswerFailure(request, failure);
+    return;
+  }
+  const auto is_asked = [list = "," + WithoutBlanks(asked) + ","](const std::string& name) {
+    return list.find("," + name + ",") != std::string::npos;
+  };
+  const std::size_t parts = CloudStorage::details::ReadPieceList(object.info.url).size();
+  CXmlWriter xml;
+  xml.OpenAnswer("GetObjectAttributesResponse");
+  if (is_asked("ETag")) {
+    xml.Element("ETag", object.ETag());
+  }
+  if (is_asked("ObjectParts") && parts > 0) {
+    xml.Open("ObjectParts");
+    xml.Element("PartsCount", std::uint64_t{parts});
+    xml.Close("ObjectParts");
+  }
+  if (is_asked("StorageClass")) {
+    xml.Element("StorageClass", "STANDARD");
+  }
+  if (is_asked("ObjectSize")) {
+    xml.Element("ObjectSize", object.info.size);
+  }
+  xml.Close("GetObjectAttributesResponse");
+  AnswerXml(request, xml.Take(), {{"Last-Modified", TansyBase::HttpDate::Format(object.modified, '0')}});
 }
 
 void CS3Server::GetObject(const Request& request) {

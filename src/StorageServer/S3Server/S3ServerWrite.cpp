@@ -146,6 +146,10 @@ CObjectStorageManager::EAdded AddAndWait(const ObjectInfo& object, const Attribu
   return added.get();
 }
 
+Failure StorageFailure(int result) {
+  return result == CloudStorage::details::kStorageFull ? EError::kNotEnoughSpace : EError::kInternalError;
+}
+
 std::string NowText() {
   return TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
 }
@@ -206,7 +210,7 @@ Failure CS3Server::ReceiveWhole(StoredBody& body, const Request& request) {
   body.url = CloudStorage::details::LocationText(request.bucket);
   if (const int result = CloudStorage::details::SaveObject(request.config, body.url, plain.Bytes()); result != 0) {
     CLOUD_LOG(logging::kError, "[%s]upload failed[%s], result = %d.[%s(%d)]", request.msg.url.c_str(), result);
-    return EError::kInternalError;
+    return StorageFailure(result);
   }
   body.size = plain.Bytes().size();
   body.md5 = decoder.Md5();

@@ -85,6 +85,9 @@ Failure ReadAccessControl(bool& is_private, std::string_view xml, std::string_vi
     if (!document.Has(path)) {
       return {};
     }
+    if (number > kMostGrants) {
+      return EError::kMalformedXml;
+    }
     is_private = document.GetString(path + "/Grantee/ID") == owner;
   }
   return {};

@@ -16,6 +16,7 @@ namespace Tansy::CloudStorage::S3 {
 
 inline constexpr std::size_t kMostKeysToDelete = 1000;
 inline constexpr std::uint32_t kMostParts = 10000;
+inline constexpr std::size_t kMostGrants = 100;
 
 struct KeyToDelete {
   std::string key;
@@ -41,7 +42,7 @@ struct PartToComplete {
 // Fails when the text is no list of 1 to 10000 parts whose numbers ascend.
 Failure ReadCompleteRequest(std::vector<PartToComplete>& parts, std::string_view xml);
 
-// Says whether a list of grants gives rights to the owner only. Fails when the text is no such list.
+// Says whether a list of grants gives rights to the owner only. Fails when the text is no list of at most 100 grants.
 Failure ReadAccessControl(bool& is_private, std::string_view xml, std::string_view owner);
 
 }  // namespace Tansy::CloudStorage::S3

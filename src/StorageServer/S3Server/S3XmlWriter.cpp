@@ -69,6 +69,15 @@ void CXmlWriter::Text(std::string_view value) {
   }
 }
 
+bool CXmlWriter::CanCarry(std::string_view text) {
+  bool can = true;
+  while (can && !text.empty()) {
+    char32_t character = 0;
+    can = TansyProto::TakeUtf8(text, character) && TansyProto::IsXmlCharacter(character);
+  }
+  return can;
+}
+
 std::string CXmlWriter::Take() {
   return std::exchange(text_, {});
 }

@@ -33,6 +33,9 @@ class CXmlWriter {
 
   std::string Take();
 
+  // Says whether a reader gets this text back as it is.
+  static bool CanCarry(std::string_view text);
+
  private:
   void Text(std::string_view value);
 

@@ -90,6 +90,36 @@ TEST_F(S3CopyTest, ReplacesTheMetadataOfAnObjectInItsPlace) {
   EXPECT_EQ(storage_.Calls("save").size(), 1U) << "the bytes stay where they are";
 }
 
+// What stands for a tag until it is known must not become the tag for ever.
+TEST_F(S3CopyTest, ReplacesTheMetadataOfAnotherProtocolsObject) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{5}, 5 * kMebibyte}) {
+    const std::string key = "ours-" + std::to_string(size);
+    const std::string body = Pattern(size);
+    NewObject(bucket_, key, body);
+    const FakeAnswer copied = Copy(key, key, {{"x-amz-metadata-directive", "REPLACE"}, {"x-amz-meta-n", "2"}});
+    EXPECT_EQ(Outcome(copied), "200");
+    EXPECT_EQ(Values(copied.body, "ETag").at(0), "&quot;" + ToHex(DigestOf(EDigest::kMd5, body)) + "&quot;") << size;
+    const FakeAnswer got = GetKey(key);
+    EXPECT_EQ(got.response.headers.at("ETag"), Md5(body)) << size;
+    EXPECT_EQ(got.response.headers.at("x-amz-meta-n"), "2");
+    EXPECT_TRUE(got.body == body);
+  }
+  NewObject(bucket_, "ours", "hello");
+  storage_.SetResult("range", 1);
+  EXPECT_EQ(Outcome(Copy("ours", "ours", {{"x-amz-metadata-directive", "REPLACE"}})), "500 InternalError");
+  storage_.SetResult("range", 0);
+  EXPECT_EQ(KeptTags().size(), 3U) << "of those before";
+}
+
+TEST_F(S3CopyTest, TakesACopyToAnotherStorageClassInItsPlace) {
+  PutKey("k", "hello", {{"x-amz-meta-m", "1"}});
+  EXPECT_EQ(Outcome(Copy("k", "k", {{"x-amz-storage-class", "STANDARD_IA"}})), "200");
+  const FakeAnswer got = GetKey("k");
+  EXPECT_EQ(got.body, "hello");
+  EXPECT_EQ(got.response.headers.at("ETag"), Md5("hello"));
+  EXPECT_EQ(got.response.headers.at("x-amz-meta-m"), "1");
+}
+
 TEST_F(S3CopyTest, AsksTheConditionsOfTheSource) {
   PutKey("k", "hello");
   const auto with = [&](const std::string& name, const std::string& value) {

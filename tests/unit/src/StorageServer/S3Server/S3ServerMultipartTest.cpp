@@ -472,9 +472,97 @@ TEST_F(S3MultipartTest, AnswersFailuresOfTheDatabaseAndKeepsTheUpload) {
   EXPECT_EQ(Outcome(Complete("k", id, {{1, Md5("x")}})), "200");
 }
 
+TEST_F(S3MultipartTest, GivesEachPartByItsNumber) {
+  const Texts bodies = {Pattern(kLeast, 1), Pattern(kLeast + 1, 2), Pattern(3, 3)};
+  UploadAll("k", bodies);
+  const std::string size = std::to_string(bodies[0].size() + bodies[1].size() + bodies[2].size());
+  std::size_t begin = 0;
+  for (std::size_t i = 0; i < bodies.size(); ++i) {
+    const std::string query = "partNumber=" + std::to_string(i + 1);
+    const FakeAnswer got = GetKey("k", {}, query);
+    EXPECT_EQ(got.response.status, 206) << query;
+    EXPECT_TRUE(got.body == bodies[i]) << query;
+    EXPECT_EQ(got.response.headers.at("x-amz-mp-parts-count"), "3");
+    EXPECT_EQ(got.response.headers.at("Content-Range"),
+              "bytes " + std::to_string(begin) + "-" + std::to_string(begin + bodies[i].size() - 1) + "/" + size);
+    begin += bodies[i].size();
+    const FakeAnswer head = Do({.method = "HEAD", .path = PathOf("k"), .query = query});
+    EXPECT_EQ(head.response.status, 206);
+    EXPECT_EQ(head.total_size, bodies[i].size());
+  }
+  EXPECT_EQ(Outcome(GetKey("k", {}, "partNumber=4")), "416 InvalidPartNumber");
+  EXPECT_EQ(Outcome(GetKey("k", {}, "partNumber=0")), "400 InvalidArgument");
+  EXPECT_EQ(Outcome(GetKey("k", {{"Range", "bytes=0-1"}}, "partNumber=1")), "400 InvalidRequest");
+  EXPECT_EQ(GetKey("k").response.headers.count("x-amz-mp-parts-count"), 0U);
+  const FakeAnswer attributes =
+      Do({.method = "GET",
+          .path = PathOf("k"),
+          .query = "attributes",
+          .headers = {{"x-amz-object-attributes", "ETag, ObjectParts,ObjectSize,StorageClass,Checksum"}}});
+  EXPECT_EQ(Values(attributes.body, "ETag"), Texts{ETagOf(bodies).substr(1, 34)});
+  EXPECT_EQ(Values(attributes.body, "PartsCount"), Texts{"3"});
+  EXPECT_EQ(Values(attributes.body, "ObjectSize"), Texts{size});
+  EXPECT_EQ(Values(attributes.body, "StorageClass"), Texts{"STANDARD"});
+}
+
+// Its size cannot tell the completion that somebody replaces it meanwhile, so the object must not need it.
+TEST_F(S3MultipartTest, AnEmptyLastPartIsNoPieceOfTheObject) {
+  const std::string body = Pattern(kLeast);
+  const std::string id = UploadAll("k", {body, ""});
+  ObjectInfo object;
+  ASSERT_TRUE(catalogue_.GetObjectByName(object, "k", bucket_));
+  EXPECT_EQ(CloudStorage::details::ReadPieceList(object.url).size(), 1U);
+  EXPECT_EQ(CountParts(id), 1U) << "its bytes are given back";
+  const FakeAnswer got = GetKey("k");
+  EXPECT_TRUE(got.body == body);
+  EXPECT_EQ(got.response.headers.at("ETag"), ETagOf({body, ""}));
+  EXPECT_EQ(Outcome(Complete("k", id, {{1, Md5(body)}, {2, Md5("")}})), "200") << "its answer was lost";
+  UploadAll("empty", {""});
+  EXPECT_EQ(Outcome(GetKey("empty")), "200");
+}
+
+TEST_F(S3MultipartTest, ARepeatedCompletionGetsTheSameAnswer) {
+  for (const char* const type : {"COMPOSITE", "FULL_OBJECT"}) {
+    const std::string id =
+        Begin("k", {{"x-amz-checksum-algorithm", "CRC32C"}, {"x-amz-checksum-type", type}, {"x-amz-meta-a", "1"}});
+    const Texts bodies = {Pattern(kLeast), "tail"};
+    std::vector<Listed> parts;
+    for (const std::string& body : bodies) {
+      const std::string checksum = TansyBase::Encrypt::Base64Encode(DigestOf(EDigest::kCrc32c, body));
+      const int number = static_cast<int>(parts.size()) + 1;
+      PutPart("k", id, number, body, {{"x-amz-checksum-crc32c", checksum}});
+      parts.push_back({number, Md5(body), "<ChecksumCRC32C>" + checksum + "</ChecksumCRC32C>"});
+    }
+    const FakeAnswer first = Complete("k", id, parts);
+    EXPECT_EQ(Values(first.body, "ChecksumType"), Texts{type});
+    EXPECT_EQ(Complete("k", id, parts).body, first.body);
+    EXPECT_EQ(GetKey("k").response.headers.count("x-amz-checksum-type"), 0U);
+    EXPECT_EQ(GetKey("k").response.headers.at("x-amz-meta-a"), "1");
+  }
+}
+
+// Behind each common prefix only a few uploads are read.
+TEST_F(S3MultipartTest, ListsManyCommonPrefixesOfUploads) {
+  Texts prefixes;
+  for (int i = 10; i < 40; ++i) {
+    for (int upload = 0; upload < 1 + i % 10; ++upload) {
+      Begin("folder-" + std::to_string(i) + "/" + std::to_string(upload));
+    }
+    prefixes.push_back("folder-" + std::to_string(i) + "/");
+  }
+  const FakeAnswer all = List("uploads&delimiter=%2F");
+  Texts shown = Values(all.body, "Prefix");
+  ASSERT_FALSE(shown.empty());
+  shown.erase(shown.begin());  // that of the request
+  EXPECT_EQ(shown, prefixes);
+  EXPECT_EQ(Values(List("uploads").body, "Key").size(), 165U) << "all of them, without a delimiter";
+}
+
 TEST_F(S3MultipartTest, AnswersAStorageThatFails) {
   const std::string id = Begin("k");
   storage_.SetResult("save", 3);
+  EXPECT_EQ(Outcome(PutPart("k", id, 1, "x")), "507 NotEnoughSpace") << "nobody repeats what cannot help";
+  storage_.SetResult("save", 1);
   EXPECT_EQ(Outcome(PutPart("k", id, 1, "x")), "500 InternalError");
   EXPECT_EQ(CountParts(id), 0U);
   storage_.SetResult("save", 0);

@@ -11,6 +11,29 @@
 namespace Tansy::CloudStorage::S3 {
 namespace {
 
+TEST(S3Xml, TellsWhatItCanCarry) {
+  for (const char* const text : {"", "a", "\t\r\n", "<&>\"", "\xC3\xA9", "\xEF\xBF\xBD"}) {
+    EXPECT_TRUE(CXmlWriter::CanCarry(text)) << text;
+  }
+  for (const char* const text : {"\x01", "a\x1F", "\xFF", "\xC3", "\xEF\xBF\xBF", "\xED\xA0\x80"}) {
+    EXPECT_FALSE(CXmlWriter::CanCarry(text)) << text;
+  }
+  EXPECT_FALSE(CXmlWriter::CanCarry(std::string_view("\0", 1)));
+}
+
+TEST(S3Xml, TakesAHundredGrantsAtMost) {
+  const auto read = [](int count) {
+    std::string xml = "<AccessControlPolicy><AccessControlList>";
+    for (int i = 0; i < count; ++i) {
+      xml += "<Grant><Grantee><ID>me</ID></Grantee></Grant>";
+    }
+    bool is_private = false;
+    return ReadAccessControl(is_private, xml + "</AccessControlList></AccessControlPolicy>", "me").error;
+  };
+  EXPECT_EQ(read(100), EError::kNone);
+  EXPECT_EQ(read(101), EError::kMalformedXml);
+}
+
 constexpr const char* kDeclaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
 TEST(S3XmlWriter, WritesTextsThatXmlCannotCarryWithoutBreakingIt) {
