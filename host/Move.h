@@ -11,36 +11,15 @@
 #ifndef TANSY_HOST_MOVE_H
 #define TANSY_HOST_MOVE_H
 
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "HostSystem/LockFile.h"
-#include "MovableStore.h"
+#include "MoveHost.h"
 #include "MoveOrder.h"
 #include "MovedMark.h"
 #include "Options.h"
-#include "StoragePlace.h"
 
 namespace Tansy::Host {
-
-// What a switch gives to whoever serves. It has to be kept for as long as the new place is used.
-struct MovedTo {
-  HostOptions options;
-  std::unique_ptr<IStoragePlace> place;                  // null: the bytes stay
-  std::unique_ptr<HostSystem::CLockFile> database_lock;  // null: the catalogue stays, or has a lock of its own
-};
-
-struct MoveHost {
-  HostOptions options;   // of what is served now
-  bool is_node = false;  // it shares them with others, who would not follow a move: nothing is moved then
-  std::shared_ptr<CMovableStore> store;
-  std::function<bool()> is_stopping;
-  std::function<void(const std::string& line)> say;  // for people
-  std::function<void(MovedTo moved)> take_over;      // writes are held meanwhile
-};
 
 // Moves, or goes on with a move that has begun. The pool of the module "platform" is in use, and the current folder is
 // the data folder. Throws CMoveFailure or CStartFailure when the move cannot go on, and CMoveFailure when it is

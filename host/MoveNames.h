@@ -15,6 +15,9 @@ inline constexpr const char* kMovePlace = "move_place";  // there: how far rows 
 inline constexpr const char* kMoveFrom = "move_from";    // at the goal, while it is being filled: the id of the move
 inline constexpr const char* kMovedTo = "moved_to";      // at the source, when everything is in another place
 
+// The table of open uploads whose parts are written in place.
+inline constexpr const char* kUploadTable = "local_object_task";
+
 // Texts as one text, and back. They may hold anything.
 std::string Packed(const std::vector<std::string>& texts);
 std::vector<std::string> Unpacked(const std::string& text);
