@@ -33,16 +33,22 @@ std::vector<std::string> Urls(std::span<const NewBytes> batch) {
   return urls;
 }
 
+std::unique_ptr<CWriteGate::CPass> PassOf(CWriteGate* gate) {
+  return gate == nullptr ? nullptr : std::make_unique<CWriteGate::CPass>(*gate);
+}
+
 }  // namespace
 }  // namespace details
 
 CHousekeeping::CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules,
-                             UploadsUnderWay uploads, std::function<bool()> is_stopping, std::function<bool()> is_first)
+                             UploadsUnderWay uploads, std::function<bool()> is_stopping, std::function<bool()> is_first,
+                             CWriteGate* batches)
     : store_(std::move(store)),
       rules_(rules),
       uploads_(std::move(uploads)),
       is_stopping_(std::move(is_stopping)),
-      is_first_(std::move(is_first)) {}
+      is_first_(std::move(is_first)),
+      batches_(batches) {}
 
 CHousekeeping::~CHousekeeping() {
   if (clock_is_known_ && (!is_first_ || was_first_)) {
@@ -198,22 +204,26 @@ void CHousekeeping::LookAtReleased() {
 
 // A removal that freed the bytes itself leaves nothing that has to wait.
 void CHousekeeping::LookAtRemoved() {
-  std::vector<ReleasedBytes> batch;
-  while (!is_stopping_() && GetReleased(EReleased::kRemovedNow, Now(), details::kAtOnce, batch) && !batch.empty()) {
-    std::vector<std::string> kept;
-    std::vector<std::string> gone;
-    for (const ReleasedBytes& bytes : batch) {
-      bool is_gone = false;
-      if (!IsGone(bytes.url, is_gone)) {
-        return;
-      }
-      (is_gone ? gone : kept).push_back(bytes.id);
-    }
-    if (!KeepReleased(kept) || !ForgetReleased(gone)) {
-      return;
-    }
-    batch.clear();
+  while (!is_stopping_() && LookAtSomeRemoved()) {
   }
+}
+
+bool CHousekeeping::LookAtSomeRemoved() {
+  const auto pass = details::PassOf(batches_);
+  std::vector<ReleasedBytes> batch;
+  if (!GetReleased(EReleased::kRemovedNow, Now(), details::kAtOnce, batch) || batch.empty()) {
+    return false;
+  }
+  std::vector<std::string> kept;
+  std::vector<std::string> gone;
+  for (const ReleasedBytes& bytes : batch) {
+    bool is_gone = false;
+    if (!IsGone(bytes.url, is_gone)) {
+      return false;
+    }
+    (is_gone ? gone : kept).push_back(bytes.id);
+  }
+  return KeepReleased(kept) && ForgetReleased(gone);
 }
 
 // Parts whose bytes are all gone are forgotten too.
@@ -234,27 +244,31 @@ bool CHousekeeping::IsGone(const std::string& url, bool& is_gone) {
 }
 
 void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
-  std::vector<ReleasedBytes> batch;
-  while (!is_stopping_() && GetReleased(kind, time, details::kAtOnce, batch) && !batch.empty()) {
-    std::vector<std::string> urls;
-    std::transform(batch.begin(), batch.end(), std::back_inserter(urls), [](const auto& bytes) { return bytes.url; });
-    std::set<std::string> named;
-    if (!FindNamed(urls, EReleasedToo::kNo, named)) {
-      return;
-    }
-    std::vector<std::string> done;
-    std::vector<std::string> postponed;
-    for (const ReleasedBytes& bytes : batch) {
-      // Bytes that a task or an object names after all are released again when that task or object goes.
-      const bool is_done = named.count(bytes.url) > 0 || Free(bytes.url);
-      (is_done ? done : postponed).push_back(bytes.id);
-    }
-    // The database failed, or only entries that have to wait are left: the next round goes on.
-    if (!ForgetReleased(done) || !PostponeReleased(postponed, Now()) || done.empty()) {
-      return;
-    }
-    batch.clear();
+  while (!is_stopping_() && FreeSomeReleased(kind, time)) {
   }
+}
+
+bool CHousekeeping::FreeSomeReleased(EReleased kind, std::int64_t time) {
+  const auto pass = details::PassOf(batches_);
+  std::vector<ReleasedBytes> batch;
+  if (!GetReleased(kind, time, details::kAtOnce, batch) || batch.empty()) {
+    return false;
+  }
+  std::vector<std::string> urls;
+  std::transform(batch.begin(), batch.end(), std::back_inserter(urls), [](const auto& bytes) { return bytes.url; });
+  std::set<std::string> named;
+  if (!FindNamed(urls, EReleasedToo::kNo, named)) {
+    return false;
+  }
+  std::vector<std::string> done;
+  std::vector<std::string> postponed;
+  for (const ReleasedBytes& bytes : batch) {
+    // Bytes that a task or an object names after all are released again when that task or object goes.
+    const bool is_done = named.count(bytes.url) > 0 || Free(bytes.url);
+    (is_done ? done : postponed).push_back(bytes.id);
+  }
+  // The database failed, or only entries that have to wait are left: the next round goes on.
+  return ForgetReleased(done) && PostponeReleased(postponed, Now()) && !done.empty();
 }
 
 // Returns false when the bytes are still there.

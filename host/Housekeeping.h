@@ -12,6 +12,7 @@
 
 #include "Catalogue.h"
 #include "ObjectStore.h"
+#include "WriteGate.h"
 
 namespace Tansy::Host {
 
@@ -33,9 +34,11 @@ class CHousekeeping {
   using UploadsUnderWay = std::function<bool(std::vector<std::string>& locations)>;
 
   // `is_first` is null unless several processes share the catalogue. It says then whether this one does what has to be
-  // done once, and not by every process.
+  // done once, and not by every process. `batches` is null unless somebody may put another catalogue in the place of
+  // this one: entries are read and changed in one piece, which passes that gate, because their ids mean nothing
+  // elsewhere.
   CHousekeeping(std::shared_ptr<IObjectStore> store, const HousekeepingRules& rules, UploadsUnderWay uploads,
-                std::function<bool()> is_stopping, std::function<bool()> is_first = {});
+                std::function<bool()> is_stopping, std::function<bool()> is_first = {}, CWriteGate* batches = nullptr);
   // Notes how long the server has run, if the database allows it.
   ~CHousekeeping();
   CHousekeeping(const CHousekeeping&) = delete;
@@ -55,8 +58,10 @@ class CHousekeeping {
   bool GiveUp(std::span<const NewBytes> due, std::set<std::string>& given_up) const;
   void LookAtReleased();
   void LookAtRemoved();
+  bool LookAtSomeRemoved();
   bool IsGone(const std::string& url, bool& is_gone);
   void FreeReleased(EReleased kind, std::int64_t time);
+  bool FreeSomeReleased(EReleased kind, std::int64_t time);
   bool Free(const std::string& url);
   bool FreeParts(const std::string& url);
   void LookAtFirstParts();
@@ -66,6 +71,7 @@ class CHousekeeping {
   const UploadsUnderWay uploads_;
   const std::function<bool()> is_stopping_;
   const std::function<bool()> is_first_;
+  CWriteGate* const batches_;
   bool was_first_ = false;
   std::int64_t looked_for_gone_ = 0;  // running seconds
 

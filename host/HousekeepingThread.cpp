@@ -29,7 +29,7 @@ CHousekeepingThread::CHousekeepingThread(std::shared_ptr<IObjectStore> store, db
       period_seconds_(std::clamp<std::int64_t>(rules.keep_failed_seconds / 2, 1, details::kLongestPeriodSeconds)),
       housekeeping_(
           std::move(store), rules, &CloudStorage::GetUploadsUnderWay, [this] { return IsStopping(); },
-          lease == nullptr ? std::function<bool()>() : [lease] { return lease->IsFirst(); }) {}
+          lease == nullptr ? std::function<bool()>() : [lease] { return lease->IsFirst(); }, &batches_) {}
 
 CHousekeepingThread::~CHousekeepingThread() {
   Stop();

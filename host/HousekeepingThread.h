@@ -11,6 +11,7 @@
 #include "Housekeeping.h"
 #include "NodeLease.h"
 #include "TansyBase/SingleBaseThread.h"
+#include "WriteGate.h"
 #include "db_layer/Connect.h"
 
 namespace Tansy::Host {
@@ -25,6 +26,8 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
   ~CHousekeepingThread() override;
 
   void Begin();
+  // What it does with notes of the catalogue in one piece passes this gate.
+  CWriteGate& Batches() { return batches_; }
   // Says where the catalogue is from now on.
   void SetDatabase(const db_layer::DBParam& database);
 
@@ -38,6 +41,7 @@ class CHousekeepingThread final : public TansyBase::CSingleBaseThread {
   using FindOthers = std::function<bool(std::vector<std::string>& names)>;
   const FindOthers find_others_;  // null unless this process shares the catalogue
   const std::int64_t period_seconds_;
+  CWriteGate batches_;
   CHousekeeping housekeeping_;
   std::int64_t last_round_ = 0;  // uptime of the last round
   bool has_run_ = false;

@@ -89,6 +89,29 @@ TEST_F(UploadsInPartsTest, AnEndedUploadGivesItsPartsBackAfterTheGrace) {
   EXPECT_EQ(Check(), kExitDone) << output_;
 }
 
+// Entries have numbers, which mean something else in a catalogue that comes in the place of this one.
+TEST_F(UploadsInPartsTest, EntriesAreReadAndForgottenInOnePiece) {
+  CWriteGate batches;
+  bool is_inside = false;
+  const auto look = [&] {
+    const bool can_hold = batches.Hold(std::chrono::milliseconds(0));
+    is_inside = is_inside || !can_hold;
+    if (can_hold) {
+      batches.Release();
+    }
+    return false;
+  };
+  housekeeping_ = std::make_unique<CHousekeeping>(
+      std::shared_ptr<IObjectStore>(std::shared_ptr<void>(), store_.get()), HousekeepingRules{},
+      [](std::vector<std::string>&) { return true; }, look, std::function<bool()>(), &batches);
+  AddPart(1, "one");
+  Run("DELETE FROM platform.local_upload");
+  Round();
+  Round(kGrace);
+  EXPECT_EQ(CountReleased(), "0");
+  EXPECT_TRUE(is_inside) << "between reading the entry and forgetting it the gate must be passed";
+}
+
 TEST_F(UploadsInPartsTest, FreeingGoesOnAfterACrash) {
   const std::string first = AddPart(1, "one");
   const std::string second = AddPart(2, std::string(100000, '2'));
