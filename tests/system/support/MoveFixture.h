@@ -3,6 +3,7 @@
 #define TANSY_TESTS_SYSTEM_SUPPORT_MOVE_FIXTURE_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -42,6 +43,8 @@ class CWriters {
   }
   int Answered() const { return answered_; }
   int Failed() const { return failed_; }
+  // The longest time for which one of them has waited for an answer since the last call.
+  std::chrono::milliseconds TakeLongest() { return std::chrono::milliseconds(longest_.exchange(0)); }
   // Key and body of every object; the body "" stands for one that is gone. Keys whose last request had no answer are
   // left out.
   std::map<std::string, std::string> States() const {
@@ -58,8 +61,10 @@ class CWriters {
       const std::string key = "w" + std::to_string(writer) + "-" + std::to_string(round % 17);
       const std::string body =
           round % 5 == 4 ? "" : RandomBytes(round % 23 == 1 ? 150000 : 10 + round % 900, writer * 100000 + round);
+      const auto begin = std::chrono::steady_clock::now();
       const Reply reply =
           body.empty() ? send_("DELETE", "/b/" + key + "?deletefile", "") : send_("PUT", "/b/" + key, body);
+      NoteTime(std::chrono::steady_clock::now() - begin);
       const bool is_done = reply.status == 200 || (body.empty() && reply.status == 404);
       if (is_done) {
         states_[writer][key] = body;
@@ -71,7 +76,15 @@ class CWriters {
     }
   }
 
+  void NoteTime(std::chrono::steady_clock::duration time) {
+    const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+    long long longest = longest_;
+    while (now > longest && !longest_.compare_exchange_weak(longest, now)) {
+    }
+  }
+
   const SendFunction send_;
+  std::atomic<long long> longest_{0};  // milliseconds
   std::atomic<bool> stops_{false};
   std::atomic<int> answered_{0};
   std::atomic<int> failed_{0};

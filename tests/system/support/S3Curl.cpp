@@ -1,12 +1,14 @@
 #include "support/S3Curl.h"
 
 #include <cstdlib>
+#include <sstream>
 
 #include "support/Program.h"
 
 namespace system_tests {
 
-Reply CS3Curl::Send(const std::string& method, const std::string& path, const std::string& body) {
+Reply CS3Curl::Send(const std::string& method, const std::string& path, const std::string& body,
+                    const HeaderList& headers) {
   const Keys keys;
   folder_.Write("body", body);
   Invocation curl;
@@ -29,6 +31,9 @@ Reply CS3Curl::Send(const std::string& method, const std::string& path, const st
                     folder_.Path("head"),
                     "--write-out",
                     "%{http_code}"};
+  for (const auto& [name, value] : headers) {
+    curl.arguments.insert(curl.arguments.end(), {"--header", name + ": " + value});
+  }
   if (!body.empty()) {
     curl.arguments.insert(curl.arguments.end(), {"--data-binary", "@" + folder_.Path("body")});
   }
@@ -39,6 +44,13 @@ Reply CS3Curl::Send(const std::string& method, const std::string& path, const st
   Reply reply;
   reply.status = std::atoi(ended.out.c_str());
   reply.body = folder_.Read("answer");
+  std::istringstream head(folder_.Read("head"));
+  for (std::string line; std::getline(head, line);) {
+    const std::size_t end = line.find(": ");
+    if (end != std::string::npos) {
+      reply.headers.emplace_back(line.substr(0, end), line.substr(end + 2, line.find('\r') - end - 2));
+    }
+  }
   return reply;
 }
 

@@ -17,7 +17,8 @@ class CS3Curl {
   explicit CS3Curl(const CTansyd& server) : server_(server) {}
 
   // Status 0: there was no answer. A query is in the order of its names, and each of them has a "=".
-  Reply Send(const std::string& method, const std::string& path, const std::string& body = "");
+  Reply Send(const std::string& method, const std::string& path, const std::string& body = "",
+             const HeaderList& headers = {});
 
   Reply Put(const std::string& path, const std::string& body) { return Send("PUT", path, body); }
   // Gives the id of a new upload; empty when there is none.
