@@ -11,6 +11,18 @@ namespace {
 
 constexpr std::uint32_t kPiece = std::uint32_t{4} << 20;
 
+EStoreResult SaveAndCompare(IObjectStore& store, const StoredName& name, std::uint64_t offset,
+                            const ReadBuffer& bytes) {
+  EStoreResult result = store.SaveNamed(name, offset, bytes.data.get(), bytes.size);
+  ReadBuffer copy;
+  if (result == EStoreResult::kDone) {
+    result = store.ReadRange(name, offset, bytes.size, copy);
+  }
+  const bool is_equal = result != EStoreResult::kDone ||
+                        (copy.size == bytes.size && std::memcmp(copy.data.get(), bytes.data.get(), bytes.size) == 0);
+  return is_equal && result != EStoreResult::kMissing ? result : EStoreResult::kDamaged;
+}
+
 }  // namespace
 }  // namespace details
 
@@ -20,8 +32,12 @@ CMovableStore::CMovableStore(std::shared_ptr<IObjectStore> store)
 EStoreResult CMovableStore::SaveWhole(EContent content, const char* data, std::uint32_t size, StoredName& name) {
   const CWriteGate::CPass pass(gate_);
   const EStoreResult result = Now().SaveWhole(content, data, size, name);
-  if (result == EStoreResult::kDone) {
-    WriteToMirror(name, 0, data, size, true);
+  if (result == EStoreResult::kDone && mirror_ != nullptr) {
+    if (content == EContent::kPicture) {
+      const std::lock_guard lock(pictures_mutex_);
+      mirrored_pictures_.push_back(name);
+    }
+    mirror_->WaitABit(GiveToMirror(name, 0, data, size));
   }
   return result;
 }
@@ -32,15 +48,20 @@ bool CMovableStore::MakeDurable(const std::vector<std::string_view>& statements,
 
 EStoreResult CMovableStore::SaveAt(StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) {
   const CWriteGate::CPass pass(gate_);
-  const bool is_first = name.id.empty();
+  if (mirror_ == nullptr) {
+    return Now().SaveAt(name, offset, data, size);
+  }
   std::unique_lock<std::mutex> lock;
-  if (mirror_ != nullptr && !is_first) {
+  if (!name.id.empty()) {
     lock = std::unique_lock(LockOf(name));
   }
+  CStoreMirror::Ticket ticket;
   const EStoreResult result = Now().SaveAt(name, offset, data, size);
   if (result == EStoreResult::kDone) {
-    WriteToMirror(name, offset, data, size, is_first);
+    ticket = GiveToMirror(name, offset, data, size);
   }
+  lock = {};
+  mirror_->WaitABit(ticket);
   return result;
 }
 
@@ -50,28 +71,18 @@ EStoreResult CMovableStore::SaveNamed(const StoredName& name, std::uint64_t offs
   return Now().SaveNamed(name, offset, data, size);
 }
 
-void CMovableStore::WriteToMirror(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size,
-                                  bool is_first) {
-  IObjectStore* const mirror = mirror_;
-  if (mirror == nullptr || has_mirror_failed_) {
-    return;
-  }
-  if (mirror->SaveNamed(name, offset, data, size) != EStoreResult::kDone) {
-    has_mirror_failed_ = true;
-    HOST_LOG(logging::kError, "[%s]the new place of the bytes cannot be written, the old one goes on alone.[%s(%d)]");
-  } else if (is_first) {
-    SetMirrored(name);
-  }
+CStoreMirror::Ticket CMovableStore::GiveToMirror(const StoredName& name, std::uint64_t offset, const char* data,
+                                                 std::uint32_t size) noexcept {
+  return mirror_->Give(name, size, [&]() -> CStoreMirror::Work {
+    return [name, offset, bytes = std::make_shared<const std::string>(data, size)](IObjectStore& target) {
+      return target.SaveNamed(name, offset, bytes->data(), static_cast<std::uint32_t>(bytes->size()));
+    };
+  });
 }
 
-void CMovableStore::SetMirrored(const StoredName& name) {
-  const std::lock_guard lock(mirrored_mutex_);
-  mirrored_.insert(name.id);
-}
-
-bool CMovableStore::IsMirrored(const StoredName& name) const {
-  const std::lock_guard lock(mirrored_mutex_);
-  return mirrored_.count(name.id) > 0;
+std::vector<StoredName> CMovableStore::TakeMirroredPictures() {
+  const std::lock_guard lock(pictures_mutex_);
+  return std::exchange(mirrored_pictures_, {});
 }
 
 EStoreResult CMovableStore::ReadWhole(const StoredName& name, ReadBuffer& buffer) {
@@ -125,11 +136,17 @@ IObjectStore& CMovableStore::ForgetReader(const StoredName& name) {
   return store;
 }
 
+// What is left in the mirror after a removal belongs to no object, and is freed later.
 EStoreResult CMovableStore::Remove(const StoredName& name) {
   const CWriteGate::CPass pass(gate_);
   const EStoreResult result = Now().Remove(name);
-  if (IObjectStore* const mirror = mirror_) {
-    mirror->Remove(name);  // what is left there belongs to no object, and is freed later
+  if (mirror_ != nullptr) {
+    mirror_->WaitABit(mirror_->Give(name, 0, [&name]() -> CStoreMirror::Work {
+      return [name](IObjectStore& target) {
+        target.Remove(name);
+        return EStoreResult::kDone;
+      };
+    }));
   }
   return result;
 }
@@ -142,8 +159,13 @@ EStoreResult CMovableStore::RemovePath(const std::string& path) {
 EStoreResult CMovableStore::FreeNew(const StoredName& name) {
   const CWriteGate::CPass pass(gate_);
   const EStoreResult result = Now().FreeNew(name);
-  if (IObjectStore* const mirror = mirror_) {
-    mirror->FreeNew(name);
+  if (mirror_ != nullptr) {
+    mirror_->WaitABit(mirror_->Give(name, 0, [&name]() -> CStoreMirror::Work {
+      return [name](IObjectStore& target) {
+        target.FreeNew(name);
+        return EStoreResult::kDone;
+      };
+    }));
   }
   return result;
 }
@@ -152,22 +174,22 @@ bool CMovableStore::ForEach(EContent content, const std::function<bool(const Sto
   return Now().ForEach(content, visitor);
 }
 
-void CMovableStore::BeginMirror(const std::shared_ptr<IObjectStore>& target) {
-  stores_.push_back(target);
-  has_mirror_failed_ = false;
-  mirror_ = target.get();
+void CMovableStore::BeginMirror(std::unique_ptr<CStoreMirror> mirror) {
+  mirror_ = std::move(mirror);
 }
 
 void CMovableStore::EndMirror() {
-  mirror_ = nullptr;
-  const std::lock_guard lock(mirrored_mutex_);
-  mirrored_.clear();
+  if (mirror_ != nullptr) {
+    mirror_->End();
+  }
+  TakeMirroredPictures();
 }
 
 void CMovableStore::Switch() {
-  now_.store(mirror_, std::memory_order_release);
+  stores_.push_back(mirror_->Target());
+  now_.store(stores_.back().get(), std::memory_order_release);
   has_switched_ = true;
-  EndMirror();
+  mirror_.reset();
 }
 
 std::mutex& CMovableStore::LockOf(const StoredName& name) {
@@ -182,40 +204,28 @@ EStoreResult CMovableStore::CopyToMirror(const StoredName& name) {
       return result;
     }
   }
-  SetMirrored(name);
   return EStoreResult::kDone;
 }
 
 EStoreResult CMovableStore::CopyPiece(const StoredName& name, std::uint64_t offset, std::uint32_t& size) {
-  const std::lock_guard lock(LockOf(name));
-  IObjectStore& mirror = *mirror_;
-  ReadBuffer bytes;
-  std::uint64_t whole = 0;
-  EStoreResult result = Now().GetSize(name, whole);
-  if (result == EStoreResult::kDone) {
-    result = Now().ReadRange(name, offset, details::kPiece, bytes);
+  CStoreMirror::Ticket ticket;
+  {
+    const std::lock_guard lock(LockOf(name));
+    auto bytes = std::make_shared<ReadBuffer>();
+    const EStoreResult result = Now().ReadRange(name, offset, details::kPiece, *bytes);
+    if (result != EStoreResult::kDone) {
+      return result;
+    }
+    size = bytes->size;
+    if (size == 0 && offset > 0) {
+      return EStoreResult::kDone;
+    }
+    ticket = mirror_->Give(name, size, [&]() -> CStoreMirror::Work {
+      return
+          [name, offset, bytes](IObjectStore& target) { return details::SaveAndCompare(target, name, offset, *bytes); };
+    });
   }
-  if (result != EStoreResult::kDone) {
-    return result;
-  }
-  size = bytes.size;
-  if (size == 0 && offset > 0) {
-    return EStoreResult::kDone;
-  }
-  result = mirror.SaveNamed(name, offset, bytes.data.get(), size);
-  ReadBuffer copy;
-  if (result == EStoreResult::kDone) {
-    result = mirror.ReadRange(name, offset, size, copy);
-  }
-  if (result == EStoreResult::kMissing && Now().GetSize(name, whole) == EStoreResult::kMissing) {
-    return result;  // a removal took it from both stores
-  }
-  const bool is_equal =
-      result != EStoreResult::kDone || (copy.size == size && std::memcmp(copy.data.get(), bytes.data.get(), size) == 0);
-  if (result == EStoreResult::kMissing || !is_equal) {
-    return EStoreResult::kDamaged;
-  }
-  return result;
+  return mirror_->WaitForEnd(ticket);
 }
 
 }  // namespace Tansy::Host

@@ -10,10 +10,10 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "ObjectStore.h"
+#include "StoreMirror.h"
 #include "WriteGate.h"
 
 namespace Tansy::Host {
@@ -22,7 +22,8 @@ namespace Tansy::Host {
 //
 // It hands everything on to one store. While it mirrors, it writes to a second one too, so that what is still being
 // uploaded is there as well. After the switch, the second store is the store, and the first one only serves reads that
-// began there. A write that fails in the mirror alone has not failed.
+// began there. A write that fails in the mirror alone has not failed, and a mirror that is silent keeps a write waiting
+// for a moment only.
 class CMovableStore final : public IObjectStore {
  public:
   explicit CMovableStore(std::shared_ptr<IObjectStore> store);
@@ -56,37 +57,41 @@ class CMovableStore final : public IObjectStore {
   bool HoldWrites(std::chrono::milliseconds wait) { return gate_.Hold(wait); }
   void ReleaseWrites() { gate_.Release(); }
 
-  // These need held writes. The switch ends the mirroring.
-  void BeginMirror(const std::shared_ptr<IObjectStore>& target);
-  void EndMirror();
+  // These need held writes. Before the switch, the mirror must be idle; the switch ends the mirroring.
+  void BeginMirror(std::unique_ptr<CStoreMirror> mirror);
   void Switch();
+  // Ends the mirroring without a switch. Writes need not be held. It waits for what the mirror has begun to do.
+  void EndMirror();
   // Says that a write to the mirror has failed, so that it is not complete.
-  bool HasMirrorFailed() const { return has_mirror_failed_; }
-  // Says that the mirror has all bytes of this name, and will get all that are written.
-  bool IsMirrored(const StoredName& name) const;
+  bool HasMirrorFailed() const { return mirror_ != nullptr && mirror_->HasFailed(); }
+  // Returns true when the mirror has all that was written, at the latest after this time.
+  bool WaitForMirror(std::chrono::milliseconds wait) const {
+    return mirror_ == nullptr || mirror_->WaitUntilIdle(wait);
+  }
+  // Gives the pictures that were stored since the mirror began, or since the last call.
+  std::vector<StoredName> TakeMirroredPictures();
   // Copies bytes that may be written to meanwhile, and reads the copies again. kMissing: there are none any more; every
   // other failure is the mirror's, or one of reading.
   EStoreResult CopyToMirror(const StoredName& name);
 
  private:
   std::mutex& LockOf(const StoredName& name);
-  void WriteToMirror(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size, bool is_first);
-  void SetMirrored(const StoredName& name);
+  CStoreMirror::Ticket GiveToMirror(const StoredName& name, std::uint64_t offset, const char* data,
+                                    std::uint32_t size) noexcept;
   EStoreResult CopyPiece(const StoredName& name, std::uint64_t offset, std::uint32_t& size);
   IObjectStore& StoreOfReader(const StoredName& name) const;
   IObjectStore& ForgetReader(const StoredName& name);
 
   CWriteGate gate_;
-  std::vector<std::shared_ptr<IObjectStore>> stores_;  // all that ever were, because reads may go on there
+  std::vector<std::shared_ptr<IObjectStore>> stores_;  // all that were used, because reads may go on there
   std::atomic<IObjectStore*> now_;
-  std::atomic<IObjectStore*> mirror_{nullptr};  // changed while writes are held
-  std::atomic<bool> has_mirror_failed_{false};
+  std::unique_ptr<CStoreMirror> mirror_;  // null: none; set while writes are held
 
-  // One of these is held while bytes of a name are written to both stores, or copied.
+  // One of these is held while bytes of a name are written or copied, and given to the mirror.
   std::array<std::mutex, 64> name_locks_;
 
-  mutable std::mutex mirrored_mutex_;
-  std::unordered_set<std::string> mirrored_;  // ids
+  std::mutex pictures_mutex_;
+  std::vector<StoredName> mirrored_pictures_;
 
   struct Readers {
     IObjectStore* store = nullptr;  // where they began

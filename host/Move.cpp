@@ -37,7 +37,8 @@ void Begin(CMoveWork& work) {
       ExpectMoveTables(work.tables, work.target.Database());
     }
   } catch (...) {
-    if (!goes_on) {
+    // A goal that stays marked belongs to this id, which the same command then goes on with.
+    if (!goes_on && work.target.Unmark(work.id)) {
       work.source.Run(ForgetMove(work.source, work.tables));
     }
     throw;

@@ -29,8 +29,9 @@ void RunMove(const MoveOrder& order, MoveHost& host);
 // Forgets a move that has begun, so that another one can begin. What was copied stays where it is.
 void CancelMove(const HostOptions& options, const std::function<void(const std::string& line)>& say);
 
-// Frees the place of before: the catalogue's rows and all bytes there. It must not be in use any more.
-void DeleteMoved(const HostOptions& options, const std::function<void(const std::string& line)>& say);
+// Frees the places of before: the catalogue's rows and all bytes there, unless they belong to somebody else since. They
+// must not be in use any more.
+void DeleteMoved(const std::function<void(const std::string& line)>& say);
 
 // Is called by every start, before catalogue and store are compared. It ends a move that a crash has left behind its
 // switch, and throws CStartFailure when this catalogue was moved away, or is the goal of a move that has not ended.

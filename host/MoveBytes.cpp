@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "MoveFailure.h"
-#include "StoredName.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -105,14 +104,25 @@ ECopy CMoveBytes::Compare(const StoredName& name, std::uint64_t size) {
   return ECopy::kSame;
 }
 
+bool CMoveBytes::IsSame(const StoredName& name, std::atomic<std::int64_t>& room) {
+  std::uint64_t size = 0;
+  std::uint64_t there = 0;
+  return work_.From().GetSize(name, size) == EStoreResult::kDone && (room -= static_cast<std::int64_t>(size)) >= 0 &&
+         work_.To().GetSize(name, there) == EStoreResult::kDone && there == size && Compare(name, size) == ECopy::kSame;
+}
+
+void CMoveBytes::CopyPictures(const std::vector<StoredName>& pictures) {
+  work_.InParallel(pictures.size(), [&](std::size_t i) { Copy(pictures[i]); });
+  work_.To().ForgetNew(pictures);
+}
+
 void CMoveBytes::CopyPictures(EPictures which) {
   if (!work_.target.MovesBytes()) {
     return;
   }
   std::vector<StoredName> batch;
   const auto copy_batch = [&] {
-    work_.InParallel(batch.size(), [&](std::size_t i) { Copy(batch[i]); });
-    work_.To().ForgetNew(batch);
+    CopyPictures(batch);
     batch.clear();
     work_.SayHowFar();
   };

@@ -1,10 +1,13 @@
 #ifndef TANSY_HOST_MOVE_BYTES_H
 #define TANSY_HOST_MOVE_BYTES_H
 
+#include <atomic>
 #include <cstdint>
+#include <vector>
 
 #include "MoveWork.h"
 #include "ObjectStore.h"
+#include "StoredName.h"
 
 namespace Tansy::Host {
 
@@ -21,6 +24,11 @@ class CMoveBytes {
   ECopy Copy(const StoredName& name);
   // Does so for pictures, which have no rows. Those that were copied before are compared once per run.
   void CopyPictures(EPictures which);
+  // Copies or compares these pictures.
+  void CopyPictures(const std::vector<StoredName>& pictures);
+  // Says whether both places have the same bytes under this name by now, and copies none. `room` is the number of bytes
+  // that may still be read for such answers; when that is not enough, the answer is no. Threads: any.
+  bool IsSame(const StoredName& name, std::atomic<std::int64_t>& room);
   // Fails for a result of the new place that is not kDone.
   void ExpectDone(EStoreResult result) const;
 

@@ -9,6 +9,7 @@
 #include "MovableStore.h"
 #include "Options.h"
 #include "StoragePlace.h"
+#include "WriteGate.h"
 
 namespace Tansy::Host {
 
@@ -23,6 +24,7 @@ struct MoveHost {
   HostOptions options;   // of what is served now
   bool is_node = false;  // it shares them with others, who would not follow a move: nothing is moved then
   std::shared_ptr<CMovableStore> store;
+  CWriteGate* housekeeping = nullptr;  // null: none is at work
   std::function<bool()> is_stopping;
   std::function<void(const std::string& line)> say;  // for people
   std::function<void(MovedTo moved)> take_over;      // writes are held meanwhile

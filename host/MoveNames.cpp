@@ -2,7 +2,9 @@
 
 #include <cstdlib>
 
+#include "DatabaseUrl.h"
 #include "MoveDatabase.h"
+#include "db_layer/DbLayer.h"
 
 namespace Tansy::Host {
 
@@ -28,8 +30,17 @@ std::vector<std::string> Unpacked(const std::string& text) {
   return texts;
 }
 
+std::string DescribeGoal(const MovedMark& mark) {
+  db_layer::DBParam param;
+  ParseDatabaseUrl(mark.database, param);
+  const std::string database = mark.database.empty() ? "" : "database " + db_layer::DescribeDatabase(param);
+  const std::string storage = mark.storage.empty() ? "" : "storage " + mark.storage;
+  return database + (database.empty() || storage.empty() ? "" : " and ") + storage;
+}
+
 std::vector<std::string> EndStatements(const MovedMark& mark) {
-  return {CMoveDatabase::SetValue("store_id", mark.store_id), CMoveDatabase::DropValue(kMoveFrom)};
+  return {CMoveDatabase::SetValue("store_id", mark.store_id), CMoveDatabase::SetValue(kMoveLeaves, mark.move),
+          CMoveDatabase::DropValue(kMoveFrom)};
 }
 
 }  // namespace Tansy::Host

@@ -1,3 +1,5 @@
+#include <cerrno>
+#include <exception>
 #include <filesystem>
 #include <system_error>
 
@@ -13,6 +15,7 @@
 #include "MoveTables.h"
 #include "PostgresDatabase.h"
 #include "RadosUrl.h"
+#include "SqliteFile.h"
 #include "StartFailure.h"
 #include "StoragePlaces.h"
 #include "Volumes.h"
@@ -38,14 +41,20 @@ bool RemoveAll(IObjectStore& store, EContent content) {
   return is_complete && is_done;
 }
 
-void DeleteOldStorage(const std::string& storage, const MovedMark& mark) {
+enum class EFreed { kDone, kNotOurs };
+
+EFreed FreeStorage(const std::string& storage, const std::string& left_id) {
   const auto place = FindStoragePlace(storage);
   std::string id;
-  if (!place->Exists() || place->ReadId(id) != 0) {
-    return;  // it is gone already
+  const int error = place->Exists() ? place->ReadId(id) : ENOENT;
+  if (error == ENOENT) {
+    return EFreed::kDone;  // it is gone already
   }
-  if (id.substr(0, mark.store_id.size()) == mark.store_id) {
-    throw CMoveFailure(place->Describe() + " is the one in use");
+  if (error != 0) {
+    throw CMoveFailure(place->Describe() + " cannot be read: " + HostSystem::ErrorText(error));
+  }
+  if (id.substr(0, left_id.size()) != left_id) {
+    return EFreed::kNotOurs;
   }
   place->Lock();
   if (!IsRadosUrl(storage)) {
@@ -56,38 +65,112 @@ void DeleteOldStorage(const std::string& storage, const MovedMark& mark) {
       throw CMoveFailure("not all of " + place->Describe() + " could be removed, see the log");
     }
   }
-  if (const int error = place->RemoveId()) {
-    throw CMoveFailure(place->Describe() + " cannot be written: " + HostSystem::ErrorText(error));
+  if (const int failure = place->RemoveId()) {
+    throw CMoveFailure(place->Describe() + " cannot be written: " + HostSystem::ErrorText(failure));
   }
+  return EFreed::kDone;
+}
+
+std::string HostValue(IHostDatabase& database, const std::string& name) {
+  return database.QueryText("SELECT value FROM platform.host_values WHERE name = " + QuotedText(name));
 }
 
 void ExpectMovedAway(IHostDatabase& database) {
-  const std::string sql = std::string("SELECT value FROM platform.host_values WHERE name = '") + kMovedTo + "'";
-  if (database.QueryText(sql).empty()) {
+  if (HostValue(database, kMovedTo).empty()) {
     throw CMoveFailure("database " + database.GetName() + " does not say that it was moved, so it is left alone");
   }
 }
 
-void DeleteOldDatabase(const db_layer::DBParam& param) {
-  if (param.type == db_layer::kPostgresql) {
-    CPostgresDatabase database(param);
-    if (database.QueryNumber("SELECT count(*) AS value FROM pg_namespace WHERE nspname = 'platform'") > 0) {
-      ExpectMovedAway(database);
-      database.Run("DROP SCHEMA platform CASCADE");
-    }
-    return;
+EFreed FreeServer(const db_layer::DBParam& param, const std::string& left_id) {
+  CPostgresDatabase database(param);
+  if (database.QueryNumber("SELECT count(*) AS value FROM pg_class WHERE oid = to_regclass('platform.host_values')") ==
+      0) {
+    return EFreed::kDone;
   }
+  if (HostValue(database, "store_id") != left_id) {
+    return EFreed::kNotOurs;
+  }
+  ExpectMovedAway(database);
+  database.Run("DROP SCHEMA platform CASCADE");
+  return EFreed::kDone;
+}
+
+// What the write-ahead log holds is in the file before the log is removed: a log without its file would be taken for
+// that of the next database of this name.
+EFreed FreeFile(const db_layer::DBParam& param, const std::string& left_id) {
   const std::string& name = param.database;
   if (HostSystem::GetPathKind(name) == HostSystem::EPathKind::kMissing) {
-    return;
+    return EFreed::kDone;
+  }
+  {
+    CSqliteFile looked_at(name, CSqliteFile::EAccess::kLook);
+    if (HostValue(looked_at, "store_id") != left_id) {
+      return EFreed::kNotOurs;
+    }
   }
   HostSystem::CLockFile lock;
   LockDatabase(name, lock);
-  ExpectMovedAway(*OpenHostDatabase(param, EDatabaseUse::kChange));
-  for (const char* end : {"", "-wal", "-shm"}) {
+  {
+    CSqliteFile database(name, CSqliteFile::EAccess::kChange);
+    ExpectMovedAway(database);
+    database.Run("PRAGMA platform.wal_checkpoint(TRUNCATE)");
+  }
+  for (const char* end : {"-wal", "-shm", ""}) {
     std::error_code ignored;
     std::filesystem::remove(name + end, ignored);
   }
+  return EFreed::kDone;
+}
+
+EFreed FreeDatabase(const std::string& url, const std::string& left_id) {
+  db_layer::DBParam param;
+  ParseDatabaseUrl(url, param);
+  return param.type == db_layer::kPostgresql ? FreeServer(param, left_id) : FreeFile(param, left_id);
+}
+
+// Notes that a place is done with, so that nobody looks at it again.
+void Forget(const std::string& what, EFreed freed, MovedMark& mark,
+            const std::function<void(const std::string& line)>& say) {
+  say("move: " +
+      (freed == EFreed::kDone ? "freed " + what : what + " belongs to another store now, and stays as it is"));
+  if (const int error = WriteMovedMark(mark)) {
+    throw CMoveFailure("the file that notes the move cannot be written: " + HostSystem::ErrorText(error));
+  }
+}
+
+// The catalogue that was left, unless the move has marked it already.
+void LeaveDatabase(const db_layer::DBParam& param, const MovedMark& mark) {
+  HostSystem::CLockFile lock;
+  if (param.type == db_layer::kSqlite) {
+    if (HostSystem::GetPathKind(param.database) == HostSystem::EPathKind::kMissing) {
+      return;
+    }
+    LockDatabase(param.database, lock);
+  }
+  CMoveDatabase old(param, "move-left");
+  if (old.GetValue(kMoveId) == mark.move) {
+    old.Run(LeaveStatements(old, FindMoveTables(old), mark));
+  }
+}
+
+// A crash behind the switch leaves the old catalogue without its mark. Somebody may have taken it away, or its server
+// may be off: the next start tries again then.
+void LeaveOldDatabases(CMoveDatabase& database, const MovedMark& mark) {
+  if (mark.move.empty() || database.GetValue(kMoveLeaves) != mark.move) {
+    return;
+  }
+  for (const auto& [url, id] : mark.left_databases) {
+    db_layer::DBParam param;
+    ParseDatabaseUrl(url, param);
+    try {
+      LeaveDatabase(param, mark);
+    } catch (const std::exception& failure) {
+      HOST_LOG(logging::kError, "[%s]database %s cannot be marked as moved: %s.[%s(%d)]",
+               db_layer::DescribeDatabase(param).c_str(), failure.what());
+      return;
+    }
+  }
+  database.Run({CMoveDatabase::DropValue(kMoveLeaves)});
 }
 
 }  // namespace
@@ -103,20 +186,24 @@ void CancelMove(const HostOptions& options, const std::function<void(const std::
   say("move: forgotten; what was copied is still in " + goal);
 }
 
-void DeleteMoved(const HostOptions& /*options*/, const std::function<void(const std::string& line)>& say) {
-  const MovedMark mark = ReadMovedMark();
-  for (const std::string& storage : mark.old_storages) {
-    details::DeleteOldStorage(storage, mark);
-    say("move: freed storage " + storage);
+void DeleteMoved(const std::function<void(const std::string& line)>& say) {
+  MovedMark mark = ReadMovedMark();
+  if (mark.left_storages.empty() && mark.left_databases.empty()) {
+    throw CMoveFailure(mark.move.empty() ? "nothing was moved from here" : "no place of before is left");
   }
-  for (const std::string& database : mark.old_databases) {
+  while (!mark.left_storages.empty()) {
+    const auto [storage, id] = *mark.left_storages.begin();
+    const details::EFreed freed = details::FreeStorage(storage, id);
+    mark.left_storages.erase(storage);
+    details::Forget("storage " + storage, freed, mark, say);
+  }
+  while (!mark.left_databases.empty()) {
+    const auto [url, id] = *mark.left_databases.begin();
+    const details::EFreed freed = details::FreeDatabase(url, id);
     db_layer::DBParam param;
-    ParseDatabaseUrl(database, param);
-    details::DeleteOldDatabase(param);
-    say("move: freed database " + db_layer::DescribeDatabase(param));
-  }
-  if (mark.old_storages.empty() && mark.old_databases.empty()) {
-    throw CMoveFailure("nothing was moved from here");
+    ParseDatabaseUrl(url, param);
+    mark.left_databases.erase(url);
+    details::Forget("database " + db_layer::DescribeDatabase(param), freed, mark, say);
   }
 }
 
@@ -134,9 +221,7 @@ void SettleMoves(const HostOptions& options, const MovedMark& mark) {
   }
   if (!move.empty() && move == mark.move) {
     std::vector<std::string> statements = ForgetMove(database, FindMoveTables(database));
-    for (std::string& statement : EndStatements(mark)) {
-      statements.push_back(std::move(statement));
-    }
+    statements.push_back(CMoveDatabase::SetValue("store_id", mark.store_id));
     database.Run(statements);
   } else if (!from.empty()) {
     database.Run(EndStatements(mark));
@@ -144,6 +229,7 @@ void SettleMoves(const HostOptions& options, const MovedMark& mark) {
     HOST_LOG(logging::kNotable, "[%s]a move to %s has begun and not ended; tansyd move goes on with it.[%s(%d)]",
              database.GetValue(kMoveGoal).c_str());
   }
+  details::LeaveOldDatabases(database, mark);
 }
 
 }  // namespace Tansy::Host

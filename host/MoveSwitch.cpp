@@ -1,16 +1,22 @@
 #include "MoveSwitch.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <cstring>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
 #include <utility>
 
-#include "HostLog.h"
 #include "HostSystem/Files.h"
+#include "MoveCounts.h"
 #include "MoveFailure.h"
-#include "MoveHold.h"
 #include "MoveNames.h"
 #include "MoveTables.h"
+#include "StartFailure.h"
 #include "db_layer/DbLayer.h"
+#include "logging/Logging.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -18,71 +24,84 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::uint32_t kPiece = std::uint32_t{4} << 20;
-// Writes are held for at most this long; the last rows must be through before that.
-constexpr milliseconds kLongestPause{1800};
-constexpr milliseconds kLongestRows{1200};
+// Writes are held for at most this long at a time, and the file that notes the move is written after that at the
+// latest. A client waits for its own write as well, and all of it should be below two seconds.
+constexpr milliseconds kLongestPause{1500};
 constexpr milliseconds kPatience{400};  // for what is under way when writes are to be held
-constexpr milliseconds kQuickCount{100};
+constexpr milliseconds kShortestPause{100};
+constexpr milliseconds kAllHolds{20000};
 constexpr int kMostTries = 50;
+constexpr std::int64_t kMostHeldBytes = std::int64_t{32} << 20;  // to be compared meanwhile
+constexpr milliseconds kForHousekeeping{60000};
+constexpr milliseconds kLookAgain{1000};
 
 }  // namespace
 }  // namespace details
 
+using std::chrono::milliseconds;
+
 void CMoveSwitch::Run() {
+  if (work_.target.MovesRows()) {
+    ExpectEqualCounts(work_.source, work_.target.Database(), work_.tables);
+  }
   SwitchOver();
-  LookAgain();
   LeaveSource();
 }
 
 // New bytes go to both places from now on, and those that are being uploaded are copied. What goes wrong in the new
 // place ends that, and the move with it.
 void CMoveSwitch::SwitchOver() {
-  if (work_.target.MovesBytes()) {
-    BeginMirror();
-  }
   try {
+    BeginMirror();
+    rows_.RememberBytes();
     CopyUploads();
     bytes_.CopyPictures(EPictures::kNew);
     for (int tries = 1;; ++tries) {
       rows_.FollowWhileItHelps();
       rows_.ExpectNoFindings();
+      CopyMirroredPictures();
+      CopyReleased();
       ExpectMirror();
       if (TrySwitch()) {
         return;
       }
-      if (tries == details::kMostTries) {
+      if (tries == details::kMostTries || all_holds_ > details::kAllHolds) {
         throw CMoveFailure("writes would have to wait for more than two seconds; try again when there are fewer");
       }
     }
   } catch (...) {
-    EndMirror();
+    work_.host.store->EndMirror();
     throw;
   }
 }
 
-void CMoveSwitch::BeginMirror() {
-  for (int tries = 1; !work_.host.store->HoldWrites(details::kPatience); ++tries) {
+// Whoever waited for held writes gets its turn before they are held again.
+void CMoveSwitch::Pause(milliseconds held) {
+  all_holds_ += held;
+  const auto end = std::chrono::steady_clock::now() + std::max(held, details::kShortestPause);
+  while (std::chrono::steady_clock::now() < end) {
     work_.ExpectGoingOn();
+    std::this_thread::sleep_for(details::kShortestPause);
+  }
+}
+
+void CMoveSwitch::BeginMirror() {
+  if (!work_.target.MovesBytes()) {
+    return;
+  }
+  auto mirror = std::make_unique<CStoreMirror>(work_.target.Store());
+  for (int tries = 1; !work_.host.store->HoldWrites(details::kPatience); ++tries) {
+    Pause(details::kPatience);
     if (tries == details::kMostTries) {
       throw CMoveFailure("writes that are under way do not end; try again later");
     }
   }
-  work_.host.store->BeginMirror(work_.target.Store());
+  work_.host.store->BeginMirror(std::move(mirror));
   for (const NewBytes& bytes : work_.From().GetNew(0)) {
     uploads_.push_back(bytes.name);
   }
   work_.host.store->ReleaseWrites();
-}
-
-void CMoveSwitch::EndMirror() {
-  if (!work_.target.MovesBytes() || is_switched_) {
-    return;
-  }
-  while (!work_.host.store->HoldWrites(details::kPatience)) {
-  }
-  work_.host.store->EndMirror();
-  work_.host.store->ReleaseWrites();
+  work_.Say("new bytes go to both places");
 }
 
 void CMoveSwitch::ExpectMirror() const {
@@ -114,56 +133,102 @@ void CMoveSwitch::CopyUploads() {
   });
 }
 
+void CMoveSwitch::CopyMirroredPictures() {
+  if (!work_.target.MovesBytes()) {
+    return;
+  }
+  std::vector<StoredName> pictures = work_.host.store->TakeMirroredPictures();
+  pictures.insert(pictures.end(), uncompared_.begin(), uncompared_.end());
+  bytes_.CopyPictures(pictures);
+  uncompared_.clear();
+}
+
+// Notes about bytes that wait for their end are copied, as far as the new place has these bytes.
+void CMoveSwitch::CopyReleased() {
+  if (!work_.target.MovesRows()) {
+    return;
+  }
+  const auto which = work_.target.MovesBytes() ? EReleasedOf::kParts : EReleasedOf::kAll;
+  std::vector<std::string> statements;
+  do {
+    statements = CopyReleasedBytes(work_.source, which, last_released_);
+    work_.target.Database().Run(statements);
+  } while (!statements.empty());
+}
+
 // Returns false when it would take too long; writes have gone on then.
 bool CMoveSwitch::TrySwitch() {
-  const CHeldWrites held(*work_.host.store, details::kPatience);
-  if (!held) {
+  bool is_switched = false;
+  milliseconds lasted{0};
+  if (const CHeldHousekeeping housekeeping(work_.host.housekeeping, details::kForHousekeeping); housekeeping) {
+    CHeldWrites held(*work_.host.store, details::kPatience, details::kLongestPause);
+    is_switched = held && SwitchHeld(held);
+    lasted = held.Lasted();
+  }
+  if (!is_switched) {
+    Pause(lasted);
+  } else {
+    work_.Say("switched, writes were held for " + std::to_string(lasted.count()) + " ms");
+  }
+  return is_switched;
+}
+
+bool CMoveSwitch::SwitchHeld(CHeldWrites& held) {
+  work_.source.Run({ForgetMoveLog(-1)});  // whatever was handed in for later is committed before this
+  std::atomic<std::int64_t> room{details::kMostHeldBytes};
+  if (!work_.host.store->WaitForMirror(details::kPatience) ||
+      !rows_.FollowHeld([&held] { return held.IsOver(); }, room) || !ComparePictures(held, room)) {
     return false;
   }
-  work_.source.Run({ForgetMoveLog(-1)});  // whatever was handed in for later is committed before this
-  while (rows_.Follow(EBytes::kAreThere) > 0) {
-    if (held.Lasts() > details::kLongestRows) {
-      return false;
-    }
-  }
-  std::vector<std::string> last;
-  if (work_.target.MovesRows()) {
-    ExpectEqualCounts();
-    last = CopyMoveSequences(work_.source, work_.target.Database());
-    for (const auto& statements : {CopyMoveVolumes(work_.source), CopyReleasedParts(work_.source)}) {
-      last.insert(last.end(), statements.begin(), statements.end());
-    }
-    last.push_back(CMoveDatabase::SetValue("running_seconds", work_.source.GetValue("running_seconds")));
-    work_.target.Database().Run(last);
-  } else {
-    work_.source.Run(work_.target.VolumeStatements());
-  }
+  WriteLastRows();
   ExpectMirror();
-  if (held.Lasts() > details::kLongestPause) {
+  if (!held.Keep()) {
     return false;
   }
   Switch();
-  work_.Say("switched, writes were held for " + std::to_string(held.Lasts().count()) + " ms");
+  held.LetGo();
+  has_ended_ = EndInNewPlace();
   return true;
 }
 
-// Counting a large table takes long; then the log alone says that both are equal.
-void CMoveSwitch::ExpectEqualCounts() {
-  for (const MoveTable& table : work_.tables) {
-    if (slow_counts_.count(table.name) > 0) {
-      continue;
+// Pictures that are not the same stay for the next try.
+bool CMoveSwitch::ComparePictures(const CHeldWrites& held, std::atomic<std::int64_t>& room) {
+  const std::vector<StoredName> pictures = work_.host.store->TakeMirroredPictures();
+  std::atomic<bool> are_same{true};
+  work_.InParallel(pictures.size(), [&](std::size_t i) {
+    if (are_same && (held.IsOver() || !bytes_.IsSame(pictures[i], room))) {
+      are_same = false;
     }
-    const auto begin = std::chrono::steady_clock::now();
-    const std::string sql = "SELECT COUNT(*) AS value FROM platform." + table.name;
-    const std::string here = work_.source.Value(sql);
-    const std::string there = work_.target.Database().Value(sql);
-    if (std::chrono::steady_clock::now() - begin > details::kQuickCount) {
-      slow_counts_.insert(table.name);
-    }
-    if (here != there) {
-      throw CMoveFailure("the table " + table.name + " has " + here + " rows in the old place and " + there +
-                         " in the new one");
-    }
+  });
+  if (!are_same) {
+    uncompared_.insert(uncompared_.end(), pictures.begin(), pictures.end());
+  }
+  return are_same;
+}
+
+void CMoveSwitch::WriteLastRows() {
+  if (!work_.target.MovesRows()) {
+    work_.source.Run(work_.target.VolumeStatements());
+    return;
+  }
+  CopyReleased();
+  std::vector<std::string> last = CopyMoveSequences(work_.source, work_.target.Database());
+  for (std::string& statement : CopyMoveVolumes(work_.source)) {
+    last.push_back(std::move(statement));
+  }
+  last.push_back(CMoveDatabase::SetValue("running_seconds", work_.source.GetValue("running_seconds")));
+  work_.target.Database().Run(last);
+}
+
+// When nobody can say which place counts, the only way to lose nothing is to write nothing: the process ends, and what
+// the next start reads counts.
+int CMoveSwitch::WriteMarkOrEnd() const {
+  try {
+    return WriteMovedMark(mark_);
+  } catch (const CMarkInDoubt& doubt) {
+    work_.Say(std::string(doubt.what()) + "; tansyd ends here, and the next start finds out");
+    logging::SetSink(nullptr);
+    std::_Exit(kExitFailed);
   }
 }
 
@@ -175,15 +240,13 @@ void CMoveSwitch::Switch() {
   if (work_.target.MovesRows() && !db_layer::Module_Switch(moved.options.database, "platform")) {
     throw CMoveFailure("the new database cannot be used: " + db_layer::LastRegisterError("platform"));
   }
-  if (const int error = WriteMovedMark(mark_)) {
+  if (const int error = WriteMarkOrEnd()) {
     if (work_.target.MovesRows()) {
       db_layer::Module_Switch(work_.host.options.database, "platform");
     }
     throw CMoveFailure("the file that notes the move cannot be written: " + HostSystem::ErrorText(error));
   }
-  is_switched_ = true;
   if (work_.target.MovesBytes()) {
-    old_store_ = &work_.host.store->Now();
     work_.host.store->Switch();
   }
   moved.place = work_.target.TakePlace();
@@ -191,49 +254,37 @@ void CMoveSwitch::Switch() {
   work_.host.take_over(std::move(moved));
 }
 
-// What went to both places in the last moments is compared now.
-void CMoveSwitch::LookAgain() {
-  for (const StoredName& name : rows_.Unseen()) {
-    std::uint64_t size = 0;
-    ReadBuffer bytes;
-    ReadBuffer copy;
-    EStoreResult result = old_store_->GetSize(name, size);
-    for (std::uint64_t offset = 0; result == EStoreResult::kDone && offset < size; offset += bytes.size) {
-      result = old_store_->ReadRange(name, offset, details::kPiece, bytes);
-      if (result != EStoreResult::kDone ||
-          work_.To().ReadRange(name, offset, details::kPiece, copy) != EStoreResult::kDone) {
-        break;  // it was removed meanwhile
-      }
-      if (copy.size != bytes.size || std::memcmp(copy.data.get(), bytes.data.get(), bytes.size) != 0) {
-        work_.Say("damaged " + LocationText(name) + " in the new place; the old place has the right bytes");
-        HOST_LOG(logging::kError, "[%s]%s is damaged in the new place.[%s(%d)]", LocationText(name).c_str());
-        break;
-      }
+// Until this is done, the new catalogue compares no parts of uploads with their objects.
+bool CMoveSwitch::EndInNewPlace() {
+  try {
+    if (work_.target.MovesRows()) {
+      work_.target.Database().Run(EndStatements(mark_));
     }
+    return true;
+  } catch (const CMoveFailure& failure) {
+    work_.Say(std::string("its end cannot be noted yet: ") + failure.what());
+    return false;
   }
 }
 
-// From here on a failure changes nothing: every start does what is left to be done in the new place.
+// From here on a failure changes nothing: every start does what is left to be done.
 void CMoveSwitch::LeaveSource() {
-  const auto try_to = [this](CMoveDatabase& database, const std::vector<std::string>& statements) {
-    try {
-      database.Run(statements);
-    } catch (const CMoveFailure& failure) {
-      work_.Say(std::string("not everything could be noted: ") + failure.what());
-    }
-  };
-  if (work_.target.MovesRows()) {
-    try_to(work_.target.Database(), EndStatements(mark_));
+  while (!has_ended_ && !work_.host.is_stopping()) {
+    std::this_thread::sleep_for(details::kLookAgain);
+    has_ended_ = EndInNewPlace();
   }
-  std::vector<std::string> end = ForgetMove(work_.source, work_.tables);
-  if (work_.target.MovesRows()) {
-    end.push_back(CMoveDatabase::SetValue(kMovedTo, work_.target.Describe()));
-  } else {
-    for (std::string& statement : EndStatements(mark_)) {
-      end.push_back(std::move(statement));
+  try {
+    if (work_.target.MovesRows()) {
+      work_.source.Run(LeaveStatements(work_.source, work_.tables, mark_));
+      work_.target.Database().Run({CMoveDatabase::DropValue(kMoveLeaves)});
+    } else {
+      std::vector<std::string> end = ForgetMove(work_.source, work_.tables);
+      end.push_back(CMoveDatabase::SetValue("store_id", mark_.store_id));
+      work_.source.Run(end);
     }
+  } catch (const CMoveFailure& failure) {
+    work_.Say(std::string("not everything could be noted, the next start does it: ") + failure.what());
   }
-  try_to(work_.source, end);
   work_.Say("done: " + work_.target.Describe() +
             "; the old place is left as it is (tansyd move --delete-old frees it)");
 }

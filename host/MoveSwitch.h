@@ -1,11 +1,12 @@
 #ifndef TANSY_HOST_MOVE_SWITCH_H
 #define TANSY_HOST_MOVE_SWITCH_H
 
-#include <set>
-#include <string>
+#include <atomic>
+#include <cstdint>
 #include <vector>
 
 #include "MoveBytes.h"
+#include "MoveHold.h"
 #include "MoveRows.h"
 #include "MoveWork.h"
 #include "MovedMark.h"
@@ -24,23 +25,29 @@ class CMoveSwitch {
  private:
   void SwitchOver();
   void BeginMirror();
-  void EndMirror();
   void ExpectMirror() const;
   void CopyUploads();
+  void CopyMirroredPictures();
+  void CopyReleased();
   bool TrySwitch();
-  void ExpectEqualCounts();
+  bool SwitchHeld(CHeldWrites& held);
+  bool ComparePictures(const CHeldWrites& held, std::atomic<std::int64_t>& room);
+  void WriteLastRows();
   void Switch();
-  void LookAgain();
+  int WriteMarkOrEnd() const;
+  bool EndInNewPlace();
   void LeaveSource();
+  void Pause(CHeldWrites::Milliseconds held);
 
   CMoveWork& work_;
   CMoveBytes& bytes_;
   CMoveRows& rows_;
   MovedMark mark_;
-  std::set<std::string> slow_counts_;
   std::vector<StoredName> uploads_;
-  IObjectStore* old_store_ = nullptr;
-  bool is_switched_ = false;
+  std::vector<StoredName> uncompared_;  // pictures that went to both places
+  std::int64_t last_released_ = -1;
+  CHeldWrites::Milliseconds all_holds_{0};
+  bool has_ended_ = false;  // the new catalogue is like others
 };
 
 }  // namespace Tansy::Host

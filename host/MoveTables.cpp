@@ -25,6 +25,8 @@ const std::set<std::string>& OwnTables() {
 
 // Its urls are those of bytes that are gone.
 constexpr const char* kFreedTable = "freed_bytes";
+// Its urls name bytes that no other row names.
+constexpr const char* kPartTable = "local_upload_part";
 // Which of several tansyd on one database is at work on an upload; none is after a move.
 constexpr const char* kOwnColumn = "node";
 
@@ -175,6 +177,26 @@ void AddPostgresTrigger(const MoveTable& table, std::vector<std::string>& statem
                        " FOR EACH ROW EXECUTE FUNCTION platform." + name + "()");
 }
 
+std::vector<std::string> KeyOf(const MoveTable& table, const CMoveDatabase::Row& row) {
+  return {row.begin(), row.begin() + static_cast<std::ptrdiff_t>(table.key_size)};
+}
+
+std::string UpdateOf(const MoveTable& table, const CMoveDatabase::Row& row) {
+  std::string changes;
+  for (std::size_t column = table.key_size; column < table.columns.size(); ++column) {
+    changes += (changes.empty() ? "" : ", ") + Column(table, column) + " = " + Value(table, column, row[column]);
+  }
+  return "UPDATE " + Full(table) + " SET " + changes + " WHERE " + HasKey(table, KeyOf(table, row));
+}
+
+// The triggers of the catalogue note the bytes of a part only while its upload is there; rows of a move come in another
+// order. What is noted twice is freed once.
+std::string ReleaseParts(const MoveTable& table, const std::string& condition) {
+  return "INSERT INTO platform.released_bytes (url, bucket_name, object_name, released_at) SELECT url, '', '', -1 "
+         "FROM " +
+         Full(table) + " WHERE " + condition;
+}
+
 std::int64_t Number(const std::string& text) {
   return std::strtoll(text.c_str(), nullptr, 10);
 }
@@ -310,31 +332,30 @@ void WriteRows(CMoveDatabase& target, const MoveTable& table, const std::vector<
                const std::vector<std::vector<std::string>>& gone) {
   std::vector<std::string> statements;
   if (!gone.empty()) {
+    if (table.name == details::kPartTable) {
+      statements.push_back(details::ReleaseParts(table, details::HasAnyKey(table, gone)));
+    }
     statements.push_back("DELETE FROM " + details::Full(table) + " WHERE " + details::HasAnyKey(table, gone));
   }
   std::set<std::vector<std::string>> there;
   std::vector<std::vector<std::string>> keys;
   for (const CMoveDatabase::Row& row : rows) {
-    keys.emplace_back(row.begin(), row.begin() + static_cast<std::ptrdiff_t>(table.key_size));
+    keys.push_back(details::KeyOf(table, row));
   }
   for (const CMoveDatabase::Row& row : ReadRowsOf(target, table, keys)) {
-    there.emplace(row.begin(), row.begin() + static_cast<std::ptrdiff_t>(table.key_size));
+    there.insert(details::KeyOf(table, row));
   }
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (there.count(keys[i]) == 0) {
       statements.push_back("INSERT INTO " + details::Full(table) + " (" +
                            details::Columns(table, table.columns.size()) + ") VALUES (" +
                            details::Values(table, rows[i], table.columns.size()) + ")");
-      continue;
-    }
-    std::string changes;
-    for (std::size_t column = table.key_size; column < table.columns.size(); ++column) {
-      changes += (changes.empty() ? "" : ", ") + details::Column(table, column) + " = " +
-                 details::Value(table, column, rows[i][column]);
-    }
-    if (!changes.empty()) {
-      statements.push_back("UPDATE " + details::Full(table) + " SET " + changes + " WHERE " +
-                           details::HasKey(table, keys[i]));
+    } else if (table.key_size < table.columns.size()) {
+      if (table.name == details::kPartTable) {
+        statements.push_back(details::ReleaseParts(
+            table, details::HasKey(table, keys[i]) + " AND url <> " + QuotedText(rows[i][table.url])));
+      }
+      statements.push_back(details::UpdateOf(table, rows[i]));
     }
   }
   target.Run(statements);
@@ -351,15 +372,24 @@ std::vector<std::string> CopyMoveSequences(CMoveDatabase& source, CMoveDatabase&
   return statements;
 }
 
-std::vector<std::string> CopyReleasedParts(CMoveDatabase& source) {
+std::vector<std::string> CopyReleasedBytes(CMoveDatabase& source, EReleasedOf which, std::int64_t& last) {
   std::vector<std::string> statements;
-  const std::string sql =
-      "SELECT url, bucket_name, object_name, kind FROM platform.released_bytes WHERE url LIKE 'parts:%'";
-  for (const CMoveDatabase::Row& row : source.Query(sql, {"url", "bucket_name", "object_name", "kind"})) {
+  const std::string only_parts = which == EReleasedOf::kParts ? " AND url LIKE 'parts:%'" : "";
+  const std::string sql = "SELECT id, url, bucket_name, object_name, kind FROM platform.released_bytes WHERE id > " +
+                          std::to_string(last) + only_parts + " ORDER BY id LIMIT 500";
+  for (const CMoveDatabase::Row& row : source.Query(sql, {"id", "url", "bucket_name", "object_name", "kind"})) {
     statements.push_back(
         "INSERT INTO platform.released_bytes (url, bucket_name, object_name, released_at, kind) VALUES (" +
-        QuotedText(row[0]) + ", " + QuotedText(row[1]) + ", " + QuotedText(row[2]) + ", -1, " + row[3] + ")");
+        QuotedText(row[1]) + ", " + QuotedText(row[2]) + ", " + QuotedText(row[3]) + ", -1, " + row[4] + ")");
+    last = details::Number(row[0]);
   }
+  return statements;
+}
+
+std::vector<std::string> LeaveStatements(const CMoveDatabase& source, const std::vector<MoveTable>& tables,
+                                         const MovedMark& mark) {
+  std::vector<std::string> statements = ForgetMove(source, tables);
+  statements.push_back(CMoveDatabase::SetValue(kMovedTo, DescribeGoal(mark)));
   return statements;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "MoveDatabase.h"
+#include "MovedMark.h"
 
 namespace Tansy::Host {
 
@@ -53,9 +54,14 @@ void WriteRows(CMoveDatabase& target, const MoveTable& table, const std::vector<
 
 // The statements that make `target` give ids that `source` has never given.
 std::vector<std::string> CopyMoveSequences(CMoveDatabase& source, CMoveDatabase& target);
-// The statements for objects of several parts that were removed and whose parts are not freed yet: their rows are
-// copied, so the new place has to free them.
-std::vector<std::string> CopyReleasedParts(CMoveDatabase& source);
+// The statements for notes about bytes that wait to be freed, a batch behind the id `last`, which is set to the id of
+// the batch's last one. Without their bytes, only those of several parts are copied: the rows of the parts were copied,
+// so the new place has to free them.
+enum class EReleasedOf { kAll, kParts };
+std::vector<std::string> CopyReleasedBytes(CMoveDatabase& source, EReleasedOf which, std::int64_t& last);
+// The statements that mark a catalogue as moved away, to where this mark says.
+std::vector<std::string> LeaveStatements(const CMoveDatabase& source, const std::vector<MoveTable>& tables,
+                                         const MovedMark& mark);
 // The statements for what the volumes of location texts stand for.
 std::vector<std::string> CopyMoveVolumes(CMoveDatabase& source);
 

@@ -178,6 +178,20 @@ void CMoveTarget::Open(const HostOptions& options, const std::string& id) {
   }
 }
 
+bool CMoveTarget::Unmark(const std::string& id) noexcept {
+  try {
+    if (database_ != nullptr) {
+      database_->Run({CMoveDatabase::DropValue(kMoveFrom)});
+    }
+    std::string text;
+    const int error = place_ != nullptr && place_->Exists() ? place_->ReadId(text) : ENOENT;
+    const bool is_marked = error != ENOENT && (error != 0 || text.substr(0, id.size()) == id);
+    return !is_marked || place_->RemoveId() == 0;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 std::string CMoveTarget::NewId() {
   return details::NewMoveId();
 }
@@ -243,17 +257,23 @@ MovedMark CMoveTarget::Mark(const HostOptions& options, const std::string& id, c
   mark.move = id;
   mark.store_id = moves_bytes_ ? id : store_id;
   if (moves_rows_) {
-    mark.old_databases.insert(DatabaseUrlOf(options.database));
-    std::erase_if(mark.old_databases, [this](const std::string& url) {
+    const std::string left = DatabaseUrlOf(options.database);
+    mark.old_databases.insert(left);
+    mark.left_databases[left] = store_id;
+    const auto is_goal = [this](const std::string& url) {
       db_layer::DBParam old;
       ParseDatabaseUrl(url, old);
       return db_layer::DescribeDatabase(old) == db_layer::DescribeDatabase(param_);
-    });
+    };
+    std::erase_if(mark.old_databases, is_goal);
+    std::erase_if(mark.left_databases, [&is_goal](const auto& entry) { return is_goal(entry.first); });
     mark.database = database_url_;
   }
   if (moves_bytes_) {
     mark.old_storages.insert(options.storage);
+    mark.left_storages[options.storage] = store_id;
     mark.old_storages.erase(storage_);
+    mark.left_storages.erase(storage_);
     mark.storage = storage_;
   }
   return mark;

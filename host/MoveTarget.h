@@ -44,6 +44,9 @@ class CMoveTarget {
   // Opens it, and makes it the goal of this move. Expect has to come first.
   void Open(const HostOptions& options, const std::string& id);
 
+  // Takes back the marks of an Open that has failed. Returns false when some may be left.
+  bool Unmark(const std::string& id) noexcept;
+
   CMoveDatabase& Database() { return *database_; }
   const std::shared_ptr<IObjectStore>& Store() const { return store_; }
 

@@ -303,7 +303,7 @@ int CServer::Move(const CommandLine& command_line) {
   request.order = {command_line.move_database, command_line.move_storage, command_line.move_dry_run,
                    command_line.move_force};
   if (command_line.move_delete) {
-    DeleteMoved(options_, host.say);
+    DeleteMoved(host.say);
     return kExitDone;
   }
   if (data_folder_->IsInUse()) {
@@ -328,6 +328,7 @@ MoveHost CServer::HostOfMove() {
   host.options = served_;
   host.is_node = !options_.node_name.empty();
   host.store = store_;
+  host.housekeeping = housekeeping_ == nullptr ? nullptr : &housekeeping_->Batches();
   host.take_over = [this](MovedTo moved) { TakeOver(std::move(moved)); };
   return host;
 }

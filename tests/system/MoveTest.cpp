@@ -1,12 +1,17 @@
 // Catalogue and bytes move to another place while clients go on, and nothing that a client was told is lost.
 #include <signal.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "fakes/CephCluster.h"
 #include "fakes/PostgresServer.h"
 #include "support/MoveFixture.h"
+#include "support/S3Curl.h"
 
 namespace system_tests {
 namespace {
@@ -18,6 +23,8 @@ using testing::HasSubstr;
 using testing::Not;
 
 constexpr std::size_t kMiB = 1024 * 1024;
+// A long body is written in slices that are larger than this.
+constexpr std::size_t kSlice = 100000;
 
 // What every test of a whole move looks at, whatever the places are.
 class WholeMove : public MoveFixture {
@@ -129,6 +136,8 @@ TEST_F(MoveTest, OnlyTheBytesOrOnlyTheRowsMove) {
   StartWith(5, Serving());
   EXPECT_EQ(Move({"--to-storage", "file:bytes"}).code, 0);
   Put("/b/5", Body(5));
+  Put("/b/removed", "its bytes are kept for days");
+  EXPECT_EQ(Outcome(Send("DELETE", "/b/removed")), "200");
   ExpectObjects(6);
   EXPECT_EQ(Move({"--to-database", "sqlite:rows.db"}).code, 0) << "a second move of the same server";
   Put("/b/6", Body(6));
@@ -136,7 +145,7 @@ TEST_F(MoveTest, OnlyTheBytesOrOnlyTheRowsMove) {
   EXPECT_TRUE(server_.Stop());
   ASSERT_TRUE(server_.Start(Serving()));
   ExpectObjects(7);
-  EXPECT_THAT(CheckAll(), AllOf(testing::StartsWith("0 "), HasSubstr("check: 7 rows")));
+  EXPECT_THAT(CheckAll(), AllOf(testing::StartsWith("0 "), HasSubstr("check: 7 rows"), HasSubstr(" 1 kept")));
 }
 
 TEST_F(MoveTest, WithoutAServerTheCommandMovesByItself) {
@@ -295,6 +304,275 @@ TEST_F(MoveTest, AMoveIsStoppedByTheEndOfItsCommandAndGoesOnWithTheNext) {
   ExpectObjects(20);
 }
 
+// A server whose new place is slow when the file `how` says so, as FileCalls.cpp reads it.
+class SlowGoalTest : public MoveTest {
+ protected:
+  Launch SlowServing() const {
+    Launch launch = Serving();
+    launch.program = TANSYD_THAT_DIES;
+    launch.environment = {{"SLOW_BELOW", server_.Data("bytes")}, {"SLOW_HOW", how_}};
+    return launch;
+  }
+  void SetSlow(int milliseconds, std::size_t least_bytes) const {
+    std::ofstream(how_ + ".new") << milliseconds << " " << least_bytes;
+    std::filesystem::rename(how_ + ".new", how_);
+  }
+  bool HasSaid(const std::string& line) const { return server_.GetLog().find(line) != std::string::npos; }
+
+  const std::string how_ = temp_.Path("how");
+};
+
+// What clients feel is what counts: how long their own writes take.
+TEST_F(SlowGoalTest, NoClientWaitsLongForTheLargeObjectsOfOthers) {
+  StartWith(3, SlowServing());
+  const std::string large = RandomBytes(8 * kMiB, 1);
+  Put("/b/before", large);
+  auto writers = StartWriters(3);
+  SetSlow(60000, kSlice);  // copying waits for what comes now
+  CTansyd command(temp_.GetPath(), "command");
+  command.Begin(Moving(Goal()));
+  EXPECT_TRUE(WaitUntil([&] { return CountFiles(server_.Data("bytes")) > 1; }));
+  for (int i = 0; i < 4; ++i) {
+    Put("/b/while" + std::to_string(i), large);
+  }
+  EXPECT_FALSE(HasSaid("new bytes go to both places"));
+  writers->TakeLongest();
+  SetSlow(40, kSlice);  // almost three seconds for each of them
+  const Ended ended = command.WaitForEnd();
+  EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+  EXPECT_LT(writers->TakeLongest().count(), 2000);
+  writers->Stop();
+  EXPECT_EQ(writers->Failed(), 0);
+  Expect(writers->States(), "after the move");
+  EXPECT_TRUE(Get("/b/before") == large);
+  EXPECT_TRUE(Get("/b/while3") == large);
+}
+
+TEST_F(SlowGoalTest, ANewPlaceThatBecomesSilentKeepsNobodyWaiting) {
+  StartWith(3, SlowServing());
+  const auto upload = CConnection::Open(server_.GetObjectPort());
+  ASSERT_TRUE(upload);
+  const std::string streamed = RandomBytes(24 * kMiB, 2);
+  Request head{"PUT", "/b/streamed", {{"Content-Length", std::to_string(streamed.size())}}, ""};
+  EXPECT_TRUE(upload->Send(Serialize(Signed(head), server_.GetObjectPort())));
+  EXPECT_TRUE(upload->Send(std::string_view(streamed).substr(0, 20 * kMiB)));
+  auto writers = StartWriters(3);
+  SetSlow(20, kSlice);  // so that copying the upload takes a while
+  CTansyd command(temp_.GetPath(), "command");
+  command.Begin(Moving(Goal()));
+  EXPECT_TRUE(WaitUntil([&] { return HasSaid("new bytes go to both places"); }));
+  SetSlow(60000, 0);
+  EXPECT_FALSE(std::filesystem::exists(server_.Data("moved")));
+  writers->TakeLongest();
+  const int answered = writers->Answered();
+  EXPECT_TRUE(WaitUntil([&] { return writers->Answered() > answered + 100; }));
+  EXPECT_LT(writers->TakeLongest().count(), 2000);
+  SetSlow(0, 0);
+  const Ended ended = command.WaitForEnd();
+  EXPECT_TRUE(ended.code == 0 || Move(Goal()).code == 0) << ended.out << ended.err;
+  EXPECT_TRUE(upload->Send(std::string_view(streamed).substr(20 * kMiB)));
+  EXPECT_EQ(upload->Receive().status, 200);
+  writers->Stop();
+  EXPECT_EQ(writers->Failed(), 0);
+  Expect(writers->States(), "after the move");
+  EXPECT_TRUE(Get("/b/streamed") == streamed);
+}
+
+class MoveOfPartsTest : public MoveTest {
+ protected:
+  Launch ServingS3() const {
+    Launch launch = Serving({"--keep-failed", "1", "--keep-removed", "0"});
+    launch.with_s3 = true;
+    return launch;
+  }
+  void RemoveBytesOf(const std::string& object) const {
+    const std::string url =
+        Query(server_.Data("catalogue.db"), "SELECT url FROM local_object WHERE name='" + object + "'").front();
+    std::string id = url.substr(url.rfind('-') + 1);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects"))) {
+      if (entry.path().filename().string().find(id) != std::string::npos) {
+        std::filesystem::remove(entry.path());
+        return;
+      }
+    }
+    ADD_FAILURE() << "no file for " << url;
+  }
+  std::vector<std::string> PutParts(const std::string& path, const std::string& upload, std::size_t count) {
+    std::vector<std::string> tags;
+    for (std::size_t i = 0; i < count; ++i) {
+      tags.push_back(curl_.PutPart(path, upload, static_cast<int>(i) + 1, Part(i)));
+      EXPECT_FALSE(tags.back().empty());
+    }
+    return tags;
+  }
+  static std::string Part(std::size_t i) { return RandomBytes(5 * kMiB + i, i); }
+
+  CS3Curl curl_{server_};
+};
+
+// The first try ends when all is copied, because one object's bytes are gone; the second one follows what was changed.
+TEST_F(MoveOfPartsTest, UploadsInPartsAndAttributesMoveAndNothingIsLeftOver) {
+  ASSERT_TRUE(server_.Start(ServingS3()));
+  MakeBucket("b");
+  EXPECT_EQ(
+      curl_.Send("PUT", "/b/text", "some text", {{"Content-Type", "text/x-of-ours"}, {"x-amz-meta-who", "me"}}).status,
+      200);
+  Put("/b/broken", RandomBytes(100000, 9));
+  const std::string whole = curl_.Begin("/b/whole");
+  EXPECT_EQ(curl_.Complete("/b/whole", whole, PutParts("/b/whole", whole, 2)).status, 200);
+  const std::string removed = curl_.Begin("/b/removed");
+  EXPECT_EQ(curl_.Complete("/b/removed", removed, PutParts("/b/removed", removed, 2)).status, 200);
+  const std::string kept = curl_.Begin("/b/kept");
+  std::vector<std::string> tags = PutParts("/b/kept", kept, 3);
+  const std::string aborted = curl_.Begin("/b/aborted");
+  PutParts("/b/aborted", aborted, 2);
+  const std::string open = curl_.Begin("/b/open");
+  std::vector<std::string> open_tags = PutParts("/b/open", open, 2);
+  RemoveBytesOf("broken");
+  ExpectRefusal(Goal(), "missing local_object");
+
+  tags[0] = curl_.PutPart("/b/kept", kept, 1, Part(7));  // replaces the first one
+  tags.pop_back();                                       // and the third one is left out
+  EXPECT_EQ(curl_.Complete("/b/kept", kept, tags).status, 200);
+  EXPECT_EQ(curl_.Send("DELETE", "/b/aborted?uploadId=" + aborted).status, 204);
+  EXPECT_EQ(curl_.Send("DELETE", "/b/removed").status, 204);
+  Put("/b/broken", "whole again");
+  const auto has_part_rows = [this](const std::string& database, const std::string& key) {
+    return !Query(server_.Data(database),
+                  "SELECT 1 FROM local_upload_part WHERE object_url NOT IN (SELECT url FROM local_object) AND "
+                  "object_url NOT IN (SELECT object_url FROM local_upload)" +
+                      key)
+                .empty();
+  };
+  EXPECT_TRUE(WaitUntil([&] { return !has_part_rows("catalogue.db", ""); })) << "housekeeping frees parts";
+  const Ended ended = Move(Goal());
+  EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+
+  EXPECT_TRUE(curl_.PutPart("/b/kept", kept, 1, Part(4)).empty()) << "the upload has ended";
+  EXPECT_TRUE(curl_.Send("GET", "/b/kept").body == Part(7) + Part(1));
+  EXPECT_TRUE(curl_.Send("GET", "/b/whole").body == Part(0) + Part(1));
+  open_tags.push_back(curl_.PutPart("/b/open", open, 3, Part(2)));
+  EXPECT_EQ(curl_.Complete("/b/open", open, open_tags).status, 200);
+  EXPECT_TRUE(curl_.Send("GET", "/b/open").body == Part(0) + Part(1) + Part(2));
+  const Reply text = curl_.Send("GET", "/b/text");
+  EXPECT_EQ(text.body, "some text");
+  EXPECT_EQ(text.Header("Content-Type"), "text/x-of-ours");
+  EXPECT_EQ(text.Header("x-amz-meta-who"), "me");
+  EXPECT_TRUE(WaitUntil([&] { return CheckAll().find(" 0 orphan") != std::string::npos; })) << CheckAll();
+  EXPECT_THAT(CheckAll(), AllOf(testing::StartsWith("0 "), HasSubstr(" 0 damaged")));
+}
+
+TEST_F(MoveTest, AFreedPlaceThatSomebodyElseUsesIsLeftAlone) {
+  StartWith(5, Serving());
+  EXPECT_EQ(Move(Goal()).code, 0);
+  EXPECT_TRUE(server_.Stop());
+  EXPECT_EQ(Move({"--delete-old"}).code, 0);
+  ExpectRefusal({"--delete-old"}, "no place of before is left");
+
+  CTansyd other(temp_.GetPath(), "other");
+  Launch launch;
+  launch.arguments = {"--database", "sqlite:" + server_.Data("catalogue.db"), "--storage",
+                      "file:" + server_.Data("objects")};
+  ASSERT_TRUE(other.Start(launch));
+  EXPECT_EQ(Outcome(Call(other.GetObjectPort(), Signed({"PUT", "/b", {}, "<CreateBucketConfiguration/>"}))), "200");
+  EXPECT_EQ(Outcome(Call(other.GetObjectPort(), Signed({"PUT", "/b/theirs", {}, "theirs"}))), "200");
+  EXPECT_TRUE(other.Stop());
+
+  ASSERT_TRUE(server_.Start(Serving()));
+  EXPECT_EQ(Move({"--to-database", "sqlite:third.db", "--to-storage", "file:third"}).code, 0);
+  EXPECT_TRUE(server_.Stop());
+  EXPECT_EQ(Move({"--delete-old"}).code, 0);
+  EXPECT_FALSE(std::filesystem::exists(server_.Data("new/rows.db")));
+  ASSERT_TRUE(other.Start(launch));
+  EXPECT_EQ(Call(other.GetObjectPort(), Signed({"GET", "/b/theirs", {}, ""})).body, "theirs");
+  ASSERT_TRUE(server_.Start(Serving()));
+  ExpectObjects(5);
+}
+
+// The place that was never freed: its new owner has put a store of its own there.
+TEST_F(MoveTest, APlaceThatWasTakenWithoutAskingIsNotFreed) {
+  StartWith(2, Serving());
+  EXPECT_EQ(Move(Goal()).code, 0);
+  EXPECT_TRUE(server_.Stop());
+  std::filesystem::remove_all(server_.Data("objects"));
+  std::filesystem::remove(server_.Data("catalogue.db"));
+  CTansyd other(temp_.GetPath(), "other");
+  Launch launch;
+  launch.arguments = {"--database", "sqlite:" + server_.Data("catalogue.db"), "--storage",
+                      "file:" + server_.Data("objects")};
+  ASSERT_TRUE(other.Start(launch));
+  EXPECT_EQ(Outcome(Call(other.GetObjectPort(), Signed({"PUT", "/b", {}, "<CreateBucketConfiguration/>"}))), "200");
+  EXPECT_EQ(Outcome(Call(other.GetObjectPort(), Signed({"PUT", "/b/theirs", {}, "theirs"}))), "200");
+  EXPECT_TRUE(other.Stop());
+  const Ended ended = Move({"--delete-old"});
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_THAT(ended.out, AllOf(HasSubstr("storage file:objects belongs to another store now"),
+                               HasSubstr("catalogue.db belongs to another store now")));
+  ASSERT_TRUE(other.Start(launch));
+  EXPECT_EQ(Call(other.GetObjectPort(), Signed({"GET", "/b/theirs", {}, ""})).body, "theirs");
+}
+
+TEST_F(MoveTest, ALostRowInTheNewPlaceEndsTheMove) {
+  StartWith(5, Serving());
+  Put("/b/broken", RandomBytes(100000, 9));
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
+    if (entry.is_regular_file()) {
+      std::filesystem::remove(entry.path());
+    }
+  }
+  ExpectRefusal(Goal(), "missing local_object");
+  for (int i = 0; i < 20; ++i) {
+    Put("/b/more" + std::to_string(i), "more");  // in the log, and not in the new place
+  }
+  Put("/b/broken", "whole again");
+  Query(server_.Data("new/rows.db"), "DELETE FROM local_object WHERE name='4'");
+  ExpectRefusal(Goal(), "in the old place and");
+  EXPECT_EQ(Get("/b/4"), Body(4));
+}
+
+TEST_F(MoveTest, WhatAFailedBeginHasMarkedIsNoObstacleForTheNextTry) {
+  StartWith(2, Serving());
+  const std::vector<std::string> goal = {"--to-database", "sqlite:new/rows.db", "--to-storage", "file:blocked/bytes"};
+  std::ofstream(server_.Data("blocked")) << "a file where a folder is to be";
+  ExpectRefusal(goal, "storage folder blocked/bytes cannot be written");
+  EXPECT_TRUE(OfMoves("new/rows.db").empty());
+  EXPECT_TRUE(OfMoves("catalogue.db").empty());
+  std::filesystem::remove(server_.Data("blocked"));
+  EXPECT_EQ(Move(goal).code, 0);
+  ExpectObjects(2);
+}
+
+// The disk says that it cannot flush the folder of the file `moved`, this number of times.
+TEST_F(MoveTest, ADiskThatFailsAtTheSwitchLeavesNoDoubtAboutThePlace) {
+  StartWith(2, Serving());
+  EXPECT_TRUE(server_.Stop());
+  std::filesystem::copy(server_.Data(), temp_.Path("seed"), std::filesystem::copy_options::recursive);
+  for (const int failures : {1, 2, 3}) {
+    std::filesystem::remove_all(server_.Data());
+    std::filesystem::copy(temp_.Path("seed"), server_.Data(), std::filesystem::copy_options::recursive);
+    Launch failing = Moving(Goal());
+    failing.program = TANSYD_THAT_DIES;
+    failing.environment = {{"FAIL_SYNC_AFTER", "moved"}, {"FAIL_SYNCS", std::to_string(failures)}};
+    CTansyd command(temp_.GetPath(), "command");
+    const Ended ended = command.RunToEnd(failing);
+    const bool is_moved = std::filesystem::exists(server_.Data("moved"));
+    EXPECT_EQ(ended.code == 0, is_moved) << failures << ended.out << ended.err;
+    EXPECT_EQ(is_moved, failures == 1) << "the second try to write the file may help";
+    EXPECT_EQ(failures == 3, ended.out.find("it is not sure") != std::string::npos) << ended.out;
+    ASSERT_TRUE(server_.Start(Serving())) << failures << server_.GetErrors();
+    ExpectObjects(2);
+    Put("/b/later", "later");
+    EXPECT_EQ(Move(Goal()).code, is_moved ? 1 : 0);
+    EXPECT_EQ(Get("/b/later"), "later");
+    EXPECT_TRUE(server_.Stop());
+  }
+}
+
+// Long runs try more of the moments at which a process may die.
+bool IsLong() {
+  return std::getenv("TANSY_LONG_TESTS") != nullptr;
+}
+
 // kill -9 of the server in front of one of its changes to files, later and later in the move.
 TEST_F(MoveTest, AServerThatDiesInTheMiddleLosesNothing) {
   Launch launch = Serving();
@@ -303,7 +581,7 @@ TEST_F(MoveTest, AServerThatDiesInTheMiddleLosesNothing) {
   StartWith(40, launch);
   bool is_moved = false;
   int deaths = 0;
-  for (int step = 1; !is_moved; step = step * 4 + 9) {
+  for (int step = 5; !is_moved; step = IsLong() ? step * 2 : step * 8) {
     auto writers = StartWriters(2);
     CTansyd command(temp_.GetPath(), "command");
     command.Begin(Moving(Goal()));
@@ -326,38 +604,70 @@ TEST_F(MoveTest, AServerThatDiesInTheMiddleLosesNothing) {
   EXPECT_THAT(CheckAll(), HasSubstr(" 0 damaged"));
 }
 
-// kill -9 in front of a change to files, all over a move that nobody disturbs, the switch too.
-TEST_F(MoveTest, AMoveThatDiesAnywhereHasHappenedOrGoesOn) {
-  constexpr int kBetweenSteps = 31;
-  StartWith(4, Serving());
-  const std::string address = StorePicture(SamplePicture("sample.png"));
-  EXPECT_TRUE(server_.Stop());
-  const auto copy = std::filesystem::copy_options::recursive;
-  std::filesystem::copy(server_.Data(), temp_.Path("seed"), copy);
-  bool has_died = true;
-  int moved = 0;
-  int unmoved = 0;
-  for (int step = 1; has_died; step += kBetweenSteps) {
+// kill -9 in front of a change to files, at many places of a move that nobody disturbs.
+class DyingMoveTest : public MoveTest {
+ protected:
+  void MakeSeed() {
+    StartWith(4, Serving());
+    address_ = StorePicture(SamplePicture("sample.png"));
+    EXPECT_TRUE(server_.Stop());
+    std::filesystem::copy(server_.Data(), temp_.Path("seed"), std::filesystem::copy_options::recursive);
+  }
+  // Returns false when the move came to its end before that.
+  bool Die(int step, const std::map<std::string, std::string>& environment) {
     std::filesystem::remove_all(server_.Data());
-    std::filesystem::copy(temp_.Path("seed"), server_.Data(), copy);
+    std::filesystem::copy(temp_.Path("seed"), server_.Data(), std::filesystem::copy_options::recursive);
     std::ofstream(temp_.GetPath() + "/when") << step;
     Launch dying = Moving(Goal());
     dying.program = TANSYD_THAT_DIES;
-    dying.environment = {{"DIE_WHEN", temp_.GetPath() + "/when"}};
+    dying.environment = environment;
+    dying.environment["DIE_WHEN"] = temp_.GetPath() + "/when";
     CTansyd command(temp_.GetPath(), "command");
-    has_died = command.RunToEnd(dying).code != 0;
-    const bool is_moved = std::filesystem::exists(server_.Data("moved"));
-    (is_moved ? moved : unmoved) += has_died ? 1 : 0;
-    const Ended ended = Move(Goal());
-    EXPECT_EQ(ended.code, is_moved ? 1 : 0) << step << ended.out << ended.err;
+    return command.RunToEnd(dying).code != 0;
+  }
+  void ExpectAll(int step) {
     ASSERT_TRUE(server_.Start(Serving())) << step << server_.GetErrors();
     ExpectObjects(4);
-    EXPECT_TRUE(GetPicture(address) == SamplePicture("sample.png")) << step;
+    EXPECT_TRUE(GetPicture(address_) == SamplePicture("sample.png")) << step;
     EXPECT_TRUE(server_.Stop());
+  }
+
+  std::string address_;
+};
+
+TEST_F(DyingMoveTest, BeforeTheSwitchItGoesOn) {
+  MakeSeed();
+  int unmoved = 0;
+  const int between = IsLong() ? 7 : 67;
+  for (int step = 1; Die(step, {}); step += between) {
+    if (std::filesystem::exists(server_.Data("moved"))) {
+      break;
+    }
+    ++unmoved;
+    const Ended ended = Move(Goal());
+    EXPECT_EQ(ended.code, 0) << step << ended.out << ended.err;
+    ExpectAll(step);
     EXPECT_THAT(OfMoves("new/rows.db"), testing::IsEmpty()) << step;
   }
   EXPECT_GT(unmoved, 2);
-  EXPECT_GT(moved, 0) << "one of these ends came after the switch";
+}
+
+TEST_F(DyingMoveTest, BehindTheSwitchTheNextStartDoesWhatIsLeft) {
+  MakeSeed();
+  int deaths = 0;
+  const int between = IsLong() ? 1 : 9;
+  for (int step = 1; Die(step, {{"DIE_AFTER", "moved"}}); step += between) {
+    ++deaths;
+    ASSERT_TRUE(std::filesystem::exists(server_.Data("moved")));
+    ExpectAll(step);
+    EXPECT_THAT(OfMoves("new/rows.db"), testing::IsEmpty()) << step;
+    EXPECT_EQ(OfMoves("catalogue.db"), std::vector<std::string>{"moved_to"}) << step;
+    const Ended ended = Move({"--delete-old"});
+    EXPECT_EQ(ended.code, 0) << step << ended.out << ended.err;
+    EXPECT_FALSE(std::filesystem::exists(server_.Data("catalogue.db")));
+    EXPECT_EQ(CountFiles(server_.Data("objects/fs01")), 0U);
+  }
+  EXPECT_GT(deaths, 1);
 }
 
 class MoveToServerTest : public WholeMove {

@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <filesystem>
+#include <mutex>
 #include <thread>
 
 #include "FileStore.h"
+#include "StoreMirror.h"
 #include "fakes/RandomBytes.h"
 #include "fakes/TempFolder.h"
 
@@ -35,12 +37,15 @@ class MovableStoreTest : public testing::Test {
     return store.ReadWhole(name, buffer) == EStoreResult::kDone ? std::string(buffer.data.get(), buffer.size)
                                                                 : "<none>";
   }
-  void Mirror() {
+  void Mirror(const std::shared_ptr<IObjectStore>& target) {
     ASSERT_TRUE(store_.HoldWrites(milliseconds(10000)));
-    store_.BeginMirror(new_);
+    store_.BeginMirror(std::make_unique<CStoreMirror>(target));
     store_.ReleaseWrites();
   }
+  // Waits for what the machine's load has made late.
+  void ExpectComplete() { EXPECT_TRUE(store_.WaitForMirror(milliseconds(60000))); }
   void Switch() {
+    ExpectComplete();
     ASSERT_TRUE(store_.HoldWrites(milliseconds(10000)));
     store_.Switch();
     store_.ReleaseWrites();
@@ -54,21 +59,25 @@ class MovableStoreTest : public testing::Test {
 
 TEST_F(MovableStoreTest, WhatIsWrittenWhileItMirrorsIsInBothStores) {
   const StoredName before = Save("before");
-  Mirror();
+  Mirror(new_);
   const StoredName small = Save("small");
   const StoredName picture = Save("picture", EContent::kPicture);
   StoredName pieces;
   EXPECT_EQ(SaveAt(pieces, 0, "first "), EStoreResult::kDone);
   EXPECT_EQ(SaveAt(pieces, 6, "second"), EStoreResult::kDone);
+  ExpectComplete();
   EXPECT_EQ(Read(*new_, before), "<none>");
   for (IObjectStore* store : {old_.get(), new_.get()}) {
     EXPECT_EQ(Read(*store, small), "small");
     EXPECT_EQ(Read(*store, picture), "picture");
     EXPECT_EQ(Read(*store, pieces), "first second");
   }
-  EXPECT_TRUE(store_.IsMirrored(small) && store_.IsMirrored(pieces));
-  EXPECT_FALSE(store_.IsMirrored(before));
+  const std::vector<StoredName> pictures = store_.TakeMirroredPictures();
+  ASSERT_EQ(pictures.size(), 1U);
+  EXPECT_EQ(pictures.front().id, picture.id);
+  EXPECT_TRUE(store_.TakeMirroredPictures().empty());
   EXPECT_EQ(store_.Remove(small), EStoreResult::kDone);
+  ExpectComplete();
   EXPECT_EQ(Read(*new_, small), "<none>");
   EXPECT_FALSE(store_.HasMirrorFailed());
 }
@@ -78,8 +87,7 @@ TEST_F(MovableStoreTest, AnUploadThatBeganBeforeIsCopiedWhileItGoesOn) {
   StoredName name;
   EXPECT_EQ(SaveAt(name, 0, piece), EStoreResult::kDone);
   EXPECT_EQ(SaveAt(name, piece.size(), piece), EStoreResult::kDone);
-  Mirror();
-  EXPECT_FALSE(store_.IsMirrored(name));
+  Mirror(new_);
   std::atomic<bool> is_copied{false};
   std::string whole = piece + piece;
   std::thread writer([&] {
@@ -93,14 +101,14 @@ TEST_F(MovableStoreTest, AnUploadThatBeganBeforeIsCopiedWhileItGoesOn) {
   EXPECT_EQ(store_.CopyToMirror(name), EStoreResult::kDone);
   is_copied = true;
   writer.join();
-  EXPECT_TRUE(store_.IsMirrored(name));
+  ExpectComplete();
   EXPECT_TRUE(Read(*old_, name) == whole);
   EXPECT_TRUE(Read(*new_, name) == whole);
   EXPECT_EQ(store_.CopyToMirror({"fs01", "0000", std::string(32, '0')}), EStoreResult::kMissing);
 }
 
 TEST_F(MovableStoreTest, AfterTheSwitchTheNewStoreIsUsedAlone) {
-  Mirror();
+  Mirror(new_);
   const StoredName name = Save("bytes");
   Switch();
   EXPECT_EQ(&store_.Now(), new_.get());
@@ -115,7 +123,7 @@ TEST_F(MovableStoreTest, AReadGoesOnWhereItBegan) {
   const std::string bytes = Tests::RandomBytes(100000, 1);
   const StoredName name = Save(bytes);  // never copied
   EXPECT_EQ(store_.BeginRead(name), EStoreResult::kDone);
-  Mirror();
+  Mirror(new_);
   Switch();
   ReadBuffer buffer;
   ASSERT_EQ(store_.ReadRange(name, 50000, 10, buffer), EStoreResult::kDone);
@@ -135,13 +143,73 @@ class CFailingStore {
 
 TEST_F(MovableStoreTest, AMirrorThatFailsHarmsNoWrite) {
   const CFailingStore failing(temp_.Path("gone"));
-  ASSERT_TRUE(store_.HoldWrites(milliseconds(10000)));
-  store_.BeginMirror(failing.store);
-  store_.ReleaseWrites();
+  Mirror(failing.store);
   const StoredName name = Save(Tests::RandomBytes(100000, 1));
+  ExpectComplete();
   EXPECT_TRUE(store_.HasMirrorFailed());
-  EXPECT_FALSE(store_.IsMirrored(name));
   EXPECT_NE(Read(store_, name), "<none>");
+  store_.EndMirror();
+  EXPECT_NE(Read(store_, Save("later")), "<none>");
+}
+
+// A store whose writes do not end before the test says so.
+class CSilentStore {
+ public:
+  explicit CSilentStore(const std::shared_ptr<IObjectStore>& store) : held_(std::make_shared<CMovableStore>(store)) {
+    EXPECT_TRUE(held_->HoldWrites(milliseconds(0)));
+  }
+  void Speak() { held_->ReleaseWrites(); }
+  std::shared_ptr<IObjectStore> Get() const { return held_; }
+
+ private:
+  const std::shared_ptr<CMovableStore> held_;
+};
+
+TEST_F(MovableStoreTest, AMirrorThatIsSilentKeepsNoWriteWaitingForLong) {
+  CSilentStore silent(new_);
+  Mirror(silent.Get());
+  std::vector<StoredName> names;
+  std::vector<std::thread> writers;
+  std::mutex mutex;
+  for (std::uint64_t i = 0; i < 40; ++i) {
+    writers.emplace_back([&, i] {
+      const StoredName name = Save(Tests::RandomBytes(1000, i));
+      const std::lock_guard lock(mutex);
+      names.push_back(name);
+    });
+  }
+  for (std::thread& writer : writers) {
+    writer.join();  // without an answer of the mirror
+  }
+  StoredName pieces;
+  EXPECT_EQ(SaveAt(pieces, 0, "first "), EStoreResult::kDone);
+  EXPECT_EQ(SaveAt(pieces, 6, "second"), EStoreResult::kDone);
+  EXPECT_EQ(SaveAt(pieces, 6, "SECOND"), EStoreResult::kDone);
+  EXPECT_FALSE(store_.WaitForMirror(milliseconds(0)));
+  silent.Speak();
+  ExpectComplete();
+  EXPECT_FALSE(store_.HasMirrorFailed());
+  for (const StoredName& name : names) {
+    EXPECT_EQ(Read(*new_, name), Read(*old_, name));
+  }
+  EXPECT_EQ(Read(*new_, pieces), "first SECOND") << "what is late is done in order";
+}
+
+TEST_F(MovableStoreTest, AMirrorThatStaysSilentIsGivenUpWhenMuchWaits) {
+  CSilentStore silent(new_);
+  Mirror(silent.Get());
+  const std::string large = Tests::RandomBytes(8U << 20U, 1);
+  std::size_t given = 0;
+  for (int i = 0; i < 12 && !store_.HasMirrorFailed(); ++i) {
+    StoredName name;
+    EXPECT_EQ(SaveAt(name, 0, large), EStoreResult::kDone);
+    given += large.size();
+  }
+  EXPECT_TRUE(store_.HasMirrorFailed());
+  EXPECT_LE(given, CStoreMirror::kMostBytes + 2 * large.size());
+  EXPECT_NE(Read(store_, Save("without it")), "<none>");
+  silent.Speak();
+  store_.EndMirror();
 }
 
 TEST_F(MovableStoreTest, HeldWritesWaitAndReadsDoNot) {
