@@ -25,7 +25,9 @@ class CWriters {
   using SendFunction =
       std::function<Reply(const std::string& method, const std::string& target, const std::string& body)>;
 
-  CWriters(std::size_t count, SendFunction send) : send_(std::move(send)), states_(count) {
+  // Each of them rests for `pause` after an answer.
+  CWriters(std::size_t count, std::chrono::milliseconds pause, SendFunction send)
+      : send_(std::move(send)), pause_(pause), states_(count) {
     for (std::size_t i = 0; i < count; ++i) {
       threads_.emplace_back([this, i] { Write(i); });
     }
@@ -73,6 +75,7 @@ class CWriters {
         ++failed_;
       }
       ++answered_;
+      std::this_thread::sleep_for(pause_);
     }
   }
 
@@ -84,6 +87,7 @@ class CWriters {
   }
 
   const SendFunction send_;
+  const std::chrono::milliseconds pause_;
   std::atomic<long long> longest_{0};  // milliseconds
   std::atomic<bool> stops_{false};
   std::atomic<int> answered_{0};
@@ -119,11 +123,12 @@ class MoveFixture : public MultipartFixture {
     const std::size_t found = output.find(before);
     return found == std::string::npos ? -1 : std::stoi(output.substr(found + before.size()));
   }
-  std::unique_ptr<CWriters> StartWriters(std::size_t count = 4) {
-    auto writers =
-        std::make_unique<CWriters>(count, [this](const std::string& method, const std::string& target,
-                                                 const std::string& body) { return Send(method, target, body); });
-    EXPECT_TRUE(WaitUntil([&] { return writers->Answered() > 40; }));
+  std::unique_ptr<CWriters> StartWriters(std::size_t count = 4, std::chrono::milliseconds pause = {}) {
+    auto writers = std::make_unique<CWriters>(
+        count, pause, [this](const std::string& method, const std::string& target, const std::string& body) {
+          return Send(method, target, body);
+        });
+    EXPECT_TRUE(WaitUntil([&] { return writers->Answered() > (pause.count() == 0 ? 40 : 0); }));
     return writers;
   }
   void Expect(const std::map<std::string, std::string>& states, const std::string& when) {
