@@ -32,6 +32,9 @@ constexpr int kVersionNotSupported = 505;
 // Each field costs several times its bytes once it is in a map.
 constexpr int kMaxFields = 100;
 
+// Fields whose names begin so belong to the S3 protocol.
+constexpr std::string_view kJoinedPrefix = "x-amz-";
+
 std::string_view View(BeastView text) {
   return {text.data(), text.size()};
 }
@@ -143,7 +146,21 @@ class CBeastParser final : public http::basic_parser<true> {
     } else if (field == http::field::expect) {
       TakeExpectation(value, error);
     }
-    head.headers.try_emplace(std::string(StandardHeaderName(View(beast_name))), value);
+    KeepField(View(beast_name), value);
+  }
+
+  // Of several fields of one name the first counts. But the S3 protocol signs its own ones as if they were one, in the
+  // order in which they came.
+  void KeepField(std::string_view name, std::string_view value) {
+    const auto is_same = [name](const auto& header) { return EqualNoCase(header.first, name); };
+    if (EqualNoCase(name.substr(0, kJoinedPrefix.size()), kJoinedPrefix)) {
+      const auto there = std::find_if(head.headers.begin(), head.headers.end(), is_same);
+      if (there != head.headers.end()) {
+        there->second.append(",").append(value);
+        return;
+      }
+    }
+    head.headers.try_emplace(std::string(StandardHeaderName(name)), value);
   }
 
   void TakeHost(BeastError& error) {

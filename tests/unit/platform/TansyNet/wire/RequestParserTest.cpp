@@ -48,6 +48,17 @@ int FailureOf(std::string_view text) {
   return parser.ParseHead(input) == Progress::kFailed ? parser.FailureStatus() : 0;
 }
 
+// A signature of the S3 protocol covers what all of them say.
+TEST(HttpServerParser, JoinsFieldsOfTheS3ProtocolInTheirOrder) {
+  const RequestHead head = Parse(
+      "GET / HTTP/1.1\r\nHost: h\r\nx-amz-meta-a: 2 \r\nX-Amz-Meta-A:1\r\nx-amz-meta-a: 3\r\n"
+      "x-other: 1\r\nx-other: 2\r\nx-am: 1\r\nx-am: 2\r\n\r\n");
+  EXPECT_EQ(head.headers.at("x-amz-meta-a"), "2,1,3");
+  EXPECT_EQ(head.headers.count("X-Amz-Meta-A"), 0U);
+  EXPECT_EQ(head.headers.at("x-other"), "1");
+  EXPECT_EQ(head.headers.at("x-am"), "1");
+}
+
 TEST(HttpServerParser, TakesTheRequestLineApart) {
   const RequestHead head = Parse("GET /b/k%20x?a=1&b=%2F?c HTTP/1.1\r\nHost: h\r\n\r\n");
   EXPECT_EQ(head.method, "GET");
