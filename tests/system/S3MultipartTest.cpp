@@ -157,6 +157,11 @@ TEST_F(S3MultipartTest, AFullDiskRefusesAPartAndLosesNone) {
     etags.push_back(etag);
   }
   ASSERT_EQ(etag, "") << "the disk is never full";
+  for (const std::size_t size : {kLeastPart, 4 * kLeastPart}) {
+    const Reply refused = curl_.Put("/bucket/other", RandomBytes(size));
+    EXPECT_EQ(refused.status, 507) << size << ": clients repeat what is answered 500";
+    EXPECT_THAT(refused.body, HasSubstr("<Code>NotEnoughSpace</Code>"));
+  }
   parts.pop_back();
   etags.pop_back();
   ASSERT_FALSE(parts.empty());

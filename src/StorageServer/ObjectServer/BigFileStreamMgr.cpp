@@ -99,7 +99,7 @@ bool CBigFileStreamMgr::RemoveStream(std::uint32_t session_id) {
 }
 
 bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size,
-                                     const std::string& bucket_name) {
+                                     const std::string& bucket_name, int* storage_result) {
   const CPieceUnderWay under_way(*this, session_id);
   std::unique_lock<std::mutex> lock(mutex_);
   Stream* stream = Find(session_id);
@@ -126,6 +126,9 @@ bool CBigFileStreamMgr::UploadStream(std::uint32_t session_id, const char* data,
   const int result = StreamSave(callback, {data, size}, offset, location);
   if (result != kStorageOk) {
     CLOUD_LOG(logging::kError, "[%s]save file failed[%d].[%s(%d)]", result);
+    if (storage_result != nullptr) {
+      *storage_result = result;
+    }
     return false;
   }
   lock.lock();

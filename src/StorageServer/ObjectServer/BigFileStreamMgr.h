@@ -45,8 +45,10 @@ class CBigFileStreamMgr : private TansyBase::CNoncopyable {
   // Copies the record; returns false when there is none.
   bool GetStreamInfo(ObjectInfo& info, std::uint32_t session_id) const;
   bool RemoveStream(std::uint32_t session_id);
-  // Appends a piece. Returns false when there is no record or the storage refuses.
-  bool UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size, const std::string& bucket_name);
+  // Appends a piece. Returns false when there is no record or the storage refuses; `storage_result`, which may be null,
+  // is then set to what the storage said.
+  bool UploadStream(std::uint32_t session_id, const char* data, std::uint32_t size, const std::string& bucket_name,
+                    int* storage_result = nullptr);
 
   // Waits until the stream holds another number of bytes than `seen_size` or has no record. Returns false after
   // `timeout`; but while the storage works on one of its pieces, or a piece waits for its turn there, the wait goes on,

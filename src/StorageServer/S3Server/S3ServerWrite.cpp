@@ -226,11 +226,11 @@ Failure CS3Server::StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t 
     return failure;
   }
   const std::string_view data = plain.Bytes();
-  if (!data.empty() && !CBigFileStreamMgr::Instance().UploadStream(StreamId(handle), data.data(),
-                                                                   static_cast<std::uint32_t>(data.size()), bucket)) {
-    return EError::kInternalError;
-  }
-  return {};
+  int result = CloudStorage::details::kStorageOk;
+  const bool is_stored =
+      data.empty() || CBigFileStreamMgr::Instance().UploadStream(
+                          StreamId(handle), data.data(), static_cast<std::uint32_t>(data.size()), bucket, &result);
+  return is_stored ? Failure() : StorageFailure(result);
 }
 
 void CS3Server::StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& msg) {

@@ -707,6 +707,14 @@ TEST_F(S3ServerTest, SaysThatTheServerIsFull) {
   storage_.SetResult("save", 1);
   EXPECT_EQ(Outcome(PutKey("k", "x")), "500 InternalError");
   storage_.SetResult("save", 0);
+  const auto stream = [this] {
+    return Outcome(Stream(SignedCall({.method = "PUT", .path = PathOf("k")}), Pattern(11 * kMebibyte)));
+  };
+  storage_.SetResult("stream", 3);
+  EXPECT_EQ(stream(), "507 NotEnoughSpace");
+  storage_.SetResult("stream", 1);
+  EXPECT_EQ(stream(), "500 InternalError");
+  storage_.SetResult("stream", 0);
   EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
 }
 
