@@ -18,13 +18,7 @@ CFailure Changed(const std::string& path) {
 }  // namespace details
 
 CSteadyFile::CSteadyFile(const std::string& path) : path_(path), size_(LocalFileSize(path)), time_(Time()) {
-  const std::string real = FollowLink(path);
-  int error = 0;
-  folder_ = HostSystem::OpenFolder(FolderOf(real), error);
-  if (folder_ != nullptr) {
-    error = folder_->OpenForReading(Utf8Path(NativePath(real).filename()), file_);
-  }
-  if (error != 0) {
+  if (const int error = HostSystem::OpenFileForReading(path, file_); error != 0) {
     throw FailureOfFile(path, error);
   }
 }

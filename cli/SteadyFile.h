@@ -28,7 +28,6 @@ class CSteadyFile {
   const std::string path_;
   std::uint64_t size_ = 0;
   std::filesystem::file_time_type time_;
-  std::unique_ptr<HostSystem::IFolder> folder_;
   std::unique_ptr<HostSystem::IFile> file_;
 };
 

@@ -67,7 +67,7 @@ int ReadExactly(IFile& file, std::uint64_t offset, std::size_t size, std::string
 
 int ReadWholeFile(const std::string& path, std::size_t limit, std::string& content) {
   std::unique_ptr<IFile> file;
-  const int error = details::OpenPath(path, file);
+  const int error = OpenFileForReading(path, file);
   return error != 0 ? error : details::ReadAll(*file, limit, content);
 }
 

@@ -74,6 +74,9 @@ enum class EAccess { kOwnerOnly, kUsual };
 // Opens an existing folder by its path, which may lead through links. Returns null and sets `error` on failure.
 std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess access = EAccess::kOwnerOnly);
 
+// Opens an existing file by its path, which may lead through links. The folder that holds it need not be readable.
+int OpenFileForReading(const std::string& path, std::unique_ptr<IFile>& file);
+
 // Makes a folder and those above it that are missing, for the owner only, and syncs the parents of the folders it made.
 int MakeFolders(const std::string& path);
 
@@ -105,9 +108,6 @@ bool IsNoSpace(int error);
 namespace details {
 
 // The steps of ReadWholeFile and ReplaceFile that differ from system to system.
-
-// Opens a file by its path, which may lead through links.
-int OpenPath(const std::string& path, std::unique_ptr<IFile>& file);
 
 struct FilePlace {
   std::string folder;

@@ -272,15 +272,6 @@ int MakeOneFolder(const std::string& path) {
 
 }  // namespace
 
-int OpenPath(const std::string& path, std::unique_ptr<IFile>& file) {
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    return errno;
-  }
-  file = Own<CFile>(descriptor);
-  return 0;
-}
-
 FilePlace FindPlace(const std::string& path) {
   const std::unique_ptr<char, FreeText> resolved(::realpath(path.c_str(), nullptr));
   const std::string target = resolved == nullptr ? path : resolved.get();
@@ -297,6 +288,15 @@ std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess
   }
   error = 0;
   return details::Own<details::CFolder>(descriptor, access);
+}
+
+int OpenFileForReading(const std::string& path, std::unique_ptr<IFile>& file) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor < 0) {
+    return errno;
+  }
+  file = details::Own<details::CFile>(descriptor);
+  return 0;
 }
 
 int MakeFolders(const std::string& path) {

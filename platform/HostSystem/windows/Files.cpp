@@ -252,16 +252,6 @@ class CFolder final : public IFolder {
 
 }  // namespace
 
-int OpenPath(const std::string& path, std::unique_ptr<IFile>& file) {
-  const HANDLE handle = ::CreateFileW(FromUtf8(path).c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) {
-    return LastErrno();
-  }
-  file = Own<CFile>(handle);
-  return 0;
-}
-
 FilePlace FindPlace(const std::string& path) {
   std::error_code ignored;
   const std::filesystem::path target = std::filesystem::weakly_canonical(FromUtf8(path), ignored);
@@ -280,6 +270,16 @@ std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess
   }
   error = 0;
   return details::Own<details::CFolder>(handle, full);
+}
+
+int OpenFileForReading(const std::string& path, std::unique_ptr<IFile>& file) {
+  const HANDLE handle = ::CreateFileW(details::FromUtf8(path).c_str(), GENERIC_READ, details::kShareAll, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return LastErrno();
+  }
+  file = details::Own<details::CFile>(handle);
+  return 0;
 }
 
 int MakeFolders(const std::string& path) {
