@@ -120,11 +120,9 @@ void SetPorts(CloudStorage::StorageServerConfig_V1& config, const ServerPorts& p
 
 std::string ListenerText(const HostOptions& options, std::uint16_t port, std::uint16_t https_port) {
   const std::string host = UrlHost(options.local_ip);
-  std::string text = "http://" + host + ":" + std::to_string(port);
-  if (https_port != 0) {
-    text += " https://" + host + ":" + std::to_string(https_port);
-  }
-  return text;
+  const std::string plain = port != 0 ? " http://" + host + ":" + std::to_string(port) : "";
+  const std::string secure = https_port != 0 ? " https://" + host + ":" + std::to_string(https_port) : "";
+  return plain + secure;
 }
 
 }  // namespace
@@ -456,8 +454,11 @@ void CServer::StartS3Server(const CloudStorage::StorageServerConfig_V1& config) 
 }
 
 std::string CServer::ReadyLine() const {
-  return "tansyd ready: objects " + details::ListenerText(options_, options_.object_port, options_.object_https_port) +
-         ", pictures " + details::ListenerText(options_, options_.picture_port, options_.picture_https_port) +
+  const std::string s3 =
+      options_.HasS3() ? ", S3" + details::ListenerText(options_, options_.s3_port, options_.s3_https_port) : "";
+  // The folder's path is the rest of the line, because it may hold anything.
+  return "tansyd ready: objects" + details::ListenerText(options_, options_.object_port, options_.object_https_port) +
+         ", pictures" + details::ListenerText(options_, options_.picture_port, options_.picture_https_port) + s3 +
          ", data " + data_folder_->GetPath();
 }
 

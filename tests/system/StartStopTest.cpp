@@ -55,6 +55,25 @@ TEST_F(StartStopTest, SaysReadyServesAndStops) {
   EXPECT_EQ(server_.GetErrors(), "");
 }
 
+// Programs read the addresses of the servers from this line, and the folder is all that is behind the last one.
+TEST_F(StartStopTest, NamesAllServersInTheReadyLine) {
+  Launch launch;
+  launch.with_s3 = true;
+  launch.with_https = true;
+  ASSERT_TRUE(server_.Start(launch));
+  const auto addresses = [](std::uint16_t port, std::uint16_t https_port) {
+    return " http://127.0.0.1:" + std::to_string(port) + " https://127.0.0.1:" + std::to_string(https_port);
+  };
+  EXPECT_EQ(server_.GetReadyLine(),
+            "tansyd ready: objects" + addresses(server_.GetObjectPort(), server_.GetObjectHttpsPort()) + ", pictures" +
+                addresses(server_.GetPicturePort(), server_.GetPictureHttpsPort()) + ", S3" +
+                addresses(server_.GetS3Port(), server_.GetS3HttpsPort()) + ", data " + server_.Data());
+  EXPECT_TRUE(server_.Stop());
+  launch.with_s3 = false;
+  ASSERT_TRUE(server_.Start(launch));
+  EXPECT_THAT(server_.GetReadyLine(), Not(HasSubstr("S3")));
+}
+
 TEST_F(StartStopTest, ServesBothFamilies) {
   if (!Tansy::Tests::HasIpv6Loopback()) {
     GTEST_SKIP() << Tansy::Tests::kNoIpv6Loopback;
