@@ -1,31 +1,28 @@
 #include "CopyFiles.h"
 
 #include <filesystem>
-#include <optional>
+#include <iterator>
+#include <memory>
 #include <set>
 #include <system_error>
 #include <utility>
 
 #include "Failure.h"
 #include "LocalFile.h"
+#include "LocalTree.h"
 #include "Output.h"
-#include "S3Download.h"
 #include "S3Link.h"
+#include "S3Listing.h"
 #include "S3Path.h"
 #include "Settings.h"
 #include "TargetFolder.h"
 #include "TransferOptions.h"
+#include "TransferPlan.h"
 #include "Transfers.h"
-#include "TreeCopy.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
-
-bool IsFolder(const std::string& path) {
-  std::error_code ignored;
-  return std::filesystem::is_directory(NativePath(path), ignored);
-}
 
 // Notes where one of several things goes. Throws CFailure when another one goes there too.
 void Claim(std::set<std::string>& targets, const std::string& target) {
@@ -34,89 +31,114 @@ void Claim(std::set<std::string>& targets, const std::string& target) {
   }
 }
 
-// Does one copy.
+std::vector<RemoteObject> ObjectsBelow(const CS3Link& link, const S3Path& remote) {
+  const S3Path folder{remote.bucket, FolderPrefix(remote.key)};
+  std::vector<RemoteObject> objects = AllObjects(link, folder);
+  if (objects.empty() && !remote.key.empty()) {
+    throw NothingBelow(folder);
+  }
+  return objects;
+}
+
+// Does one copy. All words are looked at before anything is carried: those that cannot be meant so end the command, and
+// what is only missing becomes a failure among the others.
 class CCopy {
  public:
   CCopy(const CommandCall& call, const std::vector<std::string>& sources, const std::string& target)
       : call_(call), sources_(sources), target_(target), settings_(UseSettings(call.globals)), link_(settings_) {}
 
   int Run() {
-    const TransferSettings transfer_settings{JobsOf(call_), call_.Has("--resume"), false};
-    return IsS3Url(target_) ? ToServer(transfer_settings) : FromServer(transfer_settings);
+    if (IsS3Url(target_)) {
+      PlanToServer(ParseS3Path(target_));
+      return Carry("");
+    }
+    if (IsRecursive()) {
+      PlanFoldersFromServer();
+      return Carry(target_);
+    }
+    return FilesFromServer();
   }
 
  private:
   bool IsRecursive() const { return call_.Has("-r"); }
+
+  int Carry(const std::string& folder) {
+    CTransfers transfers(call_.globals, link_, {JobsOf(call_), call_.Has("--resume"), false}, folder,
+                         folder.empty() ? "put" : "get");
+    const int done = transfers.Run(transfers_);
+    const int left_out = ReportLeftOut(call_.globals, skipped_, failures_);
+    return done != kExitDone ? done : left_out;
+  }
+
+  // Calls `plan`, whose failure becomes that of the transfer.
+  template <typename Plan>
+  void PlanFor(Transfer transfer, const Plan& plan) {
+    try {
+      plan();
+    } catch (const CFailure& failure) {
+      transfer.failure = std::make_shared<CFailure>(failure);
+      transfers_.push_back(std::move(transfer));
+    }
+  }
+
+  void PlanToServer(const S3Path& target) {
+    for (const std::string& source : sources_) {
+      if (source == "-") {
+        throw CFailure(kExitUsage, "standard input cannot be copied", "'tansy put -' sends it");
+      }
+      if (IsS3Url(source)) {
+        PlanCopy(ParseS3Path(source), target);
+      } else if (IsRecursive() && IsFolder(source)) {
+        PlanFolderToServer(source, sources_.size() > 1 ? target.Below(FolderName(source)) : target);
+      } else if (IsFolder(source)) {
+        throw CFailure(kExitUsage, Printable(source) + ": is a folder", "copy it with -r");
+      } else {
+        const S3Path remote = IsFolderTarget(target) ? target.Below(LastName(source)) : target;
+        Claim(claimed_, remote.Url());
+        transfers_.push_back({.kind = Transfer::EKind::kPut, .remote = remote, .file = source});
+      }
+    }
+  }
 
   // A target that ends with a slash or is a mere bucket is a folder, and so is the target of several things.
   bool IsFolderTarget(const S3Path& target) const {
     return sources_.size() > 1 || target.key.empty() || target.key.ends_with('/');
   }
 
-  int ToServer(const TransferSettings& transfer_settings) {
-    const S3Path target = ParseS3Path(target_);
-    // Everything is looked at before anything is sent.
-    std::vector<std::pair<std::string, S3Path>> folders;
-    std::vector<Transfer> transfers;
-    std::set<std::string> targets;
-    for (const std::string& source : sources_) {
-      if (IsS3Url(source)) {
-        transfers.push_back(CopyOf(ParseS3Path(source), target));
-        Claim(targets, transfers.back().remote.Url());
-      } else if (IsRecursive() && IsFolder(source)) {
-        folders.emplace_back(source, sources_.size() > 1 ? target.Below(FolderName(source)) : target);
-        Claim(targets, S3Path{target.bucket, FolderPrefix(folders.back().second.key)}.Url());
-      } else if (IsFolder(source)) {
-        throw CFailure(kExitUsage, Printable(source) + ": is a folder", "copy it with -r");
-      } else {
-        LocalFileSize(source);  // finds what is no file
-        transfers.push_back({.kind = Transfer::EKind::kPut,
-                             .remote = IsFolderTarget(target) ? target.Below(LastName(source)) : target,
-                             .file = source});
-        Claim(targets, transfers.back().remote.Url());
+  void PlanFolderToServer(const std::string& folder, const S3Path& remote) {
+    Claim(claimed_, S3Path{remote.bucket, FolderPrefix(remote.key)}.Url());
+    PlanFor({.kind = Transfer::EKind::kPut, .remote = remote, .file = folder}, [&] {
+      const LocalTree tree = WalkFolder(folder);
+      Append(transfers_, PlanPuts(folder, tree, remote));
+      Append(failures_, tree.failures);
+      for (const std::string& name : tree.skipped) {
+        skipped_.push_back(PathIn(folder, name));
       }
-    }
-    int exit_code = kExitDone;
-    for (const auto& [folder, below] : folders) {
-      const int done = PutFolder(call_, settings_, folder, below);
-      exit_code = exit_code != kExitDone ? exit_code : done;
-    }
-    const int done = CTransfers(call_.globals, link_, transfer_settings, nullptr, "cp").Run(transfers);
-    return exit_code != kExitDone ? exit_code : done;
+    });
   }
 
-  Transfer CopyOf(const S3Path& source, const S3Path& target) const {
+  void PlanCopy(const S3Path& source, const S3Path& target) {
     if (IsRecursive()) {
       throw CFailure(kExitUsage, "folders are not copied on the server", "get it, and put it again");
     }
-    return {.kind = Transfer::EKind::kCopy,
-            .remote = IsFolderTarget(target) ? target.Below(LastName(source.key)) : target,
-            .source = source,
-            .object = Find(source)};
+    CheckIsObject(source);
+    const S3Path remote = IsFolderTarget(target) ? target.Below(LastName(source.key)) : target;
+    Claim(claimed_, remote.Url());
+    transfers_.push_back({.kind = Transfer::EKind::kCopy, .remote = remote, .source = source});
   }
 
-  RemoteObject Find(const S3Path& path) const {
+  static void CheckIsObject(const S3Path& path) {
     if (path.key.empty()) {
       throw CFailure(kExitUsage, Printable(path.Url()) + ": is a bucket", "name an object, or copy with -r");
     }
-    std::optional<RemoteObject> object;
-    try {
-      object = FindS3Object(link_, path);
-    } catch (const CFailure& failure) {
-      throw failure.About(Printable(path.Url()));
-    }
-    if (!object) {
-      throw CFailure(kExitNotFound, Printable(path.Url()) + ": there is no such object",
-                     "'tansy ls' lists what there is; a folder is copied with -r");
-    }
-    return *object;
   }
 
-  int FromServer(const TransferSettings& transfer_settings) {
-    if (IsRecursive()) {
-      return FoldersFromServer();
+  int FilesFromServer() {
+    if (target_ == "-") {
+      throw CFailure(kExitUsage, "nothing is copied to standard output", "'tansy cat' writes to it");
     }
-    const bool to_folder = IsFolder(target_);
+    // As on the server, a name that ends with a slash is that of a folder, which is made when it is missing.
+    const bool to_folder = IsFolder(target_) || target_.ends_with('/');
     if (sources_.size() > 1 && !to_folder) {
       throw CFailure(kExitUsage, Printable(target_) + ": is no folder",
                      "several objects go into a folder: name one, or . for this one");
@@ -125,40 +147,40 @@ class CCopy {
       throw CFailure(kExitUsage, Printable(target_) + ": is a device or pipe", "'tansy get' writes into one");
     }
     const std::string file = to_folder ? "" : FollowLink(target_);
-    std::vector<Transfer> transfers;
-    std::set<std::string> targets;
     for (const std::string& source : sources_) {
       const S3Path path = ParseS3Path(source);
-      const std::string name = to_folder ? LocalNameOf(LastName(path.key)) : Utf8Path(NativePath(file).filename());
-      Claim(targets, name);
-      transfers.push_back({.kind = Transfer::EKind::kGet, .remote = path, .file = name, .object = {}});
+      CheckIsObject(path);
+      Transfer get{.kind = Transfer::EKind::kGet, .remote = path, .file = LastName(path.key)};
+      PlanFor(get, [&] {
+        get.file = to_folder ? LocalNameOf(get.file) : Utf8Path(NativePath(file).filename());
+        transfers_.push_back(get);
+      });
+      Claim(claimed_, get.file);
     }
-    for (Transfer& transfer : transfers) {
-      transfer.object = Find(transfer.remote);
-    }
-    CTargetFolder target(to_folder ? target_ : FolderOf(file));
-    return CTransfers(call_.globals, link_, transfer_settings, &target, "cp").Run(transfers);
+    return Carry(to_folder ? target_ : FolderOf(file));
   }
 
-  int FoldersFromServer() {
+  // Several folders go into folders of their names.
+  void PlanFoldersFromServer() {
     std::vector<std::pair<S3Path, std::string>> folders;
-    std::set<std::string> targets;
     for (const std::string& source : sources_) {
       const S3Path path = ParseS3Path(source);
-      std::string folder = target_;
-      if (sources_.size() > 1) {
-        const std::string name = path.key.empty() ? path.bucket : LastName(path.key);
-        folder += (folder.ends_with('/') ? "" : "/") + LocalNameOf(name);
-      }
-      Claim(targets, folder);
-      folders.emplace_back(path, folder);
+      const std::string name = path.key.empty() ? path.bucket : LastName(path.key);
+      folders.emplace_back(path, sources_.size() > 1 ? LocalNameOf(name) + "/" : "");
+      Claim(claimed_, folders.back().second);
     }
-    int exit_code = kExitDone;
-    for (const auto& [path, folder] : folders) {
-      const int done = GetFolder(call_, settings_, path, folder);
-      exit_code = exit_code != kExitDone ? exit_code : done;
+    for (const auto& folder : folders) {
+      PlanFor({.kind = Transfer::EKind::kGet, .remote = folder.first, .file = folder.second}, [&] {
+        TransferPlan plan = PlanGets(ObjectsBelow(link_, folder.first), folder.first, folder.second);
+        Append(transfers_, std::move(plan.transfers));
+        Append(failures_, std::move(plan.failures));
+      });
     }
-    return exit_code;
+  }
+
+  template <typename Element>
+  static void Append(std::vector<Element>& all, std::vector<Element> more) {
+    all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
   }
 
   const CommandCall& call_;
@@ -166,6 +188,11 @@ class CCopy {
   const std::string& target_;
   const Settings settings_;
   const CS3Link link_;
+
+  std::vector<Transfer> transfers_;
+  std::set<std::string> claimed_;  // where they go
+  std::vector<std::string> skipped_;
+  std::vector<CFailure> failures_;
 };
 
 }  // namespace

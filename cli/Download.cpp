@@ -5,7 +5,6 @@
 
 #include "Failure.h"
 #include "Output.h"
-#include "Persistence.h"
 #include "ServerLink.h"
 
 namespace Tansy::Cli {
@@ -28,6 +27,21 @@ void CheckHead(const TansyNet::CHttpClientResponse& head, const ObjectVersion& v
   if (head.GetHeader("ETag") != version.tag || head.content_length != size) {
     FailAsChanged(url);
   }
+}
+
+// The link, URL and version must live as long as what this gives.
+RangeSource SourceOf(const CServerLink& link, const ObjectUrl& url, const ObjectVersion& version) {
+  const auto ask = [&](ByteRange rest, const TakeBytes& take) {
+    LinkRequest request{.resource = url.Path()};
+    if (rest.begin > 0 || rest.end < version.size) {
+      request.range = std::to_string(rest.begin) + "-" + std::to_string(rest.end);
+    }
+    const std::uint64_t size = rest.end - rest.begin;
+    return link.Stream(
+        request, [&](const TansyNet::CHttpClientResponse& head) { CheckHead(head, version, size, url); }, take);
+  };
+  return {ask, [&] { return !version.tag.empty(); },
+          [&](const LinkOutcome& outcome) { return link.FailureOf(outcome).About(Printable(url.Path())); }};
 }
 
 }  // namespace
@@ -56,45 +70,17 @@ ByteRange Within(ByteRange asked, std::uint64_t size, const ObjectUrl& url) {
 void Fetch(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
            const TakeBytes& take) {
   const CServerLink link(settings);
-  CPersistence persistence;
-  // An empty range needs no request, and servers refuse to read an empty object.
-  for (std::uint64_t at = range.begin; at < range.end;) {
-    LinkRequest request{.resource = url.Path()};
-    if (at > 0 || range.end < version.size) {
-      request.range = std::to_string(at) + "-" + std::to_string(range.end);
-    }
-    const std::uint64_t asked_at = at;
-    const LinkOutcome outcome = link.Stream(
-        request,
-        [&](const TansyNet::CHttpClientResponse& head) { details::CheckHead(head, version, range.end - at, url); },
-        [&](const char* data, std::size_t size) {
-          take(data, size);
-          at += size;
-        });
-    if (outcome.IsDone()) {
-      return;
-    }
-    if (at > asked_at) {
-      persistence.Forget();
-    }
-    if (version.tag.empty() || !persistence.GoesOn(outcome)) {
-      throw link.FailureOf(outcome).About(Printable(url.Path()));
-    }
-  }
+  FetchRange(range, details::SourceOf(link, url, version), nullptr,
+             [&](const char* data, std::size_t size, std::uint64_t /*offset*/) { take(data, size); });
 }
 
 void FetchInPieces(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
-                   std::size_t getters, const TakeBytesAt& take) {
-  ForEachRange(range, version.tag.empty() ? 1 : getters, [&](ByteRange piece, const std::atomic<bool>& stop) {
-    std::uint64_t at = piece.begin;
-    Fetch(settings, url, piece, version, [&](const char* data, std::size_t size) {
-      if (stop) {
-        throw CFailure(kExitFailed, Printable(url.Path()) + ": another piece of it has failed", "");
-      }
-      take(data, size, at);
-      at += size;
-    });
-  });
+                   CTeam& team, const TakeBytesAt& take) {
+  const CServerLink link(settings);
+  const RangeSource source = details::SourceOf(link, url, version);
+  CTeam alone(1);
+  ForEachRange(range, version.tag.empty() ? alone : team,
+               [&](ByteRange piece, const std::atomic<bool>& stop) { FetchRange(piece, source, &stop, take); });
 }
 
 }  // namespace Tansy::Cli

@@ -2,15 +2,15 @@
 #ifndef TANSY_CLI_DOWNLOAD_H
 #define TANSY_CLI_DOWNLOAD_H
 
-#include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "ByteRange.h"
 #include "ObjectUrl.h"
 #include "ObjectVersion.h"
+#include "RangeFetch.h"
 #include "Settings.h"
+#include "Team.h"
 
 namespace Tansy::Cli {
 
@@ -21,22 +21,16 @@ ByteRange ParseByteRange(const std::string& text);
 // with kExitUsage about `url` when none of them are there.
 ByteRange Within(ByteRange asked, std::uint64_t size, const ObjectUrl& url);
 
-// Receives each piece of a download. An exception of it ends the download and reaches the caller.
-using TakeBytes = std::function<void(const char* data, std::size_t size)>;
-
 // Fetches a range of one version, in one answer where that works. When the connection breaks, the rest is requested
 // again, and `take` goes on where it was; but a server that does not identify versions is not asked again. All bytes
 // are those of `version`: an object that was replaced meanwhile is a failure. Throws CFailure about `url`.
 void Fetch(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
            const TakeBytes& take);
 
-// Receives a piece of a download and its place in the object. Several threads call it at once, for different places.
-using TakeBytesAt = std::function<void(const char* data, std::size_t size, std::uint64_t offset)>;
-
-// Does the same, a large range in pieces of which `getters` come at the same time; but a server that does not identify
-// versions is asked for everything at once.
+// Does the same, the pieces of a large range shared among the team; but a server that does not identify versions is
+// asked for everything at once.
 void FetchInPieces(const Settings& settings, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
-                   std::size_t getters, const TakeBytesAt& take);
+                   CTeam& team, const TakeBytesAt& take);
 
 }  // namespace Tansy::Cli
 

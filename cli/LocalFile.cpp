@@ -36,6 +36,10 @@ std::string FolderOf(const std::string& path) {
   return parent.empty() ? "." : Utf8Path(parent);
 }
 
+std::string PathIn(const std::string& folder, const std::string& name) {
+  return folder + (folder.ends_with('/') ? "" : "/") + name;
+}
+
 std::string FollowLink(const std::string& path) {
   std::error_code error;
   if (!std::filesystem::is_symlink(NativePath(path), error)) {
@@ -46,6 +50,11 @@ std::string FollowLink(const std::string& path) {
     throw FailureOfFile(path, error.default_error_condition().value());
   }
   return Utf8Path(real);
+}
+
+bool IsFolder(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::is_directory(NativePath(path), ignored);
 }
 
 bool IsSpecialFile(const std::string& path) {

@@ -27,9 +27,13 @@ std::string Utf8Path(const std::filesystem::path& path);
 
 // Gives the folder that holds `path`; it is "." for a mere name.
 std::string FolderOf(const std::string& path);
+// Gives the path of `name` in a folder.
+std::string PathIn(const std::string& folder, const std::string& name);
 // Gives the file behind a link at `path`, else `path`. Throws CFailure.
 std::string FollowLink(const std::string& path);
 
+// Says whether `path` leads to a folder.
+bool IsFolder(const std::string& path);
 // Says whether `path` leads to something that is neither a file nor a folder: a device, a pipe, a socket.
 bool IsSpecialFile(const std::string& path);
 

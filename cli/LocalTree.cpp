@@ -31,9 +31,9 @@ void Walk(HostSystem::IFolder& folder, const std::string& path, const std::strin
       } else {
         Walk(*below, path, name + "/", tree);
       }
-    } else if (!entry.is_file) {
+    } else if (!entry.is_file || IsOwnHiddenFile(entry.name)) {
       tree.skipped.push_back(name);
-    } else if (!IsOwnHiddenFile(entry.name)) {
+    } else {
       tree.files.push_back({name, entry.size});
     }
   }
@@ -58,6 +58,17 @@ LocalTree WalkFolder(HostSystem::IFolder& top, const std::string& path) {
             [](const LocalEntry& left, const LocalEntry& right) { return left.name < right.name; });
   std::sort(tree.skipped.begin(), tree.skipped.end());
   return tree;
+}
+
+bool IsSkipped(const LocalTree& tree, const std::string& name) {
+  for (std::size_t end = name.find('/');; end = name.find('/', end + 1)) {
+    if (std::binary_search(tree.skipped.begin(), tree.skipped.end(), name.substr(0, end))) {
+      return true;
+    }
+    if (end == std::string::npos) {
+      return false;
+    }
+  }
 }
 
 bool IsOwnHiddenFile(const std::string& name) {

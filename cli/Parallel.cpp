@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <exception>
 #include <mutex>
 #include <optional>
-#include <thread>
+#include <utility>
 
 #include "Output.h"
 
@@ -45,16 +46,18 @@ std::string WorkOn(const std::function<std::string(const std::string&)>& work, c
   }
 }
 
-// Prints each finished result once all results before it have been printed.
+// Prints each finished result once all results before it have been printed, and forgets it then: there may be millions.
 class CPrinter {
  public:
-  explicit CPrinter(std::size_t count) : results_(count) {}
-
   void Take(std::size_t index, Result result) {
     const std::lock_guard lock(mutex_);
-    results_[index] = std::move(result);
-    for (; printed_ < results_.size() && results_[printed_].done; ++printed_) {
-      Print(results_[printed_]);
+    results_.resize(std::max(results_.size(), index - printed_ + 1));
+    results_[index - printed_] = std::move(result);
+    while (!results_.empty() && results_.front().done) {
+      const Result next = std::move(results_.front());
+      results_.pop_front();
+      ++printed_;
+      Print(next);
     }
   }
 
@@ -78,8 +81,8 @@ class CPrinter {
     exit_code_ = exit_code_ == kExitDone ? failure.GetExitCode() : exit_code_;
   }
 
-  std::mutex mutex_;  // guards what follows
-  std::vector<Result> results_;
+  std::mutex mutex_;            // guards what follows
+  std::deque<Result> results_;  // from the first one that has not been printed
   std::size_t printed_ = 0;
   int exit_code_ = kExitDone;
 };
@@ -88,37 +91,19 @@ class CPrinter {
 }  // namespace details
 
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work) {
-  return ForEachNumber(things.size(), details::kWorkers,
-                       [&](std::size_t number) { return details::WorkOn(work, things[number]); });
+  CTeam team(details::kWorkers);
+  return ForEachNumber(things.size(), team, [&](std::size_t number) { return details::WorkOn(work, things[number]); });
 }
 
-int ForEachNumber(std::size_t count, std::size_t jobs, const std::function<std::string(std::size_t number)>& work) {
-  details::CPrinter printer(count);
+int ForEachNumber(std::size_t count, CTeam& team, const std::function<std::string(std::size_t number)>& work) {
+  details::CPrinter printer;
   std::atomic<std::size_t> next{0};
-  RunOnThreads(std::min(jobs, count), [&] {
-    for (std::size_t number = next++; number < count; number = next++) {
+  team.Together(count, [&](const std::atomic<bool>& stop) {
+    for (std::size_t number = next++; number < count && !stop; number = next++) {
       printer.Take(number, details::Try(work, number));
     }
   });
   return printer.ExitCode();
-}
-
-void RunOnThreads(std::size_t count, const std::function<void()>& work) {
-  std::vector<std::thread> threads;
-  threads.reserve(count);
-  try {
-    while (threads.size() < count) {
-      threads.emplace_back(work);
-    }
-  } catch (const std::exception&) {
-    // The threads that are there take all of the work.
-  }
-  if (threads.empty()) {
-    work();
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
 }
 
 void PrintFailure(const CFailure& failure) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Failure.h"
+#include "Team.h"
 
 namespace Tansy::Cli {
 
@@ -14,12 +15,9 @@ namespace Tansy::Cli {
 // about its thing, or throws CFailure. The texts are printed in the order of the things, each as soon as possible, and
 // failures are lines on standard error. Returns the exit code of the first failure in that order, or kExitDone.
 int ForEach(const std::vector<std::string>& things, const std::function<std::string(const std::string& thing)>& work);
-// Does the same for the numbers from 0 up to `count`, `jobs` at a time.
-int ForEachNumber(std::size_t count, std::size_t jobs, const std::function<std::string(std::size_t number)>& work);
-
-// Runs `work` on `count` threads at once and returns when all of them have ended. When the system gives fewer threads,
-// these do it; without any, the calling one does. `work` throws nothing.
-void RunOnThreads(std::size_t count, const std::function<void()>& work);
+// Does the same for the numbers from 0 up to `count`. Each member of the team works on one number at a time, and may
+// let the others help with it.
+int ForEachNumber(std::size_t count, CTeam& team, const std::function<std::string(std::size_t number)>& work);
 
 // Prints one line on standard error: what happened, to what, and what to try.
 void PrintFailure(const CFailure& failure);

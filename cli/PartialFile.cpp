@@ -73,7 +73,7 @@ CPartialFile::CPartialFile(const std::string& target) : target_(FollowLink(targe
   details::Partials& partials = details::AllPartials();
   const std::lock_guard lock(partials.mutex);
   if (partials.removed) {
-    throw CFailure(kExitInterrupted, "interrupted", "");
+    throw CFailure(kExitInterrupted, "", "");  // whoever ends the process says so
   }
   details::MakeEmpty(path_, target);
   partials.paths.insert(path_);
@@ -108,7 +108,7 @@ void CPartialFile::Commit() {
   {
     const std::lock_guard lock(partials.mutex);
     if (partials.removed) {
-      throw CFailure(kExitInterrupted, "interrupted", "");
+      throw CFailure(kExitInterrupted, "", "");  // whoever ends the process says so
     }
     std::error_code error;
     std::filesystem::rename(NativePath(path_), NativePath(target_), error);

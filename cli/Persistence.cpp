@@ -30,7 +30,7 @@ bool IsBusy(const LinkOutcome& outcome) {
 
 // Returns true when the server could not do it now. A full disk does not count, because asking again does not empty it.
 bool IsPassing(const LinkOutcome& outcome) {
-  return outcome.answer.status >= 500 && outcome.ErrorCode() != "NotEnoughSpace";
+  return outcome.answer.status >= 500 && !MeansFullServer(outcome.answer.status, outcome.ErrorCode());
 }
 
 }  // namespace
@@ -57,14 +57,21 @@ void CPersistence::Forget() {
   refusals_ = 0;
 }
 
-LinkOutcome TryPatiently(const CServerLink& link, const LinkRequest& request, EPatience patience,
-                         const std::atomic<bool>* stop) {
+LinkOutcome Persist(const std::function<LinkOutcome()>& attempt,
+                    const std::function<bool(const LinkOutcome& outcome)>& is_to_be_repeated,
+                    const std::atomic<bool>* stop) {
   CPersistence persistence(stop);
-  LinkOutcome outcome = link.Try(request);
-  while (!outcome.IsDone() && patience == EPatience::kMuch && persistence.GoesOn(outcome)) {
-    outcome = link.Try(request);
+  LinkOutcome outcome = attempt();
+  while (is_to_be_repeated(outcome) && persistence.GoesOn(outcome)) {
+    outcome = attempt();
   }
   return outcome;
+}
+
+LinkOutcome TryPatiently(const CServerLink& link, const LinkRequest& request, EPatience patience,
+                         const std::atomic<bool>* stop) {
+  return Persist([&] { return link.Try(request); },
+                 [&](const LinkOutcome& outcome) { return !outcome.IsDone() && patience == EPatience::kMuch; }, stop);
 }
 
 bool CPersistence::Pause() {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <optional>
 
 #include "ServerLink.h"
@@ -29,6 +30,12 @@ class CPersistence {
   std::chrono::milliseconds pause_{0};
   int refusals_ = 0;
 };
+
+// Calls `attempt`, and again while `is_to_be_repeated` says so of its outcome and another try may help. `stop` may be
+// null.
+LinkOutcome Persist(const std::function<LinkOutcome()>& attempt,
+                    const std::function<bool(const LinkOutcome& outcome)>& is_to_be_repeated,
+                    const std::atomic<bool>* stop);
 
 // Says whether a request is repeated. The first request of a command is not, because its address may be wrong; later
 // ones are.

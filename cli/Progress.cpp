@@ -1,6 +1,7 @@
 #include "Progress.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "HostSystem/Terminal.h"
 #include "Output.h"
@@ -82,34 +83,41 @@ CProgress::~CProgress() {
 
 std::size_t CProgress::Add(const std::string& name, std::uint64_t total) {
   const std::lock_guard lock(mutex_);
-  transfers_.push_back({name, 0, total, false});
+  if (!visible_) {
+    return 0;
+  }
+  first_name_ = transfers_.empty() ? name : first_name_;
+  transfers_.push_back({0, total});
+  sum_.total += total;
+  without_total_ += total == 0 ? 1 : 0;
   return transfers_.size() - 1;
 }
 
 void CProgress::Update(std::size_t number, std::uint64_t bytes) {
   const std::lock_guard lock(mutex_);
-  transfers_[number].bytes = bytes;
+  if (visible_) {
+    sum_.bytes += bytes - std::exchange(transfers_[number].bytes, bytes);
+  }
 }
 
 void CProgress::Finish(std::size_t number) {
   const std::lock_guard lock(mutex_);
-  transfers_[number].bytes = std::max(transfers_[number].bytes, transfers_[number].total);
-  transfers_[number].finished = true;
+  if (!visible_) {
+    return;
+  }
+  Transfer& transfer = transfers_[number];
+  const std::uint64_t bytes = std::max(transfer.bytes, transfer.total);
+  sum_.bytes += bytes - std::exchange(transfer.bytes, bytes);
+  without_total_ -= transfer.total == 0 ? 1 : 0;
+  ++sum_.done;
 }
 
 ProgressState CProgress::State() const {
-  ProgressState state;
+  ProgressState state = sum_;
   state.what = what_;
   state.files = transfers_.size();
-  state.name = transfers_.size() == 1 ? transfers_.front().name : "";
-  bool total_known = true;
-  for (const Transfer& transfer : transfers_) {
-    state.done += transfer.finished ? 1 : 0;
-    state.bytes += transfer.bytes;
-    state.total += transfer.total;
-    total_known = total_known && (transfer.total > 0 || transfer.finished);
-  }
-  state.total = total_known ? state.total : 0;
+  state.name = transfers_.size() == 1 ? first_name_ : "";
+  state.total = without_total_ == 0 ? state.total : 0;
   state.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin_).count();
   return state;
 }

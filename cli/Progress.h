@@ -44,10 +44,8 @@ class CProgress {
 
  private:
   struct Transfer {
-    std::string name;
     std::uint64_t bytes = 0;
     std::uint64_t total = 0;
-    bool finished = false;
   };
 
   void Draw();
@@ -60,7 +58,10 @@ class CProgress {
   mutable std::mutex mutex_;  // guards what follows
   std::condition_variable stopped_;
   bool stop_ = false;
-  std::vector<Transfer> transfers_;
+  std::vector<Transfer> transfers_;  // none when nobody sees them, because there may be millions
+  std::string first_name_;
+  ProgressState sum_;              // of all of them
+  std::size_t without_total_ = 0;  // those that are under way and have none
 
   std::thread thread_;
 };

@@ -1,6 +1,5 @@
 #include "S3Link.h"
 
-#include <cstdint>
 #include <utility>
 
 #include "Output.h"
@@ -13,8 +12,6 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{64} << 20;
-constexpr std::size_t kMaxErrorBytes = std::size_t{64} << 10;
 constexpr char kAdviceNoDoor[] = "start tansyd with --s3-port, or name the address with s3_url in the configuration";
 
 std::string TargetOf(const S3Request& request) {
@@ -52,7 +49,7 @@ TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request, const std
   outgoing.url = address_.Url() + details::TargetOf(request);
   outgoing.body = request.body.empty() ? nullptr : request.body.data();
   outgoing.body_size = request.body.size();
-  outgoing.max_body_bytes = details::kMaxAnswerBytes;
+  outgoing.max_body_bytes = kMaxAnswerBytes;
   outgoing.send_timeout_ms = request.patience_ms;
   outgoing.receive_timeout_ms = request.patience_ms;
   const S3Keys keys{access_key_, secret_key_, region};
@@ -86,69 +83,37 @@ bool CS3Link::LearnRegion(const LinkOutcome& outcome, const std::string& signed_
   return region != signed_for;  // another thread may have learnt it meanwhile
 }
 
-void CS3Link::SendWithRegion(LinkOutcome& outcome, const std::function<void(const std::string& region)>& send) const {
+LinkOutcome CS3Link::SendWithRegion(
+    const S3Request& request,
+    const std::function<LinkOutcome(const TansyNet::CHttpClientRequest& signed_one)>& send) const {
   const std::string region = Region();
-  send(region);
+  LinkOutcome outcome = send(Signed(request, region));
   if (LearnRegion(outcome, region)) {
-    send(Region());
+    outcome = send(Signed(request, Region()));
   }
+  if (outcome.IsAnswered()) {
+    is_reached_ = true;
+  }
+  return outcome;
 }
 
 LinkOutcome CS3Link::Try(const S3Request& request) const {
-  LinkOutcome outcome;
-  SendWithRegion(outcome, [&](const std::string& region) {
-    outcome = {};
-    TansyNet::HttpClient().Send(Signed(request, region), &outcome.answer, &outcome.error);
+  return SendWithRegion(request, [](const TansyNet::CHttpClientRequest& signed_one) {
+    LinkOutcome outcome;
+    TansyNet::HttpClient().Send(signed_one, &outcome.answer, &outcome.error);
+    return outcome;
   });
-  if (outcome.IsAnswered()) {
-    is_reached_ = true;
-  }
-  return outcome;
 }
 
 LinkOutcome CS3Link::TryPatiently(const S3Request& request, const std::atomic<bool>* stop) const {
-  CPersistence persistence(stop);
-  LinkOutcome outcome = Try(request);
-  while (!IsDone(outcome) && is_reached_ && persistence.GoesOn(outcome)) {
-    outcome = Try(request);
-  }
-  return outcome;
+  return Persist([&] { return Try(request); },
+                 [&](const LinkOutcome& outcome) { return !IsDone(outcome) && is_reached_; }, stop);
 }
 
-LinkOutcome CS3Link::Stream(const S3Request& request,
-                            const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
-                            const std::function<void(const char* data, std::size_t size)>& take) const {
-  LinkOutcome outcome;
-  bool begun = false;
-  const auto piece = [&](const TansyNet::CHttpClientResponse& answer, const char* data, unsigned int size,
-                         TansyNet::HttpClient::Error error, bool /*last*/) {
-    outcome.error = error;
-    const bool is_success = details::IsSuccess(answer.status);
-    if (answer.status != 0 && !begun) {
-      begun = true;
-      outcome.answer = answer;
-      if (is_success) {
-        head(answer);
-      }
-    }
-    if (size == 0) {
-      return;
-    }
-    if (is_success) {
-      take(data, size);
-    } else if (outcome.answer.body.size() < details::kMaxErrorBytes) {
-      outcome.answer.body.append(data, size);
-    }
-  };
-  SendWithRegion(outcome, [&](const std::string& region) {
-    outcome = {};
-    begun = false;
-    TansyNet::HttpClient().SendForBigRsp(Signed(request, region), piece);
+LinkOutcome CS3Link::Stream(const S3Request& request, const TakeHead& head, const TakeBytes& take) const {
+  return SendWithRegion(request, [&](const TansyNet::CHttpClientRequest& signed_one) {
+    return StreamAnswer(signed_one, details::IsSuccess, head, take);
   });
-  if (outcome.IsAnswered()) {
-    is_reached_ = true;
-  }
-  return outcome;
 }
 
 CFailure CS3Link::FailureOf(const LinkOutcome& outcome) const {

@@ -2,13 +2,13 @@
 #define TANSY_CLI_S3_LINK_H
 
 #include <atomic>
-#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
 
+#include "Exchange.h"
+#include "Failure.h"
 #include "S3Request.h"
-#include "ServerLink.h"
 #include "Settings.h"
 
 namespace Tansy::Cli {
@@ -28,11 +28,8 @@ class CS3Link {
   LinkOutcome Try(const S3Request& request) const;
   // Does it again while that may help; `stop` may be null and ends the wait for another try.
   LinkOutcome TryPatiently(const S3Request& request, const std::atomic<bool>* stop = nullptr) const;
-  // Does one exchange for a large body: `head` gets the head of a successful answer, `take` its body in pieces. An
-  // exception of either ends the exchange and reaches the caller. The body of any other answer is kept in the outcome.
-  LinkOutcome Stream(const S3Request& request,
-                     const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
-                     const std::function<void(const char* data, std::size_t size)>& take) const;
+  // Does one exchange for a large body, as StreamAnswer does; success is any status from 200 to 299.
+  LinkOutcome Stream(const S3Request& request, const TakeHead& head, const TakeBytes& take) const;
   // Explains an outcome that is no success.
   CFailure FailureOf(const LinkOutcome& outcome) const;
 
@@ -49,8 +46,10 @@ class CS3Link {
   // Returns true when the answer names another region than that which the request was signed for; it is used from now
   // on.
   bool LearnRegion(const LinkOutcome& outcome, const std::string& signed_for) const;
-  // Calls `send` with the region, and once more when the server names another one.
-  void SendWithRegion(LinkOutcome& outcome, const std::function<void(const std::string& region)>& send) const;
+  // Sends the request with the region, and once more when the server names another one.
+  LinkOutcome SendWithRegion(
+      const S3Request& request,
+      const std::function<LinkOutcome(const TansyNet::CHttpClientRequest& signed_one)>& send) const;
 
   const ServerAddress address_;
   const std::string access_key_;

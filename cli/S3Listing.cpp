@@ -1,8 +1,8 @@
 #include "S3Listing.h"
 
+#include <algorithm>
 #include <utility>
 
-#include "Failure.h"
 #include "Output.h"
 #include "S3Text.h"
 #include "TansyNet/S3Signing.h"
@@ -97,7 +97,17 @@ void ListObjects(const CS3Link& link, const S3Path& path, const std::string& del
 std::vector<RemoteObject> AllObjects(const CS3Link& link, const S3Path& path) {
   std::vector<RemoteObject> objects;
   ListObjects(link, path, "", {.object = [&](const RemoteObject& object) { objects.push_back(object); }});
+  // Whoever compares two lists relies on the order, so a server that has another one must not matter.
+  const auto is_before = [](const RemoteObject& left, const RemoteObject& right) { return left.key < right.key; };
+  if (!std::is_sorted(objects.begin(), objects.end(), is_before)) {
+    std::sort(objects.begin(), objects.end(), is_before);
+  }
   return objects;
+}
+
+CFailure NothingBelow(const S3Path& folder) {
+  return {kExitNotFound, Printable(folder.Url()) + ": there is nothing below it",
+          "'tansy ls " + Printable(folder.bucket) + "' lists what there is"};
 }
 
 std::vector<RemoteBucket> ListS3Buckets(const CS3Link& link) {

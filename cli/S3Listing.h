@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Failure.h"
 #include "S3Link.h"
 #include "S3Path.h"
 
@@ -33,8 +34,11 @@ struct ListHandlers {
 // delimiter. Throws CFailure; what the handlers throw ends the listing and reaches the caller.
 void ListObjects(const CS3Link& link, const S3Path& path, const std::string& delimiter, const ListHandlers& handlers);
 
-// Gives all of them. Throws CFailure.
+// Gives all of them, in the order of the bytes of their keys. Throws CFailure.
 std::vector<RemoteObject> AllObjects(const CS3Link& link, const S3Path& path);
+
+// The failure of a command for a whole folder, in which there is nothing.
+CFailure NothingBelow(const S3Path& folder);
 
 std::vector<RemoteBucket> ListS3Buckets(const CS3Link& link);
 

@@ -1,6 +1,7 @@
 #include "S3Parts.h"
 
-#include "Failure.h"
+#include <functional>
+
 #include "S3Text.h"
 #include "TansyNet/S3Signing.h"
 #include "TansyProto/XmlProto.h"
@@ -39,40 +40,56 @@ void CS3Parts::Begin() {
   }
 }
 
-bool CS3Parts::Find(std::map<std::size_t, S3Part>& parts) {
+bool CS3Parts::Find(const std::function<bool(const std::map<std::size_t, S3Part>& parts)>& fit) {
+  id_.clear();
+  for (const std::string& id : UnfinishedUploads()) {
+    const std::map<std::size_t, S3Part> parts = ListParts(id);
+    if (!parts.empty() && fit(parts)) {
+      id_ = id;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Gives their ids, the newest first.
+std::vector<std::string> CS3Parts::UnfinishedUploads() const {
   const LinkOutcome outcome = link_.TryPatiently(
       {.path = {path_.bucket, ""}, .query = {{"uploads", ""}, {"prefix", path_.key}, {"encoding-type", "url"}}});
   if (!IsDone(outcome)) {
     throw link_.FailureOf(outcome);
   }
   const TansyProto::CXmlProto xml = details::XmlOf(link_, outcome.answer.body, "ListMultipartUploadsResult");
-  std::string newest;
+  std::multimap<std::string, std::string, std::greater<>> by_time;
   for (std::size_t i = 1;; ++i) {
     const std::string upload = "/ListMultipartUploadsResult/Upload[" + std::to_string(i) + "]";
     if (!xml.Has(upload)) {
       break;
     }
-    const std::string begun = xml.GetString(upload + "/Initiated");
-    if (TansyNet::S3Signing::PercentDecode(xml.GetString(upload + "/Key")) == path_.key && begun >= newest) {
-      newest = begun;
-      id_ = xml.GetString(upload + "/UploadId");
+    if (TansyNet::S3Signing::PercentDecode(xml.GetString(upload + "/Key")) == path_.key) {
+      by_time.emplace(xml.GetString(upload + "/Initiated"), xml.GetString(upload + "/UploadId"));
     }
   }
-  if (id_.empty()) {
-    return false;
+  std::vector<std::string> ids;
+  for (const auto& [time, id] : by_time) {
+    ids.push_back(id);
   }
-  ListParts(parts);
-  return true;
+  return ids;
 }
 
-void CS3Parts::ListParts(std::map<std::size_t, S3Part>& parts) const {
+// An upload that has ended meanwhile has no parts.
+std::map<std::size_t, S3Part> CS3Parts::ListParts(const std::string& id) const {
+  std::map<std::size_t, S3Part> parts;
   std::size_t last = 0;
   for (bool more = true; more;) {
-    S3Request request{.path = path_, .query = {{"uploadId", id_}}};
+    S3Request request{.path = path_, .query = {{"uploadId", id}}};
     if (last > 0) {
       request.query.emplace_back("part-number-marker", std::to_string(last));
     }
     const LinkOutcome outcome = link_.TryPatiently(request);
+    if (outcome.IsAnswered() && outcome.answer.status == 404) {
+      return {};
+    }
     if (!IsDone(outcome)) {
       throw link_.FailureOf(outcome);
     }
@@ -89,6 +106,19 @@ void CS3Parts::ListParts(std::map<std::size_t, S3Part>& parts) const {
     }
     more = xml.GetString("/ListPartsResult/IsTruncated") == "true" && last > before;
   }
+  return parts;
+}
+
+// Some servers announce success before they know it, and tell of a failure in the answer's body.
+void CS3Parts::Check(const LinkOutcome& outcome) const {
+  if (IsDone(outcome) && outcome.ErrorCode().empty()) {
+    return;
+  }
+  const int status = outcome.answer.status;
+  if (outcome.IsAnswered() && (status == 400 || status == 404 || status == 412)) {
+    throw CRefusedUpload(link_.FailureOf(outcome));
+  }
+  throw link_.FailureOf(outcome);
 }
 
 std::string CS3Parts::Send(std::size_t number, const std::string& bytes, const std::atomic<bool>& stop) const {
@@ -97,13 +127,10 @@ std::string CS3Parts::Send(std::size_t number, const std::string& bytes, const s
                                                   .query = {{"partNumber", std::to_string(number)}, {"uploadId", id_}},
                                                   .body = bytes},
                                                  &stop);
-  if (!IsDone(outcome)) {
-    throw link_.FailureOf(outcome);
-  }
+  Check(outcome);
   return WithoutQuotes(outcome.answer.GetHeader("ETag"));
 }
 
-// Some servers announce success before they know it, and tell of a failure in the answer's body.
 void CS3Parts::Complete(const std::vector<std::string>& tags) const {
   std::string body = "<CompleteMultipartUpload>";
   for (std::size_t i = 0; i < tags.size(); ++i) {
@@ -115,9 +142,7 @@ void CS3Parts::Complete(const std::vector<std::string>& tags) const {
                                                   .query = {{"uploadId", id_}},
                                                   .body = body,
                                                   .patience_ms = details::kCompletionPatienceMs});
-  if (!IsDone(outcome) || !outcome.ErrorCode().empty()) {
-    throw link_.FailureOf(outcome);
-  }
+  Check(outcome);
   details::XmlOf(link_, outcome.answer.body, "CompleteMultipartUploadResult");
 }
 

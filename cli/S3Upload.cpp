@@ -9,7 +9,6 @@
 
 #include "Digest.h"
 #include "Failure.h"
-#include "Parallel.h"
 #include "S3Parts.h"
 #include "SteadyFile.h"
 #include "TansyNet/S3Signing.h"
@@ -39,24 +38,28 @@ std::string Md5Tag(const std::string& bytes) {
 // Sends a file in parts, several at a time.
 class CPartSender {
  public:
-  CPartSender(const CS3Link& link, const S3UploadJob& job, const CSteadyFile& file, const Progress& progress)
+  CPartSender(const CS3Link& link, const S3UploadJob& job, CTeam& team, const CSteadyFile& file,
+              const Progress& progress)
       : job_(job),
+        team_(team),
         file_(file),
         progress_(progress),
         upload_(link, job.path),
         tags_(static_cast<std::size_t>((file.Size() + kS3PartBytes - 1) / kS3PartBytes)) {}
 
   void Run() {
-    if (!job_.resume || !upload_.Find(there_)) {
-      upload_.Begin();
-    }
-    RunOnThreads(std::min(job_.senders, tags_.size()), [this] { SendParts(); });
-    try {
-      if (failure_ != nullptr) {
-        std::rethrow_exception(failure_);
+    if (job_.resume && upload_.Find([this](const auto& parts) { return TakeOver(parts); })) {
+      try {
+        SendRest();
+        return;
+      } catch (const CRefusedUpload&) {
+        // Whoever began it began it in another way. It is left to them, and another one is begun.
+        tags_.assign(tags_.size(), "");
       }
-      file_.CheckUnchanged();
-      upload_.Complete(tags_);
+    }
+    upload_.Begin();
+    try {
+      SendRest();
     } catch (const std::exception&) {
       if (!job_.resume) {
         upload_.Abort();
@@ -66,57 +69,69 @@ class CPartSender {
   }
 
  private:
-  // Sends until no part is left or one of the senders has failed.
-  void SendParts() {
-    try {
-      for (std::size_t index = next_++; index < tags_.size() && !stop_; index = next_++) {
-        SendPart(index);
+  // Takes the tags of parts that the server has. An upload that has other bytes than the file, or more parts, may be
+  // that of somebody else, who is just sending it.
+  bool TakeOver(const std::map<std::size_t, S3Part>& parts) {
+    std::vector<std::string> tags(tags_.size());
+    for (const auto& [number, part] : parts) {
+      if (number < 1 || number > tags.size()) {
+        return false;
       }
-    } catch (...) {
+      const std::string bytes = ReadPart(number - 1);
+      if (part.size != bytes.size() || part.tag != Md5Tag(bytes)) {
+        return false;
+      }
+      tags[number - 1] = part.tag;
+    }
+    tags_ = tags;
+    return true;
+  }
+
+  // Sends the parts that have no tag yet, and completes the upload.
+  void SendRest() {
+    next_ = 0;
+    done_ = 0;
+    team_.Together(tags_.size(), [this](const std::atomic<bool>& stop) { SendParts(stop); });
+    file_.CheckUnchanged();
+    upload_.Complete(tags_);
+  }
+
+  // Sends until no part is left or somebody has failed.
+  void SendParts(const std::atomic<bool>& stop) {
+    for (std::size_t index = next_++; index < tags_.size() && !stop; index = next_++) {
+      if (tags_[index].empty()) {
+        tags_[index] = upload_.Send(index + 1, ReadPart(index), stop);
+      }
       const std::lock_guard lock(mutex_);
-      failure_ = failure_ != nullptr ? failure_ : std::current_exception();
-      stop_ = true;
+      progress_(done_ += SizeOf(index));
     }
   }
 
-  void SendPart(std::size_t index) {
-    const std::uint64_t offset = index * kS3PartBytes;
-    const std::string bytes = file_.Read(offset, std::min(kS3PartBytes, file_.Size() - offset));
-    tags_[index] = IsThere(index, bytes) ? there_.at(index + 1).tag : upload_.Send(index + 1, bytes, stop_);
-    const std::lock_guard lock(mutex_);
-    progress_(done_ += bytes.size());
-  }
-
-  bool IsThere(std::size_t index, const std::string& bytes) const {
-    const auto part = there_.find(index + 1);
-    return part != there_.end() && part->second.size == bytes.size() && part->second.tag == Md5Tag(bytes);
-  }
+  std::uint64_t SizeOf(std::size_t index) const { return std::min(kS3PartBytes, file_.Size() - index * kS3PartBytes); }
+  std::string ReadPart(std::size_t index) const { return file_.Read(index * kS3PartBytes, SizeOf(index)); }
 
   const S3UploadJob& job_;
+  CTeam& team_;
   const CSteadyFile& file_;
   const Progress& progress_;
   CS3Parts upload_;
-  std::map<std::size_t, S3Part> there_;  // parts that the server had before, by their numbers from 1
-  std::vector<std::string> tags_;        // each is written by the thread that sends the part
+  std::vector<std::string> tags_;  // "": not sent yet; each is written by the thread that sends the part
   std::atomic<std::size_t> next_{0};
-  std::atomic<bool> stop_{false};
-
-  std::mutex mutex_;  // guards what follows while the senders run
+  std::mutex mutex_;  // guards what follows while parts are sent, and calls of progress_
   std::uint64_t done_ = 0;
-  std::exception_ptr failure_;
 };
 
 }  // namespace
 }  // namespace details
 
-std::uint64_t UploadToS3(const CS3Link& link, const S3UploadJob& job,
+std::uint64_t UploadToS3(const CS3Link& link, const S3UploadJob& job, CTeam& team,
                          const std::function<void(std::uint64_t bytes)>& progress) {
   const CSteadyFile file(job.file);
   if (file.Size() <= kS3PartBytes) {
     details::SendWhole(link, job.path, file);
     progress(file.Size());
   } else {
-    details::CPartSender(link, job, file, progress).Run();
+    details::CPartSender(link, job, team, file, progress).Run();
   }
   return file.Size();
 }

@@ -4,16 +4,17 @@
 
 #include "Output.h"
 #include "Signer.h"
-#include "TansyProto/XmlProto.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
 
-constexpr std::uint64_t kMaxAnswerBytes = std::uint64_t{64} << 20;
-constexpr std::size_t kMaxErrorBytes = std::size_t{64} << 10;
 // Smaller numbers of a failed TLS handshake say what is wrong with the certificate.
 constexpr int kFirstTlsReason = 100;
+
+bool IsSuccess(int status) {
+  return status == 200;
+}
 
 struct ErrorRow {
   const char* code;
@@ -30,7 +31,6 @@ constexpr ErrorRow kErrors[] = {
     {"NoSuchBucket", kExitNotFound, "there is no such bucket",
      "'tansy buckets' lists those there are, 'tansy mb BUCKET' makes one"},
     {"NoSuchKey", kExitNotFound, "there is no such object", "check the URL; 'tansy put' printed it"},
-    {"NotEnoughSpace", kExitNoSpace, "the server has no space left", "remove objects with 'tansy rm --bytes'"},
     {"BucketAlreadyExists", kExitFailed, "the bucket exists already", ""},
     {"KeyTooLong", kExitUsage, "the name is longer than 128 bytes", "choose a shorter one with --name"},
     {"InvalidBucketName", kExitUsage, "this cannot be the name of a bucket", ""},
@@ -62,7 +62,7 @@ TansyNet::CHttpClientRequest CServerLink::Signed(const LinkRequest& request) con
   outgoing.content_type = request.content_type;
   outgoing.body = request.body.empty() ? nullptr : request.body.data();
   outgoing.body_size = request.body.size();
-  outgoing.max_body_bytes = details::kMaxAnswerBytes;
+  outgoing.max_body_bytes = kMaxAnswerBytes;
   outgoing.send_timeout_ms = request.patience_ms;
   outgoing.receive_timeout_ms = request.patience_ms;
   const std::string date = HttpDate();
@@ -82,32 +82,8 @@ LinkOutcome CServerLink::Try(const LinkRequest& request) const {
   return outcome;
 }
 
-LinkOutcome CServerLink::Stream(const LinkRequest& request,
-                                const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
-                                const std::function<void(const char* data, std::size_t size)>& take) const {
-  LinkOutcome outcome;
-  bool begun = false;
-  const auto piece = [&](const TansyNet::CHttpClientResponse& answer, const char* data, unsigned int size,
-                         TansyNet::HttpClient::Error error, bool /*last*/) {
-    outcome.error = error;
-    if (answer.status != 0 && !begun) {
-      begun = true;
-      outcome.answer = answer;
-      if (answer.status == 200) {
-        head(answer);
-      }
-    }
-    if (size == 0) {
-      return;
-    }
-    if (answer.status == 200) {
-      take(data, size);
-    } else if (outcome.answer.body.size() < details::kMaxErrorBytes) {
-      outcome.answer.body.append(data, size);
-    }
-  };
-  TansyNet::HttpClient().SendForBigRsp(Signed(request), piece);
-  return outcome;
+LinkOutcome CServerLink::Stream(const LinkRequest& request, const TakeHead& head, const TakeBytes& take) const {
+  return StreamAnswer(Signed(request), details::IsSuccess, head, take);
 }
 
 CFailure CServerLink::FailureOf(const LinkOutcome& outcome) const {
@@ -131,12 +107,11 @@ TansyNet::CHttpClientResponse CServerLink::Request(const LinkRequest& request, c
   return std::move(outcome.answer);
 }
 
-std::string LinkOutcome::ErrorCode() const {
-  TansyProto::CXmlProto xml;
-  return xml.Parse(answer.body) ? xml.GetString("/Error/Code") : "";
-}
-
 CFailure FailureOfAnswer(int status, const std::string& code, const std::string& server) {
+  if (MeansFullServer(status, code)) {
+    return {kExitNoSpace, "the server has no space left (" + server + ": NotEnoughSpace)",
+            "remove objects with 'tansy rm --bytes'"};
+  }
   for (const details::ErrorRow& row : details::kErrors) {
     if (code == row.code) {
       return {row.exit_code, std::string(row.what) + " (" + server + ": " + code + ")", row.advice};

@@ -1,12 +1,11 @@
 #ifndef TANSY_CLI_SERVER_LINK_H
 #define TANSY_CLI_SERVER_LINK_H
 
-#include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 
+#include "Exchange.h"
 #include "Failure.h"
 #include "Settings.h"
 #include "TansyNet/HttpClient.h"
@@ -23,17 +22,6 @@ struct LinkRequest {
   std::uint32_t patience_ms = 15000;  // longest time without progress, and until the answer begins
 };
 
-// The result of a request.
-struct LinkOutcome {
-  TansyNet::CHttpClientResponse answer;
-  TansyNet::HttpClient::Error error;  // {0, 0} when a whole answer came
-
-  bool IsAnswered() const { return error.kind == TansyNet::HttpClient::kNone; }
-  bool IsDone() const { return IsAnswered() && answer.status == 200; }
-  // Gives the server's name for the error, for example "NoSuchKey"; it is empty when there is none.
-  std::string ErrorCode() const;
-};
-
 // Sends plain signed requests to one server, whose address comes from the user or from the server of the settings.
 // Threads: any.
 class CServerLink {
@@ -44,11 +32,8 @@ class CServerLink {
 
   // Does one exchange, whatever its result is.
   LinkOutcome Try(const LinkRequest& request) const;
-  // Does the same for a large body: `head` gets the head of an answer with status 200, `take` its body in pieces. An
-  // exception of either ends the exchange and reaches the caller. The body of any other answer is kept in the outcome.
-  LinkOutcome Stream(const LinkRequest& request,
-                     const std::function<void(const TansyNet::CHttpClientResponse& head)>& head,
-                     const std::function<void(const char* data, std::size_t size)>& take) const;
+  // Does the same for a large body, as StreamAnswer does; success is status 200.
+  LinkOutcome Stream(const LinkRequest& request, const TakeHead& head, const TakeBytes& take) const;
   // Explains an outcome that is no success.
   CFailure FailureOf(const LinkOutcome& outcome) const;
 

@@ -7,6 +7,7 @@
 
 #include "Failure.h"
 #include "LocalFile.h"
+#include "LocalTree.h"
 #include "Output.h"
 
 namespace Tansy::Cli {
@@ -51,6 +52,7 @@ std::string LocalNameOf(const std::string& relative) {
     is_plain = details::IsPlainPart(relative.substr(begin, end - begin));
     begin = end + 1;
   }
+  is_plain = is_plain && !IsOwnHiddenFile(relative.substr(relative.rfind('/') + 1));
   if (!is_plain) {
     throw CFailure(kExitFailed, "\"" + Printable(relative) + "\" cannot be the name of a local file",
                    "get it by itself, under another name: tansy cp s3://BUCKET/KEY FILE");
@@ -76,10 +78,6 @@ int CTargetFolder::MakeFoldersFor(const std::string& name) {
     }
   }
   return 0;
-}
-
-void CTargetFolder::MakeFolder(const std::string& name) {
-  OpenFolder(name);
 }
 
 std::unique_ptr<HostSystem::IFolder> CTargetFolder::OpenFolder(const std::string& name) {
@@ -117,7 +115,7 @@ void CTargetFolder::RemoveFile(const std::string& name) {
 }
 
 std::string CTargetFolder::PathOf(const std::string& name) const {
-  return path_ + (path_.ends_with('/') ? "" : "/") + name;
+  return PathIn(path_, name);
 }
 
 }  // namespace Tansy::Cli

@@ -10,7 +10,7 @@ namespace Tansy::Cli {
 
 // Gives the local name, below a target folder, of an object whose key has `relative` behind the prefix that was asked
 // for. Keys come from the server, so whatever could lead out of the folder is refused: throws CFailure for empty names
-// between slashes, ".", "..", control characters and backslashes.
+// between slashes, ".", "..", control characters and backslashes, and for the names of this program's hidden files.
 std::string LocalNameOf(const std::string& relative);
 
 // A folder that objects are downloaded into. Nothing is ever written outside of it: names are looked up below it
@@ -20,8 +20,6 @@ class CTargetFolder {
   // Makes the folder, and those above it, when it is not there. Throws CFailure.
   explicit CTargetFolder(const std::string& path);
 
-  // Makes a folder below this one, and those on the way. Throws CFailure.
-  void MakeFolder(const std::string& name);
   // Opens a folder below this one, made when it is missing; "" is this folder itself. Throws CFailure.
   std::unique_ptr<HostSystem::IFolder> OpenFolder(const std::string& name);
   // Removes a file, and the folders above it that become empty. Throws CFailure.

@@ -20,12 +20,19 @@ void MaskBehind(const std::string& before, std::string& text) {
   }
 }
 
+// The object protocol's value is "quorvane <access key>:<signature>"; that of the S3 door is a list, in which the
+// signature has a name. Of any other nothing is shown.
+std::string MaskAuthorization(const std::string& value) {
+  if (value.find("Signature=") != std::string::npos) {
+    return MaskSecrets(value);
+  }
+  return value.substr(0, value.rfind(':') + 1) + kMask;
+}
+
 std::string HeaderLines(const TansyNet::Headers& headers, const char* mark) {
   std::string lines;
   for (const auto& [name, value] : headers) {
-    // The value is "quorvane <access key>:<signature>".
-    const std::string shown =
-        name == "Authorization" ? value.substr(0, value.rfind(':') + 1) + kMask : MaskSecrets(value);
+    const std::string shown = name == "Authorization" ? MaskAuthorization(value) : MaskSecrets(value);
     lines += std::string("\n") + mark + " " + Printable(name) + ": " + Printable(shown);
   }
   return lines;

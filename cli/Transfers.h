@@ -3,7 +3,9 @@
 #define TANSY_CLI_TRANSFERS_H
 
 #include <cstddef>
-#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,7 @@
 #include "S3Path.h"
 #include "Settings.h"
 #include "TargetFolder.h"
+#include "Team.h"
 
 namespace Tansy::Cli {
 
@@ -25,9 +28,10 @@ struct Transfer {
   S3Path remote;             // the object; of a copy the one that is made
   S3Path source = {};        // of a copy
   std::string file = {};     // path of the local file to put, or the name below the target folder to get or remove
-  RemoteObject object = {};  // the object as it was listed: to get, and to compare with
+  RemoteObject object = {};  // size and tag as they were listed: to get, and to compare with; no tag: not known yet
   // The object and the file have one size; they are carried only when their bytes differ.
   bool only_when_different = false;
+  std::shared_ptr<const CFailure> failure = nullptr;  // why it cannot be done, as far as that is known before
 };
 
 struct TransferSettings {
@@ -39,8 +43,9 @@ struct TransferSettings {
 // Does what is in a list, several at a time, and prints a line about each thing done, in the order of the list.
 class CTransfers {
  public:
-  // `target` is where files go that are fetched or removed; null when there are none.
-  CTransfers(const Globals& globals, const CS3Link& link, const TransferSettings& settings, CTargetFolder* target,
+  // `target` is the folder that files go into that are fetched, or are removed from; it is made when the first one
+  // comes. It is empty when there are none.
+  CTransfers(const Globals& globals, const CS3Link& link, const TransferSettings& settings, std::string target,
              const char* what);
 
   // Goes on when one fails. Removals come last, and only when all else was done: what could not be carried may be the
@@ -55,16 +60,20 @@ class CTransfers {
   void Get(const Transfer& transfer);
   void Copy(const Transfer& transfer) const;
   void RemoveObject(const Transfer& transfer) const;
+  RemoteObject Find(const S3Path& path) const;
   bool IsDifferent(const Transfer& transfer) const;
   std::string Report(const Transfer& transfer) const;
   std::string LocalPath(const Transfer& transfer) const;
+  CTargetFolder& Target();
 
   const Globals& globals_;
   const CS3Link& link_;
   const TransferSettings settings_;
-  CTargetFolder* const target_;
+  const std::string target_path_;
+  CTeam team_;
   CProgress progress_;
-  std::size_t parts_at_once_ = 1;  // of one file
+  std::mutex mutex_;                     // guards the next member while it is made
+  std::optional<CTargetFolder> target_;  // what Target() gives
 };
 
 // Prints what a walk left out, and its failures. Returns the exit code of the first failure, or kExitDone.

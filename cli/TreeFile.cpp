@@ -27,17 +27,22 @@ Files& AllFiles() {
   return *files;
 }
 
-// A device or pipe must not become a file, because others rely on what it is. A link to one may be replaced.
+// A device, pipe or link must not become a file, because somebody has put it there for what it is.
 void RefuseSpecialFile(const std::string& path) {
   std::error_code ignored;
-  if (std::filesystem::is_other(std::filesystem::symlink_status(NativePath(path), ignored))) {
+  const std::filesystem::file_status status = std::filesystem::symlink_status(NativePath(path), ignored);
+  if (std::filesystem::is_symlink(status)) {
+    throw CFailure(kExitFailed, Printable(path) + ": a link is in the way", "links are not followed; remove it");
+  }
+  if (std::filesystem::is_other(status)) {
     throw CFailure(kExitFailed, Printable(path) + ": a device or pipe is in the way of a file of the same name",
                    "choose another name");
   }
 }
 
+// The line that says so is printed by whoever ends the process.
 CFailure Interrupted() {
-  return {kExitInterrupted, "interrupted", ""};
+  return {kExitInterrupted, "", ""};
 }
 
 }  // namespace
@@ -80,22 +85,25 @@ void CTreeFile::Commit() {
   if (error != 0) {
     throw FailureOfFile(path_, error);
   }
-  details::Files& files = details::AllFiles();
-  const std::lock_guard lock(files.mutex);
-  if (files.removed) {
-    throw details::Interrupted();
+  {
+    details::Files& files = details::AllFiles();
+    const std::lock_guard lock(files.mutex);
+    if (files.removed) {
+      throw details::Interrupted();
+    }
+    details::RefuseSpecialFile(path_);  // it may have come meanwhile
+    file_.reset();                      // some systems refuse to rename an open file
+    error = folder_->Rename(hidden_name_, name_);
+    if (error == EISDIR || error == EEXIST || error == ENOTEMPTY) {
+      throw CFailure(kExitFailed, Printable(path_) + ": a folder is in the way of a file of the same name",
+                     "choose another folder");
+    }
+    if (error != 0) {
+      throw FailureOfFile(path_, error);
+    }
+    files.open.erase(this);
   }
-  details::RefuseSpecialFile(path_);  // it may have come meanwhile
-  file_.reset();                      // some systems refuse to rename an open file
-  error = folder_->Rename(hidden_name_, name_);
-  if (error == EISDIR || error == EEXIST || error == ENOTEMPTY) {
-    throw CFailure(kExitFailed, Printable(path_) + ": a folder is in the way of a file of the same name",
-                   "choose another folder");
-  }
-  if (error != 0) {
-    throw FailureOfFile(path_, error);
-  }
-  files.open.erase(this);
+  folder_->Sync();  // the file is complete under its name even when this fails
 }
 
 void CTreeFile::RemoveAll() {

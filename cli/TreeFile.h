@@ -24,8 +24,8 @@ class CTreeFile {
 
   // Throws CFailure.
   void WriteAt(const char* data, std::size_t size, std::uint64_t offset);
-  // Waits until the bytes are on stable storage and gives the file its name; what had that name is replaced, but
-  // for a device or pipe, which is a failure, and a folder. Throws CFailure.
+  // Waits until the bytes are on stable storage, gives the file its name and waits for that too. A file that had that
+  // name is replaced; anything else there is a failure. Throws CFailure.
   void Commit();
 
   // Removes all files that are being written. It is for the end of the process, and any thread may call it. No file is

@@ -1,7 +1,6 @@
 #include "Upload.h"
 
 #include <atomic>
-#include <exception>
 #include <mutex>
 #include <string_view>
 #include <utility>
@@ -12,7 +11,6 @@
 #include "Download.h"
 #include "Failure.h"
 #include "ObjectVersion.h"
-#include "Parallel.h"
 #include "Persistence.h"
 #include "PieceReader.h"
 #include "ServerLink.h"
@@ -54,12 +52,13 @@ CFailure SizeFailure(const ObjectUrl& url, std::uint64_t there, std::uint64_t se
 class CAttempt {
  public:
   CAttempt(const Settings& settings, const ServerAddress& node, const UploadJob& job, const UploadListener& listener,
-           CPieceReader& reader)
+           CTeam& team, CPieceReader& reader)
       : settings_(settings),
         server_(settings),
         node_(settings, node),
         job_(job),
         listener_(listener),
+        team_(team),
         reader_(reader) {}
 
   void Run() {
@@ -75,11 +74,11 @@ class CAttempt {
  private:
   // Storing the same bytes under the same name twice leaves one object, so this request may be repeated.
   void SendWhole(const std::vector<char>& content) {
-    const LinkOutcome outcome = Persist({.method = "PUT",
-                                         .resource = job_.url.Path(),
-                                         .body = {content.data(), content.size()},
-                                         .content_type = kContentType,
-                                         .patience_ms = kDataPatienceMs});
+    const LinkOutcome outcome = TryPatiently(node_, {.method = "PUT",
+                                                     .resource = job_.url.Path(),
+                                                     .body = {content.data(), content.size()},
+                                                     .content_type = kContentType,
+                                                     .patience_ms = kDataPatienceMs});
     if (!outcome.IsDone()) {
       throw node_.FailureOf(outcome);
     }
@@ -93,10 +92,7 @@ class CAttempt {
     }
     OpenTask();
     next_ = std::move(first);
-    RunOnThreads(job_.senders, [this] { SendParts(); });
-    if (failure_ != nullptr) {
-      std::rethrow_exception(failure_);
-    }
+    team_.Together(team_.Size(), [this](const std::atomic<bool>& stop) { SendParts(stop); });
     Complete(before);
   }
 
@@ -116,26 +112,17 @@ class CAttempt {
     }
   }
 
-  // Sends until no part is left or one of the senders has failed.
-  void SendParts() {
-    try {
-      std::vector<char> part;
-      for (std::size_t number = 0; TakePart(part, number);) {
-        SendPart(part, number);
-        Advance(part.size());
-      }
-    } catch (...) {
-      const std::lock_guard lock(mutex_);
-      failure_ = failure_ != nullptr ? failure_ : std::current_exception();
-      stop_ = true;
+  // Sends until no part is left or somebody has failed.
+  void SendParts(const std::atomic<bool>& stop) {
+    std::vector<char> part;
+    for (std::size_t number = 0; !stop && TakePart(part, number);) {
+      SendPart(part, number, stop);
+      Advance(part.size());
     }
   }
 
   bool TakePart(std::vector<char>& part, std::size_t& number) {
     const std::lock_guard lock(mutex_);
-    if (stop_) {
-      return false;
-    }
     if (sizes_.empty()) {
       part = std::exchange(next_, {});
     } else if (!reader_.Next(part)) {
@@ -147,13 +134,15 @@ class CAttempt {
   }
 
   // A part that is sent again under its number replaces the first one.
-  void SendPart(const std::vector<char>& part, std::size_t number) {
-    const LinkOutcome outcome =
-        Persist({.method = "POST",
-                 .resource = job_.url.Path() + "?upload_id=" + upload_id_ + "&part_number=" + std::to_string(number),
-                 .body = {part.data(), part.size()},
-                 .content_type = kContentType,
-                 .patience_ms = kDataPatienceMs});
+  void SendPart(const std::vector<char>& part, std::size_t number, const std::atomic<bool>& stop) {
+    const LinkOutcome outcome = TryPatiently(
+        node_,
+        {.method = "POST",
+         .resource = job_.url.Path() + "?upload_id=" + upload_id_ + "&part_number=" + std::to_string(number),
+         .body = {part.data(), part.size()},
+         .content_type = kContentType,
+         .patience_ms = kDataPatienceMs},
+        EPatience::kMuch, &stop);
     if (outcome.IsDone()) {
       return;
     }
@@ -205,11 +194,6 @@ class CAttempt {
     return now && now->size == reader_.Size() && (!before || now->tag != before->tag);
   }
 
-  // Sends to the node, again while that may help and no other sender has failed.
-  LinkOutcome Persist(const LinkRequest& request) const {
-    return TryPatiently(node_, request, EPatience::kMuch, &stop_);
-  }
-
   void Advance(std::size_t size) {
     const std::lock_guard lock(mutex_);
     sent_ += size;
@@ -221,15 +205,14 @@ class CAttempt {
   const CServerLink node_;    // receives the bytes
   const UploadJob& job_;
   const UploadListener& listener_;
+  CTeam& team_;
   std::string upload_id_;
 
-  std::mutex mutex_;  // guards what follows while the senders run
+  std::mutex mutex_;  // guards what follows while parts are sent
   CPieceReader& reader_;
   std::vector<char> next_;  // the first part, which was read to find out whether there are more
   std::vector<std::size_t> sizes_;
   std::uint64_t sent_ = 0;
-  std::exception_ptr failure_;
-  std::atomic<bool> stop_{false};
 };
 
 // Compares the stored bytes with those that were sent, by their digests.
@@ -244,12 +227,13 @@ void Verify(const Settings& settings, const ObjectUrl& url, const ObjectVersion&
 }  // namespace
 }  // namespace details
 
-std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, const UploadListener& listener) {
+std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, CTeam& team,
+                     const UploadListener& listener) {
   const ServerAddress node = BestNodeAddress(settings, job.url.bucket, job.patience);
   for (bool again = false;; again = true) {
     CPieceReader reader(file, job.part_size, job.expected, job.verify);
     try {
-      details::CAttempt(settings, node, job, listener, reader).Run();
+      details::CAttempt(settings, node, job, listener, team, reader).Run();
     } catch (const details::CLostUpload& lost) {
       if (again || !job.expected || std::fseek(file, 0, SEEK_SET) != 0) {
         throw;

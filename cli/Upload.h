@@ -2,7 +2,6 @@
 #ifndef TANSY_CLI_UPLOAD_H
 #define TANSY_CLI_UPLOAD_H
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -12,6 +11,7 @@
 #include "ObjectUrl.h"
 #include "Persistence.h"
 #include "Settings.h"
+#include "Team.h"
 
 namespace Tansy::Cli {
 
@@ -27,7 +27,6 @@ struct UploadJob {
   bool may_replace = false;                 // the caller chose the name: an object may have it already
   std::optional<std::uint64_t> expected;    // the file's size; without it everything that can be read is sent
   std::uint64_t part_size = kLargestWhole;  // size of all parts but the last; nothing smaller is cut
-  std::size_t senders = 4;                  // number of parts sent at the same time
   bool verify = false;                      // read the object back and compare
   EPatience patience = EPatience::kNone;    // for the first request: kMuch when the server has answered before
 };
@@ -40,8 +39,9 @@ struct UploadListener {
 
 // Sends what `file` holds from its current position; a file with an `expected` size begins at its start. Returns the
 // object's size when the server has told it. Requests whose repetition does no harm are repeated when the connection
-// breaks or the server is started again. Throws CFailure.
-std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, const UploadListener& listener);
+// breaks or the server is started again. The parts of a large file are shared among the team. Throws CFailure.
+std::uint64_t Upload(const Settings& settings, std::FILE* file, const UploadJob& job, CTeam& team,
+                     const UploadListener& listener);
 
 }  // namespace Tansy::Cli
 

@@ -40,11 +40,11 @@ CommandSpec CopyCommand() {
       "copy files to the server, from it, or on it",
       "Copies files and objects. Names on the server begin with s3://. A target on the server that is a bucket or ends "
       "with a slash is a folder, and so is the target of several things. With -r the files in a folder are copied, "
-      "with "
-      "the folders in between as parts of their names; links and devices are left out. Large files go in parts of 8 "
-      "MiB, and come in ranges, several at a time. What has its right name is always whole: an object is replaced in "
+      "with the folders in between as parts of their names; links and devices are left out. Large files go in parts of "
+      "8 MiB, and come in ranges, several at a time. What has its right name is always whole: an object is replaced in "
       "one step, a local file is written under a hidden name first. A file that changes while it is read is not put. "
-      "With --resume an upload that was broken off is gone on with: what the server has of it is not sent again.",
+      "When one of several fails, the others are still copied. --resume goes on with an upload that was broken off: "
+      "what the server has of it is not sent again.",
       {{.name = "SOURCE",
         .help = "local files or s3://BUCKET/KEY; the last word is the target",
         .many = true,

@@ -23,7 +23,8 @@ CommandSpec EnvCommand() {
       "env",
       "print settings for other programs",
       "Prints what another program needs to use this server: address, keys and certificate. For aws, rclone and "
-      "restic these are lines for a shell, for s3cmd a file. They hold the secret key, so keep them to yourself; no "
+      "restic these are lines for a shell, for s3cmd a file. Restic keeps its backups in the bucket of --pool, without "
+      "one in the bucket restic. They hold the secret key, so keep them to yourself; no "
       "secret is on a command line this way.",
       {{.name = "CLIENT", .help = "which program", .choices = {"aws", "s3cmd", "rclone", "restic"}}},
       {},

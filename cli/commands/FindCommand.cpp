@@ -54,12 +54,12 @@ int RunFind(const CommandCall& call) {
                 }
                 const S3Path found{path.bucket, object.key};
                 PrintLine(call.globals.json ? CJsonLine()
-                                                  .Add("url", found.Url())
+                                                  .Add("url", found.Name())
                                                   .Add("size", object.size)
                                                   .Add("modified", object.modified)
                                                   .Add("etag", object.tag)
                                                   .Text()
-                                            : Printable(found.Url()));
+                                            : Printable(found.Name()));
               }});
   return kExitDone;
 }

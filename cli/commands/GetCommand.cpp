@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <vector>
 
 #include "Commands.h"
@@ -19,16 +18,10 @@
 #include "Settings.h"
 #include "TargetFolder.h"
 #include "TransferOptions.h"
-#include "TreeCopy.h"
 
 namespace Tansy::Cli {
 namespace details {
 namespace {
-
-bool IsFolder(const std::string& path) {
-  std::error_code ignored;
-  return std::filesystem::is_directory(NativePath(path), ignored);
-}
 
 // Gives the file into which an object goes: the file that was named, or a file with the object's own name in the folder
 // that was named, or here.
@@ -42,7 +35,7 @@ std::string TargetOf(const std::string& file, const ObjectUrl& url) {
   if (key == "." || key == ".." || key.find('\\') != std::string::npos || key != Printable(key)) {
     throw CFailure(kExitUsage, "\"" + Printable(key) + "\" is no name for a local file", "name one after the URL");
   }
-  return is_folder ? file + "/" + key : key;
+  return is_folder ? PathIn(file, key) : key;
 }
 
 // Holds what the words of a command line mean: URLs, and after them perhaps the place where the objects go.
@@ -86,7 +79,7 @@ class CGet {
 
   int Run() {
     CheckWords();
-    return ForEachNumber(words_.urls.size(), JobsOf(call_),
+    return ForEachNumber(words_.urls.size(), team_,
                          [this](std::size_t number) { return Get(ParseObjectUrl(words_.urls[number], settings_)); });
   }
 
@@ -149,20 +142,13 @@ class CGet {
     });
   }
 
-  // Several objects share the connections that a single one would have.
-  std::size_t PiecesAtOnce() const {
-    const std::size_t jobs = JobsOf(call_);
-    return words_.urls.size() > 1 ? std::max<std::size_t>(jobs / 2, 1) : jobs;
-  }
-
   void GetInPieces(CPartialFile& partial, const ObjectUrl& url, ByteRange range, const ObjectVersion& version,
                    std::size_t number) {
     std::atomic<std::uint64_t> bytes{0};
-    FetchInPieces(settings_, url, range, version, PiecesAtOnce(),
-                  [&](const char* data, std::size_t size, std::uint64_t offset) {
-                    partial.WriteAt(data, size, offset - range.begin);
-                    progress_.Update(number, bytes += size);
-                  });
+    FetchInPieces(settings_, url, range, version, team_, [&](const char* data, std::size_t size, std::uint64_t offset) {
+      partial.WriteAt(data, size, offset - range.begin);
+      progress_.Update(number, bytes += size);
+    });
   }
 
   void GetKept(const ObjectUrl& url, ByteRange range, const ObjectVersion& version, const std::string& target,
@@ -196,6 +182,7 @@ class CGet {
   const Words words_;
   const Settings settings_;
   const ByteRange asked_;
+  CTeam team_{JobsOf(call_)};
   CProgress progress_;
 };
 

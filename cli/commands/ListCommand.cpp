@@ -25,7 +25,7 @@ class CListPrinter {
     ++count_;
     if (call_.globals.json) {
       PrintLine(CJsonLine()
-                    .Add("url", S3Path{bucket_, object.key}.Url())
+                    .Add("url", S3Path{bucket_, object.key}.Name())
                     .Add("size", object.size)
                     .Add("modified", object.modified)
                     .Add("etag", object.tag)
@@ -38,7 +38,7 @@ class CListPrinter {
   void Folder(const std::string& prefix) {
     ++count_;
     if (call_.globals.json) {
-      PrintLine(CJsonLine().Add("url", S3Path{bucket_, prefix}.Url()).Add("folder", true).Text());
+      PrintLine(CJsonLine().Add("url", S3Path{bucket_, prefix}.Name()).Add("folder", true).Text());
     } else {
       Line("", "-", prefix);
     }
@@ -47,9 +47,9 @@ class CListPrinter {
   std::uint64_t Count() const { return count_; }
 
  private:
-  // Names are those below the folder that was asked for.
+  // Names are those below the folder that was asked for; an object that stands for this folder has none left.
   void Line(const std::string& time, const std::string& size, const std::string& key) const {
-    const std::string name = Printable(key.substr(cut_));
+    const std::string name = key.size() > cut_ ? Printable(key.substr(cut_)) : "./";
     const std::string columns = call_.Has("-l") ? Padded(time, 19, false) + "  " + Padded(size, 10, true) + "  " : "";
     PrintLine(columns + name);
   }

@@ -77,16 +77,18 @@ struct Words {
   std::string url;  // empty when none was given
 };
 
-// The second of two words is an object when it cannot be a local file: a whole address, or a path in a folder that is
-// not there.
+// Says whether a word names something on the server because it cannot be a local file: it is a whole address, or a path
+// in a folder that is not there.
+bool MeansServer(const std::string& word) {
+  std::error_code ignored;
+  return (word.starts_with("/") && !std::filesystem::exists(NativePath(FolderOf(word)), ignored)) ||
+         word.find("://") != std::string::npos;
+}
+
+// The second of two words may be the object.
 Words ReadWords(std::vector<std::string> words) {
-  if (words.size() == 2) {
-    const std::string& last = words.back();
-    std::error_code ignored;
-    const bool may_be_url = last.starts_with("/") && !std::filesystem::exists(NativePath(FolderOf(last)), ignored);
-    if (may_be_url || last.find("://") != std::string::npos) {
-      return {{words.front()}, last};
-    }
+  if (words.size() == 2 && MeansServer(words.back())) {
+    return {{words.front()}, words.back()};
   }
   return {std::move(words), ""};
 }
@@ -146,8 +148,7 @@ class CPut {
   }
 
   int Run() {
-    return ForEachNumber(words_.files.size(), JobsOf(call_),
-                         [this](std::size_t number) { return Put(words_.files[number]); });
+    return ForEachNumber(words_.files.size(), team_, [this](std::size_t number) { return Put(words_.files[number]); });
   }
 
  private:
@@ -180,9 +181,6 @@ class CPut {
     } else if (named_.key.empty()) {
       job.url.key = TansyBase::GuidUtil::CreateGuid() + (file == "-" ? ".pfile" : Extension(file));
     }
-    // Several files share the connections that a single file would have.
-    const std::size_t jobs = JobsOf(call_);
-    job.senders = words_.files.size() > 1 ? std::max<std::size_t>(jobs / 2, 1) : jobs;
     job.verify = call_.Has("--verify");
     job.patience = is_reached_ ? EPatience::kMuch : EPatience::kNone;
     return job;
@@ -211,7 +209,7 @@ class CPut {
                                       PrintNote(line);
                                     }
                                   }};
-    const std::uint64_t size = Upload(settings_, input, job, listener);
+    const std::uint64_t size = Upload(settings_, input, job, team_, listener);
     progress_.Finish(number);
     is_reached_ = true;
     return size;
@@ -221,6 +219,7 @@ class CPut {
   const Words words_;
   const Settings settings_;
   ObjectUrl named_;  // with an empty key, each object gets a name of its own
+  CTeam team_{JobsOf(call_)};
   CProgress progress_;
   std::atomic<bool> is_reached_{false};  // the server has answered, so its address is right
 };
@@ -228,6 +227,11 @@ class CPut {
 // Says whether the files go through the S3 door: their names may then hold slashes.
 bool IsForS3Door(const CommandCall& call) {
   return call.Has("-r") || call.Has("--resume") || IsS3Url(call.Arguments("FILE").back());
+}
+
+S3Path TargetAtDoor(const std::string& word, const Settings& settings) {
+  const bool is_address = word.find("://") != std::string::npos && !IsS3Url(word);
+  return ParseS3Path(is_address ? ParseObjectUrl(word, settings).Path() : word);
 }
 
 int PutThroughS3Door(const CommandCall& call) {
@@ -239,17 +243,16 @@ int PutThroughS3Door(const CommandCall& call) {
   }
   std::vector<std::string> files = call.Arguments("FILE");
   std::string target;
-  if (IsS3Url(files.back())) {
-    target = files.back();
+  if (MeansServer(files.back())) {
+    target = TargetAtDoor(files.back(), UseSettings(call.globals)).Url();
     files.pop_back();
   } else {
     const S3Path bucket{ChooseBucket(UseSettings(call.globals)), ""};
-    std::error_code ignored;
-    const bool is_one_folder = files.size() == 1 && std::filesystem::is_directory(NativePath(files.front()), ignored);
+    const bool is_one_folder = files.size() == 1 && IsFolder(files.front());
     target = (is_one_folder ? bucket.Below(FolderName(files.front())) : bucket).Url();
   }
   if (files.empty()) {
-    throw CFailure(kExitUsage, "no file is given", "name files before the s3:// name");
+    throw CFailure(kExitUsage, "no file is given", "name files before the name on the server");
   }
   return CopyFiles(call, files, target);
 }
@@ -277,14 +280,14 @@ CommandSpec PutCommand() {
         .help = "local files, or - for standard input; behind a single one the object that it becomes",
         .many = true,
         .complete = EComplete::kFiles,
-        .behind = " [/BUCKET/KEY]"}},
+        .behind = " [/BUCKET/KEY | s3://BUCKET/KEY]"}},
       WithTransferOptions(
           {{"--name", "KEY", "name of the object, at most 128 bytes"},
            {"--keep-name", nullptr, "name each object as its file is named"},
            {"--pieces", "N", "send the file in N parts of one size, the last one perhaps smaller"},
            {"--verify", nullptr, "read each object back and compare it with what was sent"},
            {"-r", nullptr, "folders with all that is in them, as 'tansy cp -r' does"},
-           {"--resume", nullptr, "go on with uploads that were broken off, under the names of the files"}}),
+           {"--resume", nullptr, "go on with an upload that was broken off; the object gets the name of its file"}}),
       {{"tansy --pool photos put cat.jpg dog.jpg", "upload two files and print their URLs"},
        {"tansy put cat.jpg /photos/cat.jpg", "choose bucket and name"},
        {"tansy put --keep-name *.jpg", "upload files under their own names"},

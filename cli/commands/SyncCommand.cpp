@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -14,7 +13,6 @@
 #include "S3Listing.h"
 #include "S3Path.h"
 #include "Settings.h"
-#include "TargetFolder.h"
 #include "TransferOptions.h"
 #include "TransferPlan.h"
 #include "Transfers.h"
@@ -29,24 +27,29 @@ class CSync {
   explicit CSync(const CommandCall& call) : call_(call), settings_(UseSettings(call.globals)), link_(settings_) {}
 
   int Up(const std::string& folder, const S3Path& remote) {
-    const LocalTree tree = WalkFolder(folder);
+    LocalTree tree = WalkFolder(folder);
     if (tree.failures.empty()) {
       CheckSource(tree.files.empty(), folder);
     }
     const TransferPlan plan = PlanSyncUp(folder, tree, remote, Objects(remote), Removes());
-    return Run(plan, tree, nullptr);
+    tree.files = {};  // there may be millions
+    for (std::string& name : tree.skipped) {
+      name = PathIn(folder, name);
+    }
+    return Run(plan, tree.skipped, tree.failures, "");
   }
 
   int Down(const S3Path& remote, const std::string& folder) {
-    const std::vector<RemoteObject> objects = Objects(remote);
-    const LocalTree tree = TreeAt(folder);
+    std::vector<RemoteObject> objects = Objects(remote);
+    LocalTree tree = TreeAt(folder);
     const TransferPlan plan = PlanSyncDown(tree, remote, objects, Removes());
     CheckSource(HasNothingToCarry(plan), remote.Url());
-    std::optional<CTargetFolder> target;
-    if (!call_.Has("--dry-run") || IsFolder(folder)) {
-      target.emplace(folder);
+    if (objects.empty() && !remote.key.empty()) {
+      throw NothingBelow({remote.bucket, FolderPrefix(remote.key)});
     }
-    return Run(plan, tree, target ? &*target : nullptr);
+    objects = {};  // there may be millions
+    tree.files = {};
+    return Run(plan, {}, tree.failures, folder);
   }
 
  private:
@@ -72,27 +75,22 @@ class CSync {
                         [](const Transfer& transfer) { return transfer.kind == Transfer::EKind::kGet; });
   }
 
-  static bool IsFolder(const std::string& path) {
-    std::error_code ignored;
-    return std::filesystem::is_directory(NativePath(path), ignored);
-  }
-
   static LocalTree TreeAt(const std::string& folder) {
     std::error_code ignored;
     return std::filesystem::exists(NativePath(folder), ignored) ? WalkFolder(folder) : LocalTree{};
   }
 
-  int Run(const TransferPlan& plan, const LocalTree& tree, CTargetFolder* target) {
+  int Run(const TransferPlan& plan, const std::vector<std::string>& skipped, const std::vector<CFailure>& walk_failures,
+          const std::string& target) {
     CTransfers transfers(call_.globals, link_, {JobsOf(call_), false, call_.Has("--dry-run")}, target, "sync");
     const int done = transfers.Run(plan.transfers);
-    std::vector<CFailure> failures = tree.failures;
+    std::vector<CFailure> failures = walk_failures;
     failures.insert(failures.end(), plan.failures.begin(), plan.failures.end());
     if (!failures.empty() && Removes() && !call_.globals.quiet) {
-      PrintNote(tree.failures.empty() ? "note: nothing was removed, because not all names can be those of local files"
+      PrintNote(walk_failures.empty() ? "note: nothing was removed, because not all objects can become local files"
                                       : "note: nothing was removed, because not all folders could be read");
     }
-    const int left_out =
-        ReportLeftOut(call_.globals, target == nullptr ? tree.skipped : std::vector<std::string>{}, failures);
+    const int left_out = ReportLeftOut(call_.globals, skipped, failures);
     return done != kExitDone ? done : left_out;
   }
 
@@ -127,7 +125,7 @@ CommandSpec SyncCommand() {
       "nothing at all when the source is empty, a folder could not be read, or anything could not be carried. Links "
       "and "
       "devices are left out. What is there already is not carried again, so that a sync that was broken off goes on "
-      "where it was.",
+      "where it was: a file that was under way begins anew.",
       {{.name = "SOURCE", .help = "a local folder or s3://BUCKET/PREFIX", .complete = EComplete::kFiles},
        {.name = "TARGET", .help = "the other one", .complete = EComplete::kFiles}},
       WithTransferOptions({{"--delete", nullptr, "remove in the target what the source does not have"},

@@ -48,6 +48,13 @@ class CommandLineTreeTest : public CommandLineFixture {
     return files;
   }
 
+  // Counts the lines that begin so.
+  static std::size_t CountOf(const std::string& beginning, const std::string& text) {
+    const std::vector<std::string> lines = Lines(text);
+    return static_cast<std::size_t>(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string& line) { return line.starts_with(beginning); }));
+  }
+
   bool HasPartialBelow(const std::string& name) const {
     std::error_code ignored;
     if (!std::filesystem::exists(WorkPath(name), ignored)) {
@@ -95,7 +102,7 @@ TEST_F(CommandLineTreeTest, NamesOneObjectForBothProtocols) {
   EXPECT_THAT(DoS3({"find", "photos", "--name", "*.jpg"}), ElementsAre("s3://photos/2026/a b.jpg"));
   EXPECT_THAT(DoS3({"find", "photos", "--larger", "8"}), IsEmpty());
   EXPECT_THAT(DoS3({"du", "--bytes", "photos"}), ElementsAre("7   1  s3://photos/2026/", "14  2  s3://photos"));
-  EXPECT_EQ(Do({"rm", "s3://photos/2026/a b.jpg"}), "removed /photos/2026%2Fa%20b.jpg\n");
+  EXPECT_EQ(Do({"rm", "s3://photos/2026/a b.jpg"}), "removed s3://photos/2026/a b.jpg\n");
   EXPECT_THAT(DoS3({"ls", "-r", "photos"}), ElementsAre("plain"));
 }
 
@@ -163,7 +170,7 @@ TEST_F(CommandLineTreeTest, SyncsFromTheServer) {
   Write("tree/sub/b", "2");
   DoS3({"sync", "tree", "s3://photos"});
   EXPECT_THAT(DoS3({"sync", "--dry-run", "s3://photos", "back"}),
-              UnorderedElementsAre("would get a", "would get sub/b"));
+              UnorderedElementsAre("would get back/a", "would get back/sub/b"));
   EXPECT_THAT(Files(), ElementsAre("tree"));
   EXPECT_THAT(DoS3({"sync", "s3://photos", "back"}), ElementsAre("back/a", "back/sub/b"));
   Write("back/a", "9");
@@ -196,7 +203,7 @@ TEST_F(CommandLineTreeTest, DeletesNothingThatItCouldNotBringBack) {
   Write("tree/extra", "1");
   Ended ended = RunS3({"sync", "--delete", "s3://photos/t", "tree"});
   EXPECT_EQ(ended.code, 1);
-  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not all names can be those of local files\n"));
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not all objects can become local files\n"));
   EXPECT_THAT(FilesBelow("tree"), ElementsAre("a\\b", "extra", "good"));
   EXPECT_EQ(CS3Curl(server_).Put("/photos/marks/", "").status, 200);
   EXPECT_THAT(Failure(RunS3({"sync", "--delete", "s3://photos/marks", "tree"})),
@@ -217,7 +224,7 @@ TEST_F(CommandLineTreeTest, LeavesLinksOutAndSaysSo) {
   Write("tree/a", "1");
   std::filesystem::create_directory_symlink("/etc", WorkPath("tree/link"));
   const Ended ended = RunS3({"put", "-r", "tree", "s3://photos/t"});
-  EXPECT_EQ(Failure(ended), "0 note: link: is no regular file; it is left out\n");
+  EXPECT_EQ(Failure(ended), "0 note: tree/link: is no regular file; it is left out\n");
   EXPECT_THAT(DoS3({"ls", "-r", "photos"}), ElementsAre("t/a"));
 }
 
@@ -281,14 +288,27 @@ TEST_F(CommandLineTreeTest, FindsTheDoorOfADataFolder) {
 }
 
 TEST_F(CommandLineTreeTest, LeavesNoHalfFileWhenItIsInterrupted) {
-  Write("big", RandomBytes(6 * kMiB, 2));
+  Write("big", RandomBytes(20 * kMiB, 2));  // it comes in ranges
   DoS3({"cp", "big", "s3://photos/f/big"});
-  CProgram get(TansyWithDoor({"get", "-r", "photos/f", "target", "--limit-rate", "500K"}));
+  CProgram get(TansyWithDoor({"get", "-r", "photos/f", "target", "--limit-rate", "2M"}));
   ASSERT_TRUE(WaitUntil([this] { return HasPartialBelow("target"); }));
   get.Signal(SIGINT);
   const Ended ended = get.WaitForEnd();
   EXPECT_EQ(ended.code, 130);
   EXPECT_THAT(FilesBelow("target"), IsEmpty());
+}
+
+TEST_F(CommandLineTreeTest, LeavesNoHalfObjectWhenItIsInterrupted) {
+  Write("tree/big", RandomBytes(20 * kMiB, 5));
+  Write("tree/small", "content");
+  CProgram sync(TansyWithDoor({"--verbose", "sync", "tree", "s3://photos/t", "--limit-rate", "8M"}));
+  ASSERT_TRUE(WaitUntil([&] { return sync.Errors().find("> PUT") != std::string::npos; }));
+  sync.Signal(SIGINT);
+  EXPECT_EQ(sync.WaitForEnd().code, 130);
+  EXPECT_EQ(Failure(RunS3({"stat", "s3://photos/t/big"})).substr(0, 2), "3 ");
+  DoS3({"sync", "tree", "s3://photos/t"});
+  EXPECT_THAT(DoS3({"ls", "-r", "photos"}), ElementsAre("t/big", "t/small"));
+  EXPECT_TRUE(Do({"cat", "s3://photos/t/big"}) == Read("tree/big"));
 }
 
 TEST_F(CommandLineTreeTest, GoesOnWhenTheServerIsStartedAgain) {
@@ -329,20 +349,18 @@ TEST_F(CommandLineTreeTest, CarriesLargeFilesInPartsAndRanges) {
 TEST_F(CommandLineTreeTest, GoesOnWithAPutThatWasKilled) {
   const std::string content = RandomBytes(40 * kMiB, 4);
   Write("big", content);
+  std::size_t had = 0;
   {
     CProgram put(TansyWithDoor({"--verbose", "put", "--resume", "big", "s3://photos/big", "--limit-rate", "8M"}));
     ASSERT_TRUE(WaitUntil([&] { return put.Errors().find("< 200 to PUT") != std::string::npos; }));
     put.Signal(SIGKILL);
-    put.WaitForEnd();
+    had = CountOf("< 200 to PUT", put.WaitForEnd().err);
   }
   EXPECT_EQ(Failure(RunS3({"ls", "-r", "photos"})), "0 ");
   const Ended ended = RunS3({"--verbose", "put", "--resume", "big", "s3://photos/big"});
   EXPECT_EQ(ended.code, 0) << ended.err;
-  std::size_t sent = 0;
-  for (const std::string& line : Lines(ended.err)) {
-    sent += line.starts_with("> PUT") ? 1 : 0;
-  }
-  EXPECT_LT(sent, 5u) << "what the server had was not sent again";
+  EXPECT_GE(had, 1u);
+  EXPECT_LE(CountOf("> PUT", ended.err), 5 - had) << "what the server had was not sent again";
   EXPECT_TRUE(Do({"cat", "s3://photos/big"}) == content);
 }
 

@@ -20,7 +20,8 @@ using testing::Pair;
 std::vector<std::pair<std::uint64_t, std::uint64_t>> PiecesOf(ByteRange whole, std::size_t threads) {
   std::mutex mutex;
   std::vector<std::pair<std::uint64_t, std::uint64_t>> pieces;
-  ForEachRange(whole, threads, [&](ByteRange piece, const std::atomic<bool>&) {
+  CTeam team(threads);
+  ForEachRange(whole, team, [&](ByteRange piece, const std::atomic<bool>&) {
     const std::lock_guard lock(mutex);
     pieces.emplace_back(piece.begin, piece.end);
   });
@@ -40,7 +41,8 @@ TEST(ByteRangeTest, CutsLargeRangesForSeveralThreads) {
 
 TEST(ByteRangeTest, BeginsNothingAfterAFailure) {
   int calls = 0;
-  EXPECT_THROW(ForEachRange({0, 100 * kRangePiece}, 2,
+  CTeam team(2);
+  EXPECT_THROW(ForEachRange({0, 100 * kRangePiece}, team,
                             [&](ByteRange piece, const std::atomic<bool>& stop) {
                               if (piece.begin == 0) {
                                 throw std::runtime_error("failed");

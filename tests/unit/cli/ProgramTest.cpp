@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -15,6 +16,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +30,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 using Tests::ScriptedAnswer;
 using Tests::ScriptedRequest;
 
@@ -1000,7 +1003,7 @@ TEST_F(SyncProgramTest, RemovesNothingWhenANameCannotBeLocal) {
   const Ended ended = SyncDown();
   EXPECT_EQ(ended.code, 1);
   EXPECT_EQ(ended.out, "dir/x\n");
-  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not all names can be those of local files\n"));
+  EXPECT_THAT(ended.err, HasSubstr("note: nothing was removed, because not all objects can become local files\n"));
   EXPECT_TRUE(folder_.Exists("dir/a\\b"));
   EXPECT_TRUE(folder_.Exists("dir/c"));
 }
@@ -1036,6 +1039,199 @@ TEST_F(SyncProgramTest, RemovesAFileOnlyWhenItsSuccessorIsThere) {
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(ended.out, "dir/sub/new\nremoved dir/sub/old\n");
   EXPECT_EQ(folder_.Read("dir/sub/new"), "1");
+}
+
+TEST_F(SyncProgramTest, SaysThatThereIsNothingAtTheSource) {
+  List({});
+  const Ended ended = Run("sync s3://photos/typo new", DoorVariable());
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_THAT(ended.err, HasSubstr("s3://photos/typo/: there is nothing below it"));
+  EXPECT_FALSE(folder_.Exists("new"));
+}
+
+// A link is there for what it leads to. Neither side loses anything, and the failure says why.
+TEST_F(SyncProgramTest, PutsNoFileInThePlaceOfALink) {
+  folder_.Write("originals/a", "original");
+  std::filesystem::create_directory(folder_.Path("dir"));
+  std::filesystem::create_symlink("../originals/a", folder_.Path("dir/a"));
+  List({"t/a"});
+  server_.Answer("GET /photos/t/a", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+  for (const Ended& ended : {SyncDown(), Run("get -r photos/t dir", DoorVariable())}) {
+    EXPECT_EQ(ended.code, 1);
+    EXPECT_THAT(ended.err, HasSubstr("is in the way"));
+    EXPECT_EQ(ended.out, "");
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(folder_.Path("dir/a")));
+  EXPECT_EQ(folder_.Read("originals/a"), "original");
+}
+
+// Such a name may be one of the user's own.
+TEST_F(SyncProgramTest, LeavesHiddenNamesOfItsOwnAloneOnBothSides) {
+  folder_.Write("dir/.tansy-notes.lock", "mine");
+  folder_.Write("dir/a", "1");
+  List({"t/.tansy-notes.lock", "t/a"});
+  server_.Answer("PUT /photos/t/a", {});
+  server_.Answer("GET /photos/t/*", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+  Ended ended = SyncUp();
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_THAT(ended.err, HasSubstr("note: dir/.tansy-notes.lock: belongs to a download"));
+  EXPECT_EQ(Count("DELETE"), 0u);
+  ended = SyncDown();
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_THAT(ended.err, HasSubstr("\".tansy-notes.lock\" cannot be the name of a local file"));
+  EXPECT_EQ(folder_.Read("dir/.tansy-notes.lock"), "mine");
+}
+
+// Copies of files and folders through a scripted door: s3://photos/x is there, other objects are not.
+class CopyProgramTest : public ProgramTest {
+ protected:
+  CopyProgramTest() {
+    server_.Answer("HEAD /photos/x", {.headers = {{"ETag", "\"tag\""}, {"Content-Length", "1"}}});
+    server_.Answer("HEAD *", {.status = 404});
+    server_.Answer("GET /photos/x", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+    server_.Answer("PUT *", {});
+    folder_.Write("a", "1");
+    folder_.Write("c", "1");
+    folder_.Write("dir/d", "1");
+  }
+
+  Ended Do(const std::string& command) { return Run(command, DoorVariable()); }
+};
+
+TEST_F(CopyProgramTest, GoesOnWithTheOthersWhenOneIsMissing) {
+  Ended ended = Do("cp a missing c s3://photos/");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "s3://photos/a\ns3://photos/c\n");
+  EXPECT_THAT(ended.err, HasSubstr("tansy: missing: "));
+  ended = Do("cp -r dir missing s3://photos/");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "s3://photos/dir/d\n");
+  ended = Do("cp s3://photos/none s3://photos/x dir");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "dir/x\n");
+  EXPECT_THAT(ended.err, HasSubstr("tansy: s3://photos/none: there is no such object"));
+}
+
+TEST_F(CopyProgramTest, GoesOnWithTheOtherFoldersWhenOneIsMissing) {
+  server_.Answer("GET /photos?encoding-type=url&list-type=2&prefix=p%2F",
+                 {.body = "<ListBucketResult><Contents><Key>p/y</Key><Size>1</Size><ETag>\"tag\"</ETag></Contents>"
+                          "</ListBucketResult>"});
+  server_.Answer("GET /photos?*", {.body = "<ListBucketResult></ListBucketResult>"});
+  server_.Answer("GET /photos/p/y", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+  server_.Answer("DELETE *", {.status = 204});
+  Ended ended = Do("get -r photos/typo photos/p here");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "here/p/y\n");
+  EXPECT_THAT(ended.err, HasSubstr("s3://photos/typo/: there is nothing below it"));
+  ended = Do("rm -r --dry-run photos/typo photos/p");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "would remove s3://photos/p/y\n");
+  EXPECT_EQ(Count("DELETE"), 0u);
+  ended = Do("rm -r photos/typo photos/p");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_EQ(ended.out, "removed s3://photos/p/y\n");
+}
+
+TEST_F(CopyProgramTest, TakesATargetWithASlashForAFolder) {
+  Ended ended = Do("cp s3://photos/x new/");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(folder_.Read("new/x"), "1");
+  ended = Do("cp s3://photos/none other/y");
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_FALSE(folder_.Exists("other")) << "no folder is made for nothing";
+}
+
+TEST_F(CopyProgramTest, FollowsNoLinkWithSeveralFolders) {
+  server_.Answer("GET /photos?*",
+                 {.body = "<ListBucketResult><Contents><Key>p/y</Key><Size>1</Size><ETag>\"tag\"</ETag></Contents>"
+                          "</ListBucketResult>"});
+  server_.Answer("GET /photos/p/y", {.headers = {{"ETag", "\"tag\""}}, .body = "1"});
+  std::filesystem::create_directories(folder_.Path("outside"));
+  std::filesystem::create_directories(folder_.Path("here"));
+  std::filesystem::create_directory_symlink("../outside", folder_.Path("here/p"));
+  const Ended ended = Do("get -r photos/p s3://photos/q here");
+  EXPECT_NE(ended.code, 0);
+  EXPECT_THAT(ended.err, HasSubstr("here/p: a link is in the way"));
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.Path("outside")));
+}
+
+TEST_F(CopyProgramTest, PutsToANameOfTheObjectProtocol) {
+  Ended ended = Do("put --resume a /films/2026%2Ff.mp4");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.out, "s3://films/2026/f.mp4\n");
+  ended = Do("put -r dir /photos/e");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(ended.out, "s3://photos/e/d\n");
+}
+
+TEST_F(CopyProgramTest, LeavesTheStandardStreamsToOtherCommands) {
+  EXPECT_THAT(Do("cp - s3://photos/").err, HasSubstr("standard input cannot be copied"));
+  EXPECT_THAT(Do("cp s3://photos/x -").err, HasSubstr("'tansy cat'"));
+  EXPECT_FALSE(folder_.Exists("-"));
+}
+
+// A full disk on the server is not filled by asking again.
+TEST_F(CopyProgramTest, SaysThatTheServerIsFull) {
+  server_.ClearScript();
+  server_.Answer("PUT *", {.status = 507, .body = "<Error><Code>NotEnoughSpace</Code></Error>"});
+  const Ended ended = Do("cp a c s3://photos/");
+  EXPECT_EQ(ended.code, 5);
+  EXPECT_THAT(ended.err, HasSubstr("s3://photos/a: the server has no space left"));
+  EXPECT_EQ(Count("PUT"), 2u);
+}
+
+TEST_F(CopyProgramTest, ShowsNoSignature) {
+  const Ended ended = Do("--verbose cp a s3://photos/");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  const std::string value = server_.Requests().back().Header("Authorization");
+  const std::size_t begin = value.find("Signature=") + 10;
+  EXPECT_EQ(value.size() - begin, 64u);
+  EXPECT_THAT(ended.err, HasSubstr(value.substr(0, begin) + "***\n"));
+  EXPECT_THAT(ended.err, Not(HasSubstr(value.substr(begin))));
+}
+
+// Names that are no text are written so that the other commands understand them.
+TEST_F(CopyProgramTest, FindsNamesThatCanBeGivenBack) {
+  server_.Answer("GET /photos?*", {.body = "<ListBucketResult><Contents><Key>p/a%0A%FFb</Key><Size>1</Size>"
+                                           "<ETag>\"tag\"</ETag></Contents></ListBucketResult>"});
+  EXPECT_EQ(Do("find photos").out, "/photos/p%2Fa%0A%FFb\n");
+  EXPECT_THAT(Do("--json ls -r photos").out, HasSubstr("\"url\": \"/photos/p%2Fa%0A%FFb\""));
+  Do("rm -r /photos/p%2Fa%0A%FFb");
+  EXPECT_EQ(Count("GET /photos?encoding-type=url&list-type=2&prefix=p%2Fa%0A%FFb%2F"), 1u);
+}
+
+// --jobs is the number of requests, however many files there are and however large they are.
+TEST_F(CopyProgramTest, HasNoMoreRequestsThanJobs) {
+  constexpr int kJobs = 3;
+  const std::string content = Tests::RandomBytes(20 * kMebibyte, 1);
+  std::string items;
+  for (const char* key : {"q/1", "q/2", "q/3", "q/4", "q/5"}) {
+    items += std::string("<Contents><Key>") + key + "</Key><Size>" + std::to_string(content.size()) +
+             "</Size><ETag>\"tag\"</ETag></Contents>";
+  }
+  std::atomic<int> now{0};
+  std::atomic<int> most{0};
+  server_.ClearScript();
+  server_.Answer("GET /photos?*", {.body = "<ListBucketResult>" + items + "</ListBucketResult>"});
+  server_.Handle([&](const ScriptedRequest& request) {
+    most = std::max(most.load(), ++now);
+    // The first ones wait for as many as there may be, and then a moment for one too many.
+    for (int waited = 0; most < kJobs && waited < 5000; ++waited) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    for (int waited = 0; most <= kJobs && request.target == "/photos/q/1" && waited < 100; ++waited) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    const std::string range = request.Header("range");
+    const std::size_t begin = std::stoull(range.substr(6));
+    const std::size_t end = std::stoull(range.substr(range.find('-') + 1)) + 1;
+    --now;
+    return ScriptedAnswer{.status = 206, .body = content.substr(begin, end - begin)};
+  });
+  const Ended ended = Do("get -r photos/q here --jobs 3");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_EQ(most, kJobs);
+  EXPECT_TRUE(folder_.Read("here/5") == content);
 }
 
 }  // namespace

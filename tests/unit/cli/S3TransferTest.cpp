@@ -1,8 +1,11 @@
 // Uploads and downloads through a scripted S3 door: what is asked for, and what happens when something is in the way.
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "S3Download.h"
 #include "S3FakeDoor.h"
@@ -40,7 +43,8 @@ class S3DownloadTest : public CS3FakeDoor {
   std::string Download(const std::string& content, std::size_t getters) {
     std::string got(content.size(), '\0');
     std::mutex mutex;
-    DownloadFromS3(CS3Link(SettingsOfDoor()), {"b", "k"}, {"k", content.size(), "tag", ""}, getters,
+    CTeam team(getters);
+    DownloadFromS3(CS3Link(SettingsOfDoor()), {"b", "k"}, {"k", content.size(), "tag", ""}, team,
                    [&](const char* data, std::size_t size, std::uint64_t offset) {
                      const std::lock_guard lock(mutex);
                      got.replace(offset, size, data, size);
@@ -71,7 +75,8 @@ TEST_F(S3DownloadTest, AsksForTheRestWhenAConnectionBreaks) {
   const CS3Link link(SettingsOfDoor());
   link.Try({.path = {"b", "k"}});  // the link knows now that the address is right
   std::string got;
-  DownloadFromS3(link, {"b", "k"}, {"k", content.size(), "tag", ""}, 1,
+  CTeam team(1);
+  DownloadFromS3(link, {"b", "k"}, {"k", content.size(), "tag", ""}, team,
                  [&](const char* data, std::size_t size, std::uint64_t offset) {
                    EXPECT_EQ(offset, got.size());
                    got.append(data, size);
@@ -100,7 +105,8 @@ class S3UploadTest : public CS3FakeDoor {
   }
 
   std::uint64_t Upload(bool resume = false) {
-    return UploadToS3(CS3Link(SettingsOfDoor()), {folder_.Path("file"), {"b", "k"}, 2, resume},
+    CTeam team(2);
+    return UploadToS3(CS3Link(SettingsOfDoor()), {folder_.Path("file"), {"b", "k"}, resume}, team,
                       [this](std::uint64_t bytes) { progress_ = bytes; });
   }
 
@@ -170,31 +176,113 @@ TEST_F(S3UploadTest, BelievesNoFailureInAGoodAnswer) {
   EXPECT_THAT(FailureOf([&] { Upload(); }), HasSubstr("InternalError"));
 }
 
-TEST_F(S3UploadTest, GoesOnWithAnUploadThatWasBrokenOff) {
+constexpr char kTagOfOneMiBOfA[] = "7202826a7791073fe2787f0c94603278";    // of 1 MiB of 'a'
+constexpr char kTagOfEightMiBOfA[] = "a1b8519c990697ddb77acc121efeb403";  // of 8 MiB of 'a'
+
+class S3ResumeTest : public S3UploadTest {
+ protected:
+  // Lists uploads to the key, the later ones newer.
+  void ListUploads(const std::vector<std::string>& ids) {
+    std::string body = "<ListMultipartUploadsResult>";
+    for (const std::string& id : ids) {
+      body += "<Upload><Key>k</Key><UploadId>" + id + "</UploadId><Initiated>2026-01-0" + std::to_string(++time_) +
+              "</Initiated></Upload>";
+    }
+    body += "<Upload><Key>k2</Key><UploadId>other</UploadId><Initiated>2027</Initiated></Upload>";
+    server_.Answer("GET /b?encoding-type=url&prefix=k&uploads=", {.body = body + "</ListMultipartUploadsResult>"});
+  }
+
+  static std::string Part(int number, std::size_t size, const std::string& tag) {
+    return "<Part><PartNumber>" + std::to_string(number) + "</PartNumber><Size>" + std::to_string(size) +
+           "</Size><ETag>\"" + tag + "\"</ETag></Part>";
+  }
+  void ListParts(const std::string& id, const std::string& parts) {
+    server_.Answer("GET /b/k?uploadId=" + id, {.body = "<ListPartsResult>" + parts + "</ListPartsResult>"});
+  }
+
+  int time_ = 0;
+};
+
+TEST_F(S3ResumeTest, GoesOnWithAnUploadThatWasBrokenOff) {
   const std::string content(17 * kMiB, 'a');
   folder_.Write("file", content);
-  server_.Answer("GET /b?encoding-type=url&prefix=k&uploads=",
-                 {.body = "<ListMultipartUploadsResult>"
-                          "<Upload><Key>k</Key><UploadId>old</UploadId><Initiated>2026-01-01</Initiated></Upload>"
-                          "<Upload><Key>k</Key><UploadId>id</UploadId><Initiated>2026-01-02</Initiated></Upload>"
-                          "<Upload><Key>k2</Key><UploadId>other</UploadId><Initiated>2026-01-03</Initiated></Upload>"
-                          "</ListMultipartUploadsResult>"});
-  // Part 1 is there, part 2 has other bytes, part 3 is missing.
-  server_.Answer(
-      "GET /b/k?uploadId=id",
-      {.body = "<ListPartsResult><IsTruncated>true</IsTruncated><Part><PartNumber>1</PartNumber>"
-               "<Size>8388608</Size><ETag>\"a1b8519c990697ddb77acc121efeb403\"</ETag></Part></ListPartsResult>"});
+  ListUploads({"old", "id"});
+  // Parts 1 and 3 are there, part 2 is missing.
+  server_.Answer("GET /b/k?uploadId=id", {.body = "<ListPartsResult><IsTruncated>true</IsTruncated>" +
+                                                  Part(1, 8 * kMiB, kTagOfEightMiBOfA) + "</ListPartsResult>"});
   server_.Answer("GET /b/k?part-number-marker=1&uploadId=id",
-                 {.body = "<ListPartsResult><Part><PartNumber>2</PartNumber><Size>8388608</Size>"
-                          "<ETag>\"00000000000000000000000000000000\"</ETag></Part></ListPartsResult>"});
+                 {.body = "<ListPartsResult>" + Part(3, kMiB, kTagOfOneMiBOfA) + "</ListPartsResult>"});
   server_.Answer("PUT *", {.headers = {{"ETag", "\"new\""}}});
   Upload(true);
-  EXPECT_EQ(Count("PUT /b/k?partNumber=1&"), 0u);
-  EXPECT_EQ(Count("PUT /b/k?partNumber=2&"), 1u);
-  EXPECT_EQ(Count("PUT /b/k?partNumber=3&"), 1u);
+  EXPECT_EQ(Count("PUT"), 1u);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=2&uploadId=id"), 1u);
   EXPECT_EQ(Count("POST /b/k?uploads"), 0u);
-  EXPECT_THAT(server_.Requests().back().body, HasSubstr("<ETag>\"a1b8519c990697ddb77acc121efeb403\"</ETag>"));
+  EXPECT_THAT(server_.Requests().back().body, HasSubstr(kTagOfEightMiBOfA));
+  EXPECT_THAT(server_.Requests().back().body, HasSubstr(kTagOfOneMiBOfA));
   EXPECT_EQ(progress_, content.size());
+}
+
+// Somebody else may be sending another file to the same name at this moment.
+TEST_F(S3ResumeTest, LeavesUploadsOfOtherBytesAlone) {
+  folder_.Write("file", std::string(17 * kMiB, 'a'));
+  ListUploads({"mine", "other-bytes", "too-long", "other-size", "empty"});
+  ListParts("mine", Part(1, 8 * kMiB, kTagOfEightMiBOfA));
+  ListParts("other-bytes", Part(1, 8 * kMiB, kTagOfEightMiBOfA) + Part(2, 8 * kMiB, std::string(32, '0')));
+  ListParts("too-long", Part(1, 8 * kMiB, kTagOfEightMiBOfA) + Part(4, kMiB, kTagOfOneMiBOfA));
+  ListParts("other-size", Part(1, 5 * kMiB, kTagOfEightMiBOfA));
+  ListParts("empty", "");
+  server_.Answer("PUT *", {.headers = {{"ETag", "\"new\""}}});
+  server_.Answer("POST /b/k?uploadId=mine",
+                 {.body = "<CompleteMultipartUploadResult></CompleteMultipartUploadResult>"});
+  Upload(true);
+  EXPECT_EQ(Count("PUT"), 2u);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=2&uploadId=mine"), 1u);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=3&uploadId=mine"), 1u);
+  EXPECT_EQ(Count("DELETE"), 0u);
+}
+
+TEST_F(S3ResumeTest, BeginsAnewWhenNothingFits) {
+  folder_.Write("file", std::string(9 * kMiB, 'a'));
+  ListUploads({"other-bytes"});
+  ListParts("other-bytes", Part(1, 8 * kMiB, std::string(32, '0')));
+  server_.Answer("PUT *", {.headers = {{"ETag", "\"new\""}}});
+  Upload(true);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=1&uploadId=id"), 1u);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=2&uploadId=id"), 1u);
+}
+
+// For example because it was begun with checksums for its parts, which this program does not send.
+TEST_F(S3ResumeTest, BeginsAnewWhenTheServerRefusesToGoOn) {
+  folder_.Write("file", std::string(9 * kMiB, 'a'));
+  ListUploads({"odd"});
+  ListParts("odd", Part(1, 8 * kMiB, kTagOfEightMiBOfA));
+  server_.Answer("POST /b/k?uploadId=odd", {.status = 400, .body = "<Error><Code>InvalidRequest</Code></Error>"});
+  server_.Answer("PUT *", {.headers = {{"ETag", "\"new\""}}});
+  Upload(true);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=2&uploadId=odd"), 1u);
+  EXPECT_EQ(Count("PUT /b/k?partNumber=1&uploadId=id"), 1u) << "what was there counts no more";
+  EXPECT_EQ(Count("PUT /b/k?partNumber=2&uploadId=id"), 1u);
+  EXPECT_EQ(Count("POST /b/k?uploadId=id"), 1u);
+}
+
+TEST_F(S3UploadTest, SaysThatTheServerIsFullAndDoesNotAskAgain) {
+  folder_.Write("file", "content");
+  server_.Answer("PUT /b/k", {.status = 507, .body = "<Error><Code>NotEnoughSpace</Code></Error>"});
+  EXPECT_THAT(FailureOf([&] { Upload(); }), HasSubstr("5 the server has no space left"));
+  EXPECT_EQ(server_.Requests().size(), 1u);
+}
+
+// A file whose bytes change at the same size replaces nothing either, whether it goes in parts or in one request.
+TEST_F(S3UploadTest, ReplacesNothingWhenOnlyTheBytesChange) {
+  folder_.Write("file", RandomBytes(9 * kMiB, 7));
+  server_.Handle([&](const ScriptedRequest&) {
+    folder_.Write("file", RandomBytes(9 * kMiB, 8));
+    const auto later = std::filesystem::file_time_type::clock::now() + std::chrono::hours(1);
+    std::filesystem::last_write_time(folder_.Path("file"), later);
+    return ScriptedAnswer{.headers = {{"ETag", "\"t\""}}};
+  });
+  EXPECT_THAT(FailureOf([&] { Upload(); }), HasSubstr("file: changed while it was read"));
+  EXPECT_EQ(Count("POST /b/k?uploadId"), 0u);
 }
 
 TEST_F(S3UploadTest, KeepsAnUploadThatIsToBeGoneOnWith) {

@@ -19,9 +19,9 @@ RemoteObject Object(const std::string& key, std::uint64_t size = 1) {
 }
 
 // Writes a plan as "put FILE s3://...", with "?" in front when the bytes decide.
-std::vector<std::string> TextsOf(const TransferPlan& plan) {
+std::vector<std::string> TextsOf(const std::vector<Transfer>& transfers) {
   std::vector<std::string> texts;
-  for (const Transfer& transfer : plan.transfers) {
+  for (const Transfer& transfer : transfers) {
     const std::string mark = transfer.only_when_different ? "?" : "";
     switch (transfer.kind) {
       case Transfer::EKind::kPut:
@@ -44,6 +44,10 @@ std::vector<std::string> TextsOf(const TransferPlan& plan) {
   return texts;
 }
 
+std::vector<std::string> TextsOf(const TransferPlan& plan) {
+  return TextsOf(plan.transfers);
+}
+
 LocalTree Tree(const std::vector<LocalEntry>& files) {
   LocalTree tree;
   tree.files = files;
@@ -54,30 +58,33 @@ TEST(TransferPlanTest, PutsAndGetsEverything) {
   EXPECT_THAT(TextsOf(PlanPuts("dir", Tree({{"a", 1}, {"x/y", 2}}), kRemote)),
               ElementsAre("put dir/a s3://b/p/a", "put dir/x/y s3://b/p/x/y"));
   EXPECT_THAT(TextsOf(PlanPuts("dir/", Tree({{"a", 1}}), {"b", ""})), ElementsAre("put dir/a s3://b/a"));
-  EXPECT_THAT(TextsOf(PlanGets({Object("p/"), Object("p/a"), Object("p/x/"), Object("p/x/y")}, kRemote)),
+  EXPECT_THAT(TextsOf(PlanGets({Object("p/"), Object("p/a"), Object("p/x/"), Object("p/x/y")}, kRemote, "")),
               ElementsAre("get s3://b/p/a a", "get s3://b/p/x/y x/y"))
       << "keys that stand for folders are left alone";
+  EXPECT_THAT(TextsOf(PlanGets({Object("p/a")}, kRemote, "of p/")), ElementsAre("get s3://b/p/a of p/a"));
 }
 
 TEST(TransferPlanTest, LeavesNamesOutThatWouldLeadOutOfTheFolder) {
-  const TransferPlan plan = PlanGets({Object("p/../a"), Object("p//etc/x"), Object("p/ok"), Object("p/a\nb")}, kRemote);
+  const TransferPlan plan = PlanGets(
+      {Object("p/../a"), Object("p//etc/x"), Object("p/ok"), Object("p/a\nb"), Object("p/x/.tansy-film.mp4.part")},
+      kRemote, "");
   EXPECT_THAT(TextsOf(plan), ElementsAre("get s3://b/p/ok ok"));
-  EXPECT_EQ(plan.failures.size(), 3u);
+  EXPECT_EQ(plan.failures.size(), 4u);
 }
 
 TEST(TransferPlanTest, SyncsWhatIsMissingOrDifferent) {
   const LocalTree tree = Tree({{"larger", 2}, {"missing", 1}, {"same", 1}});
-  const std::vector<RemoteObject> objects = {Object("p/larger", 3), Object("p/same"), Object("p/more")};
+  const std::vector<RemoteObject> objects = {Object("p/larger", 3), Object("p/more"), Object("p/same")};
   EXPECT_THAT(
       TextsOf(PlanSyncUp("dir", tree, kRemote, objects, false)),
       ElementsAre("put dir/larger s3://b/p/larger", "put dir/missing s3://b/p/missing", "?put dir/same s3://b/p/same"));
   EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, objects, false)),
-              ElementsAre("get s3://b/p/larger larger", "?get s3://b/p/same same", "get s3://b/p/more more"));
+              ElementsAre("get s3://b/p/larger larger", "get s3://b/p/more more", "?get s3://b/p/same same"));
 }
 
 TEST(TransferPlanTest, RemovesOnlyWhatTheOtherSideDoesNotHave) {
   const LocalTree tree = Tree({{"both", 1}, {"here", 1}});
-  const std::vector<RemoteObject> objects = {Object("p/both"), Object("p/there"), Object("p/folder/")};
+  const std::vector<RemoteObject> objects = {Object("p/both"), Object("p/folder/"), Object("p/there")};
   EXPECT_THAT(TextsOf(PlanSyncUp("dir", tree, kRemote, objects, true)),
               ElementsAre("?put dir/both s3://b/p/both", "put dir/here s3://b/p/here", "remove s3://b/p/there"));
   EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, objects, true)),
@@ -94,6 +101,16 @@ TEST(TransferPlanTest, RemovesNothingThatTheWalkDidNotSee) {
   tree.failures.emplace_back(kExitDenied, "dir/closed: Permission denied", "");
   EXPECT_THAT(TextsOf(PlanSyncUp("dir", tree, kRemote, objects, true)), ElementsAre("?put dir/a s3://b/p/a"));
   EXPECT_THAT(TextsOf(PlanSyncDown(tree, kRemote, {}, true)), IsEmpty());
+}
+
+// A link is there for what it leads to, and nobody knows what is behind it.
+TEST(TransferPlanTest, ReplacesNothingThatTheWalkDidNotSee) {
+  LocalTree tree = Tree({{"a", 1}});
+  tree.skipped = {"link"};
+  const TransferPlan plan =
+      PlanSyncDown(tree, kRemote, {Object("p/a"), Object("p/link"), Object("p/link/x"), Object("p/linked")}, true);
+  EXPECT_THAT(TextsOf(plan), ElementsAre("?get s3://b/p/a a", "get s3://b/p/linked linked"));
+  EXPECT_EQ(plan.failures.size(), 2u);
 }
 
 // The server has what stands here under a name that no transfer may write.
