@@ -164,6 +164,9 @@ bool CHousekeeping::LookAtNew(std::span<const NewBytes> batch) {
     return false;
   }
   for (const NewBytes& bytes : due) {
+    if (is_stopping_()) {
+      return false;  // in a pool one removal may take a second; the names are looked at again after the next start
+    }
     if (given_up.count(LocationText(bytes.name)) > 0 && store_->FreeNew(bytes.name) == EStoreResult::kDone) {
       ++freed_;
     }

@@ -1,5 +1,7 @@
 #include "Housekeeping.h"
 
+#include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "CatalogueFixture.h"
@@ -29,7 +31,7 @@ class HousekeepingTest : public CatalogueFixture {
           locations = running_;
           return running_is_known_;
         },
-        [this] { return stopping_; });
+        [this] { return stopping_ || (stop_when_ && stop_when_()); });
   }
   void Round(std::int64_t seconds_later = 0) {
     clock_.Advance(seconds_later);
@@ -46,6 +48,7 @@ class HousekeepingTest : public CatalogueFixture {
   std::vector<std::string> running_;
   bool running_is_known_ = true;
   bool stopping_ = false;
+  std::function<bool()> stop_when_;
 };
 
 // About files that are not in a pool: the body log, and a file that cannot be written.
@@ -148,6 +151,20 @@ TEST_F(HousekeepingTest, AStopEndsARoundWithinABatch) {
   stopping_ = true;
   Round(kGrace);
   EXPECT_EQ(WaitingCount(), "250");
+}
+
+// In a pool each of them may take a second, and a stop must not wait for a hundred.
+TEST_F(HousekeepingTest, AStopEndsARoundBetweenTwoUploadsThatFailed) {
+  const std::vector<std::string> orphans = {Store("a"), Store("b"), Store("c")};
+  const auto left = [&] {
+    return std::count_if(orphans.begin(), orphans.end(), [this](const std::string& url) { return IsStored(url); });
+  };
+  stop_when_ = [&left] { return left() < 3; };
+  Round(kGrace);
+  EXPECT_EQ(left(), 2);
+  stop_when_ = nullptr;
+  Round();
+  EXPECT_EQ(left(), 0);
 }
 
 TEST_F(HousekeepingTest, RemovedObjectsKeepTheirBytesForDays) {
