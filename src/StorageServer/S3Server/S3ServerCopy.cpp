@@ -256,6 +256,9 @@ Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Reques
       return EError::kInternalError;
     }
     failed_url = source.info.url;
+    // A removal frees the bytes before the object is gone.
+    ObjectInfo at_rest;
+    CObjectStorageManager::Instance().GetObjectAtRest(at_rest, source.info.name, source.info.bucket_name);
   }
 }
 

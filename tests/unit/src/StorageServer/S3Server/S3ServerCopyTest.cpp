@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <future>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -160,6 +162,30 @@ TEST_F(S3CopyTest, AnswersAStorageThatFails) {
     EXPECT_EQ(Outcome(GetKey("to")), "404 NoSuchKey") << kind;
   }
   EXPECT_EQ(Outcome(Copy("from", "to")), "200");
+}
+
+// A removal frees the bytes before the object is gone: a copy that finds no bytes waits for the removal's end.
+TEST_F(S3CopyTest, ASourceThatIsRemovedMeanwhileIsNotThere) {
+  NewObject(bucket_, "from", Pattern(1000));
+  std::thread removal;
+  std::promise<void> bytes_are_gone;
+  std::promise<void> is_answered;
+  storage_.SetHook([&](const auto&) {
+    storage_.SetResult("range", 1);
+    removal = std::thread([&] {
+      const auto free_bytes = [&](const std::string&) {
+        bytes_are_gone.set_value();
+        // The answer must not come yet.
+        EXPECT_EQ(is_answered.get_future().wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        return true;
+      };
+      EXPECT_TRUE(catalogue_.RemoveObject("from", bucket_, free_bytes));
+    });
+    bytes_are_gone.get_future().wait();
+  });
+  EXPECT_EQ(Outcome(Copy("from", "to")), "404 NoSuchKey");
+  is_answered.set_value();
+  removal.join();
 }
 
 TEST_F(S3CopyTest, CallsTheHostNoMoreOnceTheServersAreDown) {
