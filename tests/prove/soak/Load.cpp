@@ -7,6 +7,7 @@
 
 #include "support/PictureSystemTest.h"
 #include "support/Program.h"
+#include "support/S3Request.h"
 
 namespace prove {
 namespace {
@@ -23,6 +24,7 @@ constexpr std::uint64_t kKeys = 40;
 constexpr std::size_t kSmall = 40000;
 constexpr std::size_t kOwnFile = 100000;  // too large for the log that small objects share
 constexpr std::size_t kBig = 11000000;
+constexpr std::size_t kLeastPart = 5242880;  // of several
 constexpr std::size_t kMostWrong = 20;
 const std::string kBucket = "soak";
 
@@ -75,6 +77,10 @@ void CLoad::KeepOneConnection(Dice& dice, steady_clock::time_point end) {
 
 void CLoad::DoSomething(Dice& dice, bool with_big_ones) {
   const std::string target = "/" + kBucket + "/" + Key(dice);
+  if (OneIn(dice, 3)) {
+    DoSomethingByS3(dice, with_big_ones);
+    return;
+  }
   switch (dice() % (with_big_ones ? 18 : 14)) {
     case 0:
     case 1:
@@ -247,10 +253,111 @@ std::unique_ptr<CConnection> CLoad::Open(Dice& dice) {
   return CConnection::Open(tls ? tansyd_.GetObjectHttpsPort() : tansyd_.GetObjectPort(), options);
 }
 
+std::unique_ptr<CConnection> CLoad::OpenS3(Dice& dice, std::uint16_t& port) {
+  system_tests::ConnectOptions options;
+  options.tls = OneIn(dice, 3);
+  port = options.tls ? tansyd_.GetS3HttpsPort() : tansyd_.GetS3Port();
+  return CConnection::Open(port, options);
+}
+
+Reply CLoad::AskS3(Dice& dice, const Request& request) {
+  std::uint16_t port = 0;
+  const auto connection = OpenS3(dice, port);
+  const Request signed_request = system_tests::SignedS3(request, port);
+  Reply reply;
+  if (connection != nullptr) {
+    connection->Send(system_tests::Serialize(signed_request, port));
+    reply = connection->Receive();
+  }
+  Expect(signed_request, reply);
+  return reply;
+}
+
+void CLoad::DoSomethingByS3(Dice& dice, bool with_big_ones) {
+  const std::string key = Key(dice);
+  const std::string target = "/" + kBucket + "/" + key;
+  switch (dice() % 10) {
+    case 0:
+    case 1:
+      AskS3(dice, {"PUT", target, {}, Body(dice, OneIn(dice, 4) ? kOwnFile : 1 + dice() % kSmall)});
+      break;
+    case 2:
+      AskS3(dice, {"GET", target, {}, ""});
+      break;
+    case 3:
+      AskS3(dice, {"PUT", target, {{"If-None-Match", "*"}}, Body(dice, kSmall)});
+      break;
+    case 4:
+      AskS3(dice, {"GET", "/" + kBucket + "?list-type=2", {}, ""});
+      break;
+    case 5:
+      AskS3(dice, {"DELETE", target, {}, ""});
+      break;
+    case 6:
+      AskS3(dice, {"POST",
+                   "/" + kBucket + "?delete=",
+                   {},
+                   "<Delete><Object><Key>" + key + "</Key></Object><Object><Key>none</Key></Object></Delete>"});
+      break;
+    case 7:
+      AskS3(dice, {"PUT", target, {{"x-amz-copy-source", "/" + kBucket + "/" + Key(dice)}}, ""});
+      break;
+    case 8:
+      PutInPartsByS3(dice, with_big_ones);
+      break;
+    default:
+      StayAwayByS3(dice);
+      break;
+  }
+}
+
+// Some uploads are completed, some are ended, and some parts are sent twice.
+void CLoad::PutInPartsByS3(Dice& dice, bool with_big_ones) {
+  const std::string target = "/" + kBucket + "/" + Key(dice);
+  const std::string upload =
+      system_tests::XmlValue(AskS3(dice, {"POST", target + "?uploads=", {}, ""}).body, "UploadId");
+  const int parts = with_big_ones && OneIn(dice, 4) ? 2 : 1;
+  std::string xml = "<CompleteMultipartUpload>";
+  for (int part = 1; part <= parts; ++part) {
+    const std::string number = std::to_string(part);
+    Reply reply;
+    for (int sending = 0; sending < (OneIn(dice, 3) ? 2 : 1); ++sending) {
+      reply = AskS3(dice, {"PUT",
+                           target + "?partNumber=" + number + "&uploadId=" + upload,
+                           {},
+                           Body(dice, part < parts ? kLeastPart : kSmall)});
+    }
+    xml += "<Part><PartNumber>" + number + "</PartNumber><ETag>" + reply.Header("ETag") + "</ETag></Part>";
+  }
+  if (OneIn(dice, 3)) {
+    AskS3(dice, {"DELETE", target + "?uploadId=" + upload, {}, ""});
+  } else {
+    AskS3(dice, {"POST", target + "?uploadId=" + upload, {}, xml + "</CompleteMultipartUpload>"});
+  }
+}
+
+// A body that ends in its middle, or a connection that says nothing.
+void CLoad::StayAwayByS3(Dice& dice) {
+  std::uint16_t port = 0;
+  const auto connection = OpenS3(dice, port);
+  if (connection == nullptr) {
+    return;
+  }
+  if (OneIn(dice, 2)) {
+    const Request request = {
+        "PUT", "/" + kBucket + "/" + Key(dice), {{"Content-Length", std::to_string(kOwnFile)}}, ""};
+    connection->Send(system_tests::Serialize(system_tests::SignedS3(request, port), port));
+    connection->Send(Body(dice, dice() % kOwnFile));
+  }
+  std::this_thread::sleep_for(milliseconds(dice() % 20));
+  connection->Reset();
+}
+
 void CLoad::Expect(const Request& request, const Reply& reply) {
   ++requests_;
   // Other clients remove objects all the time, and complete uploads of parts over each other.
-  const bool is_right = reply.status == 200 || Outcome(reply) == "404 NoSuchKey";
+  const bool is_right = reply.status == 200 || reply.status == 204 || Outcome(reply) == "404 NoSuchKey" ||
+                        Outcome(reply) == "412 PreconditionFailed";
   if (!is_right || !reply.is_whole) {
     const std::lock_guard lock(mutex_);
     wrong_.push_back(request.method + " " + request.target + ": " + Outcome(reply));

@@ -43,9 +43,14 @@ class CLoad {
   void DripRead(Dice& dice);
   void StayHalfOpen(Dice& dice);
   void RunCommandLine(Dice& dice);
+  void DoSomethingByS3(Dice& dice, bool with_big_ones);
+  void PutInPartsByS3(Dice& dice, bool with_big_ones);
+  void StayAwayByS3(Dice& dice);
   // One request on a connection of its own.
   system_tests::Reply Ask(Dice& dice, const system_tests::Request& request);
+  system_tests::Reply AskS3(Dice& dice, const system_tests::Request& request);
   std::unique_ptr<system_tests::CConnection> Open(Dice& dice);
+  std::unique_ptr<system_tests::CConnection> OpenS3(Dice& dice, std::uint16_t& port);
   void Expect(const system_tests::Request& request, const system_tests::Reply& reply);
   static std::string Key(Dice& dice);
   static std::string Body(Dice& dice, std::size_t size);

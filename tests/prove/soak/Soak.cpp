@@ -83,6 +83,7 @@ class CSoak {
     system_tests::Launch launch;
     launch.program = options_.program;
     launch.with_https = true;
+    launch.with_s3 = true;
     launch.arguments = {"--keep-failed", "1", "--keep-removed", "0"};
     launch.environment = {{"LEAK", options_.leak}};
     if (!tansyd_.Start(launch)) {
@@ -164,9 +165,11 @@ class CSoak {
       bytes += error ? 0 : static_cast<double>(size);
       error.clear();
     }
-    const std::vector<std::string> rows =
-        system_tests::Query(tansyd_.Data("catalogue.db"),
-                            "SELECT COALESCE(SUM(size), 0) FROM local_object WHERE url LIKE '" + volume + "%'");
+    // What S3 made of parts has the bytes of its parts.
+    const std::string in_volume = " WHERE url LIKE '" + volume + "%'";
+    const std::vector<std::string> rows = system_tests::Query(
+        tansyd_.Data("catalogue.db"), "SELECT COALESCE(SUM(size), 0) FROM (SELECT size FROM local_object" + in_volume +
+                                          " UNION ALL SELECT size FROM local_upload_part" + in_volume + ")");
     return bytes - (rows.empty() ? 0 : std::stod(rows.front()));
   }
 
