@@ -9,6 +9,7 @@
 #include "Body.h"
 #include "History.h"
 #include "Linearisable.h"
+#include "NodeMemory.h"
 #include "Plan.h"
 
 namespace prove {
@@ -25,6 +26,14 @@ Operation Write(Version version, std::int64_t begun, std::int64_t ended) {
 }
 Operation Read(Version version, std::int64_t begun, std::int64_t ended) {
   return Op(EKind::kRead, version, begun, ended);
+}
+Operation Replace(Version expected, Version version, std::int64_t begun, std::int64_t ended) {
+  Operation operation = Op(EKind::kReplace, version, begun, ended);
+  operation.expected = expected;
+  return operation;
+}
+Operation SeeOther(Version version, std::int64_t begun, std::int64_t ended) {
+  return Op(EKind::kSeeOther, version, begun, ended);
 }
 Operation Perhaps(Operation operation) {
   operation.is_unknown = true;
@@ -74,6 +83,19 @@ TEST(CheckerTest, AnUnknownOutcomeIsOneOfTwo) {
   EXPECT_FALSE(CanBe({Write(kB, 0, 1), Perhaps(Write(kA, 2, 5)), Read(kAbsent, 6, 7)})) << "it loses what was there";
 }
 
+TEST(CheckerTest, AReplacementNeedsWhatItReplaces) {
+  EXPECT_TRUE(CanBe({Write(kA, 1, 2), Replace(kA, kB, 3, 4), Read(kB, 5, 6)}));
+  EXPECT_FALSE(CanBe({Write(kA, 1, 2), Write(kB, 3, 4), Replace(kA, 0x300, 5, 6)}));
+  EXPECT_FALSE(CanBe({Replace(kA, kB, 1, 2)})) << "there was nothing";
+  EXPECT_FALSE(CanBe({Write(kA, 1, 2), Replace(kA, kB, 3, 6), Replace(kA, 0x300, 4, 5)})) << "one of two fails";
+}
+
+TEST(CheckerTest, WhatIsNotThereIsSeen) {
+  EXPECT_TRUE(CanBe({Write(kA, 1, 2), SeeOther(kB, 3, 4)}));
+  EXPECT_TRUE(CanBe({SeeOther(kB, 3, 4)}));
+  EXPECT_FALSE(CanBe({Write(kA, 1, 2), SeeOther(kA, 3, 4)}));
+}
+
 TEST(CheckerTest, WhatAKeyMayHoldIsTakenOver) {
   Contents contents = {kAbsent};
   EXPECT_FALSE(FindContradiction({Write(kA, 1, 2), Perhaps(Write(kB, 3, 4))}, contents));
@@ -108,11 +130,50 @@ TEST(CheckerTest, LongHistoriesOfManyClients) {
 
 TEST(CheckerTest, TooManyAtOnceAreRefused) {
   std::vector<Operation> operations;
-  for (int i = 0; i < 65; ++i) {
+  for (int i = 0; i < 257; ++i) {
     operations.push_back(Write(kA, 1, 10));
   }
   Contents contents = {kAbsent};
   EXPECT_THROW(FindContradiction(operations, contents), std::length_error);
+}
+
+Operation At(int node, Operation operation) {
+  operation.node = node;
+  operation.is_from_memory = operation.kind == EKind::kRead && operation.version != kAbsent;
+  return operation;
+}
+
+bool CanBeOnNodes(const std::vector<Operation>& operations, std::int64_t lag) {
+  Contents contents = {kAbsent};
+  return !FindContradiction(AsPromised(operations, lag), contents) && !FindForgotten(operations);
+}
+
+TEST(NodeMemoryTest, AnotherNodeMayBeBehindForAWhile) {
+  const std::vector<Operation> writes = {At(0, Write(kA, 10, 20)), At(0, Write(kB, 30, 40))};
+  const auto with = [&writes](const Operation& read) {
+    std::vector<Operation> operations = writes;
+    operations.push_back(read);
+    return operations;
+  };
+  EXPECT_TRUE(CanBeOnNodes(with(At(1, Read(kA, 130, 140))), 100));
+  EXPECT_FALSE(CanBeOnNodes(with(At(1, Read(kA, 150, 160))), 100)) << "too late";
+  EXPECT_TRUE(CanBeOnNodes(with(At(1, Read(kB, 50, 60))), 100));
+  EXPECT_FALSE(CanBeOnNodes(with(At(1, Read(kAbsent, 50, 60))), 100)) << "it asks the database for that";
+  EXPECT_FALSE(CanBeOnNodes(with(At(0, Read(kA, 50, 60))), 100)) << "its own write";
+}
+
+TEST(NodeMemoryTest, WhatANodeHasShownItDoesNotForget) {
+  const std::vector<Operation> writes = {At(0, Write(kA, 10, 20)), At(0, Write(kB, 30, 40)), At(1, Read(kB, 41, 42))};
+  for (const int node : {1, 2}) {
+    std::vector<Operation> operations = writes;
+    operations.push_back(At(node, Read(kA, 43, 44)));
+    EXPECT_EQ(CanBeOnNodes(operations, 100), node == 2) << node;
+  }
+  // A removal is remembered like a write.
+  EXPECT_FALSE(CanBeOnNodes({At(0, Write(kA, 1, 2)), At(1, Write(kAbsent, 3, 4)), At(1, Read(kA, 5, 6))}, 100));
+  EXPECT_TRUE(CanBeOnNodes({At(0, Write(kA, 1, 2)), At(1, Write(kAbsent, 3, 4)), At(2, Read(kA, 5, 6))}, 100));
+  // Of two writes at one time nobody knows which is newer.
+  EXPECT_TRUE(CanBeOnNodes({At(0, Write(kA, 1, 9)), At(1, Write(kB, 2, 3)), At(1, Read(kA, 5, 6))}, 100));
 }
 
 TEST(HistoryTest, AFileSaysTheSame) {
@@ -122,6 +183,10 @@ TEST(HistoryTest, AFileSaysTheSame) {
   history.Forget();
   history.Add({"a", EKind::kRead, kA, 2, 3, 4, false});
   history.Add({"a", EKind::kWrite, kB, 2, 3, 4, true});
+  Operation replaced = {"c", EKind::kReplace, kB, 2, 3, 4, false, kA};
+  replaced.node = 2;
+  history.Add(replaced);
+  history.Add(At(1, {"c", EKind::kRead, kA, 2, 5, 6, false}));
   history.Add({"b", EKind::kRemove, kAbsent, 3, 5, 6, false});
   history.AddFault("a mix of versions");
   std::stringstream file;
@@ -129,7 +194,7 @@ TEST(HistoryTest, AFileSaysTheSame) {
   CHistory loaded;
   CHistory::Load(file, loaded);
   EXPECT_EQ(loaded.Check(), history.Check());
-  EXPECT_EQ(loaded.Check().size(), 2U);
+  EXPECT_EQ(loaded.Check().size(), 3U);
   EXPECT_EQ(loaded.GetContents("a"), (Contents{kA, kB}));
   std::istringstream damaged("operation a w");
   EXPECT_THROW(CHistory::Load(damaged, loaded), std::runtime_error);

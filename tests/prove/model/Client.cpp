@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -27,14 +28,32 @@ void CClient::Run(const std::vector<Step>& steps) {
   AgeUploads();
   std::vector<Step> all = std::exchange(left_, {});
   all.insert(all.end(), steps.begin(), steps.end());
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    if (world_.IsEnding() || !Do(all[i])) {
-      std::copy_if(all.begin() + static_cast<std::ptrdiff_t>(i), all.end(), std::back_inserter(left_),
-                   [this](const Step& step) { return step.upload != 0 && uploads_.count(step.upload) > 0; });
-      break;
+  std::set<std::uint64_t> cut_off;  // uploads whose later steps have to wait
+  bool is_over = false;
+  for (const Step& step : all) {
+    is_over = is_over || world_.AreAllEnding();
+    if (is_over || cut_off.count(step.upload) > 0) {
+      left_.push_back(step);
+      continue;
+    }
+    const int life = world_.GetLife(NodeOf(step));
+    was_busy_ = false;
+    if (Do(step) || was_busy_) {
+      continue;
+    }
+    // When only this node has ended, the others go on.
+    is_over = !IsExcused(NodeOf(step), life) || world_.GetNodes() == 1;
+    left_.push_back(step);
+    if (step.upload != 0) {
+      cut_off.insert(step.upload);
     }
   }
-  connection_.reset();
+  std::erase_if(left_, [this](const Step& step) { return step.upload == 0 || uploads_.count(step.upload) == 0; });
+  connections_.clear();
+}
+
+bool CClient::IsExcused(int node, int life) const {
+  return life % 2 != 0 || world_.GetLife(node) != life;
 }
 
 void CClient::AgeUploads() {
@@ -75,7 +94,7 @@ bool CClient::Do(const Step& step) {
       return PutPicture(step);
     case EAction::kGetPicture: {
       const std::vector<Picture> pictures = world_.GetPictures();
-      return pictures.empty() || GetPicture(pictures[step.begin % pictures.size()]);
+      return pictures.empty() || GetPicture(pictures[step.begin % pictures.size()], NodeOf(step));
     }
     case EAction::kMakeBucket:
       return MakeBucket();
@@ -87,6 +106,32 @@ bool CClient::Do(const Step& step) {
       return RemoveBucket();
     case EAction::kRenameBucket:
       return RenameBucket(step.version);
+    case EAction::kS3Put:
+      return PutByS3(step);
+    case EAction::kS3PutNew:
+      return PutNew(step);
+    case EAction::kS3PutSame:
+      return PutSame(step);
+    case EAction::kS3Get:
+      return GetByS3(step);
+    case EAction::kS3GetRange:
+      return GetRangeByS3(step);
+    case EAction::kS3Remove:
+      return RemoveByS3(step);
+    case EAction::kS3RemoveMany:
+      return RemoveMany(step);
+    case EAction::kS3List:
+      return List(step);
+    case EAction::kS3Copy:
+      return Copy(step);
+    case EAction::kS3UploadBegin:
+      return BeginUploadByS3(step);
+    case EAction::kS3UploadPart:
+      return SendPartByS3(step);
+    case EAction::kS3UploadEnd:
+      return EndUploadByS3(step);
+    case EAction::kS3UploadAbort:
+      return AbortUpload(step);
   }
   return true;
 }
@@ -94,16 +139,15 @@ bool CClient::Do(const Step& step) {
 bool CClient::Put(const Step& step) {
   const std::string key = HistoryKey(step.bucket, step.key);
   const Recipe recipe = {step.version, step.size, 0, {}};
-  world_.GetRecipes().Add(recipe);
-  world_.NoteSize(key, step.size, step.version);
+  Announce(key, recipe);
   // An upload into a bucket that goes meanwhile fails.
   const std::int64_t before = world_.Now();
-  const Answer answer = Ask({"PUT", Target(step), {}, MakeBody(recipe)}, step.bucket == kPassingBucket);
+  const Answer answer = Ask({"PUT", Target(step), {}, MakeBody(recipe)}, NodeOf(step), step.bucket == kPassingBucket);
   if (step.bucket == kPassingBucket && answer.Is(500) && world_.IsBucketRemovedSince(before)) {
     return true;
   }
   if (answer.state == EState::kAnswered && !NoteBucket(answer, step) && answer.reply.status != 200) {
-    world_.GetHistory().AddFault("PUT " + Target(step) + ": " + Outcome(answer.reply));
+    Surprise(answer, "PUT " + Target(step));
   } else if (answer.state == EState::kUnknown || answer.Is(200)) {
     Note(answer, key, EKind::kWrite, step.version);
   }
@@ -111,24 +155,24 @@ bool CClient::Put(const Step& step) {
 }
 
 bool CClient::PutRefused(const Step& step) {
-  if (connection_ == nullptr) {
-    return true;
-  }
+  const Place place = {NodeOf(step), EDoor::kObjects};
   const Recipe recipe = {step.version, step.size, 0, {}};
   const Request request =
       system_tests::Signed({"PUT", Target(step), {}, MakeBody(recipe)}, {"system-test-access", "x"});
-  const Answer answer = Receive(connection_, world_.GetServer().GetObjectPort(), request, false);
+  const Answer answer = Receive(place, request, false);
   if (answer.state == EState::kAnswered && answer.reply.status != 403 && !NoteBucket(answer, step)) {
-    Fault(request, "is answered " + Outcome(answer.reply) + " in spite of a wrong signature");
+    Surprise(answer, "PUT " + Target(step) + " with a wrong signature");
   }
   return answer.state == EState::kAnswered;
 }
 
 bool CClient::PutBrokenOff(const Step& step) {
-  const std::uint16_t port = world_.GetServer().GetObjectPort();
-  const auto connection = CConnection::Open(port, world_.GetServer().GetConnectOptions());
+  const Place place = {NodeOf(step), EDoor::kObjects};
+  const std::uint16_t port = PortOf(place);
+  const int life = world_.GetLife(place.node);
+  const auto connection = CConnection::Open(port, world_.GetServer(place.node).GetConnectOptions());
   if (connection == nullptr) {
-    Fault({"PUT", Target(step), {}, ""}, "no connection");
+    Fault(place, life, {"PUT", Target(step), {}, ""}, "no connection");
     return false;
   }
   const Request request =
@@ -140,36 +184,35 @@ bool CClient::PutBrokenOff(const Step& step) {
 }
 
 bool CClient::Get(const Step& step) {
-  const Answer answer = Ask({"GET", Target(step), {}, ""});
+  const Answer answer = Ask({"GET", Target(step), {}, ""}, NodeOf(step));
   if (answer.state == EState::kAnswered && !NoteBucket(answer, step)) {
-    NoteBytes(answer, step, 0, UINT64_MAX);
+    NoteBytes(answer, HistoryKey(step.bucket, step.key), 0, UINT64_MAX);
   }
   return answer.state == EState::kAnswered;
 }
 
 bool CClient::GetRange(const Step& step) {
   const std::string range = "bytes=" + std::to_string(step.begin) + "-" + std::to_string(step.end);
-  const Answer answer = Ask({"GET", Target(step), {{"Range", range}}, ""});
+  const Answer answer = Ask({"GET", Target(step), {{"Range", range}}, ""}, NodeOf(step));
   const bool is_beyond = answer.Is(400);
   if (answer.state == EState::kAnswered && !NoteBucket(answer, step) && !is_beyond) {
-    NoteBytes(answer, step, step.begin, step.end);
+    NoteBytes(answer, HistoryKey(step.bucket, step.key), step.begin, step.end);
   }
   return answer.state == EState::kAnswered;
 }
 
-void CClient::NoteBytes(const Answer& answer, const Step& step, std::uint64_t begin, std::uint64_t end) {
-  const std::string key = HistoryKey(step.bucket, step.key);
+Version CClient::NoteBytes(const Answer& answer, const std::string& key, std::uint64_t begin, std::uint64_t end) {
   const std::string& bytes = answer.reply.body;
   if (answer.reply.status == 404) {
     Note(answer, key, EKind::kRead, kAbsent);
-    return;
+    return kAbsent;
   }
-  if (answer.reply.status != 200) {
-    world_.GetHistory().AddFault("GET " + key + ": " + Outcome(answer.reply));
-    return;
+  if (answer.reply.status != 200 && answer.reply.status != 206) {
+    Surprise(answer, "GET " + key);
+    return kAbsent;
   }
   if (begin > 0 && bytes.size() < kSmallestPiece) {
-    return;  // the last bytes of an object, too few to tell it
+    return kAbsent;  // the last bytes of an object, too few to tell it
   }
   Recognised seen = Recognise(world_.GetRecipes(), bytes, begin);
   if (seen.fault.empty() && bytes.size() != std::min(end, seen.size) - begin) {
@@ -180,14 +223,15 @@ void CClient::NoteBytes(const Answer& answer, const Step& step, std::uint64_t be
     text << "GET " << key << " from " << begin << " on, between " << answer.begun << " and " << answer.ended
          << " ns: " << seen.fault;
     world_.GetHistory().AddFault(text.str());
-    return;
+    return kAbsent;
   }
   Note(answer, key, EKind::kRead, seen.version);
+  return seen.version;
 }
 
 bool CClient::GetSize(const Step& step) {
   const std::string key = HistoryKey(step.bucket, step.key);
-  const Answer answer = Ask({"GET", Target(step) + "?metadata", {}, ""});
+  const Answer answer = Ask({"GET", Target(step) + "?metadata", {}, ""}, NodeOf(step));
   if (answer.state != EState::kAnswered || NoteBucket(answer, step)) {
     return answer.state == EState::kAnswered;
   }
@@ -207,7 +251,7 @@ bool CClient::GetSize(const Step& step) {
 
 bool CClient::Remove(const Step& step, bool with_bytes) {
   const std::string key = HistoryKey(step.bucket, step.key);
-  const Answer answer = Ask({"DELETE", Target(step) + (with_bytes ? "?deletefile" : ""), {}, ""});
+  const Answer answer = Ask({"DELETE", Target(step) + (with_bytes ? "?deletefile" : ""), {}, ""}, NodeOf(step));
   if (answer.state == EState::kUnknown) {
     Note(answer, key, EKind::kWrite, kAbsent);
   } else if (answer.state == EState::kAnswered && !NoteBucket(answer, step)) {
@@ -218,48 +262,73 @@ bool CClient::Remove(const Step& step, bool with_bytes) {
     } else if (Outcome(answer.reply) == "404 NoSuchKey") {
       Note(answer, key, EKind::kRead, kAbsent);
     } else {
-      world_.GetHistory().AddFault("DELETE " + Target(step) + ": " + Outcome(answer.reply));
+      Surprise(answer, "DELETE " + Target(step));
     }
   }
   return answer.state == EState::kAnswered;
 }
 
 void CClient::LookAtEverything(const std::vector<std::string>& buckets) {
-  for (const std::string& bucket : buckets) {
-    for (const std::string& key : KeysOf(bucket)) {
-      Step step;
+  Step step;
+  for (int node = 0; node < world_.GetNodes(); ++node) {
+    step.place = static_cast<std::size_t>(node);
+    for (const std::string& bucket : buckets) {
       step.bucket = bucket;
-      step.key = key;
-      GetSize(step);
-      Get(step);
+      for (const std::string& key : KeysOf(bucket)) {
+        step.key = key;
+        GetSize(step);
+        Get(step);
+      }
     }
   }
   const std::vector<Picture> pictures = world_.GetPictures();
   const std::size_t stride = std::max<std::size_t>(1, pictures.size() / kPicturesToLookAt);
   for (std::size_t i = 0; i < pictures.size(); i += stride) {
-    GetPicture(pictures[pictures.size() - 1 - i]);
+    GetPicture(pictures[pictures.size() - 1 - i], static_cast<int>(i) % world_.GetNodes());
   }
-  connection_.reset();
+  connections_.clear();
 }
 
-CClient::Answer CClient::Ask(const Request& request, bool may_fail) {
-  return Receive(connection_, world_.GetServer().GetObjectPort(), system_tests::Signed(request), may_fail);
+CClient::Answer CClient::Ask(const Request& request, int node, bool may_fail) {
+  return Receive({node, EDoor::kObjects}, system_tests::Signed(request), may_fail);
 }
 
-CClient::Answer CClient::AskForPicture(const Request& request) {
-  std::unique_ptr<CConnection> connection;
-  return Receive(connection, world_.GetServer().GetPicturePort(), request, false);
+CClient::Answer CClient::AskForPicture(const Request& request, int node) {
+  const Place place = {node, EDoor::kPictures};
+  const Answer answer = Receive(place, request, false);
+  connections_.erase(place);
+  return answer;
 }
 
-CClient::Answer CClient::Receive(std::unique_ptr<CConnection>& connection, std::uint16_t port, const Request& request,
-                                 bool may_fail) {
+std::uint16_t CClient::PortOf(const Place& place) {
+  const IServer& server = world_.GetServer(place.node);
+  switch (place.door) {
+    case EDoor::kPictures:
+      return server.GetPicturePort();
+    case EDoor::kS3:
+      return server.GetS3Port();
+    case EDoor::kObjects:
+      break;
+  }
+  return server.GetObjectPort();
+}
+
+CClient::Answer CClient::Receive(const Place& place, const Request& request, bool may_fail) {
+  const std::uint16_t port = PortOf(place);
+  const int life = world_.GetLife(place.node);
+  if (connections_[place].life != life) {
+    connections_.erase(place);  // the server that it led to has ended meanwhile
+  }
+  std::unique_ptr<CConnection>& connection = connections_[place].open;
   Answer answer;
+  answer.node = place.node;
   if (connection == nullptr) {
-    connection = CConnection::Open(port, world_.GetServer().GetConnectOptions());
+    connection = CConnection::Open(port, world_.GetServer(place.node).GetConnectOptions());
     if (connection == nullptr) {
-      Fault(request, "no connection");
+      Fault(place, life, request, "no connection");
       return answer;
     }
+    connections_[place].life = life;
   }
   answer.begun = world_.Now();
   connection->Send(system_tests::Serialize(request, port));
@@ -268,17 +337,21 @@ CClient::Answer CClient::Receive(std::unique_ptr<CConnection>& connection, std::
   if (answer.reply.status == 0 || !answer.reply.is_whole) {
     answer.state = EState::kUnknown;
     const auto taken = std::chrono::nanoseconds(answer.ended - answer.begun) + kTimerSlack;
-    Fault(request, taken >= world_.GetPatience() ? "no answer within its time"
-                   : answer.reply.status == 0    ? "the connection ended without an answer"
-                                                 : "the connection ended in the middle of the answer");
+    Fault(place, life, request,
+          taken >= world_.GetPatience() ? "no answer within its time"
+          : answer.reply.status == 0    ? "the connection ended without an answer"
+                                        : "the connection ended in the middle of the answer");
     connection.reset();
     return answer;
   }
   world_.CountAnswer();
-  const bool is_failure = answer.reply.status >= 500 && (!may_fail || world_.IsEnding());
+  was_busy_ = answer.reply.status == 503 && world_.GetNodes() > 1;
+  const bool is_failure = answer.reply.status >= 500 && (!may_fail || IsExcused(place.node, life));
   answer.state = is_failure ? EState::kUnknown : EState::kAnswered;
-  if (is_failure) {
-    Fault(request, "is answered " + Outcome(answer.reply));
+  if (was_busy_) {
+    world_.CountBusy();
+  } else if (is_failure) {
+    Fault(place, life, request, "is answered " + Outcome(answer.reply));
   }
   if (answer.reply.Header("Connection") == "close") {
     connection.reset();
@@ -286,15 +359,34 @@ CClient::Answer CClient::Receive(std::unique_ptr<CConnection>& connection, std::
   return answer;
 }
 
-void CClient::Fault(const Request& request, const std::string& what) {
-  if (!world_.IsEnding()) {
+void CClient::Fault(const Place& place, int life, const Request& request, const std::string& what) {
+  if (!IsExcused(place.node, life)) {
     world_.GetHistory().AddFault("client " + std::to_string(number_) + ", " + request.method + " " + request.target +
-                                 " at " + std::to_string(world_.Now()) + " ns: " + what);
+                                 " at node " + std::to_string(place.node) + " at " + std::to_string(world_.Now()) +
+                                 " ns: " + what);
   }
 }
 
+void CClient::Announce(const std::string& key, const Recipe& recipe) {
+  world_.GetRecipes().Add(recipe);
+  world_.NoteSize(key, recipe.size, recipe.version);
+}
+
+void CClient::Surprise(const Answer& answer, const std::string& what) {
+  world_.GetHistory().AddFault("client " + std::to_string(number_) + ", " + what + " at node " +
+                               std::to_string(answer.node) + " at " + std::to_string(answer.ended) +
+                               " ns: " + Outcome(answer.reply));
+}
+
 void CClient::Note(const Answer& answer, const std::string& key, EKind kind, Version version) {
-  const Operation operation = {key, kind, version, number_, answer.begun, answer.ended, false};
+  Operation operation = {key, kind, version, number_, answer.begun, answer.ended, false, kAbsent, answer.node};
+  // Of what it does not know a node asks the database.
+  operation.is_from_memory =
+      kind == EKind::kSee || kind == EKind::kSeeOther || (kind == EKind::kRead && version != kAbsent);
+  Note(answer, operation);
+}
+
+void CClient::Note(const Answer& answer, const Operation& operation) {
   if (answer.state == EState::kUnknown) {
     world_.AddUnknown(operation);
   } else {

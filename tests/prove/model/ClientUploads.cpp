@@ -27,9 +27,12 @@ std::string CompletionXml(const Step& step) {
 
 bool CClient::BeginUpload(const Step& step) {
   const std::int64_t clock = world_.GetClock();
-  const Answer answer = Ask({"POST", Target(step) + "?uploads", {}, ""});
+  const Answer answer = Ask({"POST", Target(step) + "?uploads", {}, ""}, NodeOf(step));
   if (answer.Is(200)) {
-    uploads_[step.upload] = {system_tests::XmlValue(answer.reply.body, "UploadId"), std::min(clock, world_.GetClock())};
+    Upload upload;
+    upload.id = system_tests::XmlValue(answer.reply.body, "UploadId");
+    upload.least_clock = std::min(clock, world_.GetClock());
+    uploads_[step.upload] = upload;
   }
   return answer.state == EState::kAnswered;
 }
@@ -45,12 +48,14 @@ bool CClient::SendPart(const Step& step) {
   const Recipe recipe = {step.version, step.size, step.size, {step.sending}};
   const std::string query = "?upload_id=" + upload->second.id + "&part_number=" + std::to_string(step.part + 1);
   const Answer answer =
-      Ask({"POST", Target(step) + query, {}, MakeBody(recipe, begin, size)}, upload->second.may_be_swept);
+      Ask({"POST", Target(step) + query, {}, MakeBody(recipe, begin, size)}, NodeOf(step), upload->second.may_be_swept);
   // The part's row has the time of now.
   upload->second.least_clock = std::min({upload->second.least_clock, clock, world_.GetClock()});
-  if (answer.state == EState::kAnswered && answer.reply.status != 200) {
+  if (was_busy_) {
+    uploads_.erase(upload);  // nobody knows which sending counts
+  } else if (answer.state == EState::kAnswered && answer.reply.status != 200) {
     if (!upload->second.may_be_swept) {
-      world_.GetHistory().AddFault("POST " + Target(step) + query + ": " + Outcome(answer.reply));
+      Surprise(answer, "POST " + Target(step) + query);
     }
     uploads_.erase(upload);
   }
@@ -63,15 +68,13 @@ bool CClient::EndUpload(const Step& step) {
     return true;
   }
   const std::string key = HistoryKey(step.bucket, step.key);
-  world_.GetRecipes().Add({step.version, step.size, step.part_size, step.sendings});
-  world_.NoteSize(key, step.size, step.version);
+  Announce(key, {step.version, step.size, step.part_size, step.sendings});
   const Answer answer = Ask({"POST", Target(step) + "?upload_id=" + upload->second.id, {}, CompletionXml(step)},
-                            upload->second.may_be_swept);
+                            NodeOf(step), upload->second.may_be_swept);
   if (answer.state == EState::kUnknown || answer.Is(200)) {
     Note(answer, key, EKind::kWrite, step.version);
   } else if (answer.state == EState::kAnswered && !upload->second.may_be_swept && !upload->second.may_be_complete) {
-    world_.GetHistory().AddFault("completion of " + key + ", upload " + upload->second.id + ": " +
-                                 Outcome(answer.reply));
+    Surprise(answer, "completion of " + key + ", upload " + upload->second.id);
   }
   upload->second.may_be_complete = upload->second.may_be_complete || answer.state == EState::kUnknown;
   if (answer.state == EState::kAnswered) {
@@ -85,15 +88,15 @@ bool CClient::PutPicture(const Step& step) {
   world_.GetRecipes().Add(recipe);
   const std::string boundary = "----boundary-that-no-record-has";
   const std::string body = system_tests::FormBody(boundary, system_tests::PictureFields(MakeBody(recipe)));
-  const Answer answer = AskForPicture(system_tests::FormRequest(boundary, body));
+  const Answer answer = AskForPicture(system_tests::FormRequest(boundary, body), NodeOf(step));
   if (answer.Is(200)) {
     world_.AddPicture({system_tests::JsonText(answer.reply.body, "PictureUrl"), step.version});
   }
   return answer.state == EState::kAnswered;
 }
 
-bool CClient::GetPicture(const Picture& picture) {
-  const Answer answer = AskForPicture(system_tests::Signed({"GET", picture.address, {}, ""}));
+bool CClient::GetPicture(const Picture& picture, int node) {
+  const Answer answer = AskForPicture(system_tests::Signed({"GET", picture.address, {}, ""}), node);
   if (answer.state == EState::kAnswered) {
     const Recognised seen = Recognise(world_.GetRecipes(), answer.reply.body, 0);
     if (!seen.fault.empty() || seen.version != picture.version || seen.size != answer.reply.body.size()) {

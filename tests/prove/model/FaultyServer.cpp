@@ -6,10 +6,13 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <utility>
 
 namespace prove {
 namespace {
+
+constexpr std::chrono::milliseconds kMemory{300};  // less than nodes may be behind
 
 std::string HeaderOf(const std::string& head, const std::string& name) {
   const std::size_t begin = head.find("\r\n" + name + ": ");
@@ -26,6 +29,10 @@ bool ReadMore(int socket, std::string& pending) {
   const ssize_t size = ::recv(socket, buffer, sizeof buffer, 0);
   pending.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
   return size > 0;
+}
+
+std::string TagOf(const std::string& bytes) {
+  return '"' + std::to_string(std::hash<std::string>()(bytes)) + '"';
 }
 
 std::string NotFound() {
@@ -49,9 +56,10 @@ bool CFaultyServer::Start() {
   }
   port_ = ntohs(address.sin_port);
   {
-    const std::lock_guard lock(mutex_);
-    objects_ = durable_;
-    replaced_.clear();
+    const std::lock_guard lock(store_.mutex);
+    store_.objects = store_.durable;
+    store_.replaced.clear();
+    memory_.clear();
   }
   acceptor_ = std::thread([this] { Listen(); });
   return true;
@@ -87,9 +95,9 @@ void CFaultyServer::Kill() {
 
 bool CFaultyServer::Stop() {
   Kill();
-  const std::lock_guard lock(mutex_);
-  if (defect_ == EDefect::kAnswerBeforeCommit) {
-    durable_ = objects_;  // an orderly end loses nothing
+  const std::lock_guard lock(store_.mutex);
+  if (store_.defect == EDefect::kAnswerBeforeCommit) {
+    store_.durable = store_.objects;  // an orderly end loses nothing
   }
   return true;
 }
@@ -140,27 +148,49 @@ bool CFaultyServer::ReadRequest(int socket, std::string& pending, Asked& asked) 
   asked.path = text.substr(0, text.find('?'));
   asked.query = text.find('?') == std::string::npos ? "" : text.substr(text.find('?') + 1);
   asked.range = HeaderOf(head, "Range");
+  asked.if_match = HeaderOf(head, "If-Match");
+  asked.if_new = !HeaderOf(head, "If-None-Match").empty();
+  asked.is_s3 = !HeaderOf(head, "x-amz-date").empty();
   asked.body = pending.substr(head_end + 4, length);
   pending.erase(0, head_end + 4 + length);
   return true;
 }
 
-bool CFaultyServer::IsNow(EDefect defect, int one_in) {
-  return defect == defect_ && ++counter_ % one_in == 0;
+void CFaultyStore::Commit(const std::string& path) {
+  const auto found = objects.find(path);
+  if (found == objects.end()) {
+    durable.erase(path);
+  } else {
+    durable[path] = found->second;
+  }
 }
 
-void CFaultyServer::Commit(const std::string& path) {
-  const auto found = objects_.find(path);
-  if (found == objects_.end()) {
-    durable_.erase(path);
-  } else {
-    durable_[path] = found->second;
+CFaultyServer::Bytes CFaultyServer::Find(const std::string& path) {
+  const auto now = std::chrono::steady_clock::now();
+  const auto known = memory_.find(path);
+  const bool is_old = store_.defect == EDefect::kOldMemory && path.back() == '3';
+  if (is_node_ && known != memory_.end() && (is_old || now - known->second.since < kMemory)) {
+    return known->second.bytes;
+  }
+  const auto found = store_.objects.find(path);
+  const Bytes bytes = found == store_.objects.end() ? nullptr : found->second;
+  if (bytes != nullptr || store_.defect == EDefect::kNewOneNotFound) {
+    memory_[path] = {bytes, now};
+  }
+  return bytes;
+}
+
+void CFaultyServer::Remember(const std::string& path, const Bytes& bytes) {
+  if (bytes == nullptr) {
+    memory_.erase(path);
+  } else if (!store_.IsNow(EDefect::kOwnWriteForgotten, 5)) {
+    memory_[path] = {bytes, std::chrono::steady_clock::now()};
   }
 }
 
 std::string CFaultyServer::Answer(const Asked& asked) {
-  const std::lock_guard lock(mutex_);
-  if (IsNow(EDefect::kLostWakeUp, 100)) {
+  const std::lock_guard lock(store_.mutex);
+  if (store_.IsNow(EDefect::kLostWakeUp, 100)) {
     return "";
   }
   if (asked.method == "PUT") {
@@ -169,57 +199,72 @@ std::string CFaultyServer::Answer(const Asked& asked) {
   return asked.method == "DELETE" ? Remove(asked) : Get(asked);
 }
 
+bool CFaultyServer::IsMet(const Asked& asked) {
+  const auto found = store_.objects.find(asked.path);
+  const bool is_there = found != store_.objects.end();
+  const bool is_met =
+      (!asked.if_new || !is_there) && (asked.if_match.empty() || (is_there && TagOf(*found->second) == asked.if_match));
+  return is_met || store_.IsNow(EDefect::kConditionIgnored, 3);
+}
+
 std::string CFaultyServer::Put(const Asked& asked) {
-  Bytes& object = objects_[asked.path];
-  if (object == nullptr || !IsNow(EDefect::kLostUpdate, 20)) {
-    replaced_[asked.path] = object;
+  if (!IsMet(asked)) {
+    return MakeAnswer("412 Precondition Failed", "");
+  }
+  Bytes& object = store_.objects[asked.path];
+  if (object == nullptr || !store_.IsNow(EDefect::kLostUpdate, 20)) {
+    store_.replaced[asked.path] = object;
     object = std::make_shared<const std::string>(asked.body);
   }
-  if (!IsNow(EDefect::kAnswerBeforeCommit, 4)) {
-    Commit(asked.path);
+  Remember(asked.path, object);
+  if (!store_.IsNow(EDefect::kAnswerBeforeCommit, 4)) {
+    store_.Commit(asked.path);
   }
   return MakeAnswer("200 OK", "");
 }
 
 std::string CFaultyServer::Get(const Asked& asked) {
-  const auto found = objects_.find(asked.path);
-  if (found == objects_.end()) {
+  const Bytes found = Find(asked.path);
+  if (found == nullptr) {
     // The bucket of the runs is always there.
     return asked.path.find('/', 1) == std::string::npos ? MakeAnswer("200 OK", "") : NotFound();
   }
-  std::string bytes = *found->second;
-  const Bytes before = replaced_[asked.path];
-  if (before != nullptr && IsNow(EDefect::kStaleRead, 10)) {
+  std::string bytes = *found;
+  const Bytes before = store_.replaced[asked.path];
+  if (before != nullptr && store_.IsNow(EDefect::kStaleRead, 10)) {
     bytes = *before;
   }
-  if (before != nullptr && IsNow(EDefect::kMixedVersions, 10)) {
+  if (before != nullptr && store_.IsNow(EDefect::kMixedVersions, 10)) {
     const std::size_t half = std::min(before->size(), bytes.size()) / 2;
     bytes.replace(0, half, *before, 0, half);
   }
+  const std::string tag = "ETag: " + TagOf(bytes) + "\r\n";
   if (asked.query == "metadata") {
     return MakeAnswer("200 OK", "", "Object-Size: " + std::to_string(bytes.size()) + "\r\n");
   }
   if (!asked.range.empty()) {
     const std::size_t dash = asked.range.find('-');
     const std::size_t begin = std::strtoull(asked.range.c_str() + 6, nullptr, 10);
-    const std::size_t end = std::strtoull(asked.range.c_str() + dash + 1, nullptr, 10);
+    const std::size_t end = std::strtoull(asked.range.c_str() + dash + 1, nullptr, 10) + (asked.is_s3 ? 1 : 0);
     if (begin >= bytes.size()) {
-      return MakeAnswer("400 Bad Request", "<Error><Code>InvalidHttpContent</Code></Error>");
+      return asked.is_s3 ? MakeAnswer("416 Range Not Satisfiable", "")
+                         : MakeAnswer("400 Bad Request", "<Error><Code>InvalidHttpContent</Code></Error>");
     }
     bytes = bytes.substr(begin, end - begin);
   }
-  return MakeAnswer("200 OK", bytes);
+  return MakeAnswer("200 OK", bytes, tag);
 }
 
 std::string CFaultyServer::Remove(const Asked& asked) {
-  if (objects_.erase(asked.path) == 0) {
-    return NotFound();
+  const bool was_there = store_.objects.erase(asked.path) > 0;
+  Remember(asked.path, nullptr);
+  if (was_there) {
+    store_.replaced.erase(asked.path);
+    if (!store_.IsNow(EDefect::kForgottenRemoval, 4)) {
+      store_.Commit(asked.path);
+    }
   }
-  replaced_.erase(asked.path);
-  if (!IsNow(EDefect::kForgottenRemoval, 4)) {
-    Commit(asked.path);
-  }
-  return MakeAnswer("200 OK", "");
+  return asked.is_s3 ? MakeAnswer("204 No Content", "") : was_there ? MakeAnswer("200 OK", "") : NotFound();
 }
 
 }  // namespace prove

@@ -6,11 +6,16 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "NodeMemory.h"
+
 namespace prove {
 namespace {
 
-// The letters of the operations in a file; a question mark behind one says that its outcome is unknown.
-constexpr char kLetters[] = {'w', 'c', 'x', 'r', 's'};
+// The letters of the operations in a file, and the signs that may stand behind one.
+constexpr char kLetters[] = {'w', 'c', 'x', 'r', 's', 'p', 'o'};
+
+constexpr char kUnknown = '?';
+constexpr char kFromMemory = 'm';
 
 Contents Or(const std::map<std::string, Contents>& contents, const std::string& key) {
   const auto found = contents.find(key);
@@ -18,7 +23,8 @@ Contents Or(const std::map<std::string, Contents>& contents, const std::string& 
 }
 
 EKind KindOf(char letter) {
-  for (const EKind kind : {EKind::kWrite, EKind::kCreate, EKind::kRemove, EKind::kRead, EKind::kSee}) {
+  for (const EKind kind :
+       {EKind::kWrite, EKind::kCreate, EKind::kRemove, EKind::kRead, EKind::kSee, EKind::kReplace, EKind::kSeeOther}) {
     if (kLetters[static_cast<std::size_t>(kind)] == letter) {
       return kind;
     }
@@ -30,12 +36,13 @@ Operation ParseOperation(std::istream& line) {
   Operation operation;
   std::string letters;
   line >> operation.key >> letters >> std::hex >> operation.version >> std::dec >> operation.client >>
-      operation.begun >> operation.ended;
+      operation.begun >> operation.ended >> std::hex >> operation.expected >> std::dec >> operation.node;
   if (!line || letters.empty()) {
     throw std::runtime_error("an operation is incomplete");
   }
   operation.kind = KindOf(letters[0]);
-  operation.is_unknown = letters.size() > 1;
+  operation.is_unknown = letters.find(kUnknown) != std::string::npos;
+  operation.is_from_memory = letters.find(kFromMemory) != std::string::npos;
   return operation;
 }
 
@@ -58,8 +65,11 @@ std::vector<std::string> CHistory::Check() {
   after_ = before_;
   for (const auto& [key, operations] : operations_) {
     Contents contents = Or(before_, key);
-    if (const auto contradiction = FindContradiction(operations, contents)) {
+    if (const auto contradiction = FindContradiction(AsPromised(operations, lag_), contents)) {
       wrong.push_back(Describe(*contradiction));
+    }
+    if (const auto forgotten = FindForgotten(operations)) {
+      wrong.push_back(Describe(*forgotten));
     }
     after_[key] = contents;
   }
@@ -74,6 +84,7 @@ void CHistory::Forget() {
 
 void CHistory::Save(std::ostream& out) const {
   const std::lock_guard lock(mutex_);
+  out << "lag " << lag_ << '\n';
   for (const auto& [key, contents] : before_) {
     out << "before " << key << std::hex;
     for (const Version version : contents) {
@@ -84,8 +95,10 @@ void CHistory::Save(std::ostream& out) const {
   for (const auto& [key, operations] : operations_) {
     for (const Operation& operation : operations) {
       out << "operation " << key << ' ' << kLetters[static_cast<std::size_t>(operation.kind)]
-          << (operation.is_unknown ? "? " : " ") << std::hex << operation.version << std::dec << ' ' << operation.client
-          << ' ' << operation.begun << ' ' << operation.ended << '\n';
+          << (operation.is_unknown ? std::string(1, kUnknown) : "")
+          << (operation.is_from_memory ? std::string(1, kFromMemory) : "") << ' ' << std::hex << operation.version
+          << std::dec << ' ' << operation.client << ' ' << operation.begun << ' ' << operation.ended << ' ' << std::hex
+          << operation.expected << std::dec << ' ' << operation.node << '\n';
     }
   }
   for (const std::string& fault : faults_) {
@@ -100,6 +113,8 @@ void CHistory::Load(std::istream& in, CHistory& history) {
     line >> word;
     if (word == "operation") {
       history.Add(ParseOperation(line));
+    } else if (word == "lag") {
+      line >> history.lag_;
     } else if (word == "fault") {
       history.AddFault(text.substr(word.size() + 1));
     } else if (word == "before") {

@@ -3,6 +3,7 @@
 #define TANSY_TESTS_PROVE_MODEL_HISTORY_H
 
 #include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 #include <map>
 #include <mutex>
@@ -17,6 +18,8 @@ namespace prove {
 // Since the last look at which nothing was under way. Any thread may add to it.
 class CHistory {
  public:
+  // Several nodes: what one remembers of a key may be this many nanoseconds behind. To be called first.
+  void SetLag(std::int64_t lag) { lag_ = lag; }
   void Add(const Operation& operation);
   // What is wrong by itself, whatever else happened: an answer that must not be, a mix of versions, no answer.
   void AddFault(const std::string& fault);
@@ -37,6 +40,7 @@ class CHistory {
   std::size_t GetCount() const;
 
  private:
+  std::int64_t lag_ = 0;
   mutable std::mutex mutex_;
   std::map<std::string, std::vector<Operation>> operations_;
   std::vector<std::string> faults_;

@@ -11,12 +11,26 @@
 namespace prove {
 namespace {
 
-constexpr std::size_t kMostOpen = 64;
+constexpr std::size_t kMostOpen = 256;
+constexpr std::size_t kBits = 64;
+
+// Which of the open operations have taken effect, by their places.
+class CEffective {
+ public:
+  bool Has(std::size_t place) const { return (words_[place / kBits] >> (place % kBits) & 1) != 0; }
+  void Add(std::size_t place) { words_[place / kBits] |= std::uint64_t{1} << (place % kBits); }
+  void Remove(std::size_t place) { words_[place / kBits] &= ~(std::uint64_t{1} << (place % kBits)); }
+
+  friend auto operator<=>(const CEffective&, const CEffective&) = default;
+
+ private:
+  std::array<std::uint64_t, kMostOpen / kBits> words_ = {};
+};
 
 // What may be the case at one moment: the key's content, and which of the open operations have taken effect.
 struct Situation {
   Version content;
-  std::uint64_t effective;  // one bit per open operation, by its place
+  CEffective effective;
 
   friend auto operator<=>(const Situation&, const Situation&) = default;
 };
@@ -50,51 +64,53 @@ bool CanHappen(const Operation& operation, Version content) {
       return content != kAbsent;
     case EKind::kCreate:
       return content == kAbsent;
+    case EKind::kReplace:
+      return content == operation.expected;
+    case EKind::kSeeOther:
+      return content != operation.version;
     case EKind::kWrite:
       break;
   }
   return true;
 }
 
-Version After(const Operation& operation, Version content) {
-  switch (operation.kind) {
-    case EKind::kRead:
-    case EKind::kSee:
-      return content;
-    case EKind::kRemove:
-      return kAbsent;
-    case EKind::kCreate:
-    case EKind::kWrite:
-      break;
-  }
-  return operation.version;
+bool IsRead(const Operation& operation) {
+  return operation.kind == EKind::kRead || operation.kind == EKind::kSee || operation.kind == EKind::kSeeOther;
+}
+
+Version After(const Operation& operation) {
+  return operation.kind == EKind::kRemove ? kAbsent : operation.version;
 }
 
 class CSearch {
  public:
   explicit CSearch(const Contents& contents) {
     for (const Version content : contents) {
-      situations_.insert({content, 0});
+      situations_.insert({content, {}});
     }
   }
 
   void Begin(const Operation& operation) {
     const auto place = std::find(open_.begin(), open_.end(), nullptr);
-    if (place == open_.end()) {
+    if (place == open_.end() && open_.size() == kMostOpen) {
       throw std::length_error("too many operations on one key are open at one moment");
     }
-    *place = &operation;
+    if (place == open_.end()) {
+      open_.push_back(&operation);
+    } else {
+      *place = &operation;
+    }
   }
 
   // False when the operation cannot have happened.
   bool End(const Operation& operation) {
     const auto place = static_cast<std::size_t>(std::find(open_.begin(), open_.end(), &operation) - open_.begin());
-    const std::uint64_t bit = std::uint64_t{1} << place;
     LetOpenOnesHappen();
     std::set<Situation> left;
-    for (const Situation& situation : situations_) {
-      if ((situation.effective & bit) != 0 || operation.is_unknown) {
-        left.insert({situation.content, situation.effective & ~bit});
+    for (Situation situation : situations_) {
+      if (situation.effective.Has(place) || operation.is_unknown) {
+        situation.effective.Remove(place);
+        left.insert(situation);
       }
     }
     if (left.empty()) {
@@ -117,25 +133,38 @@ class CSearch {
   // Adds every situation that the open operations can lead to, in any order of them.
   void LetOpenOnesHappen() {
     std::vector<Situation> new_ones(situations_.begin(), situations_.end());
+    situations_.clear();
     while (!new_ones.empty()) {
-      const Situation from = new_ones.back();
+      Situation from = new_ones.back();
       new_ones.pop_back();
-      for (std::size_t place = 0; place < kMostOpen; ++place) {
-        const std::uint64_t bit = std::uint64_t{1} << place;
+      LetReadsHappen(from);
+      if (!situations_.insert(from).second) {
+        continue;
+      }
+      for (std::size_t place = 0; place < open_.size(); ++place) {
         const Operation* operation = open_[place];
-        if (operation == nullptr || (from.effective & bit) != 0 || !CanHappen(*operation, from.content)) {
-          continue;
-        }
-        const Situation to = {After(*operation, from.content), from.effective | bit};
-        if (situations_.insert(to).second) {
+        if (operation != nullptr && !from.effective.Has(place) && CanHappen(*operation, from.content)) {
+          Situation to = {After(*operation), from.effective};
+          to.effective.Add(place);
           new_ones.push_back(to);
         }
       }
     }
   }
 
+  // A read that can happen now may as well: it changes nothing, and whatever is possible without it is possible with
+  // it.
+  void LetReadsHappen(Situation& situation) const {
+    for (std::size_t place = 0; place < open_.size(); ++place) {
+      const Operation* operation = open_[place];
+      if (operation != nullptr && IsRead(*operation) && CanHappen(*operation, situation.content)) {
+        situation.effective.Add(place);
+      }
+    }
+  }
+
   std::set<Situation> situations_;
-  std::array<const Operation*, kMostOpen> open_ = {};
+  std::vector<const Operation*> open_;  // null: the place is free
 };
 
 std::string Name(Version version) {
@@ -163,12 +192,16 @@ std::optional<Contradiction> FindContradiction(std::vector<Operation> operations
 }
 
 std::string Describe(const Operation& operation) {
-  static constexpr std::array<const char*, 5> kKinds = {"wrote", "made", "removed what was there", "read",
-                                                        "found something"};
+  static constexpr std::array<const char*, 7> kKinds = {
+      "wrote", "made", "removed what was there", "read", "found something", "replaced", "found something else than"};
   std::ostringstream text;
-  text << "client " << operation.client << ' ' << kKinds[static_cast<std::size_t>(operation.kind)];
+  text << "client " << operation.client << (operation.node == 0 ? "" : " at node " + std::to_string(operation.node))
+       << ' ' << kKinds[static_cast<std::size_t>(operation.kind)];
   if (operation.kind != EKind::kRemove && operation.kind != EKind::kSee) {
-    text << ' ' << Name(operation.version);
+    text << ' ' << Name(operation.kind == EKind::kReplace ? operation.expected : operation.version);
+  }
+  if (operation.kind == EKind::kReplace) {
+    text << " by " << Name(operation.version);
   }
   text << (operation.is_unknown ? " (perhaps)" : "") << " between " << operation.begun << " and " << operation.ended
        << " ns";

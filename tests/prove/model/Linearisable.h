@@ -26,7 +26,7 @@ struct Contradiction {
 };
 
 // Looks at all operations on one key, in any order. `contents` is what the key may hold before the first one, and
-// becomes what it may hold after the last one. At most 64 operations may be open at one moment; more throw
+// becomes what it may hold after the last one. At most 256 operations may be open at one moment; more throw
 // std::length_error.
 std::optional<Contradiction> FindContradiction(std::vector<Operation> operations, Contents& contents);
 

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "History.h"
+#include "ModelServers.h"
 #include "Run.h"
 #include "TansydServer.h"
 #include "fakes/TempFolder.h"
@@ -36,19 +37,26 @@ int LookAtHistory(const std::string& path) {
   return wrong.empty() ? 0 : kWrong;
 }
 
-int Run(const prove::RunOptions& options, prove::TansydOptions tansyd, const std::string& durability) {
-  std::cout << "model: seed " << options.seed << ", durability " << durability << (tansyd.tls ? ", HTTPS" : "")
-            << std::endl;
+struct Where {
+  std::string database = "sqlite";
+  std::string storage = "file";
+  std::size_t nodes = 1;
+};
+
+int Run(prove::RunOptions options, prove::TansydOptions tansyd, const std::string& durability, const Where& where) {
+  std::cout << "model: seed " << options.seed << ", " << where.database << " and " << where.storage << ", "
+            << where.nodes << (where.nodes == 1 ? " server" : " nodes") << ", durability " << durability
+            << (tansyd.tls ? ", HTTPS" : "") << std::endl;
   tansyd.arguments = {"--durability", durability, "--keep-failed", "1", "--keep-removed", "0"};
   const Tansy::Tests::CTempFolder folder;
-  prove::CTansydServer server(folder.GetPath(), tansyd);
-  prove::RunResult result = prove::RunModel(server, options);
-  if (result.wrong.empty()) {
-    result.wrong = prove::CheckSpace(server, result);
-  }
+  const prove::CModelServers servers(
+      folder.GetPath(), tansyd, where.nodes,
+      where.database == "postgresql" ? prove::EDatabase::kPostgres : prove::EDatabase::kSqlite,
+      where.storage == "rados" ? prove::EStorage::kPool : prove::EStorage::kFolder);
+  const prove::RunResult result = servers.Run(options);
   std::cout << prove::Describe(options, result);
   if (!result.wrong.empty()) {
-    std::ofstream(options.history_file + ".log") << server.GetTansyd().GetLog();
+    std::ofstream(options.history_file + ".log") << servers.GetLogs();
     std::cout << "  the log of the server is in " << options.history_file << ".log\n";
   }
   return result.wrong.empty() && !testing::UnitTest::GetInstance()->Failed() ? 0 : kWrong;
@@ -67,18 +75,29 @@ int main(int argc, char** argv) {
   std::string history;
   std::string durability = "full";
   prove::TansydOptions tansyd;
+  Where where;
   app.add_option("--seed", options.seed, "of the plan; without it, the time of day");
   app.add_option("--minutes", minutes, "rounds until this time is over");
   app.add_option("--rounds", options.rounds, "this number of rounds, without --minutes");
   app.add_option("--durability", durability, "of the server: full or fast");
   app.add_option("--tansyd", tansyd.program, "a tansyd_with_control of another build");
+  app.add_option("--database", where.database, "sqlite, or postgresql: a server of the run's own")
+      ->check(CLI::IsMember({"sqlite", "postgresql"}));
+  app.add_option("--storage", where.storage, "file, or rados: a Ceph cluster of the run's own")
+      ->check(CLI::IsMember({"file", "rados"}));
+  app.add_option("--nodes", where.nodes, "servers of one catalogue; more than one need PostgreSQL")
+      ->check(CLI::Range(1, 5));
   app.add_flag("--https", tansyd.tls, "the clients use HTTPS");
   app.add_option("--history", options.history_file, "where the history of a failing round goes");
   app.add_option("--check-history", history, "looks at such a file, and starts no server");
   CLI11_PARSE(app, argc, argv);
   options.time = std::chrono::minutes(minutes);
+  if (where.nodes > 1 && where.database != "postgresql") {
+    std::cerr << "model: several nodes need --database postgresql\n";
+    return kUsage;
+  }
   try {
-    return history.empty() ? Run(options, tansyd, durability) : LookAtHistory(history);
+    return history.empty() ? Run(options, tansyd, durability, where) : LookAtHistory(history);
   } catch (const std::exception& error) {
     std::cerr << "model: " << error.what() << '\n';
     return kUsage;

@@ -11,8 +11,8 @@
 
 #include "FaultyServer.h"
 #include "History.h"
+#include "ModelServers.h"
 #include "Run.h"
-#include "TansydServer.h"
 #include "fakes/ChildProcess.h"
 #include "fakes/StoppedProcess.h"
 #include "fakes/TempFolder.h"
@@ -27,8 +27,17 @@ RunOptions ForObjects(std::uint64_t seed) {
   options.seed = seed;
   options.rounds = 20;
   options.patience = std::chrono::milliseconds(1500);
-  options.features = {false, false, false, false, false};
+  options.features = {false, false, false, false, false, true, false, false};
   return options;
+}
+
+// Nodes with a memory of their own, on one store.
+RunResult RunFaultyNodes(EDefect defect, RunOptions& options) {
+  CFaultyStore store(defect);
+  CFaultyServer first(store, true);
+  CFaultyServer second(store, true);
+  options.features.nodes = true;
+  return RunModel({&first, &second}, options);
 }
 
 struct Planted {
@@ -45,8 +54,9 @@ TEST_P(PlantedDefectTest, IsFound) {
   const Tansy::Tests::CTempFolder folder;
   RunOptions options = ForObjects(1);
   options.history_file = folder.Path("history");
-  CFaultyServer server(GetParam().defect);
-  const RunResult result = RunModel(server, options);
+  CFaultyStore store(GetParam().defect);
+  CFaultyServer server(store);
+  const RunResult result = RunModel({&server}, options);
   EXPECT_THAT(result.wrong, testing::Contains(testing::HasSubstr(GetParam().shown_as))) << Describe(options, result);
 
   // Its history alone shows the same.
@@ -63,14 +73,41 @@ INSTANTIATE_TEST_SUITE_P(
                     Planted{EDefect::kLostUpdate, "LostUpdate", "but it can have held"},
                     Planted{EDefect::kMixedVersions, "MixedVersions", " has at "},
                     Planted{EDefect::kLostWakeUp, "LostWakeUp", "no answer within its time"},
-                    Planted{EDefect::kForgottenRemoval, "ForgottenRemoval", "but it can have held"}),
+                    Planted{EDefect::kForgottenRemoval, "ForgottenRemoval", "but it can have held"},
+                    Planted{EDefect::kConditionIgnored, "ConditionIgnored", "but it can have held"}),
     [](const auto& item) { return std::string(item.param.name); });
 
+class PlantedNodeDefectTest : public testing::TestWithParam<Planted> {};
+
+TEST_P(PlantedNodeDefectTest, IsFound) {
+  RunOptions options = ForObjects(1);
+  const RunResult result = RunFaultyNodes(GetParam().defect, options);
+  EXPECT_THAT(result.wrong, testing::Contains(testing::HasSubstr(GetParam().shown_as))) << Describe(options, result);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Defect, PlantedNodeDefectTest,
+    testing::Values(Planted{EDefect::kAnswerBeforeCommit, "AnswerBeforeCommit", "but it can have held"},
+                    Planted{EDefect::kOldMemory, "OldMemory", "but it can have held"},
+                    Planted{EDefect::kNewOneNotFound, "NewOneNotFound", "but it can have held"},
+                    Planted{EDefect::kOwnWriteForgotten, "OwnWriteForgotten", "but before that, at the same node"}),
+    [](const auto& item) { return std::string(item.param.name); });
+
+TEST(NoDefectTest, NodesThatAreBehindAsLongAsTheyMayPass) {
+  RunOptions options = ForObjects(1);
+  options.rounds = 6;
+  options.patience = system_tests::kPatience;
+  const RunResult result = RunFaultyNodes(EDefect::kNone, options);
+  EXPECT_TRUE(result.wrong.empty()) << Describe(options, result);
+  EXPECT_GT(result.operations, 500U);
+}
+
 TEST(NoDefectTest, AServerWithoutOnePasses) {
-  CFaultyServer server(EDefect::kNone);
+  CFaultyStore store(EDefect::kNone);
+  CFaultyServer server(store);
   RunOptions options = ForObjects(1);
   options.patience = system_tests::kPatience;
-  const RunResult result = RunModel(server, options);
+  const RunResult result = RunModel({&server}, options);
   EXPECT_TRUE(result.wrong.empty()) << Describe(options, result);
   EXPECT_GT(result.kills, 0U);
   EXPECT_GT(result.operations, 500U);
@@ -81,6 +118,10 @@ struct Way {
   const char* durability;
   bool tls;
   std::size_t rounds;
+  std::size_t nodes = 1;
+  EDatabase database = EDatabase::kSqlite;
+  EStorage storage = EStorage::kFolder;
+  std::uint64_t seed = 2;  // its first rounds have a kill and something else
 
   friend void PrintTo(const Way& way, std::ostream* out) { *out << way.name; }
 };
@@ -91,20 +132,18 @@ class ModelRunTest : public testing::TestWithParam<Way> {};
 TEST_P(ModelRunTest, EachObjectIsOneCopyThatIsNeverLost) {
   const Tansy::Tests::CTempFolder folder;
   RunOptions options;
-  options.seed = 2;
+  options.seed = GetParam().seed;
   options.rounds = GetParam().rounds;
+  options.looks_at_space = GetParam().storage == EStorage::kFolder || GetParam().database == EDatabase::kSqlite;
   TansydOptions tansyd;
   tansyd.arguments = {"--durability", GetParam().durability, "--keep-failed", "1", "--keep-removed", "0"};
   tansyd.tls = GetParam().tls;
-  CTansydServer server(folder.GetPath(), tansyd);
-  RunResult result = RunModel(server, options);
-  if (result.wrong.empty()) {
-    result.wrong = CheckSpace(server, result);
-  }
-  EXPECT_TRUE(result.wrong.empty()) << server.GetTansyd().GetLog();
+  const CModelServers servers(folder.GetPath(), tansyd, GetParam().nodes, GetParam().database, GetParam().storage);
+  const RunResult result = servers.Run(options);
+  EXPECT_TRUE(result.wrong.empty()) << servers.GetLogs();
   std::cout << Describe(options, result);
   EXPECT_GT(result.kills, 0U);
-  EXPECT_GT(result.stops, 0U);
+  EXPECT_GT(result.stops + result.crashes, 0U);
   EXPECT_GT(result.operations, 500U);
   EXPECT_GT(result.pictures, 0U);
 }
@@ -113,6 +152,18 @@ INSTANTIATE_TEST_SUITE_P(Ways, ModelRunTest,
                          testing::Values(Way{"Full", "full", false, 12}, Way{"Fast", "fast", false, 12},
                                          Way{"Https", "fast", true, 6}),
                          [](const auto& item) { return std::string(item.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    ModelOnPostgres, ModelRunTest,
+    testing::Values(Way{"OneServer", "full", false, 3, 1, EDatabase::kPostgres, EStorage::kFolder, 12},
+                    Way{"ThreeNodes", "full", false, 3, 3, EDatabase::kPostgres, EStorage::kFolder, 17}),
+    [](const auto& item) { return std::string(item.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    ModelOnCeph, ModelRunTest,
+    testing::Values(Way{"SqliteAndPool", "full", false, 3, 1, EDatabase::kSqlite, EStorage::kPool, 17},
+                    Way{"PostgresAndPool", "full", false, 2, 1, EDatabase::kPostgres, EStorage::kPool, 18},
+                    Way{"ThreeNodesAndPool", "full", false, 2, 3, EDatabase::kPostgres, EStorage::kPool, 30}),
+    [](const auto& item) { return std::string(item.param.name); });
 
 // A server that was left behind would go on using its ports and its memory.
 TEST(KilledRunTest, LeavesNoServerBehind) {

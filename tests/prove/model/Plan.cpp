@@ -13,8 +13,10 @@ namespace {
 
 constexpr std::size_t kStepsPerClient = 120;
 constexpr int kLastingKeys = 10;
+constexpr int kFirstKeyForCopies = 7;
 constexpr int kPassingKeys = 3;
 constexpr std::uint64_t kStreamedBytes = 10485760;  // what has more than these comes in pieces
+constexpr std::uint64_t kLeastPart = 5242880;       // of an upload by S3, but for its last part
 constexpr std::int64_t kHour = 3600;
 constexpr std::int64_t kDay = 24 * kHour;
 
@@ -37,6 +39,8 @@ class CDice {
  private:
   std::mt19937_64 generator_;
 };
+
+constexpr std::uint64_t kPlaces = 60;  // whatever the number of nodes is, each gets as many
 
 struct Weight {
   EAction action;
@@ -62,6 +66,19 @@ std::vector<Weight> WeightsFor(const Features& features) {
                                    {EAction::kAskBucket, 1},
                                    {EAction::kRemoveBucket, 1},
                                    {EAction::kRenameBucket, 1}});
+  }
+  if (features.s3) {
+    weights.insert(weights.end(), {{EAction::kS3Put, 10},
+                                   {EAction::kS3PutNew, 4},
+                                   {EAction::kS3PutSame, 6},
+                                   {EAction::kS3Get, 8},
+                                   {EAction::kS3GetRange, 3},
+                                   {EAction::kS3Remove, 3}});
+  }
+  if (features.s3_more) {
+    weights.insert(
+        weights.end(),
+        {{EAction::kS3RemoveMany, 1}, {EAction::kS3List, 2}, {EAction::kS3Copy, 4}, {EAction::kS3UploadBegin, 2}});
   }
   return weights;
 }
@@ -116,11 +133,13 @@ class CClientPlan {
   Step MakeStep() {
     Step step;
     step.action = ChooseAction();
-    const bool is_passing = features_.buckets && step.action != EAction::kUploadBegin && dice_.OneIn(4);
+    const bool is_lasting = step.action == EAction::kUploadBegin || step.action >= EAction::kS3Put;
+    const bool is_passing = features_.buckets && !is_lasting && dice_.OneIn(4);
     step.bucket = is_passing ? kPassingBucket : kLastingBucket;
     const std::vector<std::string> keys = KeysOf(step.bucket);
     step.key = keys[dice_.Below(keys.size())];
     step.version = NewVersion();
+    step.place = dice_.Below(kPlaces);
     // Streamed uploads into the passing bucket may be refused in their middle, and such an answer may get lost.
     step.size = is_passing ? dice_.Between(kSmallestPiece, 60000) : ChooseSize();
     switch (step.action) {
@@ -132,6 +151,7 @@ class CClientPlan {
         step.end = dice_.Below(step.size);
         break;
       case EAction::kGetRange:
+      case EAction::kS3GetRange:
         step.begin = dice_.OneIn(10) ? dice_.Below(kStreamedBytes) : dice_.Below(4000);
         step.end = step.begin + kSmallestPiece + dice_.Below(20000);
         break;
@@ -139,7 +159,21 @@ class CClientPlan {
         step.begin = dice_.Below(1000000);
         break;
       case EAction::kUploadBegin:
-        PlanUpload(step);
+        PlanUpload(step, dice_.OneIn(12) ? kStreamedBytes / 2 : kRecordBytes * dice_.Between(2, 3000),
+                   dice_.Between(1, 4));
+        break;
+      case EAction::kS3UploadBegin: {
+        const bool has_many = dice_.OneIn(6);
+        PlanUpload(step, kRecordBytes * dice_.Between(2, 3000) + (has_many ? kLeastPart : 0),
+                   has_many ? dice_.Between(2, 3) : 1);
+        break;
+      }
+      case EAction::kS3RemoveMany:
+        step.more_keys.assign(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(dice_.Below(keys.size())));
+        break;
+      case EAction::kS3Copy:
+        step.more_keys = {keys[dice_.Below(kFirstKeyForCopies)]};
+        step.key = keys[kFirstKeyForCopies + dice_.Below(keys.size() - kFirstKeyForCopies)];
         break;
       default:
         break;
@@ -148,10 +182,10 @@ class CClientPlan {
   }
 
   // The steps of an upload wait until they are mixed with others: the parts in any order, some of them twice.
-  void PlanUpload(Step& begin) {
-    const std::size_t parts = dice_.Between(1, 4);
+  void PlanUpload(Step& begin, std::uint64_t part_size, std::size_t parts) {
+    const bool is_s3 = begin.action == EAction::kS3UploadBegin;
     begin.upload = begin.version;
-    begin.part_size = dice_.OneIn(12) ? kStreamedBytes / 2 : kRecordBytes * dice_.Between(2, 3000);
+    begin.part_size = part_size;
     begin.size = begin.part_size * (parts - 1) + dice_.Between(kSmallestPiece, begin.part_size);
     std::vector<std::size_t> order(parts);
     std::iota(order.begin(), order.end(), std::size_t{0});
@@ -166,13 +200,17 @@ class CClientPlan {
     std::vector<std::uint8_t> sendings(parts, 0);
     for (const std::size_t part : order) {
       Step step = begin;
-      step.action = EAction::kUploadPart;
+      step.action = is_s3 ? EAction::kS3UploadPart : EAction::kUploadPart;
+      step.place = is_s3 ? dice_.Below(kPlaces) : begin.place;  // the other protocol's uploads belong to a node
       step.part = part;
       step.sending = ++sendings[part];
       steps.push_back(step);
     }
     Step end = begin;
-    end.action = dice_.OneIn(5) ? EAction::kUploadForget : EAction::kUploadEnd;
+    end.action = is_s3 ? EAction::kS3UploadEnd : EAction::kUploadEnd;
+    if (dice_.OneIn(5)) {
+      end.action = is_s3 && dice_.OneIn(2) ? EAction::kS3UploadAbort : EAction::kUploadForget;
+    }
     end.sendings = sendings;
     steps.push_back(end);
     waiting_.push_back(std::move(steps));
@@ -204,14 +242,25 @@ Round MakeRound(std::uint64_t seed, std::size_t number, const Features& features
   }
   CDice dice(seed, number, kClients);
   const std::uint64_t end = dice.Below(10);
-  round.end = end < 6 ? EEnd::kKill : end < 9 ? EEnd::kStop : EEnd::kGoOn;
+  round.end = end < 5 ? EEnd::kKill : end < 8 ? EEnd::kStop : end < 9 ? EEnd::kDatabase : EEnd::kGoOn;
   round.answers = dice.Between(1, kClients * kStepsPerClient / 2);
   if (features.clock) {
     static constexpr std::int64_t kSteps[] = {4 * kDay, -2 * kDay, kHour, -kHour, 400 * kDay};
     round.clock_step = dice.OneIn(3) ? kSteps[dice.Below(std::size(kSteps))] : 0;
     round.clock_step_while = dice.OneIn(3) ? kSteps[dice.Below(std::size(kSteps))] : 0;
   }
+  if (features.nodes) {
+    round.place = dice.Below(kPlaces);
+    round.ends_all = dice.OneIn(4);
+    // A node that starts again in the middle of a round must not make uploads old that were young at its beginning.
+    round.clock_step_while = 0;
+  }
   return round;
+}
+
+bool IsForCopies(const std::string& key) {
+  const std::vector<std::string> keys = KeysOf(kLastingBucket);
+  return std::find(keys.begin() + kFirstKeyForCopies, keys.end(), key) != keys.end();
 }
 
 std::vector<std::string> KeysOf(const std::string& bucket) {

@@ -1,4 +1,5 @@
-// The server of a run: the real one as a process of its own, or one with a planted defect.
+// A server of a run: the real one as a process of its own, or one with a planted defect. Several of them may serve one
+// catalogue.
 #ifndef TANSY_TESTS_PROVE_MODEL_SERVER_H
 #define TANSY_TESTS_PROVE_MODEL_SERVER_H
 
@@ -20,7 +21,8 @@ class IServer {
   virtual bool Stop() = 0;
   virtual std::uint16_t GetObjectPort() const = 0;
   virtual std::uint16_t GetPicturePort() const = 0;
-  // How connections to both ports are made.
+  virtual std::uint16_t GetS3Port() const = 0;
+  // How connections to all ports are made.
   virtual system_tests::ConnectOptions GetConnectOptions() const { return {}; }
 
   // What no request can do. The time of day is the machine's and this number of seconds, from now on and at the next

@@ -9,10 +9,14 @@
 namespace prove {
 
 CTansydServer::CTansydServer(const std::string& folder, const TansydOptions& options)
-    : folder_(folder), tansyd_(folder) {
+    : folder_(folder), tansyd_(folder, options.node.empty() ? "data" : "data-" + options.node) {
   launch_.program = options.program.empty() ? TANSYD_WITH_CONTROL : options.program;
   launch_.arguments = options.arguments;
   launch_.with_https = options.tls;
+  launch_.with_s3 = true;
+  if (!options.node.empty()) {
+    launch_.arguments.insert(launch_.arguments.end(), {"--node-name", options.node});
+  }
 }
 
 std::uint16_t CTansydServer::GetObjectPort() const {
@@ -21,6 +25,10 @@ std::uint16_t CTansydServer::GetObjectPort() const {
 
 std::uint16_t CTansydServer::GetPicturePort() const {
   return launch_.with_https ? tansyd_.GetPictureHttpsPort() : tansyd_.GetPicturePort();
+}
+
+std::uint16_t CTansydServer::GetS3Port() const {
+  return launch_.with_https ? tansyd_.GetS3HttpsPort() : tansyd_.GetS3Port();
 }
 
 system_tests::ConnectOptions CTansydServer::GetConnectOptions() const {
@@ -63,11 +71,12 @@ std::string CTansydServer::Command(const std::string& line) const {
   return answer == "done" || answer == "refused" ? answer : "";
 }
 
-system_tests::Ended CTansydServer::Check() {
+system_tests::Ended CTansydServer::Check(const std::vector<std::string>& arguments) {
   system_tests::CTansyd command(folder_, "command");
   system_tests::Launch launch;
   launch.with_data = launch.with_ports = false;
   launch.arguments = {"--data", tansyd_.Data(), "--check"};
+  launch.arguments.insert(launch.arguments.end(), arguments.begin(), arguments.end());
   return command.RunToEnd(launch);
 }
 

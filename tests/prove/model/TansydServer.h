@@ -16,6 +16,7 @@ struct TansydOptions {
   std::vector<std::string> arguments;  // of tansyd
   std::string program;                 // a tansyd_with_control; empty: that of this build
   bool tls = false;                    // clients use HTTPS
+  std::string node;                    // the name of one of several; empty: it is alone
 };
 
 class CTansydServer : public IServer {
@@ -28,6 +29,7 @@ class CTansydServer : public IServer {
   bool Stop() override { return tansyd_.Stop(); }
   std::uint16_t GetObjectPort() const override;
   std::uint16_t GetPicturePort() const override;
+  std::uint16_t GetS3Port() const override;
   system_tests::ConnectOptions GetConnectOptions() const override;
   void SetClock(std::int64_t seconds) override;
   std::string RemoveBucket(const std::string& name) override { return Command("remove " + name); }
@@ -37,13 +39,13 @@ class CTansydServer : public IServer {
 
   // Lets time pass on the clock that nobody sets.
   void LetTimePass(std::int64_t seconds);
-  // tansyd --check beside the running server.
-  system_tests::Ended Check();
+  // tansyd --check beside the running server. `arguments`: where rows and bytes are.
+  system_tests::Ended Check(const std::vector<std::string>& arguments);
   system_tests::CTansyd& GetTansyd() { return tansyd_; }
 
  private:
   std::string Command(const std::string& line) const;
-  std::string SocketPath() const { return folder_ + "/control"; }
+  std::string SocketPath() const { return tansyd_.Data() + ".control"; }
 
   const std::string folder_;
   system_tests::CTansyd tansyd_;

@@ -10,6 +10,15 @@ std::int64_t CWorld::Now() const {
   return std::chrono::duration_cast<nanoseconds>(std::chrono::steady_clock::now() - begin_).count();
 }
 
+void CWorld::SetEnding(int node, bool is_ending) {
+  std::atomic<int>& life = lives_[static_cast<std::size_t>(node)];
+  life += (life % 2 != 0) == is_ending ? 0 : 1;
+}
+
+bool CWorld::AreAllEnding() const {
+  return std::all_of(lives_.begin(), lives_.end(), [](const std::atomic<int>& life) { return life % 2 != 0; });
+}
+
 void CWorld::AddUnknown(Operation operation) {
   operation.is_unknown = true;
   const std::lock_guard lock(mutex_);
@@ -60,9 +69,13 @@ std::vector<Picture> CWorld::GetPictures() const {
 void CWorld::StepClock(std::int64_t seconds) {
   // While the server takes it over, the earlier of the two times counts: what is done meanwhile may be that old.
   const std::int64_t clock = clock_ + seconds;
+  ++clock_steps_;
   clock_ = std::min<std::int64_t>(clock_, clock);
-  server_.SetClock(clock);
+  for (int node = 0; node < GetNodes(); ++node) {
+    GetServer(node).SetClock(clock + node * kClocksApart);
+  }
   clock_ = clock;
+  ++clock_steps_;
 }
 
 std::string CWorld::WireName(const std::string& bucket) const {

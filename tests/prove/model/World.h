@@ -26,11 +26,17 @@ struct Picture {
   Version version = kAbsent;
 };
 
+// The seconds by which the clock of a node is ahead of that of the one before it.
+inline constexpr std::int64_t kClocksApart = 3600;
+
 class CWorld {
  public:
-  CWorld(IServer& server, std::chrono::milliseconds patience) : server_(server), patience_(patience) {}
+  // `servers`: one, or the nodes that serve one catalogue.
+  CWorld(std::vector<IServer*> servers, std::chrono::milliseconds patience)
+      : servers_(std::move(servers)), lives_(servers_.size()), patience_(patience) {}
 
-  IServer& GetServer() { return server_; }
+  int GetNodes() const { return static_cast<int>(servers_.size()); }
+  IServer& GetServer(int node = 0) { return *servers_[static_cast<std::size_t>(node)]; }
   CHistory& GetHistory() { return history_; }
   CRecipes& GetRecipes() { return recipes_; }
   // The longest time that a request may take.
@@ -38,9 +44,16 @@ class CWorld {
   // Nanoseconds since the run began.
   std::int64_t Now() const;
 
-  // While the server is brought to its end a request may remain without an answer.
-  void SetEnding(bool is_ending) { is_ending_ = is_ending; }
-  bool IsEnding() const { return is_ending_; }
+  // While a server is brought to its end a request may remain without an answer.
+  void SetEnding(int node, bool is_ending);
+  bool IsEnding(int node) const { return GetLife(node) % 2 != 0; }
+  bool AreAllEnding() const;
+  // Changes at the beginning of a server's end and at that of its next life.
+  int GetLife(int node) const { return lives_[static_cast<std::size_t>(node)]; }
+
+  // A node says that it cannot know what is true now.
+  void CountBusy() { ++busy_; }
+  std::size_t GetBusy() const { return busy_; }
   void CountAnswer() { ++answers_; }
   std::size_t GetAnswers() const { return answers_; }
 
@@ -58,9 +71,13 @@ class CWorld {
   void AddPicture(Picture picture);
   std::vector<Picture> GetPictures() const;
 
-  // Sets the server's time of day. The number of seconds by which it is off, all steps together.
+  // Sets the servers' time of day. The number of seconds by which it is off, all steps together.
   void StepClock(std::int64_t seconds);
   std::int64_t GetClock() const { return clock_; }
+  // That of one node: their clocks are apart.
+  std::int64_t GetClockOf(int node) const { return clock_ + node * kClocksApart; }
+  // Changes at the beginning and at the end of a step.
+  int GetClockSteps() const { return clock_steps_; }
 
   // The passing bucket goes by one name until the server's next start, and by one of `next_names` from then on: a new
   // name counts from the next start.
@@ -74,14 +91,16 @@ class CWorld {
   std::mutex& GetBucketMutex() { return bucket_mutex_; }
 
  private:
-  IServer& server_;
+  const std::vector<IServer*> servers_;
+  std::vector<std::atomic<int>> lives_;  // odd: is ending
   const std::chrono::milliseconds patience_;
   const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
   CHistory history_;
   CRecipes recipes_;
-  std::atomic<bool> is_ending_{false};
   std::atomic<std::size_t> answers_{0};
+  std::atomic<std::size_t> busy_{0};
   std::atomic<std::int64_t> clock_{0};
+  std::atomic<int> clock_steps_{0};
   std::atomic<std::int64_t> bucket_removal_{-1};
 
   mutable std::mutex mutex_;  // for what follows
