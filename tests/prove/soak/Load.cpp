@@ -300,7 +300,8 @@ void CLoad::DoSomethingByS3(Dice& dice, bool with_big_ones) {
                    "<Delete><Object><Key>" + key + "</Key></Object><Object><Key>none</Key></Object></Delete>"});
       break;
     case 7:
-      AskS3(dice, {"PUT", target, {{"x-amz-copy-source", "/" + kBucket + "/" + Key(dice)}}, ""});
+      // Onto itself an object is not copied.
+      AskS3(dice, {"PUT", target + "-copy", {{"x-amz-copy-source", "/" + kBucket + "/" + Key(dice)}}, ""});
       break;
     case 8:
       PutInPartsByS3(dice, with_big_ones);
