@@ -66,6 +66,36 @@ def check_listings(s3):
     return keys
 
 
+def check_versions(s3, keys):
+    listed = []
+    for page in s3.get_paginator("list_object_versions").paginate(Bucket=BUCKET, PaginationConfig={"PageSize": 3}):
+        assert "DeleteMarkers" not in page, page
+        listed += [(version["Key"], version["VersionId"], version["IsLatest"]) for version in page["Versions"]]
+    assert listed == [(key, "null", True) for key in keys], listed
+    assert s3.get_object(Bucket=BUCKET, Key=KEYS[0], VersionId="null")["ContentLength"] == 6 + len(KEYS[0])
+
+
+def check_attributes(s3):
+    told = s3.get_object_attributes(Bucket=BUCKET, Key=KEYS[1], ObjectAttributes=["ETag", "ObjectSize", "StorageClass"])
+    body = b"hello " + KEYS[1].encode()
+    assert told["ETag"] == hashlib.md5(body).hexdigest() and told["ObjectSize"] == len(body), told
+    assert told["StorageClass"] == "STANDARD", told
+    part = s3.get_object(Bucket=BUCKET, Key=KEYS[1], PartNumber=1)
+    assert part["Body"].read() == body and part["ResponseMetadata"]["HTTPStatusCode"] == 206
+    assert error_of(s3.get_object, Bucket=BUCKET, Key=KEYS[1], PartNumber=2) == "InvalidPartNumber"
+
+
+def check_link_to_upload(s3):
+    params = {"Bucket": BUCKET, "Key": KEYS[1], "Metadata": {"title": "t"}, "ContentType": "text/x-z"}
+    link = s3.generate_presigned_url("put_object", Params=params, ExpiresIn=60)
+    context = ssl.create_default_context(cafile=certificate) if verify else None
+    headers = {"Content-Type": "text/x-z", "x-amz-meta-title": "t"}
+    request = urllib.request.Request(link, data=b"hello " + KEYS[1].encode(), headers=headers, method="PUT")
+    with urllib.request.urlopen(request, context=context) as answer:
+        assert answer.status == 200
+    assert s3.head_object(Bucket=BUCKET, Key=KEYS[1])["Metadata"] == {"title": "t"}
+
+
 def check_link(s3):
     link = s3.generate_presigned_url("get_object", Params={"Bucket": BUCKET, "Key": KEYS[1]}, ExpiresIn=60)
     context = ssl.create_default_context(cafile=certificate) if verify else None
@@ -80,6 +110,9 @@ for settings in [{}, {"s3": {"payload_signing_enabled": True}}]:
     check_objects(s3)
     keys = check_listings(s3)
     check_link(s3)
+    check_link_to_upload(s3)
+    check_versions(s3, keys)
+    check_attributes(s3)
     assert error_of(s3.delete_bucket, Bucket=BUCKET) == "BucketNotEmpty"
     deleted = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": key} for key in keys[1:]]})
     assert len(deleted["Deleted"]) == len(keys) - 1
