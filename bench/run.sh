@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Measures tansyd beside nginx, fio, dd and curl on this machine, in turns, and prints one table of ratios.
 #
-# usage: bench/run.sh [--quick] [--list] [--tansyd PROGRAM] [--against PROGRAM] [--runs N] [--folder DIR] [ROW...]
+# usage: bench/run.sh [--quick] [--profile] [--list] [--tansyd PROGRAM] [--against PROGRAM] [--runs N] [--folder DIR] [ROW...]
 #
 #   ROW               rows to measure, patterns like 'get-*' too; all of them when none is named. "micro" prints the
 #                     microbenchmarks instead of the table, or behind it
 #   --quick           fewer and shorter runs
+#   --profile         print below each row where the processor time of both goes; the ratios do not count then
 #   --list            print the rows with their goals, and end
 #   --tansyd PROGRAM  measure this tansyd; nothing of it is built then
 #   --against PROGRAM compare with this other tansyd instead: the ratio is the first one's divided by this one's
@@ -19,6 +20,7 @@ started_in=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 quick=false
+profile=false
 runs=''
 tansyd=''
 against=''
@@ -40,6 +42,7 @@ program() { # OPTION PATH
 while (($# > 0)); do
   case $1 in
     --quick) quick=true ;;
+    --profile) profile=true ;;
     --list) action=list ;;
     --tansyd) tansyd=$(program "$1" "${2:?}"); shift ;;
     --against) against=$(program "$1" "${2:?}"); shift ;;
@@ -128,7 +131,7 @@ for name in "${chosen[@]}"; do
   )
   status=$?
   set -e
-  if ((status == 0)) && print_row "$name"; then
+  if ((status == 0)) && print_row "$name" && print_profile "$name"; then
     continue
   fi
   printf '%-22s FAILED\n' "$name"

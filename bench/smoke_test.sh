@@ -6,6 +6,7 @@ set -uo pipefail
 build=$(cd "$1" && pwd) || exit 2
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+profile=false
 PATH=$PATH:/usr/sbin # where Debian keeps nginx
 for part in bench/lib/*.sh; do
   source "$part"

@@ -56,9 +56,11 @@ record() { # LINE CPU_MS PEAK_KIB
 measured() { # COMMAND...
   local before after line
   reset_peak "$server"
+  begin_profile
   before=$(cpu_ms "$server")
   line=$("$@") || { fail "failed: $*"; return 1; }
   after=$(cpu_ms "$server")
+  end_profile
   same_security "$line" || return 1
   record "$line" $((after - before)) "$(memory_kib "$server" VmHWM)"
 }

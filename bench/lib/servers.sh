@@ -60,7 +60,8 @@ start_tansyd() { # PROGRAM DATA DURABILITY [OPTION...]
   port=$(free_ports)
   [[ $3 == full ]] || durability=(--durability "$3")
   "$1" --data "$2" --listen 127.0.0.1 --object-port "$port" --object-https-port $((port + 1)) --picture-port $((port + 2)) \
-    --picture-https-port $((port + 3)) --s3-port $((port + 4)) --s3-https-port 0 "${durability[@]}" "${@:4}" >"$server/out" 2>"$server/log" </dev/null &
+    --picture-https-port $((port + 3)) --s3-port $((port + 4)) --s3-https-port 0 "${durability[@]}" "${@:4}" \
+    >"$server/out" 2>"$server/log" </dev/null &
   echo $! >"$server/pid"
   disown
   wait_for_line "$server/out" '^tansyd ready' || { tail -5 "$server/log" >&2; fail "tansyd does not start: $1"; return 1; }

@@ -49,6 +49,7 @@ measure_row() { # NAME
     for contender in tansyd "$other"; do
       "run_$function" "$contender" "$run" "${arguments[@]}" >"$records/last"
       cat "$records/last" >>"$records/$contender"
+      ! $profile || [[ ! -e $disk/profile.shares ]] || mv "$disk/profile.shares" "$records/profile-$contender"
     done
   done
   for contender in tansyd "$other"; do

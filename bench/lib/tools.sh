@@ -10,6 +10,7 @@ missing_packages() {
     # shellcheck disable=SC2206
     bench_packages+=(${row_packages[$name]:-})
   done
+  ! $profile || bench_packages+=(linux-perf)
   for package in "${bench_packages[@]}"; do
     state=$(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null || true)
     [[ $state == ii* ]] || echo "$package"
