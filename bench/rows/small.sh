@@ -119,6 +119,7 @@ run_remove() { # CONTENDER RUN [PLACE]
   store_objects "remove$2" $removals $small_bytes 64
   [[ -e $names ]] || seq -f "DELETE /bench/remove$2-%06.0f?deletefile" 1 $removals | "$tansy_load" sign header >"$names"
   settle
+  rm "$server/stored-remove$2" # another row may store them again
   measured load "$(<"$server/url")" "$names" 64 0
 }
 
