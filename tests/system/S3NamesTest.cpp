@@ -74,5 +74,33 @@ TEST_F(S3NamesTest, NoOlderBytesComeBackAfterARemoval) {
   EXPECT_THAT(curl_.Send("GET", "/bucket?list-type=2").body, Not(HasSubstr("<Key>")));
 }
 
+// The MD5 digest of "hello".
+constexpr const char* kTagOfHello = "\"5d41402abc4b2a76b9719d911017c592\"";
+
+TEST_F(S3NamesTest, ARemovalIsAboutTheBytesThatTheClientMeans) {
+  Start();
+  MakeBucket("bucket");
+  Put("/bucket/r(1)", "hello");
+  const auto remove = [this](const std::string& tag) {
+    return curl_.Send("DELETE", "/bucket/r%281%29", "", {{"If-Match", tag}}).status;
+  };
+  EXPECT_EQ(curl_.Send("GET", "/bucket/r%281%29").body, "hello");  // which finds its tag out
+  EXPECT_EQ(remove("\"00000000000000000000000000000000\""), 412);
+  EXPECT_EQ(Get("/bucket/r(1)"), "hello");
+  EXPECT_EQ(remove(kTagOfHello), 204);
+  EXPECT_EQ(Outcome(Send("GET", "/bucket/r(1)")), "404 NoSuchKey");
+}
+
+TEST_F(S3NamesTest, ACopyOntoItselfKnowsItsDigest) {
+  Start();
+  MakeBucket("bucket");
+  Put("/bucket/r(1)", "hello");
+  const Reply copied = curl_.Send("PUT", "/bucket/r%281%29", "",
+                                  {{"x-amz-copy-source", "/bucket/r%281%29"}, {"x-amz-metadata-directive", "REPLACE"}});
+  EXPECT_EQ(copied.status, 200) << copied.body;
+  EXPECT_THAT(curl_.Send("GET", "/bucket?list-type=2").body, HasSubstr("5d41402abc4b2a76b9719d911017c592"));
+  EXPECT_EQ(Get("/bucket/r(1)"), "hello");
+}
+
 }  // namespace
 }  // namespace system_tests

@@ -777,6 +777,15 @@ TEST_F(S3ServerTest, StoresAForm) {
             "https://a.org/done?bucket=" + bucket_ + "&key=k&etag=" + PercentEncode(Md5("third")));
 }
 
+TEST_F(S3ServerTest, AFormReplacesWhatTheObjectProtocolStoredUnderAnotherName) {
+  ASSERT_EQ(Put("/" + bucket_ + "/r(1)", "by name").response.status, 200);
+  const TansyNet::HttpServerRecv empty = Message({"POST", "/" + bucket_, {}, {}, {}});
+  EXPECT_EQ(Outcome(Do(Form(empty, bucket_, "by form", {{"key", "r(1)"}}))), "204");
+  EXPECT_EQ(GetKey("r(1)").body, "by form");
+  EXPECT_EQ(Get("/" + bucket_ + "/r(1)").body, "by form");
+  EXPECT_EQ(Values(List("").body, "Key"), std::vector<std::string>{"r(1)"});
+}
+
 TEST_F(S3ServerTest, RefusesFormsThatAreNotAllowed) {
   const TansyNet::HttpServerRecv empty = Message({"POST", "/" + bucket_, {}, {}, {}});
   EXPECT_EQ(Outcome(Do(Form(empty, "another", "x", {{"key", "k"}}))), "403 AccessDenied");
