@@ -175,6 +175,7 @@ bool CMovableStore::ForEach(EContent content, const std::function<bool(const Sto
 }
 
 void CMovableStore::BeginMirror(std::unique_ptr<CStoreMirror> mirror) {
+  stores_.reserve(stores_.size() + 1);  // so that nothing can fail in the switch
   mirror_ = std::move(mirror);
 }
 

@@ -3,10 +3,12 @@
 #include <openssl/rand.h>
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
+#include <memory>
 #include <ostream>
-#include <sstream>
 #include <thread>
+#include <vector>
 
 #include "HostLog.h"
 #include "HostSystem/Files.h"
@@ -26,7 +28,7 @@ constexpr const char* kAnswerFile = "move.answer";
 constexpr const char* kLockFile = "move.lock";
 constexpr std::chrono::milliseconds kLookAgain{100};
 constexpr std::size_t kMostRequest = std::size_t{1} << 16;
-constexpr std::size_t kMostAnswer = std::size_t{1} << 26;
+constexpr std::size_t kPiece = std::size_t{1} << 16;
 constexpr const char* kEnded = "ended ";  // the last line of an answer, with the exit code
 
 // The mark tells this answer from an answer to an earlier command.
@@ -52,25 +54,73 @@ bool Parse(const std::string& text, MoveRequest& request, std::string& mark) {
   return true;
 }
 
-// What the server has said so far, in a file that the command reads again and again.
+int OpenAnswer(int (HostSystem::IFolder::*open)(const std::string& name, std::unique_ptr<HostSystem::IFile>& file),
+               std::unique_ptr<HostSystem::IFile>& file) {
+  int error = 0;
+  const std::unique_ptr<HostSystem::IFolder> folder = HostSystem::OpenFolder(".", error);
+  return folder == nullptr ? error : ((*folder).*open)(kAnswerFile, file);
+}
+
+// What the server says, in a file that grows while the command reads it.
 class CAnswer {
  public:
-  explicit CAnswer(const std::string& mark) : text_(mark + "\n") { Write(); }
+  explicit CAnswer(const std::string& mark) : size_(mark.size() + 1) {
+    int error = HostSystem::ReplaceFile(kAnswerFile, mark + "\n");
+    if (error == 0) {
+      error = OpenAnswer(&HostSystem::IFolder::OpenForWriting, file_);
+    }
+    Note(error);
+  }
 
   void Say(const std::string& line) {
-    text_ += line + "\n";
-    Write();
+    if (file_ != nullptr) {
+      const std::string text = line + "\n";
+      Note(file_->WriteAt(text.data(), text.size(), size_));
+      size_ += text.size();
+    }
   }
 
  private:
-  void Write() {
-    if (const int error = HostSystem::ReplaceFile(kAnswerFile, text_)) {
+  static void Note(int error) {
+    if (error != 0) {
       HOST_LOG(logging::kError, "[%s]%s cannot be written: %s.[%s(%d)]", kAnswerFile,
                HostSystem::ErrorText(error).c_str());
     }
   }
 
-  std::string text_;
+  std::unique_ptr<HostSystem::IFile> file_;
+  std::uint64_t size_;
+};
+
+// The lines of an answer, as they come. Answers to other commands have other marks.
+class CAnswerReader {
+ public:
+  explicit CAnswerReader(const std::string& mark) : mark_(mark), offset_(mark.size() + 1) {}
+
+  // Adds the lines that are whole and were not given before.
+  void Read(std::vector<std::string>& lines) {
+    std::unique_ptr<HostSystem::IFile> file;
+    std::string head;
+    if (OpenAnswer(&HostSystem::IFolder::OpenForReading, file) != 0 ||
+        HostSystem::ReadExactly(*file, 0, mark_.size(), head) != 0 || head != mark_) {
+      return;
+    }
+    std::string piece(kPiece, ' ');
+    std::size_t done = 0;
+    while (file->ReadAt(piece.data(), piece.size(), offset_, done) == 0 && done > 0) {
+      rest_.append(piece, 0, done);
+      offset_ += done;
+    }
+    for (std::size_t end = rest_.find('\n'); end != std::string::npos; end = rest_.find('\n')) {
+      lines.push_back(rest_.substr(0, end));
+      rest_.erase(0, end + 1);
+    }
+  }
+
+ private:
+  const std::string mark_;
+  std::uint64_t offset_;
+  std::string rest_;  // of a line that is not whole yet
 };
 
 }  // namespace
@@ -108,15 +158,12 @@ int AskForMove(const MoveRequest& request, const std::function<bool()>& is_runni
   if (const int error = HostSystem::ReplaceFile(details::kRequestFile, details::TextOf(request, mark))) {
     fail(std::string(details::kRequestFile) + " cannot be written: " + HostSystem::ErrorText(error));
   }
-  std::string text;
-  for (std::size_t shown = mark.size() + 1;; std::this_thread::sleep_for(details::kLookAgain)) {
+  details::CAnswerReader answer(mark);
+  for (;; std::this_thread::sleep_for(details::kLookAgain)) {
     const bool is_there = is_running();  // before the last look at what it has said
-    if (HostSystem::ReadWholeFile(details::kAnswerFile, details::kMostAnswer, text) != 0 || !text.starts_with(mark)) {
-      text.assign(shown, ' ');
-    }
-    for (std::size_t end = text.find('\n', shown); end != std::string::npos; end = text.find('\n', shown)) {
-      const std::string line = text.substr(shown, end - shown);
-      shown = end + 1;
+    std::vector<std::string> lines;
+    answer.Read(lines);
+    for (const std::string& line : lines) {
       if (line.starts_with(details::kEnded)) {
         TansyBase::FileUtil::RemoveFile(details::kAnswerFile);
         return std::stoi(line.substr(std::char_traits<char>::length(details::kEnded)));
