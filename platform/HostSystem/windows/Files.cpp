@@ -79,9 +79,30 @@ class CFile final : public IFile {
   HANDLE handle_;
 };
 
+// Says whether the system takes the name for a device: "nul", "Com1.txt".
+bool IsDevice(const std::string& name) {
+  std::string stem = name.substr(0, name.find('.'));
+  stem.erase(stem.find_last_not_of(' ') + 1);
+  std::transform(stem.begin(), stem.end(), stem.begin(),
+                 [](char c) { return c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c; });
+  for (const char* device : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"}) {
+    if (stem == device) {
+      return true;
+    }
+  }
+  // The digits that are written above the line count too.
+  const bool is_port = stem.starts_with("COM") || stem.starts_with("LPT");
+  const std::string number = is_port ? stem.substr(3) : "";
+  return (number.size() == 1 && number[0] >= '1' && number[0] <= '9') || number == "\xC2\xB9" || number == "\xC2\xB2" ||
+         number == "\xC2\xB3";
+}
+
+// The system drops dots and blanks at the end of a name, so such a name would be that of another file.
 bool IsPlainName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(std::string("/\\:*?\"<>|\0", 10)) == std::string::npos;
+  return !name.empty() && name.back() != '.' && name.back() != ' ' &&
+         name.find_first_of("/\\:*?\"<>|") == std::string::npos &&
+         std::none_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }) &&
+         !IsDevice(name);
 }
 
 bool IsPlainPath(const std::string& name) {
@@ -169,6 +190,7 @@ class CFolder final : public IFolder {
     if (search == INVALID_HANDLE_VALUE) {
       return LastErrno();
     }
+    const std::unique_ptr<void, decltype(&::FindClose)> owner(search, &::FindClose);
     do {
       const std::wstring name = data.cFileName;
       if (name != L"." && name != L"..") {
@@ -176,7 +198,6 @@ class CFolder final : public IFolder {
       }
     } while (::FindNextFileW(search, &data));
     const DWORD error = ::GetLastError();
-    ::FindClose(search);
     return error == ERROR_NO_MORE_FILES ? 0 : ToErrno(error);
   }
 
@@ -253,14 +274,22 @@ class CFolder final : public IFolder {
 }  // namespace
 
 FilePlace FindPlace(const std::string& path) {
-  std::error_code ignored;
-  const std::filesystem::path target = std::filesystem::weakly_canonical(FromUtf8(path), ignored);
+  const std::filesystem::path given = FromUtf8(path);
+  std::error_code error;
+  std::filesystem::path target = std::filesystem::weakly_canonical(given, error);
+  if (error) {
+    target = std::filesystem::absolute(given);  // whoever opens it learns what is wrong
+  }
   return {ToUtf8(target.parent_path()), ToUtf8(target.filename())};
 }
 
 }  // namespace details
 
 std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess /*access*/) {
+  if (path.empty()) {
+    error = ENOENT;
+    return nullptr;
+  }
   const std::filesystem::path full = std::filesystem::absolute(details::FromUtf8(path));
   const HANDLE handle = ::CreateFileW(full.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
@@ -286,7 +315,11 @@ int MakeFolders(const std::string& path) {
   std::error_code error;
   std::filesystem::create_directories(details::FromUtf8(path), error);
   if (error) {
-    return ToErrno(static_cast<unsigned long>(error.value()));
+    if (GetPathKind(path) == EPathKind::kFile) {
+      return EEXIST;
+    }
+    return error.category() == std::generic_category() ? error.value()
+                                                       : ToErrno(static_cast<unsigned long>(error.value()));
   }
   return GetPathKind(path) == EPathKind::kFolder ? 0 : EEXIST;
 }

@@ -10,6 +10,28 @@
 #include "WindowsError.h"
 
 namespace HostSystem {
+namespace details {
+namespace {
+
+// Whoever asks whether a lock is taken has the file open for a moment, in which it cannot be opened for writing.
+constexpr int kTries = 20;
+constexpr DWORD kPauseMs = 5;
+
+HANDLE OpenLocked(const std::filesystem::path& file, DWORD others) {
+  HANDLE handle = INVALID_HANDLE_VALUE;
+  for (int i = 0; i < kTries; ++i) {
+    handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, others, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle != INVALID_HANDLE_VALUE || ::GetLastError() != ERROR_SHARING_VIOLATION) {
+      return handle;
+    }
+    ::Sleep(kPauseMs);
+  }
+  ::SetLastError(ERROR_SHARING_VIOLATION);
+  return handle;
+}
+
+}  // namespace
+}  // namespace details
 
 CLockFile::~CLockFile() {
   if (IsTaken()) {
@@ -30,13 +52,12 @@ int CLockFile::Acquire(const std::string& path, bool is_shared) {
   // lock.
   const std::filesystem::path file(std::u8string(path.begin(), path.end()));
   const DWORD others = FILE_SHARE_READ | (is_shared ? FILE_SHARE_WRITE : 0);
-  const HANDLE handle =
-      ::CreateFileW(file.c_str(), GENERIC_WRITE, others, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const HANDLE handle = details::OpenLocked(file, others);
   if (handle == INVALID_HANDLE_VALUE) {
     return LastErrno();
   }
   handle_ = reinterpret_cast<std::intptr_t>(handle);
-  const std::string id = std::to_string(::GetCurrentProcessId()) + "\r\n";
+  const std::string id = std::to_string(::GetCurrentProcessId()) + "\n";
   DWORD written = 0;
   ::SetEndOfFile(handle);
   ::WriteFile(handle, id.data(), static_cast<DWORD>(id.size()), &written, nullptr);

@@ -14,7 +14,7 @@ void* LoadSharedLibrary(const std::string& name, std::string& error) {
   const std::filesystem::path file(std::u8string(name.begin(), name.end()));
   const HMODULE library = ::LoadLibraryW(file.c_str());
   if (library == nullptr) {
-    error = ErrorText(LastErrno());
+    error = name + ": " + ErrorText(LastErrno());
   }
   return reinterpret_cast<void*>(library);
 }

@@ -18,6 +18,7 @@ int ToErrno(unsigned long code) {
       return 0;
     case ERROR_FILE_NOT_FOUND:
     case ERROR_PATH_NOT_FOUND:
+    case ERROR_MOD_NOT_FOUND:
       return ENOENT;
     case ERROR_FILE_EXISTS:
     case ERROR_ALREADY_EXISTS:

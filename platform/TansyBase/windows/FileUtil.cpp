@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "TansyBase/StringUtil.h"
+#include "TansyBase/windows/NativePath.h"
 
 namespace TansyBase {
 namespace {
@@ -29,11 +30,11 @@ std::string FileUtil::GetCurExeDirUtf8() {
 }
 
 bool FileUtil::Exists(const std::string& path) {
-  return GetFileAttributesW(StringUtil::UTF8ToWide(path).c_str()) != INVALID_FILE_ATTRIBUTES;
+  return GetFileAttributesW(NativePath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 int FileUtil::MakeDirectory(const std::string& path) {
-  return _wmkdir(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
+  return _wmkdir(NativePath(path).c_str()) == 0 ? 0 : errno;
 }
 
 // The system keeps names in a journal of its own and cannot be asked to wait for it.
@@ -43,7 +44,7 @@ int FileUtil::EnsureDirectory(const std::string& path) {
 }
 
 int FileUtil::RemoveFile(const std::string& path) {
-  return _wunlink(StringUtil::UTF8ToWide(path).c_str()) == 0 ? 0 : errno;
+  return _wunlink(NativePath(path).c_str()) == 0 ? 0 : errno;
 }
 
 int FileUtil::EnsureRemoved(const std::string& path) {
@@ -52,8 +53,8 @@ int FileUtil::EnsureRemoved(const std::string& path) {
 }
 
 int FileUtil::MoveOver(const std::string& from, const std::string& to) {
-  const BOOL moved = MoveFileExW(StringUtil::UTF8ToWide(from).c_str(), StringUtil::UTF8ToWide(to).c_str(),
-                                 MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+  const BOOL moved =
+      MoveFileExW(NativePath(from).c_str(), NativePath(to).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
   if (moved) {
     return 0;
   }
@@ -73,7 +74,7 @@ int FileUtil::Flush(std::FILE* file) {
 }
 
 std::FILE* FileUtil::OpenFile(const std::string& path, const char* mode) {
-  return _wfopen(StringUtil::UTF8ToWide(path).c_str(), StringUtil::UTF8ToWide(std::string(mode) + "N").c_str());
+  return _wfopen(NativePath(path).c_str(), StringUtil::UTF8ToWide(std::string(mode) + "N").c_str());
 }
 
 }  // namespace TansyBase

@@ -16,6 +16,9 @@ HANDLE Handle(std::intptr_t handle) {
 
 std::uint32_t CLocalFile::OpenAlways(const std::string& utf8_path) {
   Close();
+  if (utf8_path.find('\0') != std::string::npos) {
+    return ERROR_INVALID_NAME;  // the system would open the file that is named by what stands before it
+  }
   const HANDLE handle = CreateFileW(StringUtil::UTF8ToWide(utf8_path).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
