@@ -37,7 +37,10 @@ std::uint64_t RaiseOpenFileLimit();
 void ShareHeaps();
 
 std::string HostName();
-// Gives an environment variable, or "" when there is none.
+// Gives the program's arguments in UTF-8, which on Windows `main` gets in the system's code page. `arguments` are those
+// of `main`; where they are in UTF-8 already, they are the result. The result lives as long as the process.
+char** ArgumentsInUtf8(int count, char** arguments);
+// Gives an environment variable in UTF-8, or "" when there is none.
 std::string Environment(const char* name);
 // Returns true when there is such a variable, also when it is empty.
 bool HasEnvironment(const char* name);

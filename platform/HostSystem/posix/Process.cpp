@@ -96,6 +96,10 @@ std::string HostName() {
   return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
+char** ArgumentsInUtf8(int /*count*/, char** arguments) {
+  return arguments;
+}
+
 std::string Environment(const char* name) {
   const char* value = std::getenv(name);
   return value == nullptr ? "" : value;
