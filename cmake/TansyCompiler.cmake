@@ -25,7 +25,15 @@ else()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-fno-semantic-interposition -Wno-error=maybe-uninitialized)
   endif()
-  add_link_options(-Wl,--as-needed)
+  if(NOT WIN32)
+    add_link_options(-Wl,--as-needed)
+  endif()
+endif()
+if(MINGW)
+  # Formats are checked by the native build; here they would be held against a C library that does not know all of them.
+  # Pragmas are those that name libraries to Microsoft's linker.
+  add_compile_options(-Wno-format -Wno-format-extra-args -Wno-unknown-pragmas)
+  add_compile_definitions(_WIN32_WINNT=0x0A00 NOMINMAX)
 endif()
 
 if(TANSY_SANITIZE)

@@ -22,7 +22,10 @@ function(tansy_platform_library name)
     target_include_directories(${name} PUBLIC "$<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform>"
                                               "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
     target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
-    if(NOT WIN32)
+    if(MINGW)
+      # The libraries of others that are linked in stay this library's own affair.
+      target_link_options(${name} PRIVATE -Wl,--export-all-symbols -Wl,--exclude-libs,ALL)
+    elseif(NOT WIN32)
       set(hidden "${CMAKE_SOURCE_DIR}/cmake/HideBoost.map")
       target_link_options(${name} PRIVATE "-Wl,--version-script=${hidden}")
       set_target_properties(${name} PROPERTIES LINK_DEPENDS "${hidden}")
@@ -41,6 +44,9 @@ endfunction()
 # Test sources are compiled for speed of compiling: half of the build is theirs. What they test is optimised as ever, and
 # carries the undefined-behaviour checks that the tests themselves go without.
 function(tansy_test_options target)
+  if(WIN32)
+    target_link_libraries(${target} PRIVATE TansyTestWindows)
+  endif()
   if(NOT MSVC)
     target_compile_options(${target} PRIVATE -O0 -g1)
     if(TANSY_SANITIZE MATCHES "undefined")
@@ -68,6 +74,11 @@ function(tansy_unit_test name)
     list(JOIN others ":" others)
     set(filter "-${others}")
   endif()
+  if(WIN32)
+    target_link_libraries(${name} PRIVATE TansyTestPostgres TansyTestCeph)
+    tansy_windows_test(${name} ${others})
+    return()
+  endif()
   gtest_discover_tests(${name} TEST_FILTER "${filter}" DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS unit)
   if(ARG_ON_POSTGRESQL)
     target_link_libraries(${name} PRIVATE TansyTestPostgres)
@@ -77,6 +88,17 @@ function(tansy_unit_test name)
     target_link_libraries(${name} PRIVATE TansyTestCeph)
     tansy_ceph_test(${name} "${ARG_ON_CEPH}:${ARG_ON_CEPH_TOO}" unit)
   endif()
+endfunction()
+
+# tansy_windows_test(<program> <filter of cases that need a server of another kind>...)
+#
+# A whole test program is one ctest entry, because under Wine the start of a process costs more than most tests. The cases
+# that tests/windows/left_out/<program>.txt names, each with its reason, are left out and printed beside those that ran.
+function(tansy_windows_test name)
+  add_test(NAME windows.${name}
+           COMMAND bash "${CMAKE_SOURCE_DIR}/tests/windows/run.sh" "$<TARGET_FILE:${name}>"
+                   "${CMAKE_SOURCE_DIR}/tests/windows/left_out/${name}.txt" ${ARGN})
+  set_tests_properties(windows.${name} PROPERTIES TIMEOUT 900 LABELS windows)
 endfunction()
 
 # tansy_postgresql_test(<program> <filter> <label>)

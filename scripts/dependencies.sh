@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build needs and this machine lacks, from Debian's packages. Says what it installs; installs nothing twice.
-# usage: scripts/dependencies.sh [--no-tests|--lint|--windows|--fuzz]
+# usage: scripts/dependencies.sh [--no-tests|--lint|--windows|--fuzz|windows]
+#        windows: what the preset of that name needs, which builds some libraries; --windows: its compiler alone
 set -euo pipefail
 
 packages=(
@@ -10,16 +11,23 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   openssl curl groff-base
 )
-if [[ "${1:-}" != --no-tests ]]; then
+if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
   packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic)
 fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
 elif [[ "${1:-}" == --windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix)
+elif [[ "${1:-}" == windows ]]; then
+  packages+=(g++-mingw-w64-x86-64-posix clang-14 wine64 dpkg-dev googletest tcl perl make)
 elif [[ "${1:-}" == --fuzz ]]; then
   packages+=(clang-14 libclang-rt-14-dev)
 fi
+
+# Libraries for Windows have no packages.
+build_libraries() {
+  [[ "${1:-}" != windows ]] || "$(dirname "${BASH_SOURCE[0]}")/windows-libraries.sh"
+}
 
 missing=()
 for package in "${packages[@]}"; do
@@ -27,6 +35,7 @@ for package in "${packages[@]}"; do
   [[ "$state" == ii* ]] || missing+=("$package")
 done
 if ((${#missing[@]} == 0)); then
+  build_libraries "$@"
   exit 0
 fi
 
@@ -51,3 +60,4 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+build_libraries "$@"

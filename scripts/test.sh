@@ -29,6 +29,10 @@ for preset in "${presets[@]}"; do
   echo "test: $preset"
   TANSY_CMAKE_ARGS=-DTANSY_BUILD_TESTS=ON scripts/build.sh "$preset"
   status=0
+  if [[ $preset == windows ]]; then
+    scripts/wine.sh --start
+    trap 'rm -f "$printed"; scripts/wine.sh --stop' EXIT
+  fi
   ctest --preset "$preset" --parallel "$(nproc)" --schedule-random | tee "$printed" || status=$?
   if ((status != 0)); then
     folder=build
