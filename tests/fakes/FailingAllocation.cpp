@@ -6,6 +6,12 @@
 #include <new>
 #include <utility>
 
+#ifdef _WIN32
+#include <malloc.h>
+
+#include "windows/ReplaceAllocation.h"
+#endif
+
 namespace {
 
 // Allocations left until the one that fails; 0 or less: none does.
@@ -22,14 +28,37 @@ bool MustFail() {
   return mine || anyones;
 }
 
+#ifdef _WIN32
+void* AllocateAligned(std::size_t size, std::size_t alignment) {
+  return ::_aligned_malloc(size, alignment);
+}
+void ReleaseAligned(void* memory) {
+  ::_aligned_free(memory);
+}
+[[maybe_unused]] const bool is_used_everywhere = Tansy::Tests::ReplaceAllocationEverywhere();
+#else
+void* AllocateAligned(std::size_t size, std::size_t alignment) {
+  return std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+}
+void ReleaseAligned(void* memory) {
+  std::free(memory);
+}
+#endif
+
 void* Allocate(std::size_t size, std::size_t alignment) {
   if (MustFail()) {
     return nullptr;
   }
   const std::size_t needed = size == 0 ? 1 : size;
-  return alignment <= alignof(std::max_align_t)
-             ? std::malloc(needed)
-             : std::aligned_alloc(alignment, (needed + alignment - 1) / alignment * alignment);
+  return alignment <= alignof(std::max_align_t) ? std::malloc(needed) : AllocateAligned(needed, alignment);
+}
+
+void FreeAligned(void* memory, std::align_val_t alignment) {
+  if (static_cast<std::size_t>(alignment) <= alignof(std::max_align_t)) {
+    std::free(memory);
+  } else {
+    ReleaseAligned(memory);
+  }
 }
 
 void* AllocateOrThrow(std::size_t size, std::size_t alignment) {
@@ -73,17 +102,17 @@ void operator delete(void* memory, std::size_t) noexcept {
 void operator delete[](void* memory, std::size_t) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::align_val_t) noexcept {
-  std::free(memory);
+void operator delete(void* memory, std::align_val_t alignment) noexcept {
+  FreeAligned(memory, alignment);
 }
-void operator delete[](void* memory, std::align_val_t) noexcept {
-  std::free(memory);
+void operator delete[](void* memory, std::align_val_t alignment) noexcept {
+  FreeAligned(memory, alignment);
 }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
+void operator delete(void* memory, std::size_t, std::align_val_t alignment) noexcept {
+  FreeAligned(memory, alignment);
 }
-void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
+void operator delete[](void* memory, std::size_t, std::align_val_t alignment) noexcept {
+  FreeAligned(memory, alignment);
 }
 
 namespace Tansy::Tests {
