@@ -1,11 +1,17 @@
 #!/usr/bin/env bash
-# Starts a private PostgreSQL, a private Ceph (a monitor and three OSDs, in memory) and tansyd on both, all on loopback
-# and in a temporary folder, says what to try, and stops everything on Ctrl-C.
+# Starts a private PostgreSQL, a private Ceph (a monitor and three OSDs, in memory) and three tansyd on both, all on
+# loopback and in a temporary folder, says what to try, and stops everything on Ctrl-C.
 #
-# usage: scripts/cluster-demo.sh [FOLDER_WITH_TANSYD]      default: build/bin
+# usage: scripts/cluster-demo.sh [--one] [FOLDER_WITH_TANSYD]      default: build/bin
+# --one: a single tansyd without a name, which can be moved to another place.
 # Needs Debian's packages postgresql, ceph-mon, ceph-osd and ceph-common.
 set -euo pipefail
 
+nodes=(a b c)
+if [[ ${1:-} == --one ]]; then
+  nodes=(a)
+  shift
+fi
 programs=$(cd "${1:-$(dirname "$0")/../build/bin}" && pwd)
 [[ -x $programs/tansyd ]] || { echo "cluster-demo: there is no tansyd in $programs: build it first" >&2; exit 1; }
 # shellcheck source=scripts/private_services.sh
@@ -56,12 +62,47 @@ wait_for() {
   exit 1
 }
 
-start_tansyd() {
-  local data=$folder/data
-  begin tansyd "$programs/tansyd" --data "$data" --listen 127.0.0.1 --local-ip 127.0.0.1 \
-    --object-port 19700 --object-https-port 0 --picture-port 19701 --picture-https-port 0 \
-    --s3-port 19702 --s3-https-port 0 --database "$database" --storage "$storage"
-  wait_for tansyd grep -q "tansyd ready" "$folder/tansyd.out"
+# Starts the node of this name, on ports of its own. All nodes have the keys that the first one made.
+start_node() {
+  local name=$1 port=$2 data=$folder/$1/tansy-data
+  local -a as_node=()
+  mkdir -p "$data"
+  if ((${#nodes[@]} > 1)); then as_node=(--node-name "$name"); fi
+  if [[ $name != a ]]; then cp "$folder/a/tansy-data/tansyd.toml" "$data"; fi
+  begin "node-$name" "$programs/tansyd" --data "$data" --listen 127.0.0.1 --local-ip 127.0.0.1 \
+    --object-port "$port" --object-https-port 0 --picture-port $((port + 1)) --picture-https-port 0 \
+    --s3-port $((port + 2)) --s3-https-port 0 --database "$database" --storage "$storage" "${as_node[@]}"
+  wait_for "node $name" grep -q "tansyd ready" "$folder/node-$name.out"
+}
+
+say_what_to_try() {
+  cat << END
+
+Everything is in $folder. Try in another terminal:
+
+  export PATH=$programs:\$PATH
+  cd $folder/a && tansy mb photos && tansy put FILE --name FILE
+  psql -h $folder/postgres -U tansy tansy -c 'SELECT bucket_name, name, size FROM platform.local_object'
+  rados -c $conf -p tansy ls
+  ceph -c $conf status
+  kill ${started[3]}                          # an OSD: reads and writes go on
+END
+  if ((${#nodes[@]} > 1)); then
+    cat << END
+
+The nodes a, b and c listen on ports 19700, 19710 and 19720. Each has a folder, and what one stores the others have:
+
+  cd $folder/b && tansy get /photos/FILE
+  psql -h $folder/postgres -U tansy tansy -c 'SELECT name, owner, seen_at FROM platform.nodes'
+  kill -9 ${started[-3]}                      # node a: b and c go on
+  cd $folder/c && tansy put FILE --name another && cd $folder/b && tansy get /photos/another
+END
+  else
+    cat << END
+  tansyd move --data $folder/a/tansy-data --database '$database' --storage '$storage' --to-database sqlite:rows.db --to-storage file:bytes
+END
+  fi
+  printf '\nCtrl-C stops everything and removes the folder.\n'
 }
 
 echo "cluster-demo: starting PostgreSQL"
@@ -73,21 +114,14 @@ conf=$folder/ceph/ceph.conf
 database=$(private_database_url "$folder/postgres" tansy)
 storage="rados://tansy?conf=$conf&id=tansy"
 echo "cluster-demo: starting tansyd"
-start_tansyd
-cat << END
-
-Everything is in $folder. Try in another terminal:
-
-  cd $folder && ln -sfn data tansy-data
-  $programs/tansy mb photos
-  $programs/tansy put FILE --name FILE
-  psql -h $folder/postgres -U tansy tansy -c 'SELECT bucket_name, name, size FROM platform.local_object'
-  rados -c $conf -p tansy ls
-  ceph -c $conf status
-  kill ${started[3]}                          # an OSD: reads and writes go on
-  $programs/tansyd move --data $folder/data --database '$database' --storage '$storage' --to-database sqlite:rows.db --to-storage file:bytes
-
-Ctrl-C stops everything and removes the folder.
-END
-wait "${started[-1]}" || true
-echo "cluster-demo: tansyd has ended; see $folder" >&2
+port=19700
+for node in "${nodes[@]}"; do
+  start_node "$node" "$port"
+  port=$((port + 10))
+done
+say_what_to_try
+# Until all of them have ended: one that is killed to see what happens is not the end of the others.
+for ((i = 1; i <= ${#nodes[@]}; ++i)); do
+  wait "${started[-i]}" || true
+done
+echo "cluster-demo: no tansyd runs any more; see $folder" >&2
