@@ -121,7 +121,7 @@ class CRun {
     if (!result_.wrong.empty()) {
       return;
     }
-    if (options_.features.buckets && round.end != EEnd::kGoOn) {
+    if (options_.features.buckets && has_restarted_) {
       observer_.FindPassingBucket();
     }
     if (servers_.size() > 1) {
@@ -139,6 +139,7 @@ class CRun {
 
   // Starts what has ended, and waits until a database that crashed is used again.
   void StartAgain() {
+    has_restarted_ = false;
     if (has_crashed_) {
       options_.backend->StartDatabase();
     }
@@ -146,10 +147,12 @@ class CRun {
       if (!world_.IsEnding(node)) {
         continue;
       }
-      if (!is_running_[static_cast<std::size_t>(node)] && !world_.GetServer(node).Start()) {
+      const bool has_ended = !is_running_[static_cast<std::size_t>(node)];
+      if (has_ended && !world_.GetServer(node).Start()) {
         result_.wrong.push_back("server " + std::to_string(node) + " did not start again");
         return;
       }
+      has_restarted_ = has_restarted_ || has_ended;
       is_running_[static_cast<std::size_t>(node)] = true;
       if (has_crashed_ && !system_tests::WaitUntil([&] { return CanWrite(world_.GetServer(node)); })) {
         result_.wrong.push_back("server " + std::to_string(node) + " does not find its database again");
@@ -245,7 +248,8 @@ class CRun {
   const RunOptions& options_;
   mutable CWorld world_;
   std::vector<bool> is_running_ = std::vector<bool>(servers_.size(), true);
-  bool has_crashed_ = false;  // the database
+  bool has_crashed_ = false;    // the database
+  bool has_restarted_ = false;  // a server, at the last end
   CClient observer_;
   std::vector<std::unique_ptr<CClient>> clients_;
   RunResult result_;
