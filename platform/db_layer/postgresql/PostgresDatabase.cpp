@@ -1,6 +1,7 @@
 #include "db_layer/postgresql/PostgresDatabase.h"
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -13,7 +14,11 @@ namespace db_layer {
 namespace details {
 namespace {
 
-constexpr std::size_t kMostIdleReaders = 4;
+// To open a connection costs the server a process and the caller some milliseconds, and the server has a limited number
+// of them. So this many are kept, and callers wait for one of them. Who has waited for so long gets one more: those who
+// have the others may be waiting for a server that is silent.
+constexpr std::size_t kMostReaders = 8;
+constexpr std::chrono::seconds kPatience{3};
 
 std::atomic<bool> g_full_durability{true};
 std::atomic<int> g_timeout_ms{30000};
@@ -119,6 +124,7 @@ bool CPostgresDatabase::NextValue(const std::string& sequence, std::int64_t& val
 
 bool CPostgresDatabase::Read(const Use& use, SqlError& error) {
   const TansyBase::CBlockingScope blocking;
+  const CTurn turn(*this);
   CPostgresHandle::EResult result = CPostgresHandle::EResult::kLost;
   if (Handle idle = TakeIdle()) {
     result = use(*idle);
@@ -133,6 +139,21 @@ bool CPostgresDatabase::Read(const Use& use, SqlError& error) {
     GiveBack(std::move(fresh));
   }
   return result == CPostgresHandle::EResult::kDone;
+}
+
+CPostgresDatabase::CTurn::CTurn(CPostgresDatabase& database) : database_(database) {
+  std::unique_lock lock(database_.readers_mutex_);
+  database_.reader_free_.wait_for(lock, details::kPatience,
+                                  [this] { return database_.reading_ < details::kMostReaders; });
+  ++database_.reading_;
+}
+
+CPostgresDatabase::CTurn::~CTurn() {
+  {
+    const std::lock_guard lock(database_.readers_mutex_);
+    --database_.reading_;
+  }
+  database_.reader_free_.notify_one();
 }
 
 CPostgresDatabase::Handle CPostgresDatabase::TakeIdle() {
@@ -153,7 +174,7 @@ CPostgresDatabase::Handle CPostgresDatabase::OpenReader(SqlError& error) {
 // When one connection was lost, the others most likely were too: each is found so when it is used next.
 void CPostgresDatabase::GiveBack(Handle reader) {
   const std::lock_guard lock(readers_mutex_);
-  if (reader->IsOpen() && readers_.size() < details::kMostIdleReaders) {
+  if (reader->IsOpen() && readers_.size() < details::kMostReaders) {
     readers_.push_back(std::move(reader));
   }
 }

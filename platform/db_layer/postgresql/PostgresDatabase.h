@@ -3,6 +3,8 @@
 #ifndef TANSY_DB_LAYER_POSTGRESQL_POSTGRES_DATABASE_H
 #define TANSY_DB_LAYER_POSTGRESQL_POSTGRES_DATABASE_H
 
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,6 +41,18 @@ class CPostgresDatabase {
  private:
   using Handle = std::unique_ptr<CPostgresHandle>;
 
+  // The right to use one of the connections that read, for as long as it lives.
+  class CTurn {
+   public:
+    explicit CTurn(CPostgresDatabase& database);
+    ~CTurn();
+    CTurn(const CTurn&) = delete;
+    CTurn& operator=(const CTurn&) = delete;
+
+   private:
+    CPostgresDatabase& database_;
+  };
+
   Handle TakeIdle();
   Handle OpenReader(SqlError& error);
   void GiveBack(Handle reader);
@@ -47,7 +61,9 @@ class CPostgresDatabase {
   const PostgresOptions options_;
   CPostgresSequences sequences_;
   std::mutex readers_mutex_;
+  std::condition_variable reader_free_;
   std::vector<Handle> readers_;  // not in use
+  std::size_t reading_ = 0;      // callers that have a turn
   CPostgresWriter writer_;
   CGroupCommit group_commit_;
 };

@@ -273,6 +273,29 @@ TEST_F(PostgresTest, ConnectionsThatWereEndedAreReplaced) {
   }
 }
 
+// A connection for each query would take milliseconds to open, and many at once would use up what the server has.
+TEST_F(PostgresTest, ManyWhoReadAtOnceShareAFewConnections) {
+  constexpr int kThreads = 32;
+  constexpr std::size_t kFew = 16;  // eight, and some more should this machine be very slow
+  std::vector<std::string> backends(kThreads);
+  std::vector<std::thread> threads;
+  for (std::string& backend : backends) {
+    threads.emplace_back([this, &backend] {
+      const auto connection = Open();
+      // Each query takes a moment, so that all want a connection at the same time.
+      ASSERT_TRUE(connection->Query("SELECT pg_backend_pid() AS backend, pg_sleep(0.02)")) << ErrorOf(*connection);
+      backend = connection->GetString("backend");
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  const std::set<std::string> used(backends.begin(), backends.end());
+  EXPECT_FALSE(used.contains(""));
+  EXPECT_GE(used.size(), 2U) << "they wait for one another";
+  EXPECT_LE(used.size(), kFew);
+}
+
 TEST_F(PostgresTest, WritesWaitForARestart) {
   ASSERT_TRUE(Insert(1));
   server_.Crash();
