@@ -99,7 +99,7 @@ CPostgresDatabase::CPostgresDatabase(const DBParam& param, const PostgresOptions
       options_(options),
       sequences_(
           [this](const std::string& sql, CRowBuffer& rows, SqlError& error) { return Write({sql}, &rows, error); }),
-      writer_(param, options),
+      writer_(param, options, [this] { sequences_.Forget(); }),
       group_commit_([this](const std::vector<SqlWrite*>& batch) { writer_.RunBatch(batch); }) {}
 
 bool CPostgresDatabase::Write(const std::vector<std::string>& statements, CRowBuffer* rows, SqlError& error) {

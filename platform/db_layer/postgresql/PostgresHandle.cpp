@@ -118,10 +118,11 @@ std::string PostgresObjection(int version, const std::string& encoding, const st
 
 int PostgresErrorCode(const std::string& state) {
   constexpr int kOther = 1;
+  // TNL01 is the schema's own: a prelude says by it that this process may not write now.
   static const std::map<std::string, int> codes = {
-      {"23", kErrorConstraint}, {"P0001", kErrorConstraint}, {"55P03", kErrorBusy},    {"57014", kErrorBusy},
-      {"40", kErrorBusy},       {"08", kErrorBusy},          {"57P", kErrorBusy},      {"53300", kErrorBusy},
-      {"53100", kErrorFull},    {"53200", kErrorMemory},     {"25006", kErrorReadOnly}};
+      {"23", kErrorConstraint}, {"P0001", kErrorConstraint}, {"55P03", kErrorBusy},   {"57014", kErrorBusy},
+      {"40", kErrorBusy},       {"08", kErrorBusy},          {"57P", kErrorBusy},     {"53300", kErrorBusy},
+      {"TNL01", kErrorBusy},    {"53100", kErrorFull},       {"53200", kErrorMemory}, {"25006", kErrorReadOnly}};
   for (const std::size_t length : {5U, 3U, 2U}) {
     const auto found = codes.find(state.substr(0, length));
     if (found != codes.end()) {

@@ -62,7 +62,8 @@ bool ReadPostgresParameters(const DBParam& param, PostgresParameters& parameters
 }
 
 void AddPostgresSettings(bool only_reads, bool full_durability, int timeout_ms, PostgresParameters& parameters) {
-  parameters.emplace("connect_timeout", details::Seconds(timeout_ms));
+  // A server that answers at all does so soon, and whoever waits may have waited for a silent connection before.
+  parameters.emplace("connect_timeout", details::Seconds(timeout_ms / 3));
   parameters.emplace("tcp_user_timeout", std::to_string(timeout_ms));
   parameters.emplace("keepalives_idle", "10");
   parameters.emplace("keepalives_interval", "5");

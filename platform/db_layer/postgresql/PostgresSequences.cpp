@@ -37,6 +37,13 @@ bool CPostgresSequences::NextValue(const std::string& sequence, std::int64_t& va
   return true;
 }
 
+void CPostgresSequences::Forget() {
+  const std::lock_guard lock(mutex_);
+  for (auto& [name, sequence] : sequences_) {
+    sequence.values.clear();
+  }
+}
+
 bool CPostgresSequences::Reserve(Sequence& entry, const std::string& name, std::unique_lock<std::mutex>& lock,
                                  SqlError& error) {
   entry.is_reserving = true;

@@ -28,6 +28,9 @@ class CPostgresSequences {
   // Gives the next value, and reserves a block first when none is left. Callers that come meanwhile wait for that
   // block.
   bool NextValue(const std::string& sequence, std::int64_t& value, SqlError& error);
+  // Gives up what is reserved. A server that is connected to anew may have lost the reservation, in a crash without
+  // full durability or because it was set back, and would give the same values to others.
+  void Forget();
 
  private:
   struct Sequence {

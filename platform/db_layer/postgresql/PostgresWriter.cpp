@@ -35,8 +35,11 @@ constexpr const char* kFindSession =
 }  // namespace
 }  // namespace details
 
-CPostgresWriter::CPostgresWriter(DBParam param, const PostgresOptions& options)
-    : param_(std::move(param)), options_(options), name_(TansyBase::GuidUtil::CreateGuid()) {}
+CPostgresWriter::CPostgresWriter(DBParam param, const PostgresOptions& options, std::function<void()> connected)
+    : param_(std::move(param)),
+      options_(options),
+      connected_(std::move(connected)),
+      name_(TansyBase::GuidUtil::CreateGuid()) {}
 
 void CPostgresWriter::RunBatch(const std::vector<SqlWrite*>& batch) {
   std::vector<SqlWrite*> writes;
@@ -196,11 +199,12 @@ CPostgresWriter::EOutcome CPostgresWriter::Commit(SqlError& error) noexcept {
 CPostgresWriter::EOutcome CPostgresWriter::ResolveDoubt(SqlError& error) {
   const Clock::time_point deadline = Clock::now() + details::kLongestDoubt;
   const SqlError lost = error;
+  const std::string session = session_;  // the next connection has another
   is_in_doubt_ = has_marks_;
   EMark mark = EMark::kUnread;
   while (has_marks_ && mark == EMark::kUnread && Clock::now() < deadline) {
     if (EnsureOpen(error)) {
-      mark = ReadMark(error);
+      mark = ReadMark(session, error);
     }
     if (mark == EMark::kUnread) {
       std::this_thread::sleep_for(details::kFirstPause);
@@ -216,13 +220,13 @@ CPostgresWriter::EOutcome CPostgresWriter::ResolveDoubt(SqlError& error) {
   return EOutcome::kUnknown;
 }
 
-// The lock is waited for: as long as the old session has not ended, its transaction may still be committed. A process
-// that wrote to the database meanwhile has removed the mark.
-CPostgresWriter::EMark CPostgresWriter::ReadMark(SqlError& error) {
+// The lock is waited for: as long as the session in doubt has not ended, its transaction may still be committed. A
+// process that wrote to the database alone meanwhile has removed the mark.
+CPostgresWriter::EMark CPostgresWriter::ReadMark(const std::string& session, SqlError& error) {
   CRowBuffer rows;
   const std::string sql = "SELECT batch FROM platform.commit_marks WHERE writer = '" + name_ + "' FOR UPDATE";
   if (handle_.Run(sql, &rows, error) != EResult::kDone) {
-    EndOldSession();
+    EndSession(session);
     return EMark::kUnread;
   }
   if (rows.IsEnd()) {
@@ -280,6 +284,7 @@ bool CPostgresWriter::EnsureOpen(SqlError& error) {
 
 bool CPostgresWriter::TryToOpen(SqlError& error) {
   if (handle_.Open(param_, CPostgresHandle::EUse::kWrite, options_, error) && BecomeTheWriter(error)) {
+    connected_();
     return true;
   }
   handle_.Close();
@@ -298,7 +303,7 @@ bool CPostgresWriter::BecomeTheWriter(SqlError& error) {
     }
   }
   if (taken != "1") {
-    EndOldSession();  // perhaps it is this process's own
+    EndSession(session_);  // perhaps it is this process's own
     return SetError(error, kErrorBusy, "the database is in use by another program that writes to it");
   }
   std::string synchronous;
@@ -327,10 +332,10 @@ bool CPostgresWriter::MakeMark(SqlError& error) {
 
 // Ends what the server still does for a connection that this side has given up. It may wait there for a disk or for a
 // network, holding locks.
-void CPostgresWriter::EndOldSession() {
+void CPostgresWriter::EndSession(const std::string& session) {
   SqlError ignored;
-  if (!session_.empty()) {
-    handle_.Run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND " + session_,
+  if (!session.empty()) {
+    handle_.Run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND " + session,
                 nullptr, ignored);
   }
 }

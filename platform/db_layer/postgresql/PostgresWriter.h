@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,8 @@ class CPostgresWriter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  CPostgresWriter(DBParam param, const PostgresOptions& options);
+  // `connected` is called whenever there is a new connection, before anything is written on it.
+  CPostgresWriter(DBParam param, const PostgresOptions& options, std::function<void()> connected);
 
   // Passes the commit barrier, then commits the batch, in which a refused write fails alone.
   void RunBatch(const std::vector<SqlWrite*>& batch);
@@ -58,7 +60,7 @@ class CPostgresWriter {
   std::vector<PostgresStep> StepsOf(const std::vector<SqlWrite*>& writes, EDialect dialect) const;
   EOutcome Commit(SqlError& error) noexcept;
   EOutcome ResolveDoubt(SqlError& error);
-  EMark ReadMark(SqlError& error);
+  EMark ReadMark(const std::string& session, SqlError& error);
   void RollBack() noexcept;
 
   Clock::duration Patience() const;
@@ -69,11 +71,12 @@ class CPostgresWriter {
   bool BecomeTheWriter(SqlError& error);
   bool MakeMark(SqlError& error);
   void LookForMarks(const std::vector<SqlWrite*>& writes) noexcept;
-  void EndOldSession();
+  void EndSession(const std::string& session);
   bool Ask(const std::string& sql, const std::string& column, std::string& answer, SqlError& error);
 
   const DBParam param_;
   const PostgresOptions options_;
+  const std::function<void()> connected_;
   const std::string name_;  // of this process's row of marks
   CPostgresHandle handle_;
   bool has_marks_ = false;       // the database has the table of marks

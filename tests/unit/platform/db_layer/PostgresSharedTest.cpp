@@ -115,6 +115,42 @@ TEST_F(PostgresSharedTest, AWriteThatIsRefusedFailsAloneAndAfterThePreludeToo) {
   EXPECT_EQ(Ids(), (Texts{"1", "2"}));
 }
 
+// A session whose commit nobody hears of may keep all others out, so it is ended. This one waits for a standby that
+// does not exist.
+TEST_F(PostgresSharedTest, ASessionInDoubtIsEnded) {
+  WaitForTheLock();
+  SetPostgresTimeout(1000);
+  const auto first = Process("first", kLock);
+  SetPostgresTimeout(30000);
+  ASSERT_TRUE(Insert(*first, 1)) << ErrorOf(*first);
+  const Texts session = server_.Rows(
+      "SELECT pid FROM pg_stat_activity WHERE application_name = 'first' AND "
+      "query LIKE '%COMMIT%'");
+  ASSERT_EQ(session.size(), 1U);
+  server_.Run("ALTER SYSTEM SET synchronous_standby_names = 'nobody'");
+  server_.Run("SELECT pg_reload_conf()");
+  std::atomic<bool> stop{false};
+  std::atomic<int> last{1};
+  std::thread writer([&] {
+    while (!stop) {
+      EXPECT_TRUE(Insert(*first, ++last)) << ErrorOf(*first);
+    }
+  });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  const auto is_there = [&] {
+    return !server_.Rows("SELECT 1 FROM pg_stat_activity WHERE pid = " + session.front()).empty();
+  };
+  while (is_there() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_FALSE(is_there()) << "the session in doubt still waits";
+  stop = true;
+  server_.Run("ALTER SYSTEM RESET synchronous_standby_names");
+  server_.Run("SELECT pg_reload_conf()");
+  writer.join();
+  EXPECT_EQ(Ids().size(), static_cast<std::size_t>(last));
+}
+
 class PostgresEarTest : public PostgresSharedTest {
  protected:
   bool Ask(IDatabaseEar& ear, const std::string& sql) {

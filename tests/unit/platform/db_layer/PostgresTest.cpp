@@ -96,6 +96,7 @@ TEST(PostgresHandleTest, CodesMeanTheSameAsElsewhere) {
   EXPECT_EQ(PostgresErrorCode("P0001"), kErrorConstraint);
   EXPECT_EQ(PostgresErrorCode("55P03"), kErrorBusy);
   EXPECT_EQ(PostgresErrorCode("57P01"), kErrorBusy);
+  EXPECT_EQ(PostgresErrorCode("TNL01"), kErrorBusy) << "a process that may not write now";
   EXPECT_EQ(PostgresErrorCode("53100"), kErrorFull);
   EXPECT_EQ(PostgresErrorCode("25006"), kErrorReadOnly);
   EXPECT_EQ(PostgresErrorCode("42P01"), 1);
@@ -239,6 +240,22 @@ TEST_F(PostgresTest, ValuesOfASequenceAreGivenOnceByTwoPrograms) {
   EXPECT_EQ(connection_->GetInt(0), 1026);
   EXPECT_FALSE(connection_->Query("SELECT nextval('platform.absent_seq')"));
   EXPECT_EQ(ErrorOf(*connection_), "relation \"platform.absent_seq\" does not exist");
+}
+
+// A server that was set back, or has lost its last commits in a crash, gives the same values once more, and to others.
+TEST_F(PostgresTest, ValuesThatTheServerHasForgottenAreGivenUp) {
+  const auto next = [this] {
+    EXPECT_TRUE(connection_->Query("SELECT nextval('platform.item_id_seq')")) << ErrorOf(*connection_);
+    return connection_->GetInt(0);
+  };
+  EXPECT_EQ(next(), 1);
+  server_.Run("SELECT setval('platform.item_id_seq', 1, false)");
+  server_.Run("INSERT INTO platform.item (id) SELECT nextval('platform.item_id_seq') FROM generate_series(1, 1024)");
+  server_.EndConnections();
+  Insert(next());  // this finds the connection lost
+  const int id = next();
+  EXPECT_GT(id, 1024);
+  EXPECT_TRUE(Insert(id)) << ErrorOf(*connection_);
 }
 
 TEST_F(PostgresTest, DurabilityIsWhatWasAskedFor) {
