@@ -22,7 +22,8 @@ constexpr int kServerInternalError = -16;  // a removal's result becomes the err
 constexpr int kPictureFlag = 0;
 
 std::atomic<IObjectStore*> g_store{nullptr};
-std::atomic<Removal> g_removal{nullptr};
+std::atomic<decltype(SharedStorage::remove)> g_remove{nullptr};
+std::atomic<decltype(SharedStorage::may_write)> g_may_write{nullptr};
 
 IObjectStore& Store() {
   return *g_store.load(std::memory_order_acquire);
@@ -99,12 +100,21 @@ int ReadObject(char*& data, std::uint32_t& size, const std::string& location, in
   });
 }
 
+bool MayWrite() {
+  const auto may_write = g_may_write.load();
+  return may_write == nullptr || may_write();
+}
+
 int StreamSave(const char* data, std::uint32_t size, std::uint32_t offset, std::string& location) {
   return Guarded(kFailed, [&] {
     StoredName name;
     const std::string_view text = OwnText(location);
     if (!text.empty() && !ParseLocationText(text, name)) {
       return InvalidLocation(location, kFailed);
+    }
+    if (!text.empty() && !MayWrite()) {
+      HOST_LOG(logging::kError, "[%s]location %s is not written: another node may have it.[%s(%d)]", location.c_str());
+      return kFailed;
     }
     const EStoreResult result = Store().SaveAt(name, offset, data, size);
     if (result == EStoreResult::kDone) {
@@ -152,8 +162,8 @@ int RemoveObject(const std::string& location) {
     if (!ParseStoragePath(location, name) && !(IsPictureRequest(location) && ParseReadLocation(location, name))) {
       return InvalidLocation(location, kServerInternalError);
     }
-    const Removal removal = Store().IsPicture(name) ? nullptr : g_removal.load();
-    const bool is_removed = removal != nullptr ? removal(name) : Store().Remove(name) == EStoreResult::kDone;
+    const auto remove = Store().IsPicture(name) ? nullptr : g_remove.load();
+    const bool is_removed = remove != nullptr ? remove(name) : Store().Remove(name) == EStoreResult::kDone;
     return is_removed ? kDone : kServerInternalError;
   });
 }
@@ -162,7 +172,7 @@ int RemoveObject(const std::string& location) {
 }  // namespace details
 
 void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config,
-                       Removal removal) {
+                       const SharedStorage& shared) {
   static std::mutex mutex;
   static auto& kept = *new std::vector<std::shared_ptr<IObjectStore>>();
   {
@@ -170,7 +180,8 @@ void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::Storag
     details::g_store.store(store.get(), std::memory_order_release);
     kept.push_back(std::move(store));
   }
-  details::g_removal = removal;
+  details::g_remove = shared.remove;
+  details::g_may_write = shared.may_write;
   config.save_object = &details::SaveObject;
   config.read_object = &details::ReadObject;
   config.stream_save = &details::StreamSave;

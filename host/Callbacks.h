@@ -12,11 +12,16 @@ namespace Tansy::Host {
 // the store keeps their files open. The callbacks are plain functions over the store, which is kept for the life of the
 // process, because a callback may be running on any thread until then. A second call replaces the store.
 //
-// `removal` takes the place of the store's own removal of an object's bytes; null: the store removes them at once. It
-// may be called on any thread, for the life of the process.
-using Removal = bool (*)(const StoredName& name);
+// The functions of a process that shares its storage may be called on any thread, for the life of the process. Null
+// ones stand for a process that is alone.
+struct SharedStorage {
+  // Takes the place of the store's own removal of an object's bytes.
+  bool (*remove)(const StoredName& name) = nullptr;
+  // Says whether bytes that have a place already may be written, because nobody else can have taken them over.
+  bool (*may_write)() = nullptr;
+};
 void RegisterCallbacks(std::shared_ptr<IObjectStore> store, CloudStorage::StorageServerConfig& config,
-                       Removal removal = nullptr);
+                       const SharedStorage& shared = {});
 
 }  // namespace Tansy::Host
 

@@ -13,6 +13,7 @@ namespace details {
 namespace {
 
 constexpr const char* kModule = "platform";
+constexpr int kChangesAtOnce = 2000;
 
 std::shared_ptr<db_layer::CConnect> ApplyConnection() {
   db_layer::CConnect* connection = db_layer::DBLayer_ApplyConn(kModule);
@@ -83,9 +84,13 @@ std::string TextList(const std::vector<std::string>& texts) {
   return list;
 }
 
-bool Collect(const std::string& table, const std::string& condition, std::set<std::string>& urls) {
-  return Query("SELECT url FROM platform." + table + " WHERE " + condition,
-               [&urls](db_layer::CConnect& row) { urls.insert(row.GetString("url")); });
+// Gives the query for those of these urls that a table names.
+std::string NamesAmong(const std::string& table, const std::vector<std::string>& urls) {
+  return "SELECT url FROM platform." + table + " WHERE url IN (" + TextList(urls) + ")";
+}
+
+bool Collect(const std::string& sql, std::set<std::string>& urls) {
+  return Query(sql, [&urls](db_layer::CConnect& row) { urls.insert(row.GetString("url")); });
 }
 
 // Runs a statement over at most `limit` rows that fulfil a condition. It asks first whether there are any, so that an
@@ -154,17 +159,29 @@ bool ForgetParts(const std::string& url) {
   return details::Execute("DELETE FROM platform.local_upload_part WHERE object_url = " + details::Quoted(url));
 }
 
+// Housekeeping may have found these bytes meanwhile, and have decided to keep them.
 bool ReleaseSoon(const std::string& url) {
   return details::Execute("UPDATE platform.released_bytes SET kind = " +
                           std::to_string(static_cast<int>(EReleased::kLeft)) + " WHERE url = " + details::Quoted(url) +
-                          " AND kind = " + std::to_string(static_cast<int>(EReleased::kRemovedNow)));
+                          " AND kind IN (" + std::to_string(static_cast<int>(EReleased::kRemovedNow)) + ", " +
+                          std::to_string(static_cast<int>(EReleased::kKept)) + ")");
 }
 
 // Who has been away for longer loads the catalogue anew. The newest entry stays, because it is where everybody begins.
-bool TrimChanges() {
-  return details::Execute(
-      "DELETE FROM platform.catalogue_changes WHERE seq < (SELECT max(seq) FROM platform.catalogue_changes) "
-      "AND mark < extract(epoch FROM clock_timestamp() - interval '1 hour') * 1000000");
+// The end of a step is found by a reader, for whom nobody waits, and in the index.
+bool TrimChanges(bool& left) {
+  const std::string oldest = "(SELECT seq, mark FROM platform.catalogue_changes ORDER BY seq LIMIT " +
+                             std::to_string(details::kChangesAtOnce) + ") AS oldest";
+  std::string last;
+  if (!details::Query("SELECT max(seq) AS last FROM " + oldest +
+                          " WHERE mark < extract(epoch FROM clock_timestamp() - interval '1 hour') * 1000000 "
+                          "AND seq < (SELECT max(seq) FROM platform.catalogue_changes)",
+                      [&last](db_layer::CConnect& row) { last = row.GetString("last"); })) {
+    left = false;
+    return false;
+  }
+  left = !last.empty();
+  return !left || details::Execute("DELETE FROM platform.catalogue_changes WHERE seq <= " + last);
 }
 
 bool GetOtherNodes(const std::string& own_name, std::vector<std::string>& names) {
@@ -181,20 +198,33 @@ bool ForgetUploadsOfGoneNodes() {
       "WHERE n.name = node AND n.seen_at > clock_timestamp() - interval '3 days')");
 }
 
+// A process that writes after all makes its row anew. No commit is in doubt for so many transactions.
+bool ForgetGoneWriters() {
+  return details::Execute("DELETE FROM platform.commit_marks WHERE age(xmin) > 100000");
+}
+
 bool FindNamed(const std::vector<std::string>& urls, EReleasedToo released_too, std::set<std::string>& named) {
-  std::vector<std::string> tables = {"local_object", "local_object_task", "local_upload_part"};
-  if (released_too == EReleasedToo::kYes) {
-    tables.emplace_back("released_bytes");
+  if (urls.empty()) {
+    return true;
   }
-  // Most are found in the first table, and the others need not be asked for them.
+  if (!details::Collect(details::NamesAmong("local_object", urls), named)) {
+    return false;
+  }
+  // Most are objects' by then. The others are looked for everywhere by one statement, because a url goes from one table
+  // to another.
   std::vector<std::string> left = urls;
-  for (const std::string& table : tables) {
-    if (!left.empty() && !details::Collect(table, "url IN (" + details::TextList(left) + ")", named)) {
-      return false;
-    }
-    std::erase_if(left, [&named](const std::string& url) { return named.count(url) > 0; });
+  std::erase_if(left, [&named](const std::string& url) { return named.count(url) > 0; });
+  if (left.empty()) {
+    return true;
   }
-  return true;
+  std::string sql = details::NamesAmong("local_object", left);
+  for (const char* table : {"local_object_task", "local_upload_part"}) {
+    sql += " UNION " + details::NamesAmong(table, left);
+  }
+  if (released_too == EReleasedToo::kYes) {
+    sql += " UNION " + details::NamesAmong("released_bytes", left);
+  }
+  return details::Collect(sql, named);
 }
 
 EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, std::set<std::string>& given_up) {
@@ -220,8 +250,7 @@ EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, st
     details::Refused(*connection, sql);
     return details::IsLocked(*connection) ? EGiveUp::kBusy : EGiveUp::kRefused;
   }
-  return details::Collect("freed_bytes", "url IN (" + details::TextList(urls) + ")", given_up) ? EGiveUp::kDone
-                                                                                               : EGiveUp::kBusy;
+  return details::Collect(details::NamesAmong("freed_bytes", urls), given_up) ? EGiveUp::kDone : EGiveUp::kBusy;
 }
 
 bool ForgetGivenUp(std::int64_t time, int limit, bool& left) {

@@ -48,10 +48,12 @@ bool ForgetParts(const std::string& url);
 // Makes bytes of a removed object wait no longer than those of an overwritten one.
 bool ReleaseSoon(const std::string& url);
 
-// For catalogues that several tansyd share: these forget what nobody needs any more of the log of changes, and of
-// uploads whose node has been gone for days.
-bool TrimChanges();
+// For catalogues that several tansyd share: these forget what nobody needs any more of the log of changes, of uploads
+// whose node has been gone for days, and of processes that have ended long ago. All nodes wait while one of them writes,
+// so the log is forgotten in steps; `left` says whether there may be more.
+bool TrimChanges(bool& left);
 bool ForgetUploadsOfGoneNodes();
+bool ForgetGoneWriters();
 // Names the other nodes that live.
 bool GetOtherNodes(const std::string& own_name, std::vector<std::string>& names);
 

@@ -74,6 +74,10 @@ void CHousekeeping::Run() {
 }
 
 void CHousekeeping::DoWhatIsDoneOnce() {
+  if (is_first_ && (looked_for_gone_ == 0 || Now() - looked_for_gone_ >= details::kGoneSeconds)) {
+    looked_for_gone_ = Now();
+    ForgetWhatNodesLeft();
+  }
   LookAtReleased();
   bool left = true;
   while (left && !is_stopping_() && ForgetGivenUp(Now() - details::kGivenUpSeconds, details::kAtOnce, left)) {
@@ -81,11 +85,15 @@ void CHousekeeping::DoWhatIsDoneOnce() {
   if (Now() - clock_saved_ >= details::kSaveClockSeconds) {
     SaveClock();
   }
-  if (is_first_ && (looked_for_gone_ == 0 || Now() - looked_for_gone_ >= details::kGoneSeconds)) {
-    looked_for_gone_ = Now();
-    TrimChanges();
-    ForgetUploadsOfGoneNodes();
+}
+
+// This comes before what may take long, because the log of changes grows with every write.
+void CHousekeeping::ForgetWhatNodesLeft() {
+  bool left = true;
+  while (left && !is_stopping_() && TrimChanges(left)) {
   }
+  ForgetUploadsOfGoneNodes();
+  ForgetGoneWriters();
 }
 
 // Who takes this over goes on with the clock of who did it before.

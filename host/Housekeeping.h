@@ -49,6 +49,7 @@ class CHousekeeping {
 
  private:
   void DoWhatIsDoneOnce();
+  void ForgetWhatNodesLeft();
   bool IsMyTurn();
   bool FindClock();
   std::int64_t Now() const;

@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include <atomic>
 #include <cerrno>
 #include <iostream>
 #include <string_view>
@@ -79,6 +80,14 @@ void RemoveDeadFirstParts() {
 // Another node may be reading the bytes of an object that is removed here.
 bool FreeLater(const StoredName& name) {
   return ReleaseSoon(LocationText(name));
+}
+
+std::atomic<const CNodeLease*> g_lease{nullptr};  // null once this process is no node any more
+
+// Another process that has taken this node's name over has its uploads too.
+bool HasLease() {
+  const CNodeLease* const lease = g_lease;
+  return lease != nullptr && lease->IsHeld();
 }
 
 void FinishRequests(std::uint32_t drain_ms) {
@@ -180,6 +189,7 @@ CServer::~CServer() {
   db_layer::Module_Unregister(details::kModule);
   db_layer::SetCommitBarrier({});
   db_layer::SetPostgresPrelude({});
+  details::g_lease = nullptr;
 }
 
 void CServer::ReadOptions(const CommandLine& command_line, const std::string& config_path) {
@@ -257,6 +267,7 @@ void CServer::OpenSharedDatabase() {
     }
   }
   NodeIdentity identity{options_.node_name, HostSystem::HostName() + ":" + data_folder_->GetPath(),
+                        HostSystem::MachineStart(),
                         UrlHost(options_.local_ip) + ":" + std::to_string(options_.object_port)};
   lease_ = std::make_unique<CNodeLease>(database, std::move(identity));
   lease_->Begin();
@@ -402,7 +413,9 @@ CloudStorage::StorageServerConfig_V1 CServer::MakeConfig(const CredentialPair& c
   config.wan_ip = options_.wan_ip;
   config.ak = credentials.access_key;
   config.sk = credentials.secret_key;
-  RegisterCallbacks(store_, config, lease_ == nullptr ? nullptr : &details::FreeLater);
+  details::g_lease = lease_.get();
+  RegisterCallbacks(store_, config,
+                    lease_ == nullptr ? SharedStorage() : SharedStorage{&details::FreeLater, &details::HasLease});
   KeepRoomBesideFirstParts();
   return config;
 }

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <limits>
 
 #if defined(__GLIBC__)
@@ -89,6 +90,13 @@ std::uint64_t RaiseOpenFileLimit() {
     limit = raised;
   }
   return limit.rlim_cur == RLIM_INFINITY ? std::numeric_limits<std::uint64_t>::max() : limit.rlim_cur;
+}
+
+std::string MachineStart() {
+  std::ifstream file("/proc/sys/kernel/random/boot_id");
+  std::string text;
+  std::getline(file, text);
+  return text;
 }
 
 std::string HostName() {

@@ -69,6 +69,10 @@ std::uint64_t RaiseOpenFileLimit() {
 // This system's threads share one heap.
 void ShareHeaps() {}
 
+std::string MachineStart() {
+  return {};
+}
+
 std::string HostName() {
   char name[256] = {};
   DWORD size = sizeof name;

@@ -103,6 +103,23 @@ TEST_F(CallbacksTest, AnObjectGoesThroughAllFive) {
   EXPECT_EQ(Read(stored, 1), "<failed>");
 }
 
+TEST_F(CallbacksTest, BytesThatAnotherMayHaveByNowAreNotWritten) {
+  static bool may_write = true;
+  RegisterCallbacks(OpenFileStore(temp_.GetPath(), false), config_, {nullptr, [] { return may_write; }});
+  std::string location = "pool_name:b;";
+  ASSERT_EQ(config_.stream_save("first", 5, 0, location), 0);
+  const std::string stored = "pool_name:b;" + location;
+  may_write = false;
+  std::string again = stored;
+  EXPECT_EQ(config_.stream_save("other", 5, 0, again), 1);
+  EXPECT_EQ(Read(stored, 1), "first");
+  std::string fresh = "pool_name:b;";
+  EXPECT_EQ(config_.stream_save("fresh", 5, 0, fresh), 0) << "nobody else knows of it";
+  may_write = true;
+  EXPECT_EQ(config_.stream_save("other", 5, 0, again), 0);
+  EXPECT_EQ(Read(stored, 1), "other");
+}
+
 TEST_F(CallbacksTest, AStreamedObjectBeginsWithAnEmptyText) {
   UseFiles();
   std::string location = "pool_name:b;";

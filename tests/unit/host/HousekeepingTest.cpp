@@ -31,7 +31,7 @@ class HousekeepingTest : public CatalogueFixture {
           locations = running_;
           return running_is_known_;
         },
-        [this] { return stopping_ || (stop_when_ && stop_when_()); });
+        [this] { return stopping_ || (stop_when_ && stop_when_()); }, is_first_);
   }
   void Round(std::int64_t seconds_later = 0) {
     clock_.Advance(seconds_later);
@@ -49,6 +49,22 @@ class HousekeepingTest : public CatalogueFixture {
   bool running_is_known_ = true;
   bool stopping_ = false;
   std::function<bool()> stop_when_;
+  std::function<bool()> is_first_;
+};
+
+// What the first of several processes does for all of them.
+class HousekeepingNodesTest : public HousekeepingTest {
+ protected:
+  void SetUp() override {
+    is_first_ = [] { return true; };
+    HousekeepingTest::SetUp();
+  }
+  // Adds entries to the log of changes that are older than anybody needs.
+  static void AddOldChanges(int count) {
+    Tests::CPostgresServer::Shared().Run(
+        "INSERT INTO platform.catalogue_changes (kind, mark) SELECT 0, n FROM generate_series(1, " +
+        std::to_string(count) + ") AS n");
+  }
 };
 
 // About files that are not in a pool: the body log, and a file that cannot be written.
@@ -190,6 +206,17 @@ TEST_F(HousekeepingTest, RemovedObjectsWhoseBytesWentWithThemAreForgottenAtOnce)
   Run("DELETE FROM platform.local_object where id=1");
   Round();
   EXPECT_EQ(WaitingCount(), "0");
+}
+
+TEST_F(HousekeepingTest, BytesThatAreToGoSoonDoSoAlsoWhenTheyWereFoundBefore) {
+  const std::string url = Store("removed");
+  AddObject(1, "o", url);
+  Round();
+  Run("DELETE FROM platform.local_object WHERE id = 1");
+  Round();  // finds bytes that are there, and keeps them
+  EXPECT_TRUE(ReleaseSoon(url));
+  Round(kGrace);
+  EXPECT_FALSE(IsStored(url));
 }
 
 TEST_F(HousekeepingTest, BytesThatNeverGotARowAreFreedAfterTheirGrace) {
@@ -408,6 +435,48 @@ TEST_F(HousekeepingTest, FirstPartsGoSoonAfterTheirTask) {
   for (const char* name : {"living-task_2", "notes.txt", "dead_x", "_1"}) {
     EXPECT_TRUE(temp_.Exists(std::string("localstoragetmp/") + name)) << name;
   }
+}
+
+// All processes wait while one of them writes.
+TEST_F(HousekeepingNodesTest, TheLogOfChangesIsForgottenInSmallStepsButForTheNewestEntry) {
+  AddOldChanges(25000);
+  Tests::CPostgresServer::Shared().Run(
+      "CREATE FUNCTION platform.expect_small_step() RETURNS trigger LANGUAGE plpgsql AS "
+      "$$ BEGIN IF (SELECT count(*) FROM gone) > 5000 THEN RAISE EXCEPTION 'too many'; END IF; RETURN NULL; END $$;"
+      "CREATE TRIGGER small_steps AFTER DELETE ON platform.catalogue_changes REFERENCING OLD TABLE AS gone "
+      "FOR EACH STATEMENT EXECUTE FUNCTION platform.expect_small_step()");
+  const std::string newest = Answer("SELECT max(seq) FROM platform.catalogue_changes");
+  Round();
+  EXPECT_EQ(Answer("SELECT string_agg(seq::text, ' ') FROM platform.catalogue_changes"), newest);
+  // Entries of the last hour stay.
+  Run("INSERT INTO platform.catalogue_changes (kind) VALUES (0), (0)");
+  Round(3600);
+  EXPECT_EQ(Answer("SELECT count(*) FROM platform.catalogue_changes"), "2");
+}
+
+TEST_F(HousekeepingNodesTest, ALongLogIsForgottenBeforeWhatMayTakeLong) {
+  AddOldChanges(5000);
+  AddObject(1, "o", Store("old"));
+  Overwrite(1, Store("new"));
+  // A look at released bytes that never comes to its end.
+  Tests::CPostgresServer::Shared().Run(
+      "CREATE FUNCTION platform.stop_here() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+      "IF (SELECT count(*) FROM platform.catalogue_changes) > 1 THEN RAISE EXCEPTION 'the log is still there'; END IF; "
+      "RETURN NEW; END $$; CREATE TRIGGER stop_here BEFORE UPDATE ON platform.released_bytes "
+      "FOR EACH ROW EXECUTE FUNCTION platform.stop_here()");
+  Round();
+  EXPECT_EQ(Answer("SELECT count(*) FROM platform.released_bytes WHERE released_at >= 0"), "1");
+}
+
+TEST_F(HousekeepingNodesTest, MarksOfProcessesThatEndedLongAgoAreForgotten) {
+  Run("INSERT INTO platform.commit_marks (writer, batch) VALUES ('of a process that has ended', 7)");
+  Round();
+  EXPECT_EQ(Answer("SELECT count(*) FROM platform.commit_marks WHERE batch = 7"), "1");
+  Tests::CPostgresServer::Shared().Run(
+      "DO $$ BEGIN FOR i IN 1..100001 LOOP PERFORM txid_current(); COMMIT; END LOOP; END $$");
+  Round(60);
+  EXPECT_EQ(Answer("SELECT count(*) FROM platform.commit_marks WHERE batch = 7"), "0");
+  EXPECT_EQ(Answer("SELECT count(*) FROM platform.commit_marks"), "1") << "this process still has its own";
 }
 
 }  // namespace
