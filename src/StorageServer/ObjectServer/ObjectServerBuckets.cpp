@@ -135,6 +135,7 @@ int CObjectServer::HandleCreateBucket(std::int32_t session_id, const ObjectReque
   auto& manager = CObjectStorageManager::Instance();
   BucketInfo bucket;
   bucket.name = details::WithoutSlash(request.msg.url);
+  manager.CatchUp();  // a bucket that another node has just removed is not there any more
   if (manager.IsBucketExist(bucket.name)) {
     CLOUD_LOG(logging::kError, "[%s]bucket already exist[%s].[%s(%d)]", bucket.name.c_str());
     return AnswerError(session_id, kBucketAlreadyExists);

@@ -517,6 +517,20 @@ bool CObjectServerSession::GetUrlByEncryptUrl(std::string& url, const std::strin
   return true;
 }
 
+bool CObjectServerSession::GetDatabaseTime(std::time_t& time) {
+  SELECT_OR_RETURN(
+      rows, Query("SELECT to_char(clock_timestamp() AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS') AS time_of_rows"))
+  time = TansyBase::TimeUtil::StrUTCDatetime2TimeT(rows->GetString("time_of_rows"));
+  return time >= 0;
+}
+
+bool CObjectServerSession::GetFirstNode(std::string& node) {
+  SELECT_OR_RETURN(rows, Query("SELECT name FROM platform.nodes WHERE owner <> '' AND "
+                               "seen_at > clock_timestamp() - interval '10 seconds' ORDER BY name LIMIT 1"))
+  node = rows->GetString("name");
+  return true;
+}
+
 bool CObjectServerSession::GetLastChange(db_layer::IDatabaseEar& ear, ChangePosition& position) {
   const auto take = [&position](const db_layer::IRow& row) { position = details::ReadPosition(row, 0); };
   std::string error;

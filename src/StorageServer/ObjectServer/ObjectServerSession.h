@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_OBJECT_SERVER_SESSION_H
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <set>
@@ -92,6 +93,10 @@ class CObjectServerSession {
   // was.
   static bool GetUrlByEncryptUrl(std::string& url, const std::string& encrypt_url);
 
+  // For a catalogue that several processes share: these give the time of the database's clock, and the name of the
+  // first node that lives; it is empty when none does.
+  static bool GetDatabaseTime(std::time_t& time);
+  static bool GetFirstNode(std::string& node);
   // Gives the newest entry of the log of changes.
   static bool GetLastChange(db_layer::IDatabaseEar& ear, ChangePosition& position);
   // Shows the entry at a position and at most `limit` entries after it, in their order, each with the object as it is

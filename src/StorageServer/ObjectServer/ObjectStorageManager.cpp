@@ -82,7 +82,8 @@ bool CObjectStorageManager::LoadObjects() {
 
 bool CObjectStorageManager::LoadTasks() {
   std::vector<ObjectTaskInfo> rows;
-  if (!CObjectServerSession::GetAllObjectTask(rows, node_)) {
+  std::time_t now = 0;
+  if (!CObjectServerSession::GetAllObjectTask(rows, node_) || !GetTimeOfRows(now)) {
     return false;
   }
   const std::lock_guard<std::mutex> lock(task_mutex_);
@@ -90,13 +91,12 @@ bool CObjectStorageManager::LoadTasks() {
     TaskPartSet& parts = tasks_[row.task_id];
     parts.insert(std::move(row));
   }
-  LoadAges();
+  LoadAges(now);
   return true;
 }
 
 // The time of day counts only here: from now on, no task becomes older or younger when somebody sets the clock.
-void CObjectStorageManager::LoadAges() {
-  const std::time_t now = TansyBase::TimeUtil::Now();
+void CObjectStorageManager::LoadAges(std::time_t now) {
   const std::int64_t uptime = TansyBase::TimeUtil::Uptime();
   for (const auto& [task_id, parts] : tasks_) {
     const std::string& written = parts.begin()->update_time;

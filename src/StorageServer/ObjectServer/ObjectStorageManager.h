@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -64,6 +65,10 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool CatchUp();
   // Throws CCatalogueAway when memory is older than clients were promised and cannot catch up.
   void ExpectFresh();
+  // Gives the time by which rows are dated: that of this machine, or of the database's when the catalogue is shared.
+  bool GetTimeOfRows(std::time_t& time);
+  // Says whether this process does what has to be done once, and not by each of those that share the catalogue.
+  bool IsFirst();
 
   bool IsBucketExist(const std::string& name);
   bool AddBucket(BucketInfo& bucket);
@@ -196,7 +201,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   static bool LoadTable(CObjectTable& objects, const std::string& bucket_name);
   bool LoadObjects();
   bool LoadTasks();
-  void LoadAges();
+  void LoadAges(std::time_t now);
   void RecoverPartSizes();
   void DropPartSizesOfEndedTasks();
   [[nodiscard]] std::unique_lock<std::mutex> LockBucketChanges();
@@ -240,7 +245,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   EAdded BeginAdding(Addition& addition, const MayAdd& may_add, const details::Caller& caller);
   bool CommitNow(Addition& addition);
   void CommitLater(const std::shared_ptr<Addition>& addition, AddedOnTerms done, const details::Caller& caller);
-  EAdded FindWhyRefused(const Addition& addition);
+  void AnswerWhenVisible(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done, bool added) noexcept;
+  EAdded FindWhyRefused(const Addition& addition) noexcept;
   bool FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept;
   void Publish(const std::string& bucket_name, CPackedObject::Pointer object,
                std::unique_ptr<CObjectTable> first_table = nullptr) noexcept;

@@ -1,6 +1,7 @@
 // The catalogue's objects.
 #include <exception>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -148,8 +149,7 @@ void CObjectStorageManager::CommitLater(const std::shared_ptr<Addition>& additio
     }
     addition->key.reset();
     if (shared_) {
-      // What a condition was about may have changed meanwhile, and memory says so once it has caught up.
-      WhenVisible([this, addition, done, added] { done(added ? EAdded::kAdded : FindWhyRefused(*addition)); });
+      AnswerWhenVisible(addition, done, added);
       return;
     }
     done(added ? EAdded::kAdded : EAdded::kFailed);
@@ -171,13 +171,18 @@ bool CObjectStorageManager::CommitNow(Addition& addition) {
                            : CObjectServerSession::UpdateObject(addition.row, addition.extras);
 }
 
-// Only a condition that no longer holds is a refusal.
-CObjectStorageManager::EAdded CObjectStorageManager::FindWhyRefused(const Addition& addition) {
-  ObjectInfo there;
-  std::string attributes;
-  const bool is_there = FindObject(there, attributes, addition.object.name, addition.object.bucket_name);
-  return addition.may_add && !addition.may_add(is_there ? &there : nullptr, attributes) ? EAdded::kRefused
-                                                                                        : EAdded::kFailed;
+// Only a condition that no longer holds is a refusal. The follower's thread asks here, which must not end because
+// memory is short.
+CObjectStorageManager::EAdded CObjectStorageManager::FindWhyRefused(const Addition& addition) noexcept {
+  try {
+    ObjectInfo there;
+    std::string attributes;
+    const bool is_there = FindObject(there, attributes, addition.object.name, addition.object.bucket_name);
+    const bool is_refused = addition.may_add && !addition.may_add(is_there ? &there : nullptr, attributes);
+    return is_refused ? EAdded::kRefused : EAdded::kFailed;
+  } catch (const std::bad_alloc&) {
+    return EAdded::kFailed;
+  }
 }
 
 CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addition, const MayAdd& may_add,

@@ -1,6 +1,7 @@
 // What the catalogue does when several processes share it: memory follows the database's log of changes.
 #include <atomic>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "ModuleLog.h"
@@ -11,6 +12,7 @@
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "TansyBase/SingleBaseThread.h"
+#include "TansyBase/TimeUtil.h"
 #include "db_layer/SharedDatabase.h"
 
 namespace Tansy::CloudStorage {
@@ -237,6 +239,16 @@ void CObjectStorageManager::ExpectFresh() {
   }
 }
 
+bool CObjectStorageManager::GetTimeOfRows(std::time_t& time) {
+  time = TansyBase::TimeUtil::Now();
+  return !shared_ || CObjectServerSession::GetDatabaseTime(time);
+}
+
+bool CObjectStorageManager::IsFirst() {
+  std::string first;
+  return !shared_ || (CObjectServerSession::GetFirstNode(first) && first == node_);
+}
+
 // Returns when every later look-up of this process sees what was committed before, or gets no answer.
 void CObjectStorageManager::WaitUntilVisible() {
   while (shared_ && shared_->follower && !shared_->follower->CatchUp() && shared_->follower->IsFresh()) {
@@ -249,6 +261,17 @@ void CObjectStorageManager::WhenVisible(std::function<void()> then) {
   } catch (const std::exception&) {
     WaitUntilVisible();  // out of memory
     then();
+  }
+}
+
+// What a condition was about may have changed meanwhile, and memory says so once it has caught up.
+void CObjectStorageManager::AnswerWhenVisible(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done,
+                                              bool added) noexcept {
+  try {
+    WhenVisible([this, addition, done, added] { done(added ? EAdded::kAdded : FindWhyRefused(*addition)); });
+  } catch (const std::bad_alloc&) {
+    WaitUntilVisible();
+    done(added ? EAdded::kAdded : EAdded::kFailed);
   }
 }
 

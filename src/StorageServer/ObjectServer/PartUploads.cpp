@@ -161,7 +161,7 @@ void CPartUploadSweep::Start() {
 
 void CPartUploadSweep::Run() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!is_started_ || !Look(false)) {
+  if (!is_started_ || !Look(false) || !CObjectStorageManager::Instance().IsFirst()) {
     return;
   }
   const std::int64_t uptime = TansyBase::TimeUtil::Uptime();
@@ -177,7 +177,10 @@ void CPartUploadSweep::Run() {
 
 bool CPartUploadSweep::Look(bool at_start) {
   const std::int64_t uptime = TansyBase::TimeUtil::Uptime();
-  const std::time_t now = TansyBase::TimeUtil::Now();
+  std::time_t now = 0;
+  if (!CObjectStorageManager::Instance().GetTimeOfRows(now)) {
+    return false;
+  }
   SeenUploads seen;
   const auto take = [&](const db_layer::IRow& row) {
     const std::string url(row.GetText(0));

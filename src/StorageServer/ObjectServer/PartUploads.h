@@ -63,7 +63,8 @@ class CPartUploads {
 };
 
 // Ends uploads that nobody has touched for three days. When somebody sets the clock, no upload becomes older or
-// younger: only the age of those that are there at the start is taken from the time of day. Threads: any.
+// younger: only the age of those that are there at the start is taken from the time of day. Where several processes
+// share the catalogue, the time of day is that of the database, and one process ends uploads for all. Threads: any.
 class CPartUploadSweep : private TansyBase::CNoncopyable {
  public:
   static CPartUploadSweep& Instance();

@@ -58,6 +58,7 @@ void CS3Server::CreateBucket(const Request& request) {
     return;
   }
   auto& catalogue = CObjectStorageManager::Instance();
+  catalogue.CatchUp();  // a bucket that another node has just removed is not there any more
   // A bucket of one's own may be made again; all buckets are one's own, because there is one key.
   if (!catalogue.IsBucketExist(request.bucket)) {
     if (!IsNameForNewBucket(request.bucket)) {

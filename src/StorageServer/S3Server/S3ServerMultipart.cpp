@@ -376,7 +376,10 @@ void CS3Server::CreateMultipartUpload(const Request& request) {
   upload.attributes = ToText(attributes);
   upload.begun = NowText();
   if (!failure && !CPartUploads::Begin(upload)) {
-    failure = EError::kInternalError;
+    // Another node may have removed the bucket meanwhile.
+    auto& catalogue = CObjectStorageManager::Instance();
+    const bool is_gone = catalogue.CatchUp() && !catalogue.IsBucketExist(request.bucket);
+    failure = is_gone ? EError::kNoSuchBucket : EError::kInternalError;
   }
   if (failure) {
     AnswerFailure(request, failure);
