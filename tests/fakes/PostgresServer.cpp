@@ -179,6 +179,20 @@ void CPostgresServer::End(int signal) {
   }
 }
 
+void CPostgresServer::KeepCopy() {
+  Stop();
+  EXPECT_EQ(RunAsUser({"/bin/rm", "-rf", folder_ + "/copy"}), 0);
+  EXPECT_EQ(RunAsUser({"/bin/cp", "-a", folder_ + "/data", folder_ + "/copy"}), 0);
+  Start();
+}
+
+void CPostgresServer::GoBack() {
+  Crash();
+  EXPECT_EQ(RunAsUser({"/bin/rm", "-rf", folder_ + "/data"}), 0);
+  EXPECT_EQ(RunAsUser({"/bin/cp", "-a", folder_ + "/copy", folder_ + "/data"}), 0);
+  Start();
+}
+
 std::vector<pid_t> CPostgresServer::Processes() const {
   std::vector<pid_t> processes = ChildrenOf(pid_);
   processes.insert(processes.begin(), pid_);

@@ -1,5 +1,5 @@
 // Tests several tansyd on one database and one storage: what one of them has answered, the others know, whatever ends,
-// stands still or is started again. The storage is a folder or, with TANSY_TEST_STORAGE=rados, a pool.
+// stands still or is started again. What goes wrong at a chosen moment is in NodesFaultsTest.cpp.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -12,134 +12,16 @@
 #include <mutex>
 #include <thread>
 
-#include "fakes/CephCluster.h"
-#include "fakes/PostgresServer.h"
-#include "support/Program.h"
-#include "support/TansydTest.h"
+#include "support/NodesFixture.h"
 
 namespace system_tests {
 namespace {
 
-using Tansy::Tests::CPostgresServer;
 using testing::AllOf;
 using testing::AnyOf;
 using testing::HasSubstr;
 
-using Clock = std::chrono::steady_clock;
-// What is written to the clients: a read that begins so long after the answer to a write sees it on every node.
-constexpr std::chrono::milliseconds kLag{1000};
-
-class NodesTest : public testing::Test {
- protected:
-  NodesTest() {
-    if (!database_.IsRunning()) {
-      database_.Start();
-    }
-    database_.Run("DROP SCHEMA IF EXISTS platform CASCADE");
-    if (is_in_pool_) {
-      Tansy::Tests::CCephCluster& cluster = Tansy::Tests::CCephCluster::Shared();
-      storage_ = cluster.Url(cluster.NewNamespace());
-    }
-  }
-
-  Launch As(const std::string& name, std::vector<std::string> more = {}) {
-    Launch launch;
-    launch.with_s3 = true;
-    launch.arguments = {"--database", database_.Url(), "--storage", storage_};
-    if (!name.empty()) {
-      launch.arguments.insert(launch.arguments.end(), {"--node-name", name});
-    }
-    launch.arguments.insert(launch.arguments.end(), more.begin(), more.end());
-    return launch;
-  }
-  // Starts nodes a, b, c and so on.
-  void StartNodes(std::size_t count, const std::vector<std::string>& more = {}) {
-    for (std::size_t i = 0; i < count; ++i) {
-      nodes_.push_back(std::make_unique<CTansyd>(temp_.GetPath(), "data-" + Name(i)));
-      ASSERT_TRUE(nodes_[i]->Start(As(Name(i), more))) << nodes_[i]->GetErrors();
-    }
-  }
-  static std::string Name(std::size_t node) { return std::string(1, static_cast<char>('a' + node)); }
-
-  Reply Send(std::size_t node, const std::string& method, const std::string& target, const std::string& body = "") {
-    return Call(nodes_[node]->GetObjectPort(), Signed({method, target, {}, body}));
-  }
-  void MakeBucket(std::size_t node, const std::string& name) {
-    EXPECT_EQ(Outcome(Send(node, "PUT", "/" + name, "<CreateBucketConfiguration/>")), "200") << Logs();
-  }
-  void Put(std::size_t node, const std::string& target, const std::string& body) {
-    EXPECT_EQ(Outcome(Send(node, "PUT", target, body)), "200") << target << Logs();
-  }
-  // What an object holds at a node, or why it cannot be had.
-  std::string At(std::size_t node, const std::string& target) {
-    const Reply reply = Send(node, "GET", target);
-    return reply.status == 200 && reply.is_whole ? reply.body : Outcome(reply);
-  }
-  // Reads at a node until it knows of a change that was answered just now, which the next read after the lag does.
-  void ExpectSoon(std::size_t node, const std::string& target, const std::string& expected) {
-    const Clock::time_point answered = Clock::now();
-    for (;;) {
-      const bool is_late = Clock::now() - answered >= kLag;
-      const std::string there = At(node, target);
-      if (is_late || there == expected) {
-        EXPECT_EQ(there, expected) << target << " at node " << Name(node) << Logs();
-        return;
-      }
-    }
-  }
-  // A request to the S3 door, by curl: status, head and body in one text.
-  std::string SendS3(std::size_t node, const std::string& method, const std::string& target,
-                     const std::vector<std::string>& headers = {}, const std::string& body = "") {
-    const Keys keys;
-    Invocation curl;
-    curl.program = "/usr/bin/curl";
-    curl.folder = temp_.GetPath();
-    curl.arguments = {"-s",
-                      "-i",
-                      "-X",
-                      method,
-                      "--aws-sigv4",
-                      "aws:amz:us-east-1:s3",
-                      "--user",
-                      keys.access_key + ":" + keys.secret_key,
-                      "http://127.0.0.1:" + std::to_string(nodes_[node]->GetS3Port()) + target};
-    curl.arguments.insert(curl.arguments.end(), {"-H", "x-amz-content-sha256: UNSIGNED-PAYLOAD"});
-    for (const std::string& header : headers) {
-      curl.arguments.insert(curl.arguments.end(), {"-H", header});
-    }
-    if (method == "PUT") {
-      curl.arguments.insert(curl.arguments.end(), {"--data-binary", body});
-    }
-    return RunProgram(curl).out;
-  }
-  static std::string StatusOf(const std::string& answer) { return answer.substr(answer.find(' ') + 1, 3); }
-  std::string Logs() const {
-    std::string logs;
-    for (const auto& node : nodes_) {
-      logs += "\n" + node->GetLog().substr(node->GetLog().size() - std::min<std::size_t>(node->GetLog().size(), 4000));
-    }
-    return logs;
-  }
-
-  // How many objects have bytes in the storage.
-  std::size_t CountStored() {
-    if (!is_in_pool_) {
-      return CountFiles(temp_.Path("shared/fs01"));
-    }
-    CTansyd check(temp_.GetPath(), "data-a");
-    Launch launch = As("", {"--check"});
-    launch.with_ports = false;
-    const std::string sum = check.RunToEnd(launch).out;
-    const std::size_t rows = sum.find(" rows, ");
-    return rows == std::string::npos ? 0 : std::stoul(sum.substr(rows + 7));
-  }
-
-  CPostgresServer& database_ = CPostgresServer::Shared();
-  Tansy::Tests::CTempFolder temp_;
-  const bool is_in_pool_ = std::getenv("TANSY_TEST_STORAGE") != nullptr;
-  std::string storage_ = "file:" + temp_.Path("shared");
-  std::vector<std::unique_ptr<CTansyd>> nodes_;
-};
+class NodesTest : public NodesFixture {};
 
 TEST_F(NodesTest, ANewObjectIsFoundAtOnceOnEveryNode) {
   StartNodes(3);
@@ -415,7 +297,7 @@ class CLoad {
   std::vector<std::thread> writers_;
 };
 
-class NodesUnderLoadTest : public NodesTest {
+class NodesUnderLoadTest : public NodesFixture {
  protected:
   std::unique_ptr<CLoad> MakeLoad(std::size_t nodes) {
     return std::make_unique<CLoad>([this](std::size_t node, const std::string& method, const std::string& target,
@@ -551,7 +433,8 @@ TEST_F(NodesTest, ANodeThatFindsItsPlaceInTheLogNoMoreLoadsTheCatalogueAnew) {
 TEST_F(NodesTest, ANodeWithoutItsLeaseWritesNothingUntilItHasANewOne) {
   StartNodes(2);
   MakeBucket(0, "bucket");
-  database_.Run("UPDATE platform.nodes SET epoch = epoch + 1, owner = 'another:/data' WHERE name = 'b'");
+  database_.Run(
+      "UPDATE platform.nodes SET epoch = epoch + 1, owner = 'another:/data', process = 'another' WHERE name = 'b'");
   EXPECT_EQ(Outcome(Send(1, "PUT", "/bucket/o", "body")), "500 ServerInternalError");
   EXPECT_EQ(At(1, "/bucket/o"), "404 NoSuchKey");
   EXPECT_TRUE(WaitUntil([this] {
