@@ -245,7 +245,12 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   EAdded BeginAdding(Addition& addition, const MayAdd& may_add, const details::Caller& caller);
   bool CommitNow(Addition& addition);
   void CommitLater(const std::shared_ptr<Addition>& addition, AddedOnTerms done, const details::Caller& caller);
-  void AnswerWhenVisible(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done, bool added) noexcept;
+  void AnswerWhenVisible(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done, bool added,
+                         const details::Caller& caller) noexcept;
+  void Answer(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done, bool added,
+              const details::Caller& caller) noexcept;
+  bool TryAgain(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done,
+                const details::Caller& caller) noexcept;
   EAdded FindWhyRefused(const Addition& addition) noexcept;
   bool FinishAdding(Addition& addition, bool committed, const details::Caller& caller) noexcept;
   void Publish(const std::string& bucket_name, CPackedObject::Pointer object,

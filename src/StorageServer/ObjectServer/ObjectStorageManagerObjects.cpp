@@ -97,6 +97,7 @@ struct CObjectStorageManager::Addition {
   MayAdd may_add;  // asked again when the row was refused; only in a catalogue that is shared
   bool is_new = false;
   bool replaces = false;  // whatever row has that name by then, in a catalogue that is shared
+  int tries_left = 100;   // while other processes change the object again and again
   CPackedObject::Pointer packed;
   std::unique_ptr<CObjectTable> first_table;
   std::optional<KeyLock> key;
@@ -147,11 +148,14 @@ void CObjectStorageManager::CommitLater(const std::shared_ptr<Addition>& additio
     if (added && !addition->extras.ended_task.empty()) {
       EndTask(addition->extras.ended_task);
     }
-    addition->key.reset();
+    if (added || !addition->may_add) {
+      addition->key.reset();  // otherwise it may be tried again
+    }
     if (shared_) {
-      AnswerWhenVisible(addition, done, added);
+      AnswerWhenVisible(addition, done, added, caller);
       return;
     }
+    addition->key.reset();
     done(added ? EAdded::kAdded : EAdded::kFailed);
   };
   if (addition->is_new) {
@@ -169,6 +173,38 @@ bool CObjectStorageManager::CommitNow(Addition& addition) {
   }
   return addition.replaces ? CObjectServerSession::PutObject(addition.row, addition.extras)
                            : CObjectServerSession::UpdateObject(addition.row, addition.extras);
+}
+
+void CObjectStorageManager::Answer(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done, bool added,
+                                   const details::Caller& caller) noexcept {
+  if (!added && TryAgain(addition, done, caller)) {
+    return;
+  }
+  addition->key.reset();
+  done(added ? EAdded::kAdded : FindWhyRefused(*addition));
+}
+
+// Another process may have changed the object since it was looked at, and the condition may hold all the same. Returns
+// false when that is not why the database has refused it.
+bool CObjectStorageManager::TryAgain(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done,
+                                     const details::Caller& caller) noexcept {
+  try {
+    ObjectInfo there;
+    std::string attributes;
+    const bool is_there = FindObject(there, attributes, addition->object.name, addition->object.bucket_name);
+    if (!addition->may_add || there.url == addition->extras.expected_url || addition->tries_left-- == 0 ||
+        !addition->may_add(is_there ? &there : nullptr, attributes)) {
+      return false;
+    }
+    addition->extras.expected_url = there.url;
+    addition->row.id = is_there ? there.id : addition->row.id;
+    addition->is_new = false;
+    addition->replaces = !is_there || there.url != addition->object.url;
+    CommitLater(addition, done, caller);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 // Only a condition that no longer holds is a refusal. The follower's thread asks here, which must not end because

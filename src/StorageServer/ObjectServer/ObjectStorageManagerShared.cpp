@@ -266,12 +266,12 @@ void CObjectStorageManager::WhenVisible(std::function<void()> then) {
 
 // What a condition was about may have changed meanwhile, and memory says so once it has caught up.
 void CObjectStorageManager::AnswerWhenVisible(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done,
-                                              bool added) noexcept {
+                                              bool added, const details::Caller& caller) noexcept {
   try {
-    WhenVisible([this, addition, done, added] { done(added ? EAdded::kAdded : FindWhyRefused(*addition)); });
+    WhenVisible([this, addition, done, added, caller] { Answer(addition, done, added, caller); });
   } catch (const std::bad_alloc&) {
     WaitUntilVisible();
-    done(added ? EAdded::kAdded : EAdded::kFailed);
+    Answer(addition, done, added, caller);
   }
 }
 

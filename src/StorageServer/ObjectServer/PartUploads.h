@@ -69,16 +69,15 @@ class CPartUploadSweep : private TansyBase::CNoncopyable {
  public:
   static CPartUploadSweep& Instance();
 
+  CPartUploadSweep() = default;
+  ~CPartUploadSweep() = default;
+
   // Has to be called by the server whose uploads they are, before it serves: other hosts may have no table of uploads.
   void Start();
   // Has to be called from time to time; does nothing before Start. An upload that has changed since is young again.
   void Run();
 
  private:
-  friend class CSingleton<CPartUploadSweep>;
-  CPartUploadSweep() = default;
-  ~CPartUploadSweep() = default;
-
   struct Seen {
     std::string update_time;
     std::int64_t birth = 0;  // value of TimeUtil::Uptime
