@@ -57,7 +57,7 @@ class SharedCatalogueTest : public testing::Test {
     server_.Empty();
     Texts scripts;
     for (const auto& entry : std::filesystem::directory_iterator(TANSY_POSTGRES_SCHEMA)) {
-      scripts.push_back(entry.path());
+      scripts.push_back(entry.path().string());
     }
     std::sort(scripts.begin(), scripts.end());
     for (const std::string& script : scripts) {
