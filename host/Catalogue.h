@@ -49,8 +49,8 @@ bool ForgetParts(const std::string& url);
 bool ReleaseSoon(const std::string& url);
 
 // For catalogues that several tansyd share: these forget what nobody needs any more of the log of changes, of uploads
-// whose node has been gone for days, and of processes that have ended long ago. All nodes wait while one of them writes,
-// so the log is forgotten in steps; `left` says whether there may be more.
+// whose node has been gone for days, and of processes that have ended long ago. All nodes wait while one of them
+// writes, so the log is forgotten in steps; `left` says whether there may be more.
 bool TrimChanges(bool& left);
 bool ForgetUploadsOfGoneNodes();
 bool ForgetGoneWriters();

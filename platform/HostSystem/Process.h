@@ -37,8 +37,8 @@ std::uint64_t RaiseOpenFileLimit();
 void ShareHeaps();
 
 std::string HostName();
-// Gives a text that this machine has had since it was started, and no other machine has, a copy of it included. It is ""
-// where the system has none.
+// Gives a text that this machine has had since it was started, and no other machine has, a copy of it included. It is
+// "" where the system has none.
 std::string MachineStart();
 // Gives the program's arguments in UTF-8, which on Windows `main` gets in the system's code page. `arguments` are those
 // of `main`; where they are in UTF-8 already, they are the result. The result lives as long as the process.

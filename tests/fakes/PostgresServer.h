@@ -37,8 +37,8 @@ class CPostgresServer {
   void Stop();   // lets transactions end
   void Crash();  // as if it had been killed
   bool IsRunning() const { return pid_ > 0; }
-  // Copies the data of the server, which is stopped for that; GoBack brings them back, and what came later is lost. Both
-  // start the server again.
+  // Copies the data of the server, which is stopped for that; GoBack brings them back, and what came later is lost.
+  // Both start the server again.
   void KeepCopy();
   void GoBack();
   // Stops all its processes where they are, and lets them go on.
