@@ -35,6 +35,17 @@ constexpr std::int64_t kMostHeldBytes = std::int64_t{32} << 20;  // to be compar
 constexpr milliseconds kForHousekeeping{60000};
 constexpr milliseconds kLookAgain{1000};
 
+class CReleaseAtTheEnd {
+ public:
+  explicit CReleaseAtTheEnd(CMovableStore& store) : store_(store) {}
+  ~CReleaseAtTheEnd() { store_.ReleaseWrites(); }
+  CReleaseAtTheEnd(const CReleaseAtTheEnd&) = delete;
+  CReleaseAtTheEnd& operator=(const CReleaseAtTheEnd&) = delete;
+
+ private:
+  CMovableStore& store_;
+};
+
 }  // namespace
 }  // namespace details
 
@@ -57,12 +68,7 @@ void CMoveSwitch::SwitchOver() {
     CopyUploads();
     bytes_.CopyPictures(EPictures::kNew);
     for (int tries = 1;; ++tries) {
-      rows_.FollowWhileItHelps();
-      rows_.ExpectNoFindings();
-      CopyMirroredPictures();
-      CopyReleased();
-      ExpectMirror();
-      if (TrySwitch()) {
+      if (Try()) {
         return;
       }
       if (tries == details::kMostTries || all_holds_ > details::kAllHolds) {
@@ -96,11 +102,13 @@ void CMoveSwitch::BeginMirror() {
       throw CMoveFailure("writes that are under way do not end; try again later");
     }
   }
-  work_.host.store->BeginMirror(std::move(mirror));
-  for (const NewBytes& bytes : work_.From().GetNew(0)) {
-    uploads_.push_back(bytes.name);
+  {
+    const details::CReleaseAtTheEnd held(*work_.host.store);
+    work_.host.store->BeginMirror(std::move(mirror));
+    for (const NewBytes& bytes : work_.From().GetNew(0)) {
+      uploads_.push_back(bytes.name);
+    }
   }
-  work_.host.store->ReleaseWrites();
   work_.Say("new bytes go to both places");
 }
 
@@ -156,11 +164,23 @@ void CMoveSwitch::CopyReleased() {
   } while (!statements.empty());
 }
 
+// Housekeeping forgets no notes between the two looks at them, because the number of a forgotten note is used again.
+bool CMoveSwitch::Try() {
+  const CHeldHousekeeping housekeeping(work_.host.housekeeping, details::kForHousekeeping);
+  last_released_ = -1;
+  CopyReleased();
+  rows_.FollowWhileItHelps();
+  rows_.ExpectNoFindings();
+  CopyMirroredPictures();
+  ExpectMirror();
+  return housekeeping && TrySwitch();
+}
+
 // Returns false when it would take too long; writes have gone on then.
 bool CMoveSwitch::TrySwitch() {
   bool is_switched = false;
   milliseconds lasted{0};
-  if (const CHeldHousekeeping housekeeping(work_.host.housekeeping, details::kForHousekeeping); housekeeping) {
+  {
     CHeldWrites held(*work_.host.store, details::kPatience, details::kLongestPause);
     is_switched = held && SwitchHeld(held);
     lasted = held.Lasted();

@@ -29,6 +29,7 @@ class CMoveSwitch {
   void CopyUploads();
   void CopyMirroredPictures();
   void CopyReleased();
+  bool Try();
   bool TrySwitch();
   bool SwitchHeld(CHeldWrites& held);
   bool ComparePictures(const CHeldWrites& held, std::atomic<std::int64_t>& room);

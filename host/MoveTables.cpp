@@ -379,8 +379,9 @@ std::vector<std::string> CopyReleasedBytes(CMoveDatabase& source, EReleasedOf wh
                           std::to_string(last) + only_parts + " ORDER BY id LIMIT 500";
   for (const CMoveDatabase::Row& row : source.Query(sql, {"id", "url", "bucket_name", "object_name", "kind"})) {
     statements.push_back(
-        "INSERT INTO platform.released_bytes (url, bucket_name, object_name, released_at, kind) VALUES (" +
-        QuotedText(row[1]) + ", " + QuotedText(row[2]) + ", " + QuotedText(row[3]) + ", -1, " + row[4] + ")");
+        "INSERT INTO platform.released_bytes (url, bucket_name, object_name, released_at, kind) SELECT " +
+        QuotedText(row[1]) + ", " + QuotedText(row[2]) + ", " + QuotedText(row[3]) + ", -1, " + row[4] +
+        " WHERE NOT EXISTS (SELECT 1 FROM platform.released_bytes WHERE url = " + QuotedText(row[1]) + ")");
     last = details::Number(row[0]);
   }
   return statements;

@@ -54,9 +54,9 @@ void WriteRows(CMoveDatabase& target, const MoveTable& table, const std::vector<
 
 // The statements that make `target` give ids that `source` has never given.
 std::vector<std::string> CopyMoveSequences(CMoveDatabase& source, CMoveDatabase& target);
-// The statements for notes about bytes that wait to be freed, a batch behind the id `last`, which is set to the id of
-// the batch's last one. Without their bytes, only those of several parts are copied: the rows of the parts were copied,
-// so the new place has to free them.
+// The statements for notes about bytes that wait to be freed, unless they are there already, a batch behind the id
+// `last`, which is set to the id of the batch's last one. When bytes move too, only those of several parts are copied:
+// the rows of the parts were copied, so the new place has to free them.
 enum class EReleasedOf { kAll, kParts };
 std::vector<std::string> CopyReleasedBytes(CMoveDatabase& source, EReleasedOf which, std::int64_t& last);
 // The statements that mark a catalogue as moved away, to where this mark says.

@@ -201,18 +201,19 @@ double CMoveTarget::Measure(IObjectStore& store, std::uint32_t size, int count) 
   const std::string bytes(size, 'm');
   const auto begin = std::chrono::steady_clock::now();
   std::vector<StoredName> names;
-  for (int i = 0; i < count; ++i) {
-    StoredName name;
-    const EStoreResult result = store.SaveAt(name, 0, bytes.data(), size);
-    names.push_back(name);
-    if (result != EStoreResult::kDone) {
-      throw CMoveFailure(DescribeStore() +
-                         (result == EStoreResult::kNoSpace ? " is full" : " cannot be written, see the log"));
-    }
+  EStoreResult result = EStoreResult::kDone;
+  while (result == EStoreResult::kDone && names.size() < static_cast<std::size_t>(count)) {
+    result = store.SaveAt(names.emplace_back(), 0, bytes.data(), size);
   }
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
   for (const StoredName& name : names) {
-    store.Remove(name);
+    if (!name.id.empty()) {
+      store.Remove(name);
+    }
+  }
+  if (result != EStoreResult::kDone) {
+    throw CMoveFailure(DescribeStore() +
+                       (result == EStoreResult::kNoSpace ? " is full" : " cannot be written, see the log"));
   }
   return taken.count() / count;
 }
