@@ -202,7 +202,9 @@ class CExamination {
     const std::string path = settings_.data_folder + "/" + CloudStorage::kDefaultCertificatePath + ".crt";
     const std::time_t end = CertificateEnd(path);
     const std::time_t left = end - TansyBase::TimeUtil::Now();
-    if (end < 0) {
+    if (end < 0 && !settings_.object_server.is_https) {
+      Add(EFinding::kOk, "certificate", "there is none yet; tansyd makes one when HTTPS is on");
+    } else if (end < 0) {
       Add(EFinding::kWarning, "certificate", "there is none at " + path, "tansyd makes one when HTTPS is on");
     } else if (left < 0) {
       Add(EFinding::kFailure, "certificate", path + " has expired", "remove it with its key and start tansyd again");

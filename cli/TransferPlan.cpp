@@ -67,6 +67,7 @@ const RemoteObject* FindObject(const std::vector<RemoteObject>& objects, const s
 
 std::vector<Transfer> PlanPuts(const std::string& folder, const LocalTree& tree, const S3Path& remote) {
   std::vector<Transfer> puts;
+  puts.reserve(tree.files.size());
   for (const LocalEntry& entry : tree.files) {
     puts.push_back(details::Put(folder, entry.name, remote));
   }
@@ -75,6 +76,7 @@ std::vector<Transfer> PlanPuts(const std::string& folder, const LocalTree& tree,
 
 TransferPlan PlanGets(const std::vector<RemoteObject>& objects, const S3Path& remote, const std::string& prefix) {
   TransferPlan plan;
+  plan.transfers.reserve(objects.size());
   details::ForEachName(objects, remote, plan, [&](const RemoteObject& object, const std::string& name) {
     plan.transfers.push_back(details::Get(object, prefix + name, remote));
   });
@@ -84,6 +86,7 @@ TransferPlan PlanGets(const std::vector<RemoteObject>& objects, const S3Path& re
 TransferPlan PlanSyncUp(const std::string& folder, const LocalTree& tree, const S3Path& remote,
                         const std::vector<RemoteObject>& objects, bool remove) {
   TransferPlan plan;
+  plan.transfers.reserve(tree.files.size());
   for (const LocalEntry& entry : tree.files) {
     Transfer put = details::Put(folder, entry.name, remote);
     if (const RemoteObject* const object = details::FindObject(objects, put.remote.key)) {
@@ -107,6 +110,7 @@ TransferPlan PlanSyncUp(const std::string& folder, const LocalTree& tree, const 
 TransferPlan PlanSyncDown(const LocalTree& tree, const S3Path& remote, const std::vector<RemoteObject>& objects,
                           bool remove) {
   TransferPlan plan;
+  plan.transfers.reserve(objects.size());
   details::ForEachName(objects, remote, plan, [&](const RemoteObject& object, const std::string& name) {
     Transfer get = details::Get(object, name, remote);
     if (IsSkipped(tree, name)) {

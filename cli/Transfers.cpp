@@ -85,11 +85,11 @@ int CTransfers::RunAll(const std::vector<const Transfer*>& transfers) {
 
 // Returns the line to print.
 std::string CTransfers::Do(const Transfer& transfer) {
+  if (transfer.failure != nullptr) {
+    throw CFailure(*transfer.failure);
+  }
   const bool is_local = details::IsLocal(transfer.kind);
   try {
-    if (transfer.failure != nullptr) {
-      throw CFailure(*transfer.failure);
-    }
     if (transfer.only_when_different && !IsDifferent(transfer)) {
       return "";
     }

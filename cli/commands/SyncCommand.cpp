@@ -123,9 +123,9 @@ CommandSpec SyncCommand() {
       "Copies from a local folder to one on the server, or back, what is missing there or different: another size, or "
       "other bytes by the digest that the server keeps. Times do not matter. Nothing is removed without --delete, and "
       "nothing at all when the source is empty, a folder could not be read, or anything could not be carried. Links "
-      "and "
-      "devices are left out. What is there already is not carried again, so that a sync that was broken off goes on "
-      "where it was: a file that was under way begins anew.",
+      "and devices are left out. The same command goes on after it was broken off: what is there already is not "
+      "carried "
+      "again, and a file that was under way begins anew.",
       {{.name = "SOURCE", .help = "a local folder or s3://BUCKET/PREFIX", .complete = EComplete::kFiles},
        {.name = "TARGET", .help = "the other one", .complete = EComplete::kFiles}},
       WithTransferOptions({{"--delete", nullptr, "remove in the target what the source does not have"},

@@ -257,6 +257,7 @@ class CommandLineFullServerTest : public CommandLineTransferTest {
   void SetUp() override {
     launch_.small_disk = "objects";
     launch_.small_disk_bytes = 8 * kMiB;
+    launch_.with_s3 = true;
     const bool started = server_.Start(launch_);
     if (server_.IsSmallDiskMissing()) {
       GTEST_SKIP() << "this machine does not allow a small disk to be mounted";
@@ -276,6 +277,17 @@ TEST_F(CommandLineFullServerTest, SaysThatTheServerIsFull) {
   EXPECT_EQ(Failure(Run({"put", "whole", "--name", "key", "--pieces", "5"})), "5 tansy: whole: " + words);
   EXPECT_EQ(Failure(Run({"put", "-", "--name", "key"}, Read("parts"))), "5 tansy: standard input: " + words);
   EXPECT_EQ(Run({"stat", "/photos/key"}).code, 3);
+}
+
+TEST_F(CommandLineFullServerTest, SaysThatTheServerIsFullByS3Too) {
+  Write("parts", RandomBytes(9 * kMiB, 7));
+  Write("whole", RandomBytes(8 * kMiB, 8));
+  Invocation copy = Tansy({"cp", "parts", "whole", "s3://photos"});
+  const std::string door = "http://127.0.0.1:" + std::to_string(server_.GetS3Port());
+  copy.environment["TANSY_S3_URL"] = door;
+  const std::string words =
+      ": the server has no space left (" + door + ": NotEnoughSpace)\n  remove objects with 'tansy rm --bytes'\n";
+  EXPECT_EQ(Failure(RunProgram(copy)), "5 tansy: s3://photos/parts" + words + "tansy: s3://photos/whole" + words);
 }
 
 TEST_F(CommandLineTransferTest, NoticesThatAFileBecomesShorterWhileItIsSent) {

@@ -281,6 +281,12 @@ TEST_F(CommandLineTreeTest, FindsTheDoorOfADataFolder) {
   invocation.environment.erase("TANSY_SERVER");
   invocation.environment["TANSY_DATA"] = server_.Data();
   EXPECT_EQ(RunProgram(invocation).out, "photos\n");
+  invocation.arguments = {"doctor"};
+  const Ended doctor = RunProgram(invocation);
+  EXPECT_EQ(doctor.code, 0);
+  EXPECT_THAT(doctor.out, Not(HasSubstr("warning"))) << "there is nothing to mend";
+  EXPECT_THAT(doctor.out, HasSubstr("certificate  there is none yet"));
+  invocation.arguments = {"ls"};
   server_.Stop();
   launch_.with_s3 = false;
   ASSERT_TRUE(server_.Start(launch_));

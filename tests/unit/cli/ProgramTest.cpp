@@ -1122,7 +1122,7 @@ TEST_F(CopyProgramTest, GoesOnWithTheOtherFoldersWhenOneIsMissing) {
   Ended ended = Do("get -r photos/typo photos/p here");
   EXPECT_EQ(ended.code, 3);
   EXPECT_EQ(ended.out, "here/p/y\n");
-  EXPECT_THAT(ended.err, HasSubstr("s3://photos/typo/: there is nothing below it"));
+  EXPECT_THAT(ended.err, HasSubstr("tansy: s3://photos/typo/: there is nothing below it"));
   ended = Do("rm -r --dry-run photos/typo photos/p");
   EXPECT_EQ(ended.code, 3);
   EXPECT_EQ(ended.out, "would remove s3://photos/p/y\n");
