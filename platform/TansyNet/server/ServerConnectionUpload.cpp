@@ -15,6 +15,8 @@ namespace {
 // whole blocks.
 constexpr std::size_t kPieceBytes = std::size_t{4} * 1024 * 1024;
 static_assert(kPieceBytes <= kWholeBodyLimit);
+// Such a piece ends with what was read last.
+constexpr std::size_t kChunkedPieceRoom = kPieceBytes + CServerWorker::kScratchBytes;
 constexpr int kUnavailable = 503;
 constexpr std::string_view kStreamedMethod = "PUT";
 
@@ -116,7 +118,15 @@ CServerConnection::Next CServerConnection::BeginChunkedUpload() {
   return EndChunkedPiece();
 }
 
+// The room of a piece is claimed before the piece is read, so that a wait for it holds no other piece's room: only
+// bytes that are with their handler, and come back without further room.
 CServerConnection::Next CServerConnection::StepChunkedUpload() {
+  if (chunked_body_.share.Bytes() < details::kChunkedPieceRoom &&
+      !chunked_body_.share.Resize(details::kChunkedPieceRoom)) {
+    return AwaitMemory(PieceUse(), details::kChunkedPieceRoom);
+  }
+  MemoryCame();
+  chunked_body_.bytes.reserve(details::kChunkedPieceRoom);
   std::string_view input;
   const IoStatus status = ReadInput(input);
   if (status != IoStatus::kDone) {
@@ -127,7 +137,7 @@ CServerConnection::Next CServerConnection::StepChunkedUpload() {
   const std::size_t before = bytes.size();
   const CRequestParser::Progress progress =
       parser_.ParseChunks(input, bytes, std::numeric_limits<std::uint64_t>::max());
-  if (!chunked_body_.share.Resize(MemoryOf(bytes))) {
+  if (!chunked_body_.share.Resize(std::max<std::size_t>(MemoryOf(bytes), details::kChunkedPieceRoom))) {
     return Refuse(details::kUnavailable);
   }
   if (progress == CRequestParser::Progress::kFailed) {

@@ -437,9 +437,11 @@ TEST_F(HttpServerChunkedUpload, ThatGoesOnWithNoChunkIsRefused) {
   CRawClient client(Port());
   std::string text = Chunked(Tansy::Tests::RandomBytes(5 * kMebibyte), kMebibyte);
   text.resize(text.size() - std::string_view("0\r\n\r\n").size());
-  std::jthread sender([&] { client.TrySend(std::string(kChunkedHead) + "\r\n" + text + "no chunk\r\n"); });
+  std::jthread sender([&] { client.TrySend(std::string(kChunkedHead) + "\r\n" + text); });
   const Delivery first = Take();
   EXPECT_EQ(first.message.error_code, TansyNet::kBodyPiece);
+  sender.join();
+  client.TrySend("no chunk\r\n");  // not before: a request that is refused already is not delivered
   EXPECT_EQ(client.ReadReply().status, 400);
   EXPECT_FALSE(CHttpServer::IsRequestOpen(first.handle));
 }
