@@ -40,6 +40,7 @@ void CFakeHttpServer::Reset() {
   lends_threads_ = false;
   take_chunk_ = nullptr;
   answers_.clear();
+  gone_.clear();
 }
 
 std::vector<FakeListener> CFakeHttpServer::Listeners() const {
@@ -138,7 +139,7 @@ std::size_t CFakeHttpServer::Stream(std::int32_t handle, TansyNet::CHttpServer::
 void CFakeHttpServer::DeliverPiece(std::int32_t handle, TansyNet::CHttpServer::RecvCallback callback,
                                    TansyNet::HttpServerRecv msg, std::string_view piece, bool last, bool wait) {
   msg.error_code = last ? TansyNet::kLastBodyPiece : TansyNet::kBodyPiece;
-  msg.body = piece.empty() ? nullptr : std::make_shared<const std::string>(piece);
+  msg.body = piece.empty() ? nullptr : std::make_shared<std::string>(piece);
   msg.body_size = static_cast<std::uint32_t>(piece.size());
   auto gone = std::make_shared<std::promise<void>>();
   std::future<void> token_gone = gone->get_future();
@@ -161,6 +162,16 @@ FakeAnswer CFakeHttpServer::AnswerOf(std::int32_t handle) const {
   const std::lock_guard lock(mutex_);
   const auto answer = answers_.find(handle);
   return answer != answers_.end() ? answer->second : FakeAnswer{};
+}
+
+void CFakeHttpServer::GoAway(std::int32_t handle) {
+  const std::lock_guard lock(mutex_);
+  gone_.insert(handle);
+}
+
+bool CFakeHttpServer::IsOpen(std::int32_t handle) const {
+  const std::lock_guard lock(mutex_);
+  return handle > 0 && handle < next_handle_ && !gone_.contains(handle) && !IsDone(handle);
 }
 
 bool CFakeHttpServer::IsDone(std::int32_t handle) const {
@@ -290,6 +301,10 @@ int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& addre
 
 int CHttpServer::StopServer(std::int32_t handle) {
   return CFakeHttpServer::Instance().Stop(handle);
+}
+
+bool CHttpServer::IsRequestOpen(std::int32_t handle) {
+  return CFakeHttpServer::Instance().IsOpen(handle);
 }
 
 bool CHttpServer::IsThreadLent() {

@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -101,6 +102,10 @@ class CFakeHttpServer {
   FakeAnswer WaitForAnswer(std::int32_t handle, int timeout_ms = 10000);
   // What there is now.
   FakeAnswer AnswerOf(std::int32_t handle) const;
+  // Says that the client of a request is gone.
+  void GoAway(std::int32_t handle);
+  // Whether a request waits for its answer and its client is there.
+  bool IsOpen(std::int32_t handle) const;
   bool IsAnswered(std::int32_t handle) const { return AnswerOf(handle).IsThere(); }
 
   // The module calls these in place of the library.
@@ -136,6 +141,7 @@ class CFakeHttpServer {
   std::atomic<bool> lends_threads_{false};
   std::function<void(std::string_view)> take_chunk_;
   std::map<std::int32_t, FakeAnswer> answers_;
+  std::set<std::int32_t> gone_;
 };
 
 }  // namespace Tansy::Tests

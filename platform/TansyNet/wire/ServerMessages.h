@@ -36,6 +36,10 @@ struct HttpServerRecv {
   // whole requests.
   std::shared_ptr<const void> token;
 
+  // Gives the bytes of this delivery to be changed; null when there are none. When somebody else has them too, this
+  // message gets a copy of its own first, for which no memory is claimed.
+  std::string* OwnBody();
+
   // Gives the fields of a whole multipart/form-data body, in order; they live as long as the body. Each call parses the
   // body, which takes time for a large one, so call it only once the sender is known.
   std::vector<FormPart> FormParts() const;

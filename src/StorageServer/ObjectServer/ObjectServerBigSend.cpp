@@ -14,21 +14,21 @@ CBigFileSendThreads& CBigFileSendThreads::Instance() {
   return CSingleton<CBigFileSendThreads>::Instance();
 }
 
-bool CBigFileSendThreads::Run(std::function<void()> send) {
+bool CWaitingThreads::Run(std::function<void()> work) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (threads_ >= kMaxThreads) {
-    if (waiting_.size() >= kMaxWaiting) {
-      CLOUD_LOG(logging::kError, "[%s]big file send refused, threads[%d], waiting[%d].[%s(%d)]",
-                static_cast<int>(threads_), static_cast<int>(waiting_.size()));
+  if (threads_ >= most_threads_) {
+    if (waiting_.size() >= most_waiting_) {
+      CLOUD_LOG(logging::kError, "[%s]%s refused, threads[%d], waiting[%d].[%s(%d)]", name_, static_cast<int>(threads_),
+                static_cast<int>(waiting_.size()));
       return false;
     }
-    waiting_.push_back(std::move(send));
+    waiting_.push_back(std::move(work));
     return true;
   }
   try {
-    std::thread([this, job = std::move(send)]() mutable { Loop(std::move(job)); }).detach();
+    std::thread([this, job = std::move(work)]() mutable { Loop(std::move(job)); }).detach();
   } catch (const std::system_error& error) {
-    CLOUD_LOG(logging::kError, "[%s]big file send thread failed[%s].[%s(%d)]", error.what());
+    CLOUD_LOG(logging::kError, "[%s]%s has no thread[%s].[%s(%d)]", name_, error.what());
     return false;
   }
   ++threads_;
@@ -40,25 +40,25 @@ void CBigFileSendThreads::SetChunk(std::uint32_t bytes) {
   chunk_.store(is_usable ? bytes : kLargestChunk, std::memory_order_relaxed);
 }
 
-void CBigFileSendThreads::Loop(std::function<void()> send) {
-  OSAL_SetThreadName("tansy-download");
+void CWaitingThreads::Loop(std::function<void()> work) {
+  OSAL_SetThreadName(name_);
   do {
     try {
-      send();
+      work();
     } catch (const std::exception& error) {
-      CLOUD_LOG(logging::kError, "[%s]big file send failed[%s].[%s(%d)]", error.what());
+      CLOUD_LOG(logging::kError, "[%s]%s failed[%s].[%s(%d)]", name_, error.what());
     }
-  } while (Next(send));
+  } while (Next(work));
 }
 
-bool CBigFileSendThreads::Next(std::function<void()>& send) {
-  send = nullptr;  // releases what the last download held before the next one begins
+bool CWaitingThreads::Next(std::function<void()>& work) {
+  work = nullptr;  // releases what the last one held before the next one begins
   const std::lock_guard<std::mutex> lock(mutex_);
   if (waiting_.empty()) {
     --threads_;
     return false;
   }
-  send = std::move(waiting_.front());
+  work = std::move(waiting_.front());
   waiting_.pop_front();
   return true;
 }

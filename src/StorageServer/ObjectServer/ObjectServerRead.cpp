@@ -189,7 +189,7 @@ std::optional<int> CObjectServer::SendObject(std::int32_t session_id, const Obje
 std::optional<int> CObjectServer::StartBigFileSend(std::int32_t session_id, const ObjectInfo& object,
                                                    const ByteRange& range, std::uint32_t length) {
   const std::shared_ptr<details::CReadLease> lease =
-      details::CReadLease::Begin(details::LocationText(object.bucket_name, object.url));
+      details::CReadLease::Begin(details::LocationText(object.bucket_name, object.url), length, range.begin);
   if (!lease) {
     return std::nullopt;
   }

@@ -42,37 +42,27 @@ Halves Split(std::string_view location) {
   return {location.substr(0, begin), location.substr(begin)};
 }
 
-// A range of one piece.
-struct PieceRange {
-  const Piece* piece;
-  std::uint32_t offset;  // inside the piece
-  std::uint32_t size;
-};
-
-std::vector<PieceRange> RangesOf(const PieceList& pieces, std::uint32_t size, std::uint32_t offset) {
-  std::vector<PieceRange> ranges;
-  std::uint64_t begin = offset;  // counted from the current piece
-  std::uint64_t left = size;
-  for (const Piece& piece : pieces) {
-    if (begin < piece.size && left > 0) {
-      const std::uint64_t count = std::min(left, piece.size - begin);
-      ranges.push_back({&piece, static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(count)});
-      left -= count;
-      begin = 0;
-    } else {
-      begin -= std::min<std::uint64_t>(begin, piece.size);
+// Gives those of the bytes that are asked for; none of them has no size.
+std::vector<HostRange> Within(const std::vector<HostRange>& ranges, std::uint32_t size, std::uint32_t offset) {
+  const std::uint64_t end = std::uint64_t{offset} + size;
+  std::vector<HostRange> within;
+  for (const HostRange& range : ranges) {
+    const std::uint64_t first = std::max(range.begin, offset);
+    const std::uint64_t last = std::min(end, std::uint64_t{range.begin} + range.size);
+    if (first < last) {
+      within.push_back({range.location, static_cast<std::uint32_t>(range.offset + (first - range.begin)),
+                        static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last - first)});
     }
   }
-  return ranges;
+  return within;
 }
 
-// Appends a range of a piece to what a buffer holds so far.
-int AppendRange(const StorageServerConfig& config, HostBuffer& buffer, const PieceRange& range,
-                const std::string& location) {
+// Appends a range to what a buffer holds so far.
+int AppendRange(const StorageServerConfig& config, HostBuffer& buffer, const HostRange& range) {
   for (std::uint32_t done = 0; done < range.size;) {
     const std::uint32_t wanted = std::min(kStepBytes, range.size - done);
     HostBuffer step;
-    const int result = CallReadRange(config, step, wanted, range.offset + done, location);
+    const int result = CallReadRange(config, step, wanted, range.offset + done, range.location);
     if (result != kStorageOk) {
       return result;
     }
@@ -83,36 +73,6 @@ int AppendRange(const StorageServerConfig& config, HostBuffer& buffer, const Pie
     buffer.size += wanted;
     done += wanted;
   }
-  return kStorageOk;
-}
-
-int ReadPieces(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
-               const Halves& halves) {
-  const PieceList pieces = ReadPieceList(halves.url);
-  if (pieces.empty()) {
-    return kServerInternalError;
-  }
-  const std::vector<PieceRange> ranges = RangesOf(pieces, size, offset);
-  if (ranges.size() == 1) {
-    const PieceRange& range = ranges.front();
-    return CallReadRange(config, buffer, range.size, range.offset, std::string(halves.pool) + range.piece->url);
-  }
-  std::size_t total = 0;
-  for (const PieceRange& range : ranges) {
-    total += range.size;
-  }
-  HostBuffer whole;
-  whole.data.reset(static_cast<char*>(std::malloc(total + 1)));
-  if (!whole.data) {
-    throw std::bad_alloc();
-  }
-  for (const PieceRange& range : ranges) {
-    const std::string location = std::string(halves.pool) + range.piece->url;
-    if (const int result = AppendRange(config, whole, range, location); result != kStorageOk) {
-      return result;
-    }
-  }
-  buffer = std::move(whole);
   return kStorageOk;
 }
 
@@ -151,23 +111,56 @@ int ReadObject(const StorageServerConfig& config, HostBuffer& buffer, std::uint3
   return result;
 }
 
-int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
-              const std::string& location) {
-  const Halves halves = Split(location);
-  return IsPieceList(halves.url) ? ReadPieces(config, buffer, size, offset, halves)
-                                 : CallReadRange(config, buffer, size, offset, location);
-}
-
-std::vector<std::string> HostLocations(const std::string& location) {
+std::vector<HostRange> HostRanges(const std::string& location, std::uint32_t size, std::uint32_t offset) {
   const Halves halves = Split(location);
   if (!IsPieceList(halves.url)) {
-    return {location};
+    return {{location, offset, offset, size}};
   }
-  std::vector<std::string> locations;
+  const std::uint64_t end = std::uint64_t{offset} + size;
+  std::vector<HostRange> ranges;
+  std::uint64_t begin = 0;
   for (const Piece& piece : ReadPieceList(halves.url)) {
-    locations.push_back(std::string(halves.pool) + piece.url);
+    const std::uint64_t next = begin + piece.size;
+    if (piece.size > 0 && next > offset && begin < end) {
+      ranges.push_back({std::string(halves.pool) + piece.url, 0, static_cast<std::uint32_t>(begin), piece.size});
+    }
+    begin = next;
   }
-  return locations;
+  return ranges;
+}
+
+int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
+              const std::string& location) {
+  return IsPieceList(Split(location).url) ? ReadRange(config, buffer, size, offset, HostRanges(location, size, offset))
+                                          : CallReadRange(config, buffer, size, offset, location);
+}
+
+int ReadRange(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset,
+              const std::vector<HostRange>& ranges) {
+  const std::vector<HostRange> wanted = Within(ranges, size, offset);
+  if (wanted.empty()) {
+    return kServerInternalError;
+  }
+  if (wanted.size() == 1) {
+    const HostRange& range = wanted.front();
+    return CallReadRange(config, buffer, range.size, range.offset, range.location);
+  }
+  std::size_t total = 0;
+  for (const HostRange& range : wanted) {
+    total += range.size;
+  }
+  HostBuffer whole;
+  whole.data.reset(static_cast<char*>(std::malloc(total + 1)));
+  if (!whole.data) {
+    throw std::bad_alloc();
+  }
+  for (const HostRange& range : wanted) {
+    if (const int result = AppendRange(config, whole, range); result != kStorageOk) {
+      return result;
+    }
+  }
+  buffer = std::move(whole);
+  return kStorageOk;
 }
 
 int RemoveStored(const StorageServerConfig& config, const std::string& location) {

@@ -6,7 +6,6 @@
 
 #include "Singleton.h"
 #include "StorageServer/ObjectServer/ObjectServerErrors.h"
-#include "StorageServer/ObjectServer/ObjectServerStorage.h"
 
 namespace Tansy::CloudStorage::details {
 
@@ -53,41 +52,37 @@ void CReadLease::SetCallbacks(ReadBeginCallback begin, ReadEndCallback end) {
   CRegistry::Instance().SetCallbacks(begin, end);
 }
 
-std::shared_ptr<CReadLease> CReadLease::Begin(const std::string& location) {
+std::shared_ptr<CReadLease> CReadLease::Begin(const std::string& location, std::uint32_t size, std::uint32_t offset) {
   CRegistry& registry = CRegistry::Instance();
   const auto [begin, end] = registry.Callbacks();
   // The lease is made first, because what the host has begun must be ended, even when there is no memory left for the
   // registry.
-  std::shared_ptr<CReadLease> lease(new CReadLease(location));
-  if (begin != nullptr && !lease->BeginAt(HostLocations(location), begin, end)) {
+  std::shared_ptr<CReadLease> lease(new CReadLease(HostRanges(location, size, offset)));
+  if (begin != nullptr && !lease->BeginAll(begin, end)) {
     return nullptr;
   }
   registry.Add(lease);
   return lease;
 }
 
-CReadLease::CReadLease(std::string location) : location_(std::move(location)) {}
+CReadLease::CReadLease(std::vector<HostRange> ranges) : ranges_(std::move(ranges)) {}
 
 CReadLease::~CReadLease() {
   End();
 }
 
 // Nobody else has the lease yet. When a piece is gone, the lease ends those that were begun.
-bool CReadLease::BeginAt(std::vector<std::string> locations, ReadBeginCallback begin, ReadEndCallback end) {
+bool CReadLease::BeginAll(ReadBeginCallback begin, ReadEndCallback end) {
   end_ = end;
-  begun_.reserve(locations.size());
-  for (std::string& location : locations) {
-    if (begin(location) != 0) {
-      return false;
-    }
-    begun_.push_back(std::move(location));
+  while (begun_ < ranges_.size() && begin(ranges_[begun_].location) == 0) {
+    ++begun_;
   }
-  return true;
+  return begun_ == ranges_.size();
 }
 
 int CReadLease::Read(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return ended_ ? kServerInternalError : ReadRange(config, buffer, size, offset, location_);
+  return ended_ ? kServerInternalError : ReadRange(config, buffer, size, offset, ranges_);
 }
 
 bool CReadLease::Run(const std::function<void()>& call) {
@@ -101,8 +96,8 @@ bool CReadLease::Run(const std::function<void()>& call) {
 void CReadLease::End() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!ended_ && end_ != nullptr) {
-    for (const std::string& location : begun_) {
-      end_(location);
+    for (std::size_t i = 0; i < begun_; ++i) {
+      end_(ranges_[i].location);
     }
   }
   ended_ = true;

@@ -1,6 +1,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_READ_LEASE_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_READ_LEASE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "StorageServer/HostBuffer.h"
+#include "StorageServer/ObjectServer/ObjectServerStorage.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
@@ -21,11 +23,14 @@ class CReadLease : private TansyBase::CNoncopyable {
   // Sets what the host wants to be told about such downloads; null for both means nothing.
   static void SetCallbacks(ReadBeginCallback begin, ReadEndCallback end);
 
-  // Returns null when the host says that the bytes at this location, or some of them, are gone.
-  static std::shared_ptr<CReadLease> Begin(const std::string& location);
+  // Keeps these bytes at a location. Of bytes in pieces it tells the host the pieces that they lie in and no others,
+  // because an object may have more of them than the host can keep open. Returns null when the host says that the
+  // bytes, or some of them, are gone.
+  static std::shared_ptr<CReadLease> Begin(const std::string& location, std::uint32_t size, std::uint32_t offset);
   ~CReadLease();
 
-  // Reads like ReadRange of ObjectServerStorage.h; it returns an error of the protocol once the lease has ended.
+  // Reads some of the bytes like ReadRange of ObjectServerStorage.h; it returns an error of the protocol once the lease
+  // has ended.
   int Read(const StorageServerConfig& config, HostBuffer& buffer, std::uint32_t size, std::uint32_t offset);
 
   // Makes a call that belongs to what is read, such as the writing of a copy. Returns false, and does not make it, once
@@ -38,14 +43,14 @@ class CReadLease : private TansyBase::CNoncopyable {
  private:
   class CRegistry;
 
-  explicit CReadLease(std::string location);
-  bool BeginAt(std::vector<std::string> locations, ReadBeginCallback begin, ReadEndCallback end);
+  explicit CReadLease(std::vector<HostRange> ranges);
+  bool BeginAll(ReadBeginCallback begin, ReadEndCallback end);
   void End();
 
-  const std::string location_;
+  const std::vector<HostRange> ranges_;
   std::mutex mutex_;  // held during a callback; guards everything below
   ReadEndCallback end_ = nullptr;
-  std::vector<std::string> begun_;  // what the host has been told: one location, or those of all pieces
+  std::size_t begun_ = 0;  // so many of the ranges the host has been told
   bool ended_ = false;
 };
 

@@ -63,7 +63,7 @@ std::string MakeRequestId() {
   return id;
 }
 
-Request::Request(std::int32_t session, const TansyNet::HttpServerRecv& message, const S3ServerConfig& conf)
+Request::Request(std::int32_t session, TansyNet::HttpServerRecv& message, const S3ServerConfig& conf)
     : Recipient{session, MakeRequestId(), message.method, message.url, {}},
       msg(message),
       config(conf),

@@ -2,6 +2,7 @@
 #define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_REQUEST_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -23,18 +24,22 @@ struct Recipient {
   std::string readers = {};
 };
 
-// A request on its way through dispatch and handler. Message and configuration outlive it.
+// What became of the computation of an entity tag.
+struct ComputedTag {
+  std::string url;   // of the bytes, as the host left it
+  std::string etag;  // without quotes; empty when it could not be computed
+};
+
+// A request on its way through dispatch and handler. Message and configuration outlive it. Whoever takes the body may
+// change its bytes.
 struct Request : Recipient {
   // Splits path and query, and gives the request its id.
-  Request(std::int32_t session, const TansyNet::HttpServerRecv& message, const S3ServerConfig& conf);
-
-  // The bytes of this delivery.
-  std::string_view Body() const { return msg.body ? std::string_view(*msg.body) : std::string_view(); }
+  Request(std::int32_t session, TansyNet::HttpServerRecv& message, const S3ServerConfig& conf);
 
   // Checks that path and query can be read and that the request is signed; fills `signature`.
   Failure Check();
 
-  const TansyNet::HttpServerRecv& msg;
+  TansyNet::HttpServerRecv& msg;
   const S3ServerConfig& config;
   const Query query;
   const LowerHeaders headers;  // with those that a link has in its query
@@ -42,7 +47,7 @@ struct Request : Recipient {
   std::string bucket;          // decoded; empty when the request is about no bucket
   std::string key;             // decoded; empty when the request is about no object
   Signed signature;
-  bool is_second_look = false;  // it was put off until a missing entity tag was computed
+  std::shared_ptr<const ComputedTag> waited_for;  // null unless it has waited for a missing entity tag
 };
 
 // Gives 16 capital digits that no other request of this process has, nor, most likely, one of another process.

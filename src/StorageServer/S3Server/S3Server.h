@@ -11,6 +11,7 @@
 #define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_SERVER_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -38,6 +39,8 @@
 
 namespace Tansy::CloudStorage::S3 {
 
+class CSlowAnswer;
+
 // An object as a request found it.
 struct FoundObject {
   ObjectInfo info;
@@ -52,6 +55,9 @@ struct FoundObject {
   // Gives both, because a client may name what it found in a listing by the one or the other.
   VersionTags Tags() const { return {ETag(), StandInTag()}; }
 };
+
+// Gives what listings show for bytes whose digest is not known.
+std::string StandInTagOf(std::string_view url, std::uint64_t size, std::string_view update_time);
 
 // A body that is stored, and that no row names yet.
 struct StoredBody {
@@ -74,9 +80,13 @@ class CS3Server : private TansyBase::CNoncopyable {
   // Receives every request and every piece of a streamed body on the HTTP library's threads; queues it or refuses it.
   static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);
   // Routes a request to its handler, which answers it.
-  void Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
+  void Handle(std::int32_t handle, TansyNet::HttpServerRecv& msg);
   // Stores a piece of an upload. After a failure the request is answered and further pieces are ignored.
-  void StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& msg);
+  void StorePiece(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  // Goes on with a read that waited for an entity tag.
+  void LookAgain(std::int32_t handle, const std::string& id, TansyNet::HttpServerRecv& msg,
+                 std::shared_ptr<const ComputedTag> waited_for);
+  CConfigSnapshot<S3ServerConfig>::Pointer Config() const { return conf_.Load(); }
   // Ends a request that will not be handled.
   void EndRequest(std::int32_t handle, EError error) noexcept;
   // Gives the error that an exception stands for.
@@ -132,8 +142,9 @@ class CS3Server : private TansyBase::CNoncopyable {
   static bool IsForm(const Request& request);
   // Says what is missing when the bucket's object that a request is about is not there.
   static Failure ExpectTarget(const Request& request);
-  // Takes a body that came with its request, and compares it with the digests in these headers.
-  static Failure ReadBody(std::string& body, const Request& request, const LowerHeaders& headers);
+  // Takes a body that came with its request, and compares it with the digests in these headers. It lives as long as
+  // the request's message.
+  static Failure ReadBody(std::string_view& body, const Request& request, const LowerHeaders& headers);
   // Says whether a body that is put is a part of an upload.
   static bool IsPart(const Request& request);
   static Failure CheckUpload(const Request& request) {
@@ -141,7 +152,7 @@ class CS3Server : private TansyBase::CNoncopyable {
   }
   static Failure CheckPut(const Request& request);
   static Failure CheckPart(const Request& request);
-  static Failure StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
+  static Failure StoreBytes(TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
                             const std::string& bucket);
   static Failure ReceiveWhole(StoredBody& body, const Request& request);
   static Failure ReceiveStream(StoredBody& body, Upload& upload, const Request& request);
@@ -160,14 +171,14 @@ class CS3Server : private TansyBase::CNoncopyable {
   static void CopyNow(const Request& request);
   static Failure FindSource(FoundObject& source, const Request& request);
   static Failure CopyBytes(StoredBody& body, FoundObject& source, const Request& request,
-                           std::optional<EDigest> checksum);
-  static Failure CopyToPart(StoredBody& body, const Request& request);
-  static Failure CopyToObject(StoredBody& body, std::string& time, const Request& request);
+                           std::optional<EDigest> checksum, CSlowAnswer& answer);
+  static Failure CopyToPart(StoredBody& body, const Request& request, CSlowAnswer& answer);
+  static Failure CopyToObject(StoredBody& body, std::string& time, const Request& request, CSlowAnswer& answer);
   static Failure ReplaceAttributes(StoredBody& body, std::string& time, EMetadata metadata, const Request& request);
   static Failure FindObject(FoundObject& object, const Request& request);
   static Failure FindObject(FoundObject& object, const std::string& bucket, const std::string& key);
-  // Computes the entity tag of an object that has none, and keeps it. Returns false when a thread of its own does so
-  // for a long object, and handles the request again.
+  // Sees that the entity tag of an object that has none is computed and kept. Returns false when the request waits for
+  // that and is handled again afterwards; true when it has waited for the tag of these bytes already.
   static bool FillInETag(FoundObject& object, const Request& request);
   static void SendHead(const Request& request);
   static void SendBody(const Request& request);
@@ -205,10 +216,12 @@ Failure StorageFailure(int result);
 // Answers of any handler.
 void AnswerFailure(const Recipient& to, const Failure& failure);
 void AnswerXml(const Recipient& to, const std::string& xml, const TansyNet::Headers& headers = {});
+void LogFailure(const Recipient& to, const Failure& failure);
 // Answers without a body.
 void AnswerEmpty(const Recipient& to, std::int32_t status, const TansyNet::Headers& headers = {});
 // Gives an answer what every answer has. The content type is empty.
 TansyNet::HttpResponse MakeResponse(const Recipient& to, std::int32_t status);
+TansyNet::HttpResponse MakeXmlResponse(const Recipient& to, std::int32_t status);
 // Writes the time of a row as listings show it.
 std::string ListedTime(const std::string& update_time);
 

@@ -69,7 +69,7 @@ void CS3Server::GetAcl(const Request& request) {
 
 // What is private already may be made private; nothing else can be had.
 void CS3Server::PutAcl(const Request& request) {
-  std::string body;
+  std::string_view body;
   bool is_private = true;
   Failure failure = ExpectTarget(request);
   if (!failure) {

@@ -12,7 +12,6 @@
 
 #include "ModuleLog.h"
 #include "StorageServer/HostBuffer.h"
-#include "StorageServer/ObjectServer/ObjectServerBigSend.h"
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
@@ -22,6 +21,8 @@
 #include "StorageServer/S3Server/S3Digest.h"
 #include "StorageServer/S3Server/S3Parts.h"
 #include "StorageServer/S3Server/S3Server.h"
+#include "StorageServer/S3Server/S3SlowAnswer.h"
+#include "StorageServer/S3Server/S3Threads.h"
 #include "StorageServer/S3Server/S3XmlWriter.h"
 #include "TansyBase/Encrypt.h"
 #include "TansyNet/MemoryAccount.h"
@@ -35,7 +36,7 @@ using CloudStorage::details::HostBuffer;
 using CloudStorage::details::LocationText;
 using EAdded = CObjectStorageManager::EAdded;
 
-// What is longer is copied in chunks of this size, on a thread of its own.
+// What is longer is copied in chunks of this size.
 constexpr std::uint32_t kChunkBytes = 4 * 1024 * 1024;
 constexpr std::uint32_t kMemoryPatienceMs = 20000;
 // A source or a target that other requests replace meanwhile is looked up again so often.
@@ -44,23 +45,27 @@ constexpr int kTries = 3;
 // The bytes that are copied, and those of them that have been written.
 class CCopy {
  public:
-  CCopy(const S3ServerConfig& config, std::string bucket, std::optional<EDigest> checksum)
-      : config_(config), bucket_(std::move(bucket)) {
+  CCopy(const S3ServerConfig& config, std::string bucket, std::optional<EDigest> checksum, CSlowAnswer& answer)
+      : config_(config), bucket_(std::move(bucket)), answer_(answer) {
     if (checksum) {
       checksum_.emplace(*checksum);
     }
   }
 
-  // kGivenUp: the servers are going down, so that it is in vain to try again.
+  // kGivenUp: the servers are going down, or the client is gone, so that it is in vain to try again.
   enum class EOutcome { kDone, kFailed, kGivenUp };
 
   EOutcome Run(const FoundObject& source, std::uint32_t begin, std::uint32_t length) {
-    const std::shared_ptr<CReadLease> lease = CReadLease::Begin(LocationText(source.info.bucket_name, source.info.url));
+    const std::shared_ptr<CReadLease> lease =
+        CReadLease::Begin(LocationText(source.info.bucket_name, source.info.url), length, begin);
     if (!lease) {
       return EOutcome::kFailed;
     }
     bool is_done = true;
     do {
+      if (!answer_.GoOn()) {
+        return EOutcome::kGivenUp;
+      }
       is_done = CopyChunk(*lease, begin + done_, std::min(kChunkBytes, length - done_), length);
     } while (is_done && done_ < length);
     if (is_done) {
@@ -113,6 +118,7 @@ class CCopy {
 
   const S3ServerConfig& config_;
   const std::string bucket_;
+  CSlowAnswer& answer_;
   CDigest md5_{EDigest::kMd5};
   std::optional<CDigest> checksum_;
   std::string url_;
@@ -136,7 +142,7 @@ Failure FindRange(CopyRange& range, const FoundObject& source, const LowerHeader
   return failure;
 }
 
-void AnswerCopied(const Request& request, const char* element, const StoredBody& body, const std::string& time) {
+void AnswerCopied(CSlowAnswer& answer, const char* element, const StoredBody& body, const std::string& time) {
   CXmlWriter xml;
   xml.OpenAnswer(element);
   xml.Element("LastModified", ListedTime(time));
@@ -145,7 +151,7 @@ void AnswerCopied(const Request& request, const char* element, const StoredBody&
     xml.Element(NamesOf(body.checksum->kind).element, body.checksum->value);
   }
   xml.Close(element);
-  AnswerXml(request, xml.Take());
+  answer.SendXml(xml.Take());
 }
 
 Failure FailureOf(EAdded result, const Request& request) {
@@ -178,15 +184,13 @@ void CS3Server::CopyObject(const Request& request) {
     AnswerFailure(request, failure);
     return;
   }
-  const std::uint64_t length = is_part ? range.length : source.info.size;
-  if (length <= kChunkBytes) {
-    CopyNow(request);
-  } else if (!RunApart(request, &CS3Server::CopyNow)) {
+  if (!RunApart(request, &CS3Server::CopyNow)) {
     AnswerFailure(request, EError::kSlowDown);
   }
 }
 
-// Long requests occupy a thread of their own, like long downloads. Everything that the request refers to is copied.
+// Copies wait for memory and for the storage, so they do it on threads on which no other client depends. Everything
+// that the request refers to is copied.
 bool CS3Server::RunApart(const Request& request, void (*handler)(const Request&)) {
   const auto run = [handler, msg = std::make_shared<TansyNet::HttpServerRecv>(request.msg),
                     config = Instance().conf_.Load(), handle = request.handle, id = request.id] {
@@ -199,19 +203,20 @@ bool CS3Server::RunApart(const Request& request, void (*handler)(const Request&)
       Instance().EndRequest(handle, EError::kInternalError);
     }
   };
-  return CloudStorage::details::CBigFileSendThreads::Instance().Run(run);
+  return CCopyThreads::Instance().Run(run);
 }
 
 void CS3Server::CopyNow(const Request& request) {
   const bool is_part = IsPart(request);
   StoredBody body;
   std::string time = NowText();
-  const Failure failure = is_part ? CopyToPart(body, request) : CopyToObject(body, time, request);
+  CSlowAnswer answer(request);
+  const Failure failure = is_part ? CopyToPart(body, request, answer) : CopyToObject(body, time, request, answer);
   if (failure) {
-    AnswerFailure(request, failure);
+    answer.SendFailure(failure);
     return;
   }
-  AnswerCopied(request, is_part ? "CopyPartResult" : "CopyObjectResult", body, time);
+  AnswerCopied(answer, is_part ? "CopyPartResult" : "CopyObjectResult", body, time);
 }
 
 Failure CS3Server::FindSource(FoundObject& source, const Request& request) {
@@ -234,7 +239,7 @@ Failure CS3Server::FindSource(FoundObject& source, const Request& request) {
 
 // A source that is replaced while it is read may have lost its bytes; then its successor is copied.
 Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Request& request,
-                             std::optional<EDigest> checksum) {
+                             std::optional<EDigest> checksum, CSlowAnswer& answer) {
   for (std::string failed_url;;) {
     CopyRange range;
     Failure failure = FindSource(source, request);
@@ -244,7 +249,7 @@ Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Reques
     if (failure) {
       return failure;
     }
-    CCopy copy(request.config, request.bucket, checksum);
+    CCopy copy(request.config, request.bucket, checksum, answer);
     const auto outcome =
         source.info.url != failed_url ? copy.Run(source, range.begin, range.length) : CCopy::EOutcome::kGivenUp;
     if (outcome == CCopy::EOutcome::kDone) {
@@ -262,7 +267,7 @@ Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Reques
   }
 }
 
-Failure CS3Server::CopyToPart(StoredBody& body, const Request& request) {
+Failure CS3Server::CopyToPart(StoredBody& body, const Request& request, CSlowAnswer& answer) {
   PartUpload upload;
   if (Failure failure = FindUpload(upload, request)) {
     return failure;
@@ -272,11 +277,12 @@ Failure CS3Server::CopyToPart(StoredBody& body, const Request& request) {
   FoundObject source;
   Failure failure = CopyBytes(
       body, source, request,
-      algorithm != attributes.headers.end() ? ChecksumOfAlgorithm(algorithm->second) : std::optional<EDigest>());
+      algorithm != attributes.headers.end() ? ChecksumOfAlgorithm(algorithm->second) : std::optional<EDigest>(),
+      answer);
   return failure ? failure : AddPart(body, request);
 }
 
-Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Request& request) {
+Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Request& request, CSlowAnswer& answer) {
   FoundObject source;
   Failure failure = FindSource(source, request);
   EMetadata metadata{};
@@ -294,7 +300,7 @@ Failure CS3Server::CopyToObject(StoredBody& body, std::string& time, const Reque
                ? ReplaceAttributes(body, time, metadata, request)
                : Failure(EError::kInvalidRequest, "An object can be copied to itself only to replace its metadata.");
   }
-  failure = CopyBytes(body, source, request, std::nullopt);
+  failure = CopyBytes(body, source, request, std::nullopt, answer);
   Attributes attributes = source.attributes;
   if (!failure && metadata == EMetadata::kReplace) {
     attributes = {};

@@ -229,7 +229,7 @@ bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& ms
   return true;
 }
 
-void CS3Server::Handle(std::int32_t handle, const TansyNet::HttpServerRecv& msg) {
+void CS3Server::Handle(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
   const auto config = conf_.Load();
   Request request(handle, msg, *config);
   LogRequest(request);
@@ -293,12 +293,21 @@ TansyNet::HttpResponse MakeResponse(const Recipient& to, std::int32_t status) {
   return response;
 }
 
-void AnswerFailure(const Recipient& to, const Failure& failure) {
+TansyNet::HttpResponse MakeXmlResponse(const Recipient& to, std::int32_t status) {
+  TansyNet::HttpResponse response = MakeResponse(to, status);
+  response.content_type = kXmlType;
+  return response;
+}
+
+void LogFailure(const Recipient& to, const Failure& failure) {
   CLOUD_LOG(logging::kNotable, "[%s]request %s, %s %s: %s, %s[%s(%d)]", to.id.c_str(), to.method.c_str(),
             to.url.c_str(), std::string(NameOf(failure.error)).c_str(), std::string(MessageOf(failure)).c_str());
+}
+
+void AnswerFailure(const Recipient& to, const Failure& failure) {
+  LogFailure(to, failure);
   const std::string body = ErrorXml(failure, PercentDecode(to.url), to.id);
-  TansyNet::HttpResponse response = MakeResponse(to, StatusOf(failure.error));
-  response.content_type = kXmlType;
+  TansyNet::HttpResponse response = MakeXmlResponse(to, StatusOf(failure.error));
   for (const auto& [name, value] : failure.details) {
     if (name == "Region") {
       response.headers["x-amz-bucket-region"] = value;  // the answer to a HEAD has no body that could say it
@@ -308,9 +317,8 @@ void AnswerFailure(const Recipient& to, const Failure& failure) {
 }
 
 void AnswerXml(const Recipient& to, const std::string& xml, const TansyNet::Headers& headers) {
-  TansyNet::HttpResponse response = MakeResponse(to, 200);
+  TansyNet::HttpResponse response = MakeXmlResponse(to, 200);
   response.headers.insert(headers.begin(), headers.end());
-  response.content_type = kXmlType;
   TansyNet::CHttpServer::HttpServerSyncSend(to.handle, response, static_cast<std::uint32_t>(xml.size()), xml.data());
 }
 

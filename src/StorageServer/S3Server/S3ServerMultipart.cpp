@@ -485,7 +485,7 @@ void CS3Server::ListMultipartUploads(const Request& request) {
 }
 
 void CS3Server::CompleteMultipartUpload(const Request& request) {
-  std::string body;
+  std::string_view body;
   std::vector<PartToComplete> list;
   Failure failure = ReadBody(body, request, WithoutChecksums(request.headers));
   if (!failure) {

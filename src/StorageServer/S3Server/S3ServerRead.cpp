@@ -107,9 +107,15 @@ std::string FoundObject::ETag() const {
 }
 
 std::string FoundObject::StandInTag() const {
+  return StandInTagOf(info.url, info.size, info.update_time);
+}
+
+std::string StandInTagOf(std::string_view url, std::uint64_t size, std::string_view update_time) {
   // The text is different for other bytes, because the url names them; it is hashed, because the url is the host's
   // secret.
-  return ToHex(DigestOf(EDigest::kMd5, info.url + "\n" + std::to_string(info.size) + "\n" + info.update_time)) + "-1";
+  std::string text(url);
+  text.append("\n").append(std::to_string(size)).append("\n").append(update_time);
+  return ToHex(DigestOf(EDigest::kMd5, text)) + "-1";
 }
 
 Failure CS3Server::FindObject(FoundObject& object, const std::string& bucket, const std::string& key) {
@@ -301,7 +307,8 @@ bool CS3Server::Send(const Request& request, const FoundObject& object, const As
 
 bool CS3Server::SendInChunks(const Request& request, const FoundObject& object, const TansyNet::HttpResponse& response,
                              std::uint32_t begin, std::uint32_t length) {
-  const std::shared_ptr<CReadLease> lease = CReadLease::Begin(LocationText(request.bucket, object.info.url));
+  const std::shared_ptr<CReadLease> lease =
+      CReadLease::Begin(LocationText(request.bucket, object.info.url), length, begin);
   if (!lease) {
     return false;
   }

@@ -1,5 +1,6 @@
 // Storing and removing objects.
 #include <cstddef>
+#include <cstring>
 #include <exception>
 #include <future>
 #include <memory>
@@ -20,7 +21,7 @@
 #include "StorageServer/S3Server/S3XmlWriter.h"
 #include "TansyBase/MessageLoop.h"
 #include "TansyBase/TimeUtil.h"
-#include "TansyNet/MemoryAccount.h"
+#include "TansyNet/HttpServer.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -28,9 +29,6 @@ namespace {
 
 using CloudStorage::details::CBigFileStreamMgr;
 using CloudStorage::details::StreamEnd;
-
-// A decoded piece waits this long for room in memory.
-constexpr std::uint32_t kMemoryPatienceMs = 20000;
 
 std::uint32_t StreamId(std::int32_t handle) {
   return static_cast<std::uint32_t>(handle);
@@ -50,29 +48,26 @@ class CUploadEnd : private TansyBase::CNoncopyable {
   const std::int32_t handle_;
 };
 
-// The bytes of a request without their encoding. They are copied only when they have one.
-class CPlainBytes {
- public:
-  Failure Take(std::string_view bytes, CBody& body) {
-    if (!body.IsChunked()) {
-      return body.Add(bytes, [this](std::string_view plain) { plain_ = plain; });
-    }
-    if (!memory_.ResizeWithin(bytes.size(), kMemoryPatienceMs)) {
-      return EError::kSlowDown;
-    }
-    decoded_.reserve(bytes.size());
-    Failure failure = body.Add(bytes, [this](std::string_view plain) { decoded_ += plain; });
-    plain_ = decoded_;
-    return failure;
+// Takes the bytes of a delivery, and gives them without their encoding. Decoded bytes take the place of the encoded
+// ones, which are more, so that the threads on which all clients depend need no further memory for them.
+Failure TakeBytes(std::string_view& plain, TansyNet::HttpServerRecv& msg, CBody& body) {
+  plain = {};
+  if (msg.body == nullptr) {
+    return {};
   }
-
-  std::string_view Bytes() const { return plain_; }
-
- private:
-  TansyNet::CMemoryShare memory_;
-  std::string decoded_;
-  std::string_view plain_;
-};
+  if (!body.IsChunked()) {
+    plain = *msg.body;
+    return body.Add(plain, [](std::string_view) {});
+  }
+  std::string& place = *msg.OwnBody();
+  std::size_t end = 0;
+  Failure failure = body.Add(place, [&](std::string_view decoded) {
+    std::memmove(place.data() + end, decoded.data(), decoded.size());
+    end += decoded.size();
+  });
+  plain = std::string_view(place).substr(0, end);
+  return failure;
+}
 
 EError RemoveKeys(const std::vector<std::string>& names, const std::string& bucket,
                   const CObjectStorageManager::MayAdd& may_remove) {
@@ -154,18 +149,13 @@ std::string NowText() {
   return TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
 }
 
-Failure CS3Server::ReadBody(std::string& body, const Request& request, const LowerHeaders& headers) {
+Failure CS3Server::ReadBody(std::string_view& body, const Request& request, const LowerHeaders& headers) {
   CBody decoder;
-  CPlainBytes plain;
   Failure failure = decoder.Begin(request.signature, headers);
   if (!failure) {
-    failure = plain.Take(request.Body(), decoder);
+    failure = TakeBytes(body, request.msg, decoder);
   }
-  if (!failure) {
-    failure = decoder.End();
-  }
-  body = plain.Bytes();
-  return failure;
+  return failure ? failure : decoder.End();
 }
 
 Failure CS3Server::CheckPut(const Request& request) {
@@ -196,10 +186,10 @@ void CS3Server::PutObject(const Request& request) {
 
 Failure CS3Server::ReceiveWhole(StoredBody& body, const Request& request) {
   CBody decoder;
-  CPlainBytes plain;
+  std::string_view bytes;
   Failure failure = decoder.Begin(request.signature, request.headers);
   if (!failure) {
-    failure = plain.Take(request.Body(), decoder);
+    failure = TakeBytes(bytes, request.msg, decoder);
   }
   if (!failure) {
     failure = decoder.End();
@@ -208,32 +198,30 @@ Failure CS3Server::ReceiveWhole(StoredBody& body, const Request& request) {
     return failure;
   }
   body.url = CloudStorage::details::LocationText(request.bucket);
-  if (const int result = CloudStorage::details::SaveObject(request.config, body.url, plain.Bytes()); result != 0) {
+  if (const int result = CloudStorage::details::SaveObject(request.config, body.url, bytes); result != 0) {
     CLOUD_LOG(logging::kError, "[%s]upload failed[%s], result = %d.[%s(%d)]", request.msg.url.c_str(), result);
     return StorageFailure(result);
   }
-  body.size = plain.Bytes().size();
+  body.size = bytes.size();
   body.md5 = decoder.Md5();
   body.checksum = decoder.NamedChecksum();
   return {};
 }
 
-Failure CS3Server::StoreBytes(const TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
+Failure CS3Server::StoreBytes(TansyNet::HttpServerRecv& msg, std::int32_t handle, Upload& upload,
                               const std::string& bucket) {
-  CPlainBytes plain;
-  const std::string_view bytes = msg.body ? std::string_view(*msg.body) : std::string_view();
-  if (Failure failure = plain.Take(bytes, upload.body)) {
+  std::string_view bytes;
+  if (Failure failure = TakeBytes(bytes, msg, upload.body)) {
     return failure;
   }
-  const std::string_view data = plain.Bytes();
   int result = CloudStorage::details::kStorageOk;
   const bool is_stored =
-      data.empty() || CBigFileStreamMgr::Instance().UploadStream(
-                          StreamId(handle), data.data(), static_cast<std::uint32_t>(data.size()), bucket, &result);
+      bytes.empty() || CBigFileStreamMgr::Instance().UploadStream(
+                           StreamId(handle), bytes.data(), static_cast<std::uint32_t>(bytes.size()), bucket, &result);
   return is_stored ? Failure() : StorageFailure(result);
 }
 
-void CS3Server::StorePiece(std::int32_t handle, const TansyNet::HttpServerRecv& msg) {
+void CS3Server::StorePiece(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
   const std::shared_ptr<Upload> upload = CUploads::Instance().Find(handle);
   if (upload == nullptr) {
     return;
@@ -336,7 +324,7 @@ void CS3Server::DeleteObject(const Request& request) {
 }
 
 void CS3Server::DeleteObjects(const Request& request) {
-  std::string body;
+  std::string_view body;
   DeleteRequest list;
   Failure failure = ReadBody(body, request, request.headers);
   if (!failure) {

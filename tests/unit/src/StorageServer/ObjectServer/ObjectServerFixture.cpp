@@ -279,7 +279,7 @@ TansyNet::HttpServerRecv CObjectServerTest::Message(const FakeRequest& request) 
   msg.ip = "192.0.2.1";
   msg.headers = request.headers;
   if (!request.body.empty()) {
-    msg.body = std::make_shared<const std::string>(request.body);
+    msg.body = std::make_shared<std::string>(request.body);
   }
   msg.body_size = static_cast<std::uint32_t>(request.body.size());
   msg.content_length = msg.body_size;

@@ -157,7 +157,7 @@ TEST_F(S3ServerTest, NeverKeepsTheTagOfBytesThatWereReplacedMeanwhile) {
     GetKey("k");
     storage_.SetHook(nullptr);
     EXPECT_TRUE(is_replaced);
-    EXPECT_EQ(KeptTags(), std::vector<std::string>{}) << "of the bytes before";
+    EXPECT_EQ(KeptTags(), std::vector<std::string>{Md5(after).substr(1, 32)}) << "not of the bytes before";
     const FakeAnswer got = GetKey("k");
     EXPECT_TRUE(got.body == after);
     EXPECT_EQ(got.response.headers.at("ETag"), Md5(after));
@@ -753,7 +753,7 @@ TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& b
           "\r\n--edge--\r\n";
   msg.body_size = static_cast<std::uint32_t>(text.size());
   msg.content_length = msg.body_size;
-  msg.body = std::make_shared<const std::string>(std::move(text));
+  msg.body = std::make_shared<std::string>(std::move(text));
   msg.headers["Content-Type"] = "multipart/form-data; boundary=edge";
   return msg;
 }
