@@ -112,9 +112,9 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
                        const std::string& bucket_name);
   // Shows the objects of a bucket whose key is that of `from` or comes after it, in the order of their keys, until
   // `look` returns false; without `with_key`, those that come after it. Keys are compared byte by byte, and %XX stands
-  // for the byte that it encodes; of several names of one key, that of FindObjectOfKey is shown first. The record lasts
+  // for the byte that it encodes; of several names of one key, that of FindObjectOfKey is shown first. The object lasts
   // for that call. What changes meanwhile is shown or not; `look` must not call the catalogue.
-  using ObjectLook = std::function<bool(const ObjectInfo& object, std::string_view attributes)>;
+  using ObjectLook = std::function<bool(const CPackedObject& object)>;
   void ShowObjectsFrom(const std::string& from, bool with_key, const std::string& bucket_name, const ObjectLook& look);
   // Gives an object attributes unless its bytes are no longer those at `object.url` or it has some already. Returns
   // false when the database refuses.

@@ -385,23 +385,24 @@ bool CObjectStorageManager::FindObject(ObjectInfo& object, std::string& attribut
 void CObjectStorageManager::ShowObjectsFrom(const std::string& from, bool with_key, const std::string& bucket_name,
                                             const ObjectLook& look) {
   constexpr int kBatch = 64;
-  ObjectInfo object;
-  object.bucket_name = bucket_name;
-  object.name = from;
+  std::string last = from;
   for (bool has_more = true; has_more; with_key = false) {
     int left = kBatch;
     has_more = false;
+    std::string next;
     const auto show = [&](const CPackedObject& stored) {
-      stored.CopyTo(object);
-      const bool goes_on = look(object, stored.Attributes());
+      const bool goes_on = look(stored);
       has_more = goes_on && --left == 0;
+      if (has_more) {
+        next = stored.Name();
+      }
       return goes_on && left > 0;
     };
-    const std::string last = object.name;
     const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
     if (const CObjectTable* const table = TableOf(bucket_name)) {
       table->ShowFrom(last, with_key, show);
     }
+    last.swap(next);
   }
 }
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "StorageServer/ObjectServer/PackedAttributes.h"
+
 namespace Tansy::CloudStorage {
 
 namespace details {
@@ -23,11 +25,12 @@ std::size_t TextBytes(const ObjectInfo& object) {
 }  // namespace details
 
 CPackedObject::Pointer CPackedObject::Make(const ObjectInfo& object, std::string_view attributes) {
-  void* const block = ::operator new(sizeof(CPackedObject) + details::TextBytes(object) + attributes.size());
-  return Pointer(::new (block) CPackedObject(object, attributes));
+  const std::string packed = details::PackAttributes(attributes);
+  void* const block = ::operator new(sizeof(CPackedObject) + details::TextBytes(object) + packed.size());
+  return Pointer(::new (block) CPackedObject(object, packed));
 }
 
-CPackedObject::CPackedObject(const ObjectInfo& object, std::string_view attributes)
+CPackedObject::CPackedObject(const ObjectInfo& object, std::string_view packed_attributes)
     : size_(object.size),
       id_(object.id),
       hash_(HashOf(object.name)),
@@ -35,12 +38,16 @@ CPackedObject::CPackedObject(const ObjectInfo& object, std::string_view attribut
       name_size_(details::SizeOf(object.name)),
       time_size_(details::SizeOf(object.update_time)),
       url_size_(details::SizeOf(object.url)),
-      attributes_size_(static_cast<std::uint32_t>(attributes.size())) {
+      attributes_size_(static_cast<std::uint32_t>(packed_attributes.size())) {
   char* end = reinterpret_cast<char*>(this + 1);
   for (const std::string* text : {&object.guid, &object.name, &object.update_time, &object.url}) {
     end = std::copy(text->begin(), text->end(), end);
   }
-  std::copy(attributes.begin(), attributes.end(), end);
+  std::copy(packed_attributes.begin(), packed_attributes.end(), end);
+}
+
+std::string CPackedObject::Attributes() const {
+  return details::UnpackAttributes(Text(guid_size_ + name_size_ + time_size_ + url_size_, attributes_size_));
 }
 
 std::uint32_t CPackedObject::HashOf(std::string_view name) {
@@ -57,7 +64,7 @@ void CPackedObject::CopyTo(ObjectInfo& object) const {
   object.guid = Text(0, guid_size_);
   object.name = Name();
   object.size = size_;
-  object.update_time = Text(guid_size_ + name_size_, time_size_);
+  object.update_time = UpdateTime();
   object.url = Url();
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -24,8 +25,8 @@ class CPackedObject : public KeyOrderLink, private TansyBase::CNoncopyable {
   };
   using Pointer = std::unique_ptr<CPackedObject, Free>;
 
-  // `attributes` is a text that belongs to the object's bytes; the catalogue keeps it and does not read it. Throws
-  // std::bad_alloc.
+  // `attributes` is a text that belongs to the object's bytes; the catalogue keeps it, packed, and does not read it.
+  // Throws std::bad_alloc.
   static Pointer Make(const ObjectInfo& object, std::string_view attributes = {});
 
   static std::uint32_t HashOf(std::string_view name);
@@ -34,9 +35,9 @@ class CPackedObject : public KeyOrderLink, private TansyBase::CNoncopyable {
   void SetId(std::uint32_t id) { id_ = id; }
   std::string_view Name() const { return Text(guid_size_, name_size_); }
   std::string_view Url() const { return Text(guid_size_ + name_size_ + time_size_, url_size_); }
-  std::string_view Attributes() const {
-    return Text(guid_size_ + name_size_ + time_size_ + url_size_, attributes_size_);
-  }
+  std::string_view UpdateTime() const { return Text(guid_size_ + name_size_, time_size_); }
+  std::uint64_t Size() const { return size_; }
+  std::string Attributes() const;
   // The order of keys asks for it.
   std::uint32_t Priority() const { return hash_ * 0x9E3779B1U; }
   // Fills in everything but the bucket's name.
@@ -44,7 +45,7 @@ class CPackedObject : public KeyOrderLink, private TansyBase::CNoncopyable {
 
  private:
   friend class CObjectTable;
-  CPackedObject(const ObjectInfo& object, std::string_view attributes);
+  CPackedObject(const ObjectInfo& object, std::string_view packed_attributes);
   ~CPackedObject() = default;
 
   const char* Texts() const { return reinterpret_cast<const char*>(this + 1); }

@@ -50,12 +50,13 @@ Failure ReadToken(ListRequest& list, const std::string& token) {
 ShowObjects ObjectsOf(const std::string& bucket) {
   CObjectStorageManager::Instance().CatchUp();  // what another node has answered is in the list
   return [bucket](const std::string& from, bool with_key, const TakeObject& take) {
-    const auto look = [&take](const ObjectInfo& object, std::string_view attributes) {
-      std::string etag = ETagOfText(attributes);
+    const auto look = [&take](const CPackedObject& object) {
+      std::string etag = ETagOfText(object.Attributes());
+      const std::string modified(object.UpdateTime());
       if (etag.empty()) {
-        etag = FoundObject{object, {}, 0}.ETag();
+        etag = StandInTagOf(object.Url(), object.Size(), modified);
       }
-      return take({KeyOfName(object.name), std::move(etag), ListedTime(object.update_time), object.size});
+      return take({KeyOfName(object.Name()), std::move(etag), ListedTime(modified), object.Size()});
     };
     CObjectStorageManager::Instance().ShowObjectsFrom(NameOfKey(from), with_key, bucket, look);
   };

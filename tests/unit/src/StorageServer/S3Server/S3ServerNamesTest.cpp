@@ -87,10 +87,10 @@ class S3NamesTest : public S3ServerTest {
   // The names in the catalogue that stand for a key.
   Texts Names(const std::string& key) {
     Texts names;
-    catalogue_.ShowObjectsFrom(NameOfKey(key), true, bucket_, [&](const ObjectInfo& object, std::string_view) {
-      const bool is_of_key = KeyOfName(object.name) == key;
+    catalogue_.ShowObjectsFrom(NameOfKey(key), true, bucket_, [&](const CPackedObject& object) {
+      const bool is_of_key = KeyOfName(std::string(object.Name())) == key;
       if (is_of_key) {
-        names.push_back(object.name);
+        names.emplace_back(object.Name());
       }
       return is_of_key;
     });
