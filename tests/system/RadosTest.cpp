@@ -10,6 +10,8 @@
 #include "support/MultipartFixture.h"
 #include "support/PictureSystemTest.h"
 #include "support/Program.h"
+#include "support/S3Curl.h"
+#include "support/S3Sign.h"
 
 namespace system_tests {
 namespace {
@@ -90,6 +92,62 @@ TEST_F(RadosTest, ObjectsAreStoredReadReplacedAndRemovedAndOutliveARestart) {
     EXPECT_EQ(Send("GET", std::string("/b/") + name).status, 404) << name;
   }
   EXPECT_TRUE(WaitUntil([this] { return HasSum("check: 0 rows, 0 stored files, 0 orphans"); })) << Check().out;
+}
+
+// By S3: an upload in parts whose parts are objects of the pool, and copies of it and of a part of it into another
+// bucket.
+TEST_F(RadosTest, UploadsInPartsAndCopiesByS3AreStoredInThePool) {
+  Launch launch = InPool();
+  launch.with_s3 = true;
+  ASSERT_TRUE(server_.Start(launch));
+  CS3Curl curl(server_);
+  ASSERT_EQ(curl.Put("/first", "").status, 200);
+  ASSERT_EQ(curl.Put("/second", "").status, 200);
+  const std::vector<std::string> parts = {RandomBytes(std::size_t{5} << 20U, 1), RandomBytes(std::size_t{12} << 20U, 2),
+                                          "tail"};
+  const std::string all = parts[0] + parts[1] + parts[2];
+  const auto put_parts = [&](const std::string& path, const std::string& upload) {
+    std::vector<std::string> tags;
+    for (const std::string& part : parts) {
+      tags.push_back(curl.PutPart(path, upload, static_cast<int>(tags.size()) + 1, part));
+      EXPECT_FALSE(tags.back().empty());
+    }
+    return tags;
+  };
+  const std::string upload = curl.Begin("/first/whole");
+  std::vector<std::string> tags = put_parts("/first/whole", upload);
+  server_.Kill();
+  ASSERT_TRUE(server_.Start(launch));
+  tags[1] = curl.PutPart("/first/whole", upload, 2, parts[1]);
+  ASSERT_EQ(curl.Complete("/first/whole", upload, tags).status, 200);
+  EXPECT_TRUE(curl.Send("GET", "/first/whole").body == all);
+  const Reply range = Send("GET", "/first/whole", "", {{"Range", "bytes=5242879-17825793"}});
+  EXPECT_TRUE(range.body == all.substr(5242879, 17825793 - 5242879)) << range.status;
+
+  const std::uint16_t port = server_.GetS3Port();
+  const auto copy = [&](const std::string& target, const HeaderList& more) {
+    HeaderList headers = {{"x-amz-copy-source", "/first/whole"}};
+    headers.insert(headers.end(), more.begin(), more.end());
+    return Call(port, S3Signed({"PUT", target, headers, ""}, port));
+  };
+  EXPECT_EQ(XmlValue(copy("/second/copy", {}).body, "Code"), "");
+  const std::string other = curl.Begin("/second/part");
+  const Reply copied =
+      copy("/second/part?partNumber=1&uploadId=" + other, {{"x-amz-copy-source-range", "bytes=1-17825800"}});
+  const std::string tag = XmlValue(copied.body, "ETag");
+  ASSERT_EQ(curl.Complete("/second/part", other, {tag}).status, 200) << copied.body;
+  EXPECT_EQ(curl.Send("DELETE", "/first/whole").status, 204);
+  EXPECT_TRUE(curl.Send("GET", "/second/copy").body == all);
+  EXPECT_TRUE(curl.Send("GET", "/second/part").body == all.substr(1, 17825800));
+
+  const std::string aborted = curl.Begin("/second/aborted");
+  put_parts("/second/aborted", aborted);
+  EXPECT_EQ(curl.Send("DELETE", "/second/aborted?uploadId=" + aborted).status, 204);
+  for (const char* path : {"/second/copy", "/second/part"}) {
+    EXPECT_EQ(Outcome(Send("DELETE", std::string(path) + "?deletefile")), "200") << path;
+  }
+  EXPECT_TRUE(WaitUntil([this] { return HasSum("check: 0 rows"); })) << Check().out;
+  EXPECT_THAT(Check().out, HasSubstr(" 0 orphans"));
 }
 
 TEST_F(RadosTest, PicturesAreStoredAndRead) {

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -24,6 +25,7 @@
 #include "fakes/TempFolder.h"
 #include "logging/Logging.h"
 #include "support/Ports.h"
+#include "support/S3Sign.h"
 
 namespace Tansy::Tests {
 
@@ -130,8 +132,14 @@ Database OpenDatabase(const std::string& path) {
 
 void MakeSchema(const std::string& path) {
   std::string script = "ATTACH '" + path + "' AS platform;";
-  std::ifstream file(TANSY_SCHEMA "/0001-catalogue.sql");
-  script.append(std::istreambuf_iterator<char>(file), {});
+  std::set<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(TANSY_SCHEMA)) {
+    files.insert(entry.path());
+  }
+  for (const std::filesystem::path& path_of_file : files) {
+    std::ifstream file(path_of_file);
+    script.append(std::istreambuf_iterator<char>(file), {});
+  }
   script += "INSERT INTO platform.picture_url_encrypt (encrypt_url, url) VALUES ('fs01', 'memory/');";
   const Database database = OpenDatabase(":memory:");
   if (sqlite3_exec(database.get(), script.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
@@ -154,9 +162,10 @@ CMemoryHost::CMemoryHost() {
   details::MakeSchema(database_);
   db_layer::SetSqliteFullDurability(false);
   logging::SetSink(nullptr);
-  const auto ports = system_tests::FreePorts(2);
+  const auto ports = system_tests::FreePorts(3);
   object_port_ = ports.at(0);
   picture_port_ = ports.at(1);
+  s3_port_ = ports.at(2);
   const system_tests::Keys keys;
   CloudStorage::StorageServerConfig config;
   config.upload_port = config.download_port = object_port_;
@@ -175,6 +184,12 @@ CMemoryHost::CMemoryHost() {
   if (CloudStorage::InitPicServer(config) != 0) {
     throw std::runtime_error("the picture server does not start");
   }
+  CloudStorage::S3ServerConfig s3;
+  static_cast<CloudStorage::StorageServerConfig&>(s3) = config;
+  s3.upload_port = s3.download_port = s3_port_;
+  if (CloudStorage::InitS3Server(s3) != 0) {
+    throw std::runtime_error("the S3 server does not start");
+  }
 }
 
 system_tests::Reply CMemoryHost::Call(std::uint16_t port, const system_tests::Request& request) const {
@@ -182,9 +197,20 @@ system_tests::Reply CMemoryHost::Call(std::uint16_t port, const system_tests::Re
   return connection == nullptr ? system_tests::Reply{} : Finish(*connection, port, request);
 }
 
+system_tests::Request CMemoryHost::Signed(const system_tests::Request& request, std::uint16_t port) const {
+  if (port != s3_port_) {
+    return system_tests::Signed(request);
+  }
+  const bool is_chunked = std::any_of(request.headers.begin(), request.headers.end(), [](const auto& header) {
+    return header.first == "x-amz-decoded-content-length";
+  });
+  return system_tests::S3Signed(request, port,
+                                {is_chunked ? "STREAMING-UNSIGNED-PAYLOAD-TRAILER" : "UNSIGNED-PAYLOAD", 0});
+}
+
 system_tests::Reply CMemoryHost::Finish(system_tests::CConnection& connection, std::uint16_t port,
-                                        const system_tests::Request& request) {
-  system_tests::Request last = system_tests::Signed(request);
+                                        const system_tests::Request& request) const {
+  system_tests::Request last = Signed(request, port);
   last.headers.emplace_back("Connection", "close");
   for (auto& [name, value] : last.headers) {
     if (value == details::kForm) {
@@ -202,8 +228,7 @@ system_tests::Reply CMemoryHost::Finish(system_tests::CConnection& connection, s
 
 std::unique_ptr<system_tests::CConnection> CMemoryHost::Prepare(std::uint16_t port) const {
   auto connection = system_tests::CConnection::Open(port);
-  if (connection == nullptr ||
-      !connection->Send(system_tests::Serialize(system_tests::Signed({"GET", "/", {}, ""}), port)) ||
+  if (connection == nullptr || !connection->Send(system_tests::Serialize(Signed({"GET", "/", {}, ""}, port), port)) ||
       connection->Receive(details::kPatience).status == 0) {
     return nullptr;
   }

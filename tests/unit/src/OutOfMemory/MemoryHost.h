@@ -1,4 +1,5 @@
-// A host in this process: both servers of the module on free ports, bytes in memory, the catalogue in a fresh folder.
+// A host in this process: the three servers of the module on free ports, bytes in memory, the catalogue in a fresh
+// folder.
 #ifndef TANSY_TESTS_OUT_OF_MEMORY_MEMORY_HOST_H
 #define TANSY_TESTS_OUT_OF_MEMORY_MEMORY_HOST_H
 
@@ -22,13 +23,14 @@ class CMemoryHost {
 
   std::uint16_t ObjectPort() const { return object_port_; }
   std::uint16_t PicturePort() const { return picture_port_; }
+  std::uint16_t S3Port() const { return s3_port_; }
 
   // Sends one signed request on a connection of its own, which the server closes after its answer. The status is 0 when
   // it closed without an answer, and -1 when it did neither within ten seconds.
   system_tests::Reply Call(std::uint16_t port, const system_tests::Request& request) const;
   // The same on a connection that has served a request already; see Prepare.
-  static system_tests::Reply Finish(system_tests::CConnection& connection, std::uint16_t port,
-                                    const system_tests::Request& request);
+  system_tests::Reply Finish(system_tests::CConnection& connection, std::uint16_t port,
+                             const system_tests::Request& request) const;
   // A connection that the server has accepted and served once. Null when it does not.
   std::unique_ptr<system_tests::CConnection> Prepare(std::uint16_t port) const;
 
@@ -37,9 +39,12 @@ class CMemoryHost {
 
  private:
   CMemoryHost();
+  // A body with the header x-amz-decoded-content-length is one in unsigned chunks.
+  system_tests::Request Signed(const system_tests::Request& request, std::uint16_t port) const;
 
   std::uint16_t object_port_ = 0;
   std::uint16_t picture_port_ = 0;
+  std::uint16_t s3_port_ = 0;
   std::string database_;
 };
 

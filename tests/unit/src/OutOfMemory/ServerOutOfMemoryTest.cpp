@@ -9,6 +9,7 @@
 
 #include "MemoryHost.h"
 #include "fakes/FailingAllocation.h"
+#include "support/S3Sign.h"
 
 namespace Tansy::Tests {
 namespace {
@@ -29,6 +30,7 @@ class ServerOutOfMemory : public testing::Test {
   }
 
   Reply Object(const Request& request) const { return host_.Call(host_.ObjectPort(), request); }
+  Reply S3(const Request& request) const { return host_.Call(host_.S3Port(), request); }
   Reply Picture(const Request& request) const { return host_.Call(host_.PicturePort(), request); }
   Reply Get(const std::string& path) const { return Object({"GET", path, {}, ""}); }
   int CountObjects(const std::string& key) const { return host_.CountRows("local_object", "name = '" + key + "'"); }
@@ -36,28 +38,28 @@ class ServerOutOfMemory : public testing::Test {
   // Runs the request with the first allocation failing that the servers make for it, then with the second, until they
   // make no more. `check` gets the answer of each round and its number.
   void FailEach(const std::function<Request(int round)>& make,
-                const std::function<void(const Reply&, int round)>& check, bool is_picture = false) {
+                const std::function<void(const Reply&, int round)>& check, std::uint16_t port = 0) {
     constexpr int kUnharmedRounds = 3;  // several threads share the work, so that their number differs a little
     constexpr int kNeverSoMany = 5000;
     int unharmed_rounds = 0;
     int unanswered = 0;
     int round = 1;
+    port = port == 0 ? host_.ObjectPort() : port;
     for (; round < kNeverSoMany && unharmed_rounds < kUnharmedRounds && unanswered < 3; ++round) {
       const Request request = make(round);
-      const std::uint16_t port = is_picture ? host_.PicturePort() : host_.ObjectPort();
       const auto connection = host_.Prepare(port);
       ASSERT_NE(connection, nullptr) << "allocation " << round;
       Reply reply;
       bool has_failed = false;
       {
         const CFailingAllocationAnywhere failing(static_cast<std::size_t>(round));
-        reply = CMemoryHost::Finish(*connection, port, request);
+        reply = host_.Finish(*connection, port, request);
         has_failed = failing.HasFailed();
       }
       unharmed_rounds = has_failed ? 0 : unharmed_rounds + 1;
       unanswered += reply.status == -1 ? 1 : 0;
       EXPECT_NE(reply.status, -1) << "neither answered nor closed, allocation " << round;
-      EXPECT_TRUE(has_failed || reply.status == 200) << "allocation " << round << " status " << reply.status;
+      EXPECT_TRUE(has_failed || reply.status / 100 == 2) << "allocation " << round << " status " << reply.status;
       const Reply healthy = Get("/healthy/o");
       ASSERT_EQ(healthy.status, 200) << "allocation " << round << " ended the service";
       ASSERT_EQ(healthy.body, "healthy") << "allocation " << round;
@@ -318,7 +320,7 @@ class ServerOutOfMemoryPicture : public ServerOutOfMemory {
             EXPECT_TRUE(expected.empty() || reply.body == expected) << "allocation " << round;
           }
         },
-        true);
+        host_.PicturePort());
   }
 };
 
@@ -329,7 +331,7 @@ TEST_F(ServerOutOfMemoryPicture, Uploading) {
                EXPECT_EQ(Picture({"GET", UrlIn(reply), {}, ""}).body, "picture " + std::to_string(round));
              }
            },
-           true);
+           host_.PicturePort());
 }
 
 TEST_F(ServerOutOfMemoryPicture, Reading) {
@@ -340,6 +342,191 @@ TEST_F(ServerOutOfMemoryPicture, Reading) {
 
 TEST_F(ServerOutOfMemoryPicture, AskingForTheBestNode) {
   FailEachPictureReading("/Quorvane/BestNode?SerialID=4711&PoolID=1&Replication=0", "");
+}
+
+class ServerOutOfMemoryS3 : public ServerOutOfMemory {
+ protected:
+  Reply Read(const std::string& path) const { return S3({"GET", path, {}, ""}); }
+  std::uint16_t Port() const { return host_.S3Port(); }
+
+  // Whatever fails, the object is there wholly or not at all, in memory as in the database.
+  void ExpectWholeOrNone(const Reply& reply, const std::string& key, const std::string& content, int round) const {
+    const Reply stored = Read("/healthy/" + key);
+    EXPECT_TRUE(stored.status == 404 || stored.body == content) << "allocation " << round;
+    EXPECT_TRUE(stored.status == 200 || reply.status != 200) << "allocation " << round;
+    EXPECT_EQ(CountObjects(key), stored.status == 200 ? 1 : 0) << "allocation " << round;
+  }
+  void FailEachS3Reading(const Request& request, const std::function<void(const Reply&, int round)>& check) {
+    FailEach([&](int) { return request; },
+             [&](const Reply& reply, int round) {
+               if (reply.status / 100 == 2 && reply.is_whole) {
+                 check(reply, round);
+               }
+             },
+             Port());
+  }
+  std::string Open(const std::string& path) const {
+    return XmlText(S3({"POST", path + "?uploads=", {}, ""}), "UploadId");
+  }
+  static std::string XmlText(const Reply& reply, const std::string& name) {
+    const std::size_t begin = reply.body.find("<" + name + ">") + name.size() + 2;
+    return reply.body.substr(begin, reply.body.find("</" + name + ">") - begin);
+  }
+  static Request Part(const std::string& path, const std::string& id, const std::string& content) {
+    return {"PUT", path + "?partNumber=1&uploadId=" + id, {}, content};
+  }
+  // The tag is that of "aaaa".
+  static Request Completion(const std::string& path, const std::string& id) {
+    return {"POST",
+            path + "?uploadId=" + id,
+            {},
+            "<CompleteMultipartUpload><Part><PartNumber>1</PartNumber><ETag>74b87337454200d4d33f80c4663dc5e5</ETag>"
+            "</Part></CompleteMultipartUpload>"};
+  }
+};
+
+TEST_F(ServerOutOfMemoryS3, StoringAnObject) {
+  const auto key = [](int round) { return "s3new" + std::to_string(round); };
+  FailEach(
+      [&](int round) {
+        return Request{
+            "PUT", "/healthy/" + key(round), {{"Content-Type", "text/plain"}, {"x-amz-meta-a", "b"}}, "content"};
+      },
+      [&](const Reply& reply, int round) { ExpectWholeOrNone(reply, key(round), "content", round); }, Port());
+}
+
+class ServerOutOfMemoryS3Chunks : public ServerOutOfMemoryS3, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(ServerOutOfMemoryS3Chunks, AreStored) {
+  const std::string content(GetParam(), 'c');
+  const std::string chunks = system_tests::InChunks(content, 1 << 20);
+  const auto key = [](int round) { return "s3chunks" + std::to_string(round); };
+  FailEach(
+      [&](int round) {
+        return Request{
+            "PUT", "/healthy/" + key(round), {{"x-amz-decoded-content-length", std::to_string(GetParam())}}, chunks};
+      },
+      [&](const Reply& reply, int round) {
+        ExpectWholeOrNone(reply, key(round), content, round);
+        Object({"DELETE", "/healthy/" + key(round) + "?deletefile", {}, ""});
+      },
+      Port());
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ServerOutOfMemoryS3Chunks, testing::Values(std::size_t{3000}, kBig));
+
+TEST_F(ServerOutOfMemoryS3, ReadingAnObject) {
+  ASSERT_EQ(S3({"PUT", "/healthy/s3o", {{"Content-Type", "text/plain"}}, "healthy"}).status, 200);
+  FailEachS3Reading({"GET", "/healthy/s3o", {}, ""},
+                    [](const Reply& reply, int round) { EXPECT_EQ(reply.body, "healthy") << "allocation " << round; });
+}
+
+TEST_F(ServerOutOfMemoryS3, ReadingABigObject) {
+  const std::string content(kBig, 's');
+  ASSERT_EQ(S3({"PUT", "/healthy/s3big", {}, content}).status, 200);
+  FailEachS3Reading({"GET", "/healthy/s3big", {}, ""}, [&](const Reply& reply, int round) {
+    EXPECT_TRUE(reply.body == content) << "allocation " << round;
+  });
+}
+
+// The object protocol has stored it, so its entity tag is computed and kept. One that could not be is told as unknown.
+TEST_F(ServerOutOfMemoryS3, AskingForATag) {
+  for (const std::size_t size : {std::size_t{4}, (std::size_t{1} << 20) + 1}) {
+    const std::string content(size, 'a');
+    const std::string tag = size == 4 ? "\"74b87337454200d4d33f80c4663dc5e5\"" : "";
+    FailEach(
+        [&](int) {
+          EXPECT_EQ(Object({"PUT", "/healthy/untagged", {}, content}).status, 200);
+          return Request{"GET", "/healthy/untagged", {}, ""};
+        },
+        [&](const Reply& reply, int round) {
+          if (reply.status == 200 && reply.is_whole) {
+            EXPECT_TRUE(reply.body == content) << "allocation " << round;
+            const std::string told = reply.Header("ETag");
+            EXPECT_TRUE(tag.empty() || told == tag || told.ends_with("-1\"")) << "allocation " << round << ": " << told;
+          }
+          const Reply again = Read("/healthy/untagged");
+          EXPECT_TRUE(tag.empty() || again.Header("ETag") == tag) << "allocation " << round;
+          EXPECT_FALSE(again.Header("ETag").ends_with("-1\"")) << "allocation " << round;
+        },
+        Port());
+  }
+}
+
+TEST_F(ServerOutOfMemoryS3, Listing) {
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(S3({"PUT", "/healthy/list/" + std::to_string(i), {}, "x"}).status, 200);
+  }
+  FailEachS3Reading({"GET", "/healthy?list-type=2&prefix=list%2F", {}, ""}, [](const Reply& reply, int round) {
+    EXPECT_EQ(XmlText(reply, "KeyCount"), "20") << "allocation " << round;
+  });
+}
+
+TEST_F(ServerOutOfMemoryS3, RemovingObjects) {
+  FailEach(
+      [&](int) {
+        EXPECT_EQ(S3({"PUT", "/healthy/s3removed", {}, "content"}).status, 200);
+        return Request{"POST", "/healthy?delete=", {}, "<Delete><Object><Key>s3removed</Key></Object></Delete>"};
+      },
+      [&](const Reply& reply, int round) {
+        const bool is_told = reply.body.find("<Deleted>") != std::string::npos;
+        const Reply stored = Read("/healthy/s3removed");
+        EXPECT_TRUE(stored.status == 404 || (!is_told && stored.body == "content")) << "allocation " << round;
+        EXPECT_EQ(CountObjects("s3removed"), stored.status == 200 ? 1 : 0) << "allocation " << round;
+      },
+      Port());
+}
+
+TEST_F(ServerOutOfMemoryS3, CopyingAnObject) {
+  const std::string content((4 << 20) + 1, 'f');
+  ASSERT_EQ(S3({"PUT", "/healthy/s3from", {}, content}).status, 200);
+  const auto key = [](int round) { return "s3to" + std::to_string(round); };
+  FailEach(
+      [&](int round) {
+        return Request{"PUT", "/healthy/" + key(round), {{"x-amz-copy-source", "/healthy/s3from"}}, ""};
+      },
+      [&](const Reply& reply, int round) {
+        ExpectWholeOrNone(reply, key(round), content, round);
+        Object({"DELETE", "/healthy/" + key(round) + "?deletefile", {}, ""});
+      },
+      Port());
+}
+
+TEST_F(ServerOutOfMemoryS3, SendingAPart) {
+  std::string id;
+  std::string path;
+  FailEach(
+      [&](int round) {
+        path = "/healthy/s3part" + std::to_string(round);
+        id = Open(path);
+        return Part(path, id, "aaaa");
+      },
+      [&](const Reply& reply, int round) {
+        if (reply.status != 200) {
+          EXPECT_EQ(S3(Part(path, id, "aaaa")).status, 200) << "allocation " << round;
+        }
+        EXPECT_EQ(S3(Completion(path, id)).status, 200) << "allocation " << round;
+        EXPECT_EQ(Read(path).body, "aaaa") << "allocation " << round;
+      },
+      Port());
+}
+
+TEST_F(ServerOutOfMemoryS3, CompletingAnUpload) {
+  std::string id;
+  std::string path;
+  FailEach(
+      [&](int round) {
+        path = "/healthy/s3completed" + std::to_string(round);
+        id = Open(path);
+        EXPECT_EQ(S3(Part(path, id, "aaaa")).status, 200);
+        return Completion(path, id);
+      },
+      [&](const Reply& reply, int round) {
+        ExpectWholeOrNone(reply, "s3completed" + std::to_string(round), "aaaa", round);
+        EXPECT_EQ(S3(Completion(path, id)).status, 200) << "a client asks again, allocation " << round;
+        EXPECT_EQ(Read(path).body, "aaaa") << "allocation " << round;
+      },
+      Port());
 }
 
 }  // namespace
