@@ -170,7 +170,7 @@ TEST_F(S3BadInputTest, TrailersThatLie) {
     };
     EXPECT_EQ(with("x-amz-checksum-crc32:AAAAAA==\r\n"), "400 BadDigest") << size;
     EXPECT_EQ(with(""), "400 IncompleteBody") << size;
-    EXPECT_EQ(with("x-amz-checksum-crc32c:AAAAAA==\r\n"), "400 IncompleteBody") << size;
+    EXPECT_EQ(with("x-amz-checksum-crc32c:AAAAAA==\r\n"), "400 InvalidRequest") << size;
     // Lengths that lie.
     for (const std::size_t length : {size - 1, size + 1, std::size_t{0}}) {
       EXPECT_EQ(PutInChunks(kUnsignedChunks, length, [&](S3Chain&) { return InChunks(bytes, 65536); }),

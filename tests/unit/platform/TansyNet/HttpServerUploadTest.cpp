@@ -15,6 +15,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "TansyNet/MemoryAccount.h"
 #include "fakes/RandomBytes.h"
 
 namespace {
@@ -444,6 +445,31 @@ TEST_F(HttpServerChunkedUpload, ThatGoesOnWithNoChunkIsRefused) {
   client.TrySend("no chunk\r\n");  // not before: a request that is refused already is not delivered
   EXPECT_EQ(client.ReadReply().status, 400);
   EXPECT_FALSE(CHttpServer::IsRequestOpen(first.handle));
+}
+
+TEST_F(HttpServerChunkedUpload, WaitsForTheMemoryOfItsNextPiece) {
+  Start();
+  const std::string body = Tansy::Tests::RandomBytes(13 * kMebibyte);
+  CRawClient client(Port());
+  std::jthread sender([&] { client.Send(std::string(kChunkedHead) + "\r\n" + Chunked(body, kMebibyte)); });
+  const TansyNet::CMemoryAccount& account = TansyNet::CMemoryAccount::Process();
+  TansyNet::CMemoryShare all;
+  Delivery first = Take();
+  while (account.Used() < account.Limit()) {
+    all.Resize(all.Bytes() + (account.Limit() - account.Used()));
+  }
+  const std::shared_ptr<const std::string> kept = first.message.body;  // so that its memory does not come back
+  first.message = {};
+  // The pieces that come now have no room. What is refused is refused within this time.
+  for (int i = 0; i < 100 && CHttpServer::IsRequestOpen(first.handle); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  all.Resize(0);
+  std::int32_t handle = 0;
+  const std::string rest = TakeAll(handle);
+  EXPECT_TRUE(*kept + rest == body);
+  EXPECT_EQ(AnswerText(handle, "stored"), 0);
+  EXPECT_EQ(client.ReadReply().status, 200);
 }
 
 TEST_F(HttpServerChunkedUpload, IsReadAheadByOnePieceOnly) {
