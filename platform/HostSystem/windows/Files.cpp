@@ -277,9 +277,8 @@ FilePlace FindPlace(const std::string& path) {
   const std::filesystem::path given = FromUtf8(path);
   std::error_code error;
   std::filesystem::path target = std::filesystem::weakly_canonical(given, error);
-  if (error) {
-    target = std::filesystem::absolute(given);  // whoever opens it learns what is wrong
-  }
+  // A name without a folder stays one when there is no such file yet. Whoever opens the file learns what is wrong.
+  target = std::filesystem::absolute(error ? given : target);
   return {ToUtf8(target.parent_path()), ToUtf8(target.filename())};
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -43,6 +44,15 @@ TEST_F(WindowsNamesTest, NamesThatWouldBeThoseOfOtherFilesAreInvalid) {
 TEST_F(WindowsNamesTest, AFileIsFoundInAnyCase) {
   EXPECT_EQ(Create("File"), 0);
   EXPECT_EQ(Create("fILE"), EEXIST);
+}
+
+TEST_F(WindowsNamesTest, ANewFileMayBeNamedWithoutAFolder) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(temp_.GetPath());
+  EXPECT_EQ(ReplaceFile("new", "first"), 0);
+  EXPECT_EQ(ReplaceFile("new", "second"), 0);
+  std::filesystem::current_path(before);
+  EXPECT_EQ(temp_.Read("new"), "second");
 }
 
 TEST_F(WindowsNamesTest, NamesBeyondTheCodePageWork) {
