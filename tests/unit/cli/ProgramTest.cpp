@@ -1132,6 +1132,27 @@ TEST_F(CopyProgramTest, GoesOnWithTheOtherFoldersWhenOneIsMissing) {
   EXPECT_EQ(ended.out, "removed s3://photos/p/y\n");
 }
 
+// A bucket may hold more objects than there is memory for their names.
+TEST_F(CopyProgramTest, RemovesAFolderPageByPage) {
+  std::string items;
+  for (int i = 0; i < 1000; ++i) {
+    items += "<Contents><Key>p/" + std::to_string(i) + "</Key><Size>1</Size><ETag>\"tag\"</ETag></Contents>";
+  }
+  server_.Answer("GET /photos?continuation-token=*", {.body = "<ListBucketResult><Contents><Key>p/last</Key><Size>1"
+                                                              "</Size></Contents></ListBucketResult>"});
+  server_.Answer("GET /photos?encoding-type=*",
+                 {.body = "<ListBucketResult><IsTruncated>true</IsTruncated><NextContinuationToken>t"
+                          "</NextContinuationToken>" +
+                          items + "</ListBucketResult>"});
+  server_.Answer("DELETE *", {.status = 204});
+  const Ended ended = Do("--quiet rm -r photos/p");
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  const auto requests = server_.Requests();
+  ASSERT_EQ(requests.size(), 1003u);
+  EXPECT_THAT(requests[1001].target, HasSubstr("continuation-token=t")) << "what was listed is gone by then";
+  EXPECT_EQ(requests[1002].target, "/photos/p/last");
+}
+
 TEST_F(CopyProgramTest, TakesATargetWithASlashForAFolder) {
   Ended ended = Do("cp s3://photos/x new/");
   EXPECT_EQ(ended.code, 0) << ended.err;
