@@ -76,6 +76,7 @@ use_nodes() { # COUNT
     nodes+=("$server")
     [[ ! -e $server/url ]] || continue
     data=$disk/data-$(basename "$server")
+    rm -rf "$server" "$data" # another row's nodes had another database
     mkdir -p "$server" "$data"
     echo "$data" >"$server/data"
     ((i > 1)) || choose_backend postgres-rados
