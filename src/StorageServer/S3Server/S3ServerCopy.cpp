@@ -74,6 +74,9 @@ class CCopy {
     return lease->Run([] {}) ? EOutcome::kFailed : EOutcome::kGivenUp;
   }
 
+  // What the storage said when it refused bytes; 0 when it did not.
+  int WriteResult() const { return write_result_; }
+
   StoredBody Take() {
     StoredBody body;
     body.url = url_;
@@ -109,6 +112,7 @@ class CCopy {
                            ? CloudStorage::details::SaveObject(config_, location, bytes)
                            : CloudStorage::details::StreamSave(config_.stream_save, bytes, done_, location);
     if (result != 0) {
+      write_result_ = result;
       return false;
     }
     url_ = std::move(location);
@@ -123,6 +127,7 @@ class CCopy {
   std::optional<CDigest> checksum_;
   std::string url_;
   std::uint32_t done_ = 0;
+  int write_result_ = 0;
 };
 
 struct CopyRange {
@@ -256,9 +261,9 @@ Failure CS3Server::CopyBytes(StoredBody& body, FoundObject& source, const Reques
       body = copy.Take();
       return {};
     }
-    if (outcome == CCopy::EOutcome::kGivenUp) {
+    if (outcome == CCopy::EOutcome::kGivenUp || copy.WriteResult() != 0) {
       CLOUD_LOG(logging::kError, "[%s]copy failed[%s][%s(%d)]", request.msg.url.c_str());
-      return EError::kInternalError;
+      return copy.WriteResult() != 0 ? StorageFailure(copy.WriteResult()) : Failure(EError::kInternalError);
     }
     failed_url = source.info.url;
     // A removal frees the bytes before the object is gone.

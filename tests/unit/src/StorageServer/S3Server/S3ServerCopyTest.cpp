@@ -161,6 +161,9 @@ TEST_F(S3CopyTest, AnswersAStorageThatFails) {
     storage_.SetResult(kind, 0);
     EXPECT_EQ(Outcome(GetKey("to")), "404 NoSuchKey") << kind;
   }
+  storage_.SetResult("stream", 3);
+  EXPECT_EQ(Outcome(Copy("from", "to")), "507 NotEnoughSpace") << "the disk is full";
+  storage_.SetResult("stream", 0);
   EXPECT_EQ(Outcome(Copy("from", "to")), "200");
 }
 
