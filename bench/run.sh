@@ -97,6 +97,7 @@ disk=$(mktemp -d "$folder/tansy-bench-XXXXXX")
 memory=$(mktemp -d /dev/shm/tansy-bench-XXXXXX)
 mkdir -p "$disk/servers" "$disk/requests" "$disk/results"
 clean_up() {
+  trap '' INT TERM # a second one must not leave anything behind
   stop_all_servers
   stop_services
   rm -rf "$disk" "$memory"

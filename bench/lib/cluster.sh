@@ -38,17 +38,17 @@ use_ceph() {
   use_service ceph start_private_ceph "$disk/services/ceph" "$(free_ports)"
 }
 
+# Nothing of theirs is kept, so they need not end in order.
 stop_services() {
-  local each pid
+  local each signal
   for each in "$disk"/services/*.pid; do
-    [[ -e $each ]] || continue
-    pid=$(<"$each")
-    kill -INT "$pid" 2>/dev/null || true
-    for _ in {1..100}; do
-      kill -0 "$pid" 2>/dev/null || break
-      sleep 0.1
-    done
-    ! kill -0 "$pid" 2>/dev/null || kill -9 "$pid"
+    signal=KILL
+    [[ $each != */postgres.pid ]] || signal=QUIT # which ends the processes that it has started
+    [[ ! -e $each ]] || kill "-$signal" "$(<"$each")" 2>/dev/null || true
+  done
+  for _ in {1..100}; do
+    [[ -e $disk/services/postgres.pid ]] && kill -0 "$(<"$disk/services/postgres.pid")" 2>/dev/null || break
+    sleep 0.1
   done
 }
 
