@@ -106,8 +106,9 @@ bool CClient::PutSame(const Step& step) {
   } else if (answer.Is(404)) {
     Note(answer, key, EKind::kRead, kAbsent);
   } else if (answer.Is(412)) {
-    // A copy may have the same bytes by another tag.
-    if (!IsForCopies(step.key)) {
+    // A copy may have the same bytes by another tag, and a tag that was worked out while the database was away is not
+    // kept.
+    if (!IsForCopies(step.key) && !world_.IsEnding(answer.node)) {
       Note(answer, key, EKind::kSeeOther, before);
     }
   } else if (answer.state == EState::kAnswered) {

@@ -140,9 +140,6 @@ class CRun {
   // Starts what has ended, and waits until a database that crashed is used again.
   void StartAgain() {
     has_restarted_ = false;
-    if (has_crashed_) {
-      options_.backend->StartDatabase();
-    }
     for (int node = 0; node < world_.GetNodes(); ++node) {
       if (!world_.IsEnding(node)) {
         continue;
@@ -199,6 +196,9 @@ class CRun {
       if (world_.IsEnding(node)) {
         EndServer(node, round.end);
       }
+    }
+    if (has_crashed_) {
+      options_.backend->StartDatabase();  // whose commit is in doubt waits for it
     }
   }
 
