@@ -26,6 +26,9 @@ class CBackend {
   const std::vector<std::string>& GetArguments() const { return arguments_; }
   // Rows of the catalogue as "a|b". The statement names tables without a schema.
   std::vector<std::string> Query(const std::string& statement) const;
+  // Makes all uploads in parts older than they may become, while no server runs: several nodes go by the clock of the
+  // database, which nobody sets.
+  void AgeUploads() const;
   // Where the bytes are files; empty: nowhere.
   const std::string& GetObjectsFolder() const { return objects_; }
 

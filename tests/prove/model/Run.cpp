@@ -307,6 +307,9 @@ std::vector<std::string> CheckSpace(const std::vector<CTansydServer*>& servers, 
       return {"a server did not stop at the end"};
     }
   }
+  if (servers.size() > 1) {
+    backend.AgeUploads();
+  }
   for (CTansydServer* server : servers) {
     server->SetClock(run.latest_clock + kSweepSeconds);
     if (!server->Start()) {
