@@ -67,6 +67,16 @@ bool IsCanonicalName(std::string_view name) {
   return true;
 }
 
+bool HasUsualSpellings(std::string_view name) {
+  while (!name.empty()) {
+    const auto byte = static_cast<char>(details::TakeByte(name));
+    if (!details::IsUnreserved(byte) && byte != '/' && byte != ' ') {
+      return true;
+    }
+  }
+  return false;
+}
+
 int CompareKeys(std::string_view left, std::string_view right) {
   while (!left.empty() && !right.empty()) {
     if (const int difference = details::TakeByte(left) - details::TakeByte(right); difference != 0) {

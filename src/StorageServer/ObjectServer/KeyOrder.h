@@ -16,6 +16,9 @@ std::string KeyOfName(std::string_view name);
 // Says whether a name is the canonical one of its key: letters, digits and -._~ stand for themselves, every other byte
 // is %XX with capitals. Each key has one such name.
 bool IsCanonicalName(std::string_view name);
+// Says whether people write the name of this key in other ways too: it has bytes that many clients send as they are,
+// and others encoded. Slashes and blanks are always encoded in a name.
+bool HasUsualSpellings(std::string_view name);
 
 // Where an object stands in the order of a bucket's keys.
 struct KeyOrderLink {

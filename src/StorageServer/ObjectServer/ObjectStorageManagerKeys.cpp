@@ -116,12 +116,16 @@ CObjectStorageManager::ERemoved CObjectStorageManager::RemoveKeys(const std::vec
   std::vector<std::string> keys(names.size());
   std::transform(names.begin(), names.end(), keys.begin(), [](const std::string& name) { return KeyOfName(name); });
   const auto key_locks = object_locks_.Lock(bucket_name, std::vector<std::string_view>(keys.begin(), keys.end()));
-  CatchUp();
+  RowIds rows = RowsOfKeys(names, bucket_name);
+  // Another process may just have stored objects of these keys.
+  const bool may_be_more = rows.size() < names.size() || std::any_of(names.begin(), names.end(), HasUsualSpellings);
+  if ((may_remove || may_be_more) && CatchUp()) {
+    rows = RowsOfKeys(names, bucket_name);
+  }
   std::vector<ObjectInfo> there;
   if (may_remove && !MayRemoveAll(there, names, bucket_name, may_remove)) {
     return ERemoved::kRefused;
   }
-  const RowIds rows = RowsOfKeys(names, bucket_name);
   if (rows.empty()) {
     return ERemoved::kRemoved;
   }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "ModuleLog.h"
+#include "StorageServer/ObjectServer/KeyOrder.h"
 #include "StorageServer/ObjectServer/ObjectServerSession.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/PieceList.h"
@@ -226,9 +227,8 @@ CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addit
   const std::string bucket_name = addition.object.bucket_name;
   std::string& name = addition.object.name;
   addition.key.emplace(LockKey(bucket_name, name));
-  // Another process may just have stored the first object of this key, under any name that stands for it. Plain names
-  // have no other spelling that anybody uses, so their writers need not ask.
-  if (may_add || name.find('%') != std::string::npos) {
+  // Another process may just have stored the first object of this key, under another name.
+  if (may_add || HasUsualSpellings(name)) {
     CatchUp();
   }
   name = NameInUse(name, bucket_name);

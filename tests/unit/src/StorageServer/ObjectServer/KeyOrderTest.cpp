@@ -71,6 +71,15 @@ TEST(KeyOrder, EachKeyHasOneCanonicalName) {
   }
 }
 
+TEST(KeyOrder, TellsNamesThatAreUsuallyWrittenInOneWay) {
+  for (const char* const name : {"", "cat.jpg", "photos%2F2026%2Fa%20b.jpg", "-._~"}) {
+    EXPECT_FALSE(HasUsualSpellings(name)) << name;
+  }
+  for (const char* const name : {"r%281%29", "r(1)", "%C3%A9", "a%21", "100%25"}) {
+    EXPECT_TRUE(HasUsualSpellings(name)) << name;
+  }
+}
+
 // Orders names by their keys, and those of one key by whether they are canonical.
 struct ByKey {
   bool operator()(const std::string& left, const std::string& right) const {
