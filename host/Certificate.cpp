@@ -28,6 +28,7 @@ struct OpenSslDeleter {
   void operator()(X509* object) const { X509_free(object); }
   void operator()(EVP_PKEY* object) const { EVP_PKEY_free(object); }
   void operator()(BIO* object) const { BIO_free_all(object); }
+  void operator()(ASN1_TIME* object) const { ASN1_TIME_free(object); }
   void operator()(X509_EXTENSION* object) const { X509_EXTENSION_free(object); }
 };
 template <typename T>
@@ -200,6 +201,25 @@ std::string CheckCertificate(const std::string& path) {
     return failure.what();
   }
   return "";
+}
+
+std::optional<std::int64_t> CertificateEnd(const std::string& path) {
+  constexpr std::int64_t kSecondsOfADay = 24 * 60 * 60;
+  const std::string pair = path + ".crt";
+  try {
+    const std::string& file = details::Exists(pair) ? pair : path;
+    const auto certificate = details::ParseCertificate(details::ReadPem(file), file);
+    const details::Owned<ASN1_TIME> beginning(ASN1_TIME_set(nullptr, 0));
+    int days = 0;
+    int seconds = 0;
+    if (beginning == nullptr ||
+        ASN1_TIME_diff(&days, &seconds, beginning.get(), X509_get0_notAfter(certificate.get())) != 1) {
+      return std::nullopt;
+    }
+    return days * kSecondsOfADay + seconds;
+  } catch (const CStartFailure&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace Tansy::Host

@@ -3,6 +3,8 @@
 #ifndef TANSY_HOST_CERTIFICATE_H
 #define TANSY_HOST_CERTIFICATE_H
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,9 @@ bool MakeCertificateIfMissing(const std::string& path, const std::vector<std::st
 // Says in one line why the pair cannot be used: it is missing or broken, or its halves do not belong together. The text
 // is empty when the pair can be used.
 std::string CheckCertificate(const std::string& path);
+
+// Says when the certificate ends, in seconds since 1970; empty when it cannot be read.
+std::optional<std::int64_t> CertificateEnd(const std::string& path);
 
 }  // namespace Tansy::Host
 

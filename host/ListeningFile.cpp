@@ -37,7 +37,8 @@ void WriteListeningFile(const HostOptions& options) {
       details::Line("object-https-port", options.object_https_port) +
       details::Line("picture-port", options.picture_port) +
       details::Line("picture-https-port", options.picture_https_port) + details::Line("s3-port", options.s3_port) +
-      details::Line("s3-https-port", options.s3_https_port);
+      details::Line("s3-https-port", options.s3_https_port) +
+      details::Line("admin-port", options.admin_port.value_or(0));
   if (const int error = HostSystem::ReplaceFile(details::kListeningFile, content); error != 0) {
     details::LogFailure("written", error);
   }

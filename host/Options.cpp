@@ -40,6 +40,15 @@ std::string ApplyPort(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyAdminPort(HostOptions& options, const std::string& text) {
+  unsigned long number = 0;
+  if (!ParseNumber(text, 0, 65535, number)) {
+    return "give a port from 1 to 65535, or 0 for none";
+  }
+  options.admin_port = static_cast<std::uint16_t>(number);
+  return "";
+}
+
 template <std::string HostOptions::*Member>
 std::string ApplyIp(HostOptions& options, const std::string& text) {
   const std::optional<IpAddress> address = ParseIpAddress(text);
@@ -53,6 +62,7 @@ std::string ApplyIp(HostOptions& options, const std::string& text) {
   return "";
 }
 
+template <std::vector<std::string> HostOptions::*Member>
 std::string ApplyListen(HostOptions& options, const std::string& text) {
   std::vector<std::string> addresses;
   std::size_t begin = 0;
@@ -68,7 +78,7 @@ std::string ApplyListen(HostOptions& options, const std::string& text) {
     addresses.push_back(address->text);
     begin = end + 1;
   }
-  options.listen = std::move(addresses);
+  options.*Member = std::move(addresses);
   return "";
 }
 
@@ -167,6 +177,14 @@ std::string ApplyCorsOrigins(HostOptions& options, const std::string& text) {
   return "";
 }
 
+std::string ApplyAccessLogFormat(HostOptions& options, const std::string& text) {
+  if (text != "combined" && text != "json") {
+    return "give combined or json";
+  }
+  options.access_log_json = text == "json";
+  return "";
+}
+
 std::string ApplyV2Links(HostOptions& options, const std::string& text) {
   if (text != "on" && text != "off") {
     return "give on or off";
@@ -246,6 +264,11 @@ const std::vector<OptionRow>& OptionTable() {
       {"s3-port", "N", "HTTP port of the S3 protocol, 0 for none [9702]", ApplyPort<&HostOptions::s3_port, 0>},
       {"s3-https-port", "N", "HTTPS port of the S3 protocol, 0 for none [9745]",
        ApplyPort<&HostOptions::s3_https_port, 0>},
+      {"admin-port", "N", "port for health, figures and running requests, 0 for none [9703]", details::ApplyAdminPort},
+      {"admin-listen", "IP",
+       "address of that port, several times if need be; HTTPS and the keys are asked for at others than loopback "
+       "[127.0.0.1]",
+       details::ApplyListen<&HostOptions::admin_listen>, true},
       {"s3-region", "NAME", "region that clients of the S3 protocol sign for [us-east-1]", details::ApplyRegion},
       {"s3-domain", "NAME", "host name below which the S3 protocol takes BUCKET.NAME for that bucket [none]",
        details::ApplyDomain},
@@ -253,8 +276,8 @@ const std::vector<OptionRow>& OptionTable() {
       {"s3-cors-origin", "ORIGIN",
        "origin whose web pages may use the S3 protocol, several times if need be, * for all [none]",
        details::ApplyCorsOrigins, true},
-      {"listen", "IP", "address to listen on, several times if need be [all of this machine]", details::ApplyListen,
-       true},
+      {"listen", "IP", "address to listen on, several times if need be [all of this machine]",
+       details::ApplyListen<&HostOptions::listen>, true},
       {"local-ip", "IP", "address that best-node answers name [that of this machine, else 127.0.0.1]",
        ApplyIp<&HostOptions::local_ip>},
       {"wan-ip", "IP", "address that best-node answers name to clients from outside [none]",
@@ -290,6 +313,9 @@ const std::vector<OptionRow>& OptionTable() {
        details::ApplyKeepFailed},
       {"log-level", "N", "lowest level written, 2 (everything) to 5 (errors only) [3]", details::ApplyLogLevel},
       {"log-file", "FILE", "where the log goes [standard error]", ApplyPath<&HostOptions::log_file>},
+      {"access-log", "FILE", "where a line for each request goes, - for standard output [none]",
+       ApplyPath<&HostOptions::access_log>},
+      {"access-log-format", "combined|json", "how these lines look [combined]", details::ApplyAccessLogFormat},
   };
   return rows;
 }
@@ -313,10 +339,13 @@ void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::str
 }
 
 void CheckPorts(const HostOptions& options) {
-  const std::pair<const char*, std::uint16_t> ports[] = {
-      {"object-port", options.object_port},   {"object-https-port", options.object_https_port},
-      {"picture-port", options.picture_port}, {"picture-https-port", options.picture_https_port},
-      {"s3-port", options.s3_port},           {"s3-https-port", options.s3_https_port}};
+  const std::pair<const char*, std::uint16_t> ports[] = {{"object-port", options.object_port},
+                                                         {"object-https-port", options.object_https_port},
+                                                         {"picture-port", options.picture_port},
+                                                         {"picture-https-port", options.picture_https_port},
+                                                         {"s3-port", options.s3_port},
+                                                         {"s3-https-port", options.s3_https_port},
+                                                         {"admin-port", options.admin_port.value_or(0)}};
   for (const auto& [name, port] : ports) {
     for (const auto& [other_name, other_port] : ports) {
       if (name != other_name && port != 0 && port == other_port) {

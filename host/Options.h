@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,11 @@ struct HostOptions {
   std::uint16_t picture_https_port = 9744;  // 0 means no HTTPS
   std::uint16_t s3_port = 9702;             // 0 means no HTTP
   std::uint16_t s3_https_port = 9745;       // 0 means no HTTPS
+  std::optional<std::uint16_t> admin_port;  // 0 means no admin listener; empty: kUsualAdminPort, if nobody has it
+  std::vector<std::string> admin_listen;    // its addresses; empty stands for loopback
+  std::string access_log;                   // a file, or "-" for standard output; empty: none
+  bool access_log_json = false;
+  static constexpr std::uint16_t kUsualAdminPort = 9703;
   std::string s3_region = "us-east-1";
   std::string s3_domain;  // empty: no host name stands for a bucket
   bool s3_v2_links = true;

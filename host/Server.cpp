@@ -1,8 +1,10 @@
 #include "Server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <iostream>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -18,6 +20,7 @@
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "HostSystem/Process.h"
+#include "IpAddress.h"
 #include "ListeningFile.h"
 #include "Locks.h"
 #include "MoveRequest.h"
@@ -29,6 +32,7 @@
 #include "StartFailure.h"
 #include "StoragePlaces.h"
 #include "StoreIdentity.h"
+#include "TansyBase/TimeUtil.h"
 #include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
@@ -49,6 +53,8 @@ constexpr std::uint32_t kRepeatWindowMs = 1000;
 // The time that requests have to end when the stop signal comes. The sender of the signal waits for as long as one
 // client stalls, and service managers kill a process after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
+// With less room on the disk the server is not well: this is what it keeps free of stored bytes.
+constexpr std::uint64_t kLeastRoom = std::uint64_t{96} << 20;
 constexpr std::uint32_t kAddressPeriodMs = 5000;
 // Another node that begins at the same time is done by then.
 constexpr int kPrepareTries = 10;
@@ -56,6 +62,46 @@ constexpr std::uint32_t kPreparePauseMs = 500;
 
 std::string FolderOf(const std::string& path) {
   return path.substr(0, path.find_last_of('/') + 1);
+}
+
+constexpr const char* kLoopback = "127.0.0.1";
+
+bool NeedsHttps(const std::vector<std::string>& addresses) {
+  return std::any_of(addresses.begin(), addresses.end(), [](const std::string& address) {
+    const std::optional<IpAddress> parsed = ParseIpAddress(address);
+    return !parsed.has_value() || !parsed->is_loopback;
+  });
+}
+
+// These say what is wrong, for those who ask whether the server is well; nothing: an empty text.
+std::string LookAtDatabase() {
+  std::int64_t seconds = 0;
+  return GetRunningSeconds(seconds) ? "" : "the catalogue cannot be read: see the log";
+}
+
+// A name under which nothing was ever stored is looked for in the same way as any other.
+std::string LookAtStorage(IObjectStore& store) {
+  const StoredName nothing{"fs01", "0000", std::string(32, '0')};
+  ReadBuffer buffer;
+  switch (store.ReadRange(nothing, 0, 1, buffer)) {
+    case EStoreResult::kFailed:
+      return "stored bytes cannot be read: see the log";
+    default:
+      return "";
+  }
+}
+
+std::string LookAtSpace() {
+  int error = 0;
+  const auto folder = HostSystem::OpenFolder(".", error);
+  std::uint64_t total = 0;
+  std::uint64_t available = 0;
+  if (folder == nullptr || folder->GetRoom(total, available) != 0) {
+    return "";  // the system does not say
+  }
+  return available < kLeastRoom
+             ? "the disk of the data folder is nearly full: " + std::to_string(available >> 20) + " MiB are left"
+             : "";
 }
 
 bool IsAbsolute(const std::string& path) {
@@ -182,6 +228,9 @@ void CServer::Open() {
 }
 
 CServer::~CServer() {
+  admin_.reset();
+  health_.reset();
+  access_log_.reset();
   address_watch_.reset();
   move_thread_.reset();
   housekeeping_.reset();
@@ -362,7 +411,8 @@ void CServer::Start() {
     HOST_LOG(logging::kError, "[%s]%s holds the secret key and can be read by others.[%s(%d)]", settings_path_.c_str());
   }
   details::RemoveDeadFirstParts();
-  if (options_.HasHttps()) {
+  OpenAccessLog();
+  if (options_.HasHttps() || details::NeedsHttps(options_.admin_listen)) {
     PrepareCertificate();
   }
 
@@ -376,6 +426,7 @@ void CServer::Start() {
   StartObjectServer(config);
   StartS3Server(config);
   StartPictureServer(config);
+  StartAdminServer(credentials);
   WriteListeningFile(options_);
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
   housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules, lease_.get());
@@ -383,6 +434,57 @@ void CServer::Start() {
   move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
   move_thread_->Begin();
   WatchAddresses();
+}
+
+void CServer::OpenAccessLog() {
+  if (!options_.access_log.empty()) {
+    access_log_ = std::make_unique<CAccessLog>(
+        options_.access_log, options_.access_log_json ? EAccessLogFormat::kJson : EAccessLogFormat::kCombined);
+  }
+}
+
+std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
+  return {
+      {"database", [] { return details::LookAtDatabase(); }},
+      {"storage", [store = store_] { return details::LookAtStorage(*store); }},
+      {"space", [] { return details::LookAtSpace(); }},
+  };
+}
+
+// This comes last: who asks before everything is open finds nobody.
+void CServer::StartAdminServer(const CredentialPair& credentials) {
+  const std::uint16_t port = options_.admin_port.value_or(HostOptions::kUsualAdminPort);
+  if (port == 0) {
+    return;
+  }
+  health_ = std::make_unique<CServerHealth>(HealthProbes());
+  health_->Begin();
+  const bool has_https = options_.HasHttps() || details::NeedsHttps(options_.admin_listen);
+  const std::int64_t start_time = TansyBase::TimeUtil::Now();
+  const auto source = [health = health_.get(), has_https, start_time] {
+    MetricsSource figures;
+    figures.start_time = start_time;
+    figures.certificate_ends = has_https ? CertificateEnd(kCertificatePath) : std::nullopt;
+    figures.health = health->Report();
+    return figures;
+  };
+  AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials};
+  if (options.addresses.empty()) {
+    options.addresses.push_back(details::kLoopback);
+  }
+  try {
+    admin_ = std::make_unique<CAdminServer>(std::move(options), source);
+    options_.admin_port = port;
+  } catch (const CStartFailure& failure) {
+    if (options_.admin_port.has_value()) {
+      details::CloseAgain();
+      throw;
+    }
+    // Another tansyd of this machine has the usual port. That is no reason not to serve.
+    options_.admin_port = 0;
+    health_.reset();
+    HOST_LOG(logging::kNotable, "[%s]%s: there is none, give admin-port a free port.[%s(%d)]", failure.what());
+  }
 }
 
 void CServer::WatchAddresses() {
@@ -480,6 +582,11 @@ void CServer::Reload() {
   if (!log_->Reopen(error)) {
     HOST_LOG(logging::kError, "[%s]the log file cannot be opened again: %s.[%s(%d)]", error.c_str());
   }
+  if (access_log_ != nullptr) {
+    if (const std::string trouble = access_log_->Reopen(); !trouble.empty()) {
+      HOST_LOG(logging::kError, "[%s]the access log cannot be opened again: %s.[%s(%d)]", trouble.c_str());
+    }
+  }
   if (options_.HasHttps() && TansyNet::CHttpServer::ReloadCertificates() != 0) {
     HOST_LOG(logging::kError, "[%s]the certificate was not replaced: %s.[%s(%d)]",
              TansyNet::CHttpServer::LastError().c_str());
@@ -490,10 +597,13 @@ void CServer::Reload() {
 
 void CServer::Stop() {
   HOST_LOG(logging::kNotable, "[%s]stopping.[%s(%d)]");
+  admin_.reset();
   details::CloseListeners();
   RemoveListeningFile();
   address_watch_.reset();
   details::FinishRequests(details::kDrainMs);
+  health_.reset();
+  access_log_.reset();
   move_thread_.reset();
   // This comes last, because it may be busy for a while: by now no client waits for anything.
   housekeeping_.reset();

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "AccessLog.h"
 #include "AddressWatch.h"
+#include "AdminServer.h"
 #include "CommandLine.h"
 #include "Credentials.h"
 #include "DataFolder.h"
@@ -16,6 +18,7 @@
 #include "MoveThread.h"
 #include "NodeLease.h"
 #include "Options.h"
+#include "ServerHealth.h"
 #include "StoragePlace.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
@@ -66,6 +69,9 @@ class CServer {
   void StartPictureServer(CloudStorage::StorageServerConfig_V1 config) const;
   void StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const;
   void WatchAddresses();
+  void OpenAccessLog();
+  void StartAdminServer(const CredentialPair& credentials);
+  std::vector<CServerHealth::Probe> HealthProbes() const;
   MoveHost HostOfMove();
   void TakeOver(MovedTo moved);
 
@@ -79,7 +85,10 @@ class CServer {
   std::unique_ptr<CNodeLease> lease_;  // null unless this is one of several nodes
   std::unique_ptr<IStoragePlace> place_;
   std::shared_ptr<CMovableStore> store_;
-  bool follows_adapters_ = false;  // no option names the address for best-node answers
+  bool follows_adapters_ = false;           // no option names the address for best-node answers
+  std::unique_ptr<CAccessLog> access_log_;  // null without one
+  std::unique_ptr<CServerHealth> health_;   // null without an admin server
+  std::unique_ptr<CAdminServer> admin_;     // null without one
   std::unique_ptr<CAddressWatch> address_watch_;
   std::unique_ptr<CHousekeepingThread> housekeeping_;
   // The next three belong to the thread that moves.

@@ -9,6 +9,7 @@
 #include "TansyCloudStorage/PictureClient.h"
 #include "TansyCloudStorage/PictureServer.h"
 #include "TansyCloudStorage/S3Server.h"
+#include "TansyCloudStorage/ServerLoad.h"
 #include "TansyCloudStorage/StorageConfig.h"
 
 #endif  // TANSY_CLOUD_STORAGE_CLOUD_STORAGE_H

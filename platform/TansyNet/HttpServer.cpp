@@ -1,7 +1,9 @@
 #include "TansyNet/HttpServer.h"
 
+#include <algorithm>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "TansyNet/server/BodyBuffer.h"
 #include "TansyNet/server/ListenAddresses.h"
@@ -154,6 +156,27 @@ std::string CHttpServer::LastError() {
 int CHttpServer::ReloadCertificates() {
   CListenerTable::SetLastError({});
   return details::TheProcess().listeners.ReloadCertificates();
+}
+
+void CHttpServer::SetRequestWatch(RequestWatch watch) {
+  details::TheProcess().runtime.SetWatch(watch);
+}
+
+std::vector<RunningRequest> CHttpServer::RunningRequests() {
+  std::vector<RunningRequest> running;
+  for (const auto& [handle, connection] : details::TheProcess().runtime.Handles().All()) {
+    RunningRequest request;
+    if (connection->Describe(handle, request)) {
+      running.push_back(std::move(request));
+    }
+  }
+  std::sort(running.begin(), running.end(),
+            [](const RunningRequest& a, const RunningRequest& b) { return a.nanoseconds > b.nanoseconds; });
+  return running;
+}
+
+ServerLoad CHttpServer::Load() {
+  return details::TheProcess().runtime.Load();
 }
 
 std::size_t CHttpServer::OpenRequestCount() {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "TansyNet/RequestWatch.h"
 #include "TansyNet/server/ServerSettings.h"
 #include "TansyNet/wire/Headers.h"
 #include "TansyNet/wire/MultipartForm.h"
@@ -79,6 +80,12 @@ class CHttpServer {
   // Reads the certificates of all HTTPS listeners again; connections keep the certificates they have. When a pair does
   // not load, the old one stays in use and the result is not 0.
   static int ReloadCertificates();
+  // Sets who is told about each request that ends; null, the default, stands for nobody. Every answer then names its
+  // request in X-Request-Id. What it asks for is counted in any case (Operation.h).
+  static void SetRequestWatch(RequestWatch watch);
+  // Gives the requests that are delivered and not answered yet, the oldest first.
+  static std::vector<RunningRequest> RunningRequests();
+  static ServerLoad Load();
   // Counts the requests that are delivered and not answered yet.
   static std::size_t OpenRequestCount();
   // Stops all listeners and waits until no request is open, at most this long. Then it closes every connection and ends

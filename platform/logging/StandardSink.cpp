@@ -74,7 +74,7 @@ class CTimeText {
 
 struct CStandardSink::Impl {
   explicit Impl(const StandardSinkOptions& options)
-      : patience(options.patience), queue(options.queue_lines), output(options.file_path) {}
+      : patience(options.patience), is_plain(options.is_plain), queue(options.queue_lines), output(options.file_path) {}
 
   void Run();
   void WriteBatch(details::CLineBatch& batch, std::uint64_t dropped);
@@ -83,6 +83,7 @@ struct CStandardSink::Impl {
   void WriteRendered();
 
   const std::chrono::milliseconds patience;
+  const bool is_plain;
   details::CLineQueue queue;
   std::atomic<std::uint64_t> unwritten{0};  // lines that could not be written
 
@@ -124,7 +125,7 @@ void CStandardSink::Impl::WriteBatch(details::CLineBatch& batch, std::uint64_t d
 
 // A report that cannot be written is made again before the next line.
 void CStandardSink::Impl::TellLosses(details::CLineBatch::Time time, std::uint64_t lost) {
-  if (lost == told) {
+  if (lost == told || is_plain) {
     return;
   }
   WriteRendered();
@@ -140,8 +141,10 @@ void CStandardSink::Impl::TellLosses(details::CLineBatch::Time time, std::uint64
 void CStandardSink::Impl::Render(details::CLineBatch::Time time, std::string_view text) {
   const std::size_t before = rendered.size();
   try {
-    time_text.Append(rendered, time);
-    rendered += ' ';
+    if (!is_plain) {
+      time_text.Append(rendered, time);
+      rendered += ' ';
+    }
     details::AppendEscaped(rendered, details::Masked(text, secrets, text.ends_with(kCutMark)));
     rendered += '\n';
     ++rendered_lines;
@@ -198,6 +201,10 @@ void CStandardSink::Write(const Record& record) {
     repeats = "(repeated " + std::to_string(record.repeats) + " times) ";
   }
   impl_->queue.Push({LevelName(record.level), " ", record.module, " ", repeats, record.text});
+}
+
+void CStandardSink::WriteLine(std::string_view text) {
+  impl_->queue.Push({text});
 }
 
 void CStandardSink::Flush() {

@@ -18,6 +18,8 @@ struct StandardSinkOptions {
   std::size_t queue_lines = 4096;  // lines that may wait for the writing thread (1 to 1,000,000)
   // How long a file or a pipe may take nothing before Flush and the destructor wait no longer.
   std::chrono::milliseconds patience{5000};
+  // Lines are what WriteLine gets, without time and level in front of them; the sink takes no records.
+  bool is_plain = false;
 };
 
 // Lines look like "2026-11-03 08:05:09.123Z error platform.LocalStorage [Tansy::...]text[file(5)]", times in UTC.
@@ -39,6 +41,8 @@ class CStandardSink : public ISink {
   CStandardSink& operator=(const CStandardSink&) = delete;
 
   void Write(const Record& record) override;
+  // Adds a line of a plain sink. The text has no line end.
+  void WriteLine(std::string_view text);
   // Waits until the operating system has the lines written so far, but not longer than `patience`.
   void Flush() override;
 

@@ -1,11 +1,13 @@
 // The exported functions that concern both servers.
 #include "Boundary.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
+#include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/PicServer/PictureServer.h"
 #include "StorageServer/ServerMsgLoop.h"
 #include "StorageServer/SignatureDate.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
+#include "TansyCloudStorage/ServerLoad.h"
 
 namespace Tansy::CloudStorage {
 
@@ -15,6 +17,15 @@ int UninitPicServer() {
     CServerMsgLoop::Instance().Stop(false);
     CObjectServer::Instance().EndDownloadsIfDisabled();
     return result;
+  });
+}
+
+bool GetServerLoad(ServerLoad& load) {
+  return AtBoundary("GetServerLoad", false, [&] {
+    load.tasks = CServerMsgLoop::Instance().GetWorkTaskCount();
+    load.most_tasks = CServerMsgLoop::kMaxWorkTasks;
+    CObjectStorageManager::Instance().Count(load);
+    return true;
   });
 }
 

@@ -30,7 +30,7 @@ declare -A allowed=(
 
 # Rooms within a library: what the files of each may include of their own library.
 declare -A rooms=(
-  [platform/TansyNet/server]="TansyNet/(server/|wire/|transport/|MemoryAccount\.h)"
+  [platform/TansyNet/server]="TansyNet/(server/|wire/|transport/|(MemoryAccount|Operation|RequestWatch)\.h)"
   [platform/TansyNet/client]="TansyNet/(client/|wire/|transport/)"
   [platform/TansyNet/wire]="TansyNet/wire/"
   [platform/TansyNet/transport]="TansyNet/transport/"

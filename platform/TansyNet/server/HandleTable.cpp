@@ -24,6 +24,15 @@ std::shared_ptr<IServerConnection> CHandleTable::Find(std::int32_t handle) const
   return found == shard.connections.end() ? nullptr : found->second;
 }
 
+std::vector<std::pair<std::int32_t, std::shared_ptr<IServerConnection>>> CHandleTable::All() const {
+  std::vector<std::pair<std::int32_t, std::shared_ptr<IServerConnection>>> all;
+  for (const Shard& shard : shards_) {
+    const std::scoped_lock lock(shard.mutex);
+    all.insert(all.end(), shard.connections.begin(), shard.connections.end());
+  }
+  return all;
+}
+
 void CHandleTable::Remove(std::int32_t handle) {
   Shard& shard = ShardOf(handle);
   std::shared_ptr<IServerConnection> last;  // released after the lock

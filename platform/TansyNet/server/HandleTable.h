@@ -9,6 +9,8 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "TansyNet/server/IServerConnection.h"
 
@@ -24,6 +26,8 @@ class CHandleTable {
   // Returns null when the request is not open.
   std::shared_ptr<IServerConnection> Find(std::int32_t handle) const;
   void Remove(std::int32_t handle);
+  // Gives all that are open, in no order.
+  std::vector<std::pair<std::int32_t, std::shared_ptr<IServerConnection>>> All() const;
   std::size_t Size() const { return size_.load(std::memory_order_relaxed); }
 
  private:

@@ -6,6 +6,7 @@
 #include <limits>
 #include <string_view>
 
+#include "TansyNet/RequestWatch.h"
 #include "TansyNet/server/Endpoint.h"
 #include "TansyNet/wire/ServerMessages.h"
 
@@ -30,6 +31,8 @@ class IServerConnection {
   // Closes, unless the client turns out to have read on.
   virtual void CutIfStanding() = 0;
   virtual const Endpoint& Origin() const = 0;
+  // Tells what is known of a request under way. Returns false when the connection does not wait for its answer.
+  virtual bool Describe(std::int32_t handle, RunningRequest& request) = 0;
   // Closes at once.
   virtual void Abort() = 0;
   // Closes as soon as no request is under way.

@@ -344,6 +344,7 @@ void CServerConnection::Close() {
   if (phase_ == Phase::kClosed) {
     return;
   }
+  EndRecord(phase_ == Phase::kSendingChunks ? chunks_left_ : output_.size() - output_sent_);
   ForgetRequest();
   SetPhase(Phase::kClosed);
   SetDeadline(kNever);

@@ -17,6 +17,7 @@
 #include "TansyNet/server/Endpoint.h"
 #include "TansyNet/server/IServerConnection.h"
 #include "TansyNet/server/LeastRate.h"
+#include "TansyNet/server/RequestRecord.h"
 #include "TansyNet/server/ServerRuntime.h"
 #include "TansyNet/server/ServerSettings.h"
 #include "TansyNet/server/ServerSocket.h"
@@ -57,6 +58,7 @@ class CServerConnection final : public IServerConnection,
   std::int64_t StandingSince() const override;
   void CutIfStanding() override;
   const Endpoint& Origin() const override { return *origin_; }
+  bool Describe(std::int32_t handle, RunningRequest& request) override;
   void Abort() override;
   void CloseWhenIdle() override;
   int ClaimAnswer(std::int32_t handle, std::size_t size) override;
@@ -183,6 +185,8 @@ class CServerConnection final : public IServerConnection,
   bool CheckHandle(std::int32_t handle) const { return handle_ == handle && handle != 0; }
   std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
   void ForgetRequest();
+  std::string RequestId(const HttpResponse& response) const;
+  void EndRecord(std::uint64_t unsent);
   int Send(std::string_view head, std::string_view body, std::int32_t timeout_ms);
   bool MakeRoom(CMemoryShare& room, std::size_t size);
   bool HasRoom(std::size_t size) const;
@@ -224,6 +228,7 @@ class CServerConnection final : public IServerConnection,
   CountedBytes chunked_body_;
   std::unique_ptr<Upload> upload_;
   HttpServerRecv request_;  // the request that is being read; empty before its head is known and after its answer
+  CRequestRecord record_;   // what is counted of the request under way
 
   std::int64_t body_due_ = 0;  // when the body's next bytes must have come
   std::int64_t body_end_ = 0;  // when all of a body that nobody has checked must have come

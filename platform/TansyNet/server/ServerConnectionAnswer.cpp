@@ -1,5 +1,8 @@
 // Sends answers, and ends a connection after the last one.
 #include <algorithm>
+#include <array>
+#include <cstdio>
+#include <random>
 #include <utility>
 
 #include "TansyNet/server/ServerConnection.h"
@@ -30,6 +33,14 @@ int LookAgainMs(std::int32_t timeout_ms) {
 
 std::int32_t TimeoutOf(const HttpResponse& response) {
   return response.send_timeout_ms > 0 ? response.send_timeout_ms : kDefaultSendTimeoutMs;
+}
+
+// Gives 16 digits: which process, and which of its requests.
+std::string NameOfRequest(std::int32_t handle) {
+  static const std::uint32_t process = std::random_device()();
+  std::array<char, 17> name{};
+  std::snprintf(name.data(), name.size(), "%08X%08X", process, static_cast<std::uint32_t>(handle));
+  return name.data();
 }
 
 void Advance(std::string_view& first, std::string_view& second, std::size_t bytes) {
@@ -163,10 +174,40 @@ std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint6
   const bool body_is_read = phase_ != Phase::kUpload || UploadIsRead();
   is_ending_ = is_ending_ || origin_->closed.load(std::memory_order_acquire);
   keep_alive_ = keep_alive_ && body_is_read && !AsksToClose(response) && (!is_ending_ || HasMoreInput());
-  if (!keep_alive_) {
-    return BuildResponseHead(response, content_length, Persistence::kClose);
+  const std::string id = RequestId(response);
+  record_.Answered(response.status, is_head_ || !StatusAllowsBody(response.status) ? 0 : content_length, id);
+  const Persistence persistence = !keep_alive_ ? Persistence::kClose
+                                  : http11_    ? Persistence::kDefault
+                                               : Persistence::kKeepAlive;
+  return BuildResponseHead(response, content_length, persistence, id);
+}
+
+// Requests have names only for those who watch them.
+std::string CServerConnection::RequestId(const HttpResponse& response) const {
+  if (!record_.IsWatched() || handle_ == 0) {
+    return {};
   }
-  return BuildResponseHead(response, content_length, http11_ ? Persistence::kDefault : Persistence::kKeepAlive);
+  const auto own = response.headers.find("x-amz-request-id");
+  return own == response.headers.end() ? details::NameOfRequest(handle_) : own->second;
+}
+
+// The request under way has ended, well or not.
+void CServerConnection::EndRecord(std::uint64_t unsent) {
+  if (record_.IsOpen()) {
+    record_.End(transport_.Socket().PeerAddress(), unsent);
+  }
+}
+
+bool CServerConnection::Describe(std::int32_t handle, RunningRequest& request) {
+  const Lock lock(mutex_);
+  if (!CheckHandle(handle)) {
+    return false;
+  }
+  request.handle = handle;
+  request.ip = transport_.Socket().PeerAddress();
+  request.phase = phase_ == Phase::kUpload ? "upload" : phase_ == Phase::kSendingChunks ? "sending" : "handling";
+  record_.Describe(request);
+  return true;
 }
 
 void CServerConnection::ForgetRequest() {
@@ -186,6 +227,9 @@ CServerConnection::Next CServerConnection::Refuse(int status) {
             status, handle_, transport_.Socket().PeerAddress().c_str(), request_.url.c_str());
   const std::string body = ReasonOf(status);
   keep_alive_ = false;
+  if (!record_.IsOpen()) {
+    record_.BeginUnread();
+  }
   const std::string head = TakeHead(LibraryAnswer(status), body.size());
   ForgetRequest();
   KeepInput({});
@@ -202,12 +246,9 @@ int CServerConnection::Send(std::string_view head, std::string_view body, std::i
     FinishAnswer();
     return 0;
   }
-  if (status != IoStatus::kWantWrite) {
-    Close();
-    return kNetSendFailed;
-  }
   const std::size_t rest = head.size() + body.size();
-  if (!output_share_.Resize(rest)) {
+  if (status != IoStatus::kWantWrite || !output_share_.Resize(rest)) {
+    EndRecord(rest);
     Close();
     return kNetSendFailed;
   }
@@ -351,6 +392,7 @@ int CServerConnection::WriteBlocking(std::string_view first, std::string_view se
 
 // The operating system has all of an answer.
 void CServerConnection::FinishAnswer() {
+  EndRecord(0);
   Release(output_);
   output_share_.Resize(0);
   if (!keep_alive_) {

@@ -95,6 +95,7 @@ void CServerConnection::TakeRequest(RequestHead& head) {
   keep_alive_ = keep_alive_ && head.keep_alive;
   http11_ = head.http11;
   is_head_ = head.method == "HEAD";
+  record_.Begin(head, runtime_.Watch());
   request_ = {};
   request_.method = std::move(head.method);
   request_.url = std::move(head.path);
@@ -224,7 +225,9 @@ CServerConnection::Next CServerConnection::Deliver(Lock& lock) {
     request_.body_size = static_cast<std::uint32_t>(body.bytes.size());
     request_.body = ShareBytes(std::move(body));
   }
+  record_.Delivered(request_.body_size);
   HttpServerRecv message = std::exchange(request_, {});
+  message.note = record_.Note();
   handle_ = runtime_.Handles().Add(shared_from_this());
   EnterHandling();
   const std::int32_t handle = handle_;

@@ -173,6 +173,8 @@ void CServerConnection::DeliverPiece() {
   message->body = std::exchange(upload_->ready, nullptr);
   message->body_size = static_cast<std::uint32_t>(message->body->size());
   message->token = std::make_shared<PieceToken>(weak_from_this(), handle_);
+  message->note = record_.Note();
+  record_.Delivered(message->body_size);
   upload_->token_out = true;
   if (is_last) {
     upload_.reset();

@@ -108,6 +108,15 @@ HttpServerLimits CServerRuntime::Limits() const {
   return limits_;
 }
 
+ServerLoad CServerRuntime::Load() const {
+  ServerLoad load;
+  load.connections = connections_.load(std::memory_order_relaxed);
+  load.most_connections = max_connections_.load(std::memory_order_relaxed);
+  load.busy_connections = static_cast<std::uint64_t>(std::max<std::int64_t>(busy_.load(std::memory_order_relaxed), 0));
+  load.requests = handles_.Size();
+  return load;
+}
+
 CConnectionPlace CServerRuntime::AdmitConnection() {
   CConnectionPlace place(connections_);
   if (connections_.fetch_add(1, std::memory_order_relaxed) < max_connections_.load(std::memory_order_relaxed)) {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "TansyNet/RequestWatch.h"
 #include "TansyNet/server/DeliveryPool.h"
 #include "TansyNet/server/HandleTable.h"
 #include "TansyNet/server/ServerSettings.h"
@@ -62,6 +63,11 @@ class CServerRuntime {
   void SetLimits(const HttpServerLimits& limits);
   HttpServerLimits Limits() const;
 
+  // Who is told about requests that begin afterwards; null: nobody.
+  void SetWatch(RequestWatch watch) { watch_.store(watch, std::memory_order_relaxed); }
+  RequestWatch Watch() const { return watch_.load(std::memory_order_relaxed); }
+  ServerLoad Load() const;
+
   CHandleTable& Handles() { return handles_; }
   // Runs a callback that may take long; see CDeliveryPool. The callback is dropped when no threads run.
   void Deliver(std::function<void()> task);
@@ -92,6 +98,7 @@ class CServerRuntime {
   ServerThreads threads_;        // guarded by mutex_
   std::size_t next_worker_ = 0;  // guarded by mutex_
 
+  std::atomic<RequestWatch> watch_{nullptr};
   CHandleTable handles_;
   std::atomic<std::uint32_t> connections_{0};
   std::atomic<std::uint32_t> max_connections_{HttpServerLimits{}.connections};

@@ -106,7 +106,8 @@ bool AsksToClose(const HttpResponse& response) {
   return found != response.headers.end() && EqualNoCase(found->second, "close");
 }
 
-std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence) {
+std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence,
+                              std::string_view request_id) {
   constexpr std::size_t kUsualSize = 512;
   const int status = details::FinalStatus(response.status);
   std::string text;
@@ -126,6 +127,7 @@ std::string BuildResponseHead(const HttpResponse& response, std::uint64_t conten
   details::AppendIfSet(text, "Location", response.location);
   details::AppendIfSet(text, "Cache-Control", response.cache_control);
   details::AppendOwnHeaders(text, response.headers);
+  details::AppendIfSet(text, "X-Request-Id", request_id);
   if (persistence != Persistence::kDefault) {
     details::AppendHeader(text, "Connection", persistence == Persistence::kClose ? "close" : "keep-alive");
   }

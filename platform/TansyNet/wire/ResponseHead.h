@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "TansyNet/wire/ServerMessages.h"
 
@@ -23,8 +24,9 @@ bool AsksToClose(const HttpResponse& response);
 
 // Builds the status line and headers with the empty line that ends them. The library decides about lengths and about
 // the end of the connection, so headers of the response that speak of these are left out. Names that are no header
-// names are left out too, and line ends in values are removed.
-std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence);
+// names are left out too, and line ends in values are removed. `request_id` becomes X-Request-Id unless it is empty.
+std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence,
+                              std::string_view request_id = {});
 
 // Makes an answer of the library itself, with the reason as its body.
 HttpResponse LibraryAnswer(int status);

@@ -9,6 +9,7 @@
 
 #include "TansyNet/wire/Headers.h"
 #include "TansyNet/wire/MultipartForm.h"
+#include "TansyNet/wire/RequestNote.h"
 
 namespace TansyNet {
 
@@ -35,6 +36,8 @@ struct HttpServerRecv {
   // Code that keeps a delivery, or a copy of its bytes that is not stored yet, keeps the token too. It is null for
   // whole requests.
   std::shared_ptr<const void> token;
+  // Where the handler says what the request is about, for those who watch the server; null when nobody asks.
+  std::shared_ptr<RequestNote> note;
 
   // Gives the bytes of this delivery to be changed; null when there are none. When somebody else has them too, this
   // message gets a copy of its own first, for which no memory is claimed.

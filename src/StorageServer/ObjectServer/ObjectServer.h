@@ -106,6 +106,7 @@ class CObjectServer : private TansyBase::CNoncopyable {
   using HttpResponse = TansyNet::HttpResponse;
   using Config = StorageServerConfig_V1;
   using ConfigPointer = CConfigSnapshot<Config>::Pointer;
+  struct Operations;
   struct Route;
   struct Routes;
 

@@ -12,6 +12,7 @@
 #include "StorageServer/ObjectServer/StreamPieceQueue.h"
 #include "StorageServer/ServerComm.h"
 #include "StorageServer/ServerMsgLoop.h"
+#include "TansyNet/Operation.h"
 
 namespace Tansy::CloudStorage {
 
@@ -71,6 +72,27 @@ constexpr CObjectServer::Opening CObjectServer::Opening::kRead{.bucket = details
 constexpr CObjectServer::Opening CObjectServer::Opening::kRemove{.bucket = details::BucketCheck::kWithDot,
                                                                  .object = true};
 
+// What requests are counted as.
+struct CObjectServer::Operations {
+  using COperation = TansyNet::COperation;
+  static constexpr const char* kService = "object";
+
+  static inline COperation other{kService, "Other"};  // no row of the routing table fits, or none is looked for
+  static inline COperation get_metadata{kService, "GetMetadata"};
+  static inline COperation create_bucket{kService, "CreateBucket"};
+  static inline COperation get_bucket_property{kService, "GetBucketProperty"};
+  static inline COperation list_buckets{kService, "ListBuckets"};
+  static inline COperation get_best_node{kService, "GetBestNode"};
+  static inline COperation put_object{kService, "PutObject"};
+  static inline COperation create_upload{kService, "CreateUpload"};
+  static inline COperation upload_part{kService, "UploadPart"};
+  static inline COperation complete_upload{kService, "CompleteUpload"};
+  static inline COperation get_upload{kService, "GetUpload"};
+  static inline COperation get_object{kService, "GetObject"};
+  static inline COperation remove_file{kService, "RemoveObjectFile"};
+  static inline COperation remove_object{kService, "RemoveObject"};
+};
+
 // One row of the routing table. It matches when all of its conditions are true.
 struct CObjectServer::Route {
   using Handler = int (CObjectServer::*)(std::int32_t session_id, const ObjectRequest& request);
@@ -83,6 +105,7 @@ struct CObjectServer::Route {
   details::Part bucket = details::Part::kAny;
   details::Part key = details::Part::kAny;
   const Opening& opening;
+  TansyNet::COperation& operation;
   Handler handler;
   details::Caller caller;  // the handler, in the log lines of its opening
 
@@ -117,33 +140,33 @@ struct CObjectServer::Routes {
   using Match = details::Match;
   using Part = details::Part;
 
-  // query, its text, a second text, method, path, bucket, key, opening, handler
+  // query, its text, a second text, method, path, bucket, key, opening, operation, handler
   static constexpr std::array kTable = {
-      Route{Match::kEquals, "metadata", "", "GET", "", Part::kSet, Part::kSet, Opening::kRead,
+      Route{Match::kEquals, "metadata", "", "GET", "", Part::kSet, Part::kSet, Opening::kRead, Operations::get_metadata,
             OBJECT_HANDLER(HandleGetOneObiectMetadata)},
-      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kEmpty, Opening::kSigned,
+      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kEmpty, Opening::kSigned, Operations::create_bucket,
             OBJECT_HANDLER(HandleCreateBucket)},
       Route{Match::kEquals, "property", "", "GET", "", Part::kSet, Part::kAny, Opening::kSigned,
-            OBJECT_HANDLER(HandleGetBucketProperty)},
-      Route{Match::kEmpty, "", "", "GET", "/", Part::kAny, Part::kAny, Opening::kSigned,
+            Operations::get_bucket_property, OBJECT_HANDLER(HandleGetBucketProperty)},
+      Route{Match::kEmpty, "", "", "GET", "/", Part::kAny, Part::kAny, Opening::kSigned, Operations::list_buckets,
             OBJECT_HANDLER(HandleListBuckets)},
       Route{Match::kEquals, "bestnode", "", "GET", "", Part::kSet, Part::kSet, Opening::kBestNode,
-            OBJECT_HANDLER(HandleGetBestNode)},
-      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kSet, Opening::kStore,
+            Operations::get_best_node, OBJECT_HANDLER(HandleGetBestNode)},
+      Route{Match::kEmpty, "", "", "PUT", "", Part::kSet, Part::kSet, Opening::kStore, Operations::put_object,
             OBJECT_HANDLER(HandleUploadObject)},
       Route{Match::kEquals, "uploads", "", "POST", "", Part::kSet, Part::kSet, Opening::kStore,
-            OBJECT_HANDLER(HandleMultiUploadTaskCreate)},
+            Operations::create_upload, OBJECT_HANDLER(HandleMultiUploadTaskCreate)},
       Route{Match::kContains, "upload_id", "part_num", "POST", "", Part::kSet, Part::kSet, Opening::kPart,
-            OBJECT_HANDLER(HandleUploadPartObject)},
+            Operations::upload_part, OBJECT_HANDLER(HandleUploadPartObject)},
       Route{Match::kContains, "upload_id", "", "POST", "", Part::kSet, Part::kSet, Opening::kTask,
-            OBJECT_HANDLER(HandleFinishMutiUploadTask)},
+            Operations::complete_upload, OBJECT_HANDLER(HandleFinishMutiUploadTask)},
       Route{Match::kContains, "upload_id", "", "GET", "", Part::kSet, Part::kSet, Opening::kTask,
-            OBJECT_HANDLER(HandleGetAllObjectTask)},
-      Route{Match::kAny, "", "", "GET", "", Part::kSet, Part::kSet, Opening::kRead,
+            Operations::get_upload, OBJECT_HANDLER(HandleGetAllObjectTask)},
+      Route{Match::kAny, "", "", "GET", "", Part::kSet, Part::kSet, Opening::kRead, Operations::get_object,
             OBJECT_HANDLER(HandleDownloadObject)},
       Route{Match::kEquals, "deletefile", "", "DELETE", "", Part::kSet, Part::kSet, Opening::kRemove,
-            OBJECT_HANDLER(HandleRemoveObjectFile)},
-      Route{Match::kAny, "", "", "DELETE", "", Part::kSet, Part::kSet, Opening::kRemove,
+            Operations::remove_file, OBJECT_HANDLER(HandleRemoveObjectFile)},
+      Route{Match::kAny, "", "", "DELETE", "", Part::kSet, Part::kSet, Opening::kRemove, Operations::remove_object,
             OBJECT_HANDLER(HandleRemoveObject)},
   };
 };
@@ -252,6 +275,7 @@ CObjectServer::Next CObjectServer::TakeFirstPiece(std::int32_t handle, HttpServe
     DropBody(msg);
     return Next::kHandle;
   }
+  TansyNet::NameOperation(msg.note, route->operation);
   if (const int error = Open(request, *route); error != 0) {
     streams.EndStream(session_id, details::StreamEnd::kAnswered);
     AnswerError(handle, error);
@@ -290,6 +314,7 @@ int CObjectServer::HandleObjectMsg(std::int32_t handle, const HttpServerRecv& ms
 }
 
 int CObjectServer::HandleRequest(std::int32_t handle, const HttpServerRecv& msg) {
+  TansyNet::BeginOperation(msg.note, Operations::other);
   const ConfigPointer config = conf_.Load();
   ObjectRequest request(msg, *config);
   request.opened_before = msg.error_code != TansyNet::kWholeRequest;
@@ -302,6 +327,7 @@ int CObjectServer::HandleRequest(std::int32_t handle, const HttpServerRecv& msg)
   if (route == nullptr) {
     return AnswerUnsupported(handle, logging::kTrace, CLOUD_LOG_CALLER);
   }
+  TansyNet::NameOperation(msg.note, route->operation);
   if (const int error = Open(request, *route); error != 0) {
     // When a streamed upload is refused in the end, nobody will ask for the pieces that came before.
     details::CBigFileStreamMgr::Instance().RemoveStream(static_cast<std::uint32_t>(handle));

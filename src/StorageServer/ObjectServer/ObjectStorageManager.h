@@ -23,6 +23,7 @@
 #include "StorageServer/ObjectServer/ObjectTable.h"
 #include "TansyBase/Noncopyable.h"
 #include "TansyCloudStorage/Catalogue.h"
+#include "TansyCloudStorage/ServerLoad.h"
 
 namespace Tansy::CloudStorage {
 
@@ -79,6 +80,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool RemoveBucket(const std::set<std::uint32_t>& ids);
   bool GetBucketByName(BucketInfo& bucket, const std::string& name);
   bool GetBucketList(std::map<std::string, BucketInfo>& buckets);
+  // Fills in how much there is of everything.
+  void Count(ServerLoad& load);
   // Gives the name that rows use for a bucket.
   std::string RowName(const std::string& bucket_name);
 

@@ -242,6 +242,19 @@ bool CObjectStorageManager::GetBucketList(std::map<std::string, BucketInfo>& buc
   return true;
 }
 
+void CObjectStorageManager::Count(ServerLoad& load) {
+  {
+    const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+    load.buckets = buckets_.size();
+    load.objects = 0;
+    for (const auto& [name, bucket] : buckets_) {
+      load.objects += bucket.objects == nullptr ? 0 : bucket.objects->Size();
+    }
+  }
+  const std::lock_guard<std::mutex> lock(task_mutex_);
+  load.open_uploads = tasks_.size();
+}
+
 bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id) {
   // With all names locked, an upload into the bucket happens either wholly before this or wholly after it.
   const auto all_objects_lock = object_locks_.LockAll();

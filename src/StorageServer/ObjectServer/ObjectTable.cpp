@@ -96,6 +96,15 @@ CPackedObject** CObjectTable::LinkTo(Part& part, std::string_view name, std::uin
   return const_cast<CPackedObject**>(LinkTo(std::as_const(part), name, hash));
 }
 
+std::size_t CObjectTable::Size() const {
+  std::size_t objects = 0;
+  for (const Part& part : parts_) {
+    const std::lock_guard<std::mutex> lock(part.mutex);
+    objects += part.objects;
+  }
+  return objects;
+}
+
 void CObjectTable::Put(CPackedObject::Pointer object) noexcept {
   CPackedObject::Pointer replaced;  // freed after the lock is released
   Part& part = PartOf(object->hash_);

@@ -105,6 +105,9 @@ class CObjectTable : private TansyBase::CNoncopyable {
     order_.ShowFrom(from, with_key, look);
   }
 
+  // Counts the objects, part after part.
+  std::size_t Size() const;
+
   // Puts an object in the place of the one of its name, or adds it.
   void Put(CPackedObject::Pointer object) noexcept;
   // Adds an object unless there is one of its name.

@@ -54,6 +54,7 @@ class CPictureServer : private TansyBase::CNoncopyable {
   using HttpServerRecv = TansyNet::HttpServerRecv;
   using HttpResponse = TansyNet::HttpResponse;
   using Config = StorageServerConfig_V1;
+  struct Operations;
   struct Route;
   struct Routes;
 

@@ -12,14 +12,29 @@
 #include "StorageServer/PicServer/PictureServerErrors.h"
 #include "StorageServer/ServerComm.h"
 #include "StorageServer/ServerMsgLoop.h"
+#include "TansyNet/Operation.h"
 
 namespace Tansy::CloudStorage {
+
+// What requests are counted as.
+struct CPictureServer::Operations {
+  using COperation = TansyNet::COperation;
+  static constexpr const char* kService = "picture";
+
+  static inline COperation other{kService, "Other"};
+  static inline COperation get_best_node{kService, "GetBestNode"};
+  static inline COperation get_picture{kService, "GetPicture"};
+  static inline COperation put_picture{kService, "PutPicture"};
+  static inline COperation list_pools{kService, "ListPools"};
+  static inline COperation get_version{kService, "GetVersion"};
+};
 
 // One row of the routing table; both texts must equal the request's, with the same case.
 struct CPictureServer::Route {
   std::string_view method;
   std::string_view path;
   int (CPictureServer::*handler)(std::int32_t handle, const HttpServerRecv& request);
+  TansyNet::COperation& operation;
 };
 
 // The routing table: the first row that matches handles the request.
@@ -27,11 +42,11 @@ struct CPictureServer::Routes {
   using Server = CPictureServer;
 
   static constexpr std::array kTable = {
-      Route{"GET", "/Quorvane/BestNode", &Server::HandleGetBestNode},
-      Route{"GET", "/pic", &Server::HandleDownloadPicture},
-      Route{"POST", "/Quorvane/Picture/Write", &Server::HandleUploadPicture},
-      Route{"GET", "/Quorvane/PoolList", &Server::HandleGetPoolList},
-      Route{"GET", "/Quorvane/Version", &Server::HandleGetVersion},
+      Route{"GET", "/Quorvane/BestNode", &Server::HandleGetBestNode, Operations::get_best_node},
+      Route{"GET", "/pic", &Server::HandleDownloadPicture, Operations::get_picture},
+      Route{"POST", "/Quorvane/Picture/Write", &Server::HandleUploadPicture, Operations::put_picture},
+      Route{"GET", "/Quorvane/PoolList", &Server::HandleGetPoolList, Operations::list_pools},
+      Route{"GET", "/Quorvane/Version", &Server::HandleGetVersion, Operations::get_version},
   };
 };
 
@@ -53,11 +68,13 @@ void CPictureServer::RecvMsgCallBack(std::int32_t handle, HttpServerRecv& msg) {
 }
 
 int CPictureServer::HandlePicMsg(std::int32_t handle, const HttpServerRecv& msg) {
+  TansyNet::BeginOperation(msg.note, Operations::other);
   const auto route = std::find_if(Routes::kTable.begin(), Routes::kTable.end(),
                                   [&msg](const Route& row) { return row.method == msg.method && row.path == msg.url; });
   if (route == Routes::kTable.end()) {
     return AnswerError(handle, kPicHttpProtocol);
   }
+  TansyNet::NameOperation(msg.note, route->operation);
   return (this->*route->handler)(handle, msg);
 }
 

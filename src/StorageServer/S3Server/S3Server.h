@@ -94,6 +94,7 @@ class CS3Server : private TansyBase::CNoncopyable {
 
  private:
   friend class CSingleton<CS3Server>;
+  struct Operations;
   struct Route;
   struct Routes;
 

@@ -17,6 +17,7 @@
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3ServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
+#include "TansyNet/Operation.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -87,6 +88,41 @@ void LogRequest(const Request& request) {
 
 }  // namespace
 
+// What requests are counted as.
+struct CS3Server::Operations {
+  using COperation = TansyNet::COperation;
+  static constexpr const char* kService = "s3";
+
+  static inline COperation other{kService, "Other"};  // refused before it was known what they ask for
+  static inline COperation list_buckets{kService, "ListBuckets"};
+  static inline COperation create_bucket{kService, "CreateBucket"};
+  static inline COperation head_bucket{kService, "HeadBucket"};
+  static inline COperation delete_bucket{kService, "DeleteBucket"};
+  static inline COperation get_bucket_location{kService, "GetBucketLocation"};
+  static inline COperation list_objects{kService, "ListObjects"};
+  static inline COperation list_objects_v2{kService, "ListObjectsV2"};
+  static inline COperation delete_objects{kService, "DeleteObjects"};
+  static inline COperation put_object{kService, "PutObject"};
+  static inline COperation get_object{kService, "GetObject"};
+  static inline COperation head_object{kService, "HeadObject"};
+  static inline COperation delete_object{kService, "DeleteObject"};
+  static inline COperation get_acl{kService, "GetAcl"};
+  static inline COperation put_acl{kService, "PutAcl"};
+  static inline COperation copy_object{kService, "CopyObject"};
+  static inline COperation create_multipart_upload{kService, "CreateMultipartUpload"};
+  static inline COperation upload_part{kService, "UploadPart"};
+  static inline COperation list_parts{kService, "ListParts"};
+  static inline COperation list_multipart_uploads{kService, "ListMultipartUploads"};
+  static inline COperation complete_multipart_upload{kService, "CompleteMultipartUpload"};
+  static inline COperation abort_multipart_upload{kService, "AbortMultipartUpload"};
+  static inline COperation get_object_attributes{kService, "GetObjectAttributes"};
+  static inline COperation list_object_versions{kService, "ListObjectVersions"};
+  static inline COperation post_object{kService, "PostObject"};
+  static inline COperation preflight{kService, "Preflight"};
+  static inline COperation get_absent{kService, "GetAbsent"};
+  static inline COperation delete_absent{kService, "DeleteAbsent"};
+};
+
 // One row of the routing table.
 struct CS3Server::Route {
   using Handler = void (*)(const Request& request);
@@ -95,6 +131,7 @@ struct CS3Server::Route {
   ETarget target;
   std::string_view subresource;
   Handler handler;
+  TansyNet::COperation& operation;
   bool takes_pieces = false;  // its body may arrive in pieces
 };
 
@@ -102,39 +139,41 @@ struct CS3Server::Routes {
   using Server = CS3Server;
 
   static constexpr std::array kTable = {
-      Route{"GET", ETarget::kService, "", &Server::ListBuckets},
-      Route{"PUT", ETarget::kBucket, "", &Server::CreateBucket},
-      Route{"HEAD", ETarget::kBucket, "", &Server::HeadBucket},
-      Route{"DELETE", ETarget::kBucket, "", &Server::DeleteBucket},
-      Route{"GET", ETarget::kBucket, "location", &Server::GetBucketLocation},
-      Route{"GET", ETarget::kBucket, "", &Server::ListObjects},
-      Route{"GET", ETarget::kBucket, "list-type", &Server::ListObjectsV2},
-      Route{"GET", ETarget::kBucket, "versions", &Server::ListObjectVersions},
-      Route{"POST", ETarget::kBucket, "delete", &Server::DeleteObjects},
-      Route{"PUT", ETarget::kObject, "", &Server::PutObject, true},
-      Route{"GET", ETarget::kObject, "", &Server::GetObject},
-      Route{"HEAD", ETarget::kObject, "", &Server::GetObject},
-      Route{"GET", ETarget::kObject, "partNumber", &Server::GetObject},
-      Route{"HEAD", ETarget::kObject, "partNumber", &Server::GetObject},
-      Route{"GET", ETarget::kObject, "attributes", &Server::GetObjectAttributes},
-      Route{"DELETE", ETarget::kObject, "", &Server::DeleteObject},
-      Route{"GET", ETarget::kBucket, "acl", &Server::GetAcl},
-      Route{"PUT", ETarget::kBucket, "acl", &Server::PutAcl},
-      Route{"GET", ETarget::kObject, "acl", &Server::GetAcl},
-      Route{"PUT", ETarget::kObject, "acl", &Server::PutAcl},
-      Route{"PUT", ETarget::kObject, kCopySource, &Server::CopyObject},
-      Route{"POST", ETarget::kObject, "uploads", &Server::CreateMultipartUpload},
-      Route{"PUT", ETarget::kObject, "partNumber", &Server::UploadPart, true},
-      Route{"PUT", ETarget::kObject, "uploadId", &Server::UploadPart, true},
-      Route{"GET", ETarget::kObject, "uploadId", &Server::ListParts},
-      Route{"GET", ETarget::kBucket, "uploads", &Server::ListMultipartUploads},
-      Route{"POST", ETarget::kObject, "uploadId", &Server::CompleteMultipartUpload},
-      Route{"DELETE", ETarget::kObject, "uploadId", &Server::AbortMultipartUpload},
+      Route{"GET", ETarget::kService, "", &Server::ListBuckets, Operations::list_buckets},
+      Route{"PUT", ETarget::kBucket, "", &Server::CreateBucket, Operations::create_bucket},
+      Route{"HEAD", ETarget::kBucket, "", &Server::HeadBucket, Operations::head_bucket},
+      Route{"DELETE", ETarget::kBucket, "", &Server::DeleteBucket, Operations::delete_bucket},
+      Route{"GET", ETarget::kBucket, "location", &Server::GetBucketLocation, Operations::get_bucket_location},
+      Route{"GET", ETarget::kBucket, "", &Server::ListObjects, Operations::list_objects},
+      Route{"GET", ETarget::kBucket, "list-type", &Server::ListObjectsV2, Operations::list_objects_v2},
+      Route{"GET", ETarget::kBucket, "versions", &Server::ListObjectVersions, Operations::list_object_versions},
+      Route{"POST", ETarget::kBucket, "delete", &Server::DeleteObjects, Operations::delete_objects},
+      Route{"PUT", ETarget::kObject, "", &Server::PutObject, Operations::put_object, true},
+      Route{"GET", ETarget::kObject, "", &Server::GetObject, Operations::get_object},
+      Route{"HEAD", ETarget::kObject, "", &Server::GetObject, Operations::head_object},
+      Route{"GET", ETarget::kObject, "partNumber", &Server::GetObject, Operations::get_object},
+      Route{"HEAD", ETarget::kObject, "partNumber", &Server::GetObject, Operations::head_object},
+      Route{"GET", ETarget::kObject, "attributes", &Server::GetObjectAttributes, Operations::get_object_attributes},
+      Route{"DELETE", ETarget::kObject, "", &Server::DeleteObject, Operations::delete_object},
+      Route{"GET", ETarget::kBucket, "acl", &Server::GetAcl, Operations::get_acl},
+      Route{"PUT", ETarget::kBucket, "acl", &Server::PutAcl, Operations::put_acl},
+      Route{"GET", ETarget::kObject, "acl", &Server::GetAcl, Operations::get_acl},
+      Route{"PUT", ETarget::kObject, "acl", &Server::PutAcl, Operations::put_acl},
+      Route{"PUT", ETarget::kObject, kCopySource, &Server::CopyObject, Operations::copy_object},
+      Route{"POST", ETarget::kObject, "uploads", &Server::CreateMultipartUpload, Operations::create_multipart_upload},
+      Route{"PUT", ETarget::kObject, "partNumber", &Server::UploadPart, Operations::upload_part, true},
+      Route{"PUT", ETarget::kObject, "uploadId", &Server::UploadPart, Operations::upload_part, true},
+      Route{"GET", ETarget::kObject, "uploadId", &Server::ListParts, Operations::list_parts},
+      Route{"GET", ETarget::kBucket, "uploads", &Server::ListMultipartUploads, Operations::list_multipart_uploads},
+      Route{"POST", ETarget::kObject, "uploadId", &Server::CompleteMultipartUpload,
+            Operations::complete_multipart_upload},
+      Route{"DELETE", ETarget::kObject, "uploadId", &Server::AbortMultipartUpload, Operations::abort_multipart_upload},
   };
 
   // For features that this server does not have.
-  static constexpr Route kGetAbsent = {"GET", ETarget::kBucket, "", &Server::GetAbsent};
-  static constexpr Route kDeleteAbsent = {"DELETE", ETarget::kBucket, "", &Server::DeleteAbsent};
+  static constexpr Route kGetAbsent = {"GET", ETarget::kBucket, "", &Server::GetAbsent, Operations::get_absent};
+  static constexpr Route kDeleteAbsent = {"DELETE", ETarget::kBucket, "", &Server::DeleteAbsent,
+                                          Operations::delete_absent};
 };
 
 Failure CS3Server::FindRoute(const Route*& route, const Request& request) {
@@ -208,6 +247,7 @@ bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& ms
   if (!failure) {
     failure = FindRoute(route, request);
   }
+  TansyNet::BeginOperation(msg.note, route == nullptr ? Operations::other : route->operation);
   if (!failure && !route->takes_pieces) {
     failure = {EError::kInvalidRequest, "The body is too long for this request."};
   }
@@ -233,12 +273,15 @@ void CS3Server::Handle(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
   const auto config = conf_.Load();
   Request request(handle, msg, *config);
   LogRequest(request);
+  TansyNet::BeginOperation(msg.note, Operations::other);
   if (request.method == "OPTIONS") {
+    TansyNet::NameOperation(msg.note, Operations::preflight);
     AnswerPreflight(request);
     return;
   }
   CObjectStorageManager::Instance().ExpectFresh();
   if (IsForm(request)) {
+    TansyNet::NameOperation(msg.note, Operations::post_object);
     PostObject(request);
     return;
   }
@@ -246,6 +289,9 @@ void CS3Server::Handle(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
   Failure failure = request.Check();
   if (!failure) {
     failure = FindRoute(route, request);
+  }
+  if (route != nullptr) {
+    TansyNet::NameOperation(msg.note, route->operation);
   }
   if (!failure && TargetOf(request) != ETarget::kService && route->handler != &CS3Server::CreateBucket &&
       !CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {

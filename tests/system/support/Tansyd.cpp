@@ -139,7 +139,7 @@ std::string ScriptPath(const std::string& name) {
 }
 
 CTansyd::CTansyd(const std::string& folder, const std::string& name)
-    : folder_(folder), name_(name), ports_(FreePorts(6)) {}
+    : folder_(folder), name_(name), ports_(FreePorts(7)) {}
 
 CTansyd::~CTansyd() {
   Kill();
@@ -169,7 +169,8 @@ std::vector<std::string> CTansyd::Arguments(const Launch& launch) const {
         {"--object-port", std::to_string(ports_[0]), "--picture-port", std::to_string(ports_[1]), "--object-https-port",
          std::to_string(launch.with_https ? ports_[2] : 0), "--picture-https-port",
          std::to_string(launch.with_https ? ports_[3] : 0), "--s3-port", std::to_string(launch.with_s3 ? ports_[4] : 0),
-         "--s3-https-port", std::to_string(launch.with_s3 && launch.with_https ? ports_[5] : 0)});
+         "--s3-https-port", std::to_string(launch.with_s3 && launch.with_https ? ports_[5] : 0), "--admin-port",
+         std::to_string(launch.with_admin ? ports_[6] : 0)});
   }
   if (launch.with_ports && launch.with_local_ip) {
     arguments.insert(arguments.end(), {"--local-ip", "127.0.0.1"});
@@ -275,7 +276,7 @@ bool CTansyd::Start(const Launch& launch) {
       return false;
     }
     if (launch.with_ports && errors.find("in use") != std::string::npos && errors.find("port") != std::string::npos) {
-      ports_ = FreePorts(6);
+      ports_ = FreePorts(7);
       continue;
     }
     Kill();

@@ -27,6 +27,7 @@ struct Launch {
   bool with_ports = true;
   bool with_https = false;
   bool with_s3 = false;
+  bool with_admin = false;
   bool with_keys = true;  // in the environment
   std::map<std::string, std::string> environment;
   std::string program;     // empty: tansyd
@@ -89,6 +90,7 @@ class CTansyd {
   pid_t GetPid() const { return pid_; }
   std::uint16_t GetS3Port() const { return ports_[4]; }
   std::uint16_t GetS3HttpsPort() const { return ports_[5]; }
+  std::uint16_t GetAdminPort() const { return ports_[6]; }
   // Resident memory in bytes.
   std::uint64_t GetMemory() const;
 

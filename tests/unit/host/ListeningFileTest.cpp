@@ -27,11 +27,12 @@ TEST_F(ListeningFileTest, HoldsThePorts) {
   options.picture_https_port = 4321;
   options.s3_port = 5;
   options.s3_https_port = 0;
+  options.admin_port = 17;
   WriteListeningFile(options);
   const std::string text = temp_.Read("listening.toml");
   EXPECT_EQ(text.substr(text.find('\n') + 1),
             "object-port = 1234\nobject-https-port = 0\npicture-port = 65535\npicture-https-port = 4321\ns3-port = "
-            "5\ns3-https-port = 0\n");
+            "5\ns3-https-port = 0\nadmin-port = 17\n");
   EXPECT_EQ(text.front(), '#');
 }
 

@@ -64,6 +64,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"picture-https-port", "9744"},
                                                        {"s3-port", "9702"},
                                                        {"s3-https-port", "9745"},
+                                                       {"admin-port", "9703"},
+                                                       {"admin-listen", "127.0.0.1"},
                                                        {"s3-region", "us-east-1"},
                                                        {"s3-domain", "none"},
                                                        {"s3-v2-links", "on"},
@@ -84,7 +86,9 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"keep-removed", "7"},
                                                        {"keep-failed", "300"},
                                                        {"log-level", "3"},
-                                                       {"log-file", "standard error"}};
+                                                       {"log-file", "standard error"},
+                                                       {"access-log", "none"},
+                                                       {"access-log-format", "combined"}};
   ASSERT_EQ(OptionTable().size(), std::size(shown));
   for (std::size_t i = 0; i < std::size(shown); ++i) {
     EXPECT_STREQ(OptionTable()[i].name, shown[i].first);
@@ -302,6 +306,37 @@ TEST(OptionsTest, LinksOfVersion2AreTakenOrNot) {
   EXPECT_EQ(Apply("s3-v2-links", "on", options).first, 0);
   EXPECT_TRUE(options.s3_v2_links);
   EXPECT_NE(Apply("s3-v2-links", "yes").second, "");
+}
+
+TEST(OptionsTest, TheAdminPortIsAPortOrNone) {
+  HostOptions options;
+  EXPECT_FALSE(options.admin_port.has_value());
+  EXPECT_EQ(Apply("admin-port", "0", options).first, 0);
+  EXPECT_EQ(options.admin_port, 0);
+  EXPECT_EQ(Apply("admin-port", "9999", options).first, 0);
+  EXPECT_EQ(options.admin_port, 9999);
+  EXPECT_NE(Apply("admin-port", "65536").second, "");
+  EXPECT_EQ(Apply("admin-listen", "::1,192.0.2.1", options).first, 0);
+  EXPECT_EQ(options.admin_listen, (std::vector<std::string>{"::1", "192.0.2.1"}));
+  options.object_port = 9999;
+  EXPECT_THROW(CheckPorts(options), CStartFailure);
+}
+
+TEST(OptionsTest, TheUsualAdminPortGivesWayToAnotherListener) {
+  HostOptions options;
+  options.s3_port = HostOptions::kUsualAdminPort;
+  EXPECT_NO_THROW(CheckPorts(options));
+}
+
+TEST(OptionsTest, TheAccessLogHasTwoFormats) {
+  HostOptions options;
+  EXPECT_EQ(Apply("access-log-format", "json", options).first, 0);
+  EXPECT_TRUE(options.access_log_json);
+  EXPECT_EQ(Apply("access-log-format", "combined", options).first, 0);
+  EXPECT_FALSE(options.access_log_json);
+  EXPECT_NE(Apply("access-log-format", "text").second, "");
+  EXPECT_EQ(Apply("access-log", "-", options).first, 0);
+  EXPECT_EQ(options.access_log, "-");
 }
 
 TEST(OptionsTest, NoTwoListenersCanShareAPort) {

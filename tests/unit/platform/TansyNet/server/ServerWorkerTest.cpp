@@ -35,6 +35,7 @@ class CLateConnection final : public IServerConnection {
   std::int64_t StandingSince() const override { return kNever; }
   void CutIfStanding() override {}
   const Endpoint& Origin() const override { return endpoint_; }
+  bool Describe(std::int32_t /*handle*/, RunningRequest& /*request*/) override { return false; }
   void Abort() override {}
   void CloseWhenIdle() override {}
   int ClaimAnswer(std::int32_t /*handle*/, std::size_t /*size*/) override { return 0; }

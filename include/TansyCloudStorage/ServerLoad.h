@@ -1,0 +1,25 @@
+// What the servers have and have to do, for a host that shows it to people.
+// Threads: any, also while requests run. Errors: nothing throws; false is a failure, and the log says why.
+#ifndef TANSY_CLOUD_STORAGE_SERVER_LOAD_H
+#define TANSY_CLOUD_STORAGE_SERVER_LOAD_H
+
+#include <cstdint>
+
+#include "TansyCloudStorage/Export.h"
+
+namespace Tansy::CloudStorage {
+
+struct ServerLoad {
+  std::uint64_t tasks = 0;         // requests that wait for a thread of the message loop, and those that run there
+  std::uint64_t most_tasks = 0;    // at this number requests are refused
+  std::uint64_t buckets = 0;       // in the catalogue
+  std::uint64_t objects = 0;       // of all buckets
+  std::uint64_t open_uploads = 0;  // upload tasks of the object protocol that have not ended
+};
+
+// Counts them. The figures are taken one after another while requests go on. It takes some microseconds per bucket.
+TANSY_CLOUD_STORAGE_API bool GetServerLoad(ServerLoad& load);
+
+}  // namespace Tansy::CloudStorage
+
+#endif  // TANSY_CLOUD_STORAGE_SERVER_LOAD_H
