@@ -159,12 +159,12 @@ std::string JsonLine(const TansyNet::FinishedRequest& request, std::int64_t time
 
 std::string HarmlessQuery(std::string_view query) {
   std::string harmless;
-  while (!query.empty()) {
+  for (bool is_first = true; !query.empty(); is_first = false) {
     const std::size_t end = std::min(query.find('&'), query.size());
     const std::string_view pair = query.substr(0, end);
     const std::size_t equals = std::min(pair.find('='), pair.size());
     const std::string_view name = pair.substr(0, equals);
-    harmless += harmless.empty() ? "" : "&";
+    harmless += is_first ? "" : "&";
     harmless += details::IsSecretName(name) ? std::string(name) + "=..." : std::string(pair);
     query.remove_prefix(std::min(end + 1, query.size()));
   }

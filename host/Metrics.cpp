@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -70,8 +70,8 @@ void AddRequests(CPrometheusText& text, const std::vector<Counted>& operations) 
 
 std::string BoundText(double bound) {
   std::array<char, 32> digits{};
-  const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), bound);
-  return {digits.data(), end};
+  std::snprintf(digits.data(), digits.size(), "%.10g", bound);
+  return digits.data();
 }
 
 template <typename Counts, typename Bounds>

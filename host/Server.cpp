@@ -91,17 +91,22 @@ std::string LookAtStorage(IObjectStore& store) {
   }
 }
 
-std::string LookAtSpace() {
+std::string LookAtSpace(const std::string& path) {
   int error = 0;
-  const auto folder = HostSystem::OpenFolder(".", error);
+  const auto folder = HostSystem::OpenFolder(path, error);
   std::uint64_t total = 0;
   std::uint64_t available = 0;
-  if (folder == nullptr || folder->GetRoom(total, available) != 0) {
-    return "";  // the system does not say
+  if (folder == nullptr || folder->GetRoom(total, available) != 0 || available >= kLeastRoom) {
+    return "";  // also when the system does not say
   }
-  return available < kLeastRoom
-             ? "the disk of the data folder is nearly full: " + std::to_string(available >> 20) + " MiB are left"
-             : "";
+  return "the disk of " + path + " is nearly full: " + std::to_string(available >> 20) + " MiB are left";
+}
+
+// Of the catalogue and the log, and of the stored bytes where they are files.
+std::string LookAtSpace(const std::string& data_folder, const std::string& storage) {
+  const bool is_folder = storage.starts_with("file:");
+  const std::string trouble = LookAtSpace(data_folder);
+  return trouble.empty() && is_folder ? LookAtSpace(UrlPath(storage)) : trouble;
 }
 
 bool IsAbsolute(const std::string& path) {
@@ -447,7 +452,8 @@ std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
   return {
       {"database", [] { return details::LookAtDatabase(); }},
       {"storage", [store = store_] { return details::LookAtStorage(*store); }},
-      {"space", [] { return details::LookAtSpace(); }},
+      {"space", [folder = data_folder_->GetPath(),
+                 storage = options_.storage] { return details::LookAtSpace(folder, storage); }},
   };
 }
 

@@ -227,6 +227,23 @@ TEST_F(PostgresTest, WithoutADatabaseWritesFailAndAreNotSeenLater) {
   EXPECT_EQ(Get("/bucket/later"), "later");
 }
 
+TEST_F(PostgresTest, WithoutADatabaseItIsNotReadyUntilThereIsOneAgain) {
+  Launch launch = OnServer();
+  launch.with_admin = true;
+  ASSERT_TRUE(server_.Start(launch));
+  const auto ready = [this] { return Call(server_.GetAdminPort(), {"GET", "/health/ready", {}, ""}); };
+  EXPECT_EQ(ready().status, 200);
+  database_.Crash();
+  ASSERT_TRUE(WaitUntil([&] { return ready().status == 503; }));
+  EXPECT_THAT(ready().body,
+              AllOf(HasSubstr("\"database\":\"the catalogue cannot be read"), HasSubstr("\"storage\":\"well\"")));
+  EXPECT_EQ(Call(server_.GetAdminPort(), {"GET", "/health/live", {}, ""}).status, 200) << "it needs no restart";
+  EXPECT_THAT(Call(server_.GetAdminPort(), {"GET", "/metrics", {}, ""}).body,
+              HasSubstr("tansy_up{part=\"database\"} 0\n"));
+  database_.Start();
+  EXPECT_TRUE(WaitUntil([&] { return ready().status == 200; })) << ready().body;
+}
+
 TEST_F(PostgresTest, AFrozenDatabaseHoldsUpNoReader) {
   ASSERT_TRUE(server_.Start(OnServer()));
   MakeBucket("bucket");
