@@ -11,6 +11,7 @@
 #include "TansyNet/HttpServer.h"
 #include "TansyNet/MemoryAccount.h"
 #include "TansyNet/Operation.h"
+#include "db_layer/WriteCounts.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -145,6 +146,16 @@ void AddModule(CPrometheusText& text) {
            load.open_uploads);
 }
 
+void AddCatalogueWrites(CPrometheusText& text) {
+  const db_layer::WriteCounts counts = db_layer::CountedWrites();
+  text.Family("tansy_commits_total", "counter", "Commits of the catalogue; each is one wait for the disk or the server.");
+  text.Sample(counts.groups);
+  text.Family("tansy_catalogue_writes_total", "counter", "Writes to the catalogue; those that came together share a commit.");
+  text.Sample(counts.writes);
+  text.Family("tansy_commit_seconds_total", "counter", "Time that these commits took.");
+  text.Sample(static_cast<double>(counts.nanoseconds) / kNanosecondsPerSecond);
+}
+
 void AddHost(CPrometheusText& text, const MetricsSource& source) {
   text.Family("tansy_up", "gauge", "1 for each part of the server that is well, 0 for one that is in trouble.");
   for (const HealthPart& part : source.health.parts) {
@@ -171,6 +182,7 @@ std::string MetricsText(const MetricsSource& source) {
   details::AddSizes(text, operations);
   details::AddNetwork(text);
   details::AddModule(text);
+  details::AddCatalogueWrites(text);
   details::AddHost(text, source);
   return text.Take();
 }

@@ -12,7 +12,7 @@ packages=(
   openssl curl groff-base
 )
 if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
-  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic)
+  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic prometheus)
 fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)

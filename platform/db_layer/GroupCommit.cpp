@@ -1,10 +1,13 @@
 #include "db_layer/GroupCommit.h"
 
+#include <chrono>
+#include <cstdint>
 #include <exception>
 #include <thread>
 #include <utility>
 
 #include "TansyBase/MessageLoop.h"
+#include "db_layer/WriteCounts.h"
 
 namespace db_layer {
 
@@ -112,7 +115,11 @@ void CGroupCommit::Execute(const std::vector<Waiter*>& waiters, const PostedWrit
     for (const Waiter* waiter : waiters) {
       batch.push_back(waiter->write);
     }
+    const auto begin = std::chrono::steady_clock::now();
     executor_(batch);
+    const auto took = std::chrono::steady_clock::now() - begin;
+    details::CountGroup(batch.size(),
+                        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(took).count()));
   } catch (const std::exception&) {
     for (const std::unique_ptr<PostedWrite>& write : posted) {
       write->write.FailForMemory();

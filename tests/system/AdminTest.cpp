@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <thread>
 
 #include "support/OwnNetwork.h"
@@ -97,6 +98,35 @@ TEST_F(AdminTest, CountsRequestsOfEachProtocol) {
   EXPECT_THAT(text, HasSubstr("tansy_buckets 1\n"));
   EXPECT_THAT(text, HasSubstr("tansy_up{part=\"storage\"} 1\n"));
   EXPECT_THAT(text, Not(HasSubstr("tansy_certificate_end_time_seconds "))) << "this server has none";
+}
+
+TEST_F(AdminTest, ItsFiguresAreWhatPrometheusTakes) {
+  ASSERT_TRUE(StartWithAdmin());
+  MakeBucket("b");
+  Invocation promtool;
+  promtool.program = "/usr/bin/promtool";
+  promtool.arguments = {"check", "metrics"};
+  promtool.folder = temp_.GetPath();
+  const Ended ended = RunProgram(promtool, AskUntil("/metrics", "CreateBucket").body);
+  EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+}
+
+TEST_F(AdminTest, EachFigureOfTheDashboardAndTheAlertsIsThere) {
+  Launch launch;
+  launch.with_admin = true;
+  launch.with_https = true;
+  ASSERT_TRUE(server_.Start(launch));
+  MakeBucket("b");
+  const std::string figures = AskUntil("/metrics", "CreateBucket").body;
+  const std::regex name("tansy_[a-z_]+");
+  for (const char* file : {"tansyd.rules.yml", "tansyd.dashboard.json"}) {
+    std::ifstream stream(SourceFolder() + "/dist/" + file);
+    const std::string text(std::istreambuf_iterator<char>(stream), {});
+    ASSERT_FALSE(text.empty()) << file;
+    for (std::sregex_iterator found(text.begin(), text.end(), name), end; found != end; ++found) {
+      EXPECT_THAT(figures, HasSubstr("\n" + found->str())) << file;
+    }
+  }
 }
 
 TEST_F(AdminTest, ShowsTheRequestsThatRun) {

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "db_layer/WriteCounts.h"
+
 namespace db_layer {
 namespace {
 
@@ -86,6 +88,21 @@ TEST(GroupCommitTest, WhoComesDuringABatchMakesUpTheNext) {
   for (const auto& write : writes) {
     EXPECT_TRUE(write.succeeded);
   }
+}
+
+TEST(GroupCommitTest, CountsGroupsAndTheWritesInThem) {
+  CTwoBatches batches;
+  CGroupCommit group([&](const std::vector<SqlWrite*>& batch) {
+    batches.HoldFirst();
+    SucceedAll(batch);
+  });
+  const WriteCounts before = CountedWrites();
+  std::vector<SqlWrite> writes(4);
+  batches.Run(group, writes);
+  const WriteCounts after = CountedWrites();
+  EXPECT_EQ(after.groups - before.groups, 2U);
+  EXPECT_EQ(after.writes - before.writes, 4U);
+  EXPECT_GT(after.nanoseconds, before.nanoseconds);
 }
 
 TEST(GroupCommitTest, EachCallerGetsItsOwnOutcome) {
