@@ -148,9 +148,11 @@ void AddModule(CPrometheusText& text) {
 
 void AddCatalogueWrites(CPrometheusText& text) {
   const db_layer::WriteCounts counts = db_layer::CountedWrites();
-  text.Family("tansy_commits_total", "counter", "Commits of the catalogue; each is one wait for the disk or the server.");
+  text.Family("tansy_commits_total", "counter",
+              "Commits of the catalogue; each is one wait for the disk or the server.");
   text.Sample(counts.groups);
-  text.Family("tansy_catalogue_writes_total", "counter", "Writes to the catalogue; those that came together share a commit.");
+  text.Family("tansy_catalogue_writes_total", "counter",
+              "Writes to the catalogue; those that came together share a commit.");
   text.Sample(counts.writes);
   text.Family("tansy_commit_seconds_total", "counter", "Time that these commits took.");
   text.Sample(static_cast<double>(counts.nanoseconds) / kNanosecondsPerSecond);

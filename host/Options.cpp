@@ -302,16 +302,17 @@ const std::vector<OptionRow>& OptionTable() {
       {"durability", "full|fast", "full: 200 to a write means it is on stable storage [full]",
        details::ApplyDurability},
       {"memory-limit", "MIB", "memory that bodies and answers of all clients may take together [1024]",
-       details::ApplyMemoryLimit},
+       details::ApplyMemoryLimit, false, true},
       {"require-date", "MINUTES",
        "refuse signatures whose Date is missing or further off than this; 0: do not look [0]",
-       details::ApplyRequireDate},
+       details::ApplyRequireDate, false, true},
       {"keep-removed", "DAYS", "how long the bytes of objects that were removed by a plain DELETE are kept [7]",
        details::ApplyKeepRemoved},
       {"keep-failed", "SECONDS",
        "how long the bytes of uploads that failed, broke off or were overwritten are kept [300]",
        details::ApplyKeepFailed},
-      {"log-level", "N", "lowest level written, 2 (everything) to 5 (errors only) [3]", details::ApplyLogLevel},
+      {"log-level", "N", "lowest level written, 2 (everything) to 5 (errors only) [3]", details::ApplyLogLevel, false,
+       true},
       {"log-file", "FILE", "where the log goes [standard error]", ApplyPath<&HostOptions::log_file>},
       {"access-log", "FILE", "where a line for each request goes, - for standard output [none]",
        ApplyPath<&HostOptions::access_log>},
@@ -336,6 +337,20 @@ void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::str
     throw CStartFailure(
         exit_code, source + prefix + name + (is_url ? "" : " " + details::Shown(text)) + " is not valid: " + advice);
   }
+}
+
+ChangedOptions CompareOptions(const OptionTexts& before, const OptionTexts& now) {
+  const auto text_of = [](const OptionTexts& texts, const std::string& name) {
+    const auto found = texts.find(name);
+    return found == texts.end() ? std::optional<std::string>() : found->second;
+  };
+  ChangedOptions changed;
+  for (const OptionRow& row : OptionTable()) {
+    if (text_of(before, row.name) != text_of(now, row.name)) {
+      (row.is_live ? changed.live : changed.others).emplace_back(row.name);
+    }
+  }
+  return changed;
 }
 
 void CheckPorts(const HostOptions& options) {

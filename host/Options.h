@@ -65,6 +65,8 @@ struct OptionRow {
   std::string (*apply)(HostOptions& options, const std::string& text);
   // The option may be given several times: `apply` then gets all texts at once, with commas between them.
   bool is_list = false;
+  // A running tansyd can take a new value over.
+  bool is_live = false;
 };
 
 // Gives all options that take a value, in the order in which the help lists them.
@@ -74,6 +76,13 @@ const std::vector<OptionRow>& OptionTable();
 // ("--"). Throws CStartFailure with `exit_code`.
 void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::string& source, const std::string& prefix,
                   int exit_code);
+
+// Tells which options two sets of texts differ in: those that a running tansyd can take over, and the others.
+struct ChangedOptions {
+  std::vector<std::string> live;
+  std::vector<std::string> others;
+};
+ChangedOptions CompareOptions(const OptionTexts& before, const OptionTexts& now);
 
 // Checks what single options cannot know: two listeners on one port, or a WAN address without any port, under which no
 // server could be found. Throws CStartFailure.

@@ -66,6 +66,13 @@ std::string FolderOf(const std::string& path) {
 
 constexpr const char* kLoopback = "127.0.0.1";
 
+// All texts, those of the command line before those of the file.
+OptionTexts Together(const OptionTexts& file, const OptionTexts& given) {
+  OptionTexts all = given;
+  all.insert(file.begin(), file.end());
+  return all;
+}
+
 bool NeedsHttps(const std::vector<std::string>& addresses) {
   return std::any_of(addresses.begin(), addresses.end(), [](const std::string& address) {
     const std::optional<IpAddress> parsed = ParseIpAddress(address);
@@ -247,6 +254,7 @@ CServer::~CServer() {
 }
 
 void CServer::ReadOptions(const CommandLine& command_line, const std::string& config_path) {
+  given_texts_ = command_line.texts;
   settings_path_ = config_path;
   if (config_path.empty()) {
     settings_path_ = data_folder_->GetPath() + "/" + details::kSettingsFile;
@@ -422,10 +430,7 @@ void CServer::Start() {
   }
 
   TansyNet::CHttpServer::SetListenAddresses(options_.listen);
-  TansyNet::HttpServerLimits limits;
-  limits.memory_bytes = std::uint64_t{options_.memory_limit_mib} << 20;
-  TansyNet::CHttpServer::SetLimits(limits);
-  CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
+  ApplyLiveOptions();
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   CloudStorage::ShareCatalogue(options_.node_name);
   StartObjectServer(config);
@@ -584,21 +589,71 @@ std::string CServer::ReadyLine() const {
 }
 
 void CServer::Reload() {
-  std::string error;
-  if (!log_->Reopen(error)) {
-    HOST_LOG(logging::kError, "[%s]the log file cannot be opened again: %s.[%s(%d)]", error.c_str());
-  }
-  if (access_log_ != nullptr) {
-    if (const std::string trouble = access_log_->Reopen(); !trouble.empty()) {
-      HOST_LOG(logging::kError, "[%s]the access log cannot be opened again: %s.[%s(%d)]", trouble.c_str());
-    }
-  }
-  if (options_.HasHttps() && TansyNet::CHttpServer::ReloadCertificates() != 0) {
+  ReloadLogs();
+  ReloadSettings();
+  const bool has_https = options_.HasHttps() || details::NeedsHttps(options_.admin_listen);
+  if (has_https && TansyNet::CHttpServer::ReloadCertificates() != 0) {
     HOST_LOG(logging::kError, "[%s]the certificate was not replaced: %s.[%s(%d)]",
              TansyNet::CHttpServer::LastError().c_str());
     return;
   }
   HOST_LOG(logging::kNotable, "[%s]log file and certificates read again.[%s(%d)]");
+}
+
+void CServer::ReloadLogs() {
+  std::string error;
+  if (!log_->Reopen(error)) {
+    HOST_LOG(logging::kError, "[%s]the log file cannot be opened again: %s.[%s(%d)]", error.c_str());
+  }
+  if (access_log_ != nullptr) {
+    error = access_log_->Reopen();
+    if (!error.empty()) {
+      HOST_LOG(logging::kError, "[%s]the access log cannot be opened again: %s.[%s(%d)]", error.c_str());
+    }
+  }
+}
+
+// What the command line says goes before the file, now as at the start.
+void CServer::ReloadSettings() {
+  try {
+    Settings fresh;
+    const bool is_own_file = given_texts_.contains("config");
+    if (!ReadSettings(settings_path_, is_own_file, fresh) && is_own_file) {
+      throw CStartFailure(kExitFailed, "settings file " + settings_path_ + " does not exist");
+    }
+    HostOptions now;
+    ApplyOptions(now, fresh.texts, "settings file " + settings_path_ + ": ", "", kExitFailed);
+    ApplyOptions(now, given_texts_, "", "--", kExitUsage);
+    const ChangedOptions changed =
+        CompareOptions(details::Together(settings_.texts, given_texts_), details::Together(fresh.texts, given_texts_));
+    for (const std::string& name : changed.others) {
+      HOST_LOG(logging::kNotable, "[%s]%s has changed, which counts from the next start.[%s(%d)]", name.c_str());
+    }
+    if (fresh.access_key != settings_.access_key || fresh.secret_key != settings_.secret_key) {
+      HOST_LOG(logging::kNotable, "[%s]the keys may have changed, which counts from the next start.[%s(%d)]");
+    }
+    options_.log_level = now.log_level;
+    options_.memory_limit_mib = now.memory_limit_mib;
+    options_.require_date_minutes = now.require_date_minutes;
+    ApplyLiveOptions();
+    for (const std::string& name : changed.live) {
+      settings_.texts.erase(name);
+      if (const auto found = fresh.texts.find(name); found != fresh.texts.end()) {
+        settings_.texts.insert(*found);
+      }
+      HOST_LOG(logging::kNotable, "[%s]%s has changed, which counts from now on.[%s(%d)]", name.c_str());
+    }
+  } catch (const CStartFailure& failure) {
+    HOST_LOG(logging::kError, "[%s]the settings stay as they are: %s.[%s(%d)]", failure.what());
+  }
+}
+
+void CServer::ApplyLiveOptions() const {
+  logging::SetLowestLevel(options_.log_level);
+  TansyNet::HttpServerLimits limits;
+  limits.memory_bytes = std::uint64_t{options_.memory_limit_mib} << 20;
+  TansyNet::CHttpServer::SetLimits(limits);
+  CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
 }
 
 void CServer::Stop() {

@@ -44,7 +44,8 @@ class CServer {
   void Start();
   // Gives the line "tansyd ready: ..." with addresses and ports, without secrets.
   std::string ReadyLine() const;
-  // Opens the log file anew and reads the certificates again. A failure is logged and leaves things as they are.
+  // Opens the log files anew, reads the certificates and the settings again. A failure is logged and leaves things as
+  // they are; so is a setting that counts from the next start only.
   void Reload();
   // Closes the listeners, lets running requests finish for a while, then closes the database.
   void Stop();
@@ -57,6 +58,9 @@ class CServer {
 
  private:
   void ReadOptions(const CommandLine& command_line, const std::string& config_path);
+  void ReloadLogs();
+  void ReloadSettings();
+  void ApplyLiveOptions() const;
   void OpenLog();
   void Open();
   void OpenDatabase();
@@ -77,8 +81,9 @@ class CServer {
 
   HostOptions options_;
   std::string followed_moves_;  // what options mean since a move, for people
+  OptionTexts given_texts_;     // on the command line
   std::string settings_path_;
-  Settings settings_;
+  Settings settings_;  // as it was read last
   std::unique_ptr<CDataFolder> data_folder_;
   HostSystem::CLockFile database_lock_;
   std::shared_ptr<logging::CStandardSink> log_;

@@ -308,6 +308,16 @@ TEST(OptionsTest, LinksOfVersion2AreTakenOrNot) {
   EXPECT_NE(Apply("s3-v2-links", "yes").second, "");
 }
 
+TEST(OptionsTest, TellsWhatChangedAndWhatOfItCountsAtOnce) {
+  const OptionTexts before = {{"log-level", "3"}, {"object-port", "1"}, {"storage", "file:a"}, {"memory-limit", "512"}};
+  const OptionTexts now = {{"log-level", "2"}, {"object-port", "2"}, {"memory-limit", "512"}, {"require-date", "15"}};
+  const ChangedOptions changed = CompareOptions(before, now);
+  EXPECT_EQ(changed.live, (std::vector<std::string>{"require-date", "log-level"}));
+  EXPECT_EQ(changed.others, (std::vector<std::string>{"object-port", "storage"}));
+  EXPECT_TRUE(CompareOptions(now, now).live.empty());
+  EXPECT_TRUE(CompareOptions(now, now).others.empty());
+}
+
 TEST(OptionsTest, TheAdminPortIsAPortOrNone) {
   HostOptions options;
   EXPECT_FALSE(options.admin_port.has_value());
