@@ -29,7 +29,7 @@ TEST_F(ReloadTest, TakesOverWhatARunningServerCan) {
   EXPECT_EQ(OutcomeOfOldRequest(), "200");
   WriteSettings("require-date = 15\nlog-level = 2\n");
   ASSERT_TRUE(ReloadAndRead("require-date has changed, which counts from now on")) << server_.GetLog();
-  EXPECT_EQ(OutcomeOfOldRequest(), "403 RequestTimeTooSkewed");
+  EXPECT_EQ(OutcomeOfOldRequest(), "403 AccessDenied");
   EXPECT_TRUE(WaitUntil([&] { return server_.GetLog().find(" trace ") != std::string::npos; })) << "of level 2";
   WriteSettings("");
   server_.Signal(SIGHUP);
@@ -49,14 +49,14 @@ TEST_F(ReloadTest, KeepsWhatItHasWhenTheFileMakesNoSense) {
   ASSERT_TRUE(ReloadAndRead("require-date has changed"));
   WriteSettings("require-date = 0\nlog-level = 77\n");
   ASSERT_TRUE(ReloadAndRead("the settings stay as they are")) << server_.GetLog();
-  EXPECT_EQ(OutcomeOfOldRequest(), "403 RequestTimeTooSkewed") << "nothing of the file counts";
+  EXPECT_EQ(OutcomeOfOldRequest(), "403 AccessDenied") << "nothing of the file counts";
   WriteSettings("require-date = [\n");
   ASSERT_TRUE(WaitUntil([&] {
     server_.Signal(SIGHUP);
     const std::string log = server_.GetLog();
     return log.find("the settings stay as they are", log.find("the settings stay as they are") + 1) != log.npos;
   }));
-  EXPECT_EQ(OutcomeOfOldRequest(), "403 RequestTimeTooSkewed");
+  EXPECT_EQ(OutcomeOfOldRequest(), "403 AccessDenied");
 }
 
 TEST_F(ReloadTest, WhatTheCommandLineSaysGoesFirst) {
@@ -65,7 +65,7 @@ TEST_F(ReloadTest, WhatTheCommandLineSaysGoesFirst) {
   ASSERT_TRUE(server_.Start(launch));
   WriteSettings("require-date = 0\n");
   ASSERT_TRUE(ReloadAndRead("log file and certificates read again"));
-  EXPECT_EQ(OutcomeOfOldRequest(), "403 RequestTimeTooSkewed");
+  EXPECT_EQ(OutcomeOfOldRequest(), "403 AccessDenied");
   EXPECT_THAT(server_.GetLog(), testing::Not(testing::HasSubstr("has changed")));
 }
 
