@@ -55,10 +55,17 @@ CCleanExpiredTaskThread::~CCleanExpiredTaskThread() {
 }
 
 void CCleanExpiredTaskThread::OnTimer() {
-  if (has_run_ && details::UtcHour(TansyBase::TimeUtil::Now()) != 0) {
-    return;
+  const bool is_time = details::UtcHour(TansyBase::TimeUtil::Now()) == 0;
+  if (is_time || !has_run_) {
+    has_run_ = true;
+    SweepTasks();
   }
-  has_run_ = true;
+  if ((is_time || !has_run_for_uploads_) && !IsStopping()) {
+    has_run_for_uploads_ = CPartUploadSweep::Instance().Run();
+  }
+}
+
+void CCleanExpiredTaskThread::SweepTasks() const {
   std::map<std::string, std::string> times;
   CObjectStorageManager::Instance().GetTaskUpdateTime(times);
   for (const auto& [task_id, update_time] : times) {
@@ -67,7 +74,6 @@ void CCleanExpiredTaskThread::OnTimer() {
     }
     details::SweepTask(task_id);
   }
-  CPartUploadSweep::Instance().Run();
 }
 
 }  // namespace Tansy::CloudStorage

@@ -8,8 +8,9 @@ namespace Tansy::CloudStorage {
 
 // Forgets multipart upload tasks whose lowest-numbered part was last written more than three days ago. It does so once
 // at its start, then once a day in the hour after midnight (UTC), provided that it is started with a period of an hour.
-// Stored bytes and temporary files stay. Uploads in parts of the S3 protocol go with them (PartUploads.h). When
-// somebody sets the clock, in either direction, no task becomes older or younger.
+// Stored bytes and temporary files stay. Uploads in parts of the S3 protocol go with them (PartUploads.h), for the
+// first time when that server has started. When somebody sets the clock, in either direction, no task becomes older or
+// younger.
 class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
  public:
   static CCleanExpiredTaskThread& Instance();
@@ -21,7 +22,10 @@ class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
   void OnTimer() override;
 
  private:
+  void SweepTasks() const;
+
   bool has_run_ = false;
+  bool has_run_for_uploads_ = false;  // their server may start later than this thread
 };
 
 }  // namespace Tansy::CloudStorage

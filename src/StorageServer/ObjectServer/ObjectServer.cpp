@@ -7,6 +7,7 @@
 #include "StorageServer/AddressUpdates.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
 #include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
+#include "StorageServer/ObjectServer/PartUploads.h"
 #include "StorageServer/ObjectServer/ReadLease.h"
 #include "StorageServer/ServerListeners.h"
 
@@ -59,6 +60,7 @@ int CObjectServer::Init(const StorageServerConfig& config) {
               config.download_port, config.upload_port);
     return -1;
   }
+  CPartUploadSweep::Instance().SetWhenStarted([] { CCleanExpiredTaskThread::Instance().Wake(); });
   CCleanExpiredTaskThread::Instance().Start(details::kCleanPeriodMs);
   details::CBigFileStreamMgr::Instance().SetSaveCallback(config.stream_save);
   return 0;

@@ -154,15 +154,33 @@ CPartUploadSweep& CPartUploadSweep::Instance() {
   return CSingleton<CPartUploadSweep>::Instance();
 }
 
-void CPartUploadSweep::Start() {
+void CPartUploadSweep::SetWhenStarted(std::function<void()> when_started) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  is_started_ = is_started_ || Look(true);
+  when_started_ = std::move(when_started);
 }
 
-void CPartUploadSweep::Run() {
+void CPartUploadSweep::Start() {
+  std::function<void()> when_started;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (is_started_) {
+      return;
+    }
+    is_started_ = Look(true);
+    when_started = when_started_;
+  }
+  if (when_started) {
+    when_started();
+  }
+}
+
+bool CPartUploadSweep::Run() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!is_started_ || !Look(false) || !CObjectStorageManager::Instance().IsFirst()) {
-    return;
+  if (!is_started_ || !Look(false)) {
+    return false;
+  }
+  if (!CObjectStorageManager::Instance().IsFirst()) {
+    return true;
   }
   const std::int64_t uptime = TansyBase::TimeUtil::Uptime();
   for (const auto& [url, upload] : seen_) {
@@ -173,6 +191,7 @@ void CPartUploadSweep::Run() {
           " AND update_time = " + details::Quoted(upload.update_time));
     }
   }
+  return true;
 }
 
 bool CPartUploadSweep::Look(bool at_start) {

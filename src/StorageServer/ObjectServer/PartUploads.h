@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -74,8 +75,11 @@ class CPartUploadSweep : private TansyBase::CNoncopyable {
 
   // Has to be called by the server whose uploads they are, before it serves: other hosts may have no table of uploads.
   void Start();
-  // Has to be called from time to time; does nothing before Start. An upload that has changed since is young again.
-  void Run();
+  // Has to be called from time to time. An upload that has changed since is young again. Returns false when it has done
+  // nothing, because it was not started yet or the database does not answer.
+  bool Run();
+  // Sets what the first Start calls, so that a Run that came before it is made up for. It must not wait.
+  void SetWhenStarted(std::function<void()> when_started);
 
  private:
   struct Seen {
@@ -88,6 +92,7 @@ class CPartUploadSweep : private TansyBase::CNoncopyable {
 
   std::mutex mutex_;  // guards everything below
   bool is_started_ = false;
+  std::function<void()> when_started_;
   SeenUploads seen_;
 };
 

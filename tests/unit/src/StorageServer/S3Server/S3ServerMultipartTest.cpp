@@ -663,6 +663,22 @@ TEST_F(S3MultipartTest, RemovesEachPieceWithTheObject) {
   EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
 }
 
+// The thread of the sweep belongs to the object server, which starts first.
+TEST_F(S3MultipartTest, ASweepThatCameBeforeTheStartIsMadeUpFor) {
+  Begin("old");
+  TansyBase::TimeUtil::SetClock([] { return kNow + 4 * 86400; });
+  CPartUploadSweep sweep;
+  int calls = 0;
+  sweep.SetWhenStarted([&calls] { ++calls; });
+  EXPECT_FALSE(sweep.Run());
+  sweep.Start();
+  sweep.Start();
+  EXPECT_EQ(calls, 1);
+  EXPECT_TRUE(sweep.Run());
+  TansyBase::TimeUtil::SetClock([] { return kNow; });
+  EXPECT_EQ(Values(List("uploads").body, "Key"), Texts());
+}
+
 TEST_F(S3MultipartTest, SweepsUploadsThatNobodyTouchesForThreeDays) {
   static std::atomic<std::int64_t> uptime{1000};
   TansyBase::TimeUtil::SetUptimeClock([] { return uptime.load(); });
