@@ -38,15 +38,17 @@ with_sources() {
     -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache= -o APT::Sandbox::User=root "$@"
 }
 
+# Sources come from where this machine has its packages from.
 update_sources() {
   local apt=$home/apt suite keys=/usr/share/keyrings/debian-archive-keyring.gpg
   suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
   mkdir -p "$apt/lists/partial"
-  cat >"$apt/sources.list" <<END
-deb-src [signed-by=$keys] http://deb.debian.org/debian $suite main
-deb-src [signed-by=$keys] http://deb.debian.org/debian $suite-updates main
-deb-src [signed-by=$keys] http://deb.debian.org/debian-security $suite-security main
-END
+  apt-get indextargets --format "deb-src [signed-by=$keys] \$(SITE) \$(RELEASE) \$(COMPONENT)" 'Created-By: Packages' |
+    grep -E " $suite(-updates|-security)? main\$" | sort -u >"$apt/sources.list"
+  if [[ ! -s $apt/sources.list ]]; then
+    echo "this machine takes its packages from no Debian archive"
+    return 1
+  fi
   with_sources apt-get update -qq
 }
 
