@@ -339,6 +339,13 @@ void ApplyOptions(HostOptions& options, const OptionTexts& texts, const std::str
   }
 }
 
+bool HostOptions::NeedsCertificate() const {
+  return HasHttps() || std::any_of(admin_listen.begin(), admin_listen.end(), [](const std::string& address) {
+           const std::optional<IpAddress> parsed = ParseIpAddress(address);
+           return !parsed.has_value() || !parsed->is_loopback;
+         });
+}
+
 ChangedOptions CompareOptions(const OptionTexts& before, const OptionTexts& now) {
   const auto text_of = [](const OptionTexts& texts, const std::string& name) {
     const auto found = texts.find(name);

@@ -49,6 +49,8 @@ struct HostOptions {
   std::string log_file;  // empty stands for standard error
 
   bool HasHttps() const { return object_https_port != 0 || picture_https_port != 0 || s3_https_port != 0; }
+  // Also for an admin listener that strangers can reach.
+  bool NeedsCertificate() const;
   bool HasS3() const { return s3_port != 0 || s3_https_port != 0; }
   bool HasWanObjects() const { return !wan_ip.empty() && (wan_object_port != 0 || wan_object_https_port != 0); }
   bool HasWanPictures() const { return !wan_ip.empty() && (wan_picture_port != 0 || wan_picture_https_port != 0); }

@@ -1,10 +1,8 @@
 #include "Server.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <iostream>
-#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -20,7 +18,6 @@
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "HostSystem/Process.h"
-#include "IpAddress.h"
 #include "ListeningFile.h"
 #include "Locks.h"
 #include "MoveRequest.h"
@@ -32,7 +29,6 @@
 #include "StartFailure.h"
 #include "StoragePlaces.h"
 #include "StoreIdentity.h"
-#include "TansyBase/TimeUtil.h"
 #include "TansyCloudStorage/Catalogue.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
@@ -53,8 +49,6 @@ constexpr std::uint32_t kRepeatWindowMs = 1000;
 // The time that requests have to end when the stop signal comes. The sender of the signal waits for as long as one
 // client stalls, and service managers kill a process after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
-// With less room on the disk the server is not well: this is what it keeps free of stored bytes.
-constexpr std::uint64_t kLeastRoom = std::uint64_t{96} << 20;
 constexpr std::uint32_t kAddressPeriodMs = 5000;
 // Another node that begins at the same time is done by then.
 constexpr int kPrepareTries = 10;
@@ -62,58 +56,6 @@ constexpr std::uint32_t kPreparePauseMs = 500;
 
 std::string FolderOf(const std::string& path) {
   return path.substr(0, path.find_last_of('/') + 1);
-}
-
-constexpr const char* kLoopback = "127.0.0.1";
-
-// All texts, those of the command line before those of the file.
-OptionTexts Together(const OptionTexts& file, const OptionTexts& given) {
-  OptionTexts all = given;
-  all.insert(file.begin(), file.end());
-  return all;
-}
-
-bool NeedsHttps(const std::vector<std::string>& addresses) {
-  return std::any_of(addresses.begin(), addresses.end(), [](const std::string& address) {
-    const std::optional<IpAddress> parsed = ParseIpAddress(address);
-    return !parsed.has_value() || !parsed->is_loopback;
-  });
-}
-
-// These say what is wrong, for those who ask whether the server is well; nothing: an empty text.
-std::string LookAtDatabase() {
-  std::int64_t seconds = 0;
-  return GetRunningSeconds(seconds) ? "" : "the catalogue cannot be read: see the log";
-}
-
-// A name under which nothing was ever stored is looked for in the same way as any other.
-std::string LookAtStorage(IObjectStore& store) {
-  const StoredName nothing{"fs01", "0000", std::string(32, '0')};
-  ReadBuffer buffer;
-  switch (store.ReadRange(nothing, 0, 1, buffer)) {
-    case EStoreResult::kFailed:
-      return "stored bytes cannot be read: see the log";
-    default:
-      return "";
-  }
-}
-
-std::string LookAtSpace(const std::string& path) {
-  int error = 0;
-  const auto folder = HostSystem::OpenFolder(path, error);
-  std::uint64_t total = 0;
-  std::uint64_t available = 0;
-  if (folder == nullptr || folder->GetRoom(total, available) != 0 || available >= kLeastRoom) {
-    return "";  // also when the system does not say
-  }
-  return "the disk of " + path + " is nearly full: " + std::to_string(available >> 20) + " MiB are left";
-}
-
-// Of the catalogue and the log, and of the stored bytes where they are files.
-std::string LookAtSpace(const std::string& data_folder, const std::string& storage) {
-  const bool is_folder = storage.starts_with("file:");
-  const std::string trouble = LookAtSpace(data_folder);
-  return trouble.empty() && is_folder ? LookAtSpace(UrlPath(storage)) : trouble;
 }
 
 bool IsAbsolute(const std::string& path) {
@@ -425,7 +367,7 @@ void CServer::Start() {
   }
   details::RemoveDeadFirstParts();
   OpenAccessLog();
-  if (options_.HasHttps() || details::NeedsHttps(options_.admin_listen)) {
+  if (options_.NeedsCertificate()) {
     PrepareCertificate();
   }
 
@@ -436,7 +378,12 @@ void CServer::Start() {
   StartObjectServer(config);
   StartS3Server(config);
   StartPictureServer(config);
-  StartAdminServer(credentials);
+  try {
+    StartAdminServer(credentials);
+  } catch (const CStartFailure&) {
+    details::CloseAgain();
+    throw;
+  }
   WriteListeningFile(options_);
   const HousekeepingRules rules = {options_.keep_failed_seconds, options_.keep_removed_days * 24 * 3600};
   housekeeping_ = std::make_unique<CHousekeepingThread>(store_, options_.database, rules, lease_.get());
@@ -444,58 +391,6 @@ void CServer::Start() {
   move_thread_ = std::make_unique<CMoveThread>([this] { return HostOfMove(); });
   move_thread_->Begin();
   WatchAddresses();
-}
-
-void CServer::OpenAccessLog() {
-  if (!options_.access_log.empty()) {
-    access_log_ = std::make_unique<CAccessLog>(
-        options_.access_log, options_.access_log_json ? EAccessLogFormat::kJson : EAccessLogFormat::kCombined);
-  }
-}
-
-std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
-  return {
-      {"database", [] { return details::LookAtDatabase(); }},
-      {"storage", [store = store_] { return details::LookAtStorage(*store); }},
-      {"space", [folder = data_folder_->GetPath(),
-                 storage = options_.storage] { return details::LookAtSpace(folder, storage); }},
-  };
-}
-
-// This comes last: who asks before everything is open finds nobody.
-void CServer::StartAdminServer(const CredentialPair& credentials) {
-  const std::uint16_t port = options_.admin_port.value_or(HostOptions::kUsualAdminPort);
-  if (port == 0) {
-    return;
-  }
-  health_ = std::make_unique<CServerHealth>(HealthProbes());
-  health_->Begin();
-  const bool has_https = options_.HasHttps() || details::NeedsHttps(options_.admin_listen);
-  const std::int64_t start_time = TansyBase::TimeUtil::Now();
-  const auto source = [health = health_.get(), has_https, start_time] {
-    MetricsSource figures;
-    figures.start_time = start_time;
-    figures.certificate_ends = has_https ? CertificateEnd(kCertificatePath) : std::nullopt;
-    figures.health = health->Report();
-    return figures;
-  };
-  AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials};
-  if (options.addresses.empty()) {
-    options.addresses.push_back(details::kLoopback);
-  }
-  try {
-    admin_ = std::make_unique<CAdminServer>(std::move(options), source);
-    options_.admin_port = port;
-  } catch (const CStartFailure& failure) {
-    if (options_.admin_port.has_value()) {
-      details::CloseAgain();
-      throw;
-    }
-    // Another tansyd of this machine has the usual port. That is no reason not to serve.
-    options_.admin_port = 0;
-    health_.reset();
-    HOST_LOG(logging::kNotable, "[%s]%s: there is none, give admin-port a free port.[%s(%d)]", failure.what());
-  }
 }
 
 void CServer::WatchAddresses() {
@@ -586,74 +481,6 @@ std::string CServer::ReadyLine() const {
   return "tansyd ready: objects" + details::ListenerText(options_, options_.object_port, options_.object_https_port) +
          ", pictures" + details::ListenerText(options_, options_.picture_port, options_.picture_https_port) + s3 +
          ", data " + data_folder_->GetPath();
-}
-
-void CServer::Reload() {
-  ReloadLogs();
-  ReloadSettings();
-  const bool has_https = options_.HasHttps() || details::NeedsHttps(options_.admin_listen);
-  if (has_https && TansyNet::CHttpServer::ReloadCertificates() != 0) {
-    HOST_LOG(logging::kError, "[%s]the certificate was not replaced: %s.[%s(%d)]",
-             TansyNet::CHttpServer::LastError().c_str());
-    return;
-  }
-  HOST_LOG(logging::kNotable, "[%s]log file and certificates read again.[%s(%d)]");
-}
-
-void CServer::ReloadLogs() {
-  std::string error;
-  if (!log_->Reopen(error)) {
-    HOST_LOG(logging::kError, "[%s]the log file cannot be opened again: %s.[%s(%d)]", error.c_str());
-  }
-  if (access_log_ != nullptr) {
-    error = access_log_->Reopen();
-    if (!error.empty()) {
-      HOST_LOG(logging::kError, "[%s]the access log cannot be opened again: %s.[%s(%d)]", error.c_str());
-    }
-  }
-}
-
-// What the command line says goes before the file, now as at the start.
-void CServer::ReloadSettings() {
-  try {
-    Settings fresh;
-    const bool is_own_file = given_texts_.contains("config");
-    if (!ReadSettings(settings_path_, is_own_file, fresh) && is_own_file) {
-      throw CStartFailure(kExitFailed, "settings file " + settings_path_ + " does not exist");
-    }
-    HostOptions now;
-    ApplyOptions(now, fresh.texts, "settings file " + settings_path_ + ": ", "", kExitFailed);
-    ApplyOptions(now, given_texts_, "", "--", kExitUsage);
-    const ChangedOptions changed =
-        CompareOptions(details::Together(settings_.texts, given_texts_), details::Together(fresh.texts, given_texts_));
-    for (const std::string& name : changed.others) {
-      HOST_LOG(logging::kNotable, "[%s]%s has changed, which counts from the next start.[%s(%d)]", name.c_str());
-    }
-    if (fresh.access_key != settings_.access_key || fresh.secret_key != settings_.secret_key) {
-      HOST_LOG(logging::kNotable, "[%s]the keys may have changed, which counts from the next start.[%s(%d)]");
-    }
-    options_.log_level = now.log_level;
-    options_.memory_limit_mib = now.memory_limit_mib;
-    options_.require_date_minutes = now.require_date_minutes;
-    ApplyLiveOptions();
-    for (const std::string& name : changed.live) {
-      settings_.texts.erase(name);
-      if (const auto found = fresh.texts.find(name); found != fresh.texts.end()) {
-        settings_.texts.insert(*found);
-      }
-      HOST_LOG(logging::kNotable, "[%s]%s has changed, which counts from now on.[%s(%d)]", name.c_str());
-    }
-  } catch (const CStartFailure& failure) {
-    HOST_LOG(logging::kError, "[%s]the settings stay as they are: %s.[%s(%d)]", failure.what());
-  }
-}
-
-void CServer::ApplyLiveOptions() const {
-  logging::SetLowestLevel(options_.log_level);
-  TansyNet::HttpServerLimits limits;
-  limits.memory_bytes = std::uint64_t{options_.memory_limit_mib} << 20;
-  TansyNet::CHttpServer::SetLimits(limits);
-  CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
 }
 
 void CServer::Stop() {

@@ -1,0 +1,116 @@
+// What a server shows to those who look after it.
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Catalogue.h"
+#include "Certificate.h"
+#include "HostLog.h"
+#include "HostSystem/Files.h"
+#include "Server.h"
+#include "StartFailure.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyNet/HttpServer.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+constexpr const char* kLoopback = "127.0.0.1";
+// With less room on the disk the server is not well: this is what it keeps free of stored bytes.
+constexpr std::uint64_t kLeastRoom = std::uint64_t{96} << 20;
+
+// These say what is wrong, for those who ask whether the server is well; nothing: an empty text.
+std::string LookAtDatabase() {
+  std::int64_t seconds = 0;
+  return GetRunningSeconds(seconds) ? "" : "the catalogue cannot be read: see the log";
+}
+
+// A name under which nothing was ever stored is looked for in the same way as any other.
+std::string LookAtStorage(IObjectStore& store) {
+  const StoredName nothing{"fs01", "0000", std::string(32, '0')};
+  ReadBuffer buffer;
+  switch (store.ReadRange(nothing, 0, 1, buffer)) {
+    case EStoreResult::kFailed:
+      return "stored bytes cannot be read: see the log";
+    default:
+      return "";
+  }
+}
+
+std::string LookAtSpace(const std::string& path) {
+  int error = 0;
+  const auto folder = HostSystem::OpenFolder(path, error);
+  std::uint64_t total = 0;
+  std::uint64_t available = 0;
+  if (folder == nullptr || folder->GetRoom(total, available) != 0 || available >= kLeastRoom) {
+    return "";  // also when the system does not say
+  }
+  return "the disk of " + path + " is nearly full: " + std::to_string(available >> 20) + " MiB are left";
+}
+
+// Of the catalogue and the log, and of the stored bytes where they are files.
+std::string LookAtSpace(const std::string& data_folder, const std::string& storage) {
+  const bool is_folder = storage.starts_with("file:");
+  const std::string trouble = LookAtSpace(data_folder);
+  return trouble.empty() && is_folder ? LookAtSpace(UrlPath(storage)) : trouble;
+}
+
+}  // namespace
+}  // namespace details
+
+void CServer::OpenAccessLog() {
+  if (!options_.access_log.empty()) {
+    access_log_ = std::make_unique<CAccessLog>(
+        options_.access_log, options_.access_log_json ? EAccessLogFormat::kJson : EAccessLogFormat::kCombined);
+  }
+}
+
+std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
+  return {
+      {"database", [] { return details::LookAtDatabase(); }},
+      {"storage", [store = store_] { return details::LookAtStorage(*store); }},
+      {"space", [folder = data_folder_->GetPath(),
+                 storage = options_.storage] { return details::LookAtSpace(folder, storage); }},
+  };
+}
+
+// This comes last: who asks before everything is open finds nobody.
+void CServer::StartAdminServer(const CredentialPair& credentials) {
+  const std::uint16_t port = options_.admin_port.value_or(HostOptions::kUsualAdminPort);
+  if (port == 0) {
+    return;
+  }
+  health_ = std::make_unique<CServerHealth>(HealthProbes());
+  health_->Begin();
+  const bool has_https = options_.NeedsCertificate();
+  const std::int64_t start_time = TansyBase::TimeUtil::Now();
+  const auto source = [health = health_.get(), has_https, start_time] {
+    MetricsSource figures;
+    figures.start_time = start_time;
+    figures.certificate_ends = has_https ? CertificateEnd(kCertificatePath) : std::nullopt;
+    figures.health = health->Report();
+    return figures;
+  };
+  AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials};
+  if (options.addresses.empty()) {
+    options.addresses.push_back(details::kLoopback);
+  }
+  try {
+    admin_ = std::make_unique<CAdminServer>(std::move(options), source);
+    options_.admin_port = port;
+  } catch (const CStartFailure& failure) {
+    if (options_.admin_port.has_value()) {
+      throw;
+    }
+    // Another tansyd of this machine has the usual port. That is no reason not to serve.
+    options_.admin_port = 0;
+    health_.reset();
+    HOST_LOG(logging::kNotable, "[%s]%s: there is none, give admin-port a free port.[%s(%d)]", failure.what());
+  }
+}
+
+}  // namespace Tansy::Host
