@@ -320,6 +320,11 @@ EStoreResult CFileStore::ReadRange(const StoredName& name, std::uint64_t offset,
   return error == 0 ? EStoreResult::kDone : details::Failed("reading", FilePathOf(name), error);
 }
 
+EStoreResult CFileStore::Look() {
+  std::vector<HostSystem::FolderEntry> entries;
+  return root_->List(entries) == 0 ? EStoreResult::kDone : EStoreResult::kFailed;
+}
+
 std::uint32_t CFileStore::DownloadChunk() const {
   return details::kDownloadChunk;
 }

@@ -41,6 +41,7 @@ class CFileStore final : public IObjectStore {
   EStoreResult SaveNamed(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
+  EStoreResult Look() override;
   std::uint32_t DownloadChunk() const override;
   EStoreResult Remove(const StoredName& name) override;
   EStoreResult BeginRead(const StoredName& name) override;

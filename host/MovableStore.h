@@ -37,6 +37,7 @@ class CMovableStore final : public IObjectStore {
   EStoreResult Remove(const StoredName& name) override;
   EStoreResult BeginRead(const StoredName& name) override;
   void EndRead(const StoredName& name) override;
+  EStoreResult Look() override { return Now().Look(); }
   std::uint32_t DownloadChunk() const override { return Now().DownloadChunk(); }
   bool IsPicture(const StoredName& name) const override { return Now().IsPicture(name); }
   bool ForEach(EContent content, const std::function<bool(const StoredEntry&)>& visitor) override;

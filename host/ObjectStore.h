@@ -88,6 +88,8 @@ class IObjectStore {
   // Reads at most `size` bytes, fewer (even none) at the end.
   virtual EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size,
                                  ReadBuffer& buffer) = 0;
+  // Says whether stored bytes can be looked for: kDone, or kFailed. What is found is not read, and nothing is logged.
+  virtual EStoreResult Look() = 0;
   // Says how many bytes a long download should read at a time; 0 leaves that to the server.
   virtual std::uint32_t DownloadChunk() const = 0;
   virtual EStoreResult Remove(const StoredName& name) = 0;

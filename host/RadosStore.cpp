@@ -256,6 +256,14 @@ int CRadosStore::NoteRemoval(const StoredName& name) {
   return 0;
 }
 
+EStoreResult CRadosStore::Look() {
+  const StoredName nothing{kPoolObjects, "0000", std::string(32, '0')};  // no id that was ever given
+  const TansyBase::CBlockingScope blocking;
+  std::uint64_t size = 0;
+  const int error = chunks_.GetSize(nothing, size);
+  return error == 0 || error == ENOENT ? EStoreResult::kDone : EStoreResult::kFailed;
+}
+
 EStoreResult CRadosStore::BeginRead(const StoredName& name) {
   if (!IsMine(name)) {
     return EStoreResult::kInvalid;

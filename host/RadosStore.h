@@ -38,6 +38,7 @@ class CRadosStore final : public IObjectStore {
   EStoreResult SaveNamed(const StoredName& name, std::uint64_t offset, const char* data, std::uint32_t size) override;
   EStoreResult ReadWhole(const StoredName& name, ReadBuffer& buffer) override;
   EStoreResult ReadRange(const StoredName& name, std::uint64_t offset, std::uint32_t size, ReadBuffer& buffer) override;
+  EStoreResult Look() override;
   // A large chunk is read from several places of the pool at once.
   std::uint32_t DownloadChunk() const override { return 0; }
   EStoreResult Remove(const StoredName& name) override;

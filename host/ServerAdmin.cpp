@@ -29,16 +29,8 @@ std::string LookAtDatabase() {
   return GetRunningSeconds(seconds) ? "" : "the catalogue cannot be read: see the log";
 }
 
-// A name under which nothing was ever stored is looked for in the same way as any other.
 std::string LookAtStorage(IObjectStore& store) {
-  const StoredName nothing{"fs01", "0000", std::string(32, '0')};
-  ReadBuffer buffer;
-  switch (store.ReadRange(nothing, 0, 1, buffer)) {
-    case EStoreResult::kFailed:
-      return "stored bytes cannot be read: see the log";
-    default:
-      return "";
-  }
+  return store.Look() == EStoreResult::kDone ? "" : "stored bytes cannot be looked for";
 }
 
 std::string LookAtSpace(const std::string& path) {

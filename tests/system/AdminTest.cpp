@@ -63,6 +63,7 @@ TEST_F(AdminTest, SaysThatItLivesAndIsReady) {
   EXPECT_EQ(ready.body,
             "{\"status\":\"ready\",\"parts\":{\"database\":\"well\",\"storage\":\"well\",\"space\":\"well\"}}\n");
   EXPECT_EQ(Ask("/health/ready", "HEAD").status, 200);
+  EXPECT_THAT(server_.GetLog(), Not(HasSubstr(" error "))) << "nothing is wrong";
 }
 
 TEST_F(AdminTest, SaysThatTheDiskOfTheBytesIsNearlyFull) {
@@ -238,9 +239,9 @@ TEST_F(AdminTest, TheUsualPortGivesWayWhereItWasNotAskedFor) {
                       "--s3-https-port",
                       "0"};
   ASSERT_TRUE(second.Start(launch));
-  EXPECT_TRUE(WaitUntil(
-      [&] { return second.GetLog().find("there is none, give admin-port a free port") != std::string::npos; }))
-      << second.GetLog();
+  EXPECT_TRUE(WaitUntil([&] {
+    return second.GetLog().find("there is none, give admin-port a free port") != std::string::npos;
+  })) << second.GetLog();
   std::ifstream listening(second.Data("listening.toml"));
   EXPECT_THAT(std::string(std::istreambuf_iterator<char>(listening), {}), HasSubstr("admin-port = 0\n"));
 }

@@ -23,6 +23,7 @@ class CScriptedStore final : public IObjectStore {
   EStoreResult SaveNamed(const StoredName&, std::uint64_t, const char*, std::uint32_t) override { return result; }
   EStoreResult ReadWhole(const StoredName&, ReadBuffer&) override { return Result(); }
   EStoreResult ReadRange(const StoredName&, std::uint64_t, std::uint32_t, ReadBuffer&) override { return Result(); }
+  EStoreResult Look() override { return EStoreResult::kDone; }
   std::uint32_t DownloadChunk() const override { return 0; }
   EStoreResult Remove(const StoredName&) override { return Result(); }
   bool IsPicture(const StoredName& name) const override { return name.volume == "pc01"; }

@@ -13,6 +13,7 @@
 #include "RadosPool.h"
 #include "RadosStore.h"
 #include "StoreFixture.h"
+#include "fakes/CapturingLogSink.h"
 #include "fakes/CephCluster.h"
 #include "fakes/RandomBytes.h"
 #include "fakes/TempFolder.h"
@@ -69,6 +70,18 @@ TEST_P(ObjectStoreTest, WholeBytesComeBack) {
       EXPECT_EQ(stored, size);
     }
   }
+}
+
+// A server looks every few seconds.
+TEST_P(ObjectStoreTest, LooksWithoutALineInTheLog) {
+  const auto log = std::make_shared<Tests::CCapturingLogSink>();
+  logging::SetSink(log);
+  EXPECT_EQ(store_->Look(), EStoreResult::kDone);
+  StoredName name;
+  ASSERT_EQ(Save("bytes", name), EStoreResult::kDone);
+  EXPECT_EQ(store_->Look(), EStoreResult::kDone);
+  logging::SetSink(nullptr);
+  EXPECT_THAT(log->Lines(), testing::IsEmpty());
 }
 
 // Ranges that begin and end at, before and behind the places where a store may cut.
