@@ -44,6 +44,7 @@ struct Planted {
   EDefect defect;
   const char* name;
   const char* shown_as;  // what a contradiction says
+  const char* may_be_shown_as = "but it can have held";
 
   friend void PrintTo(const Planted& planted, std::ostream* out) { *out << planted.name; }
 };
@@ -79,19 +80,24 @@ INSTANTIATE_TEST_SUITE_P(
 
 class PlantedNodeDefectTest : public testing::TestWithParam<Planted> {};
 
+// Two rules may be broken by one defect; which of them a read breaks first is a matter of time, and a run ends with it.
 TEST_P(PlantedNodeDefectTest, IsFound) {
   RunOptions options = ForObjects(1);
   const RunResult result = RunFaultyNodes(GetParam().defect, options);
-  EXPECT_THAT(result.wrong, testing::Contains(testing::HasSubstr(GetParam().shown_as))) << Describe(options, result);
+  EXPECT_THAT(result.wrong, testing::Contains(testing::AnyOf(testing::HasSubstr(GetParam().shown_as),
+                                                             testing::HasSubstr(GetParam().may_be_shown_as))))
+      << Describe(options, result);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Defect, PlantedNodeDefectTest,
-    testing::Values(Planted{EDefect::kAnswerBeforeCommit, "AnswerBeforeCommit", "but it can have held"},
-                    Planted{EDefect::kOldMemory, "OldMemory", "but it can have held"},
-                    Planted{EDefect::kNewOneNotFound, "NewOneNotFound", "but it can have held"},
-                    Planted{EDefect::kOwnWriteForgotten, "OwnWriteForgotten", "but before that, at the same node"}),
-    [](const auto& item) { return std::string(item.param.name); });
+INSTANTIATE_TEST_SUITE_P(Defect, PlantedNodeDefectTest,
+                         testing::Values(Planted{EDefect::kAnswerBeforeCommit, "AnswerBeforeCommit",
+                                                 "but it can have held", "but before that, at the same node"},
+                                         Planted{EDefect::kOldMemory, "OldMemory", "but it can have held",
+                                                 "but before that, at the same node"},
+                                         Planted{EDefect::kNewOneNotFound, "NewOneNotFound", "but it can have held"},
+                                         Planted{EDefect::kOwnWriteForgotten, "OwnWriteForgotten",
+                                                 "but before that, at the same node"}),
+                         [](const auto& item) { return std::string(item.param.name); });
 
 TEST(NoDefectTest, NodesThatAreBehindAsLongAsTheyMayPass) {
   RunOptions options = ForObjects(1);
