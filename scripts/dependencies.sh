@@ -12,7 +12,7 @@ packages=(
   openssl curl groff-base
 )
 if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
-  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic prometheus)
+  packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic)
 fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
@@ -28,6 +28,29 @@ fi
 build_libraries() {
   [[ "${1:-}" != windows ]] || "$(dirname "${BASH_SOURCE[0]}")/windows-libraries.sh"
 }
+
+# Only one program of that package is wanted: installed, it would start a service on the machine.
+fetch_promtool() {
+  local tools work
+  tools=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build/tools
+  if command -v promtool >/dev/null || [[ -x $tools/promtool ]]; then
+    return
+  fi
+  echo "dependencies: fetching promtool"
+  work=$(mktemp -d)
+  if ! (cd "$work" && apt-get download -qq prometheus && dpkg-deb -x prometheus_*.deb .); then
+    echo "dependencies: promtool cannot be fetched: run apt-get update" >&2
+    rm -rf "$work"
+    return 1
+  fi
+  mkdir -p "$tools"
+  mv "$work/usr/bin/promtool" "$tools/promtool"
+  rm -rf "$work"
+}
+with_promtool=false
+if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
+  with_promtool=true
+fi
 
 missing=()
 for package in "${packages[@]}"; do
@@ -61,3 +84,4 @@ export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 build_libraries "$@"
+! $with_promtool || fetch_promtool

@@ -2,9 +2,10 @@
 # Checks what dist/ offers to monitoring: alert rules, what they do, and every question of the dashboard.
 # usage: monitoring.sh SOURCE_FOLDER
 set -euo pipefail
+promtool=$1/scripts/promtool.sh
 cd "$1/dist"
-promtool check rules tansyd.rules.yml
-promtool test rules tansyd.rules.test.yml
+"$promtool" check rules tansyd.rules.yml
+"$promtool" test rules tansyd.rules.test.yml
 
 questions=$(mktemp)
 trap 'rm -f "$questions"' EXIT
@@ -17,4 +18,4 @@ for panel in board["panels"]:
         print("      - record: question:%d%s" % (panel["id"], target["refId"].lower()))
         print("        expr: " + json.dumps(target["expr"].replace("$instance", ".*")))
 END
-promtool check rules "$questions"
+"$promtool" check rules "$questions"

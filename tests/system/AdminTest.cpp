@@ -105,7 +105,7 @@ TEST_F(AdminTest, ItsFiguresAreWhatPrometheusTakes) {
   ASSERT_TRUE(StartWithAdmin());
   MakeBucket("b");
   Invocation promtool;
-  promtool.program = "/usr/bin/promtool";
+  promtool.program = ScriptPath("promtool.sh");
   promtool.arguments = {"check", "metrics"};
   promtool.folder = temp_.GetPath();
   const Ended ended = RunProgram(promtool, AskUntil("/metrics", "CreateBucket").body);
