@@ -26,6 +26,17 @@ class AdminTest : public TansydTest {
     launch.arguments = std::move(arguments);
     return server_.Start(launch);
   }
+  // Another server of this machine that is not told anything about its admin port.
+  static Launch WithOwnPorts(const CTansyd& server) {
+    Launch launch;
+    launch.with_ports = false;
+    launch.arguments = {"--object-port", std::to_string(server.GetObjectPort())};
+    launch.arguments.insert(launch.arguments.end(), {"--picture-port", std::to_string(server.GetPicturePort())});
+    for (const char* without : {"--object-https-port", "--picture-https-port", "--s3-port", "--s3-https-port"}) {
+      launch.arguments.insert(launch.arguments.end(), {without, "0"});
+    }
+    return launch;
+  }
   Reply Ask(const std::string& target, const std::string& method = "GET") const {
     return Call(server_.GetAdminPort(), {method, target, {}, ""});
   }
@@ -199,22 +210,8 @@ TEST_F(AdminTest, AsksForTheKeysWhoeverDoesNotComeFromThisMachine) {
 TEST_F(AdminTest, APortThatWasAskedForAndIsTakenEndsTheStart) {
   ASSERT_TRUE(StartWithAdmin());
   CTansyd second(temp_.GetPath(), "second");
-  Launch launch;
-  launch.with_ports = false;
-  launch.arguments = {"--object-port",
-                      std::to_string(second.GetObjectPort()),
-                      "--picture-port",
-                      std::to_string(second.GetPicturePort()),
-                      "--object-https-port",
-                      "0",
-                      "--picture-https-port",
-                      "0",
-                      "--s3-port",
-                      "0",
-                      "--s3-https-port",
-                      "0",
-                      "--admin-port",
-                      std::to_string(server_.GetAdminPort())};
+  Launch launch = WithOwnPorts(second);
+  launch.arguments.insert(launch.arguments.end(), {"--admin-port", std::to_string(server_.GetAdminPort())});
   const Ended ended = second.RunToEnd(launch);
   EXPECT_EQ(ended.code, 1);
   EXPECT_THAT(ended.err,
@@ -224,20 +221,7 @@ TEST_F(AdminTest, APortThatWasAskedForAndIsTakenEndsTheStart) {
 TEST_F(AdminTest, TheUsualPortGivesWayWhereItWasNotAskedFor) {
   const CTakenPort taken(9703);  // when another program of this machine has it already, that is as good
   CTansyd second(temp_.GetPath(), "second");
-  Launch launch;
-  launch.with_ports = false;
-  launch.arguments = {"--object-port",
-                      std::to_string(second.GetObjectPort()),
-                      "--picture-port",
-                      std::to_string(second.GetPicturePort()),
-                      "--object-https-port",
-                      "0",
-                      "--picture-https-port",
-                      "0",
-                      "--s3-port",
-                      "0",
-                      "--s3-https-port",
-                      "0"};
+  const Launch launch = WithOwnPorts(second);
   ASSERT_TRUE(second.Start(launch));
   EXPECT_TRUE(WaitUntil([&] {
     return second.GetLog().find("there is none, give admin-port a free port") != std::string::npos;
