@@ -7,8 +7,12 @@ begin_profile() {
   local pids
   # shellcheck disable=SC2046
   printf -v pids '%s,' $(server_pids "$server")
-  perf record --quiet -F 997 -g -o "$disk/profile.data" -p "${pids%,}" >/dev/null 2>&1 &
+  rm -f "$disk/profile.data"
+  perf record --quiet -F 4999 -g -o "$disk/profile.data" -p "${pids%,}" >/dev/null 2>&1 &
   profiler=$!
+  # Some rows last shorter than the start of perf.
+  until [[ -e $disk/profile.data ]]; do sleep 0.05; done
+  sleep 0.3
 }
 
 end_profile() {
@@ -40,14 +44,15 @@ end_profile() {
     END { for (name in count) printf "%.4f %s\n", count[name] / samples, name }' >"$disk/profile.shares"
 }
 
-# The parts of which one contender spends a fiftieth or more.
+# The parts of which one contender spends a fiftieth or more. A program that is no server, such as dd, has none.
 print_profile() { # NAME
   $profile || return 0
   local other=${row_other[$1]} results=$disk/results/$1
   [[ -z $against ]] || other=against
-  [[ -s $results/profile-tansyd && -s $results/profile-$other ]] || return 0
+  [[ -s $results/profile-tansyd ]] || return 0
+  touch "$results/profile-$other"
   awk -v ours="$(cpu_of "$results/tansyd")" -v theirs="$(cpu_of "$results/$other")" '
-    FNR == 1 {++file}
+    FNR == 1 {file = FILENAME == ARGV[1] ? 1 : 2}
     {share[file, substr($0, index($0, " ") + 1)] = $1; names[substr($0, index($0, " ") + 1)]}
     END {
       for (name in names) {
