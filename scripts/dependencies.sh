@@ -24,6 +24,18 @@ elif [[ "${1:-}" == --fuzz ]]; then
   packages+=(clang-14 libclang-rt-14-dev)
 fi
 
+# These may have come from elsewhere than Debian's packages.
+add_program() {
+  command -v "$1" >/dev/null || packages+=("$2")
+}
+if [[ "${1:-}" != windows ]]; then
+  add_program node nodejs
+  add_program npm npm
+fi
+if [[ "${1:-}" != --no-tests && "${1:-}" != windows && -z "${TANSY_TEST_BROWSER:-}" ]]; then
+  add_program chromium chromium
+fi
+
 # Libraries for Windows have no packages.
 build_libraries() {
   [[ "${1:-}" != windows ]] || "$(dirname "${BASH_SOURCE[0]}")/windows-libraries.sh"
