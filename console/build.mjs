@@ -1,7 +1,8 @@
-// Builds the console's files into a folder: index.html, icon.svg, licences.txt, and one script and one style sheet whose names carry
-// a digest of what is in them, so that browsers may keep them for ever.
+// Builds the console's files into a folder: index.html, and a script, a style sheet, an icon and the licences, whose names carry a
+// digest of what is in them, so that browsers may keep them for ever.
 // usage: node build.mjs [FOLDER]      default: dist
 import { build } from "esbuild";
+import { createHash } from "node:crypto";
 import { mkdir, readFile, readdir, rm, writeFile } from "node:fs/promises";
 import path from "node:path";
 import { fileURLToPath } from "node:url";
@@ -31,7 +32,14 @@ async function bundle() {
   return { script: names.find((name) => name.endsWith(".js")), style: names.find((name) => name.endsWith(".css")) };
 }
 
-function page({ script, style }) {
+// Writes a file under a name with the digest of what is in it, and gives that name.
+async function writeDigested(stem, ending, content) {
+  const name = `${stem}-${createHash("sha256").update(content).digest("hex").slice(0, 8)}.${ending}`;
+  await writeFile(path.join(out, name), content);
+  return name;
+}
+
+function page({ script, style, icon, licences }) {
   return `<!doctype html>
 <html lang="en">
 <head>
@@ -39,7 +47,8 @@ function page({ script, style }) {
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <meta name="color-scheme" content="light dark">
 <title>Tansy</title>
-<link rel="icon" href="icon.svg" type="image/svg+xml">
+<link rel="icon" href="${icon}" type="image/svg+xml">
+<link rel="license" href="${licences}">
 <link rel="stylesheet" href="${style}">
 <script type="module" src="${script}"></script>
 </head>
@@ -51,7 +60,7 @@ function page({ script, style }) {
 `;
 }
 
-async function licences() {
+async function licenceTexts() {
   const { dependencies } = JSON.parse(await readFile(path.join(here, "package.json"), "utf8"));
   const texts = [];
   for (const name of Object.keys(dependencies)) {
@@ -75,9 +84,9 @@ async function compressedSize() {
 await rm(out, { recursive: true, force: true });
 await mkdir(out, { recursive: true });
 const names = await bundle();
-await writeFile(path.join(out, "index.html"), page(names));
-await writeFile(path.join(out, "icon.svg"), await readFile(path.join(here, "icon.svg")));
-await writeFile(path.join(out, "licences.txt"), await licences());
+const icon = await writeDigested("icon", "svg", await readFile(path.join(here, "icon.svg")));
+const licences = await writeDigested("licences", "txt", await licenceTexts());
+await writeFile(path.join(out, "index.html"), page({ ...names, icon, licences }));
 const bytes = await compressedSize();
 if (bytes > mostBytes) {
   console.error(`console: ${bytes} bytes compressed; the limit is ${mostBytes}`);
