@@ -38,7 +38,7 @@ int Stop(std::int32_t handle) {
 }
 
 int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
-          RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
+          RecvCallback callback, bool reuse_address, const ListenerStyle& style) {
   CListenerTable::SetLastError({});
   handle = 0;
   if (port == 0) {
@@ -51,7 +51,7 @@ int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, 
   std::vector<std::int32_t> handles;
   for (const std::string& each : TheProcess().addresses.Of(address)) {
     std::int32_t own = 0;
-    const int result = TheProcess().listeners.Start(own, each, port, tls, callback, reuse_address, unknown_length);
+    const int result = TheProcess().listeners.Start(own, each, port, tls, callback, reuse_address, style);
     if (result != 0) {
       for (const std::int32_t opened : handles) {
         TheProcess().listeners.Stop(opened);
@@ -92,13 +92,13 @@ int Report(int result, std::int32_t handle) {
 }  // namespace details
 
 int CHttpServer::StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                 RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
-  return details::Start(handle, address, port, nullptr, callback, reuse_address, unknown_length);
+                                 RecvCallback callback, bool reuse_address, const ListenerStyle& style) {
+  return details::Start(handle, address, port, nullptr, callback, reuse_address, style);
 }
 
 int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                  const HttpsServer& tls, RecvCallback callback, EUnknownLength unknown_length) {
-  return details::Start(handle, address, port, &tls, callback, true, unknown_length);
+                                  const HttpsServer& tls, RecvCallback callback, const ListenerStyle& style) {
+  return details::Start(handle, address, port, &tls, callback, true, style);
 }
 
 int CHttpServer::StopServer(std::int32_t handle) {

@@ -29,14 +29,12 @@ class CHttpServer {
 
   // Listens on `address` ("0.0.0.0", "::" or any local address; IPv6 listeners are v6-only so that both families share
   // a port). Port 0 opens nothing and succeeds with handle 0, and so does "::" on a machine without IPv6.
-  // `unknown_length` says what becomes of uploads whose length is not announced.
+  // `style` says what becomes of uploads whose length is not announced, and how refusals look.
   // `reuse_address` allows a port on which connections of an earlier listener still linger.
   static int StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                             RecvCallback callback, bool reuse_address,
-                             EUnknownLength unknown_length = EUnknownLength::kRefuse);
+                             RecvCallback callback, bool reuse_address, const ListenerStyle& style = {});
   static int StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                              const HttpsServer& tls, RecvCallback callback,
-                              EUnknownLength unknown_length = EUnknownLength::kRefuse);
+                              const HttpsServer& tls, RecvCallback callback, const ListenerStyle& style = {});
   // Stops accepting and closes idle connections. Requests under way are answered, and their connections are closed
   // after that. Stopping handle 0 succeeds.
   static int StopServer(std::int32_t handle);

@@ -33,17 +33,16 @@ int Replace(Listener& listener, std::uint32_t port, const Start& start) {
 }  // namespace
 
 int StartListener(Listener& listener, const char* address, std::uint32_t port,
-                  TansyNet::CHttpServer::RecvCallback callback, TansyNet::EUnknownLength unknown_length) {
+                  TansyNet::CHttpServer::RecvCallback callback, const TansyNet::ListenerStyle& style) {
   return Replace(listener, port, [&](std::int32_t& handle, std::uint16_t wanted) {
-    return TansyNet::CHttpServer::StartHttpServer(handle, address, wanted, callback, true, unknown_length);
+    return TansyNet::CHttpServer::StartHttpServer(handle, address, wanted, callback, true, style);
   });
 }
 
 int StartTlsListener(Listener& listener, const char* address, std::uint32_t port,
-                     TansyNet::CHttpServer::RecvCallback callback, TansyNet::EUnknownLength unknown_length) {
+                     TansyNet::CHttpServer::RecvCallback callback, const TansyNet::ListenerStyle& style) {
   return Replace(listener, port, [&](std::int32_t& handle, std::uint16_t wanted) {
-    return TansyNet::CHttpServer::StartHttpsServer(handle, address, wanted, DefaultCertificate(), callback,
-                                                   unknown_length);
+    return TansyNet::CHttpServer::StartHttpsServer(handle, address, wanted, DefaultCertificate(), callback, style);
   });
 }
 

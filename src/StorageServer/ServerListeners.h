@@ -21,12 +21,10 @@ struct Listener {
 // can be repeated. A listener at another port is stopped once the new one is open, and stays when the new one cannot be
 // opened. Ports are read as 16 bits.
 int StartListener(Listener& listener, const char* address, std::uint32_t port,
-                  TansyNet::CHttpServer::RecvCallback callback,
-                  TansyNet::EUnknownLength unknown_length = TansyNet::EUnknownLength::kRefuse);
+                  TansyNet::CHttpServer::RecvCallback callback, const TansyNet::ListenerStyle& style = {});
 // Does the same with TLS and the default certificate, which lies below the executable's folder.
 int StartTlsListener(Listener& listener, const char* address, std::uint32_t port,
-                     TansyNet::CHttpServer::RecvCallback callback,
-                     TansyNet::EUnknownLength unknown_length = TansyNet::EUnknownLength::kRefuse);
+                     TansyNet::CHttpServer::RecvCallback callback, const TansyNet::ListenerStyle& style = {});
 // Stops a listener. A stopped listener is forgotten, so that a stop that failed half-way can be repeated.
 int StopListener(Listener& listener);
 

@@ -277,25 +277,25 @@ using Tansy::Tests::CFakeHttpServer;
 using Tansy::Tests::FakeListener;
 
 int CHttpServer::StartHttpServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                 RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
+                                 RecvCallback callback, bool reuse_address, const ListenerStyle& style) {
   FakeListener listener;
   listener.address = address;
   listener.port = port;
   listener.callback = callback;
-  listener.unknown_length = unknown_length;
+  listener.style = style;
   listener.reuse_address = reuse_address;
   return CFakeHttpServer::Instance().Start(std::move(listener), handle);
 }
 
 int CHttpServer::StartHttpsServer(std::int32_t& handle, const std::string& address, std::uint16_t port,
-                                  const HttpsServer& tls, RecvCallback callback, EUnknownLength unknown_length) {
+                                  const HttpsServer& tls, RecvCallback callback, const ListenerStyle& style) {
   FakeListener listener;
   listener.https = true;
   listener.address = address;
   listener.port = port;
   listener.tls = tls;
   listener.callback = callback;
-  listener.unknown_length = unknown_length;
+  listener.style = style;
   return CFakeHttpServer::Instance().Start(std::move(listener), handle);
 }
 

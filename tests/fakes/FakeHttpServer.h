@@ -35,7 +35,7 @@ struct FakeListener {
   bool reuse_address = false;  // HTTP only
   TansyNet::HttpsServer tls;   // HTTPS only
   TansyNet::CHttpServer::RecvCallback callback = nullptr;
-  TansyNet::EUnknownLength unknown_length = TansyNet::EUnknownLength::kRefuse;
+  TansyNet::ListenerStyle style;
   bool open = true;
 };
 

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/Program.h"
 #include "support/S3Sign.h"
 #include "support/TansydTest.h"
 
@@ -23,6 +24,7 @@ class S3BadInputTest : public TansydTest {
   void SetUp() override {
     Launch launch;
     launch.with_s3 = true;
+    launch.with_admin = true;
     ASSERT_TRUE(server_.Start(launch));
     ASSERT_EQ(Ask({"PUT", "/bucket", {}, ""}), "200");
     ASSERT_EQ(Ask({"PUT", "/bucket/k", {}, "0123456789"}), "200");
@@ -180,6 +182,24 @@ TEST_F(S3BadInputTest, TrailersThatLie) {
   }
 }
 
+TEST_F(S3BadInputTest, BodiesThatAreAnnouncedTooLong) {
+  for (const char* length : {"4294967296", "99999999999999999999999999"}) {
+    Request request = S3Signed({"PUT", "/bucket/bad", {}, ""}, server_.GetS3Port());
+    std::string text = Serialize(request, server_.GetS3Port());
+    text.replace(text.find("Content-Length: 0"), 17, "Content-Length: " + std::string(length));
+    const auto upload = CConnection::Open(server_.GetS3Port());
+    ASSERT_NE(upload, nullptr);
+    ASSERT_TRUE(upload->Send(text));
+    const Reply reply = upload->Receive();
+    EXPECT_EQ(reply.status, 400) << reply.body;
+    EXPECT_EQ(XmlValue(reply.body, "Code"), "EntityTooLarge");
+    EXPECT_EQ(XmlValue(reply.body, "Resource"), "/bucket/bad");
+    EXPECT_EQ(XmlValue(reply.body, "RequestId"), reply.Header("x-amz-request-id"));
+    EXPECT_EQ(reply.Header("x-amz-request-id").size(), 16U);
+    EXPECT_EQ(reply.Header("Content-Type"), "application/xml");
+  }
+}
+
 TEST_F(S3BadInputTest, ClocksThatAreAnHourOff) {
   for (const int offset : {-3600, 3600}) {
     EXPECT_EQ(Ask({"PUT", "/bucket/bad", {}, "x"}, {"UNSIGNED-PAYLOAD", offset}), "403 RequestTimeTooSkewed");
@@ -198,6 +218,43 @@ TEST_F(S3BadInputTest, AClientThatGoesAwayInTheMiddle) {
     ASSERT_NE(upload, nullptr);
     upload->Send(std::string_view(text).substr(0, text.size() * static_cast<std::size_t>(i) / 10));
     upload->Reset();
+  }
+}
+
+// Uploads that come whole, in chunks, in signed chunks and in pieces, each of which stops in the middle.
+TEST_F(S3BadInputTest, WritersThatStandStillAreEndedAndGiveTheirMemoryBack) {
+  const std::uint16_t port = server_.GetS3Port();
+  const std::string small = RandomBytes(1 << 20, 5);
+  const std::string large = RandomBytes(2 * kStreamed, 6);
+  const auto chunked = [&](const std::string& bytes, HeaderList headers) {
+    headers.emplace_back("x-amz-decoded-content-length", std::to_string(bytes.size()));
+    Request request = S3Signed({"PUT", "/bucket/bad", headers, ""}, port, {kUnsignedChunks, 0});
+    request.body = InChunks(bytes, 65536);
+    return request;
+  };
+  Request around = chunked(large, {{"Transfer-Encoding", "chunked"}});
+  around.body = Chunk(around.body);
+  std::vector<std::unique_ptr<CConnection>> writers;
+  for (const Request& request : {S3Signed({"PUT", "/bucket/bad", {}, small}, port), chunked(small, {}),
+                                 S3Signed({"PUT", "/bucket/bad", {}, large}, port), chunked(large, {}), around}) {
+    const std::string text = Serialize(request, port);
+    writers.push_back(CConnection::Open(port));
+    ASSERT_NE(writers.back(), nullptr);
+    ASSERT_TRUE(writers.back()->Send(std::string_view(text).substr(0, text.size() / 4 * 3)));
+  }
+  const auto memory = [this] { return Call(server_.GetAdminPort(), {"GET", "/metrics", {}, ""}).body; };
+  EXPECT_TRUE(WaitUntil([&] { return memory().find("tansy_memory_bytes{use=\"arriving\"} 0\n") == std::string::npos; }))
+      << "nothing has arrived";
+  for (const auto& writer : writers) {
+    const Reply reply = writer->Receive(seconds(180));
+    EXPECT_EQ(reply.status, 408) << reply.body;
+    EXPECT_EQ(XmlValue(reply.body, "Code"), "InvalidRequest");
+    EXPECT_TRUE(writer->IsClosedByServer());
+  }
+  for (const char* use : {"arriving", "work"}) {
+    EXPECT_TRUE(WaitUntil([&] {
+      return memory().find(std::string("tansy_memory_bytes{use=\"") + use + "\"} 0\n") != std::string::npos;
+    })) << memory();
   }
 }
 

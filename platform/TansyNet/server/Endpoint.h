@@ -9,11 +9,10 @@
 namespace TansyNet {
 
 struct Endpoint {
-  explicit Endpoint(RecvCallback receiver, EUnknownLength chunked = EUnknownLength::kRefuse)
-      : callback(receiver), unknown_length(chunked) {}
+  explicit Endpoint(RecvCallback receiver, const ListenerStyle& way = {}) : callback(receiver), style(way) {}
 
   const RecvCallback callback;
-  const EUnknownLength unknown_length;
+  const ListenerStyle style;
   std::atomic<bool> closed{false};  // the listener has stopped: connections end with their present request
 };
 

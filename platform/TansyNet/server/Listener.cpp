@@ -73,10 +73,10 @@ error_code Bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, bool reu
 }  // namespace details
 
 CListener::CListener(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker, RecvCallback callback,
-                     EUnknownLength unknown_length)
+                     const ListenerStyle& style)
     : runtime_(runtime),
       worker_(std::move(worker)),
-      endpoint_(std::make_shared<Endpoint>(callback, unknown_length)),
+      endpoint_(std::make_shared<Endpoint>(callback, style)),
       impl_(std::make_unique<Impl>(worker_->Loop())) {}
 
 CListener::~CListener() = default;

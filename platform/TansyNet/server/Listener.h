@@ -23,7 +23,7 @@ namespace TansyNet {
 class CListener : public std::enable_shared_from_this<CListener> {
  public:
   CListener(CServerRuntime& runtime, std::shared_ptr<CServerWorker> worker, RecvCallback callback,
-            EUnknownLength unknown_length);
+            const ListenerStyle& style);
   ~CListener();
   CListener(const CListener&) = delete;
   CListener& operator=(const CListener&) = delete;

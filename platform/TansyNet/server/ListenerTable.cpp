@@ -23,10 +23,10 @@ std::string CListenerTable::LastError() {
 }
 
 int CListenerTable::Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
-                          RecvCallback callback, bool reuse_address, EUnknownLength unknown_length) {
+                          RecvCallback callback, bool reuse_address, const ListenerStyle& style) {
   const std::scoped_lock control(control_mutex_);
   runtime_.EnsureRunning();
-  const auto listener = std::make_shared<CListener>(runtime_, runtime_.NextWorker(), callback, unknown_length);
+  const auto listener = std::make_shared<CListener>(runtime_, runtime_.NextWorker(), callback, style);
   std::string error;
   int result = tls == nullptr ? 0 : listener->LoadCertificate(*tls, error);
   if (result == 0) {

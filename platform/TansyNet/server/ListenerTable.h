@@ -23,7 +23,7 @@ class CListenerTable {
 
   // `tls` is null for plain HTTP.
   int Start(std::int32_t& handle, const std::string& address, std::uint16_t port, const HttpsServer* tls,
-            RecvCallback callback, bool reuse_address, EUnknownLength unknown_length);
+            RecvCallback callback, bool reuse_address, const ListenerStyle& style);
   int Stop(std::int32_t handle);
   int ReloadCertificates();
   bool Shutdown(std::uint32_t drain_ms);

@@ -182,6 +182,8 @@ class CServerConnection final : public IServerConnection,
 
   // These are in ServerConnectionAnswer.cpp.
   Next Refuse(int status);
+  Refusal MakeRefusal(int status);
+  HttpServerRecv RequestSoFar();
   bool CheckHandle(std::int32_t handle) const { return handle_ == handle && handle != 0; }
   std::string TakeHead(const HttpResponse& response, std::uint64_t content_length);
   void ForgetRequest();

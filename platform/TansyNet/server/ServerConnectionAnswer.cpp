@@ -221,16 +221,35 @@ void CServerConnection::ForgetRequest() {
   }
 }
 
+// Gives what is known of a request that is refused; its head may not be read to its end.
+HttpServerRecv CServerConnection::RequestSoFar() {
+  HttpServerRecv msg = request_;
+  if (msg.method.empty()) {
+    const RequestHead& head = parser_.Head();
+    msg.method = head.method;
+    msg.url = head.path;
+    msg.headers = head.headers;
+  }
+  return msg;
+}
+
+Refusal CServerConnection::MakeRefusal(int status) {
+  if (origin_->style.refusal == nullptr) {
+    return {LibraryAnswer(status), ReasonOf(status)};
+  }
+  return origin_->style.refusal(status, RequestSoFar());
+}
+
 // Sends an answer of the library's own, after which the connection ends.
 CServerConnection::Next CServerConnection::Refuse(int status) {
   TANSY_LOG(logging::kNotable, "TansyNet", "[%s]request refused, status = %d, handle = %d, ip = %s, url = %s[%s(%d)]",
             status, handle_, transport_.Socket().PeerAddress().c_str(), request_.url.c_str());
-  const std::string body = ReasonOf(status);
+  const auto [response, body] = MakeRefusal(status);
   keep_alive_ = false;
   if (!record_.IsOpen()) {
     record_.BeginUnread();
   }
-  const std::string head = TakeHead(LibraryAnswer(status), body.size());
+  const std::string head = TakeHead(response, body.size());
   ForgetRequest();
   KeepInput({});
   Release(body_);

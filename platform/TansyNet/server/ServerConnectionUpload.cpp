@@ -103,7 +103,7 @@ void CServerConnection::HandOver(std::shared_ptr<const std::string> piece) {
 }
 
 bool CServerConnection::IsStreamedWhenChunked() const {
-  return origin_->unknown_length == EUnknownLength::kInPieces && request_.method == details::kStreamedMethod;
+  return origin_->style.unknown_length == EUnknownLength::kInPieces && request_.method == details::kStreamedMethod;
 }
 
 // Small bodies come wholly before this, and are delivered so.

@@ -20,6 +20,23 @@ enum class EUnknownLength {
   kInPieces,  // it is delivered in pieces, with a content_length of 0; the last one may be empty
 };
 
+// The answer to a request that the library refuses by itself.
+struct Refusal {
+  HttpResponse response;
+  std::string body;
+};
+
+// Makes that answer in the words of a protocol. `status` is what the library would say in plain text, `msg` the request
+// as far as it was read. It is called while the connection is locked, on a thread that serves others too: it must not
+// wait, and must not call CHttpServer.
+using RefusalMaker = Refusal (*)(int status, const HttpServerRecv& msg);
+
+// What a listener does in the way of a protocol. The defaults suit most.
+struct ListenerStyle {
+  EUnknownLength unknown_length = EUnknownLength::kRefuse;
+  RefusalMaker refusal = nullptr;  // null: the status with its reason in plain text
+};
+
 // Certificate of an HTTPS listener. A path given as both certificate and key names a pair beside each other (path +
 // ".crt" and path + ".key") or, when there is no such pair, one PEM file that holds both. All flags are false for a
 // server that asks its clients for no certificate.

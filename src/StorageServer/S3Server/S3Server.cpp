@@ -4,6 +4,7 @@
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/PartUploads.h"
+#include "StorageServer/S3Server/S3Refusal.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -11,16 +12,20 @@ namespace {
 
 using CloudStorage::details::Listener;
 
+TansyNet::Refusal Refuse(int status, const TansyNet::HttpServerRecv& msg) {
+  return MakeRefusal(status, msg, *CS3Server::Instance().Config());
+}
+
+constexpr TansyNet::ListenerStyle kStyle = {TansyNet::EUnknownLength::kInPieces, &Refuse};
+
 int Start(Listener& listener, const char* address, std::uint32_t port) {
-  return port == 0 ? 0
-                   : CloudStorage::details::StartListener(listener, address, port, &CS3Server::RecvMsgCallBack,
-                                                          TansyNet::EUnknownLength::kInPieces);
+  using CloudStorage::details::StartListener;
+  return port == 0 ? 0 : StartListener(listener, address, port, &CS3Server::RecvMsgCallBack, kStyle);
 }
 
 int StartTls(Listener& listener, const char* address, std::uint32_t port) {
-  return port == 0 ? 0
-                   : CloudStorage::details::StartTlsListener(listener, address, port, &CS3Server::RecvMsgCallBack,
-                                                             TansyNet::EUnknownLength::kInPieces);
+  using CloudStorage::details::StartTlsListener;
+  return port == 0 ? 0 : StartTlsListener(listener, address, port, &CS3Server::RecvMsgCallBack, kStyle);
 }
 
 }  // namespace

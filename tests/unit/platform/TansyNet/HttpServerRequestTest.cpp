@@ -245,6 +245,29 @@ TEST_F(HttpServerRequest, ThatIsMalformedIsRefused) {
   EXPECT_EQ(StatusOf("PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n"), 400);
 }
 
+TEST_F(HttpServerRequest, IsRefusedInTheWordsOfItsProtocol) {
+  style_.refusal = [](int status, const HttpServerRecv& message) {
+    const auto origin = message.headers.find("Origin");
+    TansyNet::Refusal refusal;
+    refusal.response.status = status == 413 ? 400 : status;
+    refusal.response.headers["X-Mine"] = origin == message.headers.end() ? "-" : origin->second;
+    refusal.body = std::to_string(status) + " " + message.method + " " + message.url;
+    return refusal;
+  };
+  Start(Echo);
+  const auto ask = [this](const std::string& request) {
+    CRawClient client(Port());
+    client.Send(request);
+    const RawReply reply = client.ReadReply();
+    EXPECT_TRUE(client.WaitForEnd());
+    return std::to_string(reply.status) + " " + reply.Header("x-mine") + ": " + reply.body;
+  };
+  EXPECT_EQ(ask("PUT /b/k HTTP/1.1\r\nOrigin: here\r\nContent-Length: 4294967296\r\n\r\n"), "400 here: 413 PUT /b/k");
+  EXPECT_EQ(ask("POST /b HTTP/1.1\r\nContent-Length: 67108865\r\nOrigin: here\r\n\r\n"), "400 here: 413 POST /b");
+  EXPECT_EQ(ask("PUT /b/k HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n"), "400 -: 400 PUT /b/k");
+  EXPECT_EQ(ask("NONSENSE\r\n\r\n"), "400 -: 400  ");
+}
+
 TEST_F(HttpServerRequest, RefusedDoesNotLetTheRestPassAsARequest) {
   Start();
   CRawClient client(Port());

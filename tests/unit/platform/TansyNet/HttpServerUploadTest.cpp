@@ -374,7 +374,7 @@ constexpr const char* kChunkedHead = "PUT /b/k HTTP/1.1\r\nTransfer-Encoding: ch
 
 class HttpServerChunkedUpload : public ServerFixture {
  protected:
-  HttpServerChunkedUpload() { unknown_length_ = TansyNet::EUnknownLength::kInPieces; }
+  HttpServerChunkedUpload() { style_.unknown_length = TansyNet::EUnknownLength::kInPieces; }
 
   // Takes all pieces of a body; gives its bytes.
   std::string TakeAll(std::int32_t& handle) {
@@ -498,7 +498,7 @@ TEST_F(HttpServerChunkedUpload, IsReadAheadByOnePieceOnly) {
 }
 
 TEST_F(HttpServerChunkedUpload, IsRefusedByListenersThatDoNotTakeIt) {
-  unknown_length_ = TansyNet::EUnknownLength::kRefuse;
+  style_.unknown_length = TansyNet::EUnknownLength::kRefuse;
   Start();
   CRawClient client(Port());
   std::jthread sender([&] {

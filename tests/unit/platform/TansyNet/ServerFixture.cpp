@@ -94,7 +94,7 @@ void ServerFixture::Start(Handler handler) {
   int result = TansyNet::kNetAddressInUse;
   for (int tries = 0; result == TansyNet::kNetAddressInUse && tries < kTries; ++tries) {
     port_ = FreePort();
-    result = TansyNet::CHttpServer::StartHttpServer(listener_, "127.0.0.1", port_, OnRequest, true, unknown_length_);
+    result = TansyNet::CHttpServer::StartHttpServer(listener_, "127.0.0.1", port_, OnRequest, true, style_);
   }
   ASSERT_EQ(result, 0) << TansyNet::CHttpServer::LastError();
 }

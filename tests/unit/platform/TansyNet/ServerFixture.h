@@ -61,7 +61,7 @@ class ServerFixture : public ::testing::Test {
   static void OnRequest(std::int32_t handle, TansyNet::HttpServerRecv& message);
 
   // Of listeners that are started from now on.
-  TansyNet::EUnknownLength unknown_length_ = TansyNet::EUnknownLength::kRefuse;
+  TansyNet::ListenerStyle style_;
 
  private:
   struct Shared;

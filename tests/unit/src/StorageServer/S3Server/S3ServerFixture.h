@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,6 +18,7 @@
 #include "StorageServer/S3Server/S3Attributes.h"
 #include "StorageServer/S3Server/S3Digest.h"
 #include "StorageServer/S3Server/S3Server.h"
+#include "TansyBase/Encrypt.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::CloudStorage::S3 {
@@ -29,6 +31,12 @@ inline constexpr const char* kTimestamp = "20261103T080000Z";
 inline constexpr const char* kDay = "20261103";
 inline constexpr std::size_t kMebibyte = 1024 * 1024;
 
+// By whom a request is signed; without more, by the pair of the configuration.
+struct KeyPair {
+  std::string access_key = "access-key";
+  std::string secret_key = "secret-key";
+};
+
 struct S3Call {
   std::string method = {};
   std::string path = {};
@@ -36,6 +44,7 @@ struct S3Call {
   std::string body = {};
   TansyNet::Headers headers = {};
   std::string payload = "UNSIGNED-PAYLOAD";
+  KeyPair keys = {};
 };
 
 class S3ServerTest : public CObjectServerTest {
@@ -76,11 +85,11 @@ class S3ServerTest : public CObjectServerTest {
     }
     const std::string scope = std::string(kDay) + "/us-east-1/s3/aws4_request";
     const Query query = ParseQuery(msg.query);
-    const std::string key = SigningKey("secret-key", kDay, "us-east-1");
+    const std::string key = SigningKey(call.keys.secret_key, kDay, "us-east-1");
     const std::string canonical = CanonicalRequest({msg.method, msg.url, query, headers}, names, call.payload);
     const std::string text = Sign(key, StringToSign(kTimestamp, scope, canonical));
-    msg.headers["Authorization"] =
-        "AWS4-HMAC-SHA256 Credential=access-key/" + scope + ", SignedHeaders=" + list + ", Signature=" + text;
+    msg.headers["Authorization"] = "AWS4-HMAC-SHA256 Credential=" + call.keys.access_key + "/" + scope +
+                                   ", SignedHeaders=" + list + ", Signature=" + text;
     if (signature != nullptr) {
       *signature = {EBodyForm::kSignedChunks, "", kTimestamp, scope, key, text};
     }
@@ -125,6 +134,32 @@ class S3ServerTest : public CObjectServerTest {
 
   std::string bucket_;
 };
+
+// A form as browsers send it, with a policy that allows it.
+inline TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& bucket, const std::string& body,
+                                     std::vector<std::pair<std::string, std::string>> fields,
+                                     const std::string& file_name = "a.txt", const KeyPair& keys = {}) {
+  const std::string credential = keys.access_key + "/" + kDay + "/us-east-1/s3/aws4_request";
+  fields.insert(fields.end(), {{"x-amz-algorithm", "AWS4-HMAC-SHA256"}, {"x-amz-credential", credential}});
+  std::string policy = R"({"expiration": "2026-11-03T09:00:00Z", "conditions": [{"bucket": ")" + bucket + "\"}";
+  for (const auto& [name, value] : fields) {
+    policy += R"(, {")" + name + R"(": ")" + value + "\"}";
+  }
+  policy = TansyBase::Encrypt::Base64Encode(policy + "]}");
+  fields.emplace_back("policy", policy);
+  fields.emplace_back("x-amz-signature", Sign(SigningKey(keys.secret_key, kDay, "us-east-1"), policy));
+  std::string text;
+  for (const auto& [name, value] : fields) {
+    text += "--edge\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+  }
+  text += "--edge\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + file_name + "\"\r\n\r\n" + body +
+          "\r\n--edge--\r\n";
+  msg.body_size = static_cast<std::uint32_t>(text.size());
+  msg.content_length = msg.body_size;
+  msg.body = std::make_shared<std::string>(std::move(text));
+  msg.headers["Content-Type"] = "multipart/form-data; boundary=edge";
+  return msg;
+}
 
 inline std::string Md5(std::string_view text) {
   return '"' + ToHex(DigestOf(EDigest::kMd5, text)) + '"';

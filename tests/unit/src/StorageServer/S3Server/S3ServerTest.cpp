@@ -57,10 +57,37 @@ TEST_F(S3ServerTest, OpensListenersThatTakeBodiesOfUnknownLength) {
       continue;
     }
     opened.push_back((listener.https ? "https " : "http ") + listener.address + " " + std::to_string(listener.port));
-    EXPECT_EQ(listener.unknown_length, TansyNet::EUnknownLength::kInPieces);
+    EXPECT_EQ(listener.style.unknown_length, TansyNet::EUnknownLength::kInPieces);
   }
   EXPECT_EQ(opened,
             (std::vector<std::string>{"http 0.0.0.0 9702", "http :: 9702", "https 0.0.0.0 9745", "https :: 9745"}));
+}
+
+// Requests that the library refuses never reach a handler.
+TEST_F(S3ServerTest, RefusalsOfTheLibraryAreErrorsOfS3) {
+  ASSERT_EQ(SetS3ServerEnable(false), 0);
+  ASSERT_EQ(SetS3ServerEnable(true), 0);
+  for (const Tests::FakeListener& listener : http_.Listeners()) {
+    if (!listener.open || listener.callback != &CS3Server::RecvMsgCallBack) {
+      continue;
+    }
+    ASSERT_NE(listener.style.refusal, nullptr);
+    const auto refuse = [&listener](int status, const std::string& method) {
+      const TansyNet::Refusal refusal = listener.style.refusal(status, Message({method, "/b/a%20k", "", "", {}}));
+      EXPECT_EQ(refusal.response.content_type, "application/xml");
+      EXPECT_EQ(Values(refusal.body, "RequestId").front(), refusal.response.headers.at("x-amz-request-id"));
+      EXPECT_EQ(Values(refusal.body, "Resource").front(), "/b/a k");
+      return std::to_string(refusal.response.status) + " " + Values(refusal.body, "Code").front() + ": " +
+             Values(refusal.body, "Message").front();
+    };
+    EXPECT_EQ(refuse(413, "PUT"), "400 EntityTooLarge: An object has at most 4294967295 bytes.");
+    EXPECT_EQ(refuse(413, "POST"), "400 EntityTooLarge: The body is too long for this request.");
+    EXPECT_EQ(refuse(503, "PUT"), "503 SlowDown: The server has too much to do; try again later.");
+    EXPECT_EQ(refuse(408, "PUT"), "408 InvalidRequest: The request did not come in time.");
+    EXPECT_EQ(refuse(431, "GET"), "431 InvalidRequest: The headers of the request are too long.");
+    EXPECT_EQ(refuse(505, "GET"),
+              "505 InvalidRequest: The request is no valid HTTP, or asks for what this server does not speak.");
+  }
 }
 
 TEST_F(S3ServerTest, GivesBackWhatWasPut) {
@@ -730,32 +757,6 @@ TEST_F(S3ServerTest, RefusesTooManyKeysToDelete) {
   EXPECT_EQ(GetKey("k").body, "x") << "nothing is removed";
   EXPECT_EQ(remove(1000), "200");
   EXPECT_EQ(Outcome(GetKey("k")), "404 NoSuchKey");
-}
-
-// A form as browsers send it, with a policy that allows it.
-TansyNet::HttpServerRecv Form(TansyNet::HttpServerRecv msg, const std::string& bucket, const std::string& body,
-                              std::vector<std::pair<std::string, std::string>> fields,
-                              const std::string& file_name = "a.txt") {
-  const std::string credential = std::string("access-key/") + kDay + "/us-east-1/s3/aws4_request";
-  fields.insert(fields.end(), {{"x-amz-algorithm", "AWS4-HMAC-SHA256"}, {"x-amz-credential", credential}});
-  std::string policy = R"({"expiration": "2026-11-03T09:00:00Z", "conditions": [{"bucket": ")" + bucket + "\"}";
-  for (const auto& [name, value] : fields) {
-    policy += R"(, {")" + name + R"(": ")" + value + "\"}";
-  }
-  policy = TansyBase::Encrypt::Base64Encode(policy + "]}");
-  fields.emplace_back("policy", policy);
-  fields.emplace_back("x-amz-signature", Sign(SigningKey("secret-key", kDay, "us-east-1"), policy));
-  std::string text;
-  for (const auto& [name, value] : fields) {
-    text += "--edge\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
-  }
-  text += "--edge\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + file_name + "\"\r\n\r\n" + body +
-          "\r\n--edge--\r\n";
-  msg.body_size = static_cast<std::uint32_t>(text.size());
-  msg.content_length = msg.body_size;
-  msg.body = std::make_shared<std::string>(std::move(text));
-  msg.headers["Content-Type"] = "multipart/form-data; boundary=edge";
-  return msg;
 }
 
 TEST_F(S3ServerTest, StoresAForm) {
