@@ -150,6 +150,31 @@ TEST_F(RadosTest, UploadsInPartsAndCopiesByS3AreStoredInThePool) {
   EXPECT_THAT(Check().out, HasSubstr(" 0 orphans"));
 }
 
+// The server was away for the days after which an upload counts as forgotten.
+TEST_F(RadosTest, ForgottenUploadsByS3AreSweptFromThePool) {
+  Launch launch = InPool();
+  launch.with_s3 = true;
+  ASSERT_TRUE(server_.Start(launch));
+  CS3Curl curl(server_);
+  ASSERT_EQ(curl.Put("/first", "").status, 200);
+  const std::string forgotten = curl.Begin("/first/forgotten");
+  const std::string part = RandomBytes(std::size_t{12} << 20U, 1);
+  EXPECT_FALSE(curl.PutPart("/first/forgotten", forgotten, 1, part).empty());
+  EXPECT_FALSE(curl.PutPart("/first/forgotten", forgotten, 2, "tail").empty());
+  const std::string present = curl.Begin("/first/present");
+  const std::string tag = curl.PutPart("/first/present", present, 1, "kept");
+  ASSERT_TRUE(server_.Stop());
+  ASSERT_THAT(Check().out, HasSubstr("check: 3 rows, 3 stored files, 0 orphans"));
+
+  Query(server_.Data("catalogue.db"),
+        "UPDATE local_upload SET update_time = '2020-01-01 00:00:00' WHERE object_name = 'forgotten'");
+  ASSERT_TRUE(server_.Start(launch));
+  EXPECT_TRUE(WaitUntil([this] { return HasSum("check: 1 rows, 1 stored files, 0 orphans"); })) << Check().out;
+  EXPECT_EQ(XmlValue(curl.Send("GET", "/first?uploads=").body, "Key"), "present");
+  ASSERT_EQ(curl.Complete("/first/present", present, {tag}).status, 200);
+  EXPECT_EQ(curl.Send("GET", "/first/present").body, "kept");
+}
+
 TEST_F(RadosTest, PicturesAreStoredAndRead) {
   ASSERT_TRUE(Start());
   const std::string picture = SamplePicture("sample.jpg");
