@@ -7,6 +7,7 @@
 #ifndef TANSY_CLOUD_STORAGE_S3_SERVER_H
 #define TANSY_CLOUD_STORAGE_S3_SERVER_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,20 @@ struct S3ServerConfig : StorageServerConfig_V1 {
   // Web pages of these origins ("https://example.org") may use the server from a browser; "*" stands for all of them.
   std::vector<std::string> cors_origins;
 };
+
+// A further key, beside the pair of the configuration, which may do everything. Only the S3 server knows it.
+struct S3Key {
+  std::string access_key;  // no other key has it
+  std::string secret_key;
+  std::vector<std::string> buckets;  // those that it may use; empty: all
+  bool read_only = false;            // it may list and read
+  std::int64_t expires = 0;          // from this second since 1970 on it counts no more; 0: it always counts
+};
+
+// Takes these further keys instead of all that were given before. Requests that come afterwards are judged by them,
+// links too; those under way go on. Returns -1, and changes nothing, when a key has no access key or
+// no secret key. It may be called before InitS3Server.
+TANSY_CLOUD_STORAGE_API int SetS3Keys(const std::vector<S3Key>& keys);
 
 // Loads the attributes of objects and opens the listeners. Returns -1 when the attributes cannot be read, else the HTTP
 // library's error.

@@ -82,9 +82,13 @@ std::string LinkTextV2(const RequestToSign& request, std::string_view host_bucke
   return text + Resource(request, host_bucket);
 }
 
+std::string AccessKeyOfLinkV2(const Query& query) {
+  return ParameterOrEmpty(query, "AWSAccessKeyId");
+}
+
 Failure CheckLinkV2(const RequestToSign& request, std::string_view host_bucket, const Identity& identity,
                     std::time_t now) {
-  const std::string access_key = ParameterOrEmpty(request.query, "AWSAccessKeyId");
+  const std::string access_key = AccessKeyOfLinkV2(request.query);
   if (identity.access_key.empty() || identity.secret_key.empty() || access_key != identity.access_key) {
     return EError::kInvalidAccessKeyId;
   }

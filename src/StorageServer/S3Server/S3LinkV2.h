@@ -19,6 +19,9 @@ bool IsLinkV2(const Query& query);
 // the path names it.
 std::string LinkTextV2(const RequestToSign& request, std::string_view host_bucket);
 
+// Gives the access key that the link names.
+std::string AccessKeyOfLinkV2(const Query& query);
+
 // Checks the link. Its body is taken as it is: nothing vouches for it.
 Failure CheckLinkV2(const RequestToSign& request, std::string_view host_bucket, const Identity& identity,
                     std::time_t now);

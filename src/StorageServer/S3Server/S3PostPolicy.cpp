@@ -144,6 +144,11 @@ Failure ReadPostForm(PostForm& form, const std::vector<TansyNet::FormPart>& part
   return {EError::kInvalidArgument, "A form needs exactly one file."};
 }
 
+std::string AccessKeyOfForm(const PostForm& form) {
+  const bool is_v4 = !form.Field("x-amz-signature").empty();
+  return is_v4 ? AccessKeyOfCredential(form.Field("x-amz-credential")) : form.Field("awsaccesskeyid");
+}
+
 Failure CheckPostPolicy(const PostForm& form, const std::string& bucket, const Identity& identity, bool v2,
                         std::time_t now) {
   if (Failure failure = CheckPolicySignature(form, identity, v2)) {

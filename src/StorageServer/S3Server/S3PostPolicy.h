@@ -34,6 +34,9 @@ struct PostForm {
 // Fails unless the form has a file and a key. What comes behind the file is ignored.
 Failure ReadPostForm(PostForm& form, const std::vector<TansyNet::FormPart>& parts);
 
+// Gives the access key that signed the policy, as the form says.
+std::string AccessKeyOfForm(const PostForm& form);
+
 // Checks that the policy is signed, still holds, names every field, and is kept by the bucket, the fields and the file.
 Failure CheckPostPolicy(const PostForm& form, const std::string& bucket, const Identity& identity, bool v2,
                         std::time_t now);

@@ -86,12 +86,17 @@ Failure Request::Check() {
   if (!url.starts_with('/') || (bucket.empty() && !key.empty())) {
     return EError::kInvalidUri;
   }
-  const Identity identity{config.ak, config.sk, config.region};
   const bool is_link = IsLinkV4(query);
+  const bool is_v2 = IsLinkV2(query);
   const LowerHeaders sent = is_link ? LowerNames(msg.headers) : LowerHeaders();
   const RequestToSign signed_part{method, url, query, is_link ? sent : headers};
   const std::time_t now = TansyBase::TimeUtil::Now();
-  if (!IsLinkV2(query)) {
+  Identity identity;
+  const std::string access_key = is_v2 ? AccessKeyOfLinkV2(query) : ClaimedAccessKey(signed_part);
+  if (Failure failure = FindIdentity(identity, signer, config, access_key, now)) {
+    return failure;
+  }
+  if (!is_v2) {
     return CheckSignature(signature, signed_part, identity, now);
   }
   if (!config.v2_links) {

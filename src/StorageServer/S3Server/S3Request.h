@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "StorageServer/S3Server/S3Errors.h"
+#include "StorageServer/S3Server/S3Keys.h"
 #include "StorageServer/S3Server/S3Signature.h"
 #include "StorageServer/S3Server/S3Text.h"
 #include "TansyCloudStorage/S3Server.h"
@@ -36,7 +37,7 @@ struct Request : Recipient {
   // Splits path and query, and gives the request its id.
   Request(std::int32_t session, TansyNet::HttpServerRecv& message, const S3ServerConfig& conf);
 
-  // Checks that path and query can be read and that the request is signed; fills `signature`.
+  // Checks that path and query can be read and that the request is signed; fills `signature` and `signer`.
   Failure Check();
 
   TansyNet::HttpServerRecv& msg;
@@ -47,6 +48,7 @@ struct Request : Recipient {
   std::string bucket;          // decoded; empty when the request is about no bucket
   std::string key;             // decoded; empty when the request is about no object
   Signed signature;
+  S3KeyPointer signer;                            // null: the pair of the configuration
   std::shared_ptr<const ComputedTag> waited_for;  // null unless it has waited for a missing entity tag
 };
 

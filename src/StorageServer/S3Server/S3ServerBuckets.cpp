@@ -42,6 +42,9 @@ void CS3Server::ListBuckets(const Request& request) {
   xml.Close("Owner");
   xml.Open("Buckets");
   for (const auto& [name, bucket] : buckets) {
+    if (!MaySee(request.signer, name)) {
+      continue;
+    }
     xml.Open("Bucket");
     xml.Element("Name", name);
     xml.Element("CreationDate", ListedTime(times[bucket.name]));

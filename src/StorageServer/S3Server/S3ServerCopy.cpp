@@ -172,6 +172,13 @@ Failure FailureOf(EAdded result, const Request& request) {
                                                                          : EError::kNoSuchBucket;
 }
 
+// The key has to be one that may read the source, too.
+Failure CheckSourceAccess(const Request& request) {
+  CopySource asked;
+  const Failure failure = ReadCopySource(asked, ValueOf(request.headers, kCopySourceHeader));
+  return failure ? failure : CheckAccess(request.signer, EAccess::kRead, asked.bucket);
+}
+
 }  // namespace
 
 void CS3Server::CopyObject(const Request& request) {
@@ -179,6 +186,9 @@ void CS3Server::CopyObject(const Request& request) {
   FoundObject source;
   CopyRange range;
   Failure failure = CheckUpload(request);
+  if (!failure) {
+    failure = CheckSourceAccess(request);
+  }
   if (!failure) {
     failure = FindSource(source, request);
   }

@@ -14,6 +14,7 @@
 #include "StorageServer/S3Server/S3AbsentFeatures.h"
 #include "StorageServer/S3Server/S3CopySource.h"
 #include "StorageServer/S3Server/S3Cors.h"
+#include "StorageServer/S3Server/S3Keys.h"
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3ServerTasks.h"
 #include "StorageServer/ServerMsgLoop.h"
@@ -130,6 +131,7 @@ struct CS3Server::Route {
   std::string_view method;
   ETarget target;
   std::string_view subresource;
+  EAccess access;  // what it does with its bucket
   Handler handler;
   TansyNet::COperation& operation;
   bool takes_pieces = false;  // its body may arrive in pieces
@@ -139,41 +141,48 @@ struct CS3Server::Routes {
   using Server = CS3Server;
 
   static constexpr std::array kTable = {
-      Route{"GET", ETarget::kService, "", &Server::ListBuckets, Operations::list_buckets},
-      Route{"PUT", ETarget::kBucket, "", &Server::CreateBucket, Operations::create_bucket},
-      Route{"HEAD", ETarget::kBucket, "", &Server::HeadBucket, Operations::head_bucket},
-      Route{"DELETE", ETarget::kBucket, "", &Server::DeleteBucket, Operations::delete_bucket},
-      Route{"GET", ETarget::kBucket, "location", &Server::GetBucketLocation, Operations::get_bucket_location},
-      Route{"GET", ETarget::kBucket, "", &Server::ListObjects, Operations::list_objects},
-      Route{"GET", ETarget::kBucket, "list-type", &Server::ListObjectsV2, Operations::list_objects_v2},
-      Route{"GET", ETarget::kBucket, "versions", &Server::ListObjectVersions, Operations::list_object_versions},
-      Route{"POST", ETarget::kBucket, "delete", &Server::DeleteObjects, Operations::delete_objects},
-      Route{"PUT", ETarget::kObject, "", &Server::PutObject, Operations::put_object, true},
-      Route{"GET", ETarget::kObject, "", &Server::GetObject, Operations::get_object},
-      Route{"HEAD", ETarget::kObject, "", &Server::GetObject, Operations::head_object},
-      Route{"GET", ETarget::kObject, "partNumber", &Server::GetObject, Operations::get_object},
-      Route{"HEAD", ETarget::kObject, "partNumber", &Server::GetObject, Operations::head_object},
-      Route{"GET", ETarget::kObject, "attributes", &Server::GetObjectAttributes, Operations::get_object_attributes},
-      Route{"DELETE", ETarget::kObject, "", &Server::DeleteObject, Operations::delete_object},
-      Route{"GET", ETarget::kBucket, "acl", &Server::GetAcl, Operations::get_acl},
-      Route{"PUT", ETarget::kBucket, "acl", &Server::PutAcl, Operations::put_acl},
-      Route{"GET", ETarget::kObject, "acl", &Server::GetAcl, Operations::get_acl},
-      Route{"PUT", ETarget::kObject, "acl", &Server::PutAcl, Operations::put_acl},
-      Route{"PUT", ETarget::kObject, kCopySource, &Server::CopyObject, Operations::copy_object},
-      Route{"POST", ETarget::kObject, "uploads", &Server::CreateMultipartUpload, Operations::create_multipart_upload},
-      Route{"PUT", ETarget::kObject, "partNumber", &Server::UploadPart, Operations::upload_part, true},
-      Route{"PUT", ETarget::kObject, "uploadId", &Server::UploadPart, Operations::upload_part, true},
-      Route{"GET", ETarget::kObject, "uploadId", &Server::ListParts, Operations::list_parts},
-      Route{"GET", ETarget::kBucket, "uploads", &Server::ListMultipartUploads, Operations::list_multipart_uploads},
-      Route{"POST", ETarget::kObject, "uploadId", &Server::CompleteMultipartUpload,
+      Route{"GET", ETarget::kService, "", EAccess::kRead, &Server::ListBuckets, Operations::list_buckets},
+      Route{"PUT", ETarget::kBucket, "", EAccess::kWrite, &Server::CreateBucket, Operations::create_bucket},
+      Route{"HEAD", ETarget::kBucket, "", EAccess::kRead, &Server::HeadBucket, Operations::head_bucket},
+      Route{"DELETE", ETarget::kBucket, "", EAccess::kWrite, &Server::DeleteBucket, Operations::delete_bucket},
+      Route{"GET", ETarget::kBucket, "location", EAccess::kRead, &Server::GetBucketLocation,
+            Operations::get_bucket_location},
+      Route{"GET", ETarget::kBucket, "", EAccess::kRead, &Server::ListObjects, Operations::list_objects},
+      Route{"GET", ETarget::kBucket, "list-type", EAccess::kRead, &Server::ListObjectsV2, Operations::list_objects_v2},
+      Route{"GET", ETarget::kBucket, "versions", EAccess::kRead, &Server::ListObjectVersions,
+            Operations::list_object_versions},
+      Route{"POST", ETarget::kBucket, "delete", EAccess::kWrite, &Server::DeleteObjects, Operations::delete_objects},
+      Route{"PUT", ETarget::kObject, "", EAccess::kWrite, &Server::PutObject, Operations::put_object, true},
+      Route{"GET", ETarget::kObject, "", EAccess::kRead, &Server::GetObject, Operations::get_object},
+      Route{"HEAD", ETarget::kObject, "", EAccess::kRead, &Server::GetObject, Operations::head_object},
+      Route{"GET", ETarget::kObject, "partNumber", EAccess::kRead, &Server::GetObject, Operations::get_object},
+      Route{"HEAD", ETarget::kObject, "partNumber", EAccess::kRead, &Server::GetObject, Operations::head_object},
+      Route{"GET", ETarget::kObject, "attributes", EAccess::kRead, &Server::GetObjectAttributes,
+            Operations::get_object_attributes},
+      Route{"DELETE", ETarget::kObject, "", EAccess::kWrite, &Server::DeleteObject, Operations::delete_object},
+      Route{"GET", ETarget::kBucket, "acl", EAccess::kRead, &Server::GetAcl, Operations::get_acl},
+      Route{"PUT", ETarget::kBucket, "acl", EAccess::kWrite, &Server::PutAcl, Operations::put_acl},
+      Route{"GET", ETarget::kObject, "acl", EAccess::kRead, &Server::GetAcl, Operations::get_acl},
+      Route{"PUT", ETarget::kObject, "acl", EAccess::kWrite, &Server::PutAcl, Operations::put_acl},
+      Route{"PUT", ETarget::kObject, kCopySource, EAccess::kWrite, &Server::CopyObject, Operations::copy_object},
+      Route{"POST", ETarget::kObject, "uploads", EAccess::kWrite, &Server::CreateMultipartUpload,
+            Operations::create_multipart_upload},
+      Route{"PUT", ETarget::kObject, "partNumber", EAccess::kWrite, &Server::UploadPart, Operations::upload_part, true},
+      Route{"PUT", ETarget::kObject, "uploadId", EAccess::kWrite, &Server::UploadPart, Operations::upload_part, true},
+      Route{"GET", ETarget::kObject, "uploadId", EAccess::kRead, &Server::ListParts, Operations::list_parts},
+      Route{"GET", ETarget::kBucket, "uploads", EAccess::kRead, &Server::ListMultipartUploads,
+            Operations::list_multipart_uploads},
+      Route{"POST", ETarget::kObject, "uploadId", EAccess::kWrite, &Server::CompleteMultipartUpload,
             Operations::complete_multipart_upload},
-      Route{"DELETE", ETarget::kObject, "uploadId", &Server::AbortMultipartUpload, Operations::abort_multipart_upload},
+      Route{"DELETE", ETarget::kObject, "uploadId", EAccess::kWrite, &Server::AbortMultipartUpload,
+            Operations::abort_multipart_upload},
   };
 
   // For features that this server does not have.
-  static constexpr Route kGetAbsent = {"GET", ETarget::kBucket, "", &Server::GetAbsent, Operations::get_absent};
-  static constexpr Route kDeleteAbsent = {"DELETE", ETarget::kBucket, "", &Server::DeleteAbsent,
-                                          Operations::delete_absent};
+  static constexpr Route kGetAbsent = {"GET",          ETarget::kBucket,   "",
+                                       EAccess::kRead, &Server::GetAbsent, Operations::get_absent};
+  static constexpr Route kDeleteAbsent = {"DELETE",        ETarget::kBucket,      "",
+                                          EAccess::kWrite, &Server::DeleteAbsent, Operations::delete_absent};
 };
 
 Failure CS3Server::FindRoute(const Route*& route, const Request& request) {
@@ -248,6 +257,9 @@ bool CS3Server::TakeFirstPiece(std::int32_t handle, TansyNet::HttpServerRecv& ms
     failure = FindRoute(route, request);
   }
   TansyNet::BeginOperation(msg.note, route == nullptr ? Operations::other : route->operation);
+  if (!failure) {
+    failure = CheckAccess(request.signer, route->access, request.bucket);
+  }
   if (!failure && !route->takes_pieces) {
     failure = {EError::kInvalidRequest, "The body is too long for this request."};
   }
@@ -292,6 +304,9 @@ void CS3Server::Handle(std::int32_t handle, TansyNet::HttpServerRecv& msg) {
   }
   if (route != nullptr) {
     TansyNet::NameOperation(msg.note, route->operation);
+  }
+  if (!failure) {
+    failure = CheckAccess(request.signer, route->access, request.bucket);
   }
   if (!failure && TargetOf(request) != ETarget::kService && route->handler != &CS3Server::CreateBucket &&
       !CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {

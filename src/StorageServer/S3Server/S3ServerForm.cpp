@@ -6,6 +6,7 @@
 #include "StorageServer/ObjectServer/ObjectServerStorage.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/S3Server/S3Body.h"
+#include "StorageServer/S3Server/S3Keys.h"
 #include "StorageServer/S3Server/S3PostPolicy.h"
 #include "StorageServer/S3Server/S3Server.h"
 #include "StorageServer/S3Server/S3XmlWriter.h"
@@ -95,6 +96,18 @@ Failure CheckKey(const std::string& key) {
   return key.size() > kMaxKeyBytes ? Failure(EError::kKeyTooLong) : Failure();
 }
 
+// Checks who signed the form, and that this key may store something in the bucket.
+Failure CheckSigner(const PostForm& form, const Request& request) {
+  const std::time_t now = TansyBase::TimeUtil::Now();
+  Identity identity;
+  S3KeyPointer signer;
+  Failure failure = FindIdentity(identity, signer, request.config, AccessKeyOfForm(form), now);
+  if (!failure) {
+    failure = CheckPostPolicy(form, request.bucket, identity, request.config.v2_links, now);
+  }
+  return failure ? failure : CheckAccess(signer, EAccess::kWrite, request.bucket);
+}
+
 }  // namespace
 
 bool CS3Server::IsForm(const Request& request) {
@@ -107,10 +120,9 @@ void CS3Server::PostObject(const Request& request) {
   PostForm form;
   LowerHeaders headers;
   Attributes attributes;
-  const Identity identity{request.config.ak, request.config.sk, request.config.region};
   Failure failure = ReadPostForm(form, request.msg.FormParts());
   if (!failure) {
-    failure = CheckPostPolicy(form, request.bucket, identity, request.config.v2_links, TansyBase::TimeUtil::Now());
+    failure = CheckSigner(form, request);
   }
   if (!failure && !CObjectStorageManager::Instance().IsBucketExist(request.bucket)) {
     failure = EError::kNoSuchBucket;

@@ -1,5 +1,6 @@
 // The exported functions of the S3 server.
 #include "Boundary.h"
+#include "StorageServer/S3Server/S3Keys.h"
 #include "StorageServer/S3Server/S3Server.h"
 #include "TansyCloudStorage/S3Server.h"
 
@@ -15,6 +16,11 @@ constexpr int kFailed = -1;
 
 int InitS3Server(const S3ServerConfig& config) {
   return AtBoundary("InitS3Server", details::kFailed, [&config] { return S3::CS3Server::Instance().Init(config); });
+}
+
+int SetS3Keys(const std::vector<S3Key>& keys) {
+  return AtBoundary("SetS3Keys", details::kFailed,
+                    [&keys] { return S3::CS3Keys::Instance().Replace(keys) ? 0 : details::kFailed; });
 }
 
 int UninitS3Server() {

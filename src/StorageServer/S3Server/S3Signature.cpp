@@ -318,6 +318,21 @@ std::string CanonicalRequest(const RequestToSign& request, const std::vector<std
   return TansyNet::S3Signing::CanonicalRequest(covered);
 }
 
+std::string AccessKeyOfCredential(std::string_view credential) {
+  Claim claim;
+  return ParseCredential(claim, credential) ? claim.access_key : std::string();
+}
+
+std::string ClaimedAccessKey(const RequestToSign& request) {
+  if (const std::string* const credential = FindParameter(request.query, "X-Amz-Credential")) {
+    return AccessKeyOfCredential(*credential);
+  }
+  Claim claim;
+  const std::string& value = ValueOf(request.headers, "authorization");
+  const bool is_read = value.starts_with(std::string(kAlgorithm) + " ") && ParseAuthorizationHeader(claim, value);
+  return is_read ? claim.access_key : std::string();
+}
+
 std::string ChunkToSign(const Signed& request, std::string_view before, std::string_view data_digest) {
   static const std::string& no_bytes = *new std::string(ToHex(DigestOf(EDigest::kSha256, "")));
   std::string text = "AWS4-HMAC-SHA256-PAYLOAD\n";

@@ -47,6 +47,11 @@ struct Signed {
   std::string signature;    // of the request; the first chunk's signature is made from it
 };
 
+// Gives the access key that a request, or a credential "KEY/DATE/REGION/s3/aws4_request", names, whatever else is wrong
+// with it; empty when it names none.
+std::string ClaimedAccessKey(const RequestToSign& request);
+std::string AccessKeyOfCredential(std::string_view credential);
+
 // Checks the signature in the Authorization header or in the query. `now` is the clock, in seconds since 1970.
 // A request without a signature is denied, and so is every request when the access key or the secret key is empty.
 Failure CheckSignature(Signed& result, const RequestToSign& request, const Identity& identity, std::time_t now);
