@@ -4,6 +4,8 @@
 #define TANSY_CLOUD_STORAGE_SERVER_LOAD_H
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "TansyCloudStorage/Export.h"
 
@@ -14,11 +16,22 @@ struct ServerLoad {
   std::uint64_t most_tasks = 0;    // at this number requests are refused
   std::uint64_t buckets = 0;       // in the catalogue
   std::uint64_t objects = 0;       // of all buckets
+  std::uint64_t object_bytes = 0;  // of all objects
   std::uint64_t open_uploads = 0;  // upload tasks of the object protocol that have not ended
 };
 
 // Counts them. The figures are taken one after another while requests go on. It takes some microseconds per bucket.
 TANSY_CLOUD_STORAGE_API bool GetServerLoad(ServerLoad& load);
+
+struct BucketUsage {
+  std::string name;  // as requests call the bucket
+  std::uint64_t objects = 0;
+  std::uint64_t bytes = 0;  // of its objects; uploads that have not ended do not count
+};
+
+// Appends what each bucket has, in the order of their names. Nothing is waited for: what other processes have changed
+// in a shared catalogue counts once this process knows it. It takes some microseconds per bucket.
+TANSY_CLOUD_STORAGE_API bool GetBucketUsage(std::vector<BucketUsage>& usage);
 
 }  // namespace Tansy::CloudStorage
 

@@ -29,6 +29,13 @@ bool GetServerLoad(ServerLoad& load) {
   });
 }
 
+bool GetBucketUsage(std::vector<BucketUsage>& usage) {
+  return AtBoundary("GetBucketUsage", false, [&] {
+    CObjectStorageManager::Instance().Count(usage);
+    return true;
+  });
+}
+
 int SetSignatureDateWindow(std::uint32_t minutes) {
   SetDateWindow(minutes);
   return 0;

@@ -82,6 +82,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool GetBucketList(std::map<std::string, BucketInfo>& buckets);
   // Fills in how much there is of everything.
   void Count(ServerLoad& load);
+  // Appends what each bucket has, in the order of their names, as memory knows it: nothing is waited for.
+  void Count(std::vector<BucketUsage>& usage);
   // Gives the name that rows use for a bucket.
   std::string RowName(const std::string& bucket_name);
 
@@ -218,6 +220,9 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
     std::unique_ptr<CObjectTable> objects;
   };
   using BucketMap = std::map<std::string, Bucket>;
+  static CObjectTable::Contents ContentsOf(const Bucket& bucket) {
+    return bucket.objects == nullptr ? CObjectTable::Contents{} : bucket.objects->Count();
+  }
 
   // There are many more locks than threads, so that writers of different keys seldom wait for each other's commit.
   using KeyLocks = CKeyLocks<1024>;

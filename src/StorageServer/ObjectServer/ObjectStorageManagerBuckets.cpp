@@ -247,12 +247,23 @@ void CObjectStorageManager::Count(ServerLoad& load) {
     const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
     load.buckets = buckets_.size();
     load.objects = 0;
+    load.object_bytes = 0;
     for (const auto& [name, bucket] : buckets_) {
-      load.objects += bucket.objects == nullptr ? 0 : bucket.objects->Size();
+      const CObjectTable::Contents contents = ContentsOf(bucket);
+      load.objects += contents.objects;
+      load.object_bytes += contents.bytes;
     }
   }
   const std::lock_guard<std::mutex> lock(task_mutex_);
   load.open_uploads = tasks_.size();
+}
+
+void CObjectStorageManager::Count(std::vector<BucketUsage>& usage) {
+  const std::shared_lock<std::shared_mutex> lock(bucket_mutex_);
+  for (const auto& [name, bucket] : buckets_) {
+    const CObjectTable::Contents contents = ContentsOf(bucket);
+    usage.push_back({name, contents.objects, contents.bytes});
+  }
 }
 
 bool CObjectStorageManager::RemoveObjectByBucket(std::uint32_t bucket_id) {

@@ -96,13 +96,14 @@ CPackedObject** CObjectTable::LinkTo(Part& part, std::string_view name, std::uin
   return const_cast<CPackedObject**>(LinkTo(std::as_const(part), name, hash));
 }
 
-std::size_t CObjectTable::Size() const {
-  std::size_t objects = 0;
+CObjectTable::Contents CObjectTable::Count() const {
+  Contents all;
   for (const Part& part : parts_) {
     const std::lock_guard<std::mutex> lock(part.mutex);
-    objects += part.objects;
+    all.objects += part.contents.objects;
+    all.bytes += part.contents.bytes;
   }
-  return objects;
+  return all;
 }
 
 void CObjectTable::Put(CPackedObject::Pointer object) noexcept {
@@ -115,6 +116,7 @@ void CObjectTable::Put(CPackedObject::Pointer object) noexcept {
     return;
   }
   replaced.reset(*link);
+  part.contents.bytes += object->Size() - replaced->Size();
   object->next_ = replaced->next_;
   {
     const std::lock_guard<std::mutex> order_lock(order_mutex_);
@@ -134,13 +136,14 @@ void CObjectTable::Add(CPackedObject::Pointer object) noexcept {
 
 void CObjectTable::Append(Part& part, CPackedObject** link, CPackedObject::Pointer object) noexcept {
   *link = object.release();
-  ++part.objects;
+  ++part.contents.objects;
+  part.contents.bytes += (*link)->Size();
   {
     const std::lock_guard<std::mutex> order_lock(order_mutex_);
     order_.Insert(**link);
   }
   // Each object that a look-up passes on its way is a cache miss, which costs more than eight bytes for an empty chain.
-  if (part.objects > part.chains.size() / 2) {
+  if (part.contents.objects > part.chains.size() / 2) {
     Grow(part);
   }
 }
@@ -181,7 +184,8 @@ void CObjectTable::Remove(std::string_view name) noexcept {
   removed.reset(*link);
   if (removed) {
     *link = removed->next_;
-    --part.objects;
+    --part.contents.objects;
+    part.contents.bytes -= removed->Size();
     const std::lock_guard<std::mutex> order_lock(order_mutex_);
     order_.Remove(*removed);
   }

@@ -105,8 +105,12 @@ class CObjectTable : private TansyBase::CNoncopyable {
     order_.ShowFrom(from, with_key, look);
   }
 
-  // Counts the objects, part after part.
-  std::size_t Size() const;
+  // Counts the objects and their bytes, part after part.
+  struct Contents {
+    std::size_t objects = 0;
+    std::uint64_t bytes = 0;
+  };
+  Contents Count() const;
 
   // Puts an object in the place of the one of its name, or adds it.
   void Put(CPackedObject::Pointer object) noexcept;
@@ -121,7 +125,7 @@ class CObjectTable : private TansyBase::CNoncopyable {
   struct Part {
     mutable std::mutex mutex;
     std::vector<CPackedObject*> chains;  // a power of two of them
-    std::size_t objects = 0;
+    Contents contents;
   };
 
   // The lowest bits of a hash choose the part, the others the chain.

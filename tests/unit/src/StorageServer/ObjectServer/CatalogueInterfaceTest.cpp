@@ -7,6 +7,7 @@
 
 #include "CatalogueFixture.h"
 #include "TansyCloudStorage/Catalogue.h"
+#include "TansyCloudStorage/ServerLoad.h"
 
 namespace Tansy::CloudStorage {
 namespace {
@@ -83,6 +84,34 @@ TEST_F(CatalogueInterface, FindsChangesAndRemovesBuckets) {
   EXPECT_TRUE(DeleteBucket(std::set<std::uint32_t>{other.id, third.id}));
   EXPECT_FALSE(GetBucketByName(bucket, "two"));
   EXPECT_FALSE(GetBucketByName(bucket, "three"));
+}
+
+TEST_F(CatalogueInterface, SaysWhatEachBucketHas) {
+  MakeBucket("one");
+  MakeBucket("none");
+  ObjectInfo object = Object("one", "a");
+  object.size = 5'000'000'000;
+  EXPECT_TRUE(manager_.AddObject(object));
+  object = Object("one", "b");
+  object.size = 7;
+  EXPECT_TRUE(manager_.AddObject(object));
+  std::vector<BucketUsage> usage;
+  ASSERT_TRUE(GetBucketUsage(usage));
+  ASSERT_EQ(usage.size(), 2U);
+  EXPECT_EQ(usage[0].name, "none");
+  EXPECT_EQ(usage[0].objects, 0U);
+  EXPECT_EQ(usage[0].bytes, 0U);
+  EXPECT_EQ(usage[1].name, "one");
+  EXPECT_EQ(usage[1].objects, 2U);
+  EXPECT_EQ(usage[1].bytes, 5'000'000'007U);
+  EXPECT_TRUE(manager_.RemoveObject("a", "one"));
+  usage.clear();
+  ASSERT_TRUE(GetBucketUsage(usage));
+  EXPECT_EQ(usage[1].objects, 1U);
+  EXPECT_EQ(usage[1].bytes, 7U);
+  ServerLoad load;
+  ASSERT_TRUE(GetServerLoad(load));
+  EXPECT_EQ(load.object_bytes, 7U);
 }
 
 TEST_F(CatalogueInterface, SaysWhenTheDatabaseRefuses) {

@@ -49,6 +49,38 @@ TEST(ObjectTable, GivesBackEveryFieldButTheBucketsName) {
   EXPECT_EQ(found.url, object.url);
 }
 
+TEST(ObjectTable, CountsItsObjectsAndTheirBytes) {
+  const auto sized = [](const std::string& name, std::uint64_t size) {
+    ObjectInfo object = Object(name);
+    object.size = size;
+    return CPackedObject::Make(object);
+  };
+  CObjectTable table;
+  EXPECT_EQ(table.Count().objects, 0U);
+  EXPECT_EQ(table.Count().bytes, 0U);
+  std::uint64_t bytes = 0;
+  for (std::uint64_t i = 0; i < 1000; ++i) {
+    table.Put(sized(std::to_string(i), i << 32));
+    bytes += i << 32;
+  }
+  EXPECT_EQ(table.Count().objects, 1000U);
+  EXPECT_EQ(table.Count().bytes, bytes);
+  table.Put(sized("999", 5));
+  bytes -= (std::uint64_t{999} << 32) - 5;
+  EXPECT_EQ(table.Count().objects, 1000U) << "one was replaced";
+  EXPECT_EQ(table.Count().bytes, bytes);
+  table.Put(sized("999", 50));
+  EXPECT_EQ(table.Count().bytes, bytes + 45) << "by a larger one";
+  table.Add(sized("999", 7));
+  table.Remove("missing");
+  EXPECT_EQ(table.Count().bytes, bytes + 45) << "nothing has changed";
+  for (int i = 0; i < 1000; ++i) {
+    table.Remove(std::to_string(i));
+  }
+  EXPECT_EQ(table.Count().objects, 0U);
+  EXPECT_EQ(table.Count().bytes, 0U);
+}
+
 // ThreadSanitizer tells when nothing keeps the two apart.
 TEST(ObjectTable, AnIdCanBeSetWhileTheKeysAreListed) {
   CObjectTable table;
