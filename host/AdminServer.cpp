@@ -11,8 +11,10 @@
 #include <utility>
 
 #include "Addresses.h"
+#include "Console.h"
 #include "HostLog.h"
 #include "IpAddress.h"
+#include "RunningRequests.h"
 #include "StartFailure.h"
 #include "TansyBase/Encrypt.h"
 #include "TansyNet/HttpServer.h"
@@ -33,6 +35,7 @@ constexpr const char* kPrometheus = "text/plain; version=0.0.4; charset=utf-8";
 struct State {
   CAdminServer::Source source;
   std::string authorization;  // what a caller from elsewhere must send
+  std::shared_ptr<CConsole> console;
 };
 
 // Requests may still be under way when the server has been stopped, so each holds what it needs.
@@ -54,14 +57,18 @@ class CPresentState {
 
 CPresentState present_state;
 
-struct Answer {
-  int status = 200;
-  const char* type = kPlain;
-  std::string body;
-};
+using Answer = ConsoleAnswer;
+
+Answer Plainly(int status, const char* type, std::string body) {
+  Answer answer;
+  answer.status = status;
+  answer.type = type;
+  answer.body = std::move(body);
+  return answer;
+}
 
 Answer ShowLive(const State& /*state*/) {
-  return {200, kPlain, "live\n"};
+  return Plainly(200, kPlain, "live\n");
 }
 
 Answer ShowReady(const State& state) {
@@ -72,32 +79,15 @@ Answer ShowReady(const State& state) {
     json.SetString("/parts/" + part.name, part.trouble.empty() ? "well" : part.trouble);
   }
   constexpr int kUnavailable = 503;
-  return {health.IsWell() ? 200 : kUnavailable, kJson, json.Serialize() + "\n"};
+  return Plainly(health.IsWell() ? 200 : kUnavailable, kJson, json.Serialize() + "\n");
 }
 
 Answer ShowMetrics(const State& state) {
-  return {200, kPrometheus, MetricsText(state.source())};
+  return Plainly(200, kPrometheus, MetricsText(state.source()));
 }
 
-// Links carry what signs them in their query, which is never shown.
 Answer ShowRequests(const State& /*state*/) {
-  constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
-  TansyProto::CRapidJsonProto json;
-  const auto running = TansyNet::CHttpServer::RunningRequests();
-  json.SetInt("/count", static_cast<std::int64_t>(running.size()));
-  constexpr std::size_t kMost = 1000;
-  for (std::size_t i = 0; i < std::min(running.size(), kMost); ++i) {
-    const TansyNet::RunningRequest& request = running[i];
-    const std::string at = "/requests[" + std::to_string(i + 1) + "]/";
-    json.SetString(at + "request", request.line);
-    json.SetString(at + "service", request.operation == nullptr ? "" : request.operation->Service());
-    json.SetString(at + "operation", request.operation == nullptr ? "" : request.operation->Name());
-    json.SetString(at + "phase", request.phase);
-    json.SetString(at + "peer", request.ip);
-    json.SetInt(at + "age_ms", request.nanoseconds / kNanosecondsPerMillisecond);
-    json.SetInt(at + "bytes_in", static_cast<std::int64_t>(request.bytes_in));
-  }
-  return {200, kJson, json.Serialize() + "\n"};
+  return Plainly(200, kJson, RunningRequestsJson());
 }
 
 struct AdminOperations {
@@ -109,6 +99,8 @@ struct AdminOperations {
   static inline COperation ready{kService, "Ready"};
   static inline COperation metrics{kService, "Metrics"};
   static inline COperation requests{kService, "Requests"};
+  static inline COperation console{kService, "Console"};
+  static inline COperation console_api{kService, "ConsoleApi"};
 };
 
 struct Route {
@@ -140,16 +132,14 @@ bool IsAllowed(const State& state, const HttpServerRecv& message) {
          CRYPTO_memcmp(sent->second.data(), state.authorization.data(), state.authorization.size()) == 0;
 }
 
-void Send(std::int32_t handle, const HttpServerRecv& message, const Answer& answer) {
+void Send(std::int32_t handle, const HttpServerRecv& message, Answer& answer) {
   HttpResponse response;
   response.status = answer.status;
-  response.content_type = answer.type;
-  response.cache_control = "no-store";
+  response.content_type = std::move(answer.type);
+  response.content_encoding = std::move(answer.encoding);
+  response.cache_control = std::move(answer.cache);
+  response.headers = std::move(answer.headers);
   response.headers["X-Content-Type-Options"] = "nosniff";
-  constexpr int kUnauthorized = 401;
-  if (answer.status == kUnauthorized) {
-    response.headers["WWW-Authenticate"] = "Basic realm=\"tansyd\", charset=\"UTF-8\"";
-  }
   if (message.method == "HEAD") {
     TansyNet::CHttpServer::HttpServerSendHead(handle, response, answer.body.size());
   } else {
@@ -158,39 +148,74 @@ void Send(std::int32_t handle, const HttpServerRecv& message, const Answer& answ
   }
 }
 
-Answer AnswerTo(const HttpServerRecv& message) {
+Answer AskForKeys() {
+  Answer answer = Plainly(401, kPlain, "name the access key as user and the secret key as password\n");
+  answer.headers["WWW-Authenticate"] = "Basic realm=\"tansyd\", charset=\"UTF-8\"";
+  return answer;
+}
+
+Answer LeadToConsole() {
+  Answer answer = Plainly(302, kPlain, "see /console/\n");
+  answer.headers["Location"] = "/console/";
+  return answer;
+}
+
+Answer AskConsole(const State& state, const HttpServerRecv& message, bool is_secure) {
+  const bool is_api = message.url.starts_with(CConsole::kApiFolder);
+  TansyNet::BeginOperation(message.note, is_api ? AdminOperations::console_api : AdminOperations::console);
+  return state.console->Answer(
+      {message.method, std::string_view(message.url).substr(CConsole::kFolder.size()), message.query, message.ip,
+       message.body == nullptr ? std::string_view() : std::string_view(*message.body), message.headers, is_secure});
+}
+
+Answer AnswerTo(const HttpServerRecv& message, bool is_secure) {
   const std::shared_ptr<const State> state = present_state.Get();
   if (state == nullptr) {
-    return {503, kPlain, "the server stops\n"};
+    return Plainly(503, kPlain, "the server stops\n");
+  }
+  if (message.url.starts_with(CConsole::kFolder)) {
+    return AskConsole(*state, message, is_secure);
   }
   const auto* const route =
       std::find_if(kRoutes.begin(), kRoutes.end(), [&](const Route& row) { return row.path == message.url; });
   TansyNet::BeginOperation(message.note, route == kRoutes.end() ? AdminOperations::other : route->operation);
-  if (route == kRoutes.end()) {
-    return {404, kPlain, "there are /health/live, /health/ready, /metrics and /debug/requests\n"};
+  const bool is_read = message.method == "GET" || message.method == "HEAD";
+  if (is_read && (message.url == "/" || message.url == "/console")) {
+    return LeadToConsole();
   }
-  if (message.method != "GET" && message.method != "HEAD") {
-    return {405, kPlain, "only GET and HEAD\n"};
+  if (route == kRoutes.end()) {
+    return Plainly(404, kPlain, "there are /console/, /health/live, /health/ready, /metrics and /debug/requests\n");
+  }
+  if (!is_read) {
+    return Plainly(405, kPlain, "only GET and HEAD\n");
   }
   if (!route->is_open && !IsAllowed(*state, message)) {
-    return {401, kPlain, "name the access key as user and the secret key as password\n"};
+    return AskForKeys();
   }
   return route->show(*state);
 }
 
-void TakeRequest(std::int32_t handle, HttpServerRecv& message) {
+void Take(std::int32_t handle, HttpServerRecv& message, bool is_secure) {
   // A body in pieces is for no route; the last piece is answered, the others are thrown away.
   if (message.error_code == TansyNet::kBodyPiece) {
     return;
   }
   Answer answer;
   try {
-    answer = AnswerTo(message);
+    answer = AnswerTo(message, is_secure);
   } catch (const std::exception& error) {
     HOST_LOG(logging::kError, "[%s]request failed: %s.[%s(%d)]", error.what());
-    answer = {500, kPlain, "failed, see the log\n"};
+    answer = Plainly(500, kPlain, "failed, see the log\n");
   }
   Send(handle, message, answer);
+}
+
+void TakePlainRequest(std::int32_t handle, HttpServerRecv& message) {
+  Take(handle, message, false);
+}
+
+void TakeSecureRequest(std::int32_t handle, HttpServerRecv& message) {
+  Take(handle, message, true);
 }
 
 bool IsLoopback(const std::string& address) {
@@ -200,19 +225,20 @@ bool IsLoopback(const std::string& address) {
 
 int Listen(std::int32_t& handle, const AdminOptions& options, const std::string& address) {
   if (IsLoopback(address)) {
-    return TansyNet::CHttpServer::StartHttpServer(handle, address, options.port, &TakeRequest, true);
+    return TansyNet::CHttpServer::StartHttpServer(handle, address, options.port, &TakePlainRequest, true);
   }
   TansyNet::HttpsServer tls;
   tls.certificate_path = tls.private_key_path = options.certificate;
-  return TansyNet::CHttpServer::StartHttpsServer(handle, address, options.port, tls, &TakeRequest);
+  return TansyNet::CHttpServer::StartHttpsServer(handle, address, options.port, tls, &TakeSecureRequest);
 }
 
 }  // namespace
 }  // namespace details
 
-CAdminServer::CAdminServer(AdminOptions options, Source source) {
+CAdminServer::CAdminServer(AdminOptions options, Source source, std::shared_ptr<CConsole> console) {
   auto state = std::make_shared<details::State>();
   state->source = std::move(source);
+  state->console = std::move(console);
   state->authorization =
       "Basic " + TansyBase::Encrypt::Base64Encode(options.keys.access_key + ":" + options.keys.secret_key);
   details::present_state.Set(std::move(state));

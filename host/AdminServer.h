@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,8 @@
 #include "Metrics.h"
 
 namespace Tansy::Host {
+
+class CConsole;
 
 struct AdminOptions {
   std::uint16_t port = 0;
@@ -19,7 +22,8 @@ struct AdminOptions {
   CredentialPair keys;      // asked from everybody who does not come from this machine
 };
 
-// The listener for those who look after the server: /health/live, /health/ready, /metrics and /debug/requests.
+// The listener for those who look after the server: /health/live, /health/ready, /metrics, /debug/requests and the
+// console.
 //
 // There is one per process. Its answers need no thread but the one that brought the request, so they come also while
 // all workers are busy.
@@ -28,7 +32,7 @@ class CAdminServer {
   using Source = std::function<MetricsSource()>;
 
   // Opens the listeners; `source` is asked on the threads of the HTTP library and must not wait. Throws CStartFailure.
-  CAdminServer(AdminOptions options, Source source);
+  CAdminServer(AdminOptions options, Source source, std::shared_ptr<CConsole> console);
   // Stops them. Requests under way are still answered.
   ~CAdminServer();
   CAdminServer(const CAdminServer&) = delete;

@@ -9,6 +9,7 @@
 #include "AddressWatch.h"
 #include "AdminServer.h"
 #include "CommandLine.h"
+#include "Console.h"
 #include "Credentials.h"
 #include "DataFolder.h"
 #include "HostSystem/LockFile.h"
@@ -74,6 +75,7 @@ class CServer {
   void StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const;
   void WatchAddresses();
   void OpenAccessLog();
+  std::shared_ptr<CConsole> MakeConsole() const;
   void StartAdminServer(const CredentialPair& credentials);
   std::vector<CServerHealth::Probe> HealthProbes() const;
   MoveHost HostOfMove();

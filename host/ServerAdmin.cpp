@@ -70,6 +70,10 @@ std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
   };
 }
 
+std::shared_ptr<CConsole> CServer::MakeConsole() const {
+  return std::make_shared<CConsole>(ConsoleOptions{options_.s3_port, options_.s3_https_port});
+}
+
 // This comes last: who asks before everything is open finds nobody.
 void CServer::StartAdminServer(const CredentialPair& credentials) {
   const std::uint16_t port = options_.admin_port.value_or(HostOptions::kUsualAdminPort);
@@ -92,7 +96,7 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     options.addresses.push_back(details::kLoopback);
   }
   try {
-    admin_ = std::make_unique<CAdminServer>(std::move(options), source);
+    admin_ = std::make_unique<CAdminServer>(std::move(options), source, MakeConsole());
     options_.admin_port = port;
   } catch (const CStartFailure& failure) {
     if (options_.admin_port.has_value()) {

@@ -160,8 +160,9 @@ TEST_F(AdminTest, ShowsTheRequestsThatRun) {
 
 TEST_F(AdminTest, AnswersNothingElse) {
   ASSERT_TRUE(StartWithAdmin());
-  EXPECT_EQ(Ask("/").status, 404);
   EXPECT_EQ(Ask("/metrics/").status, 404);
+  EXPECT_EQ(Ask("/consol").status, 404);
+  EXPECT_EQ(Ask("/", "POST").status, 404);
   EXPECT_EQ(Ask("/metrics", "POST").status, 405);
   EXPECT_EQ(Ask("/metrics", "DELETE").status, 405);
   const std::string body(std::size_t{11} << 20, 'x');
