@@ -1,4 +1,5 @@
 import { render } from "preact";
+import { App } from "./app.jsx";
 import "./style.css";
 
-render(<h1>Tansy</h1>, document.getElementById("app"));
+render(<App />, document.getElementById("app"));

@@ -1,0 +1,84 @@
+// The JSON interface of the server behind this page.
+import { t } from "../text.js";
+import { makeStore } from "../store.js";
+import { Failure } from "./failure.js";
+import { proofOf } from "../pure/proof.js";
+
+// null: nobody knows yet; false: not signed in; else {key, csrf, expires}.
+export const session = makeStore(null);
+export const sessionEnded = makeStore(false);
+
+// `headers` go beside those that every call carries.
+async function call(method, path, body, more = {}) {
+  const headers = { ...more };
+  if (body !== undefined) {
+    headers["Content-Type"] = "application/json";
+  }
+  if (method !== "GET" && session.get()) {
+    headers["X-CSRF-Token"] = session.get().csrf;
+  }
+  let answer;
+  try {
+    answer = await fetch(`api/${path}`, { method, headers, body: body === undefined ? undefined : JSON.stringify(body), cache: "no-store" });
+  } catch {
+    throw new Failure(t("error.offline"));
+  }
+  const text = await answer.text();
+  const value = parse(text);
+  if (!answer.ok) {
+    const options = { status: answer.status, retryAfter: Number(answer.headers.get("Retry-After")) || 0 };
+    throw new Failure(value?.error || t("error.status", { status: answer.status }), options);
+  }
+  return value;
+}
+
+function parse(text) {
+  try {
+    return text === "" ? {} : JSON.parse(text);
+  } catch {
+    return null;
+  }
+}
+
+// A session that has ended leads back to the sign-in page, from wherever it is noticed.
+async function callInSession(method, path, body, headers) {
+  try {
+    return await call(method, path, body, headers);
+  } catch (failure) {
+    if (failure.status === 401) {
+      sessionEnded.set(session.get() !== null && session.get() !== false);
+      session.set(false);
+    }
+    throw failure;
+  }
+}
+
+export const get = (path) => callInSession("GET", path);
+// What the page asks for by itself does not keep a session alive.
+export const poll = (path) => callInSession("GET", path, undefined, { "X-Tansy-Poll": "1" });
+export const post = (path, body) => callInSession("POST", path, body);
+
+// Finds out whether this browser is signed in already.
+export async function findSession() {
+  try {
+    session.set(await call("GET", "session"));
+  } catch (failure) {
+    if (failure.status !== 401) {
+      throw failure;
+    }
+    session.set(false);
+  }
+}
+
+export async function signIn(key, secret) {
+  const { nonce } = await call("GET", "challenge");
+  const proof = await proofOf(secret, key, nonce);
+  session.set(await call("POST", "session", { key, nonce, proof }));
+  sessionEnded.set(false);
+}
+
+export async function signOut() {
+  await callInSession("DELETE", "session");
+  sessionEnded.set(false);
+  session.set(false);
+}
