@@ -204,7 +204,7 @@ std::string CheckCertificate(const std::string& path) {
 }
 
 std::optional<std::int64_t> CertificateEnd(const std::string& path) {
-  constexpr std::int64_t kSecondsOfADay = 24 * 60 * 60;
+  constexpr std::int64_t kSecondsOfADay = std::int64_t{24} * 60 * 60;
   const std::string pair = path + ".crt";
   try {
     const std::string& file = details::Exists(pair) ? pair : path;

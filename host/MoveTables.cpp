@@ -339,6 +339,7 @@ void WriteRows(CMoveDatabase& target, const MoveTable& table, const std::vector<
   }
   std::set<std::vector<std::string>> there;
   std::vector<std::vector<std::string>> keys;
+  keys.reserve(rows.size());
   for (const CMoveDatabase::Row& row : rows) {
     keys.push_back(details::KeyOf(table, row));
   }

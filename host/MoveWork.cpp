@@ -16,7 +16,7 @@ constexpr std::chrono::seconds kBetweenLines{5};
 
 std::string Amount(std::uint64_t bytes) {
   const char* const units[] = {"bytes", "KB", "MB", "GB", "TB"};
-  double number = static_cast<double>(bytes);
+  auto number = static_cast<double>(bytes);
   std::size_t unit = 0;
   while (number >= 1000 && unit < 4) {
     number /= 1000;

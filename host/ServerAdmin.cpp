@@ -93,7 +93,7 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
   };
   AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials};
   if (options.addresses.empty()) {
-    options.addresses.push_back(details::kLoopback);
+    options.addresses.emplace_back(details::kLoopback);
   }
   try {
     admin_ = std::make_unique<CAdminServer>(std::move(options), source, MakeConsole());
