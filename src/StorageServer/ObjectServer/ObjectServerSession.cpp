@@ -369,6 +369,7 @@ bool CObjectServerSession::DeleteObject(std::uint32_t id) {
 
 bool CObjectServerSession::DeleteObjects(const std::vector<std::uint32_t>& ids) {
   std::vector<std::string> statements;
+  statements.reserve(ids.size());
   for (const std::uint32_t id : ids) {
     statements.push_back(details::DeleteObjectText(id));
   }
@@ -404,6 +405,7 @@ bool CObjectServerSession::DeleteObject(const std::string& bucket_name, const st
 bool CObjectServerSession::DeleteObjects(const std::string& bucket_name, const std::vector<std::string>& object_names,
                                          const std::vector<ObjectInfo>& expected) {
   std::vector<std::string> statements;
+  statements.reserve(expected.size() + object_names.size());
   for (const ObjectInfo& object : expected) {
     statements.push_back(details::ExpectText(bucket_name, object.name, object.url));
   }

@@ -200,7 +200,7 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   void TakeInObject(const CatalogueChange& change);
   bool TakeInBuckets();
   void WaitUntilVisible();
-  void WhenVisible(std::function<void()> then);
+  void WhenVisible(const std::function<void()>& then);
 
   bool LoadBuckets();
   static bool LoadTable(CObjectTable& objects, const std::string& bucket_name);

@@ -255,7 +255,7 @@ void CObjectStorageManager::WaitUntilVisible() {
   }
 }
 
-void CObjectStorageManager::WhenVisible(std::function<void()> then) {
+void CObjectStorageManager::WhenVisible(const std::function<void()>& then) {
   try {
     shared_->follower->WhenCaughtUp(then);
   } catch (const std::exception&) {
