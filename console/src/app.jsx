@@ -94,7 +94,7 @@ function Preferences({ theme }) {
   };
   return (
     <div class="preferences">
-      <button type="button" class="quiet" onClick={turnLanguage} aria-label={t("app.language", { name: languages[language()] })}>
+      <button type="button" class="quiet" onClick={turnLanguage} title={t("app.language", { name: languages[language()] })}>
         <Icon name="language" size={18} /> <span lang={other}>{languages[other]}</span>
       </button>
       <button type="button" class="quiet" onClick={turnTheme} aria-label={t("app.theme", { name: t(`app.theme.${theme}`) })}>

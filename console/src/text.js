@@ -134,6 +134,7 @@ export const texts = {
   "objects.openFolder": ["Open folder", "打开文件夹"],
   "objects.reload": ["Reload the list", "重新加载列表"],
   "objects.list": ["Files in {place}", "{place} 中的文件"],
+  "objects.pick": ["Select", "选择"],
   "objects.name": ["Name", "名称"],
   "objects.size": ["Size", "大小"],
   "objects.changed": ["Changed", "修改时间"],

@@ -60,7 +60,7 @@ class Server {
     }
     this.objects.set(key, body.size);
   }
-  async headObject(bucket, key) {
+  async findObject(bucket, key) {
     return this.objects.has(key) ? { size: this.objects.get(key) } : null;
   }
   async beginUpload(bucket, key) {

@@ -1,6 +1,6 @@
 // The JSON interface of the server behind this page.
 import { t } from "../text.js";
-import { makeStore } from "../store.js";
+import { makeStore, saved } from "../store.js";
 import { Failure } from "./failure.js";
 import { proofOf } from "../pure/proof.js";
 
@@ -40,14 +40,29 @@ function parse(text) {
   }
 }
 
+// Whether there may be a session is remembered beside its cookie, which no script sees: a question without one is answered 401, which
+// browsers report as an error of the page.
+const remembered = "tansy-signed-in";
+
+function begin(value) {
+  saved.set(remembered, "yes");
+  sessionEnded.set(false);
+  session.set(value);
+}
+
+function end(isUnasked) {
+  saved.set(remembered, "no");
+  sessionEnded.set(isUnasked);
+  session.set(false);
+}
+
 // A session that has ended leads back to the sign-in page, from wherever it is noticed.
 async function callInSession(method, path, body, headers) {
   try {
     return await call(method, path, body, headers);
   } catch (failure) {
     if (failure.status === 401) {
-      sessionEnded.set(session.get() !== null && session.get() !== false);
-      session.set(false);
+      end(true);
     }
     throw failure;
   }
@@ -60,25 +75,27 @@ export const post = (path, body) => callInSession("POST", path, body);
 
 // Finds out whether this browser is signed in already.
 export async function findSession() {
+  if (saved.get(remembered) !== "yes") {
+    session.set(false);
+    return;
+  }
   try {
-    session.set(await call("GET", "session"));
+    begin(await call("GET", "session"));
   } catch (failure) {
     if (failure.status !== 401) {
       throw failure;
     }
-    session.set(false);
+    end(false);
   }
 }
 
 export async function signIn(key, secret) {
   const { nonce } = await call("GET", "challenge");
   const proof = await proofOf(secret, key, nonce);
-  session.set(await call("POST", "session", { key, nonce, proof }));
-  sessionEnded.set(false);
+  begin(await call("POST", "session", { key, nonce, proof }));
 }
 
 export async function signOut() {
   await callInSession("DELETE", "session");
-  sessionEnded.set(false);
-  session.set(false);
+  end(false);
 }

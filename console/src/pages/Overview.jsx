@@ -89,10 +89,10 @@ function Figures({ overview, theme }) {
           series={[{ colour: "--chart-2" }, { colour: "--chart-1" }]} smallest={0.001}
           legend={[["--chart-1", t("overview.median"), seconds(now.median)], ["--chart-2", t("overview.slow"), seconds(now.slow)]]} />
         <Panel title={t("overview.traffic")} now={byteRate(now.bytesOut)} theme={theme} columns={columns("bytesOut", "bytesIn")} format={bytes}
-          series={[{ colour: "--chart-1" }, { colour: "--chart-2" }]} smallest={1024}
+          series={[{ colour: "--chart-1" }, { colour: "--chart-2" }]} smallest={1024} isBinary
           legend={[["--chart-2", t("overview.in"), byteRate(now.bytesIn)], ["--chart-1", t("overview.out"), byteRate(now.bytesOut)]]} />
         <Panel title={t("overview.memory")} now={bytes(memory.used)} theme={theme} columns={columns("memory")} format={bytes}
-          series={[{ colour: "--chart-1" }]} smallest={1024 * 1024}
+          series={[{ colour: "--chart-1" }]} smallest={1024 * 1024} isBinary
           legend={[["--chart-1", t("overview.memory"), t("overview.memoryOf", { used: bytes(memory.used), limit: bytes(memory.limit) })]]} />
       </div>
     </>

@@ -35,7 +35,7 @@ export async function renameEntry(bucket, from, to) {
   if (from === to) {
     return;
   }
-  if (await s3.headObject(bucket, to)) {
+  if (await s3.findObject(bucket, to)) {
     throw new Failure(t("objects.nameTaken"), { code: "taken", status: 409 });
   }
   await s3.copyObject(bucket, from, to);

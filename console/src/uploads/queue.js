@@ -231,7 +231,7 @@ export class UploadQueue {
   }
 
   async beginLarge(item, signal) {
-    if (!item.mayReplace && (await this.patiently(item, signal, () => this.s3.headObject(item.bucket, item.key)))) {
+    if (!item.mayReplace && (await this.patiently(item, signal, () => this.s3.findObject(item.bucket, item.key)))) {
       throw Object.assign(new Error("exists"), { code: "exists" });
     }
     item.partSize = partSizeFor(item.size);

@@ -8,6 +8,11 @@ import { Name } from "./Common.jsx";
 import { Icon } from "./Icon.jsx";
 
 const rowHeight = 44;
+const headHeight = 40; // stays above the rows
+
+function viewOf(element) {
+  return { top: element.scrollTop, height: element.clientHeight - headHeight };
+}
 
 export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, onNeed, onKey }) {
   const box = useRef(null);
@@ -18,7 +23,7 @@ export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, o
   const window = visibleRows(entries.length, rowHeight, view.top, view.height);
 
   useLayoutEffect(() => {
-    const look = () => setView({ top: box.current.scrollTop, height: box.current.clientHeight });
+    const look = () => setView(viewOf(box.current));
     const observer = new ResizeObserver(look);
     observer.observe(box.current);
     look();
@@ -35,7 +40,7 @@ export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, o
   const move = (to, isRange) => {
     const target = Math.max(0, Math.min(entries.length - 1, to));
     setActive(target);
-    box.current.scrollTop = scrollTo(target, entries.length, rowHeight, box.current.scrollTop, box.current.clientHeight);
+    box.current.scrollTop = scrollTo(target, entries.length, rowHeight, box.current.scrollTop, viewOf(box.current).height);
     if (isRange) {
       select(anchor.current, target);
     } else {
@@ -76,15 +81,15 @@ export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, o
   };
 
   return (
-    <div class="card grid" role="grid" aria-label={label} aria-multiselectable="true" aria-rowcount={isDone ? entries.length + 1 : -1} aria-colcount={4}
-      tabIndex={0} aria-activedescendant={entries.length > 0 ? `row-${row}` : undefined} onKeyDown={press}>
-      <div class="grid-head" role="row" aria-rowindex={1}>
-        <span role="columnheader" aria-label={t("keys.select")} class="pick" />
-        <span role="columnheader" class="cell-name">{t("objects.name")}</span>
-        <span role="columnheader" class="cell-size">{t("objects.size")}</span>
-        <span role="columnheader" class="cell-time">{t("objects.changed")}</span>
-      </div>
-      <div class="grid-body" role="presentation" ref={box} tabIndex={-1} onScroll={() => setView({ top: box.current.scrollTop, height: box.current.clientHeight })}>
+    <div class="card grid-card">
+      <div class="grid" ref={box} role="grid" aria-label={label} aria-multiselectable="true" aria-rowcount={isDone ? entries.length + 1 : -1} aria-colcount={4}
+        tabIndex={0} aria-activedescendant={entries.length > 0 ? `row-${row}` : undefined} onKeyDown={press} onScroll={() => setView(viewOf(box.current))}>
+        <div class="grid-head" role="row" aria-rowindex={1}>
+          <span role="columnheader" class="pick"><span class="unseen">{t("objects.pick")}</span></span>
+          <span role="columnheader" class="cell-name">{t("objects.name")}</span>
+          <span role="columnheader" class="cell-size">{t("objects.size")}</span>
+          <span role="columnheader" class="cell-time">{t("objects.changed")}</span>
+        </div>
         <div class="grid-space" role="rowgroup" style={{ height: `${window.height}px` }}>
           {entries.slice(window.first, window.first + window.count).map((entry, i) => {
             const index = window.first + i;
@@ -104,7 +109,7 @@ function Row({ index, entry, top, isActive, isSelected, onClick }) {
   return (
     <div id={`row-${index}`} role="row" aria-rowindex={index + 2} aria-selected={isSelected} class={`grid-row kind-${kind} ${isActive ? "active" : ""}`}
       style={{ transform: `translateY(${top}px)` }} onClick={onClick}>
-      <span role="gridcell" class="pick"><span class="box"><Icon name="check" size={14} /></span></span>
+      <span role="gridcell" class="pick"><span class="unseen">{t("objects.pick")}</span><span class="box"><Icon name="check" size={14} /></span></span>
       <span role="gridcell" class="cell-name"><Icon name={kind} /><span class="text"><Name>{lastPart(entry.key) || "/"}</Name></span></span>
       <span role="gridcell" class="cell-size">{entry.size === null ? t("objects.folder") : bytes(entry.size)}</span>
       <span role="gridcell" class="cell-time">{entry.time ? moment(entry.time, locale()) : ""}</span>
