@@ -199,6 +199,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   bool TakeIn(const CatalogueChange& change);
   void TakeInObject(const CatalogueChange& change);
   bool TakeInBuckets();
+  // How many changes memory has taken in from the database so far; 0 in a catalogue that is not shared.
+  std::uint64_t CountChanges() const;
   void WaitUntilVisible();
   void WhenVisible(const std::function<void()>& then);
 
@@ -241,6 +243,8 @@ class CObjectStorageManager : private TansyBase::CNoncopyable {
   RowIds RowsOfKeys(const std::vector<std::string>& names, const std::string& bucket_name);
   bool MayRemoveAll(std::vector<ObjectInfo>& there, const std::vector<std::string>& names,
                     const std::string& bucket_name, const MayAdd& may_remove);
+  ERemoved TryToRemoveKeys(const std::vector<std::string>& names, const std::string& bucket_name,
+                           const MayAdd& may_remove, const details::Caller& caller);
   bool RemoveRows(const RowIds& rows, const std::string& bucket_name, const std::vector<ObjectInfo>& expected);
   bool IsBucketEmpty(const std::string& name);
   void ForgetObject(const std::string& object_name, const std::string& bucket_name) noexcept;

@@ -14,6 +14,8 @@ namespace Tansy::CloudStorage {
 namespace details {
 namespace {
 
+constexpr int kRemovalTries = 100;
+
 // Shows the object that a key has to `look`; returns false when it has none. `table` may be null.
 template <class Look>
 bool ShowObjectOfKey(const CObjectTable* table, const std::string& name, Look look) {
@@ -116,6 +118,22 @@ CObjectStorageManager::ERemoved CObjectStorageManager::RemoveKeys(const std::vec
   std::vector<std::string> keys(names.size());
   std::transform(names.begin(), names.end(), keys.begin(), [](const std::string& name) { return KeyOfName(name); });
   const auto key_locks = object_locks_.Lock(bucket_name, std::vector<std::string_view>(keys.begin(), keys.end()));
+  // Another process may change an object behind the look at it, and the condition may hold all the same.
+  ERemoved removed = ERemoved::kFailed;
+  bool may_be_overtaken = true;
+  for (int left = details::kRemovalTries; removed == ERemoved::kFailed && may_be_overtaken && left > 0; --left) {
+    const std::uint64_t changes = CountChanges();
+    removed = TryToRemoveKeys(names, bucket_name, may_remove, CLOUD_LOG_CALLER);
+    may_be_overtaken = may_remove && CountChanges() != changes;
+  }
+  return removed;
+}
+
+// The keys are locked.
+CObjectStorageManager::ERemoved CObjectStorageManager::TryToRemoveKeys(const std::vector<std::string>& names,
+                                                                       const std::string& bucket_name,
+                                                                       const MayAdd& may_remove,
+                                                                       const details::Caller& caller) {
   RowIds rows = RowsOfKeys(names, bucket_name);
   // Another process may just have stored objects of these keys.
   const bool may_be_more = rows.size() < names.size() || std::any_of(names.begin(), names.end(), HasUsualSpellings);
@@ -132,8 +150,8 @@ CObjectStorageManager::ERemoved CObjectStorageManager::RemoveKeys(const std::vec
   const bool is_removed = RemoveRows(rows, bucket_name, there);
   WaitUntilVisible();
   if (!is_removed) {
-    CLOUD_LOG(logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]",
-              rows.begin()->first.c_str());
+    CLOUD_LOG_FOR(caller, logging::kError, "[%s]remove object[%s] failed, db operation failed.[%s(%d)]",
+                  rows.begin()->first.c_str());
     // What a condition was about may have been changed by another process, and memory says so by now.
     const bool is_refused = may_remove && !MayRemoveAll(there, names, bucket_name, may_remove);
     return is_refused ? ERemoved::kRefused : ERemoved::kFailed;

@@ -97,8 +97,10 @@ struct CObjectStorageManager::Addition {
   ObjectExtras extras;
   MayAdd may_add;  // asked again when the row was refused; only in a catalogue that is shared
   bool is_new = false;
-  bool replaces = false;  // whatever row has that name by then, in a catalogue that is shared
-  int tries_left = 100;   // while other processes change the object again and again
+  bool replaces = false;      // whatever row has that name by then, in a catalogue that is shared
+  int tries_left = 100;       // while other processes change the object again and again
+  int blind_tries_left = 3;   // while memory does not show why the database has refused it
+  std::uint64_t changes = 0;  // of CountChanges, when the condition was asked
   CPackedObject::Pointer packed;
   std::unique_ptr<CObjectTable> first_table;
   std::optional<KeyLock> key;
@@ -186,17 +188,22 @@ void CObjectStorageManager::Answer(const std::shared_ptr<Addition>& addition, co
 }
 
 // Another process may have changed the object since it was looked at, and the condition may hold all the same. Returns
-// false when that is not why the database has refused it.
+// false when that is not why the database has refused it. An object that came and went since then has left no trace but
+// the count of changes.
 bool CObjectStorageManager::TryAgain(const std::shared_ptr<Addition>& addition, const AddedOnTerms& done,
                                      const details::Caller& caller) noexcept {
   try {
+    const std::uint64_t changes = CountChanges();
     ObjectInfo there;
     std::string attributes;
     const bool is_there = FindObject(there, attributes, addition->object.name, addition->object.bucket_name);
-    if (!addition->may_add || there.url == addition->extras.expected_url || addition->tries_left-- == 0 ||
+    const bool is_other = there.url != addition->extras.expected_url;
+    const bool may_be_overtaken = is_other || (changes != addition->changes && addition->blind_tries_left-- > 0);
+    if (!addition->may_add || !may_be_overtaken || addition->tries_left-- == 0 ||
         !addition->may_add(is_there ? &there : nullptr, attributes)) {
       return false;
     }
+    addition->changes = changes;
     addition->extras.expected_url = there.url;
     addition->row.id = is_there ? there.id : addition->row.id;
     addition->is_new = false;
@@ -238,6 +245,7 @@ CObjectStorageManager::EAdded CObjectStorageManager::BeginAdding(Addition& addit
   if (!may_add) {
     return EAdded::kAdded;
   }
+  addition.changes = CountChanges();
   ObjectInfo there;
   std::string attributes;
   const bool is_there = FindObject(there, attributes, name, bucket_name);

@@ -63,6 +63,7 @@ struct CObjectStorageManager::Shared {
   ChangePosition position;
   bool is_loaded = false;
 
+  std::atomic<std::uint64_t> changes{0};         // that memory has taken in
   std::unique_ptr<CCatalogueFollower> follower;  // null until Init
   std::unique_ptr<details::CChangeListener> listener;
 };
@@ -176,6 +177,7 @@ bool CObjectStorageManager::LoadAnew() {
   }
   shared_->position = newest;
   shared_->is_loaded = true;
+  ++shared_->changes;
   return true;
 }
 
@@ -190,7 +192,12 @@ bool CObjectStorageManager::TakeIn(const CatalogueChange& change) {
     ForgetObject(change.object.name, change.object.bucket_name);
   }
   shared_->position = change.position;
+  ++shared_->changes;
   return true;
+}
+
+std::uint64_t CObjectStorageManager::CountChanges() const {
+  return shared_ ? shared_->changes.load() : 0;
 }
 
 // An object without a bucket is one whose bucket was removed later; its rows are gone by now.

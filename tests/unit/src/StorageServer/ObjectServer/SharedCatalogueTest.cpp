@@ -25,6 +25,7 @@ namespace Tansy::CloudStorage {
 namespace {
 
 using EAdded = CObjectStorageManager::EAdded;
+using ERemoved = CObjectStorageManager::ERemoved;
 using Texts = std::vector<std::string>;
 
 constexpr std::time_t kFourDays = 4 * 24 * 3600;
@@ -190,6 +191,54 @@ TEST_F(SharedCatalogueTest, AConditionThatHoldsNoMoreIsRefused) {
   EXPECT_EQ(Add(Object("third"), remove), EAdded::kAdded);
   EXPECT_FALSE(was_there);
   EXPECT_EQ(Urls(), (Texts{"third"}));
+}
+
+// Between the look at an object and the statement it may come and go, which memory does not show afterwards.
+TEST_F(SharedCatalogueTest, AnObjectThatCameAndWentMeanwhileIsNoFailure) {
+  // The statement runs twice for each try: with the others of its transaction, and alone.
+  server_.Run(
+      "SET ROLE tansy; CREATE SEQUENCE platform.looks; "
+      "CREATE OR REPLACE FUNCTION platform.expect_object(bucket text, object text, expected text) RETURNS void "
+      "LANGUAGE plpgsql AS $$ BEGIN IF nextval('platform.looks') <= 2 THEN RAISE EXCEPTION 'object % has changed', "
+      "object; END IF; END $$");
+  int asked = 0;
+  const auto may_add = [&](const ObjectInfo* there, const std::string&) {
+    if (++asked == 1) {
+      RunElsewhere(
+          "INSERT INTO platform.local_object (id, guid, name, bucket_name, size, update_time, url) "
+          "VALUES (1000, '', 'o', 'bucket', 1, '', 'elsewhere'); DELETE FROM platform.local_object");
+    }
+    return there == nullptr;
+  };
+  EXPECT_EQ(Add(Object("first"), may_add), EAdded::kAdded);
+  EXPECT_EQ(Urls(), (Texts{"first"}));
+  EXPECT_EQ(server_.Rows("SELECT last_value FROM platform.looks"), (Texts{"3"}));
+}
+
+TEST_F(SharedCatalogueTest, ARemovalWhoseConditionHoldsOnWhatAnotherNodeStoredMeanwhileIsNoFailure) {
+  EXPECT_EQ(Add(Object("first"), {}), EAdded::kAdded);
+  int asked = 0;
+  const auto may_remove = [&](const ObjectInfo* there, const std::string&) {
+    if (++asked <= 5) {
+      RunElsewhere("UPDATE platform.local_object SET url = 'elsewhere " + std::to_string(asked) + "'");
+    }
+    return there != nullptr;
+  };
+  EXPECT_EQ(manager_.RemoveKeys({"o"}, "bucket", may_remove), ERemoved::kRemoved);
+  EXPECT_EQ(Urls(), Texts());
+  EXPECT_GT(asked, 5);
+}
+
+TEST_F(SharedCatalogueTest, ARemovalThatTheDatabaseRefusesFailsOnce) {
+  EXPECT_EQ(Add(Object("first"), {}), EAdded::kAdded);
+  server_.Run(
+      "SET ROLE tansy; CREATE OR REPLACE FUNCTION platform.expect_object(bucket text, object text, "
+      "expected text) RETURNS void LANGUAGE plpgsql AS $$ BEGIN RAISE EXCEPTION 'never'; END $$");
+  int asked = 0;
+  const auto may_remove = [&](const ObjectInfo*, const std::string&) { return ++asked > 0; };
+  EXPECT_EQ(manager_.RemoveKeys({"o"}, "bucket", may_remove), ERemoved::kFailed);
+  EXPECT_LE(asked, 2);
+  EXPECT_EQ(Urls(), (Texts{"first"}));
 }
 
 // What the database refuses for another reason is not tried again.
