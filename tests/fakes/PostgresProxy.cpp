@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace Tansy::Tests {
 namespace {
@@ -67,7 +68,8 @@ bool TakeMessage(std::string& bytes, bool has_kind, std::string& message) {
 // One connection of the program, and the one to the server that belongs to it.
 class CPostgresProxy::CLink {
  public:
-  CLink(CPostgresProxy& proxy, int program) : proxy_(proxy), program_(program), thread_([this] { Run(); }) {}
+  CLink(CPostgresProxy& proxy, int program, AnswerHook answer_hook)
+      : proxy_(proxy), program_(program), answer_hook_(std::move(answer_hook)), thread_([this] { Run(); }) {}
   ~CLink() {
     ::shutdown(program_, SHUT_RDWR);
     thread_.join();
@@ -126,9 +128,22 @@ class CPostgresProxy::CLink {
 
   bool PassToProgram(std::string_view bytes) {
     constexpr char kProcess = 'K';
+    std::string message;
+    if (answer_hook_) {
+      from_server_ += bytes;
+      bool is_sent = true;
+      while (is_sent && TakeMessage(from_server_, true, message)) {
+        if (message.front() == kProcess) {
+          server_process_ = static_cast<int>(NumberAt(message, 5));
+        }
+        answer_hook_({server_process_, message.front(), message});
+        proxy_.WaitWhileSilent();
+        is_sent = SendAll(program_, message);
+      }
+      return is_sent;
+    }
     if (server_process_ == 0) {
       from_server_ += bytes;
-      std::string message;
       while (server_process_ == 0 && TakeMessage(from_server_, true, message)) {
         server_process_ = message.front() == kProcess ? static_cast<int>(NumberAt(message, 5)) : 0;
       }
@@ -139,6 +154,7 @@ class CPostgresProxy::CLink {
 
   CPostgresProxy& proxy_;
   const int program_;
+  const AnswerHook answer_hook_;
   bool has_begun_ = false;
   int server_process_ = 0;
   std::string from_program_;  // the beginning of a message
@@ -178,6 +194,11 @@ void CPostgresProxy::SetHook(Hook hook) {
   hook_ = std::make_shared<const Hook>(std::move(hook));
 }
 
+void CPostgresProxy::SetAnswerHook(AnswerHook hook) {
+  const std::lock_guard lock(mutex_);
+  answer_hook_ = std::move(hook);
+}
+
 void CPostgresProxy::Silence() {
   const std::lock_guard lock(mutex_);
   is_silent_ = true;
@@ -203,7 +224,7 @@ void CPostgresProxy::Accept() {
       return;
     }
     const std::lock_guard lock(mutex_);
-    links_.push_back(std::make_unique<CLink>(*this, program));
+    links_.push_back(std::make_unique<CLink>(*this, program, answer_hook_));
   }
 }
 

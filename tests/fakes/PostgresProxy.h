@@ -38,6 +38,9 @@ class CPostgresProxy {
   // Is called in front of each message, on a thread of the connection; the message goes on when it returns. What the
   // server says on this connection waits too.
   using Hook = std::function<EThen(const Passing& passing)>;
+  // Is called in front of each message of the server in the same way: 'C' says what a statement has done, 'Z' that a
+  // group is over, and whether a transaction is still open ('T') or not ('I').
+  using AnswerHook = std::function<void(const Passing& passing)>;
 
   explicit CPostgresProxy(const CPostgresServer& server);
   ~CPostgresProxy();
@@ -47,6 +50,8 @@ class CPostgresProxy {
   // The address as an option of tansyd.
   std::string Url() const;
   void SetHook(Hook hook);
+  // Counts for connections that begin after it.
+  void SetAnswerHook(AnswerHook hook);
   // From now on nothing passes, in neither direction, and nobody is told: a network without an answer.
   void Silence();
   // Lets everything through again, what waited first.
@@ -67,6 +72,7 @@ class CPostgresProxy {
   std::mutex mutex_;  // guards what follows
   std::condition_variable spoken_;
   std::shared_ptr<const Hook> hook_;
+  AnswerHook answer_hook_;
   bool is_silent_ = false;
   bool is_ending_ = false;
   std::vector<std::unique_ptr<CLink>> links_;

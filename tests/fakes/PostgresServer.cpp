@@ -84,12 +84,12 @@ CPostgresServer::~CPostgresServer() {
   std::filesystem::remove_all(folder_, ignored);
 }
 
-std::string CPostgresServer::Url(const std::string& parameters) const {
+std::string CPostgresServer::Url(const std::string& parameters, const std::string& database) const {
   std::string host;
   for (const char c : folder_) {
     host += c == '/' ? "%2F" : std::string(1, c);
   }
-  return std::string("postgresql://") + kUser + "@" + host + "/" + kDatabase +
+  return std::string("postgresql://") + kUser + "@" + host + "/" + database +
          (parameters.empty() ? "" : "?" + parameters);
 }
 
@@ -254,6 +254,23 @@ std::vector<std::string> CPostgresServer::Rows(const std::string& sql, const std
 
 void CPostgresServer::Empty() {
   Run("DROP SCHEMA IF EXISTS platform CASCADE; CREATE SCHEMA platform AUTHORIZATION tansy");
+}
+
+// The server's user may not reach the path, so the script passes through this one's folder.
+void CPostgresServer::Dump(const std::string& database, const std::string& path) {
+  const std::string script = folder_ + "/script";
+  EXPECT_EQ(RunAsUser({Program("pg_dump"), "-h", folder_, "-U", "postgres", "-f", script, database}), 0) << GetLog();
+  std::filesystem::copy_file(script, path, std::filesystem::copy_options::overwrite_existing);
+}
+
+void CPostgresServer::Load(const std::string& path, const std::string& database) {
+  const std::string script = folder_ + "/script";
+  std::filesystem::copy_file(path, script, std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::permissions(script, std::filesystem::perms::others_read, std::filesystem::perm_options::add);
+  EXPECT_EQ(RunAsUser({Program("psql"), "-q", "-h", folder_, "-U", "postgres", "-v", "ON_ERROR_STOP=1", "-f", script,
+                       database}),
+            0)
+      << GetLog();
 }
 
 std::string CPostgresServer::GetLog() const {

@@ -31,7 +31,7 @@ class CPostgresServer {
 
   const std::string& GetHost() const { return folder_; }  // the folder of the socket
   // The address as an option of tansyd.
-  std::string Url(const std::string& parameters = "") const;
+  std::string Url(const std::string& parameters = "", const std::string& database = kDatabase) const;
 
   void Start();
   void Stop();   // lets transactions end
@@ -57,6 +57,9 @@ class CPostgresServer {
   std::string FailureOf(const std::string& sql, const std::string& database = kDatabase);
   // Takes the schema away with everything in it, and makes it anew, empty.
   void Empty();
+  // Writes a database as a script, which Load runs in another one, perhaps of another server.
+  void Dump(const std::string& database, const std::string& path);
+  void Load(const std::string& path, const std::string& database);
   std::string GetLog() const;
 
  private:

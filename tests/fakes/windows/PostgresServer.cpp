@@ -22,7 +22,7 @@ CPostgresServer& CPostgresServer::Shared() {
   return server;
 }
 
-std::string CPostgresServer::Url(const std::string& /*parameters*/) const {
+std::string CPostgresServer::Url(const std::string& /*parameters*/, const std::string& /*database*/) const {
   Refuse();
 }
 void CPostgresServer::Start() {

@@ -249,7 +249,8 @@ void CInspection::RepairSpace() {
   system_tests::Launch check = launch_;
   check.with_ports = false;
   for (const bool repairs : {true, false}) {
-    check.arguments = {"--check"};
+    check.arguments = launch_.arguments;
+    check.arguments.emplace_back("--check");
     if (repairs) {
       check.arguments.insert(check.arguments.end(), {"--repair", "--force"});
     }

@@ -14,6 +14,7 @@ constexpr const char* kHelp =
     "  --minutes N    for this time\n"
     "  --tansyd FILE  another program than that of this build\n"
     "  --trace FILE   the file calls of an earlier run instead of new ones\n"
+    "  --database D   prove_power: sqlite, or postgresql: a server of the run's own\n"
     "Without any of these the short form runs, with the defects that are put in on purpose.\n";
 
 bool ParseNumber(const std::string& text, std::uint64_t& number) {
@@ -29,7 +30,7 @@ Settings& Settings::Get() {
   return settings;
 }
 
-int RunProve(int argc, char** argv, const std::string& long_test) {
+int RunProve(int argc, char** argv, const std::string& long_test, const std::string& on_postgresql) {
   testing::InitGoogleTest(&argc, argv);
   Settings& settings = Settings::Get();
   const auto refuse = [&](const std::string& what) {
@@ -48,6 +49,8 @@ int RunProve(int argc, char** argv, const std::string& long_test) {
       settings.trace = value;
     } else if (option == "--tansyd" && !value.empty()) {
       settings.tansyd = value;
+    } else if (option == "--database" && !on_postgresql.empty() && (value == "sqlite" || value == "postgresql")) {
+      settings.on_postgresql = value == "postgresql";
     } else if (!ParseNumber(value, number)) {
       return refuse(option + " needs a value");
     } else if (option == "--seed") {
@@ -61,7 +64,7 @@ int RunProve(int argc, char** argv, const std::string& long_test) {
     }
   }
   if (argc > 1 && GTEST_FLAG_GET(filter) == "*") {
-    GTEST_FLAG_SET(filter, long_test);
+    GTEST_FLAG_SET(filter, settings.on_postgresql ? on_postgresql : long_test);
   }
   return RUN_ALL_TESTS();
 }

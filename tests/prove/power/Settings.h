@@ -20,6 +20,7 @@ struct Settings {
   int minutes = 0;     // 0: by number
   std::string tansyd;  // the program to try; empty: that of this build
   std::string trace;   // one that an earlier run has kept; empty: new ones
+  bool on_postgresql = false;
 
   bool IsLong() const { return states > 0 || minutes > 0; }
 
@@ -28,8 +29,8 @@ struct Settings {
 };
 
 // Runs the tests of this program: all of them, or, when options name a length, the one that can be long. Gives the
-// exit code.
-int RunProve(int argc, char** argv, const std::string& long_test);
+// exit code. `on_postgresql`: the long one for --database postgresql; empty: there is none.
+int RunProve(int argc, char** argv, const std::string& long_test, const std::string& on_postgresql = "");
 
 }  // namespace prove
 

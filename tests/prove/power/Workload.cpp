@@ -58,6 +58,7 @@ class CClient {
         next_(static_cast<std::size_t>(options.run * kMostClients + number + 1) * kNumbersOfAClient),
         number_(number),
         has_faults_(options.has_faults),
+        has_pictures_(options.has_pictures),
         big_(big) {}
 
   void Run(int requests) {
@@ -67,7 +68,7 @@ class CClient {
         Put();
       } else if (what < 70) {
         Do(random_() % 4 == 0 ? ERequest::kDelete : ERequest::kRemove, Key());
-      } else if (what < 82) {
+      } else if (what < 82 && has_pictures_) {
         Picture();
       } else if (what < 85) {
         Do(ERequest::kBucket, "extra-" + std::to_string(next_));
@@ -168,6 +169,7 @@ class CClient {
   std::size_t next_;
   const int number_;
   const bool has_faults_;
+  const bool has_pictures_;
   std::atomic<int>& big_;
   std::vector<std::string> surprises_;
 };

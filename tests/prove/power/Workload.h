@@ -19,7 +19,8 @@ struct WorkloadOptions {
   int clients = 6;
   int requests = 25;        // of each client, about
   bool has_faults = false;  // any request may be refused, but all are answered
-  int big_bodies = 1;       // bodies that arrive in pieces, of all clients together
+  bool has_pictures = true;
+  int big_bodies = 1;  // bodies that arrive in pieces, of all clients together
 };
 
 // Sends one request, with its two lines in the trace, and gives its answer's outcome. `number` must be a new one.

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <stdio.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -513,5 +514,14 @@ size_t fread(void* data, size_t size, size_t count, FILE* stream) {
     return static_cast<ssize_t>(result);
   });
   return result;
+}
+ssize_t recv(int socket, void* data, size_t size, int flags) {
+  NEXT(recv);
+  const ssize_t done = next(socket, data, size, flags);
+  if (CRecorder* recorder = CRecorder::Get(); recorder != nullptr && done > 0) {
+    const CKeptErrno kept;
+    recorder->LookAtReceived({static_cast<const char*>(data), static_cast<std::size_t>(done)});
+  }
+  return done;
 }
 }

@@ -308,10 +308,7 @@ bool CRecorder::Hold(const RecordHead& head, const std::string& record) {
   }
   if (plant_ == EPlant::kRowBeforeBytes && is_commit) {
     Append(record);
-    for (const std::string& late : held_) {
-      Append(late);
-    }
-    held_.clear();
+    Release();
     return true;
   }
   if (plant_ == EPlant::kAnswerBeforeCommit && part == EPart::kCatalogueLog) {
@@ -326,6 +323,21 @@ bool CRecorder::Hold(const RecordHead& head, const std::string& record) {
     return true;
   }
   return false;
+}
+
+void CRecorder::Release() {
+  for (const std::string& late : held_) {
+    Append(late);
+  }
+  held_.clear();
+}
+
+void CRecorder::LookAtReceived(std::string_view data) {
+  constexpr std::string_view kCommitted("COMMIT\0", 7);
+  if (plant_ == EPlant::kRowBeforeBytes && data.find(kCommitted) != std::string_view::npos) {
+    const std::lock_guard lock(mutex_);
+    Release();
+  }
 }
 
 // One call, so that records of two processes never mix.

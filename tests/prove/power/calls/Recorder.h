@@ -56,6 +56,9 @@ class CRecorder {
   std::uint64_t NoteSyncBegins(std::uint64_t node);
   void NoteSyncEnds(std::uint64_t node, std::uint64_t number, int error);
 
+  // What came through a socket; does not need the mutex. A plant waits there for commits of a database server.
+  void LookAtReceived(std::string_view data);
+
  private:
   enum class EPart { kOther, kStore, kBodies, kCatalogueLog };
 
@@ -66,6 +69,7 @@ class CRecorder {
   bool IsSyncLeftOut(std::uint64_t node) const;
   void Note(RecordHead head, std::string_view name = {}, std::string_view other_name = {}, std::string_view data = {});
   bool Hold(const RecordHead& head, const std::string& record);
+  void Release();
   void Append(const std::string& record);
 
   std::mutex mutex_;
