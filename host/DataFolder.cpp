@@ -4,6 +4,7 @@
 
 #include "HostSystem/Files.h"
 #include "StartFailure.h"
+#include "TansyBase/FileUtil.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -31,6 +32,9 @@ CDataFolder::CDataFolder(const std::string& path, EUse use) : path_(HostSystem::
   if (const int error = HostSystem::ChangeFolder(path_)) {
     Fail("cannot be entered: " + HostSystem::ErrorText(error));
   }
+  // The servers keep files beside the program otherwise: one folder for all data folders, and perhaps one that only
+  // administrators may write.
+  TansyBase::FileUtil::SetCurExeDirUtf8("./");
 }
 
 void CDataFolder::Lock() {

@@ -7,7 +7,8 @@
 
 namespace Tansy::Host {
 
-// The folder that holds everything. It is made the current folder, so that relative paths lead into it from then on.
+// The folder that holds everything. It is made the current folder, so that relative paths lead into it from then on,
+// and the one in which the servers look for their certificate and keep first parts.
 class CDataFolder {
  public:
   enum class EUse {

@@ -16,6 +16,9 @@ class FileUtil {
   // data folder, and making the folders of an absolute path would start with the empty prefix before its first
   // separator.
   static std::string GetCurExeDirUtf8();
+  // Gives another folder for it, with the separator at its end: a host whose data does not lie beside its program names
+  // the data's folder. An empty text takes that back. Call it before the servers start.
+  static void SetCurExeDirUtf8(const std::string& folder);
 
   static bool Exists(const std::string& path);
   // Makes one folder. Returns 0 or errno.

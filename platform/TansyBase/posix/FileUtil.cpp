@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "TansyBase/ProgramFolder.h"
 #include "TansyBase/posix/NativePath.h"
 
 namespace TansyBase {
@@ -34,7 +35,7 @@ int SyncFolderOf(const std::string& native_path) {
 
 }  // namespace
 
-std::string FileUtil::GetCurExeDirUtf8() {
+std::string ProgramFolder() {
   return "./";
 }
 

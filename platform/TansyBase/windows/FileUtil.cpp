@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "TansyBase/ProgramFolder.h"
 #include "TansyBase/StringUtil.h"
 #include "TansyBase/windows/NativePath.h"
 
@@ -23,7 +24,7 @@ std::string ToUtf8(const std::wstring& wide) {
 
 }  // namespace
 
-std::string FileUtil::GetCurExeDirUtf8() {
+std::string ProgramFolder() {
   std::wstring path(32768, L'\0');  // the longest path that the system knows
   path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
   return ToUtf8(path.substr(0, path.find_last_of(L'\\') + 1));

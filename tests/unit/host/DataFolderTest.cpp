@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "StartFailure.h"
+#include "TansyBase/FileUtil.h"
 #include "fakes/TempFolder.h"
 
 namespace Tansy::Host {
@@ -15,7 +16,10 @@ class DataFolderTest : public testing::Test {
  protected:
   using EUse = CDataFolder::EUse;
 
-  void TearDown() override { std::filesystem::current_path(started_in_); }
+  void TearDown() override {
+    std::filesystem::current_path(started_in_);
+    TansyBase::FileUtil::SetCurExeDirUtf8("");
+  }
 
   std::string FailureOf(const std::string& path, EUse use) {
     try {
@@ -35,6 +39,12 @@ TEST_F(DataFolderTest, IsMadeAndEntered) {
   const CDataFolder folder(temp_.Path("a/b") + "/", EUse::kServe);
   EXPECT_EQ(folder.GetPath(), temp_.Path("a/b"));
   EXPECT_EQ(std::filesystem::current_path(), std::filesystem::canonical(temp_.Path("a/b")));
+}
+
+TEST_F(DataFolderTest, IsWhereTheServersKeepTheirFiles) {
+  const CDataFolder folder(temp_.Path("a"), EUse::kServe);
+  temp_.Write("a/certificate", "x");
+  EXPECT_TRUE(TansyBase::FileUtil::Exists(TansyBase::FileUtil::GetCurExeDirUtf8() + "certificate"));
 }
 
 TEST_F(DataFolderTest, BelongsToOneAtATime) {

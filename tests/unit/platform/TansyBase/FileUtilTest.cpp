@@ -62,6 +62,14 @@ TEST_F(FileUtilTest, TheFolderOfTheProgramEndsWithASeparator) {
   EXPECT_EQ(FileUtil::GetCurExeDirUtf8(), "./");
 }
 
+TEST_F(FileUtilTest, AHostNamesAnotherFolderThanThatOfTheProgram) {
+  const std::string before = FileUtil::GetCurExeDirUtf8();
+  FileUtil::SetCurExeDirUtf8("data/");
+  EXPECT_EQ(FileUtil::GetCurExeDirUtf8(), "data/");
+  FileUtil::SetCurExeDirUtf8("");
+  EXPECT_EQ(FileUtil::GetCurExeDirUtf8(), before);
+}
+
 TEST_F(FileUtilTest, ExistsFilesAndFolders) {
   Put(Path("file"), "x");
   EXPECT_TRUE(FileUtil::Exists(Path("file")));
