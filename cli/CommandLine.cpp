@@ -213,6 +213,7 @@ std::vector<std::string> WithHelpAsOption(int argc, const char* const* argv) {
 ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   ParsedCommandLine line;
   CLI::App program("", "tansy");
+  program.allow_windows_style_options(false);  // a slash begins the path of an object on every system
   program.set_version_flag("--version", "tansy " TANSY_VERSION);
   program.require_subcommand(1);
   std::list<std::pair<CLI::Option*, std::string>> global_options;

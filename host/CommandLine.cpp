@@ -46,6 +46,7 @@ void ExpectOneWork(const CommandLine& line) {
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
   CommandLine line;
   CLI::App app("tansyd, the stand-alone cloud-storage server", "tansyd");
+  app.allow_windows_style_options(false);
   app.set_version_flag("--version", "tansyd " TANSY_VERSION);
 
   std::vector<std::pair<CLI::Option*, const char*>> options;
