@@ -115,6 +115,15 @@ Impl& Ensure(std::unique_ptr<Impl>& impl) {
   return *impl;
 }
 
+// Gives the text of a value that is neither object, array nor null.
+bool TextOf(const Value& value, std::string& text) {
+  if (value.IsNull() || value.IsObject() || value.IsArray()) {
+    return false;
+  }
+  text = value.IsString() ? std::string(value.GetString(), value.GetStringLength()) : ToText(value);
+  return true;
+}
+
 bool IsUtf8(std::string_view text) {
   return MakeCarriable(text, false) == text;
 }
@@ -232,10 +241,28 @@ bool CRapidJsonProto::Has(const std::string& path) const {
 
 std::string CRapidJsonProto::GetString(const std::string& path, const std::string& missing) const {
   const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
-  if (value == nullptr || value->IsNull() || value->IsObject() || value->IsArray()) {
-    return missing;
+  std::string text;
+  return value != nullptr && details::TextOf(*value, text) ? text : missing;
+}
+
+std::size_t CRapidJsonProto::GetCount(const std::string& path) const {
+  const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
+  return value != nullptr && value->IsArray() ? value->Size() : 0;
+}
+
+std::vector<std::pair<std::string, std::string>> CRapidJsonProto::GetMembers(const std::string& path) const {
+  std::vector<std::pair<std::string, std::string>> members;
+  const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
+  if (value == nullptr || !value->IsObject()) {
+    return members;
   }
-  return value->IsString() ? std::string(value->GetString(), value->GetStringLength()) : details::ToText(*value);
+  for (const auto& member : value->GetObject()) {
+    std::string text;
+    if (details::TextOf(member.value, text)) {
+      members.emplace_back(std::string(member.name.GetString(), member.name.GetStringLength()), std::move(text));
+    }
+  }
+  return members;
 }
 
 std::int64_t CRapidJsonProto::GetInt(const std::string& path, std::int64_t missing) const {
@@ -273,6 +300,26 @@ bool CRapidJsonProto::SetBool(const std::string& path, bool flag) {
   rapidjson::Value* value = details::Ensure(impl_).Make(path);
   if (value != nullptr) {
     value->SetBool(flag);
+  }
+  return value != nullptr;
+}
+
+bool CRapidJsonProto::SetNumber(const std::string& path, double number) {
+  rapidjson::Value* value = std::isfinite(number) ? details::Ensure(impl_).Make(path) : nullptr;
+  if (value != nullptr) {
+    value->SetDouble(number);
+  }
+  return value != nullptr;
+}
+
+bool CRapidJsonProto::SetList(const std::string& path) {
+  auto& impl = details::Ensure(impl_);
+  if (impl.Find(path) != nullptr) {
+    return false;
+  }
+  rapidjson::Value* value = impl.Make(path);
+  if (value != nullptr) {
+    value->SetArray();
   }
   return value != nullptr;
 }

@@ -1,10 +1,13 @@
 #ifndef TANSY_PROTO_RAPID_JSON_PROTO_H
 #define TANSY_PROTO_RAPID_JSON_PROTO_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace TansyProto {
 
@@ -33,11 +36,21 @@ class CRapidJsonProto {
   // Gives an integer member, or a string member that is a decimal integer, and `missing` otherwise.
   std::int64_t GetInt(const std::string& path, std::int64_t missing = -1) const;
 
+  // Gives the number of values of an array; 0 when there is none at that path.
+  std::size_t GetCount(const std::string& path) const;
+  // Gives the members of an object in their order, each as GetString would; it is empty when there is none at that
+  // path. Members that are objects or arrays are left out.
+  std::vector<std::pair<std::string, std::string>> GetMembers(const std::string& path) const;
+
   // Returns false, with the document as it was, when the path is malformed, skips an index, leads through a value that
   // is no object, or ends at an object or array. Bytes that are not UTF-8 are each written as U+FFFD.
   bool SetString(const std::string& path, const std::string& value);
   bool SetInt(const std::string& path, std::int64_t value);
   bool SetBool(const std::string& path, bool value);
+  // It also refuses what is no finite number.
+  bool SetNumber(const std::string& path, double value);
+  // Makes an empty array, to which values are added by their index. Returns false when there is something already.
+  bool SetList(const std::string& path);
 
   // Gives the document as compact text.
   std::string Serialize() const;

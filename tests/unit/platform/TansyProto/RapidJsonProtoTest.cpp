@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <limits>
 #include <random>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "CpuTime.h"
 #include "TansyProto/DocumentPath.h"
@@ -54,6 +56,41 @@ TEST(RapidJsonProtoTest, RefusedWritesLeaveTheDocumentAsItWas) {
     EXPECT_FALSE(document.SetBool(path, true)) << path;
   }
   EXPECT_EQ(document.Serialize(), before);
+}
+
+TEST(RapidJsonProtoTest, ListsTheMembersOfAnObject) {
+  CRapidJsonProto document;
+  ASSERT_TRUE(
+      document.Parse(R"({"q":{"b":"1","a/b[1]":2,"c":true,"d":null,"e":[1],"f":{},"":"x"},"l":[1,{"m":"n"},3]})"));
+  const std::vector<std::pair<std::string, std::string>> members = {
+      {"b", "1"}, {"a/b[1]", "2"}, {"c", "true"}, {"", "x"}};
+  EXPECT_EQ(document.GetMembers("/q"), members);
+  EXPECT_EQ(document.GetMembers("/l[2]").size(), 1U);
+  EXPECT_TRUE(document.GetMembers("/l").empty());
+  EXPECT_TRUE(document.GetMembers("/none").empty());
+  EXPECT_EQ(document.GetCount("/l"), 3U);
+  EXPECT_EQ(document.GetCount("/q"), 0U);
+  EXPECT_EQ(document.GetCount("/none"), 0U);
+}
+
+TEST(RapidJsonProtoTest, WritesFractions) {
+  CRapidJsonProto document;
+  EXPECT_TRUE(document.SetNumber("/a", 0.0005));
+  EXPECT_TRUE(document.SetNumber("/b", 60));
+  EXPECT_FALSE(document.SetNumber("/c", std::numeric_limits<double>::infinity()));
+  EXPECT_FALSE(document.SetNumber("/c", std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_EQ(document.Serialize(), R"({"a":0.0005,"b":60.0})");
+}
+
+TEST(RapidJsonProtoTest, MakesAnEmptyList) {
+  CRapidJsonProto document;
+  EXPECT_TRUE(document.SetList("/empty"));
+  EXPECT_TRUE(document.SetList("/a/full"));
+  EXPECT_TRUE(document.SetInt("/a/full[1]", 5));
+  EXPECT_FALSE(document.SetList("/a/full")) << "it is there";
+  EXPECT_FALSE(document.SetList("/a/full[3]"));
+  EXPECT_TRUE(document.SetList("/a/full[2]"));
+  EXPECT_EQ(document.Serialize(), R"({"empty":[],"a":{"full":[5,[]]}})");
 }
 
 TEST(RapidJsonProtoTest, WritingAgainReplacesTheValue) {
