@@ -8,6 +8,7 @@
 #define TANSY_CLOUD_STORAGE_S3_SERVER_H
 
 #include <cstdint>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,9 @@ struct S3ServerConfig : StorageServerConfig_V1 {
   bool v2_links = true;  // links of signature version 2 are taken
   // Web pages of these origins ("https://example.org") may use the server from a browser; "*" stands for all of them.
   std::vector<std::string> cors_origins;
+  // The same is true of pages that came from this port of the host that the request is sent to, by HTTP or HTTPS; 0: of
+  // none.
+  std::uint16_t page_port = 0;
 };
 
 // A further key, beside the pair of the configuration, which may do everything. Only the S3 server knows it.
@@ -51,6 +55,9 @@ TANSY_CLOUD_STORAGE_API int UninitS3Server();
 
 // Stops or starts the listeners. Returns 0 also when they are in that state already.
 TANSY_CLOUD_STORAGE_API int SetS3ServerEnable(bool enable);
+
+// Changes `page_port` while the server runs.
+TANSY_CLOUD_STORAGE_API int SetS3PagePort(std::uint16_t port);
 
 }  // namespace Tansy::CloudStorage
 

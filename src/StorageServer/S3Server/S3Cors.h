@@ -3,16 +3,16 @@
 #define TANSY_SRC_STORAGE_SERVER_S3_SERVER_S3_CORS_H
 
 #include <string>
-#include <vector>
 
 #include "StorageServer/S3Server/S3Text.h"
+#include "TansyCloudStorage/S3Server.h"
 #include "TansyNet/HttpServer.h"
 
 namespace Tansy::CloudStorage::S3 {
 
-// Gives the value of Access-Control-Allow-Origin for a page of `origin`; it is empty when that is none of `origins`, of
-// which "*" stands for all.
-std::string AllowedOrigin(const std::vector<std::string>& origins, const std::string& origin);
+// Gives the value of Access-Control-Allow-Origin for the page that sends a request with these headers; it is empty when
+// the configuration names its origin neither itself nor by `page_port`.
+std::string AllowedOrigin(const S3ServerConfig& config, const LowerHeaders& headers);
 
 // Adds what lets pages read an answer, headers included.
 void AddCorsHeaders(TansyNet::Headers& headers, const std::string& readers);

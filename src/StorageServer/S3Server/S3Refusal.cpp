@@ -42,7 +42,7 @@ Failure FailureOf(int status, const std::string& method) {
 }  // namespace
 
 TansyNet::Refusal MakeRefusal(int status, const TansyNet::HttpServerRecv& msg, const S3ServerConfig& config) {
-  const std::string readers = AllowedOrigin(config.cors_origins, ValueOf(LowerNames(msg.headers), "origin"));
+  const std::string readers = AllowedOrigin(config, LowerNames(msg.headers));
   const Recipient to{0, MakeRequestId(), msg.method, msg.url, readers};
   const Failure failure = FailureOf(status, msg.method);
   LogFailure(to, failure);

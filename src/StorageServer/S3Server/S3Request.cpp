@@ -70,7 +70,7 @@ Request::Request(std::int32_t session, TansyNet::HttpServerRecv& message, const 
       query(ParseQuery(message.query)),
       headers(HeadersOf(message, query)),
       host_bucket(BucketOfHost(ValueOf(headers, "host"), conf.domain)) {
-  readers = AllowedOrigin(conf.cors_origins, ValueOf(headers, "origin"));
+  readers = AllowedOrigin(conf, headers);
   std::string_view path = std::string_view(url).substr(url.starts_with('/') ? 1 : 0);
   if (host_bucket.empty()) {
     const std::string_view name = path.substr(0, path.find('/'));

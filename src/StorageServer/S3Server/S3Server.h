@@ -76,6 +76,9 @@ class CS3Server : private TansyBase::CNoncopyable {
 
   int Init(const S3ServerConfig& config);
   int SetEnable(bool enable);
+  void SetPagePort(std::uint16_t port) {
+    conf_.Update([port](S3ServerConfig& config) { config.page_port = port; });
+  }
 
   // Receives every request and every piece of a streamed body on the HTTP library's threads; queues it or refuses it.
   static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);

@@ -32,4 +32,11 @@ int SetS3ServerEnable(bool enable) {
                     [enable] { return S3::CS3Server::Instance().SetEnable(enable); });
 }
 
+int SetS3PagePort(std::uint16_t port) {
+  return AtBoundary("SetS3PagePort", details::kFailed, [port] {
+    S3::CS3Server::Instance().SetPagePort(port);
+    return 0;
+  });
+}
+
 }  // namespace Tansy::CloudStorage

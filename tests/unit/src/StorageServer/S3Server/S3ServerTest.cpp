@@ -846,6 +846,35 @@ TEST_F(S3ServerTest, LetsPagesOfListedOriginsUseIt) {
   EXPECT_EQ(GetKey("k", {{"Origin", "https://b.org"}}).response.headers.at("Access-Control-Allow-Origin"), "*");
 }
 
+TEST_F(S3ServerTest, LetsPagesFromItsOwnHostUseItByTheirPort) {
+  PutKey("k", "hello");
+  const auto readers = [this](const std::string& host, const std::string& origin) {
+    const TansyNet::Headers headers = GetKey("k", {{"Host", host}, {"Origin", origin}}).response.headers;
+    const auto found = headers.find("Access-Control-Allow-Origin");
+    return found == headers.end() ? std::string() : found->second;
+  };
+  EXPECT_EQ(readers("nas:9702", "http://nas:9703"), "") << "nobody has set a port";
+  EXPECT_EQ(SetS3PagePort(9703), 0);
+  for (const auto& [host, origin] :
+       std::vector<std::pair<std::string, std::string>>{{"nas:9702", "http://nas:9703"},
+                                                        {"nas:9702", "https://nas:9703"},
+                                                        {"Nas", "http://nas:9703"},
+                                                        {"[::1]:9702", "http://[::1]:9703"}}) {
+    EXPECT_EQ(readers(host, origin), origin);
+  }
+  for (const char* origin : {"http://evil:9703", "http://nas:9702", "http://nas", "http://nas:97031", "ftp://nas:9703",
+                             "http://nas:9703/", "null", "http://nas.evil:9703", "nas:9703"}) {
+    EXPECT_EQ(readers("nas:9702", origin), "") << origin;
+  }
+  SetS3PagePort(443);
+  EXPECT_EQ(readers("nas:9745", "https://nas"), "https://nas") << "browsers leave usual ports out";
+  EXPECT_EQ(readers("nas:9745", "https://nas:443"), "");
+  EXPECT_EQ(readers("nas:9745", "http://nas:443"), "http://nas:443");
+  SetS3PagePort(0);
+  EXPECT_EQ(readers("nas:9702", "http://nas"), "");
+  EXPECT_EQ(readers("nas:9702", "http://nas:0"), "");
+}
+
 // Whoever reads gets the bytes of one upload, with the tag of these bytes.
 TEST_F(S3ServerTest, BothProtocolsWorkOnTheSameKeysAtOnce) {
   constexpr int kThreads = 6;
