@@ -235,7 +235,7 @@ int Listen(std::int32_t& handle, const AdminOptions& options, const std::string&
 }  // namespace
 }  // namespace details
 
-CAdminServer::CAdminServer(AdminOptions options, Source source, std::shared_ptr<CConsole> console) {
+CAdminServer::CAdminServer(const AdminOptions& options, Source source, std::shared_ptr<CConsole> console) {
   auto state = std::make_shared<details::State>();
   state->source = std::move(source);
   state->console = std::move(console);

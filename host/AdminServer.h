@@ -32,7 +32,7 @@ class CAdminServer {
   using Source = std::function<MetricsSource()>;
 
   // Opens the listeners; `source` is asked on the threads of the HTTP library and must not wait. Throws CStartFailure.
-  CAdminServer(AdminOptions options, Source source, std::shared_ptr<CConsole> console);
+  CAdminServer(const AdminOptions& options, Source source, std::shared_ptr<CConsole> console);
   // Stops them. Requests under way are still answered.
   ~CAdminServer();
   CAdminServer(const CAdminServer&) = delete;

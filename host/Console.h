@@ -2,9 +2,10 @@
 #define TANSY_HOST_CONSOLE_H
 
 #include <cstdint>
-#include <string>
 #include <string_view>
+#include <utility>
 
+#include "ConsoleApi.h"
 #include "ConsoleMessage.h"
 
 namespace Tansy::Host {
@@ -23,12 +24,13 @@ class CConsole {
   static constexpr std::string_view kFolder = "/console/";
   static constexpr std::string_view kApiFolder = "/console/api/";
 
-  explicit CConsole(ConsoleOptions options) : options_(options) {}
+  CConsole(ConsoleOptions options, ConsoleSources sources) : options_(options), api_(std::move(sources)) {}
 
-  ConsoleAnswer Answer(const ConsoleRequest& request) const;
+  ConsoleAnswer Answer(const ConsoleRequest& request);
 
  private:
   const ConsoleOptions options_;
+  CConsoleApi api_;
 };
 
 }  // namespace Tansy::Host

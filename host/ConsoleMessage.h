@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "TansyNet/wire/Headers.h"
+#include "TansyNet/HttpServer.h"
 
 namespace Tansy::Host {
 

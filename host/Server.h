@@ -75,7 +75,7 @@ class CServer {
   void StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const;
   void WatchAddresses();
   void OpenAccessLog();
-  std::shared_ptr<CConsole> MakeConsole() const;
+  std::shared_ptr<CConsole> MakeConsole(const CredentialPair& credentials) const;
   void StartAdminServer(const CredentialPair& credentials);
   std::vector<CServerHealth::Probe> HealthProbes() const;
   MoveHost HostOfMove();

@@ -13,6 +13,7 @@
 #include "Server.h"
 #include "StartFailure.h"
 #include "TansyBase/TimeUtil.h"
+#include "TansyCloudStorage/S3Server.h"
 #include "TansyNet/HttpServer.h"
 
 namespace Tansy::Host {
@@ -70,8 +71,15 @@ std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
   };
 }
 
-std::shared_ptr<CConsole> CServer::MakeConsole() const {
-  return std::make_shared<CConsole>(ConsoleOptions{options_.s3_port, options_.s3_https_port});
+std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials) const {
+  ConsoleSources sources;
+  sources.s3_region = options_.s3_region;
+  sources.find_key = [credentials](const std::string& name) {
+    return name == credentials.access_key
+               ? std::optional(ConsoleKey{credentials.access_key, credentials.secret_key, true, {}})
+               : std::nullopt;
+  };
+  return std::make_shared<CConsole>(ConsoleOptions{options_.s3_port, options_.s3_https_port}, std::move(sources));
 }
 
 // This comes last: who asks before everything is open finds nobody.
@@ -96,8 +104,10 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     options.addresses.emplace_back(details::kLoopback);
   }
   try {
-    admin_ = std::make_unique<CAdminServer>(std::move(options), source, MakeConsole());
+    admin_ = std::make_unique<CAdminServer>(options, source, MakeConsole(credentials));
     options_.admin_port = port;
+    // The console's page comes from there.
+    CloudStorage::SetS3PagePort(port);
   } catch (const CStartFailure& failure) {
     if (options_.admin_port.has_value()) {
       throw;

@@ -8,7 +8,6 @@
 #define TANSY_CLOUD_STORAGE_S3_SERVER_H
 
 #include <cstdint>
-#include <cstdint>
 #include <string>
 #include <vector>
 

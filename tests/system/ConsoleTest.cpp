@@ -1,4 +1,12 @@
 // The web console as a browser meets it: its page, signing in, and what a page may ask for.
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <atomic>
+#include <regex>
+#include <thread>
+#include <vector>
+
 #include "support/TansydTest.h"
 
 namespace system_tests {
@@ -7,6 +15,25 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
+
+std::string HmacHex(const std::string& secret, const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  HMAC(EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
+       reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest, &size);
+  std::string digits;
+  for (unsigned int i = 0; i < size; ++i) {
+    digits += "0123456789abcdef"[digest[i] >> 4];
+    digits += "0123456789abcdef"[digest[i] & 15];
+  }
+  return digits;
+}
+
+// A text member of a JSON object that has no escapes in it.
+std::string Member(const std::string& json, const std::string& name) {
+  std::smatch found;
+  return std::regex_search(json, found, std::regex("\"" + name + "\":\"([^\"]*)\"")) ? found[1].str() : "";
+}
 
 class ConsoleTest : public TansydTest {
  protected:
@@ -20,6 +47,37 @@ class ConsoleTest : public TansydTest {
             const std::string& body = "") const {
     return Call(server_.GetAdminPort(), {method, target, headers, body});
   }
+  Reply Post(const std::string& target, const std::string& body, HeaderList headers = {}) const {
+    headers.emplace_back("Content-Type", "application/json");
+    return Ask(target, headers, "POST", body);
+  }
+  Reply SignIn(const std::string& secret = Keys().secret_key) const {
+    const std::string key = Keys().access_key;
+    const std::string nonce = Member(Ask("/console/api/challenge").body, "nonce");
+    return Post("/console/api/session", R"({"key":")" + key + R"(","nonce":")" + nonce + R"(","proof":")" +
+                                            HmacHex(secret, nonce + "\n" + key) + "\"}");
+  }
+  // The headers of somebody who has signed in.
+  HeaderList SignedIn() const {
+    const Reply reply = SignIn();
+    EXPECT_EQ(reply.status, 200) << reply.body;
+    const std::string cookie = reply.Header("Set-Cookie");
+    return {{"Cookie", cookie.substr(0, cookie.find(';'))}, {"X-CSRF-Token", Member(reply.body, "csrf")}};
+  }
+  // The path and query of a link that the console signs.
+  std::string Target(const std::string& what, const HeaderList& headers) const {
+    const Reply reply = Post("/console/api/sign", what, headers);
+    EXPECT_EQ(reply.status, 200) << reply.body;
+    const std::string url = Member(reply.body, "url");
+    const std::string server = "http://127.0.0.1:" + std::to_string(server_.GetS3Port());
+    EXPECT_EQ(url.substr(0, server.size() + 1), server + "/");
+    return url.substr(std::min(server.size(), url.size()));
+  }
+  Reply AtS3(const std::string& method, const std::string& target, const std::string& body = "",
+             const HeaderList& headers = {}) const {
+    return Call(server_.GetS3Port(), {method, target, headers, body});
+  }
+  std::string Origin() const { return "http://127.0.0.1:" + std::to_string(server_.GetAdminPort()); }
 };
 
 TEST_F(ConsoleTest, ShowsItsPageUnderStrictRules) {
@@ -52,6 +110,141 @@ TEST_F(ConsoleTest, LeadsThereFromTheFrontDoor) {
 TEST_F(ConsoleTest, NamesNoHostThatIsNone) {
   EXPECT_EQ(Ask("/console/", {{"Host", "nas;script-src *"}}).status, 400);
   EXPECT_EQ(Ask("/console/api/challenge", {{"Host", "a\"b"}}).status, 400);
+}
+
+TEST_F(ConsoleTest, WhoeverHasTheKeySignsInAndOut) {
+  const Reply reply = SignIn();
+  ASSERT_EQ(reply.status, 200) << reply.body;
+  EXPECT_EQ(Member(reply.body, "key"), Keys().access_key);
+  EXPECT_THAT(reply.Header("Set-Cookie"), testing::MatchesRegex("tansy_session=[0-9a-f]{64}; Path=/console/; HttpOnly; "
+                                                                "SameSite=Strict; Max-Age=43200"));
+  EXPECT_EQ(reply.Header("Cache-Control"), "no-store");
+  const HeaderList headers = SignedIn();
+  EXPECT_EQ(Ask("/console/api/session", headers).status, 200);
+  EXPECT_EQ(Ask("/console/api/session", headers, "DELETE").status, 200);
+  EXPECT_EQ(Ask("/console/api/session", headers).status, 401);
+  EXPECT_THAT(server_.GetLog(), Not(HasSubstr(Keys().secret_key)));
+}
+
+TEST_F(ConsoleTest, ForgedCookiesOpenNothing) {
+  const HeaderList good = SignedIn();
+  std::string cookie = good[0].second;
+  cookie.back() = cookie.back() == '0' ? '1' : '0';
+  for (const std::string& forged : {cookie, std::string("tansy_session=" + std::string(64, '0')),
+                                    std::string("tansy_session=../../x"), std::string(60'000, 'a')}) {
+    EXPECT_EQ(Ask("/console/api/session", {{"Cookie", forged}}).status, 401) << forged.substr(0, 80);
+    EXPECT_EQ(Post("/console/api/sign", "{}", {{"Cookie", forged}, good[1]}).status, 401);
+  }
+  EXPECT_EQ(Ask("/console/api/session", {{"Cookie", std::string(70'000, 'a')}}).status, 431);
+  EXPECT_EQ(Ask("/console/api/session", good).status, 200);
+}
+
+TEST_F(ConsoleTest, RequestsOfOtherPagesAndWithoutTheTokenChangeNothing) {
+  const HeaderList good = SignedIn();
+  const std::string body = R"({"method":"GET","bucket":"","key":"","expires":60})";
+  EXPECT_EQ(Post("/console/api/sign", body, good).status, 200);
+  EXPECT_EQ(Post("/console/api/sign", body, {good[0]}).status, 403);
+  EXPECT_EQ(Post("/console/api/sign", body, {good[0], {"X-CSRF-Token", std::string(64, 'a')}}).status, 403);
+  for (const char* origin : {"http://evil.example.org", "null", "http://127.0.0.1:1"}) {
+    EXPECT_EQ(Post("/console/api/sign", body, {good[0], good[1], {"Origin", origin}}).status, 403) << origin;
+    EXPECT_EQ(Ask("/console/api/session", {good[0], {"Origin", origin}}, "DELETE").status, 403) << origin;
+  }
+  EXPECT_EQ(Post("/console/api/sign", body, {good[0], good[1], {"Origin", Origin()}}).status, 200);
+  EXPECT_EQ(Post("/console/api/sign", std::string(64 * 1024 + 1, ' '), good).status, 413);
+}
+
+TEST_F(ConsoleTest, SigningInIsNotGuessing) {
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(SignIn("guess").status, 401);
+  }
+  const Reply reply = SignIn();
+  EXPECT_EQ(reply.status, 429);
+  EXPECT_GE(std::stoi("0" + reply.Header("Retry-After")), 1);
+}
+
+// Whoever has a session goes on, other protocols do too, and memory stays where it was.
+TEST_F(ConsoleTest, TenThousandTriesToSignInAreNoTroubleForOthers) {
+  const HeaderList good = SignedIn();
+  MakeBucket("b");
+  const std::uint64_t before = server_.GetMemory();
+  std::atomic<int> open{0};
+  std::atomic<int> answered{0};
+  const auto storm = [&] {
+    const auto connection = CConnection::Open(server_.GetAdminPort());
+    ASSERT_NE(connection, nullptr);
+    const std::string body = R"({"key":"x","nonce":")" + std::string(500, 'n') + R"(","proof":"y"})";
+    const std::string bytes = Serialize({"POST", "/console/api/session", {{"Content-Type", "application/json"}}, body},
+                                        server_.GetAdminPort());
+    for (int i = 0; i < 2500; ++i) {
+      ASSERT_TRUE(connection->Send(bytes));
+      const int status = connection->Receive().status;
+      ASSERT_TRUE(status == 401 || status == 429) << status;
+      open += status == 401 ? 1 : 0;
+      ++answered;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back(storm);
+  }
+  for (int i = 0; i < 20; ++i) {
+    Put("/b/k", "12345");
+    EXPECT_EQ(Get("/b/k"), "12345");
+    EXPECT_EQ(Ask("/console/api/session", good).status, 200);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(answered, 10'000);
+  EXPECT_LT(open, 1000) << "ten at once, then one in six seconds";
+  EXPECT_LT(server_.GetMemory(), before + MemoryFor(std::uint64_t{64} << 20));
+}
+
+// The whole way of a browser: from the page's origin, by links that the console signs, to the S3 server.
+TEST_F(ConsoleTest, APageWorksOnObjectsByItsLinks) {
+  const HeaderList good = SignedIn();
+  const HeaderList page = {{"Origin", Origin()}};
+  const auto sign = [&](const std::string& method, const std::string& rest) {
+    return Target(R"({"method":")" + method + R"(","bucket":"photos","expires":60)" + rest + "}", good);
+  };
+  const Reply preflight = AtS3("OPTIONS", sign("PUT", R"(,"key":"a")"), "",
+                               {{"Origin", Origin()},
+                                {"Access-Control-Request-Method", "PUT"},
+                                {"Access-Control-Request-Headers", "content-type,x-amz-copy-source"}});
+  EXPECT_EQ(preflight.status, 200);
+  EXPECT_EQ(preflight.Header("Access-Control-Allow-Origin"), Origin());
+  EXPECT_THAT(preflight.Header("Access-Control-Allow-Headers"), HasSubstr("x-amz-copy-source"));
+  EXPECT_EQ(AtS3("PUT", sign("PUT", ""), "", page).status, 200) << "the bucket";
+  const std::string name = "caf\xC3\xA9 <b>&\xE2\x80\xAE.txt";
+  const std::string key = R"(,"key":")" + name + "\"";
+  const Reply stored = AtS3("PUT", sign("PUT", key), "hello", {{"Origin", Origin()}, {"Content-Type", "text/plain"}});
+  EXPECT_EQ(stored.status, 200) << stored.body;
+  EXPECT_EQ(stored.Header("Access-Control-Allow-Origin"), Origin());
+  EXPECT_THAT(stored.Header("Access-Control-Expose-Headers"), HasSubstr("ETag"));
+  EXPECT_EQ(AtS3("GET", sign("GET", key), "", page).body, "hello");
+  const std::string copy =
+      sign("PUT", R"(,"key":"copy","headers":{"x-amz-copy-source":"/photos/caf%C3%A9%20%3Cb%3E%26%E2%80%AE.txt"})");
+  EXPECT_EQ(AtS3("PUT", copy, "", page).status, 403) << "the header was signed and must be sent";
+  EXPECT_EQ(AtS3("PUT", copy, "",
+                 {{"Origin", Origin()}, {"x-amz-copy-source", "/photos/caf%C3%A9%20%3Cb%3E%26%E2%80%AE.txt"}})
+                .status,
+            200);
+  EXPECT_THAT(AtS3("GET", sign("GET", R"(,"query":{"list-type":"2","prefix":"co"})"), "", page).body,
+              AllOf(HasSubstr("<Key>copy</Key>"), HasSubstr("<KeyCount>1</KeyCount>")));
+  EXPECT_EQ(AtS3("DELETE", sign("DELETE", R"(,"key":"copy")"), "", page).status, 204);
+  EXPECT_EQ(AtS3("GET", sign("GET", R"(,"key":"copy")"), "", page).status, 404);
+  EXPECT_EQ(AtS3("DELETE", sign("GET", key), "", page).status, 403) << "a link is for one method";
+}
+
+TEST_F(ConsoleTest, PagesOfOtherOriginsStayOutOfTheS3Server) {
+  const std::string link = Target(R"({"method":"GET","bucket":"","key":"","expires":60})", SignedIn());
+  for (const std::string& origin : {std::string("http://evil.example.org"), std::string("null"),
+                                    "http://evil.example.org:" + std::to_string(server_.GetAdminPort()),
+                                    "http://127.0.0.1:" + std::to_string(server_.GetS3Port())}) {
+    EXPECT_EQ(AtS3("GET", link, "", {{"Origin", origin}}).Header("Access-Control-Allow-Origin"), "") << origin;
+    EXPECT_EQ(AtS3("OPTIONS", link, "", {{"Origin", origin}, {"Access-Control-Request-Method", "GET"}}).status, 403)
+        << origin;
+  }
 }
 
 }  // namespace

@@ -1,0 +1,231 @@
+#include "ConsoleApi.h"
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include "ConsoleLink.h"
+#include "RunningRequests.h"
+#include "TansyBase/TimeUtil.h"
+#include "TansyProto/RapidJsonProto.h"
+
+namespace Tansy::Host {
+namespace details {
+namespace {
+
+using TansyProto::CRapidJsonProto;
+
+constexpr const char* kJson = "application/json";
+constexpr std::string_view kCookie = "tansy_session";
+
+ConsoleAnswer JsonAnswer(const CRapidJsonProto& json) {
+  ConsoleAnswer answer;
+  answer.type = kJson;
+  answer.body = json.Serialize() + "\n";
+  return answer;
+}
+
+// Gives the value of a cookie, the first of that name; "" when there is none.
+std::string_view CookieOf(std::string_view cookies, std::string_view name) {
+  while (!cookies.empty()) {
+    const std::size_t end = std::min(cookies.find(';'), cookies.size());
+    std::string_view pair = cookies.substr(0, end);
+    cookies.remove_prefix(std::min(end + 1, cookies.size()));
+    pair.remove_prefix(std::min(pair.find_first_not_of(' '), pair.size()));
+    if (pair.size() > name.size() && pair.starts_with(name) && pair[name.size()] == '=') {
+      return pair.substr(name.size() + 1);
+    }
+  }
+  return {};
+}
+
+std::string SessionCookie(const std::string& token, std::int64_t seconds, bool is_secure) {
+  return std::string(kCookie) + "=" + token +
+         "; Path=/console/; HttpOnly; SameSite=Strict; Max-Age=" + std::to_string(seconds) +
+         (is_secure ? "; Secure" : "");
+}
+
+// The time that it takes does not tell how much of the text was right.
+bool IsEqual(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// Browsers say for which page they ask. Other programs say nothing, and have no cookie that they do not own.
+bool IsOfAnotherPage(const ConsoleRequest& request) {
+  const std::string_view origin = request.Header("Origin");
+  const std::string_view host = request.Header("Host");
+  if (!origin.empty() && origin != "http://" + std::string(host) && origin != "https://" + std::string(host)) {
+    return true;
+  }
+  const std::string_view site = request.Header("Sec-Fetch-Site");
+  return !site.empty() && site != "same-origin" && site != "none";
+}
+
+ConsoleAnswer AnswerSession(const ConsoleSession& session) {
+  CRapidJsonProto json;
+  json.SetString("/csrf", session.csrf);
+  json.SetString("/key", session.key.name);
+  json.SetInt("/expires", session.expires);
+  json.SetBool("/read_only", !session.key.may_write);
+  json.SetList("/buckets");
+  for (std::size_t i = 0; i < session.key.buckets.size(); ++i) {
+    json.SetString("/buckets[" + std::to_string(i + 1) + "]", session.key.buckets[i]);
+  }
+  return JsonAnswer(json);
+}
+
+LinkToSign ReadLink(const CRapidJsonProto& json, const std::string& at) {
+  LinkToSign link;
+  link.method = json.GetString(at + "/method");
+  link.bucket = json.GetString(at + "/bucket");
+  link.key = json.GetString(at + "/key");
+  link.query = json.GetMembers(at + "/query");
+  link.headers = json.GetMembers(at + "/headers");
+  link.seconds = json.GetInt(at + "/expires");
+  return link;
+}
+
+}  // namespace
+}  // namespace details
+
+// A request on its way.
+struct CConsoleApi::Call {
+  const ConsoleRequest& request;
+  const ConsolePlace& place;
+  std::string_view token;                 // as its cookie names the session
+  std::optional<ConsoleSession> session;  // empty when nobody has signed in
+};
+
+struct CConsoleApi::Route {
+  std::string_view method;
+  std::string_view path;
+  ConsoleAnswer (CConsoleApi::*answer)(const Call& call);
+  bool is_open = false;  // also for who has not signed in
+  bool needs_csrf = false;
+};
+
+struct CConsoleApi::Routes {
+  static constexpr std::array kTable = {
+      Route{"GET", "challenge", &CConsoleApi::Challenge, true}, Route{"POST", "session", &CConsoleApi::SignIn, true},
+      Route{"GET", "session", &CConsoleApi::ShowSession},       Route{"DELETE", "session", &CConsoleApi::SignOut},
+      Route{"POST", "sign", &CConsoleApi::Sign, false, true},   Route{"GET", "requests", &CConsoleApi::ShowRequests},
+  };
+};
+
+CConsoleApi::CConsoleApi(ConsoleSources sources) : sources_(std::move(sources)), sessions_(sources_.find_key) {}
+
+ConsoleAnswer CConsoleApi::Answer(const ConsoleRequest& request, std::string_view path, const ConsolePlace& place) {
+  if (details::IsOfAnotherPage(request)) {
+    return ConsoleFailure(403, "only the console's own page may ask");
+  }
+  if (request.body.size() > kLongestBody) {
+    return ConsoleFailure(413, "send at most 64 KiB at once");
+  }
+  const auto named = [path](const Route& row) { return row.path == path; };
+  if (std::none_of(Routes::kTable.begin(), Routes::kTable.end(), named)) {
+    return ConsoleFailure(404, "there is nothing of this name: open the console again");
+  }
+  const auto* const route = std::find_if(Routes::kTable.begin(), Routes::kTable.end(),
+                                         [&](const Route& row) { return named(row) && row.method == request.method; });
+  if (route == Routes::kTable.end()) {
+    return ConsoleFailure(405, "this cannot be done with that method");
+  }
+  if (!request.body.empty() && !request.Header("Content-Type").starts_with(details::kJson)) {
+    return ConsoleFailure(415, "send JSON, with its content type");
+  }
+  Call call{request, place, details::CookieOf(request.Header("Cookie"), details::kCookie), std::nullopt};
+  // A page that looks by itself says so, because the session of somebody who has left ends by itself.
+  call.session = sessions_.Find(call.token, request.Header("X-Tansy-Poll").empty());
+  if (!route->is_open && !call.session.has_value()) {
+    return ConsoleFailure(401, "sign in");
+  }
+  if (route->needs_csrf && !details::IsEqual(request.Header("X-CSRF-Token"), call.session->csrf)) {
+    return ConsoleFailure(403, "the request lacks the session's token: load the page again");
+  }
+  return (this->*route->answer)(call);
+}
+
+ConsoleAnswer CConsoleApi::Challenge(const Call& /*call*/) {
+  details::CRapidJsonProto json;
+  json.SetString("/nonce", sessions_.MakeNonce());
+  return details::JsonAnswer(json);
+}
+
+ConsoleAnswer CConsoleApi::SignIn(const Call& call) {
+  details::CRapidJsonProto json;
+  if (!json.Parse(call.request.body)) {
+    return ConsoleFailure(400, "the request is no JSON");
+  }
+  const CConsoleSessions::Result result = sessions_.SignIn(
+      {json.GetString("/key"), json.GetString("/nonce"), json.GetString("/proof"), std::string(call.request.ip)});
+  if (result.status == 429) {
+    ConsoleAnswer answer = ConsoleFailure(429, "too many tries: wait and try again");
+    answer.headers["Retry-After"] = std::to_string(result.retry_after);
+    return answer;
+  }
+  if (result.status != 200) {
+    return ConsoleFailure(result.status, "access key or secret key is wrong");
+  }
+  sessions_.End(call.token);  // the one before it, if there was one
+  ConsoleAnswer answer = details::AnswerSession(result.session);
+  answer.headers["Set-Cookie"] =
+      details::SessionCookie(result.token, CConsoleSessions::kLongestSession, call.request.is_secure);
+  return answer;
+}
+
+ConsoleAnswer CConsoleApi::ShowSession(const Call& call) {
+  return details::AnswerSession(*call.session);
+}
+
+ConsoleAnswer CConsoleApi::SignOut(const Call& call) {
+  sessions_.End(call.token);
+  details::CRapidJsonProto json;
+  ConsoleAnswer answer = details::JsonAnswer(json);
+  answer.headers["Set-Cookie"] = details::SessionCookie("", 0, call.request.is_secure);
+  return answer;
+}
+
+ConsoleAnswer CConsoleApi::Sign(const Call& call) {
+  if (call.place.s3.empty()) {
+    return ConsoleFailure(409, call.request.is_secure ? "start tansyd with s3-https-port: this page came by HTTPS"
+                                                      : "start tansyd with s3-port");
+  }
+  // One request or a list of them, which the document takes as a member only.
+  details::CRapidJsonProto json;
+  if (!json.Parse("{\"all\":" + std::string(call.request.body) + "}")) {
+    return ConsoleFailure(400, "the request is no JSON");
+  }
+  const std::size_t count = json.GetCount("/all");
+  if (count > kMostLinks) {
+    return ConsoleFailure(400, "ask for at most 1000 links at once");
+  }
+  const std::size_t begin = call.request.body.find_first_not_of(" \t\r\n");
+  const bool is_list = begin != std::string_view::npos && call.request.body[begin] == '[';
+  const std::time_t now = TansyBase::TimeUtil::Now();
+  details::CRapidJsonProto answer;
+  if (is_list) {
+    answer.SetList("/urls");
+  }
+  for (std::size_t i = 1; i <= (is_list ? count : 1); ++i) {
+    const std::string index = is_list ? "[" + std::to_string(i) + "]" : "";
+    const LinkToSign link = details::ReadLink(json, "/all" + index);
+    const std::string trouble = CheckLink(link, call.session->key);
+    if (!trouble.empty()) {
+      return ConsoleFailure(400, trouble);
+    }
+    answer.SetString(is_list ? "/urls" + index : "/url",
+                     SignLink(link, call.session->key, call.place, sources_.s3_region, now));
+  }
+  return details::JsonAnswer(answer);
+}
+
+ConsoleAnswer CConsoleApi::ShowRequests(const Call& /*call*/) {
+  ConsoleAnswer answer;
+  answer.type = details::kJson;
+  answer.body = RunningRequestsJson();
+  return answer;
+}
+
+}  // namespace Tansy::Host

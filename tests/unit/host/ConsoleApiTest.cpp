@@ -1,0 +1,217 @@
+#include "ConsoleApi.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "TansyNet/S3Signing.h"
+#include "TansyProto/RapidJsonProto.h"
+#include "fakes/ManualClock.h"
+
+namespace Tansy::Host {
+namespace {
+
+using TansyNet::Headers;
+
+class ConsoleApiTest : public testing::Test {
+ protected:
+  static ConsoleSources Sources() {
+    ConsoleSources sources;
+    sources.s3_region = "us-east-1";
+    sources.find_key = [](const std::string& name) {
+      return name == "admin" ? std::optional(ConsoleKey{"admin", "secret", true, {}}) : std::nullopt;
+    };
+    return sources;
+  }
+  static TansyProto::CRapidJsonProto Read(const ConsoleAnswer& answer) {
+    TansyProto::CRapidJsonProto json;
+    EXPECT_TRUE(json.Parse(answer.body)) << answer.body;
+    return json;
+  }
+  ConsoleAnswer Ask(const std::string& method, const std::string& path, const std::string& body = "",
+                    Headers headers = {}, bool is_secure = false) {
+    headers.try_emplace("Host", "nas:9703");
+    if (!body.empty()) {
+      headers.try_emplace("Content-Type", "application/json");
+    }
+    const ConsolePlace place{"http://nas:9703", "nas:9702", s3_};
+    return api_.Answer({method, path, "", "192.0.2.1", body, headers, is_secure}, path, place);
+  }
+  std::string SignInBody(const std::string& secret) {
+    const std::string nonce = Read(Ask("GET", "challenge")).GetString("/nonce");
+    const std::string proof = TansyNet::S3Signing::ToHex(TansyNet::S3Signing::HmacSha256(secret, nonce + "\nadmin"));
+    return R"({"key":"admin","nonce":")" + nonce + R"(","proof":")" + proof + "\"}";
+  }
+  // The headers of somebody who has signed in.
+  Headers SignedIn() {
+    const ConsoleAnswer answer = Ask("POST", "session", SignInBody("secret"));
+    EXPECT_EQ(answer.status, 200) << answer.body;
+    const std::string cookie = answer.headers.at("Set-Cookie");
+    return {{"Cookie", cookie.substr(0, cookie.find(';'))}, {"X-CSRF-Token", Read(answer).GetString("/csrf")}};
+  }
+
+  Tests::CManualClock clock_;
+  std::string s3_ = "http://nas:9702";
+  CConsoleApi api_{Sources()};
+};
+
+TEST_F(ConsoleApiTest, SignsInAndOut) {
+  const ConsoleAnswer answer = Ask("POST", "session", SignInBody("secret"));
+  ASSERT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.cache, "no-store");
+  const auto json = Read(answer);
+  EXPECT_EQ(json.GetString("/key"), "admin");
+  EXPECT_EQ(json.GetInt("/expires"), clock_.Now() + 12 * 3600);
+  EXPECT_EQ(json.GetString("/read_only"), "false");
+  const std::string cookie = answer.headers.at("Set-Cookie");
+  const std::string token = cookie.substr(0, cookie.find(';'));
+  EXPECT_EQ(cookie, token + "; Path=/console/; HttpOnly; SameSite=Strict; Max-Age=43200");
+  EXPECT_EQ(answer.body.find("secret"), std::string::npos);
+
+  const ConsoleAnswer again = Ask("GET", "session", "", {{"Cookie", "a=b; " + token + "; c=d"}});
+  EXPECT_EQ(again.status, 200);
+  EXPECT_EQ(again.body, answer.body);
+  const ConsoleAnswer out = Ask("DELETE", "session", "", {{"Cookie", token}});
+  EXPECT_EQ(out.status, 200);
+  EXPECT_EQ(out.headers.at("Set-Cookie"), "tansy_session=; Path=/console/; HttpOnly; SameSite=Strict; Max-Age=0");
+  EXPECT_EQ(Ask("GET", "session", "", {{"Cookie", token}}).status, 401);
+}
+
+TEST_F(ConsoleApiTest, TheCookieOfAPageThatCameByHttpsGoesByHttpsOnly) {
+  const ConsoleAnswer answer = Ask("POST", "session", SignInBody("secret"), {}, true);
+  EXPECT_TRUE(answer.headers.at("Set-Cookie").ends_with("; Secure"));
+}
+
+TEST_F(ConsoleApiTest, AWrongKeyIsToldSoAndManyAreToldToWait) {
+  for (int i = 0; i < 10; ++i) {
+    const ConsoleAnswer answer = Ask("POST", "session", SignInBody("wrong"));
+    EXPECT_EQ(answer.status, 401);
+    EXPECT_EQ(answer.body, "{\"error\":\"access key or secret key is wrong\"}\n");
+    EXPECT_FALSE(answer.headers.contains("Set-Cookie"));
+  }
+  const ConsoleAnswer answer = Ask("POST", "session", SignInBody("secret"));
+  EXPECT_EQ(answer.status, 429);
+  EXPECT_EQ(answer.headers.at("Retry-After"), "6");
+}
+
+TEST_F(ConsoleApiTest, NothingIsForWhoeverHasNotSignedIn) {
+  const std::string forged = "tansy_session=" + std::string(64, 'a');
+  for (const Headers& headers :
+       {Headers{}, Headers{{"Cookie", forged}}, Headers{{"Cookie", "tansy_session"}},
+        Headers{{"Cookie", ";;=;tansy_session=;"}}, Headers{{"Cookie", "xtansy_session=" + std::string(64, 'a')}},
+        Headers{{"Cookie", std::string(60'000, ';')}}}) {
+    EXPECT_EQ(Ask("GET", "session", "", headers).status, 401);
+    EXPECT_EQ(Ask("DELETE", "session", "", headers).status, 401);
+    EXPECT_EQ(Ask("GET", "requests", "", headers).status, 401);
+    EXPECT_EQ(Ask("POST", "sign", "{}", headers).status, 401);
+  }
+}
+
+TEST_F(ConsoleApiTest, WhatChangesSomethingNeedsTheSessionsToken) {
+  Headers headers = SignedIn();
+  const std::string body = R"({"method":"GET","bucket":"b","key":"k","expires":60})";
+  EXPECT_EQ(Ask("POST", "sign", body, headers).status, 200);
+  Headers without = headers;
+  without.erase("X-CSRF-Token");
+  EXPECT_EQ(Ask("POST", "sign", body, without).status, 403);
+  Headers of_another = SignedIn();
+  of_another["Cookie"] = headers["Cookie"];
+  EXPECT_EQ(Ask("POST", "sign", body, of_another).status, 403);
+  Headers empty = headers;
+  empty["X-CSRF-Token"] = "";
+  EXPECT_EQ(Ask("POST", "sign", body, empty).status, 403);
+  Headers lower = without;
+  lower["x-csrf-token"] = headers["X-CSRF-Token"];
+  EXPECT_EQ(Ask("POST", "sign", body, lower).status, 200) << "names of headers may be written in any case";
+}
+
+TEST_F(ConsoleApiTest, OtherPagesAreRefusedWhateverTheyHave) {
+  Headers headers = SignedIn();
+  const auto with = [&](const std::string& name, const std::string& value) {
+    Headers changed = headers;
+    changed[name] = value;
+    return Ask("GET", "session", "", changed).status;
+  };
+  EXPECT_EQ(with("Origin", "http://nas:9703"), 200);
+  EXPECT_EQ(with("Origin", "https://nas:9703"), 200) << "a proxy may speak HTTPS";
+  EXPECT_EQ(with("Origin", "http://nas:9702"), 403) << "a page that is stored as an object";
+  EXPECT_EQ(with("Origin", "http://evil.example.org"), 403);
+  EXPECT_EQ(with("Origin", "null"), 403);
+  EXPECT_EQ(with("Sec-Fetch-Site", "same-origin"), 200);
+  EXPECT_EQ(with("Sec-Fetch-Site", "none"), 200);
+  EXPECT_EQ(with("Sec-Fetch-Site", "same-site"), 403);
+  EXPECT_EQ(with("Sec-Fetch-Site", "cross-site"), 403);
+}
+
+TEST_F(ConsoleApiTest, ReadsJsonOfModestSizeOnly) {
+  const std::string fits = "\"" + std::string(CConsoleApi::kLongestBody - 2, 'x') + "\"";
+  EXPECT_EQ(Ask("POST", "session", fits).status, 401);
+  EXPECT_EQ(Ask("POST", "session", fits + " ").status, 413);
+  EXPECT_EQ(Ask("POST", "sign", fits + " ").status, 413) << "before anything else";
+  EXPECT_EQ(Ask("POST", "session", "{").status, 400);
+  EXPECT_EQ(Ask("POST", "session", "").status, 400);
+  EXPECT_EQ(Ask("POST", "session", "{}", {{"Content-Type", "text/plain"}}).status, 415)
+      << "what a form of another page can send";
+  EXPECT_EQ(Ask("POST", "session", "[]").status, 401);
+  EXPECT_EQ(Ask("POST", "session", R"({"key":{},"nonce":[],"proof":null})").status, 401);
+}
+
+TEST_F(ConsoleApiTest, HasNothingElse) {
+  EXPECT_EQ(Ask("GET", "").status, 404);
+  EXPECT_EQ(Ask("GET", "sessions").status, 404);
+  EXPECT_EQ(Ask("GET", "session/").status, 404);
+  EXPECT_EQ(Ask("PUT", "session").status, 405);
+  EXPECT_EQ(Ask("POST", "challenge").status, 405);
+  EXPECT_EQ(Ask("GET", "sign").status, 405);
+}
+
+TEST_F(ConsoleApiTest, SignsOneLinkOrMany) {
+  const Headers headers = SignedIn();
+  const auto one = Read(Ask("POST", "sign",
+                            R"({"method":"PUT","bucket":"b","key":"a b","query":{"partNumber":2,"uploadId":"u"},)"
+                            R"("headers":{"x-amz-copy-source":"/b/c"},"expires":60})",
+                            headers));
+  const std::string link = one.GetString("/url");
+  EXPECT_TRUE(link.starts_with("http://nas:9702/b/a%20b?")) << link;
+  EXPECT_NE(link.find("partNumber=2&uploadId=u"), std::string::npos) << link;
+  EXPECT_NE(link.find("SignedHeaders=host%3Bx-amz-copy-source"), std::string::npos) << link;
+  EXPECT_EQ(link.find("secret"), std::string::npos);
+  const auto many = Read(Ask("POST", "sign",
+                             R"( [{"method":"GET","bucket":"b","key":"1","expires":60},)"
+                             R"({"method":"DELETE","bucket":"b","key":"2","expires":60}])",
+                             headers));
+  EXPECT_EQ(many.GetCount("/urls"), 2U);
+  EXPECT_TRUE(many.GetString("/urls[2]").starts_with("http://nas:9702/b/2?"));
+  EXPECT_EQ(Ask("POST", "sign", "[]", headers).body, "{\"urls\":[]}\n");
+}
+
+TEST_F(ConsoleApiTest, SaysWhyItDoesNotSign) {
+  const Headers headers = SignedIn();
+  for (const char* body : {"{}", "[1]", "1", "[{\"method\":\"GET\"}]", R"({"method":"GET","bucket":"b","key":"k"})",
+                           R"({"method":"GET","bucket":"b","key":"k","expires":604801})"}) {
+    const ConsoleAnswer answer = Ask("POST", "sign", body, headers);
+    EXPECT_EQ(answer.status, 400) << body;
+    EXPECT_NE(Read(answer).GetString("/error"), "") << body;
+  }
+  EXPECT_EQ(Ask("POST", "sign", "{", headers).status, 400);
+  std::string many = "[0";
+  for (int i = 0; i < 1000; ++i) {
+    many += ",0";
+  }
+  EXPECT_EQ(Read(Ask("POST", "sign", many + "]", headers)).GetString("/error"), "ask for at most 1000 links at once");
+  s3_ = "";
+  EXPECT_EQ(Ask("POST", "sign", R"({"method":"GET","bucket":"","key":"","expires":60})", headers).status, 409);
+}
+
+TEST_F(ConsoleApiTest, APageThatLooksByItselfKeepsNoSessionAlive) {
+  Headers headers = SignedIn();
+  Headers polling = headers;
+  polling["X-Tansy-Poll"] = "1";
+  clock_.Advance(3599);
+  EXPECT_EQ(Ask("GET", "requests", "", polling).status, 200);
+  clock_.Advance(1);
+  EXPECT_EQ(Ask("GET", "requests", "", polling).status, 401);
+}
+
+}  // namespace
+}  // namespace Tansy::Host
