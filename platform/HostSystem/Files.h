@@ -8,6 +8,7 @@
 #ifndef TANSY_HOST_SYSTEM_FILES_H
 #define TANSY_HOST_SYSTEM_FILES_H
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -57,6 +58,9 @@ class IFolder {
   virtual int MakeFolder(const std::string& name) = 0;
   // Replaces `to` when it exists, in one step.
   virtual int Rename(const std::string& from, const std::string& to) = 0;
+  // Gives a file a second name, which must not exist; both may lie in folders below. EOPNOTSUPP and the like: the file
+  // system cannot do that.
+  virtual int Link(const std::string& /*from*/, const std::string& /*to*/) { return EOPNOTSUPP; }
   virtual int Remove(const std::string& name) = 0;
   virtual int RemoveFolder(const std::string& name) = 0;  // the folder must be empty
   // Gives the entries without "." and "..", in no order.

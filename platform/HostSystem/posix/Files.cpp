@@ -172,6 +172,16 @@ class CFolder final : public IFolder {
     return ::renameat(descriptor_, from.c_str(), descriptor_, to.c_str()) == 0 ? 0 : errno;
   }
 
+  int Link(const std::string& from, const std::string& to) override {
+    return InParent(from, [this, &to](int from_parent, const char* from_last) {
+      const int error = InParent(to, [from_parent, from_last](int to_parent, const char* to_last) {
+        return ::linkat(from_parent, from_last, to_parent, to_last, 0);
+      });
+      errno = error;
+      return error == 0 ? 0 : -1;
+    });
+  }
+
   int Remove(const std::string& name) override {
     return InParent(name, [](int parent, const char* last) { return ::unlinkat(parent, last, 0); });
   }

@@ -175,6 +175,15 @@ class CFolder final : public IFolder {
     return Result(::MoveFileExW((path_ / FromUtf8(from)).c_str(), (path_ / FromUtf8(to)).c_str(),
                                 MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
   }
+  int Link(const std::string& from, const std::string& to) override {
+    int error = CheckWay(from);
+    if (error == 0) {
+      error = CheckWay(to);
+    }
+    return error != 0
+               ? error
+               : Result(::CreateHardLinkW((path_ / FromUtf8(to)).c_str(), (path_ / FromUtf8(from)).c_str(), nullptr));
+  }
   int Remove(const std::string& name) override {
     const int error = CheckWay(name);
     return error != 0 ? error : Result(::DeleteFileW((path_ / FromUtf8(name)).c_str()));

@@ -49,6 +49,21 @@ TEST_F(FilesTest, WritesAtOffsetsAndReadsBackWithHolesAsZeros) {
   EXPECT_EQ(ReadBack("a"), std::string("hello\0\0\0world", 13));
 }
 
+TEST_F(FilesTest, AFileGetsASecondName) {
+  std::unique_ptr<IFile> file;
+  ASSERT_EQ(folder_->MakeFolder("sub"), 0);
+  ASSERT_EQ(folder_->Create("a", file), 0);
+  EXPECT_EQ(file->WriteAt("hello", 5, 0), 0);
+  EXPECT_EQ(folder_->Link("a", "sub/b"), 0);
+  EXPECT_EQ(folder_->Link("sub/b", "c"), 0);
+  EXPECT_EQ(folder_->Link("a", "c"), EEXIST);
+  EXPECT_EQ(folder_->Link("none", "d"), ENOENT);
+  EXPECT_EQ(folder_->Link("../a", "d"), EINVAL);
+  EXPECT_EQ(folder_->Remove("a"), 0);
+  EXPECT_EQ(ReadBack("sub/b"), "hello");
+  EXPECT_EQ(ReadBack("c"), "hello");
+}
+
 // More than goes to the system in one call.
 TEST_F(FilesTest, WritesManyBytesInOneCall) {
   const std::string bytes = Tansy::Tests::RandomBytes(1000003, 7);
