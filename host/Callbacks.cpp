@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "HostLog.h"
+#include "RemovalHold.h"
 #include "TansyCloudStorage/ObjectServer.h"
 
 namespace Tansy::Host {
@@ -155,6 +156,16 @@ void EndRead(const std::string& location) {
   });
 }
 
+bool Remove(const StoredName& name) {
+  if (Store().IsPicture(name)) {
+    return Store().Remove(name) == EStoreResult::kDone;
+  }
+  if (const auto remove = g_remove.load()) {
+    return remove(name);
+  }
+  return AreRemovalsHeld() ? FreeWhenReleased(name) : Store().Remove(name) == EStoreResult::kDone;
+}
+
 int RemoveObject(const std::string& location) {
   return Guarded(kServerInternalError, [&] {
     StoredName name;
@@ -162,9 +173,7 @@ int RemoveObject(const std::string& location) {
     if (!ParseStoragePath(location, name) && !(IsPictureRequest(location) && ParseReadLocation(location, name))) {
       return InvalidLocation(location, kServerInternalError);
     }
-    const auto remove = Store().IsPicture(name) ? nullptr : g_remove.load();
-    const bool is_removed = remove != nullptr ? remove(name) : Store().Remove(name) == EStoreResult::kDone;
-    return is_removed ? kDone : kServerInternalError;
+    return Remove(name) ? kDone : kServerInternalError;
   });
 }
 

@@ -167,6 +167,11 @@ bool ReleaseSoon(const std::string& url) {
                           std::to_string(static_cast<int>(EReleased::kKept)) + ")");
 }
 
+bool NoteReleased(const std::string& url) {
+  return details::Execute("INSERT INTO platform.released_bytes (url, bucket_name, object_name, released_at) VALUES (" +
+                          details::Quoted(url) + ", '', '', -1)");
+}
+
 // Who has been away for longer loads the catalogue anew. The newest entry stays, because it is where everybody begins.
 // The end of a step is found by a reader, for whom nobody waits, and in the index.
 bool TrimChanges(bool& left) {

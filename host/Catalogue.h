@@ -48,6 +48,10 @@ bool ForgetParts(const std::string& url);
 // Makes bytes of a removed object wait no longer than those of an overwritten one.
 bool ReleaseSoon(const std::string& url);
 
+// Notes bytes whose object is about to be removed: they wait as those of an overwritten object do. When it is not
+// removed after all, the note is forgotten.
+bool NoteReleased(const std::string& url);
+
 // For catalogues that several tansyd share: these forget what nobody needs any more of the log of changes, of uploads
 // whose node has been gone for days, and of processes that have ended long ago. All nodes wait while one of them
 // writes, so the log is forgotten in steps; `left` says whether there may be more.

@@ -38,6 +38,10 @@ void CCatalogueFile::VisitRows(const std::function<void(const CatalogueRow&)>& v
       });
 }
 
+std::uint64_t CCatalogueFile::CountObjects() {
+  return static_cast<std::uint64_t>(database_->QueryNumber("SELECT COUNT(*) AS value FROM platform.local_object"));
+}
+
 std::set<std::string> CCatalogueFile::TaskIds() {
   std::set<std::string> ids;
   database_->Query("SELECT DISTINCT task_id FROM platform.local_object_task", {"task_id"},

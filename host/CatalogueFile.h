@@ -30,6 +30,8 @@ class CCatalogueFile {
   explicit CCatalogueFile(const db_layer::DBParam& database);
 
   void VisitRows(const std::function<void(const CatalogueRow&)>& visitor);
+  // Counts the objects.
+  std::uint64_t CountObjects();
   std::set<std::string> TaskIds();
   // Shows the urls of bytes that removed and replaced objects left: a running server frees them when their time comes.
   void VisitReleased(const std::function<void(const std::string& url)>& visitor);

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "HostSystem/Files.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -32,16 +33,54 @@ CLI::App* AddMove(CLI::App& app, CommandLine& line) {
   return move;
 }
 
+CLI::App* AddBackup(CLI::App& app, CommandLine& line) {
+  CLI::App* backup = app.add_subcommand("backup", "make a backup of the data folder, also beside a running tansyd");
+  backup->fallthrough();
+  backup->add_option("DIR", line.backup_path, "folder that keeps the backups of this data folder")->required();
+  CLI::Option* verify = backup->add_flag("--verify", line.backup_verify,
+                                         "make none: read all of the newest one, or of that one, and compare it");
+  backup->add_flag("--full", line.backup_full, "copy everything, take nothing over from the backup before")
+      ->excludes(verify);
+  backup->add_flag("--even-damaged", line.backup_even_damaged, "also when the bytes of some objects cannot be read")
+      ->excludes(verify);
+  return backup;
+}
+
+CLI::App* AddRestore(CLI::App& app, CommandLine& line) {
+  CLI::App* restore = app.add_subcommand("restore", "make a data folder from a backup");
+  restore->fallthrough();
+  restore->add_option("BACKUP", line.backup_path, "a backup, or the folder that keeps them: the newest")->required();
+  return restore;
+}
+
 void ExpectOneWork(const CommandLine& line) {
   const bool moves = !line.move_database.empty() || !line.move_storage.empty();
   const int works = (moves ? 1 : 0) + (line.move_cancel ? 1 : 0) + (line.move_delete ? 1 : 0);
-  if (line.move && (works != 1 || line.check)) {
+  if (static_cast<int>(line.move) + static_cast<int>(line.backup) + static_cast<int>(line.restore) +
+          static_cast<int>(line.check) >
+      1) {
+    throw CStartFailure(kExitUsage, "give one of --check, move, backup and restore");
+  }
+  if (line.move && works != 1) {
     throw CStartFailure(kExitUsage, "move needs --to-database or --to-storage, or --cancel or --delete-old alone");
   }
 }
 
 }  // namespace
 }  // namespace details
+
+std::string CommandLine::Work() const {
+  if (move) {
+    return "move";
+  }
+  if (backup) {
+    return "backup";
+  }
+  if (restore) {
+    return "restore";
+  }
+  return check ? "check" : "";
+}
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
   CommandLine line;
@@ -66,11 +105,17 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
       app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
   app.add_flag("--force", line.force, "with --repair: also if that is more than a tenth of all bytes")->needs(repair);
   const CLI::App* move = details::AddMove(app, line);
+  const CLI::App* backup = details::AddBackup(app, line);
+  const CLI::App* restore = details::AddRestore(app, line);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    line.print_only = (move->parsed() ? move : &app)->help();
+    const CLI::App* asked = &app;
+    for (const CLI::App* each : {move, backup, restore}) {
+      asked = each->parsed() ? each : asked;
+    }
+    line.print_only = asked->help();
     return line;
   } catch (const CLI::CallForVersion& version) {
     line.print_only = std::string(version.what()) + "\n";
@@ -79,6 +124,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
     throw CStartFailure(kExitUsage, details::OneLine(error.what()) + " (tansyd --help lists the options)");
   }
   line.move = move->parsed();
+  line.backup = backup->parsed();
+  line.restore = restore->parsed();
+  line.backup_path = line.backup_path.empty() ? "" : HostSystem::AbsolutePath(line.backup_path);
   details::ExpectOneWork(line);
   for (std::size_t i = 0; i < options.size(); ++i) {
     if (options[i].first->count() > 0) {

@@ -19,7 +19,16 @@ struct CommandLine {
   bool move_force = false;
   bool move_cancel = false;  // instead: forget a move that has begun
   bool move_delete = false;  // instead: free the place of before
-  std::string print_only;    // help or version text to print; the program then ends
+  bool backup = false;       // make a backup, or verify one, then end
+  std::string backup_path;   // absolute; where backups are kept, or the one to verify or to restore
+  bool backup_verify = false;
+  bool backup_full = false;          // nothing is taken over from the backup before
+  bool backup_even_damaged = false;  // although the bytes of some objects cannot be read
+  bool restore = false;              // make a data folder from a backup, then end
+  std::string print_only;            // help or version text to print; the program then ends
+
+  // Names the piece of work after which the program ends; "" when it serves.
+  std::string Work() const;
 };
 
 // Throws CStartFailure with kExitUsage.

@@ -13,11 +13,13 @@
 #include <utility>
 #include <vector>
 
+#include "BackupVerify.h"
 #include "CommandLine.h"
 #include "DatabaseUrl.h"
 #include "HostLog.h"
 #include "HostSystem/Process.h"
 #include "ListeningFile.h"
+#include "Restore.h"
 #include "Server.h"
 #include "SignalThread.h"
 #include "StartFailure.h"
@@ -52,9 +54,9 @@ void SayBriefly(std::function<void()> say) {
   }
 }
 
-void SayWhyItEnds(CSignalThread::EEnd why, bool is_check) {
+void SayWhyItEnds(CSignalThread::EEnd why, const std::string& work) {
   if (why == CSignalThread::EEnd::kStillStarting) {
-    Complain(is_check ? "stopped before the check was over" : "stopped before it was ready");
+    Complain("stopped before " + (work.empty() ? "it was ready" : "the " + work + " was over"));
   } else {
     const char* cause = why == CSignalThread::EEnd::kSecondSignal ? "a second signal came" : "stopping took too long";
     HOST_LOG(logging::kError, "[%s]%s, what still ran was cut off.[%s(%d)]", cause);
@@ -65,13 +67,13 @@ void SayWhyItEnds(CSignalThread::EEnd why, bool is_check) {
 }
 
 // Ends the process from the signal thread. Nothing is destroyed, because other threads are at work.
-[[noreturn]] void EndNow(CSignalThread::EEnd why, bool is_check) {
+[[noreturn]] void EndNow(CSignalThread::EEnd why, const std::string& work) {
   const bool is_start = why == CSignalThread::EEnd::kStillStarting;
   if (!is_start) {
     RemoveListeningFile();
   }
-  SayBriefly([why, is_check] { SayWhyItEnds(why, is_check); });
-  std::_Exit(is_start && !is_check ? kExitDone : kExitFailed);
+  SayBriefly([why, work] { SayWhyItEnds(why, work); });
+  std::_Exit(is_start && work.empty() ? kExitDone : kExitFailed);
 }
 
 // The server takes this number of connections when the system lets it; the files of requests come on top.
@@ -89,8 +91,14 @@ void NoteOpenFileLimit(std::uint64_t limit) {
 int Serve(const CommandLine& command_line) {
   HostSystem::ShareHeaps();
   CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
-                        [&](CSignalThread::EEnd why) { EndNow(why, command_line.check || command_line.move); }, {});
+                        [&](CSignalThread::EEnd why) { EndNow(why, command_line.Work()); }, {});
   const std::uint64_t open_files = HostSystem::RaiseOpenFileLimit();
+  if (command_line.restore) {
+    return RestoreBackup(command_line.backup_path, command_line.texts, std::cout);
+  }
+  if (command_line.backup_verify) {
+    return VerifyBackup(command_line.backup_path, std::cout);
+  }
   CServer server(command_line);
   NoteOpenFileLimit(open_files);
   if (command_line.check) {
@@ -98,6 +106,9 @@ int Serve(const CommandLine& command_line) {
   }
   if (command_line.move) {
     return server.Move(command_line);
+  }
+  if (command_line.backup) {
+    return server.Backup(command_line);
   }
   server.Start();
   signals.SetServing();

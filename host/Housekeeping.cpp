@@ -7,6 +7,7 @@
 #include "Catalogue.h"
 #include "FirstParts.h"
 #include "HostLog.h"
+#include "RemovalHold.h"
 #include "TansyBase/TimeUtil.h"
 
 namespace Tansy::Host {
@@ -262,7 +263,7 @@ void CHousekeeping::FreeReleased(EReleased kind, std::int64_t time) {
 bool CHousekeeping::FreeSomeReleased(EReleased kind, std::int64_t time) {
   const auto pass = details::PassOf(batches_);
   std::vector<ReleasedBytes> batch;
-  if (!GetReleased(kind, time, details::kAtOnce, batch) || batch.empty()) {
+  if (AreRemovalsHeld() || !GetReleased(kind, time, details::kAtOnce, batch) || batch.empty()) {
     return false;
   }
   std::vector<std::string> urls;

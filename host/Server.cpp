@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Addresses.h"
+#include "Backup.h"
 #include "Callbacks.h"
 #include "Catalogue.h"
 #include "Certificate.h"
@@ -25,6 +26,7 @@
 #include "NodeLease.h"
 #include "OSAL/Osal.h"
 #include "PostgresDatabase.h"
+#include "Restore.h"
 #include "Schema.h"
 #include "StartFailure.h"
 #include "StoragePlaces.h"
@@ -159,8 +161,9 @@ CServer::CServer(const CommandLine& command_line) {
   const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
 
   using EUse = CDataFolder::EUse;
-  const bool only_looks = command_line.check || command_line.move;
+  const bool only_looks = command_line.check || command_line.move || command_line.backup;
   data_folder_ = std::make_unique<CDataFolder>(data, only_looks ? EUse::kLook : EUse::kServe);
+  ExpectRestored();
   ReadOptions(command_line, config_path);
   if (!log_file.empty()) {
     options_.log_file = log_file;
@@ -306,6 +309,14 @@ void CServer::OpenStore() {
 
 int CServer::Check(const CommandLine& command_line) {
   return RunCheckCommand(command_line, options_, *data_folder_, std::cout);
+}
+
+int CServer::Backup(const CommandLine& command_line) {
+  if (!options_.node_name.empty()) {
+    throw CStartFailure(kExitFailed, "several nodes share this storage: use pg_dump, then a snapshot of the storage");
+  }
+  const BackupOrder order{command_line.backup_path, command_line.backup_full, command_line.backup_even_damaged};
+  return MakeBackup(order, options_, settings_path_, std::cout);
 }
 
 int CServer::Move(const CommandLine& command_line) {

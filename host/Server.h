@@ -56,6 +56,8 @@ class CServer {
   // Is called instead of Start: moves what is here to another place, or has the running tansyd do that. What there is
   // to say goes to standard output. Returns the exit code.
   int Move(const CommandLine& command_line);
+  // Is called instead of Start: makes a backup, also of what another tansyd serves. Returns the exit code.
+  int Backup(const CommandLine& command_line);
 
  private:
   void ReadOptions(const CommandLine& command_line, const std::string& config_path);

@@ -7,12 +7,14 @@
 
 #include "HostSystem/Files.h"
 #include "StartFailure.h"
+#include "TansyBase/FileUtil.h"
 
 namespace Tansy::Host {
 namespace details {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
+constexpr int kAllPages = -1;
 
 // Writes a path as a "file:" address, which may carry parameters.
 std::string Address(const std::string& path) {
@@ -77,6 +79,30 @@ CSqliteFile::CSqliteFile(const std::string& file, EAccess access) : file_(file) 
   Run("ATTACH DATABASE ?1 AS platform", {details::AddressFor(file, access)});
   // This query reads the header, so a file that is no database is found here.
   QueryNumber("SELECT COUNT(*) FROM platform.sqlite_master");
+}
+
+void CSqliteFile::CopyTo(const std::string& file) {
+  sqlite3* opened = nullptr;
+  int result = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  std::unique_ptr<sqlite3, CloseDatabase> target(opened);
+  sqlite3_backup* backup =
+      result == SQLITE_OK ? sqlite3_backup_init(opened, "main", database_.get(), "platform") : nullptr;
+  if (backup != nullptr) {
+    sqlite3_backup_step(backup, details::kAllPages);
+    result = sqlite3_backup_finish(backup);
+  } else if (result == SQLITE_OK) {
+    result = sqlite3_errcode(opened);
+  }
+  if (result == SQLITE_OK) {
+    // A copy of a file with a write-ahead log would make one beside it.
+    result = sqlite3_exec(opened, "PRAGMA journal_mode = DELETE", nullptr, nullptr, nullptr);
+  }
+  if (result != SQLITE_OK) {
+    const std::string reason = sqlite3_errstr(result);
+    target.reset();
+    TansyBase::FileUtil::RemoveFile(file);
+    throw CStartFailure(kExitFailed, "database " + file_ + " cannot be copied to " + file + ": " + reason);
+  }
 }
 
 void CSqliteFile::RunScript(const std::string& sql, const std::string& name) {

@@ -25,6 +25,10 @@ class CSqliteFile final : public IHostDatabase {
 
   CSqliteFile(const std::string& file, EAccess access);
 
+  // Makes a file that holds what the database holds at one instant, whoever writes to it meanwhile. The copy is one
+  // file alone, and on stable storage. When it fails, nothing of it is left.
+  void CopyTo(const std::string& file);
+
   // Runs several statements as they are.
   void RunScript(const std::string& sql, const std::string& name);
   // Runs one statement; the values stand for ?1, ?2 and so on.

@@ -36,14 +36,6 @@ struct Store {
   bool IsEmpty() const { return !has_objects && !has_pictures; }
 };
 
-std::string NewId() {
-  unsigned char bytes[kIdLength / 2] = {};
-  if (RAND_bytes(bytes, sizeof bytes) != 1) {
-    throw CStartFailure(kExitFailed, "no random number can be had for the store's id");
-  }
-  return HexText(bytes, sizeof bytes);
-}
-
 class CMatch {
  public:
   CMatch(const db_layer::DBParam& database, IStoragePlace& place, EIdentity mode)
@@ -158,7 +150,7 @@ class CMatch {
   // whose adoption goes on at the next start.
   void Adopt() {
     if (store_.id.empty()) {
-      store_.id = NewId();
+      store_.id = NewStoreId();
       database_->Run("INSERT INTO platform.host_values (name, value) VALUES ('next_store_id', " +
                      QuotedText(store_.id) + ") ON CONFLICT (name) DO UPDATE SET value = excluded.value");
       if (const int error = place_.WriteId(store_.id + "\n")) {
@@ -183,6 +175,14 @@ class CMatch {
 
 }  // namespace
 }  // namespace details
+
+std::string NewStoreId() {
+  unsigned char bytes[details::kIdLength / 2] = {};
+  if (RAND_bytes(bytes, sizeof bytes) != 1) {
+    throw CStartFailure(kExitFailed, "no random number can be had for the store's id");
+  }
+  return HexText(bytes, sizeof bytes);
+}
 
 void MatchStoreIdentity(const db_layer::DBParam& database, IStoragePlace& place, EIdentity mode) {
   details::CMatch(database, place, mode).Run();

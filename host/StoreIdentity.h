@@ -12,6 +12,9 @@
 
 namespace Tansy::Host {
 
+// Gives an id that no other store has. Throws CStartFailure with kExitFailed.
+std::string NewStoreId();
+
 enum class EIdentity {
   kAdopt,  // gives the id to the side that lacks it, when both sides fit together
   kLook,   // writes nothing
