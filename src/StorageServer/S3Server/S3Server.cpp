@@ -4,7 +4,6 @@
 #include "ModuleLog.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
 #include "StorageServer/ObjectServer/PartUploads.h"
-#include "StorageServer/S3Server/S3Refusal.h"
 
 namespace Tansy::CloudStorage::S3 {
 
@@ -12,11 +11,7 @@ namespace {
 
 using CloudStorage::details::Listener;
 
-TansyNet::Refusal Refuse(int status, const TansyNet::HttpServerRecv& msg) {
-  return MakeRefusal(status, msg, *CS3Server::Instance().Config());
-}
-
-constexpr TansyNet::ListenerStyle kStyle = {TansyNet::EUnknownLength::kInPieces, &Refuse};
+constexpr TansyNet::ListenerStyle kStyle = {TansyNet::EUnknownLength::kInPieces, &CS3Server::MakeRefusal};
 
 int Start(Listener& listener, const char* address, std::uint32_t port) {
   using CloudStorage::details::StartListener;

@@ -3,7 +3,8 @@
 // It serves the objects of the catalogue that the object server loads, through the same storage callbacks. The bodies
 // stand in files named after their theme: S3Server.cpp (lifecycle), S3ServerDispatch.cpp (intake, routing, answers),
 // S3ServerBuckets.cpp, S3ServerWrite.cpp, S3ServerRead.cpp, S3ServerETag.cpp, S3ServerList.cpp, S3ServerMultipart.cpp
-// (uploads in parts), S3ServerCopy.cpp, S3ServerAbsent.cpp, S3ServerForm.cpp; the error table is S3Errors.h.
+// (uploads in parts), S3ServerCopy.cpp, S3ServerAbsent.cpp, S3ServerForm.cpp, S3ServerRefusal.cpp; the error table is
+// S3Errors.h.
 //
 // Threads: any. Handlers run in parallel on the threads of the message loop that all servers share. Errors: nothing
 // throws; failures are answered.
@@ -82,6 +83,9 @@ class CS3Server : private TansyBase::CNoncopyable {
 
   // Receives every request and every piece of a streamed body on the HTTP library's threads; queues it or refuses it.
   static void RecvMsgCallBack(std::int32_t handle, TansyNet::HttpServerRecv& msg);
+  // Gives the document with which a request is refused that the HTTP library hands on to nobody. `status` is the
+  // library's; a body that is too long is an EntityTooLarge, whose status is another one.
+  static TansyNet::Refusal MakeRefusal(int status, const TansyNet::HttpServerRecv& msg);
   // Routes a request to its handler, which answers it.
   void Handle(std::int32_t handle, TansyNet::HttpServerRecv& msg);
   // Stores a piece of an upload. After a failure the request is answered and further pieces are ignored.

@@ -1,5 +1,4 @@
-#include "StorageServer/S3Server/S3Refusal.h"
-
+// What clients of the S3 protocol are told when the HTTP library refuses their request, so that no handler sees it.
 #include <string>
 
 #include "StorageServer/S3Server/S3Cors.h"
@@ -41,8 +40,8 @@ Failure FailureOf(int status, const std::string& method) {
 
 }  // namespace
 
-TansyNet::Refusal MakeRefusal(int status, const TansyNet::HttpServerRecv& msg, const S3ServerConfig& config) {
-  const std::string readers = AllowedOrigin(config, LowerNames(msg.headers));
+TansyNet::Refusal CS3Server::MakeRefusal(int status, const TansyNet::HttpServerRecv& msg) {
+  const std::string readers = AllowedOrigin(*Instance().Config(), LowerNames(msg.headers));
   const Recipient to{0, MakeRequestId(), msg.method, msg.url, readers};
   const Failure failure = FailureOf(status, msg.method);
   LogFailure(to, failure);
