@@ -37,7 +37,7 @@ void AddOptions(CLI::App& app, const std::vector<OptionSpec>& specs,
   for (const OptionSpec& spec : specs) {
     auto& [option, value] = options.emplace_back(nullptr, "");
     option = spec.value_name == nullptr ? app.add_flag(spec.name) : app.add_option(spec.name, value);
-    option->take_last();
+    spec.many ? option->join('\n') : option->take_last();
   }
 }
 

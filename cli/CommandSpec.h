@@ -27,6 +27,7 @@ struct OptionSpec {
   const char* name;        // "--range"
   const char* value_name;  // "A-B"; null for a flag
   const char* help;
+  bool many = false;  // it may be given several times; its value is then all of them, with line ends between
 };
 
 struct ExampleSpec {

@@ -4,12 +4,12 @@ namespace Tansy::Cli {
 
 const std::vector<CommandSpec>& AllCommands() {
   static const std::vector<CommandSpec> commands = {
-      MakeBucketCommand(), RemoveBucketCommand(), BucketsCommand(),   BucketCommand(),  ListCommand(),
-      PutCommand(),        GetCommand(),          CatCommand(),       StatCommand(),    RemoveCommand(),
-      CopyCommand(),       SyncCommand(),         DiskUsageCommand(), FindCommand(),    SignCommand(),
-      EnvCommand(),        BestNodeCommand(),     PartsCommand(),     VersionCommand(), DoctorCommand(),
-      CompletionCommand(), PicPutCommand(),       PicGetCommand(),    PicLinkCommand(), PicPoolsCommand(),
-      PicVersionCommand()};
+      MakeBucketCommand(), RemoveBucketCommand(), BucketsCommand(),   BucketCommand(),    ListCommand(),
+      PutCommand(),        GetCommand(),          CatCommand(),       StatCommand(),      RemoveCommand(),
+      CopyCommand(),       SyncCommand(),         DiskUsageCommand(), FindCommand(),      SignCommand(),
+      EnvCommand(),        BestNodeCommand(),     PartsCommand(),     VersionCommand(),   DoctorCommand(),
+      CompletionCommand(), KeyAddCommand(),       KeyListCommand(),   KeyRemoveCommand(), PicPutCommand(),
+      PicGetCommand(),     PicLinkCommand(),      PicPoolsCommand(),  PicVersionCommand()};
   return commands;
 }
 

@@ -20,6 +20,7 @@ constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 constexpr std::uint16_t kObjectPort = 9700;
 constexpr std::uint16_t kPicturePort = 9701;
 constexpr std::uint16_t kS3Port = 9702;
+constexpr std::uint16_t kAdminPort = 9703;
 constexpr char kNoDoor[] = "-";
 constexpr char kDefaultDataFolder[] = "tansy-data";
 constexpr char kSettingsFile[] = "tansyd.toml";
@@ -61,7 +62,8 @@ struct Source {
   std::string name;  // for people
   std::string server_url;
   std::string picture_url;
-  std::string s3_url;  // "-": there is no S3 door
+  std::string s3_url;     // "-": there is no S3 door
+  std::string admin_url;  // "-": there is no admin port
   std::string s3_region;
   std::string access_key;
   std::string secret_key;
@@ -97,6 +99,9 @@ Source ReadDataFolder(const std::string& folder) {
   const std::uint16_t s3_port = PortOf(ports, "s3-port", kS3Port);
   source.s3_url = s3_port == 0 ? kNoDoor : UrlOf(host, s3_port);
   source.s3_region = settings ? TextOf(*settings, "s3-region") : "";
+  // Wherever the others listen, this one is at the loopback address.
+  const std::uint16_t admin_port = PortOf(ports, "admin-port", kAdminPort);
+  source.admin_url = admin_port == 0 ? kNoDoor : UrlOf("", admin_port);
   if (const toml::table* credentials = settings ? (*settings)["credentials"].as_table() : nullptr) {
     source.access_key = TextOf(*credentials, "access_key");
     source.secret_key = TextOf(*credentials, "secret_key");
@@ -121,6 +126,7 @@ Source SourceOf(const toml::table& server, const std::string& name, const std::s
   source.picture_url = TextOf(server, "picture_url");
   source.s3_url = TextOf(server, "s3_url");
   source.s3_region = TextOf(server, "s3_region");
+  source.admin_url = TextOf(server, "admin_url");
   source.access_key = TextOf(server, "access_key");
   source.secret_key = TextOf(server, "secret_key");
   source.keys_file = path;
@@ -174,6 +180,7 @@ void Complete(Source& settings, const Source& source) {
     settings.picture_url = source.picture_url;
     settings.s3_url = source.s3_url;
     settings.s3_region = source.s3_region;
+    settings.admin_url = source.admin_url;
   }
   take(settings.server_url, source.server_url);
   if (settings.access_key.empty() && settings.secret_key.empty()) {
@@ -206,6 +213,7 @@ Source SaidByEnvironment(const EnvironmentReader& environment, std::string& name
   Source source =
       Said(environment("TANSY_SERVER"), environment("TANSY_POOL"), environment("TANSY_CA"), "TANSY_SERVER", name);
   source.s3_url = environment("TANSY_S3_URL");
+  source.admin_url = environment("TANSY_ADMIN_URL");
   source.access_key = environment("TANSY_ACCESS_KEY");
   source.secret_key = environment("TANSY_SECRET_KEY");
   if (source.access_key.empty() != source.secret_key.empty()) {
@@ -246,6 +254,22 @@ ServerAddress S3AddressOf(const Source& source, const ServerAddress& object_serv
   return address;
 }
 
+bool IsThisMachine(const std::string& host) {
+  return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+// By default, tansyd's admin port is three ports behind the object server. It speaks HTTPS where strangers reach it.
+ServerAddress AdminAddressOf(const Source& source, const ServerAddress& object_server) {
+  if (!source.admin_url.empty() && source.admin_url != kNoDoor) {
+    return AddressOf(source.admin_url, source.name);
+  }
+  ServerAddress address = object_server;
+  address.is_https = !IsThisMachine(address.host);
+  const bool has_port = source.admin_url.empty() && object_server.port < 65533;
+  address.port = has_port ? static_cast<std::uint16_t>(object_server.port + 3) : std::uint16_t{0};
+  return address;
+}
+
 Settings ToSettings(const Source& source) {
   Settings settings;
   settings.object_server = AddressOf(source.server_url, source.name);
@@ -257,6 +281,7 @@ Settings ToSettings(const Source& source) {
     settings.picture_server = AddressOf(source.picture_url, source.name);
   }
   settings.s3_server = S3AddressOf(source, settings.object_server);
+  settings.admin_server = AdminAddressOf(source, settings.object_server);
   if (!source.s3_region.empty()) {
     settings.s3_region = source.s3_region;
   }
@@ -365,6 +390,14 @@ const ServerAddress& S3Server(const Settings& settings) {
                    "start tansyd with --s3-port, or name the address with s3_url in the configuration");
   }
   return settings.s3_server;
+}
+
+const ServerAddress& AdminServer(const Settings& settings) {
+  if (settings.admin_server.port == 0) {
+    throw CFailure(kExitUsage, "no admin port is known for " + settings.object_server.Url(),
+                   "start tansyd with --admin-port, or name the address with admin_url in the configuration");
+  }
+  return settings.admin_server;
 }
 
 Settings UseSettings(const Globals& globals) {

@@ -3,9 +3,9 @@
 // Looked for in this order, each value where it is first found:
 //   1. options of the command line: what they say themselves, then what ~/.config/tansy/config.toml says of the server
 //      that --server names, then what is in the data folder that --data names,
-//   2. environment variables: TANSY_SERVER with TANSY_S3_URL, TANSY_POOL, TANSY_CA, TANSY_ACCESS_KEY with
-//      TANSY_SECRET_KEY, then the data folder that TANSY_DATA names, then the server of the configuration that
-//      TANSY_SERVER names,
+//   2. environment variables: TANSY_SERVER with TANSY_S3_URL and TANSY_ADMIN_URL, TANSY_POOL, TANSY_CA,
+//      TANSY_ACCESS_KEY with TANSY_SECRET_KEY, then the data folder that TANSY_DATA names, then the server of the
+//      configuration that TANSY_SERVER names,
 //   3. the configuration's table for the address that was found, or without one its "default",
 //   4. the data folder ./tansy-data, when it is there.
 #ifndef TANSY_CLI_SETTINGS_H
@@ -49,6 +49,7 @@ struct Settings {
   ServerAddress object_server;
   ServerAddress picture_server;  // its port is 0 when nothing names one: see PictureServer
   ServerAddress s3_server;       // likewise: see S3Server
+  ServerAddress admin_server;    // likewise: see AdminServer
   std::string s3_region = "us-east-1";
   std::string access_key;
   std::string secret_key;
@@ -73,6 +74,9 @@ Settings UseSettings(const Globals& globals);
 const ServerAddress& PictureServer(const Settings& settings);
 // Gives the address of the server's S3 door. Throws CFailure with kExitUsage when none is known.
 const ServerAddress& S3Server(const Settings& settings);
+
+// Gives the address of the server's admin port. Throws CFailure with kExitUsage when none is known.
+const ServerAddress& AdminServer(const Settings& settings);
 
 // Reads "http://HOST[:PORT]" or "https://HOST[:PORT]"; only a "/" may follow. Returns false when the text is something
 // else.

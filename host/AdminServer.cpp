@@ -11,12 +11,14 @@
 #include <utility>
 
 #include "Addresses.h"
+#include "AdminSignature.h"
 #include "Console.h"
 #include "HostLog.h"
 #include "IpAddress.h"
 #include "RunningRequests.h"
 #include "StartFailure.h"
 #include "TansyBase/Encrypt.h"
+#include "TansyBase/TimeUtil.h"
 #include "TansyNet/HttpServer.h"
 #include "TansyNet/Operation.h"
 #include "TansyProto/RapidJsonProto.h"
@@ -28,6 +30,7 @@ namespace {
 using TansyNet::HttpResponse;
 using TansyNet::HttpServerRecv;
 
+constexpr std::string_view kSignedFolder = "/admin/";
 constexpr const char* kJson = "application/json";
 constexpr const char* kPlain = "text/plain; charset=utf-8";
 constexpr const char* kPrometheus = "text/plain; version=0.0.4; charset=utf-8";
@@ -35,6 +38,7 @@ constexpr const char* kPrometheus = "text/plain; version=0.0.4; charset=utf-8";
 struct State {
   CAdminServer::Source source;
   std::string authorization;  // what a caller from elsewhere must send
+  AdminOptions options;
   std::shared_ptr<CConsole> console;
 };
 
@@ -195,6 +199,24 @@ Answer AnswerTo(const HttpServerRecv& message, bool is_secure) {
   return route->show(*state);
 }
 
+void SendPlainly(std::int32_t handle, const HttpServerRecv& message, int status, const char* words) {
+  Answer answer = Plainly(status, kPlain, words);
+  Send(handle, message, answer);
+}
+
+// Nobody is let in without a signature here, not even from this machine: other users may be on it.
+void TakeSigned(std::int32_t handle, HttpServerRecv& message) {
+  const std::shared_ptr<const State> state = present_state.Get();
+  TansyNet::BeginOperation(message.note, AdminOperations::other);
+  if (state == nullptr || !state->options.signed_requests) {
+    SendPlainly(handle, message, 503, "the server stops\n");
+  } else if (!IsSigned(message, state->options.keys, TansyBase::TimeUtil::Now())) {
+    SendPlainly(handle, message, 403, "sign the request with the server's keys, and look whether the clock is right\n");
+  } else {
+    state->options.signed_requests(handle, message);
+  }
+}
+
 void Take(std::int32_t handle, HttpServerRecv& message, bool is_secure) {
   // A body in pieces is for no route; the last piece is answered, the others are thrown away.
   if (message.error_code == TansyNet::kBodyPiece) {
@@ -202,6 +224,10 @@ void Take(std::int32_t handle, HttpServerRecv& message, bool is_secure) {
   }
   Answer answer;
   try {
+    if (message.url.starts_with(kSignedFolder)) {
+      TakeSigned(handle, message);
+      return;
+    }
     answer = AnswerTo(message, is_secure);
   } catch (const std::exception& error) {
     HOST_LOG(logging::kError, "[%s]request failed: %s.[%s(%d)]", error.what());
@@ -241,6 +267,7 @@ CAdminServer::CAdminServer(const AdminOptions& options, Source source, std::shar
   state->console = std::move(console);
   state->authorization =
       "Basic " + TansyBase::Encrypt::Base64Encode(options.keys.access_key + ":" + options.keys.secret_key);
+  state->options = options;
   details::present_state.Set(std::move(state));
   for (const std::string& address : options.addresses) {
     std::int32_t handle = 0;

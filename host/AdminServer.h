@@ -9,6 +9,7 @@
 
 #include "Credentials.h"
 #include "Metrics.h"
+#include "TansyNet/HttpServer.h"
 
 namespace Tansy::Host {
 
@@ -20,6 +21,9 @@ struct AdminOptions {
   std::vector<std::string> addresses;
   std::string certificate;  // path as kCertificatePath; used for HTTPS
   CredentialPair keys;      // asked from everybody who does not come from this machine
+  // Takes requests below /admin/, which these keys have signed. It answers each, at once or later; null: there are
+  // none.
+  std::function<void(std::int32_t handle, TansyNet::HttpServerRecv& message)> signed_requests;
 };
 
 // The listener for those who look after the server: /health/live, /health/ready, /metrics, /debug/requests and the

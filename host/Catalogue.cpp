@@ -264,6 +264,23 @@ bool ForgetGivenUp(std::int64_t time, int limit, bool& left) {
                           [](const std::string& rows) { return "DELETE FROM platform.freed_bytes" + rows; });
 }
 
+bool GetAccessKeys(std::vector<AccessKeyRow>& keys) {
+  return details::Query("SELECT name, access_key, sealed FROM platform.access_keys ORDER BY name",
+                        [&keys](db_layer::CConnect& row) {
+                          keys.push_back({row.GetString("name"), row.GetString("access_key"), row.GetString("sealed")});
+                        });
+}
+
+bool AddAccessKey(const AccessKeyRow& key) {
+  return details::Execute("INSERT INTO platform.access_keys (name, access_key, sealed) VALUES (" +
+                          details::Quoted(key.name) + ", " + details::Quoted(key.access_key) + ", " +
+                          details::Quoted(key.sealed) + ")");
+}
+
+bool RemoveAccessKey(const std::string& name) {
+  return details::Execute("DELETE FROM platform.access_keys WHERE name = " + details::Quoted(name));
+}
+
 bool GetRunningSeconds(std::int64_t& seconds) {
   // The value is written from time to time only. After a crash the newest entry tells better: time that went back would
   // make the entries wait once more.

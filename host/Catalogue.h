@@ -73,6 +73,16 @@ EGiveUp GiveUpUnnamed(const std::vector<std::string>& urls, std::int64_t now, st
 // Forgets at most `limit` urls that were given up at `time` or before; `left` says whether there are more.
 bool ForgetGivenUp(std::int64_t time, int limit, bool& left);
 
+// A further key of the S3 protocol as the database has it.
+struct AccessKeyRow {
+  std::string name;
+  std::string access_key;
+  std::string sealed;
+};
+bool GetAccessKeys(std::vector<AccessKeyRow>& keys);
+bool AddAccessKey(const AccessKeyRow& key);
+bool RemoveAccessKey(const std::string& name);
+
 // Gives the number of seconds for which servers have run on this catalogue.
 bool GetRunningSeconds(std::int64_t& seconds);
 bool SetRunningSeconds(std::int64_t seconds);

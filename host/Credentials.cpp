@@ -53,7 +53,7 @@ void CheckPair(const CredentialPair& pair, int exit_code, const std::string& acc
 }
 
 CredentialPair CreatePair(const std::string& settings_path) {
-  CredentialPair pair = {RandomText(kAccessKeyLength), RandomText(kSecretKeyLength)};
+  CredentialPair pair = MakeCredentials();
   std::string content;
   int error = HostSystem::ReadWholeFile(settings_path, kLargestSettingsFile, content);
   if (error == ENOENT) {
@@ -79,6 +79,10 @@ CredentialPair CreatePair(const std::string& settings_path) {
 
 }  // namespace
 }  // namespace details
+
+CredentialPair MakeCredentials() {
+  return {details::RandomText(details::kAccessKeyLength), details::RandomText(details::kSecretKeyLength)};
+}
 
 CredentialPair ObtainCredentials(const Settings& settings, const std::string& settings_path, bool& created) {
   created = false;

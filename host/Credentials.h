@@ -13,6 +13,9 @@ struct CredentialPair {
   std::string secret_key;
 };
 
+// Makes a random pair of letters and digits. Throws CStartFailure when the system has no random bytes.
+CredentialPair MakeCredentials();
+
 // Gives the key pair of the environment (TANSY_ACCESS_KEY and TANSY_SECRET_KEY), else that of the settings, else a new
 // random pair. A new pair is written into the settings file, which is made when it is missing, readable for its owner
 // only; `created` then says so. Throws CStartFailure: kExitUsage when the environment makes no sense, kExitFailed when

@@ -47,6 +47,7 @@ namespace {
 
 constexpr const char* kModule = "platform";
 constexpr const char* kSettingsFile = "tansyd.toml";
+constexpr const char* kKeySealFile = "key-seal";
 constexpr std::uint32_t kRepeatWindowMs = 1000;
 // The time that requests have to end when the stop signal comes. The sender of the signal waits for as long as one
 // client stalls, and service managers kill a process after some ten seconds.
@@ -187,6 +188,7 @@ void CServer::Open() {
 CServer::~CServer() {
   admin_.reset();
   health_.reset();
+  keys_.reset();
   access_log_.reset();
   address_watch_.reset();
   move_thread_.reset();
@@ -387,6 +389,8 @@ void CServer::Start() {
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   CloudStorage::ShareCatalogue(options_.node_name);
   StartObjectServer(config);
+  keys_ = std::make_shared<CKeys>(details::kKeySealFile, lease_ != nullptr);
+  keys_->Begin();
   StartS3Server(config);
   StartPictureServer(config);
   try {
@@ -501,6 +505,7 @@ void CServer::Stop() {
   RemoveListeningFile();
   address_watch_.reset();
   details::FinishRequests(details::kDrainMs);
+  keys_->Stop();
   health_.reset();
   access_log_.reset();
   move_thread_.reset();

@@ -14,6 +14,7 @@
 #include "DataFolder.h"
 #include "HostSystem/LockFile.h"
 #include "HousekeepingThread.h"
+#include "Keys.h"
 #include "MovableStore.h"
 #include "Move.h"
 #include "MoveThread.h"
@@ -96,6 +97,7 @@ class CServer {
   std::shared_ptr<CMovableStore> store_;
   bool follows_adapters_ = false;           // no option names the address for best-node answers
   std::unique_ptr<CAccessLog> access_log_;  // null without one
+  std::shared_ptr<CKeys> keys_;             // null until the start
   std::unique_ptr<CServerHealth> health_;   // null without an admin server
   std::unique_ptr<CAdminServer> admin_;     // null without one
   std::unique_ptr<CAddressWatch> address_watch_;

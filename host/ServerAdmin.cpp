@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "AdminKeys.h"
 #include "Catalogue.h"
 #include "Certificate.h"
 #include "HostLog.h"
@@ -50,6 +51,16 @@ std::string LookAtSpace(const std::string& data_folder, const std::string& stora
   const bool is_folder = storage.starts_with("file:");
   const std::string trouble = LookAtSpace(data_folder);
   return trouble.empty() && is_folder ? LookAtSpace(UrlPath(storage)) : trouble;
+}
+
+void TakeSigned(const std::shared_ptr<CKeys>& keys, std::int32_t handle, const TansyNet::HttpServerRecv& message) {
+  if (!TakeKeyRequest(keys, handle, message)) {
+    TansyNet::HttpResponse response;
+    response.status = 404;
+    response.content_type = "application/json";
+    const std::string body = "{\"error\":\"there is no such page\"}\n";
+    TansyNet::CHttpServer::HttpServerSyncSend(handle, response, static_cast<std::uint32_t>(body.size()), body.data());
+  }
 }
 
 }  // namespace
@@ -99,7 +110,10 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     figures.health = health->Report();
     return figures;
   };
-  AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials};
+  AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials, {}};
+  options.signed_requests = [keys = keys_](std::int32_t handle, TansyNet::HttpServerRecv& message) {
+    details::TakeSigned(keys, handle, message);
+  };
   if (options.addresses.empty()) {
     options.addresses.emplace_back(details::kLoopback);
   }

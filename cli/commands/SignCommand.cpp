@@ -1,9 +1,8 @@
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
-#include <utility>
 
 #include "Commands.h"
+#include "Duration.h"
 #include "Failure.h"
 #include "ObjectUrl.h"
 #include "Output.h"
@@ -14,25 +13,6 @@
 namespace Tansy::Cli {
 namespace details {
 namespace {
-
-constexpr std::int64_t kLongestValidity = std::int64_t{100} * 366 * 86400;
-
-// Gives the seconds of "90s", "15m", "2h", "7d" or "4w". Throws CFailure with kExitUsage.
-std::int64_t ParseDuration(const std::string& text) {
-  static constexpr std::pair<char, std::int64_t> kUnits[] = {
-      {'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
-  std::int64_t number = 0;
-  const char* const end = text.data() + text.size();
-  const auto [position, error] = std::from_chars(text.data(), end, number);
-  for (const auto& [unit, seconds] : kUnits) {
-    if (error == std::errc{} && end - position == 1 && *position == unit && number > 0 &&
-        number <= kLongestValidity / seconds) {
-      return number * seconds;
-    }
-  }
-  throw CFailure(kExitUsage, "--expires \"" + Printable(text) + "\" is no duration",
-                 "give a number with s, m, h, d or w, such as 90s, 15m, 2h, 7d or 4w");
-}
 
 int RunSign(const CommandCall& call) {
   const std::int64_t expires =

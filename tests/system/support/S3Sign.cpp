@@ -56,7 +56,7 @@ std::string Length(std::size_t size) {
 }  // namespace
 
 Request S3Signed(Request request, std::uint16_t port, const S3Claim& claim, S3Chain* chain) {
-  const Keys keys;
+  const Keys& keys = claim.keys;
   const std::string timestamp = Timestamp(claim.clock_offset);
   const std::string day = timestamp.substr(0, 8);
   const std::string scope = day + "/us-east-1/s3/aws4_request";

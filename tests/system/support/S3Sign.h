@@ -15,6 +15,7 @@ namespace system_tests {
 struct S3Claim {
   std::string payload = "UNSIGNED-PAYLOAD";  // the value of x-amz-content-sha256
   int clock_offset = 0;                      // seconds that the client's clock is ahead
+  Keys keys = {};
 };
 
 // What the signatures of chunks are made from.

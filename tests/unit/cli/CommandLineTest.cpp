@@ -61,6 +61,14 @@ TEST(CommandLineTest, ReadsCommandsOfAGroup) {
   EXPECT_TRUE(line.globals.quiet);
 }
 
+TEST(CommandLineTest, ReadsOptionsThatMayBeGivenAgain) {
+  const ParsedCommandLine line = Parse({"key", "add", "guest", "--bucket", "a", "--bucket", "b", "--expires", "1d"});
+  EXPECT_EQ(line.options.at("--bucket"), "a\nb");
+  EXPECT_THAT(line.arguments.at("NAME"), ElementsAre("guest"));
+  EXPECT_EQ(Parse({"key", "add", "guest"}).options.count("--bucket"), 0U);
+  EXPECT_EQ(Parse({"key", "add", "guest", "--expires", "1d", "--expires", "2d"}).options.at("--expires"), "2d");
+}
+
 TEST(CommandLineTest, RefusesWrongUse) {
   const std::vector<std::vector<const char*>> wrong = {{},
                                                        {"nothing"},

@@ -116,6 +116,28 @@ TEST_F(SettingsTest, FindsTheS3DoorBesideTheOtherPorts) {
   EXPECT_EQ(S3Server(Find()).Url(), "http://elsewhere:1");
 }
 
+TEST_F(SettingsTest, FindsTheAdminPort) {
+  MakeDataFolder("tansy-data", "object-port = 7700\nadmin-port = 7777");
+  EXPECT_EQ(AdminServer(Find()).Url(), "http://127.0.0.1:7777");
+  folder_.Write("tansy-data/listening.toml", "address = \"10.0.0.5\"\nobject-port = 7700\nadmin-port = 7778\n");
+  EXPECT_EQ(AdminServer(Find()).Url(), "http://127.0.0.1:7778") << "wherever the others listen";
+  folder_.Write("tansy-data/listening.toml", "object-port = 7700\nadmin-port = 0\n");
+  EXPECT_THROW(AdminServer(Find()), CFailure);
+
+  environment_["TANSY_ACCESS_KEY"] = "a";
+  environment_["TANSY_SECRET_KEY"] = "s";
+  globals_.server = "http://127.0.0.1:9700";
+  EXPECT_EQ(AdminServer(Find()).Url(), "http://127.0.0.1:9703");
+  globals_.server = "http://10.0.0.5:9700";
+  EXPECT_EQ(AdminServer(Find()).Url(), "https://10.0.0.5:9703") << "it speaks nothing else to strangers";
+  globals_.server = "http://10.0.0.5:65534";
+  EXPECT_THROW(AdminServer(Find()), CFailure);
+  globals_.server.clear();
+  environment_["TANSY_SERVER"] = "http://10.0.0.5:9700";
+  environment_["TANSY_ADMIN_URL"] = "https://10.0.0.6:1";
+  EXPECT_EQ(AdminServer(Find()).Url(), "https://10.0.0.6:1");
+}
+
 TEST_F(SettingsTest, TakesTheS3DoorOfTheConfiguration) {
   MakeConfig(
       "default = \"home\"\n[servers.home]\nurl = \"http://h:1\"\naccess_key = \"a\"\nsecret_key = \"s\"\n"
