@@ -57,9 +57,9 @@ void ExpectOneWork(const CommandLine& line) {
   const bool moves = !line.move_database.empty() || !line.move_storage.empty();
   const int works = (moves ? 1 : 0) + (line.move_cancel ? 1 : 0) + (line.move_delete ? 1 : 0);
   if (static_cast<int>(line.move) + static_cast<int>(line.backup) + static_cast<int>(line.restore) +
-          static_cast<int>(line.check) >
+          static_cast<int>(line.check) + static_cast<int>(line.check_upgrade) >
       1) {
-    throw CStartFailure(kExitUsage, "give one of --check, move, backup and restore");
+    throw CStartFailure(kExitUsage, "give one of --check, --check-upgrade, move, backup and restore");
   }
   if (line.move && works != 1) {
     throw CStartFailure(kExitUsage, "move needs --to-database or --to-storage, or --cancel or --delete-old alone");
@@ -79,7 +79,7 @@ std::string CommandLine::Work() const {
   if (restore) {
     return "restore";
   }
-  return check ? "check" : "";
+  return check || check_upgrade ? "check" : "";
 }
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -104,6 +104,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   CLI::Option* repair =
       app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
   app.add_flag("--force", line.force, "with --repair: also if that is more than a tenth of all bytes")->needs(repair);
+  app.add_flag("--check-upgrade", line.check_upgrade, "say what a start would change in catalogue and storage, end");
   const CLI::App* move = details::AddMove(app, line);
   const CLI::App* backup = details::AddBackup(app, line);
   const CLI::App* restore = details::AddRestore(app, line);

@@ -8,11 +8,12 @@
 namespace Tansy::Host {
 
 struct CommandLine {
-  OptionTexts texts;    // texts as given; no value has been checked yet
-  bool check = false;   // compare catalogue and stored bytes, then end
-  bool repair = false;  // with `check`: also free what nothing refers to
-  bool force = false;   // with `repair`: free it even when it is much
-  bool move = false;    // move catalogue and bytes, or one of them, then end
+  OptionTexts texts;           // texts as given; no value has been checked yet
+  bool check = false;          // compare catalogue and stored bytes, then end
+  bool repair = false;         // with `check`: also free what nothing refers to
+  bool force = false;          // with `repair`: free it even when it is much
+  bool check_upgrade = false;  // say what a start would change, then end
+  bool move = false;           // move catalogue and bytes, or one of them, then end
   std::string move_database;
   std::string move_storage;
   bool move_dry_run = false;

@@ -104,6 +104,9 @@ int Serve(const CommandLine& command_line) {
   if (command_line.check) {
     return server.Check(command_line);
   }
+  if (command_line.check_upgrade) {
+    return server.CheckUpgrade();
+  }
   if (command_line.move) {
     return server.Move(command_line);
   }

@@ -6,6 +6,7 @@
 #include "PostgresDatabase.h"
 #include "SqliteFile.h"
 #include "StartFailure.h"
+#include "TansyBase/FileUtil.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -112,8 +113,52 @@ void ApplyToServer(CPostgresDatabase& database, const std::vector<SchemaScript>&
   database.RunAll(statements, names);
 }
 
+template <typename Database>
+SchemaState StateOf(Database& database, const std::vector<SchemaScript>& scripts) {
+  SchemaState state{CurrentVersion(database, scripts), NewestOf(scripts), {}};
+  if (state.current > state.newest) {
+    RefuseNewer(database.GetName(), state.current, state.newest);
+  }
+  for (const SchemaScript& script : scripts) {
+    if (script.version > state.current) {
+      state.missing.emplace_back(script.name);
+    }
+  }
+  return state;
+}
+
+// A copy that a crash has cut short has another name.
+void KeepOlder(CSqliteFile& database, const std::string& file, long long version) {
+  const std::string kept = NameOfOlderCatalogue(file, version);
+  const std::string unfinished = kept + ".tmp";
+  try {
+    TansyBase::FileUtil::EnsureRemoved(unfinished);
+    database.CopyTo(unfinished);
+  } catch (const CStartFailure& failure) {
+    throw CStartFailure(kExitFailed,
+                        std::string("the catalogue stays as it is, because it must be copied before it is brought up "
+                                    "to date: ") +
+                            failure.what());
+  }
+  if (TansyBase::FileUtil::MoveOver(unfinished, kept) != 0) {
+    Refuse(file, "stays as it is: its copy " + kept + " cannot be made");
+  }
+}
+
 }  // namespace
 }  // namespace details
+
+std::string NameOfOlderCatalogue(const std::string& file, long long version) {
+  return file + ".version-" + std::to_string(version);
+}
+
+SchemaState LookAtSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& scripts) {
+  return details::StateOf(database, scripts);
+}
+
+SchemaState LookAtPostgresSchema(CPostgresDatabase& database, const std::vector<SchemaScript>& scripts) {
+  return details::StateOf(database, scripts);
+}
 
 void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript>& scripts,
                          const std::vector<VolumeRow>& volumes) {
@@ -122,6 +167,9 @@ void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript
   const long long current = details::CurrentVersion(database, scripts);
   if (current > newest) {
     details::RefuseNewer(file, current, newest);
+  }
+  if (current > 0 && current < newest) {
+    details::KeepOlder(database, file, current);
   }
   if (current < newest) {
     details::ApplyToFile(database, scripts, current);

@@ -30,10 +30,24 @@ struct VolumeRow {
 };
 
 // Makes the SQLite file or brings it up to date, with all that is missing in one transaction, and writes the rows of
-// the volumes. Throws CStartFailure with kExitFailed when the file cannot be opened, is another program's, or was made
-// by a newer tansyd; the file is then as it was.
+// the volumes. A catalogue of an older version is copied first, and the copy stays. Throws CStartFailure with
+// kExitFailed when the file cannot be opened, is another program's, or was made by a newer tansyd; the file is then as
+// it was.
 void PrepareSqliteSchema(const std::string& file, const std::vector<SchemaScript>& scripts,
                          const std::vector<VolumeRow>& volumes);
+
+// Where a catalogue of an older version is kept before it is brought up to date: "catalogue.db.version-3".
+std::string NameOfOlderCatalogue(const std::string& file, long long version);
+
+// Which version a catalogue has, and what a start would apply to it.
+struct SchemaState {
+  long long current = 0;  // 0: there is none yet
+  long long newest = 0;
+  std::vector<std::string> missing;  // names of scripts, in their order
+};
+// These change nothing. They throw CStartFailure when a start would refuse the database.
+SchemaState LookAtSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& scripts);
+SchemaState LookAtPostgresSchema(CPostgresDatabase& database, const std::vector<SchemaScript>& scripts);
 
 // Changes nothing. Throws CStartFailure with kExitFailed unless the file is a catalogue of the newest version.
 void ExpectSqliteSchema(CSqliteFile& database, const std::vector<SchemaScript>& scripts);

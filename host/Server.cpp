@@ -14,6 +14,7 @@
 #include "Certificate.h"
 #include "CheckCommand.h"
 #include "CheckRequest.h"
+#include "CheckUpgrade.h"
 #include "Factory.h"
 #include "FirstParts.h"
 #include "HostLog.h"
@@ -162,7 +163,7 @@ CServer::CServer(const CommandLine& command_line) {
   const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
 
   using EUse = CDataFolder::EUse;
-  const bool only_looks = command_line.check || command_line.move || command_line.backup;
+  const bool only_looks = !command_line.Work().empty();
   data_folder_ = std::make_unique<CDataFolder>(data, only_looks ? EUse::kLook : EUse::kServe);
   ExpectRestored();
   ReadOptions(command_line, config_path);
@@ -311,6 +312,10 @@ void CServer::OpenStore() {
 
 int CServer::Check(const CommandLine& command_line) {
   return RunCheckCommand(command_line, options_, *data_folder_, std::cout);
+}
+
+int CServer::CheckUpgrade() {
+  return RunCheckUpgrade(options_, std::cout);
 }
 
 int CServer::Backup(const CommandLine& command_line) {

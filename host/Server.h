@@ -54,6 +54,8 @@ class CServer {
 
   // Is called instead of Start: compares catalogue and stored bytes on standard output. Returns the exit code.
   int Check(const CommandLine& command_line);
+  // Is called instead of Start: says on standard output what a start would change. Returns the exit code.
+  int CheckUpgrade();
   // Is called instead of Start: moves what is here to another place, or has the running tansyd do that. What there is
   // to say goes to standard output. Returns the exit code.
   int Move(const CommandLine& command_line);
