@@ -112,8 +112,8 @@ function Folder({ bucket, prefix }) {
         <SearchBox id="search" label={t("objects.search")} value={search} onInput={setSearch} inputRef={searchInput} />
         <div class="buttons">
           <IconButton name="reload" label={t("objects.reload")} onClick={reload} />
-          <button onClick={() => setDialog({ kind: "folder" })}><Icon name="newFolder" /> {t("objects.newFolder")}</button>
-          <button onClick={() => upload(true)}><Icon name="folder" /> {t("objects.uploadFolder")}</button>
+          <button onClick={() => setDialog({ kind: "folder" })}><Icon name="newFolder" /> <span class="wide-only">{t("objects.newFolder")}</span></button>
+          <button onClick={() => upload(true)}><Icon name="folder" /> <span class="wide-only">{t("objects.uploadFolder")}</span></button>
           <button id="upload-files" class="primary" onClick={() => upload(false)}><Icon name="upload" /> {t("objects.uploadFiles")}</button>
         </div>
       </div>
