@@ -44,7 +44,8 @@ after(async () => {
 
 // Whatever a test does, the page neither reports errors nor leaves this machine. Errors that a test provokes are taken out by it.
 afterEach(() => {
-  assert.deepEqual(profile.seen.errors, []);
+  const errors = profile.seen.errors.splice(0);
+  assert.deepEqual(errors, []);
   assert.deepEqual([...profile.seen.hosts], ["127.0.0.1"]);
 });
 

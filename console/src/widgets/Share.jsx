@@ -1,7 +1,7 @@
 import { useEffect, useRef, useState } from "preact/hooks";
 import * as s3 from "../net/s3.js";
 import { moment } from "../pure/format.js";
-import { lastPart, visible } from "../pure/names.js";
+import { lastPart, previewType, visible } from "../pure/names.js";
 import { locale, t } from "../text.js";
 import { Dialog } from "./Dialog.jsx";
 import { Icon } from "./Icon.jsx";
@@ -9,6 +9,11 @@ import { tell } from "./Notices.jsx";
 import { Qr } from "./Qr.jsx";
 
 const times = [["share.hour", 3600], ["share.day", 86400], ["share.week", 604800]];
+
+// Pictures, sound and the like open in the browser whatever type they were stored with. A drawing may hold script, and stays what it is.
+function shownType(key) {
+  return key.toLowerCase().endsWith(".svg") ? "" : previewType(key);
+}
 
 export function isLoopback(host) {
   return host === "localhost" || host === "[::1]" || host.startsWith("127.");
@@ -20,7 +25,7 @@ export function Share({ bucket, entry, onClose }) {
   const field = useRef(null);
   useEffect(() => {
     let isLeft = false;
-    s3.linkTo(bucket, entry.key, { seconds }).then(
+    s3.linkTo(bucket, entry.key, { seconds, type: shownType(entry.key) }).then(
       (url) => isLeft || setLink({ url, error: "", ends: Date.now() + seconds * 1000 }),
       (failure) => isLeft || setLink({ url: "", error: failure.message, ends: 0 }));
     return () => {
