@@ -2,6 +2,7 @@
 // kind of request is the last one of a tansyd that is killed, or of its connection: what was acknowledged is there and
 // whole, what was not is there or not, other nodes go on, and the next request is served.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <array>
 #include <chrono>
@@ -30,6 +31,7 @@ using system_tests::CTansyd;
 
 constexpr std::chrono::milliseconds kLag{1000};  // what nodes may be behind
 constexpr int kNeverSoMany = 400;
+constexpr int kKilled = 128 + SIGKILL;
 constexpr std::size_t kOwnFile = 200000;
 
 struct Where {
@@ -62,6 +64,7 @@ class MessagesTest : public testing::TestWithParam<Where> {
         launch.program = TANSYD_THAT_HANGS_UP;
         launch.environment["MESSAGE_PLAN"] = folder_.GetPath() + "/plan";
       }
+      launch.with_s3 = true;
       launch.arguments = {"--keep-failed", "1"};
       launch.arguments.insert(launch.arguments.end(), backend_->GetArguments().begin(), backend_->GetArguments().end());
       if (GetParam().nodes > 1) {
@@ -116,6 +119,8 @@ class MessagesTest : public testing::TestWithParam<Where> {
     const char* name;
     std::function<std::string()> prepare = [] { return std::string(); };
     std::function<std::string(const std::string& prepared)> request;
+    bool changes_rows = true;
+    bool changes_bytes = true;
   };
   std::vector<Case> Cases() {
     const auto none = [] { return std::string(); };
@@ -125,19 +130,40 @@ class MessagesTest : public testing::TestWithParam<Where> {
          [this](auto) { return Send(ERequest::kPut, "new-" + std::to_string(next_), Body(300)); }},
         {"another object", there, [this](auto) { return Send(ERequest::kPut, "there", Body(kOwnFile)); }},
         {"a removal", there, [this](auto) { return Send(ERequest::kRemove, "there"); }},
-        {"a removal without the bytes", there, [this](auto) { return Send(ERequest::kDelete, "there"); }},
+        {"a new object by S3, under a condition", none, [this](auto) { return PutNewByS3(); }},
+        {"a removal without the bytes", there, [this](auto) { return Send(ERequest::kDelete, "there"); }, true, false},
         {"a completion", [this] { return Do(ERequest::kBegin, "parts"); },
-         [this](const std::string& task) {
-           const std::string body = Body(5000);
-           const std::string outcome = Send(ERequest::kPart, "parts", body, task, 1);
-           return outcome == "200" ? Send(ERequest::kComplete, "parts", body, task) : outcome;
-         }},
-        {"a picture", none, [this](auto) { return Send(ERequest::kPicture, "-", Body(2000)); }},
+         [this](const std::string& task) { return SendParts(task, ERequest::kPart, ERequest::kComplete); }},
+        {"a picture", none, [this](auto) { return Send(ERequest::kPicture, "-", Body(2000)); }, false},
+        {"another object by S3", there, [this](auto) { return Send(ERequest::kPutByS3, "there", Body(kOwnFile)); }},
+        {"a removal by S3", there, [this](auto) { return Send(ERequest::kRemoveByS3, "there"); }, true, false},
+        {"a copy by S3", [this] { return PutSource(); },
+         [this](const std::string& body) { return Send(ERequest::kCopyByS3, "copy", body, "source"); }},
+        {"an upload by S3", none, [this](auto) { return Send(ERequest::kBeginByS3, "parts"); }, true, false},
+        {"a completion by S3", [this] { return Do(ERequest::kBeginByS3, "parts"); },
+         [this](const std::string& upload) { return SendParts(upload, ERequest::kPartByS3, ERequest::kCompleteByS3); }},
     };
     if (!Settings::Get().IsLong()) {
-      cases.resize(3);
+      cases.resize(4);
     }
     return cases;
+  }
+  // One part, and the completion.
+  std::string SendParts(const std::string& upload, ERequest part, ERequest completion) {
+    const std::string body = Body(5000);
+    const std::string outcome = Send(part, "parts", body, upload, 1);
+    return outcome == "200" ? Send(completion, "parts", body, upload) : outcome;
+  }
+  std::string PutSource() {
+    const std::string body = Body(700);
+    Do(ERequest::kPut, "source", body);
+    return body;
+  }
+  // The key has never had an object, whatever becomes of the messages.
+  std::string PutNewByS3() {
+    const std::string outcome = Send(ERequest::kPutNewByS3, "new-" + std::to_string(next_), Body(300));
+    Expect(outcome.rfind("412", 0) != 0, "the condition held: " + outcome);
+    return outcome;
   }
 
   void DisturbEach() {
@@ -154,11 +180,17 @@ class MessagesTest : public testing::TestWithParam<Where> {
     EXPECT_GT(disturbed_, 5);
   }
 
+  // Says whether a request cannot do without a message to another server.
+  bool NeedsMessages(const Case& the_case) const {
+    return (the_case.changes_rows && GetParam().database == EDatabase::kPostgres) ||
+           (the_case.changes_bytes && GetParam().storage == EStorage::kPool);
+  }
+
   // A short run leaves some messages out, where there are many of them.
   void DisturbEach(const Case& the_case, EMessage what) {
     const bool has_few = GetParam().database == EDatabase::kSqlite;
     const int widest = Settings::Get().IsLong() || has_few ? 1 : 3;
-    int number = 1 + static_cast<int>(random_() % static_cast<unsigned>(widest));
+    int number = 1;
     for (bool has_come = true; has_come && broken_.empty();
          number += 1 + static_cast<int>(random_() % static_cast<unsigned>(widest))) {
       where_ = std::string(the_case.name) + ", message " + std::to_string(number) + ", way " +
@@ -169,10 +201,12 @@ class MessagesTest : public testing::TestWithParam<Where> {
       has_come = switch_.Clear();
       disturbed_ += has_come ? 1 : 0;
       Expect(has_come || outcome == "200", "the request: " + outcome);
+      Expect(has_come || number > 1 || !NeedsMessages(the_case), "there was no message");
       Expect(number < kNeverSoMany, "there is no end");
       if (has_come && what <= EMessage::kDieAfter) {
         ExpectOthersServe();
-        First().WaitForEnd();
+        Expect(First().WaitForEnd(kill_patience_).code == kKilled, "the process was not killed");
+        First().Kill();
         Expect(First().Start(launches_.front()), "no start");
       }
       ExpectServes(0);
@@ -222,6 +256,7 @@ class MessagesTest : public testing::TestWithParam<Where> {
   std::vector<system_tests::Launch> launches_;
   std::mt19937_64 random_{Settings::Get().seed};
   std::size_t next_ = 1;
+  std::chrono::seconds kill_patience_ = system_tests::kPatience;
   int disturbed_ = 0;
   std::string where_;
   std::vector<std::string> broken_;
@@ -241,8 +276,33 @@ INSTANTIATE_TEST_SUITE_P(OnPostgres, MessagesTest,
                          NameOf);
 INSTANTIATE_TEST_SUITE_P(OnCeph, MessagesTest,
                          testing::Values(Where{"SqliteAndPool", EDatabase::kSqlite, EStorage::kPool, 1},
-                                         Where{"PostgresAndPool", EDatabase::kPostgres, EStorage::kPool, 1}),
+                                         Where{"PostgresAndPool", EDatabase::kPostgres, EStorage::kPool, 1},
+                                         Where{"ThreeNodesAndPool", EDatabase::kPostgres, EStorage::kPool, 3}),
                          NameOf);
+
+// A server whose messages do nothing of what the plan says.
+class MessagePlantTest : public MessagesTest {
+ protected:
+  // Disturbs one kind of request, and gives what was broken.
+  std::string DisturbWith(const std::string& plant) {
+    launches_.front().environment["MESSAGE_PLANT"] = plant;
+    kill_patience_ = std::chrono::seconds(3);
+    EXPECT_TRUE(StartAll());
+    Do(ERequest::kBucket, "b", "made");
+    DisturbEach(Cases().front(), EMessage::kDieBefore);
+    return Joined(broken_);
+  }
+};
+
+TEST_P(MessagePlantTest, FindsAKillThatDoesNotHappen) {
+  EXPECT_NE(DisturbWith("no-kill").find("the process was not killed"), std::string::npos);
+}
+TEST_P(MessagePlantTest, FindsThatNoMessageIsReached) {
+  EXPECT_NE(DisturbWith("no-message").find("there was no message"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(OnPostgres, MessagePlantTest,
+                         testing::Values(Where{"OneServer", EDatabase::kPostgres, EStorage::kFolder, 1}), NameOf);
 
 // The database and its server are killed together, as when the machine of both ends.
 class CrashOfBothTest : public MessagesTest {

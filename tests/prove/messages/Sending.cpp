@@ -2,7 +2,8 @@
 // the database or to the pool, as the plan says that the environment variable MESSAGE_PLAN names.
 //
 // Messages to the database go through Unix sockets, those to a pool are sent by threads of librados; what clients get
-// is neither. The program exports these names, so that the libraries call them too.
+// is neither. The program exports these names, so that the libraries call them too. The environment variable
+// MESSAGE_PLANT names what is wrong with them on purpose: "no-kill" or "no-message".
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -43,10 +44,16 @@ bool IsMessage(int socket) {
           std::strncmp(thread, "msgr-worker", 11) == 0);
 }
 
+bool IsPlanted(const char* plant) {
+  const char* planted = std::getenv("MESSAGE_PLANT");
+  return planted != nullptr && std::strcmp(planted, plant) == 0;
+}
+
 // Says whether this is the message that the plan asks for.
 bool IsItsTurn(int socket, EMessage& what) {
   static MessagePlan* const plan = OpenPlan();
-  if (plan == nullptr || plan->left <= 0 || !IsMessage(socket)) {
+  static const bool is_missed = IsPlanted("no-message");
+  if (plan == nullptr || is_missed || plan->left <= 0 || !IsMessage(socket)) {
     return false;
   }
   what = plan->what;
@@ -54,6 +61,10 @@ bool IsItsTurn(int socket, EMessage& what) {
 }
 
 void Die() {
+  static const bool lives_on = IsPlanted("no-kill");
+  if (lives_on) {
+    return;
+  }
   ::kill(::getpid(), SIGKILL);
   for (;;) {
     ::pause();

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Workload.h"
+#include "support/S3Request.h"
 #include "support/TansydTest.h"
 
 namespace prove {
@@ -54,6 +55,12 @@ long long PartSize(const std::string& listing, int part) {
   const std::string mark = "<PartNumber>" + std::to_string(part) + "</PartNumber><PartSize>";
   const std::size_t found = listing.find(mark);
   return found == std::string::npos ? -1 : std::stoll(listing.substr(found + mark.size()));
+}
+
+// The entity tag that a listing by S3 gives for a part; empty when it is not there.
+std::string PartTag(const std::string& listing, int part) {
+  const std::size_t found = listing.find("<PartNumber>" + std::to_string(part) + "</PartNumber>");
+  return found == std::string::npos ? "" : system_tests::XmlValue(listing.substr(found), "ETag");
 }
 
 }  // namespace
@@ -179,6 +186,24 @@ std::vector<std::string> CInspection::Look(const system_tests::CTansyd& server, 
       expect(is_one || (size <= 0 && possible.may_be_missing), "part " + std::to_string(part) + " of upload " + task +
                                                                    ": size " + std::to_string(size) + ", promised " +
                                                                    Describe(possible));
+    }
+  }
+  for (const auto& [upload, open] : promises.s3_uploads) {
+    const std::uint16_t port = server.GetS3Port();
+    const Reply listing =
+        Call(port, system_tests::SignedS3({"GET", "/b/" + open.key + "?uploadId=" + upload, {}, ""}, port));
+    if (Outcome(listing) == "404 NoSuchUpload" && open.may_be_complete) {
+      continue;
+    }
+    expect(listing.status == 200, "S3 upload " + upload + " of " + open.key + ": " + Describe(listing));
+    for (const auto& [part, possible] : open.parts) {
+      const std::string tag = PartTag(listing.body, part);
+      const bool is_one = std::any_of(possible.bodies.begin(), possible.bodies.end(), [&tag](const std::string& body) {
+        return tag.find(EntityTag(BodyOf(body))) != std::string::npos;
+      });
+      expect(is_one || (tag.empty() && possible.may_be_missing), "part " + std::to_string(part) + " of S3 upload " +
+                                                                     upload + ": tag " + tag + ", promised " +
+                                                                     Describe(possible));
     }
   }
   return broken;

@@ -11,7 +11,9 @@
 namespace prove {
 namespace {
 
-const std::vector<std::string> kKinds = {"bucket", "put", "remove", "delete", "begin", "part", "complete", "picture"};
+const std::vector<std::string> kKinds = {"bucket",    "put",      "remove",   "delete",  "begin",
+                                         "part",      "complete", "picture",  "s3-put",  "s3-put-new",
+                                         "s3-remove", "s3-copy",  "s3-begin", "s3-part", "s3-complete"};
 
 struct Bodies {
   std::mutex mutex;
@@ -63,6 +65,10 @@ std::map<std::string, Possible> Outcomes(const Effects& effects) {
     outcomes[name] = Outcomes(list);
   }
   return outcomes;
+}
+
+std::map<std::string, OpenTask>& OpenUploads(Promises& promises, const Request& request) {
+  return IsByS3(request.kind) ? promises.s3_uploads : promises.tasks;
 }
 
 }  // namespace
@@ -164,17 +170,24 @@ Promises PromisesAt(const std::vector<Request>& requests, std::size_t position) 
       case ERequest::kPut:
       case ERequest::kRemove:
       case ERequest::kDelete:
+      case ERequest::kPutByS3:
+      case ERequest::kPutNewByS3:
+      case ERequest::kRemoveByS3:
+      case ERequest::kCopyByS3:
         objects[request.key].push_back(effect);
         break;
       case ERequest::kBegin:
+      case ERequest::kBeginByS3:
         if (is_done) {
-          promises.tasks[request.extra].key = request.key;
+          OpenUploads(promises, request)[request.extra].key = request.key;
         }
         break;
       case ERequest::kPart:
+      case ERequest::kPartByS3:
         parts[request.task][std::to_string(request.part)].push_back(effect);
         break;
       case ERequest::kComplete:
+      case ERequest::kCompleteByS3:
         objects[request.key].push_back(effect);
         completions[request.task].push_back(&request);
         break;
@@ -189,16 +202,19 @@ Promises PromisesAt(const std::vector<Request>& requests, std::size_t position) 
   promises.objects = Outcomes(objects);
   for (const auto& [task, list] : completions) {
     for (const Request* completion : list) {
+      std::map<std::string, OpenTask>& open = OpenUploads(promises, *completion);
       if (completion->end < position && completion->IsDone()) {
-        promises.tasks.erase(task);
-      } else if (promises.tasks.count(task) > 0) {
-        promises.tasks[task].may_be_complete = true;
+        open.erase(task);
+      } else if (open.count(task) > 0) {
+        open[task].may_be_complete = true;
       }
     }
   }
-  for (auto& [task, open] : promises.tasks) {
-    for (const auto& [number, possible] : Outcomes(parts[task])) {
-      open.parts[std::stoi(number)] = possible;
+  for (auto* uploads : {&promises.tasks, &promises.s3_uploads}) {
+    for (auto& [task, open] : *uploads) {
+      for (const auto& [number, possible] : Outcomes(parts[task])) {
+        open.parts[std::stoi(number)] = possible;
+      }
     }
   }
   return promises;

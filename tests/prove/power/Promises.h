@@ -24,7 +24,19 @@ enum class ERequest {
   kPart,      // `part` of `task` is `body`
   kComplete,  // `task` becomes the object `key`, whose content is `body`
   kPicture,   // its answer's `extra` is the address
+  // The same by S3, with the same objects. An upload has its own kinds, because it is another one.
+  kPutByS3,
+  kPutNewByS3,  // on the condition that the key has no object
+  kRemoveByS3,
+  kCopyByS3,  // the object with the name in `task`, whose content is `body`
+  kBeginByS3,
+  kPartByS3,
+  kCompleteByS3,
 };
+// Says whether a request goes to the S3 server.
+inline bool IsByS3(ERequest kind) {
+  return kind >= ERequest::kPutByS3;
+}
 
 // Content as text: "seed:size", and several of them with commas between for content in pieces.
 std::string BodySpec(std::uint64_t seed, std::size_t size);
@@ -74,6 +86,7 @@ struct Promises {
   std::map<std::string, Possible> buckets;
   std::map<std::string, Possible> objects;
   std::map<std::string, OpenTask> tasks;
+  std::map<std::string, OpenTask> s3_uploads;
   std::map<std::string, std::string> pictures;  // body by address
 };
 

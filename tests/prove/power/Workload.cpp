@@ -1,5 +1,7 @@
 #include "Workload.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <atomic>
 #include <map>
@@ -9,6 +11,7 @@
 #include <thread>
 
 #include "support/PictureSystemTest.h"
+#include "support/S3Request.h"
 #include "support/TansydTest.h"
 
 namespace prove {
@@ -22,6 +25,17 @@ constexpr int kSharedKeys = 3;
 constexpr int kOwnKeys = 5;
 constexpr std::size_t kNumbersOfAClient = 1000000;
 constexpr int kMostClients = 100;
+
+std::string S3CompletionXml(const std::string& body) {
+  std::string parts;
+  int count = 0;
+  std::istringstream pieces(body);
+  for (std::string piece; std::getline(pieces, piece, ',');) {
+    parts += "<Part><PartNumber>" + std::to_string(++count) + "</PartNumber><ETag>" + EntityTag(BodyOf(piece)) +
+             "</ETag></Part>";
+  }
+  return "<CompleteMultipartUpload>" + parts + "</CompleteMultipartUpload>";
+}
 
 system_tests::Request MakeRequest(const Request& request, const std::string& content) {
   const std::string path = "/b/" + request.key;
@@ -41,10 +55,31 @@ system_tests::Request MakeRequest(const Request& request, const std::string& con
           "POST", path + "?upload_id=" + request.task + "&part_number=" + std::to_string(request.part), {}, content};
     case ERequest::kComplete:
       return {"POST", path + "?upload_id=" + request.task, {}, CompletionXml(request.body)};
-    case ERequest::kPicture:
-      break;
+    default:
+      return {};
   }
-  return {};
+}
+
+system_tests::Request MakeS3Request(const Request& request, const std::string& content) {
+  const std::string path = "/b/" + request.key;
+  switch (request.kind) {
+    case ERequest::kPutByS3:
+      return {"PUT", path, {}, content};
+    case ERequest::kPutNewByS3:
+      return {"PUT", path, {{"If-None-Match", "*"}}, content};
+    case ERequest::kRemoveByS3:
+      return {"DELETE", path, {}, ""};
+    case ERequest::kCopyByS3:
+      return {"PUT", path, {{"x-amz-copy-source", "/b/" + request.task}}, ""};
+    case ERequest::kBeginByS3:
+      return {"POST", path + "?uploads=", {}, ""};
+    case ERequest::kPartByS3:
+      return {"PUT", path + "?partNumber=" + std::to_string(request.part) + "&uploadId=" + request.task, {}, content};
+    case ERequest::kCompleteByS3:
+      return {"POST", path + "?uploadId=" + request.task, {}, S3CompletionXml(request.body)};
+    default:
+      return {};
+  }
 }
 
 // One client. Its numbers of requests and of bodies are its own.
@@ -188,23 +223,42 @@ std::string CompletionXml(const std::string& body) {
          "</CompleteMultipartUpload>";
 }
 
+std::string EntityTag(const std::string& content) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(content.data(), content.size(), digest, &size, EVP_md5(), nullptr);
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string tag;
+  for (unsigned int i = 0; i < size; ++i) {
+    tag += kDigits[digest[i] >> 4];
+    tag += kDigits[digest[i] & 15];
+  }
+  return tag;
+}
+
 std::string Send(system_tests::CTansyd& server, CTraceMarks& marks, Request request, std::string* extra) {
-  const bool has_content = request.kind == ERequest::kPut || request.kind == ERequest::kPart;
-  const bool is_picture = request.kind == ERequest::kPicture;
-  const std::string content = has_content || is_picture ? BodyOf(request.body) : "";
+  const bool has_content = request.kind == ERequest::kPut || request.kind == ERequest::kPart ||
+                           request.kind == ERequest::kPicture || request.kind == ERequest::kPutByS3 ||
+                           request.kind == ERequest::kPutNewByS3 || request.kind == ERequest::kPartByS3;
+  const std::string content = has_content ? BodyOf(request.body) : "";
   marks.Write(request.BeginLine());
   Reply reply;
   std::string more;
-  if (is_picture) {
+  if (request.kind == ERequest::kPicture) {
     const std::string boundary = "----boundary4711";
     reply = Call(server.GetPicturePort(),
                  system_tests::FormRequest(boundary, FormBody(boundary, system_tests::PictureFields(content))));
     more = system_tests::JsonText(reply.body, "PictureUrl");
+  } else if (IsByS3(request.kind)) {
+    const std::uint16_t port = server.GetS3Port();
+    reply = Call(port, system_tests::SignedS3(MakeS3Request(request, content), port));
+    more = system_tests::XmlValue(reply.body, "UploadId");
   } else {
     reply = Call(server.GetObjectPort(), system_tests::Signed(MakeRequest(request, content)));
     more = system_tests::XmlValue(reply.body, "UploadId");
   }
-  const std::string outcome = system_tests::Outcome(reply);
+  const bool is_removed = request.kind == ERequest::kRemoveByS3 && reply.status == 204;
+  const std::string outcome = is_removed ? "200" : system_tests::Outcome(reply);
   marks.Write(Request::EndLine(request.number, outcome, more));
   if (extra != nullptr) {
     *extra = more;

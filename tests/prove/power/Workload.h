@@ -28,6 +28,8 @@ std::string Send(system_tests::CTansyd& server, CTraceMarks& marks, Request requ
 
 // What a completion says about the parts of its object.
 std::string CompletionXml(const std::string& body);
+// The entity tag that S3 gives to a content that was sent whole, without its quotes.
+std::string EntityTag(const std::string& content);
 
 // Runs all clients to their end. Gives a line for each answer that no working server gives.
 std::vector<std::string> RunWorkload(system_tests::CTansyd& server, CTraceMarks& marks, const WorkloadOptions& options);
