@@ -73,7 +73,10 @@ double CountDescriptors(pid_t pid, const std::string& folder, bool are_in) {
 
 class CSoak {
  public:
-  explicit CSoak(const SoakOptions& options) : options_(options), tansyd_(folder_.GetPath()) {
+  explicit CSoak(const SoakOptions& options)
+      : options_(options),
+        tansyd_(folder_.GetPath()),
+        backend_(options.database, EStorage::kFolder, tansyd_.Data(), "") {
     for (const Quantity& quantity : kQuantities) {
       result_.measures.push_back({quantity.name, quantity.resolution, {}, {}});
     }
@@ -85,6 +88,7 @@ class CSoak {
     launch.with_https = true;
     launch.with_s3 = true;
     launch.arguments = {"--keep-failed", "1", "--keep-removed", "0"};
+    launch.arguments.insert(launch.arguments.end(), backend_.GetArguments().begin(), backend_.GetArguments().end());
     launch.environment = {{"LEAK", options_.leak}};
     if (!tansyd_.Start(launch)) {
       result_.wrong = {"the server did not start"};
@@ -167,9 +171,9 @@ class CSoak {
     }
     // What S3 made of parts has the bytes of its parts.
     const std::string in_volume = " WHERE url LIKE '" + volume + "%'";
-    const std::vector<std::string> rows = system_tests::Query(
-        tansyd_.Data("catalogue.db"), "SELECT COALESCE(SUM(size), 0) FROM (SELECT size FROM local_object" + in_volume +
-                                          " UNION ALL SELECT size FROM local_upload_part" + in_volume + ")");
+    const std::vector<std::string> rows =
+        backend_.Query("SELECT COALESCE(SUM(size), 0) FROM (SELECT size FROM local_object" + in_volume +
+                       " UNION ALL SELECT size FROM local_upload_part" + in_volume + ") sizes");
     return bytes - (rows.empty() ? 0 : std::stod(rows.front()));
   }
 
@@ -190,6 +194,7 @@ class CSoak {
   const SoakOptions& options_;
   const Tansy::Tests::CTempFolder folder_;
   system_tests::CTansyd tansyd_;
+  const CBackend backend_;
   steady_clock::time_point begin_;
   double known_space_ = 0;  // that is not waited for any more
   SoakResult result_;

@@ -9,13 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "Backend.h"
 #include "Slope.h"
 
 namespace prove {
 
 struct SoakOptions {
   std::string program;  // a tansyd; empty: that of this build
-  std::string leak;     // what a tansyd that leaks is told to leak
+  EDatabase database = EDatabase::kSqlite;
+  std::string leak;  // what a tansyd that leaks is told to leak
   std::uint64_t seed = 1;
   std::chrono::milliseconds time{0};            // of all cycles together, or
   std::size_t cycles = 0;                       // their number

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <exception>
 #include <iostream>
+#include <string>
 
 #include "Soak.h"
 
@@ -19,14 +20,18 @@ int main(int argc, char** argv) {
   app.add_option("--minutes", minutes, "of the whole run; the first fifth is the warm-up");
   app.add_option("--cycle", cycle_seconds, "seconds of work between two looks");
   app.add_option("--tansyd", options.program, "of another build");
+  std::string database = "sqlite";
+  app.add_option("--database", database, "sqlite, or postgresql: a server of the run's own")
+      ->check(CLI::IsMember({"sqlite", "postgresql"}));
   app.add_option("--seed", options.seed, "of what the clients do; without it, the time of day");
   CLI11_PARSE(app, argc, argv);
+  options.database = database == "postgresql" ? prove::EDatabase::kPostgres : prove::EDatabase::kSqlite;
   options.time = std::chrono::minutes(minutes);
   options.cycle = std::chrono::seconds(cycle_seconds);
   options.space_patience = std::chrono::seconds(15);
   options.warm_up = static_cast<std::size_t>(minutes * 60 / (cycle_seconds + 2) / 5);
   options.report = [](const std::string& line) { std::cout << line << std::endl; };
-  std::cout << "soak: seed " << options.seed << std::endl;
+  std::cout << "soak: seed " << options.seed << ", " << database << std::endl;
   try {
     const prove::SoakResult result = prove::RunSoak(options);
     std::cout << prove::Describe(result);

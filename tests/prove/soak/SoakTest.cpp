@@ -71,6 +71,34 @@ TEST(SoakTest, TheServerGivesAllSpaceBack) {
   EXPECT_THAT(result.wrong, IsEmpty());
 }
 
+// The same for rows in PostgreSQL.
+TEST(SoakOnPostgresTest, TheServerKeepsNothing) {
+  SoakOptions options = Short(10);
+  options.database = EDatabase::kPostgres;
+  options.warm_up = 4;
+  const SoakResult result = RunSoak(options);
+  EXPECT_THAT(result.Growing(), IsEmpty()) << Describe(result);
+  EXPECT_THAT(result.wrong, IsEmpty());
+  EXPECT_GT(result.requests, 50U);
+}
+TEST(SoakOnPostgresTest, TheServerGivesAllSpaceBack) {
+  SoakOptions options = Short(1);
+  options.database = EDatabase::kPostgres;
+  options.warm_up = 0;
+  options.space_patience = std::chrono::seconds(60);
+  const SoakResult result = RunSoak(options);
+  EXPECT_EQ(result.measures[3].points.back().value, 0) << Describe(result);
+  EXPECT_THAT(result.wrong, IsEmpty());
+}
+TEST(SoakOnPostgresTest, LostSpaceIsFound) {
+  SoakOptions options = Short(13);
+  options.database = EDatabase::kPostgres;
+  options.leak = "space";
+  options.space_patience = std::chrono::milliseconds(500);
+  const SoakResult result = RunSoak(options);
+  EXPECT_THAT(result.Growing(), Contains(StartsWith("space"))) << Describe(result);
+}
+
 TEST(SlopeTest, ALineIsFound) {
   std::vector<Point> points;
   for (int i = 0; i < 10; ++i) {
