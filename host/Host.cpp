@@ -8,6 +8,7 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -18,11 +19,14 @@
 #include "DatabaseUrl.h"
 #include "HostLog.h"
 #include "HostSystem/Process.h"
+#include "HostSystem/ServiceManager.h"
 #include "ListeningFile.h"
 #include "Restore.h"
 #include "Server.h"
+#include "ServiceWatchdog.h"
 #include "SignalThread.h"
 #include "StartFailure.h"
+#include "TansyNet/HttpServer.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -88,6 +92,45 @@ void NoteOpenFileLimit(std::uint64_t limit) {
   }
 }
 
+// The service manager may have opened ports, so that clients who come during a new start wait for its end.
+void TakePortsOfServiceManager() {
+  const std::string trouble = TansyNet::CHttpServer::OfferSockets(HostSystem::TakeServiceSockets());
+  if (!trouble.empty()) {
+    throw CStartFailure(kExitFailed, "sockets of the service manager: " + trouble);
+  }
+}
+
+void NoteUnusedPorts() {
+  for (const std::string& name : TansyNet::CHttpServer::UnusedSockets()) {
+    HOST_LOG(logging::kError, "[%s]the service manager's socket of %s is served by nobody.[%s(%d)]", name.c_str());
+  }
+}
+
+// Null when the service manager does not want to hear anything.
+std::unique_ptr<CServiceWatchdog> BeginWatchdog() {
+  const std::optional<std::chrono::microseconds> period = HostSystem::WatchdogPeriod();
+  if (!period.has_value()) {
+    return nullptr;
+  }
+  auto watchdog = std::make_unique<CServiceWatchdog>(
+      *period, [](std::chrono::milliseconds patience) { return TansyNet::CHttpServer::DoLoopsAnswer(patience); },
+      [] { HostSystem::TellServiceManager(HostSystem::EServiceState::kAlive); });
+  watchdog->Begin();
+  return watchdog;
+}
+
+void ServeUntilStop(CServer& server, CSignalThread& signals) {
+  using HostSystem::EServiceState;
+  const auto watchdog = BeginWatchdog();
+  HostSystem::TellServiceManager(EServiceState::kReady);
+  while (signals.Wait() == HostSystem::ESignal::kReload) {
+    HostSystem::TellServiceManager(EServiceState::kReloading);
+    server.Reload();
+    HostSystem::TellServiceManager(EServiceState::kReady);
+  }
+  HostSystem::TellServiceManager(EServiceState::kStopping);
+}
+
 int Serve(const CommandLine& command_line) {
   HostSystem::ShareHeaps();
   CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
@@ -115,10 +158,9 @@ int Serve(const CommandLine& command_line) {
   }
   server.Start();
   signals.SetServing();
+  NoteUnusedPorts();
   std::cout << server.ReadyLine() << std::endl;
-  while (signals.Wait() == HostSystem::ESignal::kReload) {
-    server.Reload();
-  }
+  ServeUntilStop(server, signals);
   server.Stop();
   return kExitDone;
 }
@@ -137,6 +179,7 @@ int Run(int argc, char** argv) {
     }
     HostSystem::TakeSignals();
     HostSystem::MakeFilesPrivate();
+    details::TakePortsOfServiceManager();
     exit_code = details::Serve(command_line);
   } catch (const CStartFailure& failure) {
     details::Complain(failure.what());

@@ -145,6 +145,14 @@ void CHttpServer::SetListenAddresses(const std::vector<std::string>& addresses) 
   details::TheProcess().addresses.Set(addresses);
 }
 
+std::string CHttpServer::OfferSockets(const std::vector<std::intptr_t>& sockets) {
+  return details::TheProcess().listeners.OfferedSockets().Add(sockets);
+}
+
+std::vector<std::string> CHttpServer::UnusedSockets() {
+  return details::TheProcess().listeners.OfferedSockets().Unused();
+}
+
 void CHttpServer::SetLimits(const HttpServerLimits& limits) {
   details::TheProcess().runtime.SetLimits(limits);
 }
@@ -177,6 +185,10 @@ std::vector<RunningRequest> CHttpServer::RunningRequests() {
 
 ServerLoad CHttpServer::Load() {
   return details::TheProcess().runtime.Load();
+}
+
+bool CHttpServer::DoLoopsAnswer(std::chrono::milliseconds patience) {
+  return details::TheProcess().runtime.DoLoopsAnswer(patience);
 }
 
 std::size_t CHttpServer::OpenRequestCount() {

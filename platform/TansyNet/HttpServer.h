@@ -5,6 +5,7 @@
 #ifndef TANSY_NET_HTTP_SERVER_H
 #define TANSY_NET_HTTP_SERVER_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -71,6 +72,12 @@ class CHttpServer {
   // without any opens nothing and succeeds with handle 0. An empty list (the default) stands for all addresses of the
   // machine. This is for the host.
   static void SetListenAddresses(const std::vector<std::string>& addresses);
+  // Takes over listening sockets that somebody else has opened, by their numbers. A later start at the address and port
+  // of one of them serves it instead of opening one of its own, and stopping it leaves the port open. Returns in one
+  // line why one of them cannot be used, or an empty text. This is for the host.
+  static std::string OfferSockets(const std::vector<std::intptr_t>& sockets);
+  // Names those that no start has asked for: "127.0.0.1 port 9700".
+  static std::vector<std::string> UnusedSockets();
   // Sets limits for connections that are accepted afterwards. This is for the host, not for handlers.
   static void SetLimits(const HttpServerLimits& limits);
   // Says in one line why the last start in this thread failed.
@@ -84,6 +91,9 @@ class CHttpServer {
   // Gives the requests that are delivered and not answered yet, the oldest first.
   static std::vector<RunningRequest> RunningRequests();
   static ServerLoad Load();
+  // Says whether every event loop takes a step within this time. A loop that does not serves nobody. It waits for the
+  // loops, so it must not be called from a callback. True when no listener was ever started.
+  static bool DoLoopsAnswer(std::chrono::milliseconds patience);
   // Counts the requests that are delivered and not answered yet.
   static std::size_t OpenRequestCount();
   // Stops all listeners and waits until no request is open, at most this long. Then it closes every connection and ends

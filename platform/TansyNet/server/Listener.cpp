@@ -69,6 +69,18 @@ error_code Bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, bool reu
   return error;
 }
 
+// Whoever opened it has bound it already. That it listens anew gives it the length of queue that ours have.
+error_code TakeOver(tcp::acceptor& acceptor, const tcp::endpoint& endpoint, SocketHandle offered) {
+  error_code error;
+  acceptor.assign(endpoint.protocol(), static_cast<tcp::acceptor::native_handle_type>(offered), error);
+  if (error) {
+    CloseSocket(offered);
+    return error;
+  }
+  acceptor.listen(asio::socket_base::max_listen_connections, error);
+  return error;
+}
+
 }  // namespace
 }  // namespace details
 
@@ -109,7 +121,8 @@ TlsContextPtr CListener::TlsContext() const {
   return tls_;
 }
 
-int CListener::Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error) {
+int CListener::Open(const std::string& address, std::uint16_t port, bool reuse_address, details::SocketHandle offered,
+                    std::string& error) {
   error_code problem;
   const auto ip = asio::ip::make_address(address, problem);
   const std::string where = address + " port " + std::to_string(port);
@@ -119,7 +132,9 @@ int CListener::Open(const std::string& address, std::uint16_t port, bool reuse_a
   }
   {
     const std::scoped_lock lock(mutex_);
-    problem = details::Bind(impl_->acceptor, tcp::endpoint(ip, port), reuse_address);
+    const tcp::endpoint endpoint(ip, port);
+    problem = offered == details::kNoSocket ? details::Bind(impl_->acceptor, endpoint, reuse_address)
+                                            : details::TakeOver(impl_->acceptor, endpoint, offered);
   }
   if (problem) {
     error = "listen: " + where + ": " + problem.message();

@@ -13,6 +13,7 @@
 #include "TansyNet/server/ServerSettings.h"
 #include "TansyNet/server/ServerTlsContext.h"
 #include "TansyNet/server/ServerWorker.h"
+#include "TansyNet/transport/SystemSockets.h"
 
 namespace boost::system {
 class error_code;
@@ -37,9 +38,12 @@ class CListener : public std::enable_shared_from_this<CListener> {
   // it.
   static constexpr int kNoIpv6 = -1;
 
-  // Binds and begins to accept. Returns 0, kNoIpv6 or a NetError; `error` is set unless the result is 0.
-  int Open(const std::string& address, std::uint16_t port, bool reuse_address, std::string& error);
-  // Frees the port before it returns. Connections stay open until their requests are answered.
+  // Binds and begins to accept. Returns 0, kNoIpv6 or a NetError; `error` is set unless the result is 0. A socket that
+  // somebody else has opened there comes as `offered` and then belongs to the listener; else that is kNoSocket.
+  int Open(const std::string& address, std::uint16_t port, bool reuse_address, details::SocketHandle offered,
+           std::string& error);
+  // Frees the port before it returns, unless somebody else has opened it. Connections stay open until their requests
+  // are answered.
   void Close();
   bool IsOriginOf(const IServerConnection& connection) const { return &connection.Origin() == endpoint_.get(); }
 

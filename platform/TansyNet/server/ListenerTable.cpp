@@ -30,7 +30,7 @@ int CListenerTable::Start(std::int32_t& handle, const std::string& address, std:
   std::string error;
   int result = tls == nullptr ? 0 : listener->LoadCertificate(*tls, error);
   if (result == 0) {
-    result = listener->Open(address, port, reuse_address, error);
+    result = listener->Open(address, port, reuse_address, offered_.Find(address, port), error);
   }
   if (result == CListener::kNoIpv6) {
     TANSY_LOG(logging::kNotable, "TansyNet", "[%s]no IPv6 here, %s[%s(%d)]", error.c_str());

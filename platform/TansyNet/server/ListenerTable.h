@@ -9,6 +9,7 @@
 #include <string>
 
 #include "TansyNet/server/Listener.h"
+#include "TansyNet/server/OfferedSockets.h"
 #include "TansyNet/server/ServerRuntime.h"
 #include "TansyNet/server/ServerSettings.h"
 
@@ -26,6 +27,7 @@ class CListenerTable {
             RecvCallback callback, bool reuse_address, const ListenerStyle& style);
   int Stop(std::int32_t handle);
   int ReloadCertificates();
+  COfferedSockets& OfferedSockets() { return offered_; }
   bool Shutdown(std::uint32_t drain_ms);
 
   // Says why the last start in the calling thread failed.
@@ -36,6 +38,7 @@ class CListenerTable {
   void StopAll();
 
   CServerRuntime& runtime_;
+  COfferedSockets offered_;
 
   // It serialises starts and stops. It is never held while threads are joined, because their callbacks may start and
   // stop listeners.

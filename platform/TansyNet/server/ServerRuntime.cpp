@@ -139,14 +139,14 @@ bool CServerRuntime::CutLongestStanding() {
   return true;
 }
 
+std::vector<std::shared_ptr<CServerWorker>> CServerRuntime::Workers() const {
+  const std::scoped_lock lock(mutex_);
+  return threads_.workers;
+}
+
 std::shared_ptr<IServerConnection> CServerRuntime::Earliest(CServerWorker::Since since) const {
-  std::vector<std::shared_ptr<CServerWorker>> workers;
-  {
-    const std::scoped_lock lock(mutex_);
-    workers = threads_.workers;
-  }
   std::shared_ptr<IServerConnection> earliest;
-  for (const auto& worker : workers) {
+  for (const auto& worker : Workers()) {
     auto candidate = worker->Earliest(since);
     if (candidate != nullptr && (earliest == nullptr || ((*candidate).*since)() < ((*earliest).*since)())) {
       earliest = std::move(candidate);
@@ -168,13 +168,31 @@ bool CServerRuntime::WaitUntilIdle(std::uint32_t milliseconds) {
                         [this] { return busy_.load(std::memory_order_acquire) == 0; });
 }
 
-void CServerRuntime::ForEachConnection(const std::function<void(IServerConnection&)>& visit) {
-  std::vector<std::shared_ptr<CServerWorker>> workers;
-  {
-    const std::scoped_lock lock(mutex_);
-    workers = threads_.workers;
-  }
+bool CServerRuntime::DoLoopsAnswer(std::chrono::milliseconds patience) const {
+  struct Answers {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::size_t missing = 0;  // guarded by the mutex
+  };
+  const auto workers = Workers();
+  const auto answers = std::make_shared<Answers>();  // a loop may answer when nobody waits any more
+  answers->missing = workers.size();
+  const auto answer = [answers] {
+    const std::scoped_lock lock(answers->mutex);
+    --answers->missing;
+    answers->changed.notify_all();
+  };
   for (const auto& worker : workers) {
+    if (!worker->Post(answer)) {
+      answer();  // it has stopped, and owes nobody an answer
+    }
+  }
+  std::unique_lock lock(answers->mutex);
+  return answers->changed.wait_for(lock, patience, [&] { return answers->missing == 0; });
+}
+
+void CServerRuntime::ForEachConnection(const std::function<void(IServerConnection&)>& visit) {
+  for (const auto& worker : Workers()) {
     worker->ForEachConnection(visit);
   }
 }

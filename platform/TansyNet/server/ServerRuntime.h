@@ -3,6 +3,7 @@
 #define TANSY_NET_SERVER_SERVER_RUNTIME_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -87,10 +88,13 @@ class CServerRuntime {
 
   // Gives the worker of the next connection; null when no threads run.
   std::shared_ptr<CServerWorker> NextWorker();
+  // Says whether each worker takes a step within this time.
+  bool DoLoopsAnswer(std::chrono::milliseconds patience) const;
   // Calls `visit` for each connection, later and on the thread of the connection's worker.
   void ForEachConnection(const std::function<void(IServerConnection&)>& visit);
 
  private:
+  std::vector<std::shared_ptr<CServerWorker>> Workers() const;
   std::shared_ptr<IServerConnection> Earliest(CServerWorker::Since since) const;
 
   mutable std::mutex mutex_;

@@ -38,6 +38,18 @@ SocketHandle OpenSocket(const SocketAddress& address, int& error);
 void CloseSocket(SocketHandle socket);
 // Keeps child processes from inheriting a socket that was opened elsewhere.
 void KeepFromChildren(SocketHandle socket);
+
+// Where a listening socket listens.
+struct ListenerName {
+  std::string address;  // numeric
+  std::uint16_t port = 0;
+  bool takes_ipv4_too = false;  // one of IPv6 that is not for IPv6 alone
+};
+// Returns false for a socket that does not listen for TCP, and on systems where nobody hands such sockets over.
+bool NameListener(SocketHandle socket, ListenerName& name);
+// Gives one more number for the same socket, or kNoSocket.
+SocketHandle CopySocket(SocketHandle socket);
+
 // Returns 0 when the connection is there at once; ConnectGoesOn tells the number that means "later" from failures.
 int StartConnect(SocketHandle socket, const SocketAddress& address);
 bool ConnectGoesOn(int error);

@@ -130,6 +130,10 @@ std::string ClientScript(const std::string& name) {
   return std::string(TANSY_TEST_CLIENTS) + "/" + name;
 }
 
+std::string TansydPath() {
+  return TANSYD_PATH;
+}
+
 std::string SourceFolder() {
   return TANSY_SOURCES;
 }

@@ -113,6 +113,8 @@ class CTansyd {
   bool is_filter_missing_ = false;
 };
 
+// The tansyd of this build.
+std::string TansydPath();
 // The folder of this project's sources.
 std::string SourceFolder();
 // A script of the project's scripts folder.

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -89,6 +90,35 @@ void CloseSocket(SocketHandle socket) {
 
 void KeepFromChildren(SocketHandle socket) {
   ::fcntl(static_cast<int>(socket), F_SETFD, FD_CLOEXEC);
+}
+
+bool NameListener(SocketHandle socket, ListenerName& name) {
+  const int number = static_cast<int>(socket);
+  int listens = 0;
+  socklen_t size = sizeof listens;
+  if (::getsockopt(number, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || listens == 0) {
+    return false;
+  }
+  sockaddr_storage address{};
+  size = sizeof address;
+  auto* const plain = reinterpret_cast<sockaddr*>(&address);
+  char host[NI_MAXHOST] = {};
+  char port[NI_MAXSERV] = {};
+  if (::getsockname(number, plain, &size) != 0 || (address.ss_family != AF_INET && address.ss_family != AF_INET6) ||
+      ::getnameinfo(plain, size, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+    return false;
+  }
+  name.address = host;
+  name.port = static_cast<std::uint16_t>(std::strtoul(port, nullptr, 10));
+  int is_ipv6_only = 1;
+  size = sizeof is_ipv6_only;
+  name.takes_ipv4_too = address.ss_family == AF_INET6 &&
+                        ::getsockopt(number, IPPROTO_IPV6, IPV6_V6ONLY, &is_ipv6_only, &size) == 0 && is_ipv6_only == 0;
+  return true;
+}
+
+SocketHandle CopySocket(SocketHandle socket) {
+  return ::fcntl(static_cast<int>(socket), F_DUPFD_CLOEXEC, 0);
 }
 
 int StartConnect(SocketHandle socket, const SocketAddress& address) {

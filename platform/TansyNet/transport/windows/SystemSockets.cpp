@@ -95,6 +95,14 @@ void KeepFromChildren(SocketHandle socket) {
   ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
 }
 
+bool NameListener(SocketHandle /*socket*/, ListenerName& /*name*/) {
+  return false;
+}
+
+SocketHandle CopySocket(SocketHandle /*socket*/) {
+  return kNoSocket;
+}
+
 int StartConnect(SocketHandle socket, const SocketAddress& address) {
   sockaddr_storage storage{};
   std::memcpy(&storage, address.bytes.data(), static_cast<std::size_t>(address.size));

@@ -8,9 +8,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -108,6 +110,87 @@ TEST_F(HttpServerListener, ChildProcessesGetNoSockets) {
     }
   }
   EXPECT_EQ(found, 2) << "the listening socket and the accepted one";
+}
+
+// A socket that somebody else has opened, as a service manager does.
+int OpenListening(std::uint16_t& port, int family = AF_INET, int type = SOCK_STREAM) {
+  const int opened = ::socket(family, type | SOCK_CLOEXEC, 0);
+  sockaddr_storage address{};
+  socklen_t size = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+  address.ss_family = static_cast<sa_family_t>(family);
+  if (family == AF_INET) {
+    reinterpret_cast<sockaddr_in&>(address).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  }
+  auto* const plain = reinterpret_cast<sockaddr*>(&address);
+  EXPECT_EQ(::bind(opened, plain, size), 0);
+  if (type == SOCK_STREAM) {
+    EXPECT_EQ(::listen(opened, 1), 0);
+  }
+  EXPECT_EQ(::getsockname(opened, plain, &size), 0);
+  port = ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+  return opened;
+}
+
+TEST_F(HttpServerListener, TakesOverASocketThatIsOpenAtItsAddress) {
+  SetHandler([](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, message.ip); });
+  std::uint16_t port = 0;
+  ASSERT_EQ(CHttpServer::OfferSockets({OpenListening(port)}), "");
+  const std::string name = "127.0.0.1 port " + std::to_string(port);
+  EXPECT_EQ(CHttpServer::UnusedSockets(), std::vector<std::string>{name});
+  for (int start = 0; start < 2; ++start) {  // the second time as after a stop
+    CRawClient early(port);
+    early.Send("GET / HTTP/1.1\r\n\r\n");
+    std::int32_t handle = 0;
+    ASSERT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.1", port, OnRequest, false), 0) << CHttpServer::LastError();
+    EXPECT_EQ(early.ReadReply().body, "127.0.0.1") << "who comes before the start waits";
+    EXPECT_EQ(CHttpServer::StopServer(handle), 0);
+  }
+  EXPECT_TRUE(CHttpServer::UnusedSockets().empty());
+}
+
+TEST_F(HttpServerListener, AnOfferedSocketOfAnotherAddressIsNotTaken) {
+  SetHandler([](std::int32_t handle, HttpServerRecv& message) { AnswerText(handle, message.ip); });
+  std::uint16_t port = 0;
+  ASSERT_EQ(CHttpServer::OfferSockets({OpenListening(port)}), "");
+  std::int32_t handle = 0;
+  ASSERT_EQ(CHttpServer::StartHttpServer(handle, "127.0.0.2", port, OnRequest, true), 0) << CHttpServer::LastError();
+  EXPECT_EQ(CHttpServer::UnusedSockets().size(), 1U);
+  EXPECT_EQ(CHttpServer::StopServer(handle), 0);
+}
+
+TEST_F(HttpServerListener, RefusesOfferedSocketsThatItCannotServe) {
+  EXPECT_NE(CHttpServer::OfferSockets({99999}), "") << "no socket";
+  std::uint16_t port = 0;
+  const int of_messages = OpenListening(port, AF_INET, SOCK_DGRAM);
+  EXPECT_NE(CHttpServer::OfferSockets({of_messages}), "");
+  ::close(of_messages);
+  if (!Tansy::Tests::HasIpv6Loopback()) {
+    GTEST_SKIP() << Tansy::Tests::kNoIpv6Loopback;
+  }
+  const int of_both_families = OpenListening(port, AF_INET6);
+  EXPECT_EQ(CHttpServer::OfferSockets({of_both_families}),
+            "the offered socket of :: port " + std::to_string(port) + " takes IPv4 too: offer one for each family");
+  ::close(of_both_families);
+}
+
+TEST_F(HttpServerListener, SaysWhetherItsLoopsAnswer) {
+  EXPECT_TRUE(CHttpServer::DoLoopsAnswer(std::chrono::milliseconds(0))) << "there are none";
+  std::promise<void> release;
+  Start([released = release.get_future().share()](std::int32_t handle, HttpServerRecv& /*message*/) {
+    AnswerText(handle, "");
+    released.wait();
+  });
+  constexpr std::chrono::seconds kLong{60};
+  EXPECT_TRUE(CHttpServer::DoLoopsAnswer(kLong));
+  // The threads of a loop stand in for each other, so that it takes several callbacks that do not return.
+  std::vector<std::unique_ptr<CRawClient>> clients;
+  for (unsigned i = 0; i < 4 * std::max(1U, std::thread::hardware_concurrency()); ++i) {
+    clients.push_back(std::make_unique<CRawClient>(Port()));
+    clients.back()->Send("GET / HTTP/1.1\r\n\r\n");
+  }
+  EXPECT_TRUE(Eventually([] { return !CHttpServer::DoLoopsAnswer(std::chrono::milliseconds(20)); }));
+  release.set_value();
+  EXPECT_TRUE(CHttpServer::DoLoopsAnswer(kLong));
 }
 
 // A host may listen on some of the machine's addresses only.
