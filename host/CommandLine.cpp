@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "HostSystem/Files.h"
+#include "ManualPage.h"
 #include "StartFailure.h"
 
 namespace Tansy::Host {
@@ -66,6 +67,96 @@ void ExpectOneWork(const CommandLine& line) {
   }
 }
 
+// All that the command line may hold, and where it goes.
+struct Parser {
+  CLI::App app{"tansyd, the stand-alone cloud-storage server", "tansyd"};
+  CommandLine line;
+  std::vector<std::string> values{std::vector<std::string>(OptionTable().size())};  // by row of the table
+  std::vector<CLI::Option*> options;                                                // likewise
+  const CLI::App* move = nullptr;
+  const CLI::App* backup = nullptr;
+  const CLI::App* restore = nullptr;
+  std::string manual;  // the page that the build asks for
+
+  Parser();
+  Parser(const Parser&) = delete;
+  Parser& operator=(const Parser&) = delete;
+
+ private:
+  void AddTable();
+  void AddCheck();
+};
+
+Parser::Parser() {
+  app.allow_windows_style_options(false);
+  app.set_version_flag("--version", "tansyd " TANSY_VERSION);
+  AddTable();
+  AddCheck();
+  move = AddMove(app, line);
+  backup = AddBackup(app, line);
+  restore = AddRestore(app, line);
+  app.add_option("--manual", manual)->type_name("PAGE")->group("");
+}
+
+void Parser::AddTable() {
+  for (std::size_t i = 0; i < OptionTable().size(); ++i) {
+    const OptionRow& row = OptionTable()[i];
+    CLI::Option* option = app.add_option(std::string("--") + row.name, values[i], row.help);
+    option->type_name(row.value_name);
+    if (row.is_list) {
+      option->join(',');
+    }
+    options.push_back(option);
+  }
+}
+
+void Parser::AddCheck() {
+  CLI::Option* check =
+      app.add_flag("--check", line.check, "compare catalogue and stored bytes, list what differs, end");
+  CLI::Option* repair =
+      app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
+  app.add_flag("--force", line.force, "with --repair: also if that is more than a tenth of all bytes")->needs(repair);
+  app.add_flag("--check-upgrade", line.check_upgrade, "say what a start would change in catalogue and storage, end");
+}
+
+std::string HelpOf(const Parser& parser) {
+  const CLI::App* asked = &parser.app;
+  for (const CLI::App* each : parser.app.get_subcommands()) {
+    asked = each;
+  }
+  return asked->help();
+}
+
+// An option without a group is for the build alone.
+std::vector<OptionDescription> Describe(const CLI::App& app) {
+  std::vector<OptionDescription> options;
+  for (const CLI::Option* option : app.get_options()) {
+    if (!option->get_group().empty()) {
+      const bool has_value = option->nonpositional() && option->get_expected_max() > 0;
+      options.push_back({option->get_name(), has_value ? option->get_type_name() : "", option->get_description()});
+    }
+  }
+  return options;
+}
+
+// The program comes first, then its commands.
+std::vector<CommandDescription> DescribeAll() {
+  const Parser parser;
+  std::vector<CommandDescription> all = {{"", parser.app.get_description(), Describe(parser.app)}};
+  for (const CLI::App* command : parser.app.get_subcommands([](const CLI::App*) { return true; })) {
+    all.push_back({command->get_name(), command->get_description(), Describe(*command)});
+  }
+  return all;
+}
+
+std::string PageOf(const std::string& name) {
+  std::string page = ManualPage(name, DescribeAll());
+  if (page.empty()) {
+    throw CStartFailure(kExitUsage, "--manual needs tansyd.8, tansyd.toml.5 or bash");
+  }
+  return page;
+}
+
 }  // namespace
 }  // namespace details
 
@@ -83,40 +174,12 @@ std::string CommandLine::Work() const {
 }
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
-  CommandLine line;
-  CLI::App app("tansyd, the stand-alone cloud-storage server", "tansyd");
-  app.allow_windows_style_options(false);
-  app.set_version_flag("--version", "tansyd " TANSY_VERSION);
-
-  std::vector<std::pair<CLI::Option*, const char*>> options;
-  std::vector<std::string> values(OptionTable().size());
-  for (std::size_t i = 0; i < OptionTable().size(); ++i) {
-    const OptionRow& row = OptionTable()[i];
-    CLI::Option* option = app.add_option(std::string("--") + row.name, values[i], row.help);
-    option->type_name(row.value_name);
-    if (row.is_list) {
-      option->join(',');
-    }
-    options.emplace_back(option, row.name);
-  }
-  CLI::Option* check =
-      app.add_flag("--check", line.check, "compare catalogue and stored bytes, list what differs, end");
-  CLI::Option* repair =
-      app.add_flag("--repair", line.repair, "with --check: free the stored bytes that nothing refers to")->needs(check);
-  app.add_flag("--force", line.force, "with --repair: also if that is more than a tenth of all bytes")->needs(repair);
-  app.add_flag("--check-upgrade", line.check_upgrade, "say what a start would change in catalogue and storage, end");
-  const CLI::App* move = details::AddMove(app, line);
-  const CLI::App* backup = details::AddBackup(app, line);
-  const CLI::App* restore = details::AddRestore(app, line);
-
+  details::Parser parser;
+  CommandLine& line = parser.line;
   try {
-    app.parse(argc, argv);
+    parser.app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    const CLI::App* asked = &app;
-    for (const CLI::App* each : {move, backup, restore}) {
-      asked = each->parsed() ? each : asked;
-    }
-    line.print_only = asked->help();
+    line.print_only = details::HelpOf(parser);
     return line;
   } catch (const CLI::CallForVersion& version) {
     line.print_only = std::string(version.what()) + "\n";
@@ -124,14 +187,18 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& error) {
     throw CStartFailure(kExitUsage, details::OneLine(error.what()) + " (tansyd --help lists the options)");
   }
-  line.move = move->parsed();
-  line.backup = backup->parsed();
-  line.restore = restore->parsed();
+  if (!parser.manual.empty()) {
+    line.print_only = details::PageOf(parser.manual);
+    return line;
+  }
+  line.move = parser.move->parsed();
+  line.backup = parser.backup->parsed();
+  line.restore = parser.restore->parsed();
   line.backup_path = line.backup_path.empty() ? "" : HostSystem::AbsolutePath(line.backup_path);
   details::ExpectOneWork(line);
-  for (std::size_t i = 0; i < options.size(); ++i) {
-    if (options[i].first->count() > 0) {
-      line.texts[options[i].second] = values[i];
+  for (std::size_t i = 0; i < parser.options.size(); ++i) {
+    if (parser.options[i]->count() > 0) {
+      line.texts[OptionTable()[i].name] = parser.values[i];
     }
   }
   return line;

@@ -458,5 +458,39 @@ TEST(CommandLineTest, HelpNamesEveryOption) {
   EXPECT_THAT(Parse({"--version"}).print_only, testing::StartsWith("tansyd "));
 }
 
+// In roff, where a dash needs a backslash.
+std::string InRoff(const std::string& name) {
+  std::string roff;
+  for (const char c : name) {
+    roff += c == '-' ? "\\-" : std::string(1, c);
+  }
+  return roff;
+}
+
+TEST(CommandLineTest, ManualPagesNameEveryOption) {
+  const std::string program = Parse({"--manual", "tansyd.8"}).print_only;
+  const std::string settings = Parse({"--manual", "tansyd.toml.5"}).print_only;
+  const std::string bash = Parse({"--manual", "bash"}).print_only;
+  EXPECT_THAT(program, testing::StartsWith(".TH TANSYD 8"));
+  EXPECT_THAT(settings, testing::StartsWith(".TH TANSYD.TOML 5"));
+  for (const OptionRow& row : OptionTable()) {
+    EXPECT_THAT(program, HasSubstr(".B " + InRoff("--" + std::string(row.name) + " " + row.value_name) + "\n"));
+    EXPECT_THAT(bash, HasSubstr(std::string(" --") + row.name + " "));
+    if (std::string(row.name) != "config") {
+      EXPECT_THAT(settings, HasSubstr(".B " + InRoff(row.name) + " = "));
+    }
+  }
+  EXPECT_THAT(program, HasSubstr(".B " + InRoff("--check") + "\n")) << "a flag has no value";
+  EXPECT_THAT(program, HasSubstr(".SS tansyd move\n"));
+  EXPECT_THAT(program, HasSubstr(".B " + InRoff("--to-storage URL") + "\n"));
+  EXPECT_THAT(settings, testing::Not(HasSubstr(".B config")));
+  EXPECT_THAT(program + Parse({"--help"}).print_only, testing::Not(HasSubstr("manual PAGE")))
+      << "only the build needs it";
+}
+
+TEST(CommandLineTest, OtherPagesAreNone) {
+  EXPECT_THROW(Parse({"--manual", "tansyd.9"}), CStartFailure);
+}
+
 }  // namespace
 }  // namespace Tansy::Host
