@@ -6,9 +6,9 @@ set(platform_libraries logging OSAL HostSystem TansyBase KivPlatform TansyProto 
 
 set_target_properties(TansyCloudStorage PROPERTIES EXPORT_NAME CloudStorage)
 install(TARGETS TansyCloudStorage ${platform_libraries} EXPORT TansyCloudStorageTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        LIBRARY DESTINATION ${TANSY_INSTALL_LIBRARIES}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+        ARCHIVE DESTINATION ${TANSY_INSTALL_LIBRARIES})
 foreach(program tansyd tansy)
   if(TARGET ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -13,6 +13,7 @@ packages=(
 )
 if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
   packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic)
+  packages+=(dpkg-dev fakeroot lintian systemd) # for the package
 fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
@@ -71,6 +72,7 @@ for package in "${packages[@]}"; do
 done
 if ((${#missing[@]} == 0)); then
   build_libraries "$@"
+  ! $with_promtool || fetch_promtool
   exit 0
 fi
 
