@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
+#include <deque>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -74,16 +76,22 @@ class CTimeText {
 
 struct CStandardSink::Impl {
   explicit Impl(const StandardSinkOptions& options)
-      : patience(options.patience), is_plain(options.is_plain), queue(options.queue_lines), output(options.file_path) {}
+      : patience(options.patience),
+        is_plain(options.is_plain),
+        kept_lines(options.kept_lines),
+        queue(options.queue_lines),
+        output(options.file_path) {}
 
   void Run();
   void WriteBatch(details::CLineBatch& batch, std::uint64_t dropped);
   void TellLosses(details::CLineBatch::Time time, std::uint64_t lost);
   void Render(details::CLineBatch::Time time, std::string_view text);
   void WriteRendered();
+  void Keep(std::string_view line);
 
   const std::chrono::milliseconds patience;
   const bool is_plain;
+  const std::size_t kept_lines;
   details::CLineQueue queue;
   std::atomic<std::uint64_t> unwritten{0};  // lines that could not be written
 
@@ -96,6 +104,10 @@ struct CStandardSink::Impl {
   std::string rendered;  // lines that are ready to be written
   std::size_t rendered_lines = 0;
   std::uint64_t told = 0;  // losses that the log itself has told
+
+  std::mutex kept_mutex;  // held for a moment only, also while a line is waiting to be written; guards what follows
+  std::deque<std::string> kept;
+  std::uint64_t kept_last = 0;  // the number of the last of them
 
   std::thread thread;
 };
@@ -146,11 +158,25 @@ void CStandardSink::Impl::Render(details::CLineBatch::Time time, std::string_vie
       rendered += ' ';
     }
     details::AppendEscaped(rendered, details::Masked(text, secrets, text.ends_with(kCutMark)));
+    Keep(std::string_view(rendered).substr(before));
     rendered += '\n';
     ++rendered_lines;
   } catch (const std::exception&) {
     rendered.resize(before);
     ++unwritten;
+  }
+}
+
+void CStandardSink::Impl::Keep(std::string_view line) {
+  if (kept_lines == 0) {
+    return;
+  }
+  std::string text(line);
+  const std::lock_guard lock(kept_mutex);
+  kept.push_back(std::move(text));
+  ++kept_last;
+  if (kept.size() > kept_lines) {
+    kept.pop_front();
   }
 }
 
@@ -225,6 +251,14 @@ bool CStandardSink::Reopen(std::string& error) {
   }
   const std::lock_guard lock(impl_->mutex);
   return impl_->output.Open(error);
+}
+
+std::vector<std::string> CStandardSink::LinesAfter(std::uint64_t& number) const {
+  const std::lock_guard lock(impl_->kept_mutex);
+  const std::uint64_t newer = impl_->kept_last - std::min(number, impl_->kept_last);
+  const auto count = static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(newer, impl_->kept.size()));
+  number = impl_->kept_last;
+  return {impl_->kept.end() - count, impl_->kept.end()};
 }
 
 std::uint64_t CStandardSink::DroppedLines() const {

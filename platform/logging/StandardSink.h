@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "logging/Logging.h"
 
@@ -20,6 +21,7 @@ struct StandardSinkOptions {
   std::chrono::milliseconds patience{5000};
   // Lines are what WriteLine gets, without time and level in front of them; the sink takes no records.
   bool is_plain = false;
+  std::size_t kept_lines = 0;  // so many of the last ones can be asked for (LinesAfter)
 };
 
 // Lines look like "2026-11-03 08:05:09.123Z error platform.LocalStorage [Tansy::...]text[file(5)]", times in UTC.
@@ -52,6 +54,10 @@ class CStandardSink : public ISink {
   // Opens the file again under its name, after a log rotation has moved it away. Returns false when that fails; the old
   // file then stays in use. For standard error it returns true.
   bool Reopen(std::string& error);
+
+  // Gives the kept lines whose number is above `number`, as they were written, without their line ends; the first line
+  // of a process has number 1. `number` becomes that of the last line there was.
+  std::vector<std::string> LinesAfter(std::uint64_t& number) const;
 
   // Counts the lines dropped since the start because the queue was full or the file could not be written.
   std::uint64_t DroppedLines() const;

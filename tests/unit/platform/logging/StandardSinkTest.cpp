@@ -119,6 +119,44 @@ TEST_F(StandardSink, NoTextForgesALine) {
   EXPECT_THAT(lines[0], HasSubstr("forged\\x1b[31m"));
 }
 
+TEST_F(StandardSink, KeepsItsLastLines) {
+  std::string error;
+  StandardSinkOptions options;
+  options.file_path = path_;
+  options.kept_lines = 3;
+  const auto sink = CStandardSink::Create(options, error);
+  ASSERT_NE(sink, nullptr) << error;
+  sink->AddSecret("hunter2");
+  std::uint64_t number = 0;
+  EXPECT_TRUE(sink->LinesAfter(number).empty());
+  EXPECT_EQ(number, 0U);
+  for (const char* text : {"one", "two hunter2\n", "three", "four"}) {
+    sink->Write(Line(text));
+  }
+  sink->Flush();
+  const std::vector<std::string> lines = sink->LinesAfter(number);
+  EXPECT_EQ(number, 4U);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_TRUE(lines[0].ends_with("Z error platform.Test two ***\\n")) << lines[0];
+  EXPECT_TRUE(lines[2].ends_with("Z error platform.Test four")) << lines[2];
+  EXPECT_TRUE(sink->LinesAfter(number).empty());
+  number = 3;
+  EXPECT_EQ(sink->LinesAfter(number), std::vector<std::string>{lines[2]});
+  number = 99;
+  EXPECT_TRUE(sink->LinesAfter(number).empty()) << "of an earlier run perhaps";
+  EXPECT_EQ(number, 4U);
+}
+
+TEST_F(StandardSink, KeepsNoLinesUnlessItIsTold) {
+  std::string error;
+  const auto sink = CStandardSink::Create({path_}, error);
+  ASSERT_NE(sink, nullptr) << error;
+  sink->Write(Line("one"));
+  sink->Flush();
+  std::uint64_t number = 0;
+  EXPECT_TRUE(sink->LinesAfter(number).empty());
+}
+
 TEST_F(StandardSink, TellsRepeats) {
   const auto sink = Make();
   Record record = Line("again");
