@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <optional>
 
+#include "ConsoleFigures.h"
 #include "ConsoleLink.h"
 #include "RunningRequests.h"
 #include "TansyBase/TimeUtil.h"
@@ -20,11 +22,26 @@ using TansyProto::CRapidJsonProto;
 constexpr const char* kJson = "application/json";
 constexpr std::string_view kCookie = "tansy_session";
 
-ConsoleAnswer JsonAnswer(const CRapidJsonProto& json) {
+ConsoleAnswer JsonAnswer(std::string body) {
   ConsoleAnswer answer;
   answer.type = kJson;
-  answer.body = json.Serialize() + "\n";
+  answer.body = std::move(body);
   return answer;
+}
+
+ConsoleAnswer JsonAnswer(const CRapidJsonProto& json) {
+  return JsonAnswer(json.Serialize() + "\n");
+}
+
+// Gives the number that a query begins with under this name; 0 when there is none.
+std::uint64_t NumberOf(std::string_view query, std::string_view name) {
+  std::uint64_t number = 0;
+  const std::string begin = std::string(name) + "=";
+  if (query.starts_with(begin)) {
+    query.remove_prefix(begin.size());
+    std::from_chars(query.data(), query.data() + query.size(), number);
+  }
+  return number;
 }
 
 // Gives the value of a cookie, the first of that name; "" when there is none.
@@ -69,6 +86,7 @@ ConsoleAnswer AnswerSession(const ConsoleSession& session) {
   json.SetString("/key", session.key.name);
   json.SetInt("/expires", session.expires);
   json.SetBool("/read_only", !session.key.may_write);
+  json.SetBool("/operator", session.key.is_operator);
   json.SetList("/buckets");
   for (std::size_t i = 0; i < session.key.buckets.size(); ++i) {
     json.SetString("/buckets[" + std::to_string(i + 1) + "]", session.key.buckets[i]);
@@ -104,13 +122,21 @@ struct CConsoleApi::Route {
   ConsoleAnswer (CConsoleApi::*answer)(const Call& call);
   bool is_open = false;  // also for who has not signed in
   bool needs_csrf = false;
+  bool needs_operator = false;
 };
 
 struct CConsoleApi::Routes {
   static constexpr std::array kTable = {
-      Route{"GET", "challenge", &CConsoleApi::Challenge, true}, Route{"POST", "session", &CConsoleApi::SignIn, true},
-      Route{"GET", "session", &CConsoleApi::ShowSession},       Route{"DELETE", "session", &CConsoleApi::SignOut},
-      Route{"POST", "sign", &CConsoleApi::Sign, false, true},   Route{"GET", "requests", &CConsoleApi::ShowRequests},
+      Route{"GET", "challenge", &CConsoleApi::Challenge, true},
+      Route{"POST", "session", &CConsoleApi::SignIn, true},
+      Route{"GET", "session", &CConsoleApi::ShowSession},
+      Route{"DELETE", "session", &CConsoleApi::SignOut},
+      Route{"POST", "sign", &CConsoleApi::Sign, false, true},
+      Route{"GET", "overview", &CConsoleApi::ShowFigures},
+      Route{"GET", "buckets", &CConsoleApi::ShowBuckets},
+      Route{"GET", "requests", &CConsoleApi::ShowRequests, false, false, true},
+      Route{"GET", "settings", &CConsoleApi::ShowSettings, false, false, true},
+      Route{"GET", "log", &CConsoleApi::ShowLog, false, false, true},
   };
 };
 
@@ -143,6 +169,9 @@ ConsoleAnswer CConsoleApi::Answer(const ConsoleRequest& request, std::string_vie
   }
   if (route->needs_csrf && !details::IsEqual(request.Header("X-CSRF-Token"), call.session->csrf)) {
     return ConsoleFailure(403, "the request lacks the session's token: load the page again");
+  }
+  if (route->needs_operator && !call.session->key.is_operator) {
+    return ConsoleFailure(403, "this key may not see how the server is run: sign in with the server's own key");
   }
   return (this->*route->answer)(call);
 }
@@ -222,10 +251,35 @@ ConsoleAnswer CConsoleApi::Sign(const Call& call) {
 }
 
 ConsoleAnswer CConsoleApi::ShowRequests(const Call& /*call*/) {
-  ConsoleAnswer answer;
-  answer.type = details::kJson;
-  answer.body = RunningRequestsJson();
-  return answer;
+  return details::JsonAnswer(RunningRequestsJson());
+}
+
+ConsoleAnswer CConsoleApi::ShowFigures(const Call& /*call*/) {
+  return details::JsonAnswer(ConsoleFigures(sources_.figures()));
+}
+
+ConsoleAnswer CConsoleApi::ShowBuckets(const Call& call) {
+  return details::JsonAnswer(ConsoleBuckets(call.session->key.buckets));
+}
+
+ConsoleAnswer CConsoleApi::ShowSettings(const Call& /*call*/) {
+  details::CRapidJsonProto json;
+  for (const auto& [name, value] : sources_.settings()) {
+    json.SetString("/settings/" + name, value);
+  }
+  return details::JsonAnswer(json);
+}
+
+ConsoleAnswer CConsoleApi::ShowLog(const Call& call) {
+  std::uint64_t number = details::NumberOf(call.request.query, "after");
+  const std::vector<std::string> lines = sources_.log_lines(number);
+  details::CRapidJsonProto json;
+  json.SetInt("/next", static_cast<std::int64_t>(number));
+  json.SetList("/lines");
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    json.SetString("/lines[" + std::to_string(i + 1) + "]", lines[i]);
+  }
+  return details::JsonAnswer(json);
 }
 
 }  // namespace Tansy::Host

@@ -2,6 +2,7 @@
 #define TANSY_HOST_CONSOLE_API_H
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 #include "ConsoleMessage.h"
 #include "ConsolePlace.h"
 #include "ConsoleSessions.h"
+#include "Metrics.h"
 
 namespace Tansy::Host {
 
@@ -18,6 +20,10 @@ namespace Tansy::Host {
 struct ConsoleSources {
   FindConsoleKey find_key;
   std::string s3_region;
+  std::function<MetricsSource()> figures;
+  std::function<std::vector<std::pair<std::string, std::string>>()> settings;  // names and values, without secrets
+  // Gives the last lines of the log whose number is above `number`, which becomes that of the last one.
+  std::function<std::vector<std::string>(std::uint64_t& number)> log_lines;
 };
 
 // What the console's page asks for: /console/api/... Everything is JSON, a failure is {"error": words}, and the words
@@ -48,6 +54,10 @@ class CConsoleApi {
   ConsoleAnswer SignOut(const Call& call);
   ConsoleAnswer Sign(const Call& call);
   ConsoleAnswer ShowRequests(const Call& call);
+  ConsoleAnswer ShowFigures(const Call& call);
+  ConsoleAnswer ShowBuckets(const Call& call);
+  ConsoleAnswer ShowSettings(const Call& call);
+  ConsoleAnswer ShowLog(const Call& call);
 
   const ConsoleSources sources_;
   CConsoleSessions sessions_;

@@ -21,6 +21,7 @@ struct ConsoleKey {
   std::string secret;
   bool may_write = true;
   std::vector<std::string> buckets;  // all of them when this is empty
+  bool is_operator = false;          // may see how the server is run: settings, log, requests of others
 };
 
 // Finds a key by its name. It is called on any thread and must not wait.

@@ -13,6 +13,8 @@ namespace Tansy::Host {
 struct MetricsSource {
   std::int64_t start_time = 0;                   // seconds since 1970
   std::optional<std::int64_t> certificate_ends;  // the same; empty without HTTPS
+  std::uint64_t free_bytes = 0;                  // of the disk of the stored bytes
+  std::uint64_t disk_bytes = 0;                  // all of it; 0 when they are not on a disk of this machine
   HealthReport health;
 };
 

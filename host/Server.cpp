@@ -50,6 +50,7 @@ constexpr const char* kModule = "platform";
 constexpr const char* kSettingsFile = "tansyd.toml";
 constexpr const char* kKeySealFile = "key-seal";
 constexpr std::uint32_t kRepeatWindowMs = 1000;
+constexpr std::size_t kShownLogLines = 1000;  // in the console
 // The time that requests have to end when the stop signal comes. The sender of the signal waits for as long as one
 // client stalls, and service managers kill a process after some ten seconds.
 constexpr std::uint32_t kDrainMs = 5000;
@@ -222,6 +223,7 @@ void CServer::OpenLog() {
   std::string error;
   logging::StandardSinkOptions sink_options;
   sink_options.file_path = options_.log_file;
+  sink_options.kept_lines = details::kShownLogLines;
   log_ = logging::CStandardSink::Create(sink_options, error);
   if (log_ == nullptr) {
     throw CStartFailure(kExitFailed, "log file " + options_.log_file + " cannot be opened: " + error);

@@ -2,7 +2,9 @@
 #define TANSY_HOST_SERVER_H
 
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AccessLog.h"
@@ -29,6 +31,8 @@ class CStandardSink;
 }
 
 namespace Tansy::Host {
+
+class CDiskFigures;
 
 // A data folder with everything that lives on it. Only the thread that made it uses it.
 //
@@ -80,9 +84,10 @@ class CServer {
   void StartS3Server(const CloudStorage::StorageServerConfig_V1& config) const;
   void WatchAddresses();
   void OpenAccessLog();
-  std::shared_ptr<CConsole> MakeConsole(const CredentialPair& credentials) const;
+  std::shared_ptr<CConsole> MakeConsole(const CredentialPair& credentials, const CAdminServer::Source& source) const;
+  void ShowSettings();
   void StartAdminServer(const CredentialPair& credentials);
-  std::vector<CServerHealth::Probe> HealthProbes() const;
+  std::vector<CServerHealth::Probe> HealthProbes(const std::shared_ptr<CDiskFigures>& disk) const;
   MoveHost HostOfMove();
   void TakeOver(MovedTo moved);
 
@@ -100,8 +105,10 @@ class CServer {
   bool follows_adapters_ = false;           // no option names the address for best-node answers
   std::unique_ptr<CAccessLog> access_log_;  // null without one
   std::shared_ptr<CKeys> keys_;             // null until the start
-  std::unique_ptr<CServerHealth> health_;   // null without an admin server
-  std::unique_ptr<CAdminServer> admin_;     // null without one
+  mutable std::mutex shown_mutex_;
+  std::vector<std::pair<std::string, std::string>> shown_settings_;  // in the console; guarded by shown_mutex_
+  std::unique_ptr<CServerHealth> health_;                            // null without an admin server
+  std::unique_ptr<CAdminServer> admin_;                              // null without one
   std::unique_ptr<CAddressWatch> address_watch_;
   std::unique_ptr<CHousekeepingThread> housekeeping_;
   // The next three belong to the thread that moves.

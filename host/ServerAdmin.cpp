@@ -1,6 +1,7 @@
 // What a server shows to those who look after it.
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -9,13 +10,16 @@
 #include "AdminKeys.h"
 #include "Catalogue.h"
 #include "Certificate.h"
+#include "DiskFigures.h"
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "Server.h"
+#include "SettingsInForce.h"
 #include "StartFailure.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyCloudStorage/S3Server.h"
 #include "TansyNet/HttpServer.h"
+#include "logging/StandardSink.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -35,22 +39,26 @@ std::string LookAtStorage(IObjectStore& store) {
   return store.Look() == EStoreResult::kDone ? "" : "stored bytes cannot be looked for";
 }
 
-std::string LookAtSpace(const std::string& path) {
+std::string LookAtSpace(const std::string& path, DiskRoom& room) {
   int error = 0;
   const auto folder = HostSystem::OpenFolder(path, error);
-  std::uint64_t total = 0;
-  std::uint64_t available = 0;
-  if (folder == nullptr || folder->GetRoom(total, available) != 0 || available >= kLeastRoom) {
+  room = {};
+  if (folder == nullptr || folder->GetRoom(room.total, room.available) != 0 || room.available >= kLeastRoom) {
     return "";  // also when the system does not say
   }
-  return "the disk of " + path + " is nearly full: " + std::to_string(available >> 20) + " MiB are left";
+  return "the disk of " + path + " is nearly full: " + std::to_string(room.available >> 20) + " MiB are left";
 }
 
 // Of the catalogue and the log, and of the stored bytes where they are files.
-std::string LookAtSpace(const std::string& data_folder, const std::string& storage) {
-  const bool is_folder = storage.starts_with("file:");
-  const std::string trouble = LookAtSpace(data_folder);
-  return trouble.empty() && is_folder ? LookAtSpace(UrlPath(storage)) : trouble;
+std::string LookAtSpace(const std::string& data_folder, const std::string& storage, CDiskFigures& figures) {
+  DiskRoom room;
+  std::string trouble = LookAtSpace(data_folder, room);
+  if (!storage.starts_with("file:")) {
+    return trouble;
+  }
+  const std::string trouble_of_bytes = LookAtSpace(UrlPath(storage), room);
+  figures.SetRoom(room);
+  return trouble.empty() ? trouble_of_bytes : trouble;
 }
 
 void TakeSigned(const std::shared_ptr<CKeys>& keys, std::int32_t handle, const TansyNet::HttpServerRecv& message) {
@@ -73,24 +81,40 @@ void CServer::OpenAccessLog() {
   }
 }
 
-std::vector<CServerHealth::Probe> CServer::HealthProbes() const {
+std::vector<CServerHealth::Probe> CServer::HealthProbes(const std::shared_ptr<CDiskFigures>& disk) const {
   return {
       {"database", [] { return details::LookAtDatabase(); }},
       {"storage", [store = store_] { return details::LookAtStorage(*store); }},
-      {"space", [folder = data_folder_->GetPath(),
-                 storage = options_.storage] { return details::LookAtSpace(folder, storage); }},
+      {"space",
+       [folder = data_folder_->GetPath(), storage = options_.storage, has_https = options_.NeedsCertificate(), disk] {
+         disk->SetCertificateEnd(has_https ? CertificateEnd(kCertificatePath) : std::nullopt);
+         return details::LookAtSpace(folder, storage, *disk);
+       }},
   };
 }
 
-std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials) const {
+std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials,
+                                               const CAdminServer::Source& source) const {
   ConsoleSources sources;
   sources.s3_region = options_.s3_region;
+  sources.figures = source;
+  sources.settings = [this] {
+    const std::scoped_lock lock(shown_mutex_);
+    return shown_settings_;
+  };
+  sources.log_lines = [log = log_](std::uint64_t& number) { return log->LinesAfter(number); };
   sources.find_key = [credentials](const std::string& name) {
     return name == credentials.access_key
-               ? std::optional(ConsoleKey{credentials.access_key, credentials.secret_key, true, {}})
+               ? std::optional(ConsoleKey{credentials.access_key, credentials.secret_key, true, {}, true})
                : std::nullopt;
   };
   return std::make_shared<CConsole>(ConsoleOptions{options_.s3_port, options_.s3_https_port}, std::move(sources));
+}
+
+void CServer::ShowSettings() {
+  auto settings = SettingsInForce(options_);
+  const std::scoped_lock lock(shown_mutex_);
+  shown_settings_ = std::move(settings);
 }
 
 // This comes last: who asks before everything is open finds nobody.
@@ -99,14 +123,16 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
   if (port == 0) {
     return;
   }
-  health_ = std::make_unique<CServerHealth>(HealthProbes());
+  const auto disk = std::make_shared<CDiskFigures>();
+  std::vector<CServerHealth::Probe> probes = HealthProbes(disk);
+  probes.back().look();  // so that the first who asks gets figures too
+  health_ = std::make_unique<CServerHealth>(std::move(probes));
   health_->Begin();
-  const bool has_https = options_.NeedsCertificate();
   const std::int64_t start_time = TansyBase::TimeUtil::Now();
-  const auto source = [health = health_.get(), has_https, start_time] {
+  const auto source = [health = health_.get(), disk, start_time] {
     MetricsSource figures;
     figures.start_time = start_time;
-    figures.certificate_ends = has_https ? CertificateEnd(kCertificatePath) : std::nullopt;
+    disk->AddTo(figures);
     figures.health = health->Report();
     return figures;
   };
@@ -118,8 +144,9 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     options.addresses.emplace_back(details::kLoopback);
   }
   try {
-    admin_ = std::make_unique<CAdminServer>(options, source, MakeConsole(credentials));
+    admin_ = std::make_unique<CAdminServer>(options, source, MakeConsole(credentials, source));
     options_.admin_port = port;
+    ShowSettings();
     // The console's page comes from there.
     CloudStorage::SetS3PagePort(port);
   } catch (const CStartFailure& failure) {

@@ -69,6 +69,7 @@ void CServer::ReloadSettings() {
     options_.memory_limit_mib = now.memory_limit_mib;
     options_.require_date_minutes = now.require_date_minutes;
     ApplyLiveOptions();
+    ShowSettings();
     for (const std::string& name : changed.live) {
       settings_.texts.erase(name);
       if (const auto found = fresh.texts.find(name); found != fresh.texts.end()) {

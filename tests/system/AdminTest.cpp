@@ -1,9 +1,11 @@
 // What an operator sees: health, figures, running requests, and the access log.
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
+#include <vector>
 
 #include "support/OwnNetwork.h"
 #include "support/Ports.h"
@@ -156,6 +158,55 @@ TEST_F(AdminTest, ShowsTheRequestsThatRun) {
   ASSERT_TRUE(connection->Send("x"));
   EXPECT_EQ(connection->Receive().status, 200);
   EXPECT_THAT(AskUntil("/debug/requests", "\"count\":1").body, HasSubstr("GET /debug/requests"));
+}
+
+// Each of the scrapers asks again at once, which is more than any of them does; objects come and go meanwhile.
+TEST_F(AdminTest, ScrapersKeepNobodyFromObjects) {
+  ASSERT_TRUE(StartWithAdmin());
+  MakeBucket("b");
+  std::atomic<bool> is_over{false};
+  std::atomic<int> scraped{0};
+  const auto scrape = [&] {
+    const auto connection = CConnection::Open(server_.GetAdminPort());
+    ASSERT_NE(connection, nullptr);
+    const std::string bytes = Serialize({"GET", "/metrics", {}, ""}, server_.GetAdminPort());
+    while (!is_over) {
+      ASSERT_TRUE(connection->Send(bytes));
+      const Reply reply = connection->Receive();
+      ASSERT_EQ(reply.status, 200);
+      ASSERT_THAT(reply.body, HasSubstr("\ntansy_build_info{"));
+      ++scraped;
+    }
+  };
+  std::vector<std::thread> scrapers;
+  for (int i = 0; i < 8; ++i) {
+    scrapers.emplace_back(scrape);
+  }
+  const std::string body = RandomBytes(100'000);
+  int rounds = 0;
+  while (rounds < 100 || (scraped < 1000 && !HasFailure())) {
+    Put("/b/k" + std::to_string(rounds % 10), body);
+    EXPECT_EQ(Get("/b/k" + std::to_string(rounds % 10)), body);
+    ++rounds;
+  }
+  is_over = true;
+  for (std::thread& scraper : scrapers) {
+    scraper.join();
+  }
+  EXPECT_EQ(Ask("/health/ready").status, 200);
+}
+
+// Who opens the port to others without having HTTPS for the rest gets HTTPS there all the same.
+TEST_F(AdminTest, AnOpenPortNeverSpeaksPlainHttp) {
+  ASSERT_TRUE(StartWithAdmin({"--admin-listen", "0.0.0.0"}));
+  for (const char* target : {"/health/live", "/metrics", "/console/"}) {
+    const Reply reply = Call(server_.GetAdminPort(), {"GET", target, {}, ""});
+    EXPECT_NE(reply.status, 200) << target;
+    EXPECT_THAT(reply.body, Not(HasSubstr("tansy"))) << target;
+    ConnectOptions tls;
+    tls.tls = true;
+    EXPECT_EQ(Call(server_.GetAdminPort(), {"GET", target, {}, ""}, tls).status, 200) << target;
+  }
 }
 
 TEST_F(AdminTest, AnswersNothingElse) {

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/Program.h"
 #include "support/TansydTest.h"
 
 namespace system_tests {
@@ -234,6 +235,34 @@ TEST_F(ConsoleTest, APageWorksOnObjectsByItsLinks) {
   EXPECT_EQ(AtS3("DELETE", sign("DELETE", R"(,"key":"copy")"), "", page).status, 204);
   EXPECT_EQ(AtS3("GET", sign("GET", R"(,"key":"copy")"), "", page).status, 404);
   EXPECT_EQ(AtS3("DELETE", sign("GET", key), "", page).status, 403) << "a link is for one method";
+}
+
+TEST_F(ConsoleTest, ShowsFiguresBucketsSettingsAndTheLog) {
+  const HeaderList good = SignedIn();
+  MakeBucket("empty");
+  MakeBucket("photos");
+  Put("/photos/a", "12345");
+  Put("/photos/b", "1234567");
+  EXPECT_EQ(Ask("/console/api/buckets", good).body,
+            R"({"buckets":[{"name":"empty","objects":0,"bytes":0},{"name":"photos","objects":2,"bytes":12}]})"
+            "\n");
+  EXPECT_TRUE(WaitUntil([&] {
+    return Ask("/console/api/overview", good).body.find(R"("requests":{"total":4,"errors":0})") != std::string::npos;
+  }));
+  const std::string figures = Ask("/console/api/overview", good).body;
+  EXPECT_THAT(figures, HasSubstr("\"object\":4"));
+  EXPECT_THAT(figures, AllOf(HasSubstr(R"("ready":true)"), HasSubstr(R"("database":"well")"),
+                             HasSubstr(R"("catalogue":{"buckets":2,"objects":2,"uploads":0,"bytes":12})"),
+                             Not(HasSubstr(R"("space":{"free":0)"))));
+  const std::string settings = Ask("/console/api/settings", good).body;
+  EXPECT_THAT(settings, AllOf(HasSubstr("\"s3-port\":\"" + std::to_string(server_.GetS3Port()) + "\""),
+                              HasSubstr("\"admin-port\":\"" + std::to_string(server_.GetAdminPort()) + "\""),
+                              Not(HasSubstr(Keys().secret_key))));
+  EXPECT_EQ(Send("GET", "/photos/missing").status, 404);
+  EXPECT_TRUE(WaitUntil([&] {
+    return Ask("/console/api/log?after=0", good).body.find("missing") != std::string::npos;
+  })) << Ask("/console/api/log?after=0", good).body;
+  EXPECT_THAT(Ask("/console/api/requests", good).body, HasSubstr("GET /console/api/requests"));
 }
 
 TEST_F(ConsoleTest, PagesOfOtherOriginsStayOutOfTheS3Server) {

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "TansyNet/S3Signing.h"
 #include "TansyProto/RapidJsonProto.h"
@@ -15,11 +20,26 @@ using TansyNet::Headers;
 
 class ConsoleApiTest : public testing::Test {
  protected:
-  static ConsoleSources Sources() {
+  ConsoleSources Sources() {
     ConsoleSources sources;
     sources.s3_region = "us-east-1";
-    sources.find_key = [](const std::string& name) {
-      return name == "admin" ? std::optional(ConsoleKey{"admin", "secret", true, {}}) : std::nullopt;
+    sources.find_key = [this](const std::string& name) { return name == "admin" ? std::optional(key_) : std::nullopt; };
+    sources.figures = [] {
+      MetricsSource figures;
+      figures.start_time = Tests::CManualClock::kDefaultTime - 100;
+      figures.certificate_ends = 1'900'000'000;
+      figures.free_bytes = 5'000'000'000;
+      figures.disk_bytes = 9'000'000'000;
+      figures.health.parts = {{"database", ""}, {"space", "nearly full"}};
+      return figures;
+    };
+    sources.settings = [] {
+      return std::vector<std::pair<std::string, std::string>>{{"s3-port", "9702"}, {"wan-ip", ""}};
+    };
+    sources.log_lines = [this](std::uint64_t& number) {
+      const std::vector<std::string> lines(log_.begin() + static_cast<std::ptrdiff_t>(number), log_.end());
+      number = log_.size();
+      return lines;
     };
     return sources;
   }
@@ -28,14 +48,17 @@ class ConsoleApiTest : public testing::Test {
     EXPECT_TRUE(json.Parse(answer.body)) << answer.body;
     return json;
   }
-  ConsoleAnswer Ask(const std::string& method, const std::string& path, const std::string& body = "",
+  ConsoleAnswer Ask(const std::string& method, const std::string& target, const std::string& body = "",
                     Headers headers = {}, bool is_secure = false) {
+    const std::size_t question = std::min(target.find('?'), target.size());
+    const std::string path = target.substr(0, question);
+    const std::string query = target.substr(std::min(question + 1, target.size()));
     headers.try_emplace("Host", "nas:9703");
     if (!body.empty()) {
       headers.try_emplace("Content-Type", "application/json");
     }
     const ConsolePlace place{"http://nas:9703", "nas:9702", s3_};
-    return api_.Answer({method, path, "", "192.0.2.1", body, headers, is_secure}, path, place);
+    return api_.Answer({method, path, query, "192.0.2.1", body, headers, is_secure}, path, place);
   }
   std::string SignInBody(const std::string& secret) {
     const std::string nonce = Read(Ask("GET", "challenge")).GetString("/nonce");
@@ -51,6 +74,8 @@ class ConsoleApiTest : public testing::Test {
   }
 
   Tests::CManualClock clock_;
+  ConsoleKey key_{"admin", "secret", true, {}, true};
+  std::vector<std::string> log_;
   std::string s3_ = "http://nas:9702";
   CConsoleApi api_{Sources()};
 };
@@ -102,7 +127,9 @@ TEST_F(ConsoleApiTest, NothingIsForWhoeverHasNotSignedIn) {
         Headers{{"Cookie", std::string(60'000, ';')}}}) {
     EXPECT_EQ(Ask("GET", "session", "", headers).status, 401);
     EXPECT_EQ(Ask("DELETE", "session", "", headers).status, 401);
-    EXPECT_EQ(Ask("GET", "requests", "", headers).status, 401);
+    for (const char* path : {"requests", "overview", "buckets", "settings", "log"}) {
+      EXPECT_EQ(Ask("GET", path, "", headers).status, 401) << path;
+    }
     EXPECT_EQ(Ask("POST", "sign", "{}", headers).status, 401);
   }
 }
@@ -201,6 +228,57 @@ TEST_F(ConsoleApiTest, SaysWhyItDoesNotSign) {
   EXPECT_EQ(Read(Ask("POST", "sign", many + "]", headers)).GetString("/error"), "ask for at most 1000 links at once");
   s3_ = "";
   EXPECT_EQ(Ask("POST", "sign", R"({"method":"GET","bucket":"","key":"","expires":60})", headers).status, 409);
+}
+
+TEST_F(ConsoleApiTest, ShowsHowTheServerIs) {
+  const auto json = Read(Ask("GET", "overview", "", SignedIn()));
+  EXPECT_EQ(json.GetInt("/time"), clock_.Now());
+  EXPECT_EQ(json.GetInt("/uptime"), 100);
+  EXPECT_NE(json.GetString("/version"), "");
+  EXPECT_EQ(json.GetString("/ready"), "false");
+  EXPECT_EQ(json.GetString("/parts/database"), "well");
+  EXPECT_EQ(json.GetString("/parts/space"), "nearly full");
+  EXPECT_EQ(json.GetInt("/space/free"), 5'000'000'000);
+  EXPECT_EQ(json.GetInt("/space/total"), 9'000'000'000);
+  EXPECT_EQ(json.GetInt("/certificate_end"), 1'900'000'000);
+  EXPECT_EQ(json.GetString("/latency/bounds[1]"), "0.0005");
+  EXPECT_EQ(json.GetCount("/latency/counts"), json.GetCount("/latency/bounds") + 1);
+  for (const char* number :
+       {"/requests/total", "/requests/errors", "/bytes/in", "/bytes/out", "/connections/open", "/connections/busy",
+        "/connections/limit", "/tasks/running", "/tasks/limit", "/memory/used", "/memory/limit", "/catalogue/buckets",
+        "/catalogue/objects", "/catalogue/uploads", "/catalogue/bytes"}) {
+    EXPECT_GE(json.GetInt(number), 0) << number;
+  }
+}
+
+TEST_F(ConsoleApiTest, ShowsTheSettings) {
+  EXPECT_EQ(Ask("GET", "settings", "", SignedIn()).body, "{\"settings\":{\"s3-port\":\"9702\",\"wan-ip\":\"\"}}\n");
+}
+
+TEST_F(ConsoleApiTest, ShowsTheLogFromWhereThePageIs) {
+  const Headers headers = SignedIn();
+  EXPECT_EQ(Ask("GET", "log", "", headers).body, "{\"next\":0,\"lines\":[]}\n");
+  log_ = {"one", "two \xFF", "three"};
+  EXPECT_EQ(Ask("GET", "log?after=0", "", headers).body,
+            "{\"next\":3,\"lines\":[\"one\",\"two \xEF\xBF\xBD\",\"three\"]}\n");
+  EXPECT_EQ(Ask("GET", "log?after=2", "", headers).body, "{\"next\":3,\"lines\":[\"three\"]}\n");
+  EXPECT_EQ(Ask("GET", "log?after=x", "", headers).status, 200);
+}
+
+TEST_F(ConsoleApiTest, OtherKeysDoNotSeeHowTheServerIsRun) {
+  key_.is_operator = false;
+  key_.may_write = false;
+  key_.buckets = {"mine"};
+  const Headers headers = SignedIn();
+  const auto json = Read(Ask("GET", "session", "", headers));
+  EXPECT_EQ(json.GetString("/operator"), "false");
+  EXPECT_EQ(json.GetString("/read_only"), "true");
+  EXPECT_EQ(json.GetString("/buckets[1]"), "mine");
+  for (const char* path : {"requests", "settings", "log"}) {
+    EXPECT_EQ(Ask("GET", path, "", headers).status, 403) << path;
+  }
+  EXPECT_EQ(Ask("GET", "overview", "", headers).status, 200);
+  EXPECT_EQ(Ask("POST", "sign", R"({"method":"PUT","bucket":"mine","key":"k","expires":60})", headers).status, 400);
 }
 
 TEST_F(ConsoleApiTest, APageThatLooksByItselfKeepsNoSessionAlive) {
