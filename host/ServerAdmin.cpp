@@ -103,9 +103,13 @@ std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials
     return shown_settings_;
   };
   sources.log_lines = [log = log_](std::uint64_t& number) { return log->LinesAfter(number); };
-  sources.find_key = [credentials](const std::string& name) {
-    return name == credentials.access_key
-               ? std::optional(ConsoleKey{credentials.access_key, credentials.secret_key, true, {}, true})
+  sources.find_key = [credentials, keys = keys_](const std::string& name) -> std::optional<ConsoleKey> {
+    if (name == credentials.access_key) {
+      return ConsoleKey{credentials.access_key, credentials.secret_key, true, {}, true};
+    }
+    const std::optional<Key> key = keys->Find(name);
+    return key.has_value()
+               ? std::optional(ConsoleKey{key->access_key, key->secret_key, !key->read_only, key->buckets, false})
                : std::nullopt;
   };
   return std::make_shared<CConsole>(ConsoleOptions{options_.s3_port, options_.s3_https_port}, std::move(sources));

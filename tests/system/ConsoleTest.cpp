@@ -1,12 +1,10 @@
 // The web console as a browser meets it: its page, signing in, and what a page may ask for.
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
-
 #include <atomic>
-#include <regex>
 #include <thread>
 #include <vector>
 
+#include "support/CommandLineFixture.h"
+#include "support/ConsoleUser.h"
 #include "support/Program.h"
 #include "support/TansydTest.h"
 
@@ -16,25 +14,6 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-
-std::string HmacHex(const std::string& secret, const std::string& text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int size = 0;
-  HMAC(EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
-       reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest, &size);
-  std::string digits;
-  for (unsigned int i = 0; i < size; ++i) {
-    digits += "0123456789abcdef"[digest[i] >> 4];
-    digits += "0123456789abcdef"[digest[i] & 15];
-  }
-  return digits;
-}
-
-// A text member of a JSON object that has no escapes in it.
-std::string Member(const std::string& json, const std::string& name) {
-  std::smatch found;
-  return std::regex_search(json, found, std::regex("\"" + name + "\":\"([^\"]*)\"")) ? found[1].str() : "";
-}
 
 class ConsoleTest : public TansydTest {
  protected:
@@ -48,28 +27,18 @@ class ConsoleTest : public TansydTest {
             const std::string& body = "") const {
     return Call(server_.GetAdminPort(), {method, target, headers, body});
   }
-  Reply Post(const std::string& target, const std::string& body, HeaderList headers = {}) const {
-    headers.emplace_back("Content-Type", "application/json");
-    return Ask(target, headers, "POST", body);
+  Reply Post(const std::string& target, const std::string& body, const HeaderList& headers = {}) const {
+    return PostJson(server_.GetAdminPort(), target, body, headers);
   }
   Reply SignIn(const std::string& secret = Keys().secret_key) const {
-    const std::string key = Keys().access_key;
-    const std::string nonce = Member(Ask("/console/api/challenge").body, "nonce");
-    return Post("/console/api/session", R"({"key":")" + key + R"(","nonce":")" + nonce + R"(","proof":")" +
-                                            HmacHex(secret, nonce + "\n" + key) + "\"}");
+    return SignInAtConsole(server_.GetAdminPort(), {Keys().access_key, secret});
   }
-  // The headers of somebody who has signed in.
-  HeaderList SignedIn() const {
-    const Reply reply = SignIn();
-    EXPECT_EQ(reply.status, 200) << reply.body;
-    const std::string cookie = reply.Header("Set-Cookie");
-    return {{"Cookie", cookie.substr(0, cookie.find(';'))}, {"X-CSRF-Token", Member(reply.body, "csrf")}};
-  }
+  HeaderList SignedIn() const { return SignedInAtConsole(server_.GetAdminPort()); }
   // The path and query of a link that the console signs.
   std::string Target(const std::string& what, const HeaderList& headers) const {
     const Reply reply = Post("/console/api/sign", what, headers);
     EXPECT_EQ(reply.status, 200) << reply.body;
-    const std::string url = Member(reply.body, "url");
+    const std::string url = JsonMember(reply.body, "url");
     const std::string server = "http://127.0.0.1:" + std::to_string(server_.GetS3Port());
     EXPECT_EQ(url.substr(0, server.size() + 1), server + "/");
     return url.substr(std::min(server.size(), url.size()));
@@ -116,7 +85,7 @@ TEST_F(ConsoleTest, NamesNoHostThatIsNone) {
 TEST_F(ConsoleTest, WhoeverHasTheKeySignsInAndOut) {
   const Reply reply = SignIn();
   ASSERT_EQ(reply.status, 200) << reply.body;
-  EXPECT_EQ(Member(reply.body, "key"), Keys().access_key);
+  EXPECT_EQ(JsonMember(reply.body, "key"), Keys().access_key);
   EXPECT_THAT(reply.Header("Set-Cookie"), testing::MatchesRegex("tansy_session=[0-9a-f]{64}; Path=/console/; HttpOnly; "
                                                                 "SameSite=Strict; Max-Age=43200"));
   EXPECT_EQ(reply.Header("Cache-Control"), "no-store");
@@ -274,6 +243,38 @@ TEST_F(ConsoleTest, PagesOfOtherOriginsStayOutOfTheS3Server) {
     EXPECT_EQ(AtS3("OPTIONS", link, "", {{"Origin", origin}, {"Access-Control-Request-Method", "GET"}}).status, 403)
         << origin;
   }
+}
+
+class ConsoleKeysTest : public CommandLineFixture {
+ protected:
+  ConsoleKeysTest() { launch_.with_s3 = launch_.with_admin = true; }
+};
+
+TEST_F(ConsoleKeysTest, AKeyOfSomebodyElseShowsAndSignsWhatItMayDo) {
+  Do({"mb", "other"});
+  const Ended made = Run({"--data", server_.Data(), "key", "add", "guest", "--bucket", "photos", "--read-only"});
+  ASSERT_EQ(made.code, 0) << made.err;
+  const std::vector<std::string> lines = Lines(made.out);
+  ASSERT_EQ(lines.size(), 2U);
+  const auto last_word = [](const std::string& line) { return line.substr(line.rfind(' ') + 1); };
+  const Keys guest{last_word(lines[0]), last_word(lines[1])};
+  const std::uint16_t port = server_.GetAdminPort();
+  EXPECT_THAT(SignInAtConsole(port, guest).body,
+              AllOf(HasSubstr("\"read_only\":true,\"operator\":false,\"buckets\":[\"photos\"]")));
+  const HeaderList session = SignedInAtConsole(port, guest);
+  const auto ask = [&](const std::string& path) { return Call(port, {"GET", "/console/api/" + path, session, ""}); };
+  const auto sign = [&](const std::string& request) { return PostJson(port, "/console/api/sign", request, session); };
+  EXPECT_THAT(ask("buckets").body, AllOf(HasSubstr("photos"), Not(HasSubstr("other"))));
+  EXPECT_EQ(ask("log").status, 403);
+  EXPECT_EQ(sign(R"({"method":"PUT","bucket":"photos","key":"k","expires":60})").status, 400);
+  EXPECT_EQ(sign(R"({"method":"GET","bucket":"other","key":"k","expires":60})").status, 400);
+  const Reply signed_link = sign(R"({"method":"GET","bucket":"photos","query":{"list-type":"2"},"expires":60})");
+  const std::string url = JsonMember(signed_link.body, "url");
+  ASSERT_NE(url.find("/photos?"), std::string::npos) << signed_link.body;
+  EXPECT_EQ(Call(server_.GetS3Port(), {"GET", url.substr(url.find("/photos?")), {}, ""}).status, 200);
+  EXPECT_EQ(Run({"--data", server_.Data(), "key", "rm", "guest"}).code, 0);
+  EXPECT_EQ(ask("session").status, 401) << "the session has ended with its key";
+  EXPECT_EQ(SignInAtConsole(port, guest).status, 401);
 }
 
 }  // namespace
