@@ -144,7 +144,8 @@ class MessagesTest : public testing::TestWithParam<Where> {
          [this](const std::string& upload) { return SendParts(upload, ERequest::kPartByS3, ERequest::kCompleteByS3); }},
     };
     if (!Settings::Get().IsLong()) {
-      cases.resize(4);
+      const bool is_slow = GetParam().nodes > 1 && GetParam().storage == EStorage::kPool;
+      cases.resize(is_slow ? 2 : 4);
     }
     return cases;
   }
