@@ -10,6 +10,7 @@
 #include "ConsoleFigures.h"
 #include "ConsoleLink.h"
 #include "RunningRequests.h"
+#include "StartFailure.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyProto/RapidJsonProto.h"
 
@@ -80,6 +81,13 @@ bool IsOfAnotherPage(const ConsoleRequest& request) {
   return !site.empty() && site != "same-origin" && site != "none";
 }
 
+void SetTexts(CRapidJsonProto& json, const std::string& path, const std::vector<std::string>& texts) {
+  json.SetList(path);
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    json.SetString(path + "[" + std::to_string(i + 1) + "]", texts[i]);
+  }
+}
+
 ConsoleAnswer AnswerSession(const ConsoleSession& session) {
   CRapidJsonProto json;
   json.SetString("/csrf", session.csrf);
@@ -87,11 +95,36 @@ ConsoleAnswer AnswerSession(const ConsoleSession& session) {
   json.SetInt("/expires", session.expires);
   json.SetBool("/read_only", !session.key.may_write);
   json.SetBool("/operator", session.key.is_operator);
-  json.SetList("/buckets");
-  for (std::size_t i = 0; i < session.key.buckets.size(); ++i) {
-    json.SetString("/buckets[" + std::to_string(i + 1) + "]", session.key.buckets[i]);
-  }
+  SetTexts(json, "/buckets", session.key.buckets);
   return JsonAnswer(json);
+}
+
+const char* ResultName(int exit_code) {
+  switch (exit_code) {
+    case kExitDone:
+      return "well";
+    case kExitFindings:
+      return "findings";
+    default:
+      return "failed";
+  }
+}
+
+ConsoleAnswer AnswerCheck(const COnlineCheck::State& check) {
+  CRapidJsonProto json;
+  json.SetBool("/running", check.is_running);
+  json.SetInt("/started", check.started);
+  json.SetInt("/ended", check.ended);
+  json.SetInt("/looked_at", static_cast<std::int64_t>(check.looked_at));
+  json.SetString("/result", check.ended == 0 ? "" : ResultName(check.exit_code));
+  json.SetInt("/findings", static_cast<std::int64_t>(check.findings));
+  SetTexts(json, "/lines", check.first_findings);
+  json.SetString("/summary", check.summary);
+  return JsonAnswer(json);
+}
+
+ConsoleAnswer HasNoCheck() {
+  return ConsoleFailure(409, "several nodes share this storage: run tansyd --check on one of them");
 }
 
 LinkToSign ReadLink(const CRapidJsonProto& json, const std::string& at) {
@@ -137,6 +170,8 @@ struct CConsoleApi::Routes {
       Route{"GET", "requests", &CConsoleApi::ShowRequests, false, false, true},
       Route{"GET", "settings", &CConsoleApi::ShowSettings, false, false, true},
       Route{"GET", "log", &CConsoleApi::ShowLog, false, false, true},
+      Route{"POST", "check", &CConsoleApi::StartCheck, false, true, true},
+      Route{"GET", "check", &CConsoleApi::ShowCheck, false, false, true},
   };
 };
 
@@ -275,11 +310,22 @@ ConsoleAnswer CConsoleApi::ShowLog(const Call& call) {
   const std::vector<std::string> lines = sources_.log_lines(number);
   details::CRapidJsonProto json;
   json.SetInt("/next", static_cast<std::int64_t>(number));
-  json.SetList("/lines");
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    json.SetString("/lines[" + std::to_string(i + 1) + "]", lines[i]);
-  }
+  details::SetTexts(json, "/lines", lines);
   return details::JsonAnswer(json);
+}
+
+ConsoleAnswer CConsoleApi::StartCheck(const Call& /*call*/) {
+  if (sources_.check == nullptr) {
+    return details::HasNoCheck();
+  }
+  if (!sources_.check->Start()) {
+    return ConsoleFailure(409, "a check runs already: wait for its end");
+  }
+  return details::AnswerCheck(sources_.check->Get());
+}
+
+ConsoleAnswer CConsoleApi::ShowCheck(const Call& /*call*/) {
+  return sources_.check == nullptr ? details::HasNoCheck() : details::AnswerCheck(sources_.check->Get());
 }
 
 }  // namespace Tansy::Host

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "ConsolePlace.h"
 #include "ConsoleSessions.h"
 #include "Metrics.h"
+#include "OnlineCheck.h"
 
 namespace Tansy::Host {
 
@@ -24,6 +26,7 @@ struct ConsoleSources {
   std::function<std::vector<std::pair<std::string, std::string>>()> settings;  // names and values, without secrets
   // Gives the last lines of the log whose number is above `number`, which becomes that of the last one.
   std::function<std::vector<std::string>(std::uint64_t& number)> log_lines;
+  std::shared_ptr<COnlineCheck> check;  // null where the server cannot check itself
 };
 
 // What the console's page asks for: /console/api/... Everything is JSON, a failure is {"error": words}, and the words
@@ -58,6 +61,8 @@ class CConsoleApi {
   ConsoleAnswer ShowBuckets(const Call& call);
   ConsoleAnswer ShowSettings(const Call& call);
   ConsoleAnswer ShowLog(const Call& call);
+  ConsoleAnswer StartCheck(const Call& call);
+  ConsoleAnswer ShowCheck(const Call& call);
 
   const ConsoleSources sources_;
   CConsoleSessions sessions_;

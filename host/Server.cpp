@@ -189,6 +189,7 @@ void CServer::Open() {
 
 CServer::~CServer() {
   admin_.reset();
+  EndCheck();
   health_.reset();
   keys_.reset();
   access_log_.reset();
@@ -307,6 +308,7 @@ void CServer::OpenStore() {
     store_ = std::make_shared<CMovableStore>(place_->Open(options_.full_durability, EStoreUse::kServe));
   }
   served_ = options_;
+  NoteServed(served_);
   db_layer::SetCommitBarrier([store = store_](const std::vector<std::string_view>& statements, std::string& error) {
     return store->MakeDurable(statements, error);
   });
@@ -369,6 +371,7 @@ MoveHost CServer::HostOfMove() {
 void CServer::TakeOver(MovedTo moved) {
   served_ = moved.options;
   log_->AddSecret(served_.database.password);
+  NoteServed(served_);
   if (housekeeping_ != nullptr) {
     housekeeping_->SetDatabase(served_.database);
   }
@@ -512,6 +515,7 @@ void CServer::Stop() {
   RemoveListeningFile();
   address_watch_.reset();
   details::FinishRequests(details::kDrainMs);
+  EndCheck();
   keys_->Stop();
   health_.reset();
   access_log_.reset();

@@ -33,6 +33,7 @@ class CStandardSink;
 namespace Tansy::Host {
 
 class CDiskFigures;
+class COnlineCheck;
 
 // A data folder with everything that lives on it. Only the thread that made it uses it.
 //
@@ -86,6 +87,9 @@ class CServer {
   void OpenAccessLog();
   std::shared_ptr<CConsole> MakeConsole(const CredentialPair& credentials, const CAdminServer::Source& source) const;
   void ShowSettings();
+  void NoteServed(const HostOptions& served);
+  db_layer::DBParam ServedDatabase() const;
+  void EndCheck();
   void StartAdminServer(const CredentialPair& credentials);
   std::vector<CServerHealth::Probe> HealthProbes(const std::shared_ptr<CDiskFigures>& disk) const;
   MoveHost HostOfMove();
@@ -102,13 +106,17 @@ class CServer {
   std::unique_ptr<CNodeLease> lease_;  // null unless this is one of several nodes
   std::unique_ptr<IStoragePlace> place_;
   std::shared_ptr<CMovableStore> store_;
-  bool follows_adapters_ = false;           // no option names the address for best-node answers
-  std::unique_ptr<CAccessLog> access_log_;  // null without one
-  std::shared_ptr<CKeys> keys_;             // null until the start
+  bool follows_adapters_ = false;               // no option names the address for best-node answers
+  std::unique_ptr<CAccessLog> access_log_;      // null without one
+  std::shared_ptr<CKeys> keys_;                 // null until the start
+  std::shared_ptr<COnlineCheck> online_check_;  // null without an admin server, and on a node
   mutable std::mutex shown_mutex_;
-  std::vector<std::pair<std::string, std::string>> shown_settings_;  // in the console; guarded by shown_mutex_
-  std::unique_ptr<CServerHealth> health_;                            // null without an admin server
-  std::unique_ptr<CAdminServer> admin_;                              // null without one
+  // Guarded by shown_mutex_.
+  std::vector<std::pair<std::string, std::string>> shown_settings_;  // in the console
+  db_layer::DBParam served_database_;                                // after moves
+  std::string served_storage_;
+  std::unique_ptr<CServerHealth> health_;  // null without an admin server
+  std::unique_ptr<CAdminServer> admin_;    // null without one
   std::unique_ptr<CAddressWatch> address_watch_;
   std::unique_ptr<CHousekeepingThread> housekeeping_;
   // The next three belong to the thread that moves.

@@ -1,4 +1,5 @@
 // What a server shows to those who look after it.
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include "DiskFigures.h"
 #include "HostLog.h"
 #include "HostSystem/Files.h"
+#include "OnlineCheck.h"
 #include "Server.h"
 #include "SettingsInForce.h"
 #include "StartFailure.h"
@@ -102,6 +104,7 @@ std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials
     const std::scoped_lock lock(shown_mutex_);
     return shown_settings_;
   };
+  sources.check = online_check_;
   sources.log_lines = [log = log_](std::uint64_t& number) { return log->LinesAfter(number); };
   sources.find_key = [credentials, keys = keys_](const std::string& name) -> std::optional<ConsoleKey> {
     if (name == credentials.access_key) {
@@ -115,10 +118,36 @@ std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials
   return std::make_shared<CConsole>(ConsoleOptions{options_.s3_port, options_.s3_https_port}, std::move(sources));
 }
 
+// Since a move the catalogue or the bytes are elsewhere than the options say.
 void CServer::ShowSettings() {
-  auto settings = SettingsInForce(options_);
+  HostOptions options = options_;
   const std::scoped_lock lock(shown_mutex_);
-  shown_settings_ = std::move(settings);
+  options.database = served_database_;
+  options.storage = served_storage_;
+  shown_settings_ = SettingsInForce(options);
+}
+
+// It is called on the thread that moves, too.
+void CServer::NoteServed(const HostOptions& served) {
+  const auto settings = SettingsInForce(served);
+  const std::scoped_lock lock(shown_mutex_);
+  served_database_ = served.database;
+  served_storage_ = served.storage;
+  for (auto& [name, value] : shown_settings_) {
+    const auto now = std::find_if(settings.begin(), settings.end(), [&](const auto& row) { return row.first == name; });
+    value = name == "database" || name == "storage" ? now->second : value;
+  }
+}
+
+void CServer::EndCheck() {
+  if (online_check_ != nullptr) {
+    online_check_->Stop();
+  }
+}
+
+db_layer::DBParam CServer::ServedDatabase() const {
+  const std::scoped_lock lock(shown_mutex_);
+  return served_database_;
 }
 
 // This comes last: who asks before everything is open finds nobody.
@@ -144,6 +173,12 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
   options.signed_requests = [keys = keys_](std::int32_t handle, TansyNet::HttpServerRecv& message) {
     details::TakeSigned(keys, handle, message);
   };
+  // What other nodes are writing is known to them only.
+  if (lease_ == nullptr) {
+    online_check_ = std::make_shared<COnlineCheck>([this](const CheckOptions& check, std::ostream& out) {
+      return RunCheck(*store_, ServedDatabase(), check, out);
+    });
+  }
   if (options.addresses.empty()) {
     options.addresses.emplace_back(details::kLoopback);
   }

@@ -1,5 +1,6 @@
 // The web console as a browser meets it: its page, signing in, and what a page may ask for.
 #include <atomic>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -232,6 +233,35 @@ TEST_F(ConsoleTest, ShowsFiguresBucketsSettingsAndTheLog) {
     return Ask("/console/api/log?after=0", good).body.find("missing") != std::string::npos;
   })) << Ask("/console/api/log?after=0", good).body;
   EXPECT_THAT(Ask("/console/api/requests", good).body, HasSubstr("GET /console/api/requests"));
+}
+
+TEST_F(ConsoleTest, ChecksCatalogueAndStore) {
+  const HeaderList good = SignedIn();
+  MakeBucket("b");
+  Put("/b/one", std::string(100'000, 'x'));
+  Put("/b/two", std::string(100'000, 'x'));
+  const auto check = [&] {
+    EXPECT_EQ(Post("/console/api/check", "", {good[0]}).status, 403) << "without the token";
+    EXPECT_EQ(Post("/console/api/check", "", good).status, 200);
+    std::string state;
+    EXPECT_TRUE(WaitUntil([&] {
+      state = Ask("/console/api/check", good).body;
+      return state.find("\"running\":false") != std::string::npos;
+    }));
+    return state;
+  };
+  EXPECT_THAT(check(), AllOf(HasSubstr(R"("result":"well","findings":0,"lines":[],"summary":"check: 2 rows, 2 )"),
+                             Not(HasSubstr("\"looked_at\":0,"))));
+  bool is_cut = false;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects"))) {
+    if (entry.is_regular_file() && entry.file_size() == 100'000 && !is_cut) {
+      std::filesystem::resize_file(entry.path(), 10);
+      is_cut = true;
+    }
+  }
+  ASSERT_TRUE(is_cut);
+  EXPECT_THAT(check(),
+              AllOf(HasSubstr(R"("result":"findings","findings":1,"lines":["short /b/)"), HasSubstr("1 damaged")));
 }
 
 TEST_F(ConsoleTest, PagesOfOtherOriginsStayOutOfTheS3Server) {

@@ -5,10 +5,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <future>
+#include <memory>
+#include <ostream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "StartFailure.h"
 #include "TansyNet/S3Signing.h"
 #include "TansyProto/RapidJsonProto.h"
 #include "fakes/ManualClock.h"
@@ -41,6 +46,7 @@ class ConsoleApiTest : public testing::Test {
       number = log_.size();
       return lines;
     };
+    sources.check = check_;
     return sources;
   }
   static TansyProto::CRapidJsonProto Read(const ConsoleAnswer& answer) {
@@ -76,6 +82,13 @@ class ConsoleApiTest : public testing::Test {
   Tests::CManualClock clock_;
   ConsoleKey key_{"admin", "secret", true, {}, true};
   std::vector<std::string> log_;
+  std::promise<void> go_on_;
+  std::shared_ptr<COnlineCheck> check_ =
+      std::make_shared<COnlineCheck>([this](const CheckOptions& /*options*/, std::ostream& out) {
+        go_on_.get_future().wait();
+        out << "orphan a 5\ncheck: 1 row\n";
+        return kExitFindings;
+      });
   std::string s3_ = "http://nas:9702";
   CConsoleApi api_{Sources()};
 };
@@ -265,6 +278,29 @@ TEST_F(ConsoleApiTest, ShowsTheLogFromWhereThePageIs) {
   EXPECT_EQ(Ask("GET", "log?after=x", "", headers).status, 200);
 }
 
+TEST_F(ConsoleApiTest, ChecksCatalogueAndStore) {
+  const Headers headers = SignedIn();
+  Headers without_token = headers;
+  without_token.erase("X-CSRF-Token");
+  EXPECT_EQ(Ask("POST", "check", "", without_token).status, 403);
+  EXPECT_EQ(Ask("GET", "check", "", headers).body,
+            R"({"running":false,"started":0,"ended":0,"looked_at":0,"result":"","findings":0,"lines":[],"summary":""})"
+            "\n");
+  EXPECT_EQ(Read(Ask("POST", "check", "", headers)).GetString("/running"), "true");
+  EXPECT_EQ(Ask("POST", "check", "", headers).status, 409);
+  go_on_.set_value();
+  while (check_->Get().is_running) {
+    std::this_thread::yield();
+  }
+  const auto json = Read(Ask("GET", "check", "", headers));
+  EXPECT_EQ(json.GetString("/running"), "false");
+  EXPECT_EQ(json.GetInt("/ended"), clock_.Now());
+  EXPECT_EQ(json.GetString("/result"), "findings");
+  EXPECT_EQ(json.GetInt("/findings"), 1);
+  EXPECT_EQ(json.GetString("/lines[1]"), "orphan a 5");
+  EXPECT_EQ(json.GetString("/summary"), "check: 1 row");
+}
+
 TEST_F(ConsoleApiTest, OtherKeysDoNotSeeHowTheServerIsRun) {
   key_.is_operator = false;
   key_.may_write = false;
@@ -274,7 +310,7 @@ TEST_F(ConsoleApiTest, OtherKeysDoNotSeeHowTheServerIsRun) {
   EXPECT_EQ(json.GetString("/operator"), "false");
   EXPECT_EQ(json.GetString("/read_only"), "true");
   EXPECT_EQ(json.GetString("/buckets[1]"), "mine");
-  for (const char* path : {"requests", "settings", "log"}) {
+  for (const char* path : {"requests", "settings", "log", "check"}) {
     EXPECT_EQ(Ask("GET", path, "", headers).status, 403) << path;
   }
   EXPECT_EQ(Ask("GET", "overview", "", headers).status, 200);
