@@ -143,6 +143,7 @@ export const texts = {
   "objects.countMore": ["{n|entry|entries} so far, more as you scroll", "已加载 {n} 项，滚动可加载更多"],
   "objects.empty": ["Nothing here yet", "这里还没有内容"],
   "objects.emptyHint": ["Drop files or folders here, or press “Upload”.", "将文件或文件夹拖到这里，或点击“上传”。"],
+  "objects.emptyReadOnly": ["Your key may read only. Files show here when others have stored them.", "您的密钥只能读取。其他人存储文件后会显示在这里。"],
   "objects.nothingFound": ["No name begins with “{prefix}”", "没有名称以“{prefix}”开头"],
   "objects.nothingFoundHint": ["Capital and small letters count. Try a shorter beginning.", "区分大小写。请尝试更短的开头。"],
   "objects.drop": ["Drop to upload to {place}", "松开即可上传到 {place}"],

@@ -4,8 +4,11 @@ import { makeStore, saved } from "../store.js";
 import { Failure } from "./failure.js";
 import { proofOf } from "../pure/proof.js";
 
-// null: nobody knows yet; false: not signed in; else {key, csrf, expires}.
+// null: nobody knows yet; false: not signed in; else {key, csrf, expires, read_only, buckets}.
 export const session = makeStore(null);
+
+// Whether the key that somebody signed in with may change anything.
+export const mayWrite = () => !session.get()?.read_only;
 export const sessionEnded = makeStore(false);
 
 // `headers` go beside those that every call carries.

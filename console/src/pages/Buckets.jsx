@@ -1,5 +1,5 @@
 import { useState } from "preact/hooks";
-import { get } from "../net/api.js";
+import { get, mayWrite } from "../net/api.js";
 import * as s3 from "../net/s3.js";
 import { bytes, moment, number } from "../pure/format.js";
 import { problemOfBucket } from "../pure/names.js";
@@ -38,7 +38,7 @@ export function Buckets() {
     <>
       <div class="page-head">
         <h1>{t("page.buckets")}</h1>
-        <button class="primary" onClick={() => setDialog({ kind: "make" })}><Icon name="plus" /> {t("buckets.new")}</button>
+        {mayWrite() && <button class="primary" onClick={() => setDialog({ kind: "make" })}><Icon name="plus" /> {t("buckets.new")}</button>}
       </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {!value && !failure && <Loading />}
@@ -94,7 +94,7 @@ function BucketRow({ bucket, onRemove }) {
         {quota ? <>{bytes(quota)} <meter min={0} max={quota} value={bucket.bytes} aria-label={t("buckets.column.quota")} /></> : t("buckets.noQuota")}
       </td>
       <td data-label={t("buckets.column.created")}>{created ? moment(created, locale()) : "–"}</td>
-      <td class="actions"><IconButton name="delete" label={t("buckets.remove", { name })} onClick={() => onRemove(name)} /></td>
+      <td class="actions">{mayWrite() && <IconButton name="delete" label={t("buckets.remove", { name })} onClick={() => onRemove(name)} />}</td>
     </tr>
   );
 }

@@ -1,5 +1,5 @@
 import { useEffect, useMemo, useReducer, useRef, useState } from "preact/hooks";
-import { get } from "../net/api.js";
+import { get, mayWrite } from "../net/api.js";
 import * as s3 from "../net/s3.js";
 import { Listing } from "../pure/listing.js";
 import { crumbs, lastPart, parentOf, problemOfKey, visible } from "../pure/names.js";
@@ -91,9 +91,9 @@ function Folder({ bucket, prefix }) {
   };
   const press = (event, entry) => {
     const target = chosen.length > 0 ? chosen : [entry];
-    if (event.key === "Delete") {
+    if (event.key === "Delete" && mayWrite()) {
       act.delete(target);
-    } else if (event.key === "F2" && entry.size !== null) {
+    } else if (event.key === "F2" && entry.size !== null && mayWrite()) {
       act.rename(entry);
     } else if (event.key === "Backspace" && prefix) {
       location.hash = hashOf("objects", bucket, parentOf(prefix));
@@ -112,9 +112,9 @@ function Folder({ bucket, prefix }) {
         <SearchBox id="search" label={t("objects.search")} value={search} onInput={setSearch} inputRef={searchInput} />
         <div class="buttons">
           <IconButton name="reload" label={t("objects.reload")} onClick={reload} />
-          <button onClick={() => setDialog({ kind: "folder" })}><Icon name="newFolder" /> <span class="wide-only">{t("objects.newFolder")}</span></button>
-          <button onClick={() => upload(true)}><Icon name="folder" /> <span class="wide-only">{t("objects.uploadFolder")}</span></button>
-          <button id="upload-files" class="primary" onClick={() => upload(false)}><Icon name="upload" /> {t("objects.uploadFiles")}</button>
+          {mayWrite() && <button onClick={() => setDialog({ kind: "folder" })}><Icon name="newFolder" /> <span class="wide-only">{t("objects.newFolder")}</span></button>}
+          {mayWrite() && <button onClick={() => upload(true)}><Icon name="folder" /> <span class="wide-only">{t("objects.uploadFolder")}</span></button>}
+          {mayWrite() && <button id="upload-files" class="primary" onClick={() => upload(false)}><Icon name="upload" /> {t("objects.uploadFiles")}</button>}
         </div>
       </div>
       <Selection chosen={chosen} act={act} onClear={() => setSelected(new Set())} />
@@ -137,6 +137,9 @@ function Folder({ bucket, prefix }) {
 function NothingHere({ search, onUpload }) {
   if (search) {
     return <Empty icon="search" title={t("objects.nothingFound", { prefix: visible(search) })} hint={t("objects.nothingFoundHint")} />;
+  }
+  if (!mayWrite()) {
+    return <Empty icon="folder" title={t("objects.empty")} hint={t("objects.emptyReadOnly")} />;
   }
   return (
     <Empty icon="upload" title={t("objects.empty")} hint={t("objects.emptyHint")}>
@@ -172,8 +175,8 @@ function Selection({ chosen, act, onClear }) {
       <span role="status">{t("objects.selected", { n: chosen.length })}</span>
       <button onClick={() => act.download(chosen)}><Icon name="download" /> {t("objects.download")}</button>
       {isOneFile && <button onClick={() => act.share(only)}><Icon name="share" /> {t("objects.share")}</button>}
-      {isOneFile && <button onClick={() => act.rename(only)}><Icon name="rename" /> {t("objects.rename")}</button>}
-      <button class="danger" onClick={() => act.delete(chosen)}><Icon name="delete" /> {t("objects.delete")}</button>
+      {isOneFile && mayWrite() && <button onClick={() => act.rename(only)}><Icon name="rename" /> {t("objects.rename")}</button>}
+      {mayWrite() && <button class="danger" onClick={() => act.delete(chosen)}><Icon name="delete" /> {t("objects.delete")}</button>}
       <IconButton name="close" label={t("objects.clear")} onClick={onClear} />
     </div>
   );
@@ -213,9 +216,12 @@ function FolderDialog({ dialog, setDialog, bucket, prefix, files, act, reload, a
 
 function ShowDialog({ entry, bucket, files, act, onMove, onClose }) {
   const at = files.findIndex((file) => file.key === entry.key);
-  const actions = [
+  const changes = [
     { icon: "delete", label: t("objects.delete"), kind: "danger", onClick: () => act.delete([entry]) },
     { icon: "rename", label: t("objects.rename"), onClick: () => act.rename(entry) },
+  ];
+  const actions = [
+    ...(mayWrite() ? changes : []),
     { icon: "share", label: t("objects.share"), onClick: () => act.share(entry) },
     { icon: "download", label: t("objects.download"), kind: "primary", onClick: () => act.download([entry]) },
   ];
@@ -257,7 +263,7 @@ function add(bucket, prefix, files) {
 function useDrop(bucket, prefix) {
   const [isOver, setOver] = useState(false);
   useEffect(() => {
-    const hasFiles = (event) => event.dataTransfer?.types.includes("Files");
+    const hasFiles = (event) => mayWrite() && event.dataTransfer?.types.includes("Files");
     const over = (event) => {
       if (hasFiles(event)) {
         event.preventDefault();

@@ -1,5 +1,5 @@
 import { useState } from "preact/hooks";
-import { get } from "../net/api.js";
+import { get, mayWrite } from "../net/api.js";
 import * as s3 from "../net/s3.js";
 import { moment } from "../pure/format.js";
 import { locale, t } from "../text.js";
@@ -47,7 +47,7 @@ export function Unfinished() {
                   <td data-label={t("unfinished.bucket")}><Name>{upload.bucket}</Name></td>
                   <td data-label={t("unfinished.begun")}>{moment(upload.time, locale())}</td>
                   <td class="actions">
-                    <IconButton name="close" label={t("unfinished.abort", { name: visible(upload.key) })} onClick={() => setChosen(upload)} />
+                    {mayWrite() && <IconButton name="close" label={t("unfinished.abort", { name: visible(upload.key) })} onClick={() => setChosen(upload)} />}
                   </td>
                 </tr>
               ))}
