@@ -1,6 +1,6 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
-import { History, quantile, troubles } from "../src/pure/figures.js";
+import { complete, History, quantile, troubles } from "../src/pure/figures.js";
 
 function overview(changes = {}) {
   return {
@@ -62,4 +62,11 @@ test("many refused requests are a warning", () => {
   const recent = [{ requests: 100, errors: 10, tasks: 0 }];
   assert.deepEqual(troubles(overview(), recent).map((trouble) => trouble.text), ["trouble.errors"]);
   assert.deepEqual(troubles(overview(), [{ requests: 100, errors: 1, tasks: 0 }]), []);
+});
+
+test("a server that does not know its load yet is shown all the same", () => {
+  const { tasks, catalogue, space, ...rest } = overview();
+  assert.ok(tasks && catalogue && space);
+  assert.deepEqual(troubles(complete(rest)), []);
+  assert.deepEqual(complete(overview()), overview());
 });

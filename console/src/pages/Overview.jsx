@@ -1,5 +1,5 @@
 import { poll } from "../net/api.js";
-import { History, troubles } from "../pure/figures.js";
+import { complete, History, troubles } from "../pure/figures.js";
 import { bytes, duration, milliseconds, number, percent } from "../pure/format.js";
 import { hashOf } from "../pure/route.js";
 import { locale, t } from "../text.js";
@@ -12,7 +12,7 @@ const history = new History();
 
 export function Overview({ theme }) {
   const { value, failure, reload } = usePolled(async () => {
-    const overview = await poll("overview");
+    const overview = complete(await poll("overview"));
     history.add(overview);
     return overview;
   }, 2);

@@ -1,5 +1,11 @@
 // From the server's counters to what a chart shows.
 
+// A server that is just starting does not know everything yet.
+export function complete(overview) {
+  const nothing = { tasks: { running: 0, limit: 0 }, catalogue: { buckets: 0, objects: 0, uploads: 0, bytes: 0 }, space: { free: 0, total: 0 }, parts: {} };
+  return { ...nothing, ...overview };
+}
+
 // A row of samples of the server's figures, the newest last. Counters are turned into rates between neighbours; a restart of the server
 // starts its counters again, and leaves a gap.
 export class History {
