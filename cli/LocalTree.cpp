@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include "LocalFile.h"
 
@@ -10,53 +11,97 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-void Walk(HostSystem::IFolder& folder, const std::string& path, const std::string& prefix, LocalTree& tree) {
-  std::vector<HostSystem::FolderEntry> entries;
-  if (const int error = folder.List(entries); error != 0) {
-    tree.failures.push_back(FailureOfFile(path + "/" + prefix, error));
-    return;
-  }
-  bool has_unknown = false;  // one failure says it for the whole folder
-  for (const HostSystem::FolderEntry& entry : entries) {
-    const std::string name = prefix + entry.name;
-    if (entry.error != 0) {
-      if (entry.error != ENOENT && !has_unknown) {
-        has_unknown = true;
-        tree.failures.push_back(FailureOfFile(path + "/" + name, entry.error));
-      }
-    } else if (entry.is_folder) {
-      std::unique_ptr<HostSystem::IFolder> below;
-      if (const int error = folder.OpenFolder(entry.name, below); error != 0) {
-        tree.failures.push_back(FailureOfFile(path + "/" + name, error));
-      } else {
-        Walk(*below, path, name + "/", tree);
-      }
-    } else if (!entry.is_file || IsOwnHiddenFile(entry.name)) {
-      tree.skipped.push_back(name);
-    } else {
-      tree.files.push_back({name, entry.size});
-    }
-  }
+// The names in a folder lie behind its own name and a slash.
+std::string SortKey(const HostSystem::FolderEntry& entry) {
+  return entry.error == 0 && entry.is_folder ? entry.name + "/" : entry.name;
+}
+
+bool IsBefore(const HostSystem::FolderEntry& left, const HostSystem::FolderEntry& right) {
+  return SortKey(left) < SortKey(right);
 }
 
 }  // namespace
 }  // namespace details
 
-LocalTree WalkFolder(const std::string& path) {
+CLocalWalk::CLocalWalk(HostSystem::IFolder& top, std::string path) : top_(top), path_(std::move(path)) {
+  Enter(nullptr, "");
+}
+
+void CLocalWalk::Enter(std::unique_ptr<HostSystem::IFolder> folder, const std::string& prefix) {
+  Level level;
+  level.prefix = prefix;
+  HostSystem::IFolder& opened = folder == nullptr ? top_ : *folder;
+  if (const int error = opened.List(level.entries); error != 0) {
+    left_out_.failures.push_back(FailureOfFile(path_ + "/" + prefix, error));
+    return;
+  }
+  std::sort(level.entries.begin(), level.entries.end(), details::IsBefore);
+  level.folder = std::move(folder);
+  levels_.push_back(std::move(level));
+}
+
+std::optional<LocalEntry> CLocalWalk::Next() {
+  while (!levels_.empty()) {
+    Level& level = levels_.back();
+    if (level.next == level.entries.size()) {
+      levels_.pop_back();
+      continue;
+    }
+    const HostSystem::FolderEntry entry = std::move(level.entries[level.next++]);
+    if (std::optional<LocalEntry> file = Take(entry)) {
+      return file;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<LocalEntry> CLocalWalk::Take(const HostSystem::FolderEntry& entry) {
+  const Level& level = levels_.back();
+  const std::string name = level.prefix + entry.name;
+  if (entry.error != 0) {
+    const bool is_said = has_unknown_ && unknown_in_ == level.prefix;
+    if (entry.error != ENOENT && !is_said) {
+      has_unknown_ = true;
+      unknown_in_ = level.prefix;
+      left_out_.failures.push_back(FailureOfFile(path_ + "/" + name, entry.error));
+    }
+  } else if (entry.is_folder) {
+    HostSystem::IFolder& folder = level.folder == nullptr ? top_ : *level.folder;
+    std::unique_ptr<HostSystem::IFolder> below;
+    if (const int error = folder.OpenFolder(entry.name, below); error != 0) {
+      left_out_.failures.push_back(FailureOfFile(path_ + "/" + name, error));
+    } else {
+      Enter(std::move(below), name + "/");
+    }
+  } else if (!entry.is_file || IsOwnHiddenFile(entry.name)) {
+    left_out_.skipped.push_back(name);
+  } else {
+    return LocalEntry{name, entry.size};
+  }
+  return std::nullopt;
+}
+
+std::unique_ptr<HostSystem::IFolder> OpenToWalk(const std::string& path) {
   int error = 0;
-  const std::unique_ptr<HostSystem::IFolder> top = HostSystem::OpenFolder(path, error);
+  std::unique_ptr<HostSystem::IFolder> top = HostSystem::OpenFolder(path, error);
   if (top == nullptr) {
     throw FailureOfFile(path, error);
   }
-  return WalkFolder(*top, path);
+  return top;
+}
+
+LocalTree WalkFolder(const std::string& path) {
+  return WalkFolder(*OpenToWalk(path), path);
 }
 
 LocalTree WalkFolder(HostSystem::IFolder& top, const std::string& path) {
-  LocalTree tree;
-  details::Walk(top, path, "", tree);
-  std::sort(tree.files.begin(), tree.files.end(),
-            [](const LocalEntry& left, const LocalEntry& right) { return left.name < right.name; });
-  std::sort(tree.skipped.begin(), tree.skipped.end());
+  CLocalWalk walk(top, path);
+  std::vector<LocalEntry> files;
+  while (std::optional<LocalEntry> file = walk.Next()) {
+    files.push_back(std::move(*file));
+  }
+  LocalTree tree = walk.LeftOut();
+  tree.files = std::move(files);
   return tree;
 }
 

@@ -48,20 +48,6 @@ void ForEachName(const std::vector<RemoteObject>& objects, const S3Path& remote,
   }
 }
 
-// All lists are in the order of their names.
-const LocalEntry* FindFile(const LocalTree& tree, const std::string& name) {
-  const auto found = std::lower_bound(tree.files.begin(), tree.files.end(), name,
-                                      [](const LocalEntry& entry, const std::string& key) { return entry.name < key; });
-  return found != tree.files.end() && found->name == name ? &*found : nullptr;
-}
-
-const RemoteObject* FindObject(const std::vector<RemoteObject>& objects, const std::string& key) {
-  const auto found =
-      std::lower_bound(objects.begin(), objects.end(), key,
-                       [](const RemoteObject& object, const std::string& wanted) { return object.key < wanted; });
-  return found != objects.end() && found->key == key ? &*found : nullptr;
-}
-
 }  // namespace
 }  // namespace details
 
@@ -83,54 +69,86 @@ TransferPlan PlanGets(const std::vector<RemoteObject>& objects, const S3Path& re
   return plan;
 }
 
-TransferPlan PlanSyncUp(const std::string& folder, const LocalTree& tree, const S3Path& remote,
-                        const std::vector<RemoteObject>& objects, bool remove) {
-  TransferPlan plan;
-  plan.transfers.reserve(tree.files.size());
-  for (const LocalEntry& entry : tree.files) {
-    Transfer put = details::Put(folder, entry.name, remote);
-    if (const RemoteObject* const object = details::FindObject(objects, put.remote.key)) {
-      put.object = details::VersionOf(*object);
-      put.only_when_different = object->size == entry.size;
-    }
-    plan.transfers.push_back(std::move(put));
+CSyncPlan::CSyncPlan(EWay way, std::string folder, S3Path remote, NextFile next, const LocalTree& left_out,
+                     SyncHandlers handlers)
+    : way_(way),
+      folder_(std::move(folder)),
+      remote_(std::move(remote)),
+      next_(std::move(next)),
+      left_out_(left_out),
+      handlers_(std::move(handlers)),
+      file_(next_()) {}
+
+// Whoever compares two sides relies on the order: by another one, what is there would look as if it were missing.
+void CSyncPlan::Take(const RemoteObject& object) {
+  if (!last_key_.empty() && object.key <= last_key_) {
+    throw CFailure(kExitFailed,
+                   Printable(remote_.Url()) + ": the server does not list objects in the order of their keys",
+                   "only a server that does can be compared with a folder");
   }
-  if (!remove || !tree.failures.empty()) {
-    return plan;
+  last_key_ = object.key;
+  const std::string name = details::RelativeKey(object, remote_);
+  while (file_.has_value() && file_->name < name) {
+    TakeFile(nullptr);
   }
-  for (const RemoteObject& object : objects) {
-    const std::string name = details::RelativeKey(object, remote);
-    if (!details::IsFolderMark(object) && details::FindFile(tree, name) == nullptr && !IsSkipped(tree, name)) {
-      plan.transfers.push_back({.kind = Transfer::EKind::kRemoveObject, .remote = {remote.bucket, object.key}});
-    }
+  if (details::IsFolderMark(object)) {
+    return;
   }
-  return plan;
+  if (file_.has_value() && file_->name == name) {
+    TakeFile(&object);
+  } else {
+    TakeObject(object, name);
+  }
 }
 
-TransferPlan PlanSyncDown(const LocalTree& tree, const S3Path& remote, const std::vector<RemoteObject>& objects,
-                          bool remove) {
-  TransferPlan plan;
-  plan.transfers.reserve(objects.size());
-  details::ForEachName(objects, remote, plan, [&](const RemoteObject& object, const std::string& name) {
-    Transfer get = details::Get(object, name, remote);
-    if (IsSkipped(tree, name)) {
+void CSyncPlan::Finish() {
+  while (file_.has_value()) {
+    TakeFile(nullptr);
+  }
+}
+
+// Takes the present file together with the object of its name; null: there is none.
+void CSyncPlan::TakeFile(const RemoteObject* object) {
+  const LocalEntry file = std::move(*file_);
+  file_ = next_();
+  if (way_ == EWay::kDown) {
+    if (object != nullptr) {
+      Get(*object, file.name, &file);
+    } else {
+      handlers_.remove({.kind = Transfer::EKind::kRemoveFile, .remote = remote_, .file = file.name});
+    }
+    return;
+  }
+  Transfer put = details::Put(folder_, file.name, remote_);
+  if (object != nullptr) {
+    put.object = details::VersionOf(*object);
+    put.only_when_different = object->size == file.size;
+  }
+  handlers_.carry(std::move(put));
+}
+
+void CSyncPlan::TakeObject(const RemoteObject& object, const std::string& name) {
+  if (way_ == EWay::kDown) {
+    Get(object, name, nullptr);
+  } else if (!IsSkipped(left_out_, name)) {
+    handlers_.remove({.kind = Transfer::EKind::kRemoveObject, .remote = {remote_.bucket, object.key}});
+  }
+}
+
+void CSyncPlan::Get(const RemoteObject& object, const std::string& name, const LocalEntry* file) {
+  Transfer get;
+  try {
+    get = details::Get(object, LocalNameOf(name), remote_);
+    if (IsSkipped(left_out_, name)) {
       throw CFailure(kExitFailed, Printable(get.remote.Url()) + ": a link or device is in the way",
                      "links are not followed; remove it");
     }
-    if (const LocalEntry* const entry = details::FindFile(tree, name)) {
-      get.only_when_different = entry->size == object.size;
-    }
-    plan.transfers.push_back(std::move(get));
-  });
-  if (!remove || !tree.failures.empty() || !plan.failures.empty()) {
-    return plan;
+  } catch (const CFailure& failure) {
+    handlers_.fail(failure);
+    return;
   }
-  for (const LocalEntry& entry : tree.files) {
-    if (details::FindObject(objects, FolderPrefix(remote.key) + entry.name) == nullptr) {
-      plan.transfers.push_back({.kind = Transfer::EKind::kRemoveFile, .remote = remote, .file = entry.name});
-    }
-  }
-  return plan;
+  get.only_when_different = file != nullptr && file->size == object.size;
+  handlers_.carry(std::move(get));
 }
 
 }  // namespace Tansy::Cli

@@ -2,6 +2,8 @@
 #ifndef TANSY_CLI_TRANSFER_PLAN_H
 #define TANSY_CLI_TRANSFER_PLAN_H
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,14 +27,48 @@ struct TransferPlan {
 std::vector<Transfer> PlanPuts(const std::string& folder, const LocalTree& tree, const S3Path& remote);
 // All objects. `prefix` comes before their local names: "", or a folder with its slash.
 TransferPlan PlanGets(const std::vector<RemoteObject>& objects, const S3Path& remote, const std::string& prefix);
-// What is missing or different on the other side; both sides are in the order of their names. With `remove`, what only
-// the other side has is removed there, after the rest of the list. What the walk left out is not, and is not replaced
-// by an object either. Nothing is removed when a folder could not be read, or when an object cannot become a local
-// file: a local file may stand for that object.
-TransferPlan PlanSyncUp(const std::string& folder, const LocalTree& tree, const S3Path& remote,
-                        const std::vector<RemoteObject>& objects, bool remove);
-TransferPlan PlanSyncDown(const LocalTree& tree, const S3Path& remote, const std::vector<RemoteObject>& objects,
-                          bool remove);
+
+// What becomes of the names that a sync meets.
+struct SyncHandlers {
+  std::function<void(Transfer transfer)> carry;
+  // The target has it, and the source has not.
+  std::function<void(Transfer removal)> remove;
+  // An object that cannot become a local file. A local file may stand for it, so nothing is to be removed any more.
+  std::function<void(const CFailure& failure)> fail;
+};
+
+// Compares the two sides of a sync, name by name in the order of their bytes, and says at once what is missing or
+// different on the other side; so neither side has to be in memory. What the walk left out is not replaced by an
+// object, and objects behind it are not removed. One thread uses it.
+class CSyncPlan {
+ public:
+  enum class EWay { kUp, kDown };
+  // Gives the next file in that order; nothing at the end.
+  using NextFile = std::function<std::optional<LocalEntry>()>;
+
+  // `folder` and `remote` are the two sides. `left_out` is what the walk has left out up to the last file that it gave.
+  CSyncPlan(EWay way, std::string folder, S3Path remote, NextFile next, const LocalTree& left_out,
+            SyncHandlers handlers);
+
+  // Takes the next object in the order of the keys. Throws CFailure when it is not, and what the handlers throw.
+  void Take(const RemoteObject& object);
+  // No object follows.
+  void Finish();
+
+ private:
+  void TakeFile(const RemoteObject* object);
+  void TakeObject(const RemoteObject& object, const std::string& name);
+  void Get(const RemoteObject& object, const std::string& name, const LocalEntry* file);
+
+  const EWay way_;
+  const std::string folder_;
+  const S3Path remote_;
+  const NextFile next_;
+  const LocalTree& left_out_;
+  const SyncHandlers handlers_;
+  std::optional<LocalEntry> file_;  // the next one
+  std::string last_key_;
+};
 
 }  // namespace Tansy::Cli
 

@@ -41,8 +41,8 @@ bool IsRemoval(EKind kind) {
 }
 
 // An object that is not known yet may be none, and then no folder is made for it.
-bool IsKnownGet(const Transfer* transfer) {
-  return transfer->kind == EKind::kGet && !transfer->object.tag.empty();
+bool IsKnownGet(const Transfer& transfer) {
+  return transfer.kind == EKind::kGet && !transfer.object.tag.empty();
 }
 
 bool IsLocal(EKind kind) {
@@ -62,25 +62,10 @@ CTransfers::CTransfers(const Globals& globals, const CS3Link& link, const Transf
       progress_(globals, what) {}
 
 int CTransfers::Run(const std::vector<Transfer>& transfers) {
-  std::vector<const Transfer*> others;
-  std::vector<const Transfer*> removals;
-  for (const Transfer& transfer : transfers) {
-    (details::IsRemoval(transfer.kind) ? removals : others).push_back(&transfer);
-  }
-  if (!settings_.dry_run && std::any_of(others.begin(), others.end(), details::IsKnownGet)) {
+  if (!settings_.dry_run && std::any_of(transfers.begin(), transfers.end(), details::IsKnownGet)) {
     Target();  // one failure says it for all of them
   }
-  if (const int failed = RunAll(others); failed != kExitDone) {
-    if (!removals.empty() && !globals_.quiet) {
-      PrintNote("note: nothing was removed, because not everything could be carried");
-    }
-    return failed;
-  }
-  return RunAll(removals);
-}
-
-int CTransfers::RunAll(const std::vector<const Transfer*>& transfers) {
-  return ForEachNumber(transfers.size(), team_, [&](std::size_t number) { return Do(*transfers[number]); });
+  return ForEachNumber(transfers.size(), team_, [&](std::size_t number) { return Do(transfers[number]); });
 }
 
 // Returns the line to print.

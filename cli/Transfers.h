@@ -48,13 +48,11 @@ class CTransfers {
   CTransfers(const Globals& globals, const CS3Link& link, const TransferSettings& settings, std::string target,
              const char* what);
 
-  // Goes on when one fails. Removals come last, and only when all else was done: what could not be carried may be the
-  // other copy of what would be removed. Else they are left out, and a note says so. Returns the exit code of the first
-  // failure in the order of the list, or kExitDone.
+  // Goes on when one fails. Returns the exit code of the first failure in the order of the list, or kExitDone. It may
+  // be called again with a further list.
   int Run(const std::vector<Transfer>& transfers);
 
  private:
-  int RunAll(const std::vector<const Transfer*>& transfers);
   std::string Do(const Transfer& transfer);
   void Put(const Transfer& transfer);
   void Get(const Transfer& transfer);

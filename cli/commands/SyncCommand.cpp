@@ -1,7 +1,10 @@
-#include <algorithm>
+#include <cstddef>
 #include <filesystem>
+#include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "Commands.h"
@@ -21,82 +24,156 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
+// So many things are done at a time while the two sides are compared. There may be millions.
+constexpr std::size_t kBatch = 1000;
+
 // Runs one use of the command.
 class CSync {
  public:
-  explicit CSync(const CommandCall& call) : call_(call), settings_(UseSettings(call.globals)), link_(settings_) {}
+  CSync(const CommandCall& call, CSyncPlan::EWay way, std::string folder, S3Path remote)
+      : call_(call),
+        way_(way),
+        folder_(std::move(folder)),
+        remote_(std::move(remote)),
+        settings_(UseSettings(call.globals)),
+        link_(settings_),
+        transfers_(call.globals, link_, {JobsOf(call), false, call.Has("--dry-run")}, IsUp() ? "" : folder_, "sync") {}
 
-  int Up(const std::string& folder, const S3Path& remote) {
-    LocalTree tree = WalkFolder(folder);
-    if (tree.failures.empty()) {
-      CheckSource(tree.files.empty(), folder);
+  int Run() {
+    const std::unique_ptr<HostSystem::IFolder> top = OpenLocalSide();
+    std::optional<CLocalWalk> walk;
+    if (top != nullptr) {
+      walk.emplace(*top, folder_);
     }
-    const TransferPlan plan = PlanSyncUp(folder, tree, remote, Objects(remote), Removes());
-    tree.files = {};  // there may be millions
-    for (std::string& name : tree.skipped) {
-      name = PathIn(folder, name);
-    }
-    return Run(plan, tree.skipped, tree.failures, "");
-  }
-
-  int Down(const S3Path& remote, const std::string& folder) {
-    std::vector<RemoteObject> objects = Objects(remote);
-    LocalTree tree = TreeAt(folder);
-    const TransferPlan plan = PlanSyncDown(tree, remote, objects, Removes());
-    CheckSource(HasNothingToCarry(plan), remote.Url());
-    if (objects.empty() && !remote.key.empty()) {
-      throw NothingBelow({remote.bucket, FolderPrefix(remote.key)});
-    }
-    objects = {};  // there may be millions
-    tree.files = {};
-    return Run(plan, {}, tree.failures, folder);
+    const LocalTree none;
+    const LocalTree& left_out = walk.has_value() ? walk->LeftOut() : none;
+    Compare([&] { return walk.has_value() ? walk->Next() : std::nullopt; }, left_out);
+    CheckSource(left_out);
+    Finish(left_out);
+    const int reported = ReportLeftOut(call_.globals, SkippedNames(left_out), AllFailures(left_out));
+    return done_ != kExitDone ? done_ : reported;
   }
 
  private:
+  bool IsUp() const { return way_ == CSyncPlan::EWay::kUp; }
   bool Removes() const { return call_.Has("--delete"); }
 
-  std::vector<RemoteObject> Objects(const S3Path& remote) const {
-    return AllObjects(link_, {remote.bucket, FolderPrefix(remote.key)});
+  // Null when the target is a folder that is not there yet.
+  std::unique_ptr<HostSystem::IFolder> OpenLocalSide() const {
+    std::error_code ignored;
+    const bool is_missing = !IsUp() && !std::filesystem::exists(NativePath(folder_), ignored);
+    return is_missing ? nullptr : OpenToWalk(folder_);
+  }
+
+  // Carries what is missing or different, and notes what is to be removed.
+  void Compare(const CSyncPlan::NextFile& next, const LocalTree& left_out) {
+    const auto count_files = [&]() -> std::optional<LocalEntry> {
+      std::optional<LocalEntry> file = next();
+      has_files_ = has_files_ || file.has_value();
+      return file;
+    };
+    CSyncPlan plan(way_, folder_, remote_, count_files, left_out,
+                   {[this](Transfer transfer) { Carry(std::move(transfer)); },
+                    [this](const Transfer& removal) { NoteRemoval(removal); },
+                    [this](const CFailure& failure) { failures_.push_back(failure); }});
+    ListObjects(link_, {remote_.bucket, FolderPrefix(remote_.key)}, "", {.object = [&](const RemoteObject& object) {
+                  has_objects_ = true;
+                  plan.Take(object);
+                }});
+    plan.Finish();
+    RunBatch();
+  }
+
+  void Carry(Transfer transfer) {
+    has_carried_ = true;
+    batch_.push_back(std::move(transfer));
+    if (batch_.size() == kBatch) {
+      RunBatch();
+    }
+  }
+
+  void NoteRemoval(const Transfer& removal) {
+    if (Removes()) {
+      removals_.push_back(IsUp() ? removal.remote.key : removal.file);
+    }
+  }
+
+  void RunBatch() {
+    const int done = transfers_.Run(batch_);
+    done_ = done_ != kExitDone ? done_ : done;
+    batch_.clear();
   }
 
   // An empty source is more often a wrong name, or a disk that is not mounted, than a wish to remove everything.
-  void CheckSource(bool is_empty, const std::string& source) const {
+  // Objects that stand for folders only do not count. One whose key cannot be a local name does: it is a failure.
+  void CheckSource(const LocalTree& left_out) const {
+    const bool is_empty = IsUp() ? !has_files_ && left_out.failures.empty() : !has_carried_ && failures_.empty();
     if (is_empty && Removes()) {
       throw CFailure(kExitUsage,
-                     Printable(source) + ": is empty, and --delete would remove everything on the other side",
+                     Printable(IsUp() ? folder_ : remote_.Url()) +
+                         ": is empty, and --delete would remove everything on the other side",
                      "check the name; 'tansy rm -r' removes all objects of a folder");
     }
-  }
-
-  // Objects that stand for folders only do not count. One whose key cannot be a local name does: it is a failure.
-  static bool HasNothingToCarry(const TransferPlan& plan) {
-    return plan.failures.empty() &&
-           std::none_of(plan.transfers.begin(), plan.transfers.end(),
-                        [](const Transfer& transfer) { return transfer.kind == Transfer::EKind::kGet; });
-  }
-
-  static LocalTree TreeAt(const std::string& folder) {
-    std::error_code ignored;
-    return std::filesystem::exists(NativePath(folder), ignored) ? WalkFolder(folder) : LocalTree{};
-  }
-
-  int Run(const TransferPlan& plan, const std::vector<std::string>& skipped, const std::vector<CFailure>& walk_failures,
-          const std::string& target) {
-    CTransfers transfers(call_.globals, link_, {JobsOf(call_), false, call_.Has("--dry-run")}, target, "sync");
-    const int done = transfers.Run(plan.transfers);
-    std::vector<CFailure> failures = walk_failures;
-    failures.insert(failures.end(), plan.failures.begin(), plan.failures.end());
-    if (!failures.empty() && Removes() && !call_.globals.quiet) {
-      PrintNote(walk_failures.empty() ? "note: nothing was removed, because not all objects can become local files"
-                                      : "note: nothing was removed, because not all folders could be read");
+    if (!IsUp() && !has_objects_ && !remote_.key.empty()) {
+      throw NothingBelow({remote_.bucket, FolderPrefix(remote_.key)});
     }
-    const int left_out = ReportLeftOut(call_.globals, skipped, failures);
-    return done != kExitDone ? done : left_out;
+  }
+
+  // Removals come last, and only when all else was done: what could not be carried may be the other copy of what would
+  // be removed.
+  void Finish(const LocalTree& left_out) {
+    const bool all_is_known = left_out.failures.empty() && failures_.empty();
+    if (all_is_known && done_ == kExitDone) {
+      RemoveNoted();
+      return;
+    }
+    if (Removes() && !call_.globals.quiet && (!all_is_known || !removals_.empty())) {
+      PrintNote(!left_out.failures.empty() ? "note: nothing was removed, because not all folders could be read"
+                : !failures_.empty()       ? "note: nothing was removed, because not all objects can become local files"
+                                           : "note: nothing was removed, because not everything could be carried");
+    }
+  }
+
+  void RemoveNoted() {
+    for (const std::string& name : removals_) {
+      batch_.push_back(IsUp() ? Transfer{.kind = Transfer::EKind::kRemoveObject, .remote = {remote_.bucket, name}}
+                              : Transfer{.kind = Transfer::EKind::kRemoveFile, .remote = remote_, .file = name});
+      if (batch_.size() == kBatch) {
+        RunBatch();
+      }
+    }
+    RunBatch();
+  }
+
+  // Those of the source; what a target has beside files does not matter.
+  std::vector<std::string> SkippedNames(const LocalTree& left_out) const {
+    std::vector<std::string> names;
+    for (const std::string& name : IsUp() ? left_out.skipped : std::vector<std::string>()) {
+      names.push_back(PathIn(folder_, name));
+    }
+    return names;
+  }
+
+  std::vector<CFailure> AllFailures(const LocalTree& left_out) const {
+    std::vector<CFailure> failures = left_out.failures;
+    failures.insert(failures.end(), failures_.begin(), failures_.end());
+    return failures;
   }
 
   const CommandCall& call_;
+  const CSyncPlan::EWay way_;
+  const std::string folder_;
+  const S3Path remote_;
   const Settings settings_;
   const CS3Link link_;
+  CTransfers transfers_;
+  std::vector<Transfer> batch_;
+  std::vector<std::string> removals_;  // keys or names below the folder
+  std::vector<CFailure> failures_;     // objects that cannot become local files
+  bool has_files_ = false;
+  bool has_objects_ = false;
+  bool has_carried_ = false;
+  int done_ = kExitDone;
 };
 
 int RunSync(const CommandCall& call) {
@@ -108,8 +185,8 @@ int RunSync(const CommandCall& call) {
   }
   JobsOf(call);
   ApplyRateLimit(call);
-  CSync sync(call);
-  return IsS3Url(target) ? sync.Up(source, ParseS3Path(target)) : sync.Down(ParseS3Path(source), target);
+  return IsS3Url(target) ? CSync(call, CSyncPlan::EWay::kUp, source, ParseS3Path(target)).Run()
+                         : CSync(call, CSyncPlan::EWay::kDown, target, ParseS3Path(source)).Run();
 }
 
 }  // namespace

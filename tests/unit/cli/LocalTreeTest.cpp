@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,28 @@ TEST(LocalTreeTest, FindsFilesInAllFolders) {
   EXPECT_THAT(NamesOf(tree), ElementsAre("a b\n\xff 3", "a.b 0", "a/x/y 1", "b 2"));
   EXPECT_TRUE(tree.skipped.empty());
   EXPECT_TRUE(tree.failures.empty());
+}
+
+// A folder's own name counts with its slash: "a-b" and "a.b" come before what is in "a", and "a0" behind it.
+TEST(LocalTreeTest, WalksInTheOrderOfTheBytesOfWholeNames) {
+  const Tests::CTempFolder folder;
+  std::vector<std::string> names = {"a-b",     "a.b", "a/b",   "a/-",  "a/b.c/x", "a/b0",
+                                    "a/c/d/e", "a0",  "a\xff", "aa/z", "B",       "\x01x"};
+  for (const std::string& name : names) {
+    folder.Write(name, "");
+  }
+  std::filesystem::create_symlink("nowhere", folder.Path("a/b.link"));
+  std::sort(names.begin(), names.end());
+  const auto top = OpenToWalk(folder.GetPath());
+  CLocalWalk walk(*top, folder.GetPath());
+  for (const std::string& name : names) {
+    const std::optional<LocalEntry> file = walk.Next();
+    ASSERT_TRUE(file.has_value()) << name;
+    EXPECT_EQ(file->name, name);
+    EXPECT_EQ(Cli::IsSkipped(walk.LeftOut(), "a/b.link/x"), name > "a/b.link") << "known as soon as it was passed";
+  }
+  EXPECT_FALSE(walk.Next().has_value());
+  EXPECT_FALSE(walk.Next().has_value());
 }
 
 TEST(LocalTreeTest, GoesThroughNoLinkBelowItsTop) {
