@@ -111,6 +111,23 @@ TEST_F(KeysTest, WithoutTheirSealKeysCountNoMoreAndTheLogSaysSo) {
   EXPECT_TRUE(WaitUntil([&] { return Read(guest) == "200"; }));
 }
 
+TEST_F(KeysTest, KeysMoveWithTheCatalogue) {
+  const Keys guest = Add({"guest", "--bucket", "photos"});
+  CTansyd command(temp_.GetPath(), "command");
+  Launch move;
+  move.arguments = {"move", "--data", server_.Data(), "--to-database", "sqlite:" + temp_.Path("new.db")};
+  move.with_data = move.with_ports = false;
+  const Ended ended = command.RunToEnd(move);
+  ASSERT_EQ(ended.code, 0) << ended.out << ended.err;
+  EXPECT_EQ(Read(guest), "200");
+  const Keys later = Add({"later"});
+  ASSERT_TRUE(server_.Stop());
+  ASSERT_TRUE(server_.Start(launch_));
+  EXPECT_EQ(Read(guest), "200");
+  EXPECT_EQ(Read(guest, "/other/dog"), "403 AccessDenied");
+  EXPECT_EQ(Read(later, "/other/dog"), "200");
+}
+
 TEST_F(KeysTest, OnlyTheServersOwnKeysMayMakeOthers) {
   const Keys guest = Add({"guest"});
   const std::uint16_t port = server_.GetAdminPort();

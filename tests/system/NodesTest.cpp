@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/NodesFixture.h"
+#include "support/S3Sign.h"
 
 namespace system_tests {
 namespace {
@@ -182,6 +183,45 @@ TEST_F(NodesTest, TheS3DoorsOfAllNodesAgree) {
   database_.Freeze();
   EXPECT_TRUE(WaitUntil([this] { return StatusOf(SendS3(1, "GET", "/bucket/o0")) == "503"; }));
   database_.Thaw();
+}
+
+// Each node has the seal of the keys in a file of its own, which the operator copies.
+TEST_F(NodesTest, KeysOfOthersCountOnAllNodesSoon) {
+  for (std::size_t i = 0; i < 2; ++i) {
+    nodes_.push_back(std::make_unique<CTansyd>(temp_.GetPath(), "data-" + Name(i)));
+    Launch launch = As(Name(i));
+    launch.with_admin = true;
+    ASSERT_TRUE(nodes_[i]->Start(launch)) << nodes_[i]->GetErrors();
+  }
+  MakeBucket(0, "bucket");
+  Put(0, "/bucket/k", "meow");
+  const auto ask = [this](std::size_t node, const std::string& method, const std::string& path, const std::string& body,
+                          const std::string& digest) {
+    const std::uint16_t port = nodes_[node]->GetAdminPort();
+    return Call(port, S3Signed({method, path, {}, body}, port, {digest, 0, {}}));
+  };
+  const Reply made = ask(0, "POST", "/admin/keys", R"({"name":"guest"})",
+                         "41d538fc3d8bdd3149c7d586988d121b32b9f2cdaed179362ae2c7efa36f3a0c");
+  ASSERT_EQ(made.status, 200) << made.body;
+  const auto value = [&made](const std::string& name) {
+    const std::size_t at = made.body.find("\"" + name + "\":\"") + name.size() + 4;
+    return made.body.substr(at, made.body.find('"', at) - at);
+  };
+  const Keys guest = {value("access_key"), value("secret_key")};
+  const auto read = [&](std::size_t node) {
+    const std::uint16_t port = nodes_[node]->GetS3Port();
+    S3Claim claim;
+    claim.keys = guest;
+    return Call(port, S3Signed({"GET", "/bucket/k", {}, ""}, port, claim)).status;
+  };
+  EXPECT_EQ(read(0), 200);
+  EXPECT_EQ(read(1), 403);
+  std::filesystem::copy_file(nodes_[0]->Data("key-seal"), nodes_[1]->Data("key-seal"));
+  EXPECT_TRUE(WaitUntil([&] { return read(1) == 200; })) << Logs();
+  const std::string nothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+  EXPECT_EQ(ask(1, "DELETE", "/admin/keys/guest", "", nothing).status, 200);
+  EXPECT_EQ(read(1), 403);
+  EXPECT_TRUE(WaitUntil([&] { return read(0) == 403; })) << Logs();
 }
 
 TEST_F(NodesTest, AnUploadInPartsGoesOnWhereItBegan) {
