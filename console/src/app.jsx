@@ -18,10 +18,27 @@ import { Notices, tellFailure } from "./widgets/Notices.jsx";
 import { UploadTray } from "./widgets/UploadTray.jsx";
 
 const themes = ["auto", "light", "dark"];
-const shownPages = { overview: Overview, objects: Objects, buckets: Buckets, unfinished: Unfinished, requests: Requests, log: Log, settings: Settings };
+const shownPages = {
+  overview: Overview,
+  objects: Objects,
+  buckets: Buckets,
+  unfinished: Unfinished,
+  requests: Requests,
+  log: Log,
+  settings: Settings,
+};
 const shortcuts = [
-  ["/", "keys.search"], ["?", "keys.help"], ["1 … 7", "keys.pages"], ["u", "keys.upload"], ["↑ ↓ PgUp PgDn Home End", "keys.move"], ["Enter", "keys.open"],
-  ["Backspace", "keys.up"], ["Space", "keys.select"], ["Ctrl+A", "keys.all"], ["F2", "keys.rename"], ["Delete", "keys.delete"],
+  ["/", "keys.search"],
+  ["?", "keys.help"],
+  ["1 … 7", "keys.pages"],
+  ["u", "keys.upload"],
+  ["↑ ↓ PgUp PgDn Home End", "keys.move"],
+  ["Enter", "keys.open"],
+  ["Backspace", "keys.up"],
+  ["Space", "keys.select"],
+  ["Ctrl+A", "keys.all"],
+  ["F2", "keys.rename"],
+  ["Delete", "keys.delete"],
 ];
 
 function startLanguage() {
@@ -145,29 +162,55 @@ function Layout({ theme }) {
   const Page = shownPages[route.page];
   return (
     <div class="layout">
-      <a class="skip" href="#content" onClick={(event) => { event.preventDefault(); document.getElementById("content").focus(); }}>{t("app.skip")}</a>
+      <a
+        class="skip"
+        href="#content"
+        onClick={(event) => {
+          event.preventDefault();
+          document.getElementById("content").focus();
+        }}
+      >
+        {t("app.skip")}
+      </a>
       <header class="bar">
-        <IconButton name={isMenuOpen ? "close" : "menu"} label={t("app.menu")} aria-expanded={isMenuOpen} aria-controls="menu" onClick={() => setMenuOpen(!isMenuOpen)} />
+        <IconButton
+          name={isMenuOpen ? "close" : "menu"}
+          label={t("app.menu")}
+          aria-expanded={isMenuOpen}
+          aria-controls="menu"
+          onClick={() => setMenuOpen(!isMenuOpen)}
+        />
         <Flower size={26} /> <span class="strong">{t("app.title")}</span>
       </header>
       <aside id="menu" class={isMenuOpen ? "open" : ""}>
-        <div class="brand"><Flower /><span>{t("app.title")}</span></div>
+        <div class="brand">
+          <Flower />
+          <span>{t("app.title")}</span>
+        </div>
         <nav aria-label={t("app.navigation")}>
           <ul>
             {pages.map((page) => (
               <li key={page}>
-                <a href={hashOf(page)} aria-current={route.page === page ? "page" : undefined}><Icon name={page} /> {t(`page.${page}`)}</a>
+                <a href={hashOf(page)} aria-current={route.page === page ? "page" : undefined}>
+                  <Icon name={page} /> {t(`page.${page}`)}
+                </a>
               </li>
             ))}
           </ul>
         </nav>
         <div class="aside-foot">
           <Preferences theme={theme} />
-          <button type="button" class="quiet" onClick={() => setHelpOpen(true)}><Icon name="keyboard" size={18} /> {t("app.shortcuts")}</button>
-          <button type="button" class="quiet" onClick={() => signOut().catch(tellFailure)}><Icon name="signOut" size={18} /> {t("app.signOut")}</button>
+          <button type="button" class="quiet" onClick={() => setHelpOpen(true)}>
+            <Icon name="keyboard" size={18} /> {t("app.shortcuts")}
+          </button>
+          <button type="button" class="quiet" onClick={() => signOut().catch(tellFailure)}>
+            <Icon name="signOut" size={18} /> {t("app.signOut")}
+          </button>
         </div>
       </aside>
-      <main id="content" tabIndex={-1} class={`page page-${route.page}`}><Page route={route} theme={theme} /></main>
+      <main id="content" tabIndex={-1} class={`page page-${route.page}`}>
+        <Page route={route} theme={theme} />
+      </main>
       <UploadTray />
       {isHelpOpen && <Help onClose={() => setHelpOpen(false)} />}
     </div>
@@ -178,7 +221,16 @@ function Help({ onClose }) {
   return (
     <Dialog title={t("keys.title")} onClose={onClose}>
       <dl class="shortcuts">
-        {shortcuts.map(([keys, text]) => <div key={text}><dt>{keys.split(" ").map((key) => <kbd key={key}>{key}</kbd>)}</dt><dd>{t(text)}</dd></div>)}
+        {shortcuts.map(([keys, text]) => (
+          <div key={text}>
+            <dt>
+              {keys.split(" ").map((key) => (
+                <kbd key={key}>{key}</kbd>
+              ))}
+            </dt>
+            <dd>{t(text)}</dd>
+          </div>
+        ))}
       </dl>
     </Dialog>
   );

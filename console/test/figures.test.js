@@ -4,18 +4,34 @@ import { complete, History, quantile, troubles } from "../src/pure/figures.js";
 
 function overview(changes = {}) {
   return {
-    time: 1000, uptime: 500, ready: true, parts: { database: "well", storage: "well", space: "well" },
-    requests: { total: 100, errors: 0 }, bytes: { in: 0, out: 0 }, connections: { open: 3, busy: 1, limit: 1000 },
-    tasks: { running: 0, limit: 4 }, memory: { used: 10, limit: 1000 }, space: { free: 500 * 1024 ** 3, total: 1000 * 1024 ** 3 },
-    latency: { bounds: [0.001, 0.01, 0.1], counts: [0, 0, 0, 0] }, certificate_end: 1000 + 365 * 86400, ...changes,
+    time: 1000,
+    uptime: 500,
+    ready: true,
+    parts: { database: "well", storage: "well", space: "well" },
+    requests: { total: 100, errors: 0 },
+    bytes: { in: 0, out: 0 },
+    connections: { open: 3, busy: 1, limit: 1000 },
+    tasks: { running: 0, limit: 4 },
+    memory: { used: 10, limit: 1000 },
+    space: { free: 500 * 1024 ** 3, total: 1000 * 1024 ** 3 },
+    latency: { bounds: [0.001, 0.01, 0.1], counts: [0, 0, 0, 0] },
+    certificate_end: 1000 + 365 * 86400,
+    ...changes,
   };
 }
 
 test("counters become rates between two samples", () => {
   const history = new History();
   history.add(overview());
-  history.add(overview({ time: 1002, uptime: 502, requests: { total: 150, errors: 4 }, bytes: { in: 2048, out: 0 },
-    latency: { bounds: [0.001, 0.01, 0.1], counts: [50, 0, 0, 0] } }));
+  history.add(
+    overview({
+      time: 1002,
+      uptime: 502,
+      requests: { total: 150, errors: 4 },
+      bytes: { in: 2048, out: 0 },
+      latency: { bounds: [0.001, 0.01, 0.1], counts: [50, 0, 0, 0] },
+    }),
+  );
   assert.deepEqual(history.column("requests"), [null, 25]);
   assert.deepEqual(history.column("errors"), [null, 2]);
   assert.deepEqual(history.column("bytesIn"), [null, 1024]);
@@ -55,12 +71,18 @@ test("what is wrong is said, the worst first, and nothing when all is well", () 
   assert.deepEqual(named({ certificate_end: 1000 + 86400 }), ["trouble.certificateEnds"]);
   assert.deepEqual(named({ certificate_end: 0 }), []);
   assert.deepEqual(named({ memory: { used: 950, limit: 1000 } }), ["trouble.memory"]);
-  assert.deepEqual(named({ connections: { open: 950, busy: 1, limit: 1000 }, parts: { storage: "gone" } }), ["trouble.part", "trouble.connections"]);
+  assert.deepEqual(named({ connections: { open: 950, busy: 1, limit: 1000 }, parts: { storage: "gone" } }), [
+    "trouble.part",
+    "trouble.connections",
+  ]);
 });
 
 test("many refused requests are a warning", () => {
   const recent = [{ requests: 100, errors: 10, tasks: 0 }];
-  assert.deepEqual(troubles(overview(), recent).map((trouble) => trouble.text), ["trouble.errors"]);
+  assert.deepEqual(
+    troubles(overview(), recent).map((trouble) => trouble.text),
+    ["trouble.errors"],
+  );
   assert.deepEqual(troubles(overview(), [{ requests: 100, errors: 1, tasks: 0 }]), []);
 });
 

@@ -43,7 +43,10 @@ test("a row near the end of what is loaded brings the next page, one far from it
 test("a page that failed is told and asked for again only when somebody wants it", async () => {
   let isBroken = true;
   const { fetchPage } = folder(5);
-  const listing = new Listing((next) => (isBroken ? Promise.reject(new Error("gone")) : fetchPage(next)), () => {});
+  const listing = new Listing(
+    (next) => (isBroken ? Promise.reject(new Error("gone")) : fetchPage(next)),
+    () => {},
+  );
   await listing.more();
   assert.equal(listing.failure.message, "gone");
   isBroken = false;

@@ -15,7 +15,11 @@ test("keys are taken apart at slashes", () => {
   assert.equal(names.parentOf("a/b/c"), "a/b/");
   assert.equal(names.parentOf("a/b/"), "a/");
   assert.equal(names.parentOf("a"), "");
-  assert.deepEqual(names.crumbs("a//b/c"), [{ name: "a", prefix: "a/" }, { name: "", prefix: "a//" }, { name: "b", prefix: "a//b/" }]);
+  assert.deepEqual(names.crumbs("a//b/c"), [
+    { name: "a", prefix: "a/" },
+    { name: "", prefix: "a//" },
+    { name: "b", prefix: "a//b/" },
+  ]);
 });
 
 test("keys that the server would refuse are told apart", () => {
@@ -38,9 +42,18 @@ test("names of buckets follow the rules of S3", () => {
 
 test("a free name is found beside those that are taken", () => {
   const taken = new Set(["a/cat (2).jpg"]);
-  assert.equal(names.freeName("a/cat.jpg", (key) => taken.has(key)), "a/cat (3).jpg");
-  assert.equal(names.freeName("a.b/README", () => false), "a.b/README (2)");
-  assert.equal(names.freeName(".profile", () => false), ".profile (2)");
+  assert.equal(
+    names.freeName("a/cat.jpg", (key) => taken.has(key)),
+    "a/cat (3).jpg",
+  );
+  assert.equal(
+    names.freeName("a.b/README", () => false),
+    "a.b/README (2)",
+  );
+  assert.equal(
+    names.freeName(".profile", () => false),
+    ".profile (2)",
+  );
 });
 
 test("the kind of a file is told by its ending", () => {

@@ -23,7 +23,13 @@ test("times are shown in the zone of the reader", () => {
 });
 
 test("an address leads to the page that it was made for", () => {
-  for (const [bucket, prefix] of [["photos", ""], ["photos", "2026/"], ["photos", "a b/%2F/照片/"], ["photos", "<b>/?#/"], ["photos", "//"]]) {
+  for (const [bucket, prefix] of [
+    ["photos", ""],
+    ["photos", "2026/"],
+    ["photos", "a b/%2F/照片/"],
+    ["photos", "<b>/?#/"],
+    ["photos", "//"],
+  ]) {
     assert.deepEqual(parseRoute(hashOf("objects", bucket, prefix)), { page: "objects", bucket, prefix }, prefix);
   }
   assert.deepEqual(parseRoute(hashOf("log")), { page: "log", bucket: "", prefix: "" });

@@ -20,16 +20,27 @@ test("a plan covers the file without gaps and within the limits of S3", () => {
 });
 
 test("parts that the server has in their whole size are not sent again", () => {
-  const plan = parts.planParts(20, 8, [{ number: 1, size: 8, etag: '"a"' }, { number: 2, size: 7, etag: '"b"' }, { number: 3, size: 4, etag: '"c"' }]);
-  assert.deepEqual(plan.map((part) => part.etag), ['"a"', "", '"c"']);
+  const plan = parts.planParts(20, 8, [
+    { number: 1, size: 8, etag: '"a"' },
+    { number: 2, size: 7, etag: '"b"' },
+    { number: 3, size: 4, etag: '"c"' },
+  ]);
+  assert.deepEqual(
+    plan.map((part) => part.etag),
+    ['"a"', "", '"c"'],
+  );
   assert.equal(parts.bytesStored(plan), 12);
 });
 
 test("documents for the server carry any key as text", () => {
-  assert.equal(parts.removalOf(["a<b>&\"'\n"]),
-    "<Delete><Quiet>true</Quiet><Object><Key>a&#60;b&#62;&#38;&#34;&#39;&#10;</Key></Object></Delete>");
-  assert.equal(parts.completionOf([{ number: 1, etag: '"x"' }]),
-    "<CompleteMultipartUpload><Part><PartNumber>1</PartNumber><ETag>&#34;x&#34;</ETag></Part></CompleteMultipartUpload>");
+  assert.equal(
+    parts.removalOf(["a<b>&\"'\n"]),
+    "<Delete><Quiet>true</Quiet><Object><Key>a&#60;b&#62;&#38;&#34;&#39;&#10;</Key></Object></Delete>",
+  );
+  assert.equal(
+    parts.completionOf([{ number: 1, etag: '"x"' }]),
+    "<CompleteMultipartUpload><Part><PartNumber>1</PartNumber><ETag>&#34;x&#34;</ETag></Part></CompleteMultipartUpload>",
+  );
   assert.ok(parts.fitsXml("照片\n.jpg"));
   assert.ok(!parts.fitsXml("bell\u0007"));
 });

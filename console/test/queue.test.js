@@ -83,7 +83,10 @@ class Server {
   async completeUpload(bucket, key, id, parts) {
     this.note("complete", key);
     const stored = this.uploads.get(id);
-    this.objects.set(key, parts.reduce((sum, part) => sum + stored.get(part.number), 0));
+    this.objects.set(
+      key,
+      parts.reduce((sum, part) => sum + stored.get(part.number), 0),
+    );
     this.uploads.delete(id);
   }
   async abortUpload(bucket, key, id) {
@@ -107,7 +110,11 @@ test("small files go up in one request, large ones in parts, and nothing is reme
   const server = new Server();
   const storage = new Storage();
   const queue = queueOn(server, storage);
-  queue.add("b", [{ key: "small", file: file(10) }, { key: "large", file: file(40 * mebibyte + 1) }, { key: "empty", file: file(0) }]);
+  queue.add("b", [
+    { key: "small", file: file(10) },
+    { key: "large", file: file(40 * mebibyte + 1) },
+    { key: "empty", file: file(0) },
+  ]);
   await queue.rest();
   assert.deepEqual(queue.states(), ["done", "done", "done"]);
   assert.deepEqual(Object.fromEntries(server.objects), { small: 10, large: 40 * mebibyte + 1, empty: 0 });
@@ -118,7 +125,10 @@ test("small files go up in one request, large ones in parts, and nothing is reme
 test("after a reload only what was not sent is sent, and what is done is left alone", async () => {
   const server = new Server();
   const storage = new Storage();
-  const files = [{ key: "f/small", file: file(10) }, { key: "f/large", file: file(40 * mebibyte) }];
+  const files = [
+    { key: "f/small", file: file(10) },
+    { key: "f/large", file: file(40 * mebibyte) },
+  ];
   const refuse = (call) => {
     if (call === "part f/large 3") {
       throw new Failure(403, "AccessDenied");
@@ -156,7 +166,14 @@ test("interrupted files are found by their paths in a folder that is chosen agai
 
 test("an upload that the server has forgotten begins again", async () => {
   const storage = new Storage();
-  new UploadMemory(storage).keep({ bucket: "b", key: "large", size: 20 * mebibyte, mtime: 1, uploadId: "gone", partSize: 8 * mebibyte });
+  new UploadMemory(storage).keep({
+    bucket: "b",
+    key: "large",
+    size: 20 * mebibyte,
+    mtime: 1,
+    uploadId: "gone",
+    partSize: 8 * mebibyte,
+  });
   const server = new Server();
   const queue = queueOn(server, storage);
   queue.add("b", [{ key: "large", file: file(20 * mebibyte) }]);
@@ -175,7 +192,10 @@ test("a server that is away for a while is waited for; one that refuses is not",
     }
   });
   const queue = queueOn(server);
-  queue.add("b", [{ key: "a", file: file(1) }, { key: "b", file: file(1) }]);
+  queue.add("b", [
+    { key: "a", file: file(1) },
+    { key: "b", file: file(1) },
+  ]);
   await queue.rest();
   assert.deepEqual(queue.states(), ["done", "failed"]);
   assert.equal(server.calls.filter((call) => call === "put b").length, 1);
@@ -231,7 +251,10 @@ test("at most four files are under way, and one that is stopped gives its parts 
       signal.addEventListener("abort", () => reject(new Failure(400, "aborted")));
     });
   const queue = queueOn(server);
-  queue.add("b", Array.from({ length: 6 }, (_, i) => ({ key: `k${i}`, file: file(20 * mebibyte) })));
+  queue.add(
+    "b",
+    Array.from({ length: 6 }, (_, i) => ({ key: `k${i}`, file: file(20 * mebibyte) })),
+  );
   while (server.uploads.size < 4 || releases.length < 12) {
     await new Promise((resolve) => setImmediate(resolve));
   }

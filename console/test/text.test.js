@@ -8,8 +8,15 @@ const sources = fileURLToPath(new URL("../src/", import.meta.url));
 const names = (text) => [...text.matchAll(/\{(\w+)/g)].map((match) => match[1]).sort();
 
 function allSources(folder) {
-  return readdirSync(folder, { withFileTypes: true }).map((entry) =>
-    entry.isDirectory() ? allSources(`${folder}${entry.name}/`) : entry.name === "text.js" ? "" : readFileSync(folder + entry.name, "utf8")).join("\n");
+  return readdirSync(folder, { withFileTypes: true })
+    .map((entry) =>
+      entry.isDirectory()
+        ? allSources(`${folder}${entry.name}/`)
+        : entry.name === "text.js"
+          ? ""
+          : readFileSync(folder + entry.name, "utf8"),
+    )
+    .join("\n");
 }
 
 test("each text is there in both languages, with the same values", () => {

@@ -110,7 +110,9 @@ test("a wrong key is refused in words, and the right one opens the console", asy
 test("the secret is never sent", async () => {
   const other = await newProfile(browser);
   const sent = [];
-  other.context.on("request", (request) => sent.push(request.url() + (request.postData() ?? "") + JSON.stringify(request.headers())));
+  other.context.on("request", (request) =>
+    sent.push(request.url() + (request.postData() ?? "") + JSON.stringify(request.headers())),
+  );
   const another = await newPage(other);
   await another.goto(server.url);
   await signIn(another);
@@ -160,7 +162,10 @@ test("names with markup and marks that turn text show as text", async () => {
   await open("objects/photos");
   await page.getByText("Nothing here yet").waitFor();
   const names = ["<img src=x onerror=alert(1)>.txt", "photo\u202Egnp.exe", "照片 一.txt", "a&amp;b.txt", "مرحبا.txt"];
-  await choose(page.getByRole("button", { name: "Upload files" }), names.map((name) => ({ name, mimeType: "text/plain", buffer: Buffer.from(`in ${name}`) })));
+  await choose(
+    page.getByRole("button", { name: "Upload files" }),
+    names.map((name) => ({ name, mimeType: "text/plain", buffer: Buffer.from(`in ${name}`) })),
+  );
   await uploaded(names.length);
   for (const shown of ["<img src=x onerror=alert(1)>.txt", "photo⟨U+202E⟩gnp.exe", "照片 一.txt", "a&amp;b.txt", "مرحبا.txt"]) {
     await row(shown).waitFor();
@@ -219,7 +224,11 @@ test("a folder goes on after the page was reloaded in the middle of it", async (
   await uploaded(1);
   await page.unroute(/partNumber=/);
   const later = sentParts.slice(before.length);
-  assert.deepEqual([...later].sort(), [3, 4, 5, 6].filter((number) => number <= Math.ceil(film.length / (8 * mebibyte))), "parts after the reload");
+  assert.deepEqual(
+    [...later].sort(),
+    [3, 4, 5, 6].filter((number) => number <= Math.ceil(film.length / (8 * mebibyte))),
+    "parts after the reload",
+  );
 
   const digest = (bytes) => createHash("sha256").update(bytes).digest("hex");
   assert.equal(digest(await read(server, "photos", "trip/film.bin")), digest(film));
@@ -351,7 +360,14 @@ test("what is wrong is said in words", async () => {
   await page.route(/api\/overview/, async (route) => {
     const answer = await route.fetch();
     const overview = await answer.json();
-    await route.fulfill({ json: { ...overview, ready: false, parts: { ...overview.parts, database: "no answer for 12 seconds" }, certificate_end: overview.time - 1 } });
+    await route.fulfill({
+      json: {
+        ...overview,
+        ready: false,
+        parts: { ...overview.parts, database: "no answer for 12 seconds" },
+        certificate_end: overview.time - 1,
+      },
+    });
   });
   await open("overview");
   await page.getByText("2 things need your attention").waitFor();
@@ -364,7 +380,10 @@ test("what is wrong is said in words", async () => {
 test("every page is accessible, light and dark, in English and Chinese, on a phone too", async () => {
   await put(server, "photos", "2026/coast.png", png(480, 320, 0.5));
   await ask(server, "POST", "photos", "unfinished film.mkv", { query: { uploads: "" } }).then((answer) => answer.arrayBuffer());
-  for (const [colorScheme, viewport] of [["light", { width: 1280, height: 800 }], ["dark", { width: 390, height: 844 }]]) {
+  for (const [colorScheme, viewport] of [
+    ["light", { width: 1280, height: 800 }],
+    ["dark", { width: 390, height: 844 }],
+  ]) {
     await page.emulateMedia({ colorScheme });
     await page.setViewportSize(viewport);
     for (const name of pages) {
@@ -388,7 +407,11 @@ test("every page is accessible, light and dark, in English and Chinese, on a pho
 });
 
 test("a long list is scrolled to its end, with few rows drawn at a time", async () => {
-  await putMany(server, "photos", Array.from({ length: many }, (_, i) => `many/${String(i).padStart(6, "0")}.txt`));
+  await putMany(
+    server,
+    "photos",
+    Array.from({ length: many }, (_, i) => `many/${String(i).padStart(6, "0")}.txt`),
+  );
   await open("objects/photos/many/");
   await row("000000.txt").waitFor();
   const grid = page.getByRole("grid");
@@ -415,15 +438,27 @@ test("pictures for the README", { skip: process.env.CONSOLE_PICTURES ? false : "
   for (const bucket of ["family", "backups"]) {
     await (await ask(server, "PUT", bucket)).arrayBuffer();
   }
-  for (const [name, body] of [["2025/winter.png", png(480, 320, 0.8)], ["2026/coast.png", png(480, 320, 0.2)], ["archive.zip", noise(90_000, "zip")], ["cover.png", png(960, 640, 0.3)],
-    ["film.mp4", noise(3_000_000, "film")], ["guide.pdf", pdf], ["notes.md", "# Coast\n"], ["song.wav", wav()], ["stones.png", png(480, 320, 0.6)], ["waves.png", png(480, 320, 0.1)]]) {
+  for (const [name, body] of [
+    ["2025/winter.png", png(480, 320, 0.8)],
+    ["2026/coast.png", png(480, 320, 0.2)],
+    ["archive.zip", noise(90_000, "zip")],
+    ["cover.png", png(960, 640, 0.3)],
+    ["film.mp4", noise(3_000_000, "film")],
+    ["guide.pdf", pdf],
+    ["notes.md", "# Coast\n"],
+    ["song.wav", wav()],
+    ["stones.png", png(480, 320, 0.6)],
+    ["waves.png", png(480, 320, 0.1)],
+  ]) {
     await put(server, "family", name, body);
   }
   // Something for the charts to show: a dozen polls with traffic between them.
   await open("overview");
   for (let polls = 0; polls < 12; ++polls) {
     const polled = page.waitForResponse(/api\/overview/);
-    await Promise.all(Array.from({ length: 40 + 25 * (polls % 4) }, () => read(server, "family", polls % 3 ? "cover.png" : "film.mp4")));
+    await Promise.all(
+      Array.from({ length: 40 + 25 * (polls % 4) }, () => read(server, "family", polls % 3 ? "cover.png" : "film.mp4")),
+    );
     await polled;
   }
   for (const colorScheme of ["light", "dark"]) {

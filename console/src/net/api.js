@@ -22,7 +22,12 @@ async function call(method, path, body, more = {}) {
   }
   let answer;
   try {
-    answer = await fetch(`api/${path}`, { method, headers, body: body === undefined ? undefined : JSON.stringify(body), cache: "no-store" });
+    answer = await fetch(`api/${path}`, {
+      method,
+      headers,
+      body: body === undefined ? undefined : JSON.stringify(body),
+      cache: "no-store",
+    });
   } catch {
     throw new Failure(t("error.offline"));
   }

@@ -12,7 +12,10 @@ export class Failure extends Error {
 
   // Whether the same request may succeed a little later.
   get isPassing() {
-    return this.code !== "aborted" && (this.status === 0 || this.status === 429 || (this.status >= 500 && this.status !== 507 && this.status !== 501));
+    return (
+      this.code !== "aborted" &&
+      (this.status === 0 || this.status === 429 || (this.status >= 500 && this.status !== 507 && this.status !== 501))
+    );
   }
 }
 

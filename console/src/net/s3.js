@@ -24,7 +24,10 @@ async function signAsked() {
   asked = [];
   for (const some of inChunks(waiting, ({ request }) => JSON.stringify(request).length * 3)) {
     try {
-      const { urls } = await post("sign", some.map((one) => one.request));
+      const { urls } = await post(
+        "sign",
+        some.map((one) => one.request),
+      );
       some.forEach((one, i) => one.resolve(urls[i]));
     } catch (failure) {
       some.forEach((one) => one.reject(failure));
@@ -50,7 +53,8 @@ export function send(url, { method = "GET", body = null, headers = {}, progress 
     request.onloadend = () => signal?.removeEventListener("abort", stop);
     request.onabort = () => reject(aborted());
     request.onerror = () => reject(new Failure(t("error.storageOffline")));
-    request.onload = () => resolve({ status: request.status, text: request.responseText, header: (name) => request.getResponseHeader(name) });
+    request.onload = () =>
+      resolve({ status: request.status, text: request.responseText, header: (name) => request.getResponseHeader(name) });
     request.send(body);
   });
 }
@@ -131,7 +135,8 @@ export const linkTo = (bucket, key, { seconds = linkSeconds, type = "", attachme
     query["response-content-type"] = type;
   }
   if (attachment) {
-    query["response-content-disposition"] = `attachment; filename*=UTF-8''${encodeURIComponent(attachment).replace(/['()*]/g, (mark) => `%${mark.charCodeAt(0).toString(16)}`)}`;
+    query["response-content-disposition"] =
+      `attachment; filename*=UTF-8''${encodeURIComponent(attachment).replace(/['()*]/g, (mark) => `%${mark.charCodeAt(0).toString(16)}`)}`;
   }
   return sign({ method: "GET", bucket, key, query, expires: seconds });
 };
@@ -166,14 +171,19 @@ export async function deleteObjects(bucket, keys) {
 // When each bucket was made: a Map of names to times.
 export async function bucketTimes() {
   const { document } = await ask({ method: "GET", bucket: "" });
-  return new Map(Array.from(document.getElementsByTagName("Bucket"), (node) => [element(node, "Name"), element(node, "CreationDate")]));
+  return new Map(
+    Array.from(document.getElementsByTagName("Bucket"), (node) => [element(node, "Name"), element(node, "CreationDate")]),
+  );
 }
 
 export const makeBucket = (bucket) => ask({ method: "PUT", bucket });
 export const removeBucket = (bucket) => ask({ method: "DELETE", bucket });
 
 export async function beginUpload(bucket, key, type) {
-  const { document } = await ask({ method: "POST", bucket, key, query: { uploads: "" } }, { headers: type ? { "Content-Type": type } : {} });
+  const { document } = await ask(
+    { method: "POST", bucket, key, query: { uploads: "" } },
+    { headers: type ? { "Content-Type": type } : {} },
+  );
   return element(document, "UploadId");
 }
 
@@ -192,12 +202,18 @@ export async function listParts(bucket, key, uploadId) {
 }
 
 export async function putPart(bucket, key, uploadId, number, body, options) {
-  const { answer } = await ask({ method: "PUT", bucket, key, query: { uploadId, partNumber: String(number) } }, { body, ...options });
+  const { answer } = await ask(
+    { method: "PUT", bucket, key, query: { uploadId, partNumber: String(number) } },
+    { body, ...options },
+  );
   return answer.header("ETag") ?? "";
 }
 
 export const completeUpload = (bucket, key, uploadId, parts) =>
-  ask({ method: "POST", bucket, key, query: { uploadId } }, { body: completionOf(parts), headers: { "Content-Type": "text/plain" } });
+  ask(
+    { method: "POST", bucket, key, query: { uploadId } },
+    { body: completionOf(parts), headers: { "Content-Type": "text/plain" } },
+  );
 
 export const abortUpload = (bucket, key, uploadId) => ask({ method: "DELETE", bucket, key, query: { uploadId } });
 
@@ -212,6 +228,9 @@ export async function listUploads(bucket) {
     if (element(document, "IsTruncated") !== "true") {
       return uploads;
     }
-    markers = { "key-marker": decode(element(document, "NextKeyMarker")), "upload-id-marker": element(document, "NextUploadIdMarker") };
+    markers = {
+      "key-marker": decode(element(document, "NextKeyMarker")),
+      "upload-id-marker": element(document, "NextUploadIdMarker"),
+    };
   }
 }

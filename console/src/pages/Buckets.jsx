@@ -38,22 +38,40 @@ export function Buckets() {
     <>
       <div class="page-head">
         <h1>{t("page.buckets")}</h1>
-        {mayWrite() && <button class="primary" onClick={() => setDialog({ kind: "make" })}><Icon name="plus" /> {t("buckets.new")}</button>}
+        {mayWrite() && (
+          <button class="primary" onClick={() => setDialog({ kind: "make" })}>
+            <Icon name="plus" /> {t("buckets.new")}
+          </button>
+        )}
       </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {!value && !failure && <Loading />}
       {value && buckets.length === 0 && (
         <Empty icon="buckets" title={t("buckets.empty")} hint={t("buckets.emptyHint")}>
-          <button class="primary" onClick={() => setDialog({ kind: "make" })}><Icon name="plus" /> {t("buckets.new")}</button>
+          <button class="primary" onClick={() => setDialog({ kind: "make" })}>
+            <Icon name="plus" /> {t("buckets.new")}
+          </button>
         </Empty>
       )}
       {buckets.length > 0 && <BucketTable buckets={buckets} onRemove={(name) => setDialog({ kind: "remove", name })} />}
       {dialog?.kind === "make" && (
-        <AskDialog title={t("buckets.new")} label={t("buckets.name")} hint={t("bucket.rules")} button={t("buckets.make")}
-          problem={problemOfBucket} onDone={make} onClose={() => setDialog(null)} />
+        <AskDialog
+          title={t("buckets.new")}
+          label={t("buckets.name")}
+          hint={t("bucket.rules")}
+          button={t("buckets.make")}
+          problem={problemOfBucket}
+          onDone={make}
+          onClose={() => setDialog(null)}
+        />
       )}
       {dialog?.kind === "remove" && (
-        <ConfirmDialog title={t("buckets.removeTitle")} button={t("buckets.removeButton")} onDone={() => remove(dialog.name)} onClose={() => setDialog(null)}>
+        <ConfirmDialog
+          title={t("buckets.removeTitle")}
+          button={t("buckets.removeButton")}
+          onDone={() => remove(dialog.name)}
+          onClose={() => setDialog(null)}
+        >
           <p>{t("buckets.removeText", { name: dialog.name })}</p>
         </ConfirmDialog>
       )}
@@ -68,15 +86,25 @@ function BucketTable({ buckets, onRemove }) {
         <thead>
           <tr>
             <th scope="col">{t("buckets.column.name")}</th>
-            <th scope="col" class="number">{t("buckets.column.objects")}</th>
-            <th scope="col" class="number">{t("buckets.column.bytes")}</th>
-            <th scope="col" class="number">{t("buckets.column.quota")}</th>
+            <th scope="col" class="number">
+              {t("buckets.column.objects")}
+            </th>
+            <th scope="col" class="number">
+              {t("buckets.column.bytes")}
+            </th>
+            <th scope="col" class="number">
+              {t("buckets.column.quota")}
+            </th>
             <th scope="col">{t("buckets.column.created")}</th>
-            <th scope="col"><span class="unseen">{t("buckets.column.actions")}</span></th>
+            <th scope="col">
+              <span class="unseen">{t("buckets.column.actions")}</span>
+            </th>
           </tr>
         </thead>
         <tbody>
-          {buckets.map((bucket) => <BucketRow key={bucket.name} bucket={bucket} onRemove={onRemove} />)}
+          {buckets.map((bucket) => (
+            <BucketRow key={bucket.name} bucket={bucket} onRemove={onRemove} />
+          ))}
         </tbody>
       </table>
     </div>
@@ -87,14 +115,30 @@ function BucketRow({ bucket, onRemove }) {
   const { name, created, objects, quota } = bucket;
   return (
     <tr>
-      <th scope="row"><a class="strong" href={hashOf("objects", name)}><Icon name="buckets" /> <Name>{name}</Name></a></th>
-      <td class="number" data-label={t("buckets.column.objects")}>{number(objects, locale())}</td>
-      <td class="number" data-label={t("buckets.column.bytes")}>{bytes(bucket.bytes)}</td>
+      <th scope="row">
+        <a class="strong" href={hashOf("objects", name)}>
+          <Icon name="buckets" /> <Name>{name}</Name>
+        </a>
+      </th>
+      <td class="number" data-label={t("buckets.column.objects")}>
+        {number(objects, locale())}
+      </td>
+      <td class="number" data-label={t("buckets.column.bytes")}>
+        {bytes(bucket.bytes)}
+      </td>
       <td class="number" data-label={t("buckets.column.quota")}>
-        {quota ? <>{bytes(quota)} <meter min={0} max={quota} value={bucket.bytes} aria-label={t("buckets.column.quota")} /></> : t("buckets.noQuota")}
+        {quota ? (
+          <>
+            {bytes(quota)} <meter min={0} max={quota} value={bucket.bytes} aria-label={t("buckets.column.quota")} />
+          </>
+        ) : (
+          t("buckets.noQuota")
+        )}
       </td>
       <td data-label={t("buckets.column.created")}>{created ? moment(created, locale()) : "–"}</td>
-      <td class="actions">{mayWrite() && <IconButton name="delete" label={t("buckets.remove", { name })} onClick={() => onRemove(name)} />}</td>
+      <td class="actions">
+        {mayWrite() && <IconButton name="delete" label={t("buckets.remove", { name })} onClick={() => onRemove(name)} />}
+      </td>
     </tr>
   );
 }

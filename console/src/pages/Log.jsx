@@ -40,15 +40,28 @@ export function Log() {
       <div class="page-head">
         <h1>{t("page.log")}</h1>
         <SearchBox id="search" label={t("log.filter")} value={filter} onInput={setFilter} />
-        <label class="check"><input type="checkbox" checked={follows} onChange={(event) => setFollows(event.target.checked)} /> {t("log.follow")}</label>
+        <label class="check">
+          <input type="checkbox" checked={follows} onChange={(event) => setFollows(event.target.checked)} /> {t("log.follow")}
+        </label>
       </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {isLoaded && lines.length === 0 && <Empty icon="log" title={t("log.empty")} hint={t("log.emptyHint")} />}
       {lines.length > 0 && shown.length === 0 && <Empty icon="search" title={t("log.noMatch")} hint={t("log.noMatchHint")} />}
       {shown.length > 0 && (
-        <div class="card log" ref={box} tabIndex={0} role="log" aria-live="off" aria-label={t("log.lines")}
-          onWheel={(event) => event.deltaY < 0 && setFollows(false)}>
-          {shown.map((line, i) => <div key={i} class={/error/i.test(line) ? "bad" : ""}><Name>{line}</Name></div>)}
+        <div
+          class="card log"
+          ref={box}
+          tabIndex={0}
+          role="log"
+          aria-live="off"
+          aria-label={t("log.lines")}
+          onWheel={(event) => event.deltaY < 0 && setFollows(false)}
+        >
+          {shown.map((line, i) => (
+            <div key={i} class={/error/i.test(line) ? "bad" : ""}>
+              <Name>{line}</Name>
+            </div>
+          ))}
         </div>
       )}
     </>

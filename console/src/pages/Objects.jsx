@@ -33,18 +33,27 @@ function ChooseBucket() {
   }, [value]);
   return (
     <>
-      <div class="page-head"><h1>{t("page.objects")}</h1></div>
+      <div class="page-head">
+        <h1>{t("page.objects")}</h1>
+      </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {!value && !failure && <Loading />}
       {value && buckets.length === 0 && (
         <Empty icon="buckets" title={t("buckets.empty")} hint={t("buckets.emptyHint")}>
-          <a class="button primary" href={hashOf("buckets")}><Icon name="plus" /> {t("buckets.new")}</a>
+          <a class="button primary" href={hashOf("buckets")}>
+            <Icon name="plus" /> {t("buckets.new")}
+          </a>
         </Empty>
       )}
       {buckets.length > 0 && (
         <nav aria-label={t("objects.choose")} class="tiles">
           {buckets.map(({ name }) => (
-            <a key={name} class="card tile bucket-tile" href={hashOf("objects", name)}><Icon name="buckets" size={26} /><span class="strong"><Name>{name}</Name></span></a>
+            <a key={name} class="card tile bucket-tile" href={hashOf("objects", name)}>
+              <Icon name="buckets" size={26} />
+              <span class="strong">
+                <Name>{name}</Name>
+              </span>
+            </a>
           ))}
         </nav>
       )}
@@ -77,7 +86,8 @@ function Folder({ bucket, prefix }) {
   const entries = listing.entries;
   const files = entries.filter((entry) => entry.size !== null);
   const chosen = entries.filter((entry) => selected.has(entry.key));
-  const open = (entry) => (entry.size === null ? (location.hash = hashOf("objects", bucket, entry.key)) : setDialog({ kind: "show", entry }));
+  const open = (entry) =>
+    entry.size === null ? (location.hash = hashOf("objects", bucket, entry.key)) : setDialog({ kind: "show", entry });
   const upload = async (folder) => add(bucket, prefix, chosenFiles(await chooseFiles({ folder })));
   const afterDelete = () => {
     setSelected(new Set());
@@ -112,9 +122,21 @@ function Folder({ bucket, prefix }) {
         <SearchBox id="search" label={t("objects.search")} value={search} onInput={setSearch} inputRef={searchInput} />
         <div class="buttons">
           <IconButton name="reload" label={t("objects.reload")} onClick={reload} />
-          {mayWrite() && <button onClick={() => setDialog({ kind: "folder" })}><Icon name="newFolder" /> <span class="wide-only">{t("objects.newFolder")}</span></button>}
-          {mayWrite() && <button onClick={() => upload(true)}><Icon name="folder" /> <span class="wide-only">{t("objects.uploadFolder")}</span></button>}
-          {mayWrite() && <button id="upload-files" class="primary" onClick={() => upload(false)}><Icon name="upload" /> {t("objects.uploadFiles")}</button>}
+          {mayWrite() && (
+            <button onClick={() => setDialog({ kind: "folder" })}>
+              <Icon name="newFolder" /> <span class="wide-only">{t("objects.newFolder")}</span>
+            </button>
+          )}
+          {mayWrite() && (
+            <button onClick={() => upload(true)}>
+              <Icon name="folder" /> <span class="wide-only">{t("objects.uploadFolder")}</span>
+            </button>
+          )}
+          {mayWrite() && (
+            <button id="upload-files" class="primary" onClick={() => upload(false)}>
+              <Icon name="upload" /> {t("objects.uploadFiles")}
+            </button>
+          )}
         </div>
       </div>
       <Selection chosen={chosen} act={act} onClear={() => setSelected(new Set())} />
@@ -123,27 +145,56 @@ function Folder({ bucket, prefix }) {
       {entries.length === 0 && listing.isLoading && <Loading />}
       {entries.length > 0 && (
         <>
-          <FileGrid key={prefix + search} label={t("objects.list", { place })} entries={entries} isDone={listing.isDone} selected={selected}
-            onSelect={setSelected} onOpen={open} onNeed={(row) => listing.need(row)} onKey={press} />
-          <p class="count" role="status">{t(listing.isDone ? "objects.count" : "objects.countMore", { n: entries.length })}</p>
+          <FileGrid
+            key={prefix + search}
+            label={t("objects.list", { place })}
+            entries={entries}
+            isDone={listing.isDone}
+            selected={selected}
+            onSelect={setSelected}
+            onOpen={open}
+            onNeed={(row) => listing.need(row)}
+            onKey={press}
+          />
+          <p class="count" role="status">
+            {t(listing.isDone ? "objects.count" : "objects.countMore", { n: entries.length })}
+          </p>
         </>
       )}
-      {isDropping && <div class="drop"><Icon name="upload" size={48} /><p>{t("objects.drop", { place })}</p></div>}
-      <FolderDialog dialog={dialog} setDialog={setDialog} bucket={bucket} prefix={prefix} files={files} act={act} reload={reload} afterDelete={afterDelete} />
+      {isDropping && (
+        <div class="drop">
+          <Icon name="upload" size={48} />
+          <p>{t("objects.drop", { place })}</p>
+        </div>
+      )}
+      <FolderDialog
+        dialog={dialog}
+        setDialog={setDialog}
+        bucket={bucket}
+        prefix={prefix}
+        files={files}
+        act={act}
+        reload={reload}
+        afterDelete={afterDelete}
+      />
     </div>
   );
 }
 
 function NothingHere({ search, onUpload }) {
   if (search) {
-    return <Empty icon="search" title={t("objects.nothingFound", { prefix: visible(search) })} hint={t("objects.nothingFoundHint")} />;
+    return (
+      <Empty icon="search" title={t("objects.nothingFound", { prefix: visible(search) })} hint={t("objects.nothingFoundHint")} />
+    );
   }
   if (!mayWrite()) {
     return <Empty icon="folder" title={t("objects.empty")} hint={t("objects.emptyReadOnly")} />;
   }
   return (
     <Empty icon="upload" title={t("objects.empty")} hint={t("objects.emptyHint")}>
-      <button class="primary" onClick={onUpload}><Icon name="upload" /> {t("objects.upload")}</button>
+      <button class="primary" onClick={onUpload}>
+        <Icon name="upload" /> {t("objects.upload")}
+      </button>
     </Empty>
   );
 }
@@ -156,7 +207,9 @@ function Path({ bucket, prefix }) {
         {folders.map((folder, i) => (
           <li key={folder.prefix}>
             {i > 0 && <Icon name="next" size={14} />}
-            <a href={hashOf("objects", bucket, folder.prefix)} aria-current={i === folders.length - 1 ? "page" : undefined}><Name>{folder.name || "/"}</Name></a>
+            <a href={hashOf("objects", bucket, folder.prefix)} aria-current={i === folders.length - 1 ? "page" : undefined}>
+              <Name>{folder.name || "/"}</Name>
+            </a>
           </li>
         ))}
       </ol>
@@ -173,10 +226,24 @@ function Selection({ chosen, act, onClear }) {
   return (
     <div class="selection" role="toolbar" aria-label={t("objects.selected", { n: chosen.length })}>
       <span role="status">{t("objects.selected", { n: chosen.length })}</span>
-      <button onClick={() => act.download(chosen)}><Icon name="download" /> {t("objects.download")}</button>
-      {isOneFile && <button onClick={() => act.share(only)}><Icon name="share" /> {t("objects.share")}</button>}
-      {isOneFile && mayWrite() && <button onClick={() => act.rename(only)}><Icon name="rename" /> {t("objects.rename")}</button>}
-      {mayWrite() && <button class="danger" onClick={() => act.delete(chosen)}><Icon name="delete" /> {t("objects.delete")}</button>}
+      <button onClick={() => act.download(chosen)}>
+        <Icon name="download" /> {t("objects.download")}
+      </button>
+      {isOneFile && (
+        <button onClick={() => act.share(only)}>
+          <Icon name="share" /> {t("objects.share")}
+        </button>
+      )}
+      {isOneFile && mayWrite() && (
+        <button onClick={() => act.rename(only)}>
+          <Icon name="rename" /> {t("objects.rename")}
+        </button>
+      )}
+      {mayWrite() && (
+        <button class="danger" onClick={() => act.delete(chosen)}>
+          <Icon name="delete" /> {t("objects.delete")}
+        </button>
+      )}
       <IconButton name="close" label={t("objects.clear")} onClick={onClear} />
     </div>
   );
@@ -186,26 +253,48 @@ function FolderDialog({ dialog, setDialog, bucket, prefix, files, act, reload, a
   const close = () => setDialog(null);
   switch (dialog?.kind) {
     case "show":
-      return <ShowDialog entry={dialog.entry} bucket={bucket} files={files} act={act} onMove={(entry) => setDialog({ kind: "show", entry })} onClose={close} />;
+      return (
+        <ShowDialog
+          entry={dialog.entry}
+          bucket={bucket}
+          files={files}
+          act={act}
+          onMove={(entry) => setDialog({ kind: "show", entry })}
+          onClose={close}
+        />
+      );
     case "share":
       return <Share bucket={bucket} entry={dialog.entry} onClose={close} />;
     case "folder":
       return (
-        <AskDialog title={t("objects.newFolder")} label={t("objects.folderName")} hint={t("objects.folderHint")} button={t("objects.openFolder")} onClose={close}
+        <AskDialog
+          title={t("objects.newFolder")}
+          label={t("objects.folderName")}
+          hint={t("objects.folderHint")}
+          button={t("objects.openFolder")}
+          onClose={close}
           problem={(name) => (name === "" || name.includes("/") ? "objects.folderSlash" : problemOfKey(prefix + name))}
           onDone={(name) => {
             location.hash = hashOf("objects", bucket, `${prefix}${name}/`);
-          }} />
+          }}
+        />
       );
     case "rename":
       return (
-        <AskDialog title={t("objects.renameTitle")} label={t("objects.renameLabel")} hint={t("objects.renameHint")} button={t("objects.renameButton")} onClose={close}
-          value={dialog.entry.key.slice(prefix.length)} problem={(name) => problemOfKey(prefix + name)}
+        <AskDialog
+          title={t("objects.renameTitle")}
+          label={t("objects.renameLabel")}
+          hint={t("objects.renameHint")}
+          button={t("objects.renameButton")}
+          onClose={close}
+          value={dialog.entry.key.slice(prefix.length)}
+          problem={(name) => problemOfKey(prefix + name)}
           onDone={async (name) => {
             await renameEntry(bucket, dialog.entry.key, prefix + name);
             tell(t("objects.renamed", { name: visible(name) }));
             afterDelete();
-          }} />
+          }}
+        />
       );
     case "delete":
       return <DeleteDialog bucket={bucket} entries={dialog.entries} onDone={afterDelete} onFailed={reload} onClose={close} />;
@@ -225,12 +314,25 @@ function ShowDialog({ entry, bucket, files, act, onMove, onClose }) {
     { icon: "share", label: t("objects.share"), onClick: () => act.share(entry) },
     { icon: "download", label: t("objects.download"), kind: "primary", onClick: () => act.download([entry]) },
   ];
-  return <Preview bucket={bucket} entry={entry} previous={files[at - 1]} next={files[at + 1]} onMove={onMove} actions={actions} onClose={onClose} />;
+  return (
+    <Preview
+      bucket={bucket}
+      entry={entry}
+      previous={files[at - 1]}
+      next={files[at + 1]}
+      onMove={onMove}
+      actions={actions}
+      onClose={onClose}
+    />
+  );
 }
 
 function DeleteDialog({ bucket, entries, onDone, onFailed, onClose }) {
   const [count, setCount] = useState(0);
-  const shown = entries.slice(0, 3).map((entry) => visible(lastPart(entry.key))).join(", ");
+  const shown = entries
+    .slice(0, 3)
+    .map((entry) => visible(lastPart(entry.key)))
+    .join(", ");
   const names = entries.length > 3 ? t("objects.andMore", { names: shown, n: entries.length - 3 }) : shown;
   const run = async () => {
     try {
@@ -243,8 +345,15 @@ function DeleteDialog({ bucket, entries, onDone, onFailed, onClose }) {
     }
   };
   return (
-    <ConfirmDialog title={t("objects.deleteTitle", { n: entries.length })} button={t("objects.deleteButton")} onDone={run} onClose={onClose}>
-      <p><bdi>{t("objects.deleteText", { names })}</bdi></p>
+    <ConfirmDialog
+      title={t("objects.deleteTitle", { n: entries.length })}
+      button={t("objects.deleteButton")}
+      onDone={run}
+      onClose={onClose}
+    >
+      <p>
+        <bdi>{t("objects.deleteText", { names })}</bdi>
+      </p>
       {count > 0 && <p role="status">{t("objects.deleting", { n: count })}</p>}
     </ConfirmDialog>
   );
@@ -256,7 +365,10 @@ function add(bucket, prefix, files) {
   if (bad) {
     tell(`${visible(bad.key)}: ${t(problemOfKey(bad.key))}`, { isBad: true });
   }
-  queue.add(bucket, good.filter(({ key }) => !problemOfKey(key)));
+  queue.add(
+    bucket,
+    good.filter(({ key }) => !problemOfKey(key)),
+  );
 }
 
 // Files may be dropped anywhere on the page.
@@ -275,7 +387,10 @@ function useDrop(bucket, prefix) {
       if (hasFiles(event)) {
         event.preventDefault();
         setOver(false);
-        droppedFiles(event.dataTransfer).then((files) => add(bucket, prefix, files), (failure) => tell(failure.message, { isBad: true }));
+        droppedFiles(event.dataTransfer).then(
+          (files) => add(bucket, prefix, files),
+          (failure) => tell(failure.message, { isBad: true }),
+        );
       }
     };
     const listeners = { dragover: over, dragleave: leave, drop };

@@ -18,7 +18,9 @@ export function Overview({ theme }) {
   }, 2);
   return (
     <>
-      <div class="page-head"><h1>{t("page.overview")}</h1></div>
+      <div class="page-head">
+        <h1>{t("page.overview")}</h1>
+      </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {!value && !failure && <Loading />}
       {value && <Verdict overview={value} />}
@@ -32,17 +34,28 @@ function Verdict({ overview }) {
   if (found.length === 0) {
     return (
       <section class="verdict well" role="status">
-        <span class="verdict-icon"><Icon name="check" size={26} /></span>
-        <div><h2>{t("overview.well")}</h2><p>{t("overview.wellSince", { time: duration(overview.uptime) })}</p></div>
+        <span class="verdict-icon">
+          <Icon name="check" size={26} />
+        </span>
+        <div>
+          <h2>{t("overview.well")}</h2>
+          <p>{t("overview.wellSince", { time: duration(overview.uptime) })}</p>
+        </div>
       </section>
     );
   }
   return (
     <section class={`verdict ${found[0].level}`} role="status">
-      <span class="verdict-icon"><Icon name={found[0].level === "bad" ? "bad" : "warning"} size={26} /></span>
+      <span class="verdict-icon">
+        <Icon name={found[0].level === "bad" ? "bad" : "warning"} size={26} />
+      </span>
       <div>
         <h2>{t("overview.troubles", { n: found.length })}</h2>
-        <ul>{found.map((trouble) => <li key={trouble.text + trouble.values.part}>{wordsOf(trouble)}</li>)}</ul>
+        <ul>
+          {found.map((trouble) => (
+            <li key={trouble.text + trouble.values.part}>{wordsOf(trouble)}</li>
+          ))}
+        </ul>
       </div>
     </section>
   );
@@ -72,28 +85,88 @@ function Figures({ overview, theme }) {
   return (
     <>
       <div class="tiles">
-        <Tile icon="objects" title={t("overview.stored")} value={bytes(catalogue.bytes)} href={hashOf("objects")}
-          hint={t("overview.objects", { n: catalogue.objects, buckets: t("overview.buckets", { n: catalogue.buckets }) })} />
-        <Tile icon="buckets" title={t("overview.space")} value={percent(space.total ? 1 - space.free / space.total : 0, locale())}
-          hint={t("overview.free", { free: bytes(space.free), total: bytes(space.total) })} share={space.total ? 1 - space.free / space.total : 0} />
-        <Tile icon="requests" title={t("overview.connections")} value={number(connections.open, locale())} href={hashOf("requests")}
-          hint={t("overview.busy", { busy: connections.busy, limit: connections.limit })} />
-        <Tile icon="overview" title={t("overview.uptime")} value={duration(overview.uptime)} href={hashOf("unfinished")}
-          hint={t("overview.uploads", { n: catalogue.uploads })} />
+        <Tile
+          icon="objects"
+          title={t("overview.stored")}
+          value={bytes(catalogue.bytes)}
+          href={hashOf("objects")}
+          hint={t("overview.objects", { n: catalogue.objects, buckets: t("overview.buckets", { n: catalogue.buckets }) })}
+        />
+        <Tile
+          icon="buckets"
+          title={t("overview.space")}
+          value={percent(space.total ? 1 - space.free / space.total : 0, locale())}
+          hint={t("overview.free", { free: bytes(space.free), total: bytes(space.total) })}
+          share={space.total ? 1 - space.free / space.total : 0}
+        />
+        <Tile
+          icon="requests"
+          title={t("overview.connections")}
+          value={number(connections.open, locale())}
+          href={hashOf("requests")}
+          hint={t("overview.busy", { busy: connections.busy, limit: connections.limit })}
+        />
+        <Tile
+          icon="overview"
+          title={t("overview.uptime")}
+          value={duration(overview.uptime)}
+          href={hashOf("unfinished")}
+          hint={t("overview.uploads", { n: catalogue.uploads })}
+        />
       </div>
       <div class="charts">
-        <Panel title={t("overview.requests")} now={rate(now.requests)} theme={theme} columns={columns("requests", "errors")} format={short}
+        <Panel
+          title={t("overview.requests")}
+          now={rate(now.requests)}
+          theme={theme}
+          columns={columns("requests", "errors")}
+          format={short}
           series={[{ colour: "--chart-1" }, { colour: "--chart-3" }]}
-          legend={[["--chart-1", t("overview.requests"), rate(now.requests)], ["--chart-3", t("overview.errors"), rate(now.errors)]]} />
-        <Panel title={t("overview.latency")} now={seconds(now.slow)} theme={theme} columns={columns("slow", "median")} format={seconds}
-          series={[{ colour: "--chart-2" }, { colour: "--chart-1" }]} smallest={0.001}
-          legend={[["--chart-1", t("overview.median"), seconds(now.median)], ["--chart-2", t("overview.slow"), seconds(now.slow)]]} />
-        <Panel title={t("overview.traffic")} now={byteRate(now.bytesOut)} theme={theme} columns={columns("bytesOut", "bytesIn")} format={bytes}
-          series={[{ colour: "--chart-1" }, { colour: "--chart-2" }]} smallest={1024} isBinary
-          legend={[["--chart-2", t("overview.in"), byteRate(now.bytesIn)], ["--chart-1", t("overview.out"), byteRate(now.bytesOut)]]} />
-        <Panel title={t("overview.memory")} now={bytes(memory.used)} theme={theme} columns={columns("memory")} format={bytes}
-          series={[{ colour: "--chart-1" }]} smallest={1024 * 1024} isBinary
-          legend={[["--chart-1", t("overview.memory"), t("overview.memoryOf", { used: bytes(memory.used), limit: bytes(memory.limit) })]]} />
+          legend={[
+            ["--chart-1", t("overview.requests"), rate(now.requests)],
+            ["--chart-3", t("overview.errors"), rate(now.errors)],
+          ]}
+        />
+        <Panel
+          title={t("overview.latency")}
+          now={seconds(now.slow)}
+          theme={theme}
+          columns={columns("slow", "median")}
+          format={seconds}
+          series={[{ colour: "--chart-2" }, { colour: "--chart-1" }]}
+          smallest={0.001}
+          legend={[
+            ["--chart-1", t("overview.median"), seconds(now.median)],
+            ["--chart-2", t("overview.slow"), seconds(now.slow)],
+          ]}
+        />
+        <Panel
+          title={t("overview.traffic")}
+          now={byteRate(now.bytesOut)}
+          theme={theme}
+          columns={columns("bytesOut", "bytesIn")}
+          format={bytes}
+          series={[{ colour: "--chart-1" }, { colour: "--chart-2" }]}
+          smallest={1024}
+          isBinary
+          legend={[
+            ["--chart-2", t("overview.in"), byteRate(now.bytesIn)],
+            ["--chart-1", t("overview.out"), byteRate(now.bytesOut)],
+          ]}
+        />
+        <Panel
+          title={t("overview.memory")}
+          now={bytes(memory.used)}
+          theme={theme}
+          columns={columns("memory")}
+          format={bytes}
+          series={[{ colour: "--chart-1" }]}
+          smallest={1024 * 1024}
+          isBinary
+          legend={[
+            ["--chart-1", t("overview.memory"), t("overview.memoryOf", { used: bytes(memory.used), limit: bytes(memory.limit) })],
+          ]}
+        />
       </div>
     </>
   );
@@ -102,13 +175,21 @@ function Figures({ overview, theme }) {
 function Tile({ icon, title, value, hint, href, share }) {
   const inside = (
     <>
-      <span class="tile-title"><Icon name={icon} size={18} /> {title}</span>
+      <span class="tile-title">
+        <Icon name={icon} size={18} /> {title}
+      </span>
       <span class="tile-value">{value}</span>
       {share !== undefined && <meter min={0} max={1} high={0.9} value={share} aria-label={title} />}
       <span class="tile-hint">{hint}</span>
     </>
   );
-  return href ? <a class="card tile" href={href}>{inside}</a> : <div class="card tile">{inside}</div>;
+  return href ? (
+    <a class="card tile" href={href}>
+      {inside}
+    </a>
+  ) : (
+    <div class="card tile">{inside}</div>
+  );
 }
 
 function Panel({ title, now, legend, ...chart }) {
@@ -117,7 +198,12 @@ function Panel({ title, now, legend, ...chart }) {
       <h2>{title}</h2>
       <dl class="legend">
         {legend.map(([colour, name, value]) => (
-          <div key={name}><dt><span class={`swatch swatch${colour.slice(1)}`} aria-hidden="true" /> {name}</dt><dd>{value}</dd></div>
+          <div key={name}>
+            <dt>
+              <span class={`swatch swatch${colour.slice(1)}`} aria-hidden="true" /> {name}
+            </dt>
+            <dd>{value}</dd>
+          </div>
         ))}
       </dl>
       <Chart name={title} now={now} {...chart} />

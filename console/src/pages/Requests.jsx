@@ -8,7 +8,10 @@ export function Requests() {
   const requests = value?.requests ?? [];
   return (
     <>
-      <div class="page-head"><h1>{t("page.requests")}</h1><span class="live">{t("requests.live")}</span></div>
+      <div class="page-head">
+        <h1>{t("page.requests")}</h1>
+        <span class="live">{t("requests.live")}</span>
+      </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {!value && !failure && <Loading />}
       {value && requests.length === 0 && <Empty icon="requests" title={t("requests.empty")} hint={t("requests.emptyHint")} />}
@@ -21,17 +24,29 @@ export function Requests() {
                 <th scope="col">{t("requests.operation")}</th>
                 <th scope="col">{t("requests.phase")}</th>
                 <th scope="col">{t("requests.peer")}</th>
-                <th scope="col" class="number">{t("requests.age")}</th>
+                <th scope="col" class="number">
+                  {t("requests.age")}
+                </th>
               </tr>
             </thead>
             <tbody>
               {requests.map((request, i) => (
                 <tr key={i}>
-                  <th scope="row" class="code"><Name>{request.request}</Name></th>
-                  <td data-label={t("requests.operation")}>{request.service} {request.operation}</td>
-                  <td data-label={t("requests.phase")}><span class="tag">{request.phase}</span></td>
-                  <td data-label={t("requests.peer")} class="code">{request.peer}</td>
-                  <td data-label={t("requests.age")} class="number">{milliseconds(request.age_ms)}</td>
+                  <th scope="row" class="code">
+                    <Name>{request.request}</Name>
+                  </th>
+                  <td data-label={t("requests.operation")}>
+                    {request.service} {request.operation}
+                  </td>
+                  <td data-label={t("requests.phase")}>
+                    <span class="tag">{request.phase}</span>
+                  </td>
+                  <td data-label={t("requests.peer")} class="code">
+                    {request.peer}
+                  </td>
+                  <td data-label={t("requests.age")} class="number">
+                    {milliseconds(request.age_ms)}
+                  </td>
                 </tr>
               ))}
             </tbody>

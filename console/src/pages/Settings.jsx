@@ -4,7 +4,13 @@ import { t } from "../text.js";
 import { FailureBox, Loading, Name, SearchBox, usePolled } from "../widgets/Common.jsx";
 
 function written(value) {
-  return Array.isArray(value) ? value.join(", ") : value === null || value === undefined ? "" : typeof value === "object" ? JSON.stringify(value) : String(value);
+  return Array.isArray(value)
+    ? value.join(", ")
+    : value === null || value === undefined
+      ? ""
+      : typeof value === "object"
+        ? JSON.stringify(value)
+        : String(value);
 }
 
 export function Settings() {
@@ -24,12 +30,21 @@ export function Settings() {
       {value && (
         <div class="card table-card">
           <table>
-            <thead><tr><th scope="col">{t("settings.name")}</th><th scope="col">{t("settings.value")}</th></tr></thead>
+            <thead>
+              <tr>
+                <th scope="col">{t("settings.name")}</th>
+                <th scope="col">{t("settings.value")}</th>
+              </tr>
+            </thead>
             <tbody>
               {shown.map(([name, setting]) => (
                 <tr key={name}>
-                  <th scope="row" class="code">{name}</th>
-                  <td class="code">{written(setting) === "" ? <span class="muted">{t("settings.none")}</span> : <Name>{written(setting)}</Name>}</td>
+                  <th scope="row" class="code">
+                    {name}
+                  </th>
+                  <td class="code">
+                    {written(setting) === "" ? <span class="muted">{t("settings.none")}</span> : <Name>{written(setting)}</Name>}
+                  </td>
                 </tr>
               ))}
             </tbody>

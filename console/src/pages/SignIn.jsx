@@ -43,22 +43,57 @@ export function SignIn({ preferences }) {
   return (
     <main class="sign-in">
       <form onSubmit={submit} class="card" autocomplete="on">
-        <div class="brand"><Flower size={56} /><div><h1>{t("app.title")}</h1><p>{t("app.tagline")}</p></div></div>
-        {hasEnded && !error && <p class="hint" role="status">{t("signIn.ended")}</p>}
+        <div class="brand">
+          <Flower size={56} />
+          <div>
+            <h1>{t("app.title")}</h1>
+            <p>{t("app.tagline")}</p>
+          </div>
+        </div>
+        {hasEnded && !error && (
+          <p class="hint" role="status">
+            {t("signIn.ended")}
+          </p>
+        )}
         <label>
           {t("signIn.key")}
           <input name="key" autocomplete="username" autocapitalize="none" spellcheck={false} autofocus required />
         </label>
         <label for="secret">{t("signIn.secret")}</label>
         <div class="secret">
-          <input id="secret" name="secret" type={isShown ? "text" : "password"} autocomplete="current-password" autocapitalize="none" spellcheck={false}
-            required aria-describedby="where" />
-          <IconButton name="eye" label={t(isShown ? "signIn.hide" : "signIn.show")} aria-pressed={isShown} onClick={() => setShown(!isShown)} />
+          <input
+            id="secret"
+            name="secret"
+            type={isShown ? "text" : "password"}
+            autocomplete="current-password"
+            autocapitalize="none"
+            spellcheck={false}
+            required
+            aria-describedby="where"
+          />
+          <IconButton
+            name="eye"
+            label={t(isShown ? "signIn.hide" : "signIn.show")}
+            aria-pressed={isShown}
+            onClick={() => setShown(!isShown)}
+          />
         </div>
-        {error && <p class="error" role="alert"><Icon name="warning" size={18} /> {error}</p>}
-        {!isSecure && <p class="error" role="alert">{t("signIn.insecure")}</p>}
-        <button class="primary" disabled={isBusy || !isSecure}>{t(isBusy ? "signIn.busy" : "signIn.button")}</button>
-        <p id="where" class="hint">{t("signIn.where")}</p>
+        {error && (
+          <p class="error" role="alert">
+            <Icon name="warning" size={18} /> {error}
+          </p>
+        )}
+        {!isSecure && (
+          <p class="error" role="alert">
+            {t("signIn.insecure")}
+          </p>
+        )}
+        <button class="primary" disabled={isBusy || !isSecure}>
+          {t(isBusy ? "signIn.busy" : "signIn.button")}
+        </button>
+        <p id="where" class="hint">
+          {t("signIn.where")}
+        </p>
       </form>
       {preferences}
     </main>

@@ -25,7 +25,9 @@ export function Unfinished() {
   };
   return (
     <>
-      <div class="page-head"><h1>{t("page.unfinished")}</h1></div>
+      <div class="page-head">
+        <h1>{t("page.unfinished")}</h1>
+      </div>
       {failure && <FailureBox failure={failure} onRetry={reload} />}
       {!value && !failure && <Loading />}
       {value?.length === 0 && <Empty icon="unfinished" title={t("unfinished.empty")} hint={t("unfinished.emptyHint")} />}
@@ -37,17 +39,29 @@ export function Unfinished() {
                 <th scope="col">{t("unfinished.key")}</th>
                 <th scope="col">{t("unfinished.bucket")}</th>
                 <th scope="col">{t("unfinished.begun")}</th>
-                <th scope="col"><span class="unseen">{t("unfinished.actions")}</span></th>
+                <th scope="col">
+                  <span class="unseen">{t("unfinished.actions")}</span>
+                </th>
               </tr>
             </thead>
             <tbody>
               {value.map((upload) => (
                 <tr key={upload.id}>
-                  <th scope="row"><Name>{upload.key}</Name></th>
-                  <td data-label={t("unfinished.bucket")}><Name>{upload.bucket}</Name></td>
+                  <th scope="row">
+                    <Name>{upload.key}</Name>
+                  </th>
+                  <td data-label={t("unfinished.bucket")}>
+                    <Name>{upload.bucket}</Name>
+                  </td>
                   <td data-label={t("unfinished.begun")}>{moment(upload.time, locale())}</td>
                   <td class="actions">
-                    {mayWrite() && <IconButton name="close" label={t("unfinished.abort", { name: visible(upload.key) })} onClick={() => setChosen(upload)} />}
+                    {mayWrite() && (
+                      <IconButton
+                        name="close"
+                        label={t("unfinished.abort", { name: visible(upload.key) })}
+                        onClick={() => setChosen(upload)}
+                      />
+                    )}
                   </td>
                 </tr>
               ))}
@@ -56,7 +70,12 @@ export function Unfinished() {
         </div>
       )}
       {chosen && (
-        <ConfirmDialog title={t("unfinished.abortTitle")} button={t("unfinished.abortButton")} onDone={abort} onClose={() => setChosen(null)}>
+        <ConfirmDialog
+          title={t("unfinished.abortTitle")}
+          button={t("unfinished.abortButton")}
+          onDone={abort}
+          onClose={() => setChosen(null)}
+        >
           <p>{t("unfinished.abortText", { name: visible(chosen.key) })}</p>
         </ConfirmDialog>
       )}

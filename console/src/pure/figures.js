@@ -2,7 +2,12 @@
 
 // A server that is just starting does not know everything yet.
 export function complete(overview) {
-  const nothing = { tasks: { running: 0, limit: 0 }, catalogue: { buckets: 0, objects: 0, uploads: 0, bytes: 0 }, space: { free: 0, total: 0 }, parts: {} };
+  const nothing = {
+    tasks: { running: 0, limit: 0 },
+    catalogue: { buckets: 0, objects: 0, uploads: 0, bytes: 0 },
+    space: { free: 0, total: 0 },
+    parts: {},
+  };
   return { ...nothing, ...overview };
 }
 
@@ -38,8 +43,15 @@ export class History {
 
 function between(before, now) {
   const values = {
-    requests: null, errors: null, bytesIn: null, bytesOut: null, median: null, slow: null,
-    memory: now.memory.used, connections: now.connections.open, tasks: now.tasks.running,
+    requests: null,
+    errors: null,
+    bytesIn: null,
+    bytesOut: null,
+    median: null,
+    slow: null,
+    memory: now.memory.used,
+    connections: now.connections.open,
+    tasks: now.tasks.running,
   };
   if (!before || now.uptime < before.uptime) {
     return values;
@@ -110,7 +122,12 @@ export function troubles(overview, recent = []) {
   if (connections.limit > 0 && connections.open > connections.limit * 0.9) {
     add("warn", "trouble.connections", { open: connections.open, limit: connections.limit });
   }
-  if (tasks.limit > 0 && tasks.running >= tasks.limit && recent.length >= 3 && recent.slice(-3).every((sample) => sample.tasks >= tasks.limit)) {
+  if (
+    tasks.limit > 0 &&
+    tasks.running >= tasks.limit &&
+    recent.length >= 3 &&
+    recent.slice(-3).every((sample) => sample.tasks >= tasks.limit)
+  ) {
     add("warn", "trouble.tasks");
   }
   const errors = recent.slice(-15).reduce((sum, sample) => sum + (sample.errors ?? 0), 0);

@@ -28,7 +28,12 @@ export function percent(share, language) {
 export function duration(seconds) {
   const parts = [];
   let rest = Math.max(0, Math.round(seconds));
-  for (const [name, length] of [["d", 86400], ["h", 3600], ["min", 60], ["s", 1]]) {
+  for (const [name, length] of [
+    ["d", 86400],
+    ["h", 3600],
+    ["min", 60],
+    ["s", 1],
+  ]) {
     const count = Math.floor(rest / length);
     rest -= count * length;
     if (count > 0 && parts.length < 2) {

@@ -24,7 +24,18 @@ export class UploadQueue {
   }
 
   newItem(values) {
-    return { id: ++this.lastId, file: null, sent: 0, error: "", uploadId: "", partSize: 0, mayReplace: false, controller: null, tries: 0, ...values };
+    return {
+      id: ++this.lastId,
+      file: null,
+      sent: 0,
+      error: "",
+      uploadId: "",
+      partSize: 0,
+      mayReplace: false,
+      controller: null,
+      tries: 0,
+      ...values,
+    };
   }
 
   // `files`: [{key, file}]. Those that were interrupted go on where they were; with `onlyLost` all others are left out. Gives the number
@@ -56,7 +67,9 @@ export class UploadQueue {
     const wanted = this.items.filter((item) => item.state === "lost");
     let taken = 0;
     for (const { path, file } of files) {
-      const item = wanted.find((one) => one.file === null && (one.key === path || one.key.endsWith(`/${path}`)) && isSameFile(one, file));
+      const item = wanted.find(
+        (one) => one.file === null && (one.key === path || one.key.endsWith(`/${path}`)) && isSameFile(one, file),
+      );
       if (item) {
         Object.assign(item, { file, state: "waiting" });
         ++taken;
@@ -171,7 +184,9 @@ export class UploadQueue {
     }
     const progress = (sent) => this.progress(item, sent);
     try {
-      await this.patiently(item, signal, async () => this.s3.putObject(item.bucket, item.key, await this.read(item.file), { headers, progress, signal }));
+      await this.patiently(item, signal, async () =>
+        this.s3.putObject(item.bucket, item.key, await this.read(item.file), { headers, progress, signal }),
+      );
     } catch (failure) {
       throw failure.status === 412 ? Object.assign(failure, { code: "exists" }) : failure;
     }
@@ -205,7 +220,11 @@ export class UploadQueue {
           show();
         };
         one.etag = await this.patiently(item, signal, async () =>
-          this.s3.putPart(item.bucket, item.key, item.uploadId, one.number, await this.read(item.file.slice(one.from, one.to)), { progress, signal }));
+          this.s3.putPart(item.bucket, item.key, item.uploadId, one.number, await this.read(item.file.slice(one.from, one.to)), {
+            progress,
+            signal,
+          }),
+        );
         underWay.delete(one.number);
         show();
       }
@@ -302,7 +321,10 @@ export class UploadQueue {
   takeFreeName(item) {
     this.memory.forget(item);
     item.taken.add(item.key);
-    item.key = freeName(item.wish, (key) => item.taken.has(key) || this.items.some((one) => one.bucket === item.bucket && one.key === key));
+    item.key = freeName(
+      item.wish,
+      (key) => item.taken.has(key) || this.items.some((one) => one.bucket === item.bucket && one.key === key),
+    );
     this.memory.keep(recordOf(item));
     item.state = "waiting";
   }

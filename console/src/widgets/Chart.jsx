@@ -17,17 +17,46 @@ function optionsFor(width, { series, format, smallest = 1, isBinary = false }) {
   const grid = { stroke: colour("--line"), width: 1 };
   const clock = new Intl.DateTimeFormat(locale(), { hour: "2-digit", minute: "2-digit", second: "2-digit" });
   return {
-    width, height, legend: { show: false }, cursor: { y: false, points: { size: 6 } }, padding: [8, 8, 0, 0],
-    scales: { x: { range: (_, low, high) => [Math.min(low, high - leastSeconds), high] }, y: { range: (_, low, high) => [0, Math.max(smallest, (high ?? 0) * 1.15)] } },
+    width,
+    height,
+    legend: { show: false },
+    cursor: { y: false, points: { size: 6 } },
+    padding: [8, 8, 0, 0],
+    scales: {
+      x: { range: (_, low, high) => [Math.min(low, high - leastSeconds), high] },
+      y: { range: (_, low, high) => [0, Math.max(smallest, (high ?? 0) * 1.15)] },
+    },
     axes: [
-      { stroke: colour("--muted"), grid: { show: false }, ticks: { show: false }, size: 24, space: 80, font: "11px system-ui",
-        values: (_, times) => times.map((time) => clock.format(new Date(time * 1000))) },
-      { stroke: colour("--muted"), grid, ticks: { show: false }, size: 64, space: 34, font: "11px system-ui", 
-        values: (_, values) => values.map(format), ...(isBinary ? { incrs: binarySteps } : {}) },
+      {
+        stroke: colour("--muted"),
+        grid: { show: false },
+        ticks: { show: false },
+        size: 24,
+        space: 80,
+        font: "11px system-ui",
+        values: (_, times) => times.map((time) => clock.format(new Date(time * 1000))),
+      },
+      {
+        stroke: colour("--muted"),
+        grid,
+        ticks: { show: false },
+        size: 64,
+        space: 34,
+        font: "11px system-ui",
+        values: (_, values) => values.map(format),
+        ...(isBinary ? { incrs: binarySteps } : {}),
+      },
     ],
-    series: [{}, ...series.map(({ colour: name }, i) => ({
-      stroke: colour(name), width: 2, points: { show: false }, spanGaps: false, fill: i === 0 ? `${colour(name)}22` : undefined,
-    }))],
+    series: [
+      {},
+      ...series.map(({ colour: name }, i) => ({
+        stroke: colour(name),
+        width: 2,
+        points: { show: false },
+        spanGaps: false,
+        fill: i === 0 ? `${colour(name)}22` : undefined,
+      })),
+    ],
   };
 }
 

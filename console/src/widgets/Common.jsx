@@ -12,8 +12,12 @@ export function Name({ children }) {
 export function Empty({ icon, title, hint, children }) {
   return (
     <div class="empty">
-      <span class="empty-icon"><Icon name={icon} size={36} /></span>
-      <h2><bdi>{title}</bdi></h2>
+      <span class="empty-icon">
+        <Icon name={icon} size={36} />
+      </span>
+      <h2>
+        <bdi>{title}</bdi>
+      </h2>
       <p>{hint}</p>
       {children}
     </div>
@@ -25,21 +29,39 @@ export function FailureBox({ failure, onRetry }) {
     <div class="failure" role="alert">
       <Icon name="warning" />
       <p>{failure.message}</p>
-      {onRetry && <button type="button" onClick={onRetry}>{t("app.retry")}</button>}
+      {onRetry && (
+        <button type="button" onClick={onRetry}>
+          {t("app.retry")}
+        </button>
+      )}
     </div>
   );
 }
 
 export function Loading() {
-  return <p class="loading" role="status">{t("app.loading")}</p>;
+  return (
+    <p class="loading" role="status">
+      {t("app.loading")}
+    </p>
+  );
 }
 
 export function SearchBox({ label, value, onInput, inputRef, id }) {
   return (
     <div class="search" role="search">
       <Icon name="search" size={18} />
-      <input id={id} ref={inputRef} type="search" dir="auto" placeholder={label} aria-label={label} value={value} spellcheck={false} autocomplete="off"
-        onInput={(event) => onInput(event.target.value)} />
+      <input
+        id={id}
+        ref={inputRef}
+        type="search"
+        dir="auto"
+        placeholder={label}
+        aria-label={label}
+        value={value}
+        spellcheck={false}
+        autocomplete="off"
+        onInput={(event) => onInput(event.target.value)}
+      />
     </div>
   );
 }

@@ -15,8 +15,17 @@ export function Dialog({ title, onClose, wide = false, children }) {
     };
   }, []);
   return (
-    <dialog ref={dialog} class={wide ? "wide" : ""} aria-labelledby="dialog-title" onCancel={(event) => { event.preventDefault(); onClose(); }}
-      onKeyDown={(event) => event.stopPropagation()} onClick={(event) => event.target === dialog.current && onClose()}>
+    <dialog
+      ref={dialog}
+      class={wide ? "wide" : ""}
+      aria-labelledby="dialog-title"
+      onCancel={(event) => {
+        event.preventDefault();
+        onClose();
+      }}
+      onKeyDown={(event) => event.stopPropagation()}
+      onClick={(event) => event.target === dialog.current && onClose()}
+    >
       <div class="dialog-body">
         <header>
           <h2 id="dialog-title">{title}</h2>
@@ -31,19 +40,34 @@ export function Dialog({ title, onClose, wide = false, children }) {
 // Asks for one text. `problem(value)` names what is wrong with it; `onDone(value)` may fail, and then its words are shown.
 export function AskDialog({ title, label, hint, value: start = "", button, problem, onDone, onClose }) {
   return (
-    <FormDialog title={title} button={button} onClose={onClose} onDone={(form) => {
-      const value = form.elements.value.value;
-      const wrong = problem(value);
-      if (wrong) {
-        throw new Error(t(wrong));
-      }
-      return onDone(value);
-    }}>
+    <FormDialog
+      title={title}
+      button={button}
+      onClose={onClose}
+      onDone={(form) => {
+        const value = form.elements.value.value;
+        const wrong = problem(value);
+        if (wrong) {
+          throw new Error(t(wrong));
+        }
+        return onDone(value);
+      }}
+    >
       <label>
         {label}
-        <input name="value" defaultValue={start} autocomplete="off" spellcheck={false} dir="auto" autofocus aria-describedby="dialog-hint" />
+        <input
+          name="value"
+          defaultValue={start}
+          autocomplete="off"
+          spellcheck={false}
+          dir="auto"
+          autofocus
+          aria-describedby="dialog-hint"
+        />
       </label>
-      <p id="dialog-hint" class="hint">{hint}</p>
+      <p id="dialog-hint" class="hint">
+        {hint}
+      </p>
     </FormDialog>
   );
 }
@@ -75,10 +99,18 @@ function FormDialog({ title, button, danger = false, children, onDone, onClose }
     <Dialog title={title} onClose={onClose}>
       <form onSubmit={submit}>
         {children}
-        {error && <p class="error" role="alert">{error}</p>}
+        {error && (
+          <p class="error" role="alert">
+            {error}
+          </p>
+        )}
         <footer>
-          <button type="button" onClick={onClose}>{t("app.cancel")}</button>
-          <button class={danger ? "danger" : "primary"} disabled={isBusy}>{button}</button>
+          <button type="button" onClick={onClose}>
+            {t("app.cancel")}
+          </button>
+          <button class={danger ? "danger" : "primary"} disabled={isBusy}>
+            {button}
+          </button>
         </footer>
       </form>
     </Dialog>

@@ -31,7 +31,8 @@ export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, o
   }, []);
   useEffect(() => onNeed(window.first + window.count));
 
-  const select = (from, to) => onSelect(new Set(entries.slice(Math.min(from, to), Math.max(from, to) + 1).map((entry) => entry.key)));
+  const select = (from, to) =>
+    onSelect(new Set(entries.slice(Math.min(from, to), Math.max(from, to) + 1).map((entry) => entry.key)));
   const toggle = (index) => {
     const next = new Set(selected);
     next.delete(entries[index].key) || next.add(entries[index].key);
@@ -82,20 +83,46 @@ export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, o
 
   return (
     <div class="card grid-card">
-      <div class="grid" ref={box} role="grid" aria-label={label} aria-multiselectable="true" aria-rowcount={isDone ? entries.length + 1 : -1} aria-colcount={4}
-        tabIndex={0} aria-activedescendant={entries.length > 0 ? `row-${row}` : undefined} onKeyDown={press} onScroll={() => setView(viewOf(box.current))}>
+      <div
+        class="grid"
+        ref={box}
+        role="grid"
+        aria-label={label}
+        aria-multiselectable="true"
+        aria-rowcount={isDone ? entries.length + 1 : -1}
+        aria-colcount={4}
+        tabIndex={0}
+        aria-activedescendant={entries.length > 0 ? `row-${row}` : undefined}
+        onKeyDown={press}
+        onScroll={() => setView(viewOf(box.current))}
+      >
         <div class="grid-head" role="row" aria-rowindex={1}>
-          <span role="columnheader" class="pick"><span class="unseen">{t("objects.pick")}</span></span>
-          <span role="columnheader" class="cell-name">{t("objects.name")}</span>
-          <span role="columnheader" class="cell-size">{t("objects.size")}</span>
-          <span role="columnheader" class="cell-time">{t("objects.changed")}</span>
+          <span role="columnheader" class="pick">
+            <span class="unseen">{t("objects.pick")}</span>
+          </span>
+          <span role="columnheader" class="cell-name">
+            {t("objects.name")}
+          </span>
+          <span role="columnheader" class="cell-size">
+            {t("objects.size")}
+          </span>
+          <span role="columnheader" class="cell-time">
+            {t("objects.changed")}
+          </span>
         </div>
         <div class="grid-space" role="rowgroup" style={{ height: `${window.height}px` }}>
           {entries.slice(window.first, window.first + window.count).map((entry, i) => {
             const index = window.first + i;
             return (
-              <Row key={index} index={index} entry={entry} top={window.offset + i * rowHeight} isActive={index === row} isSelected={selected.has(entry.key)}
-                onClick={(event) => click(event, index)} />
+              <Row
+                key={index}
+                index={index}
+                entry={entry}
+                top={window.offset + i * rowHeight}
+                isActive={index === row}
+                isSelected={selected.has(entry.key)}
+                onClick={(event) => click(event, index)}
+              />
             );
           })}
         </div>
@@ -107,12 +134,33 @@ export function FileGrid({ label, entries, isDone, selected, onSelect, onOpen, o
 function Row({ index, entry, top, isActive, isSelected, onClick }) {
   const kind = kindOf(entry.key);
   return (
-    <div id={`row-${index}`} role="row" aria-rowindex={index + 2} aria-selected={isSelected} class={`grid-row kind-${kind} ${isActive ? "active" : ""}`}
-      style={{ transform: `translateY(${top}px)` }} onClick={onClick}>
-      <span role="gridcell" class="pick"><span class="unseen">{t("objects.pick")}</span><span class="box"><Icon name="check" size={14} /></span></span>
-      <span role="gridcell" class="cell-name"><Icon name={kind} /><span class="text"><Name>{lastPart(entry.key) || "/"}</Name></span></span>
-      <span role="gridcell" class="cell-size">{entry.size === null ? t("objects.folder") : bytes(entry.size)}</span>
-      <span role="gridcell" class="cell-time">{entry.time ? moment(entry.time, locale()) : ""}</span>
+    <div
+      id={`row-${index}`}
+      role="row"
+      aria-rowindex={index + 2}
+      aria-selected={isSelected}
+      class={`grid-row kind-${kind} ${isActive ? "active" : ""}`}
+      style={{ transform: `translateY(${top}px)` }}
+      onClick={onClick}
+    >
+      <span role="gridcell" class="pick">
+        <span class="unseen">{t("objects.pick")}</span>
+        <span class="box">
+          <Icon name="check" size={14} />
+        </span>
+      </span>
+      <span role="gridcell" class="cell-name">
+        <Icon name={kind} />
+        <span class="text">
+          <Name>{lastPart(entry.key) || "/"}</Name>
+        </span>
+      </span>
+      <span role="gridcell" class="cell-size">
+        {entry.size === null ? t("objects.folder") : bytes(entry.size)}
+      </span>
+      <span role="gridcell" class="cell-time">
+        {entry.time ? moment(entry.time, locale()) : ""}
+      </span>
     </div>
   );
 }

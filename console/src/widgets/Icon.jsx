@@ -27,7 +27,8 @@ const shapes = {
   bad: "M12 3.500a8.500 8.500 0 1 1 0 17 8.500 8.500 0 0 1 0-17zM12 8v5M12 16v.300",
   language: "M4 6h9M8.500 4v2M11 6c-1 4-3.500 6.500-7 8M6 9c1 2.500 3.500 4.500 6 5M12 20l4-10 4 10M13.500 17h5",
   auto: "M12 3.500a8.500 8.500 0 1 1 0 17zM12 3.500a8.500 8.500 0 0 0 0 17",
-  light: "M12 8a4 4 0 1 1 0 8 4 4 0 0 1 0-8zM12 3v2M12 19v2M3 12h2M19 12h2M5.600 5.600 7 7M17 17l1.400 1.400M5.600 18.400 7 17M17 7l1.400-1.400",
+  light:
+    "M12 8a4 4 0 1 1 0 8 4 4 0 0 1 0-8zM12 3v2M12 19v2M3 12h2M19 12h2M5.600 5.600 7 7M17 17l1.400 1.400M5.600 18.400 7 17M17 7l1.400-1.400",
   dark: "M19.500 14A8 8 0 1 1 10 4.500 6.500 6.500 0 0 0 19.500 14z",
   signOut: "M10 5H5v14h5M14 8l4 4-4 4M18 12H9",
   menu: "M4 7h16M4 12h16M4 17h16",
@@ -37,7 +38,8 @@ const shapes = {
   file: "M7 3.500h7l4 4v13H7zM14 3.500V8h4",
   picture: "M4 5h16v14H4zM4 16l4.500-4.500 4 4 2.500-2.500 5 4.500M15 9.500h.300",
   video: "M4 6h16v12H4zM10 9.500v5l4-2.500z",
-  audio: "M9 18V6l10-2v12M9 18a2.500 2.500 0 1 1-2.500-2.500A2.500 2.500 0 0 1 9 18zM19 16a2.500 2.500 0 1 1-2.500-2.500A2.500 2.500 0 0 1 19 16z",
+  audio:
+    "M9 18V6l10-2v12M9 18a2.500 2.500 0 1 1-2.500-2.500A2.500 2.500 0 0 1 9 18zM19 16a2.500 2.500 0 1 1-2.500-2.500A2.500 2.500 0 0 1 19 16z",
   pdf: "M7 3.500h7l4 4v13H7zM14 3.500V8h4M10 17v-5h1.500a1.500 1.500 0 0 1 0 3H10",
   text: "M7 3.500h7l4 4v13H7zM14 3.500V8h4M10 12h5M10 15h5",
   archive: "M5 4h14v16H5zM12 4v2M12 8v2M12 12v2M10.500 16h3",
@@ -46,8 +48,19 @@ const shapes = {
 export function Icon({ name, size = 20 }) {
   const isFilled = name === "folder";
   return (
-    <svg class={`icon icon-${name}`} width={size} height={size} viewBox="0 0 24 24" aria-hidden="true" focusable="false"
-      fill={isFilled ? "currentColor" : "none"} stroke="currentColor" stroke-width="1.700" stroke-linecap="round" stroke-linejoin="round">
+    <svg
+      class={`icon icon-${name}`}
+      width={size}
+      height={size}
+      viewBox="0 0 24 24"
+      aria-hidden="true"
+      focusable="false"
+      fill={isFilled ? "currentColor" : "none"}
+      stroke="currentColor"
+      stroke-width="1.700"
+      stroke-linecap="round"
+      stroke-linejoin="round"
+    >
       <path d={shapes[name] ?? shapes.file} />
     </svg>
   );
@@ -66,7 +79,13 @@ export function Flower({ size = 32 }) {
   return (
     <svg width={size} height={size} viewBox="0 0 32 32" aria-hidden="true" focusable="false">
       <rect width="32" height="32" rx="9" fill="#1d5c49" />
-      <path d="M16 30V17M16 25c-4 0-6-3-6.500-7M16 22c4 0 6-3 6.500-6" fill="none" stroke="#8fd3b6" stroke-width="2" stroke-linecap="round" />
+      <path
+        d="M16 30V17M16 25c-4 0-6-3-6.500-7M16 22c4 0 6-3 6.500-6"
+        fill="none"
+        stroke="#8fd3b6"
+        stroke-width="2"
+        stroke-linecap="round"
+      />
       <circle cx="16" cy="10" r="5" fill="#f6c31c" />
       <circle cx="8.500" cy="14.500" r="3.700" fill="#f2b705" />
       <circle cx="23.500" cy="13" r="3.700" fill="#f2b705" />

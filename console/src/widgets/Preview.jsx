@@ -25,15 +25,34 @@ export function Preview({ bucket, entry, previous, next, onMove, actions, onClos
     <Dialog title={visible(lastPart(entry.key))} onClose={onClose} wide>
       <div class="preview" onKeyDown={press}>
         <IconButton name="previous" label={t("preview.previous")} disabled={!previous} onClick={() => onMove(previous)} />
-        <div class="preview-body"><Content key={entry.key} bucket={bucket} entry={entry} /></div>
+        <div class="preview-body">
+          <Content key={entry.key} bucket={bucket} entry={entry} />
+        </div>
         <IconButton name="next" label={t("preview.next")} disabled={!next} onClick={() => onMove(next)} />
       </div>
       <dl class="facts">
-        <div><dt>{t("preview.key")}</dt><dd class="code"><bdi>{visible(entry.key)}</bdi></dd></div>
-        <div><dt>{t("preview.size")}</dt><dd>{bytes(entry.size)}</dd></div>
-        <div><dt>{t("preview.changed")}</dt><dd>{moment(entry.time, locale())}</dd></div>
+        <div>
+          <dt>{t("preview.key")}</dt>
+          <dd class="code">
+            <bdi>{visible(entry.key)}</bdi>
+          </dd>
+        </div>
+        <div>
+          <dt>{t("preview.size")}</dt>
+          <dd>{bytes(entry.size)}</dd>
+        </div>
+        <div>
+          <dt>{t("preview.changed")}</dt>
+          <dd>{moment(entry.time, locale())}</dd>
+        </div>
       </dl>
-      <footer>{actions.map(({ icon, label, onClick, kind }) => <button key={label} class={kind} onClick={onClick}><Icon name={icon} /> {label}</button>)}</footer>
+      <footer>
+        {actions.map(({ icon, label, onClick, kind }) => (
+          <button key={label} class={kind} onClick={onClick}>
+            <Icon name={icon} /> {label}
+          </button>
+        ))}
+      </footer>
     </Dialog>
   );
 }
@@ -43,18 +62,30 @@ function Content({ bucket, entry }) {
   if (kind === "text") {
     return <Text bucket={bucket} entry={entry} />;
   }
-  return previewType(entry.key) ? <Media bucket={bucket} entry={entry} kind={kind} /> : <NoPreview kind={kind} words={t("preview.none")} />;
+  return previewType(entry.key) ? (
+    <Media bucket={bucket} entry={entry} kind={kind} />
+  ) : (
+    <NoPreview kind={kind} words={t("preview.none")} />
+  );
 }
 
 function NoPreview({ kind, words }) {
-  return <div class="no-preview"><Icon name={kind} size={56} /><p>{words}</p></div>;
+  return (
+    <div class="no-preview">
+      <Icon name={kind} size={56} />
+      <p>{words}</p>
+    </div>
+  );
 }
 
 function Text({ bucket, entry }) {
   const [state, setState] = useState(null);
   useEffect(() => {
     let isLeft = false;
-    s3.readStart(bucket, entry.key, textBytes).then((text) => isLeft || setState(text), (failure) => isLeft || setState({ failure }));
+    s3.readStart(bucket, entry.key, textBytes).then(
+      (text) => isLeft || setState(text),
+      (failure) => isLeft || setState({ failure }),
+    );
     return () => {
       isLeft = true;
     };
@@ -67,7 +98,9 @@ function Text({ bucket, entry }) {
   }
   return (
     <>
-      <pre tabIndex={0} dir="auto" role="region" aria-label={t("preview.of", { name: visible(lastPart(entry.key)) })}>{visibleText(state.text)}</pre>
+      <pre tabIndex={0} dir="auto" role="region" aria-label={t("preview.of", { name: visible(lastPart(entry.key)) })}>
+        {visibleText(state.text)}
+      </pre>
       {state.isCut && <p class="hint">{t("preview.cut")}</p>}
     </>
   );
@@ -75,7 +108,10 @@ function Text({ bucket, entry }) {
 
 // Lines and tabs stay; what hides or turns text does not.
 function visibleText(text) {
-  return text.split("\n").map((line) => line.replace(/\r$/, "").split("\t").map(visible).join("\t")).join("\n");
+  return text
+    .split("\n")
+    .map((line) => line.replace(/\r$/, "").split("\t").map(visible).join("\t"))
+    .join("\n");
 }
 
 function Media({ bucket, entry, kind }) {
@@ -83,7 +119,10 @@ function Media({ bucket, entry, kind }) {
   const [words, setWords] = useState("");
   useEffect(() => {
     let isLeft = false;
-    s3.linkTo(bucket, entry.key, { type: previewType(entry.key) }).then((link) => isLeft || setUrl(link), (failure) => isLeft || setWords(failure.message));
+    s3.linkTo(bucket, entry.key, { type: previewType(entry.key) }).then(
+      (link) => isLeft || setUrl(link),
+      (failure) => isLeft || setWords(failure.message),
+    );
     return () => {
       isLeft = true;
     };

@@ -51,18 +51,30 @@ export function UploadTray() {
     <section class="tray card" aria-label={t("uploads.title")}>
       <header>
         <h2>{t("uploads.title")}</h2>
-        <span class="muted" role="status">{t("uploads.summary", { done, all: items.length })}{active > 0 && speed !== null && ` · ${t("uploads.speed", { speed: bytes(speed) })}`}</span>
+        <span class="muted" role="status">
+          {t("uploads.summary", { done, all: items.length })}
+          {active > 0 && speed !== null && ` · ${t("uploads.speed", { speed: bytes(speed) })}`}
+        </span>
         {active > 0 && <IconButton name="pause" label={t("uploads.pauseAll")} onClick={() => queue.pauseAll()} />}
-        {active === 0 && count("paused") > 0 && <IconButton name="play" label={t("uploads.resumeAll")} onClick={() => queue.resumeAll()} />}
+        {active === 0 && count("paused") > 0 && (
+          <IconButton name="play" label={t("uploads.resumeAll")} onClick={() => queue.resumeAll()} />
+        )}
         {active === 0 && done > 0 && <IconButton name="check" label={t("uploads.clear")} onClick={() => queue.clearDone()} />}
-        <IconButton name={isSmall ? "previous" : "down"} class={isSmall ? "turned" : ""} aria-expanded={!isSmall}
-          label={t(isSmall ? "uploads.showList" : "uploads.hide")} onClick={() => setSmall(!isSmall)} />
+        <IconButton
+          name={isSmall ? "previous" : "down"}
+          class={isSmall ? "turned" : ""}
+          aria-expanded={!isSmall}
+          label={t(isSmall ? "uploads.showList" : "uploads.hide")}
+          onClick={() => setSmall(!isSmall)}
+        />
       </header>
       <progress max={whole || 1} value={whole ? sent : done === items.length ? 1 : 0} aria-label={t("uploads.title")} />
       {!isSmall && lost > 0 && <Lost count={lost} />}
       {!isSmall && (
         <ul tabIndex={0} aria-label={t("uploads.title")}>
-          {shown.map((item) => <Item key={item.id} item={item} />)}
+          {shown.map((item) => (
+            <Item key={item.id} item={item} />
+          ))}
           {items.length > shown.length && <li class="muted">{t("uploads.more", { n: items.length - shown.length })}</li>}
         </ul>
       )}
@@ -82,7 +94,9 @@ function Lost({ count }) {
     <div class="lost">
       <p>{t("uploads.lost", { n: count })}</p>
       <div class="buttons">
-        <button class="primary" onClick={() => choose(true)}>{t("uploads.chooseFolder")}</button>
+        <button class="primary" onClick={() => choose(true)}>
+          {t("uploads.chooseFolder")}
+        </button>
         <button onClick={() => choose(false)}>{t("uploads.chooseFiles")}</button>
         <button onClick={() => queue.forgetLost()}>{t("uploads.forget")}</button>
       </div>
@@ -95,7 +109,11 @@ function wordsOf(item) {
   if (item.error) {
     return item.error in texts ? t(item.error) : item.error;
   }
-  return item.state in { running: 1, paused: 1 } ? t(`uploads.${item.state}`, sizes) : ["done", "skipped", "waiting"].includes(item.state) ? t(`uploads.${item.state}`) : bytes(item.size);
+  return item.state in { running: 1, paused: 1 }
+    ? t(`uploads.${item.state}`, sizes)
+    : ["done", "skipped", "waiting"].includes(item.state)
+      ? t(`uploads.${item.state}`)
+      : bytes(item.size);
 }
 
 function Item({ item }) {
@@ -103,14 +121,26 @@ function Item({ item }) {
   const isOpen = ["running", "waiting"].includes(item.state);
   return (
     <li class={`item ${item.state}`}>
-      <span class="item-name"><Name>{lastPart(item.key)}</Name></span>
+      <span class="item-name">
+        <Name>{lastPart(item.key)}</Name>
+      </span>
       <span class="item-words">{wordsOf(item)}</span>
-      {["running", "paused"].includes(item.state) && <progress max={item.size || 1} value={item.sent} aria-label={t("uploads.progress", { name })} />}
+      {["running", "paused"].includes(item.state) && (
+        <progress max={item.size || 1} value={item.sent} aria-label={t("uploads.progress", { name })} />
+      )}
       <span class="item-buttons">
         {isOpen && <IconButton name="pause" label={t("uploads.pause", { name })} onClick={() => queue.pause(item)} />}
-        {item.state === "paused" && <IconButton name="play" label={t("uploads.resume", { name })} onClick={() => queue.resume(item)} />}
-        {item.state === "failed" && !item.isFinal && <IconButton name="reload" label={t("uploads.retry", { name })} onClick={() => queue.resume(item)} />}
-        {item.state === "done" ? <Icon name="check" /> : <IconButton name="close" label={t("uploads.remove", { name })} onClick={() => queue.remove(item)} />}
+        {item.state === "paused" && (
+          <IconButton name="play" label={t("uploads.resume", { name })} onClick={() => queue.resume(item)} />
+        )}
+        {item.state === "failed" && !item.isFinal && (
+          <IconButton name="reload" label={t("uploads.retry", { name })} onClick={() => queue.resume(item)} />
+        )}
+        {item.state === "done" ? (
+          <Icon name="check" />
+        ) : (
+          <IconButton name="close" label={t("uploads.remove", { name })} onClick={() => queue.remove(item)} />
+        )}
       </span>
     </li>
   );
@@ -122,8 +152,12 @@ function Taken({ items }) {
       <p>{t("uploads.existsText", { n: items.length, name: visible(lastPart(items[0].key)) })}</p>
       <footer>
         <button onClick={() => queue.decide("skip")}>{t("uploads.skip")}</button>
-        <button class="danger" onClick={() => queue.decide("replace")}>{t("uploads.replace")}</button>
-        <button class="primary" onClick={() => queue.decide("keepBoth")}>{t("uploads.keepBoth")}</button>
+        <button class="danger" onClick={() => queue.decide("replace")}>
+          {t("uploads.replace")}
+        </button>
+        <button class="primary" onClick={() => queue.decide("keepBoth")}>
+          {t("uploads.keepBoth")}
+        </button>
       </footer>
     </Dialog>
   );

@@ -11,7 +11,8 @@ const table = Array.from({ length: 256 }, (_, n) => {
 });
 
 // Node.js 18 has none.
-const crc32 = zlibCrc32 ?? ((bytes) => (bytes.reduce((crc, byte) => table[(crc ^ byte) & 255] ^ (crc >>> 8), 0xffffffff) ^ 0xffffffff) >>> 0);
+const crc32 =
+  zlibCrc32 ?? ((bytes) => (bytes.reduce((crc, byte) => table[(crc ^ byte) & 255] ^ (crc >>> 8), 0xffffffff) ^ 0xffffffff) >>> 0);
 
 function chunk(name, data) {
   const body = Buffer.concat([Buffer.from(name), data]);
@@ -39,14 +40,21 @@ export function png(width, height, hue = 0.1) {
       if (sun < height * 0.08) {
         rgb = [250, 210, 90];
       }
-      rgb.forEach((value, i) => rows.writeUInt8(Math.max(0, Math.min(255, Math.round(value))), y * (1 + width * 3) + 1 + x * 3 + i));
+      rgb.forEach((value, i) =>
+        rows.writeUInt8(Math.max(0, Math.min(255, Math.round(value))), y * (1 + width * 3) + 1 + x * 3 + i),
+      );
     }
   }
   const head = Buffer.alloc(13);
   head.writeUInt32BE(width, 0);
   head.writeUInt32BE(height, 4);
   head.set([8, 2, 0, 0, 0], 8);
-  return Buffer.concat([Buffer.from([137, 80, 78, 71, 13, 10, 26, 10]), chunk("IHDR", head), chunk("IDAT", deflateSync(rows)), chunk("IEND", Buffer.alloc(0))]);
+  return Buffer.concat([
+    Buffer.from([137, 80, 78, 71, 13, 10, 26, 10]),
+    chunk("IHDR", head),
+    chunk("IDAT", deflateSync(rows)),
+    chunk("IEND", Buffer.alloc(0)),
+  ]);
 }
 
 // A second of a tone.
@@ -70,13 +78,16 @@ export function wav() {
 
 export const pdf = Buffer.from(
   "%PDF-1.4\n1 0 obj<</Type/Catalog/Pages 2 0 R>>endobj\n2 0 obj<</Type/Pages/Kids[3 0 R]/Count 1>>endobj\n" +
-  "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 200 200]>>endobj\ntrailer<</Root 1 0 R>>\n%%EOF\n");
+    "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 200 200]>>endobj\ntrailer<</Root 1 0 R>>\n%%EOF\n",
+);
 
 // Bytes that look random and are the same in every run.
 export function noise(size, seed) {
   const blocks = [];
   for (let made = 0, i = 0; made < size; ++i) {
-    const block = createHash("sha512").update(`${seed} ${Math.floor(i / 1024)}`).digest();
+    const block = createHash("sha512")
+      .update(`${seed} ${Math.floor(i / 1024)}`)
+      .digest();
     const big = Buffer.alloc(65536, block);
     big.writeUInt32LE(i, 0);
     blocks.push(big);

@@ -3,18 +3,26 @@ import { createHash, createHmac } from "node:crypto";
 import { keys } from "./tansyd.mjs";
 
 const hmac = (key, text) => createHmac("sha256", key).update(text).digest();
-const encode = (text) => encodeURIComponent(text).replace(/[!'()*]/g, (mark) => `%${mark.charCodeAt(0).toString(16).toUpperCase()}`);
+const encode = (text) =>
+  encodeURIComponent(text).replace(/[!'()*]/g, (mark) => `%${mark.charCodeAt(0).toString(16).toUpperCase()}`);
 
 function link(server, method, bucket, key, query) {
   const host = new URL(server.s3).host;
   const time = new Date().toISOString().replace(/[-:]|\.\d+/g, "");
   const scope = [time.slice(0, 8), "us-east-1", "s3", "aws4_request"];
   const all = {
-    ...query, "X-Amz-Algorithm": "AWS4-HMAC-SHA256", "X-Amz-Credential": [keys.access, ...scope].join("/"), "X-Amz-Date": time, "X-Amz-Expires": "900",
+    ...query,
+    "X-Amz-Algorithm": "AWS4-HMAC-SHA256",
+    "X-Amz-Credential": [keys.access, ...scope].join("/"),
+    "X-Amz-Date": time,
+    "X-Amz-Expires": "900",
     "X-Amz-SignedHeaders": "host",
   };
   const path = `/${encode(bucket)}${key ? `/${key.split("/").map(encode).join("/")}` : ""}`;
-  const parameters = Object.keys(all).sort().map((name) => `${encode(name)}=${encode(all[name])}`).join("&");
+  const parameters = Object.keys(all)
+    .sort()
+    .map((name) => `${encode(name)}=${encode(all[name])}`)
+    .join("&");
   const request = [method, path, parameters, `host:${host}`, "", "host", "UNSIGNED-PAYLOAD"].join("\n");
   const text = ["AWS4-HMAC-SHA256", time, scope.join("/"), createHash("sha256").update(request).digest("hex")].join("\n");
   const key4 = scope.reduce((secret, part) => hmac(secret, part), `AWS4${keys.secret}`);

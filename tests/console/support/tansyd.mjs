@@ -19,6 +19,13 @@ function freePort() {
   });
 }
 
+// A test that is ended from outside leaves no server behind.
+const running = new Set();
+process.on("exit", () => running.forEach((child) => child.kill("SIGKILL")));
+for (const signal of ["SIGINT", "SIGTERM", "SIGHUP", "SIGPIPE"]) {
+  process.on(signal, () => process.exit(1));
+}
+
 export class Tansyd {
   // Starts on a new folder, and waits until it is ready.
   static async start(more = []) {
@@ -40,12 +47,33 @@ export class Tansyd {
 
   async run() {
     const { object, picture, s3, admin } = this.ports;
-    const options = ["--data", path.join(this.folder, "data"), "--listen", "127.0.0.1", "--object-port", object, "--object-https-port", 0, "--picture-port", picture,
-      "--picture-https-port", 0, "--s3-port", s3, "--s3-https-port", 0, "--admin-port", admin, ...this.more].map(String);
+    const options = [
+      "--data",
+      path.join(this.folder, "data"),
+      "--listen",
+      "127.0.0.1",
+      "--object-port",
+      object,
+      "--object-https-port",
+      0,
+      "--picture-port",
+      picture,
+      "--picture-https-port",
+      0,
+      "--s3-port",
+      s3,
+      "--s3-https-port",
+      0,
+      "--admin-port",
+      admin,
+      ...this.more,
+    ].map(String);
     const environment = { ...process.env, TANSY_ACCESS_KEY: keys.access, TANSY_SECRET_KEY: keys.secret };
     this.said = "";
     this.process = spawn(process.env.TANSYD, options, { env: environment, stdio: ["ignore", "pipe", "pipe"] });
-    this.ended = new Promise((resolve) => this.process.on("exit", resolve));
+    const child = this.process;
+    running.add(child);
+    this.ended = new Promise((resolve) => child.on("exit", resolve)).then(() => running.delete(child));
     await new Promise((resolve, reject) => {
       const timer = setTimeout(() => reject(new Error(`tansyd is not ready:\n${this.said}`)), patience);
       const hear = (text) => {
