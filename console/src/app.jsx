@@ -4,6 +4,7 @@ import { hashOf, pages, parseRoute } from "./pure/route.js";
 import { makeStore, saved, useStore } from "./store.js";
 import { language, languages, setLanguage, t } from "./text.js";
 import { Buckets } from "./pages/Buckets.jsx";
+import { Check } from "./pages/Check.jsx";
 import { Log } from "./pages/Log.jsx";
 import { Objects } from "./pages/Objects.jsx";
 import { Overview } from "./pages/Overview.jsx";
@@ -24,13 +25,14 @@ const shownPages = {
   buckets: Buckets,
   unfinished: Unfinished,
   requests: Requests,
+check: Check,
   log: Log,
   settings: Settings,
 };
 const shortcuts = [
   ["/", "keys.search"],
   ["?", "keys.help"],
-  ["1 … 7", "keys.pages"],
+  ["1 … 8", "keys.pages"],
   ["u", "keys.upload"],
   ["↑ ↓ PgUp PgDn Home End", "keys.move"],
   ["Enter", "keys.open"],

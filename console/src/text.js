@@ -28,6 +28,7 @@ export const texts = {
   "page.buckets": ["Buckets", "存储桶"],
   "page.unfinished": ["Unfinished uploads", "未完成的上传"],
   "page.requests": ["Running requests", "正在处理的请求"],
+  "page.check": ["Check", "检查"],
   "page.log": ["Log", "日志"],
   "page.settings": ["Settings", "设置"],
 
@@ -342,6 +343,25 @@ export const texts = {
   "requests.peer": ["From", "来源"],
   "requests.age": ["For", "已用时"],
   "requests.live": ["Renewed every second", "每秒更新"],
+
+  "check.start": ["Check now", "立即检查"],
+  "check.never": ["Nothing was checked since the start", "启动以来尚未检查"],
+  "check.hint": [
+    "A check compares the list of files with the stored bytes, while the server goes on. It changes nothing.",
+    "检查会在服务器运行时比较文件列表与存储的字节，不会更改任何内容。",
+  ],
+  "check.running": ["Checking …", "正在检查……"],
+  "check.lookedAt": ["{n|entry|entries} looked at so far", "已检查 {n} 项"],
+  "check.result.well": ["All files are whole", "所有文件完好"],
+  "check.result.warn": ["{n|finding|findings}", "发现 {n} 个问题"],
+  "check.result.bad": ["The check could not be done", "无法完成检查"],
+  "check.when": ["Ended on {time}, after {took}.", "结束于 {time}，用时 {took}。"],
+  "check.repair": [
+    "Bytes that nothing refers to are freed by “tansyd --check --repair”. What is missing comes back from a backup only.",
+    "“tansyd --check --repair”可释放无引用的字节。缺失的内容只能从备份恢复。",
+  ],
+  "check.findings": ["What the check found", "检查结果"],
+  "check.more": ["and {count} more", "以及另外 {count} 项"],
 
   "log.filter": ["Lines that contain …", "包含……的行"],
   "log.follow": ["Follow new lines", "跟随新行"],

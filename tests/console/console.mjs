@@ -19,7 +19,7 @@ if (!program) {
   process.exit(skipped);
 }
 
-const pages = ["overview", "objects", "buckets", "unfinished", "requests", "log", "settings"];
+const pages = ["overview", "objects", "buckets", "unfinished", "requests", "check", "log", "settings"];
 const mebibyte = 1024 * 1024;
 const many = 10_500;
 let server;
@@ -349,11 +349,28 @@ test("the keyboard alone renames, selects and deletes", async () => {
   await page.getByText("Nothing here yet").waitFor();
   assert.equal(await read(server, "photos", "keys/folder/deep/e.txt"), null);
 
-  await page.locator("body").press("7");
+  await page.locator("body").press("8");
   await page.getByRole("heading", { name: "Settings" }).waitFor();
   await page.keyboard.press("?");
   await page.getByRole("dialog", { name: "Keyboard shortcuts" }).waitFor();
   await page.keyboard.press("Escape");
+});
+
+test("a check is begun, and its result is shown", async () => {
+  await open("check");
+  await page.getByText("Nothing was checked since the start").waitFor();
+  await page.getByRole("button", { name: "Check now" }).click();
+  await page.getByText("All files are whole").waitFor();
+  await page.getByText(/^check: \d+ rows/).waitFor();
+  await page.route(/api\/check/, async (route) => {
+    const check = await (await route.fetch()).json();
+    await route.fulfill({ json: { ...check, result: "findings", findings: 1200, lines: ["missing: <b>a.txt"], summary: "1200 findings" } });
+  });
+  await page.getByText("1,200 findings", { exact: true }).waitFor();
+  await page.getByText("missing: <b>a.txt").waitFor();
+  await page.getByText("and 1,199 more").waitFor();
+  await accessible(page, "findings of a check");
+  await page.unroute(/api\/check/);
 });
 
 test("what is wrong is said in words", async () => {

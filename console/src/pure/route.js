@@ -1,6 +1,6 @@
 // The address of a page is behind the "#": "#/objects/BUCKET/FOLDER/", with each part encoded.
 
-export const pages = ["overview", "objects", "buckets", "unfinished", "requests", "log", "settings"];
+export const pages = ["overview", "objects", "buckets", "unfinished", "requests", "check", "log", "settings"];
 
 export function parseRoute(hash) {
   const [page, bucket, ...folders] = hash.replace(/^#\/?/, "").split("/");
