@@ -49,9 +49,9 @@ int CLockFile::Share(const std::string& path) {
 
 int CLockFile::Acquire(const std::string& path, bool is_shared) {
   // Others may read the file, but nobody else may open it for writing, except those who let each other. This is the
-  // lock.
+  // lock. Its holder may remove the file, which then goes with the lock at the latest.
   const std::filesystem::path file(std::u8string(path.begin(), path.end()));
-  const DWORD others = FILE_SHARE_READ | (is_shared ? FILE_SHARE_WRITE : 0);
+  const DWORD others = FILE_SHARE_READ | FILE_SHARE_DELETE | (is_shared ? FILE_SHARE_WRITE : 0);
   const HANDLE handle = details::OpenLocked(file, others);
   if (handle == INVALID_HANDLE_VALUE) {
     return LastErrno();

@@ -32,12 +32,14 @@ class KeptDownloadTest : public testing::Test {
 TEST_F(KeptDownloadTest, GoesOnInSeveralRuns) {
   EXPECT_EQ(Add(identity_, "0123"), 0u);
   EXPECT_EQ(Add(identity_, "45"), 4u);
-  CKeptDownload kept(folder_.Path("target"));
-  EXPECT_EQ(kept.Begin(identity_, note_), 6u);
-  kept.Write("6789", 4);
-  kept.Commit();
-  EXPECT_EQ(note_, "");
-  EXPECT_EQ(folder_.Read("target"), "0123456789");
+  {
+    CKeptDownload kept(folder_.Path("target"));
+    EXPECT_EQ(kept.Begin(identity_, note_), 6u);
+    kept.Write("6789", 4);
+    kept.Commit();
+    EXPECT_EQ(note_, "");
+    EXPECT_EQ(folder_.Read("target"), "0123456789");
+  }
   EXPECT_EQ(folder_.Count(), 1u);
 }
 
