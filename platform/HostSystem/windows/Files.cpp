@@ -11,6 +11,7 @@
 #include <new>
 #include <system_error>
 
+#include "PrivateFolder.h"
 #include "WindowsError.h"
 
 namespace HostSystem {
@@ -139,6 +140,15 @@ std::unique_ptr<Owner> Own(HANDLE handle, Arguments&&... arguments) {
   }
 }
 
+// Gives the calling thread's last failure, of a call that wanted a file: the system says of a folder only that access
+// is denied.
+int LastErrnoOfFile(const std::filesystem::path& path) {
+  const int error = LastErrno();
+  const DWORD attributes = error == EACCES ? ::GetFileAttributesW(path.c_str()) : INVALID_FILE_ATTRIBUTES;
+  const bool is_folder = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  return is_folder ? EISDIR : error;
+}
+
 // The handle keeps the folder from being renamed or removed. Names are joined to the path by which it was opened.
 class CFolder final : public IFolder {
  public:
@@ -172,8 +182,11 @@ class CFolder final : public IFolder {
     if (!IsPlainName(from) || !IsPlainName(to)) {
       return EINVAL;
     }
-    return Result(::MoveFileExW((path_ / FromUtf8(from)).c_str(), (path_ / FromUtf8(to)).c_str(),
-                                MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
+    const std::filesystem::path target = path_ / FromUtf8(to);
+    return ::MoveFileExW((path_ / FromUtf8(from)).c_str(), target.c_str(),
+                         MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)
+               ? 0
+               : LastErrnoOfFile(target);
   }
   int Link(const std::string& from, const std::string& to) override {
     int error = CheckWay(from);
@@ -262,10 +275,11 @@ class CFolder final : public IFolder {
     if (const int error = CheckWay(name)) {
       return error;
     }
-    const HANDLE handle = ::CreateFileW((path_ / FromUtf8(name)).c_str(), access, kShareAll, nullptr, disposition,
+    const std::filesystem::path path = path_ / FromUtf8(name);
+    const HANDLE handle = ::CreateFileW(path.c_str(), access, kShareAll, nullptr, disposition,
                                         FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (handle == INVALID_HANDLE_VALUE) {
-      return LastErrno();
+      return LastErrnoOfFile(path);
     }
     BY_HANDLE_FILE_INFORMATION info = {};
     if (!::GetFileInformationByHandle(handle, &info) || (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
@@ -305,6 +319,12 @@ std::unique_ptr<IFolder> OpenFolder(const std::string& path, int& error, EAccess
     error = LastErrno();
     return nullptr;
   }
+  BY_HANDLE_FILE_INFORMATION info = {};
+  if (!::GetFileInformationByHandle(handle, &info) || (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    ::CloseHandle(handle);
+    error = ENOTDIR;
+    return nullptr;
+  }
   error = 0;
   return details::Own<details::CFolder>(handle, full);
 }
@@ -320,16 +340,21 @@ int OpenFileForReading(const std::string& path, std::unique_ptr<IFile>& file) {
 }
 
 int MakeFolders(const std::string& path) {
-  std::error_code error;
-  std::filesystem::create_directories(details::FromUtf8(path), error);
-  if (error) {
-    if (GetPathKind(path) == EPathKind::kFile) {
-      return EEXIST;
-    }
-    return error.category() == std::generic_category() ? error.value()
-                                                       : ToErrno(static_cast<unsigned long>(error.value()));
+  const EPathKind kind = GetPathKind(path);
+  if (kind != EPathKind::kMissing) {
+    return kind == EPathKind::kFolder ? 0 : EEXIST;
   }
-  return GetPathKind(path) == EPathKind::kFolder ? 0 : EEXIST;
+  const std::filesystem::path native = details::FromUtf8(path);
+  // A name that ends with a separator is that of the folder before it.
+  const std::filesystem::path above = native.parent_path();
+  if (!above.empty() && above != native) {
+    const int error = MakeFolders(details::ToUtf8(above));
+    if (error != 0) {
+      return error == EEXIST ? ENOTDIR : error;
+    }
+  }
+  const int error = native.has_filename() ? MakePrivateFolder(native) : 0;
+  return error == EEXIST && GetPathKind(path) == EPathKind::kFolder ? 0 : error;
 }
 
 EPathKind GetPathKind(const std::string& path) {
