@@ -1,42 +1,14 @@
 #include "PartialFile.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "Failure.h"
 #include "fakes/TempFolder.h"
-
-namespace {
-
-std::vector<std::string> g_synced;  // what was brought to the disk, and what its folder held then
-
-int RecordAndSync(int descriptor, long call) {
-  const std::filesystem::path path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
-  const bool is_folder = std::filesystem::is_directory(path);
-  const bool target_is_there = std::filesystem::exists((is_folder ? path : path.parent_path()) / "target");
-  g_synced.push_back(std::string(is_folder ? "folder" : path.extension().string()) +
-                     (target_is_there ? ", target there" : ""));
-  return static_cast<int>(::syscall(call, descriptor));
-}
-
-}  // namespace
-
-// These stand before the system's own.
-extern "C" int fsync(int descriptor) {
-  return RecordAndSync(descriptor, SYS_fsync);
-}
-extern "C" int fdatasync(int descriptor) {
-  return RecordAndSync(descriptor, SYS_fdatasync);
-}
 
 namespace Tansy::Cli {
 namespace {
@@ -81,14 +53,6 @@ TEST_F(PartialFileTest, LeavesTheOldFileUntilThen) {
   Write(file, "new");
   file.Commit();
   EXPECT_EQ(folder_.Read("target"), "new");
-}
-
-TEST_F(PartialFileTest, IsOnTheDiskBeforeItAppears) {
-  CPartialFile file(folder_.Path("target"));
-  Write(file, "whole");
-  g_synced.clear();
-  file.Commit();
-  EXPECT_THAT(g_synced, testing::ElementsAre(".part", "folder, target there"));
 }
 
 TEST_F(PartialFileTest, FollowsALink) {

@@ -39,6 +39,10 @@ long long Transferred(int result);
 
 }  // namespace tansy_posix
 
+inline int accept4(int listener, sockaddr* address, socklen_t* size, int /*flags*/) {
+  return static_cast<int>(accept(static_cast<SOCKET>(listener), address, size));
+}
+
 inline int setsockopt(int handle, int level, int option, const void* value, std::size_t size) {
   const SOCKET socket = static_cast<SOCKET>(handle);
   if (level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO)) {
@@ -71,6 +75,15 @@ inline long long send(int handle, const void* data, std::size_t size, int flags)
 inline long long recv(int handle, void* data, std::size_t size, int flags) {
   return tansy_posix::Transferred(
       recv(static_cast<SOCKET>(handle), static_cast<char*>(data), static_cast<int>(size), flags));
+}
+
+// Winsock's own calls take texts, so without these a call with a text would fit them as well as those above.
+inline long long send(int handle, const char* text, std::size_t size, int flags) {
+  return send(handle, static_cast<const void*>(text), size, flags);
+}
+
+inline long long recv(int handle, char* text, std::size_t size, int flags) {
+  return recv(handle, static_cast<void*>(text), size, flags);
 }
 
 #endif  // TANSY_TESTS_WINDOWS_SYS_SOCKET_H
