@@ -33,3 +33,6 @@ write_basic_package_version_file("${CMAKE_BINARY_DIR}/TansyCloudStorageConfigVer
 install(FILES "${CMAKE_BINARY_DIR}/TansyCloudStorageConfig.cmake"
               "${CMAKE_BINARY_DIR}/TansyCloudStorageConfigVersion.cmake"
         DESTINATION ${package_folder})
+if(MINGW)
+  include(TansyWindowsPackage)
+endif()

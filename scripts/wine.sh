@@ -18,8 +18,14 @@ export WINEDLLOVERRIDES='mscoree,mshtml,winemenubuilder.exe=d'
 unset DISPLAY WAYLAND_DISPLAY
 
 # The server and the services that it starts live on after the first program. They must not hold the pipes of whoever
-# started that: who waits for the end of its output would wait for theirs.
-start() {
+# started that: who waits for the end of its output would wait for theirs. The same goes for whatever else is open here.
+start() (
+  for open in "/proc/$BASHPID/fd/"*; do
+    open=${open##*/}
+    if ((open > 2 && open < 255)); then  # 255 is this script
+      exec {open}>&-
+    fi
+  done
   mkdir -p "$prefix/home"
   exec 8>"$prefix/lock"
   flock 8
@@ -31,8 +37,7 @@ start() {
   else
     "$wine" cmd /c exit </dev/null >>"$prefix/log" 2>&1 8>&-
   fi
-  exec 8>&-
-}
+)
 
 case ${1:-} in
   --start)
