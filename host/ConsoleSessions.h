@@ -48,7 +48,7 @@ struct ConsoleSignIn {
 class CConsoleSessions {
  public:
   static constexpr std::int64_t kNonceSeconds = 60;
-  static constexpr std::int64_t kLongestSession = 12 * 3600;
+  static constexpr std::int64_t kLongestSession = std::int64_t{12} * 3600;
   static constexpr std::int64_t kLongestPause = 3600;
   static constexpr std::size_t kMostSessions = 256;
   static constexpr std::size_t kMostNonces = 4096;  // that were used and have not ended
