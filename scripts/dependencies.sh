@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the build needs and this machine lacks, from Debian's packages. Says what it installs; installs nothing twice.
-# usage: scripts/dependencies.sh [--no-tests|--lint|--windows|--fuzz|windows]
+# usage: scripts/dependencies.sh [--no-tests|--package|--lint|--windows|--fuzz|windows]
 #        windows: what the preset of that name needs, which builds some libraries; --windows: its compiler alone
 set -euo pipefail
 
@@ -11,12 +11,16 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   openssl curl groff-base
 )
-if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
+with_tests=true
+[[ ! "${1:-}" =~ ^(--no-tests|--package|windows)$ ]] || with_tests=false
+if $with_tests; then
   packages+=(postgresql-15 ceph-common ceph-mon ceph-osd awscli python3-boto3 s3cmd rclone restic)
   packages+=(dpkg-dev fakeroot lintian systemd) # for the package
 fi
 if [[ "${1:-}" == --lint ]]; then
   packages+=(clang-format-14 clang-tidy-14)
+elif [[ "${1:-}" == --package ]]; then
+  packages+=(dpkg-dev mmdebstrap)
 elif [[ "${1:-}" == --windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix)
 elif [[ "${1:-}" == windows ]]; then
@@ -33,7 +37,7 @@ if [[ "${1:-}" != windows ]]; then
   add_program node nodejs
   add_program npm npm
 fi
-if [[ "${1:-}" != --no-tests && "${1:-}" != windows && -z "${TANSY_TEST_BROWSER:-}" ]]; then
+if $with_tests && [[ -z "${TANSY_TEST_BROWSER:-}" ]]; then
   add_program chromium chromium
 fi
 
@@ -60,10 +64,6 @@ fetch_promtool() {
   mv "$work/usr/bin/promtool" "$tools/promtool"
   rm -rf "$work"
 }
-with_promtool=false
-if [[ "${1:-}" != --no-tests && "${1:-}" != windows ]]; then
-  with_promtool=true
-fi
 
 missing=()
 for package in "${packages[@]}"; do
@@ -72,7 +72,7 @@ for package in "${packages[@]}"; do
 done
 if ((${#missing[@]} == 0)); then
   build_libraries "$@"
-  ! $with_promtool || fetch_promtool
+  ! $with_tests || fetch_promtool
   exit 0
 fi
 
@@ -98,4 +98,4 @@ export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 build_libraries "$@"
-! $with_promtool || fetch_promtool
+! $with_tests || fetch_promtool

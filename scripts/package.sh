@@ -14,6 +14,7 @@ fi
 folder=$PWD/build/package
 [[ -z "${1:-}" ]] || folder=$(cd "$started_in" && mkdir -p "$1" && cd "$1" && pwd)
 
+scripts/dependencies.sh --package >&2
 TANSY_CMAKE_ARGS=${TANSY_CMAKE_ARGS:--DTANSY_BUILD_TESTS=OFF} scripts/build.sh release >&2
 package=$(tests/package/make_package.sh build "$folder")
 ! $with_test || tests/package/fresh_system.sh "$package" >&2
