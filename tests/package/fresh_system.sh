@@ -44,7 +44,7 @@ expect_private_keys "$settings"
 ! grep -qF "$(key_of "$settings" secret_key)" "$work/out" || fail "the key was printed"
 user=$(chroot "$root" id -u tansyd)
 [[ $(stat -c %u "$settings") == "$user" && $(stat -c %u "$root/var/lib/tansyd") == "$user" ]] || fail "the user does not own its files"
-[[ -e $root/etc/systemd/system/multi-user.target.wants/tansyd.service ]] || fail "the service would not start with the machine"
+[[ -L $root/etc/systemd/system/multi-user.target.wants/tansyd.service ]] || fail "the service would not start with the machine"
 
 # Other servers of this machine have the usual ports.
 object_port=$(free_port)
