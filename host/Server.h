@@ -89,6 +89,7 @@ class CServer {
   void ShowSettings();
   void NoteServed(const HostOptions& served);
   db_layer::DBParam ServedDatabase() const;
+  std::string ServedStorage() const;
   void EndCheck();
   void StartAdminServer(const CredentialPair& credentials);
   std::vector<CServerHealth::Probe> HealthProbes(const std::shared_ptr<CDiskFigures>& disk) const;

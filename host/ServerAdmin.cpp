@@ -1,5 +1,4 @@
 // What a server shows to those who look after it.
-#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -88,9 +87,9 @@ std::vector<CServerHealth::Probe> CServer::HealthProbes(const std::shared_ptr<CD
       {"database", [] { return details::LookAtDatabase(); }},
       {"storage", [store = store_] { return details::LookAtStorage(*store); }},
       {"space",
-       [folder = data_folder_->GetPath(), storage = options_.storage, has_https = options_.NeedsCertificate(), disk] {
+       [this, folder = data_folder_->GetPath(), has_https = options_.NeedsCertificate(), disk] {
          disk->SetCertificateEnd(has_https ? CertificateEnd(kCertificatePath) : std::nullopt);
-         return details::LookAtSpace(folder, storage, *disk);
+         return details::LookAtSpace(folder, ServedStorage(), *disk);
        }},
   };
 }
@@ -129,13 +128,14 @@ void CServer::ShowSettings() {
 
 // It is called on the thread that moves, too.
 void CServer::NoteServed(const HostOptions& served) {
-  const auto settings = SettingsInForce(served);
   const std::scoped_lock lock(shown_mutex_);
   served_database_ = served.database;
   served_storage_ = served.storage;
-  for (auto& [name, value] : shown_settings_) {
-    const auto now = std::find_if(settings.begin(), settings.end(), [&](const auto& row) { return row.first == name; });
-    value = name == "database" || name == "storage" ? now->second : value;
+  for (const auto& now : SettingsInForce(served)) {
+    for (auto& shown : shown_settings_) {
+      const bool is_moved = now.first == shown.first && (now.first == "database" || now.first == "storage");
+      shown.second = is_moved ? now.second : shown.second;
+    }
   }
 }
 
@@ -143,6 +143,11 @@ void CServer::EndCheck() {
   if (online_check_ != nullptr) {
     online_check_->Stop();
   }
+}
+
+std::string CServer::ServedStorage() const {
+  const std::scoped_lock lock(shown_mutex_);
+  return served_storage_;
 }
 
 db_layer::DBParam CServer::ServedDatabase() const {

@@ -264,6 +264,26 @@ TEST_F(ConsoleTest, ChecksCatalogueAndStore) {
               AllOf(HasSubstr(R"("result":"findings","findings":1,"lines":["short /b/)"), HasSubstr("1 damaged")));
 }
 
+TEST_F(ConsoleTest, ShowsAndChecksThePlaceThatEverythingWasMovedTo) {
+  const HeaderList good = SignedIn();
+  MakeBucket("b");
+  Put("/b/k", "12345");
+  CTansyd command(temp_.GetPath(), "command");
+  Launch move;
+  move.with_data = move.with_ports = false;
+  move.arguments = {"move", "--data", server_.Data(), "--to-storage", "file:bytes", "--to-database", "sqlite:rows.db"};
+  ASSERT_EQ(command.RunToEnd(move).code, 0);
+  EXPECT_THAT(Ask("/console/api/settings", good).body,
+              AllOf(HasSubstr(R"("database":"sqlite:rows.db","storage":"file:bytes")"),
+                    HasSubstr("\"s3-port\":\"" + std::to_string(server_.GetS3Port()) + "\"")));
+  Put("/b/more", "1234567");
+  EXPECT_EQ(Post("/console/api/check", "", good).status, 200);
+  EXPECT_TRUE(WaitUntil([&] {
+    return Ask("/console/api/check", good).body.find(R"("result":"well")") != std::string::npos;
+  })) << Ask("/console/api/check", good).body;
+  EXPECT_THAT(Ask("/console/api/check", good).body, HasSubstr("check: 2 rows, 2 stored files"));
+}
+
 TEST_F(ConsoleTest, PagesOfOtherOriginsStayOutOfTheS3Server) {
   const std::string link = Target(R"({"method":"GET","bucket":"","key":"","expires":60})", SignedIn());
   for (const std::string& origin : {std::string("http://evil.example.org"), std::string("null"),
