@@ -27,6 +27,7 @@
 #include "NodeLease.h"
 #include "OSAL/Osal.h"
 #include "PostgresDatabase.h"
+#include "QuietLog.h"
 #include "Restore.h"
 #include "Schema.h"
 #include "StartFailure.h"
@@ -231,7 +232,7 @@ void CServer::OpenLog() {
   }
   logging::SetLowestLevel(options_.log_level);
   logging::SetRepeatWindow(details::kRepeatWindowMs);
-  logging::SetSink(log_);
+  logging::SetSink(std::make_shared<CQuietLog>(log_));
 }
 
 void CServer::OpenDatabase() {
