@@ -185,11 +185,12 @@ std::string ApplyAccessLogFormat(HostOptions& options, const std::string& text) 
   return "";
 }
 
-std::string ApplyV2Links(HostOptions& options, const std::string& text) {
+template <bool HostOptions::*Member>
+std::string ApplySwitch(HostOptions& options, const std::string& text) {
   if (text != "on" && text != "off") {
     return "give on or off";
   }
-  options.s3_v2_links = text == "on";
+  options.*Member = text == "on";
   return "";
 }
 
@@ -272,7 +273,8 @@ const std::vector<OptionRow>& OptionTable() {
       {"s3-region", "NAME", "region that clients of the S3 protocol sign for [us-east-1]", details::ApplyRegion},
       {"s3-domain", "NAME", "host name below which the S3 protocol takes BUCKET.NAME for that bucket [none]",
        details::ApplyDomain},
-      {"s3-v2-links", "on|off", "take links that are signed by version 2 [on]", details::ApplyV2Links},
+      {"s3-v2-links", "on|off", "take links that are signed by version 2 [on]",
+       details::ApplySwitch<&HostOptions::s3_v2_links>},
       {"s3-cors-origin", "ORIGIN",
        "origin whose web pages may use the S3 protocol, several times if need be, * for all [none]",
        details::ApplyCorsOrigins, true},
@@ -317,6 +319,8 @@ const std::vector<OptionRow>& OptionTable() {
       {"access-log", "FILE", "where a line for each request goes, - for standard output [none]",
        ApplyPath<&HostOptions::access_log>},
       {"access-log-format", "combined|json", "how these lines look [combined]", details::ApplyAccessLogFormat},
+      {"server-timing", "on|off", "say in each answer how long it took, as Server-Timing [off]",
+       details::ApplySwitch<&HostOptions::server_timing>, false, true},
   };
   return rows;
 }

@@ -25,6 +25,7 @@ struct HostOptions {
   std::vector<std::string> admin_listen;    // its addresses; empty stands for loopback
   std::string access_log;                   // a file, or "-" for standard output; empty: none
   bool access_log_json = false;
+  bool server_timing = false;  // answers say how long they took
   static constexpr std::uint16_t kUsualAdminPort = 9703;
   std::string s3_region = "us-east-1";
   std::string s3_domain;  // empty: no host name stands for a bucket

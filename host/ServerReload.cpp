@@ -68,6 +68,7 @@ void CServer::ReloadSettings() {
     options_.log_level = now.log_level;
     options_.memory_limit_mib = now.memory_limit_mib;
     options_.require_date_minutes = now.require_date_minutes;
+    options_.server_timing = now.server_timing;
     ApplyLiveOptions();
     ShowSettings();
     for (const std::string& name : changed.live) {
@@ -87,6 +88,7 @@ void CServer::ApplyLiveOptions() const {
   TansyNet::HttpServerLimits limits;
   limits.memory_bytes = std::uint64_t{options_.memory_limit_mib} << 20;
   TansyNet::CHttpServer::SetLimits(limits);
+  TansyNet::CHttpServer::SetServerTiming(options_.server_timing);
   CloudStorage::SetSignatureDateWindow(options_.require_date_minutes);
 }
 

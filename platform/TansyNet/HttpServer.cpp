@@ -170,6 +170,10 @@ void CHttpServer::SetRequestWatch(RequestWatch watch) {
   details::TheProcess().runtime.SetWatch(watch);
 }
 
+void CHttpServer::SetServerTiming(bool is_on) {
+  details::TheProcess().runtime.SetTellsTimes(is_on);
+}
+
 std::vector<RunningRequest> CHttpServer::RunningRequests() {
   std::vector<RunningRequest> running;
   for (const auto& [handle, connection] : details::TheProcess().runtime.Handles().All()) {

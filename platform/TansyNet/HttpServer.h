@@ -88,6 +88,9 @@ class CHttpServer {
   // Sets who is told about each request that ends; null, the default, stands for nobody. Every answer then names its
   // request in X-Request-Id. What it asks for is counted in any case (Operation.h).
   static void SetRequestWatch(RequestWatch watch);
+  // Lets each answer say in Server-Timing how long its request took to arrive, to wait and to be handled. It is off at
+  // first.
+  static void SetServerTiming(bool is_on);
   // Gives the requests that are delivered and not answered yet, the oldest first.
   static std::vector<RunningRequest> RunningRequests();
   static ServerLoad Load();

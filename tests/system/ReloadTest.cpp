@@ -36,6 +36,16 @@ TEST_F(ReloadTest, TakesOverWhatARunningServerCan) {
   EXPECT_TRUE(WaitUntil([&] { return OutcomeOfOldRequest() == "200"; })) << "what is not said is as ever";
 }
 
+TEST_F(ReloadTest, AnswersSayOnDemandHowLongTheyTook) {
+  ASSERT_TRUE(server_.Start());
+  const Request request = Signed({"GET", "/", {}, ""});
+  EXPECT_EQ(Call(server_.GetObjectPort(), request).Header("Server-Timing"), "");
+  WriteSettings("server-timing = \"on\"\n");
+  ASSERT_TRUE(ReloadAndRead("server-timing has changed, which counts from now on")) << server_.GetLog();
+  EXPECT_THAT(Call(server_.GetObjectPort(), request).Header("Server-Timing"),
+              testing::MatchesRegex("receive;dur=[0-9.]+, queue;dur=[0-9.]+, handler;dur=[0-9.]+"));
+}
+
 TEST_F(ReloadTest, SaysWhatCountsFromTheNextStart) {
   ASSERT_TRUE(server_.Start());
   WriteSettings("wan-ip = \"192.0.2.1\"\nwan-object-port = 80\n");

@@ -1,6 +1,8 @@
 #include "TansyNet/server/RequestRecord.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 
 #include "TansyNet/Operation.h"
 
@@ -21,13 +23,21 @@ std::int64_t Since(std::int64_t begin, std::int64_t time) {
   return time == 0 ? 0 : std::max<std::int64_t>(time - begin, 0);
 }
 
+std::string DurationText(std::int64_t nanoseconds) {
+  constexpr double kNanosecondsPerMillisecond = 1e6;
+  std::array<char, 48> text{};
+  std::snprintf(text.data(), text.size(), ";dur=%.3f", static_cast<double>(nanoseconds) / kNanosecondsPerMillisecond);
+  return text.data();
+}
+
 }  // namespace
 }  // namespace details
 
-void CRequestRecord::Begin(const RequestHead& head, RequestWatch watch) {
+void CRequestRecord::Begin(const RequestHead& head, RequestWatch watch, bool tells_times) {
   Clear();
   began_ = SteadyNanoseconds();
   watch_ = watch;
+  tells_times_ = tells_times;
   line_.assign(head.method).append(1, ' ').append(head.path);
   if (watch != nullptr) {
     query_ = head.query;
@@ -52,14 +62,14 @@ const std::shared_ptr<RequestNote>& CRequestRecord::Note() {
     note_->operation.store(nullptr, std::memory_order_relaxed);
     note_->opened.store(0, std::memory_order_relaxed);
   }
-  note_->is_timed = watch_ != nullptr;
+  note_->is_timed = IsTimed();
   is_noted_ = true;
   return note_;
 }
 
 void CRequestRecord::Delivered(std::uint64_t bytes) {
   bytes_in_ += bytes;
-  if (watch_ != nullptr && delivered_ == 0) {
+  if (IsTimed() && delivered_ == 0) {
     delivered_ = SteadyNanoseconds();
   }
 }
@@ -67,10 +77,22 @@ void CRequestRecord::Delivered(std::uint64_t bytes) {
 void CRequestRecord::Answered(int status, std::uint64_t bytes, std::string_view id) {
   status_ = status;
   bytes_out_ = bytes;
-  if (watch_ != nullptr) {
+  if (IsTimed()) {
     answered_ = SteadyNanoseconds();
     id_ = id;
   }
+}
+
+std::string CRequestRecord::Times() const {
+  if (!tells_times_) {
+    return {};
+  }
+  const std::int64_t opened = is_noted_ ? note_->opened.load(std::memory_order_relaxed) : 0;
+  // What never came about took no time.
+  const std::int64_t delivered = std::clamp(delivered_, began_, answered_);
+  const std::int64_t handled = std::clamp(opened, delivered, answered_);
+  return "receive" + details::DurationText(delivered - began_) + ", queue" +
+         details::DurationText(handled - delivered) + ", handler" + details::DurationText(answered_ - handled);
 }
 
 void CRequestRecord::End(std::string_view ip, std::uint64_t unsent) {

@@ -17,7 +17,8 @@ namespace TansyNet {
 class CRequestRecord {
  public:
   // The watch is called when the request ends; it may be null, and then the texts that only it needs are not kept.
-  void Begin(const RequestHead& head, RequestWatch watch);
+  // `tells_times` makes Times say something.
+  void Begin(const RequestHead& head, RequestWatch watch, bool tells_times);
   // A request whose head could not be read.
   void BeginUnread();
   bool IsOpen() const { return began_ != 0; }
@@ -29,6 +30,9 @@ class CRequestRecord {
   // An answer begins. `id` names the request; it may be empty.
   void Answered(int status, std::uint64_t bytes, std::string_view id);
   bool IsWatched() const { return watch_ != nullptr; }
+  // How long what came before the answer took, as Server-Timing says it: "receive;dur=0.02, queue;dur=0.1,
+  // handler;dur=3.4" in milliseconds. Empty unless it was asked for.
+  std::string Times() const;
   // Counts the request. `unsent` bytes of the answer's body did not leave.
   void End(std::string_view ip, std::uint64_t unsent);
 
@@ -36,11 +40,13 @@ class CRequestRecord {
   void Describe(RunningRequest& request) const;
 
  private:
+  bool IsTimed() const { return watch_ != nullptr || tells_times_; }
   COperation* Operation() const;
   FinishedRequest Finished(std::string_view ip, std::int64_t now) const;
   void Clear();
 
   RequestWatch watch_ = nullptr;
+  bool tells_times_ = false;
   std::shared_ptr<RequestNote> note_;
   bool is_noted_ = false;  // the note is about this request
   std::string line_;

@@ -179,7 +179,7 @@ std::string CServerConnection::TakeHead(const HttpResponse& response, std::uint6
   const Persistence persistence = !keep_alive_ ? Persistence::kClose
                                   : http11_    ? Persistence::kDefault
                                                : Persistence::kKeepAlive;
-  return BuildResponseHead(response, content_length, persistence, id);
+  return BuildResponseHead(response, content_length, persistence, id, record_.Times());
 }
 
 // Requests have names only for those who watch them.

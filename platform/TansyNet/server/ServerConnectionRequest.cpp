@@ -95,7 +95,7 @@ void CServerConnection::TakeRequest(RequestHead& head) {
   keep_alive_ = keep_alive_ && head.keep_alive;
   http11_ = head.http11;
   is_head_ = head.method == "HEAD";
-  record_.Begin(head, runtime_.Watch());
+  record_.Begin(head, runtime_.Watch(), runtime_.TellsTimes());
   request_ = {};
   request_.method = std::move(head.method);
   request_.url = std::move(head.path);

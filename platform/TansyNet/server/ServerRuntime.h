@@ -67,6 +67,9 @@ class CServerRuntime {
   // Who is told about requests that begin afterwards; null: nobody.
   void SetWatch(RequestWatch watch) { watch_.store(watch, std::memory_order_relaxed); }
   RequestWatch Watch() const { return watch_.load(std::memory_order_relaxed); }
+  // Whether answers of requests that begin afterwards say how long they took.
+  void SetTellsTimes(bool tells) { tells_times_.store(tells, std::memory_order_relaxed); }
+  bool TellsTimes() const { return tells_times_.load(std::memory_order_relaxed); }
   ServerLoad Load() const;
 
   CHandleTable& Handles() { return handles_; }
@@ -103,6 +106,7 @@ class CServerRuntime {
   std::size_t next_worker_ = 0;  // guarded by mutex_
 
   std::atomic<RequestWatch> watch_{nullptr};
+  std::atomic<bool> tells_times_{false};
   CHandleTable handles_;
   std::atomic<std::uint32_t> connections_{0};
   std::atomic<std::uint32_t> max_connections_{HttpServerLimits{}.connections};

@@ -107,7 +107,7 @@ bool AsksToClose(const HttpResponse& response) {
 }
 
 std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence,
-                              std::string_view request_id) {
+                              std::string_view request_id, std::string_view times) {
   constexpr std::size_t kUsualSize = 512;
   const int status = details::FinalStatus(response.status);
   std::string text;
@@ -128,6 +128,7 @@ std::string BuildResponseHead(const HttpResponse& response, std::uint64_t conten
   details::AppendIfSet(text, "Cache-Control", response.cache_control);
   details::AppendOwnHeaders(text, response.headers);
   details::AppendIfSet(text, "X-Request-Id", request_id);
+  details::AppendIfSet(text, "Server-Timing", times);
   if (persistence != Persistence::kDefault) {
     details::AppendHeader(text, "Connection", persistence == Persistence::kClose ? "close" : "keep-alive");
   }

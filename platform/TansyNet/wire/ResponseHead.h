@@ -24,9 +24,10 @@ bool AsksToClose(const HttpResponse& response);
 
 // Builds the status line and headers with the empty line that ends them. The library decides about lengths and about
 // the end of the connection, so headers of the response that speak of these are left out. Names that are no header
-// names are left out too, and line ends in values are removed. `request_id` becomes X-Request-Id unless it is empty.
+// names are left out too, and line ends in values are removed. `request_id` becomes X-Request-Id unless it is empty,
+// and `times` becomes Server-Timing.
 std::string BuildResponseHead(const HttpResponse& response, std::uint64_t content_length, Persistence persistence,
-                              std::string_view request_id = {});
+                              std::string_view request_id = {}, std::string_view times = {});
 
 // Makes an answer of the library itself, with the reason as its body.
 HttpResponse LibraryAnswer(int status);

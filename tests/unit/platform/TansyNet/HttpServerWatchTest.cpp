@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -300,6 +301,32 @@ TEST_F(HttpServerWatch, ListsTheRequestsThatRunOldestFirst) {
   AnswerText(one.handle, "x");
   AnswerText(two.handle, "x");
   EXPECT_TRUE(Eventually([] { return CHttpServer::RunningRequests().empty(); }));
+}
+
+TEST_F(HttpServerWatch, AnswersSayOnDemandHowLongTheyTook) {
+  Start([](std::int32_t handle, HttpServerRecv& message) {
+    TansyNet::BeginOperation(message.note, Tested());
+    AnswerText(handle, "text");
+  });
+  CRawClient client(Port());
+  client.Send("GET / HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_EQ(client.ReadReply().Header("server-timing"), "");
+  CHttpServer::SetServerTiming(true);
+  client.Send("PUT / HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc");
+  const RawReply reply = client.ReadReply();
+  CHttpServer::SetServerTiming(false);
+  double receive = -1;
+  double queue = -1;
+  double handler = -1;
+  ASSERT_EQ(std::sscanf(reply.Header("server-timing").c_str(), "receive;dur=%lf, queue;dur=%lf, handler;dur=%lf",
+                        &receive, &queue, &handler),
+            3)
+      << reply.Header("server-timing");
+  EXPECT_GT(receive, 0);
+  EXPECT_GE(queue, 0);
+  EXPECT_GE(handler, 0);
+  EXPECT_LT(receive + queue + handler, 60'000) << "milliseconds";
+  EXPECT_EQ(reply.Header("x-request-id"), "") << "nobody watches";
 }
 
 }  // namespace
