@@ -130,6 +130,13 @@ bool GetReleased(EReleased kind, std::int64_t time, int limit, std::vector<Relea
   });
 }
 
+bool CountReleased(EReleased kind, int most, std::uint64_t& count) {
+  const std::string sql = "SELECT COUNT(*) AS counted FROM (SELECT id FROM platform.released_bytes WHERE kind = " +
+                          std::to_string(static_cast<int>(kind)) + " LIMIT " + std::to_string(most) + ") AS some";
+  return details::Query(
+      sql, [&count](db_layer::CConnect& row) { count = std::strtoull(row.GetString("counted").c_str(), nullptr, 10); });
+}
+
 bool ForgetReleased(const std::vector<std::string>& ids) {
   return ids.empty() ||
          details::Execute("DELETE FROM platform.released_bytes WHERE id IN (" + details::List(ids) + ")");

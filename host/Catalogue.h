@@ -33,6 +33,8 @@ struct ReleasedBytes {
 bool StampReleased(std::int64_t now, int limit, bool& left);
 // Gives at most `limit` entries that were stamped at `time` or before, oldest first.
 bool GetReleased(EReleased kind, std::int64_t time, int limit, std::vector<ReleasedBytes>& released);
+// Counts the entries of a kind, up to `most`.
+bool CountReleased(EReleased kind, int most, std::uint64_t& count);
 // These forget entries, let them wait again, or turn them into kept ones.
 bool ForgetReleased(const std::vector<std::string>& ids);
 bool PostponeReleased(const std::vector<std::string>& ids, std::int64_t now);

@@ -7,6 +7,7 @@
 #include "Catalogue.h"
 #include "FirstParts.h"
 #include "HostLog.h"
+#include "HousekeepingCounts.h"
 #include "RemovalHold.h"
 #include "TansyBase/TimeUtil.h"
 
@@ -21,6 +22,7 @@ constexpr std::int64_t kRowSeconds = 5;
 constexpr std::int64_t kFirstPartSeconds = 60;
 constexpr std::int64_t kSaveClockSeconds = 3600;
 constexpr std::int64_t kGoneSeconds = 60;
+constexpr std::int64_t kCountSeconds = 60;
 // The longest time from the last byte of an upload to its row, including the wait for the database.
 constexpr std::int64_t kLongestRequestSeconds = 300;
 // The time for which given-up bytes are remembered. It is much longer than the longest request, to be safe.
@@ -32,6 +34,11 @@ std::vector<std::string> Urls(std::span<const NewBytes> batch) {
   std::transform(batch.begin(), batch.end(), std::back_inserter(urls),
                  [](const NewBytes& bytes) { return LocationText(bytes.name); });
   return urls;
+}
+
+void Count(HousekeepingCounts::Stored& stored, std::uint64_t size) {
+  ++stored.pieces;
+  stored.bytes += size;
 }
 
 std::unique_ptr<CWriteGate::CPass> PassOf(CWriteGate* gate) {
@@ -68,7 +75,9 @@ void CHousekeeping::Run() {
   if (is_my_turn) {
     DoWhatIsDoneOnce();
   }
+  CountWhatWaits();
   store_->Tidy(is_stopping_);
+  HousekeepingCounts::OfProcess().rounds += is_stopping_() ? 0 : 1;
   if (freed_ > 0) {
     HOST_LOG(logging::kNotable, "[%s]freed the bytes of %zu uploads that nothing refers to.[%s(%d)]", freed_);
   }
@@ -176,8 +185,12 @@ bool CHousekeeping::LookAtNew(std::span<const NewBytes> batch) {
     if (is_stopping_()) {
       return false;  // in a pool one removal may take a second; the names are looked at again after the next start
     }
-    if (given_up.count(LocationText(bytes.name)) > 0 && store_->FreeNew(bytes.name) == EStoreResult::kDone) {
+    std::uint64_t size = 0;
+    const bool is_given_up = given_up.count(LocationText(bytes.name)) > 0;
+    const bool has_size = is_given_up && store_->GetSize(bytes.name, size) == EStoreResult::kDone;
+    if (is_given_up && store_->FreeNew(bytes.name) == EStoreResult::kDone) {
       ++freed_;
+      details::Count(HousekeepingCounts::OfProcess().freed_orphaned, has_size ? size : 0);
     }
   }
   return true;
@@ -292,9 +305,19 @@ bool CHousekeeping::Free(const std::string& url) {
   if (!ParseLocationText(url, name) || store_->IsPicture(name)) {
     return true;
   }
-  const bool is_removed = store_->Remove(name) == EStoreResult::kDone;
+  const bool is_removed = Remove(name) == EStoreResult::kDone;
   freed_ += is_removed ? 1 : 0;
   return is_removed;
+}
+
+EStoreResult CHousekeeping::Remove(const StoredName& name) {
+  std::uint64_t size = 0;
+  const bool has_size = store_->GetSize(name, size) == EStoreResult::kDone;
+  const EStoreResult result = store_->Remove(name);
+  if (result == EStoreResult::kDone) {
+    details::Count(HousekeepingCounts::OfProcess().freed_released, has_size ? size : 0);
+  }
+  return result;
 }
 
 // The rows go after the bytes, so that a round that was broken off is done again.
@@ -310,7 +333,7 @@ bool CHousekeeping::FreeParts(const std::string& url) {
       return false;
     }
     if (ParseLocationText(part, name)) {
-      const EStoreResult result = store_->Remove(name);
+      const EStoreResult result = Remove(name);
       is_done = is_done && (result == EStoreResult::kDone || result == EStoreResult::kMissing);
     }
   }
@@ -319,6 +342,23 @@ bool CHousekeeping::FreeParts(const std::string& url) {
   }
   ++freed_;
   return true;
+}
+
+// Every node counts, because each shows its own figures.
+void CHousekeeping::CountWhatWaits() {
+  HousekeepingCounts& counts = HousekeepingCounts::OfProcess();
+  counts.waiting_new = store_->GetNew(0).size();
+  if (counted_ != 0 && Now() - counted_ < details::kCountSeconds) {
+    return;
+  }
+  counted_ = Now();
+  std::uint64_t removed = 0;
+  std::uint64_t replaced = 0;
+  if (CountReleased(EReleased::kKept, HousekeepingCounts::kMostCounted, removed) &&
+      CountReleased(EReleased::kLeft, HousekeepingCounts::kMostCounted, replaced)) {
+    counts.waiting_removed = removed;
+    counts.waiting_replaced = replaced;
+  }
 }
 
 void CHousekeeping::LookAtFirstParts() {

@@ -64,8 +64,10 @@ class CHousekeeping {
   void FreeReleased(EReleased kind, std::int64_t time);
   bool FreeSomeReleased(EReleased kind, std::int64_t time);
   bool Free(const std::string& url);
+  EStoreResult Remove(const StoredName& name);
   bool FreeParts(const std::string& url);
   void LookAtFirstParts();
+  void CountWhatWaits();
 
   const std::shared_ptr<IObjectStore> store_;
   const HousekeepingRules rules_;
@@ -78,6 +80,7 @@ class CHousekeeping {
 
   std::int64_t clock_base_ = -1;  // running seconds less uptime; -1: not known yet
   bool clock_is_known_ = false;
+  std::int64_t counted_ = 0;                // the same, of the last count of what waits
   std::int64_t clock_saved_ = 0;            // running seconds
   std::int64_t first_parts_seen_ = 0;       // running seconds
   std::set<std::string> dead_first_parts_;  // as of the last look

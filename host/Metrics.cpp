@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "HousekeepingCounts.h"
 #include "PrometheusText.h"
 #include "TansyCloudStorage/ServerLoad.h"
 #include "TansyNet/HttpServer.h"
@@ -140,6 +141,15 @@ void AddModule(CPrometheusText& text) {
   }
   AddGauge(text, "tansy_tasks", "Requests that wait for a worker or run on one.", load.tasks);
   AddGauge(text, "tansy_tasks_limit", "At this number requests are refused.", load.most_tasks);
+  AddGauge(text, "tansy_tasks_waiting", "Requests that no worker has begun yet.", load.waiting_tasks);
+  text.Family("tansy_workers", "gauge",
+              "Workers with a request, by what they do: compute, or wait for a disk or a lock.");
+  text.Sample(load.computing_threads, {{"state", "computing"}});
+  text.Sample(load.blocked_threads, {{"state", "waiting"}});
+  text.Family("tansy_sweeps_total", "counter", "Looks for uploads in parts that everybody has forgotten.");
+  text.Sample(load.sweeps);
+  text.Family("tansy_swept_uploads_total", "counter", "Uploads in parts that were removed because of that.");
+  text.Sample(load.swept_uploads);
   AddGauge(text, "tansy_buckets", "Buckets in the catalogue.", load.buckets);
   AddGauge(text, "tansy_objects", "Objects in the catalogue.", load.objects);
   AddGauge(text, "tansy_open_uploads", "Uploads in parts of the object protocol that have not ended.",
@@ -156,6 +166,25 @@ void AddCatalogueWrites(CPrometheusText& text) {
   text.Sample(counts.writes);
   text.Family("tansy_commit_seconds_total", "counter", "Time that these commits took.");
   text.Sample(static_cast<double>(counts.nanoseconds) / kNanosecondsPerSecond);
+}
+
+void AddHousekeeping(CPrometheusText& text) {
+  const HousekeepingCounts& counts = HousekeepingCounts::OfProcess();
+  text.Family("tansy_housekeeping_rounds_total", "counter", "Rounds of housekeeping that went to their end.");
+  text.Sample(counts.rounds);
+  text.Family("tansy_freed_total", "counter",
+              "Stored bodies that were freed: released by their row, or orphaned, which never got one.");
+  text.Sample(counts.freed_released.pieces, {{"kind", "released"}});
+  text.Sample(counts.freed_orphaned.pieces, {{"kind", "orphaned"}});
+  text.Family("tansy_freed_bytes_total", "counter", "Their bytes.");
+  text.Sample(counts.freed_released.bytes, {{"kind", "released"}});
+  text.Sample(counts.freed_orphaned.bytes, {{"kind", "orphaned"}});
+  text.Family("tansy_unreferenced", "gauge",
+              "Stored bodies that no row names, by why: their object was removed or replaced, or they are new. Of the "
+              "first two, 100000 stands for as many or more.");
+  text.Sample(counts.waiting_removed, {{"kind", "removed"}});
+  text.Sample(counts.waiting_replaced, {{"kind", "replaced"}});
+  text.Sample(counts.waiting_new, {{"kind", "new"}});
 }
 
 void AddHost(CPrometheusText& text, const MetricsSource& source) {
@@ -185,6 +214,7 @@ std::string MetricsText(const MetricsSource& source) {
   details::AddNetwork(text);
   details::AddModule(text);
   details::AddCatalogueWrites(text);
+  details::AddHousekeeping(text);
   details::AddHost(text, source);
   return text.Take();
 }

@@ -50,6 +50,10 @@ std::string LookAtSpace(const std::string& path, DiskRoom& room) {
   return "the disk of " + path + " is nearly full: " + std::to_string(room.available >> 20) + " MiB are left";
 }
 
+std::string LookAtLease(const CNodeLease& lease) {
+  return lease.IsHeld() ? "" : "node " + lease.Name() + " does not hold its name, and writes nothing: see the log";
+}
+
 // Of the catalogue and the log, and of the stored bytes where they are files.
 std::string LookAtSpace(const std::string& data_folder, const std::string& storage, CDiskFigures& figures) {
   DiskRoom room;
@@ -83,7 +87,7 @@ void CServer::OpenAccessLog() {
 }
 
 std::vector<CServerHealth::Probe> CServer::HealthProbes(const std::shared_ptr<CDiskFigures>& disk) const {
-  return {
+  std::vector<CServerHealth::Probe> probes = {
       {"database", [] { return details::LookAtDatabase(); }},
       {"storage", [store = store_] { return details::LookAtStorage(*store); }},
       {"space",
@@ -92,6 +96,10 @@ std::vector<CServerHealth::Probe> CServer::HealthProbes(const std::shared_ptr<CD
          return details::LookAtSpace(folder, ServedStorage(), *disk);
        }},
   };
+  if (lease_ != nullptr) {
+    probes.push_back({"lease", [lease = lease_.get()] { return details::LookAtLease(*lease); }});
+  }
+  return probes;
 }
 
 std::shared_ptr<CConsole> CServer::MakeConsole(const CredentialPair& credentials,

@@ -12,12 +12,17 @@
 namespace Tansy::CloudStorage {
 
 struct ServerLoad {
-  std::uint64_t tasks = 0;         // requests that wait for a thread of the message loop, and those that run there
-  std::uint64_t most_tasks = 0;    // at this number requests are refused
-  std::uint64_t buckets = 0;       // in the catalogue
-  std::uint64_t objects = 0;       // of all buckets
-  std::uint64_t object_bytes = 0;  // of all objects
-  std::uint64_t open_uploads = 0;  // upload tasks of the object protocol that have not ended
+  std::uint64_t tasks = 0;              // requests that wait for a thread of the message loop, and those that run there
+  std::uint64_t most_tasks = 0;         // at this number requests are refused
+  std::uint64_t waiting_tasks = 0;      // of `tasks`, those that no thread has begun yet
+  std::uint64_t computing_threads = 0;  // threads of the loop that run a request and wait for nothing
+  std::uint64_t blocked_threads = 0;    // those that wait for storage, the database or a lock
+  std::uint64_t buckets = 0;            // in the catalogue
+  std::uint64_t objects = 0;            // of all buckets
+  std::uint64_t object_bytes = 0;       // of all objects
+  std::uint64_t open_uploads = 0;       // upload tasks of the object protocol that have not ended
+  std::uint64_t sweeps = 0;             // looks for uploads that everybody has forgotten, since the start
+  std::uint64_t swept_uploads = 0;      // those that were found and removed
 };
 
 // Counts them. The figures are taken one after another while requests go on. It takes some microseconds per bucket.

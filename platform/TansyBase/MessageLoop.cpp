@@ -365,6 +365,11 @@ std::size_t CMessageLoopDyThreadPool::GetWorkTaskCount() const {
   return impl_->work_count.load(std::memory_order_relaxed);
 }
 
+CMessageLoopDyThreadPool::Load CMessageLoopDyThreadPool::GetLoad() const {
+  const std::lock_guard lock(impl_->mutex);
+  return {impl_->queue.size(), impl_->computing, impl_->blocked};
+}
+
 void CMessageLoopDyThreadPool::Stop(bool run_waiting) {
   const bool own_task = Impl::of_this_thread == impl_.get();
   std::unique_lock lifecycle(impl_->lifecycle, std::defer_lock);

@@ -56,6 +56,13 @@ class CMessageLoopDyThreadPool : private CNoncopyable {
   // Counts waiting and running tasks; a task in a CBlockingScope is a running one.
   std::size_t GetWorkTaskCount() const;
 
+  struct Load {
+    std::size_t waiting = 0;    // tasks in the queue
+    std::size_t computing = 0;  // tasks that run and are in no CBlockingScope
+    std::size_t blocked = 0;    // tasks in one that took effect
+  };
+  Load GetLoad() const;
+
   // Waits for the running tasks. When `run_waiting` is true, it runs the tasks still queued first; otherwise it deletes
   // them.
   void Stop(bool run_waiting);

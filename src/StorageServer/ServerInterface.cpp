@@ -1,7 +1,9 @@
 // The exported functions that concern both servers.
 #include "Boundary.h"
+#include "StorageServer/ObjectServer/CleanExpiredTaskThread.h"
 #include "StorageServer/ObjectServer/ObjectServer.h"
 #include "StorageServer/ObjectServer/ObjectStorageManager.h"
+#include "StorageServer/ObjectServer/PartUploads.h"
 #include "StorageServer/PicServer/PictureServer.h"
 #include "StorageServer/ServerMsgLoop.h"
 #include "StorageServer/SignatureDate.h"
@@ -24,6 +26,12 @@ bool GetServerLoad(ServerLoad& load) {
   return AtBoundary("GetServerLoad", false, [&] {
     load.tasks = CServerMsgLoop::Instance().GetWorkTaskCount();
     load.most_tasks = CServerMsgLoop::kMaxWorkTasks;
+    const auto loop = CServerMsgLoop::Instance().GetLoad();
+    load.waiting_tasks = loop.waiting;
+    load.computing_threads = loop.computing;
+    load.blocked_threads = loop.blocked;
+    load.sweeps = CCleanExpiredTaskThread::Instance().Sweeps();
+    load.swept_uploads = CCleanExpiredTaskThread::Instance().SweptTasks() + CPartUploadSweep::Instance().SweptUploads();
     CObjectStorageManager::Instance().Count(load);
     return true;
   });

@@ -111,6 +111,12 @@ TEST_F(AdminTest, CountsRequestsOfEachProtocol) {
   EXPECT_THAT(text, HasSubstr("tansy_objects 1\n"));
   EXPECT_THAT(text, HasSubstr("tansy_buckets 1\n"));
   EXPECT_THAT(text, HasSubstr("tansy_up{part=\"storage\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("tansy_tasks_waiting 0\n"));
+  const std::string idle = "tansy_workers{state=\"computing\"} 0\n";
+  EXPECT_THAT(AskUntil("/metrics", idle).body, HasSubstr(idle)) << "soon after the last answer";
+  EXPECT_THAT(AskUntil("/metrics", "tansy_sweeps_total 1\n").body, HasSubstr("tansy_swept_uploads_total 0\n"));
+  EXPECT_THAT(text, HasSubstr("tansy_freed_bytes_total{kind=\"orphaned\"} 0\n"));
+  EXPECT_THAT(text, HasSubstr("tansy_unreferenced{kind=\"replaced\"} "));
   EXPECT_THAT(text, Not(HasSubstr("tansy_certificate_end_time_seconds "))) << "this server has none";
 }
 

@@ -299,6 +299,9 @@ TEST_F(NodesFaultsTest, OfTwoProcessesWithOneNameTheOneThatStoodStillWritesNothi
   EXPECT_TRUE(WaitUntil([&] {
     return nodes_[0]->GetLog().find("runs as node a: nothing is written any more") != std::string::npos;
   })) << Logs();
+  EXPECT_TRUE(WaitUntil([&] { return Health(0).status == 503; })) << Health(0).body;
+  EXPECT_THAT(Health(0).body, HasSubstr("\"lease\":\"node a does not hold its name"));
+  EXPECT_THAT(Health(2).body, HasSubstr("\"lease\":\"well\""));
   for (const std::size_t node : {1U, 2U, 0U}) {
     EXPECT_EQ(At(node, "/bucket/parts"), "11112222");
   }

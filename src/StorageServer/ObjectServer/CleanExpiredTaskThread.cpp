@@ -31,16 +31,14 @@ bool IsExpired(const std::string& task_id) {
 
 // Skips a task that somebody works on at this moment, however old it is: a part or a completion that has found its task
 // may go on to the end.
-void SweepTask(const std::string& task_id) {
+bool SweepTask(const std::string& task_id) {
   auto& manager = CObjectStorageManager::Instance();
   std::shared_ptr<std::mutex> task_mutex;
   if (!IsExpired(task_id) || !manager.GetPartFileMutex(task_id, task_mutex)) {
-    return;
+    return false;
   }
   const std::unique_lock<std::mutex> lock(*task_mutex, std::try_to_lock);
-  if (lock && IsExpired(task_id)) {
-    manager.RemoveObjectTask(task_id);
-  }
+  return lock && IsExpired(task_id) && manager.RemoveObjectTask(task_id);
 }
 
 }  // namespace
@@ -65,15 +63,16 @@ void CCleanExpiredTaskThread::OnTimer() {
   }
 }
 
-void CCleanExpiredTaskThread::SweepTasks() const {
+void CCleanExpiredTaskThread::SweepTasks() {
   std::map<std::string, std::string> times;
   CObjectStorageManager::Instance().GetTaskUpdateTime(times);
   for (const auto& [task_id, update_time] : times) {
     if (IsStopping()) {
       return;
     }
-    details::SweepTask(task_id);
+    swept_tasks_ += details::SweepTask(task_id) ? 1 : 0;
   }
+  ++sweeps_;
 }
 
 }  // namespace Tansy::CloudStorage

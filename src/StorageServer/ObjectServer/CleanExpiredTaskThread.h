@@ -1,6 +1,9 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_CLEAN_EXPIRED_TASK_THREAD_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_CLEAN_EXPIRED_TASK_THREAD_H
 
+#include <atomic>
+#include <cstdint>
+
 #include "Singleton.h"
 #include "TansyBase/SingleBaseThread.h"
 
@@ -21,9 +24,15 @@ class CCleanExpiredTaskThread : public TansyBase::CSingleBaseThread {
   // Is called once per period, by one thread at a time.
   void OnTimer() override;
 
- private:
-  void SweepTasks() const;
+  // How often tasks were swept, and how many were removed. Threads: any.
+  std::uint64_t Sweeps() const { return sweeps_.load(std::memory_order_relaxed); }
+  std::uint64_t SweptTasks() const { return swept_tasks_.load(std::memory_order_relaxed); }
 
+ private:
+  void SweepTasks();
+
+  std::atomic<std::uint64_t> sweeps_{0};
+  std::atomic<std::uint64_t> swept_tasks_{0};
   bool has_run_ = false;
   bool has_run_for_uploads_ = false;  // their server may start later than this thread
 };

@@ -186,9 +186,10 @@ bool CPartUploadSweep::Run() {
   for (const auto& [url, upload] : seen_) {
     if (uptime - upload.birth > details::kExpirySeconds) {
       // A part that comes at this moment keeps the upload.
-      CBaseDBLayerConn::Instance().Execute(
+      const bool is_removed = CBaseDBLayerConn::Instance().Execute(
           "DELETE FROM platform.local_upload WHERE object_url = " + details::Quoted(url) +
           " AND update_time = " + details::Quoted(upload.update_time));
+      swept_uploads_ += is_removed ? 1 : 0;
     }
   }
   return true;

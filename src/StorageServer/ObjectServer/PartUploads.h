@@ -1,6 +1,7 @@
 #ifndef TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_PART_UPLOADS_H
 #define TANSY_SRC_STORAGE_SERVER_OBJECT_SERVER_PART_UPLOADS_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -78,6 +79,8 @@ class CPartUploadSweep : private TansyBase::CNoncopyable {
   // Has to be called from time to time. An upload that has changed since is young again. Returns false when it has done
   // nothing, because it was not started yet or the database does not answer.
   bool Run();
+  // How many uploads a Run has removed. Threads: any.
+  std::uint64_t SweptUploads() const { return swept_uploads_.load(std::memory_order_relaxed); }
   // Sets what the first Start calls, so that a Run that came before it is made up for. It must not wait.
   void SetWhenStarted(std::function<void()> when_started);
 
@@ -90,6 +93,7 @@ class CPartUploadSweep : private TansyBase::CNoncopyable {
 
   bool Look(bool at_start);
 
+  std::atomic<std::uint64_t> swept_uploads_{0};
   std::mutex mutex_;  // guards everything below
   bool is_started_ = false;
   std::function<void()> when_started_;

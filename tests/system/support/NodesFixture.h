@@ -38,6 +38,7 @@ class NodesFixture : public testing::Test {
   Launch As(const std::string& name, std::vector<std::string> more = {}) {
     Launch launch;
     launch.with_s3 = true;
+    launch.with_admin = true;
     const auto url = urls_.find(name);
     launch.arguments = {"--database", url == urls_.end() ? database_.Url() : url->second, "--storage", storage_};
     if (!name.empty()) {
@@ -58,6 +59,7 @@ class NodesFixture : public testing::Test {
   Reply Send(std::size_t node, const std::string& method, const std::string& target, const std::string& body = "") {
     return Call(nodes_[node]->GetObjectPort(), Signed({method, target, {}, body}));
   }
+  Reply Health(std::size_t node) { return Call(nodes_[node]->GetAdminPort(), {"GET", "/health/ready", {}, ""}); }
   void MakeBucket(std::size_t node, const std::string& name) {
     EXPECT_EQ(Outcome(Send(node, "PUT", "/" + name, "<CreateBucketConfiguration/>")), "200") << Logs();
   }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "CatalogueFixture.h"
+#include "HousekeepingCounts.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Host {
@@ -99,6 +100,33 @@ TEST_F(HousekeepingTest, TheTimeOfDayCountsForNothing) {
   Round(kGrace);
   EXPECT_FALSE(IsStored(old_url)) << "nothing is stuck";
   EXPECT_FALSE(IsStored(orphan)) << "nothing is stuck";
+}
+
+TEST_F(HousekeepingTest, CountsWhatItFreesAndWhatWaits) {
+  HousekeepingCounts& counts = HousekeepingCounts::OfProcess();
+  const std::uint64_t rounds = counts.rounds;
+  const std::uint64_t released = counts.freed_released.pieces;
+  const std::uint64_t released_bytes = counts.freed_released.bytes;
+  const std::uint64_t orphaned = counts.freed_orphaned.pieces;
+  const std::uint64_t orphaned_bytes = counts.freed_orphaned.bytes;
+  const std::string replaced = Store("replaced");
+  AddObject(1, "o", replaced);
+  Overwrite(1, Store("by this"));
+  Store("orphan");
+  Round();
+  EXPECT_EQ(counts.rounds, rounds + 1);
+  EXPECT_EQ(counts.waiting_replaced, 1U);
+  EXPECT_EQ(counts.waiting_removed, 0U);
+  EXPECT_GE(counts.waiting_new, 1U);
+  EXPECT_EQ(counts.freed_released.pieces, released);
+  Round(kGrace + 60);
+  Round(kGrace + 60);
+  EXPECT_EQ(counts.freed_released.pieces, released + 1);
+  EXPECT_EQ(counts.freed_released.bytes, released_bytes + 8);
+  EXPECT_EQ(counts.freed_orphaned.pieces, orphaned + 1);
+  EXPECT_EQ(counts.freed_orphaned.bytes, orphaned_bytes + 6);
+  EXPECT_EQ(counts.waiting_replaced, 0U);
+  EXPECT_EQ(counts.waiting_new, 0U);
 }
 
 TEST_F(HousekeepingTest, BytesThatARowStillNamesAreNotFreed) {

@@ -166,6 +166,30 @@ TEST_F(MessageLoop, ATaskHereThatWaitsGivesItsPlaceUp) {
   }));
 }
 
+TEST_F(MessageLoop, SaysWhatWaitsAndWhatIsComputed) {
+  ASSERT_TRUE(loop_.Start(1, 1, 5));
+  const auto expect_load = [&](std::size_t waiting, std::size_t computing, std::size_t blocked) {
+    const CMessageLoopDyThreadPool::Load load = loop_.GetLoad();
+    EXPECT_EQ(load.waiting, waiting);
+    EXPECT_EQ(load.computing, computing);
+    EXPECT_EQ(load.blocked, blocked);
+  };
+  expect_load(0, 0, 0);
+  std::promise<void> over;
+  EXPECT_TRUE(Post(loop_, [&] {
+    expect_load(0, 1, 0);
+    PostCounted();
+    expect_load(1, 1, 0);
+    loop_.Stop(false);  // so that no spare thread takes the one that waits
+    {
+      const CBlockingScope blocking;
+      expect_load(0, 0, 1);
+    }
+    over.set_value();
+  }));
+  EXPECT_EQ(over.get_future().wait_for(60s), std::future_status::ready);
+}
+
 TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAndRunsWhatWaitsBehindIt) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
   std::latch began(1);

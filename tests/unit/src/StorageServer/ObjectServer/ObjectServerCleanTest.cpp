@@ -55,6 +55,8 @@ TEST_F(CObjectServerCleanTest, TasksOlderThanThreeDaysLoseTheirRows) {
   const std::string future = TaskOfAge(-3600);
   CCleanExpiredTaskThread cleaner;
   cleaner.OnTimer();
+  EXPECT_EQ(cleaner.Sweeps(), 1U);
+  EXPECT_EQ(cleaner.SweptTasks(), 1U);
   EXPECT_FALSE(IsThere(old));
   EXPECT_TRUE(IsThere(edge));
   EXPECT_TRUE(IsThere(fresh));
