@@ -58,6 +58,7 @@ std::vector<std::pair<std::string, std::string>> SettingsInForce(const HostOptio
       {"log-file", options.log_file},
       {"access-log", options.access_log},
       {"access-log-format", options.access_log_json ? "json" : "combined"},
+      {"server-timing", options.server_timing ? "on" : "off"},
   };
 }
 

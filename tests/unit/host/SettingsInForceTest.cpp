@@ -44,6 +44,7 @@ const OptionTexts kGiven = {
     {"log-file", "/var/log/tansyd"},
     {"access-log", "-"},
     {"access-log-format", "json"},
+    {"server-timing", "on"},
 };
 
 TEST(SettingsInForceTest, ShowsEachOptionAsItIsGiven) {
