@@ -46,6 +46,7 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
   EXPECT_EQ(options.keep_removed_days, 7);
   EXPECT_EQ(options.keep_failed_seconds, 300);
   EXPECT_EQ(options.log_level, 3);
+  EXPECT_FALSE(options.server_timing);
   EXPECT_EQ(options.config, "");
   EXPECT_EQ(options.local_ip, "");
   EXPECT_EQ(options.wan_ip, "");
@@ -88,7 +89,8 @@ TEST(OptionsTest, DefaultsAreThoseOfTheHelp) {
                                                        {"log-level", "3"},
                                                        {"log-file", "standard error"},
                                                        {"access-log", "none"},
-                                                       {"access-log-format", "combined"}};
+                                                       {"access-log-format", "combined"},
+                                                       {"server-timing", "off"}};
   ASSERT_EQ(OptionTable().size(), std::size(shown));
   for (std::size_t i = 0; i < std::size(shown); ++i) {
     EXPECT_STREQ(OptionTable()[i].name, shown[i].first);
