@@ -35,8 +35,11 @@ std::string TextsOf(const CRapidJsonProto& json, const std::string& at) {
   return texts;
 }
 
-std::string TimeOf(std::int64_t time) {
-  return time == 0 ? "-" : TansyBase::TimeUtil::TimeT2StrUTCDatetime(time);
+std::string EndOf(std::int64_t time) {
+  if (time == 0) {
+    return "-";
+  }
+  return TansyBase::TimeUtil::TimeT2StrUTCDatetime(time) + (time <= TansyBase::TimeUtil::Now() ? " (ended)" : "");
 }
 
 std::string RequestForKey(const CommandCall& call) {
@@ -86,7 +89,7 @@ int RunKeyList(const CommandCall& call) {
     rows.push_back({Printable(json.GetString(at + "/name")), Printable(json.GetString(at + "/access_key")),
                     is_usable ? rights : "cannot be opened: see the server's log",
                     is_usable ? (buckets.empty() ? "all buckets" : buckets) : "",
-                    TimeOf(json.GetInt(at + "/expires", 0))});
+                    EndOf(json.GetInt(at + "/expires", 0))});
   }
   PrintTable(rows);
   return kExitDone;

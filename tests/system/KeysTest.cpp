@@ -111,6 +111,12 @@ TEST_F(KeysTest, WithoutTheirSealKeysCountNoMoreAndTheLogSaysSo) {
   EXPECT_TRUE(WaitUntil([&] { return Read(guest) == "200"; }));
 }
 
+TEST_F(KeysTest, AKeyEndsByItself) {
+  const Keys brief = Add({"brief", "--expires", "1s"});
+  EXPECT_TRUE(WaitUntil([&] { return Read(brief) == "403 InvalidAccessKeyId"; }));
+  EXPECT_THAT(List(), HasSubstr(" (ended)"));
+}
+
 TEST_F(KeysTest, KeysMoveWithTheCatalogue) {
   const Keys guest = Add({"guest", "--bucket", "photos"});
   CTansyd command(temp_.GetPath(), "command");
