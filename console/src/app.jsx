@@ -1,6 +1,6 @@
 import { useEffect, useState } from "preact/hooks";
-import { findSession, session, signOut } from "./net/api.js";
-import { hashOf, pages, parseRoute } from "./pure/route.js";
+import { findSession, isOperator, session, signOut } from "./net/api.js";
+import { hashOf, operatorPages, pages, parseRoute } from "./pure/route.js";
 import { makeStore, saved, useStore } from "./store.js";
 import { language, languages, setLanguage, t } from "./text.js";
 import { Buckets } from "./pages/Buckets.jsx";
@@ -25,7 +25,7 @@ const shownPages = {
   buckets: Buckets,
   unfinished: Unfinished,
   requests: Requests,
-check: Check,
+  check: Check,
   log: Log,
   settings: Settings,
 };
@@ -123,6 +123,10 @@ function Preferences({ theme }) {
   );
 }
 
+function pagesToShow() {
+  return pages.filter((page) => isOperator() || !operatorPages.includes(page));
+}
+
 function isTyping(event) {
   return event.target.closest("input, textarea, select, dialog") !== null;
 }
@@ -133,7 +137,7 @@ function useShortcuts(onHelp) {
       if (isTyping(event) || event.ctrlKey || event.metaKey || event.altKey) {
         return;
       }
-      const page = pages[Number(event.key) - 1];
+      const page = pagesToShow()[Number(event.key) - 1];
       if (event.key === "/") {
         document.getElementById("search")?.focus();
       } else if (event.key === "?") {
@@ -191,7 +195,7 @@ function Layout({ theme }) {
         </div>
         <nav aria-label={t("app.navigation")}>
           <ul>
-            {pages.map((page) => (
+            {pagesToShow().map((page) => (
               <li key={page}>
                 <a href={hashOf(page)} aria-current={route.page === page ? "page" : undefined}>
                   <Icon name={page} /> {t(`page.${page}`)}

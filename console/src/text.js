@@ -78,10 +78,6 @@ export const texts = {
   ],
   "error.EntityTooLarge": ["A file may have at most 4 GiB. Split it, or compress it.", "文件最大为 4 GiB。请拆分或压缩。"],
   "error.NoSuchUpload": ["This upload has ended meanwhile. Start it again.", "此上传已结束。请重新开始。"],
-  "error.QuotaExceeded": [
-    "The bucket is full: its quota is used up. Delete files, or raise the quota.",
-    "存储桶已满：配额已用完。请删除文件或提高配额。",
-  ],
   "error.file": ["The file cannot be read any more. Choose it again.", "无法再读取该文件。请重新选择。"],
   "error.message": ["{message}", "{message}"],
 
@@ -158,10 +154,8 @@ export const texts = {
   "buckets.column.name": ["Name", "名称"],
   "buckets.column.objects": ["Files", "文件数"],
   "buckets.column.bytes": ["Size", "大小"],
-  "buckets.column.quota": ["Quota", "配额"],
   "buckets.column.created": ["Made", "创建时间"],
   "buckets.column.actions": ["Actions", "操作"],
-  "buckets.noQuota": ["none", "无"],
   "buckets.remove": ["Remove {name}", "移除 {name}"],
   "buckets.removeTitle": ["Remove this bucket?", "移除此存储桶？"],
   "buckets.removeText": [

@@ -1,5 +1,5 @@
 // The console in a real browser, on a real tansyd. The tests follow each other on one server, as a person's day does.
-// Environment: TANSYD (program), CONSOLE_BUILD (folder in which the console was built), CONSOLE_PICTURES (folder for the pictures of the
+// Environment: TANSYD, TANSY (programs), CONSOLE_BUILD (folder in which the console was built), CONSOLE_PICTURES (folder for the pictures of the
 // README; none are made without it).
 import assert from "node:assert/strict";
 import { createHash } from "node:crypto";
@@ -9,7 +9,7 @@ import path from "node:path";
 import { after, afterEach, before, test } from "node:test";
 import { axeSource, findBrowser, launch, newProfile } from "./support/browser.mjs";
 import { noise, pdf, png, wav } from "./support/samples.mjs";
-import { ask, put, putMany, read } from "./support/storage.mjs";
+import { ask, makeKey, put, putMany, read } from "./support/storage.mjs";
 import { keys, Tansyd } from "./support/tansyd.mjs";
 
 const skipped = 77; // what CTest is told to take for a skipped test
@@ -62,8 +62,8 @@ function expectErrors(pattern) {
   return found;
 }
 
-async function signIn(where, secret = keys.secret) {
-  await where.getByLabel("Access key").fill(keys.access);
+async function signIn(where, secret = keys.secret, access = keys.access) {
+  await where.getByLabel("Access key").fill(access);
   await where.getByLabel("Secret key", { exact: true }).fill(secret);
   await where.getByRole("button", { name: "Sign in" }).click();
 }
@@ -364,7 +364,9 @@ test("a check is begun, and its result is shown", async () => {
   await page.getByText(/^check: \d+ rows/).waitFor();
   await page.route(/api\/check/, async (route) => {
     const check = await (await route.fetch()).json();
-    await route.fulfill({ json: { ...check, result: "findings", findings: 1200, lines: ["missing: <b>a.txt"], summary: "1200 findings" } });
+    await route.fulfill({
+      json: { ...check, result: "findings", findings: 1200, lines: ["missing: <b>a.txt"], summary: "1200 findings" },
+    });
   });
   await page.getByText("1,200 findings", { exact: true }).waitFor();
   await page.getByText("missing: <b>a.txt").waitFor();
@@ -392,6 +394,28 @@ test("what is wrong is said in words", async () => {
   await page.getByText("The HTTPS certificate has ended.").waitFor();
   await accessible(page, "overview with troubles");
   await page.unroute(/api\/overview/);
+});
+
+test("a key of somebody else is offered what it may do", async () => {
+  await (await ask(server, "PUT", "private")).arrayBuffer();
+  const key = makeKey(server, "reader", "--bucket", "photos", "--read-only");
+  const reader = await newProfile(browser);
+  const other = await newPage(reader);
+  await other.goto(server.url);
+  await signIn(other, key.secret, key.access);
+  await other.getByRole("heading", { name: "Overview" }).waitFor();
+  assert.equal(await other.getByRole("navigation").getByRole("link").count(), 4);
+  await other.goto(`${server.url}#/buckets`);
+  await other.getByRole("row").filter({ hasText: "photos" }).waitFor();
+  assert.equal(await other.getByText("private").count(), 0);
+  assert.equal(await other.getByRole("button", { name: /New bucket|Remove/ }).count(), 0);
+  await other.goto(`${server.url}#/objects/photos/trip/`);
+  await other.getByText("cover.png").click();
+  await other.getByRole("dialog").locator("img").waitFor();
+  assert.equal(await other.getByRole("button", { name: /Delete|Rename|Upload/ }).count(), 0);
+  await other.goto(`${server.url}#/objects/private`);
+  await other.getByRole("alert").getByText("The server refused this.").waitFor();
+  await reader.context.close();
 });
 
 test("every page is accessible, light and dark, in English and Chinese, on a phone too", async () => {

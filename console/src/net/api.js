@@ -4,11 +4,14 @@ import { makeStore, saved } from "../store.js";
 import { Failure } from "./failure.js";
 import { proofOf } from "../pure/proof.js";
 
-// null: nobody knows yet; false: not signed in; else {key, csrf, expires, read_only, buckets}.
+// null: nobody knows yet; false: not signed in; else {key, csrf, expires, read_only, operator, buckets}.
 export const session = makeStore(null);
 
 // Whether the key that somebody signed in with may change anything.
 export const mayWrite = () => !session.get()?.read_only;
+
+// Whether it may see how the server is run.
+export const isOperator = () => Boolean(session.get()?.operator);
 export const sessionEnded = makeStore(false);
 
 // `headers` go beside those that every call carries.

@@ -168,9 +168,17 @@ export async function deleteObjects(bucket, keys) {
   }
 }
 
-// When each bucket was made: a Map of names to times.
+// When each bucket was made: a Map of names to times. It is empty for a key that may not list buckets.
 export async function bucketTimes() {
-  const { document } = await ask({ method: "GET", bucket: "" });
+  const url = await sign({ method: "GET", bucket: "" });
+  const answer = await send(url);
+  if (answer.status === 403) {
+    return new Map();
+  }
+  if (answer.status >= 300) {
+    throw failureOf(answer);
+  }
+  const document = new DOMParser().parseFromString(answer.text, "application/xml");
   return new Map(
     Array.from(document.getElementsByTagName("Bucket"), (node) => [element(node, "Name"), element(node, "CreationDate")]),
   );

@@ -92,9 +92,6 @@ function BucketTable({ buckets, onRemove }) {
             <th scope="col" class="number">
               {t("buckets.column.bytes")}
             </th>
-            <th scope="col" class="number">
-              {t("buckets.column.quota")}
-            </th>
             <th scope="col">{t("buckets.column.created")}</th>
             <th scope="col">
               <span class="unseen">{t("buckets.column.actions")}</span>
@@ -112,7 +109,7 @@ function BucketTable({ buckets, onRemove }) {
 }
 
 function BucketRow({ bucket, onRemove }) {
-  const { name, created, objects, quota } = bucket;
+  const { name, created, objects } = bucket;
   return (
     <tr>
       <th scope="row">
@@ -125,15 +122,6 @@ function BucketRow({ bucket, onRemove }) {
       </td>
       <td class="number" data-label={t("buckets.column.bytes")}>
         {bytes(bucket.bytes)}
-      </td>
-      <td class="number" data-label={t("buckets.column.quota")}>
-        {quota ? (
-          <>
-            {bytes(quota)} <meter min={0} max={quota} value={bucket.bytes} aria-label={t("buckets.column.quota")} />
-          </>
-        ) : (
-          t("buckets.noQuota")
-        )}
       </td>
       <td data-label={t("buckets.column.created")}>{created ? moment(created, locale()) : "–"}</td>
       <td class="actions">

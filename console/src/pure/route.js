@@ -2,6 +2,9 @@
 
 export const pages = ["overview", "objects", "buckets", "unfinished", "requests", "check", "log", "settings"];
 
+// The pages that show what others do, and how the server is run.
+export const operatorPages = ["requests", "check", "log", "settings"];
+
 export function parseRoute(hash) {
   const [page, bucket, ...folders] = hash.replace(/^#\/?/, "").split("/");
   if (!pages.includes(page)) {

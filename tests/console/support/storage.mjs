@@ -1,4 +1,5 @@
 // The storage as another client uses it: requests signed by version 4 in the query.
+import { execFileSync } from "node:child_process";
 import { createHash, createHmac } from "node:crypto";
 import { keys } from "./tansyd.mjs";
 
@@ -56,4 +57,18 @@ export async function putMany(server, bucket, names) {
     }
   };
   await Promise.all(Array.from({ length: 32 }, work));
+}
+
+// Makes a key for somebody else by the command line: {access, secret}.
+export function makeKey(server, ...options) {
+  const environment = {
+    ...process.env,
+    TANSY_SERVER: `http://127.0.0.1:${server.ports.object}`,
+    TANSY_ADMIN_URL: `http://127.0.0.1:${server.ports.admin}`,
+    TANSY_ACCESS_KEY: keys.access,
+    TANSY_SECRET_KEY: keys.secret,
+  };
+  const said = execFileSync(process.env.TANSY, ["--json", "key", "add", ...options], { env: environment, encoding: "utf8" });
+  const made = JSON.parse(said);
+  return { access: made.access_key, secret: made.secret_key };
 }
