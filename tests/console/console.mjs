@@ -414,7 +414,7 @@ test("a key of somebody else is offered what it may do", async () => {
   await other.getByRole("dialog").locator("img").waitFor();
   assert.equal(await other.getByRole("button", { name: /Delete|Rename|Upload/ }).count(), 0);
   await other.goto(`${server.url}#/objects/private`);
-  await other.getByRole("alert").getByText("The server refused this.").waitFor();
+  await other.getByRole("alert").getByText("this key has no right to that bucket").waitFor();
   await reader.context.close();
 });
 
