@@ -4,12 +4,13 @@ namespace Tansy::Cli {
 
 const std::vector<CommandSpec>& AllCommands() {
   static const std::vector<CommandSpec> commands = {
-      MakeBucketCommand(), RemoveBucketCommand(), BucketsCommand(),   BucketCommand(),    ListCommand(),
-      PutCommand(),        GetCommand(),          CatCommand(),       StatCommand(),      RemoveCommand(),
-      CopyCommand(),       SyncCommand(),         DiskUsageCommand(), FindCommand(),      SignCommand(),
-      EnvCommand(),        BestNodeCommand(),     PartsCommand(),     VersionCommand(),   DoctorCommand(),
-      CompletionCommand(), KeyAddCommand(),       KeyListCommand(),   KeyRemoveCommand(), PicPutCommand(),
-      PicGetCommand(),     PicLinkCommand(),      PicPoolsCommand(),  PicVersionCommand()};
+      MakeBucketCommand(), RemoveBucketCommand(), BucketsCommand(),     BucketCommand(),    ListCommand(),
+      PutCommand(),        GetCommand(),          CatCommand(),         StatCommand(),      RemoveCommand(),
+      CopyCommand(),       SyncCommand(),         DiskUsageCommand(),   FindCommand(),      SignCommand(),
+      EnvCommand(),        BestNodeCommand(),     PartsCommand(),       VersionCommand(),   DoctorCommand(),
+      CompletionCommand(), KeyAddCommand(),       KeyListCommand(),     KeyRemoveCommand(), AdminInfoCommand(),
+      AdminTopCommand(),   AdminCheckCommand(),   AdminRepairCommand(), PicPutCommand(),    PicGetCommand(),
+      PicLinkCommand(),    PicPoolsCommand(),     PicVersionCommand()};
   return commands;
 }
 

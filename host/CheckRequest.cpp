@@ -28,6 +28,7 @@ constexpr int kLooksWithoutRequest = 50;
 constexpr std::size_t kMostRequest = 1000;
 constexpr std::size_t kMostAnswer = std::size_t{1} << 30;
 constexpr const char* kForce = "force";
+constexpr const char* kRepair = "repair";
 
 // The mark tells this answer from an answer to an earlier command.
 std::string NewMark() {
@@ -74,7 +75,8 @@ int AskForCheck(const CheckOptions& options, const std::function<bool()>& is_run
     fail("the running tansyd is at another check; try again when that has ended");
   }
   const std::string mark = details::NewMark();
-  const std::string request = mark + " " + (options.force ? details::kForce : "-") + "\n";
+  const std::string request =
+      mark + " " + (options.force ? details::kForce : "-") + " " + (options.repair ? details::kRepair : "-") + "\n";
   if (const int error = HostSystem::ReplaceFile(details::kRequestFile, request)) {
     fail(std::string(details::kRequestFile) + " cannot be written: " + HostSystem::ErrorText(error));
   }
@@ -111,16 +113,19 @@ void AnswerCheckRequest(IObjectStore& store, const db_layer::DBParam& database,
   std::istringstream words(request);
   std::string mark;
   std::string force;
-  words >> mark >> force;
+  std::string repair;
+  words >> mark >> force >> repair;
   CheckOptions options;
-  options.repair = true;
+  options.repair = repair == details::kRepair;
   options.force = force == details::kForce;
   options.give_up = &details::Frees;
   options.is_stopping = is_stopping;
   std::ostringstream out;
   int exit_code = kExitFailed;
   try {
-    details::ExpectNoOthers(find_others);
+    if (options.repair) {
+      details::ExpectNoOthers(find_others);
+    }
     exit_code = RunCheck(store, database, options, out);
   } catch (const std::exception& error) {
     out << "check: " << error.what() << '\n';

@@ -1,6 +1,6 @@
 // A repair beside a running server is done by that server, because it knows what is being written. The command asks for
 // it with a file in the data folder, which is the current folder of both processes, and gets the answer as another
-// file.
+// file. A check without repair may be asked for too, by whoever has no other way to the data folder.
 #ifndef TANSY_HOST_CHECK_REQUEST_H
 #define TANSY_HOST_CHECK_REQUEST_H
 

@@ -54,13 +54,25 @@ CLI::App* AddRestore(CLI::App& app, CommandLine& line) {
   return restore;
 }
 
+CLI::App* AddConfig(CLI::App& app, CommandLine& line) {
+  CLI::App* config = app.add_subcommand("config", "show or check the options in force, start nothing");
+  config->fallthrough();
+  config
+      ->add_option("WORK", line.config_work,
+                   "print: each option and where it comes from; check: only say if they are valid")
+      ->required()
+      ->check(CLI::IsMember({"print", "check"}));
+  return config;
+}
+
 void ExpectOneWork(const CommandLine& line) {
   const bool moves = !line.move_database.empty() || !line.move_storage.empty();
   const int works = (moves ? 1 : 0) + (line.move_cancel ? 1 : 0) + (line.move_delete ? 1 : 0);
   if (static_cast<int>(line.move) + static_cast<int>(line.backup) + static_cast<int>(line.restore) +
-          static_cast<int>(line.check) + static_cast<int>(line.check_upgrade) >
+          static_cast<int>(!line.config_work.empty()) + static_cast<int>(line.check) +
+          static_cast<int>(line.check_upgrade) >
       1) {
-    throw CStartFailure(kExitUsage, "give one of --check, --check-upgrade, move, backup and restore");
+    throw CStartFailure(kExitUsage, "give one of --check, --check-upgrade, move, backup, restore and config");
   }
   if (line.move && works != 1) {
     throw CStartFailure(kExitUsage, "move needs --to-database or --to-storage, or --cancel or --delete-old alone");
@@ -76,6 +88,7 @@ struct Parser {
   const CLI::App* move = nullptr;
   const CLI::App* backup = nullptr;
   const CLI::App* restore = nullptr;
+  const CLI::App* config = nullptr;
   std::string manual;  // the page that the build asks for
 
   Parser();
@@ -95,6 +108,7 @@ Parser::Parser() {
   move = AddMove(app, line);
   backup = AddBackup(app, line);
   restore = AddRestore(app, line);
+  config = AddConfig(app, line);
   app.add_option("--manual", manual)->type_name("PAGE")->group("");
 }
 
@@ -169,6 +183,9 @@ std::string CommandLine::Work() const {
   }
   if (restore) {
     return "restore";
+  }
+  if (!config_work.empty()) {
+    return "config";
   }
   return check || check_upgrade ? "check" : "";
 }

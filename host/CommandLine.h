@@ -25,6 +25,7 @@ struct CommandLine {
   bool backup_verify = false;
   bool backup_full = false;          // nothing is taken over from the backup before
   bool backup_even_damaged = false;  // although the bytes of some objects cannot be read
+  std::string config_work;           // "print" or "check": show or check the options in force, then end
   bool restore = false;              // make a data folder from a backup, then end
   std::string print_only;            // help or version text to print; the program then ends
 

@@ -84,8 +84,7 @@ CredentialPair MakeCredentials() {
   return {details::RandomText(details::kAccessKeyLength), details::RandomText(details::kSecretKeyLength)};
 }
 
-CredentialPair ObtainCredentials(const Settings& settings, const std::string& settings_path, bool& created) {
-  created = false;
+std::optional<CredentialPair> FindCredentials(const Settings& settings, const std::string& settings_path) {
   CredentialPair pair = {HostSystem::Environment("TANSY_ACCESS_KEY"), HostSystem::Environment("TANSY_SECRET_KEY")};
   const bool has_access_key = HostSystem::HasEnvironment("TANSY_ACCESS_KEY");
   if (has_access_key != HostSystem::HasEnvironment("TANSY_SECRET_KEY")) {
@@ -101,8 +100,13 @@ CredentialPair ObtainCredentials(const Settings& settings, const std::string& se
     details::CheckPair(pair, kExitFailed, file + "access_key", file + "secret_key");
     return pair;
   }
-  created = true;
-  return details::CreatePair(settings_path);
+  return std::nullopt;
+}
+
+CredentialPair ObtainCredentials(const Settings& settings, const std::string& settings_path, bool& created) {
+  const std::optional<CredentialPair> found = FindCredentials(settings, settings_path);
+  created = !found.has_value();
+  return found.has_value() ? *found : details::CreatePair(settings_path);
 }
 
 }  // namespace Tansy::Host

@@ -16,6 +16,7 @@
 
 #include "BackupVerify.h"
 #include "CommandLine.h"
+#include "ConfigCommand.h"
 #include "DatabaseUrl.h"
 #include "HostLog.h"
 #include "HostSystem/Process.h"
@@ -136,6 +137,9 @@ int Serve(const CommandLine& command_line) {
   CSignalThread signals([](std::chrono::milliseconds patience) { return HostSystem::WaitForSignal(patience); },
                         [&](CSignalThread::EEnd why) { EndNow(why, command_line.Work()); }, {});
   const std::uint64_t open_files = HostSystem::RaiseOpenFileLimit();
+  if (!command_line.config_work.empty()) {
+    return RunConfigCommand(command_line, std::cout);
+  }
   if (command_line.restore) {
     return RestoreBackup(command_line.backup_path, command_line.texts, std::cout);
   }

@@ -15,6 +15,7 @@
 #include "CheckCommand.h"
 #include "CheckRequest.h"
 #include "CheckUpgrade.h"
+#include "Configuration.h"
 #include "Factory.h"
 #include "FirstParts.h"
 #include "HostLog.h"
@@ -59,14 +60,6 @@ constexpr std::uint32_t kAddressPeriodMs = 5000;
 // Another node that begins at the same time is done by then.
 constexpr int kPrepareTries = 10;
 constexpr std::uint32_t kPreparePauseMs = 500;
-
-std::string FolderOf(const std::string& path) {
-  return path.substr(0, path.find_last_of('/') + 1);
-}
-
-bool IsAbsolute(const std::string& path) {
-  return HostSystem::AbsolutePath(path) == path;
-}
 
 void CloseListeners() {
   CloudStorage::SetObjectServerEnable(false);
@@ -145,30 +138,18 @@ std::string ListenerText(const HostOptions& options, std::uint16_t port, std::ui
 
 CServer::CServer(const CommandLine& command_line) {
   // Wrong options end the start before anything is made or touched.
-  HostOptions scratch;
-  ApplyOptions(scratch, command_line.texts, "", "--", kExitUsage);
-  std::string config_path;
-  if (!scratch.config.empty()) {
-    config_path = HostSystem::AbsolutePath(scratch.config);
-    if (!ReadSettings(config_path, true, settings_)) {
-      throw CStartFailure(kExitFailed, "settings file " + config_path + " does not exist");
-    }
-  }
-  std::string data = scratch.data;
-  const auto data_setting = settings_.texts.find("data");
-  if (data_setting != settings_.texts.end() && command_line.texts.count("data") == 0) {
-    const bool is_absolute = details::IsAbsolute(data_setting->second);
-    data = (is_absolute ? "" : details::FolderOf(config_path)) + data_setting->second;
-  }
+  FoundSettings found = FindSettings(command_line.texts);
+  settings_ = std::move(found.settings);
   // A relative path counts from where the program was started, which is not known any more once it is in its data
   // folder.
-  const std::string log_file = scratch.log_file.empty() ? "" : HostSystem::AbsolutePath(scratch.log_file);
+  const std::string log_file =
+      command_line.texts.contains("log-file") ? HostSystem::AbsolutePath(command_line.texts.at("log-file")) : "";
 
   using EUse = CDataFolder::EUse;
   const bool only_looks = !command_line.Work().empty();
-  data_folder_ = std::make_unique<CDataFolder>(data, only_looks ? EUse::kLook : EUse::kServe);
+  data_folder_ = std::make_unique<CDataFolder>(found.data, only_looks ? EUse::kLook : EUse::kServe);
   ExpectRestored();
-  ReadOptions(command_line, config_path);
+  ReadOptions(command_line, found.config_path);
   if (!log_file.empty()) {
     options_.log_file = log_file;
   }
@@ -191,6 +172,9 @@ void CServer::Open() {
 CServer::~CServer() {
   admin_.reset();
   EndCheck();
+  if (admin_work_ != nullptr) {
+    admin_work_->Stop();
+  }
   health_.reset();
   keys_.reset();
   access_log_.reset();
@@ -512,6 +496,9 @@ std::string CServer::ReadyLine() const {
 void CServer::Stop() {
   HOST_LOG(logging::kNotable, "[%s]stopping.[%s(%d)]");
   admin_.reset();
+  if (admin_work_ != nullptr) {
+    admin_work_->Stop();
+  }
   details::CloseListeners();
   RemoveListeningFile();
   address_watch_.reset();

@@ -10,6 +10,7 @@
 #include "AccessLog.h"
 #include "AddressWatch.h"
 #include "AdminServer.h"
+#include "AdminWork.h"
 #include "CommandLine.h"
 #include "Console.h"
 #include "Credentials.h"
@@ -116,8 +117,9 @@ class CServer {
   std::vector<std::pair<std::string, std::string>> shown_settings_;  // in the console
   db_layer::DBParam served_database_;                                // after moves
   std::string served_storage_;
-  std::unique_ptr<CServerHealth> health_;  // null without an admin server
-  std::unique_ptr<CAdminServer> admin_;    // null without one
+  std::unique_ptr<CServerHealth> health_;   // null without an admin server
+  std::shared_ptr<CAdminWork> admin_work_;  // null without an admin server
+  std::unique_ptr<CAdminServer> admin_;     // null without one
   std::unique_ptr<CAddressWatch> address_watch_;
   std::unique_ptr<CHousekeepingThread> housekeeping_;
   // The next three belong to the thread that moves.

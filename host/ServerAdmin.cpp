@@ -66,8 +66,9 @@ std::string LookAtSpace(const std::string& data_folder, const std::string& stora
   return trouble.empty() ? trouble_of_bytes : trouble;
 }
 
-void TakeSigned(const std::shared_ptr<CKeys>& keys, std::int32_t handle, const TansyNet::HttpServerRecv& message) {
-  if (!TakeKeyRequest(keys, handle, message)) {
+void TakeSigned(const std::shared_ptr<CKeys>& keys, CAdminWork& work, std::int32_t handle,
+                const TansyNet::HttpServerRecv& message) {
+  if (!TakeKeyRequest(keys, handle, message) && !work.Take(handle, message)) {
     TansyNet::HttpResponse response;
     response.status = 404;
     response.content_type = "application/json";
@@ -183,8 +184,9 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     return figures;
   };
   AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials, {}};
-  options.signed_requests = [keys = keys_](std::int32_t handle, TansyNet::HttpServerRecv& message) {
-    details::TakeSigned(keys, handle, message);
+  admin_work_ = std::make_shared<CAdminWork>(source);
+  options.signed_requests = [keys = keys_, work = admin_work_](std::int32_t handle, TansyNet::HttpServerRecv& message) {
+    details::TakeSigned(keys, *work, handle, message);
   };
   // What other nodes are writing is known to them only.
   if (lease_ == nullptr) {
