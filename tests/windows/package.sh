@@ -13,7 +13,7 @@ mkdir "$folder/unpacked"
 cd "$folder/unpacked"
 cmake -E tar xf "$folder"/TansyCloudStorage-*-win64.zip
 cd TansyCloudStorage-*-win64
-for file in bin/TansyCloudStorage.dll lib/libTansyCloudStorage.dll.a include/TansyCloudStorage/CloudStorage.h \
+for file in bin/TansyCloudStorage.dll lib/tansy/libTansyCloudStorage.dll.a include/TansyCloudStorage/CloudStorage.h \
   lib/cmake/TansyCloudStorage/TansyCloudStorageConfig.cmake share/TansyCloudStorage/schema/sqlite/0001-catalogue.sql \
   share/doc/TansyCloudStorage/docs/windows.md share/doc/TansyCloudStorage/licenses/libssl-dev.txt; do
   [[ -s $file ]] || { echo "package: no $file" >&2; exit 1; }
