@@ -132,7 +132,7 @@ bool GetReleased(EReleased kind, std::int64_t time, int limit, std::vector<Relea
 
 bool CountReleased(EReleased kind, int most, std::uint64_t& count) {
   const std::string sql = "SELECT COUNT(*) AS counted FROM (SELECT id FROM platform.released_bytes WHERE kind = " +
-                          std::to_string(static_cast<int>(kind)) + " LIMIT " + std::to_string(most) + ") AS some";
+                          std::to_string(static_cast<int>(kind)) + " LIMIT " + std::to_string(most) + ") AS counted_rows";
   return details::Query(
       sql, [&count](db_layer::CConnect& row) { count = std::strtoull(row.GetString("counted").c_str(), nullptr, 10); });
 }

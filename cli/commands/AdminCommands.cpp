@@ -286,7 +286,7 @@ CommandSpec AdminTopCommand() {
 CommandSpec AdminCheckCommand() {
   return {"admin",
           "check",
-          "compare the catalogue of a running server with its stored bytes",
+          "compare a running server's catalogue with its bytes",
           "Has the server look for objects without bytes and for bytes without objects, waits for the end, and prints "
           "what 'tansyd --check' prints. Nothing is changed. The exit code is 0 when nothing was found.",
           {},

@@ -404,7 +404,7 @@ TEST_F(StartStopTest, StoredBytesAreForTheirOwnerOnly) {
 void TakeSchemaBack(const std::string& database) {
   const std::string of_later_scripts =
       "name LIKE 'local_upload%' OR name LIKE 'local_object_attributes%' OR "
-      "name LIKE 'local_object_of_parts%' OR name LIKE 'local_object_pieces%'";
+      "name LIKE 'local_object_of_parts%' OR name LIKE 'local_object_pieces%' OR name LIKE 'access_keys%'";
   for (const std::string kind : {"trigger", "table"}) {
     for (const std::string& name :
          Query(database, "SELECT name FROM sqlite_master WHERE type = '" + kind + "' AND (" + of_later_scripts + ")")) {
