@@ -9,6 +9,7 @@
 #include "RunningRequests.h"
 #include "ServerFigures.h"
 #include "StartFailure.h"
+#include "TansyBase/GuidUtil.h"
 #include "TansyNet/Operation.h"
 #include "TansyProto/RapidJsonProto.h"
 
@@ -23,6 +24,19 @@ constexpr const char* kRequests = "/admin/requests";
 constexpr const char* kCheck = "/admin/check";
 
 TansyNet::COperation work_operation{"admin", "Work"};
+
+constexpr std::size_t kMostOutput = std::size_t{1} << 20;
+
+// Leaves lines out before the last one, which sums up, when the text is very long: a check of a spoilt store may write
+// millions of them.
+std::string Shortened(const std::string& text) {
+  if (text.size() <= kMostOutput) {
+    return text;
+  }
+  const std::size_t end = text.rfind('\n', kMostOutput) + 1;
+  const std::size_t last = text.rfind('\n', text.size() - 2) + 1;
+  return text.substr(0, end) + "... more of them, which tansyd --check shows ...\n" + text.substr(last);
+}
 
 std::string Problem(const std::string& words) {
   CRapidJsonProto json;
@@ -74,6 +88,10 @@ CAdminWork::Answer CAdminWork::BeginCheck(const std::string& body) {
   if (!asked.Parse(body)) {
     return {400, details::Problem("send JSON")};
   }
+  if (is_node_) {
+    return {409, details::Problem("only the other nodes know what they are writing: stop all nodes, then run tansyd "
+                                  "--check")};
+  }
   CheckOptions options;
   options.repair = asked.GetString("/repair") == "true";
   options.force = asked.GetString("/force") == "true";
@@ -85,8 +103,9 @@ CAdminWork::Answer CAdminWork::BeginCheck(const std::string& body) {
     if (checker_.joinable()) {
       checker_.join();  // it has ended
     }
-    is_running_ = true;
     checker_ = std::thread([this, options] { RunCheck(options); });
+    is_running_ = true;
+    id_ = TansyBase::GuidUtil::CreateGuid();
   }
   return ShowCheck();
 }
@@ -95,26 +114,32 @@ CAdminWork::Answer CAdminWork::ShowCheck() {
   const std::lock_guard lock(mutex_);
   details::CRapidJsonProto json;
   json.SetBool("/running", is_running_);
-  json.SetBool("/done", is_done_);
-  json.SetInt("/exit", exit_code_);
-  json.SetString("/output", is_running_ ? "" : output_);
+  const bool has_ended = !is_running_ && !id_.empty();
+  json.SetString("/id", id_);
+  json.SetBool("/done", has_ended);
+  if (has_ended) {
+    json.SetInt("/exit", exit_code_);
+    json.SetString("/output", output_);
+  }
   return {200, json.Serialize()};
 }
 
 void CAdminWork::RunCheck(const CheckOptions& options) {
-  std::ostringstream out;
   int exit_code = kExitFailed;
+  std::string output;
   try {
+    std::ostringstream out;
     exit_code = AskForCheck(
         options, [this] { return !is_stopping_; }, out);
+    output = details::Shortened(std::move(out).str());
   } catch (const std::exception& error) {
-    out << "check: " << error.what() << '\n';
+    exit_code = kExitFailed;
+    output = std::string("check: ") + error.what() + '\n';
   }
   const std::lock_guard lock(mutex_);
   exit_code_ = exit_code;
-  output_ = out.str();
+  output_ = std::move(output);
   is_running_ = false;
-  is_done_ = true;
 }
 
 void CAdminWork::Stop() {

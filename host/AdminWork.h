@@ -19,14 +19,16 @@ namespace Tansy::Host {
 //   GET  /admin/requests  the requests that run now
 //   POST /admin/check     {"repair","force"} begins to compare catalogue and stored bytes, as tansyd --check does; 409
 //                         while another one runs
-//   GET  /admin/check     {"running","done","exit","output"} of the last one
+//   GET  /admin/check     {"id","running","done"} of the last one, and when it has ended, its "exit" and "output"; a
+//                         very long output is cut before its last line. Every check has another id
 // Failures: {"error": what to do}.
 //
 // Threads: any. One thread of its own waits for the check, which housekeeping carries out.
 class CAdminWork {
  public:
-  // `source` is asked on the threads of the HTTP library and must not wait.
-  explicit CAdminWork(std::function<MetricsSource()> source) : source_(std::move(source)) {}
+  // `source` is asked on the threads of the HTTP library and must not wait. A node checks nothing, because what other
+  // nodes are writing is known to them only.
+  CAdminWork(std::function<MetricsSource()> source, bool is_node) : source_(std::move(source)), is_node_(is_node) {}
   ~CAdminWork() { Stop(); }
   CAdminWork(const CAdminWork&) = delete;
   CAdminWork& operator=(const CAdminWork&) = delete;
@@ -48,12 +50,13 @@ class CAdminWork {
   void RunCheck(const CheckOptions& options);
 
   const std::function<MetricsSource()> source_;
+  const bool is_node_;
   std::atomic<bool> is_stopping_{false};
 
   std::mutex mutex_;         // guards what follows
   bool is_running_ = false;  // a check
-  bool is_done_ = false;     // at least one
-  int exit_code_ = 0;        // of the last check
+  std::string id_;           // of the last check; empty: there was none
+  int exit_code_ = 0;        // of the last check, when it has ended
   std::string output_;
   std::thread checker_;
 };

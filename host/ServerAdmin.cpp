@@ -27,6 +27,7 @@ namespace details {
 namespace {
 
 constexpr const char* kLoopback = "127.0.0.1";
+constexpr const char* kSpace = "space";
 // With less room on the disk the server is not well: this is what it keeps free of stored bytes.
 constexpr std::uint64_t kLeastRoom = std::uint64_t{96} << 20;
 
@@ -91,7 +92,7 @@ std::vector<CServerHealth::Probe> CServer::HealthProbes(const std::shared_ptr<CD
   std::vector<CServerHealth::Probe> probes = {
       {"database", [] { return details::LookAtDatabase(); }},
       {"storage", [store = store_] { return details::LookAtStorage(*store); }},
-      {"space",
+      {details::kSpace,
        [this, folder = data_folder_->GetPath(), has_https = options_.NeedsCertificate(), disk] {
          disk->SetCertificateEnd(has_https ? CertificateEnd(kCertificatePath) : std::nullopt);
          return details::LookAtSpace(folder, ServedStorage(), *disk);
@@ -172,7 +173,11 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
   }
   const auto disk = std::make_shared<CDiskFigures>();
   std::vector<CServerHealth::Probe> probes = HealthProbes(disk);
-  probes.back().look();  // so that the first who asks gets figures too
+  for (const CServerHealth::Probe& probe : probes) {
+    if (probe.name == details::kSpace) {
+      probe.look();  // so that the first who asks gets figures too
+    }
+  }
   health_ = std::make_unique<CServerHealth>(std::move(probes));
   health_->Begin();
   const std::int64_t start_time = TansyBase::TimeUtil::Now();
@@ -184,7 +189,7 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     return figures;
   };
   AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials, {}};
-  admin_work_ = std::make_shared<CAdminWork>(source);
+  admin_work_ = std::make_shared<CAdminWork>(source, lease_ != nullptr);
   options.signed_requests = [keys = keys_, work = admin_work_](std::int32_t handle, TansyNet::HttpServerRecv& message) {
     details::TakeSigned(keys, *work, handle, message);
   };

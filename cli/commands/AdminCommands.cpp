@@ -52,13 +52,15 @@ std::string Share(const CRapidJsonProto& json, const std::string& part, const st
 // "well", or what is wrong with which part.
 std::string StateOf(const CRapidJsonProto& info) {
   std::string state;
-  for (const char* part : {"database", "storage", "space"}) {
-    const std::string trouble = info.GetString(std::string("/parts/") + part);
-    if (!trouble.empty() && trouble != "well") {
-      state += (state.empty() ? "" : "; ") + std::string(part) + ": " + Printable(trouble);
+  for (const auto& [part, trouble] : info.GetMembers("/parts")) {
+    if (trouble != "well") {
+      state += (state.empty() ? "" : "; ") + Printable(part) + ": " + Printable(trouble);
     }
   }
-  return state.empty() ? "well" : state;
+  if (!state.empty()) {
+    return state;
+  }
+  return info.GetString("/ready") == "true" ? "well" : "not ready";
 }
 
 struct Totals {
@@ -232,9 +234,14 @@ int WaitForCheck(const CommandCall& call, bool repair) {
   order.SetBool("/repair", repair);
   order.SetBool("/force", repair && call.Has("--force"));
   CRapidJsonProto state = Ask(link, "POST", "check", order.Serialize());
+  const std::string id = state.GetString("/id");
   while (state.GetString("/running") == "true") {
     std::this_thread::sleep_for(kBetweenLooks);
-    state.Parse(link.Request("GET", "check"));
+    state = Ask(link, "GET", "check");
+    if (state.GetString("/id") != id) {
+      throw CFailure(kExitFailed, "the server knows nothing of this check any more",
+                     "it was started again, or somebody has begun another check: try again");
+    }
   }
   if (call.globals.json) {
     PrintLine(state.Serialize());

@@ -35,11 +35,12 @@ class AdminCommandTest : public CommandLineFixture {
     arguments.insert(arguments.end(), words.begin(), words.end());
     return Run(arguments);
   }
-  int StatusOf(const Request& request) const {
+  Request Signed(const Request& request) const {
     S3Claim claim;
     claim.payload = Sha256(request.body);
-    return Call(server_.GetAdminPort(), S3Signed(request, server_.GetAdminPort(), claim)).status;
+    return S3Signed(request, server_.GetAdminPort(), claim);
   }
+  int StatusOf(const Request& request) const { return Call(server_.GetAdminPort(), Signed(request)).status; }
   // Bytes that no row names.
   std::string AddOrphan() const {
     const std::string file = server_.Data("objects/fs01/ab/cd/0123456789abcdef0123456789abcdef.d");
@@ -85,6 +86,16 @@ TEST_F(AdminCommandTest, CheckFindsAndRepairFrees) {
   EXPECT_EQ(Admin({"repair"}).code, 0);
   EXPECT_FALSE(std::filesystem::exists(orphan));
   EXPECT_EQ(Admin({"check"}).code, 0);
+}
+
+TEST_F(AdminCommandTest, ACheckThatTheServerForgotHasFailed) {
+  EXPECT_THAT(Call(server_.GetAdminPort(), Signed({"GET", "/admin/check", {}, ""})).body,
+              AllOf(HasSubstr("\"done\":false"), Not(HasSubstr("exit"))));
+  CProgram check(Tansy({"--data", server_.Data(), "admin", "check"}));
+  ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(server_.Data("check.request")) || !check.IsRunning(); }));
+  server_.Kill();
+  ASSERT_TRUE(server_.Start(launch_));
+  EXPECT_NE(check.WaitForEnd().code, 0);
 }
 
 // On loopback the figures are open to every user of the machine; what changes something is not.
