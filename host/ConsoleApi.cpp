@@ -289,8 +289,8 @@ ConsoleAnswer CConsoleApi::ShowRequests(const Call& /*call*/) {
   return details::JsonAnswer(RunningRequestsJson());
 }
 
-ConsoleAnswer CConsoleApi::ShowFigures(const Call& /*call*/) {
-  return details::JsonAnswer(ConsoleFigures(sources_.figures()));
+ConsoleAnswer CConsoleApi::ShowFigures(const Call& call) {
+  return details::JsonAnswer(ConsoleFigures(sources_.figures(), call.session->key.is_operator));
 }
 
 ConsoleAnswer CConsoleApi::ShowBuckets(const Call& call) {

@@ -59,14 +59,10 @@ Totals AllTotals() {
   return totals;
 }
 
-void AddTotals(CRapidJsonProto& json) {
+void AddTotals(CRapidJsonProto& json, const Totals& totals) {
   constexpr double kNanosecondsPerSecond = 1e9;
-  const Totals totals = AllTotals();
   json.SetInt("/requests/total", Number(totals.requests));
   json.SetInt("/requests/errors", Number(totals.errors));
-  for (const auto& [service, requests] : totals.services) {
-    json.SetInt("/by_service/" + service, Number(requests));
-  }
   json.SetInt("/bytes/in", Number(totals.bytes_in));
   json.SetInt("/bytes/out", Number(totals.bytes_out));
   for (std::size_t i = 0; i < TansyNet::kTimeBounds.size(); ++i) {
@@ -78,27 +74,45 @@ void AddTotals(CRapidJsonProto& json) {
   }
 }
 
-void AddHealth(CRapidJsonProto& json, const HealthReport& health) {
-  json.SetBool("/ready", health.IsWell());
-  for (const HealthPart& part : health.parts) {
-    json.SetString("/parts/" + part.name, part.trouble.empty() ? "well" : part.trouble);
+void AddServices(CRapidJsonProto& json, const Totals& totals) {
+  for (const auto& [service, requests] : totals.services) {
+    json.SetInt("/by_service/" + service, Number(requests));
   }
 }
 
-void AddLoad(CRapidJsonProto& json) {
+// The words about a trouble may hold paths and names of nodes, which are for operators.
+void AddHealth(CRapidJsonProto& json, const HealthReport& health, bool is_operator) {
+  json.SetBool("/ready", health.IsWell());
+  for (const HealthPart& part : health.parts) {
+    const std::string trouble = is_operator ? part.trouble : "trouble";
+    json.SetString("/parts/" + part.name, part.trouble.empty() ? "well" : trouble);
+  }
+}
+
+void AddConnections(CRapidJsonProto& json) {
   const TansyNet::ServerLoad network = TansyNet::CHttpServer::Load();
   json.SetInt("/connections/open", network.connections);
   json.SetInt("/connections/busy", Number(network.busy_connections));
   json.SetInt("/connections/limit", network.most_connections);
+}
+
+void AddMachine(CRapidJsonProto& json, const MetricsSource& source) {
   const auto& memory = TansyNet::CMemoryAccount::Process();
   json.SetInt("/memory/used", Number(memory.Used()));
   json.SetInt("/memory/limit", Number(memory.Limit()));
-  CloudStorage::ServerLoad load;
-  if (!CloudStorage::GetServerLoad(load)) {
-    return;
+  json.SetInt("/space/free", Number(source.free_bytes));
+  json.SetInt("/space/total", Number(source.disk_bytes));
+  if (source.certificate_ends.has_value()) {
+    json.SetInt("/certificate_end", *source.certificate_ends);
   }
+}
+
+void AddTasks(CRapidJsonProto& json, const CloudStorage::ServerLoad& load) {
   json.SetInt("/tasks/running", Number(load.tasks));
   json.SetInt("/tasks/limit", Number(load.most_tasks));
+}
+
+void AddCatalogue(CRapidJsonProto& json, const CloudStorage::ServerLoad& load) {
   json.SetInt("/catalogue/buckets", Number(load.buckets));
   json.SetInt("/catalogue/objects", Number(load.objects));
   json.SetInt("/catalogue/uploads", Number(load.open_uploads));
@@ -108,19 +122,27 @@ void AddLoad(CRapidJsonProto& json) {
 }  // namespace
 }  // namespace details
 
-std::string ConsoleFigures(const MetricsSource& source) {
+std::string ConsoleFigures(const MetricsSource& source, bool is_operator) {
   const std::int64_t now = TansyBase::TimeUtil::Now();
   TansyProto::CRapidJsonProto json;
   json.SetInt("/time", now);
   json.SetInt("/uptime", now - source.start_time);
   json.SetString("/version", TANSY_VERSION);
-  details::AddHealth(json, source.health);
-  details::AddTotals(json);
-  details::AddLoad(json);
-  json.SetInt("/space/free", details::Number(source.free_bytes));
-  json.SetInt("/space/total", details::Number(source.disk_bytes));
-  if (source.certificate_ends.has_value()) {
-    json.SetInt("/certificate_end", *source.certificate_ends);
+  const details::Totals totals = details::AllTotals();
+  CloudStorage::ServerLoad load;
+  const bool has_load = CloudStorage::GetServerLoad(load);
+  details::AddHealth(json, source.health, is_operator);
+  details::AddTotals(json, totals);
+  details::AddConnections(json);
+  if (has_load) {
+    details::AddTasks(json, load);
+  }
+  if (is_operator) {
+    details::AddServices(json, totals);
+    details::AddMachine(json, source);
+  }
+  if (is_operator && has_load) {
+    details::AddCatalogue(json, load);
   }
   return json.Serialize() + "\n";
 }

@@ -107,6 +107,7 @@ export const texts = {
   "overview.chart": ["Chart of the last minutes: {name}. Now {now}.", "最近几分钟的图表：{name}。当前 {now}。"],
 
   "trouble.part": ["The part “{part}” is in trouble: {words}.", "组件“{part}”出现问题：{words}。"],
+  "trouble.partOnly": ["The part “{part}” is in trouble.", "组件“{part}”出现问题。"],
   "trouble.notReady": [
     "The server is not ready. If it has just started, wait a minute; otherwise look at its log.",
     "服务器尚未就绪。如果刚启动，请等一分钟；否则请查看日志。",

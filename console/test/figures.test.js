@@ -90,8 +90,21 @@ test("a server that does not know its load yet is shown all the same", () => {
   const young = overview();
   delete young.tasks;
   delete young.catalogue;
-  delete young.space;
   new History().add(complete(young));
   assert.deepEqual(troubles(complete(young)), []);
   assert.equal(complete(overview()).tasks.limit, 4);
+});
+
+test("a key of somebody else sees what it is told, and no zeros for the rest", () => {
+  const told = overview({ ready: false, parts: { database: "well", storage: "trouble" } });
+  for (const name of ["catalogue", "memory", "space", "certificate_end"]) {
+    delete told[name];
+  }
+  const shown = complete(told);
+  const history = new History();
+  history.add(shown);
+  assert.deepEqual(history.column("memory"), [null]);
+  assert.ok(!("catalogue" in shown) && !("space" in shown) && !("memory" in shown));
+  assert.deepEqual(troubles(shown, history.samples), [{ level: "bad", text: "trouble.partOnly", values: { part: "storage" } }]);
+  assert.deepEqual(troubles({ ...shown, ready: true, parts: { database: "well" } }, history.samples), []);
 });

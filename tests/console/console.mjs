@@ -405,6 +405,12 @@ test("a key of somebody else is offered what it may do", async () => {
   await signIn(other, key.secret, key.access);
   await other.getByRole("heading", { name: "Overview" }).waitFor();
   assert.equal(await other.getByRole("navigation").getByRole("link").count(), 4);
+  await other.getByText("All is well").waitFor();
+  await other.locator(".chart").nth(2).waitFor();
+  assert.deepEqual(await other.locator(".tile-title").allInnerTexts(), ["Connections", "Running for"]);
+  assert.equal(await other.locator(".panel").count(), 3);
+  assert.deepEqual(reader.seen.errors, []);
+  await accessible(other, "overview of somebody else");
   await other.goto(`${server.url}#/buckets`);
   await other.getByRole("row").filter({ hasText: "photos" }).waitFor();
   assert.equal(await other.getByText("private").count(), 0);

@@ -316,6 +316,9 @@ TEST_F(ConsoleKeysTest, AKeyOfSomebodyElseShowsAndSignsWhatItMayDo) {
   const auto sign = [&](const std::string& request) { return PostJson(port, "/console/api/sign", request, session); };
   EXPECT_THAT(ask("buckets").body, AllOf(HasSubstr("photos"), Not(HasSubstr("other"))));
   EXPECT_EQ(ask("log").status, 403);
+  EXPECT_THAT(ask("overview").body,
+              AllOf(HasSubstr(R"("parts":{"database":"well")"), Not(HasSubstr("\"catalogue\"")),
+                    Not(HasSubstr("by_service")), Not(HasSubstr("\"memory\"")), Not(HasSubstr("\"space\":{"))));
   EXPECT_EQ(sign(R"({"method":"PUT","bucket":"photos","key":"k","expires":60})").status, 400);
   EXPECT_EQ(sign(R"({"method":"GET","bucket":"other","key":"k","expires":60})").status, 400);
   const Reply signed_link = sign(R"({"method":"GET","bucket":"photos","query":{"list-type":"2"},"expires":60})");

@@ -1,4 +1,4 @@
-import { poll } from "../net/api.js";
+import { isOperator, poll } from "../net/api.js";
 import { complete, History, troubles } from "../pure/figures.js";
 import { bytes, duration, milliseconds, number, percent } from "../pure/format.js";
 import { hashOf } from "../pure/route.js";
@@ -78,6 +78,7 @@ const byteRate = (value) => perSecond(bytes(value ?? NaN));
 const short = (value) => number(value, locale());
 const seconds = (value) => milliseconds(value === null || value === undefined ? NaN : value * 1000);
 
+// What is missing is not for this key, or not known yet, and is left out.
 function Figures({ overview, theme }) {
   const now = history.last();
   const columns = (...names) => [history.column("time"), ...names.map((name) => history.column(name))];
@@ -85,25 +86,29 @@ function Figures({ overview, theme }) {
   return (
     <>
       <div class="tiles">
-        <Tile
-          icon="objects"
-          title={t("overview.stored")}
-          value={bytes(catalogue.bytes)}
-          href={hashOf("objects")}
-          hint={t("overview.objects", { n: catalogue.objects, buckets: t("overview.buckets", { n: catalogue.buckets }) })}
-        />
-        <Tile
-          icon="buckets"
-          title={t("overview.space")}
-          value={percent(space.total ? 1 - space.free / space.total : 0, locale())}
-          hint={t("overview.free", { free: bytes(space.free), total: bytes(space.total) })}
-          share={space.total ? 1 - space.free / space.total : 0}
-        />
+        {catalogue && (
+          <Tile
+            icon="objects"
+            title={t("overview.stored")}
+            value={bytes(catalogue.bytes)}
+            href={hashOf("objects")}
+            hint={t("overview.objects", { n: catalogue.objects, buckets: t("overview.buckets", { n: catalogue.buckets }) })}
+          />
+        )}
+        {space && (
+          <Tile
+            icon="buckets"
+            title={t("overview.space")}
+            value={percent(space.total ? 1 - space.free / space.total : 0, locale())}
+            hint={t("overview.free", { free: bytes(space.free), total: bytes(space.total) })}
+            share={space.total ? 1 - space.free / space.total : 0}
+          />
+        )}
         <Tile
           icon="requests"
           title={t("overview.connections")}
           value={number(connections.open, locale())}
-          href={hashOf("requests")}
+          href={isOperator() && hashOf("requests")}
           hint={t("overview.busy", { busy: connections.busy, limit: connections.limit })}
         />
         <Tile
@@ -111,7 +116,7 @@ function Figures({ overview, theme }) {
           title={t("overview.uptime")}
           value={duration(overview.uptime)}
           href={hashOf("unfinished")}
-          hint={t("overview.uploads", { n: catalogue.uploads })}
+          hint={catalogue && t("overview.uploads", { n: catalogue.uploads })}
         />
       </div>
       <div class="charts">
@@ -154,19 +159,21 @@ function Figures({ overview, theme }) {
             ["--chart-1", t("overview.out"), byteRate(now.bytesOut)],
           ]}
         />
-        <Panel
-          title={t("overview.memory")}
-          now={bytes(memory.used)}
-          theme={theme}
-          columns={columns("memory")}
-          format={bytes}
-          series={[{ colour: "--chart-1" }]}
-          smallest={1024 * 1024}
-          isBinary
-          legend={[
-            ["--chart-1", t("overview.memory"), t("overview.memoryOf", { used: bytes(memory.used), limit: bytes(memory.limit) })],
-          ]}
-        />
+        {memory && (
+          <Panel
+            title={t("overview.memory")}
+            now={bytes(memory.used)}
+            theme={theme}
+            columns={columns("memory")}
+            format={bytes}
+            series={[{ colour: "--chart-1" }]}
+            smallest={1024 * 1024}
+            isBinary
+            legend={[
+              ["--chart-1", t("overview.memory"), t("overview.memoryOf", { used: bytes(memory.used), limit: bytes(memory.limit) })],
+            ]}
+          />
+        )}
       </div>
     </>
   );
@@ -180,7 +187,7 @@ function Tile({ icon, title, value, hint, href, share }) {
       </span>
       <span class="tile-value">{value}</span>
       {share !== undefined && <meter min={0} max={1} high={0.9} value={share} aria-label={title} />}
-      <span class="tile-hint">{hint}</span>
+      {hint && <span class="tile-hint">{hint}</span>}
     </>
   );
   return href ? (

@@ -1,11 +1,10 @@
 // From the server's counters to what a chart shows.
 
-// A server that is just starting does not know everything yet.
+// A server that is just starting does not know everything yet. It tells its operator alone about catalogue, memory and space, and those
+// stay missing: a zero would be read as a figure.
 export function complete(overview) {
   const nothing = {
     tasks: { running: 0, limit: 0 },
-    catalogue: { buckets: 0, objects: 0, uploads: 0, bytes: 0 },
-    space: { free: 0, total: 0 },
     parts: {},
   };
   return { ...nothing, ...overview };
@@ -49,7 +48,7 @@ function between(before, now) {
     bytesOut: null,
     median: null,
     slow: null,
-    memory: now.memory.used,
+    memory: now.memory?.used ?? null,
     connections: now.connections.open,
     tasks: now.tasks.running,
   };
@@ -95,7 +94,9 @@ export function troubles(overview, recent = []) {
   const found = [];
   const add = (level, text, values = {}) => found.push({ level, text, values });
   for (const [part, words] of Object.entries(overview.parts ?? {})) {
-    if (words !== "well" && words !== "") {
+    if (words === "trouble") {
+      add("bad", "trouble.partOnly", { part }); // the words are for the operator
+    } else if (words !== "well" && words !== "") {
       add("bad", "trouble.part", { part, words });
     }
   }
@@ -103,9 +104,9 @@ export function troubles(overview, recent = []) {
     add("bad", "trouble.notReady");
   }
   const { space, memory, connections, tasks } = overview;
-  if (space.total > 0 && space.free < Math.min(fewBytes, space.total / 20)) {
+  if (space?.total > 0 && space.free < Math.min(fewBytes, space.total / 20)) {
     add("bad", "trouble.spaceGone", { free: space.free });
-  } else if (space.total > 0 && space.free < space.total / 10) {
+  } else if (space?.total > 0 && space.free < space.total / 10) {
     add("warn", "trouble.spaceLow", { free: space.free });
   }
   if (overview.certificate_end) {
@@ -116,7 +117,7 @@ export function troubles(overview, recent = []) {
       add("warn", "trouble.certificateEnds", { days: Math.floor(left / day) });
     }
   }
-  if (memory.limit > 0 && memory.used > memory.limit * 0.9) {
+  if (memory?.limit > 0 && memory.used > memory.limit * 0.9) {
     add("warn", "trouble.memory");
   }
   if (connections.limit > 0 && connections.open > connections.limit * 0.9) {

@@ -313,8 +313,31 @@ TEST_F(ConsoleApiTest, OtherKeysDoNotSeeHowTheServerIsRun) {
   for (const char* path : {"requests", "settings", "log", "check"}) {
     EXPECT_EQ(Ask("GET", path, "", headers).status, 403) << path;
   }
-  EXPECT_EQ(Ask("GET", "overview", "", headers).status, 200);
   EXPECT_EQ(Ask("POST", "sign", R"({"method":"PUT","bucket":"mine","key":"k","expires":60})", headers).status, 400);
+}
+
+// What all buckets hold, what others use the server for and how it is equipped is the operator's business; words of
+// troubles name folders and nodes.
+TEST_F(ConsoleApiTest, OtherKeysSeeOnlyWhetherTheServerIsWell) {
+  const auto operators = Read(Ask("GET", "overview", "", SignedIn()));
+  EXPECT_TRUE(operators.Has("/memory"));
+  EXPECT_TRUE(operators.Has("/space"));
+  key_.is_operator = false;
+  key_.buckets = {"mine"};
+  const ConsoleAnswer answer = Ask("GET", "overview", "", SignedIn());
+  EXPECT_EQ(answer.status, 200);
+  const auto json = Read(answer);
+  EXPECT_EQ(json.GetString("/ready"), "false");
+  EXPECT_EQ(json.GetString("/parts/database"), "well");
+  EXPECT_EQ(json.GetString("/parts/space"), "trouble");
+  EXPECT_EQ(json.GetInt("/uptime"), 100);
+  for (const char* member : {"/time", "/version", "/requests", "/bytes", "/latency", "/connections"}) {
+    EXPECT_TRUE(json.Has(member)) << member;
+  }
+  for (const char* member : {"/catalogue", "/by_service", "/memory", "/space", "/certificate_end"}) {
+    EXPECT_FALSE(json.Has(member)) << member;
+  }
+  EXPECT_EQ(answer.body.find("nearly full"), std::string::npos) << answer.body;
 }
 
 TEST_F(ConsoleApiTest, APageThatLooksByItselfKeepsNoSessionAlive) {
