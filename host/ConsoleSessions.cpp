@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 #include "TansyBase/TimeUtil.h"
@@ -101,13 +102,23 @@ CConsoleSessions::Result CConsoleSessions::SignIn(const ConsoleSignIn& sign_in) 
   return result;
 }
 
-// When there is no room, the session goes that was not used for longest.
+// When there is no room, the session goes that was not used for longest: one of the same key when it has any, so that
+// nobody throws others out by signing in again and again.
+void CConsoleSessions::MakeRoom(const std::string& key) {
+  const auto is_own = [&key](const auto& session) { return session.second.key == key; };
+  const auto own = static_cast<std::size_t>(std::count_if(sessions_.begin(), sessions_.end(), is_own));
+  if (own < kMostSessionsOfKey && sessions_.size() < kMostSessions) {
+    return;
+  }
+  const auto goes_before = [&](const auto& a, const auto& b) {
+    return std::tuple(!is_own(a), a.second.used) < std::tuple(!is_own(b), b.second.used);
+  };
+  sessions_.erase(std::min_element(sessions_.begin(), sessions_.end(), goes_before));
+}
+
 void CConsoleSessions::Keep(const std::string& token, Session session) {
   const std::scoped_lock lock(mutex_);
-  if (sessions_.size() >= kMostSessions) {
-    sessions_.erase(std::min_element(sessions_.begin(), sessions_.end(),
-                                     [](const auto& a, const auto& b) { return a.second.used < b.second.used; }));
-  }
+  MakeRoom(session.key);
   sessions_[details::Sha256(token)] = std::move(session);
 }
 

@@ -51,6 +51,7 @@ class CConsoleSessions {
   static constexpr std::int64_t kLongestSession = std::int64_t{12} * 3600;
   static constexpr std::int64_t kLongestPause = 3600;
   static constexpr std::size_t kMostSessions = 256;
+  static constexpr std::size_t kMostSessionsOfKey = 16;
   static constexpr std::size_t kMostNonces = 4096;  // that were used and have not ended
 
   // Throws std::runtime_error when the system gives no random bytes, as MakeNonce and SignIn do.
@@ -86,6 +87,7 @@ class CConsoleSessions {
   };
 
   bool UseNonce(const std::string& nonce);
+  void MakeRoom(const std::string& key);
   void Keep(const std::string& token, Session session);
 
   const FindConsoleKey find_key_;

@@ -18,14 +18,22 @@ class ConsoleSessionsTest : public testing::Test {
     return TansyNet::S3Signing::ToHex(TansyNet::S3Signing::HmacSha256(secret, nonce + "\n" + key));
   }
   CConsoleSessions::Result SignIn(const std::string& secret = "secret", const std::string& address = "192.0.2.1") {
+    return SignInAs("admin", secret, address);
+  }
+  CConsoleSessions::Result SignInAs(const std::string& key, const std::string& secret = "secret",
+                                    const std::string& address = "192.0.2.1") {
     const std::string nonce = sessions_.MakeNonce();
-    return sessions_.SignIn({"admin", nonce, Proof(secret, nonce, "admin"), address});
+    return sessions_.SignIn({key, nonce, Proof(secret, nonce, key), address});
+  }
+  std::optional<ConsoleKey> Find(const std::string& name) const {
+    return name.starts_with("guest")                ? ConsoleKey{name, "secret", true, {}}
+           : key_.has_value() && key_->name == name ? key_
+                                                    : std::nullopt;
   }
 
   Tests::CManualClock clock_;
   std::optional<ConsoleKey> key_ = ConsoleKey{"admin", "secret", true, {}};
-  CConsoleSessions sessions_{
-      [this](const std::string& name) { return key_.has_value() && key_->name == name ? key_ : std::nullopt; }};
+  CConsoleSessions sessions_{[this](const std::string& name) { return Find(name); }};
 };
 
 TEST_F(ConsoleSessionsTest, WhoeverProvesThatHeHasTheSecretGetsASession) {
@@ -176,7 +184,7 @@ TEST_F(ConsoleSessionsTest, WhoeverSignsInOftenIsNotKeptOut) {
   for (int i = 0; i < 1000; ++i) {
     ASSERT_EQ(SignIn().status, 200) << i;
   }
-  EXPECT_EQ(sessions_.Count(), CConsoleSessions::kMostSessions);
+  EXPECT_EQ(sessions_.Count(), 16U);
 }
 
 TEST_F(ConsoleSessionsTest, MakesRoomByTheSessionThatWasNotUsedForLongest) {
@@ -185,11 +193,37 @@ TEST_F(ConsoleSessionsTest, MakesRoomByTheSessionThatWasNotUsedForLongest) {
   const std::string second = SignIn().token;
   clock_.Advance(1);
   ASSERT_TRUE(sessions_.Find(first).has_value());
-  for (std::size_t i = 0; i < CConsoleSessions::kMostSessions - 1; ++i) {
+  for (int i = 0; i < 14; ++i) {
     SignIn();
   }
+  EXPECT_TRUE(sessions_.Find(second, false).has_value()) << "sixteen have room";
+  SignIn();
   EXPECT_TRUE(sessions_.Find(first).has_value());
   EXPECT_FALSE(sessions_.Find(second).has_value());
+}
+
+TEST_F(ConsoleSessionsTest, NoKeyThrowsAnotherOneOut) {
+  const std::string token = SignIn().token;
+  clock_.Advance(1);
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(SignInAs("guest").status, 200) << i;
+  }
+  EXPECT_TRUE(sessions_.Find(token).has_value());
+  EXPECT_EQ(sessions_.Count(), 17U);
+}
+
+TEST_F(ConsoleSessionsTest, ManyKeysShareTheRoomAndEachMakesItByItsOwnFirst) {
+  const std::string token = SignIn().token;
+  clock_.Advance(1);
+  for (int i = 0; i < 255; ++i) {
+    ASSERT_EQ(SignInAs("guest" + std::to_string(i)).status, 200) << i;
+  }
+  ASSERT_EQ(SignInAs("guest7").status, 200);
+  EXPECT_TRUE(sessions_.Find(token, false).has_value());
+  EXPECT_EQ(sessions_.Count(), CConsoleSessions::kMostSessions);
+  ASSERT_EQ(SignInAs("guest255").status, 200);
+  EXPECT_FALSE(sessions_.Find(token).has_value()) << "it was not used for longest";
+  EXPECT_EQ(sessions_.Count(), CConsoleSessions::kMostSessions);
 }
 
 }  // namespace
