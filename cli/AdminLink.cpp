@@ -8,7 +8,7 @@ namespace Tansy::Cli {
 namespace details {
 namespace {
 
-// Requests to the admin port are signed as those of the S3 protocol are, with any region.
+// Requests to the admin port are signed as those of the S3 protocol are, for a service of its own and with any region.
 Settings SettingsOfAdmin(const Settings& settings) {
   Settings admin = settings;
   admin.s3_server = AdminServer(settings);
@@ -32,7 +32,8 @@ EExitCode ExitCodeOf(int status) {
 }  // namespace
 }  // namespace details
 
-CAdminLink::CAdminLink(const Settings& settings) : link_(details::SettingsOfAdmin(settings)) {}
+CAdminLink::CAdminLink(const Settings& settings)
+    : link_(details::SettingsOfAdmin(settings), TansyNet::S3Signing::kAdminService) {}
 
 std::string CAdminLink::Request(const std::string& method, const std::string& path, const std::string& body) const {
   const LinkOutcome outcome = link_.Try({.method = method, .path = {"admin", path}, .body = body});

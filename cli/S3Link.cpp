@@ -5,7 +5,6 @@
 #include "Output.h"
 #include "Persistence.h"
 #include "S3Signer.h"
-#include "TansyNet/S3Signing.h"
 #include "TansyProto/XmlProto.h"
 
 namespace Tansy::Cli {
@@ -37,10 +36,11 @@ bool IsDone(const LinkOutcome& outcome) {
   return outcome.IsAnswered() && details::IsSuccess(outcome.answer.status);
 }
 
-CS3Link::CS3Link(const Settings& settings)
+CS3Link::CS3Link(const Settings& settings, std::string_view service)
     : address_(S3Server(settings)),
       access_key_(settings.access_key),
       secret_key_(settings.secret_key),
+      service_(service),
       region_(settings.s3_region) {}
 
 TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request, const std::string& region) const {
@@ -52,7 +52,7 @@ TansyNet::CHttpClientRequest CS3Link::Signed(const S3Request& request, const std
   outgoing.max_body_bytes = kMaxAnswerBytes;
   outgoing.send_timeout_ms = request.patience_ms;
   outgoing.receive_timeout_ms = request.patience_ms;
-  const S3Keys keys{access_key_, secret_key_, region};
+  const S3Keys keys{access_key_, secret_key_, region, service_};
   for (const auto& [name, value] : SignedS3Headers(request, address_.HostAndPort(), keys)) {
     outgoing.headers.emplace(name, value);
   }

@@ -5,11 +5,13 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "Exchange.h"
 #include "Failure.h"
 #include "S3Request.h"
 #include "Settings.h"
+#include "TansyNet/S3Signing.h"
 
 namespace Tansy::Cli {
 
@@ -21,8 +23,8 @@ bool IsDone(const LinkOutcome& outcome);
 // another region than the settings say, the link learns it. Threads: any.
 class CS3Link {
  public:
-  // Throws CFailure with kExitUsage when the settings name no S3 door.
-  explicit CS3Link(const Settings& settings);
+  // Signs requests for `service`, a constant. Throws CFailure with kExitUsage when the settings name no S3 door.
+  explicit CS3Link(const Settings& settings, std::string_view service = TansyNet::S3Signing::kS3Service);
 
   // Does one exchange, whatever its result is.
   LinkOutcome Try(const S3Request& request) const;
@@ -54,6 +56,7 @@ class CS3Link {
   const ServerAddress address_;
   const std::string access_key_;
   const std::string secret_key_;
+  const std::string_view service_;
   mutable std::atomic<bool> is_reached_{false};
   mutable std::mutex mutex_;
   mutable std::string region_;  // guarded by mutex_

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "TansyBase/TimeUtil.h"
-#include "TansyNet/S3Signing.h"
 
 namespace Tansy::Cli {
 namespace details {
@@ -47,9 +46,9 @@ std::map<std::string, std::string> SignedS3Headers(const S3Request& request, con
   const std::string path = details::PathOf(request.path);
   const std::string canonical = details::S3Signing::CanonicalRequest(
       {request.method, path, request.query, {headers.begin(), headers.end()}, digest});
-  const std::string scope = details::S3Signing::Scope(date, keys.region);
+  const std::string scope = details::S3Signing::Scope(date, keys.region, keys.service);
   const std::string signature =
-      details::S3Signing::Sign(details::S3Signing::SigningKey(keys.secret_key, date, keys.region),
+      details::S3Signing::Sign(details::S3Signing::SigningKey(keys.secret_key, date, keys.region, keys.service),
                                details::S3Signing::StringToSign(timestamp, scope, canonical));
   headers["Authorization"] = std::string(details::S3Signing::kAlgorithm) + " Credential=" + keys.access_key + "/" +
                              scope + ", SignedHeaders=" + details::NamesOf(headers) + ", Signature=" + signature;

@@ -62,10 +62,10 @@ std::map<std::string, std::string> LowerNames(const TansyNet::Headers& headers) 
   return lower;
 }
 
-// Reads "KEY/DATE/REGION/s3/aws4_request".
+// Reads "KEY/DATE/REGION/tansy-admin/aws4_request".
 bool ReadCredential(Claim& claim, const std::string& text) {
   const std::vector<std::string> parts = Split(text, '/');
-  if (parts.size() != 5 || parts[3] != "s3" || parts[4] != "aws4_request") {
+  if (parts.size() != 5 || parts[3] != S3Signing::kAdminService || parts[4] != "aws4_request") {
     return false;
   }
   claim.access_key = parts[0];
@@ -141,9 +141,9 @@ std::string RightSignature(const TansyNet::HttpServerRecv& message, const Claim&
   for (const std::string& name : claim.signed_headers) {
     covered.headers.emplace_back(name, headers[name]);
   }
-  const std::string text = S3Signing::StringToSign(headers["x-amz-date"], S3Signing::Scope(claim.date, claim.region),
-                                                   S3Signing::CanonicalRequest(covered));
-  return S3Signing::Sign(S3Signing::SigningKey(secret_key, claim.date, claim.region), text);
+  const std::string scope = S3Signing::Scope(claim.date, claim.region, S3Signing::kAdminService);
+  const std::string text = S3Signing::StringToSign(headers["x-amz-date"], scope, S3Signing::CanonicalRequest(covered));
+  return S3Signing::Sign(S3Signing::SigningKey(secret_key, claim.date, claim.region, S3Signing::kAdminService), text);
 }
 
 std::string DigestOfBody(const TansyNet::HttpServerRecv& message) {

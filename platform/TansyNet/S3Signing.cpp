@@ -18,7 +18,6 @@ namespace {
 
 constexpr std::string_view kCapitalDigits = "0123456789ABCDEF";
 constexpr std::string_view kSmallDigits = "0123456789abcdef";
-constexpr std::string_view kService = "s3";
 constexpr std::string_view kScopeEnd = "aws4_request";
 
 bool IsUnreserved(char c) {
@@ -205,9 +204,9 @@ std::string CanonicalRequest(const SignedRequest& request) {
   return text.append("\n").append(names).append("\n").append(request.payload);
 }
 
-std::string Scope(std::string_view date, std::string_view region) {
+std::string Scope(std::string_view date, std::string_view region, std::string_view service) {
   std::string text(date);
-  return text.append("/").append(region).append("/").append(kService).append("/").append(kScopeEnd);
+  return text.append("/").append(region).append("/").append(service).append("/").append(kScopeEnd);
 }
 
 std::string StringToSign(std::string_view timestamp, std::string_view scope, std::string_view canonical_request) {
@@ -216,9 +215,10 @@ std::string StringToSign(std::string_view timestamp, std::string_view scope, std
   return text + ToHex(Sha256(canonical_request));
 }
 
-std::string SigningKey(std::string_view secret_key, std::string_view date, std::string_view region) {
+std::string SigningKey(std::string_view secret_key, std::string_view date, std::string_view region,
+                       std::string_view service) {
   std::string key = HmacSha256("AWS4" + std::string(secret_key), date);
-  for (const std::string_view step : {region, kService, kScopeEnd}) {
+  for (const std::string_view step : {region, service, kScopeEnd}) {
     key = HmacSha256(key, step);
   }
   return key;

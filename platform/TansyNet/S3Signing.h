@@ -13,6 +13,10 @@ namespace TansyNet::S3Signing {
 
 inline constexpr std::string_view kAlgorithm = "AWS4-HMAC-SHA256";
 
+// The service that a signature is made for. A request that was signed for one counts nowhere else.
+inline constexpr std::string_view kS3Service = "s3";
+inline constexpr std::string_view kAdminService = "tansy-admin";  // requests to the admin port of tansyd
+
 using NameValue = std::pair<std::string, std::string>;
 
 // What a signature covers. The texts outlive it.
@@ -42,10 +46,11 @@ std::string HmacSha256(std::string_view key, std::string_view text);
 // Gives the text whose digest is signed.
 std::string CanonicalRequest(const SignedRequest& request);
 // Gives "20130524/us-east-1/s3/aws4_request"; `date` is the eight digits of a day.
-std::string Scope(std::string_view date, std::string_view region);
+std::string Scope(std::string_view date, std::string_view region, std::string_view service = kS3Service);
 // `timestamp` is written like "20130524T000000Z".
 std::string StringToSign(std::string_view timestamp, std::string_view scope, std::string_view canonical_request);
-std::string SigningKey(std::string_view secret_key, std::string_view date, std::string_view region);
+std::string SigningKey(std::string_view secret_key, std::string_view date, std::string_view region,
+                       std::string_view service = kS3Service);
 // Gives the signature of a text in lower-case digits.
 std::string Sign(std::string_view signing_key, std::string_view text);
 

@@ -38,6 +38,7 @@ class AdminCommandTest : public CommandLineFixture {
   Request Signed(const Request& request) const {
     S3Claim claim;
     claim.payload = Sha256(request.body);
+    claim.service = "tansy-admin";
     return S3Signed(request, server_.GetAdminPort(), claim);
   }
   int StatusOf(const Request& request) const { return Call(server_.GetAdminPort(), Signed(request)).status; }

@@ -15,6 +15,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
+constexpr const char* kDigestOfNothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+
 class KeysTest : public CommandLineFixture {
  protected:
   KeysTest() { launch_.with_s3 = launch_.with_admin = true; }
@@ -140,16 +142,35 @@ TEST_F(KeysTest, OnlyTheServersOwnKeysMayMakeOthers) {
   const auto list = [&](const S3Claim& claim) {
     return Call(port, S3Signed({"GET", "/admin/keys", {}, ""}, port, claim)).status;
   };
-  const std::string digest_of_nothing = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
-  EXPECT_EQ(list({digest_of_nothing, 0, {}}), 200);
-  EXPECT_EQ(list({digest_of_nothing, 0, guest}), 403);
-  EXPECT_EQ(list({digest_of_nothing, 3600, {}}), 403);
-  EXPECT_EQ(list({"UNSIGNED-PAYLOAD", 0, {}}), 403);
+  EXPECT_EQ(list({kDigestOfNothing, 0, {}, "tansy-admin"}), 200);
+  EXPECT_EQ(list({kDigestOfNothing, 0, guest, "tansy-admin"}), 403);
+  EXPECT_EQ(list({kDigestOfNothing, 3600, {}, "tansy-admin"}), 403);
+  EXPECT_EQ(list({"UNSIGNED-PAYLOAD", 0, {}, "tansy-admin"}), 403);
   EXPECT_EQ(Call(port, {"GET", "/admin/keys", {}, ""}).status, 403) << "not even from this machine";
   EXPECT_EQ(Call(port, {"POST", "/admin/keys", {}, R"({"name":"mine"})"}).status, 403);
   EXPECT_EQ(Call(port, {"PUT", "/admin/keys", {}, std::string(std::size_t{11} << 20, 'x')}).status, 403);
-  EXPECT_EQ(Call(port, S3Signed({"GET", "/admin/other", {}, ""}, port, {digest_of_nothing, 0, {}})).status, 404);
-  EXPECT_EQ(Call(port, S3Signed({"PUT", "/admin/keys", {}, ""}, port, {digest_of_nothing, 0, {}})).status, 405);
+  EXPECT_EQ(
+      Call(port, S3Signed({"GET", "/admin/other", {}, ""}, port, {kDigestOfNothing, 0, {}, "tansy-admin"})).status,
+      404);
+  EXPECT_EQ(Call(port, S3Signed({"PUT", "/admin/keys", {}, ""}, port, {kDigestOfNothing, 0, {}, "tansy-admin"})).status,
+            405);
+}
+
+// A bucket may be called "admin", and whoever records a signed request to it cannot use it at the admin port.
+TEST_F(KeysTest, ARequestThatWasSignedForTheS3ServerDoesNothingAtTheAdminPort) {
+  const std::string digest = "41d538fc3d8bdd3149c7d586988d121b32b9f2cdaed179362ae2c7efa36f3a0c";
+  const Request recorded = S3Signed({"PUT", "/admin/keys", {}, R"({"name":"guest"})"}, server_.GetS3Port(), {digest});
+  Do({"mb", "admin"});
+  EXPECT_EQ(Call(server_.GetS3Port(), recorded).status, 200);
+  const auto at_admin_port = [&](const Request& request) {
+    const auto connection = CConnection::Open(server_.GetAdminPort());
+    return connection != nullptr && connection->Send(Serialize(request, server_.GetS3Port()))
+               ? connection->Receive().status
+               : 0;
+  };
+  EXPECT_EQ(at_admin_port(recorded), 403);
+  EXPECT_EQ(at_admin_port(S3Signed({"GET", "/admin/keys", {}, ""}, server_.GetS3Port(), {kDigestOfNothing})), 403);
+  EXPECT_THAT(List(), Not(HasSubstr("guest")));
 }
 
 TEST_F(KeysTest, WhatIsWrongIsSaidInWords) {

@@ -198,7 +198,7 @@ TEST_F(NodesTest, KeysOfOthersCountOnAllNodesSoon) {
   const auto ask = [this](std::size_t node, const std::string& method, const std::string& path, const std::string& body,
                           const std::string& digest) {
     const std::uint16_t port = nodes_[node]->GetAdminPort();
-    return Call(port, S3Signed({method, path, {}, body}, port, {digest, 0, {}}));
+    return Call(port, S3Signed({method, path, {}, body}, port, {digest, 0, {}, "tansy-admin"}));
   };
   const Reply made = ask(0, "POST", "/admin/keys", R"({"name":"guest"})",
                          "41d538fc3d8bdd3149c7d586988d121b32b9f2cdaed179362ae2c7efa36f3a0c");

@@ -59,7 +59,7 @@ Request S3Signed(Request request, std::uint16_t port, const S3Claim& claim, S3Ch
   const Keys& keys = claim.keys;
   const std::string timestamp = Timestamp(claim.clock_offset);
   const std::string day = timestamp.substr(0, 8);
-  const std::string scope = day + "/us-east-1/s3/aws4_request";
+  const std::string scope = day + "/us-east-1/" + claim.service + "/aws4_request";
   request.headers.emplace_back("x-amz-date", timestamp);
   request.headers.emplace_back("x-amz-content-sha256", claim.payload);
   std::map<std::string, std::string> headers = {{"host", "127.0.0.1:" + std::to_string(port)}};
@@ -79,7 +79,8 @@ Request S3Signed(Request request, std::uint16_t port, const S3Claim& claim, S3Ch
     names.append(names.empty() ? "" : ";").append(name);
   }
   canonical.append("\n").append(names).append("\n").append(claim.payload);
-  const std::string key = Hmac(Hmac(Hmac(Hmac("AWS4" + keys.secret_key, day), "us-east-1"), "s3"), "aws4_request");
+  const std::string key =
+      Hmac(Hmac(Hmac(Hmac("AWS4" + keys.secret_key, day), "us-east-1"), claim.service), "aws4_request");
   const std::string text = "AWS4-HMAC-SHA256\n" + timestamp + "\n" + scope + "\n" + Sha256(canonical);
   const std::string signature = Hex(Hmac(key, text));
   request.headers.emplace_back("Authorization", "AWS4-HMAC-SHA256 Credential=" + keys.access_key + "/" + scope +

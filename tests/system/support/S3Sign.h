@@ -16,6 +16,7 @@ struct S3Claim {
   std::string payload = "UNSIGNED-PAYLOAD";  // the value of x-amz-content-sha256
   int clock_offset = 0;                      // seconds that the client's clock is ahead
   Keys keys = {};
+  std::string service = "s3";  // that the signature is for; the admin port's is "tansy-admin"
 };
 
 // What the signatures of chunks are made from.

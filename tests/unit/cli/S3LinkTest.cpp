@@ -38,6 +38,18 @@ TEST(S3SignerTest, SignsAsPublished) {
             "Signature=34b48302e7b5fa45bde8084f4b7868a86f0a534bc59db6670ed5711ef69dc6f7");
 }
 
+TEST(S3SignerTest, NamesTheServiceThatTheSignatureIsFor) {
+  TansyBase::TimeUtil::SetClock([] { return std::time_t{1369353600}; });
+  const auto signature_for = [](std::string_view service) {
+    return SignedS3Headers({.path = {"admin", "keys"}}, "localhost", {"ak", "sk", "r", service}).at("Authorization");
+  };
+  const std::string to_admin = signature_for("tansy-admin");
+  const std::string to_s3 = signature_for("s3");
+  TansyBase::TimeUtil::SetClock(nullptr);
+  EXPECT_THAT(to_admin, HasSubstr("Credential=ak/20130524/r/tansy-admin/aws4_request,"));
+  EXPECT_NE(to_admin.substr(to_admin.find("Signature=")), to_s3.substr(to_s3.find("Signature=")));
+}
+
 TEST_F(S3LinkTest, WritesKeysAsTheyAreSigned) {
   server_.Answer("PUT /*", {.status = 200});
   const CS3Link link(SettingsOfDoor());

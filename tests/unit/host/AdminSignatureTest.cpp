@@ -24,6 +24,7 @@ struct Signing {
   std::string region = "us-east-1";
   std::vector<std::string> headers = {"host", "x-amz-content-sha256", "x-amz-date"};
   std::string digest = {};  // empty: that of the body
+  std::string service = "tansy-admin";
 };
 
 TansyNet::HttpServerRecv Signed(const std::string& body, const Signing& how = {}) {
@@ -42,9 +43,10 @@ TansyNet::HttpServerRecv Signed(const std::string& body, const Signing& how = {}
     covered.headers.emplace_back(name, value);
     names += (names.empty() ? "" : ";") + name;
   }
-  const std::string scope = S3Signing::Scope(how.date, how.region);
+  const std::string scope = S3Signing::Scope(how.date, how.region, how.service);
   const std::string text = S3Signing::StringToSign(how.timestamp, scope, S3Signing::CanonicalRequest(covered));
-  const std::string signature = S3Signing::Sign(S3Signing::SigningKey(how.secret_key, how.date, how.region), text);
+  const std::string signature =
+      S3Signing::Sign(S3Signing::SigningKey(how.secret_key, how.date, how.region, how.service), text);
   message.headers["Authorization"] = "AWS4-HMAC-SHA256 Credential=" + how.access_key + "/" + scope +
                                      ",SignedHeaders=" + names + ", Signature=" + signature;
   return message;
@@ -70,13 +72,24 @@ TEST(AdminSignatureTest, TakesNothingElse) {
   EXPECT_FALSE(IsSigned(Signed("hello", {.headers = {"host", "x-amz-date"}}), kKeys, kNow));
   EXPECT_FALSE(IsSigned(Signed("hello", {.headers = {"x-amz-content-sha256", "x-amz-date"}}), kKeys, kNow));
   EXPECT_FALSE(IsSigned(Signed("hello", {.headers = {"host", "x-amz-content-sha256"}}), kKeys, kNow));
-  for (const char* value : {"", "Basic YTpi", "AWS4-HMAC-SHA256", "AWS4-HMAC-SHA256 ", "AWS4-HMAC-SHA256 Credential=",
-                            "AWS4-HMAC-SHA256 Credential=access/20130524/r/s3/aws4_request, SignedHeaders=, Signature=",
-                            "AWS4-HMAC-SHA256 =,=,=", "AWS4-HMAC-SHA256 Credential=/////////"}) {
+  for (const char* value :
+       {"", "Basic YTpi", "AWS4-HMAC-SHA256", "AWS4-HMAC-SHA256 ", "AWS4-HMAC-SHA256 Credential=",
+        "AWS4-HMAC-SHA256 Credential=access/20130524/r/tansy-admin/aws4_request, SignedHeaders=, Signature=",
+        "AWS4-HMAC-SHA256 =,=,=", "AWS4-HMAC-SHA256 Credential=/////////"}) {
     TansyNet::HttpServerRecv message = Signed("hello");
     message.headers["Authorization"] = value;
     EXPECT_FALSE(IsSigned(message, kKeys, kNow)) << value;
   }
+}
+
+// A bucket may be called "admin", so a request to it could be one to the admin port too.
+TEST(AdminSignatureTest, TakesNoSignatureThatWasMadeForTheS3Server) {
+  EXPECT_FALSE(IsSigned(Signed("hello", {.service = "s3"}), kKeys, kNow));
+  EXPECT_FALSE(IsSigned(Signed("hello", {.service = ""}), kKeys, kNow));
+  TansyNet::HttpServerRecv renamed = Signed("hello", {.service = "s3"});
+  std::string& claim = renamed.headers["Authorization"];
+  claim.replace(claim.find("/s3/"), 4, "/tansy-admin/");
+  EXPECT_FALSE(IsSigned(renamed, kKeys, kNow)) << "the name is signed, too";
 }
 
 TEST(AdminSignatureTest, CoversEveryPartOfTheRequest) {
