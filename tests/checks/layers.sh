@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Fails on an include line that points the wrong way, and on system conditionals where they do not belong.
+# Fails on an include line that points the wrong way, on system conditionals where they do not belong, and on what one of
+# the compilers has wrong.
 # usage: layers.sh SOURCE_FOLDER
 set -uo pipefail
 checks=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -128,6 +129,13 @@ while IFS= read -r line; do
   esac
 done < <(grep -rnE --include='*.h' --include='*.cpp' --include='*.inl' \
   '^[[:space:]]*#[[:space:]]*(el)?if.*(_WIN32|_WIN64|_MSC_VER|__linux__|__unix__|__APPLE__)' include src platform)
+
+# MinGW's latches, barriers and semaphores look at their count before they take the lock to sleep, so a wait may never end.
+# A stop callback's destructor waits for one of them.
+while IFS= read -r line; do
+  complain "waits of this kind may never end on Windows: $line"
+done < <(grep -rnE --include='*.h' --include='*.cpp' '^#include <(latch|barrier|semaphore)>|std::stop_callback' \
+  include src platform host cli tests)
 
 # Heavy headers stay inside the folder whose sources need them.
 while IFS= read -r header; do

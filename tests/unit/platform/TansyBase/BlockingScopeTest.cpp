@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <latch>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -11,12 +10,14 @@
 #include "TansyBase/MessageLoop.h"
 #include "fakes/FailingAllocation.h"
 #include "fakes/HeldLoop.h"
+#include "fakes/Latch.h"
 
 namespace TansyBase {
 namespace {
 
 using namespace std::chrono_literals;
 using Tansy::Tests::CHeldLoop;
+using Tansy::Tests::CLatch;
 using Tansy::Tests::Post;
 using Tansy::Tests::WaitForTurn;
 
@@ -89,10 +90,10 @@ TEST_F(BlockingScope, AThreadThatBlocksLaterLetsAWaitingTaskRun) {
     start.Wait();
     gate_.WaitBlocking();
   });
-  std::latch ran(1);
-  Post(loop_, [&ran] { ran.count_down(); });
+  CLatch ran(1);
+  Post(loop_, [&ran] { ran.CountDown(); });
   start.Open();
-  ran.wait();
+  ran.Wait();
 }
 
 // Counts the tasks that compute, wherever they come to a wait and wherever they come back.

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <functional>
 #include <future>
-#include <latch>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -17,6 +16,7 @@
 
 #include "fakes/CapturingLogSink.h"
 #include "fakes/HeldLoop.h"
+#include "fakes/Latch.h"
 
 namespace TansyBase {
 namespace {
@@ -24,6 +24,7 @@ namespace {
 using namespace std::chrono_literals;
 namespace Tests = Tansy::Tests;
 using Tansy::Tests::CHeldLoop;
+using Tansy::Tests::CLatch;
 using Tansy::Tests::CLogCapture;
 using Tansy::Tests::Post;
 
@@ -192,18 +193,18 @@ TEST_F(MessageLoop, SaysWhatWaitsAndWhatIsComputed) {
 
 TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAndRunsWhatWaitsBehindIt) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
-  std::latch began(1);
-  std::latch released(1);
+  CLatch began(1);
+  CLatch released(1);
   std::thread visitor([&] {
     EXPECT_TRUE(RunHere(loop_, [&] {
-      began.count_down();
-      released.wait();
+      began.CountDown();
+      released.Wait();
       ++runs_;
     }));
   });
-  began.wait();
+  began.Wait();
   PostCounted();
-  std::thread releaser([&] { released.count_down(); });
+  std::thread releaser([&] { released.CountDown(); });
   loop_.Stop(true);
   EXPECT_EQ(runs_, 2);
   visitor.join();
@@ -212,20 +213,20 @@ TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAndRunsWhatWaitsBehindIt) {
 
 TEST_F(MessageLoop, AStopWaitsForATaskElsewhereAlsoWhenNothingElseWaits) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
-  std::latch began(1);
-  std::latch released(1);
+  CLatch began(1);
+  CLatch released(1);
   std::thread visitor([&] {
     EXPECT_TRUE(RunHere(loop_, [&] {
-      began.count_down();
-      released.wait();
+      began.CountDown();
+      released.Wait();
       ++runs_;
     }));
   });
-  began.wait();
+  began.Wait();
   // The task is released when the stop has begun.
   std::thread releaser([&] {
     EXPECT_TRUE(Eventually([this] { return !Post(loop_, [] {}); }));
-    released.count_down();
+    released.CountDown();
   });
   loop_.Stop(false);
   EXPECT_EQ(runs_, 1);
@@ -276,12 +277,12 @@ TEST_F(MessageLoop, CountsWaitingAndRunningTasks) {
 
 TEST_F(MessageLoop, AllThreadsWorkAtOnce) {
   ASSERT_TRUE(loop_.Start(4, 4, 5));
-  std::latch together(5);
+  CLatch together(5);
   for (int i = 0; i < 4; ++i) {
-    Post(loop_, [&together] { together.arrive_and_wait(); });
+    Post(loop_, [&together] { together.ArriveAndWait(); });
   }
-  together.arrive_and_wait();  // hangs unless four tasks run at the same time
-  loop_.Stop(true);            // before the latch goes: the tasks may still be leaving it
+  together.ArriveAndWait();  // hangs unless four tasks run at the same time
+  loop_.Stop(true);          // before the latch goes: the tasks may still be leaving it
 }
 
 TEST_F(MessageLoop, GrowsToItsMaximumAndNoFurther) {
@@ -364,15 +365,15 @@ TEST_F(MessageLoop, ManyPostersLoseNothing) {
 
 TEST_F(MessageLoop, StopDropsWhatWaitsAndWaitsForWhatRuns) {
   ASSERT_TRUE(loop_.Start(1, 1, 5));
-  std::latch started(1);
+  CLatch started(1);
   std::atomic<bool> finished{false};
   Post(loop_, [&] {
-    started.count_down();
+    started.CountDown();
     std::this_thread::sleep_for(50ms);
     finished = true;
   });
   PostCounted();
-  started.wait();
+  started.Wait();
   loop_.Stop(false);
   EXPECT_TRUE(finished);
   EXPECT_EQ(runs_, 0);
@@ -431,14 +432,14 @@ TEST_F(MessageLoop, ATaskMayStopItsOwnLoop) {
 
 TEST_F(MessageLoop, TwoTasksMayStopTheLoopAtOnce) {
   ASSERT_TRUE(loop_.Start(2, 2, 5));
-  std::latch both(2);
+  CLatch both(2);
   for (int i = 0; i < 2; ++i) {
     Post(loop_, [&] {
-      both.arrive_and_wait();
+      both.ArriveAndWait();
       loop_.Stop(true);
     });
   }
-  both.wait();
+  both.Wait();
   loop_.Stop(false);
   EXPECT_EQ(loop_.GetWorkTaskCount(), 0u);
 }

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <latch>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -14,6 +13,7 @@
 #include "RawClient.h"
 #include "ServerFixture.h"
 #include "TansyNet/HttpServer.h"
+#include "fakes/Latch.h"
 
 namespace Tansy::Tests {
 namespace {
@@ -41,7 +41,7 @@ class HttpServerLoanTest : public ServerFixture {
       if (answers_first) {
         AnswerText(handle, "slow");
       }
-      released_.wait();
+      released_.Wait();
       if (!answers_first) {
         AnswerText(handle, "slow");
       }
@@ -91,7 +91,7 @@ class HttpServerLoanTest : public ServerFixture {
   }
 
   std::vector<std::unique_ptr<CRawClient>> others_;
-  std::latch released_{1};
+  CLatch released_{1};
   std::atomic<int> slow_{0};
   std::atomic<int> over_{0};
 };
@@ -105,7 +105,7 @@ TEST_F(HttpServerLoanTest, ACallbackThatIsSlowHoldsUpNobodyElse) {
     LetOthersPass();
   }
   EXPECT_EQ(over_, 0);
-  released_.count_down();
+  released_.CountDown();
   EXPECT_EQ(slow.ReadReply().body, "slow");
   slow.Send(kRequest);
   EXPECT_EQ(slow.ReadReply().body, "quick");
@@ -121,7 +121,7 @@ TEST_F(HttpServerLoanTest, ACallbackThatGoesOnAfterItsAnswerLosesNoRequest) {
   CRawClient other(Port());
   other.Send(kRequest);
   EXPECT_EQ(other.ReadReply().body, "quick");
-  released_.count_down();
+  released_.CountDown();
   EXPECT_EQ(client.ReadReply().body, "quick");
 }
 
@@ -135,7 +135,7 @@ TEST_F(HttpServerLoanTest, AClientThatLeavesMeanwhileIsForgotten) {
   CRawClient other(Port());
   other.Send(kRequest);
   EXPECT_EQ(other.ReadReply().body, "quick");
-  released_.count_down();
+  released_.CountDown();
   EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; }));
 }
 
@@ -147,7 +147,7 @@ TEST_F(HttpServerLoanTest, AClientThatLeavesMeanwhileIsNoticedWithoutAnAnswer) {
       AnswerText(handle, "not lent");
     } else {
       ++slow_;
-      released_.wait();  // and leaves the answer to somebody else
+      released_.Wait();  // and leaves the answer to somebody else
     }
   });
   ConnectOthers();
@@ -159,7 +159,7 @@ TEST_F(HttpServerLoanTest, AClientThatLeavesMeanwhileIsNoticedWithoutAnAnswer) {
   }
   LetOthersPass();
   EXPECT_EQ(CHttpServer::OpenRequestCount(), 1u);
-  released_.count_down();
+  released_.CountDown();
   EXPECT_TRUE(Eventually([] { return CHttpServer::OpenRequestCount() == 0; }));
 }
 
@@ -171,7 +171,7 @@ TEST_F(HttpServerLoanTest, WhatFollowsASlowCallbackRunsOnTheThreadThatLeadsNow) 
     if (message.url == "/slow" && CHttpServer::IsThreadLent()) {
       slow = std::this_thread::get_id();
       ++slow_;
-      released_.wait();
+      released_.Wait();
     } else if (message.url == "/next") {
       next = std::this_thread::get_id();
     }
@@ -182,7 +182,7 @@ TEST_F(HttpServerLoanTest, WhatFollowsASlowCallbackRunsOnTheThreadThatLeadsNow) 
   MakeSlow(client);
   client.Send("GET /next HTTP/1.1\r\nHost: h\r\n\r\n");
   LetOthersPass();
-  released_.count_down();
+  released_.CountDown();
   EXPECT_EQ(client.ReadReply().body, "quick");
   EXPECT_EQ(client.ReadReply().body, "quick");
   EXPECT_NE(next, slow);
@@ -198,7 +198,7 @@ TEST_F(HttpServerLoanTest, ALargeAnswerIsFinishedThoughItsCallbackGoesOn) {
     } else {
       ++slow_;
       AnswerText(handle, large);
-      released_.wait();
+      released_.Wait();
     }
   });
   ConnectOthers();
@@ -207,7 +207,7 @@ TEST_F(HttpServerLoanTest, ALargeAnswerIsFinishedThoughItsCallbackGoesOn) {
   LetOthersPass();
   std::thread releaser([&] {
     LetOthersPass();  // while the client reads: the socket takes more, and another thread sees it
-    released_.count_down();
+    released_.CountDown();
   });
   EXPECT_EQ(client.ReadReply().body.size(), large.size());
   releaser.join();
@@ -220,7 +220,7 @@ TEST_F(HttpServerLoanTest, AShutdownWaitsForASlowCallback) {
   // The callback is released only when the shutdown has begun.
   std::thread releaser([&] {
     EXPECT_TRUE(Eventually([this] { return !CanConnect(); }));
-    released_.count_down();
+    released_.CountDown();
   });
   CHttpServer::Shutdown(10000);
   EXPECT_EQ(over_, 1);

@@ -11,7 +11,6 @@
 #include <deque>
 #include <fstream>
 #include <functional>
-#include <latch>
 #include <mutex>
 #include <set>
 #include <string>
@@ -19,8 +18,12 @@
 #include <utility>
 #include <vector>
 
+#include "fakes/Latch.h"
+
 namespace TansyNet {
 namespace {
+
+using Tansy::Tests::CLatch;
 
 // A loop whose steps are functions, in the order in which they were posted.
 class LoopThreads : public ::testing::Test {
@@ -39,7 +42,7 @@ class LoopThreads : public ::testing::Test {
 
   // Makes a loan for the time of `action`, once one can be made, and tells whether one was made in a generous while.
   bool OnLoan(const std::function<void()>& action) {
-    std::latch done(1);
+    CLatch done(1);
     bool was_lent = false;
     std::function<void()> attempt = [&] {
       {
@@ -52,25 +55,25 @@ class LoopThreads : public ::testing::Test {
         }
       }
       if (was_lent || std::chrono::steady_clock::now() > limit_) {
-        done.count_down();
+        done.CountDown();
       } else {
         std::this_thread::yield();
         Post(attempt);
       }
     };
     Post(attempt);
-    done.wait();
+    done.Wait();
     return was_lent;
   }
 
   // Runs a step and waits for it.
   void Step(const std::function<void()>& step) {
-    std::latch done(1);
+    CLatch done(1);
     Post([&] {
       step();
-      done.count_down();
+      done.CountDown();
     });
-    done.wait();
+    done.Wait();
   }
 
   static std::int64_t Milliseconds(std::chrono::steady_clock::time_point since) {
@@ -80,18 +83,18 @@ class LoopThreads : public ::testing::Test {
 
   // Lends the leader until another thread leads, and returns the milliseconds from the loan's begin to the next loan.
   std::int64_t PauseAfterASlowLoan() {
-    std::latch released(1);
-    std::latch began(1);
+    CLatch released(1);
+    CLatch began(1);
     std::thread caller([&] {
       EXPECT_TRUE(OnLoan([&] {
-        began.count_down();
-        released.wait();
+        began.CountDown();
+        released.Wait();
       }));
     });
-    began.wait();
+    began.Wait();
     const auto begin = loan_began_;
     Step([] {});
-    released.count_down();
+    released.CountDown();
     caller.join();
     EXPECT_TRUE(OnLoan([] {}));
     return Milliseconds(begin);
@@ -156,17 +159,17 @@ TEST_F(LoopThreads, AQuickLoanKeepsTheLead) {
 
 TEST_F(LoopThreads, WhileALoanLastsAnotherThreadTakesTheLead) {
   threads_.Start();
-  std::latch released(1);
-  std::latch began(1);
+  CLatch released(1);
+  CLatch began(1);
   std::thread::id slow;
   std::thread caller([&] {
     EXPECT_TRUE(OnLoan([&] {
       slow = std::this_thread::get_id();
-      began.count_down();
-      released.wait();
+      began.CountDown();
+      released.Wait();
     }));
   });
-  began.wait();
+  began.Wait();
   const auto begin = loan_began_;
   // These would wait for ever without another leader.
   Step([&] {
@@ -179,14 +182,14 @@ TEST_F(LoopThreads, WhileALoanLastsAnotherThreadTakesTheLead) {
     const CLoopThreads::CLoan loan(threads_);
     EXPECT_FALSE(CLoopThreads::IsThreadLent() && Milliseconds(begin) < CLoopThreads::kShortestPauseMs);
   });
-  released.count_down();
+  released.CountDown();
   caller.join();
   Step([&] { EXPECT_NE(std::this_thread::get_id(), slow); });
 }
 
 TEST_F(LoopThreads, WhoLostTheLeadKnowsIt) {
   threads_.Start();
-  std::latch checked(1);
+  CLatch checked(1);
   std::atomic<bool> lead_passed_on{false};
   Post([&] {
     // Loans are made as soon as a follower is there.
@@ -200,31 +203,31 @@ TEST_F(LoopThreads, WhoLostTheLeadKnowsIt) {
       }
     }
     EXPECT_FALSE(threads_.IsLeader());
-    checked.count_down();
+    checked.CountDown();
   });
   Step([&] { lead_passed_on = true; });
-  checked.wait();
+  checked.Wait();
 }
 
 TEST_F(LoopThreads, ManySlowLoansAreSurvivedOneAfterAnother) {
   threads_.Start();
-  std::latch released(1);
+  CLatch released(1);
   std::set<std::thread::id> slow;
   std::mutex mutex;
   std::deque<std::thread> callers;
   for (std::size_t i = 0; i + 1 < CLoopThreads::kThreads; ++i) {
-    std::latch began(1);
+    CLatch began(1);
     callers.emplace_back([&] {
       EXPECT_TRUE(OnLoan([&] {
         {
           const std::lock_guard lock(mutex);
           slow.insert(std::this_thread::get_id());
         }
-        began.count_down();
-        released.wait();
+        began.CountDown();
+        released.Wait();
       }));
     });
-    began.wait();
+    began.Wait();
     Step([&] { EXPECT_TRUE(threads_.IsLeader()); });
   }
   EXPECT_EQ(slow.size(), CLoopThreads::kThreads - 1);
@@ -236,7 +239,7 @@ TEST_F(LoopThreads, ManySlowLoansAreSurvivedOneAfterAnother) {
       EXPECT_FALSE(CLoopThreads::IsThreadLent());
     });
   }
-  released.count_down();
+  released.CountDown();
   for (std::thread& caller : callers) {
     caller.join();
   }
@@ -287,42 +290,42 @@ TEST_F(LoopThreadsAtRest, ASlowLoanWakesTheThreadThatTakesTheLead) {
   threads_.Start();
   ASSERT_TRUE(OnLoan([] {}));  // there is a follower now
   ASSERT_TRUE(ComeToRest()) << "it looks for ever, though nothing is lent";
-  std::latch released(1);
-  std::latch began(1);
+  CLatch released(1);
+  CLatch began(1);
   std::thread caller([&] {
     EXPECT_TRUE(OnLoan([&] {
-      began.count_down();
-      released.wait();
+      began.CountDown();
+      released.Wait();
     }));
   });
-  began.wait();
+  began.Wait();
   std::atomic<bool> has_leader{false};
   Post([&] { has_leader = true; });
   while (!has_leader && std::chrono::steady_clock::now() < limit_) {
     std::this_thread::yield();
   }
   EXPECT_TRUE(has_leader) << "the loop stands still as long as the loan lasts";
-  released.count_down();
+  released.CountDown();
   caller.join();
 }
 #endif
 
 TEST_F(LoopThreads, TheEndWaitsForALoanThatLostTheLead) {
   threads_.Start();
-  std::latch released(1);
-  std::latch began(1);
+  CLatch released(1);
+  CLatch began(1);
   std::atomic<bool> is_over{false};
   std::thread caller([&] {
     OnLoan([&] {
-      began.count_down();
-      released.wait();
+      began.CountDown();
+      released.Wait();
       is_over = true;
     });
   });
-  began.wait();
+  began.Wait();
   Step([] {});
   Post({});
-  std::thread releaser([&] { released.count_down(); });
+  std::thread releaser([&] { released.CountDown(); });
   threads_.Join();
   EXPECT_TRUE(is_over);
   caller.join();

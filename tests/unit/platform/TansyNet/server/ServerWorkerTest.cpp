@@ -7,16 +7,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <latch>
 #include <memory>
 #include <string_view>
 #include <thread>
 #include <utility>
 
 #include "TansyNet/server/LoopThreads.h"
+#include "fakes/Latch.h"
 
 namespace TansyNet {
 namespace {
+
+using Tansy::Tests::CLatch;
 
 // A connection that has nothing but a deadline, which is over until OnDeadline was called.
 class CLateConnection final : public IServerConnection {
@@ -62,9 +64,9 @@ bool LoseTheLead(CServerWorker& worker) {
     const CLoopThreads::CLoan loan(worker.Threads());
     if (CLoopThreads::IsThreadLent()) {
       // Only another leader runs this.
-      const auto led = std::make_shared<std::latch>(1);
-      worker.Post([led] { led->count_down(); });
-      led->wait();
+      const auto led = std::make_shared<CLatch>(1);
+      worker.Post([led] { led->CountDown(); });
+      led->Wait();
       return true;
     }
     std::this_thread::yield();

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <future>
-#include <latch>
 #include <mutex>
 #include <new>
 #include <set>
@@ -18,6 +17,7 @@
 #include "StorageServer/ServerMsgLoop.h"
 #include "TansyCloudStorage/ObjectServer.h"
 #include "TansyCloudStorage/PictureServer.h"
+#include "fakes/Latch.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
@@ -606,11 +606,11 @@ TEST_F(CObjectServerReadTest, ManyBigDownloadsAtOnce) {
   NewObject(bucket_, "k", bytes);
   constexpr int kDownloads = 12;  // more than the loop has threads
   // The first read of each waits for the first reads of all others.
-  std::latch all(kDownloads);
+  CLatch all(kDownloads);
   std::atomic<int> reads{0};
   storage_.SetHook([&](const CFakeStorage::Call&) {
     if (reads++ < kDownloads) {
-      all.arrive_and_wait();
+      all.ArriveAndWait();
     }
   });
   std::vector<std::int32_t> handles;

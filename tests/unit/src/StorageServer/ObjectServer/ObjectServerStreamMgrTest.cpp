@@ -3,13 +3,13 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ObjectServerFixture.h"
 #include "StorageServer/ObjectServer/BigFileStreamMgr.h"
+#include "fakes/Latch.h"
 #include "fakes/ManualClock.h"
 
 namespace Tansy::Tests {
@@ -153,8 +153,8 @@ TEST_F(CObjectServerStreamMgrTest, DifferentStreamsAreStoredSideBySide) {
   const auto other = static_cast<std::uint32_t>(http_.NewHandle());
   ASSERT_TRUE(streams_.RegisterStream(id_));
   ASSERT_TRUE(streams_.RegisterStream(other));
-  std::latch both(2);
-  storage_.SetHook([&](const CFakeStorage::Call&) { both.arrive_and_wait(); });
+  CLatch both(2);
+  storage_.SetHook([&](const CFakeStorage::Call&) { both.ArriveAndWait(); });
   auto first = std::async(std::launch::async, [&] { return streams_.UploadStream(id_, "abc", 3, "b"); });
   EXPECT_TRUE(streams_.UploadStream(other, "de", 2, "b"));
   EXPECT_TRUE(first.get());
