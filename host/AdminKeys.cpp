@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "HostLog.h"
+#include "NewKeyRequest.h"
 #include "TansyNet/Operation.h"
 #include "TansyNet/S3Signing.h"
 #include "TansyProto/RapidJsonProto.h"
@@ -64,16 +65,9 @@ KeyAnswer ListKeys(const CKeys& keys) {
 }
 
 KeyAnswer AddKey(CKeys& keys, const std::string& body) {
-  CRapidJsonProto asked;
-  if (!asked.Parse(body)) {
-    return Problem(400, "send JSON");
-  }
   Key key;
-  key.name = asked.GetString("/name");
-  key.read_only = asked.GetString("/read_only") == "true";
-  key.expires = asked.GetInt("/expires", 0);
-  for (std::size_t i = 1; asked.Has("/buckets[" + std::to_string(i) + "]"); ++i) {
-    key.buckets.push_back(asked.GetString("/buckets[" + std::to_string(i) + "]"));
+  if (const std::string wrong = ReadNewKey(key, body); !wrong.empty()) {
+    return Problem(400, wrong);
   }
   if (const KeyOutcome outcome = keys.Add(key); outcome.problem != EKeyProblem::kNone) {
     return Problem(outcome);

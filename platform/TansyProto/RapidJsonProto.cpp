@@ -124,6 +124,22 @@ bool TextOf(const Value& value, std::string& text) {
   return true;
 }
 
+EJsonKind KindOf(const Value& value) {
+  if (value.IsNumber()) {
+    return value.IsInt64() ? EJsonKind::kInteger : EJsonKind::kOtherNumber;
+  }
+  if (value.IsBool()) {
+    return EJsonKind::kBoolean;
+  }
+  if (value.IsString()) {
+    return EJsonKind::kText;
+  }
+  if (value.IsArray()) {
+    return EJsonKind::kList;
+  }
+  return value.IsObject() ? EJsonKind::kObject : EJsonKind::kNull;
+}
+
 bool IsUtf8(std::string_view text) {
   return MakeCarriable(text, false) == text;
 }
@@ -239,6 +255,11 @@ bool CRapidJsonProto::Has(const std::string& path) const {
   return impl_ && impl_->Find(path) != nullptr;
 }
 
+EJsonKind CRapidJsonProto::GetKind(const std::string& path) const {
+  const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
+  return value != nullptr ? details::KindOf(*value) : EJsonKind::kMissing;
+}
+
 std::string CRapidJsonProto::GetString(const std::string& path, const std::string& missing) const {
   const rapidjson::Value* value = impl_ ? impl_->Find(path) : nullptr;
   std::string text;
@@ -263,6 +284,17 @@ std::vector<std::pair<std::string, std::string>> CRapidJsonProto::GetMembers(con
     }
   }
   return members;
+}
+
+std::vector<std::string> CRapidJsonProto::GetNames() const {
+  std::vector<std::string> names;
+  if (!impl_ || !impl_->document.IsObject()) {
+    return names;
+  }
+  for (const auto& member : impl_->document.GetObject()) {
+    names.emplace_back(member.name.GetString(), member.name.GetStringLength());
+  }
+  return names;
 }
 
 std::int64_t CRapidJsonProto::GetInt(const std::string& path, std::int64_t missing) const {

@@ -11,6 +11,10 @@
 
 namespace TansyProto {
 
+// What a value of a JSON document is. An integer is one that fits into 64 bits with its sign, written without fraction
+// and exponent.
+enum class EJsonKind { kMissing, kNull, kBoolean, kInteger, kOtherNumber, kText, kList, kObject };
+
 // A JSON document read and written by slash paths: "/A/B" is member B of member A of the root object; "/List[1]/PoolID"
 // is member PoolID of the first element (counted from 1) of the array List. Writing creates what is missing, in the
 // order of the calls; an index may be at most one beyond what exists. A path has at most 64 steps. Threads: one
@@ -30,6 +34,8 @@ class CRapidJsonProto {
   bool Parse(std::string_view text);
 
   bool Has(const std::string& path) const;
+  // Says what is there, for those who must not take one kind for another, as the next functions do.
+  EJsonKind GetKind(const std::string& path) const;
   // Gives a string member as it is, a number or boolean as its text (integers of 64 bits to the last digit, fractions
   // nearly), and `missing` otherwise.
   std::string GetString(const std::string& path, const std::string& missing = {}) const;
@@ -41,6 +47,8 @@ class CRapidJsonProto {
   // Gives the members of an object in their order, each as GetString would; it is empty when there is none at that
   // path. Members that are objects or arrays are left out.
   std::vector<std::pair<std::string, std::string>> GetMembers(const std::string& path) const;
+  // Gives the names of all members of the root object in their order; it is empty when the root is no object.
+  std::vector<std::string> GetNames() const;
 
   // Returns false, with the document as it was, when the path is malformed, skips an index, leads through a value that
   // is no object, or ends at an object or array. Bytes that are not UTF-8 are each written as U+FFFD.

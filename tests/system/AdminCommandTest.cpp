@@ -1,6 +1,4 @@
 // `tansy admin`: operators look at a running server and have it compare and mend, with the server's own keys.
-#include <openssl/sha.h>
-
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -14,17 +12,6 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-
-std::string Sha256(const std::string& bytes) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  ::SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-  std::string text;
-  for (const unsigned char byte : digest) {
-    constexpr const char* kDigits = "0123456789abcdef";
-    text += {kDigits[byte >> 4], kDigits[byte & 15]};
-  }
-  return text;
-}
 
 class AdminCommandTest : public CommandLineFixture {
  protected:

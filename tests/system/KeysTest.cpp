@@ -182,5 +182,20 @@ TEST_F(KeysTest, WhatIsWrongIsSaidInWords) {
   EXPECT_THAT(Failure(Key({"add", "x", "--expires", "2020-01-01"})), HasSubstr("still to come"));
 }
 
+// Anything else would make a key that may do more than was meant.
+TEST_F(KeysTest, ARequestThatIsNotUnderstoodMakesNoKey) {
+  const std::uint16_t port = server_.GetAdminPort();
+  for (const char* rights :
+       {R"("buckets":"photos")", R"("read_only":1)", R"("expires":"2037-01-31")", R"("bucket":["photos"])"}) {
+    const std::string body = std::string(R"({"name":"guest",)") + rights + "}";
+    S3Claim claim;
+    claim.payload = Sha256(body);
+    const Reply reply = Call(port, S3Signed({"POST", "/admin/keys", {}, body}, port, claim));
+    EXPECT_EQ(reply.status, 400) << rights << ": " << reply.body;
+    EXPECT_THAT(reply.body, HasSubstr(R"({"error":")")) << rights;
+  }
+  EXPECT_THAT(List(), Not(HasSubstr("guest")));
+}
+
 }  // namespace
 }  // namespace system_tests

@@ -23,13 +23,6 @@ std::string Hex(std::string_view bytes) {
   return text;
 }
 
-std::string Sha256(std::string_view text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned size = 0;
-  EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr);
-  return Hex({reinterpret_cast<const char*>(digest), size});
-}
-
 std::string Hmac(std::string_view key, std::string_view text) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned size = 0;
@@ -54,6 +47,13 @@ std::string Length(std::size_t size) {
 }
 
 }  // namespace
+
+std::string Sha256(std::string_view text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
+  EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr);
+  return Hex({reinterpret_cast<const char*>(digest), size});
+}
 
 Request S3Signed(Request request, std::uint16_t port, const S3Claim& claim, S3Chain* chain) {
   const Keys& keys = claim.keys;

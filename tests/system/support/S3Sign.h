@@ -11,6 +11,9 @@
 
 namespace system_tests {
 
+// Gives the digest in hexadecimal digits, as a request names it that signs its body.
+std::string Sha256(std::string_view text);
+
 // What a request says about its body and its time.
 struct S3Claim {
   std::string payload = "UNSIGNED-PAYLOAD";  // the value of x-amz-content-sha256

@@ -73,6 +73,36 @@ TEST(RapidJsonProtoTest, ListsTheMembersOfAnObject) {
   EXPECT_EQ(document.GetCount("/none"), 0U);
 }
 
+TEST(RapidJsonProtoTest, SaysOfWhichKindAValueIs) {
+  CRapidJsonProto document;
+  ASSERT_TRUE(document.Parse(
+      R"({"n":null,"t":true,"f":false,"i":-1,"most":9223372036854775807,"more":9223372036854775808,"d":1.0,"e":1e3,)"
+      R"("s":"1","l":[],"o":{},"in":[1,["x"]]})"));
+  EXPECT_EQ(document.GetKind("/none"), EJsonKind::kMissing);
+  EXPECT_EQ(document.GetKind("no path"), EJsonKind::kMissing);
+  EXPECT_EQ(document.GetKind("/n"), EJsonKind::kNull);
+  EXPECT_EQ(document.GetKind("/t"), EJsonKind::kBoolean);
+  EXPECT_EQ(document.GetKind("/f"), EJsonKind::kBoolean);
+  EXPECT_EQ(document.GetKind("/i"), EJsonKind::kInteger);
+  EXPECT_EQ(document.GetKind("/most"), EJsonKind::kInteger);
+  EXPECT_EQ(document.GetKind("/more"), EJsonKind::kOtherNumber);
+  EXPECT_EQ(document.GetKind("/d"), EJsonKind::kOtherNumber);
+  EXPECT_EQ(document.GetKind("/e"), EJsonKind::kOtherNumber);
+  EXPECT_EQ(document.GetKind("/s"), EJsonKind::kText);
+  EXPECT_EQ(document.GetKind("/l"), EJsonKind::kList);
+  EXPECT_EQ(document.GetKind("/o"), EJsonKind::kObject);
+  EXPECT_EQ(document.GetKind("/in[1]"), EJsonKind::kInteger);
+  EXPECT_EQ(document.GetKind("/in[2]"), EJsonKind::kList);
+}
+
+TEST(RapidJsonProtoTest, GivesTheNamesOfAllMembersOfTheRoot) {
+  CRapidJsonProto document;
+  ASSERT_TRUE(document.Parse(R"({"b":null,"a/b[1]":[1],"":{"inner":1},"b":2})"));
+  EXPECT_EQ(document.GetNames(), (std::vector<std::string>{"b", "a/b[1]", "", "b"}));
+  ASSERT_TRUE(document.Parse(R"(["b"])"));
+  EXPECT_TRUE(document.GetNames().empty());
+}
+
 TEST(RapidJsonProtoTest, WritesFractions) {
   CRapidJsonProto document;
   EXPECT_TRUE(document.SetNumber("/a", 0.0005));
