@@ -70,6 +70,29 @@ Key FromRow(const AccessKeyRow& row, const std::optional<CKeySeal>& seal) {
   return key;
 }
 
+std::vector<Key> FromRows(const std::vector<AccessKeyRow>& rows, const std::optional<CKeySeal>& seal) {
+  std::vector<Key> keys;
+  keys.reserve(rows.size());
+  for (const AccessKeyRow& row : rows) {
+    keys.push_back(FromRow(row, seal));
+  }
+  return keys;
+}
+
+// Gives the name of a key that the seal does not open; empty when it opens all.
+std::string FirstShut(const std::vector<Key>& keys) {
+  const auto shut = std::find_if(keys.begin(), keys.end(), [](const Key& key) { return key.secret_key.empty(); });
+  return shut == keys.end() ? "" : shut->name;
+}
+
+std::string CannotBeOpened(const std::string& name, const std::string& seal_path) {
+  return "key " + name + " cannot be opened: " + seal_path + " is missing, or not the one that sealed it";
+}
+
+KeyOutcome RefuseBeside(const std::string& shut, const std::string& seal_path) {
+  return {EKeyProblem::kFailed, CannotBeOpened(shut, seal_path) + ": bring that one here, or remove the key"};
+}
+
 bool IsName(const std::string& name) {
   const auto is_plain = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -143,12 +166,22 @@ void CKeys::OnTimer() {
   }
 }
 
-// The file may come later than the keys: an operator copies it.
-std::optional<CKeySeal> CKeys::Seal(std::string& error) {
-  if (!seal_.has_value()) {
-    seal_ = CKeySeal::Read(seal_path_, error);
+// The file may come later than the keys, or be replaced: an operator copies it. When it cannot be read, what was read
+// before goes on opening what it opens.
+std::vector<Key> CKeys::Open(const std::vector<AccessKeyRow>& rows, std::string& problem) {
+  std::vector<Key> keys = details::FromRows(rows, seal_);
+  if (details::FirstShut(keys).empty()) {
+    return keys;
   }
-  return seal_;
+  if (std::optional<CKeySeal> now = CKeySeal::Read(seal_path_, problem); now.has_value()) {
+    seal_ = std::move(now);
+    keys = details::FromRows(rows, seal_);
+  }
+  const std::string shut = details::FirstShut(keys);
+  if (!shut.empty() && problem.empty()) {
+    problem = details::CannotBeOpened(shut, seal_path_);
+  }
+  return keys;
 }
 
 bool CKeys::Load() {
@@ -158,14 +191,10 @@ bool CKeys::Load() {
     return false;
   }
   std::string problem;
-  const std::optional<CKeySeal> seal = rows.empty() ? std::nullopt : Seal(problem);
   std::map<std::string, Key> keys;
-  for (const AccessKeyRow& row : rows) {
-    Key key = details::FromRow(row, seal);
-    if (key.secret_key.empty() && problem.empty()) {
-      problem = "key " + key.name + " cannot be opened: " + seal_path_ + " is missing, or not the one that sealed it";
-    }
-    keys.emplace(row.name, std::move(key));
+  for (Key& key : Open(rows, problem)) {
+    const std::string name = key.name;
+    keys.emplace(name, std::move(key));
   }
   // Keys whose seal is missing are looked at again, because the file may be brought here at any time.
   is_loaded_ = problem.empty();
@@ -191,24 +220,46 @@ void CKeys::Publish() const {
   CloudStorage::SetS3Keys(known);
 }
 
+// What the next start finds in the file has to open all keys, so it is what seals a new one.
 KeyOutcome CKeys::Write(const Key& key) {
+  std::vector<AccessKeyRow> rows;
+  if (!GetAccessKeys(rows)) {
+    return {EKeyProblem::kFailed, "the database cannot be read: see the log"};
+  }
   std::string error;
-  std::optional<CKeySeal> seal = Seal(error);
+  std::optional<CKeySeal> seal = CKeySeal::Read(seal_path_, error);
   if (!seal.has_value() && error.empty()) {
-    if (!List().empty()) {
+    if (!rows.empty()) {
       return {EKeyProblem::kFailed, seal_path_ +
                                         " is missing, which sealed the keys that there are: bring it back, copy "
                                         "it from another node, or remove these keys"};
     }
-    seal = seal_ = CKeySeal::Make(seal_path_, error);
+    seal = CKeySeal::Make(seal_path_, error);
   }
   if (!seal.has_value()) {
     return {EKeyProblem::kFailed, error};
   }
-  const std::string sealed = seal->Seal(details::ToText(key), details::About(key.name, key.access_key));
+  if (const std::string shut = details::FirstShut(details::FromRows(rows, seal)); !shut.empty()) {
+    return details::RefuseBeside(shut, seal_path_);
+  }
+  seal_ = std::move(seal);
+  const std::string sealed = seal_->Seal(details::ToText(key), details::About(key.name, key.access_key));
   return AddAccessKey({key.name, key.access_key, sealed})
              ? KeyOutcome()
              : KeyOutcome{EKeyProblem::kFailed, "the database does not take the key: see the log"};
+}
+
+// Two nodes may make their first keys at once, each with a seal of its own. Whoever comes second sees both keys, and
+// takes its own back.
+KeyOutcome CKeys::KeepIfAllOpen(const std::string& name) {
+  const std::string shut = Load() ? details::FirstShut(List()) : "";
+  if (shut.empty()) {
+    return {};
+  }
+  if (!RemoveAccessKey(name) || !Load()) {
+    return {EKeyProblem::kFailed, "the database does not forget the key: see the log"};
+  }
+  return details::RefuseBeside(shut, seal_path_);
 }
 
 KeyOutcome CKeys::Add(Key& key) {
@@ -229,10 +280,7 @@ KeyOutcome CKeys::Add(Key& key) {
   key.secret_key = pair.secret_key;
   key.created = now;
   const KeyOutcome outcome = Write(key);
-  if (outcome.problem == EKeyProblem::kNone) {
-    Load();
-  }
-  return outcome;
+  return outcome.problem == EKeyProblem::kNone ? KeepIfAllOpen(key.name) : outcome;
 }
 
 KeyOutcome CKeys::Remove(const std::string& name) {

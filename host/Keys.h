@@ -15,6 +15,8 @@
 
 namespace Tansy::Host {
 
+struct AccessKeyRow;
+
 // A further key of the S3 server, beside the server's own pair.
 struct Key {
   std::string name;  // what people call it; no other key has it
@@ -64,13 +66,14 @@ class CKeys final : public TansyBase::CSingleBaseThread {
   bool Load();
   void Publish() const;
   KeyOutcome Write(const Key& key);
-  std::optional<CKeySeal> Seal(std::string& error);
+  KeyOutcome KeepIfAllOpen(const std::string& name);
+  std::vector<Key> Open(const std::vector<AccessKeyRow>& rows, std::string& problem);
 
   const std::string seal_path_;
   const bool is_shared_;
 
   std::mutex change_mutex_;       // held by whoever changes the keys, while it waits for the database too
-  std::optional<CKeySeal> seal_;  // guarded by change_mutex_
+  std::optional<CKeySeal> seal_;  // guarded by change_mutex_; as it was read or made last
   bool is_loaded_ = false;        // guarded by change_mutex_
   std::string last_problem_;      // guarded by change_mutex_; what the log says already
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "CatalogueFixture.h"
+#include "KeySeal.h"
 #include "TansyBase/TimeUtil.h"
 #include "TansyCloudStorage/S3Server.h"
 
@@ -171,6 +172,88 @@ TEST_F(KeysTest, WhatTheSealDoesNotOpenIsNoKeyAndIsNotLostEither) {
   Run("UPDATE platform.access_keys SET sealed = (SELECT sealed FROM platform.access_keys WHERE name = 'other') WHERE "
       "name = 'guest'");
   EXPECT_EQ(ReadAgain().front().secret_key, "") << "rights of another key";
+}
+
+// Two nodes each made a seal of their own, and an operator copies the one that is right.
+TEST_F(KeysTest, ASealThatIsReplacedIsReadAgain) {
+  Added(keys_, NewKey("old"));
+  EXPECT_EQ(keys_.Remove("old").problem, EKeyProblem::kNone);
+  CKeys node("seal-of-node", true);
+  node.Begin();
+  const Key guest = Added(node, NewKey("guest"));
+  EXPECT_EQ(keys_.Remove("none").problem, EKeyProblem::kMissing) << "it reads the keys";
+  EXPECT_THAT(Names(keys_), ElementsAre("guest"));
+  EXPECT_FALSE(keys_.Find(guest.access_key).has_value());
+  std::filesystem::copy_file("seal-of-node", "key-seal", std::filesystem::copy_options::overwrite_existing);
+  EXPECT_TRUE(Eventually([&] {
+    keys_.Wake();
+    return keys_.Find(guest.access_key).has_value();
+  }));
+  const Key later = Added(keys_, NewKey("later"));
+  EXPECT_EQ(ReadAgain().back().secret_key, later.secret_key);
+}
+
+TEST_F(KeysTest, ASealThatIsGoneWhileAnotherKeyDoesNotOpenTakesNoKeyAway) {
+  const Key mine = Added(keys_, NewKey("mine"));
+  Run("INSERT INTO platform.access_keys (name, access_key, sealed) VALUES ('strange', 'AK', '1:none')");
+  std::filesystem::remove("key-seal");
+  EXPECT_EQ(keys_.Remove("none").problem, EKeyProblem::kMissing);
+  EXPECT_THAT(Names(keys_), ElementsAre("mine", "strange"));
+  EXPECT_TRUE(keys_.Find(mine.access_key).has_value());
+}
+
+TEST_F(KeysTest, NoKeyIsSealedWhileAnotherOneDoesNotOpen) {
+  Added(keys_, NewKey("guest"));
+  // The file of the first node does not open what the second one has.
+  CKeys node("seal-of-node", true);
+  node.Begin();
+  std::filesystem::rename("key-seal", "elsewhere");
+  EXPECT_EQ(keys_.Remove("guest").problem, EKeyProblem::kNone);
+  const Key theirs = Added(node, NewKey("theirs"));
+  std::filesystem::rename("elsewhere", "key-seal");
+  Key other = NewKey("other");
+  const KeyOutcome outcome = keys_.Add(other);
+  EXPECT_EQ(outcome.problem, EKeyProblem::kFailed);
+  EXPECT_THAT(outcome.words, HasSubstr("key theirs cannot be opened"));
+  EXPECT_THAT(Names(keys_), ElementsAre("theirs"));
+  EXPECT_TRUE(node.Find(theirs.access_key).has_value());
+}
+
+// The next start has no other seal than the one in the file.
+TEST_F(KeysTest, NoKeyIsSealedWithASealThatIsNotInTheFile) {
+  const Key guest = Added(keys_, NewKey("guest"));
+  std::string error;
+  ASSERT_TRUE(CKeySeal::Make("key-seal", error).has_value()) << error;
+  Key other = NewKey("other");
+  EXPECT_EQ(keys_.Add(other).problem, EKeyProblem::kFailed);
+  EXPECT_THAT(Names(keys_), ElementsAre("guest"));
+  EXPECT_TRUE(keys_.Find(guest.access_key).has_value()) << "it is served as before";
+  EXPECT_EQ(keys_.Remove("guest").problem, EKeyProblem::kNone);
+  Added(keys_, NewKey("other"));
+  EXPECT_NE(ReadAgain().front().secret_key, "");
+  EXPECT_EQ(keys_.Remove("other").problem, EKeyProblem::kNone);
+  std::filesystem::remove("key-seal");
+  Added(keys_, NewKey("third"));
+  EXPECT_NE(ReadAgain().front().secret_key, "");
+}
+
+// Another node makes its first key between the look at the rows and the row that is added here.
+TEST_F(KeysTest, OfTwoFirstKeysWithTwoSealsNoneIsKeptHere) {
+  if (Tests::IsOnPostgresql()) {
+    Tests::CPostgresServer::Shared().Run(
+        "CREATE FUNCTION platform.beside() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF NEW.name = 'mine' THEN "
+        "INSERT INTO platform.access_keys (name, access_key, sealed) VALUES ('theirs', 'AK', '1:none'); END IF; "
+        "RETURN NEW; END $$; CREATE TRIGGER beside BEFORE INSERT ON platform.access_keys FOR EACH ROW EXECUTE "
+        "FUNCTION platform.beside()");
+  } else {
+    Run("CREATE TRIGGER platform.beside BEFORE INSERT ON access_keys WHEN NEW.name = 'mine' BEGIN INSERT INTO "
+        "access_keys (name, access_key, sealed) VALUES ('theirs', 'AK', '1:none'); END");
+  }
+  Key mine = NewKey("mine");
+  const KeyOutcome outcome = keys_.Add(mine);
+  EXPECT_EQ(outcome.problem, EKeyProblem::kFailed);
+  EXPECT_THAT(outcome.words, HasSubstr("key theirs cannot be opened"));
+  EXPECT_THAT(Names(keys_), ElementsAre("theirs"));
 }
 
 TEST_F(KeysTest, ChangesOfAnotherProcessCountSoon) {
