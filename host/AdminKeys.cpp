@@ -126,7 +126,7 @@ bool TakeKeyRequest(const std::shared_ptr<CKeys>& keys, std::int32_t handle, con
   TansyNet::BeginOperation(message.note, details::key_operation);
   const std::string name =
       is_one ? TansyNet::S3Signing::PercentDecode(std::string_view(message.url).substr(path.size() + 1)) : "";
-  keys->Post([keys = keys.get(), handle, method = message.method, name, body = message.body] {
+  const bool is_taken = keys->Post([keys = keys.get(), handle, method = message.method, name, body = message.body] {
     details::KeyAnswer answer;
     try {
       answer = details::AnswerTo(*keys, method, name, body == nullptr ? std::string() : *body);
@@ -136,6 +136,9 @@ bool TakeKeyRequest(const std::shared_ptr<CKeys>& keys, std::int32_t handle, con
     }
     details::Send(handle, answer);
   });
+  if (!is_taken) {
+    details::Send(handle, details::Problem(503, "too many requests wait for the database: try again later"));
+  }
   return true;
 }
 

@@ -18,6 +18,8 @@ namespace {
 
 // Keys that other nodes change count here after this time at the latest.
 constexpr std::uint32_t kPeriodMs = 2000;
+// A database that does not answer must not make the server keep requests without end.
+constexpr std::size_t kMostWaiting = 100;
 constexpr std::size_t kLongestName = 64;
 constexpr std::size_t kLongestBucketName = 255;
 constexpr std::size_t kMostBuckets = 1000;
@@ -139,29 +141,40 @@ void CKeys::Begin() {
   Start(details::kPeriodMs);
 }
 
-void CKeys::Post(std::function<void()> work) {
+bool CKeys::Post(std::function<void()> work) {
   {
     const std::lock_guard lock(mutex_);
+    if (work_.size() >= details::kMostWaiting) {
+      return false;
+    }
     work_.push_back(std::move(work));
   }
   Wake();
+  return true;
 }
 
+std::function<void()> CKeys::NextWork() {
+  const std::lock_guard lock(mutex_);
+  if (work_.empty()) {
+    return nullptr;
+  }
+  std::function<void()> work = std::move(work_.front());
+  work_.pop_front();
+  return work;
+}
+
+// Whoever stops this waits for no more than what runs: with a database that does not answer the rest would take too
+// long.
 void CKeys::OnTimer() {
-  for (;;) {
-    std::function<void()> work;
-    {
-      const std::lock_guard lock(mutex_);
-      if (work_.empty()) {
-        break;
-      }
-      work = std::move(work_.front());
-      work_.pop_front();
+  while (!IsStopping()) {
+    const std::function<void()> work = NextWork();
+    if (!work) {
+      break;
     }
     work();
   }
   const std::lock_guard change(change_mutex_);
-  if (is_shared_ || !is_loaded_) {
+  if (!IsStopping() && (is_shared_ || !is_loaded_)) {
     Load();
   }
 }

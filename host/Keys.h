@@ -48,8 +48,9 @@ class CKeys final : public TansyBase::CSingleBaseThread {
 
   // Reads the keys and begins to look for changes of others. A failure is logged, and repaired as soon as possible.
   void Begin();
-  // Runs this on the own thread, in order. What is posted after the end is forgotten.
-  void Post(std::function<void()> work);
+  // Runs this on the own thread, in order. What still waits when Stop comes, or is posted later, is forgotten. Returns
+  // false, and forgets it too, while 100 others wait.
+  [[nodiscard]] bool Post(std::function<void()> work);
 
   // `key` comes with name, buckets, read_only and expires, and gets the rest; the secret is never shown again.
   KeyOutcome Add(Key& key);
@@ -63,6 +64,7 @@ class CKeys final : public TansyBase::CSingleBaseThread {
   void OnTimer() override;
 
  private:
+  std::function<void()> NextWork();  // null: there is none
   bool Load();
   void Publish() const;
   KeyOutcome Write(const Key& key);

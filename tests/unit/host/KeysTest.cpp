@@ -1,6 +1,7 @@
 #include "Keys.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <future>
@@ -300,10 +301,50 @@ TEST_F(KeysTest, WorkRunsInOrderOnItsThread) {
   std::promise<std::vector<int>> done;
   std::vector<int> ran;
   for (int i = 0; i < 3; ++i) {
-    keys_.Post([&ran, i] { ran.push_back(i); });
+    EXPECT_TRUE(keys_.Post([&ran, i] { ran.push_back(i); }));
   }
-  keys_.Post([&] { done.set_value(ran); });
+  EXPECT_TRUE(keys_.Post([&] { done.set_value(ran); }));
   EXPECT_THAT(done.get_future().get(), ElementsAre(0, 1, 2));
+}
+
+// With a database that does not answer each of them would take long.
+TEST_F(KeysTest, NothingMoreIsDoneOnceItStops) {
+  CKeys shared("key-seal", true);
+  shared.Begin();
+  std::promise<void> all_wait;
+  int later = 0;
+  EXPECT_TRUE(shared.Post([&] {
+    all_wait.get_future().wait();
+    shared.Stop();
+    Added(keys_, NewKey("guest"));
+  }));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(shared.Post([&] { ++later; }));
+  }
+  all_wait.set_value();
+  EXPECT_TRUE(Eventually([&] { return !keys_.List().empty(); }));
+  shared.Stop();
+  EXPECT_EQ(later, 0);
+  EXPECT_THAT(shared.List(), IsEmpty()) << "nor does it look what others have changed";
+}
+
+TEST_F(KeysTest, NoMoreThanAHundredWait) {
+  std::promise<void> begun;
+  std::promise<void> release;
+  EXPECT_TRUE(keys_.Post([&] {
+    begun.set_value();
+    release.get_future().wait();
+  }));
+  begun.get_future().wait();
+  std::atomic<int> done{0};
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_TRUE(keys_.Post([&] { ++done; })) << i;
+  }
+  EXPECT_FALSE(keys_.Post([&] { ++done; }));
+  release.set_value();
+  EXPECT_TRUE(Eventually([&] { return done == 100; }));
+  EXPECT_TRUE(keys_.Post([&] { ++done; })) << "there is room again";
+  EXPECT_TRUE(Eventually([&] { return done == 101; }));
 }
 
 }  // namespace
