@@ -105,7 +105,6 @@ void CloseAgain() {
 
 [[noreturn]] void FailStart(const std::string& what) {
   const std::string reason = TansyNet::CHttpServer::LastError();
-  CloseAgain();
   throw CStartFailure(kExitFailed, what + " cannot be opened: " + (reason.empty() ? "see the log" : reason));
 }
 
@@ -175,7 +174,7 @@ CServer::~CServer() {
   if (admin_work_ != nullptr) {
     admin_work_->Stop();
   }
-  health_.reset();
+  EndHealth();
   keys_.reset();
   access_log_.reset();
   address_watch_.reset();
@@ -383,14 +382,14 @@ void CServer::Start() {
   ApplyLiveOptions();
   CloudStorage::StorageServerConfig_V1 config = MakeConfig(credentials);
   CloudStorage::ShareCatalogue(options_.node_name);
-  StartObjectServer(config);
-  keys_ = std::make_shared<CKeys>(details::kKeySealFile, lease_ != nullptr);
-  keys_->Begin();
-  StartS3Server(config);
-  StartPictureServer(config);
   try {
+    StartObjectServer(config);
+    keys_ = std::make_shared<CKeys>(details::kKeySealFile, lease_ != nullptr);
+    keys_->Begin();
+    StartS3Server(config);
+    StartPictureServer(config);
     StartAdminServer(credentials);
-  } catch (const CStartFailure&) {
+  } catch (...) {
     details::CloseAgain();
     throw;
   }
@@ -450,7 +449,6 @@ void CServer::StartObjectServer(CloudStorage::StorageServerConfig_V1 config) con
   }
   if (!CloudStorage::IsCatalogueLoaded()) {
     // Objects that could not be read would look as if they did not exist.
-    details::CloseAgain();
     throw CStartFailure(kExitFailed, "the catalogue in database " + db_layer::DescribeDatabase(options_.database) +
                                          " cannot be read: see the log");
   }
@@ -505,7 +503,7 @@ void CServer::Stop() {
   details::FinishRequests(details::kDrainMs);
   EndCheck();
   keys_->Stop();
-  health_.reset();
+  EndHealth();
   access_log_.reset();
   move_thread_.reset();
   // This comes last, because it may be busy for a while: by now no client waits for anything.

@@ -92,6 +92,7 @@ class CServer {
   db_layer::DBParam ServedDatabase() const;
   std::string ServedStorage() const;
   void EndCheck();
+  void EndHealth();
   void StartAdminServer(const CredentialPair& credentials);
   std::vector<CServerHealth::Probe> HealthProbes(const std::shared_ptr<CDiskFigures>& disk) const;
   MoveHost HostOfMove();
@@ -117,7 +118,7 @@ class CServer {
   std::vector<std::pair<std::string, std::string>> shown_settings_;  // in the console
   db_layer::DBParam served_database_;                                // after moves
   std::string served_storage_;
-  std::unique_ptr<CServerHealth> health_;   // null without an admin server
+  std::shared_ptr<CServerHealth> health_;   // null without an admin server
   std::shared_ptr<CAdminWork> admin_work_;  // null without an admin server
   std::unique_ptr<CAdminServer> admin_;     // null without one
   std::unique_ptr<CAddressWatch> address_watch_;

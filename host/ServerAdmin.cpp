@@ -11,6 +11,7 @@
 #include "Catalogue.h"
 #include "Certificate.h"
 #include "DiskFigures.h"
+#include "FiguresSource.h"
 #include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "OnlineCheck.h"
@@ -155,6 +156,14 @@ void CServer::EndCheck() {
   }
 }
 
+// Requests under way may still hold it, but it looks at nothing any more.
+void CServer::EndHealth() {
+  if (health_ != nullptr) {
+    health_->Stop();
+    health_.reset();
+  }
+}
+
 std::string CServer::ServedStorage() const {
   const std::scoped_lock lock(shown_mutex_);
   return served_storage_;
@@ -178,16 +187,10 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
       probe.look();  // so that the first who asks gets figures too
     }
   }
-  health_ = std::make_unique<CServerHealth>(std::move(probes));
+  health_ = std::make_shared<CServerHealth>(std::move(probes));
   health_->Begin();
   const std::int64_t start_time = TansyBase::TimeUtil::Now();
-  const auto source = [health = health_.get(), disk, start_time] {
-    MetricsSource figures;
-    figures.start_time = start_time;
-    disk->AddTo(figures);
-    figures.health = health->Report();
-    return figures;
-  };
+  const CAdminServer::Source source = MakeFiguresSource(health_, disk, start_time);
   AdminOptions options{port, options_.admin_listen, kCertificatePath, credentials, {}};
   admin_work_ = std::make_shared<CAdminWork>(source, lease_ != nullptr);
   options.signed_requests = [keys = keys_, work = admin_work_](std::int32_t handle, TansyNet::HttpServerRecv& message) {
@@ -214,7 +217,7 @@ void CServer::StartAdminServer(const CredentialPair& credentials) {
     }
     // Another tansyd of this machine has the usual port. That is no reason not to serve.
     options_.admin_port = 0;
-    health_.reset();
+    EndHealth();
     HOST_LOG(logging::kNotable, "[%s]%s: there is none, give admin-port a free port.[%s(%d)]", failure.what());
   }
 }
