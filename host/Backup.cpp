@@ -13,9 +13,7 @@
 #include "BackupWriter.h"
 #include "CatalogueFile.h"
 #include "Certificate.h"
-#include "HostDatabases.h"
 #include "HostSystem/Files.h"
-#include "MoveNames.h"
 #include "PrintableText.h"
 #include "RadosUrl.h"
 #include "RemovalHold.h"
@@ -38,8 +36,11 @@ constexpr const char* kKeySeal = "key-seal";  // opens the keys that the catalog
 constexpr std::size_t kMostKeySeal = 4096;
 constexpr std::size_t kMostCertificate = std::size_t{1} << 20;
 // A removal that had begun before the hold ends within this time.
-constexpr int kLooksForRemovals = 100;
+constexpr std::chrono::seconds kTimeOfRemovals{10};
 constexpr std::chrono::milliseconds kBetweenLooks{100};
+
+constexpr const char* kMissing = "missing";
+constexpr const char* kReplaced = "replaced";  // and freed, although nothing was to be freed
 
 [[noreturn]] void Refuse(const std::string& line) {
   throw CStartFailure(kExitFailed, line);
@@ -55,6 +56,19 @@ void ExpectFiles(const HostOptions& options) {
     Refuse(
         "the bytes are in a Ceph pool: copy the catalogue with sqlite3's .backup, then take a snapshot of the pool, in "
         "this order (docs/safety.md, Backups)");
+  }
+}
+
+// A server that does not see the lock of the backup frees bytes that the backup is about to read.
+void ExpectHoldIsSeen(const CDataFolder& data, IStoragePlace& place) {
+  if (HostSystem::IsOwnedByAnother(data.GetPath())) {
+    Refuse("data folder " + data.GetPath() +
+           " belongs to another user: make the backup as that user, so that the server sees it and frees nothing "
+           "meanwhile");
+  }
+  if (place.IsInUse() && !data.IsInUse()) {
+    Refuse(place.Describe() + " is in use by a tansyd with another data folder than " + data.GetPath() +
+           ": name that one with --data");
   }
 }
 
@@ -80,7 +94,7 @@ class CBackup {
 
  private:
   void FindEarlier() {
-    manifest_.store_id = ReadStoreId();
+    manifest_.store_id = ReadStoreId(options_.database);
     EarlierBackup found;
     found.name = folder_.FindNewest(found.manifest);
     if (found.name.empty()) {
@@ -103,22 +117,19 @@ class CBackup {
     }
   }
 
-  std::string ReadStoreId() const {
-    const auto database = OpenHostDatabase(options_.database, EDatabaseUse::kLook);
-    if (!database->QueryText("SELECT value FROM platform.host_values WHERE name = '" + std::string(kMoveId) + "'")
-             .empty()) {
-      Refuse("a move has begun: end it first, or forget it with tansyd move --cancel");
-    }
-    return database->QueryText("SELECT value FROM platform.host_values WHERE name = 'store_id'");
+  // Some systems rename no folder in which something is open, so the writer ends before that.
+  void Fill() {
+    const CRemovalHold hold;
+    Write();
+    folder_.Finish(manifest_);
   }
 
-  void Fill() {
+  void Write() {
     std::unique_ptr<HostSystem::IFolder> data;
     if (const int error = folder_.Root().OpenFolder(folder_.GetName() + "/" + kBackupData, data)) {
       Refuse("folder " + DataPath() + " cannot be used: " + HostSystem::ErrorText(error));
     }
     CBackupWriter writer(std::move(data), DataPath());
-    const CRemovalHold hold;
     CopyCatalogue();
     // What the copy names is in the store by now, and stays there.
     const std::unique_ptr<IObjectStore> store = FindStoragePlace(options_.storage)->Open(false, EStoreUse::kLook);
@@ -129,11 +140,15 @@ class CBackup {
     copied_bytes_ = bytes.CopiedBytes();
     linked_files_ = bytes.LinkedFiles();
     AddOthers(writer);
-    Finish(writer);
+    writer.SyncFolders();
+    CompleteManifest();
   }
 
   void CopyCatalogue() {
     CSqliteFile(options_.database.database, CSqliteFile::EAccess::kLook).CopyTo(CataloguePath());
+    if (ReadStoreId(SqliteParam(CataloguePath())) != manifest_.store_id) {
+      Refuse("the catalogue has been given to another store meanwhile: make the backup anew");
+    }
     KeepWhatLasts(CataloguePath());
   }
 
@@ -161,38 +176,59 @@ class CBackup {
   // A removal that had freed bytes when removals were held takes the row away too. Such objects are not in the backup.
   void SettleFindings(const CBackupBytes& bytes, IObjectStore& store) {
     findings_ = bytes.Findings();
-    std::set<std::string> gone;
-    for (int look = 0; look < kLooksForRemovals && HasMissing(); ++look) {
-      std::set<std::string> named;
-      CCatalogueFile(options_.database).VisitRows([&](const CatalogueRow& row) { named.insert(row.url); });
-      std::erase_if(findings_, [&](const auto& finding) {
-        const bool is_gone = !named.contains(finding.first);
-        if (is_gone) {
-          gone.insert(finding.first);
-        }
-        return is_gone;
-      });
-      if (HasMissing()) {
-        std::this_thread::sleep_for(kBetweenLooks);
-      }
+    DropPictures(store);
+    std::set<std::string> gone = WaitForRemovals();
+    for (const std::string& url : FindReplaced(CataloguePath(), options_.database, gone)) {
+      gone.erase(url);
+      findings_[url] = kReplaced;
     }
     if (!gone.empty()) {
       ForgetObjects(CataloguePath(), gone);
     }
-    DropPictures(store);
     ReportFindings();
   }
 
-  bool HasMissing() const {
+  // Takes out of the findings what is missing and is named by the live catalogue no longer, and gives it.
+  std::set<std::string> WaitForRemovals() {
+    std::set<std::string> gone;
+    const auto end = std::chrono::steady_clock::now() + kTimeOfRemovals;
+    TakeGone(gone);
+    while (Has(kMissing) && std::chrono::steady_clock::now() < end) {
+      std::this_thread::sleep_for(kBetweenLooks);
+      TakeGone(gone);
+    }
+    return gone;
+  }
+
+  void TakeGone(std::set<std::string>& gone) {
+    if (!Has(kMissing)) {
+      return;
+    }
+    std::set<std::string> named;
+    CCatalogueFile(options_.database).VisitRows([&](const CatalogueRow& row) {
+      if (findings_.contains(row.url)) {
+        named.insert(row.url);
+      }
+    });
+    std::erase_if(findings_, [&](const auto& finding) {
+      const bool is_gone = finding.second == kMissing && !named.contains(finding.first);
+      if (is_gone) {
+        gone.insert(finding.first);
+      }
+      return is_gone;
+    });
+  }
+
+  bool Has(const char* what) const {
     return std::any_of(findings_.begin(), findings_.end(),
-                       [](const auto& finding) { return finding.second == "missing"; });
+                       [what](const auto& finding) { return finding.second == what; });
   }
 
   // A picture that is gone meanwhile was never answered for.
   void DropPictures(const IObjectStore& store) {
     manifest_.pictures -= static_cast<std::uint64_t>(std::erase_if(findings_, [&store](const auto& finding) {
       StoredName name;
-      return finding.second == "missing" && ParseLocationText(finding.first, name) && store.IsPicture(name);
+      return finding.second == kMissing && ParseLocationText(finding.first, name) && store.IsPicture(name);
     }));
   }
 
@@ -207,6 +243,11 @@ class CBackup {
              << Printable(row.url) << '\n';
       }
     });
+    if (!order_.even_damaged && Has(kReplaced)) {
+      Refuse(
+          "the bytes of objects that were replaced meanwhile are gone, so the running tansyd does not see this backup: "
+          "make it in the data folder and as the user of that tansyd, or add --even-damaged");
+    }
     if (!order_.even_damaged) {
       Refuse("the bytes of " + std::to_string(findings_.size()) +
              " objects cannot be read whole: mend or remove these objects, or add --even-damaged");
@@ -235,14 +276,12 @@ class CBackup {
     manifest_.files.push_back(writer.WriteText(path, content));
   }
 
-  void Finish(CBackupWriter& writer) {
-    writer.SyncFolders();
+  void CompleteManifest() {
     std::sort(manifest_.files.begin(), manifest_.files.end(),
               [](const BackupFile& left, const BackupFile& right) { return left.path < right.path; });
     manifest_.made = TansyBase::TimeUtil::TimeT2StrUTCDatetime(TansyBase::TimeUtil::Now());
     manifest_.version = TANSY_VERSION;
     manifest_.schema = SqliteSchemaScripts().back().version;
-    folder_.Finish(manifest_);
   }
 
   int SumUp() {
@@ -274,12 +313,13 @@ class CBackup {
 }  // namespace
 }  // namespace details
 
-int MakeBackup(const BackupOrder& order, const HostOptions& options, const std::string& settings_path,
-               std::ostream& out) {
+int MakeBackup(const BackupOrder& order, const HostOptions& options, const CDataFolder& data,
+               const std::string& settings_path, std::ostream& out) {
   details::ExpectFiles(options);
   CCatalogueFile(options.database).TaskIds();  // fails here when the file is no catalogue
   const std::unique_ptr<IStoragePlace> place = FindStoragePlace(options.storage);
   MatchStoreIdentity(options.database, *place, EIdentity::kLook);
+  details::ExpectHoldIsSeen(data, *place);
   return details::CBackup(order, options, settings_path, out).Run();
 }
 

@@ -4,6 +4,7 @@
 #include <iosfwd>
 #include <string>
 
+#include "DataFolder.h"
 #include "Options.h"
 
 namespace Tansy::Host {
@@ -19,9 +20,10 @@ struct BackupOrder {
 // missing. What the newest backup in the folder has already is linked, not copied.
 //
 // Writes lines for people to `out`. Returns kExitDone, or kExitFindings when some objects are not whole in it. Throws
-// CStartFailure when no backup was made; nothing is left of it then.
-int MakeBackup(const BackupOrder& order, const HostOptions& options, const std::string& settings_path,
-               std::ostream& out);
+// CStartFailure when no backup was made; nothing is left of it then. That is so too when the server would not see that
+// a backup is being made: it has another data folder, or another user's lock in this one.
+int MakeBackup(const BackupOrder& order, const HostOptions& options, const CDataFolder& data,
+               const std::string& settings_path, std::ostream& out);
 
 }  // namespace Tansy::Host
 

@@ -90,9 +90,10 @@ void CBackupBytes::Take(const BackupNames& names) {
 }
 
 // When the earlier file is gone, or has as many names as its file system allows, it is copied.
-bool CBackupBytes::Link(const std::string& path) {
+// An earlier file that is short, too: what is stored may be whole again.
+bool CBackupBytes::Link(const std::string& path, std::uint32_t least) {
   const BackupFile* earlier = FindFile(earlier_.manifest, path);
-  if (earlier_.name.empty() || earlier == nullptr) {
+  if (earlier_.name.empty() || earlier == nullptr || earlier->size < least) {
     return false;
   }
   writer_.MakeFoldersTo(path);
@@ -109,7 +110,7 @@ bool CBackupBytes::Link(const std::string& path) {
 void CBackupBytes::TakeFile(const PackedStoredName& packed) {
   const StoredName name = UnpackName(packed);
   const std::string path = details::kObjects + FilePathOf(name);
-  if (!Link(path)) {
+  if (!Link(path, packed.size)) {
     CopyFile(name, path, packed.size);
   }
 }
@@ -139,7 +140,7 @@ void CBackupBytes::CopyFile(const StoredName& name, const std::string& path, std
 
 void CBackupBytes::TakeSegment(const SegmentBodies& bodies) {
   const std::string path = details::SegmentPath(bodies.segment);
-  if (IsInEarlier(bodies, path) && Link(path)) {
+  if (IsInEarlier(bodies, path) && Link(path, 0)) {
     return;
   }
   const std::string content = ContentOf(bodies);
@@ -158,7 +159,7 @@ bool CBackupBytes::IsInEarlier(const SegmentBodies& bodies, const std::string& p
   std::uint64_t needed = BodyFormat::kSegmentHeadBytes + BodyFormat::kIndexEndBytes;
   for (const PackedStoredName& packed : bodies.names) {
     BodyPlace place;
-    if (earlier_.bodies->Find(UnpackName(packed), place) != 0) {
+    if (earlier_.bodies->Find(UnpackName(packed), place) != 0 || place.size < packed.size) {
       return false;
     }
     needed += BodyFormat::RecordSpan(place.size) + BodyFormat::kIndexEntryBytes + 1;

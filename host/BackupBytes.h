@@ -44,7 +44,7 @@ class CBackupBytes {
   std::uint64_t LinkedFiles() const { return linked_files_; }
 
  private:
-  bool Link(const std::string& path);
+  bool Link(const std::string& path, std::uint32_t least);
   void TakeFile(const PackedStoredName& packed);
   void CopyFile(const StoredName& name, const std::string& path, std::uint32_t least);
   void TakeSegment(const SegmentBodies& bodies);

@@ -1,7 +1,12 @@
 #include "BackupCatalogue.h"
 
+#include <memory>
+
 #include "HostDatabase.h"
+#include "HostDatabases.h"
+#include "MoveNames.h"
 #include "SqliteFile.h"
+#include "StartFailure.h"
 
 namespace Tansy::Host {
 namespace details {
@@ -16,6 +21,34 @@ constexpr const char* kForgetReleased =
 
 }  // namespace
 }  // namespace details
+
+std::string ReadStoreId(const db_layer::DBParam& database) {
+  const auto catalogue = OpenHostDatabase(database, EDatabaseUse::kLook);
+  const std::string values = "SELECT value FROM platform.host_values WHERE name = ";
+  if (!catalogue->QueryText(values + QuotedText(kMoveId)).empty()) {
+    throw CStartFailure(kExitFailed, "a move has begun: end it first, or forget it with tansyd move --cancel");
+  }
+  return catalogue->QueryText(values + "'store_id'");
+}
+
+// An object that is replaced keeps its row. One that is removed and stored again has a new row, whose id is new.
+std::set<std::string> FindReplaced(const std::string& file, const db_layer::DBParam& live,
+                                   const std::set<std::string>& urls) {
+  std::set<std::string> replaced;
+  CSqliteFile copy(file, CSqliteFile::EAccess::kLook);
+  const auto catalogue = OpenHostDatabase(live, EDatabaseUse::kLook);
+  for (const std::string& url : urls) {
+    const std::string quoted = QuotedText(url);
+    const std::string id =
+        copy.QueryText("SELECT id AS value FROM platform.local_object WHERE url = " + quoted +
+                       " OR url IN (SELECT object_url FROM platform.local_upload_part WHERE url = " + quoted + ")");
+    if (!id.empty() &&
+        catalogue->QueryNumber("SELECT COUNT(*) AS value FROM platform.local_object WHERE id = " + id) > 0) {
+      replaced.insert(url);
+    }
+  }
+  return replaced;
+}
 
 void KeepWhatLasts(const std::string& file) {
   CSqliteFile database(file, CSqliteFile::EAccess::kChange);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Catalogue.h"
+#include "HostLog.h"
 #include "HostSystem/Files.h"
 #include "StartFailure.h"
 #include "TansyBase/FileUtil.h"
@@ -30,11 +31,21 @@ CRemovalHold::~CRemovalHold() {
   TansyBase::FileUtil::RemoveFile(details::kLockFile);
 }
 
-// Whoever asks has the lock for a moment, so two who ask at one time would each see the other.
+// Whoever asks has the lock for a moment, so two who ask at one time would each see the other. A lock that cannot be
+// looked at counts as held: bytes that stay too long can still be freed, and others are gone for ever.
 bool AreRemovalsHeld() {
   static std::mutex mutex;
+  static int last_error = 0;
   const std::lock_guard lock(mutex);
-  return HostSystem::CLockFile::IsTakenByAnybody(details::kLockFile);
+  bool is_taken = false;
+  const int error = HostSystem::CLockFile::Look(details::kLockFile, is_taken);
+  if (error != 0 && error != last_error) {
+    HOST_LOG(logging::kError,
+             "[%s]no bytes are freed, because %s cannot be read: %s; remove it when no backup is being made.[%s(%d)]",
+             details::kLockFile, HostSystem::ErrorText(error).c_str());
+  }
+  last_error = error;
+  return is_taken || error != 0;
 }
 
 bool FreeWhenReleased(const StoredName& name) {

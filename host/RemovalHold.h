@@ -21,7 +21,7 @@ class CRemovalHold {
   HostSystem::CLockFile lock_;
 };
 
-// Says whether bytes must stay. Threads: any.
+// Says whether bytes must stay, also when that cannot be found out. Threads: any.
 bool AreRemovalsHeld();
 
 // Has housekeeping free these bytes of an object when removals are held no longer. Returns false when the catalogue

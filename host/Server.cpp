@@ -311,7 +311,7 @@ int CServer::Backup(const CommandLine& command_line) {
     throw CStartFailure(kExitFailed, "several nodes share this storage: use pg_dump, then a snapshot of the storage");
   }
   const BackupOrder order{command_line.backup_path, command_line.backup_full, command_line.backup_even_damaged};
-  return MakeBackup(order, options_, settings_path_, std::cout);
+  return MakeBackup(order, options_, *data_folder_, settings_path_, std::cout);
 }
 
 int CServer::Move(const CommandLine& command_line) {

@@ -100,6 +100,10 @@ EPathKind GetPathKind(const std::string& path);
 // Returns true when others than the owner may read the file. On systems without such permissions it returns false.
 bool IsReadableByOthers(const std::string& path);
 
+// Returns true when the path belongs to another user than the one whom this process works for. On systems without such
+// owners it returns false.
+bool IsOwnedByAnother(const std::string& path);
+
 // Makes `path` absolute with the current folder.
 std::string AbsolutePath(const std::string& path);
 int ChangeFolder(const std::string& path);

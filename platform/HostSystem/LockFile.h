@@ -24,6 +24,9 @@ class CLockFile {
   // Says whether any process holds the lock of this file, without changing anything. The answer is false for a missing
   // file.
   static bool IsTakenByAnybody(const std::string& path);
+  // The same, for those who must not take a lock that they cannot look at for a free one: returns 0 and sets
+  // `is_taken`, or an errno value.
+  static int Look(const std::string& path, bool& is_taken);
 
  private:
   int Acquire(const std::string& path, bool is_shared);

@@ -87,7 +87,7 @@ class BackupTest : public MoveFixture {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(data, ignored)) {
       struct stat info = {};
       if (entry.is_regular_file() && ::stat(entry.path().c_str(), &info) == 0) {
-        files[std::filesystem::relative(entry.path(), data).string()] = info.st_ino;
+        files[entry.path().lexically_relative(data).string()] = info.st_ino;
       }
     }
     return files;
@@ -96,6 +96,14 @@ class BackupTest : public MoveFixture {
     for (const auto& [path, number] : Files(backup)) {
       if (path.find(part) != std::string::npos) {
         return Folder() + "/" + backup + "/data/" + path;
+      }
+    }
+    return "";
+  }
+  std::filesystem::path StoredFile() const {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
+      if (entry.is_regular_file()) {
+        return entry.path();
       }
     }
     return "";
@@ -214,6 +222,81 @@ TEST_F(BackupTest, WhatIsRemovedMeanwhileIsInItAndIsFreedAfterwards) {
   EXPECT_EQ(CountFiles(server_.Data("objects/fs01")), 1U);
   ::close(lock);
   EXPECT_TRUE(WaitUntil([&] { return CountFiles(server_.Data("objects/fs01")) == 0; }));
+}
+
+// A lock that the server cannot look at may be one of another user.
+TEST_F(BackupTest, BytesStayWhenTheServerCannotTellWhetherABackupIsBeingMade) {
+  ASSERT_TRUE(server_.Start(Serving({"--keep-failed", "1"})));
+  MakeBucket("b");
+  Put("/b/removed", RandomBytes(200000, 3));
+  std::filesystem::create_symlink("nowhere", server_.Data("backup.lock"));
+  EXPECT_EQ(Outcome(Send("DELETE", "/b/removed?deletefile")), "200");
+  EXPECT_EQ(CountFiles(server_.Data("objects/fs01")), 1U);
+  EXPECT_THAT(server_.GetLog(), HasSubstr("no bytes are freed, because backup.lock cannot be read"));
+  std::filesystem::remove(server_.Data("backup.lock"));
+  EXPECT_TRUE(WaitUntil([&] { return CountFiles(server_.Data("objects/fs01")) == 0; }));
+}
+
+TEST_F(BackupTest, ABackupThatTheServerWouldNotSeeIsRefused) {
+  const std::string storage = "file:" + temp_.Path("bytes");
+  const std::string database = "sqlite:" + server_.Data("catalogue.db");
+  ASSERT_TRUE(server_.Start(Serving({"--storage", storage})));
+  MakeBucket("b");
+  Put("/b/small", "small");
+  std::filesystem::create_directories(temp_.Path("wrong"));
+  const Ended wrong =
+      Run({"backup", Folder(), "--data", temp_.Path("wrong"), "--storage", storage, "--database", database});
+  EXPECT_EQ(wrong.code, 1) << wrong.out;
+  EXPECT_THAT(wrong.err, HasSubstr("with another data folder"));
+  const Ended right = Backup({"--storage", storage});
+  EXPECT_EQ(right.code, 0) << right.err;
+  EXPECT_TRUE(server_.Stop());
+  const Ended alone =
+      Run({"backup", Folder(), "--data", temp_.Path("wrong"), "--storage", storage, "--database", database});
+  EXPECT_EQ(alone.code, 0) << alone.err;
+}
+
+TEST_F(BackupTest, ABackupByAnotherUserIsRefused) {
+  FillALittle();
+  if (::chown(server_.Data().c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "this user cannot give a folder to another";
+  }
+  const Ended refused = Backup();
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_THAT(refused.err, HasSubstr("belongs to another user"));
+  ASSERT_EQ(::chown(server_.Data().c_str(), ::geteuid(), static_cast<gid_t>(-1)), 0);
+  MakeBackup();
+}
+
+// The bytes of what is replaced stay while a backup is made. Where they do not, that must not look like a removal.
+TEST_F(BackupTest, AnObjectThatIsReplacedAndFreedMeanwhileIsNoRemovedOne) {
+  ASSERT_TRUE(server_.Start());
+  MakeBucket("b");
+  for (const bool even_damaged : {false, true}) {
+    std::filesystem::remove_all(Folder());
+    Put("/b/replaced", RandomBytes(200000, 1));
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
+      if (entry.is_regular_file()) {
+        std::filesystem::remove(entry.path());
+      }
+    }
+    Put("/b/other", RandomBytes(200000, 2));
+    CTansyd command(temp_.GetPath(), "command" + std::to_string(even_damaged ? 1 : 0));
+    std::vector<std::string> arguments{"backup", Folder(), "--data", server_.Data()};
+    if (even_damaged) {
+      arguments.emplace_back("--even-damaged");
+    }
+    command.Begin(Command(arguments));
+    // Bytes are read when the catalogue has been copied.
+    EXPECT_TRUE(WaitUntil([&] {
+      return std::filesystem::exists(Folder()) && !Backups().empty() &&
+             !FileLike(Backups().front(), "objects/fs01/").empty();
+    }));
+    Put("/b/replaced", RandomBytes(200000, 3));
+    const Ended ended = command.WaitForEnd();
+    EXPECT_EQ(ended.code, even_damaged ? 3 : 1) << ended.out << command.GetErrors();
+    EXPECT_EQ(Backups().size(), even_damaged ? 1U : 0U);
+  }
 }
 
 TEST_F(BackupTest, WhatTheOneBeforeHasIsLinked) {
@@ -413,11 +496,7 @@ TEST_F(BackupTest, BackupsOfAnotherStoreAreNotMixedIn) {
 
 TEST_F(BackupTest, ObjectsThatAreNotWholeAreNamed) {
   FillALittle();
-  std::filesystem::path large;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(server_.Data("objects/fs01"))) {
-    large = entry.is_regular_file() ? entry.path() : large;
-  }
-  std::filesystem::resize_file(large, 1000);
+  std::filesystem::resize_file(StoredFile(), 1000);
   const Ended refused = Backup();
   EXPECT_EQ(refused.code, 1);
   EXPECT_THAT(refused.out, HasSubstr("short /b/large"));
@@ -425,6 +504,19 @@ TEST_F(BackupTest, ObjectsThatAreNotWholeAreNamed) {
   const Ended made = Backup({"--even-damaged"});
   EXPECT_EQ(made.code, 3);
   EXPECT_EQ(Backups().size(), 1U);
+  const Ended next = Backup();
+  EXPECT_EQ(next.code, 1) << "what is short in the one before is short in this one";
+  EXPECT_THAT(next.out, HasSubstr("short /b/large"));
+}
+
+TEST_F(BackupTest, SmallObjectsThatAreNotWholeAreNamedEachTime) {
+  FillALittle();
+  EXPECT_TRUE(server_.Stop());
+  Query(server_.Data("catalogue.db"), "UPDATE local_object SET size = 6 WHERE name = 'small'");
+  EXPECT_EQ(Backup({"--even-damaged"}).code, 3);
+  const Ended next = Backup();
+  EXPECT_EQ(next.code, 1) << "what is short in the one before is short in this one";
+  EXPECT_THAT(next.out, HasSubstr("short /b/small"));
 }
 
 TEST_F(BackupTest, WordsThatMakeNoSenseAreRefused) {

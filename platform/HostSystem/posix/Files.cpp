@@ -337,6 +337,11 @@ bool IsReadableByOthers(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0 && (info.st_mode & (S_IRGRP | S_IROTH)) != 0;
 }
 
+bool IsOwnedByAnother(const std::string& path) {
+  struct stat info = {};
+  return ::stat(path.c_str(), &info) == 0 && info.st_uid != ::geteuid();
+}
+
 std::string AbsolutePath(const std::string& path) {
   if (!path.empty() && path.front() == '/') {
     return path;

@@ -89,15 +89,22 @@ int CLockFile::Acquire(const std::string& path, bool is_shared) {
 }
 
 bool CLockFile::IsTakenByAnybody(const std::string& path) {
+  bool is_taken = false;
+  return Look(path, is_taken) == 0 && is_taken;
+}
+
+int CLockFile::Look(const std::string& path, bool& is_taken) {
+  is_taken = false;
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (descriptor < 0) {
-    return false;
+    return errno == ENOENT ? 0 : errno;
   }
   // A shared lock is seen by trying to have it alone, which somebody else who asks may prevent for a moment.
-  const bool is_taken = (::flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) ||
-                        (!details::LockForGood(descriptor, LOCK_EX) && errno == EWOULDBLOCK);
+  const bool is_had = ::flock(descriptor, LOCK_SH | LOCK_NB) == 0 && details::LockForGood(descriptor, LOCK_EX);
+  const int error = is_had ? 0 : errno;
   ::close(descriptor);
-  return is_taken;
+  is_taken = error == EWOULDBLOCK;
+  return is_taken ? 0 : error;
 }
 
 }  // namespace HostSystem

@@ -375,6 +375,10 @@ bool IsReadableByOthers(const std::string& /*path*/) {
   return false;
 }
 
+bool IsOwnedByAnother(const std::string& /*path*/) {
+  return false;
+}
+
 std::string AbsolutePath(const std::string& path) {
   const std::filesystem::path given = details::FromUtf8(path);
   return given.is_absolute() ? path : details::ToUtf8(std::filesystem::absolute(given));

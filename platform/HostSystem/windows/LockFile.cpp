@@ -65,14 +65,22 @@ int CLockFile::Acquire(const std::string& path, bool is_shared) {
 }
 
 bool CLockFile::IsTakenByAnybody(const std::string& path) {
+  bool is_taken = false;
+  return Look(path, is_taken) == 0 && is_taken;
+}
+
+int CLockFile::Look(const std::string& path, bool& is_taken) {
+  is_taken = false;
   const std::filesystem::path file(std::u8string(path.begin(), path.end()));
   const HANDLE handle = ::CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
-    return ::GetLastError() == ERROR_SHARING_VIOLATION;
+    is_taken = ::GetLastError() == ERROR_SHARING_VIOLATION;
+    const int error = is_taken ? 0 : LastErrno();
+    return error == ENOENT ? 0 : error;
   }
   ::CloseHandle(handle);
-  return false;
+  return 0;
 }
 
 }  // namespace HostSystem

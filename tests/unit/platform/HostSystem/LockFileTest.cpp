@@ -47,6 +47,23 @@ TEST(LockFileTest, SharersLetEachOtherInAndKeepOutWhoWantsItAlone) {
   EXPECT_EQ(CLockFile().Share(temp.Path("lock")), EBUSY);
 }
 
+TEST(LockFileTest, WhatCannotBeLookedAtIsNotCalledFree) {
+  const Tansy::Tests::CTempFolder temp;
+  bool is_taken = true;
+  EXPECT_EQ(CLockFile::Look(temp.Path("lock"), is_taken), 0);
+  EXPECT_FALSE(is_taken) << "it is missing";
+  {
+    CLockFile lock;
+    EXPECT_EQ(lock.Take(temp.Path("lock")), 0);
+    EXPECT_EQ(CLockFile::Look(temp.Path("lock"), is_taken), 0);
+    EXPECT_TRUE(is_taken);
+  }
+  EXPECT_EQ(CLockFile::Look(temp.Path("lock"), is_taken), 0);
+  EXPECT_FALSE(is_taken);
+  std::filesystem::create_symlink(temp.Path("lock"), temp.Path("link"));
+  EXPECT_EQ(CLockFile::Look(temp.Path("link"), is_taken), ELOOP) << "links are not followed";
+}
+
 TEST(LockFileTest, TheLockOfAKilledProcessIsFree) {
   const Tansy::Tests::CTempFolder temp;
   const pid_t child = ::fork();
