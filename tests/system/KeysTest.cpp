@@ -190,6 +190,7 @@ TEST_F(KeysTest, ARequestThatIsNotUnderstoodMakesNoKey) {
     const std::string body = std::string(R"({"name":"guest",)") + rights + "}";
     S3Claim claim;
     claim.payload = Sha256(body);
+    claim.service = "tansy-admin";
     const Reply reply = Call(port, S3Signed({"POST", "/admin/keys", {}, body}, port, claim));
     EXPECT_EQ(reply.status, 400) << rights << ": " << reply.body;
     EXPECT_THAT(reply.body, HasSubstr(R"({"error":")")) << rights;
